@@ -1,0 +1,195 @@
+#include "client/helper_process.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <random>
+#include <system_error>
+#include <thread>
+
+extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
+
+namespace lumora::client {
+namespace {
+
+struct Pipe {
+  Descriptor read;
+  Descriptor write;
+};
+
+Pipe makePipe() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+  return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+void ignoreBrokenPipes() {
+  struct sigaction current {};
+  sigaction(SIGPIPE, nullptr, &current);
+  if (current.sa_handler == SIG_DFL) std::signal(SIGPIPE, SIG_IGN);
+}
+
+std::vector<std::string> childEnvironment(const LaunchOptions& options) {
+  std::map<std::string, std::string> merged;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text(*entry);
+    const auto equals = text.find('=');
+    if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
+  }
+  for (const auto& [name, value] : options.environment) merged[name] = value;
+  if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
+  std::vector<std::string> result;
+  for (const auto& [name, value] : merged) result.push_back(name + "=" + value);
+  return result;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  for (std::string& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+pid_t spawn(const LaunchOptions& options, int input, int output) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  std::vector<std::string> arguments = {options.program};
+  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
+  std::vector<std::string> environment = childEnvironment(options);
+  pid_t pid = -1;
+  const int error = posix_spawn(&pid, options.program.c_str(), &actions, nullptr,
+                                pointers(arguments).data(), pointers(environment).data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) throw std::system_error(error, std::generic_category(), options.program);
+  return pid;
+}
+
+// Drops `count` bytes from the front of what is left to write.
+void advance(std::array<iovec, 2>& parts, std::size_t count) {
+  for (iovec& part : parts) {
+    const std::size_t taken = std::min(count, part.iov_len);
+    part.iov_base = static_cast<std::uint8_t*>(part.iov_base) + taken;
+    part.iov_len -= taken;
+    count -= taken;
+  }
+}
+
+bool writeAll(int descriptor, std::array<iovec, 2> parts) {
+  while (parts[0].iov_len + parts[1].iov_len > 0) {
+    const ssize_t count = writev(descriptor, parts.data(), static_cast<int>(parts.size()));
+    if (count >= 0) advance(parts, static_cast<std::size_t>(count));
+    else if (errno != EINTR) return false;
+  }
+  return true;
+}
+
+iovec part(std::span<const std::uint8_t> bytes) {
+  return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
+}
+
+}  // namespace
+
+std::string makeToken() {
+  static constexpr std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
+  std::random_device random;
+  std::string token(43, '\0');  // 258 bits
+  for (char& character : token) character = alphabet[random() % alphabet.size()];
+  return token;
+}
+
+HelperProcess::HelperProcess(const LaunchOptions& options) {
+  ignoreBrokenPipes();
+  Pipe input = makePipe();
+  Pipe output = makePipe();
+  pid_ = spawn(options, input.read.get(), output.write.get());
+  input_ = std::move(input.write);
+  output_ = std::move(output.read);
+}
+
+HelperProcess::~HelperProcess() {
+  if (status_) return;
+  sendSignal(SIGKILL);
+  wait(10);
+}
+
+bool HelperProcess::writeFrame(FrameSize size, std::uint64_t id,
+                               std::span<const std::uint8_t> rgba) {
+  const RecordHeaderBytes header = frameHeader(size, id);
+  return input_.isOpen() && writeAll(input_.get(), {part(header), part(rgba)});
+}
+
+bool HelperProcess::writeCommand(const Event& command) {
+  const std::string record = commandRecord(command.dump());
+  return writeBytes({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
+}
+
+bool HelperProcess::writeBytes(std::span<const std::uint8_t> bytes) {
+  return input_.isOpen() && writeAll(input_.get(), {part(bytes), iovec{nullptr, 0}});
+}
+
+std::optional<std::string> HelperProcess::nextLine(double timeoutSeconds) {
+  const Deadline deadline(timeoutSeconds);
+  for (;;) {
+    const auto feed = pending_.find('\n');
+    if (feed != std::string::npos) {
+      std::string line = pending_.substr(0, feed);
+      pending_.erase(0, feed + 1);
+      return line;
+    }
+    if (!output_.isOpen() || !waitReadable(output_.get(), deadline)) return std::nullopt;
+    std::array<char, 4096> bytes;
+    const ssize_t count = read(output_.get(), bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return std::nullopt;
+    pending_.append(bytes.data(), static_cast<std::size_t>(count));
+  }
+}
+
+std::optional<Event> HelperProcess::nextEvent(double timeoutSeconds) {
+  const auto line = nextLine(timeoutSeconds);
+  if (!line) return std::nullopt;
+  Event event = Event::parse(*line, nullptr, /*allow_exceptions=*/false);
+  if (event.is_discarded()) return std::nullopt;
+  return event;
+}
+
+std::optional<Event> HelperProcess::nextEvent(const std::string& type, double timeoutSeconds) {
+  const Deadline deadline(timeoutSeconds);
+  for (;;) {
+    auto event = nextEvent(deadline.millisecondsLeft() / 1000.0);
+    if (!event || event->value("type", "") == type) return event;
+  }
+}
+
+void HelperProcess::sendSignal(int signal) const {
+  if (!status_) kill(pid_, signal);
+}
+
+std::optional<ExitStatus> HelperProcess::wait(double timeoutSeconds) {
+  const Deadline deadline(timeoutSeconds);
+  while (!status_) {
+    int status = 0;
+    const pid_t ended = waitpid(pid_, &status, WNOHANG);
+    if (ended == pid_) {
+      status_ = WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0}
+                                  : ExitStatus{0, WTERMSIG(status)};
+    } else if (deadline.millisecondsLeft() == 0) {
+      return std::nullopt;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+  return status_;
+}
+
+}  // namespace lumora::client

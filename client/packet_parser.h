@@ -1,0 +1,53 @@
+#pragma once
+
+// Cuts the helper's TCP stream into packets and turns those into an H.264 byte stream. Pure: bytes
+// in, packets out.
+//
+//   0        4      5            13    14
+//   +--------+------+------------+-----+---------
+//   | length | type | frame id   | key | payload        length = 10 + payload bytes
+//   +--------+------+------------+-----+---------
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace lumora::client {
+
+struct Packet {
+  enum class Type : std::uint8_t { configuration = 1, frame = 2 };
+  Type type = Type::frame;
+  std::uint64_t frameID = 0;  // 0 in a configuration packet
+  bool keyframe = false;
+  std::vector<std::uint8_t> payload;
+};
+
+class PacketParser {
+ public:
+  void feed(std::span<const std::uint8_t> bytes);
+  // The next whole packet, or nothing until more bytes come. Throws std::runtime_error on a length
+  // or type that no helper sends.
+  std::optional<Packet> next();
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+  std::size_t consumed_ = 0;
+};
+
+// The payload of a configuration packet.
+struct StreamConfiguration {
+  int width = 0;   // pixels
+  int height = 0;  // pixels
+  std::vector<std::uint8_t> sequenceParameterSet;
+  std::vector<std::uint8_t> pictureParameterSet;
+};
+
+// Throws std::runtime_error when the payload is not a configuration.
+StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
+
+// The packet's NAL units behind start codes, as decoders and ".h264" files want them. Throws
+// std::runtime_error on a malformed payload.
+std::vector<std::uint8_t> toAnnexB(const Packet& packet);
+
+}  // namespace lumora::client

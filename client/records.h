@@ -1,0 +1,32 @@
+#pragma once
+
+// What a parent writes into the helper's standard input: a 16-byte header (length, width, height,
+// frame id, all big-endian) and the payload. Pure.
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+namespace lumora::client {
+
+using RecordHeaderBytes = std::array<std::uint8_t, 16>;
+
+struct FrameSize {
+  int width = 0;   // pixels, even
+  int height = 0;  // pixels, even
+  std::size_t bytes() const {
+    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
+  }
+};
+
+RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
+                               std::uint64_t id);
+
+// The header in front of width × height RGBA pixels, the bottom row of the picture first. Ids
+// start above 0 and grow.
+RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id);
+
+// A whole command record around its JSON text (1 to 4096 bytes).
+std::string commandRecord(const std::string& json);
+
+}  // namespace lumora::client

@@ -1,0 +1,44 @@
+#include "app/event.h"
+
+#include "app/limits.h"
+
+namespace lumora {
+namespace {
+
+bool continuesCharacter(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
+
+}  // namespace
+
+std::optional<std::string> eventLine(const Json& event) {
+  std::string text;
+  try {
+    text = event.dump();
+  } catch (const Json::exception&) {  // text that is not UTF-8
+    return std::nullopt;
+  }
+  std::string line;
+  line.reserve(text.size() + 32);
+  for (const char character : text) {
+    // Outside strings JSON has no slash, so every one found is part of a string.
+    if (character == '/') line.push_back('\\');
+    line.push_back(character);
+  }
+  if (line.size() >= maximumLineBytes) return std::nullopt;
+  line.push_back('\n');
+  return line;
+}
+
+Json errorEvent(const std::string& message) {
+  return {{"type", "error"}, {"message", firstCharacters(message, maximumMessageCharacters)}};
+}
+
+std::string firstCharacters(const std::string& text, std::size_t count) {
+  std::size_t end = 0;
+  for (std::size_t taken = 0; end < text.size(); ++end) {
+    if (continuesCharacter(text[end])) continue;
+    if (taken++ == count) break;
+  }
+  return text.substr(0, end);
+}
+
+}  // namespace lumora

@@ -1,0 +1,24 @@
+#pragma once
+
+// The text of the events that go to the parent. Pure.
+
+#include <optional>
+#include <string>
+
+#include "platform/json.h"
+
+namespace lumora {
+
+// One line with its line feed: compact JSON, sorted keys, "/" escaped. Nothing when the event
+// can't be serialised or its text is `maximumLineBytes` or longer.
+std::optional<std::string> eventLine(const Json& event);
+
+// The "error" event: `message` cut to its first 240 characters.
+Json errorEvent(const std::string& message);
+
+// The first `count` characters (code points) of UTF-8 text.
+std::string firstCharacters(const std::string& text, std::size_t count);
+
+constexpr std::size_t maximumMessageCharacters = 240;
+
+}  // namespace lumora

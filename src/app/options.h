@@ -1,0 +1,30 @@
+#pragma once
+
+// The configuration of one run, from the command line and the environment. Pure; read once at
+// launch.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace lumora {
+
+struct Configuration {
+  std::string host = "127.0.0.1";
+  std::uint16_t port = 0;  // 0: the system picks a free one
+  std::string token;
+  std::int64_t previewWidth = 640;
+  std::int64_t previewHeight = 360;
+  bool exactPreviewDimensions = false;  // the size was given, not defaulted
+};
+
+using Environment = std::map<std::string, std::string>;
+
+// The configuration that `arguments` (without the program's name) and `environment` describe;
+// nothing when any of it is invalid.
+std::optional<Configuration> options(const std::vector<std::string>& arguments,
+                                     const Environment& environment);
+
+}  // namespace lumora

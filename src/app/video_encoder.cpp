@@ -1,0 +1,109 @@
+// Construction, start, shutdown and end of the service.
+
+#include "app/video_encoder.h"
+
+#include <csignal>
+#include <utility>
+
+#include "app/event.h"
+#include "app/limits.h"
+
+namespace lumora {
+
+VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services)
+    : platform(std::move(services)),
+      host(configuration.host),
+      port(configuration.port),
+      token(configuration.token),
+      previewWidth(configuration.previewWidth),
+      previewHeight(configuration.previewHeight),
+      exactPreviewDimensions(configuration.exactPreviewDimensions) {}
+
+void VideoEncoder::start() {
+  const auto weak = weak_from_this();
+  listener = platform.network->makeListener(host, port);
+  listener->setConnectionHandler([weak](std::shared_ptr<TcpConnection> connection) {
+    if (const auto self = weak.lock()) self->accept(std::move(connection));
+  });
+  listener->setStateHandler([weak](ListenerState state) {
+    if (const auto self = weak.lock()) self->listenerChanged(state);
+  });
+  timer = platform.dispatch->makeTimer(serviceInterval, [weak] {
+    if (const auto self = weak.lock()) self->serviceTick();
+  });
+  for (const int signal : {SIGTERM, SIGINT}) {
+    signals.push_back(platform.process->onSignal(signal, [weak] {
+      if (const auto self = weak.lock()) self->shutdown(0);
+    }));
+  }
+  listener->start();
+}
+
+void VideoEncoder::listenerChanged(ListenerState state) {
+  if (!running) return;
+  if (state == ListenerState::failed) fail("video listener failed");
+  if (state != ListenerState::ready) return;
+  const std::uint16_t bound = listener->port();
+  if (bound == 0) {
+    fail("listener has no port");
+    return;
+  }
+  emit({{"type", "ready"},
+        {"port", bound},
+        {"recording_hd", true},
+        {"recording_mirror", true},
+        {"recording_width", mirroredRecordingWidth},
+        {"recording_height", mirroredRecordingHeight},
+        {"recording_profiles", true},
+        {"recording_timebase", true}});
+  emitStats(true);
+  platform.dispatch->runDetached([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->readFrames();
+  });
+}
+
+void VideoEncoder::serviceTick() {
+  if (!running) return;
+  sweepPeers();
+  emitStats(false);
+}
+
+void VideoEncoder::fail(const std::string& message) {
+  emit(errorEvent(message));
+  shutdown(1);
+}
+
+void VideoEncoder::shutdown(int code) {
+  if (!running || shutdownCode) return;
+  shutdownCode = code;
+  exitNow(code);
+}
+
+void VideoEncoder::exitNow(int code) {
+  if (!running) return;
+  running = false;
+  if (timer) timer->cancel();
+  if (listener) listener->cancel();
+  for (const auto& [id, peer] : peers) peer->connection->cancel();
+  peers.clear();
+  if (session) {
+    session->completeFrames();
+    session->invalidate();
+    session.reset();
+  }
+  resetRecordingSession();
+  for (const auto& signal : signals) signal->cancel();
+  platform.process->exit(code);
+}
+
+void VideoEncoder::emit(const Json& event) {
+  const auto line = eventLine(event);
+  if (!line) return;
+  const auto* text = reinterpret_cast<const std::uint8_t*>(line->data());
+  const ssize_t written = platform.process->writeOutput({text, line->size()});
+  // A full pipe loses the line, a short write its rest: the parent never slows the service down.
+  const bool broken = written < 0 && written != -EAGAIN && written != -EWOULDBLOCK;
+  if (broken && running) shutdown(0);
+}
+
+}  // namespace lumora

@@ -1,0 +1,156 @@
+#pragma once
+
+// The one service object. It holds the state of the whole helper; its operations are defined in
+// the folder of the subsystem they belong to. Everything runs on the state queue, without locks,
+// except where a comment says otherwise.
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "encode/raw_encoding_completion.h"
+#include "input/raw_frame.h"
+#include "platform/json.h"
+#include "platform/platform.h"
+#include "stream/peer.h"
+
+namespace lumora {
+
+struct FramePackets;
+struct RecordHeader;
+
+class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
+ public:
+  VideoEncoder(const Configuration& configuration, Platform platform);
+
+  // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
+  void start();
+  void shutdown(int code);
+  void exitNow(int code);
+  void emit(const Json& event);
+
+  // input/: `readFrames` blocks until the input ends, on the reader's own thread.
+  void readFrames();
+  void releaseRaw();
+
+  // encode/
+  void encode(const RawFrame& frame);
+  void resetRecordingSession();
+
+  // stream/: `deliver` throws EncoderFailure before any peer changes.
+  void accept(std::shared_ptr<TcpConnection> connection);
+  void remove(const std::shared_ptr<Peer>& peer);
+  void deliver(const EncodedSample& sample, std::uint64_t id);
+  void sweepPeers();
+
+  // diag/
+  void emitStats(bool force);
+
+ private:
+  friend struct VideoEncoderProbe;  // unit tests look inside
+
+  // app/
+  void listenerChanged(ListenerState state);
+  void serviceTick();
+  void fail(const std::string& message);  // "error" event and shutdown with 1
+
+  // input/
+  bool readExactly(MutableByteView space);
+  bool readCommand(const RecordHeader& header);
+  bool readFrame(const RecordHeader& header);
+  void stopReading(std::optional<std::string> message);
+  bool admitRaw();
+  bool isRawBusy();
+  void countDroppedRaw();
+
+  // encode/
+  std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,
+                                                         std::int64_t sessionHeight,
+                                                         bool recording, int targetFPS);
+  void encodePreview(const RawFrame& frame,
+                     const std::shared_ptr<RawEncodingCompletion>& completion);
+  void preparePreviewSession(const RawFrame& frame);
+  void previewEncoded(Status status, const EncodedSample* sample, double submitted,
+                      std::uint64_t id);
+
+  // stream/
+  std::size_t countPeers(bool authenticated) const;
+  void receive(const std::shared_ptr<Peer>& peer);
+  void received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended);
+  bool takeBytes(Peer& peer, ByteView bytes);
+  bool handleLine(Peer& peer);
+  bool authenticate(Peer& peer, const std::string& offered);
+  bool takeAcknowledgement(Peer& peer, std::uint64_t frameID);
+  void resynchronise(Peer& peer);
+  void sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets,
+                 std::uint64_t id);
+
+  // diag/
+  Json coreStatistics();
+  void addDiagnostics(Json& event) const;
+
+  double uptime() const { return platform.clock->uptime(); }
+
+  Platform platform;
+  std::string host;
+  std::uint16_t port;
+  std::string token;
+  std::shared_ptr<TcpListener> listener;
+  std::map<std::string, std::shared_ptr<Peer>> peers;
+  std::unique_ptr<TimerSource> timer;
+  std::vector<std::unique_ptr<SignalSource>> signals;
+
+  std::shared_ptr<CompressionSession> session;  // preview
+  std::int64_t width = 0;                       // of the preview session
+  std::int64_t height = 0;
+  std::int64_t previewWidth;  // as configured
+  std::int64_t previewHeight;
+  bool exactPreviewDimensions;
+
+  std::shared_ptr<CompressionSession> recordingSession;
+  std::optional<std::string> recordingSessionMovieID;
+  std::int64_t recordingWidth = 0;
+  std::int64_t recordingHeight = 0;
+  std::int64_t recordingSourceWidth = 0;
+  std::int64_t recordingSourceHeight = 0;
+  bool recordingForceIDR = true;
+  std::int64_t recordingOrdinal = 0;
+  std::uint64_t recordingEncodedFrames = 0;
+  double recordingEncodeMilliseconds = 0;
+  std::uint64_t recordingEncoderFailures = 0;
+  std::int64_t maximumMovieWorkObserved = 0;
+
+  bool forceIDR = true;
+  std::int64_t ordinal = 0;
+  bool running = true;
+  std::uint64_t encodedFrames = 0;
+  std::uint64_t droppedPeers = 0;
+  double encodeMilliseconds = 0;
+  double lastStats = 0;
+  double lastDiagnostics = -std::numeric_limits<double>::infinity();
+  std::uint64_t creditDrops = 0;
+  std::uint64_t sendDrops = 0;
+  std::uint64_t resyncWaitDrops = 0;
+  std::uint64_t idrResyncs = 0;
+  std::int64_t maxUnacknowledgedObserved = 0;
+  AcknowledgementFigures acknowledgements;
+
+  std::mutex admission;  // guards the next two, which the reader touches as well
+  bool rawBusy = false;
+  std::uint64_t droppedRaw = 0;
+
+  // Reader thread only.
+  std::shared_ptr<FrameBufferPool> frameBuffers = std::make_shared<FrameBufferPool>();
+  std::uint64_t lastFrameID = 0;
+
+  std::optional<int> shutdownCode;
+};
+
+}  // namespace lumora

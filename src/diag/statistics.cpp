@@ -1,0 +1,65 @@
+// The "stats" event: at most one a second on request, one at once when forced.
+
+#include <algorithm>
+
+#include "app/video_encoder.h"
+
+namespace lumora {
+namespace {
+
+constexpr double reportInterval = 1.0;  // seconds
+
+}  // namespace
+
+void VideoEncoder::emitStats(bool force) {
+  const double now = uptime();
+  if (!force && now - lastStats < reportInterval) return;
+  lastStats = now;
+  Json event = coreStatistics();
+  if (now - lastDiagnostics >= reportInterval) {
+    lastDiagnostics = now;
+    addDiagnostics(event);
+  }
+  emit(event);
+}
+
+Json VideoEncoder::coreStatistics() {
+  std::unique_lock hold(admission);
+  const std::uint64_t dropped = droppedRaw;
+  const bool busy = rawBusy;
+  hold.unlock();
+  return {{"type", "stats"},
+          {"clients", countPeers(true)},
+          {"pending_hello", countPeers(false)},
+          {"encoded_frames", encodedFrames},
+          {"dropped_raw", dropped},
+          {"dropped_peers", droppedPeers},
+          {"encode_ms", encodeMilliseconds},
+          {"encode_inflight", busy ? 1 : 0}};
+}
+
+void VideoEncoder::addDiagnostics(Json& event) const {
+  std::size_t pendingAcknowledgements = 0;
+  for (const auto& [id, peer] : peers) {
+    pendingAcknowledgements = std::max(pendingAcknowledgements, peer->unacknowledged.size());
+  }
+  event["credit_drops"] = creditDrops;
+  event["send_drops"] = sendDrops;
+  event["resync_wait_drops"] = resyncWaitDrops;
+  event["idr_resyncs"] = idrResyncs;
+  event["ack_rtt_ms"] = acknowledgements.acknowledgementRTT;
+  event["ack_oldest_ms"] = acknowledgements.acknowledgementOldest;
+  event["ack_rtt_max_ms"] = acknowledgements.acknowledgementRTTMaximum;
+  event["max_pending_acks"] = pendingAcknowledgements;
+  event["max_unacked_observed"] = maxUnacknowledgedObserved;
+  event["preview_width"] = width;
+  event["preview_height"] = height;
+  event["record_width"] = recordingWidth;
+  event["record_height"] = recordingHeight;
+  event["record_encoded_frames"] = recordingEncodedFrames;
+  event["record_encode_ms"] = recordingEncodeMilliseconds;
+  event["record_encoder_failures"] = recordingEncoderFailures;
+  event["max_movie_work_observed"] = maximumMovieWorkObserved;
+}
+
+}  // namespace lumora

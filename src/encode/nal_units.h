@@ -1,0 +1,64 @@
+#pragma once
+
+// Walks a length-prefixed H.264 sample:
+//
+//   +----------------+-----------------+----------------+-----
+//   | length N (4 BE)| N bytes of NAL  | length (4 BE)  | ...
+//   +----------------+-----------------+----------------+-----
+//
+// and tells whether it holds an IDR slice. It reads through a `fetch(offset, space)` that may
+// fail, since a sample's bytes belong to the platform.
+
+#include <array>
+#include <cstdint>
+
+#include "platform/bytes.h"
+
+namespace lumora {
+
+enum class NalWalkError {
+  none,
+  truncatedHeader,   // 1 to 3 bytes left where a length is due
+  badSize,           // length 0, unreadable, or past the end
+  unreadableHeader,  // the NAL header byte could not be read
+};
+
+struct NalWalk {
+  NalWalkError error = NalWalkError::none;
+  bool idr = false;
+};
+
+constexpr std::uint8_t nalTypeMask = 0x1F;
+constexpr std::uint8_t nalTypeIdrSlice = 5;
+
+template <typename Fetch>
+NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
+  NalWalk walk;
+  std::size_t offset = 0;
+  while (offset < length) {
+    if (length - offset < 4) return {NalWalkError::truncatedHeader, walk.idr};
+    std::array<std::uint8_t, 4> prefix{};
+    if (!fetch(offset, MutableByteView(prefix))) return {NalWalkError::badSize, walk.idr};
+    const std::size_t size = (std::size_t{prefix[0]} << 24) | (std::size_t{prefix[1]} << 16) |
+                             (std::size_t{prefix[2]} << 8) | std::size_t{prefix[3]};
+    offset += 4;
+    if (size == 0 || size > length - offset) return {NalWalkError::badSize, walk.idr};
+    std::array<std::uint8_t, 1> header{};
+    if (!fetch(offset, MutableByteView(header))) {
+      return {NalWalkError::unreadableHeader, walk.idr};
+    }
+    if ((header[0] & nalTypeMask) == nalTypeIdrSlice) walk.idr = true;
+    offset += size;
+  }
+  return walk;
+}
+
+// The same walk over bytes in memory.
+inline NalWalk walkNalUnits(ByteView sample) {
+  return walkNalUnits(sample.size(), [sample](std::size_t offset, MutableByteView space) {
+    for (std::size_t i = 0; i < space.size(); ++i) space[i] = sample[offset + i];
+    return true;
+  });
+}
+
+}  // namespace lumora

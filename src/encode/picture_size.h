@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+
+namespace lumora {
+
+struct PictureSize {
+  std::int64_t width = 0;   // pixels
+  std::int64_t height = 0;  // pixels
+  bool operator==(const PictureSize&) const = default;
+};
+
+// The size at which a camera picture is encoded for the preview: fitted into `preview`, never
+// enlarged, even; exactly `preview` when that was asked for and the rounding is all that differs.
+PictureSize previewEncodeSize(PictureSize camera, PictureSize preview, bool exact);
+
+struct PictureRectangle {
+  std::int64_t left = 0;
+  std::int64_t top = 0;
+  PictureSize size;
+};
+
+// The largest rectangle of the camera picture's proportions, centred in `buffer`.
+PictureRectangle fitRectangle(PictureSize camera, PictureSize buffer);
+
+}  // namespace lumora

@@ -1,0 +1,78 @@
+#include "encode/pixel_buffer.h"
+
+#include <cstring>
+
+#include "encode/encoder_failure.h"
+#include "encode/picture_size.h"
+
+namespace lumora {
+namespace {
+
+constexpr int allocationThreshold = 3;  // buffers of one pool in use at once
+constexpr std::ptrdiff_t bytesPerPixel = 4;
+
+// Keeps a buffer's memory locked for as long as it lives, so the encoder never sees it locked.
+class BufferLock {
+ public:
+  explicit BufferLock(PixelBuffer& buffer) : buffer_(buffer), view_(buffer.lock()) {}
+  ~BufferLock() { buffer_.unlock(); }
+  BufferLock(const BufferLock&) = delete;
+  BufferLock& operator=(const BufferLock&) = delete;
+
+  const MutableImageView& view() const { return view_; }
+
+ private:
+  PixelBuffer& buffer_;
+  MutableImageView view_;
+};
+
+void clearRows(const MutableImageView& view, std::int64_t from, std::int64_t to,
+               std::int64_t left, std::int64_t right) {
+  if (right <= left) return;
+  for (std::int64_t row = from; row < to; ++row) {
+    std::memset(view.pixels + row * view.stride + left * bytesPerPixel, 0,
+                static_cast<std::size_t>((right - left) * bytesPerPixel));
+  }
+}
+
+// Everything around `inner` becomes zero; the picture itself is about to be written.
+void clearBars(const MutableImageView& view, const PictureRectangle& inner) {
+  const std::int64_t bottom = inner.top + inner.size.height;
+  clearRows(view, 0, inner.top, 0, view.width);
+  clearRows(view, inner.top, bottom, 0, inner.left);
+  clearRows(view, inner.top, bottom, inner.left + inner.size.width, view.width);
+  clearRows(view, bottom, view.height, 0, view.width);
+}
+
+}  // namespace
+
+std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,
+                                         Placement placement, ImageConverter& images) {
+  PixelBufferPool* pool = session.pixelBufferPool();
+  if (pool == nullptr) throw EncoderFailure::message("no pixel buffer pool");
+  std::shared_ptr<PixelBuffer> buffer;
+  const Status status = pool->create(allocationThreshold, buffer);
+  if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
+
+  const BufferLock lock(*buffer);
+  const MutableImageView& whole = lock.view();
+  if (whole.pixels == nullptr) throw EncoderFailure::message("pixel buffer has no memory");
+
+  const PictureSize wholeSize{whole.width, whole.height};
+  PictureRectangle rectangle{0, 0, wholeSize};
+  if (placement == Placement::aspectFit) {
+    rectangle = fitRectangle({frame.width, frame.height}, wholeSize);
+    clearBars(whole, rectangle);
+  }
+  const ImageView source{frame.rgba.data(), frame.width, frame.height,
+                         frame.width * bytesPerPixel};
+  const MutableImageView destination{
+      whole.pixels + rectangle.top * whole.stride + rectangle.left * bytesPerPixel,
+      rectangle.size.width, rectangle.size.height, whole.stride};
+  if (!images.convert(source, destination)) {
+    throw EncoderFailure::message("RGBA conversion failed");
+  }
+  return buffer;
+}
+
+}  // namespace lumora

@@ -1,0 +1,97 @@
+// The reader: splits standard input into records and hands them to the state queue. It blocks in
+// `read` on a thread of its own, reads every payload whole (also of frames that nobody takes, so
+// that encoding never slows the parent down) and touches shared state only under `admission`.
+
+#include <array>
+
+#include "app/event.h"
+#include "app/limits.h"
+#include "app/video_encoder.h"
+#include "input/record_header.h"
+
+namespace lumora {
+
+void VideoEncoder::readFrames() {
+  std::array<std::uint8_t, recordHeaderBytes> bytes{};
+  for (;;) {
+    if (!readExactly(bytes)) return stopReading(std::nullopt);
+    const RecordHeader header = decodeRecordHeader(bytes);
+    if (!(header.isCommand() ? readCommand(header) : readFrame(header))) return;
+  }
+}
+
+bool VideoEncoder::readExactly(MutableByteView space) {
+  while (!space.empty()) {
+    const ssize_t count = platform.process->readInput(space);
+    if (count == -EINTR) continue;
+    if (count <= 0) return false;
+    space = space.subspan(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+bool VideoEncoder::readCommand(const RecordHeader& header) {
+  Bytes payload(isValidCommand(header) ? header.length : 0);
+  if (payload.empty() || !readExactly(payload)) {
+    stopReading("invalid recording command framing");
+    return false;
+  }
+  return true;
+}
+
+bool VideoEncoder::readFrame(const RecordHeader& header) {
+  if (!isValidFrame(header, lastFrameID)) {
+    stopReading("invalid raw frame header");
+    return false;
+  }
+  FrameBuffer rgba = frameBuffers->take(header.length);
+  if (!readExactly({rgba.data(), header.length})) {
+    stopReading("truncated raw frame");
+    return false;
+  }
+  lastFrameID = header.id;
+  if (!admitRaw()) return true;
+  const auto frame = std::make_shared<const RawFrame>(
+      RawFrame{header.width, header.height, header.id, std::move(rgba), uptime()});
+  platform.stateQueue->async([weak = weak_from_this(), frame] {
+    if (const auto self = weak.lock()) self->encode(*frame);
+  });
+  return true;
+}
+
+// Ends the reader: with an error event and status 1, or silently with 0 at the end of the input.
+void VideoEncoder::stopReading(std::optional<std::string> message) {
+  platform.stateQueue->async([weak = weak_from_this(), message = std::move(message)] {
+    const auto self = weak.lock();
+    if (!self) return;
+    if (message) self->fail(*message);
+    else self->shutdown(0);
+  });
+}
+
+bool VideoEncoder::admitRaw() {
+  const std::lock_guard hold(admission);
+  if (rawBusy) {
+    ++droppedRaw;
+    return false;
+  }
+  rawBusy = true;
+  return true;
+}
+
+void VideoEncoder::countDroppedRaw() {
+  const std::lock_guard hold(admission);
+  ++droppedRaw;
+}
+
+bool VideoEncoder::isRawBusy() {
+  const std::lock_guard hold(admission);
+  return rawBusy;
+}
+
+void VideoEncoder::releaseRaw() {
+  const std::lock_guard hold(admission);
+  rawBusy = false;
+}
+
+}  // namespace lumora

@@ -1,0 +1,42 @@
+#pragma once
+
+// Serial queues on Boost.Asio: one io_context and one thread per queue. Sockets, timers and
+// signals that belong to a queue live on its io_context.
+
+#include <boost/asio/io_context.hpp>
+#include <memory>
+#include <string>
+
+#include "platform/dispatch.h"
+
+namespace lumora {
+
+class AsioQueue final : public SerialQueue {
+ public:
+  explicit AsioQueue(const std::string& label);
+  // The thread finishes what was enqueued and ends by itself; it may be the one destroying us.
+  ~AsioQueue() override;
+  AsioQueue(const AsioQueue&) = delete;
+  AsioQueue& operator=(const AsioQueue&) = delete;
+
+  void async(Work work) override;
+  void asyncAfter(double seconds, Work work) override;
+  boost::asio::io_context& context();
+
+ private:
+  struct Core;
+  std::shared_ptr<Core> core_;
+};
+
+class AsioDispatch final : public Dispatch {
+ public:
+  explicit AsioDispatch(std::shared_ptr<AsioQueue> stateQueue);
+  std::shared_ptr<SerialQueue> makeQueue(const std::string& label) override;
+  std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override;
+  void runDetached(Work work) override;
+
+ private:
+  std::shared_ptr<AsioQueue> stateQueue_;
+};
+
+}  // namespace lumora

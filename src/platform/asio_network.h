@@ -1,0 +1,21 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/asio_dispatch.h"
+#include "platform/network.h"
+
+namespace lumora {
+
+class AsioNetwork final : public Network {
+ public:
+  explicit AsioNetwork(std::shared_ptr<AsioQueue> stateQueue);
+  // Refuses a host that is neither an address nor a possible name; whether a name resolves and the
+  // address can be bound shows after `start`.
+  std::shared_ptr<TcpListener> makeListener(const std::string& host, std::uint16_t port) override;
+
+ private:
+  std::shared_ptr<AsioQueue> stateQueue_;
+};
+
+}  // namespace lumora

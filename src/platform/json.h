@@ -1,0 +1,21 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "platform/bytes.h"
+
+namespace lumora {
+
+using Json = nlohmann::json;
+
+// Parses UTF-8 JSON text; nothing when it is not valid JSON. Never throws.
+std::optional<Json> parseJson(ByteView text);
+
+// The value under `key` of an object, or null when there is none.
+const Json* findValue(const Json& object, const char* key);
+
+// The text under `key` of an object, or null when it is absent or not a string.
+const std::string* findString(const Json& object, const char* key);
+
+}  // namespace lumora

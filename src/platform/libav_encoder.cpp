@@ -1,0 +1,201 @@
+#include "platform/libav_encoder.h"
+
+extern "C" {
+#include <libavutil/hwcontext.h>
+#include <libavutil/opt.h>
+}
+#include <libyuv.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "platform/annex_b.h"
+#include "platform/encoder_tuning.h"
+#include "platform/memory_sample.h"
+
+namespace lumora {
+namespace {
+
+constexpr std::uint8_t nalTypeMask = 0x1F;
+constexpr std::uint8_t nalSequenceParameterSet = 7;
+constexpr std::uint8_t nalPictureParameterSet = 8;
+constexpr std::uint8_t nalAccessUnitDelimiter = 9;
+
+bool accepts(const AVCodec& codec, AVPixelFormat format) {
+  for (const AVPixelFormat* entry = codec.pix_fmts; entry && *entry != AV_PIX_FMT_NONE; ++entry) {
+    if (*entry == format) return true;
+  }
+  return false;
+}
+
+// 4:2:0 in system memory where the encoder takes it, else NV12 through an upload.
+AVPixelFormat inputFormat(const AVCodec& codec) {
+  if (accepts(codec, AV_PIX_FMT_YUV420P)) return AV_PIX_FMT_YUV420P;
+  if (accepts(codec, AV_PIX_FMT_NV12)) return AV_PIX_FMT_NV12;
+  if (accepts(codec, AV_PIX_FMT_VAAPI)) return AV_PIX_FMT_VAAPI;
+  return AV_PIX_FMT_NONE;
+}
+
+void configure(AVCodecContext& context, const EncoderSettings& settings) {
+  context.width = settings.width;
+  context.height = settings.height;
+  context.time_base = {1, static_cast<int>(settings.frameRate)};
+  context.framerate = {static_cast<int>(settings.frameRate), 1};
+  context.gop_size = static_cast<int>(settings.keyFrameInterval);
+  context.max_b_frames = 0;
+  context.bit_rate = settings.bitRate;
+  context.rc_max_rate = settings.bitRate;
+  context.rc_buffer_size = static_cast<int>(settings.bitRate);  // one second
+  context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
+  context.thread_type = FF_THREAD_SLICE;
+  context.thread_count = sliceThreads(settings, std::thread::hardware_concurrency());
+  // libyuv's matrix and range; cameras deliver sRGB pixels.
+  context.color_primaries = AVCOL_PRI_BT709;
+  context.color_trc = AVCOL_TRC_IEC61966_2_1;
+  context.colorspace = AVCOL_SPC_SMPTE170M;
+  context.color_range = AVCOL_RANGE_MPEG;
+}
+
+}  // namespace
+
+Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
+                          std::unique_ptr<LibavEncoder>& encoder) {
+  std::unique_ptr<LibavEncoder> made(new LibavEncoder);
+  made->context_.reset(avcodec_alloc_context3(&codec));
+  made->packet_.reset(av_packet_alloc());
+  if (!made->context_ || !made->packet_) return AVERROR(ENOMEM);
+  AVCodecContext& context = *made->context_;
+  configure(context, settings);
+  context.pix_fmt = inputFormat(codec);
+  if (context.pix_fmt == AV_PIX_FMT_VAAPI) {
+    const Status status = made->openHardwareFrames();
+    if (status < 0) return status;
+  }
+  for (const auto& [name, value] : lowLatencyOptions(codec.name, settings)) {
+    const int status =
+        av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
+    if (status < 0) return status;
+  }
+  int status = avcodec_open2(&context, &codec, nullptr);
+  if (status < 0) return status;
+  status = made->allocatePicture();
+  if (status < 0) return status;
+  for (const ByteView unit :
+       splitAnnexB({context.extradata, static_cast<std::size_t>(context.extradata_size)})) {
+    const int type = unit[0] & nalTypeMask;
+    if (type == nalSequenceParameterSet) made->takeParameterSet(made->sequence_, unit);
+    if (type == nalPictureParameterSet) made->takeParameterSet(made->pictureSet_, unit);
+  }
+  encoder = std::move(made);
+  return 0;
+}
+
+Status LibavEncoder::openHardwareFrames() {
+  AVBufferRef* device = nullptr;
+  const int status =
+      av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, nullptr, nullptr, 0);
+  if (status < 0) return status;
+  device_.reset(device);
+  BufferRef frames(av_hwframe_ctx_alloc(device_.get()));
+  if (!frames) return AVERROR(ENOMEM);
+  auto& properties = *reinterpret_cast<AVHWFramesContext*>(frames->data);
+  properties.format = AV_PIX_FMT_VAAPI;
+  properties.sw_format = AV_PIX_FMT_NV12;
+  properties.width = context_->width;
+  properties.height = context_->height;
+  const int initialised = av_hwframe_ctx_init(frames.get());
+  if (initialised < 0) return initialised;
+  context_->hw_frames_ctx = frames.release();
+  uploaded_.reset(av_frame_alloc());
+  return uploaded_ ? 0 : AVERROR(ENOMEM);
+}
+
+Status LibavEncoder::allocatePicture() {
+  picture_.reset(av_frame_alloc());
+  if (!picture_) return AVERROR(ENOMEM);
+  picture_->format = uploaded_ ? AV_PIX_FMT_NV12 : context_->pix_fmt;
+  picture_->width = context_->width;
+  picture_->height = context_->height;
+  picture_->color_primaries = context_->color_primaries;
+  picture_->color_trc = context_->color_trc;
+  picture_->colorspace = context_->colorspace;
+  picture_->color_range = context_->color_range;
+  return av_frame_get_buffer(picture_.get(), 0);
+}
+
+Status LibavEncoder::load(const MutableImageView& view) {
+  // An encoder that still reads the last picture keeps it; the next one gets memory of its own.
+  if (av_frame_is_writable(picture_.get()) == 0) {
+    const Status status = allocatePicture();
+    if (status < 0) return status;
+  }
+  AVFrame& to = *picture_;
+  const int stride = static_cast<int>(view.stride);
+  const int converted =
+      to.format == AV_PIX_FMT_NV12
+          ? libyuv::ARGBToNV12(view.pixels, stride, to.data[0], to.linesize[0], to.data[1],
+                               to.linesize[1], to.width, to.height)
+          : libyuv::ARGBToI420(view.pixels, stride, to.data[0], to.linesize[0], to.data[1],
+                               to.linesize[1], to.data[2], to.linesize[2], to.width, to.height);
+  return converted == 0 ? 0 : AVERROR(EINVAL);
+}
+
+Status LibavEncoder::upload() {
+  av_frame_unref(uploaded_.get());
+  const int status = av_hwframe_get_buffer(context_->hw_frames_ctx, uploaded_.get(), 0);
+  if (status < 0) return status;
+  return av_hwframe_transfer_data(uploaded_.get(), picture_.get(), 0);
+}
+
+Status LibavEncoder::encodeLoaded(std::int64_t time, bool forceKeyFrame,
+                                  std::shared_ptr<const EncodedSample>& sample) {
+  if (uploaded_) {
+    const Status status = upload();
+    if (status < 0) return status;
+  }
+  AVFrame& frame = uploaded_ ? *uploaded_ : *picture_;
+  frame.pts = time;
+  frame.pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+  int status = avcodec_send_frame(context_.get(), &frame);
+  if (status < 0) return status;
+  status = avcodec_receive_packet(context_.get(), packet_.get());
+  if (status < 0) return status;
+  sample = makeSample({packet_->data, static_cast<std::size_t>(packet_->size)});
+  av_packet_unref(packet_.get());
+  return 0;
+}
+
+Status LibavEncoder::encode(const MutableImageView& picture, std::int64_t time, bool forceKeyFrame,
+                            std::shared_ptr<const EncodedSample>& sample) {
+  const Status status = load(picture);
+  return status < 0 ? status : encodeLoaded(time, forceKeyFrame, sample);
+}
+
+// Parameter sets travel in the format description, access unit delimiters not at all.
+std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
+  Bytes data;
+  data.reserve(stream.size() + 64);
+  for (const ByteView unit : splitAnnexB(stream)) {
+    const int type = unit[0] & nalTypeMask;
+    if (type == nalSequenceParameterSet) {
+      takeParameterSet(sequence_, unit);
+    } else if (type == nalPictureParameterSet) {
+      takeParameterSet(pictureSet_, unit);
+    } else if (type != nalAccessUnitDelimiter) {
+      appendLengthPrefixed(data, unit);
+    }
+  }
+  if (!format_) {
+    format_ = std::make_shared<MemoryFormatDescription>(sequence_, pictureSet_, context_->width,
+                                                        context_->height);
+  }
+  return std::make_shared<MemorySample>(std::move(data), format_);
+}
+
+void LibavEncoder::takeParameterSet(Bytes& kept, ByteView unit) {
+  if (std::ranges::equal(kept, unit)) return;
+  kept.assign(unit.begin(), unit.end());
+  format_.reset();
+}
+
+}  // namespace lumora

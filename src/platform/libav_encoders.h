@@ -1,0 +1,33 @@
+#pragma once
+
+// Chooses the H.264 encoder of this run and makes sessions with it. The choice is made once, on a
+// thread of its own from construction on: probing opens each candidate and encodes one picture
+// with it, which also pays the first encoder's set-up before the first frame comes.
+
+#include <future>
+#include <string>
+
+#include "platform/compression.h"
+
+struct AVCodec;
+
+namespace lumora {
+
+class LibavEncoders final : public Encoders {
+ public:
+  // `choice` is auto (hardware where there is one, else software), hardware, software, or the name
+  // of a libavcodec encoder; "" is auto.
+  explicit LibavEncoders(std::string choice);
+  Status createSession(std::int32_t width, std::int32_t height,
+                       const EncoderSpecification& specification,
+                       std::shared_ptr<CompressionSession>& session) override;
+
+ private:
+  std::shared_future<const AVCodec*> codec_;
+};
+
+// The encoder that `choice` means on this machine, or null when none opens. Takes up to tenths of
+// a second; any thread.
+const AVCodec* chooseEncoder(const std::string& choice);
+
+}  // namespace lumora

@@ -1,0 +1,23 @@
+#include "platform/memory_sample.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace lumora {
+
+MemoryFormatDescription::MemoryFormatDescription(Bytes sequence, Bytes picture, int width,
+                                                 int height)
+    : sets_{std::move(sequence), std::move(picture)}, width_(width), height_(height) {}
+
+ParameterSet MemoryFormatDescription::parameterSet(std::size_t index) const {
+  if (index >= std::size(sets_)) return {-EINVAL, {}, 0};
+  return {0, sets_[index], 4};
+}
+
+Status MemorySample::copyBytes(std::size_t offset, MutableByteView space) const {
+  if (offset > data_.size() || space.size() > data_.size() - offset) return -EINVAL;
+  std::ranges::copy(ByteView(data_).subspan(offset, space.size()), space.begin());
+  return 0;
+}
+
+}  // namespace lumora

@@ -1,0 +1,64 @@
+#pragma once
+
+// Plain TCP: a listener and its connections. Every handler runs on the state queue.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "platform/bytes.h"
+
+namespace lumora {
+
+enum class ConnectionState { failed, cancelled };
+
+class TcpConnection {
+ public:
+  // `bytes` live only during the call; `complete` is set when the peer closed its side.
+  using ReceiveHandler =
+      std::function<void(ByteView bytes, bool complete, std::error_code error)>;
+  using SendHandler = std::function<void(std::error_code error)>;
+  using StateHandler = std::function<void(ConnectionState)>;
+
+  virtual ~TcpConnection() = default;
+  // Replaces the state handler; an empty one clears it.
+  virtual void setStateHandler(StateHandler handler) = 0;
+  virtual void start() = 0;
+  // Arms one read of 1 to `maximum` bytes.
+  virtual void receive(std::size_t maximum, ReceiveHandler handler) = 0;
+  // Sends `parts` back to back as one message; the handler runs once the network stack has taken
+  // all bytes, or failed. At most one send at a time.
+  virtual void send(std::vector<SharedBytes> parts, SendHandler handler) = 0;
+  // Closes the connection. Outstanding handlers run with an error.
+  virtual void cancel() = 0;
+};
+
+enum class ListenerState { ready, failed, cancelled };
+
+class TcpListener {
+ public:
+  using StateHandler = std::function<void(ListenerState)>;
+  using ConnectionHandler = std::function<void(std::shared_ptr<TcpConnection>)>;
+
+  virtual ~TcpListener() = default;
+  virtual void setStateHandler(StateHandler handler) = 0;
+  virtual void setConnectionHandler(ConnectionHandler handler) = 0;
+  // Binds and listens; the outcome arrives at the state handler, never before this returns.
+  virtual void start() = 0;
+  // The bound port, or 0 while there is none.
+  virtual std::uint16_t port() const = 0;
+  virtual void cancel() = 0;
+};
+
+class Network {
+ public:
+  virtual ~Network() = default;
+  // A listener for `host` (address or name) and `port` (0: any), not yet started. Throws
+  // std::system_error when no listener can have these parameters.
+  virtual std::shared_ptr<TcpListener> makeListener(const std::string& host,
+                                                    std::uint16_t port) = 0;
+};
+
+}  // namespace lumora

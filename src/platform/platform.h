@@ -1,0 +1,27 @@
+#pragma once
+
+// Everything the service needs of the machine, as one value. Production fills it with the real
+// implementations (see system_platform.h), tests with fakes.
+
+#include <memory>
+
+#include "platform/clock.h"
+#include "platform/compression.h"
+#include "platform/dispatch.h"
+#include "platform/image.h"
+#include "platform/network.h"
+#include "platform/process.h"
+
+namespace lumora {
+
+struct Platform {
+  std::shared_ptr<SerialQueue> stateQueue;
+  std::shared_ptr<Clock> clock;
+  std::shared_ptr<Dispatch> dispatch;
+  std::shared_ptr<Process> process;
+  std::shared_ptr<Network> network;
+  std::shared_ptr<Encoders> encoders;
+  std::shared_ptr<ImageConverter> images;
+};
+
+}  // namespace lumora

@@ -1,0 +1,76 @@
+#include "platform/posix_process.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <boost/asio/signal_set.hpp>
+#include <cerrno>
+#include <utility>
+
+namespace lumora {
+namespace {
+
+// A full HD frame is 8 MB: with the default 64 KiB pipe it takes twice as long to come through.
+void enlargePipe(int descriptor) {
+#ifdef F_SETPIPE_SZ
+  constexpr int pipeBytes = 1 << 20;  // what an unprivileged process may ask for
+  fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
+#endif
+}
+
+class AsioSignal final : public SignalSource {
+ public:
+  AsioSignal(boost::asio::io_context& context, int signal, Work handler)
+      : state_(std::make_shared<State>(context, signal, std::move(handler))) {
+    State::arm(state_);
+  }
+  ~AsioSignal() override { cancel(); }
+  AsioSignal(const AsioSignal&) = delete;
+  AsioSignal& operator=(const AsioSignal&) = delete;
+
+  void cancel() override { state_->signals.cancel(); }
+
+ private:
+  struct State {
+    State(boost::asio::io_context& context, int signal, Work work)
+        : signals(context, signal), handler(std::move(work)) {}
+
+    static void arm(const std::shared_ptr<State>& state) {
+      state->signals.async_wait([state](const boost::system::error_code& error, int) {
+        if (error) return;
+        arm(state);
+        state->handler();
+      });
+    }
+
+    boost::asio::signal_set signals;
+    Work handler;
+  };
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace
+
+PosixProcess::PosixProcess(std::shared_ptr<AsioQueue> stateQueue)
+    : stateQueue_(std::move(stateQueue)) {
+  enlargePipe(STDIN_FILENO);
+}
+
+ssize_t PosixProcess::readInput(MutableByteView space) {
+  const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
+  return count < 0 ? -errno : count;
+}
+
+ssize_t PosixProcess::writeOutput(ByteView text) {
+  const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
+  return count < 0 ? -errno : count;
+}
+
+std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
+  return std::make_unique<AsioSignal>(stateQueue_->context(), signal, std::move(handler));
+}
+
+// No destructor may race the reader, which is blocked in `read`.
+void PosixProcess::exit(int code) { _exit(code); }
+
+}  // namespace lumora

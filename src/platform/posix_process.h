@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/asio_dispatch.h"
+#include "platform/process.h"
+
+namespace lumora {
+
+class PosixProcess final : public Process {
+ public:
+  // Enlarges the pipe on standard input where it is one.
+  explicit PosixProcess(std::shared_ptr<AsioQueue> stateQueue);
+  ssize_t readInput(MutableByteView space) override;
+  ssize_t writeOutput(ByteView text) override;
+  std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override;
+  void exit(int code) override;
+
+ private:
+  std::shared_ptr<AsioQueue> stateQueue_;
+};
+
+}  // namespace lumora

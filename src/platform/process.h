@@ -1,0 +1,34 @@
+#pragma once
+
+// The process itself: its standard streams, its signals and its end.
+
+#include <sys/types.h>
+
+#include <memory>
+
+#include "platform/bytes.h"
+#include "platform/dispatch.h"
+
+namespace lumora {
+
+// Runs its handler on the state queue whenever the signal arrives, until cancelled.
+class SignalSource {
+ public:
+  virtual ~SignalSource() = default;
+  virtual void cancel() = 0;
+};
+
+class Process {
+ public:
+  virtual ~Process() = default;
+  // Blocking read of standard input into `space`: bytes read, 0 at the end, or -errno.
+  // Reader thread only.
+  virtual ssize_t readInput(MutableByteView space) = 0;
+  // One write of `text` to standard output: bytes written or -errno. State queue only.
+  virtual ssize_t writeOutput(ByteView text) = 0;
+  virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
+  // Ends the process at once, without running destructors. State queue only.
+  virtual void exit(int code) = 0;
+};
+
+}  // namespace lumora

@@ -1,0 +1,241 @@
+// Highway compiles the part between HWY_BEFORE_NAMESPACE and HWY_AFTER_NAMESPACE once per
+// instruction set and picks one when the program runs.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "platform/resampler.cpp"
+#include <hwy/foreach_target.h>
+// Behind foreach_target.h, which includes this file again.
+#include <hwy/highway.h>
+
+#include <cstddef>
+#include <cstdint>
+
+HWY_BEFORE_NAMESPACE();
+namespace lumora {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+// sums[i] = Σ rows[k][i] × weights[k], as 10.6 fixed point, for i below `count` (bytes). `sums`
+// has room for one more vector.
+void sumRows(const std::uint8_t* const* HWY_RESTRICT rows,
+             const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t count,
+             std::int16_t* HWY_RESTRICT sums) {
+  const hn::ScalableTag<std::int16_t> d16;
+  const hn::Rebind<std::uint8_t, decltype(d16)> d8;
+  const std::size_t lanes = hn::Lanes(d16);
+  const auto sumAt = [&](std::size_t at) HWY_ATTR {
+    auto sum = hn::Zero(d16);
+    for (int k = 0; k < taps; ++k) {
+      // (v << 7) × (w << 14) >> 15 = v × w << 6, rounded.
+      const auto value = hn::ShiftLeft<7>(hn::PromoteTo(d16, hn::LoadU(d8, rows[k] + at)));
+      sum = hn::Add(sum, hn::MulFixedPoint15(value, hn::Set(d16, weights[k])));
+    }
+    return sum;
+  };
+  std::size_t i = 0;
+  for (; i + lanes <= count; i += lanes) hn::StoreU(sumAt(i), d16, sums + i);
+  if (i == count) return;
+  if (count >= lanes) {  // the last vector overlaps the one before
+    hn::StoreU(sumAt(count - lanes), d16, sums + count - lanes);
+    return;
+  }
+  for (; i < count; ++i) {
+    int sum = 0;
+    for (int k = 0; k < taps; ++k) sum += ((rows[k][i] << 7) * weights[k] + (1 << 14)) >> 15;
+    sums[i] = static_cast<std::int16_t>(sum);
+  }
+}
+
+// One destination row of `width` pixels: Σ along x of the column sums. `weights` holds `taps` × 4
+// values per pixel. Writes BGRA.
+#if HWY_TARGET == HWY_SCALAR
+void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
+                const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
+                std::uint8_t* HWY_RESTRICT row) {
+  static constexpr std::size_t swapped[4] = {2, 1, 0, 3};
+  for (std::size_t x = 0; x < width; ++x) {
+    const std::int16_t* from = sums + static_cast<std::size_t>(first[x]) * 4;
+    const std::int16_t* weight = weights + x * static_cast<std::size_t>(taps) * 4;
+    for (std::size_t channel = 0; channel < 4; ++channel) {
+      int sum = 1 << 19;
+      for (int k = 0; k < taps; ++k) sum += from[k * 4 + static_cast<int>(channel)] * weight[k * 4];
+      sum >>= 20;
+      row[x * 4 + swapped[channel]] =
+          static_cast<std::uint8_t>(sum < 0 ? 0 : (sum > 255 ? 255 : sum));
+    }
+  }
+}
+#else
+void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
+                const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
+                std::uint8_t* HWY_RESTRICT row) {
+  // 16 lanes are 4 pixels: as much as the narrowest kernel has taps.
+  const hn::CappedTag<std::int16_t, 16> d;
+  const hn::FixedTag<std::int16_t, 8> d128;
+  const hn::Repartition<std::int64_t, decltype(d128)> d64;
+  const hn::Rebind<std::uint8_t, decltype(d128)> d8;
+  const std::size_t lanes = hn::Lanes(d);
+  const std::size_t values = static_cast<std::size_t>(taps) * 4;
+
+  // Two pixels' worth of partial sums: even source pixels in the lower half, odd in the upper.
+  const auto partialSum = [&](std::size_t x) HWY_ATTR {
+    const std::int16_t* HWY_RESTRICT from = sums + static_cast<std::size_t>(first[x]) * 4;
+    const std::int16_t* HWY_RESTRICT weight = weights + x * values;
+    auto sum = hn::MulFixedPoint15(hn::LoadU(d, from), hn::LoadU(d, weight));
+    for (std::size_t k = lanes; k < values; k += lanes) {
+      sum = hn::Add(sum, hn::MulFixedPoint15(hn::LoadU(d, from + k), hn::LoadU(d, weight + k)));
+    }
+#if HWY_MAX_BYTES >= 32
+    return hn::Add(hn::LowerHalf(d128, sum), hn::UpperHalf(d128, sum));
+#else
+    return sum;
+#endif
+  };
+  const auto swapRedAndBlue = [&](auto pixels) HWY_ATTR {
+    alignas(16) static constexpr std::uint8_t order[16] = {2, 1, 0, 3, 6, 5, 4, 7,
+                                                           2, 1, 0, 3, 6, 5, 4, 7};
+    const hn::FixedTag<std::uint8_t, 16> dFull;
+    return hn::LowerHalf(d8, hn::TableLookupBytes(hn::Combine(dFull, pixels, pixels),
+                                                  hn::Load(dFull, order)));
+  };
+  // Sums are v × 2^5 here: 6 bits of fraction came in, 14 of the weight, and 15 were shifted out.
+  const auto pixelPair = [&](std::size_t x, std::size_t next) HWY_ATTR {
+    const auto a = hn::BitCast(d64, partialSum(x));
+    const auto b = hn::BitCast(d64, partialSum(next));
+    const auto both = hn::Add(hn::BitCast(d128, hn::InterleaveLower(d64, a, b)),
+                              hn::BitCast(d128, hn::InterleaveUpper(d64, a, b)));
+    const auto rounded = hn::ShiftRight<5>(hn::Add(both, hn::Set(d128, 16)));
+    return swapRedAndBlue(hn::DemoteTo(d8, rounded));
+  };
+  std::size_t x = 0;
+  for (; x + 2 <= width; x += 2) hn::StoreU(pixelPair(x, x + 1), d8, row + x * 4);
+  if (x < width) {
+    alignas(16) std::uint8_t pair[8];
+    hn::Store(pixelPair(x, x), d8, pair);
+    for (std::size_t channel = 0; channel < 4; ++channel) row[x * 4 + channel] = pair[channel];
+  }
+}
+
+#endif
+
+}  // namespace HWY_NAMESPACE
+}  // namespace lumora
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "platform/resampler.h"
+
+namespace lumora {
+namespace {
+
+HWY_EXPORT(sumRows);
+HWY_EXPORT(sumColumns);
+
+constexpr int weightOne = 1 << 14;
+constexpr double kernelSupport = 2;
+constexpr int lanesOfSlack = 64;  // the widest vector load may start at the last pixel
+
+// Catmull-Rom: interpolates exactly, sharp, with little ringing.
+double kernel(double x) {
+  x = std::abs(x);
+  if (x < 1) return (1.5 * x - 2.5) * x * x + 1;
+  if (x < 2) return ((-0.5 * x + 2.5) * x - 4) * x + 2;
+  return 0;
+}
+
+int roundUp(int value, int multiple) { return (value + multiple - 1) / multiple * multiple; }
+
+// Weights of one destination position, in fixed point; the largest takes the rounding error so
+// that they add up to exactly 1.
+void quantise(const std::vector<double>& exact, std::int16_t* weights) {
+  double total = 0;
+  for (const double weight : exact) total += weight;
+  int sum = 0;
+  std::size_t largest = 0;
+  for (std::size_t k = 0; k < exact.size(); ++k) {
+    const auto rounded = static_cast<std::int16_t>(std::lround(exact[k] / total * weightOne));
+    weights[k] = rounded;
+    sum += rounded;
+    if (exact[k] > exact[largest]) largest = k;
+  }
+  weights[largest] = static_cast<std::int16_t>(weights[largest] + weightOne - sum);
+}
+
+}  // namespace
+
+ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
+  const double step = static_cast<double>(source) / destination;
+  const double width = std::max(step, 1.0);  // of the kernel, in source positions
+  const double reach = kernelSupport * width;
+  ResampleAxis axis;
+  const int needed = std::min(static_cast<int>(std::ceil(2 * reach)), source);
+  axis.taps = roundUp(needed, tapMultiple);
+  axis.first.resize(static_cast<std::size_t>(destination));
+  axis.weights.resize(axis.first.size() * static_cast<std::size_t>(axis.taps));
+  std::vector<double> exact;
+  for (int i = 0; i < destination; ++i) {
+    const double centre = (i + 0.5) * step - 0.5;
+    const int from = static_cast<int>(std::floor(centre - reach)) + 1;
+    const int to = static_cast<int>(std::ceil(centre + reach)) - 1;
+    const int first = std::clamp(from, 0, source - needed);
+    exact.assign(static_cast<std::size_t>(axis.taps), 0.0);
+    for (int position = from; position <= to; ++position) {
+      // Beyond the edge the edge goes on, so its weight goes to the edge.
+      const int inside = std::clamp(position, 0, source - 1);
+      const int tap = std::clamp(inside - first, 0, needed - 1);
+      exact[static_cast<std::size_t>(tap)] += kernel((position - centre) / width);
+    }
+    axis.first[static_cast<std::size_t>(i)] = first;
+    quantise(exact, axis.weights.data() + std::ptrdiff_t{i} * axis.taps);
+  }
+  return axis;
+}
+
+Resampler::Resampler(const ImageView& source, const MutableImageView& destination)
+    : sourceWidth_(source.width),
+      sourceHeight_(source.height),
+      width_(destination.width),
+      height_(destination.height),
+      // 4 pixels are the horizontal step's vector.
+      horizontal_(makeResampleAxis(static_cast<int>(source.width),
+                                   static_cast<int>(destination.width), 4)),
+      vertical_(makeResampleAxis(static_cast<int>(source.height),
+                                 static_cast<int>(destination.height), 1)),
+      columnSums_(static_cast<std::size_t>(source.width) * 4 +
+                  static_cast<std::size_t>(horizontal_.taps) * 4 + lanesOfSlack),
+      rows_(static_cast<std::size_t>(vertical_.taps)) {
+  pixelWeights_.reserve(horizontal_.weights.size() * 4);
+  for (const std::int16_t weight : horizontal_.weights) {
+    pixelWeights_.insert(pixelWeights_.end(), 4, weight);
+  }
+}
+
+bool Resampler::matches(const ImageView& source, const MutableImageView& destination) const {
+  return sourceWidth_ == source.width && sourceHeight_ == source.height &&
+         width_ == destination.width && height_ == destination.height;
+}
+
+void Resampler::run(const ImageView& source, const MutableImageView& destination) {
+  for (std::int64_t y = 0; y < height_; ++y) {
+    const auto index = static_cast<std::size_t>(y);
+    for (std::size_t k = 0; k < rows_.size(); ++k) {
+      const auto row = vertical_.first[index] + static_cast<std::ptrdiff_t>(k);
+      rows_[k] = source.pixels + row * source.stride;
+    }
+    HWY_DYNAMIC_DISPATCH(sumRows)
+    (rows_.data(), vertical_.weights.data() + index * rows_.size(), vertical_.taps,
+     static_cast<std::size_t>(sourceWidth_) * 4, columnSums_.data());
+    HWY_DYNAMIC_DISPATCH(sumColumns)
+    (columnSums_.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
+     static_cast<std::size_t>(width_),
+     destination.pixels + (height_ - 1 - y) * destination.stride);
+  }
+}
+
+}  // namespace lumora
+
+#endif  // HWY_ONCE

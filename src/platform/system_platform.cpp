@@ -1,0 +1,24 @@
+#include "platform/system_platform.h"
+
+#include "platform/asio_dispatch.h"
+#include "platform/asio_network.h"
+#include "platform/libav_encoders.h"
+#include "platform/posix_process.h"
+#include "platform/system_image_converter.h"
+
+namespace lumora {
+
+Platform makeSystemPlatform(const std::string& h264Encoder) {
+  const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
+  Platform platform;
+  platform.stateQueue = stateQueue;
+  platform.clock = std::make_shared<SystemClock>();
+  platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
+  platform.process = std::make_shared<PosixProcess>(stateQueue);
+  platform.network = std::make_shared<AsioNetwork>(stateQueue);
+  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder);
+  platform.images = std::make_shared<SystemImageConverter>();
+  return platform;
+}
+
+}  // namespace lumora

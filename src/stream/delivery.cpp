@@ -1,0 +1,90 @@
+// Delivery of encoded preview frames. A frame that can't go to a peer at once is dropped for that
+// peer, never queued; the peer then gets nothing until the next key frame.
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "app/limits.h"
+#include "app/video_encoder.h"
+#include "stream/packet.h"
+
+namespace lumora {
+namespace {
+
+// A copy, so that a removal during a pass does not disturb it.
+std::vector<std::shared_ptr<Peer>> snapshot(
+    const std::map<std::string, std::shared_ptr<Peer>>& peers) {
+  std::vector<std::shared_ptr<Peer>> result;
+  result.reserve(peers.size());
+  for (const auto& [id, peer] : peers) result.push_back(peer);
+  return result;
+}
+
+}  // namespace
+
+void VideoEncoder::deliver(const EncodedSample& sample, std::uint64_t id) {
+  const FramePackets packets = prepareFrame(sample, id, width, height);
+  ++encodedFrames;
+  for (const auto& peer : snapshot(peers)) {
+    switch (chooseDelivery(*peer, packets.keyframe)) {
+      case DeliveryChoice::skip:
+        break;
+      case DeliveryChoice::dropForCredit:
+        ++creditDrops;
+        resynchronise(*peer);
+        break;
+      case DeliveryChoice::dropForSend:
+        ++sendDrops;
+        resynchronise(*peer);
+        break;
+      case DeliveryChoice::waitForKeyFrame:
+        ++resyncWaitDrops;
+        forceIDR = true;
+        break;
+      case DeliveryChoice::send:
+        sendFrame(peer, packets, id);
+        break;
+    }
+  }
+  emitStats(false);
+}
+
+void VideoEncoder::resynchronise(Peer& peer) {
+  if (!peer.awaitingIDR) ++idrResyncs;
+  peer.awaitingIDR = true;
+  forceIDR = true;
+}
+
+void VideoEncoder::sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets,
+                             std::uint64_t id) {
+  const double now = uptime();
+  peer->awaitingIDR = false;
+  peer->sending = true;
+  peer->sendStarted = now;
+  peer->lastSent = id;
+  peer->unacknowledged.push_back({id, now});
+  maxUnacknowledgedObserved = std::max(maxUnacknowledgedObserved,
+                                       static_cast<std::int64_t>(peer->unacknowledged.size()));
+  std::vector<SharedBytes> parts;
+  if (packets.configuration) parts.push_back(packets.configuration);
+  parts.push_back(packets.frame);
+  peer->connection->send(std::move(parts), [weak = weak_from_this(),
+                                            weakPeer = std::weak_ptr(peer)](std::error_code error) {
+    const auto self = weak.lock();
+    const auto to = weakPeer.lock();
+    if (!self || !to || !self->peers.contains(to->id)) return;
+    to->sending = false;
+    if (error) self->remove(to);
+  });
+}
+
+void VideoEncoder::sweepPeers() {
+  if (!running) return;
+  const double now = uptime();
+  for (const auto& peer : snapshot(peers)) {
+    if (isOverdue(*peer, now)) remove(peer);
+  }
+}
+
+}  // namespace lumora
