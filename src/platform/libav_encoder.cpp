@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavutil/hwcontext.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 }
 #include <libyuv.h>
@@ -60,6 +61,7 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
 
 Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
                           std::unique_ptr<LibavEncoder>& encoder) {
+  av_log_set_level(AV_LOG_QUIET);  // failures are reported where they matter, as events
   std::unique_ptr<LibavEncoder> made(new LibavEncoder);
   made->context_.reset(avcodec_alloc_context3(&codec));
   made->packet_.reset(av_packet_alloc());

@@ -1,9 +1,5 @@
 #include "platform/libav_encoders.h"
 
-extern "C" {
-#include <libavutil/log.h>
-}
-
 #include <thread>
 #include <utility>
 #include <vector>
@@ -52,7 +48,6 @@ const AVCodec* chooseEncoder(const std::string& choice) {
 }
 
 LibavEncoders::LibavEncoders(std::string choice) {
-  av_log_set_level(AV_LOG_QUIET);
   std::packaged_task<const AVCodec*()> choose(
       [choice = std::move(choice)] { return chooseEncoder(choice); });
   codec_ = choose.get_future().share();

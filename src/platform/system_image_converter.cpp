@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "platform/box_reduction.h"
+
 namespace lumora {
 namespace {
 
@@ -28,6 +30,10 @@ bool SystemImageConverter::convert(const ImageView& source, const MutableImageVi
                               static_cast<int>(destination.stride),
                               static_cast<int>(source.width),
                               -static_cast<int>(source.height)) == 0;
+  }
+  if (isStrongReduction(source, destination)) {
+    averageBoxes(source, destination);
+    return true;
   }
   resamplerFor(source, destination).run(source, destination);
   return true;

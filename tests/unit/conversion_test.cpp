@@ -1,0 +1,156 @@
+// Frame conversion with the real resampler and libyuv, and the real encoder behind a session.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+
+#include "encode/pixel_buffer.h"
+#include "platform/libav_encoder.h"
+#include "platform/system_image_converter.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+struct Pixel {
+  std::uint8_t b, g, r, a;
+  bool operator==(const Pixel&) const = default;
+};
+
+RawFrame makeFrame(int width, int height, std::uint8_t value) {
+  const auto pool = std::make_shared<FrameBufferPool>();
+  const auto bytes = static_cast<std::size_t>(width * height * 4);
+  RawFrame frame{width, height, 1, pool->take(bytes), 0};
+  std::fill_n(frame.rgba.data(), bytes, value);
+  return frame;
+}
+
+struct Converted {
+  std::shared_ptr<PixelBuffer> buffer;
+  Pixel at(std::int64_t x, std::int64_t y) const {
+    const MutableImageView view = buffer->lock();
+    const std::uint8_t* p = view.pixels + y * view.stride + x * 4;
+    return {p[0], p[1], p[2], p[3]};
+  }
+};
+
+Converted convert(const RawFrame& frame, int width, int height, Placement placement) {
+  FakeSession session(width, height);
+  SystemImageConverter images;
+  return {pixelBuffer(frame, session, placement, images)};
+}
+
+TEST(Conversion, EqualSizesSwapChannelsAndFlip) {
+  RawFrame frame = makeFrame(64, 48, 0);
+  const std::uint8_t pixel[] = {10, 20, 30, 40};
+  std::copy_n(pixel, 4, frame.rgba.data() + 5 * 4);
+  const Converted converted = convert(frame, 64, 48, Placement::stretch);
+  EXPECT_EQ(converted.at(5, 47), (Pixel{30, 20, 10, 40}));
+  EXPECT_EQ(converted.at(5, 0), (Pixel{0, 0, 0, 0}));
+}
+
+TEST(Conversion, ScalingSwapsAndFlipsAsWell) {
+  RawFrame frame = makeFrame(192, 108, 200);
+  for (int i = 0; i < 192 * 54; ++i) {  // the bottom half of the picture is red
+    const std::uint8_t red[] = {255, 0, 0, 255};
+    std::copy_n(red, 4, frame.rgba.data() + i * 4);
+  }
+  for (const auto& [width, height] :
+       {std::pair{64, 36}, {320, 180}, {63, 35}, {24, 200}, {10, 10}, {2, 2}, {1, 200}}) {
+    const Converted converted = convert(frame, width, height, Placement::stretch);
+    EXPECT_EQ(converted.at(width - 1, height - 1), (Pixel{0, 0, 255, 255})) << width;
+    EXPECT_EQ(converted.at(0, 0), (Pixel{200, 200, 200, 200})) << width;
+  }
+}
+
+TEST(Conversion, AspectFitLeavesZeroBars) {
+  const RawFrame frame = makeFrame(144, 108, 77);
+  const Converted wide = convert(frame, 192, 108, Placement::aspectFit);
+  for (const int y : {0, 54, 107}) {
+    for (const int x : {0, 23, 168, 191}) EXPECT_EQ(wide.at(x, y), (Pixel{0, 0, 0, 0}));
+    for (const int x : {24, 100, 167}) EXPECT_EQ(wide.at(x, y), (Pixel{77, 77, 77, 77}));
+  }
+  const Converted tall = convert(frame, 64, 100, Placement::aspectFit);
+  EXPECT_EQ(tall.at(63, 25), (Pixel{0, 0, 0, 0}));
+  EXPECT_EQ(tall.at(63, 26), (Pixel{77, 77, 77, 77}));
+  EXPECT_EQ(tall.at(0, 73), (Pixel{77, 77, 77, 77}));
+  EXPECT_EQ(tall.at(0, 74), (Pixel{0, 0, 0, 0}));
+}
+
+// What is left of a sine grating of `period` source pixels after scaling 3:1, 0 to 1.
+double amplitudeAfterReduction(double period, bool vertical) {
+  constexpr int size = 360;
+  RawFrame frame = makeFrame(size, size, 0);
+  for (int y = 0; y < size; ++y) {
+    for (int x = 0; x < size; ++x) {
+      const double phase = 2 * std::numbers::pi * (vertical ? y : x) / period;
+      const auto value = static_cast<std::uint8_t>(std::lround(127.5 + 100 * std::cos(phase)));
+      std::fill_n(frame.rgba.data() + (y * size + x) * 4, 4, value);
+    }
+  }
+  const Converted converted = convert(frame, size / 3, size / 3, Placement::stretch);
+  int least = 255;
+  int most = 0;
+  for (int i = 20; i < 100; ++i) {
+    const int value = vertical ? converted.at(60, i).g : converted.at(i, 60).g;
+    least = std::min(least, value);
+    most = std::max(most, value);
+  }
+  return (most - least) / 200.0;
+}
+
+TEST(Conversion, ReductionKeepsWhatFitsAndDoesNotAlias) {
+  for (const bool vertical : {false, true}) {
+    EXPECT_GT(amplitudeAfterReduction(24, vertical), 0.95);
+    EXPECT_GT(amplitudeAfterReduction(12, vertical), 0.8);
+    EXPECT_LT(amplitudeAfterReduction(4, vertical), 0.1);
+    EXPECT_LT(amplitudeAfterReduction(3.1, vertical), 0.03);  // would fold to a slow wave
+    EXPECT_LT(amplitudeAfterReduction(2.3, vertical), 0.1);
+  }
+}
+
+TEST(Resampler, WeightsAlwaysAddUpToOne) {
+  for (const auto& [source, destination] :
+       {std::pair{1920, 640}, {1080, 608}, {720, 1080}, {2, 640}, {640, 2}, {3, 2}, {1920, 1}}) {
+    const ResampleAxis axis = makeResampleAxis(source, destination, 4);
+    for (int i = 0; i < destination; ++i) {
+      int sum = 0;
+      for (int k = 0; k < axis.taps; ++k) {
+        const int weight = axis.weights[static_cast<std::size_t>(i * axis.taps + k)];
+        sum += weight;
+        if (weight != 0) {
+          EXPECT_LT(axis.first[static_cast<std::size_t>(i)] + k, source);
+        }
+      }
+      EXPECT_EQ(sum, 1 << 14);
+    }
+  }
+}
+
+TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
+  const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
+  ASSERT_NE(codec, nullptr);
+  for (const auto& [width, height] : {std::pair{640, 360}, {2, 2}, {202, 360}}) {
+    std::unique_ptr<LibavEncoder> encoder;
+    ASSERT_EQ(LibavEncoder::open(*codec, {.width = width, .height = height}, encoder), 0);
+    Bytes picture(static_cast<std::size_t>(width * height * 4), 90);
+    for (int time = 1; time <= 130; ++time) {
+      std::shared_ptr<const EncodedSample> sample;
+      const MutableImageView view{picture.data(), width, height, width * 4};
+      ASSERT_EQ(encoder->encode(view, time, time == 30, sample), 0);
+      Bytes data(sample->dataLength().value());
+      ASSERT_EQ(sample->copyBytes(0, data), 0);
+      const NalWalk walk = walkNalUnits(ByteView(data));
+      EXPECT_EQ(walk.error, NalWalkError::none);
+      // The first, the forced one, and every 60th after it.
+      EXPECT_EQ(walk.idr, time == 1 || time == 30 || time == 90) << time;
+      if (walk.idr) {
+        EXPECT_EQ(sample->format()->parameterSet(0).bytes[1], 66);  // profile_idc
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace lumora

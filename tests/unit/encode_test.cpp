@@ -1,0 +1,193 @@
+// The encode pipeline: who gets a frame, session settings and replacement, failures, release.
+
+#include <gtest/gtest.h>
+
+#include "encode/encoder_failure.h"
+#include "encode/picture_size.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+struct Encode : testing::Test {
+  void SetUp() override { probe.becomeReady(); }
+  std::string error() {
+    const auto events = probe.process->takeEvents("error");
+    return events.empty() ? "" : events.at(0)["message"].get<std::string>();
+  }
+  VideoEncoderProbe probe;
+};
+
+TEST_F(Encode, AFrameNobodyNeedsIsCountedAndReleased) {
+  probe.connect();  // not authenticated
+  probe.feed(1);
+  EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_TRUE(probe.encoders->sessions.empty());
+  EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
+}
+
+TEST_F(Encode, PreviewSessionHasTheFixedSettings) {
+  probe.connectClient();
+  probe.feed(1, 1920, 1080);
+  const FakeSession& session = probe.lastSession();
+  EXPECT_EQ(session.size, (PictureSize{640, 360}));
+  const std::map<SessionProperty, PropertyValue> expected = {
+      {SessionProperty::realTime, true},
+      {SessionProperty::allowFrameReordering, false},
+      {SessionProperty::profileLevel, ProfileLevel::baselineAuto},
+      {SessionProperty::expectedFrameRate, std::int64_t{60}},
+      {SessionProperty::maxKeyFrameInterval, std::int64_t{60}},
+      {SessionProperty::maxKeyFrameIntervalDuration, 1.0},
+      {SessionProperty::averageBitRate, std::int64_t{4000000}}};
+  EXPECT_EQ(session.properties, expected);
+}
+
+TEST_F(Encode, ReleasesTheFrameWhenItsEncodeIsDoneAndMeasuresIt) {
+  const auto client = probe.connectClient();
+  probe.feed(1);
+  EXPECT_TRUE(probe.isRawBusy());
+  probe.clock->now += 0.004;
+  probe.answerPreview(keySample());
+  EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_EQ(client->sent.size(), 1u);
+  EXPECT_NEAR(probe.statistics()["encode_ms"].get<double>(), 4, 1e-6);
+}
+
+TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
+  const auto first = probe.connectClient();
+  probe.feed(1);
+  probe.answerPreview(keySample());
+  first->finishSend();
+  probe.feed(2);
+  probe.answerPreview(deltaSample());
+  first->finishSend();
+  probe.connectClient();
+  probe.feed(3);
+  probe.answerPreview(keySample());
+  using Submitted = std::vector<std::pair<std::int64_t, bool>>;
+  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{1, true}, {2, false}, {3, true}}));
+
+  first->finishSend();
+  probe.feed(4, 320, 240);  // the camera changes size
+  EXPECT_EQ(probe.encoders->sessions.size(), 2u);
+  EXPECT_TRUE(probe.encoders->sessions[0]->invalidated);
+  EXPECT_EQ(probe.encoders->sessions[0]->flushes, 0);
+  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count goes on
+  probe.answerPreview(deltaSample());
+  EXPECT_EQ(first->sent.size(), 3u);  // not frame 4: everyone waits for the new key frame
+}
+
+TEST_F(Encode, PreviewFailuresEndTheRunWithTheirDescription) {
+  using Adjust = std::function<void(FakeSession&)>;
+  const std::pair<const char*, Adjust> cases[] = {
+      {"encoder property failed (-12)",
+       [](auto& s) { s.failingProperty = SessionProperty::averageBitRate; s.propertyStatus = -12; }},
+      {"encoder preparation failed (-13)", [](auto& s) { s.prepareStatus = -13; }},
+      {"no pixel buffer pool", [](auto& s) { s.hasPool = false; }},
+      {"frame submission failed (-1)", [](auto& s) { s.submitStatus = -1; }}};
+  for (const auto& [message, adjust] : cases) {
+    probe = VideoEncoderProbe();
+    probe.becomeReady();
+    probe.encoders->adjust = adjust;
+    probe.connectClient();
+    probe.feed(1);
+    EXPECT_EQ(error(), message);
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+    EXPECT_FALSE(probe.isRawBusy());
+    EXPECT_TRUE(probe.lastSession().invalidated);
+  }
+}
+
+TEST_F(Encode, NoSessionOrNoConversionIsFatalToo) {
+  probe.encoders->createStatus = -12908;
+  probe.connectClient();
+  probe.feed(1);
+  EXPECT_EQ(error(), "hardware encoder creation failed (-12908)");
+
+  probe = VideoEncoderProbe();
+  probe.becomeReady();
+  probe.images->succeeds = false;
+  probe.connectClient();
+  probe.feed(1);
+  EXPECT_EQ(error(), "RGBA conversion failed");
+}
+
+TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
+  const std::tuple<Status, std::shared_ptr<const EncodedSample>, const char*> cases[] = {
+      {0, nullptr, "frame encoding failed (0)"},
+      {-5, keySample(), "frame encoding failed (-5)"},
+      {0, std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr), "invalid encoded NAL size"}};
+  for (const auto& [status, sample, message] : cases) {
+    probe = VideoEncoderProbe();
+    probe.becomeReady();
+    const auto client = probe.connectClient();
+    probe.feed(1);
+    probe.process->takeEvents();
+    probe.lastSession().answer(status, sample);
+    probe.run();
+    EXPECT_EQ(error(), message);
+    EXPECT_TRUE(client->sent.empty());
+    EXPECT_FALSE(probe.isRawBusy());
+  }
+}
+
+TEST_F(Encode, AFourthBufferOfAPoolIsRefused) {
+  probe.connectClient();
+  probe.feed(1);
+  std::vector<std::shared_ptr<PixelBuffer>> held(2);
+  for (auto& buffer : held) EXPECT_EQ(probe.lastSession().pool.create(3, buffer), 0);
+  const auto kept = probe.lastSession().pending.front().buffer;
+  probe.answerPreview(keySample());
+  probe.feed(2);
+  EXPECT_EQ(error(), "pixel buffer allocation failed (-6689)");
+}
+
+TEST(RawEncodingCompletion, RunsOnceWhenEveryTokenIsDone) {
+  int runs = 0;
+  RawEncodingCompletion completion([&] { ++runs; });
+  const int first = completion.begin();
+  const int second = completion.begin();
+  completion.complete(first);
+  completion.complete(first);
+  completion.complete(0);
+  EXPECT_EQ(runs, 0);
+  completion.complete(second);
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
+  struct Case {
+    PictureSize camera, preview;
+    bool exact;
+    PictureSize expected;
+  };
+  const Case cases[] = {{{1920, 1080}, {640, 360}, false, {640, 360}},
+                        {{1920, 1080}, {1280, 720}, false, {1280, 720}},
+                        {{1918, 1080}, {1280, 720}, false, {1278, 720}},
+                        {{1918, 1080}, {1280, 720}, true, {1280, 720}},
+                        {{640, 360}, {1280, 720}, true, {640, 360}},
+                        {{1080, 1920}, {640, 360}, false, {202, 360}},
+                        {{1920, 2}, {640, 360}, false, {640, 2}},
+                        {{2, 2}, {640, 360}, true, {2, 2}}};
+  for (const Case& c : cases) {
+    const PictureSize size = previewEncodeSize(c.camera, c.preview, c.exact);
+    EXPECT_EQ(size, c.expected) << c.camera.width << "x" << c.camera.height;
+  }
+}
+
+TEST(PictureSize, AspectFitCentresThePicture) {
+  const auto expect = [](PictureSize camera, PictureSize buffer, PictureRectangle expected) {
+    const PictureRectangle fitted = fitRectangle(camera, buffer);
+    EXPECT_EQ(fitted.size, expected.size);
+    EXPECT_EQ(fitted.left, expected.left);
+    EXPECT_EQ(fitted.top, expected.top);
+  };
+  expect({1280, 720}, {1920, 1080}, {0, 0, {1920, 1080}});
+  expect({1440, 1080}, {1920, 1080}, {240, 0, {1440, 1080}});
+  expect({1920, 1080}, {640, 480}, {0, 60, {640, 360}});
+  expect({1920, 2}, {640, 360}, {0, 179, {640, 1}});
+  expect({1080, 1920}, {1080, 720}, {337, 0, {405, 720}});
+}
+
+}  // namespace
+}  // namespace lumora

@@ -1,0 +1,161 @@
+#include "tests/unit/fakes.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "encode/picture_size.h"
+#include "platform/annex_b.h"
+
+namespace lumora {
+
+void ManualQueue::run() {
+  for (;;) {
+    if (!work_.empty()) {
+      const Work work = std::move(work_.front());
+      work_.pop_front();
+      work();
+    } else if (!later_.empty() && later_.begin()->first <= now_) {
+      const Work work = std::move(later_.begin()->second);
+      later_.erase(later_.begin());
+      work();
+    } else {
+      return;
+    }
+  }
+}
+
+ssize_t FakeProcess::readInput(MutableByteView space) {
+  if (interruptions > 0) {
+    --interruptions;
+    return -EINTR;
+  }
+  const std::size_t count = std::min({space.size(), chunk, input.size()});
+  std::copy_n(input.begin(), count, space.begin());
+  input.erase(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(count));
+  return static_cast<ssize_t>(count);
+}
+
+ssize_t FakeProcess::writeOutput(ByteView text) {
+  if (writeError != 0) return writeError;
+  lines.emplace_back(text.begin(), text.end());
+  return static_cast<ssize_t>(text.size());
+}
+
+std::vector<Json> FakeProcess::takeEvents() {
+  std::vector<Json> events;
+  for (const std::string& line : std::exchange(lines, {})) events.push_back(Json::parse(line));
+  return events;
+}
+
+std::vector<Json> FakeProcess::takeEvents(const std::string& type) {
+  std::vector<Json> events = takeEvents();
+  std::erase_if(events, [&](const Json& event) { return event["type"] != type; });
+  return events;
+}
+
+void FakeConnection::send(std::vector<SharedBytes> parts, SendHandler handler) {
+  Bytes whole;
+  for (const SharedBytes& part : parts) whole.insert(whole.end(), part->begin(), part->end());
+  sent.push_back(std::move(whole));
+  onSent = std::move(handler);
+}
+
+void FakeConnection::deliver(const std::string& text, bool complete) {
+  const Bytes bytes(text.begin(), text.end());
+  const ReceiveHandler handler = std::exchange(onReceive, nullptr);
+  ASSERT_TRUE(handler) << "no read is armed";
+  handler(bytes, complete, {});
+}
+
+void FakeConnection::finishSend(std::error_code error) {
+  const SendHandler handler = std::exchange(onSent, nullptr);
+  ASSERT_TRUE(handler) << "no send is outstanding";
+  handler(error);
+}
+
+Status FakeSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time,
+                                FrameProperties frame, OutputHandler handler) {
+  submitted.emplace_back(time.value, frame.forceKeyFrame);
+  if (submitStatus != 0) return submitStatus;
+  pending.push_back({std::move(buffer), time, frame.forceKeyFrame, std::move(handler)});
+  return 0;
+}
+
+void FakeSession::answer(Status status, std::shared_ptr<const EncodedSample> sample,
+                         std::uint32_t flags) {
+  ASSERT_FALSE(pending.empty());
+  const OutputHandler handler = std::move(pending.front().handler);
+  pending.pop_front();
+  handler(status, flags, std::move(sample));
+}
+
+Status FakeEncoders::createSession(std::int32_t width, std::int32_t height,
+                                   const EncoderSpecification&,
+                                   std::shared_ptr<CompressionSession>& session) {
+  if (createStatus != 0) return createStatus;
+  sessions.push_back(std::make_shared<FakeSession>(width, height));
+  if (adjust) adjust(*sessions.back());
+  session = sessions.back();
+  return 0;
+}
+
+std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders) {
+  Bytes data;
+  for (const std::uint8_t header : nalHeaders) appendLengthPrefixed(data, Bytes{header, 1, 2, 3});
+  const auto format = std::make_shared<MemoryFormatDescription>(Bytes{0x67, 0x42}, Bytes{0x68},
+                                                                640, 360);
+  return std::make_shared<MemorySample>(data, format);
+}
+
+std::shared_ptr<const EncodedSample> keySample() { return makeSample({0x65}); }
+std::shared_ptr<const EncodedSample> deltaSample() { return makeSample({0x41}); }
+
+Configuration VideoEncoderProbe::testConfiguration() {
+  Configuration configuration;
+  configuration.token = "0123456789abcdef";
+  return configuration;
+}
+
+VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
+  Platform platform{queue, clock, dispatch, process, network, encoders, images};
+  service = std::make_shared<VideoEncoder>(configuration, platform);
+}
+
+void VideoEncoderProbe::becomeReady() {
+  service->start();
+  network->listener->changed(ListenerState::ready);
+  process->takeEvents();
+}
+
+std::shared_ptr<FakeConnection> VideoEncoderProbe::connect() {
+  const auto connection = std::make_shared<FakeConnection>();
+  network->listener->arrived(connection);
+  return connection;
+}
+
+std::shared_ptr<FakeConnection> VideoEncoderProbe::connectClient() {
+  const auto connection = connect();
+  connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
+  return connection;
+}
+
+void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
+  ASSERT_TRUE(service->admitRaw());
+  const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
+  service->encode({width, height, id, service->frameBuffers->take(size), clock->now});
+}
+
+void VideoEncoderProbe::answerPreview(std::shared_ptr<const EncodedSample> sample) {
+  lastSession().answer(0, std::move(sample));
+  run();
+}
+
+Json VideoEncoderProbe::statistics() {
+  clock->now += 1.0;
+  process->takeEvents();
+  service->emitStats(false);
+  const auto events = process->takeEvents("stats");
+  return events.empty() ? Json() : events.front();
+}
+
+}  // namespace lumora

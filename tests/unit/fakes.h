@@ -1,0 +1,240 @@
+#pragma once
+
+// A machine of fakes. The tests own the clock and turn the state queue by hand, so every rule
+// about time, order and credit is tested without sleeping.
+
+#include <gmock/gmock.h>
+
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "app/video_encoder.h"
+#include "encode/nal_units.h"
+#include "encode/picture_size.h"
+#include "platform/memory_pixel_buffers.h"
+#include "platform/memory_sample.h"
+
+namespace lumora {
+
+class ManualQueue final : public SerialQueue {
+ public:
+  explicit ManualQueue(const double& now) : now_(now) {}
+  void async(Work work) override { work_.push_back(std::move(work)); }
+  void asyncAfter(double seconds, Work work) override {
+    later_.emplace(now_ + seconds, std::move(work));
+  }
+  // Runs everything that is due, including what that enqueues.
+  void run();
+
+ private:
+  const double& now_;
+  std::deque<Work> work_;
+  std::multimap<double, Work> later_;
+};
+
+class FakeClock final : public Clock {
+ public:
+  double uptime() const override { return now; }
+  double now = 1000;
+};
+
+struct FakeTimer final : TimerSource {
+  void cancel() override { cancelled = true; }
+  bool cancelled = false;
+};
+
+class FakeDispatch final : public Dispatch {
+ public:
+  explicit FakeDispatch(const double& now) : now_(now) {}
+  std::shared_ptr<SerialQueue> makeQueue(const std::string&) override {
+    queues.push_back(std::make_shared<ManualQueue>(now_));
+    return queues.back();
+  }
+  std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override {
+    timerInterval = interval;
+    tick = std::move(handler);
+    return std::make_unique<FakeTimer>();
+  }
+  void runDetached(Work work) override { detached.push_back(std::move(work)); }
+
+  std::vector<std::shared_ptr<ManualQueue>> queues;
+  double timerInterval = 0;
+  Work tick;
+  std::vector<Work> detached;
+
+ private:
+  const double& now_;
+};
+
+struct FakeSignal final : SignalSource {
+  void cancel() override {}
+};
+
+class FakeProcess final : public Process {
+ public:
+  ssize_t readInput(MutableByteView space) override;
+  ssize_t writeOutput(ByteView text) override;
+  std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override {
+    signals[signal] = std::move(handler);
+    return std::make_unique<FakeSignal>();
+  }
+  void exit(int code) override { exitCodes.push_back(code); }
+
+  // The events written so far, oldest first; forgets them.
+  std::vector<Json> takeEvents();
+  std::vector<Json> takeEvents(const std::string& type);
+
+  Bytes input;
+  std::size_t chunk = 1 << 16;  // bytes per read
+  int interruptions = 0;        // reads that fail with EINTR first
+  std::vector<std::string> lines;
+  ssize_t writeError = 0;  // what writes return instead
+  std::map<int, Work> signals;
+  std::vector<int> exitCodes;
+};
+
+class FakeConnection final : public TcpConnection {
+ public:
+  void setStateHandler(StateHandler handler) override { stateHandler = std::move(handler); }
+  void start() override { started = true; }
+  void receive(std::size_t maximum, ReceiveHandler handler) override {
+    readLimit = maximum;
+    onReceive = std::move(handler);
+  }
+  void send(std::vector<SharedBytes> parts, SendHandler handler) override;
+  void cancel() override { cancelled = true; }
+
+  // What the client sends; `complete` closes its side.
+  void deliver(const std::string& text, bool complete = false);
+  // The network stack took the outstanding send.
+  void finishSend(std::error_code error = {});
+
+  StateHandler stateHandler;
+  ReceiveHandler onReceive;
+  SendHandler onSent;
+  std::vector<Bytes> sent;  // one entry per send
+  std::size_t readLimit = 0;
+  bool started = false;
+  bool cancelled = false;
+};
+
+class FakeListener final : public TcpListener {
+ public:
+  void setStateHandler(StateHandler handler) override { changed = std::move(handler); }
+  void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
+  void start() override { started = true; }
+  std::uint16_t port() const override { return boundPort; }
+  void cancel() override { cancelled = true; }
+
+  StateHandler changed;
+  ConnectionHandler arrived;
+  std::uint16_t boundPort = 4711;
+  bool started = false;
+  bool cancelled = false;
+};
+
+class FakeNetwork final : public Network {
+ public:
+  std::shared_ptr<TcpListener> makeListener(const std::string&, std::uint16_t) override {
+    if (refuses) throw std::system_error(std::make_error_code(std::errc::invalid_argument));
+    return listener;
+  }
+  std::shared_ptr<FakeListener> listener = std::make_shared<FakeListener>();
+  bool refuses = false;
+};
+
+// A session whose frames the test answers.
+class FakeSession final : public CompressionSession {
+ public:
+  FakeSession(int width, int height) : pool(width, height), size{width, height} {}
+  Status setProperty(SessionProperty property, const PropertyValue& value) override {
+    properties[property] = value;
+    return property == failingProperty ? propertyStatus : 0;
+  }
+  Status prepareToEncodeFrames() override { return prepareStatus; }
+  PixelBufferPool* pixelBufferPool() override { return hasPool ? &pool : nullptr; }
+  Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time,
+                     FrameProperties frame, OutputHandler handler) override;
+  void completeFrames() override { ++flushes; }
+  void invalidate() override { invalidated = true; }
+
+  // Answers the oldest frame.
+  void answer(Status status, std::shared_ptr<const EncodedSample> sample,
+              std::uint32_t flags = 0);
+
+  struct Submission {
+    std::shared_ptr<PixelBuffer> buffer;
+    RationalTime time;
+    bool forced = false;
+    OutputHandler handler;
+  };
+  MemoryPixelBufferPool pool;
+  PictureSize size;
+  bool hasPool = true;
+  std::map<SessionProperty, PropertyValue> properties;
+  std::optional<SessionProperty> failingProperty;
+  Status propertyStatus = 0;
+  Status prepareStatus = 0;
+  Status submitStatus = 0;
+  std::deque<Submission> pending;
+  std::vector<std::pair<std::int64_t, bool>> submitted;  // time value, forced
+  int flushes = 0;
+  bool invalidated = false;
+};
+
+class FakeEncoders final : public Encoders {
+ public:
+  Status createSession(std::int32_t width, std::int32_t height, const EncoderSpecification&,
+                       std::shared_ptr<CompressionSession>& session) override;
+  Status createStatus = 0;
+  std::function<void(FakeSession&)> adjust;
+  std::vector<std::shared_ptr<FakeSession>> sessions;
+};
+
+class FakeImages final : public ImageConverter {
+ public:
+  bool convert(const ImageView&, const MutableImageView&) override { return succeeds; }
+  bool succeeds = true;
+};
+
+// A sample of the given NAL units (each its header byte and some payload), with parameter sets.
+std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders);
+std::shared_ptr<const EncodedSample> keySample();
+std::shared_ptr<const EncodedSample> deltaSample();
+
+// One VideoEncoder on fakes.
+struct VideoEncoderProbe {
+  explicit VideoEncoderProbe(Configuration configuration = testConfiguration());
+  static Configuration testConfiguration();
+
+  // Starts it and reports its listener ready; forgets the events.
+  void becomeReady();
+  std::shared_ptr<FakeConnection> connect();
+  // Connects and authenticates a client.
+  std::shared_ptr<FakeConnection> connectClient();
+  // Admits and encodes one frame as the reader would.
+  void feed(std::uint64_t id, int width = 640, int height = 360);
+  FakeSession& lastSession() { return *encoders->sessions.back(); }
+  // Answers the preview frame in flight and runs the queue.
+  void answerPreview(std::shared_ptr<const EncodedSample> sample);
+  void run() { queue->run(); }
+  // The keys of a fresh "stats" event.
+  Json statistics();
+  bool isRawBusy() { return service->isRawBusy(); }
+  VideoEncoder& operator*() { return *service; }
+  std::size_t peerCount() const { return service->peers.size(); }
+  Peer& onlyPeer() { return *service->peers.begin()->second; }
+
+  std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+  std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>(clock->now);
+  std::shared_ptr<FakeDispatch> dispatch = std::make_shared<FakeDispatch>(clock->now);
+  std::shared_ptr<FakeProcess> process = std::make_shared<FakeProcess>();
+  std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>();
+  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
+  std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>();
+  std::shared_ptr<VideoEncoder> service;
+};
+
+}  // namespace lumora

@@ -1,0 +1,109 @@
+// Start, readiness, the service timer, shutdown, and the event channel's failures.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
+  VideoEncoderProbe probe;
+  probe.service->start();
+  EXPECT_TRUE(probe.network->listener->started);
+  EXPECT_EQ(probe.dispatch->timerInterval, 0.025);
+  probe.network->listener->changed(ListenerState::ready);
+  ASSERT_GE(probe.process->lines.size(), 2u);
+  EXPECT_EQ(probe.process->lines[0],
+            "{\"port\":4711,\"recording_hd\":true,\"recording_height\":720,"
+            "\"recording_mirror\":true,\"recording_profiles\":true,\"recording_timebase\":true,"
+            "\"recording_width\":1080,\"type\":\"ready\"}\n");
+  EXPECT_EQ(Json::parse(probe.process->lines[1])["type"], "stats");
+  EXPECT_EQ(probe.dispatch->detached.size(), 1u);
+}
+
+TEST(Lifecycle, ListenerFailuresEndWithOne) {
+  VideoEncoderProbe failed;
+  failed.service->start();
+  failed.network->listener->changed(ListenerState::failed);
+  EXPECT_EQ(failed.process->takeEvents("error").at(0)["message"], "video listener failed");
+  EXPECT_EQ(failed.process->exitCodes, std::vector<int>{1});
+
+  VideoEncoderProbe portless;
+  portless.network->listener->boundPort = 0;
+  portless.service->start();
+  portless.network->listener->changed(ListenerState::ready);
+  EXPECT_EQ(portless.process->takeEvents("error").at(0)["message"], "listener has no port");
+  EXPECT_EQ(portless.process->exitCodes, std::vector<int>{1});
+
+  VideoEncoderProbe impossible;
+  impossible.network->refuses = true;
+  EXPECT_THROW(impossible.service->start(), std::system_error);
+}
+
+TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
+  VideoEncoderProbe probe;
+  probe.becomeReady();
+  const auto client = probe.connectClient();
+  probe.feed(1);
+  probe.process->takeEvents();
+  probe.process->signals.at(SIGTERM)();
+  probe.process->signals.at(SIGINT)();
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+  EXPECT_TRUE(probe.network->listener->cancelled);
+  EXPECT_TRUE(client->cancelled);
+  EXPECT_EQ(probe.lastSession().flushes, 1);
+  EXPECT_TRUE(probe.lastSession().invalidated);
+  EXPECT_TRUE(probe.process->lines.empty());
+  // Whatever arrives afterwards changes nothing.
+  probe.network->listener->changed(ListenerState::failed);
+  probe.dispatch->tick();
+  EXPECT_TRUE(probe.connect()->cancelled);
+  probe.lastSession().answer(0, keySample());
+  probe.run();
+  EXPECT_TRUE(probe.process->lines.empty());
+  EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+TEST(Lifecycle, AFullPipeLosesEventsAndABrokenOneEndsTheRun) {
+  VideoEncoderProbe probe;
+  probe.becomeReady();
+  probe.process->writeError = -EAGAIN;
+  probe.clock->now += 1;
+  probe.dispatch->tick();
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  probe.process->writeError = -EPIPE;
+  probe.clock->now += 1;
+  probe.dispatch->tick();
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+TEST(Statistics, AtMostOneASecondUnlessForced) {
+  VideoEncoderProbe probe;
+  (*probe).emitStats(true);
+  Json first = probe.process->takeEvents().at(0);
+  EXPECT_EQ(first["clients"], 0);
+  EXPECT_EQ(first["pending_hello"], 0);
+  EXPECT_EQ(first["max_pending_acks"], 0);
+  EXPECT_EQ(first["preview_width"], 0);
+  EXPECT_EQ(first.size(), 25u);  // 8 core keys and 17 diagnostics
+
+  probe.clock->now += 0.3;
+  (*probe).emitStats(false);
+  EXPECT_TRUE(probe.process->lines.empty());
+  (*probe).emitStats(true);
+  EXPECT_EQ(probe.process->takeEvents().at(0).size(), 8u);  // too soon for diagnostics
+  probe.clock->now += 0.9;                                   // 1.2 s after the first
+  (*probe).emitStats(false);
+  EXPECT_TRUE(probe.process->lines.empty());  // the forced one restarted the second
+  probe.clock->now += 0.2;
+  (*probe).emitStats(false);
+  EXPECT_EQ(probe.process->takeEvents().at(0).size(), 25u);
+}
+
+}  // namespace
+}  // namespace lumora

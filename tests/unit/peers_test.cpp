@@ -1,0 +1,247 @@
+// Stream clients: admission, lines, acknowledgements, delivery, deadlines.
+
+#include <gtest/gtest.h>
+
+#include "stream/peer_line.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+const std::string hello = "{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}";
+
+std::string ack(const std::string& frameID) {
+  return "{\"type\":\"ack\",\"frame_id\":" + frameID + "}\n";
+}
+
+struct Peers : testing::Test {
+  void SetUp() override { probe.becomeReady(); }
+  // Encodes frame `id` and delivers `sample` for it.
+  void frame(std::uint64_t id, std::shared_ptr<const EncodedSample> sample) {
+    probe.feed(id);
+    probe.answerPreview(std::move(sample));
+  }
+  VideoEncoderProbe probe;
+};
+
+TEST_F(Peers, HelloAuthenticatesOnlyWithItsLineFeed) {
+  const auto client = probe.connect();
+  EXPECT_TRUE(client->started);
+  EXPECT_EQ(client->readLimit, 4097u);
+  client->deliver(hello.substr(0, 9));
+  client->deliver(hello.substr(9));
+  EXPECT_FALSE(probe.onlyPeer().authenticated);
+  client->deliver("\n");
+  EXPECT_TRUE(probe.onlyPeer().authenticated);
+  const auto stats = probe.process->takeEvents("stats");
+  ASSERT_EQ(stats.size(), 1u);
+  EXPECT_EQ(stats[0]["clients"], 1);
+  EXPECT_TRUE(client->sent.empty());
+}
+
+TEST_F(Peers, AnythingButAHelloEndsTheConnection) {
+  const std::string tooLong = "{\"type\":\"hello\",\"token\":\"" + std::string(129, 'a') + "\"}";
+  for (const std::string& line :
+       {std::string(), std::string("x"), std::string("[]"), std::string("{}"),
+        std::string("\"hello\""), std::string("{\"type\":1}"), std::string("{\"type\":\"hello\"}"),
+        std::string("{\"type\":\"hello\",\"token\":7}"), tooLong, ack("1").substr(0, 25),
+        std::string("{\"type\":\"hello\",\"token\":\"0123456789abcdeg\"}"),
+        std::string("{\"type\":\"hello\",\"token\":\"0123456789abcdef0\"}")}) {
+    const auto client = probe.connect();
+    client->deliver(line + "\n");
+    EXPECT_TRUE(client->cancelled) << line;
+    EXPECT_FALSE(client->onReceive) << line;
+  }
+  EXPECT_EQ(probe.peerCount(), 0u);
+  EXPECT_EQ(probe.statistics()["dropped_peers"], 12);
+}
+
+TEST_F(Peers, LinesHoldAtMost4096Bytes) {
+  const std::string padding(4096 - hello.size(), ' ');
+  const auto good = probe.connect();
+  good->deliver(hello + padding);
+  good->deliver("\n");
+  EXPECT_FALSE(good->cancelled);
+  const auto bad = probe.connect();
+  bad->deliver(hello + padding);
+  bad->deliver(" ");
+  EXPECT_TRUE(bad->cancelled);
+}
+
+TEST_F(Peers, AdmitsTwoClientsAndFourWaiting) {
+  const auto first = probe.connectClient();
+  std::vector<std::shared_ptr<FakeConnection>> waiting;
+  for (int i = 0; i < 4; ++i) waiting.push_back(probe.connect());
+  const auto fifth = probe.connect();
+  EXPECT_TRUE(fifth->cancelled);
+  EXPECT_FALSE(fifth->started);
+  waiting[0]->deliver(hello + "\n");
+  EXPECT_FALSE(waiting[0]->cancelled);
+  waiting[1]->deliver(hello + "\n");  // a third one
+  EXPECT_TRUE(waiting[1]->cancelled);
+  EXPECT_TRUE(probe.connect()->cancelled);  // two are in
+  const Json stats = probe.statistics();
+  EXPECT_EQ(stats["clients"], 2);
+  EXPECT_EQ(stats["pending_hello"], 2);
+  EXPECT_EQ(stats["dropped_peers"], 3);
+}
+
+TEST_F(Peers, RemovalCountsOnceAndReportsClients) {
+  const auto client = probe.connectClient();
+  const auto handler = client->stateHandler;
+  probe.process->takeEvents();
+  client->deliver("", true);
+  EXPECT_TRUE(client->cancelled);
+  handler(ConnectionState::cancelled);
+  const auto stats = probe.process->takeEvents("stats");
+  ASSERT_EQ(stats.size(), 1u);
+  EXPECT_EQ(stats[0]["dropped_peers"], 1);
+  EXPECT_EQ(stats[0]["clients"], 0);
+}
+
+TEST_F(Peers, AcknowledgementsCoverEarlierFrames) {
+  const auto client = probe.connectClient();
+  frame(8, keySample());
+  client->finishSend();
+  frame(9, deltaSample());
+  client->finishSend();
+  frame(12, deltaSample());
+  client->finishSend();
+  Peer& peer = probe.onlyPeer();
+  client->deliver(ack("9.0") + ack("9") + ack("8"));
+  ASSERT_EQ(peer.unacknowledged.size(), 1u);
+  EXPECT_EQ(peer.unacknowledged.front().id, 12u);
+  EXPECT_FALSE(client->cancelled);
+  client->deliver(ack("11"));  // above the last acknowledged, but never sent
+  EXPECT_TRUE(client->cancelled);
+}
+
+TEST_F(Peers, BadAcknowledgementsEndTheSession) {
+  for (const char* frameID : {"0", "2", "-1", "1.5", "true", "\"1\"", "null", "[1]",
+                              "18446744073709551616", "1e999"}) {
+    const auto client = probe.connectClient();
+    probe.clock->now += 0.01;
+    frame(1, keySample());
+    client->deliver(ack(frameID));
+    EXPECT_TRUE(client->cancelled) << frameID;
+  }
+  const auto again = probe.connectClient();
+  again->deliver(hello + "\n");
+  EXPECT_TRUE(again->cancelled);
+}
+
+TEST_F(Peers, RoundTripsAreSmoothed) {
+  AcknowledgementFigures figures;
+  figures.record({AckOutcome::accepted, 10.0, 9.9}, 10.04);
+  EXPECT_NEAR(figures.acknowledgementRTT, 40, 1e-6);
+  EXPECT_NEAR(figures.acknowledgementOldest, 140, 1e-6);
+  figures.record({AckOutcome::accepted, 11.0, 11.0}, 10.9);  // a clock gone wrong counts as 0
+  EXPECT_NEAR(figures.acknowledgementRTT, 35, 1e-6);
+  EXPECT_NEAR(figures.acknowledgementRTTMaximum, 40, 1e-6);
+  EXPECT_EQ(figures.acknowledgementSamples, 2u);
+}
+
+TEST_F(Peers, FirstSendIsConfigurationAndKeyFrame) {
+  const auto client = probe.connectClient();
+  EXPECT_TRUE(probe.encoders->sessions.empty());
+  frame(1, deltaSample());
+  frame(2, deltaSample());
+  EXPECT_TRUE(client->sent.empty());
+  EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // asks again until it comes
+  frame(3, makeSample({0x41, 0x65}));
+  ASSERT_EQ(client->sent.size(), 1u);
+  const Bytes configuration = {0, 0, 0, 21, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2,
+                               0x80, 1, 0x68, 0, 2, 0, 1, 0x67, 0x42, 0x68};
+  EXPECT_EQ(Bytes(client->sent[0].begin(), client->sent[0].begin() + 25), configuration);
+  const Bytes frameHeader = {0, 0, 0, 26, 2, 0, 0, 0, 0, 0, 0, 0, 3, 1};
+  EXPECT_EQ(Bytes(client->sent[0].begin() + 25, client->sent[0].begin() + 39), frameHeader);
+  EXPECT_EQ(probe.statistics()["resync_wait_drops"], 2);
+}
+
+TEST_F(Peers, ABusySendDropsTheFrameAndResynchronises) {
+  const auto client = probe.connectClient();
+  frame(1, keySample());
+  frame(2, deltaSample());
+  frame(3, deltaSample());
+  client->finishSend();
+  frame(4, deltaSample());  // waits for a key frame
+  frame(5, keySample());
+  EXPECT_EQ(client->sent.size(), 2u);
+  const Json stats = probe.statistics();
+  EXPECT_EQ(stats["send_drops"], 2);
+  EXPECT_EQ(stats["idr_resyncs"], 1);
+  EXPECT_EQ(stats["resync_wait_drops"], 1);
+  EXPECT_EQ(stats["credit_drops"], 0);
+  EXPECT_EQ(stats["encoded_frames"], 5);
+}
+
+TEST_F(Peers, SixUnacknowledgedFramesAreTheCredit) {
+  const auto slow = probe.connectClient();
+  const auto quick = probe.connectClient();
+  for (std::uint64_t id = 1; id <= 8; ++id) {
+    frame(id, id == 1 ? keySample() : deltaSample());
+    if (slow->onSent && id != 6) slow->finishSend();  // the sixth send stays outstanding
+    quick->finishSend();
+    quick->deliver(ack(std::to_string(id)));
+  }
+  EXPECT_EQ(slow->sent.size(), 6u);
+  EXPECT_EQ(quick->sent.size(), 8u);  // the other client never notices
+  const Json stats = probe.statistics();
+  EXPECT_EQ(stats["credit_drops"], 2);
+  EXPECT_EQ(stats["send_drops"], 0);  // over credit and sending counts as credit
+  EXPECT_EQ(stats["idr_resyncs"], 1);
+  EXPECT_EQ(stats["max_unacked_observed"], 6);
+  EXPECT_EQ(stats["max_pending_acks"], 6);
+}
+
+TEST_F(Peers, DeadlinesAreStrict) {
+  const auto silent = probe.connect();
+  const auto client = probe.connectClient();
+  const double start = probe.clock->now;
+  frame(1, keySample());
+  client->finishSend();
+  probe.clock->now = start + 0.5;
+  probe.dispatch->tick();
+  EXPECT_FALSE(client->cancelled);
+  probe.clock->now = start + 0.5001;
+  probe.dispatch->tick();
+  EXPECT_TRUE(client->cancelled);  // nothing acknowledged
+  probe.clock->now = start + 1.0;
+  probe.dispatch->tick();
+  EXPECT_FALSE(silent->cancelled);
+  probe.clock->now = start + 1.0001;
+  probe.dispatch->tick();
+  EXPECT_TRUE(silent->cancelled);  // no hello
+
+  const auto stalled = probe.connectClient();
+  const auto idle = probe.connectClient();
+  frame(2, keySample());
+  idle->finishSend();
+  idle->deliver(ack("2"));
+  stalled->deliver(ack("2"));
+  probe.clock->now += 0.6;
+  probe.dispatch->tick();
+  EXPECT_TRUE(stalled->cancelled);  // its send never completed
+  EXPECT_FALSE(idle->cancelled);
+}
+
+TEST_F(Peers, AFailedSendRemovesThePeerAndLateOnesDoNothing) {
+  const auto client = probe.connectClient();
+  frame(1, keySample());
+  const auto late = client->onSent;
+  client->finishSend(std::make_error_code(std::errc::broken_pipe));
+  EXPECT_TRUE(client->cancelled);
+  late({});
+  EXPECT_EQ(probe.statistics()["dropped_peers"], 1);
+}
+
+TEST(ConstantTimeEqual, ComparesContentsAndLength) {
+  EXPECT_TRUE(constantTimeEqual("", ""));
+  EXPECT_FALSE(constantTimeEqual("", "a"));
+  EXPECT_FALSE(constantTimeEqual("abc", "abcd"));
+  EXPECT_FALSE(constantTimeEqual("abc", std::string_view("abc\0", 4)));
+  EXPECT_TRUE(constantTimeEqual("abc", "abc"));
+}
+
+}  // namespace
+}  // namespace lumora

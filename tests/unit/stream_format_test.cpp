@@ -1,0 +1,135 @@
+// Packets and samples: limits, malformed encoder output, start codes; the client's parser reads
+// what the service writes.
+
+#include <gtest/gtest.h>
+
+#include "client/packet_parser.h"
+#include "encode/encoder_failure.h"
+#include "platform/annex_b.h"
+#include "stream/packet.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+const Bytes smallestKeyFrame = {0, 0, 0, 1, 0x65};
+
+// A sample whose every part can be made to fail.
+struct BrokenSample final : EncodedSample, FormatDescription {
+  bool dataIsReady() const override { return ready; }
+  std::optional<std::size_t> dataLength() const override { return length; }
+  Status copyBytes(std::size_t offset, MutableByteView space) const override {
+    for (std::size_t i = 0; i < space.size(); ++i) {
+      space[i] = offset + i < data.size() ? data[offset + i] : 0;
+    }
+    return copyStatus;
+  }
+  std::shared_ptr<const FormatDescription> format() const override {
+    return hasFormat ? std::shared_ptr<const FormatDescription>(this, [](auto*) {}) : nullptr;
+  }
+  ParameterSet parameterSet(std::size_t) const override { return {setStatus, set, prefix}; }
+  int width() const override { return 640; }
+  int height() const override { return 360; }
+
+  void use(Bytes bytes) {
+    data = std::move(bytes);
+    length = data.size();
+  }
+  bool ready = true, hasFormat = true;
+  Bytes data = smallestKeyFrame;
+  std::optional<std::size_t> length = 5;
+  Status copyStatus = 0, setStatus = 0;
+  Bytes set = Bytes(4096, 0x67);
+  int prefix = 4;
+};
+
+std::string failureOf(const EncodedSample& sample, std::int64_t width = 640) {
+  try {
+    prepareFrame(sample, 1, width, 360);
+  } catch (const EncoderFailure& failure) {
+    return failure.description();
+  }
+  return "";
+}
+
+TEST(Packets, FailuresNameWhatIsWrong) {
+  using Change = std::function<void(BrokenSample&)>;
+  const std::pair<const char*, Change> cases[] = {
+      {"", [](auto&) {}},
+      {"encoded sample has no bytes", [](auto& s) { s.ready = false; }},
+      {"encoded sample has no bytes", [](auto& s) { s.length.reset(); }},
+      {"encoded sample too large", [](auto& s) { s.use({0, 0, 0, 0}); }},
+      {"encoded sample too large", [](auto& s) { s.length = 2097143; }},
+      {"encoded sample copy failed (-7)", [](auto& s) { s.copyStatus = -7; }},
+      {"invalid encoded NAL header", [](auto& s) { s.use({0, 0, 0, 1, 0x65, 0, 0, 0}); }},
+      {"invalid encoded NAL size", [](auto& s) { s.use({0, 0, 0, 2, 0x65}); }},
+      {"invalid encoded NAL size", [](auto& s) { s.use({0, 0, 0, 0, 0x65}); }},
+      {"invalid encoded NAL size", [](auto& s) { s.use({255, 255, 255, 255, 0x65}); }},
+      {"missing H264 description", [](auto& s) { s.hasFormat = false; }},
+      {"", [](auto& s) { s.hasFormat = false; s.use({0, 0, 0, 1, 0x41}); }},
+      {"H264 parameter set failed (-3)", [](auto& s) { s.setStatus = -3; }},
+      {"H264 parameter set failed (0)", [](auto& s) { s.set.clear(); }},
+      {"H264 parameter set failed (0)", [](auto& s) { s.set.resize(4097); }},
+      {"H264 parameter set failed (0)", [](auto& s) { s.prefix = 2; }}};
+  for (const auto& [message, change] : cases) {
+    BrokenSample sample;
+    change(sample);
+    EXPECT_EQ(failureOf(sample), message);
+  }
+  EXPECT_NE(failureOf(BrokenSample(), 65536), "");
+}
+
+TEST(Packets, LargestSampleFits) {
+  BrokenSample sample;
+  Bytes data(2097142, 0x11);
+  const std::uint32_t size = 2097138;
+  for (int i = 0; i < 4; ++i) data[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(size >> (24 - 8 * i));
+  data[4] = 0x65;
+  sample.use(data);
+  const FramePackets packets = prepareFrame(sample, 0x0102030405060708, 640, 360);
+  EXPECT_TRUE(packets.keyframe);
+  client::PacketParser parser;
+  parser.feed(*packets.configuration);
+  parser.feed(*packets.frame);
+  EXPECT_EQ(client::parseConfiguration(parser.next()->payload).width, 640);
+  const auto frame = parser.next();
+  EXPECT_EQ(frame->frameID, 0x0102030405060708u);
+  EXPECT_TRUE(frame->keyframe);
+  EXPECT_EQ(frame->payload, data);
+}
+
+TEST(Packets, BytesOfAnEmptyAndAConfigurationPacket) {
+  EXPECT_EQ(packet(PacketType::frame, 1, false, {}),
+            (Bytes{0, 0, 0, 10, 2, 0, 0, 0, 0, 0, 0, 0, 1, 0}));
+  const Bytes configuration = makeConfiguration(*keySample(), 1280, 720);
+  EXPECT_EQ(Bytes(configuration.begin() + 4, configuration.begin() + 18),
+            (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 2, 0xD0}));
+}
+
+TEST(PacketParser, RefusesWhatNoHelperSends) {
+  const Bytes tooShort = {0, 0, 0, 9, 2};
+  const Bytes tooLong = {0, 0x20, 0, 1, 2};
+  const Bytes badType = {0, 0, 0, 10, 3, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+  for (const Bytes& bytes : {tooShort, tooLong, badType}) {
+    client::PacketParser parser;
+    parser.feed(bytes);
+    EXPECT_THROW(parser.next(), std::runtime_error);
+  }
+  EXPECT_THROW(client::parseConfiguration(Bytes{0, 1, 0, 1, 0, 9, 0, 9}), std::runtime_error);
+  EXPECT_THROW(client::toAnnexB({client::Packet::Type::frame, 1, false, {0, 0, 0, 9, 1}}),
+               std::runtime_error);
+}
+
+TEST(AnnexB, SplitsBothStartCodesAndDropsPadding) {
+  const Bytes stream = {0, 0, 0, 1, 0x67, 1, 0, 0, 1, 0x68, 0, 0, 0, 1, 0x65, 0, 0, 3, 1, 0, 0};
+  const auto units = splitAnnexB(stream);
+  ASSERT_EQ(units.size(), 3u);
+  EXPECT_EQ(Bytes(units[0].begin(), units[0].end()), (Bytes{0x67, 1}));
+  EXPECT_EQ(Bytes(units[1].begin(), units[1].end()), (Bytes{0x68}));
+  EXPECT_EQ(Bytes(units[2].begin(), units[2].end()), (Bytes{0x65, 0, 0, 3, 1}));
+  EXPECT_TRUE(splitAnnexB(Bytes{0, 0}).empty());
+  EXPECT_TRUE(splitAnnexB(Bytes{1, 0, 0, 1}).empty());
+}
+
+}  // namespace
+}  // namespace lumora

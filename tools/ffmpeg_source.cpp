@@ -1,0 +1,35 @@
+#include "tools/ffmpeg_source.h"
+
+#include <cerrno>
+#include <system_error>
+
+namespace lumora::tools {
+
+std::string shellQuoted(const std::string& text) {
+  std::string quoted = "'";
+  for (const char character : text) {
+    if (character == '\'') quoted += "'\\''";
+    else quoted += character;
+  }
+  return quoted + "'";
+}
+
+FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond)
+    : size_(size), frame_(size.bytes()) {
+  const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
+  const std::string kind = input.starts_with("/dev/video") ? "-f v4l2 " : "-stream_loop -1 ";
+  const std::string command =
+      "ffmpeg -v error -nostdin " + kind + "-i " + shellQuoted(input) + " -an -vf 'scale=" +
+      picture + ":force_original_aspect_ratio=decrease,pad=" + picture +
+      ":(ow-iw)/2:(oh-ih)/2,fps=" + std::to_string(framesPerSecond) +
+      ",vflip' -pix_fmt rgba -f rawvideo -";
+  pipe_.reset(popen(command.c_str(), "re"));
+  if (!pipe_) throw std::system_error(errno, std::generic_category(), "ffmpeg");
+}
+
+std::span<const std::uint8_t> FfmpegSource::next(std::uint64_t, double) {
+  if (std::fread(frame_.data(), 1, frame_.size(), pipe_.get()) != frame_.size()) return {};
+  return frame_;
+}
+
+}  // namespace lumora::tools

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/frame_source.h"
+
+namespace lumora::tools {
+
+// Pictures of a video file (played in a loop) or a camera device ("/dev/video0"), decoded and
+// brought to size and rate by ffmpeg.
+class FfmpegSource final : public FrameSource {
+ public:
+  // Throws std::system_error when ffmpeg can't be started.
+  FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond);
+  client::FrameSize size() const override { return size_; }
+  std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
+
+ private:
+  struct ClosePipe {
+    void operator()(std::FILE* pipe) const { pclose(pipe); }
+  };
+  client::FrameSize size_;
+  std::unique_ptr<std::FILE, ClosePipe> pipe_;
+  std::vector<std::uint8_t> frame_;
+};
+
+// `text` as one word of a shell command.
+std::string shellQuoted(const std::string& text);
+
+}  // namespace lumora::tools

@@ -1,0 +1,164 @@
+#include "tools/paced_run.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "client/stream_client.h"
+
+namespace lumora::tools {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+double millisecondsSince(SteadyClock::time_point start) {
+  return std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count();
+}
+
+// What the threads of a run share.
+class Board {
+ public:
+  void wrote(std::uint64_t frame) {
+    const std::lock_guard hold(mutex_);
+    written_.resize(frame + 1);
+    written_[frame] = SteadyClock::now();
+    progress_.fed = frame;
+  }
+
+  void received(std::uint64_t frame, std::size_t bytes) {
+    const std::lock_guard hold(mutex_);
+    ++progress_.received;
+    progress_.bytes += bytes;
+    // The packet may overtake the writer's own note of the time: then there was no latency.
+    progress_.latency = frame < written_.size() ? millisecondsSince(written_[frame]) : 0;
+    latencies_.push_back(progress_.latency);
+  }
+
+  void reported(const client::Event& event) {
+    const std::lock_guard hold(mutex_);
+    if (event.contains("credit_drops")) progress_.statistics = event;
+  }
+
+  RunProgress progress() const {
+    const std::lock_guard hold(mutex_);
+    return progress_;
+  }
+
+  std::vector<double> latencies() const {
+    const std::lock_guard hold(mutex_);
+    return latencies_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<SteadyClock::time_point> written_;
+  std::vector<double> latencies_;
+  RunProgress progress_;
+};
+
+// Receives and acknowledges until the helper closes the connection.
+void watchStream(client::StreamClient& stream, Board& board, std::ostream* copy) {
+  while (!stream.isClosed()) {
+    const auto packet = stream.receive(0.5);
+    if (!packet) continue;
+    if (packet->type == client::Packet::Type::frame) {
+      board.received(packet->frameID, packet->payload.size());
+      stream.acknowledge(packet->frameID);
+    }
+    if (copy != nullptr) {
+      const auto units = toAnnexB(*packet);
+      copy->write(reinterpret_cast<const char*>(units.data()),
+                  static_cast<std::streamsize>(units.size()));
+    }
+  }
+}
+
+std::uint64_t feed(const RunOptions& options, FrameSource& source, client::HelperProcess& helper,
+                   Board& board, const std::function<void(const RunProgress&)>& progress) {
+  const auto start = SteadyClock::now();
+  const auto count = static_cast<std::uint64_t>(options.seconds * options.framesPerSecond);
+  std::uint64_t number = 1;
+  for (; number <= count; ++number) {
+    const double due = static_cast<double>(number - 1) / options.framesPerSecond;
+    const auto rgba = source.next(number, due);
+    if (rgba.empty()) break;
+    std::this_thread::sleep_until(
+        start + std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(due)));
+    if (!helper.writeFrame(source.size(), number, rgba)) break;
+    board.wrote(number);
+    if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
+      progress(board.progress());
+    }
+  }
+  return number - 1;
+}
+
+std::uint64_t waitForClients(client::HelperProcess& helper, int clients) {
+  for (;;) {
+    const auto stats = helper.nextEvent("stats", 5);
+    if (!stats) throw std::runtime_error("stream clients were not admitted");
+    if (stats->at("clients") == clients) return stats->at("dropped_raw");
+  }
+}
+
+}  // namespace
+
+RunReport runPaced(const RunOptions& options, FrameSource& source,
+                   const std::function<void(const RunProgress&)>& progress) {
+  RunReport report;
+  const auto launched = SteadyClock::now();
+  client::HelperProcess helper(options.launch);
+  const auto ready = helper.nextEvent("ready", 10);
+  if (!ready) throw std::runtime_error("the helper did not become ready");
+  report.readyMilliseconds = millisecondsSince(launched);
+
+  Board board;
+  std::ofstream copy;
+  if (!options.previewPath.empty()) copy.open(options.previewPath, std::ios::binary);
+  std::vector<std::unique_ptr<client::StreamClient>> streams;
+  for (int i = 0; i < options.clients; ++i) {
+    streams.push_back(std::make_unique<client::StreamClient>("127.0.0.1", ready->at("port")));
+    streams.back()->sayHello(options.launch.token);
+  }
+  report.droppedBeforeFeeding = waitForClients(helper, options.clients);
+
+  std::vector<std::jthread> watchers;
+  for (auto& stream : streams) {
+    std::ostream* to = stream == streams.front() && copy.is_open() ? &copy : nullptr;
+    watchers.emplace_back([&board, &stream, to] { watchStream(*stream, board, to); });
+  }
+  std::jthread events([&] {
+    while (const auto line = helper.nextLine(60)) {
+      const auto event = client::Event::parse(*line, nullptr, false);
+      if (!event.is_discarded()) board.reported(event);
+    }
+  });
+
+  const auto start = SteadyClock::now();
+  feed(options, source, helper, board, progress);
+  report.fedSeconds = millisecondsSince(start) / 1000;
+  // One more report, so that the counters cover the last frame.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  helper.closeInput();
+  const auto exit = helper.wait(10);
+  if (!exit) throw std::runtime_error("the helper did not end");
+  report.exit = *exit;
+  watchers.clear();
+  events.join();
+  report.last = board.progress();
+  report.latencies = board.latencies();
+  return report;
+}
+
+double percentile(std::vector<double> values, double fraction) {
+  if (values.empty()) return 0;
+  std::ranges::sort(values);
+  const auto at = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1));
+  return values[at];
+}
+
+}  // namespace lumora::tools

@@ -1,0 +1,48 @@
+#pragma once
+
+// One timed run of the helper, as a camera application would drive it: frames at a steady rate,
+// stream clients that acknowledge, events read. Used by the demo and the benchmarks.
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "client/helper_process.h"
+#include "tools/frame_source.h"
+
+namespace lumora::tools {
+
+struct RunOptions {
+  client::LaunchOptions launch;
+  int framesPerSecond = 60;
+  double seconds = 10;
+  int clients = 2;
+  std::string previewPath;  // where the first client's stream goes, as Annex B; empty: nowhere
+};
+
+struct RunProgress {
+  std::uint64_t fed = 0;         // frames written
+  std::uint64_t received = 0;    // frame packets, over all clients
+  std::uint64_t bytes = 0;       // of those packets
+  double latency = 0;            // of the latest one, milliseconds
+  client::Event statistics;      // the latest "stats" event with diagnostics
+};
+
+struct RunReport {
+  RunProgress last;
+  double readyMilliseconds = 0;          // from exec to "ready"
+  std::uint64_t droppedBeforeFeeding = 0;
+  std::vector<double> latencies;         // milliseconds, last byte written to packet received
+  double fedSeconds = 0;
+  client::ExitStatus exit;
+};
+
+// Throws std::runtime_error when the helper can't be started or ends early.
+RunReport runPaced(const RunOptions& options, FrameSource& source,
+                   const std::function<void(const RunProgress&)>& progress);
+
+// The value below which `fraction` of `values` lie.
+double percentile(std::vector<double> values, double fraction);
+
+}  // namespace lumora::tools
