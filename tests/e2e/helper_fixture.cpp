@@ -1,0 +1,116 @@
+#include "tests/e2e/helper_fixture.h"
+
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+
+namespace lumora::tests {
+
+Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight) {
+  Pixels pixels;
+  pixels.reserve(size.bytes());
+  for (int row = 0; row < size.height; ++row) {
+    const bool bottom = row < size.height / 2;  // fed from the bottom up
+    for (int x = 0; x < size.width; ++x) {
+      const bool left = x < size.width / 2;
+      const Rgb colour = bottom ? (left ? bottomLeft : bottomRight) : (left ? topLeft : topRight);
+      for (const int value : {colour.red, colour.green, colour.blue, 255}) {
+        pixels.push_back(static_cast<std::uint8_t>(value));
+      }
+    }
+  }
+  return pixels;
+}
+
+Pixels plain(FrameSize size, Rgb colour) { return quarters(size, colour, colour, colour, colour); }
+
+CommandResult runCommand(const std::string& command) {
+  CommandResult result;
+  std::FILE* pipe = popen((command + " 2>&1").c_str(), "re");
+  if (pipe == nullptr) return result;
+  std::array<char, 4096> bytes;
+  while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe)) {
+    result.output.append(bytes.data(), count);
+  }
+  result.status = WEXITSTATUS(pclose(pipe));
+  return result;
+}
+
+void HelperTest::SetUp() {
+  std::string name = (std::filesystem::temp_directory_path() / "lumora-test-XXXXXX").string();
+  ASSERT_NE(mkdtemp(name.data()), nullptr);
+  folder = name;
+}
+
+void HelperTest::TearDown() {
+  helper.reset();
+  std::filesystem::remove_all(folder);
+}
+
+void HelperTest::start(std::vector<std::string> arguments,
+                       std::map<std::string, std::string> environment) {
+  helper = std::make_unique<client::HelperProcess>(client::LaunchOptions{
+      LUMORA_HELPER, token, std::move(arguments), std::move(environment)});
+  const auto ready = helper->nextEvent("ready", 20);
+  ASSERT_TRUE(ready);
+  port = ready->at("port");
+}
+
+std::unique_ptr<client::StreamClient> HelperTest::connect() const {
+  return std::make_unique<client::StreamClient>("127.0.0.1", port);
+}
+
+std::unique_ptr<client::StreamClient> HelperTest::connectClient() {
+  auto made = connect();
+  made->sayHello(token);
+  waitForStatistics([](const Event& event) { return event["clients"] > 0; });
+  return made;
+}
+
+void HelperTest::feed(FrameSize size, const Pixels& pixels) {
+  ASSERT_TRUE(helper->writeFrame(size, ++lastID, pixels));
+}
+
+std::vector<client::Packet> HelperTest::stream(client::StreamClient& from, FrameSize size,
+                                               const Pixels& pixels, int count) {
+  std::vector<client::Packet> packets;
+  for (int frames = 0; frames < count;) {
+    feed(size, pixels);
+    // A frame may be dropped while the one before is in flight: then the next one brings it on.
+    for (auto packet = from.receive(0.5); packet; packet = from.receive(0.5)) {
+      packets.push_back(*packet);
+      if (packet->type != client::Packet::Type::frame) continue;
+      ++frames;
+      from.acknowledge(packet->frameID);
+      break;
+    }
+    if (from.isClosed() || HasFatalFailure()) break;
+  }
+  return packets;
+}
+
+int HelperTest::exitCode() {
+  const auto status = helper->wait(20);
+  return status && status->signal == 0 ? status->code : -1;
+}
+
+int HelperTest::finish() {
+  helper->closeInput();
+  return exitCode();
+}
+
+std::string HelperTest::writeStream(const std::vector<client::Packet>& packets) const {
+  const std::string path = folder / "stream.h264";
+  std::ofstream file(path, std::ios::binary);
+  for (const client::Packet& packet : packets) {
+    const auto units = toAnnexB(packet);
+    file.write(reinterpret_cast<const char*>(units.data()),
+               static_cast<std::streamsize>(units.size()));
+  }
+  return path;
+}
+
+}  // namespace lumora::tests

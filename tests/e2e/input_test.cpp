@@ -1,0 +1,140 @@
+// The process as its parent sees it: launch, input, events, exit status.
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <fstream>
+#include <thread>
+
+#include "tests/e2e/helper_fixture.h"
+
+namespace lumora::tests {
+namespace {
+
+struct Input : HelperTest {
+  // Starts without waiting for anything; the first line and the exit code.
+  std::pair<std::string, int> launch(const std::vector<std::string>& arguments,
+                                     const std::string& withToken) {
+    helper = std::make_unique<client::HelperProcess>(
+        client::LaunchOptions{LUMORA_HELPER, withToken, arguments, {}});
+    // A statistics report may come before the listener knows its fate.
+    std::string line = helper->nextLine(20).value_or("");
+    while (line.find("\"stats\"") != std::string::npos) line = helper->nextLine(20).value_or("");
+    return {line, exitCode()};
+  }
+
+  // Peak resident memory of the helper in KiB.
+  long peakMemory() {
+    std::ifstream status("/proc/" + std::to_string(helper->pid()) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("VmHWM:")) return std::stol(line.substr(6));
+    }
+    return -1;
+  }
+
+  std::string failAfter(std::span<const std::uint8_t> bytes) {
+    start();
+    helper->writeBytes(bytes);
+    helper->closeInput();
+    const auto event = helper->nextEvent("error", 20);
+    return event ? event->at("message").get<std::string>() : "";
+  }
+};
+
+TEST_F(Input, RefusesAnInvalidConfiguration) {
+  const std::string line = "{\"type\":\"error\",\"message\":\"invalid helper configuration\"}";
+  EXPECT_EQ(launch({}, "short"), (std::pair{line, 1}));
+  EXPECT_EQ(launch({"--port"}, token), (std::pair{line, 1}));
+  EXPECT_EQ(launch({"--help", "me"}, token), (std::pair{line, 1}));
+}
+
+TEST_F(Input, ListensWhereItIsTold) {
+  start();
+  const std::string taken = std::to_string(port);
+  const auto running = std::move(helper);
+  const std::string failed = "{\"message\":\"video listener failed\",\"type\":\"error\"}";
+  EXPECT_EQ(launch({"--port", taken}, token), (std::pair{failed, 1}));
+  EXPECT_EQ(launch({"--host", "203.0.113.7"}, token), (std::pair{failed, 1}));
+  EXPECT_EQ(launch({"--host", "not a host"}, token),
+            (std::pair{std::string("{\"type\":\"error\",\"message\":\"video listener initialization failed\"}"), 1}));
+  start({"--host", "localhost"});
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Input, EndsWithZeroWhenAskedTo) {
+  start();
+  EXPECT_EQ(finish(), 0);
+  for (const int signal : {SIGTERM, SIGINT}) {
+    start();
+    helper->sendSignal(signal);
+    EXPECT_EQ(exitCode(), 0);
+  }
+  start();
+  helper->closeOutput();
+  EXPECT_EQ(exitCode(), 0);  // noticed with the next report
+}
+
+TEST_F(Input, NamesWhatIsWrongWithARecord) {
+  const auto badHeader = client::recordHeader(16, 3, 2, 1);
+  EXPECT_EQ(failAfter(badHeader), "invalid raw frame header");
+  EXPECT_EQ(exitCode(), 1);
+  const auto truncated = client::recordHeader(8294400, 1920, 1080, 1);
+  EXPECT_EQ(failAfter(truncated), "truncated raw frame");
+  EXPECT_EQ(exitCode(), 1);
+  const auto endless = client::recordHeader(0xFFFFFFFF, 0, 0, 0);
+  EXPECT_EQ(failAfter(endless), "invalid recording command framing");
+  EXPECT_EQ(exitCode(), 1);
+}
+
+TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
+  start();
+  const FrameSize size{1920, 1080};
+  const Pixels pixels = plain(size, {40, 80, 120});
+  const auto viewer = connectClient();
+  std::jthread acknowledging([&] {
+    while (!viewer->isClosed()) {
+      const auto packet = viewer->receive(0.2);
+      if (packet && packet->frameID != 0) viewer->acknowledge(packet->frameID);
+    }
+  });
+  const auto before = waitForStatistics([](const Event&) { return true; });
+  for (int i = 0; i < 400; ++i) feed(size, pixels);
+  const auto after = waitForStatistics([](const Event& event) {
+    return event["dropped_raw"].get<int>() + event["encoded_frames"].get<int>() == 400;
+  });
+  EXPECT_GT(after["dropped_raw"], before["dropped_raw"]);
+  EXPECT_GT(after["encoded_frames"], 10);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(peakMemory(), 150 * 1024);
+#endif
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Input, AParentThatNeverReadsEventsBlocksNothing) {
+  start();
+  // Every client forces two reports, of which the pipe holds some hundred.
+  for (int i = 0; i < 150; ++i) {
+    const auto viewer = connect();
+    viewer->sayHello(token);
+    viewer->sendText("bye\n");
+    while (!viewer->isClosed()) viewer->receive(1);
+  }
+  const auto viewer = connect();
+  viewer->sayHello(token);
+  EXPECT_FALSE(stream(*viewer, {320, 240}, plain({320, 240}, {1, 2, 3}), 5).empty());
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Input, WithoutTheRequiredEncoderTheFirstPreviewFrameFails) {
+  start({}, {{"TAVO_H264_ENCODER", "no-such-encoder"}});
+  const auto viewer = connectClient();
+  feed({320, 240}, plain({320, 240}, {1, 2, 3}));
+  const auto event = helper->nextEvent("error", 20);
+  ASSERT_TRUE(event);
+  EXPECT_THAT(event->at("message").get<std::string>(),
+              testing::StartsWith("hardware encoder creation failed (-"));
+  EXPECT_EQ(exitCode(), 1);
+}
+
+}  // namespace
+}  // namespace lumora::tests

@@ -1,0 +1,74 @@
+#pragma once
+
+// The real helper, driven through the client library and judged by ffmpeg.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/helper_process.h"
+#include "client/stream_client.h"
+
+namespace lumora::tests {
+
+using client::Event;
+using client::FrameSize;
+using Pixels = std::vector<std::uint8_t>;
+
+struct Rgb {
+  int red;
+  int green;
+  int blue;
+};
+
+// A picture in four quarters, each of one colour, in the order a parent feeds it.
+Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight);
+Pixels plain(FrameSize size, Rgb colour);
+
+struct CommandResult {
+  int status = -1;
+  std::string output;  // both streams
+};
+CommandResult runCommand(const std::string& command);
+
+class HelperTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Starts the helper and waits for "ready".
+  void start(std::vector<std::string> arguments = {},
+             std::map<std::string, std::string> environment = {});
+  // Connects a client that the helper has admitted.
+  std::unique_ptr<client::StreamClient> connectClient();
+  std::unique_ptr<client::StreamClient> connect() const;
+  // Writes one frame with the next id.
+  void feed(FrameSize size, const Pixels& pixels);
+  // Feeds frames until `stream` has received and acknowledged `count` frame packets; the packets.
+  std::vector<client::Packet> stream(client::StreamClient& from, FrameSize size,
+                                     const Pixels& pixels, int count);
+  // Waits for a "stats" event that satisfies `wanted`.
+  template <typename Wanted>
+  Event waitForStatistics(Wanted wanted) {
+    for (;;) {
+      const auto event = helper->nextEvent("stats", 10);
+      if (!event) throw std::runtime_error("no such statistics");
+      if (wanted(*event)) return *event;
+    }
+  }
+  // Ends the input; the exit code, or -1 when it did not end by itself.
+  int finish();
+  int exitCode();
+  std::string writeStream(const std::vector<client::Packet>& packets) const;
+
+  std::filesystem::path folder;
+  std::string token = "end-to-end-token-0123456789";
+  std::unique_ptr<client::HelperProcess> helper;
+  std::uint16_t port = 0;
+  std::uint64_t lastID = 0;
+};
+
+}  // namespace lumora::tests
