@@ -47,7 +47,8 @@ void copySource(benchmark::State& state) {
 
 void pairs(benchmark::internal::Benchmark* bench) {
   bench->Unit(benchmark::kMillisecond)->ArgNames({"w", "h", "to_w", "to_h"});
-  for (const PictureSize camera : {PictureSize{1920, 1080}, {1280, 720}, {640, 480}, {1080, 1920}}) {
+  for (const PictureSize camera :
+       {PictureSize{1920, 1080}, {1280, 720}, {640, 480}, {1080, 1920}}) {
     for (const PictureSize to : {PictureSize{640, 360}, {1080, 720}, {1920, 1080}}) {
       bench->Args({camera.width, camera.height, to.width, to.height});
     }

@@ -86,8 +86,10 @@ void advance(std::array<iovec, 2>& parts, std::size_t count) {
 bool writeAll(int descriptor, std::array<iovec, 2> parts) {
   while (parts[0].iov_len + parts[1].iov_len > 0) {
     const ssize_t count = writev(descriptor, parts.data(), static_cast<int>(parts.size()));
-    if (count >= 0) advance(parts, static_cast<std::size_t>(count));
-    else if (errno != EINTR) return false;
+    if (count >= 0)
+      advance(parts, static_cast<std::size_t>(count));
+    else if (errno != EINTR)
+      return false;
   }
   return true;
 }
@@ -181,8 +183,8 @@ std::optional<ExitStatus> HelperProcess::wait(double timeoutSeconds) {
     int status = 0;
     const pid_t ended = waitpid(pid_, &status, WNOHANG);
     if (ended == pid_) {
-      status_ = WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0}
-                                  : ExitStatus{0, WTERMSIG(status)};
+      status_ =
+          WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0} : ExitStatus{0, WTERMSIG(status)};
     } else if (deadline.millisecondsLeft() == 0) {
       return std::nullopt;
     } else {

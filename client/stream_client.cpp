@@ -15,9 +15,7 @@ namespace {
 
 constexpr std::size_t readBytes = 256 * 1024;
 
-std::system_error lastError(const char* what) {
-  return {errno, std::generic_category(), what};
-}
+std::system_error lastError(const char* what) { return {errno, std::generic_category(), what}; }
 
 Descriptor connectTo(const std::string& host, std::uint16_t port) {
   addrinfo hints{};
@@ -52,8 +50,7 @@ bool StreamClient::acknowledge(std::uint64_t frameID) {
 bool StreamClient::sendText(const std::string& text) {
   std::size_t sent = 0;
   while (sent < text.size()) {
-    const ssize_t count =
-        send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    const ssize_t count = send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return false;
     sent += static_cast<std::size_t>(count);
@@ -68,8 +65,10 @@ std::optional<Packet> StreamClient::receive(double timeoutSeconds) {
     if (closed_ || !waitReadable(socket_.get(), deadline)) return std::nullopt;
     const ssize_t count = recv(socket_.get(), space_.data(), space_.size(), 0);
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) closed_ = true;
-    else parser_.feed({space_.data(), static_cast<std::size_t>(count)});
+    if (count <= 0)
+      closed_ = true;
+    else
+      parser_.feed({space_.data(), static_cast<std::size_t>(count)});
   }
 }
 

@@ -44,13 +44,14 @@ double megabitsPerSecond(const tools::RunProgress& progress, int clients) {
 }
 
 void showProgress(const tools::RunProgress& progress, int clients) {
-  std::printf("\rfed %5llu  received %5llu  dropped %llu raw, %llu in delivery  "
-              "latency %4.1f ms  %4.1f Mbit/s ",
-              static_cast<unsigned long long>(progress.fed),
-              static_cast<unsigned long long>(progress.received),
-              static_cast<unsigned long long>(statistic(progress, "dropped_raw")),
-              static_cast<unsigned long long>(deliveryDrops(progress)), progress.latency,
-              megabitsPerSecond(progress, clients));
+  std::printf(
+      "\rfed %5llu  received %5llu  dropped %llu raw, %llu in delivery  "
+      "latency %4.1f ms  %4.1f Mbit/s ",
+      static_cast<unsigned long long>(progress.fed),
+      static_cast<unsigned long long>(progress.received),
+      static_cast<unsigned long long>(statistic(progress, "dropped_raw")),
+      static_cast<unsigned long long>(deliveryDrops(progress)), progress.latency,
+      megabitsPerSecond(progress, clients));
   std::fflush(stdout);
 }
 
@@ -63,8 +64,8 @@ void showTable(const tools::RunReport& report, int clients) {
   row("frames fed", static_cast<double>(report.last.fed), "");
   row("  per second", static_cast<double>(report.last.fed) / report.fedSeconds, "");
   row("frames received, both clients", static_cast<double>(report.last.received), "");
-  row("raw frames dropped", static_cast<double>(statistic(report.last, "dropped_raw") -
-                                                report.droppedBeforeFeeding), "");
+  row("raw frames dropped",
+      static_cast<double>(statistic(report.last, "dropped_raw") - report.droppedBeforeFeeding), "");
   row("frames dropped in delivery", static_cast<double>(deliveryDrops(report.last)), "");
   row("latency, median", tools::percentile(report.latencies, 0.5), "ms");
   row("latency, 99th percentile", tools::percentile(report.latencies, 0.99), "ms");

@@ -24,7 +24,8 @@ constexpr std::array<Glyph, 10> digits = {{{0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 
                                            {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C}}};
 
 Glyph glyphOf(char character) {
-  if (character >= '0' && character <= '9') return digits[static_cast<std::size_t>(character - '0')];
+  if (character >= '0' && character <= '9')
+    return digits[static_cast<std::size_t>(character - '0')];
   if (character == ':') return {0, 0x04, 0x04, 0, 0x04, 0x04, 0};
   if (character == '.') return {0, 0, 0, 0, 0, 0x0C, 0x0C};
   return {};

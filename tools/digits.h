@@ -13,8 +13,10 @@ struct Canvas {
   int height;
 
   std::uint8_t* pixel(int x, int y) const {
-    return rgba.data() + (static_cast<std::size_t>(height - 1 - y) * static_cast<std::size_t>(width) +
-                          static_cast<std::size_t>(x)) * 4;
+    return rgba.data() +
+           (static_cast<std::size_t>(height - 1 - y) * static_cast<std::size_t>(width) +
+            static_cast<std::size_t>(x)) *
+               4;
   }
 };
 

@@ -8,8 +8,10 @@ namespace lumora::tools {
 std::string shellQuoted(const std::string& text) {
   std::string quoted = "'";
   for (const char character : text) {
-    if (character == '\'') quoted += "'\\''";
-    else quoted += character;
+    if (character == '\'')
+      quoted += "'\\''";
+    else
+      quoted += character;
   }
   return quoted + "'";
 }
@@ -18,11 +20,11 @@ FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int
     : size_(size), frame_(size.bytes()) {
   const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
   const std::string kind = input.starts_with("/dev/video") ? "-f v4l2 " : "-stream_loop -1 ";
-  const std::string command =
-      "ffmpeg -v error -nostdin " + kind + "-i " + shellQuoted(input) + " -an -vf 'scale=" +
-      picture + ":force_original_aspect_ratio=decrease,pad=" + picture +
-      ":(ow-iw)/2:(oh-ih)/2,fps=" + std::to_string(framesPerSecond) +
-      ",vflip' -pix_fmt rgba -f rawvideo -";
+  const std::string command = "ffmpeg -v error -nostdin " + kind + "-i " + shellQuoted(input) +
+                              " -an -vf 'scale=" + picture +
+                              ":force_original_aspect_ratio=decrease,pad=" + picture +
+                              ":(ow-iw)/2:(oh-ih)/2,fps=" + std::to_string(framesPerSecond) +
+                              ",vflip' -pix_fmt rgba -f rawvideo -";
   pipe_.reset(popen(command.c_str(), "re"));
   if (!pipe_) throw std::system_error(errno, std::generic_category(), "ffmpeg");
 }

@@ -86,8 +86,8 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
     const double due = static_cast<double>(number - 1) / options.framesPerSecond;
     const auto rgba = source.next(number, due);
     if (rgba.empty()) break;
-    std::this_thread::sleep_until(
-        start + std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(due)));
+    std::this_thread::sleep_until(start + std::chrono::duration_cast<SteadyClock::duration>(
+                                              std::chrono::duration<double>(due)));
     if (!helper.writeFrame(source.size(), number, rgba)) break;
     board.wrote(number);
     if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {

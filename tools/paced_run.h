@@ -22,18 +22,18 @@ struct RunOptions {
 };
 
 struct RunProgress {
-  std::uint64_t fed = 0;         // frames written
-  std::uint64_t received = 0;    // frame packets, over all clients
-  std::uint64_t bytes = 0;       // of those packets
-  double latency = 0;            // of the latest one, milliseconds
-  client::Event statistics;      // the latest "stats" event with diagnostics
+  std::uint64_t fed = 0;       // frames written
+  std::uint64_t received = 0;  // frame packets, over all clients
+  std::uint64_t bytes = 0;     // of those packets
+  double latency = 0;          // of the latest one, milliseconds
+  client::Event statistics;    // the latest "stats" event with diagnostics
 };
 
 struct RunReport {
   RunProgress last;
-  double readyMilliseconds = 0;          // from exec to "ready"
+  double readyMilliseconds = 0;  // from exec to "ready"
   std::uint64_t droppedBeforeFeeding = 0;
-  std::vector<double> latencies;         // milliseconds, last byte written to packet received
+  std::vector<double> latencies;  // milliseconds, last byte written to packet received
   double fedSeconds = 0;
   client::ExitStatus exit;
 };

@@ -16,7 +16,7 @@ class TestCard final : public FrameSource {
 
  private:
   client::FrameSize size_;
-  std::vector<std::uint8_t> wide_;   // twice as wide as the picture
+  std::vector<std::uint8_t> wide_;  // twice as wide as the picture
   std::vector<std::uint8_t> frame_;
 };
 

@@ -72,8 +72,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,
-                                                         std::int64_t sessionHeight,
-                                                         bool recording, int targetFPS);
+                                                         std::int64_t sessionHeight, bool recording,
+                                                         int targetFPS);
   void encodePreview(const RawFrame& frame,
                      const std::shared_ptr<RawEncodingCompletion>& completion);
   void preparePreviewSession(const RawFrame& frame);
@@ -89,8 +89,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool authenticate(Peer& peer, const std::string& offered);
   bool takeAcknowledgement(Peer& peer, std::uint64_t frameID);
   void resynchronise(Peer& peer);
-  void sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets,
-                 std::uint64_t id);
+  void sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets, std::uint64_t id);
 
   // diag/
   Json coreStatistics();

@@ -21,10 +21,9 @@ void VideoEncoder::encode(const RawFrame& frame) {
     countDroppedRaw();
     return releaseRaw();
   }
-  const auto completion =
-      std::make_shared<RawEncodingCompletion>([weak = weak_from_this()] {
-        if (const auto self = weak.lock()) self->releaseRaw();
-      });
+  const auto completion = std::make_shared<RawEncodingCompletion>([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->releaseRaw();
+  });
   if (hasStreamConsumer) {
     try {
       encodePreview(frame, completion);
@@ -46,15 +45,14 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
   const Status status = session->encodeFrame(
       std::move(buffer), {ordinal, previewTargetFPS}, properties,
       [weak = weak_from_this(), queue = platform.stateQueue, completion, encode, submitted,
-       id = frame.id](Status outcome, std::uint32_t,
-                      std::shared_ptr<const EncodedSample> sample) {
-        queue->async([weak, completion, encode, submitted, id, outcome,
-                      sample = std::move(sample)] {
-          const auto self = weak.lock();
-          if (!self) return;
-          self->previewEncoded(outcome, sample.get(), submitted, id);
-          completion->complete(encode);
-        });
+       id = frame.id](Status outcome, std::uint32_t, std::shared_ptr<const EncodedSample> sample) {
+        queue->async(
+            [weak, completion, encode, submitted, id, outcome, sample = std::move(sample)] {
+              const auto self = weak.lock();
+              if (!self) return;
+              self->previewEncoded(outcome, sample.get(), submitted, id);
+              completion->complete(encode);
+            });
       });
   if (status != 0) {
     completion->complete(encode);
@@ -64,8 +62,7 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
 
 void VideoEncoder::preparePreviewSession(const RawFrame& frame) {
   const PictureSize size = previewEncodeSize({frame.width, frame.height},
-                                             {previewWidth, previewHeight},
-                                             exactPreviewDimensions);
+                                             {previewWidth, previewHeight}, exactPreviewDimensions);
   if (session && size == PictureSize{width, height}) return;
   if (session) session->invalidate();
   session.reset();

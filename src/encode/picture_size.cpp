@@ -23,8 +23,8 @@ bool differsByRounding(std::int64_t first, std::int64_t second) {
 }  // namespace
 
 PictureSize previewEncodeSize(PictureSize camera, PictureSize preview, bool exact) {
-  const double scale = std::min(
-      {ratio(preview.width, camera.width), ratio(preview.height, camera.height), 1.0});
+  const double scale =
+      std::min({ratio(preview.width, camera.width), ratio(preview.height, camera.height), 1.0});
   const PictureSize fitted{scaledEven(camera.width, scale), scaledEven(camera.height, scale)};
   const bool large = camera.width >= preview.width && camera.height >= preview.height;
   if (exact && large && differsByRounding(fitted.width, preview.width) &&

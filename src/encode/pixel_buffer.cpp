@@ -26,8 +26,8 @@ class BufferLock {
   MutableImageView view_;
 };
 
-void clearRows(const MutableImageView& view, std::int64_t from, std::int64_t to,
-               std::int64_t left, std::int64_t right) {
+void clearRows(const MutableImageView& view, std::int64_t from, std::int64_t to, std::int64_t left,
+               std::int64_t right) {
   if (right <= left) return;
   for (std::int64_t row = from; row < to; ++row) {
     std::memset(view.pixels + row * view.stride + left * bytesPerPixel, 0,
@@ -64,8 +64,7 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
     rectangle = fitRectangle({frame.width, frame.height}, wholeSize);
     clearBars(whole, rectangle);
   }
-  const ImageView source{frame.rgba.data(), frame.width, frame.height,
-                         frame.width * bytesPerPixel};
+  const ImageView source{frame.rgba.data(), frame.width, frame.height, frame.width * bytesPerPixel};
   const MutableImageView destination{
       whole.pixels + rectangle.top * whole.stride + rectangle.left * bytesPerPixel,
       rectangle.size.width, rectangle.size.height, whole.stride};

@@ -64,8 +64,10 @@ void VideoEncoder::stopReading(std::optional<std::string> message) {
   platform.stateQueue->async([weak = weak_from_this(), message = std::move(message)] {
     const auto self = weak.lock();
     if (!self) return;
-    if (message) self->fail(*message);
-    else self->shutdown(0);
+    if (message)
+      self->fail(*message);
+    else
+      self->shutdown(0);
   });
 }
 

@@ -43,11 +43,10 @@ class AsioConnection final : public TcpConnection,
     std::vector<asio::const_buffer> buffers;
     buffers.reserve(parts.size());
     for (const SharedBytes& part : parts) buffers.push_back(asio::buffer(*part));
-    asio::async_write(socket_, buffers,
-                      [self = shared_from_this(), parts = std::move(parts),
-                       handler = std::move(handler)](const error_code& error, std::size_t) {
-                        handler(std::error_code(error));
-                      });
+    asio::async_write(
+        socket_, buffers,
+        [self = shared_from_this(), parts = std::move(parts), handler = std::move(handler)](
+            const error_code& error, std::size_t) { handler(std::error_code(error)); });
   }
 
   void cancel() override {
@@ -125,15 +124,15 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   }
 
   void acceptNext() {
-    acceptor_.async_accept([self = shared_from_this()](const error_code& error,
-                                                       tcp::socket socket) {
-      if (error == asio::error::operation_aborted) return;
-      if (error) return self->acceptFailed(error);
-      if (self->connectionHandler_) {
-        self->connectionHandler_(std::make_shared<AsioConnection>(std::move(socket)));
-      }
-      self->acceptNext();
-    });
+    acceptor_.async_accept(
+        [self = shared_from_this()](const error_code& error, tcp::socket socket) {
+          if (error == asio::error::operation_aborted) return;
+          if (error) return self->acceptFailed(error);
+          if (self->connectionHandler_) {
+            self->connectionHandler_(std::make_shared<AsioConnection>(std::move(socket)));
+          }
+          self->acceptNext();
+        });
   }
 
   // A client that is gone before it was accepted, or a machine short of descriptors or memory for

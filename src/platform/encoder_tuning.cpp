@@ -29,8 +29,8 @@ CodecOptions lowLatencyOptions(const std::string& codec, const EncoderSettings& 
     return {{"profile", profile}, {"realtime", "1"}, {"allow_sw", "0"}};
   }
   if (codec == "h264_nvenc") {
-    return {{"profile", profile}, {"preset", "p3"},  {"tune", "ull"},
-            {"zerolatency", "1"}, {"delay", "0"},    {"forced-idr", "1"}};
+    return {{"profile", profile}, {"preset", "p3"}, {"tune", "ull"},
+            {"zerolatency", "1"}, {"delay", "0"},   {"forced-idr", "1"}};
   }
   if (codec == "h264_qsv") {
     return {{"profile", profile}, {"async_depth", "1"}, {"forced_idr", "1"}};

@@ -74,8 +74,7 @@ Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
     if (status < 0) return status;
   }
   for (const auto& [name, value] : lowLatencyOptions(codec.name, settings)) {
-    const int status =
-        av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
+    const int status = av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
     if (status < 0) return status;
   }
   int status = avcodec_open2(&context, &codec, nullptr);
@@ -94,8 +93,7 @@ Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
 
 Status LibavEncoder::openHardwareFrames() {
   AVBufferRef* device = nullptr;
-  const int status =
-      av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, nullptr, nullptr, 0);
+  const int status = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, nullptr, nullptr, 0);
   if (status < 0) return status;
   device_.reset(device);
   BufferRef frames(av_hwframe_ctx_alloc(device_.get()));

@@ -59,14 +59,13 @@ Status LibavSession::prepareToEncodeFrames() {
   return 0;
 }
 
-Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer,
-                                 RationalTime presentationTime, FrameProperties properties,
-                                 OutputHandler handler) {
+Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,
+                                 FrameProperties properties, OutputHandler handler) {
   {
     const std::lock_guard hold(mutex_);
     if (stopping_ || !worker_.joinable()) return AVERROR_EXTERNAL;
-    jobs_.push_back({std::move(buffer), presentationTime.value, properties.forceKeyFrame,
-                     std::move(handler)});
+    jobs_.push_back(
+        {std::move(buffer), presentationTime.value, properties.forceKeyFrame, std::move(handler)});
   }
   changed_.notify_all();
   return 0;

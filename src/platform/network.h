@@ -17,8 +17,7 @@ enum class ConnectionState { failed, cancelled };
 class TcpConnection {
  public:
   // `bytes` live only during the call; `complete` is set when the peer closed its side.
-  using ReceiveHandler =
-      std::function<void(ByteView bytes, bool complete, std::error_code error)>;
+  using ReceiveHandler = std::function<void(ByteView bytes, bool complete, std::error_code error)>;
   using SendHandler = std::function<void(std::error_code error)>;
   using StateHandler = std::function<void(ConnectionState)>;
 

@@ -16,9 +16,8 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 // sums[i] = Σ rows[k][i] × weights[k], as 10.6 fixed point, for i below `count` (bytes). `sums`
 // has room for one more vector.
-void sumRows(const std::uint8_t* const* HWY_RESTRICT rows,
-             const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t count,
-             std::int16_t* HWY_RESTRICT sums) {
+void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const std::int16_t* HWY_RESTRICT weights,
+             int taps, std::size_t count, std::int16_t* HWY_RESTRICT sums) {
   const hn::ScalableTag<std::int16_t> d16;
   const hn::Rebind<std::uint8_t, decltype(d16)> d8;
   const std::size_t lanes = hn::Lanes(d16);
@@ -94,8 +93,8 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
     alignas(16) static constexpr std::uint8_t order[16] = {2, 1, 0, 3, 6, 5, 4, 7,
                                                            2, 1, 0, 3, 6, 5, 4, 7};
     const hn::FixedTag<std::uint8_t, 16> dFull;
-    return hn::LowerHalf(d8, hn::TableLookupBytes(hn::Combine(dFull, pixels, pixels),
-                                                  hn::Load(dFull, order)));
+    return hn::LowerHalf(
+        d8, hn::TableLookupBytes(hn::Combine(dFull, pixels, pixels), hn::Load(dFull, order)));
   };
   // Sums are v × 2^5 here: 6 bits of fraction came in, 14 of the weight, and 15 were shifted out.
   const auto pixelPair = [&](std::size_t x, std::size_t next) HWY_ATTR {
@@ -201,8 +200,8 @@ Resampler::Resampler(const ImageView& source, const MutableImageView& destinatio
       width_(destination.width),
       height_(destination.height),
       // 4 pixels are the horizontal step's vector.
-      horizontal_(makeResampleAxis(static_cast<int>(source.width),
-                                   static_cast<int>(destination.width), 4)),
+      horizontal_(
+          makeResampleAxis(static_cast<int>(source.width), static_cast<int>(destination.width), 4)),
       vertical_(makeResampleAxis(static_cast<int>(source.height),
                                  static_cast<int>(destination.height), 1)),
       columnSums_(static_cast<std::size_t>(source.width) * 4 +
@@ -231,8 +230,7 @@ void Resampler::run(const ImageView& source, const MutableImageView& destination
      static_cast<std::size_t>(sourceWidth_) * 4, columnSums_.data());
     HWY_DYNAMIC_DISPATCH(sumColumns)
     (columnSums_.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
-     static_cast<std::size_t>(width_),
-     destination.pixels + (height_ - 1 - y) * destination.stride);
+     static_cast<std::size_t>(width_), destination.pixels + (height_ - 1 - y) * destination.stride);
   }
 }
 

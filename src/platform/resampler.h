@@ -44,9 +44,9 @@ class Resampler {
   std::int64_t height_;
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
-  std::vector<std::int16_t> pixelWeights_;     // `horizontal_.weights`, four of each
-  std::vector<std::int16_t> columnSums_;       // one source-wide row
-  std::vector<const std::uint8_t*> rows_;      // the source rows of one destination row
+  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights`, four of each
+  std::vector<std::int16_t> columnSums_;    // one source-wide row
+  std::vector<const std::uint8_t*> rows_;   // the source rows of one destination row
 };
 
 }  // namespace lumora

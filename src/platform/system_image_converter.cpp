@@ -27,8 +27,7 @@ bool SystemImageConverter::convert(const ImageView& source, const MutableImageVi
     // libyuv names formats by the little-endian word: its ABGR is R, G, B, A in memory. A negative
     // height turns the picture over.
     return libyuv::ABGRToARGB(source.pixels, static_cast<int>(source.stride), destination.pixels,
-                              static_cast<int>(destination.stride),
-                              static_cast<int>(source.width),
+                              static_cast<int>(destination.stride), static_cast<int>(source.width),
                               -static_cast<int>(source.height)) == 0;
   }
   if (isStrongReduction(source, destination)) {

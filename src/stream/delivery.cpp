@@ -64,8 +64,8 @@ void VideoEncoder::sendFrame(const std::shared_ptr<Peer>& peer, const FramePacke
   peer->sendStarted = now;
   peer->lastSent = id;
   peer->unacknowledged.push_back({id, now});
-  maxUnacknowledgedObserved = std::max(maxUnacknowledgedObserved,
-                                       static_cast<std::int64_t>(peer->unacknowledged.size()));
+  maxUnacknowledgedObserved =
+      std::max(maxUnacknowledgedObserved, static_cast<std::int64_t>(peer->unacknowledged.size()));
   std::vector<SharedBytes> parts;
   if (packets.configuration) parts.push_back(packets.configuration);
   parts.push_back(packets.frame);

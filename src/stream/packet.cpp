@@ -91,8 +91,7 @@ FramePackets prepareFrame(const EncodedSample& sample, std::uint64_t frameID, st
   FramePackets packets;
   packets.keyframe = isKeyFrame(payload);
   if (packets.keyframe) {
-    packets.configuration =
-        std::make_shared<const Bytes>(makeConfiguration(sample, width, height));
+    packets.configuration = std::make_shared<const Bytes>(makeConfiguration(sample, width, height));
   }
   storeHeader(*frame, PacketType::frame, frameID, packets.keyframe);
   packets.frame = frame;

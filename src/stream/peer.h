@@ -22,10 +22,10 @@ struct Peer {
   std::shared_ptr<TcpConnection> connection;
   double acceptedAt = 0;  // uptime seconds
   bool authenticated = false;
-  Bytes input;              // the current line as far as it has come
-  bool sending = false;     // a send is outstanding, begun at `sendStarted`
-  double sendStarted = 0;   // uptime seconds
-  bool awaitingIDR = true;  // the next frame sent must be a key frame
+  Bytes input;                           // the current line as far as it has come
+  bool sending = false;                  // a send is outstanding, begun at `sendStarted`
+  double sendStarted = 0;                // uptime seconds
+  bool awaitingIDR = true;               // the next frame sent must be a key frame
   std::deque<SentFrame> unacknowledged;  // in send order
   std::uint64_t lastAcknowledged = 0;
   std::uint64_t lastSent = 0;

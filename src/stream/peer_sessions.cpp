@@ -52,14 +52,13 @@ void VideoEncoder::accept(std::shared_ptr<TcpConnection> connection) {
 }
 
 void VideoEncoder::receive(const std::shared_ptr<Peer>& peer) {
-  peer->connection->receive(
-      maximumLineBytes + 1,
-      [weak = weak_from_this(), weakPeer = std::weak_ptr(peer)](ByteView bytes, bool complete,
-                                                                std::error_code error) {
-        const auto self = weak.lock();
-        const auto from = weakPeer.lock();
-        if (self && from) self->received(from, bytes, complete || error);
-      });
+  peer->connection->receive(maximumLineBytes + 1,
+                            [weak = weak_from_this(), weakPeer = std::weak_ptr(peer)](
+                                ByteView bytes, bool complete, std::error_code error) {
+                              const auto self = weak.lock();
+                              const auto from = weakPeer.lock();
+                              if (self && from) self->received(from, bytes, complete || error);
+                            });
 }
 
 void VideoEncoder::received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended) {

@@ -52,8 +52,8 @@ void HelperTest::TearDown() {
 
 void HelperTest::start(std::vector<std::string> arguments,
                        std::map<std::string, std::string> environment) {
-  helper = std::make_unique<client::HelperProcess>(client::LaunchOptions{
-      LUMORA_HELPER, token, std::move(arguments), std::move(environment)});
+  helper = std::make_unique<client::HelperProcess>(
+      client::LaunchOptions{LUMORA_HELPER, token, std::move(arguments), std::move(environment)});
   const auto ready = helper->nextEvent("ready", 20);
   ASSERT_TRUE(ready);
   port = ready->at("port");

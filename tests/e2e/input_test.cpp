@@ -55,8 +55,11 @@ TEST_F(Input, ListensWhereItIsTold) {
   const std::string failed = "{\"message\":\"video listener failed\",\"type\":\"error\"}";
   EXPECT_EQ(launch({"--port", taken}, token), (std::pair{failed, 1}));
   EXPECT_EQ(launch({"--host", "203.0.113.7"}, token), (std::pair{failed, 1}));
-  EXPECT_EQ(launch({"--host", "not a host"}, token),
-            (std::pair{std::string("{\"type\":\"error\",\"message\":\"video listener initialization failed\"}"), 1}));
+  EXPECT_EQ(
+      launch({"--host", "not a host"}, token),
+      (std::pair{
+          std::string("{\"type\":\"error\",\"message\":\"video listener initialization failed\"}"),
+          1}));
   start({"--host", "localhost"});
   EXPECT_EQ(finish(), 0);
 }

@@ -28,7 +28,8 @@ struct Preview : HelperTest {
     Pixels pixels(std::istreambuf_iterator<char>(file), {});
     const auto bytes = static_cast<std::size_t>(size.width * size.height * 3);
     EXPECT_GE(pixels.size(), bytes);
-    pixels.erase(pixels.begin(), pixels.end() - static_cast<std::ptrdiff_t>(std::min(bytes, pixels.size())));
+    pixels.erase(pixels.begin(),
+                 pixels.end() - static_cast<std::ptrdiff_t>(std::min(bytes, pixels.size())));
     return pixels;
   }
 
@@ -108,8 +109,8 @@ TEST_F(Preview, IsBaselineWithoutReorderingAndKeyFramesInTime) {
     EXPECT_LE(sinceKey, 60);
     configured = false;
   }
-  const auto probe = runCommand("ffprobe -v error -show_streams -show_frames -of compact " +
-                                writeStream(packets));
+  const auto probe =
+      runCommand("ffprobe -v error -show_streams -show_frames -of compact " + writeStream(packets));
   EXPECT_THAT(probe.output, HasSubstr("profile=Constrained Baseline"));
   EXPECT_THAT(probe.output, HasSubstr("has_b_frames=0"));
   EXPECT_THAT(probe.output, HasSubstr("color_range=tv|color_space=smpte170m"));
@@ -127,7 +128,9 @@ TEST_F(Preview, FollowsTheCameraToAnotherSize) {
   const Pixels pixels = decodeLast(after, {640, 360});
   expectColour(pixels, {640, 360}, 0.5, 0.5, blue);
   packets.insert(packets.end(), after.begin(), after.end());
-  EXPECT_EQ(runCommand("ffmpeg -v error -xerror -nostdin -i " + writeStream(packets) + " -f null -").output, "");
+  EXPECT_EQ(runCommand("ffmpeg -v error -xerror -nostdin -i " + writeStream(packets) + " -f null -")
+                .output,
+            "");
   EXPECT_EQ(finish(), 0);
 }
 

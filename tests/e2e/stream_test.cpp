@@ -34,7 +34,8 @@ TEST_F(Stream, StrangersAreDroppedWithoutAnAnswer) {
   EXPECT_TRUE(isDropped(*silent, 5));
   EXPECT_EQ(stream(*good, size, plain(size, {9, 9, 9}), 10).empty(), false);
   EXPECT_FALSE(good->isClosed());
-  EXPECT_EQ(waitForStatistics([](const Event& e) { return e["dropped_peers"] >= 6; })["clients"], 1);
+  EXPECT_EQ(waitForStatistics([](const Event& e) { return e["dropped_peers"] >= 6; })["clients"],
+            1);
   EXPECT_EQ(finish(), 0);
 }
 
@@ -54,8 +55,9 @@ TEST_F(Stream, AClientThatNeverAcknowledgesIsDroppedAndTheOtherGetsEveryFrame) {
   }
   EXPECT_TRUE(silent->isClosed());
   EXPECT_FALSE(good->isClosed());
-  const Event stats = waitForStatistics(
-      [](const Event& event) { return event["clients"] == 1 && event.contains("max_unacked_observed"); });
+  const Event stats = waitForStatistics([](const Event& event) {
+    return event["clients"] == 1 && event.contains("max_unacked_observed");
+  });
   EXPECT_EQ(stats["max_unacked_observed"], 6);
   EXPECT_GE(frames, 6);
   EXPECT_EQ(finish(), 0);

@@ -81,7 +81,10 @@ TEST_F(Encode, PreviewFailuresEndTheRunWithTheirDescription) {
   using Adjust = std::function<void(FakeSession&)>;
   const std::pair<const char*, Adjust> cases[] = {
       {"encoder property failed (-12)",
-       [](auto& s) { s.failingProperty = SessionProperty::averageBitRate; s.propertyStatus = -12; }},
+       [](auto& s) {
+         s.failingProperty = SessionProperty::averageBitRate;
+         s.propertyStatus = -12;
+       }},
       {"encoder preparation failed (-13)", [](auto& s) { s.prepareStatus = -13; }},
       {"no pixel buffer pool", [](auto& s) { s.hasPool = false; }},
       {"frame submission failed (-1)", [](auto& s) { s.submitStatus = -1; }}};
@@ -116,7 +119,8 @@ TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
   const std::tuple<Status, std::shared_ptr<const EncodedSample>, const char*> cases[] = {
       {0, nullptr, "frame encoding failed (0)"},
       {-5, keySample(), "frame encoding failed (-5)"},
-      {0, std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr), "invalid encoded NAL size"}};
+      {0, std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr),
+       "invalid encoded NAL size"}};
   for (const auto& [status, sample, message] : cases) {
     probe = VideoEncoderProbe();
     probe.becomeReady();

@@ -102,8 +102,8 @@ Status FakeEncoders::createSession(std::int32_t width, std::int32_t height,
 std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders) {
   Bytes data;
   for (const std::uint8_t header : nalHeaders) appendLengthPrefixed(data, Bytes{header, 1, 2, 3});
-  const auto format = std::make_shared<MemoryFormatDescription>(Bytes{0x67, 0x42}, Bytes{0x68},
-                                                                640, 360);
+  const auto format =
+      std::make_shared<MemoryFormatDescription>(Bytes{0x67, 0x42}, Bytes{0x68}, 640, 360);
   return std::make_shared<MemorySample>(data, format);
 }
 

@@ -155,14 +155,13 @@ class FakeSession final : public CompressionSession {
   }
   Status prepareToEncodeFrames() override { return prepareStatus; }
   PixelBufferPool* pixelBufferPool() override { return hasPool ? &pool : nullptr; }
-  Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time,
-                     FrameProperties frame, OutputHandler handler) override;
+  Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time, FrameProperties frame,
+                     OutputHandler handler) override;
   void completeFrames() override { ++flushes; }
   void invalidate() override { invalidated = true; }
 
   // Answers the oldest frame.
-  void answer(Status status, std::shared_ptr<const EncodedSample> sample,
-              std::uint32_t flags = 0);
+  void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0);
 
   struct Submission {
     std::shared_ptr<PixelBuffer> buffer;

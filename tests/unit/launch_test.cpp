@@ -41,20 +41,36 @@ TEST(Options, OptionsReplaceTheEnvironmentAndEachOther) {
 }
 
 TEST(Options, AcceptsTheLimitsAndRefusesWhatLiesBeyond) {
-  const std::vector<Arguments> good = {
-      {"--port", "0"},           {"--port", "-0"},           {"--port", "65535"},
-      {"--preview-width", "2"},  {"--preview-width", "640"}, {"--preview-height", "2"},
-      {"--preview-height", "+360"}, {"--host", std::string(253, 'a')}};
+  const std::vector<Arguments> good = {{"--port", "0"},
+                                       {"--port", "-0"},
+                                       {"--port", "65535"},
+                                       {"--preview-width", "2"},
+                                       {"--preview-width", "640"},
+                                       {"--preview-height", "2"},
+                                       {"--preview-height", "+360"},
+                                       {"--host", std::string(253, 'a')}};
   for (const auto& arguments : good) EXPECT_TRUE(parse(arguments)) << arguments[1];
-  const std::vector<Arguments> bad = {
-      {"--port", "65536"},          {"--port", "-1"},           {"--port", "8o"},
-      {"--port", ""},               {"--port", " 80"},          {"--port", "+-8"},
-      {"--port", "99999999999999999999"},
-      {"--preview-width", "641"},   {"--preview-width", "639"}, {"--preview-width", "642"},
-      {"--preview-width", "0"},     {"--preview-width", "-2"},  {"--preview-height", "362"},
-      {"--preview-height", "1"},    {"--host", ""},             {"--host", std::string(254, 'a')},
-      {"--port"},                   {"--verbose", "1"},         {"--HOST", "::1"},
-      {"--preview-width", "64.0"},  {"--preview-width", "0x40"}};
+  const std::vector<Arguments> bad = {{"--port", "65536"},
+                                      {"--port", "-1"},
+                                      {"--port", "8o"},
+                                      {"--port", ""},
+                                      {"--port", " 80"},
+                                      {"--port", "+-8"},
+                                      {"--port", "99999999999999999999"},
+                                      {"--preview-width", "641"},
+                                      {"--preview-width", "639"},
+                                      {"--preview-width", "642"},
+                                      {"--preview-width", "0"},
+                                      {"--preview-width", "-2"},
+                                      {"--preview-height", "362"},
+                                      {"--preview-height", "1"},
+                                      {"--host", ""},
+                                      {"--host", std::string(254, 'a')},
+                                      {"--port"},
+                                      {"--verbose", "1"},
+                                      {"--HOST", "::1"},
+                                      {"--preview-width", "64.0"},
+                                      {"--preview-width", "0x40"}};
   for (const auto& arguments : bad) EXPECT_FALSE(parse(arguments)) << arguments.back();
 }
 
@@ -65,17 +81,21 @@ TEST(Options, EnvironmentSizesComeInPairs) {
 }
 
 TEST(Options, TokensAreSixteenTo128PlainCharacters) {
-  for (const auto& token : {std::string(16, 'Z'), std::string(128, '-'), std::string("0_-aZ9aaaaaaaaaa")}) {
+  for (const auto& token :
+       {std::string(16, 'Z'), std::string(128, '-'), std::string("0_-aZ9aaaaaaaaaa")}) {
     EXPECT_TRUE(parse({}, {{"TAVO_VIDEO_TOKEN", token}})) << token;
   }
-  for (const auto& token : {std::string(15, 'a'), std::string(129, 'a'), goodToken + "=",
-                            goodToken + "+", goodToken + "/", goodToken + " ", goodToken + "\xC3\xA9"}) {
+  for (const auto& token :
+       {std::string(15, 'a'), std::string(129, 'a'), goodToken + "=", goodToken + "+",
+        goodToken + "/", goodToken + " ", goodToken + "\xC3\xA9"}) {
     EXPECT_FALSE(parse({}, {{"TAVO_VIDEO_TOKEN", token}})) << token;
   }
 }
 
 TEST(EventLine, SortsKeysAndEscapesSlashes) {
-  EXPECT_EQ(eventLine({{"type", "x"}, {"recording_height", 1u}, {"recording_hd", true},
+  EXPECT_EQ(eventLine({{"type", "x"},
+                       {"recording_height", 1u},
+                       {"recording_hd", true},
                        {"path", "/a\"b\\\n\xC3\xA9"}}),
             "{\"path\":\"\\/a\\\"b\\\\\\n\xC3\xA9\",\"recording_hd\":true,"
             "\"recording_height\":1,\"type\":\"x\"}\n");

@@ -97,7 +97,7 @@ TEST(Statistics, AtMostOneASecondUnlessForced) {
   EXPECT_TRUE(probe.process->lines.empty());
   (*probe).emitStats(true);
   EXPECT_EQ(probe.process->takeEvents().at(0).size(), 8u);  // too soon for diagnostics
-  probe.clock->now += 0.9;                                   // 1.2 s after the first
+  probe.clock->now += 0.9;                                  // 1.2 s after the first
   (*probe).emitStats(false);
   EXPECT_TRUE(probe.process->lines.empty());  // the forced one restarted the second
   probe.clock->now += 0.2;

@@ -117,8 +117,8 @@ TEST_F(Peers, AcknowledgementsCoverEarlierFrames) {
 }
 
 TEST_F(Peers, BadAcknowledgementsEndTheSession) {
-  for (const char* frameID : {"0", "2", "-1", "1.5", "true", "\"1\"", "null", "[1]",
-                              "18446744073709551616", "1e999"}) {
+  for (const char* frameID :
+       {"0", "2", "-1", "1.5", "true", "\"1\"", "null", "[1]", "18446744073709551616", "1e999"}) {
     const auto client = probe.connectClient();
     probe.clock->now += 0.01;
     frame(1, keySample());
@@ -150,8 +150,8 @@ TEST_F(Peers, FirstSendIsConfigurationAndKeyFrame) {
   EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // asks again until it comes
   frame(3, makeSample({0x41, 0x65}));
   ASSERT_EQ(client->sent.size(), 1u);
-  const Bytes configuration = {0, 0, 0, 21, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2,
-                               0x80, 1, 0x68, 0, 2, 0, 1, 0x67, 0x42, 0x68};
+  const Bytes configuration = {0, 0, 0,    21, 1,    0, 0, 0, 0, 0,    0,    0,   0,
+                               0, 2, 0x80, 1,  0x68, 0, 2, 0, 1, 0x67, 0x42, 0x68};
   EXPECT_EQ(Bytes(client->sent[0].begin(), client->sent[0].begin() + 25), configuration);
   const Bytes frameHeader = {0, 0, 0, 26, 2, 0, 0, 0, 0, 0, 0, 0, 3, 1};
   EXPECT_EQ(Bytes(client->sent[0].begin() + 25, client->sent[0].begin() + 39), frameHeader);

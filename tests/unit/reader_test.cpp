@@ -64,7 +64,8 @@ TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
     probe.becomeReady();
     put(broken.length, broken.width, broken.height, broken.id, broken.payload);
     putFrame(9);
-    if (broken.payload == 15 || broken.payload == 8) probe.process->input.resize(16 + broken.payload);
+    if (broken.payload == 15 || broken.payload == 8)
+      probe.process->input.resize(16 + broken.payload);
     EXPECT_EQ(readAll(), broken.message);
     EXPECT_EQ(exits(), std::vector<int>{1});
   }

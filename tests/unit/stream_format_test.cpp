@@ -58,15 +58,34 @@ TEST(Packets, FailuresNameWhatIsWrong) {
       {"", [](auto&) {}},
       {"encoded sample has no bytes", [](auto& s) { s.ready = false; }},
       {"encoded sample has no bytes", [](auto& s) { s.length.reset(); }},
-      {"encoded sample too large", [](auto& s) { s.use({0, 0, 0, 0}); }},
+      {"encoded sample too large",
+       [](auto& s) {
+         s.use({0, 0, 0, 0});
+       }},
       {"encoded sample too large", [](auto& s) { s.length = 2097143; }},
       {"encoded sample copy failed (-7)", [](auto& s) { s.copyStatus = -7; }},
-      {"invalid encoded NAL header", [](auto& s) { s.use({0, 0, 0, 1, 0x65, 0, 0, 0}); }},
-      {"invalid encoded NAL size", [](auto& s) { s.use({0, 0, 0, 2, 0x65}); }},
-      {"invalid encoded NAL size", [](auto& s) { s.use({0, 0, 0, 0, 0x65}); }},
-      {"invalid encoded NAL size", [](auto& s) { s.use({255, 255, 255, 255, 0x65}); }},
+      {"invalid encoded NAL header",
+       [](auto& s) {
+         s.use({0, 0, 0, 1, 0x65, 0, 0, 0});
+       }},
+      {"invalid encoded NAL size",
+       [](auto& s) {
+         s.use({0, 0, 0, 2, 0x65});
+       }},
+      {"invalid encoded NAL size",
+       [](auto& s) {
+         s.use({0, 0, 0, 0, 0x65});
+       }},
+      {"invalid encoded NAL size",
+       [](auto& s) {
+         s.use({255, 255, 255, 255, 0x65});
+       }},
       {"missing H264 description", [](auto& s) { s.hasFormat = false; }},
-      {"", [](auto& s) { s.hasFormat = false; s.use({0, 0, 0, 1, 0x41}); }},
+      {"",
+       [](auto& s) {
+         s.hasFormat = false;
+         s.use({0, 0, 0, 1, 0x41});
+       }},
       {"H264 parameter set failed (-3)", [](auto& s) { s.setStatus = -3; }},
       {"H264 parameter set failed (0)", [](auto& s) { s.set.clear(); }},
       {"H264 parameter set failed (0)", [](auto& s) { s.set.resize(4097); }},
@@ -83,7 +102,8 @@ TEST(Packets, LargestSampleFits) {
   BrokenSample sample;
   Bytes data(2097142, 0x11);
   const std::uint32_t size = 2097138;
-  for (int i = 0; i < 4; ++i) data[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(size >> (24 - 8 * i));
+  for (int i = 0; i < 4; ++i)
+    data[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(size >> (24 - 8 * i));
   data[4] = 0x65;
   sample.use(data);
   const FramePackets packets = prepareFrame(sample, 0x0102030405060708, 640, 360);

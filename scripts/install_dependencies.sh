@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that are missing; silent and quick when none is. Takes further
+# package names as arguments.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config ccache
+  libboost-dev libavcodec-dev libavutil-dev libyuv-dev libhwy-dev nlohmann-json3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  ffmpeg
+  "$@"
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$status" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+echo "Installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
