@@ -76,7 +76,11 @@ void VideoEncoder::fail(const std::string& message) {
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
-  exitNow(code);
+  if (!movie && !movieFinishing) return exitNow(code);
+  pendingMovieStop = uptime();
+  finishMovieIfReady();
+  platform.stateQueue->asyncAfter(shutdownTimeout,
+                                  [self = shared_from_this(), code] { self->exitNow(code); });
 }
 
 void VideoEncoder::exitNow(int code) {

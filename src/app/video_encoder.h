@@ -4,8 +4,8 @@
 // the folder of the subsystem they belong to. Everything runs on the state queue, without locks,
 // except where a comment says otherwise.
 
-#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -19,6 +19,7 @@
 #include "input/raw_frame.h"
 #include "platform/json.h"
 #include "platform/platform.h"
+#include "record/movie_recorder.h"
 #include "stream/peer.h"
 
 namespace lumora {
@@ -50,6 +51,10 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void deliver(const EncodedSample& sample, std::uint64_t id);
   void sweepPeers();
 
+  // record/
+  void recordingCommand(ByteView payload);
+  void finishMovieIfReady();
+
   // diag/
   void emitStats(bool force);
 
@@ -74,11 +79,28 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,
                                                          std::int64_t sessionHeight, bool recording,
                                                          int targetFPS);
+  // What a session answered for one frame.
+  struct Encoded {
+    Status status = 0;
+    std::uint32_t infoFlags = 0;
+    std::shared_ptr<const EncodedSample> sample;
+  };
+  using OutcomeHandler = std::function<void(VideoEncoder&, const Encoded&)>;
+  Status submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer, RationalTime time,
+                FrameProperties properties,
+                const std::shared_ptr<RawEncodingCompletion>& completion, OutcomeHandler handle);
   void encodePreview(const RawFrame& frame,
                      const std::shared_ptr<RawEncodingCompletion>& completion);
   void preparePreviewSession(const RawFrame& frame);
-  void previewEncoded(Status status, const EncodedSample* sample, double submitted,
-                      std::uint64_t id);
+  void previewEncoded(const Encoded& encoded, double submitted, std::uint64_t id);
+  void encodeRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& take,
+                       const std::shared_ptr<RawEncodingCompletion>& completion);
+  void prepareRecordingSession(const RawFrame& frame, const MovieRecorder& take);
+  void submitRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& take,
+                       const std::shared_ptr<RawEncodingCompletion>& completion);
+  void recordingEncoded(const Encoded& encoded, const std::shared_ptr<MovieRecorder>& take,
+                        double submitted, double capturedAt);
+  void failRecording(const std::string& message, const std::shared_ptr<MovieRecorder>& take);
 
   // stream/
   std::size_t countPeers(bool authenticated) const;
@@ -90,6 +112,12 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool takeAcknowledgement(Peer& peer, std::uint64_t frameID);
   void resynchronise(Peer& peer);
   void sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets, std::uint64_t id);
+
+  // record/
+  void startRecording(const Json& command);
+  void stopRecording(const Json& command);
+  void relayRecording(const std::string& id, const Json& event);
+  void movieFinished();
 
   // diag/
   Json coreStatistics();
@@ -149,7 +177,11 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<FrameBufferPool> frameBuffers = std::make_shared<FrameBufferPool>();
   std::uint64_t lastFrameID = 0;
 
+  std::shared_ptr<MovieRecorder> movie;  // the current take
+  bool movieFinishing = false;
+  std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
   std::optional<int> shutdownCode;
+  std::optional<Json> movieStatus;  // the last recording event
 };
 
 }  // namespace lumora

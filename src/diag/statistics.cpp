@@ -21,6 +21,9 @@ void VideoEncoder::emitStats(bool force) {
     addDiagnostics(event);
   }
   emit(event);
+  if (movie && !pendingMovieStop && !movieFinishing) movie->reportProgress();
+  // Repeated, since the parent may have missed it when its pipe was full.
+  if (movieStatus && movieStatus->value("state", "") != "recording") emit(*movieStatus);
 }
 
 Json VideoEncoder::coreStatistics() {

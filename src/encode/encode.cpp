@@ -1,6 +1,6 @@
 // The encode pipeline of one raw frame: who needs it, and the preview branch.
 
-#include <algorithm>
+#include <utility>
 
 #include "app/video_encoder.h"
 #include "encode/encoder_failure.h"
@@ -15,48 +15,59 @@ constexpr int previewTargetFPS = 60;
 }  // namespace
 
 void VideoEncoder::encode(const RawFrame& frame) {
-  if (!running || shutdownCode) return releaseRaw();
+  if (!running || (shutdownCode && !movie)) return releaseRaw();
+  const auto take = pendingMovieStop || movieFinishing ? nullptr : movie;
   const bool hasStreamConsumer = countPeers(/*authenticated=*/true) > 0;
-  if (!hasStreamConsumer) {
+  if (!take && !hasStreamConsumer) {
     countDroppedRaw();
     return releaseRaw();
   }
   const auto completion = std::make_shared<RawEncodingCompletion>([weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->releaseRaw();
   });
-  if (hasStreamConsumer) {
-    try {
-      encodePreview(frame, completion);
-    } catch (const EncoderFailure& failure) {
-      fail(failure.description());
-    }
-  }
+  if (take) encodeRecording(frame, take, completion);
+  if (hasStreamConsumer) encodePreview(frame, completion);
   completion->complete(0);
+}
+
+// Submits one buffer; `handle` runs with its outcome on the state queue, then the frame's share of
+// `completion` ends. The session's handler only enqueues: a session reset waits for it there.
+Status VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer,
+                            RationalTime time, FrameProperties properties,
+                            const std::shared_ptr<RawEncodingCompletion>& completion,
+                            OutcomeHandler handle) {
+  const int share = completion->begin();
+  const Status status =
+      to.encodeFrame(std::move(buffer), time, properties,
+                     [weak = weak_from_this(), queue = platform.stateQueue, completion, share,
+                      handle = std::move(handle)](Status outcome, std::uint32_t infoFlags,
+                                                  std::shared_ptr<const EncodedSample> sample) {
+                       queue->async([weak, completion, share, handle,
+                                     encoded = Encoded{outcome, infoFlags, std::move(sample)}] {
+                         if (const auto self = weak.lock()) handle(*self, encoded);
+                         completion->complete(share);
+                       });
+                     });
+  if (status != 0) completion->complete(share);
+  return status;
 }
 
 void VideoEncoder::encodePreview(const RawFrame& frame,
                                  const std::shared_ptr<RawEncodingCompletion>& completion) {
-  preparePreviewSession(frame);
-  auto buffer = pixelBuffer(frame, *session, Placement::stretch, *platform.images);
-  ++ordinal;
-  const double submitted = uptime();
-  const FrameProperties properties{.forceKeyFrame = std::exchange(forceIDR, false)};
-  const int encode = completion->begin();
-  const Status status = session->encodeFrame(
-      std::move(buffer), {ordinal, previewTargetFPS}, properties,
-      [weak = weak_from_this(), queue = platform.stateQueue, completion, encode, submitted,
-       id = frame.id](Status outcome, std::uint32_t, std::shared_ptr<const EncodedSample> sample) {
-        queue->async(
-            [weak, completion, encode, submitted, id, outcome, sample = std::move(sample)] {
-              const auto self = weak.lock();
-              if (!self) return;
-              self->previewEncoded(outcome, sample.get(), submitted, id);
-              completion->complete(encode);
-            });
-      });
-  if (status != 0) {
-    completion->complete(encode);
-    throw EncoderFailure::status("frame submission", status);
+  try {
+    preparePreviewSession(frame);
+    auto buffer = pixelBuffer(frame, *session, Placement::stretch, *platform.images);
+    ++ordinal;
+    const double submitted = uptime();
+    const FrameProperties properties{.forceKeyFrame = std::exchange(forceIDR, false)};
+    const Status status =
+        submit(*session, std::move(buffer), {ordinal, previewTargetFPS}, properties, completion,
+               [submitted, id = frame.id](VideoEncoder& self, const Encoded& encoded) {
+                 self.previewEncoded(encoded, submitted, id);
+               });
+    if (status != 0) throw EncoderFailure::status("frame submission", status);
+  } catch (const EncoderFailure& failure) {
+    fail(failure.description());
   }
 }
 
@@ -73,13 +84,14 @@ void VideoEncoder::preparePreviewSession(const RawFrame& frame) {
   for (const auto& [id, peer] : peers) peer->awaitingIDR = true;
 }
 
-void VideoEncoder::previewEncoded(Status status, const EncodedSample* sample, double submitted,
-                                  std::uint64_t id) {
+void VideoEncoder::previewEncoded(const Encoded& encoded, double submitted, std::uint64_t id) {
   if (!running) return;
   encodeMilliseconds = (uptime() - submitted) * 1000.0;
   try {
-    if (status != 0 || sample == nullptr) throw EncoderFailure::status("frame encoding", status);
-    deliver(*sample, id);
+    if (encoded.status != 0 || !encoded.sample) {
+      throw EncoderFailure::status("frame encoding", encoded.status);
+    }
+    deliver(*encoded.sample, id);
   } catch (const EncoderFailure& failure) {
     fail(failure.description());
   }

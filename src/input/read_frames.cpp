@@ -36,6 +36,9 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
     stopReading("invalid recording command framing");
     return false;
   }
+  platform.stateQueue->async([weak = weak_from_this(), payload = std::move(payload)] {
+    if (const auto self = weak.lock()) self->recordingCommand(payload);
+  });
   return true;
 }
 
@@ -92,8 +95,13 @@ bool VideoEncoder::isRawBusy() {
 }
 
 void VideoEncoder::releaseRaw() {
-  const std::lock_guard hold(admission);
-  rawBusy = false;
+  {
+    const std::lock_guard hold(admission);
+    rawBusy = false;
+  }
+  const auto current = movie ? std::optional(movie->id) : std::nullopt;
+  if (recordingSession && recordingSessionMovieID != current) resetRecordingSession();
+  finishMovieIfReady();
 }
 
 }  // namespace lumora

@@ -39,6 +39,14 @@ struct ParameterSet {
   int nalHeaderLength = 0;  // bytes in front of each NAL unit of the samples
 };
 
+// How decoded values become colours: the code points of ISO/IEC 23091-2.
+struct ColourDescription {
+  std::uint16_t primaries = 0;
+  std::uint16_t transfer = 0;
+  std::uint16_t matrix = 0;
+  bool fullRange = false;
+};
+
 // What a decoder must know before the first sample.
 class FormatDescription {
  public:
@@ -47,6 +55,7 @@ class FormatDescription {
   virtual ParameterSet parameterSet(std::size_t index) const = 0;
   virtual int width() const = 0;
   virtual int height() const = 0;
+  virtual ColourDescription colour() const = 0;
 };
 
 // One encoded picture: NAL units, each behind its length as 4 big-endian bytes. Any thread.

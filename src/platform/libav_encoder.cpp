@@ -186,8 +186,12 @@ std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
     }
   }
   if (!format_) {
+    const ColourDescription colour{static_cast<std::uint16_t>(context_->color_primaries),
+                                   static_cast<std::uint16_t>(context_->color_trc),
+                                   static_cast<std::uint16_t>(context_->colorspace),
+                                   context_->color_range == AVCOL_RANGE_JPEG};
     format_ = std::make_shared<MemoryFormatDescription>(sequence_, pictureSet_, context_->width,
-                                                        context_->height);
+                                                        context_->height, colour);
   }
   return std::make_shared<MemorySample>(std::move(data), format_);
 }

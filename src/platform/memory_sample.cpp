@@ -6,8 +6,11 @@
 namespace lumora {
 
 MemoryFormatDescription::MemoryFormatDescription(Bytes sequence, Bytes picture, int width,
-                                                 int height)
-    : sets_{std::move(sequence), std::move(picture)}, width_(width), height_(height) {}
+                                                 int height, ColourDescription colour)
+    : sets_{std::move(sequence), std::move(picture)},
+      width_(width),
+      height_(height),
+      colour_(colour) {}
 
 ParameterSet MemoryFormatDescription::parameterSet(std::size_t index) const {
   if (index >= std::size(sets_)) return {-EINVAL, {}, 0};

@@ -10,15 +10,18 @@ namespace lumora {
 
 class MemoryFormatDescription final : public FormatDescription {
  public:
-  MemoryFormatDescription(Bytes sequence, Bytes picture, int width, int height);
+  MemoryFormatDescription(Bytes sequence, Bytes picture, int width, int height,
+                          ColourDescription colour);
   ParameterSet parameterSet(std::size_t index) const override;
   int width() const override { return width_; }
   int height() const override { return height_; }
+  ColourDescription colour() const override { return colour_; }
 
  private:
   Bytes sets_[2];
   int width_;
   int height_;
+  ColourDescription colour_;
 };
 
 class MemorySample final : public EncodedSample {

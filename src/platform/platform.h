@@ -8,7 +8,9 @@
 #include "platform/clock.h"
 #include "platform/compression.h"
 #include "platform/dispatch.h"
+#include "platform/file_manager.h"
 #include "platform/image.h"
+#include "platform/movie_writer.h"
 #include "platform/network.h"
 #include "platform/process.h"
 
@@ -22,6 +24,8 @@ struct Platform {
   std::shared_ptr<Network> network;
   std::shared_ptr<Encoders> encoders;
   std::shared_ptr<ImageConverter> images;
+  std::shared_ptr<Movies> movies;
+  std::shared_ptr<FileManager> files;
 };
 
 }  // namespace lumora

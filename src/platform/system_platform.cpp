@@ -2,6 +2,7 @@
 
 #include "platform/asio_dispatch.h"
 #include "platform/asio_network.h"
+#include "platform/hybrid_movie_writer.h"
 #include "platform/libav_encoders.h"
 #include "platform/posix_process.h"
 #include "platform/system_image_converter.h"
@@ -18,6 +19,8 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.encoders = std::make_shared<LibavEncoders>(h264Encoder);
   platform.images = std::make_shared<SystemImageConverter>();
+  platform.movies = std::make_shared<HybridMovies>();
+  platform.files = std::make_shared<PosixFileManager>();
   return platform;
 }
 

@@ -8,8 +8,8 @@
 
 namespace lumora {
 
-void ManualQueue::run() {
-  for (;;) {
+bool ManualQueue::run() {
+  for (bool any = false;; any = true) {
     if (!work_.empty()) {
       const Work work = std::move(work_.front());
       work_.pop_front();
@@ -19,9 +19,20 @@ void ManualQueue::run() {
       later_.erase(later_.begin());
       work();
     } else {
-      return;
+      return any;
     }
   }
+}
+
+std::shared_ptr<MovieWriter> FakeMovies::createWriter(const std::string& path, std::string& error) {
+  if (!refusal.empty()) {
+    error = refusal;
+    return nullptr;
+  }
+  paths.push_back(path);
+  writers.push_back(std::make_shared<FakeWriter>());
+  if (adjust) adjust(*writers.back());
+  return writers.back();
 }
 
 ssize_t FakeProcess::readInput(MutableByteView space) {
@@ -102,8 +113,8 @@ Status FakeEncoders::createSession(std::int32_t width, std::int32_t height,
 std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders) {
   Bytes data;
   for (const std::uint8_t header : nalHeaders) appendLengthPrefixed(data, Bytes{header, 1, 2, 3});
-  const auto format =
-      std::make_shared<MemoryFormatDescription>(Bytes{0x67, 0x42}, Bytes{0x68}, 640, 360);
+  const auto format = std::make_shared<MemoryFormatDescription>(
+      Bytes{0x67, 0x42}, Bytes{0x68}, 640, 360, ColourDescription{1, 13, 6, false});
   return std::make_shared<MemorySample>(data, format);
 }
 
@@ -117,7 +128,7 @@ Configuration VideoEncoderProbe::testConfiguration() {
 }
 
 VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
-  Platform platform{queue, clock, dispatch, process, network, encoders, images};
+  Platform platform{queue, clock, dispatch, process, network, encoders, images, movies, files};
   service = std::make_shared<VideoEncoder>(configuration, platform);
 }
 
@@ -125,6 +136,18 @@ void VideoEncoderProbe::becomeReady() {
   service->start();
   network->listener->changed(ListenerState::ready);
   process->takeEvents();
+}
+
+void VideoEncoderProbe::run() {
+  for (bool any = true; any;) {
+    any = queue->run();
+    for (const auto& other : std::vector(dispatch->queues)) any = other->run() || any;
+  }
+}
+
+void VideoEncoderProbe::command(const Json& command) {
+  const std::string text = command.dump();
+  service->recordingCommand(Bytes(text.begin(), text.end()));
 }
 
 std::shared_ptr<FakeConnection> VideoEncoderProbe::connect() {

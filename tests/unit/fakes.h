@@ -7,6 +7,7 @@
 
 #include <deque>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,8 @@ class ManualQueue final : public SerialQueue {
   void asyncAfter(double seconds, Work work) override {
     later_.emplace(now_ + seconds, std::move(work));
   }
-  // Runs everything that is due, including what that enqueues.
-  void run();
+  // Runs everything that is due, including what that enqueues; whether there was anything.
+  bool run();
 
  private:
   const double& now_;
@@ -198,6 +199,67 @@ class FakeImages final : public ImageConverter {
   bool succeeds = true;
 };
 
+// A writer that remembers what it was given and fails when told to.
+class FakeWriter final : public MovieWriter {
+ public:
+  struct Entry {
+    MovieTiming timing;
+    bool keyframe = false;
+  };
+  bool canAdd(const FormatDescription&) const override { return accepts; }
+  bool startWriting(std::shared_ptr<const FormatDescription>) override {
+    if (starts) state = WriterStatus::writing;
+    return starts;
+  }
+  WriterStatus status() const override { return state; }
+  std::optional<std::string> error() const override { return problem; }
+  bool isReadyForMoreMediaData() const override { return ready; }
+  bool append(const EncodedSample&, bool keyframe, MovieTiming timing) override {
+    if (appends) entries.push_back({timing, keyframe});
+    return appends;
+  }
+  void finishWriting(std::int64_t at, std::function<void()> handler) override {
+    end = at;
+    finished = std::move(handler);
+  }
+  void cancelWriting() override { state = WriterStatus::cancelled; }
+  // The disk is done with the file.
+  void complete(WriterStatus outcome) {
+    state = outcome;
+    std::exchange(finished, nullptr)();
+  }
+
+  bool accepts = true, starts = true, ready = true, appends = true;
+  WriterStatus state = WriterStatus::idle;
+  std::optional<std::string> problem;
+  std::vector<Entry> entries;
+  std::int64_t end = -1;
+  std::function<void()> finished;
+};
+
+class FakeMovies final : public Movies {
+ public:
+  std::shared_ptr<MovieWriter> createWriter(const std::string& path, std::string& error) override;
+  std::string refusal;  // why there is no writer
+  std::function<void(FakeWriter&)> adjust;
+  std::vector<std::shared_ptr<FakeWriter>> writers;
+  std::vector<std::string> paths;
+};
+
+class FakeFiles final : public FileManager {
+ public:
+  bool exists(const std::string& path) const override { return existing.contains(path); }
+  bool move(const std::string& from, const std::string& to) override {
+    if (existing.contains(to) || unwritable.contains(to)) return false;
+    moves.emplace_back(from, to);
+    return true;
+  }
+  void remove(const std::string& path) override { removed.push_back(path); }
+  std::set<std::string> existing, unwritable;
+  std::vector<std::pair<std::string, std::string>> moves;
+  std::vector<std::string> removed;
+};
+
 // A sample of the given NAL units (each its header byte and some payload), with parameter sets.
 std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders);
 std::shared_ptr<const EncodedSample> keySample();
@@ -218,7 +280,9 @@ struct VideoEncoderProbe {
   FakeSession& lastSession() { return *encoders->sessions.back(); }
   // Answers the preview frame in flight and runs the queue.
   void answerPreview(std::shared_ptr<const EncodedSample> sample);
-  void run() { queue->run(); }
+  // Runs the state queue and the takes' queues until all are empty.
+  void run();
+  void command(const Json& command);
   // The keys of a fresh "stats" event.
   Json statistics();
   bool isRawBusy() { return service->isRawBusy(); }
@@ -233,6 +297,8 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>();
   std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
   std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>();
+  std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>();
+  std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>();
   std::shared_ptr<VideoEncoder> service;
 };
 

@@ -30,6 +30,7 @@ struct BrokenSample final : EncodedSample, FormatDescription {
   ParameterSet parameterSet(std::size_t) const override { return {setStatus, set, prefix}; }
   int width() const override { return 640; }
   int height() const override { return 360; }
+  ColourDescription colour() const override { return {}; }
 
   void use(Bytes bytes) {
     data = std::move(bytes);

@@ -1,0 +1,95 @@
+// The recording branch of the encode pipeline. A failure here costs the take, never the process.
+
+#include <algorithm>
+#include <utility>
+
+#include "app/video_encoder.h"
+#include "encode/encoder_failure.h"
+#include "encode/pixel_buffer.h"
+#include "encode/recording_keyframe.h"
+
+namespace lumora {
+
+void VideoEncoder::encodeRecording(const RawFrame& frame,
+                                   const std::shared_ptr<MovieRecorder>& take,
+                                   const std::shared_ptr<RawEncodingCompletion>& completion) {
+  if (take->startedAt && frame.capturedAt < *take->startedAt) return take->countDropped();
+  if (!take->cadence.admit(frame.capturedAt)) return take->countThrottled();
+  try {
+    prepareRecordingSession(frame, *take);
+    submitRecording(frame, take, completion);
+  } catch (const EncoderFailure& failure) {
+    failRecording(failure.description(), take);
+  }
+}
+
+void VideoEncoder::prepareRecordingSession(const RawFrame& frame, const MovieRecorder& take) {
+  if (recordingSession && recordingSessionMovieID != take.id) resetRecordingSession();
+  if (recordingSession) {
+    if (frame.width == recordingSourceWidth && frame.height == recordingSourceHeight) return;
+    throw EncoderFailure::message("camera recording dimensions changed during this take");
+  }
+  const RecordingProfile& profile = take.profile;
+  recordingSession =
+      compressionSession(profile.width, profile.height, /*recording=*/true, profile.targetFPS);
+  recordingSessionMovieID = take.id;
+  recordingWidth = profile.width;
+  recordingHeight = profile.height;
+  recordingSourceWidth = frame.width;
+  recordingSourceHeight = frame.height;
+  recordingOrdinal = 0;
+  recordingForceIDR = true;
+}
+
+void VideoEncoder::submitRecording(const RawFrame& frame,
+                                   const std::shared_ptr<MovieRecorder>& take,
+                                   const std::shared_ptr<RawEncodingCompletion>& completion) {
+  auto buffer = pixelBuffer(frame, *recordingSession, Placement::aspectFit, *platform.images);
+  ++recordingOrdinal;
+  const double submitted = uptime();
+  const FrameProperties properties{.forceKeyFrame = std::exchange(recordingForceIDR, false)};
+  const Status status = submit(
+      *recordingSession, std::move(buffer), {recordingOrdinal, take->profile.targetFPS}, properties,
+      completion,
+      [take, submitted, capturedAt = frame.capturedAt](VideoEncoder& self, const Encoded& encoded) {
+        self.recordingEncoded(encoded, take, submitted, capturedAt);
+      });
+  if (status != 0) throw EncoderFailure::status("camera frame submission", status);
+}
+
+void VideoEncoder::recordingEncoded(const Encoded& encoded,
+                                    const std::shared_ptr<MovieRecorder>& take, double submitted,
+                                    double capturedAt) {
+  if (!running || movie != take) return;
+  recordingEncodeMilliseconds = (uptime() - submitted) * 1000.0;
+  try {
+    const bool dropped = encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0;
+    if (dropped) {
+      take->countDropped();
+      recordingForceIDR = true;
+      return;
+    }
+    if (encoded.status != 0 || !encoded.sample) {
+      throw EncoderFailure::status("camera encoding", encoded.status);
+    }
+    const bool keyframe = recordingKeyframe(*encoded.sample);
+    ++recordingEncodedFrames;
+    if (!take->append(encoded.sample, capturedAt, keyframe)) recordingForceIDR = true;
+    maximumMovieWorkObserved =
+        std::max<std::int64_t>(maximumMovieWorkObserved, take->pendingWork());
+  } catch (const EncoderFailure& failure) {
+    failRecording(failure.description(), take);
+  }
+}
+
+// A late failure of a take that is no longer the current one is ignored.
+void VideoEncoder::failRecording(const std::string& message,
+                                 const std::shared_ptr<MovieRecorder>& take) {
+  if (movie != take) return;
+  ++recordingEncoderFailures;
+  movie.reset();
+  pendingMovieStop.reset();
+  take->abort(message);
+}
+
+}  // namespace lumora

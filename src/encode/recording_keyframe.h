@@ -1,0 +1,10 @@
+#pragma once
+
+#include "platform/compression.h"
+
+namespace lumora {
+
+// Whether the sample holds an IDR picture. Throws EncoderFailure when it is malformed.
+bool recordingKeyframe(const EncodedSample& sample);
+
+}  // namespace lumora

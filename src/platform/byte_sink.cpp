@@ -1,0 +1,65 @@
+#include "platform/byte_sink.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace lumora {
+namespace {
+
+class PosixFile final : public ByteSink {
+ public:
+  explicit PosixFile(int descriptor) : descriptor_(descriptor) {}
+  ~PosixFile() override { close(descriptor_); }
+  PosixFile(const PosixFile&) = delete;
+  PosixFile& operator=(const PosixFile&) = delete;
+
+  int write(ByteView bytes) override {
+    return all(bytes, [this](ByteView rest, std::size_t) {
+      return ::write(descriptor_, rest.data(), rest.size());
+    });
+  }
+
+  int overwrite(std::uint64_t offset, ByteView bytes) override {
+    return all(bytes, [this, offset](ByteView rest, std::size_t done) {
+      return ::pwrite(descriptor_, rest.data(), rest.size(), static_cast<off_t>(offset + done));
+    });
+  }
+
+  int sync() override { return fdatasync(descriptor_) == 0 ? 0 : errno; }
+
+ private:
+  template <typename Put>
+  static int all(ByteView bytes, Put put) {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+      const ssize_t count = put(bytes.subspan(done), done);
+      if (count > 0)
+        done += static_cast<std::size_t>(count);
+      else if (count == 0)
+        return ENOSPC;
+      else if (errno != EINTR)
+        return errno;
+    }
+    return 0;
+  }
+
+  int descriptor_;
+};
+
+}  // namespace
+
+std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
+  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (descriptor < 0) {
+    error = errno;
+    return nullptr;
+  }
+  return std::make_unique<PosixFile>(descriptor);
+}
+
+std::string describeError(int error) { return std::generic_category().message(error); }
+
+}  // namespace lumora

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+namespace lumora {
+
+class FileManager {
+ public:
+  virtual ~FileManager() = default;
+  virtual bool exists(const std::string& path) const = 0;
+  // Renames within a file system, durably; false when `to` exists or the move is impossible.
+  virtual bool move(const std::string& from, const std::string& to) = 0;
+  virtual void remove(const std::string& path) = 0;
+};
+
+// The real file system. Any thread.
+class PosixFileManager final : public FileManager {
+ public:
+  bool exists(const std::string& path) const override;
+  bool move(const std::string& from, const std::string& to) override;
+  void remove(const std::string& path) override;
+};
+
+}  // namespace lumora

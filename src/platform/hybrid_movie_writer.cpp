@@ -1,0 +1,138 @@
+#include "platform/hybrid_movie_writer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+#include "platform/movie_disk.h"
+
+namespace lumora {
+namespace {
+
+constexpr std::size_t minimumSequenceBytes = 4;  // NAL header, profile, constraints, level
+
+bool isUsable(const ParameterSet& set, std::size_t minimum) {
+  return set.status == 0 && set.bytes.size() >= minimum && set.nalHeaderLength == 4 &&
+         set.bytes.size() <= std::numeric_limits<std::uint16_t>::max();
+}
+
+bool fitsSampleEntry(int size) {
+  return size > 0 && size <= std::numeric_limits<std::uint16_t>::max();
+}
+
+std::uint64_t secondsSince1904() {
+  constexpr std::int64_t from1904To1970 = 2'082'844'800;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count() +
+                                    from1904To1970);
+}
+
+}  // namespace
+
+HybridMovieWriter::HybridMovieWriter(std::unique_ptr<ByteSink> sink, std::uint64_t created)
+    : disk_(MovieDisk::start(std::move(sink))), created_(created) {}
+
+HybridMovieWriter::~HybridMovieWriter() { disk_->cancel(); }
+
+bool HybridMovieWriter::canAdd(const FormatDescription& format) const {
+  return isUsable(format.parameterSet(0), minimumSequenceBytes) &&
+         isUsable(format.parameterSet(1), 1) && fitsSampleEntry(format.width()) &&
+         fitsSampleEntry(format.height());
+}
+
+bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> format) {
+  if (!canAdd(*format)) return false;
+  format_ = std::move(format);
+  Bytes start = movieStart(*format_, created_);
+  fileSize_ = start.size();
+  disk_->write(std::move(start), {});
+  return true;
+}
+
+WriterStatus HybridMovieWriter::status() const {
+  if (!format_) return WriterStatus::idle;
+  return closed_ ? disk_->status() : WriterStatus::writing;
+}
+
+std::optional<std::string> HybridMovieWriter::error() const { return disk_->error(); }
+
+bool HybridMovieWriter::isReadyForMoreMediaData() const {
+  return disk_->queuedBytes() + payload_.size() < queueBytes;
+}
+
+bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, MovieTiming timing) {
+  closed_ = closed_ || disk_->status() != WriterStatus::writing;
+  if (closed_) return false;
+  const auto length = sample.dataLength();
+  if (!length || *length > std::numeric_limits<std::uint32_t>::max()) return false;
+  closeSample(timing.time);
+  const std::size_t at = payload_.size();
+  payload_.resize(at + *length);
+  if (sample.copyBytes(0, MutableByteView(payload_).subspan(at)) != 0) {
+    payload_.resize(at);
+    return false;
+  }
+  if (samples_.empty()) fragmentTime_ = sampleTime_;
+  samples_.push_back({static_cast<std::uint32_t>(*length),
+                      static_cast<std::uint32_t>(std::max<std::int64_t>(timing.duration, 1)),
+                      keyframe});
+  sampleOpen_ = true;
+  return true;
+}
+
+// The open sample lasts until the next one. What it should have lasted counts only for the last.
+void HybridMovieWriter::closeSample(std::int64_t nextTime) {
+  if (!sampleOpen_) {
+    sampleTime_ = 0;
+    return;
+  }
+  const std::int64_t next = std::max(nextTime, sampleTime_ + minimumDuration);
+  samples_.back().duration = static_cast<std::uint32_t>(next - sampleTime_);
+  sampleOpen_ = false;
+  sampleTime_ = next;
+  if (next - fragmentTime_ >= fragmentDuration) flushFragment();
+}
+
+void HybridMovieWriter::flushFragment() {
+  if (samples_.empty()) return;
+  Bytes start = fragmentStart(++fragments_, static_cast<std::uint64_t>(fragmentTime_), samples_);
+  tables_.addChunk(fileSize_ + start.size(), samples_);
+  fileSize_ += start.size() + payload_.size();
+  const std::size_t usual = payload_.size();
+  disk_->write(std::move(start), std::exchange(payload_, {}));
+  payload_.reserve(usual + usual / 4);
+  samples_.clear();
+}
+
+void HybridMovieWriter::finishWriting(std::int64_t end, std::function<void()> handler) {
+  closed_ = true;
+  sampleOpen_ = false;
+  flushFragment();
+  tables_.endAt(static_cast<std::uint64_t>(std::max<std::int64_t>(end, 0)));
+  if (tables_.empty()) {
+    disk_->fail("no video lies before the end of the recording", std::move(handler));
+    return;
+  }
+  const std::uint64_t covered = fileSize_ - placeholderOffset();
+  disk_->finish(movieEnd(*format_, tables_, created_), placeholderOffset(),
+                wideMediaDataHeader(covered), std::move(handler));
+}
+
+void HybridMovieWriter::cancelWriting() {
+  closed_ = true;
+  disk_->cancel();
+}
+
+std::shared_ptr<MovieWriter> HybridMovies::createWriter(const std::string& path,
+                                                        std::string& error) {
+  int code = 0;
+  auto sink = createFile(path, code);
+  if (!sink) {
+    error = describeError(code);
+    return nullptr;
+  }
+  return std::make_shared<HybridMovieWriter>(std::move(sink), secondsSince1904());
+}
+
+}  // namespace lumora

@@ -1,0 +1,70 @@
+#pragma once
+
+// The movie writer: an MP4 that plays at every moment. While it grows it is a fragmented file, so
+// that a crash costs at most the fragment that was still in memory; finishing appends the complete
+// tables and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h), in a
+// time that does not grow with the movie.
+//
+// Samples are gathered into fragments on the caller's thread; an I/O thread of the writer's own
+// puts them on the disk. Between the two lies a bounded queue: a disk that falls behind shows as
+// "not ready", never as a wait.
+
+#include "platform/byte_sink.h"
+#include "platform/movie_boxes.h"
+#include "platform/movie_writer.h"
+
+namespace lumora {
+
+class MovieDisk;
+
+class HybridMovieWriter final : public MovieWriter {
+ public:
+  // A disk may sleep: spinning up takes some ten seconds, in which a recording of 12 Mbit/s brings
+  // 15 MB. Twice that is room enough, and little beside the frames in memory.
+  static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
+  static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
+  // Two samples closer than this are told apart by it; the next one catches up.
+  static constexpr std::int64_t minimumDuration = movieTimescale / 600;
+
+  // `created` is seconds since 1904, the epoch of MP4.
+  HybridMovieWriter(std::unique_ptr<ByteSink> sink, std::uint64_t created);
+  ~HybridMovieWriter() override;
+  HybridMovieWriter(const HybridMovieWriter&) = delete;
+  HybridMovieWriter& operator=(const HybridMovieWriter&) = delete;
+
+  bool canAdd(const FormatDescription& format) const override;
+  bool startWriting(std::shared_ptr<const FormatDescription> format) override;
+  WriterStatus status() const override;
+  std::optional<std::string> error() const override;
+  bool isReadyForMoreMediaData() const override;
+  bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) override;
+  void finishWriting(std::int64_t end, std::function<void()> handler) override;
+  void cancelWriting() override;
+
+ private:
+  void closeSample(std::int64_t nextTime);
+  void flushFragment();
+
+  std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
+  std::uint64_t created_;
+  // A failed disk shows at the next append or at the end, together with its reason.
+  bool closed_ = false;
+  std::shared_ptr<const FormatDescription> format_;
+  std::uint64_t fileSize_ = 0;  // of what has been queued
+  MovieTables tables_;
+
+  // The fragment being gathered. Its last sample stays open until the next one tells its duration.
+  std::vector<MovieSample> samples_;
+  Bytes payload_;
+  std::uint32_t fragments_ = 0;
+  std::int64_t fragmentTime_ = 0;
+  bool sampleOpen_ = false;
+  std::int64_t sampleTime_ = 0;  // of the open sample, as placed in the movie
+};
+
+class HybridMovies final : public Movies {
+ public:
+  std::shared_ptr<MovieWriter> createWriter(const std::string& path, std::string& error) override;
+};
+
+}  // namespace lumora

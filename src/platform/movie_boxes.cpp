@@ -1,0 +1,386 @@
+#include "platform/movie_boxes.h"
+
+#include <limits>
+#include <string_view>
+
+#include "platform/big_endian.h"
+#include "platform/movie_writer.h"
+
+namespace lumora {
+namespace {
+
+constexpr std::uint32_t trackID = 1;
+constexpr std::uint32_t keySampleFlags = 0x02000000;    // depends on no other sample
+constexpr std::uint32_t deltaSampleFlags = 0x01010000;  // depends on others, is no sync sample
+
+// Appends one box: its size is filled in when the scope ends. Nested scopes make nested boxes.
+class Box {
+ public:
+  Box(Bytes& bytes, std::string_view type) : bytes_(bytes), start_(bytes.size()) {
+    appendBE(bytes_, std::uint32_t{0});
+    bytes_.insert(bytes_.end(), type.begin(), type.end());
+  }
+  // A full box, with version and flags.
+  Box(Bytes& bytes, std::string_view type, std::uint8_t version, std::uint32_t flags)
+      : Box(bytes, type) {
+    appendBE(bytes_, (std::uint32_t{version} << 24) | flags);
+  }
+  ~Box() { storeBE(bytes_.data() + start_, static_cast<std::uint32_t>(bytes_.size() - start_)); }
+  Box(const Box&) = delete;
+  Box& operator=(const Box&) = delete;
+
+ private:
+  Bytes& bytes_;
+  std::size_t start_;
+};
+
+void u8(Bytes& bytes, std::uint8_t value) { bytes.push_back(value); }
+void u16(Bytes& bytes, std::uint16_t value) { appendBE(bytes, value); }
+void u32(Bytes& bytes, std::uint32_t value) { appendBE(bytes, value); }
+void u64(Bytes& bytes, std::uint64_t value) { appendBE(bytes, value); }
+void zeros(Bytes& bytes, std::size_t count) { bytes.resize(bytes.size() + count); }
+void text(Bytes& bytes, std::string_view value) {
+  bytes.insert(bytes.end(), value.begin(), value.end());
+}
+
+// 14496-12, 6.2.2: the unity matrix of mvhd and tkhd.
+void unityMatrix(Bytes& bytes) {
+  for (const std::uint32_t value : {0x10000U, 0U, 0U, 0U, 0x10000U, 0U, 0U, 0U, 0x40000000U}) {
+    u32(bytes, value);
+  }
+}
+
+// 14496-12, 4.3
+void fileType(Bytes& bytes) {
+  const Box box(bytes, "ftyp");
+  text(bytes, "isom");
+  u32(bytes, 0x200);
+  for (const std::string_view brand : {"isom", "iso6", "mp42", "avc1"}) text(bytes, brand);
+}
+
+// 14496-12, 8.2.2
+void movieHeader(Bytes& bytes, std::uint64_t duration, std::uint64_t created) {
+  const Box box(bytes, "mvhd", 1, 0);
+  u64(bytes, created);
+  u64(bytes, created);
+  u32(bytes, movieTimescale);
+  u64(bytes, duration);
+  u32(bytes, 0x10000);  // rate 1.0
+  u16(bytes, 0x100);    // volume 1.0
+  zeros(bytes, 10);
+  unityMatrix(bytes);
+  zeros(bytes, 24);
+  u32(bytes, trackID + 1);
+}
+
+// 14496-12, 8.3.2
+void trackHeader(Bytes& bytes, const FormatDescription& format, std::uint64_t duration,
+                 std::uint64_t created) {
+  const Box box(bytes, "tkhd", 1, 0x3);  // enabled, in the movie
+  u64(bytes, created);
+  u64(bytes, created);
+  u32(bytes, trackID);
+  zeros(bytes, 4);
+  u64(bytes, duration);
+  zeros(bytes, 16);
+  unityMatrix(bytes);
+  u32(bytes, static_cast<std::uint32_t>(format.width()) << 16);
+  u32(bytes, static_cast<std::uint32_t>(format.height()) << 16);
+}
+
+// 14496-12, 8.4.2
+void mediaHeader(Bytes& bytes, std::uint64_t duration, std::uint64_t created) {
+  const Box box(bytes, "mdhd", 1, 0);
+  u64(bytes, created);
+  u64(bytes, created);
+  u32(bytes, movieTimescale);
+  u64(bytes, duration);
+  u16(bytes, 0x55C4);  // language "und"
+  u16(bytes, 0);
+}
+
+// 14496-12, 8.4.3
+void handler(Bytes& bytes) {
+  const Box box(bytes, "hdlr", 0, 0);
+  u32(bytes, 0);
+  text(bytes, "vide");
+  zeros(bytes, 12);
+  text(bytes, std::string_view("Camera\0", 7));
+}
+
+// 14496-15, 5.3.3.1
+void decoderConfiguration(Bytes& bytes, const FormatDescription& format) {
+  const ByteView sequence = format.parameterSet(0).bytes;
+  const ByteView picture = format.parameterSet(1).bytes;
+  const Box box(bytes, "avcC");
+  u8(bytes, 1);
+  bytes.insert(bytes.end(), sequence.begin() + 1, sequence.begin() + 4);  // profile to level
+  u8(bytes, 0xFF);                                                        // 4-byte lengths
+  u8(bytes, 0xE1);  // one sequence parameter set
+  u16(bytes, static_cast<std::uint16_t>(sequence.size()));
+  bytes.insert(bytes.end(), sequence.begin(), sequence.end());
+  u8(bytes, 1);
+  u16(bytes, static_cast<std::uint16_t>(picture.size()));
+  bytes.insert(bytes.end(), picture.begin(), picture.end());
+  constexpr std::uint8_t highProfile = 100;
+  if (sequence[1] == highProfile) {
+    u8(bytes, 0xFD);  // 4:2:0
+    u8(bytes, 0xF8);  // 8 bits of luma
+    u8(bytes, 0xF8);  // 8 bits of chroma
+    u8(bytes, 0);
+  }
+}
+
+// 14496-12, 12.1.5
+void colour(Bytes& bytes, const ColourDescription& codes) {
+  const Box box(bytes, "colr");
+  text(bytes, "nclx");
+  u16(bytes, codes.primaries);
+  u16(bytes, codes.transfer);
+  u16(bytes, codes.matrix);
+  u8(bytes, codes.fullRange ? 0x80 : 0);
+}
+
+// 14496-12, 12.1.4: square pixels.
+void pixelAspect(Bytes& bytes) {
+  const Box box(bytes, "pasp");
+  u32(bytes, 1);
+  u32(bytes, 1);
+}
+
+// 14496-12, 12.1.3
+void sampleEntry(Bytes& bytes, const FormatDescription& format) {
+  const Box box(bytes, "avc1");
+  zeros(bytes, 6);
+  u16(bytes, 1);  // data reference
+  zeros(bytes, 16);
+  u16(bytes, static_cast<std::uint16_t>(format.width()));
+  u16(bytes, static_cast<std::uint16_t>(format.height()));
+  u32(bytes, 0x480000);  // 72 dots per inch
+  u32(bytes, 0x480000);
+  zeros(bytes, 4);
+  u16(bytes, 1);  // frames per sample
+  zeros(bytes, 32);
+  u16(bytes, 0x18);
+  u16(bytes, 0xFFFF);
+  decoderConfiguration(bytes, format);
+  colour(bytes, format.colour());
+  pixelAspect(bytes);
+}
+
+// 14496-12, 8.5.2
+void sampleDescription(Bytes& bytes, const FormatDescription& format) {
+  const Box box(bytes, "stsd", 0, 0);
+  u32(bytes, 1);
+  sampleEntry(bytes, format);
+}
+
+// Appends a count, then one entry per run of equal values as `append(length, value)` writes it.
+template <typename Values, typename Append>
+void runs(Bytes& bytes, const Values& values, Append append) {
+  const std::size_t countAt = bytes.size();
+  u32(bytes, 0);
+  std::uint32_t count = 0;
+  for (std::size_t i = 0; i < values.size();) {
+    std::size_t end = i + 1;
+    while (end < values.size() && values[end] == values[i]) ++end;
+    append(i, end);
+    ++count;
+    i = end;
+  }
+  storeBE(bytes.data() + countAt, count);
+}
+
+// 14496-12, 8.6.1.2
+void timeToSample(Bytes& bytes, const MovieTables& tables) {
+  const Box box(bytes, "stts", 0, 0);
+  runs(bytes, tables.durations(), [&](std::size_t from, std::size_t to) {
+    u32(bytes, static_cast<std::uint32_t>(to - from));
+    u32(bytes, tables.durations()[from]);
+  });
+}
+
+// 14496-12, 8.6.2
+void syncSamples(Bytes& bytes, const MovieTables& tables) {
+  const Box box(bytes, "stss", 0, 0);
+  u32(bytes, static_cast<std::uint32_t>(tables.keyframes().size()));
+  for (const std::uint32_t number : tables.keyframes()) u32(bytes, number);
+}
+
+// 14496-12, 8.7.4
+void sampleToChunk(Bytes& bytes, const MovieTables& tables) {
+  std::vector<std::uint32_t> counts;
+  counts.reserve(tables.chunks().size());
+  for (const MovieChunk& chunk : tables.chunks()) counts.push_back(chunk.samples);
+  const Box box(bytes, "stsc", 0, 0);
+  runs(bytes, counts, [&](std::size_t from, std::size_t) {
+    u32(bytes, static_cast<std::uint32_t>(from + 1));
+    u32(bytes, counts[from]);
+    u32(bytes, 1);
+  });
+}
+
+// 14496-12, 8.7.3.2
+void sampleSizes(Bytes& bytes, const MovieTables& tables) {
+  const Box box(bytes, "stsz", 0, 0);
+  u32(bytes, 0);
+  u32(bytes, static_cast<std::uint32_t>(tables.sizes().size()));
+  for (const std::uint32_t size : tables.sizes()) u32(bytes, size);
+}
+
+// 14496-12, 8.7.5
+void chunkOffsets(Bytes& bytes, const MovieTables& tables) {
+  const auto& chunks = tables.chunks();
+  const bool wide =
+      !chunks.empty() && chunks.back().offset > std::numeric_limits<std::uint32_t>::max();
+  const Box box(bytes, wide ? "co64" : "stco", 0, 0);
+  u32(bytes, static_cast<std::uint32_t>(chunks.size()));
+  for (const MovieChunk& chunk : chunks) {
+    if (wide)
+      u64(bytes, chunk.offset);
+    else
+      u32(bytes, static_cast<std::uint32_t>(chunk.offset));
+  }
+}
+
+// 14496-12, 8.5.1
+void sampleTable(Bytes& bytes, const FormatDescription& format, const MovieTables& tables) {
+  const Box box(bytes, "stbl");
+  sampleDescription(bytes, format);
+  timeToSample(bytes, tables);
+  if (!tables.empty()) syncSamples(bytes, tables);
+  sampleToChunk(bytes, tables);
+  sampleSizes(bytes, tables);
+  chunkOffsets(bytes, tables);
+}
+
+// 14496-12, 8.7.1 and 8.7.2: the samples are in this very file.
+void dataInformation(Bytes& bytes) {
+  const Box box(bytes, "dinf");
+  const Box references(bytes, "dref", 0, 0);
+  u32(bytes, 1);
+  const Box location(bytes, "url ", 0, 1);
+}
+
+// 14496-12, 8.4.4 and 12.1.2
+void mediaInformation(Bytes& bytes, const FormatDescription& format, const MovieTables& tables) {
+  const Box box(bytes, "minf");
+  {
+    const Box header(bytes, "vmhd", 0, 1);
+    zeros(bytes, 8);
+  }
+  dataInformation(bytes);
+  sampleTable(bytes, format, tables);
+}
+
+// 14496-12, 8.3.1 and 8.4.1
+void track(Bytes& bytes, const FormatDescription& format, const MovieTables& tables,
+           std::uint64_t created) {
+  const Box box(bytes, "trak");
+  trackHeader(bytes, format, tables.duration(), created);
+  const Box media(bytes, "mdia");
+  mediaHeader(bytes, tables.duration(), created);
+  handler(bytes);
+  mediaInformation(bytes, format, tables);
+}
+
+// 14496-12, 8.8.1 and 8.8.3: the samples come in fragments.
+void movieExtends(Bytes& bytes) {
+  const Box box(bytes, "mvex");
+  const Box defaults(bytes, "trex", 0, 0);
+  u32(bytes, trackID);
+  u32(bytes, 1);  // sample description
+  zeros(bytes, 12);
+}
+
+// 14496-12, 8.8.8: `dataOffset` counts from the start of the moof.
+void trackRun(Bytes& bytes, const std::vector<MovieSample>& samples, std::uint32_t dataOffset) {
+  const Box box(bytes, "trun", 0, 0x701);  // offset; duration, size and flags of each sample
+  u32(bytes, static_cast<std::uint32_t>(samples.size()));
+  u32(bytes, dataOffset);
+  for (const MovieSample& sample : samples) {
+    u32(bytes, sample.duration);
+    u32(bytes, sample.size);
+    u32(bytes, sample.keyframe ? keySampleFlags : deltaSampleFlags);
+  }
+}
+
+// 14496-12, 8.8.4 to 8.8.12
+void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
+                   const std::vector<MovieSample>& samples, std::uint32_t dataOffset) {
+  const Box box(bytes, "moof");
+  {
+    const Box header(bytes, "mfhd", 0, 0);
+    u32(bytes, number);
+  }
+  const Box fragment(bytes, "traf");
+  {
+    const Box header(bytes, "tfhd", 0, 0x20000);  // offsets count from the moof
+    u32(bytes, trackID);
+  }
+  {
+    const Box decodeTime(bytes, "tfdt", 1, 0);
+    u64(bytes, time);
+  }
+  trackRun(bytes, samples, dataOffset);
+}
+
+}  // namespace
+
+Bytes movieStart(const FormatDescription& format, std::uint64_t created) {
+  Bytes bytes;
+  fileType(bytes);
+  {
+    const Box placeholder(bytes, "free");
+    zeros(bytes, placeholderBytes - 8);
+  }
+  {
+    const Box box(bytes, "moov");
+    movieHeader(bytes, 0, created);
+    track(bytes, format, {}, created);
+    movieExtends(bytes);
+  }
+  return bytes;
+}
+
+std::uint64_t placeholderOffset() {
+  Bytes bytes;
+  fileType(bytes);
+  return bytes.size();
+}
+
+Bytes fragmentStart(std::uint32_t number, std::uint64_t time,
+                    const std::vector<MovieSample>& samples) {
+  constexpr std::uint32_t mediaDataHeaderBytes = 8;
+  std::uint32_t payload = 0;
+  for (const MovieSample& sample : samples) payload += sample.size;
+  Bytes measured;
+  movieFragment(measured, number, time, samples, 0);
+  Bytes bytes;
+  movieFragment(bytes, number, time, samples,
+                static_cast<std::uint32_t>(measured.size()) + mediaDataHeaderBytes);
+  u32(bytes, payload + mediaDataHeaderBytes);
+  text(bytes, "mdat");
+  return bytes;
+}
+
+Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created) {
+  Bytes bytes;
+  bytes.reserve(tables.sizes().size() * 12 + tables.chunks().size() * 8 + 2048);
+  {
+    const Box box(bytes, "moov");
+    movieHeader(bytes, tables.duration(), created);
+    track(bytes, format, tables, created);
+  }
+  return bytes;
+}
+
+Bytes wideMediaDataHeader(std::uint64_t size) {
+  Bytes bytes;
+  u32(bytes, 1);
+  text(bytes, "mdat");
+  u64(bytes, size);
+  return bytes;
+}
+
+}  // namespace lumora

@@ -1,0 +1,60 @@
+#pragma once
+
+// The I/O thread of one movie file and the queue in front of it. The thread lives until the movie
+// is finished, failed or cancelled; it shares this object, so that nobody waits for a stuck disk.
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/byte_sink.h"
+#include "platform/movie_writer.h"
+
+namespace lumora {
+
+class MovieDisk {
+ public:
+  static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
+
+  // All but `run` may be called from any thread and do not wait for the disk.
+
+  // Queues `head` and, right behind it, `body`; both are on the disk before the next write.
+  void write(Bytes head, Bytes body);
+  // Behind everything queued: appends `tail`, then overwrites `header` at `offset`, each safely on
+  // the disk before the next step; then `handler` runs on the I/O thread.
+  void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
+  // Ends the movie as failed, after what is queued.
+  void fail(std::string message, std::function<void()> handler);
+  // Ends it now; what is queued stays unwritten and no handler runs.
+  void cancel();
+
+  WriterStatus status() const;
+  std::optional<std::string> error() const;
+  std::size_t queuedBytes() const;
+
+ private:
+  using Step = std::function<void(ByteSink&)>;
+  struct Job {
+    std::size_t bytes = 0;
+    Step step;
+    bool last = false;
+  };
+
+  explicit MovieDisk() = default;
+  void enqueue(Job job);
+  void run(std::unique_ptr<ByteSink> sink);
+  bool succeeded(int error);
+  void end(WriterStatus status, std::optional<std::string> message);
+
+  mutable std::mutex mutex_;  // guards everything below
+  std::condition_variable changed_;
+  std::deque<Job> jobs_;
+  std::size_t queuedBytes_ = 0;
+  WriterStatus status_ = WriterStatus::writing;
+  std::optional<std::string> error_;
+};
+
+}  // namespace lumora

@@ -1,0 +1,36 @@
+#include "platform/movie_tables.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace lumora {
+
+void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples) {
+  if (samples.empty()) return;
+  chunks_.push_back({offset, static_cast<std::uint32_t>(samples.size())});
+  for (const MovieSample& sample : samples) {
+    sizes_.push_back(sample.size);
+    durations_.push_back(sample.duration);
+    duration_ += sample.duration;
+    if (sample.keyframe) keyframes_.push_back(static_cast<std::uint32_t>(sizes_.size()));
+  }
+}
+
+void MovieTables::endAt(std::uint64_t end) {
+  while (!empty() && duration_ - durations_.back() >= end) dropLast();
+  if (empty()) return;
+  const std::uint64_t last = end - (duration_ - durations_.back());
+  durations_.back() = static_cast<std::uint32_t>(
+      std::min<std::uint64_t>(last, std::numeric_limits<std::uint32_t>::max()));
+  duration_ = end;
+}
+
+void MovieTables::dropLast() {
+  duration_ -= durations_.back();
+  if (!keyframes_.empty() && keyframes_.back() == sizes_.size()) keyframes_.pop_back();
+  sizes_.pop_back();
+  durations_.pop_back();
+  if (--chunks_.back().samples == 0) chunks_.pop_back();
+}
+
+}  // namespace lumora

@@ -1,0 +1,48 @@
+#pragma once
+
+// What a movie file must know about its samples. Grows by a few bytes per sample, so that an hour
+// of recording costs some two megabytes. Pure.
+
+#include <cstdint>
+#include <vector>
+
+namespace lumora {
+
+struct MovieSample {
+  std::uint32_t size = 0;      // bytes
+  std::uint32_t duration = 0;  // units of `movieTimescale`
+  bool keyframe = false;
+};
+
+// Consecutive samples that lie together in the file.
+struct MovieChunk {
+  std::uint64_t offset = 0;  // of the first sample's first byte in the file
+  std::uint32_t samples = 0;
+};
+
+class MovieTables {
+ public:
+  // `samples` lie together at `offset`.
+  void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples);
+  // Leaves out what lies at or past `end` and stretches or cuts the last sample left to it.
+  void endAt(std::uint64_t end);
+
+  bool empty() const { return sizes_.empty(); }
+  std::uint64_t duration() const { return duration_; }
+  const std::vector<std::uint32_t>& sizes() const { return sizes_; }
+  const std::vector<std::uint32_t>& durations() const { return durations_; }
+  // Numbers of the key frames, from 1.
+  const std::vector<std::uint32_t>& keyframes() const { return keyframes_; }
+  const std::vector<MovieChunk>& chunks() const { return chunks_; }
+
+ private:
+  void dropLast();
+
+  std::vector<std::uint32_t> sizes_;
+  std::vector<std::uint32_t> durations_;
+  std::vector<std::uint32_t> keyframes_;
+  std::vector<MovieChunk> chunks_;
+  std::uint64_t duration_ = 0;
+};
+
+}  // namespace lumora

@@ -1,0 +1,53 @@
+#pragma once
+
+// Movie files as the recorder sees them: encoded samples in, a playable MP4 out.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/compression.h"
+
+namespace lumora {
+
+constexpr std::int32_t movieTimescale = 60000;  // units per second, of every time in a movie
+
+// Where a sample lies on the movie's timeline, in units of `movieTimescale`.
+struct MovieTiming {
+  std::int64_t time = 0;
+  std::int64_t duration = 0;
+};
+
+enum class WriterStatus { idle, writing, completed, failed, cancelled };
+
+// One movie file with one video track. Calls come from one thread at a time and never wait for the
+// disk.
+class MovieWriter {
+ public:
+  virtual ~MovieWriter() = default;
+  virtual bool canAdd(const FormatDescription& format) const = 0;
+  // Adds the one track, of this format, and starts the timeline at zero; false: see `error`.
+  virtual bool startWriting(std::shared_ptr<const FormatDescription> format) = 0;
+  virtual WriterStatus status() const = 0;
+  // What went wrong, in words for a person.
+  virtual std::optional<std::string> error() const = 0;
+  virtual bool isReadyForMoreMediaData() const = 0;
+  // Takes the next sample; false on failure.
+  virtual bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) = 0;
+  // Ends the timeline at `end` and completes the file; `handler` runs on some thread when `status`
+  // tells the outcome.
+  virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
+  // Abandons the file as it is.
+  virtual void cancelWriting() = 0;
+};
+
+class Movies {
+ public:
+  virtual ~Movies() = default;
+  // A writer on a new file at `path`; null with `error` when the file exists or can't be made.
+  virtual std::shared_ptr<MovieWriter> createWriter(const std::string& path,
+                                                    std::string& error) = 0;
+};
+
+}  // namespace lumora

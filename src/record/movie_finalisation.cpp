@@ -1,0 +1,96 @@
+// The end of a take: its last sample, its file, its final name.
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <utility>
+
+#include "encode/encoder_failure.h"
+#include "record/movie_recorder.h"
+
+namespace lumora {
+namespace {
+
+constexpr double shortestDuration = 1.0 / movieTimescale;  // seconds
+
+}  // namespace
+
+double movieEndTime(std::optional<double> startedAt, double origin, double lastSample, double stop,
+                    int targetFPS) {
+  if (startedAt) return std::max(stop - origin, shortestDuration);
+  return std::max(lastSample - origin + 1.0 / targetFPS, stop - origin);
+}
+
+std::string recoveryPath(const std::string& path, const std::string& id) {
+  const std::filesystem::path wanted(path);
+  return wanted.parent_path() / (wanted.stem().string() + ".recovered-" + id + ".mp4");
+}
+
+void MovieRecorder::finish(double stop, std::function<void()> completion) {
+  {
+    const std::lock_guard hold(lock);
+    accepting = false;
+  }
+  queue->async([self = shared_from_this(), stop, completion = std::move(completion)] {
+    self->finishJob(stop, completion);
+  });
+}
+
+void MovieRecorder::finishJob(double stop, const std::function<void()>& completion) {
+  if (failed) return completion();
+  try {
+    if (!writer || !held || !origin) {
+      throw EncoderFailure::message("no camera frames were received for recording");
+    }
+    const double end = movieEndTime(startedAt, *origin, held->time, stop, profile.targetFPS);
+    if (held->time < *origin + end) {
+      write(*held, std::max(*origin + end - held->time, shortestDuration));
+    }
+    held.reset();
+    status("finishing", end, "", path);
+    finishWriting(end, completion);
+  } catch (const EncoderFailure& reason) {
+    failure(reason.description());
+    completion();
+  }
+}
+
+void MovieRecorder::finishWriting(double end, const std::function<void()>& completion) {
+  writer->finishWriting(
+      std::llround(end * movieTimescale), [self = shared_from_this(), end, completion] {
+        self->queue->async([self, end, completion] {
+          if (self->writer->status() == WriterStatus::completed) {
+            self->saveCompletedMovie(end);
+          } else {
+            self->failure(self->writer->error().value_or("recording finalization failed"));
+          }
+          completion();
+        });
+      });
+}
+
+// Whatever the names allow: a complete movie is never given up for its name.
+void MovieRecorder::saveCompletedMovie(double duration) {
+  if (platform.files->move(staging, path)) return status("saved", duration, "", path);
+  const std::string recovery = recoveryPath(path, id);
+  if (platform.files->move(staging, recovery)) {
+    return status("saved", duration,
+                  "Final filename was unavailable. Completed video saved at the recovery path "
+                  "shown.",
+                  recovery);
+  }
+  status("saved", duration,
+         "Final filename was unavailable. Completed video preserved at the staging path shown; "
+         "rename it to .mp4.",
+         staging);
+}
+
+void MovieRecorder::abort(const std::string& message) {
+  {
+    const std::lock_guard hold(lock);
+    accepting = false;
+  }
+  queue->async([self = shared_from_this(), message] { self->failure(message); });
+}
+
+}  // namespace lumora

@@ -1,0 +1,193 @@
+// Taking and writing the samples of a take.
+
+#include "record/movie_recorder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <utility>
+
+#include "app/event.h"
+#include "encode/encoder_failure.h"
+
+namespace lumora {
+namespace {
+
+constexpr int maximumPending = 2;              // write jobs waiting for the writer
+constexpr double minimumDuration = 1.0 / 600;  // seconds
+constexpr double progressInterval = 1.0;       // seconds
+
+std::int64_t movieUnits(double seconds) { return std::llround(seconds * movieTimescale); }
+
+}  // namespace
+
+MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
+                             std::optional<double> start, RecordingProfile takeProfile,
+                             const Platform& services, Report relay)
+    : id(std::move(takeID)),
+      path(std::move(destination)),
+      startedAt(start),
+      profile(std::move(takeProfile)),
+      staging(path + "." + id + ".partial"),
+      cadence{profile.targetFPS, std::nullopt},
+      platform(services),
+      queue(services.dispatch->makeQueue("lumora.movie")),
+      report(std::move(relay)) {}
+
+bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, double capturedAt,
+                           bool keyframe) {
+  {
+    const std::lock_guard hold(lock);
+    const bool early = startedAt && capturedAt < *startedAt;
+    if (early || !accepting || pending >= maximumPending || (waitingIDR && !keyframe)) {
+      ++dropped;
+      waitingIDR = true;
+      return false;
+    }
+    if (keyframe) waitingIDR = false;
+    ++pending;
+  }
+  queue->async(
+      [self = shared_from_this(), next = HeldSample{std::move(sample), keyframe, capturedAt}] {
+        self->writeJob(next);
+      });
+  return true;
+}
+
+void MovieRecorder::countDropped() {
+  const std::lock_guard hold(lock);
+  ++dropped;
+  waitingIDR = true;
+}
+
+void MovieRecorder::countThrottled() {
+  const std::lock_guard hold(lock);
+  ++throttled;
+}
+
+int MovieRecorder::pendingWork() {
+  const std::lock_guard hold(lock);
+  return pending;
+}
+
+void MovieRecorder::writeJob(HeldSample next) {
+  if (!failed) {
+    try {
+      take(std::move(next));
+    } catch (const EncoderFailure& reason) {
+      failure(reason.description());
+    }
+  }
+  const std::lock_guard hold(lock);
+  --pending;
+}
+
+void MovieRecorder::take(HeldSample next) {
+  if (!writer) prepare(next);
+  if (held) {
+    write(*held, std::max(next.time - held->time, minimumDuration));
+  } else {
+    // The first sample stands at zero even when it was captured after the take's start.
+    next.time = *origin;
+  }
+  held = std::move(next);
+}
+
+void MovieRecorder::prepare(const HeldSample& first) {
+  const auto format = first.sample->format();
+  const bool usable = path.starts_with('/') && std::filesystem::path(path).extension() == ".mp4" &&
+                      !platform.files->exists(path) && !platform.files->exists(staging) && format;
+  if (!usable) throw EncoderFailure::message("invalid or existing recording destination");
+  width = format->width();
+  height = format->height();
+  std::string error;
+  writer = platform.movies->createWriter(staging, error);
+  if (!writer) throw EncoderFailure::message(error);
+  if (!writer->canAdd(*format)) throw EncoderFailure::message("recording format unavailable");
+  if (!writer->startWriting(format)) {
+    throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
+  }
+  origin = startedAt.value_or(first.time);
+  lastProgressReport = platform.clock->uptime();
+  status("recording", 0, "", path);
+}
+
+void MovieRecorder::write(const HeldSample& sample, double duration) {
+  if (!writer || !origin || writer->status() != WriterStatus::writing) {
+    throw EncoderFailure::message("recording writer unavailable");
+  }
+  // There is no waiting: a disk that falls behind by more than the writer's queue ends the take.
+  if (!writer->isReadyForMoreMediaData()) {
+    throw EncoderFailure::message("recording disk cannot keep up");
+  }
+  const double time = std::max(sample.time - *origin, 0.0);
+  if (!writer->append(*sample.sample, sample.keyframe, {movieUnits(time), movieUnits(duration)})) {
+    if (const auto error = writer->error()) throw EncoderFailure::message(*error);
+    throw EncoderFailure::status("recording sample append", 0);
+  }
+  ++frames;
+  const double now = platform.clock->uptime();
+  pruneRecentWrites(now);
+  recentWrites.push_back(now);
+  writtenDuration = std::max(writtenDuration, time + duration);
+}
+
+void MovieRecorder::pruneRecentWrites(double now) {
+  while (!recentWrites.empty() && recentWrites.front() <= now - 1.0) recentWrites.pop_front();
+}
+
+void MovieRecorder::status(const std::string& state, double duration, const std::string& error,
+                           const std::string& outputPath) {
+  pruneRecentWrites(platform.clock->uptime());
+  std::unique_lock hold(lock);
+  const std::uint64_t lost = dropped;
+  const std::uint64_t skipped = throttled;
+  hold.unlock();
+  report({{"type", "recording"},
+          {"id", id},
+          {"state", state},
+          {"path", outputPath},
+          {"frames", frames},
+          {"dropped", lost},
+          {"duration", duration},
+          {"target_fps", profile.targetFPS},
+          {"recent_fps", static_cast<double>(recentWrites.size())},
+          {"throttled", skipped},
+          {"width", width},
+          {"height", height},
+          {"error", firstCharacters(error, maximumMessageCharacters)}});
+}
+
+void MovieRecorder::reportProgress() {
+  queue->async([self = shared_from_this()] { self->progress(); });
+}
+
+void MovieRecorder::progress() {
+  {
+    const std::lock_guard hold(lock);
+    if (!accepting) return;
+  }
+  if (failed || !writer || writer->status() != WriterStatus::writing) return;
+  const double now = platform.clock->uptime();
+  if (now - lastProgressReport < progressInterval) return;
+  lastProgressReport = now;
+  status("recording", writtenDuration, "", path);
+}
+
+void MovieRecorder::failure(const std::string& message) {
+  if (failed) return;
+  failed = true;
+  held.reset();
+  {
+    const std::lock_guard hold(lock);
+    accepting = false;
+  }
+  // Only a file that this take made is this take's to delete.
+  if (writer) {
+    writer->cancelWriting();
+    platform.files->remove(staging);
+  }
+  status("failed", 0, message, path);
+}
+
+}  // namespace lumora

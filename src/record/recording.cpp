@@ -1,0 +1,96 @@
+// Takes on the state queue: commands, the relay of a take's events, the decision to finish.
+
+#include <utility>
+
+#include "app/event.h"
+#include "app/video_encoder.h"
+#include "record/recording_command.h"
+
+namespace lumora {
+
+void VideoEncoder::recordingCommand(ByteView payload) {
+  const auto command = parseRecordingCommand(payload);
+  if (!command) return fail("invalid recording command");
+  const std::string& type = *findString(*command, "type");
+  if (type == "record_start") return startRecording(*command);
+  if (type == "record_stop") return stopRecording(*command);
+  fail("unknown recording command");
+}
+
+void VideoEncoder::startRecording(const Json& command) {
+  const auto reject = [&](const char* message) { emit(rejectionEvent(command, message)); };
+  const auto profile = RecordingProfile::parse(command);
+  if (!profile) return reject("recording resolution or target frame rate is invalid");
+  std::optional<double> startedAt;
+  if (const Json* value = findValue(command, "started_at")) {
+    startedAt = recordingTimestamp(*value, uptime());
+    if (!startedAt) return reject("recording start time is invalid");
+  }
+  const std::string* path = findString(command, "path");
+  if (movie || movieFinishing || shutdownCode || path == nullptr ||
+      !isRecordingDestination(*path)) {
+    return reject("recording destination or state is invalid");
+  }
+  const std::string& id = *findString(command, "id");
+  movieStatus = startingEvent(id, *path, *profile);
+  emit(*movieStatus);
+  movie = std::make_shared<MovieRecorder>(
+      id, *path, startedAt, *profile, platform,
+      [weak = weak_from_this(), queue = platform.stateQueue, id](Json event) {
+        queue->async([weak, id, event = std::move(event)] {
+          if (const auto self = weak.lock()) self->relayRecording(id, event);
+        });
+      });
+  pendingMovieStop.reset();
+  recordingForceIDR = true;
+}
+
+void VideoEncoder::stopRecording(const Json& command) {
+  if (!movie || movie->id != *findString(command, "id") || movieFinishing) return;
+  const double now = uptime();
+  double stop = now;
+  if (const Json* value = findValue(command, "stopped_at")) {
+    const auto named = recordingTimestamp(*value, now);
+    if (!named || (movie->startedAt && *movie->startedAt > *named)) {
+      return movie->abort("recording stop time is invalid");
+    }
+    stop = *named;
+  }
+  pendingMovieStop = stop;
+  finishMovieIfReady();
+}
+
+void VideoEncoder::relayRecording(const std::string& id, const Json& event) {
+  const RelayState state{movieStatus ? &*movieStatus : nullptr,
+                         pendingMovieStop.has_value() || movieFinishing};
+  if (!relaysEvent(state, id, event)) return;
+  movieStatus = event;
+  emit(event);
+  const std::string* reached = findString(event, "state");
+  if (reached == nullptr || *reached != "failed" || movieFinishing) return;
+  movie.reset();
+  pendingMovieStop.reset();
+  if (!isRawBusy()) resetRecordingSession();
+  if (shutdownCode) exitNow(*shutdownCode);
+}
+
+void VideoEncoder::finishMovieIfReady() {
+  if (isRawBusy() || movieFinishing || !pendingMovieStop || !movie) return;
+  movieFinishing = true;
+  // No frame is in flight, so every sample of the take has reached the recorder.
+  resetRecordingSession();
+  movie->finish(*pendingMovieStop, [weak = weak_from_this(), queue = platform.stateQueue] {
+    queue->async([weak] {
+      if (const auto self = weak.lock()) self->movieFinished();
+    });
+  });
+}
+
+void VideoEncoder::movieFinished() {
+  movie.reset();
+  movieFinishing = false;
+  pendingMovieStop.reset();
+  if (shutdownCode) exitNow(*shutdownCode);
+}
+
+}  // namespace lumora
