@@ -1,0 +1,340 @@
+// Takes on the real disk, judged by ffprobe and ffmpeg: timing, profiles, endings, crashes.
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "tests/e2e/helper_fixture.h"
+
+namespace lumora::tests {
+namespace {
+
+using testing::HasSubstr;
+
+const std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC964FF";
+
+double uptime() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// What ffprobe says of the only stream of a file.
+struct Probe {
+  std::string text;
+  std::string value(const std::string& key) const {
+    const auto at = text.find("\n" + key + "=");
+    if (at == std::string::npos) return "";
+    const auto from = at + key.size() + 2;
+    return text.substr(from, text.find('\n', from) - from);
+  }
+  long number(const std::string& key) const { return std::strtol(value(key).c_str(), nullptr, 10); }
+};
+
+Probe probe(const std::string& path) {
+  return {"\n" + runCommand("ffprobe -v error -count_frames -show_streams '" + path + "'").output};
+}
+
+std::string decodeErrors(const std::string& path) {
+  return runCommand("ffmpeg -v error -xerror -nostdin -i '" + path + "' -f null -").output;
+}
+
+struct Recording : HelperTest {
+  void SetUp() override {
+    HelperTest::SetUp();
+    path = folder / "a take \xC3\xA9.mp4";
+  }
+  void TearDown() override {
+    std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
+    HelperTest::TearDown();
+  }
+
+  void startTake(const Event& extra = Event::object()) {
+    Event command = {{"type", "record_start"}, {"id", takeID}, {"path", path}};
+    command.update(extra);
+    ASSERT_TRUE(helper->writeCommand(command));
+  }
+  void stopTake(const Event& extra = Event::object()) {
+    Event command = {{"type", "record_stop"}, {"id", takeID}};
+    command.update(extra);
+    ASSERT_TRUE(helper->writeCommand(command));
+  }
+  // Feeds `count` frames at a steady rate.
+  void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360}) {
+    const Pixels pixels = quarters(size, {200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90});
+    auto due = std::chrono::steady_clock::now();
+    for (int i = 0; i < count; ++i) {
+      std::this_thread::sleep_until(due);
+      due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
+      feed(size, pixels);
+    }
+  }
+  Event waitForTake(const std::string& state) {
+    for (;;) {
+      const auto event = helper->nextEvent("recording", 20);
+      if (!event) throw std::runtime_error("the take never became " + state);
+      if (event->at("state") == state) return *event;
+      if (event->at("state") == "failed") throw std::runtime_error(event->dump());
+    }
+  }
+  Event waitForFailure() {
+    for (;;) {
+      const auto event = helper->nextEvent("recording", 20);
+      if (!event) throw std::runtime_error("the take did not fail");
+      if (event->at("state") == "failed" || event->at("state") == "saved") return *event;
+    }
+  }
+  std::string stagingPath() const { return path + "." + takeID + ".partial"; }
+  std::size_t fileCount() const {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
+                                                  std::filesystem::directory_iterator()));
+  }
+
+  std::string path;
+};
+
+TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
+  for (const auto& [name, width, height] :
+       {std::tuple{"640x360", 640, 360}, {"1080x720", 1080, 720}, {"1920x1080", 1920, 1080}}) {
+    start();
+    const double from = uptime();
+    startTake({{"started_at", from}, {"resolution", name}, {"target_fps", 30}});
+    feedPaced(50, 60);
+    const double to = from + 0.7;
+    stopTake({{"stopped_at", to}});
+    const Event saved = waitForTake("saved");
+    EXPECT_EQ(saved["path"], path);
+    EXPECT_EQ(saved["error"], "");
+    EXPECT_EQ(saved["width"], width);
+    const Probe file = probe(path);
+    EXPECT_EQ(file.value("codec_name"), "h264");
+    EXPECT_EQ(file.value("profile"), "High");
+    EXPECT_EQ(file.number("width"), width);
+    EXPECT_EQ(file.number("height"), height);
+    EXPECT_EQ(file.value("time_base"), "1/60000");
+    EXPECT_NEAR(static_cast<double>(file.number("duration_ts")), 0.7 * 60000, 1);
+    EXPECT_GT(file.number("nb_read_frames"), 10);
+    EXPECT_LE(file.number("nb_read_frames"), 22);  // 0.7 s at 30 a second
+    EXPECT_EQ(file.value("nb_frames"), file.value("nb_read_frames"));
+    EXPECT_EQ(file.value("color_space"), "smpte170m");
+    EXPECT_EQ(decodeErrors(path), "");
+    EXPECT_EQ(fileCount(), 1u);
+    EXPECT_EQ(finish(), 0);
+    std::filesystem::remove(path);
+    lastID = 0;
+  }
+}
+
+TEST_F(Recording, IsUprightBetweenBlackBars) {
+  start();
+  startTake();
+  feedPaced(20, 60);
+  stopTake();
+  waitForTake("saved");
+  const std::string raw = folder / "frame.rgb";
+  runCommand("ffmpeg -v error -nostdin -i '" + path + "' -frames:v 1 -f rawvideo -pix_fmt rgb24 " +
+             raw);
+  std::ifstream file(raw, std::ios::binary);
+  const Pixels pixels(std::istreambuf_iterator<char>(file), {});
+  ASSERT_EQ(pixels.size(), 1080u * 720 * 3);
+  const auto expect = [&](std::size_t x, std::size_t y, Rgb colour) {
+    const std::uint8_t* at = pixels.data() + (y * 1080 + x) * 3;
+    EXPECT_NEAR(at[0], colour.red, 4) << x << "," << y;
+    EXPECT_NEAR(at[1], colour.green, 4) << x << "," << y;
+    EXPECT_NEAR(at[2], colour.blue, 4) << x << "," << y;
+  };
+  // 640 × 360 fits as 1080 × 608 with 56 rows of black above and below.
+  expect(540, 20, {0, 0, 0});
+  expect(540, 700, {0, 0, 0});
+  expect(200, 150, {200, 30, 30});
+  expect(900, 150, {30, 200, 30});
+  expect(200, 600, {30, 30, 200});
+  expect(900, 600, {90, 90, 90});
+}
+
+TEST_F(Recording, KeepsTheCamerasOwnTiming) {
+  for (const double rate : {24.0, 50.0}) {
+    start();
+    startTake();
+    feedPaced(30, rate);
+    stopTake();
+    const Event saved = waitForTake("saved");
+    const Probe file = probe(path);
+    EXPECT_EQ(file.number("nb_read_frames"), saved["frames"]);
+    EXPECT_NEAR(static_cast<double>(file.number("duration_ts")) / 60000,
+                saved["duration"].get<double>(), 1.0 / 60000);
+    EXPECT_EQ(decodeErrors(path), "");
+    EXPECT_EQ(finish(), 0);
+    std::filesystem::remove(path);
+    lastID = 0;
+  }
+}
+
+TEST_F(Recording, ReportsProgressAndRepeatsOnlyTheOutcome) {
+  start();
+  startTake();
+  const Event starting = waitForTake("starting");
+  EXPECT_EQ(starting.size(), 13u);
+  feedPaced(70, 60);
+  std::jthread feeding([this] { feedPaced(70, 60); });
+  waitForTake("recording");
+  EXPECT_GE(waitForTake("recording")["frames"], 1);
+  feeding.join();
+  stopTake();
+  waitForTake("finishing");
+  const Event saved = waitForTake("saved");
+  EXPECT_EQ(waitForTake("saved"), saved);
+  // A second take may follow.
+  path = folder / "second.mp4";
+  startTake();
+  feedPaced(10, 60);
+  stopTake();
+  EXPECT_EQ(waitForTake("saved")["path"], path);
+}
+
+TEST_F(Recording, ATakenNameSendsTheTakeToItsRecoveryName) {
+  start();
+  startTake();
+  feedPaced(10, 60);
+  waitForTake("recording");
+  std::ofstream(path) << "somebody else's";
+  stopTake();
+  const Event saved = waitForTake("saved");
+  EXPECT_EQ(saved["path"], (folder / ("a take \xC3\xA9.recovered-" + takeID + ".mp4")).string());
+  EXPECT_EQ(saved["error"],
+            "Final filename was unavailable. Completed video saved at the recovery path shown.");
+  EXPECT_EQ(decodeErrors(saved["path"]), "");
+  EXPECT_EQ(std::filesystem::file_size(path), 15u);
+}
+
+TEST_F(Recording, RefusesExistingFilesAndLeavesThemAlone) {
+  for (const std::string& existing : {path, stagingPath()}) {
+    start();
+    std::ofstream(existing) << "precious";
+    startTake();
+    feedPaced(5, 60);
+    const Event failed = waitForFailure();
+    EXPECT_EQ(failed["error"], "invalid or existing recording destination");
+    EXPECT_EQ(std::filesystem::file_size(existing), 8u);
+    EXPECT_EQ(fileCount(), 1u);
+    EXPECT_EQ(finish(), 0);
+    std::filesystem::remove(existing);
+    lastID = 0;
+  }
+}
+
+TEST_F(Recording, SaysWhyTheDiskRefuses) {
+  start();
+  path = folder / "no such folder" / "take.mp4";
+  startTake();
+  feedPaced(5, 60);
+  EXPECT_EQ(waitForFailure()["error"], "No such file or directory");
+  path = folder / (std::string(240, 'n') + ".mp4");
+  startTake();
+  feedPaced(5, 60);
+  EXPECT_EQ(waitForFailure()["error"], "File name too long");
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Recording, AFullDiskFailsTheTakeInWordsAndThePreviewGoesOn) {
+  const std::string small = folder / "small";
+  std::filesystem::create_directory(small);
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0) GTEST_SKIP() << "cannot mount";
+  start();
+  const auto viewer = connectClient();
+  path = small + "/take.mp4";
+  startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
+  std::jthread watching([&] {
+    while (!viewer->isClosed()) {
+      const auto packet = viewer->receive(0.2);
+      if (packet && packet->frameID != 0) viewer->acknowledge(packet->frameID);
+    }
+  });
+  FrameSize size{640, 360};
+  Pixels noise(size.bytes());
+  std::mt19937 random(1);
+  for (int i = 0; i < 90; ++i) {
+    for (auto& byte : noise) byte = static_cast<std::uint8_t>(random());
+    feed(size, noise);
+  }
+  EXPECT_EQ(waitForFailure()["error"], "No space left on device");
+  EXPECT_TRUE(std::filesystem::is_empty(small));
+  const auto before = waitForStatistics([](const Event& event) { return event["clients"] == 1; });
+  feedPaced(20, 60);
+  const auto after = waitForStatistics([](const Event&) { return true; });
+  EXPECT_GT(after["encoded_frames"], before["encoded_frames"]);
+  EXPECT_EQ(finish(), 0);
+  watching.join();
+  umount(small.c_str());
+}
+
+TEST_F(Recording, ACameraThatChangesSizeEndsTheTakeOnly) {
+  start();
+  startTake();
+  feedPaced(10, 60, {640, 360});
+  waitForTake("recording");
+  feedPaced(10, 60, {320, 240});
+  EXPECT_EQ(waitForFailure()["error"], "camera recording dimensions changed during this take");
+  EXPECT_EQ(fileCount(), 0u);
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Recording, EveryWayToEndSavesTheTake) {
+  const std::function<void()> endings[] = {
+      [this] { helper->closeInput(); }, [this] { helper->sendSignal(SIGTERM); },
+      [this] { helper->sendSignal(SIGINT); }, [this] { helper->closeOutput(); }};
+  for (const auto& end : endings) {
+    start();
+    startTake();
+    feedPaced(30, 60);
+    end();
+    EXPECT_EQ(exitCode(), 0);
+    EXPECT_EQ(decodeErrors(path), "");
+    EXPECT_EQ(fileCount(), 1u);
+    std::filesystem::remove(path);
+    lastID = 0;
+  }
+}
+
+TEST_F(Recording, AStopBeforeAnyFrameLeavesNothing) {
+  start();
+  startTake();
+  stopTake({{"id", "00000000-0000-0000-0000-000000000000"}});  // not this take
+  stopTake();
+  EXPECT_EQ(waitForFailure()["error"], "no camera frames were received for recording");
+  EXPECT_EQ(fileCount(), 0u);
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Recording, AKilledHelperLosesAtMostTheLastSecond) {
+  std::mt19937 random(std::random_device{}());
+  for (int round = 0; round < 20; ++round) {
+    const int frames = std::uniform_int_distribution(20, 130)(random);
+    SCOPED_TRACE(frames);
+    start();
+    startTake({{"resolution", "640x360"}, {"target_fps", 60}});
+    feedPaced(frames, 60, {320, 180});
+    helper->sendSignal(SIGKILL);
+    helper->wait(20);
+    if (std::filesystem::exists(stagingPath()) && frames > 60) {
+      const Probe file = probe(stagingPath());
+      // Paced by the test: what was fed more than a second ago must be there.
+      EXPECT_GE(file.number("nb_read_frames"), frames - 60 - 6);
+      EXPECT_EQ(decodeErrors(stagingPath()), "");
+    } else {
+      EXPECT_LE(frames, 60);
+    }
+    std::filesystem::remove(stagingPath());
+    lastID = 0;
+  }
+}
+
+}  // namespace
+}  // namespace lumora::tests
