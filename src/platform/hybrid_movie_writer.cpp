@@ -96,7 +96,8 @@ void HybridMovieWriter::closeSample(std::int64_t nextTime) {
 
 void HybridMovieWriter::flushFragment() {
   if (samples_.empty()) return;
-  Bytes start = fragmentStart(++fragments_, static_cast<std::uint64_t>(fragmentTime_), samples_);
+  Bytes start =
+      fragmentStart(fileSize_, ++fragments_, static_cast<std::uint64_t>(fragmentTime_), samples_);
   tables_.addChunk(fileSize_ + start.size(), samples_);
   fileSize_ += start.size() + payload_.size();
   const std::size_t usual = payload_.size();

@@ -325,6 +325,16 @@ void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
   trackRun(bytes, samples, dataOffset);
 }
 
+// Appends a `free` box if the next `size` bytes would not fit into the page that `offset` lies in.
+void keepWithinPage(Bytes& bytes, std::uint64_t offset, std::size_t size) {
+  constexpr std::uint64_t page = 4096;
+  constexpr std::uint64_t smallestBox = 8;
+  const std::uint64_t left = page - offset % page;
+  if (left >= size) return;
+  const Box padding(bytes, "free");
+  if (left > smallestBox) zeros(bytes, left - smallestBox);
+}
+
 }  // namespace
 
 Bytes movieStart(const FormatDescription& format, std::uint64_t created) {
@@ -349,7 +359,7 @@ std::uint64_t placeholderOffset() {
   return bytes.size();
 }
 
-Bytes fragmentStart(std::uint32_t number, std::uint64_t time,
+Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t time,
                     const std::vector<MovieSample>& samples) {
   constexpr std::uint32_t mediaDataHeaderBytes = 8;
   std::uint32_t payload = 0;
@@ -357,6 +367,7 @@ Bytes fragmentStart(std::uint32_t number, std::uint64_t time,
   Bytes measured;
   movieFragment(measured, number, time, samples, 0);
   Bytes bytes;
+  keepWithinPage(bytes, offset, measured.size());
   movieFragment(bytes, number, time, samples,
                 static_cast<std::uint32_t>(measured.size()) + mediaDataHeaderBytes);
   u32(bytes, payload + mediaDataHeaderBytes);

@@ -23,8 +23,10 @@ Bytes movieStart(const FormatDescription& format, std::uint64_t created);
 // Where the placeholder lies in `movieStart`.
 std::uint64_t placeholderOffset();
 
-// `moof` and the header of the `mdat` that follows it with the samples' bytes.
-Bytes fragmentStart(std::uint32_t number, std::uint64_t time,
+// `moof` and the header of the `mdat` that follows it with the samples' bytes; they will stand at
+// `offset` in the file. A write that a crash interrupts ends at a page boundary, and some demuxers
+// give up on a file that ends inside a `moof`: a `free` box in front keeps the `moof` in one page.
+Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t time,
                     const std::vector<MovieSample>& samples);
 
 // The complete `moov`.

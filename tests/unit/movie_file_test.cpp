@@ -1,0 +1,314 @@
+// The movie writer's files, read back by libavformat: whole, cut off anywhere, on disks that fail.
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+
+#include "platform/hybrid_movie_writer.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+// A disk in memory that can be told to fail or to hang.
+struct Disk {
+  std::mutex mutex;
+  std::condition_variable changed;
+  Bytes bytes;
+  int syncs = 0;
+  int failAfter = -1;  // calls that still succeed; negative: all
+  bool hangs = false;
+
+  int call(const std::function<void()>& effect) {
+    std::unique_lock hold(mutex);
+    changed.wait(hold, [this] { return !hangs; });
+    if (failAfter == 0) return ENOSPC;
+    if (failAfter > 0) --failAfter;
+    effect();
+    return 0;
+  }
+  void setHanging(bool value) {
+    {
+      const std::lock_guard hold(mutex);
+      hangs = value;
+    }
+    changed.notify_all();
+  }
+};
+
+class DiskSink final : public ByteSink {
+ public:
+  explicit DiskSink(std::shared_ptr<Disk> disk) : disk_(std::move(disk)) {}
+  int write(ByteView bytes) override {
+    return disk_->call(
+        [&] { disk_->bytes.insert(disk_->bytes.end(), bytes.begin(), bytes.end()); });
+  }
+  int overwrite(std::uint64_t offset, ByteView bytes) override {
+    return disk_->call([&] {
+      std::copy(bytes.begin(), bytes.end(),
+                disk_->bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+    });
+  }
+  int sync() override {
+    return disk_->call([&] { ++disk_->syncs; });
+  }
+
+ private:
+  std::shared_ptr<Disk> disk_;
+};
+
+std::shared_ptr<const EncodedSample> movieSample(std::size_t size, bool keyframe) {
+  Bytes data(size, 0x11);
+  const auto length = static_cast<std::uint32_t>(size - 4);
+  for (int i = 0; i < 4; ++i)
+    data[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(length >> (24 - 8 * i));
+  data[4] = keyframe ? 0x65 : 0x41;
+  const auto format = std::make_shared<MemoryFormatDescription>(
+      Bytes{0x67, 0x64, 0x00, 0x1F, 0xAC}, Bytes{0x68, 0xEE, 0x3C, 0x80}, 320, 240,
+      ColourDescription{1, 13, 6, false});
+  return std::make_shared<MemorySample>(data, format);
+}
+
+struct Written {
+  explicit Written(std::shared_ptr<Disk> on = std::make_shared<Disk>())
+      : disk(std::move(on)), writer(std::make_unique<DiskSink>(disk), 3'800'000'000) {
+    EXPECT_TRUE(writer.startWriting(movieSample(8, true)->format()));
+  }
+  // `count` samples of `interval` units each, a key frame every 30.
+  void fill(int count, std::int64_t interval = 1000, std::size_t size = 20) {
+    for (int i = 0; i < count; ++i) {
+      const bool key = i % 30 == 0;
+      ASSERT_TRUE(writer.append(*movieSample(size, key), key, {i * interval, interval}));
+    }
+  }
+  void finish(std::int64_t end) {
+    std::promise<void> done;
+    writer.finishWriting(end, [&] { done.set_value(); });
+    done.get_future().wait();
+  }
+  std::shared_ptr<Disk> disk;
+  HybridMovieWriter writer;
+};
+
+struct Read {
+  bool opened = false;
+  std::int64_t duration = 0;  // of the stream
+  std::vector<std::int64_t> times;
+  std::vector<std::int64_t> durations;
+  int keyframes = 0;
+};
+
+struct Cursor {
+  ByteView bytes;
+  std::int64_t at = 0;
+};
+
+int readBytes(void* opaque, std::uint8_t* space, int size) {
+  auto& cursor = *static_cast<Cursor*>(opaque);
+  const auto left = static_cast<std::int64_t>(cursor.bytes.size()) - cursor.at;
+  if (left <= 0) return AVERROR_EOF;
+  const auto count = std::min<std::int64_t>(left, size);
+  std::copy_n(cursor.bytes.begin() + cursor.at, count, space);
+  cursor.at += count;
+  return static_cast<int>(count);
+}
+
+std::int64_t seekBytes(void* opaque, std::int64_t offset, int whence) {
+  auto& cursor = *static_cast<Cursor*>(opaque);
+  const auto size = static_cast<std::int64_t>(cursor.bytes.size());
+  whence &= ~AVSEEK_FORCE;
+  if (whence == AVSEEK_SIZE) return size;
+  cursor.at = offset + (whence == SEEK_CUR ? cursor.at : whence == SEEK_END ? size : 0);
+  return cursor.at;
+}
+
+// Reads a whole movie; packets must carry what was written, in whole samples.
+Read readMovie(ByteView bytes) {
+  av_log_set_level(AV_LOG_QUIET);
+  Read read;
+  Cursor cursor{bytes};
+  auto* space = static_cast<std::uint8_t*>(av_malloc(4096));
+  AVIOContext* io = avio_alloc_context(space, 4096, 0, &cursor, readBytes, nullptr, seekBytes);
+  AVFormatContext* format = avformat_alloc_context();
+  format->pb = io;
+  if (avformat_open_input(&format, nullptr, nullptr, nullptr) == 0 && format->nb_streams == 1) {
+    read.opened = true;
+    read.duration = format->streams[0]->duration;
+    AVPacket* packet = av_packet_alloc();
+    while (av_read_frame(format, packet) == 0) {
+      const bool whole =
+          packet->size >= 8 && packet->data[5] == 0x11 && packet->data[packet->size - 1] == 0x11;
+      if (whole && (packet->flags & AV_PKT_FLAG_CORRUPT) == 0) {
+        read.times.push_back(packet->pts);
+        read.durations.push_back(packet->duration);
+        read.keyframes += (packet->flags & AV_PKT_FLAG_KEY) != 0 ? 1 : 0;
+      }
+      av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+  }
+  avformat_close_input(&format);
+  av_freep(&io->buffer);
+  avio_context_free(&io);
+  return read;
+}
+
+struct Fragment {
+  std::size_t offset = 0;
+  std::size_t size = 0;  // of the `moof`
+};
+
+std::vector<Fragment> findFragments(const Bytes& bytes) {
+  std::vector<Fragment> fragments;
+  for (std::size_t i = 4; i + 4 < bytes.size(); ++i) {
+    if (std::string_view(reinterpret_cast<const char*>(&bytes[i]), 4) != "moof") continue;
+    fragments.push_back({i - 4, std::size_t{bytes[i - 2]} * 256 + bytes[i - 1]});
+  }
+  return fragments;
+}
+
+std::uint64_t sum(const std::vector<std::int64_t>& values) {
+  std::uint64_t total = 0;
+  for (const auto value : values) total += static_cast<std::uint64_t>(value);
+  return total;
+}
+
+TEST(MovieFile, LastsExactlyToItsEnd) {
+  struct Case {
+    std::int64_t end;
+    std::size_t samples;
+    std::int64_t last;
+  };
+  // 100 samples of 1000 units: at the end, stretched, cut within the last, cut far before.
+  for (const Case& c : {Case{100000, 100, 1000},
+                        {130000, 100, 31000},
+                        {99001, 100, 1},
+                        {99000, 99, 1000},
+                        {12345, 13, 345},
+                        {1, 1, 1}}) {
+    Written movie;
+    movie.fill(100);
+    movie.finish(c.end);
+    EXPECT_EQ(movie.writer.status(), WriterStatus::completed);
+    const Read read = readMovie(movie.disk->bytes);
+    EXPECT_EQ(read.duration, c.end);
+    EXPECT_EQ(read.times.size(), c.samples);
+    EXPECT_EQ(read.durations.back(), c.last);
+    EXPECT_EQ(sum(read.durations), static_cast<std::uint64_t>(c.end));
+    EXPECT_EQ(read.keyframes, static_cast<int>((c.samples + 29) / 30));
+  }
+}
+
+TEST(MovieFile, CloseSamplesAreToldApartAndTheNextCatchesUp) {
+  Written movie;
+  for (const std::int64_t time : {0, 60, 1000, 1000, 4000}) {
+    ASSERT_TRUE(movie.writer.append(*movieSample(20, time == 0), time == 0, {time, 100}));
+  }
+  movie.finish(5000);
+  EXPECT_EQ(readMovie(movie.disk->bytes).times,
+            (std::vector<std::int64_t>{0, 100, 1000, 1100, 4000}));
+}
+
+TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
+  Written movie;
+  movie.fill(91, 1000);  // three fragments of 30 are out, the last sample is still open
+  movie.writer.cancelWriting();
+  Written complete;
+  complete.fill(91, 1000);
+  complete.finish(91000);
+  // The staging file as it was: the finished one without its end, with its placeholder.
+  Bytes bytes = complete.disk->bytes;
+  const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
+  std::copy(free.begin(), free.end(),
+            bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
+  const auto fragments = findFragments(bytes);
+  ASSERT_EQ(fragments.size(), 4u);
+  const Fragment last = fragments[2];
+  const std::size_t end = fragments[3].offset;
+  for (std::size_t cut = last.offset; cut < end; ++cut) {
+    // libavformat refuses every file that ends inside a `moof`, from the track's header on. No
+    // crash leaves one: see the next test.
+    if (cut >= last.offset + 40 && cut < last.offset + last.size) continue;
+    const Read read = readMovie(ByteView(bytes).first(cut));
+    ASSERT_TRUE(read.opened) << cut;
+    ASSERT_GE(read.times.size(), 60u) << cut;
+    ASSERT_EQ(read.times[59], 59000) << cut;
+  }
+  EXPECT_EQ(readMovie(ByteView(bytes).first(end)).times.size(), 90u);
+}
+
+TEST(MovieFile, PageBoundariesNeverCutAFragmentsHead) {
+  for (std::size_t size = 40; size < 240; size += 3) {
+    Written movie;
+    movie.fill(400, 1000, size);
+    movie.finish(400000);
+    const Bytes& bytes = movie.disk->bytes;
+    for (const Fragment& fragment : findFragments(bytes)) {
+      EXPECT_EQ(fragment.offset / 4096, (fragment.offset + fragment.size - 1) / 4096) << size;
+    }
+    EXPECT_EQ(readMovie(bytes).times.size(), 400u) << size;
+  }
+}
+
+TEST(MovieFile, AnHourHasAllItsSamples) {
+  Written movie;
+  movie.fill(216000);
+  movie.finish(216000000);
+  const Read read = readMovie(movie.disk->bytes);
+  EXPECT_EQ(read.times.size(), 216000u);
+  EXPECT_EQ(read.times.back(), 215999000);
+  EXPECT_EQ(read.duration, 216000000);
+}
+
+TEST(MovieFile, EveryFailingCallIsReportedInWords) {
+  // The disk fails at its first call, its second, its third, until a movie gets through.
+  int failAfter = 0;
+  for (bool completed = false; !completed; ++failAfter) {
+    const auto disk = std::make_shared<Disk>();
+    disk->failAfter = failAfter;
+    Written movie(disk);
+    for (int i = 0; i < 61; ++i)
+      movie.writer.append(*movieSample(20, i == 0), i == 0, {i * 1000, 1000});
+    movie.finish(61000);
+    completed = movie.writer.status() == WriterStatus::completed;
+    if (!completed) {
+      EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
+      EXPECT_EQ(movie.writer.error(), "No space left on device");
+    }
+    ASSERT_LT(failAfter, 100);
+  }
+  EXPECT_EQ(failAfter - 1, 16);  // the start and three fragments 3 calls each, the end 4
+}
+
+TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {
+  const auto disk = std::make_shared<Disk>();
+  disk->hangs = true;
+  Written movie(disk);
+  constexpr std::size_t size = 1 << 20;
+  std::int64_t count = 0;
+  while (movie.writer.isReadyForMoreMediaData()) {
+    ASSERT_TRUE(movie.writer.append(*movieSample(size, true), true, {count * 30000, 30000}));
+    ASSERT_LT(++count, 64);
+  }
+  EXPECT_GE(count, 31);
+  movie.writer.cancelWriting();  // does not wait either
+  disk->setHanging(false);
+}
+
+TEST(MovieFile, AMovieWithoutASampleFails) {
+  Written movie;
+  movie.fill(3);
+  movie.finish(0);
+  EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
+  EXPECT_NE(movie.writer.error(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace lumora

@@ -1,0 +1,418 @@
+// Takes on fakes: commands, the recorder's timeline and losses, endings, the relay, shutdown.
+
+#include <gtest/gtest.h>
+
+#include "encode/encoder_failure.h"
+#include "encode/recording_keyframe.h"
+#include "record/recording_command.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
+const std::string takePath = "/takes/a.mp4";
+
+struct Takes : testing::Test {
+  void SetUp() override { probe.becomeReady(); }
+
+  std::vector<Json> send(Json command) {
+    command.emplace("id", takeID);
+    probe.process->takeEvents();
+    probe.command(command);
+    return probe.process->takeEvents();
+  }
+  void start(Json extra = Json::object()) {
+    extra.update({{"type", "record_start"}, {"path", takePath}});
+    const auto events = send(extra);
+    ASSERT_EQ(events.size(), 1u);
+    ASSERT_EQ(events[0]["state"], "starting") << events[0];
+  }
+  // One camera frame at uptime `at`, encoded as a key frame or not. Whether it was submitted.
+  bool frame(double at, bool keyframe = false) {
+    probe.clock->now = at;
+    probe.feed(++lastID);
+    if (probe.encoders->sessions.empty() || probe.lastSession().pending.empty()) return false;
+    probe.lastSession().answer(0, keyframe ? keySample() : deltaSample());
+    probe.run();
+    return true;
+  }
+  FakeWriter& writer() { return *probe.movies->writers.back(); }
+  // The events with this "state" since the last look.
+  std::vector<Json> events(const std::string& state) {
+    probe.run();
+    auto all = probe.process->takeEvents("recording");
+    std::erase_if(all, [&](const Json& event) { return event["state"] != state; });
+    return all;
+  }
+  std::string failure() {
+    const auto failed = events("failed");
+    return failed.empty() ? "" : failed.front()["error"].get<std::string>();
+  }
+  // Stops the take and lets the disk finish; the outcome.
+  Json finish(Json stop = Json::object()) {
+    stop["type"] = "record_stop";
+    stop["id"] = takeID;
+    probe.command(stop);
+    probe.run();
+    writer().complete(WriterStatus::completed);
+    const auto saved = events("saved");
+    return saved.empty() ? Json() : saved.front();
+  }
+  std::vector<std::pair<std::int64_t, std::int64_t>> timings() {
+    std::vector<std::pair<std::int64_t, std::int64_t>> result;
+    for (const auto& entry : writer().entries) {
+      result.emplace_back(entry.timing.time, entry.timing.duration);
+    }
+    return result;
+  }
+
+  VideoEncoderProbe probe;
+  std::uint64_t lastID = 0;
+};
+using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
+
+TEST_F(Takes, MalformedCommandsAreFatal) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"x", "invalid recording command"},
+      {"[]", "invalid recording command"},
+      {"{\"type\":\"record_start\"}", "invalid recording command"},
+      {"{\"type\":\"record_start\",\"id\":\"6f9619ff8b86d011b42d00cf4fc964ff\"}",
+       "invalid recording command"},
+      {"{\"type\":\"record_start\",\"id\":\"6f9619ff-8b86-d011-b42d-00cf4fc964fg\"}",
+       "invalid recording command"},
+      {"{\"type\":1,\"id\":\"6f9619ff-8b86-d011-b42d-00cf4fc964ff\"}", "invalid recording command"},
+      {"{\"type\":\"pause\",\"id\":\"6f9619ff-8b86-d011-b42d-00cf4fc964ff\"}",
+       "unknown recording command"}};
+  for (const auto& [text, message] : cases) {
+    VideoEncoderProbe fresh;
+    const std::string payload = text;
+    (*fresh).recordingCommand(Bytes(payload.begin(), payload.end()));
+    EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"], message) << text;
+    EXPECT_EQ(fresh.process->exitCodes, std::vector<int>{1});
+  }
+}
+
+TEST_F(Takes, RefusedStartsChangeNothing) {
+  const char* profile = "recording resolution or target frame rate is invalid";
+  const char* time = "recording start time is invalid";
+  const char* state = "recording destination or state is invalid";
+  const std::pair<Json, const char*> cases[] = {
+      {{{"resolution", "640x360"}}, profile},
+      {{{"target_fps", 30}}, profile},
+      {{{"resolution", "640x360"}, {"target_fps", true}}, profile},
+      {{{"resolution", "640x360"}, {"target_fps", 24}}, profile},
+      {{{"resolution", "640x360"}, {"target_fps", 30.5}}, profile},
+      {{{"resolution", "1280x720"}, {"target_fps", 30}}, profile},
+      {{{"started_at", 1000 - 30.1}}, time},
+      {{{"started_at", 1000.06}}, time},
+      {{{"started_at", true}}, time},
+      {{{"path", "a.mp4"}}, state},
+      {{{"path", "/a.MP4"}}, state},
+      {{{"path", std::string("/a\0.mp4", 7)}}, state},
+      {{{"path", 7}}, state},
+      {{{"path", "/" + std::string(2996, 'a') + ".mp4"}}, state}};
+  for (const auto& [extra, message] : cases) {
+    Json command = {{"type", "record_start"}, {"path", takePath}};
+    command.update(extra);
+    const auto events = send(command);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["error"], message) << extra;
+    EXPECT_EQ(events[0].size(), 10u);
+  }
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  start({{"resolution", "640x360"}, {"target_fps", 30.0}, {"started_at", 1000.04}});
+  const auto second = send({{"type", "record_start"}, {"path", "/b.mp4"}});
+  EXPECT_EQ(second.at(0)["error"], state);
+  EXPECT_EQ(second.at(0)["path"], "/b.mp4");
+  EXPECT_TRUE(isRecordingDestination("/" + std::string(2995, 'a') + ".mp4"));
+}
+
+TEST_F(Takes, TheFirstSampleStandsAtZeroAndEachLastsUntilTheNext) {
+  start({{"started_at", 1000.0}});
+  frame(999.99, true);  // before the start
+  frame(1000.2, true);
+  frame(1000.25);
+  frame(1000.251);  // throttled
+  frame(1000.3);
+  const Json saved = finish({{"stopped_at", 1000.3}});
+  EXPECT_EQ(timings(), (Timings{{0, 15000}, {15000, 3000}}));  // the frame at the stop is left out
+  EXPECT_EQ(writer().end, 18000);
+  EXPECT_NEAR(saved["duration"].get<double>(), 0.3, 1e-9);
+  EXPECT_EQ(saved["frames"], 2);
+  EXPECT_EQ(saved["dropped"], 1);
+  EXPECT_EQ(saved["throttled"], 1);
+  EXPECT_EQ(saved["path"], takePath);
+  const std::pair<std::string, std::string> move{takePath + "." + takeID + ".partial", takePath};
+  EXPECT_EQ(probe.files->moves.at(0), move);
+}
+
+TEST_F(Takes, WithoutAStartTimeTheLastFrameLastsAnInterval) {
+  start({{"resolution", "640x360"}, {"target_fps", 30}});
+  frame(1004.0, true);
+  frame(1008.0);
+  probe.clock->now = 1008.01;
+  const Json saved = finish({{"stopped_at", 1007.9}});
+  EXPECT_EQ(timings(), (Timings{{0, 240000}, {240000, 2000}}));
+  EXPECT_NEAR(saved["duration"].get<double>(), 4 + 1.0 / 30, 1e-9);
+}
+
+TEST(MovieEndTime, FollowsTheStopOrTheLastFrame) {
+  EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 12.6, 12.5, 30), 2.5);
+  EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 10.0, 10.0, 30), 1.0 / 60000);
+  EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 8.9, 30), 4 + 1.0 / 30);
+  EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 12.0, 30), 7.0);
+}
+
+TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
+  const auto admitted = [](int targetFPS, double cameraFPS, double jitter) {
+    RecordingCadence cadence{targetFPS, {}};
+    int count = 0;
+    for (int i = 0; i < 600; ++i) {
+      count += cadence.admit(100 + i / cameraFPS + (i % 3 - 1) * jitter) ? 1 : 0;
+    }
+    return count;
+  };
+  EXPECT_EQ(admitted(60, 60, 0), 600);
+  EXPECT_EQ(admitted(30, 60, 0), 300);
+  EXPECT_EQ(admitted(15, 60, 0), 150);
+  EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
+  EXPECT_EQ(admitted(60, 25, 0.002), 600);
+  EXPECT_NEAR(admitted(30, 50, 0.001), 360, 8);
+  RecordingCadence cadence{30, {}};
+  EXPECT_FALSE(cadence.admit(-1));
+  EXPECT_FALSE(cadence.admit(std::numeric_limits<double>::quiet_NaN()));
+}
+
+TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
+  start();
+  frame(1001.0);  // no key frame yet
+  EXPECT_TRUE(probe.movies->writers.empty());
+  frame(1001.1, true);
+  probe.clock->now = 1001.2;
+  probe.feed(++lastID);
+  probe.lastSession().answer(0, nullptr, infoFrameDropped);  // the encoder drops one
+  probe.run();
+  frame(1001.3);
+  frame(1001.4, true);
+  using Submitted = std::vector<std::pair<std::int64_t, bool>>;
+  EXPECT_EQ(probe.lastSession().submitted,
+            (Submitted{{1, true}, {2, true}, {3, false}, {4, true}, {5, true}}));
+  const Json saved = finish();
+  EXPECT_EQ(saved["dropped"], 3);
+  EXPECT_EQ(saved["frames"], 2);
+}
+
+TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
+  start();
+  frame(1001.0, true);
+  std::vector<bool> taken;
+  auto recorder = std::make_shared<MovieRecorder>(
+      takeID, "/b.mp4", std::nullopt, RecordingProfile(),
+      Platform{probe.queue, probe.clock, probe.dispatch, probe.process, probe.network,
+               probe.encoders, probe.images, probe.movies, probe.files},
+      [](const Json&) {});
+  for (const bool keyframe : {true, false, false, false, true}) {
+    taken.push_back(recorder->append(keyframe ? keySample() : deltaSample(), 1, keyframe));
+  }
+  EXPECT_EQ(taken, (std::vector<bool>{true, true, false, false, false}));
+  EXPECT_EQ(recorder->pendingWork(), 2);
+  probe.run();
+  EXPECT_FALSE(recorder->append(deltaSample(), 2, false));
+  EXPECT_TRUE(recorder->append(keySample(), 2, true));
+}
+
+TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
+  using Adjust = std::function<void(FakeWriter&)>;
+  const std::pair<const char*, Adjust> cases[] = {
+      {"recording format unavailable", [](auto& w) { w.accepts = false; }},
+      {"recording writer failed", [](auto& w) { w.starts = false; }},
+      {"no such device",
+       [](auto& w) {
+         w.starts = false;
+         w.problem = "no such device";
+       }},
+      {"recording disk cannot keep up", [](auto& w) { w.ready = false; }},
+      {"recording sample append failed (0)", [](auto& w) { w.appends = false; }},
+      {"No space left on device", [](auto& w) {
+         w.appends = false;
+         w.problem = "No space left on device";
+       }}};
+  for (const auto& [message, adjust] : cases) {
+    probe = VideoEncoderProbe();
+    probe.becomeReady();
+    probe.movies->adjust = adjust;
+    start();
+    frame(1001.0, true);
+    frame(1001.1);
+    EXPECT_EQ(failure(), message);
+    EXPECT_EQ(writer().state, WriterStatus::cancelled);
+    EXPECT_EQ(probe.files->removed.size(), 1u);
+    EXPECT_TRUE(probe.process->exitCodes.empty());
+    start();  // the next take may begin
+  }
+}
+
+TEST_F(Takes, AnExistingFileIsNeitherWrittenNorDeleted) {
+  for (const std::string& existing : {takePath, takePath + "." + takeID + ".partial"}) {
+    probe = VideoEncoderProbe();
+    probe.becomeReady();
+    probe.files->existing = {existing};
+    start();
+    frame(1001.0, true);
+    EXPECT_EQ(failure(), "invalid or existing recording destination");
+    EXPECT_TRUE(probe.files->removed.empty());
+  }
+}
+
+TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
+  const auto client = probe.connectClient();
+  const auto isRecording = [](FakeSession& s) {
+    return s.properties.at(SessionProperty::profileLevel) == PropertyValue(ProfileLevel::highAuto);
+  };
+  start();
+  probe.feed(++lastID, 640, 360);
+  ASSERT_EQ(probe.encoders->sessions.size(), 2u);
+  FakeSession& recording = *probe.encoders->sessions[0];
+  EXPECT_TRUE(isRecording(recording));
+  EXPECT_EQ(recording.size, (PictureSize{1080, 720}));
+  EXPECT_EQ(recording.properties.at(SessionProperty::averageBitRate),
+            PropertyValue(std::int64_t{12000000}));
+  recording.answer(-22, nullptr);
+  probe.run();
+  EXPECT_TRUE(probe.isRawBusy());  // the preview still encodes
+  EXPECT_EQ(failure(), "camera encoding failed (-22)");
+  probe.encoders->sessions[1]->answer(0, keySample());
+  probe.run();
+  EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_TRUE(recording.invalidated);  // with the release of the frame
+  EXPECT_EQ(client->sent.size(), 1u);
+  EXPECT_EQ(probe.statistics()["record_encoder_failures"], 1);
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+}
+
+TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {
+  start();
+  frame(1002.0, true);
+  probe.clock->now = 1003;
+  probe.feed(++lastID, 320, 240);
+  EXPECT_EQ(failure(), "camera recording dimensions changed during this take");
+  EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+}
+
+TEST(RecordingKeyframe, ChecksTheSample) {
+  EXPECT_TRUE(recordingKeyframe(*makeSample({0x67, 0x68, 0x65})));
+  EXPECT_FALSE(recordingKeyframe(*deltaSample()));
+  const std::pair<Bytes, const char*> cases[] = {
+      {{0, 0, 0, 0}, "camera sample too large"},
+      {{0, 0, 0, 0, 0x65}, "invalid camera NAL size"},
+      {{0, 0, 0, 2, 0x65}, "invalid camera NAL size"},
+      {{0, 0, 0, 1, 0x65, 0}, "invalid camera NAL header"}};
+  for (const auto& [bytes, message] : cases) {
+    try {
+      recordingKeyframe(MemorySample(bytes, nullptr));
+      ADD_FAILURE() << message;
+    } catch (const EncoderFailure& failure) {
+      EXPECT_EQ(failure.description(), message);
+    }
+  }
+}
+
+TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
+  start();
+  frame(1001.0, true);
+  probe.clock->now = 1001.1;
+  probe.feed(++lastID);
+  send({{"type", "record_stop"}});
+  probe.run();
+  EXPECT_FALSE(writer().finished);
+  probe.lastSession().answer(0, deltaSample());
+  probe.run();
+  ASSERT_TRUE(writer().finished);
+  EXPECT_EQ(writer().entries.size(), 2u);  // the frame in flight is part of the movie
+  EXPECT_TRUE(probe.lastSession().invalidated);
+  EXPECT_EQ(events("finishing").size(), 1u);
+}
+
+TEST_F(Takes, StopsThatMakeNoSense) {
+  start({{"started_at", 1000.0}});
+  EXPECT_TRUE(
+      send({{"type", "record_stop"}, {"id", "00000000-0000-0000-0000-000000000000"}}).empty());
+  send({{"type", "record_stop"}, {"stopped_at", 999.9}});
+  EXPECT_EQ(failure(), "recording stop time is invalid");
+  start();
+  send({{"type", "record_stop"}});
+  EXPECT_EQ(failure(), "no camera frames were received for recording");
+  EXPECT_TRUE(probe.movies->writers.empty());
+}
+
+TEST_F(Takes, ACompleteMovieIsNeverGivenUpForItsName) {
+  const std::string recovery = "/takes/a.recovered-" + takeID + ".mp4";
+  EXPECT_EQ(recoveryPath("/a.b.mp4", "X"), "/a.b.recovered-X.mp4");
+  start();
+  frame(1001.0, true);
+  probe.files->existing = {takePath};
+  Json saved = finish();
+  EXPECT_EQ(saved["path"], recovery);
+  EXPECT_NE(saved["error"], "");
+  probe.files->existing.clear();
+  start();
+  frame(1002.0, true);
+  probe.files->unwritable = {takePath, recovery};
+  saved = finish();
+  EXPECT_EQ(saved["path"], takePath + "." + takeID + ".partial");
+  EXPECT_TRUE(probe.files->removed.empty());
+}
+
+TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
+  start();
+  frame(1001.0, true);
+  EXPECT_EQ(events("recording").size(), 1u);
+  frame(1001.5);
+  probe.dispatch->tick();
+  EXPECT_TRUE(events("recording").empty());
+  probe.clock->now = 1002.6;
+  probe.dispatch->tick();
+  const auto progress = events("recording");
+  ASSERT_EQ(progress.size(), 1u);
+  EXPECT_EQ(progress[0]["frames"], 1);
+  EXPECT_EQ(progress[0]["recent_fps"], 0.0);
+  EXPECT_EQ(progress[0]["duration"], 0.5);
+  const Json late = progress[0];
+  Json status = late;
+  EXPECT_TRUE(relaysEvent({&status, false}, takeID, late));
+  EXPECT_FALSE(relaysEvent({&status, true}, takeID, late));
+  EXPECT_FALSE(relaysEvent({nullptr, false}, takeID, late));
+  EXPECT_FALSE(relaysEvent({&status, false}, "other", late));
+  status["state"] = "saved";
+  EXPECT_FALSE(relaysEvent({&status, false}, takeID, {{"state", "failed"}}));
+}
+
+TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
+  start();
+  frame(1001.0, true);
+  probe.process->signals.at(15)();
+  probe.run();
+  (*probe).shutdown(1);  // the first one counts
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  EXPECT_EQ(send({{"type", "record_start"}, {"path", "/b.mp4"}}).at(0)["state"], "failed");
+  writer().complete(WriterStatus::completed);
+  EXPECT_EQ(events("saved").size(), 1u);
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+
+  probe = VideoEncoderProbe();
+  probe.becomeReady();
+  start();
+  frame(1001.0, true);
+  probe.process->signals.at(2)();
+  probe.clock->now = 1002.99;
+  probe.run();
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  probe.clock->now = 1003.0;
+  probe.run();
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+}  // namespace
+}  // namespace lumora
