@@ -1,8 +1,8 @@
 #include "platform/libav_session.h"
 
-#include <pthread.h>
-
 #include <utility>
+
+#include "platform/encoding_worker.h"
 
 namespace lumora {
 namespace {
@@ -53,67 +53,23 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
 }
 
 Status LibavSession::prepareToEncodeFrames() {
-  const Status status = LibavEncoder::open(codec_, settings_, encoder_);
-  if (status < 0) return status;
-  worker_ = std::thread([this] { work(); });
+  worker_ = EncodingWorker::start(codec_, settings_);
   return 0;
 }
 
 Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,
                                  FrameProperties properties, OutputHandler handler) {
-  {
-    const std::lock_guard hold(mutex_);
-    if (stopping_ || !worker_.joinable()) return AVERROR_EXTERNAL;
-    jobs_.push_back(
-        {std::move(buffer), presentationTime.value, properties.forceKeyFrame, std::move(handler)});
-  }
-  changed_.notify_all();
-  return 0;
+  const bool taken = worker_ && worker_->enqueue({std::move(buffer), presentationTime.value,
+                                                  properties.forceKeyFrame, std::move(handler)});
+  return taken ? 0 : AVERROR_EXTERNAL;
 }
 
 void LibavSession::completeFrames() {
-  std::unique_lock hold(mutex_);
-  changed_.wait(hold, [this] { return stopping_ || (jobs_.empty() && !busy_); });
+  if (worker_) worker_->complete();
 }
 
 void LibavSession::invalidate() {
-  {
-    const std::lock_guard hold(mutex_);
-    stopping_ = true;
-    jobs_.clear();
-  }
-  changed_.notify_all();
-  if (worker_.joinable()) worker_.join();
-}
-
-void LibavSession::work() {
-  pthread_setname_np(pthread_self(), "lumora.encoder");
-  std::unique_lock hold(mutex_);
-  for (;;) {
-    changed_.wait(hold, [this] { return stopping_ || !jobs_.empty(); });
-    if (stopping_) return;
-    Job job = std::move(jobs_.front());
-    jobs_.pop_front();
-    busy_ = true;
-    hold.unlock();
-    encode(std::move(job));
-    hold.lock();
-    busy_ = false;
-    changed_.notify_all();
-  }
-}
-
-void LibavSession::encode(Job job) {
-  Status status = encoder_->load(job.buffer->lock());
-  job.buffer->unlock();
-  job.buffer.reset();  // the encoder has its own copy: the next frame may have the buffer
-  std::shared_ptr<const EncodedSample> sample;
-  if (status == 0) status = encoder_->encodeLoaded(job.time, job.forceKeyFrame, sample);
-  {
-    const std::lock_guard hold(mutex_);
-    if (stopping_) return;
-  }
-  job.handler(status, 0, std::move(sample));
+  if (worker_) worker_->stop();
 }
 
 }  // namespace lumora

@@ -1,19 +1,18 @@
 #pragma once
 
-// A compression session on libavcodec. Settings are collected, the encoder opens at the
-// preparation, and a worker thread of the session's own encodes one frame after the other.
+// A compression session on libavcodec. Settings are collected; a worker thread of the session's own
+// opens the encoder, encodes one frame after the other and frees the encoder in the end, none of
+// which the state queue waits for: a take that starts or stops must not hold up the preview.
 
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
-#include <thread>
 
 #include "platform/compression.h"
 #include "platform/libav_encoder.h"
 #include "platform/memory_pixel_buffers.h"
 
 namespace lumora {
+
+class EncodingWorker;
 
 class LibavSession final : public CompressionSession {
  public:
@@ -23,6 +22,7 @@ class LibavSession final : public CompressionSession {
   LibavSession& operator=(const LibavSession&) = delete;
 
   Status setProperty(SessionProperty property, const PropertyValue& value) override;
+  // Begins to open the encoder. That it can't be opened shows as the status of the first frame.
   Status prepareToEncodeFrames() override;
   PixelBufferPool* pixelBufferPool() override { return &pool_; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,
@@ -31,27 +31,10 @@ class LibavSession final : public CompressionSession {
   void invalidate() override;
 
  private:
-  struct Job {
-    std::shared_ptr<PixelBuffer> buffer;
-    std::int64_t time = 0;
-    bool forceKeyFrame = false;
-    OutputHandler handler;
-  };
-
-  void work();
-  void encode(Job job);
-
   const AVCodec& codec_;
   EncoderSettings settings_;
   MemoryPixelBufferPool pool_;
-  std::unique_ptr<LibavEncoder> encoder_;  // the worker's, once it runs
-
-  std::mutex mutex_;  // guards the rest
-  std::condition_variable changed_;
-  std::deque<Job> jobs_;
-  bool busy_ = false;
-  bool stopping_ = false;
-  std::thread worker_;
+  std::shared_ptr<EncodingWorker> worker_;
 };
 
 }  // namespace lumora

@@ -1,0 +1,77 @@
+#include "platform/encoding_worker.h"
+
+#include <pthread.h>
+
+#include <thread>
+#include <utility>
+
+namespace lumora {
+
+std::shared_ptr<EncodingWorker> EncodingWorker::start(const AVCodec& codec,
+                                                      const EncoderSettings& settings) {
+  const std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
+  std::thread([worker, &codec, settings] {
+    pthread_setname_np(pthread_self(), "lumora.encoder");
+    worker->run(codec, settings);
+  }).detach();
+  return worker;
+}
+
+bool EncodingWorker::enqueue(Job job) {
+  {
+    const std::lock_guard hold(mutex_);
+    if (stopping_) return false;
+    jobs_.push_back(std::move(job));
+  }
+  changed_.notify_all();
+  return true;
+}
+
+void EncodingWorker::complete() {
+  std::unique_lock hold(mutex_);
+  changed_.wait(hold, [this] { return stopping_ || (jobs_.empty() && !busy_); });
+}
+
+void EncodingWorker::stop() {
+  std::deque<Job> forgotten;
+  {
+    std::unique_lock hold(mutex_);
+    stopping_ = true;
+    forgotten.swap(jobs_);
+    changed_.notify_all();
+    changed_.wait(hold, [this] { return !busy_; });
+  }
+}
+
+void EncodingWorker::run(const AVCodec& codec, const EncoderSettings& settings) {
+  std::unique_ptr<LibavEncoder> encoder;
+  const Status opened = LibavEncoder::open(codec, settings, encoder);
+  std::unique_lock hold(mutex_);
+  for (;;) {
+    changed_.wait(hold, [this] { return stopping_ || !jobs_.empty(); });
+    if (stopping_) return;
+    Job job = std::move(jobs_.front());
+    jobs_.pop_front();
+    busy_ = true;
+    hold.unlock();
+    std::shared_ptr<const EncodedSample> sample;
+    const Status status = encoder ? encode(*encoder, job, std::move(job.buffer), sample) : opened;
+    job.handler(status, 0, std::move(sample));
+    job = {};
+    hold.lock();
+    busy_ = false;
+    changed_.notify_all();
+  }
+}
+
+Status EncodingWorker::encode(LibavEncoder& encoder, const Job& job,
+                              std::shared_ptr<PixelBuffer> buffer,
+                              std::shared_ptr<const EncodedSample>& sample) {
+  const Status status = encoder.load(buffer->lock());
+  buffer->unlock();
+  buffer.reset();  // the encoder has its own copy: the next frame may have the buffer
+  if (status < 0) return status;
+  return encoder.encodeLoaded(job.time, job.forceKeyFrame, sample);
+}
+
+}  // namespace lumora

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+#include "platform/compression.h"
+#include "platform/libav_encoder.h"
+
+namespace lumora {
+
+// The thread of one session and the frames that wait for it. The thread shares this object and
+// ends by itself after `stop`.
+class EncodingWorker {
+ public:
+  struct Job {
+    std::shared_ptr<PixelBuffer> buffer;
+    std::int64_t time = 0;
+    bool forceKeyFrame = false;
+    CompressionSession::OutputHandler handler;  // runs on the worker's thread
+  };
+
+  static std::shared_ptr<EncodingWorker> start(const AVCodec& codec,
+                                               const EncoderSettings& settings);
+
+  // False once it was stopped.
+  bool enqueue(Job job);
+  // Waits until every frame has reached its handler.
+  void complete();
+  // Forgets the frames that wait; no handler begins after it has returned.
+  void stop();
+
+ private:
+  EncodingWorker() = default;
+  void run(const AVCodec& codec, const EncoderSettings& settings);
+  static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
+                       std::shared_ptr<const EncodedSample>& sample);
+
+  std::mutex mutex_;  // guards the rest
+  std::condition_variable changed_;
+  std::deque<Job> jobs_;
+  bool busy_ = false;
+  bool stopping_ = false;
+};
+
+}  // namespace lumora
