@@ -1,5 +1,6 @@
 // The demo parent: starts the helper, feeds it a moving picture, watches the preview with two
-// clients and tells how it went.
+// clients, records a take and tells how it
+// went.
 //
 //   lumora-demo HELPER OUTPUT-FOLDER [seconds]     with INPUT=file-or-camera in the environment
 
@@ -43,12 +44,16 @@ double megabitsPerSecond(const tools::RunProgress& progress, int clients) {
   return static_cast<double>(progress.bytes) * 8 / 1e6 / seconds / clients;
 }
 
+unsigned long long takeFrames(const tools::RunProgress& progress) {
+  return progress.take.is_object() ? progress.take.value("frames", 0ULL) : 0;
+}
+
 void showProgress(const tools::RunProgress& progress, int clients) {
   std::printf(
-      "\rfed %5llu  received %5llu  dropped %llu raw, %llu in delivery  "
+      "\rfed %5llu  received %5llu  recorded %5llu  dropped %llu raw, %llu in delivery  "
       "latency %4.1f ms  %4.1f Mbit/s ",
       static_cast<unsigned long long>(progress.fed),
-      static_cast<unsigned long long>(progress.received),
+      static_cast<unsigned long long>(progress.received), takeFrames(progress),
       static_cast<unsigned long long>(statistic(progress, "dropped_raw")),
       static_cast<unsigned long long>(deliveryDrops(progress)), progress.latency,
       megabitsPerSecond(progress, clients));
@@ -72,6 +77,25 @@ void showTable(const tools::RunReport& report, int clients) {
   row("preview bit rate", megabitsPerSecond(report.last, clients), "Mbit/s");
 }
 
+void showTake(const client::Event& take) {
+  if (!take.is_object()) return;
+  std::printf("  take %s: %s, %dx%d, %.3f s, %llu frames, %llu dropped, %llu throttled %s\n",
+              take.value("state", "").c_str(), take.value("path", "").c_str(),
+              take.value("width", 0), take.value("height", 0), take.value("duration", 0.0),
+              take.value("frames", 0ULL), take.value("dropped", 0ULL),
+              take.value("throttled", 0ULL), take.value("error", "").c_str());
+}
+
+// Twelve pictures of the take on one sheet.
+bool makeContactSheet(const std::string& movie, const std::string& sheet, double seconds) {
+  char rate[32];
+  std::snprintf(rate, sizeof rate, "%.4f", 12 / seconds);
+  const std::string command = "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(movie) +
+                              " -vf fps=" + rate + ",scale=360:-2,tile=4x3 -frames:v 1 -update 1 " +
+                              tools::shellQuoted(sheet);
+  return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): threads have ended
+}
+
 // One picture from the middle of the stream, decoded by ffmpeg.
 bool decodePicture(const std::string& stream, const std::string& picture) {
   const std::string command = "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(stream) +
@@ -87,6 +111,9 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   options.framesPerSecond = framesPerSecond;
   options.seconds = seconds;
   options.previewPath = folder / "preview.h264";
+  const std::string movie = std::filesystem::absolute(folder / "demo.mp4");
+  std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
+  options.take = {movie, "1080x720", framesPerSecond};
   const auto source = openSource();
   std::printf("Feeding 1920x1080 at %d frames a second for %.0f s to %s\n", framesPerSecond,
               seconds, helper.c_str());
@@ -101,7 +128,12 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
     return 1;
   }
   if (!decodePicture(options.previewPath, picture)) return 1;
-  std::printf("\n  %s and %s written\n", options.previewPath.c_str(), picture.c_str());
+  showTake(report.last.take);
+  if (report.last.take.value("state", "") != "saved") return 1;
+  const std::string sheet = folder / "take.png";
+  if (!makeContactSheet(movie, sheet, seconds)) return 1;
+  std::printf("\n  %s, %s, %s and %s written\n", options.previewPath.c_str(), picture.c_str(),
+              movie.c_str(), sheet.c_str());
   return 0;
 }
 

@@ -1,7 +1,8 @@
 #include "tools/paced_run.h"
 
+#include <time.h>
+
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <mutex>
@@ -41,6 +42,7 @@ class Board {
   void reported(const client::Event& event) {
     const std::lock_guard hold(mutex_);
     if (event.contains("credit_drops")) progress_.statistics = event;
+    if (event.value("type", "") == "recording") progress_.take = event;
   }
 
   RunProgress progress() const {
@@ -97,6 +99,30 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
   return number - 1;
 }
 
+// Takes are timed on the system's uptime clock, which parent and helper share.
+double uptime() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+const char* const takeID = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
+
+void startTake(const TakeOptions& take, client::HelperProcess& helper) {
+  if (take.path.empty()) return;
+  helper.writeCommand({{"type", "record_start"},
+                       {"id", takeID},
+                       {"path", take.path},
+                       {"resolution", take.resolution},
+                       {"target_fps", take.targetFPS},
+                       {"started_at", uptime()}});
+}
+
+void stopTake(const TakeOptions& take, client::HelperProcess& helper) {
+  if (take.path.empty()) return;
+  helper.writeCommand({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", uptime()}});
+}
+
 std::uint64_t waitForClients(client::HelperProcess& helper, int clients) {
   for (;;) {
     const auto stats = helper.nextEvent("stats", 5);
@@ -139,7 +165,9 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   });
 
   const auto start = SteadyClock::now();
+  startTake(options.take, helper);
   feed(options, source, helper, board, progress);
+  stopTake(options.take, helper);
   report.fedSeconds = millisecondsSince(start) / 1000;
   // One more report, so that the counters cover the last frame.
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));

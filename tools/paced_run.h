@@ -13,11 +13,19 @@
 
 namespace lumora::tools {
 
+// A take that runs as long as frames are fed.
+struct TakeOptions {
+  std::string path;        // absolute, ".mp4"; empty: no take
+  std::string resolution;  // a profile's name
+  int targetFPS = 60;
+};
+
 struct RunOptions {
   client::LaunchOptions launch;
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;
+  TakeOptions take;
   std::string previewPath;  // where the first client's stream goes, as Annex B; empty: nowhere
 };
 
@@ -27,6 +35,7 @@ struct RunProgress {
   std::uint64_t bytes = 0;     // of those packets
   double latency = 0;          // of the latest one, milliseconds
   client::Event statistics;    // the latest "stats" event with diagnostics
+  client::Event take;          // the latest "recording" event
 };
 
 struct RunReport {
