@@ -2,7 +2,7 @@
 #
 #   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera)
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
-#   make bench   measure the helper beside other tools for the same job
+#   make bench   measure conversion and the movie writer beside their physical limits
 #   make lint    formatting and static analysis
 
 JOBS ?= $(shell nproc)
@@ -21,6 +21,12 @@ demo: dependencies
 
 test: dependencies
 	scripts/test.sh $(JOBS)
+
+bench: dependencies
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) -t lumora-micro
+	mkdir -p $(OUT)
+	build/release/bench/lumora-micro --benchmark_out=$(OUT)/micro.json
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)
