@@ -1,10 +1,10 @@
 // What finishing a take costs, by the length of the take; beside it a sync of an empty file.
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 
 #include "platform/hybrid_movie_writer.h"
@@ -13,12 +13,9 @@
 namespace lumora {
 namespace {
 
-std::size_t residentBytes() {
-  std::ifstream file("/proc/self/statm");
-  std::size_t total = 0;
-  std::size_t resident = 0;
-  file >> total >> resident;
-  return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+std::size_t heapBytesInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
 }
 
 void finishTake(benchmark::State& state) {
@@ -28,12 +25,12 @@ void finishTake(benchmark::State& state) {
                                                 1920, 1080, ColourDescription{1, 13, 6, false});
   const MemorySample sample(Bytes{0, 0, 0, 4, 0x65, 0, 0, 0}, format);
   const std::string path = std::filesystem::temp_directory_path() / "lumora-bench.mp4";
-  std::size_t grown = 0;  // memory that one take needed; later ones find it on the heap
+  std::size_t grown = 0;  // what the writer holds at the end of the take
   for (auto _ : state) {
     state.PauseTiming();
     std::filesystem::remove(path);
     std::string error;
-    const std::size_t before = residentBytes();
+    const std::size_t before = heapBytesInUse();
     const auto writer = HybridMovies().createWriter(path, error);
     writer->startWriting(format);
     // Jittered, so that every sample has a duration of its own: the largest tables.
@@ -41,8 +38,8 @@ void finishTake(benchmark::State& state) {
       while (!writer->isReadyForMoreMediaData()) usleep(1000);
       writer->append(sample, i % 60 == 0, {i * 1000 + i % 7, 1000});
     }
-    grown = std::max(grown, residentBytes() - std::min(before, residentBytes()));
     sleep(1);  // what is queued reaches the disk
+    grown = heapBytesInUse() - before;
     std::promise<void> done;
     state.ResumeTiming();
     writer->finishWriting(samples * 1000, [&] { done.set_value(); });

@@ -4,6 +4,10 @@
 set -euo pipefail
 jobs=${1:-2}
 
+# The browser test plays our movies in Chromium and reads them with a parser from npm.
+node=(); command -v npm >/dev/null || node=(nodejs npm)
+scripts/install_dependencies.sh chromium "${node[@]}"
+
 presets=(release asan tsan)
 for preset in "${presets[@]}"; do
   cmake --preset "$preset" >/dev/null
