@@ -130,6 +130,11 @@ Configuration VideoEncoderProbe::testConfiguration() {
 VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
   Platform platform{queue, clock, dispatch, process, network, encoders, images, movies, files};
   service = std::make_shared<VideoEncoder>(configuration, platform);
+  forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
+                  state->clear();
+                  for (const auto& one : other->queues) one->clear();
+                  for (const auto& writer : files->writers) writer->finished = nullptr;
+                }};
 }
 
 void VideoEncoderProbe::becomeReady() {

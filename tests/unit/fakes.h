@@ -28,6 +28,10 @@ class ManualQueue final : public SerialQueue {
   }
   // Runs everything that is due, including what that enqueues; whether there was anything.
   bool run();
+  void clear() {
+    work_.clear();
+    later_.clear();
+  }
 
  private:
   const double& now_;
@@ -300,6 +304,10 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>();
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>();
   std::shared_ptr<VideoEncoder> service;
+
+ private:
+  // What never came to run still owns takes and the service.
+  std::shared_ptr<void> forgetWork;
 };
 
 }  // namespace lumora
