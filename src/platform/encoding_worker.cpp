@@ -9,7 +9,7 @@ namespace lumora {
 
 std::shared_ptr<EncodingWorker> EncodingWorker::start(const AVCodec& codec,
                                                       const EncoderSettings& settings) {
-  const std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
+  std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
   std::thread([worker, &codec, settings] {
     pthread_setname_np(pthread_self(), "lumora.encoder");
     worker->run(codec, settings);

@@ -8,7 +8,7 @@
 namespace lumora {
 
 std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
-  const std::shared_ptr<MovieDisk> disk(new MovieDisk);
+  std::shared_ptr<MovieDisk> disk(new MovieDisk);
   std::thread([disk, sink = std::move(sink)]() mutable {
     pthread_setname_np(pthread_self(), "lumora.disk");
     disk->run(std::move(sink));
