@@ -134,22 +134,5 @@ TEST_F(Preview, FollowsTheCameraToAnotherSize) {
   EXPECT_EQ(finish(), 0);
 }
 
-TEST_F(Preview, ALateClientStartsWithAKeyFrameAndTheFirstGoesOn) {
-  start();
-  const FrameSize size{320, 240};
-  const Pixels pixels = plain(size, grey);
-  const auto first = connectClient();
-  stream(*first, size, pixels, 5);
-  const auto second = connect();
-  second->sayHello(token);
-  waitForStatistics([](const Event& event) { return event["clients"] == 2; });
-  stream(*first, size, pixels, 3);
-  const auto configuration = second->receive(5);
-  ASSERT_TRUE(configuration);
-  EXPECT_EQ(configuration->type, Packet::Type::configuration);
-  EXPECT_TRUE(second->receive(5)->keyframe);
-  EXPECT_EQ(finish(), 0);
-}
-
 }  // namespace
 }  // namespace lumora::tests

@@ -63,19 +63,6 @@ TEST_F(Stream, AClientThatNeverAcknowledgesIsDroppedAndTheOtherGetsEveryFrame) {
   EXPECT_EQ(finish(), 0);
 }
 
-TEST_F(Stream, OnlyTwoClientsWatch) {
-  start();
-  const auto first = connectClient();
-  const auto second = connect();
-  second->sayHello(token);
-  waitForStatistics([](const Event& event) { return event["clients"] == 2; });
-  const auto third = connect();
-  third->sayHello(token);
-  EXPECT_TRUE(isDropped(*third, 5));
-  EXPECT_FALSE(first->isClosed());
-  EXPECT_EQ(finish(), 0);
-}
-
 TEST_F(Stream, AClientThatComesAndGoesLeavesNothingBehind) {
   start();
   for (int i = 0; i < 30; ++i) {

@@ -253,18 +253,6 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
   }
 }
 
-TEST_F(Takes, AnExistingFileIsNeitherWrittenNorDeleted) {
-  for (const std::string& existing : {takePath, takePath + "." + takeID + ".partial"}) {
-    probe = VideoEncoderProbe();
-    probe.becomeReady();
-    probe.files->existing = {existing};
-    start();
-    frame(1001.0, true);
-    EXPECT_EQ(failure(), "invalid or existing recording destination");
-    EXPECT_TRUE(probe.files->removed.empty());
-  }
-}
-
 TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   const auto client = probe.connectClient();
   const auto isRecording = [](FakeSession& s) {
