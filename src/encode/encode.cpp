@@ -6,13 +6,9 @@
 #include "encode/encoder_failure.h"
 #include "encode/picture_size.h"
 #include "encode/pixel_buffer.h"
+#include "encode/session_settings.h"
 
 namespace lumora {
-namespace {
-
-constexpr int previewTargetFPS = 60;
-
-}  // namespace
 
 void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !movie)) return releaseRaw();

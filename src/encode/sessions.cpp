@@ -5,12 +5,11 @@
 
 #include "app/video_encoder.h"
 #include "encode/encoder_failure.h"
+#include "encode/session_settings.h"
 
 namespace lumora {
 namespace {
 
-constexpr std::int64_t previewBitRate = 4'000'000;     // bits per second
-constexpr std::int64_t recordingBitRate = 12'000'000;  // bits per second
 constexpr double maximumKeyFrameSeconds = 1.0;
 
 using Property = std::pair<SessionProperty, PropertyValue>;
@@ -58,6 +57,23 @@ std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(std::int64_
     throw;
   }
   return made;
+}
+
+std::vector<EncoderSettings> expectedSessions(std::int64_t previewWidth,
+                                              std::int64_t previewHeight) {
+  const RecordingProfile take;
+  return {{.width = static_cast<int>(previewWidth),
+           .height = static_cast<int>(previewHeight),
+           .profile = ProfileLevel::baselineAuto,
+           .frameRate = previewTargetFPS,
+           .keyFrameInterval = previewTargetFPS,
+           .bitRate = previewBitRate},
+          {.width = take.width,
+           .height = take.height,
+           .profile = ProfileLevel::highAuto,
+           .frameRate = take.targetFPS,
+           .keyFrameInterval = take.targetFPS,
+           .bitRate = recordingBitRate}};
 }
 
 void VideoEncoder::resetRecordingSession() {

@@ -8,11 +8,12 @@
 namespace lumora {
 
 std::shared_ptr<EncodingWorker> EncodingWorker::start(const AVCodec& codec,
-                                                      const EncoderSettings& settings) {
+                                                      const EncoderSettings& settings,
+                                                      std::shared_ptr<SpareEncoders> spares) {
   std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
-  std::thread([worker, &codec, settings] {
+  std::thread([worker, &codec, settings, spares = std::move(spares)] {
     pthread_setname_np(pthread_self(), "lumora.encoder");
-    worker->run(codec, settings);
+    worker->run(codec, settings, *spares);
   }).detach();
   return worker;
 }
@@ -43,19 +44,28 @@ void EncodingWorker::stop() {
   }
 }
 
-void EncodingWorker::run(const AVCodec& codec, const EncoderSettings& settings) {
-  std::unique_ptr<LibavEncoder> encoder;
-  const Status opened = LibavEncoder::open(codec, settings, encoder);
+void EncodingWorker::run(const AVCodec& codec, const EncoderSettings& settings,
+                         SpareEncoders& spares) {
+  auto encoder = spares.take(settings);
+  const Status opened = encoder ? 0 : LibavEncoder::open(codec, settings, encoder);
+  if (encodeAll(encoder.get(), opened)) spares.give(settings, std::move(encoder));
+}
+
+// Until stopped; whether the encoder never failed.
+bool EncodingWorker::encodeAll(LibavEncoder* encoder, Status opened) {
+  bool sound = encoder != nullptr;
   std::unique_lock hold(mutex_);
   for (;;) {
     changed_.wait(hold, [this] { return stopping_ || !jobs_.empty(); });
-    if (stopping_) return;
+    if (stopping_) return sound;
     Job job = std::move(jobs_.front());
     jobs_.pop_front();
     busy_ = true;
     hold.unlock();
     std::shared_ptr<const EncodedSample> sample;
-    const Status status = encoder ? encode(*encoder, job, std::move(job.buffer), sample) : opened;
+    const Status status =
+        encoder != nullptr ? encode(*encoder, job, std::move(job.buffer), sample) : opened;
+    sound = sound && status == 0;
     job.handler(status, 0, std::move(sample));
     job = {};
     hold.lock();
@@ -71,7 +81,7 @@ Status EncodingWorker::encode(LibavEncoder& encoder, const Job& job,
   buffer->unlock();
   buffer.reset();  // the encoder has its own copy: the next frame may have the buffer
   if (status < 0) return status;
-  return encoder.encodeLoaded(job.time, job.forceKeyFrame, sample);
+  return encoder.encodeLoaded(job.forceKeyFrame, sample);
 }
 
 }  // namespace lumora

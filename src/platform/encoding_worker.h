@@ -7,6 +7,7 @@
 
 #include "platform/compression.h"
 #include "platform/libav_encoder.h"
+#include "platform/spare_encoders.h"
 
 namespace lumora {
 
@@ -16,13 +17,13 @@ class EncodingWorker {
  public:
   struct Job {
     std::shared_ptr<PixelBuffer> buffer;
-    std::int64_t time = 0;
     bool forceKeyFrame = false;
     CompressionSession::OutputHandler handler;  // runs on the worker's thread
   };
 
   static std::shared_ptr<EncodingWorker> start(const AVCodec& codec,
-                                               const EncoderSettings& settings);
+                                               const EncoderSettings& settings,
+                                               std::shared_ptr<SpareEncoders> spares);
 
   // False once it was stopped.
   bool enqueue(Job job);
@@ -33,7 +34,8 @@ class EncodingWorker {
 
  private:
   EncodingWorker() = default;
-  void run(const AVCodec& codec, const EncoderSettings& settings);
+  void run(const AVCodec& codec, const EncoderSettings& settings, SpareEncoders& spares);
+  bool encodeAll(LibavEncoder* encoder, Status opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);
 

@@ -147,14 +147,14 @@ Status LibavEncoder::upload() {
   return av_hwframe_transfer_data(uploaded_.get(), picture_.get(), 0);
 }
 
-Status LibavEncoder::encodeLoaded(std::int64_t time, bool forceKeyFrame,
+Status LibavEncoder::encodeLoaded(bool forceKeyFrame,
                                   std::shared_ptr<const EncodedSample>& sample) {
   if (uploaded_) {
     const Status status = upload();
     if (status < 0) return status;
   }
   AVFrame& frame = uploaded_ ? *uploaded_ : *picture_;
-  frame.pts = time;
+  frame.pts = nextTime_++;
   frame.pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
   int status = avcodec_send_frame(context_.get(), &frame);
   if (status < 0) return status;
@@ -165,10 +165,10 @@ Status LibavEncoder::encodeLoaded(std::int64_t time, bool forceKeyFrame,
   return 0;
 }
 
-Status LibavEncoder::encode(const MutableImageView& picture, std::int64_t time, bool forceKeyFrame,
+Status LibavEncoder::encode(const MutableImageView& picture, bool forceKeyFrame,
                             std::shared_ptr<const EncodedSample>& sample) {
   const Status status = load(picture);
-  return status < 0 ? status : encodeLoaded(time, forceKeyFrame, sample);
+  return status < 0 ? status : encodeLoaded(forceKeyFrame, sample);
 }
 
 // Parameter sets travel in the format description, access unit delimiters not at all.

@@ -7,18 +7,10 @@
 #include <string>
 
 #include "platform/compression.h"
+#include "platform/encoder_settings.h"
 #include "platform/libav_support.h"
 
 namespace lumora {
-
-struct EncoderSettings {
-  int width = 0;   // pixels
-  int height = 0;  // pixels
-  ProfileLevel profile = ProfileLevel::baselineAuto;
-  std::int64_t frameRate = 60;         // frames per second, expected
-  std::int64_t keyFrameInterval = 60;  // frames, at most
-  std::int64_t bitRate = 4'000'000;    // bits per second, average
-};
 
 class LibavEncoder {
  public:
@@ -27,13 +19,12 @@ class LibavEncoder {
                      std::unique_ptr<LibavEncoder>& encoder);
 
   // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR.
-  Status encode(const MutableImageView& picture, std::int64_t time, bool forceKeyFrame,
+  Status encode(const MutableImageView& picture, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
   // The first half of `encode`, for callers that want to let go of `picture` early.
   Status load(const MutableImageView& picture);
-  Status encodeLoaded(std::int64_t time, bool forceKeyFrame,
-                      std::shared_ptr<const EncodedSample>& sample);
+  Status encodeLoaded(bool forceKeyFrame, std::shared_ptr<const EncodedSample>& sample);
 
  private:
   LibavEncoder() = default;
@@ -48,6 +39,9 @@ class LibavEncoder {
   Frame picture_;   // in system memory
   Frame uploaded_;  // on the device, where the encoder wants that
   Packet packet_;
+  // Pictures come at the expected rate as far as rate control is concerned. The count goes on over
+  // all sessions that the encoder serves.
+  std::int64_t nextTime_ = 0;
   Bytes sequence_;  // parameter sets as last seen
   Bytes pictureSet_;
   std::shared_ptr<const FormatDescription> format_;

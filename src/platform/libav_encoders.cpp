@@ -26,15 +26,18 @@ std::vector<std::string> candidates(const std::string& choice) {
   return names;
 }
 
-// An encoder that holds back its first picture is of no use here: one frame is in flight at a time.
-bool encodesAtOnce(const AVCodec& codec) {
-  constexpr int width = 640;
-  constexpr int height = 360;
+// Opens an encoder and has it encode one grey picture, which also touches its memory for the first
+// time. One that holds back its first picture is of no use here, since one frame is in flight at a
+// time: null, as when it can't be opened.
+std::unique_ptr<LibavEncoder> openWarm(const AVCodec& codec, const EncoderSettings& settings) {
   std::unique_ptr<LibavEncoder> encoder;
-  if (LibavEncoder::open(codec, {.width = width, .height = height}, encoder) < 0) return false;
-  Bytes grey(std::size_t{width} * height * 4, 128);
+  if (LibavEncoder::open(codec, settings, encoder) < 0) return nullptr;
+  Bytes grey(
+      static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 4,
+      128);
   std::shared_ptr<const EncodedSample> sample;
-  return encoder->encode({grey.data(), width, height, width * 4}, 1, true, sample) == 0 && sample;
+  const MutableImageView view{grey.data(), settings.width, settings.height, settings.width * 4};
+  return encoder->encode(view, true, sample) == 0 && sample ? std::move(encoder) : nullptr;
 }
 
 }  // namespace
@@ -42,16 +45,26 @@ bool encodesAtOnce(const AVCodec& codec) {
 const AVCodec* chooseEncoder(const std::string& choice) {
   for (const std::string& name : candidates(choice)) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
-    if (codec != nullptr && codec->id == AV_CODEC_ID_H264 && encodesAtOnce(*codec)) return codec;
+    if (codec != nullptr && codec->id == AV_CODEC_ID_H264 &&
+        openWarm(*codec, {.width = 640, .height = 360})) {
+      return codec;
+    }
   }
   return nullptr;
 }
 
-LibavEncoders::LibavEncoders(std::string choice) {
-  std::packaged_task<const AVCodec*()> choose(
-      [choice = std::move(choice)] { return chooseEncoder(choice); });
-  codec_ = choose.get_future().share();
-  std::thread(std::move(choose)).detach();
+LibavEncoders::LibavEncoders(std::string choice, std::vector<EncoderSettings> expected) {
+  std::promise<const AVCodec*> chosen;
+  codec_ = chosen.get_future().share();
+  std::thread([choice = std::move(choice), expected = std::move(expected), spares = spares_,
+               chosen = std::move(chosen)]() mutable {
+    const AVCodec* codec = chooseEncoder(choice);
+    chosen.set_value(codec);
+    if (codec == nullptr) return;
+    for (const EncoderSettings& settings : expected) {
+      if (auto encoder = openWarm(*codec, settings)) spares->give(settings, std::move(encoder));
+    }
+  }).detach();
 }
 
 // Which hardware requirement the run has was said with the choice, not with the specification: a
@@ -61,7 +74,7 @@ Status LibavEncoders::createSession(std::int32_t width, std::int32_t height,
                                     std::shared_ptr<CompressionSession>& session) {
   const AVCodec* codec = codec_.get();
   if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
-  session = std::make_shared<LibavSession>(*codec, width, height);
+  session = std::make_shared<LibavSession>(*codec, width, height, spares_);
   return 0;
 }
 

@@ -6,10 +6,10 @@
 
 #include <future>
 #include <string>
+#include <vector>
 
 #include "platform/compression.h"
-
-struct AVCodec;
+#include "platform/spare_encoders.h"
 
 namespace lumora {
 
@@ -17,12 +17,14 @@ class LibavEncoders final : public Encoders {
  public:
   // `choice` is auto (hardware where there is one, else software), hardware, software, or the name
   // of a libavcodec encoder; "" is auto.
-  explicit LibavEncoders(std::string choice);
+  // Encoders of the `expected` settings are opened ahead of their sessions.
+  LibavEncoders(std::string choice, std::vector<EncoderSettings> expected);
   Status createSession(std::int32_t width, std::int32_t height,
                        const EncoderSpecification& specification,
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
+  std::shared_ptr<SpareEncoders> spares_ = std::make_shared<SpareEncoders>();
   std::shared_future<const AVCodec*> codec_;
 };
 

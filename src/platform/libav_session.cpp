@@ -23,8 +23,9 @@ Status require(bool supported, const PropertyValue& value) {
 
 }  // namespace
 
-LibavSession::LibavSession(const AVCodec& codec, std::int32_t width, std::int32_t height)
-    : codec_(codec), pool_(width, height) {
+LibavSession::LibavSession(const AVCodec& codec, std::int32_t width, std::int32_t height,
+                           std::shared_ptr<SpareEncoders> spares)
+    : codec_(codec), spares_(std::move(spares)), pool_(width, height) {
   settings_.width = width;
   settings_.height = height;
 }
@@ -53,14 +54,14 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
 }
 
 Status LibavSession::prepareToEncodeFrames() {
-  worker_ = EncodingWorker::start(codec_, settings_);
+  worker_ = EncodingWorker::start(codec_, settings_, spares_);
   return 0;
 }
 
-Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,
+Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime,
                                  FrameProperties properties, OutputHandler handler) {
-  const bool taken = worker_ && worker_->enqueue({std::move(buffer), presentationTime.value,
-                                                  properties.forceKeyFrame, std::move(handler)});
+  const bool taken = worker_ && worker_->enqueue({std::move(buffer), properties.forceKeyFrame,
+                                                  std::move(handler)});
   return taken ? 0 : AVERROR_EXTERNAL;
 }
 

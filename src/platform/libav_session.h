@@ -13,10 +13,12 @@
 namespace lumora {
 
 class EncodingWorker;
+class SpareEncoders;
 
 class LibavSession final : public CompressionSession {
  public:
-  LibavSession(const AVCodec& codec, std::int32_t width, std::int32_t height);
+  LibavSession(const AVCodec& codec, std::int32_t width, std::int32_t height,
+               std::shared_ptr<SpareEncoders> spares);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;
   LibavSession& operator=(const LibavSession&) = delete;
@@ -32,6 +34,7 @@ class LibavSession final : public CompressionSession {
 
  private:
   const AVCodec& codec_;
+  std::shared_ptr<SpareEncoders> spares_;
   EncoderSettings settings_;
   MemoryPixelBufferPool pool_;
   std::shared_ptr<EncodingWorker> worker_;

@@ -9,7 +9,7 @@
 
 namespace lumora {
 
-Platform makeSystemPlatform(const std::string& h264Encoder) {
+Platform makeSystemPlatform(const std::string& h264Encoder, std::vector<EncoderSettings> expected) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.stateQueue = stateQueue;
@@ -17,7 +17,7 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
   platform.process = std::make_shared<PosixProcess>(stateQueue);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
-  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder);
+  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, std::move(expected));
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = std::make_shared<PosixFileManager>();

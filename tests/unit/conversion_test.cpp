@@ -138,7 +138,7 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
     for (int time = 1; time <= 130; ++time) {
       std::shared_ptr<const EncodedSample> sample;
       const MutableImageView view{picture.data(), width, height, width * 4};
-      ASSERT_EQ(encoder->encode(view, time, time == 30, sample), 0);
+      ASSERT_EQ(encoder->encode(view, time == 30, sample), 0);
       Bytes data(sample->dataLength().value());
       ASSERT_EQ(sample->copyBytes(0, data), 0);
       const NalWalk walk = walkNalUnits(ByteView(data));
