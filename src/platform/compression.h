@@ -112,7 +112,7 @@ class CompressionSession {
   virtual void invalidate() = 0;
 };
 
-struct EncoderSpecification {
+struct EncoderRequirements {
   bool requireHardwareAccelerated = false;
   bool enableLowLatencyRateControl = false;
 };
@@ -122,7 +122,7 @@ class Encoders {
   virtual ~Encoders() = default;
   // A session for `width` × `height` BGRA buffers; null or a status when there can be none.
   virtual Status createSession(std::int32_t width, std::int32_t height,
-                               const EncoderSpecification& specification,
+                               const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
 };
 

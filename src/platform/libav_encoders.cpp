@@ -67,10 +67,10 @@ LibavEncoders::LibavEncoders(std::string choice, std::vector<EncoderSettings> ex
   }).detach();
 }
 
-// Which hardware requirement the run has was said with the choice, not with the specification: a
+// Which hardware requirement the run has was said with the choice, not with the session: a
 // machine without a hardware encoder gets the software one only where the choice allows it.
 Status LibavEncoders::createSession(std::int32_t width, std::int32_t height,
-                                    const EncoderSpecification&,
+                                    const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
   const AVCodec* codec = codec_.get();
   if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;

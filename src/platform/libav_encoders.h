@@ -20,7 +20,7 @@ class LibavEncoders final : public Encoders {
   // Encoders of the `expected` settings are opened ahead of their sessions.
   LibavEncoders(std::string choice, std::vector<EncoderSettings> expected);
   Status createSession(std::int32_t width, std::int32_t height,
-                       const EncoderSpecification& specification,
+                       const EncoderRequirements& requirements,
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:

@@ -101,7 +101,7 @@ void FakeSession::answer(Status status, std::shared_ptr<const EncodedSample> sam
 }
 
 Status FakeEncoders::createSession(std::int32_t width, std::int32_t height,
-                                   const EncoderSpecification&,
+                                   const EncoderRequirements&,
                                    std::shared_ptr<CompressionSession>& session) {
   if (createStatus != 0) return createStatus;
   sessions.push_back(std::make_shared<FakeSession>(width, height));

@@ -190,7 +190,7 @@ class FakeSession final : public CompressionSession {
 
 class FakeEncoders final : public Encoders {
  public:
-  Status createSession(std::int32_t width, std::int32_t height, const EncoderSpecification&,
+  Status createSession(std::int32_t width, std::int32_t height, const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override;
   Status createStatus = 0;
   std::function<void(FakeSession&)> adjust;
