@@ -20,7 +20,7 @@ FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int
     : size_(size), frame_(size.bytes()) {
   const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
   const std::string kind = input.starts_with("/dev/video") ? "-f v4l2 " : "-stream_loop -1 ";
-  const std::string command = "ffmpeg -v error -nostdin " + kind + "-i " + shellQuoted(input) +
+  const std::string command = "ffmpeg -v fatal -nostdin " + kind + "-i " + shellQuoted(input) +
                               " -an -vf 'scale=" + picture +
                               ":force_original_aspect_ratio=decrease,pad=" + picture +
                               ":(ow-iw)/2:(oh-ih)/2,fps=" + std::to_string(framesPerSecond) +

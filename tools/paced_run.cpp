@@ -87,7 +87,10 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
   for (; number <= count; ++number) {
     const double due = static_cast<double>(number - 1) / options.framesPerSecond;
     const auto rgba = source.next(number, due);
-    if (rgba.empty()) break;
+    if (rgba.empty()) {
+      if (number == 1) throw std::runtime_error("the source gave no picture");
+      break;
+    }
     std::this_thread::sleep_until(start + std::chrono::duration_cast<SteadyClock::duration>(
                                               std::chrono::duration<double>(due)));
     if (!helper.writeFrame(source.size(), number, rgba)) break;
@@ -166,7 +169,12 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
 
   const auto start = SteadyClock::now();
   startTake(options.take, helper);
-  feed(options, source, helper, board, progress);
+  try {
+    feed(options, source, helper, board, progress);
+  } catch (...) {
+    helper.closeInput();  // its end is what the threads wait for
+    throw;
+  }
   stopTake(options.take, helper);
   report.fedSeconds = millisecondsSince(start) / 1000;
   // One more report, so that the counters cover the last frame.
