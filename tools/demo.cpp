@@ -123,8 +123,8 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   showTable(report, options.clients);
   const std::string picture = folder / "preview.png";
   if (report.exit.code != 0 || report.exit.signal != 0) {
-    std::printf("The helper ended with status %d, signal %d\n", report.exit.code,
-                report.exit.signal);
+    std::printf("The helper ended with status %d, signal %d: %s\n", report.exit.code,
+                report.exit.signal, report.last.error.c_str());
     return 1;
   }
   if (!decodePicture(options.previewPath, picture)) return 1;

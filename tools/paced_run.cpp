@@ -43,6 +43,7 @@ class Board {
     const std::lock_guard hold(mutex_);
     if (event.contains("credit_drops")) progress_.statistics = event;
     if (event.value("type", "") == "recording") progress_.take = event;
+    if (event.value("type", "") == "error") progress_.error = event.value("message", "");
   }
 
   RunProgress progress() const {

@@ -36,6 +36,7 @@ struct RunProgress {
   double latency = 0;          // of the latest one, milliseconds
   client::Event statistics;    // the latest "stats" event with diagnostics
   client::Event take;          // the latest "recording" event
+  std::string error;           // the message of an "error" event
 };
 
 struct RunReport {
