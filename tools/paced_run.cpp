@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <mutex>
 #include <stdexcept>
@@ -182,7 +183,10 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   helper.closeInput();
   const auto exit = helper.wait(10);
-  if (!exit) throw std::runtime_error("the helper did not end");
+  if (!exit) {
+    helper.sendSignal(SIGKILL);  // its end is what the threads wait for
+    throw std::runtime_error("the helper did not end");
+  }
   report.exit = *exit;
   watchers.clear();
   events.join();

@@ -1,6 +1,7 @@
 #include "platform/byte_sink.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,7 +29,10 @@ class PosixFile final : public ByteSink {
     });
   }
 
-  int sync() override { return fdatasync(descriptor_) == 0 ? 0 : errno; }
+  int sync() override {
+    if (fdatasync(descriptor_) != 0) return errno;
+    return named_ && linkCount() == 0 ? ENOENT : 0;
+  }
 
  private:
   template <typename Put>
@@ -46,7 +50,15 @@ class PosixFile final : public ByteSink {
     return 0;
   }
 
+  nlink_t linkCount() const {
+    struct stat status {};
+    return fstat(descriptor_, &status) == 0 ? status.st_nlink : 0;
+  }
+
   int descriptor_;
+  // Bytes of a removed file vanish with its descriptor, however well they are written. Some file
+  // systems count no names at all: theirs are taken to be there.
+  bool named_ = linkCount() > 0;
 };
 
 }  // namespace

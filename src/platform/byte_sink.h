@@ -15,7 +15,7 @@ class ByteSink {
   // Appends all of `bytes`.
   virtual int write(ByteView bytes) = 0;
   virtual int overwrite(std::uint64_t offset, ByteView bytes) = 0;
-  // Returns once everything written is on the disk.
+  // Returns once everything written is on the disk; ENOENT when the file has been removed.
   virtual int sync() = 0;
 };
 

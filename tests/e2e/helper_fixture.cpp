@@ -39,6 +39,16 @@ CommandResult runCommand(const std::string& command) {
   return result;
 }
 
+Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
+    : thread_([this, viewer = std::move(from)](const std::stop_token& stop) {
+        while (!stop.stop_requested() && !viewer->isClosed()) {
+          const auto packet = viewer->receive(0.2);
+          if (!packet || packet->type != client::Packet::Type::frame) continue;
+          viewer->acknowledge(packet->frameID);
+          ++frames_;
+        }
+      }) {}
+
 void HelperTest::SetUp() {
   std::string name = (std::filesystem::temp_directory_path() / "lumora-test-XXXXXX").string();
   ASSERT_NE(mkdtemp(name.data()), nullptr);

@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "client/helper_process.h"
@@ -33,6 +35,17 @@ struct CommandResult {
   std::string output;  // both streams
 };
 CommandResult runCommand(const std::string& command);
+
+// Receives and acknowledges on a thread of its own, as long as this object lives.
+class Watcher {
+ public:
+  explicit Watcher(std::unique_ptr<client::StreamClient> from);
+  int frames() const { return frames_; }
+
+ private:
+  std::atomic<int> frames_ = 0;
+  std::jthread thread_;
+};
 
 class HelperTest : public testing::Test {
  protected:

@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <fstream>
-#include <thread>
 
 #include "tests/e2e/helper_fixture.h"
 
@@ -93,13 +92,7 @@ TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
   start();
   const FrameSize size{1920, 1080};
   const Pixels pixels = plain(size, {40, 80, 120});
-  const auto viewer = connectClient();
-  std::jthread acknowledging([&] {
-    while (!viewer->isClosed()) {
-      const auto packet = viewer->receive(0.2);
-      if (packet && packet->frameID != 0) viewer->acknowledge(packet->frameID);
-    }
-  });
+  const Watcher watcher(connectClient());
   const auto before = waitForStatistics([](const Event&) { return true; });
   for (int i = 0; i < 400; ++i) feed(size, pixels);
   const auto after = waitForStatistics([](const Event& event) {

@@ -1,107 +1,16 @@
 // Takes on the real disk, judged by ffprobe and ffmpeg: timing, profiles, endings, crashes.
 
-#include <gmock/gmock.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cmath>
 #include <csignal>
 #include <fstream>
 #include <random>
 #include <thread>
 
-#include "tests/e2e/helper_fixture.h"
+#include "tests/e2e/take_fixture.h"
 
 namespace lumora::tests {
 namespace {
 
-using testing::HasSubstr;
-
-const std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC964FF";
-
-double uptime() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-// What ffprobe says of the only stream of a file.
-struct Probe {
-  std::string text;
-  std::string value(const std::string& key) const {
-    const auto at = text.find("\n" + key + "=");
-    if (at == std::string::npos) return "";
-    const auto from = at + key.size() + 2;
-    return text.substr(from, text.find('\n', from) - from);
-  }
-  long number(const std::string& key) const { return std::strtol(value(key).c_str(), nullptr, 10); }
-};
-
-Probe probe(const std::string& path) {
-  return {"\n" + runCommand("ffprobe -v error -count_frames -show_streams '" + path + "'").output};
-}
-
-// Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.
-std::string decodeErrors(const std::string& path) {
-  return runCommand("ffmpeg -v error -xerror -nostdin -i '" + path +
-                    "' -fps_mode passthrough -enc_time_base -1 -f null -")
-      .output;
-}
-
-struct Recording : HelperTest {
-  void SetUp() override {
-    HelperTest::SetUp();
-    path = folder / "a take \xC3\xA9.mp4";
-  }
-  void TearDown() override {
-    std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
-    HelperTest::TearDown();
-  }
-
-  void startTake(const Event& extra = Event::object()) {
-    Event command = {{"type", "record_start"}, {"id", takeID}, {"path", path}};
-    command.update(extra);
-    ASSERT_TRUE(helper->writeCommand(command));
-  }
-  void stopTake(const Event& extra = Event::object()) {
-    Event command = {{"type", "record_stop"}, {"id", takeID}};
-    command.update(extra);
-    ASSERT_TRUE(helper->writeCommand(command));
-  }
-  // Feeds `count` frames at a steady rate.
-  void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360}) {
-    const Pixels pixels = quarters(size, {200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90});
-    auto due = std::chrono::steady_clock::now();
-    for (int i = 0; i < count; ++i) {
-      std::this_thread::sleep_until(due);
-      due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
-      feed(size, pixels);
-    }
-  }
-  Event waitForTake(const std::string& state) {
-    for (;;) {
-      const auto event = helper->nextEvent("recording", 20);
-      if (!event) throw std::runtime_error("the take never became " + state);
-      if (event->at("state") == state) return *event;
-      if (event->at("state") == "failed") throw std::runtime_error(event->dump());
-    }
-  }
-  Event waitForFailure() {
-    for (;;) {
-      const auto event = helper->nextEvent("recording", 20);
-      if (!event) throw std::runtime_error("the take did not fail");
-      if (event->at("state") == "failed" || event->at("state") == "saved") return *event;
-    }
-  }
-  std::string stagingPath() const { return path + "." + takeID + ".partial"; }
-  std::size_t fileCount() const {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
-                                                  std::filesystem::directory_iterator()));
-  }
-
-  std::string path;
-};
+using Recording = TakeTest;
 
 TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
   for (const auto& [name, width, height] :
@@ -223,7 +132,7 @@ TEST_F(Recording, RefusesExistingFilesAndLeavesThemAlone) {
     std::ofstream(existing) << "precious";
     startTake();
     feedPaced(5, 60);
-    const Event failed = waitForFailure();
+    const Event failed = waitForOutcome();
     EXPECT_EQ(failed["error"], "invalid or existing recording destination");
     EXPECT_EQ(std::filesystem::file_size(existing), 8u);
     EXPECT_EQ(fileCount(), 1u);
@@ -231,51 +140,6 @@ TEST_F(Recording, RefusesExistingFilesAndLeavesThemAlone) {
     std::filesystem::remove(existing);
     lastID = 0;
   }
-}
-
-TEST_F(Recording, SaysWhyTheDiskRefuses) {
-  start();
-  path = folder / "no such folder" / "take.mp4";
-  startTake();
-  feedPaced(5, 60);
-  EXPECT_EQ(waitForFailure()["error"], "No such file or directory");
-  path = folder / (std::string(240, 'n') + ".mp4");
-  startTake();
-  feedPaced(5, 60);
-  EXPECT_EQ(waitForFailure()["error"], "File name too long");
-  EXPECT_EQ(finish(), 0);
-}
-
-TEST_F(Recording, AFullDiskFailsTheTakeInWordsAndThePreviewGoesOn) {
-  const std::string small = folder / "small";
-  std::filesystem::create_directory(small);
-  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0) GTEST_SKIP() << "cannot mount";
-  start();
-  const auto viewer = connectClient();
-  path = small + "/take.mp4";
-  startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
-  std::jthread watching([&] {
-    while (!viewer->isClosed()) {
-      const auto packet = viewer->receive(0.2);
-      if (packet && packet->frameID != 0) viewer->acknowledge(packet->frameID);
-    }
-  });
-  FrameSize size{640, 360};
-  Pixels noise(size.bytes());
-  std::mt19937 random(1);
-  for (int i = 0; i < 90; ++i) {
-    for (auto& byte : noise) byte = static_cast<std::uint8_t>(random());
-    feed(size, noise);
-  }
-  EXPECT_EQ(waitForFailure()["error"], "No space left on device");
-  EXPECT_TRUE(std::filesystem::is_empty(small));
-  const auto before = waitForStatistics([](const Event& event) { return event["clients"] == 1; });
-  feedPaced(20, 60);
-  const auto after = waitForStatistics([](const Event&) { return true; });
-  EXPECT_GT(after["encoded_frames"], before["encoded_frames"]);
-  EXPECT_EQ(finish(), 0);
-  watching.join();
-  umount(small.c_str());
 }
 
 TEST_F(Recording, EveryWayToEndSavesTheTake) {

@@ -1,0 +1,93 @@
+#include "tests/e2e/take_fixture.h"
+
+#include <time.h>
+
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+namespace lumora::tests {
+
+double uptime() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+std::string Probe::value(const std::string& key) const {
+  const auto at = text.find("\n" + key + "=");
+  if (at == std::string::npos) return "";
+  const auto from = at + key.size() + 2;
+  return text.substr(from, text.find('\n', from) - from);
+}
+
+long Probe::number(const std::string& key) const {
+  return std::strtol(value(key).c_str(), nullptr, 10);
+}
+
+Probe probe(const std::string& path) {
+  return {"\n" + runCommand("ffprobe -v error -count_frames -show_streams '" + path + "'").output};
+}
+
+// Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.
+std::string decodeErrors(const std::string& path) {
+  return runCommand("ffmpeg -v error -xerror -nostdin -i '" + path +
+                    "' -fps_mode passthrough -enc_time_base -1 -f null -")
+      .output;
+}
+
+void TakeTest::SetUp() {
+  HelperTest::SetUp();
+  path = folder / "a take \xC3\xA9.mp4";
+}
+
+void TakeTest::startTake(const Event& extra) {
+  Event command = {{"type", "record_start"}, {"id", takeID}, {"path", path}};
+  command.update(extra);
+  ASSERT_TRUE(helper->writeCommand(command));
+}
+
+void TakeTest::stopTake(const Event& extra) {
+  Event command = {{"type", "record_stop"}, {"id", takeID}};
+  command.update(extra);
+  ASSERT_TRUE(helper->writeCommand(command));
+}
+
+void TakeTest::feedPaced(int count, double framesPerSecond, FrameSize size) {
+  const Pixels still = quarters(size, {200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90});
+  feedPaced(count, framesPerSecond, size, {still, still});
+}
+
+void TakeTest::feedPaced(int count, double framesPerSecond, FrameSize size,
+                         const std::array<Pixels, 2>& pictures) {
+  auto due = std::chrono::steady_clock::now();
+  for (int i = 0; i < count; ++i) {
+    std::this_thread::sleep_until(due);
+    due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
+    feed(size, pictures[static_cast<std::size_t>(i % 2)]);
+  }
+}
+
+Event TakeTest::waitForTake(const std::string& state) {
+  for (;;) {
+    const auto event = helper->nextEvent("recording", 20);
+    if (!event) throw std::runtime_error("the take never became " + state);
+    if (event->at("state") == state) return *event;
+    if (event->at("state") == "failed") throw std::runtime_error(event->dump());
+  }
+}
+
+Event TakeTest::waitForOutcome() {
+  for (;;) {
+    const auto event = helper->nextEvent("recording", 20);
+    if (!event) throw std::runtime_error("the take did not end");
+    if (event->at("state") == "failed" || event->at("state") == "saved") return *event;
+  }
+}
+
+std::size_t TakeTest::fileCount() const {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
+                                                std::filesystem::directory_iterator()));
+}
+
+}  // namespace lumora::tests
