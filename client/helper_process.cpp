@@ -181,10 +181,11 @@ std::optional<ExitStatus> HelperProcess::wait(double timeoutSeconds) {
   const Deadline deadline(timeoutSeconds);
   while (!status_) {
     int status = 0;
-    const pid_t ended = waitpid(pid_, &status, WNOHANG);
+    rusage usage{};
+    const pid_t ended = wait4(pid_, &status, WNOHANG, &usage);
     if (ended == pid_) {
-      status_ =
-          WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0} : ExitStatus{0, WTERMSIG(status)};
+      status_ = WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0, usage}
+                                  : ExitStatus{0, WTERMSIG(status), usage};
     } else if (deadline.millisecondsLeft() == 0) {
       return std::nullopt;
     } else {

@@ -3,6 +3,7 @@
 // The parent's side of the helper: starts it, feeds its standard input, reads its events, learns
 // how it ended. One thread may write while another reads events.
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -28,8 +29,9 @@ struct LaunchOptions {
 };
 
 struct ExitStatus {
-  int code = 0;    // when it ended by itself
-  int signal = 0;  // else the signal that ended it
+  int code = 0;        // when it ended by itself
+  int signal = 0;      // else the signal that ended it
+  rusage resources{};  // what its whole life took
 };
 
 // A token for one run, from the system's random source.

@@ -72,8 +72,8 @@ void showTable(const tools::RunReport& report, int clients) {
   row("raw frames dropped",
       static_cast<double>(statistic(report.last, "dropped_raw") - report.droppedBeforeFeeding), "");
   row("frames dropped in delivery", static_cast<double>(deliveryDrops(report.last)), "");
-  row("latency, median", tools::percentile(report.latencies, 0.5), "ms");
-  row("latency, 99th percentile", tools::percentile(report.latencies, 0.99), "ms");
+  row("latency, median", tools::percentile(latencies(report), 0.5), "ms");
+  row("latency, 99th percentile", tools::percentile(latencies(report), 0.99), "ms");
   row("preview bit rate", megabitsPerSecond(report.last, clients), "Mbit/s");
 }
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "client/stream_client.h"
+#include "tools/resource_use.h"
 
 namespace lumora::tools {
 namespace {
@@ -37,7 +38,7 @@ class Board {
     progress_.bytes += bytes;
     // The packet may overtake the writer's own note of the time: then there was no latency.
     progress_.latency = frame < written_.size() ? millisecondsSince(written_[frame]) : 0;
-    latencies_.push_back(progress_.latency);
+    deliveries_.push_back({frame, progress_.latency});
   }
 
   void reported(const client::Event& event) {
@@ -52,15 +53,15 @@ class Board {
     return progress_;
   }
 
-  std::vector<double> latencies() const {
+  std::vector<Delivery> deliveries() const {
     const std::lock_guard hold(mutex_);
-    return latencies_;
+    return deliveries_;
   }
 
  private:
   mutable std::mutex mutex_;
   std::vector<SteadyClock::time_point> written_;
-  std::vector<double> latencies_;
+  std::vector<Delivery> deliveries_;
   RunProgress progress_;
 };
 
@@ -95,6 +96,7 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
     }
     std::this_thread::sleep_until(start + std::chrono::duration_cast<SteadyClock::duration>(
                                               std::chrono::duration<double>(due)));
+    if (options.beforeFrame) options.beforeFrame(helper, number);
     if (!helper.writeFrame(source.size(), number, rgba)) break;
     board.wrote(number);
     if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
@@ -181,6 +183,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   report.fedSeconds = millisecondsSince(start) / 1000;
   // One more report, so that the counters cover the last frame.
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  report.peakMegabytes = peakMegabytes(helper.pid());
   helper.closeInput();
   const auto exit = helper.wait(10);
   if (!exit) {
@@ -191,8 +194,14 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   watchers.clear();
   events.join();
   report.last = board.progress();
-  report.latencies = board.latencies();
+  report.deliveries = board.deliveries();
   return report;
+}
+
+std::vector<double> latencies(const RunReport& report) {
+  std::vector<double> values;
+  for (const Delivery& delivery : report.deliveries) values.push_back(delivery.milliseconds);
+  return values;
 }
 
 double percentile(std::vector<double> values, double fraction) {

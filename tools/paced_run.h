@@ -27,6 +27,8 @@ struct RunOptions {
   int clients = 2;
   TakeOptions take;
   std::string previewPath;  // where the first client's stream goes, as Annex B; empty: nowhere
+  // Called before each frame is written, for commands of one's own; may be empty.
+  std::function<void(client::HelperProcess&, std::uint64_t frame)> beforeFrame;
 };
 
 struct RunProgress {
@@ -39,18 +41,28 @@ struct RunProgress {
   std::string error;           // the message of an "error" event
 };
 
+// A frame packet as one client got it.
+struct Delivery {
+  std::uint64_t frame = 0;
+  double milliseconds = 0;  // from the frame's last byte written to its packet received
+};
+
 struct RunReport {
   RunProgress last;
   double readyMilliseconds = 0;  // from exec to "ready"
   std::uint64_t droppedBeforeFeeding = 0;
-  std::vector<double> latencies;  // milliseconds, last byte written to packet received
+  std::vector<Delivery> deliveries;  // over all clients
   double fedSeconds = 0;
+  double peakMegabytes = 0;  // of the helper's memory
   client::ExitStatus exit;
 };
 
 // Throws std::runtime_error when the helper can't be started or ends early.
 RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress);
+
+// The latencies alone, in milliseconds.
+std::vector<double> latencies(const RunReport& report);
 
 // The value below which `fraction` of `values` lie.
 double percentile(std::vector<double> values, double fraction);

@@ -1,23 +1,10 @@
 #include "input/raw_frame.h"
 
-#include <cstdlib>
 #include <new>
 #include <utility>
 
 namespace lumora {
-namespace {
-
-constexpr std::size_t alignment = 64;
-
-std::shared_ptr<std::uint8_t> allocate(std::size_t size) {
-  void* memory = std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
-  if (memory == nullptr) throw std::bad_alloc();
-  return {static_cast<std::uint8_t*>(memory), [](std::uint8_t* block) { std::free(block); }};
-}
-
-}  // namespace
-
-FrameBuffer::FrameBuffer(std::shared_ptr<std::uint8_t> memory, std::size_t capacity,
+FrameBuffer::FrameBuffer(PictureMemory memory, std::size_t capacity,
                          std::weak_ptr<FrameBufferPool> pool)
     : memory_(std::move(memory)), capacity_(capacity), pool_(std::move(pool)) {}
 
@@ -48,7 +35,8 @@ FrameBuffer FrameBufferPool::take(std::size_t size) {
     }
   }
   // A block of another camera size is replaced, not kept beside the new one.
-  if (block.capacity < size) block = {allocate(size), size};
+  if (block.capacity < size) block = {allocatePicture(size), size};
+  if (!block.memory) throw std::bad_alloc();
   return {std::move(block.memory), block.capacity, weak_from_this()};
 }
 

@@ -3,8 +3,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
-#include "platform/bytes.h"
+#include "platform/picture_memory.h"
 
 namespace lumora {
 
@@ -15,8 +16,7 @@ class FrameBufferPool;
 class FrameBuffer {
  public:
   FrameBuffer() = default;
-  FrameBuffer(std::shared_ptr<std::uint8_t> memory, std::size_t capacity,
-              std::weak_ptr<FrameBufferPool> pool);
+  FrameBuffer(PictureMemory memory, std::size_t capacity, std::weak_ptr<FrameBufferPool> pool);
   ~FrameBuffer();
   FrameBuffer(FrameBuffer&& other) noexcept;
   FrameBuffer& operator=(FrameBuffer&& other) noexcept;
@@ -27,7 +27,7 @@ class FrameBuffer {
   std::size_t capacity() const { return capacity_; }
 
  private:
-  std::shared_ptr<std::uint8_t> memory_;
+  PictureMemory memory_;
   std::size_t capacity_ = 0;
   std::weak_ptr<FrameBufferPool> pool_;
 };
@@ -41,7 +41,7 @@ class FrameBufferPool : public std::enable_shared_from_this<FrameBufferPool> {
  private:
   friend class FrameBuffer;
   struct Block {
-    std::shared_ptr<std::uint8_t> memory;
+    PictureMemory memory;
     std::size_t capacity = 0;
   };
   // One frame is in flight while the next is read: more blocks than that are never idle.

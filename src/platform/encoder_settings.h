@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/compression.h"
 
@@ -14,6 +15,7 @@ struct EncoderSettings {
   std::int64_t frameRate = 60;         // frames per second, expected
   std::int64_t keyFrameInterval = 60;  // frames, at most
   std::int64_t bitRate = 4'000'000;    // bits per second, average
+  std::string preset = {};             // of a software encoder; empty: ours
 
   bool operator==(const EncoderSettings&) const = default;
 };

@@ -1,24 +1,38 @@
 #include "platform/encoder_tuning.h"
 
+extern "C" {
+#include <libavutil/opt.h>
+}
+
 #include <algorithm>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace lumora {
 namespace {
+
+using CodecOptions = std::vector<std::pair<std::string, std::string>>;
 
 // From this size on one frame takes long enough for a second slice thread to pay.
 constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 
 CodecOptions x264Options(const EncoderSettings& settings) {
-  return {{"preset", "superfast"},
+  const bool high = settings.profile == ProfileLevel::highAuto;
+  const bool ours = settings.preset.empty();
+  // Without larger transforms a stream of these presets would not be High.
+  std::string parameters = high ? "8x8dct=1" : "8x8dct=0";
+  if (ours) parameters += ":subme=1:no-deblock=0";
+  return {{"preset", ours ? "ultrafast" : settings.preset},
           {"tune", "zerolatency"},
-          {"profile", settings.profile == ProfileLevel::highAuto ? "high" : "baseline"},
+          {"profile", high ? "high" : "baseline"},
+          {"x264-params", parameters},
           {"forced-idr", "1"},
           // Key frames come on request and by interval; one more at a cut would only add a peak.
           {"sc_threshold", "0"}};
 }
-
-}  // namespace
 
 CodecOptions lowLatencyOptions(const std::string& codec, const EncoderSettings& settings) {
   const bool high = settings.profile == ProfileLevel::highAuto;
@@ -39,9 +53,41 @@ CodecOptions lowLatencyOptions(const std::string& codec, const EncoderSettings& 
   return {};
 }
 
-int sliceThreads(const EncoderSettings& settings, unsigned cores) {
+int sliceThreads(const EncoderSettings& settings) {
+  const int cores = static_cast<int>(std::thread::hardware_concurrency());
   const int wanted = settings.width * settings.height / pixelsPerSliceThread;
-  return std::clamp(std::min(wanted, static_cast<int>(cores)), 1, maximumSliceThreads);
+  return std::clamp(std::min(wanted, cores), 1, maximumSliceThreads);
+}
+
+void configure(AVCodecContext& context, const EncoderSettings& settings) {
+  context.width = settings.width;
+  context.height = settings.height;
+  context.time_base = {1, static_cast<int>(settings.frameRate)};
+  context.framerate = {static_cast<int>(settings.frameRate), 1};
+  context.gop_size = static_cast<int>(settings.keyFrameInterval);
+  context.max_b_frames = 0;
+  context.bit_rate = settings.bitRate;
+  context.rc_max_rate = settings.bitRate;
+  context.rc_buffer_size = static_cast<int>(settings.bitRate);  // one second
+  context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
+  context.thread_type = FF_THREAD_SLICE;
+  context.thread_count = sliceThreads(settings);
+  // libyuv's matrix and range; cameras deliver sRGB pixels.
+  context.color_primaries = AVCOL_PRI_BT709;
+  context.color_trc = AVCOL_TRC_IEC61966_2_1;
+  context.colorspace = AVCOL_SPC_SMPTE170M;
+  context.color_range = AVCOL_RANGE_MPEG;
+}
+
+}  // namespace
+
+Status tune(AVCodecContext& context, const AVCodec& codec, const EncoderSettings& settings) {
+  configure(context, settings);
+  for (const auto& [name, value] : lowLatencyOptions(codec.name, settings)) {
+    const int status = av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
+    if (status < 0) return status;
+  }
+  return 0;
 }
 
 }  // namespace lumora

@@ -2,19 +2,12 @@
 
 // Options per encoder for what this service needs: no delay, no B-frames, key frames on demand.
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "platform/libav_encoder.h"
+#include "platform/encoder_settings.h"
+#include "platform/libav_support.h"
 
 namespace lumora {
 
-using CodecOptions = std::vector<std::pair<std::string, std::string>>;
-
-CodecOptions lowLatencyOptions(const std::string& codec, const EncoderSettings& settings);
-
-// Slice threads for a software encoder at this size.
-int sliceThreads(const EncoderSettings& settings, unsigned cores);
+// Sets everything about `context` but its pixel format, before it is opened: 0 or an AVERROR.
+Status tune(AVCodecContext& context, const AVCodec& codec, const EncoderSettings& settings);
 
 }  // namespace lumora

@@ -2,21 +2,22 @@
 
 extern "C" {
 #include <libavutil/hwcontext.h>
+#include <libavutil/imgutils.h>
 #include <libavutil/log.h>
-#include <libavutil/opt.h>
 }
 #include <libyuv.h>
 
 #include <algorithm>
-#include <thread>
 
 #include "platform/annex_b.h"
 #include "platform/encoder_tuning.h"
 #include "platform/memory_sample.h"
+#include "platform/picture_memory.h"
 
 namespace lumora {
 namespace {
 
+constexpr int planeAlignment = 64;  // bytes, of every row
 constexpr std::uint8_t nalTypeMask = 0x1F;
 constexpr std::uint8_t nalSequenceParameterSet = 7;
 constexpr std::uint8_t nalPictureParameterSet = 8;
@@ -37,24 +38,21 @@ AVPixelFormat inputFormat(const AVCodec& codec) {
   return AV_PIX_FMT_NONE;
 }
 
-void configure(AVCodecContext& context, const EncoderSettings& settings) {
-  context.width = settings.width;
-  context.height = settings.height;
-  context.time_base = {1, static_cast<int>(settings.frameRate)};
-  context.framerate = {static_cast<int>(settings.frameRate), 1};
-  context.gop_size = static_cast<int>(settings.keyFrameInterval);
-  context.max_b_frames = 0;
-  context.bit_rate = settings.bitRate;
-  context.rc_max_rate = settings.bitRate;
-  context.rc_buffer_size = static_cast<int>(settings.bitRate);  // one second
-  context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
-  context.thread_type = FF_THREAD_SLICE;
-  context.thread_count = sliceThreads(settings, std::thread::hardware_concurrency());
-  // libyuv's matrix and range; cameras deliver sRGB pixels.
-  context.color_primaries = AVCOL_PRI_BT709;
-  context.color_trc = AVCOL_TRC_IEC61966_2_1;
-  context.colorspace = AVCOL_SPC_SMPTE170M;
-  context.color_range = AVCOL_RANGE_MPEG;
+// Gives `frame`, whose format and size are set, planes in memory for pictures.
+Status usePictureMemory(AVFrame& frame) {
+  const auto format = static_cast<AVPixelFormat>(frame.format);
+  const int size = av_image_get_buffer_size(format, frame.width, frame.height, planeAlignment);
+  if (size < 0) return size;
+  PictureMemory memory = allocatePicture(static_cast<std::size_t>(size));
+  if (!memory) return AVERROR(ENOMEM);
+  const int filled = av_image_fill_arrays(frame.data, frame.linesize, memory.get(), format,
+                                          frame.width, frame.height, planeAlignment);
+  if (filled < 0) return filled;
+  const auto free = [](void*, std::uint8_t* bytes) { PictureMemory{bytes}.reset(); };
+  frame.buf[0] = av_buffer_create(memory.get(), static_cast<std::size_t>(size), free, nullptr, 0);
+  if (frame.buf[0] == nullptr) return AVERROR(ENOMEM);
+  memory.release();
+  return 0;
 }
 
 }  // namespace
@@ -67,17 +65,14 @@ Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
   made->packet_.reset(av_packet_alloc());
   if (!made->context_ || !made->packet_) return AVERROR(ENOMEM);
   AVCodecContext& context = *made->context_;
-  configure(context, settings);
+  int status = tune(context, codec, settings);
+  if (status < 0) return status;
   context.pix_fmt = inputFormat(codec);
   if (context.pix_fmt == AV_PIX_FMT_VAAPI) {
-    const Status status = made->openHardwareFrames();
+    status = made->openHardwareFrames();
     if (status < 0) return status;
   }
-  for (const auto& [name, value] : lowLatencyOptions(codec.name, settings)) {
-    const int status = av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
-    if (status < 0) return status;
-  }
-  int status = avcodec_open2(&context, &codec, nullptr);
+  status = avcodec_open2(&context, &codec, nullptr);
   if (status < 0) return status;
   status = made->allocatePicture();
   if (status < 0) return status;
@@ -120,7 +115,7 @@ Status LibavEncoder::allocatePicture() {
   picture_->color_trc = context_->color_trc;
   picture_->colorspace = context_->colorspace;
   picture_->color_range = context_->color_range;
-  return av_frame_get_buffer(picture_.get(), 0);
+  return usePictureMemory(*picture_);
 }
 
 Status LibavEncoder::load(const MutableImageView& view) {

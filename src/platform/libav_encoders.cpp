@@ -1,5 +1,6 @@
 #include "platform/libav_encoders.h"
 
+#include <algorithm>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -53,12 +54,15 @@ const AVCodec* chooseEncoder(const std::string& choice) {
   return nullptr;
 }
 
-LibavEncoders::LibavEncoders(std::string choice, std::vector<EncoderSettings> expected) {
+LibavEncoders::LibavEncoders(const std::string& choice, std::vector<EncoderSettings> expected) {
+  const auto colon = std::min(choice.find(':'), choice.size());
+  if (colon < choice.size()) preset_ = choice.substr(colon + 1);
+  for (EncoderSettings& settings : expected) settings.preset = preset_;
   std::promise<const AVCodec*> chosen;
   codec_ = chosen.get_future().share();
-  std::thread([choice = std::move(choice), expected = std::move(expected), spares = spares_,
+  std::thread([name = choice.substr(0, colon), expected = std::move(expected), spares = spares_,
                chosen = std::move(chosen)]() mutable {
-    const AVCodec* codec = chooseEncoder(choice);
+    const AVCodec* codec = chooseEncoder(name);
     chosen.set_value(codec);
     if (codec == nullptr) return;
     for (const EncoderSettings& settings : expected) {
@@ -74,7 +78,8 @@ Status LibavEncoders::createSession(std::int32_t width, std::int32_t height,
                                     std::shared_ptr<CompressionSession>& session) {
   const AVCodec* codec = codec_.get();
   if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
-  session = std::make_shared<LibavSession>(*codec, width, height, spares_);
+  session = std::make_shared<LibavSession>(
+      *codec, EncoderSettings{.width = width, .height = height, .preset = preset_}, spares_);
   return 0;
 }
 

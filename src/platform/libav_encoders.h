@@ -16,15 +16,16 @@ namespace lumora {
 class LibavEncoders final : public Encoders {
  public:
   // `choice` is auto (hardware where there is one, else software), hardware, software, or the name
-  // of a libavcodec encoder; "" is auto.
+  // of a libavcodec encoder; "" is auto. A preset may follow: "software:ultrafast".
   // Encoders of the `expected` settings are opened ahead of their sessions.
-  LibavEncoders(std::string choice, std::vector<EncoderSettings> expected);
+  LibavEncoders(const std::string& choice, std::vector<EncoderSettings> expected);
   Status createSession(std::int32_t width, std::int32_t height,
                        const EncoderRequirements& requirements,
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
   std::shared_ptr<SpareEncoders> spares_ = std::make_shared<SpareEncoders>();
+  std::string preset_;
   std::shared_future<const AVCodec*> codec_;
 };
 

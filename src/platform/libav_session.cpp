@@ -23,12 +23,12 @@ Status require(bool supported, const PropertyValue& value) {
 
 }  // namespace
 
-LibavSession::LibavSession(const AVCodec& codec, std::int32_t width, std::int32_t height,
+LibavSession::LibavSession(const AVCodec& codec, const EncoderSettings& settings,
                            std::shared_ptr<SpareEncoders> spares)
-    : codec_(codec), spares_(std::move(spares)), pool_(width, height) {
-  settings_.width = width;
-  settings_.height = height;
-}
+    : codec_(codec),
+      spares_(std::move(spares)),
+      settings_(settings),
+      pool_(settings.width, settings.height) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 

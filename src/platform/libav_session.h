@@ -17,7 +17,8 @@ class SpareEncoders;
 
 class LibavSession final : public CompressionSession {
  public:
-  LibavSession(const AVCodec& codec, std::int32_t width, std::int32_t height,
+  // `settings` are those that no property sets: the size and the preset.
+  LibavSession(const AVCodec& codec, const EncoderSettings& settings,
                std::shared_ptr<SpareEncoders> spares);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;

@@ -1,20 +1,16 @@
 #include "platform/memory_pixel_buffers.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <mutex>
 #include <utility>
 #include <vector>
+
+#include "platform/picture_memory.h"
 
 namespace lumora {
 namespace {
 
 constexpr std::int64_t alignment = 64;  // bytes, of every row
-
-struct FreeMemory {
-  void operator()(std::uint8_t* memory) const { std::free(memory); }
-};
-using Memory = std::unique_ptr<std::uint8_t, FreeMemory>;
 
 }  // namespace
 
@@ -24,14 +20,13 @@ struct MemoryPixelBufferPool::Shared {
   std::int64_t stride;
   std::mutex mutex;
   int inUse = 0;
-  std::vector<Memory> idle;
+  std::vector<PictureMemory> idle;
 
-  Memory take() {
+  PictureMemory take() {
     if (idle.empty()) {
-      return Memory(static_cast<std::uint8_t*>(
-          std::aligned_alloc(alignment, static_cast<std::size_t>(stride * height))));
+      return allocatePicture(static_cast<std::size_t>(stride * height));
     }
-    Memory memory = std::move(idle.back());
+    PictureMemory memory = std::move(idle.back());
     idle.pop_back();
     return memory;
   }
@@ -40,7 +35,7 @@ struct MemoryPixelBufferPool::Shared {
 // Gives its memory back to the pool at its end.
 class MemoryPixelBufferPool::Buffer final : public PixelBuffer {
  public:
-  Buffer(std::shared_ptr<Shared> shared, Memory memory)
+  Buffer(std::shared_ptr<Shared> shared, PictureMemory memory)
       : shared_(std::move(shared)), memory_(std::move(memory)) {}
   ~Buffer() override {
     const std::lock_guard hold(shared_->mutex);
@@ -57,7 +52,7 @@ class MemoryPixelBufferPool::Buffer final : public PixelBuffer {
 
  private:
   std::shared_ptr<Shared> shared_;
-  Memory memory_;
+  PictureMemory memory_;
 };
 
 MemoryPixelBufferPool::MemoryPixelBufferPool(std::int64_t width, std::int64_t height)
@@ -70,7 +65,7 @@ MemoryPixelBufferPool::MemoryPixelBufferPool(std::int64_t width, std::int64_t he
 Status MemoryPixelBufferPool::create(int threshold, std::shared_ptr<PixelBuffer>& buffer) {
   const std::lock_guard hold(shared_->mutex);
   if (shared_->inUse >= threshold) return thresholdExceeded;
-  Memory memory = shared_->take();
+  PictureMemory memory = shared_->take();
   if (!memory) return -ENOMEM;
   ++shared_->inUse;
   buffer = std::make_shared<Buffer>(shared_, std::move(memory));

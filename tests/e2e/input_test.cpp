@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
-#include <fstream>
 
 #include "tests/e2e/helper_fixture.h"
+#include "tools/resource_use.h"
 
 namespace lumora::tests {
 namespace {
@@ -20,15 +20,6 @@ struct Input : HelperTest {
     std::string line = helper->nextLine(20).value_or("");
     while (line.find("\"stats\"") != std::string::npos) line = helper->nextLine(20).value_or("");
     return {line, exitCode()};
-  }
-
-  // Peak resident memory of the helper in KiB.
-  long peakMemory() {
-    std::ifstream status("/proc/" + std::to_string(helper->pid()) + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("VmHWM:")) return std::stol(line.substr(6));
-    }
-    return -1;
   }
 
   std::string failAfter(std::span<const std::uint8_t> bytes) {
@@ -101,7 +92,7 @@ TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
   EXPECT_GT(after["dropped_raw"], before["dropped_raw"]);
   EXPECT_GT(after["encoded_frames"], 10);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  EXPECT_LT(peakMemory(), 150 * 1024);
+  EXPECT_LT(tools::peakMegabytes(helper->pid()), 150);
 #endif
   EXPECT_EQ(finish(), 0);
 }

@@ -1,0 +1,249 @@
+// The helper beside the tools that people use today for its job, and beside the lower bound: its
+// two encoders alone. The same pictures, encoder, presets, rates and threads for all, in turn.
+//
+//   lumora-compare HELPER FOLDER [ROUNDS]     writes FOLDER/bench.json
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "bench/contenders.h"
+#include "bench/encoders_alone.h"
+#include "bench/paced_load.h"
+#include "bench/pipeline.h"
+#include "bench/ssim.h"
+#include "tools/paced_run.h"
+
+namespace {
+
+using namespace lumora;
+using namespace lumora::bench;
+using client::Event;
+
+constexpr client::FrameSize camera{1920, 1080};
+constexpr client::FrameSize previewSize{640, 360};
+constexpr int clipFrames = 60;
+constexpr int frames = 300;
+constexpr int costRate = 30;       // frames a second at which nobody is in a hurry
+constexpr double rateSeconds = 4;  // of each measurement at 60 frames a second
+constexpr double longSeconds = 60;
+
+// What one run of one contender gave; a value it can't give is missing.
+using Figures = Event;
+
+struct Contender {
+  std::string name;
+  std::function<Figures()> run;
+  Outputs outputs;  // judged after the last round; empty: none
+  std::vector<Figures> rounds;
+};
+
+double perFrame(double seconds) { return seconds * 1000 / frames; }
+
+std::uint64_t sizeOf(const std::string& path) {
+  return static_cast<std::uint64_t>(std::filesystem::file_size(path));
+}
+
+Figures runPeer(const std::vector<std::string>& command, const CameraClip& clip,
+                const Outputs& outputs) {
+  const PipelineReport report = runPipeline(command, clip, frames);
+  return {{"cpu_ms", perFrame(report.cpuSeconds)},
+          {"fps", frames / report.wallSeconds},
+          {"peak_mb", report.peakMegabytes},
+          {"preview_bytes", sizeOf(outputs.preview)},
+          {"take_bytes", sizeOf(outputs.take)}};
+}
+
+// Two runs: at a rate that it keeps easily, for the cost; at 60 a second, for what gets through.
+Figures runHelper(const PacedLoad& load, CameraClip& clip) {
+  PacedLoad calm = load;
+  calm.framesPerSecond = costRate;
+  calm.seconds = static_cast<double>(frames) / costRate;
+  calm.targetFPS = 60;
+  const PacedResult cost = runPacedLoad(calm, clip);
+  if (!cost.isComplete()) std::fprintf(stderr, "the helper dropped frames at %d fps\n", costRate);
+  PacedLoad hurried = load;
+  hurried.seconds = rateSeconds;
+  hurried.previewPath = hurried.takePath = "";
+  const PacedResult rate = runPacedLoad(hurried, clip);
+  return {{"cpu_ms", cost.cpuMilliseconds},
+          {"fps", static_cast<double>(std::min(rate.delivered, rate.recorded)) / rate.fedSeconds},
+          {"peak_mb", std::max(cost.peakMegabytes, rate.peakMegabytes)},
+          {"preview_bytes", cost.previewBytes},
+          {"take_bytes", sizeOf(load.takePath)},
+          {"page_faults", cost.pageFaults},
+          {"ready_ms", cost.readyMilliseconds},
+          {"p50_ms", cost.p50},
+          {"p95_ms", cost.p95},
+          {"p99_ms", cost.p99}};
+}
+
+// The bound's pictures are ready before the measurement.
+struct ReadyClip {
+  std::vector<Bytes> preview;
+  std::vector<Bytes> take;
+};
+
+Figures runBound(const ReadyClip& ready, const std::string& preset) {
+  const EncodersReport report =
+      encodeAlone({{previewSettings(preset), ready.preview},
+                   {takeSettings(camera.width, camera.height, preset), ready.take}},
+                  frames);
+  return {{"cpu_ms", perFrame(report.cpuSeconds)},
+          {"fps", frames / report.wallSeconds},
+          {"preview_bytes", report.streams[0].size()},
+          {"take_bytes", report.streams[1].size()}};
+}
+
+std::vector<Contender> makeContenders(const std::string& helper, const std::string& preset,
+                                      CameraClip& clip, const ReadyClip& ready,
+                                      const std::filesystem::path& folder) {
+  const auto outputs = [&folder](const char* name) {
+    return Outputs{folder / (std::string(name) + ".h264"), folder / (std::string(name) + ".mp4")};
+  };
+  std::vector<Contender> made;
+  made.push_back({"encoders alone", [&ready, preset] { return runBound(ready, preset); }, {}, {}});
+  const Outputs ours = outputs("helper");
+  const PacedLoad load{.helper = helper,
+                       .preset = preset,
+                       .clients = 1,
+                       .take = "1920x1080",
+                       .previewPath = ours.preview,
+                       .takePath = ours.take};
+  made.push_back({"helper", [load, &clip] { return runHelper(load, clip); }, ours, {}});
+  if (preset.empty()) return made;  // nobody else has our settings
+  const auto peer = [&](const char* name, const char* file, auto command) {
+    const Outputs files = outputs(file);
+    made.push_back({name,
+                    [&clip, files, words = command(camera, preset, files)] {
+                      return runPeer(words, clip, files);
+                    },
+                    files,
+                    {}});
+  };
+  peer("ffmpeg", "ffmpeg", ffmpegCommand);
+  peer("ffmpeg, one conversion", "ffmpeg-once", ffmpegOnceCommand);
+  peer("GStreamer", "gstreamer", gstreamerCommand);
+  return made;
+}
+
+// Median and range of every figure over the rounds.
+Event summarise(const std::vector<Figures>& rounds) {
+  Event summary = Event::object();
+  for (const auto& [key, first] : rounds.front().items()) {
+    std::vector<double> values;
+    for (const Figures& figures : rounds) values.push_back(figures.at(key));
+    summary[key] = {{"median", tools::percentile(values, 0.5)},
+                    {"low", tools::percentile(values, 0)},
+                    {"high", tools::percentile(values, 1)}};
+  }
+  return summary;
+}
+
+void printRow(const std::string& name, const Event& row) {
+  const auto cell = [&row](const char* key, int decimals) {
+    char text[64] = "-";
+    if (row.contains(key)) {
+      const auto& value = row[key];
+      std::snprintf(text, sizeof text, "%.*f (%.*f-%.*f)", decimals, value["median"].get<double>(),
+                    decimals, value["low"].get<double>(), decimals, value["high"].get<double>());
+    }
+    return std::string(text);
+  };
+  std::printf("%-24s %-20s %-20s %-14s %8.2f %8.2f  %.4f  %.4f\n", name.c_str(),
+              cell("cpu_ms", 1).c_str(), cell("fps", 1).c_str(), cell("peak_mb", 0).c_str(),
+              row["take_bytes"]["median"].get<double>() / 1e6,
+              row["preview_bytes"]["median"].get<double>() / 1e6, row.value("ssim_take", 0.0),
+              row.value("ssim_preview", 0.0));
+  std::fflush(stdout);
+}
+
+Event comparePreset(std::vector<Contender> contenders, const CameraClip& clip, int rounds) {
+  for (int round = 0; round < rounds; ++round) {
+    for (Contender& contender : contenders) contender.rounds.push_back(contender.run());
+  }
+  Event rows = Event::object();
+  for (const Contender& contender : contenders) {
+    Event row = summarise(contender.rounds);
+    if (!contender.outputs.take.empty()) {
+      row["ssim_take"] = measureSSIM(contender.outputs.take, clip, frames, camera);
+      row["ssim_preview"] = measureSSIM(contender.outputs.preview, clip, frames, previewSize);
+    }
+    printRow(contender.name, row);
+    rows[contender.name] = row;
+  }
+  return rows;
+}
+
+// The highest rate of a ladder at which every frame is delivered and recorded.
+int highestRate(const PacedLoad& load, CameraClip& clip) {
+  for (const int rate : {60, 56, 52, 48, 44, 40, 36, 33, 30, 25, 20}) {
+    PacedLoad step = load;
+    step.framesPerSecond = rate;
+    step.targetFPS = 60;
+    step.seconds = rateSeconds;
+    if (runPacedLoad(step, clip).isComplete()) return rate;
+  }
+  return 0;
+}
+
+Event runLong(const std::string& helper, const char* take, CameraClip& clip) {
+  const PacedLoad load{.helper = helper, .seconds = longSeconds, .take = take};
+  const PacedResult result = runPacedLoad(load, clip);
+  print(load, camera, result);
+  return {{"fed", result.fed},
+          {"delivered", result.delivered},
+          {"recorded", result.recorded},
+          {"dropped_raw", result.droppedRaw},
+          {"credit_drops", result.creditDrops},
+          {"throttled", result.takeThrottled},
+          {"p50_ms", result.p50},
+          {"p95_ms", result.p95},
+          {"p99_ms", result.p99},
+          {"cpu_ms", result.cpuMilliseconds},
+          {"page_faults", result.pageFaults},
+          {"peak_mb", result.peakMegabytes},
+          {"ready_ms", result.readyMilliseconds},
+          {"highest_rate", highestRate(load, clip)}};
+}
+
+Event compare(const std::string& helper, int rounds) {
+  const auto scratch = std::filesystem::temp_directory_path() / "lumora-compare";
+  std::filesystem::create_directories(scratch);
+  CameraClip clip(camera, clipFrames);
+  const ReadyClip ready{readyPictures(clip, previewSize.width, previewSize.height),
+                        readyPictures(clip, camera.width, camera.height)};
+  Event report = {{"frames", frames}, {"rounds", rounds}};
+  for (const std::string preset : {"superfast", "ultrafast", ""}) {
+    const std::string title = preset.empty() ? "as shipped" : preset;
+    std::printf("\n%-24s %-20s %-20s %-14s %8s %8s  %-6s  %s\n", title.c_str(), "cpu ms/frame",
+                "frames/s", "peak MB", "take MB", "prev. MB", "SSIM", "preview");
+    report["presets"][title] =
+        comparePreset(makeContenders(helper, preset, clip, ready, scratch), clip, rounds);
+  }
+  std::printf("\n60 seconds at 60 frames a second, as shipped\n");
+  for (const char* take : {"none", "1080x720", "1920x1080"}) {
+    report["paced"][take] = runLong(helper, take, clip);
+  }
+  std::filesystem::remove_all(scratch);
+  return report;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3 && argc != 4) {
+    std::fprintf(stderr, "usage: %s HELPER FOLDER [ROUNDS]\n", argv[0]);
+    return 2;
+  }
+  try {
+    const Event report = compare(argv[1], argc > 3 ? std::atoi(argv[3]) : 5);
+    std::ofstream(std::filesystem::path(argv[2]) / "bench.json") << report.dump(2) << "\n";
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,154 @@
+#include "bench/encoders_alone.h"
+
+extern "C" {
+#include <libavutil/log.h>
+#include <libavutil/opt.h>
+}
+#include <libyuv.h>
+#include <sys/resource.h>
+
+#include <barrier>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include "encode/picture_size.h"
+#include "encode/session_settings.h"
+#include "platform/encoder_tuning.h"
+#include "platform/system_image_converter.h"
+#include "tools/resource_use.h"
+
+namespace lumora::bench {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+// Points a picture's planes at `bytes`, which the encoder copies.
+void usePlanes(AVFrame& frame, const Bytes& bytes) {
+  frame.linesize[0] = frame.width;
+  frame.linesize[1] = frame.linesize[2] = frame.width / 2;
+  frame.data[0] = const_cast<std::uint8_t*>(bytes.data());
+  frame.data[1] = frame.data[0] + frame.width * frame.height;
+  frame.data[2] = frame.data[1] + frame.width * frame.height / 4;
+}
+
+class Encoder {
+ public:
+  explicit Encoder(const EncoderLoad& load) : pictures_(load.pictures) {
+    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
+    if (codec == nullptr) throw std::runtime_error("there is no libx264");
+    context_.reset(avcodec_alloc_context3(codec));
+    context_->pix_fmt = AV_PIX_FMT_YUV420P;
+    int status = tune(*context_, *codec, load.settings);
+    if (status >= 0 && !load.parameters.empty()) status = addParameters(load.parameters);
+    if (!load.threads.empty()) context_->thread_count = std::stoi(load.threads);
+    if (status < 0 || avcodec_open2(context_.get(), codec, nullptr) < 0) {
+      throw std::runtime_error("libx264 does not open");
+    }
+    frame_->format = AV_PIX_FMT_YUV420P;
+    frame_->width = load.settings.width;
+    frame_->height = load.settings.height;
+    stream_.assign(context_->extradata, context_->extradata + context_->extradata_size);
+  }
+
+  void encode(int number) {
+    usePlanes(*frame_, pictures_[static_cast<std::size_t>(number) % pictures_.size()]);
+    frame_->pts = number;
+    if (avcodec_send_frame(context_.get(), frame_.get()) < 0 ||
+        avcodec_receive_packet(context_.get(), packet_.get()) < 0) {
+      throw std::runtime_error("libx264 does not encode");
+    }
+    stream_.insert(stream_.end(), packet_->data, packet_->data + packet_->size);
+    av_packet_unref(packet_.get());
+  }
+
+  Bytes takeStream() { return std::move(stream_); }
+
+ private:
+  int addParameters(const std::string& more) {
+    std::uint8_t* ours = nullptr;
+    std::string all = more;
+    if (av_opt_get(context_->priv_data, "x264-params", 0, &ours) >= 0 && ours != nullptr) {
+      all = std::string(reinterpret_cast<char*>(ours)) + ":" + more;
+      av_free(ours);
+    }
+    return av_opt_set(context_->priv_data, "x264-params", all.c_str(), 0);
+  }
+
+  const std::vector<Bytes>& pictures_;
+  CodecContext context_;
+  Frame frame_{av_frame_alloc()};
+  Packet packet_{av_packet_alloc()};
+  Bytes stream_;
+};
+
+}  // namespace
+
+std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height) {
+  const auto [cameraWidth, cameraHeight] = clip.size();
+  const auto fit = fitRectangle({cameraWidth, cameraHeight}, {width, height});
+  const auto pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const std::ptrdiff_t stride = std::ptrdiff_t{width} * 4;
+  SystemImageConverter images;
+  std::vector<Bytes> ready;
+  for (const auto& rgba : clip.frames()) {
+    Bytes bgra(pixels * 4);
+    images.convert(
+        {rgba.data(), cameraWidth, cameraHeight, std::ptrdiff_t{cameraWidth} * 4},
+        {bgra.data() + fit.top * stride + fit.left * 4, fit.size.width, fit.size.height, stride});
+    Bytes& planes = ready.emplace_back(pixels * 3 / 2);
+    std::uint8_t* u = planes.data() + pixels;
+    libyuv::ARGBToI420(bgra.data(), width * 4, planes.data(), width, u, width / 2, u + pixels / 4,
+                       width / 2, width, height);
+  }
+  return ready;
+}
+
+EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames) {
+  av_log_set_level(AV_LOG_QUIET);
+  std::vector<std::unique_ptr<Encoder>> encoders;
+  for (const EncoderLoad& load : loads) encoders.push_back(std::make_unique<Encoder>(load));
+  EncodersReport report;
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  const auto start = SteadyClock::now();
+  auto frameStart = start;
+  std::barrier together(static_cast<std::ptrdiff_t>(loads.size()), [&]() noexcept {
+    const auto now = SteadyClock::now();
+    report.latencies.push_back(std::chrono::duration<double, std::milli>(now - frameStart).count());
+    frameStart = now;
+  });
+  {
+    std::vector<std::jthread> threads;
+    for (const auto& encoder : encoders) {
+      threads.emplace_back([&together, &encoder, frames] {
+        for (int i = 0; i < frames; ++i) {
+          encoder->encode(i);
+          together.arrive_and_wait();
+        }
+      });
+    }
+  }
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  report.wallSeconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
+  report.cpuSeconds = tools::cpuSeconds(after) - tools::cpuSeconds(before);
+  for (const auto& encoder : encoders) report.streams.push_back(encoder->takeStream());
+  return report;
+}
+
+EncoderSettings previewSettings(const std::string& preset) {
+  EncoderSettings settings = expectedSessions(640, 360).front();
+  settings.preset = preset;
+  return settings;
+}
+
+EncoderSettings takeSettings(int width, int height, const std::string& preset) {
+  EncoderSettings settings = expectedSessions(640, 360).back();
+  settings.width = width;
+  settings.height = height;
+  settings.preset = preset;
+  return settings;
+}
+
+}  // namespace lumora::bench

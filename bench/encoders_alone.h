@@ -1,0 +1,39 @@
+#pragma once
+
+// The lower bound of the whole job: the preview's and the recording's encoder, fed with ready 4:2:0
+// pictures, both at once, one frame in flight. No pipe, no conversion, no network, no file.
+
+#include <string>
+#include <vector>
+
+#include "bench/camera_clip.h"
+#include "platform/bytes.h"
+#include "platform/encoder_settings.h"
+
+namespace lumora::bench {
+
+// The clip's pictures as an encoder takes them: upright, scaled to fit, I420.
+std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height);
+
+struct EncoderLoad {
+  EncoderSettings settings;
+  const std::vector<Bytes>& pictures;
+  std::string parameters = {};  // of x264, on top of those of the settings: "cabac=1:subme=2"
+  std::string threads = {};     // instead of those of the settings
+};
+
+struct EncodersReport {
+  double cpuSeconds = 0;
+  double wallSeconds = 0;
+  std::vector<double> latencies;  // milliseconds until all of a frame's encodes were done
+  std::vector<Bytes> streams;     // Annex B, one for each load
+};
+
+// Throws std::runtime_error when an encoder can't be opened.
+EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames);
+
+// What the helper encodes for a camera of 1920×1080: the default preview, and a take.
+EncoderSettings previewSettings(const std::string& preset);
+EncoderSettings takeSettings(int width, int height, const std::string& preset);
+
+}  // namespace lumora::bench

@@ -1,0 +1,70 @@
+#include "bench/paced_load.h"
+
+#include <cstdio>
+#include <filesystem>
+
+#include "tools/paced_run.h"
+#include "tools/resource_use.h"
+
+namespace lumora::bench {
+
+PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
+  const std::filesystem::path passing =
+      std::filesystem::temp_directory_path() / "lumora-paced-load.mp4";
+  const std::string movie = load.takePath.empty() ? passing.string() : load.takePath;
+  std::filesystem::remove(movie);
+  tools::RunOptions options;
+  options.launch = {load.helper, client::makeToken(), {}, {}};
+  if (!load.preset.empty())
+    options.launch.environment = {{"TAVO_H264_ENCODER", "software:" + load.preset}};
+  options.framesPerSecond = load.framesPerSecond;
+  options.seconds = load.seconds;
+  options.clients = load.clients;
+  options.previewPath = load.previewPath;
+  if (load.take != "none") options.take = {movie, load.take, load.targetFPS};
+  const tools::RunReport report = tools::runPaced(options, source, {});
+  std::filesystem::remove(passing);
+
+  const auto count = [](const client::Event& event, const char* key) {
+    return event.is_object() ? event.value(key, std::int64_t{0}) : 0;
+  };
+  const std::vector<double> latencies = tools::latencies(report);
+  const auto& last = report.last;
+  const auto fed = static_cast<double>(last.fed);
+  const auto clients = static_cast<std::uint64_t>(std::max(load.clients, 1));
+  return {.fed = last.fed,
+          .delivered = last.received / clients,
+          .recorded = static_cast<std::uint64_t>(count(last.take, "frames")),
+          .droppedRaw = count(last.statistics, "dropped_raw") -
+                        static_cast<std::int64_t>(report.droppedBeforeFeeding),
+          .creditDrops = count(last.statistics, "credit_drops"),
+          .sendDrops = count(last.statistics, "send_drops"),
+          .takeDropped = count(last.take, "dropped"),
+          .takeThrottled = count(last.take, "throttled"),
+          .p50 = tools::percentile(latencies, 0.5),
+          .p95 = tools::percentile(latencies, 0.95),
+          .p99 = tools::percentile(latencies, 0.99),
+          .cpuMilliseconds = tools::cpuSeconds(report.exit.resources) * 1000 / fed,
+          .pageFaults = static_cast<double>(report.exit.resources.ru_minflt) / fed,
+          .peakMegabytes = report.peakMegabytes,
+          .readyMilliseconds = report.readyMilliseconds,
+          .fedSeconds = report.fedSeconds,
+          .previewBytes = static_cast<double>(last.bytes / clients)};
+}
+
+void print(const PacedLoad& load, client::FrameSize size, const PacedResult& result) {
+  std::printf(
+      "%4dx%-4d %2d fps  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu  "
+      "dropped %lld raw %lld credit %lld send  throttled %lld  latency p50 %5.2f p95 %5.2f p99 "
+      "%5.2f ms  cpu %5.2f ms/frame  page faults %.1f/frame  peak %.0f MB  ready %.0f ms\n",
+      size.width, size.height, load.framesPerSecond, load.clients, load.take.c_str(),
+      static_cast<unsigned long long>(result.fed),
+      static_cast<unsigned long long>(result.delivered),
+      static_cast<unsigned long long>(result.recorded), static_cast<long long>(result.droppedRaw),
+      static_cast<long long>(result.creditDrops), static_cast<long long>(result.sendDrops),
+      static_cast<long long>(result.takeThrottled), result.p50, result.p95, result.p99,
+      result.cpuMilliseconds, result.pageFaults, result.peakMegabytes, result.readyMilliseconds);
+  std::fflush(stdout);
+}
+
+}  // namespace lumora::bench

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bench/camera_clip.h"
+
+namespace lumora::bench {
+
+struct PipelineReport {
+  double cpuSeconds = 0;   // of the program and what it waited for
+  double wallSeconds = 0;  // from launch to end
+  double peakMegabytes = 0;
+};
+
+// Runs a program that reads `frames` raw pictures from its standard input, as fast as it takes
+// them. Throws std::runtime_error when it fails.
+PipelineReport runPipeline(const std::vector<std::string>& command, const CameraClip& clip,
+                           int frames);
+
+}  // namespace lumora::bench

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+namespace lumora::tools {
+
+// User and system time together.
+double cpuSeconds(const rusage& usage);
+
+// The most memory that a running process has held so far. (What `wait4` tells counts in what its
+// parent held when it was started.)
+double peakMegabytes(pid_t process);
+
+}  // namespace lumora::tools
