@@ -203,10 +203,7 @@ Resampler::Resampler(const ImageView& source, const MutableImageView& destinatio
       horizontal_(
           makeResampleAxis(static_cast<int>(source.width), static_cast<int>(destination.width), 4)),
       vertical_(makeResampleAxis(static_cast<int>(source.height),
-                                 static_cast<int>(destination.height), 1)),
-      columnSums_(static_cast<std::size_t>(source.width) * 4 +
-                  static_cast<std::size_t>(horizontal_.taps) * 4 + lanesOfSlack),
-      rows_(static_cast<std::size_t>(vertical_.taps)) {
+                                 static_cast<int>(destination.height), 1)) {
   pixelWeights_.reserve(horizontal_.weights.size() * 4);
   for (const std::int16_t weight : horizontal_.weights) {
     pixelWeights_.insert(pixelWeights_.end(), 4, weight);
@@ -218,18 +215,23 @@ bool Resampler::matches(const ImageView& source, const MutableImageView& destina
          width_ == destination.width && height_ == destination.height;
 }
 
-void Resampler::run(const ImageView& source, const MutableImageView& destination) {
-  for (std::int64_t y = 0; y < height_; ++y) {
+void Resampler::run(const ImageView& source, const MutableImageView& destination, std::int64_t from,
+                    std::int64_t to, Workspace& workspace) const {
+  auto& [columnSums, rows] = workspace;
+  rows.resize(static_cast<std::size_t>(vertical_.taps));
+  const auto rowValues = static_cast<std::size_t>(sourceWidth_ + horizontal_.taps) * 4;
+  columnSums.resize(std::max(columnSums.size(), rowValues + lanesOfSlack));
+  for (std::int64_t y = from; y < to; ++y) {
     const auto index = static_cast<std::size_t>(y);
-    for (std::size_t k = 0; k < rows_.size(); ++k) {
+    for (std::size_t k = 0; k < rows.size(); ++k) {
       const auto row = vertical_.first[index] + static_cast<std::ptrdiff_t>(k);
-      rows_[k] = source.pixels + row * source.stride;
+      rows[k] = source.pixels + row * source.stride;
     }
     HWY_DYNAMIC_DISPATCH(sumRows)
-    (rows_.data(), vertical_.weights.data() + index * rows_.size(), vertical_.taps,
-     static_cast<std::size_t>(sourceWidth_) * 4, columnSums_.data());
+    (rows.data(), vertical_.weights.data() + index * rows.size(), vertical_.taps,
+     static_cast<std::size_t>(sourceWidth_) * 4, columnSums.data());
     HWY_DYNAMIC_DISPATCH(sumColumns)
-    (columnSums_.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
+    (columnSums.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
      static_cast<std::size_t>(width_), destination.pixels + (height_ - 1 - y) * destination.stride);
   }
 }

@@ -34,8 +34,16 @@ class Resampler {
 
   bool matches(const ImageView& source, const MutableImageView& destination) const;
 
-  // Resamples RGBA into BGRA and turns the picture upside down. One thread at a time.
-  void run(const ImageView& source, const MutableImageView& destination);
+  // What one thread needs besides; it grows to what the resampler needs.
+  struct Workspace {
+    std::vector<std::int16_t> columnSums;   // one source-wide row
+    std::vector<const std::uint8_t*> rows;  // the source rows of one destination row
+  };
+
+  // Resamples RGBA into BGRA and turns the picture upside down; only what becomes of the
+  // destination's rows `from` to before `to`, counted before it is turned.
+  void run(const ImageView& source, const MutableImageView& destination, std::int64_t from,
+           std::int64_t to, Workspace& workspace) const;
 
  private:
   std::int64_t sourceWidth_;
@@ -45,8 +53,6 @@ class Resampler {
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
   std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights`, four of each
-  std::vector<std::int16_t> columnSums_;    // one source-wide row
-  std::vector<const std::uint8_t*> rows_;   // the source rows of one destination row
 };
 
 }  // namespace lumora

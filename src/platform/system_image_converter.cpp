@@ -10,6 +10,8 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 4;
+// Below this the work is done before another thread has woken up.
+constexpr std::int64_t pixelsForTwoThreads = 640 * 360;
 
 bool isUsable(std::int64_t width, std::int64_t height, const void* pixels) {
   return pixels != nullptr && width > 0 && height > 0 && width <= Resampler::maximumSide &&
@@ -34,12 +36,23 @@ bool SystemImageConverter::convert(const ImageView& source, const MutableImageVi
     averageBoxes(source, destination);
     return true;
   }
-  resamplerFor(source, destination).run(source, destination);
+  resample(source, destination);
   return true;
 }
 
-Resampler& SystemImageConverter::resamplerFor(const ImageView& source,
-                                              const MutableImageView& destination) {
+void SystemImageConverter::resample(const ImageView& source, const MutableImageView& destination) {
+  const Resampler& resampler = resamplerFor(source, destination);
+  const std::int64_t height = destination.height;
+  if (source.width * source.height < pixelsForTwoThreads) {
+    return resampler.run(source, destination, 0, height, upper_);
+  }
+  if (!secondThread_) secondThread_ = std::make_unique<SecondThread>();
+  secondThread_->runBoth([&] { resampler.run(source, destination, 0, height / 2, upper_); },
+                         [&] { resampler.run(source, destination, height / 2, height, lower_); });
+}
+
+const Resampler& SystemImageConverter::resamplerFor(const ImageView& source,
+                                                    const MutableImageView& destination) {
   const auto found = std::ranges::find_if(
       resamplers_, [&](const auto& kept) { return kept->matches(source, destination); });
   if (found != resamplers_.end()) return **found;

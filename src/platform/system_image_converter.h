@@ -5,19 +5,25 @@
 
 #include "platform/image.h"
 #include "platform/resampler.h"
+#include "platform/second_thread.h"
 
 namespace lumora {
 
-// libyuv where the sizes are equal, our own resampler where they differ. Keeps the resamplers of
-// the last few size pairs, since preview and recording alternate.
+// libyuv where the sizes are equal, our own resampler where they differ, on two threads: nothing
+// else runs while a picture is converted, and every millisecond of it counts as latency. Keeps the
+// resamplers of the last few size pairs, since preview and recording alternate.
 class SystemImageConverter final : public ImageConverter {
  public:
   bool convert(const ImageView& source, const MutableImageView& destination) override;
 
  private:
-  Resampler& resamplerFor(const ImageView& source, const MutableImageView& destination);
+  void resample(const ImageView& source, const MutableImageView& destination);
+  const Resampler& resamplerFor(const ImageView& source, const MutableImageView& destination);
 
   std::deque<std::unique_ptr<Resampler>> resamplers_;  // most recent pairs last
+  Resampler::Workspace upper_;
+  Resampler::Workspace lower_;
+  std::unique_ptr<SecondThread> secondThread_;  // from the first large picture on
 };
 
 }  // namespace lumora
