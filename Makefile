@@ -2,7 +2,7 @@
 #
 #   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera)
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
-#   make bench   measure conversion and the movie writer beside their physical limits
+#   make bench   measure the helper beside other tools and beside what bounds it (half an hour)
 #   make lint    formatting and static analysis
 
 JOBS ?= $(shell nproc)
@@ -22,11 +22,22 @@ demo: dependencies
 test: dependencies
 	scripts/test.sh $(JOBS)
 
+BENCH = build/release/bench
+HELPER = build/release/src/lumora-video
+
 bench: dependencies
+	scripts/install_dependencies.sh gstreamer1.0-tools gstreamer1.0-plugins-base \
+	  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly \
+	  python3-matplotlib
 	cmake --preset release >/dev/null
-	cmake --build --preset release -j $(JOBS) -t lumora-micro
+	cmake --build --preset release -j $(JOBS)
 	mkdir -p $(OUT)
-	build/release/bench/lumora-micro --benchmark_out=$(OUT)/micro.json
+	$(BENCH)/lumora-micro --benchmark_out=$(OUT)/micro.json
+	$(BENCH)/lumora-presets
+	$(BENCH)/lumora-takes $(HELPER)
+	$(BENCH)/lumora-paced $(HELPER) 4 | tee $(OUT)/growth.txt
+	$(BENCH)/lumora-compare $(HELPER) $(OUT)
+	python3 bench/plot.py $(OUT)/bench.json $(OUT)/bench.png
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)

@@ -168,7 +168,7 @@ CameraClip::CameraClip(client::FrameSize size, int frames) : size_(size) {
     }
     frames_.emplace_back(frame.get(), size.bytes());
   }
-  runPipeline({"cat"}, *this, frames);
+  runPipeline({"cat"}, *this, firstNumbers(frames));
 }
 
 std::span<const std::uint8_t> CameraClip::next(std::uint64_t number, double) {

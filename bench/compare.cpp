@@ -31,14 +31,18 @@ constexpr int costRate = 30;       // frames a second at which nobody is in a hu
 constexpr double rateSeconds = 4;  // of each measurement at 60 frames a second
 constexpr double longSeconds = 60;
 
-// What one run of one contender gave; a value it can't give is missing.
-using Figures = Event;
+// What one run of one contender gave.
+struct Run {
+  Event figures;                           // numbers by name; one that it can't give is missing
+  std::vector<std::uint64_t> inPreview{};  // the numbers of the frames in its files
+  std::vector<std::uint64_t> inTake{};
+};
 
 struct Contender {
   std::string name;
-  std::function<Figures()> run;
+  std::function<Run()> run;
   Outputs outputs;  // judged after the last round; empty: none
-  std::vector<Figures> rounds;
+  std::vector<Run> rounds;
 };
 
 double perFrame(double seconds) { return seconds * 1000 / frames; }
@@ -47,38 +51,45 @@ std::uint64_t sizeOf(const std::string& path) {
   return static_cast<std::uint64_t>(std::filesystem::file_size(path));
 }
 
-Figures runPeer(const std::vector<std::string>& command, const CameraClip& clip,
-                const Outputs& outputs) {
-  const PipelineReport report = runPipeline(command, clip, frames);
-  return {{"cpu_ms", perFrame(report.cpuSeconds)},
-          {"fps", frames / report.wallSeconds},
-          {"peak_mb", report.peakMegabytes},
-          {"preview_bytes", sizeOf(outputs.preview)},
-          {"take_bytes", sizeOf(outputs.take)}};
+Run runPeer(const std::vector<std::string>& command, CameraClip& clip, const Outputs& outputs) {
+  const PipelineReport report = runPipeline(command, clip, firstNumbers(frames));
+  return {{{"cpu_ms", perFrame(report.cpuSeconds)},
+           {"fps", frames / report.wallSeconds},
+           {"peak_mb", report.peakMegabytes},
+           {"preview_bytes", sizeOf(outputs.preview)},
+           {"take_bytes", sizeOf(outputs.take)}},
+          firstNumbers(frames),
+          firstNumbers(frames)};
 }
 
 // Two runs: at a rate that it keeps easily, for the cost; at 60 a second, for what gets through.
-Figures runHelper(const PacedLoad& load, CameraClip& clip) {
+Run runHelper(const PacedLoad& load, CameraClip& clip) {
   PacedLoad calm = load;
   calm.framesPerSecond = costRate;
   calm.seconds = static_cast<double>(frames) / costRate;
   calm.targetFPS = 60;
   const PacedResult cost = runPacedLoad(calm, clip);
-  if (!cost.isComplete()) std::fprintf(stderr, "the helper dropped frames at %d fps\n", costRate);
   PacedLoad hurried = load;
   hurried.seconds = rateSeconds;
   hurried.previewPath = hurried.takePath = "";
   const PacedResult rate = runPacedLoad(hurried, clip);
-  return {{"cpu_ms", cost.cpuMilliseconds},
-          {"fps", static_cast<double>(std::min(rate.delivered, rate.recorded)) / rate.fedSeconds},
-          {"peak_mb", std::max(cost.peakMegabytes, rate.peakMegabytes)},
-          {"preview_bytes", cost.previewBytes},
-          {"take_bytes", sizeOf(load.takePath)},
-          {"page_faults", cost.pageFaults},
-          {"ready_ms", cost.readyMilliseconds},
-          {"p50_ms", cost.p50},
-          {"p95_ms", cost.p95},
-          {"p99_ms", cost.p99}};
+  Run run{{{"cpu_ms", cost.cpuMilliseconds},
+           {"fps", static_cast<double>(std::min(rate.delivered, rate.recorded)) / rate.fedSeconds},
+           {"peak_mb", std::max(cost.peakMegabytes, rate.peakMegabytes)},
+           {"preview_bytes", cost.previewBytes},
+           {"take_bytes", sizeOf(load.takePath)},
+           {"page_faults", cost.pageFaults},
+           {"ready_ms", cost.readyMilliseconds},
+           {"p50_ms", cost.p50},
+           {"p95_ms", cost.p95},
+           {"p99_ms", cost.p99}}};
+  run.inPreview = cost.deliveredFrames;
+  // The take has the same frames, but for the last one when it was captured after the stop.
+  if (cost.takeDropped == 0 && cost.takeThrottled == 0) {
+    run.inTake.assign(cost.deliveredFrames.begin(),
+                      cost.deliveredFrames.begin() + static_cast<std::ptrdiff_t>(cost.recorded));
+  }
+  return run;
 }
 
 // The bound's pictures are ready before the measurement.
@@ -87,15 +98,15 @@ struct ReadyClip {
   std::vector<Bytes> take;
 };
 
-Figures runBound(const ReadyClip& ready, const std::string& preset) {
+Run runBound(const ReadyClip& ready, const std::string& preset) {
   const EncodersReport report =
       encodeAlone({{previewSettings(preset), ready.preview},
                    {takeSettings(camera.width, camera.height, preset), ready.take}},
                   frames);
-  return {{"cpu_ms", perFrame(report.cpuSeconds)},
-          {"fps", frames / report.wallSeconds},
-          {"preview_bytes", report.streams[0].size()},
-          {"take_bytes", report.streams[1].size()}};
+  return {{{"cpu_ms", perFrame(report.cpuSeconds)},
+           {"fps", frames / report.wallSeconds},
+           {"preview_bytes", report.streams[0].size()},
+           {"take_bytes", report.streams[1].size()}}};
 }
 
 std::vector<Contender> makeContenders(const std::string& helper, const std::string& preset,
@@ -131,11 +142,11 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
 }
 
 // Median and range of every figure over the rounds.
-Event summarise(const std::vector<Figures>& rounds) {
+Event summarise(const std::vector<Run>& rounds) {
   Event summary = Event::object();
-  for (const auto& [key, first] : rounds.front().items()) {
+  for (const auto& [key, first] : rounds.front().figures.items()) {
     std::vector<double> values;
-    for (const Figures& figures : rounds) values.push_back(figures.at(key));
+    for (const Run& run : rounds) values.push_back(run.figures.at(key));
     summary[key] = {{"median", tools::percentile(values, 0.5)},
                     {"low", tools::percentile(values, 0)},
                     {"high", tools::percentile(values, 1)}};
@@ -153,24 +164,31 @@ void printRow(const std::string& name, const Event& row) {
     }
     return std::string(text);
   };
-  std::printf("%-24s %-20s %-20s %-14s %8.2f %8.2f  %.4f  %.4f\n", name.c_str(),
+  const auto ssim = [&row](const char* key) {
+    return row.contains(key) ? std::to_string(row[key].get<double>()).substr(0, 6) : "-";
+  };
+  std::printf("%-24s %-20s %-20s %-14s %8.2f %8.2f  %-6s  %s\n", name.c_str(),
               cell("cpu_ms", 1).c_str(), cell("fps", 1).c_str(), cell("peak_mb", 0).c_str(),
               row["take_bytes"]["median"].get<double>() / 1e6,
-              row["preview_bytes"]["median"].get<double>() / 1e6, row.value("ssim_take", 0.0),
-              row.value("ssim_preview", 0.0));
+              row["preview_bytes"]["median"].get<double>() / 1e6, ssim("ssim_take").c_str(),
+              ssim("ssim_preview").c_str());
   std::fflush(stdout);
 }
 
-Event comparePreset(std::vector<Contender> contenders, const CameraClip& clip, int rounds) {
+Event comparePreset(std::vector<Contender> contenders, CameraClip& clip, int rounds) {
   for (int round = 0; round < rounds; ++round) {
     for (Contender& contender : contenders) contender.rounds.push_back(contender.run());
   }
   Event rows = Event::object();
   for (const Contender& contender : contenders) {
     Event row = summarise(contender.rounds);
-    if (!contender.outputs.take.empty()) {
-      row["ssim_take"] = measureSSIM(contender.outputs.take, clip, frames, camera);
-      row["ssim_preview"] = measureSSIM(contender.outputs.preview, clip, frames, previewSize);
+    const Run& last = contender.rounds.back();
+    if (!last.inTake.empty()) {
+      row["ssim_take"] = measureSSIM(contender.outputs.take, clip, last.inTake, camera);
+    }
+    if (!last.inPreview.empty()) {
+      row["ssim_preview"] =
+          measureSSIM(contender.outputs.preview, clip, last.inPreview, previewSize);
     }
     printRow(contender.name, row);
     rows[contender.name] = row;
@@ -178,14 +196,14 @@ Event comparePreset(std::vector<Contender> contenders, const CameraClip& clip, i
   return rows;
 }
 
-// The highest rate of a ladder at which every frame is delivered and recorded.
+// The highest rate of a ladder at which nothing is lost once it has started.
 int highestRate(const PacedLoad& load, CameraClip& clip) {
   for (const int rate : {60, 56, 52, 48, 44, 40, 36, 33, 30, 25, 20}) {
     PacedLoad step = load;
     step.framesPerSecond = rate;
     step.targetFPS = 60;
     step.seconds = rateSeconds;
-    if (runPacedLoad(step, clip).isComplete()) return rate;
+    if (runPacedLoad(step, clip).isSteady()) return rate;
   }
   return 0;
 }
@@ -198,6 +216,7 @@ Event runLong(const std::string& helper, const char* take, CameraClip& clip) {
           {"delivered", result.delivered},
           {"recorded", result.recorded},
           {"dropped_raw", result.droppedRaw},
+          {"lost_at_start", result.lostAtStart},
           {"credit_drops", result.creditDrops},
           {"throttled", result.takeThrottled},
           {"p50_ms", result.p50},

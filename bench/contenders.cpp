@@ -58,7 +58,7 @@ std::vector<std::string> gstreamerCommand(client::FrameSize size, const std::str
   return words("gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(size.bytes()) +
                " ! rawvideoparse format=rgba width=" + std::to_string(size.width) +
                " height=" + std::to_string(size.height) +
-               " framerate=60/1 ! videoflip method=vertical-flip ! tee name=t" +
+               " framerate=60/1 ! videoflip video-direction=vert ! tee name=t" +
                " t. ! queue ! videoscale ! videoconvert ! " + format + ",width=640,height=360" +
                gstreamerEncoder(preset, "baseline", 4, 1) +
                ",stream-format=byte-stream ! filesink location=" + outputs.preview +

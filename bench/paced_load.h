@@ -3,6 +3,7 @@
 // The helper under a steady load: what it drops, how late its preview is, what it costs.
 
 #include <string>
+#include <vector>
 
 #include "client/helper_process.h"
 #include "tools/frame_source.h"
@@ -25,6 +26,8 @@ struct PacedResult {
   std::uint64_t fed = 0;        // frames
   std::uint64_t delivered = 0;  // frame packets that a client received, on average
   std::uint64_t recorded = 0;
+  std::uint64_t lostAtStart = 0;  // frames of the first second that were not delivered
+  std::vector<std::uint64_t> deliveredFrames = {};  // their numbers, over all clients
   std::int64_t droppedRaw = 0;  // frames that came while another one was in flight
   std::int64_t creditDrops = 0;
   std::int64_t sendDrops = 0;
@@ -40,9 +43,10 @@ struct PacedResult {
   double fedSeconds = 0;
   double previewBytes = 0;  // per client
 
-  bool isComplete() const {
-    return droppedRaw == 0 && creditDrops == 0 && sendDrops == 0 && takeDropped == 0 &&
-           takeThrottled == 0;
+  // Whether nothing was lost after the first second.
+  bool isSteady() const {
+    return droppedRaw <= static_cast<std::int64_t>(lostAtStart) && creditDrops == 0 &&
+           sendDrops == 0 && takeDropped == 0;
   }
 };
 

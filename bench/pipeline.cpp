@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <numeric>
 #include <stdexcept>
 #include <system_error>
 
@@ -50,8 +51,8 @@ bool writeAll(int to, std::span<const std::uint8_t> bytes) {
 
 }  // namespace
 
-PipelineReport runPipeline(const std::vector<std::string>& command, const CameraClip& clip,
-                           int frames) {
+PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
+                           const std::vector<std::uint64_t>& numbers) {
   std::signal(SIGPIPE, SIG_IGN);
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
@@ -63,10 +64,8 @@ PipelineReport runPipeline(const std::vector<std::string>& command, const Camera
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = launch(command, output.get());
   output.reset();
-  for (int i = 0; i < frames; ++i) {
-    if (!writeAll(input.get(), clip.frames()[static_cast<std::size_t>(i) % clip.frames().size()])) {
-      break;
-    }
+  for (const std::uint64_t number : numbers) {
+    if (!writeAll(input.get(), clip.next(number, 0))) break;
   }
   const double peak = tools::peakMegabytes(child);
   input.reset();
@@ -78,6 +77,12 @@ PipelineReport runPipeline(const std::vector<std::string>& command, const Camera
   }
   return {tools::cpuSeconds(usage),
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), peak};
+}
+
+std::vector<std::uint64_t> firstNumbers(int count) {
+  std::vector<std::uint64_t> numbers(static_cast<std::size_t>(count));
+  std::iota(numbers.begin(), numbers.end(), 1);
+  return numbers;
 }
 
 }  // namespace lumora::bench

@@ -13,9 +13,12 @@ struct PipelineReport {
   double peakMegabytes = 0;
 };
 
-// Runs a program that reads `frames` raw pictures from its standard input, as fast as it takes
-// them. Throws std::runtime_error when it fails.
-PipelineReport runPipeline(const std::vector<std::string>& command, const CameraClip& clip,
-                           int frames);
+// Runs a program that reads the clip's frames of these numbers from its standard input, as fast as
+// it takes them. Throws std::runtime_error when it fails.
+PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
+                           const std::vector<std::uint64_t>& numbers);
+
+// 1 to `count`.
+std::vector<std::uint64_t> firstNumbers(int count);
 
 }  // namespace lumora::bench

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "bench/encoders_alone.h"
+#include "bench/pipeline.h"
 #include "bench/ssim.h"
 #include "tools/paced_run.h"
 
@@ -63,18 +64,18 @@ void measure(Choice& choice, EncoderLoad preview, EncoderLoad take) {
   choice.streams = std::move(report.streams);
 }
 
-double ssimOf(const Bytes& stream, const CameraClip& clip, client::FrameSize size) {
+double ssimOf(const Bytes& stream, CameraClip& clip, client::FrameSize size) {
   const std::string path = std::filesystem::temp_directory_path() / "lumora-presets.h264";
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(stream.data()),
              static_cast<std::streamsize>(stream.size()));
-  const double ssim = measureSSIM(path, clip, frames, size);
+  const double ssim = measureSSIM(path, clip, firstNumbers(frames), size);
   std::filesystem::remove(path);
   return ssim;
 }
 
 void compare(client::FrameSize size) {
-  const CameraClip clip({1920, 1080}, 60);
+  CameraClip clip({1920, 1080}, 60);
   const auto previews = readyPictures(clip, 640, 360);
   const auto pictures = readyPictures(clip, size.width, size.height);
   std::vector<Choice> choices = makeChoices();

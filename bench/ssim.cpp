@@ -8,8 +8,8 @@
 
 namespace lumora::bench {
 
-double measureSSIM(const std::string& path, const CameraClip& clip, int frames,
-                   client::FrameSize size) {
+double measureSSIM(const std::string& path, CameraClip& clip,
+                   const std::vector<std::uint64_t>& numbers, client::FrameSize size) {
   const std::string wanted = std::to_string(size.width) + ":" + std::to_string(size.height);
   const std::string camera =
       std::to_string(clip.size().width) + "x" + std::to_string(clip.size().height);
@@ -23,7 +23,7 @@ double measureSSIM(const std::string& path, const CameraClip& clip, int frames,
                "ffmpeg -nostdin -hide_banner -loglevel info -f rawvideo -pix_fmt rgba -r 60 -s " +
                    camera + " -i pipe:0 -i '" + path + "' -filter_complex '" + filter.str() +
                    "' -f null - 2> '" + result + "'"},
-              clip, frames);
+              clip, numbers);
   std::ifstream file(result);
   const std::string text(std::istreambuf_iterator<char>(file), {});
   std::remove(result.c_str());

@@ -7,8 +7,8 @@
 namespace lumora::bench {
 
 // How alike a video file and the clip it was made from are, by ffmpeg's measure: 1 is the same.
-// Frame n of the file is taken to be frame n of the clip, scaled to fit between black bars.
-double measureSSIM(const std::string& path, const CameraClip& clip, int frames,
-                   client::FrameSize size);
+// The file's frames are the clip's of these numbers, scaled to fit between black bars.
+double measureSSIM(const std::string& path, CameraClip& clip,
+                   const std::vector<std::uint64_t>& numbers, client::FrameSize size);
 
 }  // namespace lumora::bench

@@ -48,10 +48,12 @@ Status usePictureMemory(AVFrame& frame) {
   const int filled = av_image_fill_arrays(frame.data, frame.linesize, memory.get(), format,
                                           frame.width, frame.height, planeAlignment);
   if (filled < 0) return filled;
-  const auto free = [](void*, std::uint8_t* bytes) { PictureMemory{bytes}.reset(); };
-  frame.buf[0] = av_buffer_create(memory.get(), static_cast<std::size_t>(size), free, nullptr, 0);
+  auto owner = std::make_unique<PictureMemory>(std::move(memory));
+  const auto free = [](void* held, std::uint8_t*) { delete static_cast<PictureMemory*>(held); };
+  frame.buf[0] =
+      av_buffer_create(owner->get(), static_cast<std::size_t>(size), free, owner.get(), 0);
   if (frame.buf[0] == nullptr) return AVERROR(ENOMEM);
-  memory.release();
+  owner.release();
   return 0;
 }
 

@@ -1,11 +1,13 @@
 #include "platform/libav_encoders.h"
 
 #include <algorithm>
+#include <cstring>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/libav_session.h"
+#include "platform/memory_pixel_buffers.h"
 
 namespace lumora {
 namespace {
@@ -27,27 +29,28 @@ std::vector<std::string> candidates(const std::string& choice) {
   return names;
 }
 
-// Opens an encoder and has it encode one grey picture, which also touches its memory for the first
-// time. One that holds back its first picture is of no use here, since one frame is in flight at a
-// time: null, as when it can't be opened.
+// Opens an encoder and has it encode one grey picture, which also touches its memory and that of a
+// pixel buffer for the first time. One that holds back its first picture is of no use here, since
+// one frame is in flight at a time: null, as when it can't be opened.
 std::unique_ptr<LibavEncoder> openWarm(const AVCodec& codec, const EncoderSettings& settings) {
   std::unique_ptr<LibavEncoder> encoder;
   if (LibavEncoder::open(codec, settings, encoder) < 0) return nullptr;
-  Bytes grey(
-      static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 4,
-      128);
+  MemoryPixelBufferPool pool(settings.width, settings.height);
+  std::shared_ptr<PixelBuffer> buffer;
+  if (pool.create(1, buffer) != 0) return nullptr;
+  const MutableImageView view = buffer->lock();
+  std::memset(view.pixels, 128, static_cast<std::size_t>(view.stride * view.height));
   std::shared_ptr<const EncodedSample> sample;
-  const MutableImageView view{grey.data(), settings.width, settings.height, settings.width * 4};
   return encoder->encode(view, true, sample) == 0 && sample ? std::move(encoder) : nullptr;
 }
 
 }  // namespace
 
-const AVCodec* chooseEncoder(const std::string& choice) {
+const AVCodec* chooseEncoder(const std::string& choice, const std::string& preset) {
   for (const std::string& name : candidates(choice)) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
     if (codec != nullptr && codec->id == AV_CODEC_ID_H264 &&
-        openWarm(*codec, {.width = 640, .height = 360})) {
+        openWarm(*codec, {.width = 640, .height = 360, .preset = preset})) {
       return codec;
     }
   }
@@ -60,9 +63,9 @@ LibavEncoders::LibavEncoders(const std::string& choice, std::vector<EncoderSetti
   for (EncoderSettings& settings : expected) settings.preset = preset_;
   std::promise<const AVCodec*> chosen;
   codec_ = chosen.get_future().share();
-  std::thread([name = choice.substr(0, colon), expected = std::move(expected), spares = spares_,
-               chosen = std::move(chosen)]() mutable {
-    const AVCodec* codec = chooseEncoder(name);
+  std::thread([name = choice.substr(0, colon), preset = preset_, expected = std::move(expected),
+               spares = spares_, chosen = std::move(chosen)]() mutable {
+    const AVCodec* codec = chooseEncoder(name, preset);
     chosen.set_value(codec);
     if (codec == nullptr) return;
     for (const EncoderSettings& settings : expected) {

@@ -113,14 +113,17 @@ TEST_F(Input, AParentThatNeverReadsEventsBlocksNothing) {
 }
 
 TEST_F(Input, WithoutTheRequiredEncoderTheFirstPreviewFrameFails) {
-  start({}, {{"TAVO_H264_ENCODER", "no-such-encoder"}});
-  const auto viewer = connectClient();
-  feed({320, 240}, plain({320, 240}, {1, 2, 3}));
-  const auto event = helper->nextEvent("error", 20);
-  ASSERT_TRUE(event);
-  EXPECT_THAT(event->at("message").get<std::string>(),
-              testing::StartsWith("hardware encoder creation failed (-"));
-  EXPECT_EQ(exitCode(), 1);
+  for (const char* choice : {"no-such-encoder", "software:no-such-preset"}) {
+    start({}, {{"TAVO_H264_ENCODER", choice}});
+    const auto viewer = connectClient();
+    feed({320, 240}, plain({320, 240}, {1, 2, 3}));
+    const auto event = helper->nextEvent("error", 20);
+    ASSERT_TRUE(event);
+    EXPECT_THAT(event->at("message").get<std::string>(),
+                testing::StartsWith("hardware encoder creation failed (-"));
+    EXPECT_EQ(exitCode(), 1);
+    lastID = 0;
+  }
 }
 
 }  // namespace
