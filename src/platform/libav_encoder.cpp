@@ -53,7 +53,7 @@ Status usePictureMemory(AVFrame& frame) {
   frame.buf[0] =
       av_buffer_create(owner->get(), static_cast<std::size_t>(size), free, owner.get(), 0);
   if (frame.buf[0] == nullptr) return AVERROR(ENOMEM);
-  owner.release();
+  static_cast<void>(owner.release());  // the frame has it now
   return 0;
 }
 

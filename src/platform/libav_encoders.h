@@ -29,8 +29,8 @@ class LibavEncoders final : public Encoders {
   std::shared_future<const AVCodec*> codec_;
 };
 
-// The encoder that `choice` means on this machine, or null when none opens with this preset. Takes up to tenths of
-// a second; any thread.
+// The encoder that `choice` means on this machine, or null when none opens with this preset. Takes
+// up to tenths of a second; any thread.
 const AVCodec* chooseEncoder(const std::string& choice, const std::string& preset);
 
 }  // namespace lumora
