@@ -32,7 +32,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
     EXPECT_EQ(file.number("height"), height);
     EXPECT_EQ(file.value("time_base"), "1/60000");
     EXPECT_NEAR(static_cast<double>(file.number("duration_ts")), 0.7 * 60000, 1);
-    EXPECT_GE(file.number("nb_read_frames"), 3);
+    EXPECT_GE(file.number("nb_read_frames"), 1);
     EXPECT_LE(file.number("nb_read_frames"), 22);  // 0.7 s at 30 a second
     EXPECT_EQ(file.value("nb_frames"), file.value("nb_read_frames"));
     EXPECT_EQ(file.value("color_space"), "smpte170m");
