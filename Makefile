@@ -37,7 +37,7 @@ bench: dependencies
 	$(BENCH)/lumora-takes $(HELPER)
 	$(BENCH)/lumora-paced $(HELPER) 4 | tee $(OUT)/growth.txt
 	$(BENCH)/lumora-compare $(HELPER) $(OUT)
-	python3 bench/plot.py $(OUT)/bench.json $(OUT)/bench.png
+	/usr/bin/python3 bench/plot.py $(OUT)/bench.json $(OUT)/bench.png
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)

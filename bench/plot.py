@@ -33,8 +33,10 @@ def draw_panel(axes, presets, key, title, scale):
     position, ticks, values = 0, [], []
     for preset, rows in presets.items():
         start = position
-        for name, row in rows.items():
-            value = row.get(key)
+        for name in COLOURS:
+            if name not in rows:
+                continue
+            value = rows[name].get(key)
             if value is not None:
                 if not isinstance(value, dict):
                     value = {"median": value, "low": value, "high": value}
