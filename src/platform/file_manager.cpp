@@ -5,11 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <future>
+#include <thread>
+#include <utility>
 
 namespace lumora {
 namespace {
+
+constexpr std::chrono::seconds longestRemoval{1};
 
 // A new name is safe against power loss only once its directory has reached the disk.
 void syncDirectoryOf(const std::string& path) {
@@ -50,6 +56,15 @@ bool PosixFileManager::move(const std::string& from, const std::string& to) {
   return true;
 }
 
-void PosixFileManager::remove(const std::string& path) { unlink(path.c_str()); }
+// On a disk that hangs the removal does, too; what is to be said of it must not.
+void PosixFileManager::remove(const std::string& path) {
+  std::promise<void> removed;
+  const std::future<void> done = removed.get_future();
+  std::thread([path, removed = std::move(removed)]() mutable {
+    unlink(path.c_str());
+    removed.set_value();
+  }).detach();
+  done.wait_for(longestRemoval);
+}
 
 }  // namespace lumora
