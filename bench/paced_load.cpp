@@ -64,8 +64,8 @@ void print(const PacedLoad& load, client::FrameSize size, const PacedResult& res
   std::printf(
       "%4dx%-4d %2d fps  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu  "
       "dropped %lld raw (%llu at the start) %lld credit %lld send  throttled %lld  latency p50 "
-      "%5.2f p95 %5.2f p99 "
-      "%5.2f ms  cpu %5.2f ms/frame  page faults %.1f/frame  peak %.0f MB  ready %.0f ms\n",
+      "%5.2f p95 %5.2f p99 %5.2f ms  cpu %5.2f ms/frame  page faults %.1f/frame  peak %.0f MB  "
+      "ready %.0f ms\n",
       size.width, size.height, load.framesPerSecond, load.clients, load.take.c_str(),
       static_cast<unsigned long long>(result.fed),
       static_cast<unsigned long long>(result.delivered),

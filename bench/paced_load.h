@@ -46,7 +46,7 @@ struct PacedResult {
   // Whether nothing was lost after the first second.
   bool isSteady() const {
     return droppedRaw <= static_cast<std::int64_t>(lostAtStart) && creditDrops == 0 &&
-           sendDrops == 0 && takeDropped == 0;
+           sendDrops == 0 && takeDropped == 0 && takeThrottled == 0;
   }
 };
 

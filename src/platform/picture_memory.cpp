@@ -13,6 +13,7 @@ namespace {
 constexpr std::size_t hugePage = std::size_t{2} << 20;
 constexpr std::size_t cacheLine = 64;
 constexpr std::size_t maximumKept = 4;
+constexpr std::size_t largestKept = std::size_t{16} << 20;  // more would hold on to too much
 
 // Freed pictures, the oldest first.
 class Kept {
@@ -28,6 +29,7 @@ class Kept {
 
   // What there is no room for any more.
   std::uint8_t* give(std::size_t size, std::uint8_t* memory) {
+    if (size > largestKept) return memory;
     const std::lock_guard hold(mutex_);
     pictures_.push_back({size, memory});
     if (pictures_.size() <= maximumKept) return nullptr;
