@@ -29,9 +29,10 @@ std::vector<std::string> candidates(const std::string& choice) {
   return names;
 }
 
-// Opens an encoder and has it encode one grey picture, which also touches its memory and that of a
-// pixel buffer for the first time. One that holds back its first picture is of no use here, since
-// one frame is in flight at a time: null, as when it can't be opened.
+// Opens an encoder and has it encode two grey pictures, a key frame and one that depends on it:
+// that touches its memory, and that of a pixel buffer, for the first time. One that holds back
+// pictures is of no use here, since one frame is in flight at a time: null, as when it can't be
+// opened.
 std::unique_ptr<LibavEncoder> openWarm(const AVCodec& codec, const EncoderSettings& settings) {
   std::unique_ptr<LibavEncoder> encoder;
   if (LibavEncoder::open(codec, settings, encoder) < 0) return nullptr;
@@ -40,36 +41,45 @@ std::unique_ptr<LibavEncoder> openWarm(const AVCodec& codec, const EncoderSettin
   if (pool.create(1, buffer) != 0) return nullptr;
   const MutableImageView view = buffer->lock();
   std::memset(view.pixels, 128, static_cast<std::size_t>(view.stride * view.height));
-  std::shared_ptr<const EncodedSample> sample;
-  return encoder->encode(view, true, sample) == 0 && sample ? std::move(encoder) : nullptr;
+  for (const bool keyFrame : {true, false}) {
+    std::shared_ptr<const EncodedSample> sample;
+    if (encoder->encode(view, keyFrame, sample) != 0 || !sample) return nullptr;
+  }
+  return encoder;
 }
 
-}  // namespace
-
-const AVCodec* chooseEncoder(const std::string& choice, const std::string& preset) {
-  for (const std::string& name : candidates(choice)) {
+// The first of `names` that works with these settings, and an encoder of it; null when none does.
+const AVCodec* chooseEncoder(const std::vector<std::string>& names, const EncoderSettings& settings,
+                             std::unique_ptr<LibavEncoder>& encoder) {
+  for (const std::string& name : names) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
-    if (codec != nullptr && codec->id == AV_CODEC_ID_H264 &&
-        openWarm(*codec, {.width = 640, .height = 360, .preset = preset})) {
-      return codec;
-    }
+    if (codec == nullptr || codec->id != AV_CODEC_ID_H264) continue;
+    encoder = openWarm(*codec, settings);
+    if (encoder) return codec;
   }
   return nullptr;
 }
+
+}  // namespace
 
 LibavEncoders::LibavEncoders(const std::string& choice, std::vector<EncoderSettings> expected) {
   const auto colon = std::min(choice.find(':'), choice.size());
   if (colon < choice.size()) preset_ = choice.substr(colon + 1);
   for (EncoderSettings& settings : expected) settings.preset = preset_;
+  spares_->expect(expected);
   std::promise<const AVCodec*> chosen;
   codec_ = chosen.get_future().share();
-  std::thread([name = choice.substr(0, colon), preset = preset_, expected = std::move(expected),
-               spares = spares_, chosen = std::move(chosen)]() mutable {
-    const AVCodec* codec = chooseEncoder(name, preset);
+  std::thread([names = candidates(choice.substr(0, colon)), preset = preset_,
+               expected = std::move(expected), spares = spares_,
+               chosen = std::move(chosen)]() mutable {
+    // Of a size that every encoder takes, and that most previews have.
+    const EncoderSettings probe{.width = 640, .height = 360, .preset = preset};
+    std::unique_ptr<LibavEncoder> probed;
+    const AVCodec* codec = chooseEncoder(names, probe, probed);
     chosen.set_value(codec);
     if (codec == nullptr) return;
     for (const EncoderSettings& settings : expected) {
-      if (auto encoder = openWarm(*codec, settings)) spares->give(settings, std::move(encoder));
+      spares->give(settings, settings == probe ? std::move(probed) : openWarm(*codec, settings));
     }
   }).detach();
 }

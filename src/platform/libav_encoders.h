@@ -1,8 +1,8 @@
 #pragma once
 
 // Chooses the H.264 encoder of this run and makes sessions with it. The choice is made once, on a
-// thread of its own from construction on: probing opens each candidate and encodes one picture
-// with it, which also pays the first encoder's set-up before the first frame comes.
+// thread of its own from construction on: probing opens each candidate and has it encode,
+// which also pays the first encoder's set-up before the first frame comes.
 
 #include <future>
 #include <string>
@@ -28,9 +28,5 @@ class LibavEncoders final : public Encoders {
   std::string preset_;
   std::shared_future<const AVCodec*> codec_;
 };
-
-// The encoder that `choice` means on this machine, or null when none opens with this preset. Takes
-// up to tenths of a second; any thread.
-const AVCodec* chooseEncoder(const std::string& choice, const std::string& preset);
 
 }  // namespace lumora

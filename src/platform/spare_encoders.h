@@ -4,6 +4,7 @@
 // longer than a frame lasts at 60 a second, so a session takes over a spare one where its settings
 // fit, and gives it back in the end. Any thread.
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -14,9 +15,12 @@ namespace lumora {
 
 class SpareEncoders {
  public:
-  // A spare encoder of these settings, or null.
+  // Announces one encoder of each of these settings: somebody is opening them and gives them.
+  void expect(const std::vector<EncoderSettings>& settings);
+  // A spare encoder of these settings, or null. Waits for an expected one.
   std::unique_ptr<LibavEncoder> take(const EncoderSettings& settings);
-  // Keeps `encoder`, in place of another one for the same kind of session.
+  // Keeps `encoder`, in place of another one for the same kind of session; null when an expected
+  // one could not be opened.
   void give(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder);
 
  private:
@@ -25,7 +29,9 @@ class SpareEncoders {
     std::unique_ptr<LibavEncoder> encoder;
   };
 
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards the rest
+  std::condition_variable given_;
+  std::vector<EncoderSettings> expected_;
   std::vector<Spare> spares_;  // at most one per profile level
 };
 
