@@ -5,18 +5,23 @@
 #include <libyuv.h>
 
 #include <cstring>
+#include <new>
+#include <span>
 
 #include "encode/picture_size.h"
-#include "platform/libav_encoder.h"
+#include "platform/picture_memory.h"
 #include "platform/system_image_converter.h"
 
 namespace lumora {
 namespace {
 
-Bytes noise(PictureSize size) {
-  Bytes pixels(static_cast<std::size_t>(size.width * size.height * 4));
+// Memory as the service has it for its pictures, touched.
+PictureMemory picture(PictureSize size) {
+  const auto bytes = static_cast<std::size_t>(size.width * size.height * 4);
+  PictureMemory pixels = allocatePicture(bytes);
+  if (!pixels) throw std::bad_alloc();
   std::uint32_t state = 1;
-  for (auto& byte : pixels) {
+  for (std::uint8_t& byte : std::span(pixels.get(), bytes)) {
     state = state * 1664525 + 1013904223;
     byte = static_cast<std::uint8_t>(state >> 24);
   }
@@ -26,21 +31,23 @@ Bytes noise(PictureSize size) {
 void convert(benchmark::State& state) {
   const PictureSize from{state.range(0), state.range(1)};
   const PictureSize to = fitRectangle(from, {state.range(2), state.range(3)}).size;
-  const Bytes source = noise(from);
-  Bytes destination(static_cast<std::size_t>(to.width * to.height * 4));
+  const PictureMemory source = picture(from);
+  const PictureMemory destination = picture(to);
   SystemImageConverter images;
   for (auto _ : state) {
-    images.convert({source.data(), from.width, from.height, from.width * 4},
-                   {destination.data(), to.width, to.height, to.width * 4});
+    images.convert({source.get(), from.width, from.height, from.width * 4},
+                   {destination.get(), to.width, to.height, to.width * 4});
     benchmark::ClobberMemory();
   }
 }
 
 void copySource(benchmark::State& state) {
-  const Bytes source = noise({state.range(0), state.range(1)});
-  Bytes destination(source.size());
+  const PictureSize size{state.range(0), state.range(1)};
+  const PictureMemory source = picture(size);
+  const PictureMemory destination = picture(size);
   for (auto _ : state) {
-    std::memcpy(destination.data(), source.data(), source.size());
+    std::memcpy(destination.get(), source.get(),
+                static_cast<std::size_t>(size.width * size.height * 4));
     benchmark::ClobberMemory();
   }
 }
@@ -58,17 +65,17 @@ void pairs(benchmark::internal::Benchmark* bench) {
 // Permutation and flip, then 4:2:0: everything that happens to a picture that is not scaled.
 void permuteAndSubsample(benchmark::State& state) {
   const PictureSize size{1920, 1080};
-  const Bytes source = noise(size);
-  Bytes bgra(source.size());
-  Bytes planes(source.size() / 8 * 3);
-  std::uint8_t* u = planes.data() + size.width * size.height;
+  const PictureMemory source = picture(size);
+  const PictureMemory bgra = picture(size);
+  const PictureMemory planes = picture(size);
+  std::uint8_t* u = planes.get() + size.width * size.height;
   std::uint8_t* v = u + size.width * size.height / 4;
   SystemImageConverter images;
   const int width = static_cast<int>(size.width);
   for (auto _ : state) {
-    images.convert({source.data(), size.width, size.height, size.width * 4},
-                   {bgra.data(), size.width, size.height, size.width * 4});
-    libyuv::ARGBToI420(bgra.data(), width * 4, planes.data(), width, u, width / 2, v, width / 2,
+    images.convert({source.get(), size.width, size.height, size.width * 4},
+                   {bgra.get(), size.width, size.height, size.width * 4});
+    libyuv::ARGBToI420(bgra.get(), width * 4, planes.get(), width, u, width / 2, v, width / 2,
                        width, static_cast<int>(size.height));
     benchmark::ClobberMemory();
   }
