@@ -81,18 +81,18 @@ TEST_F(Disk, RefusalsAreToldInWords) {
   path = place / "no such folder" / "take.mp4";
   startTake();
   feedPaced(5, 60);
-  EXPECT_EQ(waitForOutcome()["error"], "No such file or directory");
+  EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
   path = place / (std::string(240, 'n') + ".mp4");
   startTake();
   feedPaced(5, 60);
-  EXPECT_EQ(waitForOutcome()["error"], "File name too long");
+  EXPECT_EQ(waitForTake("failed")["error"], "File name too long");
   const SmallDisk disk(place);
   if (disk.isMounted()) {
     ASSERT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     path = place / "take.mp4";
     startTake();
     feedPaced(5, 60);
-    EXPECT_EQ(waitForOutcome()["error"], "Read-only file system");
+    EXPECT_EQ(waitForTake("failed")["error"], "Read-only file system");
   }
   EXPECT_EQ(finish(), 0);
 }
@@ -110,7 +110,7 @@ TEST_F(Disk, AFullOneFailsTheTakeAndThePreviewGoesOn) {
   const Watcher watcher(connectClient());
   startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
   feedPaced(120, 60, {640, 360}, noise);
-  EXPECT_EQ(waitForOutcome()["error"], "No space left on device");
+  EXPECT_EQ(waitForTake("failed")["error"], "No space left on device");
   EXPECT_TRUE(std::filesystem::is_empty(place));
   const int before = watcher.frames();
   feedPaced(20, 60);
@@ -125,7 +125,7 @@ TEST_F(Disk, ARemovedFolderFailsTheTakeWithTheNextFragment) {
   waitForTake("recording");
   std::filesystem::remove_all(place);
   feedPaced(90, 60);
-  EXPECT_EQ(waitForOutcome()["error"], "No such file or directory");
+  EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
   expectPreviewGoesOn();
   EXPECT_EQ(finish(), 0);
 }
@@ -137,9 +137,7 @@ TEST_F(Disk, ARenamedFolderKeepsTheWholeMovie) {
   waitForTake("recording");
   std::filesystem::rename(place, folder / "renamed");
   stopTake();
-  const Event saved = waitForOutcome();
-  EXPECT_EQ(saved["state"], "saved");
-  EXPECT_EQ(saved["error"],
+  EXPECT_EQ(waitForTake("saved")["error"],
             "Final filename was unavailable. Completed video preserved at the staging path shown; "
             "rename it to .mp4.");
   const auto movie = folder / "renamed" / std::filesystem::path(stagingPath()).filename();

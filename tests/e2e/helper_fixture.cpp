@@ -1,11 +1,11 @@
 #include "tests/e2e/helper_fixture.h"
 
 #include <stdlib.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 
 namespace lumora::tests {
 
@@ -27,16 +27,45 @@ Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb b
 
 Pixels plain(FrameSize size, Rgb colour) { return quarters(size, colour, colour, colour, colour); }
 
-CommandResult runCommand(const std::string& command) {
-  CommandResult result;
+std::string outputOf(const std::string& command) {
+  std::string output;
   std::FILE* pipe = popen((command + " 2>&1").c_str(), "re");
-  if (pipe == nullptr) return result;
   std::array<char, 4096> bytes;
   while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe)) {
-    result.output.append(bytes.data(), count);
+    output.append(bytes.data(), count);
   }
-  result.status = WEXITSTATUS(pclose(pipe));
-  return result;
+  pclose(pipe);
+  return output;
+}
+
+// Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.
+std::string decodeErrors(const std::string& path) {
+  return outputOf("ffmpeg -v error -xerror -nostdin -i '" + path +
+                  "' -fps_mode passthrough -enc_time_base -1 -f null -");
+}
+
+void Picture::expect(double x, double y, Rgb colour, int tolerance) const {
+  const auto column = static_cast<std::size_t>(x * size.width);
+  const auto row = static_cast<std::size_t>(y * size.height);
+  const std::size_t at = (row * static_cast<std::size_t>(size.width) + column) * 3;
+  ASSERT_LT(at + 2, rgb.size());
+  EXPECT_NEAR(rgb[at], colour.red, tolerance) << x << "," << y;
+  EXPECT_NEAR(rgb[at + 1], colour.green, tolerance) << x << "," << y;
+  EXPECT_NEAR(rgb[at + 2], colour.blue, tolerance) << x << "," << y;
+}
+
+Picture decodeLast(const std::string& path, FrameSize size) {
+  EXPECT_EQ(decodeErrors(path), "");
+  const std::string raw = path + ".rgb";
+  outputOf("ffmpeg -v error -nostdin -y -i '" + path + "' -f rawvideo -pix_fmt rgb24 '" + raw +
+           "'");
+  std::ifstream file(raw, std::ios::binary);
+  Pixels rgb(std::istreambuf_iterator<char>(file), {});
+  std::filesystem::remove(raw);
+  const auto bytes = static_cast<std::size_t>(size.width * size.height * 3);
+  EXPECT_GE(rgb.size(), bytes);
+  rgb.erase(rgb.begin(), rgb.end() - static_cast<std::ptrdiff_t>(std::min(bytes, rgb.size())));
+  return {size, rgb};
 }
 
 Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
@@ -67,6 +96,7 @@ void HelperTest::start(std::vector<std::string> arguments,
   const auto ready = helper->nextEvent("ready", 20);
   ASSERT_TRUE(ready);
   port = ready->at("port");
+  lastID = 0;
 }
 
 std::unique_ptr<client::StreamClient> HelperTest::connect() const {

@@ -30,11 +30,20 @@ struct Rgb {
 Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight);
 Pixels plain(FrameSize size, Rgb colour);
 
-struct CommandResult {
-  int status = -1;
-  std::string output;  // both streams
+// What a command prints, on both streams.
+std::string outputOf(const std::string& command);
+// What ffmpeg complains about when it decodes the whole file; empty when it is sound.
+std::string decodeErrors(const std::string& path);
+
+// A picture as ffmpeg decodes it.
+struct Picture {
+  FrameSize size;
+  Pixels rgb;
+  // The colour at (x, y), each 0 to 1 from the top left, to within `tolerance` levels.
+  void expect(double x, double y, Rgb colour, int tolerance = 3) const;
 };
-CommandResult runCommand(const std::string& command);
+// The last picture of a file with pictures of one size.
+Picture decodeLast(const std::string& path, FrameSize size);
 
 // Receives and acknowledges on a thread of its own, as long as this object lives.
 class Watcher {

@@ -26,19 +26,12 @@ long Probe::number(const std::string& key) const {
 }
 
 Probe probe(const std::string& path) {
-  return {"\n" + runCommand("ffprobe -v error -count_frames -show_streams '" + path + "'").output};
-}
-
-// Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.
-std::string decodeErrors(const std::string& path) {
-  return runCommand("ffmpeg -v error -xerror -nostdin -i '" + path +
-                    "' -fps_mode passthrough -enc_time_base -1 -f null -")
-      .output;
+  return {"\n" + outputOf("ffprobe -v error -count_frames -show_streams '" + path + "'")};
 }
 
 void TakeTest::SetUp() {
   HelperTest::SetUp();
-  path = folder / "a take \xC3\xA9.mp4";
+  path = folder / "a take.\xC3\xA9.mp4";
 }
 
 void TakeTest::startTake(const Event& extra) {
@@ -68,20 +61,19 @@ void TakeTest::feedPaced(int count, double framesPerSecond, FrameSize size,
   }
 }
 
+Event TakeTest::take(int count, double framesPerSecond) {
+  startTake();
+  feedPaced(count, framesPerSecond);
+  stopTake();
+  return waitForTake("saved");
+}
+
 Event TakeTest::waitForTake(const std::string& state) {
   for (;;) {
     const auto event = helper->nextEvent("recording", 20);
     if (!event) throw std::runtime_error("the take never became " + state);
     if (event->at("state") == state) return *event;
     if (event->at("state") == "failed") throw std::runtime_error(event->dump());
-  }
-}
-
-Event TakeTest::waitForOutcome() {
-  for (;;) {
-    const auto event = helper->nextEvent("recording", 20);
-    if (!event) throw std::runtime_error("the take did not end");
-    if (event->at("state") == "failed" || event->at("state") == "saved") return *event;
   }
 }
 

@@ -18,8 +18,6 @@ struct Probe {
   long number(const std::string& key) const;
 };
 Probe probe(const std::string& path);
-// What ffmpeg complains about when it decodes the whole file; empty when it is sound.
-std::string decodeErrors(const std::string& path);
 
 class TakeTest : public HelperTest {
  protected:
@@ -32,10 +30,10 @@ class TakeTest : public HelperTest {
   void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360});
   void feedPaced(int count, double framesPerSecond, FrameSize size,
                  const std::array<Pixels, 2>& pictures);
+  // Records `count` frames at a steady rate; the "saved" event.
+  Event take(int count, double framesPerSecond);
   // The next "recording" event with this state; throws when the take fails first.
   Event waitForTake(const std::string& state);
-  // The event that ends the take.
-  Event waitForOutcome();
   std::string stagingPath() const { return path + "." + takeID + ".partial"; }
   std::size_t fileCount() const;
 

@@ -41,41 +41,34 @@ Converted convert(const RawFrame& frame, int width, int height, Placement placem
   return {pixelBuffer(frame, session, placement, images)};
 }
 
-TEST(Conversion, EqualSizesSwapChannelsAndFlip) {
-  RawFrame frame = makeFrame(64, 48, 0);
-  const std::uint8_t pixel[] = {10, 20, 30, 40};
-  std::copy_n(pixel, 4, frame.rgba.data() + 5 * 4);
-  const Converted converted = convert(frame, 64, 48, Placement::stretch);
-  EXPECT_EQ(converted.at(5, 47), (Pixel{30, 20, 10, 40}));
-  EXPECT_EQ(converted.at(5, 0), (Pixel{0, 0, 0, 0}));
-}
-
-TEST(Conversion, ScalingSwapsAndFlipsAsWell) {
+TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
   RawFrame frame = makeFrame(192, 108, 200);
   for (int i = 0; i < 192 * 54; ++i) {  // the bottom half of the picture is red
     const std::uint8_t red[] = {255, 0, 0, 255};
     std::copy_n(red, 4, frame.rgba.data() + i * 4);
   }
-  for (const auto& [width, height] :
-       {std::pair{64, 36}, {320, 180}, {63, 35}, {24, 200}, {10, 10}, {2, 2}, {1, 200}}) {
+  for (const auto& [width, height] : {std::pair{192, 108},
+                                      {64, 36},
+                                      {320, 180},
+                                      {63, 35},
+                                      {24, 200},
+                                      {10, 10},
+                                      {2, 2},
+                                      {1, 200}}) {
     const Converted converted = convert(frame, width, height, Placement::stretch);
-    EXPECT_EQ(converted.at(width - 1, height - 1), (Pixel{0, 0, 255, 255})) << width;
-    EXPECT_EQ(converted.at(0, 0), (Pixel{200, 200, 200, 200})) << width;
+    for (int x = 0; x < width; ++x) {
+      ASSERT_EQ(converted.at(x, height - 1), (Pixel{0, 0, 255, 255})) << width;
+      ASSERT_EQ(converted.at(x, height / 4), (Pixel{200, 200, 200, 200})) << width;
+    }
   }
 }
 
 TEST(Conversion, AspectFitLeavesZeroBars) {
-  const RawFrame frame = makeFrame(144, 108, 77);
-  const Converted wide = convert(frame, 192, 108, Placement::aspectFit);
+  const Converted wide = convert(makeFrame(144, 108, 77), 192, 108, Placement::aspectFit);
   for (const int y : {0, 54, 107}) {
     for (const int x : {0, 23, 168, 191}) EXPECT_EQ(wide.at(x, y), (Pixel{0, 0, 0, 0}));
     for (const int x : {24, 100, 167}) EXPECT_EQ(wide.at(x, y), (Pixel{77, 77, 77, 77}));
   }
-  const Converted tall = convert(frame, 64, 100, Placement::aspectFit);
-  EXPECT_EQ(tall.at(63, 25), (Pixel{0, 0, 0, 0}));
-  EXPECT_EQ(tall.at(63, 26), (Pixel{77, 77, 77, 77}));
-  EXPECT_EQ(tall.at(0, 73), (Pixel{77, 77, 77, 77}));
-  EXPECT_EQ(tall.at(0, 74), (Pixel{0, 0, 0, 0}));
 }
 
 // What is left of a sine grating of `period` source pixels after scaling 3:1, 0 to 1.
@@ -107,24 +100,6 @@ TEST(Conversion, ReductionKeepsWhatFitsAndDoesNotAlias) {
     EXPECT_LT(amplitudeAfterReduction(4, vertical), 0.1);
     EXPECT_LT(amplitudeAfterReduction(3.1, vertical), 0.03);  // would fold to a slow wave
     EXPECT_LT(amplitudeAfterReduction(2.3, vertical), 0.1);
-  }
-}
-
-TEST(Resampler, WeightsAlwaysAddUpToOne) {
-  for (const auto& [source, destination] :
-       {std::pair{1920, 640}, {1080, 608}, {720, 1080}, {2, 640}, {640, 2}, {3, 2}, {1920, 1}}) {
-    const ResampleAxis axis = makeResampleAxis(source, destination, 4);
-    for (int i = 0; i < destination; ++i) {
-      int sum = 0;
-      for (int k = 0; k < axis.taps; ++k) {
-        const int weight = axis.weights[static_cast<std::size_t>(i * axis.taps + k)];
-        sum += weight;
-        if (weight != 0) {
-          EXPECT_LT(axis.first[static_cast<std::size_t>(i)] + k, source);
-        }
-      }
-      EXPECT_EQ(sum, 1 << 14);
-    }
   }
 }
 

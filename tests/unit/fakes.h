@@ -95,7 +95,6 @@ class FakeProcess final : public Process {
   std::size_t chunk = 1 << 16;  // bytes per read
   int interruptions = 0;        // reads that fail with EINTR first
   std::vector<std::string> lines;
-  ssize_t writeError = 0;  // what writes return instead
   std::map<int, Work> signals;
   std::vector<int> exitCodes;
 };
@@ -143,11 +142,9 @@ class FakeListener final : public TcpListener {
 class FakeNetwork final : public Network {
  public:
   std::shared_ptr<TcpListener> makeListener(const std::string&, std::uint16_t) override {
-    if (refuses) throw std::system_error(std::make_error_code(std::errc::invalid_argument));
     return listener;
   }
   std::shared_ptr<FakeListener> listener = std::make_shared<FakeListener>();
-  bool refuses = false;
 };
 
 // A session whose frames the test answers.
@@ -156,7 +153,7 @@ class FakeSession final : public CompressionSession {
   FakeSession(int width, int height) : pool(width, height), size{width, height} {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
-    return property == failingProperty ? propertyStatus : 0;
+    return property == failing.first ? failing.second : 0;
   }
   Status prepareToEncodeFrames() override { return prepareStatus; }
   PixelBufferPool* pixelBufferPool() override { return hasPool ? &pool : nullptr; }
@@ -178,8 +175,7 @@ class FakeSession final : public CompressionSession {
   PictureSize size;
   bool hasPool = true;
   std::map<SessionProperty, PropertyValue> properties;
-  std::optional<SessionProperty> failingProperty;
-  Status propertyStatus = 0;
+  std::pair<std::optional<SessionProperty>, Status> failing;
   Status prepareStatus = 0;
   Status submitStatus = 0;
   std::deque<Submission> pending;

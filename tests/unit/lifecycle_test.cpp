@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
 
 #include "tests/unit/fakes.h"
@@ -25,23 +24,13 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
 }
 
-TEST(Lifecycle, ListenerFailuresEndWithOne) {
-  VideoEncoderProbe failed;
-  failed.service->start();
-  failed.network->listener->changed(ListenerState::failed);
-  EXPECT_EQ(failed.process->takeEvents("error").at(0)["message"], "video listener failed");
-  EXPECT_EQ(failed.process->exitCodes, std::vector<int>{1});
-
-  VideoEncoderProbe portless;
-  portless.network->listener->boundPort = 0;
-  portless.service->start();
-  portless.network->listener->changed(ListenerState::ready);
-  EXPECT_EQ(portless.process->takeEvents("error").at(0)["message"], "listener has no port");
-  EXPECT_EQ(portless.process->exitCodes, std::vector<int>{1});
-
-  VideoEncoderProbe impossible;
-  impossible.network->refuses = true;
-  EXPECT_THROW(impossible.service->start(), std::system_error);
+TEST(Lifecycle, AListenerWithoutAPortEndsWithOne) {
+  VideoEncoderProbe probe;
+  probe.network->listener->boundPort = 0;
+  probe.service->start();
+  probe.network->listener->changed(ListenerState::ready);
+  EXPECT_EQ(probe.process->takeEvents("error").at(0)["message"], "listener has no port");
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
 }
 
 TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
@@ -66,19 +55,6 @@ TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
   probe.run();
   EXPECT_TRUE(probe.process->lines.empty());
   EXPECT_FALSE(probe.isRawBusy());
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
-}
-
-TEST(Lifecycle, AFullPipeLosesEventsAndABrokenOneEndsTheRun) {
-  VideoEncoderProbe probe;
-  probe.becomeReady();
-  probe.process->writeError = -EAGAIN;
-  probe.clock->now += 1;
-  probe.dispatch->tick();
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-  probe.process->writeError = -EPIPE;
-  probe.clock->now += 1;
-  probe.dispatch->tick();
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 

@@ -33,16 +33,10 @@ struct Reader : testing::Test {
   VideoEncoderProbe probe;
 };
 
-TEST_F(Reader, EndsQuietlyAtOrInsideAHeader) {
+TEST_F(Reader, EndsQuietlyInsideAHeader) {
+  probe.process->input = Bytes(10);
   EXPECT_EQ(readAll(), "");
   EXPECT_EQ(exits(), std::vector<int>{0});
-  VideoEncoderProbe other;
-  other.becomeReady();
-  other.process->input = Bytes(10);
-  other.dispatch->detached.at(0)();
-  other.run();
-  EXPECT_EQ(other.process->exitCodes, std::vector<int>{0});
-  EXPECT_TRUE(other.process->lines.empty());
 }
 
 TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
@@ -55,6 +49,7 @@ TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
   };
   const Case cases[] = {{0, 0, 0, 0, 0, "invalid recording command framing"},
                         {4097, 0, 0, 0, 4097, "invalid recording command framing"},
+                        {0xFFFFFFFF, 0, 0, 0, 0, "invalid recording command framing"},
                         {9, 0, 0, 0, 8, "invalid recording command framing"},
                         {16, 0, 0, 5, 16, "invalid raw frame header"},
                         {16, 2, 2, 0, 16, "invalid raw frame header"},

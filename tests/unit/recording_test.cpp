@@ -52,8 +52,7 @@ struct Takes : testing::Test {
   // Stops the take and lets the disk finish; the outcome.
   Json finish(Json stop = Json::object()) {
     stop["type"] = "record_stop";
-    stop["id"] = takeID;
-    probe.command(stop);
+    send(stop);
     probe.run();
     writer().complete(WriterStatus::completed);
     const auto saved = events("saved");
@@ -73,22 +72,17 @@ struct Takes : testing::Test {
 using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
 TEST_F(Takes, MalformedCommandsAreFatal) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"x", "invalid recording command"},
-      {"[]", "invalid recording command"},
-      {"{\"type\":\"record_start\"}", "invalid recording command"},
-      {"{\"type\":\"record_start\",\"id\":\"6f9619ff8b86d011b42d00cf4fc964ff\"}",
-       "invalid recording command"},
-      {"{\"type\":\"record_start\",\"id\":\"6f9619ff-8b86-d011-b42d-00cf4fc964fg\"}",
-       "invalid recording command"},
-      {"{\"type\":1,\"id\":\"6f9619ff-8b86-d011-b42d-00cf4fc964ff\"}", "invalid recording command"},
-      {"{\"type\":\"pause\",\"id\":\"6f9619ff-8b86-d011-b42d-00cf4fc964ff\"}",
-       "unknown recording command"}};
-  for (const auto& [text, message] : cases) {
+  const std::string id = R"(,"id":")" + takeID + "\"}";
+  const std::string pause = R"({"type":"pause")" + id;
+  for (const std::string& text : std::initializer_list<std::string>{
+           "x", "[]", R"({"type":"record_start"})",
+           R"({"type":"record_start","id":"6f9619ff8b86d011b42d00cf4fc964ff"})",
+           R"({"type":"record_start","id":"6f9619ff-8b86-d011-b42d-00cf4fc964fg"})",
+           R"({"type":1)" + id, pause}) {
     VideoEncoderProbe fresh;
-    const std::string payload = text;
-    (*fresh).recordingCommand(Bytes(payload.begin(), payload.end()));
-    EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"], message) << text;
+    (*fresh).recordingCommand(Bytes(text.begin(), text.end()));
+    EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"],
+              text == pause ? "unknown recording command" : "invalid recording command");
     EXPECT_EQ(fresh.process->exitCodes, std::vector<int>{1});
   }
 }
@@ -145,16 +139,6 @@ TEST_F(Takes, TheFirstSampleStandsAtZeroAndEachLastsUntilTheNext) {
   EXPECT_EQ(saved["path"], takePath);
   const std::pair<std::string, std::string> move{takePath + "." + takeID + ".partial", takePath};
   EXPECT_EQ(probe.files->moves.at(0), move);
-}
-
-TEST_F(Takes, WithoutAStartTimeTheLastFrameLastsAnInterval) {
-  start({{"resolution", "640x360"}, {"target_fps", 30}});
-  frame(1004.0, true);
-  frame(1008.0);
-  probe.clock->now = 1008.01;
-  const Json saved = finish({{"stopped_at", 1007.9}});
-  EXPECT_EQ(timings(), (Timings{{0, 240000}, {240000, 2000}}));
-  EXPECT_NEAR(saved["duration"].get<double>(), 4 + 1.0 / 30, 1e-9);
 }
 
 TEST(MovieEndTime, FollowsTheStopOrTheLastFrame) {
@@ -227,11 +211,6 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
   const std::pair<const char*, Adjust> cases[] = {
       {"recording format unavailable", [](auto& w) { w.accepts = false; }},
       {"recording writer failed", [](auto& w) { w.starts = false; }},
-      {"no such device",
-       [](auto& w) {
-         w.starts = false;
-         w.problem = "no such device";
-       }},
       {"recording disk cannot keep up", [](auto& w) { w.ready = false; }},
       {"recording sample append failed (0)", [](auto& w) { w.appends = false; }},
       {"No space left on device", [](auto& w) {
@@ -255,14 +234,12 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
 
 TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   const auto client = probe.connectClient();
-  const auto isRecording = [](FakeSession& s) {
-    return s.properties.at(SessionProperty::profileLevel) == PropertyValue(ProfileLevel::highAuto);
-  };
   start();
   probe.feed(++lastID, 640, 360);
   ASSERT_EQ(probe.encoders->sessions.size(), 2u);
   FakeSession& recording = *probe.encoders->sessions[0];
-  EXPECT_TRUE(isRecording(recording));
+  EXPECT_EQ(recording.properties.at(SessionProperty::profileLevel),
+            PropertyValue(ProfileLevel::highAuto));
   EXPECT_EQ(recording.size, (PictureSize{1080, 720}));
   EXPECT_EQ(recording.properties.at(SessionProperty::averageBitRate),
             PropertyValue(std::int64_t{12000000}));
@@ -294,16 +271,11 @@ TEST(RecordingKeyframe, ChecksTheSample) {
   EXPECT_FALSE(recordingKeyframe(*deltaSample()));
   const std::pair<Bytes, const char*> cases[] = {
       {{0, 0, 0, 0}, "camera sample too large"},
-      {{0, 0, 0, 0, 0x65}, "invalid camera NAL size"},
       {{0, 0, 0, 2, 0x65}, "invalid camera NAL size"},
       {{0, 0, 0, 1, 0x65, 0}, "invalid camera NAL header"}};
   for (const auto& [bytes, message] : cases) {
-    try {
-      recordingKeyframe(MemorySample(bytes, nullptr));
-      ADD_FAILURE() << message;
-    } catch (const EncoderFailure& failure) {
-      EXPECT_EQ(failure.description(), message);
-    }
+    EXPECT_THAT([&] { recordingKeyframe(MemorySample(bytes, nullptr)); },
+                testing::ThrowsMessage<EncoderFailure>(message));
   }
 }
 
@@ -335,24 +307,6 @@ TEST_F(Takes, StopsThatMakeNoSense) {
   EXPECT_TRUE(probe.movies->writers.empty());
 }
 
-TEST_F(Takes, ACompleteMovieIsNeverGivenUpForItsName) {
-  const std::string recovery = "/takes/a.recovered-" + takeID + ".mp4";
-  EXPECT_EQ(recoveryPath("/a.b.mp4", "X"), "/a.b.recovered-X.mp4");
-  start();
-  frame(1001.0, true);
-  probe.files->existing = {takePath};
-  Json saved = finish();
-  EXPECT_EQ(saved["path"], recovery);
-  EXPECT_NE(saved["error"], "");
-  probe.files->existing.clear();
-  start();
-  frame(1002.0, true);
-  probe.files->unwritable = {takePath, recovery};
-  saved = finish();
-  EXPECT_EQ(saved["path"], takePath + "." + takeID + ".partial");
-  EXPECT_TRUE(probe.files->removed.empty());
-}
-
 TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   start();
   frame(1001.0, true);
@@ -365,14 +319,12 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   const auto progress = events("recording");
   ASSERT_EQ(progress.size(), 1u);
   EXPECT_EQ(progress[0]["frames"], 1);
-  EXPECT_EQ(progress[0]["recent_fps"], 0.0);
   EXPECT_EQ(progress[0]["duration"], 0.5);
-  const Json late = progress[0];
-  Json status = late;
-  EXPECT_TRUE(relaysEvent({&status, false}, takeID, late));
-  EXPECT_FALSE(relaysEvent({&status, true}, takeID, late));
-  EXPECT_FALSE(relaysEvent({nullptr, false}, takeID, late));
-  EXPECT_FALSE(relaysEvent({&status, false}, "other", late));
+  Json status = progress[0];
+  EXPECT_TRUE(relaysEvent({&status, false}, takeID, progress[0]));
+  EXPECT_FALSE(relaysEvent({&status, true}, takeID, progress[0]));
+  EXPECT_FALSE(relaysEvent({nullptr, false}, takeID, progress[0]));
+  EXPECT_FALSE(relaysEvent({&status, false}, "other", progress[0]));
   status["state"] = "saved";
   EXPECT_FALSE(relaysEvent({&status, false}, takeID, {{"state", "failed"}}));
 }
