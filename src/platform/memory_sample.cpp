@@ -19,7 +19,7 @@ ParameterSet MemoryFormatDescription::parameterSet(std::size_t index) const {
 
 Status MemorySample::copyBytes(std::size_t offset, MutableByteView space) const {
   if (offset > data_.size() || space.size() > data_.size() - offset) return -EINVAL;
-  std::ranges::copy(ByteView(data_).subspan(offset, space.size()), space.begin());
+  std::copy_n(data_.data() + offset, space.size(), space.data());
   return 0;
 }
 
