@@ -1,12 +1,15 @@
-// Frame conversion with the real resampler and libyuv, and the real encoder behind a session.
+// Frame conversion with the real resampler and libyuv, and the real encoders behind sessions.
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
+#include <future>
 #include <numbers>
 
 #include "encode/pixel_buffer.h"
 #include "platform/libav_encoder.h"
+#include "platform/spare_encoders.h"
 #include "platform/system_image_converter.h"
 #include "tests/unit/fakes.h"
 
@@ -125,6 +128,27 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
       }
     }
   }
+}
+
+TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
+  const EncoderSettings preview{.width = 2, .height = 2};
+  const EncoderSettings take{.width = 2, .height = 2, .profile = ProfileLevel::highAuto};
+  SpareEncoders spares;
+  spares.expect({preview, take});
+  const auto taking = [&](const EncoderSettings& settings) {
+    return std::async(std::launch::async, [&] { return spares.take(settings); });
+  };
+  auto first = taking(preview);
+  auto second = taking(take);
+  EXPECT_EQ(first.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  std::unique_ptr<LibavEncoder> encoder;
+  ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), preview, encoder), 0);
+  const LibavEncoder* given = encoder.get();
+  spares.give(preview, std::move(encoder));
+  EXPECT_EQ(first.get().get(), given);
+  spares.give(take, nullptr);
+  EXPECT_EQ(second.get(), nullptr);
+  EXPECT_EQ(spares.take(preview), nullptr);  // taken, and no other one expected
 }
 
 }  // namespace
