@@ -64,12 +64,17 @@ TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
   const FrameSize size{1920, 1080};
   const Pixels pixels = plain(size, {40, 80, 120});
   const Watcher watcher(connectClient());
-  const auto before = waitForStatistics([](const Event&) { return true; });
+  // The take encodes a frame for longer than the next one needs to arrive.
+  helper->writeCommand({{"type", "record_start"},
+                        {"id", "6F9619FF-8B86-D011-B42D-00CF4FC964FF"},
+                        {"path", folder / "take.mp4"},
+                        {"resolution", "1920x1080"},
+                        {"target_fps", 60}});
   for (int i = 0; i < 400; ++i) feed(size, pixels);
   const auto after = waitForStatistics([](const Event& event) {
     return event["dropped_raw"].get<int>() + event["encoded_frames"].get<int>() == 400;
   });
-  EXPECT_GT(after["dropped_raw"], before["dropped_raw"]);
+  EXPECT_GT(after["dropped_raw"], 0);
   EXPECT_GT(after["encoded_frames"], 10);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(tools::peakMegabytes(helper->pid()), 150);
@@ -79,8 +84,8 @@ TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
 
 TEST_F(Input, AParentThatNeverReadsEventsBlocksNothing) {
   start();
-  // Every client forces two reports, of which the pipe holds some hundred.
-  for (int i = 0; i < 150; ++i) {
+  // Every client forces two reports, of which the pipe holds some 400.
+  for (int i = 0; i < 300; ++i) {
     const auto viewer = connect();
     viewer->sayHello(token);
     viewer->sendText("bye\n");
