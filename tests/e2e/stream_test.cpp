@@ -1,5 +1,7 @@
 // Clients that misbehave on a real connection, and the others who must not notice.
 
+#include <sys/resource.h>
+
 #include <chrono>
 #include <thread>
 
@@ -71,6 +73,20 @@ TEST_F(Stream, AClientThatComesAndGoesLeavesNothingBehind) {
   }
   const Event stats = waitForStatistics([](const Event& event) { return event["clients"] == 0; });
   EXPECT_EQ(stats["pending_hello"], 0);
+  EXPECT_EQ(finish(), 0);
+}
+
+TEST_F(Stream, RunningOutOfDescriptorsCostsOnlyTime) {
+  start();
+  rlimit usual{};
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, nullptr, &usual), 0);
+  const rlimit none{3, usual.rlim_max};
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+  const auto viewer = connect();  // as far as the kernel is concerned
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
+  viewer->sayHello(token);
+  waitForStatistics([](const Event& event) { return event["clients"] == 1; });
   EXPECT_EQ(finish(), 0);
 }
 

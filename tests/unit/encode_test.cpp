@@ -141,7 +141,7 @@ TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
   };
   const Case cases[] = {{{1918, 1080}, {1280, 720}, false, {1278, 720}},
                         {{1918, 1080}, {1280, 720}, true, {1280, 720}},
-                        {{640, 360}, {1280, 720}, true, {640, 360}},
+                        {{1278, 720}, {1280, 720}, true, {1278, 720}},
                         {{1920, 2}, {640, 360}, false, {640, 2}}};
   for (const Case& c : cases) {
     const PictureSize size = previewEncodeSize(c.camera, c.preview, c.exact);

@@ -13,6 +13,7 @@ extern "C" {
 #include <future>
 #include <mutex>
 #include <numeric>
+#include <thread>
 
 #include "platform/annex_b.h"
 #include "platform/hybrid_movie_writer.h"
@@ -37,9 +38,9 @@ struct Disk {
     effect();
     return 0;
   }
-  void recover() {
+  void setHanging(bool value) {
     const std::lock_guard hold(mutex);
-    hangs = false;
+    hangs = value;
     changed.notify_all();
   }
 };
@@ -149,6 +150,12 @@ std::vector<Fragment> findFragments(const Bytes& bytes) {
   return fragments;
 }
 
+// What the sync sample table says of its length.
+std::size_t syncSampleCount(const Bytes& bytes) {
+  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return bytes.at(text.find("stss") + 11);
+}
+
 TEST(MovieFile, LastsExactlyToItsEnd) {
   // 100 samples of 1000 units: at the end, stretched, cut within the last, cut far before.
   using Case = std::tuple<std::int64_t, std::size_t, std::int64_t>;
@@ -168,6 +175,8 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
     EXPECT_EQ(read.durations.back(), last);
     EXPECT_EQ(std::accumulate(read.durations.begin(), read.durations.end(), std::int64_t{0}), end);
     EXPECT_EQ(read.keyframes, static_cast<int>((samples + 29) / 30));
+    // Players also rely on the table: nothing but samples that there are.
+    EXPECT_EQ(syncSampleCount(movie.disk->bytes), (samples + 29) / 30);
   }
 }
 
@@ -259,8 +268,11 @@ TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {
     ASSERT_LT(++count, 64);
   }
   EXPECT_GE(count, 31);
+  disk->setHanging(false);
+  while (!movie.writer.isReadyForMoreMediaData()) std::this_thread::yield();
+  disk->setHanging(true);
   movie.writer.cancelWriting();  // does not wait either
-  disk->recover();
+  disk->setHanging(false);
 }
 
 TEST(MovieFile, AMovieWithoutASampleFails) {

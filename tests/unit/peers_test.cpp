@@ -150,6 +150,7 @@ TEST_F(Peers, ABusySendDropsTheFrameAndResynchronises) {
   frame(1, keySample());
   frame(2, deltaSample());
   frame(3, deltaSample());
+  EXPECT_TRUE(probe.lastSession().submitted.at(2).second);
   client->finishSend();
   frame(4, deltaSample());  // waits for a key frame
   frame(5, keySample());

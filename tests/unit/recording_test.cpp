@@ -227,6 +227,7 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
     EXPECT_EQ(failure(), message);
     EXPECT_EQ(writer().state, WriterStatus::cancelled);
     EXPECT_EQ(probe.files->removed.size(), 1u);
+    EXPECT_TRUE(probe.lastSession().invalidated);
     EXPECT_TRUE(probe.process->exitCodes.empty());
     start();  // the next take may begin
   }
@@ -351,6 +352,18 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   EXPECT_TRUE(probe.process->exitCodes.empty());
   probe.clock->now = 1003.0;
   probe.run();
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+TEST_F(Takes, ATakeThatFailsDuringShutdownEndsTheRunAtOnce) {
+  start();
+  frame(1001.0, true);
+  probe.clock->now = 1001.1;
+  probe.feed(++lastID);
+  probe.process->signals.at(15)();
+  probe.lastSession().answer(-22, nullptr);
+  probe.run();
+  EXPECT_EQ(failure(), "camera encoding failed (-22)");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
