@@ -82,14 +82,14 @@ TEST_F(Disk, RefusalsAreToldInWords) {
   startTake();
   feedPaced(5, 60);
   EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
-  path = place / (std::string(240, 'n') + ".mp4");
+  turnTo(place / (std::string(240, 'n') + ".mp4"));
   startTake();
   feedPaced(5, 60);
   EXPECT_EQ(waitForTake("failed")["error"], "File name too long");
   const SmallDisk disk(place);
   if (disk.isMounted()) {
     ASSERT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    path = place / "take.mp4";
+    turnTo(place / "take.mp4");
     startTake();
     feedPaced(5, 60);
     EXPECT_EQ(waitForTake("failed")["error"], "Read-only file system");

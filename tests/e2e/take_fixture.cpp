@@ -61,6 +61,11 @@ void TakeTest::feedPaced(int count, double framesPerSecond, FrameSize size,
   }
 }
 
+void TakeTest::turnTo(const std::filesystem::path& file) {
+  path = file;
+  ++takeID.back();
+}
+
 Event TakeTest::take(int count, double framesPerSecond) {
   startTake();
   feedPaced(count, framesPerSecond);
@@ -72,8 +77,10 @@ Event TakeTest::waitForTake(const std::string& state) {
   for (;;) {
     const auto event = helper->nextEvent("recording", 20);
     if (!event) throw std::runtime_error("the take never became " + state);
-    if (event->at("state") == state) return *event;
-    if (event->at("state") == "failed") throw std::runtime_error(event->dump());
+    if (event->at("id") != takeID) continue;
+    const auto& reached = event->at("state");
+    if (reached == state) return *event;
+    if (reached == "failed" || reached == "saved") throw std::runtime_error(event->dump());
   }
 }
 

@@ -6,8 +6,6 @@
 
 namespace lumora::tests {
 
-inline const std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC964FF";
-
 // The clock that takes are timed on, in seconds.
 double uptime();
 
@@ -30,14 +28,17 @@ class TakeTest : public HelperTest {
   void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360});
   void feedPaced(int count, double framesPerSecond, FrameSize size,
                  const std::array<Pixels, 2>& pictures);
+  // Turns to another take of the same run: what is still said of the one before counts no more.
+  void turnTo(const std::filesystem::path& file);
   // Records `count` frames at a steady rate; the "saved" event.
   Event take(int count, double framesPerSecond);
-  // The next "recording" event with this state; throws when the take fails first.
+  // The take's next event with this state; throws when the take ends in another one.
   Event waitForTake(const std::string& state);
   std::string stagingPath() const { return path + "." + takeID + ".partial"; }
   std::size_t fileCount() const;
 
   std::string path;
+  std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
 };
 
 }  // namespace lumora::tests
