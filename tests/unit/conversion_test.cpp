@@ -66,11 +66,12 @@ TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
   }
 }
 
+// Large enough for two threads, so the rows where they meet are looked at as well.
 TEST(Conversion, AspectFitLeavesZeroBars) {
-  const Converted wide = convert(makeFrame(144, 108, 77), 192, 108, Placement::aspectFit);
-  for (const int y : {0, 54, 107}) {
-    for (const int x : {0, 23, 168, 191}) EXPECT_EQ(wide.at(x, y), (Pixel{0, 0, 0, 0}));
-    for (const int x : {24, 100, 167}) EXPECT_EQ(wide.at(x, y), (Pixel{77, 77, 77, 77}));
+  const Converted wide = convert(makeFrame(640, 480, 77), 800, 450, Placement::aspectFit);
+  for (int y = 0; y < 450; ++y) {
+    for (const int x : {0, 99, 700, 799}) ASSERT_EQ(wide.at(x, y), (Pixel{0, 0, 0, 0})) << y;
+    for (const int x : {100, 400, 699}) ASSERT_EQ(wide.at(x, y), (Pixel{77, 77, 77, 77})) << y;
   }
 }
 
