@@ -110,6 +110,17 @@ std::unique_ptr<client::StreamClient> HelperTest::connectClient() {
   return made;
 }
 
+Event HelperTest::waitForEvent(const std::string& type, const Wanted& wanted) {
+  const client::Deadline deadline(20);
+  for (;;) {
+    const auto event = helper->nextEvent(type, deadline.millisecondsLeft() / 1000.0);
+    if (!event || deadline.millisecondsLeft() == 0) {
+      throw std::runtime_error("the awaited \"" + type + "\" event did not come");
+    }
+    if (wanted(*event)) return *event;
+  }
+}
+
 void HelperTest::feed(FrameSize size, const Pixels& pixels) {
   ASSERT_TRUE(helper->writeFrame(size, ++lastID, pixels));
 }

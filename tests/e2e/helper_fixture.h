@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -72,15 +73,10 @@ class HelperTest : public testing::Test {
   // Feeds frames until `stream` has received and acknowledged `count` frame packets; the packets.
   std::vector<client::Packet> stream(client::StreamClient& from, FrameSize size,
                                      const Pixels& pixels, int count);
-  // Waits for a "stats" event that satisfies `wanted`.
-  template <typename Wanted>
-  Event waitForStatistics(Wanted wanted) {
-    for (;;) {
-      const auto event = helper->nextEvent("stats", 10);
-      if (!event) throw std::runtime_error("no such statistics");
-      if (wanted(*event)) return *event;
-    }
-  }
+  // Waits for an event that satisfies `wanted`; throws when none comes within 20 seconds.
+  using Wanted = std::function<bool(const Event&)>;
+  Event waitForEvent(const std::string& type, const Wanted& wanted);
+  Event waitForStatistics(const Wanted& wanted) { return waitForEvent("stats", wanted); }
   // Ends the input; the exit code, or -1 when it did not end by itself.
   int finish();
   int exitCode();

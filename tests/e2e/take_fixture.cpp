@@ -74,14 +74,13 @@ Event TakeTest::take(int count, double framesPerSecond) {
 }
 
 Event TakeTest::waitForTake(const std::string& state) {
-  for (;;) {
-    const auto event = helper->nextEvent("recording", 20);
-    if (!event) throw std::runtime_error("the take never became " + state);
-    if (event->at("id") != takeID) continue;
-    const auto& reached = event->at("state");
-    if (reached == state) return *event;
-    if (reached == "failed" || reached == "saved") throw std::runtime_error(event->dump());
-  }
+  return waitForEvent("recording", [&](const Event& event) {
+    if (event.at("id") != takeID) return false;
+    const auto& reached = event.at("state");
+    if (reached == state) return true;
+    if (reached == "failed" || reached == "saved") throw std::runtime_error(event.dump());
+    return false;
+  });
 }
 
 std::size_t TakeTest::fileCount() const {
