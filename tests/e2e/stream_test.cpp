@@ -77,6 +77,9 @@ TEST_F(Stream, AClientThatComesAndGoesLeavesNothingBehind) {
 }
 
 TEST_F(Stream, RunningOutOfDescriptorsCostsOnlyTime) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the check of virtual calls needs descriptors of its own";
+#endif
   start();
   rlimit usual{};
   ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, nullptr, &usual), 0);
