@@ -1,6 +1,7 @@
 #include "platform/libav_encoders.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <thread>
 #include <utility>
@@ -19,6 +20,8 @@ const std::vector<std::string>& hardwareEncoders() {
 }
 
 constexpr const char* softwareEncoder = "libx264";
+
+constexpr std::chrono::milliseconds longestWarmUp{500};
 
 std::vector<std::string> candidates(const std::string& choice) {
   if (choice == "software") return {softwareEncoder};
@@ -77,12 +80,18 @@ LibavEncoders::LibavEncoders(const std::string& choice, std::vector<EncoderSetti
     std::unique_ptr<LibavEncoder> probed;
     const AVCodec* codec = chooseEncoder(names, probe, probed);
     chosen.set_value(codec);
-    if (codec == nullptr) return;
     for (const EncoderSettings& settings : expected) {
-      spares->give(settings, settings == probe ? std::move(probed) : openWarm(*codec, settings));
+      std::unique_ptr<LibavEncoder> encoder;
+      if (settings == probe)
+        encoder = std::exchange(probed, nullptr);
+      else if (codec != nullptr)
+        encoder = openWarm(*codec, settings);
+      spares->give(settings, std::move(encoder));
     }
   }).detach();
 }
+
+void LibavEncoders::waitUntilOpen() const { spares_->waitForExpected(longestWarmUp); }
 
 // Which hardware requirement the run has was said with the choice, not with the session: a
 // machine without a hardware encoder gets the software one only where the choice allows it.

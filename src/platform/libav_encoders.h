@@ -19,6 +19,8 @@ class LibavEncoders final : public Encoders {
   // of a libavcodec encoder; "" is auto. A preset may follow: "software:ultrafast".
   // Encoders of the `expected` settings are opened ahead of their sessions.
   LibavEncoders(const std::string& choice, std::vector<EncoderSettings> expected);
+  // Until the expected encoders are open or known to fail, but not for long.
+  void waitUntilOpen() const;
   Status createSession(std::int32_t width, std::int32_t height,
                        const EncoderRequirements& requirements,
                        std::shared_ptr<CompressionSession>& session) override;

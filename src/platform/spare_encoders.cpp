@@ -10,6 +10,11 @@ void SpareEncoders::expect(const std::vector<EncoderSettings>& settings) {
   expected_.insert(expected_.end(), settings.begin(), settings.end());
 }
 
+void SpareEncoders::waitForExpected(std::chrono::milliseconds longest) {
+  std::unique_lock hold(mutex_);
+  given_.wait_for(hold, longest, [&] { return expected_.empty(); });
+}
+
 std::unique_ptr<LibavEncoder> SpareEncoders::take(const EncoderSettings& settings) {
   std::unique_lock hold(mutex_);
   given_.wait(hold, [&] { return std::ranges::find(expected_, settings) == expected_.end(); });

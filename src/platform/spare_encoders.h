@@ -4,6 +4,7 @@
 // longer than a frame lasts at 60 a second, so a session takes over a spare one where its settings
 // fit, and gives it back in the end. Any thread.
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,8 @@ class SpareEncoders {
  public:
   // Announces one encoder of each of these settings: somebody is opening them and gives them.
   void expect(const std::vector<EncoderSettings>& settings);
+  // Until every expected encoder was given, for at most so long.
+  void waitForExpected(std::chrono::milliseconds longest);
   // A spare encoder of these settings, or null. Waits for an expected one.
   std::unique_ptr<LibavEncoder> take(const EncoderSettings& settings);
   // Keeps `encoder`, in place of another one for the same kind of session; null when an expected

@@ -142,13 +142,16 @@ TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
   };
   auto first = taking(preview);
   auto second = taking(take);
+  auto all = std::async(std::launch::async, [&] { spares.waitForExpected(std::chrono::hours(1)); });
   EXPECT_EQ(first.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   std::unique_ptr<LibavEncoder> encoder;
   ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), preview, encoder), 0);
   const LibavEncoder* given = encoder.get();
   spares.give(preview, std::move(encoder));
   EXPECT_EQ(first.get().get(), given);
+  EXPECT_EQ(all.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   spares.give(take, nullptr);
+  all.get();
   EXPECT_EQ(second.get(), nullptr);
   EXPECT_EQ(spares.take(preview), nullptr);  // taken, and no other one expected
 }
