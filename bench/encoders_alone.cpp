@@ -104,7 +104,7 @@ std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height) 
   return ready;
 }
 
-EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames) {
+EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, int framesPerSecond) {
   av_log_set_level(AV_LOG_QUIET);
   std::vector<std::unique_ptr<Encoder>> encoders;
   for (const EncoderLoad& load : loads) encoders.push_back(std::make_unique<Encoder>(load));
@@ -121,8 +121,11 @@ EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames) {
   {
     std::vector<std::jthread> threads;
     for (const auto& encoder : encoders) {
-      threads.emplace_back([&together, &encoder, frames] {
+      threads.emplace_back([&together, &encoder, start, frames, framesPerSecond] {
         for (int i = 0; i < frames; ++i) {
+          if (framesPerSecond > 0) {
+            std::this_thread::sleep_until(start + i * std::chrono::seconds(1) / framesPerSecond);
+          }
           encoder->encode(i);
           together.arrive_and_wait();
         }

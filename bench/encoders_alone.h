@@ -29,8 +29,10 @@ struct EncodersReport {
   std::vector<Bytes> streams;     // Annex B, one for each load
 };
 
-// Throws std::runtime_error when an encoder can't be opened.
-EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames);
+// Encodes at a rate or (0) as fast as it goes. Throws std::runtime_error when an encoder can't be
+// opened.
+EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames,
+                           int framesPerSecond = 0);
 
 // What the helper encodes for a camera of 1920×1080: the default preview, and a take.
 EncoderSettings previewSettings(const std::string& preset);

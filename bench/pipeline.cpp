@@ -10,6 +10,7 @@
 #include <numeric>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 #include "client/descriptor.h"
 #include "tools/resource_use.h"
@@ -52,7 +53,7 @@ bool writeAll(int to, std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
-                           const std::vector<std::uint64_t>& numbers) {
+                           const std::vector<std::uint64_t>& numbers, int framesPerSecond) {
   std::signal(SIGPIPE, SIG_IGN);
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
@@ -64,7 +65,12 @@ PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& 
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = launch(command, output.get());
   output.reset();
+  auto due = start;
   for (const std::uint64_t number : numbers) {
+    if (framesPerSecond > 0) {
+      std::this_thread::sleep_until(due);
+      due += std::chrono::microseconds(1'000'000 / framesPerSecond);
+    }
     if (!writeAll(input.get(), clip.next(number, 0))) break;
   }
   const double peak = tools::peakMegabytes(child);

@@ -13,10 +13,10 @@ struct PipelineReport {
   double peakMegabytes = 0;
 };
 
-// Runs a program that reads the clip's frames of these numbers from its standard input, as fast as
-// it takes them. Throws std::runtime_error when it fails.
+// Runs a program that reads the clip's frames of these numbers from its standard input, at a rate
+// or (0) as fast as it takes them. Throws std::runtime_error when it fails.
 PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
-                           const std::vector<std::uint64_t>& numbers);
+                           const std::vector<std::uint64_t>& numbers, int framesPerSecond = 0);
 
 // 1 to `count`.
 std::vector<std::uint64_t> firstNumbers(int count);

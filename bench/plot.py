@@ -13,7 +13,7 @@ matplotlib.use("Agg")
 import matplotlib.pyplot as plt
 
 PANELS = [
-    ("cpu_ms", "CPU, ms per frame", 1),
+    ("cpu_ms", "CPU, ms per frame, 30 a second", 1),
     ("fps", "frames per second carried", 1),
     ("peak_mb", "peak memory, MB", 1),
     ("take_bytes", "recording, MB", 1e-6),
