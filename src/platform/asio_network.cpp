@@ -6,6 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 namespace lumora {
@@ -69,12 +70,13 @@ class AsioConnection final : public TcpConnection,
 
 class AsioListener final : public TcpListener, public std::enable_shared_from_this<AsioListener> {
  public:
-  AsioListener(asio::io_context& context, std::string host, std::uint16_t port)
+  AsioListener(asio::io_context& context, std::string host, std::uint16_t port, Work awaitService)
       : resolver_(context),
         acceptor_(context),
         retry_(context),
         host_(std::move(host)),
-        requestedPort_(port) {}
+        requestedPort_(port),
+        awaitService_(std::move(awaitService)) {}
 
   void setStateHandler(StateHandler handler) override { stateHandler_ = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override {
@@ -90,8 +92,11 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
           if (error == asio::error::operation_aborted) return;
           const bool bound = std::ranges::any_of(
               results, [&](const auto& entry) { return self->listenOn(entry.endpoint()); });
-          self->report(bound ? ListenerState::ready : ListenerState::failed);
-          if (bound) self->acceptNext();
+          if (!bound) return self->report(ListenerState::failed);
+          std::thread([self] {
+            self->awaitService_();
+            asio::post(self->acceptor_.get_executor(), [self] { self->becomeReady(); });
+          }).detach();
         });
   }
 
@@ -121,6 +126,12 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
     error_code ignored;
     acceptor_.close(ignored);
     return false;
+  }
+
+  void becomeReady() {
+    if (!acceptor_.is_open()) return;  // cancelled meanwhile
+    report(ListenerState::ready);
+    acceptNext();
   }
 
   void acceptNext() {
@@ -156,6 +167,7 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   asio::steady_timer retry_;
   std::string host_;
   std::uint16_t requestedPort_;
+  Work awaitService_;
   StateHandler stateHandler_;
   ConnectionHandler connectionHandler_;
 };
@@ -174,15 +186,15 @@ bool canBeHost(const std::string& host) {
 
 }  // namespace
 
-AsioNetwork::AsioNetwork(std::shared_ptr<AsioQueue> stateQueue)
-    : stateQueue_(std::move(stateQueue)) {}
+AsioNetwork::AsioNetwork(std::shared_ptr<AsioQueue> stateQueue, Work awaitService)
+    : stateQueue_(std::move(stateQueue)), awaitService_(std::move(awaitService)) {}
 
 std::shared_ptr<TcpListener> AsioNetwork::makeListener(const std::string& host,
                                                        std::uint16_t port) {
   if (!canBeHost(host)) {
     throw std::system_error(std::make_error_code(std::errc::invalid_argument), host);
   }
-  return std::make_shared<AsioListener>(stateQueue_->context(), host, port);
+  return std::make_shared<AsioListener>(stateQueue_->context(), host, port, awaitService_);
 }
 
 }  // namespace lumora

@@ -16,15 +16,15 @@ Platform makeSystemPlatform(const std::string& h264Encoder, std::vector<EncoderS
   platform.clock = std::make_shared<SystemClock>();
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
   platform.process = std::make_shared<PosixProcess>(stateQueue);
-  platform.network = std::make_shared<AsioNetwork>(stateQueue);
   const auto encoders = std::make_shared<LibavEncoders>(h264Encoder, std::move(expected));
   platform.encoders = encoders;
+  // Whoever is told that the service is ready feeds it at once, and encoders that open under that
+  // load take several times as long: frames would be lost meanwhile.
+  platform.network =
+      std::make_shared<AsioNetwork>(stateQueue, [encoders] { encoders->waitUntilOpen(); });
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = std::make_shared<PosixFileManager>();
-  // Whoever is told that the service is ready feeds it at once, and encoders that open under that
-  // load take several times as long: frames would be lost meanwhile.
-  encoders->waitUntilOpen();
   return platform;
 }
 
