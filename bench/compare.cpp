@@ -27,7 +27,7 @@ constexpr client::FrameSize camera{1920, 1080};
 constexpr client::FrameSize previewSize{640, 360};
 constexpr int clipFrames = 60;
 constexpr int frames = 300;
-constexpr int costRate = 30;       // frames a second at which nobody is in a hurry, nor alone
+constexpr int costRate = 30;       // frames a second that everybody keeps
 constexpr double rateSeconds = 4;  // of each measurement at 60 frames a second
 constexpr double longSeconds = 60;
 

@@ -124,7 +124,8 @@ EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, in
       threads.emplace_back([&together, &encoder, start, frames, framesPerSecond] {
         for (int i = 0; i < frames; ++i) {
           if (framesPerSecond > 0) {
-            std::this_thread::sleep_until(start + i * std::chrono::seconds(1) / framesPerSecond);
+            std::this_thread::sleep_until(
+                start + i * std::chrono::nanoseconds(std::chrono::seconds(1)) / framesPerSecond);
           }
           encoder->encode(i);
           together.arrive_and_wait();

@@ -30,12 +30,13 @@ Pixels plain(FrameSize size, Rgb colour) { return quarters(size, colour, colour,
 std::string outputOf(const std::string& command) {
   std::string output;
   std::FILE* pipe = popen((command + " 2>&1").c_str(), "re");
+  if (pipe == nullptr) throw std::runtime_error("can't run " + command);
   std::array<char, 4096> bytes;
   while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe)) {
     output.append(bytes.data(), count);
   }
-  pclose(pipe);
-  return output;
+  const int status = pclose(pipe);
+  return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
 
 // Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.

@@ -31,7 +31,7 @@ struct Rgb {
 Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight);
 Pixels plain(FrameSize size, Rgb colour);
 
-// What a command prints, on both streams.
+// What a command prints, on both streams, and how it ended unless it was well.
 std::string outputOf(const std::string& command);
 // What ffmpeg complains about when it decodes the whole file; empty when it is sound.
 std::string decodeErrors(const std::string& path);

@@ -31,6 +31,8 @@ TEST_F(Encode, ReleasesTheFrameWhenItsEncodeIsDoneAndMeasuresIt) {
   EXPECT_EQ(probe.lastSession().size, (PictureSize{640, 360}));
   EXPECT_EQ(probe.lastSession().properties.at(SessionProperty::averageBitRate),
             PropertyValue(std::int64_t{4000000}));
+  EXPECT_EQ(probe.lastSession().properties.at(SessionProperty::expectedFrameRate),
+            PropertyValue(std::int64_t{60}));
   EXPECT_TRUE(probe.isRawBusy());
   probe.clock->now += 0.004;
   probe.answerPreview(keySample());
