@@ -98,23 +98,32 @@ Run runHelper(const PacedLoad& load, CameraClip& clip) {
   return run;
 }
 
-// The bound's pictures are ready before the measurement.
+// The bounds' pictures are ready before the measurement.
 struct ReadyClip {
   std::vector<Bytes> preview;
   std::vector<Bytes> take;
 };
 
-Run runBound(const ReadyClip& ready, const std::string& preset) {
+Run runBound(const ReadyClip& ready, const std::string& preset,
+             const std::function<void()>& besideEach = {}) {
   const std::vector<EncoderLoad> both = {
       {previewSettings(preset), ready.preview},
       {takeSettings(camera.width, camera.height, preset), ready.take}};
-  const EncodersReport calm = encodeAlone(both, frames, costRate);
-  const EncodersReport hurried = encodeAlone(both, frames);
+  const EncodersReport calm = encodeAlone(both, frames, costRate, besideEach);
+  const EncodersReport hurried = encodeAlone(both, frames, 0, besideEach);
   return {{{"cpu_ms", perFrame(calm.cpuSeconds)},
            {"full_cpu_ms", perFrame(hurried.cpuSeconds)},
            {"fps", frames / hurried.wallSeconds},
            {"preview_bytes", hurried.streams[0].size()},
            {"take_bytes", hurried.streams[1].size()}}};
+}
+
+// The bound of whatever takes its frames through a pipe: they are read, and nothing is done with
+// them.
+Run runBoundWithPipe(const ReadyClip& ready, const std::string& preset) {
+  const FrameSource source(camera.bytes(), 2 * frames);
+  Bytes frame(camera.bytes());
+  return runBound(ready, preset, [&] { source.read(frame); });
 }
 
 std::vector<Contender> makeContenders(const std::string& helper, const std::string& preset,
@@ -125,6 +134,10 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
   };
   std::vector<Contender> made;
   made.push_back({"encoders alone", [&ready, preset] { return runBound(ready, preset); }, {}, {}});
+  made.push_back({"encoders and a pipe",
+                  [&ready, preset] { return runBoundWithPipe(ready, preset); },
+                  {},
+                  {}});
   const Outputs ours = outputs("helper");
   const PacedLoad load{.helper = helper,
                        .preset = preset,

@@ -104,30 +104,36 @@ std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height) 
   return ready;
 }
 
-EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, int framesPerSecond) {
+EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, int framesPerSecond,
+                           const std::function<void()>& besideEach) {
   av_log_set_level(AV_LOG_QUIET);
   std::vector<std::unique_ptr<Encoder>> encoders;
   for (const EncoderLoad& load : loads) encoders.push_back(std::make_unique<Encoder>(load));
+  std::vector<std::function<void(int)>> work;
+  for (const auto& encoder : encoders) {
+    work.emplace_back([&encoder](int number) { encoder->encode(number); });
+  }
+  if (besideEach) work.emplace_back([&besideEach](int) { besideEach(); });
   EncodersReport report;
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
   const auto start = SteadyClock::now();
   auto frameStart = start;
-  std::barrier together(static_cast<std::ptrdiff_t>(loads.size()), [&]() noexcept {
+  std::barrier together(static_cast<std::ptrdiff_t>(work.size()), [&]() noexcept {
     const auto now = SteadyClock::now();
     report.latencies.push_back(std::chrono::duration<double, std::milli>(now - frameStart).count());
     frameStart = now;
   });
   {
     std::vector<std::jthread> threads;
-    for (const auto& encoder : encoders) {
-      threads.emplace_back([&together, &encoder, start, frames, framesPerSecond] {
+    for (const auto& each : work) {
+      threads.emplace_back([&together, &each, start, frames, framesPerSecond] {
         for (int i = 0; i < frames; ++i) {
           if (framesPerSecond > 0) {
             std::this_thread::sleep_until(
                 start + i * std::chrono::nanoseconds(std::chrono::seconds(1)) / framesPerSecond);
           }
-          encoder->encode(i);
+          each(i);
           together.arrive_and_wait();
         }
       });

@@ -3,6 +3,7 @@
 // The lower bound of the whole job: the preview's and the recording's encoder, fed with ready 4:2:0
 // pictures, both at once, one frame in flight. No pipe, no conversion, no network, no file.
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,10 @@ struct EncodersReport {
   std::vector<Bytes> streams;     // Annex B, one for each load
 };
 
-// Encodes at a rate or (0) as fast as it goes. Throws std::runtime_error when an encoder can't be
-// opened.
+// Encodes at a rate or (0) as fast as it goes; `besideEach` runs once a frame on a thread of its
+// own. Throws std::runtime_error when an encoder can't be opened.
 EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames,
-                           int framesPerSecond = 0);
+                           int framesPerSecond = 0, const std::function<void()>& besideEach = {});
 
 // What the helper encodes for a camera of 1920×1080: the default preview, and a take.
 EncoderSettings previewSettings(const std::string& preset);

@@ -22,6 +22,12 @@ namespace {
 
 constexpr int pipeBytes = 1 << 20;  // what the helper asks for, too
 
+void enlarge([[maybe_unused]] int pipe) {
+#ifdef F_SETPIPE_SZ
+  fcntl(pipe, F_SETPIPE_SZ, pipeBytes);
+#endif
+}
+
 pid_t launch(const std::vector<std::string>& command, int input) {
   std::vector<char*> arguments;
   for (const std::string& argument : command) {
@@ -59,9 +65,7 @@ PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& 
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
   client::Descriptor output(ends[0]);
   client::Descriptor input(ends[1]);
-#ifdef F_SETPIPE_SZ
-  fcntl(input.get(), F_SETPIPE_SZ, pipeBytes);
-#endif
+  enlarge(input.get());
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = launch(command, output.get());
   output.reset();
@@ -83,6 +87,26 @@ PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& 
   }
   return {tools::cpuSeconds(usage),
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), peak};
+}
+
+FrameSource::FrameSource(std::size_t frameBytes, int count)
+    : pipe_(popen(("exec dd if=/dev/zero status=none bs=" + std::to_string(frameBytes) +
+                   " count=" + std::to_string(count))
+                      .c_str(),
+                  "r")) {
+  if (pipe_ == nullptr) throw std::system_error(errno, std::generic_category(), "dd");
+  enlarge(fileno(pipe_));
+}
+
+FrameSource::~FrameSource() { pclose(pipe_); }
+
+void FrameSource::read(std::span<std::uint8_t> frame) const {
+  while (!frame.empty()) {
+    const ssize_t count = ::read(fileno(pipe_), frame.data(), frame.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) throw std::runtime_error("the frames ended early");
+    frame = frame.subspan(static_cast<std::size_t>(count));
+  }
 }
 
 std::vector<std::uint64_t> firstNumbers(int count) {

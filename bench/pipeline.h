@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <cstdio>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,6 +20,21 @@ struct PipelineReport {
 // or (0) as fast as it takes them. Throws std::runtime_error when it fails.
 PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
                            const std::vector<std::uint64_t>& numbers, int framesPerSecond = 0);
+
+// Another process that writes `count` frames of nothing into a pipe as large as the helper's.
+class FrameSource {
+ public:
+  FrameSource(std::size_t frameBytes, int count);
+  ~FrameSource();
+  FrameSource(const FrameSource&) = delete;
+  FrameSource& operator=(const FrameSource&) = delete;
+
+  // Fills `frame`. Throws std::runtime_error at the end.
+  void read(std::span<std::uint8_t> frame) const;
+
+ private:
+  std::FILE* pipe_;
+};
 
 // 1 to `count`.
 std::vector<std::uint64_t> firstNumbers(int count);

@@ -22,6 +22,7 @@ PANELS = [
 ]
 COLOURS = {
     "encoders alone": "#999999",
+    "encoders and a pipe": "#666666",
     "helper": "#1b7837",
     "ffmpeg": "#7b3294",
     "ffmpeg, one conversion": "#c2a5cf",
