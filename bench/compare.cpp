@@ -121,9 +121,9 @@ Run runBound(const ReadyClip& ready, const std::string& preset,
 // The bound of whatever takes its frames through a pipe: they are read, and nothing is done with
 // them.
 Run runBoundWithPipe(const ReadyClip& ready, const std::string& preset) {
-  const FrameSource source(camera.bytes(), 2 * frames);
+  const FramePipe pipe(camera.bytes(), 2 * frames);
   Bytes frame(camera.bytes());
-  return runBound(ready, preset, [&] { source.read(frame); });
+  return runBound(ready, preset, [&] { pipe.read(frame); });
 }
 
 std::vector<Contender> makeContenders(const std::string& helper, const std::string& preset,

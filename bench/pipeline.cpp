@@ -89,7 +89,7 @@ PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& 
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), peak};
 }
 
-FrameSource::FrameSource(std::size_t frameBytes, int count)
+FramePipe::FramePipe(std::size_t frameBytes, int count)
     : pipe_(popen(("exec dd if=/dev/zero status=none bs=" + std::to_string(frameBytes) +
                    " count=" + std::to_string(count))
                       .c_str(),
@@ -98,9 +98,9 @@ FrameSource::FrameSource(std::size_t frameBytes, int count)
   enlarge(fileno(pipe_));
 }
 
-FrameSource::~FrameSource() { pclose(pipe_); }
+FramePipe::~FramePipe() { pclose(pipe_); }
 
-void FrameSource::read(std::span<std::uint8_t> frame) const {
+void FramePipe::read(std::span<std::uint8_t> frame) const {
   while (!frame.empty()) {
     const ssize_t count = ::read(fileno(pipe_), frame.data(), frame.size());
     if (count < 0 && errno == EINTR) continue;

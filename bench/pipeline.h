@@ -21,13 +21,13 @@ struct PipelineReport {
 PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
                            const std::vector<std::uint64_t>& numbers, int framesPerSecond = 0);
 
-// Another process that writes `count` frames of nothing into a pipe as large as the helper's.
-class FrameSource {
+// A pipe as large as the helper's, into which another process writes `count` black frames.
+class FramePipe {
  public:
-  FrameSource(std::size_t frameBytes, int count);
-  ~FrameSource();
-  FrameSource(const FrameSource&) = delete;
-  FrameSource& operator=(const FrameSource&) = delete;
+  FramePipe(std::size_t frameBytes, int count);
+  ~FramePipe();
+  FramePipe(const FramePipe&) = delete;
+  FramePipe& operator=(const FramePipe&) = delete;
 
   // Fills `frame`. Throws std::runtime_error at the end.
   void read(std::span<std::uint8_t> frame) const;
