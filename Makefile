@@ -4,12 +4,13 @@
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
 #   make bench   measure the helper beside other tools and beside what bounds it (half an hour)
 #   make lint    formatting and static analysis
+#   make fresh   demo and test in a minimal Debian 12 made for it (root; a quarter of an hour)
 
 JOBS ?= $(shell nproc)
 OUT ?= out
 SECONDS_FED ?= 10
 
-.PHONY: demo test bench lint format dependencies clean
+.PHONY: demo test bench lint fresh format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -41,6 +42,9 @@ bench: dependencies
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)
+
+fresh:
+	scripts/fresh.sh
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -8,7 +8,7 @@ import { execFileSync, spawn } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
-import * as mp4box from 'mp4box';
+import mp4box from 'mp4box';
 import { chromium } from 'playwright-core';
 
 const [helper, demo, browserPath] = process.argv.slice(2);

@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Runs the README's commands on a machine that has nothing: a minimal Debian 12 with git and make,
+# built in a temporary folder, into which the committed state of this repository is cloned. Says
+# which command failed and shows the end of what it printed. Needs root and a quarter of an hour.
+#
+#   scripts/fresh.sh [COMMAND ...]     instead of "make demo" and "make test"
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repository=$PWD
+commands=("$@")
+[ ${#commands[@]} -gt 0 ] || commands=("make demo" "make test")
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "make fresh needs root: it makes a root file system and mounts into it" >&2
+  exit 1
+fi
+# In a mount namespace of its own, so that nothing stays mounted however this ends.
+if [ -z "${FRESH_NAMESPACE:-}" ]; then
+  scripts/install_dependencies.sh mmdebstrap
+  exec env FRESH_NAMESPACE=1 unshare --mount --propagation private "$0" "$@"
+fi
+
+root=$(mktemp -d "${TMPDIR:-/tmp}/lumora-fresh.XXXXXX")
+cleanUp() {
+  for point in proc dev/shm dev/pts dev origin; do umount "$root/$point" 2>/dev/null || true; done
+  rm -rf --one-file-system "$root"
+}
+trap cleanUp EXIT
+
+echo "== A minimal Debian 12 in $root"
+mmdebstrap --quiet --variant=minbase --include=git,make,ca-certificates bookworm "$root"
+mkdir -p "$root/origin"
+mount -t proc proc "$root/proc"
+mount --rbind /dev "$root/dev"
+mount --bind -o ro "$repository" "$root/origin"
+cp /etc/hosts /etc/resolv.conf "$root/etc/"
+# The registries may stand behind certificates that this machine was taught to trust.
+for certificate in /usr/local/share/ca-certificates/*.crt; do
+  [ -e "$certificate" ] && cp "$certificate" "$root/usr/local/share/ca-certificates/"
+done
+
+inside() {
+  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 CI=true \
+    chroot "$root" bash -c "$1"
+}
+inside "update-ca-certificates >/dev/null 2>&1
+        git clone --quiet -c safe.directory=/origin/.git file:///origin /root/lumora-video"
+
+failed=0
+for command in "${commands[@]}"; do
+  echo "== $command"
+  started=$SECONDS
+  log="$root/command.log"
+  if inside "cd /root/lumora-video && $command" >"$log" 2>&1; then
+    tail -n 5 "$log"
+    echo "== $command: works, $((SECONDS - started)) s"
+  else
+    tail -n 60 "$log"
+    echo "== $command: FAILED after $((SECONDS - started)) s"
+    failed=1
+  fi
+done
+exit "$failed"
