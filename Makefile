@@ -34,7 +34,6 @@ bench: dependencies
 	cmake --build --preset release -j $(JOBS)
 	mkdir -p $(OUT)
 	$(BENCH)/lumora-micro --benchmark_out=$(OUT)/micro.json
-	$(BENCH)/lumora-presets
 	$(BENCH)/lumora-takes $(HELPER)
 	$(BENCH)/lumora-paced $(HELPER) 4 | tee $(OUT)/growth.txt
 	$(BENCH)/lumora-compare $(HELPER) $(OUT)

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "platform/picture_memory.h"
+#include "base/picture_memory.h"
 #include "tools/frame_source.h"
 
 namespace lumora::bench {

@@ -2,7 +2,6 @@
 
 extern "C" {
 #include <libavutil/log.h>
-#include <libavutil/opt.h>
 }
 #include <libyuv.h>
 #include <sys/resource.h>
@@ -12,10 +11,10 @@ extern "C" {
 #include <stdexcept>
 #include <thread>
 
+#include "codec/encoder_tuning.h"
 #include "encode/picture_size.h"
 #include "encode/session_settings.h"
-#include "platform/encoder_tuning.h"
-#include "platform/system_image_converter.h"
+#include "picture/system_image_converter.h"
 #include "tools/resource_use.h"
 
 namespace lumora::bench {
@@ -39,10 +38,8 @@ class Encoder {
     if (codec == nullptr) throw std::runtime_error("there is no libx264");
     context_.reset(avcodec_alloc_context3(codec));
     context_->pix_fmt = AV_PIX_FMT_YUV420P;
-    int status = tune(*context_, *codec, load.settings);
-    if (status >= 0 && !load.parameters.empty()) status = addParameters(load.parameters);
-    if (!load.threads.empty()) context_->thread_count = std::stoi(load.threads);
-    if (status < 0 || avcodec_open2(context_.get(), codec, nullptr) < 0) {
+    if (tune(*context_, *codec, load.settings) < 0 ||
+        avcodec_open2(context_.get(), codec, nullptr) < 0) {
       throw std::runtime_error("libx264 does not open");
     }
     frame_->format = AV_PIX_FMT_YUV420P;
@@ -65,16 +62,6 @@ class Encoder {
   Bytes takeStream() { return std::move(stream_); }
 
  private:
-  int addParameters(const std::string& more) {
-    std::uint8_t* ours = nullptr;
-    std::string all = more;
-    if (av_opt_get(context_->priv_data, "x264-params", 0, &ours) >= 0 && ours != nullptr) {
-      all = std::string(reinterpret_cast<char*>(ours)) + ":" + more;
-      av_free(ours);
-    }
-    return av_opt_set(context_->priv_data, "x264-params", all.c_str(), 0);
-  }
-
   const std::vector<Bytes>& pictures_;
   CodecContext context_;
   Frame frame_{av_frame_alloc()};

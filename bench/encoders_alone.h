@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/bytes.h"
 #include "bench/camera_clip.h"
-#include "platform/bytes.h"
 #include "platform/encoder_settings.h"
 
 namespace lumora::bench {
@@ -19,8 +19,6 @@ std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height);
 struct EncoderLoad {
   EncoderSettings settings;
   const std::vector<Bytes>& pictures;
-  std::string parameters = {};  // of x264, on top of those of the settings: "cabac=1:subme=2"
-  std::string threads = {};     // instead of those of the settings
 };
 
 struct EncodersReport {

@@ -8,9 +8,9 @@
 #include <new>
 #include <span>
 
+#include "base/picture_memory.h"
 #include "encode/picture_size.h"
-#include "platform/picture_memory.h"
-#include "platform/system_image_converter.h"
+#include "picture/system_image_converter.h"
 
 namespace lumora {
 namespace {

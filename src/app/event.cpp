@@ -1,6 +1,6 @@
 #include "app/event.h"
 
-#include "app/limits.h"
+#include "base/limits.h"
 
 namespace lumora {
 namespace {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/json.h"
+#include "base/json.h"
 
 namespace lumora {
 

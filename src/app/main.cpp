@@ -10,7 +10,7 @@
 #include "app/options.h"
 #include "app/video_encoder.h"
 #include "encode/session_settings.h"
-#include "platform/system_platform.h"
+#include "system/system_platform.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
 

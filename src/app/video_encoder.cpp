@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "app/event.h"
-#include "app/limits.h"
+#include "base/limits.h"
 
 namespace lumora {
 

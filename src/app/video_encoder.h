@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "app/options.h"
+#include "base/json.h"
 #include "encode/raw_encoding_completion.h"
 #include "input/raw_frame.h"
-#include "platform/json.h"
 #include "platform/platform.h"
 #include "record/movie_recorder.h"
 #include "stream/peer.h"

@@ -4,7 +4,7 @@
 
 #include <concepts>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

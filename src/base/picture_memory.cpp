@@ -1,4 +1,4 @@
-#include "platform/picture_memory.h"
+#include "base/picture_memory.h"
 
 #include <sys/mman.h>
 

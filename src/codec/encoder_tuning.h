@@ -2,8 +2,8 @@
 
 // Options per encoder for what this service needs: no delay, no B-frames, key frames on demand.
 
+#include "codec/libav_support.h"
 #include "platform/encoder_settings.h"
-#include "platform/libav_support.h"
 
 namespace lumora {
 

@@ -1,4 +1,4 @@
-#include "platform/encoding_worker.h"
+#include "codec/encoding_worker.h"
 
 #include <pthread.h>
 

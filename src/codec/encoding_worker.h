@@ -5,9 +5,9 @@
 #include <memory>
 #include <mutex>
 
+#include "codec/libav_encoder.h"
+#include "codec/spare_encoders.h"
 #include "platform/compression.h"
-#include "platform/libav_encoder.h"
-#include "platform/spare_encoders.h"
 
 namespace lumora {
 

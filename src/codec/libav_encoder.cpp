@@ -1,4 +1,4 @@
-#include "platform/libav_encoder.h"
+#include "codec/libav_encoder.h"
 
 extern "C" {
 #include <libavutil/hwcontext.h>
@@ -9,10 +9,10 @@ extern "C" {
 
 #include <algorithm>
 
-#include "platform/annex_b.h"
-#include "platform/encoder_tuning.h"
-#include "platform/memory_sample.h"
-#include "platform/picture_memory.h"
+#include "base/picture_memory.h"
+#include "codec/encoder_tuning.h"
+#include "h264/annex_b.h"
+#include "h264/memory_sample.h"
 
 namespace lumora {
 namespace {

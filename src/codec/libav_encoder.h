@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
+#include "codec/libav_support.h"
 #include "platform/compression.h"
 #include "platform/encoder_settings.h"
-#include "platform/libav_support.h"
 
 namespace lumora {
 

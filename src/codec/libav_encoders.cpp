@@ -1,4 +1,4 @@
-#include "platform/libav_encoders.h"
+#include "codec/libav_encoders.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/libav_session.h"
-#include "platform/memory_pixel_buffers.h"
+#include "codec/libav_session.h"
+#include "codec/memory_pixel_buffers.h"
 
 namespace lumora {
 namespace {

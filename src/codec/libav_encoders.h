@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "codec/spare_encoders.h"
 #include "platform/compression.h"
-#include "platform/spare_encoders.h"
 
 namespace lumora {
 

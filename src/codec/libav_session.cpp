@@ -1,8 +1,8 @@
-#include "platform/libav_session.h"
+#include "codec/libav_session.h"
 
 #include <utility>
 
-#include "platform/encoding_worker.h"
+#include "codec/encoding_worker.h"
 
 namespace lumora {
 namespace {

@@ -6,9 +6,9 @@
 
 #include <memory>
 
+#include "codec/libav_encoder.h"
+#include "codec/memory_pixel_buffers.h"
 #include "platform/compression.h"
-#include "platform/libav_encoder.h"
-#include "platform/memory_pixel_buffers.h"
 
 namespace lumora {
 

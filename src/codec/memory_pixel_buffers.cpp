@@ -1,11 +1,11 @@
-#include "platform/memory_pixel_buffers.h"
+#include "codec/memory_pixel_buffers.h"
 
 #include <cerrno>
 #include <mutex>
 #include <utility>
 #include <vector>
 
-#include "platform/picture_memory.h"
+#include "base/picture_memory.h"
 
 namespace lumora {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/spare_encoders.h"
+#include "codec/spare_encoders.h"
 
 #include <algorithm>
 #include <utility>

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/libav_encoder.h"
+#include "codec/libav_encoder.h"
 
 namespace lumora {
 

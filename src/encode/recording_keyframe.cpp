@@ -1,8 +1,8 @@
 #include "encode/recording_keyframe.h"
 
-#include "app/limits.h"
+#include "base/limits.h"
 #include "encode/encoder_failure.h"
-#include "encode/nal_units.h"
+#include "h264/nal_units.h"
 
 namespace lumora {
 namespace {

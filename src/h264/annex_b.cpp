@@ -1,9 +1,9 @@
-#include "platform/annex_b.h"
+#include "h264/annex_b.h"
 
 #include <cstring>
 #include <limits>
 
-#include "platform/big_endian.h"
+#include "base/big_endian.h"
 
 namespace lumora {
 namespace {

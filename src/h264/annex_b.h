@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

@@ -1,4 +1,4 @@
-#include "platform/memory_sample.h"
+#include "h264/memory_sample.h"
 
 #include <algorithm>
 #include <cerrno>

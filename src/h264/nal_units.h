@@ -12,7 +12,7 @@
 #include <array>
 #include <cstdint>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/picture_memory.h"
+#include "base/picture_memory.h"
 
 namespace lumora {
 

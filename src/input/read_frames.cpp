@@ -5,8 +5,8 @@
 #include <array>
 
 #include "app/event.h"
-#include "app/limits.h"
 #include "app/video_encoder.h"
+#include "base/limits.h"
 #include "input/record_header.h"
 
 namespace lumora {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "app/limits.h"
-#include "platform/big_endian.h"
+#include "base/big_endian.h"
+#include "base/limits.h"
 
 namespace lumora {
 namespace {

@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

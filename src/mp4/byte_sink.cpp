@@ -1,4 +1,4 @@
-#include "platform/byte_sink.h"
+#include "mp4/byte_sink.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

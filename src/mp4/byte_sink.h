@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

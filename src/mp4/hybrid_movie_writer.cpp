@@ -1,11 +1,11 @@
-#include "platform/hybrid_movie_writer.h"
+#include "mp4/hybrid_movie_writer.h"
 
 #include <algorithm>
 #include <chrono>
 #include <limits>
 #include <utility>
 
-#include "platform/movie_disk.h"
+#include "mp4/movie_disk.h"
 
 namespace lumora {
 namespace {

@@ -9,8 +9,8 @@
 // puts them on the disk. Between the two lies a bounded queue: a disk that falls behind shows as
 // "not ready", never as a wait.
 
-#include "platform/byte_sink.h"
-#include "platform/movie_boxes.h"
+#include "mp4/byte_sink.h"
+#include "mp4/movie_boxes.h"
 #include "platform/movie_writer.h"
 
 namespace lumora {

@@ -1,9 +1,9 @@
-#include "platform/movie_boxes.h"
+#include "mp4/movie_boxes.h"
 
 #include <limits>
 #include <string_view>
 
-#include "platform/big_endian.h"
+#include "base/big_endian.h"
 #include "platform/movie_writer.h"
 
 namespace lumora {

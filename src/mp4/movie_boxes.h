@@ -10,8 +10,8 @@
 
 #include <vector>
 
+#include "mp4/movie_tables.h"
 #include "platform/compression.h"
-#include "platform/movie_tables.h"
 
 namespace lumora {
 

@@ -1,4 +1,4 @@
-#include "platform/movie_disk.h"
+#include "mp4/movie_disk.h"
 
 #include <pthread.h>
 

@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/byte_sink.h"
+#include "mp4/byte_sink.h"
 #include "platform/movie_writer.h"
 
 namespace lumora {

@@ -1,4 +1,4 @@
-#include "platform/movie_tables.h"
+#include "mp4/movie_tables.h"
 
 #include <algorithm>
 #include <limits>

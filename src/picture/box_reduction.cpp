@@ -1,4 +1,4 @@
-#include "platform/box_reduction.h"
+#include "picture/box_reduction.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // Highway compiles the part between HWY_BEFORE_NAMESPACE and HWY_AFTER_NAMESPACE once per
 // instruction set and picks one when the program runs.
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "platform/resampler.cpp"
+#define HWY_TARGET_INCLUDE "picture/resampler.cpp"
 #include <hwy/foreach_target.h>
 // Behind foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
@@ -126,7 +126,7 @@ HWY_AFTER_NAMESPACE();
 #include <cmath>
 #include <numbers>
 
-#include "platform/resampler.h"
+#include "picture/resampler.h"
 
 namespace lumora {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/second_thread.h"
+#include "picture/second_thread.h"
 
 #include <pthread.h>
 

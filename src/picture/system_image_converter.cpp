@@ -1,10 +1,10 @@
-#include "platform/system_image_converter.h"
+#include "picture/system_image_converter.h"
 
 #include <libyuv.h>
 
 #include <algorithm>
 
-#include "platform/box_reduction.h"
+#include "picture/box_reduction.h"
 
 namespace lumora {
 namespace {

@@ -3,9 +3,9 @@
 #include <deque>
 #include <memory>
 
+#include "picture/resampler.h"
+#include "picture/second_thread.h"
 #include "platform/image.h"
-#include "platform/resampler.h"
-#include "platform/second_thread.h"
 
 namespace lumora {
 

@@ -9,7 +9,7 @@
 #include <optional>
 #include <variant>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 #include "platform/image.h"
 
 namespace lumora {

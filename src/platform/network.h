@@ -8,7 +8,7 @@
 #include <string>
 #include <system_error>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 #include "platform/dispatch.h"
 
 namespace lumora {

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/json.h"
+#include "base/json.h"
 #include "platform/platform.h"
 #include "record/recording_cadence.h"
 #include "record/recording_profile.h"

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/json.h"
+#include "base/json.h"
 #include "record/recording_profile.h"
 
 namespace lumora {

@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/limits.h"
 #include "app/video_encoder.h"
+#include "base/limits.h"
 #include "stream/packet.h"
 
 namespace lumora {

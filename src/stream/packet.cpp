@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <limits>
 
-#include "app/limits.h"
+#include "base/big_endian.h"
+#include "base/limits.h"
 #include "encode/encoder_failure.h"
-#include "encode/nal_units.h"
-#include "platform/big_endian.h"
+#include "h264/nal_units.h"
 
 namespace lumora {
 namespace {

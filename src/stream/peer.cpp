@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "app/limits.h"
+#include "base/limits.h"
 
 namespace lumora {
 namespace {

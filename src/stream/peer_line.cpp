@@ -4,8 +4,8 @@
 #include <cmath>
 #include <optional>
 
-#include "app/limits.h"
-#include "platform/json.h"
+#include "base/json.h"
+#include "base/limits.h"
 
 namespace lumora {
 namespace {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <variant>
 
-#include "platform/bytes.h"
+#include "base/bytes.h"
 
 namespace lumora {
 

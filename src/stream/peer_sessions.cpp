@@ -4,8 +4,8 @@
 #include <random>
 #include <utility>
 
-#include "app/limits.h"
 #include "app/video_encoder.h"
+#include "base/limits.h"
 #include "stream/peer_line.h"
 
 namespace lumora {

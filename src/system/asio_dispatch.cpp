@@ -1,4 +1,4 @@
-#include "platform/asio_dispatch.h"
+#include "system/asio_dispatch.h"
 
 #include <pthread.h>
 

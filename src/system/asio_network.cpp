@@ -1,4 +1,4 @@
-#include "platform/asio_network.h"
+#include "system/asio_network.h"
 
 #include <algorithm>
 #include <boost/asio/ip/tcp.hpp>

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "platform/asio_dispatch.h"
 #include "platform/network.h"
+#include "system/asio_dispatch.h"
 
 namespace lumora {
 

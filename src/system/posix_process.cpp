@@ -1,4 +1,4 @@
-#include "platform/posix_process.h"
+#include "system/posix_process.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "platform/asio_dispatch.h"
 #include "platform/process.h"
+#include "system/asio_dispatch.h"
 
 namespace lumora {
 

@@ -1,11 +1,11 @@
-#include "platform/system_platform.h"
+#include "system/system_platform.h"
 
-#include "platform/asio_dispatch.h"
-#include "platform/asio_network.h"
-#include "platform/hybrid_movie_writer.h"
-#include "platform/libav_encoders.h"
-#include "platform/posix_process.h"
-#include "platform/system_image_converter.h"
+#include "codec/libav_encoders.h"
+#include "mp4/hybrid_movie_writer.h"
+#include "picture/system_image_converter.h"
+#include "system/asio_dispatch.h"
+#include "system/asio_network.h"
+#include "system/posix_process.h"
 
 namespace lumora {
 

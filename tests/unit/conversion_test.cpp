@@ -7,10 +7,10 @@
 #include <future>
 #include <numbers>
 
+#include "codec/libav_encoder.h"
+#include "codec/spare_encoders.h"
 #include "encode/pixel_buffer.h"
-#include "platform/libav_encoder.h"
-#include "platform/spare_encoders.h"
-#include "platform/system_image_converter.h"
+#include "picture/system_image_converter.h"
 #include "tests/unit/fakes.h"
 
 namespace lumora {

@@ -4,7 +4,7 @@
 #include <cerrno>
 
 #include "encode/picture_size.h"
-#include "platform/annex_b.h"
+#include "h264/annex_b.h"
 
 namespace lumora {
 

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "app/video_encoder.h"
-#include "encode/nal_units.h"
+#include "codec/memory_pixel_buffers.h"
 #include "encode/picture_size.h"
-#include "platform/memory_pixel_buffers.h"
-#include "platform/memory_sample.h"
+#include "h264/memory_sample.h"
+#include "h264/nal_units.h"
 
 namespace lumora {
 

@@ -15,8 +15,8 @@ extern "C" {
 #include <numeric>
 #include <thread>
 
-#include "platform/annex_b.h"
-#include "platform/hybrid_movie_writer.h"
+#include "h264/annex_b.h"
+#include "mp4/hybrid_movie_writer.h"
 #include "tests/unit/fakes.h"
 
 namespace lumora {

@@ -5,7 +5,7 @@
 
 #include "client/packet_parser.h"
 #include "encode/encoder_failure.h"
-#include "platform/annex_b.h"
+#include "h264/annex_b.h"
 #include "stream/packet.h"
 #include "tests/unit/fakes.h"
 

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Checks every include of the repository against scripts/rooms.txt.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+git grep -nE '^ *#include [<"]' -- '*.cpp' '*.h' | awk '
+  function trim(text) { gsub(/^ +| +$/, "", text); return text }
+  function contains(list, word) { return index(" " list " ", " " word " ") > 0 }
+  # The longest place that is the file or a folder above it.
+  function placeOf(file) {
+    while (!(file in rooms) && file ~ /\//) sub(/\/[^\/]*$/, "", file)
+    return file in rooms ? file : ""
+  }
+  FILENAME != "-" {
+    sub(/#.*/, "")
+    if (match($0, / = /)) {
+      word = trim(substr($0, 1, RSTART))
+      words[word] = trim(substr($0, RSTART + 3))
+    } else if (split($0, field, "|") == 3) {
+      place = trim(field[1])
+      rooms[place] = trim(field[2])
+      libraries[place] = trim(field[3])
+      for (word in words) gsub("(^| )" word "( |$)", " " words[word] " ", rooms[place])
+    }
+    next
+  }
+  {
+    split($0, part, ":")
+    file = part[1]
+    place = placeOf(file)
+    match($0, /[<"][^>"]*[>"]/)
+    ours = substr($0, RSTART, 1) == "\""
+    name = substr($0, RSTART + 1, RLENGTH - 2)
+    split(name, folder, "/")
+    if (place == "") {
+      bad = "stands in no place of the table"
+    } else if (ours) {
+      own = place
+      sub(/^src\//, "", own)
+      sub(/\/.*/, "", own)
+      bad = folder[1] == own || contains(rooms[place], folder[1]) ? "" : "may not include " name
+    } else {
+      library = name ~ /\// ? folder[1] : name == "libyuv.h" ? "libyuv" : ""
+      bad = library == "" || library ~ /^(sys|netinet|arpa|linux)$/ ||
+            contains(libraries[place], library) ? "" : "may not include <" name ">"
+    }
+    if (bad != "") {
+      print file ":" part[2] ": " place " " bad
+      failed = 1
+    }
+  }
+  END { exit failed }
+' scripts/rooms.txt - || {
+  echo "An include crosses a wall: see scripts/rooms.txt" >&2
+  exit 1
+}
