@@ -1,13 +1,9 @@
 #include "app/event.h"
 
 #include "base/limits.h"
+#include "base/text.h"
 
 namespace lumora {
-namespace {
-
-bool continuesCharacter(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
-
-}  // namespace
 
 std::optional<std::string> eventLine(const Json& event) {
   std::string text;
@@ -30,15 +26,6 @@ std::optional<std::string> eventLine(const Json& event) {
 
 Json errorEvent(const std::string& message) {
   return {{"type", "error"}, {"message", firstCharacters(message, maximumMessageCharacters)}};
-}
-
-std::string firstCharacters(const std::string& text, std::size_t count) {
-  std::size_t end = 0;
-  for (std::size_t taken = 0; end < text.size(); ++end) {
-    if (continuesCharacter(text[end])) continue;
-    if (taken++ == count) break;
-  }
-  return text.substr(0, end);
 }
 
 }  // namespace lumora

@@ -16,9 +16,4 @@ std::optional<std::string> eventLine(const Json& event);
 // The "error" event: `message` cut to its first 240 characters.
 Json errorEvent(const std::string& message);
 
-// The first `count` characters (code points) of UTF-8 text.
-std::string firstCharacters(const std::string& text, std::size_t count);
-
-constexpr std::size_t maximumMessageCharacters = 240;
-
 }  // namespace lumora

@@ -4,10 +4,13 @@
 #include <charconv>
 #include <concepts>
 
+#include "base/limits.h"
+
 namespace lumora {
 namespace {
 
 constexpr std::size_t maximumHostBytes = 253;
+constexpr std::size_t minimumTokenBytes = 16;
 constexpr std::int64_t maximumPreviewWidth = 640;
 constexpr std::int64_t maximumPreviewHeight = 360;
 
@@ -62,7 +65,8 @@ bool isTokenCharacter(char character) {
 }
 
 bool isValidToken(const std::string& token) {
-  return token.size() >= 16 && token.size() <= 128 && std::ranges::all_of(token, isTokenCharacter);
+  return token.size() >= minimumTokenBytes && token.size() <= maximumTokenBytes &&
+         std::ranges::all_of(token, isTokenCharacter);
 }
 
 }  // namespace

@@ -1,23 +1,32 @@
 #pragma once
 
+// The numbers that more than one place of the service keeps to.
+
 #include <cstddef>
 #include <cstdint>
 
 namespace lumora {
 
-constexpr std::int64_t maximumRawPixels = 1920 * 1080;                    // pixels of a raw frame
-constexpr std::size_t maximumRawBytes = 1920 * 1080 * 4;                  // bytes of a raw frame
-constexpr std::size_t maximumPacketBytes = std::size_t{2} * 1024 * 1024;  // stream packet
-constexpr std::size_t maximumLineBytes = 4096;          // event, command, peer line
-constexpr double acknowledgementTimeout = 0.5;          // seconds
-constexpr std::size_t maximumUnacknowledgedFrames = 6;  // per peer
-constexpr int mirroredRecordingWidth = 1080;            // pixels
-constexpr int mirroredRecordingHeight = 720;            // pixels
+constexpr std::int64_t maximumRawPixels = 1920 * 1080;                    // of a raw frame
+constexpr std::size_t maximumRawBytes = 1920 * 1080 * 4;                  // of a raw frame
+constexpr std::size_t maximumRecordingSampleBytes = maximumRawBytes;      // no sample is that large
+constexpr std::size_t maximumPacketBytes = std::size_t{2} * 1024 * 1024;  // of a stream packet
+constexpr std::size_t maximumLineBytes = 4096;         // event, command, peer line
+constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
+constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 
-constexpr double helloTimeout = 1.0;  // seconds from accept to a valid "hello"
 constexpr std::size_t maximumAuthenticatedPeers = 2;
-constexpr std::size_t maximumWaitingPeers = 4;  // accepted, no "hello" yet
-constexpr double serviceInterval = 0.025;       // seconds between ticks of the service timer
-constexpr double shutdownTimeout = 2.0;         // seconds a take may need to finish
+constexpr std::size_t maximumWaitingPeers = 4;          // accepted, no "hello" yet
+constexpr std::size_t maximumUnacknowledgedFrames = 6;  // per peer
+constexpr double helloTimeout = 1.0;                    // seconds from accept to a valid "hello"
+// Seconds that a sent frame may stay unacknowledged, and also that a send may stay untaken.
+constexpr double acknowledgementTimeout = 0.5;
+
+constexpr int mirroredRecordingWidth = 1080;  // pixels of the default recording profile
+constexpr int mirroredRecordingHeight = 720;
+
+constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
+constexpr double warmUpTimeout = 0.5;      // seconds that "ready" waits for the expected encoders
+constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish
 
 }  // namespace lumora

@@ -1,9 +1,9 @@
 #include "codec/encoding_worker.h"
 
-#include <pthread.h>
-
 #include <thread>
 #include <utility>
+
+#include "base/thread_name.h"
 
 namespace lumora {
 
@@ -12,7 +12,7 @@ std::shared_ptr<EncodingWorker> EncodingWorker::start(const AVCodec& codec,
                                                       std::shared_ptr<SpareEncoders> spares) {
   std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
   std::thread([worker, &codec, settings, spares = std::move(spares)] {
-    pthread_setname_np(pthread_self(), "lumora.encoder");
+    nameThread("lumora.encoder");
     worker->run(codec, settings, *spares);
   }).detach();
   return worker;

@@ -13,15 +13,12 @@ extern "C" {
 #include "codec/encoder_tuning.h"
 #include "h264/annex_b.h"
 #include "h264/memory_sample.h"
+#include "h264/nal_units.h"
 
 namespace lumora {
 namespace {
 
 constexpr int planeAlignment = 64;  // bytes, of every row
-constexpr std::uint8_t nalTypeMask = 0x1F;
-constexpr std::uint8_t nalSequenceParameterSet = 7;
-constexpr std::uint8_t nalPictureParameterSet = 8;
-constexpr std::uint8_t nalAccessUnitDelimiter = 9;
 
 bool accepts(const AVCodec& codec, AVPixelFormat format) {
   for (const AVPixelFormat* entry = codec.pix_fmts; entry && *entry != AV_PIX_FMT_NONE; ++entry) {
@@ -80,9 +77,7 @@ Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
   if (status < 0) return status;
   for (const ByteView unit :
        splitAnnexB({context.extradata, static_cast<std::size_t>(context.extradata_size)})) {
-    const int type = unit[0] & nalTypeMask;
-    if (type == nalSequenceParameterSet) made->takeParameterSet(made->sequence_, unit);
-    if (type == nalPictureParameterSet) made->takeParameterSet(made->pictureSet_, unit);
+    made->takeParameterSet(unit);
   }
   encoder = std::move(made);
   return 0;
@@ -173,14 +168,8 @@ std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
   Bytes data;
   data.reserve(stream.size() + 64);
   for (const ByteView unit : splitAnnexB(stream)) {
-    const int type = unit[0] & nalTypeMask;
-    if (type == nalSequenceParameterSet) {
-      takeParameterSet(sequence_, unit);
-    } else if (type == nalPictureParameterSet) {
-      takeParameterSet(pictureSet_, unit);
-    } else if (type != nalAccessUnitDelimiter) {
-      appendLengthPrefixed(data, unit);
-    }
+    if (takeParameterSet(unit) || nalType(unit[0]) == NalType::accessUnitDelimiter) continue;
+    appendLengthPrefixed(data, unit);
   }
   if (!format_) {
     const ColourDescription colour{static_cast<std::uint16_t>(context_->color_primaries),
@@ -193,10 +182,16 @@ std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
   return std::make_shared<MemorySample>(std::move(data), format_);
 }
 
-void LibavEncoder::takeParameterSet(Bytes& kept, ByteView unit) {
-  if (std::ranges::equal(kept, unit)) return;
+// Whether `unit` is a parameter set. A new one makes a new format.
+bool LibavEncoder::takeParameterSet(ByteView unit) {
+  const NalType type = nalType(unit[0]);
+  const bool sequence = type == NalType::sequenceParameterSet;
+  if (!sequence && type != NalType::pictureParameterSet) return false;
+  Bytes& kept = sequence ? sequence_ : pictureSet_;
+  if (std::ranges::equal(kept, unit)) return true;
   kept.assign(unit.begin(), unit.end());
   format_.reset();
+  return true;
 }
 
 }  // namespace lumora

@@ -32,7 +32,7 @@ class LibavEncoder {
   Status allocatePicture();
   Status upload();
   std::shared_ptr<const EncodedSample> makeSample(ByteView stream);
-  void takeParameterSet(Bytes& kept, ByteView unit);
+  bool takeParameterSet(ByteView unit);
 
   CodecContext context_;
   BufferRef device_;

@@ -5,16 +5,11 @@
 #include "h264/nal_units.h"
 
 namespace lumora {
-namespace {
-
-constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header byte
-
-}  // namespace
 
 bool recordingKeyframe(const EncodedSample& sample) {
   const auto length = sample.dataIsReady() ? sample.dataLength() : std::nullopt;
   if (!length) throw EncoderFailure::message("camera sample has no bytes");
-  if (*length < minimumSampleBytes || *length > maximumRawBytes) {
+  if (*length < minimumSampleBytes || *length > maximumRecordingSampleBytes) {
     throw EncoderFailure::message("camera sample too large");
   }
   const NalWalk walk = walkNalUnits(*length, [&](std::size_t offset, MutableByteView space) {

@@ -61,7 +61,7 @@ std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(std::int64_
 
 std::vector<EncoderSettings> expectedSessions(std::int64_t previewWidth,
                                               std::int64_t previewHeight) {
-  const RecordingProfile take;
+  const RecordingProfile take = RecordingProfile::defaultProfile();
   return {{.width = static_cast<int>(previewWidth),
            .height = static_cast<int>(previewHeight),
            .profile = ProfileLevel::baselineAuto,

@@ -28,8 +28,20 @@ struct NalWalk {
   bool idr = false;
 };
 
+// ISO/IEC 14496-10, 7.3.1 and table 7-1: the type is the low five bits of a unit's first byte.
 constexpr std::uint8_t nalTypeMask = 0x1F;
-constexpr std::uint8_t nalTypeIdrSlice = 5;
+enum class NalType : std::uint8_t {
+  idrSlice = 5,
+  sequenceParameterSet = 7,
+  pictureParameterSet = 8,
+  accessUnitDelimiter = 9,
+};
+
+constexpr NalType nalType(std::uint8_t header) {
+  return static_cast<NalType>(header & nalTypeMask);
+}
+
+constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header byte
 
 template <typename Fetch>
 NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
@@ -47,7 +59,7 @@ NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
     if (!fetch(offset, MutableByteView(header))) {
       return {NalWalkError::unreadableHeader, walk.idr};
     }
-    if ((header[0] & nalTypeMask) == nalTypeIdrSlice) walk.idr = true;
+    if (nalType(header[0]) == NalType::idrSlice) walk.idr = true;
     offset += size;
   }
   return walk;

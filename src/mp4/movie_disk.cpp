@@ -1,16 +1,16 @@
 #include "mp4/movie_disk.h"
 
-#include <pthread.h>
-
 #include <thread>
 #include <utility>
+
+#include "base/thread_name.h"
 
 namespace lumora {
 
 std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   std::shared_ptr<MovieDisk> disk(new MovieDisk);
   std::thread([disk, sink = std::move(sink)]() mutable {
-    pthread_setname_np(pthread_self(), "lumora.disk");
+    nameThread("lumora.disk");
     disk->run(std::move(sink));
   }).detach();
   return disk;

@@ -1,12 +1,12 @@
 #include "picture/second_thread.h"
 
-#include <pthread.h>
+#include "base/thread_name.h"
 
 namespace lumora {
 
 SecondThread::SecondThread()
     : thread_([this] {
-        pthread_setname_np(pthread_self(), "lumora.second");
+        nameThread("lumora.second");
         for (;;) {
           start_.acquire();
           if (work_ == nullptr) return;

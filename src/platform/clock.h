@@ -9,12 +9,4 @@ class Clock {
   virtual double uptime() const = 0;
 };
 
-// The real uptime clock (CLOCK_MONOTONIC). Any thread.
-double systemUptime();
-
-class SystemClock final : public Clock {
- public:
-  double uptime() const override { return systemUptime(); }
-};
-
 }  // namespace lumora

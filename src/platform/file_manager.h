@@ -4,6 +4,7 @@
 
 namespace lumora {
 
+// Names of files. Any thread.
 class FileManager {
  public:
   virtual ~FileManager() = default;
@@ -12,14 +13,6 @@ class FileManager {
   virtual bool move(const std::string& from, const std::string& to) = 0;
   // Waits for at most a second; a disk that hangs removes the file when it comes back.
   virtual void remove(const std::string& path) = 0;
-};
-
-// The real file system. Any thread.
-class PosixFileManager final : public FileManager {
- public:
-  bool exists(const std::string& path) const override;
-  bool move(const std::string& from, const std::string& to) override;
-  void remove(const std::string& path) override;
 };
 
 }  // namespace lumora

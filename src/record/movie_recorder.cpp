@@ -7,7 +7,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "app/event.h"
+#include "base/limits.h"
+#include "base/text.h"
 #include "encode/encoder_failure.h"
 
 namespace lumora {

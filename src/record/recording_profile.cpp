@@ -1,5 +1,7 @@
 #include "record/recording_profile.h"
 
+#include "base/limits.h"
+
 namespace lumora {
 namespace {
 
@@ -8,8 +10,9 @@ struct Resolution {
   int width;
   int height;
 };
-constexpr Resolution resolutions[] = {
-    {"640x360", 640, 360}, {"1080x720", 1080, 720}, {"1920x1080", 1920, 1080}};
+constexpr Resolution mirrored = {"1080x720", mirroredRecordingWidth, mirroredRecordingHeight};
+constexpr Resolution resolutions[] = {{"640x360", 640, 360}, mirrored, {"1920x1080", 1920, 1080}};
+constexpr int defaultFrameRate = 60;
 constexpr int frameRates[] = {15, 30, 45, 60};
 
 std::optional<int> parseFrameRate(const Json& value) {
@@ -23,10 +26,14 @@ std::optional<int> parseFrameRate(const Json& value) {
 
 }  // namespace
 
+RecordingProfile RecordingProfile::defaultProfile() {
+  return {mirrored.name, mirrored.width, mirrored.height, defaultFrameRate};
+}
+
 std::optional<RecordingProfile> RecordingProfile::parse(const Json& command) {
   const Json* resolution = findValue(command, "resolution");
   const Json* rate = findValue(command, "target_fps");
-  if (resolution == nullptr && rate == nullptr) return RecordingProfile();
+  if (resolution == nullptr && rate == nullptr) return defaultProfile();
   if (resolution == nullptr || rate == nullptr || !resolution->is_string()) return std::nullopt;
   const auto targetFPS = parseFrameRate(*rate);
   if (!targetFPS) return std::nullopt;

@@ -12,7 +12,6 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t headerBytesInLength = 10;  // the header behind the length field
-constexpr std::size_t minimumSampleBytes = 5;    // one length and one NAL header byte
 constexpr std::size_t maximumSampleBytes = maximumPacketBytes - headerBytesInLength;
 constexpr std::size_t maximumParameterSetBytes = 4096;
 

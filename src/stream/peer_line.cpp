@@ -10,8 +10,6 @@
 namespace lumora {
 namespace {
 
-constexpr std::size_t maximumTokenBytes = 128;
-
 // Unsigned integers come through exactly; 9.0 counts as 9. Above 2^53 a number written with a
 // fraction no longer names one integer, so it is refused.
 std::optional<std::uint64_t> parseFrameID(const Json& value) {

@@ -1,13 +1,13 @@
 #include "system/asio_dispatch.h"
 
-#include <pthread.h>
-
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <thread>
 #include <utility>
+
+#include "base/thread_name.h"
 
 namespace lumora {
 namespace asio = boost::asio;
@@ -16,11 +16,6 @@ namespace {
 std::chrono::steady_clock::duration toDuration(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
       std::chrono::duration<double>(seconds));
-}
-
-// Linux shows at most 15 characters of a thread's name.
-void nameThread(const std::string& label) {
-  pthread_setname_np(pthread_self(), label.substr(0, 15).c_str());
 }
 
 class AsioTimer final : public TimerSource {

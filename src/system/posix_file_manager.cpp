@@ -1,4 +1,4 @@
-#include "platform/file_manager.h"
+#include "system/posix_file_manager.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -5,7 +5,9 @@
 #include "picture/system_image_converter.h"
 #include "system/asio_dispatch.h"
 #include "system/asio_network.h"
+#include "system/posix_file_manager.h"
 #include "system/posix_process.h"
+#include "system/system_clock.h"
 
 namespace lumora {
 

@@ -192,7 +192,7 @@ TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
   frame(1001.0, true);
   std::vector<bool> taken;
   auto recorder = std::make_shared<MovieRecorder>(
-      takeID, "/b.mp4", std::nullopt, RecordingProfile(),
+      takeID, "/b.mp4", std::nullopt, RecordingProfile::defaultProfile(),
       Platform{probe.queue, probe.clock, probe.dispatch, probe.process, probe.network,
                probe.encoders, probe.images, probe.movies, probe.files},
       [](const Json&) {});
