@@ -9,7 +9,6 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "app/options.h"
 #include "base/json.h"
 #include "encode/raw_encoding_completion.h"
+#include "input/raw_admission.h"
 #include "input/raw_frame.h"
 #include "platform/platform.h"
 #include "record/movie_recorder.h"
@@ -71,9 +71,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool readCommand(const RecordHeader& header);
   bool readFrame(const RecordHeader& header);
   void stopReading(std::optional<std::string> message);
-  bool admitRaw();
-  bool isRawBusy();
-  void countDroppedRaw();
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,
@@ -103,7 +100,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void failRecording(const std::string& message, const std::shared_ptr<MovieRecorder>& take);
 
   // stream/
-  std::size_t countPeers(bool authenticated) const;
+  std::size_t countClients() const;       // authenticated
+  std::size_t countWaitingPeers() const;  // no "hello" yet
   void receive(const std::shared_ptr<Peer>& peer);
   void received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended);
   bool takeBytes(Peer& peer, ByteView bytes);
@@ -118,6 +116,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void stopRecording(const Json& command);
   void relayRecording(const std::string& id, const Json& event);
   void movieFinished();
+  bool isTakeStopping() const;
+  // The take that frames go to: none once its stop is pending.
+  std::shared_ptr<MovieRecorder> recordingTake() const;
 
   // diag/
   Json coreStatistics();
@@ -125,22 +126,40 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   double uptime() const { return platform.clock->uptime(); }
 
-  Platform platform;
-  std::string host;
-  std::uint16_t port;
-  std::string token;
+  // The fields by subsystem. All belong to the state queue, unless their heading says otherwise.
+
+  // app/: the machine and the configuration. They never change, so any thread may read them.
+  const Platform platform;
+  const std::string host;
+  const std::uint16_t port;
+  const std::string token;
+  const std::int64_t previewWidth;
+  const std::int64_t previewHeight;
+  const bool exactPreviewDimensions;
+
+  // app/: lifecycle.
+  bool running = true;
+  std::optional<int> shutdownCode;
   std::shared_ptr<TcpListener> listener;
-  std::map<std::string, std::shared_ptr<Peer>> peers;
   std::unique_ptr<TimerSource> timer;
   std::vector<std::unique_ptr<SignalSource>> signals;
 
-  std::shared_ptr<CompressionSession> session;  // preview
-  std::int64_t width = 0;                       // of the preview session
-  std::int64_t height = 0;
-  std::int64_t previewWidth;  // as configured
-  std::int64_t previewHeight;
-  bool exactPreviewDimensions;
+  // input/: admission, shared by the reader's thread and the state queue under its own lock.
+  RawAdmission raw;
 
+  // input/: the reader. Its thread only.
+  std::shared_ptr<FrameBufferPool> frameBuffers = std::make_shared<FrameBufferPool>();
+  std::uint64_t lastFrameID = 0;
+
+  // encode/: the preview session.
+  std::shared_ptr<CompressionSession> session;
+  std::int64_t width = 0;
+  std::int64_t height = 0;
+  bool forceIDR = true;
+  std::int64_t ordinal = 0;
+  double encodeMilliseconds = 0;
+
+  // encode/: the recording session, made for one take and one camera size.
   std::shared_ptr<CompressionSession> recordingSession;
   std::optional<std::string> recordingSessionMovieID;
   std::int64_t recordingWidth = 0;
@@ -154,34 +173,22 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::uint64_t recordingEncoderFailures = 0;
   std::int64_t maximumMovieWorkObserved = 0;
 
-  bool forceIDR = true;
-  std::int64_t ordinal = 0;
-  bool running = true;
-  std::uint64_t encodedFrames = 0;
+  // stream/: clients and what became of their frames.
+  std::map<std::string, std::shared_ptr<Peer>> peers;
   std::uint64_t droppedPeers = 0;
-  double encodeMilliseconds = 0;
-  double lastStats = 0;
-  double lastDiagnostics = -std::numeric_limits<double>::infinity();
-  std::uint64_t creditDrops = 0;
-  std::uint64_t sendDrops = 0;
-  std::uint64_t resyncWaitDrops = 0;
-  std::uint64_t idrResyncs = 0;
-  std::int64_t maxUnacknowledgedObserved = 0;
+  std::uint64_t encodedFrames = 0;
+  DeliveryCounters delivery;
   AcknowledgementFigures acknowledgements;
 
-  std::mutex admission;  // guards the next two, which the reader touches as well
-  bool rawBusy = false;
-  std::uint64_t droppedRaw = 0;
-
-  // Reader thread only.
-  std::shared_ptr<FrameBufferPool> frameBuffers = std::make_shared<FrameBufferPool>();
-  std::uint64_t lastFrameID = 0;
-
-  std::shared_ptr<MovieRecorder> movie;  // the current take
+  // record/: the take. What the recorder itself may touch is in `MovieRecorder`.
+  std::shared_ptr<MovieRecorder> movie;
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
-  std::optional<int> shutdownCode;
-  std::optional<Json> movieStatus;  // the last recording event
+  std::optional<Json> movieStatus;         // the last recording event
+
+  // diag/: when the last reports went out, in uptime seconds.
+  double lastStats = 0;
+  double lastDiagnostics = -std::numeric_limits<double>::infinity();
 };
 
 }  // namespace lumora

@@ -21,24 +21,21 @@ void VideoEncoder::emitStats(bool force) {
     addDiagnostics(event);
   }
   emit(event);
-  if (movie && !pendingMovieStop && !movieFinishing) movie->reportProgress();
+  if (const auto take = recordingTake()) take->reportProgress();
   // Repeated, since the parent may have missed it when its pipe was full.
   if (movieStatus && movieStatus->value("state", "") != "recording") emit(*movieStatus);
 }
 
 Json VideoEncoder::coreStatistics() {
-  std::unique_lock hold(admission);
-  const std::uint64_t dropped = droppedRaw;
-  const bool busy = rawBusy;
-  hold.unlock();
+  const RawAdmission::Figures input = raw.figures();
   return {{"type", "stats"},
-          {"clients", countPeers(true)},
-          {"pending_hello", countPeers(false)},
+          {"clients", countClients()},
+          {"pending_hello", countWaitingPeers()},
           {"encoded_frames", encodedFrames},
-          {"dropped_raw", dropped},
+          {"dropped_raw", input.droppedRaw},
           {"dropped_peers", droppedPeers},
           {"encode_ms", encodeMilliseconds},
-          {"encode_inflight", busy ? 1 : 0}};
+          {"encode_inflight", input.rawBusy ? 1 : 0}};
 }
 
 void VideoEncoder::addDiagnostics(Json& event) const {
@@ -46,15 +43,15 @@ void VideoEncoder::addDiagnostics(Json& event) const {
   for (const auto& [id, peer] : peers) {
     pendingAcknowledgements = std::max(pendingAcknowledgements, peer->unacknowledged.size());
   }
-  event["credit_drops"] = creditDrops;
-  event["send_drops"] = sendDrops;
-  event["resync_wait_drops"] = resyncWaitDrops;
-  event["idr_resyncs"] = idrResyncs;
+  event["credit_drops"] = delivery.creditDrops;
+  event["send_drops"] = delivery.sendDrops;
+  event["resync_wait_drops"] = delivery.resyncWaitDrops;
+  event["idr_resyncs"] = delivery.idrResyncs;
   event["ack_rtt_ms"] = acknowledgements.acknowledgementRTT;
   event["ack_oldest_ms"] = acknowledgements.acknowledgementOldest;
   event["ack_rtt_max_ms"] = acknowledgements.acknowledgementRTTMaximum;
   event["max_pending_acks"] = pendingAcknowledgements;
-  event["max_unacked_observed"] = maxUnacknowledgedObserved;
+  event["max_unacked_observed"] = delivery.maxUnacknowledgedObserved;
   event["preview_width"] = width;
   event["preview_height"] = height;
   event["record_width"] = recordingWidth;

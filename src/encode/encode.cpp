@@ -12,10 +12,10 @@ namespace lumora {
 
 void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !movie)) return releaseRaw();
-  const auto take = pendingMovieStop || movieFinishing ? nullptr : movie;
-  const bool hasStreamConsumer = countPeers(/*authenticated=*/true) > 0;
+  const auto take = recordingTake();
+  const bool hasStreamConsumer = countClients() > 0;
   if (!take && !hasStreamConsumer) {
-    countDroppedRaw();
+    raw.countDropped();
     return releaseRaw();
   }
   const auto completion = std::make_shared<RawEncodingCompletion>([weak = weak_from_this()] {
@@ -24,28 +24,6 @@ void VideoEncoder::encode(const RawFrame& frame) {
   if (take) encodeRecording(frame, take, completion);
   if (hasStreamConsumer) encodePreview(frame, completion);
   completion->complete(0);
-}
-
-// Submits one buffer; `handle` runs with its outcome on the state queue, then the frame's share of
-// `completion` ends. The session's handler only enqueues: a session reset waits for it there.
-Status VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer,
-                            RationalTime time, FrameProperties properties,
-                            const std::shared_ptr<RawEncodingCompletion>& completion,
-                            OutcomeHandler handle) {
-  const int share = completion->begin();
-  const Status status =
-      to.encodeFrame(std::move(buffer), time, properties,
-                     [weak = weak_from_this(), queue = platform.stateQueue, completion, share,
-                      handle = std::move(handle)](Status outcome, std::uint32_t infoFlags,
-                                                  std::shared_ptr<const EncodedSample> sample) {
-                       queue->async([weak, completion, share, handle,
-                                     encoded = Encoded{outcome, infoFlags, std::move(sample)}] {
-                         if (const auto self = weak.lock()) handle(*self, encoded);
-                         completion->complete(share);
-                       });
-                     });
-  if (status != 0) completion->complete(share);
-  return status;
 }
 
 void VideoEncoder::encodePreview(const RawFrame& frame,

@@ -1,6 +1,6 @@
 // The reader: splits standard input into records and hands them to the state queue. It blocks in
 // `read` on a thread of its own, reads every payload whole (also of frames that nobody takes, so
-// that encoding never slows the parent down) and touches shared state only under `admission`.
+// that encoding never slows the parent down) and shares nothing with it but `RawAdmission`.
 
 #include <array>
 
@@ -53,7 +53,7 @@ bool VideoEncoder::readFrame(const RecordHeader& header) {
     return false;
   }
   lastFrameID = header.id;
-  if (!admitRaw()) return true;
+  if (!raw.admit()) return true;
   const auto frame = std::make_shared<const RawFrame>(
       RawFrame{header.width, header.height, header.id, std::move(rgba), uptime()});
   platform.stateQueue->async([weak = weak_from_this(), frame] {
@@ -72,36 +72,6 @@ void VideoEncoder::stopReading(std::optional<std::string> message) {
     else
       self->shutdown(0);
   });
-}
-
-bool VideoEncoder::admitRaw() {
-  const std::lock_guard hold(admission);
-  if (rawBusy) {
-    ++droppedRaw;
-    return false;
-  }
-  rawBusy = true;
-  return true;
-}
-
-void VideoEncoder::countDroppedRaw() {
-  const std::lock_guard hold(admission);
-  ++droppedRaw;
-}
-
-bool VideoEncoder::isRawBusy() {
-  const std::lock_guard hold(admission);
-  return rawBusy;
-}
-
-void VideoEncoder::releaseRaw() {
-  {
-    const std::lock_guard hold(admission);
-    rawBusy = false;
-  }
-  const auto current = movie ? std::optional(movie->id) : std::nullopt;
-  if (recordingSession && recordingSessionMovieID != current) resetRecordingSession();
-  finishMovieIfReady();
 }
 
 }  // namespace lumora

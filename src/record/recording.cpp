@@ -61,8 +61,7 @@ void VideoEncoder::stopRecording(const Json& command) {
 }
 
 void VideoEncoder::relayRecording(const std::string& id, const Json& event) {
-  const RelayState state{movieStatus ? &*movieStatus : nullptr,
-                         pendingMovieStop.has_value() || movieFinishing};
+  const RelayState state{movieStatus ? &*movieStatus : nullptr, isTakeStopping()};
   if (!relaysEvent(state, id, event)) return;
   movieStatus = event;
   emit(event);
@@ -70,12 +69,18 @@ void VideoEncoder::relayRecording(const std::string& id, const Json& event) {
   if (reached == nullptr || *reached != "failed" || movieFinishing) return;
   movie.reset();
   pendingMovieStop.reset();
-  if (!isRawBusy()) resetRecordingSession();
+  if (!raw.isBusy()) resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
 }
 
+bool VideoEncoder::isTakeStopping() const { return pendingMovieStop || movieFinishing; }
+
+std::shared_ptr<MovieRecorder> VideoEncoder::recordingTake() const {
+  return isTakeStopping() ? nullptr : movie;
+}
+
 void VideoEncoder::finishMovieIfReady() {
-  if (isRawBusy() || movieFinishing || !pendingMovieStop || !movie) return;
+  if (raw.isBusy() || movieFinishing || !pendingMovieStop || !movie) return;
   movieFinishing = true;
   // No frame is in flight, so every sample of the take has reached the recorder.
   resetRecordingSession();

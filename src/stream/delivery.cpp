@@ -1,7 +1,6 @@
 // Delivery of encoded preview frames. A frame that can't go to a peer at once is dropped for that
 // peer, never queued; the peer then gets nothing until the next key frame.
 
-#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -27,31 +26,19 @@ void VideoEncoder::deliver(const EncodedSample& sample, std::uint64_t id) {
   const FramePackets packets = prepareFrame(sample, id, width, height);
   ++encodedFrames;
   for (const auto& peer : snapshot(peers)) {
-    switch (chooseDelivery(*peer, packets.keyframe)) {
-      case DeliveryChoice::skip:
-        break;
-      case DeliveryChoice::dropForCredit:
-        ++creditDrops;
-        resynchronise(*peer);
-        break;
-      case DeliveryChoice::dropForSend:
-        ++sendDrops;
-        resynchronise(*peer);
-        break;
-      case DeliveryChoice::waitForKeyFrame:
-        ++resyncWaitDrops;
-        forceIDR = true;
-        break;
-      case DeliveryChoice::send:
-        sendFrame(peer, packets, id);
-        break;
-    }
+    const DeliveryChoice choice = chooseDelivery(*peer, packets.keyframe);
+    delivery.count(choice);
+    if (choice == DeliveryChoice::send)
+      sendFrame(peer, packets, id);
+    else if (choice != DeliveryChoice::skip)
+      resynchronise(*peer);
   }
   emitStats(false);
 }
 
+// A peer from which a frame was withheld. The episode counts once.
 void VideoEncoder::resynchronise(Peer& peer) {
-  if (!peer.awaitingIDR) ++idrResyncs;
+  if (!peer.awaitingIDR) ++delivery.idrResyncs;
   peer.awaitingIDR = true;
   forceIDR = true;
 }
@@ -64,8 +51,7 @@ void VideoEncoder::sendFrame(const std::shared_ptr<Peer>& peer, const FramePacke
   peer->sendStarted = now;
   peer->lastSent = id;
   peer->unacknowledged.push_back({id, now});
-  maxUnacknowledgedObserved =
-      std::max(maxUnacknowledgedObserved, static_cast<std::int64_t>(peer->unacknowledged.size()));
+  delivery.observe(peer->unacknowledged.size());
   std::vector<SharedBytes> parts;
   if (packets.configuration) parts.push_back(packets.configuration);
   parts.push_back(packets.frame);

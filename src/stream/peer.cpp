@@ -43,6 +43,16 @@ DeliveryChoice chooseDelivery(const Peer& peer, bool keyframe) {
   return DeliveryChoice::send;
 }
 
+void DeliveryCounters::count(DeliveryChoice choice) {
+  if (choice == DeliveryChoice::dropForCredit) ++creditDrops;
+  if (choice == DeliveryChoice::dropForSend) ++sendDrops;
+  if (choice == DeliveryChoice::waitForKeyFrame) ++resyncWaitDrops;
+}
+
+void DeliveryCounters::observe(std::size_t unacknowledged) {
+  maxUnacknowledgedObserved = std::max(maxUnacknowledgedObserved, unacknowledged);
+}
+
 bool isOverdue(const Peer& peer, double now) {
   if (!peer.authenticated && now - peer.acceptedAt > helloTimeout) return true;
   if (peer.sending && now - peer.sendStarted > acknowledgementTimeout) return true;

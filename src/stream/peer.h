@@ -45,6 +45,18 @@ Acknowledgement acknowledge(Peer& peer, std::uint64_t frameID);
 enum class DeliveryChoice { skip, dropForCredit, dropForSend, waitForKeyFrame, send };
 DeliveryChoice chooseDelivery(const Peer& peer, bool keyframe);
 
+// Service-wide totals over all peers, never reset.
+struct DeliveryCounters {
+  std::uint64_t creditDrops = 0;
+  std::uint64_t sendDrops = 0;
+  std::uint64_t resyncWaitDrops = 0;
+  std::uint64_t idrResyncs = 0;               // episodes of falling behind
+  std::size_t maxUnacknowledgedObserved = 0;  // of one peer
+
+  void count(DeliveryChoice choice);
+  void observe(std::size_t unacknowledged);
+};
+
 // Whether the peer missed the hello, send or acknowledgement deadline at uptime `now`.
 bool isOverdue(const Peer& peer, double now);
 

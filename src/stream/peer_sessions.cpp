@@ -24,13 +24,15 @@ std::string randomUUID() {
 
 }  // namespace
 
-std::size_t VideoEncoder::countPeers(bool authenticated) const {
-  return static_cast<std::size_t>(std::ranges::count_if(
-      peers, [=](const auto& entry) { return entry.second->authenticated == authenticated; }));
+std::size_t VideoEncoder::countClients() const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(peers, [](const auto& entry) { return entry.second->authenticated; }));
 }
 
+std::size_t VideoEncoder::countWaitingPeers() const { return peers.size() - countClients(); }
+
 void VideoEncoder::accept(std::shared_ptr<TcpConnection> connection) {
-  if (!running || !admitsConnection(countPeers(true), countPeers(false))) {
+  if (!running || !admitsConnection(countClients(), countWaitingPeers())) {
     connection->cancel();
     ++droppedPeers;
     return;
@@ -95,7 +97,7 @@ bool VideoEncoder::handleLine(Peer& peer) {
 
 bool VideoEncoder::authenticate(Peer& peer, const std::string& offered) {
   if (!constantTimeEqual(offered, token)) return false;
-  if (countPeers(true) >= maximumAuthenticatedPeers) return false;
+  if (countClients() >= maximumAuthenticatedPeers) return false;
   peer.authenticated = true;
   forceIDR = true;
   emitStats(true);

@@ -167,7 +167,7 @@ std::shared_ptr<FakeConnection> VideoEncoderProbe::connectClient() {
 }
 
 void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
-  ASSERT_TRUE(service->admitRaw());
+  ASSERT_TRUE(service->raw.admit());
   const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
   service->encode({width, height, id, service->frameBuffers->take(size), clock->now});
 }

@@ -285,7 +285,7 @@ struct VideoEncoderProbe {
   void command(const Json& command);
   // The keys of a fresh "stats" event.
   Json statistics();
-  bool isRawBusy() { return service->isRawBusy(); }
+  bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
   std::size_t peerCount() const { return service->peers.size(); }
   Peer& onlyPeer() { return *service->peers.begin()->second; }

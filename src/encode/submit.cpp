@@ -1,0 +1,31 @@
+// The way of one buffer into a session and of its outcome back, for both branches.
+
+#include <utility>
+
+#include "app/video_encoder.h"
+
+namespace lumora {
+
+// `handle` runs with the outcome on the state queue, then the frame's share of `completion` ends.
+// The session's handler only enqueues: a session reset waits for it on the state queue.
+Status VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer,
+                            RationalTime time, FrameProperties properties,
+                            const std::shared_ptr<RawEncodingCompletion>& completion,
+                            OutcomeHandler handle) {
+  const int share = completion->begin();
+  const Status status =
+      to.encodeFrame(std::move(buffer), time, properties,
+                     [weak = weak_from_this(), queue = platform.stateQueue, completion, share,
+                      handle = std::move(handle)](Status outcome, std::uint32_t infoFlags,
+                                                  std::shared_ptr<const EncodedSample> sample) {
+                       queue->async([weak, completion, share, handle,
+                                     encoded = Encoded{outcome, infoFlags, std::move(sample)}] {
+                         if (const auto self = weak.lock()) handle(*self, encoded);
+                         completion->complete(share);
+                       });
+                     });
+  if (status != 0) completion->complete(share);
+  return status;
+}
+
+}  // namespace lumora
