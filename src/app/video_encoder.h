@@ -20,6 +20,7 @@
 #include "input/raw_frame.h"
 #include "platform/platform.h"
 #include "record/movie_recorder.h"
+#include "record/take_event.h"
 #include "stream/peer.h"
 
 namespace lumora {
@@ -114,7 +115,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // record/
   void startRecording(const Json& command);
   void stopRecording(const Json& command);
-  void relayRecording(const std::string& id, const Json& event);
+  void relayRecording(const TakeEvent& event);
   void movieFinished();
   bool isTakeStopping() const;
   // The take that frames go to: none once its stop is pending.
@@ -184,7 +185,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<MovieRecorder> movie;
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
-  std::optional<Json> movieStatus;         // the last recording event
+  std::optional<TakeEvent> movieStatus;    // the last recording event
 
   // diag/: when the last reports went out, in uptime seconds.
   double lastStats = 0;

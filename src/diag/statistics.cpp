@@ -23,7 +23,7 @@ void VideoEncoder::emitStats(bool force) {
   emit(event);
   if (const auto take = recordingTake()) take->reportProgress();
   // Repeated, since the parent may have missed it when its pipe was full.
-  if (movieStatus && movieStatus->value("state", "") != "recording") emit(*movieStatus);
+  if (movieStatus && movieStatus->state != TakeState::recording) emit(movieStatus->event);
 }
 
 Json VideoEncoder::coreStatistics() {

@@ -47,7 +47,7 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
       write(*held, std::max(*origin + end - held->time, shortestDuration));
     }
     held.reset();
-    status("finishing", end, "", path);
+    status(TakeState::finishing, end, "", path);
     finishWriting(end, completion);
   } catch (const EncoderFailure& reason) {
     failure(reason.description());
@@ -71,15 +71,15 @@ void MovieRecorder::finishWriting(double end, const std::function<void()>& compl
 
 // Whatever the names allow: a complete movie is never given up for its name.
 void MovieRecorder::saveCompletedMovie(double duration) {
-  if (platform.files->move(staging, path)) return status("saved", duration, "", path);
+  if (platform.files->move(staging, path)) return status(TakeState::saved, duration, "", path);
   const std::string recovery = recoveryPath(path, id);
   if (platform.files->move(staging, recovery)) {
-    return status("saved", duration,
+    return status(TakeState::saved, duration,
                   "Final filename was unavailable. Completed video saved at the recovery path "
                   "shown.",
                   recovery);
   }
-  status("saved", duration,
+  status(TakeState::saved, duration,
          "Final filename was unavailable. Completed video preserved at the staging path shown; "
          "rename it to .mp4.",
          staging);

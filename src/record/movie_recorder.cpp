@@ -7,8 +7,6 @@
 #include <filesystem>
 #include <utility>
 
-#include "base/limits.h"
-#include "base/text.h"
 #include "encode/encoder_failure.h"
 
 namespace lumora {
@@ -110,7 +108,7 @@ void MovieRecorder::prepare(const HeldSample& first) {
   }
   origin = startedAt.value_or(first.time);
   lastProgressReport = platform.clock->uptime();
-  status("recording", 0, "", path);
+  status(TakeState::recording, 0, "", path);
 }
 
 void MovieRecorder::write(const HeldSample& sample, double duration) {
@@ -137,26 +135,22 @@ void MovieRecorder::pruneRecentWrites(double now) {
   while (!recentWrites.empty() && recentWrites.front() <= now - 1.0) recentWrites.pop_front();
 }
 
-void MovieRecorder::status(const std::string& state, double duration, const std::string& error,
+void MovieRecorder::status(TakeState state, double duration, const std::string& error,
                            const std::string& outputPath) {
   pruneRecentWrites(platform.clock->uptime());
-  std::unique_lock hold(lock);
-  const std::uint64_t lost = dropped;
-  const std::uint64_t skipped = throttled;
-  hold.unlock();
-  report({{"type", "recording"},
-          {"id", id},
-          {"state", state},
-          {"path", outputPath},
-          {"frames", frames},
-          {"dropped", lost},
-          {"duration", duration},
-          {"target_fps", profile.targetFPS},
-          {"recent_fps", static_cast<double>(recentWrites.size())},
-          {"throttled", skipped},
-          {"width", width},
-          {"height", height},
-          {"error", firstCharacters(error, maximumMessageCharacters)}});
+  TakeReport told{id, state, outputPath, profile.targetFPS};
+  told.duration = duration;
+  told.recentFPS = static_cast<double>(recentWrites.size());
+  told.frames = frames;
+  told.width = width;
+  told.height = height;
+  told.error = error;
+  {
+    const std::lock_guard hold(lock);
+    told.dropped = dropped;
+    told.throttled = throttled;
+  }
+  report(takeEvent(told));
 }
 
 void MovieRecorder::reportProgress() {
@@ -172,7 +166,7 @@ void MovieRecorder::progress() {
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
-  status("recording", writtenDuration, "", path);
+  status(TakeState::recording, writtenDuration, "", path);
 }
 
 void MovieRecorder::failure(const std::string& message) {
@@ -188,7 +182,7 @@ void MovieRecorder::failure(const std::string& message) {
     writer->cancelWriting();
     platform.files->remove(staging);
   }
-  status("failed", 0, message, path);
+  status(TakeState::failed, 0, message, path);
 }
 
 }  // namespace lumora

@@ -13,16 +13,16 @@
 #include <optional>
 #include <string>
 
-#include "base/json.h"
 #include "platform/platform.h"
 #include "record/recording_cadence.h"
 #include "record/recording_profile.h"
+#include "record/take_event.h"
 
 namespace lumora {
 
 class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
  public:
-  using Report = std::function<void(Json event)>;
+  using Report = std::function<void(TakeEvent event)>;
 
   // `report` is called on the take's queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
@@ -61,7 +61,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void take(HeldSample next);
   void prepare(const HeldSample& first);
   void write(const HeldSample& held, double duration);
-  void status(const std::string& state, double duration, const std::string& error,
+  void status(TakeState state, double duration, const std::string& error,
               const std::string& outputPath);
   void failure(const std::string& message);
   void progress();

@@ -5,6 +5,8 @@
 #include "app/event.h"
 #include "app/video_encoder.h"
 #include "record/recording_command.h"
+#include "record/recording_profile.h"
+#include "record/take_event.h"
 
 namespace lumora {
 
@@ -32,13 +34,13 @@ void VideoEncoder::startRecording(const Json& command) {
     return reject("recording destination or state is invalid");
   }
   const std::string& id = *findString(command, "id");
-  movieStatus = startingEvent(id, *path, *profile);
-  emit(*movieStatus);
+  movieStatus = takeEvent({id, TakeState::starting, *path, profile->targetFPS});
+  emit(movieStatus->event);
   movie = std::make_shared<MovieRecorder>(
       id, *path, startedAt, *profile, platform,
-      [weak = weak_from_this(), queue = platform.stateQueue, id](Json event) {
-        queue->async([weak, id, event = std::move(event)] {
-          if (const auto self = weak.lock()) self->relayRecording(id, event);
+      [weak = weak_from_this(), queue = platform.stateQueue](TakeEvent event) {
+        queue->async([weak, event = std::move(event)] {
+          if (const auto self = weak.lock()) self->relayRecording(event);
         });
       });
   pendingMovieStop.reset();
@@ -60,13 +62,12 @@ void VideoEncoder::stopRecording(const Json& command) {
   finishMovieIfReady();
 }
 
-void VideoEncoder::relayRecording(const std::string& id, const Json& event) {
-  const RelayState state{movieStatus ? &*movieStatus : nullptr, isTakeStopping()};
-  if (!relaysEvent(state, id, event)) return;
+void VideoEncoder::relayRecording(const TakeEvent& event) {
+  if (!movieStatus || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
   movieStatus = event;
-  emit(event);
-  const std::string* reached = findString(event, "state");
-  if (reached == nullptr || *reached != "failed" || movieFinishing) return;
+  emit(event.event);
+  // While the take is being finalised its end clears it: see `movieFinished`.
+  if (event.state != TakeState::failed || movieFinishing) return;
   movie.reset();
   pendingMovieStop.reset();
   if (!raw.isBusy()) resetRecordingSession();

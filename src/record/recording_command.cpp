@@ -10,11 +10,6 @@ constexpr double maximumAge = 30.0;   // seconds
 constexpr double maximumLead = 0.05;  // seconds
 constexpr std::size_t maximumPathBytes = 3000;
 
-std::string stateOf(const Json& event) {
-  const std::string* state = findString(event, "state");
-  return state == nullptr ? "" : *state;
-}
-
 }  // namespace
 
 std::optional<Json> parseRecordingCommand(ByteView payload) {
@@ -49,41 +44,6 @@ std::optional<double> recordingTimestamp(const Json& value, double now) {
 bool isRecordingDestination(const std::string& path) {
   return path.starts_with('/') && path.size() <= maximumPathBytes && path.ends_with(".mp4") &&
          path.find('\0') == std::string::npos;
-}
-
-Json startingEvent(const std::string& id, const std::string& path,
-                   const RecordingProfile& profile) {
-  return {{"type", "recording"},
-          {"id", id},
-          {"state", "starting"},
-          {"path", path},
-          {"frames", 0},
-          {"dropped", 0},
-          {"duration", 0},
-          {"width", 0},
-          {"height", 0},
-          {"error", ""},
-          {"target_fps", profile.targetFPS},
-          {"recent_fps", 0.0},
-          {"throttled", 0}};
-}
-
-Json rejectionEvent(const Json& command, const std::string& message) {
-  const std::string* path = findString(command, "path");
-  return {{"type", "recording"}, {"id", command["id"]},
-          {"state", "failed"},   {"path", path == nullptr ? "" : *path},
-          {"frames", 0},         {"dropped", 0},
-          {"duration", 0},       {"width", 0},
-          {"height", 0},         {"error", message}};
-}
-
-bool relaysEvent(const RelayState& state, const std::string& id, const Json& event) {
-  if (state.status == nullptr) return false;
-  const std::string* current = findString(*state.status, "id");
-  if (current == nullptr || *current != id) return false;
-  const std::string before = stateOf(*state.status);
-  if (before == "saved" || before == "failed") return false;
-  return stateOf(event) != "recording" || !(state.stopping || before == "finishing");
 }
 
 }  // namespace lumora

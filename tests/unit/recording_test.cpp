@@ -195,7 +195,7 @@ TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
       takeID, "/b.mp4", std::nullopt, RecordingProfile::defaultProfile(),
       Platform{probe.queue, probe.clock, probe.dispatch, probe.process, probe.network,
                probe.encoders, probe.images, probe.movies, probe.files},
-      [](const Json&) {});
+      [](const TakeEvent&) {});
   for (const bool keyframe : {true, false, false, false, true}) {
     taken.push_back(recorder->append(keyframe ? keySample() : deltaSample(), 1, keyframe));
   }
@@ -321,13 +321,31 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   ASSERT_EQ(progress.size(), 1u);
   EXPECT_EQ(progress[0]["frames"], 1);
   EXPECT_EQ(progress[0]["duration"], 0.5);
-  Json status = progress[0];
-  EXPECT_TRUE(relaysEvent({&status, false}, takeID, progress[0]));
-  EXPECT_FALSE(relaysEvent({&status, true}, takeID, progress[0]));
-  EXPECT_FALSE(relaysEvent({nullptr, false}, takeID, progress[0]));
-  EXPECT_FALSE(relaysEvent({&status, false}, "other", progress[0]));
-  status["state"] = "saved";
-  EXPECT_FALSE(relaysEvent({&status, false}, takeID, {{"state", "failed"}}));
+}
+
+TEST(TakeEvents, AreRelayedUnlessTheyComeTooLate) {
+  struct Case {
+    TakeState last;
+    bool stopping;
+    TakeState next;
+    bool relayed;
+  };
+  using enum TakeState;
+  for (const Case& c : {Case{starting, false, recording, true},
+                        {starting, true, recording, false},
+                        {recording, false, recording, true},
+                        {recording, true, finishing, true},
+                        {recording, true, failed, true},
+                        {finishing, false, recording, false},
+                        {finishing, true, saved, true},
+                        {finishing, true, failed, true},
+                        {saved, false, failed, false},
+                        {failed, false, failed, false},
+                        {failed, false, saved, false}}) {
+    EXPECT_EQ(relaysEvent({"a", c.last, {}}, c.stopping, {"a", c.next, {}}), c.relayed)
+        << static_cast<int>(c.last) << static_cast<int>(c.next);
+    EXPECT_FALSE(relaysEvent({"a", c.last, {}}, c.stopping, {"b", c.next, {}}));
+  }
 }
 
 TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {

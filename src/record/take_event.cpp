@@ -1,0 +1,67 @@
+#include "record/take_event.h"
+
+#include "base/limits.h"
+#include "base/text.h"
+
+namespace lumora {
+namespace {
+
+const char* textOf(TakeState state) {
+  switch (state) {
+    case TakeState::starting:
+      return "starting";
+    case TakeState::recording:
+      return "recording";
+    case TakeState::finishing:
+      return "finishing";
+    case TakeState::saved:
+      return "saved";
+    case TakeState::failed:
+      return "failed";
+  }
+  return "";
+}
+
+}  // namespace
+
+TakeEvent takeEvent(const TakeReport& report) {
+  // A take that is only starting has an integer for its duration.
+  const Json duration = report.state == TakeState::starting ? Json(0) : Json(report.duration);
+  return {report.id,
+          report.state,
+          {{"type", "recording"},
+           {"id", report.id},
+           {"state", textOf(report.state)},
+           {"path", report.path},
+           {"frames", report.frames},
+           {"dropped", report.dropped},
+           {"duration", duration},
+           {"target_fps", report.targetFPS},
+           {"recent_fps", report.recentFPS},
+           {"throttled", report.throttled},
+           {"width", report.width},
+           {"height", report.height},
+           {"error", firstCharacters(report.error, maximumMessageCharacters)}}};
+}
+
+Json rejectionEvent(const Json& command, const std::string& message) {
+  const std::string* path = findString(command, "path");
+  return {{"type", "recording"},
+          {"id", command["id"]},
+          {"state", textOf(TakeState::failed)},
+          {"path", path == nullptr ? "" : *path},
+          {"frames", 0},
+          {"dropped", 0},
+          {"duration", 0},
+          {"width", 0},
+          {"height", 0},
+          {"error", message}};
+}
+
+bool relaysEvent(const TakeEvent& last, bool stopping, const TakeEvent& next) {
+  if (next.id != last.id) return false;
+  if (last.state == TakeState::saved || last.state == TakeState::failed) return false;
+  return next.state != TakeState::recording || !(stopping || last.state == TakeState::finishing);
+}
+
+}  // namespace lumora
