@@ -22,7 +22,7 @@ fi
 
 root=$(mktemp -d "${TMPDIR:-/tmp}/lumora-fresh.XXXXXX")
 cleanUp() {
-  for point in proc dev/shm dev/pts dev origin; do umount "$root/$point" 2>/dev/null || true; done
+  for point in proc dev origin; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
   rm -rf --one-file-system "$root"
 }
 trap cleanUp EXIT
@@ -44,7 +44,7 @@ inside() {
     chroot "$root" bash -c "$1"
 }
 inside "update-ca-certificates >/dev/null 2>&1
-        git clone --quiet -c safe.directory=/origin/.git file:///origin /root/lumora-video"
+        git clone --quiet file:///origin /root/lumora-video"
 
 failed=0
 for command in "${commands[@]}"; do
