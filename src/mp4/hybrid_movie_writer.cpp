@@ -66,32 +66,17 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   if (closed_) return false;
   const auto length = sample.dataLength();
   if (!length || *length > std::numeric_limits<std::uint32_t>::max()) return false;
-  closeSample(timing.time);
   const std::size_t at = payload_.size();
   payload_.resize(at + *length);
   if (sample.copyBytes(0, MutableByteView(payload_).subspan(at)) != 0) {
     payload_.resize(at);
     return false;
   }
-  if (samples_.empty()) fragmentTime_ = sampleTime_;
-  samples_.push_back({static_cast<std::uint32_t>(*length),
-                      static_cast<std::uint32_t>(std::max<std::int64_t>(timing.duration, 1)),
-                      keyframe});
-  sampleOpen_ = true;
+  if (samples_.empty()) fragmentTime_ = timing.time;
+  samples_.push_back(
+      {static_cast<std::uint32_t>(*length), static_cast<std::uint32_t>(timing.duration), keyframe});
+  if (timing.time + timing.duration - fragmentTime_ >= fragmentDuration) flushFragment();
   return true;
-}
-
-// The open sample lasts until the next one. What it should have lasted counts only for the last.
-void HybridMovieWriter::closeSample(std::int64_t nextTime) {
-  if (!sampleOpen_) {
-    sampleTime_ = 0;
-    return;
-  }
-  const std::int64_t next = std::max(nextTime, sampleTime_ + minimumDuration);
-  samples_.back().duration = static_cast<std::uint32_t>(next - sampleTime_);
-  sampleOpen_ = false;
-  sampleTime_ = next;
-  if (next - fragmentTime_ >= fragmentDuration) flushFragment();
 }
 
 void HybridMovieWriter::flushFragment() {
@@ -108,7 +93,6 @@ void HybridMovieWriter::flushFragment() {
 
 void HybridMovieWriter::finishWriting(std::int64_t end, std::function<void()> handler) {
   closed_ = true;
-  sampleOpen_ = false;
   flushFragment();
   tables_.endAt(static_cast<std::uint64_t>(std::max<std::int64_t>(end, 0)));
   if (tables_.empty()) {

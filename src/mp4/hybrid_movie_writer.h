@@ -23,8 +23,6 @@ class HybridMovieWriter final : public MovieWriter {
   // 15 MB. Twice that is room enough, and little beside the frames in memory.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
-  // Two samples closer than this are told apart by it; the next one catches up.
-  static constexpr std::int64_t minimumDuration = movieTimescale / 600;
 
   // `created` is seconds since 1904, the epoch of MP4.
   HybridMovieWriter(std::unique_ptr<ByteSink> sink, std::uint64_t created);
@@ -42,7 +40,6 @@ class HybridMovieWriter final : public MovieWriter {
   void cancelWriting() override;
 
  private:
-  void closeSample(std::int64_t nextTime);
   void flushFragment();
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
@@ -53,13 +50,11 @@ class HybridMovieWriter final : public MovieWriter {
   std::uint64_t fileSize_ = 0;  // of what has been queued
   MovieTables tables_;
 
-  // The fragment being gathered. Its last sample stays open until the next one tells its duration.
+  // The fragment being gathered.
   std::vector<MovieSample> samples_;
   Bytes payload_;
   std::uint32_t fragments_ = 0;
-  std::int64_t fragmentTime_ = 0;
-  bool sampleOpen_ = false;
-  std::int64_t sampleTime_ = 0;  // of the open sample, as placed in the movie
+  std::int64_t fragmentTime_ = 0;  // where it begins
 };
 
 class HybridMovies final : public Movies {

@@ -13,7 +13,8 @@ namespace lumora {
 
 constexpr std::int32_t movieTimescale = 60000;  // units per second, of every time in a movie
 
-// Where a sample lies on the movie's timeline, in units of `movieTimescale`.
+// Where a sample lies on the movie's timeline, in units of `movieTimescale`. The first sample
+// stands at zero, each other one where the one before it ends; each lasts for at least one unit.
 struct MovieTiming {
   std::int64_t time = 0;
   std::int64_t duration = 0;

@@ -1,26 +1,13 @@
 // The end of a take: its last sample, its file, its final name.
 
-#include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <utility>
 
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
+#include "record/movie_timing.h"
 
 namespace lumora {
-namespace {
-
-constexpr double shortestDuration = 1.0 / movieTimescale;  // seconds
-
-}  // namespace
-
-double movieEndTime(std::optional<double> startedAt, double origin, double lastSample, double stop,
-                    int targetFPS) {
-  if (startedAt) return std::max(stop - origin, shortestDuration);
-  return std::max(lastSample - origin + 1.0 / targetFPS, stop - origin);
-}
-
 std::string recoveryPath(const std::string& path, const std::string& id) {
   const std::filesystem::path wanted(path);
   return wanted.parent_path() / (wanted.stem().string() + ".recovered-" + id + ".mp4");
@@ -44,7 +31,7 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
     }
     const double end = movieEndTime(startedAt, *origin, held->time, stop, profile.targetFPS);
     if (held->time < *origin + end) {
-      write(*held, std::max(*origin + end - held->time, shortestDuration));
+      write(*held, *origin + end, shortestLastSample);
     }
     held.reset();
     status(TakeState::finishing, end, "", path);
@@ -56,17 +43,16 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
 }
 
 void MovieRecorder::finishWriting(double end, const std::function<void()>& completion) {
-  writer->finishWriting(
-      std::llround(end * movieTimescale), [self = shared_from_this(), end, completion] {
-        self->queue->async([self, end, completion] {
-          if (self->writer->status() == WriterStatus::completed) {
-            self->saveCompletedMovie(end);
-          } else {
-            self->failure(self->writer->error().value_or("recording finalization failed"));
-          }
-          completion();
-        });
-      });
+  writer->finishWriting(movieUnits(end), [self = shared_from_this(), end, completion] {
+    self->queue->async([self, end, completion] {
+      if (self->writer->status() == WriterStatus::completed) {
+        self->saveCompletedMovie(end);
+      } else {
+        self->failure(self->writer->error().value_or("recording finalization failed"));
+      }
+      completion();
+    });
+  });
 }
 
 // Whatever the names allow: a complete movie is never given up for its name.

@@ -3,20 +3,17 @@
 #include "record/movie_recorder.h"
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <utility>
 
 #include "encode/encoder_failure.h"
+#include "record/movie_timing.h"
 
 namespace lumora {
 namespace {
 
-constexpr int maximumPending = 2;              // write jobs waiting for the writer
-constexpr double minimumDuration = 1.0 / 600;  // seconds
-constexpr double progressInterval = 1.0;       // seconds
-
-std::int64_t movieUnits(double seconds) { return std::llround(seconds * movieTimescale); }
+constexpr int maximumPending = 2;         // write jobs waiting for the writer
+constexpr double progressInterval = 1.0;  // seconds
 
 }  // namespace
 
@@ -72,7 +69,7 @@ int MovieRecorder::pendingWork() {
 void MovieRecorder::writeJob(HeldSample next) {
   if (!failed) {
     try {
-      take(std::move(next));
+      hold(std::move(next));
     } catch (const EncoderFailure& reason) {
       failure(reason.description());
     }
@@ -81,10 +78,11 @@ void MovieRecorder::writeJob(HeldSample next) {
   --pending;
 }
 
-void MovieRecorder::take(HeldSample next) {
+// Holds `next` back in place of the sample before it, whose duration is known now.
+void MovieRecorder::hold(HeldSample next) {
   if (!writer) prepare(next);
   if (held) {
-    write(*held, std::max(next.time - held->time, minimumDuration));
+    next.movieTime = write(*held, next.time, shortestSample);
   } else {
     // The first sample stands at zero even when it was captured after the take's start.
     next.time = *origin;
@@ -111,7 +109,9 @@ void MovieRecorder::prepare(const HeldSample& first) {
   status(TakeState::recording, 0, "", path);
 }
 
-void MovieRecorder::write(const HeldSample& sample, double duration) {
+// Writes a sample that lasts until this uptime, but at least `shortest` movie units; where it ends
+// in the movie.
+std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::int64_t shortest) {
   if (!writer || !origin || writer->status() != WriterStatus::writing) {
     throw EncoderFailure::message("recording writer unavailable");
   }
@@ -119,8 +119,8 @@ void MovieRecorder::write(const HeldSample& sample, double duration) {
   if (!writer->isReadyForMoreMediaData()) {
     throw EncoderFailure::message("recording disk cannot keep up");
   }
-  const double time = std::max(sample.time - *origin, 0.0);
-  if (!writer->append(*sample.sample, sample.keyframe, {movieUnits(time), movieUnits(duration)})) {
+  const MovieTiming timing = lastUntil(sample.movieTime, movieUnits(until - *origin), shortest);
+  if (!writer->append(*sample.sample, sample.keyframe, timing)) {
     if (const auto error = writer->error()) throw EncoderFailure::message(*error);
     throw EncoderFailure::status("recording sample append", 0);
   }
@@ -128,7 +128,11 @@ void MovieRecorder::write(const HeldSample& sample, double duration) {
   const double now = platform.clock->uptime();
   pruneRecentWrites(now);
   recentWrites.push_back(now);
+  const double time = std::max(sample.time - *origin, 0.0);
+  const double duration =
+      std::max(until - sample.time, static_cast<double>(shortest) / movieTimescale);
   writtenDuration = std::max(writtenDuration, time + duration);
+  return timing.time + timing.duration;
 }
 
 void MovieRecorder::pruneRecentWrites(double now) {

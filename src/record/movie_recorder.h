@@ -53,14 +53,15 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   struct HeldSample {
     std::shared_ptr<const EncodedSample> sample;
     bool keyframe = false;
-    double time = 0;  // uptime seconds
+    double time = 0;             // of its capture, uptime seconds
+    std::int64_t movieTime = 0;  // where it stands in the movie
   };
 
   // Everything from here to the lock runs on, or belongs to, the take's queue.
   void writeJob(HeldSample next);
-  void take(HeldSample next);
+  void hold(HeldSample next);
   void prepare(const HeldSample& first);
-  void write(const HeldSample& held, double duration);
+  std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void status(TakeState state, double duration, const std::string& error,
               const std::string& outputPath);
   void failure(const std::string& message);
@@ -91,11 +92,6 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::uint64_t throttled = 0;
   bool accepting = true;
 };
-
-// When a movie ends, in seconds from its origin, all times uptime seconds. Without a start time
-// the last frame lasts at least one interval; with one the movie spans exactly from start to stop.
-double movieEndTime(std::optional<double> startedAt, double origin, double lastSample, double stop,
-                    int targetFPS);
 
 // "/a/clip.mp4" and an id give "/a/clip.recovered-<id>.mp4".
 std::string recoveryPath(const std::string& path, const std::string& id);

@@ -288,6 +288,7 @@ struct VideoEncoderProbe {
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
   std::size_t peerCount() const { return service->peers.size(); }
+  MovieRecorder& take() { return *service->movie; }
   Peer& onlyPeer() { return *service->peers.begin()->second; }
 
   std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();

@@ -4,6 +4,7 @@
 
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"
+#include "record/movie_timing.h"
 #include "record/recording_command.h"
 #include "tests/unit/fakes.h"
 
@@ -204,6 +205,25 @@ TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
   probe.run();
   EXPECT_FALSE(recorder->append(deltaSample(), 2, false));
   EXPECT_TRUE(recorder->append(keySample(), 2, true));
+}
+
+TEST_F(Takes, BurstsAreToldApartAndThePauseBehindThemPutsThingsRight) {
+  start();
+  auto& recorder = probe.take();
+  for (const double at : {0.0, 0.001, 0.002, 0.003, 1.0, 1.0, 1.1}) {
+    ASSERT_TRUE(recorder.append(keySample(), 1000 + at, true));
+    probe.run();
+  }
+  const Json saved = finish({{"stopped_at", 1000.0}});
+  EXPECT_EQ(timings(), (Timings{{0, 100},
+                                {100, 100},
+                                {200, 100},
+                                {300, 59700},
+                                {60000, 100},
+                                {60100, 5900},
+                                {66000, 1000}}));
+  EXPECT_EQ(writer().end, 67000);
+  EXPECT_NEAR(saved["duration"].get<double>(), 1.1 + 1.0 / 60, 1e-9);
 }
 
 TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
