@@ -15,6 +15,7 @@
 #include "bench/paced_load.h"
 #include "bench/pipeline.h"
 #include "bench/ssim.h"
+#include "encode/session_settings.h"
 #include "tools/paced_run.h"
 
 namespace {
@@ -107,8 +108,9 @@ struct ReadyClip {
 Run runBound(const ReadyClip& ready, const std::string& preset,
              const std::function<void()>& besideEach = {}) {
   const std::vector<EncoderLoad> both = {
-      {previewSettings(preset), ready.preview},
-      {takeSettings(camera.width, camera.height, preset), ready.take}};
+      {sessionSettings(SessionKind::preview, {640, 360}, 60), preset, ready.preview},
+      {sessionSettings(SessionKind::recording, {camera.width, camera.height}, 60), preset,
+       ready.take}};
   const EncodersReport calm = encodeAlone(both, frames, costRate, besideEach);
   const EncodersReport hurried = encodeAlone(both, frames, 0, besideEach);
   return {{{"cpu_ms", perFrame(calm.cpuSeconds)},

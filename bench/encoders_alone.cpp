@@ -13,7 +13,6 @@ extern "C" {
 
 #include "codec/encoder_tuning.h"
 #include "encode/picture_size.h"
-#include "encode/session_settings.h"
 #include "picture/system_image_converter.h"
 #include "tools/resource_use.h"
 
@@ -38,7 +37,7 @@ class Encoder {
     if (codec == nullptr) throw std::runtime_error("there is no libx264");
     context_.reset(avcodec_alloc_context3(codec));
     context_->pix_fmt = AV_PIX_FMT_YUV420P;
-    if (tune(*context_, *codec, load.settings) < 0 ||
+    if (tune(*context_, {codec, load.preset}, load.settings) < 0 ||
         avcodec_open2(context_.get(), codec, nullptr) < 0) {
       throw std::runtime_error("libx264 does not open");
     }
@@ -132,20 +131,6 @@ EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, in
   report.cpuSeconds = tools::cpuSeconds(after) - tools::cpuSeconds(before);
   for (const auto& encoder : encoders) report.streams.push_back(encoder->takeStream());
   return report;
-}
-
-EncoderSettings previewSettings(const std::string& preset) {
-  EncoderSettings settings = expectedSessions(640, 360).front();
-  settings.preset = preset;
-  return settings;
-}
-
-EncoderSettings takeSettings(int width, int height, const std::string& preset) {
-  EncoderSettings settings = expectedSessions(640, 360).back();
-  settings.width = width;
-  settings.height = height;
-  settings.preset = preset;
-  return settings;
 }
 
 }  // namespace lumora::bench

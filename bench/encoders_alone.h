@@ -18,6 +18,7 @@ std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height);
 
 struct EncoderLoad {
   EncoderSettings settings;
+  std::string preset;  // empty: as shipped
   const std::vector<Bytes>& pictures;
 };
 
@@ -32,9 +33,5 @@ struct EncodersReport {
 // own. Throws std::runtime_error when an encoder can't be opened.
 EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames,
                            int framesPerSecond = 0, const std::function<void()>& besideEach = {});
-
-// What the helper encodes for a camera of 1920×1080: the default preview, and a take.
-EncoderSettings previewSettings(const std::string& preset);
-EncoderSettings takeSettings(int width, int height, const std::string& preset);
 
 }  // namespace lumora::bench

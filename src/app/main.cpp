@@ -9,7 +9,6 @@
 
 #include "app/options.h"
 #include "app/video_encoder.h"
-#include "encode/session_settings.h"
 #include "system/system_platform.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
@@ -60,9 +59,7 @@ int main(int argc, char** argv) {
   if (!configuration) endWith(invalidConfiguration);
 
   // Lives until the process ends: `exit` never runs its destructor.
-  static const lumora::Platform platform = lumora::makeSystemPlatform(
-      encoderChoice(environment),
-      lumora::expectedSessions(configuration->previewWidth, configuration->previewHeight));
+  static const lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
   static const auto encoder = std::make_shared<lumora::VideoEncoder>(*configuration, platform);
   platform.stateQueue->async([] {
     try {

@@ -7,6 +7,7 @@
 
 #include "app/event.h"
 #include "base/limits.h"
+#include "encode/session_settings.h"
 
 namespace lumora {
 
@@ -20,6 +21,7 @@ VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services
       exactPreviewDimensions(configuration.exactPreviewDimensions) {}
 
 void VideoEncoder::start() {
+  platform.encoders->openAhead(expectedSessions({previewWidth, previewHeight}));
   const auto weak = weak_from_this();
   listener = platform.network->makeListener(host, port);
   listener->setConnectionHandler([weak](std::shared_ptr<TcpConnection> connection) {
@@ -43,13 +45,21 @@ void VideoEncoder::listenerChanged(ListenerState state) {
   if (!running) return;
   if (state == ListenerState::failed) fail("video listener failed");
   if (state != ListenerState::ready) return;
-  const std::uint16_t bound = listener->port();
-  if (bound == 0) {
+  if (listener->port() == 0) {
     fail("listener has no port");
     return;
   }
+  // Whoever is told that the service is ready feeds it at once, and encoders that open under that
+  // load take several times as long: frames would be lost meanwhile.
+  platform.encoders->whenOpen(warmUpTimeout, [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->becomeReady();
+  });
+}
+
+void VideoEncoder::becomeReady() {
+  if (!running || shutdownCode) return;
   emit({{"type", "ready"},
-        {"port", bound},
+        {"port", listener->port()},
         {"recording_hd", true},
         {"recording_mirror", true},
         {"recording_width", mirroredRecordingWidth},
@@ -57,6 +67,7 @@ void VideoEncoder::listenerChanged(ListenerState state) {
         {"recording_profiles", true},
         {"recording_timebase", true}});
   emitStats(true);
+  listener->acceptConnections();
   platform.dispatch->runDetached([weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->readFrames();
   });

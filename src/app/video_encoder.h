@@ -64,6 +64,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // app/
   void listenerChanged(ListenerState state);
+  void becomeReady();
   void serviceTick();
   void fail(const std::string& message);  // "error" event and shutdown with 1
 

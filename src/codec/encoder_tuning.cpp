@@ -32,13 +32,13 @@ constexpr int maximumSliceThreads = 2;
 //   ours, three threads  20.3    13.6         16.6        0.9570
 //   ours with CABAC      22.2    13.6         26.5        0.9591
 //   superfast            22.3    13.6         27.8        0.9594
-CodecOptions x264Options(const EncoderSettings& settings) {
+CodecOptions x264Options(const EncoderSettings& settings, const std::string& preset) {
   const bool high = settings.profile == ProfileLevel::highAuto;
-  const bool ours = settings.preset.empty();
+  const bool ours = preset.empty();
   // Without larger transforms a stream of these presets would not be High.
   std::string parameters = high ? "8x8dct=1" : "8x8dct=0";
   if (ours) parameters += ":subme=1:no-deblock=0";
-  return {{"preset", ours ? "ultrafast" : settings.preset},
+  return {{"preset", ours ? "ultrafast" : preset},
           {"tune", "zerolatency"},
           {"profile", high ? "high" : "baseline"},
           {"x264-params", parameters},
@@ -47,11 +47,12 @@ CodecOptions x264Options(const EncoderSettings& settings) {
           {"sc_threshold", "0"}};
 }
 
-CodecOptions lowLatencyOptions(const std::string& codec, const EncoderSettings& settings) {
+CodecOptions lowLatencyOptions(const CodecChoice& choice, const EncoderSettings& settings) {
+  const std::string codec = choice.codec->name;
   const bool high = settings.profile == ProfileLevel::highAuto;
   const std::string profile = high ? "high" : "baseline";
   const std::string constrained = high ? "high" : "constrained_baseline";
-  if (codec == "libx264") return x264Options(settings);
+  if (codec == "libx264") return x264Options(settings, choice.preset);
   if (codec == "h264_videotoolbox") {
     return {{"profile", profile}, {"realtime", "1"}, {"allow_sw", "0"}};
   }
@@ -81,7 +82,7 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
   context.max_b_frames = 0;
   context.bit_rate = settings.bitRate;
   context.rc_max_rate = settings.bitRate;
-  context.rc_buffer_size = static_cast<int>(settings.bitRate);  // one second
+  context.rc_buffer_size = static_cast<int>(settings.bufferBits());
   context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
   context.thread_type = FF_THREAD_SLICE;
   context.thread_count = sliceThreads(settings);
@@ -94,9 +95,9 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
 
 }  // namespace
 
-Status tune(AVCodecContext& context, const AVCodec& codec, const EncoderSettings& settings) {
+Status tune(AVCodecContext& context, const CodecChoice& choice, const EncoderSettings& settings) {
   configure(context, settings);
-  for (const auto& [name, value] : lowLatencyOptions(codec.name, settings)) {
+  for (const auto& [name, value] : lowLatencyOptions(choice, settings)) {
     const int status = av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
     if (status < 0) return status;
   }

@@ -7,13 +7,13 @@
 
 namespace lumora {
 
-std::shared_ptr<EncodingWorker> EncodingWorker::start(const AVCodec& codec,
+std::shared_ptr<EncodingWorker> EncodingWorker::start(const CodecChoice& choice,
                                                       const EncoderSettings& settings,
                                                       std::shared_ptr<SpareEncoders> spares) {
   std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
-  std::thread([worker, &codec, settings, spares = std::move(spares)] {
+  std::thread([worker, choice, settings, spares = std::move(spares)] {
     nameThread("lumora.encoder");
-    worker->run(codec, settings, *spares);
+    worker->run(choice, settings, *spares);
   }).detach();
   return worker;
 }
@@ -44,10 +44,10 @@ void EncodingWorker::stop() {
   }
 }
 
-void EncodingWorker::run(const AVCodec& codec, const EncoderSettings& settings,
+void EncodingWorker::run(const CodecChoice& choice, const EncoderSettings& settings,
                          SpareEncoders& spares) {
   auto encoder = spares.take(settings);
-  const Status opened = encoder ? 0 : LibavEncoder::open(codec, settings, encoder);
+  const Status opened = encoder ? 0 : LibavEncoder::open(choice, settings, encoder);
   if (encodeAll(encoder.get(), opened)) spares.give(settings, std::move(encoder));
 }
 

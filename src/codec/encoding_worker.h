@@ -21,7 +21,7 @@ class EncodingWorker {
     CompressionSession::OutputHandler handler;  // runs on the worker's thread
   };
 
-  static std::shared_ptr<EncodingWorker> start(const AVCodec& codec,
+  static std::shared_ptr<EncodingWorker> start(const CodecChoice& choice,
                                                const EncoderSettings& settings,
                                                std::shared_ptr<SpareEncoders> spares);
 
@@ -34,7 +34,7 @@ class EncodingWorker {
 
  private:
   EncodingWorker() = default;
-  void run(const AVCodec& codec, const EncoderSettings& settings, SpareEncoders& spares);
+  void run(const CodecChoice& choice, const EncoderSettings& settings, SpareEncoders& spares);
   bool encodeAll(LibavEncoder* encoder, Status opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);

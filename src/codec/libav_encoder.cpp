@@ -56,22 +56,22 @@ Status usePictureMemory(AVFrame& frame) {
 
 }  // namespace
 
-Status LibavEncoder::open(const AVCodec& codec, const EncoderSettings& settings,
+Status LibavEncoder::open(const CodecChoice& choice, const EncoderSettings& settings,
                           std::unique_ptr<LibavEncoder>& encoder) {
   av_log_set_level(AV_LOG_QUIET);  // failures are reported where they matter, as events
   std::unique_ptr<LibavEncoder> made(new LibavEncoder);
-  made->context_.reset(avcodec_alloc_context3(&codec));
+  made->context_.reset(avcodec_alloc_context3(choice.codec));
   made->packet_.reset(av_packet_alloc());
   if (!made->context_ || !made->packet_) return AVERROR(ENOMEM);
   AVCodecContext& context = *made->context_;
-  int status = tune(context, codec, settings);
+  int status = tune(context, choice, settings);
   if (status < 0) return status;
-  context.pix_fmt = inputFormat(codec);
+  context.pix_fmt = inputFormat(*choice.codec);
   if (context.pix_fmt == AV_PIX_FMT_VAAPI) {
     status = made->openHardwareFrames();
     if (status < 0) return status;
   }
-  status = avcodec_open2(&context, &codec, nullptr);
+  status = avcodec_open2(&context, choice.codec, nullptr);
   if (status < 0) return status;
   status = made->allocatePicture();
   if (status < 0) return status;

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "codec/libav_support.h"
+#include "codec/codec_choice.h"
 #include "platform/compression.h"
 #include "platform/encoder_settings.h"
 
@@ -14,8 +14,8 @@ namespace lumora {
 
 class LibavEncoder {
  public:
-  // Opens `codec`: 0 or an AVERROR.
-  static Status open(const AVCodec& codec, const EncoderSettings& settings,
+  // Opens the chosen encoder: 0 or an AVERROR.
+  static Status open(const CodecChoice& choice, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
   // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR.

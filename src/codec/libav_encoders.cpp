@@ -1,9 +1,7 @@
 #include "codec/libav_encoders.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,8 +19,6 @@ const std::vector<std::string>& hardwareEncoders() {
 
 constexpr const char* softwareEncoder = "libx264";
 
-constexpr std::chrono::milliseconds longestWarmUp{500};
-
 std::vector<std::string> candidates(const std::string& choice) {
   if (choice == "software") return {softwareEncoder};
   if (choice == "hardware") return hardwareEncoders();
@@ -36,9 +32,9 @@ std::vector<std::string> candidates(const std::string& choice) {
 // that touches its memory, and that of a pixel buffer, for the first time. One that holds back
 // pictures is of no use here, since one frame is in flight at a time: null, as when it can't be
 // opened.
-std::unique_ptr<LibavEncoder> openWarm(const AVCodec& codec, const EncoderSettings& settings) {
+std::unique_ptr<LibavEncoder> openWarm(const CodecChoice& choice, const EncoderSettings& settings) {
   std::unique_ptr<LibavEncoder> encoder;
-  if (LibavEncoder::open(codec, settings, encoder) < 0) return nullptr;
+  if (LibavEncoder::open(choice, settings, encoder) < 0) return nullptr;
   MemoryPixelBufferPool pool(settings.width, settings.height);
   std::shared_ptr<PixelBuffer> buffer;
   if (pool.create(1, buffer) != 0) return nullptr;
@@ -52,12 +48,13 @@ std::unique_ptr<LibavEncoder> openWarm(const AVCodec& codec, const EncoderSettin
 }
 
 // The first of `names` that works with these settings, and an encoder of it; null when none does.
-const AVCodec* chooseEncoder(const std::vector<std::string>& names, const EncoderSettings& settings,
+const AVCodec* chooseEncoder(const std::vector<std::string>& names, const std::string& preset,
+                             const EncoderSettings& settings,
                              std::unique_ptr<LibavEncoder>& encoder) {
   for (const std::string& name : names) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
     if (codec == nullptr || codec->id != AV_CODEC_ID_H264) continue;
-    encoder = openWarm(*codec, settings);
+    encoder = openWarm({codec, preset}, settings);
     if (encoder) return codec;
   }
   return nullptr;
@@ -65,43 +62,51 @@ const AVCodec* chooseEncoder(const std::vector<std::string>& names, const Encode
 
 }  // namespace
 
-LibavEncoders::LibavEncoders(const std::string& choice, std::vector<EncoderSettings> expected) {
+LibavEncoders::LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
+                             Dispatch& dispatch)
+    : stateQueue_(std::move(stateQueue)),
+      opener_(dispatch.makeQueue("lumora.opener")),
+      chosen_(std::make_shared<std::promise<const AVCodec*>>()),
+      codec_(chosen_->get_future()) {
   const auto colon = std::min(choice.find(':'), choice.size());
   if (colon < choice.size()) preset_ = choice.substr(colon + 1);
-  for (EncoderSettings& settings : expected) settings.preset = preset_;
-  spares_->expect(expected);
-  std::promise<const AVCodec*> chosen;
-  codec_ = chosen.get_future().share();
-  std::thread([names = candidates(choice.substr(0, colon)), preset = preset_,
-               expected = std::move(expected), spares = spares_,
-               chosen = std::move(chosen)]() mutable {
-    // Of a size that every encoder takes, and that most previews have.
-    const EncoderSettings probe{.width = 640, .height = 360, .preset = preset};
-    std::unique_ptr<LibavEncoder> probed;
-    const AVCodec* codec = chooseEncoder(names, probe, probed);
-    chosen.set_value(codec);
-    for (const EncoderSettings& settings : expected) {
-      std::unique_ptr<LibavEncoder> encoder;
-      if (settings == probe)
-        encoder = std::exchange(probed, nullptr);
-      else if (codec != nullptr)
-        encoder = openWarm(*codec, settings);
-      spares->give(settings, std::move(encoder));
-    }
-  }).detach();
+  names_ = candidates(choice.substr(0, colon));
 }
 
-void LibavEncoders::waitUntilOpen() const { spares_->waitForExpected(longestWarmUp); }
+void LibavEncoders::openAhead(const std::vector<EncoderSettings>& settings) {
+  spares_->expect(settings);
+  opener_->async([settings, names = names_, preset = preset_, spares = spares_, codec = codec_,
+                  chosen = std::exchange(chosen_, nullptr)] {
+    if (chosen) {
+      std::unique_ptr<LibavEncoder> encoder;
+      chosen->set_value(chooseEncoder(names, preset, settings.front(), encoder));
+      spares->give(settings.front(), std::move(encoder));
+    }
+    const CodecChoice choice{codec.get(), preset};
+    for (const EncoderSettings& wanted : settings) {
+      if (!spares->isExpected(wanted)) continue;
+      spares->give(wanted, choice.codec == nullptr ? nullptr : openWarm(choice, wanted));
+    }
+  });
+}
+
+void LibavEncoders::whenOpen(double longest, Work work) {
+  // Both ways lead over the state queue, where the first one counts.
+  const auto once = [work = std::move(work), done = std::make_shared<bool>(false)] {
+    if (!std::exchange(*done, true)) work();
+  };
+  opener_->async([queue = stateQueue_, once] { queue->async(once); });
+  stateQueue_->asyncAfter(longest, once);
+}
 
 // Which hardware requirement the run has was said with the choice, not with the session: a
 // machine without a hardware encoder gets the software one only where the choice allows it.
-Status LibavEncoders::createSession(std::int32_t width, std::int32_t height,
+Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                     const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
-  const AVCodec* codec = codec_.get();
-  if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
-  session = std::make_shared<LibavSession>(
-      *codec, EncoderSettings{.width = width, .height = height, .preset = preset_}, spares_);
+  const CodecChoice choice{codec_.get(), preset_};
+  if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
+  session = std::make_shared<LibavSession>(choice, kind, width, height, spares_);
   return 0;
 }
 

@@ -1,15 +1,15 @@
 #pragma once
 
-// Chooses the H.264 encoder of this run and makes sessions with it. The choice is made once, on a
-// thread of its own from construction on: probing opens each candidate and has it encode,
-// which also pays the first encoder's set-up before the first frame comes.
+// Chooses the H.264 encoder of this run and makes sessions with it. Encoders are opened on a thread
+// of their own, the opener's; the first time it opens some, it chooses: it opens each candidate and
+// has it encode, which also pays the first encoder's set-up before the first frame comes.
 
 #include <future>
 #include <string>
 #include <vector>
 
 #include "codec/spare_encoders.h"
-#include "platform/compression.h"
+#include "platform/encoders.h"
 
 namespace lumora {
 
@@ -17,17 +17,23 @@ class LibavEncoders final : public Encoders {
  public:
   // `choice` is auto (hardware where there is one, else software), hardware, software, or the name
   // of a libavcodec encoder; "" is auto. A preset may follow: "software:ultrafast".
-  // Encoders of the `expected` settings are opened ahead of their sessions.
-  LibavEncoders(const std::string& choice, std::vector<EncoderSettings> expected);
-  // Until the expected encoders are open or known to fail, but not for long.
-  void waitUntilOpen() const;
-  Status createSession(std::int32_t width, std::int32_t height,
+  LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
+                Dispatch& dispatch);
+  // Comes before the first session: the encoder of the run is one that works with the first of
+  // these settings.
+  void openAhead(const std::vector<EncoderSettings>& settings) override;
+  void whenOpen(double longest, Work work) override;
+  Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements& requirements,
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
+  std::shared_ptr<SerialQueue> stateQueue_;
+  std::shared_ptr<SerialQueue> opener_;
   std::shared_ptr<SpareEncoders> spares_ = std::make_shared<SpareEncoders>();
+  std::vector<std::string> names_;  // of the candidates, best first
   std::string preset_;
+  std::shared_ptr<std::promise<const AVCodec*>> chosen_;  // until somebody is about to choose
   std::shared_future<const AVCodec*> codec_;
 };
 

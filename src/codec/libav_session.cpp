@@ -23,12 +23,12 @@ Status require(bool supported, const PropertyValue& value) {
 
 }  // namespace
 
-LibavSession::LibavSession(const AVCodec& codec, const EncoderSettings& settings,
+LibavSession::LibavSession(CodecChoice choice, SessionKind kind, int width, int height,
                            std::shared_ptr<SpareEncoders> spares)
-    : codec_(codec),
+    : choice_(std::move(choice)),
       spares_(std::move(spares)),
-      settings_(settings),
-      pool_(settings.width, settings.height) {}
+      settings_{kind, width, height, ProfileLevel::baselineAuto, 0, 0, 0},
+      pool_(width, height) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 
@@ -54,7 +54,7 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
 }
 
 Status LibavSession::prepareToEncodeFrames() {
-  worker_ = EncodingWorker::start(codec_, settings_, spares_);
+  worker_ = EncodingWorker::start(choice_, settings_, spares_);
   return 0;
 }
 

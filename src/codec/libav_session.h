@@ -17,8 +17,7 @@ class SpareEncoders;
 
 class LibavSession final : public CompressionSession {
  public:
-  // `settings` are those that no property sets: the size and the preset.
-  LibavSession(const AVCodec& codec, const EncoderSettings& settings,
+  LibavSession(CodecChoice choice, SessionKind kind, int width, int height,
                std::shared_ptr<SpareEncoders> spares);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;
@@ -34,9 +33,9 @@ class LibavSession final : public CompressionSession {
   void invalidate() override;
 
  private:
-  const AVCodec& codec_;
+  CodecChoice choice_;
   std::shared_ptr<SpareEncoders> spares_;
-  EncoderSettings settings_;
+  EncoderSettings settings_;  // what no property sets is there from the start
   MemoryPixelBufferPool pool_;
   std::shared_ptr<EncodingWorker> worker_;
 };

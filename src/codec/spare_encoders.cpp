@@ -10,9 +10,9 @@ void SpareEncoders::expect(const std::vector<EncoderSettings>& settings) {
   expected_.insert(expected_.end(), settings.begin(), settings.end());
 }
 
-void SpareEncoders::waitForExpected(std::chrono::milliseconds longest) {
-  std::unique_lock hold(mutex_);
-  given_.wait_for(hold, longest, [&] { return expected_.empty(); });
+bool SpareEncoders::isExpected(const EncoderSettings& settings) {
+  const std::lock_guard hold(mutex_);
+  return std::ranges::find(expected_, settings) != expected_.end();
 }
 
 std::unique_ptr<LibavEncoder> SpareEncoders::take(const EncoderSettings& settings) {
@@ -32,7 +32,7 @@ void SpareEncoders::give(const EncoderSettings& settings, std::unique_ptr<LibavE
   if (awaited != expected_.end()) expected_.erase(awaited);
   given_.notify_all();
   if (!replaced.encoder) return;
-  const auto same = [&](const Spare& spare) { return spare.settings.profile == settings.profile; };
+  const auto same = [&](const Spare& spare) { return spare.settings.kind == settings.kind; };
   const auto found = std::ranges::find_if(spares_, same);
   if (found != spares_.end())
     std::swap(*found, replaced);

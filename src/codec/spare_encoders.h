@@ -4,7 +4,6 @@
 // longer than a frame lasts at 60 a second, so a session takes over a spare one where its settings
 // fit, and gives it back in the end. Any thread.
 
-#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -18,8 +17,7 @@ class SpareEncoders {
  public:
   // Announces one encoder of each of these settings: somebody is opening them and gives them.
   void expect(const std::vector<EncoderSettings>& settings);
-  // Until every expected encoder was given, for at most so long.
-  void waitForExpected(std::chrono::milliseconds longest);
+  bool isExpected(const EncoderSettings& settings);
   // A spare encoder of these settings, or null. Waits for an expected one.
   std::unique_ptr<LibavEncoder> take(const EncoderSettings& settings);
   // Keeps `encoder`, in place of another one for the same kind of session; null when an expected
@@ -35,7 +33,7 @@ class SpareEncoders {
   std::mutex mutex_;  // guards the rest
   std::condition_variable given_;
   std::vector<EncoderSettings> expected_;
-  std::vector<Spare> spares_;  // at most one per profile level
+  std::vector<Spare> spares_;  // at most one per kind
 };
 
 }  // namespace lumora

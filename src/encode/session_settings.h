@@ -1,19 +1,20 @@
 #pragma once
 
-#include <cstdint>
 #include <vector>
 
+#include "encode/picture_size.h"
 #include "platform/encoder_settings.h"
 
 namespace lumora {
 
 constexpr int previewTargetFPS = 60;
-constexpr std::int64_t previewBitRate = 4'000'000;     // bits per second
-constexpr std::int64_t recordingBitRate = 12'000'000;  // bits per second
+
+// The settings of a session: its factory, the encoders opened ahead of it and the benchmarks have
+// them from here.
+EncoderSettings sessionSettings(SessionKind kind, PictureSize size, int targetFPS);
 
 // The sessions that most runs will make: the preview of a camera of the preview's proportions, and
 // a take of the default profile.
-std::vector<EncoderSettings> expectedSessions(std::int64_t previewWidth,
-                                              std::int64_t previewHeight);
+std::vector<EncoderSettings> expectedSessions(PictureSize preview);
 
 }  // namespace lumora

@@ -14,22 +14,20 @@ constexpr double maximumKeyFrameSeconds = 1.0;
 
 using Property = std::pair<SessionProperty, PropertyValue>;
 
-std::array<Property, 7> sessionProperties(bool recording, int targetFPS) {
-  const std::int64_t rate = targetFPS;
+std::array<Property, 7> sessionProperties(const EncoderSettings& settings) {
   return {{
       {SessionProperty::realTime, true},
       {SessionProperty::allowFrameReordering, false},
-      {SessionProperty::profileLevel,
-       recording ? ProfileLevel::highAuto : ProfileLevel::baselineAuto},
-      {SessionProperty::expectedFrameRate, rate},
-      {SessionProperty::maxKeyFrameInterval, rate},
+      {SessionProperty::profileLevel, settings.profile},
+      {SessionProperty::expectedFrameRate, settings.frameRate},
+      {SessionProperty::maxKeyFrameInterval, settings.keyFrameInterval},
       {SessionProperty::maxKeyFrameIntervalDuration, maximumKeyFrameSeconds},
-      {SessionProperty::averageBitRate, recording ? recordingBitRate : previewBitRate},
+      {SessionProperty::averageBitRate, settings.bitRate},
   }};
 }
 
-void configure(CompressionSession& session, bool recording, int targetFPS) {
-  for (const auto& [property, value] : sessionProperties(recording, targetFPS)) {
+void configure(CompressionSession& session, const EncoderSettings& settings) {
+  for (const auto& [property, value] : sessionProperties(settings)) {
     const Status status = session.setProperty(property, value);
     if (status != 0) throw EncoderFailure::status("encoder property", status);
   }
@@ -43,37 +41,23 @@ std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(std::int64_
                                                                      std::int64_t sessionHeight,
                                                                      bool recording,
                                                                      int targetFPS) {
+  const EncoderSettings settings =
+      sessionSettings(recording ? SessionKind::recording : SessionKind::preview,
+                      {sessionWidth, sessionHeight}, targetFPS);
   std::shared_ptr<CompressionSession> made;
   const Status status = platform.encoders->createSession(
-      static_cast<std::int32_t>(sessionWidth), static_cast<std::int32_t>(sessionHeight),
+      settings.kind, settings.width, settings.height,
       {.requireHardwareAccelerated = true, .enableLowLatencyRateControl = true}, made);
   if (status != 0 || !made) {
     throw EncoderFailure::status("hardware encoder creation", status);
   }
   try {
-    configure(*made, recording, targetFPS);
+    configure(*made, settings);
   } catch (const EncoderFailure&) {
     made->invalidate();
     throw;
   }
   return made;
-}
-
-std::vector<EncoderSettings> expectedSessions(std::int64_t previewWidth,
-                                              std::int64_t previewHeight) {
-  const RecordingProfile take = RecordingProfile::defaultProfile();
-  return {{.width = static_cast<int>(previewWidth),
-           .height = static_cast<int>(previewHeight),
-           .profile = ProfileLevel::baselineAuto,
-           .frameRate = previewTargetFPS,
-           .keyFrameInterval = previewTargetFPS,
-           .bitRate = previewBitRate},
-          {.width = take.width,
-           .height = take.height,
-           .profile = ProfileLevel::highAuto,
-           .frameRate = take.targetFPS,
-           .keyFrameInterval = take.targetFPS,
-           .bitRate = recordingBitRate}};
 }
 
 void VideoEncoder::resetRecordingSession() {

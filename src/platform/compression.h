@@ -80,6 +80,9 @@ enum class SessionProperty {
 
 enum class ProfileLevel { baselineAuto, highAuto };
 
+// What a session is for.
+enum class SessionKind { preview, recording };
+
 using PropertyValue = std::variant<bool, std::int64_t, double, ProfileLevel>;
 
 // value / timescale seconds.
@@ -110,20 +113,6 @@ class CompressionSession {
   virtual void completeFrames() = 0;
   // After it no output is delivered.
   virtual void invalidate() = 0;
-};
-
-struct EncoderRequirements {
-  bool requireHardwareAccelerated = false;
-  bool enableLowLatencyRateControl = false;
-};
-
-class Encoders {
- public:
-  virtual ~Encoders() = default;
-  // A session for `width` × `height` BGRA buffers; null or a status when there can be none.
-  virtual Status createSession(std::int32_t width, std::int32_t height,
-                               const EncoderRequirements& requirements,
-                               std::shared_ptr<CompressionSession>& session) = 0;
 };
 
 }  // namespace lumora

@@ -1,21 +1,23 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "platform/compression.h"
 
 namespace lumora {
 
-// What a session's properties come down to.
+// What a session's properties come down to. Made by `sessionSettings` (encode/), nowhere else.
 struct EncoderSettings {
-  int width = 0;   // pixels
-  int height = 0;  // pixels
-  ProfileLevel profile = ProfileLevel::baselineAuto;
-  std::int64_t frameRate = 60;         // frames per second, expected
-  std::int64_t keyFrameInterval = 60;  // frames, at most
-  std::int64_t bitRate = 4'000'000;    // bits per second, average
-  std::string preset = {};             // of a software encoder; empty: ours
+  SessionKind kind;
+  int width;   // pixels
+  int height;  // pixels
+  ProfileLevel profile;
+  std::int64_t frameRate;         // frames per second, expected
+  std::int64_t keyFrameInterval;  // frames, at most
+  std::int64_t bitRate;           // bits per second, average
+
+  // The decoder's buffer that the rate control keeps to (VBV), in bits: one second's worth.
+  std::int64_t bufferBits() const { return bitRate; }
 
   bool operator==(const EncoderSettings&) const = default;
 };

@@ -46,6 +46,8 @@ class TcpListener {
   virtual void setConnectionHandler(ConnectionHandler handler) = 0;
   // Binds and listens; the outcome arrives at the state handler, never before this returns.
   virtual void start() = 0;
+  // Hands over connections from now on; until then they wait.
+  virtual void acceptConnections() = 0;
   // The bound port, or 0 while there is none.
   virtual std::uint16_t port() const = 0;
   virtual void cancel() = 0;

@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "platform/clock.h"
-#include "platform/compression.h"
 #include "platform/dispatch.h"
+#include "platform/encoders.h"
 #include "platform/file_manager.h"
 #include "platform/image.h"
 #include "platform/movie_writer.h"

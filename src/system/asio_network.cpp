@@ -6,7 +6,6 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
-#include <thread>
 #include <utility>
 
 namespace lumora {
@@ -70,13 +69,12 @@ class AsioConnection final : public TcpConnection,
 
 class AsioListener final : public TcpListener, public std::enable_shared_from_this<AsioListener> {
  public:
-  AsioListener(asio::io_context& context, std::string host, std::uint16_t port, Work awaitService)
+  AsioListener(asio::io_context& context, std::string host, std::uint16_t port)
       : resolver_(context),
         acceptor_(context),
         retry_(context),
         host_(std::move(host)),
-        requestedPort_(port),
-        awaitService_(std::move(awaitService)) {}
+        requestedPort_(port) {}
 
   void setStateHandler(StateHandler handler) override { stateHandler_ = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override {
@@ -92,13 +90,11 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
           if (error == asio::error::operation_aborted) return;
           const bool bound = std::ranges::any_of(
               results, [&](const auto& entry) { return self->listenOn(entry.endpoint()); });
-          if (!bound) return self->report(ListenerState::failed);
-          std::thread([self] {
-            self->awaitService_();
-            asio::post(self->acceptor_.get_executor(), [self] { self->becomeReady(); });
-          }).detach();
+          self->report(bound ? ListenerState::ready : ListenerState::failed);
         });
   }
+
+  void acceptConnections() override { acceptNext(); }
 
   std::uint16_t port() const override {
     error_code error;
@@ -126,12 +122,6 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
     error_code ignored;
     acceptor_.close(ignored);
     return false;
-  }
-
-  void becomeReady() {
-    if (!acceptor_.is_open()) return;  // cancelled meanwhile
-    report(ListenerState::ready);
-    acceptNext();
   }
 
   void acceptNext() {
@@ -167,7 +157,6 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   asio::steady_timer retry_;
   std::string host_;
   std::uint16_t requestedPort_;
-  Work awaitService_;
   StateHandler stateHandler_;
   ConnectionHandler connectionHandler_;
 };
@@ -186,15 +175,15 @@ bool canBeHost(const std::string& host) {
 
 }  // namespace
 
-AsioNetwork::AsioNetwork(std::shared_ptr<AsioQueue> stateQueue, Work awaitService)
-    : stateQueue_(std::move(stateQueue)), awaitService_(std::move(awaitService)) {}
+AsioNetwork::AsioNetwork(std::shared_ptr<AsioQueue> stateQueue)
+    : stateQueue_(std::move(stateQueue)) {}
 
 std::shared_ptr<TcpListener> AsioNetwork::makeListener(const std::string& host,
                                                        std::uint16_t port) {
   if (!canBeHost(host)) {
     throw std::system_error(std::make_error_code(std::errc::invalid_argument), host);
   }
-  return std::make_shared<AsioListener>(stateQueue_->context(), host, port, awaitService_);
+  return std::make_shared<AsioListener>(stateQueue_->context(), host, port);
 }
 
 }  // namespace lumora

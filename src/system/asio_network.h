@@ -9,15 +9,13 @@ namespace lumora {
 
 class AsioNetwork final : public Network {
  public:
-  // A bound listener reports ready when `awaitService`, on a thread of its own, has returned.
-  AsioNetwork(std::shared_ptr<AsioQueue> stateQueue, Work awaitService);
+  explicit AsioNetwork(std::shared_ptr<AsioQueue> stateQueue);
   // Refuses a host that is neither an address nor a possible name; whether a name resolves and the
   // address can be bound shows after `start`.
   std::shared_ptr<TcpListener> makeListener(const std::string& host, std::uint16_t port) override;
 
  private:
   std::shared_ptr<AsioQueue> stateQueue_;
-  Work awaitService_;
 };
 
 }  // namespace lumora

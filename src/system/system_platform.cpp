@@ -11,19 +11,15 @@
 
 namespace lumora {
 
-Platform makeSystemPlatform(const std::string& h264Encoder, std::vector<EncoderSettings> expected) {
+Platform makeSystemPlatform(const std::string& h264Encoder) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.stateQueue = stateQueue;
   platform.clock = std::make_shared<SystemClock>();
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
   platform.process = std::make_shared<PosixProcess>(stateQueue);
-  const auto encoders = std::make_shared<LibavEncoders>(h264Encoder, std::move(expected));
-  platform.encoders = encoders;
-  // Whoever is told that the service is ready feeds it at once, and encoders that open under that
-  // load take several times as long: frames would be lost meanwhile.
-  platform.network =
-      std::make_shared<AsioNetwork>(stateQueue, [encoders] { encoders->waitUntilOpen(); });
+  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, *platform.dispatch);
+  platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = std::make_shared<PosixFileManager>();

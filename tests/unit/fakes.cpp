@@ -99,7 +99,7 @@ void FakeSession::answer(Status status, std::shared_ptr<const EncodedSample> sam
   handler(status, flags, std::move(sample));
 }
 
-Status FakeEncoders::createSession(std::int32_t width, std::int32_t height,
+Status FakeEncoders::createSession(SessionKind, std::int32_t width, std::int32_t height,
                                    const EncoderRequirements&,
                                    std::shared_ptr<CompressionSession>& session) {
   if (createStatus != 0) return createStatus;
@@ -139,6 +139,7 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
 void VideoEncoderProbe::becomeReady() {
   service->start();
   network->listener->changed(ListenerState::ready);
+  encoders->opened();
   process->takeEvents();
 }
 

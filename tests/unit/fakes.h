@@ -129,6 +129,7 @@ class FakeListener final : public TcpListener {
   void setStateHandler(StateHandler handler) override { changed = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
   void start() override { started = true; }
+  void acceptConnections() override { accepts = true; }
   std::uint16_t port() const override { return boundPort; }
   void cancel() override { cancelled = true; }
 
@@ -136,6 +137,7 @@ class FakeListener final : public TcpListener {
   ConnectionHandler arrived;
   std::uint16_t boundPort = 4711;
   bool started = false;
+  bool accepts = false;
   bool cancelled = false;
 };
 
@@ -186,8 +188,17 @@ class FakeSession final : public CompressionSession {
 
 class FakeEncoders final : public Encoders {
  public:
-  Status createSession(std::int32_t width, std::int32_t height, const EncoderRequirements&,
+  Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
+                       const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override;
+  void openAhead(const std::vector<EncoderSettings>& settings) override { ahead = settings; }
+  void whenOpen(double longest, Work work) override {
+    longestWait = longest;
+    opened = std::move(work);
+  }
+  std::vector<EncoderSettings> ahead;
+  double longestWait = 0;
+  Work opened;
   Status createStatus = 0;
   std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;

@@ -14,7 +14,15 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   probe.service->start();
   EXPECT_TRUE(probe.network->listener->started);
   EXPECT_EQ(probe.dispatch->timerInterval, 0.025);
+  ASSERT_EQ(probe.encoders->ahead.size(), 2u);
+  EXPECT_EQ(probe.encoders->ahead[0].width, 640);
+  EXPECT_EQ(probe.encoders->ahead[1].width, 1080);
   probe.network->listener->changed(ListenerState::ready);
+  EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
+  EXPECT_FALSE(probe.network->listener->accepts);
+  EXPECT_EQ(probe.encoders->longestWait, 0.5);
+  probe.encoders->opened();
+  EXPECT_TRUE(probe.network->listener->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
   EXPECT_EQ(probe.process->lines[0],
             "{\"port\":4711,\"recording_hd\":true,\"recording_height\":720,"
@@ -22,6 +30,17 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
             "\"recording_width\":1080,\"type\":\"ready\"}\n");
   EXPECT_EQ(Json::parse(probe.process->lines[1])["type"], "stats");
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
+}
+
+TEST(Lifecycle, EndsWithoutReadyWhenStoppedWhileTheEncodersOpen) {
+  VideoEncoderProbe probe;
+  probe.service->start();
+  probe.network->listener->changed(ListenerState::ready);
+  probe.process->signals.at(SIGTERM)();
+  probe.encoders->opened();
+  EXPECT_TRUE(probe.process->lines.empty());
+  EXPECT_TRUE(probe.dispatch->detached.empty());
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
 TEST(Lifecycle, AListenerWithoutAPortEndsWithOne) {

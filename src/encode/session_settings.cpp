@@ -1,0 +1,30 @@
+#include "encode/session_settings.h"
+
+#include "record/recording_profile.h"
+
+namespace lumora {
+namespace {
+
+constexpr std::int64_t previewBitRate = 4'000'000;     // bits per second
+constexpr std::int64_t recordingBitRate = 12'000'000;  // bits per second
+
+}  // namespace
+
+EncoderSettings sessionSettings(SessionKind kind, PictureSize size, int targetFPS) {
+  const bool recording = kind == SessionKind::recording;
+  return {.kind = kind,
+          .width = static_cast<int>(size.width),
+          .height = static_cast<int>(size.height),
+          .profile = recording ? ProfileLevel::highAuto : ProfileLevel::baselineAuto,
+          .frameRate = targetFPS,
+          .keyFrameInterval = targetFPS,
+          .bitRate = recording ? recordingBitRate : previewBitRate};
+}
+
+std::vector<EncoderSettings> expectedSessions(PictureSize preview) {
+  const RecordingProfile take = RecordingProfile::defaultProfile();
+  return {sessionSettings(SessionKind::preview, preview, previewTargetFPS),
+          sessionSettings(SessionKind::recording, {take.width, take.height}, take.targetFPS)};
+}
+
+}  // namespace lumora
