@@ -146,7 +146,7 @@ CameraClip::CameraClip(client::FrameSize size, int frames) : size_(size) {
     const View view{marginPixels - zoom * size.width / 2 + sway * std::sin(turn),
                     marginPixels - zoom * size.height / 2 + sway * std::sin(2 * turn) / 2,
                     1 + zoom / 2 + zoom / 2 * std::cos(turn)};
-    PictureMemory& frame = memory_.emplace_back(allocatePicture(size.bytes()));
+    PictureMemory& frame = memory_.emplace_back(PicturePool::make()->allocate(size.bytes()));
     if (!frame) throw std::bad_alloc();
     for (int y = 0; y < size.height; ++y) {
       std::uint8_t* to = frame.get() + static_cast<std::size_t>(size.height - 1 - y) *

@@ -18,7 +18,7 @@ namespace {
 // Memory as the service has it for its pictures, touched.
 PictureMemory picture(PictureSize size) {
   const auto bytes = static_cast<std::size_t>(size.width * size.height * 4);
-  PictureMemory pixels = allocatePicture(bytes);
+  PictureMemory pixels = PicturePool::make()->allocate(bytes);
   if (!pixels) throw std::bad_alloc();
   std::uint32_t state = 1;
   for (std::uint8_t& byte : std::span(pixels.get(), bytes)) {

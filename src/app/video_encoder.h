@@ -150,7 +150,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   RawAdmission raw;
 
   // input/: the reader. Its thread only.
-  std::shared_ptr<FrameBufferPool> frameBuffers = std::make_shared<FrameBufferPool>();
   std::uint64_t lastFrameID = 0;
 
   // encode/: the preview session.

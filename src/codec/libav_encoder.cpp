@@ -36,11 +36,11 @@ AVPixelFormat inputFormat(const AVCodec& codec) {
 }
 
 // Gives `frame`, whose format and size are set, planes in memory for pictures.
-Status usePictureMemory(AVFrame& frame) {
+Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
   const auto format = static_cast<AVPixelFormat>(frame.format);
   const int size = av_image_get_buffer_size(format, frame.width, frame.height, planeAlignment);
   if (size < 0) return size;
-  PictureMemory memory = allocatePicture(static_cast<std::size_t>(size));
+  PictureMemory memory = pictures.allocate(static_cast<std::size_t>(size));
   if (!memory) return AVERROR(ENOMEM);
   const int filled = av_image_fill_arrays(frame.data, frame.linesize, memory.get(), format,
                                           frame.width, frame.height, planeAlignment);
@@ -60,6 +60,7 @@ Status LibavEncoder::open(const CodecChoice& choice, const EncoderSettings& sett
                           std::unique_ptr<LibavEncoder>& encoder) {
   av_log_set_level(AV_LOG_QUIET);  // failures are reported where they matter, as events
   std::unique_ptr<LibavEncoder> made(new LibavEncoder);
+  made->pictures_ = choice.pictures;
   made->context_.reset(avcodec_alloc_context3(choice.codec));
   made->packet_.reset(av_packet_alloc());
   if (!made->context_ || !made->packet_) return AVERROR(ENOMEM);
@@ -112,7 +113,7 @@ Status LibavEncoder::allocatePicture() {
   picture_->color_trc = context_->color_trc;
   picture_->colorspace = context_->colorspace;
   picture_->color_range = context_->color_range;
-  return usePictureMemory(*picture_);
+  return usePictureMemory(*picture_, *pictures_);
 }
 
 Status LibavEncoder::load(const MutableImageView& view) {

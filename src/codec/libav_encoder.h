@@ -34,6 +34,7 @@ class LibavEncoder {
   std::shared_ptr<const EncodedSample> makeSample(ByteView stream);
   bool takeParameterSet(ByteView unit);
 
+  std::shared_ptr<PicturePool> pictures_;
   CodecContext context_;
   BufferRef device_;
   Frame picture_;   // in system memory

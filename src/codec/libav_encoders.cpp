@@ -35,7 +35,7 @@ std::vector<std::string> candidates(const std::string& choice) {
 std::unique_ptr<LibavEncoder> openWarm(const CodecChoice& choice, const EncoderSettings& settings) {
   std::unique_ptr<LibavEncoder> encoder;
   if (LibavEncoder::open(choice, settings, encoder) < 0) return nullptr;
-  MemoryPixelBufferPool pool(settings.width, settings.height);
+  MemoryPixelBufferPool pool(settings.width, settings.height, choice.pictures);
   std::shared_ptr<PixelBuffer> buffer;
   if (pool.create(1, buffer) != 0) return nullptr;
   const MutableImageView view = buffer->lock();
@@ -48,13 +48,14 @@ std::unique_ptr<LibavEncoder> openWarm(const CodecChoice& choice, const EncoderS
 }
 
 // The first of `names` that works with these settings, and an encoder of it; null when none does.
-const AVCodec* chooseEncoder(const std::vector<std::string>& names, const std::string& preset,
+const AVCodec* chooseEncoder(const std::vector<std::string>& names, CodecChoice common,
                              const EncoderSettings& settings,
                              std::unique_ptr<LibavEncoder>& encoder) {
   for (const std::string& name : names) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
     if (codec == nullptr || codec->id != AV_CODEC_ID_H264) continue;
-    encoder = openWarm({codec, preset}, settings);
+    common.codec = codec;
+    encoder = openWarm(common, settings);
     if (encoder) return codec;
   }
   return nullptr;
@@ -63,26 +64,27 @@ const AVCodec* chooseEncoder(const std::vector<std::string>& names, const std::s
 }  // namespace
 
 LibavEncoders::LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
-                             Dispatch& dispatch)
+                             Dispatch& dispatch, std::shared_ptr<PicturePool> pictures)
     : stateQueue_(std::move(stateQueue)),
       opener_(dispatch.makeQueue("lumora.opener")),
       chosen_(std::make_shared<std::promise<const AVCodec*>>()),
       codec_(chosen_->get_future()) {
   const auto colon = std::min(choice.find(':'), choice.size());
-  if (colon < choice.size()) preset_ = choice.substr(colon + 1);
+  common_.pictures = std::move(pictures);
+  if (colon < choice.size()) common_.preset = choice.substr(colon + 1);
   names_ = candidates(choice.substr(0, colon));
 }
 
 void LibavEncoders::openAhead(const std::vector<EncoderSettings>& settings) {
   spares_->expect(settings);
-  opener_->async([settings, names = names_, preset = preset_, spares = spares_, codec = codec_,
+  opener_->async([settings, names = names_, common = common_, spares = spares_, codec = codec_,
                   chosen = std::exchange(chosen_, nullptr)] {
     if (chosen) {
       std::unique_ptr<LibavEncoder> encoder;
-      chosen->set_value(chooseEncoder(names, preset, settings.front(), encoder));
+      chosen->set_value(chooseEncoder(names, common, settings.front(), encoder));
       spares->give(settings.front(), std::move(encoder));
     }
-    const CodecChoice choice{codec.get(), preset};
+    const CodecChoice choice{codec.get(), common.preset, common.pictures};
     for (const EncoderSettings& wanted : settings) {
       if (!spares->isExpected(wanted)) continue;
       spares->give(wanted, choice.codec == nullptr ? nullptr : openWarm(choice, wanted));
@@ -104,7 +106,7 @@ void LibavEncoders::whenOpen(double longest, Work work) {
 Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                     const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
-  const CodecChoice choice{codec_.get(), preset_};
+  const CodecChoice choice{codec_.get(), common_.preset, common_.pictures};
   if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   session = std::make_shared<LibavSession>(choice, kind, width, height, spares_);
   return 0;

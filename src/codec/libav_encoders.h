@@ -18,7 +18,7 @@ class LibavEncoders final : public Encoders {
   // `choice` is auto (hardware where there is one, else software), hardware, software, or the name
   // of a libavcodec encoder; "" is auto. A preset may follow: "software:ultrafast".
   LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
-                Dispatch& dispatch);
+                Dispatch& dispatch, std::shared_ptr<PicturePool> pictures);
   // Comes before the first session: the encoder of the run is one that works with the first of
   // these settings.
   void openAhead(const std::vector<EncoderSettings>& settings) override;
@@ -32,7 +32,7 @@ class LibavEncoders final : public Encoders {
   std::shared_ptr<SerialQueue> opener_;
   std::shared_ptr<SpareEncoders> spares_ = std::make_shared<SpareEncoders>();
   std::vector<std::string> names_;  // of the candidates, best first
-  std::string preset_;
+  CodecChoice common_{nullptr, {}, {}};
   std::shared_ptr<std::promise<const AVCodec*>> chosen_;  // until somebody is about to choose
   std::shared_future<const AVCodec*> codec_;
 };

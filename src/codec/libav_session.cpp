@@ -28,7 +28,7 @@ LibavSession::LibavSession(CodecChoice choice, SessionKind kind, int width, int 
     : choice_(std::move(choice)),
       spares_(std::move(spares)),
       settings_{kind, width, height, ProfileLevel::baselineAuto, 0, 0, 0},
-      pool_(width, height) {}
+      pool_(width, height, choice_.pictures) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 

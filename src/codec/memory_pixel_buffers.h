@@ -1,25 +1,31 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 
+#include "base/picture_memory.h"
 #include "platform/compression.h"
 
 namespace lumora {
 
-// A pool of equal BGRA buffers in system memory. Buffers are allocated on demand, reused, and may
-// outlive the pool. Any thread.
+// A pool of equal BGRA buffers in picture memory. It counts them; the memory is the picture pool's
+// to keep. Buffers may outlive the pool. Any thread.
 class MemoryPixelBufferPool final : public PixelBufferPool {
  public:
   // What `create` answers when `threshold` buffers are in use.
   static constexpr Status thresholdExceeded = -6689;
 
-  MemoryPixelBufferPool(std::int64_t width, std::int64_t height);
+  MemoryPixelBufferPool(std::int64_t width, std::int64_t height,
+                        std::shared_ptr<PicturePool> pictures);
   Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override;
 
  private:
-  struct Shared;
   class Buffer;
-  std::shared_ptr<Shared> shared_;
+  std::int64_t width_;
+  std::int64_t height_;
+  std::int64_t stride_;
+  std::shared_ptr<PicturePool> pictures_;
+  std::shared_ptr<std::atomic<int>> inUse_ = std::make_shared<std::atomic<int>>(0);
 };
 
 }  // namespace lumora

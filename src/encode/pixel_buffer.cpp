@@ -64,7 +64,7 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
     rectangle = fitRectangle({frame.width, frame.height}, wholeSize);
     clearBars(whole, rectangle);
   }
-  const ImageView source{frame.rgba.data(), frame.width, frame.height, frame.width * bytesPerPixel};
+  const ImageView source{frame.rgba.get(), frame.width, frame.height, frame.width * bytesPerPixel};
   const MutableImageView destination{
       whole.pixels + rectangle.top * whole.stride + rectangle.left * bytesPerPixel,
       rectangle.size.width, rectangle.size.height, whole.stride};

@@ -3,6 +3,7 @@
 // that encoding never slows the parent down) and shares nothing with it but `RawAdmission`.
 
 #include <array>
+#include <new>
 
 #include "app/event.h"
 #include "app/video_encoder.h"
@@ -47,8 +48,9 @@ bool VideoEncoder::readFrame(const RecordHeader& header) {
     stopReading("invalid raw frame header");
     return false;
   }
-  FrameBuffer rgba = frameBuffers->take(header.length);
-  if (!readExactly({rgba.data(), header.length})) {
+  PictureMemory rgba = platform.pictures->allocate(header.length);
+  if (!rgba) throw std::bad_alloc();
+  if (!readExactly({rgba.get(), header.length})) {
     stopReading("truncated raw frame");
     return false;
   }

@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "base/picture_memory.h"
 #include "platform/clock.h"
 #include "platform/dispatch.h"
 #include "platform/encoders.h"
@@ -17,6 +18,7 @@
 namespace lumora {
 
 struct Platform {
+  std::shared_ptr<PicturePool> pictures;  // raw frames and encoder buffers share their memory
   std::shared_ptr<SerialQueue> stateQueue;
   std::shared_ptr<Clock> clock;
   std::shared_ptr<Dispatch> dispatch;

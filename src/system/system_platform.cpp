@@ -14,11 +14,13 @@ namespace lumora {
 Platform makeSystemPlatform(const std::string& h264Encoder) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
+  platform.pictures = PicturePool::make();
   platform.stateQueue = stateQueue;
   platform.clock = std::make_shared<SystemClock>();
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
   platform.process = std::make_shared<PosixProcess>(stateQueue);
-  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, *platform.dispatch);
+  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, *platform.dispatch,
+                                                      platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();

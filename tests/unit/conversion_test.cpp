@@ -23,10 +23,9 @@ struct Pixel {
 };
 
 RawFrame makeFrame(int width, int height, std::uint8_t value) {
-  const auto pool = std::make_shared<FrameBufferPool>();
   const auto bytes = static_cast<std::size_t>(width * height * 4);
-  RawFrame frame{width, height, 1, pool->take(bytes), 0};
-  std::fill_n(frame.rgba.data(), bytes, value);
+  RawFrame frame{width, height, 1, PicturePool::make()->allocate(bytes), 0};
+  std::fill_n(frame.rgba.get(), bytes, value);
   return frame;
 }
 
@@ -50,7 +49,7 @@ TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
   RawFrame frame = makeFrame(190, 108, 200);
   for (int i = 0; i < 190 * 54; ++i) {  // the bottom half of the picture is red
     const std::uint8_t red[] = {255, 0, 0, 255};
-    std::copy_n(red, 4, frame.rgba.data() + i * 4);
+    std::copy_n(red, 4, frame.rgba.get() + i * 4);
   }
   for (const auto& [width, height] : {std::pair{190, 108},
                                       {64, 36},
@@ -85,7 +84,7 @@ double amplitudeAfterReduction(double period, bool vertical) {
     for (int x = 0; x < size; ++x) {
       const double phase = 2 * std::numbers::pi * (vertical ? y : x) / period;
       const auto value = static_cast<std::uint8_t>(std::lround(127.5 + 100 * std::cos(phase)));
-      std::fill_n(frame.rgba.data() + (y * size + x) * 4, 4, value);
+      std::fill_n(frame.rgba.get() + (y * size + x) * 4, 4, value);
     }
   }
   const Converted converted = convert(frame, size / 3, size / 3, Placement::stretch);
@@ -115,7 +114,7 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
   for (const auto& [width, height] : {std::pair{640, 360}, {2, 2}, {202, 360}}) {
     std::unique_ptr<LibavEncoder> encoder;
     const auto settings = sessionSettings(SessionKind::preview, {width, height}, 60);
-    ASSERT_EQ(LibavEncoder::open({codec}, settings, encoder), 0);
+    ASSERT_EQ(LibavEncoder::open({codec, {}, PicturePool::make()}, settings, encoder), 0);
     Bytes picture(static_cast<std::size_t>(width * height * 4), 90);
     for (int time = 1; time <= 130; ++time) {
       std::shared_ptr<const EncodedSample> sample;
@@ -146,7 +145,9 @@ TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
   auto second = taking(take);
   EXPECT_EQ(first.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   std::unique_ptr<LibavEncoder> encoder;
-  ASSERT_EQ(LibavEncoder::open({avcodec_find_encoder_by_name("libx264")}, preview, encoder), 0);
+  ASSERT_EQ(LibavEncoder::open({avcodec_find_encoder_by_name("libx264"), {}, PicturePool::make()},
+                               preview, encoder),
+            0);
   const LibavEncoder* given = encoder.get();
   spares.give(preview, std::move(encoder));
   EXPECT_EQ(first.get().get(), given);

@@ -127,7 +127,8 @@ Configuration VideoEncoderProbe::testConfiguration() {
 }
 
 VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
-  Platform platform{queue, clock, dispatch, process, network, encoders, images, movies, files};
+  Platform platform{pictures, queue,    clock,  dispatch, process,
+                    network,  encoders, images, movies,   files};
   service = std::make_shared<VideoEncoder>(configuration, platform);
   forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
                   state->clear();
@@ -170,7 +171,7 @@ std::shared_ptr<FakeConnection> VideoEncoderProbe::connectClient() {
 void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
   ASSERT_TRUE(service->raw.admit());
   const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
-  service->encode({width, height, id, service->frameBuffers->take(size), clock->now});
+  service->encode({width, height, id, pictures->allocate(size), clock->now});
 }
 
 void VideoEncoderProbe::answerPreview(std::shared_ptr<const EncodedSample> sample) {

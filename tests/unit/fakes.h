@@ -152,7 +152,8 @@ class FakeNetwork final : public Network {
 // A session whose frames the test answers.
 class FakeSession final : public CompressionSession {
  public:
-  FakeSession(int width, int height) : pool(width, height), size{width, height} {}
+  FakeSession(int width, int height)
+      : pool(width, height, PicturePool::make()), size{width, height} {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
     return property == failing.first ? failing.second : 0;
@@ -302,6 +303,7 @@ struct VideoEncoderProbe {
   MovieRecorder& take() { return *service->movie; }
   Peer& onlyPeer() { return *service->peers.begin()->second; }
 
+  std::shared_ptr<PicturePool> pictures = PicturePool::make();
   std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
   std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>(clock->now);
   std::shared_ptr<FakeDispatch> dispatch = std::make_shared<FakeDispatch>(clock->now);

@@ -114,15 +114,23 @@ TEST(RecordHeader, IsBigEndian) {
   EXPECT_EQ(header.id, 0x0102030405060708u);
 }
 
-TEST(FrameBuffers, AreRecycledAndReplacedWhenTooSmall) {
-  const auto pool = std::make_shared<FrameBufferPool>();
-  const std::uint8_t* first = nullptr;
-  {
-    const FrameBuffer buffer = pool->take(4096);
-    first = buffer.data();
+TEST(PicturePool, RecyclesAFewPicturesOfTheSameSize) {
+  const auto pool = PicturePool::make();
+  std::vector<PictureMemory> pictures;
+  std::set<std::uint8_t*> first;
+  for (int i = 0; i < 5; ++i) {
+    pictures.push_back(pool->allocate(4000));
+    first.insert(pictures.back().get());
   }
-  EXPECT_EQ(pool->take(1000).data(), first);
-  EXPECT_GE(pool->take(8192).capacity(), 8192u);
+  EXPECT_EQ(first.size(), 5u);
+  pictures.clear();
+  EXPECT_FALSE(first.contains(pool->allocate(5000).get()));
+  int recycled = 0;
+  for (int i = 0; i < 4; ++i) {
+    pictures.push_back(pool->allocate(4000));
+    recycled += first.contains(pictures.back().get()) ? 1 : 0;
+  }
+  EXPECT_GE(recycled, 3);  // four are kept, and one of them made room for the larger one
 }
 
 }  // namespace

@@ -194,8 +194,8 @@ TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
   std::vector<bool> taken;
   auto recorder = std::make_shared<MovieRecorder>(
       takeID, "/b.mp4", std::nullopt, RecordingProfile::defaultProfile(),
-      Platform{probe.queue, probe.clock, probe.dispatch, probe.process, probe.network,
-               probe.encoders, probe.images, probe.movies, probe.files},
+      Platform{probe.pictures, probe.queue, probe.clock, probe.dispatch, probe.process,
+               probe.network, probe.encoders, probe.images, probe.movies, probe.files},
       [](const TakeEvent&) {});
   for (const bool keyframe : {true, false, false, false, true}) {
     taken.push_back(recorder->append(keyframe ? keySample() : deltaSample(), 1, keyframe));
