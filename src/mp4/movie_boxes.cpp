@@ -175,7 +175,8 @@ void sampleDescription(Bytes& bytes, const FormatDescription& format) {
   sampleEntry(bytes, format);
 }
 
-// Appends a count, then one entry per run of equal values as `append(length, value)` writes it.
+// Appends a count, then one entry per run of equal values as `append(from, to)` writes it, the run
+// being the values from index `from` to before `to`.
 template <typename Values, typename Append>
 void runs(Bytes& bytes, const Values& values, Append append) {
   const std::size_t countAt = bytes.size();

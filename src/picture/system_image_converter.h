@@ -9,9 +9,10 @@
 
 namespace lumora {
 
-// libyuv where the sizes are equal, our own resampler where they differ, on two threads: nothing
-// else runs while a picture is converted, and every millisecond of it counts as latency. Keeps the
-// resamplers of the last few size pairs, since preview and recording alternate.
+// libyuv where the sizes are equal, our own resampler where they differ, on two threads: only one
+// session can be encoding while a picture is converted for the other, and every millisecond of it
+// counts as latency. Keeps the resamplers of the last few size pairs, since preview and recording
+// alternate.
 class SystemImageConverter final : public ImageConverter {
  public:
   bool convert(const ImageView& source, const MutableImageView& destination) override;

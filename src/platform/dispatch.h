@@ -1,7 +1,7 @@
 #pragma once
 
 // Serial queues, timers and detached work. A serial queue runs its work items one at a time, in
-// the order they were enqueued, on a thread of its own; nothing else in the process locks.
+// the order they were enqueued, on a thread of its own, so what belongs to a queue needs no lock.
 
 #include <functional>
 #include <memory>

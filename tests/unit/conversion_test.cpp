@@ -39,7 +39,8 @@ struct Converted {
 };
 
 Converted convert(const RawFrame& frame, int width, int height, Placement placement) {
-  FakeSession session(width, height);
+  Failures none;
+  FakeSession session(width, height, none);
   SystemImageConverter images;
   return {pixelBuffer(frame, session, placement, images)};
 }

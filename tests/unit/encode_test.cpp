@@ -66,19 +66,19 @@ TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
 }
 
 TEST_F(Encode, FailuresEndTheRunWithTheirDescription) {
-  const auto session = [](void (*adjust)(FakeSession&)) {
-    return [adjust](VideoEncoderProbe& p) { p.encoders->adjust = adjust; };
+  const auto failing = [](Call call, int nth, Status status) {
+    return [=](VideoEncoderProbe& p) { p.failures->fail(call, nth, status); };
   };
   const std::pair<const char*, std::function<void(VideoEncoderProbe&)>> cases[] = {
-      {"hardware encoder creation failed (-12908)",
-       [](auto& p) { p.encoders->createStatus = -12908; }},
-      {"encoder property failed (-12)", session([](auto& s) {
-         s.failing = {SessionProperty::averageBitRate, -12};
-       })},
-      {"encoder preparation failed (-13)", session([](auto& s) { s.prepareStatus = -13; })},
-      {"no pixel buffer pool", session([](auto& s) { s.hasPool = false; })},
-      {"RGBA conversion failed", [](auto& p) { p.images->succeeds = false; }},
-      {"frame submission failed (-1)", session([](auto& s) { s.submitStatus = -1; })}};
+      {"hardware encoder creation failed (-12908)", failing(Call::createSession, 1, -12908)},
+      {"encoder property failed (-12)", failing(Call::setProperty, 1, -12)},
+      {"encoder property failed (-12)", failing(Call::setProperty, 7, -12)},
+      {"encoder preparation failed (-13)", failing(Call::prepare, 1, -13)},
+      {"no pixel buffer pool",
+       [](auto& p) { p.encoders->adjust = [](FakeSession& s) { s.hasPool = false; }; }},
+      {"pixel buffer allocation failed (-7)", failing(Call::createBuffer, 1, -7)},
+      {"RGBA conversion failed", failing(Call::convert, 1, -1)},
+      {"frame submission failed (-1)", failing(Call::submit, 1, -1)}};
   for (const auto& [message, adjust] : cases) {
     probe = VideoEncoderProbe();
     probe.becomeReady();

@@ -24,14 +24,13 @@ bool ManualQueue::run() {
   }
 }
 
-std::shared_ptr<MovieWriter> FakeMovies::createWriter(const std::string& path, std::string& error) {
-  if (!refusal.empty()) {
-    error = refusal;
+std::shared_ptr<MovieWriter> FakeMovies::createWriter(const std::string&, std::string& error) {
+  if (failures_.next(Call::createWriter) != 0) {
+    error = problem.value_or("Permission denied");
     return nullptr;
   }
-  paths.push_back(path);
-  writers.push_back(std::make_shared<FakeWriter>());
-  if (adjust) adjust(*writers.back());
+  writers.push_back(std::make_shared<FakeWriter>(failures_));
+  writers.back()->problem = problem;
   return writers.back();
 }
 
@@ -47,6 +46,7 @@ ssize_t FakeProcess::readInput(MutableByteView space) {
 }
 
 ssize_t FakeProcess::writeOutput(ByteView text) {
+  if (const int error = failures_.next(Call::writeOutput); error != 0) return error;
   lines.emplace_back(text.begin(), text.end());
   return static_cast<ssize_t>(text.size());
 }
@@ -86,7 +86,7 @@ void FakeConnection::finishSend(std::error_code error) {
 Status FakeSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time,
                                 FrameProperties frame, OutputHandler handler) {
   submitted.emplace_back(time.value, frame.forceKeyFrame);
-  if (submitStatus != 0) return submitStatus;
+  if (const Status status = failures_.next(Call::submit); status != 0) return status;
   pending.push_back({std::move(buffer), time, frame.forceKeyFrame, std::move(handler)});
   return 0;
 }
@@ -102,23 +102,12 @@ void FakeSession::answer(Status status, std::shared_ptr<const EncodedSample> sam
 Status FakeEncoders::createSession(SessionKind, std::int32_t width, std::int32_t height,
                                    const EncoderRequirements&,
                                    std::shared_ptr<CompressionSession>& session) {
-  if (createStatus != 0) return createStatus;
-  sessions.push_back(std::make_shared<FakeSession>(width, height));
+  if (const Status status = failures_.next(Call::createSession); status != 0) return status;
+  sessions.push_back(std::make_shared<FakeSession>(width, height, failures_));
   if (adjust) adjust(*sessions.back());
   session = sessions.back();
   return 0;
 }
-
-std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders) {
-  Bytes data;
-  for (const std::uint8_t header : nalHeaders) appendLengthPrefixed(data, Bytes{header, 1, 2, 3});
-  const auto format = std::make_shared<MemoryFormatDescription>(
-      Bytes{0x67, 0x42}, Bytes{0x68}, 640, 360, ColourDescription{1, 13, 6, false});
-  return std::make_shared<MemorySample>(data, format);
-}
-
-std::shared_ptr<const EncodedSample> keySample() { return makeSample({0x65}); }
-std::shared_ptr<const EncodedSample> deltaSample() { return makeSample({0x41}); }
 
 Configuration VideoEncoderProbe::testConfiguration() {
   Configuration configuration;
@@ -127,9 +116,7 @@ Configuration VideoEncoderProbe::testConfiguration() {
 }
 
 VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
-  Platform platform{pictures, queue,    clock,  dispatch, process,
-                    network,  encoders, images, movies,   files};
-  service = std::make_shared<VideoEncoder>(configuration, platform);
+  service = std::make_shared<VideoEncoder>(configuration, platform());
   forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
                   state->clear();
                   for (const auto& one : other->queues) one->clear();

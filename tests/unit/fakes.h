@@ -16,6 +16,8 @@
 #include "encode/picture_size.h"
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
+#include "tests/unit/failures.h"
+#include "tests/unit/samples.h"
 
 namespace lumora {
 
@@ -45,9 +47,12 @@ class FakeClock final : public Clock {
   double now = 1000;
 };
 
-struct FakeTimer final : TimerSource {
-  void cancel() override { cancelled = true; }
-  bool cancelled = false;
+// A timer or a signal source; the test keeps the flag.
+template <typename Source>
+struct FakeSource final : Source {
+  explicit FakeSource(std::shared_ptr<bool> flag) : cancelled(std::move(flag)) {}
+  void cancel() override { *cancelled = true; }
+  std::shared_ptr<bool> cancelled;
 };
 
 class FakeDispatch final : public Dispatch {
@@ -60,12 +65,13 @@ class FakeDispatch final : public Dispatch {
   std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override {
     timerInterval = interval;
     tick = std::move(handler);
-    return std::make_unique<FakeTimer>();
+    return std::make_unique<FakeSource<TimerSource>>(timerCancelled);
   }
   void runDetached(Work work) override { detached.push_back(std::move(work)); }
 
   std::vector<std::shared_ptr<ManualQueue>> queues;
   double timerInterval = 0;
+  std::shared_ptr<bool> timerCancelled = std::make_shared<bool>(false);
   Work tick;
   std::vector<Work> detached;
 
@@ -73,17 +79,15 @@ class FakeDispatch final : public Dispatch {
   const double& now_;
 };
 
-struct FakeSignal final : SignalSource {
-  void cancel() override {}
-};
-
 class FakeProcess final : public Process {
  public:
+  explicit FakeProcess(Failures& failures) : failures_(failures) {}
   ssize_t readInput(MutableByteView space) override;
   ssize_t writeOutput(ByteView text) override;
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override {
     signals[signal] = std::move(handler);
-    return std::make_unique<FakeSignal>();
+    signalsCancelled[signal] = std::make_shared<bool>(false);
+    return std::make_unique<FakeSource<SignalSource>>(signalsCancelled[signal]);
   }
   void exit(int code) override { exitCodes.push_back(code); }
 
@@ -96,7 +100,26 @@ class FakeProcess final : public Process {
   int interruptions = 0;        // reads that fail with EINTR first
   std::vector<std::string> lines;
   std::map<int, Work> signals;
+  std::map<int, std::shared_ptr<bool>> signalsCancelled;
   std::vector<int> exitCodes;
+
+ private:
+  Failures& failures_;
+};
+
+// A pool that can run out of buffers.
+class FakePool final : public PixelBufferPool {
+ public:
+  FakePool(int width, int height, Failures& failures)
+      : buffers_(width, height, PicturePool::make()), failures_(failures) {}
+  Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override {
+    const Status status = failures_.next(Call::createBuffer);
+    return status != 0 ? status : buffers_.create(threshold, buffer);
+  }
+
+ private:
+  MemoryPixelBufferPool buffers_;
+  Failures& failures_;
 };
 
 class FakeConnection final : public TcpConnection {
@@ -152,13 +175,13 @@ class FakeNetwork final : public Network {
 // A session whose frames the test answers.
 class FakeSession final : public CompressionSession {
  public:
-  FakeSession(int width, int height)
-      : pool(width, height, PicturePool::make()), size{width, height} {}
+  FakeSession(int width, int height, Failures& failures)
+      : pool(width, height, failures), size{width, height}, failures_(failures) {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
-    return property == failing.first ? failing.second : 0;
+    return failures_.next(Call::setProperty);
   }
-  Status prepareToEncodeFrames() override { return prepareStatus; }
+  Status prepareToEncodeFrames() override { return failures_.next(Call::prepare); }
   PixelBufferPool* pixelBufferPool() override { return hasPool ? &pool : nullptr; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time, FrameProperties frame,
                      OutputHandler handler) override;
@@ -174,21 +197,22 @@ class FakeSession final : public CompressionSession {
     bool forced = false;
     OutputHandler handler;
   };
-  MemoryPixelBufferPool pool;
+  FakePool pool;
   PictureSize size;
   bool hasPool = true;
   std::map<SessionProperty, PropertyValue> properties;
-  std::pair<std::optional<SessionProperty>, Status> failing;
-  Status prepareStatus = 0;
-  Status submitStatus = 0;
   std::deque<Submission> pending;
   std::vector<std::pair<std::int64_t, bool>> submitted;  // time value, forced
   int flushes = 0;
   bool invalidated = false;
+
+ private:
+  Failures& failures_;
 };
 
 class FakeEncoders final : public Encoders {
  public:
+  explicit FakeEncoders(Failures& failures) : failures_(failures) {}
   Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override;
@@ -200,35 +224,45 @@ class FakeEncoders final : public Encoders {
   std::vector<EncoderSettings> ahead;
   double longestWait = 0;
   Work opened;
-  Status createStatus = 0;
   std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;
+
+ private:
+  Failures& failures_;
 };
 
 class FakeImages final : public ImageConverter {
  public:
-  bool convert(const ImageView&, const MutableImageView&) override { return succeeds; }
-  bool succeeds = true;
+  explicit FakeImages(Failures& failures) : failures_(failures) {}
+  bool convert(const ImageView&, const MutableImageView&) override {
+    return failures_.next(Call::convert) == 0;
+  }
+
+ private:
+  Failures& failures_;
 };
 
-// A writer that remembers what it was given and fails when told to.
+// A writer that remembers what it was given.
 class FakeWriter final : public MovieWriter {
  public:
+  explicit FakeWriter(Failures& failures) : failures_(failures) {}
   struct Entry {
     MovieTiming timing;
     bool keyframe = false;
   };
-  bool canAdd(const FormatDescription&) const override { return accepts; }
+  bool canAdd(const FormatDescription&) const override { return failures_.next(Call::canAdd) == 0; }
   bool startWriting(std::shared_ptr<const FormatDescription>) override {
-    if (starts) state = WriterStatus::writing;
-    return starts;
+    if (failures_.next(Call::startWriting) != 0) return false;
+    state = WriterStatus::writing;
+    return true;
   }
   WriterStatus status() const override { return state; }
   std::optional<std::string> error() const override { return problem; }
-  bool isReadyForMoreMediaData() const override { return ready; }
+  bool isReadyForMoreMediaData() const override { return failures_.next(Call::isReady) == 0; }
   bool append(const EncodedSample&, bool keyframe, MovieTiming timing) override {
-    if (appends) entries.push_back({timing, keyframe});
-    return appends;
+    if (failures_.next(Call::append) != 0) return false;
+    entries.push_back({timing, keyframe});
+    return true;
   }
   void finishWriting(std::int64_t at, std::function<void()> handler) override {
     end = at;
@@ -241,41 +275,44 @@ class FakeWriter final : public MovieWriter {
     std::exchange(finished, nullptr)();
   }
 
-  bool accepts = true, starts = true, ready = true, appends = true;
   WriterStatus state = WriterStatus::idle;
   std::optional<std::string> problem;
   std::vector<Entry> entries;
   std::int64_t end = -1;
   std::function<void()> finished;
+
+ private:
+  Failures& failures_;
 };
 
 class FakeMovies final : public Movies {
  public:
+  explicit FakeMovies(Failures& failures) : failures_(failures) {}
   std::shared_ptr<MovieWriter> createWriter(const std::string& path, std::string& error) override;
-  std::string refusal;  // why there is no writer
-  std::function<void(FakeWriter&)> adjust;
+  std::optional<std::string> problem;  // what the writers say of theirs
   std::vector<std::shared_ptr<FakeWriter>> writers;
-  std::vector<std::string> paths;
+
+ private:
+  Failures& failures_;
 };
 
 class FakeFiles final : public FileManager {
  public:
+  explicit FakeFiles(Failures& failures) : failures_(failures) {}
   bool exists(const std::string& path) const override { return existing.contains(path); }
   bool move(const std::string& from, const std::string& to) override {
-    if (existing.contains(to) || unwritable.contains(to)) return false;
+    if (failures_.next(Call::move) != 0) return false;
     moves.emplace_back(from, to);
     return true;
   }
   void remove(const std::string& path) override { removed.push_back(path); }
-  std::set<std::string> existing, unwritable;
+  std::set<std::string> existing;
   std::vector<std::pair<std::string, std::string>> moves;
   std::vector<std::string> removed;
-};
 
-// A sample of the given NAL units (each its header byte and some payload), with parameter sets.
-std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders);
-std::shared_ptr<const EncodedSample> keySample();
-std::shared_ptr<const EncodedSample> deltaSample();
+ private:
+  Failures& failures_;
+};
 
 // One VideoEncoder on fakes.
 struct VideoEncoderProbe {
@@ -300,19 +337,26 @@ struct VideoEncoderProbe {
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
   std::size_t peerCount() const { return service->peers.size(); }
+  bool hasTake() const { return service->movie != nullptr; }
   MovieRecorder& take() { return *service->movie; }
   Peer& onlyPeer() { return *service->peers.begin()->second; }
 
+  // The whole machine as the service sees it.
+  Platform platform() const {
+    return {pictures, queue, clock, dispatch, process, network, encoders, images, movies, files};
+  }
+
+  std::shared_ptr<Failures> failures = std::make_shared<Failures>();
   std::shared_ptr<PicturePool> pictures = PicturePool::make();
   std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
   std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>(clock->now);
   std::shared_ptr<FakeDispatch> dispatch = std::make_shared<FakeDispatch>(clock->now);
-  std::shared_ptr<FakeProcess> process = std::make_shared<FakeProcess>();
+  std::shared_ptr<FakeProcess> process = std::make_shared<FakeProcess>(*failures);
   std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>();
-  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>();
-  std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>();
-  std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>();
-  std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>();
+  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>(*failures);
+  std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>(*failures);
+  std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>(*failures);
+  std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
 
  private:

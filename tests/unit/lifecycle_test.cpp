@@ -1,7 +1,8 @@
-// Start, readiness, the service timer, shutdown, and the event channel's failures.
+// Start, readiness, shutdown, and how often statistics are reported.
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "tests/unit/fakes.h"
@@ -62,6 +63,9 @@ TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
   probe.process->signals.at(SIGINT)();
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   EXPECT_TRUE(probe.network->listener->cancelled);
+  EXPECT_TRUE(*probe.dispatch->timerCancelled);
+  EXPECT_TRUE(*probe.process->signalsCancelled.at(SIGTERM));
+  EXPECT_TRUE(*probe.process->signalsCancelled.at(SIGINT));
   EXPECT_TRUE(client->cancelled);
   EXPECT_EQ(probe.lastSession().flushes, 1);
   EXPECT_TRUE(probe.lastSession().invalidated);
@@ -74,6 +78,20 @@ TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
   probe.run();
   EXPECT_TRUE(probe.process->lines.empty());
   EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+TEST(Lifecycle, AFullOutputLosesALineAndABrokenOneEndsTheRun) {
+  VideoEncoderProbe probe;
+  probe.becomeReady();
+  probe.failures->fail(Call::writeOutput, 1, -EAGAIN);
+  (*probe).emitStats(true);
+  EXPECT_TRUE(probe.process->lines.empty());
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  probe.failures->fail(Call::writeOutput, 2, -EPIPE, /*more=*/9);
+  (*probe).emitStats(true);
+  EXPECT_EQ(probe.process->lines.size(), 1u);
+  (*probe).emitStats(true);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 

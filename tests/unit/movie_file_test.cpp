@@ -17,7 +17,7 @@ extern "C" {
 
 #include "h264/annex_b.h"
 #include "mp4/hybrid_movie_writer.h"
-#include "tests/unit/fakes.h"
+#include "tests/unit/samples.h"
 
 namespace lumora {
 namespace {
@@ -73,14 +73,7 @@ class DiskSink final : public ByteSink {
 };
 
 std::shared_ptr<const EncodedSample> movieSample(std::size_t size, bool keyframe) {
-  Bytes unit(size - 4, 0x11);
-  unit[0] = keyframe ? 0x65 : 0x41;
-  Bytes data;
-  appendLengthPrefixed(data, unit);
-  const auto format = std::make_shared<MemoryFormatDescription>(
-      Bytes{0x67, 0x64, 0x00, 0x1F, 0xAC}, Bytes{0x68, 0xEE, 0x3C, 0x80}, 320, 240,
-      ColourDescription{1, 13, 6, false});
-  return std::make_shared<MemorySample>(data, format);
+  return keyframe ? keySample(size - 4) : deltaSample(size - 4);
 }
 
 struct Written {

@@ -192,11 +192,9 @@ TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
   start();
   frame(1001.0, true);
   std::vector<bool> taken;
-  auto recorder = std::make_shared<MovieRecorder>(
-      takeID, "/b.mp4", std::nullopt, RecordingProfile::defaultProfile(),
-      Platform{probe.pictures, probe.queue, probe.clock, probe.dispatch, probe.process,
-               probe.network, probe.encoders, probe.images, probe.movies, probe.files},
-      [](const TakeEvent&) {});
+  auto recorder = std::make_shared<MovieRecorder>(takeID, "/b.mp4", std::nullopt,
+                                                  RecordingProfile::defaultProfile(),
+                                                  probe.platform(), [](const TakeEvent&) {});
   for (const bool keyframe : {true, false, false, false, true}) {
     taken.push_back(recorder->append(keyframe ? keySample() : deltaSample(), 1, keyframe));
   }
@@ -227,29 +225,93 @@ TEST_F(Takes, BurstsAreToldApartAndThePauseBehindThemPutsThingsRight) {
 }
 
 TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
-  using Adjust = std::function<void(FakeWriter&)>;
-  const std::pair<const char*, Adjust> cases[] = {
-      {"recording format unavailable", [](auto& w) { w.accepts = false; }},
-      {"recording writer failed", [](auto& w) { w.starts = false; }},
-      {"recording disk cannot keep up", [](auto& w) { w.ready = false; }},
-      {"recording sample append failed (0)", [](auto& w) { w.appends = false; }},
-      {"No space left on device", [](auto& w) {
-         w.appends = false;
-         w.problem = "No space left on device";
-       }}};
-  for (const auto& [message, adjust] : cases) {
+  struct Case {
+    Call call;
+    std::optional<std::string> problem;
+    const char* message;
+  };
+  const std::string full = "No space left on device";
+  for (const auto& [call, problem, message] :
+       {Case{Call::createWriter, {}, "Permission denied"},
+        {Call::canAdd, {}, "recording format unavailable"},
+        {Call::startWriting, {}, "recording writer failed"},
+        {Call::startWriting, full, "No space left on device"},
+        {Call::isReady, {}, "recording disk cannot keep up"},
+        {Call::append, {}, "recording sample append failed (0)"},
+        {Call::append, full, "No space left on device"}}) {
     probe = VideoEncoderProbe();
     probe.becomeReady();
-    probe.movies->adjust = adjust;
+    probe.failures->fail(call);
+    probe.movies->problem = problem;
     start();
     frame(1001.0, true);
     frame(1001.1);
     EXPECT_EQ(failure(), message);
-    EXPECT_EQ(writer().state, WriterStatus::cancelled);
-    EXPECT_EQ(probe.files->removed.size(), 1u);
+    for (const auto& made : probe.movies->writers) EXPECT_EQ(made->state, WriterStatus::cancelled);
+    EXPECT_EQ(probe.files->removed.size(), probe.movies->writers.size());
     EXPECT_TRUE(probe.lastSession().invalidated);
     EXPECT_TRUE(probe.process->exitCodes.empty());
     start();  // the next take may begin
+  }
+}
+
+TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
+  const std::string staging = takePath + "." + takeID + ".partial";
+  const std::string recovery = "/takes/a.recovered-" + takeID + ".mp4";
+  for (const auto& [failing, path] : {std::pair{0, takePath}, {1, recovery}, {2, staging}}) {
+    probe = VideoEncoderProbe();
+    probe.becomeReady();
+    probe.failures->fail(Call::move, 1, -1, failing - 1);
+    start();
+    frame(1001.0, true);
+    const Json saved = finish();
+    EXPECT_EQ(saved["path"], path);
+    EXPECT_EQ(saved["error"] == "", failing == 0);
+    EXPECT_EQ(probe.files->moves.size(), failing == 2 ? 0u : 1u);
+    EXPECT_TRUE(probe.files->removed.empty());
+  }
+}
+
+// Every call of the machine fails in its turn, the first time, the second time, until a whole take
+// beside a client has no more of that kind.
+TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
+  using enum Call;
+  for (const Call call : {createSession, setProperty, prepare, createBuffer, convert, submit,
+                          createWriter, canAdd, startWriting, isReady, append, move, writeOutput}) {
+    int nth = 0;
+    for (bool hit = true; hit;) {
+      SCOPED_TRACE(testing::Message() << static_cast<int>(call) << ", call " << ++nth);
+      probe = VideoEncoderProbe();
+      probe.becomeReady();
+      const auto client = probe.connectClient();
+      probe.failures->fail(call, nth, call == writeOutput ? -EAGAIN : -1);
+      probe.command({{"type", "record_start"}, {"id", takeID}, {"path", takePath}});
+      for (int i = 0; i < 3; ++i) {
+        probe.clock->now += 0.5;
+        probe.feed(++lastID);
+        for (const auto& session : probe.encoders->sessions) {
+          if (!session->pending.empty()) session->answer(0, keySample());
+        }
+        probe.run();
+        if (client->cancelled) break;
+        if (client->onSent) client->finishSend();
+        client->deliver("{\"type\":\"ack\",\"frame_id\":" + std::to_string(lastID) + "}\n");
+      }
+      probe.command({{"type", "record_stop"}, {"id", takeID}});
+      probe.run();
+      for (const auto& made : probe.movies->writers) {
+        if (made->finished) made->complete(WriterStatus::completed);
+      }
+      probe.run();
+      hit = probe.failures->hasHit(call);
+      EXPECT_FALSE(probe.isRawBusy());
+      EXPECT_FALSE(probe.hasTake());
+      const bool previewFailed = !probe.process->exitCodes.empty();
+      EXPECT_EQ(probe.process->exitCodes, previewFailed ? std::vector<int>{1} : std::vector<int>{});
+      EXPECT_TRUE(hit || !previewFailed);
+      ASSERT_LT(nth, 40);
+    }
+    EXPECT_GT(nth, 1) << static_cast<int>(call);  // each kind occurs
   }
 }
 
