@@ -28,16 +28,14 @@ HELPER = build/release/src/lumora-video
 
 bench: dependencies
 	scripts/install_dependencies.sh gstreamer1.0-tools gstreamer1.0-plugins-base \
-	  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly \
-	  python3-matplotlib
+	  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS)
 	mkdir -p $(OUT)
-	$(BENCH)/lumora-micro --benchmark_out=$(OUT)/micro.json
-	$(BENCH)/lumora-takes $(HELPER)
-	$(BENCH)/lumora-paced $(HELPER) 4 | tee $(OUT)/growth.txt
+	$(BENCH)/lumora-micro
+	$(BENCH)/lumora-paced $(HELPER) takes 10
+	$(BENCH)/lumora-paced $(HELPER) growth 4
 	$(BENCH)/lumora-compare $(HELPER) $(OUT)
-	/usr/bin/python3 bench/plot.py $(OUT)/bench.json $(OUT)/bench.png
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)

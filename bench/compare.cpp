@@ -42,8 +42,8 @@ struct Run {
 struct Contender {
   std::string name;
   std::function<Run()> run;
-  Outputs outputs;  // judged after the last round; empty: none
-  std::vector<Run> rounds;
+  Outputs outputs = {};  // judged after the last round; empty: none
+  std::vector<Run> rounds = {};
 };
 
 double perFrame(double seconds) { return seconds * 1000 / frames; }
@@ -84,17 +84,12 @@ Run runHelper(const PacedLoad& load, CameraClip& clip) {
            {"fps", static_cast<double>(std::min(rate.delivered, rate.recorded)) / rate.fedSeconds},
            {"peak_mb", std::max(cost.peakMegabytes, rate.peakMegabytes)},
            {"preview_bytes", cost.previewBytes},
-           {"take_bytes", sizeOf(load.takePath)},
-           {"page_faults", cost.pageFaults},
-           {"ready_ms", cost.readyMilliseconds},
-           {"p50_ms", cost.p50},
-           {"p95_ms", cost.p95},
-           {"p99_ms", cost.p99}}};
-  run.inPreview = cost.deliveredFrames;
+           {"take_bytes", sizeOf(load.takePath)}}};
+  for (const tools::Delivery& delivery : cost.deliveries) run.inPreview.push_back(delivery.frame);
   // The take has the same frames, but for the last one when it was captured after the stop.
   if (cost.takeDropped == 0 && cost.takeThrottled == 0) {
-    run.inTake.assign(cost.deliveredFrames.begin(),
-                      cost.deliveredFrames.begin() + static_cast<std::ptrdiff_t>(cost.recorded));
+    run.inTake.assign(run.inPreview.begin(),
+                      run.inPreview.begin() + static_cast<std::ptrdiff_t>(cost.recorded));
   }
   return run;
 }
@@ -135,11 +130,9 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
     return Outputs{folder / (std::string(name) + ".h264"), folder / (std::string(name) + ".mp4")};
   };
   std::vector<Contender> made;
-  made.push_back({"encoders alone", [&ready, preset] { return runBound(ready, preset); }, {}, {}});
-  made.push_back({"encoders and a pipe",
-                  [&ready, preset] { return runBoundWithPipe(ready, preset); },
-                  {},
-                  {}});
+  made.push_back({"encoders alone", [&ready, preset] { return runBound(ready, preset); }});
+  made.push_back(
+      {"encoders and a pipe", [&ready, preset] { return runBoundWithPipe(ready, preset); }});
   const Outputs ours = outputs("helper");
   const PacedLoad load{.helper = helper,
                        .preset = preset,
@@ -147,7 +140,7 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
                        .take = "1920x1080",
                        .previewPath = ours.preview,
                        .takePath = ours.take};
-  made.push_back({"helper", [load, &clip] { return runHelper(load, clip); }, ours, {}});
+  made.push_back({"helper", [load, &clip] { return runHelper(load, clip); }, ours});
   if (preset.empty()) return made;  // nobody else has our settings
   const auto peer = [&](const char* name, const char* file, auto command) {
     const Outputs files = outputs(file);
@@ -155,8 +148,7 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
                     [&clip, files, words = command(camera, preset, files)] {
                       return runPeer(words, clip, files);
                     },
-                    files,
-                    {}});
+                    files});
   };
   peer("ffmpeg", "ffmpeg", ffmpegCommand);
   peer("ffmpeg, one conversion", "ffmpeg-once", ffmpegOnceCommand);
@@ -219,39 +211,6 @@ Event comparePreset(std::vector<Contender> contenders, CameraClip& clip, int rou
   return rows;
 }
 
-// The highest rate of a ladder at which nothing is lost once it has started.
-int highestRate(const PacedLoad& load, CameraClip& clip) {
-  for (const int rate : {60, 56, 52, 48, 44, 40, 36, 33, 30, 25, 20}) {
-    PacedLoad step = load;
-    step.framesPerSecond = rate;
-    step.targetFPS = 60;
-    step.seconds = rateSeconds;
-    if (runPacedLoad(step, clip).isSteady()) return rate;
-  }
-  return 0;
-}
-
-Event runLong(const std::string& helper, const char* take, CameraClip& clip) {
-  const PacedLoad load{.helper = helper, .seconds = longSeconds, .take = take};
-  const PacedResult result = runPacedLoad(load, clip);
-  print(load, camera, result);
-  return {{"fed", result.fed},
-          {"delivered", result.delivered},
-          {"recorded", result.recorded},
-          {"dropped_raw", result.droppedRaw},
-          {"lost_at_start", result.lostAtStart},
-          {"credit_drops", result.creditDrops},
-          {"throttled", result.takeThrottled},
-          {"p50_ms", result.p50},
-          {"p95_ms", result.p95},
-          {"p99_ms", result.p99},
-          {"cpu_ms", result.cpuMilliseconds},
-          {"page_faults", result.pageFaults},
-          {"peak_mb", result.peakMegabytes},
-          {"ready_ms", result.readyMilliseconds},
-          {"highest_rate", highestRate(load, clip)}};
-}
-
 Event compare(const std::string& helper, int rounds) {
   const auto scratch = std::filesystem::temp_directory_path() / "lumora-compare";
   std::filesystem::create_directories(scratch);
@@ -269,7 +228,8 @@ Event compare(const std::string& helper, int rounds) {
   }
   std::printf("\n60 seconds at 60 frames a second, as shipped\n");
   for (const char* take : {"none", "1080x720", "1920x1080"}) {
-    report["paced"][take] = runLong(helper, take, clip);
+    const PacedLoad load{.helper = helper, .seconds = longSeconds, .take = take};
+    print(load, camera, runPacedLoad(load, clip));
   }
   std::filesystem::remove_all(scratch);
   return report;

@@ -104,12 +104,7 @@ EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, in
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
   const auto start = SteadyClock::now();
-  auto frameStart = start;
-  std::barrier together(static_cast<std::ptrdiff_t>(work.size()), [&]() noexcept {
-    const auto now = SteadyClock::now();
-    report.latencies.push_back(std::chrono::duration<double, std::milli>(now - frameStart).count());
-    frameStart = now;
-  });
+  std::barrier together(static_cast<std::ptrdiff_t>(work.size()));
   {
     std::vector<std::jthread> threads;
     for (const auto& each : work) {

@@ -25,8 +25,7 @@ struct EncoderLoad {
 struct EncodersReport {
   double cpuSeconds = 0;
   double wallSeconds = 0;
-  std::vector<double> latencies;  // milliseconds until all of a frame's encodes were done
-  std::vector<Bytes> streams;     // Annex B, one for each load
+  std::vector<Bytes> streams;  // Annex B, one for each load
 };
 
 // Encodes at a rate or (0) as fast as it goes; `besideEach` runs once a frame on a thread of its

@@ -1,11 +1,14 @@
-// The helper under a steady load, as a camera application makes it. One line per configuration;
-// without one, how the cost grows with size, rate, recording and clients.
+// The helper under a steady load, as a camera application makes it.
 //
-//   lumora-paced HELPER SECONDS [WIDTHxHEIGHT FPS CLIENTS TAKE]     TAKE: none or a profile's name
+//   lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS TAKE     TAKE: none or a profile's
+//   name lumora-paced HELPER growth SECONDS     how the cost grows with size, rate, recording,
+//   clients lumora-paced HELPER takes ROUNDS [PROFILE]     whether the preview notices a take: how
+//   late its
+//                                                  frames are when one starts, stops or fails
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
+#include <filesystem>
 
 #include "bench/camera_clip.h"
 #include "bench/paced_load.h"
@@ -20,7 +23,7 @@ void measure(const bench::PacedLoad& load, bench::CameraClip& clip) {
   bench::print(load, clip.size(), bench::runPacedLoad(load, clip));
 }
 
-void measureTable(const std::string& helper, double seconds) {
+void measureGrowth(const std::string& helper, double seconds) {
   for (const client::FrameSize size : {client::FrameSize{640, 360}, {1280, 720}, {1920, 1080}}) {
     bench::CameraClip clip(size, clipFrames);
     for (const int rate : {15, 30, 60}) {
@@ -39,29 +42,91 @@ void measureTable(const std::string& helper, double seconds) {
   }
 }
 
+// A round in frames: a take starts and stops, and later one fails, each with half a second of what
+// is looked at behind it.
+constexpr std::uint64_t roundFrames = 240;
+constexpr std::uint64_t windowFrames = 30;
+constexpr std::uint64_t startFrame = 60;
+constexpr std::uint64_t stopFrame = 120;
+constexpr std::uint64_t failFrame = 180;
+constexpr std::pair<const char*, std::uint64_t> windows[] = {
+    {"no take", startFrame - windowFrames},       {"a take has started", startFrame},
+    {"a take runs", stopFrame - windowFrames},    {"a take has stopped", stopFrame},
+    {"no take, later", failFrame - windowFrames}, {"a take fails at once", failFrame}};
+
+void commandTakes(client::HelperProcess& helper, std::uint64_t frame, const std::string& folder,
+                  const std::string& profile) {
+  const std::uint64_t at = frame % roundFrames;
+  const char* id = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
+  const std::string name = at == failFrame ? "/no such folder/take" : std::to_string(frame);
+  if (at == startFrame || at == failFrame) {
+    helper.writeCommand({{"type", "record_start"},
+                         {"id", id},
+                         {"path", folder + "/" + name + ".mp4"},
+                         {"resolution", profile},
+                         {"target_fps", 60}});
+  }
+  if (at == stopFrame) helper.writeCommand({{"type", "record_stop"}, {"id", id}});
+}
+
+void measureTakes(const std::string& helper, std::uint64_t rounds, const std::string& profile) {
+  const auto folder = std::filesystem::temp_directory_path() / "lumora-takes";
+  std::filesystem::create_directories(folder);
+  bench::CameraClip clip({1920, 1080}, clipFrames);
+  const bench::PacedLoad load{.helper = helper,
+                              .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
+                              .clients = 1,
+                              .schedule = [&](client::HelperProcess& to, std::uint64_t frame) {
+                                commandTakes(to, frame, folder, profile);
+                              }};
+  const bench::PacedResult result = bench::runPacedLoad(load, clip);
+  std::printf("%-24s %8s %8s %8s %8s\n", "half a second when", "p50 ms", "p99 ms", "max ms",
+              "lost");
+  for (const auto& [name, from] : windows) {
+    std::vector<double> latencies;
+    for (const tools::Delivery& delivery : result.deliveries) {
+      const std::uint64_t at = delivery.frame % roundFrames;
+      if (at >= from && at < from + windowFrames) latencies.push_back(delivery.milliseconds);
+    }
+    std::printf("%-24s %8.2f %8.2f %8.2f %8lld\n", name, tools::percentile(latencies, 0.5),
+                tools::percentile(latencies, 0.99), tools::percentile(latencies, 1),
+                static_cast<long long>(rounds * windowFrames) - std::ssize(latencies));
+  }
+  std::filesystem::remove_all(folder);
+}
+
+int run(const std::vector<std::string>& words) {
+  const std::string mode = words.size() > 2 ? words[1] : "";
+  const double amount = words.size() > 2 ? std::strtod(words[2].c_str(), nullptr) : 0;
+  if (mode == "growth" && words.size() == 3) {
+    measureGrowth(words[0], amount);
+  } else if (mode == "takes" && words.size() <= 4) {
+    measureTakes(words[0], static_cast<std::uint64_t>(amount),
+                 words.size() == 4 ? words[3] : "1080x720");
+  } else if (mode == "load" && words.size() == 7) {
+    client::FrameSize size{};
+    if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2) return 2;
+    bench::CameraClip clip(size, clipFrames);
+    const int rate = std::stoi(words[4]);
+    measure({.helper = words[0],
+             .framesPerSecond = rate,
+             .seconds = amount,
+             .clients = std::stoi(words[5]),
+             .take = words[6],
+             .targetFPS = rate},
+            clip);
+  } else {
+    std::fprintf(stderr, "usage: lumora-paced HELPER load|growth|takes ...: see its source\n");
+    return 2;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 && argc != 7) {
-    std::fprintf(stderr, "usage: %s HELPER SECONDS [WIDTHxHEIGHT FPS CLIENTS TAKE]\n", argv[0]);
-    return 2;
-  }
   try {
-    const double seconds = std::strtod(argv[2], nullptr);
-    if (argc == 3) {
-      measureTable(argv[1], seconds);
-      return 0;
-    }
-    client::FrameSize size{};
-    if (std::sscanf(argv[3], "%dx%d", &size.width, &size.height) != 2) return 2;
-    bench::CameraClip clip(size, clipFrames);
-    measure({.helper = argv[1],
-             .framesPerSecond = std::atoi(argv[4]),
-             .seconds = seconds,
-             .clients = std::atoi(argv[5]),
-             .take = argv[6],
-             .targetFPS = std::atoi(argv[4])},
-            clip);
+    return run({argv + 1, argv + argc});
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "tools/paced_run.h"
 #include "tools/resource_use.h"
 
 namespace lumora::bench {
@@ -22,6 +21,7 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   options.seconds = load.seconds;
   options.clients = load.clients;
   options.previewPath = load.previewPath;
+  options.beforeFrame = load.schedule;
   if (load.take != "none") options.take = {movie, load.take, load.targetFPS};
   const tools::RunReport report = tools::runPaced(options, source, {});
   std::filesystem::remove(passing);
@@ -32,21 +32,18 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   const std::vector<double> latencies = tools::latencies(report);
   const auto& last = report.last;
   const auto fed = static_cast<double>(last.fed);
-  std::vector<std::uint64_t> delivered;
-  for (const tools::Delivery& delivery : report.deliveries) delivered.push_back(delivery.frame);
   const auto firstSecond = std::min(static_cast<std::uint64_t>(load.framesPerSecond), last.fed);
   const auto early = static_cast<std::uint64_t>(std::ranges::count_if(
-      delivered, [firstSecond](std::uint64_t frame) { return frame <= firstSecond; }));
+      report.deliveries, [firstSecond](const auto& each) { return each.frame <= firstSecond; }));
   const auto clients = static_cast<std::uint64_t>(std::max(load.clients, 1));
   return {.fed = last.fed,
           .delivered = last.received / clients,
           .recorded = static_cast<std::uint64_t>(count(last.take, "frames")),
           .lostAtStart = load.clients > 0 ? firstSecond - early / clients : 0,
-          .deliveredFrames = std::move(delivered),
+          .deliveries = report.deliveries,
           .droppedRaw = count(last.statistics, "dropped_raw") -
                         static_cast<std::int64_t>(report.droppedBeforeFeeding),
-          .creditDrops = count(last.statistics, "credit_drops"),
-          .sendDrops = count(last.statistics, "send_drops"),
+          .withheld = count(last.statistics, "credit_drops") + count(last.statistics, "send_drops"),
           .takeDropped = count(last.take, "dropped"),
           .takeThrottled = count(last.take, "throttled"),
           .p50 = tools::percentile(latencies, 0.5),
@@ -63,15 +60,14 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
 void print(const PacedLoad& load, client::FrameSize size, const PacedResult& result) {
   std::printf(
       "%4dx%-4d %2d fps  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu  "
-      "dropped %lld raw (%llu at the start) %lld credit %lld send  throttled %lld  latency p50 "
+      "dropped %lld raw (%llu at the start) %lld withheld  throttled %lld  latency p50 "
       "%5.2f p95 %5.2f p99 %5.2f ms  cpu %5.2f ms/frame  page faults %.1f/frame  peak %.0f MB  "
       "ready %.0f ms\n",
       size.width, size.height, load.framesPerSecond, load.clients, load.take.c_str(),
       static_cast<unsigned long long>(result.fed),
       static_cast<unsigned long long>(result.delivered),
       static_cast<unsigned long long>(result.recorded), static_cast<long long>(result.droppedRaw),
-      static_cast<unsigned long long>(result.lostAtStart),
-      static_cast<long long>(result.creditDrops), static_cast<long long>(result.sendDrops),
+      static_cast<unsigned long long>(result.lostAtStart), static_cast<long long>(result.withheld),
       static_cast<long long>(result.takeThrottled), result.p50, result.p95, result.p99,
       result.cpuMilliseconds, result.pageFaults, result.peakMegabytes, result.readyMilliseconds);
   std::fflush(stdout);

@@ -2,11 +2,12 @@
 
 // The helper under a steady load: what it drops, how late its preview is, what it costs.
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "client/helper_process.h"
-#include "tools/frame_source.h"
+#include "tools/paced_run.h"
 
 namespace lumora::bench {
 
@@ -20,6 +21,8 @@ struct PacedLoad {
   int targetFPS = 60;            // of the take
   std::string previewPath = {};  // where the files go; empty: nowhere that lasts
   std::string takePath = {};
+  // Called before each frame is written, for commands of one's own.
+  std::function<void(client::HelperProcess&, std::uint64_t frame)> schedule = {};
 };
 
 struct PacedResult {
@@ -27,10 +30,9 @@ struct PacedResult {
   std::uint64_t delivered = 0;  // frame packets that a client received, on average
   std::uint64_t recorded = 0;
   std::uint64_t lostAtStart = 0;  // frames of the first second that were not delivered
-  std::vector<std::uint64_t> deliveredFrames = {};  // their numbers, over all clients
-  std::int64_t droppedRaw = 0;  // frames that came while another one was in flight
-  std::int64_t creditDrops = 0;
-  std::int64_t sendDrops = 0;
+  std::vector<tools::Delivery> deliveries = {};  // over all clients
+  std::int64_t droppedRaw = 0;                   // frames that came while another one was in flight
+  std::int64_t withheld = 0;                     // frames that a client was too slow for
   std::int64_t takeDropped = 0;
   std::int64_t takeThrottled = 0;
   double p50 = 0;  // latency from a frame's last byte to its packet, milliseconds
@@ -42,12 +44,6 @@ struct PacedResult {
   double readyMilliseconds = 0;  // from exec to "ready"
   double fedSeconds = 0;
   double previewBytes = 0;  // per client
-
-  // Whether nothing was lost after the first second.
-  bool isSteady() const {
-    return droppedRaw <= static_cast<std::int64_t>(lostAtStart) && creditDrops == 0 &&
-           sendDrops == 0 && takeDropped == 0 && takeThrottled == 0;
-  }
 };
 
 // Throws std::runtime_error when the helper can't be started or ends early.

@@ -89,20 +89,18 @@ PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& 
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), peak};
 }
 
-FramePipe::FramePipe(std::size_t frameBytes, int count)
-    : pipe_(popen(("exec dd if=/dev/zero status=none bs=" + std::to_string(frameBytes) +
-                   " count=" + std::to_string(count))
-                      .c_str(),
-                  "r")) {
-  if (pipe_ == nullptr) throw std::system_error(errno, std::generic_category(), "dd");
-  enlarge(fileno(pipe_));
+FramePipe::FramePipe(std::size_t frameBytes, int count) {
+  const std::string command = "exec dd if=/dev/zero status=none bs=" + std::to_string(frameBytes) +
+                              " count=" + std::to_string(count);
+  std::FILE* opened = popen(command.c_str(), "r");
+  if (opened == nullptr) throw std::system_error(errno, std::generic_category(), "dd");
+  pipe_.reset(opened, pclose);
+  enlarge(fileno(opened));
 }
-
-FramePipe::~FramePipe() { pclose(pipe_); }
 
 void FramePipe::read(std::span<std::uint8_t> frame) const {
   while (!frame.empty()) {
-    const ssize_t count = ::read(fileno(pipe_), frame.data(), frame.size());
+    const ssize_t count = ::read(fileno(pipe_.get()), frame.data(), frame.size());
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) throw std::runtime_error("the frames ended early");
     frame = frame.subspan(static_cast<std::size_t>(count));

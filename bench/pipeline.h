@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -25,15 +26,11 @@ PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& 
 class FramePipe {
  public:
   FramePipe(std::size_t frameBytes, int count);
-  ~FramePipe();
-  FramePipe(const FramePipe&) = delete;
-  FramePipe& operator=(const FramePipe&) = delete;
-
   // Fills `frame`. Throws std::runtime_error at the end.
   void read(std::span<std::uint8_t> frame) const;
 
  private:
-  std::FILE* pipe_;
+  std::shared_ptr<std::FILE> pipe_;
 };
 
 // 1 to `count`.
