@@ -1,7 +1,5 @@
 #include "tools/paced_run.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -11,6 +9,7 @@
 #include <thread>
 
 #include "client/stream_client.h"
+#include "client/uptime.h"
 #include "tools/resource_use.h"
 
 namespace lumora::tools {
@@ -106,13 +105,6 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
   return number - 1;
 }
 
-// Takes are timed on the system's uptime clock, which parent and helper share.
-double uptime() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 const char* const takeID = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
 
 void startTake(const TakeOptions& take, client::HelperProcess& helper) {
@@ -122,12 +114,12 @@ void startTake(const TakeOptions& take, client::HelperProcess& helper) {
                        {"path", take.path},
                        {"resolution", take.resolution},
                        {"target_fps", take.targetFPS},
-                       {"started_at", uptime()}});
+                       {"started_at", client::uptime()}});
 }
 
 void stopTake(const TakeOptions& take, client::HelperProcess& helper) {
   if (take.path.empty()) return;
-  helper.writeCommand({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", uptime()}});
+  helper.writeCommand({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", client::uptime()}});
 }
 
 std::uint64_t waitForClients(client::HelperProcess& helper, int clients) {

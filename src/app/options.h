@@ -18,6 +18,8 @@ struct Configuration {
   std::int64_t previewWidth = 640;
   std::int64_t previewHeight = 360;
   bool exactPreviewDimensions = false;  // the size was given, not defaulted
+
+  bool operator==(const Configuration&) const = default;
 };
 
 using Environment = std::map<std::string, std::string>;

@@ -18,6 +18,7 @@ struct PictureRectangle {
   std::int64_t left = 0;
   std::int64_t top = 0;
   PictureSize size;
+  bool operator==(const PictureRectangle&) const = default;
 };
 
 // The largest rectangle of the camera picture's proportions, centred in `buffer`.

@@ -2,10 +2,10 @@
 
 #include <stdlib.h>
 
-#include <array>
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 
 namespace lumora::tests {
 
@@ -57,16 +57,12 @@ void Picture::expect(double x, double y, Rgb colour, int tolerance) const {
 
 Picture decodeLast(const std::string& path, FrameSize size) {
   EXPECT_EQ(decodeErrors(path), "");
-  const std::string raw = path + ".rgb";
-  outputOf("ffmpeg -v error -nostdin -y -i '" + path + "' -f rawvideo -pix_fmt rgb24 '" + raw +
-           "'");
-  std::ifstream file(raw, std::ios::binary);
-  Pixels rgb(std::istreambuf_iterator<char>(file), {});
-  std::filesystem::remove(raw);
+  const std::string all =
+      outputOf("ffmpeg -v error -nostdin -i '" + path + "' -f rawvideo -pix_fmt rgb24 -");
   const auto bytes = static_cast<std::size_t>(size.width * size.height * 3);
-  EXPECT_GE(rgb.size(), bytes);
-  rgb.erase(rgb.begin(), rgb.end() - static_cast<std::ptrdiff_t>(std::min(bytes, rgb.size())));
-  return {size, rgb};
+  EXPECT_GE(all.size(), bytes);
+  return {size,
+          Pixels(all.end() - static_cast<std::ptrdiff_t>(std::min(bytes, all.size())), all.end())};
 }
 
 Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
@@ -86,12 +82,15 @@ void HelperTest::SetUp() {
 }
 
 void HelperTest::TearDown() {
-  helper.reset();
+  endHelper();
   std::filesystem::remove_all(folder);
 }
 
+void HelperTest::endHelper() { EXPECT_TRUE(!helper || finish() == 0); }
+
 void HelperTest::start(std::vector<std::string> arguments,
                        std::map<std::string, std::string> environment) {
+  endHelper();
   helper = std::make_unique<client::HelperProcess>(
       client::LaunchOptions{LUMORA_HELPER, token, std::move(arguments), std::move(environment)});
   const auto ready = helper->nextEvent("ready", 20);
@@ -146,6 +145,7 @@ std::vector<client::Packet> HelperTest::stream(client::StreamClient& from, Frame
 
 int HelperTest::exitCode() {
   const auto status = helper->wait(20);
+  helper.reset();
   return status && status->signal == 0 ? status->code : -1;
 }
 
@@ -163,6 +163,71 @@ std::string HelperTest::writeStream(const std::vector<client::Packet>& packets) 
                static_cast<std::streamsize>(units.size()));
   }
   return path;
+}
+
+Event probe(const std::string& path) {
+  const auto all = Event::parse(
+      outputOf("ffprobe -v error -count_frames -show_streams -of json '" + path + "'"));
+  return all.at("streams").empty() ? Event::object() : all["streams"][0];
+}
+
+void TakeTest::SetUp() {
+  HelperTest::SetUp();
+  path = folder / "a take.\xC3\xA9.mp4";
+}
+
+void TakeTest::startTake(const Event& extra) {
+  Event command = {{"type", "record_start"}, {"id", takeID}, {"path", path}};
+  command.update(extra);
+  ASSERT_TRUE(helper->writeCommand(command));
+}
+
+void TakeTest::stopTake(const Event& extra) {
+  Event command = {{"type", "record_stop"}, {"id", takeID}};
+  command.update(extra);
+  ASSERT_TRUE(helper->writeCommand(command));
+}
+
+void TakeTest::feedPaced(int count, double framesPerSecond, FrameSize size) {
+  const Pixels still = quarters(size, {200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90});
+  feedPaced(count, framesPerSecond, size, {still, still});
+}
+
+void TakeTest::feedPaced(int count, double framesPerSecond, FrameSize size,
+                         const std::array<Pixels, 2>& pictures) {
+  auto due = std::chrono::steady_clock::now();
+  for (int i = 0; i < count; ++i) {
+    std::this_thread::sleep_until(due);
+    due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
+    feed(size, pictures[static_cast<std::size_t>(i % 2)]);
+  }
+}
+
+void TakeTest::turnTo(const std::filesystem::path& file) {
+  path = file;
+  ++takeID.back();
+}
+
+Event TakeTest::take(int count, double framesPerSecond) {
+  startTake();
+  feedPaced(count, framesPerSecond);
+  stopTake();
+  return waitForTake("saved");
+}
+
+Event TakeTest::waitForTake(const std::string& state) {
+  return waitForEvent("recording", [&](const Event& event) {
+    if (event.at("id") != takeID) return false;
+    const auto& reached = event.at("state");
+    if (reached == state) return true;
+    if (reached == "failed" || reached == "saved") throw std::runtime_error(event.dump());
+    return false;
+  });
+}
+
+std::size_t TakeTest::fileCount() const {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
+                                                std::filesystem::directory_iterator()));
 }
 
 }  // namespace lumora::tests

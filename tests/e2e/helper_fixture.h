@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <functional>
@@ -14,11 +15,13 @@
 
 #include "client/helper_process.h"
 #include "client/stream_client.h"
+#include "client/uptime.h"
 
 namespace lumora::tests {
 
 using client::Event;
 using client::FrameSize;
+using client::uptime;
 using Pixels = std::vector<std::uint8_t>;
 
 struct Rgb {
@@ -46,6 +49,9 @@ struct Picture {
 // The last picture of a file with pictures of one size.
 Picture decodeLast(const std::string& path, FrameSize size);
 
+// What ffprobe says of the only stream of a file; an empty object when it has none.
+Event probe(const std::string& path);
+
 // Receives and acknowledges on a thread of its own, as long as this object lives.
 class Watcher {
  public:
@@ -61,8 +67,10 @@ class HelperTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+  void endHelper();
 
-  // Starts the helper and waits for "ready".
+  // Starts the helper and waits for "ready". It has to end with 0 at the end of its input, which
+  // comes with the next start or the test's end, unless the test waits for another end.
   void start(std::vector<std::string> arguments = {},
              std::map<std::string, std::string> environment = {});
   // Connects a client that the helper has admitted.
@@ -87,6 +95,31 @@ class HelperTest : public testing::Test {
   std::unique_ptr<client::HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;
+};
+
+// Takes of the real helper on the real disk.
+class TakeTest : public HelperTest {
+ protected:
+  void SetUp() override;
+
+  // Start and stop the take at `path`, with further keys of the command.
+  void startTake(const Event& extra = Event::object());
+  void stopTake(const Event& extra = Event::object());
+  // Feeds `count` frames at a steady rate, of one picture or of two in turn.
+  void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360});
+  void feedPaced(int count, double framesPerSecond, FrameSize size,
+                 const std::array<Pixels, 2>& pictures);
+  // Turns to another take of the same run: what is still said of the one before counts no more.
+  void turnTo(const std::filesystem::path& file);
+  // Records `count` frames at a steady rate; the "saved" event.
+  Event take(int count, double framesPerSecond);
+  // The take's next event with this state; throws when the take ends in another one.
+  Event waitForTake(const std::string& state);
+  std::string stagingPath() const { return path + "." + takeID + ".partial"; }
+  std::size_t fileCount() const;
+
+  std::string path;
+  std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
 };
 
 }  // namespace lumora::tests

@@ -38,7 +38,6 @@ TEST_F(Stream, StrangersAreDroppedWithoutAnAnswer) {
   EXPECT_FALSE(good->isClosed());
   EXPECT_EQ(waitForStatistics([](const Event& e) { return e["dropped_peers"] >= 6; })["clients"],
             1);
-  EXPECT_EQ(finish(), 0);
 }
 
 TEST_F(Stream, AClientThatNeverAcknowledgesIsDroppedAndTheOtherGetsEveryFrame) {
@@ -62,18 +61,6 @@ TEST_F(Stream, AClientThatNeverAcknowledgesIsDroppedAndTheOtherGetsEveryFrame) {
   });
   EXPECT_EQ(stats["max_unacked_observed"], 6);
   EXPECT_GE(frames, 6);
-  EXPECT_EQ(finish(), 0);
-}
-
-TEST_F(Stream, AClientThatComesAndGoesLeavesNothingBehind) {
-  start();
-  for (int i = 0; i < 30; ++i) {
-    const auto viewer = connectClient();
-    if (i % 3 == 0) stream(*viewer, size, plain(size, {9, 9, 9}), 1);
-  }
-  const Event stats = waitForStatistics([](const Event& event) { return event["clients"] == 0; });
-  EXPECT_EQ(stats["pending_hello"], 0);
-  EXPECT_EQ(finish(), 0);
 }
 
 TEST_F(Stream, RunningOutOfDescriptorsCostsOnlyTime) {
@@ -90,7 +77,6 @@ TEST_F(Stream, RunningOutOfDescriptorsCostsOnlyTime) {
   ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
   viewer->sayHello(token);
   waitForStatistics([](const Event& event) { return event["clients"] == 1; });
-  EXPECT_EQ(finish(), 0);
 }
 
 }  // namespace

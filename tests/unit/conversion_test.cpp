@@ -11,8 +11,9 @@
 #include "codec/spare_encoders.h"
 #include "encode/pixel_buffer.h"
 #include "encode/session_settings.h"
+#include "h264/nal_units.h"
 #include "picture/system_image_converter.h"
-#include "tests/unit/fakes.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
@@ -109,13 +110,13 @@ TEST(Conversion, ReductionKeepsWhatFitsAndDoesNotAlias) {
   }
 }
 
+const CodecChoice software{avcodec_find_encoder_by_name("libx264"), {}, PicturePool::make()};
+
 TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
-  const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-  ASSERT_NE(codec, nullptr);
   for (const auto& [width, height] : {std::pair{640, 360}, {2, 2}, {202, 360}}) {
     std::unique_ptr<LibavEncoder> encoder;
     const auto settings = sessionSettings(SessionKind::preview, {width, height}, 60);
-    ASSERT_EQ(LibavEncoder::open({codec, {}, PicturePool::make()}, settings, encoder), 0);
+    ASSERT_EQ(LibavEncoder::open(software, settings, encoder), 0);
     Bytes picture(static_cast<std::size_t>(width * height * 4), 90);
     for (int time = 1; time <= 130; ++time) {
       std::shared_ptr<const EncodedSample> sample;
@@ -139,22 +140,16 @@ TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
   const EncoderSettings take = sessionSettings(SessionKind::recording, {2, 2}, 60);
   SpareEncoders spares;
   spares.expect({preview, take});
-  const auto taking = [&](const EncoderSettings& settings) {
-    return std::async(std::launch::async, [&] { return spares.take(settings); });
-  };
-  auto first = taking(preview);
-  auto second = taking(take);
-  EXPECT_EQ(first.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  auto taken = std::async(std::launch::async, [&] { return spares.take(preview); });
+  EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   std::unique_ptr<LibavEncoder> encoder;
-  ASSERT_EQ(LibavEncoder::open({avcodec_find_encoder_by_name("libx264"), {}, PicturePool::make()},
-                               preview, encoder),
-            0);
+  ASSERT_EQ(LibavEncoder::open(software, preview, encoder), 0);
   const LibavEncoder* given = encoder.get();
   spares.give(preview, std::move(encoder));
-  EXPECT_EQ(first.get().get(), given);
-  EXPECT_FALSE(spares.isExpected(preview));
+  EXPECT_EQ(taken.get().get(), given);
+  EXPECT_TRUE(spares.isExpected(take));
   spares.give(take, nullptr);
-  EXPECT_EQ(second.get(), nullptr);
+  EXPECT_EQ(spares.take(take), nullptr);
   EXPECT_EQ(spares.take(preview), nullptr);  // taken, and no other one expected
 }
 

@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "encode/picture_size.h"
-#include "tests/unit/fakes.h"
+#include "h264/memory_sample.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
@@ -80,8 +81,7 @@ TEST_F(Encode, FailuresEndTheRunWithTheirDescription) {
       {"RGBA conversion failed", failing(Call::convert, 1, -1)},
       {"frame submission failed (-1)", failing(Call::submit, 1, -1)}};
   for (const auto& [message, adjust] : cases) {
-    probe = VideoEncoderProbe();
-    probe.becomeReady();
+    probe.restart();
     adjust(probe);
     probe.connectClient();
     probe.feed(1);
@@ -99,8 +99,7 @@ TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
       {0, std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr),
        "invalid encoded NAL size"}};
   for (const auto& [status, sample, message] : cases) {
-    probe = VideoEncoderProbe();
-    probe.becomeReady();
+    probe.restart();
     const auto client = probe.connectClient();
     probe.feed(1);
     probe.lastSession().answer(status, sample);
@@ -152,17 +151,11 @@ TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
 }
 
 TEST(PictureSize, AspectFitCentresThePicture) {
-  const auto expect = [](PictureSize camera, PictureSize buffer, PictureRectangle expected) {
-    const PictureRectangle fitted = fitRectangle(camera, buffer);
-    EXPECT_EQ(fitted.size, expected.size);
-    EXPECT_EQ(fitted.left, expected.left);
-    EXPECT_EQ(fitted.top, expected.top);
-  };
-  expect({1280, 720}, {1920, 1080}, {0, 0, {1920, 1080}});
-  expect({1440, 1080}, {1920, 1080}, {240, 0, {1440, 1080}});
-  expect({1920, 1080}, {640, 480}, {0, 60, {640, 360}});
-  expect({1920, 2}, {640, 360}, {0, 179, {640, 1}});
-  expect({1080, 1920}, {1080, 720}, {337, 0, {405, 720}});
+  EXPECT_EQ(fitRectangle({1280, 720}, {1920, 1080}), (PictureRectangle{0, 0, {1920, 1080}}));
+  EXPECT_EQ(fitRectangle({1440, 1080}, {1920, 1080}), (PictureRectangle{240, 0, {1440, 1080}}));
+  EXPECT_EQ(fitRectangle({1920, 1080}, {640, 480}), (PictureRectangle{0, 60, {640, 360}}));
+  EXPECT_EQ(fitRectangle({1920, 2}, {640, 360}), (PictureRectangle{0, 179, {640, 1}}));
+  EXPECT_EQ(fitRectangle({1080, 1920}, {1080, 720}), (PictureRectangle{337, 0, {405, 720}}));
 }
 
 }  // namespace

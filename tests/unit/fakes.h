@@ -1,25 +1,31 @@
 #pragma once
 
-// A machine of fakes. The tests own the clock and turn the state queue by hand, so every rule
-// about time, order and credit is tested without sleeping.
+// The machine as fakes: they remember what they were asked, answer when the test says so, and fail
+// when it says so.
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <deque>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "app/video_encoder.h"
+#include "base/json.h"
 #include "codec/memory_pixel_buffers.h"
 #include "encode/picture_size.h"
-#include "h264/memory_sample.h"
-#include "h264/nal_units.h"
+#include "platform/platform.h"
 #include "tests/unit/failures.h"
-#include "tests/unit/samples.h"
 
 namespace lumora {
+
+// A fake whose calls fail as the machine's one `Failures` says.
+struct CanFail {
+  explicit CanFail(Failures& all) : failures(all) {}
+  int next(Call call) const { return failures.next(call); }
+  Failures& failures;
+};
 
 class ManualQueue final : public SerialQueue {
  public:
@@ -29,7 +35,21 @@ class ManualQueue final : public SerialQueue {
     later_.emplace(now_ + seconds, std::move(work));
   }
   // Runs everything that is due, including what that enqueues; whether there was anything.
-  bool run();
+  bool run() {
+    for (bool any = false;; any = true) {
+      if (!work_.empty()) {
+        const Work work = std::move(work_.front());
+        work_.pop_front();
+        work();
+      } else if (!later_.empty() && later_.begin()->first <= now_) {
+        const Work work = std::move(later_.begin()->second);
+        later_.erase(later_.begin());
+        work();
+      } else {
+        return any;
+      }
+    }
+  }
   void clear() {
     work_.clear();
     later_.clear();
@@ -41,8 +61,7 @@ class ManualQueue final : public SerialQueue {
   std::multimap<double, Work> later_;
 };
 
-class FakeClock final : public Clock {
- public:
+struct FakeClock final : Clock {
   double uptime() const override { return now; }
   double now = 1000;
 };
@@ -55,12 +74,10 @@ struct FakeSource final : Source {
   std::shared_ptr<bool> cancelled;
 };
 
-class FakeDispatch final : public Dispatch {
- public:
-  explicit FakeDispatch(const double& now) : now_(now) {}
+struct FakeDispatch final : Dispatch {
+  explicit FakeDispatch(const double& clock) : now(clock) {}
   std::shared_ptr<SerialQueue> makeQueue(const std::string&) override {
-    queues.push_back(std::make_shared<ManualQueue>(now_));
-    return queues.back();
+    return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override {
     timerInterval = interval;
@@ -69,21 +86,31 @@ class FakeDispatch final : public Dispatch {
   }
   void runDetached(Work work) override { detached.push_back(std::move(work)); }
 
+  const double& now;
   std::vector<std::shared_ptr<ManualQueue>> queues;
   double timerInterval = 0;
   std::shared_ptr<bool> timerCancelled = std::make_shared<bool>(false);
   Work tick;
   std::vector<Work> detached;
-
- private:
-  const double& now_;
 };
 
-class FakeProcess final : public Process {
- public:
-  explicit FakeProcess(Failures& failures) : failures_(failures) {}
-  ssize_t readInput(MutableByteView space) override;
-  ssize_t writeOutput(ByteView text) override;
+struct FakeProcess final : Process, CanFail {
+  using CanFail::CanFail;
+  ssize_t readInput(MutableByteView space) override {
+    if (interruptions > 0) {
+      --interruptions;
+      return -EINTR;
+    }
+    const std::size_t count = std::min({space.size(), chunk, input.size()});
+    std::copy_n(input.begin(), count, space.begin());
+    input.erase(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(count));
+    return static_cast<ssize_t>(count);
+  }
+  ssize_t writeOutput(ByteView text) override {
+    if (const int error = next(Call::writeOutput); error != 0) return error;
+    lines.emplace_back(text.begin(), text.end());
+    return static_cast<ssize_t>(text.size());
+  }
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override {
     signals[signal] = std::move(handler);
     signalsCancelled[signal] = std::make_shared<bool>(false);
@@ -91,9 +118,15 @@ class FakeProcess final : public Process {
   }
   void exit(int code) override { exitCodes.push_back(code); }
 
-  // The events written so far, oldest first; forgets them.
-  std::vector<Json> takeEvents();
-  std::vector<Json> takeEvents(const std::string& type);
+  // The events written so far, oldest first, of one type or of all; forgets them all.
+  std::vector<Json> takeEvents(const std::string& type = "") {
+    std::vector<Json> events;
+    for (const std::string& line : std::exchange(lines, {})) {
+      Json event = Json::parse(line);
+      if (type.empty() || event["type"] == type) events.push_back(std::move(event));
+    }
+    return events;
+  }
 
   Bytes input;
   std::size_t chunk = 1 << 16;  // bytes per read
@@ -102,41 +135,36 @@ class FakeProcess final : public Process {
   std::map<int, Work> signals;
   std::map<int, std::shared_ptr<bool>> signalsCancelled;
   std::vector<int> exitCodes;
-
- private:
-  Failures& failures_;
 };
 
-// A pool that can run out of buffers.
-class FakePool final : public PixelBufferPool {
- public:
-  FakePool(int width, int height, Failures& failures)
-      : buffers_(width, height, PicturePool::make()), failures_(failures) {}
-  Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override {
-    const Status status = failures_.next(Call::createBuffer);
-    return status != 0 ? status : buffers_.create(threshold, buffer);
-  }
-
- private:
-  MemoryPixelBufferPool buffers_;
-  Failures& failures_;
-};
-
-class FakeConnection final : public TcpConnection {
- public:
+struct FakeConnection final : TcpConnection {
   void setStateHandler(StateHandler handler) override { stateHandler = std::move(handler); }
   void start() override { started = true; }
   void receive(std::size_t maximum, ReceiveHandler handler) override {
     readLimit = maximum;
     onReceive = std::move(handler);
   }
-  void send(std::vector<SharedBytes> parts, SendHandler handler) override;
+  void send(std::vector<SharedBytes> parts, SendHandler handler) override {
+    Bytes whole;
+    for (const SharedBytes& part : parts) whole.insert(whole.end(), part->begin(), part->end());
+    sent.push_back(std::move(whole));
+    onSent = std::move(handler);
+  }
   void cancel() override { cancelled = true; }
 
   // What the client sends; `complete` closes its side.
-  void deliver(const std::string& text, bool complete = false);
+  void deliver(const std::string& text, bool complete = false) {
+    const Bytes bytes(text.begin(), text.end());
+    const ReceiveHandler handler = std::exchange(onReceive, nullptr);
+    ASSERT_TRUE(handler) << "no read is armed";
+    handler(bytes, complete, {});
+  }
   // The network stack took the outstanding send.
-  void finishSend(std::error_code error = {});
+  void finishSend(std::error_code error = {}) {
+    const SendHandler handler = std::exchange(onSent, nullptr);
+    ASSERT_TRUE(handler) << "no send is outstanding";
+    handler(error);
+  }
 
   StateHandler stateHandler;
   ReceiveHandler onReceive;
@@ -147,8 +175,7 @@ class FakeConnection final : public TcpConnection {
   bool cancelled = false;
 };
 
-class FakeListener final : public TcpListener {
- public:
+struct FakeListener final : TcpListener {
   void setStateHandler(StateHandler handler) override { changed = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
   void start() override { started = true; }
@@ -164,37 +191,53 @@ class FakeListener final : public TcpListener {
   bool cancelled = false;
 };
 
-class FakeNetwork final : public Network {
- public:
+struct FakeNetwork final : Network {
   std::shared_ptr<TcpListener> makeListener(const std::string&, std::uint16_t) override {
     return listener;
   }
   std::shared_ptr<FakeListener> listener = std::make_shared<FakeListener>();
 };
 
+struct FakePool final : PixelBufferPool, CanFail {
+  FakePool(int width, int height, Failures& all)
+      : CanFail(all), buffers(width, height, PicturePool::make()) {}
+  Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override {
+    const Status status = next(Call::createBuffer);
+    return status != 0 ? status : buffers.create(threshold, buffer);
+  }
+  MemoryPixelBufferPool buffers;
+};
+
 // A session whose frames the test answers.
-class FakeSession final : public CompressionSession {
- public:
-  FakeSession(int width, int height, Failures& failures)
-      : pool(width, height, failures), size{width, height}, failures_(failures) {}
+struct FakeSession final : CompressionSession, CanFail {
+  FakeSession(int width, int height, Failures& all)
+      : CanFail(all), pool(width, height, all), size{width, height} {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
-    return failures_.next(Call::setProperty);
+    return next(Call::setProperty);
   }
-  Status prepareToEncodeFrames() override { return failures_.next(Call::prepare); }
+  Status prepareToEncodeFrames() override { return next(Call::prepare); }
   PixelBufferPool* pixelBufferPool() override { return hasPool ? &pool : nullptr; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time, FrameProperties frame,
-                     OutputHandler handler) override;
+                     OutputHandler handler) override {
+    submitted.emplace_back(time.value, frame.forceKeyFrame);
+    if (const Status status = next(Call::submit); status != 0) return status;
+    pending.push_back({std::move(buffer), std::move(handler)});
+    return 0;
+  }
   void completeFrames() override { ++flushes; }
   void invalidate() override { invalidated = true; }
 
   // Answers the oldest frame.
-  void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0);
+  void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0) {
+    ASSERT_FALSE(pending.empty());
+    const OutputHandler handler = std::move(pending.front().handler);
+    pending.pop_front();
+    handler(status, flags, std::move(sample));
+  }
 
   struct Submission {
     std::shared_ptr<PixelBuffer> buffer;
-    RationalTime time;
-    bool forced = false;
     OutputHandler handler;
   };
   FakePool pool;
@@ -205,17 +248,19 @@ class FakeSession final : public CompressionSession {
   std::vector<std::pair<std::int64_t, bool>> submitted;  // time value, forced
   int flushes = 0;
   bool invalidated = false;
-
- private:
-  Failures& failures_;
 };
 
-class FakeEncoders final : public Encoders {
- public:
-  explicit FakeEncoders(Failures& failures) : failures_(failures) {}
-  Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
+struct FakeEncoders final : Encoders, CanFail {
+  using CanFail::CanFail;
+  Status createSession(SessionKind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements&,
-                       std::shared_ptr<CompressionSession>& session) override;
+                       std::shared_ptr<CompressionSession>& session) override {
+    if (const Status status = next(Call::createSession); status != 0) return status;
+    sessions.push_back(std::make_shared<FakeSession>(width, height, failures));
+    if (adjust) adjust(*sessions.back());
+    session = sessions.back();
+    return 0;
+  }
   void openAhead(const std::vector<EncoderSettings>& settings) override { ahead = settings; }
   void whenOpen(double longest, Work work) override {
     longestWait = longest;
@@ -226,42 +271,30 @@ class FakeEncoders final : public Encoders {
   Work opened;
   std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;
-
- private:
-  Failures& failures_;
 };
 
-class FakeImages final : public ImageConverter {
- public:
-  explicit FakeImages(Failures& failures) : failures_(failures) {}
+struct FakeImages final : ImageConverter, CanFail {
+  using CanFail::CanFail;
   bool convert(const ImageView&, const MutableImageView&) override {
-    return failures_.next(Call::convert) == 0;
+    return next(Call::convert) == 0;
   }
-
- private:
-  Failures& failures_;
 };
 
 // A writer that remembers what it was given.
-class FakeWriter final : public MovieWriter {
- public:
-  explicit FakeWriter(Failures& failures) : failures_(failures) {}
-  struct Entry {
-    MovieTiming timing;
-    bool keyframe = false;
-  };
-  bool canAdd(const FormatDescription&) const override { return failures_.next(Call::canAdd) == 0; }
+struct FakeWriter final : MovieWriter, CanFail {
+  using CanFail::CanFail;
+  bool canAdd(const FormatDescription&) const override { return next(Call::canAdd) == 0; }
   bool startWriting(std::shared_ptr<const FormatDescription>) override {
-    if (failures_.next(Call::startWriting) != 0) return false;
+    if (next(Call::startWriting) != 0) return false;
     state = WriterStatus::writing;
     return true;
   }
   WriterStatus status() const override { return state; }
   std::optional<std::string> error() const override { return problem; }
-  bool isReadyForMoreMediaData() const override { return failures_.next(Call::isReady) == 0; }
-  bool append(const EncodedSample&, bool keyframe, MovieTiming timing) override {
-    if (failures_.next(Call::append) != 0) return false;
-    entries.push_back({timing, keyframe});
+  bool isReadyForMoreMediaData() const override { return next(Call::isReady) == 0; }
+  bool append(const EncodedSample&, bool, MovieTiming timing) override {
+    if (next(Call::append) != 0) return false;
+    timings.emplace_back(timing.time, timing.duration);
     return true;
   }
   void finishWriting(std::int64_t at, std::function<void()> handler) override {
@@ -277,91 +310,37 @@ class FakeWriter final : public MovieWriter {
 
   WriterStatus state = WriterStatus::idle;
   std::optional<std::string> problem;
-  std::vector<Entry> entries;
+  std::vector<std::pair<std::int64_t, std::int64_t>> timings;
   std::int64_t end = -1;
   std::function<void()> finished;
-
- private:
-  Failures& failures_;
 };
 
-class FakeMovies final : public Movies {
- public:
-  explicit FakeMovies(Failures& failures) : failures_(failures) {}
-  std::shared_ptr<MovieWriter> createWriter(const std::string& path, std::string& error) override;
+struct FakeMovies final : Movies, CanFail {
+  using CanFail::CanFail;
+  std::shared_ptr<MovieWriter> createWriter(const std::string&, std::string& error) override {
+    if (next(Call::createWriter) != 0) {
+      error = problem.value_or("Permission denied");
+      return nullptr;
+    }
+    writers.push_back(std::make_shared<FakeWriter>(failures));
+    writers.back()->problem = problem;
+    return writers.back();
+  }
   std::optional<std::string> problem;  // what the writers say of theirs
   std::vector<std::shared_ptr<FakeWriter>> writers;
-
- private:
-  Failures& failures_;
 };
 
-class FakeFiles final : public FileManager {
- public:
-  explicit FakeFiles(Failures& failures) : failures_(failures) {}
-  bool exists(const std::string& path) const override { return existing.contains(path); }
+struct FakeFiles final : FileManager, CanFail {
+  using CanFail::CanFail;
+  bool exists(const std::string&) const override { return false; }
   bool move(const std::string& from, const std::string& to) override {
-    if (failures_.next(Call::move) != 0) return false;
+    if (next(Call::move) != 0) return false;
     moves.emplace_back(from, to);
     return true;
   }
   void remove(const std::string& path) override { removed.push_back(path); }
-  std::set<std::string> existing;
   std::vector<std::pair<std::string, std::string>> moves;
   std::vector<std::string> removed;
-
- private:
-  Failures& failures_;
-};
-
-// One VideoEncoder on fakes.
-struct VideoEncoderProbe {
-  explicit VideoEncoderProbe(Configuration configuration = testConfiguration());
-  static Configuration testConfiguration();
-
-  // Starts it and reports its listener ready; forgets the events.
-  void becomeReady();
-  std::shared_ptr<FakeConnection> connect();
-  // Connects and authenticates a client.
-  std::shared_ptr<FakeConnection> connectClient();
-  // Admits and encodes one frame as the reader would.
-  void feed(std::uint64_t id, int width = 640, int height = 360);
-  FakeSession& lastSession() { return *encoders->sessions.back(); }
-  // Answers the preview frame in flight and runs the queue.
-  void answerPreview(std::shared_ptr<const EncodedSample> sample);
-  // Runs the state queue and the takes' queues until all are empty.
-  void run();
-  void command(const Json& command);
-  // The keys of a fresh "stats" event.
-  Json statistics();
-  bool isRawBusy() { return service->raw.isBusy(); }
-  VideoEncoder& operator*() { return *service; }
-  std::size_t peerCount() const { return service->peers.size(); }
-  bool hasTake() const { return service->movie != nullptr; }
-  MovieRecorder& take() { return *service->movie; }
-  Peer& onlyPeer() { return *service->peers.begin()->second; }
-
-  // The whole machine as the service sees it.
-  Platform platform() const {
-    return {pictures, queue, clock, dispatch, process, network, encoders, images, movies, files};
-  }
-
-  std::shared_ptr<Failures> failures = std::make_shared<Failures>();
-  std::shared_ptr<PicturePool> pictures = PicturePool::make();
-  std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
-  std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>(clock->now);
-  std::shared_ptr<FakeDispatch> dispatch = std::make_shared<FakeDispatch>(clock->now);
-  std::shared_ptr<FakeProcess> process = std::make_shared<FakeProcess>(*failures);
-  std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>();
-  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>(*failures);
-  std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>(*failures);
-  std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>(*failures);
-  std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
-  std::shared_ptr<VideoEncoder> service;
-
- private:
-  // What never came to run still owns takes and the service.
-  std::shared_ptr<void> forgetWork;
 };
 
 }  // namespace lumora

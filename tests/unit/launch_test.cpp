@@ -17,27 +17,15 @@ std::optional<Configuration> parse(const Arguments& arguments, Environment extra
 }
 
 TEST(Options, DefaultsNeedOnlyAToken) {
-  const auto configuration = parse({});
-  ASSERT_TRUE(configuration);
-  EXPECT_EQ(configuration->host, "127.0.0.1");
-  EXPECT_EQ(configuration->port, 0);
-  EXPECT_EQ(configuration->token, goodToken);
-  EXPECT_EQ(configuration->previewWidth, 640);
-  EXPECT_EQ(configuration->previewHeight, 360);
-  EXPECT_FALSE(configuration->exactPreviewDimensions);
+  EXPECT_EQ(parse({}), (Configuration{"127.0.0.1", 0, goodToken, 640, 360, false}));
   EXPECT_FALSE(options({}, {}));
 }
 
 TEST(Options, OptionsReplaceTheEnvironmentAndEachOther) {
-  const auto configuration =
+  EXPECT_EQ(
       parse({"--preview-width", "320", "--host", "::1", "--port", "+80", "--host", "localhost"},
-            {{"TAVO_PREVIEW_WIDTH", "400"}, {"TAVO_PREVIEW_HEIGHT", "300"}});
-  ASSERT_TRUE(configuration);
-  EXPECT_EQ(configuration->previewWidth, 320);
-  EXPECT_EQ(configuration->previewHeight, 300);
-  EXPECT_TRUE(configuration->exactPreviewDimensions);
-  EXPECT_EQ(configuration->host, "localhost");
-  EXPECT_EQ(configuration->port, 80);
+            {{"TAVO_PREVIEW_WIDTH", "400"}, {"TAVO_PREVIEW_HEIGHT", "300"}}),
+      (Configuration{"localhost", 80, goodToken, 320, 300, true}));
 }
 
 TEST(Options, AcceptsTheLimitsAndRefusesWhatLiesBeyond) {

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "tests/unit/fakes.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {

@@ -51,25 +51,18 @@ struct Disk {
   }
 };
 
-class DiskSink final : public ByteSink {
- public:
-  explicit DiskSink(std::shared_ptr<Disk> disk) : disk_(std::move(disk)) {}
+struct DiskSink final : ByteSink {
+  explicit DiskSink(std::shared_ptr<Disk> on) : disk(std::move(on)) {}
   int write(ByteView bytes) override {
-    return disk_->call(
-        [&] { disk_->bytes.insert(disk_->bytes.end(), bytes.begin(), bytes.end()); });
+    return disk->call([&] { disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end()); });
   }
   int overwrite(std::uint64_t offset, ByteView bytes) override {
-    return disk_->call([&] {
-      std::copy(bytes.begin(), bytes.end(),
-                disk_->bytes.begin() + static_cast<std::ptrdiff_t>(offset));
-    });
+    return disk->call([&] { std::ranges::copy(bytes, disk->bytes.data() + offset); });
   }
   int sync() override {
-    return disk_->call([] {});
+    return disk->call([] {});
   }
-
- private:
-  std::shared_ptr<Disk> disk_;
+  std::shared_ptr<Disk> disk;
 };
 
 std::shared_ptr<const EncodedSample> movieSample(std::size_t size, bool keyframe) {

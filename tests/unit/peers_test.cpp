@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/fakes.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
@@ -80,10 +80,7 @@ TEST_F(Peers, AdmitsTwoClientsAndFourWaiting) {
   waiting[1]->deliver(hello + "\n");  // a third one
   EXPECT_TRUE(waiting[1]->cancelled);
   EXPECT_TRUE(probe.connect()->cancelled);  // two are in
-  const Json stats = probe.statistics();
-  EXPECT_EQ(stats["clients"], 2);
-  EXPECT_EQ(stats["pending_hello"], 2);
-  EXPECT_EQ(stats["dropped_peers"], 3);
+  probe.expectStatistics({{"clients", 2}, {"pending_hello", 2}, {"dropped_peers", 3}});
 }
 
 TEST_F(Peers, AcknowledgementsCoverEarlierFrames) {
@@ -156,12 +153,11 @@ TEST_F(Peers, ABusySendDropsTheFrameAndResynchronises) {
   frame(4, deltaSample());  // waits for a key frame
   frame(5, keySample());
   EXPECT_EQ(client->sent.size(), 2u);
-  const Json stats = probe.statistics();
-  EXPECT_EQ(stats["send_drops"], 2);
-  EXPECT_EQ(stats["idr_resyncs"], 1);
-  EXPECT_EQ(stats["resync_wait_drops"], 1);
-  EXPECT_EQ(stats["credit_drops"], 0);
-  EXPECT_EQ(stats["encoded_frames"], 5);
+  probe.expectStatistics({{"send_drops", 2},
+                          {"idr_resyncs", 1},
+                          {"resync_wait_drops", 1},
+                          {"credit_drops", 0},
+                          {"encoded_frames", 5}});
 }
 
 TEST_F(Peers, SixUnacknowledgedFramesAreTheCredit) {
@@ -175,12 +171,12 @@ TEST_F(Peers, SixUnacknowledgedFramesAreTheCredit) {
   }
   EXPECT_EQ(slow->sent.size(), 6u);
   EXPECT_EQ(quick->sent.size(), 8u);  // the other client never notices
-  const Json stats = probe.statistics();
-  EXPECT_EQ(stats["credit_drops"], 2);
-  EXPECT_EQ(stats["send_drops"], 0);  // over credit and sending counts as credit
-  EXPECT_EQ(stats["idr_resyncs"], 1);
-  EXPECT_EQ(stats["max_unacked_observed"], 6);
-  EXPECT_EQ(stats["max_pending_acks"], 6);
+  // Over credit and sending counts as credit.
+  probe.expectStatistics({{"credit_drops", 2},
+                          {"send_drops", 0},
+                          {"idr_resyncs", 1},
+                          {"max_unacked_observed", 6},
+                          {"max_pending_acks", 6}});
 }
 
 TEST_F(Peers, DeadlinesAreStrict) {
@@ -189,17 +185,13 @@ TEST_F(Peers, DeadlinesAreStrict) {
   const double start = probe.clock->now;
   frame(1, keySample());
   client->finishSend();
-  probe.clock->now = start + 0.5;
-  probe.dispatch->tick();
+  probe.tickAt(start + 0.5);
   EXPECT_FALSE(client->cancelled);
-  probe.clock->now = start + 0.5001;
-  probe.dispatch->tick();
+  probe.tickAt(start + 0.5001);
   EXPECT_TRUE(client->cancelled);  // nothing acknowledged
-  probe.clock->now = start + 1.0;
-  probe.dispatch->tick();
+  probe.tickAt(start + 1.0);
   EXPECT_FALSE(silent->cancelled);
-  probe.clock->now = start + 1.0001;
-  probe.dispatch->tick();
+  probe.tickAt(start + 1.0001);
   EXPECT_TRUE(silent->cancelled);  // no hello
 
   const auto stalled = probe.connectClient();
@@ -208,8 +200,7 @@ TEST_F(Peers, DeadlinesAreStrict) {
   idle->finishSend();
   idle->deliver(ack("2"));
   stalled->deliver(ack("2"));
-  probe.clock->now += 0.6;
-  probe.dispatch->tick();
+  probe.tickAt(probe.clock->now + 0.6);
   EXPECT_TRUE(stalled->cancelled);  // its send never completed
   EXPECT_FALSE(idle->cancelled);
 }

@@ -5,14 +5,27 @@
 #include <memory>
 #include <vector>
 
-#include "platform/compression.h"
+#include "h264/annex_b.h"
+#include "h264/memory_sample.h"
 
 namespace lumora {
 
 // One unit per header, each of `unitBytes` bytes that go on with 0x11 behind the header.
-std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& nalHeaders,
-                                                std::size_t unitBytes = 4);
-std::shared_ptr<const EncodedSample> keySample(std::size_t unitBytes = 4);
-std::shared_ptr<const EncodedSample> deltaSample(std::size_t unitBytes = 4);
+inline std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& headers,
+                                                       std::size_t unitBytes = 4) {
+  Bytes data;
+  for (const std::uint8_t header : headers) {
+    Bytes unit(unitBytes, 0x11);
+    unit[0] = header;
+    appendLengthPrefixed(data, unit);
+  }
+  const auto format = std::make_shared<MemoryFormatDescription>(
+      Bytes{0x67, 0x64, 0x00, 0x1F, 0xAC}, Bytes{0x68, 0xEE, 0x3C, 0x80}, 320, 240,
+      ColourDescription{1, 13, 6, false});
+  return std::make_shared<MemorySample>(data, format);
+}
+
+inline auto keySample(std::size_t unitBytes = 4) { return makeSample({0x65}, unitBytes); }
+inline auto deltaSample(std::size_t unitBytes = 4) { return makeSample({0x41}, unitBytes); }
 
 }  // namespace lumora

@@ -7,7 +7,7 @@
 #include "encode/encoder_failure.h"
 #include "h264/annex_b.h"
 #include "stream/packet.h"
-#include "tests/unit/fakes.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
@@ -46,30 +46,19 @@ struct BrokenSample final : EncodedSample, FormatDescription {
 };
 
 TEST(Packets, FailuresNameWhatIsWrong) {
-  using Change = void (*)(BrokenSample&);
+  using Change = std::function<void(BrokenSample&)>;
+  const auto bytes = [](Bytes data) { return Change([data](BrokenSample& s) { s = data; }); };
   const std::pair<const char*, Change> cases[] = {
       {"", [](auto&) {}},
       {"encoded sample has no bytes", [](auto& s) { s.ready = false; }},
       {"encoded sample has no bytes", [](auto& s) { s.length.reset(); }},
-      {"encoded sample too large",
-       [](auto& s) {
-         s = {0, 0, 0, 0};
-       }},
+      {"encoded sample too large", bytes({0, 0, 0, 0})},
       {"encoded sample too large", [](auto& s) { s.length = 2097143; }},
       {"encoded sample copy failed (-7)", [](auto& s) { s.copyStatus = -7; }},
-      {"invalid encoded NAL header", [](auto& s) { s = {0, 0, 0, 1, 0x65, 0, 0, 0}; }},
-      {"invalid encoded NAL size",
-       [](auto& s) {
-         s = {0, 0, 0, 2, 0x65};
-       }},
-      {"invalid encoded NAL size",
-       [](auto& s) {
-         s = {0, 0, 0, 0, 0x65};
-       }},
-      {"invalid encoded NAL size",
-       [](auto& s) {
-         s = {255, 255, 255, 255, 0x65};
-       }},
+      {"invalid encoded NAL header", bytes({0, 0, 0, 1, 0x65, 0, 0, 0})},
+      {"invalid encoded NAL size", bytes({0, 0, 0, 2, 0x65})},
+      {"invalid encoded NAL size", bytes({0, 0, 0, 0, 0x65})},
+      {"invalid encoded NAL size", bytes({255, 255, 255, 255, 0x65})},
       {"missing H264 description", [](auto& s) { s.hasFormat = false; }},
       {"H264 parameter set failed (-3)", [](auto& s) { s.setStatus = -3; }},
       {"H264 parameter set failed (0)", [](auto& s) { s.set.clear(); }},

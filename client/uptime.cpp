@@ -1,0 +1,13 @@
+#include "client/uptime.h"
+
+#include <time.h>
+
+namespace lumora::client {
+
+double uptime() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+}  // namespace lumora::client

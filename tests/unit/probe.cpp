@@ -1,0 +1,71 @@
+#include "tests/unit/probe.h"
+
+namespace lumora {
+
+VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
+  service = std::make_shared<VideoEncoder>(
+      configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders, images,
+                              movies, files});
+  forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
+                  state->clear();
+                  for (const auto& one : other->queues) one->clear();
+                  for (const auto& writer : files->writers) writer->finished = nullptr;
+                }};
+}
+
+void VideoEncoderProbe::becomeReady() {
+  service->start();
+  network->listener->changed(ListenerState::ready);
+  encoders->opened();
+  process->takeEvents();
+}
+
+void VideoEncoderProbe::run() {
+  for (bool any = true; any;) {
+    any = queue->run();
+    for (const auto& other : std::vector(dispatch->queues)) any = other->run() || any;
+  }
+}
+
+void VideoEncoderProbe::command(const Json& command) {
+  const std::string text = command.dump();
+  service->recordingCommand(Bytes(text.begin(), text.end()));
+}
+
+std::shared_ptr<FakeConnection> VideoEncoderProbe::connect() {
+  const auto connection = std::make_shared<FakeConnection>();
+  network->listener->arrived(connection);
+  return connection;
+}
+
+std::shared_ptr<FakeConnection> VideoEncoderProbe::connectClient() {
+  const auto connection = connect();
+  connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
+  return connection;
+}
+
+void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
+  ASSERT_TRUE(service->raw.admit());
+  const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
+  service->encode({width, height, id, pictures->allocate(size), clock->now});
+}
+
+void VideoEncoderProbe::answerPreview(std::shared_ptr<const EncodedSample> sample) {
+  lastSession().answer(0, std::move(sample));
+  run();
+}
+
+Json VideoEncoderProbe::statistics() {
+  clock->now += 1.0;
+  process->takeEvents();
+  service->emitStats(false);
+  const auto events = process->takeEvents("stats");
+  return events.empty() ? Json() : events.front();
+}
+
+void VideoEncoderProbe::expectStatistics(const Json& wanted) {
+  const Json all = statistics();
+  for (const auto& [key, value] : wanted.items()) EXPECT_EQ(all[key], value) << key;
+}
+
+}  // namespace lumora

@@ -1,0 +1,66 @@
+#pragma once
+
+// The service on a machine of fakes. The tests own the clock and turn the state queue by hand, so
+// every rule about time, order and credit is tested without sleeping.
+
+#include "app/video_encoder.h"
+#include "tests/unit/fakes.h"
+#include "tests/unit/samples.h"
+
+namespace lumora {
+
+// One VideoEncoder on fakes.
+struct VideoEncoderProbe {
+  explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"});
+
+  // Starts it and reports its listener ready; forgets the events.
+  void becomeReady();
+  // Another service on another machine, ready.
+  void restart() {
+    *this = VideoEncoderProbe();
+    becomeReady();
+  }
+  // The clock turns to `uptime` and the service timer fires.
+  void tickAt(double uptime) {
+    clock->now = uptime;
+    dispatch->tick();
+  }
+  std::shared_ptr<FakeConnection> connect();
+  // Connects and authenticates a client.
+  std::shared_ptr<FakeConnection> connectClient();
+  // Admits and encodes one frame as the reader would.
+  void feed(std::uint64_t id, int width = 640, int height = 360);
+  FakeSession& lastSession() { return *encoders->sessions.back(); }
+  // Answers the preview frame in flight and runs the queue.
+  void answerPreview(std::shared_ptr<const EncodedSample> sample);
+  // Runs the state queue and the takes' queues until all are empty.
+  void run();
+  void command(const Json& command);
+  // The keys of a fresh "stats" event; those of `wanted` as it has them.
+  Json statistics();
+  void expectStatistics(const Json& wanted);
+  bool isRawBusy() { return service->raw.isBusy(); }
+  VideoEncoder& operator*() { return *service; }
+  std::size_t peerCount() const { return service->peers.size(); }
+  MovieRecorder* take() { return service->movie.get(); }
+  Peer& onlyPeer() { return *service->peers.begin()->second; }
+
+  std::shared_ptr<Failures> failures = std::make_shared<Failures>();
+  std::shared_ptr<PicturePool> pictures = PicturePool::make();
+  std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+  std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>(clock->now);
+  std::shared_ptr<FakeDispatch> dispatch = std::make_shared<FakeDispatch>(clock->now);
+  std::shared_ptr<FakeProcess> process = std::make_shared<FakeProcess>(*failures);
+  std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>();
+  std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>(*failures);
+  std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>(*failures);
+  std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>(*failures);
+  std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
+  std::shared_ptr<VideoEncoder> service;
+
+ private:
+  // What never came to run still owns takes and the service.
+  std::shared_ptr<void> forgetWork;
+};
+
+}  // namespace lumora

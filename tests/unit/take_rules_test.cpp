@@ -1,0 +1,79 @@
+// The rules of takes that need no machine: key frames, cadence, the movie's end, the relay.
+
+#include <gmock/gmock.h>
+
+#include <limits>
+
+#include "encode/encoder_failure.h"
+#include "encode/recording_keyframe.h"
+#include "record/movie_timing.h"
+#include "record/recording_cadence.h"
+#include "record/take_event.h"
+#include "tests/unit/samples.h"
+
+namespace lumora {
+namespace {
+
+TEST(RecordingKeyframe, ChecksTheSample) {
+  EXPECT_TRUE(recordingKeyframe(*makeSample({0x67, 0x68, 0x65})));
+  EXPECT_FALSE(recordingKeyframe(*deltaSample()));
+  const std::pair<Bytes, const char*> cases[] = {
+      {{0, 0, 0, 0}, "camera sample too large"},
+      {{0, 0, 0, 2, 0x65}, "invalid camera NAL size"},
+      {{0, 0, 0, 1, 0x65, 0}, "invalid camera NAL header"}};
+  for (const auto& [bytes, message] : cases) {
+    EXPECT_THAT([&] { recordingKeyframe(MemorySample(bytes, nullptr)); },
+                testing::ThrowsMessage<EncoderFailure>(message));
+  }
+}
+
+TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
+  const auto admitted = [](int targetFPS, double cameraFPS, double jitter) {
+    RecordingCadence cadence{targetFPS, {}};
+    int count = 0;
+    for (int i = 0; i < 600; ++i) {
+      count += cadence.admit(100 + i / cameraFPS + (i % 3 - 1) * jitter) ? 1 : 0;
+    }
+    return count;
+  };
+  EXPECT_EQ(admitted(60, 60, 0), 600);
+  EXPECT_EQ(admitted(30, 60, 0), 300);
+  EXPECT_EQ(admitted(15, 60, 0), 150);
+  EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
+  EXPECT_EQ(admitted(60, 25, 0.002), 600);
+  EXPECT_NEAR(admitted(30, 50, 0.001), 360, 8);
+  RecordingCadence cadence{30, {}};
+  EXPECT_FALSE(cadence.admit(-1));
+  EXPECT_FALSE(cadence.admit(std::numeric_limits<double>::quiet_NaN()));
+}
+
+TEST(MovieEndTime, FollowsTheStopOrTheLastFrame) {
+  EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 12.6, 12.5, 30), 2.5);
+  EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 10.0, 10.0, 30), 1.0 / 60000);
+  EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 8.9, 30), 4 + 1.0 / 30);
+  EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 12.0, 30), 7.0);
+}
+
+TEST(TakeEvents, AreRelayedUnlessTheyComeTooLate) {
+  struct Case {
+    TakeState last;
+    bool stopping;
+    TakeState next;
+    bool relayed;
+  };
+  using enum TakeState;
+  const Case cases[] = {{starting, false, recording, true},  {starting, true, recording, false},
+                        {recording, false, recording, true}, {recording, true, finishing, true},
+                        {recording, true, failed, true},     {finishing, false, recording, false},
+                        {finishing, true, saved, true},      {finishing, true, failed, true},
+                        {saved, false, failed, false},       {failed, false, failed, false},
+                        {failed, false, saved, false}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(relaysEvent({"a", c.last, {}}, c.stopping, {"a", c.next, {}}), c.relayed)
+        << static_cast<int>(c.last) << static_cast<int>(c.next);
+    EXPECT_FALSE(relaysEvent({"a", c.last, {}}, c.stopping, {"b", c.next, {}}));
+  }
+}
+
+}  // namespace
+}  // namespace lumora
