@@ -51,13 +51,15 @@ void VideoEncoder::listenerChanged(ListenerState state) {
   }
   // Whoever is told that the service is ready feeds it at once, and encoders that open under that
   // load take several times as long: frames would be lost meanwhile.
-  platform.encoders->whenOpen(warmUpTimeout, [weak = weak_from_this()] {
+  const auto becomeReady = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->becomeReady();
-  });
+  };
+  platform.encoders->whenOpen(becomeReady);
+  platform.stateQueue->asyncAfter(warmUpTimeout, becomeReady);
 }
 
 void VideoEncoder::becomeReady() {
-  if (!running || shutdownCode) return;
+  if (!running || shutdownCode || std::exchange(ready, true)) return;
   emit({{"type", "ready"},
         {"port", listener->port()},
         {"recording_hd", true},

@@ -83,6 +83,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
     Status status = 0;
     std::uint32_t infoFlags = 0;
     std::shared_ptr<const EncodedSample> sample;
+    double submitted = 0;  // uptime seconds
   };
   using OutcomeHandler = std::function<void(VideoEncoder&, const Encoded&)>;
   Status submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer, RationalTime time,
@@ -91,14 +92,14 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void encodePreview(const RawFrame& frame,
                      const std::shared_ptr<RawEncodingCompletion>& completion);
   void preparePreviewSession(const RawFrame& frame);
-  void previewEncoded(const Encoded& encoded, double submitted, std::uint64_t id);
+  void previewEncoded(const Encoded& encoded, std::uint64_t id);
   void encodeRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& take,
                        const std::shared_ptr<RawEncodingCompletion>& completion);
   void prepareRecordingSession(const RawFrame& frame, const MovieRecorder& take);
   void submitRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& take,
                        const std::shared_ptr<RawEncodingCompletion>& completion);
   void recordingEncoded(const Encoded& encoded, const std::shared_ptr<MovieRecorder>& take,
-                        double submitted, double capturedAt);
+                        double capturedAt);
   void failRecording(const std::string& message, const std::shared_ptr<MovieRecorder>& take);
 
   // stream/
@@ -127,6 +128,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void addDiagnostics(Json& event) const;
 
   double uptime() const { return platform.clock->uptime(); }
+  double millisecondsSince(double time) const { return (uptime() - time) * 1000.0; }
 
   // The fields by subsystem. All belong to the state queue, unless their heading says otherwise.
 
@@ -141,6 +143,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // app/: lifecycle.
   bool running = true;
+  bool ready = false;
   std::optional<int> shutdownCode;
   std::shared_ptr<TcpListener> listener;
   std::unique_ptr<TimerSource> timer;

@@ -47,16 +47,19 @@ std::unique_ptr<LibavEncoder> openWarm(const CodecChoice& choice, const EncoderS
   return encoder;
 }
 
-// The first of `names` that works with these settings, and an encoder of it; null when none does.
+// The first of `names` that works with any of the expected settings, for which its encoder becomes
+// a spare one; null when none does. One that can't take a tiny preview may still record.
 const AVCodec* chooseEncoder(const std::vector<std::string>& names, CodecChoice common,
-                             const EncoderSettings& settings,
-                             std::unique_ptr<LibavEncoder>& encoder) {
+                             const std::vector<EncoderSettings>& expected, SpareEncoders& spares) {
   for (const std::string& name : names) {
-    const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
-    if (codec == nullptr || codec->id != AV_CODEC_ID_H264) continue;
-    common.codec = codec;
-    encoder = openWarm(common, settings);
-    if (encoder) return codec;
+    common.codec = avcodec_find_encoder_by_name(name.c_str());
+    if (common.codec == nullptr || common.codec->id != AV_CODEC_ID_H264) continue;
+    for (const EncoderSettings& settings : expected) {
+      auto encoder = openWarm(common, settings);
+      if (!encoder) continue;
+      spares.give(settings, std::move(encoder));
+      return common.codec;
+    }
   }
   return nullptr;
 }
@@ -79,11 +82,7 @@ void LibavEncoders::openAhead(const std::vector<EncoderSettings>& settings) {
   spares_->expect(settings);
   opener_->async([settings, names = names_, common = common_, spares = spares_, codec = codec_,
                   chosen = std::exchange(chosen_, nullptr)] {
-    if (chosen) {
-      std::unique_ptr<LibavEncoder> encoder;
-      chosen->set_value(chooseEncoder(names, common, settings.front(), encoder));
-      spares->give(settings.front(), std::move(encoder));
-    }
+    if (chosen) chosen->set_value(chooseEncoder(names, common, settings, *spares));
     const CodecChoice choice{codec.get(), common.preset, common.pictures};
     for (const EncoderSettings& wanted : settings) {
       if (!spares->isExpected(wanted)) continue;
@@ -92,13 +91,8 @@ void LibavEncoders::openAhead(const std::vector<EncoderSettings>& settings) {
   });
 }
 
-void LibavEncoders::whenOpen(double longest, Work work) {
-  // Both ways lead over the state queue, where the first one counts.
-  const auto once = [work = std::move(work), done = std::make_shared<bool>(false)] {
-    if (!std::exchange(*done, true)) work();
-  };
-  opener_->async([queue = stateQueue_, once] { queue->async(once); });
-  stateQueue_->asyncAfter(longest, once);
+void LibavEncoders::whenOpen(Work work) {
+  opener_->async([queue = stateQueue_, work = std::move(work)] { queue->async(work); });
 }
 
 // Which hardware requirement the run has was said with the choice, not with the session: a

@@ -1,8 +1,8 @@
 #pragma once
 
-// Chooses the H.264 encoder of this run and makes sessions with it. Encoders are opened on a thread
-// of their own, the opener's; the first time it opens some, it chooses: it opens each candidate and
-// has it encode, which also pays the first encoder's set-up before the first frame comes.
+// Chooses the H.264 encoder of this run and makes sessions with it. Encoders are opened ahead on a
+// thread of their own, the opener's; the first time it opens some, it chooses: it opens one
+// candidate after the other and has it encode, until one works.
 
 #include <future>
 #include <string>
@@ -19,10 +19,9 @@ class LibavEncoders final : public Encoders {
   // of a libavcodec encoder; "" is auto. A preset may follow: "software:ultrafast".
   LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
                 Dispatch& dispatch, std::shared_ptr<PicturePool> pictures);
-  // Comes before the first session: the encoder of the run is one that works with the first of
-  // these settings.
+  // The first time, the encoder of the run is chosen: one that works with any of these settings.
   void openAhead(const std::vector<EncoderSettings>& settings) override;
-  void whenOpen(double longest, Work work) override;
+  void whenOpen(Work work) override;
   Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements& requirements,
                        std::shared_ptr<CompressionSession>& session) override;

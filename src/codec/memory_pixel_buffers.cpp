@@ -16,7 +16,10 @@ class MemoryPixelBufferPool::Buffer final : public PixelBuffer {
       : memory_(std::move(memory)),
         view_{memory_.get(), pool.width_, pool.height_, pool.stride_},
         inUse_(pool.inUse_) {}
-  ~Buffer() override { --*inUse_; }
+  ~Buffer() override {
+    memory_.reset();  // back in its pool before another one may be asked for
+    --*inUse_;
+  }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
 

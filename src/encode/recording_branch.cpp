@@ -46,22 +46,20 @@ void VideoEncoder::submitRecording(const RawFrame& frame,
                                    const std::shared_ptr<RawEncodingCompletion>& completion) {
   auto buffer = pixelBuffer(frame, *recordingSession, Placement::aspectFit, *platform.images);
   ++recordingOrdinal;
-  const double submitted = uptime();
   const FrameProperties properties{.forceKeyFrame = std::exchange(recordingForceIDR, false)};
-  const Status status = submit(
-      *recordingSession, std::move(buffer), {recordingOrdinal, take->profile.targetFPS}, properties,
-      completion,
-      [take, submitted, capturedAt = frame.capturedAt](VideoEncoder& self, const Encoded& encoded) {
-        self.recordingEncoded(encoded, take, submitted, capturedAt);
-      });
+  const Status status =
+      submit(*recordingSession, std::move(buffer), {recordingOrdinal, take->profile.targetFPS},
+             properties, completion,
+             [take, capturedAt = frame.capturedAt](VideoEncoder& self, const Encoded& encoded) {
+               self.recordingEncoded(encoded, take, capturedAt);
+             });
   if (status != 0) throw EncoderFailure::status("camera frame submission", status);
 }
 
 void VideoEncoder::recordingEncoded(const Encoded& encoded,
-                                    const std::shared_ptr<MovieRecorder>& take, double submitted,
-                                    double capturedAt) {
+                                    const std::shared_ptr<MovieRecorder>& take, double capturedAt) {
   if (!running || movie != take) return;
-  recordingEncodeMilliseconds = (uptime() - submitted) * 1000.0;
+  recordingEncodeMilliseconds = millisecondsSince(encoded.submitted);
   try {
     const bool dropped = encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0;
     if (dropped) {

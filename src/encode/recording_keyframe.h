@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/compression.h"
+#include "platform/sample.h"
 
 namespace lumora {
 

@@ -13,17 +13,18 @@ Status VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer>
                             const std::shared_ptr<RawEncodingCompletion>& completion,
                             OutcomeHandler handle) {
   const int share = completion->begin();
-  const Status status =
-      to.encodeFrame(std::move(buffer), time, properties,
-                     [weak = weak_from_this(), queue = platform.stateQueue, completion, share,
-                      handle = std::move(handle)](Status outcome, std::uint32_t infoFlags,
-                                                  std::shared_ptr<const EncodedSample> sample) {
-                       queue->async([weak, completion, share, handle,
-                                     encoded = Encoded{outcome, infoFlags, std::move(sample)}] {
-                         if (const auto self = weak.lock()) handle(*self, encoded);
-                         completion->complete(share);
-                       });
-                     });
+  const double submitted = uptime();
+  const Status status = to.encodeFrame(
+      std::move(buffer), time, properties,
+      [weak = weak_from_this(), queue = platform.stateQueue, completion, share, submitted,
+       handle = std::move(handle)](Status outcome, std::uint32_t infoFlags,
+                                   std::shared_ptr<const EncodedSample> sample) {
+        queue->async([weak, completion, share, handle,
+                      encoded = Encoded{outcome, infoFlags, std::move(sample), submitted}] {
+          if (const auto self = weak.lock()) handle(*self, encoded);
+          completion->complete(share);
+        });
+      });
   if (status != 0) completion->complete(share);
   return status;
 }

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "platform/compression.h"
+#include "platform/sample.h"
 
 namespace lumora {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "mp4/movie_tables.h"
-#include "platform/compression.h"
+#include "platform/sample.h"
 
 namespace lumora {
 

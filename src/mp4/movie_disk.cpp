@@ -21,8 +21,8 @@ void MovieDisk::write(Bytes head, Bytes body) {
   enqueue({bytes,
            [this, head = std::move(head), body = std::move(body)](ByteSink& sink) {
              // Synced at once: a power cut then costs no more than a crash of the process.
-             if (succeeded(sink.write(head)) && succeeded(sink.write(body))) {
-               succeeded(sink.sync());
+             if (proceeds(sink.write(head)) && proceeds(sink.write(body))) {
+               proceeds(sink.sync());
              }
            },
            false});
@@ -34,8 +34,8 @@ void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
   enqueue({bytes,
            [this, tail = std::move(tail), offset, header = std::move(header),
             handler = std::move(handler)](ByteSink& sink) {
-             if (succeeded(0) && succeeded(sink.write(tail)) && succeeded(sink.sync()) &&
-                 succeeded(sink.overwrite(offset, header)) && succeeded(sink.sync())) {
+             if (proceeds(0) && proceeds(sink.write(tail)) && proceeds(sink.sync()) &&
+                 proceeds(sink.overwrite(offset, header)) && proceeds(sink.sync())) {
                end(WriterStatus::completed, std::nullopt);
              }
              handler();
@@ -52,7 +52,16 @@ void MovieDisk::fail(std::string message, std::function<void()> handler) {
            true});
 }
 
-void MovieDisk::cancel() { end(WriterStatus::cancelled, std::nullopt); }
+void MovieDisk::cancel() {
+  std::deque<Job> abandoned;  // their handlers may own the writer: they go after the lock
+  {
+    const std::lock_guard hold(mutex_);
+    cancelled_ = true;
+    if (status_ == WriterStatus::writing) status_ = WriterStatus::cancelled;
+    abandoned.swap(jobs_);
+  }
+  changed_.notify_one();
+}
 
 WriterStatus MovieDisk::status() const {
   const std::lock_guard hold(mutex_);
@@ -80,10 +89,11 @@ void MovieDisk::enqueue(Job job) {
 
 void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   for (;;) {
+    Job job;  // outlives the lock: its end may be that of the writer, which locks
     std::unique_lock hold(mutex_);
-    changed_.wait(hold, [this] { return !jobs_.empty() || status_ == WriterStatus::cancelled; });
-    if (status_ == WriterStatus::cancelled) return;
-    const Job job = std::move(jobs_.front());
+    changed_.wait(hold, [this] { return !jobs_.empty() || cancelled_; });
+    if (cancelled_) return;
+    job = std::move(jobs_.front());
     jobs_.pop_front();
     // After a failure the rest is passed over, but the last job still tells its handler.
     const bool skipped = status_ == WriterStatus::failed && !job.last;
@@ -95,23 +105,18 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   }
 }
 
-// Whether a step went well and the next one is still wanted.
-bool MovieDisk::succeeded(int error) {
+// Ends the movie after an error; whether the next step is still wanted.
+bool MovieDisk::proceeds(int error) {
   if (error != 0) end(WriterStatus::failed, describeError(error));
   return error == 0 && status() == WriterStatus::writing;
 }
 
 // The first end counts.
 void MovieDisk::end(WriterStatus status, std::optional<std::string> message) {
-  std::deque<Job> abandoned;  // their handlers may own the writer: they go after the lock
-  {
-    const std::lock_guard hold(mutex_);
-    if (status_ != WriterStatus::writing) return;
-    status_ = status;
-    error_ = std::move(message);
-    if (status == WriterStatus::cancelled) abandoned.swap(jobs_);
-  }
-  changed_.notify_one();
+  const std::lock_guard hold(mutex_);
+  if (status_ != WriterStatus::writing) return;
+  status_ = status;
+  error_ = std::move(message);
 }
 
 }  // namespace lumora

@@ -1,7 +1,7 @@
 #pragma once
 
 // The I/O thread of one movie file and the queue in front of it. The thread lives until the movie
-// is finished, failed or cancelled; it shares this object, so that nobody waits for a stuck disk.
+// is finished or cancelled; it shares this object, so that nobody waits for a stuck disk.
 
 #include <condition_variable>
 #include <deque>
@@ -19,7 +19,7 @@ class MovieDisk {
  public:
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
-  // All but `run` may be called from any thread and do not wait for the disk.
+  // Any thread; nothing here waits for the disk.
 
   // Queues `head` and, right behind it, `body`; both are on the disk before the next write.
   void write(Bytes head, Bytes body);
@@ -28,7 +28,7 @@ class MovieDisk {
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // Ends the movie as failed, after what is queued.
   void fail(std::string message, std::function<void()> handler);
-  // Ends it now; what is queued stays unwritten and no handler runs.
+  // Ends it now: what is queued stays unwritten and runs no handler.
   void cancel();
 
   WriterStatus status() const;
@@ -43,16 +43,17 @@ class MovieDisk {
     bool last = false;
   };
 
-  explicit MovieDisk() = default;
+  MovieDisk() = default;
   void enqueue(Job job);
   void run(std::unique_ptr<ByteSink> sink);
-  bool succeeded(int error);
+  bool proceeds(int error);
   void end(WriterStatus status, std::optional<std::string> message);
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
   std::deque<Job> jobs_;
   std::size_t queuedBytes_ = 0;
+  bool cancelled_ = false;
   WriterStatus status_ = WriterStatus::writing;
   std::optional<std::string> error_;
 };

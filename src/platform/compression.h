@@ -6,18 +6,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <variant>
 
-#include "base/bytes.h"
 #include "platform/image.h"
+#include "platform/sample.h"
 
 namespace lumora {
 
-// The outcome of a platform call: 0 is success, anything else is the platform's own code.
-using Status = std::int32_t;
-
-// One picture in BGRA, owned by its pool and returned to it when the last reference goes.
+// One picture in BGRA, made by a pool, which counts it until the last reference goes.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
@@ -31,41 +27,6 @@ class PixelBufferPool {
   virtual ~PixelBufferPool() = default;
   // A free buffer; fails instead of letting more than `threshold` buffers be in use at once.
   virtual Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
-};
-
-struct ParameterSet {
-  Status status = 0;
-  ByteView bytes;
-  int nalHeaderLength = 0;  // bytes in front of each NAL unit of the samples
-};
-
-// How decoded values become colours: the code points of ISO/IEC 23091-2.
-struct ColourDescription {
-  std::uint16_t primaries = 0;
-  std::uint16_t transfer = 0;
-  std::uint16_t matrix = 0;
-  bool fullRange = false;
-};
-
-// What a decoder must know before the first sample.
-class FormatDescription {
- public:
-  virtual ~FormatDescription() = default;
-  // Index 0 is the sequence parameter set, 1 the picture parameter set.
-  virtual ParameterSet parameterSet(std::size_t index) const = 0;
-  virtual int width() const = 0;
-  virtual int height() const = 0;
-  virtual ColourDescription colour() const = 0;
-};
-
-// One encoded picture: NAL units, each behind its length as 4 big-endian bytes. Any thread.
-class EncodedSample {
- public:
-  virtual ~EncodedSample() = default;
-  virtual bool dataIsReady() const = 0;
-  virtual std::optional<std::size_t> dataLength() const = 0;
-  virtual Status copyBytes(std::size_t offset, MutableByteView space) const = 0;
-  virtual std::shared_ptr<const FormatDescription> format() const = 0;
 };
 
 enum class SessionProperty {

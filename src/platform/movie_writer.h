@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/compression.h"
+#include "platform/sample.h"
 
 namespace lumora {
 

@@ -18,7 +18,7 @@
 
 #include <cstdint>
 
-#include "platform/compression.h"
+#include "platform/sample.h"
 
 namespace lumora {
 

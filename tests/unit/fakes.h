@@ -242,6 +242,7 @@ struct FakeSession final : CompressionSession, CanFail {
   };
   FakePool pool;
   PictureSize size;
+  SessionKind kind = SessionKind::preview;
   bool hasPool = true;
   std::map<SessionProperty, PropertyValue> properties;
   std::deque<Submission> pending;
@@ -252,22 +253,19 @@ struct FakeSession final : CompressionSession, CanFail {
 
 struct FakeEncoders final : Encoders, CanFail {
   using CanFail::CanFail;
-  Status createSession(SessionKind, std::int32_t width, std::int32_t height,
+  Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
     if (const Status status = next(Call::createSession); status != 0) return status;
     sessions.push_back(std::make_shared<FakeSession>(width, height, failures));
+    sessions.back()->kind = kind;
     if (adjust) adjust(*sessions.back());
     session = sessions.back();
     return 0;
   }
   void openAhead(const std::vector<EncoderSettings>& settings) override { ahead = settings; }
-  void whenOpen(double longest, Work work) override {
-    longestWait = longest;
-    opened = std::move(work);
-  }
+  void whenOpen(Work work) override { opened = std::move(work); }
   std::vector<EncoderSettings> ahead;
-  double longestWait = 0;
   Work opened;
   std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;

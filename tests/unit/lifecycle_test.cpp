@@ -21,7 +21,6 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   probe.network->listener->changed(ListenerState::ready);
   EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
   EXPECT_FALSE(probe.network->listener->accepts);
-  EXPECT_EQ(probe.encoders->longestWait, 0.5);
   probe.encoders->opened();
   EXPECT_TRUE(probe.network->listener->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
@@ -30,7 +29,23 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
             "\"recording_mirror\":true,\"recording_profiles\":true,\"recording_timebase\":true,"
             "\"recording_width\":1080,\"type\":\"ready\"}\n");
   EXPECT_EQ(Json::parse(probe.process->lines[1])["type"], "stats");
+  probe.clock->now += 0.5;
+  probe.run();  // the wait for the encoders ends only once
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
+}
+
+TEST(Lifecycle, IsReadyAfterHalfASecondWhateverTheEncodersDo) {
+  VideoEncoderProbe probe;
+  probe.service->start();
+  probe.network->listener->changed(ListenerState::ready);
+  probe.clock->now += 0.499;
+  probe.run();
+  EXPECT_TRUE(probe.process->lines.empty());
+  probe.clock->now += 0.001;
+  probe.run();
+  EXPECT_EQ(probe.process->takeEvents("ready").size(), 1u);
+  probe.encoders->opened();
+  EXPECT_TRUE(probe.process->lines.empty());
 }
 
 TEST(Lifecycle, EndsWithoutReadyWhenStoppedWhileTheEncodersOpen) {
