@@ -47,7 +47,6 @@ struct Contender {
 };
 
 double perFrame(double seconds) { return seconds * 1000 / frames; }
-
 std::uint64_t sizeOf(const std::string& path) {
   return static_cast<std::uint64_t>(std::filesystem::file_size(path));
 }

@@ -1,10 +1,4 @@
 // The helper under a steady load, as a camera application makes it.
-//
-//   lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS TAKE     TAKE: none or a profile's
-//   name lumora-paced HELPER growth SECONDS     how the cost grows with size, rate, recording,
-//   clients lumora-paced HELPER takes ROUNDS [PROFILE]     whether the preview notices a take: how
-//   late its
-//                                                  frames are when one starts, stops or fails
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +10,13 @@
 namespace {
 
 using namespace lumora;
+
+// "load" is one configuration, "growth" how the cost grows with size, rate, recording and clients,
+// "takes" whether the preview notices a take: how late its frames are when one starts or ends.
+constexpr const char* usage =
+    "usage: lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS none|PROFILE\n"
+    "       lumora-paced HELPER growth SECONDS\n"
+    "       lumora-paced HELPER takes ROUNDS [PROFILE]\n";
 
 constexpr int clipFrames = 60;
 
@@ -116,7 +117,7 @@ int run(const std::vector<std::string>& words) {
              .targetFPS = rate},
             clip);
   } else {
-    std::fprintf(stderr, "usage: lumora-paced HELPER load|growth|takes ...: see its source\n");
+    std::fputs(usage, stderr);
     return 2;
   }
   return 0;

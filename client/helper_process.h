@@ -54,7 +54,7 @@ class HelperProcess {
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
 
-  // The next event, or nothing when none came in time or the output ended.
+  // The next event, or nothing when none came in time, the output ended or a line is not JSON.
   std::optional<Event> nextEvent(double timeoutSeconds);
   // The next event of this "type", skipping others.
   std::optional<Event> nextEvent(const std::string& type, double timeoutSeconds);

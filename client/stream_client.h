@@ -21,7 +21,7 @@ class StreamClient {
   bool sendText(const std::string& text);
 
   // The next packet, or nothing when none came in time or the helper closed the connection (see
-  // `isClosed`).
+  // `isClosed`). Throws std::runtime_error on bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
   bool isClosed() const { return closed_; }
 

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-git grep -nE '^ *#include [<"]' -- '*.cpp' '*.h' | awk '
+git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc' | awk '
   function trim(text) { gsub(/^ +| +$/, "", text); return text }
   function contains(list, word) { return index(" " list " ", " " word " ") > 0 }
   # The longest place that is the file or a folder above it.
@@ -25,24 +25,27 @@ git grep -nE '^ *#include [<"]' -- '*.cpp' '*.h' | awk '
     next
   }
   {
+    bad = ""
     split($0, part, ":")
     file = part[1]
     place = placeOf(file)
-    match($0, /[<"][^>"]*[>"]/)
+    if (!match($0, /[<"][^>"]*[>"]/) || /\.\.\//) bad = "includes what this check cannot follow"
     ours = substr($0, RSTART, 1) == "\""
     name = substr($0, RSTART + 1, RLENGTH - 2)
     split(name, folder, "/")
     if (place == "") {
       bad = "stands in no place of the table"
-    } else if (ours) {
+    } else if (bad == "" && ours) {
       own = place
       sub(/^src\//, "", own)
       sub(/\/.*/, "", own)
       bad = folder[1] == own || contains(rooms[place], folder[1]) ? "" : "may not include " name
-    } else {
-      library = name ~ /\// ? folder[1] : name == "libyuv.h" ? "libyuv" : ""
-      bad = library == "" || library ~ /^(sys|netinet|arpa|linux)$/ ||
-            contains(libraries[place], library) ? "" : "may not include <" name ">"
+    } else if (bad == "") {
+      # Headers of C++ have no ending; those of POSIX are named here.
+      library = name ~ /\// ? folder[1] : name ~ /\.h$/ ? substr(name, 1, length(name) - 2) : ""
+      posix = "sys netinet arpa fcntl netdb poll pthread spawn stdlib time unistd"
+      free = library == "" || contains(posix, library) || contains(libraries[place], library)
+      bad = free ? "" : "may not include <" name ">"
     }
     if (bad != "") {
       print file ":" part[2] ": " place " " bad

@@ -17,7 +17,7 @@ fi
 # In a mount namespace of its own, so that nothing stays mounted however this ends.
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
   scripts/install_dependencies.sh mmdebstrap
-  exec env FRESH_NAMESPACE=1 unshare --mount --propagation private "$0" "$@"
+  exec env FRESH_NAMESPACE=1 unshare --mount --propagation private scripts/fresh.sh "$@"
 fi
 
 root=$(mktemp -d "${TMPDIR:-/tmp}/lumora-fresh.XXXXXX")
@@ -41,9 +41,11 @@ done
 
 inside() {
   env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 CI=true \
+    ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} \
     chroot "$root" bash -c "$1"
 }
 inside "update-ca-certificates >/dev/null 2>&1
+        git config --global --add safe.directory '*'
         git clone --quiet file:///origin /root/lumora-video"
 
 failed=0

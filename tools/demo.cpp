@@ -1,8 +1,8 @@
 // The demo parent: starts the helper, feeds it a moving picture, watches the preview with two
-// clients, records a take and tells how it
-// went.
+// clients, records a take and tells how it went.
 //
-//   lumora-demo HELPER OUTPUT-FOLDER [seconds]     with INPUT=file-or-camera in the environment
+//   lumora-demo HELPER OUTPUT-FOLDER [SECONDS]     INPUT in the environment may name a file or
+//   camera
 
 #include <cstdio>
 #include <cstdlib>
@@ -96,7 +96,7 @@ bool makeContactSheet(const std::string& movie, const std::string& sheet, double
   return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): threads have ended
 }
 
-// One picture from the middle of the stream, decoded by ffmpeg.
+// The 151st picture of the stream, decoded by ffmpeg.
 bool decodePicture(const std::string& stream, const std::string& picture) {
   const std::string command = "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(stream) +
                               " -vf 'select=gte(n\\,150)' -frames:v 1 -update 1 " +

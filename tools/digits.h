@@ -29,7 +29,7 @@ struct Colour {
 // Fills the part of the rectangle that lies on the canvas.
 void fillRectangle(const Canvas& canvas, int left, int top, int width, int height, Colour colour);
 
-// Draws digits, ":", "." and blanks, each cell 6 × 8 dots of `scale` pixels, on black.
+// Draws digits, ":", "." and blanks, each cell 6 × 9 dots of `scale` pixels, on black.
 void drawDigits(const Canvas& canvas, int left, int top, int scale, std::string_view text,
                 Colour colour);
 

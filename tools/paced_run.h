@@ -4,7 +4,6 @@
 // stream clients that acknowledge, events read. Used by the demo and the benchmarks.
 
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -57,7 +56,8 @@ struct RunReport {
   client::ExitStatus exit;
 };
 
-// Throws std::runtime_error when the helper can't be started or ends early.
+// Throws std::runtime_error when the helper can't be started, does not become ready, does not admit
+// the clients or does not end, or when the source gives no picture.
 RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress);
 

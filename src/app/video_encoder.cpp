@@ -70,7 +70,7 @@ void VideoEncoder::becomeReady() {
         {"recording_timebase", true}});
   emitStats(true);
   listener->acceptConnections();
-  platform.dispatch->runDetached([weak = weak_from_this()] {
+  platform.dispatch->runDetached("lumora.reader", [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->readFrames();
   });
 }

@@ -22,6 +22,7 @@
 #include "record/movie_recorder.h"
 #include "record/take_event.h"
 #include "stream/peer.h"
+#include "stream/stream_figures.h"
 
 namespace lumora {
 
@@ -124,7 +125,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<MovieRecorder> recordingTake() const;
 
   // diag/
-  Json coreStatistics();
+  Json coreStatistics() const;
   void addDiagnostics(Json& event) const;
 
   double uptime() const { return platform.clock->uptime(); }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Big-endian integers, the byte order of the input records and of the stream.
+// Big-endian integers: the byte order of input records, of the stream, of NAL lengths and of MP4.
 
 #include <concepts>
 

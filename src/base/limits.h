@@ -1,17 +1,18 @@
 #pragma once
 
-// The numbers that more than one place of the service keeps to.
+// The limits and timeouts of the service as a whole; those of one format or rule stand beside it.
 
 #include <cstddef>
 #include <cstdint>
 
 namespace lumora {
 
-constexpr std::int64_t maximumRawPixels = 1920 * 1080;                    // of a raw frame
-constexpr std::size_t maximumRawBytes = 1920 * 1080 * 4;                  // of a raw frame
-constexpr std::size_t maximumRecordingSampleBytes = maximumRawBytes;      // no sample is that large
-constexpr std::size_t maximumPacketBytes = std::size_t{2} * 1024 * 1024;  // of a stream packet
-constexpr std::size_t maximumLineBytes = 4096;         // event, command, peer line
+constexpr std::int64_t maximumRawPixels = 1920 * 1080;                // of a raw frame
+constexpr std::size_t maximumRawBytes = 1920 * 1080 * 4;              // of a raw frame
+constexpr std::size_t maximumRecordingSampleBytes = maximumRawBytes;  // no sample is that large
+constexpr std::size_t maximumPacketBytes =
+    std::size_t{2} * 1024 * 1024;               // of a stream packet, its length field not counted
+constexpr std::size_t maximumLineBytes = 4096;  // event, command, peer line
 constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
 constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t hugePage = std::size_t{2} << 20;
 constexpr std::size_t cacheLine = 64;
-// Between two frames the next raw frame and the buffers of both sessions are idle.
+// Between two frames two raw frames and the buffers of both sessions are idle.
 constexpr std::size_t maximumIdle = 4;
 constexpr std::size_t largestIdle = std::size_t{16} << 20;  // more would hold on to too much
 

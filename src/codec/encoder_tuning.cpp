@@ -15,8 +15,8 @@ namespace {
 
 using CodecOptions = std::vector<std::pair<std::string, std::string>>;
 
-// From this size on one frame takes long enough for a second slice thread to pay; a third one only
-// waits for a core.
+// From twice this size on one frame takes long enough for a second slice thread to pay; a third one
+// only waits for a core.
 constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 

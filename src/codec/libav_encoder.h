@@ -4,7 +4,6 @@
 // caller serialises the calls.
 
 #include <memory>
-#include <string>
 
 #include "codec/codec_choice.h"
 #include "platform/compression.h"

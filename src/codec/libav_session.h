@@ -1,8 +1,9 @@
 #pragma once
 
 // A compression session on libavcodec. Settings are collected; a worker thread of the session's own
-// opens the encoder, encodes one frame after the other and frees the encoder in the end, none of
-// which the state queue waits for: a take that starts or stops must not hold up the preview.
+// takes over a spare encoder or opens one, encodes one frame after the other and gives a sound
+// encoder back in the end, none of which the state queue waits for: a take that starts or stops
+// must not hold up the preview.
 
 #include <memory>
 
@@ -35,7 +36,7 @@ class LibavSession final : public CompressionSession {
  private:
   CodecChoice choice_;
   std::shared_ptr<SpareEncoders> spares_;
-  EncoderSettings settings_;  // what no property sets is there from the start
+  EncoderSettings settings_;  // kind and size from the start, the rest from properties
   MemoryPixelBufferPool pool_;
   std::shared_ptr<EncodingWorker> worker_;
 };

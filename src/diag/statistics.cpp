@@ -1,4 +1,5 @@
-// The "stats" event: at most one a second on request, one at once when forced.
+// The "stats" event: at most one a second on request, one at once when forced. Behind each one the
+// take is asked for progress, and its last event is repeated unless it is recording.
 
 #include <algorithm>
 
@@ -23,10 +24,10 @@ void VideoEncoder::emitStats(bool force) {
   emit(event);
   if (const auto take = recordingTake()) take->reportProgress();
   // Repeated, since the parent may have missed it when its pipe was full.
-  if (movieStatus && movieStatus->state != TakeState::recording) emit(movieStatus->event);
+  if (movieStatus && movieStatus->state != TakeState::recording) emit(movieStatus->json);
 }
 
-Json VideoEncoder::coreStatistics() {
+Json VideoEncoder::coreStatistics() const {
   const RawAdmission::Figures input = raw.figures();
   return {{"type", "stats"},
           {"clients", countClients()},

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <utility>
 
 namespace lumora {
 
@@ -19,7 +19,7 @@ class RawEncodingCompletion {
     return nextToken_++;
   }
 
-  // Ends the share of `token`; a second call for the same token does nothing.
+  // Ends the share of `token`; a second call for the same token (below 8) does nothing.
   void complete(int token) {
     if (token < guardedTokens) {
       const auto bit = static_cast<std::uint8_t>(1U << token);

@@ -1,5 +1,7 @@
 #include "h264/memory_sample.h"
 
+#include "h264/nal_units.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -14,7 +16,7 @@ MemoryFormatDescription::MemoryFormatDescription(Bytes sequence, Bytes picture, 
 
 ParameterSet MemoryFormatDescription::parameterSet(std::size_t index) const {
   if (index >= std::size(sets_)) return {-EINVAL, {}, 0};
-  return {0, sets_[index], 4};
+  return {0, sets_[index], nalLengthBytes};
 }
 
 Status MemorySample::copyBytes(std::size_t offset, MutableByteView space) const {

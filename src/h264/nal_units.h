@@ -12,7 +12,7 @@
 #include <array>
 #include <cstdint>
 
-#include "base/bytes.h"
+#include "base/big_endian.h"
 
 namespace lumora {
 
@@ -41,6 +41,7 @@ constexpr NalType nalType(std::uint8_t header) {
   return static_cast<NalType>(header & nalTypeMask);
 }
 
+constexpr std::size_t nalLengthBytes = 4;      // in front of each unit of a sample
 constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header byte
 
 template <typename Fetch>
@@ -48,12 +49,11 @@ NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
   NalWalk walk;
   std::size_t offset = 0;
   while (offset < length) {
-    if (length - offset < 4) return {NalWalkError::truncatedHeader, walk.idr};
-    std::array<std::uint8_t, 4> prefix{};
+    if (length - offset < nalLengthBytes) return {NalWalkError::truncatedHeader, walk.idr};
+    std::array<std::uint8_t, nalLengthBytes> prefix{};
     if (!fetch(offset, MutableByteView(prefix))) return {NalWalkError::badSize, walk.idr};
-    const std::size_t size = (std::size_t{prefix[0]} << 24) | (std::size_t{prefix[1]} << 16) |
-                             (std::size_t{prefix[2]} << 8) | std::size_t{prefix[3]};
-    offset += 4;
+    const std::size_t size = integerBE<std::uint32_t>(prefix, 0);
+    offset += nalLengthBytes;
     if (size == 0 || size > length - offset) return {NalWalkError::badSize, walk.idr};
     std::array<std::uint8_t, 1> header{};
     if (!fetch(offset, MutableByteView(header))) {

@@ -5,8 +5,8 @@
 
 namespace lumora {
 
-// Admission of raw frames, one in flight at a time. The reader's thread and the state queue meet
-// here, and only here: each call holds the lock for itself and for nothing else.
+// Admission of raw frames, one in flight at a time. Here the reader's thread and the state queue
+// share state: each call holds the lock for itself and for nothing else.
 class RawAdmission {
  public:
   // Whether the frame may come in; if not it counts as dropped.
@@ -20,13 +20,13 @@ class RawAdmission {
     bool rawBusy = false;  // a frame is in flight
     std::uint64_t droppedRaw = 0;
   };
-  Figures figures();
-  bool isBusy() { return figures().rawBusy; }
+  Figures figures() const;
+  bool isBusy() const { return figures().rawBusy; }
 
  private:
-  std::mutex admission;  // guards the rest
-  bool rawBusy = false;
-  std::uint64_t droppedRaw = 0;
+  mutable std::mutex admission_;  // guards the rest
+  bool rawBusy_ = false;
+  std::uint64_t droppedRaw_ = 0;
 };
 
 }  // namespace lumora

@@ -1,13 +1,12 @@
 // The reader: splits standard input into records and hands them to the state queue. It blocks in
 // `read` on a thread of its own, reads every payload whole (also of frames that nobody takes, so
-// that encoding never slows the parent down) and shares nothing with it but `RawAdmission`.
+// that encoding never slows the parent down). Of the service's state it touches `RawAdmission`
+// only.
 
 #include <array>
 #include <new>
 
-#include "app/event.h"
 #include "app/video_encoder.h"
-#include "base/limits.h"
 #include "input/record_header.h"
 
 namespace lumora {

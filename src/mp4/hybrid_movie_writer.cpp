@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "h264/nal_units.h"
 #include "mp4/movie_disk.h"
 
 namespace lumora {
@@ -13,7 +14,7 @@ namespace {
 constexpr std::size_t minimumSequenceBytes = 4;  // NAL header, profile, constraints, level
 
 bool isUsable(const ParameterSet& set, std::size_t minimum) {
-  return set.status == 0 && set.bytes.size() >= minimum && set.nalHeaderLength == 4 &&
+  return set.status == 0 && set.bytes.size() >= minimum && set.nalHeaderLength == nalLengthBytes &&
          set.bytes.size() <= std::numeric_limits<std::uint16_t>::max();
 }
 

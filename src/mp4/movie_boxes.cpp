@@ -1,9 +1,8 @@
 #include "mp4/movie_boxes.h"
 
 #include <limits>
-#include <string_view>
 
-#include "base/big_endian.h"
+#include "mp4/box.h"
 #include "platform/movie_writer.h"
 
 namespace lumora {
@@ -12,36 +11,6 @@ namespace {
 constexpr std::uint32_t trackID = 1;
 constexpr std::uint32_t keySampleFlags = 0x02000000;    // depends on no other sample
 constexpr std::uint32_t deltaSampleFlags = 0x01010000;  // depends on others, is no sync sample
-
-// Appends one box: its size is filled in when the scope ends. Nested scopes make nested boxes.
-class Box {
- public:
-  Box(Bytes& bytes, std::string_view type) : bytes_(bytes), start_(bytes.size()) {
-    appendBE(bytes_, std::uint32_t{0});
-    bytes_.insert(bytes_.end(), type.begin(), type.end());
-  }
-  // A full box, with version and flags.
-  Box(Bytes& bytes, std::string_view type, std::uint8_t version, std::uint32_t flags)
-      : Box(bytes, type) {
-    appendBE(bytes_, (std::uint32_t{version} << 24) | flags);
-  }
-  ~Box() { storeBE(bytes_.data() + start_, static_cast<std::uint32_t>(bytes_.size() - start_)); }
-  Box(const Box&) = delete;
-  Box& operator=(const Box&) = delete;
-
- private:
-  Bytes& bytes_;
-  std::size_t start_;
-};
-
-void u8(Bytes& bytes, std::uint8_t value) { bytes.push_back(value); }
-void u16(Bytes& bytes, std::uint16_t value) { appendBE(bytes, value); }
-void u32(Bytes& bytes, std::uint32_t value) { appendBE(bytes, value); }
-void u64(Bytes& bytes, std::uint64_t value) { appendBE(bytes, value); }
-void zeros(Bytes& bytes, std::size_t count) { bytes.resize(bytes.size() + count); }
-void text(Bytes& bytes, std::string_view value) {
-  bytes.insert(bytes.end(), value.begin(), value.end());
-}
 
 // 14496-12, 6.2.2: the unity matrix of mvhd and tkhd.
 void unityMatrix(Bytes& bytes) {

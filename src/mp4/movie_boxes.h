@@ -3,7 +3,7 @@
 // The boxes of our MP4 files (ISO/IEC 14496-12 and -15). Pure: tables in, bytes out.
 //
 // While recording:   ftyp | free, 16 bytes | moov with mvex | moof mdat | moof mdat | ...
-// Once finished:     ftyp | mdat, 64-bit size, over all of that             | ... | moov
+// Once finished:     ftyp | mdat, 64-bit size, over all of that                   | moov
 //
 // The 16 bytes of the `free` box become the header of the one `mdat`, which turns the fragmented
 // file into an ordinary one with a single small write.

@@ -14,8 +14,7 @@ namespace lumora {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// sums[i] = Σ rows[k][i] × weights[k], as 10.6 fixed point, for i below `count` (bytes). `sums`
-// has room for one more vector.
+// sums[i] = Σ rows[k][i] × weights[k], as 10.6 fixed point, for i below `count` (bytes).
 void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const std::int16_t* HWY_RESTRICT weights,
              int taps, std::size_t count, std::int16_t* HWY_RESTRICT sums) {
   const hn::ScalableTag<std::int16_t> d16;
@@ -124,7 +123,6 @@ HWY_AFTER_NAMESPACE();
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 
 #include "picture/resampler.h"
 

@@ -21,7 +21,7 @@ class SystemImageConverter final : public ImageConverter {
   void resample(const ImageView& source, const MutableImageView& destination);
   const Resampler& resamplerFor(const ImageView& source, const MutableImageView& destination);
 
-  std::deque<std::unique_ptr<Resampler>> resamplers_;  // most recent pairs last
+  std::deque<std::unique_ptr<Resampler>> resamplers_;  // the latest made last
   Resampler::Workspace upper_;
   Resampler::Workspace lower_;
   std::unique_ptr<SecondThread> secondThread_;  // from the first large picture on

@@ -35,8 +35,9 @@ class Dispatch {
   virtual std::shared_ptr<SerialQueue> makeQueue(const std::string& label) = 0;
   // A timer on the state queue: first after `interval` seconds, then every `interval` seconds.
   virtual std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) = 0;
-  // Runs `work`, which may block for as long as it likes, on a thread of its own.
-  virtual void runDetached(Work work) = 0;
+  // Runs `work`, which may block for as long as it likes, on a thread of its own that carries
+  // `label`.
+  virtual void runDetached(const std::string& label, Work work) = 0;
 };
 
 }  // namespace lumora

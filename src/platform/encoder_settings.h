@@ -6,7 +6,8 @@
 
 namespace lumora {
 
-// What a session's properties come down to. Made by `sessionSettings` (encode/), nowhere else.
+// What a session's properties come down to. The service decides them in one place, a session puts
+// them together again from its properties.
 struct EncoderSettings {
   SessionKind kind;
   int width;   // pixels

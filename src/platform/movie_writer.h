@@ -28,7 +28,8 @@ class MovieWriter {
  public:
   virtual ~MovieWriter() = default;
   virtual bool canAdd(const FormatDescription& format) const = 0;
-  // Adds the one track, of this format, and starts the timeline at zero; false: see `error`.
+  // Adds the one track, of a format that it can add, and starts the timeline at zero; false on
+  // failure, which `error` may explain.
   virtual bool startWriting(std::shared_ptr<const FormatDescription> format) = 0;
   virtual WriterStatus status() const = 0;
   // What went wrong, in words for a person.

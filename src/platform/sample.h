@@ -16,7 +16,7 @@ using Status = std::int32_t;
 struct ParameterSet {
   Status status = 0;
   ByteView bytes;
-  int nalHeaderLength = 0;  // bytes in front of each NAL unit of the samples
+  std::size_t nalHeaderLength = 0;  // bytes in front of each NAL unit of the samples
 };
 
 // How decoded values become colours: the code points of ISO/IEC 23091-2.

@@ -8,10 +8,15 @@
 #include "record/movie_timing.h"
 
 namespace lumora {
+namespace {
+
+// "/a/clip.mp4" and an id give "/a/clip.recovered-<id>.mp4".
 std::string recoveryPath(const std::string& path, const std::string& id) {
   const std::filesystem::path wanted(path);
   return wanted.parent_path() / (wanted.stem().string() + ".recovered-" + id + ".mp4");
 }
+
+}  // namespace
 
 void MovieRecorder::finish(double stop, std::function<void()> completion) {
   {

@@ -12,7 +12,7 @@
 namespace lumora {
 namespace {
 
-constexpr int maximumPending = 2;         // write jobs waiting for the writer
+constexpr int maximumPending = 2;         // write jobs queued and not finished
 constexpr double progressInterval = 1.0;  // seconds
 
 }  // namespace
@@ -69,7 +69,7 @@ int MovieRecorder::pendingWork() {
 void MovieRecorder::writeJob(HeldSample next) {
   if (!failed) {
     try {
-      hold(std::move(next));
+      holdBack(std::move(next));
     } catch (const EncoderFailure& reason) {
       failure(reason.description());
     }
@@ -79,7 +79,7 @@ void MovieRecorder::writeJob(HeldSample next) {
 }
 
 // Holds `next` back in place of the sample before it, whose duration is known now.
-void MovieRecorder::hold(HeldSample next) {
+void MovieRecorder::holdBack(HeldSample next) {
   if (!writer) prepare(next);
   if (held) {
     next.movieTime = write(*held, next.time, shortestSample);
@@ -154,7 +154,7 @@ void MovieRecorder::status(TakeState state, double duration, const std::string& 
     told.dropped = dropped;
     told.throttled = throttled;
   }
-  report(takeEvent(told));
+  report(makeTakeEvent(told));
 }
 
 void MovieRecorder::reportProgress() {

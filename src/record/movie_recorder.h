@@ -24,7 +24,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
  public:
   using Report = std::function<void(TakeEvent event)>;
 
-  // `report` is called on the take's queue.
+  // `relay` is called on the take's queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
                 RecordingProfile takeProfile, const Platform& services, Report relay);
 
@@ -59,7 +59,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
 
   // Everything from here to the lock runs on, or belongs to, the take's queue.
   void writeJob(HeldSample next);
-  void hold(HeldSample next);
+  void holdBack(HeldSample next);
   void prepare(const HeldSample& first);
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void status(TakeState state, double duration, const std::string& error,
@@ -92,8 +92,5 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::uint64_t throttled = 0;
   bool accepting = true;
 };
-
-// "/a/clip.mp4" and an id give "/a/clip.recovered-<id>.mp4".
-std::string recoveryPath(const std::string& path, const std::string& id);
 
 }  // namespace lumora

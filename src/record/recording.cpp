@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "app/event.h"
 #include "app/video_encoder.h"
 #include "record/recording_command.h"
 #include "record/recording_profile.h"
@@ -34,8 +33,8 @@ void VideoEncoder::startRecording(const Json& command) {
     return reject("recording destination or state is invalid");
   }
   const std::string& id = *findString(command, "id");
-  movieStatus = takeEvent({id, TakeState::starting, *path, profile->targetFPS});
-  emit(movieStatus->event);
+  movieStatus = makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS});
+  emit(movieStatus->json);
   movie = std::make_shared<MovieRecorder>(
       id, *path, startedAt, *profile, platform,
       [weak = weak_from_this(), queue = platform.stateQueue](TakeEvent event) {
@@ -65,7 +64,7 @@ void VideoEncoder::stopRecording(const Json& command) {
 void VideoEncoder::relayRecording(const TakeEvent& event) {
   if (!movieStatus || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
   movieStatus = event;
-  emit(event.event);
+  emit(event.json);
   // While the take is being finalised its end clears it: see `movieFinished`.
   if (event.state != TakeState::failed || movieFinishing) return;
   movie.reset();

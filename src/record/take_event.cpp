@@ -24,7 +24,7 @@ const char* textOf(TakeState state) {
 
 }  // namespace
 
-TakeEvent takeEvent(const TakeReport& report) {
+TakeEvent makeTakeEvent(const TakeReport& report) {
   // A take that is only starting has an integer for its duration.
   const Json duration = report.state == TakeState::starting ? Json(0) : Json(report.duration);
   return {report.id,

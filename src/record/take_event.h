@@ -11,11 +11,11 @@ namespace lumora {
 
 enum class TakeState { starting, recording, finishing, saved, failed };
 
-// An event of one take, with what decisions are made by beside the text that goes to the parent.
+// An event of one take: what goes to the parent, and beside it what decisions are made by.
 struct TakeEvent {
   std::string id;
   TakeState state;
-  Json event;
+  Json json;
 };
 
 struct TakeReport {
@@ -34,7 +34,7 @@ struct TakeReport {
 };
 
 // The thirteen keys of every event of a take that was accepted.
-TakeEvent takeEvent(const TakeReport& report);
+TakeEvent makeTakeEvent(const TakeReport& report);
 
 // The ten keys of a "record_start" that was refused.
 Json rejectionEvent(const Json& command, const std::string& message);

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "app/video_encoder.h"
-#include "base/limits.h"
 #include "stream/packet.h"
 
 namespace lumora {

@@ -26,7 +26,7 @@ void storeHeader(MutableByteView bytes, PacketType type, std::uint64_t frameID, 
 ByteView checkedParameterSet(const FormatDescription& format, std::size_t index) {
   const ParameterSet set = format.parameterSet(index);
   if (set.status != 0 || set.bytes.empty() || set.bytes.size() > maximumParameterSetBytes ||
-      set.nalHeaderLength != 4) {
+      set.nalHeaderLength != nalLengthBytes) {
     throw EncoderFailure::status("H264 parameter set", set.status);
   }
   return set.bytes;

@@ -45,32 +45,10 @@ Acknowledgement acknowledge(Peer& peer, std::uint64_t frameID);
 enum class DeliveryChoice { skip, dropForCredit, dropForSend, waitForKeyFrame, send };
 DeliveryChoice chooseDelivery(const Peer& peer, bool keyframe);
 
-// Service-wide totals over all peers, never reset.
-struct DeliveryCounters {
-  std::uint64_t creditDrops = 0;
-  std::uint64_t sendDrops = 0;
-  std::uint64_t resyncWaitDrops = 0;
-  std::uint64_t idrResyncs = 0;               // episodes of falling behind
-  std::size_t maxUnacknowledgedObserved = 0;  // of one peer
-
-  void count(DeliveryChoice choice);
-  void observe(std::size_t unacknowledged);
-};
-
 // Whether the peer missed the hello, send or acknowledgement deadline at uptime `now`.
 bool isOverdue(const Peer& peer, double now);
 
 // Whether a new connection may become a peer beside those already there.
 bool admitsConnection(std::size_t authenticated, std::size_t waiting);
-
-// Service-wide round-trip figures in milliseconds, fed by every peer, never reset.
-struct AcknowledgementFigures {
-  std::uint64_t acknowledgementSamples = 0;
-  double acknowledgementRTT = 0;     // smoothed
-  double acknowledgementOldest = 0;  // smoothed
-  double acknowledgementRTTMaximum = 0;
-
-  void record(const Acknowledgement& acknowledgement, double now);
-};
 
 }  // namespace lumora

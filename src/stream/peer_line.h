@@ -3,7 +3,7 @@
 // The lines that stream clients send, without their line feed:
 //   {"type":"hello","token":"..."}     once, before anything else
 //   {"type":"ack","frame_id":123}      after that
-// Pure, and strict: whatever is not exactly one of them is invalid.
+// Pure, and strict: further keys are ignored, anything else is invalid.
 
 #include <cstdint>
 #include <string>

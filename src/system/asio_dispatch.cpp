@@ -98,9 +98,9 @@ std::unique_ptr<TimerSource> AsioDispatch::makeTimer(double interval, Work handl
   return std::make_unique<AsioTimer>(stateQueue_->context(), interval, std::move(handler));
 }
 
-void AsioDispatch::runDetached(Work work) {
-  std::thread([work = std::move(work)] {
-    nameThread("lumora.reader");
+void AsioDispatch::runDetached(const std::string& label, Work work) {
+  std::thread([label, work = std::move(work)] {
+    nameThread(label);
     work();
   }).detach();
 }

@@ -33,7 +33,7 @@ class AsioDispatch final : public Dispatch {
   explicit AsioDispatch(std::shared_ptr<AsioQueue> stateQueue);
   std::shared_ptr<SerialQueue> makeQueue(const std::string& label) override;
   std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override;
-  void runDetached(Work work) override;
+  void runDetached(const std::string& label, Work work) override;
 
  private:
   std::shared_ptr<AsioQueue> stateQueue_;

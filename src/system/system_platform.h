@@ -6,8 +6,8 @@
 
 namespace lumora {
 
-// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER ("" counts as "auto"): auto,
-// hardware, software, or the name of a libavcodec encoder.
+// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, "" when there is none; see
+// codec/libav_encoders.h.
 Platform makeSystemPlatform(const std::string& h264Encoder);
 
 }  // namespace lumora

@@ -84,7 +84,7 @@ struct FakeDispatch final : Dispatch {
     tick = std::move(handler);
     return std::make_unique<FakeSource<TimerSource>>(timerCancelled);
   }
-  void runDetached(Work work) override { detached.push_back(std::move(work)); }
+  void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
 
   const double& now;
   std::vector<std::shared_ptr<ManualQueue>> queues;

@@ -42,7 +42,7 @@ struct BrokenSample final : EncodedSample, FormatDescription {
   std::optional<std::size_t> length = 5;
   Status copyStatus = 0, setStatus = 0;
   Bytes set = Bytes(4096, 0x67);
-  int prefix = 4;
+  std::size_t prefix = 4;
 };
 
 TEST(Packets, FailuresNameWhatIsWrong) {
