@@ -84,6 +84,7 @@ TEST_F(Input, AParentThatNeverReadsEventsBlocksNothing) {
   for (int i = 0; i < 300; ++i) {
     const auto viewer = connect();
     viewer->sayHello(token);
+    if (i % 3 == 0) continue;  // goes by itself
     viewer->sendText("bye\n");
     while (!viewer->isClosed()) viewer->receive(1);
   }

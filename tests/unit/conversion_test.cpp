@@ -141,6 +141,7 @@ TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
   SpareEncoders spares;
   spares.expect({preview, take});
   auto taken = std::async(std::launch::async, [&] { return spares.take(preview); });
+  auto failed = std::async(std::launch::async, [&] { return spares.take(take); });
   EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   std::unique_ptr<LibavEncoder> encoder;
   ASSERT_EQ(LibavEncoder::open(software, preview, encoder), 0);
@@ -149,7 +150,7 @@ TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
   EXPECT_EQ(taken.get().get(), given);
   EXPECT_TRUE(spares.isExpected(take));
   spares.give(take, nullptr);
-  EXPECT_EQ(spares.take(take), nullptr);
+  EXPECT_EQ(failed.get(), nullptr);
   EXPECT_EQ(spares.take(preview), nullptr);  // taken, and no other one expected
 }
 

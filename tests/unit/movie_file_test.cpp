@@ -8,6 +8,7 @@ extern "C" {
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <future>
@@ -30,6 +31,7 @@ struct Disk {
   int failAfter = -1;  // calls that still succeed; negative: all
   bool hangs = false;
   int calls = 0;
+  bool closed = false;
 
   int call(const std::function<void()>& effect) {
     std::unique_lock hold(mutex);
@@ -38,11 +40,12 @@ struct Disk {
     if (failAfter > 0) --failAfter;
     effect();
     ++calls;
+    changed.notify_all();
     return 0;
   }
-  int count() {
-    const std::lock_guard hold(mutex);
-    return calls;
+  bool waitFor(const std::function<bool()>& reached) {
+    std::unique_lock hold(mutex);
+    return changed.wait_for(hold, std::chrono::seconds(20), reached);
   }
   void setHanging(bool value) {
     const std::lock_guard hold(mutex);
@@ -53,6 +56,11 @@ struct Disk {
 
 struct DiskSink final : ByteSink {
   explicit DiskSink(std::shared_ptr<Disk> on) : disk(std::move(on)) {}
+  ~DiskSink() override {
+    const std::lock_guard hold(disk->mutex);
+    disk->closed = true;
+    disk->changed.notify_all();
+  }
   int write(ByteView bytes) override {
     return disk->call([&] { disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end()); });
   }
@@ -174,9 +182,9 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
 
 TEST(MovieFile, AFullFragmentDoesNotWaitForTheNextSample) {
   Written movie;
-  movie.fill(30);                                             // half a second
-  while (movie.disk->count() < 6) std::this_thread::yield();  // the start and it, 3 calls each
-  const std::lock_guard hold(movie.disk->mutex);
+  movie.fill(30);  // half a second
+  // The start of the file and the fragment, 3 calls each.
+  ASSERT_TRUE(movie.disk->waitFor([&] { return movie.disk->calls == 6; }));
   EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 30u);
 }
 
@@ -246,6 +254,16 @@ TEST(MovieFile, EveryFailingCallIsReportedInWords) {
     ASSERT_LT(failAfter, 100);
   }
   EXPECT_EQ(failAfter - 1, 16);  // the start and three fragments 3 calls each, the end 4
+}
+
+TEST(MovieFile, AFailedMovieLetsGoOfItsFile) {
+  const auto disk = std::make_shared<Disk>();
+  disk->failAfter = 0;
+  {
+    Written movie(disk);
+    while (movie.writer.error() == std::nullopt) std::this_thread::yield();
+  }
+  EXPECT_TRUE(disk->waitFor([&] { return disk->closed; }));
 }
 
 TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {

@@ -34,9 +34,11 @@ struct Reader : testing::Test {
 };
 
 TEST_F(Reader, EndsQuietlyInsideAHeader) {
-  probe.process->input = Bytes(10);
+  probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7};  // 2 × 2, frame 7
+  probe.process->input.resize(16 + 16 + 10);
   EXPECT_EQ(readAll(), "");
   EXPECT_EQ(exits(), std::vector<int>{0});
+  EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
 }
 
 TEST_F(Reader, ReportsEachBrokenRecordAndStops) {

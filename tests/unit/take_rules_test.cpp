@@ -54,6 +54,19 @@ TEST(MovieEndTime, FollowsTheStopOrTheLastFrame) {
   EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 12.0, 30), 7.0);
 }
 
+TEST(TakeEvents, HaveThirteenKeysAndAnIntegerOnlyAtTheStart) {
+  TakeReport report{"i", TakeState::starting, "/p", 30};
+  EXPECT_EQ(makeTakeEvent(report).json.dump(),
+            R"({"dropped":0,"duration":0,"error":"","frames":0,"height":0,"id":"i","path":"/p",)"
+            R"("recent_fps":0.0,"state":"starting","target_fps":30,"throttled":0,)"
+            R"("type":"recording","width":0})");
+  report.state = TakeState::failed;
+  report.error = std::string(241, 'x');
+  const Json failed = makeTakeEvent(report).json;
+  EXPECT_EQ(failed["duration"].dump(), "0.0");
+  EXPECT_EQ(failed["error"], std::string(240, 'x'));
+}
+
 TEST(TakeEvents, AreRelayedUnlessTheyComeTooLate) {
   struct Case {
     TakeState last;
