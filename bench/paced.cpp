@@ -65,7 +65,8 @@ void commandTakes(client::HelperProcess& helper, std::uint64_t frame, const std:
                          {"id", id},
                          {"path", folder + "/" + name + ".mp4"},
                          {"resolution", profile},
-                         {"target_fps", 60}});
+                         {"target_fps", 60},
+                         {"cadence", "steady"}});
   }
   if (at == stopFrame) helper.writeCommand({{"type", "record_stop"}, {"id", id}});
 }

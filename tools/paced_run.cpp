@@ -114,6 +114,7 @@ void startTake(const TakeOptions& take, client::HelperProcess& helper) {
                        {"path", take.path},
                        {"resolution", take.resolution},
                        {"target_fps", take.targetFPS},
+                       {"cadence", "steady"},
                        {"started_at", client::uptime()}});
 }
 

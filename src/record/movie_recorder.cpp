@@ -19,13 +19,13 @@ constexpr double progressInterval = 1.0;  // seconds
 
 MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
                              std::optional<double> start, RecordingProfile takeProfile,
-                             const Platform& services, Report relay)
+                             CadenceRule rule, const Platform& services, Report relay)
     : id(std::move(takeID)),
       path(std::move(destination)),
       startedAt(start),
       profile(std::move(takeProfile)),
       staging(path + "." + id + ".partial"),
-      cadence{profile.targetFPS, std::nullopt},
+      cadence{profile.targetFPS, rule, std::nullopt},
       platform(services),
       queue(services.dispatch->makeQueue("lumora.movie")),
       report(std::move(relay)) {}

@@ -26,7 +26,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
 
   // `relay` is called on the take's queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
-                RecordingProfile takeProfile, const Platform& services, Report relay);
+                RecordingProfile takeProfile, CadenceRule rule, const Platform& services,
+                Report relay);
 
   // State queue. Whether the sample was queued; if not it counts as dropped, and the caller asks
   // the encoder for a key frame.

@@ -36,7 +36,7 @@ void VideoEncoder::startRecording(const Json& command) {
   movieStatus = makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS});
   emit(movieStatus->json);
   movie = std::make_shared<MovieRecorder>(
-      id, *path, startedAt, *profile, platform,
+      id, *path, startedAt, *profile, requestedCadence(command), platform,
       [weak = weak_from_this(), queue = platform.stateQueue](TakeEvent event) {
         queue->async([weak, event = std::move(event)] {
           if (const auto self = weak.lock()) self->relayRecording(event);

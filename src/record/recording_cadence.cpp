@@ -6,7 +6,22 @@
 namespace lumora {
 namespace {
 
-constexpr double tolerance = 0.000001;  // seconds
+constexpr double gridTolerance = 0.000001;  // seconds
+
+// The deadline after a frame that came at `capturedAt` for `deadline`, or nothing when it came too
+// early.
+std::optional<double> nextOnGrid(double capturedAt, double deadline, double interval) {
+  if (capturedAt + gridTolerance < deadline) return std::nullopt;
+  // Whole intervals, so that jitter of the camera does not add up.
+  const double passed = std::floor((capturedAt - deadline + gridTolerance) / interval) + 1;
+  return deadline + std::max(1.0, passed) * interval;
+}
+
+std::optional<double> nextSteady(double capturedAt, double deadline, double interval) {
+  if (capturedAt < deadline - interval / 3) return std::nullopt;
+  // After a pause the frames that are missing are not made up for.
+  return (capturedAt <= deadline + interval ? deadline : capturedAt) + interval;
+}
 
 }  // namespace
 
@@ -17,11 +32,10 @@ bool RecordingCadence::admit(double capturedAt) {
     nextDeadline = capturedAt + interval;
     return true;
   }
-  if (capturedAt + tolerance < *nextDeadline) return false;
-  // Whole intervals, so that jitter of the camera does not add up.
-  const double passed = std::floor((capturedAt - *nextDeadline + tolerance) / interval) + 1;
-  *nextDeadline += std::max(1.0, passed) * interval;
-  return true;
+  const auto next = rule == CadenceRule::steady ? nextSteady(capturedAt, *nextDeadline, interval)
+                                                : nextOnGrid(capturedAt, *nextDeadline, interval);
+  if (next) nextDeadline = next;
+  return next.has_value();
 }
 
 }  // namespace lumora

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/json.h"
+#include "record/recording_cadence.h"
 
 namespace lumora {
 
@@ -17,6 +18,9 @@ bool isUUID(const std::string& text);
 
 // A capture time in uptime seconds, at most 30 s before `now` and 50 ms after it.
 std::optional<double> recordingTimestamp(const Json& value, double now);
+
+// The cadence that a "record_start" asks for; whatever is not known is the usual one.
+CadenceRule requestedCadence(const Json& command);
 
 // An absolute ".mp4" path of at most 3000 bytes.
 bool isRecordingDestination(const std::string& path);

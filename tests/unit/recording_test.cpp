@@ -110,6 +110,16 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
   EXPECT_EQ(second.at(0)["error"], state);
   EXPECT_EQ(second.at(0)["path"], "/b.mp4");
   EXPECT_TRUE(isRecordingDestination("/" + std::string(2995, 'a') + ".mp4"));
+  EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::grid);
+}
+
+TEST_F(Takes, ASteadyCadenceIsOnRequestOnly) {
+  for (const Json& name : {Json("steady"), Json("grid"), Json(1)}) {
+    probe.restart();
+    start({{"cadence", name}});
+    EXPECT_EQ(probe.take()->cadence.rule,
+              name == "steady" ? CadenceRule::steady : CadenceRule::grid);
+  }
 }
 
 TEST_F(Takes, TheFirstSampleStandsAtZeroAndEachLastsUntilTheNext) {

@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <array>
 #include <limits>
+#include <random>
 
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"
@@ -29,7 +32,7 @@ TEST(RecordingKeyframe, ChecksTheSample) {
 
 TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
   const auto admitted = [](int targetFPS, double cameraFPS, double jitter) {
-    RecordingCadence cadence{targetFPS, {}};
+    RecordingCadence cadence{targetFPS};
     int count = 0;
     for (int i = 0; i < 600; ++i) {
       count += cadence.admit(100 + i / cameraFPS + (i % 3 - 1) * jitter) ? 1 : 0;
@@ -42,9 +45,68 @@ TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
   EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
   EXPECT_EQ(admitted(60, 25, 0.002), 600);
   EXPECT_NEAR(admitted(30, 50, 0.001), 360, 8);
-  RecordingCadence cadence{30, {}};
+  RecordingCadence cadence{30};
   EXPECT_FALSE(cadence.admit(-1));
   EXPECT_FALSE(cadence.admit(std::numeric_limits<double>::quiet_NaN()));
+}
+
+// Seconds at which a camera's frames come, with Gaussian jitter; the same in every run.
+std::vector<double> cameraTimes(double framesPerSecond, double jitter, double seconds = 600) {
+  std::mt19937 random(7);
+  std::normal_distribution<double> deviation(0, 1);
+  std::vector<double> times;
+  for (int i = 0; i < framesPerSecond * seconds; ++i) {
+    times.push_back(100 + i / framesPerSecond + jitter * deviation(random));
+  }
+  return times;
+}
+
+std::vector<double> admittedSteadily(int targetFPS, const std::vector<double>& times) {
+  RecordingCadence cadence{targetFPS, CadenceRule::steady};
+  std::vector<double> admitted;
+  std::ranges::copy_if(times, std::back_inserter(admitted),
+                       [&](double time) { return cadence.admit(time); });
+  return admitted;
+}
+
+TEST(SteadyCadence, AdmitsWhatTheTargetHasRoomForAndNeverMore) {
+  struct Case {
+    double camera;
+    int target;
+    std::array<double, 3> percent;  // admitted, with 0.1, 1 and 3 ms of jitter
+  };
+  for (const Case& c : {Case{30, 30, {100, 100, 99.9}},
+                        {60, 60, {100, 100, 99.9}},
+                        {29.97, 30, {100, 100, 99.7}},
+                        {59.94, 60, {100, 100, 98.5}},
+                        {60, 30, {50, 50, 50}},
+                        {60, 45, {75, 75, 75}},
+                        {25, 60, {100, 100, 100}}}) {
+    for (std::size_t i = 0; i < 3; ++i) {
+      const auto times = cameraTimes(c.camera, std::array{1e-4, 1e-3, 3e-3}[i]);
+      const auto admitted = admittedSteadily(c.target, times);
+      const double share =
+          100.0 * static_cast<double>(admitted.size()) / static_cast<double>(times.size());
+      EXPECT_NEAR(share, c.percent[i], 0.35) << c.camera << " into " << c.target << ", " << i;
+      EXPECT_LE(std::ssize(admitted), 600 * c.target + 1);
+      for (std::size_t from = 0, to = 0; to < admitted.size(); ++to) {
+        while (admitted[to] - admitted[from] >= 1) ++from;
+        ASSERT_LE(to - from + 1, static_cast<std::size_t>(c.target) + 2);
+      }
+    }
+  }
+}
+
+TEST(SteadyCadence, TakesLossesPausesAndBurstsAsTheyCome) {
+  using Times = std::vector<double>;
+  const auto at30 = [](const Times& times) { return admittedSteadily(30, times); };
+  EXPECT_EQ(at30({-1, std::numeric_limits<double>::infinity(), 0}), (Times{0}));
+  EXPECT_EQ(at30({1, 1.0223, 1.1}), (Times{1, 1.0223, 1.1}));  // early by a third of 1/30
+  EXPECT_EQ(at30({1, 1.0221, 1.1}), (Times{1, 1.1}));
+  EXPECT_EQ(at30({1, 1.0667, 1.1}), (Times{1, 1.0667, 1.1}));  // one is lost: the grid goes on
+  // After a pause nothing is made up for, in a burst nothing is doubled.
+  EXPECT_EQ(at30({1, 11, 11.001, 11.01, 11.0111, 11.0334}), (Times{1, 11, 11.0334}));
+  EXPECT_EQ(at30({1, 1, 1, 1.0334, 1.0334}), (Times{1, 1.0334}));
 }
 
 TEST(MovieEndTime, FollowsTheStopOrTheLastFrame) {
