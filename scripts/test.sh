@@ -4,7 +4,7 @@
 set -euo pipefail
 jobs=${1:-2}
 
-# The browser test plays our movies in Chromium and reads them with a parser from npm.
+# The browser test plays our movies in Chromium, driven by a package from npm.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
 scripts/install_dependencies.sh chromium "${node[@]}"
 

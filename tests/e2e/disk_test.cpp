@@ -119,18 +119,6 @@ TEST_F(Disk, ARemovedFolderFailsTheTakeWithTheNextFragment) {
   expectPreviewGoesOn();
 }
 
-TEST_F(Disk, ARenamedFolderKeepsTheWholeMovie) {
-  start();
-  startTake();
-  feedPaced(30, 60);
-  waitForTake("recording");
-  std::filesystem::rename(place, folder / "renamed");
-  stopTake();
-  EXPECT_EQ(waitForTake("saved")["path"], stagingPath());
-  const auto name = std::filesystem::path(stagingPath()).filename();
-  EXPECT_EQ(decodeErrors(folder / "renamed" / name), "");
-}
-
 TEST_F(Disk, OneThatHangsStopsNeitherThePreviewNorTheEnd) {
   // The search for leaks can't look into a thread that somebody else holds.
   start({}, {{"ASAN_OPTIONS", "detect_leaks=0"}});

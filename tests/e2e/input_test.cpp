@@ -43,19 +43,6 @@ TEST_F(Input, ListensWhereItIsTold) {
   start({"--host", "localhost"});
 }
 
-TEST_F(Input, EndsWithZeroWhenAskedTo) {
-  start();
-  EXPECT_EQ(finish(), 0);
-  for (const int signal : {SIGTERM, SIGINT}) {
-    start();
-    helper->sendSignal(signal);
-    EXPECT_EQ(exitCode(), 0);
-  }
-  start();
-  helper->closeOutput();
-  EXPECT_EQ(exitCode(), 0);  // noticed with the next report
-}
-
 TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
   start();
   const FrameSize size{1920, 1080};

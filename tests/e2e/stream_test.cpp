@@ -1,10 +1,5 @@
 // Clients that misbehave on a real connection, and the others who must not notice.
 
-#include <sys/resource.h>
-
-#include <chrono>
-#include <thread>
-
 #include "tests/e2e/helper_fixture.h"
 
 namespace lumora::tests {
@@ -61,22 +56,6 @@ TEST_F(Stream, AClientThatNeverAcknowledgesIsDroppedAndTheOtherGetsEveryFrame) {
   });
   EXPECT_EQ(stats["max_unacked_observed"], 6);
   EXPECT_GE(frames, 6);
-}
-
-TEST_F(Stream, RunningOutOfDescriptorsCostsOnlyTime) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "the check of virtual calls needs descriptors of its own";
-#endif
-  start();
-  rlimit usual{};
-  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, nullptr, &usual), 0);
-  const rlimit none{3, usual.rlim_max};
-  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
-  const auto viewer = connect();  // as far as the kernel is concerned
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
-  viewer->sayHello(token);
-  waitForStatistics([](const Event& event) { return event["clients"] == 1; });
 }
 
 }  // namespace

@@ -12,6 +12,7 @@ enum class Call {
   createBuffer,
   convert,
   submit,
+  exists,
   createWriter,
   canAdd,
   startWriting,

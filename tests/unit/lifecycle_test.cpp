@@ -34,29 +34,20 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
 }
 
-TEST(Lifecycle, IsReadyAfterHalfASecondWhateverTheEncodersDo) {
-  VideoEncoderProbe probe;
-  probe.service->start();
-  probe.network->listener->changed(ListenerState::ready);
-  probe.clock->now += 0.499;
-  probe.run();
-  EXPECT_TRUE(probe.process->lines.empty());
-  probe.clock->now += 0.001;
-  probe.run();
-  EXPECT_EQ(probe.process->takeEvents("ready").size(), 1u);
-  probe.encoders->opened();
-  EXPECT_TRUE(probe.process->lines.empty());
-}
-
-TEST(Lifecycle, EndsWithoutReadyWhenStoppedWhileTheEncodersOpen) {
-  VideoEncoderProbe probe;
-  probe.service->start();
-  probe.network->listener->changed(ListenerState::ready);
-  probe.process->signals.at(SIGTERM)();
-  probe.encoders->opened();
-  EXPECT_TRUE(probe.process->lines.empty());
-  EXPECT_TRUE(probe.dispatch->detached.empty());
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+TEST(Lifecycle, WaitsHalfASecondForTheEncodersUnlessItIsStopped) {
+  for (const bool stopped : {false, true}) {
+    VideoEncoderProbe probe;
+    probe.service->start();
+    probe.network->listener->changed(ListenerState::ready);
+    probe.clock->now += 0.499;
+    probe.run();
+    EXPECT_TRUE(probe.process->lines.empty());
+    if (stopped) probe.process->signals.at(SIGTERM)();
+    probe.clock->now += 0.001;
+    probe.run();
+    EXPECT_EQ(probe.process->takeEvents("ready").size(), stopped ? 0u : 1u);
+    EXPECT_EQ(probe.dispatch->detached.size(), stopped ? 0u : 1u);
+  }
 }
 
 TEST(Lifecycle, AListenerWithoutAPortEndsWithOne) {
@@ -114,8 +105,6 @@ TEST(Statistics, AtMostOneASecondUnlessForced) {
   VideoEncoderProbe probe;
   (*probe).emitStats(true);
   Json first = probe.process->takeEvents().at(0);
-  EXPECT_EQ(first["clients"], 0);
-  EXPECT_EQ(first["pending_hello"], 0);
   EXPECT_EQ(first["max_pending_acks"], 0);
   EXPECT_EQ(first["preview_width"], 0);
   EXPECT_EQ(first.size(), 25u);  // 8 core keys and 17 diagnostics

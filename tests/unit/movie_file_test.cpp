@@ -226,16 +226,6 @@ TEST(MovieFile, PageBoundariesNeverCutAFragmentsHead) {
   }
 }
 
-TEST(MovieFile, AnHourHasAllItsSamples) {
-  Written movie;
-  movie.fill(216000);
-  movie.finish(216000000);
-  const Read read = readMovie(movie.disk->bytes);
-  EXPECT_EQ(read.times.size(), 216000u);
-  EXPECT_EQ(read.times.back(), 215999000);
-  EXPECT_EQ(read.duration, 216000000);
-}
-
 TEST(MovieFile, EveryFailingCallIsReportedInWords) {
   // The disk fails at its first call, its second, its third, until a movie gets through.
   int failAfter = 0;

@@ -105,21 +105,17 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
     EXPECT_EQ(events[0].size(), 10u);
   }
   EXPECT_TRUE(probe.process->exitCodes.empty());
-  start({{"resolution", "640x360"}, {"target_fps", 30.0}, {"started_at", 1000.04}});
+  start({{"resolution", "640x360"},
+         {"target_fps", 30.0},
+         {"started_at", 1000.04},
+         {"cadence", "steady"}});
+  EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::steady);
   const auto second = send({{"type", "record_start"}, {"path", "/b.mp4"}});
   EXPECT_EQ(second.at(0)["error"], state);
   EXPECT_EQ(second.at(0)["path"], "/b.mp4");
   EXPECT_TRUE(isRecordingDestination("/" + std::string(2995, 'a') + ".mp4"));
-  EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::grid);
-}
-
-TEST_F(Takes, ASteadyCadenceIsOnRequestOnly) {
-  for (const Json& name : {Json("steady"), Json("grid"), Json(1)}) {
-    probe.restart();
-    start({{"cadence", name}});
-    EXPECT_EQ(probe.take()->cadence.rule,
-              name == "steady" ? CadenceRule::steady : CadenceRule::grid);
-  }
+  for (const Json& other : {Json::object(), Json{{"cadence", "grid"}}, Json{{"cadence", 1}}})
+    EXPECT_EQ(requestedCadence(other), CadenceRule::grid);
 }
 
 TEST_F(Takes, TheFirstSampleStandsAtZeroAndEachLastsUntilTheNext) {
@@ -200,7 +196,8 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
   };
   const std::string full = "No space left on device";
   for (const auto& [call, problem, message] :
-       {Case{Call::createWriter, {}, "Permission denied"},
+       {Case{Call::exists, {}, "invalid or existing recording destination"},
+        {Call::createWriter, {}, "Permission denied"},
         {Call::canAdd, {}, "recording format unavailable"},
         {Call::startWriting, {}, "recording writer failed"},
         {Call::startWriting, full, "No space left on device"},

@@ -75,13 +75,11 @@ TEST(SteadyCadence, AdmitsWhatTheTargetHasRoomForAndNeverMore) {
     int target;
     std::array<double, 3> percent;  // admitted, with 0.1, 1 and 3 ms of jitter
   };
-  for (const Case& c : {Case{30, 30, {100, 100, 99.9}},
-                        {60, 60, {100, 100, 99.9}},
-                        {29.97, 30, {100, 100, 99.7}},
-                        {59.94, 60, {100, 100, 98.5}},
-                        {60, 30, {50, 50, 50}},
-                        {60, 45, {75, 75, 75}},
-                        {25, 60, {100, 100, 100}}}) {
+  const Case cases[] = {{30, 30, {100, 100, 99.9}},    {60, 60, {100, 100, 99.9}},
+                        {29.97, 30, {100, 100, 99.7}}, {59.94, 60, {100, 100, 98.5}},
+                        {60, 30, {50, 50, 50}},        {60, 45, {75, 75, 75}},
+                        {25, 60, {100, 100, 100}}};
+  for (const Case& c : cases) {
     for (std::size_t i = 0; i < 3; ++i) {
       const auto times = cameraTimes(c.camera, std::array{1e-4, 1e-3, 3e-3}[i]);
       const auto admitted = admittedSteadily(c.target, times);
