@@ -89,6 +89,7 @@ void VideoEncoder::fail(const std::string& message) {
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
+  platform.process->exitAfter(shutdownTimeout, code);
   if (!movie && !movieFinishing) return exitNow(code);
   pendingMovieStop = uptime();
   finishMovieIfReady();

@@ -85,6 +85,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
     std::uint32_t infoFlags = 0;
     std::shared_ptr<const EncodedSample> sample;
     double submitted = 0;  // uptime seconds
+
+    // Throws EncoderFailure unless there is a sample; `what` names the encoding in its text.
+    void require(const char* what) const;
   };
   using OutcomeHandler = std::function<void(VideoEncoder&, const Encoded&)>;
   Status submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer, RationalTime time,

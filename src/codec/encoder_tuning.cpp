@@ -63,7 +63,8 @@ CodecOptions lowLatencyOptions(const CodecChoice& choice, const EncoderSettings&
   if (codec == "h264_qsv") {
     return {{"profile", profile}, {"async_depth", "1"}, {"forced_idr", "1"}};
   }
-  if (codec == "h264_vaapi") return {{"profile", constrained}};
+  // More depth holds pictures back.
+  if (codec == "h264_vaapi") return {{"profile", constrained}, {"async_depth", "1"}};
   return {};
 }
 

@@ -66,7 +66,7 @@ bool EncodingWorker::encodeAll(LibavEncoder* encoder, Status opened) {
     const Status status =
         encoder != nullptr ? encode(*encoder, job, std::move(job.buffer), sample) : opened;
     sound = sound && status == 0;
-    job.handler(status, 0, std::move(sample));
+    job.handler(status, encoder != nullptr ? 0 : infoNotPrepared, std::move(sample));
     job = {};
     hold.lock();
     busy_ = false;

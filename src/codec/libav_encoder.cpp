@@ -29,6 +29,7 @@ bool accepts(const AVCodec& codec, AVPixelFormat format) {
 
 // 4:2:0 in system memory where the encoder takes it, else NV12 through an upload.
 AVPixelFormat inputFormat(const AVCodec& codec) {
+  if (codec.pix_fmts == nullptr) return AV_PIX_FMT_NV12;  // V4L2: what the driver takes shows later
   if (accepts(codec, AV_PIX_FMT_YUV420P)) return AV_PIX_FMT_YUV420P;
   if (accepts(codec, AV_PIX_FMT_NV12)) return AV_PIX_FMT_NV12;
   if (accepts(codec, AV_PIX_FMT_VAAPI)) return AV_PIX_FMT_VAAPI;

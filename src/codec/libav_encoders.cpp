@@ -1,6 +1,7 @@
 #include "codec/libav_encoders.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -18,6 +19,7 @@ const std::vector<std::string>& hardwareEncoders() {
 }
 
 constexpr const char* softwareEncoder = "libx264";
+constexpr std::chrono::seconds longestChoice{1};
 
 std::vector<std::string> candidates(const std::string& choice) {
   if (choice == "software") return {softwareEncoder};
@@ -100,6 +102,8 @@ void LibavEncoders::whenOpen(Work work) {
 Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                     const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
+  // A driver that hangs must not hold the state queue.
+  if (codec_.wait_for(longestChoice) != std::future_status::ready) return AVERROR(ETIMEDOUT);
   const CodecChoice choice{codec_.get(), common_.preset, common_.pictures};
   if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   session = std::make_shared<LibavSession>(choice, kind, width, height, spares_);

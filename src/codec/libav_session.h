@@ -25,7 +25,7 @@ class LibavSession final : public CompressionSession {
   LibavSession& operator=(const LibavSession&) = delete;
 
   Status setProperty(SessionProperty property, const PropertyValue& value) override;
-  // Begins to open the encoder. That it can't be opened shows as the status of the first frame.
+  // Begins to open the encoder.
   Status prepareToEncodeFrames() override;
   PixelBufferPool* pixelBufferPool() override { return &pool_; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,

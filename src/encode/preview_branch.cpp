@@ -45,9 +45,7 @@ void VideoEncoder::previewEncoded(const Encoded& encoded, std::uint64_t id) {
   if (!running) return;
   encodeMilliseconds = millisecondsSince(encoded.submitted);
   try {
-    if (encoded.status != 0 || !encoded.sample) {
-      throw EncoderFailure::status("frame encoding", encoded.status);
-    }
+    encoded.require("frame encoding");
     deliver(*encoded.sample, id);
   } catch (const EncoderFailure& failure) {
     fail(failure.description());

@@ -67,9 +67,7 @@ void VideoEncoder::recordingEncoded(const Encoded& encoded,
       recordingForceIDR = true;
       return;
     }
-    if (encoded.status != 0 || !encoded.sample) {
-      throw EncoderFailure::status("camera encoding", encoded.status);
-    }
+    encoded.require("camera encoding");
     const bool keyframe = recordingKeyframe(*encoded.sample);
     ++recordingEncodedFrames;
     if (!take->append(encoded.sample, capturedAt, keyframe)) recordingForceIDR = true;

@@ -3,8 +3,15 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "encode/encoder_failure.h"
 
 namespace lumora {
+
+void VideoEncoder::Encoded::require(const char* what) const {
+  if ((infoFlags & infoNotPrepared) != 0)
+    throw EncoderFailure::status("encoder preparation", status);
+  if (status != 0 || !sample) throw EncoderFailure::status(what, status);
+}
 
 // `handle` runs with the outcome on the state queue, then the frame's share of `completion` ends.
 // The session's handler only enqueues: a session reset waits for it on the state queue.

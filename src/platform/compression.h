@@ -57,6 +57,7 @@ struct FrameProperties {
 };
 
 constexpr std::uint32_t infoFrameDropped = 0x2;
+constexpr std::uint32_t infoNotPrepared = 0x100;  // the session could not be prepared after all
 
 class CompressionSession {
  public:
@@ -66,6 +67,8 @@ class CompressionSession {
 
   virtual ~CompressionSession() = default;
   virtual Status setProperty(SessionProperty property, const PropertyValue& value) = 0;
+  // May go on in the background: a failure then shows as the outcome of every frame, with
+  // `infoNotPrepared`.
   virtual Status prepareToEncodeFrames() = 0;
   virtual PixelBufferPool* pixelBufferPool() = 0;
   virtual Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,

@@ -5,7 +5,11 @@
 
 #include <boost/asio/signal_set.hpp>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
+
+#include "base/thread_name.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -90,6 +94,15 @@ void PosixProcess::exit(int code) {
   checkForLeaks();  // `_exit` skips the check that an instrumented process does at its end
 #endif
   _exit(code);
+}
+
+// An encoder that hangs holds the state queue in a flush, and with it everything that ends us.
+void PosixProcess::exitAfter(double seconds, int code) {
+  std::thread([seconds, code] {
+    nameThread("lumora.watchdog");
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    _exit(code);
+  }).detach();
 }
 
 }  // namespace lumora

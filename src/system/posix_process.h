@@ -15,6 +15,7 @@ class PosixProcess final : public Process {
   ssize_t writeOutput(ByteView text) override;
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override;
   void exit(int code) override;
+  void exitAfter(double seconds, int code) override;
 
  private:
   std::shared_ptr<AsioQueue> stateQueue_;

@@ -76,18 +76,6 @@ struct Disk : TakeTest {
   std::filesystem::path place;
 };
 
-TEST_F(Disk, RefusalsAreToldInWords) {
-  start();
-  path = place / "no such folder" / "take.mp4";
-  startTake();
-  feedPaced(5, 60);
-  EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
-  turnTo(place / (std::string(240, 'n') + ".mp4"));
-  startTake();
-  feedPaced(5, 60);
-  EXPECT_EQ(waitForTake("failed")["error"], "File name too long");
-}
-
 TEST_F(Disk, AFullOneFailsTheTakeAndThePreviewGoesOn) {
   const SmallDisk disk(place);
   if (!disk.isMounted()) GTEST_SKIP() << "cannot mount";

@@ -30,7 +30,6 @@ TEST_F(Stream, StrangersAreDroppedWithoutAnAnswer) {
   const auto silent = connect();
   EXPECT_TRUE(isDropped(*silent, 5));
   EXPECT_EQ(stream(*good, size, plain(size, {9, 9, 9}), 10).empty(), false);
-  EXPECT_FALSE(good->isClosed());
   EXPECT_EQ(waitForStatistics([](const Event& e) { return e["dropped_peers"] >= 6; })["clients"],
             1);
 }
@@ -50,7 +49,6 @@ TEST_F(Stream, AClientThatNeverAcknowledgesIsDroppedAndTheOtherGetsEveryFrame) {
     silent->receive(0.001);
   }
   EXPECT_TRUE(silent->isClosed());
-  EXPECT_FALSE(good->isClosed());
   const Event stats = waitForStatistics([](const Event& event) {
     return event["clients"] == 1 && event.contains("max_unacked_observed");
   });

@@ -96,13 +96,14 @@ TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
   const std::tuple<Status, std::shared_ptr<const EncodedSample>, const char*> cases[] = {
       {0, nullptr, "frame encoding failed (0)"},
       {-5, keySample(), "frame encoding failed (-5)"},
+      {-13, nullptr, "encoder preparation failed (-13)"},
       {0, std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr),
        "invalid encoded NAL size"}};
   for (const auto& [status, sample, message] : cases) {
     probe.restart();
     const auto client = probe.connectClient();
     probe.feed(1);
-    probe.lastSession().answer(status, sample);
+    probe.lastSession().answer(status, sample, status == -13 ? infoNotPrepared : 0);
     probe.run();
     EXPECT_EQ(error(), message);
     EXPECT_TRUE(client->sent.empty());

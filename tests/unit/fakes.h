@@ -117,6 +117,7 @@ struct FakeProcess final : Process, CanFail {
     return std::make_unique<FakeSource<SignalSource>>(signalsCancelled[signal]);
   }
   void exit(int code) override { exitCodes.push_back(code); }
+  void exitAfter(double seconds, int code) override { watchdog = {seconds, code}; }
 
   // The events written so far, oldest first, of one type or of all; forgets them all.
   std::vector<Json> takeEvents(const std::string& type = "") {
@@ -135,6 +136,7 @@ struct FakeProcess final : Process, CanFail {
   std::map<int, Work> signals;
   std::map<int, std::shared_ptr<bool>> signalsCancelled;
   std::vector<int> exitCodes;
+  std::pair<double, int> watchdog;
 };
 
 struct FakeConnection final : TcpConnection {
@@ -209,7 +211,7 @@ struct FakePool final : PixelBufferPool, CanFail {
 };
 
 // A session whose frames the test answers.
-struct FakeSession final : CompressionSession, CanFail {
+struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all)
       : CanFail(all), pool(width, height, all), size{width, height} {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {

@@ -1,10 +1,12 @@
 // Start, readiness, shutdown, and how often statistics are reported.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 
+#include "system/system_platform.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
@@ -120,6 +122,25 @@ TEST(Statistics, AtMostOneASecondUnlessForced) {
   probe.clock->now += 0.2;
   (*probe).emitStats(false);
   EXPECT_EQ(probe.process->takeEvents().at(0).size(), 25u);
+}
+
+// An encoder that hangs, behind a service on the real queue and in a real process.
+struct HangingSession : FakeSession {
+  using FakeSession::FakeSession;
+  void completeFrames() override { pause(); }
+};
+
+TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
+  const auto stopAndWait = [] {
+    const Platform platform = makeSystemPlatform("software");
+    const auto service = std::make_shared<VideoEncoder>(Configuration(), platform);
+    Failures none;
+    VideoEncoderProbe::setSession(*service, std::make_shared<HangingSession>(2, 2, none));
+    platform.stateQueue->async([&] { service->shutdown(7); });
+    for (;;) pause();
+  };
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
+  EXPECT_EXIT(stopAndWait(), testing::ExitedWithCode(7), "");
 }
 
 }  // namespace

@@ -43,6 +43,9 @@ struct VideoEncoderProbe {
   VideoEncoder& operator*() { return *service; }
   std::size_t peerCount() const { return service->peers.size(); }
   MovieRecorder* take() { return service->movie.get(); }
+  static void setSession(VideoEncoder& of, std::shared_ptr<CompressionSession> session) {
+    of.session = std::move(session);
+  }
   Peer& onlyPeer() { return *service->peers.begin()->second; }
 
   std::shared_ptr<Failures> failures = std::make_shared<Failures>();
