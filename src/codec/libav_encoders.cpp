@@ -82,6 +82,7 @@ LibavEncoders::LibavEncoders(const std::string& choice, std::shared_ptr<SerialQu
 
 void LibavEncoders::openAhead(const std::vector<EncoderSettings>& settings) {
   spares_->expect(settings);
+  if (chosen_) chosenBy_ = std::chrono::steady_clock::now() + longestChoice;
   opener_->async([settings, names = names_, common = common_, spares = spares_, codec = codec_,
                   chosen = std::exchange(chosen_, nullptr)] {
     if (chosen) chosen->set_value(chooseEncoder(names, common, settings, *spares));
@@ -102,9 +103,11 @@ void LibavEncoders::whenOpen(Work work) {
 Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                     const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
-  // A driver that hangs must not hold the state queue.
-  if (codec_.wait_for(longestChoice) != std::future_status::ready) return AVERROR(ETIMEDOUT);
-  const CodecChoice choice{codec_.get(), common_.preset, common_.pictures};
+  CodecChoice choice = common_;
+  if (codec_.wait_until(chosenBy_) == std::future_status::ready)
+    choice.codec = codec_.get();
+  else if (names_.back() == softwareEncoder)  // a driver that hangs is not waited for
+    choice.codec = avcodec_find_encoder_by_name(softwareEncoder);
   if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   session = std::make_shared<LibavSession>(choice, kind, width, height, spares_);
   return 0;

@@ -4,6 +4,7 @@
 // thread of their own, the opener's; the first time it opens some, it chooses: it opens one
 // candidate after the other and has it encode, until one works.
 
+#include <chrono>
 #include <future>
 #include <string>
 #include <vector>
@@ -34,6 +35,7 @@ class LibavEncoders final : public Encoders {
   CodecChoice common_{nullptr, {}, {}};
   std::shared_ptr<std::promise<const AVCodec*>> chosen_;  // until somebody is about to choose
   std::shared_future<const AVCodec*> codec_;
+  std::chrono::steady_clock::time_point chosenBy_;  // later, sessions go without the choice
 };
 
 }  // namespace lumora

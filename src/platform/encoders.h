@@ -18,7 +18,7 @@ class Encoders {
  public:
   virtual ~Encoders() = default;
   // A session for `width` × `height` BGRA buffers; null or a status when there can be none. Waits
-  // until the encoder of the run is chosen, for a second at most.
+  // until the encoder of the run is chosen, but for no more than a second of the whole run.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;

@@ -6,6 +6,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <cerrno>
 #include <chrono>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -90,6 +91,7 @@ std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
 
 // No destructor may race the reader, which is blocked in `read`.
 void PosixProcess::exit(int code) {
+  *ending_ = true;
 #if defined(__SANITIZE_ADDRESS__)
   checkForLeaks();  // `_exit` skips the check that an instrumented process does at its end
 #endif
@@ -98,11 +100,15 @@ void PosixProcess::exit(int code) {
 
 // An encoder that hangs holds the state queue in a flush, and with it everything that ends us.
 void PosixProcess::exitAfter(double seconds, int code) {
-  std::thread([seconds, code] {
-    nameThread("lumora.watchdog");
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    _exit(code);
-  }).detach();
+  try {
+    std::thread([seconds, code, ending = ending_] {
+      nameThread("lumora.watchdog");
+      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+      if (!*ending) _exit(code);
+    }).detach();
+  } catch (const std::system_error&) {
+    // No thread to be had: the shutdown goes on unwatched.
+  }
 }
 
 }  // namespace lumora

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "platform/process.h"
@@ -19,6 +20,7 @@ class PosixProcess final : public Process {
 
  private:
   std::shared_ptr<AsioQueue> stateQueue_;
+  std::shared_ptr<std::atomic<bool>> ending_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace lumora

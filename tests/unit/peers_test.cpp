@@ -218,6 +218,7 @@ TEST_F(Peers, RemovalCountsOnceAndLateCallbacksDoNothing) {
   const auto stats = probe.process->takeEvents("stats");
   ASSERT_EQ(stats.size(), 1u);
   EXPECT_EQ(stats[0]["dropped_peers"], 1);
+  EXPECT_EQ(stats[0]["clients"], 0);
   const auto leaving = probe.connectClient();
   leaving->deliver("", true);
   EXPECT_TRUE(leaving->cancelled);

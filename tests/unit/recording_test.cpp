@@ -214,6 +214,7 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
     for (const auto& made : probe.movies->writers) EXPECT_EQ(made->state, WriterStatus::cancelled);
     EXPECT_EQ(probe.files->removed.size(), probe.movies->writers.size());
     EXPECT_TRUE(probe.lastSession().invalidated);
+    EXPECT_TRUE(probe.process->exitCodes.empty());
     start();  // the next take may begin
   }
 }
@@ -303,6 +304,7 @@ TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   EXPECT_TRUE(recording.invalidated);  // with the release of the frame
   EXPECT_EQ(client->sent.size(), 1u);
   EXPECT_EQ(probe.statistics()["record_encoder_failures"], 1);
+  EXPECT_TRUE(probe.process->exitCodes.empty());
 }
 
 TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {
