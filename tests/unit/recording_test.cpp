@@ -61,22 +61,6 @@ struct Takes : testing::Test {
 };
 using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
-TEST_F(Takes, MalformedCommandsAreFatal) {
-  const std::string id = R"(,"id":")" + takeID + "\"}";
-  const std::string pause = R"({"type":"pause")" + id;
-  for (const std::string& text : std::initializer_list<std::string>{
-           "x", "[]", R"({"type":"record_start"})",
-           R"({"type":"record_start","id":"6f9619ff8b86d011b42d00cf4fc964ff"})",
-           R"({"type":"record_start","id":"6f9619ff-8b86-d011-b42d-00cf4fc964fg"})",
-           R"({"type":1)" + id, pause}) {
-    VideoEncoderProbe fresh;
-    (*fresh).recordingCommand(Bytes(text.begin(), text.end()));
-    EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"],
-              text == pause ? "unknown recording command" : "invalid recording command");
-    EXPECT_EQ(fresh.process->exitCodes, std::vector<int>{1});
-  }
-}
-
 TEST_F(Takes, RefusedStartsChangeNothing) {
   const char* profile = "recording resolution or target frame rate is invalid";
   const char* time = "recording start time is invalid";

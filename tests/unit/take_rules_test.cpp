@@ -1,4 +1,4 @@
-// The rules of takes that need no machine: key frames, cadence, the movie's end, the relay.
+// Rules of takes, each by itself: commands, key frames, cadence, the movie's end, the relay.
 
 #include <gmock/gmock.h>
 
@@ -12,10 +12,26 @@
 #include "record/movie_timing.h"
 #include "record/recording_cadence.h"
 #include "record/take_event.h"
-#include "tests/unit/samples.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
+
+TEST(Commands, MalformedOnesAreFatal) {
+  const std::string id = R"(,"id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})";
+  const std::string pause = R"({"type":"pause")" + id;
+  for (const std::string& text : std::initializer_list<std::string>{
+           "x", "[]", R"({"type":"record_start"})",
+           R"({"type":"record_start","id":"6f9619ff8b86d011b42d00cf4fc964ff"})",
+           R"({"type":"record_start","id":"6f9619ff-8b86-d011-b42d-00cf4fc964fg"})",
+           R"({"type":1)" + id, pause}) {
+    VideoEncoderProbe fresh;
+    (*fresh).recordingCommand(Bytes(text.begin(), text.end()));
+    EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"],
+              text == pause ? "unknown recording command" : "invalid recording command");
+    EXPECT_EQ(fresh.process->exitCodes, std::vector<int>{1});
+  }
+}
 
 TEST(RecordingKeyframe, ChecksTheSample) {
   EXPECT_TRUE(recordingKeyframe(*makeSample({0x67, 0x68, 0x65})));
