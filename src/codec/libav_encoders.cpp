@@ -104,12 +104,16 @@ Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::i
                                     const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
   CodecChoice choice = common_;
-  if (codec_.wait_until(chosenBy_) == std::future_status::ready)
+  auto spares = spares_;
+  if (codec_.wait_until(chosenBy_) == std::future_status::ready) {
     choice.codec = codec_.get();
-  else if (names_.back() == softwareEncoder)  // a driver that hangs is not waited for
+  } else if (names_.back() == softwareEncoder) {
+    // A driver that hangs is not waited for, nor are the spare encoders that would come after it.
     choice.codec = avcodec_find_encoder_by_name(softwareEncoder);
+    spares = std::make_shared<SpareEncoders>();
+  }
   if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
-  session = std::make_shared<LibavSession>(choice, kind, width, height, spares_);
+  session = std::make_shared<LibavSession>(choice, kind, width, height, std::move(spares));
   return 0;
 }
 

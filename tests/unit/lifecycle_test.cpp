@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 
 #include "system/system_platform.h"
 #include "tests/unit/probe.h"
@@ -127,7 +128,10 @@ TEST(Statistics, AtMostOneASecondUnlessForced) {
 // An encoder that hangs, behind a service on the real queue and in a real process.
 struct HangingSession : FakeSession {
   using FakeSession::FakeSession;
-  void completeFrames() override { pause(); }
+  void completeFrames() override {
+    std::fputs("flushing", stderr);
+    pause();
+  }
 };
 
 TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
@@ -140,7 +144,7 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
     for (;;) pause();
   };
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
-  EXPECT_EXIT(stopAndWait(), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(stopAndWait(), testing::ExitedWithCode(7), "flushing");
 }
 
 }  // namespace
