@@ -87,10 +87,10 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
   context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
   context.thread_type = FF_THREAD_SLICE;
   context.thread_count = sliceThreads(settings);
-  // libyuv's matrix and range; cameras deliver sRGB pixels.
+  // What the conversion to 4:2:0 makes of a camera's sRGB pixels.
   context.color_primaries = AVCOL_PRI_BT709;
   context.color_trc = AVCOL_TRC_IEC61966_2_1;
-  context.colorspace = AVCOL_SPC_SMPTE170M;
+  context.colorspace = AVCOL_SPC_BT709;
   context.color_range = AVCOL_RANGE_MPEG;
 }
 

@@ -5,7 +5,6 @@ extern "C" {
 #include <libavutil/imgutils.h>
 #include <libavutil/log.h>
 }
-#include <libyuv.h>
 
 #include <algorithm>
 
@@ -14,6 +13,7 @@ extern "C" {
 #include "h264/annex_b.h"
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
+#include "picture/bgra_to_yuv.h"
 
 namespace lumora {
 namespace {
@@ -123,15 +123,13 @@ Status LibavEncoder::load(const MutableImageView& view) {
     const Status status = allocatePicture();
     if (status < 0) return status;
   }
-  AVFrame& to = *picture_;
-  const int stride = static_cast<int>(view.stride);
-  const int converted =
-      to.format == AV_PIX_FMT_NV12
-          ? libyuv::ARGBToNV12(view.pixels, stride, to.data[0], to.linesize[0], to.data[1],
-                               to.linesize[1], to.width, to.height)
-          : libyuv::ARGBToI420(view.pixels, stride, to.data[0], to.linesize[0], to.data[1],
-                               to.linesize[1], to.data[2], to.linesize[2], to.width, to.height);
-  return converted == 0 ? 0 : AVERROR(EINVAL);
+  const ImageView bgra{view.pixels, picture_->width, picture_->height, view.stride};
+  const auto plane = [this](int i) { return Plane{picture_->data[i], picture_->linesize[i]}; };
+  if (picture_->format == AV_PIX_FMT_NV12)
+    convertToNV12(bgra, plane(0), plane(1));
+  else
+    convertToI420(bgra, plane(0), plane(1), plane(2));
+  return 0;
 }
 
 Status LibavEncoder::upload() {

@@ -70,7 +70,8 @@ TEST_F(Preview, IsBaselineWithoutReorderingAndKeyFramesInTime) {
       outputOf("ffprobe -v error -show_streams -show_frames -of compact " + writeStream(packets));
   EXPECT_THAT(probe, HasSubstr("profile=Constrained Baseline"));
   EXPECT_THAT(probe, HasSubstr("has_b_frames=0"));
-  EXPECT_THAT(probe, HasSubstr("color_range=tv|color_space=smpte170m"));
+  EXPECT_THAT(probe, HasSubstr("color_range=tv|color_space=bt709|color_transfer=iec61966-2-1|"
+                               "color_primaries=bt709"));
 }
 
 TEST_F(Preview, FollowsTheCameraToAnotherSize) {

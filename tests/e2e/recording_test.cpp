@@ -36,7 +36,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
     EXPECT_GE(frames, 1);
     EXPECT_LE(frames, 22);  // 0.7 s at 30 a second
     EXPECT_EQ(file["nb_frames"], file["nb_read_frames"]);
-    EXPECT_EQ(file["color_space"], "smpte170m");
+    EXPECT_EQ(file["color_space"], "bt709");
     EXPECT_EQ(decodeErrors(path), "");
     EXPECT_EQ(fileCount(), 1u);
     EXPECT_EQ(finish(), 0);

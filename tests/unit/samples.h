@@ -21,7 +21,7 @@ inline std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::ui
   }
   const auto format = std::make_shared<MemoryFormatDescription>(
       Bytes{0x67, 0x64, 0x00, 0x1F, 0xAC}, Bytes{0x68, 0xEE, 0x3C, 0x80}, 320, 240,
-      ColourDescription{1, 13, 6, false});
+      ColourDescription{1, 13, 1, false});
   return std::make_shared<MemorySample>(data, format);
 }
 

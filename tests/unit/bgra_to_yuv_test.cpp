@@ -1,0 +1,125 @@
+// The conversion to 4:2:0 beside real arithmetic, on every instruction set that this machine has.
+
+#include <gtest/gtest.h>
+#include <hwy/targets.h>
+
+#include <cmath>
+#include <functional>
+#include <random>
+
+#include "base/bytes.h"
+#include "picture/bgra_to_yuv.h"
+
+namespace lumora {
+namespace {
+
+void onEveryTarget(const std::function<void()>& check) {
+  for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+    SCOPED_TRACE(hwy::TargetName(target));
+    hwy::SetSupportedTargetsForTest(target);
+    check();
+  }
+  hwy::SetSupportedTargetsForTest(0);
+}
+
+struct Yuv {
+  double y, u, v;
+};
+
+Yuv exact(double r, double g, double b) {
+  const double y = 0.2126 * r + 0.7152 * g + 0.0722 * b;
+  return {16 + y * 219 / 255, 128 + (b - y) / 1.8556 * 224 / 255,
+          128 + (r - y) / 1.5748 * 224 / 255};
+}
+
+// One column wider than the picture, for what must not be written.
+struct Samples {
+  Samples(std::int64_t width, std::int64_t height)
+      : stride(width + 1), bytes(static_cast<std::size_t>(stride * height), 7) {}
+  Plane plane() { return {bytes.data(), stride}; }
+  int at(std::int64_t x, std::int64_t y) const {
+    return bytes[static_cast<std::size_t>(y * stride + x)];
+  }
+  std::int64_t stride;
+  Bytes bytes;
+};
+
+TEST(BgraToYuv, EveryColourComesBackAndGreysAreExact) {
+  onEveryTarget([] {
+    const auto steps = [](int i) { return static_cast<std::uint8_t>(i % 18 * 15); };
+    for (int i = 0; i < 18 * 18 * 18; ++i) {
+      const std::uint8_t colour[] = {steps(i), steps(i / 18), steps(i / 324), 0};
+      Bytes bgra;
+      for (int pixel = 0; pixel < 128; ++pixel) bgra.insert(bgra.end(), colour, colour + 4);
+      Samples y(64, 2), u(32, 1), v(32, 1);
+      convertToI420({bgra.data(), 64, 2, 256}, y.plane(), u.plane(), v.plane());
+      const double luma = (y.at(63, 1) - 16) / 219.0;
+      const double blue = luma + (u.at(31, 0) - 128) / 224.0 * 1.8556;
+      const double red = luma + (v.at(31, 0) - 128) / 224.0 * 1.5748;
+      const double green = (luma - 0.2126 * red - 0.0722 * blue) / 0.7152;
+      ASSERT_NEAR(std::round(blue * 255), colour[0], 2);
+      ASSERT_NEAR(std::round(green * 255), colour[1], 2);
+      ASSERT_NEAR(std::round(red * 255), colour[2], 2);
+      if (colour[0] != colour[1] || colour[1] != colour[2]) continue;
+      ASSERT_EQ(y.at(0, 0), std::lround(16 + colour[0] * 219 / 255.0));
+      ASSERT_EQ(u.at(0, 0), 128);
+      ASSERT_EQ(v.at(0, 0), 128);
+    }
+  });
+}
+
+TEST(BgraToYuv, IsExactWithinRoundingAtEverySize) {
+  std::mt19937 random(7);
+  onEveryTarget([&random] {
+    double error = 0;
+    int count = 0;
+    for (const int width : {1, 2, 3, 15, 16, 17, 18, 31, 33, 63, 64, 65, 66, 127, 129, 190}) {
+      for (const int height : {1, 2, 3, 6}) {
+        const std::ptrdiff_t stride = width * 4 + 4;
+        Bytes bgra(static_cast<std::size_t>(stride * height));
+        for (std::uint8_t& byte : bgra) byte = static_cast<std::uint8_t>(random());
+        const int columns = (width + 1) / 2;
+        const int rows = (height + 1) / 2;
+        Samples y(width, height), u(columns, rows), v(columns, rows);
+        convertToI420({bgra.data(), width, height, stride}, y.plane(), u.plane(), v.plane());
+        const auto exactAt = [&](int column, int row) {  // beyond the edge the edge goes on
+          const std::uint8_t* p = bgra.data() + std::min(row, height - 1) * stride +
+                                  std::clamp(column, 0, width - 1) * 4;
+          return exact(p[2], p[1], p[0]);
+        };
+        for (int row = 0; row < height; ++row) {
+          for (int x = 0; x < width; ++x) ASSERT_NEAR(y.at(x, row), exactAt(x, row).y, 0.66);
+          ASSERT_EQ(y.at(width, row), 7);
+        }
+        for (int row = 0; row < rows; ++row) {
+          for (int x = 0; x < columns; ++x) {
+            Yuv sum{0, 0, 0};
+            for (const auto& [offset, weight] : {std::pair{-1, 0.125}, {0, 0.25}, {1, 0.125}}) {
+              for (const int line : {row * 2, row * 2 + 1}) {
+                sum.u += weight * exactAt(x * 2 + offset, line).u;
+                sum.v += weight * exactAt(x * 2 + offset, line).v;
+              }
+            }
+            ASSERT_NEAR(u.at(x, row), sum.u, 1.06) << width << "x" << height << " at " << x;
+            ASSERT_NEAR(v.at(x, row), sum.v, 1.06) << width << "x" << height << " at " << x;
+            error += u.at(x, row) - sum.u + v.at(x, row) - sum.v;
+            count += 2;
+          }
+          ASSERT_EQ(u.at(columns, row), 7);
+          ASSERT_EQ(v.at(columns, row), 7);
+        }
+        Samples same(width, height), uv(columns * 2, rows);
+        convertToNV12({bgra.data(), width, height, stride}, same.plane(), uv.plane());
+        ASSERT_EQ(same.bytes, y.bytes);
+        for (int x = 0; x < columns; ++x) {
+          ASSERT_EQ(uv.at(x * 2, rows - 1), u.at(x, rows - 1));
+          ASSERT_EQ(uv.at(x * 2 + 1, rows - 1), v.at(x, rows - 1));
+        }
+      }
+    }
+    EXPECT_NEAR(error / count, 0, 0.02);
+  });
+}
+
+}  // namespace
+}  // namespace lumora
