@@ -5,6 +5,8 @@
 namespace lumora::bench {
 namespace {
 
+const std::string matrix = "out_color_matrix=bt709";
+
 std::vector<std::string> words(const std::string& text) {
   std::istringstream stream(text);
   std::vector<std::string> result;
@@ -42,19 +44,20 @@ std::string gstreamerEncoder(const std::string& preset, const std::string& profi
 std::vector<std::string> ffmpegCommand(client::FrameSize size, const std::string& preset,
                                        const Outputs& outputs) {
   return ffmpeg(size, preset, outputs,
-                "[0]vflip,split[a][b];[a]scale=640:360:flags=area,format=yuv420p[p];"
-                "[b]format=yuv420p[t]");
+                "[0]vflip,split[a][b];[a]scale=640:360:flags=area:" + matrix +
+                    ",format=yuv420p[p];" + "[b]scale=" + matrix + ",format=yuv420p[t]");
 }
 
 std::vector<std::string> ffmpegOnceCommand(client::FrameSize size, const std::string& preset,
                                            const Outputs& outputs) {
-  return ffmpeg(size, preset, outputs,
-                "[0]vflip,format=yuv420p,split[a][t];[a]scale=640:360:flags=area[p]");
+  return ffmpeg(
+      size, preset, outputs,
+      "[0]vflip,scale=" + matrix + ",format=yuv420p,split[a][t];[a]scale=640:360:flags=area[p]");
 }
 
 std::vector<std::string> gstreamerCommand(client::FrameSize size, const std::string& preset,
                                           const Outputs& outputs) {
-  const std::string format = "video/x-raw,format=I420,colorimetry=bt601";
+  const std::string format = "video/x-raw,format=I420,colorimetry=bt709";
   return words("gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(size.bytes()) +
                " ! rawvideoparse format=rgba width=" + std::to_string(size.width) +
                " height=" + std::to_string(size.height) +

@@ -10,6 +10,7 @@
 
 #include "base/picture_memory.h"
 #include "encode/picture_size.h"
+#include "picture/bgra_to_yuv.h"
 #include "picture/system_image_converter.h"
 
 namespace lumora {
@@ -62,28 +63,43 @@ void pairs(benchmark::internal::Benchmark* bench) {
   }
 }
 
-// Permutation and flip, then 4:2:0: everything that happens to a picture that is not scaled.
-void permuteAndSubsample(benchmark::State& state) {
-  const PictureSize size{1920, 1080};
-  const PictureMemory source = picture(size);
+// To 4:2:0 with `convertPicture(bgra, y, u, v)`.
+template <typename Convert>
+void subsample(benchmark::State& state, Convert convertPicture) {
+  const PictureSize size{state.range(0), state.range(1)};
   const PictureMemory bgra = picture(size);
   const PictureMemory planes = picture(size);
-  std::uint8_t* u = planes.get() + size.width * size.height;
-  std::uint8_t* v = u + size.width * size.height / 4;
-  SystemImageConverter images;
-  const int width = static_cast<int>(size.width);
+  const Plane y{planes.get(), size.width};
+  const Plane u{y.samples + size.width * size.height, size.width / 2};
+  const Plane v{u.samples + size.width * size.height / 4, size.width / 2};
   for (auto _ : state) {
-    images.convert({source.get(), size.width, size.height, size.width * 4},
-                   {bgra.get(), size.width, size.height, size.width * 4});
-    libyuv::ARGBToI420(bgra.get(), width * 4, planes.get(), width, u, width / 2, v, width / 2,
-                       width, static_cast<int>(size.height));
+    convertPicture({bgra.get(), size.width, size.height, size.width * 4}, y, u, v);
     benchmark::ClobberMemory();
+  }
+}
+
+void toBT709(benchmark::State& state) { subsample(state, convertToI420); }
+
+// libyuv's, for BT.601; it has none for BT.709.
+void toBT601(benchmark::State& state) {
+  subsample(state, [](const ImageView& bgra, Plane y, Plane u, Plane v) {
+    const int width = static_cast<int>(bgra.width);
+    libyuv::ARGBToI420(bgra.pixels, width * 4, y.samples, width, u.samples, width / 2, v.samples,
+                       width / 2, width, static_cast<int>(bgra.height));
+  });
+}
+
+void sizes(benchmark::internal::Benchmark* bench) {
+  bench->Unit(benchmark::kMillisecond);
+  for (const PictureSize size : {PictureSize{1920, 1080}, {1080, 720}, {640, 360}}) {
+    bench->Args({size.width, size.height});
   }
 }
 
 BENCHMARK(convert)->Apply(pairs);
 BENCHMARK(copySource)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({1280, 720});
-BENCHMARK(permuteAndSubsample)->Unit(benchmark::kMillisecond);
+BENCHMARK(toBT709)->Apply(sizes);
+BENCHMARK(toBT601)->Apply(sizes);
 
 }  // namespace
 }  // namespace lumora

@@ -16,7 +16,8 @@ double measureSSIM(const std::string& path, CameraClip& clip,
   const std::string result = path + ".ssim";
   std::ostringstream filter;
   filter << "[0]vflip,scale=" << wanted
-         << ":force_original_aspect_ratio=decrease:flags=lanczos+accurate_rnd+full_chroma_int,pad="
+         << ":force_original_aspect_ratio=decrease:flags=lanczos+accurate_rnd+full_chroma_int"
+            ":out_color_matrix=bt709,pad="
          << wanted << ":-1:-1,format=yuv420p,settb=1/60,setpts=N[source];"
          << "[1]format=yuv420p,settb=1/60,setpts=N[made];[made][source]ssim";
   runPipeline({"sh", "-c",
