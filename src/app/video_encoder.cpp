@@ -8,6 +8,7 @@
 #include "app/event.h"
 #include "base/limits.h"
 #include "encode/session_settings.h"
+#include "record/recording_profile.h"
 
 namespace lumora {
 
@@ -21,7 +22,8 @@ VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services
       exactPreviewDimensions(configuration.exactPreviewDimensions) {}
 
 void VideoEncoder::start() {
-  platform.encoders->openAhead(expectedSessions({previewWidth, previewHeight}));
+  platform.encoders->prepare(
+      sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS));
   const auto weak = weak_from_this();
   listener = platform.network->makeListener(host, port);
   listener->setConnectionHandler([weak](std::shared_ptr<TcpConnection> connection) {
@@ -73,6 +75,10 @@ void VideoEncoder::becomeReady() {
   platform.dispatch->runDetached("lumora.reader", [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->readFrames();
   });
+  std::vector<EncoderSettings> takes;
+  for (const RecordingProfile& profile : RecordingProfile::likely())
+    takes.push_back(profile.session());
+  platform.encoders->expect(takes);
 }
 
 void VideoEncoder::serviceTick() {

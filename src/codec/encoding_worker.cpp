@@ -1,5 +1,6 @@
 #include "codec/encoding_worker.h"
 
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -11,10 +12,14 @@ std::shared_ptr<EncodingWorker> EncodingWorker::start(const CodecChoice& choice,
                                                       const EncoderSettings& settings,
                                                       std::shared_ptr<SpareEncoders> spares) {
   std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
-  std::thread([worker, choice, settings, spares = std::move(spares)] {
-    nameThread("lumora.encoder");
-    worker->run(choice, settings, *spares);
-  }).detach();
+  try {
+    std::thread([worker, choice, settings, spares = std::move(spares)] {
+      nameThread("lumora.encoder");
+      worker->run(choice, settings, *spares);
+    }).detach();
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
   return worker;
 }
 
@@ -46,9 +51,10 @@ void EncodingWorker::stop() {
 
 void EncodingWorker::run(const CodecChoice& choice, const EncoderSettings& settings,
                          SpareEncoders& spares) {
-  auto encoder = spares.take(settings);
-  const Status opened = encoder ? 0 : LibavEncoder::open(choice, settings, encoder);
-  if (encodeAll(encoder.get(), opened)) spares.give(settings, std::move(encoder));
+  const auto deadline = OpeningClock::now() + longestOpening;
+  auto encoder = spares.take(settings, deadline);
+  const Status opened = encoder ? 0 : openForSession(deadline, choice, settings, encoder);
+  if (encodeAll(encoder.get(), opened)) spares.keep(settings, std::move(encoder));
 }
 
 // Until stopped; whether the encoder never failed.

@@ -21,6 +21,7 @@ class EncodingWorker {
     CompressionSession::OutputHandler handler;  // runs on the worker's thread
   };
 
+  // Null when there is no thread to be had.
   static std::shared_ptr<EncodingWorker> start(const CodecChoice& choice,
                                                const EncoderSettings& settings,
                                                std::shared_ptr<SpareEncoders> spares);

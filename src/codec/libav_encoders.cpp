@@ -1,13 +1,11 @@
 #include "codec/libav_encoders.h"
 
 #include <algorithm>
-#include <chrono>
-#include <cstring>
 #include <utility>
 #include <vector>
 
+#include "base/process_heap.h"
 #include "codec/libav_session.h"
-#include "codec/memory_pixel_buffers.h"
 
 namespace lumora {
 namespace {
@@ -18,9 +16,6 @@ const std::vector<std::string>& hardwareEncoders() {
   return names;
 }
 
-constexpr const char* softwareEncoder = "libx264";
-constexpr std::chrono::seconds longestChoice{1};
-
 std::vector<std::string> candidates(const std::string& choice) {
   if (choice == "software") return {softwareEncoder};
   if (choice == "hardware") return hardwareEncoders();
@@ -30,67 +25,98 @@ std::vector<std::string> candidates(const std::string& choice) {
   return names;
 }
 
-// Opens an encoder and has it encode two grey pictures, a key frame and one that depends on it:
-// that touches its memory, and that of a pixel buffer, for the first time. One that holds back
-// pictures is of no use here, since one frame is in flight at a time: null, as when it can't be
-// opened.
-std::unique_ptr<LibavEncoder> openWarm(const CodecChoice& choice, const EncoderSettings& settings) {
-  std::unique_ptr<LibavEncoder> encoder;
-  if (LibavEncoder::open(choice, settings, encoder) < 0) return nullptr;
-  MemoryPixelBufferPool pool(settings.width, settings.height, choice.pictures);
-  std::shared_ptr<PixelBuffer> buffer;
-  if (pool.create(1, buffer) != 0) return nullptr;
-  const MutableImageView view = buffer->lock();
-  std::memset(view.pixels, 128, static_cast<std::size_t>(view.stride * view.height));
-  for (const bool keyFrame : {true, false}) {
-    std::shared_ptr<const EncodedSample> sample;
-    if (encoder->encode(view, keyFrame, sample) != 0 || !sample) return nullptr;
-  }
-  return encoder;
-}
+// An encoder's pictures are allocated one by one, with the frames that it gets.
+constexpr int picturesToWarm = 4;
 
-// The first of `names` that works with any of the expected settings, for which its encoder becomes
-// a spare one; null when none does. One that can't take a tiny preview may still record.
-const AVCodec* chooseEncoder(const std::vector<std::string>& names, CodecChoice common,
-                             const std::vector<EncoderSettings>& expected, SpareEncoders& spares) {
+// The first of `names` that works with the expected settings, for which its encoder becomes a spare
+// one, or with those of a common take, since one that can't take a tiny preview may still record;
+// null when none does.
+const AVCodec* chooseEncoder(const std::vector<std::string>& names, CodecChoice choice,
+                             const EncoderSettings& expected, SpareEncoders& spares) {
+  const EncoderSettings common{
+      SessionKind::recording, 1280, 720, ProfileLevel::highAuto, 60, 60, 12'000'000};
   for (const std::string& name : names) {
-    common.codec = avcodec_find_encoder_by_name(name.c_str());
-    if (common.codec == nullptr || common.codec->id != AV_CODEC_ID_H264) continue;
-    for (const EncoderSettings& settings : expected) {
-      auto encoder = openWarm(common, settings);
-      if (!encoder) continue;
-      spares.give(settings, std::move(encoder));
-      return common.codec;
+    choice.codec = avcodec_find_encoder_by_name(name.c_str());
+    if (choice.codec == nullptr || choice.codec->id != AV_CODEC_ID_H264) continue;
+    const auto deadline = OpeningClock::now() + longestOpening;
+    std::unique_ptr<LibavEncoder> encoder;
+    if (openBy(deadline, choice, expected, picturesToWarm, encoder) == 0) {
+      spares.keep(expected, std::move(encoder));
+      return choice.codec;
     }
+    if (openBy(deadline, choice, common, picturesToWarm, encoder) == 0) return choice.codec;
   }
   return nullptr;
+}
+
+// What a take of this size touches, encoder and pixel buffer: measured, with the gaps that aligned
+// blocks leave in the heap.
+std::size_t workingMemory(const EncoderSettings& settings) {
+  return static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 44;
+}
+
+void openNext(const CodecChoice& choice, SpareEncoders& spares) {
+  const auto order = spares.beginOpening();
+  if (!order) return;
+  std::unique_ptr<LibavEncoder> encoder;
+  openBy(OpeningClock::now() + longestOpening, choice, order->settings, 0, encoder);
+  spares.endOpening(order->settings, std::move(encoder));
 }
 
 }  // namespace
 
 LibavEncoders::LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
-                             Dispatch& dispatch, std::shared_ptr<PicturePool> pictures)
+                             std::shared_ptr<Dispatch> dispatch,
+                             std::shared_ptr<PicturePool> pictures, OpenEncoder open)
     : stateQueue_(std::move(stateQueue)),
-      opener_(dispatch.makeQueue("lumora.opener")),
-      chosen_(std::make_shared<std::promise<const AVCodec*>>()),
+      dispatch_(std::move(dispatch)),
+      opener_(dispatch_->makeQueue("lumora.opener")),
+      spares_(std::make_shared<SpareEncoders>(opener_)),
       codec_(chosen_->get_future()) {
   const auto colon = std::min(choice.find(':'), choice.size());
-  common_.pictures = std::move(pictures);
-  if (colon < choice.size()) common_.preset = choice.substr(colon + 1);
   names_ = candidates(choice.substr(0, colon));
+  if (colon < choice.size()) common_.preset = choice.substr(colon + 1);
+  common_.pictures = std::move(pictures);
+  common_.open = std::move(open);
+  if (names_.back() == softwareEncoder) {
+    common_.substitute = avcodec_find_encoder_by_name(softwareEncoder);
+  }
 }
 
-void LibavEncoders::openAhead(const std::vector<EncoderSettings>& settings) {
-  spares_->expect(settings);
-  if (chosen_) chosenBy_ = std::chrono::steady_clock::now() + longestChoice;
-  opener_->async([settings, names = names_, common = common_, spares = spares_, codec = codec_,
-                  chosen = std::exchange(chosen_, nullptr)] {
-    if (chosen) chosen->set_value(chooseEncoder(names, common, settings, *spares));
-    const CodecChoice choice{codec.get(), common.preset, common.pictures};
-    for (const EncoderSettings& wanted : settings) {
-      if (!spares->isExpected(wanted)) continue;
-      spares->give(wanted, choice.codec == nullptr ? nullptr : openWarm(choice, wanted));
-    }
+void LibavEncoders::prepare(const EncoderSettings& expected) {
+  chosenBy_ = OpeningClock::now() + longestOpening;
+  opener_->async([names = names_, common = common_, expected, spares = spares_, chosen = chosen_] {
+    chosen->set_value(chooseEncoder(names, common, expected, *spares));
+  });
+}
+
+void LibavEncoders::expect(const std::vector<EncoderSettings>& settings) {
+  dispatch_->runDetached(
+      "lumora.memory", [self = shared_from_this(), settings, stop = taken_.get_token()] {
+        const AVCodec* codec = self->codec_.get();
+        if (codec == nullptr) return;
+        std::size_t memory = 0;
+        for (const EncoderSettings& each : settings) memory = std::max(memory, workingMemory(each));
+        if (!isHardware(*codec)) {
+          touchMemoryAhead(memory, stop);
+          self->opener_->asyncAfter(SpareEncoders::lifetime, giveFreedMemoryBack);
+        }
+        if (!stop.stop_requested()) self->open({settings.front(), false});
+      });
+}
+
+void LibavEncoders::openSoon(const EncoderSettings& settings) {
+  taken_.request_stop();  // what is touched by now is needed by now
+  open({settings, true});
+}
+
+void LibavEncoders::open(const SpareEncoders::Order& order) {
+  spares_->order(order);
+  opener_->async([choice = common_, codec = codec_, spares = spares_, order]() mutable {
+    choice.codec = codec.get();
+    if (choice.codec == nullptr) return;
+    openNext(choice, *spares);
+    if (order.soon) touchPixelBuffer(choice, order.settings);
   });
 }
 
@@ -107,10 +133,10 @@ Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::i
   auto spares = spares_;
   if (codec_.wait_until(chosenBy_) == std::future_status::ready) {
     choice.codec = codec_.get();
-  } else if (names_.back() == softwareEncoder) {
+  } else {
     // A driver that hangs is not waited for, nor are the spare encoders that would come after it.
-    choice.codec = avcodec_find_encoder_by_name(softwareEncoder);
-    spares = std::make_shared<SpareEncoders>();
+    choice.codec = choice.substitute;
+    spares = std::make_shared<SpareEncoders>(opener_);
   }
   if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   session = std::make_shared<LibavSession>(choice, kind, width, height, std::move(spares));

@@ -55,7 +55,7 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
 
 Status LibavSession::prepareToEncodeFrames() {
   worker_ = EncodingWorker::start(choice_, settings_, spares_);
-  return 0;
+  return worker_ ? 0 : AVERROR(EAGAIN);
 }
 
 Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime,

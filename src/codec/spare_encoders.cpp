@@ -3,41 +3,84 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/process_heap.h"
+
 namespace lumora {
 
-void SpareEncoders::expect(const std::vector<EncoderSettings>& settings) {
+void SpareEncoders::order(const Order& wanted) {
   const std::lock_guard hold(mutex_);
-  expected_.insert(expected_.end(), settings.begin(), settings.end());
+  if (wanted.soon)
+    orders_.push_front(wanted);
+  else
+    orders_.push_back(wanted);
 }
 
-bool SpareEncoders::isExpected(const EncoderSettings& settings) {
+std::optional<SpareEncoders::Order> SpareEncoders::beginOpening() {
+  std::unique_ptr<LibavEncoder> replaced;  // closed unlocked
   const std::lock_guard hold(mutex_);
-  return std::ranges::find(expected_, settings) != expected_.end();
+  while (!orders_.empty()) {
+    const Order next = orders_.front();
+    orders_.pop_front();
+    if (std::ranges::find(spares_, next.settings, &Spare::settings) != spares_.end()) continue;
+    opening_ = next.settings;
+    replaced = releaseSameKind(next.settings);
+    return next;
+  }
+  return std::nullopt;
 }
 
-std::unique_ptr<LibavEncoder> SpareEncoders::take(const EncoderSettings& settings) {
+void SpareEncoders::endOpening(const EncoderSettings& settings,
+                               std::unique_ptr<LibavEncoder> encoder) {
+  if (encoder) keep(settings, std::move(encoder));
+  const std::lock_guard hold(mutex_);
+  opening_.reset();
+  opened_.notify_all();
+}
+
+std::unique_ptr<LibavEncoder> SpareEncoders::take(const EncoderSettings& settings,
+                                                  OpeningClock::time_point deadline) {
   std::unique_lock hold(mutex_);
-  given_.wait(hold, [&] { return std::ranges::find(expected_, settings) == expected_.end(); });
-  const auto found = std::ranges::find(spares_, settings, &Spare::settings);
-  if (found == spares_.end()) return nullptr;
-  auto encoder = std::move(found->encoder);
-  spares_.erase(found);
+  // What nobody has begun to open its user opens itself.
+  std::erase_if(orders_, [&](const Order& order) { return order.settings == settings; });
+  opened_.wait_until(hold, deadline, [&] { return opening_ != settings; });
+  return release(std::ranges::find(spares_, settings, &Spare::settings));
+}
+
+void SpareEncoders::keep(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder) {
+  std::unique_ptr<LibavEncoder> replaced;  // closed unlocked
+  std::uint64_t number = 0;
+  {
+    const std::lock_guard hold(mutex_);
+    replaced = releaseSameKind(settings);
+    number = ++kept_;
+    spares_.push_back({settings, std::move(encoder), number});
+  }
+  timers_->asyncAfter(lifetime, [weak = weak_from_this(), number] {
+    if (const auto self = weak.lock()) self->drop(number);
+  });
+}
+
+std::unique_ptr<LibavEncoder> SpareEncoders::release(std::vector<Spare>::iterator spare) {
+  if (spare == spares_.end()) return nullptr;
+  auto encoder = std::move(spare->encoder);
+  spares_.erase(spare);
   return encoder;
 }
 
-void SpareEncoders::give(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder) {
-  Spare replaced{settings, std::move(encoder)};  // what it holds in the end is freed unlocked
-  const std::lock_guard hold(mutex_);
-  const auto awaited = std::ranges::find(expected_, settings);
-  if (awaited != expected_.end()) expected_.erase(awaited);
-  given_.notify_all();
-  if (!replaced.encoder) return;
-  const auto same = [&](const Spare& spare) { return spare.settings.kind == settings.kind; };
-  const auto found = std::ranges::find_if(spares_, same);
-  if (found != spares_.end())
-    std::swap(*found, replaced);
-  else
-    spares_.push_back(std::move(replaced));
+std::unique_ptr<LibavEncoder> SpareEncoders::releaseSameKind(const EncoderSettings& settings) {
+  return release(std::ranges::find_if(
+      spares_, [&](const Spare& spare) { return spare.settings.kind == settings.kind; }));
+}
+
+void SpareEncoders::drop(std::uint64_t number) {
+  std::unique_ptr<LibavEncoder> dropped;
+  {
+    const std::lock_guard hold(mutex_);
+    dropped = release(std::ranges::find(spares_, number, &Spare::number));
+  }
+  if (!dropped) return;
+  dropped.reset();
+  giveFreedMemoryBack();
 }
 
 }  // namespace lumora

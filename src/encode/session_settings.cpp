@@ -1,7 +1,5 @@
 #include "encode/session_settings.h"
 
-#include "record/recording_profile.h"
-
 namespace lumora {
 namespace {
 
@@ -19,12 +17,6 @@ EncoderSettings sessionSettings(SessionKind kind, PictureSize size, int targetFP
           .frameRate = targetFPS,
           .keyFrameInterval = targetFPS,
           .bitRate = recording ? recordingBitRate : previewBitRate};
-}
-
-std::vector<EncoderSettings> expectedSessions(PictureSize preview) {
-  const RecordingProfile take = RecordingProfile::defaultProfile();
-  return {sessionSettings(SessionKind::preview, preview, previewTargetFPS),
-          sessionSettings(SessionKind::recording, {take.width, take.height}, take.targetFPS)};
 }
 
 }  // namespace lumora

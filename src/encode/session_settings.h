@@ -1,7 +1,5 @@
 #pragma once
 
-#include <vector>
-
 #include "encode/picture_size.h"
 #include "platform/encoder_settings.h"
 
@@ -12,9 +10,5 @@ constexpr int previewTargetFPS = 60;
 // The settings of a session: its factory, the encoders opened ahead of it and the benchmarks have
 // them from here.
 EncoderSettings sessionSettings(SessionKind kind, PictureSize size, int targetFPS);
-
-// The sessions that most runs will make: the preview of a camera of the preview's proportions, and
-// a take of the default profile.
-std::vector<EncoderSettings> expectedSessions(PictureSize preview);
 
 }  // namespace lumora

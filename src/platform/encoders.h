@@ -22,11 +22,17 @@ class Encoders {
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
-  // Opens encoders of these settings ahead of their sessions, in the background. Comes before the
-  // first session.
-  virtual void openAhead(const std::vector<EncoderSettings>& settings) = 0;
-  // Runs `work` on the state queue, never before it returns, once all of them are open or known to
-  // fail.
+  // Chooses the encoder of the run, in the background, and opens one of these settings. Comes
+  // first.
+  virtual void prepare(const EncoderSettings& expected) = 0;
+  // Sessions of these settings may come, the first most likely: opens an encoder for that one and
+  // has memory at hand for any, slowly, in the background.
+  virtual void expect(const std::vector<EncoderSettings>& settings) = 0;
+  // A session of these settings comes next: opens its encoder before all others, unless one is
+  // open.
+  virtual void openSoon(const EncoderSettings& settings) = 0;
+  // Runs `work` on the state queue, never before it returns, once what was to be prepared is open
+  // or known to fail.
   virtual void whenOpen(Work work) = 0;
 };
 

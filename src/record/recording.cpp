@@ -44,6 +44,7 @@ void VideoEncoder::startRecording(const Json& command) {
       });
   pendingMovieStop.reset();
   recordingForceIDR = true;
+  platform.encoders->openSoon(profile->session());
 }
 
 void VideoEncoder::stopRecording(const Json& command) {

@@ -1,6 +1,7 @@
 #include "record/recording_profile.h"
 
 #include "base/limits.h"
+#include "encode/session_settings.h"
 
 namespace lumora {
 namespace {
@@ -11,7 +12,7 @@ struct Resolution {
   int height;
 };
 constexpr Resolution mirrored = {"1080x720", mirroredRecordingWidth, mirroredRecordingHeight};
-constexpr Resolution resolutions[] = {{"640x360", 640, 360}, mirrored, {"1920x1080", 1920, 1080}};
+constexpr Resolution resolutions[] = {mirrored, {"640x360", 640, 360}, {"1920x1080", 1920, 1080}};
 constexpr int defaultFrameRate = 60;
 constexpr int frameRates[] = {15, 30, 45, 60};
 
@@ -28,6 +29,18 @@ std::optional<int> parseFrameRate(const Json& value) {
 
 RecordingProfile RecordingProfile::defaultProfile() {
   return {mirrored.name, mirrored.width, mirrored.height, defaultFrameRate};
+}
+
+std::vector<RecordingProfile> RecordingProfile::likely() {
+  std::vector<RecordingProfile> profiles;
+  for (const auto& [name, width, height] : resolutions) {
+    profiles.push_back({name, width, height, defaultFrameRate});
+  }
+  return profiles;
+}
+
+EncoderSettings RecordingProfile::session() const {
+  return sessionSettings(SessionKind::recording, {width, height}, targetFPS);
 }
 
 std::optional<RecordingProfile> RecordingProfile::parse(const Json& command) {

@@ -1,5 +1,6 @@
 #include "system/system_platform.h"
 
+#include "base/process_heap.h"
 #include "codec/libav_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_image_converter.h"
@@ -12,6 +13,7 @@
 namespace lumora {
 
 Platform makeSystemPlatform(const std::string& h264Encoder) {
+  keepFreedMemory();
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.pictures = PicturePool::make();
@@ -19,7 +21,7 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.clock = std::make_shared<SystemClock>();
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
   platform.process = std::make_shared<PosixProcess>(stateQueue);
-  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, *platform.dispatch,
+  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, platform.dispatch,
                                                       platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();

@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
-#include <future>
 #include <numbers>
 
 #include "codec/libav_encoder.h"
-#include "codec/spare_encoders.h"
 #include "encode/pixel_buffer.h"
 #include "encode/session_settings.h"
 #include "h264/nal_units.h"
@@ -133,28 +130,6 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
       }
     }
   }
-}
-
-TEST(SpareEncoders, AnExpectedOneIsWaitedForUnlessItFails) {
-  const EncoderSettings preview = sessionSettings(SessionKind::preview, {2, 2}, 60);
-  const EncoderSettings take = sessionSettings(SessionKind::recording, {2, 2}, 60);
-  SpareEncoders spares;
-  spares.expect({preview, take});
-  auto taken = std::async(std::launch::async, [&] { return spares.take(preview); });
-  auto failed = std::async(std::launch::async, [&] { return spares.take(take); });
-  EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  std::unique_ptr<LibavEncoder> encoder;
-  ASSERT_EQ(LibavEncoder::open(software, preview, encoder), 0);
-  const LibavEncoder* given = encoder.get();
-  spares.give(preview, std::move(encoder));
-  auto first = taken.get();
-  EXPECT_EQ(first.get(), given);
-  spares.give(take, nullptr);
-  EXPECT_EQ(failed.get(), nullptr);
-  spares.give(preview, std::move(first));
-  ASSERT_EQ(LibavEncoder::open(software, take, encoder), 0);
-  spares.give(take, std::move(encoder));  // of another kind: both are kept
-  EXPECT_EQ(spares.take(preview).get(), given);
 }
 
 }  // namespace

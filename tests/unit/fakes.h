@@ -265,9 +265,14 @@ struct FakeEncoders final : Encoders, CanFail {
     session = sessions.back();
     return 0;
   }
-  void openAhead(const std::vector<EncoderSettings>& settings) override { ahead = settings; }
+  void prepare(const EncoderSettings& settings) override { ahead = {settings}; }
+  void expect(const std::vector<EncoderSettings>& settings) override {
+    ahead.insert(ahead.end(), settings.begin(), settings.end());
+  }
+  void openSoon(const EncoderSettings& settings) override { soon.push_back(settings); }
   void whenOpen(Work work) override { opened = std::move(work); }
   std::vector<EncoderSettings> ahead;
+  std::vector<EncoderSettings> soon;
   Work opened;
   std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;

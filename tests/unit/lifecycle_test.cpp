@@ -18,13 +18,15 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   probe.service->start();
   EXPECT_TRUE(probe.network->listener->started);
   EXPECT_EQ(probe.dispatch->timerInterval, 0.025);
-  ASSERT_EQ(probe.encoders->ahead.size(), 2u);
+  ASSERT_EQ(probe.encoders->ahead.size(), 1u);  // only the preview is waited for
   EXPECT_EQ(probe.encoders->ahead[0].width, 640);
-  EXPECT_EQ(probe.encoders->ahead[1].width, 1080);
   probe.network->listener->changed(ListenerState::ready);
   EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
   EXPECT_FALSE(probe.network->listener->accepts);
   probe.encoders->opened();
+  ASSERT_EQ(probe.encoders->ahead.size(), 4u);
+  EXPECT_EQ(probe.encoders->ahead[1].width, 1080);
+  EXPECT_EQ(probe.encoders->ahead[3].width, 1920);
   EXPECT_TRUE(probe.network->listener->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
   EXPECT_EQ(probe.process->lines[0],

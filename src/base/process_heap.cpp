@@ -1,0 +1,68 @@
+#include "base/process_heap.h"
+
+#include <sys/mman.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
+namespace lumora {
+namespace {
+
+constexpr std::size_t page = 4096;
+constexpr std::size_t hugePage = std::size_t{2} << 20;
+constexpr std::size_t blockBytes = std::size_t{8} << 20;
+constexpr std::chrono::milliseconds pause{5};
+
+struct Free {
+  void operator()(std::uint8_t* block) const { std::free(block); }
+};
+
+void useHugePages([[maybe_unused]] std::uint8_t* from, [[maybe_unused]] std::size_t bytes) {
+#ifdef MADV_HUGEPAGE
+  void* aligned = from;
+  if (std::align(hugePage, hugePage, aligned, bytes) == nullptr) return;
+  madvise(aligned, bytes / hugePage * hugePage, MADV_HUGEPAGE);
+#endif
+}
+
+}  // namespace
+
+void keepFreedMemory() {
+#if defined(__GLIBC__)
+  constexpr int largestBlock = 32 << 20;  // the most that the C library takes from the heap
+  constexpr int mostFree = 1 << 30;
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_THRESHOLD, largestBlock);
+  mallopt(M_TRIM_THRESHOLD, mostFree);
+#endif
+}
+
+void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop) {
+  std::vector<std::unique_ptr<std::uint8_t, Free>> blocks;  // one after the other in the heap
+  for (std::size_t touched = 0; touched < bytes; touched += blockBytes) {
+    const auto& block = blocks.emplace_back(static_cast<std::uint8_t*>(std::malloc(blockBytes)));
+    if (!block) return;
+    useHugePages(block.get(), blockBytes);
+    for (std::size_t at = 0; at < blockBytes; at += page) {
+      if (at % hugePage == 0) std::this_thread::sleep_for(pause);
+      if (stop.stop_requested()) return;
+      block.get()[at] = 0;
+    }
+  }
+}
+
+void giveFreedMemoryBack() {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
+}
+
+}  // namespace lumora

@@ -1,0 +1,160 @@
+// The choice of encoders and how they are opened, with drivers that refuse and that hang.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+
+#include "codec/libav_encoders.h"
+#include "encode/session_settings.h"
+#include "tests/unit/fakes.h"
+
+namespace lumora {
+namespace {
+
+const EncoderSettings preview = sessionSettings(SessionKind::preview, {2, 2}, 60);
+const EncoderSettings take = sessionSettings(SessionKind::recording, {2, 2}, 60);
+const EncoderSettings slowTake = sessionSettings(SessionKind::recording, {2, 2}, 15);
+
+// Stands behind "h264_nvenc"; all other hardware is missing. What works is software.
+struct Driver {
+  enum Behaviour { works, refuses, hangs };
+  std::atomic<Behaviour> behaviour = works;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future();
+
+  Status open(CodecChoice choice, const EncoderSettings& settings,
+              std::unique_ptr<LibavEncoder>& encoder) const {
+    if (isHardware(*choice.codec)) {
+      if (std::string_view(choice.codec->name) != "h264_nvenc") return AVERROR(ENODEV);
+      if (behaviour == hangs) released.wait();
+      if (behaviour != works) return AVERROR(EBUSY);
+      choice.codec = avcodec_find_encoder_by_name(softwareEncoder);
+    }
+    return LibavEncoder::open(choice, settings, encoder);
+  }
+};
+
+struct Answer {
+  Status status;
+  std::uint32_t flags;
+  bool operator==(const Answer&) const = default;
+};
+
+Answer encodeOne(CompressionSession& session) {
+  session.setProperty(SessionProperty::expectedFrameRate, preview.frameRate);
+  session.setProperty(SessionProperty::maxKeyFrameInterval, preview.keyFrameInterval);
+  session.setProperty(SessionProperty::averageBitRate, preview.bitRate);
+  EXPECT_EQ(session.prepareToEncodeFrames(), 0);
+  std::shared_ptr<PixelBuffer> buffer;
+  EXPECT_EQ(session.pixelBufferPool()->create(1, buffer), 0);
+  std::promise<Answer> answer;
+  session.encodeFrame(buffer, {1, 60}, {.forceKeyFrame = true},
+                      [&](Status status, std::uint32_t flags, const auto& sample) {
+                        EXPECT_EQ(status == 0, sample != nullptr);
+                        answer.set_value({status, flags});
+                      });
+  return answer.get_future().get();
+}
+
+TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoChoice) {
+  using enum Driver::Behaviour;
+  constexpr Status none = AVERROR_ENCODER_NOT_FOUND;
+  for (const auto& [choice, whenChosen, later, created, answer] :
+       {std::tuple{"auto", works, works, 0, Answer{0, 0}},
+        {"auto", works, refuses, 0, Answer{0, 0}},
+        {"auto", works, hangs, 0, Answer{0, 0}},
+        {"auto", refuses, refuses, 0, Answer{0, 0}},
+        {"auto", hangs, hangs, 0, Answer{0, 0}},
+        {"hardware", works, refuses, 0, Answer{AVERROR(EBUSY), infoNotPrepared}},
+        {"h264_nvenc", works, hangs, 0, Answer{AVERROR(ETIMEDOUT), infoNotPrepared}},
+        {"hardware", refuses, refuses, none, Answer{0, 0}},
+        {"hardware", hangs, hangs, none, Answer{0, 0}}}) {
+    SCOPED_TRACE(std::string(choice) + std::to_string(whenChosen) + std::to_string(later));
+    const double now = 0;
+    const auto driver = std::make_shared<Driver>();
+    driver->behaviour = whenChosen;
+    const auto dispatch = std::make_shared<FakeDispatch>(now);
+    const auto encoders = std::make_shared<LibavEncoders>(
+        choice, dispatch->makeQueue("state"), dispatch, PicturePool::make(),
+        [driver](auto&&... all) { return driver->open(all...); });
+    encoders->prepare(take);
+    if (whenChosen != hangs) dispatch->queues.at(1)->run();  // else the opener stands
+    driver->behaviour = later;
+    std::shared_ptr<CompressionSession> session;
+    EXPECT_EQ(encoders->createSession(SessionKind::preview, 2, 2, {}, session), created);
+    if (session) {
+      EXPECT_EQ(encodeOne(*session), answer);
+      session->invalidate();
+    }
+    driver->release.set_value();
+  }
+}
+
+struct SpareEncodersTest : testing::Test {
+  std::unique_ptr<LibavEncoder> open(const EncoderSettings& settings) {
+    std::unique_ptr<LibavEncoder> encoder;
+    const CodecChoice software{.codec = avcodec_find_encoder_by_name(softwareEncoder),
+                               .pictures = PicturePool::make()};
+    EXPECT_EQ(LibavEncoder::open(software, settings, encoder), 0);
+    return encoder;
+  }
+  auto takeNow(const EncoderSettings& settings) { return spares->take(settings, {}); }
+
+  double now = 0;
+  std::shared_ptr<ManualQueue> timers = std::make_shared<ManualQueue>(now);
+  std::shared_ptr<SpareEncoders> spares = std::make_shared<SpareEncoders>(timers);
+};
+
+TEST_F(SpareEncodersTest, OneThatIsBeingOpenedIsWaitedForUnlessItFails) {
+  for (const bool fails : {false, true}) {
+    spares->order({preview, false});
+    EXPECT_EQ(spares->beginOpening()->settings, preview);
+    EXPECT_EQ(takeNow(preview), nullptr);  // not for longer than was asked
+    auto taken = std::async(std::launch::async, [&] {
+      return spares->take(preview, OpeningClock::now() + std::chrono::minutes(1));
+    });
+    EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    auto encoder = fails ? nullptr : open(preview);
+    const LibavEncoder* given = encoder.get();
+    spares->endOpening(preview, std::move(encoder));
+    EXPECT_EQ(taken.get().get(), given);
+  }
+}
+
+TEST_F(SpareEncodersTest, AreOpenedInOrderUnlessNeededSoonOrThereOrTaken) {
+  spares->keep(preview, open(preview));
+  for (const auto& settings : {preview, take}) spares->order({settings, false});
+  spares->order({slowTake, true});
+  EXPECT_EQ(spares->beginOpening()->settings, slowTake);
+  spares->endOpening(slowTake, nullptr);
+  EXPECT_EQ(spares->beginOpening()->settings, take);
+  spares->endOpening(take, nullptr);
+  EXPECT_EQ(spares->beginOpening(), std::nullopt);
+  spares->order({take, false});
+  EXPECT_EQ(takeNow(take), nullptr);  // its user opens it
+  EXPECT_EQ(spares->beginOpening(), std::nullopt);
+}
+
+TEST_F(SpareEncodersTest, ThereIsOnePerKindForAMinute) {
+  spares->keep(preview, open(preview));
+  spares->keep(take, open(take));
+  spares->order({slowTake, true});
+  spares->beginOpening();
+  EXPECT_EQ(takeNow(take), nullptr);  // made room
+  now = 30;
+  spares->endOpening(slowTake, open(slowTake));
+  now = 59.9;
+  timers->run();
+  spares->keep(preview, takeNow(preview));  // used: another minute
+  now = 60;
+  timers->run();
+  EXPECT_NE(takeNow(preview), nullptr);
+  now = 90;
+  timers->run();
+  EXPECT_EQ(takeNow(slowTake), nullptr);
+}
+
+}  // namespace
+}  // namespace lumora
