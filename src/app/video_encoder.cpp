@@ -37,7 +37,7 @@ void VideoEncoder::start() {
   });
   for (const int signal : {SIGTERM, SIGINT}) {
     signals.push_back(platform.process->onSignal(signal, [weak] {
-      if (const auto self = weak.lock()) self->shutdown(0);
+      if (const auto self = weak.lock()) self->requestShutdown(std::nullopt);
     }));
   }
   listener->start();
@@ -90,6 +90,18 @@ void VideoEncoder::serviceTick() {
 void VideoEncoder::fail(const std::string& message) {
   emit(errorEvent(message));
   shutdown(1);
+}
+
+void VideoEncoder::requestShutdown(std::optional<std::string> message) {
+  platform.process->exitAfter(shutdownTimeout, message ? 1 : 0);
+  platform.stateQueue->async([weak = weak_from_this(), message = std::move(message)] {
+    const auto self = weak.lock();
+    if (!self) return;
+    if (message)
+      self->fail(*message);
+    else
+      self->shutdown(0);
+  });
 }
 
 void VideoEncoder::shutdown(int code) {

@@ -36,6 +36,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
   void start();
   void shutdown(int code);
+  // Any thread. With an error event and status 1, or silently with 0.
+  void requestShutdown(std::optional<std::string> message);
   void exitNow(int code);
   void emit(const Json& event);
 
@@ -73,7 +75,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool readExactly(MutableByteView space);
   bool readCommand(const RecordHeader& header);
   bool readFrame(const RecordHeader& header);
-  void stopReading(std::optional<std::string> message);
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,

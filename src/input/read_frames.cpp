@@ -14,7 +14,7 @@ namespace lumora {
 void VideoEncoder::readFrames() {
   std::array<std::uint8_t, recordHeaderBytes> bytes{};
   for (;;) {
-    if (!readExactly(bytes)) return stopReading(std::nullopt);
+    if (!readExactly(bytes)) return requestShutdown(std::nullopt);
     const RecordHeader header = decodeRecordHeader(bytes);
     if (!(header.isCommand() ? readCommand(header) : readFrame(header))) return;
   }
@@ -33,7 +33,7 @@ bool VideoEncoder::readExactly(MutableByteView space) {
 bool VideoEncoder::readCommand(const RecordHeader& header) {
   Bytes payload(isValidCommand(header) ? header.length : 0);
   if (payload.empty() || !readExactly(payload)) {
-    stopReading("invalid recording command framing");
+    requestShutdown("invalid recording command framing");
     return false;
   }
   platform.stateQueue->async([weak = weak_from_this(), payload = std::move(payload)] {
@@ -44,13 +44,13 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
 
 bool VideoEncoder::readFrame(const RecordHeader& header) {
   if (!isValidFrame(header, lastFrameID)) {
-    stopReading("invalid raw frame header");
+    requestShutdown("invalid raw frame header");
     return false;
   }
   PictureMemory rgba = platform.pictures->allocate(header.length);
   if (!rgba) throw std::bad_alloc();
   if (!readExactly({rgba.get(), header.length})) {
-    stopReading("truncated raw frame");
+    requestShutdown("truncated raw frame");
     return false;
   }
   lastFrameID = header.id;
@@ -61,18 +61,6 @@ bool VideoEncoder::readFrame(const RecordHeader& header) {
     if (const auto self = weak.lock()) self->encode(*frame);
   });
   return true;
-}
-
-// Ends the reader: with an error event and status 1, or silently with 0 at the end of the input.
-void VideoEncoder::stopReading(std::optional<std::string> message) {
-  platform.stateQueue->async([weak = weak_from_this(), message = std::move(message)] {
-    const auto self = weak.lock();
-    if (!self) return;
-    if (message)
-      self->fail(*message);
-    else
-      self->shutdown(0);
-  });
 }
 
 }  // namespace lumora

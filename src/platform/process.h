@@ -11,7 +11,7 @@
 
 namespace lumora {
 
-// Runs its handler on the state queue whenever the signal arrives, until cancelled.
+// Runs its handler whenever the signal arrives, until cancelled; a last time may overlap with that.
 class SignalSource {
  public:
   virtual ~SignalSource() = default;
@@ -26,10 +26,12 @@ class Process {
   virtual ssize_t readInput(MutableByteView space) = 0;
   // One write of `text` to standard output: bytes written or -errno. State queue only.
   virtual ssize_t writeOutput(ByteView text) = 0;
+  // The handler runs on a thread for signals, whatever the state queue is doing.
   virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
   // Ends the process at once, without running destructors. State queue only.
   virtual void exit(int code) = 0;
-  // Ends it in `seconds`, whatever the state queue is doing then.
+  // Ends it in `seconds`, whatever the state queue is doing then; only the first call counts. Any
+  // thread.
   virtual void exitAfter(double seconds, int code) = 0;
 };
 

@@ -27,17 +27,21 @@ void enlargePipe(int descriptor) {
 #endif
 }
 
+// Lives on its queue, which alone may touch the signal set.
 class AsioSignal final : public SignalSource {
  public:
-  AsioSignal(boost::asio::io_context& context, int signal, Work handler)
-      : state_(std::make_shared<State>(context, signal, std::move(handler))) {
+  AsioSignal(std::shared_ptr<AsioQueue> queue, int signal, Work handler)
+      : queue_(std::move(queue)),
+        state_(std::make_shared<State>(queue_->context(), signal, std::move(handler))) {
     State::arm(state_);
   }
   ~AsioSignal() override { cancel(); }
   AsioSignal(const AsioSignal&) = delete;
   AsioSignal& operator=(const AsioSignal&) = delete;
 
-  void cancel() override { state_->signals.cancel(); }
+  void cancel() override {
+    queue_->async([state = state_] { state->signals.cancel(); });
+  }
 
  private:
   struct State {
@@ -55,6 +59,7 @@ class AsioSignal final : public SignalSource {
     boost::asio::signal_set signals;
     Work handler;
   };
+  std::shared_ptr<AsioQueue> queue_;
   std::shared_ptr<State> state_;
 };
 
@@ -70,10 +75,7 @@ void checkForLeaks() {
 
 }  // namespace
 
-PosixProcess::PosixProcess(std::shared_ptr<AsioQueue> stateQueue)
-    : stateQueue_(std::move(stateQueue)) {
-  enlargePipe(STDIN_FILENO);
-}
+PosixProcess::PosixProcess() { enlargePipe(STDIN_FILENO); }
 
 ssize_t PosixProcess::readInput(MutableByteView space) {
   const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
@@ -86,7 +88,7 @@ ssize_t PosixProcess::writeOutput(ByteView text) {
 }
 
 std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
-  return std::make_unique<AsioSignal>(stateQueue_->context(), signal, std::move(handler));
+  return std::make_unique<AsioSignal>(signals_, signal, std::move(handler));
 }
 
 // No destructor may race the reader, which is blocked in `read`.
@@ -100,6 +102,7 @@ void PosixProcess::exit(int code) {
 
 // An encoder that hangs holds the state queue in a flush, and with it everything that ends us.
 void PosixProcess::exitAfter(double seconds, int code) {
+  if (watched_.exchange(true)) return;
   try {
     std::thread([seconds, code, ending = ending_] {
       nameThread("lumora.watchdog");

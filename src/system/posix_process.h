@@ -11,7 +11,7 @@ namespace lumora {
 class PosixProcess final : public Process {
  public:
   // Enlarges the pipe on standard input where it is one.
-  explicit PosixProcess(std::shared_ptr<AsioQueue> stateQueue);
+  PosixProcess();
   ssize_t readInput(MutableByteView space) override;
   ssize_t writeOutput(ByteView text) override;
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override;
@@ -19,7 +19,8 @@ class PosixProcess final : public Process {
   void exitAfter(double seconds, int code) override;
 
  private:
-  std::shared_ptr<AsioQueue> stateQueue_;
+  const std::shared_ptr<AsioQueue> signals_ = std::make_shared<AsioQueue>("lumora.signals");
+  std::atomic<bool> watched_ = false;
   std::shared_ptr<std::atomic<bool>> ending_ = std::make_shared<std::atomic<bool>>(false);
 };
 

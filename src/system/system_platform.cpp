@@ -20,7 +20,7 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.stateQueue = stateQueue;
   platform.clock = std::make_shared<SystemClock>();
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
-  platform.process = std::make_shared<PosixProcess>(stateQueue);
+  platform.process = std::make_shared<PosixProcess>();
   platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, platform.dispatch,
                                                       platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);

@@ -117,7 +117,9 @@ struct FakeProcess final : Process, CanFail {
     return std::make_unique<FakeSource<SignalSource>>(signalsCancelled[signal]);
   }
   void exit(int code) override { exitCodes.push_back(code); }
-  void exitAfter(double seconds, int code) override { watchdog = {seconds, code}; }
+  void exitAfter(double seconds, int code) override {
+    if (watchdog.first == 0) watchdog = {seconds, code};
+  }
 
   // The events written so far, oldest first, of one type or of all; forgets them all.
   std::vector<Json> takeEvents(const std::string& type = "") {

@@ -47,7 +47,7 @@ TEST(Lifecycle, WaitsHalfASecondForTheEncodersUnlessItIsStopped) {
     probe.clock->now += 0.499;
     probe.run();
     EXPECT_TRUE(probe.process->lines.empty());
-    if (stopped) probe.process->signals.at(SIGTERM)();
+    if (stopped) probe.signal(SIGTERM);
     probe.clock->now += 0.001;
     probe.run();
     EXPECT_EQ(probe.process->takeEvents("ready").size(), stopped ? 0u : 1u);
@@ -70,8 +70,8 @@ TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
   const auto client = probe.connectClient();
   probe.feed(1);
   probe.process->takeEvents();
-  probe.process->signals.at(SIGTERM)();
-  probe.process->signals.at(SIGINT)();
+  probe.signal(SIGTERM);
+  probe.signal(SIGINT);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   EXPECT_TRUE(probe.network->listener->cancelled);
   EXPECT_TRUE(*probe.dispatch->timerCancelled);
@@ -137,16 +137,23 @@ struct HangingSession : FakeSession {
 };
 
 TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
-  const auto stopAndWait = [] {
+  const auto hang = [](bool flushing) {
     const Platform platform = makeSystemPlatform("software");
     const auto service = std::make_shared<VideoEncoder>(Configuration(), platform);
     Failures none;
     VideoEncoderProbe::setSession(*service, std::make_shared<HangingSession>(2, 2, none));
-    platform.stateQueue->async([&] { service->shutdown(7); });
+    platform.stateQueue->async([&] {
+      service->start();
+      if (flushing) return service->shutdown(7);
+      raise(SIGTERM);
+      std::fputs("asked for", stderr);
+      pause();
+    });
     for (;;) pause();
   };
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
-  EXPECT_EXIT(stopAndWait(), testing::ExitedWithCode(7), "flushing");
+  EXPECT_EXIT(hang(true), testing::ExitedWithCode(7), "flushing");
+  EXPECT_EXIT(hang(false), testing::ExitedWithCode(0), "asked for");
 }
 
 }  // namespace

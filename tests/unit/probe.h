@@ -25,6 +25,10 @@ struct VideoEncoderProbe {
     clock->now = uptime;
     dispatch->tick();
   }
+  void signal(int number) {
+    process->signals.at(number)();
+    run();
+  }
   std::shared_ptr<FakeConnection> connect();
   // Connects and authenticates a client.
   std::shared_ptr<FakeConnection> connectClient();

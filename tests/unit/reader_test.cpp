@@ -24,6 +24,7 @@ struct Reader : testing::Test {
   // Reads everything, then runs the queue; the message of the error event, if any.
   std::string readAll() {
     probe.dispatch->detached.at(0)();
+    EXPECT_EQ(probe.process->watchdog.first, 2.0);  // even if the queue stands
     probe.run();
     const auto errors = probe.process->takeEvents("error");
     return errors.empty() ? "" : errors.at(0)["message"].get<std::string>();

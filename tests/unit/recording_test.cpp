@@ -355,7 +355,7 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
 TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   start();
   frame(1001.0, true);
-  probe.process->signals.at(15)();
+  probe.signal(15);
   probe.run();
   (*probe).shutdown(1);  // the first one counts
   EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
@@ -368,7 +368,7 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   probe.restart();
   start();
   frame(1001.0, true);
-  probe.process->signals.at(2)();
+  probe.signal(2);
   probe.clock->now = 1002.99;
   probe.run();
   EXPECT_TRUE(probe.process->exitCodes.empty());
@@ -381,7 +381,7 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   frame(1001.0, true);
   probe.clock->now = 1001.1;
   probe.feed(++lastID);
-  probe.process->signals.at(15)();
+  probe.signal(15);
   probe.lastSession().answer(-22, nullptr);  // a take that fails meanwhile ends it at once
   EXPECT_EQ(failure(), "camera encoding failed (-22)");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
