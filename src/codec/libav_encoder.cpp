@@ -6,13 +6,15 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "base/picture_memory.h"
 #include "codec/encoder_tuning.h"
 #include "h264/annex_b.h"
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
+#include "h264/sequence_parameters.h"
 #include "picture/bgra_to_yuv.h"
 
 namespace lumora {
@@ -27,13 +29,14 @@ bool accepts(const AVCodec& codec, AVPixelFormat format) {
   return false;
 }
 
-// 4:2:0 in system memory where the encoder takes it, else NV12 through an upload.
-AVPixelFormat inputFormat(const AVCodec& codec) {
-  if (codec.pix_fmts == nullptr) return AV_PIX_FMT_NV12;  // V4L2: what the driver takes shows later
-  if (accepts(codec, AV_PIX_FMT_YUV420P)) return AV_PIX_FMT_YUV420P;
-  if (accepts(codec, AV_PIX_FMT_NV12)) return AV_PIX_FMT_NV12;
-  if (accepts(codec, AV_PIX_FMT_VAAPI)) return AV_PIX_FMT_VAAPI;
-  return AV_PIX_FMT_NONE;
+// 4:2:0 in system memory where the encoder takes it, else NV12 through an upload. Of V4L2 only its
+// driver knows, and tells when it is opened.
+std::vector<AVPixelFormat> inputFormats(const AVCodec& codec) {
+  if (codec.pix_fmts == nullptr) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
+  for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_VAAPI}) {
+    if (accepts(codec, format)) return {format};
+  }
+  return {};
 }
 
 // Gives `frame`, whose format and size are set, planes in memory for pictures.
@@ -60,6 +63,17 @@ Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
 Status LibavEncoder::open(const CodecChoice& choice, const EncoderSettings& settings,
                           std::unique_ptr<LibavEncoder>& encoder) {
   av_log_set_level(AV_LOG_QUIET);  // failures are reported where they matter, as events
+  Status status = AVERROR(EINVAL);
+  for (const AVPixelFormat format : inputFormats(*choice.codec)) {
+    status = openFor(format, choice, settings, encoder);
+    if (status == 0) break;
+  }
+  return status;
+}
+
+Status LibavEncoder::openFor(AVPixelFormat format, const CodecChoice& choice,
+                             const EncoderSettings& settings,
+                             std::unique_ptr<LibavEncoder>& encoder) {
   std::unique_ptr<LibavEncoder> made(new LibavEncoder);
   made->pictures_ = choice.pictures;
   made->context_.reset(avcodec_alloc_context3(choice.codec));
@@ -68,7 +82,7 @@ Status LibavEncoder::open(const CodecChoice& choice, const EncoderSettings& sett
   AVCodecContext& context = *made->context_;
   int status = tune(context, choice, settings);
   if (status < 0) return status;
-  context.pix_fmt = inputFormat(*choice.codec);
+  context.pix_fmt = format;
   if (context.pix_fmt == AV_PIX_FMT_VAAPI) {
     status = made->openHardwareFrames();
     if (status < 0) return status;
@@ -188,8 +202,9 @@ bool LibavEncoder::takeParameterSet(ByteView unit) {
   const bool sequence = type == NalType::sequenceParameterSet;
   if (!sequence && type != NalType::pictureParameterSet) return false;
   Bytes& kept = sequence ? sequence_ : pictureSet_;
-  if (std::ranges::equal(kept, unit)) return true;
-  kept.assign(unit.begin(), unit.end());
+  Bytes set = sequence ? withoutReordering(unit) : Bytes(unit.begin(), unit.end());
+  if (kept == set) return true;
+  kept = std::move(set);
   format_.reset();
   return true;
 }

@@ -27,6 +27,8 @@ class LibavEncoder {
 
  private:
   LibavEncoder() = default;
+  static Status openFor(AVPixelFormat format, const CodecChoice& choice,
+                        const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder);
   Status openHardwareFrames();
   Status allocatePicture();
   Status upload();
