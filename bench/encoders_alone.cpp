@@ -12,7 +12,7 @@ extern "C" {
 
 #include "codec/encoder_tuning.h"
 #include "encode/picture_size.h"
-#include "picture/bgra_to_yuv.h"
+#include "picture/rgb_to_yuv.h"
 #include "picture/system_image_converter.h"
 #include "tools/resource_use.h"
 
@@ -84,8 +84,8 @@ std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height) 
         {bgra.data() + fit.top * stride + fit.left * 4, fit.size.width, fit.size.height, stride});
     Bytes& planes = ready.emplace_back(pixels * 3 / 2);
     std::uint8_t* u = planes.data() + pixels;
-    convertToI420({bgra.data(), width, height, stride}, {planes.data(), width}, {u, width / 2},
-                  {u + pixels / 4, width / 2});
+    convertToI420({bgra.data(), width, height, stride}, ChannelOrder::bgra, {planes.data(), width},
+                  {u, width / 2}, {u + pixels / 4, width / 2});
   }
   return ready;
 }

@@ -10,7 +10,7 @@
 
 #include "base/picture_memory.h"
 #include "encode/picture_size.h"
-#include "picture/bgra_to_yuv.h"
+#include "picture/rgb_to_yuv.h"
 #include "picture/system_image_converter.h"
 
 namespace lumora {
@@ -78,7 +78,11 @@ void subsample(benchmark::State& state, Convert convertPicture) {
   }
 }
 
-void toBT709(benchmark::State& state) { subsample(state, convertToI420); }
+void toBT709(benchmark::State& state) {
+  subsample(state, [](const ImageView& bgra, Plane y, Plane u, Plane v) {
+    convertToI420(bgra, ChannelOrder::bgra, y, u, v);
+  });
+}
 
 // libyuv's, for BT.601; it has none for BT.709.
 void toBT601(benchmark::State& state) {

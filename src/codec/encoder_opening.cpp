@@ -32,7 +32,8 @@ Status encodeGrey(LibavEncoder& encoder, const CodecChoice& choice, const Encode
     Status status = 0;
     for (int i = 0; i < pictures && status == 0; ++i) {
       std::shared_ptr<const EncodedSample> sample;
-      status = encoder.encode(view, i == 0, sample);
+      status =
+          encoder.encode({{view.pixels, view.width, view.height, view.stride}}, i == 0, sample);
     }
     return status;
   });

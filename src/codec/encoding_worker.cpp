@@ -83,8 +83,7 @@ bool EncodingWorker::encodeAll(LibavEncoder* encoder, Status opened) {
 Status EncodingWorker::encode(LibavEncoder& encoder, const Job& job,
                               std::shared_ptr<PixelBuffer> buffer,
                               std::shared_ptr<const EncodedSample>& sample) {
-  const Status status = encoder.load(buffer->lock());
-  buffer->unlock();
+  const Status status = encoder.load(buffer->picture());
   buffer.reset();  // the encoder has its own copy: the next frame may have the buffer
   if (status < 0) return status;
   return encoder.encodeLoaded(job.forceKeyFrame, sample);

@@ -15,7 +15,7 @@ extern "C" {
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
 #include "h264/sequence_parameters.h"
-#include "picture/bgra_to_yuv.h"
+#include "picture/rgb_to_yuv.h"
 
 namespace lumora {
 namespace {
@@ -131,18 +131,17 @@ Status LibavEncoder::allocatePicture() {
   return usePictureMemory(*picture_, *pictures_);
 }
 
-Status LibavEncoder::load(const MutableImageView& view) {
+Status LibavEncoder::load(const BufferPicture& shown) {
   // An encoder that still reads the last picture keeps it; the next one gets memory of its own.
   if (av_frame_is_writable(picture_.get()) == 0) {
     const Status status = allocatePicture();
     if (status < 0) return status;
   }
-  const ImageView bgra{view.pixels, picture_->width, picture_->height, view.stride};
   const auto plane = [this](int i) { return Plane{picture_->data[i], picture_->linesize[i]}; };
   if (picture_->format == AV_PIX_FMT_NV12)
-    convertToNV12(bgra, plane(0), plane(1));
+    convertToNV12(shown.view, shown.order, plane(0), plane(1));
   else
-    convertToI420(bgra, plane(0), plane(1), plane(2));
+    convertToI420(shown.view, shown.order, plane(0), plane(1), plane(2));
   return 0;
 }
 
@@ -171,7 +170,7 @@ Status LibavEncoder::encodeLoaded(bool forceKeyFrame,
   return 0;
 }
 
-Status LibavEncoder::encode(const MutableImageView& picture, bool forceKeyFrame,
+Status LibavEncoder::encode(const BufferPicture& picture, bool forceKeyFrame,
                             std::shared_ptr<const EncodedSample>& sample) {
   const Status status = load(picture);
   return status < 0 ? status : encodeLoaded(forceKeyFrame, sample);

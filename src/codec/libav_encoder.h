@@ -18,11 +18,11 @@ class LibavEncoder {
                      std::unique_ptr<LibavEncoder>& encoder);
 
   // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR.
-  Status encode(const MutableImageView& picture, bool forceKeyFrame,
+  Status encode(const BufferPicture& picture, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
   // The first half of `encode`, for callers that want to let go of `picture` early.
-  Status load(const MutableImageView& picture);
+  Status load(const BufferPicture& picture);
   Status encodeLoaded(bool forceKeyFrame, std::shared_ptr<const EncodedSample>& sample);
 
  private:

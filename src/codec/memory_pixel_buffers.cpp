@@ -23,12 +23,26 @@ class MemoryPixelBufferPool::Buffer final : public PixelBuffer {
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
 
+  bool show(const BufferPicture& picture, std::shared_ptr<const void> owner) override {
+    if (picture.view.width != view_.width || picture.view.height != view_.height) return false;
+    shown_ = picture;
+    owner_ = std::move(owner);
+    memory_.reset();
+    view_.pixels = nullptr;
+    return true;
+  }
+  BufferPicture picture() override {
+    if (owner_) return shown_;
+    return {{view_.pixels, view_.width, view_.height, view_.stride}, ChannelOrder::bgra};
+  }
   MutableImageView lock() override { return view_; }
   void unlock() override {}
 
  private:
   PictureMemory memory_;
   MutableImageView view_;
+  BufferPicture shown_;
+  std::shared_ptr<const void> owner_;  // of what is shown
   std::shared_ptr<std::atomic<int>> inUse_;
 };
 

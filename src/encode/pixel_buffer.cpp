@@ -35,6 +35,10 @@ void clearRows(const MutableImageView& view, std::int64_t from, std::int64_t to,
   }
 }
 
+ImageView upsideDown(const ImageView& view) {
+  return {view.pixels + (view.height - 1) * view.stride, view.width, view.height, -view.stride};
+}
+
 // Everything around `inner` becomes zero; the picture itself is about to be written.
 void clearBars(const MutableImageView& view, const PictureRectangle& inner) {
   const std::int64_t bottom = inner.top + inner.size.height;
@@ -54,6 +58,9 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
   const Status status = pool->create(allocationThreshold, buffer);
   if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
 
+  const ImageView source{frame.rgba.get(), frame.width, frame.height, frame.width * bytesPerPixel};
+  if (buffer->show({upsideDown(source), ChannelOrder::rgba}, frame.rgba)) return buffer;
+
   const BufferLock lock(*buffer);
   const MutableImageView& whole = lock.view();
   if (whole.pixels == nullptr) throw EncoderFailure::message("pixel buffer has no memory");
@@ -64,7 +71,6 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
     rectangle = fitRectangle({frame.width, frame.height}, wholeSize);
     clearBars(whole, rectangle);
   }
-  const ImageView source{frame.rgba.get(), frame.width, frame.height, frame.width * bytesPerPixel};
   const MutableImageView destination{
       whole.pixels + rectangle.top * whole.stride + rectangle.left * bytesPerPixel,
       rectangle.size.width, rectangle.size.height, whole.stride};

@@ -1,8 +1,7 @@
 #pragma once
 
 #include <cstdint>
-
-#include "base/picture_memory.h"
+#include <memory>
 
 namespace lumora {
 
@@ -11,8 +10,9 @@ struct RawFrame {
   std::int64_t width = 0;   // pixels
   std::int64_t height = 0;  // pixels
   std::uint64_t id = 0;     // above 0, strictly increasing
-  PictureMemory rgba;       // width × height × 4 bytes, the bottom row of the picture first
-  double capturedAt = 0;    // uptime seconds at admission
+  // width × height × 4 bytes, the bottom row of the picture first.
+  std::shared_ptr<std::uint8_t[]> rgba;
+  double capturedAt = 0;  // uptime seconds at admission
 };
 
 }  // namespace lumora

@@ -1,19 +1,22 @@
 #pragma once
 
-// BT.709's luma and colour differences of BGRA pixels, in limited range and in integers.
+// BT.709's luma and colour differences of RGB pixels, in limited range and in integers.
 //
 // Weights are bytes, which SIMD multiplies best. They may have any common factor, `scale` takes it
-// out again, so eight bits are enough: these ratios are within 0.15 of a step for luma and 0.005
+// out again, so eight bits are enough: these ratios are within 0.2 of a step for luma and 0.005
 // for colour differences of the exact ones (0.2126 red, 0.7152 green, 0.0722 blue), for greys
-// exact.
+// exact. SIMD sums two neighbours in 16 bits, so two weights of one sign add up to 128 at most.
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
+
+#include "platform/image.h"
 
 namespace lumora::bt709 {
 
-using Pixel = std::array<std::uint8_t, 4>;  // blue, green, red, alpha
+using Pixel = std::array<std::uint8_t, 4>;
 
 constexpr int fractionBits = 22;
 
@@ -38,9 +41,25 @@ constexpr Component component(int blue, int green, int red, int sum, int steps, 
           (zero << fractionBits) + (1 << (fractionBits - 1))};
 }
 
-constexpr Component luma = component(11, 108, 32, 255 * 151, 219, 16);
-constexpr Component blueDifference = component(96, -74, -22, 255 * 96, 112, 128);
-constexpr Component redDifference = component(-11, -109, 120, 255 * 120, 112, 128);
+// All three, with weights in the order in which a pixel has its channels.
+struct Components {
+  Component luma, blueDifference, redDifference;
+};
+
+constexpr Components bgra = {component(10, 98, 29, 255 * 137, 219, 16),
+                             component(96, -74, -22, 255 * 96, 112, 128),
+                             component(-11, -109, 120, 255 * 120, 112, 128)};
+
+constexpr Component redFirst(Component of) {
+  std::swap(of.weights[0], of.weights[2]);
+  return of;
+}
+constexpr Components rgba = {redFirst(bgra.luma), redFirst(bgra.blueDifference),
+                             redFirst(bgra.redDifference)};
+
+constexpr const Components& components(ChannelOrder order) {
+  return order == ChannelOrder::bgra ? bgra : rgba;
+}
 
 // As a little-endian word.
 constexpr std::uint32_t packed(const Pixel& bytes) {
@@ -62,19 +81,20 @@ constexpr Pixel averageRows(const std::uint8_t* top, const std::uint8_t* bottom,
   return average(pixelAt(top, x), pixelAt(bottom, x));
 }
 
-inline void lumaRow(const std::uint8_t* bgra, std::size_t width, std::uint8_t* y) {
-  for (std::size_t x = 0; x < width; ++x) y[x] = luma.of(pixelAt(bgra, x));
+inline void lumaRow(const Components& of, const std::uint8_t* row, std::size_t width,
+                    std::uint8_t* y) {
+  for (std::size_t x = 0; x < width; ++x) y[x] = of.luma.of(pixelAt(row, x));
 }
 
 // From an even `from` on. Weights along the row are 1, 2, 1; beyond an edge the edge goes on.
-inline void chromaRow(const std::uint8_t* top, const std::uint8_t* bottom, std::size_t from,
-                      std::size_t width, std::uint8_t* u, std::uint8_t* v) {
+inline void chromaRow(const Components& of, const std::uint8_t* top, const std::uint8_t* bottom,
+                      std::size_t from, std::size_t width, std::uint8_t* u, std::uint8_t* v) {
   for (std::size_t x = from; x < width; x += 2) {
     const Pixel before = averageRows(top, bottom, x == 0 ? 0 : x - 1);
     const Pixel behind = averageRows(top, bottom, x + 1 < width ? x + 1 : x);
     const Pixel pixel = average(average(before, behind), averageRows(top, bottom, x));
-    u[x / 2] = blueDifference.of(pixel);
-    v[x / 2] = redDifference.of(pixel);
+    u[x / 2] = of.blueDifference.of(pixel);
+    v[x / 2] = of.redDifference.of(pixel);
   }
 }
 

@@ -13,10 +13,20 @@
 
 namespace lumora {
 
+// What a pixel buffer shows.
+struct BufferPicture {
+  ImageView view;
+  ChannelOrder order = ChannelOrder::bgra;
+};
+
 // One picture in BGRA, made by a pool, which counts it until the last reference goes.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
+  // Shows `picture` from now on instead of memory of its own, and holds `owner` for it. False where
+  // it can't: of another size, for example.
+  virtual bool show(const BufferPicture& picture, std::shared_ptr<const void> owner) = 0;
+  virtual BufferPicture picture() = 0;
   // The buffer's memory and geometry; null pixels when it has no memory.
   virtual MutableImageView lock() = 0;
   virtual void unlock() = 0;

@@ -8,6 +8,8 @@
 
 namespace lumora {
 
+enum class ChannelOrder { bgra, rgba };
+
 struct ImageView {
   const std::uint8_t* pixels = nullptr;  // first byte of the first row
   std::int64_t width = 0;                // pixels

@@ -30,9 +30,10 @@ RawFrame makeFrame(int width, int height, std::uint8_t value) {
 struct Converted {
   std::shared_ptr<PixelBuffer> buffer;
   Pixel at(std::int64_t x, std::int64_t y) const {
-    const MutableImageView view = buffer->lock();
+    const auto [view, order] = buffer->picture();
     const std::uint8_t* p = view.pixels + y * view.stride + x * 4;
-    return {p[0], p[1], p[2], p[3]};
+    return order == ChannelOrder::bgra ? Pixel{p[0], p[1], p[2], p[3]}
+                                       : Pixel{p[2], p[1], p[0], p[3]};
   }
 };
 
@@ -117,7 +118,7 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
     Bytes picture(static_cast<std::size_t>(width * height * 4), 90);
     for (int time = 1; time <= 130; ++time) {
       std::shared_ptr<const EncodedSample> sample;
-      const MutableImageView view{picture.data(), width, height, width * 4};
+      const BufferPicture view{{picture.data(), width, height, width * 4}};
       ASSERT_EQ(encoder->encode(view, time == 30, sample), 0);
       Bytes data(sample->dataLength().value());
       ASSERT_EQ(sample->copyBytes(0, data), 0);

@@ -84,7 +84,7 @@ TEST_F(Encode, FailuresEndTheRunWithTheirDescription) {
     probe.restart();
     adjust(probe);
     probe.connectClient();
-    probe.feed(1);
+    probe.feed(1, 1280, 720);  // one of the preview's size is not converted
     EXPECT_EQ(error(), message);
     EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
     EXPECT_FALSE(probe.isRawBusy());

@@ -1,7 +1,7 @@
 // Highway compiles the part between HWY_BEFORE_NAMESPACE and HWY_AFTER_NAMESPACE once per
 // instruction set and picks one when the program runs.
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "picture/bgra_to_yuv.cpp"
+#define HWY_TARGET_INCLUDE "picture/rgb_to_yuv.cpp"
 #include <hwy/foreach_target.h>
 // Behind foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "picture/bgra_to_yuv.h"
 #include "picture/bt709.h"
+#include "picture/rgb_to_yuv.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace lumora {
@@ -76,14 +76,19 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 // registers, but must expect that storing bytes changes what lies elsewhere.
 class Kernel {
  public:
-  HWY_INLINE Kernel() {}  // the implicit one would not be compiled for this instruction set
+  explicit HWY_INLINE Kernel(const bt709::Components& of)
+      : of_(of),
+        luma_(broadcast(of.luma)),
+        blue_(broadcast(of.blueDifference)),
+        red_(broadcast(of.redDifference)) {}
+  const bt709::Components& components() const { return of_; }
 
   // Pixels that a step takes from each row.
   static std::size_t step() { return hn::Lanes(d8); }
 
-  HWY_INLINE void lumaStep(const std::uint8_t* bgra, std::uint8_t* y) const {
+  HWY_INLINE void lumaStep(const std::uint8_t* pixels, std::uint8_t* y) const {
     const auto quarter = [&](std::size_t i) HWY_ATTR {
-      return component(hn::LoadU(d8, bgra + i * step()), luma_);
+      return component(hn::LoadU(d8, pixels + i * step()), luma_);
     };
     hn::StoreU(inOrder(packBlocks(quarter(0), quarter(1), quarter(2), quarter(3))), d8, y);
   }
@@ -139,26 +144,27 @@ class Kernel {
     return hn::BitCast(d8, hn::TableLookupLanes(blocks, order_));
   }
 
+  const bt709::Components& of_;
   decltype(blockOrder()) order_ = blockOrder();
-  Component luma_ = broadcast(bt709::luma);
-  Component blue_ = broadcast(bt709::blueDifference);
-  Component red_ = broadcast(bt709::redDifference);
+  Component luma_;
+  Component blue_;
+  Component red_;
 };
 
 // The last step of a row overlaps the one before.
-HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* bgra, std::size_t width,
+HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width,
                         std::uint8_t* y) {
   const std::size_t step = Kernel::step();
-  if (width < step) return bt709::lumaRow(bgra, width, y);
-  for (std::size_t x = 0; x + step <= width; x += step) kernel.lumaStep(bgra + x * 4, y + x);
+  if (width < step) return bt709::lumaRow(kernel.components(), row, width, y);
+  for (std::size_t x = 0; x + step <= width; x += step) kernel.lumaStep(row + x * 4, y + x);
   const std::size_t last = width - step;
-  if (width % step != 0) kernel.lumaStep(bgra + last * 4, y + last);
+  if (width % step != 0) kernel.lumaStep(row + last * 4, y + last);
 }
 
 HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uint8_t* bottom,
                           std::size_t width, std::uint8_t* u, std::uint8_t* v) {
   const std::size_t step = Kernel::step();
-  if (width < step) return bt709::chromaRow(top, bottom, 0, width, u, v);
+  if (width < step) return bt709::chromaRow(kernel.components(), top, bottom, 0, width, u, v);
   // Beyond the first pixel it goes on.
   const auto pixelBefore = [&](std::size_t x) HWY_ATTR {
     return hn::Set(dPixels, bt709::packed(bt709::averageRows(top, bottom, x == 0 ? 0 : x - 1)));
@@ -171,31 +177,34 @@ HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uin
   const std::size_t last = (width - step) / 2 * 2;
   left = pixelBefore(last);
   kernel.chromaStep(top + last * 4, bottom + last * 4, left, u + last / 2, v + last / 2);
-  bt709::chromaRow(top, bottom, last + step, width, u, v);
+  bt709::chromaRow(kernel.components(), top, bottom, last + step, width, u, v);
 }
 
 #else  // The compiler's own vectors must do.
 
-struct Kernel {};
+struct Kernel {
+  explicit Kernel(const bt709::Components& all) : of(all) {}
+  const bt709::Components& of;
+};
 
-void lumaRow(Kernel, const std::uint8_t* bgra, std::size_t width, std::uint8_t* y) {
-  bt709::lumaRow(bgra, width, y);
+void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width, std::uint8_t* y) {
+  bt709::lumaRow(kernel.of, row, width, y);
 }
 
-void chromaRow(Kernel, const std::uint8_t* top, const std::uint8_t* bottom, std::size_t width,
-               std::uint8_t* u, std::uint8_t* v) {
-  bt709::chromaRow(top, bottom, 0, width, u, v);
+void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uint8_t* bottom,
+               std::size_t width, std::uint8_t* u, std::uint8_t* v) {
+  bt709::chromaRow(kernel.of, top, bottom, 0, width, u, v);
 }
 
 #endif
 
-void convert(const ImageView& bgra, Plane y, Plane u, Plane v) {
-  const Kernel kernel;
-  const auto width = static_cast<std::size_t>(bgra.width);
-  for (std::int64_t row = 0; row < bgra.height; row += 2) {
-    const std::uint8_t* top = bgra.pixels + row * bgra.stride;
-    const bool paired = row + 1 < bgra.height;
-    const std::uint8_t* bottom = paired ? top + bgra.stride : top;
+void convert(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v) {
+  const Kernel kernel(bt709::components(order));
+  const auto width = static_cast<std::size_t>(source.width);
+  for (std::int64_t row = 0; row < source.height; row += 2) {
+    const std::uint8_t* top = source.pixels + row * source.stride;
+    const bool paired = row + 1 < source.height;
+    const std::uint8_t* bottom = paired ? top + source.stride : top;
     lumaRow(kernel, top, width, y.samples + row * y.stride);
     if (paired) lumaRow(kernel, bottom, width, y.samples + (row + 1) * y.stride);
     chromaRow(kernel, top, bottom, width, u.samples + row / 2 * u.stride,
@@ -216,17 +225,17 @@ HWY_AFTER_NAMESPACE();
 namespace lumora {
 HWY_EXPORT(convert);
 
-void convertToI420(const ImageView& bgra, Plane y, Plane u, Plane v) {
-  HWY_DYNAMIC_DISPATCH(convert)(bgra, y, u, v);
+void convertToI420(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v) {
+  HWY_DYNAMIC_DISPATCH(convert)(source, order, y, u, v);
 }
 
-void convertToNV12(const ImageView& bgra, Plane y, Plane uv) {
-  const std::int64_t columns = (bgra.width + 1) / 2;
-  const std::int64_t rows = (bgra.height + 1) / 2;
+void convertToNV12(const ImageView& source, ChannelOrder order, Plane y, Plane uv) {
+  const std::int64_t columns = (source.width + 1) / 2;
+  const std::int64_t rows = (source.height + 1) / 2;
   std::vector<std::uint8_t> planes(static_cast<std::size_t>(2 * columns * rows));
   const Plane u{planes.data(), columns};
   const Plane v{planes.data() + columns * rows, columns};
-  convertToI420(bgra, y, u, v);
+  convertToI420(source, order, y, u, v);
   libyuv::MergeUVPlane(u.samples, static_cast<int>(u.stride), v.samples, static_cast<int>(v.stride),
                        uv.samples, static_cast<int>(uv.stride), static_cast<int>(columns),
                        static_cast<int>(rows));

@@ -1,6 +1,6 @@
 #pragma once
 
-// BGRA to what encoders take: 4:2:0 planes with BT.709's matrix in limited range (ITU-T H.273:
+// RGB to what encoders take: 4:2:0 planes with BT.709's matrix in limited range (ITU-T H.273:
 // MatrixCoefficients 1, VideoFullRangeFlag 0). Chroma lies where H.264 has it by default, level
 // with the left of its two columns and halfway between its two rows. An odd last column or row
 // stands for the one that is missing. Arithmetic is fixed-point and the same on every machine.
@@ -15,7 +15,7 @@ struct Plane {
 };
 
 // Any thread.
-void convertToI420(const ImageView& bgra, Plane y, Plane u, Plane v);
-void convertToNV12(const ImageView& bgra, Plane y, Plane uv);
+void convertToI420(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v);
+void convertToNV12(const ImageView& source, ChannelOrder order, Plane y, Plane uv);
 
 }  // namespace lumora
