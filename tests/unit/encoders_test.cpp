@@ -8,6 +8,7 @@
 
 #include "codec/libav_encoders.h"
 #include "encode/session_settings.h"
+#include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"
 
 namespace lumora {
@@ -72,15 +73,18 @@ TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoC
         {"hardware", refuses, refuses, none, Answer{0, 0}},
         {"hardware", hangs, hangs, none, Answer{0, 0}}}) {
     SCOPED_TRACE(std::string(choice) + std::to_string(whenChosen) + std::to_string(later));
-    const double now = 0;
     const auto driver = std::make_shared<Driver>();
     driver->behaviour = whenChosen;
-    const auto dispatch = std::make_shared<FakeDispatch>(now);
+    const auto queue = std::make_shared<AsioQueue>("state");
     const auto encoders = std::make_shared<LibavEncoders>(
-        choice, dispatch->makeQueue("state"), dispatch, PicturePool::make(),
+        choice, queue, std::make_shared<AsioDispatch>(queue), PicturePool::make(),
         [driver](auto&&... all) { return driver->open(all...); });
     encoders->prepare(take);
-    if (whenChosen != hangs) dispatch->queues.at(1)->run();  // else the opener stands
+    if (whenChosen != hangs) {
+      std::promise<void> chosen;
+      encoders->whenOpen([&] { chosen.set_value(); });
+      chosen.get_future().wait();
+    }
     driver->behaviour = later;
     std::shared_ptr<CompressionSession> session;
     EXPECT_EQ(encoders->createSession(SessionKind::preview, 2, 2, {}, session), created);
