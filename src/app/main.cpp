@@ -9,6 +9,7 @@
 
 #include "app/options.h"
 #include "app/video_encoder.h"
+#include "base/process_heap.h"
 #include "system/system_platform.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
@@ -58,6 +59,7 @@ int main(int argc, char** argv) {
   const auto configuration = lumora::options(arguments, environment);
   if (!configuration) endWith(invalidConfiguration);
 
+  lumora::keepFreedMemory();
   // Lives until the process ends: `exit` never runs its destructor.
   static const lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
   static const auto encoder = std::make_shared<lumora::VideoEncoder>(*configuration, platform);

@@ -22,8 +22,9 @@ VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services
       exactPreviewDimensions(configuration.exactPreviewDimensions) {}
 
 void VideoEncoder::start() {
-  platform.encoders->prepare(
-      sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS));
+  platform.encoders->choose(
+      sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS),
+      RecordingProfile::defaultProfile().sessionSettings());
   const auto weak = weak_from_this();
   listener = platform.network->makeListener(host, port);
   listener->setConnectionHandler([weak](std::shared_ptr<TcpConnection> connection) {
@@ -37,7 +38,7 @@ void VideoEncoder::start() {
   });
   for (const int signal : {SIGTERM, SIGINT}) {
     signals.push_back(platform.process->onSignal(signal, [weak] {
-      if (const auto self = weak.lock()) self->requestShutdown(std::nullopt);
+      if (const auto self = weak.lock()) self->requestShutdown();
     }));
   }
   listener->start();
@@ -56,7 +57,7 @@ void VideoEncoder::listenerChanged(ListenerState state) {
   const auto becomeReady = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->becomeReady();
   };
-  platform.encoders->whenOpen(becomeReady);
+  platform.encoders->whenChosen(becomeReady);
   platform.stateQueue->asyncAfter(warmUpTimeout, becomeReady);
 }
 
@@ -75,10 +76,8 @@ void VideoEncoder::becomeReady() {
   platform.dispatch->runDetached("lumora.reader", [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->readFrames();
   });
-  std::vector<EncoderSettings> takes;
-  for (const RecordingProfile& profile : RecordingProfile::likely())
-    takes.push_back(profile.session());
-  platform.encoders->expect(takes);
+  platform.encoders->warmUp(RecordingProfile::defaultProfile().sessionSettings(),
+                            RecordingProfile::largestProfile().sessionSettings());
 }
 
 void VideoEncoder::serviceTick() {
@@ -92,15 +91,17 @@ void VideoEncoder::fail(const std::string& message) {
   shutdown(1);
 }
 
-void VideoEncoder::requestShutdown(std::optional<std::string> message) {
-  platform.process->exitAfter(shutdownTimeout, message ? 1 : 0);
-  platform.stateQueue->async([weak = weak_from_this(), message = std::move(message)] {
-    const auto self = weak.lock();
-    if (!self) return;
-    if (message)
-      self->fail(*message);
-    else
-      self->shutdown(0);
+void VideoEncoder::requestShutdown() {
+  platform.process->exitAfter(shutdownTimeout, 0);
+  platform.stateQueue->async([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->shutdown(0);
+  });
+}
+
+void VideoEncoder::requestFailure(const std::string& message) {
+  platform.process->exitAfter(shutdownTimeout, 1);
+  platform.stateQueue->async([weak = weak_from_this(), message] {
+    if (const auto self = weak.lock()) self->fail(message);
   });
 }
 

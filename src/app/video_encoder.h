@@ -36,8 +36,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
   void start();
   void shutdown(int code);
-  // Any thread. With an error event and status 1, or silently with 0.
-  void requestShutdown(std::optional<std::string> message);
+  // Any thread; the process then ends in time even if the state queue stands.
+  void requestShutdown();
+  void requestFailure(const std::string& message);
   void exitNow(int code);
   void emit(const Json& event);
 

@@ -39,9 +39,11 @@ void keepFreedMemory() {
 #if defined(__GLIBC__)
   constexpr int largestBlock = 32 << 20;  // the most that the C library takes from the heap
   constexpr int mostFree = 1 << 30;
+  // NOLINTBEGIN(concurrency-mt-unsafe): before other threads start
   mallopt(M_ARENA_MAX, 1);
   mallopt(M_MMAP_THRESHOLD, largestBlock);
   mallopt(M_TRIM_THRESHOLD, mostFree);
+  // NOLINTEND(concurrency-mt-unsafe)
 #endif
 }
 

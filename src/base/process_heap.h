@@ -1,7 +1,7 @@
 #pragma once
 
 // The C library's heap as a place where memory that was touched once stays at hand. The first touch
-// of the 70 MB that a large encoder works with takes several frames' time, so it is done ahead.
+// of the 60 MB that a large encoder works with takes several frames' time, so it is done ahead.
 // Where the C library has no such settings these do what they can.
 
 #include <cstddef>
@@ -13,8 +13,8 @@ namespace lumora {
 // start.
 void keepFreedMemory();
 
-// Has `bytes` of free memory touched, or less when stopped. Takes many times as long as it must, to
-// disturb nobody. Any thread.
+// Has `bytes` of free memory touched, or less when stopped; it stays so where freed memory is kept.
+// Takes many times as long as it must, to disturb nobody. Any thread.
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop);
 
 // Gives free memory back to the system. Any thread.

@@ -54,7 +54,7 @@ void EncodingWorker::run(const CodecChoice& choice, const EncoderSettings& setti
   const auto deadline = OpeningClock::now() + longestOpening;
   auto encoder = spares.take(settings, deadline);
   const Status opened = encoder ? 0 : openForSession(deadline, choice, settings, encoder);
-  if (encodeAll(encoder.get(), opened)) spares.keep(settings, std::move(encoder));
+  if (encodeAll(encoder.get(), opened)) spares.give(settings, std::move(encoder));
 }
 
 // Until stopped; whether the encoder never failed.

@@ -201,7 +201,7 @@ bool LibavEncoder::takeParameterSet(ByteView unit) {
   const bool sequence = type == NalType::sequenceParameterSet;
   if (!sequence && type != NalType::pictureParameterSet) return false;
   Bytes& kept = sequence ? sequence_ : pictureSet_;
-  Bytes set = sequence ? withoutReordering(unit) : Bytes(unit.begin(), unit.end());
+  Bytes set = sequence ? declaringNoReordering(unit) : Bytes(unit.begin(), unit.end());
   if (kept == set) return true;
   kept = std::move(set);
   format_.reset();

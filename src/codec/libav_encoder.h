@@ -1,6 +1,6 @@
 #pragma once
 
-// One opened H.264 encoder of libavcodec: BGRA pictures in, samples out, nothing held back. Its
+// One opened H.264 encoder of libavcodec: RGB pictures in, samples out, nothing held back. Its
 // caller serialises the calls.
 
 #include <memory>

@@ -25,26 +25,25 @@ std::vector<std::string> candidates(const std::string& choice) {
   return names;
 }
 
-// An encoder's pictures are allocated one by one, with the frames that it gets.
+// An encoder allocates its pictures one by one, with the frames that it gets. The preview's has all
+// of them before anybody is told that the service is ready; a take's finds memory that was touched.
 constexpr int picturesToWarm = 4;
 
-// The first of `names` that works with the expected settings, for which its encoder becomes a spare
-// one, or with those of a common take, since one that can't take a tiny preview may still record;
-// null when none does.
+// The first of `names` that works for the preview, whose encoder becomes a spare one, or for a
+// take, since one that can't take a tiny preview may still record; null when none does.
 const AVCodec* chooseEncoder(const std::vector<std::string>& names, CodecChoice choice,
-                             const EncoderSettings& expected, SpareEncoders& spares) {
-  const EncoderSettings common{
-      SessionKind::recording, 1280, 720, ProfileLevel::highAuto, 60, 60, 12'000'000};
+                             const EncoderSettings& preview, const EncoderSettings& take,
+                             SpareEncoders& spares) {
   for (const std::string& name : names) {
     choice.codec = avcodec_find_encoder_by_name(name.c_str());
     if (choice.codec == nullptr || choice.codec->id != AV_CODEC_ID_H264) continue;
     const auto deadline = OpeningClock::now() + longestOpening;
     std::unique_ptr<LibavEncoder> encoder;
-    if (openBy(deadline, choice, expected, picturesToWarm, encoder) == 0) {
-      spares.keep(expected, std::move(encoder));
+    if (openBy(deadline, choice, preview, picturesToWarm, encoder) == 0) {
+      spares.give(preview, std::move(encoder));
       return choice.codec;
     }
-    if (openBy(deadline, choice, common, picturesToWarm, encoder) == 0) return choice.codec;
+    if (openBy(deadline, choice, take, picturesToWarm, encoder) == 0) return choice.codec;
   }
   return nullptr;
 }
@@ -55,12 +54,12 @@ std::size_t workingMemory(const EncoderSettings& settings) {
   return static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 44;
 }
 
-void openNext(const CodecChoice& choice, SpareEncoders& spares) {
-  const auto order = spares.beginOpening();
-  if (!order) return;
+void openWanted(const CodecChoice& choice, SpareEncoders& spares) {
+  const auto wanted = spares.beginOpening();
+  if (!wanted) return;
   std::unique_ptr<LibavEncoder> encoder;
-  openBy(OpeningClock::now() + longestOpening, choice, order->settings, 0, encoder);
-  spares.endOpening(order->settings, std::move(encoder));
+  openBy(OpeningClock::now() + longestOpening, choice, *wanted, 0, encoder);
+  spares.endOpening(*wanted, std::move(encoder));
 }
 
 }  // namespace
@@ -71,57 +70,58 @@ LibavEncoders::LibavEncoders(const std::string& choice, std::shared_ptr<SerialQu
     : stateQueue_(std::move(stateQueue)),
       dispatch_(std::move(dispatch)),
       opener_(dispatch_->makeQueue("lumora.opener")),
-      spares_(std::make_shared<SpareEncoders>(opener_)),
+      spares_(std::make_shared<SpareEncoders>(opener_, giveFreedMemoryBack)),
       codec_(chosen_->get_future()) {
   const auto colon = std::min(choice.find(':'), choice.size());
   names_ = candidates(choice.substr(0, colon));
   if (colon < choice.size()) common_.preset = choice.substr(colon + 1);
   common_.pictures = std::move(pictures);
   common_.open = std::move(open);
-  if (names_.back() == softwareEncoder) {
+  if (names_.size() > 1 && names_.back() == softwareEncoder) {
     common_.substitute = avcodec_find_encoder_by_name(softwareEncoder);
   }
 }
 
-void LibavEncoders::prepare(const EncoderSettings& expected) {
+void LibavEncoders::choose(const EncoderSettings& preview, const EncoderSettings& take) {
   chosenBy_ = OpeningClock::now() + longestOpening;
-  opener_->async([names = names_, common = common_, expected, spares = spares_, chosen = chosen_] {
-    chosen->set_value(chooseEncoder(names, common, expected, *spares));
-  });
-}
-
-void LibavEncoders::expect(const std::vector<EncoderSettings>& settings) {
-  dispatch_->runDetached(
-      "lumora.memory", [self = shared_from_this(), settings, stop = taken_.get_token()] {
-        const AVCodec* codec = self->codec_.get();
-        if (codec == nullptr) return;
-        std::size_t memory = 0;
-        for (const EncoderSettings& each : settings) memory = std::max(memory, workingMemory(each));
-        if (!isHardware(*codec)) {
-          touchMemoryAhead(memory, stop);
-          self->opener_->asyncAfter(SpareEncoders::lifetime, giveFreedMemoryBack);
-        }
-        if (!stop.stop_requested()) self->open({settings.front(), false});
+  opener_->async(
+      [names = names_, common = common_, preview, take, spares = spares_, chosen = chosen_] {
+        chosen->set_value(chooseEncoder(names, common, preview, take, *spares));
       });
 }
 
-void LibavEncoders::openSoon(const EncoderSettings& settings) {
-  taken_.request_stop();  // what is touched by now is needed by now
-  open({settings, true});
+void LibavEncoders::whenChosen(Work work) {
+  opener_->async([queue = stateQueue_, work = std::move(work)] { queue->async(work); });
 }
 
-void LibavEncoders::open(const SpareEncoders::Order& order) {
-  spares_->order(order);
-  opener_->async([choice = common_, codec = codec_, spares = spares_, order]() mutable {
+void LibavEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) {
+  const auto touch = [self = shared_from_this(), likeliest, largest, stop = needed_.get_token()] {
+    const AVCodec* codec = self->codec_.get();
+    if (codec == nullptr) return;
+    if (!isHardware(*codec)) {
+      touchMemoryAhead(workingMemory(largest), stop);
+      self->opener_->asyncAfter(SpareEncoders::lifetime, giveFreedMemoryBack);
+    }
+    self->spares_->wantFirst(likeliest);
+    self->openInBackground(std::nullopt);
+  };
+  dispatch_->runDetached("lumora.memory", touch);
+}
+
+void LibavEncoders::openAhead(const EncoderSettings& settings) {
+  needed_.request_stop();  // what is touched by now is needed by now
+  spares_->want(settings);
+  openInBackground(settings);
+}
+
+// Opens what is wanted, then touches a buffer for a session with settings of `buffer`.
+void LibavEncoders::openInBackground(const std::optional<EncoderSettings>& buffer) {
+  opener_->async([choice = common_, codec = codec_, spares = spares_, buffer]() mutable {
     choice.codec = codec.get();
     if (choice.codec == nullptr) return;
-    openNext(choice, *spares);
-    if (order.soon) touchPixelBuffer(choice, order.settings);
+    openWanted(choice, *spares);
+    if (buffer) touchPixelBuffer(choice, *buffer);
   });
-}
-
-void LibavEncoders::whenOpen(Work work) {
-  opener_->async([queue = stateQueue_, work = std::move(work)] { queue->async(work); });
 }
 
 // Which hardware requirement the run has was said with the choice, not with the session: a
@@ -136,7 +136,7 @@ Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::i
   } else {
     // A driver that hangs is not waited for, nor are the spare encoders that would come after it.
     choice.codec = choice.substitute;
-    spares = std::make_shared<SpareEncoders>(opener_);
+    spares = std::make_shared<SpareEncoders>(opener_, giveFreedMemoryBack);
   }
   if (choice.codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   session = std::make_shared<LibavSession>(choice, kind, width, height, std::move(spares));

@@ -1,11 +1,10 @@
 #pragma once
 
 // Chooses the H.264 encoder of this run and makes sessions with it. Encoders are opened ahead on a
-// thread of their own, the opener's; the first time it opens some, it chooses: it opens one
-// candidate after the other and has it encode, until one works.
+// queue of their own, the opener's: first one candidate after the other, until one works.
 
-#include <chrono>
 #include <future>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -22,17 +21,16 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
   LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
                 std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
                 OpenEncoder open = LibavEncoder::open);
-  // The first candidate that works with these settings, or with those of a common take.
-  void prepare(const EncoderSettings& expected) override;
-  void expect(const std::vector<EncoderSettings>& settings) override;
-  void openSoon(const EncoderSettings& settings) override;
-  void whenOpen(Work work) override;
+  void choose(const EncoderSettings& preview, const EncoderSettings& take) override;
+  void whenChosen(Work work) override;
+  void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;
+  void openAhead(const EncoderSettings& settings) override;
   Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements& requirements,
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
-  void open(const SpareEncoders::Order& order);
+  void openInBackground(const std::optional<EncoderSettings>& buffer);
 
   std::shared_ptr<SerialQueue> stateQueue_;
   std::shared_ptr<Dispatch> dispatch_;
@@ -44,7 +42,7 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
       std::make_shared<std::promise<const AVCodec*>>();
   std::shared_future<const AVCodec*> codec_;
   OpeningClock::time_point chosenBy_;  // later, sessions go without the choice
-  std::stop_source taken_;             // requested once a session came that was expected
+  std::stop_source needed_;            // requested once the memory that is touched is needed
 };
 
 }  // namespace lumora

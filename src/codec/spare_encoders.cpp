@@ -3,35 +3,34 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/process_heap.h"
-
 namespace lumora {
 
-void SpareEncoders::order(const Order& wanted) {
+void SpareEncoders::want(const EncoderSettings& settings) {
   const std::lock_guard hold(mutex_);
-  if (wanted.soon)
-    orders_.push_front(wanted);
-  else
-    orders_.push_back(wanted);
+  wanted_ = settings;
+  everWanted_ = true;
 }
 
-std::optional<SpareEncoders::Order> SpareEncoders::beginOpening() {
+void SpareEncoders::wantFirst(const EncoderSettings& settings) {
+  const std::lock_guard hold(mutex_);
+  if (!everWanted_) wanted_ = settings;
+}
+
+std::optional<EncoderSettings> SpareEncoders::beginOpening() {
   std::unique_ptr<LibavEncoder> replaced;  // closed unlocked
   const std::lock_guard hold(mutex_);
-  while (!orders_.empty()) {
-    const Order next = orders_.front();
-    orders_.pop_front();
-    if (std::ranges::find(spares_, next.settings, &Spare::settings) != spares_.end()) continue;
-    opening_ = next.settings;
-    replaced = releaseSameKind(next.settings);
-    return next;
+  const auto wanted = std::exchange(wanted_, std::nullopt);
+  if (!wanted || std::ranges::find(spares_, *wanted, &Spare::settings) != spares_.end()) {
+    return std::nullopt;
   }
-  return std::nullopt;
+  opening_ = wanted;
+  replaced = releaseSameKind(*wanted);
+  return wanted;
 }
 
 void SpareEncoders::endOpening(const EncoderSettings& settings,
                                std::unique_ptr<LibavEncoder> encoder) {
-  if (encoder) keep(settings, std::move(encoder));
+  if (encoder) give(settings, std::move(encoder));
   const std::lock_guard hold(mutex_);
   opening_.reset();
   opened_.notify_all();
@@ -41,22 +40,22 @@ std::unique_ptr<LibavEncoder> SpareEncoders::take(const EncoderSettings& setting
                                                   OpeningClock::time_point deadline) {
   std::unique_lock hold(mutex_);
   // What nobody has begun to open its user opens itself.
-  std::erase_if(orders_, [&](const Order& order) { return order.settings == settings; });
+  if (wanted_ == settings) wanted_.reset();
   opened_.wait_until(hold, deadline, [&] { return opening_ != settings; });
   return release(std::ranges::find(spares_, settings, &Spare::settings));
 }
 
-void SpareEncoders::keep(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder) {
+void SpareEncoders::give(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder) {
   std::unique_ptr<LibavEncoder> replaced;  // closed unlocked
-  std::uint64_t number = 0;
+  std::uint64_t generation = 0;
   {
     const std::lock_guard hold(mutex_);
     replaced = releaseSameKind(settings);
-    number = ++kept_;
-    spares_.push_back({settings, std::move(encoder), number});
+    generation = ++generations_;
+    spares_.push_back({settings, std::move(encoder), generation});
   }
-  timers_->asyncAfter(lifetime, [weak = weak_from_this(), number] {
-    if (const auto self = weak.lock()) self->drop(number);
+  timers_->asyncAfter(lifetime, [weak = weak_from_this(), generation] {
+    if (const auto self = weak.lock()) self->close(generation);
   });
 }
 
@@ -72,15 +71,15 @@ std::unique_ptr<LibavEncoder> SpareEncoders::releaseSameKind(const EncoderSettin
       spares_, [&](const Spare& spare) { return spare.settings.kind == settings.kind; }));
 }
 
-void SpareEncoders::drop(std::uint64_t number) {
-  std::unique_ptr<LibavEncoder> dropped;
+void SpareEncoders::close(std::uint64_t generation) {
+  std::unique_ptr<LibavEncoder> spare;
   {
     const std::lock_guard hold(mutex_);
-    dropped = release(std::ranges::find(spares_, number, &Spare::number));
+    spare = release(std::ranges::find(spares_, generation, &Spare::generation));
   }
-  if (!dropped) return;
-  dropped.reset();
-  giveFreedMemoryBack();
+  if (!spare) return;
+  spare.reset();
+  closed_();
 }
 
 }  // namespace lumora

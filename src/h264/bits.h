@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <utility>
 
 #include "base/bytes.h"
 
@@ -22,15 +22,15 @@ class BitReader {
   }
   bool flag() { return bit() != 0; }
   // ue(v)
-  std::uint32_t exponential() {
+  std::uint32_t expGolomb() {
     int zeros = 0;
     while (!isExhausted() && !flag()) ++zeros;
     if (zeros > 31) exhaust();
     return isExhausted() ? 0 : (1U << zeros) - 1 + bits(zeros);
   }
   // Signed ones have as many bits as unsigned ones.
-  void skipExponentials(std::uint32_t count) {
-    for (; count > 0 && !isExhausted(); --count) exponential();
+  void skipExpGolomb(std::uint32_t count) {
+    for (; count > 0 && !isExhausted(); --count) expGolomb();
   }
 
   std::size_t position() const { return position_; }  // in bits
@@ -56,7 +56,7 @@ class BitWriter {
     while (count-- > 0) bit((value >> count & 1) != 0);
   }
   void flag(bool value) { bit(value); }
-  void exponential(std::uint32_t value) {
+  void expGolomb(std::uint32_t value) {
     int length = 0;
     while ((value + 1) >> length > 1) ++length;
     bits(0, length);

@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint8_t emulationPrevention = 3;
 
 // 7.4.1.1: without and with the bytes that keep start codes out of a unit.
-Bytes unescape(ByteView unit) {
+Bytes removeEmulationPrevention(ByteView unit) {
   Bytes bytes;
   int zeros = 0;
   for (const std::uint8_t byte : unit) {
@@ -23,7 +23,7 @@ Bytes unescape(ByteView unit) {
   return bytes;
 }
 
-Bytes escape(ByteView bytes) {
+Bytes addEmulationPrevention(ByteView bytes) {
   Bytes unit;
   int zeros = 0;
   for (const std::uint8_t byte : bytes) {
@@ -38,19 +38,19 @@ Bytes escape(ByteView bytes) {
 }
 
 // What decides, and where its bits are.
-struct Usability {
+struct Vui {
   std::size_t flagAt = 0;  // of vui_parameters_present_flag, in bits
   bool present = false;
   std::size_t restrictionAt = 0;  // of bitstream_restriction_flag
   bool restricted = false;
-  std::uint32_t references = 0;  // max_num_ref_frames
-  std::uint32_t reordered = 0;   // max_num_reorder_frames
+  std::uint32_t maxReferenceFrames = 0;
+  std::uint32_t maxReorderFrames = 0;
 };
 
 void skipScalingList(BitReader& set, int size) {
   std::uint32_t last = 8;
   for (int i = 0; i < size && last != 0; ++i) {
-    const std::uint32_t code = set.exponential();
+    const std::uint32_t code = set.expGolomb();
     const std::uint32_t magnitude = (code + 1) / 2;
     last = (code % 2 != 0 ? last + magnitude : last - magnitude) % 256;
   }
@@ -61,9 +61,9 @@ void skipChromaFormat(BitReader& set, std::uint32_t profile) {
   constexpr std::array<std::uint32_t, 13> extended = {100, 110, 122, 244, 44,  83, 86,
                                                       118, 128, 138, 139, 134, 135};
   if (std::ranges::find(extended, profile) == extended.end()) return;
-  const std::uint32_t format = set.exponential();
+  const std::uint32_t format = set.expGolomb();
   if (format == 3) set.flag();
-  set.skipExponentials(2);  // bit depths
+  set.skipExpGolomb(2);  // bit depths
   set.flag();
   if (!set.flag()) return;
   for (int i = 0; i < (format == 3 ? 12 : 8); ++i) {
@@ -72,27 +72,27 @@ void skipChromaFormat(BitReader& set, std::uint32_t profile) {
 }
 
 void skipPictureOrder(BitReader& set) {
-  const std::uint32_t type = set.exponential();
-  if (type == 0) set.exponential();
+  const std::uint32_t type = set.expGolomb();
+  if (type == 0) set.expGolomb();
   if (type != 1) return;
   set.flag();
-  set.skipExponentials(2);
-  set.skipExponentials(set.exponential());
+  set.skipExpGolomb(2);
+  set.skipExpGolomb(set.expGolomb());
 }
 
 // E.1.2
-void skipBuffering(BitReader& set) {
-  const std::uint32_t last = set.exponential();
+void skipHrd(BitReader& set) {
+  const std::uint32_t last = set.expGolomb();
   set.bits(8);
   for (std::uint32_t i = 0; i <= last && !set.isExhausted(); ++i) {
-    set.skipExponentials(2);
+    set.skipExpGolomb(2);
     set.flag();
   }
   set.bits(20);
 }
 
 // E.1.1, up to bitstream_restriction_flag.
-void skipUsability(BitReader& set) {
+void skipVui(BitReader& set) {
   constexpr std::uint32_t extendedSampleAspect = 255;
   if (set.flag() && set.bits(8) == extendedSampleAspect) set.bits(32);
   if (set.flag()) set.flag();  // overscan
@@ -100,72 +100,73 @@ void skipUsability(BitReader& set) {
     set.bits(4);
     if (set.flag()) set.bits(24);
   }
-  if (set.flag()) set.skipExponentials(2);  // chroma location
-  if (set.flag()) {                         // timing
+  if (set.flag()) set.skipExpGolomb(2);  // chroma location
+  if (set.flag()) {                      // timing
     set.bits(32);
     set.bits(32);
     set.flag();
   }
   const bool ofUnits = set.flag();
-  if (ofUnits) skipBuffering(set);
+  if (ofUnits) skipHrd(set);
   const bool ofSlices = set.flag();
-  if (ofSlices) skipBuffering(set);
+  if (ofSlices) skipHrd(set);
   if (ofUnits || ofSlices) set.flag();
   set.flag();  // picture structure
 }
 
-std::optional<Usability> read(ByteView bytes) {
+std::optional<Vui> read(ByteView bytes) {
   BitReader set(bytes);
   set.bits(8);  // the unit's header
   const std::uint32_t profile = set.bits(8);
   set.bits(16);  // constraints, level
-  set.exponential();
+  set.expGolomb();
   skipChromaFormat(set, profile);
-  set.exponential();  // frame numbers
+  set.expGolomb();  // frame numbers
   skipPictureOrder(set);
-  Usability found;
-  found.references = set.exponential();
+  Vui found;
+  found.maxReferenceFrames = set.expGolomb();
   set.flag();
-  set.skipExponentials(2);      // size
+  set.skipExpGolomb(2);         // size
   if (!set.flag()) set.flag();  // fields
   set.flag();
-  if (set.flag()) set.skipExponentials(4);  // cropping
+  if (set.flag()) set.skipExpGolomb(4);  // cropping
   found.flagAt = set.position();
   found.present = set.flag();
   if (found.present) {
-    skipUsability(set);
+    skipVui(set);
     found.restrictionAt = set.position();
     found.restricted = set.flag();
   }
   if (found.restricted) {
     set.flag();
-    set.skipExponentials(4);
-    found.reordered = set.exponential();
-    set.exponential();
+    set.skipExpGolomb(4);
+    found.maxReorderFrames = set.expGolomb();
+    set.expGolomb();
   }
   return set.isExhausted() ? std::nullopt : std::optional(found);
 }
 
 // Whatever is not said stays at its default, or without a limit.
-void writeRestriction(BitWriter& set, const Usability& found) {
+void writeRestriction(BitWriter& set, const Vui& found) {
   constexpr std::uint32_t unlimited = 0;
   constexpr std::uint32_t longestVector = 16;
   set.flag(true);
   set.flag(true);
-  set.exponential(unlimited);
-  set.exponential(unlimited);
-  set.exponential(longestVector);
-  set.exponential(longestVector);
-  set.exponential(0);                 // none reordered
-  set.exponential(found.references);  // as many as a decoder has to keep
+  set.expGolomb(unlimited);
+  set.expGolomb(unlimited);
+  set.expGolomb(longestVector);
+  set.expGolomb(longestVector);
+  set.expGolomb(0);                         // none reordered
+  set.expGolomb(found.maxReferenceFrames);  // as many as a decoder has to keep
 }
 
 }  // namespace
 
-Bytes withoutReordering(ByteView unit) {
-  const Bytes bytes = unescape(unit);
+Bytes declaringNoReordering(ByteView unit) {
+  const Bytes bytes = removeEmulationPrevention(unit);
   const auto found = read(bytes);
-  if (!found || (found->restricted && found->reordered == 0)) return {unit.begin(), unit.end()};
+  if (!found || (found->restricted && found->maxReorderFrames == 0))
+    return {unit.begin(), unit.end()};
   BitWriter set;
   if (found->present) {
     set.copy(bytes, found->restrictionAt);
@@ -175,7 +176,7 @@ Bytes withoutReordering(ByteView unit) {
     set.bits(0, 8);  // nothing of what stands before the restriction
   }
   writeRestriction(set, *found);
-  return escape(set.finish());
+  return addEmulationPrevention(set.finish());
 }
 
 }  // namespace lumora

@@ -14,7 +14,7 @@ namespace lumora {
 void VideoEncoder::readFrames() {
   std::array<std::uint8_t, recordHeaderBytes> bytes{};
   for (;;) {
-    if (!readExactly(bytes)) return requestShutdown(std::nullopt);
+    if (!readExactly(bytes)) return requestShutdown();
     const RecordHeader header = decodeRecordHeader(bytes);
     if (!(header.isCommand() ? readCommand(header) : readFrame(header))) return;
   }
@@ -33,7 +33,7 @@ bool VideoEncoder::readExactly(MutableByteView space) {
 bool VideoEncoder::readCommand(const RecordHeader& header) {
   Bytes payload(isValidCommand(header) ? header.length : 0);
   if (payload.empty() || !readExactly(payload)) {
-    requestShutdown("invalid recording command framing");
+    requestFailure("invalid recording command framing");
     return false;
   }
   platform.stateQueue->async([weak = weak_from_this(), payload = std::move(payload)] {
@@ -44,13 +44,13 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
 
 bool VideoEncoder::readFrame(const RecordHeader& header) {
   if (!isValidFrame(header, lastFrameID)) {
-    requestShutdown("invalid raw frame header");
+    requestFailure("invalid raw frame header");
     return false;
   }
   PictureMemory rgba = platform.pictures->allocate(header.length);
   if (!rgba) throw std::bad_alloc();
   if (!readExactly({rgba.get(), header.length})) {
-    requestShutdown("truncated raw frame");
+    requestFailure("truncated raw frame");
     return false;
   }
   lastFrameID = header.id;

@@ -1,6 +1,6 @@
 #pragma once
 
-// H.264 compression sessions as the encode pipeline sees them. A session owns a pool of BGRA
+// H.264 compression sessions as the encode pipeline sees them. A session owns a pool of pixel
 // buffers and a worker; it takes one buffer per frame and answers each with one encoded sample.
 
 #include <cstdint>
@@ -19,7 +19,8 @@ struct BufferPicture {
   ChannelOrder order = ChannelOrder::bgra;
 };
 
-// One picture in BGRA, made by a pool, which counts it until the last reference goes.
+// One picture, made by a pool, which counts it until the last reference goes: in BGRA memory of its
+// own, or shown where it lies.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;

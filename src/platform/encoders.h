@@ -1,7 +1,5 @@
 #pragma once
 
-#include <vector>
-
 #include "platform/compression.h"
 #include "platform/dispatch.h"
 #include "platform/encoder_settings.h"
@@ -22,18 +20,16 @@ class Encoders {
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
-  // Chooses the encoder of the run, in the background, and opens one of these settings. Comes
-  // first.
-  virtual void prepare(const EncoderSettings& expected) = 0;
-  // Sessions of these settings may come, the first most likely: opens an encoder for that one and
-  // has memory at hand for any, slowly, in the background.
-  virtual void expect(const std::vector<EncoderSettings>& settings) = 0;
-  // A session of these settings comes next: opens its encoder before all others, unless one is
-  // open.
-  virtual void openSoon(const EncoderSettings& settings) = 0;
-  // Runs `work` on the state queue, never before it returns, once what was to be prepared is open
-  // or known to fail.
-  virtual void whenOpen(Work work) = 0;
+  // Chooses the encoder of the run in the background, one that works for this preview, of which one
+  // is opened, or else for this take. Comes before everything else.
+  virtual void choose(const EncoderSettings& preview, const EncoderSettings& take) = 0;
+  // Runs `work` on the state queue, never before it returns, once that is done.
+  virtual void whenChosen(Work work) = 0;
+  // Slowly, in the background, has memory at hand for sessions up to the largest and opens an
+  // encoder for the likeliest one.
+  virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
+  // A session of these settings comes next: its encoder is opened at once, in the background.
+  virtual void openAhead(const EncoderSettings& settings) = 0;
 };
 
 }  // namespace lumora

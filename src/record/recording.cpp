@@ -44,7 +44,7 @@ void VideoEncoder::startRecording(const Json& command) {
       });
   pendingMovieStop.reset();
   recordingForceIDR = true;
-  platform.encoders->openSoon(profile->session());
+  platform.encoders->openAhead(profile->sessionSettings());
 }
 
 void VideoEncoder::stopRecording(const Json& command) {

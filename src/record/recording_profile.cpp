@@ -12,7 +12,8 @@ struct Resolution {
   int height;
 };
 constexpr Resolution mirrored = {"1080x720", mirroredRecordingWidth, mirroredRecordingHeight};
-constexpr Resolution resolutions[] = {mirrored, {"640x360", 640, 360}, {"1920x1080", 1920, 1080}};
+constexpr Resolution largest = {"1920x1080", 1920, 1080};
+constexpr Resolution resolutions[] = {{"640x360", 640, 360}, mirrored, largest};
 constexpr int defaultFrameRate = 60;
 constexpr int frameRates[] = {15, 30, 45, 60};
 
@@ -31,16 +32,12 @@ RecordingProfile RecordingProfile::defaultProfile() {
   return {mirrored.name, mirrored.width, mirrored.height, defaultFrameRate};
 }
 
-std::vector<RecordingProfile> RecordingProfile::likely() {
-  std::vector<RecordingProfile> profiles;
-  for (const auto& [name, width, height] : resolutions) {
-    profiles.push_back({name, width, height, defaultFrameRate});
-  }
-  return profiles;
+RecordingProfile RecordingProfile::largestProfile() {
+  return {largest.name, largest.width, largest.height, defaultFrameRate};
 }
 
-EncoderSettings RecordingProfile::session() const {
-  return sessionSettings(SessionKind::recording, {width, height}, targetFPS);
+EncoderSettings RecordingProfile::sessionSettings() const {
+  return lumora::sessionSettings(SessionKind::recording, {width, height}, targetFPS);
 }
 
 std::optional<RecordingProfile> RecordingProfile::parse(const Json& command) {

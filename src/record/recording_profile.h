@@ -2,7 +2,6 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "base/json.h"
 #include "platform/encoder_settings.h"
@@ -19,15 +18,15 @@ struct RecordingProfile {
   // "1080x720" at 60: 1080 wide, not 1280.
   static RecordingProfile defaultProfile();
 
-  // One of each resolution at the default rate, the default one first.
-  static std::vector<RecordingProfile> likely();
+  // "1920x1080" at 60.
+  static RecordingProfile largestProfile();
 
   // The profile that "resolution" and "target_fps" of a command name, the default one when it has
   // neither; nothing when they are invalid.
   static std::optional<RecordingProfile> parse(const Json& command);
 
   // Of the session that encodes it.
-  EncoderSettings session() const;
+  EncoderSettings sessionSettings() const;
 };
 
 }  // namespace lumora

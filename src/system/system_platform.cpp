@@ -1,6 +1,5 @@
 #include "system/system_platform.h"
 
-#include "base/process_heap.h"
 #include "codec/libav_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_image_converter.h"
@@ -13,7 +12,6 @@
 namespace lumora {
 
 Platform makeSystemPlatform(const std::string& h264Encoder) {
-  keepFreedMemory();
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.pictures = PicturePool::make();

@@ -79,10 +79,10 @@ TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoC
     const auto encoders = std::make_shared<LibavEncoders>(
         choice, queue, std::make_shared<AsioDispatch>(queue), PicturePool::make(),
         [driver](auto&&... all) { return driver->open(all...); });
-    encoders->prepare(take);
+    encoders->choose(take, take);
     if (whenChosen != hangs) {
       std::promise<void> chosen;
-      encoders->whenOpen([&] { chosen.set_value(); });
+      encoders->whenChosen([&] { chosen.set_value(); });
       chosen.get_future().wait();
     }
     driver->behaviour = later;
@@ -107,14 +107,16 @@ struct SpareEncodersTest : testing::Test {
   auto takeNow(const EncoderSettings& settings) { return spares->take(settings, {}); }
 
   double now = 0;
+  int closed = 0;
   std::shared_ptr<ManualQueue> timers = std::make_shared<ManualQueue>(now);
-  std::shared_ptr<SpareEncoders> spares = std::make_shared<SpareEncoders>(timers);
+  std::shared_ptr<SpareEncoders> spares =
+      std::make_shared<SpareEncoders>(timers, [this] { ++closed; });
 };
 
 TEST_F(SpareEncodersTest, OneThatIsBeingOpenedIsWaitedForUnlessItFails) {
   for (const bool fails : {false, true}) {
-    spares->order({preview, false});
-    EXPECT_EQ(spares->beginOpening()->settings, preview);
+    spares->want(preview);
+    EXPECT_EQ(spares->beginOpening(), preview);
     EXPECT_EQ(takeNow(preview), nullptr);  // not for longer than was asked
     auto taken = std::async(std::launch::async, [&] {
       return spares->take(preview, OpeningClock::now() + std::chrono::minutes(1));
@@ -127,37 +129,43 @@ TEST_F(SpareEncodersTest, OneThatIsBeingOpenedIsWaitedForUnlessItFails) {
   }
 }
 
-TEST_F(SpareEncodersTest, AreOpenedInOrderUnlessNeededSoonOrThereOrTaken) {
-  spares->keep(preview, open(preview));
-  for (const auto& settings : {preview, take}) spares->order({settings, false});
-  spares->order({slowTake, true});
-  EXPECT_EQ(spares->beginOpening()->settings, slowTake);
-  spares->endOpening(slowTake, nullptr);
-  EXPECT_EQ(spares->beginOpening()->settings, take);
+TEST_F(SpareEncodersTest, TheLatestThatIsWantedIsOpenedUnlessThereOrTaken) {
+  spares->wantFirst(take);
+  EXPECT_EQ(spares->beginOpening(), take);
   spares->endOpening(take, nullptr);
+  spares->want(take);
+  spares->want(slowTake);
+  spares->wantFirst(take);  // too late
+  EXPECT_EQ(spares->beginOpening(), slowTake);
+  spares->endOpening(slowTake, nullptr);
   EXPECT_EQ(spares->beginOpening(), std::nullopt);
-  spares->order({take, false});
+  spares->want(take);
   EXPECT_EQ(takeNow(take), nullptr);  // its user opens it
+  EXPECT_EQ(spares->beginOpening(), std::nullopt);
+  spares->give(take, open(take));
+  spares->want(take);
   EXPECT_EQ(spares->beginOpening(), std::nullopt);
 }
 
 TEST_F(SpareEncodersTest, ThereIsOnePerKindForAMinute) {
-  spares->keep(preview, open(preview));
-  spares->keep(take, open(take));
-  spares->order({slowTake, true});
+  spares->give(preview, open(preview));
+  spares->give(take, open(take));
+  spares->want(slowTake);
   spares->beginOpening();
   EXPECT_EQ(takeNow(take), nullptr);  // made room
   now = 30;
   spares->endOpening(slowTake, open(slowTake));
   now = 59.9;
   timers->run();
-  spares->keep(preview, takeNow(preview));  // used: another minute
+  spares->give(preview, takeNow(preview));  // used: another minute
   now = 60;
   timers->run();
   EXPECT_NE(takeNow(preview), nullptr);
+  EXPECT_EQ(closed, 0);
   now = 90;
   timers->run();
   EXPECT_EQ(takeNow(slowTake), nullptr);
+  EXPECT_EQ(closed, 1);
 }
 
 }  // namespace

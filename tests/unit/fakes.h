@@ -267,15 +267,18 @@ struct FakeEncoders final : Encoders, CanFail {
     session = sessions.back();
     return 0;
   }
-  void prepare(const EncoderSettings& settings) override { ahead = {settings}; }
-  void expect(const std::vector<EncoderSettings>& settings) override {
-    ahead.insert(ahead.end(), settings.begin(), settings.end());
+  void choose(const EncoderSettings& preview, const EncoderSettings& take) override {
+    wanted = {preview, take};
   }
-  void openSoon(const EncoderSettings& settings) override { soon.push_back(settings); }
-  void whenOpen(Work work) override { opened = std::move(work); }
+  void whenChosen(Work work) override { chosen = std::move(work); }
+  void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override {
+    warm = {likeliest, largest};
+  }
+  void openAhead(const EncoderSettings& settings) override { ahead.push_back(settings); }
+  std::vector<EncoderSettings> wanted;
+  std::vector<EncoderSettings> warm;
   std::vector<EncoderSettings> ahead;
-  std::vector<EncoderSettings> soon;
-  Work opened;
+  Work chosen;
   std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;
 };

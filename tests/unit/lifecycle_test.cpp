@@ -18,15 +18,17 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   probe.service->start();
   EXPECT_TRUE(probe.network->listener->started);
   EXPECT_EQ(probe.dispatch->timerInterval, 0.025);
-  ASSERT_EQ(probe.encoders->ahead.size(), 1u);  // only the preview is waited for
-  EXPECT_EQ(probe.encoders->ahead[0].width, 640);
+  ASSERT_EQ(probe.encoders->wanted.size(), 2u);
+  EXPECT_EQ(probe.encoders->wanted[0].width, 640);
+  EXPECT_EQ(probe.encoders->wanted[1].width, 1080);
   probe.network->listener->changed(ListenerState::ready);
   EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
   EXPECT_FALSE(probe.network->listener->accepts);
-  probe.encoders->opened();
-  ASSERT_EQ(probe.encoders->ahead.size(), 4u);
-  EXPECT_EQ(probe.encoders->ahead[1].width, 1080);
-  EXPECT_EQ(probe.encoders->ahead[3].width, 1920);
+  EXPECT_TRUE(probe.encoders->warm.empty());
+  probe.encoders->chosen();
+  ASSERT_EQ(probe.encoders->warm.size(), 2u);
+  EXPECT_EQ(probe.encoders->warm[0].width, 1080);
+  EXPECT_EQ(probe.encoders->warm[1].width, 1920);
   EXPECT_TRUE(probe.network->listener->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
   EXPECT_EQ(probe.process->lines[0],

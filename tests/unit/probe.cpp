@@ -16,7 +16,7 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
 void VideoEncoderProbe::becomeReady() {
   service->start();
   network->listener->changed(ListenerState::ready);
-  encoders->opened();
+  encoders->chosen();
   process->takeEvents();
 }
 

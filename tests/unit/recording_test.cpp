@@ -90,14 +90,14 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
     EXPECT_EQ(events[0].size(), 10u);
   }
   EXPECT_TRUE(probe.process->exitCodes.empty());
-  EXPECT_TRUE(probe.encoders->soon.empty());
+  EXPECT_TRUE(probe.encoders->ahead.empty());
   start({{"resolution", "640x360"},
          {"target_fps", 30.0},
          {"started_at", 1000.04},
          {"cadence", "steady"}});
   EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::steady);
   const auto settings = sessionSettings(SessionKind::recording, {640, 360}, 30);
-  EXPECT_EQ(probe.encoders->soon, std::vector{settings});
+  EXPECT_EQ(probe.encoders->ahead, std::vector{settings});
   const auto second = send({{"type", "record_start"}, {"path", "/b.mp4"}});
   EXPECT_EQ(second.at(0)["error"], state);
   EXPECT_EQ(second.at(0)["path"], "/b.mp4");

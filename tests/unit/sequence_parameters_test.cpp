@@ -64,34 +64,34 @@ BitWriter beginSet(bool high) {
   BitWriter set;
   set.bits(0x67, 8);
   set.bits(high ? 0x640029 : 0x42C029, 24);
-  set.exponential(0);
+  set.expGolomb(0);
   if (high) {
-    for (const std::uint32_t each : {1, 0, 0}) set.exponential(each);  // 4:2:0, 8 bits
+    for (const std::uint32_t each : {1, 0, 0}) set.expGolomb(each);  // 4:2:0, 8 bits
     set.flag(false);
     set.flag(true);  // eight lists
     set.flag(true);  // the first ends early: 8 - 8 = 0
-    set.exponential(16);
+    set.expGolomb(16);
     set.bits(0, 5);
     set.flag(true);  // one of 64, up and down
-    for (int i = 0; i < 64; ++i) set.exponential(i % 2 != 0 ? 2 : 1);
+    for (int i = 0; i < 64; ++i) set.expGolomb(i % 2 != 0 ? 2 : 1);
     set.flag(false);
   }
-  set.exponential(0);
-  set.exponential(high ? 1 : 2);  // picture order
+  set.expGolomb(0);
+  set.expGolomb(high ? 1 : 2);  // picture order
   if (high) {
     set.flag(false);
-    for (const std::uint32_t each : {3, 4, 2, 5, 6}) set.exponential(each);
+    for (const std::uint32_t each : {3, 4, 2, 5, 6}) set.expGolomb(each);
   }
-  set.exponential(2);  // references
+  set.expGolomb(2);  // references
   set.flag(false);
-  set.exponential(3);
-  set.exponential(high ? 1 : 3);
+  set.expGolomb(3);
+  set.expGolomb(high ? 1 : 3);
   set.flag(!high);  // frames only
   if (high) set.flag(false);
   set.flag(true);
   set.flag(high);
   if (high) {
-    for (const std::uint32_t each : {0, 1, 0, 1}) set.exponential(each);  // cropping
+    for (const std::uint32_t each : {0, 1, 0, 1}) set.expGolomb(each);  // cropping
   }
   return set;
 }
@@ -107,25 +107,25 @@ Bytes asUnit(BitWriter set) {
   return unit;
 }
 
-void writeBuffering(BitWriter& set) {
-  set.exponential(1);
+void writeHrd(BitWriter& set) {
+  set.expGolomb(1);
   set.bits(0x12, 8);
   for (const std::uint32_t each : {70, 80}) {
-    set.exponential(each);
-    set.exponential(each);
+    set.expGolomb(each);
+    set.expGolomb(each);
     set.flag(true);
   }
   set.bits(0xABCDE, 20);
 }
 
-Bytes withoutUsability() {
+Bytes withoutVui() {
   BitWriter set = beginSet(false);
   set.flag(false);
   return asUnit(std::move(set));
 }
 
 // With everything or nothing in front of the restriction, and that, or not.
-Bytes withUsability(bool all, std::optional<std::uint32_t> reordered) {
+Bytes withVui(bool all, std::optional<std::uint32_t> reordered) {
   BitWriter set = beginSet(all);
   set.flag(true);
   set.flag(all);
@@ -139,30 +139,30 @@ Bytes withUsability(bool all, std::optional<std::uint32_t> reordered) {
   if (all) set.bits(0b1010'1, 5);
   if (all) set.bits(0x010D01, 24);
   set.flag(all);
-  if (all) set.exponential(0);
-  if (all) set.exponential(0);
+  if (all) set.expGolomb(0);
+  if (all) set.expGolomb(0);
   set.flag(true);  // timing: zeros in a row, so bytes that keep start codes out
   set.bits(1, 32);
   set.bits(120, 32);
   set.flag(true);
   set.flag(all);
-  if (all) writeBuffering(set);
+  if (all) writeHrd(set);
   set.flag(all);
-  if (all) writeBuffering(set);
+  if (all) writeHrd(set);
   if (all) set.flag(false);
   set.flag(true);
   set.flag(reordered.has_value());
   if (reordered) {
     set.flag(true);
-    for (const std::uint32_t each : {0U, 0U, 11U, 11U, *reordered, 2U}) set.exponential(each);
+    for (const std::uint32_t each : {0U, 0U, 11U, 11U, *reordered, 2U}) set.expGolomb(each);
   }
   return asUnit(std::move(set));
 }
 
 TEST(SequenceParameters, SayThatNothingIsReorderedAndElseWhatTheySaid) {
-  for (const Bytes& unit : {withoutUsability(), withUsability(false, {}), withUsability(true, {}),
-                            withUsability(false, 2), withUsability(true, 1)}) {
-    const Bytes changed = withoutReordering(unit);
+  for (const Bytes& unit :
+       {withoutVui(), withVui(false, {}), withVui(true, {}), withVui(false, 2), withVui(true, 1)}) {
+    const Bytes changed = declaringNoReordering(unit);
     auto before = trace(unit);
     const auto after = trace(changed);
     ASSERT_GE(before.size(), 15u);
@@ -177,21 +177,21 @@ TEST(SequenceParameters, SayThatNothingIsReorderedAndElseWhatTheySaid) {
     }
     before.pop_back();
     EXPECT_TRUE(std::equal(before.begin(), before.end(), after.begin()));
-    EXPECT_EQ(withoutReordering(changed), changed);
+    EXPECT_EQ(declaringNoReordering(changed), changed);
   }
 }
 
 TEST(SequenceParameters, WhatSaysSoAlreadyOrCannotBeReadStaysAsItIs) {
-  const Bytes whole = withUsability(true, 0);
-  EXPECT_EQ(withoutReordering(whole), whole);
+  const Bytes whole = withVui(true, 0);
+  EXPECT_EQ(declaringNoReordering(whole), whole);
   for (std::size_t length = 0; length < whole.size() - 1; ++length) {
     const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
-    EXPECT_EQ(withoutReordering(cut), cut);
+    EXPECT_EQ(declaringNoReordering(cut), cut);
   }
   const Bytes ones(40, 0xFF);
   const Bytes zeros(40, 0);
-  EXPECT_EQ(withoutReordering(zeros), zeros);
-  withoutReordering(ones);
+  EXPECT_EQ(declaringNoReordering(zeros), zeros);
+  declaringNoReordering(ones);
 }
 
 }  // namespace
