@@ -149,7 +149,7 @@ std::optional<Vui> read(ByteView bytes) {
 // Whatever is not said stays at its default, or without a limit.
 void writeRestriction(BitWriter& set, const Vui& found) {
   constexpr std::uint32_t unlimited = 0;
-  constexpr std::uint32_t longestVector = 16;
+  constexpr std::uint32_t longestVector = 15;
   set.flag(true);
   set.flag(true);
   set.expGolomb(unlimited);

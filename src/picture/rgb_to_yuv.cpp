@@ -17,7 +17,7 @@ namespace lumora {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR && HWY_TARGET != HWY_EMU128
+#if HWY_ARCH_X86 && HWY_TARGET <= HWY_SSSE3  // better targets have lower numbers
 
 constexpr hn::ScalableTag<std::uint8_t> d8;
 constexpr hn::Repartition<std::int16_t, decltype(d8)> d16;

@@ -110,7 +110,7 @@ void PosixProcess::exitAfter(double seconds, int code) {
       if (!*ending) _exit(code);
     }).detach();
   } catch (const std::system_error&) {
-    // No thread to be had: the shutdown goes on unwatched.
+    watched_ = false;  // no thread to be had now
   }
 }
 
