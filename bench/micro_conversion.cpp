@@ -93,17 +93,10 @@ void toBT601(benchmark::State& state) {
   });
 }
 
-void sizes(benchmark::internal::Benchmark* bench) {
-  bench->Unit(benchmark::kMillisecond);
-  for (const PictureSize size : {PictureSize{1920, 1080}, {1080, 720}, {640, 360}}) {
-    bench->Args({size.width, size.height});
-  }
-}
-
 BENCHMARK(convert)->Apply(pairs);
 BENCHMARK(copySource)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({1280, 720});
-BENCHMARK(toBT709)->Apply(sizes);
-BENCHMARK(toBT601)->Apply(sizes);
+BENCHMARK(toBT709)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({640, 360});
+BENCHMARK(toBT601)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({640, 360});
 
 }  // namespace
 }  // namespace lumora
