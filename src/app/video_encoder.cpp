@@ -92,14 +92,14 @@ void VideoEncoder::fail(const std::string& message) {
 }
 
 void VideoEncoder::requestShutdown() {
-  platform.process->exitAfter(shutdownTimeout, 0);
+  if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 0);
   platform.stateQueue->async([weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->shutdown(0);
   });
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
-  platform.process->exitAfter(shutdownTimeout, 1);
+  if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 1);
   platform.stateQueue->async([weak = weak_from_this(), message] {
     if (const auto self = weak.lock()) self->fail(message);
   });
@@ -108,6 +108,7 @@ void VideoEncoder::requestFailure(const std::string& message) {
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
+  shuttingDown = true;
   platform.process->exitAfter(shutdownTimeout, code);
   if (!movie && !movieFinishing) return exitNow(code);
   pendingMovieStop = uptime();

@@ -4,6 +4,7 @@
 // the folder of the subsystem they belong to. Everything runs on the state queue, without locks,
 // except where a comment says otherwise.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -151,6 +152,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool running = true;
   bool ready = false;
   std::optional<int> shutdownCode;
+  std::atomic<bool> shuttingDown = false;  // for other threads: the code is decided
   std::shared_ptr<TcpListener> listener;
   std::unique_ptr<TimerSource> timer;
   std::vector<std::unique_ptr<SignalSource>> signals;

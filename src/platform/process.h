@@ -30,8 +30,8 @@ class Process {
   virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
   // Ends the process at once, without running destructors. State queue only.
   virtual void exit(int code) = 0;
-  // Ends it in `seconds`, whatever the state queue is doing then; only the first call counts. Any
-  // thread.
+  // Ends it in `seconds`, whatever the state queue is doing then; a later call changes the code and
+  // not the time. Any thread.
   virtual void exitAfter(double seconds, int code) = 0;
 };
 

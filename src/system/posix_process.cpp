@@ -102,12 +102,13 @@ void PosixProcess::exit(int code) {
 
 // An encoder that hangs holds the state queue in a flush, and with it everything that ends us.
 void PosixProcess::exitAfter(double seconds, int code) {
+  *watchdogCode_ = code;
   if (watched_.exchange(true)) return;
   try {
-    std::thread([seconds, code, ending = ending_] {
+    std::thread([seconds, code = watchdogCode_, ending = ending_] {
       nameThread("lumora.watchdog");
       std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-      if (!*ending) _exit(code);
+      if (!*ending) _exit(*code);
     }).detach();
   } catch (const std::system_error&) {
     watched_ = false;  // no thread to be had now

@@ -65,6 +65,8 @@ TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
       probe.process->input.resize(16 + broken.payload);
     EXPECT_EQ(readAll(), broken.message);
     EXPECT_EQ(exits(), std::vector<int>{1});
+    probe.signal(15);  // too late to change the code
+    EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 1}));
   }
 }
 
