@@ -1,14 +1,13 @@
 #include "base/picture_memory.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstdlib>
+
+#include "base/process_heap.h"
 
 namespace lumora {
 namespace {
 
-constexpr std::size_t hugePage = std::size_t{2} << 20;
 constexpr std::size_t cacheLine = 64;
 // Between two frames two raw frames and the buffers of both sessions are idle.
 constexpr std::size_t maximumIdle = 4;
@@ -35,9 +34,7 @@ PictureMemory PicturePool::allocate(std::size_t size) {
   std::uint8_t* memory = takeIdle(rounded);
   if (memory == nullptr) {
     memory = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, rounded));
-#ifdef MADV_HUGEPAGE
-    if (memory != nullptr && alignment == hugePage) madvise(memory, rounded, MADV_HUGEPAGE);
-#endif
+    if (memory != nullptr) useHugePages(memory, rounded);
   }
   return {memory, ReturnPicture{rounded, shared_from_this()}};
 }

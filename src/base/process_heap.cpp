@@ -17,13 +17,14 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t page = 4096;
-constexpr std::size_t hugePage = std::size_t{2} << 20;
 constexpr std::size_t blockBytes = std::size_t{8} << 20;
 constexpr std::chrono::milliseconds pause{5};
 
 struct Free {
   void operator()(std::uint8_t* block) const { std::free(block); }
 };
+
+}  // namespace
 
 void useHugePages([[maybe_unused]] std::uint8_t* from, [[maybe_unused]] std::size_t bytes) {
 #ifdef MADV_HUGEPAGE
@@ -32,8 +33,6 @@ void useHugePages([[maybe_unused]] std::uint8_t* from, [[maybe_unused]] std::siz
   madvise(aligned, bytes / hugePage * hugePage, MADV_HUGEPAGE);
 #endif
 }
-
-}  // namespace
 
 void keepFreedMemory() {
 #if defined(__GLIBC__)

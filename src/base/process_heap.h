@@ -5,6 +5,7 @@
 // Where the C library has no such settings these do what they can.
 
 #include <cstddef>
+#include <cstdint>
 #include <stop_token>
 
 namespace lumora {
@@ -16,6 +17,11 @@ void keepFreedMemory();
 // Has `bytes` of free memory touched, or less when stopped; it stays so where freed memory is kept.
 // Takes many times as long as it must, to disturb nobody. Any thread.
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop);
+
+constexpr std::size_t hugePage = std::size_t{2} << 20;  // bytes
+
+// Asks for huge pages where whole ones lie in these `bytes`, before their first touch. Any thread.
+void useHugePages(std::uint8_t* from, std::size_t bytes);
 
 // Gives free memory back to the system. Any thread.
 void giveFreedMemoryBack();

@@ -13,30 +13,27 @@
 namespace lumora {
 namespace {
 
-// Hands a grey picture to `use`.
-template <typename Use>
-Status withGreyPicture(const CodecChoice& choice, const EncoderSettings& settings, const Use& use) {
+Status makeGreyBuffer(const CodecChoice& choice, const EncoderSettings& settings,
+                      std::shared_ptr<PixelBuffer>& buffer) {
   MemoryPixelBufferPool pool(settings.width, settings.height, choice.pictures);
-  std::shared_ptr<PixelBuffer> buffer;
   if (const Status status = pool.create(1, buffer); status != 0) return status;
   const MutableImageView view = buffer->lock();
   std::memset(view.pixels, 128, static_cast<std::size_t>(view.stride * view.height));
-  return use(view);
+  buffer->unlock();
+  return 0;
 }
 
 // A key frame, then pictures that depend on it. An encoder that holds pictures back fails here: it
 // is of no use, since one frame is in flight at a time.
 Status encodeGrey(LibavEncoder& encoder, const CodecChoice& choice, const EncoderSettings& settings,
                   int pictures) {
-  return withGreyPicture(choice, settings, [&](const MutableImageView& view) {
-    Status status = 0;
-    for (int i = 0; i < pictures && status == 0; ++i) {
-      std::shared_ptr<const EncodedSample> sample;
-      status =
-          encoder.encode({{view.pixels, view.width, view.height, view.stride}}, i == 0, sample);
-    }
-    return status;
-  });
+  std::shared_ptr<PixelBuffer> buffer;
+  Status status = makeGreyBuffer(choice, settings, buffer);
+  for (int i = 0; i < pictures && status == 0; ++i) {
+    std::shared_ptr<const EncodedSample> sample;
+    status = encoder.encode(buffer->picture(), i == 0, sample);
+  }
+  return status;
 }
 
 struct Opened {
@@ -89,8 +86,9 @@ Status openBy(OpeningClock::time_point deadline, const CodecChoice& choice,
   return opened.status;
 }
 
-Status touchPixelBuffer(const CodecChoice& choice, const EncoderSettings& settings) {
-  return withGreyPicture(choice, settings, [](const MutableImageView&) { return 0; });
+void touchPixelBuffer(const CodecChoice& choice, const EncoderSettings& settings) {
+  std::shared_ptr<PixelBuffer> buffer;
+  makeGreyBuffer(choice, settings, buffer);
 }
 
 Status openForSession(OpeningClock::time_point deadline, const CodecChoice& choice,

@@ -23,7 +23,7 @@ Status openBy(OpeningClock::time_point deadline, const CodecChoice& choice,
               std::unique_ptr<LibavEncoder>& encoder);
 
 // Touches the memory of a pixel buffer for a session of these settings.
-Status touchPixelBuffer(const CodecChoice& choice, const EncoderSettings& settings);
+void touchPixelBuffer(const CodecChoice& choice, const EncoderSettings& settings);
 
 // Opens one that is needed at once, the choice's substitute where the chosen one can't be had.
 Status openForSession(OpeningClock::time_point deadline, const CodecChoice& choice,

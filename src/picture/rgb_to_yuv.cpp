@@ -180,7 +180,7 @@ HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uin
   bt709::chromaRow(kernel.components(), top, bottom, last + step, width, u, v);
 }
 
-#else  // The compiler's own vectors must do.
+#else  // No byte-by-signed-byte product: plain loops.
 
 struct Kernel {
   explicit Kernel(const bt709::Components& all) : of(all) {}

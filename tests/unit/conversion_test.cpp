@@ -69,6 +69,9 @@ TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
 
 // Large enough for two threads, so the rows where they meet are looked at as well.
 TEST(Conversion, AspectFitLeavesZeroBars) {
+  const Converted unscaled = convert(makeFrame(100, 60, 77), 100, 80, Placement::aspectFit);
+  EXPECT_EQ(unscaled.at(50, 9), (Pixel{0, 0, 0, 0}));
+  EXPECT_EQ(unscaled.at(50, 10), (Pixel{77, 77, 77, 77}));
   const Converted wide = convert(makeFrame(640, 480, 77), 800, 450, Placement::aspectFit);
   for (int y = 0; y < 450; ++y) {
     for (const int x : {0, 99, 700, 799}) ASSERT_EQ(wide.at(x, y), (Pixel{0, 0, 0, 0})) << y;

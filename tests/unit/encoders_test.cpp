@@ -22,16 +22,18 @@ const EncoderSettings slowTake = sessionSettings(SessionKind::recording, {2, 2},
 struct Driver {
   enum Behaviour { works, refuses, hangs };
   std::atomic<Behaviour> behaviour = works;
+  std::atomic<int> opened = 0;
   std::promise<void> release;
   std::shared_future<void> released = release.get_future();
 
   Status open(CodecChoice choice, const EncoderSettings& settings,
-              std::unique_ptr<LibavEncoder>& encoder) const {
+              std::unique_ptr<LibavEncoder>& encoder) {
     if (isHardware(*choice.codec)) {
       if (std::string_view(choice.codec->name) != "h264_nvenc") return AVERROR(ENODEV);
       if (behaviour == hangs) released.wait();
       if (behaviour != works) return AVERROR(EBUSY);
       choice.codec = avcodec_find_encoder_by_name(softwareEncoder);
+      ++opened;
     }
     return LibavEncoder::open(choice, settings, encoder);
   }
@@ -90,6 +92,9 @@ TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoC
     EXPECT_EQ(encoders->createSession(SessionKind::preview, 2, 2, {}, session), created);
     if (session) {
       EXPECT_EQ(encodeOne(*session), answer);
+      // Chosen with one, and the session with one more.
+      const int byDriver = whenChosen == works ? (later == works ? 2 : 1) : 0;
+      EXPECT_EQ(driver->opened, byDriver);
       session->invalidate();
     }
     driver->release.set_value();

@@ -58,46 +58,20 @@ std::vector<std::pair<std::string, std::string>> trace(ByteView unit) {
   return elements;
 }
 
-// A set of 64 × 64 frames up to the usability information: "Constrained Baseline", or "High" with
-// all that can stand there.
-BitWriter beginSet(bool high) {
+// A set from its syntax elements: "8:103" is u(8), "2" is ue(v). Behind every two zeros a 3, where
+// what follows could be taken for a start code.
+Bytes makeSet(const std::string& elements) {
   BitWriter set;
-  set.bits(0x67, 8);
-  set.bits(high ? 0x640029 : 0x42C029, 24);
-  set.expGolomb(0);
-  if (high) {
-    for (const std::uint32_t each : {1, 0, 0}) set.expGolomb(each);  // 4:2:0, 8 bits
-    set.flag(false);
-    set.flag(true);  // eight lists
-    set.flag(true);  // the first ends early: 8 - 8 = 0
-    set.expGolomb(16);
-    set.bits(0, 5);
-    set.flag(true);  // one of 64, up and down
-    for (int i = 0; i < 64; ++i) set.expGolomb(i % 2 != 0 ? 2 : 1);
-    set.flag(false);
+  std::istringstream words(elements);
+  for (std::string word; words >> word;) {
+    const auto colon = word.find(':');
+    const auto value = static_cast<std::uint32_t>(
+        std::stoul(colon == std::string::npos ? word : word.substr(colon + 1), nullptr, 0));
+    if (colon == std::string::npos)
+      set.expGolomb(value);
+    else
+      set.bits(value, std::stoi(word));
   }
-  set.expGolomb(0);
-  set.expGolomb(high ? 1 : 2);  // picture order
-  if (high) {
-    set.flag(false);
-    for (const std::uint32_t each : {3, 4, 2, 5, 6}) set.expGolomb(each);
-  }
-  set.expGolomb(2);  // references
-  set.flag(false);
-  set.expGolomb(3);
-  set.expGolomb(high ? 1 : 3);
-  set.flag(!high);  // frames only
-  if (high) set.flag(false);
-  set.flag(true);
-  set.flag(high);
-  if (high) {
-    for (const std::uint32_t each : {0, 1, 0, 1}) set.expGolomb(each);  // cropping
-  }
-  return set;
-}
-
-// Behind every two zeros a 3, where what follows could be taken for a start code.
-Bytes asUnit(BitWriter set) {
   Bytes unit;
   for (const std::uint8_t byte : set.finish()) {
     const bool zeros = unit.size() > 1 && unit.back() == 0 && unit[unit.size() - 2] == 0;
@@ -107,61 +81,27 @@ Bytes asUnit(BitWriter set) {
   return unit;
 }
 
-void writeHrd(BitWriter& set) {
-  set.expGolomb(1);
-  set.bits(0x12, 8);
-  for (const std::uint32_t each : {70, 80}) {
-    set.expGolomb(each);
-    set.expGolomb(each);
-    set.flag(true);
-  }
-  set.bits(0xABCDE, 20);
-}
-
-Bytes withoutVui() {
-  BitWriter set = beginSet(false);
-  set.flag(false);
-  return asUnit(std::move(set));
-}
-
-// With everything or nothing in front of the restriction, and that, or not.
-Bytes withVui(bool all, std::optional<std::uint32_t> reordered) {
-  BitWriter set = beginSet(all);
-  set.flag(true);
-  set.flag(all);
-  if (all) {
-    set.bits(255, 8);
-    set.bits(0x00100011, 32);
-  }
-  set.flag(all);
-  if (all) set.flag(true);
-  set.flag(all);
-  if (all) set.bits(0b1010'1, 5);
-  if (all) set.bits(0x010D01, 24);
-  set.flag(all);
-  if (all) set.expGolomb(0);
-  if (all) set.expGolomb(0);
-  set.flag(true);  // timing: zeros in a row, so bytes that keep start codes out
-  set.bits(1, 32);
-  set.bits(120, 32);
-  set.flag(true);
-  set.flag(all);
-  if (all) writeHrd(set);
-  set.flag(all);
-  if (all) writeHrd(set);
-  if (all) set.flag(false);
-  set.flag(true);
-  set.flag(reordered.has_value());
-  if (reordered) {
-    set.flag(true);
-    for (const std::uint32_t each : {0U, 0U, 11U, 11U, *reordered, 2U}) set.expGolomb(each);
-  }
-  return asUnit(std::move(set));
-}
+// 64 × 64 Constrained Baseline, and High with all that can stand there: scaling lists (one that
+// ends early, one that goes up and down), picture order 1, fields, cropping.
+const std::string baseline = "8:0x67 24:0x42C029 0 0 2 2 1:0 3 3 1:1 1:1 1:0 ";
+const std::string high = [] {
+  std::string list;
+  for (int i = 0; i < 32; ++i) list += "1 2 ";
+  return "8:0x67 24:0x640029 0 1 0 0 1:0 1:1 1:1 16 5:0 1:1 " + list +
+         "1:0 0 1 1:0 3 4 2 5 6 2 1:0 3 1 1:0 1:0 1:1 1:1 0 1 0 1 ";
+}();
+// Usability information in front of the restriction: timing alone, with zeros in a row, or all.
+const std::string hrd = "1 8:0x12 70 70 1:1 80 80 1:1 20:0xABCDE ";
+const std::string timing = "1:1 32:1 32:120 1:1 ";
+const std::string some = baseline + "1:1 4:0 " + timing + "2:0 1:1 ";
+const std::string all = high + "1:1 1:1 8:255 32:0x100011 2:3 1:1 5:21 24:0x010D01 1:1 0 0 " +
+                        timing + "1:1 " + hrd + "1:1 " + hrd + "1:0 1:1 ";
+const std::string restricted = "1:1 1:1 0 0 11 11 ";
 
 TEST(SequenceParameters, SayThatNothingIsReorderedAndElseWhatTheySaid) {
   for (const Bytes& unit :
-       {withoutVui(), withVui(false, {}), withVui(true, {}), withVui(false, 2), withVui(true, 1)}) {
+       {makeSet(baseline + "1:0"), makeSet(some + "1:0"), makeSet(all + "1:0"),
+        makeSet(some + restricted + "2 2"), makeSet(all + restricted + "1 2")}) {
     const Bytes changed = declaringNoReordering(unit);
     auto before = trace(unit);
     const auto after = trace(changed);
@@ -182,16 +122,16 @@ TEST(SequenceParameters, SayThatNothingIsReorderedAndElseWhatTheySaid) {
 }
 
 TEST(SequenceParameters, WhatSaysSoAlreadyOrCannotBeReadStaysAsItIs) {
-  const Bytes whole = withVui(true, 0);
+  const Bytes whole = makeSet(all + restricted + "0 2");
   EXPECT_EQ(declaringNoReordering(whole), whole);
   for (std::size_t length = 0; length < whole.size() - 1; ++length) {
     const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
     EXPECT_EQ(declaringNoReordering(cut), cut);
   }
-  const Bytes ones(40, 0xFF);
   const Bytes zeros(40, 0);
   EXPECT_EQ(declaringNoReordering(zeros), zeros);
-  declaringNoReordering(ones);
+  const Bytes read = declaringNoReordering(Bytes(40, 0xFF));
+  EXPECT_EQ(declaringNoReordering(read), read);
 }
 
 }  // namespace
