@@ -3,10 +3,11 @@
 #include <sys/mman.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <thread>
+#include <mutex>
 #include <vector>
 
 #if defined(__GLIBC__)
@@ -48,12 +49,15 @@ void keepFreedMemory() {
 
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop) {
   std::vector<std::unique_ptr<std::uint8_t, Free>> blocks;  // one after the other in the heap
+  std::mutex unshared;
+  std::condition_variable_any stopped;
+  std::unique_lock hold(unshared);
   for (std::size_t touched = 0; touched < bytes; touched += blockBytes) {
     const auto& block = blocks.emplace_back(static_cast<std::uint8_t*>(std::malloc(blockBytes)));
     if (!block) return;
     useHugePages(block.get(), blockBytes);
     for (std::size_t at = 0; at < blockBytes; at += page) {
-      if (at % hugePage == 0) std::this_thread::sleep_for(pause);
+      if (at % hugePage == 0) stopped.wait_for(hold, stop, pause, [] { return false; });
       if (stop.stop_requested()) return;
       block.get()[at] = 0;
     }

@@ -8,14 +8,15 @@
 #include <utility>
 
 #include "base/thread_name.h"
+#include "codec/encoder_choice.h"
 #include "codec/memory_pixel_buffers.h"
 
 namespace lumora {
 namespace {
 
-Status makeGreyBuffer(const CodecChoice& choice, const EncoderSettings& settings,
+Status makeGreyBuffer(const EncoderSpec& spec, const EncoderSettings& settings,
                       std::shared_ptr<PixelBuffer>& buffer) {
-  MemoryPixelBufferPool pool(settings.width, settings.height, choice.pictures);
+  MemoryPixelBufferPool pool(settings.width, settings.height, spec.pictures);
   if (const Status status = pool.create(1, buffer); status != 0) return status;
   const MutableImageView view = buffer->lock();
   std::memset(view.pixels, 128, static_cast<std::size_t>(view.stride * view.height));
@@ -25,10 +26,10 @@ Status makeGreyBuffer(const CodecChoice& choice, const EncoderSettings& settings
 
 // A key frame, then pictures that depend on it. An encoder that holds pictures back fails here: it
 // is of no use, since one frame is in flight at a time.
-Status encodeGrey(LibavEncoder& encoder, const CodecChoice& choice, const EncoderSettings& settings,
+Status encodeGrey(LibavEncoder& encoder, const EncoderSpec& spec, const EncoderSettings& settings,
                   int pictures) {
   std::shared_ptr<PixelBuffer> buffer;
-  Status status = makeGreyBuffer(choice, settings, buffer);
+  Status status = makeGreyBuffer(spec, settings, buffer);
   for (int i = 0; i < pictures && status == 0; ++i) {
     std::shared_ptr<const EncodedSample> sample;
     status = encoder.encode(buffer->picture(), i == 0, sample);
@@ -36,26 +37,23 @@ Status encodeGrey(LibavEncoder& encoder, const CodecChoice& choice, const Encode
   return status;
 }
 
-struct Opened {
-  Status status;
-  std::unique_ptr<LibavEncoder> encoder;
-};
-
-Opened open(const CodecChoice& choice, const EncoderSettings& settings, int pictures) {
-  Opened opened{};
-  opened.status = choice.open(choice, settings, opened.encoder);
+Opened openNow(const OpenEncoder& open, const EncoderSpec& spec, const EncoderSettings& settings,
+               int pictures) {
+  Opened opened;
+  opened.status = open(spec, settings, opened.encoder);
   if (opened.status == 0 && pictures > 0) {
-    opened.status = encodeGrey(*opened.encoder, choice, settings, pictures);
+    opened.status = encodeGrey(*opened.encoder, spec, settings, pictures);
   }
+  if (opened.status != 0) opened.encoder.reset();
   return opened;
 }
 
 // On a thread that is left behind with its driver should that hang.
-std::future<Opened> openElsewhere(const CodecChoice& choice, const EncoderSettings& settings,
-                                  int pictures) {
-  std::packaged_task<Opened()> task([choice, settings, pictures] {
+std::future<Opened> openElsewhere(const OpenEncoder& open, const EncoderSpec& spec,
+                                  const EncoderSettings& settings, int pictures) {
+  std::packaged_task<Opened()> task([open, spec, settings, pictures] {
     nameThread("lumora.driver");
-    return open(choice, settings, pictures);
+    return openNow(open, spec, settings, pictures);
   });
   auto opened = task.get_future();
   std::thread(std::move(task)).detach();
@@ -66,38 +64,25 @@ std::future<Opened> openElsewhere(const CodecChoice& choice, const EncoderSettin
 
 bool isHardware(const AVCodec& codec) { return std::strcmp(codec.name, softwareEncoder) != 0; }
 
-Status openBy(OpeningClock::time_point deadline, const CodecChoice& choice,
-              const EncoderSettings& settings, int pictures,
-              std::unique_ptr<LibavEncoder>& encoder) {
-  Opened opened{};
-  if (isHardware(*choice.codec)) {
-    try {
-      // Some drivers refuse no sooner than when they are to encode.
-      auto later = openElsewhere(choice, settings, std::max(pictures, 2));
-      if (later.wait_until(deadline) != std::future_status::ready) return AVERROR(ETIMEDOUT);
-      opened = later.get();
-    } catch (const std::system_error&) {
-      return AVERROR(EAGAIN);  // no thread to be had
-    }
-  } else {
-    opened = open(choice, settings, pictures);
+Opened openBy(OpeningClock::time_point deadline, const OpenEncoder& open, const EncoderSpec& spec,
+              const EncoderSettings& settings, int pictures) {
+  try {
+    if (!isHardware(*spec.codec)) return openNow(open, spec, settings, pictures);
+    if (OpeningClock::now() >= deadline) return {AVERROR(ETIMEDOUT)};
+    // Some drivers refuse no sooner than when they are to encode.
+    auto later = openElsewhere(open, spec, settings, std::max(pictures, 2));
+    if (later.wait_until(deadline) != std::future_status::ready) return {AVERROR(ETIMEDOUT)};
+    return later.get();
+  } catch (const std::system_error&) {
+    return {AVERROR(EAGAIN)};  // no thread to be had
+  } catch (const std::exception&) {
+    return {AVERROR(ENOMEM)};
   }
-  if (opened.status == 0) encoder = std::move(opened.encoder);
-  return opened.status;
 }
 
-void touchPixelBuffer(const CodecChoice& choice, const EncoderSettings& settings) {
+void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings) {
   std::shared_ptr<PixelBuffer> buffer;
-  makeGreyBuffer(choice, settings, buffer);
-}
-
-Status openForSession(OpeningClock::time_point deadline, const CodecChoice& choice,
-                      const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder) {
-  const Status status = openBy(deadline, choice, settings, 0, encoder);
-  if (status == 0 || choice.substitute == nullptr) return status;
-  CodecChoice instead = choice;
-  instead.codec = choice.substitute;
-  return choice.open(instead, settings, encoder);
+  makeGreyBuffer(spec, settings, buffer);
 }
 
 }  // namespace lumora

@@ -3,30 +3,35 @@
 // Opening encoders without waiting for a driver for ever. Any thread.
 
 #include <chrono>
+#include <functional>
 
 #include "codec/libav_encoder.h"
 
 namespace lumora {
 
-constexpr const char* softwareEncoder = "libx264";
-
 using OpeningClock = std::chrono::steady_clock;
 constexpr std::chrono::seconds longestOpening{1};
+
+// Opens an encoder: 0 or an AVERROR. Drivers may take as long as they like.
+using OpenEncoder = std::function<Status(const EncoderSpec&, const EncoderSettings&,
+                                         std::unique_ptr<LibavEncoder>& encoder)>;
+
+// An encoder, or why there is none: an AVERROR.
+struct Opened {
+  Status status = 0;
+  std::unique_ptr<LibavEncoder> encoder = {};
+  bool isSubstitute = false;  // in place of the one that was asked for
+};
 
 // A driver stands behind it: it may hang, refuse a session or a size, and serve only a few at once.
 bool isHardware(const AVCodec& codec);
 
 // Opens an encoder and has it encode a few grey `pictures`, or as many as show that its driver
-// serves it: 0, or AVERROR(ETIMEDOUT) when that is not done by the deadline.
-Status openBy(OpeningClock::time_point deadline, const CodecChoice& choice,
-              const EncoderSettings& settings, int pictures,
-              std::unique_ptr<LibavEncoder>& encoder);
+// serves it; AVERROR(ETIMEDOUT) when that is not done by the deadline.
+Opened openBy(OpeningClock::time_point deadline, const OpenEncoder& open, const EncoderSpec& spec,
+              const EncoderSettings& settings, int pictures);
 
 // Touches the memory of a pixel buffer for a session of these settings.
-void touchPixelBuffer(const CodecChoice& choice, const EncoderSettings& settings);
-
-// Opens one that is needed at once, the choice's substitute where the chosen one can't be had.
-Status openForSession(OpeningClock::time_point deadline, const CodecChoice& choice,
-                      const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder);
+void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings);
 
 }  // namespace lumora

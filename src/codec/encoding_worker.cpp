@@ -1,21 +1,22 @@
 #include "codec/encoding_worker.h"
 
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
 
+#include "base/insist.h"
 #include "base/thread_name.h"
 
 namespace lumora {
 
-std::shared_ptr<EncodingWorker> EncodingWorker::start(const CodecChoice& choice,
-                                                      const EncoderSettings& settings,
-                                                      std::shared_ptr<SpareEncoders> spares) {
+std::shared_ptr<EncodingWorker> EncodingWorker::start(const EncoderSource& source,
+                                                      const EncoderSettings& settings) {
   std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
   try {
-    std::thread([worker, choice, settings, spares = std::move(spares)] {
+    std::thread([worker, source, settings] {
       nameThread("lumora.encoder");
-      worker->run(choice, settings, *spares);
+      worker->run(source, settings);
     }).detach();
   } catch (const std::system_error&) {
     return nullptr;
@@ -49,16 +50,14 @@ void EncodingWorker::stop() {
   }
 }
 
-void EncodingWorker::run(const CodecChoice& choice, const EncoderSettings& settings,
-                         SpareEncoders& spares) {
-  const auto deadline = OpeningClock::now() + longestOpening;
-  auto encoder = spares.take(settings, deadline);
-  const Status opened = encoder ? 0 : openForSession(deadline, choice, settings, encoder);
-  if (encodeAll(encoder.get(), opened)) spares.give(settings, std::move(encoder));
+void EncodingWorker::run(const EncoderSource& source, const EncoderSettings& settings) {
+  Opened opened = source.take(settings);
+  if (encodeAll(opened)) attempt([&] { source.giveBack(settings, std::move(opened)); });
 }
 
 // Until stopped; whether the encoder never failed.
-bool EncodingWorker::encodeAll(LibavEncoder* encoder, Status opened) {
+bool EncodingWorker::encodeAll(const Opened& opened) {
+  LibavEncoder* encoder = opened.encoder.get();
   bool sound = encoder != nullptr;
   std::unique_lock hold(mutex_);
   for (;;) {
@@ -69,10 +68,10 @@ bool EncodingWorker::encodeAll(LibavEncoder* encoder, Status opened) {
     busy_ = true;
     hold.unlock();
     std::shared_ptr<const EncodedSample> sample;
-    const Status status =
-        encoder != nullptr ? encode(*encoder, job, std::move(job.buffer), sample) : opened;
+    Status status = opened.status;
+    if (encoder != nullptr) status = encode(*encoder, job, std::move(job.buffer), sample);
     sound = sound && status == 0;
-    job.handler(status, encoder != nullptr ? 0 : infoNotPrepared, std::move(sample));
+    job.handler(status, encoder != nullptr ? 0 : infoNotPrepared, sample);
     job = {};
     hold.lock();
     busy_ = false;
@@ -82,11 +81,13 @@ bool EncodingWorker::encodeAll(LibavEncoder* encoder, Status opened) {
 
 Status EncodingWorker::encode(LibavEncoder& encoder, const Job& job,
                               std::shared_ptr<PixelBuffer> buffer,
-                              std::shared_ptr<const EncodedSample>& sample) {
+                              std::shared_ptr<const EncodedSample>& sample) try {
   const Status status = encoder.load(buffer->picture());
   buffer.reset();  // the encoder has its own copy: the next frame may have the buffer
   if (status < 0) return status;
   return encoder.encodeLoaded(job.forceKeyFrame, sample);
+} catch (const std::bad_alloc&) {
+  return AVERROR(ENOMEM);
 }
 
 }  // namespace lumora

@@ -5,8 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "codec/libav_encoder.h"
-#include "codec/spare_encoders.h"
+#include "codec/encoder_source.h"
 #include "platform/compression.h"
 
 namespace lumora {
@@ -22,9 +21,8 @@ class EncodingWorker {
   };
 
   // Null when there is no thread to be had.
-  static std::shared_ptr<EncodingWorker> start(const CodecChoice& choice,
-                                               const EncoderSettings& settings,
-                                               std::shared_ptr<SpareEncoders> spares);
+  static std::shared_ptr<EncodingWorker> start(const EncoderSource& source,
+                                               const EncoderSettings& settings);
 
   // False once it was stopped.
   bool enqueue(Job job);
@@ -35,8 +33,8 @@ class EncodingWorker {
 
  private:
   EncodingWorker() = default;
-  void run(const CodecChoice& choice, const EncoderSettings& settings, SpareEncoders& spares);
-  bool encodeAll(LibavEncoder* encoder, Status opened);
+  void run(const EncoderSource& source, const EncoderSettings& settings);
+  bool encodeAll(const Opened& opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);
 

@@ -60,34 +60,34 @@ Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
 
 }  // namespace
 
-Status LibavEncoder::open(const CodecChoice& choice, const EncoderSettings& settings,
+Status LibavEncoder::open(const EncoderSpec& spec, const EncoderSettings& settings,
                           std::unique_ptr<LibavEncoder>& encoder) {
   av_log_set_level(AV_LOG_QUIET);  // failures are reported where they matter, as events
   Status status = AVERROR(EINVAL);
-  for (const AVPixelFormat format : inputFormats(*choice.codec)) {
-    status = openFor(format, choice, settings, encoder);
+  for (const AVPixelFormat format : inputFormats(*spec.codec)) {
+    status = openFor(format, spec, settings, encoder);
     if (status == 0) break;
   }
   return status;
 }
 
-Status LibavEncoder::openFor(AVPixelFormat format, const CodecChoice& choice,
+Status LibavEncoder::openFor(AVPixelFormat format, const EncoderSpec& spec,
                              const EncoderSettings& settings,
                              std::unique_ptr<LibavEncoder>& encoder) {
   std::unique_ptr<LibavEncoder> made(new LibavEncoder);
-  made->pictures_ = choice.pictures;
-  made->context_.reset(avcodec_alloc_context3(choice.codec));
+  made->pictures_ = spec.pictures;
+  made->context_.reset(avcodec_alloc_context3(spec.codec));
   made->packet_.reset(av_packet_alloc());
   if (!made->context_ || !made->packet_) return AVERROR(ENOMEM);
   AVCodecContext& context = *made->context_;
-  int status = tune(context, choice, settings);
+  int status = tune(context, spec, settings);
   if (status < 0) return status;
   context.pix_fmt = format;
   if (context.pix_fmt == AV_PIX_FMT_VAAPI) {
     status = made->openHardwareFrames();
     if (status < 0) return status;
   }
-  status = avcodec_open2(&context, choice.codec, nullptr);
+  status = avcodec_open2(&context, spec.codec, nullptr);
   if (status < 0) return status;
   status = made->allocatePicture();
   if (status < 0) return status;
@@ -185,14 +185,17 @@ std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
     appendLengthPrefixed(data, unit);
   }
   if (!format_) {
-    const ColourDescription colour{static_cast<std::uint16_t>(context_->color_primaries),
-                                   static_cast<std::uint16_t>(context_->color_trc),
-                                   static_cast<std::uint16_t>(context_->colorspace),
-                                   context_->color_range == AVCOL_RANGE_JPEG};
     format_ = std::make_shared<MemoryFormatDescription>(sequence_, pictureSet_, context_->width,
-                                                        context_->height, colour);
+                                                        context_->height, colour());
   }
   return std::make_shared<MemorySample>(std::move(data), format_);
+}
+
+ColourDescription LibavEncoder::colour() const {
+  return {static_cast<std::uint16_t>(context_->color_primaries),
+          static_cast<std::uint16_t>(context_->color_trc),
+          static_cast<std::uint16_t>(context_->colorspace),
+          context_->color_range == AVCOL_RANGE_JPEG};
 }
 
 // Whether `unit` is a parameter set. A new one makes a new format.
@@ -201,7 +204,7 @@ bool LibavEncoder::takeParameterSet(ByteView unit) {
   const bool sequence = type == NalType::sequenceParameterSet;
   if (!sequence && type != NalType::pictureParameterSet) return false;
   Bytes& kept = sequence ? sequence_ : pictureSet_;
-  Bytes set = sequence ? declaringNoReordering(unit) : Bytes(unit.begin(), unit.end());
+  Bytes set = sequence ? withUsabilityInformation(unit, colour()) : Bytes(unit.begin(), unit.end());
   if (kept == set) return true;
   kept = std::move(set);
   format_.reset();

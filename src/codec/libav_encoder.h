@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "codec/codec_choice.h"
+#include "codec/encoder_spec.h"
 #include "platform/compression.h"
 #include "platform/encoder_settings.h"
 
@@ -13,8 +13,8 @@ namespace lumora {
 
 class LibavEncoder {
  public:
-  // Opens the chosen encoder: 0 or an AVERROR.
-  static Status open(const CodecChoice& choice, const EncoderSettings& settings,
+  // 0 or an AVERROR.
+  static Status open(const EncoderSpec& spec, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
   // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR.
@@ -27,12 +27,13 @@ class LibavEncoder {
 
  private:
   LibavEncoder() = default;
-  static Status openFor(AVPixelFormat format, const CodecChoice& choice,
+  static Status openFor(AVPixelFormat format, const EncoderSpec& spec,
                         const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder);
   Status openHardwareFrames();
   Status allocatePicture();
   Status upload();
   std::shared_ptr<const EncodedSample> makeSample(ByteView stream);
+  ColourDescription colour() const;
   bool takeParameterSet(ByteView unit);
 
   std::shared_ptr<PicturePool> pictures_;

@@ -7,20 +7,20 @@
 #include <optional>
 #include <stop_token>
 #include <string>
-#include <vector>
 
-#include "codec/spare_encoders.h"
+#include "base/process_heap.h"
+#include "codec/encoder_choice.h"
+#include "codec/encoder_source.h"
 #include "platform/encoders.h"
 
 namespace lumora {
 
 class LibavEncoders final : public Encoders, public std::enable_shared_from_this<LibavEncoders> {
  public:
-  // `choice` is auto (hardware where there is one, else software), hardware, software, or the name
-  // of a libavcodec encoder; "" is auto. A preset may follow: "software:ultrafast".
-  LibavEncoders(const std::string& choice, std::shared_ptr<SerialQueue> stateQueue,
+  LibavEncoders(EncoderChoice choice, std::shared_ptr<SerialQueue> stateQueue,
                 std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
-                OpenEncoder open = LibavEncoder::open);
+                OpenEncoder open = LibavEncoder::open,
+                std::function<void()> giveMemoryBack = giveFreedMemoryBack);
   void choose(const EncoderSettings& preview, const EncoderSettings& take) override;
   void whenChosen(Work work) override;
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;
@@ -30,16 +30,16 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
+  EncoderSource chosenSource() const;
   void openInBackground(const std::optional<EncoderSettings>& buffer);
 
   std::shared_ptr<SerialQueue> stateQueue_;
   std::shared_ptr<Dispatch> dispatch_;
   std::shared_ptr<SerialQueue> opener_;
-  std::shared_ptr<SpareEncoders> spares_;
-  std::vector<std::string> names_;  // of the candidates, best first
-  CodecChoice common_;
-  std::shared_ptr<std::promise<const AVCodec*>> chosen_ =
-      std::make_shared<std::promise<const AVCodec*>>();
+  const std::function<void()> giveMemoryBack_;
+  const EncoderChoice choice_;
+  EncoderSource source_;  // without its codec
+  std::promise<const AVCodec*> chosen_;
   std::shared_future<const AVCodec*> codec_;
   OpeningClock::time_point chosenBy_;  // later, sessions go without the choice
   std::stop_source needed_;            // requested once the memory that is touched is needed

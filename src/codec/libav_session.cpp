@@ -23,12 +23,10 @@ Status require(bool supported, const PropertyValue& value) {
 
 }  // namespace
 
-LibavSession::LibavSession(CodecChoice choice, SessionKind kind, int width, int height,
-                           std::shared_ptr<SpareEncoders> spares)
-    : choice_(std::move(choice)),
-      spares_(std::move(spares)),
+LibavSession::LibavSession(EncoderSource source, SessionKind kind, int width, int height)
+    : source_(std::move(source)),
       settings_{kind, width, height, ProfileLevel::baselineAuto, 0, 0, 0},
-      pool_(width, height, choice_.pictures) {}
+      pool_(width, height, source_.spec.pictures) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 
@@ -54,7 +52,7 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
 }
 
 Status LibavSession::prepareToEncodeFrames() {
-  worker_ = EncodingWorker::start(choice_, settings_, spares_);
+  worker_ = EncodingWorker::start(source_, settings_);
   return worker_ ? 0 : AVERROR(EAGAIN);
 }
 

@@ -7,19 +7,17 @@
 
 #include <memory>
 
-#include "codec/libav_encoder.h"
+#include "codec/encoder_source.h"
 #include "codec/memory_pixel_buffers.h"
 #include "platform/compression.h"
 
 namespace lumora {
 
 class EncodingWorker;
-class SpareEncoders;
 
 class LibavSession final : public CompressionSession {
  public:
-  LibavSession(CodecChoice choice, SessionKind kind, int width, int height,
-               std::shared_ptr<SpareEncoders> spares);
+  LibavSession(EncoderSource source, SessionKind kind, int width, int height);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;
   LibavSession& operator=(const LibavSession&) = delete;
@@ -34,8 +32,7 @@ class LibavSession final : public CompressionSession {
   void invalidate() override;
 
  private:
-  CodecChoice choice_;
-  std::shared_ptr<SpareEncoders> spares_;
+  EncoderSource source_;
   EncoderSettings settings_;  // kind and size from the start, the rest from properties
   MemoryPixelBufferPool pool_;
   std::shared_ptr<EncodingWorker> worker_;

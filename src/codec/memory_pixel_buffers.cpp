@@ -8,43 +8,45 @@ namespace {
 
 constexpr std::int64_t alignment = 64;  // bytes, of every row
 
-}  // namespace
-
-class MemoryPixelBufferPool::Buffer final : public PixelBuffer {
+// One of the buffers in use, for as long as it lives.
+class Use {
  public:
-  Buffer(const MemoryPixelBufferPool& pool, PictureMemory memory)
-      : memory_(std::move(memory)),
-        view_{memory_.get(), pool.width_, pool.height_, pool.stride_},
-        inUse_(pool.inUse_) {}
-  ~Buffer() override {
-    memory_.reset();  // back in its pool before another one may be asked for
-    --*inUse_;
+  Use(std::shared_ptr<std::atomic<int>> inUse, int threshold)
+      : inUse_(std::move(inUse)), within_(inUse_->fetch_add(1) < threshold) {}
+  ~Use() {
+    if (inUse_) --*inUse_;
   }
-  Buffer(const Buffer&) = delete;
-  Buffer& operator=(const Buffer&) = delete;
+  Use(Use&&) = default;
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+  Use& operator=(Use&&) = delete;
 
-  bool show(const BufferPicture& picture, std::shared_ptr<const void> owner) override {
-    if (picture.view.width != view_.width || picture.view.height != view_.height) return false;
-    shown_ = picture;
-    owner_ = std::move(owner);
-    memory_.reset();
-    view_.pixels = nullptr;
-    return true;
-  }
-  BufferPicture picture() override {
-    if (owner_) return shown_;
-    return {{view_.pixels, view_.width, view_.height, view_.stride}, ChannelOrder::bgra};
-  }
-  MutableImageView lock() override { return view_; }
+  bool isWithinThreshold() const { return within_; }
+
+ private:
+  std::shared_ptr<std::atomic<int>> inUse_;
+  bool within_;
+};
+
+// `owner` holds the picture; what it holds is given back before the buffer counts as free.
+class Buffer final : public PixelBuffer {
+ public:
+  Buffer(Use use, const BufferPicture& picture, MutableImageView memory,
+         std::shared_ptr<const void> owner)
+      : use_(std::move(use)), picture_(picture), memory_(memory), owner_(std::move(owner)) {}
+
+  BufferPicture picture() override { return picture_; }
+  MutableImageView lock() override { return memory_; }
   void unlock() override {}
 
  private:
-  PictureMemory memory_;
-  MutableImageView view_;
-  BufferPicture shown_;
-  std::shared_ptr<const void> owner_;  // of what is shown
-  std::shared_ptr<std::atomic<int>> inUse_;
+  Use use_;
+  BufferPicture picture_;
+  MutableImageView memory_;
+  std::shared_ptr<const void> owner_;
 };
+
+}  // namespace
 
 MemoryPixelBufferPool::MemoryPixelBufferPool(std::int64_t width, std::int64_t height,
                                              std::shared_ptr<PicturePool> pictures)
@@ -54,16 +56,25 @@ MemoryPixelBufferPool::MemoryPixelBufferPool(std::int64_t width, std::int64_t he
       pictures_(std::move(pictures)) {}
 
 Status MemoryPixelBufferPool::create(int threshold, std::shared_ptr<PixelBuffer>& buffer) {
-  if (inUse_->fetch_add(1) >= threshold) {
-    --*inUse_;
-    return thresholdExceeded;
-  }
-  PictureMemory memory = pictures_->allocate(static_cast<std::size_t>(stride_ * height_));
-  if (!memory) {
-    --*inUse_;
-    return -ENOMEM;
-  }
-  buffer = std::make_shared<Buffer>(*this, std::move(memory));
+  Use use(inUse_, threshold);
+  if (!use.isWithinThreshold()) return thresholdExceeded;
+  std::shared_ptr<std::uint8_t[]> pixels =
+      pictures_->allocate(static_cast<std::size_t>(stride_ * height_));
+  if (!pixels) return -ENOMEM;
+  const BufferPicture picture{{pixels.get(), width_, height_, stride_}, ChannelOrder::bgra};
+  const MutableImageView memory{pixels.get(), width_, height_, stride_};
+  buffer = std::make_shared<Buffer>(std::move(use), picture, memory, std::move(pixels));
+  return 0;
+}
+
+Status MemoryPixelBufferPool::wrap(const BufferPicture& picture, std::shared_ptr<const void> owner,
+                                   int threshold, std::shared_ptr<PixelBuffer>& buffer) {
+  if (picture.view.width != width_ || picture.view.height != height_) return 0;
+  Use use(inUse_, threshold);
+  if (!use.isWithinThreshold()) return thresholdExceeded;
+  buffer = std::make_shared<Buffer>(std::move(use), picture,
+                                    MutableImageView{nullptr, width_, height_, stride_},
+                                    std::move(owner));
   return 0;
 }
 

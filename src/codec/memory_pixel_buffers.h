@@ -8,19 +8,20 @@
 
 namespace lumora {
 
-// A pool of equal BGRA buffers in picture memory. It counts them; the memory is the picture pool's
-// to keep. Buffers may outlive the pool. Any thread.
+// A pool of equal buffers, BGRA in picture memory or wrapped around pictures of the same size. It
+// counts them; the memory is the picture pool's to keep. Buffers may outlive the pool. Any thread.
 class MemoryPixelBufferPool final : public PixelBufferPool {
  public:
-  // What `create` answers when `threshold` buffers are in use.
+  // What `create` and `wrap` answer when `threshold` buffers are in use.
   static constexpr Status thresholdExceeded = -6689;
 
   MemoryPixelBufferPool(std::int64_t width, std::int64_t height,
                         std::shared_ptr<PicturePool> pictures);
   Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override;
+  Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner, int threshold,
+              std::shared_ptr<PixelBuffer>& buffer) override;
 
  private:
-  class Buffer;
   std::int64_t width_;
   std::int64_t height_;
   std::int64_t stride_;

@@ -59,6 +59,13 @@ void SpareEncoders::give(const EncoderSettings& settings, std::unique_ptr<LibavE
   });
 }
 
+bool SpareEncoders::closeAll() {
+  std::vector<Spare> closing;  // closed unlocked
+  const std::lock_guard hold(mutex_);
+  closing.swap(spares_);
+  return !closing.empty();
+}
+
 std::unique_ptr<LibavEncoder> SpareEncoders::release(std::vector<Spare>::iterator spare) {
   if (spare == spares_.end()) return nullptr;
   auto encoder = std::move(spare->encoder);

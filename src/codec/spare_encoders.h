@@ -39,6 +39,8 @@ class SpareEncoders : public std::enable_shared_from_this<SpareEncoders> {
                                      OpeningClock::time_point deadline);
   // Keeps `encoder`, in place of another one for the same kind of session.
   void give(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder);
+  // Whether there were any.
+  bool closeAll();
 
  private:
   struct Spare {

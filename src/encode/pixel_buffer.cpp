@@ -55,11 +55,12 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
   PixelBufferPool* pool = session.pixelBufferPool();
   if (pool == nullptr) throw EncoderFailure::message("no pixel buffer pool");
   std::shared_ptr<PixelBuffer> buffer;
-  const Status status = pool->create(allocationThreshold, buffer);
-  if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
-
   const ImageView source{frame.rgba.get(), frame.width, frame.height, frame.width * bytesPerPixel};
-  if (buffer->show({upsideDown(source), ChannelOrder::rgba}, frame.rgba)) return buffer;
+  Status status =
+      pool->wrap({upsideDown(source), ChannelOrder::rgba}, frame.rgba, allocationThreshold, buffer);
+  if (buffer) return buffer;
+  if (status == 0) status = pool->create(allocationThreshold, buffer);
+  if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
 
   const BufferLock lock(*buffer);
   const MutableImageView& whole = lock.view();

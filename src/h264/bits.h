@@ -12,7 +12,8 @@ namespace lumora {
 
 class BitReader {
  public:
-  explicit BitReader(ByteView bytes) : bytes_(bytes) {}
+  explicit BitReader(ByteView bytes, std::size_t position = 0)
+      : bytes_(bytes), position_(position) {}
 
   // u(n): 0 beyond the end, as is all that follows.
   std::uint32_t bits(int count) {
@@ -47,7 +48,7 @@ class BitReader {
   void exhaust() { position_ = bytes_.size() * 8 + 1; }
 
   ByteView bytes_;
-  std::size_t position_ = 0;
+  std::size_t position_;
 };
 
 class BitWriter {
@@ -62,10 +63,9 @@ class BitWriter {
     bits(0, length);
     bits(value + 1, length + 1);
   }
-  // The first `count` bits of `bytes`.
-  void copy(ByteView bytes, std::size_t count) {
-    BitReader from(bytes);
-    for (; count > 0; --count) flag(from.flag());
+  // What follows in `from`, up to a position there.
+  void copy(BitReader& from, std::size_t upTo) {
+    while (from.position() < upTo) flag(from.flag());
   }
   // Ends with a one and zeros up to a whole byte.
   Bytes finish() {

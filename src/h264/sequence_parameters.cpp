@@ -41,10 +41,14 @@ Bytes addEmulationPrevention(ByteView bytes) {
 struct Vui {
   std::size_t flagAt = 0;  // of vui_parameters_present_flag, in bits
   bool present = false;
+  std::size_t signalAt = 0;  // of video_signal_type_present_flag
+  std::size_t signalEnd = 0;
+  bool coloured = false;
   std::size_t restrictionAt = 0;  // of bitstream_restriction_flag
   bool restricted = false;
   std::uint32_t maxReferenceFrames = 0;
   std::uint32_t maxReorderFrames = 0;
+  std::size_t end = 0;
 };
 
 void skipScalingList(BitReader& set, int size) {
@@ -92,14 +96,17 @@ void skipHrd(BitReader& set) {
 }
 
 // E.1.1, up to bitstream_restriction_flag.
-void skipVui(BitReader& set) {
+void readVui(BitReader& set, Vui& found) {
   constexpr std::uint32_t extendedSampleAspect = 255;
   if (set.flag() && set.bits(8) == extendedSampleAspect) set.bits(32);
   if (set.flag()) set.flag();  // overscan
-  if (set.flag()) {            // video signal type
+  found.signalAt = set.position();
+  if (set.flag()) {
     set.bits(4);
-    if (set.flag()) set.bits(24);
+    found.coloured = set.flag();
+    if (found.coloured) set.bits(24);
   }
+  found.signalEnd = set.position();
   if (set.flag()) set.skipExpGolomb(2);  // chroma location
   if (set.flag()) {                      // timing
     set.bits(32);
@@ -112,6 +119,8 @@ void skipVui(BitReader& set) {
   if (ofSlices) skipHrd(set);
   if (ofUnits || ofSlices) set.flag();
   set.flag();  // picture structure
+  found.restrictionAt = set.position();
+  found.restricted = set.flag();
 }
 
 std::optional<Vui> read(ByteView bytes) {
@@ -132,18 +141,26 @@ std::optional<Vui> read(ByteView bytes) {
   if (set.flag()) set.skipExpGolomb(4);  // cropping
   found.flagAt = set.position();
   found.present = set.flag();
-  if (found.present) {
-    skipVui(set);
-    found.restrictionAt = set.position();
-    found.restricted = set.flag();
-  }
+  if (found.present) readVui(set, found);
   if (found.restricted) {
     set.flag();
     set.skipExpGolomb(4);
     found.maxReorderFrames = set.expGolomb();
     set.expGolomb();
   }
+  found.end = set.position();
   return set.isExhausted() ? std::nullopt : std::optional(found);
+}
+
+void writeSignal(BitWriter& set, const ColourDescription& colour) {
+  constexpr std::uint32_t unspecifiedFormat = 5;
+  set.flag(true);
+  set.bits(unspecifiedFormat, 3);
+  set.flag(colour.fullRange);
+  set.flag(true);
+  set.bits(colour.primaries, 8);
+  set.bits(colour.transfer, 8);
+  set.bits(colour.matrix, 8);
 }
 
 // Whatever is not said stays at its default, or without a limit.
@@ -162,20 +179,25 @@ void writeRestriction(BitWriter& set, const Vui& found) {
 
 }  // namespace
 
-Bytes declaringNoReordering(ByteView unit) {
+Bytes withUsabilityInformation(ByteView unit, const ColourDescription& colour) {
   const Bytes bytes = removeEmulationPrevention(unit);
   const auto found = read(bytes);
-  if (!found || (found->restricted && found->maxReorderFrames == 0))
-    return {unit.begin(), unit.end()};
+  const bool ordered = found && found->restricted && found->maxReorderFrames == 0;
+  if (!found || (ordered && found->coloured)) return {unit.begin(), unit.end()};
+  BitReader from(bytes);
   BitWriter set;
+  set.copy(from, found->present ? found->signalAt : found->flagAt);
+  if (!found->present) set.bits(0b100, 3);  // present, without aspect and overscan
+  if (found->coloured)
+    set.copy(from, found->signalEnd);
+  else
+    writeSignal(set, colour);
+  if (!found->present) set.bits(0, 5);  // nothing else before the restriction
   if (found->present) {
-    set.copy(bytes, found->restrictionAt);
-  } else {
-    set.copy(bytes, found->flagAt);
-    set.flag(true);
-    set.bits(0, 8);  // nothing of what stands before the restriction
+    from = BitReader(bytes, found->signalEnd);
+    set.copy(from, ordered ? found->end : found->restrictionAt);
   }
-  writeRestriction(set, *found);
+  if (!ordered) writeRestriction(set, *found);
   return addEmulationPrevention(set.finish());
 }
 

@@ -20,15 +20,12 @@ struct BufferPicture {
 };
 
 // One picture, made by a pool, which counts it until the last reference goes: in BGRA memory of its
-// own, or shown where it lies.
+// own, or wrapped around a picture of somebody else.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
-  // Shows `picture` from now on instead of memory of its own, and holds `owner` for it. False where
-  // it can't: of another size, for example.
-  virtual bool show(const BufferPicture& picture, std::shared_ptr<const void> owner) = 0;
   virtual BufferPicture picture() = 0;
-  // The buffer's memory and geometry; null pixels when it has no memory.
+  // The buffer's own memory and its geometry; null pixels when it has none.
   virtual MutableImageView lock() = 0;
   virtual void unlock() = 0;
 };
@@ -38,6 +35,10 @@ class PixelBufferPool {
   virtual ~PixelBufferPool() = default;
   // A free buffer; fails instead of letting more than `threshold` buffers be in use at once.
   virtual Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
+  // The same around `picture` where it lies, held by `owner`; no buffer and 0 where the session
+  // can't take it like this: of another size, for example.
+  virtual Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner,
+                      int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
 };
 
 enum class SessionProperty {
@@ -72,9 +73,9 @@ constexpr std::uint32_t infoNotPrepared = 0x100;  // the session could not be pr
 
 class CompressionSession {
  public:
-  // Called once per submitted frame, on the session's worker thread.
+  // Called once per submitted frame, on the session's worker thread. Does not throw.
   using OutputHandler = std::function<void(Status status, std::uint32_t infoFlags,
-                                           std::shared_ptr<const EncodedSample> sample)>;
+                                           const std::shared_ptr<const EncodedSample>& sample)>;
 
   virtual ~CompressionSession() = default;
   virtual Status setProperty(SessionProperty property, const PropertyValue& value) = 0;

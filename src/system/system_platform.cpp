@@ -19,8 +19,8 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.clock = std::make_shared<SystemClock>();
   platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
   platform.process = std::make_shared<PosixProcess>();
-  platform.encoders = std::make_shared<LibavEncoders>(h264Encoder, stateQueue, platform.dispatch,
-                                                      platform.pictures);
+  platform.encoders = std::make_shared<LibavEncoders>(parseEncoderChoice(h264Encoder), stateQueue,
+                                                      platform.dispatch, platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();

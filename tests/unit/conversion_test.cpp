@@ -67,6 +67,21 @@ TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
   }
 }
 
+TEST(Conversion, AFrameThatIsWrappedIsKeptForItsBuffer) {
+  RawFrame frame = makeFrame(16, 8, 200);
+  const auto pool = PicturePool::make();
+  frame.rgba = pool->allocate(16 * 8 * 4);
+  std::fill_n(frame.rgba.get(), 16 * 8 * 4, std::uint8_t{77});
+  const std::uint8_t* memory = frame.rgba.get();
+  Converted converted = convert(frame, 16, 8, Placement::aspectFit);
+  frame = {};
+  const auto other = pool->allocate(16 * 8 * 4);
+  std::fill_n(other.get(), 16 * 8 * 4, std::uint8_t{1});
+  EXPECT_EQ(converted.at(3, 3), (Pixel{77, 77, 77, 77}));
+  converted.buffer.reset();
+  EXPECT_EQ(pool->allocate(16 * 8 * 4).get(), memory);
+}
+
 // Large enough for two threads, so the rows where they meet are looked at as well.
 TEST(Conversion, AspectFitLeavesZeroBars) {
   const Converted unscaled = convert(makeFrame(100, 60, 77), 100, 80, Placement::aspectFit);
@@ -111,7 +126,7 @@ TEST(Conversion, ReductionKeepsWhatFitsAndDoesNotAlias) {
   }
 }
 
-const CodecChoice software{avcodec_find_encoder_by_name("libx264"), {}, PicturePool::make()};
+const EncoderSpec software{avcodec_find_encoder_by_name("libx264"), {}, PicturePool::make()};
 
 TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
   for (const auto& [width, height] : {std::pair{640, 360}, {2, 2}, {202, 360}}) {

@@ -20,22 +20,26 @@ const EncoderSettings slowTake = sessionSettings(SessionKind::recording, {2, 2},
 
 // Stands behind "h264_nvenc"; all other hardware is missing. What works is software.
 struct Driver {
-  enum Behaviour { works, refuses, hangs };
+  enum Behaviour { works, refusesOnce, refuses, hangs };
   std::atomic<Behaviour> behaviour = works;
   std::atomic<int> opened = 0;
   std::promise<void> release;
   std::shared_future<void> released = release.get_future();
 
-  Status open(CodecChoice choice, const EncoderSettings& settings,
+  Status open(EncoderSpec spec, const EncoderSettings& settings,
               std::unique_ptr<LibavEncoder>& encoder) {
-    if (isHardware(*choice.codec)) {
-      if (std::string_view(choice.codec->name) != "h264_nvenc") return AVERROR(ENODEV);
+    if (isHardware(*spec.codec)) {
+      if (std::string_view(spec.codec->name) != "h264_nvenc") return AVERROR(ENODEV);
       if (behaviour == hangs) released.wait();
+      if (behaviour == refusesOnce) {
+        behaviour = works;
+        return AVERROR(EBUSY);
+      }
       if (behaviour != works) return AVERROR(EBUSY);
-      choice.codec = avcodec_find_encoder_by_name(softwareEncoder);
       ++opened;
+      spec.codec = avcodec_find_encoder_by_name(softwareEncoder);
     }
-    return LibavEncoder::open(choice, settings, encoder);
+    return LibavEncoder::open(spec, settings, encoder);
   }
 };
 
@@ -79,8 +83,8 @@ TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoC
     driver->behaviour = whenChosen;
     const auto queue = std::make_shared<AsioQueue>("state");
     const auto encoders = std::make_shared<LibavEncoders>(
-        choice, queue, std::make_shared<AsioDispatch>(queue), PicturePool::make(),
-        [driver](auto&&... all) { return driver->open(all...); });
+        parseEncoderChoice(choice), queue, std::make_shared<AsioDispatch>(queue),
+        PicturePool::make(), [driver](auto&&... all) { return driver->open(all...); });
     encoders->choose(take, take);
     if (whenChosen != hangs) {
       std::promise<void> chosen;
@@ -101,10 +105,65 @@ TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoC
   }
 }
 
+TEST(EncoderSource, MakesRoomForASessionBeforeSoftwareTakesItsPlaceForOnce) {
+  const auto driver = std::make_shared<Driver>();
+  double now = 0;
+  const EncoderSource source{
+      .spec = {.codec = avcodec_find_encoder_by_name("h264_nvenc"),
+               .pictures = PicturePool::make()},
+      .open = [driver](auto&&... all) { return driver->open(all...); },
+      .substitute = avcodec_find_encoder_by_name(softwareEncoder),
+      .spares = std::make_shared<SpareEncoders>(std::make_shared<ManualQueue>(now), [] {})};
+  if (source.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  source.giveBack(preview, source.take(preview));
+  driver->behaviour = Driver::refusesOnce;
+  Opened opened = source.take(take);
+  EXPECT_EQ(driver->opened, 2);
+  EXPECT_FALSE(opened.isSubstitute);
+  driver->behaviour = Driver::refusesOnce;  // and there is no room to be made
+  opened = source.take(take);
+  EXPECT_TRUE(opened.encoder && opened.isSubstitute);
+  source.giveBack(take, std::move(opened));
+  EXPECT_FALSE(source.take(take).isSubstitute);
+  EXPECT_EQ(driver->opened, 3);
+}
+
+TEST(LibavEncoders, OpensAheadAndGivesMemoryBackAMinuteLater) {
+  for (const bool takes : {false, true}) {
+    double now = 0;
+    int opened = 0;
+    int givenBack = 0;
+    const auto queue = std::make_shared<ManualQueue>(now);
+    const auto dispatch = std::make_shared<FakeDispatch>(now);
+    const auto encoders = std::make_shared<LibavEncoders>(
+        parseEncoderChoice("software"), queue, dispatch, PicturePool::make(),
+        [&](auto&&... all) {
+          ++opened;
+          return LibavEncoder::open(all...);
+        },
+        [&] { ++givenBack; });
+    ManualQueue& opener = *dispatch->queues.at(0);
+    encoders->choose(preview, take);
+    opener.run();
+    encoders->warmUp(take, take);
+    dispatch->detached.at(0)();
+    opener.run();
+    EXPECT_EQ(opened, 2);
+    if (takes) encoders->openAhead(slowTake);
+    opener.run();
+    EXPECT_EQ(opened, takes ? 3 : 2);
+    EXPECT_EQ(givenBack, 0);
+    now = SpareEncoders::lifetime;
+    opener.run();
+    // With both encoders, and what was touched beyond them unless a take needs it.
+    EXPECT_EQ(givenBack, takes ? 2 : 3);
+  }
+}
+
 struct SpareEncodersTest : testing::Test {
   std::unique_ptr<LibavEncoder> open(const EncoderSettings& settings) {
     std::unique_ptr<LibavEncoder> encoder;
-    const CodecChoice software{.codec = avcodec_find_encoder_by_name(softwareEncoder),
+    const EncoderSpec software{.codec = avcodec_find_encoder_by_name(softwareEncoder),
                                .pictures = PicturePool::make()};
     EXPECT_EQ(LibavEncoder::open(software, settings, encoder), 0);
     return encoder;

@@ -209,6 +209,11 @@ struct FakePool final : PixelBufferPool, CanFail {
     const Status status = next(Call::createBuffer);
     return status != 0 ? status : buffers.create(threshold, buffer);
   }
+  Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner, int threshold,
+              std::shared_ptr<PixelBuffer>& buffer) override {
+    const Status status = next(Call::createBuffer);
+    return status != 0 ? status : buffers.wrap(picture, std::move(owner), threshold, buffer);
+  }
   MemoryPixelBufferPool buffers;
 };
 
