@@ -20,7 +20,15 @@ namespace lumora {
 struct ResampleAxis {
   int taps = 0;
   std::vector<int> first;
-  std::vector<std::int16_t> weights;  // 1.0 is 1 << 14
+  std::vector<std::int16_t> weights;  // 1.0 is 1 << 12
+};
+
+// Weights of two neighbouring source rows, also taken apart (weight = 64 × coarse + fine) into
+// signed bytes, two in a word.
+struct WeightPair {
+  std::int16_t exact[2];
+  std::int16_t coarse;
+  std::int16_t fine;
 };
 
 ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple);
@@ -52,7 +60,8 @@ class Resampler {
   std::int64_t height_;
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
-  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights`, four of each
+  std::vector<WeightPair> pairs_;           // `vertical_.weights`
+  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, four of each
 };
 
 }  // namespace lumora
