@@ -20,7 +20,7 @@ using Pixel = std::array<std::uint8_t, 4>;
 
 constexpr int fractionBits = 22;
 
-struct Component {
+struct Weighting {
   Pixel weights;  // signed
   std::int16_t scale;
   std::int32_t offset;  // of black or grey, and a half to round
@@ -33,7 +33,7 @@ struct Component {
 };
 
 // `sum` of weighted bytes shall make `steps`, from `zero` on.
-constexpr Component component(int blue, int green, int red, int sum, int steps, int zero) {
+constexpr Weighting weighting(int blue, int green, int red, int sum, int steps, int zero) {
   const auto weight = [](int value) { return static_cast<std::uint8_t>(value); };
   const double scale = static_cast<double>(steps) * (1 << fractionBits) / sum;
   return {{weight(blue), weight(green), weight(red), 0},
@@ -42,22 +42,22 @@ constexpr Component component(int blue, int green, int red, int sum, int steps, 
 }
 
 // All three, with weights in the order in which a pixel has its channels.
-struct Components {
-  Component luma, blueDifference, redDifference;
+struct Weightings {
+  Weighting luma, blueDifference, redDifference;
 };
 
-constexpr Components bgra = {component(10, 98, 29, 255 * 137, 219, 16),
-                             component(96, -74, -22, 255 * 96, 112, 128),
-                             component(-11, -109, 120, 255 * 120, 112, 128)};
+constexpr Weightings bgra = {weighting(10, 98, 29, 255 * 137, 219, 16),
+                             weighting(96, -74, -22, 255 * 96, 112, 128),
+                             weighting(-11, -109, 120, 255 * 120, 112, 128)};
 
-constexpr Component redFirst(Component of) {
+constexpr Weighting redFirst(Weighting of) {
   std::swap(of.weights[0], of.weights[2]);
   return of;
 }
-constexpr Components rgba = {redFirst(bgra.luma), redFirst(bgra.blueDifference),
+constexpr Weightings rgba = {redFirst(bgra.luma), redFirst(bgra.blueDifference),
                              redFirst(bgra.redDifference)};
 
-constexpr const Components& components(ChannelOrder order) {
+constexpr const Weightings& weightings(ChannelOrder order) {
   return order == ChannelOrder::bgra ? bgra : rgba;
 }
 
@@ -81,13 +81,13 @@ constexpr Pixel averageRows(const std::uint8_t* top, const std::uint8_t* bottom,
   return average(pixelAt(top, x), pixelAt(bottom, x));
 }
 
-inline void lumaRow(const Components& of, const std::uint8_t* row, std::size_t width,
+inline void lumaRow(const Weightings& of, const std::uint8_t* row, std::size_t width,
                     std::uint8_t* y) {
   for (std::size_t x = 0; x < width; ++x) y[x] = of.luma.of(pixelAt(row, x));
 }
 
 // From an even `from` on. Weights along the row are 1, 2, 1; beyond an edge the edge goes on.
-inline void chromaRow(const Components& of, const std::uint8_t* top, const std::uint8_t* bottom,
+inline void chromaRow(const Weightings& of, const std::uint8_t* top, const std::uint8_t* bottom,
                       std::size_t from, std::size_t width, std::uint8_t* u, std::uint8_t* v) {
   for (std::size_t x = from; x < width; x += 2) {
     const Pixel before = averageRows(top, bottom, x == 0 ? 0 : x - 1);

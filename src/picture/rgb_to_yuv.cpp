@@ -76,12 +76,12 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 // registers, but must expect that storing bytes changes what lies elsewhere.
 class Kernel {
  public:
-  explicit HWY_INLINE Kernel(const bt709::Components& of)
+  explicit HWY_INLINE Kernel(const bt709::Weightings& of)
       : of_(of),
         luma_(broadcast(of.luma)),
         blue_(broadcast(of.blueDifference)),
         red_(broadcast(of.redDifference)) {}
-  const bt709::Components& components() const { return of_; }
+  const bt709::Weightings& weightings() const { return of_; }
 
   // Pixels that a step takes from each row.
   static std::size_t step() { return hn::Lanes(d8); }
@@ -112,7 +112,7 @@ class Kernel {
     Values offset;
   };
 
-  static HWY_INLINE Component broadcast(const bt709::Component& of) {
+  static HWY_INLINE Component broadcast(const bt709::Weighting& of) {
     return {hn::Set(dPixels, bt709::packed(of.weights)), hn::Set(d16, of.scale),
             hn::Set(d32, of.offset)};
   }
@@ -144,7 +144,7 @@ class Kernel {
     return hn::BitCast(d8, hn::TableLookupLanes(blocks, order_));
   }
 
-  const bt709::Components& of_;
+  const bt709::Weightings& of_;
   decltype(blockOrder()) order_ = blockOrder();
   Component luma_;
   Component blue_;
@@ -155,7 +155,7 @@ class Kernel {
 HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width,
                         std::uint8_t* y) {
   const std::size_t step = Kernel::step();
-  if (width < step) return bt709::lumaRow(kernel.components(), row, width, y);
+  if (width < step) return bt709::lumaRow(kernel.weightings(), row, width, y);
   for (std::size_t x = 0; x + step <= width; x += step) kernel.lumaStep(row + x * 4, y + x);
   const std::size_t last = width - step;
   if (width % step != 0) kernel.lumaStep(row + last * 4, y + last);
@@ -164,7 +164,7 @@ HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t widt
 HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uint8_t* bottom,
                           std::size_t width, std::uint8_t* u, std::uint8_t* v) {
   const std::size_t step = Kernel::step();
-  if (width < step) return bt709::chromaRow(kernel.components(), top, bottom, 0, width, u, v);
+  if (width < step) return bt709::chromaRow(kernel.weightings(), top, bottom, 0, width, u, v);
   // Beyond the first pixel it goes on.
   const auto pixelBefore = [&](std::size_t x) HWY_ATTR {
     return hn::Set(dPixels, bt709::packed(bt709::averageRows(top, bottom, x == 0 ? 0 : x - 1)));
@@ -177,14 +177,14 @@ HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uin
   const std::size_t last = (width - step) / 2 * 2;
   left = pixelBefore(last);
   kernel.chromaStep(top + last * 4, bottom + last * 4, left, u + last / 2, v + last / 2);
-  bt709::chromaRow(kernel.components(), top, bottom, last + step, width, u, v);
+  bt709::chromaRow(kernel.weightings(), top, bottom, last + step, width, u, v);
 }
 
 #else  // No byte-by-signed-byte product: plain loops.
 
 struct Kernel {
-  explicit Kernel(const bt709::Components& all) : of(all) {}
-  const bt709::Components& of;
+  explicit Kernel(const bt709::Weightings& all) : of(all) {}
+  const bt709::Weightings& of;
 };
 
 void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width, std::uint8_t* y) {
@@ -199,7 +199,7 @@ void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uint8_t* botto
 #endif
 
 void convert(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v) {
-  const Kernel kernel(bt709::components(order));
+  const Kernel kernel(bt709::weightings(order));
   const auto width = static_cast<std::size_t>(source.width);
   for (std::int64_t row = 0; row < source.height; row += 2) {
     const std::uint8_t* top = source.pixels + row * source.stride;
