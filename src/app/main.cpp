@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <exception>
 #include <string_view>
-#include <system_error>
 
 #include "app/options.h"
 #include "app/video_encoder.h"
@@ -49,9 +49,32 @@ std::string encoderChoice(const lumora::Environment& environment) {
   return found == environment.end() ? std::string() : found->second;
 }
 
+// A mask is inherited, and whoever started us may have had reasons for one.
+void unblockSignals() {
+  sigset_t ours;
+  sigemptyset(&ours);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ours, signal);
+  sigprocmask(SIG_UNBLOCK, &ours, nullptr);
+}
+
+// Lives until the process ends: `exit` never runs its destructor.
+void startService(const lumora::Configuration& configuration, const std::string& h264Encoder) {
+  static const lumora::Platform platform = lumora::makeSystemPlatform(h264Encoder);
+  static const auto service = std::make_shared<lumora::VideoEncoder>(configuration, platform);
+  platform.stateQueue->async([] {
+    try {
+      service->start();
+    } catch (const std::exception&) {
+      endWith(listenerFailed);
+    }
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::set_terminate([] { _exit(1); });  // what nobody is left to tell
+  unblockSignals();
   std::signal(SIGPIPE, SIG_IGN);
   makeOutputNonBlocking();
   const std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
@@ -60,15 +83,10 @@ int main(int argc, char** argv) {
   if (!configuration) endWith(invalidConfiguration);
 
   lumora::keepFreedMemory();
-  // Lives until the process ends: `exit` never runs its destructor.
-  static const lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
-  static const auto encoder = std::make_shared<lumora::VideoEncoder>(*configuration, platform);
-  platform.stateQueue->async([] {
-    try {
-      encoder->start();
-    } catch (const std::system_error&) {
-      endWith(listenerFailed);
-    }
-  });
+  try {
+    startService(*configuration, encoderChoice(environment));
+  } catch (const std::exception&) {
+    endWith(listenerFailed);
+  }
   for (;;) pause();
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "app/event.h"
+#include "base/insist.h"
 #include "base/limits.h"
 #include "encode/session_settings.h"
 #include "record/recording_profile.h"
@@ -26,6 +27,9 @@ void VideoEncoder::start() {
       sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS),
       RecordingProfile::defaultProfile().sessionSettings());
   const auto weak = weak_from_this();
+  platform.stateQueue->setFailureHandler([weak](const std::string& reason) {
+    if (const auto self = weak.lock()) self->fail(reason);
+  });
   listener = platform.network->makeListener(host, port);
   listener->setConnectionHandler([weak](std::shared_ptr<TcpConnection> connection) {
     if (const auto self = weak.lock()) self->accept(std::move(connection));
@@ -36,10 +40,11 @@ void VideoEncoder::start() {
   timer = platform.dispatch->makeTimer(serviceInterval, [weak] {
     if (const auto self = weak.lock()) self->serviceTick();
   });
-  for (const int signal : {SIGTERM, SIGINT}) {
-    signals.push_back(platform.process->onSignal(signal, [weak] {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    auto source = platform.process->onSignal(signal, [weak] {
       if (const auto self = weak.lock()) self->requestShutdown();
-    }));
+    });
+    if (source) signals.push_back(std::move(source));
   }
   listener->start();
 }
@@ -92,16 +97,20 @@ void VideoEncoder::fail(const std::string& message) {
 }
 
 void VideoEncoder::requestShutdown() {
-  if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 0);
-  platform.stateQueue->async([weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->shutdown(0);
+  insist([this] {
+    if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 0);
+    platform.stateQueue->async([weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->shutdown(0);
+    });
   });
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
-  if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 1);
-  platform.stateQueue->async([weak = weak_from_this(), message] {
-    if (const auto self = weak.lock()) self->fail(message);
+  insist([&] {
+    if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 1);
+    platform.stateQueue->async([weak = weak_from_this(), message] {
+      if (const auto self = weak.lock()) self->fail(message);
+    });
   });
 }
 

@@ -11,11 +11,13 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <semaphore>
 #include <string>
 #include <vector>
 
 #include "app/options.h"
 #include "base/json.h"
+#include "base/limits.h"
 #include "encode/raw_encoding_completion.h"
 #include "input/raw_admission.h"
 #include "input/raw_frame.h"
@@ -74,6 +76,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void fail(const std::string& message);  // "error" event and shutdown with 1
 
   // input/
+  void readRecords();
   bool readExactly(MutableByteView space);
   bool readCommand(const RecordHeader& header);
   bool readFrame(const RecordHeader& header);
@@ -124,7 +127,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // record/
   void startRecording(const Json& command);
   void stopRecording(const Json& command);
-  void relayRecording(const TakeEvent& event);
+  void makeRecorder(const Json& command, const RecordingProfile& profile,
+                    std::optional<double> startedAt);
+  void relayRecording(const TakeEvent& event, std::uint64_t take);
   void movieFinished();
   bool isTakeStopping() const;
   // The take that frames go to: none once its stop is pending.
@@ -159,6 +164,10 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // input/: admission, shared by the reader's thread and the state queue under its own lock.
   RawAdmission raw;
+
+  // input/: taken by the reader's thread for a command, given back by the state queue with it. A
+  // parent that sends more than the state queue handles waits.
+  std::counting_semaphore<> commandSlots{maximumPendingCommands};
 
   // input/: the reader. Its thread only.
   std::uint64_t lastFrameID = 0;
@@ -196,7 +205,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<MovieRecorder> movie;
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
-  std::optional<TakeEvent> movieStatus;    // the last recording event
+  std::uint64_t takes = 0;                 // that were started
+  std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
 
   // diag/: when the last reports went out, in uptime seconds.
   double lastStats = 0;

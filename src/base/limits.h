@@ -16,6 +16,8 @@ constexpr std::size_t maximumLineBytes = 4096;  // event, command, peer line
 constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
 constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 
+constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not handled
+
 constexpr std::size_t maximumAuthenticatedPeers = 2;
 constexpr std::size_t maximumWaitingPeers = 4;          // accepted, no "hello" yet
 constexpr std::size_t maximumUnacknowledgedFrames = 6;  // per peer

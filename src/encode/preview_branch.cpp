@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "encode/picture_size.h"
 #include "encode/pixel_buffer.h"
@@ -23,8 +24,8 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
                  self.previewEncoded(encoded, id);
                });
     if (status != 0) throw EncoderFailure::status("frame submission", status);
-  } catch (const EncoderFailure& failure) {
-    fail(failure.description());
+  } catch (const std::exception& failure) {
+    fail(reasonOf(failure));
   }
 }
 
@@ -47,8 +48,8 @@ void VideoEncoder::previewEncoded(const Encoded& encoded, std::uint64_t id) {
   try {
     encoded.require("frame encoding");
     deliver(*encoded.sample, id);
-  } catch (const EncoderFailure& failure) {
-    fail(failure.description());
+  } catch (const std::exception& failure) {
+    fail(reasonOf(failure));
   }
 }
 

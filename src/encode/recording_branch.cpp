@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "encode/pixel_buffer.h"
 #include "encode/recording_keyframe.h"
@@ -18,8 +19,8 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
   try {
     prepareRecordingSession(frame, *take);
     submitRecording(frame, take, completion);
-  } catch (const EncoderFailure& failure) {
-    failRecording(failure.description(), take);
+  } catch (const std::exception& failure) {
+    failRecording(reasonOf(failure), take);
   }
 }
 
@@ -73,8 +74,8 @@ void VideoEncoder::recordingEncoded(const Encoded& encoded,
     if (!take->append(encoded.sample, capturedAt, keyframe)) recordingForceIDR = true;
     maximumMovieWorkObserved =
         std::max<std::int64_t>(maximumMovieWorkObserved, take->pendingWork());
-  } catch (const EncoderFailure& failure) {
-    failRecording(failure.description(), take);
+  } catch (const std::exception& failure) {
+    failRecording(reasonOf(failure), take);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "base/insist.h"
 #include "encode/encoder_failure.h"
 
 namespace lumora {
@@ -21,19 +22,26 @@ Status VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer>
                             OutcomeHandler handle) {
   const int share = completion->begin();
   const double submitted = uptime();
-  const Status status = to.encodeFrame(
-      std::move(buffer), time, properties,
-      [weak = weak_from_this(), queue = platform.stateQueue, completion, share, submitted,
-       handle = std::move(handle)](Status outcome, std::uint32_t infoFlags,
-                                   std::shared_ptr<const EncodedSample> sample) {
-        queue->async([weak, completion, share, handle,
-                      encoded = Encoded{outcome, infoFlags, std::move(sample), submitted}] {
-          if (const auto self = weak.lock()) handle(*self, encoded);
-          completion->complete(share);
-        });
+  const auto answer = [weak = weak_from_this(), queue = platform.stateQueue, completion, share,
+                       submitted, handle = std::move(handle)](
+                          Status outcome, std::uint32_t infoFlags,
+                          const std::shared_ptr<const EncodedSample>& sample) {
+    insist([&] {
+      queue->async([weak, completion, share, handle,
+                    encoded = Encoded{outcome, infoFlags, sample, submitted}] {
+        if (const auto self = weak.lock()) handle(*self, encoded);
+        completion->complete(share);
       });
-  if (status != 0) completion->complete(share);
-  return status;
+    });
+  };
+  try {
+    const Status status = to.encodeFrame(std::move(buffer), time, properties, answer);
+    if (status != 0) completion->complete(share);
+    return status;
+  } catch (const std::exception&) {
+    completion->complete(share);
+    throw;
+  }
 }
 
 }  // namespace lumora

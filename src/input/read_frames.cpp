@@ -7,11 +7,20 @@
 #include <new>
 
 #include "app/video_encoder.h"
+#include "base/reason.h"
 #include "input/record_header.h"
 
 namespace lumora {
 
 void VideoEncoder::readFrames() {
+  try {
+    readRecords();
+  } catch (const std::exception& error) {
+    requestFailure(reasonOf(error));
+  }
+}
+
+void VideoEncoder::readRecords() {
   std::array<std::uint8_t, recordHeaderBytes> bytes{};
   for (;;) {
     if (!readExactly(bytes)) return requestShutdown();
@@ -36,8 +45,12 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
     requestFailure("invalid recording command framing");
     return false;
   }
+  commandSlots.acquire();
   platform.stateQueue->async([weak = weak_from_this(), payload = std::move(payload)] {
-    if (const auto self = weak.lock()) self->recordingCommand(payload);
+    const auto self = weak.lock();
+    if (!self) return;
+    self->commandSlots.release();
+    self->recordingCommand(payload);
   });
   return true;
 }

@@ -5,21 +5,44 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <system_error>
+#include <utility>
+
+#include "base/directory.h"
 
 namespace lumora {
 namespace {
 
 class PosixFile final : public ByteSink {
  public:
-  explicit PosixFile(int descriptor) : descriptor_(descriptor) {}
+  PosixFile(int descriptor, std::string directory)
+      : descriptor_(descriptor), directory_(std::move(directory)) {}
   ~PosixFile() override { close(descriptor_); }
   PosixFile(const PosixFile&) = delete;
   PosixFile& operator=(const PosixFile&) = delete;
 
+  int reserve([[maybe_unused]] std::uint64_t bytes) override {
+#ifdef FALLOC_FL_KEEP_SIZE
+    if (!reserves_) return 0;
+    const int status = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(written_),
+                                 static_cast<off_t>(bytes));
+    if (status != 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO)) return errno;
+    if (status != 0) reserves_ = errno == EINTR;  // not every file system can
+#endif
+    return 0;
+  }
+
+  // To the size that it has, which gives back what lies beyond.
+  void releaseRoom() override {
+    if (reserves_) static_cast<void>(ftruncate(descriptor_, static_cast<off_t>(written_)) == 0);
+  }
+
   int write(ByteView bytes) override {
     return all(bytes, [this](ByteView rest, std::size_t) {
-      return ::write(descriptor_, rest.data(), rest.size());
+      const ssize_t count = ::write(descriptor_, rest.data(), rest.size());
+      if (count > 0) written_ += static_cast<std::uint64_t>(count);
+      return count;
     });
   }
 
@@ -31,6 +54,10 @@ class PosixFile final : public ByteSink {
 
   int sync() override {
     if (fdatasync(descriptor_) != 0) return errno;
+    if (!nameSynced_) {
+      if (const int error = syncDirectory(directory_); error != 0) return error;
+      nameSynced_ = true;
+    }
     return named_ && linkCount() == 0 ? ENOENT : 0;
   }
 
@@ -56,6 +83,10 @@ class PosixFile final : public ByteSink {
   }
 
   int descriptor_;
+  std::string directory_;
+  std::uint64_t written_ = 0;  // bytes
+  bool reserves_ = true;
+  bool nameSynced_ = false;
   // Bytes of a removed file vanish with its descriptor, however well they are written. Some file
   // systems count no names at all: theirs are taken to be there.
   bool named_ = linkCount() > 0;
@@ -69,7 +100,7 @@ std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
     error = errno;
     return nullptr;
   }
-  return std::make_unique<PosixFile>(descriptor);
+  return std::make_unique<PosixFile>(descriptor, std::filesystem::path(path).parent_path());
 }
 
 std::string describeError(int error) { return std::generic_category().message(error); }

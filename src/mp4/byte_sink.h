@@ -12,10 +12,16 @@ namespace lumora {
 class ByteSink {
  public:
   virtual ~ByteSink() = default;
+  // Sets room aside for the next `bytes` to be written, where the file system can: what lies within
+  // it can be written however full the disk gets.
+  virtual int reserve(std::uint64_t bytes) = 0;
+  // Gives back what was set aside and not written.
+  virtual void releaseRoom() = 0;
   // Appends all of `bytes`.
   virtual int write(ByteView bytes) = 0;
   virtual int overwrite(std::uint64_t offset, ByteView bytes) = 0;
-  // Returns once everything written is on the disk; ENOENT when the file has been removed.
+  // Returns once everything written and the file's name are on the disk; ENOENT when it has been
+  // removed.
   virtual int sync() = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <limits>
 #include <utility>
 
@@ -47,7 +48,7 @@ bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> fo
   format_ = std::move(format);
   Bytes start = movieStart(*format_, created_);
   fileSize_ = start.size();
-  disk_->write(std::move(start), {});
+  disk_->write(std::move(start), {}, largestMovieEnd(*format_, tables_));
   return true;
 }
 
@@ -87,7 +88,7 @@ void HybridMovieWriter::flushFragment() {
   tables_.addChunk(fileSize_ + start.size(), samples_);
   fileSize_ += start.size() + payload_.size();
   const std::size_t usual = payload_.size();
-  disk_->write(std::move(start), std::exchange(payload_, {}));
+  disk_->write(std::move(start), std::exchange(payload_, {}), largestMovieEnd(*format_, tables_));
   payload_.reserve(usual + usual / 4);
   samples_.clear();
 }
@@ -118,7 +119,13 @@ std::shared_ptr<MovieWriter> HybridMovies::createWriter(const std::string& path,
     error = describeError(code);
     return nullptr;
   }
-  return std::make_shared<HybridMovieWriter>(std::move(sink), secondsSince1904());
+  try {
+    return std::make_shared<HybridMovieWriter>(std::move(sink), secondsSince1904());
+  } catch (const std::exception& failure) {  // no thread, for example
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+    throw;
+  }
 }
 
 }  // namespace lumora

@@ -356,6 +356,14 @@ Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::
   return bytes;
 }
 
+std::uint64_t largestMovieEnd(const FormatDescription& format, const MovieTables& tables) {
+  constexpr std::uint64_t fixedBoxes = 1024;  // and a little more
+  // Every sample with a duration of its own, every chunk with a count of its own.
+  return fixedBoxes + format.parameterSet(0).bytes.size() + format.parameterSet(1).bytes.size() +
+         tables.sizes().size() * (8 + 4) + tables.keyframes().size() * 4 +
+         tables.chunks().size() * (12 + 8);
+}
+
 Bytes wideMediaDataHeader(std::uint64_t size) {
   Bytes bytes;
   u32(bytes, 1);

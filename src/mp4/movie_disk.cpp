@@ -3,6 +3,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/insist.h"
+#include "base/reason.h"
 #include "base/thread_name.h"
 
 namespace lumora {
@@ -16,40 +18,36 @@ std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   return disk;
 }
 
-void MovieDisk::write(Bytes head, Bytes body) {
+void MovieDisk::write(Bytes head, Bytes body, std::uint64_t ending) {
   const std::size_t bytes = head.size() + body.size();
-  enqueue({bytes,
-           [this, head = std::move(head), body = std::move(body)](ByteSink& sink) {
+  enqueue({bytes, [this, room = bytes + ending, head = std::move(head),
+                   body = std::move(body)](ByteSink& sink) {
              // Synced at once: a power cut then costs no more than a crash of the process.
-             if (proceeds(sink.write(head)) && proceeds(sink.write(body))) {
+             if (proceeds(sink.reserve(room)) && proceeds(sink.write(head)) &&
+                 proceeds(sink.write(body))) {
                proceeds(sink.sync());
              }
-           },
-           false});
+           }});
 }
 
 void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
                        std::function<void()> handler) {
   const std::size_t bytes = tail.size();
   enqueue({bytes,
-           [this, tail = std::move(tail), offset, header = std::move(header),
-            handler = std::move(handler)](ByteSink& sink) {
+           [this, tail = std::move(tail), offset, header = std::move(header)](ByteSink& sink) {
              if (proceeds(0) && proceeds(sink.write(tail)) && proceeds(sink.sync()) &&
                  proceeds(sink.overwrite(offset, header)) && proceeds(sink.sync())) {
+               sink.releaseRoom();
                end(WriterStatus::completed, std::nullopt);
              }
-             handler();
            },
-           true});
+           std::move(handler)});
 }
 
 void MovieDisk::fail(std::string message, std::function<void()> handler) {
   enqueue({0,
-           [this, message = std::move(message), handler = std::move(handler)](ByteSink&) {
-             end(WriterStatus::failed, message);
-             handler();
-           },
-           true});
+           [this, message = std::move(message)](ByteSink&) { end(WriterStatus::failed, message); },
+           std::move(handler)});
 }
 
 void MovieDisk::cancel() {
@@ -95,13 +93,20 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
     if (cancelled_) return;
     job = std::move(jobs_.front());
     jobs_.pop_front();
-    // After a failure the rest is passed over, but the last job still tells its handler.
-    const bool skipped = status_ == WriterStatus::failed && !job.last;
+    const bool skipped = status_ != WriterStatus::writing;
     hold.unlock();
-    if (!skipped) job.step(*sink);
+    if (!skipped) carryOut(job.step, *sink);
+    if (job.handler) return job.handler();
     hold.lock();
     queuedBytes_ -= job.bytes;
-    if (job.last) return;
+  }
+}
+
+void MovieDisk::carryOut(const Step& step, ByteSink& sink) {
+  try {
+    step(sink);
+  } catch (const std::exception& error) {
+    end(WriterStatus::failed, insist([&] { return reasonOf(error); }));
   }
 }
 

@@ -17,12 +17,14 @@ namespace lumora {
 
 class MovieDisk {
  public:
+  // Throws std::system_error without a thread.
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
   // Any thread; nothing here waits for the disk.
 
-  // Queues `head` and, right behind it, `body`; both are on the disk before the next write.
-  void write(Bytes head, Bytes body);
+  // Queues `head` and, right behind it, `body`; both are on the disk before the next write, and
+  // there is room for `ending` bytes behind them.
+  void write(Bytes head, Bytes body, std::uint64_t ending);
   // Behind everything queued: appends `tail`, then overwrites `header` at `offset`, each safely on
   // the disk before the next step; then `handler` runs on the I/O thread.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
@@ -40,12 +42,13 @@ class MovieDisk {
   struct Job {
     std::size_t bytes = 0;
     Step step;
-    bool last = false;
+    std::function<void()> handler = {};  // of the last one
   };
 
   MovieDisk() = default;
   void enqueue(Job job);
   void run(std::unique_ptr<ByteSink> sink);
+  void carryOut(const Step& step, ByteSink& sink);
   bool proceeds(int error);
   void end(WriterStatus status, std::optional<std::string> message);
 

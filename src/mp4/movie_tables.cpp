@@ -20,9 +20,10 @@ void MovieTables::endAt(std::uint64_t end) {
   while (!empty() && duration_ - durations_.back() >= end) dropLast();
   if (empty()) return;
   const std::uint64_t last = end - (duration_ - durations_.back());
+  duration_ -= durations_.back();
   durations_.back() = static_cast<std::uint32_t>(
       std::min<std::uint64_t>(last, std::numeric_limits<std::uint32_t>::max()));
-  duration_ = end;
+  duration_ += durations_.back();
 }
 
 void MovieTables::dropLast() {

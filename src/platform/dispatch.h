@@ -10,6 +10,7 @@
 namespace lumora {
 
 using Work = std::function<void()>;
+using FailureHandler = std::function<void(const std::string& reason)>;
 
 class SerialQueue {
  public:
@@ -18,6 +19,9 @@ class SerialQueue {
   virtual void async(Work work) = 0;
   // Any thread. Runs `work` on the queue once `seconds` have passed.
   virtual void asyncAfter(double seconds, Work work) = 0;
+  // On the queue. What escapes a work item from now on goes to `handler`, in words; without one it
+  // is forgotten with the item.
+  virtual void setFailureHandler(FailureHandler handler) = 0;
 };
 
 // Fires on its queue until cancelled or destroyed. Cancel on that queue: no firing follows.
@@ -36,7 +40,8 @@ class Dispatch {
   // A timer on the state queue: first after `interval` seconds, then every `interval` seconds.
   virtual std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) = 0;
   // Runs `work`, which may block for as long as it likes, on a thread of its own that carries
-  // `label`.
+  // `label`. What escapes it is forgotten. Throws std::system_error without a thread, as
+  // `makeQueue` does.
   virtual void runDetached(const std::string& label, Work work) = 0;
 };
 

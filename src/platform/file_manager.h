@@ -8,6 +8,7 @@ namespace lumora {
 class FileManager {
  public:
   virtual ~FileManager() = default;
+  // Whether nothing may be made under this name.
   virtual bool exists(const std::string& path) const = 0;
   // Renames within a file system, durably; false when `to` exists or the move is impossible.
   virtual bool move(const std::string& from, const std::string& to) = 0;

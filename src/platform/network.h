@@ -32,6 +32,8 @@ class TcpConnection {
   virtual void send(std::vector<SharedBytes> parts, SendHandler handler) = 0;
   // Closes the connection. Outstanding handlers run with an error.
   virtual void cancel() = 0;
+  // The same at once: what the network stack has taken and not sent yet is forgotten.
+  virtual void reset() = 0;
 };
 
 enum class ListenerState { ready, failed, cancelled };

@@ -26,7 +26,8 @@ class Process {
   virtual ssize_t readInput(MutableByteView space) = 0;
   // One write of `text` to standard output: bytes written or -errno. State queue only.
   virtual ssize_t writeOutput(ByteView text) = 0;
-  // The handler runs on a thread for signals, whatever the state queue is doing.
+  // The handler runs on a thread for signals, whatever the state queue is doing. Null for a SIGHUP
+  // that the process has been started to ignore.
   virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
   // Ends the process at once, without running destructors. State queue only.
   virtual void exit(int code) = 0;

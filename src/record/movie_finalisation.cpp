@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "base/insist.h"
+#include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
@@ -41,29 +43,32 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
     held.reset();
     status(TakeState::finishing, end, "", path);
     finishWriting(end, completion);
-  } catch (const EncoderFailure& reason) {
-    failure(reason.description());
+  } catch (const std::exception& reason) {
+    failure(reasonOf(reason));
     completion();
   }
 }
 
 void MovieRecorder::finishWriting(double end, const std::function<void()>& completion) {
   writer->finishWriting(movieUnits(end), [self = shared_from_this(), end, completion] {
-    self->queue->async([self, end, completion] {
-      if (self->writer->status() == WriterStatus::completed) {
-        self->saveCompletedMovie(end);
-      } else {
-        self->failure(self->writer->error().value_or("recording finalization failed"));
-      }
-      completion();
+    insist([&] {
+      self->queue->async([self, end, completion] {
+        self->movieEnded(end);
+        completion();
+      });
     });
   });
+}
+
+void MovieRecorder::movieEnded(double end) {
+  if (writer->status() == WriterStatus::completed) return saveCompletedMovie(end);
+  failure(insist([&] { return writer->error().value_or("recording finalization failed"); }));
 }
 
 // Whatever the names allow: a complete movie is never given up for its name.
 void MovieRecorder::saveCompletedMovie(double duration) {
   if (platform.files->move(staging, path)) return status(TakeState::saved, duration, "", path);
-  const std::string recovery = recoveryPath(path, id);
+  const std::string recovery = insist([&] { return recoveryPath(path, id); });
   if (platform.files->move(staging, recovery)) {
     return status(TakeState::saved, duration,
                   "Final filename was unavailable. Completed video saved at the recovery path "

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "base/insist.h"
+#include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_timing.h"
 
@@ -70,8 +72,8 @@ void MovieRecorder::writeJob(HeldSample next) {
   if (!failed) {
     try {
       holdBack(std::move(next));
-    } catch (const EncoderFailure& reason) {
-      failure(reason.description());
+    } catch (const std::exception& reason) {
+      failure(reasonOf(reason));
     }
   }
   const std::lock_guard hold(lock);
@@ -141,6 +143,11 @@ void MovieRecorder::pruneRecentWrites(double now) {
 
 void MovieRecorder::status(TakeState state, double duration, const std::string& error,
                            const std::string& outputPath) {
+  insist([&] { report(describe(state, duration, error, outputPath)); });
+}
+
+TakeEvent MovieRecorder::describe(TakeState state, double duration, const std::string& error,
+                                  const std::string& outputPath) {
   pruneRecentWrites(platform.clock->uptime());
   TakeReport told{id, state, outputPath, profile.targetFPS};
   told.duration = duration;
@@ -154,7 +161,7 @@ void MovieRecorder::status(TakeState state, double duration, const std::string& 
     told.dropped = dropped;
     told.throttled = throttled;
   }
-  report(makeTakeEvent(told));
+  return makeTakeEvent(told);
 }
 
 void MovieRecorder::reportProgress() {

@@ -22,7 +22,7 @@ namespace lumora {
 
 class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
  public:
-  using Report = std::function<void(TakeEvent event)>;
+  using Report = std::function<void(const TakeEvent& event)>;
 
   // `relay` is called on the take's queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
@@ -65,11 +65,14 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void status(TakeState state, double duration, const std::string& error,
               const std::string& outputPath);
+  TakeEvent describe(TakeState state, double duration, const std::string& error,
+                     const std::string& outputPath);
   void failure(const std::string& message);
   void progress();
   void pruneRecentWrites(double now);
   void finishJob(double stop, const std::function<void()>& completion);
   void finishWriting(double end, const std::function<void()>& completion);
+  void movieEnded(double end);
   void saveCompletedMovie(double duration);
 
   Platform platform;

@@ -8,7 +8,7 @@ namespace lumora {
 std::int64_t movieUnits(double seconds) { return std::llround(seconds * movieTimescale); }
 
 MovieTiming lastUntil(std::int64_t time, std::int64_t next, std::int64_t shortest) {
-  return {time, std::max(next - time, shortest)};
+  return {time, std::clamp(next - time, shortest, longestSample)};
 }
 
 double movieEndTime(std::optional<double> startedAt, double origin, double lastSample, double stop,

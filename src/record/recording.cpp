@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "base/insist.h"
+#include "base/reason.h"
 #include "record/recording_command.h"
 #include "record/recording_profile.h"
 #include "record/take_event.h"
@@ -33,18 +35,34 @@ void VideoEncoder::startRecording(const Json& command) {
     return reject("recording destination or state is invalid");
   }
   const std::string& id = *findString(command, "id");
-  movieStatus = makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS});
+  TakeReport report{id, TakeState::starting, *path, profile->targetFPS};
+  movieStatus = makeTakeEvent(report);
   emit(movieStatus->json);
-  movie = std::make_shared<MovieRecorder>(
-      id, *path, startedAt, *profile, requestedCadence(command), platform,
-      [weak = weak_from_this(), queue = platform.stateQueue](TakeEvent event) {
-        queue->async([weak, event = std::move(event)] {
-          if (const auto self = weak.lock()) self->relayRecording(event);
-        });
-      });
+  ++takes;
+  try {
+    makeRecorder(command, *profile, startedAt);
+  } catch (const std::exception& error) {
+    report.state = TakeState::failed;
+    report.error = reasonOf(error);
+    relayRecording(makeTakeEvent(report), takes);
+  }
+}
+
+void VideoEncoder::makeRecorder(const Json& command, const RecordingProfile& profile,
+                                std::optional<double> startedAt) {
+  // Another take of the same id may follow: only the latest has a say.
+  const auto relay = [weak = weak_from_this(), queue = platform.stateQueue,
+                      take = takes](const TakeEvent& event) {
+    queue->async([weak, take, event] {
+      if (const auto self = weak.lock()) self->relayRecording(event, take);
+    });
+  };
+  movie = std::make_shared<MovieRecorder>(*findString(command, "id"), *findString(command, "path"),
+                                          startedAt, profile, requestedCadence(command), platform,
+                                          relay);
   pendingMovieStop.reset();
   recordingForceIDR = true;
-  platform.encoders->openAhead(profile->sessionSettings());
+  platform.encoders->openAhead(profile.sessionSettings());
 }
 
 void VideoEncoder::stopRecording(const Json& command) {
@@ -62,8 +80,8 @@ void VideoEncoder::stopRecording(const Json& command) {
   finishMovieIfReady();
 }
 
-void VideoEncoder::relayRecording(const TakeEvent& event) {
-  if (!movieStatus || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
+void VideoEncoder::relayRecording(const TakeEvent& event, std::uint64_t take) {
+  if (take != takes || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
   movieStatus = event;
   emit(event.json);
   // While the take is being finalised its end clears it: see `movieFinished`.
@@ -85,11 +103,14 @@ void VideoEncoder::finishMovieIfReady() {
   movieFinishing = true;
   // No frame is in flight, so every sample of the take has reached the recorder.
   resetRecordingSession();
-  movie->finish(*pendingMovieStop, [weak = weak_from_this(), queue = platform.stateQueue] {
-    queue->async([weak] {
-      if (const auto self = weak.lock()) self->movieFinished();
+  const auto finished = [weak = weak_from_this(), queue = platform.stateQueue] {
+    insist([&] {
+      queue->async([weak] {
+        if (const auto self = weak.lock()) self->movieFinished();
+      });
     });
-  });
+  };
+  insist([&] { movie->finish(*pendingMovieStop, finished); });
 }
 
 void VideoEncoder::movieFinished() {

@@ -27,8 +27,7 @@ const char* textOf(TakeState state) {
 TakeEvent makeTakeEvent(const TakeReport& report) {
   // A take that is only starting has an integer for its duration.
   const Json duration = report.state == TakeState::starting ? Json(0) : Json(report.duration);
-  return {report.id,
-          report.state,
+  return {report.state,
           {{"type", "recording"},
            {"id", report.id},
            {"state", textOf(report.state)},
@@ -59,7 +58,6 @@ Json rejectionEvent(const Json& command, const std::string& message) {
 }
 
 bool relaysEvent(const TakeEvent& last, bool stopping, const TakeEvent& next) {
-  if (next.id != last.id) return false;
   if (last.state == TakeState::saved || last.state == TakeState::failed) return false;
   return next.state != TakeState::recording || !(stopping || last.state == TakeState::finishing);
 }

@@ -13,7 +13,6 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 
 // An event of one take: what goes to the parent, and beside it what decisions are made by.
 struct TakeEvent {
-  std::string id;
   TakeState state;
   Json json;
 };
@@ -39,9 +38,9 @@ TakeEvent makeTakeEvent(const TakeReport& report);
 // The ten keys of a "record_start" that was refused.
 Json rejectionEvent(const Json& command, const std::string& message);
 
-// Whether `next` goes to the parent. `last` is the last event that did, `stopping` whether a stop
-// is pending or the take is being finalised: a finished take's status is final, an older take has
-// no say, and progress never overwrites a stop under way.
+// Whether `next` goes to the parent. `last` is the last event of the take that did, `stopping`
+// whether a stop is pending or the take is being finalised: a finished take's status is final, and
+// progress never overwrites a stop under way.
 bool relaysEvent(const TakeEvent& last, bool stopping, const TakeEvent& next);
 
 }  // namespace lumora

@@ -68,7 +68,10 @@ void VideoEncoder::sweepPeers() {
   if (!running) return;
   const double now = uptime();
   for (const auto& peer : snapshot(peers)) {
-    if (isOverdue(*peer, now)) remove(peer);
+    if (!isOverdue(*peer, now)) continue;
+    // What it never read would stay in the kernel for as long as it does not read.
+    peer->connection->reset();
+    remove(peer);
   }
 }
 

@@ -7,6 +7,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/insist.h"
+#include "base/reason.h"
 #include "base/thread_name.h"
 
 namespace lumora {
@@ -65,12 +67,24 @@ class AsioTimer final : public TimerSource {
 struct AsioQueue::Core {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
+  FailureHandler failed;  // of its thread
+
+  void run() {
+    for (;;) {
+      try {
+        context.run();
+        return;
+      } catch (const std::exception& error) {
+        if (failed) failed(reasonOf(error));
+      }
+    }
+  }
 };
 
 AsioQueue::AsioQueue(const std::string& label) : core_(std::make_shared<Core>()) {
   std::thread([core = core_, label] {
     nameThread(label);
-    core->context.run();
+    core->run();
   }).detach();
 }
 
@@ -84,6 +98,8 @@ void AsioQueue::asyncAfter(double seconds, Work work) {
     if (!error) work();
   });
 }
+
+void AsioQueue::setFailureHandler(FailureHandler handler) { core_->failed = std::move(handler); }
 
 asio::io_context& AsioQueue::context() { return core_->context; }
 
@@ -101,7 +117,7 @@ std::unique_ptr<TimerSource> AsioDispatch::makeTimer(double interval, Work handl
 void AsioDispatch::runDetached(const std::string& label, Work work) {
   std::thread([label, work = std::move(work)] {
     nameThread(label);
-    work();
+    attempt(work);
   }).detach();
 }
 

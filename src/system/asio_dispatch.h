@@ -21,6 +21,7 @@ class AsioQueue final : public SerialQueue {
 
   void async(Work work) override;
   void asyncAfter(double seconds, Work work) override;
+  void setFailureHandler(FailureHandler handler) override;
   boost::asio::io_context& context();
 
  private:

@@ -55,6 +55,12 @@ class AsioConnection final : public TcpConnection,
     report(ConnectionState::cancelled);
   }
 
+  void reset() override {
+    error_code ignored;
+    socket_.set_option(tcp::socket::linger(true, 0), ignored);
+    cancel();
+  }
+
  private:
   void report(ConnectionState state) {
     asio::post(socket_.get_executor(), [self = shared_from_this(), state] {
@@ -88,9 +94,7 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
         [self = shared_from_this()](const error_code& error,
                                     const tcp::resolver::results_type& results) {
           if (error == asio::error::operation_aborted) return;
-          const bool bound = std::ranges::any_of(
-              results, [&](const auto& entry) { return self->listenOn(entry.endpoint()); });
-          self->report(bound ? ListenerState::ready : ListenerState::failed);
+          self->report(self->listenOnFirst(results) ? ListenerState::ready : ListenerState::failed);
         });
   }
 
@@ -112,16 +116,29 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   }
 
  private:
-  bool listenOn(const tcp::endpoint& endpoint) {
+  // Of a name's addresses the first that this machine has; one that is in use is no reason to be
+  // found somewhere else.
+  bool listenOnFirst(const tcp::resolver::results_type& results) {
+    for (const auto& entry : results) {
+      const error_code error = listenOn(entry.endpoint());
+      if (!error) return true;
+      if (error != asio::error::address_family_not_supported &&
+          error != boost::system::errc::address_not_available) {
+        return false;
+      }
+    }
+    return false;
+  }
+
+  error_code listenOn(const tcp::endpoint& endpoint) {
     error_code error;
     acceptor_.open(endpoint.protocol(), error);
     if (!error) acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
     if (!error) acceptor_.bind(endpoint, error);
     if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
-    if (!error) return true;
     error_code ignored;
-    acceptor_.close(ignored);
-    return false;
+    if (error) acceptor_.close(ignored);
+    return error;
   }
 
   void acceptNext() {

@@ -9,27 +9,26 @@
 #include <cstdio>
 #include <filesystem>
 #include <future>
+#include <mutex>
+#include <set>
 #include <thread>
 #include <utility>
+
+#include "base/directory.h"
+#include "base/insist.h"
 
 namespace lumora {
 namespace {
 
 constexpr std::chrono::seconds longestRemoval{1};
 
-// A new name is safe against power loss only once its directory has reached the disk.
-void syncDirectoryOf(const std::string& path) {
-  const std::string directory = std::filesystem::path(path).parent_path();
-  const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return;
-  fsync(descriptor);
-  close(descriptor);
-}
-
 // File systems without an atomic "rename unless it exists": a hard link refuses an existing name
 // just as well; where there are none either, a look beforehand has to do.
 bool moveWithoutRename2(const char* from, const char* to) {
-  if (link(from, to) == 0) return unlink(from) == 0;
+  if (link(from, to) == 0) {
+    unlink(from);  // should that fail it has two names, and this is one of them
+    return true;
+  }
   if (errno == EEXIST) return false;
   struct stat status {};
   return lstat(to, &status) != 0 && std::rename(from, to) == 0;
@@ -45,26 +44,52 @@ bool moveUnlessExists(const char* from, const char* to) {
 
 }  // namespace
 
+struct PosixFileManager::Pending {
+  std::mutex mutex;
+  std::set<std::string> removals;  // paths
+};
+
+PosixFileManager::PosixFileManager() : pending_(std::make_shared<Pending>()) {}
+
 bool PosixFileManager::exists(const std::string& path) const {
+  {
+    const std::lock_guard hold(pending_->mutex);
+    if (pending_->removals.contains(path)) return true;
+  }
   struct stat status {};
   return stat(path.c_str(), &status) == 0;
 }
 
 bool PosixFileManager::move(const std::string& from, const std::string& to) {
   if (!moveUnlessExists(from.c_str(), to.c_str())) return false;
-  syncDirectoryOf(to);
+  // It is there, whatever becomes of the wish to have it safe.
+  attempt([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
   return true;
 }
 
 // On a disk that hangs the removal does, too; what is to be said of it must not.
 void PosixFileManager::remove(const std::string& path) {
-  std::promise<void> removed;
-  const std::future<void> done = removed.get_future();
-  std::thread([path, removed = std::move(removed)]() mutable {
+  try {
+    {
+      const std::lock_guard hold(pending_->mutex);
+      pending_->removals.insert(path);
+    }
+    std::promise<void> removed;
+    const std::future<void> done = removed.get_future();
+    std::thread([path, pending = pending_, removed = std::move(removed)]() mutable {
+      unlink(path.c_str());
+      {
+        const std::lock_guard hold(pending->mutex);
+        pending->removals.erase(path);
+      }
+      removed.set_value();
+    }).detach();
+    done.wait_for(longestRemoval);
+  } catch (const std::exception&) {  // no thread, no memory: without a bound, then
     unlink(path.c_str());
-    removed.set_value();
-  }).detach();
-  done.wait_for(longestRemoval);
+    const std::lock_guard hold(pending_->mutex);
+    pending_->removals.erase(path);
+  }
 }
 
 }  // namespace lumora

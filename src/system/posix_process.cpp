@@ -5,12 +5,8 @@
 
 #include <boost/asio/signal_set.hpp>
 #include <cerrno>
-#include <chrono>
-#include <system_error>
-#include <thread>
+#include <csignal>
 #include <utility>
-
-#include "base/thread_name.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -23,8 +19,13 @@ namespace {
 void enlargePipe(int descriptor) {
 #ifdef F_SETPIPE_SZ
   constexpr int pipeBytes = 1 << 20;  // what an unprivileged process may ask for
-  fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
+  if (fcntl(descriptor, F_GETPIPE_SZ) < pipeBytes) fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
 #endif
+}
+
+bool isIgnored(int signal) {
+  struct sigaction action {};
+  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
 // Lives on its queue, which alone may touch the signal set.
@@ -88,6 +89,8 @@ ssize_t PosixProcess::writeOutput(ByteView text) {
 }
 
 std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
+  // Whoever has it ignored, as "nohup" does, wants the process to outlive its terminal.
+  if (signal == SIGHUP && isIgnored(signal)) return nullptr;
   return std::make_unique<AsioSignal>(signals_, signal, std::move(handler));
 }
 
@@ -104,15 +107,9 @@ void PosixProcess::exit(int code) {
 void PosixProcess::exitAfter(double seconds, int code) {
   *watchdogCode_ = code;
   if (watched_.exchange(true)) return;
-  try {
-    std::thread([seconds, code = watchdogCode_, ending = ending_] {
-      nameThread("lumora.watchdog");
-      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-      if (!*ending) _exit(*code);
-    }).detach();
-  } catch (const std::system_error&) {
-    watched_ = false;  // no thread to be had now
-  }
+  signals_->asyncAfter(seconds, [code = watchdogCode_, ending = ending_] {
+    if (!*ending) _exit(*code);
+  });
 }
 
 }  // namespace lumora

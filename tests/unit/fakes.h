@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/json.h"
+#include "base/reason.h"
 #include "codec/memory_pixel_buffers.h"
 #include "encode/picture_size.h"
 #include "platform/platform.h"
@@ -34,17 +35,18 @@ class ManualQueue final : public SerialQueue {
   void asyncAfter(double seconds, Work work) override {
     later_.emplace(now_ + seconds, std::move(work));
   }
+  void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
   // Runs everything that is due, including what that enqueues; whether there was anything.
   bool run() {
     for (bool any = false;; any = true) {
       if (!work_.empty()) {
         const Work work = std::move(work_.front());
         work_.pop_front();
-        work();
+        carryOut(work);
       } else if (!later_.empty() && later_.begin()->first <= now_) {
         const Work work = std::move(later_.begin()->second);
         later_.erase(later_.begin());
-        work();
+        carryOut(work);
       } else {
         return any;
       }
@@ -56,7 +58,16 @@ class ManualQueue final : public SerialQueue {
   }
 
  private:
+  void carryOut(const Work& work) {
+    try {
+      work();
+    } catch (const std::exception& error) {
+      if (failed_) failed_(reasonOf(error));
+    }
+  }
+
   const double& now_;
+  FailureHandler failed_;
   std::deque<Work> work_;
   std::multimap<double, Work> later_;
 };
@@ -155,6 +166,7 @@ struct FakeConnection final : TcpConnection {
     onSent = std::move(handler);
   }
   void cancel() override { cancelled = true; }
+  void reset() override { wasReset = true; }
 
   // What the client sends; `complete` closes its side.
   void deliver(const std::string& text, bool complete = false) {
@@ -177,6 +189,7 @@ struct FakeConnection final : TcpConnection {
   std::size_t readLimit = 0;
   bool started = false;
   bool cancelled = false;
+  bool wasReset = false;
 };
 
 struct FakeListener final : TcpListener {

@@ -32,7 +32,17 @@ struct Disk {
   bool hangs = false;
   int calls = 0;
   bool closed = false;
+  std::uint64_t free = std::uint64_t{1} << 30;  // bytes that anybody may have
+  std::uint64_t reserved = 0;
 
+  int reserve(std::uint64_t wanted) {
+    const std::lock_guard hold(mutex);
+    const std::uint64_t more = std::max(wanted, reserved) - reserved;
+    if (more > free) return ENOSPC;
+    free -= more;
+    reserved += more;
+    return 0;
+  }
   int call(const std::function<void()>& effect) {
     std::unique_lock hold(mutex);
     changed.wait(hold, [this] { return !hangs; });
@@ -61,8 +71,15 @@ struct DiskSink final : ByteSink {
     disk->closed = true;
     disk->changed.notify_all();
   }
+  int reserve(std::uint64_t bytes) override { return disk->reserve(bytes); }
+  void releaseRoom() override { disk->reserved = 0; }
   int write(ByteView bytes) override {
-    return disk->call([&] { disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end()); });
+    const int error = disk->reserve(bytes.size());
+    if (error != 0) return error;
+    return disk->call([&] {
+      disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end());
+      disk->reserved -= bytes.size();
+    });
   }
   int overwrite(std::uint64_t offset, ByteView bytes) override {
     return disk->call([&] { std::ranges::copy(bytes, disk->bytes.data() + offset); });
