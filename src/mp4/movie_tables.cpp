@@ -1,7 +1,8 @@
 #include "mp4/movie_tables.h"
 
 #include <algorithm>
-#include <limits>
+
+#include "platform/movie_writer.h"
 
 namespace lumora {
 
@@ -21,8 +22,8 @@ void MovieTables::endAt(std::uint64_t end) {
   if (empty()) return;
   const std::uint64_t last = end - (duration_ - durations_.back());
   duration_ -= durations_.back();
-  durations_.back() = static_cast<std::uint32_t>(
-      std::min<std::uint64_t>(last, std::numeric_limits<std::uint32_t>::max()));
+  durations_.back() =
+      static_cast<std::uint32_t>(std::min(last, static_cast<std::uint64_t>(longestSample)));
   duration_ += durations_.back();
 }
 

@@ -2,7 +2,9 @@
 
 // Movie files as the recorder sees them: encoded samples in, a playable MP4 out.
 
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,8 +15,13 @@ namespace lumora {
 
 constexpr std::int32_t movieTimescale = 60000;  // units per second, of every time in a movie
 
+// A movie's tables have 32 bits for a sample's duration (ISO/IEC 14496-12, 8.6.1.2), of which some
+// readers take the first for a sign: 9.9 h.
+constexpr std::int64_t longestSample = std::numeric_limits<std::int32_t>::max();
+
 // Where a sample lies on the movie's timeline, in units of `movieTimescale`. The first sample
-// stands at zero, each other one where the one before it ends; each lasts for at least one unit.
+// stands at zero, each other one where the one before it ends; each lasts for at least one unit
+// and at most `longestSample`.
 struct MovieTiming {
   std::int64_t time = 0;
   std::int64_t duration = 0;

@@ -3,8 +3,6 @@
 // Where the samples of a take lie on the movie's timeline. In whole units of the movie, so that no
 // error adds up. Pure.
 
-#include <cstdint>
-#include <limits>
 #include <optional>
 
 #include "platform/movie_writer.h"
@@ -13,8 +11,6 @@ namespace lumora {
 
 constexpr std::int64_t shortestSample = movieTimescale / 600;  // two close samples stay apart by it
 constexpr std::int64_t shortestLastSample = 1;                 // the last one ends with the movie
-// What a movie's tables can say (ISO/IEC 14496-12, 8.6.1.2): 19.9 h.
-constexpr std::int64_t longestSample = std::numeric_limits<std::uint32_t>::max();
 
 // From seconds since the movie's zero.
 std::int64_t movieUnits(double seconds);

@@ -143,6 +143,7 @@ TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
   };
   const Case cases[] = {{{1918, 1080}, {1280, 720}, false, {1278, 720}},
                         {{1918, 1080}, {1280, 720}, true, {1280, 720}},
+                        {{1918, 1080}, {1281, 720}, true, {1278, 720}},
                         {{1278, 720}, {1280, 720}, true, {1278, 720}},
                         {{1920, 2}, {640, 360}, false, {640, 2}}};
   for (const Case& c : cases) {
@@ -155,6 +156,7 @@ TEST(PictureSize, AspectFitCentresThePicture) {
   EXPECT_EQ(fitRectangle({1280, 720}, {1920, 1080}), (PictureRectangle{0, 0, {1920, 1080}}));
   EXPECT_EQ(fitRectangle({1440, 1080}, {1920, 1080}), (PictureRectangle{240, 0, {1440, 1080}}));
   EXPECT_EQ(fitRectangle({1920, 1080}, {640, 480}), (PictureRectangle{0, 60, {640, 360}}));
+  EXPECT_EQ(fitRectangle({1366, 768}, {640, 360}), (PictureRectangle{0, 0, {640, 360}}));
   EXPECT_EQ(fitRectangle({1920, 2}, {640, 360}), (PictureRectangle{0, 179, {640, 1}}));
   EXPECT_EQ(fitRectangle({1080, 1920}, {1080, 720}), (PictureRectangle{337, 0, {405, 720}}));
 }

@@ -88,6 +88,7 @@ struct FakeSource final : Source {
 struct FakeDispatch final : Dispatch {
   explicit FakeDispatch(const double& clock) : now(clock) {}
   std::shared_ptr<SerialQueue> makeQueue(const std::string&) override {
+    if (refusal) throw std::system_error(std::make_error_code(*refusal));
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override {
@@ -103,6 +104,7 @@ struct FakeDispatch final : Dispatch {
   std::shared_ptr<bool> timerCancelled = std::make_shared<bool>(false);
   Work tick;
   std::vector<Work> detached;
+  std::optional<std::errc> refusal;  // what making a queue fails with
 };
 
 struct FakeProcess final : Process, CanFail {

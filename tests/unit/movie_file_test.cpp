@@ -273,6 +273,105 @@ TEST(MovieFile, AFailedMovieLetsGoOfItsFile) {
   EXPECT_TRUE(disk->waitFor([&] { return disk->closed; }));
 }
 
+TEST(MovieFile, ADiskThatIsFullAtTheEndStillTakesTheTables) {
+  for (const int samples : {30, 3000}) {
+    Written movie;
+    for (int i = 0; i < samples; ++i) {
+      const std::int64_t at = i * 1000 + i % 2;  // as many runs as there are samples
+      movie.writer.append(*movieSample(20, true), true, {at, 1000 + (i % 2 == 0 ? 1 : -1)});
+    }
+    ASSERT_TRUE(movie.disk->waitFor([&] { return movie.disk->calls == 3 + samples / 10; }));
+    {
+      const std::lock_guard hold(movie.disk->mutex);
+      movie.disk->free = 0;
+    }
+    movie.finish(samples * 1000);
+    EXPECT_EQ(movie.writer.status(), WriterStatus::completed) << samples;
+    EXPECT_EQ(movie.disk->reserved, 0u);
+  }
+}
+
+// A finish whose handler is the last to know the writer: it goes on the disk's own thread.
+TEST(MovieFile, ItsOwnThreadMayBeTheLastToHoldIt) {
+  const auto disk = std::make_shared<Disk>();
+  auto movie = std::make_shared<Written>(disk);
+  movie->fill(1);
+  std::promise<void> gone;
+  const std::shared_ptr<void> guard(nullptr, [&](void*) { gone.set_value(); });
+  HybridMovieWriter& writer = movie->writer;
+  disk->setHanging(true);
+  writer.finishWriting(1000, [movie, guard] {});
+  movie.reset();
+  const_cast<std::shared_ptr<void>&>(guard).reset();
+  disk->setHanging(false);
+  EXPECT_EQ(gone.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_TRUE(disk->waitFor([&] { return disk->closed; }));
+}
+
+// Counts what it is given and keeps only what is small: heads and tables, on a sparse file.
+struct SparseSink final : ByteSink {
+  explicit SparseSink(const std::string& path) : file(path, std::ios::binary) {}
+  int reserve(std::uint64_t) override { return 0; }
+  void releaseRoom() override {}
+  int write(ByteView bytes) override {
+    file.seekp(static_cast<std::streamoff>(size));
+    if (bytes.size() < 1 << 22)
+      file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+    size += bytes.size();
+    return 0;
+  }
+  int overwrite(std::uint64_t offset, ByteView bytes) override {
+    file.seekp(static_cast<std::streamoff>(offset));
+    file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+    return 0;
+  }
+  int sync() override { return file.flush().good() ? 0 : EIO; }
+  std::ofstream file;
+  std::uint64_t size = 0;
+};
+
+// Nothing is copied of it.
+struct HollowSample final : EncodedSample {
+  bool dataIsReady() const override { return true; }
+  std::optional<std::size_t> dataLength() const override { return 8 << 20; }
+  Status copyBytes(std::size_t, MutableByteView) const override { return 0; }
+  std::shared_ptr<const FormatDescription> format() const override { return keySample()->format(); }
+};
+
+TEST(MovieFile, TakesOfDaysAndGigabytesKeepTheirTimesAndPlaces) {
+  const std::string path = testing::TempDir() + "lumora-long-" + std::to_string(getpid());
+  constexpr int samples = 530;  // 4.1 GiB
+  {
+    HybridMovieWriter writer(std::make_unique<SparseSink>(path), 0);
+    const HollowSample sample;
+    ASSERT_TRUE(writer.startWriting(sample.format()));
+    std::int64_t time = 0;
+    for (int i = 0; i < samples; ++i) {
+      const std::int64_t duration = i < 4 ? longestSample : 30000;
+      while (!writer.isReadyForMoreMediaData()) std::this_thread::yield();
+      ASSERT_TRUE(writer.append(sample, true, {time, duration}));
+      time += duration;
+    }
+    std::promise<void> done;
+    writer.finishWriting(time, [&] { done.set_value(); });
+    done.get_future().wait();
+    EXPECT_EQ(writer.status(), WriterStatus::completed);
+  }
+  AVFormatContext* format = nullptr;
+  ASSERT_EQ(avformat_open_input(&format, path.c_str(), nullptr, nullptr), 0);
+  const AVStream& stream = *format->streams[0];
+  EXPECT_EQ(stream.duration, 4 * longestSample + (samples - 4) * 30000);
+  ASSERT_EQ(avformat_index_get_entries_count(&stream), samples);
+  const AVIndexEntry* first = avformat_index_get_entry(format->streams[0], 0);
+  const AVIndexEntry* last = avformat_index_get_entry(format->streams[0], samples - 1);
+  EXPECT_EQ(last->timestamp, 4 * longestSample + (samples - 5) * 30000);
+  // One fragment's head, at most a page and what aligns it, lies in front of each.
+  EXPECT_NEAR(static_cast<double>(last->pos - first->pos), (samples - 1.0) * (8 << 20),
+              samples * 4096.0);
+  avformat_close_input(&format);
+  unlink(path.c_str());
+}
+
 TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {
   const auto disk = std::make_shared<Disk>();
   disk->hangs = true;

@@ -188,7 +188,7 @@ TEST_F(Peers, DeadlinesAreStrict) {
   probe.tickAt(start + 0.5);
   EXPECT_FALSE(client->cancelled);
   probe.tickAt(start + 0.5001);
-  EXPECT_TRUE(client->cancelled);  // nothing acknowledged
+  EXPECT_TRUE(client->cancelled && client->wasReset);  // nothing acknowledged
   probe.tickAt(start + 1.0);
   EXPECT_FALSE(silent->cancelled);
   probe.tickAt(start + 1.0001);
@@ -222,6 +222,7 @@ TEST_F(Peers, RemovalCountsOnceAndLateCallbacksDoNothing) {
   const auto leaving = probe.connectClient();
   leaving->deliver("", true);
   EXPECT_TRUE(leaving->cancelled);
+  EXPECT_FALSE(leaving->wasReset || client->wasReset);
 }
 
 }  // namespace

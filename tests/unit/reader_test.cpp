@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
 #include "client/records.h"
 #include "input/record_header.h"
 #include "tests/unit/probe.h"
@@ -90,6 +96,57 @@ TEST_F(Reader, DropsFramesWhileOneIsInFlightButRemembersTheirIds) {
   EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
 }
 
+// A state queue that handles one work item at a time, when the test says so.
+struct SteppedQueue final : SerialQueue {
+  void async(Work item) override {
+    const std::lock_guard hold(mutex);
+    work.push_back(std::move(item));
+    ++taken;
+    changed.notify_all();
+  }
+  void asyncAfter(double, Work) override {}
+  void setFailureHandler(FailureHandler) override {}
+  void handleOne() {
+    std::unique_lock hold(mutex);
+    ASSERT_FALSE(work.empty());
+    const Work next = std::move(work.front());
+    work.pop_front();
+    hold.unlock();
+    next();
+  }
+  bool reaches(int count, std::chrono::milliseconds within) {
+    std::unique_lock hold(mutex);
+    return changed.wait_for(hold, within, [&] { return taken >= count; });
+  }
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::deque<Work> work;
+  int taken = 0;
+};
+
+TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWait) {
+  VideoEncoderProbe probe;
+  const auto queue = std::make_shared<SteppedQueue>();
+  Platform platform{probe.pictures, queue,          probe.clock,  probe.dispatch, probe.process,
+                    probe.network,  probe.encoders, probe.images, probe.movies,   probe.files};
+  const auto service = std::make_shared<VideoEncoder>(Configuration{}, platform);
+  const std::string stop = R"({"type":"record_stop","id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})";
+  const auto length = static_cast<std::uint32_t>(stop.size());
+  for (int i = 0; i < 70; ++i) {
+    const auto header = client::recordHeader(length, 0, 0, 0);
+    probe.process->input.insert(probe.process->input.end(), header.begin(), header.end());
+    probe.process->input.insert(probe.process->input.end(), stop.begin(), stop.end());
+  }
+  std::jthread reader([&] { service->readFrames(); });
+  EXPECT_TRUE(queue->reaches(64, std::chrono::seconds(20)));
+  EXPECT_FALSE(queue->reaches(65, std::chrono::milliseconds(50)));
+  for (int handled = 1; handled <= 6; ++handled) {
+    queue->handleOne();
+    EXPECT_TRUE(queue->reaches(64 + handled, std::chrono::seconds(20)));
+  }
+  EXPECT_TRUE(queue->reaches(71, std::chrono::seconds(20)));  // and the end
+}
+
 TEST(RecordHeader, FrameLimits) {
   const auto valid = [](std::uint16_t width, std::uint16_t height, std::uint32_t length) {
     return isValidFrame({length, width, height, 8}, 7);
@@ -98,7 +155,8 @@ TEST(RecordHeader, FrameLimits) {
   EXPECT_TRUE(valid(1920, 1080, 8294400));
   EXPECT_TRUE(valid(1080, 1920, 8294400));
   EXPECT_FALSE(valid(1440, 1440, 8294400));  // shorter side above 1080
-  EXPECT_FALSE(valid(1920, 1082, 1920 * 1082 * 4));
+  EXPECT_TRUE(valid(1080, 1080, 1080 * 1080 * 4));
+  EXPECT_FALSE(valid(1082, 1082, 1082 * 1082 * 4));
   EXPECT_FALSE(valid(1922, 2, 1922 * 2 * 4));
   EXPECT_FALSE(valid(3, 2, 24));
   EXPECT_FALSE(valid(2, 0, 0));

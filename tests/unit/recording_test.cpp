@@ -76,6 +76,8 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
       {{{"started_at", 1000 - 30.1}}, time},
       {{{"started_at", 1000.06}}, time},
       {{{"started_at", true}}, time},
+      {{{"started_at", std::numeric_limits<double>::max()}}, time},
+      {{{"resolution", "640x360"}, {"target_fps", 1e308}}, profile},
       {{{"path", "a.mp4"}}, state},
       {{{"path", "/a.MP4"}}, state},
       {{{"path", std::string("/a\0.mp4", 7)}}, state},
@@ -286,6 +288,7 @@ TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   probe.run();
   EXPECT_TRUE(probe.isRawBusy());  // the preview still encodes
   EXPECT_EQ(failure(), "camera encoding failed (-22)");
+  EXPECT_FALSE(recording.invalidated);  // a frame is in flight
   probe.encoders->sessions[1]->answer(0, keySample());
   probe.run();
   EXPECT_FALSE(probe.isRawBusy());
@@ -293,6 +296,31 @@ TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   EXPECT_EQ(client->sent.size(), 1u);
   EXPECT_EQ(probe.statistics()["record_encoder_failures"], 1);
   EXPECT_TRUE(probe.process->exitCodes.empty());
+}
+
+TEST_F(Takes, WhatAnAbandonedTakeStillDoesIsNotTheNextOnes) {
+  const auto client = probe.connectClient();
+  start();
+  probe.feed(++lastID);
+  probe.encoders->sessions[0]->answer(-22, nullptr);
+  probe.queue->run();  // the take is abandoned, and has not said so
+  start();
+  EXPECT_EQ(failure(), "");
+  probe.encoders->sessions[1]->answer(0, keySample());
+  probe.run();
+  EXPECT_NE(probe.take(), nullptr);
+}
+
+TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
+  probe.dispatch->refusal = std::errc::too_many_files_open;
+  const auto events = send({{"type", "record_start"}, {"path", takePath}});
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[1]["state"], "failed");
+  EXPECT_EQ(events[1]["error"], "Too many open files");
+  EXPECT_EQ(events[1].size(), 13u);
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  probe.dispatch->refusal.reset();
+  start();
 }
 
 TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {

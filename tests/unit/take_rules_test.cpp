@@ -7,6 +7,7 @@
 #include <limits>
 #include <random>
 
+#include "base/json.h"
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"
 #include "record/movie_timing.h"
@@ -30,6 +31,27 @@ TEST(Commands, MalformedOnesAreFatal) {
     EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"],
               text == pause ? "unknown recording command" : "invalid recording command");
     EXPECT_EQ(fresh.process->exitCodes, std::vector<int>{1});
+  }
+}
+
+TEST(JsonText, HasNoEndBeforeItsEndAndNumbersWithoutALimit) {
+  const auto parse = [](const std::string& text) {
+    return parseJson({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  };
+  const std::string digits(400, '9');
+  for (const std::string& text : std::initializer_list<std::string>{
+           R"({"a":1e999,"b":"-1e999\\"})", R"({"a":)" + digits + "}", R"({"b":"\"","a":1.5E+999})",
+           R"({"a": 1e0999 })"}) {
+    const auto value = parse(text);
+    ASSERT_TRUE(value) << text;
+    EXPECT_EQ((*value)["a"], 1e308) << text;
+  }
+  EXPECT_EQ(parse(R"([-1e999,1e-999,"1e999"])"), Json::parse(R"([-1e308,0.0,"1e999"])"));
+  for (const std::string& text : std::initializer_list<std::string>{
+           std::string("{}\0", 3), std::string("{}\0garbage", 10), "\"1e999", R"({"a":01e999})",
+           R"({"a":+1e999})", R"({"a":1.e999})", R"({"a":1e999.5})", R"({"a":1e999e1})",
+           R"({"a":1e999)"}) {
+    EXPECT_FALSE(parse(text)) << text;
   }
 }
 
@@ -61,6 +83,11 @@ TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
   EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
   EXPECT_EQ(admitted(60, 25, 0.002), 600);
   EXPECT_NEAR(admitted(30, 50, 0.001), 360, 8);
+  for (const auto& [early, taken] : {std::pair{0.9e-6, true}, {1.1e-6, false}}) {
+    RecordingCadence at30{30};
+    EXPECT_TRUE(at30.admit(1));
+    EXPECT_EQ(at30.admit(1 + 1.0 / 30 - early), taken);
+  }
   RecordingCadence cadence{30};
   EXPECT_FALSE(cadence.admit(-1));
   EXPECT_FALSE(cadence.admit(std::numeric_limits<double>::quiet_NaN()));
@@ -123,6 +150,12 @@ TEST(SteadyCadence, TakesLossesPausesAndBurstsAsTheyCome) {
   EXPECT_EQ(at30({1, 1, 1, 1.0334, 1.0334}), (Times{1, 1.0334}));
 }
 
+TEST(MovieTiming, ASampleLastsAsLongAsATableCanSay) {
+  EXPECT_EQ(lastUntil(10, 10 + longestSample, shortestSample).duration, longestSample);
+  EXPECT_EQ(lastUntil(10, 11 + longestSample, shortestSample).duration, longestSample);
+  EXPECT_EQ(lastUntil(10, 109, shortestSample).duration, 100);
+}
+
 TEST(MovieEndTime, FollowsTheStopOrTheLastFrame) {
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 12.6, 12.5, 30), 2.5);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 10.0, 10.0, 30), 1.0 / 60000);
@@ -156,7 +189,7 @@ TEST(TakeEvents, AreRelayedUnlessTheyComeTooLate) {
                         {recording, true, failed, true},     {finishing, false, recording, false},
                         {finishing, true, saved, true},      {finishing, true, failed, true},
                         {saved, false, failed, false},       {failed, false, failed, false},
-                        {failed, false, saved, false}};
+                        {failed, false, recording, false},   {failed, false, saved, false}};
   for (const Case& c : cases) {
     EXPECT_EQ(relaysEvent({c.last, {}}, c.stopping, {c.next, {}}), c.relayed)
         << static_cast<int>(c.last) << static_cast<int>(c.next);
