@@ -16,11 +16,13 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leav
 
 namespace {
 
-// These two lines stand before or beside the event channel, so they are literal bytes.
+// These lines stand before or beside the event channel, so they are literal bytes.
 constexpr std::string_view invalidConfiguration =
     "{\"type\":\"error\",\"message\":\"invalid helper configuration\"}\n";
 constexpr std::string_view listenerFailed =
     "{\"type\":\"error\",\"message\":\"video listener initialization failed\"}\n";
+constexpr std::string_view unexpectedFailure =
+    "{\"type\":\"error\",\"message\":\"unexpected failure\"}\n";
 
 [[noreturn]] void endWith(std::string_view line) {
   // A parent that does not take the line still learns the outcome from the exit status.
@@ -57,10 +59,14 @@ void unblockSignals() {
   sigprocmask(SIG_UNBLOCK, &ours, nullptr);
 }
 
-// Lives until the process ends: `exit` never runs its destructor.
-void startService(const lumora::Configuration& configuration, const std::string& h264Encoder) {
-  static const lumora::Platform platform = lumora::makeSystemPlatform(h264Encoder);
-  static const auto service = std::make_shared<lumora::VideoEncoder>(configuration, platform);
+void startService(const std::vector<std::string>& arguments,
+                  const lumora::Environment& environment) {
+  const auto configuration = lumora::options(arguments, environment);
+  if (!configuration) endWith(invalidConfiguration);
+  lumora::keepFreedMemory();
+  // Both live until the process ends: `exit` never runs their destructors.
+  static const lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
+  static const auto service = std::make_shared<lumora::VideoEncoder>(*configuration, platform);
   platform.stateQueue->async([] {
     try {
       service->start();
@@ -73,18 +79,13 @@ void startService(const lumora::Configuration& configuration, const std::string&
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::set_terminate([] { _exit(1); });  // what nobody is left to tell
-  unblockSignals();
+  // Libraries give up like this when memory is short. Our own end has no other status than 0 and 1.
+  std::signal(SIGABRT, [](int) { endWith(unexpectedFailure); });
   std::signal(SIGPIPE, SIG_IGN);
+  unblockSignals();
   makeOutputNonBlocking();
-  const std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-  const lumora::Environment environment = readEnvironment();
-  const auto configuration = lumora::options(arguments, environment);
-  if (!configuration) endWith(invalidConfiguration);
-
-  lumora::keepFreedMemory();
   try {
-    startService(*configuration, encoderChoice(environment));
+    startService({argv + (argc > 0 ? 1 : 0), argv + argc}, readEnvironment());
   } catch (const std::exception&) {
     endWith(listenerFailed);
   }

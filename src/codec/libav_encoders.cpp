@@ -24,7 +24,7 @@ const AVCodec* chooseEncoder(const std::vector<std::string>& names, EncoderSourc
       return openBy(deadline, source.open, source.spec, settings, picturesToWarm);
     };
     if (Opened opened = open(preview); opened.encoder) {
-      source.giveBack(preview, std::move(opened));
+      attempt([&] { source.giveBack(preview, std::move(opened)); });
       return source.spec.codec;
     }
     if (open(take).encoder) return source.spec.codec;

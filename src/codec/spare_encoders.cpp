@@ -47,16 +47,13 @@ std::unique_ptr<LibavEncoder> SpareEncoders::take(const EncoderSettings& setting
 
 void SpareEncoders::give(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder) {
   std::unique_ptr<LibavEncoder> replaced;  // closed unlocked
-  std::uint64_t generation = 0;
-  {
-    const std::lock_guard hold(mutex_);
-    replaced = releaseSameKind(settings);
-    generation = ++generations_;
-    spares_.push_back({settings, std::move(encoder), generation});
-  }
+  const std::uint64_t generation = ++generations_;
   timers_->asyncAfter(lifetime, [weak = weak_from_this(), generation] {
     if (const auto self = weak.lock()) self->close(generation);
   });
+  const std::lock_guard hold(mutex_);
+  replaced = releaseSameKind(settings);
+  spares_.push_back({settings, std::move(encoder), generation});
 }
 
 bool SpareEncoders::closeAll() {

@@ -4,6 +4,7 @@
 // over a spare one where its settings fit, and gives it back in the end; what nobody uses for a
 // minute is closed. The opener opens spare ones ahead. Any thread.
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -37,7 +38,8 @@ class SpareEncoders : public std::enable_shared_from_this<SpareEncoders> {
   // A spare encoder of these settings, or null; waits until `deadline` if it is being opened.
   std::unique_ptr<LibavEncoder> take(const EncoderSettings& settings,
                                      OpeningClock::time_point deadline);
-  // Keeps `encoder`, in place of another one for the same kind of session.
+  // Keeps `encoder`, in place of another one for the same kind of session; may throw for want of a
+  // timer.
   void give(const EncoderSettings& settings, std::unique_ptr<LibavEncoder> encoder);
   // Whether there were any.
   bool closeAll();
@@ -55,13 +57,13 @@ class SpareEncoders : public std::enable_shared_from_this<SpareEncoders> {
 
   const std::shared_ptr<SerialQueue> timers_;
   const std::function<void()> closed_;
+  std::atomic<std::uint64_t> generations_ = 0;
   std::mutex mutex_;  // guards the rest
   std::condition_variable opened_;
   std::optional<EncoderSettings> wanted_;
   bool everWanted_ = false;
   std::optional<EncoderSettings> opening_;
   std::vector<Spare> spares_;  // at most one per kind of session
-  std::uint64_t generations_ = 0;
 };
 
 }  // namespace lumora

@@ -83,6 +83,61 @@ TEST_F(Input, AParentThatNeverReadsEventsBlocksNothing) {
   EXPECT_EQ(left["pending_hello"], 0);
 }
 
+// A mask and what is ignored are inherited.
+TEST_F(Input, SignalsThatItsParentBlockedEndItAndAnIgnoredHangUpDoesNot) {
+  sigset_t all, before;
+  sigfillset(&all);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    start();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    helper->sendSignal(signal);
+    EXPECT_EQ(exitCode(), 0) << signal;
+  }
+  const auto usual = std::signal(SIGHUP, SIG_IGN);
+  start();
+  std::signal(SIGHUP, usual);
+  helper->sendSignal(SIGHUP);
+  EXPECT_EQ(stream(*connectClient(), {320, 240}, plain({320, 240}, {1, 2, 3}), 3).size(), 4u);
+}
+
+TEST_F(Input, HasWordsForTooFewDescriptors) {
+  bool refused = false;
+  bool saved = false;
+  for (int limit = 4; !saved; ++limit) {  // with three no library can be loaded
+    SCOPED_TRACE(limit);
+    ASSERT_LT(limit, 64);
+    helper = std::make_unique<client::HelperProcess>(client::LaunchOptions{
+        "/bin/sh",
+        token,
+        {"-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\"", LUMORA_HELPER},
+        {}});
+    const auto first = helper->nextLine(20);
+    ASSERT_TRUE(first);
+    if (first->find("error") != std::string::npos) {
+      EXPECT_THAT(*first, testing::HasSubstr("video listener "));
+      EXPECT_EQ(exitCode(), 1);
+      continue;
+    }
+    const std::string id = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
+    const Pixels pixels = plain({320, 240}, {9, 9, 9});
+    helper->writeCommand({{"type", "record_start"}, {"id", id}, {"path", folder / "a.mp4"}});
+    bool runs = true;
+    for (std::uint64_t i = 1; runs && i < 4; ++i) runs = helper->writeFrame({320, 240}, i, pixels);
+    runs = runs && helper->writeCommand({{"type", "record_stop"}, {"id", id}});
+    helper->closeInput();
+    while (const auto event = helper->nextEvent(20)) {
+      if (event->value("type", "") != "recording") continue;
+      const std::string state = event->at("state");
+      EXPECT_EQ(state == "failed", event->at("error") != "");
+      refused = refused || event->at("error") == "Too many open files";
+      saved = saved || state == "saved";
+    }
+    EXPECT_GE(exitCode(), 0);
+  }
+  EXPECT_TRUE(refused);
+}
+
 TEST_F(Input, WithoutTheRequiredEncoderTheFirstPreviewFrameFails) {
   for (const char* choice : {"no-such-encoder", "software:no-such-preset"}) {
     start({}, {{"TAVO_H264_ENCODER", choice}});

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+
+namespace lumora::tests {
+
+// What happened to the one file of a folder: entries, each with `size` bytes behind it if it is a
+// write.
+struct DiskLogEntry {
+  enum Kind : std::uint64_t { created, written, synced, namesSynced, renamed, truncated };
+  Kind kind;
+  std::uint64_t offset;  // of a write; the size, if truncated
+  std::uint64_t size;
+};
+
+}  // namespace lumora::tests
