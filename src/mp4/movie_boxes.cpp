@@ -295,11 +295,14 @@ void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
   trackRun(bytes, samples, dataOffset);
 }
 
-// Appends a `free` box if the next `size` bytes would not fit into the page that `offset` lies in.
-void keepWithinPage(Bytes& bytes, std::uint64_t offset, std::size_t size) {
+// Appends a `free` box if the next `size` bytes would not fit into the sector that `offset` lies in,
+// which a disk writes whole, or, when they are more than one holds, into its page.
+void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
+  constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;
   constexpr std::uint64_t smallestBox = 8;
-  const std::uint64_t left = page - offset % page;
+  const std::uint64_t block = size <= sector ? sector : page;
+  const std::uint64_t left = block - offset % block;
   if (left >= size) return;
   const Box padding(bytes, "free");
   if (left > smallestBox) zeros(bytes, left - smallestBox);
@@ -337,7 +340,7 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
   Bytes measured;
   movieFragment(measured, number, time, samples, 0);
   Bytes bytes;
-  keepWithinPage(bytes, offset, measured.size());
+  keepTogether(bytes, offset, measured.size());
   movieFragment(bytes, number, time, samples,
                 static_cast<std::uint32_t>(measured.size()) + mediaDataHeaderBytes);
   u32(bytes, payload + mediaDataHeaderBytes);

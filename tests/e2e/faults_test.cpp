@@ -9,6 +9,8 @@
 namespace lumora::tests {
 namespace {
 
+using Bytes = Pixels;
+
 struct Faults : TakeTest {
   // Starts the helper with calls that fail, or says how it ended.
   bool startWith(const std::string& faults, std::map<std::string, std::string> more = {}) {
@@ -104,6 +106,115 @@ TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndWhatIsSavedDecodes) {
     }
     EXPECT_GT(nth, after(1)) << kind << " never occurs";
   }
+}
+
+// A file as a disk holds it: what was synced, and what was not and may or may not be there.
+struct Disk {
+  Bytes durable;
+  std::vector<std::pair<std::uint64_t, Bytes>> pending;  // offset, bytes
+  bool named = false;
+
+  void apply(const DiskLogEntry& entry, Bytes bytes) {
+    using enum DiskLogEntry::Kind;
+    if (entry.kind == written) pending.emplace_back(entry.offset, std::move(bytes));
+    if (entry.kind == namesSynced) named = true;
+    // Room is given back, and nothing else.
+    EXPECT_TRUE(entry.kind != truncated || entry.offset == with(pending.size()).size());
+    if (entry.kind != synced) return;
+    durable = with(pending.size());
+    pending.clear();
+  }
+  // With the first `count` of the pending writes, or those behind, or one of which only whole
+  // sectors have come: what is missing of a file is zeros.
+  Bytes with(std::size_t count) const {
+    Bytes file = durable;
+    for (std::size_t i = 0; i < count; ++i) put(file, i, pending[i].second.size());
+    return file;
+  }
+  Bytes without(std::size_t count) const {
+    Bytes file = durable;
+    for (std::size_t i = count; i < pending.size(); ++i) put(file, i, pending[i].second.size());
+    return file;
+  }
+  Bytes torn(std::size_t at, std::size_t sectors) const {
+    Bytes file = with(at);
+    file.resize(std::max(file.size(),
+                         static_cast<std::size_t>(pending[at].first) + pending[at].second.size()));
+    const std::size_t boundary = (pending[at].first / 512 + sectors) * 512 - pending[at].first;
+    put(file, at, std::min(boundary, pending[at].second.size()));
+    return file;
+  }
+
+ private:
+  void put(Bytes& file, std::size_t write, std::size_t count) const {
+    const auto& [offset, bytes] = pending[write];
+    file.resize(std::max(file.size(), static_cast<std::size_t>(offset) + count));
+    std::copy_n(bytes.begin(), count, file.begin() + static_cast<std::ptrdiff_t>(offset));
+  }
+};
+
+std::vector<std::pair<DiskLogEntry, Bytes>> readLog(const std::string& path) {
+  std::vector<std::pair<DiskLogEntry, Bytes>> entries;
+  std::ifstream file(path, std::ios::binary);
+  DiskLogEntry entry{};
+  while (file.read(reinterpret_cast<char*>(&entry), sizeof entry)) {
+    Bytes bytes(entry.kind == DiskLogEntry::written ? entry.size : 0);
+    file.read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
+    entries.emplace_back(entry, std::move(bytes));
+  }
+  return entries;
+}
+
+// Pictures that a decoder makes of a file; stops at the first that it can't.
+int decodedFrames(const Bytes& file, const std::string& path) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(file.data()), std::ssize(file));
+  return countFrames(path);
+}
+
+TEST_F(Faults, WheneverThePowerGoesAtMostASecondIsMissingAndNothingOfWhatWasSaved) {
+  constexpr int frames = 120;
+  const std::string place = folder / "place";
+  const std::string log = folder / "log";
+  std::filesystem::create_directory(place);
+  path = place + "/take.mp4";
+  ASSERT_TRUE(startWith("", {{"LUMORA_DISK_LOG", log}, {"LUMORA_DISK_FOLDER", place}}));
+  TakeTest::startTake({{"resolution", "640x360"}, {"target_fps", 60}, {"cadence", "steady"}});
+  feedPaced(frames, 60, {64, 36});
+  stopTake();
+  const int all = waitForTake("saved")["frames"];
+  EXPECT_EQ(finish(), 0);
+
+  constexpr int fragment = 30;  // frames: one may be gathering, one on its way
+  Disk disk;
+  int tried = 0;
+  const auto expect = [&](const Bytes& file, int issued, const std::string& what) {
+    ++tried;
+    const int decoded = file.empty() ? 0 : decodedFrames(file, folder / "cut.mp4");
+    EXPECT_GE(decoded + fragment, issued) << what;
+  };
+  const auto entries = readLog(log);
+  for (const auto& [entry, bytes] : entries) {
+    disk.apply(entry, bytes);
+    const std::size_t writes = disk.pending.size();
+    const int issued = decodedFrames(disk.with(writes), folder / "cut.mp4");
+    SCOPED_TRACE(std::to_string(entry.kind) + " at " + std::to_string(entry.offset));
+    EXPECT_TRUE(disk.named || issued <= fragment);
+    expect(disk.durable, issued, "nothing more");
+    for (std::size_t i = 0; i < writes; ++i) {
+      expect(disk.with(i), issued, "the first");
+      expect(disk.without(i + 1), issued, "the last");
+      const std::size_t sectors = disk.pending[i].second.size() / 512 + 1;
+      for (std::size_t n = 1; n <= sectors; n += 1 + sectors / 4) {
+        expect(disk.torn(i, n), issued, "torn at sector " + std::to_string(n));
+      }
+    }
+  }
+  ASSERT_FALSE(entries.empty());
+  EXPECT_EQ(entries.back().first.kind, DiskLogEntry::namesSynced);  // of the last name
+  EXPECT_EQ(decodedFrames(disk.durable, folder / "cut.mp4"), all);
+  EXPECT_GE(all, frames - 3);
+  EXPECT_GT(tried, 60);
 }
 
 }  // namespace

@@ -2,6 +2,11 @@
 
 #include <stdlib.h>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -163,6 +168,34 @@ std::string HelperTest::writeStream(const std::vector<client::Packet>& packets) 
                static_cast<std::streamsize>(units.size()));
   }
   return path;
+}
+
+int countFrames(const std::string& path) {
+  av_log_set_level(AV_LOG_QUIET);
+  AVFormatContext* file = nullptr;
+  if (avformat_open_input(&file, path.c_str(), nullptr, nullptr) != 0) return 0;
+  int count = 0;
+  if (file->nb_streams == 1 && avformat_find_stream_info(file, nullptr) >= 0) {
+    AVCodecContext* decoder = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
+    decoder->err_recognition = AV_EF_EXPLODE;
+    avcodec_parameters_to_context(decoder, file->streams[0]->codecpar);
+    bool sound = avcodec_open2(decoder, nullptr, nullptr) == 0;
+    AVPacket* packet = av_packet_alloc();
+    AVFrame* frame = av_frame_alloc();
+    while (sound && av_read_frame(file, packet) == 0) {
+      sound =
+          (packet->flags & AV_PKT_FLAG_CORRUPT) == 0 && avcodec_send_packet(decoder, packet) == 0;
+      while (sound && avcodec_receive_frame(decoder, frame) == 0) ++count;
+      av_packet_unref(packet);
+    }
+    avcodec_send_packet(decoder, nullptr);
+    while (avcodec_receive_frame(decoder, frame) == 0) ++count;
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avcodec_free_context(&decoder);
+  }
+  avformat_close_input(&file);
+  return count;
 }
 
 Event probe(const std::string& path) {

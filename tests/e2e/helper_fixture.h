@@ -49,6 +49,9 @@ struct Picture {
 // The last picture of a file with pictures of one size.
 Picture decodeLast(const std::string& path, FrameSize size);
 
+// How many pictures libavcodec makes of a file before the first that it can't.
+int countFrames(const std::string& path);
+
 // What ffprobe says of the only stream of a file; an empty object when it has none.
 Event probe(const std::string& path);
 

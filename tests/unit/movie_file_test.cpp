@@ -230,14 +230,15 @@ TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
   EXPECT_EQ(readMovie(ByteView(bytes).first(end)).times.size(), 90u);
 }
 
-TEST(MovieFile, PageBoundariesNeverCutAFragmentsHead) {
+TEST(MovieFile, BoundariesOfPagesAndSectorsNeverCutAFragmentsHead) {
   for (std::size_t size = 40; size < 240; size += 3) {
     Written movie;
     movie.fill(400, size);
     movie.finish(400000);
     const Bytes& bytes = movie.disk->bytes;
     for (const Fragment& fragment : findFragments(bytes)) {
-      EXPECT_EQ(fragment.offset / 4096, (fragment.offset + fragment.size - 1) / 4096) << size;
+      const std::size_t block = fragment.size <= 512 ? 512 : 4096;
+      EXPECT_EQ(fragment.offset / block, (fragment.offset + fragment.size - 1) / block) << size;
     }
     EXPECT_EQ(readMovie(bytes).times.size(), 400u) << size;
   }
