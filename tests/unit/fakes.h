@@ -110,6 +110,7 @@ struct FakeDispatch final : Dispatch {
 struct FakeProcess final : Process, CanFail {
   using CanFail::CanFail;
   ssize_t readInput(MutableByteView space) override {
+    if (beforeRead) beforeRead();
     if (interruptions > 0) {
       --interruptions;
       return -EINTR;
@@ -144,6 +145,7 @@ struct FakeProcess final : Process, CanFail {
     return events;
   }
 
+  std::function<void()> beforeRead;
   Bytes input;
   std::size_t chunk = 1 << 16;  // bytes per read
   int interruptions = 0;        // reads that fail with EINTR first

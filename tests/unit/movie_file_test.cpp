@@ -18,6 +18,7 @@ extern "C" {
 
 #include "h264/annex_b.h"
 #include "mp4/hybrid_movie_writer.h"
+#include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
 
 namespace lumora {
@@ -114,44 +115,6 @@ struct Written {
   std::shared_ptr<Disk> disk;
   HybridMovieWriter writer;
 };
-
-struct Read {
-  bool opened = false;
-  std::int64_t duration = 0;  // of the stream
-  std::vector<std::int64_t> times;
-  std::vector<std::int64_t> durations;
-  int keyframes = 0;
-};
-
-// Reads a whole movie; counts only packets that carry what was written, in whole samples.
-Read readMovie(ByteView bytes) {
-  av_log_set_level(AV_LOG_QUIET);
-  const std::string path = testing::TempDir() + "lumora-movie-" + std::to_string(getpid());
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
-  Read read;
-  AVFormatContext* format = nullptr;
-  if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) == 0 &&
-      format->nb_streams == 1) {
-    read.opened = true;
-    read.duration = format->streams[0]->duration;
-    AVPacket* packet = av_packet_alloc();
-    while (av_read_frame(format, packet) == 0) {
-      const bool whole =
-          packet->size >= 8 && packet->data[5] == 0x11 && packet->data[packet->size - 1] == 0x11;
-      if (whole && (packet->flags & AV_PKT_FLAG_CORRUPT) == 0) {
-        read.times.push_back(packet->pts);
-        read.durations.push_back(packet->duration);
-        read.keyframes += (packet->flags & AV_PKT_FLAG_KEY) != 0 ? 1 : 0;
-      }
-      av_packet_unref(packet);
-    }
-    av_packet_free(&packet);
-  }
-  avformat_close_input(&format);
-  unlink(path.c_str());
-  return read;
-}
 
 struct Fragment {
   std::size_t offset = 0;

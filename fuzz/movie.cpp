@@ -1,0 +1,86 @@
+// Movies of whatever samples, ends and pauses, read back by libavformat: finished, and as far as a
+// crash has let them come.
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <future>
+
+#include "fuzz/fuzzed_service.h"
+#include "mp4/hybrid_movie_writer.h"
+#include "tests/unit/movie_reader.h"
+
+namespace lumora {
+namespace {
+
+struct MemorySink final : ByteSink {
+  explicit MemorySink(Bytes& to) : bytes(to) {}
+  int reserve(std::uint64_t) override { return 0; }
+  void releaseRoom() override {}
+  int write(ByteView more) override {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    return 0;
+  }
+  int overwrite(std::uint64_t offset, ByteView with) override {
+    std::ranges::copy(with, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+    return 0;
+  }
+  int sync() override { return 0; }
+  Bytes& bytes;
+};
+
+void fuzzMovie(FuzzedDataProvider& input) {
+  Bytes bytes;
+  std::vector<MovieTiming> timings;
+  std::int64_t end = 0;
+  WriterStatus status = WriterStatus::idle;
+  {
+    HybridMovieWriter writer(std::make_unique<MemorySink>(bytes), 0);
+    require(writer.startWriting(keySample()->format()));
+    std::int64_t time = 0;
+    while (input.remaining_bytes() > 8 && timings.size() < 400) {
+      const std::int64_t duration =
+          input.ConsumeBool() ? input.ConsumeIntegralInRange<std::int64_t>(1, 5000)
+                              : input.ConsumeIntegralInRange<std::int64_t>(1, longestSample);
+      const bool keyframe = input.ConsumeBool();
+      const std::size_t size = input.ConsumeIntegralInRange<std::size_t>(4, 3000);
+      timings.push_back({time, duration});
+      require(writer.append(keyframe ? *keySample(size) : *deltaSample(size), keyframe,
+                            timings.back()));
+      time += duration;
+    }
+    end = input.ConsumeBool() ? time : input.ConsumeIntegralInRange<std::int64_t>(0, time + 100000);
+    std::promise<void> done;
+    writer.finishWriting(end, [&] { done.set_value(); });
+    done.get_future().wait();
+    status = writer.status();
+  }
+  const auto inside = static_cast<std::size_t>(
+      std::ranges::count_if(timings, [&](const MovieTiming& one) { return one.time < end; }));
+  require((status == WriterStatus::completed) == (inside > 0));
+  if (inside == 0) return;
+  const Read read = readMovie(bytes);
+  require(read.opened && read.times.size() == inside);
+  for (std::size_t i = 0; i < inside; ++i) require(read.times[i] == timings[i].time);
+  require(read.duration ==
+          timings[inside - 1].time + std::min(end - timings[inside - 1].time, longestSample));
+  // As it was before its end came, cut off at some pages.
+  const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
+  std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
+  std::size_t before = 0;
+  constexpr std::size_t page = 4096;
+  const std::size_t step = page * (1 + bytes.size() / page / 3);
+  for (std::size_t cut = step; cut < bytes.size(); cut += step) {
+    const Read part = readMovie(ByteView(bytes).first(cut));
+    require(part.opened && part.times.size() >= before);
+    before = part.times.size();
+  }
+}
+
+}  // namespace
+}  // namespace lumora
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  FuzzedDataProvider input(data, size);
+  lumora::fuzzMovie(input);
+  return 0;
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "base/bytes.h"
+
+namespace lumora {
+
+struct Read {
+  bool opened = false;
+  std::int64_t duration = 0;  // of the stream
+  std::vector<std::int64_t> times;
+  std::vector<std::int64_t> durations;
+  int keyframes = 0;
+};
+
+// What libavformat reads of a whole movie, of whose packets only those count that carry what tests
+// write, in whole samples.
+Read readMovie(ByteView bytes);
+
+}  // namespace lumora
