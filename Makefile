@@ -3,14 +3,17 @@
 #   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera)
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
 #   make bench   measure the helper beside other tools and beside what bounds it (half an hour)
+#   make fuzz    look for input that breaks it (MINUTES for each of six fuzzers)
+#   make soak    takes and clients at random, at full speed (MINUTES)
 #   make lint    formatting and static analysis
 #   make fresh   demo and test in a minimal Debian 12 made for it (root; a quarter of an hour)
 
 JOBS ?= $(shell nproc)
 OUT ?= out
 SECONDS_FED ?= 10
+MINUTES ?= 1
 
-.PHONY: demo test bench lint fresh format dependencies clean
+.PHONY: demo test bench fuzz soak lint fresh format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -36,6 +39,14 @@ bench: dependencies
 	$(BENCH)/lumora-paced $(HELPER) takes 10
 	$(BENCH)/lumora-paced $(HELPER) growth 4
 	$(BENCH)/lumora-compare $(HELPER) $(OUT)
+
+fuzz: dependencies
+	scripts/fuzz.sh $(JOBS) $(MINUTES)
+
+soak: dependencies
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-soak
+	build/release/tools/lumora-soak $(HELPER) $(OUT)/soak $(MINUTES)
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Builds and runs every test three times: as shipped, under AddressSanitizer + UBSan, and under
-# ThreadSanitizer. The runner's summary of all three stands at the end.
+# ThreadSanitizer; then the fuzzers for a few seconds each. The runner's summaries stand at the end.
 set -euo pipefail
 jobs=${1:-2}
 
 # The browser test plays our movies in Chromium, driven by a package from npm.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
-scripts/install_dependencies.sh chromium "${node[@]}"
+scripts/install_dependencies.sh chromium clang libclang-rt-dev "${node[@]}"
 
-presets=(release asan tsan)
+presets=(release asan tsan fuzz)
 for preset in "${presets[@]}"; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"

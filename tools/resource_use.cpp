@@ -1,6 +1,8 @@
 #include "tools/resource_use.h"
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 namespace lumora::tools {
@@ -12,12 +14,26 @@ double cpuSeconds(const rusage& usage) {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-double peakMegabytes(pid_t process) {
+namespace {
+
+// A number in /proc's "status".
+double statusNumber(pid_t process, const std::string& key) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmHWM:")) return std::stod(line.substr(6)) / 1024;
+    if (line.starts_with(key)) return std::stod(line.substr(key.size()));
   }
   return 0;
+}
+
+}  // namespace
+
+double peakMegabytes(pid_t process) { return statusNumber(process, "VmHWM:") / 1024; }
+
+ProcessFigures processFigures(pid_t process) {
+  const std::filesystem::directory_iterator open("/proc/" + std::to_string(process) + "/fd");
+  return {statusNumber(process, "VmRSS:") / 1024,
+          static_cast<int>(std::distance(open, std::filesystem::directory_iterator())),
+          static_cast<int>(statusNumber(process, "Threads:"))};
 }
 
 }  // namespace lumora::tools

@@ -12,4 +12,13 @@ double cpuSeconds(const rusage& usage);
 // parent held when it was started.)
 double peakMegabytes(pid_t process);
 
+struct ProcessFigures {
+  double residentMegabytes = 0;
+  int descriptors = 0;
+  int threads = 0;
+};
+
+// Of a running process, now.
+ProcessFigures processFigures(pid_t process);
+
 }  // namespace lumora::tools

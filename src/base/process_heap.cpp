@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -68,6 +69,15 @@ void giveFreedMemoryBack() {
 #if defined(__GLIBC__)
   malloc_trim(0);
 #endif
+}
+
+void giveFreedMemoryBackBeyondNeed() {
+  constexpr std::size_t mostPages = (std::size_t{150} << 20) / page;
+  std::size_t all = 0;
+  std::size_t resident = 0;
+  if (std::ifstream("/proc/self/statm") >> all >> resident && resident > mostPages) {
+    giveFreedMemoryBack();
+  }
 }
 
 }  // namespace lumora

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/insist.h"
+#include "base/process_heap.h"
 #include "base/thread_name.h"
 
 namespace lumora {
@@ -52,7 +53,10 @@ void EncodingWorker::stop() {
 
 void EncodingWorker::run(const EncoderSource& source, const EncoderSettings& settings) {
   Opened opened = source.take(settings);
-  if (encodeAll(opened)) attempt([&] { source.giveBack(settings, std::move(opened)); });
+  attempt([&] {
+    if (encodeAll(opened)) source.giveBack(settings, std::move(opened));
+    giveFreedMemoryBackBeyondNeed();
+  });
 }
 
 // Until stopped; whether the encoder never failed.

@@ -1,0 +1,294 @@
+// Runs the helper for a long time at full speed: takes start and stop at random, clients come and
+// go, the camera changes its size between takes. Every take has to be saved and to decode, every
+// stream that was delivered too, and memory, descriptors and threads have to stay where they were.
+//
+//   lumora-soak HELPER FOLDER MINUTES [SEED]      ends with 0, or 1 and what went wrong
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#include "client/helper_process.h"
+#include "client/stream_client.h"
+#include "client/uptime.h"
+#include "tools/resource_use.h"
+#include "tools/test_card.h"
+
+namespace {
+
+using namespace lumora;
+using client::Event;
+using client::FrameSize;
+using client::uptime;
+
+constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
+constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
+constexpr int rates[] = {15, 30, 45, 60};
+constexpr int takesBetweenRests = 8;
+constexpr double mostMegabytes = 200;                           // at any time
+constexpr double growthMegabytes = 12;                          // from the first rests to the last
+constexpr int threadsOfSpareEncoders = 6;                       // come and go with their settings
+constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // that are kept to be decoded
+
+void pauseFor(double seconds) {
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+bool decodes(const std::string& path) {
+  const std::string command = "ffmpeg -v error -xerror -nostdin -i '" + path +
+                              "' -fps_mode passthrough -enc_time_base -1 -f null - >'" + path +
+                              ".log' 2>&1";
+  const bool clean =
+      std::system(command.c_str()) == 0 && std::filesystem::file_size(path + ".log") == 0;
+  if (clean) std::filesystem::remove(path + ".log");
+  return clean;
+}
+
+class Soak {
+ public:
+  Soak(const std::string& helper, std::filesystem::path folder, unsigned seed)
+      : folder_(std::move(folder)),
+        random_(seed),
+        token_(client::makeToken()),
+        helper_({.program = helper, .token = token_, .arguments = {}, .environment = {}}) {
+    std::filesystem::create_directories(folder_);
+    const auto ready = helper_.nextEvent("ready", 20);
+    if (!ready) throw std::runtime_error("the helper does not start");
+    port_ = ready->at("port");
+  }
+
+  void run(double minutes) {
+    const double start = uptime();
+    std::jthread feeder([this](const std::stop_token& stop) { feed(stop); });
+    std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
+    std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
+    while (uptime() - start < minutes * 60) {
+      changeSize();
+      take();
+      if (takes_ % takesBetweenRests == 0) rest(uptime() - start);
+      failIfAsked();
+    }
+    for (std::jthread* thread : {&feeder, &first, &second}) thread->request_stop();
+    for (std::jthread* thread : {&feeder, &first, &second}) thread->join();
+    failIfAsked();
+    judge();
+    helper_.closeInput();
+    const auto status = helper_.wait(10);
+    if (!status || status->signal != 0 || status->code != 0)
+      throw std::runtime_error("ended badly");
+    std::printf("\n%d takes and %d streams decode; %llu frames fed, %llu delivered\n", takes_,
+                streams_.load(), static_cast<unsigned long long>(fed_.load()),
+                static_cast<unsigned long long>(delivered_.load()));
+  }
+
+ private:
+  struct Rest {
+    double megabytes;
+    int descriptors;
+    int threads;
+  };
+
+  std::size_t upTo(std::size_t count) {
+    return std::uniform_int_distribution<std::size_t>(0, count - 1)(random_);
+  }
+  double between(double least, double most) {
+    return std::uniform_real_distribution<double>(least, most)(random_);
+  }
+
+  void feed(const std::stop_token& stop) {
+    std::uint64_t id = 0;
+    while (!stop.stop_requested()) {
+      const FrameSize size = size_;
+      tools::TestCard card(size);
+      while (!stop.stop_requested() && size.width == size_.load().width) {
+        if (resting_) pauseFor(0.02);
+        if (resting_) continue;
+        ++id;
+        const auto picture = card.next(id, uptime());
+        const std::lock_guard hold(input_);
+        if (!helper_.writeFrame(size, id, picture)) return ask("the helper reads no more");
+        ++fed_;
+        fedSize_ = size;
+      }
+    }
+  }
+
+  // A take lasts for one size of the camera.
+  void changeSize() {
+    const FrameSize next = sizes[upTo(std::size(sizes))];
+    size_ = next;
+    while (fedSize_.load().width != next.width) {
+      pauseEvents(0.02);
+      failIfAsked();
+    }
+  }
+
+  // One client after the other, each for a random while.
+  void watch(const std::stop_token& stop, unsigned seed) {
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<double> seconds(0.2, 5);
+    for (int stream = 0; !stop.stop_requested() && problem_.empty(); ++stream) {
+      pauseFor(resting_ ? 0.05 : seconds(random) / 10);
+      if (resting_) continue;
+      const std::string path =
+          folder_ / ("stream-" + std::to_string(seed) + "-" + std::to_string(stream) + ".h264");
+      if (!receive(stop, uptime() + seconds(random), path)) continue;
+      if (!decodes(path)) return ask(path + " does not decode");
+      std::filesystem::remove(path);
+      ++streams_;
+    }
+  }
+
+  // Whether a file with at least one picture has come of it.
+  bool receive(const std::stop_token& stop, double until, const std::string& path) {
+    client::StreamClient viewer("127.0.0.1", port_);
+    viewer.sayHello(token_);
+    std::ofstream file(path, std::ios::binary);
+    std::size_t bytes = 0;
+    std::vector<std::uint8_t> access;  // the configuration in front of a frame belongs to it
+    while (!stop.stop_requested() && !resting_ && uptime() < until && !viewer.isClosed()) {
+      const auto packet = viewer.receive(0.1);
+      if (!packet) continue;
+      const auto units = client::toAnnexB(*packet);
+      access.insert(access.end(), units.begin(), units.end());
+      if (packet->type != client::Packet::Type::frame) continue;
+      if (bytes < mostStreamBytes) {
+        file.write(reinterpret_cast<const char*>(access.data()), std::ssize(access));
+        bytes += access.size();
+      }
+      access.clear();
+      viewer.acknowledge(packet->frameID);
+      ++delivered_;
+    }
+    if (viewer.isClosed()) ask("a client that acknowledges was dropped");
+    return bytes > 0;
+  }
+
+  void take() {
+    const std::string path = folder_ / ("take-" + std::to_string(takes_) + ".mp4");
+    char id[37];
+    std::snprintf(id, sizeof id, "6F9619FF-8B86-D011-B42D-%012d", takes_);
+    command({{"type", "record_start"},
+             {"id", id},
+             {"path", path},
+             {"resolution", resolutions[upTo(std::size(resolutions))]},
+             {"target_fps", rates[upTo(std::size(rates))]}});
+    for (const double end = uptime() + between(0.5, 6); uptime() < end;) pauseEvents(0.05);
+    command({{"type", "record_stop"}, {"id", id}});
+    for (const double patience = uptime() + 20; uptime() < patience;) {
+      const auto event = helper_.nextEvent("recording", 1);
+      if (!event || event->at("id") != id) continue;
+      if (event->at("state") == "failed") throw std::runtime_error(event->dump());
+      if (event->at("state") != "saved") continue;
+      if (!decodes(path)) throw std::runtime_error(path + " does not decode");
+      std::filesystem::remove(path);
+      ++takes_;
+      return;
+    }
+    throw std::runtime_error("a take was not saved");
+  }
+
+  void pauseEvents(double seconds) {
+    if (const auto event = helper_.nextEvent("error", seconds)) {
+      throw std::runtime_error(event->dump());
+    }
+  }
+
+  void command(const Event& event) {
+    const std::lock_guard hold(input_);
+    if (!helper_.writeCommand(event)) throw std::runtime_error("the helper takes no command");
+  }
+
+  // Nobody asks anything of the helper for a moment: what it holds then it would hold for ever.
+  void rest(double elapsed) {
+    resting_ = true;
+    for (const double end = uptime() + 1.5; uptime() < end;) pauseEvents(0.1);
+    const tools::ProcessFigures now = tools::processFigures(helper_.pid());
+    rests_.push_back({now.residentMegabytes, now.descriptors, now.threads});
+    std::fprintf(stderr,
+                 "\r%5.1f min  %d takes  %d streams  %llu delivered  %.0f MB  %d descriptors  "
+                 "%d threads ",
+                 elapsed / 60, takes_, streams_.load(),
+                 static_cast<unsigned long long>(delivered_.load()), now.residentMegabytes,
+                 now.descriptors, now.threads);
+    resting_ = false;
+  }
+
+  void judge() const {
+    const double peak = tools::peakMegabytes(helper_.pid());
+    std::printf("\npeak %.1f MB", peak);
+    if (peak > mostMegabytes) throw std::runtime_error("too much memory");
+    const std::size_t some = rests_.size() / 4;
+    if (some == 0) return;
+    const double early = medianMegabytes(0, some);
+    const double late = medianMegabytes(rests_.size() - some, some);
+    std::printf(", at rest %.1f MB early, %.1f MB late", early, late);
+    const Rest& first = rests_.front();
+    const Rest& last = rests_.back();
+    if (late > early + growthMegabytes) throw std::runtime_error("memory grows");
+    if (last.descriptors > first.descriptors) throw std::runtime_error("descriptors grow");
+    if (last.threads > first.threads + threadsOfSpareEncoders) {
+      throw std::runtime_error("threads grow");
+    }
+  }
+
+  double medianMegabytes(std::size_t from, std::size_t count) const {
+    std::vector<double> values;
+    for (std::size_t i = from; i < from + count; ++i) values.push_back(rests_[i].megabytes);
+    std::ranges::nth_element(values, values.begin() + std::ssize(values) / 2);
+    return values[values.size() / 2];
+  }
+
+  // From any thread: the run ends with these words.
+  void ask(const std::string& problem) {
+    const std::lock_guard hold(asking_);
+    if (problem_.empty()) problem_ = problem;
+  }
+  void failIfAsked() {
+    const std::lock_guard hold(asking_);
+    if (!problem_.empty()) throw std::runtime_error(problem_);
+  }
+
+  std::filesystem::path folder_;
+  std::mt19937 random_;
+  std::string token_;
+  client::HelperProcess helper_;
+  std::uint16_t port_ = 0;
+  std::mutex input_;  // frames and commands
+  std::atomic<FrameSize> size_ = sizes[0];
+  std::atomic<FrameSize> fedSize_ = FrameSize{};
+  std::atomic<bool> resting_ = false;
+  std::atomic<std::uint64_t> fed_ = 0;
+  std::atomic<std::uint64_t> delivered_ = 0;
+  std::atomic<int> streams_ = 0;
+  int takes_ = 0;
+  std::vector<Rest> rests_;
+  std::mutex asking_;
+  std::string problem_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 4) {
+    std::fprintf(stderr, "usage: %s HELPER FOLDER MINUTES [SEED]\n", argv[0]);
+    return 2;
+  }
+  const auto seed = static_cast<unsigned>(argc > 4 ? std::stoul(argv[4]) : std::random_device()());
+  std::printf("seed %u\n", seed);
+  try {
+    Soak(argv[1], argv[2], seed).run(std::stod(argv[3]));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "\n%s\n", error.what());
+    return 1;
+  }
+}
