@@ -16,7 +16,7 @@ class Encoders {
  public:
   virtual ~Encoders() = default;
   // A session for `width` × `height` BGRA buffers; null or a status when there can be none. Waits
-  // until the encoder of the run is chosen, but for no more than a second of the whole run.
+  // until the encoder of the run is chosen, but for no more than a few seconds of the whole run.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;

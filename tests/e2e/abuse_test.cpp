@@ -1,0 +1,145 @@
+// What a take and an honest client go through while others misbehave.
+
+#include <netinet/in.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tests/e2e/helper_fixture.h"
+#include "tools/resource_use.h"
+
+namespace lumora::tests {
+namespace {
+
+// A plain socket to the helper.
+class Stranger {
+ public:
+  explicit Stranger(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(socket_, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+  }
+  ~Stranger() { close(socket_); }
+  Stranger(const Stranger&) = delete;
+  Stranger& operator=(const Stranger&) = delete;
+
+  bool isConnected() const { return connected_; }
+  bool say(const std::string& text) const {
+    return send(socket_, text.data(), text.size(), MSG_NOSIGNAL) == std::ssize(text);
+  }
+  void halfClose() const { shutdown(socket_, SHUT_WR); }
+  void reset() const {
+    const linger at{1, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_LINGER, &at, sizeof at);
+  }
+  // Whatever comes until the helper closes.
+  std::string listen() const {
+    std::string heard;
+    char bytes[512];
+    for (ssize_t count = 1; count > 0;) {
+      count = recv(socket_, bytes, sizeof bytes, 0);
+      heard.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    return heard;
+  }
+
+ private:
+  int socket_;
+  bool connected_ = false;
+};
+
+struct Abuse : TakeTest {
+  std::string hello() const { return R"({"type":"hello","token":")" + token + "\"}\n"; }
+};
+
+TEST_F(Abuse, StrangersGetNothingAndCostTheOthersNothing) {
+  start();
+  const Watcher watcher(connectClient());
+  startTake();
+  std::jthread camera([this] { feedPaced(300, 60); });
+  const std::function<void(Stranger&)> ways[] = {
+      [](Stranger& one) { one.halfClose(); },
+      [](Stranger& one) { one.reset(); },
+      [](Stranger& one) {
+        for (const char letter : std::string("{\"type\":\"hel")) {
+          one.say({letter});
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+      },
+      [](Stranger& one) {
+        for (int i = 0; i < 1024 && one.say(std::string(4096, 'x')); ++i) continue;
+      },
+      [](Stranger& one) {
+        while (one.say("{\"type\":\"ack\",\"frame_id\":1}\n")) continue;
+      },
+      [](Stranger& one) {
+        one.say(R"({"type":"hello","token":"end-to-end-token-012345678"})"
+                "\n");
+      },
+      [this](Stranger& one) { one.say(hello().insert(hello().size() - 1, 1, '\0')); }};
+  for (const auto& way : ways) {
+    Stranger one(port);
+    way(one);
+    EXPECT_EQ(one.listen(), "");
+  }
+  for (int i = 0; i < 1000; ++i) Stranger(port).reset();
+  camera.join();
+  const int before = watcher.frames();
+  feedPaced(10, 60);
+  EXPECT_GT(watcher.frames(), before);
+  EXPECT_GT(before, 200);
+  stopTake();
+  waitForTake("saved");
+  EXPECT_EQ(decodeErrors(path), "");
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(tools::peakMegabytes(helper->pid()), 200);
+#endif
+}
+
+TEST_F(Abuse, AParentThatIsGoneCostsNoTake) {
+  start();
+  startTake();
+  feedPaced(60, 60);
+  waitForTake("recording");
+  helper->closeOutput();
+  helper->closeInput();
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_EQ(decodeErrors(path), "");
+}
+
+TEST_F(Abuse, AStoppedProcessGoesOn) {
+  start();
+  startTake();
+  feedPaced(30, 60);
+  helper->sendSignal(SIGSTOP);
+  std::jthread camera([this] { feedPaced(30, 60); });  // waits in the pipe
+  std::this_thread::sleep_for(std::chrono::seconds(5));
+  helper->sendSignal(SIGCONT);
+  camera.join();
+  feedPaced(30, 60);
+  stopTake();
+  EXPECT_GT(waitForTake("saved")["frames"], 40);
+  EXPECT_EQ(decodeErrors(path), "");
+}
+
+TEST_F(Abuse, AfterATakeThatADiskRefusesTheNextOneWorks) {
+  const std::filesystem::path place = folder / "place";
+  std::filesystem::create_directory(place);
+  if (mount("tmpfs", place.c_str(), "tmpfs", MS_RDONLY, "") != 0) GTEST_SKIP() << "cannot mount";
+  start();
+  path = place / "take.mp4";
+  startTake();
+  feedPaced(3, 60);
+  EXPECT_EQ(waitForTake("failed")["error"], "Read-only file system");
+  umount2(place.c_str(), MNT_DETACH);
+  turnTo(place / "take.mp4");
+  take(30, 60);
+  EXPECT_EQ(decodeErrors(path), "");
+}
+
+}  // namespace
+}  // namespace lumora::tests
