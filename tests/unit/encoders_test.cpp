@@ -146,7 +146,7 @@ TEST(LibavEncoders, OpensAheadAndGivesMemoryBackAMinuteLater) {
     encoders->choose(preview, take);
     opener.run();
     encoders->warmUp(take, take);
-    dispatch->detached.at(0)();
+    std::exchange(dispatch->detached, {}).at(0)();
     opener.run();
     EXPECT_EQ(opened, 2);
     if (takes) encoders->openAhead(slowTake);
