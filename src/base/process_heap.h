@@ -26,8 +26,8 @@ void useHugePages(std::uint8_t* from, std::size_t bytes);
 // Gives free memory back to the system. Any thread.
 void giveFreedMemoryBack();
 
-// The same, where the process holds more than it will need: takes of many sizes, one after the other,
-// leave free memory in pieces that none of the next ones fits into.
+// The same, where the process holds more than it will need: takes of many sizes, one after the
+// other, leave free memory in pieces that none of the next ones fits into.
 void giveFreedMemoryBackBeyondNeed();
 
 }  // namespace lumora

@@ -295,8 +295,8 @@ void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
   trackRun(bytes, samples, dataOffset);
 }
 
-// Appends a `free` box if the next `size` bytes would not fit into the sector that `offset` lies in,
-// which a disk writes whole, or, when they are more than one holds, into its page.
+// Appends a `free` box if the next `size` bytes would not fit into the sector that `offset` lies
+// in, which a disk writes whole, or, when they are more than one holds, into its page.
 void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;

@@ -24,9 +24,9 @@ Bytes movieStart(const FormatDescription& format, std::uint64_t created);
 std::uint64_t placeholderOffset();
 
 // `moof` and the header of the `mdat` that follows it with the samples' bytes; they will stand at
-// `offset` in the file. What a crash or a power cut leaves of a write ends at the boundary of a page
-// or of a sector, and some demuxers give up on a file with a part of a `moof`: a `free` box in front
-// keeps it within one of them.
+// `offset` in the file. What a crash or a power cut leaves of a write ends at the boundary of a
+// page or of a sector, and some demuxers give up on a file with a part of a `moof`: a `free` box in
+// front keeps it within one of them.
 Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t time,
                     const std::vector<MovieSample>& samples);
 
