@@ -47,8 +47,9 @@ bool decodes(const std::string& path) {
   const std::string command = "ffmpeg -v error -xerror -nostdin -i '" + path +
                               "' -fps_mode passthrough -enc_time_base -1 -f null - >'" + path +
                               ".log' 2>&1";
-  const bool clean =
-      std::system(command.c_str()) == 0 && std::filesystem::file_size(path + ".log") == 0;
+  const int status =
+      std::system(command.c_str());  // NOLINT(concurrency-mt-unsafe): glibc's is safe
+  const bool clean = status == 0 && std::filesystem::file_size(path + ".log") == 0;
   if (clean) std::filesystem::remove(path + ".log");
   return clean;
 }

@@ -56,7 +56,7 @@ void unblockSignals() {
   sigset_t ours;
   sigemptyset(&ours);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ours, signal);
-  sigprocmask(SIG_UNBLOCK, &ours, nullptr);
+  pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
 }
 
 void startService(const std::vector<std::string>& arguments,
