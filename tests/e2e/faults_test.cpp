@@ -187,7 +187,8 @@ TEST_F(Faults, WheneverThePowerGoesAtMostASecondIsMissingAndNothingOfWhatWasSave
   const int all = waitForTake("saved")["frames"];
   EXPECT_EQ(finish(), 0);
 
-  constexpr int fragment = 30;  // frames: one may be gathering, one on its way
+  // What half a second holds at most. One fragment may be gathering, one be on its way.
+  constexpr int fragment = 32;
   Disk disk;
   int tried = 0;
   const auto expect = [&](const Bytes& file, int issued, const std::string& what) {

@@ -107,7 +107,7 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
 #endif
   bool refused = false;
   bool saved = false;
-  for (int limit = 4; !saved; ++limit) {  // with three no library can be loaded
+  for (int limit = 4; !saved; ++limit) {
     SCOPED_TRACE(limit);
     ASSERT_LT(limit, 64);
     helper = std::make_unique<client::HelperProcess>(client::LaunchOptions{
@@ -116,7 +116,10 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
         {"-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\"", LUMORA_HELPER},
         {}});
     const auto first = helper->nextLine(20);
-    ASSERT_TRUE(first);
+    if (!first) {  // no library could be loaded
+      EXPECT_EQ(exitCode(), 127);
+      continue;
+    }
     if (first->find("error") != std::string::npos) {
       EXPECT_THAT(*first, testing::HasSubstr("video listener "));
       EXPECT_EQ(exitCode(), 1);
