@@ -92,12 +92,6 @@ class Soak {
   }
 
  private:
-  struct Rest {
-    double megabytes;
-    int descriptors;
-    int threads;
-  };
-
   std::size_t upTo(std::size_t count) {
     return std::uniform_int_distribution<std::size_t>(0, count - 1)(random_);
   }
@@ -137,7 +131,7 @@ class Soak {
   void watch(const std::stop_token& stop, unsigned seed) {
     std::mt19937 random(seed);
     std::uniform_real_distribution<double> seconds(0.2, 5);
-    for (int stream = 0; !stop.stop_requested() && problem_.empty(); ++stream) {
+    for (int stream = 0; !stop.stop_requested() && !hasProblem(); ++stream) {
       pauseFor(resting_ ? 0.05 : seconds(random) / 10);
       if (resting_) continue;
       const std::string path =
@@ -214,7 +208,7 @@ class Soak {
     resting_ = true;
     for (const double end = uptime() + 1.5; uptime() < end;) pauseEvents(0.1);
     const tools::ProcessFigures now = tools::processFigures(helper_.pid());
-    rests_.push_back({now.residentMegabytes, now.descriptors, now.threads});
+    rests_.push_back(now);
     std::fprintf(stderr,
                  "\r%5.1f min  %d takes  %d streams  %llu delivered  %.0f MB  %d descriptors  "
                  "%d threads ",
@@ -233,8 +227,8 @@ class Soak {
     const double early = medianMegabytes(0, some);
     const double late = medianMegabytes(rests_.size() - some, some);
     std::printf(", at rest %.1f MB early, %.1f MB late", early, late);
-    const Rest& first = rests_.front();
-    const Rest& last = rests_.back();
+    const tools::ProcessFigures& first = rests_.front();
+    const tools::ProcessFigures& last = rests_.back();
     if (late > early + growthMegabytes) throw std::runtime_error("memory grows");
     if (last.descriptors > first.descriptors) throw std::runtime_error("descriptors grow");
     if (last.threads > first.threads + threadsOfSpareEncoders) {
@@ -244,7 +238,7 @@ class Soak {
 
   double medianMegabytes(std::size_t from, std::size_t count) const {
     std::vector<double> values;
-    for (std::size_t i = from; i < from + count; ++i) values.push_back(rests_[i].megabytes);
+    for (std::size_t i = from; i < from + count; ++i) values.push_back(rests_[i].residentMegabytes);
     std::ranges::nth_element(values, values.begin() + std::ssize(values) / 2);
     return values[values.size() / 2];
   }
@@ -253,6 +247,10 @@ class Soak {
   void ask(const std::string& problem) {
     const std::lock_guard hold(asking_);
     if (problem_.empty()) problem_ = problem;
+  }
+  bool hasProblem() {
+    const std::lock_guard hold(asking_);
+    return !problem_.empty();
   }
   void failIfAsked() {
     const std::lock_guard hold(asking_);
@@ -272,7 +270,7 @@ class Soak {
   std::atomic<std::uint64_t> delivered_ = 0;
   std::atomic<int> streams_ = 0;
   int takes_ = 0;
-  std::vector<Rest> rests_;
+  std::vector<tools::ProcessFigures> rests_;
   std::mutex asking_;
   std::string problem_;
 };

@@ -350,7 +350,7 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
 
 Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created) {
   Bytes bytes;
-  bytes.reserve(tables.sizes().size() * 12 + tables.chunks().size() * 8 + 2048);
+  bytes.reserve(largestMovieEnd(format, tables));
   {
     const Box box(bytes, "moov");
     movieHeader(bytes, tables.duration(), created);

@@ -11,7 +11,6 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
@@ -107,6 +106,12 @@ void log(DiskLogEntry::Kind kind, std::uint64_t offset, const void* bytes, std::
   if (bytes != nullptr) static_cast<void>(writeBytes(logDescriptor, bytes, count));
 }
 
+void logWrite(int to, off_t offset, const void* bytes, ssize_t count) {
+  if (count <= 0 || !isLogged(to)) return;
+  log(DiskLogEntry::written, static_cast<std::uint64_t>(offset), bytes,
+      static_cast<std::size_t>(count));
+}
+
 // Files and the folder itself.
 void follow(int descriptor, const char* path, int flags) {
   const std::size_t length = std::strlen(logFolder.data());
@@ -156,10 +161,6 @@ FAULT(int, listen, (int on, int backlog) noexcept, (on, backlog), EADDRINUSE, -1
 FAULT(int, accept, (int on, sockaddr* address, socklen_t* size), (on, address, size), EMFILE, -1)
 FAULT(ssize_t, recv, (int from, void* space, size_t size, int flags), (from, space, size, flags),
       ECONNRESET, -1)
-FAULT(ssize_t, recvmsg, (int from, msghdr* message, int flags), (from, message, flags), ECONNRESET,
-      -1)
-FAULT(ssize_t, send, (int to, const void* bytes, size_t size, int flags), (to, bytes, size, flags),
-      EPIPE, -1)
 FAULT(ssize_t, sendmsg, (int to, const msghdr* message, int flags), (to, message, flags), EPIPE, -1)
 FAULT(int, epoll_create1, (int flags) noexcept, (flags), EMFILE, -1)
 FAULT(int, epoll_ctl, (int on, int what, int descriptor, epoll_event* event) noexcept,
@@ -172,9 +173,6 @@ FAULT(int, pipe, (int ends[2]) noexcept, (ends), EMFILE, -1)
 FAULT(int, link, (const char* from, const char* to) noexcept, (from, to), EPERM, -1)
 FAULT(int, unlink, (const char* path) noexcept, (path), EACCES, -1)
 FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO, -1)
-FAULT(void*, mmap,
-      (void* at, size_t size, int protection, int flags, int file, off_t offset) noexcept,
-      (at, size, protection, flags, file, offset), ENOMEM, MAP_FAILED)
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                    void* with) noexcept {
@@ -182,38 +180,30 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   return fails("pthread_create", EAGAIN) ? EAGAIN : next(thread, attributes, run, with);
 }
 
-int open(const char* path, int flags, ...) {
-  std::va_list list;
-  va_start(list, flags);
-  const mode_t mode = modeOf(list, flags);
-  va_end(list);
-  return openAny("open", path, flags, mode);
-}
-int open64(const char* path, int flags, ...) {
-  std::va_list list;
-  va_start(list, flags);
-  const mode_t mode = modeOf(list, flags);
-  va_end(list);
-  return openAny("open64", path, flags, mode);
-}
+#define OPEN(name)                             \
+  int name(const char* path, int flags, ...) { \
+    std::va_list list;                         \
+    va_start(list, flags);                     \
+    const mode_t mode = modeOf(list, flags);   \
+    va_end(list);                              \
+    return openAny(#name, path, flags, mode);  \
+  }
+OPEN(open)
+OPEN(open64)
 
 ssize_t write(int to, const void* bytes, size_t size) {
   REAL(write);
   if (fails("write", ENOSPC)) return -1;
   const off_t at = isLogged(to) ? lseek(to, 0, SEEK_CUR) : 0;
   const ssize_t count = next(to, bytes, size);
-  if (count > 0 && isLogged(to))
-    log(DiskLogEntry::written, static_cast<std::uint64_t>(at), bytes,
-        static_cast<std::size_t>(count));
+  logWrite(to, at, bytes, count);
   return count;
 }
 ssize_t pwrite(int to, const void* bytes, size_t size, off_t offset) {
   REAL(pwrite);
   if (fails("pwrite", EIO)) return -1;
   const ssize_t count = next(to, bytes, size, offset);
-  if (count > 0 && isLogged(to))
-    log(DiskLogEntry::written, static_cast<std::uint64_t>(offset), bytes,
-        static_cast<std::size_t>(count));
+  logWrite(to, offset, bytes, count);
   return count;
 }
 int fdatasync(int descriptor) {

@@ -261,12 +261,12 @@ TEST(MovieFile, ItsOwnThreadMayBeTheLastToHoldIt) {
   auto movie = std::make_shared<Written>(disk);
   movie->fill(1);
   std::promise<void> gone;
-  const std::shared_ptr<void> guard(nullptr, [&](void*) { gone.set_value(); });
+  std::shared_ptr<void> guard(nullptr, [&](void*) { gone.set_value(); });
   HybridMovieWriter& writer = movie->writer;
   disk->setHanging(true);
   writer.finishWriting(1000, [movie, guard] {});
   movie.reset();
-  const_cast<std::shared_ptr<void>&>(guard).reset();
+  guard.reset();
   disk->setHanging(false);
   EXPECT_EQ(gone.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   EXPECT_TRUE(disk->waitFor([&] { return disk->closed; }));

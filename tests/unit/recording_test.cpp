@@ -4,62 +4,11 @@
 
 #include "encode/session_settings.h"
 #include "record/recording_command.h"
-#include "tests/unit/probe.h"
+#include "tests/unit/takes.h"
 
 namespace lumora {
 namespace {
 
-const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
-const std::string takePath = "/takes/a.mp4";
-
-struct Takes : testing::Test {
-  void SetUp() override { probe.becomeReady(); }
-
-  std::vector<Json> send(Json command) {
-    command.emplace("id", takeID);
-    probe.process->takeEvents();
-    probe.command(command);
-    return probe.process->takeEvents();
-  }
-  void start(Json extra = Json::object()) {
-    extra.update({{"type", "record_start"}, {"path", takePath}});
-    const auto events = send(extra);
-    ASSERT_EQ(events.size(), 1u);
-    ASSERT_EQ(events[0]["state"], "starting") << events[0];
-  }
-  // One camera frame at uptime `at`, encoded as a key frame or not. Whether it was submitted.
-  bool frame(double at, bool keyframe = false) {
-    probe.clock->now = at;
-    probe.feed(++lastID);
-    if (probe.encoders->sessions.empty() || probe.lastSession().pending.empty()) return false;
-    probe.lastSession().answer(0, keyframe ? keySample() : deltaSample());
-    probe.run();
-    return true;
-  }
-  FakeWriter& writer() { return *probe.movies->writers.back(); }
-  // The events with this "state" since the last look.
-  std::vector<Json> events(const std::string& state) {
-    probe.run();
-    auto all = probe.process->takeEvents("recording");
-    std::erase_if(all, [&](const Json& event) { return event["state"] != state; });
-    return all;
-  }
-  std::string failure() {
-    const auto failed = events("failed");
-    return failed.empty() ? "" : failed.front()["error"].get<std::string>();
-  }
-  // Stops the take and lets the disk finish; the outcome.
-  Json finish(Json stop = Json::object()) {
-    stop["type"] = "record_stop";
-    send(stop);
-    probe.run();
-    writer().complete(WriterStatus::completed);
-    const auto saved = events("saved");
-    return saved.empty() ? Json() : saved.front();
-  }
-  VideoEncoderProbe probe;
-  std::uint64_t lastID = 0;
-};
 using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
 TEST_F(Takes, RefusedStartsChangeNothing) {
@@ -209,26 +158,6 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
   }
 }
 
-TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
-  const std::string staging = takePath + "." + takeID + ".partial";
-  const std::string recovery = "/takes/a.recovered-" + takeID + ".mp4";
-  const char* texts[] = {
-      "", "Final filename was unavailable. Completed video saved at the recovery path shown.",
-      "Final filename was unavailable. Completed video preserved at the staging path shown; rename "
-      "it to .mp4."};
-  for (const auto& [failing, path] : {std::pair{0, takePath}, {1, recovery}, {2, staging}}) {
-    probe.restart();
-    probe.failures->fail(Call::move, 1, -1, failing - 1);
-    start();
-    frame(1001.0, true);
-    const Json saved = finish();
-    EXPECT_EQ(saved["path"], path);
-    EXPECT_EQ(saved["error"], texts[failing]);
-    EXPECT_EQ(probe.files->moves.size(), failing == 2 ? 0u : 1u);
-    EXPECT_TRUE(probe.files->removed.empty());
-  }
-}
-
 // Every call of the machine fails in its turn, the first time, the second time, until a whole take
 // beside a client has no more of that kind.
 TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
@@ -332,34 +261,6 @@ TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {
   EXPECT_FALSE(probe.isRawBusy());
 }
 
-TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
-  start();
-  frame(1001.0, true);
-  probe.clock->now = 1001.1;
-  probe.feed(++lastID);
-  send({{"type", "record_stop"}});
-  probe.run();
-  EXPECT_FALSE(writer().finished);
-  probe.lastSession().answer(0, deltaSample());
-  probe.run();
-  ASSERT_TRUE(writer().finished);
-  EXPECT_EQ(writer().timings.size(), 2u);  // the frame in flight is part of the movie
-  EXPECT_TRUE(probe.lastSession().invalidated);
-  EXPECT_EQ(events("finishing").size(), 1u);
-}
-
-TEST_F(Takes, StopsThatMakeNoSense) {
-  start({{"started_at", 1000.0}});
-  EXPECT_TRUE(
-      send({{"type", "record_stop"}, {"id", "00000000-0000-0000-0000-000000000000"}}).empty());
-  send({{"type", "record_stop"}, {"stopped_at", 999.9}});
-  EXPECT_EQ(failure(), "recording stop time is invalid");
-  start();
-  send({{"type", "record_stop"}});
-  EXPECT_EQ(failure(), "no camera frames were received for recording");
-  EXPECT_TRUE(probe.movies->writers.empty());
-}
-
 TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   start();
   frame(1001.0, true);
@@ -378,41 +279,6 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
     probe.tickAt(probe.clock->now + 1);
     EXPECT_EQ(probe.process->takeEvents("recording"), std::vector<Json>{saved});
   }
-}
-
-TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
-  start();
-  frame(1001.0, true);
-  probe.signal(15);
-  probe.run();
-  (*probe).shutdown(1);  // the first one counts
-  EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-  EXPECT_EQ(send({{"type", "record_start"}, {"path", "/b.mp4"}}).at(0)["state"], "failed");
-  writer().complete(WriterStatus::completed);
-  EXPECT_EQ(events("saved").size(), 1u);
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
-
-  probe.restart();
-  start();
-  frame(1001.0, true);
-  probe.signal(2);
-  probe.clock->now = 1002.99;
-  probe.run();
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-  probe.clock->now = 1003.0;
-  probe.run();
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
-
-  probe.restart();
-  start();
-  frame(1001.0, true);
-  probe.clock->now = 1001.1;
-  probe.feed(++lastID);
-  probe.signal(15);
-  probe.lastSession().answer(-22, nullptr);  // a take that fails meanwhile ends it at once
-  EXPECT_EQ(failure(), "camera encoding failed (-22)");
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
 }  // namespace

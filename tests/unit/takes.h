@@ -1,0 +1,65 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/unit/probe.h"
+
+namespace lumora {
+
+// Takes of the service on fakes: commands, one camera frame at a time, the events they bring.
+inline const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
+inline const std::string takePath = "/takes/a.mp4";
+
+struct Takes : testing::Test {
+  void SetUp() override { probe.becomeReady(); }
+
+  std::vector<Json> send(Json command) {
+    command.emplace("id", takeID);
+    probe.process->takeEvents();
+    probe.command(command);
+    return probe.process->takeEvents();
+  }
+  void start(Json extra = Json::object()) {
+    extra.update({{"type", "record_start"}, {"path", takePath}});
+    const auto events = send(extra);
+    ASSERT_EQ(events.size(), 1u);
+    ASSERT_EQ(events[0]["state"], "starting") << events[0];
+  }
+  // One camera frame at uptime `at`, encoded as a key frame or not. Whether it was submitted.
+  bool frame(double at, bool keyframe = false) {
+    probe.clock->now = at;
+    probe.feed(++lastID);
+    if (probe.encoders->sessions.empty() || probe.lastSession().pending.empty()) return false;
+    probe.lastSession().answer(0, keyframe ? keySample() : deltaSample());
+    probe.run();
+    return true;
+  }
+  FakeWriter& writer() { return *probe.movies->writers.back(); }
+  // The events with this "state" since the last look.
+  std::vector<Json> events(const std::string& state) {
+    probe.run();
+    auto all = probe.process->takeEvents("recording");
+    std::erase_if(all, [&](const Json& event) { return event["state"] != state; });
+    return all;
+  }
+  std::string failure() {
+    const auto failed = events("failed");
+    return failed.empty() ? "" : failed.front()["error"].get<std::string>();
+  }
+  // Stops the take and lets the disk finish; the outcome.
+  Json finish(Json stop = Json::object()) {
+    stop["type"] = "record_stop";
+    send(stop);
+    probe.run();
+    writer().complete(WriterStatus::completed);
+    const auto saved = events("saved");
+    return saved.empty() ? Json() : saved.front();
+  }
+  VideoEncoderProbe probe;
+  std::uint64_t lastID = 0;
+};
+
+}  // namespace lumora
