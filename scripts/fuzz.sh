@@ -9,13 +9,17 @@ scripts/install_dependencies.sh clang libclang-rt-dev
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$jobs"
 
-status=0
-for program in build/fuzz/fuzz/fuzz-*; do
-  while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || status=1; done
-  target=${program##*/fuzz-}
-  { VERBOSITY=1 fuzz/run.sh "$program" "$target" "$seconds" >"build/fuzz/$target.log" 2>&1 &&
-      echo "$target: $(grep number_of_executed_units "build/fuzz/$target.log")" ||
-      { echo "$target: see build/fuzz/$target.log"; exit 1; }; } &
-done
-while [ -n "$(jobs -rp)" ]; do wait -n || status=1; done
-exit "$status"
+fuzz() {
+  local target=${1##*/fuzz-}
+  local log=build/fuzz/$target.log
+  if VERBOSITY=1 fuzz/run.sh "$1" "$target" "$seconds" >"$log" 2>&1; then
+    echo "$target: $(grep number_of_executed_units "$log")"
+  else
+    echo "$target: see $log"
+    return 1
+  fi
+}
+export -f fuzz
+export seconds
+# Ends with a failure if one of them does.
+printf '%s\0' build/fuzz/fuzz/fuzz-* | xargs -0 -n 1 -P "$jobs" bash -c 'fuzz "$0"'

@@ -33,10 +33,11 @@ using client::uptime;
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
 constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
 constexpr int rates[] = {15, 30, 45, 60};
-constexpr int takesBetweenRests = 8;
+constexpr int takesBetweenRests = 4;
+constexpr std::size_t fewestRests = 4;                          // of which a trend can be told
 constexpr double mostMegabytes = 200;                           // at any time
 constexpr double growthMegabytes = 12;                          // from the first rests to the last
-constexpr int threadsOfSpareEncoders = 6;                       // come and go with their settings
+constexpr double threadsOfSpareEncoders = 6;                    // come and go with their settings
 constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // that are kept to be decoded
 
 void pauseFor(double seconds) {
@@ -222,25 +223,29 @@ class Soak {
     const double peak = tools::peakMegabytes(helper_.pid());
     std::printf("\npeak %.1f MB", peak);
     if (peak > mostMegabytes) throw std::runtime_error("too much memory");
-    const std::size_t some = rests_.size() / 4;
-    if (some == 0) return;
-    const double early = medianMegabytes(0, some);
-    const double late = medianMegabytes(rests_.size() - some, some);
-    std::printf(", at rest %.1f MB early, %.1f MB late", early, late);
-    const tools::ProcessFigures& first = rests_.front();
-    const tools::ProcessFigures& last = rests_.back();
-    if (late > early + growthMegabytes) throw std::runtime_error("memory grows");
-    if (last.descriptors > first.descriptors) throw std::runtime_error("descriptors grow");
-    if (last.threads > first.threads + threadsOfSpareEncoders) {
-      throw std::runtime_error("threads grow");
+    if (rests_.size() < fewestRests) {
+      std::printf("; too short to tell whether anything grows");
+      return;
     }
+    expectFlat("MB at rest", &tools::ProcessFigures::residentMegabytes, growthMegabytes);
+    expectFlat("descriptors", &tools::ProcessFigures::descriptors, 0);
+    expectFlat("threads", &tools::ProcessFigures::threads, threadsOfSpareEncoders);
   }
 
-  double medianMegabytes(std::size_t from, std::size_t count) const {
-    std::vector<double> values;
-    for (std::size_t i = from; i < from + count; ++i) values.push_back(rests_[i].residentMegabytes);
-    std::ranges::nth_element(values, values.begin() + std::ssize(values) / 2);
-    return values[values.size() / 2];
+  // By the medians of the first quarter of the rests and of the last one.
+  template <typename Number>
+  void expectFlat(const char* what, Number tools::ProcessFigures::*figure, double growth) const {
+    const auto median = [&](std::size_t from, std::size_t to) {
+      std::vector<double> values;
+      for (; from < to; ++from) values.push_back(static_cast<double>(rests_[from].*figure));
+      std::ranges::nth_element(values, values.begin() + std::ssize(values) / 2);
+      return values[values.size() / 2];
+    };
+    const std::size_t quarter = rests_.size() / 4;
+    const double early = median(0, quarter);
+    const double late = median(rests_.size() - quarter, rests_.size());
+    std::printf(", %s %.1f early, %.1f late", what, early, late);
+    if (late > early + growth) throw std::runtime_error(std::string(what) + " grow");
   }
 
   // From any thread: the run ends with these words.

@@ -55,7 +55,7 @@ std::string encoderChoice(const lumora::Environment& environment) {
 void unblockSignals() {
   sigset_t ours;
   sigemptyset(&ours);
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ours, signal);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM}) sigaddset(&ours, signal);
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
 }
 
@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
   // Libraries give up like this when memory is short. Our own end has no other status than 0 and 1.
   std::signal(SIGABRT, [](int) { endWith(unexpectedFailure); });
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a file too large is the take's failure
   unblockSignals();
   makeOutputNonBlocking();
   try {

@@ -122,13 +122,21 @@ void VideoEncoder::shutdown(int code) {
   if (!movie && !movieFinishing) return exitNow(code);
   pendingMovieStop = uptime();
   finishMovieIfReady();
-  platform.stateQueue->asyncAfter(shutdownTimeout,
-                                  [self = shared_from_this(), code] { self->exitNow(code); });
+  // Without memory for it the watchdog does the same, if less tidily.
+  attempt([&] {
+    platform.stateQueue->asyncAfter(shutdownTimeout,
+                                    [self = shared_from_this(), code] { self->exitNow(code); });
+  });
 }
 
 void VideoEncoder::exitNow(int code) {
   if (!running) return;
   running = false;
+  attempt([this] { closeEverything(); });
+  platform.process->exit(code);
+}
+
+void VideoEncoder::closeEverything() {
   if (timer) timer->cancel();
   if (listener) listener->cancel();
   for (const auto& [id, peer] : peers) peer->connection->cancel();
@@ -140,7 +148,6 @@ void VideoEncoder::exitNow(int code) {
   }
   resetRecordingSession();
   for (const auto& signal : signals) signal->cancel();
-  platform.process->exit(code);
 }
 
 void VideoEncoder::emit(const Json& event) {

@@ -38,7 +38,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
   void start();
-  void shutdown(int code);
+  void shutdown(int code);  // never throws
   // Any thread; the process then ends in time even if the state queue stands.
   void requestShutdown();
   void requestFailure(const std::string& message);
@@ -74,12 +74,14 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void becomeReady();
   void serviceTick();
   void fail(const std::string& message);  // "error" event and shutdown with 1
+  void closeEverything();
 
   // input/
   void readRecords();
   bool readExactly(MutableByteView space);
   bool readCommand(const RecordHeader& header);
   bool readFrame(const RecordHeader& header);
+  void enqueueFrame(RawFrame admitted);
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,
@@ -182,7 +184,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // encode/: the recording session, made for one take and one camera size.
   std::shared_ptr<CompressionSession> recordingSession;
-  std::optional<std::string> recordingSessionMovieID;
+  std::uint64_t recordingSessionTake = 0;  // its number among `takes`; ids may come again
   std::int64_t recordingWidth = 0;
   std::int64_t recordingHeight = 0;
   std::int64_t recordingSourceWidth = 0;

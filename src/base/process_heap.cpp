@@ -1,6 +1,7 @@
 #include "base/process_heap.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -72,10 +73,12 @@ void giveFreedMemoryBack() {
 }
 
 void giveFreedMemoryBackBeyondNeed() {
-  constexpr std::size_t mostPages = (std::size_t{150} << 20) / page;
+  constexpr std::size_t mostKilobytes = std::size_t{150} << 10;
   std::size_t all = 0;
-  std::size_t resident = 0;
-  if (std::ifstream("/proc/self/statm") >> all >> resident && resident > mostPages) {
+  std::size_t pages = 0;
+  std::ifstream statm("/proc/self/statm");
+  if (!(statm >> all >> pages)) return;
+  if (pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024 > mostKilobytes) {
     giveFreedMemoryBack();
   }
 }

@@ -41,7 +41,7 @@ void EncodingWorker::complete() {
 }
 
 void EncodingWorker::stop() {
-  std::deque<Job> forgotten;
+  std::list<Job> forgotten;
   {
     std::unique_lock hold(mutex_);
     stopping_ = true;
@@ -52,11 +52,13 @@ void EncodingWorker::stop() {
 }
 
 void EncodingWorker::run(const EncoderSource& source, const EncoderSettings& settings) {
-  Opened opened = source.take(settings);
-  attempt([&] {
-    if (encodeAll(opened)) source.giveBack(settings, std::move(opened));
-    giveFreedMemoryBackBeyondNeed();
-  });
+  {
+    Opened opened = source.take(settings);
+    attempt([&] {
+      if (encodeAll(opened)) source.giveBack(settings, std::move(opened));
+    });
+  }
+  attempt(giveFreedMemoryBackBeyondNeed);
 }
 
 // Until stopped; whether the encoder never failed.

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 
@@ -40,7 +40,7 @@ class EncodingWorker {
 
   std::mutex mutex_;  // guards the rest
   std::condition_variable changed_;
-  std::deque<Job> jobs_;
+  std::list<Job> jobs_;  // an empty one needs no memory
   bool busy_ = false;
   bool stopping_ = false;
 };

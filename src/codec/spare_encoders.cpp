@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/insist.h"
+
 namespace lumora {
 
 void SpareEncoders::want(const EncoderSettings& settings) {
@@ -30,7 +32,7 @@ std::optional<EncoderSettings> SpareEncoders::beginOpening() {
 
 void SpareEncoders::endOpening(const EncoderSettings& settings,
                                std::unique_ptr<LibavEncoder> encoder) {
-  if (encoder) give(settings, std::move(encoder));
+  if (encoder) attempt([&] { give(settings, std::move(encoder)); });
   const std::lock_guard hold(mutex_);
   opening_.reset();
   opened_.notify_all();

@@ -66,7 +66,7 @@ void VideoEncoder::resetRecordingSession() {
     recordingSession->invalidate();
   }
   recordingSession.reset();
-  recordingSessionMovieID.reset();
+  recordingSessionTake = 0;
   recordingOrdinal = 0;
   recordingWidth = 0;
   recordingHeight = 0;

@@ -67,13 +67,19 @@ bool VideoEncoder::readFrame(const RecordHeader& header) {
     return false;
   }
   lastFrameID = header.id;
-  if (!raw.admit()) return true;
-  const auto frame = std::make_shared<const RawFrame>(
-      RawFrame{header.width, header.height, header.id, std::move(rgba), uptime()});
+  if (raw.admit())
+    enqueueFrame({header.width, header.height, header.id, std::move(rgba), uptime()});
+  return true;
+}
+
+void VideoEncoder::enqueueFrame(RawFrame admitted) try {
+  const auto frame = std::make_shared<const RawFrame>(std::move(admitted));
   platform.stateQueue->async([weak = weak_from_this(), frame] {
     if (const auto self = weak.lock()) self->encode(*frame);
   });
-  return true;
+} catch (const std::bad_alloc&) {
+  raw.release();  // the take that is to be finished now waits for no frame
+  throw;
 }
 
 }  // namespace lumora

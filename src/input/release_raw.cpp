@@ -6,8 +6,7 @@ namespace lumora {
 
 void VideoEncoder::releaseRaw() {
   raw.release();
-  const auto current = movie ? std::optional(movie->id) : std::nullopt;
-  if (recordingSession && recordingSessionMovieID != current) resetRecordingSession();
+  if (recordingSession && (!movie || recordingSessionTake != takes)) resetRecordingSession();
   finishMovieIfReady();
 }
 

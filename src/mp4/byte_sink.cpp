@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -100,7 +101,13 @@ std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
     error = errno;
     return nullptr;
   }
-  return std::make_unique<PosixFile>(descriptor, std::filesystem::path(path).parent_path());
+  try {
+    return std::make_unique<PosixFile>(descriptor, std::filesystem::path(path).parent_path());
+  } catch (const std::bad_alloc&) {
+    close(descriptor);
+    unlink(path.c_str());
+    throw;
+  }
 }
 
 std::string describeError(int error) { return std::generic_category().message(error); }

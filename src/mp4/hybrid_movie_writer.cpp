@@ -1,8 +1,9 @@
 #include "mp4/hybrid_movie_writer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <limits>
 #include <utility>
 
@@ -122,8 +123,7 @@ std::shared_ptr<MovieWriter> HybridMovies::createWriter(const std::string& path,
   try {
     return std::make_shared<HybridMovieWriter>(std::move(sink), secondsSince1904());
   } catch (const std::exception& failure) {  // no thread, for example
-    std::error_code ignored;
-    std::filesystem::remove(path, ignored);
+    unlink(path.c_str());
     throw;
   }
 }

@@ -305,7 +305,7 @@ void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   const std::uint64_t left = block - offset % block;
   if (left >= size) return;
   const Box padding(bytes, "free");
-  if (left > smallestBox) zeros(bytes, left - smallestBox);
+  zeros(bytes, left + (left < smallestBox ? block : 0) - smallestBox);
 }
 
 }  // namespace

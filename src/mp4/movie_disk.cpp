@@ -51,7 +51,7 @@ void MovieDisk::fail(std::string message, std::function<void()> handler) {
 }
 
 void MovieDisk::cancel() {
-  std::deque<Job> abandoned;  // their handlers may own the writer: they go after the lock
+  std::list<Job> abandoned;  // their handlers may own the writer: they go after the lock
   {
     const std::lock_guard hold(mutex_);
     cancelled_ = true;

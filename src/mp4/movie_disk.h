@@ -4,8 +4,8 @@
 // is finished or cancelled; it shares this object, so that nobody waits for a stuck disk.
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -54,7 +54,7 @@ class MovieDisk {
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
-  std::deque<Job> jobs_;
+  std::list<Job> jobs_;  // an empty one needs no memory
   std::size_t queuedBytes_ = 0;
   bool cancelled_ = false;
   WriterStatus status_ = WriterStatus::writing;

@@ -10,7 +10,11 @@ SecondThread::SecondThread()
         for (;;) {
           start_.acquire();
           if (work_ == nullptr) return;
-          (*work_)();
+          try {
+            (*work_)();
+          } catch (...) {
+            failure_ = std::current_exception();
+          }
           done_.release();
         }
       }) {}
@@ -23,9 +27,17 @@ SecondThread::~SecondThread() {
 
 void SecondThread::runBoth(const std::function<void()>& mine, const std::function<void()>& other) {
   work_ = &other;
+  failure_ = nullptr;
   start_.release();
-  mine();
+  std::exception_ptr failure;
+  try {
+    mine();
+  } catch (...) {
+    failure = std::current_exception();
+  }
   done_.acquire();
+  if (!failure) failure = failure_;
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace lumora

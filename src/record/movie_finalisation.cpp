@@ -44,7 +44,7 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
     status(TakeState::finishing, end, "", path);
     finishWriting(end, completion);
   } catch (const std::exception& reason) {
-    failure(reasonOf(reason));
+    failure(insist([&] { return reasonOf(reason); }));
     completion();
   }
 }
@@ -86,7 +86,7 @@ void MovieRecorder::abort(const std::string& message) {
     const std::lock_guard hold(lock);
     accepting = false;
   }
-  queue->async([self = shared_from_this(), message] { self->failure(message); });
+  insist([&] { queue->async([self = shared_from_this(), message] { self->failure(message); }); });
 }
 
 }  // namespace lumora

@@ -73,7 +73,7 @@ void MovieRecorder::writeJob(HeldSample next) {
     try {
       holdBack(std::move(next));
     } catch (const std::exception& reason) {
-      failure(reasonOf(reason));
+      failure(insist([&] { return reasonOf(reason); }));
     }
   }
   const std::lock_guard hold(lock);
@@ -95,7 +95,7 @@ void MovieRecorder::holdBack(HeldSample next) {
 void MovieRecorder::prepare(const HeldSample& first) {
   const auto format = first.sample->format();
   const bool usable = path.starts_with('/') && std::filesystem::path(path).extension() == ".mp4" &&
-                      !platform.files->exists(path) && !platform.files->exists(staging) && format;
+                      !platform.files->isTaken(path) && !platform.files->isTaken(staging) && format;
   if (!usable) throw EncoderFailure::message("invalid or existing recording destination");
   width = format->width();
   height = format->height();

@@ -67,7 +67,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
               const std::string& outputPath);
   TakeEvent describe(TakeState state, double duration, const std::string& error,
                      const std::string& outputPath);
-  void failure(const std::string& message);
+  void failure(const std::string& message);  // never throws
   void progress();
   void pruneRecentWrites(double now);
   void finishJob(double stop, const std::function<void()>& completion);

@@ -49,7 +49,7 @@ class AsioTimer final : public TimerSource {
         const auto now = std::chrono::steady_clock::now();
         const auto due = state->timer.expiry() + state->interval;
         state->timer.expires_at(due > now ? due : now + state->interval);
-        arm(state);
+        insist([&] { arm(state); });
         state->handler();
       });
     }
@@ -75,7 +75,7 @@ struct AsioQueue::Core {
         context.run();
         return;
       } catch (const std::exception& error) {
-        if (failed) failed(reasonOf(error));
+        if (failed) insist([&] { failed(reasonOf(error)); });
       }
     }
   }

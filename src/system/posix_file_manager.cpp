@@ -44,20 +44,40 @@ bool moveUnlessExists(const char* from, const char* to) {
 
 }  // namespace
 
-struct PosixFileManager::Pending {
-  std::mutex mutex;
-  std::set<std::string> removals;  // paths
+// Removals that a disk holds up: a file of such a name would fall to them.
+class PosixFileManager::PendingRemovals {
+ public:
+  void add(const std::string& path) {
+    auto name = nameOf(path);
+    const std::lock_guard hold(mutex_);
+    names_.insert(std::move(name));
+  }
+  void remove(const std::string& path) {
+    const auto name = insist([&] { return nameOf(path); });
+    const std::lock_guard hold(mutex_);
+    names_.erase(name);
+  }
+  bool contain(const std::string& path) const {
+    const auto name = nameOf(path);
+    const std::lock_guard hold(mutex_);
+    return names_.contains(name);
+  }
+
+ private:
+  // However it is spelt.
+  static std::filesystem::path nameOf(const std::string& path) {
+    return std::filesystem::path(path).lexically_normal();
+  }
+
+  mutable std::mutex mutex_;
+  std::set<std::filesystem::path> names_;
 };
 
-PosixFileManager::PosixFileManager() : pending_(std::make_shared<Pending>()) {}
+PosixFileManager::PosixFileManager() : pending_(std::make_shared<PendingRemovals>()) {}
 
-bool PosixFileManager::exists(const std::string& path) const {
-  {
-    const std::lock_guard hold(pending_->mutex);
-    if (pending_->removals.contains(path)) return true;
-  }
+bool PosixFileManager::isTaken(const std::string& path) const {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0;
+  return pending_->contain(path) || stat(path.c_str(), &status) == 0;
 }
 
 bool PosixFileManager::move(const std::string& from, const std::string& to) {
@@ -69,26 +89,21 @@ bool PosixFileManager::move(const std::string& from, const std::string& to) {
 
 // On a disk that hangs the removal does, too; what is to be said of it must not.
 void PosixFileManager::remove(const std::string& path) {
+  const auto unlinkNow = [path, pending = pending_] {
+    unlink(path.c_str());
+    pending->remove(path);
+  };
   try {
-    {
-      const std::lock_guard hold(pending_->mutex);
-      pending_->removals.insert(path);
-    }
+    pending_->add(path);
     std::promise<void> removed;
     const std::future<void> done = removed.get_future();
-    std::thread([path, pending = pending_, removed = std::move(removed)]() mutable {
-      unlink(path.c_str());
-      {
-        const std::lock_guard hold(pending->mutex);
-        pending->removals.erase(path);
-      }
+    std::thread([unlinkNow, removed = std::move(removed)]() mutable {
+      unlinkNow();
       removed.set_value();
     }).detach();
     done.wait_for(longestRemoval);
   } catch (const std::exception&) {  // no thread, no memory: without a bound, then
-    unlink(path.c_str());
-    const std::lock_guard hold(pending_->mutex);
-    pending_->removals.erase(path);
+    unlinkNow();
   }
 }
 

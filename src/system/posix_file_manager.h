@@ -11,14 +11,13 @@ class PosixFileManager final : public FileManager {
  public:
   PosixFileManager();
   // Also while one of this name is being removed.
-  bool exists(const std::string& path) const override;
+  bool isTaken(const std::string& path) const override;
   bool move(const std::string& from, const std::string& to) override;
   void remove(const std::string& path) override;
 
  private:
-  // Removals that a disk holds up: a file of such a name would fall to them.
-  struct Pending;
-  std::shared_ptr<Pending> pending_;
+  class PendingRemovals;
+  std::shared_ptr<PendingRemovals> pending_;
 };
 
 }  // namespace lumora

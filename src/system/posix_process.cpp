@@ -1,12 +1,16 @@
 #include "system/posix_process.h"
 
 #include <fcntl.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/signal_set.hpp>
 #include <cerrno>
 #include <csignal>
 #include <utility>
+
+#include "base/insist.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -22,6 +26,11 @@ void enlargePipe(int descriptor) {
   if (fcntl(descriptor, F_GETPIPE_SZ) < pipeBytes) fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
 #endif
 }
+
+// What a signal handler can reach.
+std::atomic<int> watchdogCode = 0;
+std::atomic<bool> watching = false;
+static_assert(std::atomic<int>::is_always_lock_free);
 
 bool isIgnored(int signal) {
   struct sigaction action {};
@@ -52,7 +61,7 @@ class AsioSignal final : public SignalSource {
     static void arm(const std::shared_ptr<State>& state) {
       state->signals.async_wait([state](const boost::system::error_code& error, int) {
         if (error) return;
-        arm(state);
+        insist([&] { arm(state); });
         state->handler();
       });
     }
@@ -96,20 +105,24 @@ std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
 
 // No destructor may race the reader, which is blocked in `read`.
 void PosixProcess::exit(int code) {
-  *ending_ = true;
+  const itimerval never{};
+  setitimer(ITIMER_REAL, &never, nullptr);
 #if defined(__SANITIZE_ADDRESS__)
   checkForLeaks();  // `_exit` skips the check that an instrumented process does at its end
 #endif
   _exit(code);
 }
 
-// An encoder that hangs holds the state queue in a flush, and with it everything that ends us.
+// An encoder that hangs holds the state queue in a flush, and with it everything that ends us. A
+// signal needs neither a thread nor memory.
 void PosixProcess::exitAfter(double seconds, int code) {
-  *watchdogCode_ = code;
-  if (watched_.exchange(true)) return;
-  signals_->asyncAfter(seconds, [code = watchdogCode_, ending = ending_] {
-    if (!*ending) _exit(*code);
-  });
+  watchdogCode = code;
+  if (watching.exchange(true)) return;
+  std::signal(SIGALRM, [](int) { _exit(watchdogCode); });
+  const auto whole = static_cast<time_t>(seconds);
+  const auto rest = static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6);
+  const itimerval once{.it_interval = {}, .it_value = {whole, rest}};
+  setitimer(ITIMER_REAL, &once, nullptr);
 }
 
 }  // namespace lumora

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 
 #include "platform/process.h"
@@ -20,9 +19,6 @@ class PosixProcess final : public Process {
 
  private:
   const std::shared_ptr<AsioQueue> signals_ = std::make_shared<AsioQueue>("lumora.signals");
-  std::atomic<bool> watched_ = false;
-  std::shared_ptr<std::atomic<int>> watchdogCode_ = std::make_shared<std::atomic<int>>(0);
-  std::shared_ptr<std::atomic<bool>> ending_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace lumora

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,34 +24,43 @@ class Stranger {
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(::connect(socket_, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
   }
-  ~Stranger() { close(socket_); }
-  Stranger(const Stranger&) = delete;
-  Stranger& operator=(const Stranger&) = delete;
+  ~Stranger() {
+    if (socket_ >= 0) close(socket_);
+  }
+  Stranger(Stranger&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
+  Stranger& operator=(Stranger&&) = delete;
 
   bool say(const std::string& text) const {
     return send(socket_, text.data(), text.size(), MSG_NOSIGNAL) == std::ssize(text);
   }
   void halfClose() const { shutdown(socket_, SHUT_WR); }
-  void reset() const {
+  void closeWithReset() {
     const linger at{1, 0};
     setsockopt(socket_, SOL_SOCKET, SO_LINGER, &at, sizeof at);
+    close(std::exchange(socket_, -1));
   }
   // Whatever comes until the helper closes.
-  std::string listen() const {
+  std::string listen() {
     std::string heard;
     char bytes[512];
     for (ssize_t count = 1; count > 0;) {
       count = recv(socket_, bytes, sizeof bytes, 0);
+      end_ = count < 0 ? errno : 0;
       heard.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
     return heard;
   }
+  int end() const { return end_; }  // 0: an orderly one
 
  private:
   int socket_;
+  int end_ = 0;
 };
 
 struct Abuse : TakeTest {
+  static void flood(const Stranger& one) {
+    while (one.say("{\"type\":\"ack\",\"frame_id\":18446744073709551615}\n")) continue;
+  }
   std::string hello() const { return R"({"type":"hello","token":")" + token + "\"}\n"; }
 };
 
@@ -59,32 +69,42 @@ TEST_F(Abuse, StrangersGetNothingAndCostTheOthersNothing) {
   const Watcher watcher(connectClient());
   startTake();
   std::jthread camera([this] { feedPaced(300, 60); });
-  const std::function<void(Stranger&)> ways[] = {
-      [](Stranger& one) { one.halfClose(); },
-      [](Stranger& one) { one.reset(); },
-      [](Stranger& one) {
-        for (const char letter : std::string("{\"type\":\"hel")) {
-          one.say({letter});
-          std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-      },
-      [](Stranger& one) {
-        for (int i = 0; i < 1024 && one.say(std::string(4096, 'x')); ++i) continue;
-      },
-      [](Stranger& one) {
-        while (one.say("{\"type\":\"ack\",\"frame_id\":1}\n")) continue;
-      },
-      [](Stranger& one) {
-        one.say(R"({"type":"hello","token":"end-to-end-token-012345678"})"
-                "\n");
-      },
-      [this](Stranger& one) { one.say(hello().insert(hello().size() - 1, 1, '\0')); }};
-  for (const auto& way : ways) {
+  const std::pair<const char*, std::function<void(Stranger&)>> ways[] = {
+      {"half-closes", [](Stranger& one) { one.halfClose(); }},
+      {"resets", [](Stranger& one) { one.closeWithReset(); }},
+      {"drips",
+       [](Stranger& one) {
+         for (const char letter : std::string("{\"type\":\"hel")) {
+           one.say({letter});
+           std::this_thread::sleep_for(std::chrono::milliseconds(100));
+         }
+       }},
+      {"sends no line feed",
+       [](Stranger& one) {
+         for (int i = 0; i < 1024 && one.say(std::string(4096, 'x')); ++i) continue;
+       }},
+      {"floods", [this](Stranger& one) { flood(one); }},
+      {"guesses",
+       [](Stranger& one) {
+         one.say(R"({"type":"hello","token":"end-to-end-token-012345678"})"
+                 "\n");
+       }},
+      {"hides a zero",
+       [this](Stranger& one) { one.say(hello().insert(hello().size() - 1, 1, '\0')); }}};
+  for (const auto& [name, behave] : ways) {
+    SCOPED_TRACE(name);
     Stranger one(port);
-    way(one);
+    behave(one);
     EXPECT_EQ(one.listen(), "");
   }
-  for (int i = 0; i < 1000; ++i) Stranger(port).reset();
+  for (int i = 0; i < 500; ++i) Stranger(port).closeWithReset();
+  std::vector<Stranger> crowd;
+  for (int i = 0; i < 500; ++i) crowd.emplace_back(port);
+  for (Stranger& one : crowd) EXPECT_EQ(one.listen(), "");
+  Stranger admitted(port);
+  admitted.say(hello());
+  flood(admitted);  // what it acknowledges it never got
+  while (!admitted.listen().empty()) continue;
   camera.join();
   const int before = watcher.frames();
   feedPaced(10, 60);
@@ -96,6 +116,17 @@ TEST_F(Abuse, StrangersGetNothingAndCostTheOthersNothing) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(tools::peakMegabytes(helper->pid()), 200);
 #endif
+}
+
+TEST_F(Abuse, AClientThatReadsNothingIsResetSoThatNothingStaysInTheKernel) {
+  start();
+  Stranger one(port);
+  one.say(hello());
+  waitForStatistics([](const Event& event) { return event["clients"] == 1; });
+  feedPaced(60, 60);
+  waitForStatistics([](const Event& event) { return event["dropped_peers"] == 1; });
+  one.listen();
+  EXPECT_EQ(one.end(), ECONNRESET);
 }
 
 TEST_F(Abuse, AParentThatIsGoneCostsNoTake) {
@@ -127,16 +158,30 @@ TEST_F(Abuse, AStoppedProcessGoesOn) {
 TEST_F(Abuse, AfterATakeThatADiskRefusesTheNextOneWorks) {
   const std::filesystem::path place = folder / "place";
   std::filesystem::create_directory(place);
-  if (mount("tmpfs", place.c_str(), "tmpfs", MS_RDONLY, "") != 0) GTEST_SKIP() << "cannot mount";
   start();
-  path = place / "take.mp4";
-  startTake();
-  feedPaced(3, 60);
-  EXPECT_EQ(waitForTake("failed")["error"], "Read-only file system");
+  const auto expectFailure = [&](const char* reason) {
+    turnTo(place / "take.mp4");
+    startTake();
+    feedPaced(60, 60);
+    EXPECT_EQ(waitForTake("failed")["error"], reason);
+    EXPECT_TRUE(std::filesystem::is_empty(place));
+  };
+  const auto expectTake = [&] {
+    turnTo(place / "take.mp4");
+    take(30, 60);
+    EXPECT_EQ(decodeErrors(path), "");
+    std::filesystem::remove(path);
+  };
+  rlimit usual{};
+  const rlimit small{1000, RLIM_INFINITY};
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &small, &usual), 0);
+  expectFailure("File too large");
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &usual, nullptr), 0);
+  expectTake();
+  if (mount("tmpfs", place.c_str(), "tmpfs", MS_RDONLY, "") != 0) GTEST_SKIP() << "cannot mount";
+  expectFailure("Read-only file system");
   umount2(place.c_str(), MNT_DETACH);
-  turnTo(place / "take.mp4");
-  take(30, 60);
-  EXPECT_EQ(decodeErrors(path), "");
+  expectTake();
 }
 
 }  // namespace

@@ -41,6 +41,9 @@ TEST_F(Input, ListensWhereItIsTold) {
   expectRefusal({"--host", "not a host"}, token,
                 R"({"type":"error","message":"video listener initialization failed"})");
   start({"--host", "localhost"});
+  // Not silently on another address of that name.
+  const auto named = std::move(helper);
+  expectRefusal({"--host", "localhost", "--port", std::to_string(port)}, token, failed);
 }
 
 TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {

@@ -2,7 +2,7 @@
 // to the files of one folder.
 //
 //   LUMORA_FAULT      "KIND:N[:ERRNO]", comma separated: the N-th call of that kind (0: every one)
-//                     from `main` on fails
+//                     from `main` on fails, or, with -S for ERRNO, takes S seconds
 //   LUMORA_FAULT_HIT  a file that is made when it has come to such an N-th call
 //   LUMORA_DISK_LOG   where the calls for files in LUMORA_DISK_FOLDER are written down
 
@@ -27,6 +27,9 @@
 #include "tests/faults/disk_log.h"
 
 extern "C" {
+struct AVCodecContext;
+struct AVFrame;
+int avcodec_send_frame(AVCodecContext* to, const AVFrame* frame);
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
 void* __libc_realloc(void*, std::size_t);
@@ -71,6 +74,7 @@ bool fails(const char* kind, int usualError) {
     if (std::strcmp(fault.kind.data(), kind) != 0) continue;
     if (++fault.calls != fault.nth && fault.nth != 0) continue;
     if (fault.nth != 0) noteHit();
+    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;
     errno = fault.error != 0 ? fault.error : usualError;
     return true;
   }
@@ -172,6 +176,7 @@ FAULT(int, timerfd_settime, (int timer, int flags, const itimerspec* to, itimers
 FAULT(int, pipe, (int ends[2]) noexcept, (ends), EMFILE, -1)
 FAULT(int, link, (const char* from, const char* to) noexcept, (from, to), EPERM, -1)
 FAULT(int, unlink, (const char* path) noexcept, (path), EACCES, -1)
+FAULT(int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* frame), (to, frame), EIO, -EIO)
 FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO, -1)
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),

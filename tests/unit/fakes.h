@@ -364,7 +364,7 @@ struct FakeMovies final : Movies, CanFail {
 
 struct FakeFiles final : FileManager, CanFail {
   using CanFail::CanFail;
-  bool exists(const std::string&) const override { return next(Call::exists) != 0; }
+  bool isTaken(const std::string&) const override { return next(Call::exists) != 0; }
   bool move(const std::string& from, const std::string& to) override {
     if (next(Call::move) != 0) return false;
     moves.emplace_back(from, to);

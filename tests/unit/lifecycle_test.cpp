@@ -1,5 +1,6 @@
 // Start, readiness, shutdown, and how often statistics are reported.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 
+#include "system/posix_process.h"
 #include "system/system_platform.h"
 #include "tests/unit/probe.h"
 
@@ -156,6 +158,22 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
   EXPECT_EXIT(hang(true), testing::ExitedWithCode(7), "flushing");
   EXPECT_EXIT(hang(false), testing::ExitedWithCode(0), "asked for");
+}
+
+TEST(SystemProcess, EnlargesAPipeAndNeverShrinksIt) {
+  const int standardInput = dup(STDIN_FILENO);
+  for (const auto& [before, after] : {std::pair{1 << 16, 1 << 20}, {1 << 21, 1 << 21}}) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    if (fcntl(ends[0], F_SETPIPE_SZ, before) != before) continue;  // takes a privilege
+    dup2(ends[0], STDIN_FILENO);
+    const PosixProcess process;
+    EXPECT_EQ(fcntl(ends[0], F_GETPIPE_SZ), after);
+    close(ends[0]);
+    close(ends[1]);
+  }
+  dup2(standardInput, STDIN_FILENO);
+  close(standardInput);
 }
 
 }  // namespace

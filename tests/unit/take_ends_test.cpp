@@ -41,6 +41,23 @@ TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
   EXPECT_EQ(events("finishing").size(), 1u);
 }
 
+// A session whose take was given up while its frame was in flight is not the next take's.
+TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
+  start({{"started_at", 1000.0}, {"resolution", "640x360"}, {"target_fps", 30}});
+  frame(1001.0, true);
+  probe.clock->now = 1001.1;
+  probe.feed(++lastID);
+  FakeSession& abandoned = probe.lastSession();
+  send({{"type", "record_stop"}, {"stopped_at", 999.9}});
+  EXPECT_EQ(failure(), "recording stop time is invalid");
+  start({{"resolution", "1920x1080"}, {"target_fps", 60}});
+  abandoned.answer(0, deltaSample());
+  probe.run();
+  EXPECT_TRUE(abandoned.invalidated);
+  ASSERT_TRUE(frame(1001.2, true));
+  EXPECT_EQ(probe.lastSession().size, (PictureSize{1920, 1080}));
+}
+
 TEST_F(Takes, StopsThatMakeNoSense) {
   start({{"started_at", 1000.0}});
   EXPECT_TRUE(
