@@ -24,20 +24,26 @@ double millisecondsSince(SteadyClock::time_point start) {
 // What the threads of a run share.
 class Board {
  public:
-  void wrote(std::uint64_t frame) {
+  // The next frame is about to be written under this id.
+  void captured(std::uint64_t id) {
     const std::lock_guard hold(mutex_);
-    written_.resize(frame + 1);
-    written_[frame] = SteadyClock::now();
-    progress_.fed = frame;
+    ids_.push_back(id);
   }
 
-  void received(std::uint64_t frame, std::size_t bytes) {
+  void wrote() {
+    const std::lock_guard hold(mutex_);
+    written_.push_back(SteadyClock::now());
+    progress_.fed = written_.size();
+  }
+
+  void received(std::uint64_t id, std::size_t bytes) {
     const std::lock_guard hold(mutex_);
     ++progress_.received;
     progress_.bytes += bytes;
+    const auto at = static_cast<std::size_t>(std::ranges::lower_bound(ids_, id) - ids_.begin());
     // The packet may overtake the writer's own note of the time: then there was no latency.
-    progress_.latency = frame < written_.size() ? millisecondsSince(written_[frame]) : 0;
-    deliveries_.push_back({frame, progress_.latency});
+    progress_.latency = at < written_.size() ? millisecondsSince(written_[at]) : 0;
+    deliveries_.push_back({at + 1, progress_.latency});
   }
 
   void reported(const client::Event& event) {
@@ -59,6 +65,7 @@ class Board {
 
  private:
   mutable std::mutex mutex_;
+  std::vector<std::uint64_t> ids_;
   std::vector<SteadyClock::time_point> written_;
   std::vector<Delivery> deliveries_;
   RunProgress progress_;
@@ -96,8 +103,10 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
     std::this_thread::sleep_until(start + std::chrono::duration_cast<SteadyClock::duration>(
                                               std::chrono::duration<double>(due)));
     if (options.beforeFrame) options.beforeFrame(helper, number);
-    if (!helper.writeFrame(source.size(), number, rgba)) break;
-    board.wrote(number);
+    const std::uint64_t id = client::frameID(client::uptime());
+    board.captured(id);
+    if (!helper.writeFrame(source.size(), id, rgba)) break;
+    board.wrote();
     if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
       progress(board.progress());
     }

@@ -42,7 +42,7 @@ struct RunProgress {
 
 // A frame packet as one client got it.
 struct Delivery {
-  std::uint64_t frame = 0;
+  std::uint64_t frame = 0;  // its number, from 1
   double milliseconds = 0;  // from the frame's last byte written to its packet received
 };
 
