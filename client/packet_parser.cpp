@@ -74,6 +74,26 @@ StreamConfiguration parseConfiguration(ByteView payload) {
   return configuration;
 }
 
+std::vector<std::uint8_t> avcDecoderConfiguration(const StreamConfiguration& configuration) {
+  constexpr std::uint8_t version = 1;
+  constexpr std::uint8_t lengthsOfFourBytes = 0xFC | 3;
+  constexpr std::uint8_t oneSequenceSet = 0xE0 | 1;
+  const auto& sequence = configuration.sequenceParameterSet;
+  const auto& picture = configuration.pictureParameterSet;
+  if (sequence.size() < 4) throw std::runtime_error("sequence parameter set too short");
+  std::vector<std::uint8_t> record = {version,     sequence[1],        sequence[2],
+                                      sequence[3], lengthsOfFourBytes, oneSequenceSet};
+  const auto append = [&record](const std::vector<std::uint8_t>& set) {
+    record.push_back(static_cast<std::uint8_t>(set.size() >> 8));
+    record.push_back(static_cast<std::uint8_t>(set.size()));
+    record.insert(record.end(), set.begin(), set.end());
+  };
+  append(sequence);
+  record.push_back(1);  // picture parameter set
+  append(picture);
+  return record;
+}
+
 std::vector<std::uint8_t> toAnnexB(const Packet& packet) {
   std::vector<std::uint8_t> stream;
   if (packet.type == Packet::Type::configuration) {

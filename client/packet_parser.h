@@ -46,6 +46,10 @@ struct StreamConfiguration {
 // Throws std::runtime_error when the payload is not a configuration.
 StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
+// The "avcC" record that decoders and containers want beside NAL units with lengths of four bytes
+// (ISO/IEC 14496-15, 5.3.3.1).
+std::vector<std::uint8_t> avcDecoderConfiguration(const StreamConfiguration& configuration);
+
 // The packet's NAL units behind start codes, as decoders and ".h264" files want them. Throws
 // std::runtime_error on a malformed payload.
 std::vector<std::uint8_t> toAnnexB(const Packet& packet);
