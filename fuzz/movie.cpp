@@ -58,7 +58,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
       std::ranges::count_if(timings, [&](const MovieTiming& one) { return one.time < end; }));
   require((status == WriterStatus::completed) == (inside > 0));
   if (inside == 0) return;
-  const Read read = readMovie(bytes);
+  const MovieContents read = readMovie(bytes);
   require(read.opened && read.times.size() == inside);
   for (std::size_t i = 0; i < inside; ++i) require(read.times[i] == timings[i].time);
   require(read.duration ==
@@ -69,7 +69,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
   std::size_t before = 0;
   const std::size_t step = 1 + bytes.size() / 4 + input.ConsumeIntegralInRange(0, 511);
   for (std::size_t cut = step; cut < bytes.size(); cut += step) {
-    const Read part = readMovie(ByteView(bytes).first(cut));
+    const MovieContents part = readMovie(ByteView(bytes).first(cut));
     require(part.opened && part.times.size() >= before);
     before = part.times.size();
   }

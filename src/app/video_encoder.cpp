@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "app/event.h"
-#include "base/insist.h"
 #include "base/limits.h"
+#include "base/out_of_memory.h"
 #include "encode/session_settings.h"
 #include "record/recording_profile.h"
 
@@ -97,7 +97,7 @@ void VideoEncoder::fail(const std::string& message) {
 }
 
 void VideoEncoder::requestShutdown() {
-  insist([this] {
+  retryUntilAllocated([this] {
     if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 0);
     platform.stateQueue->async([weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->shutdown(0);
@@ -106,7 +106,7 @@ void VideoEncoder::requestShutdown() {
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
-  insist([&] {
+  retryUntilAllocated([&] {
     if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 1);
     platform.stateQueue->async([weak = weak_from_this(), message] {
       if (const auto self = weak.lock()) self->fail(message);
@@ -123,7 +123,7 @@ void VideoEncoder::shutdown(int code) {
   pendingMovieStop = uptime();
   finishMovieIfReady();
   // Without memory for it the watchdog does the same, if less tidily.
-  attempt([&] {
+  bestEffort([&] {
     platform.stateQueue->asyncAfter(shutdownTimeout,
                                     [self = shared_from_this(), code] { self->exitNow(code); });
   });
@@ -132,7 +132,7 @@ void VideoEncoder::shutdown(int code) {
 void VideoEncoder::exitNow(int code) {
   if (!running) return;
   running = false;
-  attempt([this] { closeEverything(); });
+  bestEffort([this] { closeEverything(); });
   platform.process->exit(code);
 }
 

@@ -129,8 +129,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // record/
   void startRecording(const Json& command);
   void stopRecording(const Json& command);
-  void makeRecorder(const Json& command, const RecordingProfile& profile,
-                    std::optional<double> startedAt);
+  void beginTake(const Json& command, const RecordingProfile& profile,
+                 std::optional<double> startedAt);
   void relayRecording(const TakeEvent& event, std::uint64_t take);
   void movieFinished();
   bool isTakeStopping() const;
@@ -184,7 +184,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // encode/: the recording session, made for one take and one camera size.
   std::shared_ptr<CompressionSession> recordingSession;
-  std::uint64_t recordingSessionTake = 0;  // its number among `takes`; ids may come again
+  std::uint64_t recordingSessionTake = 0;  // counted by `takesStarted`; ids may come again
   std::int64_t recordingWidth = 0;
   std::int64_t recordingHeight = 0;
   std::int64_t recordingSourceWidth = 0;
@@ -207,8 +207,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<MovieRecorder> movie;
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
-  std::uint64_t takes = 0;                 // that were started
-  std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
+  std::uint64_t takesStarted = 0;
+  std::optional<TakeEvent> movieStatus;  // the last recording event, of the latest take
 
   // diag/: when the last reports went out, in uptime seconds.
   double lastStats = 0;

@@ -66,20 +66,20 @@ void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop) {
   }
 }
 
-void giveFreedMemoryBack() {
+void trimHeap() {
 #if defined(__GLIBC__)
   malloc_trim(0);
 #endif
 }
 
-void giveFreedMemoryBackBeyondNeed() {
+void trimHeapBeyondNeed() {
   constexpr std::size_t mostKilobytes = std::size_t{150} << 10;
   std::size_t all = 0;
   std::size_t pages = 0;
   std::ifstream statm("/proc/self/statm");
   if (!(statm >> all >> pages)) return;
   if (pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024 > mostKilobytes) {
-    giveFreedMemoryBack();
+    trimHeap();
   }
 }
 

@@ -24,10 +24,10 @@ constexpr std::size_t hugePage = std::size_t{2} << 20;  // bytes
 void useHugePages(std::uint8_t* from, std::size_t bytes);
 
 // Gives free memory back to the system. Any thread.
-void giveFreedMemoryBack();
+void trimHeap();
 
 // The same, where the process holds more than it will need: takes of many sizes, one after the
 // other, leave free memory in pieces that none of the next ones fits into.
-void giveFreedMemoryBackBeyondNeed();
+void trimHeapBeyondNeed();
 
 }  // namespace lumora

@@ -37,9 +37,9 @@ Status encodeGrey(LibavEncoder& encoder, const EncoderSpec& spec, const EncoderS
   return status;
 }
 
-Opened openNow(const OpenEncoder& open, const EncoderSpec& spec, const EncoderSettings& settings,
-               int pictures) {
-  Opened opened;
+OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
+                   const EncoderSettings& settings, int pictures) {
+  OpenResult opened;
   opened.status = open(spec, settings, opened.encoder);
   if (opened.status == 0 && pictures > 0) {
     opened.status = encodeGrey(*opened.encoder, spec, settings, pictures);
@@ -49,9 +49,9 @@ Opened openNow(const OpenEncoder& open, const EncoderSpec& spec, const EncoderSe
 }
 
 // On a thread that is left behind with its driver should that hang.
-std::future<Opened> openElsewhere(const OpenEncoder& open, const EncoderSpec& spec,
-                                  const EncoderSettings& settings, int pictures) {
-  std::packaged_task<Opened()> task([open, spec, settings, pictures] {
+std::future<OpenResult> openElsewhere(const OpenEncoder& open, const EncoderSpec& spec,
+                                      const EncoderSettings& settings, int pictures) {
+  std::packaged_task<OpenResult()> task([open, spec, settings, pictures] {
     nameThread("lumora.driver");
     return openNow(open, spec, settings, pictures);
   });
@@ -64,8 +64,8 @@ std::future<Opened> openElsewhere(const OpenEncoder& open, const EncoderSpec& sp
 
 bool isHardware(const AVCodec& codec) { return std::strcmp(codec.name, softwareEncoder) != 0; }
 
-Opened openBy(OpeningClock::time_point deadline, const OpenEncoder& open, const EncoderSpec& spec,
-              const EncoderSettings& settings, int pictures) {
+OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
+                  const EncoderSpec& spec, const EncoderSettings& settings, int pictures) {
   try {
     if (!isHardware(*spec.codec)) return openNow(open, spec, settings, pictures);
     if (OpeningClock::now() >= deadline) return {AVERROR(ETIMEDOUT)};

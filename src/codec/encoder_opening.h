@@ -17,7 +17,7 @@ using OpenEncoder = std::function<Status(const EncoderSpec&, const EncoderSettin
                                          std::unique_ptr<LibavEncoder>& encoder)>;
 
 // An encoder, or why there is none: an AVERROR.
-struct Opened {
+struct OpenResult {
   Status status = 0;
   std::unique_ptr<LibavEncoder> encoder = {};
   bool isSubstitute = false;  // in place of the one that was asked for
@@ -28,8 +28,8 @@ bool isHardware(const AVCodec& codec);
 
 // Opens an encoder and has it encode a few grey `pictures`, or as many as show that its driver
 // serves it; AVERROR(ETIMEDOUT) when that is not done by the deadline.
-Opened openBy(OpeningClock::time_point deadline, const OpenEncoder& open, const EncoderSpec& spec,
-              const EncoderSettings& settings, int pictures);
+OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
+                  const EncoderSpec& spec, const EncoderSettings& settings, int pictures);
 
 // Touches the memory of a pixel buffer for a session of these settings.
 void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings);

@@ -4,10 +4,10 @@
 
 namespace lumora {
 
-Opened EncoderSource::take(const EncoderSettings& settings) const {
+OpenResult EncoderSource::take(const EncoderSettings& settings) const {
   const auto deadline = OpeningClock::now() + longestOpening;
   if (auto spare = spares->take(settings, deadline)) return {0, std::move(spare)};
-  Opened opened = openBy(deadline, open, spec, settings, 0);
+  OpenResult opened = openBy(deadline, open, spec, settings, 0);
   // A driver that hangs would hang in closing, too.
   if (opened.status != 0 && opened.status != AVERROR(ETIMEDOUT) && spares->closeAll()) {
     opened = openBy(deadline, open, spec, settings, 0);
@@ -20,7 +20,7 @@ Opened EncoderSource::take(const EncoderSettings& settings) const {
   return opened;
 }
 
-void EncoderSource::giveBack(const EncoderSettings& settings, Opened opened) const {
+void EncoderSource::giveBack(const EncoderSettings& settings, OpenResult opened) const {
   if (!opened.isSubstitute) spares->give(settings, std::move(opened.encoder));
 }
 

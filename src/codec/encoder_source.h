@@ -13,9 +13,9 @@ struct EncoderSource {
 
   // A spare encoder or a new one, within a second: spare ones of other settings make room for it
   // where a driver serves no more, then the substitute takes its place.
-  Opened take(const EncoderSettings& settings) const;
+  OpenResult take(const EncoderSettings& settings) const;
   // Keeps a sound encoder for the next session; a substitute shall not stand in its way.
-  void giveBack(const EncoderSettings& settings, Opened opened) const;
+  void giveBack(const EncoderSettings& settings, OpenResult opened) const;
   // Opens the spare encoder that is wanted.
   void openWanted() const;
 };

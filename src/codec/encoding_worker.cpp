@@ -5,7 +5,7 @@
 #include <thread>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "base/process_heap.h"
 #include "base/thread_name.h"
 
@@ -53,16 +53,16 @@ void EncodingWorker::stop() {
 
 void EncodingWorker::run(const EncoderSource& source, const EncoderSettings& settings) {
   {
-    Opened opened = source.take(settings);
-    attempt([&] {
+    OpenResult opened = source.take(settings);
+    bestEffort([&] {
       if (encodeAll(opened)) source.giveBack(settings, std::move(opened));
     });
   }
-  attempt(giveFreedMemoryBackBeyondNeed);
+  bestEffort(trimHeapBeyondNeed);
 }
 
 // Until stopped; whether the encoder never failed.
-bool EncodingWorker::encodeAll(const Opened& opened) {
+bool EncodingWorker::encodeAll(const OpenResult& opened) {
   LibavEncoder* encoder = opened.encoder.get();
   bool sound = encoder != nullptr;
   std::unique_lock hold(mutex_);

@@ -34,7 +34,7 @@ class EncodingWorker {
  private:
   EncodingWorker() = default;
   void run(const EncoderSource& source, const EncoderSettings& settings);
-  bool encodeAll(const Opened& opened);
+  bool encodeAll(const OpenResult& opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "codec/libav_session.h"
 
 namespace lumora {
@@ -23,8 +23,8 @@ const AVCodec* chooseEncoder(const std::vector<std::string>& names, EncoderSourc
     const auto open = [&](const EncoderSettings& settings) {
       return openBy(deadline, source.open, source.spec, settings, picturesToWarm);
     };
-    if (Opened opened = open(preview); opened.encoder) {
-      attempt([&] { source.giveBack(preview, std::move(opened)); });
+    if (OpenResult opened = open(preview); opened.encoder) {
+      bestEffort([&] { source.giveBack(preview, std::move(opened)); });
       return source.spec.codec;
     }
     if (open(take).encoder) return source.spec.codec;
@@ -62,7 +62,7 @@ void LibavEncoders::choose(const EncoderSettings& preview, const EncoderSettings
   chosenBy_ = OpeningClock::now() + patience * longestOpening;
   opener_->async([self = shared_from_this(), preview, take] {
     const AVCodec* codec = nullptr;
-    attempt([&] { codec = chooseEncoder(self->choice_.names, self->source_, preview, take); });
+    bestEffort([&] { codec = chooseEncoder(self->choice_.names, self->source_, preview, take); });
     self->chosen_.set_value(codec);
   });
 }
@@ -84,13 +84,13 @@ void LibavEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSettin
     self->source_.spares->wantFirst(likeliest);
     self->openInBackground(std::nullopt);
   };
-  attempt([&] { dispatch_->runDetached("lumora.memory", touch); });
+  bestEffort([&] { dispatch_->runDetached("lumora.memory", touch); });
 }
 
 void LibavEncoders::openAhead(const EncoderSettings& settings) {
   needed_.request_stop();  // what is touched by now is needed by now
   source_.spares->want(settings);
-  attempt([&] { openInBackground(settings); });
+  bestEffort([&] { openInBackground(settings); });
 }
 
 // Opens what is wanted, then touches a buffer for a session with settings of `buffer`.

@@ -20,7 +20,7 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
   LibavEncoders(EncoderChoice choice, std::shared_ptr<SerialQueue> stateQueue,
                 std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
                 OpenEncoder open = LibavEncoder::open,
-                std::function<void()> giveMemoryBack = giveFreedMemoryBack);
+                std::function<void()> giveMemoryBack = trimHeap);
   void choose(const EncoderSettings& preview, const EncoderSettings& take) override;
   void whenChosen(Work work) override;
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 
 namespace lumora {
 
@@ -32,7 +32,7 @@ std::optional<EncoderSettings> SpareEncoders::beginOpening() {
 
 void SpareEncoders::endOpening(const EncoderSettings& settings,
                                std::unique_ptr<LibavEncoder> encoder) {
-  if (encoder) attempt([&] { give(settings, std::move(encoder)); });
+  if (encoder) bestEffort([&] { give(settings, std::move(encoder)); });
   const std::lock_guard hold(mutex_);
   opening_.reset();
   opened_.notify_all();

@@ -25,7 +25,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
 }
 
 void VideoEncoder::prepareRecordingSession(const RawFrame& frame, const MovieRecorder& take) {
-  if (recordingSession && recordingSessionTake != takes) resetRecordingSession();
+  if (recordingSession && recordingSessionTake != takesStarted) resetRecordingSession();
   if (recordingSession) {
     if (frame.width == recordingSourceWidth && frame.height == recordingSourceHeight) return;
     throw EncoderFailure::message("camera recording dimensions changed during this take");
@@ -33,7 +33,7 @@ void VideoEncoder::prepareRecordingSession(const RawFrame& frame, const MovieRec
   const RecordingProfile& profile = take.profile;
   recordingSession =
       compressionSession(profile.width, profile.height, /*recording=*/true, profile.targetFPS);
-  recordingSessionTake = takes;
+  recordingSessionTake = takesStarted;
   recordingWidth = profile.width;
   recordingHeight = profile.height;
   recordingSourceWidth = frame.width;

@@ -6,7 +6,7 @@ namespace lumora {
 
 void VideoEncoder::releaseRaw() {
   raw.release();
-  if (recordingSession && (!movie || recordingSessionTake != takes)) resetRecordingSession();
+  if (recordingSession && (!movie || recordingSessionTake != takesStarted)) resetRecordingSession();
   finishMovieIfReady();
 }
 

@@ -49,7 +49,7 @@ bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> fo
   format_ = std::move(format);
   Bytes start = movieStart(*format_, created_);
   fileSize_ = start.size();
-  disk_->write(std::move(start), {}, largestMovieEnd(*format_, tables_));
+  disk_->write(std::move(start), {}, maximumMovieEndBytes(*format_, tables_));
   return true;
 }
 
@@ -89,7 +89,8 @@ void HybridMovieWriter::flushFragment() {
   tables_.addChunk(fileSize_ + start.size(), samples_);
   fileSize_ += start.size() + payload_.size();
   const std::size_t usual = payload_.size();
-  disk_->write(std::move(start), std::exchange(payload_, {}), largestMovieEnd(*format_, tables_));
+  disk_->write(std::move(start), std::exchange(payload_, {}),
+               maximumMovieEndBytes(*format_, tables_));
   payload_.reserve(usual + usual / 4);
   samples_.clear();
 }

@@ -350,7 +350,7 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
 
 Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created) {
   Bytes bytes;
-  bytes.reserve(largestMovieEnd(format, tables));
+  bytes.reserve(maximumMovieEndBytes(format, tables));
   {
     const Box box(bytes, "moov");
     movieHeader(bytes, tables.duration(), created);
@@ -359,7 +359,7 @@ Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::
   return bytes;
 }
 
-std::uint64_t largestMovieEnd(const FormatDescription& format, const MovieTables& tables) {
+std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables) {
   constexpr std::uint64_t fixedBoxes = 1024;  // and a little more
   // Every sample with a duration of its own, every chunk with a count of its own.
   return fixedBoxes + format.parameterSet(0).bytes.size() + format.parameterSet(1).bytes.size() +

@@ -34,7 +34,7 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
 Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created);
 
 // At least as many bytes as that takes, wherever the movie ends.
-std::uint64_t largestMovieEnd(const FormatDescription& format, const MovieTables& tables);
+std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables);
 
 // An `mdat` header for `size` bytes, itself included; as long as the placeholder.
 Bytes wideMediaDataHeader(std::uint64_t size);

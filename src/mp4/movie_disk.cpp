@@ -3,7 +3,7 @@
 #include <thread>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "base/thread_name.h"
 
@@ -106,7 +106,7 @@ void MovieDisk::carryOut(const Step& step, ByteSink& sink) {
   try {
     step(sink);
   } catch (const std::exception& error) {
-    end(WriterStatus::failed, insist([&] { return reasonOf(error); }));
+    end(WriterStatus::failed, retryUntilAllocated([&] { return reasonOf(error); }));
   }
 }
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "picture/box_reduction.h"
 
 namespace lumora {
@@ -47,7 +47,7 @@ void SystemImageConverter::resample(const ImageView& source, const MutableImageV
   if (source.width * source.height < pixelsForTwoThreads) {
     return resampler.run(source, destination, 0, height, upper_);
   }
-  if (!secondThread_) attempt([this] { secondThread_ = std::make_unique<SecondThread>(); });
+  if (!secondThread_) bestEffort([this] { secondThread_ = std::make_unique<SecondThread>(); });
   if (!secondThread_) return resampler.run(source, destination, 0, height, upper_);
   secondThread_->runBoth([&] { resampler.run(source, destination, 0, height / 2, upper_); },
                          [&] { resampler.run(source, destination, height / 2, height, lower_); });

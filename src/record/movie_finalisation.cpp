@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
@@ -44,14 +44,14 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
     status(TakeState::finishing, end, "", path);
     finishWriting(end, completion);
   } catch (const std::exception& reason) {
-    failure(insist([&] { return reasonOf(reason); }));
+    failure(retryUntilAllocated([&] { return reasonOf(reason); }));
     completion();
   }
 }
 
 void MovieRecorder::finishWriting(double end, const std::function<void()>& completion) {
   writer->finishWriting(movieUnits(end), [self = shared_from_this(), end, completion] {
-    insist([&] {
+    retryUntilAllocated([&] {
       self->queue->async([self, end, completion] {
         self->movieEnded(end);
         completion();
@@ -62,13 +62,14 @@ void MovieRecorder::finishWriting(double end, const std::function<void()>& compl
 
 void MovieRecorder::movieEnded(double end) {
   if (writer->status() == WriterStatus::completed) return saveCompletedMovie(end);
-  failure(insist([&] { return writer->error().value_or("recording finalization failed"); }));
+  failure(retryUntilAllocated(
+      [&] { return writer->error().value_or("recording finalization failed"); }));
 }
 
 // Whatever the names allow: a complete movie is never given up for its name.
 void MovieRecorder::saveCompletedMovie(double duration) {
   if (platform.files->move(staging, path)) return status(TakeState::saved, duration, "", path);
-  const std::string recovery = insist([&] { return recoveryPath(path, id); });
+  const std::string recovery = retryUntilAllocated([&] { return recoveryPath(path, id); });
   if (platform.files->move(staging, recovery)) {
     return status(TakeState::saved, duration,
                   "Final filename was unavailable. Completed video saved at the recovery path "
@@ -86,7 +87,8 @@ void MovieRecorder::abort(const std::string& message) {
     const std::lock_guard hold(lock);
     accepting = false;
   }
-  insist([&] { queue->async([self = shared_from_this(), message] { self->failure(message); }); });
+  retryUntilAllocated(
+      [&] { queue->async([self = shared_from_this(), message] { self->failure(message); }); });
 }
 
 }  // namespace lumora

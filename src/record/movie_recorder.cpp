@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_timing.h"
@@ -73,7 +73,7 @@ void MovieRecorder::writeJob(HeldSample next) {
     try {
       holdBack(std::move(next));
     } catch (const std::exception& reason) {
-      failure(insist([&] { return reasonOf(reason); }));
+      failure(retryUntilAllocated([&] { return reasonOf(reason); }));
     }
   }
   const std::lock_guard hold(lock);
@@ -143,7 +143,7 @@ void MovieRecorder::pruneRecentWrites(double now) {
 
 void MovieRecorder::status(TakeState state, double duration, const std::string& error,
                            const std::string& outputPath) {
-  insist([&] { report(describe(state, duration, error, outputPath)); });
+  retryUntilAllocated([&] { report(describe(state, duration, error, outputPath)); });
 }
 
 TakeEvent MovieRecorder::describe(TakeState state, double duration, const std::string& error,

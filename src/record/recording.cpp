@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "record/recording_command.h"
 #include "record/recording_profile.h"
@@ -38,21 +38,21 @@ void VideoEncoder::startRecording(const Json& command) {
   TakeReport report{id, TakeState::starting, *path, profile->targetFPS};
   movieStatus = makeTakeEvent(report);
   emit(movieStatus->json);
-  ++takes;
+  ++takesStarted;
   try {
-    makeRecorder(command, *profile, startedAt);
+    beginTake(command, *profile, startedAt);
   } catch (const std::exception& error) {
     report.state = TakeState::failed;
     report.error = reasonOf(error);
-    relayRecording(makeTakeEvent(report), takes);
+    relayRecording(makeTakeEvent(report), takesStarted);
   }
 }
 
-void VideoEncoder::makeRecorder(const Json& command, const RecordingProfile& profile,
-                                std::optional<double> startedAt) {
+void VideoEncoder::beginTake(const Json& command, const RecordingProfile& profile,
+                             std::optional<double> startedAt) {
   // Another take of the same id may follow: only the latest has a say.
   const auto relay = [weak = weak_from_this(), queue = platform.stateQueue,
-                      take = takes](const TakeEvent& event) {
+                      take = takesStarted](const TakeEvent& event) {
     queue->async([weak, take, event] {
       if (const auto self = weak.lock()) self->relayRecording(event, take);
     });
@@ -81,7 +81,7 @@ void VideoEncoder::stopRecording(const Json& command) {
 }
 
 void VideoEncoder::relayRecording(const TakeEvent& event, std::uint64_t take) {
-  if (take != takes || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
+  if (take != takesStarted || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
   movieStatus = event;
   emit(event.json);
   // While the take is being finalised its end clears it: see `movieFinished`.
@@ -104,13 +104,13 @@ void VideoEncoder::finishMovieIfReady() {
   // No frame is in flight, so every sample of the take has reached the recorder.
   resetRecordingSession();
   const auto finished = [weak = weak_from_this(), queue = platform.stateQueue] {
-    insist([&] {
+    retryUntilAllocated([&] {
       queue->async([weak] {
         if (const auto self = weak.lock()) self->movieFinished();
       });
     });
   };
-  insist([&] { movie->finish(*pendingMovieStop, finished); });
+  retryUntilAllocated([&] { movie->finish(*pendingMovieStop, finished); });
 }
 
 void VideoEncoder::movieFinished() {

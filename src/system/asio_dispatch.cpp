@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "base/thread_name.h"
 
@@ -49,7 +49,7 @@ class AsioTimer final : public TimerSource {
         const auto now = std::chrono::steady_clock::now();
         const auto due = state->timer.expiry() + state->interval;
         state->timer.expires_at(due > now ? due : now + state->interval);
-        insist([&] { arm(state); });
+        retryUntilAllocated([&] { arm(state); });
         state->handler();
       });
     }
@@ -75,7 +75,7 @@ struct AsioQueue::Core {
         context.run();
         return;
       } catch (const std::exception& error) {
-        if (failed) insist([&] { failed(reasonOf(error)); });
+        if (failed) retryUntilAllocated([&] { failed(reasonOf(error)); });
       }
     }
   }
@@ -117,7 +117,7 @@ std::unique_ptr<TimerSource> AsioDispatch::makeTimer(double interval, Work handl
 void AsioDispatch::runDetached(const std::string& label, Work work) {
   std::thread([label, work = std::move(work)] {
     nameThread(label);
-    attempt(work);
+    bestEffort(work);
   }).detach();
 }
 

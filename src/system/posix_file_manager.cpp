@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "base/directory.h"
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 
 namespace lumora {
 namespace {
@@ -53,7 +53,7 @@ class PosixFileManager::PendingRemovals {
     names_.insert(std::move(name));
   }
   void remove(const std::string& path) {
-    const auto name = insist([&] { return nameOf(path); });
+    const auto name = retryUntilAllocated([&] { return nameOf(path); });
     const std::lock_guard hold(mutex_);
     names_.erase(name);
   }
@@ -83,7 +83,7 @@ bool PosixFileManager::isTaken(const std::string& path) const {
 bool PosixFileManager::move(const std::string& from, const std::string& to) {
   if (!moveUnlessExists(from.c_str(), to.c_str())) return false;
   // It is there, whatever becomes of the wish to have it safe.
-  attempt([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
+  bestEffort([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
   return true;
 }
 

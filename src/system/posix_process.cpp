@@ -10,7 +10,7 @@
 #include <csignal>
 #include <utility>
 
-#include "base/insist.h"
+#include "base/out_of_memory.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -61,7 +61,7 @@ class AsioSignal final : public SignalSource {
     static void arm(const std::shared_ptr<State>& state) {
       state->signals.async_wait([state](const boost::system::error_code& error, int) {
         if (error) return;
-        insist([&] { arm(state); });
+        retryUntilAllocated([&] { arm(state); });
         state->handler();
       });
     }

@@ -117,7 +117,7 @@ TEST(EncoderSource, MakesRoomForASessionBeforeSoftwareTakesItsPlaceForOnce) {
   if (source.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   source.giveBack(preview, source.take(preview));
   driver->behaviour = Driver::refusesOnce;
-  Opened opened = source.take(take);
+  OpenResult opened = source.take(take);
   EXPECT_EQ(driver->opened, 2);
   EXPECT_FALSE(opened.isSubstitute);
   driver->behaviour = Driver::refusesOnce;  // and there is no room to be made

@@ -149,7 +149,7 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
     movie.fill(100);
     movie.finish(end);
     EXPECT_EQ(movie.writer.status(), WriterStatus::completed);
-    const Read read = readMovie(movie.disk->bytes);
+    const MovieContents read = readMovie(movie.disk->bytes);
     EXPECT_EQ(read.duration, end);
     EXPECT_EQ(read.times.size(), samples);
     EXPECT_EQ(read.durations.back(), last);
@@ -185,7 +185,7 @@ TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
     // libavformat refuses every file that ends inside a `moof`, from the track's header on. No
     // crash leaves one: see the next test.
     if (cut >= last.offset + 40 && cut < last.offset + last.size) continue;
-    const Read read = readMovie(ByteView(bytes).first(cut));
+    const MovieContents read = readMovie(ByteView(bytes).first(cut));
     ASSERT_TRUE(read.opened) << cut;
     ASSERT_GE(read.times.size(), 60u) << cut;
     ASSERT_EQ(read.times[59], 59000) << cut;

@@ -32,7 +32,7 @@ std::int64_t seekTo(void* opaque, std::int64_t offset, int whence) {
   return position = std::clamp<std::int64_t>(offset, 0, std::ssize(bytes));
 }
 
-void readPackets(AVFormatContext& format, Read& read) {
+void readPackets(AVFormatContext& format, MovieContents& read) {
   AVPacket* packet = av_packet_alloc();
   while (av_read_frame(&format, packet) == 0) {
     const bool whole =
@@ -49,7 +49,7 @@ void readPackets(AVFormatContext& format, Read& read) {
 
 }  // namespace
 
-Read readMovie(ByteView bytes) {
+MovieContents readMovie(ByteView bytes) {
   constexpr int bufferBytes = 4096;
   av_log_set_level(AV_LOG_QUIET);
   Source source{bytes};
@@ -57,7 +57,7 @@ Read readMovie(ByteView bytes) {
                                           bufferBytes, 0, &source, readSome, nullptr, seekTo);
   AVFormatContext* format = avformat_alloc_context();
   format->pb = input;
-  Read read;
+  MovieContents read;
   if (avformat_open_input(&format, "movie.mp4", nullptr, nullptr) == 0 && format->nb_streams == 1) {
     read.opened = true;
     read.duration = format->streams[0]->duration;

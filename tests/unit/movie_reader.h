@@ -7,7 +7,7 @@
 
 namespace lumora {
 
-struct Read {
+struct MovieContents {
   bool opened = false;
   std::int64_t duration = 0;  // of the stream
   std::vector<std::int64_t> times;
@@ -17,6 +17,6 @@ struct Read {
 
 // What libavformat reads of a whole movie, of whose packets only those count that carry what tests
 // write, in whole samples.
-Read readMovie(ByteView bytes);
+MovieContents readMovie(ByteView bytes);
 
 }  // namespace lumora

@@ -13,7 +13,7 @@ namespace lumora {
 // For what must happen: does `step` again and again until there is memory for it. A step that threw
 // std::bad_alloc has done nothing.
 template <typename Step>
-auto insist(Step step) {
+auto retryUntilAllocated(Step step) {
   for (;;) {
     try {
       return step();
@@ -25,7 +25,7 @@ auto insist(Step step) {
 
 // For what is only of advantage.
 template <typename Step>
-void attempt(Step step) {
+void bestEffort(Step step) {
   try {
     step();
   } catch (const std::exception&) {  // it goes without
