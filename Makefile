@@ -1,6 +1,7 @@
 # The front door. Each verb installs what it needs, as root or with sudo.
 #
 #   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera)
+#   make view    the same picture, live in a browser, with a button to record
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
 #   make bench   measure the helper beside other tools and beside what bounds it (half an hour)
 #   make fuzz    look for input that breaks it (MINUTES for each of six fuzzers)
@@ -13,7 +14,7 @@ OUT ?= out
 SECONDS_FED ?= 10
 MINUTES ?= 1
 
-.PHONY: demo test bench fuzz soak lint fresh format dependencies clean
+.PHONY: demo view test bench fuzz soak lint fresh format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -22,6 +23,12 @@ demo: dependencies
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-demo lumora-tap
 	build/release/tools/lumora-demo build/release/src/lumora-video $(OUT) $(SECONDS_FED)
+	@echo '  To watch it live in a browser: make view'
+
+view: dependencies
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-view
+	@build/release/tools/lumora-view --demo --helper build/release/src/lumora-video --folder $(OUT)
 
 test: dependencies
 	scripts/test.sh $(JOBS)

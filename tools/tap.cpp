@@ -103,12 +103,17 @@ int tap(const Options& options) {
   Output output(options);
   std::string problem =
       "the helper does not admit us: is the token right, are two others watching?";
-  for (double since = uptime(); uptime() - since < options.patience;) {
+  double since = uptime();  // the last that was received, or the start
+  for (;;) {
     try {
-      if (copyStream(options, output)) since = uptime();
+      if (copyStream(options, output)) {
+        since = uptime();
+        problem = "the stream has ended";
+      }
     } catch (const std::system_error& error) {  // nobody listens there
       problem = error.what();
     }
+    if (uptime() - since >= options.patience) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
   }
   std::fprintf(stderr, "%s\n", problem.c_str());

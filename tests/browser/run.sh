@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the browser test. Where there is no Chromium or no npm registry it ends with 77 ("skipped");
+# Runs a browser test: run.sh TEST ARGUMENTS... Where there is no Chromium or no npm registry it ends with 77 ("skipped");
 # in CI, which must not pass by skipping, with 1.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -20,4 +20,4 @@ command -v npm >/dev/null || giveUp "needs npm"
 if [ ! "$here/node_modules/.package-lock.json" -nt "$here/package-lock.json" ]; then
   (cd "$here" && npm ci --no-audit --no-fund --silent) || giveUp "the packages can't be installed"
 fi
-exec node "$here/take_test.mjs" "$1" "$2" "$chromium"
+exec node "$here/$1" "${@:2}" "$chromium"

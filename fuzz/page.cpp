@@ -1,0 +1,27 @@
+// Whatever comes to the viewer from a browser: what a page says, what is asked of the web server.
+
+#include <cstdlib>
+
+#include "tools/viewer/page_messages.h"
+#include "tools/viewer/web_rules.h"
+
+namespace {
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace lumora::viewer;
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  parsePageMessage(text);
+  const WebRules rules(1, "0123456789abcdef");
+  require(!rules.resource("127.0.0.1:1", {}, text) || text.starts_with("/0123456789abcdef/"));
+  require(!rules.allowsSocket(text) || text == "http://127.0.0.1:1" ||
+          text == "http://localhost:1");
+  const ByteRange range = parseRange(text, 1000);
+  require(range.first <= 1000 && range.length <= 1000 - range.first);
+  return 0;
+}

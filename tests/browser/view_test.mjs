@@ -1,0 +1,230 @@
+// The viewer in Chromium: what the page shows is true, takes can be made from it, a page that stands
+// still costs nobody anything, and nobody else gets in.
+//
+//   node view_test.mjs HELPER VIEW TAP CHROMIUM      SCREENSHOTS names a folder for pictures of the page
+
+import assert from 'node:assert/strict';
+import { execFileSync, spawn } from 'node:child_process';
+import { once } from 'node:events';
+import fs from 'node:fs';
+import http from 'node:http';
+import os from 'node:os';
+import path from 'node:path';
+import readline from 'node:readline';
+import { after, before, test } from 'node:test';
+import { setTimeout as sleep } from 'node:timers/promises';
+import { chromium } from 'playwright-core';
+import { startParent } from '../parent.mjs';
+
+const [helper, view, tap, browserPath] = process.argv.slice(2);
+const screenshots = process.env.SCREENSHOTS;
+const programs = [];
+const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-view-'));
+let browser;
+
+before(async () => {
+  browser = await chromium.launch({
+    executablePath: browserPath,
+    args: ['--no-sandbox', '--disable-background-networking', '--use-gl=angle', '--use-angle=swiftshader',
+      '--enable-unsafe-swiftshader', '--ignore-gpu-blocklist'],
+  });
+});
+after(async () => {
+  await browser.close();
+  programs.forEach((program) => program.kill('SIGKILL'));
+  fs.rmSync(folder, { recursive: true });
+});
+
+async function startView(options, environment = {}) {
+  const program = spawn(view, options, {
+    stdio: ['ignore', 'pipe', 'inherit'], env: { ...process.env, ...environment },
+  });
+  programs.push(program);
+  const lines = readline.createInterface({ input: program.stdout });
+  const [address] = await once(lines, 'line');
+  const rest = [];
+  lines.on('line', (line) => rest.push(line));
+  return { program, address, rest };
+}
+
+async function end({ program }) {
+  const exited = once(program, 'exit');
+  program.kill('SIGINT');
+  return (await exited)[0];
+}
+
+const figure = (page, id) => page.locator(`#${id}`).evaluate((node) => Number(node.dataset.value));
+const until = (page, condition) => page.waitForFunction(condition, null, { timeout: 20000 });
+const untilTake = (page, state) =>
+  page.waitForFunction((wanted) => document.getElementById('take-state').dataset.value === wanted, state,
+    { timeout: 20000 });
+
+async function openPage(address, options) {
+  const page = await browser.newPage(options);
+  page.on('pageerror', (error) => assert.fail(error));
+  await page.goto(address);
+  await until(page, () => document.getElementById('connection').dataset.state === 'live');
+  return page;
+}
+
+// Colours along a line across the picture, 0 (top) to 1.
+const colours = (page, y) => page.evaluate((at) => {
+  const canvas = document.getElementById('picture');
+  const { data } = canvas.getContext('2d').getImageData(0, Math.floor(at * canvas.height), canvas.width, 1);
+  return Array.from({ length: 64 }, (_, i) => [...data.subarray(i * 40, i * 40 + 3)]);
+}, y);
+
+const bars = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 0, 255], [255, 0, 0], [0, 0, 255],
+  [32, 32, 32]];
+const isBar = (colour) => bars.some((bar) => bar.every((value, i) => Math.abs(value - colour[i]) <= 6));
+
+// Reads the test card's clock from the canvas, now and then, since reading takes longer than drawing: how
+// old a picture is by what it shows.
+function readClock() {
+  const glyphs = [0xE, 0x4, 0xE, 0x1F, 0x2, 0x1F, 0x6, 0x1F, 0xE, 0xE];
+  const rows = [[0x11, 0x13, 0x15, 0x19, 0x11, 0xE], [0xC, 4, 4, 4, 4, 0xE], [0x11, 1, 2, 4, 8, 0x1F],
+    [2, 4, 2, 1, 0x11, 0xE], [6, 0xA, 0x12, 0x1F, 2, 2], [0x10, 0x1E, 1, 1, 0x11, 0xE], [8, 0x10, 0x1E, 0x11, 0x11, 0xE],
+    [1, 2, 4, 8, 8, 8], [0x11, 0x11, 0xE, 0x11, 0x11, 0xE], [0x11, 0x11, 0xF, 1, 2, 0xC]];
+  const names = new Map(rows.map((rest, digit) => [[glyphs[digit], ...rest].join(), String(digit)]));
+  names.set('0,4,4,0,4,4,0', ':').set('0,0,0,0,0,12,12', '.');
+  globalThis.readings = [];
+  const draw = CanvasRenderingContext2D.prototype.drawImage;
+  let drawings = 0;
+  CanvasRenderingContext2D.prototype.drawImage = function (...all) {
+    draw.apply(this, all);
+    const now = performance.timeOrigin + performance.now();
+    drawings += 1;
+    if (this.canvas.id !== 'picture' || drawings % 25 !== 0) return;
+    const dot = Math.max(Math.floor(this.canvas.height / 90), 1);
+    const { data } = this.getImageData(this.canvas.width >> 4, this.canvas.height >> 4, 60 * dot, 9 * dot);
+    const lit = (x, y) => data[((y + 0.5) * dot | 0) * 60 * dot * 4 + ((x + 0.5) * dot | 0) * 4] > 128;
+    let text = '';
+    for (let cell = 0; cell < 10; cell += 1) {
+      text += names.get([...Array(7)].map((_, row) =>
+        [16, 8, 4, 2, 1].reduce((sum, bit, i) => sum + (lit(cell * 6 + 1 + i, row + 1) ? bit : 0), 0)).join()) ?? '?';
+    }
+    const [, minutes, seconds] = /^(\d+):(\d\d\.\d{3})/.exec(text) ?? [];
+    if (minutes) globalThis.readings.push({ now, captured: (minutes * 60 + Number(seconds)) * 1000 });
+  };
+}
+
+test('a helper of its own', async () => {
+  const viewer = await startView(['--demo', '--helper', helper, '--folder', folder, '--size', '640x360']);
+  const page = await openPage(viewer.address, { viewport: { width: 1280, height: 800 } });
+
+  const top = await colours(page, 0.03);
+  assert.ok(top.filter(isBar).length > 50, JSON.stringify(top));
+  assert.equal(new Set(top.map((colour) => bars.findIndex((bar) => isBar(colour) && bar.every((v, i) => Math.abs(v - colour[i]) <= 6)))).size >= 8, true);
+  assert.ok((await colours(page, 0.97)).filter(isBar).length < 20, 'the card lies the right way up');
+  const shown = await figure(page, 'shown');
+  await until(page, () => document.getElementById('fps').dataset.value > 20);
+  assert.ok(await figure(page, 'shown') > shown);
+  assert.notDeepEqual(await colours(page, 0.03), top);
+
+  await page.evaluate(readClock);
+  await page.waitForFunction(() => globalThis.readings.length > 20, null, { timeout: 60000 });
+  const wallToUptime = Number(process.hrtime.bigint()) / 1e6 - (performance.timeOrigin + performance.now());
+  const { readings, claimed } = await page.evaluate(() => ({
+    readings: globalThis.readings.filter(({ now }) => now > globalThis.readings.at(-1).now - 5000),
+    claimed: Number(document.getElementById('latency-median').dataset.value), // of five seconds
+  }));
+  const ages = readings.map(({ now, captured }) => now + wallToUptime - captured).sort((a, b) => a - b);
+  const age = ages[ages.length >> 1];
+  assert.ok(Math.abs(age - claimed) <= 10, `the page says ${claimed} ms, the card ${age}`);
+  console.log(`latency: the page says ${claimed.toFixed(1)} ms, the card's clock ${age.toFixed(1)} ms`);
+
+  const second = await browser.newPage();
+  await second.goto(viewer.address);
+  await second.getByText('Another page').first().waitFor();
+  await second.close();
+
+  await page.locator('#take-folder').fill(path.join(folder, 'nowhere'));
+  await page.locator('#take-start').click();
+  await page.getByText('There is no folder').first().waitFor();
+  await page.locator('#take-folder').fill(folder);
+  await page.locator('#take-resolution').selectOption('640x360');
+  await page.locator('#take-start').click();
+  await untilTake(page, 'recording');
+  await sleep(1500);
+  await page.locator('#take-stop').click();
+  await untilTake(page, 'saved');
+  const movie = await page.locator('#take-path').textContent();
+  assert.equal(execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie, '-f', 'null', '-']).toString(), '');
+  await page.locator('#take-movie').evaluate((video) => video.play());
+  await page.waitForFunction(() => document.getElementById('take-movie').currentTime > 0.3);
+  const part = await fetch(await page.locator('#take-movie').evaluate((video) => video.currentSrc),
+    { headers: { Range: 'bytes=4-7' } });
+  assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
+
+  await page.screenshot({ path: path.join(screenshots ?? folder, 'desktop.png') });
+  await page.emulateMedia({ colorScheme: 'dark' });
+  await page.screenshot({ path: path.join(screenshots ?? folder, 'dark.png') });
+  await page.setViewportSize({ width: 390, height: 844 });
+  await page.screenshot({ path: path.join(screenshots ?? folder, 'phone.png') });
+
+  await page.locator('#take-start').click();
+  await untilTake(page, 'recording');
+  assert.equal(await end(viewer), 0);  // a running take is saved, and said
+  assert.match(viewer.rest.at(-1), /^Saved .*\.mp4$/);
+  execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', viewer.rest.at(-1).slice(6), '-f', 'null', '-']);
+  await page.close();
+});
+
+// The status of a request with these headers.
+const statusOf = (address, headers, target = new URL(address).pathname) => new Promise((resolve, reject) => {
+  const request = http.get({ host: '127.0.0.1', port: new URL(address).port, path: target, headers }, (response) => {
+    response.resume();
+    resolve(response.statusCode);
+  });
+  request.on('upgrade', (response, socket) => { socket.destroy(); resolve(response.statusCode); });
+  request.on('error', reject);
+});
+
+test('somebody else\'s helper', async () => {
+  const token = 'token-of-the-parent-0123';
+  const parent = await startParent(helper, token);
+  programs.push(parent.program);
+  const viewer = await startView(['--port', String(parent.port)], { TAVO_VIDEO_TOKEN: token });
+  const other = spawn(tap, [String(parent.port)], {
+    stdio: ['ignore', fs.openSync(path.join(folder, 'other.h264'), 'w'), 'inherit'],
+    env: { ...process.env, TAVO_VIDEO_TOKEN: token },
+  });
+  programs.push(other);
+  const page = await openPage(viewer.address);
+  await page.getByText('Only the application that started the helper').first().waitFor();
+  assert.equal(await page.locator('#take-start').isDisabled(), true);
+
+  const debug = await page.context().newCDPSession(page);
+  await debug.send('Debugger.enable');
+  await debug.send('Debugger.pause');
+  await sleep(2000);
+  const recorded = fs.statSync(path.join(folder, 'other.h264')).size;
+  await debug.send('Debugger.resume');
+  await debug.send('Debugger.disable');
+  const shown = await figure(page, 'shown');
+  await page.waitForFunction((before) => Number(document.getElementById('shown').dataset.value) > before + 30, shown);
+  assert.ok(await figure(page, 'skipped') > 0);
+  assert.equal(await figure(page, 'restarts'), 0);
+  assert.ok(fs.statSync(path.join(folder, 'other.h264')).size > recorded);
+  assert.equal(parent.statistics.dropped_peers, 0);
+  assert.equal(parent.statistics.clients, 2);
+
+  const { origin, host } = new URL(viewer.address);
+  const socket = { Connection: 'Upgrade', Upgrade: 'websocket', 'Sec-WebSocket-Version': 13,
+    'Sec-WebSocket-Key': 'AAAAAAAAAAAAAAAAAAAAAA==' };
+  const at = `${new URL(viewer.address).pathname}socket`;
+  assert.equal(await statusOf(viewer.address, {}), 200);
+  assert.equal(await statusOf(viewer.address, { ...socket, Origin: origin }, at), 101);
+  for (const [headers, target] of [[{ Host: 'evil.example' }], [{ Origin: 'http://evil.example' }], [{}, '/'],
+    [{}, '/guess/'], [{}, `${new URL(viewer.address).pathname}../main.js`], [{}, `${at.replace('socket', 'takes/a.mp4')}`],
+    [{ ...socket, Origin: 'http://evil.example' }, at], [socket, at], [{ ...socket, Origin: origin }, '/socket'],
+    [{ ...socket, Origin: origin, Host: `evil.example:${host.split(':')[1]}` }, at]]) {
+    assert.equal(await statusOf(viewer.address, headers, target), 404, JSON.stringify([headers, target]));
+  }
+
+  parent.program.stdin.end();
+  await page.getByText('The helper has closed the stream').first().waitFor();
+  assert.equal(await end(viewer), 0);
+  other.kill();
+  await page.close();
+});

@@ -1,0 +1,35 @@
+import { spawn } from 'node:child_process';
+import { once } from 'node:events';
+import readline from 'node:readline';
+
+// A parent in small: starts a helper and feeds it a grey that grows lighter, at most 60 times a second.
+// `ids` are those of the frames that were fed.
+export async function startParent(helper, token) {
+  const program = spawn(helper, [], {
+    stdio: ['pipe', 'pipe', 'inherit'], env: { ...process.env, TAVO_VIDEO_TOKEN: token },
+  });
+  const parent = { program, statistics: {}, ids: [] };
+  const lines = readline.createInterface({ input: program.stdout });
+  lines.on('line', (line) => {
+    const event = JSON.parse(line);
+    if (event.type === 'stats') parent.statistics = event;
+    if (event.type === 'ready') lines.emit('ready', event);
+  });
+  parent.port = (await once(lines, 'ready'))[0].port;
+  const frame = Buffer.alloc(16 + 640 * 360 * 4);
+  let shade = 0;
+  parent.timer = setInterval(() => {
+    if (program.stdin.writableLength > 0) return;
+    frame.fill(shade = (shade + 1) % 256, 16);
+    frame.writeUInt32BE(frame.length - 16, 0);
+    frame.writeUInt16BE(640, 4);
+    frame.writeUInt16BE(360, 6);
+    const id = process.hrtime.bigint() / 1000n;
+    frame.writeBigUInt64BE(id, 8);
+    parent.ids.push(Number(id));
+    program.stdin.write(frame);
+  }, 16);
+  program.on('exit', () => clearInterval(parent.timer));
+  program.stdin.on('error', () => {});
+  return parent;
+}

@@ -1,0 +1,35 @@
+// The last events as a list, the newest first.
+
+const kept = 50;
+
+export class EventList {
+  #list;
+  #newest = { text: '', times: 0 };
+
+  constructor(list) {
+    this.#list = list;
+  }
+
+  // The same sentence over and over takes one line.
+  add(text, tone = 'plain') {
+    const isSame = text === this.#newest.text;
+    this.#newest = { text, times: isSame ? this.#newest.times + 1 : 1 };
+    if (isSame) this.#list.firstElementChild.remove();
+    this.#list.prepend(this.#line(tone));
+    while (this.#list.childElementCount > kept) this.#list.lastElementChild.remove();
+  }
+
+  #line(tone) {
+    const now = new Date();
+    const time = document.createElement('time');
+    time.dateTime = now.toISOString();
+    time.textContent = now.toLocaleTimeString('en-GB');
+    const words = document.createElement('span');
+    const { text, times } = this.#newest;
+    words.textContent = times > 1 ? `${text} (${times} times)` : text;
+    const line = document.createElement('li');
+    line.dataset.tone = tone;
+    line.append(time, words);
+    return line;
+  }
+}

@@ -1,0 +1,136 @@
+// Starting and stopping takes, what becomes of them, and the finished movie.
+
+import { element, showCount, showFigure } from './dom.js';
+import { duration, takeProblem } from './sentences.js';
+
+const states = {
+  none: 'No take yet',
+  asked: 'Asking the helper',
+  starting: 'Starting',
+  recording: 'Recording',
+  finishing: 'Finishing',
+  saved: 'Saved',
+  failed: 'Failed',
+};
+const running = ['asked', 'starting', 'recording', 'finishing'];
+
+export class Takes {
+  #send;
+  #isOwner = false;
+  #state = 'none';
+
+  constructor(send) {
+    this.#send = send;
+    element('take-form').addEventListener('submit', (submission) => {
+      submission.preventDefault();
+      this.#start();
+    });
+    element('take-stop').addEventListener('click', () => send({ type: 'stop' }));
+    element('take-copy').addEventListener('click', () => copyPath());
+    element('take-movie').addEventListener('error', () => {
+      showProblem('The movie cannot be played here. The file itself is complete.');
+    });
+    this.#showState('none');
+  }
+
+  sessionBegan({ mode, folder }) {
+    this.#isOwner = mode === 'owner';
+    if (!element('take-folder').value && folder) element('take-folder').value = folder;
+    const reason = 'Only the application that started the helper can record takes and hears its events.';
+    element('take-reason').textContent = this.#isOwner ? '' : reason;
+    this.#enable();
+  }
+
+  sessionEnded() {
+    this.#isOwner = false;
+    if (this.#state === 'asked') this.#showState('none');
+    this.#enable();
+  }
+
+  // The "recording" event of the helper.
+  eventCame(event) {
+    if (!(event.state in states)) throw new Error('a take in an unknown state');
+    this.#showState(event.state);
+    showFigure('take-duration', event.duration, duration(event.duration));
+    for (const key of ['frames', 'dropped', 'throttled']) showCount(`take-${key}`, event[key]);
+    if (event.state === 'failed') showProblem(takeProblem(event.error));
+    if (event.state === 'saved') showMovie(event);
+  }
+
+  refused(message) {
+    if (this.#state === 'asked') this.#showState('none');
+    showProblem(message);
+  }
+
+  #start() {
+    const folder = element('take-folder').value.trim();
+    if (!folder.startsWith('/')) {
+      element('take-folder').focus();
+      showProblem('Give the whole path of the folder, beginning with “/”.');
+      return;
+    }
+    const command = {
+      type: 'start',
+      resolution: element('take-resolution').value,
+      target_fps: Number(element('take-rate').value),
+      folder,
+    };
+    if (element('take-steady').checked) command.cadence = 'steady';
+    this.#showState('asked');
+    this.#send(command);
+  }
+
+  #showState(state) {
+    this.#state = state;
+    if (running.includes(state)) {
+      showProblem('');
+      hideMovie();
+    }
+    showFigure('take-state', state, states[state]);
+    this.#enable();
+  }
+
+  // One of the two buttons is there, with the focus that the other one had.
+  #enable() {
+    const isRunning = running.includes(this.#state);
+    const [start, stop] = [element('take-start'), element('take-stop')];
+    const [shown, hidden] = isRunning ? [stop, start] : [start, stop];
+    const hadFocus = document.activeElement === hidden;
+    shown.hidden = false;
+    hidden.hidden = true;
+    start.disabled = stop.disabled = !this.#isOwner;
+    element('take-fields').disabled = !this.#isOwner || isRunning;
+    if (hadFocus) shown.focus();
+  }
+}
+
+function showProblem(text) {
+  element('take-problem').textContent = text;
+}
+
+function showMovie({ id, path, error }) {
+  const movie = element('take-movie');
+  const source = `takes/${encodeURIComponent(id)}.mp4`;
+  if (movie.getAttribute('src') === source) return;
+  movie.src = source;
+  showFigure('take-path', path);
+  showProblem(error);
+  element('take-result').hidden = false;
+}
+
+function hideMovie() {
+  element('take-result').hidden = true;
+  element('take-movie').removeAttribute('src');
+  element('take-movie').load();
+  element('take-copied').textContent = '';
+}
+
+async function copyPath() {
+  try {
+    await navigator.clipboard.writeText(element('take-path').textContent);
+    element('take-copied').textContent = 'Copied';
+  } catch {
+    getSelection().selectAllChildren(element('take-path'));
+    element('take-copied').textContent = 'Selected; copy it with Ctrl+C';
+  }
+}

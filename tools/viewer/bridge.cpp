@@ -1,0 +1,215 @@
+#include "tools/viewer/bridge.h"
+
+#include <boost/asio/post.hpp>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "client/uptime.h"
+
+namespace lumora::viewer {
+namespace asio = boost::asio;
+using client::uptime;
+
+namespace {
+
+constexpr std::chrono::milliseconds tickInterval{50};
+constexpr std::chrono::milliseconds timeForGoodbye{300};
+
+// As it came: see client/packet_parser.h.
+PageSocket::Message bytesOf(const client::Packet& packet) {
+  std::vector<std::uint8_t> bytes;
+  const auto number = [&bytes](std::uint64_t value, int size) {
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
+      bytes.push_back(static_cast<std::uint8_t>(value >> shift));
+    }
+  };
+  bytes.reserve(packet.payload.size() + 14);
+  number(packet.payload.size() + 10, 4);
+  number(static_cast<std::uint8_t>(packet.type), 1);
+  number(packet.frameID, 8);
+  number(packet.keyframe ? 1 : 0, 1);
+  bytes.insert(bytes.end(), packet.payload.begin(), packet.payload.end());
+  return std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes));
+}
+
+}  // namespace
+
+Bridge::Bridge(asio::io_context& context) : context_(context), timer_(context) { tick(); }
+
+void Bridge::join(const HelperAddress& helper) {
+  session_ = {{"type", "session"},
+              {"mode", "guest"},
+              {"helper", helper.host + ":" + std::to_string(helper.port)}};
+  connectTo(helper);
+}
+
+void Bridge::own(const client::LaunchOptions& launch, std::unique_ptr<tools::FrameSource> source,
+                 int framesPerSecond, std::string folder) {
+  session_ = {{"type", "session"},
+              {"mode", "owner"},
+              {"folder", std::move(folder)},
+              {"helper", launch.program}};
+  token_ = launch.token;
+  const Camera::Handlers handlers{.event =
+                                      [this](const std::string& line) {
+                                        asio::post(context_, [this, line] { eventCame(line); });
+                                      },
+                                  .ended =
+                                      [this](const client::ExitStatus& status) {
+                                        asio::post(context_,
+                                                   [this, status] { helperEnded(status); });
+                                      }};
+  camera_ = std::make_unique<Camera>(launch, std::move(source), framesPerSecond, handlers);
+}
+
+WebHandlers Bridge::webHandlers() {
+  return {.pageJoined = [this](const std::shared_ptr<PageSocket>& page) { pageJoined(page); },
+          .movie = [this](const std::string& name) { return takes_.movie(name); }};
+}
+
+void Bridge::pageJoined(const std::shared_ptr<PageSocket>& page) {
+  if (page_) {
+    page->sendText(
+        Json{{"type", "busy"}, {"message", "Another page is open on this viewer. Close it first."}}
+            .dump());
+    return page->close();
+  }
+  page_ = page;
+  page->onMessage = [this](std::string_view text) { pageSpoke(text); };
+  page->onClosed = [this] {
+    page_.reset();
+    flow_.pageLeft();
+  };
+  flow_.pageJoined();
+  tell(session_);
+  for (const auto& [type, event] : latestEvents_) tell({{"type", "event"}, {"event", event}});
+  if (!ended_.is_null()) tell(ended_);
+}
+
+void Bridge::pageSpoke(std::string_view text) {
+  flow_.pageSpoke();
+  const auto message = parsePageMessage(text);
+  if (!message) return refuse("The viewer does not understand this page.");
+  std::visit([this](const auto& said) { obey(said); }, *message);
+}
+
+void Bridge::obey(const Shown& message) { acknowledge(flow_.shown(message.frameID)); }
+
+void Bridge::obey(const Ping& message) {
+  tell({{"type", "pong"}, {"sent", message.sent}, {"clock", client::frameID(uptime())}});
+}
+
+void Bridge::obey(const StartTake& message) {
+  if (!camera_) return refuse("Only the application that started the helper can record.");
+  std::string problem;
+  const auto command = takes_.start(message, uptime(), problem);
+  if (!command) return refuse(problem);
+  camera_->command(*command);
+}
+
+void Bridge::obey(const StopTake&) {
+  const auto command = takes_.stop(uptime());
+  if (command && camera_) camera_->command(*command);
+}
+
+void Bridge::connectTo(const HelperAddress& helper) {
+  stream_ = std::make_unique<StreamSource>(
+      helper, StreamSource::Handlers{
+                  .packet =
+                      [this](client::Packet packet) {
+                        asio::post(context_,
+                                   [this, packet = std::move(packet)] { packetCame(packet); });
+                      },
+                  .changed =
+                      [this](bool connected) {
+                        asio::post(context_, [this, connected] { connectionChanged(connected); });
+                      }});
+}
+
+void Bridge::packetCame(const client::Packet& packet) {
+  if (packet.type == client::Packet::Type::configuration) {
+    configuration_ = bytesOf(packet);
+  } else {
+    frameCame(packet);
+  }
+}
+
+void Bridge::frameCame(const client::Packet& packet) {
+  const auto decision = flow_.frameCame(packet.frameID, packet.keyframe, uptime());
+  acknowledge(decision.acknowledge);
+  if (!decision.forward || !page_) return;
+  if (const auto withheld = flow_.takeWithheld()) {
+    tell({{"type", "skipped"}, {"frames", withheld}});
+  }
+  if (packet.keyframe && configuration_) page_->sendBytes(configuration_);
+  page_->sendBytes(bytesOf(packet));
+}
+
+void Bridge::connectionChanged(bool connected) {
+  if (camera_) return;  // its events tell more
+  ended_ = connected ? Json()
+                     : Json{{"type", "ended"},
+                            {"message", "The helper has closed the stream. Trying again."},
+                            {"status", 0}};
+  tell(connected ? session_ : ended_);
+}
+
+void Bridge::eventCame(const std::string& line) {
+  const Json event = Json::parse(line, nullptr, /*allow_exceptions=*/false);
+  if (!event.is_object()) return;
+  const std::string type = event.value("type", "");
+  if (type == "ready" && !stream_)
+    connectTo({"127.0.0.1", event.value("port", std::uint16_t{0}), token_});
+  if (type == "error") std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
+  takes_.eventCame(event);
+  latestEvents_[type] = event;
+  tell({{"type", "event"}, {"event", event}});
+}
+
+void Bridge::helperEnded(const client::ExitStatus& status) {
+  failed_ = status.code != 0 || status.signal != 0;
+  const auto saved = latestEvents_.find("recording");
+  if (saved != latestEvents_.end() && saved->second.value("state", "") == "saved") {
+    std::printf("Saved %s\n", saved->second.value("path", "").c_str());
+  }
+  const std::string how = status.signal != 0 ? "signal " + std::to_string(status.signal)
+                                             : "status " + std::to_string(status.code);
+  if (failed_) std::fprintf(stderr, "The helper has ended with %s.\n", how.c_str());
+  ended_ = {{"type", "ended"},
+            {"message", "The helper has ended with " + how + "."},
+            {"status", status.signal != 0 ? 128 + status.signal : status.code}};
+  tell(ended_);
+  finish();
+}
+
+void Bridge::end() {
+  if (std::exchange(ending_, true)) return;
+  if (camera_) return camera_->stop();  // what is left is told before its end
+  finish();
+}
+
+void Bridge::finish() {
+  if (page_) page_->close();
+  timer_.expires_after(timeForGoodbye);
+  timer_.async_wait([this](const boost::system::error_code&) { context_.stop(); });
+}
+
+void Bridge::tick() {
+  timer_.expires_after(tickInterval);
+  timer_.async_wait([this](const boost::system::error_code& error) {
+    if (error) return;
+    acknowledge(flow_.giveUp(uptime()));
+    tick();
+  });
+}
+
+void Bridge::acknowledge(std::optional<std::uint64_t> frameID) {
+  if (frameID && stream_) stream_->acknowledge(*frameID);
+}
+
+void Bridge::tell(const Json& message) {
+  if (page_) page_->sendText(message.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+}  // namespace lumora::viewer

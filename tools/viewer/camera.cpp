@@ -1,0 +1,73 @@
+#include "tools/viewer/camera.h"
+
+#include <chrono>
+#include <csignal>
+#include <utility>
+
+#include "client/uptime.h"
+
+namespace lumora::viewer {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+}  // namespace
+
+Camera::Camera(const client::LaunchOptions& launch, std::unique_ptr<tools::FrameSource> source,
+               int framesPerSecond, Handlers handlers)
+    : helper_(launch),
+      source_(std::move(source)),
+      framesPerSecond_(framesPerSecond),
+      handlers_(std::move(handlers)),
+      events_([this] { readEvents(); }),
+      feeder_([this](const std::stop_token& stop) { feed(stop); }) {}
+
+Camera::~Camera() {
+  stop();
+  if (!ended_) kill(helper_.pid(), SIGKILL);
+}
+
+void Camera::feed(const std::stop_token& stop) {
+  const auto start = Clock::now();
+  const std::chrono::duration<double> interval(1.0 / framesPerSecond_);
+  for (std::uint64_t number = 1; !stop.stop_requested(); ++number) {
+    std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(
+                                              interval * static_cast<double>(number)));
+    const double capturedAt = client::uptime();
+    const auto picture = source_->next(number, capturedAt);
+    if (picture.empty()) break;
+    writeCommands();
+    if (!helper_.writeFrame(source_->size(), client::frameID(capturedAt), picture)) break;
+  }
+  writeCommands();
+  helper_.closeInput();
+}
+
+void Camera::writeCommands() {
+  std::vector<client::Event> commands;
+  {
+    const std::lock_guard hold(mutex_);
+    commands.swap(commands_);
+  }
+  for (const client::Event& command : commands) helper_.writeCommand(command);
+}
+
+void Camera::readEvents() {
+  while (const auto line = helper_.nextLine(3600)) handlers_.event(*line);
+  // Its output has ended, so it has, or is about to.
+  for (;;) {
+    const auto status = helper_.wait(3600);
+    if (!status) continue;
+    ended_ = true;
+    return handlers_.ended(*status);
+  }
+}
+
+void Camera::command(const client::Event& command) {
+  const std::lock_guard hold(mutex_);
+  commands_.push_back(command);
+}
+
+void Camera::stop() { feeder_.request_stop(); }
+
+}  // namespace lumora::viewer

@@ -1,0 +1,155 @@
+// The viewer: shows the helper's live stream in a browser, and a take's controls where the helper
+// is its own.
+//
+//   lumora-view --demo [--helper PROGRAM] [--folder FOLDER] [--size WIDTHxHEIGHT] [--rate N]
+//       starts the helper and feeds it a test card, or the file or camera that INPUT names
+//   lumora-view --port PORT [--host ADDRESS]
+//       watches a helper that runs; TAVO_VIDEO_TOKEN is its token
+//   --listen PORT   the page's own port on this machine; without it the system chooses one
+
+#include <boost/asio/signal_set.hpp>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+
+#include "tools/ffmpeg_source.h"
+#include "tools/test_card.h"
+#include "tools/viewer/bridge.h"
+
+namespace {
+
+using namespace lumora;
+
+constexpr const char* usage =
+    "usage: lumora-view --demo [--helper PROGRAM] [--folder FOLDER] [--size WxH] [--rate N]\n"
+    "       TAVO_VIDEO_TOKEN=... lumora-view --port PORT [--host ADDRESS]\n"
+    "       --listen PORT   the page's own port\n";
+
+struct Options {
+  bool demo = false;
+  std::string helper;
+  std::string folder = ".";
+  client::FrameSize size{1280, 720};
+  int rate = 60;
+  viewer::HelperAddress address;
+  std::uint16_t listen = 0;
+};
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): before any thread
+  return value == nullptr ? "" : value;
+}
+
+template <typename Number>
+bool parse(std::string_view text, Number& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc{} && end == text.data() + text.size();
+}
+
+bool parseSize(std::string_view text, client::FrameSize& size) {
+  const auto by = text.find('x');
+  return by != std::string_view::npos && parse(text.substr(0, by), size.width) &&
+         parse(text.substr(by + 1), size.height) && size.width >= 2 && size.height >= 2 &&
+         size.width <= 1920 && size.height <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
+}
+
+bool apply(const std::string& name, const std::string& value, Options& options) {
+  if (name == "--helper")
+    options.helper = value;
+  else if (name == "--folder")
+    options.folder = value;
+  else if (name == "--host")
+    options.address.host = value;
+  else if (name == "--size")
+    return parseSize(value, options.size);
+  else if (name == "--rate")
+    return parse(value, options.rate) && options.rate > 0;
+  else if (name == "--port")
+    return parse(value, options.address.port);
+  else if (name == "--listen")
+    return parse(value, options.listen);
+  else
+    return false;
+  return true;
+}
+
+std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
+  Options options;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (arguments[i] == "--demo") {
+      options.demo = true;
+    } else if (i + 1 == arguments.size() || !apply(arguments[i], arguments[i + 1], options)) {
+      return std::nullopt;
+    } else {
+      ++i;
+    }
+  }
+  if (options.demo == (options.address.port != 0)) return std::nullopt;
+  return options;
+}
+
+// The helper beside this program, where both are installed; else where the shell would find it.
+std::string findHelper(const std::string& named) {
+  if (!named.empty()) return named;
+  std::error_code error;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto beside = self.parent_path() / "lumora-video";
+  return std::filesystem::exists(beside, error) ? beside.string() : "lumora-video";
+}
+
+std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
+  const std::string input = environment("INPUT");
+  if (input.empty()) return std::make_unique<tools::TestCard>(options.size);
+  return std::make_unique<tools::FfmpegSource>(input, options.size, options.rate);
+}
+
+int run(const Options& options) {
+  boost::asio::io_context context(1);
+  viewer::WebServer server(context, options.listen, client::makeToken());
+  viewer::Bridge bridge(context);
+  boost::asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
+  signals.async_wait([&](const boost::system::error_code& error, int) {
+    if (error) return;
+    std::signal(SIGINT, SIG_DFL);  // a second time, nothing is waited for
+    bridge.end();
+  });
+  if (options.demo) {
+    const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
+    std::filesystem::create_directories(folder);
+    bridge.own({findHelper(options.helper), client::makeToken(), {}, {}}, openSource(options),
+               options.rate, folder);
+  } else {
+    viewer::HelperAddress address = options.address;
+    address.token = environment("TAVO_VIDEO_TOKEN");
+    bridge.join(address);
+  }
+  server.start(bridge.webHandlers());
+  std::printf("%s\n", server.rules().address().c_str());
+  std::fflush(stdout);
+  context.run();
+  return bridge.hasFailed() ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto options = parseOptions({argv + 1, argv + argc});
+  if (!options) {
+    std::fputs(usage, stderr);
+    return 2;
+  }
+  if (!options->demo && environment("TAVO_VIDEO_TOKEN").empty()) {
+    std::fputs("TAVO_VIDEO_TOKEN is not set: it is the token that the helper was started with\n",
+               stderr);
+    return 2;
+  }
+  try {
+    return run(*options);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,75 @@
+#include "tools/viewer/takes.h"
+
+#include <array>
+#include <ctime>
+#include <random>
+
+namespace lumora::viewer {
+namespace {
+
+using Json = nlohmann::json;
+
+std::string randomUUID() {
+  static constexpr char digits[] = "0123456789ABCDEF";
+  std::random_device random;
+  std::string text = "xxxxxxxx-xxxx-4xxx-8xxx-xxxxxxxxxxxx";
+  for (char& character : text) {
+    if (character == 'x') character = digits[random() % 16];
+  }
+  return text;
+}
+
+// A name that nothing has: "take-20260131-093000.mp4", then "take-20260131-093000-2.mp4".
+std::filesystem::path freeName(const std::filesystem::path& folder) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  std::array<char, 32> stamp{};
+  std::strftime(stamp.data(), stamp.size(), "take-%Y%m%d-%H%M%S", &local);
+  std::filesystem::path path = folder / (std::string(stamp.data()) + ".mp4");
+  for (int i = 2; std::filesystem::exists(path); ++i) {
+    path = folder / (std::string(stamp.data()) + "-" + std::to_string(i) + ".mp4");
+  }
+  return path;
+}
+
+}  // namespace
+
+std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::string& problem) {
+  const std::filesystem::path folder(wanted.folder);
+  std::error_code error;
+  if (!folder.is_absolute() || !std::filesystem::is_directory(folder, error)) {
+    problem = "There is no folder \"" + wanted.folder + "\" (give its whole path).";
+    return std::nullopt;
+  }
+  latest_ = randomUUID();
+  Json command = {{"type", "record_start"},
+                  {"id", latest_},
+                  {"path", freeName(folder).string()},
+                  {"resolution", wanted.resolution},
+                  {"target_fps", wanted.targetFPS},
+                  {"started_at", uptime}};
+  if (wanted.steady) command["cadence"] = "steady";
+  return command;
+}
+
+std::optional<Json> Takes::stop(double uptime) const {
+  if (latest_.empty()) return std::nullopt;
+  return Json{{"type", "record_stop"}, {"id", latest_}, {"stopped_at", uptime}};
+}
+
+void Takes::eventCame(const Json& event) {
+  if (event.value("type", "") != "recording" || event.value("state", "") != "saved") return;
+  saved_[event.value("id", "")] = event.value("path", "");
+}
+
+std::optional<std::filesystem::path> Takes::movie(const std::string& name) const {
+  const std::filesystem::path wanted(name);
+  const auto found = saved_.find(wanted.stem());
+  if (wanted.extension() != ".mp4" || wanted.has_parent_path() || found == saved_.end()) {
+    return std::nullopt;
+  }
+  return found->second;
+}
+
+}  // namespace lumora::viewer
