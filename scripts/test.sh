@@ -4,9 +4,10 @@
 set -euo pipefail
 jobs=${1:-2}
 
-# The browser test plays our movies in Chromium, driven by a package from npm.
+# The browser tests drive Chromium with a package from npm; the audience's servers are Debian's.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
-scripts/install_dependencies.sh chromium clang libclang-rt-dev "${node[@]}"
+scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mod-rtmp srt-tools \
+  "${node[@]}"
 
 presets=(release asan tsan fuzz)
 for preset in "${presets[@]}"; do
