@@ -1,0 +1,17 @@
+export interface Deferred<Value> {
+  promise: Promise<Value>;
+  resolve(value: Value): void;
+  reject(error: Error): void;
+}
+
+/** Its rejection does no harm when nobody looks at it. */
+export function deferred<Value>(): Deferred<Value> {
+  let resolve!: (value: Value) => void;
+  let reject!: (error: Error) => void;
+  const promise = new Promise<Value>((fulfil, refuse) => {
+    resolve = fulfil;
+    reject = refuse;
+  });
+  promise.catch(() => undefined);
+  return { promise, resolve, reject };
+}

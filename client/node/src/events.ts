@@ -1,0 +1,106 @@
+// What the helper says, one JSON object a line. Keys are in camel case here; `raw` is the line.
+
+export interface ReadyEvent {
+  type: 'ready';
+  raw: string;
+  /** Where stream clients connect. */
+  port: number;
+  recordingWidth: number;
+  recordingHeight: number;
+  recordingHd: boolean;
+  recordingMirror: boolean;
+  recordingProfiles: boolean;
+  recordingTimebase: boolean;
+}
+
+/** Counters run from the start of the helper. */
+export interface StatsEvent extends Partial<DeliveryStats> {
+  type: 'stats';
+  raw: string;
+  clients: number;
+  pendingHello: number;
+  encodedFrames: number;
+  encodeMs: number;
+  droppedRaw: number;
+  droppedPeers: number;
+  encodeInflight: number;
+}
+
+/** Not in every report. */
+export interface DeliveryStats {
+  creditDrops: number;
+  sendDrops: number;
+  resyncWaitDrops: number;
+  idrResyncs: number;
+  ackRttMs: number;
+  ackOldestMs: number;
+  ackRttMaxMs: number;
+  maxPendingAcks: number;
+  maxUnackedObserved: number;
+  previewWidth: number;
+  previewHeight: number;
+  recordWidth: number;
+  recordHeight: number;
+  recordEncodedFrames: number;
+  recordEncodeMs: number;
+  recordEncoderFailures: number;
+  maxMovieWorkObserved: number;
+}
+
+export type TakeState = 'starting' | 'recording' | 'finishing' | 'saved' | 'failed';
+
+export interface RecordingEvent {
+  type: 'recording';
+  raw: string;
+  id: string;
+  state: TakeState;
+  path: string;
+  /** Empty, or why the take failed, or why it is saved under another name. */
+  error: string;
+  /** Seconds; final from `finishing` on. */
+  duration: number;
+  frames: number;
+  dropped: number;
+  width: number;
+  height: number;
+  /** These three are missing when a start was refused. */
+  throttled?: number;
+  targetFps?: number;
+  recentFps?: number;
+}
+
+/** The helper's last words before it ends with status 1. */
+export interface ErrorEvent {
+  type: 'error';
+  raw: string;
+  message: string;
+}
+
+/** A line of a newer helper. */
+export interface UnknownEvent {
+  type: 'unknown';
+  raw: string;
+}
+
+export type HelperEvent = ReadyEvent | StatsEvent | RecordingEvent | ErrorEvent | UnknownEvent;
+
+const knownTypes = ['ready', 'stats', 'recording', 'error'];
+
+const camelCase = (key: string) =>
+  key.replace(/_(.)/g, (_, letter: string) => letter.toUpperCase());
+
+function parseFields(line: string): Record<string, unknown> {
+  try {
+    const entries = Object.entries(JSON.parse(line) as object);
+    return Object.fromEntries(entries.map(([key, value]) => [camelCase(key), value]));
+  } catch {
+    return {};
+  }
+}
+
+export function parseEvent(line: string): HelperEvent {
+  const fields = parseFields(line);
+  return knownTypes.includes(fields['type'] as string)
+    ? ({ ...fields, raw: line } as unknown as HelperEvent)
+    : { type: 'unknown', raw: line };
+}

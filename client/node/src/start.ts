@@ -1,0 +1,49 @@
+import { Helper } from './helper.js';
+import { launch, StartError, type LaunchOptions } from './launch.js';
+import { settlesWithin } from './timing.js';
+import { checkToken, makeToken } from './token.js';
+
+const readyLimit = 10_000; // milliseconds; the helper needs well under one second
+
+export interface HelperOptions extends LaunchOptions {
+  /** What stream clients must present; a random one if missing. */
+  token?: string;
+  /** Stops the helper, as `stop()` does. */
+  signal?: AbortSignal;
+}
+
+function stopOnAbort(helper: Helper, signal: AbortSignal): void {
+  const stop = () => void helper.stop();
+  signal.addEventListener('abort', stop, { once: true });
+  void helper.exited.then(() => signal.removeEventListener('abort', stop));
+  if (signal.aborted) stop();
+}
+
+async function waitUntilReady(helper: Helper): Promise<void> {
+  const ready = helper.whenReady();
+  const settled = ready.catch(() => undefined);
+  if (!(await settlesWithin(settled, readyLimit))) {
+    throw new StartError('the helper did not become ready');
+  }
+  await ready;
+}
+
+/**
+ * Starts the helper; resolves when stream clients may connect and it reads. Rejects with a
+ * StartError that says why not, or with the reason of `signal`.
+ */
+export async function startHelper(options: HelperOptions = {}): Promise<Helper> {
+  const { signal, token = makeToken() } = options;
+  signal?.throwIfAborted();
+  checkToken(token);
+  const helper = new Helper(await launch(options, token), token);
+  if (signal) stopOnAbort(helper, signal);
+  try {
+    await waitUntilReady(helper);
+    signal?.throwIfAborted();
+    return helper;
+  } catch (error) {
+    await helper.stop();
+    throw signal?.aborted ? signal.reason : error;
+  }
+}

@@ -1,0 +1,112 @@
+// The rules that need no process.
+
+import assert from 'node:assert/strict';
+import { Duplex, Writable } from 'node:stream';
+import { test } from 'node:test';
+import { setImmediate as turn } from 'node:timers/promises';
+import { findProgram } from '../../client/node/dist/cjs/index.js';
+import { flipRows, toWebCodecs } from '../../client/node/dist/esm/index.js';
+
+const inside = (name) => import(`../../client/node/dist/esm/${name}.js`);
+const records = await inside('records');
+const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
+
+test('records are those of the protocol; what would end the helper is refused', () => {
+  const small = { width: 2, height: 2 };
+  assert.deepEqual(records.frameHeader(small, 7n), hex('00000010 0002 0002 0000000000000007'));
+  records.checkSize({ width: 1080, height: 1920 });
+  for (const [width, height] of [[1900, 1082], [1922, 1078], [3, 2], [0, 2], [2, NaN], ['2', 2]]) {
+    assert.throws(() => records.checkSize({ width, height }), RangeError, `${width}x${height}`);
+  }
+  assert.equal(records.checkedId(2n ** 64n - 1n, 7n), 2n ** 64n - 1n);
+  for (const id of [7, 6n, 2n ** 64n]) assert.throws(() => records.checkedId(id, 7n), RangeError);
+  for (const id of [7.5, 2 ** 53, '8']) assert.throws(() => records.checkedId(id, 7n), TypeError);
+  assert.throws(() => records.pixelBytes(new Uint8Array(15), small), RangeError);
+  assert.throws(() => records.commandRecord({ path: 'é'.repeat(2048) }), RangeError);
+  const rows = Uint8Array.from({ length: 32 }, (_, i) => i >> 3); // four, of their numbers
+  const turned = flipRows(rows, { width: 2, height: 4 }, new Uint8Array(32));
+  assert.deepEqual([0, 8, 16, 24].map((i) => turned[i]), [3, 2, 1, 0]);
+  assert.deepEqual(flipRows(turned, { width: 2, height: 4 }), rows);
+});
+
+test('one frame is written, the newest waits, commands keep their place', async () => {
+  const taken = [];
+  const pending = [];
+  const writev = (chunks, done) => {
+    taken.push(chunks.map(({ chunk }) => chunk).join(''));
+    pending.push(done);
+  };
+  const input = new Writable({ writev });
+  const feeder = new (await inside('feeder')).Feeder(input);
+  const frame = (name) => feeder.writeFrame(Buffer.from('#'), Buffer.from(name));
+  const outcomes = [frame('a'), frame('b')];
+  feeder.writeCommand(Buffer.from('start'));
+  outcomes.push(frame('c'), frame('d'));
+  assert.equal(await outcomes[1], 'dropped');
+  for (; pending.length > 0; await turn()) pending.shift()();
+  assert.deepEqual(taken, ['#a', 'start', '#d']);
+  outcomes.push(frame('e'), frame('f'));
+  input.destroy();
+  pending.shift()();
+  assert.equal((await Promise.all(outcomes)).join(), 'written,dropped,dropped,written,dropped,dropped');
+});
+
+test('lines are cut, bounded and typed; a slow reader of events keeps the newest', async () => {
+  const lines = new (await inside('lines')).LineSplitter();
+  const cut = ['a', 'b\n{}\nc', 'y'.repeat(5000), 'y\nz\n'].map((text) => lines.feed(Buffer.from(text)));
+  assert.deepEqual(cut, [[], ['ab', '{}'], [], ['z']]);
+  const { parseEvent } = await inside('events');
+  const raw = '{"encode_ms":1,"type":"stats"}';
+  assert.deepEqual(parseEvent(raw), { type: 'stats', encodeMs: 1, raw });
+  for (const line of ['', 'null', '{"type":"new"}']) {
+    assert.deepEqual(parseEvent(line), { type: 'unknown', raw: line });
+  }
+  const queue = new (await inside('event_queue')).EventQueue(() => {});
+  for (let i = 0; i < 300; ++i) queue.push(i);
+  assert.deepEqual([queue.lost, (await queue.next()).value], [44, 44]);
+});
+
+const configuration = '00000019 01 0000000000000000 00 0280 0168 0005 0002 6742c01f99 68ce';
+const frames = ['0000000b 02 0000000000000007 01 aa', '0000000b 02 0000000000000009 01 bb'];
+
+test('packets survive any cut and become what a VideoDecoder takes', async () => {
+  const { PacketParser } = await inside('packets');
+  async function* packets() {
+    const parser = new PacketParser();
+    for (const byte of hex(frames.map((frame) => configuration + frame).join(''))) {
+      parser.feed(Buffer.of(byte));
+      for (let packet = parser.next(); packet; packet = parser.next()) yield packet;
+    }
+  }
+  const inputs = [];
+  for await (const input of toWebCodecs(packets())) inputs.push(input);
+  const description = Uint8Array.from(hex('01 42c01f ff e1 0005 6742c01f99 01 0002 68ce'));
+  const size = { codedWidth: 640, codedHeight: 360 };
+  const config = { codec: 'avc1.42c01f', ...size, description, optimizeForLatency: true };
+  assert.deepEqual(inputs, [
+    { config, chunk: { type: 'key', timestamp: 7, data: Uint8Array.of(0xaa) } },
+    { chunk: { type: 'key', timestamp: 9, data: Uint8Array.of(0xbb) } }]);
+  const longer = configuration.replace('0005', '0006');
+  for (const bytes of ['00000009', '00200001', configuration.replace('01 ', '03 '), longer]) {
+    const parser = new PacketParser();
+    parser.feed(hex(bytes));
+    assert.throws(() => parser.next(), Error, bytes);
+  }
+});
+
+test('packets are read from the socket only as they are taken', async () => {
+  let readings = 0;
+  const read = function () { this.push(Buffer.alloc(30_000, hex(frames.join(' ')))); readings += 1; };
+  const client = new (await inside('stream')).StreamClient(new Duplex({ read, write() {} }), true);
+  const packets = client[Symbol.asyncIterator]();
+  for (const frameId of [7n, 9n]) assert.equal((await packets.next()).value.frameId, frameId);
+  for (let i = 0; i < 100; ++i) await turn();
+  assert.ok(readings < 10);
+});
+
+test('the program is found by option, variable, path, or the message says what to install', () => {
+  const own = process.execPath;
+  assert.equal(findProgram(own, { LUMORA_VIDEO_PATH: '/none' }), own);
+  assert.equal(findProgram(undefined, { LUMORA_VIDEO_PATH: own, PATH: '/none' }), own);
+  assert.throws(() => findProgram(undefined, { PATH: '/none' }), /install the Debian package "lumora-video"/);
+});
