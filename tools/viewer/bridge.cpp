@@ -17,7 +17,7 @@ constexpr std::chrono::milliseconds tickInterval{50};
 constexpr std::chrono::milliseconds timeForGoodbye{300};
 
 // As it came: see client/packet_parser.h.
-PageSocket::Message bytesOf(const client::Packet& packet) {
+Page::Bytes bytesOf(const client::Packet& packet) {
   std::vector<std::uint8_t> bytes;
   const auto number = [&bytes](std::uint64_t value, int size) {
     for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
@@ -64,11 +64,11 @@ void Bridge::own(const client::LaunchOptions& launch, std::unique_ptr<tools::Fra
 }
 
 WebHandlers Bridge::webHandlers() {
-  return {.pageJoined = [this](const std::shared_ptr<PageSocket>& page) { pageJoined(page); },
+  return {.pageJoined = [this](const std::shared_ptr<Page>& page) { pageJoined(page); },
           .movie = [this](const std::string& name) { return takes_.movie(name); }};
 }
 
-void Bridge::pageJoined(const std::shared_ptr<PageSocket>& page) {
+void Bridge::pageJoined(const std::shared_ptr<Page>& page) {
   if (page_) {
     page->sendText(
         Json{{"type", "busy"}, {"message", "Another page is open on this viewer. Close it first."}}

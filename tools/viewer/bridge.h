@@ -13,8 +13,8 @@
 
 #include "tools/viewer/camera.h"
 #include "tools/viewer/frame_flow.h"
+#include "tools/viewer/page.h"
 #include "tools/viewer/page_messages.h"
-#include "tools/viewer/page_socket.h"
 #include "tools/viewer/stream_source.h"
 #include "tools/viewer/takes.h"
 #include "tools/viewer/web_server.h"
@@ -39,7 +39,7 @@ class Bridge {
  private:
   using Json = nlohmann::json;
 
-  void pageJoined(const std::shared_ptr<PageSocket>& page);
+  void pageJoined(const std::shared_ptr<Page>& page);
   void pageSpoke(std::string_view text);
   void obey(const Shown& message);
   void obey(const Ping& message);
@@ -65,8 +65,8 @@ class Bridge {
   boost::asio::steady_timer timer_;
   FrameFlow flow_;
   Takes takes_;
-  std::shared_ptr<PageSocket> page_;
-  PageSocket::Message configuration_;         // the latest
+  std::shared_ptr<Page> page_;
+  Page::Bytes configuration_;                 // the latest
   std::map<std::string, Json> latestEvents_;  // by type: what a page that comes later has missed
   Json session_;
   Json ended_;  // what is told of the end, once it has come

@@ -47,7 +47,7 @@ void PageSocket::sendText(const std::string& text) {
   send({std::make_shared<std::vector<std::uint8_t>>(text.begin(), text.end()), true});
 }
 
-void PageSocket::sendBytes(Message bytes) { send({std::move(bytes), false}); }
+void PageSocket::sendBytes(Bytes bytes) { send({std::move(bytes), false}); }
 
 void PageSocket::send(Outgoing message) {
   const std::size_t size = message.bytes->size();

@@ -7,33 +7,26 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+
+#include "tools/viewer/page.h"
 
 namespace lumora::viewer {
 
-// The WebSocket of one page. On the thread of its stream's context, as are its handlers.
-class PageSocket : public std::enable_shared_from_this<PageSocket> {
+// The WebSocket of one page.
+class PageSocket final : public Page, public std::enable_shared_from_this<PageSocket> {
  public:
-  using Message = std::shared_ptr<const std::vector<std::uint8_t>>;
-
   explicit PageSocket(boost::beast::tcp_stream stream) : socket_(std::move(stream)) {}
-
-  // Set before `accept`. Each message that the page sends; then, once, that the socket is closed.
-  std::function<void(std::string_view)> onMessage;
-  std::function<void()> onClosed;
 
   // Answers the page's request for a socket, then calls `ready`; nothing comes of one that fails.
   void accept(const boost::beast::http::request<boost::beast::http::empty_body>& request,
               std::function<void()> ready);
-  // What a page does not read is kept up to a bound; beyond that it gets nothing more.
-  void sendText(const std::string& text);
-  void sendBytes(Message bytes);
-  // After what was sent.
-  void close();
+  void sendText(const std::string& text) override;
+  void sendBytes(Bytes bytes) override;
+  void close() override;
 
  private:
   struct Outgoing {
-    Message bytes;
+    Bytes bytes;
     bool isText;
   };
 

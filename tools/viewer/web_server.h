@@ -16,10 +16,10 @@
 
 namespace lumora::viewer {
 
-class PageSocket;
+class Page;
 
 struct WebHandlers {
-  std::function<void(std::shared_ptr<PageSocket>)> pageJoined;
+  std::function<void(std::shared_ptr<Page>)> pageJoined;
   // The movie of this name, if there is one.
   std::function<std::optional<std::filesystem::path>(const std::string& name)> movie;
 };
