@@ -63,11 +63,17 @@ TEST(FrameFlow, AHiddenPageAndOneThatLeftHoldNothingUp) {
   flow.setVisible(true);
   flow.pageSpoke();
   expectForwarded(flow, 3, true, 0.2);
+  flow.shown(3);
+  flow.setVisible(false);
+  expectWithheld(flow, 4, false, 0.2);
+  flow.setVisible(true);
+  expectWithheld(flow, 5, false, 0.2);  // the fourth is missing
+  expectForwarded(flow, 6, true, 0.2);
   flow.pageLeft();
-  EXPECT_EQ(flow.giveUp(0.2), Acknowledged(3));
+  EXPECT_EQ(flow.giveUp(0.2), Acknowledged(6));
   flow.pageJoined();
-  expectWithheld(flow, 4, false, 0.3);
-  expectForwarded(flow, 5, true, 0.3);
+  expectWithheld(flow, 7, false, 0.3);
+  expectForwarded(flow, 8, true, 0.3);
   EXPECT_EQ(flow.takeWithheld(), 0u);  // one that has just come has missed nothing
 }
 
