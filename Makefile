@@ -4,7 +4,7 @@
 #   make view    the same picture, live in a browser, with a button to record
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
 #   make bench   measure the helper beside other tools and beside what bounds it (half an hour)
-#   make fuzz    look for input that breaks it (MINUTES for each of six fuzzers)
+#   make fuzz    look for input that breaks it (MINUTES for each)
 #   make soak    takes and clients at random, at full speed (MINUTES)
 #   make lint    formatting and static analysis
 #   make fresh   demo and test in a minimal Debian 12 made for it (root; a quarter of an hour)

@@ -66,8 +66,8 @@ pid_t spawn(const LaunchOptions& options, int input, int output) {
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
   std::vector<std::string> environment = childEnvironment(options);
   pid_t pid = -1;
-  const int error = posix_spawn(&pid, options.program.c_str(), &actions, nullptr,
-                                pointers(arguments).data(), pointers(environment).data());
+  const int error = posix_spawnp(&pid, options.program.c_str(), &actions, nullptr,
+                                 pointers(arguments).data(), pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) throw std::system_error(error, std::generic_category(), options.program);
   return pid;

@@ -22,7 +22,7 @@ namespace lumora::client {
 using Event = nlohmann::json;
 
 struct LaunchOptions {
-  std::string program;                 // path of the helper
+  std::string program;                 // path of the helper, or a name on the PATH
   std::string token;                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is passed
   std::vector<std::string> arguments;  // "--port", "0", ...
   std::map<std::string, std::string> environment;  // on top of our own

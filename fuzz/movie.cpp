@@ -63,11 +63,12 @@ void fuzzMovie(FuzzedDataProvider& input) {
   for (std::size_t i = 0; i < inside; ++i) require(read.times[i] == timings[i].time);
   require(read.duration ==
           timings[inside - 1].time + std::min(end - timings[inside - 1].time, longestSample));
-  // As it was before its end came, cut off at some bytes.
+  // As it was before its end came, cut off at some pages.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
   std::size_t before = 0;
-  const std::size_t step = 1 + bytes.size() / 4 + input.ConsumeIntegralInRange(0, 511);
+  constexpr std::size_t page = 4096;
+  const std::size_t step = page * (1 + bytes.size() / page / 3);
   for (std::size_t cut = step; cut < bytes.size(); cut += step) {
     const MovieContents part = readMovie(ByteView(bytes).first(cut));
     require(part.opened && part.times.size() >= before);

@@ -23,11 +23,9 @@ Bytes flvHeader() {
   return {'F', 'L', 'V', 1, hasVideo, 0, 0, 0, 9, 0, 0, 0, 0};
 }
 
-// +------+------+-------------+------------+--------+-------------+------+-----------+---------+------+
-// | type | size | time, 24 of | its highest| stream | frame, codec| kind | time to   | payload |
-// size | |  1   |  3   | 32 bits, 3  | 8 bits, 1  | 0, 3   |     1       |  1   | show: 0, 3| |  4
-// |
-// +------+------+-------------+------------+--------+-------------+------+-----------+---------+------+
+// type 1 | size 3 | time 3 | its highest byte 1 | stream, 0: 3
+// frame and codec 1 | kind 1 | time to show, 0: 3 | payload
+// size of all of that 4
 Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   const bool isConfiguration = packet.type == client::Packet::Type::configuration;
   const Bytes payload = isConfiguration

@@ -37,7 +37,7 @@ after(async () => {
 
 async function startView(options, environment = {}) {
   const program = spawn(view, options, {
-    stdio: ['ignore', 'pipe', 'inherit'], env: { ...process.env, ...environment },
+    stdio: ['ignore', 'pipe', 'inherit'], env: { ...process.env, ...environment }, detached: true,
   });
   programs.push(program);
   const lines = readline.createInterface({ input: program.stdout });
@@ -47,9 +47,10 @@ async function startView(options, environment = {}) {
   return { program, address, rest };
 }
 
+// As a terminal's Ctrl-C does: viewer and helper alike hear it.
 async function end({ program }) {
   const exited = once(program, 'exit');
-  program.kill('SIGINT');
+  process.kill(-program.pid, 'SIGINT');
   return (await exited)[0];
 }
 
@@ -78,21 +79,28 @@ const bars = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 
   [32, 32, 32]];
 const isBar = (colour) => bars.some((bar) => bar.every((value, i) => Math.abs(value - colour[i]) <= 6));
 
-// Reads the test card's clock from the canvas, now and then, since reading takes longer than drawing: how
-// old a picture is by what it shows.
-function readClock() {
+// Notes when each frame was shown, and now and then, since reading takes longer than drawing, what time the
+// test card in it shows.
+function watchClock() {
   const glyphs = [0xE, 0x4, 0xE, 0x1F, 0x2, 0x1F, 0x6, 0x1F, 0xE, 0xE];
   const rows = [[0x11, 0x13, 0x15, 0x19, 0x11, 0xE], [0xC, 4, 4, 4, 4, 0xE], [0x11, 1, 2, 4, 8, 0x1F],
     [2, 4, 2, 1, 0x11, 0xE], [6, 0xA, 0x12, 0x1F, 2, 2], [0x10, 0x1E, 1, 1, 0x11, 0xE], [8, 0x10, 0x1E, 0x11, 0x11, 0xE],
     [1, 2, 4, 8, 8, 8], [0x11, 0x11, 0xE, 0x11, 0x11, 0xE], [0x11, 0x11, 0xF, 1, 2, 0xC]];
   const names = new Map(rows.map((rest, digit) => [[glyphs[digit], ...rest].join(), String(digit)]));
   names.set('0,4,4,0,4,4,0', ':').set('0,0,0,0,0,12,12', '.');
-  globalThis.readings = [];
+  globalThis.shown = [];
+  let card;
+  const send = WebSocket.prototype.send;
+  WebSocket.prototype.send = function (text) {
+    const [, id] = /"shown","frame_id":(\d+)/.exec(text) ?? [];
+    if (id) globalThis.shown.push({ now: performance.timeOrigin + performance.now(), captured: id / 1000, card });
+    card = undefined;
+    send.call(this, text);
+  };
   const draw = CanvasRenderingContext2D.prototype.drawImage;
   let drawings = 0;
   CanvasRenderingContext2D.prototype.drawImage = function (...all) {
     draw.apply(this, all);
-    const now = performance.timeOrigin + performance.now();
     drawings += 1;
     if (this.canvas.id !== 'picture' || drawings % 25 !== 0) return;
     const dot = Math.max(Math.floor(this.canvas.height / 90), 1);
@@ -104,7 +112,7 @@ function readClock() {
         [16, 8, 4, 2, 1].reduce((sum, bit, i) => sum + (lit(cell * 6 + 1 + i, row + 1) ? bit : 0), 0)).join()) ?? '?';
     }
     const [, minutes, seconds] = /^(\d+):(\d\d\.\d{3})/.exec(text) ?? [];
-    if (minutes) globalThis.readings.push({ now, captured: (minutes * 60 + Number(seconds)) * 1000 });
+    if (minutes) card = (minutes * 60 + Number(seconds)) * 1000;
   };
 }
 
@@ -121,16 +129,19 @@ test('a helper of its own', async () => {
   assert.ok(await figure(page, 'shown') > shown);
   assert.notDeepEqual(await colours(page, 0.03), top);
 
-  await page.evaluate(readClock);
-  await page.waitForFunction(() => globalThis.readings.length > 20, null, { timeout: 60000 });
+  await page.evaluate(watchClock);
+  await page.waitForFunction(() => globalThis.shown.filter(({ card }) => card).length > 12
+    && globalThis.shown.at(-1).now > globalThis.shown[0].now + 6000, null, { timeout: 60000 });
   const wallToUptime = Number(process.hrtime.bigint()) / 1e6 - (performance.timeOrigin + performance.now());
-  const { readings, claimed } = await page.evaluate(() => ({
-    readings: globalThis.readings.filter(({ now }) => now > globalThis.readings.at(-1).now - 5000),
+  const { all, claimed } = await page.evaluate(() => ({
+    all: globalThis.shown,
     claimed: Number(document.getElementById('latency-median').dataset.value), // of five seconds
   }));
-  const ages = readings.map(({ now, captured }) => now + wallToUptime - captured).sort((a, b) => a - b);
+  for (const { captured, card } of all) assert.ok(card === undefined || Math.abs(captured - card) <= 1, `${captured}, ${card}`);
+  const ages = all.filter(({ now }) => now > all.at(-1).now - 5000)
+    .map(({ now, captured }) => now + wallToUptime - captured).sort((a, b) => a - b);
   const age = ages[ages.length >> 1];
-  assert.ok(Math.abs(age - claimed) <= 10, `the page says ${claimed} ms, the card ${age}`);
+  assert.ok(Math.abs(age - claimed) <= 10, `the page says ${claimed} ms, the card's clock ${age}`);
   console.log(`latency: the page says ${claimed.toFixed(1)} ms, the card's clock ${age.toFixed(1)} ms`);
 
   const second = await browser.newPage();
@@ -155,6 +166,15 @@ test('a helper of its own', async () => {
   const part = await fetch(await page.locator('#take-movie').evaluate((video) => video.currentSrc),
     { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
+
+  // A refusal stays, whatever is repeated of the take before, and that take's movie with it.
+  await page.locator('#take-folder').fill(path.join(folder, 'nowhere'));
+  await page.locator('#take-start').click();
+  await page.getByText('There is no folder').first().waitFor();
+  await sleep(1500);
+  assert.match(await page.locator('#take-problem').textContent(), /There is no folder/);
+  assert.equal(await page.locator('#take-path').isVisible(), true);
+  await page.locator('#take-folder').fill(folder);
 
   await page.screenshot({ path: path.join(screenshots ?? folder, 'desktop.png') });
   await page.emulateMedia({ colorScheme: 'dark' });

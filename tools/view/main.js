@@ -121,7 +121,7 @@ function keepPinging(quickOnes) {
 
 function tellVisibility() {
   situation.visibilityChanged(performance.now());
-  connection.send({ type: 'visible', visible: !document.hidden });
+  connection.send({ type: 'visible', visible: situation.canDecode && !document.hidden });
 }
 
 // Not every report has every key.

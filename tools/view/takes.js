@@ -18,6 +18,8 @@ export class Takes {
   #send;
   #isOwner = false;
   #state = 'none';
+  #stateBefore = 'none'; // the one that was asked in
+  #lastEnd; // "id state" of the take whose end was told
 
   constructor(send) {
     this.#send = send;
@@ -43,13 +45,19 @@ export class Takes {
 
   sessionEnded() {
     this.#isOwner = false;
-    if (this.#state === 'asked') this.#showState('none');
+    if (this.#state === 'asked') this.#showState(this.#stateBefore);
     this.#enable();
   }
 
   // The "recording" event of the helper.
   eventCame(event) {
     if (!(event.state in states)) throw new Error('a take in an unknown state');
+    // The last event of a take is repeated every second: nothing that was said since gives way to it.
+    const end = `${event.id} ${event.state}`;
+    if (end === this.#lastEnd) return;
+    this.#lastEnd = end;
+    if (event.state === 'recording') this.#lastEnd = undefined; // each tells more
+    if (event.state === 'starting') hideMovie();
     this.#showState(event.state);
     showFigure('take-duration', event.duration, duration(event.duration));
     for (const key of ['frames', 'dropped', 'throttled']) showCount(`take-${key}`, event[key]);
@@ -58,7 +66,7 @@ export class Takes {
   }
 
   refused(message) {
-    if (this.#state === 'asked') this.#showState('none');
+    if (this.#state === 'asked') this.#showState(this.#stateBefore);
     showProblem(message);
   }
 
@@ -76,16 +84,14 @@ export class Takes {
       folder,
     };
     if (element('take-steady').checked) command.cadence = 'steady';
+    this.#stateBefore = this.#state;
     this.#showState('asked');
     this.#send(command);
   }
 
   #showState(state) {
     this.#state = state;
-    if (running.includes(state)) {
-      showProblem('');
-      hideMovie();
-    }
+    if (running.includes(state)) showProblem('');
     showFigure('take-state', state, states[state]);
     this.#enable();
   }
@@ -95,7 +101,8 @@ export class Takes {
     const isRunning = running.includes(this.#state);
     const [start, stop] = [element('take-start'), element('take-stop')];
     const [shown, hidden] = isRunning ? [stop, start] : [start, stop];
-    const hadFocus = document.activeElement === hidden;
+    const focused = document.activeElement;
+    const hadFocus = focused === hidden || (isRunning && element('take-fields').contains(focused));
     shown.hidden = false;
     hidden.hidden = true;
     start.disabled = stop.disabled = !this.#isOwner;

@@ -51,15 +51,19 @@ void Bridge::own(const client::LaunchOptions& launch, std::unique_ptr<tools::Fra
               {"folder", std::move(folder)},
               {"helper", launch.program}};
   token_ = launch.token;
-  const Camera::Handlers handlers{.event =
-                                      [this](const std::string& line) {
-                                        asio::post(context_, [this, line] { eventCame(line); });
-                                      },
-                                  .ended =
-                                      [this](const client::ExitStatus& status) {
-                                        asio::post(context_,
-                                                   [this, status] { helperEnded(status); });
-                                      }};
+  const Camera::Handlers handlers{
+      .event =
+          [this](const std::string& line) {
+            asio::post(context_, [this, line] { eventCame(line); });
+          },
+      .inputEnded =
+          [this](std::uint64_t frames) {
+            asio::post(context_, [this, frames] { inputEnded(frames); });
+          },
+      .ended =
+          [this](const client::ExitStatus& status) {
+            asio::post(context_, [this, status] { helperEnded(status); });
+          }};
   camera_ = std::make_unique<Camera>(launch, std::move(source), framesPerSecond, handlers);
 }
 
@@ -91,7 +95,11 @@ void Bridge::pageSpoke(std::string_view text) {
   flow_.pageSpoke();
   const auto message = parsePageMessage(text);
   if (!message) return refuse("The viewer does not understand this page.");
-  std::visit([this](const auto& said) { obey(said); }, *message);
+  try {
+    std::visit([this](const auto& said) { obey(said); }, *message);
+  } catch (const std::exception& error) {
+    refuse(error.what());
+  }
 }
 
 void Bridge::obey(const Shown& message) { acknowledge(flow_.shown(message.frameID)); }
@@ -121,9 +129,11 @@ void Bridge::connectTo(const HelperAddress& helper) {
                         asio::post(context_,
                                    [this, packet = std::move(packet)] { packetCame(packet); });
                       },
-                  .changed =
-                      [this](bool connected) {
-                        asio::post(context_, [this, connected] { connectionChanged(connected); });
+                  .connected =
+                      [this] { asio::post(context_, [this] { connectionChanged(std::nullopt); }); },
+                  .failed =
+                      [this](const std::string& why) {
+                        asio::post(context_, [this, why] { connectionChanged(why); });
                       }});
 }
 
@@ -146,13 +156,15 @@ void Bridge::frameCame(const client::Packet& packet) {
   page_->sendBytes(bytesOf(packet));
 }
 
-void Bridge::connectionChanged(bool connected) {
+void Bridge::connectionChanged(const std::optional<std::string>& problem) {
   if (camera_) return;  // its events tell more
-  ended_ = connected ? Json()
-                     : Json{{"type", "ended"},
-                            {"message", "The helper has closed the stream. Trying again."},
-                            {"status", 0}};
-  tell(connected ? session_ : ended_);
+  const Json before = ended_;
+  ended_ = problem
+               ? Json{{"type", "ended"}, {"message", *problem + " Trying again."}, {"status", 0}}
+               : Json();
+  if (ended_ == before) return;
+  if (problem) std::fprintf(stderr, "%s\n", problem->c_str());
+  tell(problem ? ended_ : session_);
 }
 
 void Bridge::eventCame(const std::string& line) {
@@ -167,15 +179,20 @@ void Bridge::eventCame(const std::string& line) {
   tell({{"type", "event"}, {"event", event}});
 }
 
+void Bridge::inputEnded(std::uint64_t frames) {
+  std::fprintf(stderr, frames == 0 ? "The input gave no picture.\n" : "The input has ended.\n");
+  noPicture_ = frames == 0;
+}
+
 void Bridge::helperEnded(const client::ExitStatus& status) {
-  failed_ = status.code != 0 || status.signal != 0;
+  failed_ = noPicture_ || status.code != 0 || status.signal != 0;
   const auto saved = latestEvents_.find("recording");
   if (saved != latestEvents_.end() && saved->second.value("state", "") == "saved") {
     std::printf("Saved %s\n", saved->second.value("path", "").c_str());
   }
   const std::string how = status.signal != 0 ? "signal " + std::to_string(status.signal)
                                              : "status " + std::to_string(status.code);
-  if (failed_) std::fprintf(stderr, "The helper has ended with %s.\n", how.c_str());
+  if (failed_ && !noPicture_) std::fprintf(stderr, "The helper has ended with %s.\n", how.c_str());
   ended_ = {{"type", "ended"},
             {"message", "The helper has ended with " + how + "."},
             {"status", status.signal != 0 ? 128 + status.signal : status.code}};

@@ -51,8 +51,9 @@ class Bridge {
   void connectTo(const HelperAddress& helper);
   void packetCame(const client::Packet& packet);
   void frameCame(const client::Packet& packet);
-  void connectionChanged(bool connected);
+  void connectionChanged(const std::optional<std::string>& problem);
   void eventCame(const std::string& line);
+  void inputEnded(std::uint64_t frames);
   void helperEnded(const client::ExitStatus& status);
 
   void tick();
@@ -73,6 +74,7 @@ class Bridge {
   std::string token_;
   bool ending_ = false;
   bool failed_ = false;
+  bool noPicture_ = false;
   std::unique_ptr<StreamSource> stream_;
   std::unique_ptr<Camera> camera_;
 };

@@ -23,19 +23,26 @@ Camera::Camera(const client::LaunchOptions& launch, std::unique_ptr<tools::Frame
       feeder_([this](const std::stop_token& stop) { feed(stop); }) {}
 
 Camera::~Camera() {
-  stop();
+  feeder_.request_stop();
   if (!ended_) kill(helper_.pid(), SIGKILL);
 }
 
 void Camera::feed(const std::stop_token& stop) {
-  const auto start = Clock::now();
-  const std::chrono::duration<double> interval(1.0 / framesPerSecond_);
+  const auto interval = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(1.0 / framesPerSecond_));
+  auto due = Clock::now();
   for (std::uint64_t number = 1; !stop.stop_requested(); ++number) {
-    std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(
-                                              interval * static_cast<double>(number)));
-    const double capturedAt = client::uptime();
-    const auto picture = source_->next(number, capturedAt);
-    if (picture.empty()) break;
+    std::this_thread::sleep_until(due);
+    const double askedAt = client::uptime();
+    const auto picture = source_->next(number, askedAt);
+    if (picture.empty()) {
+      handlers_.inputEnded(number - 1);
+      break;
+    }
+    // A source that keeps its own time made us wait for the moment of the capture.
+    const bool waited = client::uptime() - askedAt > 1.0 / framesPerSecond_ / 2;
+    const double capturedAt = waited ? client::uptime() : askedAt;
+    due = waited ? Clock::now() + interval / 2 : due + interval;
     writeCommands();
     if (!helper_.writeFrame(source_->size(), client::frameID(capturedAt), picture)) break;
   }
@@ -68,6 +75,10 @@ void Camera::command(const client::Event& command) {
   commands_.push_back(command);
 }
 
-void Camera::stop() { feeder_.request_stop(); }
+// A camera that hangs keeps the feeder from ending the input, so the helper is told, too.
+void Camera::stop() {
+  feeder_.request_stop();
+  if (!ended_) kill(helper_.pid(), SIGTERM);
+}
 
 }  // namespace lumora::viewer

@@ -19,8 +19,9 @@ class Camera {
  public:
   // Called on threads of the camera's own.
   struct Handlers {
-    std::function<void(const std::string& line)> event;  // of the helper, as it stands
-    std::function<void(client::ExitStatus)> ended;       // the helper; the last call
+    std::function<void(const std::string& line)> event;    // of the helper, as it stands
+    std::function<void(std::uint64_t frames)> inputEnded;  // the source, after so many
+    std::function<void(client::ExitStatus)> ended;         // the helper; the last call
   };
   // Throws std::system_error when the helper can't be started.
   Camera(const client::LaunchOptions& launch, std::unique_ptr<tools::FrameSource> source,
@@ -32,7 +33,7 @@ class Camera {
 
   // Any thread. Goes out before the next picture.
   void command(const client::Event& command);
-  // Any thread. Ends the input: the helper finishes a running take and ends.
+  // Any thread. The helper finishes a running take and ends.
   void stop();
 
  private:

@@ -24,6 +24,11 @@ void FrameFlow::setVisible(bool visible) {
   if (!visible) waiting_ = true;
 }
 
+void FrameFlow::pageRestarted() {
+  waiting_ = true;
+  watching_ = false;  // what it gets from now on is not withheld for being slow
+}
+
 FrameFlow::Decision FrameFlow::frameCame(std::uint64_t id, bool keyframe, double now) {
   if (keyframe && canShow()) waiting_ = false;
   if (!canShow() || waiting_) {

@@ -21,7 +21,7 @@ class FrameFlow {
   void pageSpoke() { silent_ = false; }  // in whatever words: it is alive
   void setVisible(bool visible);
   // Its decoder begins anew. Frames before the next key frame are of no use to it.
-  void pageRestarted() { waiting_ = true; }
+  void pageRestarted();
 
   struct Decision {
     bool forward = false;

@@ -121,7 +121,7 @@ void HttpSession::send(Status status, std::string_view type, std::string_view bo
   addUsualFields(*response, type);
   response->content_length(body.size());
   if (request_.method() != http::verb::head) response->body() = body;
-  response->keep_alive(status == http::status::ok);
+  response->keep_alive(status == http::status::ok && request_.keep_alive());
   stream_.expires_after(patience);
   http::async_write(
       stream_, *response, [self = shared_from_this(), response](error_code error, std::size_t) {

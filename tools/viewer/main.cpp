@@ -7,6 +7,8 @@
 //       watches a helper that runs; TAVO_VIDEO_TOKEN is its token
 //   --listen PORT   the page's own port on this machine; without it the system chooses one
 
+#include <unistd.h>
+
 #include <boost/asio/signal_set.hpp>
 #include <charconv>
 #include <csignal>
@@ -91,13 +93,16 @@ std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
   return options;
 }
 
-// The helper beside this program, where both are installed; else where the shell would find it.
+// The helper beside this program, as both are installed or built; else on the PATH.
 std::string findHelper(const std::string& named) {
   if (!named.empty()) return named;
   std::error_code error;
   const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-  const auto beside = self.parent_path() / "lumora-video";
-  return std::filesystem::exists(beside, error) ? beside.string() : "lumora-video";
+  for (const char* place : {"lumora-video", "../src/lumora-video"}) {
+    const auto program = self.parent_path() / place;
+    if (std::filesystem::exists(program, error)) return program.lexically_normal();
+  }
+  return "lumora-video";
 }
 
 std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
@@ -106,7 +111,7 @@ std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
   return std::make_unique<tools::FfmpegSource>(input, options.size, options.rate);
 }
 
-int run(const Options& options) {
+[[noreturn]] void run(const Options& options) {
   boost::asio::io_context context(1);
   viewer::WebServer server(context, options.listen, client::makeToken());
   viewer::Bridge bridge(context);
@@ -130,7 +135,8 @@ int run(const Options& options) {
   std::printf("%s\n", server.rules().address().c_str());
   std::fflush(stdout);
   context.run();
-  return bridge.hasFailed() ? 1 : 0;
+  std::fflush(stdout);
+  _exit(bridge.hasFailed() ? 1 : 0);  // a camera that hangs is not waited for
 }
 
 }  // namespace
@@ -147,7 +153,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    return run(*options);
+    run(*options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

@@ -31,14 +31,19 @@ void StreamSource::run(const std::stop_token& stop) {
     try {
       client::StreamClient stream(from_.host, from_.port);
       stream.sayHello(from_.token);
-      watch(stream, stop);
-    } catch (const std::exception&) {  // nobody listens there, or it is no helper
+      handlers_.failed(watch(stream, stop)
+                           ? "The helper has closed the stream."
+                           : "The helper does not admit us: is the token right, are two others "
+                             "watching?");
+    } catch (const std::exception& error) {
+      handlers_.failed("There is no helper at " + from_.host + ", port " +
+                       std::to_string(from_.port) + " (" + error.what() + ").");
     }
     pauseUnlessStopped(stop);
   }
 }
 
-void StreamSource::watch(client::StreamClient& stream, const std::stop_token& stop) {
+bool StreamSource::watch(client::StreamClient& stream, const std::stop_token& stop) {
   {
     const std::lock_guard hold(mutex_);
     current_ = &stream;
@@ -48,16 +53,14 @@ void StreamSource::watch(client::StreamClient& stream, const std::stop_token& st
     while (!stop.stop_requested() && !stream.isClosed()) {
       auto packet = stream.receive(0.1);
       if (!packet) continue;
-      if (!std::exchange(connected, true)) handlers_.changed(true);
+      if (!std::exchange(connected, true)) handlers_.connected();
       handlers_.packet(std::move(*packet));
     }
   } catch (const std::exception&) {  // bytes that no helper sends
   }
-  {
-    const std::lock_guard hold(mutex_);
-    current_ = nullptr;
-  }
-  if (connected) handlers_.changed(false);
+  const std::lock_guard hold(mutex_);
+  current_ = nullptr;
+  return connected;
 }
 
 void StreamSource::acknowledge(std::uint64_t frameID) {

@@ -23,7 +23,8 @@ class StreamSource {
   // Called on that thread.
   struct Handlers {
     std::function<void(client::Packet)> packet;
-    std::function<void(bool connected)> changed;
+    std::function<void()> connected;
+    std::function<void(const std::string& why)> failed;  // or broken off; tried again
   };
   StreamSource(HelperAddress from, Handlers handlers);
   ~StreamSource();
@@ -35,7 +36,8 @@ class StreamSource {
 
  private:
   void run(const std::stop_token& stop);
-  void watch(client::StreamClient& stream, const std::stop_token& stop);
+  // Until it breaks off; whether anything has come.
+  bool watch(client::StreamClient& stream, const std::stop_token& stop);
 
   const HelperAddress from_;
   const Handlers handlers_;

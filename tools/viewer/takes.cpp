@@ -19,15 +19,17 @@ std::string randomUUID() {
   return text;
 }
 
-// A name that nothing has: "take-20260131-093000.mp4", then "take-20260131-093000-2.mp4".
+// A name that nothing has: "take-20260131-093000.mp4", then "take-20260131-093000-2.mp4". A folder
+// that may not be searched is for the helper to refuse.
 std::filesystem::path freeName(const std::filesystem::path& folder) {
+  std::error_code unknown;
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
   std::array<char, 32> stamp{};
   std::strftime(stamp.data(), stamp.size(), "take-%Y%m%d-%H%M%S", &local);
   std::filesystem::path path = folder / (std::string(stamp.data()) + ".mp4");
-  for (int i = 2; std::filesystem::exists(path); ++i) {
+  for (int i = 2; std::filesystem::exists(path, unknown); ++i) {
     path = folder / (std::string(stamp.data()) + "-" + std::to_string(i) + ".mp4");
   }
   return path;
@@ -38,13 +40,13 @@ std::filesystem::path freeName(const std::filesystem::path& folder) {
 std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::string& problem) {
   const std::filesystem::path folder(wanted.folder);
   std::error_code error;
-  if (!folder.is_absolute() || !std::filesystem::is_directory(folder, error)) {
+  const bool isName = wanted.folder.find('\0') == std::string::npos;
+  if (!isName || !folder.is_absolute() || !std::filesystem::is_directory(folder, error)) {
     problem = "There is no folder \"" + wanted.folder + "\" (give its whole path).";
     return std::nullopt;
   }
-  latest_ = randomUUID();
   Json command = {{"type", "record_start"},
-                  {"id", latest_},
+                  {"id", randomUUID()},
                   {"path", freeName(folder).string()},
                   {"resolution", wanted.resolution},
                   {"target_fps", wanted.targetFPS},
@@ -54,13 +56,15 @@ std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::st
 }
 
 std::optional<Json> Takes::stop(double uptime) const {
-  if (latest_.empty()) return std::nullopt;
-  return Json{{"type", "record_stop"}, {"id", latest_}, {"stopped_at", uptime}};
+  if (running_.empty()) return std::nullopt;
+  return Json{{"type", "record_stop"}, {"id", running_}, {"stopped_at", uptime}};
 }
 
 void Takes::eventCame(const Json& event) {
-  if (event.value("type", "") != "recording" || event.value("state", "") != "saved") return;
-  saved_[event.value("id", "")] = event.value("path", "");
+  if (event.value("type", "") != "recording") return;
+  const std::string state = event.value("state", "");
+  if (state == "starting") running_ = event.value("id", "");
+  if (state == "saved") saved_[event.value("id", "")] = event.value("path", "");
 }
 
 std::optional<std::filesystem::path> Takes::movie(const std::string& name) const {

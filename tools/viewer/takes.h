@@ -17,7 +17,8 @@ class Takes {
  public:
   // The command that starts the take, or `problem` in words.
   std::optional<nlohmann::json> start(const StartTake& wanted, double uptime, std::string& problem);
-  // The command that stops the latest take that was started; nothing when there was none.
+  // The command that stops the latest take that the helper has accepted; nothing when there was
+  // none.
   std::optional<nlohmann::json> stop(double uptime) const;
   // For each event of the helper.
   void eventCame(const nlohmann::json& event);
@@ -25,7 +26,7 @@ class Takes {
   std::optional<std::filesystem::path> movie(const std::string& name) const;
 
  private:
-  std::string latest_;  // id
+  std::string running_;  // id
   std::map<std::string, std::filesystem::path> saved_;
 };
 
