@@ -14,8 +14,9 @@ constexpr const char* token = "0123456789abcdef";
 bool saysToken(const std::string& said) {
   std::istringstream lines(said);
   for (std::string line; std::getline(lines, line);) {
-    const auto json = lumora::Json::parse(line, nullptr, /*allow_exceptions=*/false);
-    if (json.is_object() && json.value("token", lumora::Json()) == token) return true;
+    const auto json = lumora::parseJson(
+        lumora::ByteView(reinterpret_cast<const std::uint8_t*>(line.data()), line.size()));
+    if (json && json->is_object() && json->value("token", lumora::Json()) == token) return true;
   }
   return false;
 }

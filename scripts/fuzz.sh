@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the fuzzers with clang and runs each for so many minutes, one per processor at a time:
 #   scripts/fuzz.sh JOBS MINUTES
-# What a fuzzer finds lies in build/fuzz/fuzz/found-*; with a name of such a file it runs just that.
+# What a fuzzer finds lies in build/fuzz/fuzz/found/; with a name of such a file it runs just that.
 set -euo pipefail
 jobs=$1
 seconds=$(($2 * 60))

@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
   // Libraries give up like this when memory is short. Our own end has no other status than 0 and 1.
   std::signal(SIGABRT, [](int) { endWith(unexpectedFailure); });
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGALRM, SIG_IGN);  // one that was set before us; ours comes with its handler
   std::signal(SIGXFSZ, SIG_IGN);  // a file too large is the take's failure
   unblockSignals();
   makeOutputNonBlocking();

@@ -81,7 +81,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool readExactly(MutableByteView space);
   bool readCommand(const RecordHeader& header);
   bool readFrame(const RecordHeader& header);
-  void enqueueFrame(RawFrame admitted);
+  void enqueue(const std::shared_ptr<const RawFrame>& admitted);
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,

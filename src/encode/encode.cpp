@@ -1,6 +1,7 @@
 // The encode pipeline of one raw frame: who needs it.
 
 #include "app/video_encoder.h"
+#include "base/out_of_memory.h"
 
 namespace lumora {
 
@@ -12,8 +13,10 @@ void VideoEncoder::encode(const RawFrame& frame) {
     raw.countDropped();
     return releaseRaw();
   }
-  const auto completion = std::make_shared<RawEncodingCompletion>([weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->releaseRaw();
+  const auto completion = retryUntilAllocated([this] {
+    return std::make_shared<RawEncodingCompletion>([weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->releaseRaw();
+    });
   });
   if (take) encodeRecording(frame, take, completion);
   if (hasStreamConsumer) encodePreview(frame, completion);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "encode/picture_size.h"
@@ -25,7 +26,7 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
                });
     if (status != 0) throw EncoderFailure::status("frame submission", status);
   } catch (const std::exception& failure) {
-    fail(reasonOf(failure));
+    retryUntilAllocated([&] { fail(reasonOf(failure)); });
   }
 }
 
@@ -49,7 +50,7 @@ void VideoEncoder::previewEncoded(const Encoded& encoded, std::uint64_t id) {
     encoded.require("frame encoding");
     deliver(*encoded.sample, id);
   } catch (const std::exception& failure) {
-    fail(reasonOf(failure));
+    retryUntilAllocated([&] { fail(reasonOf(failure)); });
   }
 }
 

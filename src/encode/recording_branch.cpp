@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "encode/encoder_failure.h"
 #include "encode/pixel_buffer.h"
@@ -20,7 +21,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
     prepareRecordingSession(frame, *take);
     submitRecording(frame, take, completion);
   } catch (const std::exception& failure) {
-    failRecording(reasonOf(failure), take);
+    retryUntilAllocated([&] { failRecording(reasonOf(failure), take); });
   }
 }
 
@@ -75,7 +76,7 @@ void VideoEncoder::recordingEncoded(const Encoded& encoded,
     maximumMovieWorkObserved =
         std::max<std::int64_t>(maximumMovieWorkObserved, take->pendingWork());
   } catch (const std::exception& failure) {
-    failRecording(reasonOf(failure), take);
+    retryUntilAllocated([&] { failRecording(reasonOf(failure), take); });
   }
 }
 

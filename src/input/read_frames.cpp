@@ -7,6 +7,7 @@
 #include <new>
 
 #include "app/video_encoder.h"
+#include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "input/record_header.h"
 
@@ -16,7 +17,7 @@ void VideoEncoder::readFrames() {
   try {
     readRecords();
   } catch (const std::exception& error) {
-    requestFailure(reasonOf(error));
+    retryUntilAllocated([&] { requestFailure(reasonOf(error)); });
   }
 }
 
@@ -67,19 +68,21 @@ bool VideoEncoder::readFrame(const RecordHeader& header) {
     return false;
   }
   lastFrameID = header.id;
-  if (raw.admit())
-    enqueueFrame({header.width, header.height, header.id, std::move(rgba), uptime()});
+  const auto frame = std::make_shared<const RawFrame>(
+      RawFrame{header.width, header.height, header.id, std::move(rgba), uptime()});
+  if (raw.admit()) enqueue(frame);
   return true;
 }
 
-void VideoEncoder::enqueueFrame(RawFrame admitted) try {
-  const auto frame = std::make_shared<const RawFrame>(std::move(admitted));
-  platform.stateQueue->async([weak = weak_from_this(), frame] {
-    if (const auto self = weak.lock()) self->encode(*frame);
-  });
-} catch (const std::bad_alloc&) {
-  raw.release();  // the take that is to be finished now waits for no frame
-  throw;
+void VideoEncoder::enqueue(const std::shared_ptr<const RawFrame>& admitted) {
+  try {
+    platform.stateQueue->async([weak = weak_from_this(), admitted] {
+      if (const auto self = weak.lock()) self->encode(*admitted);
+    });
+  } catch (const std::bad_alloc&) {
+    raw.release();  // the take that is to be finished now waits for no frame
+    throw;
+  }
 }
 
 }  // namespace lumora

@@ -69,17 +69,20 @@ void MovieRecorder::movieEnded(double end) {
 // Whatever the names allow: a complete movie is never given up for its name.
 void MovieRecorder::saveCompletedMovie(double duration) {
   if (platform.files->move(staging, path)) return status(TakeState::saved, duration, "", path);
-  const std::string recovery = retryUntilAllocated([&] { return recoveryPath(path, id); });
-  if (platform.files->move(staging, recovery)) {
-    return status(TakeState::saved, duration,
-                  "Final filename was unavailable. Completed video saved at the recovery path "
-                  "shown.",
-                  recovery);
-  }
-  status(TakeState::saved, duration,
-         "Final filename was unavailable. Completed video preserved at the staging path shown; "
-         "rename it to .mp4.",
-         staging);
+  retryUntilAllocated([&] {
+    const std::string recovery = recoveryPath(path, id);
+    if (platform.files->move(staging, recovery)) {
+      return retryUntilAllocated([&] {
+        status(TakeState::saved, duration,
+               "Final filename was unavailable. Completed video saved at the recovery path shown.",
+               recovery);
+      });
+    }
+    status(TakeState::saved, duration,
+           "Final filename was unavailable. Completed video preserved at the staging path shown; "
+           "rename it to .mp4.",
+           staging);
+  });
 }
 
 void MovieRecorder::abort(const std::string& message) {

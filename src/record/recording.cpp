@@ -42,9 +42,11 @@ void VideoEncoder::startRecording(const Json& command) {
   try {
     beginTake(command, *profile, startedAt);
   } catch (const std::exception& error) {
-    report.state = TakeState::failed;
-    report.error = reasonOf(error);
-    relayRecording(makeTakeEvent(report), takesStarted);
+    retryUntilAllocated([&] {
+      report.state = TakeState::failed;
+      report.error = reasonOf(error);
+      relayRecording(makeTakeEvent(report), takesStarted);
+    });
   }
 }
 

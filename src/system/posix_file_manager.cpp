@@ -89,21 +89,21 @@ bool PosixFileManager::move(const std::string& from, const std::string& to) {
 
 // On a disk that hangs the removal does, too; what is to be said of it must not.
 void PosixFileManager::remove(const std::string& path) {
-  const auto unlinkNow = [path, pending = pending_] {
-    unlink(path.c_str());
-    pending->remove(path);
+  const auto unlinkNow = [](const std::string& name, PendingRemovals& pending) {
+    unlink(name.c_str());
+    pending.remove(name);
   };
   try {
     pending_->add(path);
     std::promise<void> removed;
     const std::future<void> done = removed.get_future();
-    std::thread([unlinkNow, removed = std::move(removed)]() mutable {
-      unlinkNow();
+    std::thread([unlinkNow, path, pending = pending_, removed = std::move(removed)]() mutable {
+      unlinkNow(path, *pending);
       removed.set_value();
     }).detach();
     done.wait_for(longestRemoval);
   } catch (const std::exception&) {  // no thread, no memory: without a bound, then
-    unlinkNow();
+    unlinkNow(path, *pending_);
   }
 }
 
