@@ -2,7 +2,7 @@ import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import readline from 'node:readline';
 
-// A parent in small: starts a helper and feeds it a grey that grows lighter, at most 60 times a second.
+// A parent in small: starts a helper and feeds it greys, each a little lighter, at most 60 times a second.
 // `ids` are those of the frames that were fed.
 export async function startParent(helper, token) {
   const program = spawn(helper, [], {
@@ -17,10 +17,12 @@ export async function startParent(helper, token) {
   });
   parent.port = (await once(lines, 'ready'))[0].port;
   const frame = Buffer.alloc(16 + 640 * 360 * 4);
-  let shade = 0;
+  let number = 0;
   parent.timer = setInterval(() => {
     if (program.stdin.writableLength > 0) return;
-    frame.fill(shade = (shade + 1) % 256, 16);
+    number += 1;
+    frame.fill(number % 256, 16);
+    frame.fill((number >> 8) * 37 % 256, 16, 16 + 640 * 90 * 4); // so that no picture comes twice
     frame.writeUInt32BE(frame.length - 16, 0);
     frame.writeUInt16BE(640, 4);
     frame.writeUInt16BE(360, 6);

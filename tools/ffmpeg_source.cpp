@@ -17,9 +17,9 @@ std::string shellQuoted(const std::string& text) {
 }
 
 FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond)
-    : size_(size), frame_(size.bytes()) {
+    : size_(size), isCamera_(input.starts_with("/dev/video")), frame_(size.bytes()) {
   const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
-  const std::string kind = input.starts_with("/dev/video") ? "-f v4l2 " : "-stream_loop -1 ";
+  const std::string kind = isCamera_ ? "-f v4l2 " : "-stream_loop -1 ";
   const std::string command = "ffmpeg -v fatal -nostdin " + kind + "-i " + shellQuoted(input) +
                               " -an -vf 'scale=" + picture +
                               ":force_original_aspect_ratio=decrease,pad=" + picture +

@@ -16,6 +16,7 @@ class FfmpegSource final : public FrameSource {
   // Throws std::system_error when ffmpeg can't be started.
   FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond);
   client::FrameSize size() const override { return size_; }
+  bool keepsTime() const override { return isCamera_; }
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
 
  private:
@@ -23,6 +24,7 @@ class FfmpegSource final : public FrameSource {
     void operator()(std::FILE* pipe) const { pclose(pipe); }
   };
   client::FrameSize size_;
+  bool isCamera_;
   std::unique_ptr<std::FILE, ClosePipe> pipe_;
   std::vector<std::uint8_t> frame_;
 };

@@ -105,7 +105,8 @@ export class Takes {
     const hadFocus = focused === hidden || (isRunning && element('take-fields').contains(focused));
     shown.hidden = false;
     hidden.hidden = true;
-    start.disabled = stop.disabled = !this.#isOwner;
+    start.disabled = !this.#isOwner;
+    stop.disabled = !this.#isOwner || this.#state === 'asked'; // there is nothing to stop yet
     element('take-fields').disabled = !this.#isOwner || isRunning;
     if (hadFocus) shown.focus();
   }

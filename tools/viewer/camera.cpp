@@ -32,17 +32,16 @@ void Camera::feed(const std::stop_token& stop) {
       std::chrono::duration<double>(1.0 / framesPerSecond_));
   auto due = Clock::now();
   for (std::uint64_t number = 1; !stop.stop_requested(); ++number) {
-    std::this_thread::sleep_until(due);
-    const double askedAt = client::uptime();
-    const auto picture = source_->next(number, askedAt);
+    if (!source_->keepsTime()) std::this_thread::sleep_until(due);
+    double capturedAt = client::uptime();
+    const auto picture = source_->next(number, capturedAt);
     if (picture.empty()) {
       handlers_.inputEnded(number - 1);
       break;
     }
-    // A source that keeps its own time made us wait for the moment of the capture.
-    const bool waited = client::uptime() - askedAt > 1.0 / framesPerSecond_ / 2;
-    const double capturedAt = waited ? client::uptime() : askedAt;
-    due = waited ? Clock::now() + interval / 2 : due + interval;
+    if (source_->keepsTime()) capturedAt = client::uptime();
+    if (number == 1) due = Clock::now();  // a file takes its time to open
+    due += interval;
     writeCommands();
     if (!helper_.writeFrame(source_->size(), client::frameID(capturedAt), picture)) break;
   }
