@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "client/big_endian.h"
+
 namespace lumora::client {
 namespace {
 
@@ -61,6 +63,17 @@ std::optional<Packet> PacketParser::next() {
   return packet;
 }
 
+std::vector<std::uint8_t> toBytes(const Packet& packet) {
+  std::vector<std::uint8_t> bytes;
+  bytes.reserve(headerBytes + packet.payload.size());
+  appendBigEndian(bytes, minimumLength + packet.payload.size(), lengthBytes);
+  appendBigEndian(bytes, static_cast<std::uint8_t>(packet.type), 1);
+  appendBigEndian(bytes, packet.frameID, 8);
+  appendBigEndian(bytes, packet.keyframe ? 1 : 0, 1);
+  bytes.insert(bytes.end(), packet.payload.begin(), packet.payload.end());
+  return bytes;
+}
+
 StreamConfiguration parseConfiguration(ByteView payload) {
   const auto sequence = static_cast<std::size_t>(load(payload, 4, 2));
   const auto picture = static_cast<std::size_t>(load(payload, 6, 2));
@@ -84,8 +97,7 @@ std::vector<std::uint8_t> avcDecoderConfiguration(const StreamConfiguration& con
   std::vector<std::uint8_t> record = {version,     sequence[1],        sequence[2],
                                       sequence[3], lengthsOfFourBytes, oneSequenceSet};
   const auto append = [&record](const std::vector<std::uint8_t>& set) {
-    record.push_back(static_cast<std::uint8_t>(set.size() >> 8));
-    record.push_back(static_cast<std::uint8_t>(set.size()));
+    appendBigEndian(record, set.size(), 2);
     record.insert(record.end(), set.begin(), set.end());
   };
   append(sequence);

@@ -35,6 +35,9 @@ class PacketParser {
   std::size_t consumed_ = 0;
 };
 
+// The packet as the helper sends it.
+std::vector<std::uint8_t> toBytes(const Packet& packet);
+
 // The payload of a configuration packet.
 struct StreamConfiguration {
   int width = 0;   // pixels

@@ -1,20 +1,17 @@
 #include "tools/flv.h"
 
+#include "client/big_endian.h"
+
 namespace lumora::tools {
 namespace {
 
+using client::appendBigEndian;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::uint8_t videoTag = 9;
 constexpr std::uint8_t avc = 7;  // codec
 constexpr std::uint32_t tagHeaderBytes = 11;
 constexpr std::uint32_t videoHeaderBytes = 5;
-
-void number(Bytes& bytes, std::uint32_t value, int size) {
-  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
-    bytes.push_back(static_cast<std::uint8_t>(value >> shift));
-  }
-}
 
 }  // namespace
 
@@ -34,17 +31,17 @@ Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   const auto size = static_cast<std::uint32_t>(payload.size()) + videoHeaderBytes;
   Bytes tag;
   tag.reserve(size + tagHeaderBytes + 4);
-  number(tag, videoTag, 1);
-  number(tag, size, 3);
-  number(tag, milliseconds & 0xFFFFFF, 3);
-  number(tag, milliseconds >> 24, 1);
-  number(tag, 0, 3);
+  appendBigEndian(tag, videoTag, 1);
+  appendBigEndian(tag, size, 3);
+  appendBigEndian(tag, milliseconds & 0xFFFFFF, 3);
+  appendBigEndian(tag, milliseconds >> 24, 1);
+  appendBigEndian(tag, 0, 3);
   const bool isKey = isConfiguration || packet.keyframe;
-  number(tag, (isKey ? 1U : 2U) << 4 | avc, 1);
-  number(tag, isConfiguration ? 0 : 1, 1);
-  number(tag, 0, 3);
+  appendBigEndian(tag, (isKey ? 1U : 2U) << 4 | avc, 1);
+  appendBigEndian(tag, isConfiguration ? 0 : 1, 1);
+  appendBigEndian(tag, 0, 3);
   tag.insert(tag.end(), payload.begin(), payload.end());
-  number(tag, size + tagHeaderBytes, 4);
+  appendBigEndian(tag, size + tagHeaderBytes, 4);
   return tag;
 }
 

@@ -151,10 +151,6 @@ test('a helper of its own', async () => {
   await second.getByText('Another page').first().waitFor();
   await second.close();
 
-  await page.locator('#take-folder').fill(path.join(folder, 'nowhere'));
-  await page.locator('#take-start').click();
-  await page.getByText('There is no folder').first().waitFor();
-  await page.locator('#take-folder').fill(folder);
   await page.locator('#take-resolution').selectOption('640x360');
   await page.locator('#take-start').click();
   await untilTake(page, 'recording');
@@ -178,12 +174,11 @@ test('a helper of its own', async () => {
   assert.equal(await page.locator('#take-path').isVisible(), true);
   await page.locator('#take-folder').fill(folder);
 
-  await page.screenshot({ path: path.join(screenshots ?? folder, 'desktop.png') });
-  await page.emulateMedia({ colorScheme: 'dark' });
-  await page.screenshot({ path: path.join(screenshots ?? folder, 'dark.png') });
-  await page.setViewportSize({ width: 390, height: 844 });
-  await page.screenshot({ path: path.join(screenshots ?? folder, 'phone.png') });
-
+  for (const [name, colorScheme, width] of [['desktop', 'light', 1280], ['dark', 'dark', 1280], ['phone', 'light', 390]]) {
+    await page.emulateMedia({ colorScheme });
+    await page.setViewportSize({ width, height: 800 });
+    await page.screenshot({ path: path.join(screenshots ?? folder, `${name}.png`) });
+  }
   await page.locator('#take-start').click();
   await untilTake(page, 'recording');
   assert.equal(await end(viewer), 0);  // a running take is saved, and said
@@ -219,28 +214,26 @@ test('somebody else\'s helper', async () => {
   const debug = await page.context().newCDPSession(page);
   await debug.send('Debugger.enable');
   await debug.send('Debugger.pause');
-  await sleep(2000);
   const recorded = fs.statSync(path.join(folder, 'other.h264')).size;
+  await sleep(2000);
+  assert.ok(fs.statSync(path.join(folder, 'other.h264')).size > recorded + 10000, 'the other client was starved');
   await debug.send('Debugger.resume');
   await debug.send('Debugger.disable');
   const shown = await figure(page, 'shown');
   await page.waitForFunction((before) => Number(document.getElementById('shown').dataset.value) > before + 30, shown);
   assert.ok(await figure(page, 'skipped') > 0);
   assert.equal(await figure(page, 'restarts'), 0);
-  assert.ok(fs.statSync(path.join(folder, 'other.h264')).size > recorded);
   assert.equal(parent.statistics.dropped_peers, 0);
   assert.equal(parent.statistics.clients, 2);
 
-  const { origin, host } = new URL(viewer.address);
+  const { origin } = new URL(viewer.address);
   const socket = { Connection: 'Upgrade', Upgrade: 'websocket', 'Sec-WebSocket-Version': 13,
     'Sec-WebSocket-Key': 'AAAAAAAAAAAAAAAAAAAAAA==' };
   const at = `${new URL(viewer.address).pathname}socket`;
   assert.equal(await statusOf(viewer.address, {}), 200);
   assert.equal(await statusOf(viewer.address, { ...socket, Origin: origin }, at), 101);
-  for (const [headers, target] of [[{ Host: 'evil.example' }], [{ Origin: 'http://evil.example' }], [{}, '/'],
-    [{}, '/guess/'], [{}, `${new URL(viewer.address).pathname}../main.js`], [{}, `${at.replace('socket', 'takes/a.mp4')}`],
-    [{ ...socket, Origin: 'http://evil.example' }, at], [socket, at], [{ ...socket, Origin: origin }, '/socket'],
-    [{ ...socket, Origin: origin, Host: `evil.example:${host.split(':')[1]}` }, at]]) {
+  for (const [headers, target] of [[{ Host: 'evil.example' }], [{ Origin: 'http://evil.example' }], [{}, '/guess/'],
+    [{}, at.replace('socket', 'takes/a.mp4')], [socket, at], [{ ...socket, Origin: 'http://evil.example' }, at]]) {
     assert.equal(await statusOf(viewer.address, headers, target), 404, JSON.stringify([headers, target]));
   }
 

@@ -165,10 +165,14 @@ TEST(SystemProcess, EnlargesAPipeAndNeverShrinksIt) {
   for (const auto& [before, after] : {std::pair{1 << 16, 1 << 20}, {1 << 21, 1 << 21}}) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    if (fcntl(ends[0], F_SETPIPE_SZ, before) != before) continue;  // takes a privilege
-    dup2(ends[0], STDIN_FILENO);
-    const PosixProcess process;
-    EXPECT_EQ(fcntl(ends[0], F_GETPIPE_SZ), after);
+    // More than a megabyte takes a privilege.
+    if (fcntl(ends[0], F_SETPIPE_SZ, before) == before) {
+      dup2(ends[0], STDIN_FILENO);
+      const PosixProcess process;
+      EXPECT_EQ(fcntl(ends[0], F_GETPIPE_SZ), after);
+    } else {
+      std::puts("not tested: a pipe that is larger already");
+    }
     close(ends[0]);
     close(ends[1]);
   }

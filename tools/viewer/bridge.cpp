@@ -16,21 +16,8 @@ namespace {
 constexpr std::chrono::milliseconds tickInterval{50};
 constexpr std::chrono::milliseconds timeForGoodbye{300};
 
-// As it came: see client/packet_parser.h.
 Page::Bytes bytesOf(const client::Packet& packet) {
-  std::vector<std::uint8_t> bytes;
-  const auto number = [&bytes](std::uint64_t value, int size) {
-    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
-      bytes.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-  };
-  bytes.reserve(packet.payload.size() + 14);
-  number(packet.payload.size() + 10, 4);
-  number(static_cast<std::uint8_t>(packet.type), 1);
-  number(packet.frameID, 8);
-  number(packet.keyframe ? 1 : 0, 1);
-  bytes.insert(bytes.end(), packet.payload.begin(), packet.payload.end());
-  return std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes));
+  return std::make_shared<const std::vector<std::uint8_t>>(toBytes(packet));
 }
 
 }  // namespace

@@ -79,8 +79,6 @@ ByteRange parseRange(std::string_view header, std::uint64_t size) {
 std::string_view mimeType(std::string_view name) {
   if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
   if (name.ends_with(".css")) return "text/css; charset=utf-8";
-  if (name.ends_with(".mp4")) return "video/mp4";
-  if (name.ends_with(".svg")) return "image/svg+xml";
   return "text/html; charset=utf-8";
 }
 
