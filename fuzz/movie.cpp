@@ -13,7 +13,7 @@ namespace lumora {
 namespace {
 
 struct MemorySink final : ByteSink {
-  explicit MemorySink(Bytes& to) : bytes(to) {}
+  MemorySink(Bytes& to, std::vector<std::size_t>& sizes) : bytes(to), synced(sizes) {}
   int reserve(std::uint64_t) override { return 0; }
   void releaseRoom() override {}
   int write(ByteView more) override {
@@ -24,19 +24,26 @@ struct MemorySink final : ByteSink {
     std::ranges::copy(with, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
     return 0;
   }
-  int sync() override { return 0; }
+  int sync() override {
+    synced.push_back(bytes.size());
+    return 0;
+  }
   Bytes& bytes;
+  std::vector<std::size_t>& synced;  // the file's size, each time
 };
 
 void fuzzMovie(FuzzedDataProvider& input) {
   Bytes bytes;
+  std::vector<std::size_t> synced;
+  std::vector<std::size_t> complete = {0};  // samples, with every sync but the last
   std::vector<MovieTiming> timings;
   std::int64_t end = 0;
   WriterStatus status = WriterStatus::idle;
   {
-    HybridMovieWriter writer(std::make_unique<MemorySink>(bytes), 0);
+    HybridMovieWriter writer(std::make_unique<MemorySink>(bytes, synced), 0);
     require(writer.startWriting(keySample()->format()));
     std::int64_t time = 0;
+    std::int64_t fragment = 0;
     while (input.remaining_bytes() > 8 && timings.size() < 400) {
       const std::int64_t duration =
           input.ConsumeBool() ? input.ConsumeIntegralInRange<std::int64_t>(1, 5000)
@@ -47,6 +54,9 @@ void fuzzMovie(FuzzedDataProvider& input) {
       require(writer.append(keyframe ? *keySample(size) : *deltaSample(size), keyframe,
                             timings.back()));
       time += duration;
+      if (time - fragment < HybridMovieWriter::fragmentDuration) continue;
+      complete.push_back(timings.size());
+      fragment = time;
     }
     end = input.ConsumeBool() ? time : input.ConsumeIntegralInRange<std::int64_t>(0, time + 100000);
     std::promise<void> done;
@@ -66,13 +76,16 @@ void fuzzMovie(FuzzedDataProvider& input) {
   // As it was before its end came, cut off at some pages.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
-  std::size_t before = 0;
   constexpr std::size_t page = 4096;
   const std::size_t step = page * (1 + bytes.size() / page / 3);
   for (std::size_t cut = step; cut < bytes.size(); cut += step) {
     const MovieContents part = readMovie(ByteView(bytes).first(cut));
-    require(part.opened && part.times.size() >= before);
-    before = part.times.size();
+    const auto syncs = std::ranges::count_if(synced, [&](std::size_t at) { return at <= cut; });
+    require(part.opened);
+    require(
+        syncs == 0 ||
+        part.times.size() >=
+            complete[std::min<std::size_t>(static_cast<std::size_t>(syncs), complete.size()) - 1]);
   }
 }
 

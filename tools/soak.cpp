@@ -5,10 +5,12 @@
 //   lumora-soak HELPER FOLDER MINUTES [SEED]      ends with 0, or 1 and what went wrong
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -33,6 +35,7 @@ using client::uptime;
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
 constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
 constexpr int rates[] = {15, 30, 45, 60};
+constexpr unsigned patience = 120;  // seconds for a take, with all that is between two
 constexpr int takesBetweenRests = 4;
 constexpr std::size_t fewestRests = 4;                          // of which a trend can be told
 constexpr double mostMegabytes = 200;                           // at any time
@@ -71,9 +74,10 @@ class Soak {
   void run(double minutes) {
     const double start = uptime();
     std::jthread feeder([this](const std::stop_token& stop) { feed(stop); });
-    std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
-    std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
+    std::jthread first([this](const std::stop_token& stop) { watchSafely(stop, 1); });
+    std::jthread second([this](const std::stop_token& stop) { watchSafely(stop, 2); });
     while (uptime() - start < minutes * 60) {
+      alarm(patience);
       changeSize();
       take();
       if (takes_ % takesBetweenRests == 0) rest(uptime() - start);
@@ -82,6 +86,7 @@ class Soak {
     for (std::jthread* thread : {&feeder, &first, &second}) thread->request_stop();
     for (std::jthread* thread : {&feeder, &first, &second}) thread->join();
     failIfAsked();
+    if (streams_ == 0) throw std::runtime_error("no client got a picture");
     judge();
     helper_.closeInput();
     const auto status = helper_.wait(10);
@@ -125,6 +130,14 @@ class Soak {
     while (fedSize_.load().width != next.width) {
       pauseEvents(0.02);
       failIfAsked();
+    }
+  }
+
+  void watchSafely(const std::stop_token& stop, unsigned seed) {
+    try {
+      watch(stop, seed);
+    } catch (const std::exception& error) {
+      ask(error.what());
     }
   }
 
@@ -180,7 +193,7 @@ class Soak {
              {"target_fps", rates[upTo(std::size(rates))]}});
     for (const double end = uptime() + between(0.5, 6); uptime() < end;) pauseEvents(0.05);
     command({{"type", "record_stop"}, {"id", id}});
-    for (const double patience = uptime() + 20; uptime() < patience;) {
+    for (const double deadline = uptime() + 20; uptime() < deadline;) {
       const auto event = helper_.nextEvent("recording", 1);
       if (!event || event->at("id") != id) continue;
       if (event->at("state") == "failed") throw std::runtime_error(event->dump());
@@ -289,6 +302,11 @@ int main(int argc, char** argv) {
   }
   const auto seed = static_cast<unsigned>(argc > 4 ? std::stoul(argv[4]) : std::random_device()());
   std::printf("seed %u\n", seed);
+  std::signal(SIGALRM, [](int) {
+    constexpr char words[] = "\nnothing moves any more\n";
+    static_cast<void>(!write(STDERR_FILENO, words, sizeof words - 1));
+    _exit(1);
+  });
   try {
     Soak(argv[1], argv[2], seed).run(std::stod(argv[3]));
   } catch (const std::exception& error) {

@@ -92,13 +92,18 @@ void VideoEncoder::serviceTick() {
 }
 
 void VideoEncoder::fail(const std::string& message) {
-  emit(errorEvent(message));
+  limitEnd(1);
+  retryUntilAllocated([&] { emit(errorEvent(message)); });
   shutdown(1);
 }
 
+void VideoEncoder::limitEnd(int code) {
+  if (!endRequested.exchange(true)) platform.process->exitAfter(shutdownTimeout, code);
+}
+
 void VideoEncoder::requestShutdown() {
+  limitEnd(0);
   retryUntilAllocated([this] {
-    if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 0);
     platform.stateQueue->async([weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->shutdown(0);
     });
@@ -106,8 +111,8 @@ void VideoEncoder::requestShutdown() {
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
+  limitEnd(1);
   retryUntilAllocated([&] {
-    if (!shuttingDown) platform.process->exitAfter(shutdownTimeout, 1);
     platform.stateQueue->async([weak = weak_from_this(), message] {
       if (const auto self = weak.lock()) self->fail(message);
     });
@@ -117,7 +122,7 @@ void VideoEncoder::requestFailure(const std::string& message) {
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
-  shuttingDown = true;
+  endRequested = true;
   platform.process->exitAfter(shutdownTimeout, code);
   if (!movie && !movieFinishing) return exitNow(code);
   pendingMovieStop = uptime();
@@ -132,6 +137,7 @@ void VideoEncoder::shutdown(int code) {
 void VideoEncoder::exitNow(int code) {
   if (!running) return;
   running = false;
+  bestEffort([this] { concludeAbandonedTake(); });
   bestEffort([this] { closeEverything(); });
   platform.process->exit(code);
 }

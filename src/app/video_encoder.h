@@ -74,6 +74,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void becomeReady();
   void serviceTick();
   void fail(const std::string& message);  // "error" event and shutdown with 1
+  void limitEnd(int code);                // from now, unless somebody has asked for an end before
   void closeEverything();
 
   // input/
@@ -132,6 +133,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void beginTake(const Json& command, const RecordingProfile& profile,
                  std::optional<double> startedAt);
   void relayRecording(const TakeEvent& event, std::uint64_t take);
+  void concludeAbandonedTake();
   void movieFinished();
   bool isTakeStopping() const;
   // The take that frames go to: none once its stop is pending.
@@ -159,7 +161,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool running = true;
   bool ready = false;
   std::optional<int> shutdownCode;
-  std::atomic<bool> shuttingDown = false;  // for other threads: the code is decided
+  std::atomic<bool> endRequested = false;  // by any thread: the first decides the watchdog's code
   std::shared_ptr<TcpListener> listener;
   std::unique_ptr<TimerSource> timer;
   std::vector<std::unique_ptr<SignalSource>> signals;
@@ -208,7 +210,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
   std::uint64_t takesStarted = 0;
-  std::optional<TakeEvent> movieStatus;  // the last recording event, of the latest take
+  std::optional<TakeEvent> movieStatus;     // the last recording event, of the latest take
+  std::optional<std::string> abandonedFor;  // why that take was given up; it has not said so yet
 
   // diag/: when the last reports went out, in uptime seconds.
   double lastStats = 0;

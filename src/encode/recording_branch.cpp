@@ -84,6 +84,7 @@ void VideoEncoder::recordingEncoded(const Encoded& encoded,
 void VideoEncoder::failRecording(const std::string& message,
                                  const std::shared_ptr<MovieRecorder>& take) {
   if (movie != take) return;
+  abandonedFor = message;
   ++recordingEncoderFailures;
   movie.reset();
   pendingMovieStop.reset();

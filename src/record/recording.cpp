@@ -34,6 +34,7 @@ void VideoEncoder::startRecording(const Json& command) {
       !isRecordingDestination(*path)) {
     return reject("recording destination or state is invalid");
   }
+  concludeAbandonedTake();
   const std::string& id = *findString(command, "id");
   TakeReport report{id, TakeState::starting, *path, profile->targetFPS};
   movieStatus = makeTakeEvent(report);
@@ -42,11 +43,12 @@ void VideoEncoder::startRecording(const Json& command) {
   try {
     beginTake(command, *profile, startedAt);
   } catch (const std::exception& error) {
-    retryUntilAllocated([&] {
-      report.state = TakeState::failed;
+    report.state = TakeState::failed;
+    const TakeEvent failed = retryUntilAllocated([&] {
       report.error = reasonOf(error);
-      relayRecording(makeTakeEvent(report), takesStarted);
+      return makeTakeEvent(report);
     });
+    relayRecording(failed, takesStarted);
   }
 }
 
@@ -84,14 +86,24 @@ void VideoEncoder::stopRecording(const Json& command) {
 
 void VideoEncoder::relayRecording(const TakeEvent& event, std::uint64_t take) {
   if (take != takesStarted || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
-  movieStatus = event;
-  emit(event.json);
+  retryUntilAllocated([&] {
+    TakeEvent told = event;
+    emit(told.json);
+    movieStatus = std::move(told);
+  });
   // While the take is being finalised its end clears it: see `movieFinished`.
   if (event.state != TakeState::failed || movieFinishing) return;
+  abandonedFor.reset();
   movie.reset();
   pendingMovieStop.reset();
   if (!raw.isBusy()) resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
+}
+
+// A take that was given up reports it once its file is gone. Before another take begins or the
+// process ends it is said without waiting for that.
+void VideoEncoder::concludeAbandonedTake() {
+  if (abandonedFor) relayRecording(failedEvent(*movieStatus, *abandonedFor), takesStarted);
 }
 
 bool VideoEncoder::isTakeStopping() const { return pendingMovieStop || movieFinishing; }

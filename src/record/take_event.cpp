@@ -43,6 +43,14 @@ TakeEvent makeTakeEvent(const TakeReport& report) {
            {"error", firstCharacters(report.error, maximumMessageCharacters)}}};
 }
 
+TakeEvent failedEvent(const TakeEvent& last, const std::string& error) {
+  TakeEvent event{TakeState::failed, last.json};
+  event.json["state"] = textOf(event.state);
+  event.json["duration"] = 0.0;
+  event.json["error"] = firstCharacters(error, maximumMessageCharacters);
+  return event;
+}
+
 Json rejectionEvent(const Json& command, const std::string& message) {
   const std::string* path = findString(command, "path");
   return {{"type", "recording"},

@@ -35,6 +35,9 @@ struct TakeReport {
 // The thirteen keys of every event of a take that was accepted.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
+// What the take of the event `last` says when it failed for `error`.
+TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
+
 // The ten keys of a "record_start" that was refused.
 Json rejectionEvent(const Json& command, const std::string& message);
 

@@ -1,6 +1,7 @@
 #include "system/posix_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -88,8 +89,14 @@ void checkForLeaks() {
 PosixProcess::PosixProcess() { enlargePipe(STDIN_FILENO); }
 
 ssize_t PosixProcess::readInput(MutableByteView space) {
-  const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
-  return count < 0 ? -errno : count;
+  for (;;) {
+    const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
+    if (count >= 0) return count;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
+    // A parent may have it non-blocking, as output is here, and a socket may be both.
+    pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    if (poll(&input, 1, -1) < 0) return -errno;
+  }
 }
 
 ssize_t PosixProcess::writeOutput(ByteView text) {

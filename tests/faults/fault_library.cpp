@@ -3,7 +3,7 @@
 //
 //   LUMORA_FAULT      "KIND:N[:ERRNO]", comma separated: the N-th call of that kind (0: every one)
 //                     from `main` on fails, or, with -S for ERRNO, takes S seconds
-//   LUMORA_FAULT_HIT  a file that is made when it has come to such an N-th call
+//   LUMORA_FAULT_HIT  a file that is made when it has come to the N-th call of the last kind
 //   LUMORA_DISK_LOG   where the calls for files in LUMORA_DISK_FOLDER are written down
 
 #include <dlfcn.h>
@@ -48,6 +48,7 @@ struct Fault {
 };
 
 std::array<Fault, 4> faults;
+const Fault* lastFault = nullptr;
 std::atomic<bool> armed = false;
 int logDescriptor = -1;
 std::array<char, 512> logFolder{};
@@ -73,7 +74,7 @@ bool fails(const char* kind, int usualError) {
   for (Fault& fault : faults) {
     if (std::strcmp(fault.kind.data(), kind) != 0) continue;
     if (++fault.calls != fault.nth && fault.nth != 0) continue;
-    if (fault.nth != 0) noteHit();
+    if (&fault == lastFault) noteHit();
     if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;
     errno = fault.error != 0 ? fault.error : usualError;
     return true;
@@ -86,6 +87,7 @@ void parseFaults() {
   for (Fault& fault : faults) {
     if (text == nullptr) return;
     std::sscanf(text, "%23[a-z_0-9]:%ld:%d", fault.kind.data(), &fault.nth, &fault.error);
+    lastFault = &fault;
     text = std::strchr(text, ',');
     if (text != nullptr) ++text;
   }

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <thread>
 
 #include "system/posix_process.h"
 #include "system/system_platform.h"
@@ -176,6 +179,26 @@ TEST(SystemProcess, EnlargesAPipeAndNeverShrinksIt) {
     close(ends[0]);
     close(ends[1]);
   }
+  dup2(standardInput, STDIN_FILENO);
+  close(standardInput);
+}
+
+TEST(SystemProcess, WaitsForInputThatDoesNotBlock) {
+  const int standardInput = dup(STDIN_FILENO);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  fcntl(ends[0], F_SETFL, O_NONBLOCK);
+  dup2(ends[0], STDIN_FILENO);
+  PosixProcess process;
+  std::jthread parent([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(write(ends[1], "ab", 2), 2);
+    close(ends[1]);
+  });
+  std::array<std::uint8_t, 3> space;
+  EXPECT_EQ(process.readInput(space), 2);
+  EXPECT_EQ(process.readInput(space), 0);
+  close(ends[0]);
   dup2(standardInput, STDIN_FILENO);
   close(standardInput);
 }

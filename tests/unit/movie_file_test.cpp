@@ -207,6 +207,21 @@ TEST(MovieFile, BoundariesOfPagesAndSectorsNeverCutAFragmentsHead) {
   }
 }
 
+TEST(MovieFile, AHeadIsMovedOnlyWhenItsSectorOrPageWouldCutIt) {
+  for (std::size_t count = 20; count < 60; ++count) {
+    const std::vector<MovieSample> samples(count, {100, 1000, false});
+    const std::size_t size = fragmentStart(0, 1, 0, samples).size() - 8;
+    const std::size_t block = size <= 512 ? 512 : 4096;
+    for (std::size_t offset = 3300; offset < 4100; ++offset) {
+      const std::size_t start = offset + fragmentStart(offset, 1, 0, samples).size() - 8 - size;
+      ASSERT_EQ(start / block, (start + size - 1) / block) << count << " at " << offset;
+      const bool moved = offset / block != (offset + size - 1) / block;
+      ASSERT_EQ(start != offset, moved) << count << " at " << offset;
+      ASSERT_LT(start, offset + size + block);
+    }
+  }
+}
+
 TEST(MovieFile, EveryFailingCallIsReportedInWords) {
   // The disk fails at its first call, its second, its third, until a movie gets through.
   int failAfter = 0;

@@ -76,6 +76,15 @@ TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
   }
 }
 
+TEST_F(Reader, TheFirstCauseOfAnEndDecidesItsCode) {
+  putFrame(1);
+  probe.process->input.pop_back();
+  probe.process->signals.at(15)();
+  readAll();
+  EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
+  EXPECT_EQ(exits(), std::vector<int>{0});
+}
+
 TEST_F(Reader, ReassemblesRecordsFromSmallAndInterruptedReads) {
   probe.process->chunk = 3;
   probe.process->interruptions = 4;

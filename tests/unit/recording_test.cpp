@@ -233,11 +233,25 @@ TEST_F(Takes, WhatAnAbandonedTakeStillDoesIsNotTheNextOnes) {
   probe.feed(++lastID);
   probe.encoders->sessions[0]->answer(-22, nullptr);
   probe.queue->run();  // the take is abandoned, and has not said so
-  start();
+  const auto said = send({{"type", "record_start"}, {"path", takePath}});
+  ASSERT_EQ(said.size(), 2u);
+  EXPECT_EQ(said[0]["error"], "camera encoding failed (-22)");
+  EXPECT_EQ(said[0].size(), 13u);
+  EXPECT_EQ(said[1]["state"], "starting");
   EXPECT_EQ(failure(), "");
   probe.encoders->sessions[1]->answer(0, keySample());
   probe.run();
   EXPECT_NE(probe.take(), nullptr);
+}
+
+TEST_F(Takes, AnAbandonedTakeSaysSoBeforeTheProcessEnds) {
+  start();
+  probe.feed(++lastID);
+  probe.encoders->sessions[0]->answer(-22, nullptr);
+  probe.queue->run();
+  (*probe).shutdown(0);
+  EXPECT_EQ(failure(), "camera encoding failed (-22)");
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
 TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
