@@ -9,6 +9,8 @@
 
 namespace lumora::client {
 
+constexpr std::size_t maximumCommandBytes = 4096;  // of its JSON text; the helper ends for more
+
 using RecordHeaderBytes = std::array<std::uint8_t, 16>;
 
 struct FrameSize {
@@ -26,7 +28,7 @@ RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::u
 // start above 0 and grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id);
 
-// A whole command record around its JSON text (1 to 4096 bytes).
+// A whole command record around its JSON text (1 to `maximumCommandBytes`).
 std::string commandRecord(const std::string& json);
 
 }  // namespace lumora::client

@@ -17,14 +17,16 @@ std::string shellQuoted(const std::string& text) {
 }
 
 FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond)
-    : size_(size), isCamera_(input.starts_with("/dev/video")), frame_(size.bytes()) {
+    : size_(size), isCamera_(input.starts_with("/dev/")), frame_(size.bytes()) {
   const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
-  const std::string kind = isCamera_ ? "-f v4l2 " : "-stream_loop -1 ";
-  const std::string command = "ffmpeg -v fatal -nostdin " + kind + "-i " + shellQuoted(input) +
+  const std::string rate = std::to_string(framesPerSecond);
+  // A camera keeps the rate that it has, if it has not this one.
+  const std::string kind = isCamera_ ? "-f v4l2 -framerate " + rate + " " : "-stream_loop -1 ";
+  const std::string command = "ffmpeg -v error -nostdin " + kind + "-i " + shellQuoted(input) +
                               " -an -vf 'scale=" + picture +
                               ":force_original_aspect_ratio=decrease,pad=" + picture +
-                              ":(ow-iw)/2:(oh-ih)/2,fps=" + std::to_string(framesPerSecond) +
-                              ",vflip' -pix_fmt rgba -f rawvideo -";
+                              ":(ow-iw)/2:(oh-ih)/2,vflip" + (isCamera_ ? "" : ",fps=" + rate) +
+                              "' -pix_fmt rgba -f rawvideo -";
   pipe_.reset(popen(command.c_str(), "re"));
   if (!pipe_) throw std::system_error(errno, std::generic_category(), "ffmpeg");
 }

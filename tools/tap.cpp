@@ -43,6 +43,9 @@ class Output {
     if (options_.flv) write(tools::flvHeader());
   }
 
+  // What comes next may be of another helper, whose parent numbers its frames in another way.
+  void streamBegan() { fromIDs_.reset(); }
+
   void write(const Packet& packet) {
     if (!options_.flv) return write(toAnnexB(packet));
     if (packet.type == Packet::Type::configuration) {
@@ -59,7 +62,7 @@ class Output {
   static void write(const std::vector<std::uint8_t>& bytes) {
     if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
         std::fflush(stdout) != 0) {
-      throw std::runtime_error("nobody reads what is written");
+      throw std::system_error(errno, std::generic_category(), "standard output");
     }
   }
 
@@ -88,6 +91,7 @@ class Output {
 bool copyStream(const Options& options, Output& output) {
   client::StreamClient stream(options.host, options.port);
   stream.sayHello(options.token);
+  output.streamBegan();
   bool any = false;
   while (!stream.isClosed()) {
     const auto packet = stream.receive(1);

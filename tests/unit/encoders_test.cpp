@@ -163,9 +163,9 @@ TEST(LibavEncoders, OpensAheadAndGivesMemoryBackAMinuteLater) {
 struct SpareEncodersTest : testing::Test {
   std::unique_ptr<LibavEncoder> open(const EncoderSettings& settings) {
     std::unique_ptr<LibavEncoder> encoder;
-    const EncoderSpec software{.codec = avcodec_find_encoder_by_name(softwareEncoder),
-                               .pictures = PicturePool::make()};
-    EXPECT_EQ(LibavEncoder::open(software, settings, encoder), 0);
+    const EncoderSpec spec{.codec = avcodec_find_encoder_by_name(softwareEncoder),
+                           .pictures = PicturePool::make()};
+    EXPECT_EQ(LibavEncoder::open(spec, settings, encoder), 0);
     return encoder;
   }
   auto takeNow(const EncoderSettings& settings) { return spares->take(settings, {}); }

@@ -4,6 +4,7 @@
 
 #include "tools/viewer/frame_flow.h"
 #include "tools/viewer/page_messages.h"
+#include "tools/viewer/takes.h"
 #include "tools/viewer/web_rules.h"
 
 namespace lumora::viewer {
@@ -77,6 +78,54 @@ TEST(FrameFlow, AHiddenPageAndOneThatLeftHoldNothingUp) {
   EXPECT_EQ(flow.takeWithheld(), 0u);  // one that has just come has missed nothing
 }
 
+TEST(FrameFlow, ANewStreamKnowsNothingOfFramesOfTheOldOne) {
+  FrameFlow flow;
+  flow.pageJoined();
+  expectForwarded(flow, 1, true, 0);
+  flow.streamBegan();
+  EXPECT_EQ(flow.giveUp(9), std::nullopt);
+  EXPECT_EQ(flow.shown(1), std::nullopt);
+  expectWithheld(flow, 2, false, 9);
+  expectForwarded(flow, 3, true, 9);
+}
+
+TEST(ViewerTakes, OneAtATimeWhereverItCanBeTold) {
+  using Json = nlohmann::json;
+  Takes takes;
+  std::string problem;
+  const auto start = [&](const std::string& folder) {
+    problem.clear();
+    return takes.start({"640x360", 30, folder, true}, 5.5, problem);
+  };
+  const auto tell = [&](const Json& id, const char* state) {
+    takes.eventCame({{"type", "recording"}, {"id", id}, {"state", state}, {"path", "/v/a.mp4"}});
+  };
+  for (const char* folder : {"/no such folder", "tmp", "", "/\xFF"}) {
+    EXPECT_FALSE(start(folder)) << folder;
+    EXPECT_NE(problem, "") << folder;
+  }
+  // What the helper would end for rather than refuse.
+  EXPECT_FALSE(start(std::string(4000, '/')));
+  EXPECT_EQ(problem, "The path of the folder is too long.");
+  const auto command = start("/tmp");
+  ASSERT_TRUE(command);
+  EXPECT_EQ(command->at("started_at"), 5.5);
+  EXPECT_EQ(command->at("cadence"), "steady");
+  EXPECT_FALSE(takes.stop(6));
+  const Json& id = command->at("id");
+  tell(id, "starting");
+  tell("another", "failed");  // refused
+  EXPECT_TRUE(takes.isRunning());
+  EXPECT_EQ(takes.stop(6)->at("id"), id);
+  EXPECT_EQ(takes.movie(id.get<std::string>() + ".mp4"), std::nullopt);
+  tell(id, "saved");
+  EXPECT_FALSE(takes.isRunning());
+  EXPECT_EQ(takes.movie(id.get<std::string>() + ".mp4"), "/v/a.mp4");
+  for (const std::string& name : {id.get<std::string>(), "../" + id.get<std::string>() + ".mp4"}) {
+    EXPECT_EQ(takes.movie(name), std::nullopt) << name;
+  }
+}
+
 TEST(WebRules, OnlyOurOwnPageUnderItsOwnNameGetsAnything) {
   const WebRules rules(4711, "secret");
   const char* const self = "127.0.0.1:4711";
@@ -99,6 +148,7 @@ TEST(WebRules, OnlyOurOwnPageUnderItsOwnNameGetsAnything) {
     const auto from = *origin == '\0' ? std::nullopt : std::optional<std::string_view>(origin);
     EXPECT_EQ(rules.resource(host, from, target), std::nullopt) << host << origin << target;
   }
+  EXPECT_EQ(WebRules(80, "s").resource("localhost", "http://localhost", "/s/"), "");
   EXPECT_TRUE(rules.allowsSocket("http://127.0.0.1:4711"));
   EXPECT_FALSE(rules.allowsSocket(std::nullopt));
   EXPECT_FALSE(rules.allowsSocket("http://127.0.0.1:4712"));

@@ -7,7 +7,8 @@ export function showFigure(id, value, text = String(value)) {
   const figure = element(id);
   if (value === undefined) delete figure.dataset.value;
   else figure.dataset.value = value;
-  figure.textContent = value === undefined ? '—' : text;
+  const shown = value === undefined ? '—' : text;
+  if (figure.textContent !== shown) figure.textContent = shown; // a reader says what changes
 }
 
 export function showCount(id, value) {

@@ -94,6 +94,10 @@ const messages = {
     connection.giveUp();
     situation.busy(message);
   },
+  lost({ message }) {
+    events.add(message, 'bad');
+    situation.streamLost(message);
+  },
   ended({ message, status }) {
     connection.giveUp();
     events.add(message, status ? 'bad' : 'plain');

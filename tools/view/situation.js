@@ -8,19 +8,20 @@ export class Situation {
   canDecode = 'VideoDecoder' in globalThis;
   #connection = { name: 'connecting', wait: 0 };
   #end; // what the viewer said when it would not go on
+  #loss; // what it says of a stream that it tries to get back
   #fault; // of the decoder, until it shows a picture again
   #shownAt;
   #key;
 
   connectionChanged(name, wait) {
     this.#connection = { name, wait };
-    if (name === 'connecting') this.#end = undefined;
+    if (name === 'connecting') this.#end = this.#loss = undefined;
     if (name !== 'closed') this.#shownAt = undefined;
     this.show();
   }
 
   sessionBegan({ mode, helper }) {
-    this.#end = undefined;
+    this.#end = this.#loss = undefined;
     this.#shownAt = undefined;
     element('session').textContent = `${mode === 'owner' ? 'Started' : 'Joined'} ${helper}`;
     this.show();
@@ -28,6 +29,11 @@ export class Situation {
 
   busy(text) {
     this.#end = ['Another page is viewing', text];
+    this.show();
+  }
+
+  streamLost(text) {
+    this.#loss = text;
     this.show();
   }
 
@@ -76,6 +82,7 @@ export class Situation {
     if (name === 'closed') return ['failed', 'The connection is closed'];
     if (name === 'waiting') return ['waiting', 'The connection is lost', `Trying again in ${wait / 1000} s.`];
     if (name === 'connecting') return ['waiting', 'Connecting'];
+    if (this.#loss) return ['waiting', 'The stream is lost', this.#loss];
     if (this.#fault) return ['failed', 'The picture cannot be decoded', faultAdvice(this.#fault)];
     if (this.#shownAt === undefined) return ['waiting', 'Waiting for the first picture'];
     if (now - this.#shownAt > patience) {

@@ -11,6 +11,7 @@ const states = {
   finishing: 'Finishing',
   saved: 'Saved',
   failed: 'Failed',
+  lost: 'Unknown: nothing is heard of it',
 };
 const running = ['asked', 'starting', 'recording', 'finishing'];
 
@@ -27,7 +28,9 @@ export class Takes {
       submission.preventDefault();
       this.#start();
     });
-    element('take-stop').addEventListener('click', () => send({ type: 'stop' }));
+    element('take-stop').addEventListener('click', () => {
+      if (this.#state !== 'asked') send({ type: 'stop' }); // else there is nothing to stop yet
+    });
     element('take-copy').addEventListener('click', () => copyPath());
     element('take-movie').addEventListener('error', () => {
       showProblem('The movie cannot be played here. The file itself is complete.');
@@ -45,7 +48,9 @@ export class Takes {
 
   sessionEnded() {
     this.#isOwner = false;
+    this.#lastEnd = undefined; // whoever comes back is told everything again
     if (this.#state === 'asked') this.#showState(this.#stateBefore);
+    else if (running.includes(this.#state)) this.#showState('lost');
     this.#enable();
   }
 
@@ -106,7 +111,8 @@ export class Takes {
     shown.hidden = false;
     hidden.hidden = true;
     start.disabled = !this.#isOwner;
-    stop.disabled = !this.#isOwner || this.#state === 'asked'; // there is nothing to stop yet
+    stop.disabled = !this.#isOwner;
+    stop.ariaDisabled = this.#state === 'asked'; // and keeps the focus
     element('take-fields').disabled = !this.#isOwner || isRunning;
     if (hadFocus) shown.focus();
   }

@@ -22,7 +22,9 @@ Page::Bytes bytesOf(const client::Packet& packet) {
 
 }  // namespace
 
-Bridge::Bridge(asio::io_context& context) : context_(context), timer_(context) { tick(); }
+Bridge::Bridge(asio::io_context& context) : context_(context), ticks_(context), goodbye_(context) {
+  tick();
+}
 
 void Bridge::join(const HelperAddress& helper) {
   session_ = {{"type", "session"},
@@ -75,7 +77,7 @@ void Bridge::pageJoined(const std::shared_ptr<Page>& page) {
   flow_.pageJoined();
   tell(session_);
   for (const auto& [type, event] : latestEvents_) tell({{"type", "event"}, {"event", event}});
-  if (!ended_.is_null()) tell(ended_);
+  if (!interrupted_.is_null()) tell(interrupted_);
 }
 
 void Bridge::pageSpoke(std::string_view text) {
@@ -144,14 +146,14 @@ void Bridge::frameCame(const client::Packet& packet) {
 }
 
 void Bridge::connectionChanged(const std::optional<std::string>& problem) {
+  if (!problem) flow_.streamBegan();
   if (camera_) return;  // its events tell more
-  const Json before = ended_;
-  ended_ = problem
-               ? Json{{"type", "ended"}, {"message", *problem + " Trying again."}, {"status", 0}}
-               : Json();
-  if (ended_ == before) return;
+  const Json before = interrupted_;
+  interrupted_ =
+      problem ? Json{{"type", "lost"}, {"message", *problem + " Trying again."}} : Json();
+  if (interrupted_ == before) return;
   if (problem) std::fprintf(stderr, "%s\n", problem->c_str());
-  tell(problem ? ended_ : session_);
+  tell(problem ? interrupted_ : session_);
 }
 
 void Bridge::eventCame(const std::string& line) {
@@ -161,30 +163,50 @@ void Bridge::eventCame(const std::string& line) {
   if (type == "ready" && !stream_)
     connectTo({"127.0.0.1", event.value("port", std::uint16_t{0}), token_});
   if (type == "error") std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
+  const bool wasRunning = takes_.isRunning();
   takes_.eventCame(event);
+  failedAtEnd_ = failedAtEnd_ || (ending_ && wasRunning && event.value("state", "") == "failed");
   latestEvents_[type] = event;
   tell({{"type", "event"}, {"event", event}});
 }
 
 void Bridge::inputEnded(std::uint64_t frames) {
+  if (ending_) return;
   std::fprintf(stderr, frames == 0 ? "The input gave no picture.\n" : "The input has ended.\n");
-  noPicture_ = frames == 0;
+  inputFrames_ = frames;
 }
 
 void Bridge::helperEnded(const client::ExitStatus& status) {
-  failed_ = noPicture_ || status.code != 0 || status.signal != 0;
-  const auto saved = latestEvents_.find("recording");
-  if (saved != latestEvents_.end() && saved->second.value("state", "") == "saved") {
-    std::printf("Saved %s\n", saved->second.value("path", "").c_str());
-  }
+  const bool isClean = status.code == 0 && status.signal == 0;
+  failed_ = failed_ || !isClean || inputFrames_ == 0;
+  reportTake();
   const std::string how = status.signal != 0 ? "signal " + std::to_string(status.signal)
                                              : "status " + std::to_string(status.code);
-  if (failed_ && !noPicture_) std::fprintf(stderr, "The helper has ended with %s.\n", how.c_str());
-  ended_ = {{"type", "ended"},
-            {"message", "The helper has ended with " + how + "."},
-            {"status", status.signal != 0 ? 128 + status.signal : status.code}};
-  tell(ended_);
+  if (!isClean) std::fprintf(stderr, "The helper has ended with %s.\n", how.c_str());
+  const char* first = inputFrames_ ? "The input has ended. " : "";
+  interrupted_ = {{"type", "ended"},
+                  {"message", first + ("The helper has ended with " + how + ".")},
+                  {"status", status.signal != 0 ? 128 + status.signal : status.code}};
+  tell(interrupted_);
   finish();
+}
+
+// The last words on a take that the end has come upon.
+void Bridge::reportTake() {
+  const auto found = latestEvents_.find("recording");
+  if (found == latestEvents_.end()) return;
+  const Json& take = found->second;
+  const std::string path = take.value("path", "");
+  if (take.value("state", "") == "saved") {
+    std::printf("Saved %s\n", path.c_str());
+  } else if (takes_.isRunning()) {
+    failed_ = true;
+    std::fprintf(stderr, "The take was not finished; what there is of it: %s.%s.partial\n",
+                 path.c_str(), take.value("id", "").c_str());
+  } else if (failedAtEnd_) {
+    failed_ = true;
+    std::fprintf(stderr, "The take was not saved: %s\n", take.value("error", "").c_str());
+  }
 }
 
 void Bridge::end() {
@@ -195,13 +217,13 @@ void Bridge::end() {
 
 void Bridge::finish() {
   if (page_) page_->close();
-  timer_.expires_after(timeForGoodbye);
-  timer_.async_wait([this](const boost::system::error_code&) { context_.stop(); });
+  goodbye_.expires_after(timeForGoodbye);
+  goodbye_.async_wait([this](const boost::system::error_code&) { context_.stop(); });
 }
 
 void Bridge::tick() {
-  timer_.expires_after(tickInterval);
-  timer_.async_wait([this](const boost::system::error_code& error) {
+  ticks_.expires_after(tickInterval);
+  ticks_.async_wait([this](const boost::system::error_code& error) {
     if (error) return;
     acknowledge(flow_.giveUp(uptime()));
     tick();

@@ -55,6 +55,7 @@ class Bridge {
   void eventCame(const std::string& line);
   void inputEnded(std::uint64_t frames);
   void helperEnded(const client::ExitStatus& status);
+  void reportTake();
 
   void tick();
   void acknowledge(std::optional<std::uint64_t> frameID);
@@ -63,18 +64,20 @@ class Bridge {
   void finish();
 
   boost::asio::io_context& context_;
-  boost::asio::steady_timer timer_;
+  boost::asio::steady_timer ticks_;
+  boost::asio::steady_timer goodbye_;
   FrameFlow flow_;
   Takes takes_;
   std::shared_ptr<Page> page_;
   Page::Bytes configuration_;                 // the latest
   std::map<std::string, Json> latestEvents_;  // by type: what a page that comes later has missed
   Json session_;
-  Json ended_;  // what is told of the end, once it has come
+  Json interrupted_;  // what is told of the stream's break or end, once it has come
   std::string token_;
   bool ending_ = false;
   bool failed_ = false;
-  bool noPicture_ = false;
+  bool failedAtEnd_ = false;                  // a take that was running when the end was asked for
+  std::optional<std::uint64_t> inputFrames_;  // of an input that has ended
   std::unique_ptr<StreamSource> stream_;
   std::unique_ptr<Camera> camera_;
 };

@@ -1,5 +1,6 @@
 #include "tools/viewer/camera.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <utility>
@@ -40,8 +41,8 @@ void Camera::feed(const std::stop_token& stop) {
       break;
     }
     if (source_->keepsTime()) capturedAt = client::uptime();
-    if (number == 1) due = Clock::now();  // a file takes its time to open
-    due += interval;
+    // A file takes its time to open, and whoever was stopped for a while catches up on nothing.
+    due = std::max(due, Clock::now() - interval) + interval;
     writeCommands();
     if (!helper_.writeFrame(source_->size(), client::frameID(capturedAt), picture)) break;
   }

@@ -4,6 +4,11 @@
 
 namespace lumora::viewer {
 
+void FrameFlow::streamBegan() {
+  unseen_.clear();
+  waiting_ = true;
+}
+
 void FrameFlow::pageJoined() {
   pageLeft();
   joined_ = true;

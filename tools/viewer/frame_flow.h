@@ -16,6 +16,8 @@ class FrameFlow {
  public:
   static constexpr double patience = 0.25;  // seconds; the helper's own is 0.5
 
+  // A new connection to the helper: it knows nothing of frames before.
+  void streamBegan();
   void pageJoined();
   void pageLeft();
   void pageSpoke() { silent_ = false; }  // in whatever words: it is alive

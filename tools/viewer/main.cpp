@@ -9,6 +9,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/asio/signal_set.hpp>
 #include <charconv>
 #include <csignal>
@@ -55,7 +56,8 @@ bool parseSize(std::string_view text, client::FrameSize& size) {
   const auto by = text.find('x');
   return by != std::string_view::npos && parse(text.substr(0, by), size.width) &&
          parse(text.substr(by + 1), size.height) && size.width >= 2 && size.height >= 2 &&
-         size.width <= 1920 && size.height <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
+         std::max(size.width, size.height) <= 1920 && std::min(size.width, size.height) <= 1080 &&
+         size.width % 2 == 0 && size.height % 2 == 0;
 }
 
 bool apply(const std::string& name, const std::string& value, Options& options) {

@@ -31,10 +31,9 @@ void StreamSource::run(const std::stop_token& stop) {
     try {
       client::StreamClient stream(from_.host, from_.port);
       stream.sayHello(from_.token);
-      handlers_.failed(watch(stream, stop)
-                           ? "The helper has closed the stream."
-                           : "The helper does not admit us: is the token right, are two others "
-                             "watching?");
+      const std::string why = watch(stream, stop);
+      setCurrent(nullptr);
+      handlers_.failed(why);
     } catch (const std::exception& error) {
       handlers_.failed("There is no helper at " + from_.host + ", port " +
                        std::to_string(from_.port) + " (" + error.what() + ").");
@@ -43,11 +42,8 @@ void StreamSource::run(const std::stop_token& stop) {
   }
 }
 
-bool StreamSource::watch(client::StreamClient& stream, const std::stop_token& stop) {
-  {
-    const std::lock_guard hold(mutex_);
-    current_ = &stream;
-  }
+std::string StreamSource::watch(client::StreamClient& stream, const std::stop_token& stop) {
+  setCurrent(&stream);
   bool connected = false;  // once something comes: who is not admitted is closed without a word
   try {
     while (!stop.stop_requested() && !stream.isClosed()) {
@@ -56,11 +52,16 @@ bool StreamSource::watch(client::StreamClient& stream, const std::stop_token& st
       if (!std::exchange(connected, true)) handlers_.connected();
       handlers_.packet(std::move(*packet));
     }
-  } catch (const std::exception&) {  // bytes that no helper sends
+  } catch (const std::exception&) {
+    return "What answers there is no helper.";
   }
+  return connected ? "The helper has closed the stream."
+                   : "The helper does not admit us: is the token right, are two others watching?";
+}
+
+void StreamSource::setCurrent(client::StreamClient* stream) {
   const std::lock_guard hold(mutex_);
-  current_ = nullptr;
-  return connected;
+  current_ = stream;
 }
 
 void StreamSource::acknowledge(std::uint64_t frameID) {

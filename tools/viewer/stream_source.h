@@ -36,8 +36,9 @@ class StreamSource {
 
  private:
   void run(const std::stop_token& stop);
-  // Until it breaks off; whether anything has come.
-  bool watch(client::StreamClient& stream, const std::stop_token& stop);
+  // Until it breaks off; why it has. Nothing escapes.
+  std::string watch(client::StreamClient& stream, const std::stop_token& stop);
+  void setCurrent(client::StreamClient* stream);
 
   const HelperAddress from_;
   const Handlers handlers_;

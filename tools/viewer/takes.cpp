@@ -4,6 +4,8 @@
 #include <ctime>
 #include <random>
 
+#include "client/records.h"
+
 namespace lumora::viewer {
 namespace {
 
@@ -52,6 +54,11 @@ std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::st
                   {"target_fps", wanted.targetFPS},
                   {"started_at", uptime}};
   if (wanted.steady) command["cadence"] = "steady";
+  if (command.dump(-1, ' ', false, Json::error_handler_t::replace).size() >
+      client::maximumCommandBytes) {
+    problem = "The path of the folder is too long.";
+    return std::nullopt;
+  }
   return command;
 }
 
@@ -63,8 +70,13 @@ std::optional<Json> Takes::stop(double uptime) const {
 void Takes::eventCame(const Json& event) {
   if (event.value("type", "") != "recording") return;
   const std::string state = event.value("state", "");
-  if (state == "starting") running_ = event.value("id", "");
-  if (state == "saved") saved_[event.value("id", "")] = event.value("path", "");
+  const std::string id = event.value("id", "");
+  if (state == "saved") saved_[id] = event.value("path", "");
+  if (state != "saved" && state != "failed") {
+    running_ = id;
+  } else if (id == running_) {
+    running_.clear();
+  }
 }
 
 std::optional<std::filesystem::path> Takes::movie(const std::string& name) const {

@@ -17,16 +17,16 @@ class Takes {
  public:
   // The command that starts the take, or `problem` in words.
   std::optional<nlohmann::json> start(const StartTake& wanted, double uptime, std::string& problem);
-  // The command that stops the latest take that the helper has accepted; nothing when there was
-  // none.
+  // The command that stops the take that is running; nothing when there is none.
   std::optional<nlohmann::json> stop(double uptime) const;
   // For each event of the helper.
   void eventCame(const nlohmann::json& event);
+  bool isRunning() const { return !running_.empty(); }
   // The movie named "<id>.mp4" that was saved in this run.
   std::optional<std::filesystem::path> movie(const std::string& name) const;
 
  private:
-  std::string running_;  // id
+  std::string running_;  // id of the take that was accepted and has not ended
   std::map<std::string, std::filesystem::path> saved_;
 };
 

@@ -29,11 +29,13 @@ ByteRange part(std::uint64_t first, std::uint64_t last) {
   return {ByteRange::Kind::part, first, last - first + 1};
 }
 
+// A browser leaves the default port out.
+std::string suffix(std::uint16_t port) { return port == 80 ? "" : ":" + std::to_string(port); }
+
 }  // namespace
 
 WebRules::WebRules(std::uint16_t port, std::string secret)
-    : hosts_{"127.0.0.1:" + std::to_string(port), "localhost:" + std::to_string(port)},
-      secret_(std::move(secret)) {}
+    : hosts_{"127.0.0.1" + suffix(port), "localhost" + suffix(port)}, secret_(std::move(secret)) {}
 
 std::optional<std::string> WebRules::resource(std::string_view host,
                                               std::optional<std::string_view> origin,
