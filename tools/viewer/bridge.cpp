@@ -3,6 +3,7 @@
 #include <boost/asio/post.hpp>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <utility>
 
 #include "client/uptime.h"
@@ -38,7 +39,7 @@ void Bridge::own(const client::LaunchOptions& launch, std::unique_ptr<tools::Fra
   session_ = {{"type", "session"},
               {"mode", "owner"},
               {"folder", std::move(folder)},
-              {"helper", launch.program}};
+              {"helper", std::filesystem::path(launch.program).filename().string()}};
   token_ = launch.token;
   const Camera::Handlers handlers{
       .event =
