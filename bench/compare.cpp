@@ -22,7 +22,7 @@ namespace {
 
 using namespace lumora;
 using namespace lumora::bench;
-using client::Event;
+using tools::Event;
 
 constexpr client::FrameSize camera{1920, 1080};
 constexpr client::FrameSize previewSize{640, 360};

@@ -55,7 +55,7 @@ constexpr std::pair<const char*, std::uint64_t> windows[] = {
     {"a take runs", stopFrame - windowFrames},    {"a take has stopped", stopFrame},
     {"no take, later", failFrame - windowFrames}, {"a take fails at once", failFrame}};
 
-void commandTakes(client::HelperProcess& helper, std::uint64_t frame, const std::string& folder,
+void commandTakes(tools::HelperProcess& helper, std::uint64_t frame, const std::string& folder,
                   const std::string& profile) {
   const std::uint64_t at = frame % roundFrames;
   const char* id = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
@@ -78,7 +78,7 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
   const bench::PacedLoad load{.helper = helper,
                               .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
                               .clients = 1,
-                              .schedule = [&](client::HelperProcess& to, std::uint64_t frame) {
+                              .schedule = [&](tools::HelperProcess& to, std::uint64_t frame) {
                                 commandTakes(to, frame, folder, profile);
                               }};
   const bench::PacedResult result = bench::runPacedLoad(load, clip);

@@ -26,7 +26,7 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   const tools::RunReport report = tools::runPaced(options, source, {});
   std::filesystem::remove(passing);
 
-  const auto count = [](const client::Event& event, const char* key) {
+  const auto count = [](const tools::Event& event, const char* key) {
     return event.is_object() ? event.value(key, std::int64_t{0}) : 0;
   };
   const std::vector<double> latencies = tools::latencies(report);

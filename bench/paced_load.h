@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "client/helper_process.h"
+#include "tools/helper_process.h"
 #include "tools/paced_run.h"
 
 namespace lumora::bench {
@@ -22,7 +22,7 @@ struct PacedLoad {
   std::string previewPath = {};  // where the files go; empty: nowhere that lasts
   std::string takePath = {};
   // Called before each frame is written, for commands of one's own.
-  std::function<void(client::HelperProcess&, std::uint64_t frame)> schedule = {};
+  std::function<void(tools::HelperProcess&, std::uint64_t frame)> schedule = {};
 };
 
 struct PacedResult {

@@ -3,6 +3,8 @@
 // What a parent writes into the helper's standard input: a 16-byte header (length, width, height,
 // frame id, all big-endian) and the payload. Pure.
 
+#include <lumora/frame.h>
+
 #include <array>
 #include <cstdint>
 #include <string>
@@ -12,14 +14,6 @@ namespace lumora::client {
 constexpr std::size_t maximumCommandBytes = 4096;  // of its JSON text; the helper ends for more
 
 using RecordHeaderBytes = std::array<std::uint8_t, 16>;
-
-struct FrameSize {
-  int width = 0;   // pixels, even
-  int height = 0;  // pixels, even
-  std::size_t bytes() const {
-    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
-  }
-};
 
 RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
                                std::uint64_t id);

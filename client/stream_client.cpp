@@ -1,5 +1,4 @@
-#include "client/stream_client.h"
-
+#include <lumora/stream_client.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,6 +8,9 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <system_error>
+#include <vector>
+
+#include "client/descriptor.h"
 
 namespace lumora::client {
 namespace {
@@ -36,8 +38,20 @@ Descriptor connectTo(const std::string& host, std::uint16_t port) {
 
 }  // namespace
 
+struct StreamClient::Connection {
+  Descriptor socket;
+  PacketParser parser{};
+  std::vector<std::uint8_t> space = std::vector<std::uint8_t>(readBytes);
+  bool isClosed = false;
+};
+
 StreamClient::StreamClient(const std::string& host, std::uint16_t port)
-    : socket_(connectTo(host, port)), space_(readBytes) {}
+    : connection_(std::make_unique<Connection>(Connection{connectTo(host, port)})) {}
+StreamClient::~StreamClient() = default;
+StreamClient::StreamClient(StreamClient&& other) noexcept = default;
+StreamClient& StreamClient::operator=(StreamClient&& other) noexcept = default;
+
+bool StreamClient::isClosed() const { return connection_->isClosed; }
 
 bool StreamClient::sayHello(const std::string& token) {
   return sendText(nlohmann::json{{"type", "hello"}, {"token", token}}.dump() + "\n");
@@ -50,7 +64,8 @@ bool StreamClient::acknowledge(std::uint64_t frameID) {
 bool StreamClient::sendText(const std::string& text) {
   std::size_t sent = 0;
   while (sent < text.size()) {
-    const ssize_t count = send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    const ssize_t count =
+        send(connection_->socket.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return false;
     sent += static_cast<std::size_t>(count);
@@ -59,16 +74,17 @@ bool StreamClient::sendText(const std::string& text) {
 }
 
 std::optional<Packet> StreamClient::receive(double timeoutSeconds) {
+  auto& [socket, parser, space, isClosed] = *connection_;
   const Deadline deadline(timeoutSeconds);
   for (;;) {
-    if (auto packet = parser_.next()) return packet;
-    if (closed_ || !waitReadable(socket_.get(), deadline)) return std::nullopt;
-    const ssize_t count = recv(socket_.get(), space_.data(), space_.size(), 0);
+    if (auto packet = parser.next()) return packet;
+    if (isClosed || !waitReadable(socket.get(), deadline)) return std::nullopt;
+    const ssize_t count = recv(socket.get(), space.data(), space.size(), 0);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0)
-      closed_ = true;
+      isClosed = true;
     else
-      parser_.feed({space_.data(), static_cast<std::size_t>(count)});
+      parser.feed({space.data(), static_cast<std::size_t>(count)});
   }
 }
 

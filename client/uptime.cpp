@@ -1,4 +1,4 @@
-#include "client/uptime.h"
+#include <lumora/uptime.h>
 
 #include <time.h>
 

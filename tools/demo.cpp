@@ -77,7 +77,7 @@ void showTable(const tools::RunReport& report, int clients) {
   row("preview bit rate", megabitsPerSecond(report.last, clients), "Mbit/s");
 }
 
-void showTake(const client::Event& take) {
+void showTake(const tools::Event& take) {
   if (!take.is_object()) return;
   std::printf("  take %s: %s, %dx%d, %.3f s, %llu frames, %llu dropped, %llu throttled %s\n",
               take.value("state", "").c_str(), take.value("path", "").c_str(),

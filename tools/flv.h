@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "client/packet_parser.h"
+#include <lumora/packets.h>
 
 namespace lumora::tools {
 

@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "client/stream_client.h"
-#include "client/uptime.h"
+#include <lumora/stream_client.h>
+#include <lumora/uptime.h>
 #include "tools/resource_use.h"
 
 namespace lumora::tools {
@@ -46,7 +46,7 @@ class Board {
     deliveries_.push_back({at + 1, progress_.latency});
   }
 
-  void reported(const client::Event& event) {
+  void reported(const tools::Event& event) {
     const std::lock_guard hold(mutex_);
     if (event.contains("credit_drops")) progress_.statistics = event;
     if (event.value("type", "") == "recording") progress_.take = event;
@@ -88,7 +88,7 @@ void watchStream(client::StreamClient& stream, Board& board, std::ostream* copy)
   }
 }
 
-std::uint64_t feed(const RunOptions& options, FrameSource& source, client::HelperProcess& helper,
+std::uint64_t feed(const RunOptions& options, FrameSource& source, tools::HelperProcess& helper,
                    Board& board, const std::function<void(const RunProgress&)>& progress) {
   const auto start = SteadyClock::now();
   const auto count = static_cast<std::uint64_t>(options.seconds * options.framesPerSecond);
@@ -116,7 +116,7 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, client::Helpe
 
 const char* const takeID = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
 
-void startTake(const TakeOptions& take, client::HelperProcess& helper) {
+void startTake(const TakeOptions& take, tools::HelperProcess& helper) {
   if (take.path.empty()) return;
   helper.writeCommand({{"type", "record_start"},
                        {"id", takeID},
@@ -127,12 +127,12 @@ void startTake(const TakeOptions& take, client::HelperProcess& helper) {
                        {"started_at", client::uptime()}});
 }
 
-void stopTake(const TakeOptions& take, client::HelperProcess& helper) {
+void stopTake(const TakeOptions& take, tools::HelperProcess& helper) {
   if (take.path.empty()) return;
   helper.writeCommand({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", client::uptime()}});
 }
 
-std::uint64_t waitForClients(client::HelperProcess& helper, int clients) {
+std::uint64_t waitForClients(tools::HelperProcess& helper, int clients) {
   for (;;) {
     const auto stats = helper.nextEvent("stats", 5);
     if (!stats) throw std::runtime_error("stream clients were not admitted");
@@ -146,7 +146,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress) {
   RunReport report;
   const auto launched = SteadyClock::now();
-  client::HelperProcess helper(options.launch);
+  tools::HelperProcess helper(options.launch);
   const auto ready = helper.nextEvent("ready", 10);
   if (!ready) throw std::runtime_error("the helper did not become ready");
   report.readyMilliseconds = millisecondsSince(launched);
@@ -168,7 +168,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   }
   std::jthread events([&] {
     while (const auto line = helper.nextLine(60)) {
-      const auto event = client::Event::parse(*line, nullptr, false);
+      const auto event = tools::Event::parse(*line, nullptr, false);
       if (!event.is_discarded()) board.reported(event);
     }
   });

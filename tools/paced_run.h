@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "client/helper_process.h"
 #include "tools/frame_source.h"
+#include "tools/helper_process.h"
 
 namespace lumora::tools {
 
@@ -27,7 +27,7 @@ struct RunOptions {
   TakeOptions take;
   std::string previewPath;  // where the first client's stream goes, as Annex B; empty: nowhere
   // Called before each frame is written, for commands of one's own; may be empty.
-  std::function<void(client::HelperProcess&, std::uint64_t frame)> beforeFrame;
+  std::function<void(tools::HelperProcess&, std::uint64_t frame)> beforeFrame;
 };
 
 struct RunProgress {
@@ -35,8 +35,8 @@ struct RunProgress {
   std::uint64_t received = 0;  // frame packets, over all clients
   std::uint64_t bytes = 0;     // of those packets
   double latency = 0;          // of the latest one, milliseconds
-  client::Event statistics;    // the latest "stats" event with diagnostics
-  client::Event take;          // the latest "recording" event
+  tools::Event statistics;     // the latest "stats" event with diagnostics
+  tools::Event take;           // the latest "recording" event
   std::string error;           // the message of an "error" event
 };
 

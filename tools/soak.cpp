@@ -19,18 +19,18 @@
 #include <stdexcept>
 #include <thread>
 
-#include "client/helper_process.h"
-#include "client/stream_client.h"
-#include "client/uptime.h"
+#include <lumora/stream_client.h>
+#include <lumora/uptime.h>
+#include "tools/helper_process.h"
 #include "tools/resource_use.h"
 #include "tools/test_card.h"
 
 namespace {
 
 using namespace lumora;
-using client::Event;
 using client::FrameSize;
 using client::uptime;
+using tools::Event;
 
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
 constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
@@ -278,7 +278,7 @@ class Soak {
   std::filesystem::path folder_;
   std::mt19937 random_;
   std::string token_;
-  client::HelperProcess helper_;
+  tools::HelperProcess helper_;
   std::uint16_t port_ = 0;
   std::mutex input_;  // frames and commands
   std::atomic<FrameSize> size_ = sizes[0];

@@ -17,8 +17,8 @@
 #include <string_view>
 #include <thread>
 
-#include "client/stream_client.h"
-#include "client/uptime.h"
+#include <lumora/stream_client.h>
+#include <lumora/uptime.h>
 #include "tools/flv.h"
 
 namespace {

@@ -26,7 +26,7 @@ struct Faults : TakeTest {
                  {"LUMORA_FAULT_HIT", hitPath()},
                  {"TAVO_H264_ENCODER", "software"},
                  {"ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0"}});
-    helper = std::make_unique<client::HelperProcess>(
+    helper = std::make_unique<tools::HelperProcess>(
         client::LaunchOptions{LUMORA_HELPER, token, {}, std::move(more)});
     startError.clear();
     while (const auto event = helper->nextEvent(20)) {

@@ -13,15 +13,15 @@
 #include <thread>
 #include <vector>
 
-#include "client/helper_process.h"
-#include "client/stream_client.h"
-#include "client/uptime.h"
+#include <lumora/stream_client.h>
+#include <lumora/uptime.h>
+#include "tools/helper_process.h"
 
 namespace lumora::tests {
 
-using client::Event;
 using client::FrameSize;
 using client::uptime;
+using tools::Event;
 using Pixels = std::vector<std::uint8_t>;
 
 struct Rgb {
@@ -95,7 +95,7 @@ class HelperTest : public testing::Test {
 
   std::filesystem::path folder;
   std::string token = "end-to-end-token-0123456789";
-  std::unique_ptr<client::HelperProcess> helper;
+  std::unique_ptr<tools::HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;
 };

@@ -14,7 +14,7 @@ struct Input : HelperTest {
   // Starts without waiting for anything: the first line, which is to be this error, and status 1.
   void expectRefusal(const std::vector<std::string>& arguments, const std::string& withToken,
                      const std::string& line) {
-    helper = std::make_unique<client::HelperProcess>(
+    helper = std::make_unique<tools::HelperProcess>(
         client::LaunchOptions{LUMORA_HELPER, withToken, arguments, {}});
     // A statistics report may come before the listener knows its fate.
     std::string first = helper->nextLine(20).value_or("");
@@ -113,7 +113,7 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
   for (int limit = 4; !saved; ++limit) {
     SCOPED_TRACE(limit);
     ASSERT_LT(limit, 64);
-    helper = std::make_unique<client::HelperProcess>(client::LaunchOptions{
+    helper = std::make_unique<tools::HelperProcess>(client::LaunchOptions{
         "/bin/sh",
         token,
         {"-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\"", LUMORA_HELPER},

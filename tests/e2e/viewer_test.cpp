@@ -7,7 +7,7 @@
 #include <csignal>
 #include <fstream>
 
-#include "client/packet_parser.h"
+#include <lumora/packets.h>
 #include "tests/e2e/helper_fixture.h"
 
 namespace lumora::tests {
@@ -18,7 +18,7 @@ using boost::asio::ip::tcp;
 struct Viewer : HelperTest {
   // Starts the viewer and opens its page's socket.
   void view(const std::vector<std::string>& arguments) {
-    viewer = std::make_unique<client::HelperProcess>(
+    viewer = std::make_unique<tools::HelperProcess>(
         client::LaunchOptions{LUMORA_VIEWER, token, arguments, {}});
     const std::string address = viewer->nextLine(20).value_or("");  // http://127.0.0.1:P/SECRET/
     ASSERT_GT(address.size(), 7u);
@@ -68,7 +68,7 @@ struct Viewer : HelperTest {
   }
   int exitOfViewer() { return viewer->wait(20).value_or(client::ExitStatus{-1, 0, {}}).code; }
 
-  std::unique_ptr<client::HelperProcess> viewer;
+  std::unique_ptr<tools::HelperProcess> viewer;
   boost::asio::io_context context;
   boost::beast::websocket::stream<tcp::socket> socket{context};
   int pictures = 0;

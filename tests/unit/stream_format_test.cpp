@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client/packet_parser.h"
+#include <lumora/packets.h>
 #include "encode/encoder_failure.h"
 #include "h264/annex_b.h"
 #include "stream/packet.h"

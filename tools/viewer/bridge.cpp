@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "client/uptime.h"
+#include <lumora/uptime.h>
 
 namespace lumora::viewer {
 namespace asio = boost::asio;

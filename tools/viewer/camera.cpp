@@ -5,7 +5,7 @@
 #include <csignal>
 #include <utility>
 
-#include "client/uptime.h"
+#include <lumora/uptime.h>
 
 namespace lumora::viewer {
 namespace {
@@ -51,12 +51,12 @@ void Camera::feed(const std::stop_token& stop) {
 }
 
 void Camera::writeCommands() {
-  std::vector<client::Event> commands;
+  std::vector<tools::Event> commands;
   {
     const std::lock_guard hold(mutex_);
     commands.swap(commands_);
   }
-  for (const client::Event& command : commands) helper_.writeCommand(command);
+  for (const tools::Event& command : commands) helper_.writeCommand(command);
 }
 
 void Camera::readEvents() {
@@ -70,7 +70,7 @@ void Camera::readEvents() {
   }
 }
 
-void Camera::command(const client::Event& command) {
+void Camera::command(const tools::Event& command) {
   const std::lock_guard hold(mutex_);
   commands_.push_back(command);
 }

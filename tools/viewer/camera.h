@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "client/helper_process.h"
 #include "tools/frame_source.h"
+#include "tools/helper_process.h"
 
 namespace lumora::viewer {
 
@@ -32,7 +32,7 @@ class Camera {
   Camera& operator=(const Camera&) = delete;
 
   // Any thread. Goes out before the next picture.
-  void command(const client::Event& command);
+  void command(const tools::Event& command);
   // Any thread. The helper finishes a running take and ends.
   void stop();
 
@@ -41,13 +41,13 @@ class Camera {
   void writeCommands();
   void readEvents();
 
-  client::HelperProcess helper_;
+  tools::HelperProcess helper_;
   const std::unique_ptr<tools::FrameSource> source_;
   const int framesPerSecond_;
   const Handlers handlers_;
   std::atomic<bool> ended_ = false;
   std::mutex mutex_;  // guards the next
-  std::vector<client::Event> commands_;
+  std::vector<tools::Event> commands_;
   std::jthread events_;
   std::jthread feeder_;
 };

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "client/stream_client.h"
+#include <lumora/stream_client.h>
 
 namespace lumora::viewer {
 

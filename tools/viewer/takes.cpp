@@ -2,24 +2,14 @@
 
 #include <array>
 #include <ctime>
-#include <random>
 
 #include "client/records.h"
+#include "client/take_command.h"
 
 namespace lumora::viewer {
 namespace {
 
 using Json = nlohmann::json;
-
-std::string randomUUID() {
-  static constexpr char digits[] = "0123456789ABCDEF";
-  std::random_device random;
-  std::string text = "xxxxxxxx-xxxx-4xxx-8xxx-xxxxxxxxxxxx";
-  for (char& character : text) {
-    if (character == 'x') character = digits[random() % 16];
-  }
-  return text;
-}
 
 // A name that nothing has: "take-20260131-093000.mp4", then "take-20260131-093000-2.mp4". A folder
 // that may not be searched is for the helper to refuse.
@@ -48,7 +38,7 @@ std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::st
     return std::nullopt;
   }
   Json command = {{"type", "record_start"},
-                  {"id", randomUUID()},
+                  {"id", client::randomTakeID()},
                   {"path", freeName(folder).string()},
                   {"resolution", wanted.resolution},
                   {"target_fps", wanted.targetFPS},

@@ -3,33 +3,38 @@
 // One stream client of the helper: connects, says hello, receives packets, acknowledges frames.
 // One thread at a time.
 
+#include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 
-#include "client/descriptor.h"
-#include "client/packet_parser.h"
+#include <lumora/export.h>
+#include <lumora/packets.h>
 
 namespace lumora::client {
 
-class StreamClient {
+class LUMORA_CLIENT_EXPORT StreamClient {
  public:
   // Connects to `host` (a numeric address); throws std::system_error.
   StreamClient(const std::string& host, std::uint16_t port);
+  ~StreamClient();
+  StreamClient(StreamClient&& other) noexcept;
+  StreamClient& operator=(StreamClient&& other) noexcept;
 
   // False when the connection is gone.
   bool sayHello(const std::string& token);
+  // A helper drops a client that leaves a frame unacknowledged for half a second.
   bool acknowledge(std::uint64_t frameID);
   bool sendText(const std::string& text);
 
   // The next packet, or nothing when none came in time or the helper closed the connection (see
   // `isClosed`). Throws std::runtime_error on bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
-  bool isClosed() const { return closed_; }
+  bool isClosed() const;
 
  private:
-  Descriptor socket_;
-  PacketParser parser_;
-  std::vector<std::uint8_t> space_;
-  bool closed_ = false;
+  struct Connection;
+  std::unique_ptr<Connection> connection_;
 };
 
 }  // namespace lumora::client

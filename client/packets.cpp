@@ -1,4 +1,4 @@
-#include "client/packet_parser.h"
+#include <lumora/packets.h>
 
 #include <stdexcept>
 

@@ -1,4 +1,4 @@
-#include "client/helper_process.h"
+#include "client/child_process.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -28,12 +28,6 @@ Pipe makePipe() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
   return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
-
-void ignoreBrokenPipes() {
-  struct sigaction current {};
-  sigaction(SIGPIPE, nullptr, &current);
-  if (current.sa_handler == SIG_DFL) std::signal(SIGPIPE, SIG_IGN);
 }
 
 std::vector<std::string> childEnvironment(const LaunchOptions& options) {
@@ -109,8 +103,7 @@ std::string makeToken() {
   return token;
 }
 
-HelperProcess::HelperProcess(const LaunchOptions& options) {
-  ignoreBrokenPipes();
+ChildProcess::ChildProcess(const LaunchOptions& options) {
   Pipe input = makePipe();
   Pipe output = makePipe();
   pid_ = spawn(options, input.read.get(), output.write.get());
@@ -118,28 +111,23 @@ HelperProcess::HelperProcess(const LaunchOptions& options) {
   output_ = std::move(output.read);
 }
 
-HelperProcess::~HelperProcess() {
+ChildProcess::~ChildProcess() {
   if (status_) return;
   sendSignal(SIGKILL);
   wait(10);
 }
 
-bool HelperProcess::writeFrame(FrameSize size, std::uint64_t id,
-                               std::span<const std::uint8_t> rgba) {
+bool ChildProcess::writeFrame(FrameSize size, std::uint64_t id,
+                              std::span<const std::uint8_t> rgba) {
   const RecordHeaderBytes header = frameHeader(size, id);
   return input_.isOpen() && writeAll(input_.get(), {part(header), part(rgba)});
 }
 
-bool HelperProcess::writeCommand(const Event& command) {
-  const std::string record = commandRecord(command.dump());
-  return writeBytes({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
-}
-
-bool HelperProcess::writeBytes(std::span<const std::uint8_t> bytes) {
+bool ChildProcess::writeBytes(std::span<const std::uint8_t> bytes) {
   return input_.isOpen() && writeAll(input_.get(), {part(bytes), iovec{nullptr, 0}});
 }
 
-std::optional<std::string> HelperProcess::nextLine(double timeoutSeconds) {
+std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
   const Deadline deadline(timeoutSeconds);
   for (;;) {
     const auto feed = pending_.find('\n');
@@ -157,27 +145,11 @@ std::optional<std::string> HelperProcess::nextLine(double timeoutSeconds) {
   }
 }
 
-std::optional<Event> HelperProcess::nextEvent(double timeoutSeconds) {
-  const auto line = nextLine(timeoutSeconds);
-  if (!line) return std::nullopt;
-  Event event = Event::parse(*line, nullptr, /*allow_exceptions=*/false);
-  if (event.is_discarded()) return std::nullopt;
-  return event;
-}
-
-std::optional<Event> HelperProcess::nextEvent(const std::string& type, double timeoutSeconds) {
-  const Deadline deadline(timeoutSeconds);
-  for (;;) {
-    auto event = nextEvent(deadline.millisecondsLeft() / 1000.0);
-    if (!event || event->value("type", "") == type) return event;
-  }
-}
-
-void HelperProcess::sendSignal(int signal) const {
+void ChildProcess::sendSignal(int signal) const {
   if (!status_) kill(pid_, signal);
 }
 
-std::optional<ExitStatus> HelperProcess::wait(double timeoutSeconds) {
+std::optional<ExitStatus> ChildProcess::wait(double timeoutSeconds) {
   const Deadline deadline(timeoutSeconds);
   while (!status_) {
     int status = 0;

@@ -13,6 +13,8 @@
 #include <span>
 #include <vector>
 
+#include <lumora/export.h>
+
 namespace lumora::client {
 
 struct Packet {
@@ -23,7 +25,7 @@ struct Packet {
   std::vector<std::uint8_t> payload;
 };
 
-class PacketParser {
+class LUMORA_CLIENT_EXPORT PacketParser {
  public:
   void feed(std::span<const std::uint8_t> bytes);
   // The next whole packet, or nothing until more bytes come. Throws std::runtime_error on a length
@@ -36,7 +38,7 @@ class PacketParser {
 };
 
 // The packet as the helper sends it.
-std::vector<std::uint8_t> toBytes(const Packet& packet);
+LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> toBytes(const Packet& packet);
 
 // The payload of a configuration packet.
 struct StreamConfiguration {
@@ -47,14 +49,15 @@ struct StreamConfiguration {
 };
 
 // Throws std::runtime_error when the payload is not a configuration.
-StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
+LUMORA_CLIENT_EXPORT StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
 // The "avcC" record that decoders and containers want beside NAL units with lengths of four bytes
 // (ISO/IEC 14496-15, 5.3.3.1).
-std::vector<std::uint8_t> avcDecoderConfiguration(const StreamConfiguration& configuration);
+LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> avcDecoderConfiguration(
+    const StreamConfiguration& configuration);
 
 // The packet's NAL units behind start codes, as decoders and ".h264" files want them. Throws
 // std::runtime_error on a malformed payload.
-std::vector<std::uint8_t> toAnnexB(const Packet& packet);
+LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> toAnnexB(const Packet& packet);
 
 }  // namespace lumora::client

@@ -1,14 +1,13 @@
 #pragma once
 
-// The parent's side of the helper: starts it, feeds its standard input, reads its events, learns
-// how it ended. One thread may write while another reads events.
+// A helper as a child process: its standard input, its lines, its end. One thread may write while
+// another reads lines; the rest is for one thread at a time.
 
 #include <sys/resource.h>
 #include <sys/types.h>
 
 #include <cstdint>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <string>
@@ -18,8 +17,6 @@
 #include "client/records.h"
 
 namespace lumora::client {
-
-using Event = nlohmann::json;
 
 struct LaunchOptions {
   std::string program;                 // path of the helper, or a name on the PATH
@@ -37,30 +34,26 @@ struct ExitStatus {
 // A token for one run, from the system's random source.
 std::string makeToken();
 
-class HelperProcess {
+class ChildProcess {
  public:
-  // Starts the helper with its standard input and output on pipes. Throws std::system_error.
-  // Ignores SIGPIPE in the whole process unless it is handled, so that a helper that ended shows
-  // as a failed write.
-  explicit HelperProcess(const LaunchOptions& options);
-  // Kills the helper if it still runs.
-  ~HelperProcess();
-  HelperProcess(const HelperProcess&) = delete;
-  HelperProcess& operator=(const HelperProcess&) = delete;
+  // Starts it with its standard input and output on pipes, which no other child inherits. Throws
+  // std::system_error.
+  explicit ChildProcess(const LaunchOptions& options);
+  // Kills it if it still runs.
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // The writes block until the helper has taken all bytes; false when it no longer reads.
+  // The writes block until all bytes are taken; false when it no longer reads, which raises SIGPIPE
+  // on the calling thread.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
-  bool writeCommand(const Event& command);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
 
-  // The next event, or nothing when none came in time, the output ended or a line is not JSON.
-  std::optional<Event> nextEvent(double timeoutSeconds);
-  // The next event of this "type", skipping others.
-  std::optional<Event> nextEvent(const std::string& type, double timeoutSeconds);
-  // The next line as it stands, without its line feed.
+  // The next line without its line feed; nothing when none came in time or the output has ended.
   std::optional<std::string> nextLine(double timeoutSeconds);
   void closeOutput() { output_.reset(); }
+  bool hasEnded() const { return status_.has_value(); }
 
   void sendSignal(int signal) const;
   // How it ended, or nothing when it still runs after `timeoutSeconds`.

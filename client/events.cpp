@@ -1,0 +1,97 @@
+#include <lumora/events.h>
+
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace lumora::client {
+namespace {
+
+using Json = nlohmann::json;
+
+// A key that is missing or of another type keeps the field as it is.
+template <typename Value>
+void read(const Json& event, const char* key, Value& value) {
+  const auto found = event.find(key);
+  if (found == event.end()) return;
+  if constexpr (std::is_arithmetic_v<Value>) {
+    if (found->is_number()) value = found->template get<Value>();
+  } else if (found->is_string()) {
+    value = found->template get<std::string>();
+  }
+}
+
+Ready readReady(const Json& event) {
+  Ready ready;
+  read(event, "port", ready.port);
+  return ready;
+}
+
+Stats readStats(const Json& event) {
+  Stats stats;
+  read(event, "clients", stats.clients);
+  read(event, "pending_hello", stats.waitingClients);
+  read(event, "encoded_frames", stats.encodedFrames);
+  read(event, "dropped_raw", stats.droppedFrames);
+  read(event, "dropped_peers", stats.droppedClients);
+  read(event, "encode_ms", stats.encodeMilliseconds);
+  if (!event.contains("credit_drops")) return stats;
+  Stats::Delivery delivery;
+  read(event, "credit_drops", delivery.creditDrops);
+  read(event, "send_drops", delivery.sendDrops);
+  read(event, "resync_wait_drops", delivery.resyncDrops);
+  read(event, "ack_rtt_ms", delivery.roundTripMilliseconds);
+  stats.delivery = delivery;
+  return stats;
+}
+
+std::optional<TakeState> takeState(const std::string& name) {
+  using enum TakeState;
+  for (const auto& [known, state] : {std::pair{"starting", starting},
+                                     {"recording", recording},
+                                     {"finishing", finishing},
+                                     {"saved", saved},
+                                     {"failed", failed}}) {
+    if (name == known) return state;
+  }
+  return std::nullopt;
+}
+
+std::optional<Recording> readRecording(const Json& event) {
+  Recording recording;
+  std::string name;
+  read(event, "state", name);
+  const auto state = takeState(name);
+  if (!state) return std::nullopt;
+  recording.state = *state;
+  read(event, "id", recording.id);
+  read(event, "path", recording.path);
+  read(event, "error", recording.error);
+  read(event, "duration", recording.duration);
+  read(event, "frames", recording.frames);
+  read(event, "dropped", recording.dropped);
+  read(event, "throttled", recording.throttled);
+  return recording;
+}
+
+}  // namespace
+
+Event parseEvent(std::string line) {
+  Event event{std::move(line), {}};
+  const Json json = Json::parse(event.line, nullptr, /*allow_exceptions=*/false);
+  if (!json.is_object()) return event;
+  std::string type;
+  read(json, "type", type);
+  if (type == "ready") event.what = readReady(json);
+  if (type == "stats") event.what = readStats(json);
+  if (type == "recording") {
+    if (auto recording = readRecording(json)) event.what = *std::move(recording);
+  }
+  if (type == "error") {
+    Error error;
+    read(json, "message", error.message);
+    event.what = std::move(error);
+  }
+  return event;
+}
+
+}  // namespace lumora::client

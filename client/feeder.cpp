@@ -1,0 +1,90 @@
+#include "client/feeder.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "client/quiet_thread.h"
+
+namespace lumora::client {
+
+Feeder::Feeder(std::shared_ptr<ChildProcess> helper)
+    : helper_(std::move(helper)), thread_(startQuietThread([this] { run(); })) {}
+
+Feeder::~Feeder() {
+  end();
+  thread_.join();
+}
+
+void Feeder::write(Frame frame, std::uint64_t id) {
+  std::list<Entry> entry;
+  entry.push_back({std::move(frame), id, {}});
+  const std::lock_guard hold(mutex_);
+  if (id <= lastID_) throw std::invalid_argument("the ids of frames have to grow");
+  lastID_ = id;
+  dropWaitingFrame();
+  if (ending_) {
+    ++counts_.dropped;
+    return;
+  }
+  waiting_.splice(waiting_.end(), entry);
+  changed_.notify_one();
+}
+
+bool Feeder::write(std::string commandRecord) {
+  const std::lock_guard hold(mutex_);
+  if (ending_) return false;
+  waiting_.push_back({std::nullopt, 0, std::move(commandRecord)});
+  changed_.notify_one();
+  return true;
+}
+
+void Feeder::end() {
+  const std::lock_guard hold(mutex_);
+  ending_ = true;
+  changed_.notify_one();
+}
+
+FrameCounts Feeder::counts() const {
+  const std::lock_guard hold(mutex_);
+  return counts_;
+}
+
+void Feeder::dropWaitingFrame() {
+  const auto frame =
+      std::ranges::find_if(waiting_, [](const Entry& entry) { return entry.frame.has_value(); });
+  if (frame == waiting_.end()) return;
+  waiting_.erase(frame);
+  ++counts_.dropped;
+}
+
+void Feeder::run() {
+  std::unique_lock hold(mutex_);
+  for (;;) {
+    changed_.wait(hold, [this] { return ending_ || !waiting_.empty(); });
+    if (waiting_.empty()) break;
+    std::list<Entry> entry;
+    entry.splice(entry.begin(), waiting_, waiting_.begin());
+    hold.unlock();
+    const bool written = writeEntry(entry.front());
+    const bool wasFrame = entry.front().frame.has_value();
+    entry.clear();
+    hold.lock();
+    if (wasFrame) ++(written ? counts_.written : counts_.dropped);
+    if (written) continue;
+    ending_ = true;  // it reads no more
+    dropWaitingFrame();
+    waiting_.clear();
+  }
+  helper_->closeInput();
+}
+
+bool Feeder::writeEntry(const Entry& entry) {
+  if (!entry.frame) {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(entry.command.data());
+    return helper_->writeBytes({bytes, entry.command.size()});
+  }
+  return helper_->writeFrame(entry.frame->size(), entry.id, entry.frame->pixels());
+}
+
+}  // namespace lumora::client

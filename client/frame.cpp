@@ -1,0 +1,25 @@
+#include <lumora/frame.h>
+
+#include <algorithm>
+
+#include "client/frame_loan.h"
+
+namespace lumora::client {
+
+void flipRows(std::span<std::uint8_t> rgba, FrameSize size) {
+  const auto rowBytes = static_cast<std::ptrdiff_t>(size.width) * 4;
+  for (int row = 0; row < size.height / 2; ++row) {
+    const auto upper = rgba.begin() + row * rowBytes;
+    const auto lower = rgba.begin() + (size.height - 1 - row) * rowBytes;
+    std::swap_ranges(upper, upper + rowBytes, lower);
+  }
+}
+
+Frame::Frame(FrameSize size, std::unique_ptr<Loan> loan) : size_(size), loan_(std::move(loan)) {}
+Frame::~Frame() = default;
+Frame::Frame(Frame&& other) noexcept = default;
+Frame& Frame::operator=(Frame&& other) noexcept = default;
+
+std::span<std::uint8_t> Frame::pixels() const { return {loan_->pixels(), size_.bytes()}; }
+
+}  // namespace lumora::client

@@ -1,0 +1,230 @@
+#include <lumora/helper.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "client/feeder.h"
+#include "client/frame_loan.h"
+#include "client/program.h"
+#include "client/quiet_thread.h"
+#include "client/take_command.h"
+#include "client/take_state.h"
+
+namespace lumora::client {
+namespace {
+
+constexpr double secondsToBecomeReady = 10;
+// With a take to finish a helper ends within 2 s of being asked to.
+constexpr double secondsToEnd = 2.5;
+constexpr double aDay = 86400;
+
+// The limits of docs/protocol.md; a helper ends for any other frame.
+void check(FrameSize size) {
+  const auto [least, most] = std::minmax(size.width, size.height);
+  const bool fits =
+      least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
+  if (!fits) throw std::invalid_argument("no helper takes frames of this size");
+}
+
+std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token) {
+  const std::string program = findProgram(options.program);
+  try {
+    return std::make_shared<ChildProcess>(
+        LaunchOptions{program, token, options.arguments, options.environment});
+  } catch (const std::system_error& error) {
+    throw StartError("the helper could not be started: " + std::string(error.what()));
+  }
+}
+
+Ready awaitReady(ChildProcess& process) {
+  const Deadline deadline(secondsToBecomeReady);
+  std::string problem = "it did not become ready";
+  while (auto line = process.nextLine(deadline.millisecondsLeft() / 1000.0)) {
+    const Event event = parseEvent(*std::move(line));
+    if (const auto* error = std::get_if<Error>(&event.what)) problem = error->message;
+    if (const auto* ready = std::get_if<Ready>(&event.what)) return *ready;
+  }
+  throw StartError("the helper did not start: " + problem);
+}
+
+std::string describe(const Exited& end) {
+  return end.signal != 0 ? "signal " + std::to_string(end.signal)
+                         : "status " + std::to_string(end.status);
+}
+
+}  // namespace
+
+class Helper::Impl {
+ public:
+  Impl(const HelperOptions& options, EventHandler onEvent)
+      : token_(options.token.empty() ? makeToken() : options.token),
+        process_(launch(options, token_)),
+        ready_(awaitReady(*process_)),
+        onEvent_(std::move(onEvent)),
+        feeder_(std::make_shared<Feeder>(process_)),
+        reader_(startQuietThread([this] { readEvents(); })) {}
+
+  ~Impl() {
+    stop();
+    reader_.join();
+  }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  std::uint16_t port() const { return ready_.port; }
+  const std::string& token() const { return token_; }
+  int pid() const { return process_->pid(); }
+
+  std::optional<Frame> acquireFrame(FrameSize size) {
+    check(size);
+    auto loan = buffers_->lend(size.bytes());
+    if (!loan) return std::nullopt;
+    return Frame(size, std::move(loan));
+  }
+
+  void publish(Frame frame, std::uint64_t id) { feeder_->write(std::move(frame), id); }
+
+  FrameCounts frames() const { return feeder_->counts(); }
+
+  Take startTake(const TakeOptions& options) {
+    Recording asked;
+    asked.id = randomTakeID();
+    asked.path = options.path;
+    const std::string command = startCommand(asked.id, options);
+    // A take may outlive its helper.
+    const auto state = std::make_shared<Take::State>(
+        asked, [feeder = std::weak_ptr(feeder_)](const std::string& stop) {
+          if (const auto alive = feeder.lock()) alive->write(commandRecord(stop));
+        });
+    {
+      const std::lock_guard hold(mutex_);
+      if (exit_) {
+        state->abandon("the helper has ended with " + describe(*exit_));
+      } else {
+        takes_[asked.id] = state;
+      }
+    }
+    feeder_->write(commandRecord(command));
+    return {asked.id, asked.path, state};
+  }
+
+  std::optional<Exited> exit() const {
+    const std::lock_guard hold(mutex_);
+    return exit_;
+  }
+
+  Exited stop() {
+    if (std::this_thread::get_id() == reader_.get_id()) {
+      throw std::logic_error("a helper can't be stopped by its own event handler");
+    }
+    feeder_->end();
+    for (const int signal : {SIGTERM, SIGKILL}) {
+      if (const auto ended = awaitExit(secondsToEnd)) return *ended;
+      const std::lock_guard hold(mutex_);
+      process_->sendSignal(signal);
+    }
+    for (;;) {
+      if (const auto ended = awaitExit(aDay)) return *ended;
+    }
+  }
+
+ private:
+  void readEvents() {
+    while (const auto line = nextLine()) tell(parseEvent(*line));
+    const Exited end = awaitEnd();
+    std::map<std::string, std::shared_ptr<Take::State>> unfinished;
+    {
+      const std::lock_guard hold(mutex_);
+      exit_ = end;
+      unfinished.swap(takes_);
+    }
+    ended_.notify_all();
+    for (const auto& [id, take] : unfinished) {
+      take->abandon("the helper has ended with " + describe(end));
+    }
+    tell({{}, end});
+  }
+
+  std::optional<std::string> nextLine() { return process_->nextLine(aDay); }
+
+  // Its output has ended, so it has, or is about to. Whoever sends it a signal meanwhile must not
+  // meet another process with its number.
+  Exited awaitEnd() {
+    for (;;) {
+      {
+        const std::lock_guard hold(mutex_);
+        if (const auto status = process_->wait(0)) return {status->code, status->signal};
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+
+  void tell(const Event& event) {
+    if (const auto* recording = std::get_if<Recording>(&event.what)) report(*recording);
+    if (onEvent_) onEvent_(event);
+  }
+
+  void report(const Recording& recording) {
+    std::shared_ptr<Take::State> take;
+    {
+      const std::lock_guard hold(mutex_);
+      const auto found = takes_.find(recording.id);
+      if (found == takes_.end()) return;
+      take = found->second;
+      if (recording.isOver()) takes_.erase(found);
+    }
+    take->report(recording);
+  }
+
+  std::optional<Exited> awaitExit(double seconds) {
+    std::unique_lock hold(mutex_);
+    ended_.wait_for(hold, std::chrono::duration<double>(seconds),
+                    [this] { return exit_.has_value(); });
+    return exit_;
+  }
+
+  const std::string token_;
+  const std::shared_ptr<ChildProcess> process_;
+  const Ready ready_;
+  const EventHandler onEvent_;
+  const std::shared_ptr<FrameBuffers> buffers_ = std::make_shared<FrameBuffers>();
+  const std::shared_ptr<Feeder> feeder_;
+
+  mutable std::mutex mutex_;  // guards the next, and the process's end
+  std::condition_variable ended_;
+  std::optional<Exited> exit_;
+  std::map<std::string, std::shared_ptr<Take::State>> takes_;  // that have not ended, by id
+
+  std::thread reader_;
+};
+
+Helper::Helper(const HelperOptions& options, EventHandler onEvent)
+    : impl_(std::make_unique<Impl>(options, std::move(onEvent))) {}
+Helper::~Helper() = default;
+
+std::uint16_t Helper::port() const { return impl_->port(); }
+const std::string& Helper::token() const { return impl_->token(); }
+int Helper::pid() const { return impl_->pid(); }
+std::optional<Frame> Helper::acquireFrame(FrameSize size) { return impl_->acquireFrame(size); }
+void Helper::publish(Frame frame, std::uint64_t id) { impl_->publish(std::move(frame), id); }
+FrameCounts Helper::frames() const { return impl_->frames(); }
+Take Helper::startTake(const TakeOptions& options) { return impl_->startTake(options); }
+std::optional<Exited> Helper::exit() const { return impl_->exit(); }
+Exited Helper::stop() { return impl_->stop(); }
+
+bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba) {
+  if (rgba.size() != size.bytes()) throw std::invalid_argument("a frame of another size");
+  auto frame = acquireFrame(size);
+  if (!frame) return false;
+  std::ranges::copy(rgba, frame->pixels().begin());
+  publish(*std::move(frame), id);
+  return true;
+}
+
+}  // namespace lumora::client

@@ -1,0 +1,79 @@
+#pragma once
+
+// A helper process, as a camera application drives it: frames and takes in, events out. Nothing
+// here waits for the helper but the constructor, `stop` and the destructor, so a camera never
+// stutters: what the helper does not take in time is dropped, whole, and counted. Any thread.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <lumora/events.h>
+#include <lumora/export.h>
+#include <lumora/frame.h>
+#include <lumora/take.h>
+#include <lumora/uptime.h>
+
+namespace lumora::client {
+
+struct HelperOptions {
+  std::string program = {};  // empty: $LUMORA_VIDEO_PATH, then "lumora-video" on the PATH
+  std::string token = {};    // what stream clients present; empty: a random one
+  std::vector<std::string> arguments = {};              // "--port", "4700", ...
+  std::map<std::string, std::string> environment = {};  // on top of our own
+};
+
+// The helper could not be started, or did not become ready; in words for a person.
+struct StartError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+class LUMORA_CLIENT_EXPORT Helper {
+ public:
+  // Called for each event on a thread of the helper's own, one at a time; must neither throw nor
+  // destroy the helper.
+  using EventHandler = std::function<void(const Event& event)>;
+
+  // Starts a helper and waits until it is ready. Throws StartError.
+  explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
+  // Stops it.
+  ~Helper();
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+
+  std::uint16_t port()
+      const;  // of its stream, on the loopback address unless it was told otherwise
+  const std::string& token() const;
+  int pid() const;
+
+  // A buffer for the next picture; nothing when two are under way and the third is with the
+  // application. Throws std::invalid_argument for a size that no helper takes.
+  std::optional<Frame> acquireFrame(FrameSize size);
+  // Hands a picture over. At most one waits: a newer one takes its place. Ids have to grow, else
+  // std::invalid_argument; see `frameID`.
+  void publish(Frame frame, std::uint64_t id);
+  // The same with a copy of pixels that lie elsewhere. Whether they were taken.
+  bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
+  FrameCounts frames() const;
+
+  // Asks for a take behind the frames published so far. A refusal is its end: see `Take`.
+  Take startTake(const TakeOptions& options);
+
+  // How the helper ended; nothing while it runs.
+  std::optional<Exited> exit() const;
+  // Ends it: by the end of its input, upon which it saves a running take, and by force if that does
+  // not help in time.
+  Exited stop();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace lumora::client

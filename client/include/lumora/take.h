@@ -1,0 +1,44 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <lumora/events.h>
+#include <lumora/export.h>
+
+namespace lumora::client {
+
+struct TakeOptions {
+  std::string path = {};  // absolute, ends in ".mp4"; nothing may exist there
+  // A profile and its rate, both or neither: "640x360", "1080x720", "1920x1080" at 15, 30, 45, 60.
+  std::string resolution = {};
+  int targetFPS = 0;
+  bool steady = true;                    // every frame of a camera that runs at about targetFPS
+  std::optional<double> startedAt = {};  // a capture time, at most 30 s ago; none: now
+};
+
+// A take that was asked for. Any thread. It has exactly one end, also when its helper dies.
+class LUMORA_CLIENT_EXPORT Take {
+ public:
+  class State;
+
+  Take(std::string id, std::string path, std::shared_ptr<State> state);
+
+  const std::string& id() const { return id_; }
+  // Where the movie grows. When the helper is killed it stays, and plays.
+  std::string stagingPath() const;
+  // Ends it behind the frames published so far, at this capture time or now.
+  void stop(std::optional<double> stoppedAt = std::nullopt);
+  // What was said of it last.
+  Recording latest() const;
+  // Its end, `saved` or `failed`; nothing when it has not come in so many seconds.
+  std::optional<Recording> waitForEnd(double seconds) const;
+
+ private:
+  std::string id_;
+  std::string path_;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace lumora::client

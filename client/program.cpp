@@ -1,0 +1,37 @@
+#include "client/program.h"
+
+#include <lumora/helper.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+
+namespace lumora::client {
+namespace {
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read, never set
+  return value == nullptr ? "" : value;
+}
+
+bool isProgram(const std::string& path) { return access(path.c_str(), X_OK) == 0; }
+
+}  // namespace
+
+std::string findProgram(const std::string& named) {
+  std::string wanted = named.empty() ? environment("LUMORA_VIDEO_PATH") : named;
+  if (!wanted.empty()) {
+    if (isProgram(wanted)) return wanted;
+    throw StartError("there is no program at " + wanted);
+  }
+  std::istringstream folders(environment("PATH"));
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const std::string path = folder + "/lumora-video";
+    if (isProgram(path)) return path;
+  }
+  throw StartError(
+      "lumora-video was not found: install the package of that name, or name the program in "
+      "LUMORA_VIDEO_PATH");
+}
+
+}  // namespace lumora::client

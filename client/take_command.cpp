@@ -1,0 +1,54 @@
+#include "client/take_command.h"
+
+#include <lumora/uptime.h>
+
+#include <nlohmann/json.hpp>
+#include <random>
+#include <stdexcept>
+
+#include "client/records.h"
+
+namespace lumora::client {
+namespace {
+
+using Json = nlohmann::json;
+
+std::string text(const Json& command) {
+  std::string json;
+  try {
+    json = command.dump();
+  } catch (const Json::exception&) {
+    throw std::invalid_argument("the path of a take has to be UTF-8");
+  }
+  if (json.size() > maximumCommandBytes) throw std::invalid_argument("the path is too long");
+  return json;
+}
+
+}  // namespace
+
+std::string randomTakeID() {
+  static constexpr char digits[] = "0123456789ABCDEF";
+  std::random_device random;
+  std::string id = "xxxxxxxx-xxxx-4xxx-8xxx-xxxxxxxxxxxx";
+  for (char& character : id) {
+    if (character == 'x') character = digits[random() % 16];
+  }
+  return id;
+}
+
+std::string startCommand(const std::string& id, const TakeOptions& options) {
+  Json command = {{"type", "record_start"},
+                  {"id", id},
+                  {"path", options.path},
+                  {"started_at", options.startedAt.value_or(uptime())}};
+  if (!options.resolution.empty()) command["resolution"] = options.resolution;
+  if (options.targetFPS != 0) command["target_fps"] = options.targetFPS;
+  if (options.steady) command["cadence"] = "steady";
+  return text(command);
+}
+
+std::string stopCommand(const std::string& id, double stoppedAt) {
+  return text({{"type", "record_stop"}, {"id", id}, {"stopped_at", stoppedAt}});
+}
+
+}  // namespace lumora::client
