@@ -1,4 +1,4 @@
-// How long the comparison of tokens takes, by where the first difference is.
+// How long the comparison of tokens takes, by where the first difference is (-1: nowhere).
 
 #include <benchmark/benchmark.h>
 

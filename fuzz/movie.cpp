@@ -35,7 +35,7 @@ struct MemorySink final : ByteSink {
 void fuzzMovie(FuzzedDataProvider& input) {
   Bytes bytes;
   std::vector<std::size_t> synced;
-  std::vector<std::size_t> complete = {0};  // samples, with every sync but the last
+  std::vector<std::size_t> samplesAtSync = {0};
   std::vector<MovieTiming> timings;
   std::int64_t end = 0;
   WriterStatus status = WriterStatus::idle;
@@ -55,9 +55,10 @@ void fuzzMovie(FuzzedDataProvider& input) {
                             timings.back()));
       time += duration;
       if (time - fragment < HybridMovieWriter::fragmentDuration) continue;
-      complete.push_back(timings.size());
+      samplesAtSync.push_back(timings.size());
       fragment = time;
     }
+    if (samplesAtSync.back() != timings.size()) samplesAtSync.push_back(timings.size());
     end = input.ConsumeBool() ? time : input.ConsumeIntegralInRange<std::int64_t>(0, time + 100000);
     std::promise<void> done;
     writer.finishWriting(end, [&] { done.set_value(); });
@@ -82,10 +83,8 @@ void fuzzMovie(FuzzedDataProvider& input) {
     const MovieContents part = readMovie(ByteView(bytes).first(cut));
     const auto syncs = std::ranges::count_if(synced, [&](std::size_t at) { return at <= cut; });
     require(part.opened);
-    require(
-        syncs == 0 ||
-        part.times.size() >=
-            complete[std::min<std::size_t>(static_cast<std::size_t>(syncs), complete.size()) - 1]);
+    require(syncs == 0 ||
+            part.times.size() >= samplesAtSync.at(static_cast<std::size_t>(syncs) - 1));
   }
 }
 

@@ -35,7 +35,7 @@ using tools::Event;
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
 constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
 constexpr int rates[] = {15, 30, 45, 60};
-constexpr unsigned patience = 120;  // seconds for a take, with all that is between two
+constexpr unsigned longestRound = 120;  // seconds, from one take to the next
 constexpr int takesBetweenRests = 4;
 constexpr std::size_t fewestRests = 4;                          // of which a trend can be told
 constexpr double mostMegabytes = 200;                           // at any time
@@ -72,20 +72,21 @@ class Soak {
   }
 
   void run(double minutes) {
-    const double start = uptime();
-    std::jthread feeder([this](const std::stop_token& stop) { feed(stop); });
-    std::jthread first([this](const std::stop_token& stop) { watchSafely(stop, 1); });
-    std::jthread second([this](const std::stop_token& stop) { watchSafely(stop, 2); });
-    while (uptime() - start < minutes * 60) {
-      alarm(patience);
+    const double begun = uptime();
+    std::jthread feeder = start([this](const std::stop_token& stop) { feed(stop); });
+    std::jthread first = start([this](const std::stop_token& stop) { watch(stop, 1); });
+    std::jthread second = start([this](const std::stop_token& stop) { watch(stop, 2); });
+    while (uptime() - begun < minutes * 60) {
+      alarm(longestRound);
       changeSize();
       take();
-      if (takes_ % takesBetweenRests == 0) rest(uptime() - start);
-      failIfAsked();
+      if (takes_ % takesBetweenRests == 0) rest(uptime() - begun);
+      failIfReported();
     }
+    alarm(longestRound);
     for (std::jthread* thread : {&feeder, &first, &second}) thread->request_stop();
     for (std::jthread* thread : {&feeder, &first, &second}) thread->join();
-    failIfAsked();
+    failIfReported();
     if (streams_ == 0) throw std::runtime_error("no client got a picture");
     judge();
     helper_.closeInput();
@@ -105,6 +106,17 @@ class Soak {
     return std::uniform_real_distribution<double>(least, most)(random_);
   }
 
+  template <typename Work>
+  std::jthread start(Work work) {
+    return std::jthread([this, work](const std::stop_token& stop) {
+      try {
+        work(stop);
+      } catch (const std::exception& error) {
+        report(error.what());
+      }
+    });
+  }
+
   void feed(const std::stop_token& stop) {
     std::uint64_t id = 0;
     while (!stop.stop_requested()) {
@@ -116,7 +128,7 @@ class Soak {
         ++id;
         const auto picture = card.next(id, uptime());
         const std::lock_guard hold(input_);
-        if (!helper_.writeFrame(size, id, picture)) return ask("the helper reads no more");
+        if (!helper_.writeFrame(size, id, picture)) return report("the helper reads no more");
         ++fed_;
         fedSize_ = size;
       }
@@ -129,15 +141,7 @@ class Soak {
     size_ = next;
     while (fedSize_.load().width != next.width) {
       pauseEvents(0.02);
-      failIfAsked();
-    }
-  }
-
-  void watchSafely(const std::stop_token& stop, unsigned seed) {
-    try {
-      watch(stop, seed);
-    } catch (const std::exception& error) {
-      ask(error.what());
+      failIfReported();
     }
   }
 
@@ -151,7 +155,7 @@ class Soak {
       const std::string path =
           folder_ / ("stream-" + std::to_string(seed) + "-" + std::to_string(stream) + ".h264");
       if (!receive(stop, uptime() + seconds(random), path)) continue;
-      if (!decodes(path)) return ask(path + " does not decode");
+      if (!decodes(path)) return report(path + " does not decode");
       std::filesystem::remove(path);
       ++streams_;
     }
@@ -178,7 +182,7 @@ class Soak {
       viewer.acknowledge(packet->frameID);
       ++delivered_;
     }
-    if (viewer.isClosed()) ask("a client that acknowledges was dropped");
+    if (viewer.isClosed()) report("a client that acknowledges was dropped");
     return bytes > 0;
   }
 
@@ -262,16 +266,16 @@ class Soak {
   }
 
   // From any thread: the run ends with these words.
-  void ask(const std::string& problem) {
-    const std::lock_guard hold(asking_);
+  void report(const std::string& problem) {
+    const std::lock_guard hold(reporting_);
     if (problem_.empty()) problem_ = problem;
   }
   bool hasProblem() {
-    const std::lock_guard hold(asking_);
+    const std::lock_guard hold(reporting_);
     return !problem_.empty();
   }
-  void failIfAsked() {
-    const std::lock_guard hold(asking_);
+  void failIfReported() {
+    const std::lock_guard hold(reporting_);
     if (!problem_.empty()) throw std::runtime_error(problem_);
   }
 
@@ -289,7 +293,7 @@ class Soak {
   std::atomic<int> streams_ = 0;
   int takes_ = 0;
   std::vector<tools::ProcessFigures> rests_;
-  std::mutex asking_;
+  std::mutex reporting_;
   std::string problem_;
 };
 

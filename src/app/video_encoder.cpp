@@ -92,17 +92,13 @@ void VideoEncoder::serviceTick() {
 }
 
 void VideoEncoder::fail(const std::string& message) {
-  limitEnd(1);
+  platform.process->exitAfter(shutdownTimeout, 1);  // first: memory may never come
   retryUntilAllocated([&] { emit(errorEvent(message)); });
   shutdown(1);
 }
 
-void VideoEncoder::limitEnd(int code) {
-  if (!endRequested.exchange(true)) platform.process->exitAfter(shutdownTimeout, code);
-}
-
 void VideoEncoder::requestShutdown() {
-  limitEnd(0);
+  platform.process->exitAfter(shutdownTimeout, 0);
   retryUntilAllocated([this] {
     platform.stateQueue->async([weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->shutdown(0);
@@ -111,7 +107,7 @@ void VideoEncoder::requestShutdown() {
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
-  limitEnd(1);
+  platform.process->exitAfter(shutdownTimeout, 1);
   retryUntilAllocated([&] {
     platform.stateQueue->async([weak = weak_from_this(), message] {
       if (const auto self = weak.lock()) self->fail(message);
@@ -122,9 +118,8 @@ void VideoEncoder::requestFailure(const std::string& message) {
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
-  endRequested = true;
   platform.process->exitAfter(shutdownTimeout, code);
-  if (!movie && !movieFinishing) return exitNow(code);
+  if (!movie && !movieFinishing && !abandonedFor) return exitNow(code);
   pendingMovieStop = uptime();
   finishMovieIfReady();
   // Without memory for it the watchdog does the same, if less tidily.
@@ -137,7 +132,7 @@ void VideoEncoder::shutdown(int code) {
 void VideoEncoder::exitNow(int code) {
   if (!running) return;
   running = false;
-  bestEffort([this] { concludeAbandonedTake(); });
+  concludeAbandonedTake();
   bestEffort([this] { closeEverything(); });
   platform.process->exit(code);
 }

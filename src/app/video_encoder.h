@@ -4,7 +4,6 @@
 // the folder of the subsystem they belong to. Everything runs on the state queue, without locks,
 // except where a comment says otherwise.
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -74,7 +73,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void becomeReady();
   void serviceTick();
   void fail(const std::string& message);  // "error" event and shutdown with 1
-  void limitEnd(int code);                // from now, unless somebody has asked for an end before
   void closeEverything();
 
   // input/
@@ -134,7 +132,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
                  std::optional<double> startedAt);
   void relayRecording(const TakeEvent& event, std::uint64_t take);
   void concludeAbandonedTake();
-  void movieFinished();
+  void movieFinished(std::uint64_t take);
+  void takeEnded();
   bool isTakeStopping() const;
   // The take that frames go to: none once its stop is pending.
   std::shared_ptr<MovieRecorder> recordingTake() const;
@@ -161,7 +160,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool running = true;
   bool ready = false;
   std::optional<int> shutdownCode;
-  std::atomic<bool> endRequested = false;  // by any thread: the first decides the watchdog's code
   std::shared_ptr<TcpListener> listener;
   std::unique_ptr<TimerSource> timer;
   std::vector<std::unique_ptr<SignalSource>> signals;

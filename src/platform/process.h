@@ -31,8 +31,8 @@ class Process {
   virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
   // Ends the process at once, without running destructors. State queue only.
   virtual void exit(int code) = 0;
-  // Ends it in `seconds`, whatever any thread is doing then; a later call changes the code and not
-  // the time. Never throws. Any thread.
+  // Ends it in `seconds`, whatever any thread is doing then; only the first call counts. Never
+  // throws. Any thread.
   virtual void exitAfter(double seconds, int code) = 0;
 };
 

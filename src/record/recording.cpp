@@ -36,19 +36,14 @@ void VideoEncoder::startRecording(const Json& command) {
   }
   concludeAbandonedTake();
   const std::string& id = *findString(command, "id");
-  TakeReport report{id, TakeState::starting, *path, profile->targetFPS};
-  movieStatus = makeTakeEvent(report);
+  movieStatus = makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS});
   emit(movieStatus->json);
   ++takesStarted;
   try {
     beginTake(command, *profile, startedAt);
   } catch (const std::exception& error) {
-    report.state = TakeState::failed;
-    const TakeEvent failed = retryUntilAllocated([&] {
-      report.error = reasonOf(error);
-      return makeTakeEvent(report);
-    });
-    relayRecording(failed, takesStarted);
+    relayRecording(retryUntilAllocated([&] { return failedEvent(*movieStatus, reasonOf(error)); }),
+                   takesStarted);
   }
 }
 
@@ -87,23 +82,21 @@ void VideoEncoder::stopRecording(const Json& command) {
 void VideoEncoder::relayRecording(const TakeEvent& event, std::uint64_t take) {
   if (take != takesStarted || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
   retryUntilAllocated([&] {
-    TakeEvent told = event;
+    TakeEvent told = event;  // copied first: once the line is out, nothing may throw
     emit(told.json);
     movieStatus = std::move(told);
   });
-  // While the take is being finalised its end clears it: see `movieFinished`.
-  if (event.state != TakeState::failed || movieFinishing) return;
-  abandonedFor.reset();
-  movie.reset();
-  pendingMovieStop.reset();
-  if (!raw.isBusy()) resetRecordingSession();
-  if (shutdownCode) exitNow(*shutdownCode);
+  // Whoever reads that a take is over may start the next one at once.
+  if (event.state == TakeState::saved || event.state == TakeState::failed) takeEnded();
 }
 
 // A take that was given up reports it once its file is gone. Before another take begins or the
 // process ends it is said without waiting for that.
 void VideoEncoder::concludeAbandonedTake() {
-  if (abandonedFor) relayRecording(failedEvent(*movieStatus, *abandonedFor), takesStarted);
+  const auto reason = std::exchange(abandonedFor, std::nullopt);
+  if (!reason) return;
+  relayRecording(retryUntilAllocated([&] { return failedEvent(*movieStatus, *reason); }),
+                 takesStarted);
 }
 
 bool VideoEncoder::isTakeStopping() const { return pendingMovieStop || movieFinishing; }
@@ -117,20 +110,28 @@ void VideoEncoder::finishMovieIfReady() {
   movieFinishing = true;
   // No frame is in flight, so every sample of the take has reached the recorder.
   resetRecordingSession();
-  const auto finished = [weak = weak_from_this(), queue = platform.stateQueue] {
+  const auto finished = [weak = weak_from_this(), queue = platform.stateQueue,
+                         take = takesStarted] {
     retryUntilAllocated([&] {
-      queue->async([weak] {
-        if (const auto self = weak.lock()) self->movieFinished();
+      queue->async([weak, take] {
+        if (const auto self = weak.lock()) self->movieFinished(take);
       });
     });
   };
   retryUntilAllocated([&] { movie->finish(*pendingMovieStop, finished); });
 }
 
-void VideoEncoder::movieFinished() {
+// A take that had failed before it was to be finished has told its end already.
+void VideoEncoder::movieFinished(std::uint64_t take) {
+  if (movieFinishing && take == takesStarted) takeEnded();
+}
+
+void VideoEncoder::takeEnded() {
+  abandonedFor.reset();
   movie.reset();
   movieFinishing = false;
   pendingMovieStop.reset();
+  if (!raw.isBusy()) resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
 }
 

@@ -35,7 +35,8 @@ struct TakeReport {
 // The thirteen keys of every event of a take that was accepted.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
-// What the take of the event `last` says when it failed for `error`.
+// For a recorder that can't be asked, or is not waited for: that the take of the event `last` has
+// failed for `error`, with the figures it told last.
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
 // The ten keys of a "record_start" that was refused.

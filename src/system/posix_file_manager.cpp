@@ -64,7 +64,7 @@ class PosixFileManager::PendingRemovals {
   }
 
  private:
-  // However it is spelt.
+  // However it is spelt, links apart: to follow those would wait for the disk.
   static std::filesystem::path nameOf(const std::string& path) {
     return std::filesystem::path(path).lexically_normal();
   }

@@ -93,7 +93,8 @@ ssize_t PosixProcess::readInput(MutableByteView space) {
     const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
     if (count >= 0) return count;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
-    // A parent may have it non-blocking, as output is here, and a socket may be both.
+    // Not blocking is a property of the open file: the parent may have set it, and where input and
+    // output are one socket or terminal, we have.
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     if (poll(&input, 1, -1) < 0) return -errno;
   }
@@ -123,8 +124,8 @@ void PosixProcess::exit(int code) {
 // An encoder that hangs holds the state queue in a flush, and with it everything that ends us. A
 // signal needs neither a thread nor memory.
 void PosixProcess::exitAfter(double seconds, int code) {
-  watchdogCode = code;
   if (watching.exchange(true)) return;
+  watchdogCode = code;
   std::signal(SIGALRM, [](int) { _exit(watchdogCode); });
   const auto whole = static_cast<time_t>(seconds);
   const auto rest = static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6);

@@ -1,7 +1,5 @@
 // The real helper on a machine whose calls fail, one at a time, and whose power goes.
 
-#include <gmock/gmock.h>
-
 #include <csignal>
 #include <fstream>
 #include <set>
@@ -39,6 +37,9 @@ struct Faults : TakeTest {
   }
   std::string startError;
   std::string hitPath() const { return folder / "hit"; }
+  std::string recoveryPath() const {
+    return path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
+  }
 
   // How a short take beside a client went, and the helper with it.
   struct Outcome {
@@ -49,7 +50,7 @@ struct Faults : TakeTest {
     client::ExitStatus exit;
   };
 
-  Outcome run(const std::string& faults) {
+  Outcome run(const std::string& faults, bool withAnother) {
     lastID = 0;
     ++takeID.back();
     if (takeID.back() > '9') takeID.back() = '0';
@@ -62,9 +63,7 @@ struct Faults : TakeTest {
       } catch (const std::exception&) {  // its listener may be gone
       }
       takeOne(outcome);
-      const bool over =
-          faults.find(":1,") == std::string::npos && std::filesystem::exists(hitPath());
-      if (over) expectAnother(outcome);
+      if (withAnother && std::filesystem::exists(hitPath())) expectAnother(outcome);
     }
     if (!startError.empty()) outcome.error = startError;
     helper->closeInput();
@@ -78,7 +77,7 @@ struct Faults : TakeTest {
     requestTake();
     feedAll();
     helper->writeCommand({{"type", "record_stop"}, {"id", takeID}});
-    const double patience = uptime() + 5;
+    const double patience = uptime() + 20;
     while (!hasEnded(outcome) && uptime() < patience && listen(outcome, 3)) continue;
   }
   // What went wrong once costs the next take nothing, unless it cost the process.
@@ -90,8 +89,8 @@ struct Faults : TakeTest {
     takeID = firstID;
     path = firstPath;
     first.error += next.error;
-    const bool begun = next.states.contains("starting");
-    EXPECT_TRUE(!begun || !next.saved.empty() || !first.error.empty()) << first.told << next.told;
+    const bool hadEnded = next.told.empty();
+    EXPECT_TRUE(hadEnded || !next.saved.empty() || !first.error.empty()) << first.told << next.told;
   }
   static bool hasEnded(const Outcome& outcome) {
     return outcome.states.contains("saved") || outcome.states.contains("failed");
@@ -151,10 +150,11 @@ long nextTried(long nth) { return nth < LUMORA_FAULTS_TRIED ? nth + 1 : nth + nt
 TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndNoMovieIsLost) {
   const std::string noRename = "renameat2:0:22,";  // as on file systems that know no such move
   const std::string noRoom = "fallocate:0:95,";    // nor how to reserve room
+  enum class Ends { saved, recovered, failed };    // without the call's failure
   struct Kind {
     std::string call;
-    std::string before;          // what fails anyway
-    std::string saves = ".mp4";  // a part of the name, when that call does not fail
+    std::string before;  // what fails anyway
+    Ends ends = Ends::saved;
   };
   const Kind kinds[] = {
       {"open", ""},
@@ -184,35 +184,35 @@ TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndNoMovieIsLost) {
       {"avcodec_send_frame", ""},
 #ifndef LUMORA_OWN_HEAP  // a sanitizer looks at memory through pipes
       {"malloc", ""},
-      {"malloc", "fdatasync:1,", ""},
-      {"malloc", "renameat2:1:17,", ".recovered-"},
+      {"malloc", "fdatasync:1,", Ends::failed},
+      {"malloc", "renameat2:1:17,", Ends::recovered},
       {"pipe", ""},
 #endif
   };
-  for (const auto& [kind, before, saves] : kinds) {
+  for (const auto& [call, before, ends] : kinds) {
     long nth = 1;
     for (bool hit = true; hit; nth = nextTried(nth)) {
-      SCOPED_TRACE(before + kind + " " + std::to_string(nth));
-      const Outcome outcome = run(before + kind + ":" + std::to_string(nth));
+      SCOPED_TRACE(before + call + " " + std::to_string(nth));
+      const Outcome outcome = run(before + call + ":" + std::to_string(nth), ends != Ends::failed);
       hit = std::filesystem::exists(hitPath());
-      judge(outcome, kind);
-      if (!hit || kind == "unlink") {
-        EXPECT_EQ(outcome.saved.empty(), saves.empty()) << outcome.told;
-        EXPECT_THAT(outcome.saved, testing::HasSubstr(saves));
+      judge(outcome, call);
+      if (!hit || call == "unlink") {
+        const std::string wanted[] = {path, recoveryPath(), ""};
+        EXPECT_EQ(outcome.saved, wanted[static_cast<int>(ends)]) << outcome.told;
       }
       // The first sync is of the staging file's name, the second of the movie's.
-      if (kind == "fsync" && hit) {
+      if (call == "fsync" && hit) {
         EXPECT_EQ(outcome.saved.empty(), nth == 1);
       }
       std::filesystem::remove_all(folder);
       std::filesystem::create_directory(folder);
     }
-    EXPECT_GT(nth, nextTried(1)) << kind << " never occurs";
+    EXPECT_GT(nth, nextTried(1)) << call << " never occurs";
   }
 }
 
 TEST_F(Faults, AFileThatIsStillToBeRemovedTakesNoOtherWithIt) {
-  ASSERT_TRUE(startWith("fdatasync:1,unlink:1:-3"));
+  ASSERT_TRUE(startWith("fdatasync:1,unlink:1:-6"));
   const auto takeOne = [this] {
     requestTake();
     for (Outcome outcome; listen(outcome, 5);) {
@@ -223,18 +223,21 @@ TEST_F(Faults, AFileThatIsStillToBeRemovedTakesNoOtherWithIt) {
     }
     return std::string("no end");
   };
-  EXPECT_EQ(takeOne(), "");  // said after a second, while the removal takes three
+  EXPECT_EQ(takeOne(), "");  // said after a second, while the removal takes six
   ASSERT_TRUE(std::filesystem::remove(stagingPath()));
   path = folder / "." / std::filesystem::path(path).filename();
   EXPECT_EQ(takeOne(), "");  // its file would be removed, whatever its folder is called
-  std::this_thread::sleep_for(std::chrono::seconds(3));
-  EXPECT_EQ(takeOne(), path);
+  std::string saved;
+  for (const double patience = uptime() + 20; saved.empty() && uptime() < patience;) {
+    saved = takeOne();
+  }
+  EXPECT_EQ(saved, path);
   EXPECT_EQ(decodeErrors(path), "");
   EXPECT_EQ(finish(), 0);
 }
 
 // The one thing left that can end it is the watchdog, whose signal its parent had blocked.
-TEST_F(Faults, AnEncoderThatHangsHoldsTheEndForTwoSeconds) {
+TEST_F(Faults, AHangingEncoderAndABlockedAlarmDoNotKeepTheProcess) {
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
@@ -242,16 +245,16 @@ TEST_F(Faults, AnEncoderThatHangsHoldsTheEndForTwoSeconds) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   ASSERT_TRUE(started);
   const Watcher watcher(connectClient());
-  for (int i = 0; i < 8; ++i) feedAll();
-  ASSERT_TRUE(std::filesystem::exists(hitPath()));
+  for (const double patience = uptime() + 20; !std::filesystem::exists(hitPath());) {
+    ASSERT_LT(uptime(), patience);
+    feedAll();
+  }
   helper->sendSignal(SIGTERM);
-  const double asked = uptime();
   EXPECT_EQ(exitCode(), 0);
-  EXPECT_GE(uptime() - asked, 1.9);
 }
 
 // A file as a disk holds it: what was synced, and what was not and may or may not be there.
-struct Disk {
+struct DiskContents {
   Bytes durable;
   std::vector<std::pair<std::uint64_t, Bytes>> pending;  // offset, bytes
   bool named = false;
@@ -329,7 +332,7 @@ TEST_F(Faults, WheneverThePowerGoesAtMostASecondIsMissingAndNothingOfWhatWasSave
 
   // What half a second holds at most. One fragment may be gathering, one be on its way.
   constexpr int fragment = 32;
-  Disk disk;
+  DiskContents disk;
   int tried = 0;
   const auto expect = [&](const Bytes& file, int issued, const std::string& what) {
     ++tried;

@@ -2,7 +2,8 @@
 // to the files of one folder.
 //
 //   LUMORA_FAULT      "KIND:N[:ERRNO]", comma separated: the N-th call of that kind (0: every one)
-//                     from `main` on fails, or, with -S for ERRNO, takes S seconds
+//                     fails, from `main` on or from when the kinds named before it have failed
+//                     their N-th times; or, with -S for ERRNO, takes S seconds
 //   LUMORA_FAULT_HIT  a file that is made when it has come to the N-th call of the last kind
 //   LUMORA_DISK_LOG   where the calls for files in LUMORA_DISK_FOLDER are written down
 
@@ -72,7 +73,11 @@ void noteHit() {
 bool fails(const char* kind, int usualError) {
   if (!armed) return false;
   for (Fault& fault : faults) {
-    if (std::strcmp(fault.kind.data(), kind) != 0) continue;
+    const bool isLater = fault.nth != 0 && fault.calls < fault.nth;
+    if (std::strcmp(fault.kind.data(), kind) != 0) {
+      if (isLater) return false;
+      continue;
+    }
     if (++fault.calls != fault.nth && fault.nth != 0) continue;
     if (&fault == lastFault) noteHit();
     if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;

@@ -132,7 +132,7 @@ struct FakeProcess final : Process, CanFail {
   }
   void exit(int code) override { exitCodes.push_back(code); }
   void exitAfter(double seconds, int code) override {
-    watchdog = {watchdog.first == 0 ? seconds : watchdog.first, code};
+    if (watchdog.first == 0) watchdog = {seconds, code};
   }
 
   // The events written so far, oldest first, of one type or of all; forgets them all.

@@ -163,44 +163,48 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
   EXPECT_EXIT(hang(false), testing::ExitedWithCode(0), "asked for");
 }
 
-TEST(SystemProcess, EnlargesAPipeAndNeverShrinksIt) {
-  const int standardInput = dup(STDIN_FILENO);
-  for (const auto& [before, after] : {std::pair{1 << 16, 1 << 20}, {1 << 21, 1 << 21}}) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    // More than a megabyte takes a privilege.
-    if (fcntl(ends[0], F_SETPIPE_SZ, before) == before) {
-      dup2(ends[0], STDIN_FILENO);
-      const PosixProcess process;
-      EXPECT_EQ(fcntl(ends[0], F_GETPIPE_SZ), after);
-    } else {
-      std::puts("not tested: a pipe that is larger already");
-    }
-    close(ends[0]);
-    close(ends[1]);
+// A pipe as this process's standard input.
+struct PipedInput {
+  PipedInput() {
+    if (pipe(ends) != 0) throw std::runtime_error("no pipe");
   }
-  dup2(standardInput, STDIN_FILENO);
-  close(standardInput);
+  ~PipedInput() {
+    dup2(usual, STDIN_FILENO);
+    for (const int end : {usual, ends[0], ends[1]}) close(end);
+  }
+  void connect() const { dup2(ends[0], STDIN_FILENO); }
+
+  int usual = dup(STDIN_FILENO);
+  int ends[2];
+};
+
+TEST(SystemProcess, EnlargesAPipeAndNeverShrinksIt) {
+  for (const auto& [before, after] : {std::pair{1 << 16, 1 << 20}, {1 << 21, 1 << 21}}) {
+    const PipedInput input;
+    // More than a megabyte takes a privilege.
+    if (fcntl(input.ends[0], F_SETPIPE_SZ, before) != before) {
+      std::puts("not tested: a pipe that is larger already");
+      continue;
+    }
+    input.connect();
+    const PosixProcess process;
+    EXPECT_EQ(fcntl(input.ends[0], F_GETPIPE_SZ), after);
+  }
 }
 
 TEST(SystemProcess, WaitsForInputThatDoesNotBlock) {
-  const int standardInput = dup(STDIN_FILENO);
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  dup2(ends[0], STDIN_FILENO);
+  PipedInput input;
+  fcntl(input.ends[0], F_SETFL, O_NONBLOCK);
+  input.connect();
   PosixProcess process;
   std::jthread parent([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(write(ends[1], "ab", 2), 2);
-    close(ends[1]);
+    EXPECT_EQ(write(input.ends[1], "ab", 2), 2);
+    close(std::exchange(input.ends[1], -1));
   });
   std::array<std::uint8_t, 3> space;
   EXPECT_EQ(process.readInput(space), 2);
   EXPECT_EQ(process.readInput(space), 0);
-  close(ends[0]);
-  dup2(standardInput, STDIN_FILENO);
-  close(standardInput);
 }
 
 }  // namespace

@@ -80,8 +80,9 @@ TEST_F(Reader, TheFirstCauseOfAnEndDecidesItsCode) {
   putFrame(1);
   probe.process->input.pop_back();
   probe.process->signals.at(15)();
-  readAll();
+  probe.dispatch->detached.at(0)();
   EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
+  probe.run();
   EXPECT_EQ(exits(), std::vector<int>{0});
 }
 

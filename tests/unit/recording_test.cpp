@@ -245,13 +245,22 @@ TEST_F(Takes, WhatAnAbandonedTakeStillDoesIsNotTheNextOnes) {
 }
 
 TEST_F(Takes, AnAbandonedTakeSaysSoBeforeTheProcessEnds) {
-  start();
-  probe.feed(++lastID);
-  probe.encoders->sessions[0]->answer(-22, nullptr);
-  probe.queue->run();
-  (*probe).shutdown(0);
-  EXPECT_EQ(failure(), "camera encoding failed (-22)");
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+  for (const bool inTime : {true, false}) {
+    probe.restart();
+    start();
+    probe.feed(++lastID);
+    probe.lastSession().answer(-22, nullptr);
+    probe.queue->run();
+    (*probe).shutdown(0);
+    EXPECT_TRUE(probe.process->exitCodes.empty());  // its file is still to be removed
+    probe.process->takeEvents();
+    if (!inTime) (*probe).exitNow(0);
+    if (inTime) probe.run();
+    const auto said = probe.process->takeEvents("recording");
+    ASSERT_EQ(said.size(), 1u);
+    EXPECT_EQ(said[0]["error"], "camera encoding failed (-22)");
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+  }
 }
 
 TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
