@@ -42,13 +42,14 @@ std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::st
   }
 }
 
-Ready awaitReady(ChildProcess& process) {
+// With everything that it said until then.
+Ready awaitReady(ChildProcess& process, std::vector<Event>& said) {
   const Deadline deadline(secondsToBecomeReady);
   std::string problem = "it did not become ready";
   while (auto line = process.nextLine(deadline.millisecondsLeft() / 1000.0)) {
-    const Event event = parseEvent(*std::move(line));
-    if (const auto* error = std::get_if<Error>(&event.what)) problem = error->message;
-    if (const auto* ready = std::get_if<Ready>(&event.what)) return *ready;
+    said.push_back(parseEvent(*std::move(line)));
+    if (const auto* error = std::get_if<Error>(&said.back().what)) problem = error->message;
+    if (const auto* ready = std::get_if<Ready>(&said.back().what)) return *ready;
   }
   throw StartError("the helper did not start: " + problem);
 }
@@ -65,7 +66,7 @@ class Helper::Impl {
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
         process_(launch(options, token_)),
-        ready_(awaitReady(*process_)),
+        ready_(awaitReady(*process_, saidFirst_)),
         onEvent_(std::move(onEvent)),
         feeder_(std::make_shared<Feeder>(process_)),
         reader_(startQuietThread([this] { readEvents(); })) {}
@@ -136,6 +137,7 @@ class Helper::Impl {
 
  private:
   void readEvents() {
+    for (const Event& event : saidFirst_) tell(event);
     while (const auto line = nextLine()) tell(parseEvent(*line));
     const Exited end = awaitEnd();
     std::map<std::string, std::shared_ptr<Take::State>> unfinished;
@@ -144,11 +146,13 @@ class Helper::Impl {
       exit_ = end;
       unfinished.swap(takes_);
     }
-    ended_.notify_all();
     for (const auto& [id, take] : unfinished) {
       take->abandon("the helper has ended with " + describe(end));
     }
     tell({{}, end});
+    const std::lock_guard hold(mutex_);
+    isOver_ = true;
+    over_.notify_all();
   }
 
   std::optional<std::string> nextLine() { return process_->nextLine(aDay); }
@@ -184,20 +188,21 @@ class Helper::Impl {
 
   std::optional<Exited> awaitExit(double seconds) {
     std::unique_lock hold(mutex_);
-    ended_.wait_for(hold, std::chrono::duration<double>(seconds),
-                    [this] { return exit_.has_value(); });
-    return exit_;
+    over_.wait_for(hold, std::chrono::duration<double>(seconds), [this] { return isOver_; });
+    return isOver_ ? exit_ : std::nullopt;
   }
 
   const std::string token_;
   const std::shared_ptr<ChildProcess> process_;
+  std::vector<Event> saidFirst_;  // up to "ready"
   const Ready ready_;
   const EventHandler onEvent_;
   const std::shared_ptr<FrameBuffers> buffers_ = std::make_shared<FrameBuffers>();
   const std::shared_ptr<Feeder> feeder_;
 
   mutable std::mutex mutex_;  // guards the next, and the process's end
-  std::condition_variable ended_;
+  std::condition_variable over_;
+  bool isOver_ = false;  // the last event has been told
   std::optional<Exited> exit_;
   std::map<std::string, std::shared_ptr<Take::State>> takes_;  // that have not ended, by id
 

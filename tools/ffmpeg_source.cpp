@@ -1,9 +1,18 @@
 #include "tools/ffmpeg_source.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <system_error>
 
 namespace lumora::tools {
+namespace {
+
+bool isDevice(const std::string& input) {
+  std::error_code error;
+  return std::filesystem::is_character_file(input, error);
+}
+
+}  // namespace
 
 std::string shellQuoted(const std::string& text) {
   std::string quoted = "'";
@@ -17,7 +26,7 @@ std::string shellQuoted(const std::string& text) {
 }
 
 FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond)
-    : size_(size), isCamera_(input.starts_with("/dev/")), frame_(size.bytes()) {
+    : size_(size), isCamera_(isDevice(input)), frame_(size.bytes()) {
   const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
   const std::string rate = std::to_string(framesPerSecond);
   // A camera keeps the rate that it has, if it has not this one.

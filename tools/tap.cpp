@@ -62,7 +62,7 @@ class Output {
   static void write(const std::vector<std::uint8_t>& bytes) {
     if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
         std::fflush(stdout) != 0) {
-      throw std::system_error(errno, std::generic_category(), "standard output");
+      throw std::runtime_error("standard output: " + std::generic_category().message(errno));
     }
   }
 

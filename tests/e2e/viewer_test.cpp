@@ -30,26 +30,29 @@ struct Viewer : HelperTest {
         [&](auto& request) { request.set(boost::beast::http::field::origin, "http://" + host); }));
     socket.handshake(host, address.substr(7 + host.size()) + "socket");
   }
-  // Shows pictures until a message comes that satisfies `wanted`.
+  static bool isEnd(const Event& message) { return message["type"] == "ended"; }
+  // One message: a text as it is; a picture is shown and counted.
+  std::optional<Event> next() {
+    boost::beast::flat_buffer received;
+    socket.read(received);
+    const auto* bytes = static_cast<const std::uint8_t*>(received.data().data());
+    if (socket.got_text()) return Event::parse(bytes, bytes + received.size());
+    client::PacketParser parser;
+    parser.feed({bytes, received.size()});
+    const auto packet = parser.next();
+    if (!packet || packet->type != client::Packet::Type::frame) return std::nullopt;
+    ++pictures;
+    say({{"type", "shown"}, {"frame_id", packet->frameID}});
+    return std::nullopt;
+  }
   Event waitForMessage(const HelperTest::Wanted& wanted) {
-    const double patience = uptime() + 20;
-    while (uptime() < patience) {
-      boost::beast::flat_buffer received;
-      socket.read(received);
-      const auto* bytes = static_cast<const std::uint8_t*>(received.data().data());
-      if (socket.got_text()) {
-        const auto message = Event::parse(bytes, bytes + received.size());
-        if (wanted(message)) return message;
-        continue;
-      }
-      client::PacketParser parser;
-      parser.feed({bytes, received.size()});
-      const auto packet = parser.next();
-      if (!packet || packet->type != client::Packet::Type::frame) continue;
-      ++pictures;
-      say({{"type", "shown"}, {"frame_id", packet->frameID}});
+    for (;;) {
+      const auto message = next();
+      if (message && wanted(*message)) return *message;
     }
-    throw std::runtime_error("no such message");
+  }
+  void showPictures(int count) {
+    while (pictures < count) next();
   }
   Event waitForTake(const std::string& state) {
     return waitForMessage([&](const Event& message) {
@@ -58,7 +61,7 @@ struct Viewer : HelperTest {
   }
   void record() {
     view({"--demo", "--helper", LUMORA_HELPER, "--folder", folder, "--size", "320x240"});
-    waitForMessage([&](const Event&) { return pictures > 5; });
+    showPictures(5);
     say({{"type", "start"}, {"resolution", "640x360"}, {"target_fps", 60}, {"folder", folder}});
     waitForTake("recording");
   }
@@ -66,7 +69,17 @@ struct Viewer : HelperTest {
     socket.text(true);
     socket.write(boost::asio::buffer(message.dump()));
   }
-  int exitOfViewer() { return viewer->wait(20).value_or(client::ExitStatus{-1, 0, {}}).code; }
+  void signalHelper(int signal) const {
+    const std::string pid = std::to_string(viewer->pid());
+    pid_t helperOfViewer = 0;
+    std::ifstream("/proc/" + pid + "/task/" + pid + "/children") >> helperOfViewer;
+    ASSERT_GT(helperOfViewer, 0);
+    kill(helperOfViewer, signal);
+  }
+  int exitOfViewer() {
+    const auto status = viewer->wait(20);
+    return status && status->signal == 0 ? status->code : -1;
+  }
 
   std::unique_ptr<tools::HelperProcess> viewer;
   boost::asio::io_context context;
@@ -78,7 +91,7 @@ TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
   record();
   viewer->sendSignal(SIGINT);
   const Event saved = waitForTake("saved");
-  waitForMessage([](const Event& message) { return message["type"] == "ended"; });
+  waitForMessage(isEnd);
   EXPECT_EQ(exitOfViewer(), 0);
   EXPECT_EQ(viewer->nextLine(1), "Saved " + saved["path"].get<std::string>());
   EXPECT_EQ(decodeErrors(saved["path"]), "");
@@ -86,23 +99,35 @@ TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
 
 TEST_F(Viewer, ATakeThatWasLostShowsInItsStatus) {
   record();
-  std::ifstream children("/proc/" + std::to_string(viewer->pid()) + "/task/" +
-                         std::to_string(viewer->pid()) + "/children");
-  pid_t itsHelper = 0;
-  ASSERT_TRUE(children >> itsHelper);
-  kill(itsHelper, SIGKILL);
-  waitForMessage([](const Event& message) { return message["status"] == 128 + SIGKILL; });
+  signalHelper(SIGKILL);
+  EXPECT_EQ(waitForMessage(isEnd)["message"], "The helper has ended with signal 9.");
   EXPECT_EQ(exitOfViewer(), 1);
 }
 
-TEST_F(Viewer, WaitsForAHelperThatIsGone) {
+TEST_F(Viewer, AHelperThatHangsDoesNotKeepIt) {
+  record();
+  signalHelper(SIGSTOP);
+  viewer->sendSignal(SIGTERM);
+  EXPECT_EQ(exitOfViewer(), 1);
+}
+
+TEST_F(Viewer, AGuestWaitsForAHelperThatIsGone) {
   start();
   view({"--port", std::to_string(port)});
-  waitForMessage([](const Event& message) { return message["type"] == "session"; });
+  std::jthread camera([this](const std::stop_token& stop) {
+    const Pixels pixels = plain({320, 240}, {1, 2, 3});
+    while (!stop.stop_requested()) {
+      feed({320, 240}, pixels);
+      std::this_thread::sleep_for(std::chrono::milliseconds(16));
+    }
+  });
+  showPictures(3);
+  camera.request_stop();
+  camera.join();
   finish();
-  helper.reset();
   waitForMessage([](const Event& message) { return message["type"] == "lost"; });
   viewer->sendSignal(SIGTERM);
+  waitForMessage(isEnd);
   EXPECT_EQ(exitOfViewer(), 0);
 }
 

@@ -89,39 +89,26 @@ TEST(FrameFlow, ANewStreamKnowsNothingOfFramesOfTheOldOne) {
   expectForwarded(flow, 3, true, 9);
 }
 
-TEST(ViewerTakes, OneAtATimeWhereverItCanBeTold) {
-  using Json = nlohmann::json;
+TEST(ViewerTakes, GoWhereTheyCanAndGiveOutWhatWasSaved) {
   Takes takes;
   std::string problem;
-  const auto start = [&](const std::string& folder) {
-    problem.clear();
-    return takes.start({"640x360", 30, folder, true}, 5.5, problem);
-  };
-  const auto tell = [&](const Json& id, const char* state) {
-    takes.eventCame({{"type", "recording"}, {"id", id}, {"state", state}, {"path", "/v/a.mp4"}});
-  };
   for (const char* folder : {"/no such folder", "tmp", "", "/\xFF"}) {
-    EXPECT_FALSE(start(folder)) << folder;
+    problem.clear();
+    EXPECT_FALSE(takes.plan({"640x360", 30, folder, true}, 5.5, problem)) << folder;
     EXPECT_NE(problem, "") << folder;
   }
-  // What the helper would end for rather than refuse.
-  EXPECT_FALSE(start(std::string(4000, '/')));
-  EXPECT_EQ(problem, "The path of the folder is too long.");
-  const auto command = start("/tmp");
-  ASSERT_TRUE(command);
-  EXPECT_EQ(command->at("started_at"), 5.5);
-  EXPECT_EQ(command->at("cadence"), "steady");
-  EXPECT_FALSE(takes.stop(6));
-  const Json& id = command->at("id");
-  tell(id, "starting");
-  tell("another", "failed");  // refused
-  EXPECT_TRUE(takes.isRunning());
-  EXPECT_EQ(takes.stop(6)->at("id"), id);
-  EXPECT_EQ(takes.movie(id.get<std::string>() + ".mp4"), std::nullopt);
-  tell(id, "saved");
-  EXPECT_FALSE(takes.isRunning());
-  EXPECT_EQ(takes.movie(id.get<std::string>() + ".mp4"), "/v/a.mp4");
-  for (const std::string& name : {id.get<std::string>(), "../" + id.get<std::string>() + ".mp4"}) {
+  const auto planned = takes.plan({"640x360", 30, "/tmp", true}, 5.5, problem);
+  ASSERT_TRUE(planned);
+  EXPECT_TRUE(planned->path.starts_with("/tmp/take-") && planned->path.ends_with(".mp4"));
+  EXPECT_EQ(planned->startedAt, 5.5);
+  const auto tell = [&](const char* state) {
+    takes.eventCame({{"type", "recording"}, {"id", "X"}, {"state", state}, {"path", "/v/a.mp4"}});
+  };
+  tell("recording");
+  EXPECT_EQ(takes.movie("X.mp4"), std::nullopt);
+  tell("saved");
+  EXPECT_EQ(takes.movie("X.mp4"), "/v/a.mp4");
+  for (const char* name : {"X", "../X.mp4", "Y.mp4", ""}) {
     EXPECT_EQ(takes.movie(name), std::nullopt) << name;
   }
 }

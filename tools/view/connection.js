@@ -8,7 +8,7 @@ export class Connection {
   #attempts = 0;
   #isFinal = false;
 
-  // Handlers: `packet(buffer)`, `message(object)`, `state(name, milliseconds)` with one of
+  // Handlers: `packet(buffer)`, `message(object)`, `state(name)` with one of
   // "connecting", "open", "waiting" (until the next attempt), "closed" (for good), `fault(text)`.
   constructor(handlers) {
     this.handlers = handlers;
@@ -60,7 +60,7 @@ export class Connection {
     }
     const wait = Math.min(shortestWait * 2 ** this.#attempts, longestWait);
     this.#attempts += 1;
-    this.handlers.state('waiting', wait);
+    this.handlers.state('waiting');
     setTimeout(() => this.open(), wait);
   }
 }

@@ -11,19 +11,19 @@ export class EventList {
   }
 
   // The same sentence over and over takes one line.
-  add(text, tone = 'plain') {
+  add(text, tone = 'plain', at = Date.now()) {
     const isSame = text === this.#newest.text;
     this.#newest = { text, times: isSame ? this.#newest.times + 1 : 1 };
     if (isSame) this.#list.firstElementChild.remove();
-    this.#list.prepend(this.#line(tone));
+    this.#list.prepend(this.#line(tone, at));
     while (this.#list.childElementCount > kept) this.#list.lastElementChild.remove();
   }
 
-  #line(tone) {
-    const now = new Date();
+  #line(tone, at) {
+    const when = new Date(at);
     const time = document.createElement('time');
-    time.dateTime = now.toISOString();
-    time.textContent = now.toLocaleTimeString('en-GB');
+    time.dateTime = when.toISOString();
+    time.textContent = when.toLocaleTimeString('en-GB');
     const words = document.createElement('span');
     const { text, times } = this.#newest;
     words.textContent = times > 1 ? `${text} (${times} times)` : text;

@@ -56,10 +56,10 @@ const connection = new Connection({
   message(message) {
     if (Object.hasOwn(messages, message.type)) messages[message.type](message);
   },
-  state(name, wait) {
+  state(name) {
     if (name === 'open') connectionOpened();
     else connectionLost();
-    situation.connectionChanged(name, wait);
+    situation.connectionChanged(name);
   },
   fault: report,
 });
@@ -72,9 +72,9 @@ const messages = {
     situation.sessionBegan(session);
     takes.sessionBegan(session);
   },
-  event({ event }) {
+  event({ event, at }) {
     if (typeof event?.type !== 'string') throw new Error('an event without a type');
-    for (const { text, tone } of chronicle.read(event)) events.add(text, tone);
+    for (const { text, tone } of chronicle.read(event)) events.add(text, tone, at);
     if (event.type === 'stats') showStats(event);
     if (event.type === 'recording') takes.eventCame(event);
   },

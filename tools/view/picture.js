@@ -39,6 +39,8 @@ export class Picture {
     this.#configuration = undefined;
     this.#needsKey = true;
     this.#frameIDs.clear();
+    this.#newest?.frame.close();
+    this.#newest = undefined;
   }
 
   #configure(packet) {
@@ -86,6 +88,7 @@ export class Picture {
   }
 
   #draw() {
+    if (!this.#newest) return; // a reset came first
     const { frame, frameID } = this.#newest;
     this.#newest = undefined;
     try {

@@ -60,10 +60,14 @@ function count(number, noun) {
 // Tells what is new in each event: the helper repeats the last one of a take every second.
 export class Chronicle {
   #stats = {};
+  #once = {}; // "ready" and "error", as text: a viewer that comes back repeats them
   #take = {};
 
   // Sentences, each with a tone: "plain", "good" or "bad".
   read(event) {
+    const words = JSON.stringify(event);
+    if (this.#once[event.type] === words) return [];
+    if (event.type === 'ready' || event.type === 'error') this.#once[event.type] = words;
     switch (event.type) {
       case 'ready':
         return [{ tone: 'plain', text: `The helper is ready on port ${event.port}.` }];

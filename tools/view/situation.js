@@ -6,16 +6,18 @@ const patience = 2000; // milliseconds without a new picture
 
 export class Situation {
   canDecode = 'VideoDecoder' in globalThis;
-  #connection = { name: 'connecting', wait: 0 };
+  #wasOpen = false;
+  #connection = 'connecting';
   #end; // what the viewer said when it would not go on
   #loss; // what it says of a stream that it tries to get back
   #fault; // of the decoder, until it shows a picture again
   #shownAt;
   #key;
 
-  connectionChanged(name, wait) {
-    this.#connection = { name, wait };
+  connectionChanged(name) {
+    this.#connection = name;
     if (name === 'connecting') this.#end = this.#loss = undefined;
+    if (name === 'open') this.#wasOpen = true;
     if (name !== 'closed') this.#shownAt = undefined;
     this.show();
   }
@@ -62,7 +64,7 @@ export class Situation {
 
   show(now = performance.now()) {
     const [state, title, text = ''] = this.#judge(now);
-    const canRetry = this.#connection.name === 'closed';
+    const canRetry = this.#connection === 'closed';
     const key = [state, title, text, canRetry].join();
     if (key === this.#key) return;
     this.#key = key;
@@ -76,17 +78,18 @@ export class Situation {
 
   // The state "live", "waiting" or "failed", a title, and what is to be done.
   #judge(now) {
-    const { name, wait } = this.#connection;
+    const name = this.#connection;
     if (!this.canDecode) return ['failed', 'This browser cannot decode the picture', decoderAdvice()];
     if (this.#end) return ['failed', ...this.#end];
     if (name === 'closed') return ['failed', 'The connection is closed'];
-    if (name === 'waiting') return ['waiting', 'The connection is lost', `Trying again in ${wait / 1000} s.`];
-    if (name === 'connecting') return ['waiting', 'Connecting'];
+    if (name === 'waiting') return ['waiting', 'The connection is lost', 'Trying again.'];
+    // While it tries, it says one thing and no other: a screen reader reads each change.
+    if (name === 'connecting') return ['waiting', this.#wasOpen ? 'The connection is lost' : 'Connecting'];
     if (this.#loss) return ['waiting', 'The stream is lost', this.#loss];
     if (this.#fault) return ['failed', 'The picture cannot be decoded', faultAdvice(this.#fault)];
     if (this.#shownAt === undefined) return ['waiting', 'Waiting for the first picture'];
     if (now - this.#shownAt > patience) {
-      return ['waiting', 'The picture stands still', 'The camera or the helper sends no new frames.'];
+      return ['waiting', 'The picture stands still', 'No new picture has come for two seconds.'];
     }
     return ['live', 'Live'];
   }

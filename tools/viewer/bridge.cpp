@@ -34,13 +34,14 @@ void Bridge::join(const HelperAddress& helper) {
   connectTo(helper);
 }
 
-void Bridge::own(const client::LaunchOptions& launch, std::unique_ptr<tools::FrameSource> source,
+void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
                  int framesPerSecond, std::string folder) {
   session_ = {{"type", "session"},
               {"mode", "owner"},
               {"folder", std::move(folder)},
-              {"helper", std::filesystem::path(launch.program).filename().string()}};
-  token_ = launch.token;
+              {"helper", options.program.empty()
+                             ? "lumora-video"
+                             : std::filesystem::path(options.program).filename().string()}};
   const Camera::Handlers handlers{
       .event =
           [this](const std::string& line) {
@@ -51,10 +52,11 @@ void Bridge::own(const client::LaunchOptions& launch, std::unique_ptr<tools::Fra
             asio::post(context_, [this, frames] { inputEnded(frames); });
           },
       .ended =
-          [this](const client::ExitStatus& status) {
-            asio::post(context_, [this, status] { helperEnded(status); });
+          [this](const client::Exited& exited) {
+            asio::post(context_, [this, exited] { helperEnded(exited); });
           }};
-  camera_ = std::make_unique<Camera>(launch, std::move(source), framesPerSecond, handlers);
+  camera_ = std::make_unique<Camera>(options, std::move(source), framesPerSecond, handlers);
+  connectTo({"127.0.0.1", camera_->port(), camera_->token()});
 }
 
 WebHandlers Bridge::webHandlers() {
@@ -77,7 +79,7 @@ void Bridge::pageJoined(const std::shared_ptr<Page>& page) {
   };
   flow_.pageJoined();
   tell(session_);
-  for (const auto& [type, event] : latestEvents_) tell({{"type", "event"}, {"event", event}});
+  for (const auto& [type, message] : latestEvents_) tell(message);
   if (!interrupted_.is_null()) tell(interrupted_);
 }
 
@@ -100,15 +102,16 @@ void Bridge::obey(const Ping& message) {
 
 void Bridge::obey(const StartTake& message) {
   if (!camera_) return refuse("Only the application that started the helper can record.");
+  if (take_ && !take_->latest().isOver()) return refuse("A take is running.");
   std::string problem;
-  const auto command = takes_.start(message, uptime(), problem);
-  if (!command) return refuse(problem);
-  camera_->command(*command);
+  const auto options = takes_.plan(message, uptime(), problem);
+  if (!options) return refuse(problem);
+  take_ = camera_->startTake(*options);
+  isTakeReported_ = false;
 }
 
 void Bridge::obey(const StopTake&) {
-  const auto command = takes_.stop(uptime());
-  if (command && camera_) camera_->command(*command);
+  if (take_) take_->stop();
 }
 
 void Bridge::connectTo(const HelperAddress& helper) {
@@ -148,27 +151,30 @@ void Bridge::frameCame(const client::Packet& packet) {
 
 void Bridge::connectionChanged(const std::optional<std::string>& problem) {
   if (!problem) flow_.streamBegan();
+  if (problem && !ending_) std::fprintf(stderr, "%s\n", problem->c_str());
   if (camera_) return;  // its events tell more
   const Json before = interrupted_;
   interrupted_ =
       problem ? Json{{"type", "lost"}, {"message", *problem + " Trying again."}} : Json();
   if (interrupted_ == before) return;
-  if (problem) std::fprintf(stderr, "%s\n", problem->c_str());
   tell(problem ? interrupted_ : session_);
 }
 
 void Bridge::eventCame(const std::string& line) {
   const Json event = Json::parse(line, nullptr, /*allow_exceptions=*/false);
   if (!event.is_object()) return;
-  const std::string type = event.value("type", "");
-  if (type == "ready" && !stream_)
-    connectTo({"127.0.0.1", event.value("port", std::uint16_t{0}), token_});
-  if (type == "error") std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
-  const bool wasRunning = takes_.isRunning();
+  if (event.value("type", "") == "error") {
+    std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
+  }
   takes_.eventCame(event);
-  failedAtEnd_ = failedAtEnd_ || (ending_ && wasRunning && event.value("state", "") == "failed");
-  latestEvents_[type] = event;
-  tell({{"type", "event"}, {"event", event}});
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const Json message = {
+      {"type", "event"},
+      {"event", event},
+      {"at", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}};
+  latestEvents_[event.value("type", "")] = message;
+  tell(message);
+  reportTake();
 }
 
 void Bridge::inputEnded(std::uint64_t frames) {
@@ -177,42 +183,46 @@ void Bridge::inputEnded(std::uint64_t frames) {
   inputFrames_ = frames;
 }
 
-void Bridge::helperEnded(const client::ExitStatus& status) {
-  const bool isClean = status.code == 0 && status.signal == 0;
-  failed_ = failed_ || !isClean || inputFrames_ == 0;
+void Bridge::helperEnded(const client::Exited& exited) {
+  const bool isClean = exited.status == 0 && exited.signal == 0;
+  const bool isTakeLost = take_ && take_->latest().state == client::TakeState::failed;
+  failed_ = !isClean || inputFrames_ == 0 || isTakeLost;
   reportTake();
-  const std::string how = status.signal != 0 ? "signal " + std::to_string(status.signal)
-                                             : "status " + std::to_string(status.code);
-  if (!isClean) std::fprintf(stderr, "The helper has ended with %s.\n", how.c_str());
-  const char* first = inputFrames_ ? "The input has ended. " : "";
-  interrupted_ = {{"type", "ended"},
-                  {"message", first + ("The helper has ended with " + how + ".")},
-                  {"status", status.signal != 0 ? 128 + status.signal : status.code}};
+  std::string words = inputFrames_ == 0 ? "The input gave no picture. "
+                      : inputFrames_    ? "The input has ended. "
+                                        : "";
+  words += "The helper has ended with " +
+           (exited.signal != 0 ? "signal " + std::to_string(exited.signal)
+                               : "status " + std::to_string(exited.status)) +
+           ".";
+  if (!isClean) std::fprintf(stderr, "%s\n", words.c_str());
+  interrupted_ = {{"type", "ended"}, {"message", words}, {"status", failed_ ? 1 : 0}};
   tell(interrupted_);
   finish();
 }
 
-// The last words on a take that the end has come upon.
+// Once, when the take is over.
 void Bridge::reportTake() {
-  const auto found = latestEvents_.find("recording");
-  if (found == latestEvents_.end()) return;
-  const Json& take = found->second;
-  const std::string path = take.value("path", "");
-  if (take.value("state", "") == "saved") {
-    std::printf("Saved %s\n", path.c_str());
-  } else if (takes_.isRunning()) {
-    failed_ = true;
-    std::fprintf(stderr, "The take was not finished; what there is of it: %s.%s.partial\n",
-                 path.c_str(), take.value("id", "").c_str());
-  } else if (failedAtEnd_) {
-    failed_ = true;
-    std::fprintf(stderr, "The take was not saved: %s\n", take.value("error", "").c_str());
+  if (!take_ || isTakeReported_) return;
+  const client::Recording take = take_->latest();
+  if (!take.isOver()) return;
+  isTakeReported_ = true;
+  if (take.state == client::TakeState::saved) {
+    std::printf("Saved %s\n", take.path.c_str());
+    return;
+  }
+  std::fprintf(stderr, "The take was not saved: %s.\n", take.error.c_str());
+  std::error_code unknown;
+  const std::string rest = take_->stagingPath();
+  if (std::filesystem::exists(rest, unknown)) {
+    std::fprintf(stderr, "What there is of it: %s\n", rest.c_str());
   }
 }
 
 void Bridge::end() {
   if (std::exchange(ending_, true)) return;
   if (camera_) return camera_->stop();  // what is left is told before its end
+  tell({{"type", "ended"}, {"message", "The viewer has ended."}, {"status", 0}});
   finish();
 }
 

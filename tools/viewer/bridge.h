@@ -27,8 +27,8 @@ class Bridge {
 
   // Either: watches a helper that runs already,
   void join(const HelperAddress& helper);
-  // or starts one. `folder` is where the page proposes to put takes. Throws std::system_error.
-  void own(const client::LaunchOptions& launch, std::unique_ptr<tools::FrameSource> source,
+  // or starts one. `folder` is where the page proposes to put takes. Throws client::StartError.
+  void own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
            int framesPerSecond, std::string folder);
 
   WebHandlers webHandlers();
@@ -54,7 +54,7 @@ class Bridge {
   void connectionChanged(const std::optional<std::string>& problem);
   void eventCame(const std::string& line);
   void inputEnded(std::uint64_t frames);
-  void helperEnded(const client::ExitStatus& status);
+  void helperEnded(const client::Exited& exited);
   void reportTake();
 
   void tick();
@@ -70,16 +70,17 @@ class Bridge {
   Takes takes_;
   std::shared_ptr<Page> page_;
   Page::Bytes configuration_;                 // the latest
-  std::map<std::string, Json> latestEvents_;  // by type: what a page that comes later has missed
+  std::map<std::string, Json> latestEvents_;  // by type, for a page that comes later
   Json session_;
   Json interrupted_;  // what is told of the stream's break or end, once it has come
-  std::string token_;
   bool ending_ = false;
   bool failed_ = false;
   bool failedAtEnd_ = false;                  // a take that was running when the end was asked for
   std::optional<std::uint64_t> inputFrames_;  // of an input that has ended
   std::unique_ptr<StreamSource> stream_;
   std::unique_ptr<Camera> camera_;
+  std::optional<client::Take> take_;  // the latest that was asked for
+  bool isTakeReported_ = false;       // its end
 };
 
 }  // namespace lumora::viewer

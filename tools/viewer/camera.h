@@ -1,15 +1,14 @@
 #pragma once
 
-#include <atomic>
+#include <lumora/helper.h>
+
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tools/frame_source.h"
-#include "tools/helper_process.h"
 
 namespace lumora::viewer {
 
@@ -21,35 +20,30 @@ class Camera {
   struct Handlers {
     std::function<void(const std::string& line)> event;    // of the helper, as it stands
     std::function<void(std::uint64_t frames)> inputEnded;  // the source, after so many
-    std::function<void(client::ExitStatus)> ended;         // the helper; the last call
+    std::function<void(client::Exited)> ended;             // the helper; the last call
   };
-  // Throws std::system_error when the helper can't be started.
-  Camera(const client::LaunchOptions& launch, std::unique_ptr<tools::FrameSource> source,
+  // Throws client::StartError.
+  Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
          int framesPerSecond, Handlers handlers);
-  // Kills a helper that still runs.
-  ~Camera();
   Camera(const Camera&) = delete;
   Camera& operator=(const Camera&) = delete;
 
-  // Any thread. Goes out before the next picture.
-  void command(const tools::Event& command);
-  // Any thread. The helper finishes a running take and ends.
+  std::uint16_t port() const { return helper_.port(); }
+  const std::string& token() const { return helper_.token(); }
+  client::Take startTake(const client::TakeOptions& options) { return helper_.startTake(options); }
+  // The helper finishes a running take and ends, even if the source stands still. Waits for
+  // nothing.
   void stop();
 
  private:
   void feed(const std::stop_token& stop);
-  void writeCommands();
-  void readEvents();
 
-  tools::HelperProcess helper_;
+  const Handlers handlers_;
   const std::unique_ptr<tools::FrameSource> source_;
   const int framesPerSecond_;
-  const Handlers handlers_;
-  std::atomic<bool> ended_ = false;
-  std::mutex mutex_;  // guards the next
-  std::vector<tools::Event> commands_;
-  std::jthread events_;
+  client::Helper helper_;
   std::jthread feeder_;
+  std::jthread stopper_;
 };
 
 }  // namespace lumora::viewer

@@ -52,7 +52,7 @@ void HttpSession::answer() {
                                       {target.data(), target.size()});
   const bool reads = request_.method() == http::verb::get || request_.method() == http::verb::head;
   if (!wanted || !reads) return send(http::status::not_found, "text/plain", "");
-  if (beast::websocket::is_upgrade(request_)) return answerSocket();
+  if (*wanted == "socket" && beast::websocket::is_upgrade(request_)) return answerSocket();
   if (wanted->starts_with(movieFolder)) {
     if (const auto path = handlers_.movie(wanted->substr(movieFolder.size()))) {
       return answerMovie(*path);

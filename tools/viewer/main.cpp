@@ -18,6 +18,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "client/child_process.h"
 #include "tools/ffmpeg_source.h"
 #include "tools/test_card.h"
 #include "tools/viewer/bridge.h"
@@ -95,7 +96,7 @@ std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
   return options;
 }
 
-// The helper beside this program, as both are installed or built; else on the PATH.
+// The helper beside this program, as both are installed or built; else the library looks for it.
 std::string findHelper(const std::string& named) {
   if (!named.empty()) return named;
   std::error_code error;
@@ -104,7 +105,7 @@ std::string findHelper(const std::string& named) {
     const auto program = self.parent_path() / place;
     if (std::filesystem::exists(program, error)) return program.lexically_normal();
   }
-  return "lumora-video";
+  return "";
 }
 
 std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
@@ -126,8 +127,7 @@ std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
   if (options.demo) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
-    bridge.own({findHelper(options.helper), client::makeToken(), {}, {}}, openSource(options),
-               options.rate, folder);
+    bridge.own({.program = findHelper(options.helper)}, openSource(options), options.rate, folder);
   } else {
     viewer::HelperAddress address = options.address;
     address.token = environment("TAVO_VIDEO_TOKEN");

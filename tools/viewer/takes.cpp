@@ -3,13 +3,8 @@
 #include <array>
 #include <ctime>
 
-#include "client/records.h"
-#include "client/take_command.h"
-
 namespace lumora::viewer {
 namespace {
-
-using Json = nlohmann::json;
 
 // A name that nothing has: "take-20260131-093000.mp4", then "take-20260131-093000-2.mp4". A folder
 // that may not be searched is for the helper to refuse.
@@ -29,7 +24,8 @@ std::filesystem::path freeName(const std::filesystem::path& folder) {
 
 }  // namespace
 
-std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::string& problem) {
+std::optional<client::TakeOptions> Takes::plan(const StartTake& wanted, double uptime,
+                                               std::string& problem) const {
   const std::filesystem::path folder(wanted.folder);
   std::error_code error;
   const bool isName = wanted.folder.find('\0') == std::string::npos;
@@ -37,36 +33,16 @@ std::optional<Json> Takes::start(const StartTake& wanted, double uptime, std::st
     problem = "There is no folder \"" + wanted.folder + "\" (give its whole path).";
     return std::nullopt;
   }
-  Json command = {{"type", "record_start"},
-                  {"id", client::randomTakeID()},
-                  {"path", freeName(folder).string()},
-                  {"resolution", wanted.resolution},
-                  {"target_fps", wanted.targetFPS},
-                  {"started_at", uptime}};
-  if (wanted.steady) command["cadence"] = "steady";
-  if (command.dump(-1, ' ', false, Json::error_handler_t::replace).size() >
-      client::maximumCommandBytes) {
-    problem = "The path of the folder is too long.";
-    return std::nullopt;
-  }
-  return command;
+  return client::TakeOptions{.path = freeName(folder).string(),
+                             .resolution = wanted.resolution,
+                             .targetFPS = wanted.targetFPS,
+                             .steady = wanted.steady,
+                             .startedAt = uptime};
 }
 
-std::optional<Json> Takes::stop(double uptime) const {
-  if (running_.empty()) return std::nullopt;
-  return Json{{"type", "record_stop"}, {"id", running_}, {"stopped_at", uptime}};
-}
-
-void Takes::eventCame(const Json& event) {
-  if (event.value("type", "") != "recording") return;
-  const std::string state = event.value("state", "");
-  const std::string id = event.value("id", "");
-  if (state == "saved") saved_[id] = event.value("path", "");
-  if (state != "saved" && state != "failed") {
-    running_ = id;
-  } else if (id == running_) {
-    running_.clear();
-  }
+void Takes::eventCame(const nlohmann::json& event) {
+  if (event.value("type", "") != "recording" || event.value("state", "") != "saved") return;
+  saved_[event.value("id", "")] = event.value("path", "");
 }
 
 std::optional<std::filesystem::path> Takes::movie(const std::string& name) const {

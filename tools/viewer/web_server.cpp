@@ -1,5 +1,7 @@
 #include "tools/viewer/web_server.h"
 
+#include <fcntl.h>
+
 #include <chrono>
 #include <utility>
 
@@ -19,7 +21,9 @@ constexpr long maximumSessions =
 WebServer::WebServer(asio::io_context& context, std::uint16_t port, std::string secret)
     : acceptor_(context, {asio::ip::address_v4::loopback(), port}),
       retry_(context),
-      rules_(acceptor_.local_endpoint().port(), std::move(secret)) {}
+      rules_(acceptor_.local_endpoint().port(), std::move(secret)) {
+  fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);  // what we start must not hold the port
+}
 
 void WebServer::start(WebHandlers handlers) {
   handlers_ = std::move(handlers);

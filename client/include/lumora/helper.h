@@ -68,7 +68,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   // How the helper ended; nothing while it runs.
   std::optional<Exited> exit() const;
   // Ends it: by the end of its input, upon which it saves a running take, and by force if that does
-  // not help in time.
+  // not help in time. The last event has been told then.
   Exited stop();
 
  private:
