@@ -1,5 +1,9 @@
 // The viewer as a program: a page at its socket, its helper, and how all of it ends.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -17,9 +21,10 @@ using boost::asio::ip::tcp;
 
 struct Viewer : HelperTest {
   // Starts the viewer and opens its page's socket.
-  void view(const std::vector<std::string>& arguments) {
+  void view(const std::vector<std::string>& arguments,
+            const std::map<std::string, std::string>& environment = {}) {
     viewer = std::make_unique<tools::HelperProcess>(
-        client::LaunchOptions{LUMORA_VIEWER, token, arguments, {}});
+        client::LaunchOptions{LUMORA_VIEWER, token, arguments, environment});
     const std::string address = viewer->nextLine(20).value_or("");  // http://127.0.0.1:P/SECRET/
     ASSERT_GT(address.size(), 7u);
     const std::string host = address.substr(7, address.find('/', 7) - 7);
@@ -109,6 +114,16 @@ TEST_F(Viewer, AHelperThatHangsDoesNotKeepIt) {
   signalHelper(SIGSTOP);
   viewer->sendSignal(SIGTERM);
   EXPECT_EQ(exitOfViewer(), 1);
+}
+
+TEST_F(Viewer, ACameraThatHangsDoesNotKeepIt) {
+  const std::string camera = folder / "camera";
+  ASSERT_EQ(mkfifo(camera.c_str(), 0600), 0);
+  view({"--demo", "--helper", LUMORA_HELPER}, {{"INPUT", camera}});
+  viewer->sendSignal(SIGTERM);
+  waitForMessage(isEnd);
+  EXPECT_EQ(exitOfViewer(), 0);
+  close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // lets go of whoever still waits for it
 }
 
 TEST_F(Viewer, AGuestWaitsForAHelperThatIsGone) {

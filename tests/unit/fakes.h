@@ -38,19 +38,24 @@ class ManualQueue final : public SerialQueue {
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
   // Runs everything that is due, including what that enqueues; whether there was anything.
   bool run() {
-    for (bool any = false;; any = true) {
-      if (!work_.empty()) {
-        const Work work = std::move(work_.front());
-        work_.pop_front();
-        carryOut(work);
-      } else if (!later_.empty() && later_.begin()->first <= now_) {
-        const Work work = std::move(later_.begin()->second);
-        later_.erase(later_.begin());
-        carryOut(work);
-      } else {
-        return any;
-      }
+    bool any = false;
+    while (runNext()) any = true;
+    return any;
+  }
+  // Runs the next that is due; whether there was one.
+  bool runNext() {
+    Work work;
+    if (!work_.empty()) {
+      work = std::move(work_.front());
+      work_.pop_front();
+    } else if (!later_.empty() && later_.begin()->first <= now_) {
+      work = std::move(later_.begin()->second);
+      later_.erase(later_.begin());
+    } else {
+      return false;
     }
+    carryOut(work);
+    return true;
   }
   void clear() {
     work_.clear();

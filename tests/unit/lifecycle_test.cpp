@@ -161,6 +161,13 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
   EXPECT_EXIT(hang(true), testing::ExitedWithCode(7), "flushing");
   EXPECT_EXIT(hang(false), testing::ExitedWithCode(0), "asked for");
+  const auto askTwice = [] {
+    PosixProcess process;
+    process.exitAfter(0.1, 7);
+    process.exitAfter(60, 3);
+    for (;;) pause();
+  };
+  EXPECT_EXIT(askTwice(), testing::ExitedWithCode(7), "");
 }
 
 // A pipe as this process's standard input.

@@ -41,6 +41,32 @@ TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
   EXPECT_EQ(events("finishing").size(), 1u);
 }
 
+TEST_F(Takes, AnotherMayBeginAsSoonAsOneSaysThatItIsSaved) {
+  const auto says = [this](const char* state) {
+    for (const Json& event : probe.process->takeEvents("recording")) {
+      if (event["state"] == state) return true;
+    }
+    return false;
+  };
+  const auto tell = [this](Json command) {
+    command["id"] = takeID;
+    const std::string text = command.dump();
+    (*probe).recordingCommand({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  };
+  start();
+  frame(1001.0, true);
+  send({{"type", "record_stop"}});
+  probe.run();
+  writer().complete(WriterStatus::completed);
+  probe.dispatch->queues.back()->run();
+  while (!says("saved")) ASSERT_TRUE(probe.queue->runNext());
+  tell({{"type", "record_start"}, {"path", "/takes/b.mp4"}});
+  EXPECT_TRUE(says("starting"));
+  tell({{"type", "record_stop"}});
+  probe.queue->runNext();  // what is left of the first take
+  EXPECT_NE(probe.take(), nullptr);
+}
+
 // A session whose take was given up while its frame was in flight is not the next take's.
 TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
   start({{"started_at", 1000.0}, {"resolution", "640x360"}, {"target_fps", 30}});
