@@ -168,10 +168,9 @@ void Bridge::eventCame(const std::string& line) {
   }
   takes_.eventCame(event);
   const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const Json message = {
-      {"type", "event"},
-      {"event", event},
-      {"at", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}};
+  const Json message = {{"type", "event"},
+                        {"event", event},
+                        {"at", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}};
   latestEvents_[event.value("type", "")] = message;
   tell(message);
   reportTake();
