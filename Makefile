@@ -7,6 +7,8 @@
 #   make fuzz    look for input that breaks it (MINUTES for each)
 #   make soak    takes and clients at random, at full speed (MINUTES)
 #   make lint    formatting and static analysis
+#   make package       Debian packages, looked at by lintian, into build/release/packages
+#   make package-test  and whether they work in a minimal Debian 12 made for it (root)
 #   make fresh   demo and test in a minimal Debian 12 made for it (root; a quarter of an hour)
 
 JOBS ?= $(shell nproc)
@@ -14,7 +16,7 @@ OUT ?= out
 SECONDS_FED ?= 10
 MINUTES ?= 1
 
-.PHONY: demo view test bench fuzz soak lint fresh format dependencies clean
+.PHONY: demo view test bench fuzz soak lint package package-test fresh format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -57,6 +59,12 @@ soak: dependencies
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)
+
+package: dependencies
+	scripts/package.sh $(JOBS)
+
+package-test: dependencies
+	scripts/package_test.sh $(JOBS)
 
 fresh:
 	scripts/fresh.sh

@@ -26,7 +26,7 @@ std::string findProgram(const std::string& named) {
   }
   std::istringstream folders(environment("PATH"));
   for (std::string folder; std::getline(folders, folder, ':');) {
-    const std::string path = folder + "/lumora-video";
+    std::string path = folder + "/lumora-video";
     if (isProgram(path)) return path;
   }
   throw StartError(

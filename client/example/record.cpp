@@ -1,0 +1,51 @@
+// Feeds a moving picture for two seconds, records it, and reads the preview beside it.
+//
+//   record FOLDER
+
+#include <lumora/helper.h>
+#include <lumora/stream_client.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
+
+using namespace lumora::client;
+
+constexpr FrameSize size{1280, 720};
+constexpr std::chrono::microseconds interval{1000000 / 60};
+
+void paint(std::span<std::uint8_t> rgba, int number) {
+  for (std::size_t i = 0; i < rgba.size(); ++i) {
+    rgba[i] = static_cast<std::uint8_t>(i / 4 % size.width + static_cast<std::size_t>(number));
+  }
+}
+
+int main(int argc, char** argv) try {
+  const std::filesystem::path folder = std::filesystem::absolute(argc > 1 ? argv[1] : ".");
+  Helper helper;
+  std::jthread viewer([&](std::stop_token stop) {
+    StreamClient stream("127.0.0.1", helper.port());
+    stream.sayHello(helper.token());
+    while (!stop.stop_requested() && !stream.isClosed()) {
+      const auto packet = stream.receive(0.1);  // H.264: toAnnexB(*packet)
+      if (packet && packet->type == Packet::Type::frame) stream.acknowledge(packet->frameID);
+    }
+  });
+  Take take = helper.startTake({.path = folder / "take.mp4"});
+  const auto start = std::chrono::steady_clock::now();
+  for (int number = 0; number < 120; ++number) {
+    std::this_thread::sleep_until(start + number * interval);
+    if (auto frame = helper.acquireFrame(size)) {  // nothing: the helper is behind, drop this one
+      paint(frame->pixels(), number);              // the bottom row first; or flipRows(...)
+      helper.publish(*std::move(frame), frameID(uptime()));
+    }
+  }
+  take.stop();
+  const Recording end = take.waitForEnd(10).value();
+  std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration, end.error.c_str());
+  return end.state == TakeState::saved ? 0 : 1;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
+}
