@@ -53,7 +53,6 @@ class ChildProcess {
   // The next line without its line feed; nothing when none came in time or the output has ended.
   std::optional<std::string> nextLine(double timeoutSeconds);
   void closeOutput() { output_.reset(); }
-  bool hasEnded() const { return status_.has_value(); }
 
   void sendSignal(int signal) const;
   // How it ended, or nothing when it still runs after `timeoutSeconds`.

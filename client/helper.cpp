@@ -138,7 +138,7 @@ class Helper::Impl {
  private:
   void readEvents() {
     for (const Event& event : saidFirst_) tell(event);
-    while (const auto line = nextLine()) tell(parseEvent(*line));
+    while (const auto line = process_->nextLine(aDay)) tell(parseEvent(*line));
     const Exited end = awaitEnd();
     std::map<std::string, std::shared_ptr<Take::State>> unfinished;
     {
@@ -154,8 +154,6 @@ class Helper::Impl {
     isOver_ = true;
     over_.notify_all();
   }
-
-  std::optional<std::string> nextLine() { return process_->nextLine(aDay); }
 
   // Its output has ended, so it has, or is about to. Whoever sends it a signal meanwhile must not
   // meet another process with its number.

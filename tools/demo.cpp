@@ -12,7 +12,6 @@
 
 #include "tools/ffmpeg_source.h"
 #include "tools/paced_run.h"
-#include "tools/test_card.h"
 
 namespace {
 
@@ -20,14 +19,6 @@ using namespace lumora;
 
 constexpr client::FrameSize pictureSize{1920, 1080};
 constexpr int framesPerSecond = 60;
-
-std::unique_ptr<tools::FrameSource> openSource() {
-  const char* input = std::getenv("INPUT");  // NOLINT(concurrency-mt-unsafe): before any thread
-  if (input != nullptr && *input != '\0') {
-    return std::make_unique<tools::FfmpegSource>(input, pictureSize, framesPerSecond);
-  }
-  return std::make_unique<tools::TestCard>(pictureSize);
-}
 
 std::uint64_t statistic(const tools::RunProgress& progress, const char* key) {
   return progress.statistics.is_object() ? progress.statistics.value(key, std::uint64_t{0}) : 0;
@@ -114,7 +105,7 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   const std::string movie = std::filesystem::absolute(folder / "demo.mp4");
   std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
   options.take = {movie, "1080x720", framesPerSecond};
-  const auto source = openSource();
+  const auto source = tools::openInput(pictureSize, framesPerSecond);
   std::printf("Feeding 1920x1080 at %d frames a second for %.0f s to %s\n", framesPerSecond,
               seconds, helper.c_str());
   const tools::RunReport report = tools::runPaced(

@@ -1,8 +1,11 @@
 #include "tools/ffmpeg_source.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
+
+#include "tools/test_card.h"
 
 namespace lumora::tools {
 namespace {
@@ -43,6 +46,12 @@ FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int
 std::span<const std::uint8_t> FfmpegSource::next(std::uint64_t, double) {
   if (std::fread(frame_.data(), 1, frame_.size(), pipe_.get()) != frame_.size()) return {};
   return frame_;
+}
+
+std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond) {
+  const char* input = std::getenv("INPUT");  // NOLINT(concurrency-mt-unsafe): before any thread
+  if (input == nullptr || *input == '\0') return std::make_unique<TestCard>(size);
+  return std::make_unique<FfmpegSource>(input, size, framesPerSecond);
 }
 
 }  // namespace lumora::tools

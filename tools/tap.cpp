@@ -8,7 +8,6 @@
 // written, so a reader that is slow gets fewer. A stream that breaks off is connected again, for
 // ten seconds (or SECONDS) in vain.
 
-#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
 #include "tools/flv.h"
+#include "tools/parse_number.h"
 
 namespace {
 
@@ -124,14 +124,8 @@ int tap(const Options& options) {
   return 1;
 }
 
-template <typename Number>
-bool parse(std::string_view text, Number& number) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc{} && end == text.data() + text.size();
-}
-
 bool applyOption(std::string_view name, std::string_view value, Options& options) {
-  if (name == "--patience") return parse(value, options.patience);
+  if (name == "--patience") return tools::parseNumber(value, options.patience);
   if (name == "--format") {
     options.flv = value == "flv";
     return value == "flv" || value == "h264";
@@ -148,7 +142,7 @@ std::optional<Options> parseOptions(int argc, char** argv) {
     if (word.starts_with("--")) {
       if (++i == argc || !applyOption(word, argv[i], options)) return std::nullopt;
     } else if (named == 0) {
-      if (!parse(word, options.port)) return std::nullopt;
+      if (!tools::parseNumber(word, options.port)) return std::nullopt;
       ++named;
     } else if (named++ == 1) {
       options.host = word;

@@ -42,9 +42,7 @@ async function startView(options, environment = {}) {
   programs.push(program);
   const lines = readline.createInterface({ input: program.stdout });
   const [address] = await once(lines, 'line');
-  const rest = [];
-  lines.on('line', (line) => rest.push(line));
-  return { program, address, rest };
+  return { program, address };
 }
 
 // As a terminal's Ctrl-C does: viewer and helper alike hear it.
@@ -179,11 +177,7 @@ test('a helper of its own', async () => {
     await page.setViewportSize({ width, height: 800 });
     await page.screenshot({ path: path.join(screenshots ?? folder, `${name}.png`) });
   }
-  await page.locator('#take-start').click();
-  await untilTake(page, 'recording');
-  assert.equal(await end(viewer), 0);  // a running take is saved, and said
-  assert.match(viewer.rest.at(-1), /^Saved .*\.mp4$/);
-  execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', viewer.rest.at(-1).slice(6), '-f', 'null', '-']);
+  assert.equal(await end(viewer), 0);
   await page.close();
 });
 

@@ -94,6 +94,7 @@ struct Viewer : HelperTest {
 
 TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
   record();
+  signalHelper(SIGINT);  // a terminal's Ctrl-C reaches both
   viewer->sendSignal(SIGINT);
   const Event saved = waitForTake("saved");
   waitForMessage(isEnd);

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <boost/asio/signal_set.hpp>
-#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +19,7 @@
 
 #include "client/child_process.h"
 #include "tools/ffmpeg_source.h"
-#include "tools/test_card.h"
+#include "tools/parse_number.h"
 #include "tools/viewer/bridge.h"
 
 namespace {
@@ -47,18 +46,12 @@ std::string environment(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-template <typename Number>
-bool parse(std::string_view text, Number& number) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc{} && end == text.data() + text.size();
-}
-
 bool parseSize(std::string_view text, client::FrameSize& size) {
   const auto by = text.find('x');
-  return by != std::string_view::npos && parse(text.substr(0, by), size.width) &&
-         parse(text.substr(by + 1), size.height) && size.width >= 2 && size.height >= 2 &&
-         std::max(size.width, size.height) <= 1920 && std::min(size.width, size.height) <= 1080 &&
-         size.width % 2 == 0 && size.height % 2 == 0;
+  return by != std::string_view::npos && tools::parseNumber(text.substr(0, by), size.width) &&
+         tools::parseNumber(text.substr(by + 1), size.height) && size.width >= 2 &&
+         size.height >= 2 && std::max(size.width, size.height) <= 1920 &&
+         std::min(size.width, size.height) <= 1080 && size.width % 2 == 0 && size.height % 2 == 0;
 }
 
 bool apply(const std::string& name, const std::string& value, Options& options) {
@@ -71,11 +64,11 @@ bool apply(const std::string& name, const std::string& value, Options& options) 
   else if (name == "--size")
     return parseSize(value, options.size);
   else if (name == "--rate")
-    return parse(value, options.rate) && options.rate > 0;
+    return tools::parseNumber(value, options.rate) && options.rate > 0;
   else if (name == "--port")
-    return parse(value, options.address.port);
+    return tools::parseNumber(value, options.address.port);
   else if (name == "--listen")
-    return parse(value, options.listen);
+    return tools::parseNumber(value, options.listen);
   else
     return false;
   return true;
@@ -108,12 +101,6 @@ std::string findHelper(const std::string& named) {
   return "";
 }
 
-std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
-  const std::string input = environment("INPUT");
-  if (input.empty()) return std::make_unique<tools::TestCard>(options.size);
-  return std::make_unique<tools::FfmpegSource>(input, options.size, options.rate);
-}
-
 [[noreturn]] void run(const Options& options) {
   boost::asio::io_context context(1);
   viewer::WebServer server(context, options.listen, client::makeToken());
@@ -127,7 +114,8 @@ std::unique_ptr<tools::FrameSource> openSource(const Options& options) {
   if (options.demo) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
-    bridge.own({.program = findHelper(options.helper)}, openSource(options), options.rate, folder);
+    bridge.own({.program = findHelper(options.helper)},
+               tools::openInput(options.size, options.rate), options.rate, folder);
   } else {
     viewer::HelperAddress address = options.address;
     address.token = environment("TAVO_VIDEO_TOKEN");

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <charconv>
+#include <string_view>
+
+namespace lumora::tools {
+
+// The whole of `text` as a number; false when it is none.
+template <typename Number>
+bool parseNumber(std::string_view text, Number& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc{} && end == text.data() + text.size();
+}
+
+}  // namespace lumora::tools
