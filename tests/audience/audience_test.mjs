@@ -10,7 +10,6 @@ import fs from 'node:fs';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
-import { test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { startParent } from '../parent.mjs';
 
@@ -57,61 +56,62 @@ function assertStretch(name, file, reference) {
   console.log(`${name}: ${got.length} of ${reference.length} pictures, ${length.toFixed(1)} s, each as it was sent`);
 }
 
-test('an audience by RTMP, HLS and SRT', async () => {
-  const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-audience-'));
-  const inFolder = (name) => path.join(folder, name);
-  const [rtmp, udp, srt] = [await freePort(), await freePort(), await freePort()];
-  fs.writeFileSync(inFolder('nginx.conf'), `
-    ${fs.readFileSync(modules, 'utf8')}
-    daemon off; user root; pid ${inFolder('pid')}; error_log ${inFolder('nginx.log')};
-    events {}
-    rtmp { server { listen 127.0.0.1:${rtmp}; application live {
-      live on; hls on; hls_path ${inFolder('hls')}; hls_fragment 2s; hls_playlist_length 60s; hls_cleanup off; } } }`);
-  const programs = [];
-  const start = (command, args, stdio = 'ignore') => {
-    const program = spawn(command, args, {
-      stdio: Array.isArray(stdio) ? stdio : [stdio, 'ignore', 'inherit'], env: { ...process.env, TAVO_VIDEO_TOKEN: token },
-    });
-    programs.push(program);
-    return program;
-  };
-  const ended = (program) => (program.exitCode === null && program.signalCode === null ? once(program, 'exit') : undefined);
-  try {
-    start('nginx', ['-c', inFolder('nginx.conf')]);
-    start('srt-live-transmit', [`udp://127.0.0.1:${udp}`, `srt://127.0.0.1:${srt}?mode=listener`, '-q']);
-    await sleep(1000);
-    const parent = await startParent(helper, token);
-    programs.push(parent.program);
-    // What the stream is stands at its head: looking for more would only cost time.
-    const quickly = ['-v', 'fatal', '-nostdin', '-analyzeduration', '200000', '-fpsprobesize', '0'];
-    const reference = start(tap, [String(parent.port), '--format', 'flv', '--patience', '0'],
-      ['ignore', fs.openSync(inFolder('reference.flv'), 'w'), 'inherit']);
-    const sender = start(tap, [String(parent.port), '--format', 'flv', '--patience', '0'], ['ignore', 'pipe', 'inherit']);
-    const push = start('ffmpeg', [...quickly, '-f', 'flv', '-i', '-', '-c', 'copy', '-f', 'flv',
-      `rtmp://127.0.0.1:${rtmp}/live/camera`, '-c', 'copy', '-f', 'mpegts', `udp://127.0.0.1:${udp}?pkt_size=1316`],
-    [sender.stdout, 'ignore', 'inherit']);
-    await sleep(1000);
-    const play = (from, to) => start('ffmpeg', [...quickly, '-i', from, '-t', String(seconds), '-c', 'copy', inFolder(to)]);
-    await Promise.all([play(`rtmp://127.0.0.1:${rtmp}/live/camera`, 'rtmp.flv'),
-      play(`srt://127.0.0.1:${srt}`, 'srt.ts')].map(ended));
-    parent.program.stdin.end();
-    await Promise.all([reference, push].map(ended));
-    await sleep(1000);
+const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-audience-'));
+const inFolder = (name) => path.join(folder, name);
+const [rtmp, udp, srt] = [await freePort(), await freePort(), await freePort()];
+fs.writeFileSync(inFolder('nginx.conf'), `
+  ${fs.readFileSync(modules, 'utf8')}
+  daemon off; user root; pid ${inFolder('pid')}; error_log ${inFolder('nginx.log')};
+  events {}
+  rtmp { server { listen 127.0.0.1:${rtmp}; application live {
+    live on; hls on; hls_path ${inFolder('hls')}; hls_fragment 2s; hls_playlist_length 60s;
+    hls_cleanup off; } } }`);
+const programs = [];
+const start = (command, args, input = 'ignore', output = 'ignore') => {
+  const env = { ...process.env, TAVO_VIDEO_TOKEN: token };
+  const program = spawn(command, args, { stdio: [input, output, 'inherit'], env });
+  programs.push(program);
+  return program;
+};
+const ended = (program) =>
+  (program.exitCode === null && program.signalCode === null ? once(program, 'exit') : undefined);
+try {
+  start('nginx', ['-c', inFolder('nginx.conf')]);
+  start('srt-live-transmit', [`udp://127.0.0.1:${udp}`, `srt://127.0.0.1:${srt}?mode=listener`, '-q']);
+  await sleep(1000);
+  const parent = await startParent(helper, token);
+  programs.push(parent.program);
+  const startTap = (output) =>
+    start(tap, [String(parent.port), '--format', 'flv', '--patience', '0'], 'ignore', output);
+  // What the stream is stands at its head: looking for more would only cost time.
+  const quickly = ['-v', 'fatal', '-nostdin', '-analyzeduration', '200000', '-fpsprobesize', '0'];
+  const reference = startTap(fs.openSync(inFolder('reference.flv'), 'w'));
+  const push = start('ffmpeg', [...quickly, '-f', 'flv', '-i', '-',
+    '-c', 'copy', '-f', 'flv', `rtmp://127.0.0.1:${rtmp}/live/camera`,
+    '-c', 'copy', '-f', 'mpegts', `udp://127.0.0.1:${udp}?pkt_size=1316`], startTap('pipe').stdout);
+  await sleep(1000);
+  const play = (from, to) => ended(start('ffmpeg',
+    [...quickly, '-i', from, '-t', String(seconds), '-c', 'copy', inFolder(to)]));
+  await Promise.all([play(`rtmp://127.0.0.1:${rtmp}/live/camera`, 'rtmp.flv'),
+    play(`srt://127.0.0.1:${srt}`, 'srt.ts')]);
+  parent.program.stdin.end();
+  await Promise.all([reference, push].map(ended));
+  await sleep(1000);
 
-    const sent = pictures(inFolder('reference.flv'));
-    const captured = new Set();
-    for (const id of parent.ids) captured.add(Math.round((id - parent.ids[0]) / 1000));
-    const first = parent.ids.find((id) => sent.every(({ time }) =>
-      [-1, 0, 1].some((off) => captured.has(Math.round((id - parent.ids[0]) / 1000 + time) + off))));
-    assert.ok(first, 'the times in the stream are those of the camera');
-    assertStretch('RTMP', inFolder('rtmp.flv'), sent);
-    const parts = fs.readFileSync(inFolder('hls/camera.m3u8'), 'utf8').match(/^.*\.ts$/gm);
-    fs.writeFileSync(inFolder('hls.ts'), Buffer.concat(parts.map((part) => fs.readFileSync(inFolder(`hls/${part}`)))));
-    assertStretch('HLS', inFolder('hls.ts'), sent);
-    assertStretch('SRT', inFolder('srt.ts'), sent);
-  } finally {
-    for (const program of programs) program.kill('SIGKILL');
-    await Promise.all(programs.map(ended));
-    fs.rmSync(folder, { recursive: true });
-  }
-});
+  const sent = pictures(inFolder('reference.flv'));
+  const since = (id) => (id - parent.ids[0]) / 1000;
+  const captured = new Set(parent.ids.map((id) => Math.round(since(id))));
+  const first = parent.ids.find((id) => sent.every(({ time }) =>
+    [-1, 0, 1].some((off) => captured.has(Math.round(since(id) + time) + off))));
+  assert.ok(first, 'the times in the stream are those of the camera');
+  assertStretch('RTMP', inFolder('rtmp.flv'), sent);
+  const parts = fs.readFileSync(inFolder('hls/camera.m3u8'), 'utf8').match(/^.*\.ts$/gm);
+  const bytes = parts.map((part) => fs.readFileSync(inFolder(`hls/${part}`)));
+  fs.writeFileSync(inFolder('hls.ts'), Buffer.concat(bytes));
+  assertStretch('HLS', inFolder('hls.ts'), sent);
+  assertStretch('SRT', inFolder('srt.ts'), sent);
+} finally {
+  for (const program of programs) program.kill('SIGKILL');
+  await Promise.all(programs.map(ended));
+  fs.rmSync(folder, { recursive: true });
+}

@@ -7,23 +7,21 @@
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
 import fs from 'node:fs';
-import os from 'node:os';
-import path from 'node:path';
-import { chromium } from 'playwright-core';
+import { setTimeout as sleep } from 'node:timers/promises';
+import { folder, inFolder, launch } from './browser.mjs';
 
 const [helper, demo, browserPath] = process.argv.slice(2);
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-browser-'));
 
 // What a helper leaves that was killed in the middle of a take.
 async function recordAndKill() {
-  const left = path.join(folder, 'killed');
+  const left = inFolder('killed');
   fs.mkdirSync(left);
   const run = spawn(demo, [helper, left, '20'], { stdio: 'ignore', detached: true });
-  await new Promise((resolve) => setTimeout(resolve, 4000));
+  await sleep(4000);
   process.kill(-run.pid, 'SIGKILL');
   const staging = fs.readdirSync(left).find((name) => name.endsWith('.partial'));
   assert.ok(staging, 'no staging file');
-  fs.renameSync(path.join(left, staging), path.join(folder, 'killed.mp4'));
+  fs.renameSync(`${left}/${staging}`, inFolder('killed.mp4'));
 }
 
 // Plays and seeks the movie; its size and duration and the brightness range of a picture within.
@@ -47,13 +45,9 @@ async function play(page, name) {
     const context = canvas.getContext('2d');
     context.drawImage(video, 0, 0);
     const { data } = context.getImageData(0, 0, canvas.width, canvas.height);
-    let least = 255;
-    let most = 0;
-    for (let i = 0; i < data.length; i += 4) {
-      least = Math.min(least, data[i]);
-      most = Math.max(most, data[i]);
-    }
-    return { width: video.videoWidth, height: video.videoHeight, duration: video.duration, least, most };
+    const reds = data.filter((_, i) => i % 4 === 0).sort();
+    const [least, most] = [reds[0], reds.at(-1)];
+    return { width: canvas.width, height: canvas.height, duration: video.duration, least, most };
   }, name);
 }
 
@@ -62,13 +56,11 @@ const colours = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [25
 
 // A demo run on stripes of these colours.
 function recordColours() {
-  const stripes = Buffer.concat(colours.map((colour) => Buffer.from(colour)));
-  fs.writeFileSync(path.join(folder, 'stripes.ppm'),
-    Buffer.concat([Buffer.from(`P6 ${colours.length} 1 255\n`), stripes]));
-  const input = path.join(folder, 'stripes.mkv');
-  execFileSync('ffmpeg', ['-v', 'error', '-loop', '1', '-t', '2', '-i', path.join(folder, 'stripes.ppm'),
+  const [still, input] = [inFolder('stripes.ppm'), inFolder('stripes.mkv')];
+  fs.writeFileSync(still, `P3 ${colours.length} 1 255 ${colours.flat().join(' ')}`);
+  execFileSync('ffmpeg', ['-v', 'error', '-loop', '1', '-t', '2', '-i', still,
     '-vf', 'scale=1920:1080:flags=neighbor', '-c:v', 'ffv1', '-pix_fmt', 'bgr0', input]);
-  execFileSync(demo, [helper, path.join(folder, 'colours'), '2'],
+  execFileSync(demo, [helper, inFolder('colours'), '2'],
     { stdio: 'ignore', env: { ...process.env, INPUT: input } });
 }
 
@@ -94,8 +86,8 @@ const ignoringTags = ['-vf', 'setparams=colorspace=unknown:range=unknown,' +
 const usingTags = ['-sws_flags', 'accurate_rnd+full_chroma_int+full_chroma_inp', '-pix_fmt', 'rgb24'];
 
 // From the first picture of a video element, or of a stream decoded by WebCodecs.
-async function showColours(page, { movie, stream }) {
-  return page.evaluate(async ({ movie, stream, count }) => {
+async function showColours(page, { movie, stream, codec }) {
+  return page.evaluate(async ({ movie, stream, codec, count }) => {
     const read = (picture, width, height) => {
       const context = new OffscreenCanvas(width, height).getContext('2d');
       context.drawImage(picture, 0, 0);
@@ -116,12 +108,11 @@ async function showColours(page, { movie, stream }) {
       output: (frame) => { pixels = read(frame, frame.displayWidth, frame.displayHeight); frame.close(); },
       error: console.error,
     });
-    const hex = [...bytes.subarray(5, 8)].map((byte) => byte.toString(16).padStart(2, '0')).join('');
-    decoder.configure({ codec: `avc1.${hex}` });
+    decoder.configure({ codec });
     decoder.decode(new EncodedVideoChunk({ type: 'key', timestamp: 0, data: bytes }));
     await decoder.flush();
     return pixels;
-  }, { movie, stream, count: colours.length });
+  }, { movie, stream, codec, count: colours.length });
 }
 
 // The stream's first access unit, a key frame behind its parameter sets; Annex B.
@@ -129,39 +120,28 @@ function firstAccessUnit(file) {
   const bytes = fs.readFileSync(file);
   const units = [];
   for (let at = 0; units.length < 4; at += 4) units.push(at = bytes.indexOf('00000001', at, 'hex'));
-  return bytes.subarray(0, units[3]);
+  const codec = `avc1.${bytes.toString('hex', 5, 8)}`;
+  return { stream: bytes.toString('base64', 0, units[3]), codec };
 }
 
-try {
-  execFileSync(demo, [helper, folder, '3'], { stdio: 'ignore' });
-  recordColours();
-  await recordAndKill();
-  const browser = await chromium.launch({
-    executablePath: browserPath,
-    args: ['--no-sandbox', '--allow-file-access-from-files', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync',
-      // A GPU in software: without any, Chromium converts colours with seven bits, blue off by 12.
-      '--use-gl=angle', '--use-angle=swiftshader', '--enable-unsafe-swiftshader', '--ignore-gpu-blocklist'],
-  });
-  const page = await browser.newPage();
-  fs.writeFileSync(path.join(folder, 'player.html'), '<!doctype html><video muted></video>');
-  await page.goto(`file://${folder}/player.html`);
-  for (const name of ['demo.mp4', 'killed.mp4']) {
-    const seen = await play(page, name);
-    assert.equal(seen.width, 1080);
-    assert.equal(seen.height, 720);
-    assert.ok(seen.duration > 2 && seen.least < 20 && seen.most > 230, JSON.stringify(seen));
-    console.log(`Chromium plays and seeks ${name}: ${JSON.stringify(seen)}`);
-  }
-  const [movie, stream] = ['colours/demo.mp4', 'colours/preview.h264'];
-  assertColours(await showColours(page, { movie }), 'a video element');
-  assertColours(await showColours(page, { stream: firstAccessUnit(path.join(folder, stream)).toString('base64') }),
-    'WebCodecs');
-  for (const file of [movie, stream]) {
-    assertColours(decodeColours(path.join(folder, file), ...usingTags), `ffmpeg, ${file}`);
-    assertColours(decodeColours(path.join(folder, file), ...ignoringTags), `ffmpeg without tags, ${file}`);
-  }
-  await browser.close();
-} finally {
-  fs.rmSync(folder, { recursive: true });
+execFileSync(demo, [helper, folder, '3'], { stdio: 'ignore' });
+recordColours();
+await recordAndKill();
+const browser = await launch(browserPath);
+const page = await browser.newPage();
+fs.writeFileSync(inFolder('player.html'), '<!doctype html><video muted></video>');
+await page.goto(`file://${folder}/player.html`);
+for (const name of ['demo.mp4', 'killed.mp4']) {
+  const seen = await play(page, name);
+  assert.ok(seen.width === 1080 && seen.height === 720 && seen.duration > 2 &&
+    seen.least < 20 && seen.most > 230, JSON.stringify(seen));
+  console.log(`Chromium plays and seeks ${name}: ${JSON.stringify(seen)}`);
 }
+const [movie, stream] = ['colours/demo.mp4', 'colours/preview.h264'];
+assertColours(await showColours(page, { movie }), 'a video element');
+assertColours(await showColours(page, firstAccessUnit(inFolder(stream))), 'WebCodecs');
+for (const file of [movie, stream]) {
+  assertColours(decodeColours(inFolder(file), ...usingTags), `ffmpeg, ${file}`);
+  assertColours(decodeColours(inFolder(file), ...ignoringTags), `ffmpeg without tags, ${file}`);
+}
+await browser.close();

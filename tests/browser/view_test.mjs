@@ -8,31 +8,18 @@ import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
 import http from 'node:http';
-import os from 'node:os';
-import path from 'node:path';
 import readline from 'node:readline';
-import { after, before, test } from 'node:test';
+import { after, test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { chromium } from 'playwright-core';
 import { startParent } from '../parent.mjs';
+import { folder, inFolder, launch } from './browser.mjs';
 
 const [helper, view, tap, browserPath] = process.argv.slice(2);
-const screenshots = process.env.SCREENSHOTS;
 const programs = [];
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-view-'));
-let browser;
-
-before(async () => {
-  browser = await chromium.launch({
-    executablePath: browserPath,
-    args: ['--no-sandbox', '--disable-background-networking', '--use-gl=angle', '--use-angle=swiftshader',
-      '--enable-unsafe-swiftshader', '--ignore-gpu-blocklist'],
-  });
-});
+const browser = await launch(browserPath);
 after(async () => {
   await browser.close();
   programs.forEach((program) => program.kill('SIGKILL'));
-  fs.rmSync(folder, { recursive: true });
 });
 
 async function startView(options, environment = {}) {
@@ -53,16 +40,12 @@ async function end({ program }) {
 }
 
 const figure = (page, id) => page.locator(`#${id}`).evaluate((node) => Number(node.dataset.value));
-const until = (page, condition) => page.waitForFunction(condition, null, { timeout: 20000 });
-const untilTake = (page, state) =>
-  page.waitForFunction((wanted) => document.getElementById('take-state').dataset.value === wanted, state,
-    { timeout: 20000 });
 
 async function openPage(address, options) {
   const page = await browser.newPage(options);
   page.on('pageerror', (error) => assert.fail(error));
   await page.goto(address);
-  await until(page, () => document.getElementById('connection').dataset.state === 'live');
+  await page.locator('#connection[data-state=live]').waitFor();
   return page;
 }
 
@@ -81,12 +64,9 @@ const isBar = (colour) => barOf(colour) >= 0;
 // Notes when each frame was shown, and now and then, since reading takes longer than drawing, what time the
 // test card in it shows.
 function watchClock() {
-  const glyphs = [0xE, 0x4, 0xE, 0x1F, 0x2, 0x1F, 0x6, 0x1F, 0xE, 0xE];
-  const rows = [[0x11, 0x13, 0x15, 0x19, 0x11, 0xE], [0xC, 4, 4, 4, 4, 0xE], [0x11, 1, 2, 4, 8, 0x1F],
-    [2, 4, 2, 1, 0x11, 0xE], [6, 0xA, 0x12, 0x1F, 2, 2], [0x10, 0x1E, 1, 1, 0x11, 0xE], [8, 0x10, 0x1E, 0x11, 0x11, 0xE],
-    [1, 2, 4, 8, 8, 8], [0x11, 0x11, 0xE, 0x11, 0x11, 0xE], [0x11, 0x11, 0xF, 1, 2, 0xC]];
-  const names = new Map(rows.map((rest, digit) => [[glyphs[digit], ...rest].join(), String(digit)]));
-  names.set('0,4,4,0,4,4,0', ':').set('0,0,0,0,0,12,12', '.');
+  // Of seven rows, each of five dots: a digit of base 32.
+  const glyphs = ['ehjlphe', '4c4444e', 'eh1248v', 'v2421he', '26aiv22', 'vgu11he', '68guhhe',
+    'v124888', 'ehhehhe', 'ehhf12c', '0440440', '00000cc'];
   globalThis.shown = [];
   let card;
   const send = WebSocket.prototype.send;
@@ -107,8 +87,9 @@ function watchClock() {
     const lit = (x, y) => data[((y + 0.5) * dot | 0) * 84 * dot * 4 + ((x + 0.5) * dot | 0) * 4] > 128;
     let text = '';
     for (let cell = 0; cell < 14; cell += 1) {
-      text += names.get([...Array(7)].map((_, row) =>
-        [16, 8, 4, 2, 1].reduce((sum, bit, i) => sum + (lit(cell * 6 + 1 + i, row + 1) ? bit : 0), 0)).join()) ?? '?';
+      const glyph = Array.from({ length: 7 }, (_, row) => [16, 8, 4, 2, 1].reduce(
+        (sum, bit, i) => sum + (lit(cell * 6 + 1 + i, row + 1) ? bit : 0), 0).toString(32)).join('');
+      text += '0123456789:.'[glyphs.indexOf(glyph)] ?? '?';
     }
     const [, minutes, seconds] = /^(\d+):(\d\d\.\d{3})/.exec(text) ?? [];
     if (minutes) card = (minutes * 60 + Number(seconds)) * 1000;
@@ -151,10 +132,10 @@ test('a helper of its own', async () => {
 
   await page.locator('#take-resolution').selectOption('640x360');
   await page.locator('#take-start').click();
-  await untilTake(page, 'recording');
+  await page.locator('#take-state[data-value=recording]').waitFor();
   await sleep(1500);
   await page.locator('#take-stop').click();
-  await untilTake(page, 'saved');
+  await page.locator('#take-state[data-value=saved]').waitFor();
   const movie = await page.locator('#take-path').textContent();
   assert.equal(execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie, '-f', 'null', '-']).toString(), '');
   await page.locator('#take-movie').evaluate((video) => video.play());
@@ -164,7 +145,7 @@ test('a helper of its own', async () => {
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
   // A refusal stays, whatever is repeated of the take before, and that take's movie with it.
-  await page.locator('#take-folder').fill(path.join(folder, 'nowhere'));
+  await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
   await page.getByText('There is no folder').first().waitFor();
   await sleep(1500);
@@ -175,21 +156,19 @@ test('a helper of its own', async () => {
   for (const [name, colorScheme, width] of [['desktop', 'light', 1280], ['dark', 'dark', 1280], ['phone', 'light', 390]]) {
     await page.emulateMedia({ colorScheme });
     await page.setViewportSize({ width, height: 800 });
-    await page.screenshot({ path: path.join(screenshots ?? folder, `${name}.png`) });
+    await page.screenshot({ path: `${process.env.SCREENSHOTS ?? folder}/${name}.png` });
   }
   assert.equal(await end(viewer), 0);
   await page.close();
 });
 
 // The status of a request with these headers.
-const statusOf = (address, headers, target = new URL(address).pathname) => new Promise((resolve, reject) => {
-  const request = http.get({ host: '127.0.0.1', port: new URL(address).port, path: target, headers }, (response) => {
-    response.resume();
-    resolve(response.statusCode);
-  });
-  request.on('upgrade', (response, socket) => { socket.destroy(); resolve(response.statusCode); });
-  request.on('error', reject);
-});
+async function statusOf({ hostname, port, pathname }, headers, target = pathname) {
+  const request = http.get({ hostname, port, path: target, headers });
+  const [response] = await Promise.race([once(request, 'response'), once(request, 'upgrade')]);
+  request.destroy();
+  return response.statusCode;
+}
 
 test('somebody else\'s helper', async () => {
   const token = 'token-of-the-parent-0123';
@@ -197,7 +176,7 @@ test('somebody else\'s helper', async () => {
   programs.push(parent.program);
   const viewer = await startView(['--port', String(parent.port)], { TAVO_VIDEO_TOKEN: token });
   const other = spawn(tap, [String(parent.port)], {
-    stdio: ['ignore', fs.openSync(path.join(folder, 'other.h264'), 'w'), 'inherit'],
+    stdio: ['ignore', fs.openSync(inFolder('other.h264'), 'w'), 'inherit'],
     env: { ...process.env, TAVO_VIDEO_TOKEN: token },
   });
   programs.push(other);
@@ -208,9 +187,9 @@ test('somebody else\'s helper', async () => {
   const debug = await page.context().newCDPSession(page);
   await debug.send('Debugger.enable');
   await debug.send('Debugger.pause');
-  const recorded = fs.statSync(path.join(folder, 'other.h264')).size;
+  const recorded = fs.statSync(inFolder('other.h264')).size;
   await sleep(2000);
-  assert.ok(fs.statSync(path.join(folder, 'other.h264')).size > recorded + 10000, 'the other client was starved');
+  assert.ok(fs.statSync(inFolder('other.h264')).size > recorded + 10000, 'the other client was starved');
   await debug.send('Debugger.resume');
   await debug.send('Debugger.disable');
   const shown = await figure(page, 'shown');
@@ -220,15 +199,14 @@ test('somebody else\'s helper', async () => {
   assert.equal(parent.statistics.dropped_peers, 0);
   assert.equal(parent.statistics.clients, 2);
 
-  const { origin } = new URL(viewer.address);
+  const url = new URL(viewer.address);
   const socket = { Connection: 'Upgrade', Upgrade: 'websocket', 'Sec-WebSocket-Version': 13,
     'Sec-WebSocket-Key': 'AAAAAAAAAAAAAAAAAAAAAA==' };
-  const at = `${new URL(viewer.address).pathname}socket`;
-  assert.equal(await statusOf(viewer.address, {}), 200);
-  assert.equal(await statusOf(viewer.address, { ...socket, Origin: origin }, at), 101);
-  for (const [headers, target] of [[{ Host: 'evil.example' }], [{ Origin: 'http://evil.example' }], [{}, '/guess/'],
-    [{}, at.replace('socket', 'takes/a.mp4')], [socket, at], [{ ...socket, Origin: 'http://evil.example' }, at]]) {
-    assert.equal(await statusOf(viewer.address, headers, target), 404, JSON.stringify([headers, target]));
+  const at = `${url.pathname}socket`;
+  assert.equal(await statusOf(url, { ...socket, Origin: url.origin }, at), 101);
+  for (const [headers, target] of [[{ Host: 'evil.example' }], [{ Origin: 'http://evil.example' }],
+    [{}, '/guess/'], [{}, `${url.pathname}takes/a.mp4`], [socket, at]]) {
+    assert.equal(await statusOf(url, headers, target), 404, JSON.stringify([headers, target]));
   }
 
   parent.program.stdin.end();
