@@ -52,7 +52,7 @@ std::array<Fault, 4> faults;
 const Fault* lastFault = nullptr;
 std::atomic<bool> armed = false;
 int logDescriptor = -1;
-std::array<char, 512> logFolder{};
+const char* logFolder = nullptr;
 constexpr int maximumLogged = 64;
 std::array<std::atomic<bool>, maximumLogged> logged;  // by descriptor
 
@@ -62,11 +62,7 @@ Function* real(const char* name) {
 }
 
 void noteHit() {
-  if (const char* path = std::getenv("LUMORA_FAULT_HIT")) {
-    static auto* const openFile = real<int(const char*, int, ...)>("open");
-    static auto* const closeFile = real<int(int)>("close");
-    closeFile(openFile(path, O_CREAT | O_WRONLY, 0600));
-  }
+  if (const char* path = std::getenv("LUMORA_FAULT_HIT")) mknod(path, S_IFREG | 0600, 0);
 }
 
 // Whether this call is one that fails; sets errno.
@@ -100,9 +96,8 @@ void parseFaults() {
 
 void openLog() {
   const char* path = std::getenv("LUMORA_DISK_LOG");
-  const char* folder = std::getenv("LUMORA_DISK_FOLDER");
-  if (path == nullptr || folder == nullptr) return;
-  std::strncpy(logFolder.data(), folder, logFolder.size() - 1);
+  logFolder = std::getenv("LUMORA_DISK_FOLDER");
+  if (path == nullptr || logFolder == nullptr) return;
   logDescriptor = open(path, O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
 }
 
@@ -110,28 +105,31 @@ bool isLogged(int descriptor) {
   return logDescriptor >= 0 && descriptor >= 0 && descriptor < maximumLogged && logged[descriptor];
 }
 
-void log(DiskLogEntry::Kind kind, std::uint64_t offset, const void* bytes, std::size_t count) {
+void log(DiskLogEntry::Kind kind, std::uint64_t offset = 0, const void* bytes = nullptr,
+         std::size_t count = 0) {
   static auto* const writeBytes = real<ssize_t(int, const void*, std::size_t)>("write");
   const DiskLogEntry entry{kind, offset, count};
   static_cast<void>(writeBytes(logDescriptor, &entry, sizeof entry));
   if (bytes != nullptr) static_cast<void>(writeBytes(logDescriptor, bytes, count));
 }
 
-void logWrite(int to, off_t offset, const void* bytes, ssize_t count) {
-  if (count <= 0 || !isLogged(to)) return;
-  log(DiskLogEntry::written, static_cast<std::uint64_t>(offset), bytes,
-      static_cast<std::size_t>(count));
+ssize_t logWrite(int to, off_t offset, const void* bytes, ssize_t count) {
+  if (count > 0 && isLogged(to)) {
+    log(DiskLogEntry::written, static_cast<std::uint64_t>(offset), bytes,
+        static_cast<std::size_t>(count));
+  }
+  return count;
 }
 
 // Files and the folder itself.
 void follow(int descriptor, const char* path, int flags) {
-  const std::size_t length = std::strlen(logFolder.data());
   if (logDescriptor < 0 || descriptor < 0 || descriptor >= maximumLogged) return;
-  logged[descriptor] = std::strncmp(path, logFolder.data(), length) == 0;
-  if (isLogged(descriptor) && (flags & O_CREAT) != 0) log(DiskLogEntry::created, 0, nullptr, 0);
+  logged[descriptor] = std::strncmp(path, logFolder, std::strlen(logFolder)) == 0;
+  if (isLogged(descriptor) && (flags & O_CREAT) != 0) log(DiskLogEntry::created);
 }
 
-int openAny(const char* name, const char* path, int flags, mode_t mode) {
+int openAny(const char* name, const char* path, int flags, std::va_list list) {
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(list, mode_t) : 0;
   if (fails("open", EMFILE)) return -1;
   const int descriptor = real<int(const char*, int, ...)>(name)(path, flags, mode);
   follow(descriptor, path, flags);
@@ -147,10 +145,6 @@ int armedMain(int count, char** arguments, char** environment) {
   return realMain(count, arguments, environment);
 }
 
-mode_t modeOf(std::va_list list, int flags) {
-  return (flags & O_CREAT) != 0 ? va_arg(list, mode_t) : 0;
-}
-
 }  // namespace
 
 // NOLINTBEGIN: these are the C library's names and shapes
@@ -160,6 +154,14 @@ mode_t modeOf(std::va_list list, int flags) {
     REAL(name);                                                  \
     if (fails(#name, error)) return failure;                     \
     return next arguments;                                       \
+  }
+#define LOGGED_FAULT(name, parameters, arguments, kind, offset)               \
+  int name parameters {                                                       \
+    REAL(name);                                                               \
+    if (fails(#name, EIO)) return -1;                                         \
+    const int status = next arguments;                                        \
+    if (status == 0 && isLogged(descriptor)) log(DiskLogEntry::kind, offset); \
+    return status;                                                            \
   }
 
 extern "C" {
@@ -186,19 +188,24 @@ FAULT(int, unlink, (const char* path) noexcept, (path), EACCES, -1)
 FAULT(int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* frame), (to, frame), EIO, -EIO)
 FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO, -1)
 
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
-                   void* with) noexcept {
-  REAL(pthread_create);
-  return fails("pthread_create", EAGAIN) ? EAGAIN : next(thread, attributes, run, with);
-}
+FAULT(int, fallocate, (int descriptor, int mode, off_t offset, off_t size),
+      (descriptor, mode, offset, size), ENOSPC, -1)
+FAULT(int, pthread_create,
+      (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*),
+       void* with) noexcept,
+      (thread, attributes, run, with), EAGAIN, EAGAIN)
+LOGGED_FAULT(fdatasync, (int descriptor), (descriptor), synced, 0)
+LOGGED_FAULT(fsync, (int descriptor), (descriptor), namesSynced, 0)
+LOGGED_FAULT(ftruncate, (int descriptor, off_t size) noexcept, (descriptor, size), truncated,
+             static_cast<std::uint64_t>(size))
 
-#define OPEN(name)                             \
-  int name(const char* path, int flags, ...) { \
-    std::va_list list;                         \
-    va_start(list, flags);                     \
-    const mode_t mode = modeOf(list, flags);   \
-    va_end(list);                              \
-    return openAny(#name, path, flags, mode);  \
+#define OPEN(name)                                            \
+  int name(const char* path, int flags, ...) {                \
+    std::va_list list;                                        \
+    va_start(list, flags);                                    \
+    const int descriptor = openAny(#name, path, flags, list); \
+    va_end(list);                                             \
+    return descriptor;                                        \
   }
 OPEN(open)
 OPEN(open64)
@@ -207,50 +214,19 @@ ssize_t write(int to, const void* bytes, size_t size) {
   REAL(write);
   if (fails("write", ENOSPC)) return -1;
   const off_t at = isLogged(to) ? lseek(to, 0, SEEK_CUR) : 0;
-  const ssize_t count = next(to, bytes, size);
-  logWrite(to, at, bytes, count);
-  return count;
+  return logWrite(to, at, bytes, next(to, bytes, size));
 }
 ssize_t pwrite(int to, const void* bytes, size_t size, off_t offset) {
   REAL(pwrite);
   if (fails("pwrite", EIO)) return -1;
-  const ssize_t count = next(to, bytes, size, offset);
-  logWrite(to, offset, bytes, count);
-  return count;
-}
-int fdatasync(int descriptor) {
-  REAL(fdatasync);
-  if (fails("fdatasync", EIO)) return -1;
-  const int status = next(descriptor);
-  if (status == 0 && isLogged(descriptor)) log(DiskLogEntry::synced, 0, nullptr, 0);
-  return status;
-}
-int fsync(int descriptor) {
-  REAL(fsync);
-  if (fails("fsync", EIO)) return -1;
-  const int status = next(descriptor);
-  if (status == 0 && isLogged(descriptor)) log(DiskLogEntry::namesSynced, 0, nullptr, 0);
-  return status;
+  return logWrite(to, offset, bytes, next(to, bytes, size, offset));
 }
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
               unsigned flags) noexcept {
   REAL(renameat2);
   if (fails("renameat2", EIO)) return -1;
   const int status = next(fromFolder, from, toFolder, to, flags);
-  if (status == 0 && logDescriptor >= 0) log(DiskLogEntry::renamed, 0, nullptr, 0);
-  return status;
-}
-int fallocate(int descriptor, int mode, off_t offset, off_t size) {
-  REAL(fallocate);
-  if (fails("fallocate", ENOSPC)) return -1;
-  return next(descriptor, mode, offset, size);
-}
-int ftruncate(int descriptor, off_t size) noexcept {
-  REAL(ftruncate);
-  if (fails("ftruncate", EIO)) return -1;
-  const int status = next(descriptor, size);
-  if (status == 0 && isLogged(descriptor))
-    log(DiskLogEntry::truncated, static_cast<std::uint64_t>(size), nullptr, 0);
+  if (status == 0 && logDescriptor >= 0) log(DiskLogEntry::renamed);
   return status;
 }
 int close(int descriptor) {
@@ -261,19 +237,13 @@ int close(int descriptor) {
 }
 
 #ifndef LUMORA_OWN_HEAP
-void* malloc(size_t size) { return fails("malloc", ENOMEM) ? nullptr : __libc_malloc(size); }
-void* calloc(size_t count, size_t size) {
-  return fails("malloc", ENOMEM) ? nullptr : __libc_calloc(count, size);
-}
-void* realloc(void* block, size_t size) {
-  return fails("malloc", ENOMEM) ? nullptr : __libc_realloc(block, size);
-}
-void* aligned_alloc(size_t alignment, size_t size) {
-  return fails("malloc", ENOMEM) ? nullptr : __libc_memalign(alignment, size);
-}
-void* memalign(size_t alignment, size_t size) {
-  return fails("malloc", ENOMEM) ? nullptr : __libc_memalign(alignment, size);
-}
+#define HEAP(name, parameters, call) \
+  void* name parameters { return fails("malloc", ENOMEM) ? nullptr : call; }
+HEAP(malloc, (size_t size), __libc_malloc(size))
+HEAP(calloc, (size_t count, size_t size), __libc_calloc(count, size))
+HEAP(realloc, (void* block, size_t size), __libc_realloc(block, size))
+HEAP(aligned_alloc, (size_t alignment, size_t size), __libc_memalign(alignment, size))
+HEAP(memalign, (size_t alignment, size_t size), __libc_memalign(alignment, size))
 int posix_memalign(void** block, size_t alignment, size_t size) {
   if (fails("malloc", ENOMEM)) return ENOMEM;
   *block = __libc_memalign(alignment, size);
@@ -283,11 +253,9 @@ int posix_memalign(void** block, size_t alignment, size_t size) {
 
 int __libc_start_main(int (*main)(int, char**, char**), int count, char** arguments,
                       void (*start)(), void (*end)(), void (*loaderEnd)(), void* stack) {
+  REAL(__libc_start_main);
   realMain = main;
-  using Start =
-      int(int (*)(int, char**, char**), int, char**, void (*)(), void (*)(), void (*)(), void*);
-  return real<Start>("__libc_start_main")(armedMain, count, arguments, start, end, loaderEnd,
-                                          stack);
+  return next(armedMain, count, arguments, start, end, loaderEnd, stack);
 }
 }
 // NOLINTEND
