@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <mutex>
 
 #include "tests/e2e/helper_fixture.h"
 #include "tools/resource_use.h"
@@ -18,9 +17,8 @@ constexpr FrameSize small{320, 240};
 struct Client : HelperTest {
   client::HelperOptions options() const { return {.program = LUMORA_HELPER, .token = token}; }
   client::TakeOptions takeOptions() const {
-    return {.path = path(), .resolution = "640x360", .targetFPS = 60};
+    return {.path = path, .resolution = "640x360", .targetFPS = 60};
   }
-  std::string path() const { return folder / "take.mp4"; }
   // At some sixty frames a second.
   void feed(client::Helper& to, int frames) {
     const Pixels pixels = plain(small, {200, 10, 10});
@@ -29,19 +27,11 @@ struct Client : HelperTest {
       std::this_thread::sleep_for(std::chrono::milliseconds(16));
     }
   }
-  client::Helper::EventHandler recorder() {
-    return [this](const client::Event& event) {
-      const std::lock_guard hold(mutex);
-      events.push_back(event);
-    };
-  }
-
-  std::mutex mutex;
-  std::vector<client::Event> events;
 };
 
 TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
-  client::Helper camera(options(), recorder());
+  std::vector<client::Event> events;
+  client::Helper camera(options(), [&](const client::Event& told) { events.push_back(told); });
   client::StreamClient viewer("127.0.0.1", camera.port());
   viewer.sayHello(camera.token());
   client::Take take = camera.startTake(takeOptions());
@@ -52,19 +42,18 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   const auto end = take.waitForEnd(20);
   ASSERT_TRUE(end);
   EXPECT_EQ(end->state, client::TakeState::saved);
-  EXPECT_EQ(end->path, path());
+  EXPECT_EQ(end->path, path);
   EXPECT_GT(end->frames, 10u);
-  EXPECT_EQ(decodeErrors(path()), "");
+  EXPECT_EQ(decodeErrors(path), "");
   EXPECT_EQ(camera.stop().status, 0);
-  const auto& last = events.back();
-  EXPECT_TRUE(std::holds_alternative<client::Exited>(last.what));
+  EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events) {
     EXPECT_THAT(event.line, testing::Not(testing::HasSubstr(token)));
   }
 }
 
 TEST_F(Client, AHelperThatIsKilledEndsItsTakeAndNothingElse) {
-  client::Helper camera(options(), recorder());
+  client::Helper camera(options());
   client::Take take = camera.startTake(takeOptions());
   feed(camera, 60);
   std::jthread killer([&] { kill(camera.pid(), SIGKILL); });
@@ -81,23 +70,19 @@ TEST_F(Client, AHelperThatIsKilledEndsItsTakeAndNothingElse) {
 }
 
 TEST_F(Client, SaysWhyAHelperDoesNotStart) {
-  const auto problemOf = [](const client::HelperOptions& wanted) {
-    try {
-      client::Helper unwanted(wanted);
-    } catch (const client::StartError& error) {
-      return std::string(error.what());
-    }
-    return std::string();
-  };
-  EXPECT_EQ(problemOf({.program = "/nowhere/helper"}), "there is no program at /nowhere/helper");
-  EXPECT_EQ(problemOf({.program = LUMORA_HELPER, .token = "short"}),
-            "the helper did not start: invalid helper configuration");
-  EXPECT_EQ(problemOf({.program = "/bin/true"}),
-            "the helper did not start: it did not become ready");
-  EXPECT_THAT(problemOf({.program = LUMORA_HELPER, .token = token, .arguments = {"--host", "x y"}}),
-              testing::HasSubstr("video listener"));
   setenv("LUMORA_VIDEO_PATH", "/nowhere/else", 1);
-  EXPECT_EQ(problemOf({}), "there is no program at /nowhere/else");
+  const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
+      {{}, "there is no program at /nowhere/else"},
+      {{.program = "/nowhere/helper"}, "there is no program at /nowhere/helper"},
+      {{.program = LUMORA_HELPER, .token = "short"},
+       "the helper did not start: invalid helper configuration"},
+      {{.program = "/bin/true"}, "the helper did not start: it did not become ready"},
+      {{.program = LUMORA_HELPER, .token = token, .arguments = {"--host", "x y"}},
+       testing::HasSubstr("video listener")}};
+  for (const auto& one : cases) {
+    EXPECT_THAT([&] { const client::Helper unwanted(one.first); },
+                testing::ThrowsMessage<client::StartError>(one.second));
+  }
   unsetenv("LUMORA_VIDEO_PATH");
 }
 
@@ -124,7 +109,7 @@ TEST_F(Client, AParentThatThrowsKeepsItsTake) {
         throw std::runtime_error("the application's own");
       },
       std::runtime_error);
-  EXPECT_EQ(decodeErrors(path()), "");
+  EXPECT_EQ(decodeErrors(path), "");
 }
 
 TEST_F(Client, AThousandFramesAtFullSpeedAreCountedAndCostNoMemory) {

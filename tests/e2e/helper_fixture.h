@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <filesystem>
 #include <functional>
@@ -25,9 +24,7 @@ using tools::Event;
 using Pixels = std::vector<std::uint8_t>;
 
 struct Rgb {
-  int red;
-  int green;
-  int blue;
+  int red, green, blue;
 };
 
 // A picture in four quarters, each of one colour, in the order a parent feeds it.
@@ -93,25 +90,12 @@ class HelperTest : public testing::Test {
   int exitCode();
   std::string writeStream(const std::vector<client::Packet>& packets) const;
 
-  std::filesystem::path folder;
-  std::string token = "end-to-end-token-0123456789";
-  std::unique_ptr<tools::HelperProcess> helper;
-  std::uint16_t port = 0;
-  std::uint64_t lastID = 0;
-};
-
-// Takes of the real helper on the real disk.
-class TakeTest : public HelperTest {
- protected:
-  void SetUp() override;
-
   // Start and stop the take at `path`, with further keys of the command.
   void startTake(const Event& extra = Event::object());
   void stopTake(const Event& extra = Event::object());
-  // Feeds `count` frames at a steady rate, of one picture or of two in turn.
-  void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360});
-  void feedPaced(int count, double framesPerSecond, FrameSize size,
-                 const std::array<Pixels, 2>& pictures);
+  // Feeds `count` frames at a steady rate, of these pictures in turn or of one.
+  void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360},
+                 std::vector<Pixels> pictures = {});
   // Turns to another take of the same run: what is still said of the one before counts no more.
   void turnTo(const std::filesystem::path& file);
   // Records `count` frames at a steady rate; the "saved" event.
@@ -119,8 +103,12 @@ class TakeTest : public HelperTest {
   // The take's next event with this state; throws when the take ends in another one.
   Event waitForTake(const std::string& state);
   std::string stagingPath() const { return path + "." + takeID + ".partial"; }
-  std::size_t fileCount() const;
 
+  std::filesystem::path folder;
+  std::string token = "end-to-end-token-0123456789";
+  std::unique_ptr<tools::HelperProcess> helper;
+  std::uint16_t port = 0;
+  std::uint64_t lastID = 0;
   std::string path;
   std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
 };

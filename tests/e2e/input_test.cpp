@@ -12,10 +12,9 @@ namespace {
 
 struct Input : HelperTest {
   // Starts without waiting for anything: the first line, which is to be this error, and status 1.
-  void expectRefusal(const std::vector<std::string>& arguments, const std::string& withToken,
-                     const std::string& line) {
+  void expectRefusal(const std::vector<std::string>& arguments, const std::string& line) {
     helper = std::make_unique<tools::HelperProcess>(
-        client::LaunchOptions{LUMORA_HELPER, withToken, arguments, {}});
+        client::LaunchOptions{LUMORA_HELPER, token, arguments, {}});
     // A statistics report may come before the listener knows its fate.
     std::string first = helper->nextLine(20).value_or("");
     while (first.find("\"stats\"") != std::string::npos) first = helper->nextLine(20).value_or("");
@@ -24,26 +23,19 @@ struct Input : HelperTest {
   }
 };
 
-TEST_F(Input, RefusesAnInvalidConfiguration) {
-  const char* line = R"({"type":"error","message":"invalid helper configuration"})";
-  expectRefusal({}, "short", line);
-  expectRefusal({"--port"}, token, line);
-  expectRefusal({"--help", "me"}, token, line);
-}
-
-TEST_F(Input, ListensWhereItIsTold) {
-  start();
-  const std::string taken = std::to_string(port);
-  const auto running = std::move(helper);
-  const char* failed = R"({"message":"video listener failed","type":"error"})";
-  expectRefusal({"--port", taken}, token, failed);
-  expectRefusal({"--host", "203.0.113.7"}, token, failed);
-  expectRefusal({"--host", "not a host"}, token,
+TEST_F(Input, ListensWhereItIsToldOrNotAtAll) {
+  expectRefusal({"--port"}, R"({"type":"error","message":"invalid helper configuration"})");
+  expectRefusal({"--host", "not a host"},
                 R"({"type":"error","message":"video listener initialization failed"})");
+  const char* failed = R"({"message":"video listener failed","type":"error"})";
+  expectRefusal({"--host", "203.0.113.7"}, failed);
+  start();
+  const auto running = std::move(helper);
+  expectRefusal({"--port", std::to_string(port)}, failed);
   start({"--host", "localhost"});
   // Not silently on another address of that name.
   const auto named = std::move(helper);
-  expectRefusal({"--host", "localhost", "--port", std::to_string(port)}, token, failed);
+  expectRefusal({"--host", "localhost", "--port", std::to_string(port)}, failed);
 }
 
 TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
@@ -52,11 +44,7 @@ TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
   const Pixels pixels = plain(size, {40, 80, 120});
   const Watcher watcher(connectClient());
   // The take encodes a frame for longer than the next one needs to arrive.
-  helper->writeCommand({{"type", "record_start"},
-                        {"id", "6F9619FF-8B86-D011-B42D-00CF4FC964FF"},
-                        {"path", folder / "take.mp4"},
-                        {"resolution", "1920x1080"},
-                        {"target_fps", 60}});
+  startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
   for (int i = 0; i < 400; ++i) feed(size, pixels);
   const auto after = waitForStatistics([](const Event& event) {
     return event["dropped_raw"].get<int>() + event["encoded_frames"].get<int>() == 400;
@@ -119,21 +107,15 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
         {"-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\"", LUMORA_HELPER},
         {}});
     const auto first = helper->nextLine(20);
-    if (!first) {  // no library could be loaded
-      EXPECT_EQ(exitCode(), 127);
+    if (!first || first->find("video listener ") != std::string::npos) {
+      EXPECT_EQ(exitCode(), first ? 1 : 127);  // no library could be loaded
       continue;
     }
-    if (first->find("error") != std::string::npos) {
-      EXPECT_THAT(*first, testing::HasSubstr("video listener "));
-      EXPECT_EQ(exitCode(), 1);
-      continue;
-    }
-    const std::string id = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
+    ASSERT_THAT(*first, testing::Not(testing::HasSubstr("error")));
     const Pixels pixels = plain({320, 240}, {9, 9, 9});
-    helper->writeCommand({{"type", "record_start"}, {"id", id}, {"path", folder / "a.mp4"}});
-    bool runs = true;
-    for (std::uint64_t i = 1; runs && i < 4; ++i) runs = helper->writeFrame({320, 240}, i, pixels);
-    runs = runs && helper->writeCommand({{"type", "record_stop"}, {"id", id}});
+    startTake();
+    for (std::uint64_t i = 1; i < 4; ++i) helper->writeFrame({320, 240}, i, pixels);
+    stopTake();
     helper->closeInput();
     while (const auto event = helper->nextEvent(20)) {
       if (event->value("type", "") != "recording") continue;

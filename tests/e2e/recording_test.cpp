@@ -9,38 +9,40 @@
 namespace lumora::tests {
 namespace {
 
-using Recording = TakeTest;
+using Recording = HelperTest;
 
 TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
   for (const auto& [name, width, height, cameraRate] : {std::tuple{"640x360", 640, 360, 24},
                                                         {"1080x720", 1080, 720, 60},
                                                         {"1920x1080", 1920, 1080, 50}}) {
     start();
-    const double from = uptime();
-    startTake({{"started_at", from}, {"resolution", name}, {"target_fps", 30}});
-    feedPaced(cameraRate * 5 / 6, cameraRate);
-    const double to = from + 0.7;
-    stopTake({{"stopped_at", to}});
-    const Event saved = waitForTake("saved");
-    EXPECT_EQ(saved["path"], path);
-    EXPECT_EQ(saved["error"], "");
-    EXPECT_EQ(saved["width"], width);
-    const Event file = probe(path);
-    EXPECT_EQ(file["codec_name"], "h264");
-    EXPECT_EQ(file["profile"], "High");
-    EXPECT_EQ(file["width"], width);
-    EXPECT_EQ(file["height"], height);
-    EXPECT_EQ(file["time_base"], "1/60000");
-    EXPECT_NEAR(file["duration_ts"].get<double>(), 0.7 * 60000, 1);
-    const int frames = std::stoi(file["nb_read_frames"].get<std::string>());
-    EXPECT_GE(frames, 1);
-    EXPECT_LE(frames, 22);  // 0.7 s at 30 a second
-    EXPECT_EQ(file["nb_frames"], file["nb_read_frames"]);
-    EXPECT_EQ(file["color_space"], "bt709");
-    EXPECT_EQ(decodeErrors(path), "");
-    EXPECT_EQ(fileCount(), 1u);
-    EXPECT_EQ(finish(), 0);
-    std::filesystem::remove(path);
+    for (const char* file : {"first.mp4", "second.mp4"}) {  // the second has the first's encoder
+      turnTo(folder / file);
+      const double from = uptime();
+      startTake({{"started_at", from}, {"resolution", name}, {"target_fps", 30}});
+      feedPaced(cameraRate * 5 / 6, cameraRate);
+      stopTake({{"stopped_at", from + 0.7}});
+      const Event saved = waitForTake("saved");
+      EXPECT_EQ(saved["path"], path);
+      EXPECT_EQ(saved["error"], "");
+      EXPECT_EQ(saved["width"], width);
+      const Event movie = probe(path);
+      EXPECT_EQ(movie["codec_name"], "h264");
+      EXPECT_EQ(movie["profile"], "High");
+      EXPECT_EQ(movie["width"], width);
+      EXPECT_EQ(movie["height"], height);
+      EXPECT_EQ(movie["time_base"], "1/60000");
+      EXPECT_NEAR(movie["duration_ts"].get<double>(), 0.7 * 60000, 1);
+      EXPECT_NEAR(saved["duration"].get<double>(), 0.7, 1e-4);
+      const int frames = saved["frames"];
+      EXPECT_LE(frames, 22);  // 0.7 s at 30 a second
+      EXPECT_EQ(movie["nb_frames"], std::to_string(frames));
+      EXPECT_EQ(movie["nb_read_frames"], std::to_string(frames));
+      EXPECT_EQ(movie["color_space"], "bt709");
+      EXPECT_EQ(decodeErrors(path), "");
+      std::filesystem::remove(path);
+      EXPECT_TRUE(std::filesystem::is_empty(folder));
+    }
   }
 }
 
@@ -49,24 +51,11 @@ TEST_F(Recording, IsUprightBetweenBlackBars) {
   take(20, 60);
   const Picture picture = decodeLast(path, {1080, 720});
   // 640 × 360 fits as 1080 × 608 with 56 rows of black above and below.
-  picture.expect(0.5, 0.03, {0, 0, 0}, 4);
-  picture.expect(0.5, 0.97, {0, 0, 0}, 4);
+  for (const double y : {0.03, 0.97}) picture.expect(0.5, y, {0, 0, 0}, 4);
   picture.expect(0.2, 0.2, {200, 30, 30}, 4);
   picture.expect(0.8, 0.2, {30, 200, 30}, 4);
   picture.expect(0.2, 0.8, {30, 30, 200}, 4);
   picture.expect(0.8, 0.8, {90, 90, 90}, 4);
-}
-
-TEST_F(Recording, TheNextTakeOfTheRunIsAsSound) {
-  start();
-  for (const char* name : {"first.mp4", "second.mp4"}) {  // the second has the first one's encoder
-    turnTo(folder / name);
-    const Event saved = take(30, 50);
-    const Event file = probe(path);
-    EXPECT_EQ(file["nb_read_frames"], std::to_string(saved["frames"].get<int>()));
-    EXPECT_NEAR(file["duration_ts"].get<double>() / 60000, saved["duration"].get<double>(), 1e-4);
-    EXPECT_EQ(decodeErrors(path), "");
-  }
 }
 
 TEST_F(Recording, ATakenNameSendsTheTakeToItsRecoveryName) {
@@ -78,8 +67,6 @@ TEST_F(Recording, ATakenNameSendsTheTakeToItsRecoveryName) {
   stopTake();
   const Event saved = waitForTake("saved");
   EXPECT_EQ(saved["path"], (folder / ("a take.\xC3\xA9.recovered-" + takeID + ".mp4")).string());
-  EXPECT_EQ(saved["error"],
-            "Final filename was unavailable. Completed video saved at the recovery path shown.");
   EXPECT_EQ(decodeErrors(saved["path"]), "");
   EXPECT_EQ(std::filesystem::file_size(path), 15u);
 }
@@ -87,19 +74,22 @@ TEST_F(Recording, ATakenNameSendsTheTakeToItsRecoveryName) {
 TEST_F(Recording, EveryWayToEndEndsWithZeroAndSavesATake) {
   const std::function<void()> endings[] = {
       [this] { helper->closeInput(); }, [this] { helper->sendSignal(SIGTERM); },
-      [this] { helper->sendSignal(SIGINT); }, [this] { helper->closeOutput(); }};
+      [this] { helper->sendSignal(SIGINT); }, [this] { helper->closeOutput(); },
+      [this] {
+        helper->closeOutput();
+        helper->closeInput();
+      }};
   for (const auto& end : endings) {
     start();
-    end();
-    EXPECT_EQ(exitCode(), 0);
-    start();
     startTake();
-    feedPaced(30, 60);
+    feedPaced(60, 60);
+    waitForTake("recording");
     end();
     EXPECT_EQ(exitCode(), 0);
     EXPECT_EQ(decodeErrors(path), "");
-    EXPECT_EQ(fileCount(), 1u);
+    EXPECT_GT(countFrames(path), 3);
     std::filesystem::remove(path);
+    EXPECT_TRUE(std::filesystem::is_empty(folder));
   }
 }
 

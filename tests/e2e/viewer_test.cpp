@@ -10,6 +10,7 @@
 #include <boost/beast/websocket.hpp>
 #include <csignal>
 #include <fstream>
+#include <regex>
 
 #include <lumora/packets.h>
 #include "tests/e2e/helper_fixture.h"
@@ -25,17 +26,15 @@ struct Viewer : HelperTest {
             const std::map<std::string, std::string>& environment = {}) {
     viewer = std::make_unique<tools::HelperProcess>(
         client::LaunchOptions{LUMORA_VIEWER, token, arguments, environment});
-    const std::string address = viewer->nextLine(20).value_or("");  // http://127.0.0.1:P/SECRET/
-    ASSERT_GT(address.size(), 7u);
-    const std::string host = address.substr(7, address.find('/', 7) - 7);
+    const std::string address = viewer->nextLine(20).value_or("");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(address, parts, std::regex("(http://(.*:([0-9]+)))(/.*/)")));
     socket.next_layer().connect(
-        {boost::asio::ip::make_address("127.0.0.1"),
-         static_cast<std::uint16_t>(std::stoi(host.substr(host.find(':') + 1)))});
+        {boost::asio::ip::address_v4::loopback(), static_cast<std::uint16_t>(std::stoi(parts[3]))});
     socket.set_option(boost::beast::websocket::stream_base::decorator(
-        [&](auto& request) { request.set(boost::beast::http::field::origin, "http://" + host); }));
-    socket.handshake(host, address.substr(7 + host.size()) + "socket");
+        [&](auto& request) { request.set(boost::beast::http::field::origin, parts[1].str()); }));
+    socket.handshake(parts[2].str(), parts[4].str() + "socket");
   }
-  static bool isEnd(const Event& message) { return message["type"] == "ended"; }
   // One message: a text as it is; a picture is shown and counted.
   std::optional<Event> next() {
     boost::beast::flat_buffer received;
@@ -50,25 +49,24 @@ struct Viewer : HelperTest {
     say({{"type", "shown"}, {"frame_id", packet->frameID}});
     return std::nullopt;
   }
-  Event waitForMessage(const HelperTest::Wanted& wanted) {
-    for (;;) {
-      const auto message = next();
-      if (message && wanted(*message)) return *message;
-    }
+  Event waitForMessage(const std::string& type) {
+    auto message = next();
+    while (!message || message->at("type") != type) message = next();
+    return *message;
   }
   void showPictures(int count) {
     while (pictures < count) next();
   }
-  Event waitForTake(const std::string& state) {
-    return waitForMessage([&](const Event& message) {
-      return message["type"] == "event" && message["event"].value("state", "") == state;
-    })["event"];
+  Event waitForState(const std::string& state) {
+    Event told = Event::object();
+    while (told.value("state", "") != state) told = waitForMessage("event")["event"];
+    return told;
   }
   void record() {
     view({"--demo", "--helper", LUMORA_HELPER, "--folder", folder, "--size", "320x240"});
     showPictures(5);
     say({{"type", "start"}, {"resolution", "640x360"}, {"target_fps", 60}, {"folder", folder}});
-    waitForTake("recording");
+    waitForState("recording");
   }
   void say(const Event& message) {
     socket.text(true);
@@ -96,8 +94,8 @@ TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
   record();
   signalHelper(SIGINT);  // a terminal's Ctrl-C reaches both
   viewer->sendSignal(SIGINT);
-  const Event saved = waitForTake("saved");
-  waitForMessage(isEnd);
+  const Event saved = waitForState("saved");
+  waitForMessage("ended");
   EXPECT_EQ(exitOfViewer(), 0);
   EXPECT_EQ(viewer->nextLine(1), "Saved " + saved["path"].get<std::string>());
   EXPECT_EQ(decodeErrors(saved["path"]), "");
@@ -106,7 +104,7 @@ TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
 TEST_F(Viewer, ATakeThatWasLostShowsInItsStatus) {
   record();
   signalHelper(SIGKILL);
-  EXPECT_EQ(waitForMessage(isEnd)["message"], "The helper has ended with signal 9.");
+  EXPECT_EQ(waitForMessage("ended")["message"], "The helper has ended with signal 9.");
   EXPECT_EQ(exitOfViewer(), 1);
 }
 
@@ -122,7 +120,7 @@ TEST_F(Viewer, ACameraThatHangsDoesNotKeepIt) {
   ASSERT_EQ(mkfifo(camera.c_str(), 0600), 0);
   view({"--demo", "--helper", LUMORA_HELPER}, {{"INPUT", camera}});
   viewer->sendSignal(SIGTERM);
-  waitForMessage(isEnd);
+  waitForMessage("ended");
   EXPECT_EQ(exitOfViewer(), 0);
   close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // lets go of whoever still waits for it
 }
@@ -131,19 +129,14 @@ TEST_F(Viewer, AGuestWaitsForAHelperThatIsGone) {
   start();
   view({"--port", std::to_string(port)});
   std::jthread camera([this](const std::stop_token& stop) {
-    const Pixels pixels = plain({320, 240}, {1, 2, 3});
-    while (!stop.stop_requested()) {
-      feed({320, 240}, pixels);
-      std::this_thread::sleep_for(std::chrono::milliseconds(16));
-    }
+    while (!stop.stop_requested()) feedPaced(2, 60, {320, 240});
   });
   showPictures(3);
-  camera.request_stop();
-  camera.join();
+  camera = {};
   finish();
-  waitForMessage([](const Event& message) { return message["type"] == "lost"; });
+  waitForMessage("lost");
   viewer->sendSignal(SIGTERM);
-  waitForMessage(isEnd);
+  waitForMessage("ended");
   EXPECT_EQ(exitOfViewer(), 0);
 }
 
