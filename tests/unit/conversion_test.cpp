@@ -1,7 +1,5 @@
 // Frame conversion with the real resampler and libyuv, and the real encoders behind sessions.
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <numbers>
 
@@ -20,9 +18,10 @@ struct Pixel {
   bool operator==(const Pixel&) const = default;
 };
 
-RawFrame makeFrame(int width, int height, std::uint8_t value) {
+RawFrame makeFrame(int width, int height, std::uint8_t value,
+                   const std::shared_ptr<PicturePool>& pool = PicturePool::make()) {
   const auto bytes = static_cast<std::size_t>(width * height * 4);
-  RawFrame frame{width, height, 1, PicturePool::make()->allocate(bytes), 0};
+  RawFrame frame{width, height, 1, pool->allocate(bytes), 0};
   std::fill_n(frame.rgba.get(), bytes, value);
   return frame;
 }
@@ -68,15 +67,11 @@ TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
 }
 
 TEST(Conversion, AFrameThatIsWrappedIsKeptForItsBuffer) {
-  RawFrame frame = makeFrame(16, 8, 200);
   const auto pool = PicturePool::make();
-  frame.rgba = pool->allocate(16 * 8 * 4);
-  std::fill_n(frame.rgba.get(), 16 * 8 * 4, std::uint8_t{77});
+  RawFrame frame = makeFrame(16, 8, 77, pool);
   const std::uint8_t* memory = frame.rgba.get();
   Converted converted = convert(frame, 16, 8, Placement::aspectFit);
-  frame = {};
-  const auto other = pool->allocate(16 * 8 * 4);
-  std::fill_n(other.get(), 16 * 8 * 4, std::uint8_t{1});
+  frame = makeFrame(16, 8, 1, pool);
   EXPECT_EQ(converted.at(3, 3), (Pixel{77, 77, 77, 77}));
   converted.buffer.reset();
   EXPECT_EQ(pool->allocate(16 * 8 * 4).get(), memory);
@@ -106,13 +101,11 @@ double amplitudeAfterReduction(double period, bool vertical) {
     }
   }
   const Converted converted = convert(frame, size / 3, size / 3, Placement::stretch);
-  int least = 255;
-  int most = 0;
+  std::vector<int> values;
   for (int i = 20; i < 100; ++i) {
-    const int value = vertical ? converted.at(60, i).g : converted.at(i, 60).g;
-    least = std::min(least, value);
-    most = std::max(most, value);
+    values.push_back(vertical ? converted.at(60, i).g : converted.at(i, 60).g);
   }
+  const auto [least, most] = std::ranges::minmax(values);
   return (most - least) / 200.0;
 }
 

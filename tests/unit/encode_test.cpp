@@ -1,22 +1,11 @@
 // The encode pipeline: who gets a frame, session settings and replacement, failures, release.
 
-#include <gtest/gtest.h>
-
-#include "encode/picture_size.h"
-#include "h264/memory_sample.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
 
-struct Encode : testing::Test {
-  void SetUp() override { probe.becomeReady(); }
-  std::string error() {
-    const auto events = probe.process->takeEvents("error");
-    return events.empty() ? "" : events.at(0)["message"].get<std::string>();
-  }
-  VideoEncoderProbe probe;
-};
+using Encode = ServiceTest;
 
 TEST_F(Encode, AFrameNobodyNeedsIsCountedAndReleased) {
   probe.connect();  // not authenticated
@@ -30,13 +19,12 @@ TEST_F(Encode, ReleasesTheFrameWhenItsEncodeIsDoneAndMeasuresIt) {
   const auto client = probe.connectClient();
   probe.feed(1, 1920, 1080);
   EXPECT_EQ(probe.lastSession().size, (PictureSize{640, 360}));
-  EXPECT_EQ(probe.lastSession().properties.at(SessionProperty::averageBitRate),
-            PropertyValue(std::int64_t{4000000}));
-  EXPECT_EQ(probe.lastSession().properties.at(SessionProperty::expectedFrameRate),
-            PropertyValue(std::int64_t{60}));
+  const auto& properties = probe.lastSession().properties;
+  EXPECT_EQ(properties.at(SessionProperty::averageBitRate), PropertyValue(std::int64_t{4000000}));
+  EXPECT_EQ(properties.at(SessionProperty::expectedFrameRate), PropertyValue(std::int64_t{60}));
   EXPECT_TRUE(probe.isRawBusy());
   probe.clock->now += 0.004;
-  probe.answerPreview(keySample());
+  probe.answer(keySample());
   EXPECT_FALSE(probe.isRawBusy());
   EXPECT_EQ(client->sent.size(), 1u);
   EXPECT_NEAR(probe.statistics()["encode_ms"].get<double>(), 4, 1e-6);
@@ -45,14 +33,14 @@ TEST_F(Encode, ReleasesTheFrameWhenItsEncodeIsDoneAndMeasuresIt) {
 TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
   const auto first = probe.connectClient();
   probe.feed(1);
-  probe.answerPreview(keySample());
+  probe.answer(keySample());
   first->finishSend();
   probe.feed(2);
-  probe.answerPreview(deltaSample());
+  probe.answer(deltaSample());
   first->finishSend();
   probe.connectClient();
   probe.feed(3);
-  probe.answerPreview(keySample());
+  probe.answer(keySample());
   using Submitted = std::vector<std::pair<std::int64_t, bool>>;
   EXPECT_EQ(probe.lastSession().submitted, (Submitted{{1, true}, {2, false}, {3, true}}));
 
@@ -62,30 +50,25 @@ TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
   EXPECT_TRUE(probe.encoders->sessions[0]->invalidated);
   EXPECT_EQ(probe.encoders->sessions[0]->flushes, 0);
   EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count goes on
-  probe.answerPreview(deltaSample());
+  probe.answer(deltaSample());
   EXPECT_EQ(first->sent.size(), 3u);  // not frame 4: everyone waits for the new key frame
 }
 
 TEST_F(Encode, FailuresEndTheRunWithTheirDescription) {
-  const auto failing = [](Call call, int nth, Status status) {
-    return [=](VideoEncoderProbe& p) { p.failures->fail(call, nth, status); };
-  };
-  const std::pair<const char*, std::function<void(VideoEncoderProbe&)>> cases[] = {
-      {"hardware encoder creation failed (-12908)", failing(Call::createSession, 1, -12908)},
-      {"encoder property failed (-12)", failing(Call::setProperty, 1, -12)},
-      {"encoder property failed (-12)", failing(Call::setProperty, 7, -12)},
-      {"encoder preparation failed (-13)", failing(Call::prepare, 1, -13)},
-      {"no pixel buffer pool",
-       [](auto& p) { p.encoders->adjust = [](FakeSession& s) { s.hasPool = false; }; }},
-      {"pixel buffer allocation failed (-7)", failing(Call::createBuffer, 1, -7)},
-      {"RGBA conversion failed", failing(Call::convert, 1, -1)},
-      {"frame submission failed (-1)", failing(Call::submit, 1, -1)}};
-  for (const auto& [message, adjust] : cases) {
+  for (const auto& [message, call, nth, status] :
+       {std::tuple{"hardware encoder creation failed (-12908)", Call::createSession, 1, -12908},
+        {"encoder property failed (-12)", Call::setProperty, 1, -12},
+        {"encoder property failed (-12)", Call::setProperty, 7, -12},
+        {"encoder preparation failed (-13)", Call::prepare, 1, -13},
+        {"no pixel buffer pool", Call::getPool, 1, -1},
+        {"pixel buffer allocation failed (-7)", Call::createBuffer, 1, -7},
+        {"RGBA conversion failed", Call::convert, 1, -1},
+        {"frame submission failed (-1)", Call::submit, 1, -1}}) {
     probe.restart();
-    adjust(probe);
+    probe.failures->fail(call, nth, status);
     probe.connectClient();
     probe.feed(1, 1280, 720);  // one of the preview's size is not converted
-    EXPECT_EQ(error(), message);
+    EXPECT_EQ(probe.error(), message);
     EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
     EXPECT_FALSE(probe.isRawBusy());
     for (const auto& opened : probe.encoders->sessions) EXPECT_TRUE(opened->invalidated);
@@ -103,9 +86,8 @@ TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
     probe.restart();
     const auto client = probe.connectClient();
     probe.feed(1);
-    probe.lastSession().answer(status, sample, status == -13 ? infoNotPrepared : 0);
-    probe.run();
-    EXPECT_EQ(error(), message);
+    probe.answer(sample, status, status == -13 ? infoNotPrepared : 0);
+    EXPECT_EQ(probe.error(), message);
     EXPECT_TRUE(client->sent.empty());
     EXPECT_FALSE(probe.isRawBusy());
   }
@@ -116,10 +98,10 @@ TEST_F(Encode, AFourthBufferOfAPoolIsRefused) {
   probe.feed(1);
   std::vector<std::shared_ptr<PixelBuffer>> held(2);
   for (auto& buffer : held) EXPECT_EQ(probe.lastSession().pool.create(3, buffer), 0);
-  const auto kept = probe.lastSession().pending.front().buffer;
-  probe.answerPreview(keySample());
+  const auto kept = probe.lastSession().pending.front().first;
+  probe.answer(keySample());
   probe.feed(2);
-  EXPECT_EQ(error(), "pixel buffer allocation failed (-6689)");
+  EXPECT_EQ(probe.error(), "pixel buffer allocation failed (-6689)");
 }
 
 TEST(RawEncodingCompletion, RunsOnceWhenEveryTokenIsDone) {
@@ -136,19 +118,14 @@ TEST(RawEncodingCompletion, RunsOnceWhenEveryTokenIsDone) {
 }
 
 TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
-  struct Case {
-    PictureSize camera, preview;
-    bool exact;
-    PictureSize expected;
-  };
-  const Case cases[] = {{{1918, 1080}, {1280, 720}, false, {1278, 720}},
-                        {{1918, 1080}, {1280, 720}, true, {1280, 720}},
-                        {{1918, 1080}, {1281, 720}, true, {1278, 720}},
-                        {{1278, 720}, {1280, 720}, true, {1278, 720}},
-                        {{1920, 2}, {640, 360}, false, {640, 2}}};
-  for (const Case& c : cases) {
-    const PictureSize size = previewEncodeSize(c.camera, c.preview, c.exact);
-    EXPECT_EQ(size, c.expected) << c.camera.width << "x" << c.camera.height;
+  using Case = std::tuple<PictureSize, PictureSize, bool, PictureSize>;
+  for (const auto& [camera, preview, exact, expected] :
+       {Case{{1918, 1080}, {1280, 720}, false, {1278, 720}},
+        {{1918, 1080}, {1280, 720}, true, {1280, 720}},
+        {{1918, 1080}, {1281, 720}, true, {1278, 720}},
+        {{1278, 720}, {1280, 720}, true, {1278, 720}},
+        {{1920, 2}, {640, 360}, false, {640, 2}}}) {
+    EXPECT_EQ(previewEncodeSize(camera, preview, exact), expected) << camera.width;
   }
 }
 

@@ -1,11 +1,5 @@
 // The choice of encoders and how they are opened, with drivers that refuse and that hang.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <future>
-
 #include "codec/libav_encoders.h"
 #include "encode/session_settings.h"
 #include "system/asio_dispatch.h"
@@ -30,12 +24,10 @@ struct Driver {
               std::unique_ptr<LibavEncoder>& encoder) {
     if (isHardware(*spec.codec)) {
       if (std::string_view(spec.codec->name) != "h264_nvenc") return AVERROR(ENODEV);
-      if (behaviour == hangs) released.wait();
-      if (behaviour == refusesOnce) {
-        behaviour = works;
-        return AVERROR(EBUSY);
-      }
-      if (behaviour != works) return AVERROR(EBUSY);
+      const Behaviour now = behaviour;
+      if (now == hangs) released.wait();
+      if (now == refusesOnce) behaviour = works;
+      if (now != works) return AVERROR(EBUSY);
       ++opened;
       spec.codec = avcodec_find_encoder_by_name(softwareEncoder);
     }
@@ -43,11 +35,7 @@ struct Driver {
   }
 };
 
-struct Answer {
-  Status status;
-  std::uint32_t flags;
-  bool operator==(const Answer&) const = default;
-};
+using Answer = std::pair<Status, std::uint32_t>;  // and its info flags
 
 Answer encodeOne(CompressionSession& session) {
   session.setProperty(SessionProperty::expectedFrameRate, preview.frameRate);

@@ -9,17 +9,58 @@
 #include <cerrno>
 #include <deque>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "base/json.h"
 #include "base/reason.h"
 #include "codec/memory_pixel_buffers.h"
 #include "encode/picture_size.h"
 #include "platform/platform.h"
-#include "tests/unit/failures.h"
 
 namespace lumora {
+
+// The calls of the fake machine that can be made to fail.
+enum class Call {
+  createSession,
+  setProperty,
+  prepare,
+  getPool,
+  createBuffer,
+  convert,
+  submit,
+  exists,
+  createWriter,
+  canAdd,
+  startWriting,
+  isReady,
+  append,
+  move,
+  writeOutput,
+  count
+};
+
+// Makes the n-th call of one kind fail. One for the whole machine, so that every call can fail in
+// its turn.
+class Failures {
+ public:
+  // The `nth` call from now on, counted from 1, answers `status`; so do `more` calls after it.
+  void fail(Call call, int nth = 1, int status = -1, int more = 0) {
+    auto& answers = answers_[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
+    answers.insert(answers.end(), static_cast<std::size_t>(more + 1), status);
+  }
+  // Made by the fakes at every call: what it answers instead of doing its work, or 0.
+  int next(Call call) {
+    auto& answers = answers_[call];
+    if (answers.empty()) return 0;
+    const int answer = answers.front();
+    answers.pop_front();
+    return answer;
+  }
+  // Whether it has come to that.
+  bool hasHit(Call call) { return answers_[call].empty(); }
+
+ private:
+  std::map<Call, std::deque<int>> answers_;  // of the next calls; those behind succeed
+};
 
 // A fake whose calls fail as the machine's one `Failures` says.
 struct CanFail {
@@ -31,50 +72,34 @@ struct CanFail {
 class ManualQueue final : public SerialQueue {
  public:
   explicit ManualQueue(const double& now) : now_(now) {}
-  void async(Work work) override { work_.push_back(std::move(work)); }
+  void async(Work work) override { work_.emplace(0, std::move(work)); }
   void asyncAfter(double seconds, Work work) override {
-    later_.emplace(now_ + seconds, std::move(work));
+    work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
   // Runs everything that is due, including what that enqueues; whether there was anything.
   bool run() {
-    bool any = false;
-    while (runNext()) any = true;
+    const bool any = runNext();
+    while (runNext()) continue;
     return any;
   }
   // Runs the next that is due; whether there was one.
   bool runNext() {
-    Work work;
-    if (!work_.empty()) {
-      work = std::move(work_.front());
-      work_.pop_front();
-    } else if (!later_.empty() && later_.begin()->first <= now_) {
-      work = std::move(later_.begin()->second);
-      later_.erase(later_.begin());
-    } else {
-      return false;
-    }
-    carryOut(work);
-    return true;
-  }
-  void clear() {
-    work_.clear();
-    later_.clear();
-  }
-
- private:
-  void carryOut(const Work& work) {
+    if (work_.empty() || work_.begin()->first > now_) return false;
+    const Work work = std::move(work_.extract(work_.begin()).mapped());
     try {
       work();
     } catch (const std::exception& error) {
       if (failed_) failed_(reasonOf(error));
     }
+    return true;
   }
+  void clear() { work_.clear(); }
 
+ private:
   const double& now_;
   FailureHandler failed_;
-  std::deque<Work> work_;
-  std::multimap<double, Work> later_;
+  std::multimap<double, Work> work_;  // by the uptime when it is due; 0: at once
 };
 
 struct FakeClock final : Clock {
@@ -116,10 +141,7 @@ struct FakeProcess final : Process, CanFail {
   using CanFail::CanFail;
   ssize_t readInput(MutableByteView space) override {
     if (beforeRead) beforeRead();
-    if (interruptions > 0) {
-      --interruptions;
-      return -EINTR;
-    }
+    if (interruptions-- > 0) return -EINTR;
     const std::size_t count = std::min({space.size(), chunk, input.size()});
     std::copy_n(input.begin(), count, space.begin());
     input.erase(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(count));
@@ -148,6 +170,12 @@ struct FakeProcess final : Process, CanFail {
       if (type.empty() || event["type"] == type) events.push_back(std::move(event));
     }
     return events;
+  }
+  // The same where there is no more than one; an empty object where there is none.
+  Json takeEvent(const std::string& type) {
+    const auto events = takeEvents(type);
+    EXPECT_LE(events.size(), 1u) << type;
+    return events.empty() ? Json::object() : events[0];
   }
 
   std::function<void()> beforeRead;
@@ -241,20 +269,20 @@ struct FakePool final : PixelBufferPool, CanFail {
 
 // A session whose frames the test answers.
 struct FakeSession : CompressionSession, CanFail {
-  FakeSession(int width, int height, Failures& all)
-      : CanFail(all), pool(width, height, all), size{width, height} {}
+  FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
+      : CanFail(all), pool(width, height, all), size{width, height}, kind(use) {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
     return next(Call::setProperty);
   }
   Status prepareToEncodeFrames() override { return next(Call::prepare); }
-  PixelBufferPool* pixelBufferPool() override { return hasPool ? &pool : nullptr; }
+  PixelBufferPool* pixelBufferPool() override { return next(Call::getPool) == 0 ? &pool : nullptr; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time, FrameProperties frame,
                      OutputHandler handler) override {
     submitted.emplace_back(time.value, frame.forceKeyFrame);
-    if (const Status status = next(Call::submit); status != 0) return status;
-    pending.push_back({std::move(buffer), std::move(handler)});
-    return 0;
+    const Status status = next(Call::submit);
+    if (status == 0) pending.emplace_back(std::move(buffer), std::move(handler));
+    return status;
   }
   void completeFrames() override { ++flushes; }
   void invalidate() override { invalidated = true; }
@@ -262,21 +290,16 @@ struct FakeSession : CompressionSession, CanFail {
   // Answers the oldest frame.
   void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0) {
     ASSERT_FALSE(pending.empty());
-    const OutputHandler handler = std::move(pending.front().handler);
+    const OutputHandler handler = std::move(pending.front().second);
     pending.pop_front();
     handler(status, flags, std::move(sample));
   }
 
-  struct Submission {
-    std::shared_ptr<PixelBuffer> buffer;
-    OutputHandler handler;
-  };
   FakePool pool;
   PictureSize size;
-  SessionKind kind = SessionKind::preview;
-  bool hasPool = true;
+  SessionKind kind;
   std::map<SessionProperty, PropertyValue> properties;
-  std::deque<Submission> pending;
+  std::deque<std::pair<std::shared_ptr<PixelBuffer>, OutputHandler>> pending;
   std::vector<std::pair<std::int64_t, bool>> submitted;  // time value, forced
   int flushes = 0;
   bool invalidated = false;
@@ -287,12 +310,11 @@ struct FakeEncoders final : Encoders, CanFail {
   Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                        const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
-    if (const Status status = next(Call::createSession); status != 0) return status;
-    sessions.push_back(std::make_shared<FakeSession>(width, height, failures));
-    sessions.back()->kind = kind;
-    if (adjust) adjust(*sessions.back());
-    session = sessions.back();
-    return 0;
+    const Status status = next(Call::createSession);
+    if (status == 0) {
+      session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures, kind));
+    }
+    return status;
   }
   void choose(const EncoderSettings& preview, const EncoderSettings& take) override {
     wanted = {preview, take};
@@ -306,7 +328,6 @@ struct FakeEncoders final : Encoders, CanFail {
   std::vector<EncoderSettings> warm;
   std::vector<EncoderSettings> ahead;
   Work chosen;
-  std::function<void(FakeSession&)> adjust;
   std::vector<std::shared_ptr<FakeSession>> sessions;
 };
 
@@ -322,9 +343,8 @@ struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
   bool canAdd(const FormatDescription&) const override { return next(Call::canAdd) == 0; }
   bool startWriting(std::shared_ptr<const FormatDescription>) override {
-    if (next(Call::startWriting) != 0) return false;
-    state = WriterStatus::writing;
-    return true;
+    if (next(Call::startWriting) == 0) state = WriterStatus::writing;
+    return state == WriterStatus::writing;
   }
   WriterStatus status() const override { return state; }
   std::optional<std::string> error() const override { return problem; }

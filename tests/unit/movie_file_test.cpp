@@ -7,12 +7,10 @@ extern "C" {
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <future>
-#include <mutex>
 #include <numeric>
 #include <thread>
 
@@ -54,24 +52,22 @@ struct Disk {
     changed.notify_all();
     return 0;
   }
-  bool waitFor(const std::function<bool()>& reached) {
-    std::unique_lock hold(mutex);
-    return changed.wait_for(hold, std::chrono::seconds(20), reached);
-  }
-  void setHanging(bool value) {
+  template <typename Field>
+  void set(Field& field, std::type_identity_t<Field> value) {
     const std::lock_guard hold(mutex);
-    hangs = value;
+    field = value;
     changed.notify_all();
+  }
+  template <typename Field>
+  bool waitFor(const Field& field, std::type_identity_t<Field> value) {
+    std::unique_lock hold(mutex);
+    return changed.wait_for(hold, std::chrono::seconds(20), [&] { return field == value; });
   }
 };
 
 struct DiskSink final : ByteSink {
   explicit DiskSink(std::shared_ptr<Disk> on) : disk(std::move(on)) {}
-  ~DiskSink() override {
-    const std::lock_guard hold(disk->mutex);
-    disk->closed = true;
-    disk->changed.notify_all();
-  }
+  ~DiskSink() override { disk->set(disk->closed, true); }
   int reserve(std::uint64_t bytes) override { return disk->reserve(bytes); }
   void releaseRoom() override { disk->reserved = 0; }
   int write(ByteView bytes) override {
@@ -91,8 +87,14 @@ struct DiskSink final : ByteSink {
   std::shared_ptr<Disk> disk;
 };
 
-std::shared_ptr<const EncodedSample> movieSample(std::size_t size, bool keyframe) {
+auto movieSample(std::size_t size, bool keyframe) {
   return keyframe ? keySample(size - 4) : deltaSample(size - 4);
+}
+
+void finishMovie(HybridMovieWriter& writer, std::int64_t end) {
+  std::promise<void> done;
+  writer.finishWriting(end, [&] { done.set_value(); });
+  done.get_future().wait();
 }
 
 struct Written {
@@ -100,17 +102,16 @@ struct Written {
       : disk(std::move(on)), writer(std::make_unique<DiskSink>(disk), 3'800'000'000) {
     EXPECT_TRUE(writer.startWriting(movieSample(8, true)->format()));
   }
+  bool append(std::size_t size, bool keyframe, MovieTiming timing) {
+    return writer.append(*movieSample(size, keyframe), keyframe, timing);
+  }
   // `count` samples of 1000 units each, a key frame every 30.
   void fill(int count, std::size_t size = 20) {
-    for (int i = 0; i < count; ++i) {
-      const bool key = i % 30 == 0;
-      ASSERT_TRUE(writer.append(*movieSample(size, key), key, {i * 1000, 1000}));
-    }
+    for (int i = 0; i < count; ++i) ASSERT_TRUE(append(size, i % 30 == 0, {i * 1000, 1000}));
   }
-  void finish(std::int64_t end) {
-    std::promise<void> done;
-    writer.finishWriting(end, [&] { done.set_value(); });
-    done.get_future().wait();
+  WriterStatus finish(std::int64_t end) {
+    finishMovie(writer, end);
+    return writer.status();
   }
   std::shared_ptr<Disk> disk;
   HybridMovieWriter writer;
@@ -147,8 +148,7 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
                                            {1, 1, 1}}) {
     Written movie;
     movie.fill(100);
-    movie.finish(end);
-    EXPECT_EQ(movie.writer.status(), WriterStatus::completed);
+    EXPECT_EQ(movie.finish(end), WriterStatus::completed);
     const MovieContents read = readMovie(movie.disk->bytes);
     EXPECT_EQ(read.duration, end);
     EXPECT_EQ(read.times.size(), samples);
@@ -160,14 +160,6 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
   }
 }
 
-TEST(MovieFile, AFullFragmentDoesNotWaitForTheNextSample) {
-  Written movie;
-  movie.fill(30);  // half a second
-  // The start of the file and the fragment, 3 calls each.
-  ASSERT_TRUE(movie.disk->waitFor([&] { return movie.disk->calls == 6; }));
-  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 30u);
-}
-
 TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
   Written movie;
   movie.fill(91);
@@ -175,8 +167,7 @@ TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
   // The staging file as it was: the finished one without its end, with its placeholder.
   Bytes bytes = movie.disk->bytes;
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
-  std::copy(free.begin(), free.end(),
-            bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
+  std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
   const auto fragments = findFragments(bytes);
   ASSERT_EQ(fragments.size(), 4u);
   const Fragment last = fragments[2];
@@ -230,10 +221,8 @@ TEST(MovieFile, EveryFailingCallIsReportedInWords) {
     const auto disk = std::make_shared<Disk>();
     disk->failAfter = failAfter;
     Written movie(disk);
-    for (int i = 0; i < 61; ++i)
-      movie.writer.append(*movieSample(20, i == 0), i == 0, {i * 1000, 1000});
-    movie.finish(61000);
-    completed = movie.writer.status() == WriterStatus::completed;
+    for (int i = 0; i < 61; ++i) movie.append(20, i == 0, {i * 1000, 1000});
+    completed = movie.finish(61000) == WriterStatus::completed;
     if (!completed) {
       EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
       EXPECT_EQ(movie.writer.error(), "No space left on device");
@@ -250,7 +239,7 @@ TEST(MovieFile, AFailedMovieLetsGoOfItsFile) {
     Written movie(disk);
     while (movie.writer.error() == std::nullopt) std::this_thread::yield();
   }
-  EXPECT_TRUE(disk->waitFor([&] { return disk->closed; }));
+  EXPECT_TRUE(disk->waitFor(disk->closed, true));
 }
 
 TEST(MovieFile, ADiskThatIsFullAtTheEndStillTakesTheTables) {
@@ -258,15 +247,12 @@ TEST(MovieFile, ADiskThatIsFullAtTheEndStillTakesTheTables) {
     Written movie;
     for (int i = 0; i < samples; ++i) {
       const std::int64_t at = i * 1000 + i % 2;  // as many runs as there are samples
-      movie.writer.append(*movieSample(20, true), true, {at, 1000 + (i % 2 == 0 ? 1 : -1)});
+      movie.append(20, true, {at, 1000 + (i % 2 == 0 ? 1 : -1)});
     }
-    ASSERT_TRUE(movie.disk->waitFor([&] { return movie.disk->calls == 3 + samples / 10; }));
-    {
-      const std::lock_guard hold(movie.disk->mutex);
-      movie.disk->free = 0;
-    }
-    movie.finish(samples * 1000);
-    EXPECT_EQ(movie.writer.status(), WriterStatus::completed) << samples;
+    // The start of the file and every full fragment, 3 calls each, wait for nothing else.
+    ASSERT_TRUE(movie.disk->waitFor(movie.disk->calls, 3 + samples / 10));
+    movie.disk->set(movie.disk->free, 0);
+    EXPECT_EQ(movie.finish(samples * 1000), WriterStatus::completed) << samples;
     EXPECT_EQ(movie.disk->reserved, 0u);
   }
 }
@@ -279,13 +265,13 @@ TEST(MovieFile, ItsOwnThreadMayBeTheLastToHoldIt) {
   std::promise<void> gone;
   std::shared_ptr<void> guard(nullptr, [&](void*) { gone.set_value(); });
   HybridMovieWriter& writer = movie->writer;
-  disk->setHanging(true);
+  disk->set(disk->hangs, true);
   writer.finishWriting(1000, [movie, guard] {});
   movie.reset();
   guard.reset();
-  disk->setHanging(false);
+  disk->set(disk->hangs, false);
   EXPECT_EQ(gone.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  EXPECT_TRUE(disk->waitFor([&] { return disk->closed; }));
+  EXPECT_TRUE(disk->waitFor(disk->closed, true));
 }
 
 // Counts what it is given and keeps only what is small: heads and tables, on a sparse file.
@@ -294,11 +280,8 @@ struct SparseSink final : ByteSink {
   int reserve(std::uint64_t) override { return 0; }
   void releaseRoom() override {}
   int write(ByteView bytes) override {
-    file.seekp(static_cast<std::streamoff>(size));
-    if (bytes.size() < 1 << 22)
-      file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
-    size += bytes.size();
-    return 0;
+    const std::uint64_t offset = std::exchange(size, size + bytes.size());
+    return bytes.size() < 1 << 22 ? overwrite(offset, bytes) : 0;
   }
   int overwrite(std::uint64_t offset, ByteView bytes) override {
     file.seekp(static_cast<std::streamoff>(offset));
@@ -332,9 +315,7 @@ TEST(MovieFile, TakesOfDaysAndGigabytesKeepTheirTimesAndPlaces) {
       ASSERT_TRUE(writer.append(sample, true, {time, duration}));
       time += duration;
     }
-    std::promise<void> done;
-    writer.finishWriting(time, [&] { done.set_value(); });
-    done.get_future().wait();
+    finishMovie(writer, time);
     EXPECT_EQ(writer.status(), WriterStatus::completed);
   }
   AVFormatContext* format = nullptr;
@@ -358,22 +339,21 @@ TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {
   Written movie(disk);
   std::int64_t count = 0;
   while (movie.writer.isReadyForMoreMediaData()) {
-    ASSERT_TRUE(movie.writer.append(*movieSample(1 << 20, true), true, {count * 30000, 30000}));
+    ASSERT_TRUE(movie.append(1 << 20, true, {count * 30000, 30000}));
     ASSERT_LT(++count, 64);
   }
   EXPECT_GE(count, 31);
-  disk->setHanging(false);
+  disk->set(disk->hangs, false);
   while (!movie.writer.isReadyForMoreMediaData()) std::this_thread::yield();
-  disk->setHanging(true);
+  disk->set(disk->hangs, true);
   movie.writer.cancelWriting();  // does not wait either
-  disk->setHanging(false);
+  disk->set(disk->hangs, false);
 }
 
 TEST(MovieFile, AMovieWithoutASampleFails) {
   Written movie;
   movie.fill(3);
-  movie.finish(0);
-  EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
+  EXPECT_EQ(movie.finish(0), WriterStatus::failed);
   EXPECT_NE(movie.writer.error(), std::nullopt);
 }
 

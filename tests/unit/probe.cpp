@@ -27,17 +27,6 @@ void VideoEncoderProbe::run() {
   }
 }
 
-void VideoEncoderProbe::command(const Json& command) {
-  const std::string text = command.dump();
-  service->recordingCommand(Bytes(text.begin(), text.end()));
-}
-
-std::shared_ptr<FakeConnection> VideoEncoderProbe::connect() {
-  const auto connection = std::make_shared<FakeConnection>();
-  network->listener->arrived(connection);
-  return connection;
-}
-
 std::shared_ptr<FakeConnection> VideoEncoderProbe::connectClient() {
   const auto connection = connect();
   connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
@@ -50,22 +39,11 @@ void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
   service->encode({width, height, id, pictures->allocate(size), clock->now});
 }
 
-void VideoEncoderProbe::answerPreview(std::shared_ptr<const EncodedSample> sample) {
-  lastSession().answer(0, std::move(sample));
-  run();
-}
-
 Json VideoEncoderProbe::statistics() {
   clock->now += 1.0;
   process->takeEvents();
   service->emitStats(false);
-  const auto events = process->takeEvents("stats");
-  return events.empty() ? Json() : events.front();
-}
-
-void VideoEncoderProbe::expectStatistics(const Json& wanted) {
-  const Json all = statistics();
-  for (const auto& [key, value] : wanted.items()) EXPECT_EQ(all[key], value) << key;
+  return process->takeEvent("stats");
 }
 
 }  // namespace lumora

@@ -9,6 +9,11 @@
 
 namespace lumora {
 
+// That `event` has these keys and values, whatever else it has.
+inline void expectKeys(Json event, const Json& wanted) {
+  for (const auto& [key, value] : wanted.items()) EXPECT_EQ(event[key], value) << key;
+}
+
 // One VideoEncoder on fakes.
 struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"});
@@ -29,20 +34,31 @@ struct VideoEncoderProbe {
     process->signals.at(number)();
     run();
   }
-  std::shared_ptr<FakeConnection> connect();
+  std::shared_ptr<FakeConnection> connect() {
+    const auto connection = std::make_shared<FakeConnection>();
+    network->listener->arrived(connection);
+    return connection;
+  }
   // Connects and authenticates a client.
   std::shared_ptr<FakeConnection> connectClient();
   // Admits and encodes one frame as the reader would.
   void feed(std::uint64_t id, int width = 640, int height = 360);
   FakeSession& lastSession() { return *encoders->sessions.back(); }
-  // Answers the preview frame in flight and runs the queue.
-  void answerPreview(std::shared_ptr<const EncodedSample> sample);
+  // The last session answers its oldest frame, then the queues run.
+  void answer(std::shared_ptr<const EncodedSample> sample, Status status = 0,
+              std::uint32_t flags = 0) {
+    lastSession().answer(status, std::move(sample), flags);
+    run();
+  }
+  // What the "error" event says that came since the last look.
+  std::string error() { return process->takeEvent("error").value("message", ""); }
   // Runs the state queue and the takes' queues until all are empty.
   void run();
-  void command(const Json& command);
-  // The keys of a fresh "stats" event; those of `wanted` as it has them.
-  Json statistics();
-  void expectStatistics(const Json& wanted);
+  void command(const Json& command) { commandText(command.dump()); }
+  void commandText(const std::string& text) {
+    service->recordingCommand(Bytes(text.begin(), text.end()));
+  }
+  Json statistics();  // a fresh "stats" event
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
   std::size_t peerCount() const { return service->peers.size(); }
@@ -68,6 +84,12 @@ struct VideoEncoderProbe {
  private:
   // What never came to run still owns takes and the service.
   std::shared_ptr<void> forgetWork;
+};
+
+// Tests of a service that is ready.
+struct ServiceTest : testing::Test {
+  void SetUp() override { probe.becomeReady(); }
+  VideoEncoderProbe probe;
 };
 
 }  // namespace lumora

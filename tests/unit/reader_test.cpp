@@ -1,11 +1,9 @@
 // The record stream on standard input: framing, limits, admission.
 
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 
 #include "client/records.h"
@@ -15,29 +13,23 @@
 namespace lumora {
 namespace {
 
-struct Reader : testing::Test {
-  void SetUp() override { probe.becomeReady(); }
-
-  void put(std::uint32_t length, std::uint16_t width, std::uint16_t height, std::uint64_t id,
-           std::size_t payload) {
-    const auto header = client::recordHeader(length, width, height, id);
+struct Reader : ServiceTest {
+  void put(const RecordHeader& header, std::size_t payload) {
+    const auto bytes = client::recordHeader(header.length, header.width, header.height, header.id);
     Bytes& input = probe.process->input;
-    input.insert(input.end(), header.begin(), header.end());
+    input.insert(input.end(), bytes.begin(), bytes.end());
     input.resize(input.size() + payload, ' ');
   }
-  void putFrame(std::uint64_t id) { put(16, 2, 2, id, 16); }
+  void putFrame(std::uint64_t id) { put({16, 2, 2, id}, 16); }
 
   // Reads everything, then runs the queue; the message of the error event, if any.
   std::string readAll() {
     probe.dispatch->detached.at(0)();
     EXPECT_EQ(probe.process->watchdog.first, 2.0);  // even if the queue stands
     probe.run();
-    const auto errors = probe.process->takeEvents("error");
-    return errors.empty() ? "" : errors.at(0)["message"].get<std::string>();
+    return probe.error();
   }
   std::vector<int> exits() { return probe.process->exitCodes; }
-
-  VideoEncoderProbe probe;
 };
 
 TEST_F(Reader, EndsQuietlyInsideAHeader) {
@@ -49,27 +41,21 @@ TEST_F(Reader, EndsQuietlyInsideAHeader) {
 }
 
 TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
-  struct Case {
-    std::uint32_t length;
-    std::uint16_t width, height;
-    std::uint64_t id;
-    std::size_t payload;
-    const char* message;
-  };
-  const Case cases[] = {{0, 0, 0, 0, 0, "invalid recording command framing"},
-                        {4097, 0, 0, 0, 4097, "invalid recording command framing"},
-                        {0xFFFFFFFF, 0, 0, 0, 0, "invalid recording command framing"},
-                        {9, 0, 0, 0, 8, "invalid recording command framing"},
-                        {16, 0, 0, 5, 16, "invalid raw frame header"},
-                        {16, 2, 2, 0, 16, "invalid raw frame header"},
-                        {16, 2, 2, 1, 15, "truncated raw frame"}};
-  for (const Case& broken : cases) {
+  const char* framing = "invalid recording command framing";
+  const std::tuple<RecordHeader, std::size_t, const char*> cases[] = {
+      {{0, 0, 0, 0}, 0, framing},
+      {{4097, 0, 0, 0}, 4097, framing},
+      {{0xFFFFFFFF, 0, 0, 0}, 0, framing},
+      {{9, 0, 0, 0}, 8, framing},
+      {{16, 0, 0, 5}, 16, "invalid raw frame header"},
+      {{16, 2, 2, 0}, 16, "invalid raw frame header"},
+      {{16, 2, 2, 1}, 15, "truncated raw frame"}};
+  for (const auto& [header, payload, message] : cases) {
     probe.restart();
-    put(broken.length, broken.width, broken.height, broken.id, broken.payload);
+    put(header, payload);
     putFrame(9);
-    if (broken.payload == 15 || broken.payload == 8)
-      probe.process->input.resize(16 + broken.payload);
-    EXPECT_EQ(readAll(), broken.message);
+    if (payload == 15 || payload == 8) probe.process->input.resize(16 + payload);
+    EXPECT_EQ(readAll(), message);
     EXPECT_EQ(exits(), std::vector<int>{1});
     probe.signal(15);  // too late to change the code
     EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 1}));
@@ -102,7 +88,7 @@ TEST_F(Reader, DropsFramesWhileOneIsInFlightButRemembersTheirIds) {
   putFrame(7);
   putFrame(7);  // repeated: the dropped 7 counts
   EXPECT_EQ(readAll(), "invalid raw frame header");
-  probe.expectStatistics({{"dropped_raw", 1}, {"encode_inflight", 1}});
+  expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
   EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
 }
 
@@ -111,8 +97,7 @@ struct SteppedQueue final : SerialQueue {
   void async(Work item) override {
     const std::lock_guard hold(mutex);
     work.push_back(std::move(item));
-    ++taken;
-    changed.notify_all();
+    arrivals.release();
   }
   void asyncAfter(double, Work) override {}
   void setFailureHandler(FailureHandler) override {}
@@ -124,14 +109,13 @@ struct SteppedQueue final : SerialQueue {
     hold.unlock();
     next();
   }
-  bool reaches(int count, std::chrono::milliseconds within) {
-    std::unique_lock hold(mutex);
-    return changed.wait_for(hold, within, [&] { return taken >= count; });
+  // Whether another item comes.
+  bool grows(std::chrono::milliseconds within = std::chrono::seconds(20)) {
+    return arrivals.try_acquire_for(within);
   }
   std::mutex mutex;
-  std::condition_variable changed;
   std::deque<Work> work;
-  int taken = 0;
+  std::counting_semaphore<> arrivals{0};
 };
 
 TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWait) {
@@ -140,46 +124,40 @@ TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWait) {
   Platform platform{probe.pictures, queue,          probe.clock,  probe.dispatch, probe.process,
                     probe.network,  probe.encoders, probe.images, probe.movies,   probe.files};
   const auto service = std::make_shared<VideoEncoder>(Configuration{}, platform);
-  const std::string stop = R"({"type":"record_stop","id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})";
-  const auto length = static_cast<std::uint32_t>(stop.size());
-  for (int i = 0; i < 70; ++i) {
-    const auto header = client::recordHeader(length, 0, 0, 0);
-    probe.process->input.insert(probe.process->input.end(), header.begin(), header.end());
-    probe.process->input.insert(probe.process->input.end(), stop.begin(), stop.end());
-  }
+  const std::string stop = client::commandRecord(
+      R"({"type":"record_stop","id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})");
+  Bytes& input = probe.process->input;
+  for (int i = 0; i < 70; ++i) input.insert(input.end(), stop.begin(), stop.end());
   std::jthread reader([&] { service->readFrames(); });
-  EXPECT_TRUE(queue->reaches(64, std::chrono::seconds(20)));
-  EXPECT_FALSE(queue->reaches(65, std::chrono::milliseconds(50)));
-  for (int handled = 1; handled <= 6; ++handled) {
+  for (int i = 0; i < 64; ++i) EXPECT_TRUE(queue->grows());
+  EXPECT_FALSE(queue->grows(std::chrono::milliseconds(50)));
+  for (int i = 64; i < 70; ++i) {
     queue->handleOne();
-    EXPECT_TRUE(queue->reaches(64 + handled, std::chrono::seconds(20)));
+    EXPECT_TRUE(queue->grows());
   }
-  EXPECT_TRUE(queue->reaches(71, std::chrono::seconds(20)));  // and the end
+  EXPECT_TRUE(queue->grows());  // the end
 }
 
 TEST(RecordHeader, FrameLimits) {
-  const auto valid = [](std::uint16_t width, std::uint16_t height, std::uint32_t length) {
-    return isValidFrame({length, width, height, 8}, 7);
+  using client::FrameSize;
+  const auto valid = [](FrameSize size) {
+    return isValidFrame(decodeRecordHeader(client::frameHeader(size, 8)), 7);
   };
-  EXPECT_TRUE(valid(2, 2, 16));
-  EXPECT_TRUE(valid(1920, 1080, 8294400));
-  EXPECT_TRUE(valid(1080, 1920, 8294400));
-  EXPECT_FALSE(valid(1440, 1440, 8294400));  // shorter side above 1080
-  EXPECT_TRUE(valid(1080, 1080, 1080 * 1080 * 4));
-  EXPECT_FALSE(valid(1082, 1082, 1082 * 1082 * 4));
-  EXPECT_FALSE(valid(1922, 2, 1922 * 2 * 4));
-  EXPECT_FALSE(valid(3, 2, 24));
-  EXPECT_FALSE(valid(2, 0, 0));
-  EXPECT_FALSE(valid(2, 2, 12));
+  for (const FrameSize size : {FrameSize{2, 2}, {1920, 1080}, {1080, 1920}, {1080, 1080}}) {
+    EXPECT_TRUE(valid(size)) << size.width;
+  }
+  // The shorter side above 1080, the longer one above 1920, odd, empty.
+  for (const FrameSize size : {FrameSize{1440, 1440}, {1082, 1082}, {1922, 2}, {3, 2}, {2, 0}}) {
+    EXPECT_FALSE(valid(size)) << size.width;
+  }
+  EXPECT_FALSE(isValidFrame({12, 2, 2, 8}, 7));
   EXPECT_TRUE(isValidFrame({16, 2, 2, 0xFFFFFFFFFFFFFFFF}, 0xFFFFFFFFFFFFFFFE));
   EXPECT_FALSE(isValidFrame({16, 2, 2, 7}, 7));
 }
 
 TEST(PicturePool, RecyclesPicturesOfTheSameSizeOnly) {
   const auto pool = PicturePool::make();
-  PictureMemory picture = pool->allocate(4000);
-  const std::uint8_t* memory = picture.get();
-  picture.reset();
+  const std::uint8_t* memory = pool->allocate(4000).get();
   const PictureMemory larger = pool->allocate(5000);
   EXPECT_NE(larger.get(), memory);
   EXPECT_EQ(pool->allocate(4000).get(), memory);

@@ -1,7 +1,5 @@
 // Takes on fakes: commands, the recorder's timeline and losses, endings, the relay, shutdown.
 
-#include <gtest/gtest.h>
-
 #include "encode/session_settings.h"
 #include "record/recording_command.h"
 #include "tests/unit/takes.h"
@@ -12,36 +10,24 @@ namespace {
 using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
 TEST_F(Takes, RefusedStartsChangeNothing) {
-  const char* profile = "recording resolution or target frame rate is invalid";
-  const char* time = "recording start time is invalid";
-  const char* state = "recording destination or state is invalid";
-  const std::pair<Json, const char*> cases[] = {
-      {{{"resolution", "640x360"}}, profile},
-      {{{"target_fps", 30}}, profile},
-      {{{"resolution", "640x360"}, {"target_fps", true}}, profile},
-      {{{"resolution", "640x360"}, {"target_fps", 24}}, profile},
-      {{{"resolution", "640x360"}, {"target_fps", 30.5}}, profile},
-      {{{"resolution", "1280x720"}, {"target_fps", 30}}, profile},
-      {{{"started_at", 1000 - 30.1}}, time},
-      {{{"started_at", 1000.06}}, time},
-      {{{"started_at", true}}, time},
-      {{{"started_at", std::numeric_limits<double>::max()}}, time},
-      {{{"resolution", "640x360"}, {"target_fps", 1e308}}, profile},
-      {{{"path", "a.mp4"}}, state},
-      {{{"path", "/a.MP4"}}, state},
-      {{{"path", std::string("/a\0.mp4", 7)}}, state},
-      {{{"path", 7}}, state},
-      {{{"path", "/" + std::string(2996, 'a') + ".mp4"}}, state}};
-  for (const auto& [extra, message] : cases) {
-    Json command = {{"type", "record_start"}, {"path", takePath}};
-    command.update(extra);
-    const auto events = send(command);
+  const auto expectRefused = [this](const char* what, const Json& extra) {
+    const auto events = sendStart(extra);
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0]["error"], message) << extra;
+    EXPECT_EQ(events[0]["error"], std::string("recording ") + what + " is invalid") << extra;
     EXPECT_EQ(events[0].size(), 10u);
-  }
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-  EXPECT_TRUE(probe.encoders->ahead.empty());
+  };
+  const char* profile = "resolution or target frame rate";
+  expectRefused(profile, {{"resolution", "640x360"}});
+  expectRefused(profile, {{"target_fps", 30}});
+  expectRefused(profile, {{"resolution", "1280x720"}, {"target_fps", 30}});
+  for (const Json& rate : Json{true, 24, 30.5, 1e308})
+    expectRefused(profile, {{"resolution", "640x360"}, {"target_fps", rate}});
+  for (const Json& at : Json{1000 - 30.1, 1000.06, true, std::numeric_limits<double>::max()})
+    expectRefused("start time", {{"started_at", at}});
+  const auto pathOf = [](std::size_t bytes) { return "/" + std::string(bytes - 5, 'a') + ".mp4"; };
+  const char* state = "destination or state";
+  for (const Json& path : Json{"a.mp4", "/a.MP4", std::string("/a\0.mp4", 7), 7, pathOf(3001)})
+    expectRefused(state, {{"path", path}});
   start({{"resolution", "640x360"},
          {"target_fps", 30.0},
          {"started_at", 1000.04},
@@ -49,10 +35,9 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
   EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::steady);
   const auto settings = sessionSettings(SessionKind::recording, {640, 360}, 30);
   EXPECT_EQ(probe.encoders->ahead, std::vector{settings});
-  const auto second = send({{"type", "record_start"}, {"path", "/b.mp4"}});
-  EXPECT_EQ(second.at(0)["error"], state);
-  EXPECT_EQ(second.at(0)["path"], "/b.mp4");
-  EXPECT_TRUE(isRecordingDestination("/" + std::string(2995, 'a') + ".mp4"));
+  expectRefused(state, {{"path", "/b.mp4"}});
+  EXPECT_EQ(sendStart({{"path", "/b.mp4"}}).at(0)["path"], "/b.mp4");
+  EXPECT_TRUE(isRecordingDestination(pathOf(3000)));
   for (const Json& other : {Json::object(), Json{{"cadence", "grid"}}, Json{{"cadence", 1}}})
     EXPECT_EQ(requestedCadence(other), CadenceRule::grid);
 }
@@ -65,16 +50,11 @@ TEST_F(Takes, TheFirstSampleStandsAtZeroAndEachLastsUntilTheNext) {
   frame(1000.251);  // throttled
   frame(1000.3);
   const Json saved = finish({{"stopped_at", 1000.3}});
-  EXPECT_EQ(writer().timings,
-            (Timings{{0, 15000}, {15000, 3000}}));  // the frame at the stop is left out
+  // The frame at the stop is left out.
+  EXPECT_EQ(writer().timings, (Timings{{0, 15000}, {15000, 3000}}));
   EXPECT_EQ(writer().end, 18000);
   EXPECT_NEAR(saved["duration"].get<double>(), 0.3, 1e-9);
-  EXPECT_EQ(saved["frames"], 2);
-  EXPECT_EQ(saved["dropped"], 1);
-  EXPECT_EQ(saved["throttled"], 1);
-  EXPECT_EQ(saved["path"], takePath);
-  const std::pair<std::string, std::string> move{takePath + "." + takeID + ".partial", takePath};
-  EXPECT_EQ(probe.files->moves.at(0), move);
+  expectKeys(saved, {{"frames", 2}, {"dropped", 1}, {"throttled", 1}});
 }
 
 TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
@@ -82,18 +62,14 @@ TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
   frame(1001.0);  // no key frame yet
   EXPECT_TRUE(probe.movies->writers.empty());
   frame(1001.1, true);
-  probe.clock->now = 1001.2;
-  probe.feed(++lastID);
-  probe.lastSession().answer(0, nullptr, infoFrameDropped);  // the encoder drops one
-  probe.run();
+  feed(1001.2);
+  probe.answer(nullptr, 0, infoFrameDropped);  // the encoder drops one
   frame(1001.3);
   frame(1001.4, true);
   using Submitted = std::vector<std::pair<std::int64_t, bool>>;
   EXPECT_EQ(probe.lastSession().submitted,
             (Submitted{{1, true}, {2, true}, {3, false}, {4, true}, {5, true}}));
-  const Json saved = finish();
-  EXPECT_EQ(saved["dropped"], 3);
-  EXPECT_EQ(saved["frames"], 2);
+  expectKeys(finish(), {{"frames", 2}, {"dropped", 3}});
 }
 
 TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
@@ -128,21 +104,17 @@ TEST_F(Takes, BurstsAreToldApartAndThePauseBehindThemPutsThingsRight) {
 }
 
 TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
-  struct Case {
-    Call call;
-    std::optional<std::string> problem;
-    const char* message;
-  };
   const std::string full = "No space left on device";
+  using Case = std::tuple<Call, std::optional<std::string>, std::string>;
   for (const auto& [call, problem, message] :
        {Case{Call::exists, {}, "invalid or existing recording destination"},
         {Call::createWriter, {}, "Permission denied"},
         {Call::canAdd, {}, "recording format unavailable"},
         {Call::startWriting, {}, "recording writer failed"},
-        {Call::startWriting, full, "No space left on device"},
+        {Call::startWriting, full, full},
         {Call::isReady, {}, "recording disk cannot keep up"},
         {Call::append, {}, "recording sample append failed (0)"},
-        {Call::append, full, "No space left on device"}}) {
+        {Call::append, full, full}}) {
     probe.restart();
     probe.failures->fail(call);
     probe.movies->problem = problem;
@@ -153,8 +125,7 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
     for (const auto& made : probe.movies->writers) EXPECT_EQ(made->state, WriterStatus::cancelled);
     EXPECT_EQ(probe.files->removed.size(), probe.movies->writers.size());
     EXPECT_TRUE(probe.lastSession().invalidated);
-    EXPECT_TRUE(probe.process->exitCodes.empty());
-    start();  // the next take may begin
+    start();  // the next take may begin: nothing has ended
   }
 }
 
@@ -169,10 +140,9 @@ TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
       probe.restart();
       const auto client = probe.connectClient();
       probe.failures->fail(call, nth, call == Call::writeOutput ? -EAGAIN : -1);
-      probe.command({{"type", "record_start"}, {"id", takeID}, {"path", takePath}});
+      sendStart();
       for (int i = 0; i < 3; ++i) {
-        probe.clock->now += 0.5;
-        probe.feed(++lastID);
+        feed(probe.clock->now + 0.5);
         for (const auto& session : probe.encoders->sessions) {
           if (!session->pending.empty()) session->answer(0, keySample());
         }
@@ -181,7 +151,7 @@ TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
         if (client->onSent) client->finishSend();
         client->deliver("{\"type\":\"ack\",\"frame_id\":" + std::to_string(lastID) + "}\n");
       }
-      probe.command({{"type", "record_stop"}, {"id", takeID}});
+      stop();
       probe.run();
       for (const auto& made : probe.movies->writers) {
         if (made->finished) made->complete(WriterStatus::completed);
@@ -203,16 +173,15 @@ TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
 TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   const auto client = probe.connectClient();
   start();
-  probe.feed(++lastID, 640, 360);
+  feed(1000);
   ASSERT_EQ(probe.encoders->sessions.size(), 2u);
   FakeSession& recording = *probe.encoders->sessions[0];
   EXPECT_EQ(recording.kind, SessionKind::recording);
   EXPECT_EQ(probe.encoders->sessions[1]->kind, SessionKind::preview);
-  EXPECT_EQ(recording.properties.at(SessionProperty::profileLevel),
-            PropertyValue(ProfileLevel::highAuto));
   EXPECT_EQ(recording.size, (PictureSize{1080, 720}));
-  EXPECT_EQ(recording.properties.at(SessionProperty::averageBitRate),
-            PropertyValue(std::int64_t{12000000}));
+  const auto& properties = recording.properties;
+  EXPECT_EQ(properties.at(SessionProperty::profileLevel), PropertyValue(ProfileLevel::highAuto));
+  EXPECT_EQ(properties.at(SessionProperty::averageBitRate), PropertyValue(std::int64_t{12000000}));
   recording.answer(-22, nullptr);
   probe.run();
   EXPECT_TRUE(probe.isRawBusy());  // the preview still encodes
@@ -230,10 +199,10 @@ TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
 TEST_F(Takes, WhatAnAbandonedTakeStillDoesIsNotTheNextOnes) {
   const auto client = probe.connectClient();
   start();
-  probe.feed(++lastID);
+  feed(1000);
   probe.encoders->sessions[0]->answer(-22, nullptr);
   probe.queue->run();  // the take is abandoned, and has not said so
-  const auto said = send({{"type", "record_start"}, {"path", takePath}});
+  const auto said = sendStart();
   ASSERT_EQ(said.size(), 2u);
   EXPECT_EQ(said[0]["error"], "camera encoding failed (-22)");
   EXPECT_EQ(said[0].size(), 13u);
@@ -248,29 +217,23 @@ TEST_F(Takes, AnAbandonedTakeSaysSoBeforeTheProcessEnds) {
   for (const bool inTime : {true, false}) {
     probe.restart();
     start();
-    probe.feed(++lastID);
+    feed(1000);
     probe.lastSession().answer(-22, nullptr);
     probe.queue->run();
     (*probe).shutdown(0);
     EXPECT_TRUE(probe.process->exitCodes.empty());  // its file is still to be removed
     probe.process->takeEvents();
-    if (!inTime) (*probe).exitNow(0);
-    if (inTime) probe.run();
-    const auto said = probe.process->takeEvents("recording");
-    ASSERT_EQ(said.size(), 1u);
-    EXPECT_EQ(said[0]["error"], "camera encoding failed (-22)");
+    inTime ? probe.run() : (*probe).exitNow(0);
+    expectKeys(probe.process->takeEvent("recording"), {{"error", "camera encoding failed (-22)"}});
     EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   }
 }
 
 TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
   probe.dispatch->refusal = std::errc::too_many_files_open;
-  const auto events = send({{"type", "record_start"}, {"path", takePath}});
+  const auto events = sendStart();
   ASSERT_EQ(events.size(), 2u);
-  EXPECT_EQ(events[1]["state"], "failed");
-  EXPECT_EQ(events[1]["error"], "Too many open files");
-  EXPECT_EQ(events[1].size(), 13u);
-  EXPECT_TRUE(probe.process->exitCodes.empty());
+  expectKeys(events[1], {{"state", "failed"}, {"error", "Too many open files"}});
   probe.dispatch->refusal.reset();
   start();
 }
@@ -278,8 +241,7 @@ TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
 TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {
   start();
   frame(1002.0, true);
-  probe.clock->now = 1003;
-  probe.feed(++lastID, 320, 240);
+  feed(1003, 320, 240);
   EXPECT_EQ(failure(), "camera recording dimensions changed during this take");
   EXPECT_FALSE(probe.isRawBusy());
 }
@@ -292,10 +254,8 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   probe.dispatch->tick();
   EXPECT_TRUE(events("recording").empty());
   probe.tickAt(1002.6);
-  const auto progress = events("recording");
-  ASSERT_EQ(progress.size(), 1u);
-  EXPECT_EQ(progress[0]["frames"], 1);
-  EXPECT_EQ(progress[0]["duration"], 0.5);
+  probe.run();
+  expectKeys(probe.process->takeEvent("recording"), {{"frames", 1}, {"duration", 0.5}});
   // Progress is said once, an outcome again with every report.
   const Json saved = finish();
   for (int i = 0; i < 2; ++i) {

@@ -2,9 +2,6 @@
 
 // Encoded samples as tests need them: NAL units of a given type, with parameter sets.
 
-#include <memory>
-#include <vector>
-
 #include "h264/annex_b.h"
 #include "h264/memory_sample.h"
 

@@ -1,8 +1,6 @@
 // Packets and samples: limits, malformed encoder output, start codes; the client's parser reads
 // what the service writes.
 
-#include <gtest/gtest.h>
-
 #include <lumora/packets.h>
 #include "encode/encoder_failure.h"
 #include "h264/annex_b.h"
@@ -12,16 +10,14 @@
 namespace lumora {
 namespace {
 
-const Bytes smallestKeyFrame = {0, 0, 0, 1, 0x65};
-
 // A sample whose every part can be made to fail.
 struct BrokenSample final : EncodedSample, FormatDescription {
   bool dataIsReady() const override { return ready; }
-  std::optional<std::size_t> dataLength() const override { return length; }
+  std::optional<std::size_t> dataLength() const override {
+    return hasLength ? std::optional(data.size()) : std::nullopt;
+  }
   Status copyBytes(std::size_t offset, MutableByteView space) const override {
-    for (std::size_t i = 0; i < space.size(); ++i) {
-      space[i] = offset + i < data.size() ? data[offset + i] : 0;
-    }
+    std::ranges::copy(ByteView(data).subspan(offset, space.size()), space.begin());
     return copyStatus;
   }
   std::shared_ptr<const FormatDescription> format() const override {
@@ -32,14 +28,8 @@ struct BrokenSample final : EncodedSample, FormatDescription {
   int height() const override { return 360; }
   ColourDescription colour() const override { return {}; }
 
-  BrokenSample& operator=(Bytes bytes) {
-    data = std::move(bytes);
-    length = data.size();
-    return *this;
-  }
-  bool ready = true, hasFormat = true;
-  Bytes data = smallestKeyFrame;
-  std::optional<std::size_t> length = 5;
+  bool ready = true, hasLength = true, hasFormat = true;
+  Bytes data = {0, 0, 0, 1, 0x65};
   Status copyStatus = 0, setStatus = 0;
   Bytes set = Bytes(4096, 0x67);
   std::size_t prefix = 4;
@@ -47,13 +37,12 @@ struct BrokenSample final : EncodedSample, FormatDescription {
 
 TEST(Packets, FailuresNameWhatIsWrong) {
   using Change = std::function<void(BrokenSample&)>;
-  const auto bytes = [](Bytes data) { return Change([data](BrokenSample& s) { s = data; }); };
+  const auto bytes = [](Bytes data) { return Change([data](BrokenSample& s) { s.data = data; }); };
   const std::pair<const char*, Change> cases[] = {
-      {"", [](auto&) {}},
       {"encoded sample has no bytes", [](auto& s) { s.ready = false; }},
-      {"encoded sample has no bytes", [](auto& s) { s.length.reset(); }},
+      {"encoded sample has no bytes", [](auto& s) { s.hasLength = false; }},
       {"encoded sample too large", bytes({0, 0, 0, 0})},
-      {"encoded sample too large", [](auto& s) { s.length = 2097143; }},
+      {"encoded sample too large", [](auto& s) { s.data.resize(2097143); }},
       {"encoded sample copy failed (-7)", [](auto& s) { s.copyStatus = -7; }},
       {"invalid encoded NAL header", bytes({0, 0, 0, 1, 0x65, 0, 0, 0})},
       {"invalid encoded NAL size", bytes({0, 0, 0, 2, 0x65})},
@@ -67,17 +56,13 @@ TEST(Packets, FailuresNameWhatIsWrong) {
   for (const auto& [message, change] : cases) {
     BrokenSample sample;
     change(sample);
-    std::string failure;
-    try {
-      prepareFrame(sample, 1, 640, 360);
-    } catch (const EncoderFailure& thrown) {
-      failure = thrown.description();
-    }
-    EXPECT_EQ(failure, message);
+    EXPECT_THAT([&] { prepareFrame(sample, 1, 640, 360); },
+                testing::ThrowsMessage<EncoderFailure>(message));
   }
+  EXPECT_NO_THROW(prepareFrame(BrokenSample(), 1, 640, 360));
   EXPECT_THROW(prepareFrame(BrokenSample(), 1, 65536, 360), EncoderFailure);
   BrokenSample delta;
-  delta = {0, 0, 0, 1, 0x41};
+  delta.data = {0, 0, 0, 1, 0x41};
   delta.hasFormat = false;
   EXPECT_FALSE(prepareFrame(delta, 1, 640, 360).keyframe);
 }
@@ -86,9 +71,8 @@ TEST(Packets, LargestSampleFits) {
   BrokenSample sample;
   Bytes unit(2097138, 0x11);
   unit[0] = 0x65;
-  Bytes data;
-  appendLengthPrefixed(data, unit);
-  sample = data;
+  sample.data.clear();
+  appendLengthPrefixed(sample.data, unit);
   const FramePackets packets = prepareFrame(sample, 0x0102030405060708, 640, 360);
   EXPECT_TRUE(packets.keyframe);
   client::PacketParser parser;
@@ -98,7 +82,7 @@ TEST(Packets, LargestSampleFits) {
   const auto frame = parser.next();
   EXPECT_EQ(frame->frameID, 0x0102030405060708u);
   EXPECT_TRUE(frame->keyframe);
-  EXPECT_EQ(frame->payload, data);
+  EXPECT_EQ(frame->payload, sample.data);
 }
 
 TEST(PacketParser, RefusesWhatNoHelperSends) {
@@ -117,11 +101,9 @@ TEST(PacketParser, RefusesWhatNoHelperSends) {
 
 TEST(AnnexB, SplitsBothStartCodesAndDropsPadding) {
   const Bytes stream = {0, 0, 0, 1, 0x67, 1, 0, 0, 1, 0x68, 0, 0, 0, 1, 0x65, 0, 0, 3, 1, 0, 0};
-  const auto units = splitAnnexB(stream);
-  ASSERT_EQ(units.size(), 3u);
-  EXPECT_EQ(Bytes(units[0].begin(), units[0].end()), (Bytes{0x67, 1}));
-  EXPECT_EQ(Bytes(units[1].begin(), units[1].end()), (Bytes{0x68}));
-  EXPECT_EQ(Bytes(units[2].begin(), units[2].end()), (Bytes{0x65, 0, 0, 3, 1}));
+  using testing::ElementsAre;
+  EXPECT_THAT(splitAnnexB(stream),
+              ElementsAre(ElementsAre(0x67, 1), ElementsAre(0x68), ElementsAre(0x65, 0, 0, 3, 1)));
   EXPECT_TRUE(splitAnnexB(Bytes{0, 0}).empty());
   EXPECT_TRUE(splitAnnexB(Bytes{1, 0, 0, 1}).empty());
 }

@@ -6,6 +6,7 @@ namespace lumora {
 namespace {
 
 TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
+  using Moves = std::vector<std::pair<std::string, std::string>>;
   const std::string staging = takePath + "." + takeID + ".partial";
   const std::string recovery = "/takes/a.recovered-" + takeID + ".mp4";
   const char* texts[] = {
@@ -17,10 +18,8 @@ TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
     probe.failures->fail(Call::move, 1, -1, failing - 1);
     start();
     frame(1001.0, true);
-    const Json saved = finish();
-    EXPECT_EQ(saved["path"], path);
-    EXPECT_EQ(saved["error"], texts[failing]);
-    EXPECT_EQ(probe.files->moves.size(), failing == 2 ? 0u : 1u);
+    expectKeys(finish(), {{"path", path}, {"error", texts[failing]}});
+    EXPECT_EQ(probe.files->moves, failing == 2 ? Moves() : (Moves{{staging, path}}));
     EXPECT_TRUE(probe.files->removed.empty());
   }
 }
@@ -28,13 +27,11 @@ TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
 TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
   start();
   frame(1001.0, true);
-  probe.clock->now = 1001.1;
-  probe.feed(++lastID);
-  send({{"type", "record_stop"}});
+  feed(1001.1);
+  stop();
   probe.run();
   EXPECT_FALSE(writer().finished);
-  probe.lastSession().answer(0, deltaSample());
-  probe.run();
+  probe.answer(deltaSample());
   ASSERT_TRUE(writer().finished);
   EXPECT_EQ(writer().timings.size(), 2u);  // the frame in flight is part of the movie
   EXPECT_TRUE(probe.lastSession().invalidated);
@@ -42,27 +39,19 @@ TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
 }
 
 TEST_F(Takes, AnotherMayBeginAsSoonAsOneSaysThatItIsSaved) {
-  const auto says = [this](const char* state) {
-    for (const Json& event : probe.process->takeEvents("recording")) {
-      if (event["state"] == state) return true;
-    }
-    return false;
-  };
-  const auto tell = [this](Json command) {
-    command["id"] = takeID;
-    const std::string text = command.dump();
-    (*probe).recordingCommand({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  const auto says = [this](const std::string& state) {
+    const auto said = probe.process->takeEvents("recording");
+    return std::ranges::any_of(said, [&](const Json& one) { return one["state"] == state; });
   };
   start();
   frame(1001.0, true);
-  send({{"type", "record_stop"}});
+  stop();
   probe.run();
   writer().complete(WriterStatus::completed);
   probe.dispatch->queues.back()->run();
   while (!says("saved")) ASSERT_TRUE(probe.queue->runNext());
-  tell({{"type", "record_start"}, {"path", "/takes/b.mp4"}});
-  EXPECT_TRUE(says("starting"));
-  tell({{"type", "record_stop"}});
+  EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["state"], "starting");
+  stop();
   probe.queue->runNext();  // what is left of the first take
   EXPECT_NE(probe.take(), nullptr);
 }
@@ -71,10 +60,9 @@ TEST_F(Takes, AnotherMayBeginAsSoonAsOneSaysThatItIsSaved) {
 TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
   start({{"started_at", 1000.0}, {"resolution", "640x360"}, {"target_fps", 30}});
   frame(1001.0, true);
-  probe.clock->now = 1001.1;
-  probe.feed(++lastID);
+  feed(1001.1);
   FakeSession& abandoned = probe.lastSession();
-  send({{"type", "record_stop"}, {"stopped_at", 999.9}});
+  stop({{"stopped_at", 999.9}});
   EXPECT_EQ(failure(), "recording stop time is invalid");
   start({{"resolution", "1920x1080"}, {"target_fps", 60}});
   abandoned.answer(0, deltaSample());
@@ -86,12 +74,11 @@ TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
 
 TEST_F(Takes, StopsThatMakeNoSense) {
   start({{"started_at", 1000.0}});
-  EXPECT_TRUE(
-      send({{"type", "record_stop"}, {"id", "00000000-0000-0000-0000-000000000000"}}).empty());
-  send({{"type", "record_stop"}, {"stopped_at", 999.9}});
+  EXPECT_TRUE(stop({{"id", "00000000-0000-0000-0000-000000000000"}}).empty());
+  stop({{"stopped_at", 999.9}});
   EXPECT_EQ(failure(), "recording stop time is invalid");
   start();
-  send({{"type", "record_stop"}});
+  stop();
   EXPECT_EQ(failure(), "no camera frames were received for recording");
   EXPECT_TRUE(probe.movies->writers.empty());
 }
@@ -104,7 +91,7 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   (*probe).shutdown(1);  // the first one counts
   EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
   EXPECT_TRUE(probe.process->exitCodes.empty());
-  EXPECT_EQ(send({{"type", "record_start"}, {"path", "/b.mp4"}}).at(0)["state"], "failed");
+  EXPECT_EQ(sendStart({{"path", "/b.mp4"}}).at(0)["state"], "failed");
   writer().complete(WriterStatus::completed);
   EXPECT_EQ(events("saved").size(), 1u);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
@@ -123,8 +110,7 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   probe.restart();
   start();
   frame(1001.0, true);
-  probe.clock->now = 1001.1;
-  probe.feed(++lastID);
+  feed(1001.1);
   probe.signal(15);
   probe.lastSession().answer(-22, nullptr);  // a take that fails meanwhile ends it at once
   EXPECT_EQ(failure(), "camera encoding failed (-22)");

@@ -1,13 +1,9 @@
 // Rules of takes, each by itself: commands, key frames, cadence, the movie's end, the relay.
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
 #include <array>
 #include <limits>
 #include <random>
 
-#include "base/json.h"
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"
 #include "record/movie_timing.h"
@@ -27,8 +23,8 @@ TEST(Commands, MalformedOnesAreFatal) {
            R"({"type":"record_start","id":"6f9619ff-8b86-d011-b42d-00cf4fc964fg"})",
            R"({"type":1)" + id, pause}) {
     VideoEncoderProbe fresh;
-    (*fresh).recordingCommand(Bytes(text.begin(), text.end()));
-    EXPECT_EQ(fresh.process->takeEvents("error").at(0)["message"],
+    fresh.commandText(text);
+    EXPECT_EQ(fresh.error(),
               text == pause ? "unknown recording command" : "invalid recording command");
     EXPECT_EQ(fresh.process->exitCodes, std::vector<int>{1});
   }
@@ -113,26 +109,22 @@ std::vector<double> admittedSteadily(int targetFPS, const std::vector<double>& t
 }
 
 TEST(SteadyCadence, AdmitsWhatTheTargetHasRoomForAndNeverMore) {
-  struct Case {
-    double camera;
-    int target;
-    std::array<double, 3> percent;  // admitted, with 0.1, 1 and 3 ms of jitter
-  };
-  const Case cases[] = {{30, 30, {100, 100, 99.9}},    {60, 60, {100, 100, 99.9}},
-                        {29.97, 30, {100, 100, 99.7}}, {59.94, 60, {100, 100, 98.5}},
-                        {60, 30, {50, 50, 50}},        {60, 45, {75, 75, 75}},
-                        {25, 60, {100, 100, 100}}};
-  for (const Case& c : cases) {
+  // What share of the camera's frames is admitted, with 0.1, 1 and 3 ms of jitter.
+  const std::tuple<double, int, std::array<double, 3>> cases[] = {
+      {30, 30, {100, 100, 99.9}},    {60, 60, {100, 100, 99.9}}, {29.97, 30, {100, 100, 99.7}},
+      {59.94, 60, {100, 100, 98.5}}, {60, 30, {50, 50, 50}},     {60, 45, {75, 75, 75}},
+      {25, 60, {100, 100, 100}}};
+  for (const auto& [camera, target, percent] : cases) {
     for (std::size_t i = 0; i < 3; ++i) {
-      const auto times = cameraTimes(c.camera, std::array{1e-4, 1e-3, 3e-3}[i]);
-      const auto admitted = admittedSteadily(c.target, times);
+      const auto times = cameraTimes(camera, std::array{1e-4, 1e-3, 3e-3}[i]);
+      const auto admitted = admittedSteadily(target, times);
       const double share =
           100.0 * static_cast<double>(admitted.size()) / static_cast<double>(times.size());
-      EXPECT_NEAR(share, c.percent[i], 0.35) << c.camera << " into " << c.target << ", " << i;
-      EXPECT_LE(std::ssize(admitted), 600 * c.target + 1);
+      EXPECT_NEAR(share, percent[i], 0.35) << camera << " into " << target << ", " << i;
+      EXPECT_LE(std::ssize(admitted), 600 * target + 1);
       for (std::size_t from = 0, to = 0; to < admitted.size(); ++to) {
         while (admitted[to] - admitted[from] >= 1) ++from;
-        ASSERT_LE(to - from + 1, static_cast<std::size_t>(c.target) + 2);
+        ASSERT_LE(to - from + 1, static_cast<std::size_t>(target) + 2);
       }
     }
   }
@@ -177,22 +169,18 @@ TEST(TakeEvents, HaveThirteenKeysAndAnIntegerOnlyAtTheStart) {
 }
 
 TEST(TakeEvents, AreRelayedUnlessTheyComeTooLate) {
-  struct Case {
-    TakeState last;
-    bool stopping;
-    TakeState next;
-    bool relayed;
-  };
   using enum TakeState;
-  const Case cases[] = {{starting, false, recording, true},  {starting, true, recording, false},
-                        {recording, false, recording, true}, {recording, true, finishing, true},
-                        {recording, true, failed, true},     {finishing, false, recording, false},
-                        {finishing, true, saved, true},      {finishing, true, failed, true},
-                        {saved, false, failed, false},       {failed, false, failed, false},
-                        {failed, false, recording, false},   {failed, false, saved, false}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(relaysEvent({c.last, {}}, c.stopping, {c.next, {}}), c.relayed)
-        << static_cast<int>(c.last) << static_cast<int>(c.next);
+  // The last event, whether a stop is pending, the next event, whether that is relayed.
+  const std::tuple<TakeState, bool, TakeState, bool> cases[] = {
+      {starting, false, recording, true},  {starting, true, recording, false},
+      {recording, false, recording, true}, {recording, true, finishing, true},
+      {recording, true, failed, true},     {finishing, false, recording, false},
+      {finishing, true, saved, true},      {finishing, true, failed, true},
+      {saved, false, failed, false},       {failed, false, failed, false},
+      {failed, false, recording, false},   {failed, false, saved, false}};
+  for (const auto& [last, stopping, next, relayed] : cases) {
+    EXPECT_EQ(relaysEvent({last, {}}, stopping, {next, {}}), relayed)
+        << static_cast<int>(last) << static_cast<int>(next);
   }
 }
 

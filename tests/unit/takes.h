@@ -1,10 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "tests/unit/probe.h"
 
 namespace lumora {
@@ -13,28 +8,37 @@ namespace lumora {
 inline const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
 inline const std::string takePath = "/takes/a.mp4";
 
-struct Takes : testing::Test {
-  void SetUp() override { probe.becomeReady(); }
-
+struct Takes : ServiceTest {
   std::vector<Json> send(Json command) {
     command.emplace("id", takeID);
     probe.process->takeEvents();
     probe.command(command);
     return probe.process->takeEvents();
   }
-  void start(Json extra = Json::object()) {
-    extra.update({{"type", "record_start"}, {"path", takePath}});
-    const auto events = send(extra);
+  std::vector<Json> sendStart(Json extra = Json::object()) {
+    extra.emplace("type", "record_start");
+    extra.emplace("path", takePath);
+    return send(extra);
+  }
+  void start(const Json& extra = Json::object()) {
+    const auto events = sendStart(extra);
     ASSERT_EQ(events.size(), 1u);
     ASSERT_EQ(events[0]["state"], "starting") << events[0];
   }
-  // One camera frame at uptime `at`, encoded as a key frame or not. Whether it was submitted.
-  bool frame(double at, bool keyframe = false) {
+  std::vector<Json> stop(Json extra = Json::object()) {
+    extra.emplace("type", "record_stop");
+    return send(extra);
+  }
+  // A camera frame at uptime `at`, which is not encoded yet.
+  void feed(double at, int width = 640, int height = 360) {
     probe.clock->now = at;
-    probe.feed(++lastID);
+    probe.feed(++lastID, width, height);
+  }
+  // The same, encoded as a key frame or not. Whether it was submitted.
+  bool frame(double at, bool keyframe = false) {
+    feed(at);
     if (probe.encoders->sessions.empty() || probe.lastSession().pending.empty()) return false;
-    probe.lastSession().answer(0, keyframe ? keySample() : deltaSample());
-    probe.run();
+    probe.answer(keyframe ? keySample() : deltaSample());
     return true;
   }
   FakeWriter& writer() { return *probe.movies->writers.back(); }
@@ -50,15 +54,13 @@ struct Takes : testing::Test {
     return failed.empty() ? "" : failed.front()["error"].get<std::string>();
   }
   // Stops the take and lets the disk finish; the outcome.
-  Json finish(Json stop = Json::object()) {
-    stop["type"] = "record_stop";
-    send(stop);
+  Json finish(const Json& extra = Json::object()) {
+    stop(extra);
     probe.run();
     writer().complete(WriterStatus::completed);
     const auto saved = events("saved");
     return saved.empty() ? Json() : saved.front();
   }
-  VideoEncoderProbe probe;
   std::uint64_t lastID = 0;
 };
 

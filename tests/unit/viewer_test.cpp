@@ -119,21 +119,14 @@ TEST(WebRules, OnlyOurOwnPageUnderItsOwnNameGetsAnything) {
   EXPECT_EQ(rules.address(), "http://127.0.0.1:4711/secret/");
   EXPECT_EQ(rules.resource(self, {}, "/secret/"), "");
   EXPECT_EQ(rules.resource("localhost:4711", "http://localhost:4711", "/secret/a.js?x=/"), "a.js");
-  for (const auto& [host, origin, target] : {std::tuple{"evil.example:4711", "", "/secret/"},
-                                             {"127.0.0.1", "", "/secret/"},
-                                             {"127.0.0.1:4712", "", "/secret/"},
-                                             {"", "", "/secret/"},
-                                             {self, "http://evil.example", "/secret/"},
-                                             {self, "null", "/secret/"},
-                                             {self, "https://127.0.0.1:4711", "/secret/"},
-                                             {self, "", "/secreT/"},
-                                             {self, "", "/secre/"},
-                                             {self, "", "/secret"},
-                                             {self, "", "secret/"},
-                                             {self, "", ""},
-                                             {self, "", "/"}}) {
-    const auto from = *origin == '\0' ? std::nullopt : std::optional<std::string_view>(origin);
-    EXPECT_EQ(rules.resource(host, from, target), std::nullopt) << host << origin << target;
+  for (const char* host : {"evil.example:4711", "127.0.0.1", "127.0.0.1:4712", ""}) {
+    EXPECT_EQ(rules.resource(host, {}, "/secret/"), std::nullopt) << host;
+  }
+  for (const char* origin : {"http://evil.example", "null", "https://127.0.0.1:4711"}) {
+    EXPECT_EQ(rules.resource(self, origin, "/secret/"), std::nullopt) << origin;
+  }
+  for (const char* target : {"/secreT/", "/secre/", "/secret", "secret/", "", "/"}) {
+    EXPECT_EQ(rules.resource(self, {}, target), std::nullopt) << target;
   }
   EXPECT_EQ(WebRules(80, "s").resource("localhost", "http://localhost", "/s/"), "");
   EXPECT_TRUE(rules.allowsSocket("http://127.0.0.1:4711"));
@@ -143,25 +136,20 @@ TEST(WebRules, OnlyOurOwnPageUnderItsOwnNameGetsAnything) {
 
 TEST(WebRules, PartsOfAFile) {
   using enum ByteRange::Kind;
-  const std::tuple<const char*, ByteRange::Kind, std::uint64_t, std::uint64_t> cases[] = {
-      {"", whole, 0, 100},
-      {"bytes=0-", part, 0, 100},
-      {"bytes=10-19", part, 10, 10},
-      {"bytes=99-99", part, 99, 1},
-      {"bytes=90-200", part, 90, 10},
-      {"bytes=-5", part, 95, 5},
-      {"bytes=-500", part, 0, 100},
-      {"bytes=100-", unsatisfiable, 0, 0},
-      {"bytes=-0", unsatisfiable, 0, 0},
-      {"bytes=9-8", whole, 0, 100},
-      {"bytes=0-1,5-6", whole, 0, 100},
-      {"bytes=x-", whole, 0, 100},
-      {"lines=0-1", whole, 0, 100},
-      {"bytes=-", whole, 0, 100}};
-  for (const auto& [header, kind, first, length] : cases) {
+  const auto expect = [](const char* header, ByteRange::Kind kind, std::uint64_t first,
+                         std::uint64_t length) {
     const ByteRange range = parseRange(header, 100);
     EXPECT_TRUE(range.kind == kind && range.first == first && range.length == length) << header;
-  }
+  };
+  expect("bytes=0-", part, 0, 100);
+  expect("bytes=10-19", part, 10, 10);
+  expect("bytes=99-99", part, 99, 1);
+  expect("bytes=90-200", part, 90, 10);
+  expect("bytes=-5", part, 95, 5);
+  expect("bytes=-500", part, 0, 100);
+  for (const char* header : {"bytes=100-", "bytes=-0"}) expect(header, unsatisfiable, 0, 0);
+  for (const char* header : {"", "bytes=9-8", "bytes=0-1,5-6", "bytes=x-", "lines=0-1", "bytes=-"})
+    expect(header, whole, 0, 100);
   EXPECT_EQ(parseRange("bytes=-1", 0).kind, unsatisfiable);
 }
 
