@@ -7,7 +7,6 @@ extern "C" {
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <future>
@@ -28,9 +27,8 @@ struct Disk {
   std::condition_variable changed;
   Bytes bytes;
   int failAfter = -1;  // calls that still succeed; negative: all
-  bool hangs = false;
   int calls = 0;
-  bool closed = false;
+  bool hangs = false, closed = false;
   std::uint64_t free = std::uint64_t{1} << 30;  // bytes that anybody may have
   std::uint64_t reserved = 0;
 
@@ -87,10 +85,6 @@ struct DiskSink final : ByteSink {
   std::shared_ptr<Disk> disk;
 };
 
-auto movieSample(std::size_t size, bool keyframe) {
-  return keyframe ? keySample(size - 4) : deltaSample(size - 4);
-}
-
 void finishMovie(HybridMovieWriter& writer, std::int64_t end) {
   std::promise<void> done;
   writer.finishWriting(end, [&] { done.set_value(); });
@@ -100,10 +94,11 @@ void finishMovie(HybridMovieWriter& writer, std::int64_t end) {
 struct Written {
   explicit Written(std::shared_ptr<Disk> on = std::make_shared<Disk>())
       : disk(std::move(on)), writer(std::make_unique<DiskSink>(disk), 3'800'000'000) {
-    EXPECT_TRUE(writer.startWriting(movieSample(8, true)->format()));
+    EXPECT_TRUE(writer.startWriting(keySample()->format()));
   }
   bool append(std::size_t size, bool keyframe, MovieTiming timing) {
-    return writer.append(*movieSample(size, keyframe), keyframe, timing);
+    const auto sample = keyframe ? keySample(size - 4) : deltaSample(size - 4);
+    return writer.append(*sample, keyframe, timing);
   }
   // `count` samples of 1000 units each, a key frame every 30.
   void fill(int count, std::size_t size = 20) {
@@ -122,30 +117,25 @@ struct Fragment {
   std::size_t size = 0;  // of the `moof`
 };
 
+std::string_view asText(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
 std::vector<Fragment> findFragments(const Bytes& bytes) {
   std::vector<Fragment> fragments;
-  for (std::size_t i = 4; i + 4 < bytes.size(); ++i) {
-    if (std::string_view(reinterpret_cast<const char*>(&bytes[i]), 4) != "moof") continue;
-    fragments.push_back({i - 4, std::size_t{bytes[i - 2]} * 256 + bytes[i - 1]});
+  const std::string_view text = asText(bytes);
+  for (auto at = text.find("moof"); at != text.npos; at = text.find("moof", at + 4)) {
+    fragments.push_back({at - 4, std::size_t{bytes[at - 2]} * 256 + bytes[at - 1]});
   }
   return fragments;
 }
 
-// What the sync sample table says of its length.
-std::size_t syncSampleCount(const Bytes& bytes) {
-  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  return bytes.at(text.find("stss") + 11);
-}
-
 TEST(MovieFile, LastsExactlyToItsEnd) {
   // 100 samples of 1000 units: at the end, stretched, cut within the last, cut far before.
-  using Case = std::tuple<std::int64_t, std::size_t, std::int64_t>;
-  for (const auto& [end, samples, last] : {Case{100000, 100, 1000},
-                                           {130000, 100, 31000},
-                                           {99001, 100, 1},
-                                           {99000, 99, 1000},
-                                           {12345, 13, 345},
-                                           {1, 1, 1}}) {
+  const std::tuple<std::int64_t, std::size_t, std::int64_t> cases[] = {
+      {100000, 100, 1000}, {130000, 100, 31000}, {99001, 100, 1},
+      {99000, 99, 1000},   {12345, 13, 345},     {1, 1, 1}};
+  for (const auto& [end, samples, last] : cases) {
     Written movie;
     movie.fill(100);
     EXPECT_EQ(movie.finish(end), WriterStatus::completed);
@@ -155,8 +145,9 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
     EXPECT_EQ(read.durations.back(), last);
     EXPECT_EQ(std::accumulate(read.durations.begin(), read.durations.end(), std::int64_t{0}), end);
     EXPECT_EQ(read.keyframes, static_cast<int>((samples + 29) / 30));
-    // Players also rely on the table: nothing but samples that there are.
-    EXPECT_EQ(syncSampleCount(movie.disk->bytes), (samples + 29) / 30);
+    // Players also rely on the length of the table: nothing but samples that there are.
+    const Bytes& bytes = movie.disk->bytes;
+    EXPECT_EQ(bytes.at(asText(bytes).find("stss") + 11), (samples + 29) / 30);
   }
 }
 
@@ -207,8 +198,7 @@ TEST(MovieFile, AHeadIsMovedOnlyWhenItsSectorOrPageWouldCutIt) {
       const std::size_t padding = fragmentStart(offset, 1, 0, samples).size() - 8 - size;
       const std::size_t start = offset + padding;
       ASSERT_EQ(start / block, (start + size - 1) / block) << count << " at " << offset;
-      const bool wouldBeCut = offset / block != (offset + size - 1) / block;
-      ASSERT_EQ(padding != 0, wouldBeCut) << count << " at " << offset;
+      ASSERT_EQ(padding != 0, offset / block != (offset + size - 1) / block) << offset;
       ASSERT_LT(padding, block + 8);
     }
   }
@@ -264,9 +254,8 @@ TEST(MovieFile, ItsOwnThreadMayBeTheLastToHoldIt) {
   movie->fill(1);
   std::promise<void> gone;
   std::shared_ptr<void> guard(nullptr, [&](void*) { gone.set_value(); });
-  HybridMovieWriter& writer = movie->writer;
   disk->set(disk->hangs, true);
-  writer.finishWriting(1000, [movie, guard] {});
+  movie->writer.finishWriting(1000, [movie, guard] {});
   movie.reset();
   guard.reset();
   disk->set(disk->hangs, false);
@@ -293,7 +282,6 @@ struct SparseSink final : ByteSink {
   std::uint64_t size = 0;
 };
 
-// Nothing is copied of it.
 struct HollowSample final : EncodedSample {
   bool dataIsReady() const override { return true; }
   std::optional<std::size_t> dataLength() const override { return 8 << 20; }
@@ -334,9 +322,9 @@ TEST(MovieFile, TakesOfDaysAndGigabytesKeepTheirTimesAndPlaces) {
 }
 
 TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {
-  const auto disk = std::make_shared<Disk>();
-  disk->hangs = true;
-  Written movie(disk);
+  Written movie;
+  const auto disk = movie.disk;
+  disk->set(disk->hangs, true);
   std::int64_t count = 0;
   while (movie.writer.isReadyForMoreMediaData()) {
     ASSERT_TRUE(movie.append(1 << 20, true, {count * 30000, 30000}));

@@ -7,8 +7,7 @@ namespace lumora {
 struct MovieContents {
   bool opened = false;
   std::int64_t duration = 0;  // of the stream
-  std::vector<std::int64_t> times;
-  std::vector<std::int64_t> durations;
+  std::vector<std::int64_t> times, durations;
   int keyframes = 0;
 };
 
