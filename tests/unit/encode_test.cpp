@@ -32,15 +32,12 @@ TEST_F(Encode, ReleasesTheFrameWhenItsEncodeIsDoneAndMeasuresIt) {
 
 TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
   const auto first = probe.connectClient();
-  probe.feed(1);
-  probe.answer(keySample());
+  probe.frame(1, keySample());
   first->finishSend();
-  probe.feed(2);
-  probe.answer(deltaSample());
+  probe.frame(2, deltaSample());
   first->finishSend();
   probe.connectClient();
-  probe.feed(3);
-  probe.answer(keySample());
+  probe.frame(3, keySample());
   using Submitted = std::vector<std::pair<std::int64_t, bool>>;
   EXPECT_EQ(probe.lastSession().submitted, (Submitted{{1, true}, {2, false}, {3, true}}));
 

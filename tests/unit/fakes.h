@@ -212,7 +212,6 @@ struct FakeConnection final : TcpConnection {
     ASSERT_TRUE(handler) << "no read is armed";
     handler(bytes, complete, {});
   }
-  // The network stack took the outstanding send.
   void finishSend(std::error_code error = {}) {
     const SendHandler handler = std::exchange(onSent, nullptr);
     ASSERT_TRUE(handler) << "no send is outstanding";
@@ -224,9 +223,7 @@ struct FakeConnection final : TcpConnection {
   SendHandler onSent;
   std::vector<Bytes> sent;  // one entry per send
   std::size_t readLimit = 0;
-  bool started = false;
-  bool cancelled = false;
-  bool wasReset = false;
+  bool started = false, cancelled = false, wasReset = false;
 };
 
 struct FakeListener final : TcpListener {
@@ -240,9 +237,7 @@ struct FakeListener final : TcpListener {
   StateHandler changed;
   ConnectionHandler arrived;
   std::uint16_t boundPort = 4711;
-  bool started = false;
-  bool accepts = false;
-  bool cancelled = false;
+  bool started = false, accepts = false, cancelled = false;
 };
 
 struct FakeNetwork final : Network {
@@ -267,7 +262,6 @@ struct FakePool final : PixelBufferPool, CanFail {
   MemoryPixelBufferPool buffers;
 };
 
-// A session whose frames the test answers.
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
       : CanFail(all), pool(width, height, all), size{width, height}, kind(use) {}
@@ -287,7 +281,6 @@ struct FakeSession : CompressionSession, CanFail {
   void completeFrames() override { ++flushes; }
   void invalidate() override { invalidated = true; }
 
-  // Answers the oldest frame.
   void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0) {
     ASSERT_FALSE(pending.empty());
     const OutputHandler handler = std::move(pending.front().second);
@@ -311,9 +304,8 @@ struct FakeEncoders final : Encoders, CanFail {
                        const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
     const Status status = next(Call::createSession);
-    if (status == 0) {
+    if (status == 0)
       session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures, kind));
-    }
     return status;
   }
   void choose(const EncoderSettings& preview, const EncoderSettings& take) override {
@@ -324,9 +316,7 @@ struct FakeEncoders final : Encoders, CanFail {
     warm = {likeliest, largest};
   }
   void openAhead(const EncoderSettings& settings) override { ahead.push_back(settings); }
-  std::vector<EncoderSettings> wanted;
-  std::vector<EncoderSettings> warm;
-  std::vector<EncoderSettings> ahead;
+  std::vector<EncoderSettings> wanted, warm, ahead;
   Work chosen;
   std::vector<std::shared_ptr<FakeSession>> sessions;
 };
@@ -338,7 +328,6 @@ struct FakeImages final : ImageConverter, CanFail {
   }
 };
 
-// A writer that remembers what it was given.
 struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
   bool canAdd(const FormatDescription&) const override { return next(Call::canAdd) == 0; }
@@ -359,7 +348,6 @@ struct FakeWriter final : MovieWriter, CanFail {
     finished = std::move(handler);
   }
   void cancelWriting() override { state = WriterStatus::cancelled; }
-  // The disk is done with the file.
   void complete(WriterStatus outcome) {
     state = outcome;
     std::exchange(finished, nullptr)();

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <thread>
@@ -16,21 +15,18 @@ namespace lumora {
 namespace {
 
 TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
+  const auto width = [](int pixels) { return testing::Field(&EncoderSettings::width, pixels); };
   VideoEncoderProbe probe;
   probe.service->start();
   EXPECT_TRUE(probe.network->listener->started);
   EXPECT_EQ(probe.dispatch->timerInterval, 0.025);
-  ASSERT_EQ(probe.encoders->wanted.size(), 2u);
-  EXPECT_EQ(probe.encoders->wanted[0].width, 640);
-  EXPECT_EQ(probe.encoders->wanted[1].width, 1080);
+  EXPECT_THAT(probe.encoders->wanted, testing::ElementsAre(width(640), width(1080)));
   probe.network->listener->changed(ListenerState::ready);
   EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
   EXPECT_FALSE(probe.network->listener->accepts);
   EXPECT_TRUE(probe.encoders->warm.empty());
   probe.encoders->chosen();
-  ASSERT_EQ(probe.encoders->warm.size(), 2u);
-  EXPECT_EQ(probe.encoders->warm[0].width, 1080);
-  EXPECT_EQ(probe.encoders->warm[1].width, 1920);
+  EXPECT_THAT(probe.encoders->warm, testing::ElementsAre(width(1080), width(1920)));
   EXPECT_TRUE(probe.network->listener->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
   EXPECT_EQ(probe.process->lines[0],
@@ -69,9 +65,9 @@ TEST(Lifecycle, AListenerWithoutAPortEndsWithOne) {
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
 }
 
-TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
-  VideoEncoderProbe probe;
-  probe.becomeReady();
+using ReadyLifecycle = ServiceTest;
+
+TEST_F(ReadyLifecycle, ASignalTearsEverythingDownOnce) {
   const auto client = probe.connectClient();
   probe.feed(1);
   probe.process->takeEvents();
@@ -80,8 +76,7 @@ TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   EXPECT_TRUE(probe.network->listener->cancelled);
   EXPECT_TRUE(*probe.dispatch->timerCancelled);
-  EXPECT_TRUE(*probe.process->signalsCancelled.at(SIGTERM));
-  EXPECT_TRUE(*probe.process->signalsCancelled.at(SIGINT));
+  for (const auto& [number, cancelled] : probe.process->signalsCancelled) EXPECT_TRUE(*cancelled);
   EXPECT_TRUE(client->cancelled);
   EXPECT_EQ(probe.lastSession().flushes, 1);
   EXPECT_TRUE(probe.lastSession().invalidated);
@@ -97,9 +92,7 @@ TEST(Lifecycle, ASignalTearsEverythingDownOnce) {
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
-TEST(Lifecycle, AFullOutputLosesALineAndABrokenOneEndsTheRun) {
-  VideoEncoderProbe probe;
-  probe.becomeReady();
+TEST_F(ReadyLifecycle, AFullOutputLosesALineAndABrokenOneEndsTheRun) {
   probe.failures->fail(Call::writeOutput, 1, -EAGAIN);
   (*probe).emitStats(true);
   EXPECT_TRUE(probe.process->lines.empty());
@@ -113,22 +106,18 @@ TEST(Lifecycle, AFullOutputLosesALineAndABrokenOneEndsTheRun) {
 
 TEST(Statistics, AtMostOneASecondUnlessForced) {
   VideoEncoderProbe probe;
-  (*probe).emitStats(true);
-  Json first = probe.process->takeEvents().at(0);
+  const auto report = [&probe](double later, bool forced) {
+    probe.clock->now += later;
+    (*probe).emitStats(forced);
+    return probe.process->takeEvent("stats");
+  };
+  const Json first = report(0, true);
   expectKeys(first, {{"max_pending_acks", 0}, {"preview_width", 0}});
   EXPECT_EQ(first.size(), 25u);  // 8 core keys and 17 diagnostics
-
-  probe.clock->now += 0.3;
-  (*probe).emitStats(false);
-  EXPECT_TRUE(probe.process->lines.empty());
-  (*probe).emitStats(true);
-  EXPECT_EQ(probe.process->takeEvents().at(0).size(), 8u);  // too soon for diagnostics
-  probe.clock->now += 0.9;                                  // 1.2 s after the first
-  (*probe).emitStats(false);
-  EXPECT_TRUE(probe.process->lines.empty());  // the forced one restarted the second
-  probe.clock->now += 0.2;
-  (*probe).emitStats(false);
-  EXPECT_EQ(probe.process->takeEvents().at(0).size(), 25u);
+  EXPECT_TRUE(report(0.3, false).empty());
+  EXPECT_EQ(report(0, true).size(), 8u);    // too soon for diagnostics
+  EXPECT_TRUE(report(0.9, false).empty());  // the forced one restarted the second
+  EXPECT_EQ(report(0.2, false).size(), 25u);
 }
 
 // An encoder that hangs, behind a service on the real queue and in a real process.
@@ -167,7 +156,6 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
   EXPECT_EXIT(askTwice(), testing::ExitedWithCode(7), "");
 }
 
-// A pipe as this process's standard input.
 struct PipedInput {
   PipedInput() {
     if (pipe(ends) != 0) throw std::runtime_error("no pipe");
@@ -206,7 +194,7 @@ TEST(SystemProcess, WaitsForInputThatDoesNotBlock) {
     EXPECT_EQ(write(input.ends[1], "ab", 2), 2);
     close(std::exchange(input.ends[1], -1));
   });
-  std::array<std::uint8_t, 3> space;
+  std::uint8_t space[3];
   EXPECT_EQ(process.readInput(space), 2);
   EXPECT_EQ(process.readInput(space), 0);
 }

@@ -13,37 +13,10 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
                 }};
 }
 
-void VideoEncoderProbe::becomeReady() {
-  service->start();
-  network->listener->changed(ListenerState::ready);
-  encoders->chosen();
-  process->takeEvents();
-}
-
-void VideoEncoderProbe::run() {
-  for (bool any = true; any;) {
-    any = queue->run();
-    for (const auto& other : std::vector(dispatch->queues)) any = other->run() || any;
-  }
-}
-
-std::shared_ptr<FakeConnection> VideoEncoderProbe::connectClient() {
-  const auto connection = connect();
-  connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
-  return connection;
-}
-
 void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
   ASSERT_TRUE(service->raw.admit());
   const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
   service->encode({width, height, id, pictures->allocate(size), clock->now});
-}
-
-Json VideoEncoderProbe::statistics() {
-  clock->now += 1.0;
-  process->takeEvents();
-  service->emitStats(false);
-  return process->takeEvent("stats");
 }
 
 }  // namespace lumora

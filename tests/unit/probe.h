@@ -14,18 +14,20 @@ inline void expectKeys(Json event, const Json& wanted) {
   for (const auto& [key, value] : wanted.items()) EXPECT_EQ(event[key], value) << key;
 }
 
-// One VideoEncoder on fakes.
 struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"});
 
   // Starts it and reports its listener ready; forgets the events.
-  void becomeReady();
-  // Another service on another machine, ready.
+  void becomeReady() {
+    service->start();
+    network->listener->changed(ListenerState::ready);
+    encoders->chosen();
+    process->takeEvents();
+  }
   void restart() {
     *this = VideoEncoderProbe();
     becomeReady();
   }
-  // The clock turns to `uptime` and the service timer fires.
   void tickAt(double uptime) {
     clock->now = uptime;
     dispatch->tick();
@@ -39,8 +41,11 @@ struct VideoEncoderProbe {
     network->listener->arrived(connection);
     return connection;
   }
-  // Connects and authenticates a client.
-  std::shared_ptr<FakeConnection> connectClient();
+  std::shared_ptr<FakeConnection> connectClient() {
+    const auto connection = connect();
+    connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
+    return connection;
+  }
   // Admits and encodes one frame as the reader would.
   void feed(std::uint64_t id, int width = 640, int height = 360);
   FakeSession& lastSession() { return *encoders->sessions.back(); }
@@ -50,15 +55,30 @@ struct VideoEncoderProbe {
     lastSession().answer(status, std::move(sample), flags);
     run();
   }
+  // Frame `id`, which the session answers with `sample`.
+  void frame(std::uint64_t id, std::shared_ptr<const EncodedSample> sample) {
+    feed(id);
+    answer(std::move(sample));
+  }
   // What the "error" event says that came since the last look.
   std::string error() { return process->takeEvent("error").value("message", ""); }
   // Runs the state queue and the takes' queues until all are empty.
-  void run();
+  void run() {
+    for (bool any = true; any;) {
+      any = queue->run();
+      for (const auto& other : std::vector(dispatch->queues)) any = other->run() || any;
+    }
+  }
   void command(const Json& command) { commandText(command.dump()); }
   void commandText(const std::string& text) {
     service->recordingCommand(Bytes(text.begin(), text.end()));
   }
-  Json statistics();  // a fresh "stats" event
+  Json statistics() {
+    clock->now += 1.0;
+    process->takeEvents();
+    service->emitStats(false);
+    return process->takeEvent("stats");
+  }
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
   std::size_t peerCount() const { return service->peers.size(); }
@@ -86,7 +106,6 @@ struct VideoEncoderProbe {
   std::shared_ptr<void> forgetWork;
 };
 
-// Tests of a service that is ready.
 struct ServiceTest : testing::Test {
   void SetUp() override { probe.becomeReady(); }
   VideoEncoderProbe probe;

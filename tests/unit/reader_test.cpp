@@ -1,6 +1,5 @@
 // The record stream on standard input: framing, limits, admission.
 
-#include <chrono>
 #include <deque>
 #include <mutex>
 #include <semaphore>
@@ -29,14 +28,13 @@ struct Reader : ServiceTest {
     probe.run();
     return probe.error();
   }
-  std::vector<int> exits() { return probe.process->exitCodes; }
 };
 
 TEST_F(Reader, EndsQuietlyInsideAHeader) {
   probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7};  // 2 × 2, frame 7
   probe.process->input.resize(16 + 16 + 10);
   EXPECT_EQ(readAll(), "");
-  EXPECT_EQ(exits(), std::vector<int>{0});
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
 }
 
@@ -56,7 +54,7 @@ TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
     putFrame(9);
     if (payload == 15 || payload == 8) probe.process->input.resize(16 + payload);
     EXPECT_EQ(readAll(), message);
-    EXPECT_EQ(exits(), std::vector<int>{1});
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
     probe.signal(15);  // too late to change the code
     EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 1}));
   }
@@ -69,7 +67,7 @@ TEST_F(Reader, TheFirstCauseOfAnEndDecidesItsCode) {
   probe.dispatch->detached.at(0)();
   EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
   probe.run();
-  EXPECT_EQ(exits(), std::vector<int>{0});
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
 TEST_F(Reader, ReassemblesRecordsFromSmallAndInterruptedReads) {
@@ -143,13 +141,11 @@ TEST(RecordHeader, FrameLimits) {
   const auto valid = [](FrameSize size) {
     return isValidFrame(decodeRecordHeader(client::frameHeader(size, 8)), 7);
   };
-  for (const FrameSize size : {FrameSize{2, 2}, {1920, 1080}, {1080, 1920}, {1080, 1080}}) {
+  for (const FrameSize size : {FrameSize{2, 2}, {1920, 1080}, {1080, 1920}, {1080, 1080}})
     EXPECT_TRUE(valid(size)) << size.width;
-  }
   // The shorter side above 1080, the longer one above 1920, odd, empty.
-  for (const FrameSize size : {FrameSize{1440, 1440}, {1082, 1082}, {1922, 2}, {3, 2}, {2, 0}}) {
+  for (const FrameSize size : {FrameSize{1440, 1440}, {1082, 1082}, {1922, 2}, {3, 2}, {2, 0}})
     EXPECT_FALSE(valid(size)) << size.width;
-  }
   EXPECT_FALSE(isValidFrame({12, 2, 2, 8}, 7));
   EXPECT_TRUE(isValidFrame({16, 2, 2, 0xFFFFFFFFFFFFFFFF}, 0xFFFFFFFFFFFFFFFE));
   EXPECT_FALSE(isValidFrame({16, 2, 2, 7}, 7));

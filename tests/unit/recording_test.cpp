@@ -28,10 +28,8 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
   const char* state = "destination or state";
   for (const Json& path : Json{"a.mp4", "/a.MP4", std::string("/a\0.mp4", 7), 7, pathOf(3001)})
     expectRefused(state, {{"path", path}});
-  start({{"resolution", "640x360"},
-         {"target_fps", 30.0},
-         {"started_at", 1000.04},
-         {"cadence", "steady"}});
+  EXPECT_TRUE(recordingTimestamp(1000.04, 1000).has_value());
+  start({{"resolution", "640x360"}, {"target_fps", 30.0}, {"cadence", "steady"}});
   EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::steady);
   const auto settings = sessionSettings(SessionKind::recording, {640, 360}, 30);
   EXPECT_EQ(probe.encoders->ahead, std::vector{settings});
@@ -75,9 +73,8 @@ TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
 TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
   start();
   std::vector<bool> taken;
-  for (const bool keyframe : {true, false, false, false, true}) {
+  for (const bool keyframe : {true, false, false, false, true})
     taken.push_back(probe.take()->append(keyframe ? keySample() : deltaSample(), 1, keyframe));
-  }
   EXPECT_EQ(taken, (std::vector<bool>{true, true, false, false, false}));
   EXPECT_EQ(probe.take()->pendingWork(), 2);
   probe.run();
@@ -92,13 +89,9 @@ TEST_F(Takes, BurstsAreToldApartAndThePauseBehindThemPutsThingsRight) {
     probe.run();
   }
   const Json saved = finish({{"stopped_at", 1000.0}});
-  EXPECT_EQ(writer().timings, (Timings{{0, 100},
-                                       {100, 100},
-                                       {200, 100},
-                                       {300, 59700},
-                                       {60000, 100},
-                                       {60100, 5900},
-                                       {66000, 1000}}));
+  const Timings wanted = {{0, 100},     {100, 100},    {200, 100},   {300, 59700},
+                          {60000, 100}, {60100, 5900}, {66000, 1000}};
+  EXPECT_EQ(writer().timings, wanted);
   EXPECT_EQ(writer().end, 67000);
   EXPECT_NEAR(saved["duration"].get<double>(), 1.1 + 1.0 / 60, 1e-9);
 }
@@ -118,8 +111,7 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
     probe.restart();
     probe.failures->fail(call);
     probe.movies->problem = problem;
-    start();
-    frame(1001.0, true);
+    startWithFrame();
     frame(1001.1);
     EXPECT_EQ(failure(), message);
     for (const auto& made : probe.movies->writers) EXPECT_EQ(made->state, WriterStatus::cancelled);
@@ -143,9 +135,8 @@ TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
       sendStart();
       for (int i = 0; i < 3; ++i) {
         feed(probe.clock->now + 0.5);
-        for (const auto& session : probe.encoders->sessions) {
+        for (const auto& session : probe.encoders->sessions)
           if (!session->pending.empty()) session->answer(0, keySample());
-        }
         probe.run();
         if (client->cancelled) break;
         if (client->onSent) client->finishSend();
@@ -153,9 +144,8 @@ TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
       }
       stop();
       probe.run();
-      for (const auto& made : probe.movies->writers) {
+      for (const auto& made : probe.movies->writers)
         if (made->finished) made->complete(WriterStatus::completed);
-      }
       probe.run();
       hit = probe.failures->hasHit(call);
       EXPECT_FALSE(probe.isRawBusy());
@@ -247,8 +237,7 @@ TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {
 }
 
 TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
-  start();
-  frame(1001.0, true);
+  startWithFrame();
   EXPECT_EQ(events("recording").size(), 1u);
   frame(1001.5);
   probe.dispatch->tick();

@@ -9,26 +9,23 @@ inline const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
 inline const std::string takePath = "/takes/a.mp4";
 
 struct Takes : ServiceTest {
-  std::vector<Json> send(Json command) {
+  std::vector<Json> send(const char* type, Json command) {
+    command.emplace("type", type);
     command.emplace("id", takeID);
     probe.process->takeEvents();
     probe.command(command);
     return probe.process->takeEvents();
   }
   std::vector<Json> sendStart(Json extra = Json::object()) {
-    extra.emplace("type", "record_start");
     extra.emplace("path", takePath);
-    return send(extra);
+    return send("record_start", extra);
   }
   void start(const Json& extra = Json::object()) {
     const auto events = sendStart(extra);
     ASSERT_EQ(events.size(), 1u);
     ASSERT_EQ(events[0]["state"], "starting") << events[0];
   }
-  std::vector<Json> stop(Json extra = Json::object()) {
-    extra.emplace("type", "record_stop");
-    return send(extra);
-  }
+  std::vector<Json> stop(const Json& extra = Json::object()) { return send("record_stop", extra); }
   // A camera frame at uptime `at`, which is not encoded yet.
   void feed(double at, int width = 640, int height = 360) {
     probe.clock->now = at;
@@ -40,6 +37,10 @@ struct Takes : ServiceTest {
     if (probe.encoders->sessions.empty() || probe.lastSession().pending.empty()) return false;
     probe.answer(keyframe ? keySample() : deltaSample());
     return true;
+  }
+  void startWithFrame() {
+    start();
+    frame(1001.0, true);
   }
   FakeWriter& writer() { return *probe.movies->writers.back(); }
   // The events with this "state" since the last look.
