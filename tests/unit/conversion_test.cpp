@@ -46,18 +46,11 @@ Converted convert(const RawFrame& frame, int width, int height, Placement placem
 // 190 pixels: no whole number of vectors.
 TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
   RawFrame frame = makeFrame(190, 108, 200);
-  for (int i = 0; i < 190 * 54; ++i) {  // the bottom half of the picture is red
-    const std::uint8_t red[] = {255, 0, 0, 255};
-    std::copy_n(red, 4, frame.rgba.get() + i * 4);
-  }
-  for (const auto& [width, height] : {std::pair{190, 108},
-                                      {64, 36},
-                                      {320, 180},
-                                      {63, 35},
-                                      {24, 200},
-                                      {10, 10},
-                                      {2, 2},
-                                      {1, 200}}) {
+  const std::uint8_t red[] = {255, 0, 0, 255};  // the bottom half of the picture
+  for (int i = 0; i < 190 * 54; ++i) std::copy_n(red, 4, frame.rgba.get() + i * 4);
+  const std::pair<int, int> sizes[] = {{190, 108}, {64, 36}, {320, 180}, {63, 35},
+                                       {24, 200},  {10, 10}, {2, 2},     {1, 200}};
+  for (const auto& [width, height] : sizes) {
     const Converted converted = convert(frame, width, height, Placement::stretch);
     for (int x = 0; x < width; ++x) {
       ASSERT_EQ(converted.at(x, height - 1), (Pixel{0, 0, 255, 255})) << width;
@@ -102,9 +95,8 @@ double amplitudeAfterReduction(double period, bool vertical) {
   }
   const Converted converted = convert(frame, size / 3, size / 3, Placement::stretch);
   std::vector<int> values;
-  for (int i = 20; i < 100; ++i) {
+  for (int i = 20; i < 100; ++i)
     values.push_back(vertical ? converted.at(60, i).g : converted.at(i, 60).g);
-  }
   const auto [least, most] = std::ranges::minmax(values);
   return (most - least) / 200.0;
 }

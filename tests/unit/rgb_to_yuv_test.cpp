@@ -110,14 +110,12 @@ TEST(RgbToYuv, IsExactWithinRoundingAtEverySize) {
           ASSERT_EQ(v.at(columns, row), 7);
         }
         // The other channel order, the other way up, the other layout: the same samples.
-        Bytes rgba(bgra.size());
-        for (int row = 0; row < height; ++row) {
-          for (int x = 0; x < width * 4; ++x) {
-            static constexpr int swapped[] = {2, 0, -2, 0};
-            rgba[static_cast<std::size_t>((height - 1 - row) * stride + x)] =
-                bgra[static_cast<std::size_t>(row * stride + x + swapped[x % 4])];
-          }
+        Bytes rgba;
+        for (std::ptrdiff_t row = height; row-- > 0;) {
+          const auto from = bgra.begin() + row * stride;
+          rgba.insert(rgba.end(), from, from + stride);
         }
+        for (std::size_t i = 0; i < rgba.size(); i += 4) std::swap(rgba[i], rgba[i + 2]);
         Samples same(width, height), uv(columns * 2, rows);
         convertToNV12({rgba.data() + (height - 1) * stride, width, height, -stride},
                       ChannelOrder::rgba, same.plane(), uv.plane());

@@ -68,12 +68,10 @@ TEST(Packets, FailuresNameWhatIsWrong) {
 }
 
 TEST(Packets, LargestSampleFits) {
-  BrokenSample sample;
-  Bytes unit(2097138, 0x11);
-  unit[0] = 0x65;
-  sample.data.clear();
-  appendLengthPrefixed(sample.data, unit);
-  const FramePackets packets = prepareFrame(sample, 0x0102030405060708, 640, 360);
+  const auto sample = keySample(2097138);
+  Bytes data(sample->dataLength().value());
+  EXPECT_EQ(sample->copyBytes(0, data), 0);
+  const FramePackets packets = prepareFrame(*sample, 0x0102030405060708, 640, 360);
   EXPECT_TRUE(packets.keyframe);
   client::PacketParser parser;
   parser.feed(*packets.configuration);
@@ -82,14 +80,13 @@ TEST(Packets, LargestSampleFits) {
   const auto frame = parser.next();
   EXPECT_EQ(frame->frameID, 0x0102030405060708u);
   EXPECT_TRUE(frame->keyframe);
-  EXPECT_EQ(frame->payload, sample.data);
+  EXPECT_EQ(frame->payload, data);
 }
 
 TEST(PacketParser, RefusesWhatNoHelperSends) {
-  const Bytes tooShort = {0, 0, 0, 9, 2};
-  const Bytes tooLong = {0, 0x20, 0, 1, 2};
-  const Bytes badType = {0, 0, 0, 10, 3, 0, 0, 0, 0, 0, 0, 0, 1, 0};
-  for (const Bytes& bytes : {tooShort, tooLong, badType}) {
+  // Too short, too long, of no type.
+  for (const Bytes& bytes :
+       {Bytes{0, 0, 0, 9, 2}, {0, 0x20, 0, 1, 2}, {0, 0, 0, 10, 3, 0, 0, 0, 0, 0, 0, 0, 1, 0}}) {
     client::PacketParser parser;
     parser.feed(bytes);
     EXPECT_THROW(parser.next(), std::runtime_error);

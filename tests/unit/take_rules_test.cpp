@@ -1,7 +1,6 @@
 // Rules of takes, each by itself: commands, key frames, cadence, the movie's end, the relay.
 
 #include <array>
-#include <limits>
 #include <random>
 
 #include "encode/encoder_failure.h"
@@ -68,9 +67,8 @@ TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
   const auto admitted = [](int targetFPS, double cameraFPS, double jitter) {
     RecordingCadence cadence{targetFPS};
     int count = 0;
-    for (int i = 0; i < 600; ++i) {
+    for (int i = 0; i < 600; ++i)
       count += cadence.admit(100 + i / cameraFPS + (i % 3 - 1) * jitter) ? 1 : 0;
-    }
     return count;
   };
   EXPECT_EQ(admitted(60, 60, 0), 600);
@@ -94,9 +92,8 @@ std::vector<double> cameraTimes(double framesPerSecond, double jitter, double se
   std::mt19937 random(7);
   std::normal_distribution<double> deviation(0, 1);
   std::vector<double> times;
-  for (int i = 0; i < framesPerSecond * seconds; ++i) {
+  for (int i = 0; i < framesPerSecond * seconds; ++i)
     times.push_back(100 + i / framesPerSecond + jitter * deviation(random));
-  }
   return times;
 }
 

@@ -108,9 +108,8 @@ TEST(ViewerTakes, GoWhereTheyCanAndGiveOutWhatWasSaved) {
   EXPECT_EQ(takes.movie("X.mp4"), std::nullopt);
   tell("saved");
   EXPECT_EQ(takes.movie("X.mp4"), "/v/a.mp4");
-  for (const char* name : {"X", "../X.mp4", "Y.mp4", ""}) {
+  for (const char* name : {"X", "../X.mp4", "Y.mp4", ""})
     EXPECT_EQ(takes.movie(name), std::nullopt) << name;
-  }
 }
 
 TEST(WebRules, OnlyOurOwnPageUnderItsOwnNameGetsAnything) {
@@ -119,15 +118,12 @@ TEST(WebRules, OnlyOurOwnPageUnderItsOwnNameGetsAnything) {
   EXPECT_EQ(rules.address(), "http://127.0.0.1:4711/secret/");
   EXPECT_EQ(rules.resource(self, {}, "/secret/"), "");
   EXPECT_EQ(rules.resource("localhost:4711", "http://localhost:4711", "/secret/a.js?x=/"), "a.js");
-  for (const char* host : {"evil.example:4711", "127.0.0.1", "127.0.0.1:4712", ""}) {
-    EXPECT_EQ(rules.resource(host, {}, "/secret/"), std::nullopt) << host;
-  }
-  for (const char* origin : {"http://evil.example", "null", "https://127.0.0.1:4711"}) {
+  for (const char* host : {"evil.example:4711", "127.0.0.1", "127.0.0.1:4712", ""})
+    EXPECT_EQ(rules.resource(host, std::nullopt, "/secret/"), std::nullopt) << host;
+  for (const char* origin : {"http://evil.example", "null", "https://127.0.0.1:4711"})
     EXPECT_EQ(rules.resource(self, origin, "/secret/"), std::nullopt) << origin;
-  }
-  for (const char* target : {"/secreT/", "/secre/", "/secret", "secret/", "", "/"}) {
-    EXPECT_EQ(rules.resource(self, {}, target), std::nullopt) << target;
-  }
+  for (const char* target : {"/secreT/", "/secre/", "/secret", "secret/", "", "/"})
+    EXPECT_EQ(rules.resource(self, std::nullopt, target), std::nullopt) << target;
   EXPECT_EQ(WebRules(80, "s").resource("localhost", "http://localhost", "/s/"), "");
   EXPECT_TRUE(rules.allowsSocket("http://127.0.0.1:4711"));
   EXPECT_FALSE(rules.allowsSocket(std::nullopt));
