@@ -64,7 +64,8 @@ TEST(Conversion, AFrameThatIsWrappedIsKeptForItsBuffer) {
   RawFrame frame = makeFrame(16, 8, 77, pool);
   const std::uint8_t* memory = frame.rgba.get();
   Converted converted = convert(frame, 16, 8, Placement::aspectFit);
-  frame = makeFrame(16, 8, 1, pool);
+  frame = {};
+  const RawFrame other = makeFrame(16, 8, 1, pool);
   EXPECT_EQ(converted.at(3, 3), (Pixel{77, 77, 77, 77}));
   converted.buffer.reset();
   EXPECT_EQ(pool->allocate(16 * 8 * 4).get(), memory);

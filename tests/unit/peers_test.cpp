@@ -115,6 +115,7 @@ TEST_F(Peers, RoundTripsAreSmoothed) {
 
 TEST_F(Peers, FirstSendIsConfigurationAndKeyFrame) {
   const auto client = probe.connectClient();
+  EXPECT_TRUE(probe.encoders->sessions.empty());
   probe.frame(1, deltaSample());
   probe.frame(2, deltaSample());
   EXPECT_TRUE(client->sent.empty());

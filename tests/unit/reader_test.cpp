@@ -1,6 +1,5 @@
 // The record stream on standard input: framing, limits, admission.
 
-#include <deque>
 #include <mutex>
 #include <semaphore>
 #include <thread>
