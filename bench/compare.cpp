@@ -132,14 +132,18 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
   made.push_back({"encoders alone", [&ready, preset] { return runBound(ready, preset); }});
   made.push_back(
       {"encoders and a pipe", [&ready, preset] { return runBoundWithPipe(ready, preset); }});
-  const Outputs ours = outputs("helper");
-  const PacedLoad load{.helper = helper,
-                       .preset = preset,
-                       .clients = 1,
-                       .take = "1920x1080",
-                       .previewPath = ours.preview,
-                       .takePath = ours.take};
-  made.push_back({"helper", [load, &clip] { return runHelper(load, clip); }, ours});
+  for (const bool frameMemory : {false, true}) {
+    const Outputs ours = outputs(frameMemory ? "helper-memory" : "helper");
+    const PacedLoad load{.helper = helper,
+                         .preset = preset,
+                         .clients = 1,
+                         .take = "1920x1080",
+                         .previewPath = ours.preview,
+                         .takePath = ours.take,
+                         .frameMemory = frameMemory};
+    made.push_back({frameMemory ? "helper, frame memory" : "helper",
+                    [load, &clip] { return runHelper(load, clip); }, ours});
+  }
   if (preset.empty()) return made;  // nobody else has our settings
   const auto peer = [&](const char* name, const char* file, auto command) {
     const Outputs files = outputs(file);
@@ -227,8 +231,11 @@ Event compare(const std::string& helper, int rounds) {
   }
   std::printf("\n60 seconds at 60 frames a second, as shipped\n");
   for (const char* take : {"none", "1080x720", "1920x1080"}) {
-    const PacedLoad load{.helper = helper, .seconds = longSeconds, .take = take};
-    print(load, camera, runPacedLoad(load, clip));
+    for (const bool frameMemory : {false, true}) {
+      const PacedLoad load{
+          .helper = helper, .seconds = longSeconds, .take = take, .frameMemory = frameMemory};
+      print(load, camera, runPacedLoad(load, clip));
+    }
   }
   std::filesystem::remove_all(scratch);
   return report;

@@ -16,7 +16,8 @@ using namespace lumora;
 constexpr const char* usage =
     "usage: lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS none|PROFILE\n"
     "       lumora-paced HELPER growth SECONDS\n"
-    "       lumora-paced HELPER takes ROUNDS [PROFILE]\n";
+    "       lumora-paced HELPER takes ROUNDS [PROFILE]\n"
+    "       FRAMES=pipe|memory in the environment: how frames reach the helper\n";
 
 constexpr int clipFrames = 60;
 
@@ -35,7 +36,8 @@ void measureGrowth(const std::string& helper, double seconds) {
                    .seconds = seconds,
                    .clients = clients,
                    .take = take,
-                   .targetFPS = rate},
+                   .targetFPS = rate,
+                   .frameMemory = tools::sharesFrames()},
                   clip);
         }
       }
@@ -78,6 +80,7 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
   const bench::PacedLoad load{.helper = helper,
                               .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
                               .clients = 1,
+                              .frameMemory = tools::sharesFrames(),
                               .schedule = [&](tools::HelperProcess& to, std::uint64_t frame) {
                                 commandTakes(to, frame, folder, profile);
                               }};
@@ -115,7 +118,8 @@ int run(const std::vector<std::string>& words) {
              .seconds = amount,
              .clients = std::stoi(words[5]),
              .take = words[6],
-             .targetFPS = rate},
+             .targetFPS = rate,
+             .frameMemory = tools::sharesFrames()},
             clip);
   } else {
     std::fputs(usage, stderr);

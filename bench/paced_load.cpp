@@ -17,6 +17,7 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   options.launch = {load.helper, client::makeToken(), {}, {}};
   if (!load.preset.empty())
     options.launch.environment = {{"TAVO_H264_ENCODER", "software:" + load.preset}};
+  options.frameMemory = load.frameMemory;
   options.framesPerSecond = load.framesPerSecond;
   options.seconds = load.seconds;
   options.clients = load.clients;
@@ -30,6 +31,8 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
     return event.is_object() ? event.value(key, std::int64_t{0}) : 0;
   };
   const std::vector<double> latencies = tools::latencies(report);
+  std::vector<double> fromCall;
+  for (const auto& delivery : report.deliveries) fromCall.push_back(delivery.fromCall);
   const auto& last = report.last;
   const auto fed = static_cast<double>(last.fed);
   const auto firstSecond = std::min(static_cast<std::uint64_t>(load.framesPerSecond), last.fed);
@@ -49,7 +52,10 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
           .p50 = tools::percentile(latencies, 0.5),
           .p95 = tools::percentile(latencies, 0.95),
           .p99 = tools::percentile(latencies, 0.99),
+          .fromCallP50 = tools::percentile(fromCall, 0.5),
+          .fromCallP99 = tools::percentile(fromCall, 0.99),
           .cpuMilliseconds = tools::cpuSeconds(report.exit.resources) * 1000 / fed,
+          .parentMilliseconds = report.parentCPU * 1000 / fed,
           .pageFaults = static_cast<double>(report.exit.resources.ru_minflt) / fed,
           .peakMegabytes = report.peakMegabytes,
           .readyMilliseconds = report.readyMilliseconds,
@@ -59,17 +65,19 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
 
 void print(const PacedLoad& load, client::FrameSize size, const PacedResult& result) {
   std::printf(
-      "%4dx%-4d %2d fps  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu  "
+      "%4dx%-4d %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu  "
       "dropped %lld raw (%llu at the start) %lld withheld  throttled %lld  latency p50 "
-      "%5.2f p95 %5.2f p99 %5.2f ms  cpu %5.2f ms/frame  page faults %.1f/frame  peak %.0f MB  "
+      "%5.2f p95 %5.2f p99 %5.2f ms, from the call p50 %5.2f p99 %5.2f ms  cpu %5.2f ms/frame, "
+      "parent %5.2f  page faults %.1f/frame  peak %.0f MB  "
       "ready %.0f ms\n",
-      size.width, size.height, load.framesPerSecond, load.clients, load.take.c_str(),
-      static_cast<unsigned long long>(result.fed),
+      size.width, size.height, load.framesPerSecond, load.frameMemory ? "memory" : "pipe",
+      load.clients, load.take.c_str(), static_cast<unsigned long long>(result.fed),
       static_cast<unsigned long long>(result.delivered),
       static_cast<unsigned long long>(result.recorded), static_cast<long long>(result.droppedRaw),
       static_cast<unsigned long long>(result.lostAtStart), static_cast<long long>(result.withheld),
       static_cast<long long>(result.takeThrottled), result.p50, result.p95, result.p99,
-      result.cpuMilliseconds, result.pageFaults, result.peakMegabytes, result.readyMilliseconds);
+      result.fromCallP50, result.fromCallP99, result.cpuMilliseconds, result.parentMilliseconds,
+      result.pageFaults, result.peakMegabytes, result.readyMilliseconds);
   std::fflush(stdout);
 }
 

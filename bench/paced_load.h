@@ -21,6 +21,7 @@ struct PacedLoad {
   int targetFPS = 60;            // of the take
   std::string previewPath = {};  // where the files go; empty: nowhere that lasts
   std::string takePath = {};
+  bool frameMemory = false;  // how frames reach the helper; else through its pipe
   // Called before each frame is written, for commands of one's own.
   std::function<void(tools::HelperProcess&, std::uint64_t frame)> schedule = {};
 };
@@ -38,8 +39,11 @@ struct PacedResult {
   double p50 = 0;  // latency from a frame's last byte to its packet, milliseconds
   double p95 = 0;
   double p99 = 0;
-  double cpuMilliseconds = 0;  // per frame, user and system
-  double pageFaults = 0;       // per frame, the start included
+  double fromCallP50 = 0;  // from before its first byte
+  double fromCallP99 = 0;
+  double cpuMilliseconds = 0;     // per frame, user and system
+  double parentMilliseconds = 0;  // the same of our own process, which feeds and watches
+  double pageFaults = 0;          // per frame, the start included
   double peakMegabytes = 0;
   double readyMilliseconds = 0;  // from exec to "ready"
   double fedSeconds = 0;

@@ -19,6 +19,8 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leav
 namespace lumora::client {
 namespace {
 
+constexpr std::size_t maximumPending = std::size_t{1} << 16;  // without a line feed
+
 struct Pipe {
   Descriptor read;
   Descriptor write;
@@ -39,6 +41,9 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
   }
   for (const auto& [name, value] : options.environment) merged[name] = value;
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
+  if (options.frameMemory) {
+    merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory->descriptor());
+  }
   std::vector<std::string> result;
   for (const auto& [name, value] : merged) result.push_back(name + "=" + value);
   return result;
@@ -56,6 +61,10 @@ pid_t spawn(const LaunchOptions& options, int input, int output) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  if (options.frameMemory) {
+    const int memory = options.frameMemory->descriptor();
+    posix_spawn_file_actions_adddup2(&actions, memory, memory);  // now no longer closed there
+  }
   std::vector<std::string> arguments = {options.program};
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
   std::vector<std::string> environment = childEnvironment(options);
@@ -123,6 +132,10 @@ bool ChildProcess::writeFrame(FrameSize size, std::uint64_t id,
   return input_.isOpen() && writeAll(input_.get(), {part(header), part(rgba)});
 }
 
+bool ChildProcess::writeReference(FrameSize size, std::uint64_t id, std::uint64_t offset) {
+  return writeBytes(frameReference(size, id, offset));
+}
+
 bool ChildProcess::writeBytes(std::span<const std::uint8_t> bytes) {
   return input_.isOpen() && writeAll(input_.get(), {part(bytes), iovec{nullptr, 0}});
 }
@@ -141,6 +154,7 @@ std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
     const ssize_t count = read(output_.get(), bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return std::nullopt;
+    if (pending_.size() > maximumPending) pending_.clear();  // no helper says that
     pending_.append(bytes.data(), static_cast<std::size_t>(count));
   }
 }
@@ -158,6 +172,8 @@ std::optional<ExitStatus> ChildProcess::wait(double timeoutSeconds) {
     if (ended == pid_) {
       status_ = WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0, usage}
                                   : ExitStatus{0, WTERMSIG(status), usage};
+    } else if (ended < 0 && errno == ECHILD) {
+      status_ = ExitStatus{-1, 0, {}};  // somebody else has waited for it
     } else if (deadline.millisecondsLeft() == 0) {
       return std::nullopt;
     } else {

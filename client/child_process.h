@@ -8,12 +8,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "client/descriptor.h"
+#include "client/frame_memory.h"
 #include "client/records.h"
 
 namespace lumora::client {
@@ -23,10 +25,11 @@ struct LaunchOptions {
   std::string token;                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is passed
   std::vector<std::string> arguments;  // "--port", "0", ...
   std::map<std::string, std::string> environment;  // on top of our own
+  std::shared_ptr<FrameMemory> frameMemory = {};   // to share with it; may be null
 };
 
 struct ExitStatus {
-  int code = 0;        // when it ended by itself
+  int code = 0;        // when it ended by itself; -1: not known
   int signal = 0;      // else the signal that ended it
   rusage resources{};  // what its whole life took
 };
@@ -36,8 +39,8 @@ std::string makeToken();
 
 class ChildProcess {
  public:
-  // Starts it with its standard input and output on pipes, which no other child inherits. Throws
-  // std::system_error.
+  // Starts it with its standard input and output on pipes, which no other child inherits, as it
+  // does not the memory for frames. Throws std::system_error.
   explicit ChildProcess(const LaunchOptions& options);
   // Kills it if it still runs.
   ~ChildProcess();
@@ -47,6 +50,8 @@ class ChildProcess {
   // The writes block until all bytes are taken; false when it no longer reads, which raises SIGPIPE
   // on the calling thread.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
+  // The same for pixels at `offset` of the memory that it shares.
+  bool writeReference(FrameSize size, std::uint64_t id, std::uint64_t offset);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
 

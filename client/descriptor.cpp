@@ -25,7 +25,7 @@ void Descriptor::reset() {
 Deadline::Deadline(double seconds)
     : end_(std::chrono::steady_clock::now() +
            std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-               std::chrono::duration<double>(seconds))) {}
+               std::chrono::duration<double>(seconds > 0 ? std::min(seconds, 86400.0) : 0))) {}
 
 int Deadline::millisecondsLeft() const {
   const auto left =

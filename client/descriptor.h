@@ -28,8 +28,9 @@ class Descriptor {
 // When a wait has to end.
 class Deadline {
  public:
-  explicit Deadline(double seconds);
-  int millisecondsLeft() const;  // rounded up, never negative
+  explicit Deadline(double seconds);  // a day at most
+  int millisecondsLeft() const;       // rounded up, never negative
+  std::chrono::steady_clock::time_point time() const { return end_; }
 
  private:
   std::chrono::steady_clock::time_point end_;

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "client/frame_loan.h"
 #include "client/quiet_thread.h"
 
 namespace lumora::client {
@@ -17,6 +18,7 @@ Feeder::~Feeder() {
 }
 
 void Feeder::write(Frame frame, std::uint64_t id) {
+  if (!frame.loan_) throw std::invalid_argument("this frame was published before");
   std::list<Entry> entry;
   entry.push_back({std::move(frame), id, {}});
   const std::lock_guard hold(mutex_);
@@ -37,6 +39,11 @@ bool Feeder::write(std::string commandRecord) {
   waiting_.push_back({std::nullopt, 0, std::move(commandRecord)});
   changed_.notify_one();
   return true;
+}
+
+void Feeder::drop() {
+  const std::lock_guard hold(mutex_);
+  ++counts_.dropped;
 }
 
 void Feeder::end() {
@@ -84,7 +91,12 @@ bool Feeder::writeEntry(const Entry& entry) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(entry.command.data());
     return helper_->writeBytes({bytes, entry.command.size()});
   }
-  return helper_->writeFrame(entry.frame->size(), entry.id, entry.frame->pixels());
+  const Frame& frame = *entry.frame;
+  const auto offset = frame.loan_->offset();
+  if (!offset) return helper_->writeFrame(frame.size(), entry.id, frame.pixels());
+  if (!helper_->writeReference(frame.size(), entry.id, *offset)) return false;
+  frame.loan_->published(entry.id);
+  return true;
 }
 
 }  // namespace lumora::client

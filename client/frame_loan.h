@@ -2,41 +2,24 @@
 
 #include <lumora/frame.h>
 
-#include <mutex>
-#include <vector>
+#include <cstdint>
+#include <optional>
 
 namespace lumora::client {
 
-// Buffers for frames, kept between them. Any thread.
-class FrameBuffers : public std::enable_shared_from_this<FrameBuffers> {
- public:
-  static constexpr int count = 3;  // one is written, one waits, one is rendered into
-
-  // Null when all are lent. Throws std::bad_alloc.
-  std::unique_ptr<Frame::Loan> lend(std::size_t bytes);
-
- private:
-  friend class Frame::Loan;
-  void giveBack(std::vector<std::uint8_t> buffer);
-
-  std::mutex mutex_;
-  int lent_ = 0;
-  std::vector<std::vector<std::uint8_t>> idle_;
-};
-
+// What a frame holds: a buffer of its own, or a slot that a helper sees too.
 class Frame::Loan {
  public:
-  Loan(std::shared_ptr<FrameBuffers> from, std::vector<std::uint8_t> buffer)
-      : from_(std::move(from)), buffer_(std::move(buffer)) {}
-  ~Loan() { from_->giveBack(std::move(buffer_)); }
+  Loan() = default;
+  virtual ~Loan() = default;
   Loan(const Loan&) = delete;
   Loan& operator=(const Loan&) = delete;
 
-  std::uint8_t* pixels() { return buffer_.data(); }
-
- private:
-  std::shared_ptr<FrameBuffers> from_;
-  std::vector<std::uint8_t> buffer_;
+  virtual std::uint8_t* pixels() = 0;
+  // Where the pixels lie in the memory shared with the helper; nothing when they don't.
+  virtual std::optional<std::uint64_t> offset() const { return std::nullopt; }
+  // The helper has been told of them under this id, and says itself when it is done with them.
+  virtual void published(std::uint64_t) {}
 };
 
 }  // namespace lumora::client

@@ -1,6 +1,7 @@
 #include <lumora/helper.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -10,11 +11,13 @@
 #include <utility>
 
 #include "client/feeder.h"
-#include "client/frame_loan.h"
+#include "client/frame_buffers.h"
+#include "client/frame_memory.h"
 #include "client/program.h"
 #include "client/quiet_thread.h"
 #include "client/take_command.h"
 #include "client/take_state.h"
+#include "client/takes.h"
 
 namespace lumora::client {
 namespace {
@@ -32,31 +35,37 @@ void check(FrameSize size) {
   if (!fits) throw std::invalid_argument("no helper takes frames of this size");
 }
 
-std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token) {
+std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token,
+                                     std::shared_ptr<FrameMemory> memory) {
   const std::string program = findProgram(options.program);
   try {
     return std::make_shared<ChildProcess>(
-        LaunchOptions{program, token, options.arguments, options.environment});
+        LaunchOptions{program, token, options.arguments, options.environment, std::move(memory)});
   } catch (const std::system_error& error) {
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }
 }
 
+std::string describe(const Exited& end) {
+  if (end.signal != 0) return "signal " + std::to_string(end.signal);
+  return end.status < 0 ? "a status that was not told" : "status " + std::to_string(end.status);
+}
+
 // With everything that it said until then.
 Ready awaitReady(ChildProcess& process, std::vector<Event>& said) {
   const Deadline deadline(secondsToBecomeReady);
-  std::string problem = "it did not become ready";
+  std::string problem;
   while (auto line = process.nextLine(deadline.millisecondsLeft() / 1000.0)) {
     said.push_back(parseEvent(*std::move(line)));
     if (const auto* error = std::get_if<Error>(&said.back().what)) problem = error->message;
     if (const auto* ready = std::get_if<Ready>(&said.back().what)) return *ready;
   }
+  if (problem.empty()) {
+    const auto status = process.wait(deadline.millisecondsLeft() > 0 ? 1 : 0);
+    problem = status ? "it ended at once with " + describe({status->code, status->signal})
+                     : "it did not become ready";
+  }
   throw StartError("the helper did not start: " + problem);
-}
-
-std::string describe(const Exited& end) {
-  return end.signal != 0 ? "signal " + std::to_string(end.signal)
-                         : "status " + std::to_string(end.status);
 }
 
 }  // namespace
@@ -65,18 +74,25 @@ class Helper::Impl {
  public:
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
-        process_(launch(options, token_)),
+        memory_(options.frameMemory ? FrameMemory::make() : nullptr),
+        process_(launch(options, token_, memory_)),
         ready_(awaitReady(*process_, saidFirst_)),
         onEvent_(std::move(onEvent)),
-        feeder_(std::make_shared<Feeder>(process_)),
-        reader_(startQuietThread([this] { readEvents(); })) {}
+        feeder_(std::make_shared<Feeder>(process_)) {}
 
   ~Impl() {
+    if (!reader_.joinable()) return;
     stop();
     reader_.join();
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
+
+  // From now on events are told.
+  void begin() {
+    reader_ = startQuietThread([this] { readEvents(); });
+    readerID_ = reader_.get_id();
+  }
 
   std::uint16_t port() const { return ready_.port; }
   const std::string& token() const { return token_; }
@@ -84,44 +100,41 @@ class Helper::Impl {
 
   std::optional<Frame> acquireFrame(FrameSize size) {
     check(size);
-    auto loan = buffers_->lend(size.bytes());
-    if (!loan) return std::nullopt;
+    auto loan = memory_ ? memory_->acquire() : buffers_->lend(size.bytes());
+    if (!loan) {
+      feeder_->drop();
+      return std::nullopt;
+    }
     return Frame(size, std::move(loan));
   }
 
   void publish(Frame frame, std::uint64_t id) { feeder_->write(std::move(frame), id); }
 
-  FrameCounts frames() const { return feeder_->counts(); }
+  FrameCounts frameCounts() const { return feeder_->counts(); }
 
   Take startTake(const TakeOptions& options) {
     Recording asked;
     asked.id = randomTakeID();
     asked.path = options.path;
-    const std::string command = startCommand(asked.id, options);
+    const double startedAt = options.startedAt.value_or(uptime());
+    const std::string command = startCommand(asked.id, options, startedAt);
     // A take may outlive its helper.
     const auto state = std::make_shared<Take::State>(
-        asked, [feeder = std::weak_ptr(feeder_)](const std::string& stop) {
+        asked, startedAt, [feeder = std::weak_ptr(feeder_)](const std::string& stop) {
           if (const auto alive = feeder.lock()) alive->write(commandRecord(stop));
         });
-    {
-      const std::lock_guard hold(mutex_);
-      if (exit_) {
-        state->abandon("the helper has ended with " + describe(*exit_));
-      } else {
-        takes_[asked.id] = state;
-      }
-    }
+    takes_.add(state);
     feeder_->write(commandRecord(command));
     return {asked.id, asked.path, state};
   }
 
-  std::optional<Exited> exit() const {
+  std::optional<Exited> exited() const {
     const std::lock_guard hold(mutex_);
     return exit_;
   }
 
   Exited stop() {
-    if (std::this_thread::get_id() == reader_.get_id()) {
+    if (std::this_thread::get_id() == readerID_) {
       throw std::logic_error("a helper can't be stopped by its own event handler");
     }
     feeder_->end();
@@ -140,15 +153,11 @@ class Helper::Impl {
     for (const Event& event : saidFirst_) tell(event);
     while (const auto line = process_->nextLine(aDay)) tell(parseEvent(*line));
     const Exited end = awaitEnd();
-    std::map<std::string, std::shared_ptr<Take::State>> unfinished;
     {
       const std::lock_guard hold(mutex_);
       exit_ = end;
-      unfinished.swap(takes_);
     }
-    for (const auto& [id, take] : unfinished) {
-      take->abandon("the helper has ended with " + describe(end));
-    }
+    takes_.abandonAll("the helper has ended with " + describe(end));
     tell({{}, end});
     const std::lock_guard hold(mutex_);
     isOver_ = true;
@@ -168,20 +177,8 @@ class Helper::Impl {
   }
 
   void tell(const Event& event) {
-    if (const auto* recording = std::get_if<Recording>(&event.what)) report(*recording);
+    if (const auto* recording = std::get_if<Recording>(&event.what)) takes_.report(*recording);
     if (onEvent_) onEvent_(event);
-  }
-
-  void report(const Recording& recording) {
-    std::shared_ptr<Take::State> take;
-    {
-      const std::lock_guard hold(mutex_);
-      const auto found = takes_.find(recording.id);
-      if (found == takes_.end()) return;
-      take = found->second;
-      if (recording.isOver()) takes_.erase(found);
-    }
-    take->report(recording);
   }
 
   std::optional<Exited> awaitExit(double seconds) {
@@ -191,24 +188,28 @@ class Helper::Impl {
   }
 
   const std::string token_;
+  const std::shared_ptr<FrameMemory> memory_;  // null: pictures go through the pipe
   const std::shared_ptr<ChildProcess> process_;
   std::vector<Event> saidFirst_;  // up to "ready"
   const Ready ready_;
   const EventHandler onEvent_;
   const std::shared_ptr<FrameBuffers> buffers_ = std::make_shared<FrameBuffers>();
   const std::shared_ptr<Feeder> feeder_;
+  Takes takes_;
 
   mutable std::mutex mutex_;  // guards the next, and the process's end
   std::condition_variable over_;
   bool isOver_ = false;  // the last event has been told
   std::optional<Exited> exit_;
-  std::map<std::string, std::shared_ptr<Take::State>> takes_;  // that have not ended, by id
 
   std::thread reader_;
+  std::atomic<std::thread::id> readerID_;
 };
 
 Helper::Helper(const HelperOptions& options, EventHandler onEvent)
-    : impl_(std::make_unique<Impl>(options, std::move(onEvent))) {}
+    : impl_(std::make_unique<Impl>(options, std::move(onEvent))) {
+  impl_->begin();  // an event handler may use us
+}
 Helper::~Helper() = default;
 
 std::uint16_t Helper::port() const { return impl_->port(); }
@@ -216,9 +217,9 @@ const std::string& Helper::token() const { return impl_->token(); }
 int Helper::pid() const { return impl_->pid(); }
 std::optional<Frame> Helper::acquireFrame(FrameSize size) { return impl_->acquireFrame(size); }
 void Helper::publish(Frame frame, std::uint64_t id) { impl_->publish(std::move(frame), id); }
-FrameCounts Helper::frames() const { return impl_->frames(); }
+FrameCounts Helper::frameCounts() const { return impl_->frameCounts(); }
 Take Helper::startTake(const TakeOptions& options) { return impl_->startTake(options); }
-std::optional<Exited> Helper::exit() const { return impl_->exit(); }
+std::optional<Exited> Helper::exited() const { return impl_->exited(); }
 Exited Helper::stop() { return impl_->stop(); }
 
 bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 
 namespace lumora::client {
@@ -14,19 +15,23 @@ std::string environment(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-bool isProgram(const std::string& path) { return access(path.c_str(), X_OK) == 0; }
+bool isProgram(const std::filesystem::path& path) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(path, error) && access(path.c_str(), X_OK) == 0;
+}
 
 }  // namespace
 
 std::string findProgram(const std::string& named) {
   std::string wanted = named.empty() ? environment("LUMORA_VIDEO_PATH") : named;
   if (!wanted.empty()) {
-    if (isProgram(wanted)) return wanted;
+    // What is looked at here is what runs, also if its name has no slash.
+    if (isProgram(wanted)) return std::filesystem::absolute(wanted);
     throw StartError("there is no program at " + wanted);
   }
   std::istringstream folders(environment("PATH"));
   for (std::string folder; std::getline(folders, folder, ':');) {
-    std::string path = folder + "/lumora-video";
+    const auto path = std::filesystem::absolute(folder) / "lumora-video";
     if (isProgram(path)) return path;
   }
   throw StartError(

@@ -1,5 +1,7 @@
 #include "client/records.h"
 
+#include <algorithm>
+
 namespace lumora::client {
 namespace {
 
@@ -25,6 +27,15 @@ RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
   return recordHeader(static_cast<std::uint32_t>(size.bytes()),
                       static_cast<std::uint16_t>(size.width),
                       static_cast<std::uint16_t>(size.height), id);
+}
+
+ReferenceBytes frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset) {
+  const auto header = recordHeader(8, static_cast<std::uint16_t>(size.width),
+                                   static_cast<std::uint16_t>(size.height), id);
+  ReferenceBytes record{};
+  std::ranges::copy(header, record.begin());
+  store(record.data() + header.size(), offset, 8);
+  return record;
 }
 
 std::string commandRecord(const std::string& json) {

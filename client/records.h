@@ -22,6 +22,10 @@ RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::u
 // start above 0 and grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id);
 
+// A whole record of a frame whose pixels lie at `offset` of the memory shared with the helper.
+using ReferenceBytes = std::array<std::uint8_t, 24>;
+ReferenceBytes frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset);
+
 // A whole command record around its JSON text (1 to `maximumCommandBytes`).
 std::string commandRecord(const std::string& json);
 

@@ -1,22 +1,28 @@
 #include <lumora/take.h>
 #include <lumora/uptime.h>
 
-#include <chrono>
 #include <utility>
 
+#include "client/descriptor.h"
 #include "client/take_command.h"
 #include "client/take_state.h"
 
 namespace lumora::client {
 
 void Take::State::stop(double stoppedAt) {
-  std::string id;
+  std::string command;
   {
     const std::lock_guard hold(mutex_);
-    if (std::exchange(stopped_, true) || latest_.isOver()) return;
-    id = latest_.id;
+    if (stoppedAt_ || latest_.isOver()) return;
+    command = stopCommand(latest_.id, stoppedAt);
+    stoppedAt_ = stoppedAt;
   }
-  send_(stopCommand(id, stoppedAt));
+  send_(command);
+}
+
+std::optional<double> Take::State::stoppedAt() const {
+  const std::lock_guard hold(mutex_);
+  return stoppedAt_;
 }
 
 void Take::State::report(const Recording& recording) {
@@ -40,10 +46,8 @@ Recording Take::State::latest() const {
 
 std::optional<Recording> Take::State::waitForEnd(double seconds) const {
   std::unique_lock hold(mutex_);
-  if (!changed_.wait_for(hold, std::chrono::duration<double>(seconds),
-                         [this] { return latest_.isOver(); })) {
-    return std::nullopt;
-  }
+  const auto isOver = [this] { return latest_.isOver(); };
+  if (!changed_.wait_until(hold, Deadline(seconds).time(), isOver)) return std::nullopt;
   return latest_;
 }
 
@@ -53,6 +57,10 @@ Take::Take(std::string id, std::string path, std::shared_ptr<State> state)
 std::string Take::stagingPath() const { return path_ + "." + id_ + ".partial"; }
 
 void Take::stop(std::optional<double> stoppedAt) { state_->stop(stoppedAt.value_or(uptime())); }
+
+double Take::startedAt() const { return state_->startedAt(); }
+
+std::optional<double> Take::stoppedAt() const { return state_->stoppedAt(); }
 
 Recording Take::latest() const { return state_->latest(); }
 

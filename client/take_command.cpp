@@ -13,6 +13,14 @@ namespace {
 
 using Json = nlohmann::json;
 
+// The limits of docs/protocol.md.
+void checkTime(double time) {
+  const double ago = uptime() - time;
+  if (ago <= 30 && ago >= -0.05) return;  // a number, too
+  throw std::invalid_argument(
+      "a take begins and ends at most 30 s ago or 50 ms from now, on the uptime clock");
+}
+
 std::string text(const Json& command) {
   std::string json;
   try {
@@ -36,11 +44,10 @@ std::string randomTakeID() {
   return id;
 }
 
-std::string startCommand(const std::string& id, const TakeOptions& options) {
-  Json command = {{"type", "record_start"},
-                  {"id", id},
-                  {"path", options.path},
-                  {"started_at", options.startedAt.value_or(uptime())}};
+std::string startCommand(const std::string& id, const TakeOptions& options, double startedAt) {
+  checkTime(startedAt);
+  Json command = {
+      {"type", "record_start"}, {"id", id}, {"path", options.path}, {"started_at", startedAt}};
   if (!options.resolution.empty()) command["resolution"] = options.resolution;
   if (options.targetFPS != 0) command["target_fps"] = options.targetFPS;
   if (options.steady) command["cadence"] = "steady";
@@ -48,6 +55,7 @@ std::string startCommand(const std::string& id, const TakeOptions& options) {
 }
 
 std::string stopCommand(const std::string& id, double stoppedAt) {
+  checkTime(stoppedAt);
   return text({{"type", "record_stop"}, {"id", id}, {"stopped_at", stoppedAt}});
 }
 

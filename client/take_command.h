@@ -10,8 +10,9 @@ namespace lumora::client {
 
 std::string randomTakeID();  // a UUID
 
-// Throws std::invalid_argument for options that make no command.
-std::string startCommand(const std::string& id, const TakeOptions& options);
+// Throw std::invalid_argument for options that make no command, and for times that a helper
+// refuses.
+std::string startCommand(const std::string& id, const TakeOptions& options, double startedAt);
 std::string stopCommand(const std::string& id, double stoppedAt);
 
 }  // namespace lumora::client

@@ -8,7 +8,8 @@ void require(bool held) {
   if (!held) std::abort();
 }
 
-FuzzedService::FuzzedService() {
+FuzzedService::FuzzedService(std::shared_ptr<FrameMemory> frameMemory)
+    : probe({.token = "0123456789abcdef"}, std::move(frameMemory)) {
   probe.becomeReady();
   client = probe.connectClient();
 }

@@ -1,8 +1,10 @@
 // The demo parent: starts the helper, feeds it a moving picture, watches the preview with two
 // clients, records a take and tells how it went.
 //
-//   lumora-demo HELPER OUTPUT-FOLDER [SECONDS]     INPUT in the environment may name a file or
-//   camera
+//   lumora-demo HELPER OUTPUT-FOLDER [SECONDS]
+//
+// In the environment INPUT may name a file or camera, and FRAMES how pictures reach the helper:
+// "memory" or "pipe".
 
 #include <cstdio>
 #include <cstdlib>
@@ -99,6 +101,7 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   std::filesystem::create_directories(folder);
   tools::RunOptions options;
   options.launch = {helper, client::makeToken(), {}, {}};
+  options.frameMemory = tools::sharesFrames();
   options.framesPerSecond = framesPerSecond;
   options.seconds = seconds;
   options.previewPath = folder / "preview.h264";
@@ -106,8 +109,9 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
   options.take = {movie, "1080x720", framesPerSecond};
   const auto source = tools::openInput(pictureSize, framesPerSecond);
-  std::printf("Feeding 1920x1080 at %d frames a second for %.0f s to %s\n", framesPerSecond,
-              seconds, helper.c_str());
+  std::printf("Feeding 1920x1080 at %d frames a second for %.0f s through %s to %s\n",
+              framesPerSecond, seconds, options.frameMemory ? "shared memory" : "its pipe",
+              helper.c_str());
   const tools::RunReport report = tools::runPaced(
       options, *source,
       [&](const tools::RunProgress& progress) { showProgress(progress, options.clients); });

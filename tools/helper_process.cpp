@@ -1,12 +1,46 @@
 #include "tools/helper_process.h"
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+#include "client/frame_loan.h"
 
 namespace lumora::tools {
-HelperProcess::HelperProcess(const client::LaunchOptions& options) : ChildProcess(options) {
+
+bool sharesFrames(bool otherwise) {
+  const char* value = std::getenv("FRAMES");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const std::string_view way = value == nullptr ? "" : value;
+  if (way.empty()) return otherwise;
+  if (way != "memory" && way != "pipe")
+    throw std::runtime_error("FRAMES is neither memory nor pipe");
+  return way == "memory";
+}
+
+HelperProcess::HelperProcess(const client::LaunchOptions& options)
+    : ChildProcess(options), memory_(options.frameMemory) {
   struct sigaction current {};
   sigaction(SIGPIPE, nullptr, &current);
   if (current.sa_handler == SIG_DFL) std::signal(SIGPIPE, SIG_IGN);
+}
+
+bool HelperProcess::writeFrame(client::FrameSize size, std::uint64_t id,
+                               std::span<const std::uint8_t> rgba) {
+  if (!memory_) return ChildProcess::writeFrame(size, id, rgba);
+  const client::Deadline deadline(20);
+  auto slot = memory_->acquire();
+  while (!slot && deadline.millisecondsLeft() > 0) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    slot = memory_->acquire();
+  }
+  if (!slot) return false;
+  std::ranges::copy(rgba, slot->pixels());
+  if (!writeReference(size, id, *slot->offset())) return false;
+  slot->published(id);
+  return true;
 }
 
 bool HelperProcess::writeCommand(const Event& command) {

@@ -28,6 +28,7 @@ class Board {
   void captured(std::uint64_t id) {
     const std::lock_guard hold(mutex_);
     ids_.push_back(id);
+    called_.push_back(SteadyClock::now());
   }
 
   void wrote() {
@@ -43,7 +44,7 @@ class Board {
     const auto at = static_cast<std::size_t>(std::ranges::lower_bound(ids_, id) - ids_.begin());
     // The packet may overtake the writer's own note of the time: then there was no latency.
     progress_.latency = at < written_.size() ? millisecondsSince(written_[at]) : 0;
-    deliveries_.push_back({at + 1, progress_.latency});
+    deliveries_.push_back({at + 1, progress_.latency, millisecondsSince(called_[at])});
   }
 
   void reported(const tools::Event& event) {
@@ -66,6 +67,7 @@ class Board {
  private:
   mutable std::mutex mutex_;
   std::vector<std::uint64_t> ids_;
+  std::vector<SteadyClock::time_point> called_;
   std::vector<SteadyClock::time_point> written_;
   std::vector<Delivery> deliveries_;
   RunProgress progress_;
@@ -146,7 +148,9 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress) {
   RunReport report;
   const auto launched = SteadyClock::now();
-  tools::HelperProcess helper(options.launch);
+  client::LaunchOptions launch = options.launch;
+  if (options.frameMemory) launch.frameMemory = client::FrameMemory::make();
+  tools::HelperProcess helper(launch);
   const auto ready = helper.nextEvent("ready", 10);
   if (!ready) throw std::runtime_error("the helper did not become ready");
   report.readyMilliseconds = millisecondsSince(launched);
@@ -174,6 +178,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   });
 
   const auto start = SteadyClock::now();
+  const double cpuBefore = ownCPUSeconds();
   startTake(options.take, helper);
   try {
     feed(options, source, helper, board, progress);
@@ -183,6 +188,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   }
   stopTake(options.take, helper);
   report.fedSeconds = millisecondsSince(start) / 1000;
+  report.parentCPU = ownCPUSeconds() - cpuBefore;
   // One more report, so that the counters cover the last frame.
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   report.peakMegabytes = peakMegabytes(helper.pid());

@@ -21,6 +21,7 @@ struct TakeOptions {
 
 struct RunOptions {
   client::LaunchOptions launch;
+  bool frameMemory = true;  // pictures go through shared memory, where there is any
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;
@@ -44,6 +45,7 @@ struct RunProgress {
 struct Delivery {
   std::uint64_t frame = 0;  // its number, from 1
   double milliseconds = 0;  // from the frame's last byte written to its packet received
+  double fromCall = 0;      // the same from before its first byte was written
 };
 
 struct RunReport {
@@ -54,6 +56,7 @@ struct RunReport {
   double fedSeconds = 0;
   double peakMegabytes = 0;  // of the helper's memory
   client::ExitStatus exit;
+  double parentCPU = 0;  // seconds that our own process took meanwhile, its clients' included
 };
 
 // Throws std::runtime_error when the helper can't be started, does not become ready, does not admit

@@ -14,6 +14,12 @@ double cpuSeconds(const rusage& usage) {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+double ownCPUSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return cpuSeconds(usage);
+}
+
 namespace {
 
 // A number in /proc's "status".

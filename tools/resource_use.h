@@ -7,6 +7,8 @@ namespace lumora::tools {
 
 // User and system time together.
 double cpuSeconds(const rusage& usage);
+// Of our own process, so far.
+double ownCPUSeconds();
 
 // The most memory that a running process has held so far. (What `wait4` tells counts in what its
 // parent held when it was started.)

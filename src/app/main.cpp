@@ -10,6 +10,7 @@
 #include "app/options.h"
 #include "app/video_encoder.h"
 #include "base/process_heap.h"
+#include "system/inherited_frame_memory.h"
 #include "system/system_platform.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
@@ -63,9 +64,15 @@ void startService(const std::vector<std::string>& arguments,
                   const lumora::Environment& environment) {
   const auto configuration = lumora::options(arguments, environment);
   if (!configuration) endWith(invalidConfiguration);
+  std::shared_ptr<lumora::FrameMemory> frameMemory;
+  if (configuration->frameMemory) {
+    frameMemory = lumora::inheritFrameMemory(*configuration->frameMemory);
+    if (!frameMemory) endWith(invalidConfiguration);
+  }
   lumora::keepFreedMemory();
   // Both live until the process ends: `exit` never runs their destructors.
-  static const lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
+  static const lumora::Platform platform =
+      lumora::makeSystemPlatform(encoderChoice(environment), frameMemory);
   static const auto service = std::make_shared<lumora::VideoEncoder>(*configuration, platform);
   platform.stateQueue->async([] {
     try {

@@ -38,6 +38,12 @@ bool readEnvironmentSize(const Environment& environment, Configuration& configur
          parseInteger(height->second, configuration.previewHeight);
 }
 
+bool readFrameMemory(const Environment& environment, Configuration& configuration) {
+  const auto descriptor = environment.find("TAVO_FRAME_MEMORY");
+  if (descriptor == environment.end()) return true;
+  return parseInteger(descriptor->second, configuration.frameMemory.emplace());
+}
+
 bool applyOption(const std::string& name, const std::string& value, Configuration& configuration) {
   if (name == "--host") {
     configuration.host = value;
@@ -75,6 +81,7 @@ std::optional<Configuration> options(const std::vector<std::string>& arguments,
                                      const Environment& environment) {
   Configuration configuration;
   if (!readEnvironmentSize(environment, configuration)) return std::nullopt;
+  if (!readFrameMemory(environment, configuration)) return std::nullopt;
   for (std::size_t i = 0; i < arguments.size(); i += 2) {
     if (i + 1 == arguments.size()) return std::nullopt;
     if (!applyOption(arguments[i], arguments[i + 1], configuration)) return std::nullopt;

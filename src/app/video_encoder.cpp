@@ -20,7 +20,9 @@ VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services
       token(configuration.token),
       previewWidth(configuration.previewWidth),
       previewHeight(configuration.previewHeight),
-      exactPreviewDimensions(configuration.exactPreviewDimensions) {}
+      exactPreviewDimensions(configuration.exactPreviewDimensions),
+      sharedFrames(platform.frameMemory ? std::make_shared<SharedFrames>(platform.frameMemory)
+                                        : nullptr) {}
 
 void VideoEncoder::start() {
   platform.encoders->choose(

@@ -11,7 +11,7 @@ struct RawFrame {
   std::int64_t height = 0;  // pixels
   std::uint64_t id = 0;     // above 0, strictly increasing
   // width × height × 4 bytes, the bottom row of the picture first.
-  std::shared_ptr<std::uint8_t[]> rgba;
+  std::shared_ptr<const std::uint8_t[]> rgba;
   double capturedAt = 0;  // uptime seconds at admission
 };
 

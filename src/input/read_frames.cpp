@@ -7,6 +7,7 @@
 #include <new>
 
 #include "app/video_encoder.h"
+#include "base/big_endian.h"
 #include "base/out_of_memory.h"
 #include "base/reason.h"
 #include "input/record_header.h"
@@ -57,26 +58,55 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
 }
 
 bool VideoEncoder::readFrame(const RecordHeader& header) {
-  if (!isValidFrame(header, lastFrameID)) {
+  const bool shared = platform.frameMemory && header.length == frameOffsetBytes;
+  if (shared ? !isValidPicture(header, lastFrameID) : !isValidFrame(header, lastFrameID)) {
     requestFailure("invalid raw frame header");
     return false;
   }
-  PictureMemory rgba = platform.pictures->allocate(header.length);
-  if (!rgba) throw std::bad_alloc();
-  if (!readExactly({rgba.get(), header.length})) {
-    requestFailure("truncated raw frame");
-    return false;
-  }
+  auto rgba = shared ? findPixels(header) : readPixels(header);
+  if (!rgba) return false;
   lastFrameID = header.id;
-  const auto frame = std::make_shared<const RawFrame>(
+  auto frame = std::make_shared<const RawFrame>(
       RawFrame{header.width, header.height, header.id, std::move(rgba), uptime()});
-  if (raw.admit()) enqueue(frame);
+  if (raw.admit()) enqueue(std::move(frame));
   return true;
 }
 
-void VideoEncoder::enqueue(const std::shared_ptr<const RawFrame>& admitted) {
+std::shared_ptr<const std::uint8_t[]> VideoEncoder::readPixels(const RecordHeader& header) {
+  PictureMemory rgba = platform.pictures->allocate(header.length);
+  if (!rgba) throw std::bad_alloc();
+  if (readExactly({rgba.get(), header.length})) return rgba;
+  requestFailure("truncated raw frame");
+  return nullptr;
+}
+
+std::shared_ptr<const std::uint8_t[]> VideoEncoder::findPixels(const RecordHeader& header) {
+  FrameMemory& memory = *platform.frameMemory;
+  std::array<std::uint8_t, frameOffsetBytes> place{};
+  if (!readExactly(place)) {
+    requestFailure("truncated raw frame");
+    return nullptr;
+  }
+  const auto offset = integerBE<std::uint64_t>(place, 0);
+  if (!isValidPlace(offset, header.pictureBytes(), memory.size())) {
+    requestFailure("invalid raw frame header");
+    return nullptr;
+  }
+  if (const std::uint8_t* pixels = memory.at(offset)) return sharedFrames->lend(header.id, pixels);
+  PictureMemory rgba = platform.pictures->allocate(header.pictureBytes());
+  if (!rgba) throw std::bad_alloc();
+  if (!memory.read(offset, {rgba.get(), header.pictureBytes()})) {
+    requestFailure("truncated raw frame");
+    return nullptr;
+  }
+  memory.release(header.id);
+  return rgba;
+}
+
+// The frame is the queue's alone: it goes as soon as that is done with it.
+void VideoEncoder::enqueue(std::shared_ptr<const RawFrame> admitted) {
   try {
-    platform.stateQueue->async([weak = weak_from_this(), admitted] {
+    platform.stateQueue->async([weak = weak_from_this(), admitted = std::move(admitted)] {
       if (const auto self = weak.lock()) self->encode(*admitted);
     });
   } catch (const std::bad_alloc&) {

@@ -7,7 +7,8 @@
 //   | length | width  | height | frame id       | payload
 //   +--------+--------+--------+----------------+----------
 //
-// Width, height and id all 0 make a command record; anything else is a frame record.
+// Width, height and id all 0 make a command record; anything else is a frame record: its payload is
+// the pixels or, from a parent that shares memory with us, the offset of its pixels there.
 
 #include <cstdint>
 
@@ -16,6 +17,7 @@
 namespace lumora {
 
 constexpr std::size_t recordHeaderBytes = 16;
+constexpr std::size_t frameOffsetBytes = 8;  // no frame of pixels is as short
 
 struct RecordHeader {
   std::uint32_t length = 0;  // payload bytes
@@ -24,13 +26,22 @@ struct RecordHeader {
   std::uint64_t id = 0;
 
   bool isCommand() const { return width == 0 && height == 0 && id == 0; }
+  std::uint32_t pictureBytes() const { return std::uint32_t{width} * height * 4; }
 };
 
 // Decodes the first `recordHeaderBytes` of `bytes`.
 RecordHeader decodeRecordHeader(ByteView bytes);
 
-// Whether a frame record keeps all limits, `lastID` being the id of the frame before it.
+// Whether a frame record keeps all limits but that of its length, `lastID` being the id of the
+// frame before it.
+bool isValidPicture(const RecordHeader& header, std::uint64_t lastID);
+
+// The same with the length of a record that brings its pixels.
 bool isValidFrame(const RecordHeader& header, std::uint64_t lastID);
+
+// Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: at a page of 4,096
+// bytes, but not the first.
+bool isValidPlace(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes);
 
 bool isValidCommand(const RecordHeader& header);
 

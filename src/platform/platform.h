@@ -10,6 +10,7 @@
 #include "platform/dispatch.h"
 #include "platform/encoders.h"
 #include "platform/file_manager.h"
+#include "platform/frame_memory.h"
 #include "platform/image.h"
 #include "platform/movie_writer.h"
 #include "platform/network.h"
@@ -28,6 +29,7 @@ struct Platform {
   std::shared_ptr<ImageConverter> images;
   std::shared_ptr<Movies> movies;
   std::shared_ptr<FileManager> files;
+  std::shared_ptr<FrameMemory> frameMemory = {};  // null unless the parent has asked for it
 };
 
 }  // namespace lumora

@@ -1,5 +1,7 @@
 #include "system/system_platform.h"
 
+#include <utility>
+
 #include "codec/libav_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_image_converter.h"
@@ -11,7 +13,8 @@
 
 namespace lumora {
 
-Platform makeSystemPlatform(const std::string& h264Encoder) {
+Platform makeSystemPlatform(const std::string& h264Encoder,
+                            std::shared_ptr<FrameMemory> frameMemory) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.pictures = PicturePool::make();
@@ -25,6 +28,7 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = std::make_shared<PosixFileManager>();
+  platform.frameMemory = std::move(frameMemory);
   return platform;
 }
 

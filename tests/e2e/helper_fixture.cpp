@@ -98,8 +98,9 @@ void HelperTest::endHelper() { EXPECT_TRUE(!helper || finish() == 0); }
 void HelperTest::start(std::vector<std::string> arguments,
                        std::map<std::string, std::string> environment) {
   endHelper();
-  helper = std::make_unique<tools::HelperProcess>(
-      client::LaunchOptions{LUMORA_HELPER, token, std::move(arguments), std::move(environment)});
+  if (tools::sharesFrames(/*otherwise=*/false)) frameMemory = client::FrameMemory::make();
+  helper = std::make_unique<tools::HelperProcess>(client::LaunchOptions{
+      LUMORA_HELPER, token, std::move(arguments), std::move(environment), frameMemory});
   const auto ready = helper->nextEvent("ready", 20);
   ASSERT_TRUE(ready);
   port = ready->at("port");

@@ -106,6 +106,7 @@ class HelperTest : public testing::Test {
 
   std::filesystem::path folder;
   std::string token = "end-to-end-token-0123456789";
+  std::shared_ptr<client::FrameMemory> frameMemory;  // to share with the next that starts
   std::unique_ptr<tools::HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;

@@ -12,9 +12,10 @@ namespace {
 
 struct Input : HelperTest {
   // Starts without waiting for anything: the first line, which is to be this error, and status 1.
-  void expectRefusal(const std::vector<std::string>& arguments, const std::string& line) {
+  void expectRefusal(const std::vector<std::string>& arguments, const std::string& line,
+                     const std::map<std::string, std::string>& environment = {}) {
     helper = std::make_unique<tools::HelperProcess>(
-        client::LaunchOptions{LUMORA_HELPER, token, arguments, {}});
+        client::LaunchOptions{LUMORA_HELPER, token, arguments, environment});
     // A statistics report may come before the listener knows its fate.
     std::string first = helper->nextLine(20).value_or("");
     while (first.find("\"stats\"") != std::string::npos) first = helper->nextLine(20).value_or("");
@@ -24,7 +25,9 @@ struct Input : HelperTest {
 };
 
 TEST_F(Input, ListensWhereItIsToldOrNotAtAll) {
-  expectRefusal({"--port"}, R"({"type":"error","message":"invalid helper configuration"})");
+  const char* invalid = R"({"type":"error","message":"invalid helper configuration"})";
+  expectRefusal({"--port"}, invalid);
+  expectRefusal({}, invalid, {{"TAVO_FRAME_MEMORY", "99"}});
   expectRefusal({"--host", "not a host"},
                 R"({"type":"error","message":"video listener initialization failed"})");
   const char* failed = R"({"message":"video listener failed","type":"error"})";

@@ -18,11 +18,15 @@ struct Pixel {
   bool operator==(const Pixel&) const = default;
 };
 
+std::uint8_t* writable(const RawFrame& frame) {
+  return const_cast<std::uint8_t*>(frame.rgba.get());
+}
+
 RawFrame makeFrame(int width, int height, std::uint8_t value,
                    const std::shared_ptr<PicturePool>& pool = PicturePool::make()) {
   const auto bytes = static_cast<std::size_t>(width * height * 4);
   RawFrame frame{width, height, 1, pool->allocate(bytes), 0};
-  std::fill_n(frame.rgba.get(), bytes, value);
+  std::fill_n(writable(frame), bytes, value);
   return frame;
 }
 
@@ -47,7 +51,7 @@ Converted convert(const RawFrame& frame, int width, int height, Placement placem
 TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
   RawFrame frame = makeFrame(190, 108, 200);
   const std::uint8_t red[] = {255, 0, 0, 255};  // the bottom half of the picture
-  for (int i = 0; i < 190 * 54; ++i) std::copy_n(red, 4, frame.rgba.get() + i * 4);
+  for (int i = 0; i < 190 * 54; ++i) std::copy_n(red, 4, writable(frame) + i * 4);
   const std::pair<int, int> sizes[] = {{190, 108}, {64, 36}, {320, 180}, {63, 35},
                                        {24, 200},  {10, 10}, {2, 2},     {1, 200}};
   for (const auto& [width, height] : sizes) {
@@ -91,7 +95,7 @@ double amplitudeAfterReduction(double period, bool vertical) {
     for (int x = 0; x < size; ++x) {
       const double phase = 2 * std::numbers::pi * (vertical ? y : x) / period;
       const auto value = static_cast<std::uint8_t>(std::lround(127.5 + 100 * std::cos(phase)));
-      std::fill_n(frame.rgba.get() + (y * size + x) * 4, 4, value);
+      std::fill_n(writable(frame) + (y * size + x) * 4, 4, value);
     }
   }
   const Converted converted = convert(frame, size / 3, size / 3, Placement::stretch);

@@ -323,9 +323,11 @@ struct FakeEncoders final : Encoders, CanFail {
 
 struct FakeImages final : ImageConverter, CanFail {
   using CanFail::CanFail;
-  bool convert(const ImageView&, const MutableImageView&) override {
+  bool convert(const ImageView& from, const MutableImageView&) override {
+    lastByte = from.pixels[from.height * from.stride - 1];  // it has to be there
     return next(Call::convert) == 0;
   }
+  volatile std::uint8_t lastByte = 0;
 };
 
 struct FakeWriter final : MovieWriter, CanFail {

@@ -51,6 +51,13 @@ TEST(Options, EnvironmentSizesComeInPairs) {
   EXPECT_FALSE(parse({}, {{"TAVO_PREVIEW_WIDTH", "400"}, {"TAVO_PREVIEW_HEIGHT", ""}}));
 }
 
+TEST(Options, FrameMemoryIsTheNumberOfADescriptor) {
+  EXPECT_EQ(parse({}, {{"TAVO_FRAME_MEMORY", "12"}})->frameMemory, 12);
+  for (const char* bad : {"", "x", "3 ", "99999999999"}) {
+    EXPECT_FALSE(parse({}, {{"TAVO_FRAME_MEMORY", bad}})) << bad;
+  }
+}
+
 TEST(Options, TokensAreSixteenTo128PlainCharacters) {
   const auto accepts = [](const std::string& token) {
     return parse({}, {{"TAVO_VIDEO_TOKEN", token}}).has_value();

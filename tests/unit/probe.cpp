@@ -2,10 +2,11 @@
 
 namespace lumora {
 
-VideoEncoderProbe::VideoEncoderProbe(Configuration configuration) {
+VideoEncoderProbe::VideoEncoderProbe(Configuration configuration,
+                                     std::shared_ptr<FrameMemory> frameMemory) {
   service = std::make_shared<VideoEncoder>(
       configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders, images,
-                              movies, files});
+                              movies, files, std::move(frameMemory)});
   forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
                   state->clear();
                   for (const auto& one : other->queues) one->clear();

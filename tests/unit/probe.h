@@ -15,7 +15,8 @@ inline void expectKeys(Json event, const Json& wanted) {
 }
 
 struct VideoEncoderProbe {
-  explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"});
+  explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"},
+                             std::shared_ptr<FrameMemory> frameMemory = nullptr);
 
   // Starts it and reports its listener ready; forgets the events.
   void becomeReady() {

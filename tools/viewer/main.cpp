@@ -2,7 +2,8 @@
 // is its own.
 //
 //   lumora-view --demo [--helper PROGRAM] [--folder FOLDER] [--size WIDTHxHEIGHT] [--rate N]
-//       starts the helper and feeds it a test card, or the file or camera that INPUT names
+//       starts the helper and feeds it a test card, or the file or camera that INPUT names; FRAMES
+//       may say how: "memory" or "pipe"
 //   lumora-view --port PORT [--host ADDRESS]
 //       watches a helper that runs; TAVO_VIDEO_TOKEN is its token
 //   --listen PORT   the page's own port on this machine; without it the system chooses one
@@ -19,6 +20,7 @@
 
 #include "client/child_process.h"
 #include "tools/ffmpeg_source.h"
+#include "tools/helper_process.h"
 #include "tools/parse_number.h"
 #include "tools/viewer/bridge.h"
 
@@ -114,7 +116,7 @@ std::string findHelper(const std::string& named) {
   if (options.demo) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
-    bridge.own({.program = findHelper(options.helper)},
+    bridge.own({.program = findHelper(options.helper), .frameMemory = tools::sharesFrames()},
                tools::openInput(options.size, options.rate), options.rate, folder);
   } else {
     viewer::HelperAddress address = options.address;

@@ -41,12 +41,12 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::string path;
-  std::string error;
-  double duration = 0;  // seconds
-  std::uint64_t frames = 0;
-  std::uint64_t dropped = 0;
-  std::uint64_t throttled = 0;
+  std::string path;             // once saved, where the movie is: another name if that was taken
+  std::string error;            // why it failed, or is saved under another name
+  double duration = 0;          // seconds, final from `finishing` on
+  std::uint64_t frames = 0;     // in the movie
+  std::uint64_t dropped = 0;    // lost
+  std::uint64_t throttled = 0;  // left out for the rate
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
 };
 
@@ -57,7 +57,7 @@ struct Error {
 
 // The helper has ended; the last event.
 struct Exited {
-  int status = 0;  // when it ended by itself
+  int status = 0;  // when it ended by itself; -1: somebody else has taken it (SIGCHLD ignored)
   int signal = 0;  // else what ended it
 };
 

@@ -19,7 +19,7 @@ struct FrameSize {
 };
 
 // Turns a picture over, in place: the helper wants the bottom row first, most cameras deliver the
-// top row first.
+// top row first. Throws std::invalid_argument for pixels of another size.
 LUMORA_CLIENT_EXPORT void flipRows(std::span<std::uint8_t> rgba, FrameSize size);
 
 // A buffer to render a picture into, on loan from a helper (see helper.h). Gives itself back when
@@ -49,7 +49,8 @@ class LUMORA_CLIENT_EXPORT Frame {
 // What became of the frames of a run.
 struct FrameCounts {
   std::uint64_t written = 0;
-  std::uint64_t dropped = 0;  // a newer one took their place, or the helper had ended
+  // A newer one took their place, there was no buffer for them, or the helper had ended.
+  std::uint64_t dropped = 0;
 };
 
 }  // namespace lumora::client

@@ -23,21 +23,26 @@
 namespace lumora::client {
 
 struct HelperOptions {
-  std::string program = {};  // empty: $LUMORA_VIDEO_PATH, then "lumora-video" on the PATH
-  std::string token = {};    // what stream clients present; empty: a random one
-  std::vector<std::string> arguments = {};              // "--port", "4700", ...
+  // The program's path; empty: $LUMORA_VIDEO_PATH, else "lumora-video" on the PATH.
+  std::string program = {};
+  std::string token = {};                   // what stream clients present; empty: a random one
+  std::vector<std::string> arguments = {};  // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // on top of our own
+  // Whether pictures are rendered into memory that the helper sees too, where the system has such
+  // memory, instead of going through its pipe.
+  bool frameMemory = true;
 };
 
 // The helper could not be started, or did not become ready; in words for a person.
-struct StartError : std::runtime_error {
+struct LUMORA_CLIENT_EXPORT StartError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
 class LUMORA_CLIENT_EXPORT Helper {
  public:
-  // Called for each event on a thread of the helper's own, one at a time; must neither throw nor
-  // destroy the helper.
+  // Called for each event on a thread of the helper's own, one at a time, also before the
+  // constructor has returned; must neither throw, nor stop or destroy the helper, nor wait for a
+  // take's end.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper and waits until it is ready. Throws StartError.
@@ -52,23 +57,24 @@ class LUMORA_CLIENT_EXPORT Helper {
   const std::string& token() const;
   int pid() const;
 
-  // A buffer for the next picture; nothing when two are under way and the third is with the
-  // application. Throws std::invalid_argument for a size that no helper takes.
+  // A buffer for the next picture; nothing when all are under way or with the application: leave
+  // the picture out. Throws std::invalid_argument for a size that no helper takes.
   std::optional<Frame> acquireFrame(FrameSize size);
-  // Hands a picture over. At most one waits: a newer one takes its place. Ids have to grow, else
-  // std::invalid_argument; see `frameID`.
+  // Hands a picture over. At most one waits: a newer one takes its place. Ids have to grow, and a
+  // frame goes once, else std::invalid_argument; see `frameID`.
   void publish(Frame frame, std::uint64_t id);
   // The same with a copy of pixels that lie elsewhere. Whether they were taken.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
-  FrameCounts frames() const;
+  FrameCounts frameCounts() const;
 
-  // Asks for a take behind the frames published so far. A refusal is its end: see `Take`.
+  // Asks for a take behind the frames published so far. A refusal is its end: see `Take`. Throws
+  // std::invalid_argument for a path or a time that makes no command.
   Take startTake(const TakeOptions& options);
 
   // How the helper ended; nothing while it runs.
-  std::optional<Exited> exit() const;
+  std::optional<Exited> exited() const;
   // Ends it: by the end of its input, upon which it saves a running take, and by force if that does
-  // not help in time. The last event has been told then.
+  // not help in 2.5 s. The last event has been told then.
   Exited stop();
 
  private:

@@ -1,0 +1,36 @@
+#include "client/takes.h"
+
+#include <utility>
+
+namespace lumora::client {
+
+void Takes::add(std::shared_ptr<Take::State> take) {
+  const std::lock_guard hold(mutex_);
+  if (ended_) return take->abandon(*ended_);
+  const std::string id = take->latest().id;
+  takes_[id] = std::move(take);
+}
+
+void Takes::report(const Recording& recording) {
+  std::shared_ptr<Take::State> take;
+  {
+    const std::lock_guard hold(mutex_);
+    const auto found = takes_.find(recording.id);
+    if (found == takes_.end()) return;
+    take = found->second;
+    if (recording.isOver()) takes_.erase(found);
+  }
+  take->report(recording);
+}
+
+void Takes::abandonAll(const std::string& reason) {
+  std::map<std::string, std::shared_ptr<Take::State>> unfinished;
+  {
+    const std::lock_guard hold(mutex_);
+    ended_ = reason;
+    unfinished.swap(takes_);
+  }
+  for (const auto& [id, take] : unfinished) take->abandon(reason);
+}
+
+}  // namespace lumora::client
