@@ -24,6 +24,8 @@ for preset in "${presets[@]}"; do
   # behaviour under load is not what they are about.
   ctest --preset "$preset" --no-tests=error -j 1 2>&1 | tee "$log" || status=1
   summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish')")
+  while read -r failed; do summaries+=("  $failed"); done < <(
+    grep -oE '[0-9]+ - [^ ]+ \([A-Z][^)]*\)' "$log" | grep -v Skipped)
 done
 
 echo
