@@ -39,6 +39,7 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
+  merged.erase("TAVO_FRAME_MEMORY");  // whoever started us meant a memory of ours
   for (const auto& [name, value] : options.environment) merged[name] = value;
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
   if (options.frameMemory) {

@@ -1,23 +1,30 @@
 #!/usr/bin/env bash
 # Inside the machine that scripts/fresh.sh makes: installs the packages that were built outside, runs
-# the demo, builds the client library's example through CMake and through pkg-config, and runs it.
+# the demo, builds the client library's example through CMake and through pkg-config, packs the Node
+# client and installs it into an application, and runs all of them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=(/origin/build/release/packages/*.deb)
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake pkg-config >/dev/null
+apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake pkg-config nodejs npm >/dev/null
 
 (lumora-video || true) | grep 'invalid helper configuration'
 lumora-demo /usr/bin/lumora-video /tmp/demo 3 | tail -n 4
 
-example=/usr/share/doc/liblumora-client-dev/record.cpp
-cmake -S client/example -B /tmp/cmake >/dev/null
+example=/usr/share/doc/liblumora-client-dev/example
+cmake -S "$example" -B /tmp/cmake >/dev/null
 cmake --build /tmp/cmake >/dev/null
-g++ -std=c++20 "$example" $(pkg-config --cflags --libs lumora-client) -o /tmp/record
-for program in /tmp/cmake/record /tmp/record; do
+g++ -std=c++20 "$example/record.cpp" $(pkg-config --cflags --libs lumora-client) -o /tmp/record
+
+(cd client/node && npm ci --silent && npm pack --silent --pack-destination /tmp)
+mkdir /tmp/application
+cp client/node/example/record.mjs /tmp/application
+(cd /tmp/application && npm init --yes >/dev/null && npm install --silent /tmp/lumora-video-client-*.tgz)
+
+for program in /tmp/cmake/record /tmp/record "node /tmp/application/record.mjs"; do
   folder=$(mktemp -d)
-  "$program" "$folder"
+  $program "$folder"
   ffmpeg -v error -xerror -nostdin -i "$folder/take.mp4" -f null -
 done
 echo "The packages work"

@@ -64,7 +64,12 @@ class Soak {
       : folder_(std::move(folder)),
         random_(seed),
         token_(client::makeToken()),
-        helper_({.program = helper, .token = token_, .arguments = {}, .environment = {}}) {
+        helper_({.program = helper,
+                 .token = token_,
+                 .arguments = {},
+                 .environment = {},
+                 .frameMemory =
+                     sharesFrames(/*otherwise=*/false) ? client::FrameMemory::make() : nullptr}) {
     std::filesystem::create_directories(folder_);
     const auto ready = helper_.nextEvent("ready", 20);
     if (!ready) throw std::runtime_error("the helper does not start");

@@ -21,8 +21,8 @@ class ReleaseOrder {
     std::uint64_t id;
     bool ended;
   };
-  std::deque<Frame>
-      frames_;  // since the oldest that is still read; of ended ones in a row, the last
+  // Since the oldest that is still read; of ended ones in a row, the last.
+  std::deque<Frame> frames_;
 };
 
 }  // namespace lumora

@@ -32,7 +32,7 @@ TEST(FrameFlow, TheEyeSetsThePace) {
   expectForwarded(flow, 5, false, 0.2);
   EXPECT_EQ(flow.shown(2), std::nullopt);
   EXPECT_EQ(flow.shown(4), Acknowledged(4));  // covers the third
-  EXPECT_EQ(flow.giveUp(0.45), std::nullopt);
+  EXPECT_EQ(flow.acknowledgeOverdue(0.45), std::nullopt);
   EXPECT_EQ(flow.takeWithheld(), 0u);
 }
 
@@ -41,8 +41,8 @@ TEST(FrameFlow, ASlowPageGetsNothingUntilItSpeaksAndAKeyFrameComes) {
   flow.pageJoined();
   expectForwarded(flow, 1, true, 0);
   expectForwarded(flow, 2, false, 0.1);
-  EXPECT_EQ(flow.giveUp(FrameFlow::patience), std::nullopt);
-  EXPECT_EQ(flow.giveUp(FrameFlow::patience + 0.001), Acknowledged(2));
+  EXPECT_EQ(flow.acknowledgeOverdue(FrameFlow::patience), std::nullopt);
+  EXPECT_EQ(flow.acknowledgeOverdue(FrameFlow::patience + 0.001), Acknowledged(2));
   expectWithheld(flow, 3, true, 0.3);
   flow.pageSpoke();
   expectWithheld(flow, 4, false, 0.4);
@@ -50,7 +50,7 @@ TEST(FrameFlow, ASlowPageGetsNothingUntilItSpeaksAndAKeyFrameComes) {
   EXPECT_EQ(flow.takeWithheld(), 2u);
   flow.pageRestarted();
   expectWithheld(flow, 6, false, 0.5);  // with it the fifth is acknowledged
-  EXPECT_EQ(flow.giveUp(9), std::nullopt);
+  EXPECT_EQ(flow.acknowledgeOverdue(9), std::nullopt);
   expectForwarded(flow, 7, true, 0.6);
 }
 
@@ -59,7 +59,7 @@ TEST(FrameFlow, AHiddenPageAndOneThatLeftHoldNothingUp) {
   flow.pageJoined();
   expectForwarded(flow, 1, true, 0);
   flow.setVisible(false);
-  EXPECT_EQ(flow.giveUp(0.001), Acknowledged(1));
+  EXPECT_EQ(flow.acknowledgeOverdue(0.001), Acknowledged(1));
   expectWithheld(flow, 2, true, 0.1);
   flow.setVisible(true);
   flow.pageSpoke();
@@ -71,7 +71,7 @@ TEST(FrameFlow, AHiddenPageAndOneThatLeftHoldNothingUp) {
   expectWithheld(flow, 5, false, 0.2);  // the fourth is missing
   expectForwarded(flow, 6, true, 0.2);
   flow.pageLeft();
-  EXPECT_EQ(flow.giveUp(0.2), Acknowledged(6));
+  EXPECT_EQ(flow.acknowledgeOverdue(0.2), Acknowledged(6));
   flow.pageJoined();
   expectWithheld(flow, 7, false, 0.3);
   expectForwarded(flow, 8, true, 0.3);
@@ -83,7 +83,7 @@ TEST(FrameFlow, ANewStreamKnowsNothingOfFramesOfTheOldOne) {
   flow.pageJoined();
   expectForwarded(flow, 1, true, 0);
   flow.streamBegan();
-  EXPECT_EQ(flow.giveUp(9), std::nullopt);
+  EXPECT_EQ(flow.acknowledgeOverdue(9), std::nullopt);
   EXPECT_EQ(flow.shown(1), std::nullopt);
   expectWithheld(flow, 2, false, 9);
   expectForwarded(flow, 3, true, 9);

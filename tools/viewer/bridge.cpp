@@ -235,7 +235,7 @@ void Bridge::tick() {
   ticks_.expires_after(tickInterval);
   ticks_.async_wait([this](const boost::system::error_code& error) {
     if (error) return;
-    acknowledge(flow_.giveUp(uptime()));
+    acknowledge(flow_.acknowledgeOverdue(uptime()));
     tick();
   });
 }

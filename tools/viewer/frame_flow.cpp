@@ -6,7 +6,7 @@ namespace lumora::viewer {
 
 void FrameFlow::streamBegan() {
   unseen_.clear();
-  waiting_ = true;
+  needsKeyFrame_ = true;
 }
 
 void FrameFlow::pageJoined() {
@@ -15,33 +15,33 @@ void FrameFlow::pageJoined() {
 }
 
 void FrameFlow::pageLeft() {
-  // What it has not shown yet is overdue at once: see `giveUp`.
+  // What it has not shown yet is overdue at once: see `acknowledgeOverdue`.
   joined_ = false;
   visible_ = true;
-  silent_ = false;
-  waiting_ = true;
-  watching_ = false;
+  givenUp_ = false;
+  needsKeyFrame_ = true;
+  countsWithheld_ = false;
   withheld_ = 0;
 }
 
 void FrameFlow::setVisible(bool visible) {
   visible_ = visible;
-  if (!visible) waiting_ = true;
+  if (!visible) needsKeyFrame_ = true;
 }
 
 void FrameFlow::pageRestarted() {
-  waiting_ = true;
-  watching_ = false;  // what it gets from now on is not withheld for being slow
+  needsKeyFrame_ = true;
+  countsWithheld_ = false;  // what it gets from now on is not withheld for being slow
 }
 
 FrameFlow::Decision FrameFlow::frameCame(std::uint64_t id, bool keyframe, double now) {
-  if (keyframe && canShow()) waiting_ = false;
-  if (!canShow() || waiting_) {
-    if (watching_ && visible_) ++withheld_;
+  if (keyframe && canShow()) needsKeyFrame_ = false;
+  if (!canShow() || needsKeyFrame_) {
+    if (countsWithheld_ && visible_) ++withheld_;
     unseen_.clear();
     return {false, id};
   }
-  watching_ = true;
+  countsWithheld_ = true;
   unseen_.push_back({id, now});
   return {true};
 }
@@ -55,10 +55,10 @@ std::optional<std::uint64_t> FrameFlow::shown(std::uint64_t id) {
   return newest;
 }
 
-std::optional<std::uint64_t> FrameFlow::giveUp(double now) {
+std::optional<std::uint64_t> FrameFlow::acknowledgeOverdue(double now) {
   if (unseen_.empty() || (canShow() && now - unseen_.front().at <= patience)) return std::nullopt;
-  silent_ = true;
-  waiting_ = true;
+  givenUp_ = true;
+  needsKeyFrame_ = true;
   const std::uint64_t newest = unseen_.back().id;
   unseen_.clear();
   return newest;

@@ -20,7 +20,7 @@ class FrameFlow {
   void streamBegan();
   void pageJoined();
   void pageLeft();
-  void pageSpoke() { silent_ = false; }  // in whatever words: it is alive
+  void pageSpoke() { givenUp_ = false; }  // in whatever words: it is alive
   void setVisible(bool visible);
   // Its decoder begins anew. Frames before the next key frame are of no use to it.
   void pageRestarted();
@@ -34,7 +34,7 @@ class FrameFlow {
   // The page has shown this frame, or a newer one in its place: what to acknowledge.
   std::optional<std::uint64_t> shown(std::uint64_t id);
   // Frames have waited for too long: what to acknowledge in the page's place.
-  std::optional<std::uint64_t> giveUp(double now);
+  std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
   // Frames withheld from a page that was there, since the last call.
   std::uint64_t takeWithheld();
@@ -44,13 +44,13 @@ class FrameFlow {
     std::uint64_t id;
     double at;
   };
-  bool canShow() const { return joined_ && visible_ && !silent_; }
+  bool canShow() const { return joined_ && visible_ && !givenUp_; }
 
   bool joined_ = false;
   bool visible_ = true;
-  bool silent_ = false;    // nothing was heard of it since it was given up on
-  bool waiting_ = true;    // for a key frame
-  bool watching_ = false;  // has been sent a frame
+  bool givenUp_ = false;         // nothing was heard of it since it was given up on
+  bool needsKeyFrame_ = true;    // for a key frame
+  bool countsWithheld_ = false;  // it has been sent a frame
   std::deque<Forwarded> unseen_;
   std::uint64_t withheld_ = 0;
 };
