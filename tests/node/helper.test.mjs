@@ -23,7 +23,7 @@ async function helperFor(context) {
 }
 
 async function feedUntil(helper, isEnough) {
-  for (let id = 1; !isEnough(); ++id) await helper.writeFrame(size, id, rgba);
+  for (let id = 1; !isEnough(); ++id) await helper.writeFrame(size, id, rgba).done;
 }
 
 function countPictures(movie) {
@@ -85,7 +85,7 @@ test('a helper that cannot start says why', async (context) => {
 test('a full pipe drops the frame that waits; a helper that hangs is killed', async (context) => {
   const helper = await helperFor(context);
   process.kill(helper.pid, 'SIGSTOP');
-  const outcomes = [1, 2, 3].map((id) => helper.writeFrame(size, id, rgba));
+  const outcomes = [1, 2, 3].map((id) => helper.writeFrame(size, id, rgba).done);
   assert.equal(await outcomes[1], 'dropped');
   process.kill(helper.pid, 'SIGCONT');
   assert.deepEqual(await Promise.all(outcomes), ['written', 'dropped', 'written']);
@@ -98,12 +98,12 @@ test('a helper killed in the middle of a frame ends the frame and the take, no m
   const take = await helper.startTake({ path: join(folder, 'killed.mp4') });
   await feedUntil(helper, () => existsSync(take.stagingPath));
   process.kill(helper.pid, 'SIGSTOP');
-  const outcomes = [1, 2].map((n) => helper.writeFrame(size, 1_000_000 + n, rgba));
+  const outcomes = [1, 2].map((n) => helper.writeFrame(size, 1_000_000 + n, rgba).done);
   const exit = once(helper, 'exit');
   process.kill(helper.pid, 'SIGKILL');
   assert.deepEqual(await Promise.all(outcomes), ['dropped', 'dropped']);
   assert.deepEqual(await exit, [{ code: null, signal: 'SIGKILL' }]);
-  assert.equal(await helper.writeFrame(size, 2_000_000, rgba), 'dropped');
+  assert.equal(helper.writeFrame(size, 2_000_000, rgba).state, 'dropped');
   await assert.rejects(take.saved, { name: 'TakeError', message: /before the take was saved \(SIGKILL\)/ });
   await assert.rejects(helper.startTake({ path: take.path }), { name: 'TakeError' });
   assert.ok(existsSync(take.stagingPath));
@@ -118,7 +118,7 @@ test('a parent that throws while a take runs leaves a saved take', async () => {
     const helper = await startHelper();
     await helper.startTake({ path: '${path}' });
     helper.on('recording', ({ frames }) => { if (frames > 0) throw new Error('thrown in a take'); });
-    for (let id = 1; ; ++id) await helper.writeFrame({ width: ${width}, height: ${height} }, id, pixels);`;
+    for (let id = 1; ; ++id) await helper.writeFrame({ width: ${width}, height: ${height} }, id, pixels).done;`;
   const parent = spawn(process.execPath, ['--input-type=module', '--eval', script]);
   let words = '';
   parent.stderr.on('data', (bytes) => { words += bytes; });
@@ -132,7 +132,7 @@ test('1,000 frames at full speed: each is accounted for, none is kept', async (c
   const outcomes = [];
   const before = process.memoryUsage().rss;
   for (let id = 1; id <= 1000; ++id) {
-    outcomes.push(helper.writeFrame(size, id, Buffer.from(rgba)));
+    outcomes.push(helper.writeFrame(size, id, Buffer.from(rgba)).done);
     await turn();
   }
   await Promise.all(outcomes);

@@ -29,7 +29,8 @@ test('records are those of the protocol; what would end the helper is refused', 
   assert.deepEqual(flipRows(turned, { width: 2, height: 4 }), rows);
 });
 
-test('one frame is written, the newest waits, commands keep their place', async () => {
+// A feeder, and what it has written; `put` takes frames of one letter and longer commands.
+async function feederInto() {
   const taken = [];
   const pending = [];
   const writev = (chunks, done) => {
@@ -38,17 +39,33 @@ test('one frame is written, the newest waits, commands keep their place', async 
   };
   const input = new Writable({ writev });
   const feeder = new (await inside('feeder')).Feeder(input);
-  const frame = (name) => feeder.writeFrame(Buffer.from('#'), Buffer.from(name));
-  const outcomes = [frame('a'), frame('b')];
-  feeder.writeCommand(Buffer.from('start'));
-  outcomes.push(frame('c'), frame('d'));
-  assert.equal(await outcomes[1], 'dropped');
-  for (; pending.length > 0; await turn()) pending.shift()();
+  const put = (name) => (name.length > 1
+    ? { done: feeder.writeCommand(Buffer.from(name)) }
+    : feeder.writeFrame(Buffer.from('#'), Buffer.from(name)));
+  const drain = async () => { for (; pending.length > 0; await turn()) pending.shift()(); };
+  return { taken, input, feeder, put, drain };
+}
+
+const outcomes = async (puts) => (await Promise.all(puts.map(({ done }) => done))).join();
+
+test('one frame is written, the newest waits, commands keep their place', async () => {
+  const { taken, input, feeder, put, drain } = await feederInto();
+  const puts = ['a', 'b', 'start', 'c', 'd'].map(put);
+  assert.equal(await puts[1].done, 'dropped');
+  feeder.end();
+  assert.equal(put('e').state, 'dropped');
+  await drain();
   assert.deepEqual(taken, ['#a', 'start', '#d']);
-  outcomes.push(frame('e'), frame('f'));
+  assert.equal(await outcomes(puts), 'written,dropped,true,dropped,written');
+  assert.ok(input.writableFinished);
+});
+
+test('an input that is destroyed takes no more', async () => {
+  const { input, put } = await feederInto();
+  const puts = ['a', 'b', 'start'].map(put);
   input.destroy();
-  pending.shift()();
-  assert.equal((await Promise.all(outcomes)).join(), 'written,dropped,dropped,written,dropped,dropped');
+  assert.equal(await outcomes(puts), 'dropped,dropped,true');
+  assert.equal(put('c').state, 'dropped');
 });
 
 test('lines are cut, bounded and typed; a slow reader of events keeps the newest', async () => {

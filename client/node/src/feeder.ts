@@ -4,11 +4,20 @@
 
 import type { Writable } from 'node:stream';
 
+import { deferred } from './deferred.js';
+
 /**
  * `written`: the helper has all of it (and may still drop it, see `droppedRaw` in its statistics).
  * `dropped`: a newer frame took its place, or the helper no longer reads.
  */
 export type FrameOutcome = 'written' | 'dropped';
+
+export interface FrameWrite {
+  /** `dropped`: the helper has ended, or is about to. */
+  state: 'queued' | 'dropped';
+  /** Settles when the memory of the pixels may be used again; never rejects. */
+  done: Promise<FrameOutcome>;
+}
 
 interface Entry {
   isFrame: boolean;
@@ -19,32 +28,32 @@ interface Entry {
 export class Feeder {
   readonly counts = { written: 0, dropped: 0 };
   readonly #input: Writable;
-  readonly #waiting: Entry[] = [];
-  #current: Entry | undefined;
+  #waiting: Entry[] = [];
+  #isWriting = false;
   #ending = false;
+  #abandonWrite: () => void = () => undefined;
 
   constructor(input: Writable) {
     this.#input = input;
     // A helper that ended shows as an error here; how it ended is told by its exit.
     input.on('error', () => undefined);
-    input.on('close', () => {
-      this.#finish('dropped'); // a stream that is destroyed may forget the write it was at
-      this.end();
-    });
+    input.on('close', () => this.#abandon());
   }
 
-  /** Settles when the memory may be used again; never rejects. */
-  writeFrame(header: Buffer, pixels: Buffer): Promise<FrameOutcome> {
-    return new Promise((resolve) => {
-      const settle = (outcome: FrameOutcome) => {
-        this.counts[outcome] += 1;
-        resolve(outcome);
-      };
-      if (this.#ending) return settle('dropped');
-      this.#dropWaitingFrame();
-      this.#waiting.push({ isFrame: true, parts: [header, pixels], settle });
-      this.#writeNext();
-    });
+  writeFrame(header: Buffer, pixels: Buffer): FrameWrite {
+    const { promise: done, resolve } = deferred<FrameOutcome>();
+    const settle = (outcome: FrameOutcome) => {
+      this.counts[outcome] += 1;
+      resolve(outcome);
+    };
+    if (this.#ending) {
+      settle('dropped');
+      return { state: 'dropped', done };
+    }
+    this.#dropWaitingFrame();
+    this.#waiting.push({ isFrame: true, parts: [header, pixels], settle });
+    this.#writeNext();
+    return { state: 'queued', done };
   }
 
   /** False when the helper no longer reads. */
@@ -55,11 +64,17 @@ export class Feeder {
     return true;
   }
 
-  /** Ends the input behind what is being written and the commands that wait. */
+  /** Ends the input behind what is being written and what waits. */
   end(): void {
     this.#ending = true;
-    this.#dropWaitingFrame();
     this.#writeNext();
+  }
+
+  #abandon(): void {
+    this.#dropWaitingFrame();
+    this.#waiting = [];
+    this.#abandonWrite();
+    this.end();
   }
 
   #dropWaitingFrame(): void {
@@ -68,27 +83,32 @@ export class Feeder {
   }
 
   #writeNext(): void {
-    if (this.#current) return;
-    this.#current = this.#waiting.shift();
-    if (this.#current) this.#write(this.#current);
+    if (this.#isWriting) return;
+    const next = this.#waiting.shift();
+    if (next) void this.#write(next);
     else if (this.#ending) this.#input.end();
   }
 
-  #write({ parts }: Entry): void {
-    // Without an error, too, a write is over when its stream is destroyed.
-    const done = (error?: Error | null) =>
-      this.#finish(error || this.#input.destroyed ? 'dropped' : 'written');
-    // Corked, so that header and pixels leave in one system call.
-    this.#input.cork();
-    parts.forEach((part, index) =>
-      this.#input.write(part, index === parts.length - 1 ? done : undefined),
-    );
-    this.#input.uncork();
+  async #write({ parts, settle }: Entry): Promise<void> {
+    this.#isWriting = true;
+    settle(await this.#put(parts));
+    this.#isWriting = false;
+    this.#writeNext();
   }
 
-  #finish(outcome: FrameOutcome): void {
-    this.#current?.settle(outcome);
-    this.#current = undefined;
-    this.#writeNext();
+  #put(parts: Buffer[]): Promise<FrameOutcome> {
+    const input = this.#input;
+    return new Promise((resolve) => {
+      // A stream that is destroyed may forget the write it was at, or end it without an error.
+      this.#abandonWrite = () => resolve('dropped');
+      const done = (error?: Error | null) =>
+        resolve(error || input.destroyed ? 'dropped' : 'written');
+      // Corked, so that header and pixels leave in one system call.
+      input.cork();
+      parts.forEach((part, index) =>
+        input.write(part, index === parts.length - 1 ? done : undefined),
+      );
+      input.uncork();
+    });
   }
 }

@@ -13,7 +13,7 @@ import {
   type UnknownEvent,
 } from './events.js';
 import { describeExit, type HelperExit } from './exit.js';
-import { Feeder, type FrameOutcome } from './feeder.js';
+import { Feeder, type FrameWrite } from './feeder.js';
 import { StartError, type HelperProcess } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
@@ -105,12 +105,12 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Hands over a picture: RGBA, the bottom row first. Settles when `rgba` may be used again, with
-   * what became of the frame: while one is being written and another waits, the newer one takes the
-   * place of the one that waits. Never rejects; throws a TypeError or a RangeError when size, id or
-   * length are not what the helper accepts.
+   * Hands over a picture: RGBA, the bottom row first. Returns at once; `rgba` may be used again when
+   * `done` settles, with what became of the frame: while one is being written and another waits,
+   * the newer one takes the place of the one that waits. Throws a TypeError or a RangeError when
+   * size, id or length are not what the helper accepts.
    */
-  writeFrame(size: FrameSize, id: FrameId, rgba: Pixels): Promise<FrameOutcome> {
+  writeFrame(size: FrameSize, id: FrameId, rgba: Pixels): FrameWrite {
     checkSize(size);
     const pixels = pixelBytes(rgba, size);
     this.#lastFrame = checkedId(id, this.#lastFrame);

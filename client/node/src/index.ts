@@ -1,7 +1,7 @@
 export { startHelper, type HelperOptions } from './start.js';
 export { type Helper, type HelperEvents } from './helper.js';
 export { type HelperExit } from './exit.js';
-export { type FrameOutcome } from './feeder.js';
+export { type FrameOutcome, type FrameWrite } from './feeder.js';
 export { type FrameId, type FrameSize, type Pixels } from './records.js';
 export { flipRows } from './rows.js';
 export { StartError } from './launch.js';
