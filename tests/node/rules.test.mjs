@@ -5,7 +5,7 @@ import { Duplex, Writable } from 'node:stream';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
 import { findProgram } from '../../client/node/dist/cjs/index.js';
-import { flipRows, toWebCodecs } from '../../client/node/dist/esm/index.js';
+import { flipRows, frameId, toWebCodecs, uptime } from '../../client/node/dist/esm/index.js';
 
 const inside = (name) => import(`../../client/node/dist/esm/${name}.js`);
 const records = await inside('records');
@@ -66,6 +66,27 @@ test('an input that is destroyed takes no more', async () => {
   input.destroy();
   assert.equal(await outcomes(puts), 'dropped,dropped,true');
   assert.equal(put('c').state, 'dropped');
+});
+
+test('a take has the times it was given; one that would cost the take is refused first', async () => {
+  const sent = [];
+  const takes = new (await inside('take')).Takes((record) => sent.push(JSON.parse(record.subarray(16))));
+  const now = uptime();
+  const path = '/a.mp4';
+  const bad = [NaN, Infinity, -1, String(now), now - 31, now + 1];
+  for (const startedAt of bad) assert.throws(() => takes.start({ path, startedAt }), RangeError);
+  const starting = takes.start({ path, startedAt: now - 1 });
+  takes.handle({ id: sent[0].id, state: 'starting' });
+  const take = await starting;
+  for (const stoppedAt of [...bad, now - 2]) assert.throws(() => take.stop({ stoppedAt }), RangeError);
+  for (const stoppedAt of [now, now + 0.01]) take.stop({ stoppedAt }); // the first counts
+  const { id } = take;
+  const [type, started_at, cadence] = ['record_start', now - 1, 'steady'];
+  assert.deepEqual(sent, [{ type, id, path, cadence, started_at }, { type: 'record_stop', id, stopped_at: now }]);
+  assert.deepEqual([take.startedAt, take.stoppedAt], [now - 1, now]);
+  takes.start({ path, steady: false });
+  assert.ok(!('cadence' in sent[2]) && sent[2].started_at >= now);
+  assert.equal(frameId(12.3456789), 12345678);
 });
 
 test('lines are cut, bounded and typed; a slow reader of events keeps the newest', async () => {

@@ -119,7 +119,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Starts a take behind the frames written so far. Resolves when the helper has accepted it,
-   * rejects with a TakeError when it refuses.
+   * rejects with a TakeError when it refuses, or a RangeError for what it would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);

@@ -7,7 +7,7 @@ export { flipRows } from './rows.js';
 export { StartError } from './launch.js';
 export { findProgram } from './program.js';
 export { TakeError, type Take, type TakeOptions } from './take.js';
-export { uptime } from './timing.js';
+export { frameId, uptime } from './timing.js';
 export type * from './events.js';
 export { connectStream, type StreamClient, type StreamOptions } from './stream.js';
 export { type ConfigurationPacket, type FramePacket, type Packet } from './packets.js';

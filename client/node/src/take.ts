@@ -6,7 +6,7 @@ import { isAbsolute } from 'node:path';
 import { deferred, type Deferred } from './deferred.js';
 import type { RecordingEvent } from './events.js';
 import { commandRecord } from './records.js';
-import { uptime } from './timing.js';
+import { checkCaptureTime, uptime } from './timing.js';
 
 export interface TakeOptions {
   /** Absolute, ends in ".mp4"; nothing may exist there. */
@@ -14,9 +14,12 @@ export interface TakeOptions {
   /** Together with `targetFps`; 1080x720 at 60 if both are missing. */
   resolution?: '640x360' | '1080x720' | '1920x1080';
   targetFps?: 15 | 30 | 45 | 60;
-  /** For a camera that runs at about `targetFps`: every frame counts, in spite of jitter. */
-  cadence?: 'steady';
-  /** Capture time on the clock of `uptime()`, at most 30 s ago; now, if missing. */
+  /**
+   * The default: every frame of a camera that runs at about `targetFps` counts, in spite of jitter.
+   * False: a frame counts only from the next point of a fixed grid on.
+   */
+  steady?: boolean;
+  /** Capture time on the clock of `uptime()`, at most 30 s ago or 50 ms ahead; now, if missing. */
   startedAt?: number;
 }
 
@@ -31,17 +34,25 @@ export class Take {
   /** The helper's name for the take. */
   readonly id: string;
   readonly path: string;
+  /** Where the movie begins on the clock of `uptime()`: what sound is aligned with. */
+  readonly startedAt: number;
   /**
    * Resolves with the last event once the movie is safe on disk, under `path` of that event;
    * rejects with a TakeError.
    */
   readonly saved: Promise<RecordingEvent>;
   readonly #send: Send;
-  #stopped = false;
+  #stoppedAt: number | undefined;
 
-  constructor(id: string, path: string, saved: Promise<RecordingEvent>, send: Send) {
+  /** @internal */
+  constructor(
+    { id, path, startedAt }: StartCommand,
+    saved: Promise<RecordingEvent>,
+    send: Send,
+  ) {
     this.id = id;
     this.path = path;
+    this.startedAt = startedAt;
     this.saved = saved;
     this.#send = send;
   }
@@ -51,12 +62,24 @@ export class Take {
     return `${this.path}.${this.id}.partial`;
   }
 
-  /** Ends the take behind the frames written so far; returns `saved`. */
-  stop({ stoppedAt = uptime() }: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
-    if (!this.#stopped) {
-      this.#stopped = true;
-      this.#send(commandRecord({ type: 'record_stop', id: this.id, stopped_at: stoppedAt }));
-    }
+  /** Where the movie ends; undefined until `stop` is called. */
+  get stoppedAt(): number | undefined {
+    return this.#stoppedAt;
+  }
+
+  /**
+   * Ends the take behind the frames written so far; returns `saved`. Throws a RangeError, and lets
+   * the take run, for a time that the helper would answer by deleting it: see `startedAt` of
+   * TakeOptions, and before the take's own.
+   */
+  stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
+    if (this.#stoppedAt !== undefined) return this.saved;
+    // A take may start a little ahead.
+    const { stoppedAt = Math.max(uptime(), this.startedAt) } = options;
+    checkCaptureTime(stoppedAt);
+    if (stoppedAt < this.startedAt) throw new RangeError('a take ends no earlier than it begins');
+    this.#stoppedAt = stoppedAt;
+    this.#send(commandRecord({ type: 'record_stop', id: this.id, stopped_at: stoppedAt }));
     return this.saved;
   }
 }
@@ -67,20 +90,30 @@ interface OpenTake {
   saved: Deferred<RecordingEvent>;
 }
 
-function startCommand(id: string, options: TakeOptions): Buffer {
-  const { path, resolution, targetFps, cadence, startedAt = uptime() } = options;
+interface StartCommand {
+  id: string;
+  path: string;
+  startedAt: number;
+  record: Buffer;
+}
+
+function startCommand(options: TakeOptions): StartCommand {
+  const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw new RangeError('the path of a take is absolute and ends in ".mp4"');
   }
-  return commandRecord({
+  checkCaptureTime(startedAt);
+  const id = randomUUID();
+  const record = commandRecord({
     type: 'record_start',
     id,
     path,
     resolution,
     target_fps: targetFps,
-    cadence,
+    cadence: steady ? 'steady' : undefined,
     started_at: startedAt,
   });
+  return { id, path, startedAt, record };
 }
 
 export class Takes {
@@ -93,13 +126,12 @@ export class Takes {
 
   /** Resolves when the helper has accepted the take. */
   start(options: TakeOptions): Promise<Take> {
-    const id = randomUUID();
-    const command = startCommand(id, options);
+    const command = startCommand(options);
     const saved = deferred<RecordingEvent>();
-    const take = new Take(id, options.path, saved.promise, this.#send);
+    const take = new Take(command, saved.promise, this.#send);
     const started = deferred<Take>();
-    if (!this.#send(command)) return Promise.reject(new TakeError('the helper has ended'));
-    this.#open.set(id, { take, started, saved });
+    if (!this.#send(command.record)) return Promise.reject(new TakeError('the helper has ended'));
+    this.#open.set(command.id, { take, started, saved });
     return started.promise;
   }
 
