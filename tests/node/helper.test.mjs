@@ -22,6 +22,12 @@ async function helperFor(context) {
   return helper;
 }
 
+async function collect(events) {
+  const all = [];
+  for await (const event of events) all.push(event);
+  return all;
+}
+
 async function feedUntil(helper, isEnough) {
   for (let id = 1; !isEnough(); ++id) await helper.writeFrame(size, id, rgba).done;
 }
@@ -32,7 +38,7 @@ function countPictures(movie) {
 }
 
 // How many of 60 frames a client gets that acknowledges all by itself or 20 by hand.
-async function watch({ token, ready: { port } }, acknowledgement) {
+async function watch({ token, port }, acknowledgement) {
   const client = await connectStream({ port, token, acknowledgement });
   let frames = 0;
   for await (const { type, frameId, keyframe } of client) {
@@ -58,18 +64,20 @@ test('a take is saved, two clients watch, the token is told to nobody', async (c
   assert.equal(countPictures(take.path), frames);
   await assert.rejects(helper.startTake({ path: take.path, resolution: '640x360' }),
     { name: 'TakeError', message: 'recording resolution or target frame rate is invalid' });
-  const stranger = await connectStream({ port: helper.ready.port, token: 'x'.repeat(16) });
+  const stranger = await connectStream({ port: helper.port, token: 'x'.repeat(16) });
   await assert.rejects(stranger[Symbol.asyncIterator]().next(), /token is wrong/);
   const told = [inspect(helper, { depth: 9, showHidden: true }), JSON.stringify(helper),
     readFileSync(`/proc/${helper.pid}/cmdline`, 'latin1')];
   assert.deepEqual(await helper.stop(), { code: 0, signal: null });
-  for await (const event of events) told.push(event.raw);
+  const said = await collect(events);
+  assert.equal(said.at(-1).type, 'exit');
+  told.push(...said.map(({ raw }) => raw));
   assert.ok(told.some((text) => text.includes('"saved"')));
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
 
 test('a helper that cannot start says why', async (context) => {
-  const { ready: { port } } = await helperFor(context);
+  const { port } = await helperFor(context);
   const refused = (options, message) =>
     assert.rejects(startHelper({ stderr: 'ignore', ...options }), { name: 'StartError', message });
   await refused({ program: '/none' }, /"program".*\/none/);
@@ -102,7 +110,8 @@ test('a helper killed in the middle of a frame ends the frame and the take, no m
   const exit = once(helper, 'exit');
   process.kill(helper.pid, 'SIGKILL');
   assert.deepEqual(await Promise.all(outcomes), ['dropped', 'dropped']);
-  assert.deepEqual(await exit, [{ code: null, signal: 'SIGKILL' }]);
+  assert.deepEqual(await exit, [{ type: 'exit', raw: '', code: null, signal: 'SIGKILL' }]);
+  assert.deepEqual(await collect(helper.events()), await exit);
   assert.equal(helper.writeFrame(size, 2_000_000, rgba).state, 'dropped');
   await assert.rejects(take.saved, { name: 'TakeError', message: /before the take was saved \(SIGKILL\)/ });
   await assert.rejects(helper.startTake({ path: take.path }), { name: 'TakeError' });

@@ -94,11 +94,11 @@ test('lines are cut, bounded and typed; a slow reader of events keeps the newest
   const cut = ['a', 'b\n{}\nc', 'y'.repeat(5000), 'y\nz\n'].map((text) => lines.feed(Buffer.from(text)));
   assert.deepEqual(cut, [[], ['ab', '{}'], [], ['z']]);
   const { parseEvent } = await inside('events');
-  const raw = '{"encode_ms":1,"type":"stats"}';
-  assert.deepEqual(parseEvent(raw), { type: 'stats', encodeMs: 1, raw });
-  for (const line of ['', 'null', '{"type":"new"}']) {
-    assert.deepEqual(parseEvent(line), { type: 'unknown', raw: line });
-  }
+  for (const [raw, event] of [
+    ['{"encode_ms":1,"type":"stats"}', { type: 'stats', encodeMs: 1 }],
+    ['{"message":"a","type":"error"}', { type: 'failure', message: 'a' }],
+    ...['', 'null', '{"type":"failure"}'].map((line) => [line, { type: 'unknown' }]),
+  ]) assert.deepEqual(parseEvent(raw), { ...event, raw });
   const queue = new (await inside('event_queue')).EventQueue(() => {});
   for (let i = 0; i < 300; ++i) queue.push(i);
   assert.deepEqual([queue.lost, (await queue.next()).value], [44, 44]);

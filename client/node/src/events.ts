@@ -1,4 +1,7 @@
-// What the helper says, one JSON object a line. Keys are in camel case here; `raw` is the line.
+// What the helper says, one JSON object a line, and its end. Keys are in camel case here; `raw` is
+// the line.
+
+import type { HelperExit } from './exit.js';
 
 export interface ReadyEvent {
   type: 'ready';
@@ -69,9 +72,12 @@ export interface RecordingEvent {
   recentFps?: number;
 }
 
-/** The helper's last words before it ends with status 1. */
-export interface ErrorEvent {
-  type: 'error';
+/**
+ * The helper's last words before it ends with status 1, its "error" line: Node throws an event of
+ * that name where nobody listens.
+ */
+export interface FailureEvent {
+  type: 'failure';
   raw: string;
   message: string;
 }
@@ -82,9 +88,24 @@ export interface UnknownEvent {
   raw: string;
 }
 
-export type HelperEvent = ReadyEvent | StatsEvent | RecordingEvent | ErrorEvent | UnknownEvent;
+/** The last event. */
+export interface ExitEvent extends HelperExit {
+  type: 'exit';
+  raw: '';
+}
 
-const knownTypes = ['ready', 'stats', 'recording', 'error'];
+/** What the helper says while it runs. */
+export type LineEvent = StatsEvent | RecordingEvent | FailureEvent | UnknownEvent;
+
+export type HelperEvent = LineEvent | ExitEvent;
+
+// By the name of the line.
+const types = new Map<unknown, string>([
+  ['ready', 'ready'],
+  ['stats', 'stats'],
+  ['recording', 'recording'],
+  ['error', 'failure'],
+]);
 
 const camelCase = (key: string) =>
   key.replace(/_(.)/g, (_, letter: string) => letter.toUpperCase());
@@ -98,9 +119,10 @@ function parseFields(line: string): Record<string, unknown> {
   }
 }
 
-export function parseEvent(line: string): HelperEvent {
+export function parseEvent(line: string): ReadyEvent | LineEvent {
   const fields = parseFields(line);
-  return knownTypes.includes(fields['type'] as string)
-    ? ({ ...fields, raw: line } as unknown as HelperEvent)
-    : { type: 'unknown', raw: line };
+  const type = types.get(fields['type']);
+  return type === undefined
+    ? { type: 'unknown', raw: line }
+    : ({ ...fields, type, raw: line } as unknown as ReadyEvent | LineEvent);
 }

@@ -5,12 +5,10 @@ import { typedEmitter } from './emitter.js';
 import { EventQueue } from './event_queue.js';
 import {
   parseEvent,
-  type ErrorEvent,
+  type ExitEvent,
   type HelperEvent,
   type ReadyEvent,
-  type RecordingEvent,
-  type StatsEvent,
-  type UnknownEvent,
+  type LineEvent,
 } from './events.js';
 import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
@@ -31,14 +29,10 @@ import { settlesWithin } from './timing.js';
 // Milliseconds. With a take to finish the helper ends within 2 s of being asked to.
 const endingLimit = 2500;
 
-export interface HelperEvents {
-  stats: StatsEvent;
-  recording: RecordingEvent;
-  /** Not "error", which Node throws where nobody listens. */
-  failure: ErrorEvent;
-  unknown: UnknownEvent;
-  exit: HelperExit;
-}
+/** Every event by its type. */
+export type HelperEvents = {
+  [Type in HelperEvent['type']]: Extract<HelperEvent, { type: Type }>;
+};
 
 export class Helper extends typedEmitter<HelperEvents>() {
   /** Never rejects. */
@@ -54,7 +48,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   #ready: ReadyEvent | undefined;
   #lastFrame = 0n;
   #error: string | undefined;
-  #hasExited = false;
+  #exit: ExitEvent | undefined;
   #stopping: Promise<HelperExit> | undefined;
 
   /** @internal */
@@ -73,9 +67,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
     this.exited = new Promise((resolve) => {
       child.on('close', (code, signal) => {
         const exit = { code, signal, ...(this.#error && { error: this.#error }) };
-        this.#settle(exit);
         resolve(exit);
-        this.emit('exit', exit);
+        this.#settle(exit);
       });
     });
   }
@@ -89,7 +82,12 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#token;
   }
 
-  /** What the helper said when it was ready; `ready.port` is where stream clients connect. */
+  /** Where stream clients connect. */
+  get port(): number {
+    return this.ready.port;
+  }
+
+  /** What the helper said when it was ready. */
   get ready(): ReadyEvent {
     return this.#ready as ReadyEvent;
   }
@@ -125,11 +123,13 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#takes.start(options);
   }
 
-  /** Events from now on; ends with the helper. A slow reader loses the oldest (`lost`). */
+  /**
+   * Events from now on; the helper's exit is the last. A slow reader loses the oldest (`lost`).
+   */
   events(): EventQueue<HelperEvent> {
     const queue = new EventQueue<HelperEvent>(() => this.#queues.delete(queue));
-    if (this.#hasExited) queue.end();
-    else this.#queues.add(queue);
+    this.#queues.add(queue);
+    if (this.#exit) this.#close(queue, this.#exit);
     return queue;
   }
 
@@ -151,25 +151,32 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.exited;
   }
 
-  #handle(event: HelperEvent): void {
-    if (event.type === 'recording') this.#takes.handle(event);
-    if (event.type === 'error') this.#error = event.message;
-    for (const queue of this.#queues) queue.push(event);
-    if (event.type !== 'ready') {
-      this.emit(event.type === 'error' ? 'failure' : event.type, event);
+  #handle(event: ReadyEvent | LineEvent): void {
+    if (event.type === 'ready') {
+      this.#ready = event;
+      this.#whenReady.resolve(event);
       return;
     }
-    this.#ready = event;
-    this.#whenReady.resolve(event);
+    if (event.type === 'recording') this.#takes.handle(event);
+    if (event.type === 'failure') this.#error = event.message;
+    for (const queue of this.#queues) queue.push(event);
+    this.emit(event.type, event);
   }
 
   #settle(exit: HelperExit): void {
-    this.#hasExited = true;
+    this.#exit = { type: 'exit', raw: '', ...exit };
     this.#feeder.end();
     const cause = describeExit(exit);
     this.#whenReady.reject(new StartError(`the helper ended at once (${cause})`));
     this.#takes.abandon(cause);
-    for (const queue of this.#queues) queue.end();
+    for (const queue of this.#queues) this.#close(queue, this.#exit);
+    this.emit('exit', this.#exit);
+  }
+
+  #close(queue: EventQueue<HelperEvent>, exit: ExitEvent): void {
+    queue.push(exit);
+    queue.end();
+    this.#queues.delete(queue);
   }
 }
 
