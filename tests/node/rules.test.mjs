@@ -1,6 +1,7 @@
 // The rules that need no process.
 
 import assert from 'node:assert/strict';
+import { readSync, writeSync } from 'node:fs';
 import { Duplex, Writable } from 'node:stream';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
@@ -9,11 +10,15 @@ import { flipRows, frameId, toWebCodecs, uptime } from '../../client/node/dist/e
 
 const inside = (name) => import(`../../client/node/dist/esm/${name}.js`);
 const records = await inside('records');
+const { Feeder } = await inside('feeder');
+const { FrameMemory } = await inside('frame_memory');
 const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
 test('records are those of the protocol; what would end the helper is refused', () => {
   const small = { width: 2, height: 2 };
   assert.deepEqual(records.frameHeader(small, 7n), hex('00000010 0002 0002 0000000000000007'));
+  assert.deepEqual(records.frameReference(small, 7n, 4096),
+    hex('00000008 0002 0002 0000000000000007 0000000000001000'));
   records.checkSize({ width: 1080, height: 1920 });
   for (const [width, height] of [[1900, 1082], [1922, 1078], [3, 2], [0, 2], [2, NaN], ['2', 2]]) {
     assert.throws(() => records.checkSize({ width, height }), RangeError, `${width}x${height}`);
@@ -29,43 +34,75 @@ test('records are those of the protocol; what would end the helper is refused', 
   assert.deepEqual(flipRows(turned, { width: 2, height: 4 }), rows);
 });
 
-// A feeder, and what it has written; `put` takes frames of one letter and longer commands.
-async function feederInto() {
+// A feeder, and the names of what it has written; `put` takes frames of one letter, longer commands.
+function feederInto(memory) {
   const taken = [];
-  const pending = [];
+  const nameOf = (record) => {
+    if (record.length < 16) return record.toString();
+    const pixels = record.subarray(16);
+    if (pixels.length === 8) readSync(memory.descriptor, pixels, 0, 8, Number(pixels.readBigUInt64BE()));
+    return pixels.toString('latin1', 0, 1);
+  };
   const writev = (chunks, done) => {
-    taken.push(chunks.map(({ chunk }) => chunk).join(''));
-    pending.push(done);
+    taken.push(nameOf(Buffer.concat(chunks.map(({ chunk }) => chunk))));
+    setImmediate(done);
   };
   const input = new Writable({ writev });
-  const feeder = new (await inside('feeder')).Feeder(input);
-  const put = (name) => (name.length > 1
-    ? { done: feeder.writeCommand(Buffer.from(name)) }
-    : feeder.writeFrame(Buffer.from('#'), Buffer.from(name)));
-  const drain = async () => { for (; pending.length > 0; await turn()) pending.shift()(); };
-  return { taken, input, feeder, put, drain };
+  const feeder = new Feeder(input, memory);
+  const put = (name) => {
+    const bytes = Buffer.from(name);
+    if (name.length > 1) return { done: feeder.writeCommand(bytes) };
+    const pixels = Buffer.alloc(16, bytes);
+    return feeder.writeFrame({ size: { width: 2, height: 2 }, id: BigInt(bytes[0]), pixels });
+  };
+  return { taken, input, feeder, put };
 }
 
 const outcomes = async (puts) => (await Promise.all(puts.map(({ done }) => done))).join();
 
-test('one frame is written, the newest waits, commands keep their place', async () => {
-  const { taken, input, feeder, put, drain } = await feederInto();
-  const puts = ['a', 'b', 'start', 'c', 'd'].map(put);
-  assert.equal(await puts[1].done, 'dropped');
-  feeder.end();
-  assert.equal(put('e').state, 'dropped');
-  await drain();
-  assert.deepEqual(taken, ['#a', 'start', '#d']);
-  assert.equal(await outcomes(puts), 'written,dropped,true,dropped,written');
-  assert.ok(input.writableFinished);
-});
+const ways = {
+  pipe: () => undefined,
+  memory: () => FrameMemory.make(),
+  'memory that is used up': () => ({ isFull: () => false, store: async () => undefined, close() {} }),
+};
+for (const [way, memory] of Object.entries(ways)) {
+  test(`one frame is written, the newest waits, commands keep their place (${way})`, async () => {
+    const { taken, input, feeder, put } = feederInto(memory());
+    const puts = ['a', 'b', 'start', 'c', 'd'].map(put);
+    assert.equal(await puts[1].done, 'dropped');
+    feeder.end();
+    assert.equal(put('e').state, 'dropped');
+    assert.equal(await outcomes(puts), 'written,dropped,true,dropped,written');
+    assert.deepEqual(taken, ['a', 'start', 'd']);
+    await turn();
+    assert.ok(input.writableFinished);
+  });
 
-test('an input that is destroyed takes no more', async () => {
-  const { input, put } = await feederInto();
-  const puts = ['a', 'b', 'start'].map(put);
-  input.destroy();
-  assert.equal(await outcomes(puts), 'dropped,dropped,true');
-  assert.equal(put('c').state, 'dropped');
+  test(`an input that is destroyed takes no more (${way})`, async () => {
+    const { input, put } = feederInto(memory());
+    const puts = ['a', 'b', 'start'].map(put);
+    input.destroy();
+    assert.equal(await outcomes(puts), 'dropped,dropped,true');
+    assert.equal(put('c').state, 'dropped');
+  });
+}
+
+test('a slot is used again only when the helper has released its frame', async () => {
+  const memory = FrameMemory.make();
+  const release = (name) => writeSync(memory.descriptor, BigUint64Array.of(BigInt(name.charCodeAt(0))), 0, 8, 0);
+  const { taken, feeder, put } = feederInto(memory);
+  for (const name of ['a', 'b', 'c']) assert.equal(await put(name).done, 'written');
+  const puts = ['d', 'stop', 'e'].map(put);
+  for (const name of ['A', 'd', 'z']) { // no frame's that is there
+    release(name);
+    assert.ok(memory.isFull(), name);
+  }
+  release('b');
+  assert.equal(await outcomes(puts), 'dropped,true,written');
+  assert.equal(await outcomes([put('f')]), 'written'); // the other of two
+  assert.ok(memory.isFull());
+  assert.deepEqual(taken, ['a', 'b', 'c', 'stop', 'e', 'f']);
+  feeder.end();
 });
 
 test('a take has the times it was given; one that would cost the take is refused first', async () => {

@@ -1,10 +1,15 @@
 // The way into the helper's standard input: at most one frame is being written and one waits; a
 // newer one takes the place of the one that waits. Commands keep their place among the frames and
-// are never dropped.
+// are never dropped. The pixels go into memory that the helper shares, if there is such memory.
 
 import type { Writable } from 'node:stream';
 
 import { deferred } from './deferred.js';
+import type { FrameMemory } from './frame_memory.js';
+import { frameHeader, type Frame } from './records.js';
+
+// Milliseconds. The helper tells nobody that it has released a frame.
+const retryInterval = 2;
 
 /**
  * `written`: the helper has all of it (and may still drop it, see `droppedRaw` in its statistics).
@@ -20,27 +25,32 @@ export interface FrameWrite {
 }
 
 interface Entry {
-  isFrame: boolean;
-  parts: Buffer[];
+  content: Frame | Buffer;
   settle(outcome: FrameOutcome): void;
 }
+
+const isFrame = (content: Frame | Buffer): content is Frame => !Buffer.isBuffer(content);
 
 export class Feeder {
   readonly counts = { written: 0, dropped: 0 };
   readonly #input: Writable;
+  #memory: FrameMemory | undefined;
   #waiting: Entry[] = [];
   #isWriting = false;
   #ending = false;
+  #retry: NodeJS.Timeout | undefined;
   #abandonWrite: () => void = () => undefined;
 
-  constructor(input: Writable) {
+  /** Closes `memory` in the end. */
+  constructor(input: Writable, memory?: FrameMemory) {
     this.#input = input;
+    this.#memory = memory;
     // A helper that ended shows as an error here; how it ended is told by its exit.
     input.on('error', () => undefined);
     input.on('close', () => this.#abandon());
   }
 
-  writeFrame(header: Buffer, pixels: Buffer): FrameWrite {
+  writeFrame(frame: Frame): FrameWrite {
     const { promise: done, resolve } = deferred<FrameOutcome>();
     const settle = (outcome: FrameOutcome) => {
       this.counts[outcome] += 1;
@@ -51,7 +61,7 @@ export class Feeder {
       return { state: 'dropped', done };
     }
     this.#dropWaitingFrame();
-    this.#waiting.push({ isFrame: true, parts: [header, pixels], settle });
+    this.#waiting.push({ content: frame, settle });
     this.#writeNext();
     return { state: 'queued', done };
   }
@@ -59,7 +69,7 @@ export class Feeder {
   /** False when the helper no longer reads. */
   writeCommand(record: Buffer): boolean {
     if (this.#ending) return false;
-    this.#waiting.push({ isFrame: false, parts: [record], settle: () => undefined });
+    this.#waiting.push({ content: record, settle: () => undefined });
     this.#writeNext();
     return true;
   }
@@ -78,22 +88,48 @@ export class Feeder {
   }
 
   #dropWaitingFrame(): void {
-    const index = this.#waiting.findIndex((entry) => entry.isFrame);
+    const index = this.#waiting.findIndex(({ content }) => isFrame(content));
     if (index >= 0) this.#waiting.splice(index, 1)[0]?.settle('dropped');
   }
 
   #writeNext(): void {
     if (this.#isWriting) return;
-    const next = this.#waiting.shift();
-    if (next) void this.#write(next);
-    else if (this.#ending) this.#input.end();
+    const [next] = this.#waiting;
+    if (!next) return this.#ending ? this.#close() : undefined;
+    if (isFrame(next.content) && this.#memory?.isFull()) return this.#writeLater();
+    this.#waiting.shift();
+    void this.#write(next);
   }
 
-  async #write({ parts, settle }: Entry): Promise<void> {
+  #writeLater(): void {
+    this.#retry ??= setTimeout(() => {
+      this.#retry = undefined;
+      this.#writeNext();
+    }, retryInterval);
+  }
+
+  async #write({ content, settle }: Entry): Promise<void> {
     this.#isWriting = true;
-    settle(await this.#put(parts));
+    settle(await this.#put(isFrame(content) ? await this.#frameRecord(content) : [content]));
     this.#isWriting = false;
     this.#writeNext();
+  }
+
+  async #frameRecord(frame: Frame): Promise<Buffer[]> {
+    const reference = await this.#memory?.store(frame);
+    if (reference) return [reference];
+    this.#closeMemory(); // there is none left; the helper's input takes any frame
+    return [frameHeader(frame.size, frame.id), frame.pixels];
+  }
+
+  #close(): void {
+    this.#input.end();
+    this.#closeMemory();
+  }
+
+  #closeMemory(): void {
+    this.#memory?.close();
+    this.#memory = undefined;
   }
 
   #put(parts: Buffer[]): Promise<FrameOutcome> {

@@ -12,12 +12,11 @@ import {
 } from './events.js';
 import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
-import { StartError, type HelperProcess } from './launch.js';
+import { StartError, type HelperProcess, type Launched } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
   checkedId,
   checkSize,
-  frameHeader,
   pixelBytes,
   type FrameId,
   type FrameSize,
@@ -52,11 +51,11 @@ export class Helper extends typedEmitter<HelperEvents>() {
   #stopping: Promise<HelperExit> | undefined;
 
   /** @internal */
-  constructor(child: HelperProcess, token: string) {
+  constructor({ child, memory }: Launched, token: string) {
     super();
     this.#process = child;
     this.#token = token;
-    this.#feeder = new Feeder(child.stdin);
+    this.#feeder = new Feeder(child.stdin, memory);
     this.#takes = new Takes((record) => this.#feeder.writeCommand(record));
     const lines = new LineSplitter();
     child.stdout.on('data', (bytes: Buffer) => {
@@ -112,7 +111,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
     checkSize(size);
     const pixels = pixelBytes(rgba, size);
     this.#lastFrame = checkedId(id, this.#lastFrame);
-    return this.#feeder.writeFrame(frameHeader(size, this.#lastFrame), pixels);
+    // The frame may wait, and `size` change meanwhile.
+    return this.#feeder.writeFrame({ size: { ...size }, id: this.#lastFrame, pixels });
   }
 
   /**

@@ -5,6 +5,7 @@ import { spawn, type ChildProcessByStdio } from 'node:child_process';
 import { once } from 'node:events';
 import type { Readable, Writable } from 'node:stream';
 
+import { FrameMemory } from './frame_memory.js';
 import { findProgram } from './program.js';
 
 export interface LaunchOptions {
@@ -16,6 +17,11 @@ export interface LaunchOptions {
   port?: number;
   /** At most 640x360, the default. */
   preview?: { width: number; height: number };
+  /**
+   * How pixels get to the helper: through its input, the default, or through memory of 25 MB that
+   * both have, where there is such memory (/dev/shm).
+   */
+  frames?: 'pipe' | 'memory';
   /** On top of our own environment. */
   env?: Record<string, string>;
   /** Where the helper's standard error goes: ours (the default), nowhere, or a file descriptor. */
@@ -41,15 +47,30 @@ function argumentsOf({ host, port, preview }: LaunchOptions): string[] {
   );
 }
 
-export async function launch(options: LaunchOptions, token: string): Promise<HelperProcess> {
+export interface Launched {
+  child: HelperProcess;
+  /** That the helper has, too. */
+  memory: FrameMemory | undefined;
+}
+
+const firstFreeDescriptor = 3; // of the child, behind its standard streams
+
+export async function launch(options: LaunchOptions, token: string): Promise<Launched> {
+  const memory = options.frames === 'memory' ? FrameMemory.make() : undefined;
+  const ours = {
+    TAVO_VIDEO_TOKEN: token,
+    TAVO_FRAME_MEMORY: memory && String(firstFreeDescriptor), // undefined: not in the environment
+  };
+  const inherited = memory ? [memory.descriptor] : [];
   try {
     const child = spawn(findProgram(options.program), argumentsOf(options), {
-      env: { ...process.env, ...options.env, TAVO_VIDEO_TOKEN: token },
-      stdio: ['pipe', 'pipe', options.stderr ?? 'inherit'],
+      env: { ...process.env, ...options.env, ...ours },
+      stdio: ['pipe', 'pipe', options.stderr ?? 'inherit', ...inherited],
     }) as HelperProcess;
     await once(child, 'spawn');
-    return child;
+    return { child, memory };
   } catch (error) {
+    memory?.close();
     throw new StartError((error as Error).message, { cause: error });
   }
 }

@@ -5,6 +5,9 @@
 //   +--------+-------+--------+----------+---------
 //   | length | width | height | frame id | payload       big-endian; a command's width,
 //   +--------+-------+--------+----------+---------      height and id are 0
+//
+// The payload of a frame is its pixels or, where the helper shares memory with us, their offset
+// there.
 
 const headerBytes = 16;
 const maximumSide = 1920;
@@ -22,6 +25,13 @@ export interface FrameSize {
 export type FrameId = number | bigint;
 
 export type Pixels = Uint8Array | Uint8ClampedArray;
+
+/** A picture on its way to the helper. */
+export interface Frame {
+  size: FrameSize;
+  id: bigint;
+  pixels: Buffer;
+}
 
 function isSide(value: number): boolean {
   return Number.isInteger(value) && value % 2 === 0 && value >= 2 && value <= maximumSide;
@@ -69,6 +79,12 @@ function header(length: number, { width, height }: FrameSize, id: bigint): Buffe
 
 export function frameHeader(size: FrameSize, id: bigint): Buffer {
   return header(size.width * size.height * 4, size, id);
+}
+
+export function frameReference(size: FrameSize, id: bigint, offset: number): Buffer {
+  const payload = Buffer.alloc(8);
+  payload.writeBigUInt64BE(BigInt(offset));
+  return Buffer.concat([header(payload.length, size, id), payload]);
 }
 
 export function commandRecord(command: object): Buffer {
