@@ -7,4 +7,6 @@ source "$here/../npm.sh"
 
 installPackages "$package"
 (cd "$package" && npm run --silent build && npm run --silent check)
-LUMORA_VIDEO_PATH=$(realpath "$1") exec node --test "$here"/*.test.mjs
+# Node 18 has no limit to set.
+limit=$(node --help | grep -q -e --test-timeout && echo --test-timeout=90000 || true)
+LUMORA_VIDEO_PATH=$(realpath "$1") exec node --expose-gc --test $limit "$here"/*.test.mjs
