@@ -6,7 +6,7 @@ import { mkdtempSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join, resolve } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { startHelper, uptime } from 'lumora-video-client';
+import { frameId, startHelper, uptime } from 'lumora-video-client';
 
 const size = { width: 1280, height: 720 };
 const framesPerSecond = 60;
@@ -27,9 +27,11 @@ async function feed(helper) {
   const free = [...buffers];
   for (let number = 1; number <= framesPerSecond * seconds; ++number) {
     const pixels = free.pop();
-    paint(pixels, number);
-    const id = Math.floor(uptime() * 1e6); // tells viewers how old a picture is
-    helper.writeFrame(size, id, pixels).then(() => free.push(pixels));
+    if (pixels) {
+      paint(pixels, number);
+      const { done } = helper.writeFrame(size, frameId(uptime()), pixels);
+      done.then(() => free.push(pixels));
+    } // else none is back yet, and this picture is dropped
     await sleep(Math.max(0, start + (number * 1000) / framesPerSecond - performance.now()));
   }
 }
@@ -38,7 +40,7 @@ const folder = resolve(process.argv[2] ?? mkdtempSync(join(tmpdir(), 'lumora-'))
 const helper = await startHelper();
 try {
   const path = join(folder, 'take.mp4');
-  const profile = { resolution: '1080x720', targetFps: framesPerSecond, cadence: 'steady' };
+  const profile = { resolution: '1080x720', targetFps: framesPerSecond };
   const take = await helper.startTake({ path, ...profile });
   await feed(helper);
   const saved = await take.stop();
