@@ -30,6 +30,12 @@ async function helperFor(context, frames) {
   return helper;
 }
 
+// The signal alone leaves the helper running for as long as a busy machine likes.
+async function suspend({ pid }) {
+  process.kill(pid, 'SIGSTOP');
+  while (!readFileSync(`/proc/${pid}/stat`, 'latin1').includes(') T ')) await turn();
+}
+
 async function collect(events) {
   const all = [];
   for await (const event of events) all.push(event);
@@ -115,12 +121,12 @@ test('a helper that cannot start says why', async (context) => {
 
 testBothWays('the newest frame waits; a helper that hangs is killed', async (context, way) => {
   const helper = await helperFor(context, way);
-  process.kill(helper.pid, 'SIGSTOP');
+  await suspend(helper);
   const outcomes = [1, 2, 3].map((id) => helper.writeFrame(size, id, dark).done);
   assert.equal(await outcomes[1], 'dropped');
   process.kill(helper.pid, 'SIGCONT');
   assert.deepEqual(await Promise.all(outcomes), ['written', 'dropped', 'written']);
-  process.kill(helper.pid, 'SIGSTOP');
+  await suspend(helper);
   assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
 });
 
@@ -128,7 +134,7 @@ testBothWays('a helper killed in the middle of a frame ends the frame and the ta
   const helper = await helperFor(context, way);
   const take = await helper.startTake({ path: join(folder, `killed-${way}.mp4`) });
   await feedUntil(helper, () => existsSync(take.stagingPath));
-  process.kill(helper.pid, 'SIGSTOP');
+  await suspend(helper);
   const outcomes = [1, 2].map((n) => helper.writeFrame(size, 1_000_000 + n, dark).done);
   const exit = once(helper, 'exit');
   process.kill(helper.pid, 'SIGKILL');
