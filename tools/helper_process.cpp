@@ -1,9 +1,9 @@
 #include "tools/helper_process.h"
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -37,7 +37,7 @@ bool HelperProcess::writeFrame(client::FrameSize size, std::uint64_t id,
     slot = memory_->acquire();
   }
   if (!slot) return false;
-  std::ranges::copy(rgba, slot->pixels());
+  std::memcpy(slot->pixels(), rgba.data(), rgba.size());
   if (!writeReference(size, id, *slot->offset())) return false;
   slot->published(id);
   return true;

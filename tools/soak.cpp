@@ -68,8 +68,9 @@ class Soak {
                  .token = token_,
                  .arguments = {},
                  .environment = {},
-                 .frameMemory =
-                     sharesFrames(/*otherwise=*/false) ? client::FrameMemory::make() : nullptr}) {
+                 .frameMemory = tools::sharesFrames(/*otherwise=*/false)
+                                    ? client::FrameMemory::make()
+                                    : nullptr}) {
     std::filesystem::create_directories(folder_);
     const auto ready = helper_.nextEvent("ready", 20);
     if (!ready) throw std::runtime_error("the helper does not start");
