@@ -28,9 +28,8 @@ struct Disk : HelperTest {
 TEST_F(Disk, OneThatRefusesFailsTheTakeAndNothingElse) {
   std::mt19937 random(1);
   std::vector<Pixels> noise(2, Pixels(FrameSize{640, 360}.bytes()));
-  for (Pixels& picture : noise) {
-    for (auto& byte : picture) byte = static_cast<std::uint8_t>(random());
-  }
+  for (Pixels& picture : noise)
+    std::ranges::generate(picture, [&] { return static_cast<std::uint8_t>(random()); });
   start();
   const Watcher watcher(connectClient());
   const auto expectFailure = [&](const char* reason) {

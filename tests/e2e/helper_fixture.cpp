@@ -18,14 +18,12 @@ namespace lumora::tests {
 Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight) {
   Pixels pixels;
   pixels.reserve(size.bytes());
+  const Rgb colours[2][2] = {{bottomLeft, bottomRight}, {topLeft, topRight}};  // fed bottom up
   for (int row = 0; row < size.height; ++row) {
-    const bool bottom = row < size.height / 2;  // fed from the bottom up
     for (int x = 0; x < size.width; ++x) {
-      const bool left = x < size.width / 2;
-      const Rgb colour = bottom ? (left ? bottomLeft : bottomRight) : (left ? topLeft : topRight);
-      for (const int value : {colour.red, colour.green, colour.blue, 255}) {
+      const auto& [red, green, blue] = colours[row >= size.height / 2][x >= size.width / 2];
+      for (const int value : {red, green, blue, 255})
         pixels.push_back(static_cast<std::uint8_t>(value));
-      }
     }
   }
   return pixels;
@@ -38,9 +36,8 @@ std::string outputOf(const std::string& command) {
   std::FILE* pipe = popen((command + " 2>&1").c_str(), "re");
   if (pipe == nullptr) throw std::runtime_error("can't run " + command);
   std::array<char, 4096> bytes;
-  while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe)) {
+  while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe))
     output.append(bytes.data(), count);
-  }
   const int status = pclose(pipe);
   return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
@@ -101,9 +98,7 @@ void HelperTest::start(std::vector<std::string> arguments,
   if (tools::sharesFrames(/*otherwise=*/false)) frameMemory = client::FrameMemory::make();
   helper = std::make_unique<tools::HelperProcess>(client::LaunchOptions{
       LUMORA_HELPER, token, std::move(arguments), std::move(environment), frameMemory});
-  const auto ready = helper->nextEvent("ready", 20);
-  ASSERT_TRUE(ready);
-  port = ready->at("port");
+  port = waitForEvent("ready").at("port");
   lastID = 0;
 }
 
@@ -122,9 +117,8 @@ Event HelperTest::waitForEvent(const std::string& type, const Wanted& wanted) {
   const client::Deadline deadline(20);
   for (;;) {
     const auto event = helper->nextEvent(type, deadline.millisecondsLeft() / 1000.0);
-    if (!event || deadline.millisecondsLeft() == 0) {
+    if (!event || deadline.millisecondsLeft() == 0)
       throw std::runtime_error("the awaited \"" + type + "\" event did not come");
-    }
     if (wanted(*event)) return *event;
   }
 }
@@ -165,11 +159,8 @@ int HelperTest::finish() {
 std::string HelperTest::writeStream(const std::vector<client::Packet>& packets) const {
   const std::string written = folder / "stream.h264";
   std::ofstream file(written, std::ios::binary);
-  for (const client::Packet& packet : packets) {
-    const auto units = toAnnexB(packet);
-    file.write(reinterpret_cast<const char*>(units.data()),
-               static_cast<std::streamsize>(units.size()));
-  }
+  for (const client::Packet& packet : packets)
+    std::ranges::copy(toAnnexB(packet), std::ostreambuf_iterator<char>(file));
   return written;
 }
 
@@ -206,23 +197,20 @@ Event probe(const std::string& path) {
   return all.at("streams").empty() ? Event::object() : all["streams"][0];
 }
 
-void HelperTest::startTake(const Event& extra) {
-  Event command = {{"type", "record_start"}, {"id", takeID}, {"path", path}};
-  command.update(extra);
-  helper->writeCommand(command);
+void HelperTest::startTake(Event keys) {
+  keys.update({{"type", "record_start"}, {"id", takeID}, {"path", path}});
+  helper->writeCommand(keys);
 }
 
-void HelperTest::stopTake(const Event& extra) {
-  Event command = {{"type", "record_stop"}, {"id", takeID}};
-  command.update(extra);
-  helper->writeCommand(command);
+void HelperTest::stopTake(Event keys) {
+  keys.update({{"type", "record_stop"}, {"id", takeID}});
+  helper->writeCommand(keys);
 }
 
 void HelperTest::feedPaced(int count, double framesPerSecond, FrameSize size,
                            std::vector<Pixels> pictures) {
-  if (pictures.empty()) {
+  if (pictures.empty())
     pictures = {quarters(size, {200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90})};
-  }
   auto due = std::chrono::steady_clock::now();
   for (int i = 0; i < count; ++i) {
     std::this_thread::sleep_until(due);

@@ -83,7 +83,8 @@ class HelperTest : public testing::Test {
                                      const Pixels& pixels, int count);
   // Waits for an event that satisfies `wanted`; throws when none comes within 20 seconds.
   using Wanted = std::function<bool(const Event&)>;
-  Event waitForEvent(const std::string& type, const Wanted& wanted);
+  Event waitForEvent(
+      const std::string& type, const Wanted& wanted = [](const Event&) { return true; });
   Event waitForStatistics(const Wanted& wanted) { return waitForEvent("stats", wanted); }
   // Ends the input; the exit code, or -1 when it did not end by itself.
   int finish();
@@ -91,8 +92,8 @@ class HelperTest : public testing::Test {
   std::string writeStream(const std::vector<client::Packet>& packets) const;
 
   // Start and stop the take at `path`, with further keys of the command.
-  void startTake(const Event& extra = Event::object());
-  void stopTake(const Event& extra = Event::object());
+  void startTake(Event keys = Event::object());
+  void stopTake(Event keys = Event::object());
   // Feeds `count` frames at a steady rate, of these pictures in turn or of one.
   void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360},
                  std::vector<Pixels> pictures = {});

@@ -104,11 +104,9 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
   for (int limit = 4; !saved; ++limit) {
     SCOPED_TRACE(limit);
     ASSERT_LT(limit, 64);
-    helper = std::make_unique<tools::HelperProcess>(client::LaunchOptions{
-        "/bin/sh",
-        token,
-        {"-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\"", LUMORA_HELPER},
-        {}});
+    const std::string script = "ulimit -n " + std::to_string(limit) + "; exec \"$0\"";
+    helper = std::make_unique<tools::HelperProcess>(
+        client::LaunchOptions{"/bin/sh", token, {"-c", script, LUMORA_HELPER}, {}});
     const auto first = helper->nextLine(20);
     if (!first || first->find("video listener ") != std::string::npos) {
       EXPECT_EQ(exitCode(), first ? 1 : 127);  // no library could be loaded
@@ -137,9 +135,7 @@ TEST_F(Input, WithoutTheRequiredEncoderTheFirstPreviewFrameFails) {
     start({}, {{"TAVO_H264_ENCODER", choice}});
     const auto viewer = connectClient();
     feed({320, 240}, plain({320, 240}, {1, 2, 3}));
-    const auto event = helper->nextEvent("error", 20);
-    ASSERT_TRUE(event);
-    EXPECT_THAT(event->at("message").get<std::string>(),
+    EXPECT_THAT(waitForEvent("error").at("message").get<std::string>(),
                 testing::StartsWith("hardware encoder creation failed (-"));
     EXPECT_EQ(exitCode(), 1);
   }

@@ -20,8 +20,7 @@ constexpr Rgb red{255, 0, 0}, green{0, 255, 0}, blue{0, 0, 255}, grey{90, 120, 1
 
 TEST_F(Preview, IsUprightAndInTheRightColoursAtEverySize) {
   struct Case {
-    FrameSize camera;
-    FrameSize preview;
+    FrameSize camera, preview;
     std::vector<std::string> arguments = {};
   };
   const Case cases[] = {{{1920, 1080}, {640, 360}},

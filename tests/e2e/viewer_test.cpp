@@ -12,7 +12,6 @@
 #include <fstream>
 #include <regex>
 
-#include <lumora/packets.h>
 #include "tests/e2e/helper_fixture.h"
 
 namespace lumora::tests {

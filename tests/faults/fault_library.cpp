@@ -149,55 +149,46 @@ int armedMain(int count, char** arguments, char** environment) {
 
 // NOLINTBEGIN: these are the C library's names and shapes
 #define REAL(name) static auto* const next = real<decltype(name)>(#name)
-#define FAULT(type, name, parameters, arguments, error, failure) \
-  type name parameters {                                         \
-    REAL(name);                                                  \
-    if (fails(#name, error)) return failure;                     \
-    return next arguments;                                       \
+// Behind `error`, what is written down when the call succeeds.
+#define FAULT_AS(failure, type, name, parameters, arguments, error, ...)   \
+  type name parameters {                                                   \
+    REAL(name);                                                            \
+    if (fails(#name, error)) return failure;                               \
+    const type result = next arguments;                                    \
+    __VA_OPT__(if (result == 0 && isLogged(descriptor)) log(__VA_ARGS__);) \
+    return result;                                                         \
   }
-#define LOGGED_FAULT(name, parameters, arguments, kind, offset)               \
-  int name parameters {                                                       \
-    REAL(name);                                                               \
-    if (fails(#name, EIO)) return -1;                                         \
-    const int status = next arguments;                                        \
-    if (status == 0 && isLogged(descriptor)) log(DiskLogEntry::kind, offset); \
-    return status;                                                            \
-  }
+#define FAULT(...) FAULT_AS(-1, __VA_ARGS__)
 
 extern "C" {
 
-FAULT(int, socket, (int family, int type, int protocol) noexcept, (family, type, protocol), EMFILE,
-      -1)
-FAULT(int, bind, (int to, const sockaddr* address, socklen_t size) noexcept, (to, address, size),
-      EADDRINUSE, -1)
-FAULT(int, listen, (int on, int backlog) noexcept, (on, backlog), EADDRINUSE, -1)
-FAULT(int, accept, (int on, sockaddr* address, socklen_t* size), (on, address, size), EMFILE, -1)
-FAULT(ssize_t, recv, (int from, void* space, size_t size, int flags), (from, space, size, flags),
-      ECONNRESET, -1)
-FAULT(ssize_t, sendmsg, (int to, const msghdr* message, int flags), (to, message, flags), EPIPE, -1)
-FAULT(int, epoll_create1, (int flags) noexcept, (flags), EMFILE, -1)
+FAULT(int, socket, (int family, int type, int how) noexcept, (family, type, how), EMFILE)
+FAULT(int, bind, (int to, const sockaddr* at, socklen_t size) noexcept, (to, at, size), EADDRINUSE)
+FAULT(int, listen, (int on, int backlog) noexcept, (on, backlog), EADDRINUSE)
+FAULT(int, accept, (int on, sockaddr* from, socklen_t* size), (on, from, size), EMFILE)
+FAULT(ssize_t, recv, (int on, void* to, size_t size, int how), (on, to, size, how), ECONNRESET)
+FAULT(ssize_t, sendmsg, (int on, const msghdr* message, int how), (on, message, how), EPIPE)
+FAULT(int, epoll_create1, (int flags) noexcept, (flags), EMFILE)
 FAULT(int, epoll_ctl, (int on, int what, int descriptor, epoll_event* event) noexcept,
-      (on, what, descriptor, event), ENOMEM, -1)
-FAULT(int, eventfd, (unsigned initial, int flags) noexcept, (initial, flags), EMFILE, -1)
-FAULT(int, timerfd_create, (clockid_t clock, int flags) noexcept, (clock, flags), EMFILE, -1)
+      (on, what, descriptor, event), ENOMEM)
+FAULT(int, eventfd, (unsigned initial, int flags) noexcept, (initial, flags), EMFILE)
+FAULT(int, timerfd_create, (clockid_t clock, int flags) noexcept, (clock, flags), EMFILE)
 FAULT(int, timerfd_settime, (int timer, int flags, const itimerspec* to, itimerspec* from) noexcept,
-      (timer, flags, to, from), EINVAL, -1)
-FAULT(int, pipe, (int ends[2]) noexcept, (ends), EMFILE, -1)
-FAULT(int, link, (const char* from, const char* to) noexcept, (from, to), EPERM, -1)
-FAULT(int, unlink, (const char* path) noexcept, (path), EACCES, -1)
-FAULT(int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* frame), (to, frame), EIO, -EIO)
-FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO, -1)
-
-FAULT(int, fallocate, (int descriptor, int mode, off_t offset, off_t size),
-      (descriptor, mode, offset, size), ENOSPC, -1)
-FAULT(int, pthread_create,
-      (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*),
-       void* with) noexcept,
-      (thread, attributes, run, with), EAGAIN, EAGAIN)
-LOGGED_FAULT(fdatasync, (int descriptor), (descriptor), synced, 0)
-LOGGED_FAULT(fsync, (int descriptor), (descriptor), namesSynced, 0)
-LOGGED_FAULT(ftruncate, (int descriptor, off_t size) noexcept, (descriptor, size), truncated,
-             static_cast<std::uint64_t>(size))
+      (timer, flags, to, from), EINVAL)
+FAULT(int, pipe, (int ends[2]) noexcept, (ends), EMFILE)
+FAULT(int, link, (const char* from, const char* to) noexcept, (from, to), EPERM)
+FAULT(int, unlink, (const char* path) noexcept, (path), EACCES)
+FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO)
+FAULT(int, fallocate, (int on, int how, off_t at, off_t size), (on, how, at, size), ENOSPC)
+FAULT(int, fdatasync, (int descriptor), (descriptor), EIO, DiskLogEntry::synced)
+FAULT(int, fsync, (int descriptor), (descriptor), EIO, DiskLogEntry::namesSynced)
+FAULT(int, ftruncate, (int descriptor, off_t size) noexcept, (descriptor, size), EIO,
+      DiskLogEntry::truncated, static_cast<std::uint64_t>(size))
+FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* frame), (to, frame),
+         EIO)
+FAULT_AS(EAGAIN, int, pthread_create,
+         (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
+         (thread, as, run, with), EAGAIN)
 
 #define OPEN(name)                                            \
   int name(const char* path, int flags, ...) {                \

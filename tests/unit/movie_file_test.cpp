@@ -13,7 +13,6 @@ extern "C" {
 #include <numeric>
 #include <thread>
 
-#include "h264/annex_b.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
@@ -32,14 +31,6 @@ struct Disk {
   std::uint64_t free = std::uint64_t{1} << 30;  // bytes that anybody may have
   std::uint64_t reserved = 0;
 
-  int reserve(std::uint64_t wanted) {
-    const std::lock_guard hold(mutex);
-    const std::uint64_t more = std::max(wanted, reserved) - reserved;
-    if (more > free) return ENOSPC;
-    free -= more;
-    reserved += more;
-    return 0;
-  }
   int call(const std::function<void()>& effect) {
     std::unique_lock hold(mutex);
     changed.wait(hold, [this] { return !hangs; });
@@ -66,11 +57,17 @@ struct Disk {
 struct DiskSink final : ByteSink {
   explicit DiskSink(std::shared_ptr<Disk> on) : disk(std::move(on)) {}
   ~DiskSink() override { disk->set(disk->closed, true); }
-  int reserve(std::uint64_t bytes) override { return disk->reserve(bytes); }
+  int reserve(std::uint64_t bytes) override {
+    const std::lock_guard hold(disk->mutex);
+    const std::uint64_t more = std::max(bytes, disk->reserved) - disk->reserved;
+    if (more > disk->free) return ENOSPC;
+    disk->free -= more;
+    disk->reserved += more;
+    return 0;
+  }
   void releaseRoom() override { disk->reserved = 0; }
   int write(ByteView bytes) override {
-    const int error = disk->reserve(bytes.size());
-    if (error != 0) return error;
+    if (const int error = reserve(bytes.size()); error != 0) return error;
     return disk->call([&] {
       disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end());
       disk->reserved -= bytes.size();
@@ -181,9 +178,9 @@ TEST(MovieFile, BoundariesOfPagesAndSectorsNeverCutAFragmentsHead) {
     movie.fill(400, size);
     movie.finish(400000);
     const Bytes& bytes = movie.disk->bytes;
-    for (const Fragment& fragment : findFragments(bytes)) {
-      const std::size_t block = fragment.size <= 512 ? 512 : 4096;
-      EXPECT_EQ(fragment.offset / block, (fragment.offset + fragment.size - 1) / block) << size;
+    for (const auto& [start, length] : findFragments(bytes)) {
+      const std::size_t block = length <= 512 ? 512 : 4096;
+      EXPECT_EQ(start / block, (start + length - 1) / block) << size;
     }
     EXPECT_EQ(readMovie(bytes).times.size(), 400u) << size;
   }
@@ -282,25 +279,18 @@ struct SparseSink final : ByteSink {
   std::uint64_t size = 0;
 };
 
-struct HollowSample final : EncodedSample {
-  bool dataIsReady() const override { return true; }
-  std::optional<std::size_t> dataLength() const override { return 8 << 20; }
-  Status copyBytes(std::size_t, MutableByteView) const override { return 0; }
-  std::shared_ptr<const FormatDescription> format() const override { return keySample()->format(); }
-};
-
 TEST(MovieFile, TakesOfDaysAndGigabytesKeepTheirTimesAndPlaces) {
   const std::string path = testing::TempDir() + "lumora-long-" + std::to_string(getpid());
   constexpr int samples = 530;  // 4.1 GiB
   {
     HybridMovieWriter writer(std::make_unique<SparseSink>(path), 0);
-    const HollowSample sample;
-    ASSERT_TRUE(writer.startWriting(sample.format()));
+    const auto sample = keySample((8 << 20) - 4);
+    ASSERT_TRUE(writer.startWriting(sample->format()));
     std::int64_t time = 0;
     for (int i = 0; i < samples; ++i) {
       const std::int64_t duration = i < 4 ? longestSample : 30000;
       while (!writer.isReadyForMoreMediaData()) std::this_thread::yield();
-      ASSERT_TRUE(writer.append(sample, true, {time, duration}));
+      ASSERT_TRUE(writer.append(*sample, true, {time, duration}));
       time += duration;
     }
     finishMovie(writer, time);

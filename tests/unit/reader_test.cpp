@@ -99,12 +99,10 @@ struct SteppedQueue final : SerialQueue {
   void asyncAfter(double, Work) override {}
   void setFailureHandler(FailureHandler) override {}
   void handleOne() {
-    std::unique_lock hold(mutex);
+    const std::lock_guard hold(mutex);  // which the reader may wait for, and nothing else
     ASSERT_FALSE(work.empty());
-    const Work next = std::move(work.front());
+    work.front()();
     work.pop_front();
-    hold.unlock();
-    next();
   }
   // Whether another item comes.
   bool grows(std::chrono::milliseconds within = std::chrono::seconds(20)) {

@@ -45,9 +45,8 @@ TEST(JsonText, HasNoEndBeforeItsEndAndNumbersWithoutALimit) {
   for (const std::string& text : std::initializer_list<std::string>{
            std::string("{}\0", 3), std::string("{}\0garbage", 10), "\"1e999", R"({"a":01e999})",
            R"({"a":+1e999})", R"({"a":1.e999})", R"({"a":1e999.5})", R"({"a":1e999e1})",
-           R"({"a":1e999)"}) {
+           R"({"a":1e999)"})
     EXPECT_FALSE(parse(text)) << text;
-  }
 }
 
 TEST(RecordingKeyframe, ChecksTheSample) {

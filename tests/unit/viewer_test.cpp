@@ -163,9 +163,8 @@ TEST(PageMessages, WhatNoPageSaysIsRefused) {
         R"({"type":"shown","frame_id":-1})", R"({"type":"shown","frame_id":1.5})",
         R"({"type":"shown","frame_id":"1"})", R"({"type":7})", R"({"type":"visible","visible":1})",
         R"({"type":"start","resolution":"640x360","target_fps":1001,"folder":"/v"})",
-        R"({"type":"start","resolution":1,"target_fps":30,"folder":"/v"})"}) {
+        R"({"type":"start","resolution":1,"target_fps":30,"folder":"/v"})"})
     EXPECT_FALSE(parsed(text)) << text;
-  }
   EXPECT_FALSE(parsePageMessage(R"({"type":"stop"})" + std::string(maximumMessageBytes, ' ')));
 }
 
