@@ -8,9 +8,8 @@ import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
 import net from 'node:net';
-import os from 'node:os';
-import path from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
+import { inFolder } from '../browser/folder.mjs';
 import { startParent } from '../parent.mjs';
 
 const [helper, tap] = process.argv.slice(2);
@@ -56,8 +55,6 @@ function assertStretch(name, file, reference) {
   console.log(`${name}: ${got.length} of ${reference.length} pictures, ${length.toFixed(1)} s, each as it was sent`);
 }
 
-const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-audience-'));
-const inFolder = (name) => path.join(folder, name);
 const [rtmp, udp, srt] = [await freePort(), await freePort(), await freePort()];
 fs.writeFileSync(inFolder('nginx.conf'), `
   ${fs.readFileSync(modules, 'utf8')}
@@ -113,5 +110,4 @@ try {
 } finally {
   for (const program of programs) program.kill('SIGKILL');
   await Promise.all(programs.map(ended));
-  fs.rmSync(folder, { recursive: true });
 }

@@ -12,7 +12,6 @@ import { folder, inFolder, launch } from './browser.mjs';
 
 const [helper, demo, browserPath] = process.argv.slice(2);
 
-// What a helper leaves that was killed in the middle of a take.
 async function recordAndKill() {
   const left = inFolder('killed');
   fs.mkdirSync(left);
@@ -54,7 +53,6 @@ async function play(page, name) {
 const colours = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 0, 255], [255, 0, 0],
   [0, 0, 255], [0, 0, 0], [200, 30, 30], [90, 120, 200], [240, 128, 16], [128, 128, 128]];
 
-// A demo run on stripes of these colours.
 function recordColours() {
   const [still, input] = [inFolder('stripes.ppm'), inFolder('stripes.mkv')];
   fs.writeFileSync(still, `P3 ${colours.length} 1 255 ${colours.flat().join(' ')}`);
@@ -71,11 +69,9 @@ function assertColours(pixels, where) {
 }
 
 // The middle of every stripe. A reader that ignores the tags assumes BT.709.
-function decodeColours(file, ...options) {
-  const picture = execFileSync('ffmpeg', ['-v', 'error', '-i', file, ...options, '-frames:v', '1',
+function decodeColours({ file, width, height }, options) {
+  const picture = execFileSync('ffmpeg', ['-v', 'error', '-i', inFolder(file), ...options, '-frames:v', '1',
     '-f', 'rawvideo', '-'], { maxBuffer: 1 << 24 });
-  const size = execFileSync('ffprobe', ['-v', 'error', '-show_entries', 'stream=width,height', '-of', 'csv=p=0', file]);
-  const [width, height] = String(size).split(',').map(Number);
   return colours.map((_, i) => {
     const at = ((height >> 1) * width + Math.floor((i + 0.5) * width / colours.length)) * 3;
     return [...picture.subarray(at, at + 3)];
@@ -137,11 +133,12 @@ for (const name of ['demo.mp4', 'killed.mp4']) {
     seen.least < 20 && seen.most > 230, JSON.stringify(seen));
   console.log(`Chromium plays and seeks ${name}: ${JSON.stringify(seen)}`);
 }
-const [movie, stream] = ['colours/demo.mp4', 'colours/preview.h264'];
-assertColours(await showColours(page, { movie }), 'a video element');
-assertColours(await showColours(page, firstAccessUnit(inFolder(stream))), 'WebCodecs');
-for (const file of [movie, stream]) {
-  assertColours(decodeColours(inFolder(file), ...usingTags), `ffmpeg, ${file}`);
-  assertColours(decodeColours(inFolder(file), ...ignoringTags), `ffmpeg without tags, ${file}`);
+const movie = { file: 'colours/demo.mp4', width: 1080, height: 720 };
+const stream = { file: 'colours/preview.h264', width: 640, height: 360 };
+assertColours(await showColours(page, { movie: movie.file }), 'a video element');
+assertColours(await showColours(page, firstAccessUnit(inFolder(stream.file))), 'WebCodecs');
+for (const seen of [movie, stream]) {
+  assertColours(decodeColours(seen, usingTags), `ffmpeg, ${seen.file}`);
+  assertColours(decodeColours(seen, ignoringTags), `ffmpeg without tags, ${seen.file}`);
 }
 await browser.close();

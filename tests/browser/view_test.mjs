@@ -27,8 +27,7 @@ async function startView(options, environment = {}) {
     stdio: ['ignore', 'pipe', 'inherit'], env: { ...process.env, ...environment }, detached: true,
   });
   programs.push(program);
-  const lines = readline.createInterface({ input: program.stdout });
-  const [address] = await once(lines, 'line');
+  const [address] = await once(readline.createInterface({ input: program.stdout }), 'line');
   return { program, address };
 }
 
@@ -162,7 +161,6 @@ test('a helper of its own', async () => {
   await page.close();
 });
 
-// The status of a request with these headers.
 async function statusOf({ hostname, port, pathname }, headers, target = pathname) {
   const request = http.get({ hostname, port, path: target, headers });
   const [response] = await Promise.race([once(request, 'response'), once(request, 'upgrade')]);

@@ -17,7 +17,6 @@ struct Faults : HelperTest {
 #if defined(__SANITIZE_THREAD__)
   void SetUp() override { GTEST_SKIP() << "nothing can be loaded in front of this sanitizer"; }
 #endif
-  // Starts the helper with calls that fail, or says how it ended.
   bool startWith(const std::string& faults, std::map<std::string, std::string> more = {}) {
     std::filesystem::remove(hitPath());
     more.insert({{"LD_PRELOAD", LUMORA_FAULTS},
@@ -141,35 +140,35 @@ long nextTried(long nth) { return nth < LUMORA_FAULTS_TRIED ? nth + 1 : nth + nt
 TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndNoMovieIsLost) {
   const std::string noRename = "renameat2:0:22,";  // as on file systems that know no such move
   const std::string noRoom = "fallocate:0:95,";    // nor how to reserve room
-  enum class Ends { saved, recovered, failed };    // without the call's failure
+  const std::string recovered =
+      path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
   struct Kind {
     std::string call;
     std::string before = "";  // what fails anyway
-    Ends ends = Ends::saved;
+    std::string saved;        // without the call's failure
   };
-  std::vector<Kind> kinds = {{"write", noRoom}, {"link", noRename}, {"unlink", noRename}};
+  std::vector<Kind> kinds = {
+      {"write", noRoom, path}, {"link", noRename, path}, {"unlink", noRename, path}};
 #ifndef LUMORA_OWN_HEAP  // a sanitizer looks at memory through pipes
-  kinds.insert(kinds.end(), {{"malloc"},
-                             {"malloc", "fdatasync:1,", Ends::failed},
-                             {"malloc", "renameat2:1:17,", Ends::recovered},
-                             {"pipe"}});
+  kinds.insert(kinds.end(), {{"malloc", "", path},
+                             {"malloc", "fdatasync:1,", ""},
+                             {"malloc", "renameat2:1:17,", recovered},
+                             {"pipe", "", path}});
 #endif
   std::istringstream others(
       "open read pwrite fdatasync fsync renameat2 ftruncate fallocate pthread_create socket bind "
       "listen accept recv sendmsg epoll_ctl epoll_create1 eventfd timerfd_create timerfd_settime "
       "close avcodec_send_frame");
-  for (std::string call; others >> call;) kinds.push_back({call});
-  for (const auto& [call, before, ends] : kinds) {
+  for (std::string call; others >> call;) kinds.push_back({call, "", path});
+  for (const auto& [call, before, saved] : kinds) {
     long nth = 1;
     for (bool hit = true; hit; nth = nextTried(nth)) {
       SCOPED_TRACE(before + call + " " + std::to_string(nth));
-      const Outcome outcome = run(before + call + ":" + std::to_string(nth), ends != Ends::failed);
+      const Outcome outcome = run(before + call + ":" + std::to_string(nth), !saved.empty());
       hit = std::filesystem::exists(hitPath());
       judge(outcome, call);
       if (!hit || call == "unlink") {
-        const std::string recovered = ".recovered-" + takeID + ".mp4";
-        const std::string wanted[] = {path, path.substr(0, path.size() - 4) + recovered, ""};
-        EXPECT_EQ(outcome.saved, wanted[static_cast<int>(ends)]) << outcome.told;
+        EXPECT_EQ(outcome.saved, saved) << outcome.told;
       }
       // The first sync is of the staging file's name, the second of the movie's.
       EXPECT_TRUE(call != "fsync" || !hit || outcome.saved.empty() == (nth == 1));
@@ -227,7 +226,6 @@ TEST_F(Faults, ADiskThatHangsStopsNeitherThePreviewNorTheEnd) {
   const double before = uptime();
   EXPECT_EQ(finish(), 0);
   EXPECT_GE(uptime() - before, 1.9);
-  // What had reached the disk is a movie.
   EXPECT_EQ(decodeErrors(stagingPath()), "");
   EXPECT_FALSE(std::filesystem::exists(path));
 }
@@ -322,9 +320,8 @@ TEST_F(Faults, WheneverThePowerGoesAtMostASecondIsMissingAndNothingOfWhatWasSave
       expect(disk.with(0, i), issued, "the first");
       expect(disk.with(i + 1, writes), issued, "the last");
       const std::size_t sectors = disk.pending[i].second.size() / 512 + 1;
-      for (std::size_t n = 1; n <= sectors; n += 1 + sectors / 4) {
+      for (std::size_t n = 1; n <= sectors; n += 1 + sectors / 4)
         expect(disk.torn(i, n), issued, "torn at sector " + std::to_string(n));
-      }
     }
   }
   ASSERT_FALSE(entries.empty());

@@ -36,7 +36,6 @@ std::string outputOf(const std::string& command);
 // What ffmpeg complains about when it decodes the whole file; empty when it is sound.
 std::string decodeErrors(const std::string& path);
 
-// A picture as ffmpeg decodes it.
 struct Picture {
   FrameSize size;
   Pixels rgb;
@@ -76,7 +75,6 @@ class HelperTest : public testing::Test {
   // Connects a client that the helper has admitted.
   std::unique_ptr<client::StreamClient> connectClient();
   std::unique_ptr<client::StreamClient> connect() const;
-  // Writes one frame with the next id.
   void feed(FrameSize size, const Pixels& pixels);
   // Feeds frames until `stream` has received and acknowledged `count` frame packets; the packets.
   std::vector<client::Packet> stream(client::StreamClient& from, FrameSize size,

@@ -4,8 +4,7 @@
 
 namespace lumora::tests {
 
-// What happened to the one file of a folder: entries, each with `size` bytes behind it if it is a
-// write.
+// What happened to the one file of a folder; behind a write stand its `size` bytes.
 struct DiskLogEntry {
   enum Kind : std::uint64_t { created, written, synced, namesSynced, renamed, truncated };
   Kind kind;

@@ -38,7 +38,6 @@ TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
   first->finishSend();
   probe.connectClient();
   probe.frame(3, keySample());
-  using Submitted = std::vector<std::pair<std::int64_t, bool>>;
   EXPECT_EQ(probe.lastSession().submitted, (Submitted{{1, true}, {2, false}, {3, true}}));
 
   first->finishSend();
@@ -121,9 +120,8 @@ TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
         {{1918, 1080}, {1280, 720}, true, {1280, 720}},
         {{1918, 1080}, {1281, 720}, true, {1278, 720}},
         {{1278, 720}, {1280, 720}, true, {1278, 720}},
-        {{1920, 2}, {640, 360}, false, {640, 2}}}) {
+        {{1920, 2}, {640, 360}, false, {640, 2}}})
     EXPECT_EQ(previewEncodeSize(camera, preview, exact), expected) << camera.width;
-  }
 }
 
 TEST(PictureSize, AspectFitCentresThePicture) {

@@ -1,7 +1,6 @@
 #pragma once
 
-// The machine as fakes: they remember what they were asked, answer when the test says so, and fail
-// when it says so.
+// The machine as fakes: they remember what they were asked, and answer or fail as the test says.
 
 #include <gmock/gmock.h>
 
@@ -38,8 +37,7 @@ enum class Call {
   count
 };
 
-// Makes the n-th call of one kind fail. One for the whole machine, so that every call can fail in
-// its turn.
+// Makes calls fail, one kind at a time: the same for the whole machine.
 class Failures {
  public:
   // The `nth` call from now on, counted from 1, answers `status`; so do `more` calls after it.
@@ -62,7 +60,6 @@ class Failures {
   std::map<Call, std::deque<int>> answers_;  // of the next calls; those behind succeed
 };
 
-// A fake whose calls fail as the machine's one `Failures` says.
 struct CanFail {
   explicit CanFail(Failures& all) : failures(all) {}
   int next(Call call) const { return failures.next(call); }
@@ -77,13 +74,12 @@ class ManualQueue final : public SerialQueue {
     work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
-  // Runs everything that is due, including what that enqueues; whether there was anything.
+  // Run what is due, all of it with what that enqueues or the next; whether there was anything.
   bool run() {
     const bool any = runNext();
     while (runNext()) continue;
     return any;
   }
-  // Runs the next that is due; whether there was one.
   bool runNext() {
     if (work_.empty() || work_.begin()->first > now_) return false;
     const Work work = std::move(work_.extract(work_.begin()).mapped());
@@ -262,6 +258,8 @@ struct FakePool final : PixelBufferPool, CanFail {
   MemoryPixelBufferPool buffers;
 };
 
+using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, forced
+
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
       : CanFail(all), pool(width, height, all), size{width, height}, kind(use) {}
@@ -293,7 +291,7 @@ struct FakeSession : CompressionSession, CanFail {
   SessionKind kind;
   std::map<SessionProperty, PropertyValue> properties;
   std::deque<std::pair<std::shared_ptr<PixelBuffer>, OutputHandler>> pending;
-  std::vector<std::pair<std::int64_t, bool>> submitted;  // time value, forced
+  Submitted submitted;
   int flushes = 0;
   bool invalidated = false;
 };

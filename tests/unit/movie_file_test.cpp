@@ -121,9 +121,8 @@ std::string_view asText(const Bytes& bytes) {
 std::vector<Fragment> findFragments(const Bytes& bytes) {
   std::vector<Fragment> fragments;
   const std::string_view text = asText(bytes);
-  for (auto at = text.find("moof"); at != text.npos; at = text.find("moof", at + 4)) {
+  for (auto at = text.find("moof"); at != text.npos; at = text.find("moof", at + 4))
     fragments.push_back({at - 4, std::size_t{bytes[at - 2]} * 256 + bytes[at - 1]});
-  }
   return fragments;
 }
 
@@ -202,7 +201,6 @@ TEST(MovieFile, AHeadIsMovedOnlyWhenItsSectorOrPageWouldCutIt) {
 }
 
 TEST(MovieFile, EveryFailingCallIsReportedInWords) {
-  // The disk fails at its first call, its second, its third, until a movie gets through.
   int failAfter = 0;
   for (bool completed = false; !completed; ++failAfter) {
     const auto disk = std::make_shared<Disk>();

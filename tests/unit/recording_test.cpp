@@ -2,7 +2,7 @@
 
 #include "encode/session_settings.h"
 #include "record/recording_command.h"
-#include "tests/unit/takes.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
@@ -64,7 +64,6 @@ TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
   probe.answer(nullptr, 0, infoFrameDropped);  // the encoder drops one
   frame(1001.3);
   frame(1001.4, true);
-  using Submitted = std::vector<std::pair<std::int64_t, bool>>;
   EXPECT_EQ(probe.lastSession().submitted,
             (Submitted{{1, true}, {2, true}, {3, false}, {4, true}, {5, true}}));
   expectKeys(finish(), {{"frames", 2}, {"dropped", 3}});
@@ -121,8 +120,7 @@ TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
   }
 }
 
-// Every call of the machine fails in its turn, the first time, the second time, until a whole take
-// beside a client has no more of that kind.
+// Of a whole take beside a client, one call after the other, until there are no more of its kind.
 TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
   for (int kind = 0; kind < static_cast<int>(Call::count); ++kind) {
     const auto call = static_cast<Call>(kind);

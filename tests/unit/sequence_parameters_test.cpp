@@ -131,9 +131,8 @@ TEST(SequenceParameters, SayThatNothingIsReorderedAndElseWhatTheySaid) {
     EXPECT_EQ(takeColours(after), said.size() > 2 ? said : "1 5 0 1 1 13 1 ");
     // Up to where they differ all else is as it was.
     while (before.back().first != "vui_parameters_present_flag" &&
-           before.back().first != "bitstream_restriction_flag") {
+           before.back().first != "bitstream_restriction_flag")
       before.pop_back();
-    }
     before.pop_back();
     EXPECT_TRUE(std::equal(before.begin(), before.end(), after.begin()));
     EXPECT_EQ(completed(changed), changed);

@@ -1,6 +1,6 @@
 // How takes end: stops, names, shutdown.
 
-#include "tests/unit/takes.h"
+#include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
