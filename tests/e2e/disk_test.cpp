@@ -43,7 +43,6 @@ TEST_F(Disk, OneThatRefusesFailsTheTakeAndNothingElse) {
     const int before = watcher.frames();
     turnTo(file);
     take(30, 60);
-    EXPECT_EQ(decodeErrors(path), "");
     EXPECT_GT(watcher.frames(), before);
     std::filesystem::remove(path);
   };

@@ -140,8 +140,7 @@ long nextTried(long nth) { return nth < LUMORA_FAULTS_TRIED ? nth + 1 : nth + nt
 TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndNoMovieIsLost) {
   const std::string noRename = "renameat2:0:22,";  // as on file systems that know no such move
   const std::string noRoom = "fallocate:0:95,";    // nor how to reserve room
-  const std::string recovered =
-      path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
+  const std::string recovered = path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
   struct Kind {
     std::string call;
     std::string before = "";  // what fails anyway
@@ -290,8 +289,7 @@ TEST_F(Faults, WheneverThePowerGoesAtMostASecondIsMissingAndNothingOfWhatWasSave
   ASSERT_TRUE(startWith("", {{"LUMORA_DISK_LOG", log}, {"LUMORA_DISK_FOLDER", place}}));
   startTake({{"resolution", "640x360"}, {"target_fps", 60}, {"cadence", "steady"}});
   feedPaced(frames, 60, {64, 36});
-  stopTake();
-  const int all = waitForTake("saved")["frames"];
+  const int all = saveTake()["frames"];
   EXPECT_EQ(finish(), 0);
 
   // What half a second holds at most. One fragment may be gathering, one be on its way.

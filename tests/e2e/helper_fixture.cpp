@@ -68,6 +68,10 @@ Picture decodeLast(const std::string& path, FrameSize size) {
           Pixels(all.end() - static_cast<std::ptrdiff_t>(std::min(bytes, all.size())), all.end())};
 }
 
+void expectKeys(Event event, const Event& wanted) {
+  for (const auto& [key, value] : wanted.items()) EXPECT_EQ(event[key], value) << key;
+}
+
 Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
     : thread_([this, viewer = std::move(from)](const std::stop_token& stop) {
         while (!stop.stop_requested() && !viewer->isClosed()) {
@@ -207,6 +211,13 @@ void HelperTest::stopTake(Event keys) {
   helper->writeCommand(keys);
 }
 
+Event HelperTest::saveTake(const Event& keys) {
+  stopTake(keys);
+  const Event saved = waitForTake("saved");
+  EXPECT_EQ(decodeErrors(saved.at("path")), "");
+  return saved;
+}
+
 void HelperTest::feedPaced(int count, double framesPerSecond, FrameSize size,
                            std::vector<Pixels> pictures) {
   if (pictures.empty())
@@ -227,8 +238,7 @@ void HelperTest::turnTo(const std::filesystem::path& file) {
 Event HelperTest::take(int count, double framesPerSecond) {
   startTake();
   feedPaced(count, framesPerSecond);
-  stopTake();
-  return waitForTake("saved");
+  return saveTake();
 }
 
 Event HelperTest::waitForTake(const std::string& state) {

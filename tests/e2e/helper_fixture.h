@@ -51,6 +51,9 @@ int countFrames(const std::string& path);
 // What ffprobe says of the only stream of a file; an empty object when it has none.
 Event probe(const std::string& path);
 
+// That `event` has these keys and values, whatever else it has.
+void expectKeys(Event event, const Event& wanted);
+
 // Receives and acknowledges on a thread of its own, as long as this object lives.
 class Watcher {
  public:
@@ -89,9 +92,11 @@ class HelperTest : public testing::Test {
   int exitCode();
   std::string writeStream(const std::vector<client::Packet>& packets) const;
 
-  // Start and stop the take at `path`, with further keys of the command.
+  // Start, stop and save the take at `path`, with further keys of the command. What is saved is a
+  // sound movie; the "saved" event.
   void startTake(Event keys = Event::object());
   void stopTake(Event keys = Event::object());
+  Event saveTake(const Event& keys = Event::object());
   // Feeds `count` frames at a steady rate, of these pictures in turn or of one.
   void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360},
                  std::vector<Pixels> pictures = {});

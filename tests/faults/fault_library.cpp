@@ -184,8 +184,7 @@ FAULT(int, fdatasync, (int descriptor), (descriptor), EIO, DiskLogEntry::synced)
 FAULT(int, fsync, (int descriptor), (descriptor), EIO, DiskLogEntry::namesSynced)
 FAULT(int, ftruncate, (int descriptor, off_t size) noexcept, (descriptor, size), EIO,
       DiskLogEntry::truncated, static_cast<std::uint64_t>(size))
-FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* frame), (to, frame),
-         EIO)
+FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* of), (to, of), EIO)
 FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)

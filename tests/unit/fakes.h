@@ -298,8 +298,7 @@ struct FakeSession : CompressionSession, CanFail {
 
 struct FakeEncoders final : Encoders, CanFail {
   using CanFail::CanFail;
-  Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
-                       const EncoderRequirements&,
+  Status createSession(SessionKind kind, int width, int height, const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
     const Status status = next(Call::createSession);
     if (status == 0)

@@ -69,10 +69,7 @@ Bytes makeSet(const std::string& elements) {
     const auto colon = word.find(':');
     const auto value = static_cast<std::uint32_t>(
         std::stoul(colon == std::string::npos ? word : word.substr(colon + 1), nullptr, 0));
-    if (colon == std::string::npos)
-      set.expGolomb(value);
-    else
-      set.bits(value, std::stoi(word));
+    colon == std::string::npos ? set.expGolomb(value) : set.bits(value, std::stoi(word));
   }
   Bytes unit;
   for (const std::uint8_t byte : set.finish()) {
