@@ -105,20 +105,20 @@ bool isLogged(int descriptor) {
   return logDescriptor >= 0 && descriptor >= 0 && descriptor < maximumLogged && logged[descriptor];
 }
 
-void log(DiskLogEntry::Kind kind, std::uint64_t offset = 0, const void* bytes = nullptr,
-         std::size_t count = 0) {
+void log(DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = nullptr, size_t count = 0) {
   static auto* const writeBytes = real<ssize_t(int, const void*, std::size_t)>("write");
-  const DiskLogEntry entry{kind, offset, count};
+  const DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), count};
   static_cast<void>(writeBytes(logDescriptor, &entry, sizeof entry));
   if (bytes != nullptr) static_cast<void>(writeBytes(logDescriptor, bytes, count));
 }
 
-ssize_t logWrite(int to, off_t offset, const void* bytes, ssize_t count) {
-  if (count > 0 && isLogged(to)) {
-    log(DiskLogEntry::written, static_cast<std::uint64_t>(offset), bytes,
-        static_cast<std::size_t>(count));
-  }
-  return count;
+void logWrite(int to, off_t offset, const void* bytes, ssize_t count) {
+  if (count > 0 && isLogged(to))
+    log(DiskLogEntry::written, offset, bytes, static_cast<std::size_t>(count));
+}
+
+void logStatus(int status, int of, DiskLogEntry::Kind kind, off_t offset = 0) {
+  if (status == 0 && isLogged(of)) log(kind, offset);
 }
 
 // Files and the folder itself.
@@ -149,14 +149,14 @@ int armedMain(int count, char** arguments, char** environment) {
 
 // NOLINTBEGIN: these are the C library's names and shapes
 #define REAL(name) static auto* const next = real<decltype(name)>(#name)
-// Behind `error`, what is written down when the call succeeds.
-#define FAULT_AS(failure, type, name, parameters, arguments, error, ...)   \
-  type name parameters {                                                   \
-    REAL(name);                                                            \
-    if (fails(#name, error)) return failure;                               \
-    const type result = next arguments;                                    \
-    __VA_OPT__(if (result == 0 && isLogged(descriptor)) log(__VA_ARGS__);) \
-    return result;                                                         \
+// Behind `error`, what is done with the `result` of a call that goes through.
+#define FAULT_AS(failure, type, name, parameters, arguments, error, ...) \
+  type name parameters {                                                 \
+    REAL(name);                                                          \
+    if (fails(#name, error)) return failure;                             \
+    const type result = next arguments;                                  \
+    __VA_OPT__(__VA_ARGS__;)                                             \
+    return result;                                                       \
   }
 #define FAULT(...) FAULT_AS(-1, __VA_ARGS__)
 
@@ -180,10 +180,16 @@ FAULT(int, link, (const char* from, const char* to) noexcept, (from, to), EPERM)
 FAULT(int, unlink, (const char* path) noexcept, (path), EACCES)
 FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO)
 FAULT(int, fallocate, (int on, int how, off_t at, off_t size), (on, how, at, size), ENOSPC)
-FAULT(int, fdatasync, (int descriptor), (descriptor), EIO, DiskLogEntry::synced)
-FAULT(int, fsync, (int descriptor), (descriptor), EIO, DiskLogEntry::namesSynced)
-FAULT(int, ftruncate, (int descriptor, off_t size) noexcept, (descriptor, size), EIO,
-      DiskLogEntry::truncated, static_cast<std::uint64_t>(size))
+FAULT(ssize_t, pwrite, (int to, const void* bytes, size_t size, off_t at), (to, bytes, size, at),
+      EIO, logWrite(to, at, bytes, result))
+FAULT(int, fdatasync, (int file), (file), EIO, logStatus(result, file, DiskLogEntry::synced))
+FAULT(int, fsync, (int file), (file), EIO, logStatus(result, file, DiskLogEntry::namesSynced))
+FAULT(int, ftruncate, (int file, off_t size) noexcept, (file, size), EIO,
+      logStatus(result, file, DiskLogEntry::truncated, size))
+FAULT(int, renameat2,
+      (int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept,
+      (fromFolder, from, toFolder, to, flags), EIO,
+      if (result == 0 && logDescriptor >= 0) log(DiskLogEntry::renamed))
 FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* of), (to, of), EIO)
 FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
@@ -204,20 +210,9 @@ ssize_t write(int to, const void* bytes, size_t size) {
   REAL(write);
   if (fails("write", ENOSPC)) return -1;
   const off_t at = isLogged(to) ? lseek(to, 0, SEEK_CUR) : 0;
-  return logWrite(to, at, bytes, next(to, bytes, size));
-}
-ssize_t pwrite(int to, const void* bytes, size_t size, off_t offset) {
-  REAL(pwrite);
-  if (fails("pwrite", EIO)) return -1;
-  return logWrite(to, offset, bytes, next(to, bytes, size, offset));
-}
-int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
-              unsigned flags) noexcept {
-  REAL(renameat2);
-  if (fails("renameat2", EIO)) return -1;
-  const int status = next(fromFolder, from, toFolder, to, flags);
-  if (status == 0 && logDescriptor >= 0) log(DiskLogEntry::renamed);
-  return status;
+  const ssize_t written = next(to, bytes, size);
+  logWrite(to, at, bytes, written);
+  return written;
 }
 int close(int descriptor) {
   REAL(close);

@@ -166,10 +166,8 @@ TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   FakeSession& recording = *probe.encoders->sessions[0];
   EXPECT_EQ(recording.kind, SessionKind::recording);
   EXPECT_EQ(probe.encoders->sessions[1]->kind, SessionKind::preview);
-  EXPECT_EQ(recording.size, (PictureSize{1080, 720}));
-  const auto& properties = recording.properties;
-  EXPECT_EQ(properties.at(SessionProperty::profileLevel), PropertyValue(ProfileLevel::highAuto));
-  EXPECT_EQ(properties.at(SessionProperty::averageBitRate), PropertyValue(std::int64_t{12000000}));
+  EXPECT_EQ(recording.properties.at(SessionProperty::averageBitRate),
+            PropertyValue(std::int64_t{12000000}));
   recording.answer(-22, nullptr);
   probe.run();
   EXPECT_TRUE(probe.isRawBusy());  // the preview still encodes
