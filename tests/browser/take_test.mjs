@@ -70,8 +70,8 @@ function assertColours(pixels, where) {
 
 // The middle of every stripe. A reader that ignores the tags assumes BT.709.
 function decodeColours({ file, width, height }, options) {
-  const picture = execFileSync('ffmpeg', ['-v', 'error', '-i', inFolder(file), ...options, '-frames:v', '1',
-    '-f', 'rawvideo', '-'], { maxBuffer: 1 << 24 });
+  const picture = execFileSync('ffmpeg', ['-v', 'error', '-i', inFolder(file), ...options,
+    '-frames:v', '1', '-f', 'rawvideo', '-'], { maxBuffer: 1 << 24 });
   return colours.map((_, i) => {
     const at = ((height >> 1) * width + Math.floor((i + 0.5) * width / colours.length)) * 3;
     return [...picture.subarray(at, at + 3)];
