@@ -213,8 +213,8 @@ void HelperTest::stopTake(Event keys) {
 
 Event HelperTest::saveTake(const Event& keys) {
   stopTake(keys);
-  const Event saved = waitForTake("saved");
-  EXPECT_EQ(decodeErrors(saved.at("path")), "");
+  Event saved = waitForTake("saved");
+  EXPECT_EQ(decodeErrors(path), "");
   return saved;
 }
 

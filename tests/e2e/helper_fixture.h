@@ -92,8 +92,8 @@ class HelperTest : public testing::Test {
   int exitCode();
   std::string writeStream(const std::vector<client::Packet>& packets) const;
 
-  // Start, stop and save the take at `path`, with further keys of the command. What is saved is a
-  // sound movie; the "saved" event.
+  // Start and stop the take at `path`, with further keys of the command. What is saved has to be a
+  // sound movie there; the "saved" event.
   void startTake(Event keys = Event::object());
   void stopTake(Event keys = Event::object());
   Event saveTake(const Event& keys = Event::object());

@@ -58,7 +58,9 @@ TEST_F(Recording, ATakenNameSendsTheTakeToItsRecoveryName) {
   waitForTake("recording");
   std::ofstream(path) << "somebody else's";
   const std::string recovered = folder / ("a take.\xC3\xA9.recovered-" + takeID + ".mp4");
-  EXPECT_EQ(saveTake()["path"], recovered);
+  stopTake();
+  EXPECT_EQ(waitForTake("saved")["path"], recovered);
+  EXPECT_EQ(decodeErrors(recovered), "");
   EXPECT_EQ(std::filesystem::file_size(path), 15u);
 }
 
