@@ -79,6 +79,9 @@ Run runHelper(const PacedLoad& load, CameraClip& clip) {
   hurried.previewPath = hurried.takePath = "";
   const PacedResult rate = runPacedLoad(hurried, clip);
   Run run{{{"cpu_ms", cost.cpuMilliseconds},
+           {"parent_cpu_ms", cost.parentMilliseconds},
+           {"latency_ms", cost.p50},
+           {"from_call_ms", cost.fromCallP50},
            {"full_cpu_ms", rate.cpuMilliseconds},
            {"fps", static_cast<double>(std::min(rate.delivered, rate.recorded)) / rate.fedSeconds},
            {"peak_mb", std::max(cost.peakMegabytes, rate.peakMegabytes)},
@@ -132,16 +135,17 @@ std::vector<Contender> makeContenders(const std::string& helper, const std::stri
   made.push_back({"encoders alone", [&ready, preset] { return runBound(ready, preset); }});
   made.push_back(
       {"encoders and a pipe", [&ready, preset] { return runBoundWithPipe(ready, preset); }});
-  for (const bool frameMemory : {false, true}) {
-    const Outputs ours = outputs(frameMemory ? "helper-memory" : "helper");
+  for (const auto transport : {client::FrameTransport::pipe, client::FrameTransport::memory}) {
+    const bool isShared = transport == client::FrameTransport::memory;
+    const Outputs ours = outputs(isShared ? "helper-memory" : "helper");
     const PacedLoad load{.helper = helper,
                          .preset = preset,
                          .clients = 1,
                          .take = "1920x1080",
                          .previewPath = ours.preview,
                          .takePath = ours.take,
-                         .frameMemory = frameMemory};
-    made.push_back({frameMemory ? "helper, frame memory" : "helper",
+                         .frames = transport};
+    made.push_back({isShared ? "helper, frame memory" : "helper",
                     [load, &clip] { return runHelper(load, clip); }, ours});
   }
   if (preset.empty()) return made;  // nobody else has our settings
@@ -231,9 +235,9 @@ Event compare(const std::string& helper, int rounds) {
   }
   std::printf("\n60 seconds at 60 frames a second, as shipped\n");
   for (const char* take : {"none", "1080x720", "1920x1080"}) {
-    for (const bool frameMemory : {false, true}) {
+    for (const auto transport : {client::FrameTransport::pipe, client::FrameTransport::memory}) {
       const PacedLoad load{
-          .helper = helper, .seconds = longSeconds, .take = take, .frameMemory = frameMemory};
+          .helper = helper, .seconds = longSeconds, .take = take, .frames = transport};
       print(load, camera, runPacedLoad(load, clip));
     }
   }

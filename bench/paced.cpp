@@ -37,7 +37,7 @@ void measureGrowth(const std::string& helper, double seconds) {
                    .clients = clients,
                    .take = take,
                    .targetFPS = rate,
-                   .frameMemory = tools::sharesFrames()},
+                   .frames = tools::frameTransport()},
                   clip);
         }
       }
@@ -80,7 +80,7 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
   const bench::PacedLoad load{.helper = helper,
                               .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
                               .clients = 1,
-                              .frameMemory = tools::sharesFrames(),
+                              .frames = tools::frameTransport(),
                               .schedule = [&](tools::HelperProcess& to, std::uint64_t frame) {
                                 commandTakes(to, frame, folder, profile);
                               }};
@@ -119,7 +119,7 @@ int run(const std::vector<std::string>& words) {
              .clients = std::stoi(words[5]),
              .take = words[6],
              .targetFPS = rate,
-             .frameMemory = tools::sharesFrames()},
+             .frames = tools::frameTransport()},
             clip);
   } else {
     std::fputs(usage, stderr);

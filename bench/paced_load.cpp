@@ -17,7 +17,7 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   options.launch = {load.helper, client::makeToken(), {}, {}};
   if (!load.preset.empty())
     options.launch.environment = {{"TAVO_H264_ENCODER", "software:" + load.preset}};
-  options.frameMemory = load.frameMemory;
+  options.frames = load.frames;
   options.framesPerSecond = load.framesPerSecond;
   options.seconds = load.seconds;
   options.clients = load.clients;
@@ -70,8 +70,9 @@ void print(const PacedLoad& load, client::FrameSize size, const PacedResult& res
       "%5.2f p95 %5.2f p99 %5.2f ms, from the call p50 %5.2f p99 %5.2f ms  cpu %5.2f ms/frame, "
       "parent %5.2f  page faults %.1f/frame  peak %.0f MB  "
       "ready %.0f ms\n",
-      size.width, size.height, load.framesPerSecond, load.frameMemory ? "memory" : "pipe",
-      load.clients, load.take.c_str(), static_cast<unsigned long long>(result.fed),
+      size.width, size.height, load.framesPerSecond,
+      load.frames == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
+      load.take.c_str(), static_cast<unsigned long long>(result.fed),
       static_cast<unsigned long long>(result.delivered),
       static_cast<unsigned long long>(result.recorded), static_cast<long long>(result.droppedRaw),
       static_cast<unsigned long long>(result.lostAtStart), static_cast<long long>(result.withheld),

@@ -21,7 +21,7 @@ struct PacedLoad {
   int targetFPS = 60;            // of the take
   std::string previewPath = {};  // where the files go; empty: nowhere that lasts
   std::string takePath = {};
-  bool frameMemory = false;  // how frames reach the helper; else through its pipe
+  client::FrameTransport frames = client::FrameTransport::pipe;
   // Called before each frame is written, for commands of one's own.
   std::function<void(tools::HelperProcess&, std::uint64_t frame)> schedule = {};
 };

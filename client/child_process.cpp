@@ -1,6 +1,7 @@
 #include "client/child_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -13,6 +14,8 @@
 #include <random>
 #include <system_error>
 #include <thread>
+
+#include "client/frame_slots.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
 
@@ -39,12 +42,10 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  merged.erase("TAVO_FRAME_MEMORY");  // whoever started us meant a memory of ours
+  merged.erase("TAVO_FRAME_MEMORY");  // if we have it, it says what our own parent shares with us
   for (const auto& [name, value] : options.environment) merged[name] = value;
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
-  if (options.frameMemory) {
-    merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory->descriptor());
-  }
+  if (options.frameMemory >= 0) merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory);
   std::vector<std::string> result;
   for (const auto& [name, value] : merged) result.push_back(name + "=" + value);
   return result;
@@ -62,9 +63,9 @@ pid_t spawn(const LaunchOptions& options, int input, int output) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-  if (options.frameMemory) {
-    const int memory = options.frameMemory->descriptor();
-    posix_spawn_file_actions_adddup2(&actions, memory, memory);  // now no longer closed there
+  if (options.frameMemory >= 0) {
+    // Duplicating it onto itself clears its close-on-exec flag in the child.
+    posix_spawn_file_actions_adddup2(&actions, options.frameMemory, options.frameMemory);
   }
   std::vector<std::string> arguments = {options.program};
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
@@ -113,7 +114,7 @@ std::string makeToken() {
   return token;
 }
 
-ChildProcess::ChildProcess(const LaunchOptions& options) {
+ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.frameMemory) {
   Pipe input = makePipe();
   Pipe output = makePipe();
   pid_ = spawn(options, input.read.get(), output.write.get());
@@ -127,14 +128,25 @@ ChildProcess::~ChildProcess() {
   wait(10);
 }
 
-bool ChildProcess::writeFrame(FrameSize size, std::uint64_t id,
-                              std::span<const std::uint8_t> rgba) {
+bool ChildProcess::writePixels(FrameSize size, std::uint64_t id,
+                               std::span<const std::uint8_t> rgba) {
   const RecordHeaderBytes header = frameHeader(size, id);
   return input_.isOpen() && writeAll(input_.get(), {part(header), part(rgba)});
 }
 
-bool ChildProcess::writeReference(FrameSize size, std::uint64_t id, std::uint64_t offset) {
-  return writeBytes(frameReference(size, id, offset));
+bool ChildProcess::writeFrame(const Frame& frame, std::uint64_t id) {
+  Frame::Loan& slot = *frame.loan_;
+  // A frame may come from the slots of another helper, which this one does not see.
+  const bool isShared = frameMemory_ >= 0 && slot.from().descriptor() == frameMemory_;
+  if (!isShared) return writePixels(frame.size(), id, frame.pixels());
+  if (!writeBytes(frameReference(frame.size(), id, slot.offset()))) return false;
+  slot.markPublished(id);
+  return true;
+}
+
+bool ChildProcess::takesInput() const {
+  pollfd input{.fd = input_.get(), .events = 0, .revents = 0};
+  return poll(&input, 1, 0) == 0;
 }
 
 bool ChildProcess::writeBytes(std::span<const std::uint8_t> bytes) {
@@ -160,8 +172,9 @@ std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
   }
 }
 
-void ChildProcess::sendSignal(int signal) const {
-  if (!status_) kill(pid_, signal);
+void ChildProcess::sendSignal(int signal) {
+  // Where its status is lost, its number may be another's by now.
+  if (!wait(0)) kill(pid_, signal);
 }
 
 std::optional<ExitStatus> ChildProcess::wait(double timeoutSeconds) {

@@ -8,14 +8,12 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "client/descriptor.h"
-#include "client/frame_memory.h"
 #include "client/records.h"
 
 namespace lumora::client {
@@ -25,7 +23,7 @@ struct LaunchOptions {
   std::string token;                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is passed
   std::vector<std::string> arguments;  // "--port", "0", ...
   std::map<std::string, std::string> environment;  // on top of our own
-  std::shared_ptr<FrameMemory> frameMemory = {};   // to share with it; may be null
+  int frameMemory = -1;                            // descriptor of slots that it may see
 };
 
 struct ExitStatus {
@@ -39,8 +37,8 @@ std::string makeToken();
 
 class ChildProcess {
  public:
-  // Starts it with its standard input and output on pipes, which no other child inherits, as it
-  // does not the memory for frames. Throws std::system_error.
+  // Starts it with its standard input and output on pipes. No other child inherits those or the
+  // memory. Throws std::system_error.
   explicit ChildProcess(const LaunchOptions& options);
   // Kills it if it still runs.
   ~ChildProcess();
@@ -49,9 +47,9 @@ class ChildProcess {
 
   // The writes block until all bytes are taken; false when it no longer reads, which raises SIGPIPE
   // on the calling thread.
-  bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
-  // The same for pixels at `offset` of the memory that it shares.
-  bool writeReference(FrameSize size, std::uint64_t id, std::uint64_t offset);
+  bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
+  // Only where its pixels lie, if that is in memory which the helper sees.
+  bool writeFrame(const Frame& frame, std::uint64_t id);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
 
@@ -59,12 +57,16 @@ class ChildProcess {
   std::optional<std::string> nextLine(double timeoutSeconds);
   void closeOutput() { output_.reset(); }
 
-  void sendSignal(int signal) const;
+  // Whether it still reads.
+  bool takesInput() const;
+
+  void sendSignal(int signal);
   // How it ended, or nothing when it still runs after `timeoutSeconds`.
   std::optional<ExitStatus> wait(double timeoutSeconds);
   pid_t pid() const { return pid_; }
 
  private:
+  const int frameMemory_;
   pid_t pid_ = -1;
   Descriptor input_;   // its standard input
   Descriptor output_;  // its standard output

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "client/frame_loan.h"
+#include "client/frame_slots.h"
 #include "client/quiet_thread.h"
 
 namespace lumora::client {
@@ -41,7 +41,7 @@ bool Feeder::write(std::string commandRecord) {
   return true;
 }
 
-void Feeder::drop() {
+void Feeder::countDropped() {
   const std::lock_guard hold(mutex_);
   ++counts_.dropped;
 }
@@ -91,12 +91,7 @@ bool Feeder::writeEntry(const Entry& entry) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(entry.command.data());
     return helper_->writeBytes({bytes, entry.command.size()});
   }
-  const Frame& frame = *entry.frame;
-  const auto offset = frame.loan_->offset();
-  if (!offset) return helper_->writeFrame(frame.size(), entry.id, frame.pixels());
-  if (!helper_->writeReference(frame.size(), entry.id, *offset)) return false;
-  frame.loan_->published(entry.id);
-  return true;
+  return helper_->writeFrame(*entry.frame, entry.id);
 }
 
 }  // namespace lumora::client

@@ -29,8 +29,8 @@ class Feeder {
   void write(Frame frame, std::uint64_t id);
   // False when the helper no longer reads.
   bool write(std::string commandRecord);
-  // A picture found no buffer.
-  void drop();
+  // For a picture that found no slot.
+  void countDropped();
   // Closes the input behind what is being written and what waits.
   void end();
   FrameCounts counts() const;

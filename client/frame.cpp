@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "client/frame_loan.h"
+#include "client/frame_slots.h"
 
 namespace lumora::client {
 
@@ -22,6 +22,9 @@ Frame::~Frame() = default;
 Frame::Frame(Frame&& other) noexcept = default;
 Frame& Frame::operator=(Frame&& other) noexcept = default;
 
-std::span<std::uint8_t> Frame::pixels() const { return {loan_->pixels(), size_.bytes()}; }
+std::span<std::uint8_t> Frame::pixels() const {
+  if (!loan_) return {};
+  return {loan_->pixels(), size_.bytes()};
+}
 
 }  // namespace lumora::client

@@ -12,8 +12,7 @@
 #include <utility>
 
 #include "client/feeder.h"
-#include "client/frame_buffers.h"
-#include "client/frame_memory.h"
+#include "client/frame_slots.h"
 #include "client/program.h"
 #include "client/quiet_thread.h"
 #include "client/take_command.h"
@@ -36,12 +35,17 @@ void check(FrameSize size) {
   if (!fits) throw std::invalid_argument("no helper takes frames of this size");
 }
 
+std::shared_ptr<FrameSlots> makeSlots(FrameTransport frames) {
+  auto shared = frames == FrameTransport::memory ? FrameSlots::makeShared() : nullptr;
+  return shared ? shared : FrameSlots::makePrivate();
+}
+
 std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token,
-                                     std::shared_ptr<FrameMemory> memory) {
+                                     int frameMemory) {
   const std::string program = findProgram(options.program);
   try {
     return std::make_shared<ChildProcess>(
-        LaunchOptions{program, token, options.arguments, options.environment, std::move(memory)});
+        LaunchOptions{program, token, options.arguments, options.environment, frameMemory});
   } catch (const std::system_error& error) {
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }
@@ -75,11 +79,15 @@ class Helper::Impl {
  public:
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
-        memory_(options.frameMemory ? FrameMemory::make() : nullptr),
-        process_(launch(options, token_, memory_)),
+        slots_(makeSlots(options.frames)),
+        process_(launch(options, token_, slots_->descriptor())),
         ready_(awaitReady(*process_, saidFirst_)),
         onEvent_(std::move(onEvent)),
-        feeder_(std::make_shared<Feeder>(process_)) {}
+        feeder_(std::make_shared<Feeder>(process_)) {
+    if (options.frames == FrameTransport::memory && !slots_->isShared()) {
+      slots_ = FrameSlots::makePrivate();  // an older helper
+    }
+  }
 
   ~Impl() {
     if (!reader_.joinable()) return;
@@ -101,12 +109,9 @@ class Helper::Impl {
 
   std::optional<Frame> acquireFrame(FrameSize size) {
     check(size);
-    auto loan = memory_ ? memory_->acquire() : buffers_->lend(size.bytes());
-    if (!loan) {
-      feeder_->drop();
-      return std::nullopt;
-    }
-    return Frame(size, std::move(loan));
+    auto frame = slots_->acquire(size);
+    if (!frame) feeder_->countDropped();
+    return frame;
   }
 
   void publish(Frame frame, std::uint64_t id) { feeder_->write(std::move(frame), id); }
@@ -189,12 +194,11 @@ class Helper::Impl {
   }
 
   const std::string token_;
-  const std::shared_ptr<FrameMemory> memory_;  // null: pictures go through the pipe
+  std::shared_ptr<FrameSlots> slots_;
   const std::shared_ptr<ChildProcess> process_;
   std::vector<Event> saidFirst_;  // up to "ready"
   const Ready ready_;
   const EventHandler onEvent_;
-  const std::shared_ptr<FrameBuffers> buffers_ = std::make_shared<FrameBuffers>();
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;
 
@@ -227,7 +231,8 @@ bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::u
   if (rgba.size() != size.bytes()) throw std::invalid_argument("a frame of another size");
   auto frame = acquireFrame(size);
   if (!frame) return false;
-  std::memcpy(frame->pixels().data(), rgba.data(), rgba.size());  // not byte by byte
+  // As one block: a copy over ranges takes each byte by itself.
+  std::memcpy(frame->pixels().data(), rgba.data(), rgba.size());
   publish(*std::move(frame), id);
   return true;
 }

@@ -13,23 +13,33 @@ namespace {
 
 using namespace lumora;
 
-client::Descriptor makeMemory(unsigned pages, bool sealed) {
+client::Descriptor makeMemory(unsigned bytes, int seals) {
   client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  require(ftruncate(made.get(), pages * 4096) == 0);
-  if (sealed) require(fcntl(made.get(), F_ADD_SEALS, F_SEAL_SHRINK) == 0);
+  require(ftruncate(made.get(), bytes) == 0);
+  require(fcntl(made.get(), F_ADD_SEALS, seals) == 0);
   return made;
 }
 
 }  // namespace
 
-// The first byte is the size of a read, the second the kind and the size of the memory.
+// The first byte is the size of a read, the second the memory's seals and size; a file that nothing
+// keeps from it loses a page with every read.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;
-  const client::Descriptor memory = makeMemory(data[1] / 4U, data[1] % 2 == 0);
-  FuzzedService service(data[1] % 4 < 2 ? inheritFrameMemory(memory.get()) : nullptr);
+  constexpr int kinds[] = {F_SEAL_SHRINK, 0, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL,
+                           F_SEAL_GROW};
+  const int seals = kinds[data[1] % 4];
+  unsigned bytes = data[1] / 4U * 4096 + data[1];  // of less than two pages: there is no memory
+  const client::Descriptor memory = makeMemory(bytes, seals);
+  FuzzedService service(inheritFrameMemory(memory.get(), PicturePool::make()));
   service.probe.process->chunk = data[0] + 1U;
   service.probe.process->input.assign(data + 2, data + size);
-  service.probe.process->beforeRead = [&service] { service.step(); };
+  service.probe.process->beforeRead = [&] {
+    service.step();
+    if (seals != F_SEAL_GROW || bytes < 4096) return;
+    bytes -= 4096;
+    require(ftruncate(memory.get(), bytes) == 0);
+  };
   service.probe.dispatch->detached.at(0)();
   service.step();
   require(service.hasEnded());  // the input has

@@ -101,7 +101,7 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   std::filesystem::create_directories(folder);
   tools::RunOptions options;
   options.launch = {helper, client::makeToken(), {}, {}};
-  options.frameMemory = tools::sharesFrames();
+  options.frames = tools::frameTransport();
   options.framesPerSecond = framesPerSecond;
   options.seconds = seconds;
   options.previewPath = folder / "preview.h264";
@@ -110,7 +110,8 @@ int run(const std::string& helper, const std::filesystem::path& folder, double s
   options.take = {movie, "1080x720", framesPerSecond};
   const auto source = tools::openInput(pictureSize, framesPerSecond);
   std::printf("Feeding 1920x1080 at %d frames a second for %.0f s through %s to %s\n",
-              framesPerSecond, seconds, options.frameMemory ? "shared memory" : "its pipe",
+              framesPerSecond, seconds,
+              options.frames == client::FrameTransport::memory ? "shared memory" : "its pipe",
               helper.c_str());
   const tools::RunReport report = tools::runPaced(
       options, *source,

@@ -6,41 +6,55 @@
 #include <cstring>
 #include <stdexcept>
 #include <thread>
-
-#include "client/frame_loan.h"
+#include <utility>
 
 namespace lumora::tools {
 
-bool sharesFrames(bool otherwise) {
+client::FrameTransport frameTransport(client::FrameTransport otherwise) {
   const char* value = std::getenv("FRAMES");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   const std::string_view way = value == nullptr ? "" : value;
   if (way.empty()) return otherwise;
-  if (way != "memory" && way != "pipe")
-    throw std::runtime_error("FRAMES is neither memory nor pipe");
-  return way == "memory";
+  if (way == "memory") return client::FrameTransport::memory;
+  if (way == "pipe") return client::FrameTransport::pipe;
+  throw std::runtime_error("FRAMES is neither memory nor pipe");
 }
 
-HelperProcess::HelperProcess(const client::LaunchOptions& options)
-    : ChildProcess(options), memory_(options.frameMemory) {
+std::shared_ptr<client::FrameSlots> slotsFor(client::FrameTransport frames) {
+  if (frames == client::FrameTransport::pipe) return nullptr;
+  auto slots = client::FrameSlots::makeShared();
+  if (!slots) throw std::runtime_error("there is no memory that a helper could see");
+  return slots;
+}
+
+namespace {
+
+client::LaunchOptions withSlots(client::LaunchOptions options, const client::FrameSlots* slots) {
+  if (slots != nullptr) options.frameMemory = slots->descriptor();
+  return options;
+}
+
+}  // namespace
+
+HelperProcess::HelperProcess(client::LaunchOptions options,
+                             std::shared_ptr<client::FrameSlots> slots)
+    : ChildProcess(withSlots(std::move(options), slots.get())), slots_(std::move(slots)) {
   struct sigaction current {};
   sigaction(SIGPIPE, nullptr, &current);
   if (current.sa_handler == SIG_DFL) std::signal(SIGPIPE, SIG_IGN);
 }
 
-bool HelperProcess::writeFrame(client::FrameSize size, std::uint64_t id,
-                               std::span<const std::uint8_t> rgba) {
-  if (!memory_) return ChildProcess::writeFrame(size, id, rgba);
+bool HelperProcess::copyFrame(client::FrameSize size, std::uint64_t id,
+                              std::span<const std::uint8_t> rgba) {
+  if (!slots_) return writePixels(size, id, rgba);
   const client::Deadline deadline(20);
-  auto slot = memory_->acquire();
-  while (!slot && deadline.millisecondsLeft() > 0) {
+  auto frame = slots_->acquire(size);
+  while (!frame && takesInput() && deadline.millisecondsLeft() > 0) {
     std::this_thread::sleep_for(std::chrono::microseconds(200));
-    slot = memory_->acquire();
+    frame = slots_->acquire(size);
   }
-  if (!slot) return false;
-  std::memcpy(slot->pixels(), rgba.data(), rgba.size());
-  if (!writeReference(size, id, *slot->offset())) return false;
-  slot->published(id);
-  return true;
+  if (!frame) return false;
+  std::memcpy(frame->pixels().data(), rgba.data(), rgba.size());
+  return writeFrame(*frame, id);
 }
 
 bool HelperProcess::writeCommand(const Event& command) {

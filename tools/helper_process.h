@@ -9,25 +9,35 @@
 #include <span>
 #include <string>
 
+#include <lumora/helper.h>
+
 #include "client/child_process.h"
+#include "client/frame_slots.h"
 
 namespace lumora::tools {
 
 using Event = nlohmann::json;
 
-// Whether pictures go through memory that is shared with the helper: what FRAMES in the environment
-// says, "memory" or "pipe"; `otherwise` without it. Throws std::runtime_error.
-bool sharesFrames(bool otherwise = true);
+// What FRAMES in the environment says, "memory" or "pipe"; `otherwise` without it. Throws
+// std::runtime_error.
+client::FrameTransport frameTransport(
+    client::FrameTransport otherwise = client::FrameTransport::memory);
+
+// Slots that a helper can see, if that is asked for. Throws std::runtime_error where there are
+// none.
+std::shared_ptr<client::FrameSlots> slotsFor(client::FrameTransport frames);
 
 class HelperProcess : public client::ChildProcess {
  public:
   // Ignores SIGPIPE in the whole process unless it is handled, so that a helper that ended shows as
   // a failed write.
-  explicit HelperProcess(const client::LaunchOptions& options);
+  // `slots` are for its pictures; null: they go through its pipe.
+  explicit HelperProcess(client::LaunchOptions options,
+                         std::shared_ptr<client::FrameSlots> slots = nullptr);
 
-  // Through the memory that is shared with it, if there is one: then it waits for a slot; false
-  // also when none becomes free in 20 s.
-  bool writeFrame(client::FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
+  // A picture that lies somewhere else. Waits for a slot, where there are slots; false when it no
+  // longer reads, or frees none in 20 s.
+  bool copyFrame(client::FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
   // Blocks as the other writes do.
   bool writeCommand(const Event& command);
   // The next event, or nothing when none came in time, the output ended or a line is not JSON.
@@ -36,7 +46,7 @@ class HelperProcess : public client::ChildProcess {
   std::optional<Event> nextEvent(const std::string& type, double timeoutSeconds);
 
  private:
-  const std::shared_ptr<client::FrameMemory> memory_;
+  const std::shared_ptr<client::FrameSlots> slots_;
 };
 
 }  // namespace lumora::tools

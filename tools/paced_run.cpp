@@ -107,7 +107,7 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, tools::Helper
     if (options.beforeFrame) options.beforeFrame(helper, number);
     const std::uint64_t id = client::frameID(client::uptime());
     board.captured(id);
-    if (!helper.writeFrame(source.size(), id, rgba)) break;
+    if (!helper.copyFrame(source.size(), id, rgba)) break;
     board.wrote();
     if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
       progress(board.progress());
@@ -148,9 +148,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress) {
   RunReport report;
   const auto launched = SteadyClock::now();
-  client::LaunchOptions launch = options.launch;
-  if (options.frameMemory) launch.frameMemory = client::FrameMemory::make();
-  tools::HelperProcess helper(launch);
+  tools::HelperProcess helper(options.launch, slotsFor(options.frames));
   const auto ready = helper.nextEvent("ready", 10);
   if (!ready) throw std::runtime_error("the helper did not become ready");
   report.readyMilliseconds = millisecondsSince(launched);

@@ -21,7 +21,7 @@ struct TakeOptions {
 
 struct RunOptions {
   client::LaunchOptions launch;
-  bool frameMemory = true;  // pictures go through shared memory, where there is any
+  client::FrameTransport frames = client::FrameTransport::memory;
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;

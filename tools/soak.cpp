@@ -64,13 +64,8 @@ class Soak {
       : folder_(std::move(folder)),
         random_(seed),
         token_(client::makeToken()),
-        helper_({.program = helper,
-                 .token = token_,
-                 .arguments = {},
-                 .environment = {},
-                 .frameMemory = tools::sharesFrames(/*otherwise=*/false)
-                                    ? client::FrameMemory::make()
-                                    : nullptr}) {
+        helper_({.program = helper, .token = token_, .arguments = {}, .environment = {}},
+                tools::slotsFor(tools::frameTransport(client::FrameTransport::pipe))) {
     std::filesystem::create_directories(folder_);
     const auto ready = helper_.nextEvent("ready", 20);
     if (!ready) throw std::runtime_error("the helper does not start");
@@ -134,7 +129,7 @@ class Soak {
         ++id;
         const auto picture = card.next(id, uptime());
         const std::lock_guard hold(input_);
-        if (!helper_.writeFrame(size, id, picture)) return report("the helper reads no more");
+        if (!helper_.copyFrame(size, id, picture)) return report("the helper reads no more");
         ++fed_;
         fedSize_ = size;
       }

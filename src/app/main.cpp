@@ -64,15 +64,13 @@ void startService(const std::vector<std::string>& arguments,
                   const lumora::Environment& environment) {
   const auto configuration = lumora::options(arguments, environment);
   if (!configuration) endWith(invalidConfiguration);
-  std::shared_ptr<lumora::FrameMemory> frameMemory;
-  if (configuration->frameMemory) {
-    frameMemory = lumora::inheritFrameMemory(*configuration->frameMemory);
-    if (!frameMemory) endWith(invalidConfiguration);
-  }
   lumora::keepFreedMemory();
   // Both live until the process ends: `exit` never runs their destructors.
-  static const lumora::Platform platform =
-      lumora::makeSystemPlatform(encoderChoice(environment), frameMemory);
+  static lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
+  if (const auto descriptor = configuration->frameMemoryDescriptor) {
+    platform.frameMemory = lumora::inheritFrameMemory(*descriptor, platform.pictures);
+    if (!platform.frameMemory) endWith(invalidConfiguration);
+  }
   static const auto service = std::make_shared<lumora::VideoEncoder>(*configuration, platform);
   platform.stateQueue->async([] {
     try {

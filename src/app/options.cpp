@@ -41,7 +41,7 @@ bool readEnvironmentSize(const Environment& environment, Configuration& configur
 bool readFrameMemory(const Environment& environment, Configuration& configuration) {
   const auto descriptor = environment.find("TAVO_FRAME_MEMORY");
   if (descriptor == environment.end()) return true;
-  return parseInteger(descriptor->second, configuration.frameMemory.emplace());
+  return parseInteger(descriptor->second, configuration.frameMemoryDescriptor.emplace());
 }
 
 bool applyOption(const std::string& name, const std::string& value, Configuration& configuration) {

@@ -17,8 +17,8 @@ struct Configuration {
   std::string token;
   std::int64_t previewWidth = 640;
   std::int64_t previewHeight = 360;
-  bool exactPreviewDimensions = false;  // the size was given, not defaulted
-  std::optional<int> frameMemory = {};  // descriptor of memory that the parent shares
+  bool exactPreviewDimensions = false;            // the size was given, not defaulted
+  std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
 
   bool operator==(const Configuration&) const = default;
 };

@@ -20,9 +20,7 @@ VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services
       token(configuration.token),
       previewWidth(configuration.previewWidth),
       previewHeight(configuration.previewHeight),
-      exactPreviewDimensions(configuration.exactPreviewDimensions),
-      sharedFrames(platform.frameMemory ? std::make_shared<SharedFrames>(platform.frameMemory)
-                                        : nullptr) {}
+      exactPreviewDimensions(configuration.exactPreviewDimensions) {}
 
 void VideoEncoder::start() {
   platform.encoders->choose(

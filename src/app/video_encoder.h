@@ -20,7 +20,6 @@
 #include "encode/raw_encoding_completion.h"
 #include "input/raw_admission.h"
 #include "input/raw_frame.h"
-#include "input/shared_frames.h"
 #include "platform/platform.h"
 #include "record/movie_recorder.h"
 #include "record/take_event.h"
@@ -84,7 +83,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // The pixels of a frame record, from the input or in the parent's memory; null when it has ended
   // us.
   std::shared_ptr<const std::uint8_t[]> readPixels(const RecordHeader& header);
-  std::shared_ptr<const std::uint8_t[]> findPixels(const RecordHeader& header);
+  std::shared_ptr<const std::uint8_t[]> sharedPixels(const RecordHeader& header);
   void enqueue(std::shared_ptr<const RawFrame> admitted);
 
   // encode/
@@ -178,9 +177,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // input/: the reader. Its thread only.
   std::uint64_t lastFrameID = 0;
-
-  // input/: frames in the parent's memory, under a lock of their own; null without such a memory.
-  const std::shared_ptr<SharedFrames> sharedFrames;
 
   // encode/: the preview session.
   std::shared_ptr<CompressionSession> session;

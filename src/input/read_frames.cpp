@@ -58,12 +58,12 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
 }
 
 bool VideoEncoder::readFrame(const RecordHeader& header) {
-  const bool shared = platform.frameMemory && header.length == frameOffsetBytes;
-  if (shared ? !isValidPicture(header, lastFrameID) : !isValidFrame(header, lastFrameID)) {
+  const bool isShared = platform.frameMemory && header.length == frameOffsetBytes;
+  if (!isValidFrame(header, lastFrameID) || (!isShared && !header.carriesPixels())) {
     requestFailure("invalid raw frame header");
     return false;
   }
-  auto rgba = shared ? findPixels(header) : readPixels(header);
+  auto rgba = isShared ? sharedPixels(header) : readPixels(header);
   if (!rgba) return false;
   lastFrameID = header.id;
   auto frame = std::make_shared<const RawFrame>(
@@ -80,26 +80,18 @@ std::shared_ptr<const std::uint8_t[]> VideoEncoder::readPixels(const RecordHeade
   return nullptr;
 }
 
-std::shared_ptr<const std::uint8_t[]> VideoEncoder::findPixels(const RecordHeader& header) {
-  FrameMemory& memory = *platform.frameMemory;
-  std::array<std::uint8_t, frameOffsetBytes> place{};
-  if (!readExactly(place)) {
-    requestFailure("truncated raw frame");
-    return nullptr;
+std::shared_ptr<const std::uint8_t[]> VideoEncoder::sharedPixels(const RecordHeader& header) {
+  std::array<std::uint8_t, frameOffsetBytes> payload{};
+  std::shared_ptr<const std::uint8_t[]> rgba;
+  if (readExactly(payload)) {
+    const auto offset = integerBE<std::uint64_t>(payload, 0);
+    if (!isValidOffset(offset, header.pictureBytes(), platform.frameMemory->size())) {
+      requestFailure("invalid raw frame header");
+      return nullptr;
+    }
+    rgba = platform.frameMemory->pixels(header.id, offset, header.pictureBytes());
   }
-  const auto offset = integerBE<std::uint64_t>(place, 0);
-  if (!isValidPlace(offset, header.pictureBytes(), memory.size())) {
-    requestFailure("invalid raw frame header");
-    return nullptr;
-  }
-  if (const std::uint8_t* pixels = memory.at(offset)) return sharedFrames->lend(header.id, pixels);
-  PictureMemory rgba = platform.pictures->allocate(header.pictureBytes());
-  if (!rgba) throw std::bad_alloc();
-  if (!memory.read(offset, {rgba.get(), header.pictureBytes()})) {
-    requestFailure("truncated raw frame");
-    return nullptr;
-  }
-  memory.release(header.id);
+  if (!rgba) requestFailure("truncated raw frame");
   return rgba;
 }
 

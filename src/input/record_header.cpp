@@ -4,6 +4,7 @@
 
 #include "base/big_endian.h"
 #include "base/limits.h"
+#include "platform/frame_memory.h"
 
 namespace lumora {
 namespace {
@@ -11,7 +12,6 @@ namespace {
 constexpr int minimumSide = 2;
 constexpr int maximumLongSide = 1920;
 constexpr int maximumShortSide = 1080;
-constexpr std::uint64_t framePageBytes = 4096;  // whatever the machine's are
 
 bool isValidSide(int side) {
   return side >= minimumSide && side <= maximumLongSide && side % 2 == 0;
@@ -26,18 +26,14 @@ RecordHeader decodeRecordHeader(ByteView bytes) {
           .id = integerBE<std::uint64_t>(bytes, 8)};
 }
 
-bool isValidPicture(const RecordHeader& header, std::uint64_t lastID) {
+bool isValidFrame(const RecordHeader& header, std::uint64_t lastID) {
   if (!isValidSide(header.width) || !isValidSide(header.height)) return false;
   if (std::min(header.width, header.height) > maximumShortSide) return false;
   if (std::int64_t{header.width} * header.height > maximumRawPixels) return false;
   return header.id > lastID;
 }
 
-bool isValidFrame(const RecordHeader& header, std::uint64_t lastID) {
-  return isValidPicture(header, lastID) && header.length == header.pictureBytes();
-}
-
-bool isValidPlace(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes) {
+bool isValidOffset(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes) {
   if (offset == 0 || offset % framePageBytes != 0) return false;
   return bytes <= memoryBytes && offset <= memoryBytes - bytes;
 }

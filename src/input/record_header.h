@@ -27,21 +27,19 @@ struct RecordHeader {
 
   bool isCommand() const { return width == 0 && height == 0 && id == 0; }
   std::uint32_t pictureBytes() const { return std::uint32_t{width} * height * 4; }
+  bool carriesPixels() const { return length == pictureBytes(); }
 };
 
 // Decodes the first `recordHeaderBytes` of `bytes`.
 RecordHeader decodeRecordHeader(ByteView bytes);
 
-// Whether a frame record keeps all limits but that of its length, `lastID` being the id of the
-// frame before it.
-bool isValidPicture(const RecordHeader& header, std::uint64_t lastID);
-
-// The same with the length of a record that brings its pixels.
+// Whether a frame record keeps the limits of size and id, `lastID` being the id of the frame before
+// it.
 bool isValidFrame(const RecordHeader& header, std::uint64_t lastID);
 
-// Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: at a page of 4,096
-// bytes, but not the first.
-bool isValidPlace(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes);
+// Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: at the beginning
+// of a page, but not of the first.
+bool isValidOffset(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes);
 
 bool isValidCommand(const RecordHeader& header);
 

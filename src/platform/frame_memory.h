@@ -1,27 +1,25 @@
 #pragma once
 
 // Memory that the parent shares with us: it renders pictures into it, and sends only where they
-// lie. Its first eight bytes are ours to write; docs/protocol.md draws it.
+// lie. docs/protocol.md draws it.
 
 #include <cstdint>
-
-#include "base/bytes.h"
+#include <memory>
 
 namespace lumora {
+
+constexpr std::uint64_t framePageBytes = 4096;  // whatever the machine's pages are
 
 class FrameMemory {
  public:
   virtual ~FrameMemory() = default;
-  // Bytes, of which every one may be asked for.
+  // Bytes, at launch.
   virtual std::uint64_t size() const = 0;
-  // What lies at `offset`, for as long as we live, whatever the parent does meanwhile; null where
-  // that can't be had, and it has to be read. Reader thread.
-  virtual const std::uint8_t* at(std::uint64_t offset) const = 0;
-  // Fills `space` with what lies at `offset`; false when it is no longer there. Reader thread.
-  virtual bool read(std::uint64_t offset, MutableByteView space) = 0;
-  // Tells the parent that the pixels of this frame, and of all before it, are no longer needed: all
-  // that was read of them was read before. One thread at a time.
-  virtual void release(std::uint64_t id) = 0;
+  // The pixels of frame `id`, `bytes` at `offset`, which are inside; null when they are no longer
+  // there. The parent is told that it has them back when the last reference goes, or at once where
+  // they had to be copied. Reader thread, by growing ids; throws std::bad_alloc.
+  virtual std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset,
+                                                       std::size_t bytes) = 0;
 };
 
 }  // namespace lumora

@@ -1,7 +1,5 @@
 #include "system/system_platform.h"
 
-#include <utility>
-
 #include "codec/libav_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_image_converter.h"
@@ -13,8 +11,7 @@
 
 namespace lumora {
 
-Platform makeSystemPlatform(const std::string& h264Encoder,
-                            std::shared_ptr<FrameMemory> frameMemory) {
+Platform makeSystemPlatform(const std::string& h264Encoder) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.pictures = PicturePool::make();
@@ -28,7 +25,6 @@ Platform makeSystemPlatform(const std::string& h264Encoder,
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = std::make_shared<PosixFileManager>();
-  platform.frameMemory = std::move(frameMemory);
   return platform;
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "platform/platform.h"
@@ -9,7 +8,6 @@ namespace lumora {
 
 // The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, "" when there is none; see
 // codec/libav_encoders.h.
-Platform makeSystemPlatform(const std::string& h264Encoder,
-                            std::shared_ptr<FrameMemory> frameMemory = nullptr);
+Platform makeSystemPlatform(const std::string& h264Encoder);
 
 }  // namespace lumora

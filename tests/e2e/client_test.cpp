@@ -19,7 +19,7 @@ struct Client : HelperTest {
   client::HelperOptions options() const {
     return {.program = LUMORA_HELPER,
             .token = token,
-            .frameMemory = tools::sharesFrames(/*otherwise=*/false)};
+            .frames = tools::frameTransport(client::FrameTransport::pipe)};
   }
   client::TakeOptions takeOptions() const {
     return {.path = path, .resolution = "640x360", .targetFPS = 60};
@@ -39,6 +39,9 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   client::Helper camera(options(), [&](const client::Event& told) { events.push_back(told); });
   client::StreamClient viewer("127.0.0.1", camera.port());
   viewer.sayHello(camera.token());
+  const auto descriptors = outputOf("ls -l /proc/" + std::to_string(camera.pid()) + "/fd");
+  EXPECT_EQ(descriptors.find("lumora-frames") != std::string::npos,
+            options().frames == client::FrameTransport::memory);
   client::Take take = camera.startTake(takeOptions());
   feed(camera, 30);
   EXPECT_TRUE(viewer.receive(20));

@@ -110,7 +110,7 @@ struct Faults : HelperTest {
   void feedAll() {
     const Pixels pixels = quarters({64, 36}, {200, 0, 0}, {0, 200, 0}, {0, 0, 200}, {90, 90, 90});
     for (int i = 0; i < 6; ++i) {
-      if (!helper->writeFrame({64, 36}, ++lastID, pixels)) return;
+      if (!helper->copyFrame({64, 36}, ++lastID, pixels)) return;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }

@@ -75,12 +75,20 @@ void expectKeys(Event event, const Event& wanted) {
 Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
     : thread_([this, viewer = std::move(from)](const std::stop_token& stop) {
         while (!stop.stop_requested() && !viewer->isClosed()) {
-          const auto packet = viewer->receive(0.2);
-          if (!packet || packet->type != client::Packet::Type::frame) continue;
-          viewer->acknowledge(packet->frameID);
-          ++frames_;
+          auto packet = viewer->receive(0.2);
+          if (!packet) continue;
+          if (packet->type == client::Packet::Type::frame) {
+            viewer->acknowledge(packet->frameID);
+            ++frames_;
+          }
+          packets_.push_back(*std::move(packet));
         }
       }) {}
+
+std::vector<client::Packet> Watcher::finish() {
+  thread_ = {};
+  return std::move(packets_);
+}
 
 void HelperTest::SetUp() {
   std::string name = (std::filesystem::temp_directory_path() / "lumora-test-XXXXXX").string();
@@ -99,9 +107,10 @@ void HelperTest::endHelper() { EXPECT_TRUE(!helper || finish() == 0); }
 void HelperTest::start(std::vector<std::string> arguments,
                        std::map<std::string, std::string> environment) {
   endHelper();
-  if (tools::sharesFrames(/*otherwise=*/false)) frameMemory = client::FrameMemory::make();
-  helper = std::make_unique<tools::HelperProcess>(client::LaunchOptions{
-      LUMORA_HELPER, token, std::move(arguments), std::move(environment), frameMemory});
+  slots = tools::slotsFor(transport);
+  helper = std::make_unique<tools::HelperProcess>(
+      client::LaunchOptions{LUMORA_HELPER, token, std::move(arguments), std::move(environment)},
+      slots);
   port = waitForEvent("ready").at("port");
   lastID = 0;
 }
@@ -128,7 +137,7 @@ Event HelperTest::waitForEvent(const std::string& type, const Wanted& wanted) {
 }
 
 void HelperTest::feed(FrameSize size, const Pixels& pixels) {
-  ASSERT_TRUE(helper->writeFrame(size, ++lastID, pixels));
+  ASSERT_TRUE(helper->copyFrame(size, ++lastID, pixels));
 }
 
 std::vector<client::Packet> HelperTest::stream(client::StreamClient& from, FrameSize size,

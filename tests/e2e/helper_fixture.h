@@ -59,9 +59,12 @@ class Watcher {
  public:
   explicit Watcher(std::unique_ptr<client::StreamClient> from);
   int frames() const { return frames_; }
+  // All that it has received; no more comes.
+  std::vector<client::Packet> finish();
 
  private:
   std::atomic<int> frames_ = 0;
+  std::vector<client::Packet> packets_;  // the thread's
   std::jthread thread_;
 };
 
@@ -110,7 +113,8 @@ class HelperTest : public testing::Test {
 
   std::filesystem::path folder;
   std::string token = "end-to-end-token-0123456789";
-  std::shared_ptr<client::FrameMemory> frameMemory;  // to share with the next that starts
+  client::FrameTransport transport = tools::frameTransport(client::FrameTransport::pipe);
+  std::shared_ptr<client::FrameSlots> slots;  // of the helper; null: pictures go through its pipe
   std::unique_ptr<tools::HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;

@@ -114,7 +114,7 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
     ASSERT_THAT(*first, testing::Not(testing::HasSubstr("error")));
     const Pixels pixels = plain({320, 240}, {9, 9, 9});
     startTake();
-    for (std::uint64_t i = 1; i < 4; ++i) helper->writeFrame({320, 240}, i, pixels);
+    for (std::uint64_t i = 1; i < 4; ++i) helper->copyFrame({320, 240}, i, pixels);
     stopTake();
     helper->closeInput();
     while (const auto event = helper->nextEvent(20)) {

@@ -1,16 +1,17 @@
-// Frames in memory that the parent shares: where pixels may lie, when they are given back, what
-// memory is taken, all on real memory.
+// Frames in memory that the parent shares: which memory is taken, where pixels may lie, when they
+// are given back. On real memory, seen from both sides.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "client/descriptor.h"
+#include "client/child_process.h"
+#include "client/frame_slots.h"
 #include "client/records.h"
 #include "input/record_header.h"
-#include "input/release_order.h"
 #include "system/inherited_frame_memory.h"
+#include "system/release_order.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
@@ -19,64 +20,47 @@ namespace {
 constexpr std::size_t page = 4096;
 constexpr int seal = F_SEAL_SHRINK;
 
-client::Descriptor makeMemory(std::size_t bytes, int seals) {
-  client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+client::Descriptor makeMemory(std::size_t bytes, int seals, unsigned kind = 0) {
+  client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING | kind));
   EXPECT_EQ(ftruncate(made.get(), static_cast<off_t>(bytes)), 0);
   EXPECT_EQ(fcntl(made.get(), F_ADD_SEALS, seals), 0);
   return made;
 }
 
-TEST(FrameMemory, TakesFilesOfTwoPagesThatItMayWrite) {
-  EXPECT_TRUE(inheritFrameMemory(makeMemory(2 * page, seal).get()));
-  EXPECT_TRUE(inheritFrameMemory(makeMemory(2 * page, 0).get()));
-  EXPECT_FALSE(inheritFrameMemory(makeMemory(2 * page - 1, seal).get()));
-  EXPECT_FALSE(inheritFrameMemory(-1));
-  EXPECT_FALSE(inheritFrameMemory(client::Descriptor(open("/dev/zero", O_RDWR)).get()));
+std::shared_ptr<FrameMemory> inherit(const client::Descriptor& memory) {
+  return inheritFrameMemory(memory.get(), PicturePool::make());
+}
+
+TEST(FrameMemory, TakesFilesOfTwoPagesThatItMayWriteAnywhere) {
   const client::Descriptor memory = makeMemory(2 * page, seal);
+  EXPECT_TRUE(inherit(memory));
+  EXPECT_TRUE(inherit(makeMemory(2 * page, 0)));
+  EXPECT_FALSE(inherit(makeMemory(2 * page - 1, seal)));
+  EXPECT_FALSE(inherit(makeMemory(2 * page, seal | F_SEAL_FUTURE_WRITE)));
+  EXPECT_FALSE(inherit(makeMemory(page << 10, seal, MFD_HUGETLB)));
+  EXPECT_FALSE(inherit(client::Descriptor(open("/dev/zero", O_RDWR))));
   const std::string name = "/proc/self/fd/" + std::to_string(memory.get());
-  EXPECT_FALSE(inheritFrameMemory(client::Descriptor(open(name.c_str(), O_RDONLY)).get()));
-  EXPECT_FALSE(inheritFrameMemory(client::Descriptor(open(name.c_str(), O_WRONLY)).get()));
-  EXPECT_THROW(inheritFrameMemory(makeMemory(2 * page, seal | F_SEAL_FUTURE_WRITE).get()),
-               std::system_error);
-}
-
-// A file that may be cut short is never mapped: whoever cut it could end us.
-TEST(FrameMemory, IsMappedOnlyWhenNobodyCanShrinkIt) {
-  const client::Descriptor sealed = makeMemory(2 * page, seal);
-  const auto mapped = inheritFrameMemory(sealed.get());
-  const client::Descriptor open = makeMemory(3 * page, F_SEAL_GROW);
-  const auto read = inheritFrameMemory(open.get());
-  EXPECT_EQ(mapped->size(), 2 * page);
-  EXPECT_TRUE(mapped->at(page));
-  EXPECT_FALSE(read->at(page));
-
-  Bytes space(page + 8);
-  const Bytes pixels(page + 8, 7);
-  EXPECT_EQ(pwrite(open.get(), pixels.data(), pixels.size(), page), std::ssize(pixels));
-  EXPECT_TRUE(read->read(page, space));
-  EXPECT_EQ(space, pixels);
-  EXPECT_EQ(ftruncate(open.get(), 2 * page + 7), 0);
-  EXPECT_FALSE(read->read(page, space));
-
-  for (const auto& [memory, descriptor] : {std::pair{mapped, sealed.get()}, {read, open.get()}}) {
-    memory->release(0x0102030405060708);
-    std::uint64_t word = 0;
-    EXPECT_EQ(pread(descriptor, &word, sizeof word, 0), 8);
-    EXPECT_EQ(word, 0x0102030405060708u);
+  for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR | O_APPEND}) {
+    EXPECT_FALSE(inherit(client::Descriptor(open(name.c_str(), flags)))) << flags;
   }
+  EXPECT_FALSE(inheritFrameMemory(-1, PicturePool::make()));
+  const client::Descriptor input(dup(STDIN_FILENO));
+  dup2(memory.get(), STDIN_FILENO);
+  EXPECT_FALSE(inheritFrameMemory(STDIN_FILENO, PicturePool::make()));
+  dup2(input.get(), STDIN_FILENO);
 }
 
-TEST(RecordHeader, PlacesAreWholePagesInsideTheMemory) {
+TEST(RecordHeader, OffsetsAreWholePagesInsideTheMemory) {
   const std::uint64_t memory = 4 * page;
-  EXPECT_FALSE(isValidPlace(0, 16, memory));
-  EXPECT_FALSE(isValidPlace(page - 1, 16, memory));
-  EXPECT_FALSE(isValidPlace(page + 8, 16, memory));
-  EXPECT_TRUE(isValidPlace(page, 3 * page, memory));
-  EXPECT_FALSE(isValidPlace(page, 3 * page + 16, memory));
-  EXPECT_TRUE(isValidPlace(3 * page, page, memory));
-  EXPECT_FALSE(isValidPlace(4 * page, 16, memory));
-  EXPECT_FALSE(isValidPlace(0xFFFFFFFFFFFFF000, 8 * page, memory));
-  EXPECT_FALSE(isValidPlace(page, 5 * page, memory));
+  EXPECT_FALSE(isValidOffset(0, 16, memory));
+  EXPECT_FALSE(isValidOffset(page - 1, 16, memory));
+  EXPECT_FALSE(isValidOffset(page + 8, 16, memory));
+  EXPECT_TRUE(isValidOffset(page, 3 * page, memory));
+  EXPECT_FALSE(isValidOffset(page, 3 * page + 16, memory));
+  EXPECT_TRUE(isValidOffset(3 * page, page, memory));
+  EXPECT_FALSE(isValidOffset(4 * page, 16, memory));
+  EXPECT_FALSE(isValidOffset(0xFFFFFFFFFFFFF000, 8 * page, memory));
+  EXPECT_FALSE(isValidOffset(page, 5 * page, memory));
 }
 
 TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
@@ -84,21 +68,48 @@ TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
   order.begin(3);
   EXPECT_EQ(order.end(3), 3u);
   for (const std::uint64_t id : {5, 6, 8, 9, 12}) order.begin(id);
-  EXPECT_EQ(order.end(8), std::nullopt);
-  EXPECT_EQ(order.end(12), std::nullopt);
-  EXPECT_EQ(order.end(6), std::nullopt);
+  for (const std::uint64_t id : {8, 12, 6}) EXPECT_EQ(order.end(id), std::nullopt) << id;
   EXPECT_EQ(order.end(5), 8u);
   EXPECT_EQ(order.end(9), 12u);
-  order.begin(20);
-  EXPECT_EQ(order.end(20), 20u);
 }
 
-// The service with a parent that shares memory.
+TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
+  using Frames = std::vector<std::optional<client::Frame>>;
+  const auto slots = client::FrameSlots::makeShared();
+  EXPECT_FALSE(slots->isShared());
+  const auto say = [&](std::uint64_t id) {
+    EXPECT_EQ(pwrite(slots->descriptor(), &id, sizeof id, 0), 8);
+  };
+  say(0);
+  EXPECT_TRUE(slots->isShared());
+  const auto acquireAll = [&] {
+    Frames all;
+    while (auto frame = slots->acquire({64, 64})) all.push_back(std::move(frame));
+    return all;
+  };
+  // What a child process writes needs no child here.
+  client::ChildProcess helper({"/bin/cat", "", {}, {}, slots->descriptor()});
+  for (std::uint64_t id = 1; const auto& frame : acquireAll()) {
+    EXPECT_TRUE(helper.writeFrame(*frame, id++));
+  }
+  EXPECT_EQ(acquireAll().size(), 0u);
+  say(2);
+  EXPECT_EQ(acquireAll().size(), 2u);
+  EXPECT_EQ(acquireAll().size(), 2u);  // given back unpublished
+  // Those of another helper go through the pipe.
+  const auto others = client::FrameSlots::makePrivate();
+  EXPECT_TRUE(helper.writeFrame(*others->acquire({2, 2}), 9));
+  EXPECT_EQ(others->acquire({2, 2})->size().width, 2);
+}
+
+// The service with a parent that shares memory, mapped or not.
 struct SharedFramesTest : testing::TestWithParam<int> {
   void SetUp() override { probe.becomeReady(); }
-  void put(std::uint64_t id, std::uint64_t offset, client::FrameSize size = {32, 32}) {
-    const auto record = client::frameReference(size, id, offset);
+  void put(const auto& record) {
     probe.process->input.insert(probe.process->input.end(), record.begin(), record.end());
+  }
+  void putFrame(std::uint64_t id, std::uint64_t offset, client::FrameSize size = {32, 32}) {
+    put(client::frameReference(size, id, offset));
   }
   std::string readAll() {
     probe.dispatch->detached.at(0)();
@@ -106,80 +117,81 @@ struct SharedFramesTest : testing::TestWithParam<int> {
     return probe.error();
   }
   std::uint64_t released() const {
-    std::uint64_t word = 0;
+    std::uint64_t word = 1;
     EXPECT_EQ(pread(memory.get(), &word, sizeof word, 0), 8);
     return word;
   }
+  bool isMapped() const { return GetParam() == seal; }
 
   const client::Descriptor memory = makeMemory(4 * page, GetParam());
-  std::shared_ptr<FrameMemory> inherited = inheritFrameMemory(memory.get());
-  VideoEncoderProbe probe{Configuration{.token = "0123456789abcdef"}, inherited};
+  VideoEncoderProbe probe{Configuration{.token = "0123456789abcdef"}, inherit(memory)};
 };
 INSTANTIATE_TEST_SUITE_P(BothWays, SharedFramesTest, testing::Values(0, seal));
 
-TEST_P(SharedFramesTest, EndForPlacesOutsideAndRecordsCutShort) {
-  put(7, 3 * page);  // nobody needs it
-  put(8, 0);
+TEST_P(SharedFramesTest, EndForOffsetsOutside) {
+  EXPECT_EQ(released(), 0u);
+  putFrame(7, 3 * page);  // nobody needs it
+  putFrame(8, 0);
   EXPECT_EQ(readAll(), "invalid raw frame header");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
   EXPECT_EQ(released(), 7u);
   EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
 }
 
-TEST_P(SharedFramesTest, EndForAnOffsetCutShort) {
-  put(7, page);
-  probe.process->input.pop_back();
+TEST_P(SharedFramesTest, EndForAnOffsetOrAFileCutShort) {
+  putFrame(7, page);
+  if (isMapped()) {
+    probe.process->input.pop_back();
+  } else {
+    EXPECT_EQ(ftruncate(memory.get(), 2 * page - 1), 0);
+  }
   EXPECT_EQ(readAll(), "truncated raw frame");
 }
 
 TEST_P(SharedFramesTest, EndForAHeaderThatBreaksTheOtherRules) {
-  put(7, page, {32, 31});
+  putFrame(7, page, {32, 31});
   EXPECT_EQ(readAll(), "invalid raw frame header");
 }
 
-// The pipe still takes pixels; the ids go on across both.
+// Ids go on across frames of both kinds.
 TEST_P(SharedFramesTest, GoTogetherWithPixelsAndCommands) {
-  put(7, page);
-  const auto header = client::frameHeader({2, 2}, 8);
-  Bytes& input = probe.process->input;
-  input.insert(input.end(), header.begin(), header.end());
-  input.resize(input.size() + 16);
-  put(9, 2 * page);
-  put(9, 3 * page);
-  EXPECT_EQ(readAll(), "invalid raw frame header");
+  putFrame(7, page);
+  put(client::frameHeader({2, 2}, 8));
+  put(Bytes(16));
+  put(client::commandRecord(R"({"type":"x","id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})"));
+  putFrame(9, 2 * page);
+  EXPECT_EQ(readAll(), "unknown recording command");
   EXPECT_EQ(released(), 9u);
   EXPECT_EQ(probe.statistics()["dropped_raw"], 3);
 }
 
-using MappedFrames = SharedFramesTest;
-INSTANTIATE_TEST_SUITE_P(Sealed, MappedFrames, testing::Values(seal));
-
-// The session takes the picture where it lies; one that was dropped meanwhile has to wait for it.
-TEST_P(MappedFrames, AreReadWhereTheyLieAndBelongToTheHelperUntilThen) {
+// A take and a client at once; the one session takes the picture where it lies, the other its own.
+TEST_P(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
   const auto client = probe.connectClient();
-  PictureMemory idle = probe.pictures->allocate(page);
-  const std::uint8_t* onlyPicture = idle.get();
-  idle.reset();
-  put(7, 2 * page);
-  put(8, page);
+  probe.command({{"type", "record_start"},
+                 {"id", "6f9619ff-8b86-d011-b42d-00cf4fc964ff"},
+                 {"path", "/take.mp4"},
+                 {"resolution", "640x360"},
+                 {"target_fps", 60}});
+  const Bytes pixels(page, 77);
+  EXPECT_EQ(pwrite(memory.get(), pixels.data(), page, 2 * page), std::ssize(pixels));
+  putFrame(7, 2 * page);
+  putFrame(8, page);
   probe.dispatch->detached.at(0)();
-  EXPECT_EQ(released(), 0u);
-  while (probe.queue->runNext() && probe.encoders->sessions.empty()) {
-  }
-  FakeSession& session = probe.lastSession();
-  ASSERT_EQ(session.pending.size(), 1u);
-  auto& buffer = session.pending[0].first;
-  EXPECT_EQ(buffer->picture().view.pixels, inherited->at(2 * page) + 31 * 128);
-  EXPECT_EQ(probe.pictures->allocate(page).get(), onlyPicture);  // nobody has taken it
-  EXPECT_EQ(released(), 0u);
+  EXPECT_EQ(released(), isMapped() ? 0u : 8u);
+  while (probe.encoders->sessions.size() < 2 && probe.queue->runNext()) continue;
+  EXPECT_EQ(probe.images->lastByte, 77);
+  FakeSession& preview = probe.lastSession();
+  ASSERT_EQ(preview.pending.size(), 1u);
+  auto& buffer = preview.pending[0].first;
+  EXPECT_EQ(*buffer->picture().view.pixels, 77);
+  EXPECT_EQ(released(), isMapped() ? 0u : 8u);
   buffer.reset();  // the encoder has its own copy, and has not answered yet
   EXPECT_EQ(released(), 8u);
   expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
 }
 
-TEST(FrameMemoryReader, IsUnknownUnlessAskedFor) {
-  VideoEncoderProbe probe;
-  probe.becomeReady();
+TEST_F(ServiceTest, FramesInMemoryAreUnknownUnlessAskedFor) {
   const auto record = client::frameReference({32, 32}, 7, page);
   probe.process->input.assign(record.begin(), record.end());
   probe.dispatch->detached.at(0)();

@@ -52,7 +52,7 @@ TEST(Options, EnvironmentSizesComeInPairs) {
 }
 
 TEST(Options, FrameMemoryIsTheNumberOfADescriptor) {
-  EXPECT_EQ(parse({}, {{"TAVO_FRAME_MEMORY", "12"}})->frameMemory, 12);
+  EXPECT_EQ(parse({}, {{"TAVO_FRAME_MEMORY", "12"}})->frameMemoryDescriptor, 12);
   for (const char* bad : {"", "x", "3 ", "99999999999"}) {
     EXPECT_FALSE(parse({}, {{"TAVO_FRAME_MEMORY", bad}})) << bad;
   }

@@ -143,7 +143,7 @@ TEST(RecordHeader, FrameLimits) {
   // The shorter side above 1080, the longer one above 1920, odd, empty.
   for (const FrameSize size : {FrameSize{1440, 1440}, {1082, 1082}, {1922, 2}, {3, 2}, {2, 0}})
     EXPECT_FALSE(valid(size)) << size.width;
-  EXPECT_FALSE(isValidFrame({12, 2, 2, 8}, 7));
+  EXPECT_FALSE((RecordHeader{12, 2, 2, 8}.carriesPixels()));
   EXPECT_TRUE(isValidFrame({16, 2, 2, 0xFFFFFFFFFFFFFFFF}, 0xFFFFFFFFFFFFFFFE));
   EXPECT_FALSE(isValidFrame({16, 2, 2, 7}, 7));
 }

@@ -22,13 +22,12 @@ struct FrameSize {
 // top row first. Throws std::invalid_argument for pixels of another size.
 LUMORA_CLIENT_EXPORT void flipRows(std::span<std::uint8_t> rgba, FrameSize size);
 
-// A buffer to render a picture into, on loan from a helper (see helper.h). Gives itself back when
-// it is not published. May outlive the helper.
+// A place to render a picture into, on loan from a helper (see helper.h). Gives itself back when it
+// is not published. May outlive the helper.
 class LUMORA_CLIENT_EXPORT Frame {
  public:
   class Loan;
 
-  explicit Frame(FrameSize size, std::unique_ptr<Loan> loan);
   ~Frame();
   Frame(Frame&& other) noexcept;
   Frame& operator=(Frame&& other) noexcept;
@@ -36,11 +35,14 @@ class LUMORA_CLIENT_EXPORT Frame {
   Frame& operator=(const Frame&) = delete;
 
   FrameSize size() const { return size_; }
-  // size().bytes() of red, green, blue, alpha, the bottom row first.
+  // size().bytes() of red, green, blue, alpha, the bottom row first; none once it is published.
   std::span<std::uint8_t> pixels() const;
 
  private:
+  friend class ChildProcess;
   friend class Feeder;
+  friend class FrameSlots;
+  Frame(FrameSize size, std::unique_ptr<Loan> loan);
 
   FrameSize size_;
   std::unique_ptr<Loan> loan_;

@@ -22,15 +22,17 @@
 
 namespace lumora::client {
 
+// How pictures reach a helper: through its pipe, or in memory that it sees, too, where the system
+// has such memory.
+enum class FrameTransport { pipe, memory };
+
 struct HelperOptions {
   // The program's path; empty: $LUMORA_VIDEO_PATH, else "lumora-video" on the PATH.
   std::string program = {};
   std::string token = {};                   // what stream clients present; empty: a random one
   std::vector<std::string> arguments = {};  // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // on top of our own
-  // Whether pictures are rendered into memory that the helper sees too, where the system has such
-  // memory, instead of going through its pipe.
-  bool frameMemory = true;
+  FrameTransport frames = FrameTransport::memory;
 };
 
 // The helper could not be started, or did not become ready; in words for a person.
@@ -57,7 +59,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   const std::string& token() const;
   int pid() const;
 
-  // A buffer for the next picture; nothing when all are under way or with the application: leave
+  // A place for the next picture; nothing when all are under way or with the application: leave
   // the picture out. Throws std::invalid_argument for a size that no helper takes.
   std::optional<Frame> acquireFrame(FrameSize size);
   // Hands a picture over. At most one waits: a newer one takes its place. Ids have to grow, and a

@@ -25,8 +25,6 @@ class LUMORA_CLIENT_EXPORT Take {
  public:
   class State;
 
-  Take(std::string id, std::string path, std::shared_ptr<State> state);
-
   const std::string& id() const { return id_; }
   // Where the movie grows. When the helper is killed it stays, and plays.
   std::string stagingPath() const;
@@ -43,6 +41,9 @@ class LUMORA_CLIENT_EXPORT Take {
   std::optional<Recording> waitForEnd(double seconds) const;
 
  private:
+  friend class Helper;
+  Take(std::string id, std::string path, std::shared_ptr<State> state);
+
   std::string id_;
   std::string path_;
   std::shared_ptr<State> state_;

@@ -1,0 +1,108 @@
+#include "client/frame_slots.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <new>
+#include <utility>
+
+namespace lumora::client {
+namespace {
+
+constexpr std::size_t pageBytes = 4096;
+constexpr std::size_t slotBytes = std::size_t{1920} * 1080 * 4;
+static_assert(slotBytes % pageBytes == 0);
+constexpr std::size_t memoryBytes = pageBytes + FrameSlots::count * slotBytes;
+
+constexpr std::uint64_t offsetOf(int slot) {
+  return pageBytes + static_cast<std::uint64_t>(slot) * slotBytes;
+}
+
+// Not open where there is none that can be sealed.
+Descriptor makeSealedMemory() {
+#ifdef F_ADD_SEALS
+  Descriptor made(memfd_create("lumora-frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  // It keeps its number in the helper, which has streams of its own under the first three.
+  if (made.isOpen() && made.get() <= STDERR_FILENO) {
+    made = Descriptor(fcntl(made.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  }
+  if (made.isOpen() && ftruncate(made.get(), memoryBytes) == 0 &&
+      fcntl(made.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {
+    return made;
+  }
+#endif
+  return {};
+}
+
+std::atomic_ref<std::uint64_t> releaseWord(std::uint8_t* memory) {
+  return std::atomic_ref(*reinterpret_cast<std::uint64_t*>(memory));
+}
+
+}  // namespace
+
+std::uint64_t Frame::Loan::offset() const { return offsetOf(slot_); }
+
+std::shared_ptr<FrameSlots> FrameSlots::makeShared() {
+  Descriptor descriptor = makeSealedMemory();
+  return descriptor.isOpen() ? make(std::move(descriptor)) : nullptr;
+}
+
+std::shared_ptr<FrameSlots> FrameSlots::makePrivate() {
+  auto made = make({});
+  if (!made) throw std::bad_alloc();
+  return made;
+}
+
+std::shared_ptr<FrameSlots> FrameSlots::make(Descriptor descriptor) {
+  const int kind = descriptor.isOpen() ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS;
+  void* memory = mmap(nullptr, memoryBytes, PROT_READ | PROT_WRITE, kind, descriptor.get(), 0);
+  if (memory == MAP_FAILED) return nullptr;
+  return std::shared_ptr<FrameSlots>(
+      new FrameSlots(std::move(descriptor), static_cast<std::uint8_t*>(memory)));
+}
+
+FrameSlots::FrameSlots(Descriptor descriptor, std::uint8_t* memory)
+    : descriptor_(std::move(descriptor)), memory_(memory) {
+  releaseWord(memory_).store(neverReleased, std::memory_order_relaxed);
+}
+
+FrameSlots::~FrameSlots() { munmap(memory_, memoryBytes); }
+
+std::uint64_t FrameSlots::released() const {
+  return releaseWord(memory_).load(std::memory_order_acquire);
+}
+
+std::optional<Frame> FrameSlots::acquire(FrameSize size) {
+  const std::lock_guard hold(mutex_);
+  const std::uint64_t latest = released();
+  for (int i = 0; i < count; ++i) {
+    Slot& slot = slots_[static_cast<std::size_t>(i)];
+    if (slot.isLent || slot.publishedAs > latest) continue;
+    reserve(i, size.bytes());
+    Frame frame(size, std::make_unique<Frame::Loan>(shared_from_this(), i));
+    slot.isLent = true;
+    return frame;
+  }
+  return std::nullopt;
+}
+
+// Whoever touches shared memory that is not there is ended by a signal.
+void FrameSlots::reserve(int slot, std::size_t bytes) {
+  Slot& state = slots_[static_cast<std::size_t>(slot)];
+  if (!descriptor_.isOpen() || bytes <= state.reserved) return;
+  const int error = posix_fallocate(descriptor_.get(), static_cast<off_t>(offsetOf(slot)),
+                                    static_cast<off_t>(bytes));
+  if (error != 0) throw std::bad_alloc();
+  state.reserved = bytes;
+}
+
+void FrameSlots::giveBack(int slot, std::uint64_t publishedAs) {
+  const std::lock_guard hold(mutex_);
+  Slot& state = slots_[static_cast<std::size_t>(slot)];
+  state.isLent = false;
+  state.publishedAs = publishedAs;
+}
+
+}  // namespace lumora::client
