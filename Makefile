@@ -1,6 +1,6 @@
 # The front door. Each verb installs what it needs, as root or with sudo.
 #
-#   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera)
+#   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera; FRAMES=pipe)
 #   make view    the same picture, live in a browser, with a button to record
 #   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
 #   make bench   measure the helper beside other tools and beside what bounds it (half an hour)

@@ -20,9 +20,12 @@ namespace {
 constexpr std::size_t page = 4096;
 constexpr int seal = F_SEAL_SHRINK;
 
+void say(int memory, std::uint64_t id) { EXPECT_EQ(pwrite(memory, &id, sizeof id, 0), 8); }
+
 client::Descriptor makeMemory(std::size_t bytes, int seals, unsigned kind = 0) {
   client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING | kind));
   EXPECT_EQ(ftruncate(made.get(), static_cast<off_t>(bytes)), 0);
+  if (kind == 0) say(made.get(), 99);  // of a helper before
   EXPECT_EQ(fcntl(made.get(), F_ADD_SEALS, seals), 0);
   return made;
 }
@@ -74,32 +77,29 @@ TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
 }
 
 TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
-  using Frames = std::vector<std::optional<client::Frame>>;
   const auto slots = client::FrameSlots::makeShared();
   EXPECT_FALSE(slots->isShared());
-  const auto say = [&](std::uint64_t id) {
-    EXPECT_EQ(pwrite(slots->descriptor(), &id, sizeof id, 0), 8);
-  };
-  say(0);
+  say(slots->descriptor(), 0);
   EXPECT_TRUE(slots->isShared());
-  const auto acquireAll = [&] {
-    Frames all;
-    while (auto frame = slots->acquire({64, 64})) all.push_back(std::move(frame));
+  const auto acquireAll = [](client::FrameSlots& of) {
+    std::vector<std::optional<client::Frame>> all;
+    while (auto frame = of.acquire({64, 64})) all.push_back(std::move(frame));
     return all;
   };
   // What a child process writes needs no child here.
   client::ChildProcess helper({"/bin/cat", "", {}, {}, slots->descriptor()});
-  for (std::uint64_t id = 1; const auto& frame : acquireAll()) {
+  for (std::uint64_t id = 1; const auto& frame : acquireAll(*slots)) {
     EXPECT_TRUE(helper.writeFrame(*frame, id++));
   }
-  EXPECT_EQ(acquireAll().size(), 0u);
-  say(2);
-  EXPECT_EQ(acquireAll().size(), 2u);
-  EXPECT_EQ(acquireAll().size(), 2u);  // given back unpublished
+  EXPECT_EQ(acquireAll(*slots).size(), 0u);
+  say(slots->descriptor(), 2);
+  EXPECT_EQ(acquireAll(*slots).size(), 2u);
+  EXPECT_EQ(acquireAll(*slots).size(), 2u);  // given back unpublished
   // Those of another helper go through the pipe.
-  const auto others = client::FrameSlots::makePrivate();
+  const auto others = client::FrameSlots::makeShared();
+  say(others->descriptor(), 0);
   EXPECT_TRUE(helper.writeFrame(*others->acquire({2, 2}), 9));
-  EXPECT_EQ(others->acquire({2, 2})->size().width, 2);
+  EXPECT_EQ(acquireAll(*others).size(), 4u);
 }
 
 // The service with a parent that shares memory, mapped or not.
