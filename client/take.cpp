@@ -1,6 +1,7 @@
 #include <lumora/take.h>
 #include <lumora/uptime.h>
 
+#include <stdexcept>
 #include <utility>
 
 #include "client/descriptor.h"
@@ -15,6 +16,7 @@ void Take::State::stop(double stoppedAt) {
     const std::lock_guard hold(mutex_);
     if (stoppedAt_ || latest_.isOver()) return;
     command = stopCommand(latest_.id, stoppedAt);
+    if (stoppedAt < startedAt_) throw std::invalid_argument("a take ends behind its beginning");
     stoppedAt_ = stoppedAt;
   }
   send_(command);

@@ -1,6 +1,7 @@
 // Frames in memory that the parent shares: what a parent may do to it, and when.
 
 #include <algorithm>
+#include <fstream>
 #include <sstream>
 
 #include "tests/e2e/helper_fixture.h"
@@ -44,6 +45,14 @@ Judgement judge(const std::string& file) {
 }
 
 struct SharedFrames : HelperTest {
+  // By the helper, of whatever it has open.
+  std::uint64_t bytesRead() const {
+    std::ifstream counts("/proc/" + std::to_string(helper->pid()) + "/io");
+    std::string key;
+    std::uint64_t value = 0;
+    while (counts >> key >> value && key != "rchar:") continue;
+    return value;
+  }
   // Takes and streams plain pictures until a client has so many. Slots are written over the moment
   // they are free, or as soon as they are published.
   void feedAndScribble(int count, bool tooEarly) {
@@ -60,6 +69,7 @@ struct SharedFrames : HelperTest {
       if (tooEarly) scribble(frame->pixels());
     }
     saveTake();
+    EXPECT_LT(bytesRead(), 24 * lastID + 1'000'000);  // no pixels
     preview = judge(writeStream(watcher.finish()));
     movie = judge(path);
     EXPECT_GE(preview.pictures, count);

@@ -181,9 +181,9 @@ TEST_P(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
   EXPECT_EQ(released(), isMapped() ? 0u : 8u);
   while (probe.encoders->sessions.size() < 2 && probe.queue->runNext()) continue;
   EXPECT_EQ(probe.images->lastByte, 77);
-  FakeSession& preview = probe.lastSession();
-  ASSERT_EQ(preview.pending.size(), 1u);
-  auto& buffer = preview.pending[0].first;
+  FakeSession& session = probe.lastSession();
+  ASSERT_EQ(session.pending.size(), 1u);
+  auto& buffer = session.pending[0].first;
   EXPECT_EQ(*buffer->picture().view.pixels, 77);
   EXPECT_EQ(released(), isMapped() ? 0u : 8u);
   buffer.reset();  // the encoder has its own copy, and has not answered yet
