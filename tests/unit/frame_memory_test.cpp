@@ -189,6 +189,9 @@ TEST_P(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
   buffer.reset();  // the encoder has its own copy, and has not answered yet
   EXPECT_EQ(released(), 8u);
   expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
+  for (const auto& each : probe.encoders->sessions) each->answer(0, keySample());
+  probe.run();
+  expectKeys(probe.statistics(), {{"encode_inflight", 0}});
 }
 
 TEST_F(ServiceTest, FramesInMemoryAreUnknownUnlessAskedFor) {
