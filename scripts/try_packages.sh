@@ -25,6 +25,6 @@ cp client/node/example/record.mjs /tmp/application
 for program in /tmp/cmake/record /tmp/record "node /tmp/application/record.mjs"; do
   folder=$(mktemp -d)
   $program "$folder"
-  ffmpeg -v error -xerror -nostdin -i "$folder/take.mp4" -f null -
+  ffmpeg -v error -xerror -nostdin -i "$folder/take.mp4" -fps_mode passthrough -enc_time_base -1 -f null -
 done
 echo "The packages work"
