@@ -84,7 +84,7 @@ class Helper::Impl {
         ready_(awaitReady(*process_, saidFirst_)),
         onEvent_(std::move(onEvent)),
         feeder_(std::make_shared<Feeder>(process_)) {
-    if (options.frames == FrameTransport::memory && !slots_->isShared()) {
+    if (slots_->descriptor() >= 0 && !slots_->isShared()) {
       slots_ = FrameSlots::makePrivate();  // an older helper
     }
   }
@@ -99,8 +99,10 @@ class Helper::Impl {
 
   // From now on events are told.
   void begin() {
-    reader_ = startQuietThread([this] { readEvents(); });
-    readerID_ = reader_.get_id();
+    reader_ = startQuietThread([this] {
+      readerID_ = std::this_thread::get_id();  // before any handler can ask
+      readEvents();
+    });
   }
 
   std::uint16_t port() const { return ready_.port; }
@@ -149,9 +151,9 @@ class Helper::Impl {
       const std::lock_guard hold(mutex_);
       process_->sendSignal(signal);
     }
-    for (;;) {
-      if (const auto ended = awaitExit(aDay)) return *ended;
-    }
+    std::unique_lock hold(mutex_);
+    over_.wait(hold, [this] { return isOver_; });
+    return *exit_;
   }
 
  private:

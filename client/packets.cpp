@@ -14,20 +14,17 @@ constexpr std::size_t headerBytes = 14;
 constexpr std::size_t minimumLength = headerBytes - lengthBytes;
 constexpr std::size_t maximumLength = 2 * 1024 * 1024;
 
-std::uint64_t load(ByteView bytes, std::size_t offset, std::size_t count) {
-  if (offset > bytes.size() || count > bytes.size() - offset) {
-    throw std::runtime_error("payload ends early");
-  }
-  std::uint64_t value = 0;
-  for (std::size_t i = 0; i < count; ++i) value = (value << 8) | bytes[offset + i];
-  return value;
-}
-
 ByteView slice(ByteView bytes, std::size_t offset, std::size_t count) {
   if (offset > bytes.size() || count > bytes.size() - offset) {
     throw std::runtime_error("payload ends early");
   }
   return bytes.subspan(offset, count);
+}
+
+std::uint64_t load(ByteView bytes, std::size_t offset, std::size_t count) {
+  std::uint64_t value = 0;
+  for (const std::uint8_t byte : slice(bytes, offset, count)) value = (value << 8) | byte;
+  return value;
 }
 
 void appendUnit(std::vector<std::uint8_t>& stream, ByteView unit) {

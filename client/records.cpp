@@ -2,24 +2,18 @@
 
 #include <algorithm>
 
+#include "client/big_endian.h"
+
 namespace lumora::client {
-namespace {
-
-void store(std::uint8_t* space, std::uint64_t value, int bytes) {
-  for (int i = 0; i < bytes; ++i) {
-    space[i] = static_cast<std::uint8_t>(value >> (8 * (bytes - 1 - i)));
-  }
-}
-
-}  // namespace
 
 RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
                                std::uint64_t id) {
   RecordHeaderBytes header{};
-  store(header.data(), length, 4);
-  store(header.data() + 4, width, 2);
-  store(header.data() + 6, height, 2);
-  store(header.data() + 8, id, 8);
+  const std::span space(header);
+  storeBigEndian(space.first(4), length);
+  storeBigEndian(space.subspan(4, 2), width);
+  storeBigEndian(space.subspan(6, 2), height);
+  storeBigEndian(space.last(8), id);
   return header;
 }
 
@@ -34,7 +28,7 @@ ReferenceBytes frameReference(FrameSize size, std::uint64_t id, std::uint64_t of
                                    static_cast<std::uint16_t>(size.height), id);
   ReferenceBytes record{};
   std::ranges::copy(header, record.begin());
-  store(record.data() + header.size(), offset, 8);
+  storeBigEndian(std::span(record).last(8), offset);
   return record;
 }
 

@@ -36,7 +36,15 @@ struct Client : HelperTest {
 
 TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   std::vector<client::Event> events;
-  client::Helper camera(options(), [&](const client::Event& told) { events.push_back(told); });
+  std::atomic<client::Helper*> known = nullptr;
+  client::Helper camera(options(), [&](const client::Event& told) {
+    events.push_back(told);
+    client::Helper* const helping = known;
+    if (helping != nullptr) {
+      EXPECT_THROW(helping->stop(), std::logic_error);
+    }
+  });
+  known = &camera;
   client::StreamClient viewer("127.0.0.1", camera.port());
   viewer.sayHello(camera.token());
   const auto descriptors = outputOf("ls -l /proc/" + std::to_string(camera.pid()) + "/fd");

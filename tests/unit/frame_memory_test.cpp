@@ -54,16 +54,20 @@ TEST(FrameMemory, TakesFilesOfTwoPagesThatItMayWriteAnywhere) {
 }
 
 TEST(RecordHeader, OffsetsAreWholePagesInsideTheMemory) {
-  const std::uint64_t memory = 4 * page;
-  EXPECT_FALSE(isValidOffset(0, 16, memory));
-  EXPECT_FALSE(isValidOffset(page - 1, 16, memory));
-  EXPECT_FALSE(isValidOffset(page + 8, 16, memory));
-  EXPECT_TRUE(isValidOffset(page, 3 * page, memory));
-  EXPECT_FALSE(isValidOffset(page, 3 * page + 16, memory));
-  EXPECT_TRUE(isValidOffset(3 * page, page, memory));
-  EXPECT_FALSE(isValidOffset(4 * page, 16, memory));
-  EXPECT_FALSE(isValidOffset(0xFFFFFFFFFFFFF000, 8 * page, memory));
-  EXPECT_FALSE(isValidOffset(page, 5 * page, memory));
+  const auto valid = [](std::uint64_t offset, std::uint32_t bytes) {
+    return isValidOffset(offset, bytes, 4 * page);
+  };
+  EXPECT_TRUE(valid(page, 3 * page) && valid(3 * page, page));
+  using Place = std::pair<std::uint64_t, std::uint32_t>;
+  for (const auto& [offset, bytes] : {Place{0, 16},
+                                      {page - 1, 16},
+                                      {page + 8, 16},
+                                      {page, 3 * page + 16},
+                                      {4 * page, 16},
+                                      {page, 5 * page},
+                                      {0xFFFFFFFFFFFFF000, 8 * page}}) {
+    EXPECT_FALSE(valid(offset, bytes)) << offset << " " << bytes;
+  }
 }
 
 TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
@@ -105,16 +109,8 @@ TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
 // The service with a parent that shares memory, mapped or not.
 struct SharedFramesTest : testing::TestWithParam<int> {
   void SetUp() override { probe.becomeReady(); }
-  void put(const auto& record) {
-    probe.process->input.insert(probe.process->input.end(), record.begin(), record.end());
-  }
   void putFrame(std::uint64_t id, std::uint64_t offset, client::FrameSize size = {32, 32}) {
-    put(client::frameReference(size, id, offset));
-  }
-  std::string readAll() {
-    probe.dispatch->detached.at(0)();
-    probe.run();
-    return probe.error();
+    probe.put(client::frameReference(size, id, offset));
   }
   std::uint64_t released() const {
     std::uint64_t word = 1;
@@ -132,7 +128,7 @@ TEST_P(SharedFramesTest, EndForOffsetsOutside) {
   EXPECT_EQ(released(), 0u);
   putFrame(7, 3 * page);  // nobody needs it
   putFrame(8, 0);
-  EXPECT_EQ(readAll(), "invalid raw frame header");
+  EXPECT_EQ(probe.readAll(), "invalid raw frame header");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
   EXPECT_EQ(released(), 7u);
   EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
@@ -145,22 +141,22 @@ TEST_P(SharedFramesTest, EndForAnOffsetOrAFileCutShort) {
   } else {
     EXPECT_EQ(ftruncate(memory.get(), 2 * page - 1), 0);
   }
-  EXPECT_EQ(readAll(), "truncated raw frame");
+  EXPECT_EQ(probe.readAll(), "truncated raw frame");
 }
 
 TEST_P(SharedFramesTest, EndForAHeaderThatBreaksTheOtherRules) {
   putFrame(7, page, {32, 31});
-  EXPECT_EQ(readAll(), "invalid raw frame header");
+  EXPECT_EQ(probe.readAll(), "invalid raw frame header");
 }
 
 // Ids go on across frames of both kinds.
 TEST_P(SharedFramesTest, GoTogetherWithPixelsAndCommands) {
   putFrame(7, page);
-  put(client::frameHeader({2, 2}, 8));
-  put(Bytes(16));
-  put(client::commandRecord(R"({"type":"x","id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})"));
+  probe.put(client::frameHeader({2, 2}, 8));
+  probe.put(Bytes(16));
+  probe.put(client::commandRecord(R"({"type":"x","id":")" + takeID + "\"}"));
   putFrame(9, 2 * page);
-  EXPECT_EQ(readAll(), "unknown recording command");
+  EXPECT_EQ(probe.readAll(), "unknown recording command");
   EXPECT_EQ(released(), 9u);
   EXPECT_EQ(probe.statistics()["dropped_raw"], 3);
 }
@@ -169,8 +165,8 @@ TEST_P(SharedFramesTest, GoTogetherWithPixelsAndCommands) {
 TEST_P(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
   const auto client = probe.connectClient();
   probe.command({{"type", "record_start"},
-                 {"id", "6f9619ff-8b86-d011-b42d-00cf4fc964ff"},
-                 {"path", "/take.mp4"},
+                 {"id", takeID},
+                 {"path", takePath},
                  {"resolution", "640x360"},
                  {"target_fps", 60}});
   const Bytes pixels(page, 77);
@@ -195,11 +191,8 @@ TEST_P(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
 }
 
 TEST_F(ServiceTest, FramesInMemoryAreUnknownUnlessAskedFor) {
-  const auto record = client::frameReference({32, 32}, 7, page);
-  probe.process->input.assign(record.begin(), record.end());
-  probe.dispatch->detached.at(0)();
-  probe.run();
-  EXPECT_EQ(probe.error(), "invalid raw frame header");
+  probe.put(client::frameReference({32, 32}, 7, page));
+  EXPECT_EQ(probe.readAll(), "invalid raw frame header");
 }
 
 }  // namespace

@@ -74,6 +74,15 @@ struct VideoEncoderProbe {
   void commandText(const std::string& text) {
     service->recordingCommand(Bytes(text.begin(), text.end()));
   }
+  void put(const auto& record) {
+    process->input.insert(process->input.end(), record.begin(), record.end());
+  }
+  // Reads all of the input, then runs the queues; the message of the error event, if any.
+  std::string readAll() {
+    dispatch->detached.at(0)();
+    run();
+    return error();
+  }
   Json statistics() {
     clock->now += 1.0;
     process->takeEvents();

@@ -13,14 +13,11 @@ namespace {
 
 struct Reader : ServiceTest {
   void put(const RecordHeader& header, std::size_t payload) {
-    const auto bytes = client::recordHeader(header.length, header.width, header.height, header.id);
-    Bytes& input = probe.process->input;
-    input.insert(input.end(), bytes.begin(), bytes.end());
-    input.resize(input.size() + payload, ' ');
+    probe.put(client::recordHeader(header.length, header.width, header.height, header.id));
+    probe.put(std::string(payload, ' '));
   }
   void putFrame(std::uint64_t id) { put({16, 2, 2, id}, 16); }
 
-  // Reads everything, then runs the queue; the message of the error event, if any.
   std::string readAll() {
     probe.dispatch->detached.at(0)();
     EXPECT_EQ(probe.process->watchdog.first, 2.0);  // even if the queue stands
