@@ -88,4 +88,14 @@ std::optional<Packet> StreamClient::receive(double timeoutSeconds) {
   }
 }
 
+void StreamClient::watch(const std::function<void(const Packet&)>& handle,
+                         const std::function<bool()>& goesOn) {
+  while (goesOn() && !isClosed()) {
+    const auto packet = receive(0.1);
+    if (!packet) continue;
+    handle(*packet);
+    if (packet->type == Packet::Type::frame) acknowledge(packet->frameID);
+  }
+}
+
 }  // namespace lumora::client

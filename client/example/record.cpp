@@ -27,10 +27,8 @@ int main(int argc, char** argv) try {
   std::jthread viewer([&](std::stop_token stop) {
     StreamClient stream("127.0.0.1", helper.port());
     stream.sayHello(helper.token());
-    while (!stop.stop_requested() && !stream.isClosed()) {
-      const auto packet = stream.receive(0.1);  // H.264: toAnnexB(*packet)
-      if (packet && packet->type == Packet::Type::frame) stream.acknowledge(packet->frameID);
-    }
+    const auto show = [](const Packet& packet) { toAnnexB(packet); };  // H.264, to be decoded
+    stream.watch(show, [&] { return !stop.stop_requested(); });
   });
   Take take = helper.startTake({.path = folder / "take.mp4"});
   const auto start = std::chrono::steady_clock::now();

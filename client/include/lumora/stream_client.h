@@ -4,6 +4,7 @@
 // One thread at a time.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,6 +32,11 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   // `isClosed`). Throws std::runtime_error on bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
   bool isClosed() const;
+  // Receives until the helper closes the connection or `goesOn`, asked after every packet and ten
+  // times a second, says no. A frame is acknowledged when `handle` returns. Throws as `receive`.
+  void watch(
+      const std::function<void(const Packet&)>& handle,
+      const std::function<bool()>& goesOn = [] { return true; });
 
  private:
   struct Connection;
