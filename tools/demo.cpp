@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "tools/ffmpeg.h"
 #include "tools/ffmpeg_source.h"
 #include "tools/paced_run.h"
 

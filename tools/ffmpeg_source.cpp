@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "tools/ffmpeg.h"
 #include "tools/test_card.h"
 
 namespace lumora::tools {
@@ -16,17 +17,6 @@ bool isDevice(const std::string& input) {
 }
 
 }  // namespace
-
-std::string shellQuoted(const std::string& text) {
-  std::string quoted = "'";
-  for (const char character : text) {
-    if (character == '\'')
-      quoted += "'\\''";
-    else
-      quoted += character;
-  }
-  return quoted + "'";
-}
 
 FfmpegSource::FfmpegSource(const std::string& input, client::FrameSize size, int framesPerSecond)
     : size_(size), isCamera_(isDevice(input)), frame_(size.bytes()) {

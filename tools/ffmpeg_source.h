@@ -32,7 +32,4 @@ class FfmpegSource final : public FrameSource {
 // What INPUT in the environment names, or else a test card. Before any thread.
 std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond);
 
-// `text` as one word of a shell command.
-std::string shellQuoted(const std::string& text);
-
 }  // namespace lumora::tools

@@ -62,6 +62,16 @@ bool HelperProcess::writeCommand(const Event& command) {
   return writeBytes({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
 }
 
+bool HelperProcess::startTake(const std::string& id, const std::string& path, Event keys) {
+  keys.update({{"type", "record_start"}, {"id", id}, {"path", path}});
+  return writeCommand(keys);
+}
+
+bool HelperProcess::stopTake(const std::string& id, Event keys) {
+  keys.update({{"type", "record_stop"}, {"id", id}});
+  return writeCommand(keys);
+}
+
 std::optional<Event> HelperProcess::nextEvent(double timeoutSeconds) {
   const auto line = nextLine(timeoutSeconds);
   if (!line) return std::nullopt;
@@ -76,6 +86,26 @@ std::optional<Event> HelperProcess::nextEvent(const std::string& type, double ti
     auto event = nextEvent(deadline.millisecondsLeft() / 1000.0);
     if (!event || event->value("type", "") == type) return event;
   }
+}
+
+Event HelperProcess::waitForEvent(const std::string& type, const Wanted& wanted) {
+  const client::Deadline deadline(20);
+  for (;;) {
+    auto event = nextEvent(type, deadline.millisecondsLeft() / 1000.0);
+    if (!event || deadline.millisecondsLeft() == 0)
+      throw std::runtime_error("the awaited \"" + type + "\" event did not come");
+    if (wanted(*event)) return *std::move(event);
+  }
+}
+
+Event HelperProcess::waitForTake(const std::string& id, const std::string& state) {
+  return waitForEvent("recording", [&](const Event& event) {
+    if (event.at("id") != id) return false;
+    const auto& reached = event.at("state");
+    if (reached == state) return true;
+    if (reached == "failed" || reached == "saved") throw std::runtime_error(event.dump());
+    return false;
+  });
 }
 
 }  // namespace lumora::tools

@@ -3,6 +3,7 @@
 // The helper as our own programs and tests drive it: plain commands, events as they stand. An
 // application has `client::Helper`.
 
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -40,10 +41,20 @@ class HelperProcess : public client::ChildProcess {
   bool copyFrame(client::FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
   // Blocks as the other writes do.
   bool writeCommand(const Event& command);
+  // The same for a take: its command, with further keys.
+  bool startTake(const std::string& id, const std::string& path, Event keys = Event::object());
+  bool stopTake(const std::string& id, Event keys = Event::object());
   // The next event, or nothing when none came in time, the output ended or a line is not JSON.
   std::optional<Event> nextEvent(double timeoutSeconds);
   // The next event of this "type", skipping others.
   std::optional<Event> nextEvent(const std::string& type, double timeoutSeconds);
+  // The next event of this "type" that is `wanted`. Throws std::runtime_error when none comes
+  // within 20 seconds.
+  using Wanted = std::function<bool(const Event&)>;
+  Event waitForEvent(
+      const std::string& type, const Wanted& wanted = [](const Event&) { return true; });
+  // The take's next event with this "state". Throws also when the take ends in another one.
+  Event waitForTake(const std::string& id, const std::string& state);
 
  private:
   const std::shared_ptr<client::FrameSlots> slots_;

@@ -73,21 +73,16 @@ class Board {
   RunProgress progress_;
 };
 
-// Receives and acknowledges until the helper closes the connection.
+// Until the helper closes the connection.
 void watchStream(client::StreamClient& stream, Board& board, std::ostream* copy) {
-  while (!stream.isClosed()) {
-    const auto packet = stream.receive(0.5);
-    if (!packet) continue;
-    if (packet->type == client::Packet::Type::frame) {
-      board.received(packet->frameID, packet->payload.size());
-      stream.acknowledge(packet->frameID);
-    }
+  stream.watch([&](const client::Packet& packet) {
+    if (packet.type == client::Packet::Type::frame)
+      board.received(packet.frameID, packet.payload.size());
     if (copy != nullptr) {
-      const auto units = toAnnexB(*packet);
-      copy->write(reinterpret_cast<const char*>(units.data()),
-                  static_cast<std::streamsize>(units.size()));
+      const auto units = toAnnexB(packet);
+      copy->write(reinterpret_cast<const char*>(units.data()), std::ssize(units));
     }
-  }
+  });
 }
 
 std::uint64_t feed(const RunOptions& options, FrameSource& source, tools::HelperProcess& helper,
@@ -120,26 +115,16 @@ const char* const takeID = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
 
 void startTake(const TakeOptions& take, tools::HelperProcess& helper) {
   if (take.path.empty()) return;
-  helper.writeCommand({{"type", "record_start"},
-                       {"id", takeID},
-                       {"path", take.path},
-                       {"resolution", take.resolution},
-                       {"target_fps", take.targetFPS},
-                       {"cadence", "steady"},
-                       {"started_at", client::uptime()}});
+  helper.startTake(takeID, take.path,
+                   {{"resolution", take.resolution},
+                    {"target_fps", take.targetFPS},
+                    {"cadence", "steady"},
+                    {"started_at", client::uptime()}});
 }
 
 void stopTake(const TakeOptions& take, tools::HelperProcess& helper) {
   if (take.path.empty()) return;
-  helper.writeCommand({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", client::uptime()}});
-}
-
-std::uint64_t waitForClients(tools::HelperProcess& helper, int clients) {
-  for (;;) {
-    const auto stats = helper.nextEvent("stats", 5);
-    if (!stats) throw std::runtime_error("stream clients were not admitted");
-    if (stats->at("clients") == clients) return stats->at("dropped_raw");
-  }
+  helper.stopTake(takeID, {{"stopped_at", client::uptime()}});
 }
 
 }  // namespace
@@ -149,8 +134,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   RunReport report;
   const auto launched = SteadyClock::now();
   tools::HelperProcess helper(options.launch, slotsFor(options.frames));
-  const auto ready = helper.nextEvent("ready", 10);
-  if (!ready) throw std::runtime_error("the helper did not become ready");
+  const auto ready = helper.waitForEvent("ready");
   report.readyMilliseconds = millisecondsSince(launched);
 
   Board board;
@@ -158,10 +142,12 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   if (!options.previewPath.empty()) copy.open(options.previewPath, std::ios::binary);
   std::vector<std::unique_ptr<client::StreamClient>> streams;
   for (int i = 0; i < options.clients; ++i) {
-    streams.push_back(std::make_unique<client::StreamClient>("127.0.0.1", ready->at("port")));
+    streams.push_back(std::make_unique<client::StreamClient>("127.0.0.1", ready.at("port")));
     streams.back()->sayHello(options.launch.token);
   }
-  report.droppedBeforeFeeding = waitForClients(helper, options.clients);
+  const auto admitted = helper.waitForEvent(
+      "stats", [&](const Event& event) { return event.at("clients") == options.clients; });
+  report.droppedBeforeFeeding = admitted.at("dropped_raw");
 
   std::vector<std::jthread> watchers;
   for (auto& stream : streams) {

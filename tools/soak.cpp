@@ -21,6 +21,7 @@
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
+#include "tools/ffmpeg.h"
 #include "tools/helper_process.h"
 #include "tools/resource_use.h"
 #include "tools/test_card.h"
@@ -30,7 +31,6 @@ namespace {
 using namespace lumora;
 using client::FrameSize;
 using client::uptime;
-using tools::Event;
 
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
 constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
@@ -47,15 +47,11 @@ void pauseFor(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-bool decodes(const std::string& path) {
-  const std::string command = "ffmpeg -v error -xerror -nostdin -i '" + path +
-                              "' -fps_mode passthrough -enc_time_base -1 -f null - >'" + path +
-                              ".log' 2>&1";
-  const int status =
-      std::system(command.c_str());  // NOLINT(concurrency-mt-unsafe): glibc's is safe
-  const bool clean = status == 0 && std::filesystem::file_size(path + ".log") == 0;
-  if (clean) std::filesystem::remove(path + ".log");
-  return clean;
+// Removes the file if it is sound; otherwise throws what ffmpeg says of it.
+void expectDecodes(const std::string& path) {
+  const std::string errors = tools::decodeErrors(path);
+  if (!errors.empty()) throw std::runtime_error(path + " does not decode: " + errors);
+  std::filesystem::remove(path);
 }
 
 class Soak {
@@ -67,9 +63,7 @@ class Soak {
         helper_({.program = helper, .token = token_, .arguments = {}, .environment = {}},
                 tools::slotsFor(tools::frameTransport(client::FrameTransport::pipe))) {
     std::filesystem::create_directories(folder_);
-    const auto ready = helper_.nextEvent("ready", 20);
-    if (!ready) throw std::runtime_error("the helper does not start");
-    port_ = ready->at("port");
+    port_ = helper_.waitForEvent("ready").at("port");
   }
 
   void run(double minutes) {
@@ -156,8 +150,7 @@ class Soak {
       const std::string path =
           folder_ / ("stream-" + std::to_string(seed) + "-" + std::to_string(stream) + ".h264");
       if (!receive(stop, uptime() + seconds(random), path)) continue;
-      if (!decodes(path)) return report(path + " does not decode");
-      std::filesystem::remove(path);
+      expectDecodes(path);
       ++streams_;
     }
   }
@@ -169,20 +162,18 @@ class Soak {
     std::ofstream file(path, std::ios::binary);
     std::size_t bytes = 0;
     std::vector<std::uint8_t> access;  // the configuration in front of a frame belongs to it
-    while (!stop.stop_requested() && !resting_ && uptime() < until && !viewer.isClosed()) {
-      const auto packet = viewer.receive(0.1);
-      if (!packet) continue;
-      const auto units = client::toAnnexB(*packet);
+    const auto keep = [&](const client::Packet& packet) {
+      const auto units = client::toAnnexB(packet);
       access.insert(access.end(), units.begin(), units.end());
-      if (packet->type != client::Packet::Type::frame) continue;
+      if (packet.type != client::Packet::Type::frame) return;
       if (bytes < mostStreamBytes) {
         file.write(reinterpret_cast<const char*>(access.data()), std::ssize(access));
         bytes += access.size();
       }
       access.clear();
-      viewer.acknowledge(packet->frameID);
       ++delivered_;
-    }
+    };
+    viewer.watch(keep, [&] { return !stop.stop_requested() && !resting_ && uptime() < until; });
     if (viewer.isClosed()) report("a client that acknowledges was dropped");
     return bytes > 0;
   }
@@ -191,35 +182,26 @@ class Soak {
     const std::string path = folder_ / ("take-" + std::to_string(takes_) + ".mp4");
     char id[37];
     std::snprintf(id, sizeof id, "6F9619FF-8B86-D011-B42D-%012d", takes_);
-    command({{"type", "record_start"},
-             {"id", id},
-             {"path", path},
-             {"resolution", resolutions[upTo(std::size(resolutions))]},
-             {"target_fps", rates[upTo(std::size(rates))]}});
-    for (const double end = uptime() + between(0.5, 6); uptime() < end;) pauseEvents(0.05);
-    command({{"type", "record_stop"}, {"id", id}});
-    for (const double deadline = uptime() + 20; uptime() < deadline;) {
-      const auto event = helper_.nextEvent("recording", 1);
-      if (!event || event->at("id") != id) continue;
-      if (event->at("state") == "failed") throw std::runtime_error(event->dump());
-      if (event->at("state") != "saved") continue;
-      if (!decodes(path)) throw std::runtime_error(path + " does not decode");
-      std::filesystem::remove(path);
-      ++takes_;
-      return;
+    {
+      const std::lock_guard hold(input_);
+      helper_.startTake(id, path,
+                        {{"resolution", resolutions[upTo(std::size(resolutions))]},
+                         {"target_fps", rates[upTo(std::size(rates))]}});
     }
-    throw std::runtime_error("a take was not saved");
+    for (const double end = uptime() + between(0.5, 6); uptime() < end;) pauseEvents(0.05);
+    {
+      const std::lock_guard hold(input_);
+      helper_.stopTake(id);
+    }
+    helper_.waitForTake(id, "saved");
+    expectDecodes(path);
+    ++takes_;
   }
 
   void pauseEvents(double seconds) {
     if (const auto event = helper_.nextEvent("error", seconds)) {
       throw std::runtime_error(event->dump());
     }
-  }
-
-  void command(const Event& event) {
-    const std::lock_guard hold(input_);
-    if (!helper_.writeCommand(event)) throw std::runtime_error("the helper takes no command");
   }
 
   // Nobody asks anything of the helper for a moment: what it holds then it would hold for ever.

@@ -93,13 +93,10 @@ bool copyStream(const Options& options, Output& output) {
   stream.sayHello(options.token);
   output.streamBegan();
   bool any = false;
-  while (!stream.isClosed()) {
-    const auto packet = stream.receive(1);
-    if (!packet) continue;
+  stream.watch([&](const Packet& packet) {
     any = true;
-    output.write(*packet);
-    if (packet->type == Packet::Type::frame) stream.acknowledge(packet->frameID);
-  }
+    output.write(packet);
+  });
   return any;
 }
 
