@@ -25,7 +25,7 @@ struct Disk : HelperTest {
   std::filesystem::path place;
 };
 
-TEST_F(Disk, OneThatRefusesFailsTheTakeAndNothingElse) {
+TEST_F(Disk, OneThatRefusesOrVanishesFailsTheTakeAndNothingElse) {
   std::mt19937 random(1);
   std::vector<Pixels> noise(2, Pixels(FrameSize{640, 360}.bytes()));
   for (Pixels& picture : noise)
@@ -46,6 +46,14 @@ TEST_F(Disk, OneThatRefusesFailsTheTakeAndNothingElse) {
     EXPECT_GT(watcher.frames(), before);
     std::filesystem::remove(path);
   };
+  startTake();
+  feedPaced(5, 60);
+  waitForTake("recording");
+  std::filesystem::remove_all(place);
+  feedPaced(90, 60);
+  EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
+  expectTake(folder / "elsewhere.mp4");
+  std::filesystem::create_directory(place);
   rlimit usual{};
   const rlimit little{1000, RLIM_INFINITY};
   ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &little, &usual), 0);
@@ -61,18 +69,6 @@ TEST_F(Disk, OneThatRefusesFailsTheTakeAndNothingElse) {
     umount2(place.c_str(), MNT_DETACH);
     expectTake(place / "take.mp4");
   }
-}
-
-TEST_F(Disk, ARemovedFolderFailsTheTakeWithTheNextFragment) {
-  start();
-  startTake();
-  feedPaced(5, 60);
-  waitForTake("recording");
-  std::filesystem::remove_all(place);
-  feedPaced(90, 60);
-  EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
-  turnTo(folder / "elsewhere.mp4");
-  take(20, 60);
 }
 
 }  // namespace

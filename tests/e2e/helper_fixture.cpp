@@ -7,10 +7,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <array>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 
 namespace lumora::tests {
@@ -22,31 +20,13 @@ Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb b
   for (int row = 0; row < size.height; ++row) {
     for (int x = 0; x < size.width; ++x) {
       const auto& [red, green, blue] = colours[row >= size.height / 2][x >= size.width / 2];
-      for (const int value : {red, green, blue, 255})
-        pixels.push_back(static_cast<std::uint8_t>(value));
+      for (const auto level : {red, green, blue, std::uint8_t{255}}) pixels.push_back(level);
     }
   }
   return pixels;
 }
 
 Pixels plain(FrameSize size, Rgb colour) { return quarters(size, colour, colour, colour, colour); }
-
-std::string outputOf(const std::string& command) {
-  std::string output;
-  std::FILE* pipe = popen((command + " 2>&1").c_str(), "re");
-  if (pipe == nullptr) throw std::runtime_error("can't run " + command);
-  std::array<char, 4096> bytes;
-  while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe))
-    output.append(bytes.data(), count);
-  const int status = pclose(pipe);
-  return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
-}
-
-// Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.
-std::string decodeErrors(const std::string& path) {
-  return outputOf("ffmpeg -v error -xerror -nostdin -i '" + path +
-                  "' -fps_mode passthrough -enc_time_base -1 -f null -");
-}
 
 void Picture::expect(double x, double y, Rgb colour, int tolerance) const {
   const auto column = static_cast<std::size_t>(x * size.width);
@@ -74,15 +54,11 @@ void expectKeys(Event event, const Event& wanted) {
 
 Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
     : thread_([this, viewer = std::move(from)](const std::stop_token& stop) {
-        while (!stop.stop_requested() && !viewer->isClosed()) {
-          auto packet = viewer->receive(0.2);
-          if (!packet) continue;
-          if (packet->type == client::Packet::Type::frame) {
-            viewer->acknowledge(packet->frameID);
-            ++frames_;
-          }
-          packets_.push_back(*std::move(packet));
-        }
+        const auto keep = [this](const client::Packet& packet) {
+          if (packet.type == client::Packet::Type::frame) ++frames_;
+          packets_.push_back(packet);
+        };
+        viewer->watch(keep, [&] { return !stop.stop_requested(); });
       }) {}
 
 std::vector<client::Packet> Watcher::finish() {
@@ -102,8 +78,6 @@ void HelperTest::TearDown() {
   std::filesystem::remove_all(folder);
 }
 
-void HelperTest::endHelper() { EXPECT_TRUE(!helper || finish() == 0); }
-
 void HelperTest::start(std::vector<std::string> arguments,
                        std::map<std::string, std::string> environment) {
   endHelper();
@@ -111,33 +85,15 @@ void HelperTest::start(std::vector<std::string> arguments,
   helper = std::make_unique<tools::HelperProcess>(
       client::LaunchOptions{LUMORA_HELPER, token, std::move(arguments), std::move(environment)},
       slots);
-  port = waitForEvent("ready").at("port");
+  port = helper->waitForEvent("ready").at("port");
   lastID = 0;
-}
-
-std::unique_ptr<client::StreamClient> HelperTest::connect() const {
-  return std::make_unique<client::StreamClient>("127.0.0.1", port);
 }
 
 std::unique_ptr<client::StreamClient> HelperTest::connectClient() {
   auto made = connect();
   made->sayHello(token);
-  waitForStatistics([](const Event& event) { return event["clients"] > 0; });
+  helper->waitForEvent("stats", [](const Event& event) { return event["clients"] > 0; });
   return made;
-}
-
-Event HelperTest::waitForEvent(const std::string& type, const Wanted& wanted) {
-  const client::Deadline deadline(20);
-  for (;;) {
-    const auto event = helper->nextEvent(type, deadline.millisecondsLeft() / 1000.0);
-    if (!event || deadline.millisecondsLeft() == 0)
-      throw std::runtime_error("the awaited \"" + type + "\" event did not come");
-    if (wanted(*event)) return *event;
-  }
-}
-
-void HelperTest::feed(FrameSize size, const Pixels& pixels) {
-  ASSERT_TRUE(helper->copyFrame(size, ++lastID, pixels));
 }
 
 std::vector<client::Packet> HelperTest::stream(client::StreamClient& from, FrameSize size,
@@ -162,11 +118,6 @@ int HelperTest::exitCode() {
   const auto status = helper->wait(20);
   helper.reset();
   return status && status->signal == 0 ? status->code : -1;
-}
-
-int HelperTest::finish() {
-  helper->closeInput();
-  return exitCode();
 }
 
 std::string HelperTest::writeStream(const std::vector<client::Packet>& packets) const {
@@ -205,19 +156,8 @@ int countFrames(const std::string& path) {
 }
 
 Event probe(const std::string& path) {
-  const auto all = Event::parse(
-      outputOf("ffprobe -v error -count_frames -show_streams -of json '" + path + "'"));
-  return all.at("streams").empty() ? Event::object() : all["streams"][0];
-}
-
-void HelperTest::startTake(Event keys) {
-  keys.update({{"type", "record_start"}, {"id", takeID}, {"path", path}});
-  helper->writeCommand(keys);
-}
-
-void HelperTest::stopTake(Event keys) {
-  keys.update({{"type", "record_stop"}, {"id", takeID}});
-  helper->writeCommand(keys);
+  const std::string command = "ffprobe -v error -count_frames -show_streams -of json ";
+  return Event::parse(outputOf(command + tools::shellQuoted(path))).at("streams").at(0);
 }
 
 Event HelperTest::saveTake(const Event& keys) {
@@ -239,25 +179,10 @@ void HelperTest::feedPaced(int count, double framesPerSecond, FrameSize size,
   }
 }
 
-void HelperTest::turnTo(const std::filesystem::path& file) {
-  path = file;
-  ++takeID.back();
-}
-
 Event HelperTest::take(int count, double framesPerSecond) {
   startTake();
   feedPaced(count, framesPerSecond);
   return saveTake();
-}
-
-Event HelperTest::waitForTake(const std::string& state) {
-  return waitForEvent("recording", [&](const Event& event) {
-    if (event.at("id") != takeID) return false;
-    const auto& reached = event.at("state");
-    if (reached == state) return true;
-    if (reached == "failed" || reached == "saved") throw std::runtime_error(event.dump());
-    return false;
-  });
 }
 
 }  // namespace lumora::tests

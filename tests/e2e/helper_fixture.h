@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,27 +13,32 @@
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
+#include "tools/ffmpeg.h"
 #include "tools/helper_process.h"
 
 namespace lumora::tests {
 
 using client::FrameSize;
 using client::uptime;
+using tools::decodeErrors;
 using tools::Event;
+using tools::outputOf;
 using Pixels = std::vector<std::uint8_t>;
 
+// A sanitizer makes everything slow and has a heap of its own.
+#ifdef LUMORA_OWN_HEAP
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+
 struct Rgb {
-  int red, green, blue;
+  std::uint8_t red, green, blue;
 };
 
 // A picture in four quarters, each of one colour, in the order a parent feeds it.
 Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight);
 Pixels plain(FrameSize size, Rgb colour);
-
-// What a command prints, on both streams, and how it ended unless it was well.
-std::string outputOf(const std::string& command);
-// What ffmpeg complains about when it decodes the whole file; empty when it is sound.
-std::string decodeErrors(const std::string& path);
 
 struct Picture {
   FrameSize size;
@@ -48,7 +52,7 @@ Picture decodeLast(const std::string& path, FrameSize size);
 // How many pictures libavcodec makes of a file before the first that it can't.
 int countFrames(const std::string& path);
 
-// What ffprobe says of the only stream of a file; an empty object when it has none.
+// What ffprobe says of the only stream of a file. Throws when it has none.
 Event probe(const std::string& path);
 
 // That `event` has these keys and values, whatever else it has.
@@ -72,7 +76,7 @@ class HelperTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-  void endHelper();
+  void endHelper() { EXPECT_TRUE(!helper || finish() == 0); }
 
   // Starts the helper and waits for "ready". It has to end with 0 at the end of its input, which
   // comes with the next start or the test's end, unless the test waits for another end.
@@ -80,35 +84,39 @@ class HelperTest : public testing::Test {
              std::map<std::string, std::string> environment = {});
   // Connects a client that the helper has admitted.
   std::unique_ptr<client::StreamClient> connectClient();
-  std::unique_ptr<client::StreamClient> connect() const;
-  void feed(FrameSize size, const Pixels& pixels);
+  std::unique_ptr<client::StreamClient> connect() const {
+    return std::make_unique<client::StreamClient>("127.0.0.1", port);
+  }
+  void feed(FrameSize size, const Pixels& pixels) {
+    ASSERT_TRUE(helper->copyFrame(size, ++lastID, pixels));
+  }
   // Feeds frames until `stream` has received and acknowledged `count` frame packets; the packets.
   std::vector<client::Packet> stream(client::StreamClient& from, FrameSize size,
                                      const Pixels& pixels, int count);
-  // Waits for an event that satisfies `wanted`; throws when none comes within 20 seconds.
-  using Wanted = std::function<bool(const Event&)>;
-  Event waitForEvent(
-      const std::string& type, const Wanted& wanted = [](const Event&) { return true; });
-  Event waitForStatistics(const Wanted& wanted) { return waitForEvent("stats", wanted); }
   // Ends the input; the exit code, or -1 when it did not end by itself.
-  int finish();
+  int finish() {
+    helper->closeInput();
+    return exitCode();
+  }
   int exitCode();
   std::string writeStream(const std::vector<client::Packet>& packets) const;
 
   // Start and stop the take at `path`, with further keys of the command. What is saved has to be a
   // sound movie there; the "saved" event.
-  void startTake(Event keys = Event::object());
-  void stopTake(Event keys = Event::object());
+  void startTake(const Event& keys = Event::object()) { helper->startTake(takeID, path, keys); }
+  void stopTake(const Event& keys = Event::object()) { helper->stopTake(takeID, keys); }
   Event saveTake(const Event& keys = Event::object());
   // Feeds `count` frames at a steady rate, of these pictures in turn or of one.
   void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360},
                  std::vector<Pixels> pictures = {});
   // Turns to another take of the same run: what is still said of the one before counts no more.
-  void turnTo(const std::filesystem::path& file);
+  void turnTo(const std::filesystem::path& file) {
+    path = file;
+    ++takeID.back();
+  }
   // Records `count` frames at a steady rate; the "saved" event.
   Event take(int count, double framesPerSecond);
-  // The take's next event with this state; throws when the take ends in another one.
-  Event waitForTake(const std::string& state);
+  Event waitForTake(const std::string& state) { return helper->waitForTake(takeID, state); }
   std::string stagingPath() const { return path + "." + takeID + ".partial"; }
 
   std::filesystem::path folder;
