@@ -43,9 +43,8 @@ TEST(FrameMemory, TakesFilesOfTwoPagesThatItMayWriteAnywhere) {
   EXPECT_FALSE(inherit(makeMemory(page << 10, seal, MFD_HUGETLB)));
   EXPECT_FALSE(inherit(client::Descriptor(open("/dev/zero", O_RDWR))));
   const std::string name = "/proc/self/fd/" + std::to_string(memory.get());
-  for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR | O_APPEND}) {
+  for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR | O_APPEND})
     EXPECT_FALSE(inherit(client::Descriptor(open(name.c_str(), flags)))) << flags;
-  }
   EXPECT_FALSE(inheritFrameMemory(-1, PicturePool::make()));
   const client::Descriptor input(dup(STDIN_FILENO));
   dup2(memory.get(), STDIN_FILENO);
@@ -65,9 +64,8 @@ TEST(RecordHeader, OffsetsAreWholePagesInsideTheMemory) {
                                       {page, 3 * page + 16},
                                       {4 * page, 16},
                                       {page, 5 * page},
-                                      {0xFFFFFFFFFFFFF000, 8 * page}}) {
+                                      {0xFFFFFFFFFFFFF000, 8 * page}})
     EXPECT_FALSE(valid(offset, bytes)) << offset << " " << bytes;
-  }
 }
 
 TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
@@ -92,9 +90,8 @@ TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
   };
   // What a child process writes needs no child here.
   client::ChildProcess helper({"/bin/cat", "", {}, {}, slots->descriptor()});
-  for (std::uint64_t id = 1; const auto& frame : acquireAll(*slots)) {
+  for (std::uint64_t id = 1; const auto& frame : acquireAll(*slots))
     EXPECT_TRUE(helper.writeFrame(*frame, id++));
-  }
   EXPECT_EQ(acquireAll(*slots).size(), 0u);
   say(slots->descriptor(), 2);
   EXPECT_EQ(acquireAll(*slots).size(), 2u);
@@ -164,11 +161,7 @@ TEST_P(SharedFramesTest, GoTogetherWithPixelsAndCommands) {
 // A take and a client at once; the one session takes the picture where it lies, the other its own.
 TEST_P(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
   const auto client = probe.connectClient();
-  probe.command({{"type", "record_start"},
-                 {"id", takeID},
-                 {"path", takePath},
-                 {"resolution", "640x360"},
-                 {"target_fps", 60}});
+  probe.command({{"type", "record_start"}, {"id", takeID}, {"path", takePath}});
   const Bytes pixels(page, 77);
   EXPECT_EQ(pwrite(memory.get(), pixels.data(), page, 2 * page), std::ssize(pixels));
   putFrame(7, 2 * page);

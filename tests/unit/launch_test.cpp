@@ -53,17 +53,15 @@ TEST(Options, EnvironmentSizesComeInPairs) {
 
 TEST(Options, FrameMemoryIsTheNumberOfADescriptor) {
   EXPECT_EQ(parse({}, {{"TAVO_FRAME_MEMORY", "12"}})->frameMemoryDescriptor, 12);
-  for (const char* bad : {"", "x", "3 ", "99999999999"}) {
+  for (const char* bad : {"", "x", "3 ", "99999999999"})
     EXPECT_FALSE(parse({}, {{"TAVO_FRAME_MEMORY", bad}})) << bad;
-  }
 }
 
 TEST(Options, TokensAreSixteenTo128PlainCharacters) {
   const auto accepts = [](const std::string& token) {
     return parse({}, {{"TAVO_VIDEO_TOKEN", token}}).has_value();
   };
-  for (const auto& good : {std::string(16, 'Z'), std::string(128, '-')}) EXPECT_TRUE(accepts(good));
-  EXPECT_TRUE(accepts("0_-aZ9aaaaaaaaaa"));
+  EXPECT_TRUE(accepts("0_-aZ9aaaaaaaaaa") && accepts(std::string(128, '-')));
   for (const auto& bad : {std::string(15, 'a'), std::string(129, 'a')}) EXPECT_FALSE(accepts(bad));
   for (const char* bad : {"=", "+", "/", " ", "\xC3\xA9"}) EXPECT_FALSE(accepts(goodToken + bad));
 }

@@ -36,7 +36,7 @@ Yuv exact(double r, double g, double b) {
 struct Samples {
   Samples(std::int64_t width, std::int64_t height)
       : stride(width + 1), bytes(static_cast<std::size_t>(stride * height), 7) {}
-  Plane plane() { return {bytes.data(), stride}; }
+  operator Plane() { return {bytes.data(), stride}; }
   int at(std::int64_t x, std::int64_t y) const {
     return bytes[static_cast<std::size_t>(y * stride + x)];
   }
@@ -52,7 +52,7 @@ TEST(RgbToYuv, EveryColourComesBackAndGreysAreExact) {
       Bytes bgra;
       for (int pixel = 0; pixel < 128; ++pixel) bgra.insert(bgra.end(), colour, colour + 4);
       Samples y(64, 2), u(32, 1), v(32, 1);
-      convertToI420({bgra.data(), 64, 2, 256}, ChannelOrder::bgra, y.plane(), u.plane(), v.plane());
+      convertToI420({bgra.data(), 64, 2, 256}, ChannelOrder::bgra, y, u, v);
       const double luma = (y.at(63, 1) - 16) / 219.0;
       const double blue = luma + (u.at(31, 0) - 128) / 224.0 * 1.8556;
       const double red = luma + (v.at(31, 0) - 128) / 224.0 * 1.5748;
@@ -81,8 +81,7 @@ TEST(RgbToYuv, IsExactWithinRoundingAtEverySize) {
         const int columns = (width + 1) / 2;
         const int rows = (height + 1) / 2;
         Samples y(width, height), u(columns, rows), v(columns, rows);
-        convertToI420({bgra.data(), width, height, stride}, ChannelOrder::bgra, y.plane(),
-                      u.plane(), v.plane());
+        convertToI420({bgra.data(), width, height, stride}, ChannelOrder::bgra, y, u, v);
         const auto exactAt = [&](int column, int row) {  // beyond the edge the edge goes on
           const std::uint8_t* p = bgra.data() + std::min(row, height - 1) * stride +
                                   std::clamp(column, 0, width - 1) * 4;
@@ -111,14 +110,12 @@ TEST(RgbToYuv, IsExactWithinRoundingAtEverySize) {
         }
         // The other channel order, the other way up, the other layout: the same samples.
         Bytes rgba;
-        for (std::ptrdiff_t row = height; row-- > 0;) {
-          const auto from = bgra.begin() + row * stride;
-          rgba.insert(rgba.end(), from, from + stride);
-        }
+        for (std::ptrdiff_t row = height; row-- > 0;)
+          rgba.insert(rgba.end(), bgra.begin() + row * stride, bgra.begin() + (row + 1) * stride);
         for (std::size_t i = 0; i < rgba.size(); i += 4) std::swap(rgba[i], rgba[i + 2]);
         Samples same(width, height), uv(columns * 2, rows);
         convertToNV12({rgba.data() + (height - 1) * stride, width, height, -stride},
-                      ChannelOrder::rgba, same.plane(), uv.plane());
+                      ChannelOrder::rgba, same, uv);
         ASSERT_EQ(same.bytes, y.bytes);
         for (int x = 0; x < columns; ++x) {
           ASSERT_EQ(uv.at(x * 2, rows - 1), u.at(x, rows - 1));

@@ -35,8 +35,7 @@ Elements trace(ByteView unit) {
   filter->par_in->codec_id = AV_CODEC_ID_H264;
   Packet packet(av_packet_alloc());
   EXPECT_EQ(av_new_packet(packet.get(), static_cast<int>(unit.size() + 4)), 0);
-  std::fill_n(packet->data, 3, std::uint8_t{0});
-  packet->data[3] = 1;
+  std::ranges::copy(Bytes{0, 0, 0, 1}, packet->data);
   std::ranges::copy(unit, packet->data + 4);
   traced.clear();
   av_log_set_level(AV_LOG_INFO);
@@ -143,8 +142,7 @@ TEST(SequenceParameters, WhatSaysSoAlreadyOrCannotBeReadStaysAsItIs) {
     const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
     EXPECT_EQ(completed(cut), cut);
   }
-  const Bytes zeros(40, 0);
-  EXPECT_EQ(completed(zeros), zeros);
+  EXPECT_EQ(completed(Bytes(40, 0)), Bytes(40, 0));
   const Bytes read = completed(Bytes(40, 0xFF));
   EXPECT_EQ(completed(read), read);
 }

@@ -61,10 +61,7 @@ TEST(Packets, FailuresNameWhatIsWrong) {
   }
   EXPECT_NO_THROW(prepareFrame(BrokenSample(), 1, 640, 360));
   EXPECT_THROW(prepareFrame(BrokenSample(), 1, 65536, 360), EncoderFailure);
-  BrokenSample delta;
-  delta.data = {0, 0, 0, 1, 0x41};
-  delta.hasFormat = false;
-  EXPECT_FALSE(prepareFrame(delta, 1, 640, 360).keyframe);
+  EXPECT_FALSE(prepareFrame(MemorySample({0, 0, 0, 1, 0x41}, nullptr), 1, 640, 360).keyframe);
 }
 
 TEST(Packets, LargestSampleFits) {

@@ -33,14 +33,10 @@ TEST(JsonText, HasNoEndBeforeItsEndAndNumbersWithoutALimit) {
   const auto parse = [](const std::string& text) {
     return parseJson({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
   };
-  const std::string digits(400, '9');
   for (const std::string& text : std::initializer_list<std::string>{
-           R"({"a":1e999,"b":"-1e999\\"})", R"({"a":)" + digits + "}", R"({"b":"\"","a":1.5E+999})",
-           R"({"a": 1e0999 })"}) {
-    const auto value = parse(text);
-    ASSERT_TRUE(value) << text;
-    EXPECT_EQ((*value)["a"], 1e308) << text;
-  }
+           R"({"a":1e999,"b":"-1e999\\"})", R"({"a":)" + std::string(400, '9') + "}",
+           R"({"b":"\"","a":1.5E+999})", R"({"a": 1e0999 })"})
+    EXPECT_EQ(parse(text).value_or(Json::object())["a"], 1e308) << text;
   EXPECT_EQ(parse(R"([-1e999,1e-999,"1e999"])"), Json::parse(R"([-1e308,0.0,"1e999"])"));
   for (const std::string& text : std::initializer_list<std::string>{
            std::string("{}\0", 3), std::string("{}\0garbage", 10), "\"1e999", R"({"a":01e999})",
@@ -81,9 +77,6 @@ TEST(RecordingCadence, ThinsAndFollowsTheCamera) {
     EXPECT_TRUE(at30.admit(1));
     EXPECT_EQ(at30.admit(1 + 1.0 / 30 - early), taken);
   }
-  RecordingCadence cadence{30};
-  EXPECT_FALSE(cadence.admit(-1));
-  EXPECT_FALSE(cadence.admit(std::numeric_limits<double>::quiet_NaN()));
 }
 
 // Seconds at which a camera's frames come, with Gaussian jitter; the same in every run.
@@ -118,10 +111,9 @@ TEST(SteadyCadence, AdmitsWhatTheTargetHasRoomForAndNeverMore) {
           100.0 * static_cast<double>(admitted.size()) / static_cast<double>(times.size());
       EXPECT_NEAR(share, percent[i], 0.35) << camera << " into " << target << ", " << i;
       EXPECT_LE(std::ssize(admitted), 600 * target + 1);
-      for (std::size_t from = 0, to = 0; to < admitted.size(); ++to) {
-        while (admitted[to] - admitted[from] >= 1) ++from;
-        ASSERT_LE(to - from + 1, static_cast<std::size_t>(target) + 2);
-      }
+      const auto most = static_cast<std::size_t>(target) + 2;  // within any one second
+      for (std::size_t last = most; last < admitted.size(); ++last)
+        ASSERT_GE(admitted[last] - admitted[last - most], 1);
     }
   }
 }
@@ -129,7 +121,8 @@ TEST(SteadyCadence, AdmitsWhatTheTargetHasRoomForAndNeverMore) {
 TEST(SteadyCadence, TakesLossesPausesAndBurstsAsTheyCome) {
   using Times = std::vector<double>;
   const auto at30 = [](const Times& times) { return admittedSteadily(30, times); };
-  EXPECT_EQ(at30({-1, std::numeric_limits<double>::infinity(), 0}), (Times{0}));
+  using Limits = std::numeric_limits<double>;
+  EXPECT_EQ(at30({-1, Limits::infinity(), Limits::quiet_NaN(), 0}), (Times{0}));
   EXPECT_EQ(at30({1, 1.0223, 1.1}), (Times{1, 1.0223, 1.1}));  // early by a third of 1/30
   EXPECT_EQ(at30({1, 1.0221, 1.1}), (Times{1, 1.1}));
   EXPECT_EQ(at30({1, 1.0667, 1.1}), (Times{1, 1.0667, 1.1}));  // one is lost: the grid goes on
