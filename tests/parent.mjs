@@ -2,12 +2,13 @@ import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import readline from 'node:readline';
 
+// With the token of the parent's stream.
+export const environment = { ...process.env, TAVO_VIDEO_TOKEN: 'token-of-the-parent-0123' };
+
 // A parent in small: starts a helper and feeds it greys, each a little lighter, at most 60 times a second.
 // `ids` are those of the frames that were fed.
-export async function startParent(helper, token) {
-  const program = spawn(helper, [], {
-    stdio: ['pipe', 'pipe', 'inherit'], env: { ...process.env, TAVO_VIDEO_TOKEN: token },
-  });
+export async function startParent(helper) {
+  const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: environment });
   const parent = { program, statistics: {}, ids: [] };
   const lines = readline.createInterface({ input: program.stdout });
   lines.on('line', (line) => {
@@ -17,21 +18,19 @@ export async function startParent(helper, token) {
   });
   parent.port = (await once(lines, 'ready'))[0].port;
   const frame = Buffer.alloc(16 + 640 * 360 * 4);
-  let number = 0;
-  parent.timer = setInterval(() => {
+  frame.writeUInt32BE(frame.length - 16, 0);
+  frame.writeUInt16BE(640, 4);
+  frame.writeUInt16BE(360, 6);
+  const timer = setInterval(() => {
     if (program.stdin.writableLength > 0) return;
-    number += 1;
+    const id = process.hrtime.bigint() / 1000n;
+    const number = parent.ids.push(Number(id));
+    frame.writeBigUInt64BE(id, 8);
     frame.fill(number % 256, 16);
     frame.fill((number >> 8) * 37 % 256, 16, 16 + 640 * 90 * 4); // so that no picture comes twice
-    frame.writeUInt32BE(frame.length - 16, 0);
-    frame.writeUInt16BE(640, 4);
-    frame.writeUInt16BE(360, 6);
-    const id = process.hrtime.bigint() / 1000n;
-    frame.writeBigUInt64BE(id, 8);
-    parent.ids.push(Number(id));
     program.stdin.write(frame);
   }, 16);
-  program.on('exit', () => clearInterval(parent.timer));
+  program.on('exit', () => clearInterval(timer));
   program.stdin.on('error', () => {});
   return parent;
 }

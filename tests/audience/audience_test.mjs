@@ -10,7 +10,7 @@ import fs from 'node:fs';
 import net from 'node:net';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { inFolder } from '../browser/folder.mjs';
-import { startParent } from '../parent.mjs';
+import { environment, startParent } from '../parent.mjs';
 
 const [helper, tap] = process.argv.slice(2);
 const modules = '/etc/nginx/modules-enabled/50-mod-rtmp.conf';
@@ -18,7 +18,6 @@ if (!fs.existsSync(modules) || !fs.existsSync('/usr/bin/srt-live-transmit')) {
   console.log('skipped: needs nginx with its rtmp module, and srt-tools');
   process.exit(process.env.CI === 'true' ? 1 : 77);
 }
-const token = 'token-of-the-parent-0123';
 const seconds = 10;
 
 async function freePort() {
@@ -40,8 +39,8 @@ function pictures(file) {
 }
 
 // The audience's file is a stretch of the reference: the same pictures at the same distances.
-function assertStretch(name, file, reference) {
-  const got = pictures(file);
+function assertStretch(name, reference) {
+  const got = pictures(inFolder(name));
   const start = reference.findIndex(({ digest }, i) =>
     digest === got[0].digest && got.slice(0, 60).every((one, k) => one.digest === reference[i + k]?.digest));
   assert.ok(start >= 0, `${name}: begins with none of the pictures that were sent`);
@@ -65,18 +64,15 @@ fs.writeFileSync(inFolder('nginx.conf'), `
     hls_cleanup off; } } }`);
 const programs = [];
 const start = (command, args, input = 'ignore', output = 'ignore') => {
-  const env = { ...process.env, TAVO_VIDEO_TOKEN: token };
-  const program = spawn(command, args, { stdio: [input, output, 'inherit'], env });
-  programs.push(program);
-  return program;
+  programs.push(spawn(command, args, { stdio: [input, output, 'inherit'], env: environment }));
+  return programs.at(-1);
 };
-const ended = (program) =>
-  (program.exitCode === null && program.signalCode === null ? once(program, 'exit') : undefined);
+const ended = (program) => (program.exitCode ?? program.signalCode) !== null || once(program, 'exit');
 try {
   start('nginx', ['-c', inFolder('nginx.conf')]);
   start('srt-live-transmit', [`udp://127.0.0.1:${udp}`, `srt://127.0.0.1:${srt}?mode=listener`, '-q']);
   await sleep(1000);
-  const parent = await startParent(helper, token);
+  const parent = await startParent(helper);
   programs.push(parent.program);
   const startTap = (output) =>
     start(tap, [String(parent.port), '--format', 'flv', '--patience', '0'], 'ignore', output);
@@ -101,12 +97,9 @@ try {
   const first = parent.ids.find((id) => sent.every(({ time }) =>
     [-1, 0, 1].some((off) => captured.has(Math.round(since(id) + time) + off))));
   assert.ok(first, 'the times in the stream are those of the camera');
-  assertStretch('RTMP', inFolder('rtmp.flv'), sent);
   const parts = fs.readFileSync(inFolder('hls/camera.m3u8'), 'utf8').match(/^.*\.ts$/gm);
-  const bytes = parts.map((part) => fs.readFileSync(inFolder(`hls/${part}`)));
-  fs.writeFileSync(inFolder('hls.ts'), Buffer.concat(bytes));
-  assertStretch('HLS', inFolder('hls.ts'), sent);
-  assertStretch('SRT', inFolder('srt.ts'), sent);
+  fs.writeFileSync(inFolder('hls.ts'), Buffer.concat(parts.map((part) => fs.readFileSync(inFolder(`hls/${part}`)))));
+  for (const name of ['rtmp.flv', 'hls.ts', 'srt.ts']) assertStretch(name, sent);
 } finally {
   for (const program of programs) program.kill('SIGKILL');
   await Promise.all(programs.map(ended));

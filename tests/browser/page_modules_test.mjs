@@ -11,11 +11,13 @@ import { Chronicle, duration } from '../../tools/view/sentences.js';
 const bytes = (hex) => Uint8Array.from(hex.match(/[0-9a-f]{2}/gi) ?? [], (byte) => parseInt(byte, 16));
 const hex = (array) => Buffer.from(array).toString('hex');
 
-test('packets', () => {
+test('packets, and what the decoder is told', () => {
   const configuration = '0000001a 01 0000000000000000 00 0500 02d0 0005 0003 6742c01fda 68ce3c';
   const { width, height, sequenceParameterSet, pictureParameterSet } = parsePacket(bytes(configuration).buffer);
   assert.deepEqual([width, height], [1280, 720]);
-  assert.deepEqual([hex(sequenceParameterSet), hex(pictureParameterSet)], ['6742c01fda', '68ce3c']);
+  assert.equal(codecString(sequenceParameterSet), 'avc1.42c01f');
+  const record = avcRecord(sequenceParameterSet, pictureParameterSet);
+  assert.equal(hex(record), '0142c01fffe10005' + '6742c01fda' + '01000368ce3c');
   const frame = parsePacket(bytes('0000000f 02 fedcba9876543210 01 0000000165').buffer);
   assert.deepEqual([frame.frameID, frame.isKey, hex(frame.payload)], [0xfedcba9876543210n, true, '0000000165']);
   const refused = {
@@ -31,12 +33,6 @@ test('packets', () => {
   for (const [name, packet] of Object.entries(refused)) {
     assert.throws(() => parsePacket(bytes(packet).buffer), /packet|configuration|frame/, name);
   }
-});
-
-test('what the decoder is told', () => {
-  const baseline = bytes('6742c01fda');
-  assert.equal(codecString(baseline), 'avc1.42c01f');
-  assert.equal(hex(avcRecord(baseline, bytes('68ce3c'))), '0142c01fffe10005' + '6742c01fda' + '01000368ce3c');
 });
 
 test('the clock offset trusts the shortest round trip, whichever way was slow', () => {
@@ -62,7 +58,6 @@ test('figures over a window', () => {
   assert.equal(frames.rate(2990), 100);
   assert.equal(frames.rate(3990), 50); // one second after the last
   assert.equal(frames.rate(9000), 0);
-  assert.deepEqual(frames.values(9000), []);
   const hundred = Array.from({ length: 100 }, (_, i) => 100 - i);
   const cases = [[[], 0.5, undefined], [[7], 0.99, 7], [[9, 10], 0.5, 9], [hundred, 0.99, 99], [hundred, 0, 1]];
   for (const [values, fraction, expected] of cases) assert.equal(percentile(values, fraction), expected);

@@ -1,7 +1,7 @@
 // A parent, stream clients and the real helper, in good times and bad. ffmpeg judges the pictures.
 
 import assert from 'node:assert/strict';
-import { execFileSync, spawn, spawnSync } from 'node:child_process';
+import { execFileSync, spawnSync } from 'node:child_process';
 import { once } from 'node:events';
 import { existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
@@ -50,9 +50,8 @@ async function feedUntil(helper, isEnough) {
 // of another, which is what a slot looks like that is written while the helper reads it.
 function countPictures(movie) {
   const bands = 8;
-  const eachPicture = ['-vf', `scale=1:${bands}:flags=area,setpts=N/60/TB`, '-r', '60'];
-  const greys = execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie, ...eachPicture,
-    '-pix_fmt', 'gray', '-f', 'rawvideo', '-']);
+  const greys = execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie, '-vf',
+    `scale=1:${bands}:flags=area,setpts=N/60/TB`, '-r', '60', '-pix_fmt', 'gray', '-f', 'rawvideo', '-']);
   for (let at = 0; at < greys.length; at += bands) {
     const picture = [...greys.subarray(at, at + bands)];
     assert.ok(Math.max(...picture) - Math.min(...picture) < 16, picture.join());
@@ -78,11 +77,10 @@ testBothWays('a take is saved, two clients watch, the token is told to nobody', 
   assert.equal(sharesMemory(helper.pid), way === 'memory');
   const events = helper.events();
   const take = await helper.startTake({ path: join(folder, `saved-${way}.mp4`) });
-  let waiting = 3;
-  const seen = () => { waiting -= 1; };
-  const watching = ['automatic', 'manual'].map((kind) => watch(helper, kind).finally(seen));
-  helper.once('stats', seen);
-  const [, automatic, manual] = await Promise.all([feedUntil(helper, () => waiting === 0), ...watching]);
+  let isSeen = false;
+  const watching = Promise.all([watch(helper, 'automatic'), watch(helper, 'manual'), once(helper, 'stats')])
+    .finally(() => { isSeen = true; });
+  const [[automatic, manual]] = await Promise.all([watching, feedUntil(helper, () => isSeen)]);
   assert.ok(automatic === 60 && manual > 20 && manual <= 26, `${automatic}, ${manual}`);
   const { frames } = await take.stop();
   assert.ok(frames > 10, `${frames}`);
@@ -149,7 +147,7 @@ testBothWays('a helper killed in the middle of a frame ends the frame and the ta
   assert.ok(existsSync(take.stagingPath));
 });
 
-testBothWays('a parent that throws while a take runs leaves a saved take', async (context, way) => {
+testBothWays('a parent that throws while a take runs leaves a saved take', (context, way) => {
   const path = join(folder, `thrown-${way}.mp4`);
   const client = new URL('../../client/node/dist/esm/index.js', import.meta.url);
   const script = `import { startHelper } from '${client}';
@@ -158,11 +156,9 @@ testBothWays('a parent that throws while a take runs leaves a saved take', async
     await helper.startTake({ path: '${path}' });
     helper.on('recording', ({ frames }) => { if (frames > 0) throw new Error('thrown in a take'); });
     for (let id = 1; ; ++id) await helper.writeFrame(${JSON.stringify(size)}, id, pixels).done;`;
-  const parent = spawn(process.execPath, ['--input-type=module', '--eval', script]);
-  let words = '';
-  parent.stderr.on('data', (bytes) => { words += bytes; });
-  await once(parent, 'close'); // both are gone: the helper has the same standard error
-  assert.match(words, /thrown in a take/);
+  // Returns when both are gone: the helper has the same standard error.
+  const { stderr } = spawnSync(process.execPath, ['--input-type=module', '-e', script], { timeout: 60_000 });
+  assert.match(stderr.toString(), /thrown in a take/);
   assert.ok(countPictures(path) > 0);
 });
 

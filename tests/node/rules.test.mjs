@@ -2,7 +2,7 @@
 
 import assert from 'node:assert/strict';
 import { readSync, writeSync } from 'node:fs';
-import { Duplex, Writable } from 'node:stream';
+import { Duplex, Readable, Writable } from 'node:stream';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
 import { findProgram } from '../../client/node/dist/cjs/index.js';
@@ -12,6 +12,8 @@ const inside = (name) => import(`../../client/node/dist/esm/${name}.js`);
 const records = await inside('records');
 const { Feeder } = await inside('feeder');
 const { FrameMemory } = await inside('frame_memory');
+const { PacketParser } = await inside('packets');
+const { StreamClient } = await inside('stream');
 const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
 test('records are those of the protocol; what would end the helper is refused', () => {
@@ -52,8 +54,7 @@ function feederInto(memory) {
   const put = (name) => {
     const bytes = Buffer.from(name);
     if (name.length > 1) return { done: feeder.writeCommand(bytes) };
-    const pixels = Buffer.alloc(16, bytes);
-    return feeder.writeFrame({ size: { width: 2, height: 2 }, id: BigInt(bytes[0]), pixels });
+    return feeder.writeFrame({ size: { width: 2, height: 2 }, id: BigInt(bytes[0]), pixels: Buffer.alloc(16, bytes) });
   };
   return { taken, input, feeder, put };
 }
@@ -117,9 +118,8 @@ test('a take has the times it was given; one that would cost the take is refused
   const take = await starting;
   for (const stoppedAt of [...bad, now - 2]) assert.throws(() => take.stop({ stoppedAt }), RangeError);
   for (const stoppedAt of [now, now + 0.01]) take.stop({ stoppedAt }); // the first counts
-  const { id } = take;
-  const [type, started_at, cadence] = ['record_start', now - 1, 'steady'];
-  assert.deepEqual(sent, [{ type, id, path, cadence, started_at }, { type: 'record_stop', id, stopped_at: now }]);
+  assert.deepEqual(sent, [{ type: 'record_start', id: take.id, path, cadence: 'steady', started_at: now - 1 },
+    { type: 'record_stop', id: take.id, stopped_at: now }]);
   assert.deepEqual([take.startedAt, take.stoppedAt], [now - 1, now]);
   takes.start({ path, steady: false });
   assert.ok(!('cadence' in sent[2]) && sent[2].started_at >= now);
@@ -145,34 +145,27 @@ const configuration = '00000019 01 0000000000000000 00 0280 0168 0005 0002 6742c
 const frames = ['0000000b 02 0000000000000007 01 aa', '0000000b 02 0000000000000009 01 bb'];
 
 test('packets survive any cut and become what a VideoDecoder takes', async () => {
-  const { PacketParser } = await inside('packets');
-  async function* packets() {
-    const parser = new PacketParser();
-    for (const byte of hex(frames.map((frame) => configuration + frame).join(''))) {
-      parser.feed(Buffer.of(byte));
-      for (let packet = parser.next(); packet; packet = parser.next()) yield packet;
-    }
-  }
+  const bytes = [...hex(frames.map((frame) => configuration + frame).join(''))];
+  const oneByOne = Readable.from(bytes.map((byte) => Buffer.of(byte)));
   const inputs = [];
-  for await (const input of toWebCodecs(packets())) inputs.push(input);
+  for await (const input of toWebCodecs(new StreamClient(oneByOne, false))) inputs.push(input);
   const description = Uint8Array.from(hex('01 42c01f ff e1 0005 6742c01f99 01 0002 68ce'));
-  const size = { codedWidth: 640, codedHeight: 360 };
-  const config = { codec: 'avc1.42c01f', ...size, description, optimizeForLatency: true };
+  const config = { codec: 'avc1.42c01f', codedWidth: 640, codedHeight: 360, description, optimizeForLatency: true };
   assert.deepEqual(inputs, [
     { config, chunk: { type: 'key', timestamp: 7, data: Uint8Array.of(0xaa) } },
     { chunk: { type: 'key', timestamp: 9, data: Uint8Array.of(0xbb) } }]);
   const longer = configuration.replace('0005', '0006');
-  for (const bytes of ['00000009', '00200001', configuration.replace('01 ', '03 '), longer]) {
+  for (const malformed of ['00000009', '00200001', configuration.replace('01 ', '03 '), longer]) {
     const parser = new PacketParser();
-    parser.feed(hex(bytes));
-    assert.throws(() => parser.next(), Error, bytes);
+    parser.feed(hex(malformed));
+    assert.throws(() => parser.next(), Error, malformed);
   }
 });
 
 test('packets are read from the socket only as they are taken', async () => {
   let readings = 0;
   const read = function () { this.push(Buffer.alloc(30_000, hex(frames.join(' ')))); readings += 1; };
-  const client = new (await inside('stream')).StreamClient(new Duplex({ read, write() {} }), true);
+  const client = new StreamClient(new Duplex({ read, write() {} }), true);
   const packets = client[Symbol.asyncIterator]();
   for (const frameId of [7n, 9n]) assert.equal((await packets.next()).value.frameId, frameId);
   for (let i = 0; i < 100; ++i) await turn();
