@@ -9,7 +9,7 @@
 #   make lint    formatting and static analysis
 #   make package       Debian packages, looked at by lintian, into build/release/packages
 #   make package-test  and whether they work in a minimal Debian 12 made for it (root)
-#   make fresh   demo and test in a minimal Debian 12 made for it (root; a quarter of an hour)
+#   make fresh   demo and test in a minimal Debian 12 made for it (root; half an hour)
 
 JOBS ?= $(shell nproc)
 OUT ?= out

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the README's commands on a machine that has nothing: a minimal Debian 12 with git and make,
 # built in a temporary folder, into which the committed state of this repository is cloned. Says
-# which command failed and shows the end of what it printed. Needs root and a quarter of an hour.
+# which command failed and shows the end of what it printed. Needs root and half an hour.
 #
 #   scripts/fresh.sh [COMMAND ...]     instead of "make demo" and "make test"
 set -euo pipefail
