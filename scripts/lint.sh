@@ -10,5 +10,7 @@ git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 scripts/check_rooms.sh
 
 cmake --preset debug >/dev/null
+# Of Asio and Beast the declarations are enough: what stands in their headers is not ours.
 git ls-files 'src/*.cpp' 'client/*.cpp' 'tools/*.cpp' ':!client/example' |
-  xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet
+  xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet \
+    --extra-arg=-DBOOST_ASIO_SEPARATE_COMPILATION --extra-arg=-DBOOST_BEAST_SEPARATE_COMPILATION

@@ -31,6 +31,7 @@ namespace {
 using namespace lumora;
 using client::FrameSize;
 using client::uptime;
+using tools::Event;
 
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
 constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
@@ -182,20 +183,20 @@ class Soak {
     const std::string path = folder_ / ("take-" + std::to_string(takes_) + ".mp4");
     char id[37];
     std::snprintf(id, sizeof id, "6F9619FF-8B86-D011-B42D-%012d", takes_);
-    {
-      const std::lock_guard hold(input_);
-      helper_.startTake(id, path,
-                        {{"resolution", resolutions[upTo(std::size(resolutions))]},
-                         {"target_fps", rates[upTo(std::size(rates))]}});
-    }
+    const Event keys = {{"resolution", resolutions[upTo(std::size(resolutions))]},
+                        {"target_fps", rates[upTo(std::size(rates))]}};
+    expectTaken([&] { return helper_.startTake(id, path, keys); });
     for (const double end = uptime() + between(0.5, 6); uptime() < end;) pauseEvents(0.05);
-    {
-      const std::lock_guard hold(input_);
-      helper_.stopTake(id);
-    }
+    expectTaken([&] { return helper_.stopTake(id); });
     helper_.waitForTake(id, "saved");
     expectDecodes(path);
     ++takes_;
+  }
+
+  template <typename Command>
+  void expectTaken(Command command) {
+    const std::lock_guard hold(input_);
+    if (!command()) throw std::runtime_error("the helper takes no command");
   }
 
   void pauseEvents(double seconds) {

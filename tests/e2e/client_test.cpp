@@ -178,7 +178,7 @@ TEST_F(Client, AThousandFramesAtFullSpeedAreCountedAndCostNoMemory) {
   const double before = tools::processFigures(getpid()).residentMegabytes;
   const Pixels pixels = plain(size, {200, 10, 10});
   while (lastID < 1000) camera.writeFrame(size, ++lastID, pixels);
-  EXPECT_TRUE(sanitized || tools::processFigures(getpid()).residentMegabytes < before + 30);
+  EXPECT_LT(tools::processFigures(getpid()).residentMegabytes, sanitized ? 1e9 : before + 30);
   EXPECT_EQ(camera.stop().status, 0);
   EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1000u);
   EXPECT_GT(camera.frameCounts().written, 10u);

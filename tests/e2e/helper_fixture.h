@@ -112,7 +112,7 @@ class HelperTest : public testing::Test {
   // Turns to another take of the same run: what is still said of the one before counts no more.
   void turnTo(const std::filesystem::path& file) {
     path = file;
-    ++takeID.back();
+    takeID.back() = takeID.back() == '9' ? 'A' : static_cast<char>(takeID.back() + 1);
   }
   // Records `count` frames at a steady rate; the "saved" event.
   Event take(int count, double framesPerSecond);

@@ -157,7 +157,8 @@ testBothWays('a parent that throws while a take runs leaves a saved take', (cont
     helper.on('recording', ({ frames }) => { if (frames > 0) throw new Error('thrown in a take'); });
     for (let id = 1; ; ++id) await helper.writeFrame(${JSON.stringify(size)}, id, pixels).done;`;
   // Returns when both are gone: the helper has the same standard error.
-  const { stderr } = spawnSync(process.execPath, ['--input-type=module', '-e', script], { timeout: 60_000 });
+  const { error, stderr } = spawnSync(process.execPath, ['--input-type=module', '-e', script], { timeout: 60_000 });
+  assert.equal(error, undefined);
   assert.match(stderr.toString(), /thrown in a take/);
   assert.ok(countPictures(path) > 0);
 });

@@ -32,8 +32,10 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   // `isClosed`). Throws std::runtime_error on bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
   bool isClosed() const;
-  // Receives until the helper closes the connection or `goesOn`, asked after every packet and ten
-  // times a second, says no. A frame is acknowledged when `handle` returns. Throws as `receive`.
+  // Receives until the helper closes the connection (see `isClosed`) or `goesOn`, asked after every
+  // packet and ten times a second, says no. A frame is acknowledged when `handle` returns: up to
+  // six wait for it, none longer than half a second, so 80 ms a frame are too long. Throws as
+  // `receive`, and what `handle` throws.
   void watch(
       const std::function<void(const Packet&)>& handle,
       const std::function<bool()>& goesOn = [] { return true; });
