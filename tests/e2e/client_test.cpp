@@ -60,6 +60,8 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   EXPECT_NEAR(end->duration, *take.stoppedAt() - take.startedAt(), 1e-4);
   EXPECT_GT(countFrames(path), 10);
   EXPECT_EQ(camera.stop().status, 0);
+  viewer.watch([](const client::Packet&) {});  // to the end that it has
+  EXPECT_TRUE(viewer.isClosed());
   EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events)
     EXPECT_THAT(event.line, testing::Not(testing::HasSubstr(token)));
