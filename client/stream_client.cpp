@@ -88,13 +88,15 @@ std::optional<Packet> StreamClient::receive(double timeoutSeconds) {
   }
 }
 
-void StreamClient::watch(const std::function<void(const Packet&)>& handle,
+void StreamClient::watch(const std::function<void(Packet)>& handle,
                          const std::function<bool()>& goesOn) {
   while (goesOn() && !isClosed()) {
-    const auto packet = receive(0.1);
+    auto packet = receive(0.1);
     if (!packet) continue;
-    handle(*packet);
-    if (packet->type == Packet::Type::frame) acknowledge(packet->frameID);
+    const bool isFrame = packet->type == Packet::Type::frame;
+    const std::uint64_t id = packet->frameID;
+    handle(*std::move(packet));
+    if (isFrame) acknowledge(id);
   }
 }
 

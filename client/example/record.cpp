@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 using namespace lumora::client;
@@ -27,8 +28,11 @@ int main(int argc, char** argv) try {
   std::jthread viewer([&](std::stop_token stop) {
     StreamClient stream("127.0.0.1", helper.port());
     stream.sayHello(helper.token());
-    const auto show = [](const Packet& packet) { toAnnexB(packet); };  // H.264, to be decoded
-    stream.watch(show, [&] { return !stop.stop_requested(); });
+    std::ofstream file(folder / "preview.h264", std::ios::binary);
+    const auto keep = [&](const Packet& packet) {
+      for (const std::uint8_t byte : toAnnexB(packet)) file.put(static_cast<char>(byte));
+    };
+    stream.watch(keep, [&] { return !stop.stop_requested(); });
   });
   Take take = helper.startTake({.path = folder / "take.mp4"});
   const auto start = std::chrono::steady_clock::now();

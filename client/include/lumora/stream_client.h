@@ -32,12 +32,11 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   // `isClosed`). Throws std::runtime_error on bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
   bool isClosed() const;
-  // Receives until the helper closes the connection (see `isClosed`) or `goesOn`, asked after every
-  // packet and ten times a second, says no. A frame is acknowledged when `handle` returns: up to
-  // six wait for it, none longer than half a second, so 80 ms a frame are too long. Throws as
-  // `receive`, and what `handle` throws.
+  // Hands each packet to `handle` and acknowledges a frame when it returns, which has to take less
+  // than 80 ms, until the helper closes the connection (see `isClosed`) or `goesOn`, asked before
+  // each packet and ten times a second, says no. Throws as `receive` and `handle` do.
   void watch(
-      const std::function<void(const Packet&)>& handle,
+      const std::function<void(Packet)>& handle,
       const std::function<bool()>& goesOn = [] { return true; });
 
  private:
