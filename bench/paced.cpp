@@ -63,14 +63,10 @@ void commandTakes(tools::HelperProcess& helper, std::uint64_t frame, const std::
   const char* id = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
   const std::string name = at == failFrame ? "/no such folder/take" : std::to_string(frame);
   if (at == startFrame || at == failFrame) {
-    helper.writeCommand({{"type", "record_start"},
-                         {"id", id},
-                         {"path", folder + "/" + name + ".mp4"},
-                         {"resolution", profile},
-                         {"target_fps", 60},
-                         {"cadence", "steady"}});
+    helper.startTake(id, folder + "/" + name + ".mp4",
+                     {{"resolution", profile}, {"target_fps", 60}, {"cadence", "steady"}});
   }
-  if (at == stopFrame) helper.writeCommand({{"type", "record_stop"}, {"id", id}});
+  if (at == stopFrame) helper.stopTake(id);
 }
 
 void measureTakes(const std::string& helper, std::uint64_t rounds, const std::string& profile) {

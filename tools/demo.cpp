@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <memory>
 
-#include "tools/ffmpeg.h"
 #include "tools/ffmpeg_source.h"
 #include "tools/paced_run.h"
+#include "tools/shell.h"
 
 namespace {
 

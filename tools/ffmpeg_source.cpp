@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "tools/ffmpeg.h"
+#include "tools/shell.h"
 #include "tools/test_card.h"
 
 namespace lumora::tools {

@@ -92,8 +92,9 @@ Event HelperProcess::waitForEvent(const std::string& type, const Wanted& wanted)
   const client::Deadline deadline(20);
   for (;;) {
     auto event = nextEvent(type, deadline.millisecondsLeft() / 1000.0);
-    if (!event || deadline.millisecondsLeft() == 0)
-      throw std::runtime_error("the awaited \"" + type + "\" event did not come");
+    if (deadline.millisecondsLeft() == 0)
+      throw std::runtime_error("no awaited \"" + type + "\" event within 20 seconds");
+    if (!event) throw std::runtime_error("the helper's events ended before \"" + type + "\"");
     if (wanted(*event)) return *std::move(event);
   }
 }

@@ -49,7 +49,7 @@ class HelperProcess : public client::ChildProcess {
   // The next event of this "type", skipping others.
   std::optional<Event> nextEvent(const std::string& type, double timeoutSeconds);
   // The next event of this "type" that is `wanted`. Throws std::runtime_error when the output ends
-  // first or none comes within 20 seconds.
+  // or a line is not JSON first, or none comes within 20 seconds.
   using Wanted = std::function<bool(const Event&)>;
   Event waitForEvent(
       const std::string& type, const Wanted& wanted = [](const Event&) { return true; });

@@ -1,4 +1,4 @@
-#include "tools/ffmpeg.h"
+#include "tools/shell.h"
 
 #include <array>
 #include <cerrno>

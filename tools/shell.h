@@ -1,6 +1,6 @@
 #pragma once
 
-// ffmpeg and other programs, run through the shell.
+// Other programs, run through the shell.
 
 #include <string>
 

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <stdexcept>
@@ -21,9 +22,9 @@
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
-#include "tools/ffmpeg.h"
 #include "tools/helper_process.h"
 #include "tools/resource_use.h"
+#include "tools/shell.h"
 #include "tools/test_card.h"
 
 namespace {
@@ -185,18 +186,17 @@ class Soak {
     std::snprintf(id, sizeof id, "6F9619FF-8B86-D011-B42D-%012d", takes_);
     const Event keys = {{"resolution", resolutions[upTo(std::size(resolutions))]},
                         {"target_fps", rates[upTo(std::size(rates))]}};
-    expectTaken([&] { return helper_.startTake(id, path, keys); });
+    command([&] { return helper_.startTake(id, path, keys); });
     for (const double end = uptime() + between(0.5, 6); uptime() < end;) pauseEvents(0.05);
-    expectTaken([&] { return helper_.stopTake(id); });
+    command([&] { return helper_.stopTake(id); });
     helper_.waitForTake(id, "saved");
     expectDecodes(path);
     ++takes_;
   }
 
-  template <typename Command>
-  void expectTaken(Command command) {
+  void command(const std::function<bool()>& write) {
     const std::lock_guard hold(input_);
-    if (!command()) throw std::runtime_error("the helper takes no command");
+    if (!write()) throw std::runtime_error("the helper takes no command");
   }
 
   void pauseEvents(double seconds) {

@@ -18,6 +18,7 @@ async function recordAndKill() {
   await sleep(4000);
   process.kill(-run.pid, 'SIGKILL');
   const staging = fs.readdirSync(left).find((name) => name.endsWith('.partial'));
+  assert.ok(staging, 'no staging file');
   fs.renameSync(`${left}/${staging}`, inFolder('killed.mp4'));
 }
 

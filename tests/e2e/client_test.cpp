@@ -60,7 +60,7 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   EXPECT_NEAR(end->duration, *take.stoppedAt() - take.startedAt(), 1e-4);
   EXPECT_GT(countFrames(path), 10);
   EXPECT_EQ(camera.stop().status, 0);
-  viewer.watch([](const client::Packet&) {});  // to the end that it has
+  viewer.watch([](const client::Packet&) {});  // ends by itself: the helper has closed
   EXPECT_TRUE(viewer.isClosed());
   EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events)
@@ -129,7 +129,7 @@ double numberBehind(const std::string& word, const std::string& said) {
 
 // A flash and a click at one time, through the command of docs/embedding.md.
 TEST_F(Client, SoundThatIsJoinedToATakeMeetsItsPicture) {
-  if (sanitized) GTEST_SKIP() << "frames reach the helper late";
+  if (sanitized) GTEST_SKIP() << "under a sanitizer frames reach the helper late";
   client::Helper camera(options());
   const double soundFrom = uptime() - 0.7;
   client::Take take = camera.startTake(takeOptions());
@@ -180,7 +180,9 @@ TEST_F(Client, AThousandFramesAtFullSpeedAreCountedAndCostNoMemory) {
   const double before = tools::processFigures(getpid()).residentMegabytes;
   const Pixels pixels = plain(size, {200, 10, 10});
   while (lastID < 1000) camera.writeFrame(size, ++lastID, pixels);
-  EXPECT_LT(tools::processFigures(getpid()).residentMegabytes, sanitized ? 1e9 : before + 30);
+  if (!sanitized) {
+    EXPECT_LT(tools::processFigures(getpid()).residentMegabytes, before + 30);
+  }
   EXPECT_EQ(camera.stop().status, 0);
   EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1000u);
   EXPECT_GT(camera.frameCounts().written, 10u);

@@ -148,7 +148,7 @@ TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndNoMovieIsLost) {
   };
   std::vector<Kind> kinds = {
       {"write", noRoom, path}, {"link", noRename, path}, {"unlink", noRename, path}};
-#ifndef LUMORA_OWN_HEAP  // a sanitizer looks at memory through pipes
+#ifndef LUMORA_SANITIZED  // a sanitizer looks at memory through pipes
   kinds.insert(kinds.end(), {{"malloc", "", path},
                              {"malloc", "fdatasync:1,", ""},
                              {"malloc", "renameat2:1:17,", recovered},

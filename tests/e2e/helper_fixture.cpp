@@ -40,8 +40,8 @@ void Picture::expect(double x, double y, Rgb colour, int tolerance) const {
 
 Picture decodeLast(const std::string& path, FrameSize size) {
   EXPECT_EQ(decodeErrors(path), "");
-  const std::string all =
-      outputOf("ffmpeg -v error -nostdin -i '" + path + "' -f rawvideo -pix_fmt rgb24 -");
+  const std::string all = outputOf("ffmpeg -v error -nostdin -i " + tools::shellQuoted(path) +
+                                   " -f rawvideo -pix_fmt rgb24 -");
   const auto bytes = static_cast<std::size_t>(size.width * size.height * 3);
   EXPECT_GE(all.size(), bytes);
   return {size,
@@ -54,9 +54,9 @@ void expectKeys(Event event, const Event& wanted) {
 
 Watcher::Watcher(std::unique_ptr<client::StreamClient> from)
     : thread_([this, viewer = std::move(from)](const std::stop_token& stop) {
-        const auto keep = [this](const client::Packet& packet) {
+        const auto keep = [this](client::Packet packet) {
           if (packet.type == client::Packet::Type::frame) ++frames_;
-          packets_.push_back(packet);
+          packets_.push_back(std::move(packet));
         };
         viewer->watch(keep, [&] { return !stop.stop_requested(); });
       }) {}

@@ -13,8 +13,8 @@
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
-#include "tools/ffmpeg.h"
 #include "tools/helper_process.h"
+#include "tools/shell.h"
 
 namespace lumora::tests {
 
@@ -26,7 +26,7 @@ using tools::outputOf;
 using Pixels = std::vector<std::uint8_t>;
 
 // A sanitizer makes everything slow and has a heap of its own.
-#ifdef LUMORA_OWN_HEAP
+#ifdef LUMORA_SANITIZED
 inline constexpr bool sanitized = true;
 #else
 inline constexpr bool sanitized = false;
@@ -112,7 +112,7 @@ class HelperTest : public testing::Test {
   // Turns to another take of the same run: what is still said of the one before counts no more.
   void turnTo(const std::filesystem::path& file) {
     path = file;
-    takeID.back() = takeID.back() == '9' ? 'A' : static_cast<char>(takeID.back() + 1);
+    ++takeID.back();  // nine times at most
   }
   // Records `count` frames at a steady rate; the "saved" event.
   Event take(int count, double framesPerSecond);

@@ -54,7 +54,9 @@ TEST_F(Input, AFloodOfFramesIsDroppedCountedAndCostsNoMemory) {
   });
   EXPECT_GT(after["dropped_raw"], 0);
   EXPECT_GT(after["encoded_frames"], 10);
-  EXPECT_LT(tools::peakMegabytes(helper->pid()), sanitized ? 1e9 : 150);
+  if (!sanitized) {
+    EXPECT_LT(tools::peakMegabytes(helper->pid()), 150);
+  }
 }
 
 TEST_F(Input, AParentThatNeverReadsEventsBlocksNothing) {

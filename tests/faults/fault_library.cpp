@@ -221,7 +221,7 @@ int close(int descriptor) {
   return fails("close", EIO) ? -1 : status;
 }
 
-#ifndef LUMORA_OWN_HEAP
+#ifndef LUMORA_SANITIZED
 #define HEAP(name, parameters, call) \
   void* name parameters { return fails("malloc", ENOMEM) ? nullptr : call; }
 HEAP(malloc, (size_t size), __libc_malloc(size))

@@ -145,10 +145,13 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
     const Bytes& bytes = movie.disk->bytes;
     EXPECT_EQ(bytes.at(asText(bytes).find("stss") + 11), (samples + 29) / 30);
   }
-  Written empty;
-  empty.fill(3);
-  EXPECT_EQ(empty.finish(0), WriterStatus::failed);
-  EXPECT_NE(empty.writer.error(), std::nullopt);
+}
+
+TEST(MovieFile, AMovieWithoutASampleFails) {
+  Written movie;
+  movie.fill(3);
+  EXPECT_EQ(movie.finish(0), WriterStatus::failed);
+  EXPECT_NE(movie.writer.error(), std::nullopt);
 }
 
 TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
@@ -204,7 +207,7 @@ TEST(MovieFile, AHeadIsMovedOnlyWhenItsSectorOrPageWouldCutIt) {
   }
 }
 
-TEST(MovieFile, EveryFailingCallIsReportedInWordsAndTheFileLetGo) {
+TEST(MovieFile, EveryFailingCallIsReportedInWords) {
   for (int failAfter = 0; failAfter <= 16; ++failAfter) {
     const auto disk = std::make_shared<Disk>();
     disk->failAfter = failAfter;
@@ -215,9 +218,15 @@ TEST(MovieFile, EveryFailingCallIsReportedInWordsAndTheFileLetGo) {
     EXPECT_EQ(movie.finish(61000), fails ? WriterStatus::failed : WriterStatus::completed);
     EXPECT_EQ(movie.writer.error().value_or(""), fails ? "No space left on device" : "");
   }
+}
+
+TEST(MovieFile, AFailedMovieLetsGoOfItsFile) {
   const auto disk = std::make_shared<Disk>();
   disk->failAfter = 0;
-  for (Written movie(disk); !movie.writer.error();) std::this_thread::yield();
+  {
+    Written movie(disk);
+    while (!movie.writer.error()) std::this_thread::yield();
+  }
   EXPECT_TRUE(disk->waitFor(disk->closed, true));
 }
 

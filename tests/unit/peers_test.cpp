@@ -119,11 +119,12 @@ TEST_F(Peers, FirstSendIsConfigurationAndKeyFrame) {
   EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // asks again until it comes
   probe.frame(3, makeSample({0x41, 0x65}));
   ASSERT_EQ(client->sent.size(), 1u);
-  // The configuration, then the frame's header.
-  const Bytes start = {0,    0, 0,    27, 1,  0, 0, 0,    0,    0, 0,    0,    0,    0,    2,
-                       0x80, 1, 0x68, 0,  5,  0, 4, 0x67, 0x64, 0, 0x1F, 0xAC, 0x68, 0xEE, 0x3C,
-                       0x80, 0, 0,    0,  26, 2, 0, 0,    0,    0, 0,    0,    0,    3,    1};
-  EXPECT_EQ(Bytes(client->sent[0].begin(), client->sent[0].begin() + 45), start);
+  const Bytes configuration = {0,    0,    0, 27,   1,    0,    0,    0,    0,   0, 0,
+                               0,    0,    0, 2,    0x80, 1,    0x68, 0,    5,   0, 4,
+                               0x67, 0x64, 0, 0x1F, 0xAC, 0x68, 0xEE, 0x3C, 0x80};
+  EXPECT_EQ(Bytes(client->sent[0].begin(), client->sent[0].begin() + 31), configuration);
+  const Bytes frameHeader = {0, 0, 0, 26, 2, 0, 0, 0, 0, 0, 0, 0, 3, 1};
+  EXPECT_EQ(Bytes(client->sent[0].begin() + 31, client->sent[0].begin() + 45), frameHeader);
   EXPECT_EQ(probe.statistics()["resync_wait_drops"], 2);
 }
 

@@ -66,7 +66,7 @@ TEST_F(Reader, TheFirstCauseOfAnEndDecidesItsCode) {
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
-TEST_F(Reader, DropsFramesWhileOneIsInFlightButRemembersTheirIds) {
+TEST_F(Reader, DropsFramesWhileOneIsInFlightHoweverTheReadsAreCut) {
   probe.process->chunk = 3;  // the reads are small, and some are interrupted
   probe.process->interruptions = 4;
   const auto client = probe.connectClient();
