@@ -25,12 +25,13 @@ struct Judgement {
   double mostContrast = 0;  // within one of them, in levels of light
 };
 
+// Its words would stand in the middle of the figures: that it has none is asked elsewhere.
 Judgement judge(const std::string& file) {
   Judgement all;
   double darkest = 0;
-  std::istringstream told(outputOf("ffmpeg -v error -nostdin -i " + tools::shellQuoted(file) +
-                                   " -fps_mode passthrough -vf signalstats,metadata=print:file=- "
-                                   "-f null -"));
+  std::istringstream told(outputOf("ffmpeg -v fatal -nostdin -i " + tools::shellQuoted(file) +
+                                   " -fps_mode passthrough -enc_time_base -1 "
+                                   "-vf signalstats,metadata=print:file=- -f null -"));
   for (std::string line; std::getline(told, line);) {
     const auto level = line.substr(line.find('=') + 1);
     if (line.starts_with("lavfi.signalstats.YMIN=")) darkest = std::stod(level);
