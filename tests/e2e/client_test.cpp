@@ -61,7 +61,6 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   EXPECT_GT(countFrames(path), 10);
   EXPECT_EQ(camera.stop().status, 0);
   viewer.watch([](const client::Packet&) {});  // ends by itself: the helper has closed
-  EXPECT_TRUE(viewer.isClosed());
   EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events)
     EXPECT_THAT(event.line, testing::Not(testing::HasSubstr(token)));
@@ -141,8 +140,9 @@ TEST_F(Client, SoundThatIsJoinedToATakeMeetsItsPicture) {
   const std::string sound = folder / "sound.wav", joined = folder / "joined.mp4";
   outputOf("ffmpeg -v error -f lavfi -i \"aevalsrc=gte(t\\," + std::to_string(flash - soundFrom) +
            ")*sin(6283*t):d=4\" " + sound);
-  outputOf("ffmpeg -v error -i '" + path + "' -ss " + std::to_string(take.startedAt() - soundFrom) +
-           " -i " + sound + " -map 0:v -map 1:a -c:v copy -c:a aac -shortest " + joined);
+  outputOf("ffmpeg -v error -i " + tools::shellQuoted(path) + " -ss " +
+           std::to_string(take.startedAt() - soundFrom) + " -i " + sound +
+           " -map 0:v -map 1:a -c:v copy -c:a aac -shortest " + joined);
   const std::string said =
       outputOf("ffmpeg -nostdin -i " + joined +
                " -vf blackdetect=d=0.1 -af silencedetect=n=-20dB:d=0.1 -f null -");
