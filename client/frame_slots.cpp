@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -74,6 +75,15 @@ std::uint64_t FrameSlots::released() const {
   return releaseWord(memory_).load(std::memory_order_acquire);
 }
 
+void FrameSlots::prepare(FrameSize size) {
+  const std::lock_guard hold(mutex_);
+  for (int slot = 0; slot < count; ++slot) {
+    reserve(slot, size.bytes());
+    std::uint8_t* const pixels = memory_ + offsetOf(slot);
+    for (std::size_t at = 0; at < size.bytes(); at += pageBytes) pixels[at] = 0;
+  }
+}
+
 std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   const std::lock_guard hold(mutex_);
   const std::uint64_t latest = released();
@@ -92,8 +102,11 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen() || bytes <= state.reserved) return;
-  const int error = posix_fallocate(descriptor_.get(), static_cast<off_t>(offsetOf(slot)),
-                                    static_cast<off_t>(bytes));
+  int error = 0;
+  do {
+    error = posix_fallocate(descriptor_.get(), static_cast<off_t>(offsetOf(slot)),
+                            static_cast<off_t>(bytes));
+  } while (error == EINTR);
   if (error != 0) throw std::bad_alloc();
   state.reserved = bytes;
 }

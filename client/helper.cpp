@@ -35,8 +35,9 @@ void check(FrameSize size) {
   if (!fits) throw std::invalid_argument("no helper takes frames of this size");
 }
 
-std::shared_ptr<FrameSlots> makeSlots(FrameTransport frames) {
-  auto shared = frames == FrameTransport::memory ? FrameSlots::makeShared() : nullptr;
+std::shared_ptr<FrameSlots> makeSlots(const HelperOptions& options) {
+  if (options.frameSize) check(*options.frameSize);
+  auto shared = options.frames == FrameTransport::memory ? FrameSlots::makeShared() : nullptr;
   return shared ? shared : FrameSlots::makePrivate();
 }
 
@@ -79,9 +80,9 @@ class Helper::Impl {
  public:
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
-        slots_(makeSlots(options.frames)),
+        slots_(makeSlots(options)),
         process_(launch(options, token_, slots_->descriptor())),
-        ready_(awaitReady(*process_, saidFirst_)),
+        ready_(prepareMeanwhile(options)),
         onEvent_(std::move(onEvent)),
         feeder_(std::make_shared<Feeder>(process_)) {
     if (slots_->descriptor() >= 0 && !slots_->isShared()) {
@@ -157,6 +158,11 @@ class Helper::Impl {
   }
 
  private:
+  Ready prepareMeanwhile(const HelperOptions& options) {
+    if (options.frameSize) slots_->prepare(*options.frameSize);
+    return awaitReady(*process_, saidFirst_);
+  }
+
   void readEvents() {
     for (const Event& event : saidFirst_) tell(event);
     while (const auto line = process_->nextLine(aDay)) tell(parseEvent(*line));

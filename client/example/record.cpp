@@ -24,7 +24,7 @@ void paint(std::span<std::uint8_t> rgba, int number) {
 
 int main(int argc, char** argv) try {
   const std::filesystem::path folder = std::filesystem::absolute(argc > 1 ? argv[1] : ".");
-  Helper helper;
+  Helper helper({.frameSize = size});
   std::jthread viewer([&](std::stop_token stop) {
     StreamClient stream("127.0.0.1", helper.port());
     stream.sayHello(helper.token());

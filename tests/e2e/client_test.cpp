@@ -190,7 +190,11 @@ TEST_F(Client, AThousandFramesAtFullSpeedAreCountedAndCostNoMemory) {
 }
 
 TEST_F(Client, WhatWouldEndTheHelperIsRefused) {
-  client::Helper camera(options());
+  client::HelperOptions prepared = options();
+  prepared.frameSize = FrameSize{321, 240};
+  EXPECT_THROW(const client::Helper unwanted(prepared), std::invalid_argument);
+  prepared.frameSize = small;
+  client::Helper camera(prepared);
   for (const FrameSize size : {FrameSize{321, 240}, {0, 0}, {1922, 1080}, {1920, 1082}})
     EXPECT_THROW(camera.acquireFrame(size), std::invalid_argument) << size.width;
   const Pixels pixels = plain(small, {1, 2, 3});

@@ -33,6 +33,9 @@ struct HelperOptions {
   std::vector<std::string> arguments = {};  // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // on top of our own
   FrameTransport frames = FrameTransport::memory;
+  // Of the frames to come, if it is known: their memory is touched while the helper starts, so that
+  // the first ones are not late.
+  std::optional<FrameSize> frameSize = {};
 };
 
 // The helper could not be started, or did not become ready; in words for a person.
@@ -47,7 +50,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // take's end.
   using EventHandler = std::function<void(const Event& event)>;
 
-  // Starts a helper and waits until it is ready. Throws StartError.
+  // Starts a helper and waits until it is ready. Throws StartError, or std::invalid_argument for a
+  // frame size that no helper takes.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops it.
   ~Helper();
