@@ -54,6 +54,8 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
           .p99 = tools::percentile(latencies, 0.99),
           .fromCallP50 = tools::percentile(fromCall, 0.5),
           .fromCallP99 = tools::percentile(fromCall, 0.99),
+          .feederP99 = tools::percentile(report.lateness, 0.99),
+          .feederMaximum = tools::percentile(report.lateness, 1),
           .cpuMilliseconds = tools::cpuSeconds(report.exit.resources) * 1000 / fed,
           .parentMilliseconds = report.parentCPU * 1000 / fed,
           .pageFaults = static_cast<double>(report.exit.resources.ru_minflt) / fed,
@@ -67,7 +69,8 @@ void print(const PacedLoad& load, client::FrameSize size, const PacedResult& res
   std::printf(
       "%4dx%-4d %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu  "
       "dropped %lld raw (%llu at the start) %lld withheld  throttled %lld  latency p50 "
-      "%5.2f p95 %5.2f p99 %5.2f ms, from the call p50 %5.2f p99 %5.2f ms  cpu %5.2f ms/frame, "
+      "%5.2f p95 %5.2f p99 %5.2f ms, from the call p50 %5.2f p99 %5.2f ms  feeder late p99 %.2f "
+      "max %.2f ms  cpu %5.2f ms/frame, "
       "parent %5.2f  page faults %.1f/frame  peak %.0f MB  "
       "ready %.0f ms\n",
       size.width, size.height, load.framesPerSecond,
@@ -77,8 +80,9 @@ void print(const PacedLoad& load, client::FrameSize size, const PacedResult& res
       static_cast<unsigned long long>(result.recorded), static_cast<long long>(result.droppedRaw),
       static_cast<unsigned long long>(result.lostAtStart), static_cast<long long>(result.withheld),
       static_cast<long long>(result.takeThrottled), result.p50, result.p95, result.p99,
-      result.fromCallP50, result.fromCallP99, result.cpuMilliseconds, result.parentMilliseconds,
-      result.pageFaults, result.peakMegabytes, result.readyMilliseconds);
+      result.fromCallP50, result.fromCallP99, result.feederP99, result.feederMaximum,
+      result.cpuMilliseconds, result.parentMilliseconds, result.pageFaults, result.peakMegabytes,
+      result.readyMilliseconds);
   std::fflush(stdout);
 }
 

@@ -41,6 +41,8 @@ struct PacedResult {
   double p99 = 0;
   double fromCallP50 = 0;  // from before its first byte
   double fromCallP99 = 0;
+  double feederP99 = 0;  // how late the feeder was, milliseconds
+  double feederMaximum = 0;
   double cpuMilliseconds = 0;     // per frame, user and system
   double parentMilliseconds = 0;  // the same of our own process, which feeds and watches
   double pageFaults = 0;          // per frame, the start included

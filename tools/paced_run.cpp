@@ -24,9 +24,10 @@ double millisecondsSince(SteadyClock::time_point start) {
 // What the threads of a run share.
 class Board {
  public:
-  // The next frame is about to be written under this id.
-  void captured(std::uint64_t id) {
+  // The next frame is about to be written under this id, so many milliseconds behind its time.
+  void captured(std::uint64_t id, double late) {
     const std::lock_guard hold(mutex_);
+    lateness_.push_back(late);
     ids_.push_back(id);
     called_.push_back(SteadyClock::now());
   }
@@ -64,12 +65,18 @@ class Board {
     return deliveries_;
   }
 
+  std::vector<double> lateness() const {
+    const std::lock_guard hold(mutex_);
+    return lateness_;
+  }
+
  private:
   mutable std::mutex mutex_;
   std::vector<std::uint64_t> ids_;
   std::vector<SteadyClock::time_point> called_;
   std::vector<SteadyClock::time_point> written_;
   std::vector<Delivery> deliveries_;
+  std::vector<double> lateness_;
   RunProgress progress_;
 };
 
@@ -89,25 +96,35 @@ std::uint64_t feed(const RunOptions& options, FrameSource& source, tools::Helper
                    Board& board, const std::function<void(const RunProgress&)>& progress) {
   const auto start = SteadyClock::now();
   const auto count = static_cast<std::uint64_t>(options.seconds * options.framesPerSecond);
+  const auto secondsUntil = [&](std::uint64_t number) {
+    return static_cast<double>(number - 1) / options.framesPerSecond;
+  };
+  // How late that was, in milliseconds.
+  const auto waitFor = [&](std::uint64_t number) {
+    const auto due = start + std::chrono::duration_cast<SteadyClock::duration>(
+                                 std::chrono::duration<double>(secondsUntil(number)));
+    std::this_thread::sleep_until(due);
+    return millisecondsSince(due);
+  };
   std::uint64_t number = 1;
   for (; number <= count; ++number) {
-    const double due = static_cast<double>(number - 1) / options.framesPerSecond;
-    const auto rgba = source.next(number, due);
+    const auto rgba = source.next(number, secondsUntil(number));
     if (rgba.empty()) {
       if (number == 1) throw std::runtime_error("the source gave no picture");
       break;
     }
-    std::this_thread::sleep_until(start + std::chrono::duration_cast<SteadyClock::duration>(
-                                              std::chrono::duration<double>(due)));
+    const double late = waitFor(number);
     if (options.beforeFrame) options.beforeFrame(helper, number);
     const std::uint64_t id = client::frameID(client::uptime());
-    board.captured(id);
+    board.captured(id, late);
     if (!helper.copyFrame(source.size(), id, rgba)) break;
     board.wrote();
     if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
       progress(board.progress());
     }
   }
+  // A take that ends now would leave out the last frame, which the helper is still reading.
+  waitFor(number);
   return number - 1;
 }
 
@@ -132,8 +149,10 @@ void stopTake(const TakeOptions& take, tools::HelperProcess& helper) {
 RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress) {
   RunReport report;
+  const auto slots = slotsFor(options.frames);
+  if (slots) slots->prepare(source.size());
   const auto launched = SteadyClock::now();
-  tools::HelperProcess helper(options.launch, slotsFor(options.frames));
+  tools::HelperProcess helper(options.launch, slots);
   const auto ready = helper.waitForEvent("ready");
   report.readyMilliseconds = millisecondsSince(launched);
 
@@ -187,6 +206,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   events.join();
   report.last = board.progress();
   report.deliveries = board.deliveries();
+  report.lateness = board.lateness();
   return report;
 }
 

@@ -53,6 +53,7 @@ struct RunReport {
   double readyMilliseconds = 0;  // from exec to "ready"
   std::uint64_t droppedBeforeFeeding = 0;
   std::vector<Delivery> deliveries;  // over all clients
+  std::vector<double> lateness;      // of each frame's call behind its time, milliseconds
   double fedSeconds = 0;
   double peakMegabytes = 0;  // of the helper's memory
   client::ExitStatus exit;
