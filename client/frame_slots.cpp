@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <new>
@@ -15,6 +16,8 @@ namespace {
 constexpr std::size_t pageBytes = 4096;
 constexpr std::size_t slotBytes = std::size_t{1920} * 1080 * 4;
 static_assert(slotBytes % pageBytes == 0);
+// A signal undoes what a reservation has got so far: between two of a timer one has to succeed.
+constexpr std::size_t reservedAtOnce = std::size_t{256} << 10;
 constexpr std::size_t memoryBytes = pageBytes + FrameSlots::count * slotBytes;
 
 constexpr std::uint64_t offsetOf(int slot) {
@@ -102,13 +105,15 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen() || bytes <= state.reserved) return;
-  int error = 0;
-  do {
-    error = posix_fallocate(descriptor_.get(), static_cast<off_t>(offsetOf(slot)),
-                            static_cast<off_t>(bytes));
-  } while (error == EINTR);
-  if (error != 0) throw std::bad_alloc();
-  state.reserved = bytes;
+  while (state.reserved < bytes) {
+    const std::size_t next = std::min(bytes - state.reserved, reservedAtOnce);
+    const int error =
+        posix_fallocate(descriptor_.get(), static_cast<off_t>(offsetOf(slot) + state.reserved),
+                        static_cast<off_t>(next));
+    if (error == EINTR) continue;
+    if (error != 0) throw std::bad_alloc();
+    state.reserved += next;
+  }
 }
 
 void FrameSlots::giveBack(int slot, std::uint64_t publishedAs) {

@@ -35,8 +35,8 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   // Whether a helper that is ready has looked at the memory. One that knows nothing of it has not.
   bool isShared() const { return released() != neverReleased; }
 
-  // Has memory at hand for a picture of this size in every slot: a first touch takes as long as a
-  // frame does. Before the first `acquire`. Throws std::bad_alloc.
+  // Has memory at hand for a picture of this size in every slot, whose first touch takes several
+  // milliseconds. Before the first `acquire`. Throws std::bad_alloc.
   void prepare(FrameSize size);
   // A free slot for a picture; nothing when there is none. Throws std::bad_alloc.
   std::optional<Frame> acquire(FrameSize size);

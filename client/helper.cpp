@@ -35,9 +35,8 @@ void check(FrameSize size) {
   if (!fits) throw std::invalid_argument("no helper takes frames of this size");
 }
 
-std::shared_ptr<FrameSlots> makeSlots(const HelperOptions& options) {
-  if (options.frameSize) check(*options.frameSize);
-  auto shared = options.frames == FrameTransport::memory ? FrameSlots::makeShared() : nullptr;
+std::shared_ptr<FrameSlots> makeSlots(FrameTransport frames) {
+  auto shared = frames == FrameTransport::memory ? FrameSlots::makeShared() : nullptr;
   return shared ? shared : FrameSlots::makePrivate();
 }
 
@@ -80,9 +79,9 @@ class Helper::Impl {
  public:
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
-        slots_(makeSlots(options)),
+        slots_(makeSlots(options.frames)),
         process_(launch(options, token_, slots_->descriptor())),
-        ready_(prepareMeanwhile(options)),
+        ready_(prepareAndAwaitReady(options.frameSize)),
         onEvent_(std::move(onEvent)),
         feeder_(std::make_shared<Feeder>(process_)) {
     if (slots_->descriptor() >= 0 && !slots_->isShared()) {
@@ -158,8 +157,11 @@ class Helper::Impl {
   }
 
  private:
-  Ready prepareMeanwhile(const HelperOptions& options) {
-    if (options.frameSize) slots_->prepare(*options.frameSize);
+  Ready prepareAndAwaitReady(const std::optional<FrameSize>& size) {
+    try {
+      if (size) slots_->prepare(*size);
+    } catch (const std::bad_alloc&) {  // what an application asks for later may still be there
+    }
     return awaitReady(*process_, saidFirst_);
   }
 
@@ -219,8 +221,9 @@ class Helper::Impl {
   std::atomic<std::thread::id> readerID_;
 };
 
-Helper::Helper(const HelperOptions& options, EventHandler onEvent)
-    : impl_(std::make_unique<Impl>(options, std::move(onEvent))) {
+Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
+  if (options.frameSize) check(*options.frameSize);
+  impl_ = std::make_unique<Impl>(options, std::move(onEvent));
   impl_->begin();  // an event handler may use us
 }
 Helper::~Helper() = default;

@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <lumora/helper.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 
@@ -189,12 +191,21 @@ TEST_F(Client, AThousandFramesAtFullSpeedAreCountedAndCostNoMemory) {
   EXPECT_EQ(take.waitForEnd(0)->state, client::TakeState::saved);
 }
 
+TEST_F(Client, MemoryForFramesOfAKnownSizeIsThereBeforeThem) {
+  client::HelperOptions asked = options();
+  asked.frames = client::FrameTransport::pipe;  // memory of its own: what is resident was touched
+  asked.frameSize = FrameSize{321, 240};
+  EXPECT_THROW(const client::Helper unwanted(asked), std::invalid_argument);
+  asked.frameSize = FrameSize{1920, 1080};
+  client::Helper camera(asked);
+  auto frame = camera.acquireFrame(*asked.frameSize);
+  std::vector<unsigned char> pages(frame->pixels().size() / 4096);
+  ASSERT_EQ(mincore(frame->pixels().data(), frame->pixels().size(), pages.data()), 0);
+  EXPECT_EQ(std::ranges::count(pages, 1), std::ssize(pages));
+}
+
 TEST_F(Client, WhatWouldEndTheHelperIsRefused) {
-  client::HelperOptions prepared = options();
-  prepared.frameSize = FrameSize{321, 240};
-  EXPECT_THROW(const client::Helper unwanted(prepared), std::invalid_argument);
-  prepared.frameSize = small;
-  client::Helper camera(prepared);
+  client::Helper camera(options());
   for (const FrameSize size : {FrameSize{321, 240}, {0, 0}, {1922, 1080}, {1920, 1082}})
     EXPECT_THROW(camera.acquireFrame(size), std::invalid_argument) << size.width;
   const Pixels pixels = plain(small, {1, 2, 3});

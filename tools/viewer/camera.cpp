@@ -9,11 +9,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-client::HelperOptions withFrameSize(client::HelperOptions options, client::FrameSize size) {
-  options.frameSize = size;
-  return options;
-}
-
 }  // namespace
 
 Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
@@ -21,7 +16,7 @@ Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::Fram
     : handlers_(std::move(handlers)),
       source_(std::move(source)),
       framesPerSecond_(framesPerSecond),
-      helper_(withFrameSize(options, source_->size()),
+      helper_(options,
               [this](const client::Event& event) {
                 const auto* exited = std::get_if<client::Exited>(&event.what);
                 if (exited != nullptr) return handlers_.ended(*exited);

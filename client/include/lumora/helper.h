@@ -34,7 +34,7 @@ struct HelperOptions {
   std::map<std::string, std::string> environment = {};  // on top of our own
   FrameTransport frames = FrameTransport::memory;
   // Of the frames to come, if it is known: their memory is touched while the helper starts, so that
-  // the first ones are not late.
+  // the first ones are not late. Others are taken, too.
   std::optional<FrameSize> frameSize = {};
 };
 

@@ -29,8 +29,9 @@ class LUMORA_CLIENT_EXPORT Take {
   // Where the movie grows. When the helper is killed it stays, and plays.
   std::string stagingPath() const;
   // Ends it behind the frames published so far, at this capture time or now; a second time nothing
-  // happens. Throws std::invalid_argument for a time before its start, more than 30 s ago or 50 ms
-  // ahead, upon which a helper would give the take up.
+  // happens. One that the helper reads later than that is left out: a take whose last frame counts
+  // ends when the next one would be due. Throws std::invalid_argument for a time before its start,
+  // more than 30 s ago or 50 ms ahead, upon which a helper would give the take up.
   void stop(std::optional<double> stoppedAt = std::nullopt);
   // The uptimes from which and to which it lasts; nothing before it was stopped.
   double startedAt() const;
