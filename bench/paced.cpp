@@ -3,10 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <new>
-#include <string_view>
 
-#include "base/process_heap.h"
 #include "bench/camera_clip.h"
 #include "bench/paced_load.h"
 
@@ -18,33 +15,16 @@ using namespace lumora;
 // "takes" whether the preview notices a take: how late its frames are when one starts or ends.
 constexpr const char* usage =
     "usage: lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS none|PROFILE\n"
+    "                     [SECONDS BEFORE THE TAKE]\n"
     "       lumora-paced HELPER growth SECONDS\n"
     "       lumora-paced HELPER takes ROUNDS [PROFILE]\n"
     "       FRAMES=pipe|memory in the environment: how frames reach the helper\n"
-    "       MEMORY=settled: on a virtual machine whose host takes back what is free\n";
+    "       MEMORY=settled: touches memory before each run, for hosts that take back what is "
+    "free\n";
 
 constexpr int clipFrames = 60;
 
-// Such a host gives memory back at 2 ms a megabyte, forty times what the kernel takes to clear it,
-// unless it was in use within the last seconds.
-void settleMemory() {
-  const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  const std::string_view wish = value == nullptr ? "" : value;
-  if (wish.empty()) return;
-  if (wish != "settled") throw std::runtime_error("MEMORY is not settled");
-  constexpr std::size_t bytes = std::size_t{256} << 20;
-  auto* const memory = static_cast<std::uint8_t*>(std::aligned_alloc(hugePage, bytes));
-  if (memory == nullptr) throw std::bad_alloc();
-  useHugePages(memory, bytes);
-  // Past the compiler, which leaves out what nobody reads.
-  for (std::size_t at = 0; at < bytes; at += 4096)
-    *static_cast<volatile std::uint8_t*>(memory + at) = 1;
-  std::free(memory);
-  std::printf("memory settled: ");
-}
-
 void measure(const bench::PacedLoad& load, bench::CameraClip& clip) {
-  settleMemory();
   bench::print(load, clip.size(), bench::runPacedLoad(load, clip));
 }
 
@@ -127,7 +107,7 @@ int run(const std::vector<std::string>& words) {
   } else if (mode == "takes" && words.size() <= 4) {
     measureTakes(words[0], static_cast<std::uint64_t>(amount),
                  words.size() == 4 ? words[3] : "1080x720");
-  } else if (mode == "load" && words.size() == 7) {
+  } else if (mode == "load" && (words.size() == 7 || words.size() == 8)) {
     client::FrameSize size{};
     if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2) return 2;
     bench::CameraClip clip(size, clipFrames);
@@ -138,6 +118,7 @@ int run(const std::vector<std::string>& words) {
              .clients = std::stoi(words[5]),
              .take = words[6],
              .targetFPS = rate,
+             .takeAfter = words.size() == 8 ? std::stod(words[7]) : 0,
              .frames = tools::frameTransport()},
             clip);
   } else {

@@ -19,6 +19,7 @@ struct PacedLoad {
   int clients = 2;
   std::string take = "none";     // or a profile's name
   int targetFPS = 60;            // of the take
+  double takeAfter = 0;          // seconds of feeding
   std::string previewPath = {};  // where the files go; empty: nowhere that lasts
   std::string takePath = {};
   client::FrameTransport frames = client::FrameTransport::pipe;
@@ -29,7 +30,8 @@ struct PacedLoad {
 struct PacedResult {
   std::uint64_t fed = 0;        // frames
   std::uint64_t delivered = 0;  // frame packets that a client received, on average
-  std::uint64_t recorded = 0;
+  std::uint64_t recorded = 0;   // of these
+  std::uint64_t toRecord = 0;
   std::uint64_t lostAtStart = 0;  // frames of the first second that were not delivered
   std::vector<tools::Delivery> deliveries = {};  // over all clients
   std::int64_t droppedRaw = 0;                   // frames that came while another one was in flight

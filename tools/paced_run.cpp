@@ -24,10 +24,9 @@ double millisecondsSince(SteadyClock::time_point start) {
 // What the threads of a run share.
 class Board {
  public:
-  // The next frame is about to be written under this id, so many milliseconds behind its time.
-  void captured(std::uint64_t id, double late) {
+  // The next frame is about to be written under this id.
+  void captured(std::uint64_t id) {
     const std::lock_guard hold(mutex_);
-    lateness_.push_back(late);
     ids_.push_back(id);
     called_.push_back(SteadyClock::now());
   }
@@ -65,18 +64,12 @@ class Board {
     return deliveries_;
   }
 
-  std::vector<double> lateness() const {
-    const std::lock_guard hold(mutex_);
-    return lateness_;
-  }
-
  private:
   mutable std::mutex mutex_;
   std::vector<std::uint64_t> ids_;
   std::vector<SteadyClock::time_point> called_;
   std::vector<SteadyClock::time_point> written_;
   std::vector<Delivery> deliveries_;
-  std::vector<double> lateness_;
   RunProgress progress_;
 };
 
@@ -90,42 +83,6 @@ void watchStream(client::StreamClient& stream, Board& board, std::ostream* copy)
       copy->write(reinterpret_cast<const char*>(units.data()), std::ssize(units));
     }
   });
-}
-
-std::uint64_t feed(const RunOptions& options, FrameSource& source, tools::HelperProcess& helper,
-                   Board& board, const std::function<void(const RunProgress&)>& progress) {
-  const auto start = SteadyClock::now();
-  const auto count = static_cast<std::uint64_t>(options.seconds * options.framesPerSecond);
-  const auto secondsUntil = [&](std::uint64_t number) {
-    return static_cast<double>(number - 1) / options.framesPerSecond;
-  };
-  // How late that was, in milliseconds.
-  const auto waitFor = [&](std::uint64_t number) {
-    const auto due = start + std::chrono::duration_cast<SteadyClock::duration>(
-                                 std::chrono::duration<double>(secondsUntil(number)));
-    std::this_thread::sleep_until(due);
-    return millisecondsSince(due);
-  };
-  std::uint64_t number = 1;
-  for (; number <= count; ++number) {
-    const auto rgba = source.next(number, secondsUntil(number));
-    if (rgba.empty()) {
-      if (number == 1) throw std::runtime_error("the source gave no picture");
-      break;
-    }
-    const double late = waitFor(number);
-    if (options.beforeFrame) options.beforeFrame(helper, number);
-    const std::uint64_t id = client::frameID(client::uptime());
-    board.captured(id, late);
-    if (!helper.copyFrame(source.size(), id, rgba)) break;
-    board.wrote();
-    if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
-      progress(board.progress());
-    }
-  }
-  // A take that ends now would leave out the last frame, which the helper is still reading.
-  waitFor(number);
-  return number - 1;
 }
 
 const char* const takeID = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
@@ -144,13 +101,65 @@ void stopTake(const TakeOptions& take, tools::HelperProcess& helper) {
   helper.stopTake(takeID, {{"stopped_at", client::uptime()}});
 }
 
+// The times of frames at a steady rate, by their numbers from 1, from its making.
+class Pace {
+ public:
+  explicit Pace(int framesPerSecond) : framesPerSecond_(framesPerSecond) {}
+
+  double secondsAt(std::uint64_t number) const {
+    return static_cast<double>(number - 1) / framesPerSecond_;
+  }
+
+  // How late that was, in milliseconds.
+  double waitFor(std::uint64_t number) const {
+    const auto due = start_ + std::chrono::duration_cast<SteadyClock::duration>(
+                                  std::chrono::duration<double>(secondsAt(number)));
+    std::this_thread::sleep_until(due);
+    return millisecondsSince(due);
+  }
+
+ private:
+  const SteadyClock::time_point start_ = SteadyClock::now();
+  const int framesPerSecond_;
+};
+
+// How late it woke for each frame, in milliseconds.
+std::vector<double> feed(const RunOptions& options, FrameSource& source,
+                         tools::HelperProcess& helper, Board& board,
+                         const std::function<void(const RunProgress&)>& progress) {
+  const Pace pace(options.framesPerSecond);
+  const auto count = static_cast<std::uint64_t>(options.seconds * options.framesPerSecond);
+  std::vector<double> lateness;
+  std::uint64_t number = 1;
+  for (; number <= count; ++number) {
+    const auto rgba = source.next(number, pace.secondsAt(number));
+    if (rgba.empty()) {
+      if (number == 1) throw std::runtime_error("the source gave no picture");
+      break;
+    }
+    lateness.push_back(pace.waitFor(number));
+    if (number == options.take.framesBefore + 1) startTake(options.take, helper);
+    if (options.beforeFrame) options.beforeFrame(helper, number);
+    const std::uint64_t id = client::frameID(client::uptime());
+    board.captured(id);
+    if (!helper.copyFrame(source.size(), id, rgba)) break;
+    board.wrote();
+    if (progress && number % static_cast<std::uint64_t>(options.framesPerSecond) == 0) {
+      progress(board.progress());
+    }
+  }
+  // A take that ends now would leave out the last frame, which the helper is still reading.
+  pace.waitFor(number);
+  return lateness;
+}
+
 }  // namespace
 
 RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress) {
   RunReport report;
   const auto slots = slotsFor(options.frames);
-  if (slots) slots->prepare(source.size());
+  if (slots) slots->prepare(source.size());  // of what the helper does, the time is taken
   const auto launched = SteadyClock::now();
   tools::HelperProcess helper(options.launch, slots);
   const auto ready = helper.waitForEvent("ready");
@@ -182,9 +191,8 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
 
   const auto start = SteadyClock::now();
   const double cpuBefore = ownCPUSeconds();
-  startTake(options.take, helper);
   try {
-    feed(options, source, helper, board, progress);
+    report.lateness = feed(options, source, helper, board, progress);
   } catch (...) {
     helper.closeInput();  // its end is what the threads wait for
     throw;
@@ -206,7 +214,6 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
   events.join();
   report.last = board.progress();
   report.deliveries = board.deliveries();
-  report.lateness = board.lateness();
   return report;
 }
 

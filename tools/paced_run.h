@@ -12,11 +12,12 @@
 
 namespace lumora::tools {
 
-// A take that runs as long as frames are fed.
+// A take that runs until the last frame is fed.
 struct TakeOptions {
   std::string path;        // absolute, ".mp4"; empty: no take
   std::string resolution;  // a profile's name
   int targetFPS = 60;
+  std::uint64_t framesBefore = 0;  // fed before it begins
 };
 
 struct RunOptions {
@@ -53,7 +54,7 @@ struct RunReport {
   double readyMilliseconds = 0;  // from exec to "ready"
   std::uint64_t droppedBeforeFeeding = 0;
   std::vector<Delivery> deliveries;  // over all clients
-  std::vector<double> lateness;      // of each frame's call behind its time, milliseconds
+  std::vector<double> lateness;      // how late the feeder woke for each frame, milliseconds
   double fedSeconds = 0;
   double peakMegabytes = 0;  // of the helper's memory
   client::ExitStatus exit;
