@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "client/child_process.h"
@@ -76,6 +77,15 @@ TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
   for (const std::uint64_t id : {8, 12, 6}) EXPECT_EQ(order.end(id), std::nullopt) << id;
   EXPECT_EQ(order.end(5), 8u);
   EXPECT_EQ(order.end(9), 12u);
+}
+
+// Or a system without memory would end the application where it touches it.
+TEST(FrameSlots, AreReservedBeforeTheyAreLent) {
+  const auto slots = client::FrameSlots::makeShared();
+  const auto frame = slots->acquire({1920, 1080});
+  struct stat made {};
+  ASSERT_EQ(fstat(slots->descriptor(), &made), 0);
+  EXPECT_GE(made.st_blocks * 512, 1920 * 1080 * 4);
 }
 
 TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
