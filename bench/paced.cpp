@@ -118,7 +118,7 @@ int run(const std::vector<std::string>& words) {
              .clients = std::stoi(words[5]),
              .take = words[6],
              .targetFPS = rate,
-             .takeAfter = words.size() == 8 ? std::stod(words[7]) : 0,
+             .framesBefore = words.size() == 8 ? std::stoul(words[7]) * std::stoul(words[4]) : 0,
              .frames = tools::frameTransport()},
             clip);
   } else {

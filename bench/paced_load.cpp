@@ -11,7 +11,6 @@
 #include "tools/resource_use.h"
 
 namespace lumora::bench {
-
 namespace {
 
 // A virtual machine's host may take back what is free. It gives it anew at 2 ms a megabyte, forty
@@ -21,7 +20,7 @@ void settleMemory() {
   const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   const std::string_view wish = value == nullptr ? "" : value;
   if (wish.empty()) return;
-  if (wish != "settled") throw std::runtime_error("MEMORY is not settled");
+  if (wish != "settled") throw std::runtime_error("MEMORY may only be settled");
   touchMemoryAhead(std::size_t{256} << 20, {});
   trimHeap();
   std::puts("memory was settled:");
@@ -45,8 +44,7 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   options.clients = load.clients;
   options.previewPath = load.previewPath;
   options.beforeFrame = load.schedule;
-  const auto framesBefore = static_cast<std::uint64_t>(load.takeAfter * load.framesPerSecond);
-  if (load.take != "none") options.take = {movie, load.take, load.targetFPS, framesBefore};
+  if (load.take != "none") options.take = {movie, load.take, load.targetFPS, load.framesBefore};
   const tools::RunReport report = tools::runPaced(options, source, {});
   std::filesystem::remove(passing);
 
@@ -65,7 +63,6 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
   return {.fed = last.fed,
           .delivered = last.received / clients,
           .recorded = static_cast<std::uint64_t>(count(last.take, "frames")),
-          .toRecord = load.take == "none" ? 0 : last.fed - std::min(last.fed, framesBefore),
           .lostAtStart = load.clients > 0 ? firstSecond - early / clients : 0,
           .deliveries = report.deliveries,
           .droppedRaw = count(last.statistics, "dropped_raw") -
@@ -90,20 +87,20 @@ PacedResult runPacedLoad(const PacedLoad& load, tools::FrameSource& source) {
 }
 
 void print(const PacedLoad& load, client::FrameSize size, const PacedResult& result) {
+  const auto toRecord =
+      load.take == "none" ? 0 : result.fed - std::min(result.fed, load.framesBefore);
   std::printf(
-      "%4dx%-4d %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  recorded %5llu "
-      "of %5llu  "
-      "dropped %lld raw (%llu at the start) %lld withheld  throttled %lld  latency p50 "
-      "%5.2f p95 %5.2f p99 %5.2f ms, from the call p50 %5.2f p99 %5.2f ms  feeder late p99 %.2f "
-      "max %.2f ms  cpu %5.2f ms/frame, "
-      "parent %5.2f  page faults %.1f/frame  peak %.0f MB  "
-      "ready %.0f ms\n",
+      "%4dx%-4d %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  "
+      "recorded %5llu of %5llu  dropped %lld raw (%llu at the start) %lld withheld  "
+      "throttled %lld  latency p50 %5.2f p95 %5.2f p99 %5.2f ms, "
+      "from the call p50 %5.2f p99 %5.2f ms  feeder late p99 %.2f max %.2f ms  "
+      "cpu %5.2f ms/frame, parent %5.2f  page faults %.1f/frame  peak %.0f MB  ready %.0f ms\n",
       size.width, size.height, load.framesPerSecond,
       load.frames == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
       load.take.c_str(), static_cast<unsigned long long>(result.fed),
       static_cast<unsigned long long>(result.delivered),
-      static_cast<unsigned long long>(result.recorded),
-      static_cast<unsigned long long>(result.toRecord), static_cast<long long>(result.droppedRaw),
+      static_cast<unsigned long long>(result.recorded), static_cast<unsigned long long>(toRecord),
+      static_cast<long long>(result.droppedRaw),
       static_cast<unsigned long long>(result.lostAtStart), static_cast<long long>(result.withheld),
       static_cast<long long>(result.takeThrottled), result.p50, result.p95, result.p99,
       result.fromCallP50, result.fromCallP99, result.feederP99, result.feederMaximum,

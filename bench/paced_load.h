@@ -17,10 +17,10 @@ struct PacedLoad {
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;
-  std::string take = "none";     // or a profile's name
-  int targetFPS = 60;            // of the take
-  double takeAfter = 0;          // seconds of feeding
-  std::string previewPath = {};  // where the files go; empty: nowhere that lasts
+  std::string take = "none";       // or a profile's name
+  int targetFPS = 60;              // of the take
+  std::uint64_t framesBefore = 0;  // fed before it begins
+  std::string previewPath = {};    // where the files go; empty: nowhere that lasts
   std::string takePath = {};
   client::FrameTransport frames = client::FrameTransport::pipe;
   // Called before each frame is written, for commands of one's own.
@@ -30,8 +30,7 @@ struct PacedLoad {
 struct PacedResult {
   std::uint64_t fed = 0;        // frames
   std::uint64_t delivered = 0;  // frame packets that a client received, on average
-  std::uint64_t recorded = 0;   // of these
-  std::uint64_t toRecord = 0;
+  std::uint64_t recorded = 0;
   std::uint64_t lostAtStart = 0;  // frames of the first second that were not delivered
   std::vector<tools::Delivery> deliveries = {};  // over all clients
   std::int64_t droppedRaw = 0;                   // frames that came while another one was in flight

@@ -104,7 +104,7 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
 // Whoever touches shared memory that is not there is ended by a signal.
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
-  if (!descriptor_.isOpen() || bytes <= state.reserved) return;
+  if (!descriptor_.isOpen()) return;
   while (state.reserved < bytes) {
     const std::size_t next = std::min(bytes - state.reserved, reservedAtOnce);
     const int error =

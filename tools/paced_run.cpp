@@ -159,7 +159,7 @@ RunReport runPaced(const RunOptions& options, FrameSource& source,
                    const std::function<void(const RunProgress&)>& progress) {
   RunReport report;
   const auto slots = slotsFor(options.frames);
-  if (slots) slots->prepare(source.size());  // of what the helper does, the time is taken
+  if (slots) slots->prepare(source.size());  // the camera's own start is not what is measured
   const auto launched = SteadyClock::now();
   tools::HelperProcess helper(options.launch, slots);
   const auto ready = helper.waitForEvent("ready");

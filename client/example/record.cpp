@@ -14,6 +14,7 @@
 using namespace lumora::client;
 
 constexpr FrameSize size{1280, 720};
+constexpr int pictures = 120;
 constexpr std::chrono::microseconds interval{1000000 / 60};
 
 void paint(std::span<std::uint8_t> rgba, int number) {
@@ -36,14 +37,14 @@ int main(int argc, char** argv) try {
   });
   Take take = helper.startTake({.path = folder / "take.mp4"});
   const auto start = std::chrono::steady_clock::now();
-  for (int number = 0; number < 120; ++number) {
+  for (int number = 0; number < pictures; ++number) {
     std::this_thread::sleep_until(start + number * interval);
     if (auto frame = helper.acquireFrame(size)) {  // nothing: the helper is behind, drop this one
       paint(frame->pixels(), number);              // the bottom row first; or flipRows(...)
       helper.publish(*std::move(frame), frameID(uptime()));
     }
   }
-  std::this_thread::sleep_until(start + 120 * interval);  // the last picture's time is over
+  std::this_thread::sleep_until(start + pictures * interval);  // the last picture's time is over
   take.stop();
   const Recording end = take.waitForEnd(10).value();
   std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration, end.error.c_str());
