@@ -8,13 +8,15 @@
 #   make soak    takes and clients at random, at full speed (MINUTES)
 #   make lint    formatting and static analysis
 #   make package       Debian packages, looked at by lintian, into build/release/packages
-#   make package-test  and whether they work in a minimal Debian 12 made for it (root)
-#   make fresh   demo and test in a minimal Debian 12 made for it (root; half an hour)
+#   make package-test  and whether they work in a minimal Debian made for it (root)
+#   make fresh   demo and test in a minimal Debian made for it (root; half an hour)
+#                both take SUITE=trixie; the default is bookworm
 
 JOBS ?= $(shell nproc)
 OUT ?= out
 SECONDS_FED ?= 10
 MINUTES ?= 1
+SUITE ?= bookworm
 
 .PHONY: demo view test bench fuzz soak lint package package-test fresh format dependencies clean
 
@@ -63,11 +65,11 @@ lint: dependencies
 package: dependencies
 	scripts/package.sh $(JOBS)
 
-package-test: dependencies
-	scripts/package_test.sh $(JOBS)
+package-test:
+	SUITE=$(SUITE) scripts/package_test.sh
 
 fresh:
-	scripts/fresh.sh
+	SUITE=$(SUITE) scripts/fresh.sh
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
-# Runs the README's commands on a machine that has nothing: a minimal Debian 12 with git and make,
-# built in a temporary folder, into which the committed state of this repository is cloned. Says
-# which command failed and shows the end of what it printed. Needs root and half an hour.
+# Runs the README's commands on a machine that has nothing: a minimal Debian with git and make, built
+# in a temporary folder, into which the committed state of this repository is cloned. Says which
+# command failed and shows the end of what it printed. Needs root and half an hour.
 #
 #   scripts/fresh.sh [COMMAND ...]     instead of "make demo" and "make test"
+#
+# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone that is copied to
+# build/SUITE afterwards.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repository=$PWD
+suite=${SUITE:-bookworm}
 commands=("$@")
 [ ${#commands[@]} -gt 0 ] || commands=("make demo" "make test")
 
@@ -27,8 +31,8 @@ cleanUp() {
 }
 trap cleanUp EXIT
 
-echo "== A minimal Debian 12 in $root"
-mmdebstrap --quiet --variant=minbase --include=git,make,ca-certificates bookworm "$root"
+echo "== A minimal Debian ($suite) in $root"
+mmdebstrap --quiet --variant=minbase --include=git,make,ca-certificates "$suite" "$root"
 mkdir -p "$root/origin"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
@@ -40,7 +44,7 @@ for certificate in /usr/local/share/ca-certificates/*.crt; do
 done
 
 inside() {
-  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 CI=true \
+  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 CI=true SUITE="$suite" \
     ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} \
     chroot "$root" bash -c "$1"
 }
@@ -62,4 +66,8 @@ for command in "${commands[@]}"; do
     failed=1
   fi
 done
+if [ -n "${KEEP:-}" ]; then
+  mkdir -p "build/$suite"
+  cp -r "$root/root/lumora-video/$KEEP" "build/$suite/"
+fi
 exit "$failed"

@@ -4,7 +4,7 @@
 # client and installs it into an application, and runs all of them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-packages=(/origin/build/release/packages/*.deb)
+packages=("/origin/build/$SUITE/packages/"*.deb)
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake pkg-config nodejs npm >/dev/null

@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -22,19 +23,13 @@ namespace {
 
 constexpr int planeAlignment = 64;  // bytes, of every row
 
-bool accepts(const AVCodec& codec, AVPixelFormat format) {
-  for (const AVPixelFormat* entry = codec.pix_fmts; entry && *entry != AV_PIX_FMT_NONE; ++entry) {
-    if (*entry == format) return true;
-  }
-  return false;
-}
-
 // 4:2:0 in system memory where the encoder takes it, else NV12 through an upload. Of V4L2 only its
 // driver knows, and tells when it is opened.
 std::vector<AVPixelFormat> inputFormats(const AVCodec& codec) {
-  if (codec.pix_fmts == nullptr) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
+  const auto accepted = pixelFormats(codec);
+  if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
   for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_VAAPI}) {
-    if (accepts(codec, format)) return {format};
+    if (std::ranges::find(accepted, format) != accepted.end()) return {format};
   }
   return {};
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Owners for libavcodec's handles.
+// Owners for libavcodec's handles, and every call that differs between FFmpeg 5.1, 6.1 and 7.1.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include <memory>
+#include <span>
 
 namespace lumora {
 
@@ -29,5 +30,23 @@ using CodecContext = std::unique_ptr<AVCodecContext, FreeCodecContext>;
 using Frame = std::unique_ptr<AVFrame, FreeFrame>;
 using Packet = std::unique_ptr<AVPacket, FreePacket>;
 using BufferRef = std::unique_ptr<AVBufferRef, FreeBufferRef>;
+
+// The pixel formats that `codec` takes; empty where only its driver knows. Any thread.
+inline std::span<const AVPixelFormat> pixelFormats(const AVCodec& codec) {
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)  // FFmpeg 7.1 deprecates `pix_fmts`
+  const void* formats = nullptr;
+  int count = 0;
+  if (avcodec_get_supported_config(nullptr, &codec, AV_CODEC_CONFIG_PIX_FORMAT, 0, &formats,
+                                   &count) < 0 ||
+      formats == nullptr) {
+    return {};
+  }
+  return {static_cast<const AVPixelFormat*>(formats), static_cast<std::size_t>(count)};
+#else
+  std::size_t count = 0;
+  while (codec.pix_fmts != nullptr && codec.pix_fmts[count] != AV_PIX_FMT_NONE) ++count;
+  return {codec.pix_fmts, count};
+#endif
+}
 
 }  // namespace lumora
