@@ -23,7 +23,7 @@ VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services
       exactPreviewDimensions(configuration.exactPreviewDimensions) {}
 
 void VideoEncoder::start() {
-  platform.encoders->choose(
+  platform.encoders->prepare(
       sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS),
       RecordingProfile::defaultProfile().sessionSettings());
   const auto weak = weak_from_this();
@@ -62,12 +62,12 @@ void VideoEncoder::listenerChanged(ListenerState state) {
   const auto becomeReady = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->becomeReady();
   };
-  platform.encoders->whenChosen(becomeReady);
+  platform.encoders->whenPrepared(becomeReady);
   platform.stateQueue->asyncAfter(warmUpTimeout, becomeReady);
 }
 
 void VideoEncoder::becomeReady() {
-  if (!running || shutdownCode || std::exchange(ready, true)) return;
+  if (!running || std::exchange(ready, true)) return;
   emit({{"type", "ready"},
         {"port", listener->port()},
         {"recording_hd", true},
@@ -92,13 +92,13 @@ void VideoEncoder::serviceTick() {
 }
 
 void VideoEncoder::fail(const std::string& message) {
-  platform.process->exitAfter(shutdownTimeout, 1);  // first: memory may never come
+  platform.process->armWatchdog(watchdogTimeout, 1);  // first: memory may never come
   retryUntilAllocated([&] { emit(errorEvent(message)); });
   shutdown(1);
 }
 
 void VideoEncoder::requestShutdown() {
-  platform.process->exitAfter(shutdownTimeout, 0);
+  platform.process->armWatchdog(watchdogTimeout, 0);
   retryUntilAllocated([this] {
     platform.stateQueue->async([weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->shutdown(0);
@@ -107,7 +107,7 @@ void VideoEncoder::requestShutdown() {
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
-  platform.process->exitAfter(shutdownTimeout, 1);
+  platform.process->armWatchdog(watchdogTimeout, 1);
   retryUntilAllocated([&] {
     platform.stateQueue->async([weak = weak_from_this(), message] {
       if (const auto self = weak.lock()) self->fail(message);
@@ -118,7 +118,7 @@ void VideoEncoder::requestFailure(const std::string& message) {
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
-  platform.process->exitAfter(shutdownTimeout, code);
+  platform.process->rearmWatchdog(watchdogTimeout, code);
   if (!movie && !movieFinishing && !abandonedFor) return exitNow(code);
   pendingMovieStop = uptime();
   finishMovieIfReady();

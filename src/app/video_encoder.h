@@ -172,7 +172,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   RawAdmission raw;
 
   // input/: taken by the reader's thread for a command, given back by the state queue with it. A
-  // parent that sends more than the state queue handles waits.
+  // parent that sends more than the state queue handles waits, for `commandSlotTimeout` each.
   std::counting_semaphore<> commandSlots{maximumPendingCommands};
 
   // input/: the reader. Its thread only.

@@ -2,6 +2,7 @@
 
 // The limits and timeouts of the service as a whole; those of one format or rule stand beside it.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -17,6 +18,7 @@ constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error te
 constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 
 constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not handled
+constexpr std::chrono::seconds commandSlotTimeout{2};  // the longest wait for one to be handled
 
 constexpr std::size_t maximumAuthenticatedPeers = 2;
 constexpr std::size_t maximumWaitingPeers = 4;          // accepted, no "hello" yet
@@ -31,5 +33,7 @@ constexpr int mirroredRecordingHeight = 720;
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
 constexpr double warmUpTimeout = 0.5;      // seconds that "ready" waits for the expected encoders
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish
+// Seconds until the process ends whatever the state queue does: later than its own deadline.
+constexpr double watchdogTimeout = 2.2;
 
 }  // namespace lumora

@@ -3,24 +3,19 @@
 #include <algorithm>
 
 namespace lumora {
-namespace {
-
-std::vector<std::string> candidates(const std::string& wanted) {
-  if (wanted == "software") return {softwareEncoder};
-  if (!wanted.empty() && wanted != "auto" && wanted != "hardware") return {wanted};
-  std::vector<std::string> names = {"h264_videotoolbox", "h264_nvenc", "h264_qsv", "h264_v4l2m2m",
-                                    "h264_vaapi"};
-  if (wanted != "hardware") names.emplace_back(softwareEncoder);
-  return names;
-}
-
-}  // namespace
 
 EncoderChoice parseEncoderChoice(const std::string& text) {
   const auto colon = std::min(text.find(':'), text.size());
-  EncoderChoice choice{.names = candidates(text.substr(0, colon))};
+  const std::string wanted = text.substr(0, colon);
+  EncoderChoice choice;
   if (colon < text.size()) choice.preset = text.substr(colon + 1);
-  choice.substitute = choice.names.size() > 1 && choice.names.back() == softwareEncoder;
+  const bool automatic = wanted.empty() || wanted == "auto";
+  choice.software = automatic || wanted == "software" || wanted == softwareEncoder;
+  if (automatic || wanted == "hardware") {
+    choice.hardware = {"h264_videotoolbox", "h264_nvenc", "h264_qsv", "h264_v4l2m2m", "h264_vaapi"};
+  } else if (!choice.software) {
+    choice.hardware = {wanted};
+  }
   return choice;
 }
 

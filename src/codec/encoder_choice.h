@@ -7,11 +7,11 @@ namespace lumora {
 
 constexpr const char* softwareEncoder = "libx264";
 
-// Which encoder a user wants.
+// Which encoders a user allows.
 struct EncoderChoice {
-  std::vector<std::string> names;  // of libavcodec's encoders, best first
-  std::string preset = {};         // of a software encoder; empty: our own settings
-  bool substitute = false;         // a session that hardware refuses is encoded in software
+  std::vector<std::string> hardware;  // names of libavcodec's encoders, best first
+  bool software = false;              // where no hardware is found, or until it is
+  std::string preset = {};            // of a software encoder; empty: our own settings
 };
 
 // `text` is auto (hardware where there is one, else software), hardware, software, or the name of a

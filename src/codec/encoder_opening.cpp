@@ -14,6 +14,8 @@
 namespace lumora {
 namespace {
 
+constexpr int picturesThatShowADriver = 2;
+
 Status makeGreyBuffer(const EncoderSpec& spec, const EncoderSettings& settings,
                       std::shared_ptr<PixelBuffer>& buffer) {
   MemoryPixelBufferPool pool(settings.width, settings.height, spec.pictures);
@@ -37,17 +39,6 @@ Status encodeGrey(LibavEncoder& encoder, const EncoderSpec& spec, const EncoderS
   return status;
 }
 
-OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
-                   const EncoderSettings& settings, int pictures) {
-  OpenResult opened;
-  opened.status = open(spec, settings, opened.encoder);
-  if (opened.status == 0 && pictures > 0) {
-    opened.status = encodeGrey(*opened.encoder, spec, settings, pictures);
-  }
-  if (opened.status != 0) opened.encoder.reset();
-  return opened;
-}
-
 // On a thread that is left behind with its driver should that hang.
 std::future<OpenResult> openElsewhere(const OpenEncoder& open, const EncoderSpec& spec,
                                       const EncoderSettings& settings, int pictures) {
@@ -64,13 +55,28 @@ std::future<OpenResult> openElsewhere(const OpenEncoder& open, const EncoderSpec
 
 bool isHardware(const AVCodec& codec) { return std::strcmp(codec.name, softwareEncoder) != 0; }
 
+OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
+                   const EncoderSettings& settings, int pictures) try {
+  if (isHardware(*spec.codec)) pictures = std::max(pictures, picturesThatShowADriver);
+  OpenResult opened;
+  opened.status = open(spec, settings, opened.encoder);
+  if (opened.status == 0 && pictures > 0) {
+    opened.status = encodeGrey(*opened.encoder, spec, settings, pictures);
+  }
+  if (opened.status != 0) opened.encoder.reset();
+  return opened;
+} catch (const std::bad_alloc&) {
+  return {AVERROR(ENOMEM)};
+} catch (const std::exception&) {
+  return {AVERROR_EXTERNAL};
+}
+
 OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
                   const EncoderSpec& spec, const EncoderSettings& settings, int pictures) {
+  if (!isHardware(*spec.codec)) return openNow(open, spec, settings, pictures);
+  if (OpeningClock::now() >= deadline) return {AVERROR(ETIMEDOUT)};
   try {
-    if (!isHardware(*spec.codec)) return openNow(open, spec, settings, pictures);
-    if (OpeningClock::now() >= deadline) return {AVERROR(ETIMEDOUT)};
-    // Some drivers refuse no sooner than when they are to encode.
-    auto later = openElsewhere(open, spec, settings, std::max(pictures, 2));
+    auto later = openElsewhere(open, spec, settings, pictures);
     if (later.wait_until(deadline) != std::future_status::ready) return {AVERROR(ETIMEDOUT)};
     return later.get();
   } catch (const std::system_error&) {
@@ -78,11 +84,6 @@ OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
   } catch (const std::exception&) {
     return {AVERROR(ENOMEM)};
   }
-}
-
-void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings) {
-  std::shared_ptr<PixelBuffer> buffer;
-  makeGreyBuffer(spec, settings, buffer);
 }
 
 }  // namespace lumora

@@ -1,6 +1,6 @@
 #pragma once
 
-// Opening encoders without waiting for a driver for ever. Any thread.
+// Opening an encoder, with a limit on how long a driver may take. Any thread.
 
 #include <chrono>
 #include <functional>
@@ -26,12 +26,14 @@ struct OpenResult {
 // A driver stands behind it: it may hang, refuse a session or a size, and serve only a few at once.
 bool isHardware(const AVCodec& codec);
 
-// Opens an encoder and has it encode a few grey `pictures`, or as many as show that its driver
-// serves it; AVERROR(ETIMEDOUT) when that is not done by the deadline.
+// Opens an encoder and encodes some grey `pictures`; hardware encodes at least two, since some
+// drivers refuse only then. Blocks for as long as the driver does. Never throws.
+OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
+                   const EncoderSettings& settings, int pictures);
+
+// The same; hardware is opened on a thread that is left behind with a driver that hangs, and the
+// answer is AVERROR(ETIMEDOUT) after the deadline. Never throws.
 OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
                   const EncoderSpec& spec, const EncoderSettings& settings, int pictures);
-
-// Touches the memory of a pixel buffer for a session of these settings.
-void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings);
 
 }  // namespace lumora

@@ -11,13 +11,13 @@
 
 namespace lumora {
 
-std::shared_ptr<EncodingWorker> EncodingWorker::start(const EncoderSource& source,
-                                                      const EncoderSettings& settings) {
-  std::shared_ptr<EncodingWorker> worker(new EncodingWorker);
+std::shared_ptr<EncodingWorker> EncodingWorker::start(std::shared_ptr<EncoderSource> source,
+                                                      const EncoderRequest& request) {
+  std::shared_ptr<EncodingWorker> worker(new EncodingWorker(std::move(source)));
   try {
-    std::thread([worker, source, settings] {
+    std::thread([worker, request] {
       nameThread("lumora.encoder");
-      worker->run(source, settings);
+      worker->run(request);
     }).detach();
   } catch (const std::system_error&) {
     return nullptr;
@@ -44,31 +44,28 @@ void EncodingWorker::stop() {
   std::list<Job> forgotten;
   {
     std::unique_lock hold(mutex_);
-    stopping_ = true;
+    if (!std::exchange(stopping_, true)) source_->beginReturn();
     forgotten.swap(jobs_);
     changed_.notify_all();
     changed_.wait(hold, [this] { return !busy_; });
   }
 }
 
-void EncodingWorker::run(const EncoderSource& source, const EncoderSettings& settings) {
-  {
-    OpenResult opened = source.take(settings);
-    bestEffort([&] {
-      if (encodeAll(opened)) source.giveBack(settings, std::move(opened));
-    });
-  }
+void EncodingWorker::run(const EncoderRequest& request) {
+  OpenResult opened = source_->take(request);
+  if (!encodeAll(opened)) opened.encoder.reset();
+  source_->giveBack(request, std::move(opened));
   bestEffort(trimHeapBeyondNeed);
 }
 
 // Until stopped; whether the encoder never failed.
 bool EncodingWorker::encodeAll(const OpenResult& opened) {
   LibavEncoder* encoder = opened.encoder.get();
-  bool sound = encoder != nullptr;
+  bool isSound = encoder != nullptr;
   std::unique_lock hold(mutex_);
   for (;;) {
     changed_.wait(hold, [this] { return stopping_ || !jobs_.empty(); });
-    if (stopping_) return sound;
+    if (stopping_) return isSound;
     Job job = std::move(jobs_.front());
     jobs_.pop_front();
     busy_ = true;
@@ -76,7 +73,7 @@ bool EncodingWorker::encodeAll(const OpenResult& opened) {
     std::shared_ptr<const EncodedSample> sample;
     Status status = opened.status;
     if (encoder != nullptr) status = encode(*encoder, job, std::move(job.buffer), sample);
-    sound = sound && status == 0;
+    isSound = isSound && status == 0;
     job.handler(status, encoder != nullptr ? 0 : infoNotPrepared, sample);
     job = {};
     hold.lock();

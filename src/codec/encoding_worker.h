@@ -21,8 +21,8 @@ class EncodingWorker {
   };
 
   // Null when there is no thread to be had.
-  static std::shared_ptr<EncodingWorker> start(const EncoderSource& source,
-                                               const EncoderSettings& settings);
+  static std::shared_ptr<EncodingWorker> start(std::shared_ptr<EncoderSource> source,
+                                               const EncoderRequest& request);
 
   // False once it was stopped.
   bool enqueue(Job job);
@@ -32,12 +32,13 @@ class EncodingWorker {
   void stop();
 
  private:
-  EncodingWorker() = default;
-  void run(const EncoderSource& source, const EncoderSettings& settings);
+  explicit EncodingWorker(std::shared_ptr<EncoderSource> source) : source_(std::move(source)) {}
+  void run(const EncoderRequest& request);
   bool encodeAll(const OpenResult& opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);
 
+  const std::shared_ptr<EncoderSource> source_;
   std::mutex mutex_;  // guards the rest
   std::condition_variable changed_;
   std::list<Job> jobs_;  // an empty one needs no memory

@@ -1,16 +1,15 @@
 #pragma once
 
-// Chooses the H.264 encoder of this run and makes sessions with it. Encoders are opened ahead on a
-// queue of their own, the opener's: first one candidate after the other, until one works.
+// Makes sessions with libavcodec's encoders. Where software is allowed nothing waits for a driver:
+// sessions are encoded in software until hardware has been found, and those that are open then stay
+// so. Elsewhere sessions wait for the hardware that the user asked for.
 
-#include <future>
-#include <optional>
 #include <stop_token>
-#include <string>
 
 #include "base/process_heap.h"
 #include "codec/encoder_choice.h"
 #include "codec/encoder_source.h"
+#include "codec/hardware_probe.h"
 #include "platform/encoders.h"
 
 namespace lumora {
@@ -19,10 +18,9 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
  public:
   LibavEncoders(EncoderChoice choice, std::shared_ptr<SerialQueue> stateQueue,
                 std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
-                OpenEncoder open = LibavEncoder::open,
-                std::function<void()> giveMemoryBack = trimHeap);
-  void choose(const EncoderSettings& preview, const EncoderSettings& take) override;
-  void whenChosen(Work work) override;
+                OpenEncoder open = LibavEncoder::open, std::function<void()> trim = trimHeap);
+  void prepare(const EncoderSettings& preview, const EncoderSettings& take) override;
+  void whenPrepared(Work work) override;
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;
   void openAhead(const EncoderSettings& settings) override;
   Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
@@ -30,18 +28,17 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
-  EncoderSource chosenSource() const;
-  void openInBackground(const std::optional<EncoderSettings>& buffer);
+  EncoderSpec spec(const AVCodec* codec) const;
 
-  std::shared_ptr<SerialQueue> stateQueue_;
-  std::shared_ptr<Dispatch> dispatch_;
-  std::shared_ptr<SerialQueue> opener_;
-  const std::function<void()> giveMemoryBack_;
+  const std::shared_ptr<SerialQueue> stateQueue_;
+  const std::shared_ptr<Dispatch> dispatch_;
+  const std::shared_ptr<SerialQueue> opener_;
+  const std::shared_ptr<PicturePool> pictures_;
   const EncoderChoice choice_;
-  EncoderSource source_;  // without its codec
-  std::promise<const AVCodec*> chosen_;
-  std::shared_future<const AVCodec*> codec_;
-  OpeningClock::time_point chosenBy_;  // later, sessions go without the choice
+  const AVCodec* const software_;  // null: not allowed, or not to be had
+  const std::shared_ptr<EncoderSource> source_;
+  const std::shared_ptr<HardwareProbe> probe_;
+  OpeningClock::time_point probedBy_;  // without software: sessions wait for hardware until then
   std::stop_source needed_;            // requested once the memory that is touched is needed
 };
 

@@ -23,10 +23,10 @@ Status require(bool supported, const PropertyValue& value) {
 
 }  // namespace
 
-LibavSession::LibavSession(EncoderSource source, SessionKind kind, int width, int height)
+LibavSession::LibavSession(std::shared_ptr<EncoderSource> source, EncoderRequest request)
     : source_(std::move(source)),
-      settings_{kind, width, height, ProfileLevel::baselineAuto, 0, 0, 0},
-      pool_(width, height, source_.spec.pictures) {}
+      request_(std::move(request)),
+      pool_(request_.settings.width, request_.settings.height, request_.spec.pictures) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 
@@ -37,22 +37,22 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
     case SessionProperty::allowFrameReordering:
       return require(false, value);
     case SessionProperty::profileLevel:
-      return assign(settings_.profile, value);
+      return assign(request_.settings.profile, value);
     case SessionProperty::expectedFrameRate:
-      return assign(settings_.frameRate, value);
+      return assign(request_.settings.frameRate, value);
     case SessionProperty::maxKeyFrameInterval:
-      return assign(settings_.keyFrameInterval, value);
+      return assign(request_.settings.keyFrameInterval, value);
     case SessionProperty::maxKeyFrameIntervalDuration:
       // Presentation times run at the expected rate, so the frame count already says it.
       return std::holds_alternative<double>(value) ? 0 : AVERROR(EINVAL);
     case SessionProperty::averageBitRate:
-      return assign(settings_.bitRate, value);
+      return assign(request_.settings.bitRate, value);
   }
   return AVERROR(EINVAL);
 }
 
 Status LibavSession::prepareToEncodeFrames() {
-  worker_ = EncodingWorker::start(source_, settings_);
+  worker_ = EncodingWorker::start(source_, request_);
   return worker_ ? 0 : AVERROR(EAGAIN);
 }
 

@@ -1,9 +1,8 @@
 #pragma once
 
 // A compression session on libavcodec. Settings are collected; a worker thread of the session's own
-// takes over a spare encoder or opens one, encodes one frame after the other and gives a sound
-// encoder back in the end, none of which the state queue waits for: a take that starts or stops
-// must not hold up the preview.
+// gets an encoder, encodes one frame after the other and closes the encoder in the end. The state
+// queue waits for none of it: a take that starts or stops must not hold up the preview.
 
 #include <memory>
 
@@ -17,7 +16,8 @@ class EncodingWorker;
 
 class LibavSession final : public CompressionSession {
  public:
-  LibavSession(EncoderSource source, SessionKind kind, int width, int height);
+  // The settings of `request` are kind and size; properties add the rest.
+  LibavSession(std::shared_ptr<EncoderSource> source, EncoderRequest request);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;
   LibavSession& operator=(const LibavSession&) = delete;
@@ -32,8 +32,8 @@ class LibavSession final : public CompressionSession {
   void invalidate() override;
 
  private:
-  EncoderSource source_;
-  EncoderSettings settings_;  // kind and size from the start, the rest from properties
+  const std::shared_ptr<EncoderSource> source_;
+  EncoderRequest request_;
   MemoryPixelBufferPool pool_;
   std::shared_ptr<EncodingWorker> worker_;
 };

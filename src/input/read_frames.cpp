@@ -47,11 +47,13 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
     requestFailure("invalid recording command framing");
     return false;
   }
-  commandSlots.acquire();
-  platform.stateQueue->async([weak = weak_from_this(), payload = std::move(payload)] {
+  // While the state queue stands the reader goes on all the same: the end of the input is what ends
+  // a process whose parent is gone.
+  const bool hasSlot = commandSlots.try_acquire_for(commandSlotTimeout);
+  platform.stateQueue->async([weak = weak_from_this(), hasSlot, payload = std::move(payload)] {
     const auto self = weak.lock();
     if (!self) return;
-    self->commandSlots.release();
+    if (hasSlot) self->commandSlots.release();
     self->recordingCommand(payload);
   });
   return true;

@@ -15,18 +15,19 @@ struct EncoderRequirements {
 class Encoders {
  public:
   virtual ~Encoders() = default;
-  // A session for `width` × `height` BGRA buffers; null or a status when there can be none. Waits
-  // until the encoder of the run is chosen, but for no more than a few seconds of the whole run.
+  // A session for `width` × `height` BGRA buffers; null or a status when there can be none. Where
+  // only hardware will do it waits until that is found, for a few seconds of the run at most.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
-  // Chooses the encoder of the run in the background, one that works for this preview, of which one
-  // is opened, or else for this take. Comes before everything else.
-  virtual void choose(const EncoderSettings& preview, const EncoderSettings& take) = 0;
-  // Runs `work` on the state queue, never before it returns, once that is done.
-  virtual void whenChosen(Work work) = 0;
-  // Slowly, in the background, has memory at hand for sessions up to the largest and opens an
-  // encoder for the likeliest one.
+  // In the background: opens an encoder for this preview, and looks for hardware that encodes it,
+  // or else this take. Comes before everything else.
+  virtual void prepare(const EncoderSettings& preview, const EncoderSettings& take) = 0;
+  // Runs `work` on the state queue, never before it returns, once a preview can begin without
+  // delay; that does not wait for hardware unless only hardware will do.
+  virtual void whenPrepared(Work work) = 0;
+  // In the background: opens an encoder for the likeliest take, and slowly has memory at hand for
+  // takes up to the largest.
   virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
   // A session of these settings comes next: its encoder is opened at once, in the background.
   virtual void openAhead(const EncoderSettings& settings) = 0;

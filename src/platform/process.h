@@ -31,9 +31,11 @@ class Process {
   virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
   // Ends the process at once, without running destructors. State queue only.
   virtual void exit(int code) = 0;
-  // Ends it in `seconds`, whatever any thread is doing then; only the first call counts. Never
-  // throws. Any thread.
-  virtual void exitAfter(double seconds, int code) = 0;
+  // The watchdog ends the process in `seconds`, whatever any thread is doing then, unless it is
+  // armed already. Never throws. Any thread.
+  virtual void armWatchdog(double seconds, int code) = 0;
+  // The same in place of what it is armed with. Never throws. State queue only.
+  virtual void rearmWatchdog(double seconds, int code) = 0;
 };
 
 }  // namespace lumora

@@ -173,7 +173,8 @@ void MovieRecorder::progress() {
     const std::lock_guard hold(lock);
     if (!accepting) return;
   }
-  if (failed || !writer || writer->status() != WriterStatus::writing) return;
+  // A writer whose disk has failed goes on "writing" until its next sample.
+  if (failed || !writer || writer->status() != WriterStatus::writing || writer->error()) return;
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;

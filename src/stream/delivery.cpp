@@ -69,8 +69,8 @@ void VideoEncoder::sweepPeers() {
   const double now = uptime();
   for (const auto& peer : snapshot(peers)) {
     if (!isOverdue(*peer, now)) continue;
-    // What it never read would stay in the kernel for as long as it does not read.
-    peer->connection->reset();
+    // What a client never read would stay in the kernel for as long as it does not read.
+    if (peer->authenticated) peer->connection->reset();
     remove(peer);
   }
 }

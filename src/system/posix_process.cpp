@@ -30,8 +30,18 @@ void enlargePipe(int descriptor) {
 
 // What a signal handler can reach.
 std::atomic<int> watchdogCode = 0;
-std::atomic<bool> watching = false;
 static_assert(std::atomic<int>::is_always_lock_free);
+
+// An encoder that hangs holds the state queue in a flush, and with it everything that ends us. A
+// signal needs neither a thread nor memory.
+void startWatchdog(double seconds, int code) {
+  watchdogCode = code;
+  std::signal(SIGALRM, [](int) { _exit(watchdogCode); });
+  const auto whole = static_cast<time_t>(seconds);
+  const auto rest = static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6);
+  const itimerval once{.it_interval = {}, .it_value = {whole, rest}};
+  setitimer(ITIMER_REAL, &once, nullptr);
+}
 
 bool isIgnored(int signal) {
   struct sigaction action {};
@@ -121,16 +131,15 @@ void PosixProcess::exit(int code) {
   _exit(code);
 }
 
-// An encoder that hangs holds the state queue in a flush, and with it everything that ends us. A
-// signal needs neither a thread nor memory.
-void PosixProcess::exitAfter(double seconds, int code) {
-  if (watching.exchange(true)) return;
-  watchdogCode = code;
-  std::signal(SIGALRM, [](int) { _exit(watchdogCode); });
-  const auto whole = static_cast<time_t>(seconds);
-  const auto rest = static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6);
-  const itimerval once{.it_interval = {}, .it_value = {whole, rest}};
-  setitimer(ITIMER_REAL, &once, nullptr);
+void PosixProcess::armWatchdog(double seconds, int code) {
+  const std::lock_guard hold(watchdog_);
+  if (!std::exchange(isArmed_, true)) startWatchdog(seconds, code);
+}
+
+void PosixProcess::rearmWatchdog(double seconds, int code) {
+  const std::lock_guard hold(watchdog_);
+  isArmed_ = true;
+  startWatchdog(seconds, code);
 }
 
 }  // namespace lumora

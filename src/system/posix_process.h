@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 
 #include "platform/process.h"
 #include "system/asio_dispatch.h"
@@ -15,9 +16,12 @@ class PosixProcess final : public Process {
   ssize_t writeOutput(ByteView text) override;
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override;
   void exit(int code) override;
-  void exitAfter(double seconds, int code) override;
+  void armWatchdog(double seconds, int code) override;
+  void rearmWatchdog(double seconds, int code) override;
 
  private:
+  std::mutex watchdog_;  // guards the process's one timer
+  bool isArmed_ = false;
   const std::shared_ptr<AsioQueue> signals_ = std::make_shared<AsioQueue>("lumora.signals");
 };
 

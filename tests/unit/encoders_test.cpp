@@ -1,4 +1,4 @@
-// The choice of encoders and how they are opened, with drivers that refuse and that hang.
+// Which encoders sessions get, with drivers that refuse, hang, answer late and serve only a few.
 
 #include "codec/libav_encoders.h"
 #include "encode/session_settings.h"
@@ -14,34 +14,48 @@ const EncoderSettings slowTake = sessionSettings(SessionKind::recording, {2, 2},
 
 // Stands behind "h264_nvenc"; all other hardware is missing. What works is software.
 struct Driver {
-  enum Behaviour { works, refusesOnce, refuses, hangs };
+  enum Behaviour { works, refusesOnce, refuses, hangs, throws };
   std::atomic<Behaviour> behaviour = works;
   std::atomic<int> opened = 0;
+  std::atomic<bool> othersAsked = false;
+  int limit = 99;  // encoders at once
   std::promise<void> release;
   std::shared_future<void> released = release.get_future();
+  std::mutex mutex;
+  std::vector<std::weak_ptr<PicturePool>> inUse = {};  // each encoder has a pool of its own
 
   Status open(EncoderSpec spec, const EncoderSettings& settings,
               std::unique_ptr<LibavEncoder>& encoder) {
     if (isHardware(*spec.codec)) {
-      if (std::string_view(spec.codec->name) != "h264_nvenc") return AVERROR(ENODEV);
+      if (std::string_view(spec.codec->name) != "h264_nvenc") {
+        othersAsked = true;
+        return AVERROR(ENODEV);
+      }
       const Behaviour now = behaviour;
       if (now == hangs) released.wait();
+      if (now == throws) throw std::runtime_error("a driver's");
       if (now == refusesOnce) behaviour = works;
-      if (now != works) return AVERROR(EBUSY);
+      if (now == refusesOnce || now == refuses) return AVERROR(EBUSY);
+      spec.pictures = PicturePool::make();
+      const std::lock_guard hold(mutex);
+      std::erase_if(inUse, [](const auto& pool) { return pool.expired(); });
+      if (static_cast<int>(inUse.size()) == limit) return AVERROR(EBUSY);
+      inUse.push_back(spec.pictures);
       ++opened;
       spec.codec = avcodec_find_encoder_by_name(softwareEncoder);
     }
     return LibavEncoder::open(spec, settings, encoder);
   }
+  OpenEncoder opening(std::shared_ptr<Driver> self) {
+    return [self = std::move(self)](auto&&... all) { return self->open(all...); };
+  }
 };
+
+bool isMissing(const char* encoder) { return avcodec_find_encoder_by_name(encoder) == nullptr; }
 
 using Answer = std::pair<Status, std::uint32_t>;  // and its info flags
 
 Answer encodeOne(CompressionSession& session) {
-  session.setProperty(SessionProperty::expectedFrameRate, preview.frameRate);
-  session.setProperty(SessionProperty::maxKeyFrameInterval, preview.keyFrameInterval);
-  session.setProperty(SessionProperty::averageBitRate, preview.bitRate);
-  EXPECT_EQ(session.prepareToEncodeFrames(), 0);
   std::shared_ptr<PixelBuffer> buffer;
   EXPECT_EQ(session.pixelBufferPool()->create(1, buffer), 0);
   std::promise<Answer> answer;
@@ -53,171 +67,238 @@ Answer encodeOne(CompressionSession& session) {
   return answer.get_future().get();
 }
 
+// On real queues.
+struct EncoderRun {
+  explicit EncoderRun(const std::string& choice) {
+    encoders = std::make_shared<LibavEncoders>(parseEncoderChoice(choice), queue,
+                                               std::make_shared<AsioDispatch>(queue),
+                                               PicturePool::make(), driver->opening(driver));
+  }
+  void waitUntilPrepared() {
+    std::promise<void> prepared;
+    encoders->whenPrepared([&] { prepared.set_value(); });
+    prepared.get_future().wait();
+  }
+  Status createSession(std::shared_ptr<CompressionSession>& session,
+                       SessionKind kind = SessionKind::preview) {
+    const Status status = encoders->createSession(kind, 2, 2, {}, session);
+    if (!session) return status;
+    session->setProperty(SessionProperty::expectedFrameRate, preview.frameRate);
+    session->setProperty(SessionProperty::maxKeyFrameInterval, preview.keyFrameInterval);
+    session->setProperty(SessionProperty::averageBitRate, preview.bitRate);
+    EXPECT_EQ(session->prepareToEncodeFrames(), 0);
+    return status;
+  }
+  // Whether the driver opens an encoder for a recording; it serves the next recording, too.
+  bool isHardwareUsed() {
+    const int before = driver->opened;
+    std::shared_ptr<CompressionSession> session;
+    EXPECT_EQ(createSession(session, SessionKind::recording), 0);
+    EXPECT_EQ(encodeOne(*session), (Answer{0, 0}));
+    return driver->opened > before;
+  }
+  void waitForHardware() {
+    while (!isHardwareUsed()) std::this_thread::yield();
+  }
+
+  std::shared_ptr<Driver> driver = std::make_shared<Driver>();
+  std::shared_ptr<AsioQueue> queue = std::make_shared<AsioQueue>("state");
+  std::shared_ptr<LibavEncoders> encoders;
+};
+
 TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoChoice) {
   using enum Driver::Behaviour;
   constexpr Status none = AVERROR_ENCODER_NOT_FOUND;
-  for (const auto& [choice, whenChosen, later, created, answer] :
+  for (const auto& [choice, atFirst, later, created, answer] :
        {std::tuple{"auto", works, works, 0, Answer{0, 0}},
         {"auto", works, refuses, 0, Answer{0, 0}},
         {"auto", works, hangs, 0, Answer{0, 0}},
-        {"auto", refuses, refuses, 0, Answer{0, 0}},
-        {"auto", hangs, hangs, 0, Answer{0, 0}},
+        {"hardware", works, works, 0, Answer{0, 0}},
         {"hardware", works, refuses, 0, Answer{AVERROR(EBUSY), infoNotPrepared}},
         {"h264_nvenc", works, hangs, 0, Answer{AVERROR(ETIMEDOUT), infoNotPrepared}},
         {"hardware", refuses, refuses, none, Answer{0, 0}},
-        {"hardware", hangs, hangs, none, Answer{0, 0}}}) {
-    SCOPED_TRACE(std::string(choice) + std::to_string(whenChosen) + std::to_string(later));
-    const auto driver = std::make_shared<Driver>();
-    driver->behaviour = whenChosen;
-    const auto queue = std::make_shared<AsioQueue>("state");
-    const auto encoders = std::make_shared<LibavEncoders>(
-        parseEncoderChoice(choice), queue, std::make_shared<AsioDispatch>(queue),
-        PicturePool::make(), [driver](auto&&... all) { return driver->open(all...); });
-    encoders->choose(take, take);
-    if (whenChosen != hangs) {
-      std::promise<void> chosen;
-      encoders->whenChosen([&] { chosen.set_value(); });
-      chosen.get_future().wait();
-    }
-    driver->behaviour = later;
+        {"h264_nvenc", hangs, hangs, none, Answer{0, 0}}}) {
+    SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
+    EncoderRun run(choice);
+    run.driver->behaviour = atFirst;
+    run.encoders->prepare(take, take);
+    run.waitUntilPrepared();
+    if (atFirst == works) run.waitForHardware();
+    run.driver->behaviour = later;
     std::shared_ptr<CompressionSession> session;
-    EXPECT_EQ(encoders->createSession(SessionKind::preview, 2, 2, {}, session), created);
+    const int before = run.driver->opened;
+    EXPECT_EQ(run.createSession(session), created);
     if (session) {
       EXPECT_EQ(encodeOne(*session), answer);
-      // Chosen with one, and the session with one more.
-      const int byDriver = whenChosen == works ? (later == works ? 2 : 1) : 0;
-      EXPECT_EQ(driver->opened, byDriver);
-      session->invalidate();
     }
-    driver->release.set_value();
+    EXPECT_EQ(run.driver->opened - before, later == works ? 1 : 0);
+    run.driver->release.set_value();
   }
 }
 
-TEST(EncoderSource, MakesRoomForASessionBeforeSoftwareTakesItsPlaceForOnce) {
-  const auto driver = std::make_shared<Driver>();
+TEST(LibavEncoders, NothingWaitsForADriverAndALateAnswerCountsFromThenOn) {
+  if (isMissing("h264_nvenc") || isMissing("h264_v4l2m2m")) GTEST_SKIP() << "no second encoder";
+  using enum Driver::Behaviour;
+  for (const auto behaviour : {hangs, throws, refuses}) {
+    SCOPED_TRACE(behaviour);
+    EncoderRun run("auto");
+    run.driver->behaviour = behaviour;
+    run.encoders->prepare(take, take);
+    run.waitUntilPrepared();
+    std::shared_ptr<CompressionSession> early;
+    EXPECT_EQ(run.createSession(early), 0);
+    EXPECT_EQ(encodeOne(*early), (Answer{0, 0}));
+    while (!run.driver->othersAsked) std::this_thread::yield();  // a hang takes a second
+    EXPECT_FALSE(run.isHardwareUsed());
+    run.driver->release.set_value();
+    if (behaviour == hangs) run.waitForHardware();
+    const int before = run.driver->opened;
+    EXPECT_EQ(encodeOne(*early), (Answer{0, 0}));
+    EXPECT_EQ(run.driver->opened, before);
+  }
+}
+
+TEST(LibavEncoders, TheNextSessionGetsTheEncoderThatTheLastOneGivesBack) {
+  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  EncoderRun run("hardware");
+  run.driver->limit = 1;
+  run.encoders->prepare(preview, take);
+  for (int i = 0; i < 20; ++i) {
+    std::shared_ptr<CompressionSession> session;
+    ASSERT_EQ(run.createSession(session), 0);
+    ASSERT_EQ(encodeOne(*session), (Answer{0, 0}));
+    session->invalidate();
+  }
+}
+
+struct EncoderSourceTest : testing::Test {
+  EncoderRequest request(const EncoderSettings& settings, const char* codec = softwareEncoder) {
+    return {.spec = {.codec = avcodec_find_encoder_by_name(codec), .pictures = pictures},
+            .substitute = avcodec_find_encoder_by_name(softwareEncoder),
+            .settings = settings};
+  }
+  void openAhead(const EncoderSettings& settings) {
+    source->openAhead(request(settings).spec, settings, 0);
+  }
+  // Whether it was opened ahead.
+  bool take(const EncoderSettings& settings) {
+    const int before = opened;
+    EXPECT_NE(source->take(request(settings)).encoder, nullptr);
+    return opened == before;
+  }
+
   double now = 0;
-  const EncoderSource source{
-      .spec = {.codec = avcodec_find_encoder_by_name("h264_nvenc"),
-               .pictures = PicturePool::make()},
-      .open = [driver](auto&&... all) { return driver->open(all...); },
-      .substitute = avcodec_find_encoder_by_name(softwareEncoder),
-      .spares = std::make_shared<SpareEncoders>(std::make_shared<ManualQueue>(now), [] {})};
-  if (source.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
-  source.giveBack(preview, source.take(preview));
-  driver->behaviour = Driver::refusesOnce;
-  OpenResult opened = source.take(take);
+  int opened = 0;
+  int trimmed = 0;
+  std::shared_ptr<PicturePool> pictures = PicturePool::make();
+  std::shared_ptr<Driver> driver = std::make_shared<Driver>();
+  std::shared_ptr<ManualQueue> opener = std::make_shared<ManualQueue>(now);
+  std::shared_ptr<EncoderSource> source = std::make_shared<EncoderSource>(
+      [this](auto&&... all) {
+        ++opened;
+        return driver->open(all...);
+      },
+      opener, [this] { ++trimmed; });
+};
+
+TEST_F(EncoderSourceTest, OneOfEachKindIsOpenedAheadForTheSettingsThatWereAskedForLast) {
+  openAhead(preview);
+  openAhead(lumora::take);
+  openAhead(lumora::take);
+  opener->run();
+  EXPECT_EQ(opened, 2);
+  openAhead(slowTake);
+  opener->run();
+  EXPECT_TRUE(take(preview));
+  EXPECT_FALSE(take(preview));  // it is gone
+  EXPECT_FALSE(take(lumora::take));
+  EXPECT_TRUE(take(slowTake));
+}
+
+TEST_F(EncoderSourceTest, OneThatIsBeingOpenedIsWaitedForUnlessItFails) {
+  for (const auto& [behaviour, calls] : {std::pair{Driver::works, 1}, {Driver::refusesOnce, 2}}) {
+    opened = 0;
+    driver->behaviour = behaviour;
+    const EncoderRequest wanted = request(lumora::take, "h264_nvenc");
+    if (wanted.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+    source->openAhead(wanted.spec, wanted.settings, 0);
+    auto taken = std::async(std::launch::async, [&] { return source->take(wanted); });
+    EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    opener->run();
+    EXPECT_NE(taken.get().encoder, nullptr);
+    EXPECT_EQ(opened, calls);
+  }
+}
+
+TEST_F(EncoderSourceTest, MakesRoomWhereADriverServesOnlyAFew) {
+  EncoderRequest wanted = request(preview, "h264_nvenc");
+  if (wanted.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  driver->limit = 1;
+  source->openAhead(wanted.spec, lumora::take, 0);
+  opener->run();
+  OpenResult first = source->take(wanted);  // closes the one that was opened ahead
   EXPECT_EQ(driver->opened, 2);
-  EXPECT_FALSE(opened.isSubstitute);
-  driver->behaviour = Driver::refusesOnce;  // and there is no room to be made
-  opened = source.take(take);
-  EXPECT_TRUE(opened.encoder && opened.isSubstitute);
-  source.giveBack(take, std::move(opened));
-  EXPECT_FALSE(source.take(take).isSubstitute);
+  OpenResult instead = source->take(wanted);  // there is no room
+  EXPECT_TRUE(instead.encoder && instead.isSubstitute);
+  source->beginReturn();
+  source->giveBack(wanted, std::move(instead));  // which does not stand in the way later
+  EXPECT_TRUE(source->take(wanted).isSubstitute);
+  source->beginReturn();
+  auto second = std::async(std::launch::async, [&] { return source->take(wanted); });
+  EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  source->giveBack(wanted, std::move(first));
+  OpenResult kept = second.get();
+  EXPECT_EQ(driver->opened, 2);  // the first one's encoder
+  source->beginReturn();
+  source->giveBack(wanted, std::move(kept));
+  wanted.settings = slowTake;
+  EXPECT_FALSE(source->take(wanted).isSubstitute);
   EXPECT_EQ(driver->opened, 3);
 }
 
-TEST(LibavEncoders, OpensAheadAndGivesMemoryBackAMinuteLater) {
-  for (const bool takes : {false, true}) {
-    double now = 0;
-    int opened = 0;
-    int givenBack = 0;
-    const auto queue = std::make_shared<ManualQueue>(now);
-    const auto dispatch = std::make_shared<FakeDispatch>(now);
-    const auto encoders = std::make_shared<LibavEncoders>(
-        parseEncoderChoice("software"), queue, dispatch, PicturePool::make(),
-        [&](auto&&... all) {
-          ++opened;
-          return LibavEncoder::open(all...);
-        },
-        [&] { ++givenBack; });
-    ManualQueue& opener = *dispatch->queues.at(0);
-    encoders->choose(preview, take);
-    opener.run();
-    encoders->warmUp(take, take);
-    std::exchange(dispatch->detached, {}).at(0)();
-    opener.run();
-    EXPECT_EQ(opened, 2);
-    if (takes) encoders->openAhead(slowTake);
-    opener.run();
-    EXPECT_EQ(opened, takes ? 3 : 2);
-    EXPECT_EQ(givenBack, 0);
-    now = SpareEncoders::lifetime;
-    opener.run();
-    // With both encoders, and what was touched beyond them unless a take needs it.
-    EXPECT_EQ(givenBack, takes ? 2 : 3);
-  }
-}
-
-struct SpareEncodersTest : testing::Test {
-  std::unique_ptr<LibavEncoder> open(const EncoderSettings& settings) {
-    std::unique_ptr<LibavEncoder> encoder;
-    const EncoderSpec spec{.codec = avcodec_find_encoder_by_name(softwareEncoder),
-                           .pictures = PicturePool::make()};
-    EXPECT_EQ(LibavEncoder::open(spec, settings, encoder), 0);
-    return encoder;
-  }
-  auto takeNow(const EncoderSettings& settings) { return spares->take(settings, {}); }
-
-  double now = 0;
-  int closed = 0;
-  std::shared_ptr<ManualQueue> timers = std::make_shared<ManualQueue>(now);
-  std::shared_ptr<SpareEncoders> spares =
-      std::make_shared<SpareEncoders>(timers, [this] { ++closed; });
-};
-
-TEST_F(SpareEncodersTest, OneThatIsBeingOpenedIsWaitedForUnlessItFails) {
-  for (const bool fails : {false, true}) {
-    spares->want(preview);
-    EXPECT_EQ(spares->beginOpening(), preview);
-    EXPECT_EQ(takeNow(preview), nullptr);  // not for longer than was asked
-    auto taken = std::async(std::launch::async, [&] {
-      return spares->take(preview, OpeningClock::now() + std::chrono::minutes(1));
-    });
-    EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-    auto encoder = fails ? nullptr : open(preview);
-    const LibavEncoder* given = encoder.get();
-    spares->endOpening(preview, std::move(encoder));
-    EXPECT_EQ(taken.get().get(), given);
-  }
-}
-
-TEST_F(SpareEncodersTest, TheLatestThatIsWantedIsOpenedUnlessThereOrTaken) {
-  spares->wantFirst(take);
-  EXPECT_EQ(spares->beginOpening(), take);
-  spares->endOpening(take, nullptr);
-  spares->want(take);
-  spares->want(slowTake);
-  spares->wantFirst(take);  // too late
-  EXPECT_EQ(spares->beginOpening(), slowTake);
-  spares->endOpening(slowTake, nullptr);
-  EXPECT_EQ(spares->beginOpening(), std::nullopt);
-  spares->want(take);
-  EXPECT_EQ(takeNow(take), nullptr);  // its user opens it
-  EXPECT_EQ(spares->beginOpening(), std::nullopt);
-  spares->give(take, open(take));
-  spares->want(take);
-  EXPECT_EQ(spares->beginOpening(), std::nullopt);
-}
-
-TEST_F(SpareEncodersTest, ThereIsOnePerKindForAMinute) {
-  spares->give(preview, open(preview));
-  spares->give(take, open(take));
-  spares->want(slowTake);
-  spares->beginOpening();
-  EXPECT_EQ(takeNow(take), nullptr);  // made room
-  now = 30;
-  spares->endOpening(slowTake, open(slowTake));
-  now = 59.9;
-  timers->run();
-  spares->give(preview, takeNow(preview));  // used: another minute
+TEST_F(EncoderSourceTest, UnusedMemoryGoesBackAMinuteAfterTheLastTake) {
+  openAhead(preview);
+  openAhead(lumora::take);
+  source->trimLater();
+  now = 59;
+  opener->run();
+  EXPECT_TRUE(take(lumora::take));
   now = 60;
-  timers->run();
-  EXPECT_NE(takeNow(preview), nullptr);
-  EXPECT_EQ(closed, 0);
-  now = 90;
-  timers->run();
-  EXPECT_EQ(takeNow(slowTake), nullptr);
-  EXPECT_EQ(closed, 1);
+  opener->run();
+  EXPECT_EQ(trimmed, 0);  // a take is running
+  source->beginReturn();
+  source->giveBack(request(lumora::take), {});
+  now = 119.9;
+  opener->run();
+  EXPECT_EQ(trimmed, 0);
+  now = 120;
+  opener->run();
+  EXPECT_EQ(trimmed, 1);
+  EXPECT_FALSE(take(preview));  // nobody used it
+}
+
+TEST(LibavEncoders, PreparesAPreviewThenATakeAndTheMemoryForTheLargest) {
+  double now = 0;
+  int opened = 0;
+  const auto dispatch = std::make_shared<FakeDispatch>(now);
+  const auto encoders = std::make_shared<LibavEncoders>(
+      parseEncoderChoice("software"), std::make_shared<ManualQueue>(now), dispatch,
+      PicturePool::make(), [&](auto&&... all) {
+        ++opened;
+        return LibavEncoder::open(all...);
+      });
+  ManualQueue& opener = *dispatch->queues.at(0);
+  encoders->prepare(preview, take);
+  opener.run();
+  EXPECT_EQ(opened, 1);
+  EXPECT_TRUE(dispatch->detached.empty());
+  encoders->warmUp(take, take);
+  opener.run();
+  EXPECT_EQ(opened, 2);
+  EXPECT_EQ(dispatch->detached.size(), 1u);
+  encoders->openAhead(slowTake);
+  opener.run();
+  EXPECT_EQ(opened, 3);
 }
 
 }  // namespace

@@ -154,9 +154,10 @@ struct FakeProcess final : Process, CanFail {
     return std::make_unique<FakeSource<SignalSource>>(signalsCancelled[signal]);
   }
   void exit(int code) override { exitCodes.push_back(code); }
-  void exitAfter(double seconds, int code) override {
+  void armWatchdog(double seconds, int code) override {
     if (watchdog.first == 0) watchdog = {seconds, code};
   }
+  void rearmWatchdog(double seconds, int code) override { watchdog = {seconds, code}; }
 
   // The events written so far, oldest first, of one type or of all; forgets them all.
   std::vector<Json> takeEvents(const std::string& type = "") {
@@ -305,16 +306,16 @@ struct FakeEncoders final : Encoders, CanFail {
       session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures, kind));
     return status;
   }
-  void choose(const EncoderSettings& preview, const EncoderSettings& take) override {
+  void prepare(const EncoderSettings& preview, const EncoderSettings& take) override {
     wanted = {preview, take};
   }
-  void whenChosen(Work work) override { chosen = std::move(work); }
+  void whenPrepared(Work work) override { prepared = std::move(work); }
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override {
     warm = {likeliest, largest};
   }
   void openAhead(const EncoderSettings& settings) override { ahead.push_back(settings); }
   std::vector<EncoderSettings> wanted, warm, ahead;
-  Work chosen;
+  Work prepared;
   std::vector<std::shared_ptr<FakeSession>> sessions;
 };
 

@@ -25,7 +25,7 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
   EXPECT_FALSE(probe.network->listener->accepts);
   EXPECT_TRUE(probe.encoders->warm.empty());
-  probe.encoders->chosen();
+  probe.encoders->prepared();
   EXPECT_THAT(probe.encoders->warm, testing::ElementsAre(width(1080), width(1920)));
   EXPECT_TRUE(probe.network->listener->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
@@ -148,11 +148,19 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
   EXPECT_EXIT(hang(false), testing::ExitedWithCode(0), "asked for");
   const auto askTwice = [] {
     PosixProcess process;
-    process.exitAfter(0.1, 7);
-    process.exitAfter(60, 3);
+    process.armWatchdog(0.1, 7);
+    process.armWatchdog(60, 3);
     for (;;) pause();
   };
   EXPECT_EXIT(askTwice(), testing::ExitedWithCode(7), "");
+  const auto decide = [] {
+    PosixProcess process;
+    process.armWatchdog(60, 3);
+    process.rearmWatchdog(0.1, 7);
+    process.armWatchdog(60, 3);
+    for (;;) pause();
+  };
+  EXPECT_EXIT(decide(), testing::ExitedWithCode(7), "");
 }
 
 struct PipedInput {

@@ -22,7 +22,7 @@ struct VideoEncoderProbe {
   void becomeReady() {
     service->start();
     network->listener->changed(ListenerState::ready);
-    encoders->chosen();
+    encoders->prepared();
     process->takeEvents();
   }
   void restart() {

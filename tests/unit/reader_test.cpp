@@ -20,7 +20,7 @@ struct Reader : ServiceTest {
 
   std::string readAll() {
     probe.dispatch->detached.at(0)();
-    EXPECT_EQ(probe.process->watchdog.first, 2.0);  // even if the queue stands
+    EXPECT_EQ(probe.process->watchdog.first, 2.2);  // even if the queue stands
     probe.run();
     return probe.error();
   }
@@ -52,7 +52,7 @@ TEST_F(Reader, ReportsEachBrokenRecordAndStops) {
     EXPECT_EQ(readAll(), message);
     EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
     probe.signal(15);  // too late to change the code
-    EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 1}));
+    EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 1}));
   }
 }
 
@@ -61,7 +61,28 @@ TEST_F(Reader, TheFirstCauseOfAnEndDecidesItsCode) {
   probe.process->input.pop_back();
   probe.process->signals.at(15)();
   probe.dispatch->detached.at(0)();
-  EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
+  EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 0}));
+  probe.run();
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+// The code is decided where the causes arrive in turn, not where the first of them was noticed.
+TEST_F(Takes, TheStateQueueDecidesTheCodeAndTheWatchdogFollows) {
+  startWithFrame();  // and no disk that ever finishes it
+  probe.put(client::commandRecord("{}"));
+  EXPECT_EQ(probe.readAll(), "invalid recording command");
+  EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 1}));
+  probe.clock->now += 2.0;
+  probe.run();
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+
+  probe.restart();
+  startWithFrame();
+  probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7, 0};  // and it is gone
+  probe.failures->fail(Call::writeOutput, 1, -EPIPE, /*more=*/9);
+  probe.readAll();
+  EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 0}));
+  probe.clock->now += 2.0;
   probe.run();
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
@@ -102,7 +123,7 @@ struct SteppedQueue final : SerialQueue {
   std::counting_semaphore<> arrivals{0};
 };
 
-TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWait) {
+TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWaitButNotForEver) {
   VideoEncoderProbe probe;
   const auto queue = std::make_shared<SteppedQueue>();
   Platform platform{probe.pictures, queue,          probe.clock,  probe.dispatch, probe.process,
@@ -115,11 +136,22 @@ TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWait) {
   std::jthread reader([&] { service->readFrames(); });
   for (int i = 0; i < 64; ++i) EXPECT_TRUE(queue->grows());
   EXPECT_FALSE(queue->grows(std::chrono::milliseconds(50)));
-  for (int i = 64; i < 70; ++i) {
+  for (int i = 64; i < 69; ++i) {
     queue->handleOne();
     EXPECT_TRUE(queue->grows());
   }
+  EXPECT_TRUE(queue->grows());  // the last one, two seconds later, though none is handled
   EXPECT_TRUE(queue->grows());  // the end
+  reader.join();
+  for (int i = 5; i < 70; ++i) queue->handleOne();
+  // As many may wait as before.
+  for (int i = 0; i < 65; ++i) input.insert(input.end(), stop.begin(), stop.end());
+  reader = std::jthread([&] { service->readFrames(); });
+  for (int i = 0; i < 64; ++i) EXPECT_TRUE(queue->grows());
+  EXPECT_FALSE(queue->grows(std::chrono::milliseconds(50)));
+  queue->handleOne();  // the end of the first input
+  queue->handleOne();
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(queue->grows());
 }
 
 TEST(RecordHeader, FrameLimits) {

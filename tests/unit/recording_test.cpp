@@ -241,6 +241,11 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   probe.tickAt(1002.6);
   probe.run();
   expectKeys(probe.process->takeEvent("recording"), {{"frames", 1}, {"duration", 0.5}});
+  // A file whose disk has failed makes none, though no sample has met the failure yet.
+  writer().problem = "No space left on device";
+  probe.tickAt(1003.7);
+  EXPECT_TRUE(events("recording").empty());
+  writer().problem.reset();
   // Progress is said once, an outcome again with every report.
   const Json saved = finish();
   for (int i = 0; i < 2; ++i) {

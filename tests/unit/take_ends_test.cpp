@@ -36,6 +36,16 @@ TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
   EXPECT_EQ(events("finishing").size(), 1u);
 }
 
+TEST_F(Takes, AFrameBehindTheStopDoesNotFinishTheTakeAgain) {
+  startWithFrame();
+  stop();
+  probe.run();
+  feed(1001.1);
+  EXPECT_EQ(failure(), "");
+  writer().complete(WriterStatus::completed);
+  EXPECT_EQ(events("saved").size(), 1u);
+}
+
 TEST_F(Takes, AnotherMayBeginAsSoonAsOneSaysThatItIsSaved) {
   startWithFrame();
   stop();
@@ -62,6 +72,7 @@ TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
   abandoned.answer(0, deltaSample());
   probe.run();
   EXPECT_TRUE(abandoned.invalidated);
+  EXPECT_EQ(probe.statistics()["record_encoded_frames"], 1);  // the late one is nobody's
   ASSERT_TRUE(frame(1001.2, true));
   EXPECT_EQ(probe.lastSession().size, (PictureSize{1920, 1080}));
 }
@@ -79,7 +90,7 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   probe.signal(15);
   probe.run();
   (*probe).shutdown(1);  // the first one counts
-  EXPECT_EQ(probe.process->watchdog, (std::pair{2.0, 0}));
+  EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 0}));
   EXPECT_TRUE(probe.process->exitCodes.empty());
   EXPECT_EQ(sendStart({{"path", "/b.mp4"}}).at(0)["state"], "failed");
   writer().complete(WriterStatus::completed);
