@@ -98,6 +98,7 @@ struct EncoderRun {
     return driver->opened > before;
   }
   void waitForHardware() {
+    while (driver->opened == 0) std::this_thread::yield();  // to find it
     while (!isHardwareUsed()) std::this_thread::yield();
   }
 
