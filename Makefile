@@ -9,6 +9,8 @@
 #   make lint    formatting and static analysis
 #   make package       Debian packages, looked at by lintian, into build/release/packages
 #   make package-test  and whether they work in a minimal Debian made for it (root)
+#   make arm64         build for 64-bit Arm, test it in an emulator, make its packages (root)
+#   make portable      the program as one file that needs nothing but glibc, into build/portable
 #   make fresh   demo and test in a minimal Debian made for it (root; half an hour)
 #                both take SUITE=trixie; the default is bookworm
 
@@ -18,7 +20,7 @@ SECONDS_FED ?= 10
 MINUTES ?= 1
 SUITE ?= bookworm
 
-.PHONY: demo view test bench fuzz soak lint package package-test fresh format dependencies clean
+.PHONY: demo view test bench fuzz soak lint package package-test fresh arm64 portable format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -70,6 +72,12 @@ package-test:
 
 fresh:
 	SUITE=$(SUITE) scripts/fresh.sh
+
+arm64:
+	scripts/arm64.sh
+
+portable: dependencies
+	scripts/portable.sh $(JOBS)
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -5,8 +5,8 @@
 #
 #   scripts/fresh.sh [COMMAND ...]     instead of "make demo" and "make test"
 #
-# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone that is copied to
-# build/SUITE afterwards.
+# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone that is copied into
+# build/KEEP_TO (SUITE) afterwards.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repository=$PWD
@@ -67,7 +67,8 @@ for command in "${commands[@]}"; do
   fi
 done
 if [ -n "${KEEP:-}" ]; then
-  mkdir -p "build/$suite"
-  cp -r "$root/root/lumora-video/$KEEP" "build/$suite/"
+  kept=build/${KEEP_TO:-$suite}
+  mkdir -p "$kept"
+  cp -r "$root/root/lumora-video/$KEEP" "$kept/"
 fi
 exit "$failed"

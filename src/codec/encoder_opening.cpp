@@ -86,4 +86,9 @@ OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
   }
 }
 
+void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings) {
+  std::shared_ptr<PixelBuffer> buffer;
+  makeGreyBuffer(spec, settings, buffer);
+}
+
 }  // namespace lumora

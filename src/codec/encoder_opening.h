@@ -36,4 +36,7 @@ OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
 OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
                   const EncoderSpec& spec, const EncoderSettings& settings, int pictures);
 
+// Touches the memory of a pixel buffer for a session of these settings.
+void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings);
+
 }  // namespace lumora

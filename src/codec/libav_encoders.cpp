@@ -61,24 +61,25 @@ void LibavEncoders::whenPrepared(Work work) {
 }
 
 void LibavEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) {
-  if (const AVCodec* codec = software_ != nullptr ? software_ : probe_->found()) {
-    bestEffort([&] { source_->openAhead(spec(codec), likeliest, 0); });
-  }
-  if (software_ != nullptr) {
-    bestEffort([&] {
-      dispatch_->runDetached("lumora.memory", [largest, stop = needed_.get_token()] {
-        touchMemoryAhead(workingMemory(largest), stop);
-      });
-    });
-  }
-  bestEffort([&] { source_->trimLater(); });
+  const auto warm = [self = shared_from_this(), likeliest, largest, stop = needed_.get_token()] {
+    if (self->software_ != nullptr) touchMemoryAhead(workingMemory(largest), stop);
+    if (!stop.stop_requested()) self->openNextAhead(likeliest);
+    self->source_->trimLater();
+  };
+  bestEffort([&] { dispatch_->runDetached("lumora.memory", warm); });
 }
 
 void LibavEncoders::openAhead(const EncoderSettings& settings) {
   needed_.request_stop();  // what is touched by now is needed by now
+  bestEffort([&] { openNextAhead(settings); });
+}
+
+void LibavEncoders::openNextAhead(const EncoderSettings& settings) {
   const AVCodec* hardware = probe_->found();
   const AVCodec* codec = hardware != nullptr ? hardware : software_;
-  if (codec != nullptr) bestEffort([&] { source_->openAhead(spec(codec), settings, 0); });
+  if (codec == nullptr) return;
+  source_->openAhead(spec(codec), settings, 0);
+  opener_->async([spec = spec(codec), settings] { touchPixelBuffer(spec, settings); });
 }
 
 // Whether hardware is required was said with the choice, not with the session: a machine without a

@@ -29,6 +29,7 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
 
  private:
   EncoderSpec spec(const AVCodec* codec) const;
+  void openNextAhead(const EncoderSettings& settings);
 
   const std::shared_ptr<SerialQueue> stateQueue_;
   const std::shared_ptr<Dispatch> dispatch_;

@@ -26,8 +26,8 @@ class Encoders {
   // Runs `work` on the state queue, never before it returns, once a preview can begin without
   // delay; that does not wait for hardware unless only hardware will do.
   virtual void whenPrepared(Work work) = 0;
-  // In the background: opens an encoder for the likeliest take, and slowly has memory at hand for
-  // takes up to the largest.
+  // In the background: slowly has memory at hand for takes up to the largest, then opens an encoder
+  // for the likeliest one unless another take has come first.
   virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
   // A session of these settings comes next: its encoder is opened at once, in the background.
   virtual void openAhead(const EncoderSettings& settings) = 0;

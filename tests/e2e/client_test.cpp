@@ -19,7 +19,7 @@ constexpr FrameSize small{320, 240};
 
 struct Client : HelperTest {
   client::HelperOptions options() const {
-    return {.program = LUMORA_HELPER, .token = token, .frames = transport};
+    return {.program = helperProgram(), .token = token, .frames = transport};
   }
   client::TakeOptions takeOptions() const {
     return {.path = path, .resolution = "640x360", .targetFPS = 60};
@@ -93,11 +93,11 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
       {{}, "there is no program at /nowhere/else"},
       {{.program = "/nowhere/helper"}, "there is no program at /nowhere/helper"},
-      {{.program = LUMORA_HELPER, .token = "short"},
+      {{.program = helperProgram(), .token = "short"},
        "the helper did not start: invalid helper configuration"},
       {{.program = "/bin"}, "there is no program at /bin"},
       {{.program = "/bin/true"}, "the helper did not start: it ended at once with status 0"},
-      {{.program = LUMORA_HELPER, .token = token, .arguments = {"--host", "x y"}},
+      {{.program = helperProgram(), .token = token, .arguments = {"--host", "x y"}},
        testing::HasSubstr("video listener")}};
   for (const auto& one : cases) {
     EXPECT_THAT([&] { const client::Helper unwanted(one.first); },

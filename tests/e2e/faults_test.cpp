@@ -25,7 +25,7 @@ struct Faults : HelperTest {
                  {"TAVO_H264_ENCODER", "software"},
                  {"ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0"}});
     helper = std::make_unique<tools::HelperProcess>(
-        client::LaunchOptions{LUMORA_HELPER, token, {}, std::move(more)});
+        client::LaunchOptions{helperProgram(), token, {}, std::move(more)});
     startError.clear();
     while (const auto event = helper->nextEvent(20)) {
       if (event->at("type") == "error") startError = event->at("message");
@@ -213,6 +213,15 @@ TEST_F(Faults, AHangingEncoderAndABlockedAlarmDoNotKeepTheProcess) {
   feedUntilHit();
   helper->sendSignal(SIGTERM);
   EXPECT_EQ(exitCode(), 0);
+}
+
+TEST_F(Faults, ADriverThatDoesNotAnswerCostsNoFrame) {
+  ASSERT_TRUE(startWith("h264_nvenc:0:-30", {{"TAVO_H264_ENCODER", "auto"}}));
+  const Watcher watcher(connectClient());
+  const Event saved = take(10, 10);
+  EXPECT_TRUE(std::filesystem::exists(hitPath())) << "no such encoder in this libavcodec";
+  EXPECT_EQ(saved.at("frames"), 10);
+  EXPECT_EQ(finish(), 0);
 }
 
 TEST_F(Faults, ADiskThatHangsStopsNeitherThePreviewNorTheEnd) {

@@ -13,6 +13,11 @@ extern "C" {
 
 namespace lumora::tests {
 
+std::string helperProgram() {
+  const char* other = std::getenv("LUMORA_HELPER");
+  return other != nullptr ? other : LUMORA_HELPER;
+}
+
 Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight) {
   Pixels pixels;
   pixels.reserve(size.bytes());
@@ -83,7 +88,7 @@ void HelperTest::start(std::vector<std::string> arguments,
   endHelper();
   slots = tools::slotsFor(transport);
   helper = std::make_unique<tools::HelperProcess>(
-      client::LaunchOptions{LUMORA_HELPER, token, std::move(arguments), std::move(environment)},
+      client::LaunchOptions{helperProgram(), token, std::move(arguments), std::move(environment)},
       slots);
   port = helper->waitForEvent("ready").at("port");
   lastID = 0;

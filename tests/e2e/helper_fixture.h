@@ -32,6 +32,9 @@ inline constexpr bool sanitized = true;
 inline constexpr bool sanitized = false;
 #endif
 
+// The program that is tested: the one that was built, or another one that LUMORA_HELPER names.
+std::string helperProgram();
+
 struct Rgb {
   std::uint8_t red, green, blue;
 };

@@ -15,7 +15,7 @@ struct Input : HelperTest {
   void expectRefusal(const std::vector<std::string>& arguments, const std::string& line,
                      const std::map<std::string, std::string>& environment = {}) {
     helper = std::make_unique<tools::HelperProcess>(
-        client::LaunchOptions{LUMORA_HELPER, token, arguments, environment});
+        client::LaunchOptions{helperProgram(), token, arguments, environment});
     // A statistics report may come before the listener knows its fate.
     std::string first = helper->nextLine(20).value_or("");
     while (first.find("\"stats\"") != std::string::npos) first = helper->nextLine(20).value_or("");
@@ -106,7 +106,7 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
     ASSERT_LT(limit, 64);
     const std::string script = "ulimit -n " + std::to_string(limit) + "; exec \"$0\"";
     helper = std::make_unique<tools::HelperProcess>(
-        client::LaunchOptions{"/bin/sh", token, {"-c", script, LUMORA_HELPER}, {}});
+        client::LaunchOptions{"/bin/sh", token, {"-c", script, helperProgram()}, {}});
     const auto first = helper->nextLine(20);
     if (!first || first->find("video listener ") != std::string::npos) {
       EXPECT_EQ(exitCode(), first ? 1 : 127);  // no library could be loaded

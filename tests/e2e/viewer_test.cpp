@@ -62,7 +62,7 @@ struct Viewer : HelperTest {
     return told;
   }
   void record() {
-    view({"--demo", "--helper", LUMORA_HELPER, "--folder", folder, "--size", "320x240"});
+    view({"--demo", "--helper", helperProgram(), "--folder", folder, "--size", "320x240"});
     showPictures(5);
     say({{"type", "start"}, {"resolution", "640x360"}, {"target_fps", 60}, {"folder", folder}});
     waitForState("recording");
@@ -117,7 +117,7 @@ TEST_F(Viewer, AHelperThatHangsDoesNotKeepIt) {
 TEST_F(Viewer, ACameraThatHangsDoesNotKeepIt) {
   const std::string camera = folder / "camera";
   ASSERT_EQ(mkfifo(camera.c_str(), 0600), 0);
-  view({"--demo", "--helper", LUMORA_HELPER}, {{"INPUT", camera}});
+  view({"--demo", "--helper", helperProgram()}, {{"INPUT", camera}});
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
   EXPECT_EQ(exitOfViewer(), 0);

@@ -3,7 +3,8 @@
 //
 //   LUMORA_FAULT      "KIND:N[:ERRNO]", comma separated: the N-th call of that kind (0: every one)
 //                     fails, from `main` on or from when the kinds named before it have failed
-//                     their N-th times; or, with -S for ERRNO, takes S seconds
+//                     their N-th times; or, with -S for ERRNO, takes S seconds. The kind of opening
+//                     an encoder is the encoder's name.
 //   LUMORA_FAULT_HIT  a file that is made when it has come to the N-th call of the last kind
 //   LUMORA_DISK_LOG   where the calls for files in LUMORA_DISK_FOLDER are written down
 
@@ -29,7 +30,12 @@
 
 extern "C" {
 struct AVCodecContext;
+struct AVDictionary;
 struct AVFrame;
+struct AVCodec {  // as it begins
+  const char* name;
+};
+int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options);
 int avcodec_send_frame(AVCodecContext* to, const AVFrame* frame);
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -191,6 +197,10 @@ FAULT(int, renameat2,
       (fromFolder, from, toFolder, to, flags), EIO,
       if (result == 0 && logDescriptor >= 0) log(DiskLogEntry::renamed))
 FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* of), (to, of), EIO)
+int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options) {
+  REAL(avcodec_open2);
+  return fails(codec->name, EIO) ? -EIO : next(context, codec, options);
+}
 FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)

@@ -278,28 +278,30 @@ TEST_F(EncoderSourceTest, UnusedMemoryGoesBackAMinuteAfterTheLastTake) {
   EXPECT_FALSE(take(preview));  // nobody used it
 }
 
-TEST(LibavEncoders, PreparesAPreviewThenATakeAndTheMemoryForTheLargest) {
-  double now = 0;
-  int opened = 0;
-  const auto dispatch = std::make_shared<FakeDispatch>(now);
-  const auto encoders = std::make_shared<LibavEncoders>(
-      parseEncoderChoice("software"), std::make_shared<ManualQueue>(now), dispatch,
-      PicturePool::make(), [&](auto&&... all) {
-        ++opened;
-        return LibavEncoder::open(all...);
-      });
-  ManualQueue& opener = *dispatch->queues.at(0);
-  encoders->prepare(preview, take);
-  opener.run();
-  EXPECT_EQ(opened, 1);
-  EXPECT_TRUE(dispatch->detached.empty());
-  encoders->warmUp(take, take);
-  opener.run();
-  EXPECT_EQ(opened, 2);
-  EXPECT_EQ(dispatch->detached.size(), 1u);
-  encoders->openAhead(slowTake);
-  opener.run();
-  EXPECT_EQ(opened, 3);
+TEST(LibavEncoders, PreparesAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst) {
+  for (const bool comesFirst : {false, true}) {
+    double now = 0;
+    int opened = 0;
+    const auto dispatch = std::make_shared<FakeDispatch>(now);
+    const auto encoders = std::make_shared<LibavEncoders>(
+        parseEncoderChoice("software"), std::make_shared<ManualQueue>(now), dispatch,
+        PicturePool::make(), [&](auto&&... all) {
+          ++opened;
+          return LibavEncoder::open(all...);
+        });
+    ManualQueue& opener = *dispatch->queues.at(0);
+    encoders->prepare(preview, take);
+    opener.run();
+    EXPECT_EQ(opened, 1);
+    encoders->warmUp(take, take);
+    if (comesFirst) encoders->openAhead(slowTake);
+    std::exchange(dispatch->detached, {}).at(0)();
+    opener.run();
+    EXPECT_EQ(opened, 2);
+    encoders->openAhead(slowTake);
+    opener.run();
+    EXPECT_EQ(opened, comesFirst ? 2 : 3);
+  }
 }
 
 }  // namespace

@@ -1,0 +1,10 @@
+# Debian's cross compiler for 64-bit Arm, with its multi-arch libraries; what is built runs under
+# qemu-user. The processor is named: by default Highway would find SVE in the emulator.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+set(PKG_CONFIG_EXECUTABLE aarch64-linux-gnu-pkg-config)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-cpu;cortex-a76)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)

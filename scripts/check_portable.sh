@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Says what keeps program $1 from running with glibc 2.36 and nothing else, or its size.
+set -euo pipefail
+program=$1
+failed=0
+
+needed=$(objdump -p "$program" | awk '$1 == "NEEDED" { print $2 }' | grep -vxE 'lib(c|m)\.so\.6|ld-linux.*' || true)
+if [ -n "$needed" ]; then
+  echo "$program needs $needed" >&2
+  failed=1
+fi
+newest=$(objdump -T "$program" | grep -oE 'GLIBC_[0-9.]+' | sort -Vu | tail -n 1)
+if [ "$(printf '%s\n' GLIBC_2.36 "$newest" | sort -V | tail -n 1)" != GLIBC_2.36 ]; then
+  echo "$program needs $newest" >&2
+  failed=1
+fi
+bytes=$(stat -c %s "$program")
+if [ "$bytes" -gt $((12 * 1024 * 1024)) ]; then
+  echo "$program has $bytes bytes, more than 12 MB" >&2
+  failed=1
+fi
+echo "$program: $bytes bytes, $newest"
+exit "$failed"

@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Packs the program that scripts/portable.sh has built in folder $1: an archive and an npm package,
+# both with the licences and the exact sources.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=$1
+version=$(sed -n 's/^project(lumora-video VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+name=lumora-video-$version-linux-x64
+content=$build/content
+packages=$build/packages
+rm -rf "$content" "$packages"
+mkdir -p "$content/licences" "$packages"
+
+install -m 755 "$build/lumora-video" "$content/"
+install -m 644 LICENSE "$content/licences/lumora-video.txt"
+install -m 644 /usr/share/common-licenses/GPL-3 "$content/licences/GPL-3.txt"
+for part in ffmpeg x264 highway; do
+  install -m 644 "$build/sources/$part"-*/debian/copyright "$content/licences/$part.txt"
+done
+for package in libyuv-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-dev libstdc++-12-dev; do
+  install -m 644 "/usr/share/doc/$package/copyright" "$content/licences/${package%-dev}.txt"
+done
+
+commit=$(git rev-parse HEAD 2>/dev/null || echo unknown)
+{
+  echo "lumora-video $version, commit $commit, as one program for x86-64 Linux with glibc 2.36 or newer."
+  echo
+  echo "It is linked with FFmpeg and x264 (GPL, version 2 or later) and Highway (Apache-2.0), so it is"
+  echo "distributed under the GPL, version 3 (licences/GPL-3.txt). The licences of all its parts lie in"
+  echo "licences/. It is built by \"make portable\" in the sources of lumora-video from these packages of"
+  echo "Debian 12, source packages where FFmpeg, x264 and Highway are concerned:"
+  echo
+  for part in ffmpeg x264 highway; do
+    echo "  $part $(dpkg-parsechangelog -l "$build/sources/$part"-*/debian/changelog -S Version)"
+  done
+  dpkg-query -W -f '  ${Package} ${Version} (source ${source:Package} ${source:Version})\n' \
+    libyuv-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-dev libstdc++-12-dev g++-12 nasm
+  echo
+  echo "Encoders: libx264, h264_nvenc, h264_v4l2m2m. Those of VAAPI and Quick Sync are in the Debian"
+  echo "package lumora-video."
+} >"$content/SOURCES.txt"
+
+# The same content is the same archive.
+epoch=$(dpkg-parsechangelog -l packaging/changelog -S Timestamp)
+tar --create --sort=name --mtime="@$epoch" --owner=0 --group=0 --numeric-owner --mode=u+rw,go=rX \
+  --transform="s,^\.,$name," -C "$content" . | gzip -9 -n >"$packages/$name.tar.gz"
+
+cat >"$content/package.json" <<END
+{
+  "name": "lumora-video-linux-x64",
+  "version": "$version",
+  "description": "The lumora-video encoder helper for x86-64 Linux with glibc",
+  "author": "the lumora-video authors",
+  "license": "GPL-3.0-only",
+  "os": ["linux"],
+  "cpu": ["x64"],
+  "libc": ["glibc"],
+  "main": "index.js",
+  "files": ["lumora-video", "index.js", "SOURCES.txt", "licences"]
+}
+END
+cat >"$content/index.js" <<'END'
+'use strict';
+// Nothing can be run inside Electron's archive: the packager leaves programs beside it.
+const inside = /([\\/])app\.asar([\\/])/;
+exports.path = require('node:path').join(__dirname, 'lumora-video').replace(inside, '$1app.asar.unpacked$2');
+END
+(cd "$content" && npm pack --silent --pack-destination "$packages" >/dev/null)
+ls -l "$packages"

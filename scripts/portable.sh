@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# Builds lumora-video as one program that needs glibc 2.36 and nothing else, and packs it, as an
+# archive and as an npm package, into build/portable/packages.
+#
+# FFmpeg, x264 and Highway are built from Debian's source packages with nothing but what is used.
+# Built twice, in whatever folder, it is the same file.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=${1:-2}
+if [ "$(. /etc/os-release && echo "${VERSION_CODENAME:-}")" != bookworm ]; then
+  echo "make portable builds on Debian 12, so that the program runs there and on what is newer;" >&2
+  echo "elsewhere, as root: KEEP=build/portable scripts/fresh.sh 'make portable'" >&2
+  exit 1
+fi
+npm=(); command -v npm >/dev/null || npm=(nodejs npm)
+scripts/install_dependencies.sh nasm dpkg-dev file libffmpeg-nvenc-dev "${npm[@]}"
+
+build=$PWD/build/portable
+sources=$build/sources
+stage=$build/stage
+mkdir -p "$sources" "$stage"
+
+# The system's own list of packages, as a list of sources.
+fetchSources() {
+  local apt=$build/apt
+  mkdir -p "$apt/parts" "$apt/lists/partial"
+  for list in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+    [ -e "$list" ] && sed -n 's/^deb /deb-src /p' "$list" >"$apt/parts/$(basename "$list" .list).list"
+  done
+  for list in /etc/apt/sources.list.d/*.sources; do
+    [ -e "$list" ] && sed 's/^Types:.*/Types: deb-src/' "$list" >"$apt/parts/$(basename "$list")"
+  done
+  local options=(-qq -o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$apt/parts"
+    -o Dir::State::lists="$apt/lists" -o APT::Sandbox::User=root)
+  apt-get "${options[@]}" update
+  (cd "$sources" && apt-get "${options[@]}" source ffmpeg x264 highway >/dev/null)
+}
+
+sourceFolder() {
+  echo "$sources/$1"-*/
+}
+
+# Nothing that is built may know where it was built.
+flags="-O2 -ffunction-sections -fdata-sections -ffile-prefix-map=$PWD=."
+export PKG_CONFIG_SYSROOT_DIR=$stage
+export PKG_CONFIG_LIBDIR=$stage/usr/lib/pkgconfig:/usr/lib/x86_64-linux-gnu/pkgconfig:/usr/share/pkgconfig
+
+buildX264() (
+  cd "$(sourceFolder x264)"
+  ./configure --prefix=/usr --enable-static --enable-pic --disable-cli --disable-opencl --bit-depth=8 \
+    --chroma-format=420 --disable-avs --disable-swscale --disable-lavf --disable-ffms --disable-gpac \
+    --disable-lsmash --extra-cflags="$flags"
+  make -j "$jobs" lib-static
+  make install-lib-static DESTDIR="$stage"
+)
+
+buildFFmpeg() (
+  cd "$(sourceFolder ffmpeg)"
+  ./configure --prefix=/usr --disable-everything --disable-autodetect --disable-programs --disable-doc \
+    --disable-network --disable-avdevice --disable-avfilter --disable-avformat --disable-swscale \
+    --disable-swresample --disable-postproc --disable-debug --enable-gpl --enable-libx264 \
+    --enable-ffnvcodec --enable-nvenc --enable-v4l2-m2m \
+    --enable-encoder=libx264,h264_nvenc,h264_v4l2m2m --enable-pic --pkg-config-flags=--static
+  # Its flags are printed into the library, so those that name a folder go past it.
+  make -j "$jobs" CFLAGS+="$flags"
+  make install DESTDIR="$stage"
+)
+
+buildHighway() (
+  cmake -S "$(sourceFolder highway)" -B "$build/highway" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib -DBUILD_SHARED_LIBS=OFF \
+    -DBUILD_TESTING=OFF -DHWY_ENABLE_TESTS=OFF -DHWY_ENABLE_EXAMPLES=OFF -DHWY_ENABLE_CONTRIB=OFF \
+    -DCMAKE_POSITION_INDEPENDENT_CODE=ON -DCMAKE_CXX_FLAGS="$flags"
+  cmake --build "$build/highway" -j "$jobs"
+  DESTDIR=$stage cmake --install "$build/highway"
+)
+
+buildProgram() {
+  cmake -S . -B "$build/program" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
+    -DCMAKE_CXX_FLAGS_RELEASE="-DNDEBUG $flags" -DPKG_CONFIG_ARGN=--static \
+    -DYUV_LIBRARY=/usr/lib/x86_64-linux-gnu/libyuv.a \
+    -DCMAKE_EXE_LINKER_FLAGS="-static-libstdc++ -static-libgcc -Wl,--gc-sections,--build-id=none"
+  cmake --build "$build/program" -j "$jobs" -t lumora-video
+  strip -o "$build/lumora-video" "$build/program/src/lumora-video"
+}
+
+# Each step once: a folder that is there already is a step that is done.
+step() {
+  [ -e "$build/$1.done" ] && return
+  echo "== $1"
+  "$1" >"$build/$1.log" 2>&1 || { tail -n 40 "$build/$1.log"; exit 1; }
+  touch "$build/$1.done"
+}
+for part in fetchSources buildX264 buildFFmpeg buildHighway; do step "$part"; done
+echo "== buildProgram"
+buildProgram >"$build/buildProgram.log" 2>&1 || { tail -n 40 "$build/buildProgram.log"; exit 1; }
+
+scripts/check_portable.sh "$build/lumora-video"
+scripts/pack_portable.sh "$build"
