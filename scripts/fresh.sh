@@ -66,7 +66,7 @@ for command in "${commands[@]}"; do
     failed=1
   fi
 done
-if [ -n "${KEEP:-}" ]; then
+if [ -n "${KEEP:-}" ] && [ "$failed" -eq 0 ]; then
   kept=build/${KEEP_TO:-$suite}
   mkdir -p "$kept"
   cp -r "$root/root/lumora-video/$KEEP" "$kept/"

@@ -172,9 +172,9 @@ test('packets are read from the socket only as they are taken', async () => {
   assert.ok(readings < 10);
 });
 
-test('the program is found by option, variable, path, or the message says what to install', () => {
+test('the program is found by option, variable, package, path, or the message says what to install', async () => {
   const own = process.execPath;
-  assert.equal(findProgram(own, { LUMORA_VIDEO_PATH: '/none' }), own);
-  assert.equal(findProgram(undefined, { LUMORA_VIDEO_PATH: own, PATH: '/none' }), own);
-  assert.throws(() => findProgram(undefined, { PATH: '/none' }), /install the Debian package "lumora-video"/);
+  assert.equal(await findProgram(own, { LUMORA_VIDEO_PATH: '/none' }), own);
+  assert.equal(await findProgram(undefined, { LUMORA_VIDEO_PATH: own, PATH: '/none' }), own);
+  await assert.rejects(findProgram(undefined, { PATH: '/none' }), /install the npm package "lumora-video-/);
 });

@@ -9,7 +9,10 @@ import { FrameMemory } from './frame_memory.js';
 import { findProgram } from './program.js';
 
 export interface LaunchOptions {
-  /** Path of the helper; else `LUMORA_VIDEO_PATH`, else `lumora-video` on the `PATH`. */
+  /**
+   * Path of the helper; else `LUMORA_VIDEO_PATH`, else the npm package `lumora-video-linux-x64`,
+   * else `lumora-video` on the `PATH`.
+   */
   program?: string;
   /** Where to listen for stream clients; 127.0.0.1 if missing. */
   host?: string;
@@ -56,6 +59,9 @@ export interface Launched {
 const firstFreeDescriptor = 3; // of the child, behind its standard streams
 
 export async function launch(options: LaunchOptions, token: string): Promise<Launched> {
+  const program = await findProgram(options.program).catch((error: Error) => {
+    throw new StartError(error.message, { cause: error });
+  });
   const memory = options.frames === 'memory' ? FrameMemory.make() : undefined;
   const ours = {
     TAVO_VIDEO_TOKEN: token,
@@ -63,7 +69,7 @@ export async function launch(options: LaunchOptions, token: string): Promise<Lau
   };
   const inherited = memory ? [memory.descriptor] : [];
   try {
-    const child = spawn(findProgram(options.program), argumentsOf(options), {
+    const child = spawn(program, argumentsOf(options), {
       env: { ...process.env, ...options.env, ...ours },
       stdio: ['pipe', 'pipe', options.stderr ?? 'inherit', ...inherited],
     }) as HelperProcess;

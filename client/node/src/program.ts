@@ -5,6 +5,7 @@ import { delimiter, join, resolve } from 'node:path';
 
 const programName = 'lumora-video';
 const variable = 'LUMORA_VIDEO_PATH';
+const platformPackage = `lumora-video-${process.platform}-${process.arch}`;
 
 function isExecutable(path: string): boolean {
   try {
@@ -20,17 +21,29 @@ function executable(path: string, source: string): string {
   return resolve(path); // a bare name would be looked up in PATH
 }
 
+// The package that brings the program for this platform, if it is installed.
+async function packagedProgram(): Promise<string | undefined> {
+  try {
+    const { path } = (await import(platformPackage)) as { path: string };
+    return isExecutable(path) ? path : undefined;
+  } catch {
+    return undefined;
+  }
+}
+
 /**
- * The helper's path: `program`, else `LUMORA_VIDEO_PATH`, else what `PATH` has. Throws an Error
- * that says what to install.
+ * The helper's path: `program`, else `LUMORA_VIDEO_PATH`, else the npm package with the program for
+ * this platform, else what `PATH` has. Rejects with an Error that says what to install.
  */
-export function findProgram(
+export async function findProgram(
   program?: string,
   environment: Record<string, string | undefined> = process.env,
-): string {
+): Promise<string> {
   if (program) return executable(program, 'the option "program"');
   const named = environment[variable];
   if (named) return executable(named, variable);
+  const packaged = await packagedProgram();
+  if (packaged) return packaged;
   const found = (environment['PATH'] ?? '')
     .split(delimiter)
     .filter((folder) => folder !== '')
@@ -38,7 +51,7 @@ export function findProgram(
     .find(isExecutable);
   if (found) return found;
   throw new Error(
-    `${programName} was not found: install the Debian package "${programName}", ` +
-      `or name the program in ${variable} or the option "program"`,
+    `${programName} was not found: install the npm package "${platformPackage}" or the Debian ` +
+      `package "${programName}", or name the program in ${variable} or the option "program"`,
   );
 }
