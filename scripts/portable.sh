@@ -40,8 +40,10 @@ sourceFolder() {
   echo "$sources/$1"-*/
 }
 
-# Nothing that is built may know where it was built.
-flags="-O2 -ffunction-sections -fdata-sections -ffile-prefix-map=$PWD=."
+# So that the linker can leave out what is not used.
+sections="-ffunction-sections -fdata-sections"
+# Nothing that is built may know where: x264 and FFmpeg are compiled by relative names.
+ourFlags="-O2 $sections -ffile-prefix-map=$PWD=."
 export PKG_CONFIG_SYSROOT_DIR=$stage
 export PKG_CONFIG_LIBDIR=$stage/usr/lib/pkgconfig:/usr/lib/x86_64-linux-gnu/pkgconfig:/usr/share/pkgconfig
 
@@ -49,7 +51,7 @@ buildX264() (
   cd "$(sourceFolder x264)"
   ./configure --prefix=/usr --enable-static --enable-pic --disable-cli --disable-opencl --bit-depth=8 \
     --chroma-format=420 --disable-avs --disable-swscale --disable-lavf --disable-ffms --disable-gpac \
-    --disable-lsmash --extra-cflags="$flags"
+    --disable-lsmash --extra-cflags="$sections"
   make -j "$jobs" lib-static
   make install-lib-static DESTDIR="$stage"
 )
@@ -60,9 +62,9 @@ buildFFmpeg() (
     --disable-network --disable-avdevice --disable-avfilter --disable-avformat --disable-swscale \
     --disable-swresample --disable-postproc --disable-debug --enable-gpl --enable-libx264 \
     --enable-ffnvcodec --enable-nvenc --enable-v4l2-m2m \
-    --enable-encoder=libx264,h264_nvenc,h264_v4l2m2m --enable-pic --pkg-config-flags=--static
-  # Its flags are printed into the library, so those that name a folder go past it.
-  make -j "$jobs" CFLAGS+="$flags"
+    --enable-encoder=libx264,h264_nvenc,h264_v4l2m2m --enable-pic --pkg-config-flags=--static \
+    --extra-cflags="$sections"
+  make -j "$jobs"
   make install DESTDIR="$stage"
 )
 
@@ -70,14 +72,14 @@ buildHighway() (
   cmake -S "$(sourceFolder highway)" -B "$build/highway" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib -DBUILD_SHARED_LIBS=OFF \
     -DBUILD_TESTING=OFF -DHWY_ENABLE_TESTS=OFF -DHWY_ENABLE_EXAMPLES=OFF -DHWY_ENABLE_CONTRIB=OFF \
-    -DCMAKE_POSITION_INDEPENDENT_CODE=ON -DCMAKE_CXX_FLAGS="$flags"
+    -DCMAKE_POSITION_INDEPENDENT_CODE=ON -DCMAKE_CXX_FLAGS="$ourFlags"
   cmake --build "$build/highway" -j "$jobs"
   DESTDIR=$stage cmake --install "$build/highway"
 )
 
 buildProgram() {
   cmake -S . -B "$build/program" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
-    -DCMAKE_CXX_FLAGS_RELEASE="-DNDEBUG $flags" -DPKG_CONFIG_ARGN=--static \
+    -DCMAKE_CXX_FLAGS_RELEASE="-DNDEBUG $ourFlags" -DPKG_CONFIG_ARGN=--static \
     -DYUV_LIBRARY=/usr/lib/x86_64-linux-gnu/libyuv.a \
     -DCMAKE_EXE_LINKER_FLAGS="-static-libstdc++ -static-libgcc -Wl,--gc-sections,--build-id=none"
   cmake --build "$build/program" -j "$jobs" -t lumora-video
