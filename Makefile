@@ -12,7 +12,7 @@
 #   make arm64         build for 64-bit Arm, test it in an emulator, make its packages (root)
 #   make portable      the program as one file that needs nothing but glibc, into build/portable
 #   make fresh   demo and test in a minimal Debian made for it (root; half an hour)
-#                both take SUITE=trixie; the default is bookworm
+#                fresh and package-test take SUITE=trixie; the default is bookworm
 
 JOBS ?= $(shell nproc)
 OUT ?= out

@@ -63,7 +63,7 @@ void VideoEncoder::listenerChanged(ListenerState state) {
     if (const auto self = weak.lock()) self->becomeReady();
   };
   platform.encoders->whenPrepared(becomeReady);
-  platform.stateQueue->asyncAfter(warmUpTimeout, becomeReady);
+  platform.stateQueue->asyncAfter(prepareTimeout, becomeReady);
 }
 
 void VideoEncoder::becomeReady() {

@@ -172,11 +172,12 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   RawAdmission raw;
 
   // input/: taken by the reader's thread for a command, given back by the state queue with it. A
-  // parent that sends more than the state queue handles waits, for `commandSlotTimeout` each.
+  // parent that sends more than the state queue handles waits, for `commandSlotTimeout` at most.
   std::counting_semaphore<> commandSlots{maximumPendingCommands};
 
   // input/: the reader. Its thread only.
   std::uint64_t lastFrameID = 0;
+  bool commandsAreLate = false;  // the last one found no slot
 
   // encode/: the preview session.
   std::shared_ptr<CompressionSession> session;

@@ -31,7 +31,7 @@ constexpr int mirroredRecordingWidth = 1080;  // pixels of the default recording
 constexpr int mirroredRecordingHeight = 720;
 
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
-constexpr double warmUpTimeout = 0.5;      // seconds that "ready" waits for the expected encoders
+constexpr double prepareTimeout = 0.5;     // seconds that "ready" waits for an encoder
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish
 // Seconds until the process ends whatever the state queue does: later than its own deadline.
 constexpr double watchdogTimeout = 2.2;

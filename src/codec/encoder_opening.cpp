@@ -2,12 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <future>
 #include <system_error>
-#include <thread>
-#include <utility>
 
-#include "base/thread_name.h"
 #include "codec/encoder_choice.h"
 #include "codec/memory_pixel_buffers.h"
 
@@ -39,18 +35,6 @@ Status encodeGrey(LibavEncoder& encoder, const EncoderSpec& spec, const EncoderS
   return status;
 }
 
-// On a thread that is left behind with its driver should that hang.
-std::future<OpenResult> openElsewhere(const OpenEncoder& open, const EncoderSpec& spec,
-                                      const EncoderSettings& settings, int pictures) {
-  std::packaged_task<OpenResult()> task([open, spec, settings, pictures] {
-    nameThread("lumora.driver");
-    return openNow(open, spec, settings, pictures);
-  });
-  auto opened = task.get_future();
-  std::thread(std::move(task)).detach();
-  return opened;
-}
-
 }  // namespace
 
 bool isHardware(const AVCodec& codec) { return std::strcmp(codec.name, softwareEncoder) != 0; }
@@ -76,7 +60,8 @@ OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
   if (!isHardware(*spec.codec)) return openNow(open, spec, settings, pictures);
   if (OpeningClock::now() >= deadline) return {AVERROR(ETIMEDOUT)};
   try {
-    auto later = openElsewhere(open, spec, settings, pictures);
+    auto later = onDriverThread(
+        [open, spec, settings, pictures] { return openNow(open, spec, settings, pictures); });
     if (later.wait_until(deadline) != std::future_status::ready) return {AVERROR(ETIMEDOUT)};
     return later.get();
   } catch (const std::system_error&) {

@@ -4,7 +4,11 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
+#include <thread>
+#include <utility>
 
+#include "base/thread_name.h"
 #include "codec/libav_encoder.h"
 
 namespace lumora {
@@ -23,7 +27,8 @@ struct OpenResult {
   bool isSubstitute = false;  // in place of the one that was asked for
 };
 
-// A driver stands behind it: it may hang, refuse a session or a size, and serve only a few at once.
+// Whether a device driver encodes. Drivers may hang, refuse a session or a size, and limit how many
+// encoders are open.
 bool isHardware(const AVCodec& codec);
 
 // Opens an encoder and encodes some grey `pictures`; hardware encodes at least two, since some
@@ -31,12 +36,24 @@ bool isHardware(const AVCodec& codec);
 OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
                    const EncoderSettings& settings, int pictures);
 
-// The same; hardware is opened on a thread that is left behind with a driver that hangs, and the
-// answer is AVERROR(ETIMEDOUT) after the deadline. Never throws.
+// The same, but AVERROR(ETIMEDOUT) when hardware has not answered by the deadline. Never throws.
 OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
                   const EncoderSpec& spec, const EncoderSettings& settings, int pictures);
 
 // Touches the memory of a pixel buffer for a session of these settings.
 void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings);
+
+// Runs `work` on a thread of its own, which is left behind with a driver that hangs. Throws
+// std::system_error without a thread.
+template <typename Work>
+auto onDriverThread(Work work) {
+  std::packaged_task<decltype(work())()> task([work = std::move(work)] {
+    nameThread("lumora.driver");
+    return work();
+  });
+  auto done = task.get_future();
+  std::thread(std::move(task)).detach();
+  return done;
+}
 
 }  // namespace lumora

@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-// What the encoders of a run have in common.
+// Which encoder, and what all encoders of the run share.
 struct EncoderSpec {
   const AVCodec* codec = nullptr;
   std::string preset = {};  // of a software encoder; empty: our own settings

@@ -12,12 +12,12 @@
 namespace lumora {
 
 std::shared_ptr<EncodingWorker> EncodingWorker::start(std::shared_ptr<EncoderSource> source,
-                                                      const EncoderRequest& request) {
-  std::shared_ptr<EncodingWorker> worker(new EncodingWorker(std::move(source)));
+                                                      EncoderRequest request) {
+  std::shared_ptr<EncodingWorker> worker(new EncodingWorker(std::move(source), std::move(request)));
   try {
-    std::thread([worker, request] {
+    std::thread([worker] {
       nameThread("lumora.encoder");
-      worker->run(request);
+      worker->run();
     }).detach();
   } catch (const std::system_error&) {
     return nullptr;
@@ -28,7 +28,7 @@ std::shared_ptr<EncodingWorker> EncodingWorker::start(std::shared_ptr<EncoderSou
 bool EncodingWorker::enqueue(Job job) {
   {
     const std::lock_guard hold(mutex_);
-    if (stopping_) return false;
+    if (stop_.stop_requested()) return false;
     jobs_.push_back(std::move(job));
   }
   changed_.notify_all();
@@ -37,24 +37,24 @@ bool EncodingWorker::enqueue(Job job) {
 
 void EncodingWorker::complete() {
   std::unique_lock hold(mutex_);
-  changed_.wait(hold, [this] { return stopping_ || (jobs_.empty() && !busy_); });
+  changed_.wait(hold, [this] { return stop_.stop_requested() || (jobs_.empty() && !busy_); });
 }
 
 void EncodingWorker::stop() {
   std::list<Job> forgotten;
   {
     std::unique_lock hold(mutex_);
-    if (!std::exchange(stopping_, true)) source_->beginReturn();
+    if (stop_.request_stop()) source_->beginRelease(request_);
     forgotten.swap(jobs_);
     changed_.notify_all();
     changed_.wait(hold, [this] { return !busy_; });
   }
 }
 
-void EncodingWorker::run(const EncoderRequest& request) {
-  OpenResult opened = source_->take(request);
+void EncodingWorker::run() {
+  OpenResult opened = source_->acquire(request_, stop_.get_token());
   if (!encodeAll(opened)) opened.encoder.reset();
-  source_->giveBack(request, std::move(opened));
+  source_->release(request_, std::move(opened));
   bestEffort(trimHeapBeyondNeed);
 }
 
@@ -64,8 +64,8 @@ bool EncodingWorker::encodeAll(const OpenResult& opened) {
   bool isSound = encoder != nullptr;
   std::unique_lock hold(mutex_);
   for (;;) {
-    changed_.wait(hold, [this] { return stopping_ || !jobs_.empty(); });
-    if (stopping_) return isSound;
+    changed_.wait(hold, [this] { return stop_.stop_requested() || !jobs_.empty(); });
+    if (stop_.stop_requested()) return isSound;
     Job job = std::move(jobs_.front());
     jobs_.pop_front();
     busy_ = true;

@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 
 #include "codec/encoder_source.h"
 #include "platform/compression.h"
@@ -22,7 +23,7 @@ class EncodingWorker {
 
   // Null when there is no thread to be had.
   static std::shared_ptr<EncodingWorker> start(std::shared_ptr<EncoderSource> source,
-                                               const EncoderRequest& request);
+                                               EncoderRequest request);
 
   // False once it was stopped.
   bool enqueue(Job job);
@@ -32,18 +33,20 @@ class EncodingWorker {
   void stop();
 
  private:
-  explicit EncodingWorker(std::shared_ptr<EncoderSource> source) : source_(std::move(source)) {}
-  void run(const EncoderRequest& request);
+  EncodingWorker(std::shared_ptr<EncoderSource> source, EncoderRequest request)
+      : source_(std::move(source)), request_(std::move(request)) {}
+  void run();
   bool encodeAll(const OpenResult& opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);
 
   const std::shared_ptr<EncoderSource> source_;
-  std::mutex mutex_;  // guards the rest
+  const EncoderRequest request_;
+  std::stop_source stop_;  // requested under the lock
+  std::mutex mutex_;       // guards the rest
   std::condition_variable changed_;
   std::list<Job> jobs_;  // an empty one needs no memory
   bool busy_ = false;
-  bool stopping_ = false;
 };
 
 }  // namespace lumora

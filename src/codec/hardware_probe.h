@@ -3,49 +3,47 @@
 // Finds the hardware encoder of the run: the first candidate that encodes a few pictures. Drivers
 // may take seconds to answer, or never answer; a late answer counts from then on. Any thread.
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "codec/encoder_opening.h"
+#include "codec/encoder_source.h"
 
 namespace lumora {
 
 class HardwareProbe : public std::enable_shared_from_this<HardwareProbe> {
  public:
-  // Called once, on the driver's thread, with the encoder that was opened.
-  using FoundHandler =
-      std::function<void(const EncoderSpec&, const EncoderSettings&, OpenResult opened)>;
+  // `source` gets the encoder that was opened, for the session that it fits. `spec` has no codec.
+  HardwareProbe(OpenEncoder open, EncoderSpec spec, std::shared_ptr<EncoderSource> source)
+      : open_(std::move(open)), spec_(std::move(spec)), source_(std::move(source)) {}
 
-  HardwareProbe(OpenEncoder open, EncoderSpec spec, FoundHandler found)
-      : open_(std::move(open)), spec_(std::move(spec)), foundHandler_(std::move(found)) {}
-
-  // Tries the candidates in turn and waits a second for each, so it blocks for a second a candidate
-  // at most. One is found if it encodes `preview`, or else `take`: one that can't encode a tiny
-  // preview may still record.
+  // Tries the candidates in turn; blocks for a second a candidate at most. A candidate works if it
+  // encodes `preview`, or else `take`: one that can't encode a tiny preview may still record. Calls
+  // `whenFound` once, on the driver's thread.
   void run(const std::vector<std::string>& candidates, const EncoderSettings& preview,
-           const EncoderSettings& take);
+           const EncoderSettings& take, const std::function<void()>& whenFound);
 
   // Null: none yet.
-  const AVCodec* found() const;
-  // The same once there is one or `run` is over; after the deadline as it is then.
+  const AVCodec* found() const { return found_; }
+  // Waits until an encoder is found, `run` ends or the deadline passes. Null: none found by then.
   const AVCodec* waitUntil(OpeningClock::time_point deadline) const;
 
  private:
-  void tryEncoder(const EncoderSpec& spec, const EncoderSettings& preview,
+  void tryInTurn(const std::vector<std::string>& candidates, const EncoderSettings& preview,
+                 const EncoderSettings& take, const std::function<void()>& whenFound);
+  // Whether it is the one that is found.
+  bool tryEncoder(const EncoderSpec& spec, const EncoderSettings& preview,
                   const EncoderSettings& take);
-  bool claim();
-  void publish(const AVCodec& codec);
 
   const OpenEncoder open_;
-  const EncoderSpec spec_;  // without its codec
-  const FoundHandler foundHandler_;
-  mutable std::mutex mutex_;  // guards the rest
+  const EncoderSpec spec_;
+  const std::shared_ptr<EncoderSource> source_;
+  std::atomic<const AVCodec*> found_ = nullptr;  // set under the lock
+  mutable std::mutex mutex_;                     // guards the rest
   mutable std::condition_variable changed_;
-  bool isClaimed_ = false;  // by the first that works
-  const AVCodec* found_ = nullptr;
   bool isOver_ = false;
 };
 

@@ -31,25 +31,23 @@ LibavEncoders::LibavEncoders(EncoderChoice choice, std::shared_ptr<SerialQueue> 
       choice_(std::move(choice)),
       software_(choice_.software ? avcodec_find_encoder_by_name(softwareEncoder) : nullptr),
       source_(std::make_shared<EncoderSource>(open, opener_, std::move(trim))),
-      probe_(std::make_shared<HardwareProbe>(
-          std::move(open), spec(nullptr),
-          [source = source_](const EncoderSpec& spec, const EncoderSettings& settings,
-                             OpenResult opened) {
-            source->keepAhead(spec, settings, std::move(opened));
-          })) {}
+      probe_(std::make_shared<HardwareProbe>(std::move(open), spec(nullptr), source_)) {}
 
 EncoderSpec LibavEncoders::spec(const AVCodec* codec) const {
   return {.codec = codec, .preset = choice_.preset, .pictures = pictures_};
 }
 
 void LibavEncoders::prepare(const EncoderSettings& preview, const EncoderSettings& take) {
-  const auto probe = [probe = probe_, names = choice_.hardware, preview, take] {
-    probe->run(names, preview, take);
+  const auto probe = [self = shared_from_this(), preview, take] {
+    self->probe_->run(self->choice_.hardware, preview, take, [self, take] {
+      self->stateQueue_->async([self, take] { self->hardwareFound(take); });
+    });
   };
   if (software_ != nullptr) {
     bestEffort([&] { source_->openAhead(spec(software_), preview, picturesToWarm); });
-    if (!choice_.hardware.empty())
+    if (!choice_.hardware.empty()) {
       bestEffort([&] { dispatch_->runDetached("lumora.probe", probe); });
+    }
     return;
   }
   probedBy_ = OpeningClock::now() + choice_.hardware.size() * longestOpening;
@@ -62,24 +60,38 @@ void LibavEncoders::whenPrepared(Work work) {
 
 void LibavEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) {
   const auto warm = [self = shared_from_this(), likeliest, largest, stop = needed_.get_token()] {
-    if (self->software_ != nullptr) touchMemoryAhead(workingMemory(largest), stop);
-    if (!stop.stop_requested()) self->openNextAhead(likeliest);
-    self->source_->trimLater();
+    if (self->probe_->found() == nullptr) touchMemoryAhead(workingMemory(largest), stop);
+    // On the queue of `openAhead`, which has precedence.
+    self->stateQueue_->async([self, likeliest, stop] {
+      if (!stop.stop_requested()) self->openTakeAhead(self->available(), likeliest);
+    });
   };
   bestEffort([&] { dispatch_->runDetached("lumora.memory", warm); });
 }
 
 void LibavEncoders::openAhead(const EncoderSettings& settings) {
-  needed_.request_stop();  // what is touched by now is needed by now
-  bestEffort([&] { openNextAhead(settings); });
+  needed_.request_stop();  // a take needs its memory now
+  nextTake_ = available();
+  openTakeAhead(nextTake_, settings);
 }
 
-void LibavEncoders::openNextAhead(const EncoderSettings& settings) {
+// The next take's encoder, unless that take has been started already.
+void LibavEncoders::hardwareFound(const EncoderSettings& take) {
+  if (nextTake_ == nullptr) openTakeAhead(available(), take);
+}
+
+// Null: none yet, or none at all.
+const AVCodec* LibavEncoders::available() const {
   const AVCodec* hardware = probe_->found();
-  const AVCodec* codec = hardware != nullptr ? hardware : software_;
+  return hardware != nullptr ? hardware : software_;
+}
+
+void LibavEncoders::openTakeAhead(const AVCodec* codec, const EncoderSettings& settings) {
   if (codec == nullptr) return;
-  source_->openAhead(spec(codec), settings, 0);
-  opener_->async([spec = spec(codec), settings] { touchPixelBuffer(spec, settings); });
+  bestEffort([&] {
+    source_->openAhead(spec(codec), settings, 0);
+    opener_->async([spec = spec(codec), settings] { touchPixelBuffer(spec, settings); });
+  });
 }
 
 // Whether hardware is required was said with the choice, not with the session: a machine without a
@@ -87,8 +99,11 @@ void LibavEncoders::openNextAhead(const EncoderSettings& settings) {
 Status LibavEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                     const EncoderRequirements&,
                                     std::shared_ptr<CompressionSession>& session) {
-  const AVCodec* codec = software_ != nullptr ? probe_->found() : probe_->waitUntil(probedBy_);
-  if (codec == nullptr) codec = software_;
+  if (software_ == nullptr) probe_->waitUntil(probedBy_);
+  const AVCodec* codec = available();
+  // A take begins with the encoder that was opened for it, even if hardware was found meanwhile.
+  if (kind == SessionKind::recording && nextTake_ != nullptr) codec = nextTake_;
+  if (kind == SessionKind::recording) nextTake_ = nullptr;
   if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   session = std::make_shared<LibavSession>(
       source_,

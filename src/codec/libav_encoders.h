@@ -29,7 +29,9 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
 
  private:
   EncoderSpec spec(const AVCodec* codec) const;
-  void openNextAhead(const EncoderSettings& settings);
+  const AVCodec* available() const;
+  void openTakeAhead(const AVCodec* codec, const EncoderSettings& settings);
+  void hardwareFound(const EncoderSettings& take);
 
   const std::shared_ptr<SerialQueue> stateQueue_;
   const std::shared_ptr<Dispatch> dispatch_;
@@ -41,6 +43,7 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
   const std::shared_ptr<HardwareProbe> probe_;
   OpeningClock::time_point probedBy_;  // without software: sessions wait for hardware until then
   std::stop_source needed_;            // requested once the memory that is touched is needed
+  const AVCodec* nextTake_ = nullptr;  // what was opened ahead for a take that was started
 };
 
 }  // namespace lumora

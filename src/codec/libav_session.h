@@ -1,7 +1,7 @@
 #pragma once
 
 // A compression session on libavcodec. Settings are collected; a worker thread of the session's own
-// gets an encoder, encodes one frame after the other and closes the encoder in the end. The state
+// gets an encoder, encodes one frame after the other and releases the encoder in the end. The state
 // queue waits for none of it: a take that starts or stops must not hold up the preview.
 
 #include <memory>

@@ -47,9 +47,11 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
     requestFailure("invalid recording command framing");
     return false;
   }
-  // While the state queue stands the reader goes on all the same: the end of the input is what ends
-  // a process whose parent is gone.
-  const bool hasSlot = commandSlots.try_acquire_for(commandSlotTimeout);
+  // While the state queue stands still the reader goes on after one wait: the end of the input is
+  // what ends a process whose parent is gone.
+  const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
+                                       : commandSlots.try_acquire_for(commandSlotTimeout);
+  commandsAreLate = !hasSlot;
   platform.stateQueue->async([weak = weak_from_this(), hasSlot, payload = std::move(payload)] {
     const auto self = weak.lock();
     if (!self) return;

@@ -34,7 +34,7 @@ class Process {
   // The watchdog ends the process in `seconds`, whatever any thread is doing then, unless it is
   // armed already. Never throws. Any thread.
   virtual void armWatchdog(double seconds, int code) = 0;
-  // The same in place of what it is armed with. Never throws. State queue only.
+  // Replaces the watchdog's time and code, or arms it. Never throws. State queue only.
   virtual void rearmWatchdog(double seconds, int code) = 0;
 };
 

@@ -89,12 +89,13 @@ struct EncoderRun {
     EXPECT_EQ(session->prepareToEncodeFrames(), 0);
     return status;
   }
-  // Whether the driver opens an encoder for a recording; it serves the next recording, too.
-  bool isHardwareUsed() {
+  // Whether the driver opens an encoder for a session; it serves the next one, too.
+  bool isHardwareUsed(SessionKind kind = SessionKind::recording) {
     const int before = driver->opened;
     std::shared_ptr<CompressionSession> session;
-    EXPECT_EQ(createSession(session, SessionKind::recording), 0);
+    EXPECT_EQ(createSession(session, kind), 0);
     EXPECT_EQ(encodeOne(*session), (Answer{0, 0}));
+    session->invalidate();
     return driver->opened > before;
   }
   void waitForHardware() {
@@ -110,6 +111,7 @@ struct EncoderRun {
 TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoChoice) {
   using enum Driver::Behaviour;
   constexpr Status none = AVERROR_ENCODER_NOT_FOUND;
+  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   for (const auto& [choice, atFirst, later, created, answer] :
        {std::tuple{"auto", works, works, 0, Answer{0, 0}},
         {"auto", works, refuses, 0, Answer{0, 0}},
@@ -159,6 +161,18 @@ TEST(LibavEncoders, NothingWaitsForADriverAndALateAnswerCountsFromThenOn) {
   }
 }
 
+TEST(LibavEncoders, ATakeBeginsWithWhatWasOpenedForItThoughHardwareIsFoundMeanwhile) {
+  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  EncoderRun run("auto");
+  run.driver->behaviour = Driver::hangs;
+  run.encoders->prepare(take, take);
+  run.encoders->openAhead(slowTake);
+  run.driver->release.set_value();
+  while (!run.isHardwareUsed(SessionKind::preview)) std::this_thread::yield();
+  EXPECT_FALSE(run.isHardwareUsed());
+  EXPECT_TRUE(run.isHardwareUsed());
+}
+
 TEST(LibavEncoders, TheNextSessionGetsTheEncoderThatTheLastOneGivesBack) {
   if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   EncoderRun run("hardware");
@@ -181,15 +195,19 @@ struct EncoderSourceTest : testing::Test {
   void openAhead(const EncoderSettings& settings) {
     source->openAhead(request(settings).spec, settings, 0);
   }
-  // Whether it was opened ahead.
-  bool take(const EncoderSettings& settings) {
+  // Whether it was opened ahead, or kept.
+  bool isAhead(const EncoderSettings& settings) {
     const int before = opened;
-    EXPECT_NE(source->take(request(settings)).encoder, nullptr);
+    EXPECT_NE(source->acquire(request(settings), {}).encoder, nullptr);
     return opened == before;
+  }
+  void release(const EncoderSettings& settings, OpenResult result) {
+    source->beginRelease(request(settings));
+    source->release(request(settings), std::move(result));
   }
 
   double now = 0;
-  int opened = 0;
+  std::atomic<int> opened = 0;
   int trimmed = 0;
   std::shared_ptr<PicturePool> pictures = PicturePool::make();
   std::shared_ptr<Driver> driver = std::make_shared<Driver>();
@@ -204,91 +222,133 @@ struct EncoderSourceTest : testing::Test {
 
 TEST_F(EncoderSourceTest, OneOfEachKindIsOpenedAheadForTheSettingsThatWereAskedForLast) {
   openAhead(preview);
-  openAhead(lumora::take);
-  openAhead(lumora::take);
+  openAhead(take);
+  openAhead(take);
   opener->run();
   EXPECT_EQ(opened, 2);
   openAhead(slowTake);
   opener->run();
-  EXPECT_TRUE(take(preview));
-  EXPECT_FALSE(take(preview));  // it is gone
-  EXPECT_FALSE(take(lumora::take));
-  EXPECT_TRUE(take(slowTake));
+  EXPECT_TRUE(isAhead(preview));
+  EXPECT_FALSE(isAhead(preview));  // it is gone
+  EXPECT_FALSE(isAhead(take));
+  EXPECT_TRUE(isAhead(slowTake));
 }
 
-TEST_F(EncoderSourceTest, OneThatIsBeingOpenedIsWaitedForUnlessItFails) {
-  for (const auto& [behaviour, calls] : {std::pair{Driver::works, 1}, {Driver::refusesOnce, 2}}) {
-    opened = 0;
-    driver->behaviour = behaviour;
-    const EncoderRequest wanted = request(lumora::take, "h264_nvenc");
-    if (wanted.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
-    source->openAhead(wanted.spec, wanted.settings, 0);
-    auto taken = std::async(std::launch::async, [&] { return source->take(wanted); });
-    EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+TEST_F(EncoderSourceTest, OneThatIsBeingOpenedIsWaitedForAndOneThatIsNotIsOpenedByItsUser) {
+  const EncoderRequest wanted = request(take, "h264_nvenc");
+  if (wanted.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  source->openAhead(wanted.spec, wanted.settings, 0);
+  EXPECT_NE(source->acquire(wanted, {}).encoder, nullptr);
+  opener->run();
+  EXPECT_EQ(opened, 1);
+
+  driver->behaviour = Driver::hangs;
+  source->openAhead(wanted.spec, wanted.settings, 0);
+  const std::jthread opening([&] { opener->run(); });
+  while (opened < 2) std::this_thread::yield();
+  auto acquired = std::async(std::launch::async, [&] { return source->acquire(wanted, {}); });
+  EXPECT_EQ(acquired.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  driver->release.set_value();
+  EXPECT_NE(acquired.get().encoder, nullptr);
+  EXPECT_EQ(opened, 2);
+}
+
+TEST_F(EncoderSourceTest, AnEncoderServesTheNextSessionUnlessOneWasOpenedForThat) {
+  for (const bool isOpened : {false, true}) {
+    OpenResult first = source->acquire(request(take), {});
+    if (isOpened) openAhead(slowTake);
     opener->run();
-    EXPECT_NE(taken.get().encoder, nullptr);
-    EXPECT_EQ(opened, calls);
+    release(take, std::move(first));
+    EXPECT_EQ(isAhead(take), !isOpened);
+    EXPECT_EQ(isAhead(slowTake), isOpened);
   }
 }
 
-TEST_F(EncoderSourceTest, MakesRoomWhereADriverServesOnlyAFew) {
+// A driver that serves one encoder at a time.
+struct LimitedDriver : EncoderSourceTest {
+  void SetUp() override {
+    if (wanted.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+    driver->limit = 1;
+  }
   EncoderRequest wanted = request(preview, "h264_nvenc");
-  if (wanted.spec.codec == nullptr) GTEST_SKIP() << "a libavcodec without h264_nvenc";
-  driver->limit = 1;
-  source->openAhead(wanted.spec, lumora::take, 0);
+};
+
+TEST_F(LimitedDriver, OneThatWasOpenedAheadMakesRoomThenTheSubstituteTakesItsPlaceForOnce) {
+  source->openAhead(wanted.spec, take, 0);
   opener->run();
-  OpenResult first = source->take(wanted);  // closes the one that was opened ahead
+  const OpenResult first = source->acquire(wanted, {});
+  EXPECT_FALSE(first.isSubstitute);
   EXPECT_EQ(driver->opened, 2);
-  OpenResult instead = source->take(wanted);  // there is no room
+  OpenResult instead = source->acquire(wanted, {});
   EXPECT_TRUE(instead.encoder && instead.isSubstitute);
-  source->beginReturn();
-  source->giveBack(wanted, std::move(instead));  // which does not stand in the way later
-  EXPECT_TRUE(source->take(wanted).isSubstitute);
-  source->beginReturn();
-  auto second = std::async(std::launch::async, [&] { return source->take(wanted); });
+  source->beginRelease(wanted);
+  source->release(wanted, std::move(instead));
+  EXPECT_TRUE(source->acquire(wanted, {}).isSubstitute);  // it was not kept as the driver's
+}
+
+TEST_F(LimitedDriver, OneThatIsReleasedIsWaitedForUnlessItNeverComes) {
+  OpenResult first = source->acquire(wanted, {});
+  source->beginRelease(wanted);
+  auto second = std::async(std::launch::async, [&] { return source->acquire(wanted, {}); });
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  source->giveBack(wanted, std::move(first));
-  OpenResult kept = second.get();
-  EXPECT_EQ(driver->opened, 2);  // the first one's encoder
-  source->beginReturn();
-  source->giveBack(wanted, std::move(kept));
-  wanted.settings = slowTake;
-  EXPECT_FALSE(source->take(wanted).isSubstitute);
-  EXPECT_EQ(driver->opened, 3);
+  wanted.settings = slowTake;  // so that the second one can't be given the first one's
+  source->release(wanted, std::move(first));
+  EXPECT_FALSE(second.get().isSubstitute);
+  EXPECT_EQ(driver->opened, 2);
+
+  const OpenResult third = source->acquire(wanted, {});
+  source->beginRelease(wanted);
+  EXPECT_TRUE(source->acquire(wanted, {}).isSubstitute);  // a second later
+}
+
+TEST_F(LimitedDriver, ASessionThatIsStoppedWaitsForNone) {
+  const OpenResult first = source->acquire(wanted, {});
+  source->beginRelease(wanted);
+  std::stop_source stop;
+  auto second =
+      std::async(std::launch::async, [&] { return source->acquire(wanted, stop.get_token()); });
+  EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  stop.request_stop();
+  EXPECT_EQ(second.get().status, AVERROR_EXIT);
+  EXPECT_EQ(source->acquire(wanted, stop.get_token()).status, AVERROR_EXIT);
 }
 
 TEST_F(EncoderSourceTest, UnusedMemoryGoesBackAMinuteAfterTheLastTake) {
   openAhead(preview);
-  openAhead(lumora::take);
-  source->trimLater();
+  openAhead(take);
   now = 59;
   opener->run();
-  EXPECT_TRUE(take(lumora::take));
-  now = 60;
+  OpenResult running = source->acquire(request(take), {});
+  release(preview, source->acquire(request(preview), {}));
+  now = 119;
   opener->run();
-  EXPECT_EQ(trimmed, 0);  // a take is running
-  source->beginReturn();
-  source->giveBack(request(lumora::take), {});
-  now = 119.9;
+  EXPECT_EQ(opened, 2);
+  EXPECT_EQ(trimmed, 0);  // the take is still running
+  now = 200;
+  release(take, std::move(running));
+  now = 259.9;
   opener->run();
   EXPECT_EQ(trimmed, 0);
-  now = 120;
+  now = 260;
   opener->run();
   EXPECT_EQ(trimmed, 1);
-  EXPECT_FALSE(take(preview));  // nobody used it
+  EXPECT_FALSE(isAhead(preview));
 }
 
 TEST(LibavEncoders, PreparesAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst) {
   for (const bool comesFirst : {false, true}) {
     double now = 0;
     int opened = 0;
+    int trimmed = 0;
     const auto dispatch = std::make_shared<FakeDispatch>(now);
+    const auto queue = std::make_shared<ManualQueue>(now);
     const auto encoders = std::make_shared<LibavEncoders>(
-        parseEncoderChoice("software"), std::make_shared<ManualQueue>(now), dispatch,
-        PicturePool::make(), [&](auto&&... all) {
+        parseEncoderChoice("software"), queue, dispatch, PicturePool::make(),
+        [&](auto&&... all) {
           ++opened;
           return LibavEncoder::open(all...);
-        });
+        },
+        [&] { ++trimmed; });
     ManualQueue& opener = *dispatch->queues.at(0);
     encoders->prepare(preview, take);
     opener.run();
@@ -296,11 +356,15 @@ TEST(LibavEncoders, PreparesAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst)
     encoders->warmUp(take, take);
     if (comesFirst) encoders->openAhead(slowTake);
     std::exchange(dispatch->detached, {}).at(0)();
+    queue->run();
     opener.run();
     EXPECT_EQ(opened, 2);
     encoders->openAhead(slowTake);
     opener.run();
     EXPECT_EQ(opened, comesFirst ? 2 : 3);
+    now = 60;
+    opener.run();
+    EXPECT_EQ(trimmed, 1);
   }
 }
 
