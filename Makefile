@@ -11,8 +11,9 @@
 #   make package-test  and whether they work in a minimal Debian made for it (root)
 #   make arm64         build for 64-bit Arm, test it in an emulator, make its packages (root)
 #   make portable      the program as one file that needs nothing but glibc, into build/portable
+#   make portable-test and whether it works in a minimal Debian made for it (root)
 #   make fresh   demo and test in a minimal Debian made for it (root; half an hour)
-#                fresh and package-test take SUITE=trixie; the default is bookworm
+#                fresh, package-test and portable-test take SUITE=trixie; the default is bookworm
 
 JOBS ?= $(shell nproc)
 OUT ?= out
@@ -20,7 +21,7 @@ SECONDS_FED ?= 10
 MINUTES ?= 1
 SUITE ?= bookworm
 
-.PHONY: demo view test bench fuzz soak lint package package-test fresh arm64 portable format dependencies clean
+.PHONY: demo view test bench fuzz soak lint package package-test fresh arm64 portable portable-test format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -78,6 +79,9 @@ arm64:
 
 portable: dependencies
 	scripts/portable.sh $(JOBS)
+
+portable-test:
+	SUITE=$(SUITE) scripts/portable_test.sh $(JOBS)
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -4,4 +4,4 @@
 # Needs root and half an hour.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-KEEP=build/arm64/packages KEEP_TO=arm64 scripts/fresh.sh scripts/arm64_inside.sh
+SUITE=bookworm KEEP=build/arm64/packages KEEP_TO=arm64 scripts/fresh.sh scripts/arm64_inside.sh

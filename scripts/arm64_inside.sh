@@ -14,7 +14,8 @@ cmake --preset arm64
 cmake --build --preset arm64 -j "$(nproc)"
 
 emulator=(qemu-aarch64 -cpu cortex-a76)
-"${emulator[@]}" build/arm64/tests/lumora-unit-tests
+# A death test starts its own program again, which only the emulator could.
+"${emulator[@]}" build/arm64/tests/lumora-unit-tests --gtest_filter='-HangDeathTest.*'
 
 # The tests start the helper themselves.
 helper=$PWD/build/arm64/lumora-video-emulated

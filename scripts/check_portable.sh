@@ -4,7 +4,8 @@ set -euo pipefail
 program=$1
 failed=0
 
-needed=$(objdump -p "$program" | awk '$1 == "NEEDED" { print $2 }' | grep -vxE 'lib(c|m)\.so\.6|ld-linux.*' || true)
+needed=$(objdump -p "$program" |
+  awk '$1 == "NEEDED" && $2 !~ /^(lib[cm]\.so\.6|ld-linux.*)$/ { printf "%s ", $2 }')
 if [ -n "$needed" ]; then
   echo "$program needs $needed" >&2
   failed=1

@@ -6,7 +6,7 @@
 #   scripts/fresh.sh [COMMAND ...]     instead of "make demo" and "make test"
 #
 # SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone that is copied into
-# build/KEEP_TO (SUITE) afterwards.
+# build/KEEP_TO (default: SUITE) if every command succeeds.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repository=$PWD
@@ -69,6 +69,7 @@ done
 if [ -n "${KEEP:-}" ] && [ "$failed" -eq 0 ]; then
   kept=build/${KEEP_TO:-$suite}
   mkdir -p "$kept"
+  rm -rf "${kept:?}/${KEEP##*/}"
   cp -r "$root/root/lumora-video/$KEEP" "$kept/"
 fi
 exit "$failed"

@@ -9,6 +9,14 @@ git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 scripts/check_rooms.sh
 
+version=$(sed -n 's/^project(lumora-video VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+for entry in '"version"' '"lumora-video-linux-x64"'; do
+  grep -q "$entry: \"$version\"" client/node/package.json || {
+    echo "client/node/package.json: $entry is not $version, the version in CMakeLists.txt" >&2
+    exit 1
+  }
+done
+
 cmake --preset debug >/dev/null
 # Of Asio and Beast the declarations are enough: what stands in their headers is not ours.
 git ls-files 'src/*.cpp' 'client/*.cpp' 'tools/*.cpp' ':!client/example' |

@@ -21,7 +21,7 @@ for package in libyuv-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-de
   install -m 644 "/usr/share/doc/$package/copyright" "$content/licences/${package%-dev}.txt"
 done
 
-commit=$(git rev-parse HEAD 2>/dev/null || echo unknown)
+commit=$(git describe --always --dirty --abbrev=40 --exclude="*")
 {
   echo "lumora-video $version, commit $commit, as one program for x86-64 Linux with glibc 2.36 or newer."
   echo

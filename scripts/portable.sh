@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 jobs=${1:-2}
 if [ "$(. /etc/os-release && echo "${VERSION_CODENAME:-}")" != bookworm ]; then
   echo "make portable builds on Debian 12, so that the program runs there and on what is newer;" >&2
-  echo "elsewhere, as root: KEEP=build/portable scripts/fresh.sh 'make portable'" >&2
+  echo "elsewhere, as root: KEEP=build/portable/packages KEEP_TO=portable scripts/fresh.sh 'make portable'" >&2
   exit 1
 fi
 npm=(); command -v npm >/dev/null || npm=(nodejs npm)
@@ -18,6 +18,7 @@ scripts/install_dependencies.sh nasm dpkg-dev file libffmpeg-nvenc-dev "${npm[@]
 build=$PWD/build/portable
 sources=$build/sources
 stage=$build/stage
+rm -rf "$build"
 mkdir -p "$sources" "$stage"
 
 # The system's own list of packages, as a list of sources.
@@ -86,16 +87,10 @@ buildProgram() {
   strip -o "$build/lumora-video" "$build/program/src/lumora-video"
 }
 
-# Each step once: a folder that is there already is a step that is done.
-step() {
-  [ -e "$build/$1.done" ] && return
-  echo "== $1"
-  "$1" >"$build/$1.log" 2>&1 || { tail -n 40 "$build/$1.log"; exit 1; }
-  touch "$build/$1.done"
-}
-for part in fetchSources buildX264 buildFFmpeg buildHighway; do step "$part"; done
-echo "== buildProgram"
-buildProgram >"$build/buildProgram.log" 2>&1 || { tail -n 40 "$build/buildProgram.log"; exit 1; }
-
+trap 'status=$?; [ "$status" -eq 0 ] || tail -n 40 "$build/log"' EXIT
+for step in fetchSources buildX264 buildFFmpeg buildHighway buildProgram; do
+  echo "== $step"
+  $step >"$build/log" 2>&1
+done
 scripts/check_portable.sh "$build/lumora-video"
 scripts/pack_portable.sh "$build"

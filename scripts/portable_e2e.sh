@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Runs the end-to-end tests with the portable program inside a minimal Debian of SUITE: the tests and
+# their ffmpeg are this machine's. Tests that load a library in front of the helper run it here.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+if [ -z "${FRESH_NAMESPACE:-}" ]; then
+  exec env FRESH_NAMESPACE=1 unshare --mount --propagation private "$0"
+fi
+root=$(mktemp -d "${TMPDIR:-/var/tmp}/lumora-bare.XXXXXX")
+cleanUp() {
+  for point in proc dev tmp; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
+  rm -rf --one-file-system "$root"
+}
+trap cleanUp EXIT
+mmdebstrap --quiet --variant=minbase "$SUITE" "$root"
+mount -t proc proc "$root/proc"
+mount --rbind /dev "$root/dev"
+mount --rbind /tmp "$root/tmp"
+cp build/portable/lumora-video "$root/usr/bin/"
+
+tests=$PWD/build/release/tests/lumora-e2e-tests
+helper=$root/lumora-video
+# "chroot" leaves for the folder "/"; the helper is given none.
+printf '#!/bin/sh\nexec chroot %s /usr/bin/lumora-video "$@"\n' "$root" >"$helper"
+chmod +x "$helper"
+LUMORA_HELPER=$helper "$tests" --gtest_brief=1 --gtest_filter='-Faults.*:Viewer.*'
+LUMORA_HELPER=$PWD/build/portable/lumora-video "$tests" --gtest_brief=1 --gtest_filter='Faults.*:Viewer.*'

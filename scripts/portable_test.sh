@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Tries what scripts/portable.sh has packed: in a minimal Debian of SUITE that has no FFmpeg, as a new
+# user would (scripts/try_portable.sh), and with the end-to-end tests of this machine, whose helper
+# then runs inside such a Debian. Needs root and some minutes.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+export SUITE=${SUITE:-bookworm}
+[ -x build/portable/lumora-video ] || { echo "run make portable first" >&2; exit 1; }
+(cd client/node && npm ci --silent && npm pack --silent --pack-destination ../../build/portable/packages)
+
+KEEP=build/takes scripts/fresh.sh scripts/try_portable.sh
+ffmpeg -v error -xerror -nostdin -i "build/$SUITE/takes/take.mp4" -f null -
+
+cmake --preset release >/dev/null
+cmake --build --preset release -j "${1:-2}" -t lumora-e2e-tests
+scripts/portable_e2e.sh

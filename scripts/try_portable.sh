@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Inside the machine that scripts/fresh.sh makes, which has no FFmpeg: installs the packed files of
+# build/portable in an application, as a new user would, and records a take with what is found.
+set -euo pipefail
+packages=/origin/build/portable/packages
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends nodejs npm >/dev/null
+! command -v ffmpeg lumora-video
+
+mkdir /tmp/application /tmp/takes
+tar -xzf "$packages"/lumora-video-*-linux-x64.tar.gz -C /tmp
+(/tmp/lumora-video-*-linux-x64/lumora-video || true) | grep 'invalid helper configuration'
+
+cp client/node/example/record.mjs /tmp/application
+cd /tmp/application
+npm init --yes >/dev/null
+npm install --silent "$packages"/lumora-video-client-*.tgz "$packages"/lumora-video-linux-x64-*.tgz
+node record.mjs /tmp/takes
+ls -l /tmp/takes
+mkdir -p /root/lumora-video/build
+cp -r /tmp/takes /root/lumora-video/build/
+echo "The portable program works"
