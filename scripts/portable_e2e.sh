@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the end-to-end tests with the portable program inside a minimal Debian of SUITE: the tests and
-# their ffmpeg are this machine's. Tests that load a library in front of the helper run it here.
+# their ffmpeg are this machine's. Tests that load a library in front of the helper, or leave it few
+# descriptors, run it here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
@@ -15,13 +16,17 @@ trap cleanUp EXIT
 mmdebstrap --quiet --variant=minbase "$SUITE" "$root"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
-mount --rbind /tmp "$root/tmp"
+cp /etc/hosts "$root/etc/"
+# What the tests mount on their folders appears there, too.
+mount --bind /tmp /tmp
+mount --make-shared /tmp
+mount --bind /tmp "$root/tmp"
 cp build/portable/lumora-video "$root/usr/bin/"
 
 tests=$PWD/build/release/tests/lumora-e2e-tests
 helper=$root/lumora-video
-# "chroot" leaves for the folder "/"; the helper is given none.
 printf '#!/bin/sh\nexec chroot %s /usr/bin/lumora-video "$@"\n' "$root" >"$helper"
 chmod +x "$helper"
-LUMORA_HELPER=$helper "$tests" --gtest_brief=1 --gtest_filter='-Faults.*:Viewer.*'
-LUMORA_HELPER=$PWD/build/portable/lumora-video "$tests" --gtest_brief=1 --gtest_filter='Faults.*:Viewer.*'
+here=Faults.*:Viewer.*:Input.HasWordsForTooFewDescriptors
+LUMORA_HELPER=$helper "$tests" --gtest_brief=1 --gtest_filter="-$here"
+LUMORA_HELPER=$PWD/build/portable/lumora-video "$tests" --gtest_brief=1 --gtest_filter="$here"

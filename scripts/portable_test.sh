@@ -9,7 +9,8 @@ export SUITE=${SUITE:-bookworm}
 (cd client/node && npm ci --silent && npm pack --silent --pack-destination ../../build/portable/packages)
 
 KEEP=build/takes scripts/fresh.sh scripts/try_portable.sh
-ffmpeg -v error -xerror -nostdin -i "build/$SUITE/takes/take.mp4" -f null -
+ffmpeg -v error -xerror -nostdin -i "build/$SUITE/takes/take.mp4" \
+  -fps_mode passthrough -enc_time_base -1 -f null -
 
 cmake --preset release >/dev/null
 cmake --build --preset release -j "${1:-2}" -t lumora-e2e-tests
