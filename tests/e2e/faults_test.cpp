@@ -35,6 +35,8 @@ struct Faults : HelperTest {
     }
     return false;
   }
+  // Nothing comes between a program and a libavcodec that is linked into it.
+  static bool canFailCodec() { return std::getenv("LUMORA_HELPER") == nullptr; }
   void feedUntilHit() {
     for (const double patience = uptime() + 20; !std::filesystem::exists(hitPath());) {
       ASSERT_LT(uptime(), patience);
@@ -157,8 +159,9 @@ TEST_F(Faults, WhicheverCallFailsEveryRunEndsWellAndNoMovieIsLost) {
   std::istringstream others(
       "open read pwrite fdatasync fsync renameat2 ftruncate fallocate pthread_create socket bind "
       "listen accept recv sendmsg epoll_ctl epoll_create1 eventfd timerfd_create timerfd_settime "
-      "close avcodec_send_frame");
+      "close");
   for (std::string call; others >> call;) kinds.push_back({call, "", path});
+  if (canFailCodec()) kinds.push_back({"avcodec_send_frame", "", path});
   for (const auto& [call, before, saved] : kinds) {
     long nth = 1;
     for (bool hit = true; hit; nth = nextTried(nth)) {
@@ -203,6 +206,7 @@ TEST_F(Faults, AFileThatIsStillToBeRemovedTakesNoOtherWithIt) {
 
 // The one thing left that can end it is the watchdog, whose signal its parent had blocked.
 TEST_F(Faults, AHangingEncoderAndABlockedAlarmDoNotKeepTheProcess) {
+  if (!canFailCodec()) GTEST_SKIP();
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
@@ -216,11 +220,10 @@ TEST_F(Faults, AHangingEncoderAndABlockedAlarmDoNotKeepTheProcess) {
 }
 
 TEST_F(Faults, ADriverThatDoesNotAnswerCostsNoFrame) {
+  if (!canFailCodec()) GTEST_SKIP();
   ASSERT_TRUE(startWith("h264_nvenc:0:-30", {{"TAVO_H264_ENCODER", "auto"}}));
   const Watcher watcher(connectClient());
   const Event saved = take(10, 10);
-  if (std::getenv("LUMORA_HELPER") != nullptr && !std::filesystem::exists(hitPath()))
-    GTEST_SKIP() << "that program is linked with its libavcodec";
   EXPECT_TRUE(std::filesystem::exists(hitPath())) << "no such encoder in this libavcodec";
   EXPECT_EQ(saved.at("frames"), 10);
   EXPECT_EQ(finish(), 0);
