@@ -1,5 +1,5 @@
 # What CPack leaves as it is.
 file(GLOB_RECURSE archives ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*.a)
 foreach(archive ${archives})
-  execute_process(COMMAND strip --strip-debug ${archive} COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND ${CPACK_STRIP} --strip-debug ${archive} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
