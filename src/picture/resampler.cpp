@@ -310,13 +310,13 @@ bool Resampler::matches(const ImageView& source, const MutableImageView& destina
          width_ == destination.width && height_ == destination.height;
 }
 
-void Resampler::run(const ImageView& source, const MutableImageView& destination, std::int64_t from,
-                    std::int64_t to, Workspace& workspace) const {
+void Resampler::run(const ImageView& source, const MutableImageView& destination,
+                    Workspace& workspace) const {
   auto& [columnSums, rows] = workspace;
   rows.resize(static_cast<std::size_t>(vertical_.taps));
   const auto rowValues = static_cast<std::size_t>(sourceWidth_ + horizontal_.taps) * 4;
   columnSums.resize(std::max(columnSums.size(), rowValues + lanesOfSlack));
-  for (std::int64_t y = from; y < to; ++y) {
+  for (std::int64_t y = 0; y < height_; ++y) {
     const auto index = static_cast<std::size_t>(y);
     for (std::size_t k = 0; k < rows.size(); ++k) {
       // A tap more than there are rows has no weight.

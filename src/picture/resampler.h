@@ -48,10 +48,9 @@ class Resampler {
     std::vector<const std::uint8_t*> rows;  // the source rows of one destination row
   };
 
-  // Resamples RGBA into BGRA and turns the picture upside down; only what becomes of the
-  // destination's rows `from` to before `to`, counted before it is turned.
-  void run(const ImageView& source, const MutableImageView& destination, std::int64_t from,
-           std::int64_t to, Workspace& workspace) const;
+  // Resamples RGBA into BGRA and turns the picture upside down.
+  void run(const ImageView& source, const MutableImageView& destination,
+           Workspace& workspace) const;
 
  private:
   std::int64_t sourceWidth_;

@@ -4,15 +4,12 @@
 
 #include <algorithm>
 
-#include "base/out_of_memory.h"
 #include "picture/box_reduction.h"
 
 namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 4;
-// Below this the work is done before another thread has woken up.
-constexpr std::int64_t pixelsForTwoThreads = 640 * 360;
 
 bool isUsable(std::int64_t width, std::int64_t height, const void* pixels) {
   return pixels != nullptr && width > 0 && height > 0 && width <= Resampler::maximumSide &&
@@ -37,20 +34,8 @@ bool SystemImageConverter::convert(const ImageView& source, const MutableImageVi
     averageBoxes(source, destination);
     return true;
   }
-  resample(source, destination);
+  resamplerFor(source, destination).run(source, destination, workspace_);
   return true;
-}
-
-void SystemImageConverter::resample(const ImageView& source, const MutableImageView& destination) {
-  const Resampler& resampler = resamplerFor(source, destination);
-  const std::int64_t height = destination.height;
-  if (source.width * source.height < pixelsForTwoThreads) {
-    return resampler.run(source, destination, 0, height, upper_);
-  }
-  if (!secondThread_) bestEffort([this] { secondThread_ = std::make_unique<SecondThread>(); });
-  if (!secondThread_) return resampler.run(source, destination, 0, height, upper_);
-  secondThread_->runBoth([&] { resampler.run(source, destination, 0, height / 2, upper_); },
-                         [&] { resampler.run(source, destination, height / 2, height, lower_); });
 }
 
 const Resampler& SystemImageConverter::resamplerFor(const ImageView& source,
