@@ -186,6 +186,31 @@ TEST(LibavEncoders, TheNextSessionGetsTheEncoderThatTheLastOneGivesBack) {
   }
 }
 
+TEST(LibavEncoders, ASessionWaitsForAnEncoderThatIsOpenedForAStoppedOne) {
+  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  for (int i = 0; i < 10; ++i) {
+    EncoderRun run("hardware");
+    run.encoders->prepare(take, take);
+    run.waitUntilPrepared();
+    run.driver->limit = 2;  // the one that was opened to find it, and one more
+    run.driver->behaviour = Driver::hangs;
+    std::shared_ptr<CompressionSession> stopped;
+    std::shared_ptr<CompressionSession> next;
+    ASSERT_EQ(run.createSession(stopped), 0);
+    stopped->invalidate();
+    ASSERT_EQ(run.createSession(next), 0);
+    run.driver->release.set_value();  // they come in any order
+    EXPECT_EQ(encodeOne(*next), (Answer{0, 0}));
+  }
+}
+
+TEST(LibavEncoders, HardwareThatIsFoundIsOpenedForTheNextTakeToo) {
+  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+  EncoderRun run("auto");
+  run.encoders->prepare(preview, take);
+  while (run.driver->opened < 2) std::this_thread::yield();
+}
+
 struct EncoderSourceTest : testing::Test {
   EncoderRequest request(const EncoderSettings& settings, const char* codec = softwareEncoder) {
     return {.spec = {.codec = avcodec_find_encoder_by_name(codec), .pictures = pictures},
@@ -291,8 +316,8 @@ TEST_F(LimitedDriver, OneThatIsReleasedIsWaitedForUnlessItNeverComes) {
   source->beginRelease(wanted);
   auto second = std::async(std::launch::async, [&] { return source->acquire(wanted, {}); });
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  wanted.settings = slowTake;  // so that the second one can't be given the first one's
-  source->release(wanted, std::move(first));
+  first.encoder.reset();
+  source->release(wanted, {});
   EXPECT_FALSE(second.get().isSubstitute);
   EXPECT_EQ(driver->opened, 2);
 

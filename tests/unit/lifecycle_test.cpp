@@ -153,14 +153,15 @@ TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
     for (;;) pause();
   };
   EXPECT_EXIT(askTwice(), testing::ExitedWithCode(7), "");
-  const auto decide = [] {
+  const auto decide = [](bool isAsked) {
     PosixProcess process;
-    process.armWatchdog(60, 3);
+    if (isAsked) process.armWatchdog(60, 3);
     process.rearmWatchdog(0.1, 7);
     process.armWatchdog(60, 3);
     for (;;) pause();
   };
-  EXPECT_EXIT(decide(), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(decide(true), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(decide(false), testing::ExitedWithCode(7), "");
 }
 
 struct PipedInput {
