@@ -74,14 +74,26 @@ struct EncoderRun {
                                                std::make_shared<AsioDispatch>(queue),
                                                PicturePool::make(), driver->opening(driver));
   }
+  void onQueue(const Work& call) {
+    std::promise<void> done;
+    queue->async([&] {
+      call();
+      done.set_value();
+    });
+    done.get_future().wait();
+  }
+  void prepare(const EncoderSettings& first, const EncoderSettings& second) {
+    onQueue([&] { encoders->prepare(first, second); });
+  }
   void waitUntilPrepared() {
     std::promise<void> prepared;
-    encoders->whenPrepared([&] { prepared.set_value(); });
+    onQueue([&] { encoders->whenPrepared([&] { prepared.set_value(); }); });
     prepared.get_future().wait();
   }
   Status createSession(std::shared_ptr<CompressionSession>& session,
                        SessionKind kind = SessionKind::preview) {
-    const Status status = encoders->createSession(kind, 2, 2, {}, session);
+    Status status = 0;
+    onQueue([&] { status = encoders->createSession(kind, 2, 2, {}, session); });
     if (!session) return status;
     session->setProperty(SessionProperty::expectedFrameRate, preview.frameRate);
     session->setProperty(SessionProperty::maxKeyFrameInterval, preview.keyFrameInterval);
@@ -124,7 +136,7 @@ TEST(LibavEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoC
     SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
     EncoderRun run(choice);
     run.driver->behaviour = atFirst;
-    run.encoders->prepare(take, take);
+    run.prepare(take, take);
     run.waitUntilPrepared();
     if (atFirst == works) run.waitForHardware();
     run.driver->behaviour = later;
@@ -146,7 +158,7 @@ TEST(LibavEncoders, NothingWaitsForADriverAndALateAnswerCountsFromThenOn) {
     SCOPED_TRACE(behaviour);
     EncoderRun run("auto");
     run.driver->behaviour = behaviour;
-    run.encoders->prepare(take, take);
+    run.prepare(take, take);
     run.waitUntilPrepared();
     std::shared_ptr<CompressionSession> early;
     EXPECT_EQ(run.createSession(early), 0);
@@ -165,8 +177,8 @@ TEST(LibavEncoders, ATakeBeginsWithWhatWasOpenedForItThoughHardwareIsFoundMeanwh
   if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   EncoderRun run("auto");
   run.driver->behaviour = Driver::hangs;
-  run.encoders->prepare(take, take);
-  run.encoders->openAhead(slowTake);
+  run.prepare(take, take);
+  run.onQueue([&] { run.encoders->openAhead(slowTake); });
   run.driver->release.set_value();
   while (!run.isHardwareUsed(SessionKind::preview)) std::this_thread::yield();
   EXPECT_FALSE(run.isHardwareUsed());
@@ -177,7 +189,7 @@ TEST(LibavEncoders, TheNextSessionGetsTheEncoderThatTheLastOneGivesBack) {
   if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   EncoderRun run("hardware");
   run.driver->limit = 1;
-  run.encoders->prepare(preview, take);
+  run.prepare(preview, take);
   for (int i = 0; i < 20; ++i) {
     std::shared_ptr<CompressionSession> session;
     ASSERT_EQ(run.createSession(session), 0);
@@ -190,7 +202,7 @@ TEST(LibavEncoders, ASessionWaitsForAnEncoderThatIsOpenedForAStoppedOne) {
   if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   for (int i = 0; i < 10; ++i) {
     EncoderRun run("hardware");
-    run.encoders->prepare(take, take);
+    run.prepare(take, take);
     run.waitUntilPrepared();
     run.driver->limit = 2;  // the one that was opened to find it, and one more
     run.driver->behaviour = Driver::hangs;
@@ -207,7 +219,7 @@ TEST(LibavEncoders, ASessionWaitsForAnEncoderThatIsOpenedForAStoppedOne) {
 TEST(LibavEncoders, HardwareThatIsFoundIsOpenedForTheNextTakeToo) {
   if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   EncoderRun run("auto");
-  run.encoders->prepare(preview, take);
+  run.prepare(preview, take);
   while (run.driver->opened < 2) std::this_thread::yield();
 }
 
