@@ -4,7 +4,7 @@
 #include <cstring>
 #include <system_error>
 
-#include "codec/encoder_choice.h"
+#include "codec/allowed_encoders.h"
 #include "codec/memory_pixel_buffers.h"
 
 namespace lumora {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <stop_token>
 
-#include "codec/encoder_source.h"
+#include "codec/encoder_pool.h"
 #include "platform/compression.h"
 
 namespace lumora {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "codec/encoder_source.h"
+#include "codec/encoder_pool.h"
 
 namespace lumora {
 

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "codec/encoder_source.h"
+#include "codec/encoder_pool.h"
 #include "codec/memory_pixel_buffers.h"
 #include "platform/compression.h"
 

@@ -1,6 +1,6 @@
 #include "system/system_platform.h"
 
-#include "codec/libav_encoders.h"
+#include "codec/system_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_image_converter.h"
 #include "system/asio_dispatch.h"

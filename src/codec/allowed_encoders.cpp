@@ -1,4 +1,4 @@
-#include "codec/encoder_choice.h"
+#include "codec/allowed_encoders.h"
 
 #include <algorithm>
 

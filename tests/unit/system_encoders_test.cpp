@@ -1,6 +1,6 @@
 // Which encoders sessions get, with drivers that refuse, hang, answer late and serve only a few.
 
-#include "codec/libav_encoders.h"
+#include "codec/system_encoders.h"
 #include "encode/session_settings.h"
 #include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"

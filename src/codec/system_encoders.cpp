@@ -1,4 +1,4 @@
-#include "codec/libav_encoders.h"
+#include "codec/system_encoders.h"
 
 #include <utility>
 

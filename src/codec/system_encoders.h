@@ -7,8 +7,8 @@
 #include <stop_token>
 
 #include "base/process_heap.h"
-#include "codec/encoder_choice.h"
-#include "codec/encoder_source.h"
+#include "codec/allowed_encoders.h"
+#include "codec/encoder_pool.h"
 #include "codec/hardware_probe.h"
 #include "platform/encoders.h"
 

@@ -1,4 +1,4 @@
-#include "codec/encoder_source.h"
+#include "codec/encoder_pool.h"
 
 #include <utility>
 
