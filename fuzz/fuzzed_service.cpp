@@ -29,7 +29,7 @@ FuzzedService::~FuzzedService() {
 
 void FuzzedService::step() {
   probe.clock->now += 0.01;
-  probe.dispatch->tick();
+  probe.tick();
   probe.run();
   for (const auto& session : probe.encoders->sessions) {
     while (!session->pending.empty()) session->answer(0, keySample());

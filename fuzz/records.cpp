@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int seals = kinds[data[1] % 4];
   unsigned bytes = data[1] / 4U * 4096 + data[1];  // of less than two pages: there is no memory
   const client::Descriptor memory = makeMemory(bytes, seals);
-  FuzzedService service(inheritFrameMemory(memory.get(), PicturePool::make()));
+  FuzzedService service(inheritFrameMemory(memory.get()));
   service.probe.process->chunk = data[0] + 1U;
   service.probe.process->input.assign(data + 2, data + size);
   service.probe.process->beforeRead = [&] {

@@ -9,6 +9,7 @@
 
 #include "app/options.h"
 #include "app/video_encoder.h"
+#include "base/out_of_memory.h"
 #include "base/process_heap.h"
 #include "system/inherited_frame_memory.h"
 #include "system/system_platform.h"
@@ -22,8 +23,6 @@ constexpr std::string_view invalidConfiguration =
     "{\"type\":\"error\",\"message\":\"invalid helper configuration\"}\n";
 constexpr std::string_view listenerFailed =
     "{\"type\":\"error\",\"message\":\"video listener initialization failed\"}\n";
-constexpr std::string_view unexpectedFailure =
-    "{\"type\":\"error\",\"message\":\"unexpected failure\"}\n";
 
 [[noreturn]] void endWith(std::string_view line) {
   // A parent that does not take the line still learns the outcome from the exit status.
@@ -64,11 +63,12 @@ void startService(const std::vector<std::string>& arguments,
                   const lumora::Environment& environment) {
   const auto configuration = lumora::options(arguments, environment);
   if (!configuration) endWith(invalidConfiguration);
+  lumora::waitForMemory();
   lumora::keepFreedMemory();
   // Both live until the process ends: `exit` never runs their destructors.
   static lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
   if (const auto descriptor = configuration->frameMemoryDescriptor) {
-    platform.frameMemory = lumora::inheritFrameMemory(*descriptor, platform.pictures);
+    platform.frameMemory = lumora::inheritFrameMemory(*descriptor);
     if (!platform.frameMemory) endWith(invalidConfiguration);
   }
   static const auto service = std::make_shared<lumora::VideoEncoder>(*configuration, platform);
@@ -84,8 +84,6 @@ void startService(const std::vector<std::string>& arguments,
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Libraries give up like this when memory is short. Our own end has no other status than 0 and 1.
-  std::signal(SIGABRT, [](int) { endWith(unexpectedFailure); });
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGALRM, SIG_IGN);  // one that was set before us; ours comes with its handler
   std::signal(SIGXFSZ, SIG_IGN);  // a file too large is the take's failure

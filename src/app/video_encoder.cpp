@@ -26,24 +26,13 @@ void VideoEncoder::start() {
   platform.encoders->prepare(
       sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS),
       RecordingProfile::defaultProfile().sessionSettings());
-  const auto weak = weak_from_this();
-  platform.stateQueue->setFailureHandler([weak](const std::string& reason) {
-    if (const auto self = weak.lock()) self->fail(reason);
-  });
+  platform.stateQueue->setFailureHandler(weakly(&VideoEncoder::fail));
   listener = platform.network->makeListener(host, port);
-  listener->setConnectionHandler([weak](std::shared_ptr<TcpConnection> connection) {
-    if (const auto self = weak.lock()) self->accept(std::move(connection));
-  });
-  listener->setStateHandler([weak](ListenerState state) {
-    if (const auto self = weak.lock()) self->listenerChanged(state);
-  });
-  timer = platform.dispatch->makeTimer(serviceInterval, [weak] {
-    if (const auto self = weak.lock()) self->serviceTick();
-  });
+  listener->setConnectionHandler(weakly(&VideoEncoder::accept));
+  listener->setStateHandler(weakly(&VideoEncoder::listenerChanged));
+  serviceTickLater();
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    auto source = platform.process->onSignal(signal, [weak] {
-      if (const auto self = weak.lock()) self->requestShutdown();
-    });
+    auto source = platform.process->onSignal(signal, weakly(&VideoEncoder::requestShutdown));
     if (source) signals.push_back(std::move(source));
   }
   listener->start();
@@ -57,13 +46,10 @@ void VideoEncoder::listenerChanged(ListenerState state) {
     fail("listener has no port");
     return;
   }
-  // Whoever is told that the service is ready feeds it at once, and encoders that open under that
-  // load take several times as long: frames would be lost meanwhile.
-  const auto becomeReady = [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->becomeReady();
-  };
-  platform.encoders->whenPrepared(becomeReady);
-  platform.stateQueue->asyncAfter(prepareTimeout, becomeReady);
+  // The parent sends frames once we say "ready". Encoders that open under that load take several
+  // times as long, and frames would be lost.
+  platform.encoders->whenPrepared(weakly(&VideoEncoder::becomeReady));
+  platform.stateQueue->asyncAfter(prepareTimeout, weakly(&VideoEncoder::becomeReady));
 }
 
 void VideoEncoder::becomeReady() {
@@ -78,55 +64,47 @@ void VideoEncoder::becomeReady() {
         {"recording_timebase", true}});
   emitStats(true);
   listener->acceptConnections();
-  platform.dispatch->runDetached("lumora.reader", [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->readFrames();
-  });
+  platform.dispatch->runDetached("lumora.reader", weakly(&VideoEncoder::readFrames));
   platform.encoders->warmUp(RecordingProfile::defaultProfile().sessionSettings(),
                             RecordingProfile::largestProfile().sessionSettings());
 }
 
+void VideoEncoder::serviceTickLater() {
+  platform.stateQueue->asyncAfter(serviceInterval, weakly(&VideoEncoder::serviceTick));
+}
+
 void VideoEncoder::serviceTick() {
   if (!running) return;
+  serviceTickLater();
   sweepPeers();
   emitStats(false);
 }
 
 void VideoEncoder::fail(const std::string& message) {
-  platform.process->armWatchdog(watchdogTimeout, 1);  // first: memory may never come
-  retryUntilAllocated([&] { emit(errorEvent(message)); });
+  platform.process->armWatchdog(watchdogTimeout, 1);  // before anything that needs memory
+  emit(errorEvent(message));
   shutdown(1);
 }
 
 void VideoEncoder::requestShutdown() {
   platform.process->armWatchdog(watchdogTimeout, 0);
-  retryUntilAllocated([this] {
-    platform.stateQueue->async([weak = weak_from_this()] {
-      if (const auto self = weak.lock()) self->shutdown(0);
-    });
-  });
+  platform.stateQueue->async(weakly(&VideoEncoder::shutdown, 0));
 }
 
 void VideoEncoder::requestFailure(const std::string& message) {
   platform.process->armWatchdog(watchdogTimeout, 1);
-  retryUntilAllocated([&] {
-    platform.stateQueue->async([weak = weak_from_this(), message] {
-      if (const auto self = weak.lock()) self->fail(message);
-    });
-  });
+  platform.stateQueue->async(weakly(&VideoEncoder::fail, message));
 }
 
 void VideoEncoder::shutdown(int code) {
   if (!running || shutdownCode) return;
   shutdownCode = code;
   platform.process->rearmWatchdog(watchdogTimeout, code);
-  if (!movie && !movieFinishing && !abandonedFor) return exitNow(code);
-  pendingMovieStop = uptime();
+  if (!take.movie && !take.abandoned) return exitNow(code);
+  take.pendingMovieStop = uptime();
   finishMovieIfReady();
-  // Without memory for it the watchdog does the same, if less tidily.
-  bestEffort([&] {
-    platform.stateQueue->asyncAfter(shutdownTimeout,
-                                    [self = shared_from_this(), code] { self->exitNow(code); });
-  });
+  platform.stateQueue->asyncAfter(shutdownTimeout,
+                                  [self = shared_from_this(), code] { self->exitNow(code); });
 }
 
 void VideoEncoder::exitNow(int code) {
@@ -138,16 +116,9 @@ void VideoEncoder::exitNow(int code) {
 }
 
 void VideoEncoder::closeEverything() {
-  if (timer) timer->cancel();
   if (listener) listener->cancel();
-  for (const auto& [id, peer] : peers) peer->connection->cancel();
-  peers.clear();
-  if (session) {
-    session->completeFrames();
-    session->invalidate();
-    session.reset();
-  }
-  resetRecordingSession();
+  preview.close();
+  take.resetRecordingSession();
   for (const auto& signal : signals) signal->cancel();
 }
 

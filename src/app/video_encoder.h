@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <map>
 #include <memory>
 #include <optional>
 #include <semaphore>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/options.h"
@@ -21,10 +21,8 @@
 #include "input/raw_admission.h"
 #include "input/raw_frame.h"
 #include "platform/platform.h"
-#include "record/movie_recorder.h"
-#include "record/take_event.h"
-#include "stream/peer.h"
-#include "stream/stream_figures.h"
+#include "record/current_take.h"
+#include "stream/preview.h"
 
 namespace lumora {
 
@@ -37,7 +35,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
   void start();
-  void shutdown(int code);  // never throws
+  void shutdown(int code);
   // Any thread; the process then ends in time even if the state queue stands.
   void requestShutdown();
   void requestFailure(const std::string& message);
@@ -50,7 +48,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // encode/
   void encode(const RawFrame& frame);
-  void resetRecordingSession();
 
   // stream/: `deliver` throws EncoderFailure before any peer changes.
   void accept(std::shared_ptr<TcpConnection> connection);
@@ -68,10 +65,23 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
  private:
   friend struct VideoEncoderProbe;  // unit tests look inside
 
+  // A handler that calls `work` with this service, `bound` and its own arguments. It does nothing
+  // once the service is gone.
+  template <typename Work, typename... Bound>
+  auto weakly(Work work, Bound... bound) {
+    return [weak = weak_from_this(), work = std::move(work),
+            ... bound = std::move(bound)](auto&&... arguments) {
+      if (const auto self = weak.lock()) {
+        std::invoke(work, *self, bound..., std::forward<decltype(arguments)>(arguments)...);
+      }
+    };
+  }
+
   // app/
   void listenerChanged(ListenerState state);
   void becomeReady();
   void serviceTick();
+  void serviceTickLater();
   void fail(const std::string& message);  // "error" event and shutdown with 1
   void closeEverything();
 
@@ -108,25 +118,20 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
                      const std::shared_ptr<RawEncodingCompletion>& completion);
   void preparePreviewSession(const RawFrame& frame);
   void previewEncoded(const Encoded& encoded, std::uint64_t id);
-  void encodeRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& take,
+  void encodeRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie,
                        const std::shared_ptr<RawEncodingCompletion>& completion);
-  void prepareRecordingSession(const RawFrame& frame, const MovieRecorder& take);
-  void submitRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& take,
+  void prepareRecordingSession(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie);
+  void submitRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie,
                        const std::shared_ptr<RawEncodingCompletion>& completion);
-  void recordingEncoded(const Encoded& encoded, const std::shared_ptr<MovieRecorder>& take,
+  void recordingEncoded(const Encoded& encoded, const std::shared_ptr<MovieRecorder>& movie,
                         double capturedAt);
-  void failRecording(const std::string& message, const std::shared_ptr<MovieRecorder>& take);
 
   // stream/
-  std::size_t countClients() const;       // authenticated
-  std::size_t countWaitingPeers() const;  // no "hello" yet
   void receive(const std::shared_ptr<Peer>& peer);
   void received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended);
   bool takeBytes(Peer& peer, ByteView bytes);
   bool handleLine(Peer& peer);
   bool authenticate(Peer& peer, const std::string& offered);
-  bool takeAcknowledgement(Peer& peer, std::uint64_t frameID);
-  void resynchronise(Peer& peer);
   void sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets, std::uint64_t id);
 
   // record/
@@ -134,13 +139,11 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void stopRecording(const Json& command);
   void beginTake(const Json& command, const RecordingProfile& profile,
                  std::optional<double> startedAt);
-  void relayRecording(const TakeEvent& event, std::uint64_t take);
+  void relayRecording(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from);
+  void tellParent(const TakeEvent& event);
   void concludeAbandonedTake();
-  void movieFinished(std::uint64_t take);
+  void movieFinished(const std::shared_ptr<MovieRecorder>& movie);
   void takeEnded();
-  bool isTakeStopping() const;
-  // The take that frames go to: none once its stop is pending.
-  std::shared_ptr<MovieRecorder> recordingTake() const;
 
   // diag/
   Json coreStatistics() const;
@@ -165,7 +168,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool ready = false;
   std::optional<int> shutdownCode;
   std::shared_ptr<TcpListener> listener;
-  std::unique_ptr<TimerSource> timer;
   std::vector<std::unique_ptr<SignalSource>> signals;
 
   // input/: admission, shared by the reader's thread and the state queue under its own lock.
@@ -179,42 +181,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::uint64_t lastFrameID = 0;
   bool commandsAreLate = false;  // the last one found no slot
 
-  // encode/: the preview session.
-  std::shared_ptr<CompressionSession> session;
-  std::int64_t width = 0;
-  std::int64_t height = 0;
-  bool forceIDR = true;
-  std::int64_t ordinal = 0;
-  double encodeMilliseconds = 0;
-
-  // encode/: the recording session, made for one take and one camera size.
-  std::shared_ptr<CompressionSession> recordingSession;
-  std::uint64_t recordingSessionTake = 0;  // counted by `takesStarted`; ids may come again
-  std::int64_t recordingWidth = 0;
-  std::int64_t recordingHeight = 0;
-  std::int64_t recordingSourceWidth = 0;
-  std::int64_t recordingSourceHeight = 0;
-  bool recordingForceIDR = true;
-  std::int64_t recordingOrdinal = 0;
-  std::uint64_t recordingEncodedFrames = 0;
-  double recordingEncodeMilliseconds = 0;
-  std::uint64_t recordingEncoderFailures = 0;
-  std::int64_t maximumMovieWorkObserved = 0;
-
-  // stream/: clients and what became of their frames.
-  std::map<std::string, std::shared_ptr<Peer>> peers;
-  std::uint64_t droppedPeers = 0;
-  std::uint64_t encodedFrames = 0;
-  DeliveryCounters delivery;
-  AcknowledgementFigures acknowledgements;
-
-  // record/: the take. What the recorder itself may touch is in `MovieRecorder`.
-  std::shared_ptr<MovieRecorder> movie;
-  bool movieFinishing = false;
-  std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
-  std::uint64_t takesStarted = 0;
-  std::optional<TakeEvent> movieStatus;     // the last recording event, of the latest take
-  std::optional<std::string> abandonedFor;  // why that take was given up; it has not said so yet
+  Preview preview;
+  CurrentTake take;
 
   // diag/: when the last reports went out, in uptime seconds.
   double lastStats = 0;

@@ -1,34 +1,22 @@
 #pragma once
 
-// Two ways to deal with a machine that is short of memory, threads or descriptors, where nobody is
-// there who could be told.
+// What happens when memory is short: `new` waits for it, optional steps are skipped, and where
+// neither helps the exception ends what was being done.
 
-#include <chrono>
 #include <exception>
-#include <new>
-#include <thread>
 
 namespace lumora {
 
-// For what must happen: does `step` again and again until there is memory for it. A step that threw
-// std::bad_alloc has done nothing.
-template <typename Step>
-auto retryUntilAllocated(Step step) {
-  for (;;) {
-    try {
-      return step();
-    } catch (const std::bad_alloc&) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-  }
-}
+// From now on `new` waits for memory before it throws std::bad_alloc: up to a second in each
+// shortage, on the thread that is short. Before other threads start.
+void waitForMemory();
 
-// For what is only of advantage.
+// Runs an optional step and swallows its exception.
 template <typename Step>
 void bestEffort(Step step) {
   try {
     step();
-  } catch (const std::exception&) {  // it goes without
+  } catch (const std::exception&) {  // we do without it
   }
 }
 

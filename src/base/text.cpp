@@ -1,5 +1,9 @@
 #include "base/text.h"
 
+#include <cerrno>
+#include <new>
+#include <system_error>
+
 namespace lumora {
 namespace {
 
@@ -14,6 +18,16 @@ std::string firstCharacters(const std::string& text, std::size_t count) {
     if (taken++ == count) break;
   }
   return text.substr(0, end);
+}
+
+std::string reasonOf(const std::exception& error) {
+  if (const auto* refused = dynamic_cast<const std::system_error*>(&error)) {
+    return refused->code().message();
+  }
+  if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
+    return std::generic_category().message(ENOMEM);
+  }
+  return error.what();
 }
 
 }  // namespace lumora

@@ -1,11 +1,15 @@
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <string>
 
 namespace lumora {
 
 // The first `count` characters (code points) of UTF-8 text.
 std::string firstCharacters(const std::string& text, std::size_t count);
+
+// What went wrong, in the system's words if it has some: "Too many open files".
+std::string reasonOf(const std::exception& error);
 
 }  // namespace lumora

@@ -16,35 +16,32 @@ namespace lumora {
 using OpeningClock = std::chrono::steady_clock;
 constexpr std::chrono::seconds longestOpening{1};
 
-// Opens an encoder: 0 or an AVERROR. Drivers may take as long as they like.
-using OpenEncoder = std::function<Status(const EncoderSpec&, const EncoderSettings&,
-                                         std::unique_ptr<LibavEncoder>& encoder)>;
+// Opens an encoder: 0 or an AVERROR. May block for as long as a driver does.
+using EncoderFactory = std::function<Status(const AVCodec&, const EncoderSettings&,
+                                            std::unique_ptr<LibavEncoder>& encoder)>;
 
-// An encoder, or why there is none: an AVERROR.
-struct OpenResult {
+// An encoder, or the AVERROR for which there is none.
+struct OpenedEncoder {
   Status status = 0;
   std::unique_ptr<LibavEncoder> encoder = {};
-  bool isSubstitute = false;  // in place of the one that was asked for
+  bool isSubstitute = false;  // for the codec that was requested
 };
 
 // Whether a device driver encodes. Drivers may hang, refuse a session or a size, and limit how many
 // encoders are open.
 bool isHardware(const AVCodec& codec);
 
-// Opens an encoder and encodes some grey `pictures`; hardware encodes at least two, since some
+// Opens an encoder and encodes some grey `pictures`. Hardware encodes at least two, since some
 // drivers refuse only then. Blocks for as long as the driver does. Never throws.
-OpenResult openNow(const OpenEncoder& open, const EncoderSpec& spec,
-                   const EncoderSettings& settings, int pictures);
+OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
+                      const EncoderSettings& settings, int pictures);
 
 // The same, but AVERROR(ETIMEDOUT) when hardware has not answered by the deadline. Never throws.
-OpenResult openBy(OpeningClock::time_point deadline, const OpenEncoder& open,
-                  const EncoderSpec& spec, const EncoderSettings& settings, int pictures);
+OpenedEncoder openBy(OpeningClock::time_point deadline, const EncoderFactory& open,
+                     const AVCodec& codec, const EncoderSettings& settings, int pictures);
 
-// Touches the memory of a pixel buffer for a session of these settings.
-void touchPixelBuffer(const EncoderSpec& spec, const EncoderSettings& settings);
-
-// Runs `work` on a thread of its own, which is left behind with a driver that hangs. Throws
-// std::system_error without a thread.
+// Runs `work` on a thread of its own, which we abandon if its driver hangs. Throws
+// std::system_error if no thread can be made.
 template <typename Work>
 auto onDriverThread(Work work) {
   std::packaged_task<decltype(work())()> task([work = std::move(work)] {

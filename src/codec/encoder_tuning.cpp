@@ -47,12 +47,12 @@ CodecOptions x264Options(const EncoderSettings& settings, const std::string& pre
           {"sc_threshold", "0"}};
 }
 
-CodecOptions lowLatencyOptions(const EncoderSpec& spec, const EncoderSettings& settings) {
-  const std::string codec = spec.codec->name;
+CodecOptions lowLatencyOptions(const std::string& codec, const std::string& preset,
+                               const EncoderSettings& settings) {
   const bool high = settings.profile == ProfileLevel::highAuto;
   const std::string profile = high ? "high" : "baseline";
   const std::string constrained = high ? "high" : "constrained_baseline";
-  if (codec == "libx264") return x264Options(settings, spec.preset);
+  if (codec == "libx264") return x264Options(settings, preset);
   if (codec == "h264_videotoolbox") {
     return {{"profile", profile}, {"realtime", "1"}, {"allow_sw", "0"}};
   }
@@ -96,9 +96,9 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
 
 }  // namespace
 
-Status tune(AVCodecContext& context, const EncoderSpec& spec, const EncoderSettings& settings) {
+Status tune(AVCodecContext& context, const std::string& preset, const EncoderSettings& settings) {
   configure(context, settings);
-  for (const auto& [name, value] : lowLatencyOptions(spec, settings)) {
+  for (const auto& [name, value] : lowLatencyOptions(context.codec->name, preset, settings)) {
     const int status = av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
     if (status < 0) return status;
   }

@@ -2,12 +2,14 @@
 
 // Options per encoder for what this service needs: no delay, no B-frames, key frames on demand.
 
-#include "codec/encoder_spec.h"
+#include <string>
+
+#include "codec/libav_support.h"
 #include "platform/encoder_settings.h"
 
 namespace lumora {
 
 // Sets everything about `context` but its pixel format, before it is opened: 0 or an AVERROR.
-Status tune(AVCodecContext& context, const EncoderSpec& spec, const EncoderSettings& settings);
+Status tune(AVCodecContext& context, const std::string& preset, const EncoderSettings& settings);
 
 }  // namespace lumora

@@ -11,9 +11,9 @@
 
 namespace lumora {
 
-std::shared_ptr<EncodingWorker> EncodingWorker::start(std::shared_ptr<EncoderSource> source,
-                                                      EncoderRequest request) {
-  std::shared_ptr<EncodingWorker> worker(new EncodingWorker(std::move(source), std::move(request)));
+std::shared_ptr<EncodingWorker> EncodingWorker::start(std::shared_ptr<EncoderPool> pool,
+                                                      const EncoderRequest& request) {
+  std::shared_ptr<EncodingWorker> worker(new EncodingWorker(std::move(pool), request));
   try {
     std::thread([worker] {
       nameThread("lumora.encoder");
@@ -41,25 +41,23 @@ void EncodingWorker::complete() {
 }
 
 void EncodingWorker::stop() {
-  std::list<Job> forgotten;
-  {
-    std::unique_lock hold(mutex_);
-    if (stop_.request_stop()) source_->beginRelease(request_);
-    forgotten.swap(jobs_);
-    changed_.notify_all();
-    changed_.wait(hold, [this] { return !busy_; });
-  }
+  std::list<Job> dropped;  // destroyed after the lock is released
+  std::unique_lock hold(mutex_);
+  if (stop_.request_stop()) pool_->beginRelease(request_);
+  dropped.swap(jobs_);
+  changed_.notify_all();
+  changed_.wait(hold, [this] { return !busy_; });
 }
 
 void EncodingWorker::run() {
-  OpenResult opened = source_->acquire(request_, stop_.get_token());
+  OpenedEncoder opened = pool_->acquire(request_, stop_.get_token());
   if (!encodeAll(opened)) opened.encoder.reset();
-  source_->release(request_, std::move(opened));
+  pool_->release(request_, std::move(opened));
   bestEffort(trimHeapBeyondNeed);
 }
 
-// Until stopped; whether the encoder never failed.
-bool EncodingWorker::encodeAll(const OpenResult& opened) {
+// Encodes until stopped. Whether the encoder never failed.
+bool EncodingWorker::encodeAll(const OpenedEncoder& opened) {
   LibavEncoder* encoder = opened.encoder.get();
   bool isSound = encoder != nullptr;
   std::unique_lock hold(mutex_);
@@ -86,7 +84,7 @@ Status EncodingWorker::encode(LibavEncoder& encoder, const Job& job,
                               std::shared_ptr<PixelBuffer> buffer,
                               std::shared_ptr<const EncodedSample>& sample) try {
   const Status status = encoder.load(buffer->picture());
-  buffer.reset();  // the encoder has its own copy: the next frame may have the buffer
+  buffer.reset();  // the encoder has its own copy, so the buffer is free for the next frame
   if (status < 0) return status;
   return encoder.encodeLoaded(job.forceKeyFrame, sample);
 } catch (const std::bad_alloc&) {

@@ -11,8 +11,8 @@
 
 namespace lumora {
 
-// The thread of one session and the frames that wait for it. The thread shares this object and
-// ends by itself after `stop`.
+// The thread of one session and the frames that wait for it. The thread shares this object and ends
+// by itself after `stop`.
 class EncodingWorker {
  public:
   struct Job {
@@ -21,26 +21,26 @@ class EncodingWorker {
     CompressionSession::OutputHandler handler;  // runs on the worker's thread
   };
 
-  // Null when there is no thread to be had.
-  static std::shared_ptr<EncodingWorker> start(std::shared_ptr<EncoderSource> source,
-                                               EncoderRequest request);
+  // Null if no thread can be made.
+  static std::shared_ptr<EncodingWorker> start(std::shared_ptr<EncoderPool> pool,
+                                               const EncoderRequest& request);
 
   // False once it was stopped.
   bool enqueue(Job job);
   // Waits until every frame has reached its handler.
   void complete();
-  // Forgets the frames that wait; no handler begins after it has returned.
+  // Drops the frames that wait. No handler begins after it has returned.
   void stop();
 
  private:
-  EncodingWorker(std::shared_ptr<EncoderSource> source, EncoderRequest request)
-      : source_(std::move(source)), request_(std::move(request)) {}
+  EncodingWorker(std::shared_ptr<EncoderPool> pool, const EncoderRequest& request)
+      : pool_(std::move(pool)), request_(request) {}
   void run();
-  bool encodeAll(const OpenResult& opened);
+  bool encodeAll(const OpenedEncoder& opened);
   static Status encode(LibavEncoder& encoder, const Job& job, std::shared_ptr<PixelBuffer> buffer,
                        std::shared_ptr<const EncodedSample>& sample);
 
-  const std::shared_ptr<EncoderSource> source_;
+  const std::shared_ptr<EncoderPool> pool_;
   const EncoderRequest request_;
   std::stop_source stop_;  // requested under the lock
   std::mutex mutex_;       // guards the rest

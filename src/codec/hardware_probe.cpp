@@ -18,12 +18,11 @@ void HardwareProbe::tryInTurn(const std::vector<std::string>& candidates,
                               const EncoderSettings& preview, const EncoderSettings& take,
                               const std::function<void()>& whenFound) {
   for (const std::string& name : candidates) {
-    EncoderSpec spec = spec_;
-    spec.codec = avcodec_find_encoder_by_name(name.c_str());
-    if (spec.codec == nullptr || spec.codec->id != AV_CODEC_ID_H264) continue;
-    const auto tried = onDriverThread([self = shared_from_this(), spec, preview, take, whenFound] {
+    const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
+    if (codec == nullptr || codec->id != AV_CODEC_ID_H264) continue;
+    const auto tried = onDriverThread([self = shared_from_this(), codec, preview, take, whenFound] {
       bestEffort([&] {
-        if (self->tryEncoder(spec, preview, take)) whenFound();
+        if (self->tryEncoder(*codec, preview, take)) whenFound();
       });
     });
     tried.wait_for(longestOpening);
@@ -31,16 +30,16 @@ void HardwareProbe::tryInTurn(const std::vector<std::string>& candidates,
   }
 }
 
-bool HardwareProbe::tryEncoder(const EncoderSpec& spec, const EncoderSettings& preview,
+bool HardwareProbe::tryEncoder(const AVCodec& codec, const EncoderSettings& preview,
                                const EncoderSettings& take) {
   for (const EncoderSettings& settings : {preview, take}) {
-    OpenResult opened = openNow(open_, spec, settings, 0);
+    OpenedEncoder opened = openNow(open_, codec, settings, 0);
     if (!opened.encoder) continue;
     const std::lock_guard hold(mutex_);
     if (found_ != nullptr) return false;
-    // First: whoever knows that it is found finds it open.
-    source_->replaceAhead(spec, settings, std::move(opened));
-    found_ = spec.codec;
+    // Before `found_`, so that those who see that find it open.
+    pool_->keep(codec, settings, std::move(opened));
+    found_ = &codec;
     changed_.notify_all();
     return true;
   }

@@ -16,9 +16,9 @@ namespace lumora {
 
 class HardwareProbe : public std::enable_shared_from_this<HardwareProbe> {
  public:
-  // `source` gets the encoder that was opened, for the session that it fits. `spec` has no codec.
-  HardwareProbe(OpenEncoder open, EncoderSpec spec, std::shared_ptr<EncoderSource> source)
-      : open_(std::move(open)), spec_(std::move(spec)), source_(std::move(source)) {}
+  // `pool` gets the encoder that was opened, for the session that it fits.
+  HardwareProbe(EncoderFactory open, std::shared_ptr<EncoderPool> pool)
+      : open_(std::move(open)), pool_(std::move(pool)) {}
 
   // Tries the candidates in turn; blocks for a second a candidate at most. A candidate works if it
   // encodes `preview`, or else `take`: one that can't encode a tiny preview may still record. Calls
@@ -34,13 +34,12 @@ class HardwareProbe : public std::enable_shared_from_this<HardwareProbe> {
  private:
   void tryInTurn(const std::vector<std::string>& candidates, const EncoderSettings& preview,
                  const EncoderSettings& take, const std::function<void()>& whenFound);
-  // Whether it is the one that is found.
-  bool tryEncoder(const EncoderSpec& spec, const EncoderSettings& preview,
+  // Whether it becomes the encoder of the run.
+  bool tryEncoder(const AVCodec& codec, const EncoderSettings& preview,
                   const EncoderSettings& take);
 
-  const OpenEncoder open_;
-  const EncoderSpec spec_;
-  const std::shared_ptr<EncoderSource> source_;
+  const EncoderFactory open_;
+  const std::shared_ptr<EncoderPool> pool_;
   std::atomic<const AVCodec*> found_ = nullptr;  // set under the lock
   mutable std::mutex mutex_;                     // guards the rest
   mutable std::condition_variable changed_;

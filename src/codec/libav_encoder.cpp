@@ -10,8 +10,8 @@ extern "C" {
 #include <utility>
 #include <vector>
 
-#include "base/picture_memory.h"
 #include "codec/encoder_tuning.h"
+#include "codec/memory_pixel_buffers.h"
 #include "h264/annex_b.h"
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
@@ -55,42 +55,41 @@ Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
 
 }  // namespace
 
-Status LibavEncoder::open(const EncoderSpec& spec, const EncoderSettings& settings,
-                          std::unique_ptr<LibavEncoder>& encoder) {
-  av_log_set_level(AV_LOG_QUIET);  // failures are reported where they matter, as events
+Status LibavEncoder::open(const AVCodec& codec, const std::string& preset,
+                          const std::shared_ptr<PicturePool>& pictures,
+                          const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder) {
+  av_log_set_level(AV_LOG_QUIET);  // we report failures as events
   Status status = AVERROR(EINVAL);
-  for (const AVPixelFormat format : inputFormats(*spec.codec)) {
-    status = openFor(format, spec, settings, encoder);
-    if (status == 0) break;
+  for (const AVPixelFormat format : inputFormats(codec)) {
+    std::unique_ptr<LibavEncoder> made(new LibavEncoder(pictures));
+    status = made->openFor(format, codec, preset, settings);
+    if (status < 0) continue;
+    encoder = std::move(made);
+    return 0;
   }
   return status;
 }
 
-Status LibavEncoder::openFor(AVPixelFormat format, const EncoderSpec& spec,
-                             const EncoderSettings& settings,
-                             std::unique_ptr<LibavEncoder>& encoder) {
-  std::unique_ptr<LibavEncoder> made(new LibavEncoder);
-  made->pictures_ = spec.pictures;
-  made->context_.reset(avcodec_alloc_context3(spec.codec));
-  made->packet_.reset(av_packet_alloc());
-  if (!made->context_ || !made->packet_) return AVERROR(ENOMEM);
-  AVCodecContext& context = *made->context_;
-  int status = tune(context, spec, settings);
+Status LibavEncoder::openFor(AVPixelFormat format, const AVCodec& codec, const std::string& preset,
+                             const EncoderSettings& settings) {
+  context_.reset(avcodec_alloc_context3(&codec));
+  packet_.reset(av_packet_alloc());
+  if (!context_ || !packet_) return AVERROR(ENOMEM);
+  int status = tune(*context_, preset, settings);
   if (status < 0) return status;
-  context.pix_fmt = format;
-  if (context.pix_fmt == AV_PIX_FMT_VAAPI) {
-    status = made->openHardwareFrames();
+  context_->pix_fmt = format;
+  if (format == AV_PIX_FMT_VAAPI) {
+    status = openHardwareFrames();
     if (status < 0) return status;
   }
-  status = avcodec_open2(&context, spec.codec, nullptr);
+  status = avcodec_open2(context_.get(), &codec, nullptr);
   if (status < 0) return status;
-  status = made->allocatePicture();
+  status = allocatePicture();
   if (status < 0) return status;
   for (const ByteView unit :
-       splitAnnexB({context.extradata, static_cast<std::size_t>(context.extradata_size)})) {
-    made->takeParameterSet(unit);
+       splitAnnexB({context_->extradata, static_cast<std::size_t>(context_->extradata_size)})) {
+    takeParameterSet(unit);
   }
-  encoder = std::move(made);
   return 0;
 }
 
@@ -171,7 +170,18 @@ Status LibavEncoder::encode(const BufferPicture& picture, bool forceKeyFrame,
   return status < 0 ? status : encodeLoaded(forceKeyFrame, sample);
 }
 
-// Parameter sets travel in the format description, access unit delimiters not at all.
+Status LibavEncoder::encodeGrey(int pictures) {
+  if (pictures == 0) return 0;
+  std::shared_ptr<PixelBuffer> buffer;
+  Status status = makeGreyBuffer(context_->width, context_->height, pictures_, buffer);
+  for (int i = 0; i < pictures && status == 0; ++i) {
+    std::shared_ptr<const EncodedSample> sample;
+    status = encode(buffer->picture(), /*forceKeyFrame=*/i == 0, sample);
+  }
+  return status;
+}
+
+// Parameter sets travel in the format description. Access unit delimiters are dropped.
 std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
   Bytes data;
   data.reserve(stream.size() + 64);

@@ -1,11 +1,13 @@
 #pragma once
 
-// One opened H.264 encoder of libavcodec: RGB pictures in, samples out, nothing held back. Its
-// caller serialises the calls.
+// An open H.264 encoder of libavcodec. Takes RGB pictures and answers each with a sample at once.
+// The caller serialises the calls.
 
 #include <memory>
+#include <string>
 
-#include "codec/encoder_spec.h"
+#include "base/picture_memory.h"
+#include "codec/libav_support.h"
 #include "platform/compression.h"
 #include "platform/encoder_settings.h"
 
@@ -13,22 +15,27 @@ namespace lumora {
 
 class LibavEncoder {
  public:
-  // 0 or an AVERROR.
-  static Status open(const EncoderSpec& spec, const EncoderSettings& settings,
+  // 0 or an AVERROR. An empty `preset` of the software encoder stands for our own settings.
+  static Status open(const AVCodec& codec, const std::string& preset,
+                     const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
   // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR.
   Status encode(const BufferPicture& picture, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
-  // The first half of `encode`, for callers that want to let go of `picture` early.
+  // Encodes grey pictures: a key frame, then some that depend on it. 0 or an AVERROR, also for an
+  // encoder that holds pictures back, since we have one frame in flight at a time.
+  Status encodeGrey(int pictures);
+
+  // The first half of `encode`, for callers that release `picture` early.
   Status load(const BufferPicture& picture);
   Status encodeLoaded(bool forceKeyFrame, std::shared_ptr<const EncodedSample>& sample);
 
  private:
-  LibavEncoder() = default;
-  static Status openFor(AVPixelFormat format, const EncoderSpec& spec,
-                        const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder);
+  explicit LibavEncoder(std::shared_ptr<PicturePool> pictures) : pictures_(std::move(pictures)) {}
+  Status openFor(AVPixelFormat format, const AVCodec& codec, const std::string& preset,
+                 const EncoderSettings& settings);
   Status openHardwareFrames();
   Status allocatePicture();
   Status upload();
@@ -36,7 +43,7 @@ class LibavEncoder {
   ColourDescription colour() const;
   bool takeParameterSet(ByteView unit);
 
-  std::shared_ptr<PicturePool> pictures_;
+  const std::shared_ptr<PicturePool> pictures_;
   CodecContext context_;
   BufferRef device_;
   Frame picture_;   // in system memory

@@ -23,10 +23,11 @@ Status require(bool supported, const PropertyValue& value) {
 
 }  // namespace
 
-LibavSession::LibavSession(std::shared_ptr<EncoderSource> source, EncoderRequest request)
-    : source_(std::move(source)),
-      request_(std::move(request)),
-      pool_(request_.settings.width, request_.settings.height, request_.spec.pictures) {}
+LibavSession::LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
+                           std::shared_ptr<PicturePool> pictures)
+    : encoders_(std::move(encoders)),
+      request_(request),
+      pool_(request_.settings.width, request_.settings.height, std::move(pictures)) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 
@@ -52,7 +53,7 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
 }
 
 Status LibavSession::prepareToEncodeFrames() {
-  worker_ = EncodingWorker::start(source_, request_);
+  worker_ = EncodingWorker::start(encoders_, request_);
   return worker_ ? 0 : AVERROR(EAGAIN);
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-// A compression session on libavcodec. Settings are collected; a worker thread of the session's own
-// gets an encoder, encodes one frame after the other and releases the encoder in the end. The state
-// queue waits for none of it: a take that starts or stops must not hold up the preview.
+// A compression session on libavcodec. It collects settings. Its worker thread then acquires an
+// encoder, encodes one frame after the other and releases the encoder. The state queue never waits
+// for that, so a take that starts or stops does not delay the preview.
 
 #include <memory>
 
@@ -16,8 +16,9 @@ class EncodingWorker;
 
 class LibavSession final : public CompressionSession {
  public:
-  // The settings of `request` are kind and size; properties add the rest.
-  LibavSession(std::shared_ptr<EncoderSource> source, EncoderRequest request);
+  // `request` has the codecs, and of the settings kind and size. Properties add the rest.
+  LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
+               std::shared_ptr<PicturePool> pictures);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;
   LibavSession& operator=(const LibavSession&) = delete;
@@ -32,7 +33,7 @@ class LibavSession final : public CompressionSession {
   void invalidate() override;
 
  private:
-  const std::shared_ptr<EncoderSource> source_;
+  const std::shared_ptr<EncoderPool> encoders_;
   EncoderRequest request_;
   MemoryPixelBufferPool pool_;
   std::shared_ptr<EncodingWorker> worker_;

@@ -1,6 +1,7 @@
 #include "codec/memory_pixel_buffers.h"
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace lumora {
@@ -36,8 +37,7 @@ class Buffer final : public PixelBuffer {
       : use_(std::move(use)), picture_(picture), memory_(memory), owner_(std::move(owner)) {}
 
   BufferPicture picture() override { return picture_; }
-  MutableImageView lock() override { return memory_; }
-  void unlock() override {}
+  MutableImageView memory() override { return memory_; }
 
  private:
   Use use_;
@@ -75,6 +75,17 @@ Status MemoryPixelBufferPool::wrap(const BufferPicture& picture, std::shared_ptr
   buffer = std::make_shared<Buffer>(std::move(use), picture,
                                     MutableImageView{nullptr, width_, height_, stride_},
                                     std::move(owner));
+  return 0;
+}
+
+Status makeGreyBuffer(std::int64_t width, std::int64_t height,
+                      const std::shared_ptr<PicturePool>& pictures,
+                      std::shared_ptr<PixelBuffer>& buffer) {
+  constexpr int grey = 128;
+  MemoryPixelBufferPool pool(width, height, pictures);
+  if (const Status status = pool.create(1, buffer); status != 0) return status;
+  const MutableImageView view = buffer->memory();
+  std::memset(view.pixels, grey, static_cast<std::size_t>(view.stride * view.height));
   return 0;
 }
 

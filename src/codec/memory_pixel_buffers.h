@@ -29,4 +29,9 @@ class MemoryPixelBufferPool final : public PixelBufferPool {
   std::shared_ptr<std::atomic<int>> inUse_ = std::make_shared<std::atomic<int>>(0);
 };
 
+// A buffer outside any pool, its memory touched: 0 or an errno, negative.
+Status makeGreyBuffer(std::int64_t width, std::int64_t height,
+                      const std::shared_ptr<PicturePool>& pictures,
+                      std::shared_ptr<PixelBuffer>& buffer);
+
 }  // namespace lumora

@@ -1,8 +1,11 @@
 #pragma once
 
-// Makes sessions with libavcodec's encoders. Where software is allowed nothing waits for a driver:
-// sessions are encoded in software until hardware has been found, and those that are open then stay
-// so. Elsewhere sessions wait for the hardware that the user asked for.
+// Makes sessions with libavcodec's encoders. If software is allowed nothing waits for a driver:
+// sessions are encoded in software until hardware is found, and those that are open then stay in
+// software. Otherwise sessions wait for the hardware that the user asked for.
+//
+//   AllowedEncoders -> HardwareProbe -> EncoderPool -> OpenedEncoder -> EncodingWorker, of a
+//   session
 
 #include <stop_token>
 
@@ -14,11 +17,12 @@
 
 namespace lumora {
 
-class LibavEncoders final : public Encoders, public std::enable_shared_from_this<LibavEncoders> {
+class SystemEncoders final : public Encoders, public std::enable_shared_from_this<SystemEncoders> {
  public:
-  LibavEncoders(EncoderChoice choice, std::shared_ptr<SerialQueue> stateQueue,
-                std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
-                OpenEncoder open = LibavEncoder::open, std::function<void()> trim = trimHeap);
+  // `open` and `trim` stand in for the real ones in tests.
+  SystemEncoders(AllowedEncoders allowed, std::shared_ptr<SerialQueue> stateQueue,
+                 std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
+                 EncoderFactory open = {}, std::function<void()> trim = trimHeap);
   void prepare(const EncoderSettings& preview, const EncoderSettings& take) override;
   void whenPrepared(Work work) override;
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;
@@ -28,7 +32,6 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
-  EncoderSpec spec(const AVCodec* codec) const;
   const AVCodec* available() const;
   void openTakeAhead(const AVCodec* codec, const EncoderSettings& settings);
   void hardwareFound(const EncoderSettings& take);
@@ -37,13 +40,14 @@ class LibavEncoders final : public Encoders, public std::enable_shared_from_this
   const std::shared_ptr<Dispatch> dispatch_;
   const std::shared_ptr<SerialQueue> opener_;
   const std::shared_ptr<PicturePool> pictures_;
-  const EncoderChoice choice_;
-  const AVCodec* const software_;  // null: not allowed, or not to be had
-  const std::shared_ptr<EncoderSource> source_;
+  const AllowedEncoders allowed_;
+  const AVCodec* const software_;  // null: not allowed, or not there
+  const EncoderFactory open_;
+  const std::shared_ptr<EncoderPool> pool_;
   const std::shared_ptr<HardwareProbe> probe_;
   OpeningClock::time_point probedBy_;  // without software: sessions wait for hardware until then
-  std::stop_source needed_;            // requested once the memory that is touched is needed
-  const AVCodec* nextTake_ = nullptr;  // what was opened ahead for a take that was started
+  std::stop_source takeStarted_;       // ends the touching of memory
+  const AVCodec* nextTake_ = nullptr;  // opened ahead for a take that was started
 };
 
 }  // namespace lumora

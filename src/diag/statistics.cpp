@@ -22,45 +22,47 @@ void VideoEncoder::emitStats(bool force) {
     addDiagnostics(event);
   }
   emit(event);
-  if (const auto take = recordingTake()) take->reportProgress();
+  if (const auto movie = take.recordingTake()) movie->reportProgress();
   // Repeated, since the parent may have missed it when its pipe was full.
-  if (movieStatus && movieStatus->state != TakeState::recording) emit(movieStatus->json);
+  if (take.movieStatus && take.movieStatus->state != TakeState::recording) {
+    emit(take.movieStatus->json);
+  }
 }
 
 Json VideoEncoder::coreStatistics() const {
   const RawAdmission::Figures input = raw.figures();
   return {{"type", "stats"},
-          {"clients", countClients()},
-          {"pending_hello", countWaitingPeers()},
-          {"encoded_frames", encodedFrames},
+          {"clients", preview.countClients()},
+          {"pending_hello", preview.countWaitingPeers()},
+          {"encoded_frames", preview.encodedFrames},
           {"dropped_raw", input.droppedRaw},
-          {"dropped_peers", droppedPeers},
-          {"encode_ms", encodeMilliseconds},
+          {"dropped_peers", preview.droppedPeers},
+          {"encode_ms", preview.encodeMilliseconds},
           {"encode_inflight", input.rawBusy ? 1 : 0}};
 }
 
 void VideoEncoder::addDiagnostics(Json& event) const {
   std::size_t pendingAcknowledgements = 0;
-  for (const auto& [id, peer] : peers) {
+  for (const auto& [id, peer] : preview.peers) {
     pendingAcknowledgements = std::max(pendingAcknowledgements, peer->unacknowledged.size());
   }
-  event["credit_drops"] = delivery.creditDrops;
-  event["send_drops"] = delivery.sendDrops;
-  event["resync_wait_drops"] = delivery.resyncWaitDrops;
-  event["idr_resyncs"] = delivery.idrResyncs;
-  event["ack_rtt_ms"] = acknowledgements.acknowledgementRTT;
-  event["ack_oldest_ms"] = acknowledgements.acknowledgementOldest;
-  event["ack_rtt_max_ms"] = acknowledgements.acknowledgementRTTMaximum;
+  event["credit_drops"] = preview.delivery.creditDrops;
+  event["send_drops"] = preview.delivery.sendDrops;
+  event["resync_wait_drops"] = preview.delivery.resyncWaitDrops;
+  event["idr_resyncs"] = preview.delivery.idrResyncs;
+  event["ack_rtt_ms"] = preview.acknowledgements.acknowledgementRTT;
+  event["ack_oldest_ms"] = preview.acknowledgements.acknowledgementOldest;
+  event["ack_rtt_max_ms"] = preview.acknowledgements.acknowledgementRTTMaximum;
   event["max_pending_acks"] = pendingAcknowledgements;
-  event["max_unacked_observed"] = delivery.maxUnacknowledgedObserved;
-  event["preview_width"] = width;
-  event["preview_height"] = height;
-  event["record_width"] = recordingWidth;
-  event["record_height"] = recordingHeight;
-  event["record_encoded_frames"] = recordingEncodedFrames;
-  event["record_encode_ms"] = recordingEncodeMilliseconds;
-  event["record_encoder_failures"] = recordingEncoderFailures;
-  event["max_movie_work_observed"] = maximumMovieWorkObserved;
+  event["max_unacked_observed"] = preview.delivery.maxUnacknowledgedObserved;
+  event["preview_width"] = preview.width;
+  event["preview_height"] = preview.height;
+  event["record_width"] = take.recording.recordingWidth;
+  event["record_height"] = take.recording.recordingHeight;
+  event["record_encoded_frames"] = take.recordingEncodedFrames;
+  event["record_encode_ms"] = take.recordingEncodeMilliseconds;
+  event["record_encoder_failures"] = take.recordingEncoderFailures;
+  event["max_movie_work_observed"] = take.maximumMovieWorkObserved;
 }
 
 }  // namespace lumora

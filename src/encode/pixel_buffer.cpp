@@ -11,21 +11,6 @@ namespace {
 constexpr int allocationThreshold = 3;  // buffers of one pool in use at once
 constexpr std::ptrdiff_t bytesPerPixel = 4;
 
-// Keeps a buffer's memory locked for as long as it lives, so the encoder never sees it locked.
-class BufferLock {
- public:
-  explicit BufferLock(PixelBuffer& buffer) : buffer_(buffer), view_(buffer.lock()) {}
-  ~BufferLock() { buffer_.unlock(); }
-  BufferLock(const BufferLock&) = delete;
-  BufferLock& operator=(const BufferLock&) = delete;
-
-  const MutableImageView& view() const { return view_; }
-
- private:
-  PixelBuffer& buffer_;
-  MutableImageView view_;
-};
-
 void clearRows(const MutableImageView& view, std::int64_t from, std::int64_t to, std::int64_t left,
                std::int64_t right) {
   if (right <= left) return;
@@ -62,8 +47,7 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
   if (status == 0) status = pool->create(allocationThreshold, buffer);
   if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
 
-  const BufferLock lock(*buffer);
-  const MutableImageView& whole = lock.view();
+  const MutableImageView whole = buffer->memory();
   if (whole.pixels == nullptr) throw EncoderFailure::message("pixel buffer has no memory");
 
   const PictureSize wholeSize{whole.width, whole.height};

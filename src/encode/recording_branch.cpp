@@ -4,8 +4,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
-#include "base/out_of_memory.h"
-#include "base/reason.h"
+#include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "encode/pixel_buffer.h"
 #include "encode/recording_keyframe.h"
@@ -13,82 +12,81 @@
 namespace lumora {
 
 void VideoEncoder::encodeRecording(const RawFrame& frame,
-                                   const std::shared_ptr<MovieRecorder>& take,
+                                   const std::shared_ptr<MovieRecorder>& movie,
                                    const std::shared_ptr<RawEncodingCompletion>& completion) {
-  if (take->startedAt && frame.capturedAt < *take->startedAt) return take->countDropped();
-  if (!take->cadence.admit(frame.capturedAt)) return take->countThrottled();
+  if (movie->startedAt && frame.capturedAt < *movie->startedAt) return movie->countDropped();
+  if (!movie->cadence.admit(frame.capturedAt)) return movie->countThrottled();
   try {
-    prepareRecordingSession(frame, *take);
-    submitRecording(frame, take, completion);
+    prepareRecordingSession(frame, movie);
+    submitRecording(frame, movie, completion);
   } catch (const std::exception& failure) {
-    retryUntilAllocated([&] { failRecording(reasonOf(failure), take); });
+    take.abandon(movie, reasonOf(failure));
   }
 }
 
-void VideoEncoder::prepareRecordingSession(const RawFrame& frame, const MovieRecorder& take) {
-  if (recordingSession && recordingSessionTake != takesStarted) resetRecordingSession();
-  if (recordingSession) {
-    if (frame.width == recordingSourceWidth && frame.height == recordingSourceHeight) return;
+// A session of an earlier take went with that take's last frame.
+void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
+                                           const std::shared_ptr<MovieRecorder>& movie) {
+  RecordingSession& recording = take.recording;
+  if (recording.recordingSession) {
+    if (frame.width == recording.recordingSourceWidth &&
+        frame.height == recording.recordingSourceHeight) {
+      return;
+    }
     throw EncoderFailure::message("camera recording dimensions changed during this take");
   }
-  const RecordingProfile& profile = take.profile;
-  recordingSession =
-      compressionSession(profile.width, profile.height, /*recording=*/true, profile.targetFPS);
-  recordingSessionTake = takesStarted;
-  recordingWidth = profile.width;
-  recordingHeight = profile.height;
-  recordingSourceWidth = frame.width;
-  recordingSourceHeight = frame.height;
-  recordingOrdinal = 0;
-  recordingForceIDR = true;
+  const RecordingProfile& profile = movie->profile;
+  recording = {.recordingSession = compressionSession(profile.width, profile.height,
+                                                      /*recording=*/true, profile.targetFPS),
+               .recordingSessionMovie = movie,
+               .recordingWidth = profile.width,
+               .recordingHeight = profile.height,
+               .recordingSourceWidth = frame.width,
+               .recordingSourceHeight = frame.height};
 }
 
 void VideoEncoder::submitRecording(const RawFrame& frame,
-                                   const std::shared_ptr<MovieRecorder>& take,
+                                   const std::shared_ptr<MovieRecorder>& movie,
                                    const std::shared_ptr<RawEncodingCompletion>& completion) {
-  auto buffer = pixelBuffer(frame, *recordingSession, Placement::aspectFit, *platform.images);
-  ++recordingOrdinal;
-  const FrameProperties properties{.forceKeyFrame = std::exchange(recordingForceIDR, false)};
+  RecordingSession& recording = take.recording;
+  CompressionSession& session = *recording.recordingSession;
+  auto buffer = pixelBuffer(frame, session, Placement::aspectFit, *platform.images);
+  ++recording.recordingOrdinal;
+  const FrameProperties properties{.forceKeyFrame =
+                                       std::exchange(recording.recordingForceIDR, false)};
   const Status status =
-      submit(*recordingSession, std::move(buffer), {recordingOrdinal, take->profile.targetFPS},
+      submit(session, std::move(buffer), {recording.recordingOrdinal, movie->profile.targetFPS},
              properties, completion,
-             [take, capturedAt = frame.capturedAt](VideoEncoder& self, const Encoded& encoded) {
-               self.recordingEncoded(encoded, take, capturedAt);
+             [movie, capturedAt = frame.capturedAt](VideoEncoder& self, const Encoded& encoded) {
+               self.recordingEncoded(encoded, movie, capturedAt);
              });
   if (status != 0) throw EncoderFailure::status("camera frame submission", status);
 }
 
+// Frames of a take that has ended are ignored.
 void VideoEncoder::recordingEncoded(const Encoded& encoded,
-                                    const std::shared_ptr<MovieRecorder>& take, double capturedAt) {
-  if (!running || movie != take) return;
-  recordingEncodeMilliseconds = millisecondsSince(encoded.submitted);
+                                    const std::shared_ptr<MovieRecorder>& movie,
+                                    double capturedAt) {
+  if (!running || take.movie != movie) return;
+  take.recordingEncodeMilliseconds = millisecondsSince(encoded.submitted);
   try {
     const bool dropped = encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0;
     if (dropped) {
-      take->countDropped();
-      recordingForceIDR = true;
+      movie->countDropped();
+      take.recording.recordingForceIDR = true;
       return;
     }
     encoded.require("camera encoding");
     const bool keyframe = recordingKeyframe(*encoded.sample);
-    ++recordingEncodedFrames;
-    if (!take->append(encoded.sample, capturedAt, keyframe)) recordingForceIDR = true;
-    maximumMovieWorkObserved =
-        std::max<std::int64_t>(maximumMovieWorkObserved, take->pendingWork());
+    ++take.recordingEncodedFrames;
+    if (!movie->append(encoded.sample, capturedAt, keyframe)) {
+      take.recording.recordingForceIDR = true;
+    }
+    take.maximumMovieWorkObserved =
+        std::max<std::int64_t>(take.maximumMovieWorkObserved, movie->pendingWork());
   } catch (const std::exception& failure) {
-    retryUntilAllocated([&] { failRecording(reasonOf(failure), take); });
+    take.abandon(movie, reasonOf(failure));
   }
-}
-
-// A late failure of a take that is no longer the current one is ignored.
-void VideoEncoder::failRecording(const std::string& message,
-                                 const std::shared_ptr<MovieRecorder>& take) {
-  if (movie != take) return;
-  abandonedFor = message;
-  ++recordingEncoderFailures;
-  movie.reset();
-  pendingMovieStop.reset();
-  take->abort(message);
 }
 
 }  // namespace lumora

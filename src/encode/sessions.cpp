@@ -60,19 +60,4 @@ std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(std::int64_
   return made;
 }
 
-void VideoEncoder::resetRecordingSession() {
-  if (recordingSession) {
-    recordingSession->completeFrames();
-    recordingSession->invalidate();
-  }
-  recordingSession.reset();
-  recordingSessionTake = 0;
-  recordingOrdinal = 0;
-  recordingWidth = 0;
-  recordingHeight = 0;
-  recordingSourceWidth = 0;
-  recordingSourceHeight = 0;
-  recordingForceIDR = true;
-}
-
 }  // namespace lumora

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "app/video_encoder.h"
-#include "base/out_of_memory.h"
 #include "encode/encoder_failure.h"
 
 namespace lumora {
@@ -26,12 +25,10 @@ Status VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer>
                        submitted, handle = std::move(handle)](
                           Status outcome, std::uint32_t infoFlags,
                           const std::shared_ptr<const EncodedSample>& sample) {
-    retryUntilAllocated([&] {
-      queue->async([weak, completion, share, handle,
-                    encoded = Encoded{outcome, infoFlags, sample, submitted}] {
-        if (const auto self = weak.lock()) handle(*self, encoded);
-        completion->complete(share);
-      });
+    queue->async([weak, completion, share, handle,
+                  encoded = Encoded{outcome, infoFlags, sample, submitted}] {
+      if (const auto self = weak.lock()) handle(*self, encoded);
+      completion->complete(share);
     });
   };
   try {

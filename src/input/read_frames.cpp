@@ -8,8 +8,7 @@
 
 #include "app/video_encoder.h"
 #include "base/big_endian.h"
-#include "base/out_of_memory.h"
-#include "base/reason.h"
+#include "base/text.h"
 #include "input/record_header.h"
 
 namespace lumora {
@@ -18,7 +17,7 @@ void VideoEncoder::readFrames() {
   try {
     readRecords();
   } catch (const std::exception& error) {
-    retryUntilAllocated([&] { requestFailure(reasonOf(error)); });
+    requestFailure(reasonOf(error));
   }
 }
 
@@ -52,12 +51,10 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
-  platform.stateQueue->async([weak = weak_from_this(), hasSlot, payload = std::move(payload)] {
-    const auto self = weak.lock();
-    if (!self) return;
-    if (hasSlot) self->commandSlots.release();
-    self->recordingCommand(payload);
-  });
+  platform.stateQueue->async(weakly([hasSlot, payload = std::move(payload)](VideoEncoder& self) {
+    if (hasSlot) self.commandSlots.release();
+    self.recordingCommand(payload);
+  }));
   return true;
 }
 
@@ -86,29 +83,34 @@ std::shared_ptr<const std::uint8_t[]> VideoEncoder::readPixels(const RecordHeade
 
 std::shared_ptr<const std::uint8_t[]> VideoEncoder::sharedPixels(const RecordHeader& header) {
   std::array<std::uint8_t, frameOffsetBytes> payload{};
-  std::shared_ptr<const std::uint8_t[]> rgba;
-  if (readExactly(payload)) {
-    const auto offset = integerBE<std::uint64_t>(payload, 0);
-    if (!isValidOffset(offset, header.pictureBytes(), platform.frameMemory->size())) {
-      requestFailure("invalid raw frame header");
-      return nullptr;
-    }
-    rgba = platform.frameMemory->pixels(header.id, offset, header.pictureBytes());
+  if (!readExactly(payload)) {
+    requestFailure("truncated raw frame");
+    return nullptr;
   }
-  if (!rgba) requestFailure("truncated raw frame");
-  return rgba;
+  const auto offset = integerBE<std::uint64_t>(payload, 0);
+  if (!isValidOffset(offset, header.pictureBytes(), platform.frameMemory->size())) {
+    requestFailure("invalid raw frame header");
+    return nullptr;
+  }
+  return platform.frameMemory->pixels(header.id, offset);
 }
 
 // The frame is the queue's alone: it goes as soon as that is done with it.
 void VideoEncoder::enqueue(std::shared_ptr<const RawFrame> admitted) {
   try {
-    platform.stateQueue->async([weak = weak_from_this(), admitted = std::move(admitted)] {
-      if (const auto self = weak.lock()) self->encode(*admitted);
-    });
+    platform.stateQueue->async(
+        weakly([admitted = std::move(admitted)](VideoEncoder& self) { self.encode(*admitted); }));
   } catch (const std::bad_alloc&) {
     raw.release();  // the take that is to be finished now waits for no frame
     throw;
   }
+}
+
+// State queue: the frame in flight has left, so what waited for it can begin.
+void VideoEncoder::releaseRaw() {
+  raw.release();
+  if (take.hasSessionOfAnotherTake()) take.resetRecordingSession();
+  finishMovieIfReady();
 }
 
 }  // namespace lumora

@@ -45,7 +45,6 @@ bool HybridMovieWriter::canAdd(const FormatDescription& format) const {
 }
 
 bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> format) {
-  if (!canAdd(*format)) return false;
   format_ = std::move(format);
   Bytes start = movieStart(*format_, created_);
   fileSize_ = start.size();

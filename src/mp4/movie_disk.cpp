@@ -3,8 +3,7 @@
 #include <thread>
 #include <utility>
 
-#include "base/out_of_memory.h"
-#include "base/reason.h"
+#include "base/text.h"
 #include "base/thread_name.h"
 
 namespace lumora {
@@ -106,7 +105,7 @@ void MovieDisk::carryOut(const Step& step, ByteSink& sink) {
   try {
     step(sink);
   } catch (const std::exception& error) {
-    end(WriterStatus::failed, retryUntilAllocated([&] { return reasonOf(error); }));
+    end(WriterStatus::failed, reasonOf(error));
   }
 }
 

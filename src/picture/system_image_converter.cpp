@@ -3,13 +3,15 @@
 #include <libyuv.h>
 
 #include <algorithm>
-
-#include "picture/box_reduction.h"
+#include <cmath>
 
 namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 4;
+// A kernel for more than this would have weights too small for the resampler's fixed point.
+constexpr std::int64_t largestReduction = 8;
+constexpr std::int64_t bytesPerPixel = 4;
 
 bool isUsable(std::int64_t width, std::int64_t height, const void* pixels) {
   return pixels != nullptr && width > 0 && height > 0 && width <= Resampler::maximumSide &&
@@ -30,12 +32,32 @@ bool SystemImageConverter::convert(const ImageView& source, const MutableImageVi
                               static_cast<int>(destination.stride), static_cast<int>(source.width),
                               -static_cast<int>(source.height)) == 0;
   }
-  if (isStrongReduction(source, destination)) {
-    averageBoxes(source, destination);
-    return true;
+  if (source.width > destination.width * largestReduction ||
+      source.height > destination.height * largestReduction) {
+    return resampleTwice(source, destination);
   }
   resamplerFor(source, destination).run(source, destination, workspace_);
   return true;
+}
+
+// By way of a picture between the two sizes. Each pass swaps channels and flips.
+bool SystemImageConverter::resampleTwice(const ImageView& source,
+                                         const MutableImageView& destination) {
+  const auto between = [](std::int64_t from, std::int64_t to) {
+    return std::llround(std::sqrt(static_cast<double>(from) * static_cast<double>(to)));
+  };
+  const std::int64_t width = between(source.width, destination.width);
+  const std::int64_t height = between(source.height, destination.height);
+  const std::int64_t stride = width * bytesPerPixel;
+  halfway_.resize(static_cast<std::size_t>(height * stride));
+  const MutableImageView halfway{halfway_.data(), width, height, stride};
+  resamplerFor(source, halfway).run(source, halfway, workspace_);
+  const ImageView upright{halfway.pixels + (height - 1) * stride, width, height, -stride};
+  resamplerFor(upright, destination).run(upright, destination, workspace_);
+  return libyuv::ABGRToARGB(destination.pixels, static_cast<int>(destination.stride),
+                            destination.pixels, static_cast<int>(destination.stride),
+                            static_cast<int>(destination.width),
+                            static_cast<int>(destination.height)) == 0;
 }
 
 const Resampler& SystemImageConverter::resamplerFor(const ImageView& source,

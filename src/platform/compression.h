@@ -25,9 +25,8 @@ class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
   virtual BufferPicture picture() = 0;
-  // The buffer's own memory and its geometry; null pixels when it has none.
-  virtual MutableImageView lock() = 0;
-  virtual void unlock() = 0;
+  // The buffer's own memory and its geometry. Null pixels for a wrapped picture.
+  virtual MutableImageView memory() = 0;
 };
 
 class PixelBufferPool {

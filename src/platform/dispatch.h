@@ -1,6 +1,6 @@
 #pragma once
 
-// Serial queues, timers and detached work. A serial queue runs its work items one at a time, in
+// Serial queues and detached work. A serial queue runs its work items one at a time, in
 // the order they were enqueued, on a thread of its own, so what belongs to a queue needs no lock.
 
 #include <functional>
@@ -19,16 +19,9 @@ class SerialQueue {
   virtual void async(Work work) = 0;
   // Any thread. Runs `work` on the queue once `seconds` have passed.
   virtual void asyncAfter(double seconds, Work work) = 0;
-  // On the queue. What escapes a work item from now on goes to `handler`, in words; without one it
-  // is forgotten with the item.
+  // On the queue. `handler` gets the reason of every exception that escapes a work item from now
+  // on. Without a handler such an exception ends the process.
   virtual void setFailureHandler(FailureHandler handler) = 0;
-};
-
-// Fires on its queue until cancelled or destroyed. Cancel on that queue: no firing follows.
-class TimerSource {
- public:
-  virtual ~TimerSource() = default;
-  virtual void cancel() = 0;
 };
 
 class Dispatch {
@@ -37,11 +30,8 @@ class Dispatch {
   // A new serial queue; its thread carries `label`. Work enqueued before the last reference goes
   // still runs.
   virtual std::shared_ptr<SerialQueue> makeQueue(const std::string& label) = 0;
-  // A timer on the state queue: first after `interval` seconds, then every `interval` seconds.
-  virtual std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) = 0;
-  // Runs `work`, which may block for as long as it likes, on a thread of its own that carries
-  // `label`. What escapes it is forgotten. Throws std::system_error without a thread, as
-  // `makeQueue` does.
+  // Runs `work`, which may block, on a thread of its own that carries `label`. Exceptions that
+  // escape it are ignored. Throws std::system_error if no thread can be made, as `makeQueue` does.
   virtual void runDetached(const std::string& label, Work work) = 0;
 };
 

@@ -9,7 +9,7 @@ class FileManager {
  public:
   virtual ~FileManager() = default;
   // Whether nothing may be made under this name.
-  virtual bool isTaken(const std::string& path) const = 0;
+  virtual bool isNameUsed(const std::string& path) const = 0;
   // Renames within a file system, durably where its directory can be synced; false when `to` exists
   // or the move is impossible.
   virtual bool move(const std::string& from, const std::string& to) = 0;

@@ -12,18 +12,16 @@
 
 namespace lumora {
 
-enum class ConnectionState { failed, cancelled };
-
 class TcpConnection {
  public:
   // `bytes` live only during the call; `complete` is set when the peer closed its side.
   using ReceiveHandler = std::function<void(ByteView bytes, bool complete, std::error_code error)>;
   using SendHandler = std::function<void(std::error_code error)>;
-  using StateHandler = std::function<void(ConnectionState)>;
+  using EndHandler = std::function<void()>;
 
   virtual ~TcpConnection() = default;
-  // Replaces the state handler; an empty one clears it.
-  virtual void setStateHandler(StateHandler handler) = 0;
+  // `handler` runs once the connection has failed or was cancelled. An empty one replaces it.
+  virtual void setEndHandler(EndHandler handler) = 0;
   virtual void start() = 0;
   // Arms one read of 1 to `maximum` bytes.
   virtual void receive(std::size_t maximum, ReceiveHandler handler) = 0;
@@ -36,7 +34,7 @@ class TcpConnection {
   virtual void reset() = 0;
 };
 
-enum class ListenerState { ready, failed, cancelled };
+enum class ListenerState { ready, failed };
 
 class TcpListener {
  public:

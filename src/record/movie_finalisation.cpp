@@ -3,8 +3,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "base/out_of_memory.h"
-#include "base/reason.h"
+#include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
@@ -41,48 +40,41 @@ void MovieRecorder::finishJob(double stop, const std::function<void()>& completi
       write(*held, *origin + end, shortestLastSample);
     }
     held.reset();
-    status(TakeState::finishing, end, "", path);
+    tell(TakeState::finishing, end, "", path);
     finishWriting(end, completion);
   } catch (const std::exception& reason) {
-    failure(retryUntilAllocated([&] { return reasonOf(reason); }));
+    fail(reasonOf(reason));
     completion();
   }
 }
 
 void MovieRecorder::finishWriting(double end, const std::function<void()>& completion) {
   writer->finishWriting(movieUnits(end), [self = shared_from_this(), end, completion] {
-    retryUntilAllocated([&] {
-      self->queue->async([self, end, completion] {
-        self->movieEnded(end);
-        completion();
-      });
+    self->queue->async([self, end, completion] {
+      self->movieEnded(end);
+      completion();
     });
   });
 }
 
 void MovieRecorder::movieEnded(double end) {
   if (writer->status() == WriterStatus::completed) return saveCompletedMovie(end);
-  failure(retryUntilAllocated(
-      [&] { return writer->error().value_or("recording finalization failed"); }));
+  fail(writer->error().value_or("recording finalization failed"));
 }
 
 // Whatever the names allow: a complete movie is never given up for its name.
 void MovieRecorder::saveCompletedMovie(double duration) {
-  if (platform.files->move(staging, path)) return status(TakeState::saved, duration, "", path);
-  retryUntilAllocated([&] {
-    const std::string recovery = recoveryPath(path, id);
-    if (platform.files->move(staging, recovery)) {
-      return retryUntilAllocated([&] {
-        status(TakeState::saved, duration,
-               "Final filename was unavailable. Completed video saved at the recovery path shown.",
-               recovery);
-      });
-    }
-    status(TakeState::saved, duration,
-           "Final filename was unavailable. Completed video preserved at the staging path shown; "
-           "rename it to .mp4.",
-           staging);
-  });
+  if (platform.files->move(staging, path)) return tell(TakeState::saved, duration, "", path);
+  const std::string recovery = recoveryPath(path, id);
+  if (platform.files->move(staging, recovery)) {
+    return tell(TakeState::saved, duration,
+                "Final filename was unavailable. Completed video saved at the recovery path shown.",
+                recovery);
+  }
+  tell(TakeState::saved, duration,
+       "Final filename was unavailable. Completed video preserved at the staging path shown; "
+       "rename it to .mp4.",
+       staging);
 }
 
 void MovieRecorder::abort(const std::string& message) {
@@ -90,8 +82,7 @@ void MovieRecorder::abort(const std::string& message) {
     const std::lock_guard hold(lock);
     accepting = false;
   }
-  retryUntilAllocated(
-      [&] { queue->async([self = shared_from_this(), message] { self->failure(message); }); });
+  queue->async([self = shared_from_this(), message] { self->fail(message); });
 }
 
 }  // namespace lumora

@@ -6,8 +6,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "base/out_of_memory.h"
-#include "base/reason.h"
+#include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_timing.h"
 
@@ -73,7 +72,7 @@ void MovieRecorder::writeJob(HeldSample next) {
     try {
       holdBack(std::move(next));
     } catch (const std::exception& reason) {
-      failure(retryUntilAllocated([&] { return reasonOf(reason); }));
+      fail(reasonOf(reason));
     }
   }
   const std::lock_guard hold(lock);
@@ -95,7 +94,8 @@ void MovieRecorder::holdBack(HeldSample next) {
 void MovieRecorder::prepare(const HeldSample& first) {
   const auto format = first.sample->format();
   const bool usable = path.starts_with('/') && std::filesystem::path(path).extension() == ".mp4" &&
-                      !platform.files->isTaken(path) && !platform.files->isTaken(staging) && format;
+                      !platform.files->isNameUsed(path) && !platform.files->isNameUsed(staging) &&
+                      format;
   if (!usable) throw EncoderFailure::message("invalid or existing recording destination");
   width = format->width();
   height = format->height();
@@ -108,7 +108,7 @@ void MovieRecorder::prepare(const HeldSample& first) {
   }
   origin = startedAt.value_or(first.time);
   lastProgressReport = platform.clock->uptime();
-  status(TakeState::recording, 0, "", path);
+  tell(TakeState::recording, 0, "", path);
 }
 
 // Writes a sample that lasts until this uptime, but at least `shortest` movie units; where it ends
@@ -141,9 +141,9 @@ void MovieRecorder::pruneRecentWrites(double now) {
   while (!recentWrites.empty() && recentWrites.front() <= now - 1.0) recentWrites.pop_front();
 }
 
-void MovieRecorder::status(TakeState state, double duration, const std::string& error,
-                           const std::string& outputPath) {
-  retryUntilAllocated([&] { report(describe(state, duration, error, outputPath)); });
+void MovieRecorder::tell(TakeState state, double duration, const std::string& error,
+                         const std::string& outputPath) {
+  report(describe(state, duration, error, outputPath), shared_from_this());
 }
 
 TakeEvent MovieRecorder::describe(TakeState state, double duration, const std::string& error,
@@ -178,10 +178,10 @@ void MovieRecorder::progress() {
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
-  status(TakeState::recording, writtenDuration, "", path);
+  tell(TakeState::recording, writtenDuration, "", path);
 }
 
-void MovieRecorder::failure(const std::string& message) {
+void MovieRecorder::fail(const std::string& message) {
   if (failed) return;
   failed = true;
   held.reset();
@@ -194,7 +194,7 @@ void MovieRecorder::failure(const std::string& message) {
     writer->cancelWriting();
     platform.files->remove(staging);
   }
-  status(TakeState::failed, 0, message, path);
+  tell(TakeState::failed, 0, message, path);
 }
 
 }  // namespace lumora

@@ -22,7 +22,8 @@ namespace lumora {
 
 class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
  public:
-  using Report = std::function<void(const TakeEvent& event)>;
+  using Report =
+      std::function<void(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from)>;
 
   // `relay` is called on the take's queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
@@ -63,11 +64,11 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void holdBack(HeldSample next);
   void prepare(const HeldSample& first);
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
-  void status(TakeState state, double duration, const std::string& error,
-              const std::string& outputPath);
+  void tell(TakeState state, double duration, const std::string& error,
+            const std::string& outputPath);
   TakeEvent describe(TakeState state, double duration, const std::string& error,
                      const std::string& outputPath);
-  void failure(const std::string& message);  // never throws
+  void fail(const std::string& message);
   void progress();
   void pruneRecentWrites(double now);
   void finishJob(double stop, const std::function<void()>& completion);

@@ -3,8 +3,7 @@
 #include <utility>
 
 #include "app/video_encoder.h"
-#include "base/out_of_memory.h"
-#include "base/reason.h"
+#include "base/text.h"
 #include "record/recording_command.h"
 #include "record/recording_profile.h"
 #include "record/take_event.h"
@@ -30,42 +29,34 @@ void VideoEncoder::startRecording(const Json& command) {
     if (!startedAt) return reject("recording start time is invalid");
   }
   const std::string* path = findString(command, "path");
-  if (movie || movieFinishing || shutdownCode || path == nullptr ||
-      !isRecordingDestination(*path)) {
+  if (take.movie || shutdownCode || path == nullptr || !isRecordingDestination(*path)) {
     return reject("recording destination or state is invalid");
   }
   concludeAbandonedTake();
   const std::string& id = *findString(command, "id");
-  movieStatus = makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS});
-  emit(movieStatus->json);
-  ++takesStarted;
+  tellParent(makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS}));
   try {
     beginTake(command, *profile, startedAt);
   } catch (const std::exception& error) {
-    relayRecording(retryUntilAllocated([&] { return failedEvent(*movieStatus, reasonOf(error)); }),
-                   takesStarted);
+    tellParent(failedEvent(*take.movieStatus, reasonOf(error)));
   }
 }
 
 void VideoEncoder::beginTake(const Json& command, const RecordingProfile& profile,
                              std::optional<double> startedAt) {
-  // Another take of the same id may follow: only the latest has a say.
-  const auto relay = [weak = weak_from_this(), queue = platform.stateQueue,
-                      take = takesStarted](const TakeEvent& event) {
-    queue->async([weak, take, event] {
-      if (const auto self = weak.lock()) self->relayRecording(event, take);
-    });
-  };
-  movie = std::make_shared<MovieRecorder>(*findString(command, "id"), *findString(command, "path"),
-                                          startedAt, profile, requestedCadence(command), platform,
-                                          relay);
-  pendingMovieStop.reset();
-  recordingForceIDR = true;
+  const auto relay = weakly(
+      [](VideoEncoder& self, const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from) {
+        self.platform.stateQueue->async(self.weakly(&VideoEncoder::relayRecording, event, from));
+      });
+  take.movie = std::make_shared<MovieRecorder>(*findString(command, "id"),
+                                               *findString(command, "path"), startedAt, profile,
+                                               requestedCadence(command), platform, relay);
   platform.encoders->openAhead(profile.sessionSettings());
 }
 
 void VideoEncoder::stopRecording(const Json& command) {
-  if (!movie || movie->id != *findString(command, "id") || movieFinishing) return;
+  const auto& movie = take.movie;
+  if (!movie || movie->id != *findString(command, "id") || take.movieFinishing) return;
   const double now = uptime();
   double stop = now;
   if (const Json* value = findValue(command, "stopped_at")) {
@@ -75,63 +66,52 @@ void VideoEncoder::stopRecording(const Json& command) {
     }
     stop = *named;
   }
-  pendingMovieStop = stop;
+  take.pendingMovieStop = stop;
   finishMovieIfReady();
 }
 
-void VideoEncoder::relayRecording(const TakeEvent& event, std::uint64_t take) {
-  if (take != takesStarted || !relaysEvent(*movieStatus, isTakeStopping(), event)) return;
-  retryUntilAllocated([&] {
-    TakeEvent told = event;  // copied first: once the line is out, nothing may throw
-    emit(told.json);
-    movieStatus = std::move(told);
-  });
-  // Whoever reads that a take is over may start the next one at once.
+// Ids may come again, so a take is known by its recorder.
+void VideoEncoder::relayRecording(const TakeEvent& event,
+                                  const std::shared_ptr<MovieRecorder>& from) {
+  if (from != take.movie && from != take.abandoned) return;
+  if (relaysEvent(*take.movieStatus, take.isStopping(), event)) tellParent(event);
+}
+
+void VideoEncoder::tellParent(const TakeEvent& event) {
+  take.movieStatus = event;
+  emit(event.json);
+  // A parent that reads that a take is over may start the next one at once.
   if (event.state == TakeState::saved || event.state == TakeState::failed) takeEnded();
 }
 
 // A take that was given up reports it once its file is gone. Before another take begins or the
-// process ends it is said without waiting for that.
+// process ends, this reports it without waiting for that.
 void VideoEncoder::concludeAbandonedTake() {
-  const auto reason = std::exchange(abandonedFor, std::nullopt);
-  if (!reason) return;
-  relayRecording(retryUntilAllocated([&] { return failedEvent(*movieStatus, *reason); }),
-                 takesStarted);
-}
-
-bool VideoEncoder::isTakeStopping() const { return pendingMovieStop || movieFinishing; }
-
-std::shared_ptr<MovieRecorder> VideoEncoder::recordingTake() const {
-  return isTakeStopping() ? nullptr : movie;
+  if (take.abandoned) tellParent(failedEvent(*take.movieStatus, take.abandonedFor));
 }
 
 void VideoEncoder::finishMovieIfReady() {
-  if (raw.isBusy() || movieFinishing || !pendingMovieStop || !movie) return;
-  movieFinishing = true;
+  if (raw.isBusy() || take.movieFinishing || !take.pendingMovieStop || !take.movie) return;
+  take.movieFinishing = true;
   // No frame is in flight, so every sample of the take has reached the recorder.
-  resetRecordingSession();
-  const auto finished = [weak = weak_from_this(), queue = platform.stateQueue,
-                         take = takesStarted] {
-    retryUntilAllocated([&] {
-      queue->async([weak, take] {
-        if (const auto self = weak.lock()) self->movieFinished(take);
-      });
-    });
-  };
-  retryUntilAllocated([&] { movie->finish(*pendingMovieStop, finished); });
+  take.resetRecordingSession();
+  const auto finished = weakly([of = take.movie](VideoEncoder& self) {
+    self.platform.stateQueue->async(self.weakly(&VideoEncoder::movieFinished, of));
+  });
+  take.movie->finish(*take.pendingMovieStop, finished);
 }
 
-// A take that had failed before it was to be finished has told its end already.
-void VideoEncoder::movieFinished(std::uint64_t take) {
-  if (movieFinishing && take == takesStarted) takeEnded();
+// A take that failed before it was to be finished has ended already.
+void VideoEncoder::movieFinished(const std::shared_ptr<MovieRecorder>& movie) {
+  if (take.movie == movie) takeEnded();
 }
 
 void VideoEncoder::takeEnded() {
-  abandonedFor.reset();
-  movie.reset();
-  movieFinishing = false;
-  pendingMovieStop.reset();
-  if (!raw.isBusy()) resetRecordingSession();
+  take.abandoned.reset();
+  take.movie.reset();
+  take.movieFinishing = false;
+  take.pendingMovieStop.reset();
+  if (!raw.isBusy()) take.resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
 }
 

@@ -8,38 +8,18 @@
 #include "stream/packet.h"
 
 namespace lumora {
-namespace {
-
-// A copy, so that a removal during a pass does not disturb it.
-std::vector<std::shared_ptr<Peer>> snapshot(
-    const std::map<std::string, std::shared_ptr<Peer>>& peers) {
-  std::vector<std::shared_ptr<Peer>> result;
-  result.reserve(peers.size());
-  for (const auto& [id, peer] : peers) result.push_back(peer);
-  return result;
-}
-
-}  // namespace
-
 void VideoEncoder::deliver(const EncodedSample& sample, std::uint64_t id) {
-  const FramePackets packets = prepareFrame(sample, id, width, height);
-  ++encodedFrames;
-  for (const auto& peer : snapshot(peers)) {
+  const FramePackets packets = prepareFrame(sample, id, preview.width, preview.height);
+  ++preview.encodedFrames;
+  for (const auto& peer : preview.snapshot()) {
     const DeliveryChoice choice = chooseDelivery(*peer, packets.keyframe);
-    delivery.count(choice);
+    preview.delivery.count(choice);
     if (choice == DeliveryChoice::send)
       sendFrame(peer, packets, id);
     else if (choice != DeliveryChoice::skip)
-      resynchronise(*peer);
+      preview.resynchronise(*peer);
   }
   emitStats(false);
-}
-
-// A peer from which a frame was withheld. The episode counts once.
-void VideoEncoder::resynchronise(Peer& peer) {
-  if (!peer.awaitingIDR) ++delivery.idrResyncs;
-  peer.awaitingIDR = true;
-  forceIDR = true;
 }
 
 void VideoEncoder::sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets,
@@ -50,26 +30,25 @@ void VideoEncoder::sendFrame(const std::shared_ptr<Peer>& peer, const FramePacke
   peer->sendStarted = now;
   peer->lastSent = id;
   peer->unacknowledged.push_back({id, now});
-  delivery.observe(peer->unacknowledged.size());
+  preview.delivery.observe(peer->unacknowledged.size());
   std::vector<SharedBytes> parts;
   if (packets.configuration) parts.push_back(packets.configuration);
   parts.push_back(packets.frame);
-  peer->connection->send(std::move(parts), [weak = weak_from_this(),
-                                            weakPeer = std::weak_ptr(peer)](std::error_code error) {
-    const auto self = weak.lock();
+  const auto sent = [weakPeer = std::weak_ptr(peer)](VideoEncoder& self, std::error_code error) {
     const auto to = weakPeer.lock();
-    if (!self || !to || !self->peers.contains(to->id)) return;
+    if (!to || !self.preview.peers.contains(to->id)) return;
     to->sending = false;
-    if (error) self->remove(to);
-  });
+    if (error) self.remove(to);
+  };
+  peer->connection->send(std::move(parts), weakly(sent));
 }
 
 void VideoEncoder::sweepPeers() {
   if (!running) return;
   const double now = uptime();
-  for (const auto& peer : snapshot(peers)) {
+  for (const auto& peer : preview.snapshot()) {
     if (!isOverdue(*peer, now)) continue;
-    // What a client never read would stay in the kernel for as long as it does not read.
+    // A reset also discards what the kernel holds for a client that does not read.
     if (peer->authenticated) peer->connection->reset();
     remove(peer);
   }

@@ -24,47 +24,35 @@ std::string randomUUID() {
 
 }  // namespace
 
-std::size_t VideoEncoder::countClients() const {
-  return static_cast<std::size_t>(
-      std::ranges::count_if(peers, [](const auto& entry) { return entry.second->authenticated; }));
-}
-
-std::size_t VideoEncoder::countWaitingPeers() const { return peers.size() - countClients(); }
-
 void VideoEncoder::accept(std::shared_ptr<TcpConnection> connection) {
-  if (!running || !admitsConnection(countClients(), countWaitingPeers())) {
+  if (!running || !admitsConnection(preview.countClients(), preview.countWaitingPeers())) {
     connection->cancel();
-    ++droppedPeers;
+    ++preview.droppedPeers;
     return;
   }
   const auto peer = std::make_shared<Peer>();
   peer->id = randomUUID();
   peer->connection = std::move(connection);
   peer->acceptedAt = uptime();
-  peers[peer->id] = peer;
-  // Failed and cancelled alike end the peer.
-  peer->connection->setStateHandler(
-      [weak = weak_from_this(), weakPeer = std::weak_ptr(peer)](ConnectionState) {
-        const auto self = weak.lock();
-        const auto gone = weakPeer.lock();
-        if (self && gone) self->remove(gone);
-      });
+  preview.peers[peer->id] = peer;
+  peer->connection->setEndHandler(weakly([weakPeer = std::weak_ptr(peer)](VideoEncoder& self) {
+    if (const auto gone = weakPeer.lock()) self.remove(gone);
+  }));
   peer->connection->start();
   receive(peer);
 }
 
 void VideoEncoder::receive(const std::shared_ptr<Peer>& peer) {
-  peer->connection->receive(maximumLineBytes + 1,
-                            [weak = weak_from_this(), weakPeer = std::weak_ptr(peer)](
-                                ByteView bytes, bool complete, std::error_code error) {
-                              const auto self = weak.lock();
-                              const auto from = weakPeer.lock();
-                              if (self && from) self->received(from, bytes, complete || error);
-                            });
+  peer->connection->receive(maximumLineBytes + 1, weakly([weakPeer = std::weak_ptr(peer)](
+                                                             VideoEncoder& self, ByteView bytes,
+                                                             bool complete, std::error_code error) {
+                              if (const auto from = weakPeer.lock())
+                                self.received(from, bytes, complete || error);
+                            }));
 }
 
 void VideoEncoder::received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended) {
-  if (!running || !peers.contains(peer->id)) return;
+  if (!running || !preview.peers.contains(peer->id)) return;
   if (!takeBytes(*peer, bytes) || ended) return remove(peer);
   receive(peer);
 }
@@ -90,32 +78,26 @@ bool VideoEncoder::handleLine(Peer& peer) {
     return !peer.authenticated && authenticate(peer, hello->token);
   }
   if (const auto* ack = std::get_if<AckLine>(&line)) {
-    return peer.authenticated && takeAcknowledgement(peer, ack->frameID);
+    return peer.authenticated && preview.takeAcknowledgement(peer, ack->frameID, uptime());
   }
   return false;
 }
 
 bool VideoEncoder::authenticate(Peer& peer, const std::string& offered) {
   if (!constantTimeEqual(offered, token)) return false;
-  if (countClients() >= maximumAuthenticatedPeers) return false;
+  if (preview.countClients() >= maximumAuthenticatedPeers) return false;
   peer.authenticated = true;
-  forceIDR = true;
+  preview.forceIDR = true;
   emitStats(true);
   return true;
 }
 
-bool VideoEncoder::takeAcknowledgement(Peer& peer, std::uint64_t frameID) {
-  const Acknowledgement result = acknowledge(peer, frameID);
-  if (result.outcome == AckOutcome::accepted) acknowledgements.record(result, uptime());
-  return result.outcome != AckOutcome::invalid;
-}
-
 void VideoEncoder::remove(const std::shared_ptr<Peer>& peer) {
-  if (peers.erase(peer->id) == 0) return;
+  if (preview.peers.erase(peer->id) == 0) return;
   // Without a handler the cancellation does not come back here.
-  peer->connection->setStateHandler({});
+  peer->connection->setEndHandler({});
   peer->connection->cancel();
-  ++droppedPeers;
+  ++preview.droppedPeers;
   if (peer->authenticated) emitStats(true);
 }
 

@@ -31,13 +31,8 @@ class AsioQueue final : public SerialQueue {
 
 class AsioDispatch final : public Dispatch {
  public:
-  explicit AsioDispatch(std::shared_ptr<AsioQueue> stateQueue);
   std::shared_ptr<SerialQueue> makeQueue(const std::string& label) override;
-  std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override;
   void runDetached(const std::string& label, Work work) override;
-
- private:
-  std::shared_ptr<AsioQueue> stateQueue_;
 };
 
 }  // namespace lumora

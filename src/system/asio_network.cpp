@@ -19,13 +19,13 @@ class AsioConnection final : public TcpConnection,
  public:
   explicit AsioConnection(tcp::socket socket) : socket_(std::move(socket)) {}
 
-  void setStateHandler(StateHandler handler) override { stateHandler_ = std::move(handler); }
+  void setEndHandler(EndHandler handler) override { endHandler_ = std::move(handler); }
 
-  // The kernel has connected it already: only the options are left to set.
+  // It is connected already. Only the options are left to set.
   void start() override {
     error_code error;
     socket_.set_option(tcp::no_delay(true), error);
-    if (error) report(ConnectionState::failed);
+    if (error) reportEnd();
   }
 
   void receive(std::size_t maximum, ReceiveHandler handler) override {
@@ -52,7 +52,7 @@ class AsioConnection final : public TcpConnection,
   void cancel() override {
     error_code ignored;
     socket_.close(ignored);
-    report(ConnectionState::cancelled);
+    reportEnd();
   }
 
   void reset() override {
@@ -62,15 +62,15 @@ class AsioConnection final : public TcpConnection,
   }
 
  private:
-  void report(ConnectionState state) {
-    asio::post(socket_.get_executor(), [self = shared_from_this(), state] {
-      if (self->stateHandler_) self->stateHandler_(state);
+  void reportEnd() {
+    asio::post(socket_.get_executor(), [self = shared_from_this()] {
+      if (self->endHandler_) self->endHandler_();
     });
   }
 
   tcp::socket socket_;
   Bytes received_;
-  StateHandler stateHandler_;
+  EndHandler endHandler_;
 };
 
 class AsioListener final : public TcpListener, public std::enable_shared_from_this<AsioListener> {
@@ -111,13 +111,11 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
     resolver_.cancel();
     acceptor_.close(ignored);
     retry_.cancel();
-    asio::post(acceptor_.get_executor(),
-               [self = shared_from_this()] { self->report(ListenerState::cancelled); });
   }
 
  private:
-  // Of a name's addresses the first that this machine has; one that is in use is no reason to be
-  // found somewhere else.
+  // Binds the first resolved address that this machine owns. If it is in use, we fail; we don't try
+  // the next.
   bool listenOnFirst(const tcp::resolver::results_type& results) {
     for (const auto& entry : results) {
       const error_code error = listenOn(entry.endpoint());
@@ -153,8 +151,8 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
         });
   }
 
-  // A client that is gone before it was accepted, or a machine short of descriptors or memory for
-  // a moment, must not end the service.
+  // Retries, since the client may be gone already, or descriptors or memory may be short for a
+  // moment.
   void acceptFailed(const error_code& error) {
     if (error == asio::error::bad_descriptor || error == asio::error::invalid_argument) {
       return report(ListenerState::failed);

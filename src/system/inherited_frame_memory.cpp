@@ -9,12 +9,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <mutex>
-#include <new>
-#include <utility>
 
-#include "base/bytes.h"
 #include "system/release_order.h"
 
 namespace lumora {
@@ -32,7 +28,7 @@ bool canShrink([[maybe_unused]] int descriptor) {
 #endif
 }
 
-// Their pages can be gone, once somebody has punched holes, whatever the seals say.
+// Seals do not keep anybody from punching holes into huge pages.
 bool isOfHugePages([[maybe_unused]] int descriptor) {
 #ifdef __linux__
   constexpr std::uint32_t magic = 0x958458f6;  // HUGETLBFS_MAGIC of the kernel's magic.h
@@ -43,7 +39,7 @@ bool isOfHugePages([[maybe_unused]] int descriptor) {
 #endif
 }
 
-// Pictures are read where they lie, whichever thread reads them last.
+// The last reader of a picture, on whichever thread, releases it.
 class MappedMemory final : public FrameMemory, public std::enable_shared_from_this<MappedMemory> {
  public:
   MappedMemory(std::uint8_t* memory, std::uint64_t size) : memory_(memory), size_(size) {
@@ -54,8 +50,7 @@ class MappedMemory final : public FrameMemory, public std::enable_shared_from_th
   MappedMemory& operator=(const MappedMemory&) = delete;
 
   std::uint64_t size() const override { return size_; }
-  std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset,
-                                               std::size_t) override {
+  std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset) override {
     {
       const std::lock_guard hold(mutex_);
       order_.begin(id);
@@ -75,72 +70,29 @@ class MappedMemory final : public FrameMemory, public std::enable_shared_from_th
 
   std::uint8_t* const memory_;
   const std::uint64_t size_;
-  std::mutex mutex_;  // guards the order, and keeps the word from going back
+  std::mutex mutex_;  // guards the order, and the word against going back
   ReleaseOrder order_;
 };
 
-class FileMemory final : public FrameMemory {
- public:
-  FileMemory(int descriptor, std::uint64_t size, std::shared_ptr<PicturePool> pictures)
-      : descriptor_(descriptor), size_(size), pictures_(std::move(pictures)) {
-    release(0);
-  }
-
-  std::uint64_t size() const override { return size_; }
-  std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset,
-                                               std::size_t bytes) override {
-    PictureMemory picture = pictures_->allocate(bytes);
-    if (!picture) throw std::bad_alloc();
-    if (!read({picture.get(), bytes}, static_cast<off_t>(offset))) return nullptr;
-    release(id);
-    return picture;
-  }
-
- private:
-  bool read(MutableByteView space, off_t offset) const {
-    while (!space.empty()) {
-      const ssize_t count = pread(descriptor_, space.data(), space.size(), offset);
-      if (count < 0 && errno == EINTR) continue;
-      if (count <= 0) return false;
-      offset += count;
-      space = space.subspan(static_cast<std::size_t>(count));
-    }
-    return true;
-  }
-
-  // A file that takes no write costs the parent its slots, not us.
-  void release(ReleaseWord id) const {
-    ssize_t count = -1;
-    do {
-      count = pwrite(descriptor_, &id, sizeof id, 0);
-    } while (count < 0 && errno == EINTR);
-  }
-
-  const int descriptor_;
-  const std::uint64_t size_;
-  const std::shared_ptr<PicturePool> pictures_;
-};
-
-std::shared_ptr<FrameMemory> mapMemory(int descriptor, std::uint64_t size) {
-  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
-  if (memory == MAP_FAILED) return nullptr;
-  return std::make_shared<MappedMemory>(static_cast<std::uint8_t*>(memory), size);
+bool isReadableAndWritable(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFL);
+  return flags >= 0 && (flags & O_ACCMODE) == O_RDWR;
 }
 
 }  // namespace
 
-std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor,
-                                                std::shared_ptr<PicturePool> pictures) {
-  if (descriptor <= STDERR_FILENO || isOfHugePages(descriptor)) return nullptr;
-  const int flags = fcntl(descriptor, F_GETFL);
-  if (flags < 0 || (flags & O_ACCMODE) != O_RDWR || (flags & O_APPEND) != 0) return nullptr;
-  const bool isMapped = !canShrink(descriptor);  // from here on its size holds, too
+std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor) {
+  if (descriptor <= STDERR_FILENO || !isReadableAndWritable(descriptor) || canShrink(descriptor) ||
+      isOfHugePages(descriptor)) {
+    return nullptr;
+  }
   struct stat file {};
-  if (fstat(descriptor, &file) != 0 || !S_ISREG(file.st_mode)) return nullptr;
+  if (fstat(descriptor, &file) != 0) return nullptr;
   const auto size = static_cast<std::uint64_t>(file.st_size);
   if (size < 2 * framePageBytes) return nullptr;
-  if (isMapped) return mapMemory(descriptor, size);
-  return std::make_shared<FileMemory>(descriptor, size, std::move(pictures));
+  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+  if (memory == MAP_FAILED) return nullptr;
+  return std::make_shared<MappedMemory>(static_cast<std::uint8_t*>(memory), size);
 }
 
 }  // namespace lumora

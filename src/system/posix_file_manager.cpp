@@ -53,7 +53,7 @@ class PosixFileManager::PendingRemovals {
     names_.insert(std::move(name));
   }
   void remove(const std::string& path) {
-    const auto name = retryUntilAllocated([&] { return nameOf(path); });
+    const auto name = nameOf(path);
     const std::lock_guard hold(mutex_);
     names_.erase(name);
   }
@@ -75,7 +75,7 @@ class PosixFileManager::PendingRemovals {
 
 PosixFileManager::PosixFileManager() : pending_(std::make_shared<PendingRemovals>()) {}
 
-bool PosixFileManager::isTaken(const std::string& path) const {
+bool PosixFileManager::isNameUsed(const std::string& path) const {
   struct stat status {};
   return pending_->contain(path) || stat(path.c_str(), &status) == 0;
 }

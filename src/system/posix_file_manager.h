@@ -11,7 +11,7 @@ class PosixFileManager final : public FileManager {
  public:
   PosixFileManager();
   // Also while one of this name is being removed.
-  bool isTaken(const std::string& path) const override;
+  bool isNameUsed(const std::string& path) const override;
   bool move(const std::string& from, const std::string& to) override;
   void remove(const std::string& path) override;
 

@@ -9,9 +9,8 @@
 #include <boost/asio/signal_set.hpp>
 #include <cerrno>
 #include <csignal>
+#include <string_view>
 #include <utility>
-
-#include "base/out_of_memory.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -28,15 +27,28 @@ void enlargePipe(int descriptor) {
 #endif
 }
 
-// What a signal handler can reach.
-std::atomic<int> watchdogCode = 0;
+// The exit status once the end is decided. Signal handlers read it.
+constexpr int undecided = -1;
+std::atomic<int> decidedStatus = undecided;
 static_assert(std::atomic<int>::is_always_lock_free);
 
-// An encoder that hangs holds the state queue in a flush, and with it everything that ends us. A
-// signal needs neither a thread nor memory.
+constexpr std::string_view unexpectedFailure =
+    "{\"type\":\"error\",\"message\":\"unexpected failure\"}\n";
+
+// Libraries abort when they are out of memory, and so does the runtime for an exception that nobody
+// handles. Our exit statuses are 0 and 1 all the same.
+void endOnAbort(int) {
+  if (decidedStatus != undecided) _exit(decidedStatus);
+  [[maybe_unused]] const ssize_t ignored =
+      write(STDOUT_FILENO, unexpectedFailure.data(), unexpectedFailure.size());
+  _exit(1);
+}
+
+// An encoder that hangs blocks the state queue while we wait for its frames, and then nothing else
+// would end the process. A signal needs neither a thread nor memory.
 void startWatchdog(double seconds, int code) {
-  watchdogCode = code;
-  std::signal(SIGALRM, [](int) { _exit(watchdogCode); });
+  decidedStatus = code;
+  std::signal(SIGALRM, [](int) { _exit(decidedStatus); });
   const auto whole = static_cast<time_t>(seconds);
   const auto rest = static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1e6);
   const itimerval once{.it_interval = {}, .it_value = {whole, rest}};
@@ -48,40 +60,34 @@ bool isIgnored(int signal) {
   return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// Lives on its queue, which alone may touch the signal set.
+// Only its queue touches the signal set.
 class AsioSignal final : public SignalSource {
  public:
-  AsioSignal(std::shared_ptr<AsioQueue> queue, int signal, Work handler)
-      : queue_(std::move(queue)),
-        state_(std::make_shared<State>(queue_->context(), signal, std::move(handler))) {
-    State::arm(state_);
+  AsioSignal(std::shared_ptr<AsioQueue> queue, int signal, const Work& handler)
+      : queue_(std::move(queue)), signals_(std::make_shared<Signals>(queue_->context(), signal)) {
+    waitForNext(signals_, handler);
   }
   ~AsioSignal() override { cancel(); }
   AsioSignal(const AsioSignal&) = delete;
   AsioSignal& operator=(const AsioSignal&) = delete;
 
   void cancel() override {
-    queue_->async([state = state_] { state->signals.cancel(); });
+    queue_->async([signals = signals_] { signals->cancel(); });
   }
 
  private:
-  struct State {
-    State(boost::asio::io_context& context, int signal, Work work)
-        : signals(context, signal), handler(std::move(work)) {}
+  using Signals = boost::asio::signal_set;
 
-    static void arm(const std::shared_ptr<State>& state) {
-      state->signals.async_wait([state](const boost::system::error_code& error, int) {
-        if (error) return;
-        retryUntilAllocated([&] { arm(state); });
-        state->handler();
-      });
-    }
+  static void waitForNext(const std::shared_ptr<Signals>& signals, const Work& handler) {
+    signals->async_wait([signals, handler](const boost::system::error_code& error, int) {
+      if (error) return;
+      waitForNext(signals, handler);
+      handler();
+    });
+  }
 
-    boost::asio::signal_set signals;
-    Work handler;
-  };
   std::shared_ptr<AsioQueue> queue_;
-  std::shared_ptr<State> state_;
+  std::shared_ptr<Signals> signals_;
 };
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -96,7 +102,10 @@ void checkForLeaks() {
 
 }  // namespace
 
-PosixProcess::PosixProcess() { enlargePipe(STDIN_FILENO); }
+PosixProcess::PosixProcess() {
+  std::signal(SIGABRT, endOnAbort);
+  enlargePipe(STDIN_FILENO);
+}
 
 ssize_t PosixProcess::readInput(MutableByteView space) {
   for (;;) {
@@ -118,7 +127,7 @@ ssize_t PosixProcess::writeOutput(ByteView text) {
 std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
   // Whoever has it ignored, as "nohup" does, wants the process to outlive its terminal.
   if (signal == SIGHUP && isIgnored(signal)) return nullptr;
-  return std::make_unique<AsioSignal>(signals_, signal, std::move(handler));
+  return std::make_unique<AsioSignal>(signals_, signal, handler);
 }
 
 // No destructor may race the reader, which is blocked in `read`.

@@ -1,5 +1,7 @@
 #include "system/system_platform.h"
 
+#include <time.h>
+
 #include "codec/system_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_image_converter.h"
@@ -7,9 +9,21 @@
 #include "system/asio_network.h"
 #include "system/posix_file_manager.h"
 #include "system/posix_process.h"
-#include "system/system_clock.h"
 
 namespace lumora {
+namespace {
+
+// CLOCK_MONOTONIC.
+class SystemClock final : public Clock {
+ public:
+  double uptime() const override {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+  }
+};
+
+}  // namespace
 
 Platform makeSystemPlatform(const std::string& h264Encoder) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
@@ -17,10 +31,10 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.pictures = PicturePool::make();
   platform.stateQueue = stateQueue;
   platform.clock = std::make_shared<SystemClock>();
-  platform.dispatch = std::make_shared<AsioDispatch>(stateQueue);
+  platform.dispatch = std::make_shared<AsioDispatch>();
   platform.process = std::make_shared<PosixProcess>();
-  platform.encoders = std::make_shared<LibavEncoders>(parseEncoderChoice(h264Encoder), stateQueue,
-                                                      platform.dispatch, platform.pictures);
+  platform.encoders = std::make_shared<SystemEncoders>(
+      parseAllowedEncoders(h264Encoder), stateQueue, platform.dispatch, platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();

@@ -7,7 +7,7 @@
 namespace lumora {
 
 // The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, "" when there is none; see
-// codec/system_encoders.h.
+// codec/allowed_encoders.h.
 Platform makeSystemPlatform(const std::string& h264Encoder);
 
 }  // namespace lumora

@@ -10,7 +10,8 @@
 #include <map>
 
 #include "base/json.h"
-#include "base/reason.h"
+#include "base/limits.h"
+#include "base/text.h"
 #include "codec/memory_pixel_buffers.h"
 #include "encode/picture_size.h"
 #include "platform/platform.h"
@@ -71,7 +72,10 @@ class ManualQueue final : public SerialQueue {
   explicit ManualQueue(const double& now) : now_(now) {}
   void async(Work work) override { work_.emplace(0, std::move(work)); }
   void asyncAfter(double seconds, Work work) override {
-    work_.emplace(now_ + seconds, std::move(work));
+    if (seconds == serviceInterval)
+      tick = std::move(work);  // for the test to run
+    else
+      work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
   // Run what is due, all of it with what that enqueues or the next; whether there was anything.
@@ -86,11 +90,17 @@ class ManualQueue final : public SerialQueue {
     try {
       work();
     } catch (const std::exception& error) {
-      if (failed_) failed_(reasonOf(error));
+      if (!failed_) throw;
+      failed_(reasonOf(error));
     }
     return true;
   }
-  void clear() { work_.clear(); }
+  void clear() {
+    work_.clear();
+    tick = nullptr;
+  }
+
+  Work tick;  // of the service
 
  private:
   const double& now_;
@@ -103,10 +113,9 @@ struct FakeClock final : Clock {
   double now = 1000;
 };
 
-// A timer or a signal source; the test keeps the flag.
-template <typename Source>
-struct FakeSource final : Source {
-  explicit FakeSource(std::shared_ptr<bool> flag) : cancelled(std::move(flag)) {}
+// The test keeps the flag.
+struct FakeSignal final : SignalSource {
+  explicit FakeSignal(std::shared_ptr<bool> flag) : cancelled(std::move(flag)) {}
   void cancel() override { *cancelled = true; }
   std::shared_ptr<bool> cancelled;
 };
@@ -117,18 +126,10 @@ struct FakeDispatch final : Dispatch {
     if (refusal) throw std::system_error(std::make_error_code(*refusal));
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
-  std::unique_ptr<TimerSource> makeTimer(double interval, Work handler) override {
-    timerInterval = interval;
-    tick = std::move(handler);
-    return std::make_unique<FakeSource<TimerSource>>(timerCancelled);
-  }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
 
   const double& now;
   std::vector<std::shared_ptr<ManualQueue>> queues;
-  double timerInterval = 0;
-  std::shared_ptr<bool> timerCancelled = std::make_shared<bool>(false);
-  Work tick;
   std::vector<Work> detached;
   std::optional<std::errc> refusal;  // what making a queue fails with
 };
@@ -151,7 +152,7 @@ struct FakeProcess final : Process, CanFail {
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override {
     signals[signal] = std::move(handler);
     signalsCancelled[signal] = std::make_shared<bool>(false);
-    return std::make_unique<FakeSource<SignalSource>>(signalsCancelled[signal]);
+    return std::make_unique<FakeSignal>(signalsCancelled[signal]);
   }
   void exit(int code) override { exitCodes.push_back(code); }
   void armWatchdog(double seconds, int code) override {
@@ -187,7 +188,7 @@ struct FakeProcess final : Process, CanFail {
 };
 
 struct FakeConnection final : TcpConnection {
-  void setStateHandler(StateHandler handler) override { stateHandler = std::move(handler); }
+  void setEndHandler(EndHandler handler) override { endHandler = std::move(handler); }
   void start() override { started = true; }
   void receive(std::size_t maximum, ReceiveHandler handler) override {
     readLimit = maximum;
@@ -215,7 +216,7 @@ struct FakeConnection final : TcpConnection {
     handler(error);
   }
 
-  StateHandler stateHandler;
+  EndHandler endHandler;
   ReceiveHandler onReceive;
   SendHandler onSent;
   std::vector<Bytes> sent;  // one entry per send
@@ -377,7 +378,7 @@ struct FakeMovies final : Movies, CanFail {
 
 struct FakeFiles final : FileManager, CanFail {
   using CanFail::CanFail;
-  bool isTaken(const std::string&) const override { return next(Call::exists) != 0; }
+  bool isNameUsed(const std::string&) const override { return next(Call::exists) != 0; }
   bool move(const std::string& from, const std::string& to) override {
     if (next(Call::move) != 0) return false;
     moves.emplace_back(from, to);

@@ -19,7 +19,6 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   VideoEncoderProbe probe;
   probe.service->start();
   EXPECT_TRUE(probe.network->listener->started);
-  EXPECT_EQ(probe.dispatch->timerInterval, 0.025);
   EXPECT_THAT(probe.encoders->wanted, testing::ElementsAre(width(640), width(1080)));
   probe.network->listener->changed(ListenerState::ready);
   EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
@@ -75,14 +74,14 @@ TEST_F(ReadyLifecycle, ASignalTearsEverythingDownOnce) {
   probe.signal(SIGINT);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   EXPECT_TRUE(probe.network->listener->cancelled);
-  EXPECT_TRUE(*probe.dispatch->timerCancelled);
   for (const auto& [number, cancelled] : probe.process->signalsCancelled) EXPECT_TRUE(*cancelled);
   EXPECT_TRUE(client->cancelled);
   EXPECT_EQ(probe.lastSession().flushes, 1);
   EXPECT_TRUE(probe.lastSession().invalidated);
   // Whatever arrives afterwards changes nothing.
   probe.network->listener->changed(ListenerState::failed);
-  probe.dispatch->tick();
+  probe.tick();
+  EXPECT_FALSE(probe.queue->tick);
   EXPECT_TRUE(probe.connect()->cancelled);
   probe.lastSession().answer(0, keySample());
   probe.run();

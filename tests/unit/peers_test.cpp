@@ -188,12 +188,12 @@ TEST_F(Peers, RemovalCountsOnceAndLateCallbacksDoNothing) {
   const auto client = probe.connectClient();
   probe.frame(1, keySample());
   const auto late = client->onSent;
-  const auto handler = client->stateHandler;
+  const auto handler = client->endHandler;
   probe.process->takeEvents();
   client->finishSend(std::make_error_code(std::errc::broken_pipe));
   EXPECT_TRUE(client->cancelled);
   late({});
-  handler(ConnectionState::cancelled);
+  handler();
   expectKeys(probe.process->takeEvent("stats"), {{"dropped_peers", 1}, {"clients", 0}});
   const auto leaving = probe.connectClient();
   leaving->deliver("", true);

@@ -31,8 +31,9 @@ struct VideoEncoderProbe {
   }
   void tickAt(double uptime) {
     clock->now = uptime;
-    dispatch->tick();
+    tick();
   }
+  void tick() { std::exchange(queue->tick, nullptr)(); }
   void signal(int number) {
     process->signals.at(number)();
     run();
@@ -91,12 +92,12 @@ struct VideoEncoderProbe {
   }
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
-  std::size_t peerCount() const { return service->peers.size(); }
-  MovieRecorder* take() { return service->movie.get(); }
+  std::size_t peerCount() const { return service->preview.peers.size(); }
+  MovieRecorder* take() { return service->take.movie.get(); }
   static void setSession(VideoEncoder& of, std::shared_ptr<CompressionSession> session) {
-    of.session = std::move(session);
+    of.preview.session = std::move(session);
   }
-  Peer& onlyPeer() { return *service->peers.begin()->second; }
+  Peer& onlyPeer() { return *service->preview.peers.begin()->second; }
 
   std::shared_ptr<Failures> failures = std::make_shared<Failures>();
   std::shared_ptr<PicturePool> pictures = PicturePool::make();

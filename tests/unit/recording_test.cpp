@@ -236,7 +236,7 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   startWithFrame();
   EXPECT_EQ(events("recording").size(), 1u);
   frame(1001.5);
-  probe.dispatch->tick();
+  probe.tick();
   EXPECT_TRUE(events("recording").empty());
   probe.tickAt(1002.6);
   probe.run();

@@ -1,4 +1,4 @@
-#include "stream/stream_figures.h"
+#include "stream/preview.h"
 
 #include <algorithm>
 
@@ -37,6 +37,41 @@ void AcknowledgementFigures::record(const Acknowledgement& acknowledgement, doub
   acknowledgementOldest = first ? oldest : smoothed(acknowledgementOldest, oldest);
   acknowledgementRTTMaximum = std::max(acknowledgementRTTMaximum, roundTrip);
   ++acknowledgementSamples;
+}
+
+std::size_t Preview::countClients() const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(peers, [](const auto& entry) { return entry.second->authenticated; }));
+}
+
+std::size_t Preview::countWaitingPeers() const { return peers.size() - countClients(); }
+
+std::vector<std::shared_ptr<Peer>> Preview::snapshot() const {
+  std::vector<std::shared_ptr<Peer>> all;
+  all.reserve(peers.size());
+  for (const auto& [id, peer] : peers) all.push_back(peer);
+  return all;
+}
+
+void Preview::resynchronise(Peer& peer) {
+  if (!peer.awaitingIDR) ++delivery.idrResyncs;
+  peer.awaitingIDR = true;
+  forceIDR = true;
+}
+
+bool Preview::takeAcknowledgement(Peer& peer, std::uint64_t frameID, double now) {
+  const Acknowledgement result = acknowledge(peer, frameID);
+  if (result.outcome == AckOutcome::accepted) acknowledgements.record(result, now);
+  return result.outcome != AckOutcome::invalid;
+}
+
+void Preview::close() {
+  for (const auto& [id, peer] : peers) peer->connection->cancel();
+  peers.clear();
+  if (!session) return;
+  session->completeFrames();
+  session->invalidate();
+  session.reset();
 }
 
 }  // namespace lumora

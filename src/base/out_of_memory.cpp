@@ -1,0 +1,30 @@
+#include "base/out_of_memory.h"
+
+#include <chrono>
+#include <new>
+#include <thread>
+
+namespace lumora {
+namespace {
+
+using WaitClock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds pause{10};
+constexpr std::chrono::seconds longestShortage{1};
+
+// `new` calls this until it succeeds. Calls less than a second apart belong to one shortage, so
+// code that handles std::bad_alloc does not wait again.
+void waitBriefly() {
+  thread_local WaitClock::time_point began;
+  thread_local WaitClock::time_point latest;
+  const auto now = WaitClock::now();
+  if (now - latest > longestShortage) began = now;
+  latest = now;
+  if (now - began >= longestShortage) throw std::bad_alloc();
+  std::this_thread::sleep_for(pause);
+}
+
+}  // namespace
+
+void waitForMemory() { std::set_new_handler(waitBriefly); }
+
+}  // namespace lumora

@@ -1,0 +1,54 @@
+#pragma once
+
+// The take that the parent asked for last, and the session that encodes it. State queue only.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/compression.h"
+#include "record/movie_recorder.h"
+
+namespace lumora {
+
+// The session of one take and one camera size. It may outlive its take by the frame in flight.
+struct RecordingSession {
+  std::shared_ptr<CompressionSession> recordingSession;
+  std::shared_ptr<MovieRecorder> recordingSessionMovie;  // the take that it was made for
+  std::int64_t recordingWidth = 0;                       // pixels, of the movie
+  std::int64_t recordingHeight = 0;
+  std::int64_t recordingSourceWidth = 0;  // pixels, of the camera
+  std::int64_t recordingSourceHeight = 0;
+  bool recordingForceIDR = true;      // the next frame is encoded as a key frame
+  std::int64_t recordingOrdinal = 0;  // frames submitted
+};
+
+struct CurrentTake {
+  std::shared_ptr<MovieRecorder> movie;  // null: no take
+  bool movieFinishing = false;
+  std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
+  std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
+  // A take that was given up, and why. Its "failed" event is still to come.
+  std::shared_ptr<MovieRecorder> abandoned;
+  std::string abandonedFor;
+  RecordingSession recording;
+
+  // Totals over all takes.
+  std::uint64_t recordingEncodedFrames = 0;
+  double recordingEncodeMilliseconds = 0;  // of the latest frame
+  std::uint64_t recordingEncoderFailures = 0;
+  std::int64_t maximumMovieWorkObserved = 0;
+
+  bool isStopping() const { return pendingMovieStop || movieFinishing; }
+  // The take that frames go to. Null once its stop is pending.
+  std::shared_ptr<MovieRecorder> recordingTake() const { return isStopping() ? nullptr : movie; }
+  bool hasSessionOfAnotherTake() const {
+    return recording.recordingSession && recording.recordingSessionMovie != movie;
+  }
+  // Waits for the session's frames and drops it.
+  void resetRecordingSession();
+  // Gives `failing` up, if it is the current take.
+  void abandon(const std::shared_ptr<MovieRecorder>& failing, const std::string& reason);
+};
+
+}  // namespace lumora
