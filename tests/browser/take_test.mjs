@@ -1,6 +1,5 @@
-// Take and preview as a browser sees them: the demo records one, Chromium plays and seeks it, also as
-// the staging file that a killed helper leaves; known colours come back from <video>, from WebCodecs
-// and from ffmpeg.
+// Takes and preview in a browser. Chromium plays and seeks a take of the demo, and the staging file of a
+// killed helper. Known colours come back from <video>, from WebCodecs and from ffmpeg.
 //
 //   node take_test.mjs HELPER DEMO CHROMIUM
 
@@ -22,7 +21,7 @@ async function recordAndKill() {
   fs.renameSync(`${left}/${staging}`, inFolder('killed.mp4'));
 }
 
-// Plays and seeks the movie; its size and duration and the brightness range of a picture within.
+// Plays and seeks the movie. Returns its size, its duration, and the range of red in one picture.
 async function play(page, name) {
   return page.evaluate(async (source) => {
     const video = document.querySelector('video');
@@ -66,7 +65,7 @@ function assertColours(pixels, where) {
   console.log(`Colours come back within ${worst} through ${where}`);
 }
 
-// The middle of every stripe. A reader that ignores the tags assumes BT.709.
+// The colours in the middle of the stripes. A decoder that ignores the tags assumes BT.709.
 function decodeColours({ file, width, height }, options) {
   const picture = execFileSync('ffmpeg', ['-v', 'error', '-i', inFolder(file), ...options,
     '-frames:v', '1', '-f', 'rawvideo', '-'], { maxBuffer: 1 << 24 });
@@ -79,7 +78,7 @@ const ignoringTags = ['-vf', 'setparams=colorspace=unknown:range=unknown,' +
   'scale=in_color_matrix=bt709:in_range=limited:flags=accurate_rnd+full_chroma_int+full_chroma_inp,format=rgb24'];
 const usingTags = ['-sws_flags', 'accurate_rnd+full_chroma_int+full_chroma_inp', '-pix_fmt', 'rgb24'];
 
-// From the picture that `play` left in the video element, or the first of a stream decoded by WebCodecs.
+// The colours of the picture in the video element, or of the first picture of `stream`, by WebCodecs.
 async function showColours(page, { stream, codec } = {}) {
   return page.evaluate(async ({ stream, codec, count }) => {
     const read = (picture, width, height) => {
@@ -103,7 +102,7 @@ async function showColours(page, { stream, codec } = {}) {
   }, { stream, codec, count: colours.length });
 }
 
-// The stream's first access unit, a key frame behind its parameter sets; Annex B.
+// The stream's first access unit in Annex B: parameter sets and a key frame.
 function firstAccessUnit(file) {
   const unit = execFileSync('ffmpeg', ['-v', 'error', '-i', file, '-c', 'copy', '-frames:v', '1', '-f', 'h264', '-']);
   return { stream: unit.toString('base64'), codec: `avc1.${unit.toString('hex', 5, 8)}` };

@@ -1,7 +1,7 @@
-// The viewer in Chromium: what the page shows is true, takes can be made from it, a page that stands
-// still costs nobody anything, and nobody else gets in.
+// The viewer in Chromium. The page shows the right picture and figures and makes takes. A page that does
+// not respond delays no other client, and requests from elsewhere are refused.
 //
-//   node view_test.mjs HELPER VIEW TAP CHROMIUM      SCREENSHOTS names a folder for pictures of the page
+//   node view_test.mjs HELPER VIEW TAP CHROMIUM      SCREENSHOTS: a folder for pictures of the page
 
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
@@ -29,7 +29,7 @@ async function startView(options, env = process.env) {
   return { program, address };
 }
 
-// As a terminal's Ctrl-C does: viewer and helper alike hear it.
+// Like Ctrl-C in a terminal, this signals both viewer and helper.
 async function end({ program }) {
   const exited = once(program, 'close');
   process.kill(-program.pid, 'SIGINT');
@@ -46,7 +46,7 @@ async function openPage(address, options) {
   return page;
 }
 
-// Colours along a line across the picture, 0 (top) to 1.
+// Colours along a row of the picture; `y` is 0 at the top and 1 at the bottom.
 const colours = (page, y) => page.evaluate((at) => {
   const canvas = document.getElementById('picture');
   const { data } = canvas.getContext('2d').getImageData(0, Math.floor(at * canvas.height), canvas.width, 1);
@@ -58,10 +58,10 @@ const bars = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 
 const barOf = (colour) => bars.findIndex((bar) => bar.every((value, i) => Math.abs(value - colour[i]) <= 6));
 const barsAmong = (row) => row.map(barOf).filter((bar) => bar >= 0);
 
-// Notes when each frame was shown, and now and then, since reading takes longer than drawing, what time the
-// test card in it shows.
+// Records when each frame was shown and, for every 25th drawing, the time on its test card: reading the
+// card takes longer than drawing it.
 function watchClock() {
-  // Of seven rows, each of five dots: a digit of base 32.
+  // One digit of base 32 for each row of a glyph: seven rows of five dots.
   const glyphs = ['ehjlphe', '4c4444e', 'eh1248v', 'v2421he', '26aiv22', 'vgu11he', '68guhhe',
     'v124888', 'ehhehhe', 'ehhf12c', '0440440', '00000cc'];
   globalThis.shown = [];
@@ -99,10 +99,10 @@ test('a helper of its own', async () => {
 
   const top = await colours(page, 0.03);
   const seen = barsAmong(top);
-  assert.ok(seen.length > 50 && new Set(seen).size >= 7, JSON.stringify(top)); // the square may lie before one
-  assert.ok(barsAmong(await colours(page, 0.97)).length < 20, 'the card lies the right way up');
+  assert.ok(seen.length > 50 && new Set(seen).size >= 7, JSON.stringify(top)); // the square may hide one bar
+  assert.ok(barsAmong(await colours(page, 0.97)).length < 20, 'the picture is upside down');
   const shown = await figure(page, 'shown');
-  // The bars move by less than one of the places looked at in a frame.
+  // In one frame the bars move by less than the distance of two samples.
   await page.waitForFunction((before) => document.getElementById('shown').dataset.value > before + 10, shown);
   assert.notDeepEqual(await colours(page, 0.03), top);
 
@@ -111,7 +111,7 @@ test('a helper of its own', async () => {
     && globalThis.shown.at(-1).now > globalThis.shown[0].now + 6000, null, { timeout: 60000 });
   const wallToUptime = Number(process.hrtime.bigint()) / 1e6 - (performance.timeOrigin + performance.now());
   const all = await page.evaluate(() => globalThis.shown);
-  const claimed = await figure(page, 'latency-median'); // of five seconds
+  const claimed = await figure(page, 'latency-median'); // of the last five seconds
   for (const { captured, card } of all) assert.ok(card === undefined || Math.abs(captured - card) <= 1, `${captured}, ${card}`);
   const ages = all.filter(({ now }) => now > all.at(-1).now - 5000)
     .map(({ now, captured }) => now + wallToUptime - captured).sort((a, b) => a - b);
@@ -138,7 +138,7 @@ test('a helper of its own', async () => {
     { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
-  // A refusal stays, whatever is repeated of the take before, and that take's movie with it.
+  // The helper repeats the last event of the take. Refusal and movie stay on the page nevertheless.
   await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
   await page.getByText('There is no folder').first().waitFor();
@@ -178,7 +178,7 @@ test('somebody else\'s helper', async () => {
   await debug.send('Debugger.pause');
   const recorded = fs.statSync(inFolder('other.h264')).size;
   await sleep(2000);
-  assert.ok(fs.statSync(inFolder('other.h264')).size > recorded + 10000, 'the other client was starved');
+  assert.ok(fs.statSync(inFolder('other.h264')).size > recorded + 10000, 'the other client got no frames');
   await debug.send('Debugger.resume');
   await debug.send('Debugger.disable');
   const shown = await figure(page, 'shown');

@@ -1,8 +1,8 @@
-// The last minute as two curves, one above the other.
+// Charts of the last minute: the frame rate above, the latency below.
 
 const shownSeconds = 60;
-const widestGap = 2.5; // seconds between points that belong together
-const padding = { left: 40, right: 8, top: 30, bottom: 8 }; // of each curve's field, in CSS pixels
+const maximumGap = 2.5; // seconds; no line is drawn across a longer one
+const padding = { left: 40, right: 8, top: 30, bottom: 8 }; // of each chart, in CSS pixels
 
 export class Chart {
   #canvas;
@@ -63,7 +63,7 @@ export class Chart {
       if (value !== undefined) {
         const x = field.right - ((newest - at) / shownSeconds) * (field.right - field.left);
         const y = field.bottom - (value / maximum) * (field.bottom - field.top);
-        if (previous !== undefined && at - previous <= widestGap) context.lineTo(x, y);
+        if (previous !== undefined && at - previous <= maximumGap) context.lineTo(x, y);
         else context.moveTo(x, y);
         previous = at;
       }

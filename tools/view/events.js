@@ -1,4 +1,4 @@
-// The last events as a list, the newest first.
+// The list of the last events, the newest first.
 
 const kept = 50;
 
@@ -10,7 +10,7 @@ export class EventList {
     this.#list = list;
   }
 
-  // The same sentence over and over takes one line.
+  // A text that equals the newest one is counted in the same line.
   add(text, tone = 'plain', at = Date.now()) {
     const isSame = text === this.#newest.text;
     this.#newest = { text, times: isSame ? this.#newest.times + 1 : 1 };

@@ -1,57 +1,59 @@
-// Wires the page: packets into the picture, messages to whom they concern, figures twice a second.
+// Connects the parts of the page: passes packets to the picture and messages to their handlers, and
+// updates the figures twice a second.
 
 import { Chart } from './chart.js';
 import { ClockOffset, latencyOf } from './clock.js';
 import { Connection } from './connection.js';
 import { element, showCount, showFigure } from './dom.js';
+import { EventFormatter } from './event_formatter.js';
 import { EventList } from './events.js';
 import { MovingWindow, percentile } from './figures.js';
 import { parsePacket } from './packets.js';
 import { Picture } from './picture.js';
-import { Chronicle } from './sentences.js';
-import { Situation } from './situation.js';
+import { PlaybackStatus } from './playback_status.js';
 import { Takes } from './takes.js';
 
 const figureInterval = 500;
 const pingInterval = 1000;
-const quickPings = { count: 5, interval: 100 };
+const firstPings = { count: 5, interval: 100 }; // to know the clock soon
 
 const events = new EventList(element('events'));
 const chart = new Chart(element('chart'));
-const chronicle = new Chronicle();
-const situation = new Situation();
+const formatter = new EventFormatter();
+const playback = new PlaybackStatus();
 const frames = new MovingWindow(2000);
 const bits = new MovingWindow(2000);
 const latencies = new MovingWindow(5000);
 let clock = new ClockOffset();
-let hasForeignIDs = false;
+let isLatencyUnknown = false;
 let skipped = 0;
 let nextPing;
 
 const report = (text) => events.add(text, 'bad');
+const send = (message) => connection.send(JSON.stringify(message));
 
 const picture = new Picture(element('picture'), {
-  shown(frameID) {
+  shown(frameId) {
     const now = performance.now();
-    connection.send(`{"type":"shown","frame_id":${frameID}}`); // JSON.stringify knows no BigInt
+    connection.send(`{"type":"shown","frame_id":${frameId}}`); // JSON.stringify rejects a BigInt
     frames.add(now);
-    situation.pictureShown(now);
+    playback.pictureShown(now);
     if (clock.value === undefined) return;
-    const latency = latencyOf(frameID, now * 1000, clock.value);
-    hasForeignIDs = latency === undefined;
-    if (!hasForeignIDs) latencies.add(now, latency / 1000);
+    const latency = latencyOf(frameId, now * 1000, clock.value);
+    isLatencyUnknown = latency === undefined;
+    if (!isLatencyUnknown) latencies.add(now, latency / 1000);
   },
   failed(error) {
-    report(`The decoder failed and begins anew with the next key frame: ${error.message}`);
-    situation.decoderFailed(error);
-    connection.send({ type: 'restart' });
+    report(`The decoder failed and starts again at the next key frame: ${error.message}`);
+    playback.decoderFailed(error);
+    send({ type: 'restart' });
   },
 });
 
 const connection = new Connection({
   packet(buffer) {
     bits.add(performance.now(), buffer.byteLength * 8);
-    if (situation.canDecode) picture.take(parsePacket(buffer));
+    if (playback.canDecode) picture.take(parsePacket(new Uint8Array(buffer)));
   },
   message(message) {
     if (Object.hasOwn(messages, message.type)) messages[message.type](message);
@@ -59,32 +61,30 @@ const connection = new Connection({
   state(name) {
     if (name === 'open') connectionOpened();
     else connectionLost();
-    situation.connectionChanged(name);
+    playback.connectionChanged(name);
   },
   fault: report,
 });
-const takes = new Takes((message) => connection.send(message));
+const takes = new Takes(send);
 
 const messages = {
   session(session) {
     connection.accepted();
     picture.reset();
-    situation.sessionBegan(session);
-    takes.sessionBegan(session);
+    playback.sessionStarted(session);
+    takes.sessionStarted(session);
   },
   event({ event, at }) {
-    if (typeof event?.type !== 'string') throw new Error('an event without a type');
-    for (const { text, tone } of chronicle.read(event)) events.add(text, tone, at);
+    for (const { text, tone } of formatter.format(event)) events.add(text, tone, at);
     if (event.type === 'stats') showStats(event);
-    if (event.type === 'recording') takes.eventCame(event);
+    if (event.type === 'recording') takes.handleEvent(event);
   },
-  pong({ sent, clock: theirs }) {
-    clock.add(sent, performance.now() * 1000, theirs);
+  pong({ sent, clock: viewerTime }) {
+    clock.add(sent, performance.now() * 1000, viewerTime);
   },
-  skipped({ frames: left }) {
-    if (!Number.isInteger(left)) throw new Error('frames that cannot be counted');
-    skipped += left;
-    events.add('Frames were left out, since this page was slow or hidden.');
+  skipped({ frames: count }) {
+    skipped += count;
+    events.add('Frames were skipped because this page was slow or hidden.');
   },
   refused({ message }) {
     report(message);
@@ -92,16 +92,16 @@ const messages = {
   },
   busy({ message }) {
     connection.giveUp();
-    situation.busy(message);
+    playback.busy(message);
   },
   lost({ message }) {
-    events.add(message, 'bad');
-    situation.streamLost(message);
+    report(message);
+    playback.streamLost(message);
   },
   ended({ message, status }) {
     connection.giveUp();
     events.add(message, status ? 'bad' : 'plain');
-    situation.ended(message);
+    playback.ended(message);
     takes.sessionEnded();
   },
 };
@@ -109,7 +109,7 @@ const messages = {
 function connectionOpened() {
   clock = new ClockOffset();
   tellVisibility();
-  keepPinging(quickPings.count);
+  keepPinging(firstPings.count);
 }
 
 function connectionLost() {
@@ -117,18 +117,18 @@ function connectionLost() {
   takes.sessionEnded();
 }
 
-function keepPinging(quickOnes) {
-  connection.send({ type: 'ping', sent: Math.floor(performance.now() * 1000) });
-  const wait = quickOnes > 1 ? quickPings.interval : pingInterval;
-  nextPing = setTimeout(() => keepPinging(quickOnes - 1), wait);
+function keepPinging(firstOnes) {
+  send({ type: 'ping', sent: Math.floor(performance.now() * 1000) });
+  const wait = firstOnes > 1 ? firstPings.interval : pingInterval;
+  nextPing = setTimeout(() => keepPinging(firstOnes - 1), wait);
 }
 
 function tellVisibility() {
-  situation.visibilityChanged(performance.now());
-  connection.send({ type: 'visible', visible: situation.canDecode && !document.hidden });
+  playback.visibilityChanged(performance.now());
+  send({ type: 'visible', visible: playback.canDecode && !document.hidden });
 }
 
-// Not every report has every key.
+// Some reports lack some of the keys.
 function showStats(event) {
   const show = (id, key, showValue) => {
     if (Number.isFinite(event[key])) showValue(id, event[key]);
@@ -150,13 +150,13 @@ function showFigures() {
   oneDecimal('latency-p99', percentile(recent, 0.99));
   const rate = bits.rate(now);
   showFigure('bit-rate', rate, rate === undefined ? '' : (rate / 1e6).toFixed(2));
-  element('latency-note').hidden = !hasForeignIDs;
+  element('latency-note').hidden = !isLatencyUnknown;
   const { shown, superseded, keyFrames, restarts } = picture.figures;
   const counts = {
     shown, superseded, skipped, restarts, 'key-frames': keyFrames, 'decoder-queue': picture.inDecoder,
   };
   for (const [id, value] of Object.entries(counts)) showCount(id, value);
-  situation.show(now);
+  playback.show(now);
 }
 
 function addToChart() {
@@ -166,8 +166,8 @@ function addToChart() {
   });
 }
 
-addEventListener('error', ({ message }) => report(`This page has a fault: ${message}`));
-addEventListener('unhandledrejection', ({ reason }) => report(`This page has a fault: ${reason}`));
+addEventListener('error', ({ message }) => report(`Error in this page: ${message}`));
+addEventListener('unhandledrejection', ({ reason }) => report(`Error in this page: ${reason}`));
 document.addEventListener('visibilitychange', tellVisibility);
 element('retry').addEventListener('click', () => connection.open());
 setInterval(showFigures, figureInterval);

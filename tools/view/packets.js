@@ -1,47 +1,53 @@
-// Takes one message of the viewer apart: a packet of the helper's stream, byte for byte. Pure.
+// Parses one packet of the helper's TCP stream.
+//
+// The source is client/node/src/packets.ts. `npm run page` there compiles it for the
+// viewer's page, so it must not use Node's modules.
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------
 //   | length | type | frame id   | key | payload        length = 10 + payload bytes
 //   +--------+------+------------+-----+---------
-
+//
+// The payload of a configuration:
+//
+//   0       2        4   6   8
+//   +-------+--------+---+---+----------------+----------------
+//   | width | height | S | P | S bytes of SPS | P bytes of PPS
+//   +-------+--------+---+---+----------------+----------------
 const headerBytes = 14;
-const maximumLength = 2_097_152;
-
-// `frameID` is a BigInt, since ids have 64 bits. Throws an Error on anything that no helper sends.
-export function parsePacket(buffer) {
-  if (buffer.byteLength < headerBytes) throw new Error('a packet is cut off');
-  const view = new DataView(buffer);
-  const length = view.getUint32(0);
-  if (length > maximumLength || length + 4 !== buffer.byteLength) {
-    throw new Error('a packet is not as long as it says');
-  }
-  const payload = new Uint8Array(buffer, headerBytes);
-  const type = view.getUint8(4);
-  if (type === 1) return parseConfiguration(payload);
-  if (type !== 2) throw new Error('a packet is of an unknown type');
-  if (payload.length === 0) throw new Error('a frame has no bytes');
-  return { type: 'frame', frameID: view.getBigUint64(5), isKey: view.getUint8(13) === 1, payload };
-}
-
-//   0       2        4   6   8     8 + S
-//   +-------+--------+---+---+-----+-----
-//   | width | height | S | P | SPS | PPS
-//   +-------+--------+---+---+-----+-----
+const configurationType = 1;
+const frameType = 2;
+const viewOf = (bytes) => new DataView(bytes.buffer, bytes.byteOffset, bytes.byteLength);
 function parseConfiguration(payload) {
-  if (payload.length < 8) throw new Error('a configuration is cut off');
-  const view = new DataView(payload.buffer, payload.byteOffset, payload.length);
-  const [width, height, sequence, picture] = [0, 2, 4, 6].map((at) => view.getUint16(at));
-  if (8 + sequence + picture !== payload.length || sequence < 4 || picture < 1) {
-    throw new Error('a configuration does not hold the parameter sets that it announces');
-  }
-  return {
-    type: 'configuration', width, height, payload,
-    sequenceParameterSet: payload.subarray(8, 8 + sequence),
-    pictureParameterSet: payload.subarray(8 + sequence),
-  };
+    const view = viewOf(payload);
+    const sequenceBytes = payload.length < 8 ? 0 : view.getUint16(4);
+    const pictureBytes = payload.length < 8 ? 0 : view.getUint16(6);
+    const pictureStart = 8 + sequenceBytes;
+    // The codec name is made from the first four bytes of the sequence parameter set.
+    if (sequenceBytes < 4 || pictureStart + pictureBytes > payload.length) {
+        throw new Error('malformed configuration packet');
+    }
+    return {
+        type: 'configuration',
+        width: view.getUint16(0),
+        height: view.getUint16(2),
+        sequenceParameterSet: new Uint8Array(payload.subarray(8, pictureStart)),
+        pictureParameterSet: new Uint8Array(payload.subarray(pictureStart, pictureStart + pictureBytes)),
+    };
 }
-
-export function haveSameBytes(one, other) {
-  return one.length === other.length && one.every((byte, at) => byte === other[at]);
+/** Parses one whole packet. Throws an Error on a packet that no helper sends. */
+export function parsePacket(bytes) {
+    const payload = bytes.subarray(headerBytes);
+    const view = viewOf(bytes);
+    const type = view.getUint8(4);
+    if (type === configurationType)
+        return parseConfiguration(payload);
+    if (type !== frameType)
+        throw new Error('unknown packet type');
+    return {
+        type: 'frame',
+        frameId: view.getBigUint64(5),
+        keyframe: view.getUint8(13) === 1,
+        data: new Uint8Array(payload), // a copy, so that the caller can transfer its buffer
+    };
 }

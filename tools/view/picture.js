@@ -1,52 +1,53 @@
-// The live picture: packets into the decoder, its newest output onto the canvas.
+// The live picture: decodes packets and draws the newest decoded frame onto the canvas.
 
-import { avcRecord, codecString } from './avc.js';
-import { haveSameBytes } from './packets.js';
+import { decoderConfig, isSameConfig } from './decoder_config.js';
 
 export class Picture {
-  figures = { submitted: 0, decoded: 0, shown: 0, superseded: 0, keyFrames: 0, restarts: 0 };
+  figures = { shown: 0, superseded: 0, keyFrames: 0, restarts: 0 };
   #canvas;
   #context;
   #handlers;
   #decoder;
-  #configuration;
+  #config;
   #needsKey = true;
-  #frameIDs = new Map(); // by the number of the chunk, of what is in the decoder
+  #chunks = 0;
+  #frameIds = new Map(); // of the frames in the decoder, by chunk number
   #newest;
-  #turn = new MessageChannel();
+  #drawing = new MessageChannel();
 
-  // Handlers: `shown(frameID)`; `failed(error)` when the decoder was given up, until the next key frame.
+  // Handlers: `shown(frameId)`, and `failed(error)` when the decoder failed. A new decoder starts at the
+  // next key frame.
   constructor(canvas, handlers) {
     this.#canvas = canvas;
     this.#context = canvas.getContext('2d', { alpha: false });
     this.#handlers = handlers;
-    this.#turn.port1.onmessage = () => this.#draw();
+    this.#drawing.port1.onmessage = () => this.#draw();
   }
 
   get inDecoder() {
-    return this.#frameIDs.size;
+    return this.#frameIds.size;
   }
 
   take(packet) {
     if (packet.type === 'configuration') this.#configure(packet);
-    else if (this.#decoder && (packet.isKey || !this.#needsKey)) this.#decode(packet);
+    else if (this.#decoder && (packet.keyframe || !this.#needsKey)) this.#decode(packet);
   }
 
-  // What comes next belongs to another stream.
+  // The next packets belong to another stream.
   reset() {
     if (this.#decoder && this.#decoder.state !== 'closed') this.#decoder.close();
     this.#decoder = undefined;
-    this.#configuration = undefined;
+    this.#config = undefined;
     this.#needsKey = true;
-    this.#frameIDs.clear();
+    this.#frameIds.clear();
     this.#newest?.frame.close();
     this.#newest = undefined;
   }
 
   #configure(packet) {
-    if (this.#decoder && haveSameBytes(packet.payload, this.#configuration)) return;
+    const config = decoderConfig(packet);
+    if (isSameConfig(this.#config, config)) return;
     this.reset();
-    const { sequenceParameterSet, pictureParameterSet } = packet;
     const decoder = new VideoDecoder({
       output: (frame) => this.#keep(frame),
       error: (error) => {
@@ -54,42 +55,35 @@ export class Picture {
       },
     });
     this.#decoder = decoder;
-    this.#configuration = packet.payload;
-    this.#guard(() => decoder.configure({
-      codec: codecString(sequenceParameterSet),
-      description: avcRecord(sequenceParameterSet, pictureParameterSet),
-      codedWidth: packet.width,
-      codedHeight: packet.height,
-      optimizeForLatency: true,
-    }));
+    this.#config = config;
+    this.#guard(() => decoder.configure(config));
   }
 
-  // Chunks are numbered, since an id may be larger than any time of a chunk.
-  #decode({ frameID, isKey, payload }) {
-    const number = this.figures.submitted;
-    this.figures.submitted += 1;
-    if (isKey) this.figures.keyFrames += 1;
+  // A frame id may be too large for a timestamp, so chunks are numbered instead.
+  #decode({ frameId, keyframe, data }) {
+    const timestamp = this.#chunks;
+    this.#chunks += 1;
+    if (keyframe) this.figures.keyFrames += 1;
     this.#needsKey = false;
-    this.#frameIDs.set(number, frameID);
+    this.#frameIds.set(timestamp, frameId);
     this.#guard(() => this.#decoder.decode(
-      new EncodedVideoChunk({ type: isKey ? 'key' : 'delta', timestamp: number, data: payload })));
+      new EncodedVideoChunk({ type: keyframe ? 'key' : 'delta', timestamp, data })));
   }
 
-  // Outputs that were queued together are all here before the turn comes: only the last is worth drawing.
+  // Drawing is a task of its own. When the decoder puts out several frames first, only the newest is drawn.
   #keep(frame) {
-    this.figures.decoded += 1;
     if (this.#newest) {
       this.#newest.frame.close();
       this.figures.superseded += 1;
     } else {
-      this.#turn.port2.postMessage(null);
+      this.#drawing.port2.postMessage(null);
     }
-    this.#newest = { frame, frameID: this.#leave(frame.timestamp) };
+    this.#newest = { frame, frameId: this.#takeFrameId(frame.timestamp) };
   }
 
   #draw() {
-    if (!this.#newest) return; // a reset came first
-    const { frame, frameID } = this.#newest;
+    if (!this.#newest) return; // it was reset
+    const { frame, frameId } = this.#newest;
     this.#newest = undefined;
     try {
       const { displayWidth: width, displayHeight: height } = frame;
@@ -101,16 +95,16 @@ export class Picture {
       frame.close();
     }
     this.figures.shown += 1;
-    this.#handlers.shown(frameID);
+    this.#handlers.shown(frameId);
   }
 
-  // Frames leave the decoder in the order in which they came.
-  #leave(number) {
-    const frameID = this.#frameIDs.get(number);
-    for (const earlier of this.#frameIDs.keys()) {
-      if (earlier <= number) this.#frameIDs.delete(earlier);
+  // The decoder keeps the order of frames, so those before this one have left it as well.
+  #takeFrameId(chunk) {
+    const frameId = this.#frameIds.get(chunk);
+    for (const other of this.#frameIds.keys()) {
+      if (other <= chunk) this.#frameIds.delete(other);
     }
-    return frameID;
+    return frameId;
   }
 
   #guard(step) {

@@ -1,7 +1,7 @@
-// Starting and stopping takes, what becomes of them, and the finished movie.
+// Starts and stops takes, and shows their progress and the finished movie.
 
 import { element, showCount, showFigure } from './dom.js';
-import { duration, takeProblem } from './sentences.js';
+import { duration } from './event_formatter.js';
 
 const states = {
   none: 'No take yet',
@@ -11,7 +11,7 @@ const states = {
   finishing: 'Finishing',
   saved: 'Saved',
   failed: 'Failed',
-  lost: 'Unknown: nothing is heard of it',
+  lost: 'Unknown: no connection to the helper',
 };
 const running = ['asked', 'starting', 'recording', 'finishing'];
 
@@ -19,8 +19,8 @@ export class Takes {
   #send;
   #isOwner = false;
   #state = 'none';
-  #stateBefore = 'none'; // the one that was asked in
-  #lastEnd; // "id state" of the take whose end was told
+  #stateBefore = 'none'; // before `asked`, to return to when the viewer refuses
+  #lastEvent; // "id state" of the last event, unless it was "recording"
 
   constructor(send) {
     this.#send = send;
@@ -29,7 +29,7 @@ export class Takes {
       this.#start();
     });
     element('take-stop').addEventListener('click', () => {
-      if (this.#state !== 'asked') send({ type: 'stop' }); // else there is nothing to stop yet
+      if (this.#state !== 'asked') send({ type: 'stop' }); // else no take exists yet
     });
     element('take-copy').addEventListener('click', () => copyPath());
     element('take-movie').addEventListener('error', () => {
@@ -38,7 +38,7 @@ export class Takes {
     this.#showState('none');
   }
 
-  sessionBegan({ mode, folder }) {
+  sessionStarted({ mode, folder }) {
     this.#isOwner = mode === 'owner';
     if (!element('take-folder').value && folder) element('take-folder').value = folder;
     const reason = 'Only the application that started the helper can record takes and hears its events.';
@@ -48,25 +48,24 @@ export class Takes {
 
   sessionEnded() {
     this.#isOwner = false;
-    this.#lastEnd = undefined; // whoever comes back is told everything again
+    this.#lastEvent = undefined; // the next session sends it again
     if (this.#state === 'asked') this.#showState(this.#stateBefore);
     else if (running.includes(this.#state)) this.#showState('lost');
     this.#enable();
   }
 
-  // The "recording" event of the helper.
-  eventCame(event) {
-    if (!(event.state in states)) throw new Error('a take in an unknown state');
-    // The last event of a take is repeated every second: nothing that was said since gives way to it.
-    const end = `${event.id} ${event.state}`;
-    if (end === this.#lastEnd) return;
-    this.#lastEnd = end;
-    if (event.state === 'recording') this.#lastEnd = undefined; // each tells more
+  // Shows a "recording" event of the helper.
+  handleEvent(event) {
+    if (!(event.state in states)) throw new Error(`unknown state of a take: ${event.state}`);
+    // The helper repeats the last event of a take. Showing it again would replace a newer message.
+    const key = `${event.id} ${event.state}`;
+    if (key === this.#lastEvent) return;
+    this.#lastEvent = event.state === 'recording' ? undefined : key; // each of those has new figures
     if (event.state === 'starting') hideMovie();
     this.#showState(event.state);
     showFigure('take-duration', event.duration, duration(event.duration));
     for (const key of ['frames', 'dropped', 'throttled']) showCount(`take-${key}`, event[key]);
-    if (event.state === 'failed') showProblem(takeProblem(event.error));
+    if (event.state === 'failed') showProblem(event.error);
     if (event.state === 'saved') showMovie(event);
   }
 
@@ -79,7 +78,7 @@ export class Takes {
     const folder = element('take-folder').value.trim();
     if (!folder.startsWith('/')) {
       element('take-folder').focus();
-      showProblem('Give the whole path of the folder, beginning with “/”.');
+      showProblem('Enter the absolute path of the folder. It begins with “/”.');
       return;
     }
     const command = {
@@ -101,7 +100,7 @@ export class Takes {
     this.#enable();
   }
 
-  // One of the two buttons is there, with the focus that the other one had.
+  // Shows one of the two buttons. It takes over the focus of the other one.
   #enable() {
     const isRunning = running.includes(this.#state);
     const [start, stop] = [element('take-start'), element('take-stop')];
@@ -112,7 +111,7 @@ export class Takes {
     hidden.hidden = true;
     start.disabled = !this.#isOwner;
     stop.disabled = !this.#isOwner;
-    stop.ariaDisabled = this.#state === 'asked'; // and keeps the focus
+    stop.ariaDisabled = this.#state === 'asked'; // `disabled` would lose the focus
     element('take-fields').disabled = !this.#isOwner || isRunning;
     if (hadFocus) shown.focus();
   }

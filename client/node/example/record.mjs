@@ -1,4 +1,4 @@
-// Feeds a moving picture for two seconds and records it.
+// Feeds a moving picture for two seconds and records a take of it.
 //
 //   node record.mjs [FOLDER]
 
@@ -12,7 +12,7 @@ const size = { width: 1280, height: 720 };
 const framesPerSecond = 60;
 const seconds = 2;
 
-// One picture is written, one waits, one is being painted.
+// One is being written, one waits, one is being painted.
 const buffers = Array.from({ length: 3 }, () => Buffer.alloc(size.width * size.height * 4));
 
 function paint(pixels, time) {
@@ -31,7 +31,7 @@ async function feed(helper) {
       paint(pixels, number);
       const { done } = helper.writeFrame(size, frameId(uptime()), pixels);
       done.then(() => free.push(pixels));
-    } // else none is back yet, and this picture is dropped
+    } // else every buffer is in use: this picture is dropped
     await sleep(Math.max(0, start + (number * 1000) / framesPerSecond - performance.now()));
   }
 }

@@ -4,7 +4,7 @@ export interface Deferred<Value> {
   reject(error: Error): void;
 }
 
-/** Its rejection does no harm when nobody looks at it. */
+/** A rejection that nobody handles is ignored. */
 export function deferred<Value>(): Deferred<Value> {
   let resolve!: (value: Value) => void;
   let reject!: (error: Error) => void;

@@ -1,4 +1,4 @@
-// Events on their way to one `for await` loop. A loop that falls behind loses the oldest.
+// Queues events for one `for await` loop. When the queue is full, the oldest event is dropped.
 
 const maximumWaiting = 256;
 
@@ -9,12 +9,12 @@ export class EventQueue<Item> implements AsyncIterableIterator<Item> {
   #ended = false;
   #lost = 0;
 
-  /** @internal `abandoned` is called when the loop is left. */
+  /** @internal `abandoned` is called when the loop exits early. */
   constructor(abandoned: () => void) {
     this.#abandoned = abandoned;
   }
 
-  /** Events that were not taken in time. */
+  /** How many events were dropped. */
   get lost(): number {
     return this.#lost;
   }
@@ -30,7 +30,7 @@ export class EventQueue<Item> implements AsyncIterableIterator<Item> {
     }
   }
 
-  /** What waits can still be taken. */
+  /** Queued events can still be read. */
   end(): void {
     this.#ended = true;
     for (const reader of this.#readers.splice(0)) reader({ done: true, value: undefined });

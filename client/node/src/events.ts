@@ -1,12 +1,12 @@
-// What the helper says, one JSON object a line, and its end. Keys are in camel case here; `raw` is
-// the line.
+// The helper's events: one JSON object per line of its standard output, then its exit. Keys are in
+// camel case here; `raw` is the original line.
 
 import type { HelperExit } from './exit.js';
 
 export interface ReadyEvent {
   type: 'ready';
   raw: string;
-  /** Where stream clients connect. */
+  /** The port for stream clients. */
   port: number;
   recordingWidth: number;
   recordingHeight: number;
@@ -29,7 +29,7 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   encodeInflight: number;
 }
 
-/** Not in every report. */
+/** Some reports lack these. */
 export interface DeliveryStats {
   creditDrops: number;
   sendDrops: number;
@@ -58,7 +58,7 @@ export interface RecordingEvent {
   id: string;
   state: TakeState;
   path: string;
-  /** Empty, or why the take failed, or why it is saved under another name. */
+  /** Why the take failed or was saved under another name; else empty. */
   error: string;
   /** Seconds; final from `finishing` on. */
   duration: number;
@@ -73,8 +73,8 @@ export interface RecordingEvent {
 }
 
 /**
- * The helper's last words before it ends with status 1, its "error" line: Node throws an event of
- * that name where nobody listens.
+ * The helper's "error" line, just before it ends with status 1. It has another name here because Node
+ * throws an `error` event that has no listener.
  */
 export interface FailureEvent {
   type: 'failure';
@@ -82,24 +82,24 @@ export interface FailureEvent {
   message: string;
 }
 
-/** A line of a newer helper. */
+/** A line that this version does not know. */
 export interface UnknownEvent {
   type: 'unknown';
   raw: string;
 }
 
-/** The last event. */
+/** Always the last event. */
 export interface ExitEvent extends HelperExit {
   type: 'exit';
   raw: '';
 }
 
-/** What the helper says while it runs. */
+/** The events of a running helper. */
 export type LineEvent = StatsEvent | RecordingEvent | FailureEvent | UnknownEvent;
 
 export type HelperEvent = LineEvent | ExitEvent;
 
-// By the name of the line.
+// The `type` of an event here, by the `type` in the line.
 const types = new Map<unknown, string>([
   ['ready', 'ready'],
   ['stats', 'stats'],

@@ -1,9 +1,9 @@
 /** How the helper ended. */
 export interface HelperExit {
-  /** Its status, or null when a signal ended it. */
+  /** The exit status; null when a signal ended the helper. */
   code: number | null;
   signal: NodeJS.Signals | null;
-  /** What it said last when its status is 1. */
+  /** The message of its `failure` event, if there was one. */
   error?: string;
 }
 

@@ -1,56 +1,46 @@
-// The way into the helper's standard input: at most one frame is being written and one waits; a
-// newer one takes the place of the one that waits. Commands keep their place among the frames and
-// are never dropped. The pixels go into memory that the helper shares, if there is such memory.
+// Writes records into the helper's standard input. At most one frame is being written and one waits;
+// a newer frame replaces the one that waits. Commands keep their place among the frames and are never
+// dropped.
 
 import type { Writable } from 'node:stream';
 
 import { deferred } from './deferred.js';
-import type { FrameMemory } from './frame_memory.js';
-import { frameHeader, type Frame } from './records.js';
-
-// Milliseconds. The helper tells nobody that it has released a frame.
-const retryInterval = 2;
 
 /**
- * `written`: the helper has all of it (and may still drop it, see `droppedRaw` in its statistics).
- * `dropped`: a newer frame took its place, or the helper no longer reads.
+ * `written`: the helper has the whole frame. It may still drop it (`droppedRaw` in its statistics).
+ * `dropped`: a newer frame replaced it, or the helper no longer reads.
  */
 export type FrameOutcome = 'written' | 'dropped';
 
 export interface FrameWrite {
-  /** `dropped`: the helper has ended, or is about to. */
+  /** `dropped`: the helper has ended or is stopping. */
   state: 'queued' | 'dropped';
-  /** Settles when the memory of the pixels may be used again; never rejects. */
+  /** Resolves when the buffer of the pixels may be reused. Never rejects. */
   done: Promise<FrameOutcome>;
 }
 
 interface Entry {
-  content: Frame | Buffer;
+  parts: Buffer[];
+  isFrame: boolean;
   settle(outcome: FrameOutcome): void;
 }
-
-const isFrame = (content: Frame | Buffer): content is Frame => !Buffer.isBuffer(content);
 
 export class Feeder {
   readonly counts = { written: 0, dropped: 0 };
   readonly #input: Writable;
-  #memory: FrameMemory | undefined;
   #waiting: Entry[] = [];
   #isWriting = false;
   #ending = false;
-  #retry: NodeJS.Timeout | undefined;
   #abandonWrite: () => void = () => undefined;
 
-  /** Closes `memory` in the end. */
-  constructor(input: Writable, memory?: FrameMemory) {
+  constructor(input: Writable) {
     this.#input = input;
-    this.#memory = memory;
-    // A helper that ended shows as an error here; how it ended is told by its exit.
+    // When the helper ends, writing fails. Its exit event tells why it ended.
     input.on('error', () => undefined);
     input.on('close', () => this.#abandon());
   }
 
-  writeFrame(frame: Frame): FrameWrite {
+  writeFrame(header: Buffer, pixels: Buffer): FrameWrite {
     const { promise: done, resolve } = deferred<FrameOutcome>();
     const settle = (outcome: FrameOutcome) => {
       this.counts[outcome] += 1;
@@ -61,20 +51,20 @@ export class Feeder {
       return { state: 'dropped', done };
     }
     this.#dropWaitingFrame();
-    this.#waiting.push({ content: frame, settle });
+    this.#waiting.push({ parts: [header, pixels], isFrame: true, settle });
     this.#writeNext();
     return { state: 'queued', done };
   }
 
-  /** False when the helper no longer reads. */
+  /** Returns false when the helper no longer reads. */
   writeCommand(record: Buffer): boolean {
     if (this.#ending) return false;
-    this.#waiting.push({ content: record, settle: () => undefined });
+    this.#waiting.push({ parts: [record], isFrame: false, settle: () => undefined });
     this.#writeNext();
     return true;
   }
 
-  /** Ends the input behind what is being written and what waits. */
+  /** Closes the input after everything that was queued. */
   end(): void {
     this.#ending = true;
     this.#writeNext();
@@ -88,58 +78,32 @@ export class Feeder {
   }
 
   #dropWaitingFrame(): void {
-    const index = this.#waiting.findIndex(({ content }) => isFrame(content));
+    const index = this.#waiting.findIndex(({ isFrame }) => isFrame);
     if (index >= 0) this.#waiting.splice(index, 1)[0]?.settle('dropped');
   }
 
   #writeNext(): void {
     if (this.#isWriting) return;
-    const [next] = this.#waiting;
-    if (!next) return this.#ending ? this.#close() : undefined;
-    if (isFrame(next.content) && this.#memory?.isFull()) return this.#writeLater();
-    this.#waiting.shift();
-    void this.#write(next);
+    const next = this.#waiting.shift();
+    if (next) void this.#write(next);
+    else if (this.#ending) this.#input.end();
   }
 
-  #writeLater(): void {
-    this.#retry ??= setTimeout(() => {
-      this.#retry = undefined;
-      this.#writeNext();
-    }, retryInterval);
-  }
-
-  async #write({ content, settle }: Entry): Promise<void> {
+  async #write({ parts, settle }: Entry): Promise<void> {
     this.#isWriting = true;
-    settle(await this.#put(isFrame(content) ? await this.#frameRecord(content) : [content]));
+    settle(await this.#put(parts));
     this.#isWriting = false;
     this.#writeNext();
-  }
-
-  async #frameRecord(frame: Frame): Promise<Buffer[]> {
-    const reference = await this.#memory?.store(frame);
-    if (reference) return [reference];
-    this.#closeMemory(); // there is none left; the helper's input takes any frame
-    return [frameHeader(frame.size, frame.id), frame.pixels];
-  }
-
-  #close(): void {
-    this.#input.end();
-    this.#closeMemory();
-  }
-
-  #closeMemory(): void {
-    this.#memory?.close();
-    this.#memory = undefined;
   }
 
   #put(parts: Buffer[]): Promise<FrameOutcome> {
     const input = this.#input;
     return new Promise((resolve) => {
-      // A stream that is destroyed may forget the write it was at, or end it without an error.
+      // A destroyed stream may never call back, or call back without an error.
       this.#abandonWrite = () => resolve('dropped');
       const done = (error?: Error | null) =>
         resolve(error || input.destroyed ? 'dropped' : 'written');
-      // Corked, so that header and pixels leave in one system call.
+      // Corked, so that header and pixels go out in one system call.
       input.cork();
       parts.forEach((part, index) =>
         input.write(part, index === parts.length - 1 ? done : undefined),

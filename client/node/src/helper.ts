@@ -1,4 +1,4 @@
-// One helper process: what goes in, what it says, how it ends.
+// One helper process: its input, its events, its end.
 
 import { deferred } from './deferred.js';
 import { typedEmitter } from './emitter.js';
@@ -12,11 +12,12 @@ import {
 } from './events.js';
 import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
-import { StartError, type HelperProcess, type Launched } from './launch.js';
+import { StartError, type HelperProcess } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
   checkedId,
   checkSize,
+  frameHeader,
   pixelBytes,
   type FrameId,
   type FrameSize,
@@ -25,7 +26,7 @@ import {
 import { Takes, type Take, type TakeOptions } from './take.js';
 import { settlesWithin } from './timing.js';
 
-// Milliseconds. With a take to finish the helper ends within 2 s of being asked to.
+// Milliseconds. The helper ends within 2 s of being asked to, even if it must finish a take.
 const endingLimit = 2500;
 
 /** Every event by its type. */
@@ -36,7 +37,7 @@ export type HelperEvents = {
 export class Helper extends typedEmitter<HelperEvents>() {
   /** Never rejects. */
   readonly exited: Promise<HelperExit>;
-  /** Stops the helper; where Node knows the symbol. */
+  /** Stops the helper. Missing where Node does not have the symbol. */
   declare [Symbol.asyncDispose]: () => Promise<void>;
   readonly #process: HelperProcess;
   readonly #token: string;
@@ -51,18 +52,18 @@ export class Helper extends typedEmitter<HelperEvents>() {
   #stopping: Promise<HelperExit> | undefined;
 
   /** @internal */
-  constructor({ child, memory }: Launched, token: string) {
+  constructor(child: HelperProcess, token: string) {
     super();
     this.#process = child;
     this.#token = token;
-    this.#feeder = new Feeder(child.stdin, memory);
+    this.#feeder = new Feeder(child.stdin);
     this.#takes = new Takes((record) => this.#feeder.writeCommand(record));
     const lines = new LineSplitter();
     child.stdout.on('data', (bytes: Buffer) => {
       for (const line of lines.feed(bytes)) this.#handle(parseEvent(line));
     });
-    child.on('error', () => undefined); // of a signal that could not be sent
-    // "close" comes behind the last event, "exit" may come before it.
+    child.on('error', () => undefined); // a signal could not be sent
+    // "close" follows the last event; "exit" may come before it.
     this.exited = new Promise((resolve) => {
       child.on('close', (code, signal) => {
         const exit = { code, signal, ...(this.#error && { error: this.#error }) };
@@ -76,22 +77,22 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#process.pid as number;
   }
 
-  /** What stream clients must present; a getter of the class, so that no log shows it. */
+  /** The token that stream clients must send. A getter, so that a logged helper does not show it. */
   get token(): string {
     return this.#token;
   }
 
-  /** Where stream clients connect. */
+  /** The port for stream clients. */
   get port(): number {
     return this.ready.port;
   }
 
-  /** What the helper said when it was ready. */
+  /** The helper's `ready` event. */
   get ready(): ReadyEvent {
     return this.#ready as ReadyEvent;
   }
 
-  /** Frames that went into the helper, and frames that did not. */
+  /** How many frames were written into the helper, and how many were dropped here. */
   get frames(): { written: number; dropped: number } {
     return { ...this.#feeder.counts };
   }
@@ -102,29 +103,27 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Hands over a picture: RGBA, the bottom row first. Returns at once; `rgba` may be used again when
-   * `done` settles, with what became of the frame: while one is being written and another waits,
-   * the newer one takes the place of the one that waits. Throws a TypeError or a RangeError when
-   * size, id or length are not what the helper accepts.
+   * Queues a picture: RGBA, the bottom row first. Returns at once. `rgba` may be reused when `done`
+   * resolves, with `written` or `dropped`: a newer frame replaces a waiting one. Throws a TypeError or
+   * a RangeError when the helper would not accept the size, the id or the length.
    */
   writeFrame(size: FrameSize, id: FrameId, rgba: Pixels): FrameWrite {
     checkSize(size);
     const pixels = pixelBytes(rgba, size);
     this.#lastFrame = checkedId(id, this.#lastFrame);
-    // The frame may wait, and `size` change meanwhile.
-    return this.#feeder.writeFrame({ size: { ...size }, id: this.#lastFrame, pixels });
+    return this.#feeder.writeFrame(frameHeader(size, this.#lastFrame), pixels);
   }
 
   /**
-   * Starts a take behind the frames written so far. Resolves when the helper has accepted it,
-   * rejects with a TakeError when it refuses, or a RangeError for what it would refuse.
+   * Starts a take after the frames written so far. Resolves when the helper has accepted it. Rejects
+   * with a TakeError when the helper refuses, or a RangeError for options that it would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);
   }
 
   /**
-   * Events from now on; the helper's exit is the last. A slow reader loses the oldest (`lost`).
+   * Returns events from now on; `exit` is the last. A slow reader loses the oldest, counted in `lost`.
    */
   events(): EventQueue<HelperEvent> {
     const queue = new EventQueue<HelperEvent>(() => this.#queues.delete(queue));
@@ -134,8 +133,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Ends the helper, which saves a take that runs: by the end of its input, then by SIGTERM, then
-   * by SIGKILL.
+   * Ends the helper, which saves a running take: closes its input, then sends SIGTERM, then SIGKILL.
+   * Resolves when it has ended.
    */
   stop(): Promise<HelperExit> {
     this.#stopping ??= this.#stop();

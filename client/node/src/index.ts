@@ -11,9 +11,5 @@ export { frameId, uptime } from './timing.js';
 export type * from './events.js';
 export { connectStream, type StreamClient, type StreamOptions } from './stream.js';
 export { type ConfigurationPacket, type FramePacket, type Packet } from './packets.js';
-export {
-  toWebCodecs,
-  type DecoderConfig,
-  type DecoderInput,
-  type EncodedChunk,
-} from './web_codecs.js';
+export { type DecoderConfig } from './decoder_config.js';
+export { toWebCodecs, type DecoderInput, type EncodedChunk } from './web_codecs.js';

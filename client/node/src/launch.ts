@@ -1,33 +1,27 @@
-// Starts the program. The token travels in the environment, which only this user can read; argument
-// lists are public.
+// Starts the program. The token is passed in the environment, which only this user can read; command
+// lines are public.
 
 import { spawn, type ChildProcessByStdio } from 'node:child_process';
 import { once } from 'node:events';
 import type { Readable, Writable } from 'node:stream';
 
-import { FrameMemory } from './frame_memory.js';
 import { findProgram } from './program.js';
 
 export interface LaunchOptions {
   /**
-   * Path of the helper; else `LUMORA_VIDEO_PATH`, else the npm package `lumora-video-linux-x64`,
-   * else `lumora-video` on the `PATH`.
+   * Path of the helper. The default is `LUMORA_VIDEO_PATH`, else the npm package
+   * `lumora-video-linux-x64`, else `lumora-video` on the `PATH`.
    */
   program?: string;
-  /** Where to listen for stream clients; 127.0.0.1 if missing. */
+  /** The address to listen on for stream clients; 127.0.0.1 by default. */
   host?: string;
-  /** 0, or missing: the system chooses. */
+  /** 0, the default, lets the system choose. */
   port?: number;
   /** At most 640x360, the default. */
   preview?: { width: number; height: number };
-  /**
-   * How pixels get to the helper: through its input, the default, or through memory of 25 MB that
-   * both have, where there is such memory (/dev/shm).
-   */
-  frames?: 'pipe' | 'memory';
-  /** On top of our own environment. */
+  /** Added to the environment of this process. */
   env?: Record<string, string>;
-  /** Where the helper's standard error goes: ours (the default), nowhere, or a file descriptor. */
+  /** Where the helper's standard error goes: inherited by default, ignored, or a descriptor. */
   stderr?: 'inherit' | 'ignore' | number;
 }
 
@@ -50,33 +44,20 @@ function argumentsOf({ host, port, preview }: LaunchOptions): string[] {
   );
 }
 
-export interface Launched {
-  child: HelperProcess;
-  /** That the helper has, too. */
-  memory: FrameMemory | undefined;
+function environmentOf({ env }: LaunchOptions, token: string): NodeJS.ProcessEnv {
+  // TAVO_FRAME_MEMORY names a descriptor, and the helper inherits none. `undefined` removes it.
+  return { ...process.env, ...env, TAVO_VIDEO_TOKEN: token, TAVO_FRAME_MEMORY: undefined };
 }
 
-const firstFreeDescriptor = 3; // of the child, behind its standard streams
-
-export async function launch(options: LaunchOptions, token: string): Promise<Launched> {
-  const program = await findProgram(options.program).catch((error: Error) => {
-    throw new StartError(error.message, { cause: error });
-  });
-  const memory = options.frames === 'memory' ? FrameMemory.make() : undefined;
-  const ours = {
-    TAVO_VIDEO_TOKEN: token,
-    TAVO_FRAME_MEMORY: memory && String(firstFreeDescriptor), // undefined: not in the environment
-  };
-  const inherited = memory ? [memory.descriptor] : [];
+export async function launch(options: LaunchOptions, token: string): Promise<HelperProcess> {
   try {
-    const child = spawn(program, argumentsOf(options), {
-      env: { ...process.env, ...options.env, ...ours },
-      stdio: ['pipe', 'pipe', options.stderr ?? 'inherit', ...inherited],
+    const child = spawn(await findProgram(options.program), argumentsOf(options), {
+      env: environmentOf(options, token),
+      stdio: ['pipe', 'pipe', options.stderr ?? 'inherit'],
     }) as HelperProcess;
     await once(child, 'spawn');
-    return { child, memory };
+    return child;
   } catch (error) {
-    memory?.close();
     throw new StartError((error as Error).message, { cause: error });
   }
 }

@@ -1,4 +1,4 @@
-// Cuts the helper's standard output into lines.
+// Splits the helper's standard output into lines.
 
 const lineFeed = 0x0a;
 const maximumLineBytes = 4096; // with the line feed
@@ -7,7 +7,7 @@ export class LineSplitter {
   #pending: Buffer = Buffer.alloc(0);
   #skipping = false;
 
-  /** The lines that these bytes complete, without those that are longer than any event. */
+  /** Returns the lines that these bytes complete. Lines longer than any event are skipped. */
   feed(bytes: Buffer): string[] {
     const lines: string[] = [];
     let left = Buffer.concat([this.#pending, bytes]);

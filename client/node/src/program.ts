@@ -1,4 +1,4 @@
-// Where the helper is.
+// Finds the helper program.
 
 import { accessSync, constants, statSync } from 'node:fs';
 import { delimiter, join, resolve } from 'node:path';
@@ -17,11 +17,11 @@ function isExecutable(path: string): boolean {
 }
 
 function executable(path: string, source: string): string {
-  if (!isExecutable(path)) throw new Error(`${source} names no program: ${path}`);
-  return resolve(path); // a bare name would be looked up in PATH
+  if (!isExecutable(path)) throw new Error(`there is no program at ${path} (${source})`);
+  return resolve(path); // `spawn` looks up a bare name in the PATH
 }
 
-// The package that brings the program for this platform, if it is installed.
+// The program in the npm package for this platform, if that is installed.
 async function packagedProgram(): Promise<string | undefined> {
   try {
     const { path } = (await import(platformPackage)) as { path: string };
@@ -32,8 +32,9 @@ async function packagedProgram(): Promise<string | undefined> {
 }
 
 /**
- * The helper's path: `program`, else `LUMORA_VIDEO_PATH`, else the npm package with the program for
- * this platform, else what `PATH` has. Rejects with an Error that says what to install.
+ * Returns the path of the helper: `program`, else `LUMORA_VIDEO_PATH`, else the program in the npm
+ * package for this platform, else the one on the `PATH`. Rejects with an Error that says what to
+ * install.
  */
 export async function findProgram(
   program?: string,

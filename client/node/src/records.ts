@@ -1,13 +1,10 @@
-// What the helper reads from its standard input: records of a header and a payload. It ends at the
-// first malformed one, so what would be malformed is refused here.
+// Makes the records that the helper reads from its standard input: a header and a payload. A malformed
+// record ends the helper, so the checks here throw first.
 //
 //   0        4       6        8          16
 //   +--------+-------+--------+----------+---------
 //   | length | width | height | frame id | payload       big-endian; a command's width,
 //   +--------+-------+--------+----------+---------      height and id are 0
-//
-// The payload of a frame is its pixels or, where the helper shares memory with us, their offset
-// there.
 
 const headerBytes = 16;
 const maximumSide = 1920;
@@ -21,30 +18,23 @@ export interface FrameSize {
   height: number;
 }
 
-/** Above 0 and growing from frame to frame; numbers must be safe integers. */
+/** Above 0 and growing from frame to frame. A number must be a safe integer. */
 export type FrameId = number | bigint;
 
 export type Pixels = Uint8Array | Uint8ClampedArray;
-
-/** A picture on its way to the helper. */
-export interface Frame {
-  size: FrameSize;
-  id: bigint;
-  pixels: Buffer;
-}
 
 function isSide(value: number): boolean {
   return Number.isInteger(value) && value % 2 === 0 && value >= 2 && value <= maximumSide;
 }
 
-/** Throws a RangeError when the helper takes no pictures of this size. */
+/** Throws a RangeError for a size that the helper does not accept. */
 export function checkSize({ width, height }: FrameSize): void {
   if (!isSide(width) || !isSide(height) || Math.min(width, height) > maximumShorterSide) {
-    throw new RangeError(`a frame can't be ${width}x${height}`);
+    throw new RangeError(`the helper does not accept frames of ${width}x${height}`);
   }
 }
 
-/** The same memory as a Buffer; throws unless it is exactly one picture of this size. */
+/** Returns the same memory as a Buffer. Throws unless it is exactly one picture of this size. */
 export function pixelBytes(rgba: Pixels, { width, height }: FrameSize): Buffer {
   if (!(rgba instanceof Uint8Array || rgba instanceof Uint8ClampedArray)) {
     throw new TypeError('pixels must be a Uint8Array or a Uint8ClampedArray');
@@ -56,7 +46,7 @@ export function pixelBytes(rgba: Pixels, { width, height }: FrameSize): Buffer {
   return Buffer.from(rgba.buffer, rgba.byteOffset, rgba.byteLength);
 }
 
-/** Throws when `id` does not follow `last`. */
+/** Throws unless `id` is above `last`. */
 export function checkedId(id: FrameId, last: bigint): bigint {
   if (typeof id !== 'bigint' && !Number.isSafeInteger(id)) {
     throw new TypeError('a frame id must be a safe integer or a bigint');
@@ -79,12 +69,6 @@ function header(length: number, { width, height }: FrameSize, id: bigint): Buffe
 
 export function frameHeader(size: FrameSize, id: bigint): Buffer {
   return header(size.width * size.height * 4, size, id);
-}
-
-export function frameReference(size: FrameSize, id: bigint, offset: number): Buffer {
-  const payload = Buffer.alloc(8);
-  payload.writeBigUInt64BE(BigInt(offset));
-  return Buffer.concat([header(payload.length, size, id), payload]);
 }
 
 export function commandRecord(command: object): Buffer {

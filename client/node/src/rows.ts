@@ -1,8 +1,8 @@
 import { checkSize, pixelBytes, type FrameSize, type Pixels } from './records.js';
 
 /**
- * Turns a picture upside down, for cameras that deliver the top row first: into `target`, or in
- * place. Returns `target`.
+ * Flips a picture vertically, for cameras that deliver the top row first. Writes into `target`, which
+ * may be `rgba`, and returns it.
  */
 export function flipRows<Memory extends Pixels>(
   rgba: Memory,

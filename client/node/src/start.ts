@@ -3,12 +3,12 @@ import { launch, StartError, type LaunchOptions } from './launch.js';
 import { settlesWithin } from './timing.js';
 import { checkToken, makeToken } from './token.js';
 
-const readyLimit = 10_000; // milliseconds; the helper needs well under one second
+const readyLimit = 10_000; // milliseconds; usually the helper takes less than one second
 
 export interface HelperOptions extends LaunchOptions {
-  /** What stream clients must present; a random one if missing. */
+  /** The token that stream clients must send; a random one by default. */
   token?: string;
-  /** Stops the helper, as `stop()` does. */
+  /** Aborting it stops the helper, as `stop()` does. */
   signal?: AbortSignal;
 }
 
@@ -29,8 +29,8 @@ async function waitUntilReady(helper: Helper): Promise<void> {
 }
 
 /**
- * Starts the helper; resolves when stream clients may connect and it reads. Rejects with a
- * StartError that says why not, or with the reason of `signal`.
+ * Starts the helper. Resolves when it accepts frames and stream clients. Rejects with a StartError that
+ * says why it did not start, or with the reason of `signal`.
  */
 export async function startHelper(options: HelperOptions = {}): Promise<Helper> {
   const { signal, token = makeToken() } = options;

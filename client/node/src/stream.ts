@@ -3,34 +3,36 @@
 import { once } from 'node:events';
 import { connect, type Socket } from 'node:net';
 
-import { PacketParser, type Packet } from './packets.js';
+import { PacketSplitter } from './packet_splitter.js';
+import type { Packet } from './packets.js';
 import type { FrameId } from './records.js';
 import { checkToken } from './token.js';
 
 export interface StreamOptions {
-  /** 127.0.0.1 if missing. */
+  /** 127.0.0.1 by default. */
   host?: string;
   port: number;
   token: string;
-  /** Closes the connection; the loop that reads it then throws an AbortError. */
+  /** Closes the connection; the reading loop then throws an AbortError. */
   signal?: AbortSignal;
   /**
-   * `automatic` (the default): a frame is acknowledged as the loop takes it. `manual`: the caller
-   * acknowledges; the helper drops a client that takes longer than 0.5 s.
+   * `automatic`, the default: a frame is acknowledged when the loop takes it. `manual`: the caller
+   * acknowledges it. The helper drops a client that takes longer than 0.5 s.
    */
   acknowledgement?: 'automatic' | 'manual';
 }
 
-// An acknowledgement that crosses the helper's end resets the connection; the last is our own end.
+// The first two come from an acknowledgement that arrives after the helper has ended, the last from
+// `close`.
 const endings = ['ECONNRESET', 'EPIPE', 'ERR_STREAM_PREMATURE_CLOSE'];
 
 const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoException).code ?? '');
 
-/** Packets come out of `for await`, once; leaving the loop closes the connection. */
+/** Iterate once with `for await` to get the packets. Leaving the loop closes the connection. */
 export class StreamClient implements AsyncIterable<Packet> {
   readonly #socket: Socket;
   readonly #isAutomatic: boolean;
-  readonly #parser = new PacketParser();
+  readonly #splitter = new PacketSplitter();
   #isAdmitted = false;
   #isClosed = false;
 
@@ -38,10 +40,10 @@ export class StreamClient implements AsyncIterable<Packet> {
   constructor(socket: Socket, isAutomatic: boolean) {
     this.#socket = socket;
     this.#isAutomatic = isAutomatic;
-    socket.on('error', () => undefined); // the loop throws it
+    socket.on('error', () => undefined); // the loop throws the error
   }
 
-  /** Confirms this frame and all before it. */
+  /** Acknowledges this frame and all before it. */
   acknowledge(frameId: FrameId): void {
     this.#socket.write(`{"type":"ack","frame_id":${frameId}}\n`);
   }
@@ -55,8 +57,8 @@ export class StreamClient implements AsyncIterable<Packet> {
   async *[Symbol.asyncIterator](): AsyncGenerator<Packet, void, undefined> {
     try {
       for await (const bytes of this.#socket) {
-        this.#parser.feed(bytes as Buffer);
-        for (let packet = this.#parser.next(); packet; packet = this.#parser.next()) {
+        this.#splitter.feed(bytes as Buffer);
+        for (let packet = this.#splitter.next(); packet; packet = this.#splitter.next()) {
           this.#isAdmitted = true;
           if (packet.type === 'frame' && this.#isAutomatic) this.acknowledge(packet.frameId);
           yield packet;
@@ -73,7 +75,7 @@ export class StreamClient implements AsyncIterable<Packet> {
   }
 }
 
-/** Connects and presents the token. What the helper thinks of it shows in the loop. */
+/** Connects and sends the token. If the helper refuses it, the reading loop throws. */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {
   const { host = '127.0.0.1', port, token, signal, acknowledgement = 'automatic' } = options;
   checkToken(token);

@@ -1,4 +1,4 @@
-// Takes: what was asked for, and how each ended, exactly once.
+// Takes: their options, their commands, and the promises that settle when they start and end.
 
 import { randomUUID } from 'node:crypto';
 import { isAbsolute } from 'node:path';
@@ -9,21 +9,21 @@ import { commandRecord } from './records.js';
 import { checkCaptureTime, uptime } from './timing.js';
 
 export interface TakeOptions {
-  /** Absolute, ends in ".mp4"; nothing may exist there. */
+  /** Absolute, ends in ".mp4". The file must not exist. */
   path: string;
-  /** Together with `targetFps`; 1080x720 at 60 if both are missing. */
+  /** Give it together with `targetFps`. Without both, a take is 1080x720 at 60. */
   resolution?: '640x360' | '1080x720' | '1920x1080';
   targetFps?: 15 | 30 | 45 | 60;
   /**
-   * The default: every frame of a camera that runs at about `targetFps` counts, in spite of jitter.
-   * False: a frame counts only from the next point of a fixed grid on.
+   * True, the default, keeps every frame of a camera that runs at about `targetFps`, despite jitter.
+   * False drops frames that come before the next point of a fixed grid.
    */
   steady?: boolean;
-  /** Capture time on the clock of `uptime()`, at most 30 s ago or 50 ms ahead; now, if missing. */
+  /** Capture time by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
   startedAt?: number;
 }
 
-/** The take was refused, failed, or lost its helper; the message is the helper's, if it had one. */
+/** A take was refused or failed, with the helper's message, or the helper ended before it was saved. */
 export class TakeError extends Error {
   override readonly name = 'TakeError';
 }
@@ -31,14 +31,14 @@ export class TakeError extends Error {
 type Send = (record: Buffer) => boolean;
 
 export class Take {
-  /** The helper's name for the take. */
+  /** Identifies the take in the helper's events. */
   readonly id: string;
   readonly path: string;
-  /** Where the movie begins on the clock of `uptime()`: what sound is aligned with. */
+  /** When the movie begins, by `uptime()`. Align sound with it. */
   readonly startedAt: number;
   /**
-   * Resolves with the last event once the movie is safe on disk, under `path` of that event;
-   * rejects with a TakeError.
+   * Resolves with the last event when the movie is safe on disk, at the `path` of that event.
+   * Rejects with a TakeError.
    */
   readonly saved: Promise<RecordingEvent>;
   readonly #send: Send;
@@ -57,27 +57,27 @@ export class Take {
     this.#send = send;
   }
 
-  /** Where the movie grows. It stays, and plays, when the helper is killed. */
+  /** The file of a running take. It stays, and plays, when the helper is killed. */
   get stagingPath(): string {
     return `${this.path}.${this.id}.partial`;
   }
 
-  /** Where the movie ends; undefined until `stop` is called. */
+  /** When the movie ends; undefined until `stop` is called. */
   get stoppedAt(): number | undefined {
     return this.#stoppedAt;
   }
 
   /**
-   * Ends the take behind the frames written so far; returns `saved`. Throws a RangeError, and lets
-   * the take run, for a time that the helper would answer by deleting it: see `startedAt` of
-   * TakeOptions, and before the take's own.
+   * Ends the take after the frames written so far; returns `saved`. `stoppedAt` has the limits of
+   * `startedAt` in TakeOptions and must not be before it. For any other time this throws a RangeError
+   * and the take goes on, because the helper would delete it.
    */
   stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
     if (this.#stoppedAt !== undefined) return this.saved;
-    // A take may start a little ahead.
+    // `startedAt` may be a little ahead.
     const { stoppedAt = Math.max(uptime(), this.startedAt) } = options;
     checkCaptureTime(stoppedAt);
-    if (stoppedAt < this.startedAt) throw new RangeError('a take ends no earlier than it begins');
+    if (stoppedAt < this.startedAt) throw new RangeError('stoppedAt is before startedAt');
     this.#stoppedAt = stoppedAt;
     this.#send(commandRecord({ type: 'record_stop', id: this.id, stopped_at: stoppedAt }));
     return this.saved;
@@ -100,7 +100,7 @@ interface StartCommand {
 function startCommand(options: TakeOptions): StartCommand {
   const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
-    throw new RangeError('the path of a take is absolute and ends in ".mp4"');
+    throw new RangeError('the path of a take must be absolute and end in ".mp4"');
   }
   checkCaptureTime(startedAt);
   const id = randomUUID();
@@ -137,9 +137,9 @@ export class Takes {
 
   handle(event: RecordingEvent): void {
     const open = this.#open.get(event.id);
-    if (!open) return; // last events are repeated
+    if (!open) return; // the helper repeats the last event of a take
     if (event.state === 'failed') return this.#fail(open, event.error);
-    // Any event may be the first: the helper does not wait for a parent that is slow to read.
+    // Any event may be the first to arrive: a parent that reads slowly loses events.
     open.started.resolve(open.take);
     if (event.state !== 'saved') return;
     this.#open.delete(event.id);

@@ -1,29 +1,29 @@
-/** Seconds on the clock that the helper times frames and takes on. */
+/** Seconds on the helper's clock for frames and takes. */
 export function uptime(): number {
   return Number(process.hrtime.bigint()) / 1e9;
 }
 
-/** The id to give a frame captured at this uptime: whoever watches can tell how old it is. */
+/** The id for a frame captured at this uptime. Viewers can tell from it how old the frame is. */
 export function frameId(uptimeSeconds: number): number {
   return Math.floor(uptimeSeconds * 1e6);
 }
 
-// Seconds, as the helper has them.
+// Seconds; the helper's limits.
 const maximumAge = 30;
 const maximumLead = 0.05;
 
-/** Throws a RangeError for a time that the helper takes for no capture time. */
+/** Throws a RangeError for a capture time that the helper does not accept. */
 export function checkCaptureTime(seconds: number): void {
   const age = uptime() - seconds;
   const isAccepted = Number.isFinite(seconds) && seconds >= 0 && age <= maximumAge;
   if (!isAccepted || age < -maximumLead) {
     throw new RangeError(
-      `a capture time is uptime(), at most ${maximumAge} s ago or ${maximumLead} s ahead`,
+      `a capture time must be uptime(), at most ${maximumAge} s ago or ${maximumLead} s ahead`,
     );
   }
 }
 
-/** Whether `promise`, which never rejects, is settled before so many milliseconds have passed. */
+/** Whether `promise`, which must not reject, settles within this time. */
 export function settlesWithin(promise: Promise<unknown>, milliseconds: number): Promise<boolean> {
   return new Promise((resolve) => {
     const timer = setTimeout(() => resolve(false), milliseconds);

@@ -1,28 +1,29 @@
-// What stands in the way of a live picture, in words over the picture and beside the title.
+// Shows the state of connection and picture: a label in the header, and a notice over the picture
+// unless it is live.
 
 import { element } from './dom.js';
 
-const patience = 2000; // milliseconds without a new picture
+const stallTime = 2000; // milliseconds without a new picture
 
-export class Situation {
+export class PlaybackStatus {
   canDecode = 'VideoDecoder' in globalThis;
   #wasOpen = false;
   #connection = 'connecting';
-  #end; // what the viewer said when it would not go on
-  #loss; // what it says of a stream that it tries to get back
-  #fault; // of the decoder, until it shows a picture again
+  #end; // title and text, when the viewer has closed the connection for good
+  #loss; // the viewer's message while it reconnects to the helper
+  #fault; // the decoder's error, until it decodes again
   #shownAt;
-  #key;
+  #displayed;
 
-  connectionChanged(name) {
-    this.#connection = name;
-    if (name === 'connecting') this.#end = this.#loss = undefined;
-    if (name === 'open') this.#wasOpen = true;
-    if (name !== 'closed') this.#shownAt = undefined;
+  connectionChanged(state) {
+    this.#connection = state;
+    if (state === 'connecting') this.#end = this.#loss = undefined;
+    if (state === 'open') this.#wasOpen = true;
+    if (state !== 'closed') this.#shownAt = undefined;
     this.show();
   }
 
-  sessionBegan({ mode, helper }) {
+  sessionStarted({ mode, helper }) {
     this.#end = this.#loss = undefined;
     this.#shownAt = undefined;
     element('session').textContent = `${mode === 'owner' ? 'Started' : 'Joined'} ${helper}`;
@@ -57,17 +58,17 @@ export class Situation {
     if (isFirst) this.show(now);
   }
 
-  // A hidden page is sent nothing; that is no standstill.
+  // A hidden page gets no frames, so the stall time starts again.
   visibilityChanged(now) {
     if (this.#shownAt !== undefined) this.#shownAt = now;
   }
 
   show(now = performance.now()) {
-    const [state, title, text = ''] = this.#judge(now);
+    const [state, title, text = ''] = this.#current(now);
     const canRetry = this.#connection === 'closed';
-    const key = [state, title, text, canRetry].join();
-    if (key === this.#key) return;
-    this.#key = key;
+    const displayed = [state, title, text, canRetry].join();
+    if (displayed === this.#displayed) return;
+    this.#displayed = displayed;
     element('connection').dataset.state = state;
     element('connection').textContent = title;
     element('notice').hidden = state === 'live';
@@ -76,19 +77,27 @@ export class Situation {
     element('retry').hidden = !canRetry;
   }
 
-  // The state "live", "waiting" or "failed", a title, and what is to be done.
-  #judge(now) {
-    const name = this.#connection;
+  // Returns the state ("live", "waiting" or "failed"), a title, and perhaps a text.
+  #current(now) {
     if (!this.canDecode) return ['failed', 'This browser cannot decode the picture', decoderAdvice()];
     if (this.#end) return ['failed', ...this.#end];
-    if (name === 'closed') return ['failed', 'The connection is closed'];
-    if (name === 'waiting') return ['waiting', 'The connection is lost', 'Trying again.'];
-    // While it tries, it says one thing and no other: a screen reader reads each change.
-    if (name === 'connecting') return ['waiting', this.#wasOpen ? 'The connection is lost' : 'Connecting'];
+    switch (this.#connection) {
+      case 'closed':
+        return ['failed', 'The connection is closed'];
+      case 'waiting':
+        return ['waiting', 'The connection is lost', 'Trying again.'];
+      case 'connecting': // the same title as while waiting: a screen reader announces every change
+        return ['waiting', this.#wasOpen ? 'The connection is lost' : 'Connecting'];
+      default:
+        return this.#currentPicture(now);
+    }
+  }
+
+  #currentPicture(now) {
     if (this.#loss) return ['waiting', 'The stream is lost', this.#loss];
     if (this.#fault) return ['failed', 'The picture cannot be decoded', faultAdvice(this.#fault)];
     if (this.#shownAt === undefined) return ['waiting', 'Waiting for the first picture'];
-    if (now - this.#shownAt > patience) {
+    if (now - this.#shownAt > stallTime) {
       return ['waiting', 'The picture stands still', 'No new picture has come for two seconds.'];
     }
     return ['live', 'Live'];
@@ -98,11 +107,11 @@ export class Situation {
 function decoderAdvice() {
   return isSecureContext
     ? 'It lacks WebCodecs. Use a current Chrome, Edge, Firefox or Safari.'
-    : 'Browsers decode only on pages that they trust: open this one under 127.0.0.1 or localhost.';
+    : 'Browsers decode only on pages that they trust. Open this page under 127.0.0.1.';
 }
 
 function faultAdvice(error) {
   return error.name === 'NotSupportedError'
-    ? 'This browser has no decoder for H.264 of this kind. Use Chrome, Edge or Safari.'
-    : 'It is tried again with the next key frame.';
+    ? 'This browser has no decoder for this kind of H.264. Use Chrome, Edge or Safari.'
+    : 'The decoder starts again at the next key frame.';
 }
