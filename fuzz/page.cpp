@@ -1,4 +1,4 @@
-// Whatever comes to the viewer from a browser: what a page says, what is asked of the web server.
+// What comes to the viewer from a browser: the messages of a page, and requests to the web server.
 
 #include <cstdlib>
 
@@ -18,9 +18,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   parsePageMessage(text);
   const WebRules rules(1, "0123456789abcdef");
-  require(!rules.resource("127.0.0.1:1", {}, text) || text.starts_with("/0123456789abcdef/"));
-  require(!rules.allowsSocket(text) || text == "http://127.0.0.1:1" ||
-          text == "http://localhost:1");
+  const std::string_view host = "127.0.0.1:1";
+  const std::string_view page = "/0123456789abcdef/";
+  require(!rules.resource(text, {}, page) || text == host);
+  require(!rules.resource(host, text, page) || text == "http://127.0.0.1:1");
+  require(!rules.resource(host, {}, text) || text.starts_with(page));
   const ByteRange range = parseRange(text, 1000);
   require(range.first <= 1000 && range.length <= 1000 - range.first);
   return 0;

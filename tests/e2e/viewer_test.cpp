@@ -1,4 +1,4 @@
-// The viewer as a program: a page at its socket, its helper, and how all of it ends.
+// The viewer as a program: with a page at its socket, with a helper, and how it ends.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,7 +23,7 @@ struct Viewer : HelperTest {
   // Starts the viewer and opens its page's socket.
   void view(const std::vector<std::string>& arguments,
             const std::map<std::string, std::string>& environment = {}) {
-    viewer = std::make_unique<tools::HelperProcess>(
+    viewer = std::make_unique<HelperProcess>(
         client::LaunchOptions{LUMORA_VIEWER, token, arguments, environment});
     const std::string address = viewer->nextLine(20).value_or("");
     std::smatch parts;
@@ -34,7 +34,7 @@ struct Viewer : HelperTest {
         [&](auto& request) { request.set(boost::beast::http::field::origin, parts[1].str()); }));
     socket.handshake(parts[2].str(), parts[4].str() + "socket");
   }
-  // One message: a text as it is; a picture is shown and counted.
+  // Reads one message. Returns a text; counts a picture and says that it was shown.
   std::optional<Event> next() {
     boost::beast::flat_buffer received;
     socket.read(received);
@@ -80,10 +80,10 @@ struct Viewer : HelperTest {
   }
   int exitOfViewer() {
     const auto status = viewer->wait(20);
-    return status && status->signal == 0 ? status->code : -1;
+    return status && status->signal == 0 ? status->status : -1;
   }
 
-  std::unique_ptr<tools::HelperProcess> viewer;
+  std::unique_ptr<HelperProcess> viewer;
   boost::asio::io_context context;
   boost::beast::websocket::stream<tcp::socket> socket{context};
   int pictures = 0;
@@ -91,7 +91,7 @@ struct Viewer : HelperTest {
 
 TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
   record();
-  signalHelper(SIGINT);  // a terminal's Ctrl-C reaches both
+  signalHelper(SIGINT);  // Ctrl-C in a terminal reaches both
   viewer->sendSignal(SIGINT);
   const Event saved = waitForState("saved");
   waitForMessage("ended");
@@ -100,31 +100,31 @@ TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
   EXPECT_EQ(decodeErrors(saved["path"]), "");
 }
 
-TEST_F(Viewer, ATakeThatWasLostShowsInItsStatus) {
+TEST_F(Viewer, FailsWhenATakeIsLost) {
   record();
   signalHelper(SIGKILL);
   EXPECT_EQ(waitForMessage("ended")["message"], "The helper has ended with signal 9.");
   EXPECT_EQ(exitOfViewer(), 1);
 }
 
-TEST_F(Viewer, AHelperThatHangsDoesNotKeepIt) {
+TEST_F(Viewer, EndsBesideAHelperThatHangs) {
   record();
   signalHelper(SIGSTOP);
   viewer->sendSignal(SIGTERM);
   EXPECT_EQ(exitOfViewer(), 1);
 }
 
-TEST_F(Viewer, ACameraThatHangsDoesNotKeepIt) {
+TEST_F(Viewer, EndsBesideACameraThatHangs) {
   const std::string camera = folder / "camera";
   ASSERT_EQ(mkfifo(camera.c_str(), 0600), 0);
   view({"--demo", "--helper", helperProgram()}, {{"INPUT", camera}});
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
   EXPECT_EQ(exitOfViewer(), 0);
-  close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // lets go of whoever still waits for it
+  close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // ends the ffmpeg that waits for a writer
 }
 
-TEST_F(Viewer, AGuestWaitsForAHelperThatIsGone) {
+TEST_F(Viewer, WaitsForAHelperThatIsGone) {
   start();
   view({"--port", std::to_string(port)});
   std::jthread camera([this](const std::stop_token& stop) {

@@ -3,10 +3,12 @@
 #include <boost/asio/post.hpp>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
+#include <functional>
 #include <utility>
 
 #include <lumora/uptime.h>
+#include "tools/viewer/page_socket.h"
+#include "tools/viewer/takes.h"
 
 namespace lumora::viewer {
 namespace asio = boost::asio;
@@ -17,11 +19,15 @@ namespace {
 constexpr std::chrono::milliseconds tickInterval{50};
 constexpr std::chrono::milliseconds timeForGoodbye{300};
 
-Page::Bytes bytesOf(const client::Packet& packet) {
-  return std::make_shared<const std::vector<std::uint8_t>>(toBytes(packet));
-}
-
 }  // namespace
+
+template <typename... Arguments>
+auto Bridge::posting(void (Bridge::*method)(Arguments...)) {
+  return [this, method](auto&&... arguments) {
+    asio::post(context_,
+               std::bind_front(method, this, std::forward<decltype(arguments)>(arguments)...));
+  };
+}
 
 Bridge::Bridge(asio::io_context& context) : context_(context), ticks_(context), goodbye_(context) {
   tick();
@@ -35,40 +41,39 @@ void Bridge::join(const HelperAddress& helper) {
 }
 
 void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
-                 int framesPerSecond, std::string folder) {
+                 int framesPerSecond, const std::string& folder) {
+  const std::string program = std::filesystem::path(options.program).filename();
   session_ = {{"type", "session"},
               {"mode", "owner"},
-              {"folder", std::move(folder)},
-              {"helper", options.program.empty()
-                             ? "lumora-video"
-                             : std::filesystem::path(options.program).filename().string()}};
-  const Camera::Handlers handlers{
-      .event =
-          [this](const std::string& line) {
-            asio::post(context_, [this, line] { eventCame(line); });
-          },
-      .inputEnded =
-          [this](std::uint64_t frames) {
-            asio::post(context_, [this, frames] { inputEnded(frames); });
-          },
-      .ended =
-          [this](const client::Exited& exited) {
-            asio::post(context_, [this, exited] { helperEnded(exited); });
-          }};
+              {"folder", folder},
+              {"helper", program.empty() ? "lumora-video" : program}};
+  const Camera::Handlers handlers{.event = posting(&Bridge::eventCame),
+                                  .inputEnded = posting(&Bridge::inputEnded),
+                                  .ended = posting(&Bridge::helperEnded)};
   camera_ = std::make_unique<Camera>(options, std::move(source), framesPerSecond, handlers);
-  connectTo({"127.0.0.1", camera_->port(), camera_->token()});
+  connectTo({"127.0.0.1", camera_->helper().port(), camera_->helper().token()});
+}
+
+void Bridge::connectTo(const HelperAddress& helper) {
+  const StreamSource::Handlers handlers{.packet = posting(&Bridge::packetCame),
+                                        .connected = posting(&Bridge::streamBegan),
+                                        .failed = posting(&Bridge::streamFailed)};
+  stream_ = std::make_unique<StreamSource>(helper, handlers);
 }
 
 WebHandlers Bridge::webHandlers() {
-  return {.pageJoined = [this](const std::shared_ptr<Page>& page) { pageJoined(page); },
-          .movie = [this](const std::string& name) { return takes_.movie(name); }};
+  return {.pageJoined = [this](const std::shared_ptr<PageSocket>& page) { pageJoined(page); },
+          .movie =
+              [this](const std::string& name) {
+                return movies_.contains(name) ? movies_.at(name) : std::filesystem::path();
+              }};
 }
 
-void Bridge::pageJoined(const std::shared_ptr<Page>& page) {
+void Bridge::pageJoined(const std::shared_ptr<PageSocket>& page) {
   if (page_) {
-    page->sendText(
-        Json{{"type", "busy"}, {"message", "Another page is open on this viewer. Close it first."}}
-            .dump());
+    const Json busy = {{"type", "busy"},
+                       {"message", "Another page is open on this viewer. Close it first."}};
+    page->sendText(busy.dump());
     return page->close();
   }
   page_ = page;
@@ -80,13 +85,13 @@ void Bridge::pageJoined(const std::shared_ptr<Page>& page) {
   flow_.pageJoined();
   tell(session_);
   for (const auto& [type, message] : latestEvents_) tell(message);
-  if (!interrupted_.is_null()) tell(interrupted_);
+  if (!interruption_.is_null()) tell(interruption_);
 }
 
 void Bridge::pageSpoke(std::string_view text) {
   flow_.pageSpoke();
   const auto message = parsePageMessage(text);
-  if (!message) return refuse("The viewer does not understand this page.");
+  if (!message) return refuse("The viewer does not know this message. Reload the page.");
   try {
     std::visit([this](const auto& said) { obey(said); }, *message);
   } catch (const std::exception& error) {
@@ -94,137 +99,114 @@ void Bridge::pageSpoke(std::string_view text) {
   }
 }
 
-void Bridge::obey(const Shown& message) { acknowledge(flow_.shown(message.frameID)); }
-
 void Bridge::obey(const Ping& message) {
   tell({{"type", "pong"}, {"sent", message.sent}, {"clock", client::frameID(uptime())}});
 }
 
 void Bridge::obey(const StartTake& message) {
-  if (!camera_) return refuse("Only the application that started the helper can record.");
-  if (take_ && !take_->latest().isOver()) return refuse("A take is running.");
-  std::string problem;
-  const auto options = takes_.plan(message, uptime(), problem);
-  if (!options) return refuse(problem);
-  take_ = camera_->startTake(*options);
-  isTakeReported_ = false;
+  if (!camera_) return refuse("Only the application that started the helper can record takes.");
+  if (take_) return refuse("A take is running already.");
+  take_ = camera_->helper().startTake(planTake(message, uptime()));
 }
 
 void Bridge::obey(const StopTake&) {
   if (take_) take_->stop();
 }
 
-void Bridge::connectTo(const HelperAddress& helper) {
-  stream_ = std::make_unique<StreamSource>(
-      helper, StreamSource::Handlers{
-                  .packet =
-                      [this](client::Packet packet) {
-                        asio::post(context_,
-                                   [this, packet = std::move(packet)] { packetCame(packet); });
-                      },
-                  .connected =
-                      [this] { asio::post(context_, [this] { connectionChanged(std::nullopt); }); },
-                  .failed =
-                      [this](const std::string& why) {
-                        asio::post(context_, [this, why] { connectionChanged(why); });
-                      }});
-}
-
 void Bridge::packetCame(const client::Packet& packet) {
   if (packet.type == client::Packet::Type::configuration) {
-    configuration_ = bytesOf(packet);
-  } else {
-    frameCame(packet);
+    configuration_ = toBytes(packet);
+    return;
   }
-}
-
-void Bridge::frameCame(const client::Packet& packet) {
-  const auto decision = flow_.frameCame(packet.frameID, packet.keyframe, uptime());
-  acknowledge(decision.acknowledge);
-  if (!decision.forward || !page_) return;
+  if (!flow_.frameCame(packet.frameID, packet.keyframe, uptime())) {
+    return acknowledge(packet.frameID);
+  }
+  // A frame is passed on only while there is a page.
   if (const auto withheld = flow_.takeWithheld()) {
     tell({{"type", "skipped"}, {"frames", withheld}});
   }
-  if (packet.keyframe && configuration_) page_->sendBytes(configuration_);
-  page_->sendBytes(bytesOf(packet));
+  if (packet.keyframe && !configuration_.empty()) page_->sendBytes(configuration_);
+  page_->sendBytes(toBytes(packet));
 }
 
-void Bridge::connectionChanged(const std::optional<std::string>& problem) {
-  if (!problem) flow_.streamBegan();
-  if (problem && !ending_) std::fprintf(stderr, "%s\n", problem->c_str());
-  if (camera_) return;  // its events tell more
-  const Json before = interrupted_;
-  interrupted_ =
-      problem ? Json{{"type", "lost"}, {"message", *problem + " Trying again."}} : Json();
-  if (interrupted_ == before) return;
-  tell(problem ? interrupted_ : session_);
+void Bridge::streamBegan() {
+  flow_.streamBegan();
+  if (camera_ || interruption_.is_null()) return;
+  interruption_ = nullptr;
+  tell(session_);
+}
+
+void Bridge::streamFailed(const std::string& why) {
+  if (!ending_) std::fprintf(stderr, "%s\n", why.c_str());
+  if (camera_) return;  // the helper's events tell more
+  Json lost = {{"type", "lost"}, {"message", why + " Trying again."}};
+  if (lost == interruption_) return;
+  interruption_ = std::move(lost);
+  tell(interruption_);
 }
 
 void Bridge::eventCame(const std::string& line) {
   const Json event = Json::parse(line, nullptr, /*allow_exceptions=*/false);
   if (!event.is_object()) return;
-  if (event.value("type", "") == "error") {
-    std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
-  }
-  takes_.eventCame(event);
+  const std::string type = event.value("type", "");
+  if (type == "error") std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const Json message = {{"type", "event"},
                         {"event", event},
                         {"at", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}};
-  latestEvents_[event.value("type", "")] = message;
+  latestEvents_[type] = message;
+  finishTake();
   tell(message);
-  reportTake();
 }
 
 void Bridge::inputEnded(std::uint64_t frames) {
   if (ending_) return;
-  std::fprintf(stderr, frames == 0 ? "The input gave no picture.\n" : "The input has ended.\n");
-  inputFrames_ = frames;
+  inputEnd_ = frames == 0 ? "The input gave no picture." : "The input has ended.";
+  failed_ = frames == 0;
+  std::fprintf(stderr, "%s\n", inputEnd_.c_str());
 }
 
 void Bridge::helperEnded(const client::Exited& exited) {
-  const bool isClean = exited.status == 0 && exited.signal == 0;
-  const bool isTakeLost = take_ && take_->latest().state == client::TakeState::failed;
-  failed_ = !isClean || inputFrames_ == 0 || isTakeLost;
-  reportTake();
-  std::string words = inputFrames_ == 0 ? "The input gave no picture. "
-                      : inputFrames_    ? "The input has ended. "
-                                        : "";
-  words += "The helper has ended with " +
-           (exited.signal != 0 ? "signal " + std::to_string(exited.signal)
-                               : "status " + std::to_string(exited.status)) +
-           ".";
-  if (!isClean) std::fprintf(stderr, "%s\n", words.c_str());
-  interrupted_ = {{"type", "ended"}, {"message", words}, {"status", failed_ ? 1 : 0}};
-  tell(interrupted_);
+  finishTake();
+  failed_ = failed_ || !exited.isClean() || isTakeLost_;
+  const std::string end = exited.signal != 0 ? "signal " + std::to_string(exited.signal)
+                                             : "status " + std::to_string(exited.status);
+  const std::string words =
+      inputEnd_ + (inputEnd_.empty() ? "" : " ") + "The helper has ended with " + end + ".";
+  if (!exited.isClean()) std::fprintf(stderr, "%s\n", words.c_str());
+  interruption_ = {{"type", "ended"}, {"message", words}, {"status", failed_ ? 1 : 0}};
+  tell(interruption_);
   finish();
 }
 
-// Once, when the take is over.
-void Bridge::reportTake() {
-  if (!take_ || isTakeReported_) return;
-  const client::Recording take = take_->latest();
-  if (!take.isOver()) return;
-  isTakeReported_ = true;
-  if (take.state == client::TakeState::saved) {
-    std::printf("Saved %s\n", take.path.c_str());
+// Reports the take's end and offers its movie; does nothing while the take runs.
+void Bridge::finishTake() {
+  if (!take_) return;
+  const client::Recording end = take_->latest();
+  if (!end.isOver()) return;
+  const std::string unfinished = take_->stagingPath();
+  take_.reset();
+  isTakeLost_ = end.state == client::TakeState::failed;
+  if (!isTakeLost_) {
+    movies_["takes/" + end.id + ".mp4"] = end.path;
+    std::printf("Saved %s\n", end.path.c_str());
     return;
   }
-  std::fprintf(stderr, "The take was not saved: %s.\n", take.error.c_str());
+  std::fprintf(stderr, "The take was not saved: %s.\n", end.error.c_str());
   std::error_code unknown;
-  const std::string rest = take_->stagingPath();
-  if (std::filesystem::exists(rest, unknown)) {
-    std::fprintf(stderr, "What there is of it: %s\n", rest.c_str());
+  if (std::filesystem::exists(unfinished, unknown)) {
+    std::fprintf(stderr, "What was recorded of it is in %s\n", unfinished.c_str());
   }
 }
 
 void Bridge::end() {
-  if (std::exchange(ending_, true)) return;
-  if (camera_) return camera_->stop();  // what is left is told before its end
+  ending_ = true;
+  if (camera_) return camera_->stop();  // `helperEnded` follows
   tell({{"type", "ended"}, {"message", "The viewer has ended."}, {"status", 0}});
   finish();
 }
 
+// The page gets a moment to read what it was told.
 void Bridge::finish() {
   if (page_) page_->close();
   goodbye_.expires_after(timeForGoodbye);
@@ -241,7 +223,7 @@ void Bridge::tick() {
 }
 
 void Bridge::acknowledge(std::optional<std::uint64_t> frameID) {
-  if (frameID && stream_) stream_->acknowledge(*frameID);
+  if (frameID) stream_->acknowledge(*frameID);
 }
 
 void Bridge::tell(const Json& message) {

@@ -1,22 +1,24 @@
 #pragma once
 
-// Between the helper and the page. On the thread of its context; what comes from other threads is
-// posted there.
+// Connects a helper with the page: passes the stream and the events on, and does what the page
+// asks. It runs on the thread of its context; what other threads report is posted there.
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <cstdint>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tools/viewer/camera.h"
 #include "tools/viewer/frame_flow.h"
-#include "tools/viewer/page.h"
 #include "tools/viewer/page_messages.h"
 #include "tools/viewer/stream_source.h"
-#include "tools/viewer/takes.h"
 #include "tools/viewer/web_server.h"
 
 namespace lumora::viewer {
@@ -25,23 +27,27 @@ class Bridge {
  public:
   explicit Bridge(boost::asio::io_context& context);
 
-  // Either: watches a helper that runs already,
+  // Watches a helper that runs already.
   void join(const HelperAddress& helper);
-  // or starts one. `folder` is where the page proposes to put takes. Throws client::StartError.
+  // Starts a helper and feeds it. The page proposes `folder` for takes. Throws as Camera does.
   void own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
-           int framesPerSecond, std::string folder);
+           int framesPerSecond, const std::string& folder);
 
   WebHandlers webHandlers();
-  // Lets a helper of our own save its take and end, then stops the context.
+  // Ends a helper that it started, which saves a running take; then stops the context.
   void end();
   bool hasFailed() const { return failed_; }
 
  private:
   using Json = nlohmann::json;
 
-  void pageJoined(const std::shared_ptr<Page>& page);
+  // A function for any thread, which has `method` called on the thread of the context.
+  template <typename... Arguments>
+  auto posting(void (Bridge::*method)(Arguments...));
+
+  void pageJoined(const std::shared_ptr<PageSocket>& page);
   void pageSpoke(std::string_view text);
-  void obey(const Shown& message);
+  void obey(const Shown& message) { acknowledge(flow_.shown(message.frameID)); }
   void obey(const Ping& message);
   void obey(const Restarted&) { flow_.pageRestarted(); }
   void obey(const Visible& message) { flow_.setVisible(message.visible); }
@@ -50,12 +56,12 @@ class Bridge {
 
   void connectTo(const HelperAddress& helper);
   void packetCame(const client::Packet& packet);
-  void frameCame(const client::Packet& packet);
-  void connectionChanged(const std::optional<std::string>& problem);
+  void streamBegan();
+  void streamFailed(const std::string& why);
   void eventCame(const std::string& line);
   void inputEnded(std::uint64_t frames);
   void helperEnded(const client::Exited& exited);
-  void reportTake();
+  void finishTake();
 
   void tick();
   void acknowledge(std::optional<std::uint64_t> frameID);
@@ -67,20 +73,22 @@ class Bridge {
   boost::asio::steady_timer ticks_;
   boost::asio::steady_timer goodbye_;
   FrameFlow flow_;
-  Takes takes_;
-  std::shared_ptr<Page> page_;
-  Page::Bytes configuration_;                 // the latest
-  std::map<std::string, Json> latestEvents_;  // by type, for a page that comes later
+  std::shared_ptr<PageSocket> page_;
+
+  // What a page that comes later has to be told.
   Json session_;
-  Json interrupted_;  // what is told of the stream's break or end, once it has come
+  std::map<std::string, Json> latestEvents_;  // by type
+  Json interruption_;                         // of the stream, while it lasts; or null
+  std::vector<std::uint8_t> configuration_;   // the latest packet
+
+  std::optional<client::Take> take_;                     // while it runs
+  std::map<std::string, std::filesystem::path> movies_;  // of saved takes, by "takes/ID.mp4"
+  bool isTakeLost_ = false;                              // the last one that ended
+  std::string inputEnd_;                                 // a sentence, once the input has ended
   bool ending_ = false;
   bool failed_ = false;
-  bool failedAtEnd_ = false;                  // a take that was running when the end was asked for
-  std::optional<std::uint64_t> inputFrames_;  // of an input that has ended
   std::unique_ptr<StreamSource> stream_;
-  std::unique_ptr<Camera> camera_;
-  std::optional<client::Take> take_;  // the latest that was asked for
-  bool isTakeReported_ = false;       // its end
+  std::unique_ptr<Camera> camera_;  // null when the helper is not ours
 };
 
 }  // namespace lumora::viewer

@@ -5,11 +5,6 @@
 #include <utility>
 
 namespace lumora::viewer {
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-}  // namespace
 
 Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
                int framesPerSecond, Handlers handlers)
@@ -25,6 +20,7 @@ Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::Fram
       feeder_([this](const std::stop_token& stop) { feed(stop); }) {}
 
 void Camera::feed(const std::stop_token& stop) {
+  using Clock = std::chrono::steady_clock;
   const auto interval = std::chrono::duration_cast<Clock::duration>(
       std::chrono::duration<double>(1.0 / framesPerSecond_));
   auto due = Clock::now();
@@ -38,7 +34,7 @@ void Camera::feed(const std::stop_token& stop) {
       break;
     }
     if (source_->keepsTime()) capturedAt = client::uptime();
-    // A file takes its time to open, and whoever was stopped for a while catches up on nothing.
+    // A source that was late, as a file is at first, does not catch up.
     due = std::max(due, Clock::now() - interval) + interval;
     lastID = std::max(lastID + 1, client::frameID(capturedAt));
     helper_.writeFrame(source_->size(), lastID, picture);
@@ -48,9 +44,7 @@ void Camera::feed(const std::stop_token& stop) {
 
 void Camera::stop() {
   feeder_.request_stop();
-  if (!stopper_.joinable()) {
-    stopper_ = std::jthread([this] { helper_.stop(); });
-  }
+  stopper_ = std::jthread([this] { helper_.stop(); });
 }
 
 }  // namespace lumora::viewer

@@ -12,27 +12,22 @@
 
 namespace lumora::viewer {
 
-// A camera application in small: starts the helper and feeds it pictures at a steady rate, numbered
-// by the time of their capture.
+// A small camera application: starts a helper and feeds it pictures at a steady rate, with their
+// capture times as ids.
 class Camera {
  public:
-  // Called on threads of the camera's own.
+  // Called on threads of the camera.
   struct Handlers {
-    std::function<void(const std::string& line)> event;    // of the helper, as it stands
-    std::function<void(std::uint64_t frames)> inputEnded;  // the source, after so many
-    std::function<void(client::Exited)> ended;             // the helper; the last call
+    std::function<void(const std::string& line)> event;    // of the helper, as JSON text
+    std::function<void(std::uint64_t frames)> inputEnded;  // after so many frames
+    std::function<void(const client::Exited&)> ended;      // the helper; the last call
   };
-  // Throws client::StartError.
+  // Throws what the constructor of client::Helper throws.
   Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
          int framesPerSecond, Handlers handlers);
-  Camera(const Camera&) = delete;
-  Camera& operator=(const Camera&) = delete;
 
-  std::uint16_t port() const { return helper_.port(); }
-  const std::string& token() const { return helper_.token(); }
-  client::Take startTake(const client::TakeOptions& options) { return helper_.startTake(options); }
-  // The helper finishes a running take and ends, even if the source stands still. Waits for
-  // nothing.
+  client::Helper& helper() { return helper_; }
+  // Stops the helper, even while the source gives no picture. Returns at once. Call it once.
   void stop();
 
  private:

@@ -11,39 +11,38 @@ void FrameFlow::streamBegan() {
 
 void FrameFlow::pageJoined() {
   pageLeft();
-  joined_ = true;
+  isResponding_ = true;
 }
 
 void FrameFlow::pageLeft() {
-  // What it has not shown yet is overdue at once: see `acknowledgeOverdue`.
-  joined_ = false;
-  visible_ = true;
-  givenUp_ = false;
+  // `unseen_` stays: `acknowledgeOverdue` acknowledges it at the next call.
+  isResponding_ = false;
+  isVisible_ = true;
   needsKeyFrame_ = true;
   countsWithheld_ = false;
   withheld_ = 0;
 }
 
 void FrameFlow::setVisible(bool visible) {
-  visible_ = visible;
+  isVisible_ = visible;
   if (!visible) needsKeyFrame_ = true;
 }
 
 void FrameFlow::pageRestarted() {
   needsKeyFrame_ = true;
-  countsWithheld_ = false;  // what it gets from now on is not withheld for being slow
+  countsWithheld_ = false;  // the decoder needs a key frame, the page was not slow
 }
 
-FrameFlow::Decision FrameFlow::frameCame(std::uint64_t id, bool keyframe, double now) {
+bool FrameFlow::frameCame(std::uint64_t id, bool keyframe, double now) {
   if (keyframe && canShow()) needsKeyFrame_ = false;
-  if (!canShow() || needsKeyFrame_) {
-    if (countsWithheld_ && visible_) ++withheld_;
-    unseen_.clear();
-    return {false, id};
+  if (needsKeyFrame_) {
+    if (countsWithheld_ && isVisible_) ++withheld_;
+    unseen_.clear();  // the caller acknowledges this frame, and so all before it
+    return false;
   }
   countsWithheld_ = true;
   unseen_.push_back({id, now});
-  return {true};
+  return true;
 }
 
 std::optional<std::uint64_t> FrameFlow::shown(std::uint64_t id) {
@@ -57,7 +56,7 @@ std::optional<std::uint64_t> FrameFlow::shown(std::uint64_t id) {
 
 std::optional<std::uint64_t> FrameFlow::acknowledgeOverdue(double now) {
   if (unseen_.empty() || (canShow() && now - unseen_.front().at <= patience)) return std::nullopt;
-  givenUp_ = true;
+  isResponding_ = false;
   needsKeyFrame_ = true;
   const std::uint64_t newest = unseen_.back().id;
   unseen_.clear();

@@ -1,10 +1,10 @@
 #pragma once
 
-// Decides what of the helper's stream goes to the page, and what the helper hears of it. The eye
-// sets the pace: a frame is acknowledged when it was shown. But a page that is slow, hidden or gone
-// must not cost the connection: well before the helper gives up on us, frames are acknowledged
-// unseen, and the page gets nothing until the next key frame. Pure; times are seconds of any one
-// clock.
+// Decides which frames of the helper go to the page, and when each is acknowledged to the helper.
+// A frame that went to the page is acknowledged once the page has shown it, so that the helper does
+// not send more than the page can show. But the helper drops a client that acknowledges nothing for
+// half a second. So for a page that is slow, hidden or gone, frames are acknowledged in its place,
+// and it gets nothing more until the next key frame. Pure; times are seconds of any one clock.
 
 #include <cstdint>
 #include <deque>
@@ -14,29 +14,27 @@ namespace lumora::viewer {
 
 class FrameFlow {
  public:
-  static constexpr double patience = 0.25;  // seconds; the helper's own is 0.5
+  // How long a frame may wait to be shown, in seconds.
+  static constexpr double patience = 0.25;
 
-  // A new connection to the helper: it knows nothing of frames before.
+  // A new connection to the helper, which knows nothing of earlier frames.
   void streamBegan();
   void pageJoined();
   void pageLeft();
-  void pageSpoke() { givenUp_ = false; }  // in whatever words: it is alive
+  // Any message of the page: it is not stuck.
+  void pageSpoke() { isResponding_ = true; }
   void setVisible(bool visible);
-  // Its decoder begins anew. Frames before the next key frame are of no use to it.
+  // The page's decoder begins anew, and can do nothing with a frame before the next key frame.
   void pageRestarted();
 
-  struct Decision {
-    bool forward = false;
-    std::optional<std::uint64_t> acknowledge = {};  // to the helper, at once
-  };
-  // For a frame that has come from the helper.
-  Decision frameCame(std::uint64_t id, bool keyframe, double now);
-  // The page has shown this frame, or a newer one in its place: what to acknowledge.
+  // Whether this frame goes to the page. If it does not, it is to be acknowledged at once.
+  bool frameCame(std::uint64_t id, bool keyframe, double now);
+  // The page has shown this frame, or a newer one in its place. Returns what to acknowledge.
   std::optional<std::uint64_t> shown(std::uint64_t id);
-  // Frames have waited for too long: what to acknowledge in the page's place.
+  // What to acknowledge in the page's place, because frames have waited for too long.
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
-  // Frames withheld from a page that was there, since the last call.
+  // How many frames the page has missed since the last call.
   std::uint64_t takeWithheld();
 
  private:
@@ -44,13 +42,12 @@ class FrameFlow {
     std::uint64_t id;
     double at;
   };
-  bool canShow() const { return joined_ && visible_ && !givenUp_; }
+  bool canShow() const { return isResponding_ && isVisible_; }
 
-  bool joined_ = false;
-  bool visible_ = true;
-  bool givenUp_ = false;         // nothing was heard of it since it was given up on
-  bool needsKeyFrame_ = true;    // for a key frame
-  bool countsWithheld_ = false;  // it has been sent a frame
+  bool isResponding_ = false;  // false: no page, or nothing heard of it since frames were overdue
+  bool isVisible_ = true;
+  bool needsKeyFrame_ = true;    // always while it can't show a frame
+  bool countsWithheld_ = false;  // it has had a frame since it joined or restarted
   std::deque<Forwarded> unseen_;
   std::uint64_t withheld_ = 0;
 };

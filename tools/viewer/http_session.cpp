@@ -17,7 +17,6 @@ namespace {
 constexpr std::chrono::seconds patience{30};
 constexpr std::uint32_t maximumHeaderBytes = 8192;
 constexpr std::size_t moviePartBytes = 256 * 1024;
-constexpr std::string_view movieFolder = "takes/";
 
 std::optional<std::string_view> field(const http::request<http::empty_body>& request,
                                       http::field name) {
@@ -26,10 +25,35 @@ std::optional<std::string_view> field(const http::request<http::empty_body>& req
   return std::string_view(found->value().data(), found->value().size());
 }
 
+std::string_view mimeType(std::string_view name) {
+  if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
+  if (name.ends_with(".css")) return "text/css; charset=utf-8";
+  return "text/html; charset=utf-8";
+}
+
+// The fields of every response. The browser runs nothing but our own files in the page, shows it in
+// no other site's frame, and passes its secret address to nobody.
+http::response_header<> makeHeader(http::status status, std::string_view type) {
+  http::response_header<> header;
+  header.version(11);
+  header.result(status);
+  header.set(http::field::content_type, beast::string_view(type.data(), type.size()));
+  header.set(http::field::cache_control, "no-store");
+  header.set("Referrer-Policy", "no-referrer");
+  header.set("X-Content-Type-Options", "nosniff");
+  header.set("Cross-Origin-Resource-Policy", "same-origin");
+  header.set("Cross-Origin-Opener-Policy", "same-origin");
+  header.set("Content-Security-Policy",
+             "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
+             "media-src 'self'; img-src 'self' data:; base-uri 'none'; form-action 'none'; "
+             "frame-ancestors 'none'");
+  return header;
+}
+
 }  // namespace
 
 HttpSession::HttpSession(boost::asio::ip::tcp::socket socket, const WebRules& rules,
-                         const WebHandlers& handlers, std::shared_ptr<const void> slot)
+                         const WebHandlers& handlers, std::shared_ptr<const int> slot)
     : stream_(std::move(socket)), rules_(rules), handlers_(handlers), slot_(std::move(slot)) {}
 
 void HttpSession::readRequest() {
@@ -39,66 +63,57 @@ void HttpSession::readRequest() {
   stream_.expires_after(patience);
   http::async_read(stream_, received_, *parser_,
                    [self = shared_from_this()](error_code error, std::size_t) {
-                     if (error) return;  // whoever sends no request gets no answer
-                     self->request_ = self->parser_->release();
-                     self->answer();
+                     if (!error) self->answer();
                    });
 }
 
 void HttpSession::answer() {
-  const auto host = field(request_, http::field::host);
-  const auto target = request_.target();
-  const auto wanted = rules_.resource(host.value_or(""), field(request_, http::field::origin),
-                                      {target.data(), target.size()});
-  const bool reads = request_.method() == http::verb::get || request_.method() == http::verb::head;
-  if (!wanted || !reads) return send(http::status::not_found, "text/plain", "");
-  if (*wanted == "socket" && beast::websocket::is_upgrade(request_)) return answerSocket();
-  if (wanted->starts_with(movieFolder)) {
-    if (const auto path = handlers_.movie(wanted->substr(movieFolder.size()))) {
-      return answerMovie(*path);
+  stream_.expires_after(patience);
+  const auto& request = parser_->get();
+  const auto target = request.target();
+  const auto wanted =
+      rules_.resource(field(request, http::field::host).value_or(""),
+                      field(request, http::field::origin), {target.data(), target.size()});
+  const bool reads = request.method() == http::verb::get || request.method() == http::verb::head;
+  if (wanted && reads) {
+    if (*wanted == "socket" && beast::websocket::is_upgrade(request)) return openSocket();
+    if (const auto movie = handlers_.movie(*wanted); !movie.empty()) return sendMovie(movie);
+    if (const auto file = pageFile(wanted->empty() ? "index.html" : *wanted)) {
+      return send(Status::ok, mimeType(*wanted), *file);
     }
-  } else if (const auto file = pageFile(wanted->empty() ? "index.html" : *wanted)) {
-    return send(http::status::ok, mimeType(*wanted), *file);
   }
-  send(http::status::not_found, "text/plain", "");
+  send(Status::not_found, "text/plain", "");
 }
 
-void HttpSession::answerSocket() {
-  if (!rules_.allowsSocket(field(request_, http::field::origin))) {
-    return send(http::status::not_found, "text/plain", "");
-  }
+void HttpSession::openSocket() {
   const auto page = std::make_shared<PageSocket>(std::move(stream_));
-  page->accept(request_, [page, &handlers = handlers_] { handlers.pageJoined(page); });
+  page->accept(parser_->get(), [page, &handlers = handlers_] { handlers.pageJoined(page); });
 }
 
-void HttpSession::answerMovie(const std::filesystem::path& path) {
+void HttpSession::sendMovie(const std::filesystem::path& path) {
   movie_ = std::ifstream(path, std::ios::binary | std::ios::ate);
-  if (!movie_) return send(http::status::not_found, "text/plain", "");
-  sendMovie(std::string(field(request_, http::field::range).value_or("")));
-}
-
-void HttpSession::sendMovie(const std::string& range) {
+  if (!movie_) return send(Status::not_found, "text/plain", "");
   const auto size = static_cast<std::uint64_t>(movie_.tellg());
-  const ByteRange part = parseRange(range, size);
-  const auto head = std::make_shared<http::response<http::empty_body>>();
-  addUsualFields(*head, "video/mp4");
-  head->set(http::field::accept_ranges, "bytes");
-  head->content_length(part.length);
-  if (part.kind == ByteRange::Kind::part) {
-    head->result(http::status::partial_content);
-    head->set(http::field::content_range, "bytes " + std::to_string(part.first) + "-" +
-                                              std::to_string(part.first + part.length - 1) + "/" +
-                                              std::to_string(size));
-  } else if (part.kind == ByteRange::Kind::unsatisfiable) {
-    head->result(http::status::range_not_satisfiable);
-    head->set(http::field::content_range, "bytes */" + std::to_string(size));
+  const ByteRange range = parseRange(field(parser_->get(), http::field::range).value_or(""), size);
+  const auto response =
+      std::make_shared<http::response<http::empty_body>>(makeHeader(Status::ok, "video/mp4"));
+  response->set(http::field::accept_ranges, "bytes");
+  response->content_length(range.length);
+  if (range.kind == ByteRange::Kind::part) {
+    response->result(Status::partial_content);
+    response->set(http::field::content_range, "bytes " + std::to_string(range.first) + "-" +
+                                                  std::to_string(range.first + range.length - 1) +
+                                                  "/" + std::to_string(size));
+  } else if (range.kind == ByteRange::Kind::unsatisfiable) {
+    response->result(Status::range_not_satisfiable);
+    response->set(http::field::content_range, "bytes */" + std::to_string(size));
   }
-  movie_.seekg(static_cast<std::streamoff>(part.first));
-  const std::uint64_t length = request_.method() == http::verb::head ? 0 : part.length;
-  const auto serializer = std::make_shared<http::response_serializer<http::empty_body>>(*head);
+  movie_.seekg(static_cast<std::streamoff>(range.first));
+  const std::uint64_t length = wantsBody() ? range.length : 0;
+  const auto serializer = std::make_shared<http::response_serializer<http::empty_body>>(*response);
   http::async_write_header(
       stream_, *serializer,
-      [self = shared_from_this(), head, serializer, length](error_code error, std::size_t) {
+      [self = shared_from_this(), response, serializer, length](error_code error, std::size_t) {
         if (!error) self->sendMoviePart(length);
       });
 }
@@ -106,7 +121,7 @@ void HttpSession::sendMovie(const std::string& range) {
 void HttpSession::sendMoviePart(std::uint64_t left) {
   if (left == 0) return readRequest();
   moviePart_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(left, moviePartBytes)));
-  if (!movie_.read(moviePart_.data(), std::ssize(moviePart_))) return;  // it shrank: cut off here
+  if (!movie_.read(moviePart_.data(), std::ssize(moviePart_))) return;  // the file has shrunk
   stream_.expires_after(patience);
   boost::asio::async_write(
       stream_, boost::asio::buffer(moviePart_),
@@ -116,36 +131,15 @@ void HttpSession::sendMoviePart(std::uint64_t left) {
 }
 
 void HttpSession::send(Status status, std::string_view type, std::string_view body) {
-  const auto response = std::make_shared<http::response<http::string_body>>();
-  response->result(status);
-  addUsualFields(*response, type);
+  const auto response =
+      std::make_shared<http::response<http::string_body>>(makeHeader(status, type));
   response->content_length(body.size());
-  if (request_.method() != http::verb::head) response->body() = body;
-  response->keep_alive(status == http::status::ok && request_.keep_alive());
-  stream_.expires_after(patience);
-  http::async_write(
-      stream_, *response, [self = shared_from_this(), response](error_code error, std::size_t) {
-        if (error) return;
-        if (response->keep_alive()) return self->readRequest();
-        error_code ignored;
-        self->stream_.socket().shutdown(boost::asio::socket_base::shutdown_send, ignored);
-      });
-}
-
-// Nothing but our own files may act in the page, and its path is nobody else's to know or keep.
-template <typename Response>
-void HttpSession::addUsualFields(Response& response, std::string_view type) const {
-  response.version(11);
-  response.set(http::field::content_type, beast::string_view(type.data(), type.size()));
-  response.set(http::field::cache_control, "no-store");
-  response.set("Referrer-Policy", "no-referrer");
-  response.set("X-Content-Type-Options", "nosniff");
-  response.set("Cross-Origin-Resource-Policy", "same-origin");
-  response.set("Cross-Origin-Opener-Policy", "same-origin");
-  response.set("Content-Security-Policy",
-               "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
-               "media-src 'self'; img-src 'self' data:; base-uri 'none'; form-action 'none'; "
-               "frame-ancestors 'none'");
+  if (wantsBody()) response->body() = body;
+  response->keep_alive(status == Status::ok && parser_->get().keep_alive());
+  http::async_write(stream_, *response,
+                    [self = shared_from_this(), response](error_code error, std::size_t) {
+                      if (!error && response->keep_alive()) self->readRequest();
+                    });
 }
 
 }  // namespace lumora::viewer

@@ -2,44 +2,42 @@
 
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/viewer/web_server.h"
 
 namespace lumora::viewer {
 
-// One connection to the web server: requests one after the other, until one asks for a socket.
+// One connection to the web server. It answers one request after the other, until one asks for a
+// socket.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   HttpSession(boost::asio::ip::tcp::socket socket, const WebRules& rules,
-              const WebHandlers& handlers, std::shared_ptr<const void> slot);
-  void start() { readRequest(); }
+              const WebHandlers& handlers, std::shared_ptr<const int> slot);
+  // Goes on until the connection ends.
+  void readRequest();
 
  private:
-  using Request = boost::beast::http::request<boost::beast::http::empty_body>;
   using Status = boost::beast::http::status;
 
-  void readRequest();
   void answer();
-  void answerSocket();
-  void answerMovie(const std::filesystem::path& path);
-  void sendMovie(const std::string& range);
+  void openSocket();
+  void sendMovie(const std::filesystem::path& path);
   void sendMoviePart(std::uint64_t left);
   void send(Status status, std::string_view type, std::string_view body);
-  template <typename Response>
-  void addUsualFields(Response& response, std::string_view type) const;
+  bool wantsBody() const { return parser_->get().method() != boost::beast::http::verb::head; }
 
   boost::beast::tcp_stream stream_;
   const WebRules& rules_;
   const WebHandlers& handlers_;
-  std::shared_ptr<const void> slot_;  // while it lives it counts as a session
+  const std::shared_ptr<const int> slot_;  // the server counts its copies
   boost::beast::flat_buffer received_;
   std::optional<boost::beast::http::request_parser<boost::beast::http::empty_body>> parser_;
-  Request request_;
   std::ifstream movie_;
   std::vector<char> moviePart_;
 };

@@ -1,12 +1,5 @@
-// The viewer: shows the helper's live stream in a browser, and a take's controls where the helper
-// is its own.
-//
-//   lumora-view --demo [--helper PROGRAM] [--folder FOLDER] [--size WIDTHxHEIGHT] [--rate N]
-//       starts the helper and feeds it a test card, or the file or camera that INPUT names; FRAMES
-//       may say how: "memory" or "pipe"
-//   lumora-view --port PORT [--host ADDRESS]
-//       watches a helper that runs; TAVO_VIDEO_TOKEN is its token
-//   --listen PORT   the page's own port on this machine; without it the system chooses one
+// Shows the live stream of a helper in a browser. It joins a helper that runs; or it starts one,
+// feeds it the test card or the input that INPUT names, and lets the page record takes.
 
 #include <unistd.h>
 
@@ -19,8 +12,7 @@
 #include <filesystem>
 
 #include "client/child_process.h"
-#include "tools/ffmpeg_source.h"
-#include "tools/helper_process.h"
+#include "tools/frame_source.h"
 #include "tools/parse_number.h"
 #include "tools/viewer/bridge.h"
 
@@ -39,41 +31,31 @@ struct Options {
   std::string folder = ".";
   client::FrameSize size{1280, 720};
   int rate = 60;
-  viewer::HelperAddress address;
+  viewer::HelperAddress address;  // of a helper to join
   std::uint16_t listen = 0;
 };
 
-std::string environment(const char* name) {
-  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): before any thread
-  return value == nullptr ? "" : value;
-}
-
 bool parseSize(std::string_view text, client::FrameSize& size) {
   const auto by = text.find('x');
-  return by != std::string_view::npos && tools::parseNumber(text.substr(0, by), size.width) &&
-         tools::parseNumber(text.substr(by + 1), size.height) && size.width >= 2 &&
-         size.height >= 2 && std::max(size.width, size.height) <= 1920 &&
-         std::min(size.width, size.height) <= 1080 && size.width % 2 == 0 && size.height % 2 == 0;
+  if (by == std::string_view::npos || !tools::parseNumber(text.substr(0, by), size.width) ||
+      !tools::parseNumber(text.substr(by + 1), size.height)) {
+    return false;
+  }
+  const auto [least, most] = std::minmax({size.width, size.height});
+  return least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
 }
 
 bool apply(const std::string& name, const std::string& value, Options& options) {
-  if (name == "--helper")
-    options.helper = value;
-  else if (name == "--folder")
-    options.folder = value;
-  else if (name == "--host")
-    options.address.host = value;
-  else if (name == "--size")
-    return parseSize(value, options.size);
-  else if (name == "--rate")
-    return tools::parseNumber(value, options.rate) && options.rate > 0;
-  else if (name == "--port")
-    return tools::parseNumber(value, options.address.port);
-  else if (name == "--listen")
-    return tools::parseNumber(value, options.listen);
-  else
-    return false;
-  return true;
+  if (name == "--size") return parseSize(value, options.size);
+  if (name == "--rate") return tools::parseNumber(value, options.rate) && options.rate > 0;
+  if (name == "--port") return tools::parseNumber(value, options.address.port);
+  if (name == "--listen") return tools::parseNumber(value, options.listen);
+  std::string* const text = name == "--helper"   ? &options.helper
+                            : name == "--folder" ? &options.folder
+                            : name == "--host"   ? &options.address.host
+                                                 : nullptr;
+  if (text != nullptr) *text = value;
+  return text != nullptr;
 }
 
 std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
@@ -87,11 +69,12 @@ std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
       ++i;
     }
   }
-  if (options.demo == (options.address.port != 0)) return std::nullopt;
+  if (options.demo == (options.address.port != 0)) return std::nullopt;  // one or the other
   return options;
 }
 
-// The helper beside this program, as both are installed or built; else the library looks for it.
+// The program that --helper names, or the helper beside this program, as both are installed or
+// built. Empty: the client library looks for it.
 std::string findHelper(const std::string& named) {
   if (!named.empty()) return named;
   std::error_code error;
@@ -110,7 +93,7 @@ std::string findHelper(const std::string& named) {
   boost::asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
   signals.async_wait([&](const boost::system::error_code& error, int) {
     if (error) return;
-    std::signal(SIGINT, SIG_DFL);  // a second time, nothing is waited for
+    std::signal(SIGINT, SIG_DFL);  // a second Ctrl-C ends the viewer at once
     bridge.end();
   });
   if (options.demo) {
@@ -121,29 +104,28 @@ std::string findHelper(const std::string& named) {
                 .frameSize = options.size},
                tools::openInput(options.size, options.rate), options.rate, folder);
   } else {
-    viewer::HelperAddress address = options.address;
-    address.token = environment("TAVO_VIDEO_TOKEN");
-    bridge.join(address);
+    bridge.join(options.address);
   }
   server.start(bridge.webHandlers());
-  std::printf("%s\n", server.rules().address().c_str());
+  std::printf("%s\n", server.address().c_str());
   std::fflush(stdout);
   context.run();
   std::fflush(stdout);
-  _exit(bridge.hasFailed() ? 1 : 0);  // a camera that hangs is not waited for
+  _exit(bridge.hasFailed() ? 1 : 0);  // does not wait for a camera that hangs
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto options = parseOptions({argv + 1, argv + argc});
+  auto options = parseOptions({argv + 1, argv + argc});
   if (!options) {
     std::fputs(usage, stderr);
     return 2;
   }
-  if (!options->demo && environment("TAVO_VIDEO_TOKEN").empty()) {
-    std::fputs("TAVO_VIDEO_TOKEN is not set: it is the token that the helper was started with\n",
-               stderr);
+  const char* token = std::getenv("TAVO_VIDEO_TOKEN");  // NOLINT(concurrency-mt-unsafe): no threads
+  if (token != nullptr) options->address.token = token;
+  if (!options->demo && options->address.token.empty()) {
+    std::fputs("TAVO_VIDEO_TOKEN is not set. Give it the helper's token.\n", stderr);
     return 2;
   }
   try {

@@ -7,50 +7,34 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The value of `key` if it has this type; integers only as integers, whole and not below 0.
+// The value of `key`. Throws Json::exception unless it has exactly this type; a std::uint64_t is a
+// whole number from 0 on.
 template <typename Value>
-std::optional<Value> get(const Json& object, const char* key) {
-  const auto found = object.find(key);
-  if (found == object.end()) return std::nullopt;
-  if constexpr (std::is_same_v<Value, std::uint64_t>) {
-    if (!found->is_number_unsigned()) return std::nullopt;
-  } else if constexpr (std::is_same_v<Value, bool>) {
-    if (!found->is_boolean()) return std::nullopt;
-  } else if (!found->is_string()) {
-    return std::nullopt;
-  }
-  return found->get<Value>();
+const Value& get(const Json& object, const char* key) {
+  return object.at(key).get_ref<const Value&>();
 }
 
 std::optional<PageMessage> startTake(const Json& object) {
-  const auto resolution = get<std::string>(object, "resolution");
   const auto rate = get<std::uint64_t>(object, "target_fps");
-  const auto folder = get<std::string>(object, "folder");
-  if (!resolution || !rate || *rate > 1000 || !folder) return std::nullopt;
-  const bool steady = get<std::string>(object, "cadence") == "steady";
-  return StartTake{*resolution, static_cast<int>(*rate), *folder, steady};
+  if (rate > 1000) return std::nullopt;
+  return StartTake{get<std::string>(object, "resolution"), static_cast<int>(rate),
+                   get<std::string>(object, "folder"), object.value("cadence", "") == "steady"};
 }
 
 }  // namespace
 
-std::optional<PageMessage> parsePageMessage(std::string_view text) {
+std::optional<PageMessage> parsePageMessage(std::string_view text) try {
   if (text.size() > maximumMessageBytes) return std::nullopt;
-  const Json object = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!object.is_object()) return std::nullopt;
-  const auto type = get<std::string>(object, "type");
-  if (type == "shown") {
-    if (const auto id = get<std::uint64_t>(object, "frame_id")) return Shown{*id};
-  } else if (type == "ping") {
-    if (const auto sent = get<std::uint64_t>(object, "sent")) return Ping{*sent};
-  } else if (type == "visible") {
-    if (const auto visible = get<bool>(object, "visible")) return Visible{*visible};
-  } else if (type == "restart") {
-    return Restarted{};
-  } else if (type == "start") {
-    return startTake(object);
-  } else if (type == "stop") {
-    return StopTake{};
-  }
+  const Json object = Json::parse(text);
+  const auto& type = get<std::string>(object, "type");
+  if (type == "shown") return Shown{get<std::uint64_t>(object, "frame_id")};
+  if (type == "ping") return Ping{get<std::uint64_t>(object, "sent")};
+  if (type == "restart") return Restarted{};
+  if (type == "visible") return Visible{get<bool>(object, "visible")};
+  if (type == "start") return startTake(object);
+  if (type == "stop") return StopTake{};
+  return std::nullopt;
+} catch (const Json::exception&) {
   return std::nullopt;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a page may say to the viewer: one JSON object a message. Pure.
+// What the page may say to the viewer: one JSON object a message. Pure.
 
 #include <cstdint>
 #include <optional>
@@ -11,17 +11,17 @@
 namespace lumora::viewer {
 
 struct Shown {
-  std::uint64_t frameID;  // this one, and all before it
+  std::uint64_t frameID;  // this frame and all before it
 };
 struct Ping {
-  std::uint64_t sent;  // in the page's own microseconds
+  std::uint64_t sent;  // microseconds of the page's own clock
 };
-struct Restarted {};  // its decoder
+struct Restarted {};  // the page's decoder
 struct Visible {
   bool visible;
 };
 struct StartTake {
-  std::string resolution;  // a profile's name
+  std::string resolution;  // "640x360", ...
   int targetFPS;
   std::string folder;
   bool steady;
@@ -32,7 +32,7 @@ using PageMessage = std::variant<Shown, Ping, Restarted, Visible, StartTake, Sto
 
 constexpr std::size_t maximumMessageBytes = 8192;
 
-// Nothing for a message that no page of ours sends.
+// Nothing for a message that our page does not send.
 std::optional<PageMessage> parsePageMessage(std::string_view text);
 
 }  // namespace lumora::viewer

@@ -9,23 +9,17 @@ namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 using boost::system::error_code;
 
-namespace {
-
-constexpr std::size_t maximumOutgoingBytes = std::size_t{8} << 20;
-
-}  // namespace
-
 void PageSocket::accept(const beast::http::request<beast::http::empty_body>& request,
                         std::function<void()> ready) {
-  beast::get_lowest_layer(socket_).expires_never();  // the socket has limits of its own
+  auto& stream = beast::get_lowest_layer(socket_);
+  stream.expires_never();  // the WebSocket has timeouts of its own
+  error_code ignored;
+  stream.socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
   socket_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
   socket_.read_message_max(maximumMessageBytes);
   socket_.async_accept(request,
                        [self = shared_from_this(), ready = std::move(ready)](error_code error) {
                          if (error) return;
-                         beast::get_lowest_layer(self->socket_)
-                             .socket()
-                             .set_option(boost::asio::ip::tcp::no_delay(true), error);
                          ready();
                          self->read();
                        });
@@ -43,15 +37,10 @@ void PageSocket::read() {
   });
 }
 
-void PageSocket::sendText(const std::string& text) {
-  send({std::make_shared<std::vector<std::uint8_t>>(text.begin(), text.end()), true});
-}
-
-void PageSocket::sendBytes(Bytes bytes) { send({std::move(bytes), false}); }
-
 void PageSocket::send(Outgoing message) {
-  const std::size_t size = message.bytes->size();
-  if (closing_ || closed_ || outgoingBytes_ + size > maximumOutgoingBytes) return;
+  constexpr std::size_t maximumOutgoingBytes = std::size_t{8} << 20;
+  const std::size_t size = message.bytes.size();
+  if (closing_ || outgoingBytes_ + size > maximumOutgoingBytes) return;
   outgoingBytes_ += size;
   outgoing_.push_back(std::move(message));
   if (outgoing_.size() == 1) writeNext();
@@ -59,7 +48,7 @@ void PageSocket::send(Outgoing message) {
 
 void PageSocket::writeNext() {
   socket_.text(outgoing_.front().isText);
-  socket_.async_write(boost::asio::buffer(*outgoing_.front().bytes),
+  socket_.async_write(boost::asio::buffer(outgoing_.front().bytes),
                       [self = shared_from_this()](error_code error, std::size_t size) {
                         if (error) return self->closed();
                         self->outgoingBytes_ -= size;
@@ -71,14 +60,14 @@ void PageSocket::writeNext() {
 
 void PageSocket::close() {
   closing_ = true;
-  if (closed_ || !outgoing_.empty()) return;
+  if (!outgoing_.empty()) return;  // `writeNext` comes back
   socket_.async_close(websocket::close_code::normal,
                       [self = shared_from_this()](error_code) { self->closed(); });
 }
 
 void PageSocket::closed() {
-  if (std::exchange(closed_, true)) return;
-  if (onClosed) onClosed();
+  onMessage = {};  // a message may have arrived already
+  if (const auto tell = std::exchange(onClosed, {})) tell();
 }
 
 }  // namespace lumora::viewer

@@ -3,30 +3,39 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <string>
-
-#include "tools/viewer/page.h"
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace lumora::viewer {
 
-// The WebSocket of one page.
-class PageSocket final : public Page, public std::enable_shared_from_this<PageSocket> {
+// The WebSocket of one page. It is used, and calls its handlers, on the thread of its context.
+class PageSocket : public std::enable_shared_from_this<PageSocket> {
  public:
   explicit PageSocket(boost::beast::tcp_stream stream) : socket_(std::move(stream)) {}
 
-  // Answers the page's request for a socket, then calls `ready`; nothing comes of one that fails.
+  // Answers the page's request for a socket, then calls `ready`; calls nothing if that fails.
   void accept(const boost::beast::http::request<boost::beast::http::empty_body>& request,
               std::function<void()> ready);
-  void sendText(const std::string& text) override;
-  void sendBytes(Bytes bytes) override;
-  void close() override;
+  // Messages wait until the page reads them. One that finds too many bytes waiting is dropped.
+  void sendText(const std::string& text) { send({{text.begin(), text.end()}, true}); }
+  void sendBytes(std::vector<std::uint8_t> bytes) { send({std::move(bytes), false}); }
+  // Closes the socket once the messages that wait are written. Call it once.
+  void close();
+
+  // Called for each message of the page.
+  std::function<void(std::string_view)> onMessage;
+  // Called once, when the page is gone.
+  std::function<void()> onClosed;
 
  private:
   struct Outgoing {
-    Bytes bytes;
+    std::vector<std::uint8_t> bytes;
     bool isText;
   };
 
@@ -37,10 +46,9 @@ class PageSocket final : public Page, public std::enable_shared_from_this<PageSo
 
   boost::beast::websocket::stream<boost::beast::tcp_stream> socket_;
   boost::beast::flat_buffer received_;
-  std::deque<Outgoing> outgoing_;
+  std::deque<Outgoing> outgoing_;  // the first is being written
   std::size_t outgoingBytes_ = 0;
   bool closing_ = false;
-  bool closed_ = false;
 };
 
 }  // namespace lumora::viewer

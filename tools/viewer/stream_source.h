@@ -1,49 +1,29 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <string>
+#include <limits>
 #include <thread>
+#include <utility>
 
-#include <lumora/stream_client.h>
+#include "tools/watched_stream.h"
 
 namespace lumora::viewer {
 
-struct HelperAddress {
-  std::string host = "127.0.0.1";  // numeric
-  std::uint16_t port = 0;
-  std::string token;
-};
+using tools::HelperAddress;
 
-// The helper's stream on a thread of its own, connected again when it breaks off.
+// A helper's stream, watched on a thread of its own until this is destroyed.
 class StreamSource {
  public:
-  // Called on that thread.
-  struct Handlers {
-    std::function<void(client::Packet)> packet;
-    std::function<void()> connected;
-    std::function<void(const std::string& why)> failed;  // or broken off; tried again
-  };
-  StreamSource(HelperAddress from, Handlers handlers);
-  ~StreamSource();
-  StreamSource(const StreamSource&) = delete;
-  StreamSource& operator=(const StreamSource&) = delete;
+  using Handlers = tools::WatchedStream::Handlers;  // called on that thread
+  StreamSource(HelperAddress from, Handlers handlers)
+      : stream_(std::move(from), std::move(handlers)), thread_([this](const std::stop_token& stop) {
+          stream_.watch(stop, std::numeric_limits<double>::infinity());
+        }) {}
 
   // Any thread.
-  void acknowledge(std::uint64_t frameID);
+  void acknowledge(std::uint64_t frameID) { stream_.acknowledge(frameID); }
 
  private:
-  void run(const std::stop_token& stop);
-  // Until it breaks off; why it has. Nothing escapes.
-  std::string watch(client::StreamClient& stream, const std::stop_token& stop);
-  void setCurrent(client::StreamClient* stream);
-
-  const HelperAddress from_;
-  const Handlers handlers_;
-  std::mutex mutex_;  // guards the next
-  client::StreamClient* current_ = nullptr;
+  tools::WatchedStream stream_;
   std::jthread thread_;
 };
 

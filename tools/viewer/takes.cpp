@@ -2,56 +2,47 @@
 
 #include <array>
 #include <ctime>
+#include <filesystem>
+#include <stdexcept>
 
 namespace lumora::viewer {
 namespace {
 
-// A name that nothing has: "take-20260131-093000.mp4", then "take-20260131-093000-2.mp4". A folder
-// that may not be searched is for the helper to refuse.
-std::filesystem::path freeName(const std::filesystem::path& folder) {
-  std::error_code unknown;
+// "take-20260131-093000.mp4", or "take-20260131-093000-2.mp4" when the first name is taken. Where
+// the folder can't be searched every name counts as free, and the helper refuses the take.
+std::string freeName(const std::filesystem::path& folder) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
   std::array<char, 32> stamp{};
   std::strftime(stamp.data(), stamp.size(), "take-%Y%m%d-%H%M%S", &local);
-  std::filesystem::path path = folder / (std::string(stamp.data()) + ".mp4");
+  const std::string start = folder / stamp.data();
+  std::string path = start + ".mp4";
+  std::error_code unknown;
   for (int i = 2; std::filesystem::exists(path, unknown); ++i) {
-    path = folder / (std::string(stamp.data()) + "-" + std::to_string(i) + ".mp4");
+    path = start + "-" + std::to_string(i) + ".mp4";
   }
   return path;
 }
 
+bool isFolder(const std::string& name) {
+  std::error_code unknown;
+  const bool isPath = name.starts_with('/') && name.find('\0') == std::string::npos;
+  return isPath && std::filesystem::is_directory(name, unknown);
+}
+
 }  // namespace
 
-std::optional<client::TakeOptions> Takes::plan(const StartTake& wanted, double uptime,
-                                               std::string& problem) const {
-  const std::filesystem::path folder(wanted.folder);
-  std::error_code error;
-  const bool isName = wanted.folder.find('\0') == std::string::npos;
-  if (!isName || !folder.is_absolute() || !std::filesystem::is_directory(folder, error)) {
-    problem = "There is no folder \"" + wanted.folder + "\" (give its whole path).";
-    return std::nullopt;
+client::TakeOptions planTake(const StartTake& wanted, double startedAt) {
+  if (!isFolder(wanted.folder)) {
+    throw std::runtime_error("There is no folder \"" + wanted.folder +
+                             "\". Give its whole path, beginning with \"/\".");
   }
-  return client::TakeOptions{.path = freeName(folder).string(),
-                             .resolution = wanted.resolution,
-                             .targetFPS = wanted.targetFPS,
-                             .steady = wanted.steady,
-                             .startedAt = uptime};
-}
-
-void Takes::eventCame(const nlohmann::json& event) {
-  if (event.value("type", "") != "recording" || event.value("state", "") != "saved") return;
-  saved_[event.value("id", "")] = event.value("path", "");
-}
-
-std::optional<std::filesystem::path> Takes::movie(const std::string& name) const {
-  const std::filesystem::path wanted(name);
-  const auto found = saved_.find(wanted.stem());
-  if (wanted.extension() != ".mp4" || wanted.has_parent_path() || found == saved_.end()) {
-    return std::nullopt;
-  }
-  return found->second;
+  return {.path = freeName(wanted.folder),
+          .resolution = wanted.resolution,
+          .targetFPS = wanted.targetFPS,
+          .steady = wanted.steady,
+          .startedAt = startedAt};
 }
 
 }  // namespace lumora::viewer

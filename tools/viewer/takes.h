@@ -1,32 +1,14 @@
 #pragma once
 
-// Where the takes that a page asks for go, and the movies that have come of them. Pure, but for a
-// look at the file system.
-
 #include <lumora/take.h>
-
-#include <filesystem>
-#include <map>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <string>
 
 #include "tools/viewer/page_messages.h"
 
 namespace lumora::viewer {
 
-class Takes {
- public:
-  // What to ask of the helper, or `problem` in words.
-  std::optional<client::TakeOptions> plan(const StartTake& wanted, double uptime,
-                                          std::string& problem) const;
-  // For each event of the helper.
-  void eventCame(const nlohmann::json& event);
-  // The movie named "<id>.mp4" that was saved in this run.
-  std::optional<std::filesystem::path> movie(const std::string& name) const;
-
- private:
-  std::map<std::string, std::filesystem::path> saved_;
-};
+// What to ask of the helper for a take that the page wants, in a file with a name that is free.
+// `startedAt` is seconds of the uptime clock. Throws std::runtime_error when there is no such
+// folder; its message is for people.
+client::TakeOptions planTake(const StartTake& wanted, double startedAt);
 
 }  // namespace lumora::viewer

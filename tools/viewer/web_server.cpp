@@ -10,19 +10,13 @@
 namespace lumora::viewer {
 namespace asio = boost::asio;
 using asio::ip::tcp;
+using boost::system::error_code;
 
-namespace {
-
-constexpr long maximumSessions =
-    32;  // connections that are open at once, but for the page's socket
-
-}  // namespace
-
-WebServer::WebServer(asio::io_context& context, std::uint16_t port, std::string secret)
+WebServer::WebServer(asio::io_context& context, std::uint16_t port, const std::string& secret)
     : acceptor_(context, {asio::ip::address_v4::loopback(), port}),
       retry_(context),
-      rules_(acceptor_.local_endpoint().port(), std::move(secret)) {
-  fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);  // what we start must not hold the port
+      rules_(acceptor_.local_endpoint().port(), secret) {
+  fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);  // a child must not keep the port in use
 }
 
 void WebServer::start(WebHandlers handlers) {
@@ -31,21 +25,19 @@ void WebServer::start(WebHandlers handlers) {
 }
 
 void WebServer::acceptNext() {
-  acceptor_.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
+  constexpr long maximumSessions = 32;  // connections open at once, without the page's socket
+  acceptor_.async_accept([this](const error_code& error, tcp::socket socket) {
     if (error == asio::error::operation_aborted) return;
-    if (error) return acceptLater();
+    if (error) {  // descriptors have run out, so the next attempt has to wait
+      retry_.expires_after(std::chrono::milliseconds(100));
+      return retry_.async_wait([this](const error_code& aborted) {
+        if (!aborted) acceptNext();
+      });
+    }
     if (sessions_.use_count() <= maximumSessions) {
-      std::make_shared<HttpSession>(std::move(socket), rules_, handlers_, sessions_)->start();
+      std::make_shared<HttpSession>(std::move(socket), rules_, handlers_, sessions_)->readRequest();
     }
     acceptNext();
-  });
-}
-
-// Without a descriptor to be had the next attempt would fail as this one did.
-void WebServer::acceptLater() {
-  retry_.expires_after(std::chrono::milliseconds(100));
-  retry_.async_wait([this](const boost::system::error_code& error) {
-    if (!error) acceptNext();
   });
 }
 
