@@ -1,18 +1,13 @@
 #include "bench/contenders.h"
 
-#include <sstream>
+#include "tools/programs.h"
 
 namespace lumora::bench {
 namespace {
 
-const std::string matrix = "out_color_matrix=bt709";
+using tools::shellQuoted;
 
-std::vector<std::string> words(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> result;
-  for (std::string word; stream >> word;) result.push_back(word);
-  return result;
-}
+const std::string matrix = "out_color_matrix=bt709";
 
 std::string ffmpegEncoder(const std::string& preset, const std::string& profile, int megabits,
                           int threads) {
@@ -22,13 +17,13 @@ std::string ffmpegEncoder(const std::string& preset, const std::string& profile,
          std::to_string(threads) + " ";
 }
 
-std::vector<std::string> ffmpeg(client::FrameSize size, const std::string& preset,
-                                const Outputs& outputs, const std::string& filters) {
-  return words("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgba -r 60 -s " +
-               std::to_string(size.width) + "x" + std::to_string(size.height) +
-               " -i pipe:0 -filter_complex " + filters + " -map [p]" +
-               ffmpegEncoder(preset, "baseline", 4, 1) + "-f h264 " + outputs.preview +
-               " -map [t]" + ffmpegEncoder(preset, "high", 12, 2) + outputs.take);
+std::string ffmpeg(client::FrameSize size, const std::string& preset, const Outputs& outputs,
+                   const std::string& filters) {
+  return "ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgba -r 60 -s " +
+         std::to_string(size.width) + "x" + std::to_string(size.height) +
+         " -i pipe:0 -filter_complex " + shellQuoted(filters) + " -map '[p]'" +
+         ffmpegEncoder(preset, "baseline", 4, 1) + "-f h264 " + shellQuoted(outputs.preview) +
+         " -map '[t]'" + ffmpegEncoder(preset, "high", 12, 2) + shellQuoted(outputs.take);
 }
 
 std::string gstreamerEncoder(const std::string& preset, const std::string& profile, int megabits,
@@ -36,37 +31,37 @@ std::string gstreamerEncoder(const std::string& preset, const std::string& profi
   return " ! x264enc speed-preset=" + preset +
          " tune=zerolatency bitrate=" + std::to_string(megabits * 1000) +
          " vbv-buf-capacity=1000 key-int-max=60 threads=" + std::to_string(threads) +
-         " sliced-threads=true option-string=scenecut=0" + " ! video/x-h264,profile=" + profile;
+         " sliced-threads=true option-string=scenecut=0 ! video/x-h264,profile=" + profile;
 }
 
 }  // namespace
 
-std::vector<std::string> ffmpegCommand(client::FrameSize size, const std::string& preset,
-                                       const Outputs& outputs) {
+std::string ffmpegCommand(client::FrameSize size, const std::string& preset,
+                          const Outputs& outputs) {
   return ffmpeg(size, preset, outputs,
                 "[0]vflip,split[a][b];[a]scale=640:360:flags=area:" + matrix +
-                    ",format=yuv420p[p];" + "[b]scale=" + matrix + ",format=yuv420p[t]");
+                    ",format=yuv420p[p];[b]scale=" + matrix + ",format=yuv420p[t]");
 }
 
-std::vector<std::string> ffmpegOnceCommand(client::FrameSize size, const std::string& preset,
-                                           const Outputs& outputs) {
+std::string ffmpegOnceCommand(client::FrameSize size, const std::string& preset,
+                              const Outputs& outputs) {
   return ffmpeg(
       size, preset, outputs,
       "[0]vflip,scale=" + matrix + ",format=yuv420p,split[a][t];[a]scale=640:360:flags=area[p]");
 }
 
-std::vector<std::string> gstreamerCommand(client::FrameSize size, const std::string& preset,
-                                          const Outputs& outputs) {
+std::string gstreamerCommand(client::FrameSize size, const std::string& preset,
+                             const Outputs& outputs) {
   const std::string format = "video/x-raw,format=I420,colorimetry=bt709";
-  return words("gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(size.bytes()) +
-               " ! rawvideoparse format=rgba width=" + std::to_string(size.width) +
-               " height=" + std::to_string(size.height) +
-               " framerate=60/1 ! videoflip video-direction=vert ! tee name=t" +
-               " t. ! queue ! videoscale ! videoconvert ! " + format + ",width=640,height=360" +
-               gstreamerEncoder(preset, "baseline", 4, 1) +
-               ",stream-format=byte-stream ! filesink location=" + outputs.preview +
-               " t. ! queue ! videoconvert ! " + format + gstreamerEncoder(preset, "high", 12, 2) +
-               " ! h264parse ! mp4mux ! filesink location=" + outputs.take);
+  return "gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(size.bytes()) +
+         " ! rawvideoparse format=rgba width=" + std::to_string(size.width) +
+         " height=" + std::to_string(size.height) +
+         " framerate=60/1 ! videoflip video-direction=vert ! tee name=t" +
+         " t. ! queue ! videoscale ! videoconvert ! " + format + ",width=640,height=360" +
+         gstreamerEncoder(preset, "baseline", 4, 1) +
+         ",stream-format=byte-stream ! filesink location=" + shellQuoted(outputs.preview) +
+         " t. ! queue ! videoconvert ! " + format + gstreamerEncoder(preset, "high", 12, 2) +
+         " ! h264parse ! mp4mux ! filesink location=" + shellQuoted(outputs.take);
 }
 
 }  // namespace lumora::bench

@@ -3,7 +3,6 @@
 extern "C" {
 #include <libavutil/log.h>
 }
-#include <sys/resource.h>
 
 #include <barrier>
 #include <chrono>
@@ -14,7 +13,7 @@ extern "C" {
 #include "encode/picture_size.h"
 #include "picture/rgb_to_yuv.h"
 #include "picture/system_image_converter.h"
-#include "tools/resource_use.h"
+#include "tools/programs.h"
 
 namespace lumora::bench {
 namespace {
@@ -34,12 +33,12 @@ class Encoder {
  public:
   explicit Encoder(const EncoderLoad& load) : pictures_(load.pictures) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-    if (codec == nullptr) throw std::runtime_error("there is no libx264");
+    if (codec == nullptr) throw std::runtime_error("libavcodec has no libx264");
     context_.reset(avcodec_alloc_context3(codec));
     context_->pix_fmt = AV_PIX_FMT_YUV420P;
-    if (tune(*context_, {codec, load.preset, {}}, load.settings) < 0 ||
+    if (tune(*context_, load.preset, load.settings) < 0 ||
         avcodec_open2(context_.get(), codec, nullptr) < 0) {
-      throw std::runtime_error("libx264 does not open");
+      throw std::runtime_error("libx264 can't be opened");
     }
     frame_->format = AV_PIX_FMT_YUV420P;
     frame_->width = load.settings.width;
@@ -52,7 +51,7 @@ class Encoder {
     frame_->pts = number;
     if (avcodec_send_frame(context_.get(), frame_.get()) < 0 ||
         avcodec_receive_packet(context_.get(), packet_.get()) < 0) {
-      throw std::runtime_error("libx264 does not encode");
+      throw std::runtime_error("libx264 can't encode");
     }
     stream_.insert(stream_.end(), packet_->data, packet_->data + packet_->size);
     av_packet_unref(packet_.get());
@@ -70,14 +69,16 @@ class Encoder {
 
 }  // namespace
 
-std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height) {
+std::vector<Bytes> readyPictures(CameraClip& clip, client::FrameSize size) {
   const auto [cameraWidth, cameraHeight] = clip.size();
+  const auto [width, height] = size;
   const auto fit = fitRectangle({cameraWidth, cameraHeight}, {width, height});
   const auto pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
   const std::ptrdiff_t stride = std::ptrdiff_t{width} * 4;
   SystemImageConverter images;
   std::vector<Bytes> ready;
-  for (const auto& rgba : clip.frames()) {
+  for (std::uint64_t number = 1; number <= clip.length(); ++number) {
+    const auto rgba = clip.next(number, 0);
     Bytes bgra(pixels * 4);
     images.convert(
         {rgba.data(), cameraWidth, cameraHeight, std::ptrdiff_t{cameraWidth} * 4},
@@ -101,8 +102,7 @@ EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, in
   }
   if (besideEach) work.emplace_back([&besideEach](int) { besideEach(); });
   EncodersReport report;
-  rusage before{};
-  getrusage(RUSAGE_SELF, &before);
+  const double cpuBefore = tools::ownCPUSeconds();
   const auto start = SteadyClock::now();
   std::barrier together(static_cast<std::ptrdiff_t>(work.size()));
   {
@@ -120,10 +120,8 @@ EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, in
       });
     }
   }
-  rusage after{};
-  getrusage(RUSAGE_SELF, &after);
   report.wallSeconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
-  report.cpuSeconds = tools::cpuSeconds(after) - tools::cpuSeconds(before);
+  report.cpuSeconds = tools::ownCPUSeconds() - cpuBefore;
   for (const auto& encoder : encoders) report.streams.push_back(encoder->takeStream());
   return report;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// The lower bound of the whole job: the preview's and the recording's encoder, fed with ready 4:2:0
+// The least that the job can cost: the encoders of the preview and the take, fed with ready 4:2:0
 // pictures, both at once, one frame in flight. No pipe, no conversion, no network, no file.
 
 #include <functional>
@@ -13,8 +13,8 @@
 
 namespace lumora::bench {
 
-// The clip's pictures as an encoder takes them: upright, scaled to fit, I420.
-std::vector<Bytes> readyPictures(const CameraClip& clip, int width, int height);
+// The frames of the clip as an encoder takes them: upright, scaled to fit, I420.
+std::vector<Bytes> readyPictures(CameraClip& clip, client::FrameSize size);
 
 struct EncoderLoad {
   EncoderSettings settings;
@@ -28,8 +28,8 @@ struct EncodersReport {
   std::vector<Bytes> streams;  // Annex B, one for each load
 };
 
-// Encodes at a rate or (0) as fast as it goes; `besideEach` runs once a frame on a thread of its
-// own. Throws std::runtime_error when an encoder can't be opened.
+// Encodes at a rate or (0) as fast as possible. `besideEach` runs once a frame on a thread of its
+// own. Throws std::runtime_error when libx264 fails.
 EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames,
                            int framesPerSecond = 0, const std::function<void()>& besideEach = {});
 

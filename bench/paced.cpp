@@ -12,7 +12,7 @@ namespace {
 using namespace lumora;
 
 // "load" is one configuration, "growth" how the cost grows with size, rate, recording and clients,
-// "takes" whether the preview notices a take: how late its frames are when one starts or ends.
+// "takes" how late the preview's frames are when a take starts or ends.
 constexpr const char* usage =
     "usage: lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS none|PROFILE\n"
     "                     [SECONDS BEFORE THE TAKE]\n"
@@ -22,25 +22,27 @@ constexpr const char* usage =
     "       MEMORY=settled: touches memory before each run, for hosts that take back what is "
     "free\n";
 
-constexpr int clipFrames = 60;
+const std::filesystem::path folder = std::filesystem::temp_directory_path() / "lumora-paced";
 
-void measure(const bench::PacedLoad& load, bench::CameraClip& clip) {
-  bench::print(load, clip.size(), bench::runPacedLoad(load, clip));
+client::HelperOptions helperOptions(const std::string& program) {
+  return {.program = program, .frames = tools::frameTransport()};
+}
+
+void measure(const tools::RunOptions& load, bench::CameraClip& clip) {
+  bench::print(load, clip.size(), bench::runLoad(load, clip));
 }
 
 void measureGrowth(const std::string& helper, double seconds) {
   for (const client::FrameSize size : {client::FrameSize{640, 360}, {1280, 720}, {1920, 1080}}) {
-    bench::CameraClip clip(size, clipFrames);
+    bench::CameraClip clip(size);
     for (const int rate : {15, 30, 60}) {
       for (const char* take : {"none", "1080x720"}) {
         for (const int clients : {0, 1, 2}) {
-          measure({.helper = helper,
+          measure({.helper = helperOptions(helper),
                    .framesPerSecond = rate,
                    .seconds = seconds,
                    .clients = clients,
-                   .take = take,
-                   .targetFPS = rate,
-                   .frames = tools::frameTransport()},
+                   .take = bench::takeOf(take, rate, folder / "take.mp4")},
                   clip);
         }
       }
@@ -48,8 +50,8 @@ void measureGrowth(const std::string& helper, double seconds) {
   }
 }
 
-// A round in frames: a take starts and stops, and later one fails, each with half a second of what
-// is looked at behind it.
+// Frames of a round: a take starts and stops, and a later one fails. The half second behind each is
+// looked at.
 constexpr std::uint64_t roundFrames = 240;
 constexpr std::uint64_t windowFrames = 30;
 constexpr std::uint64_t startFrame = 60;
@@ -60,35 +62,29 @@ constexpr std::pair<const char*, std::uint64_t> windows[] = {
     {"a take runs", stopFrame - windowFrames},    {"a take has stopped", stopFrame},
     {"no take, later", failFrame - windowFrames}, {"a take fails at once", failFrame}};
 
-void commandTakes(tools::HelperProcess& helper, std::uint64_t frame, const std::string& folder,
-                  const std::string& profile) {
-  const std::uint64_t at = frame % roundFrames;
-  const char* id = "7D444840-9DC0-11D1-B245-5FFDCE74FAD2";
-  const std::string name = at == failFrame ? "/no such folder/take" : std::to_string(frame);
-  if (at == startFrame || at == failFrame) {
-    helper.startTake(id, folder + "/" + name + ".mp4",
-                     {{"resolution", profile}, {"target_fps", 60}, {"cadence", "steady"}});
-  }
-  if (at == stopFrame) helper.stopTake(id);
-}
-
 void measureTakes(const std::string& helper, std::uint64_t rounds, const std::string& profile) {
-  const auto folder = std::filesystem::temp_directory_path() / "lumora-takes";
-  std::filesystem::create_directories(folder);
-  bench::CameraClip clip({1920, 1080}, clipFrames);
-  const bench::PacedLoad load{.helper = helper,
-                              .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
-                              .clients = 1,
-                              .frames = tools::frameTransport(),
-                              .schedule = [&](tools::HelperProcess& to, std::uint64_t frame) {
-                                commandTakes(to, frame, folder, profile);
-                              }};
-  const bench::PacedResult result = bench::runPacedLoad(load, clip);
+  std::optional<client::Take> take;
+  const auto startTake = [&](client::Helper& to, const std::filesystem::path& path) {
+    return to.startTake({.path = path, .resolution = profile, .targetFPS = 60});
+  };
+  bench::CameraClip clip({1920, 1080});
+  const tools::RunOptions load{.helper = helperOptions(helper),
+                               .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
+                               .clients = 1,
+                               .beforeFrame = [&](client::Helper& to, std::uint64_t frame) {
+                                 const std::uint64_t at = frame % roundFrames;
+                                 if (at == startFrame)
+                                   take = startTake(to, folder / (std::to_string(frame) + ".mp4"));
+                                 if (at == stopFrame) take->stop();
+                                 if (at == failFrame)
+                                   startTake(to, folder / "no such folder" / "take.mp4");
+                               }};
+  const tools::RunReport report = bench::runLoad(load, clip);
   std::printf("%-24s %8s %8s %8s %8s\n", "half a second when", "p50 ms", "p99 ms", "max ms",
               "lost");
   for (const auto& [name, from] : windows) {
     std::vector<double> latencies;
-    for (const tools::Delivery& delivery : result.deliveries) {
+    for (const tools::Delivery& delivery : report.deliveries) {
       const std::uint64_t at = delivery.frame % roundFrames;
       if (at >= from && at < from + windowFrames) latencies.push_back(delivery.milliseconds);
     }
@@ -96,12 +92,12 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
                 tools::percentile(latencies, 0.99), tools::percentile(latencies, 1),
                 static_cast<long long>(rounds * windowFrames) - std::ssize(latencies));
   }
-  std::filesystem::remove_all(folder);
 }
 
 int run(const std::vector<std::string>& words) {
   const std::string mode = words.size() > 2 ? words[1] : "";
   const double amount = words.size() > 2 ? std::strtod(words[2].c_str(), nullptr) : 0;
+  std::filesystem::create_directories(folder);
   if (mode == "growth" && words.size() == 3) {
     measureGrowth(words[0], amount);
   } else if (mode == "takes" && words.size() <= 4) {
@@ -110,21 +106,21 @@ int run(const std::vector<std::string>& words) {
   } else if (mode == "load" && (words.size() == 7 || words.size() == 8)) {
     client::FrameSize size{};
     if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2) return 2;
-    bench::CameraClip clip(size, clipFrames);
+    bench::CameraClip clip(size);
     const int rate = std::stoi(words[4]);
-    measure({.helper = words[0],
-             .framesPerSecond = rate,
-             .seconds = amount,
-             .clients = std::stoi(words[5]),
-             .take = words[6],
-             .targetFPS = rate,
-             .framesBefore = words.size() == 8 ? std::stoul(words[7]) * std::stoul(words[4]) : 0,
-             .frames = tools::frameTransport()},
-            clip);
+    measure(
+        {.helper = helperOptions(words[0]),
+         .framesPerSecond = rate,
+         .seconds = amount,
+         .clients = std::stoi(words[5]),
+         .take = bench::takeOf(words[6], rate, folder / "take.mp4"),
+         .framesBeforeTake = words.size() == 8 ? std::stoul(words[7]) * std::stoul(words[4]) : 0},
+        clip);
   } else {
     std::fputs(usage, stderr);
     return 2;
   }
+  std::filesystem::remove_all(folder);
   return 0;
 }
 

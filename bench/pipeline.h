@@ -1,9 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -12,28 +9,20 @@
 namespace lumora::bench {
 
 struct PipelineReport {
-  double cpuSeconds = 0;   // of the program and what it waited for
-  double wallSeconds = 0;  // from launch to end
+  double cpuSeconds = 0;   // of the program
+  double wallSeconds = 0;  // from its start to its end
   double peakMegabytes = 0;
+  std::string output = {};  // what it printed
 };
 
-// Runs a program that reads the clip's frames of these numbers from its standard input, at a rate
-// or (0) as fast as it takes them. Throws std::runtime_error when it fails.
-PipelineReport runPipeline(const std::vector<std::string>& command, CameraClip& clip,
+// Runs a shell command that reads the clip's frames of these numbers from its standard input, at a
+// rate or (0) as fast as it takes them. Throws std::runtime_error when it fails.
+PipelineReport runPipeline(const std::string& command, CameraClip& clip,
                            const std::vector<std::uint64_t>& numbers, int framesPerSecond = 0);
 
-// A pipe as large as the helper's, into which another process writes `count` black frames.
-class FramePipe {
- public:
-  FramePipe(std::size_t frameBytes, int count);
-  // Fills `frame`. Throws std::runtime_error at the end.
-  void read(std::span<std::uint8_t> frame) const;
-
- private:
-  std::shared_ptr<std::FILE> pipe_;
-};
-
-// 1 to `count`.
-std::vector<std::uint64_t> firstNumbers(int count);
+// How alike a video file and the clip are, by ffmpeg's measure: 1 is the same. The frames of the
+// file are the clip's frames of these numbers, scaled to fit between black bars.
+double measureSSIM(const std::string& path, CameraClip& clip,
+                   const std::vector<std::uint64_t>& numbers, client::FrameSize size);
 
 }  // namespace lumora::bench

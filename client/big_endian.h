@@ -6,7 +6,7 @@
 
 namespace lumora::client {
 
-// Fills `space` with the lowest bytes of `value`, the highest of them first.
+// Fills `space` with the lowest bytes of `value`, most significant first.
 inline void storeBigEndian(std::span<std::uint8_t> space, std::uint64_t value) {
   for (auto byte = space.rbegin(); byte != space.rend(); ++byte, value >>= 8) {
     *byte = static_cast<std::uint8_t>(value);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,7 +23,7 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leav
 namespace lumora::client {
 namespace {
 
-constexpr std::size_t maximumPending = std::size_t{1} << 16;  // without a line feed
+constexpr std::size_t maximumPending = std::size_t{1} << 16;  // bytes of an unfinished line
 
 struct Pipe {
   Descriptor read;
@@ -42,7 +43,7 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  merged.erase("TAVO_FRAME_MEMORY");  // if we have it, it says what our own parent shares with us
+  merged.erase("TAVO_FRAME_MEMORY");  // ours names memory that our own parent shares with us
   for (const auto& [name, value] : options.environment) merged[name] = value;
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
   if (options.frameMemory >= 0) merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory);
@@ -103,6 +104,22 @@ iovec part(std::span<const std::uint8_t> bytes) {
   return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
 }
 
+double cpuSeconds(const rusage& usage) {
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+Exited exitOf(int status, const rusage& usage) {
+  Exited end{.cpuSeconds = cpuSeconds(usage)};
+  if (WIFEXITED(status))
+    end.status = WEXITSTATUS(status);
+  else
+    end.signal = WTERMSIG(status);
+  return end;
+}
+
 }  // namespace
 
 std::string makeToken() {
@@ -123,7 +140,7 @@ ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.
 }
 
 ChildProcess::~ChildProcess() {
-  if (status_) return;
+  if (exit_) return;
   sendSignal(SIGKILL);
   wait(10);
 }
@@ -136,7 +153,7 @@ bool ChildProcess::writePixels(FrameSize size, std::uint64_t id,
 
 bool ChildProcess::writeFrame(const Frame& frame, std::uint64_t id) {
   Frame::Loan& slot = *frame.loan_;
-  // A frame may come from the slots of another helper, which this one does not see.
+  // The frame may lie in memory that is shared with another helper.
   const bool isShared = frameMemory_ >= 0 && slot.from().descriptor() == frameMemory_;
   if (!isShared) return writePixels(frame.size(), id, frame.pixels());
   if (!writeBytes(frameReference(frame.size(), id, slot.offset()))) return false;
@@ -167,34 +184,33 @@ std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
     const ssize_t count = read(output_.get(), bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return std::nullopt;
-    if (pending_.size() > maximumPending) pending_.clear();  // no helper says that
+    if (pending_.size() > maximumPending) pending_.clear();  // no helper writes such a line
     pending_.append(bytes.data(), static_cast<std::size_t>(count));
   }
 }
 
 void ChildProcess::sendSignal(int signal) {
-  // Where its status is lost, its number may be another's by now.
+  // Once its status has been collected, its id may belong to another process.
   if (!wait(0)) kill(pid_, signal);
 }
 
-std::optional<ExitStatus> ChildProcess::wait(double timeoutSeconds) {
+std::optional<Exited> ChildProcess::wait(double timeoutSeconds) {
   const Deadline deadline(timeoutSeconds);
-  while (!status_) {
+  while (!exit_) {
     int status = 0;
     rusage usage{};
     const pid_t ended = wait4(pid_, &status, WNOHANG, &usage);
     if (ended == pid_) {
-      status_ = WIFEXITED(status) ? ExitStatus{WEXITSTATUS(status), 0, usage}
-                                  : ExitStatus{0, WTERMSIG(status), usage};
+      exit_ = exitOf(status, usage);
     } else if (ended < 0 && errno == ECHILD) {
-      status_ = ExitStatus{-1, 0, {}};  // somebody else has waited for it
+      exit_ = Exited{.status = -1};  // other code has collected its status
     } else if (deadline.millisecondsLeft() == 0) {
       return std::nullopt;
     } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
-  return status_;
+  return exit_;
 }
 
 }  // namespace lumora::client

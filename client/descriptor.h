@@ -25,7 +25,7 @@ class Descriptor {
   int descriptor_ = -1;
 };
 
-// When a wait has to end.
+// The moment at which a wait gives up.
 class Deadline {
  public:
   explicit Deadline(double seconds);  // a day at most
@@ -36,7 +36,7 @@ class Deadline {
   std::chrono::steady_clock::time_point end_;
 };
 
-// Waits until `descriptor` can be read (or is at its end); false when the deadline passes first.
+// Waits until `descriptor` can be read or is at its end; false when the deadline passes first.
 bool waitReadable(int descriptor, const Deadline& deadline);
 
 }  // namespace lumora::client

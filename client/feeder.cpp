@@ -18,17 +18,17 @@ Feeder::~Feeder() {
 }
 
 void Feeder::write(Frame frame, std::uint64_t id) {
-  if (!frame.loan_) throw std::invalid_argument("this frame was published before");
+  if (!frame.loan_) throw std::invalid_argument("this frame was already published");
   std::list<Entry> entry;
   entry.push_back({std::move(frame), id, {}});
   const std::lock_guard hold(mutex_);
-  if (id <= lastID_) throw std::invalid_argument("the ids of frames have to grow");
+  if (id <= lastID_) throw std::invalid_argument("frame ids must grow");
   lastID_ = id;
-  dropWaitingFrame();
   if (ending_) {
     ++counts_.dropped;
     return;
   }
+  dropWaitingFrame();
   waiting_.splice(waiting_.end(), entry);
   changed_.notify_one();
 }
@@ -79,7 +79,7 @@ void Feeder::run() {
     hold.lock();
     if (wasFrame) ++(written ? counts_.written : counts_.dropped);
     if (written) continue;
-    ending_ = true;  // it reads no more
+    ending_ = true;  // the helper has closed its input
     dropWaitingFrame();
     waiting_.clear();
   }

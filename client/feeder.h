@@ -14,24 +14,24 @@
 
 namespace lumora::client {
 
-// The way into a helper's standard input, on a thread of its own: at most one frame is being
-// written and one waits; a newer one takes the place of the one that waits. Commands keep their
-// place among the frames and are never dropped. Any thread.
+// Writes frames and commands to a helper's standard input, on a thread of its own. At most one
+// frame is being written and one waits; a newer frame replaces the one that waits. Commands keep
+// their order among the frames and are never dropped. Any thread.
 class Feeder {
  public:
   explicit Feeder(std::shared_ptr<ChildProcess> helper);
-  // Once the helper no longer reads, or has ended.
+  // Ends, and waits until the helper has read everything or has closed its input.
   ~Feeder();
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
 
-  // Throws std::invalid_argument unless ids grow.
+  // Throws std::invalid_argument for a used frame, and for an id that is not above the last.
   void write(Frame frame, std::uint64_t id);
-  // False when the helper no longer reads.
+  // False when the input has been closed.
   bool write(std::string commandRecord);
-  // For a picture that found no slot.
+  // Counts a frame that was skipped because every slot was busy.
   void countDropped();
-  // Closes the input behind what is being written and what waits.
+  // Closes the input once everything that waits has been written.
   void end();
   FrameCounts counts() const;
 
@@ -47,7 +47,7 @@ class Feeder {
   bool writeEntry(const Entry& entry);
 
   const std::shared_ptr<ChildProcess> helper_;
-  mutable std::mutex mutex_;  // guards the rest, but for the thread
+  mutable std::mutex mutex_;  // guards all below except the thread
   std::condition_variable changed_;
   std::list<Entry> waiting_;
   FrameCounts counts_;

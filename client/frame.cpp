@@ -8,7 +8,8 @@
 namespace lumora::client {
 
 void flipRows(std::span<std::uint8_t> rgba, FrameSize size) {
-  if (rgba.size() != size.bytes()) throw std::invalid_argument("a picture of another size");
+  if (rgba.size() != size.bytes())
+    throw std::invalid_argument("the pixels do not fit the frame size");
   const auto rowBytes = static_cast<std::ptrdiff_t>(size.width) * 4;
   for (int row = 0; row < size.height / 2; ++row) {
     const auto upper = rgba.begin() + row * rowBytes;

@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t pageBytes = 4096;
 constexpr std::size_t slotBytes = std::size_t{1920} * 1080 * 4;
 static_assert(slotBytes % pageBytes == 0);
-// A signal undoes what a reservation has got so far: between two of a timer one has to succeed.
+// A signal makes a reservation start again, so each is small enough to end between two timer ticks.
 constexpr std::size_t reservedAtOnce = std::size_t{256} << 10;
 constexpr std::size_t memoryBytes = pageBytes + FrameSlots::count * slotBytes;
 
@@ -24,11 +24,11 @@ constexpr std::uint64_t offsetOf(int slot) {
   return pageBytes + static_cast<std::uint64_t>(slot) * slotBytes;
 }
 
-// Not open where there is none that can be sealed.
+// Not open where the system can't seal memory.
 Descriptor makeSealedMemory() {
 #ifdef F_ADD_SEALS
   Descriptor made(memfd_create("lumora-frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  // It keeps its number in the helper, which has streams of its own under the first three.
+  // It has the same number in the helper, where the first three are the standard streams.
   if (made.isOpen() && made.get() <= STDERR_FILENO) {
     made = Descriptor(fcntl(made.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }
@@ -101,7 +101,7 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   return std::nullopt;
 }
 
-// Whoever touches shared memory that is not there is ended by a signal.
+// A process that touches shared memory which the system can't provide is ended by a signal.
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen()) return;

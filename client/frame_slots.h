@@ -1,7 +1,7 @@
 #pragma once
 
-// Where pictures are rendered: a few slots, each large enough for any frame. A helper may see them,
-// too, so that pictures need not go through its pipe; docs/protocol.md draws the memory then.
+// Slots that frames are rendered into, each large enough for any frame. When their memory is shared
+// with the helper, pixels need not go through its pipe; docs/protocol.md draws that memory.
 
 #include <lumora/frame.h>
 
@@ -21,24 +21,24 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   // One is converted or written, one is encoded where it lies, one waits, one is rendered into.
   static constexpr int count = 4;
 
-  // Slots that a helper can see; null where the system has no memory that can be sealed against
+  // Slots in memory that a helper can share; null where the system can't seal memory against
   // shrinking.
   static std::shared_ptr<FrameSlots> makeShared();
-  // Slots of our own. Throws std::bad_alloc.
+  // Slots in private memory. Throws std::bad_alloc.
   static std::shared_ptr<FrameSlots> makePrivate();
   ~FrameSlots();
   FrameSlots(const FrameSlots&) = delete;
   FrameSlots& operator=(const FrameSlots&) = delete;
 
-  // What a helper has to inherit; -1: nothing.
+  // The descriptor that the helper inherits; -1: the memory is private.
   int descriptor() const { return descriptor_.get(); }
-  // Whether a helper that is ready has looked at the memory. One that knows nothing of it has not.
+  // Whether the helper uses the memory, once it is ready. An older helper does not know of it.
   bool isShared() const { return released() != neverReleased; }
 
-  // Has memory at hand for a picture of this size in every slot, whose first touch takes several
-  // milliseconds. Before the first `acquire`. Throws std::bad_alloc.
+  // Touches the memory of a frame of this size in every slot, because the first touch takes several
+  // milliseconds. Call before the first `acquire`. Throws std::bad_alloc.
   void prepare(FrameSize size);
-  // A free slot for a picture; nothing when there is none. Throws std::bad_alloc.
+  // A free slot for a frame; empty when every slot is busy. Throws std::bad_alloc.
   std::optional<Frame> acquire(FrameSize size);
 
  private:
@@ -46,8 +46,8 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   static constexpr std::uint64_t neverReleased = ~std::uint64_t{0};
   struct Slot {
     bool isLent = false;
-    std::size_t reserved = 0;       // bytes that are sure to be there
-    std::uint64_t publishedAs = 0;  // the frame that the helper reads there; 0: none
+    std::size_t reserved = 0;       // bytes that the system has promised
+    std::uint64_t publishedAs = 0;  // id of the frame that the helper reads there; 0: none
   };
 
   FrameSlots(Descriptor descriptor, std::uint8_t* memory);
@@ -62,7 +62,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   std::array<Slot, count> slots_;
 };
 
-// A slot that a frame has.
+// A frame's use of a slot.
 class Frame::Loan {
  public:
   Loan(std::shared_ptr<FrameSlots> from, int slot) : from_(std::move(from)), slot_(slot) {}
@@ -73,7 +73,7 @@ class Frame::Loan {
   const FrameSlots& from() const { return *from_; }
   std::uint64_t offset() const;
   std::uint8_t* pixels() const { return from_->memory_ + offset(); }
-  // The helper has been told of it, and says itself when it is done with the pixels.
+  // From now on the helper frees the slot, with its release word.
   void markPublished(std::uint64_t id) { publishedAs_ = id; }
 
  private:

@@ -27,12 +27,13 @@ constexpr double secondsToBecomeReady = 10;
 constexpr double secondsToEnd = 2.5;
 constexpr double aDay = 86400;
 
-// The limits of docs/protocol.md; a helper ends for any other frame.
+// The limits of docs/protocol.md. A helper ends when it gets any other frame.
 void check(FrameSize size) {
   const auto [least, most] = std::minmax(size.width, size.height);
   const bool fits =
       least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
-  if (!fits) throw std::invalid_argument("no helper takes frames of this size");
+  if (!fits)
+    throw std::invalid_argument("the sides of a frame must be even, at most 1920 and 1080");
 }
 
 std::shared_ptr<FrameSlots> makeSlots(FrameTransport frames) {
@@ -53,10 +54,10 @@ std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::st
 
 std::string describe(const Exited& end) {
   if (end.signal != 0) return "signal " + std::to_string(end.signal);
-  return end.status < 0 ? "a status that was not told" : "status " + std::to_string(end.status);
+  return end.status < 0 ? "an unknown status" : "status " + std::to_string(end.status);
 }
 
-// With everything that it said until then.
+// Appends every event until then to `said`.
 Ready awaitReady(ChildProcess& process, std::vector<Event>& said) {
   const Deadline deadline(secondsToBecomeReady);
   std::string problem;
@@ -67,8 +68,7 @@ Ready awaitReady(ChildProcess& process, std::vector<Event>& said) {
   }
   if (problem.empty()) {
     const auto status = process.wait(deadline.millisecondsLeft() > 0 ? 1 : 0);
-    problem = status ? "it ended at once with " + describe({status->code, status->signal})
-                     : "it did not become ready";
+    problem = status ? "it ended at once with " + describe(*status) : "it did not become ready";
   }
   throw StartError("the helper did not start: " + problem);
 }
@@ -85,7 +85,7 @@ class Helper::Impl {
         onEvent_(std::move(onEvent)),
         feeder_(std::make_shared<Feeder>(process_)) {
     if (slots_->descriptor() >= 0 && !slots_->isShared()) {
-      slots_ = FrameSlots::makePrivate();  // an older helper
+      slots_ = FrameSlots::makePrivate();  // an older helper, which reads its pipe only
     }
   }
 
@@ -97,10 +97,10 @@ class Helper::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // From now on events are told.
+  // From now on the handler is called.
   void begin() {
     reader_ = startQuietThread([this] {
-      readerID_ = std::this_thread::get_id();  // before any handler can ask
+      readerID_ = std::this_thread::get_id();  // before a handler can call `stop`
       readEvents();
     });
   }
@@ -108,6 +108,9 @@ class Helper::Impl {
   std::uint16_t port() const { return ready_.port; }
   const std::string& token() const { return token_; }
   int pid() const { return process_->pid(); }
+  FrameTransport frameTransport() const {
+    return slots_->descriptor() >= 0 ? FrameTransport::memory : FrameTransport::pipe;
+  }
 
   std::optional<Frame> acquireFrame(FrameSize size) {
     check(size);
@@ -160,7 +163,7 @@ class Helper::Impl {
   Ready prepareAndAwaitReady(const std::optional<FrameSize>& size) {
     try {
       if (size) slots_->prepare(*size);
-    } catch (const std::bad_alloc&) {  // what an application asks for later may still be there
+    } catch (const std::bad_alloc&) {  // what the application needs later may still be there
     }
     return awaitReady(*process_, saidFirst_);
   }
@@ -180,13 +183,13 @@ class Helper::Impl {
     over_.notify_all();
   }
 
-  // Its output has ended, so it has, or is about to. Whoever sends it a signal meanwhile must not
-  // meet another process with its number.
+  // The output has closed, so the helper has ended or is about to. `stop` must not signal it while
+  // its status is collected, since its id may belong to another process afterwards.
   Exited awaitEnd() {
     for (;;) {
       {
         const std::lock_guard hold(mutex_);
-        if (const auto status = process_->wait(0)) return {status->code, status->signal};
+        if (const auto end = process_->wait(0)) return *end;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
@@ -206,15 +209,15 @@ class Helper::Impl {
   const std::string token_;
   std::shared_ptr<FrameSlots> slots_;
   const std::shared_ptr<ChildProcess> process_;
-  std::vector<Event> saidFirst_;  // up to "ready"
+  std::vector<Event> saidFirst_;  // the events up to "ready"
   const Ready ready_;
   const EventHandler onEvent_;
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;
 
-  mutable std::mutex mutex_;  // guards the next, and the process's end
+  mutable std::mutex mutex_;  // guards the next two, and the collecting of the status
   std::condition_variable over_;
-  bool isOver_ = false;  // the last event has been told
+  bool isOver_ = false;  // the last event has been handled
   std::optional<Exited> exit_;
 
   std::thread reader_;
@@ -224,13 +227,14 @@ class Helper::Impl {
 Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (options.frameSize) check(*options.frameSize);
   impl_ = std::make_unique<Impl>(options, std::move(onEvent));
-  impl_->begin();  // an event handler may use us
+  impl_->begin();  // the handler may call us, so `impl_` is set before
 }
 Helper::~Helper() = default;
 
 std::uint16_t Helper::port() const { return impl_->port(); }
 const std::string& Helper::token() const { return impl_->token(); }
 int Helper::pid() const { return impl_->pid(); }
+FrameTransport Helper::frameTransport() const { return impl_->frameTransport(); }
 std::optional<Frame> Helper::acquireFrame(FrameSize size) { return impl_->acquireFrame(size); }
 void Helper::publish(Frame frame, std::uint64_t id) { impl_->publish(std::move(frame), id); }
 FrameCounts Helper::frameCounts() const { return impl_->frameCounts(); }
@@ -239,7 +243,8 @@ std::optional<Exited> Helper::exited() const { return impl_->exited(); }
 Exited Helper::stop() { return impl_->stop(); }
 
 bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba) {
-  if (rgba.size() != size.bytes()) throw std::invalid_argument("a frame of another size");
+  if (rgba.size() != size.bytes())
+    throw std::invalid_argument("the pixels do not fit the frame size");
   auto frame = acquireFrame(size);
   if (!frame) return false;
   // As one block: a copy over ranges takes each byte by itself.

@@ -16,7 +16,7 @@ constexpr std::size_t maximumLength = 2 * 1024 * 1024;
 
 ByteView slice(ByteView bytes, std::size_t offset, std::size_t count) {
   if (offset > bytes.size() || count > bytes.size() - offset) {
-    throw std::runtime_error("payload ends early");
+    throw std::runtime_error("a packet is shorter than it says");
   }
   return bytes.subspan(offset, count);
 }
@@ -90,7 +90,7 @@ std::vector<std::uint8_t> avcDecoderConfiguration(const StreamConfiguration& con
   constexpr std::uint8_t oneSequenceSet = 0xE0 | 1;
   const auto& sequence = configuration.sequenceParameterSet;
   const auto& picture = configuration.pictureParameterSet;
-  if (sequence.size() < 4) throw std::runtime_error("sequence parameter set too short");
+  if (sequence.size() < 4) throw std::runtime_error("the sequence parameter set is too short");
   std::vector<std::uint8_t> record = {version,     sequence[1],        sequence[2],
                                       sequence[3], lengthsOfFourBytes, oneSequenceSet};
   const auto append = [&record](const std::vector<std::uint8_t>& set) {

@@ -25,7 +25,7 @@ bool isProgram(const std::filesystem::path& path) {
 std::string findProgram(const std::string& named) {
   std::string wanted = named.empty() ? environment("LUMORA_VIDEO_PATH") : named;
   if (!wanted.empty()) {
-    // What is looked at here is what runs, also if its name has no slash.
+    // An absolute path, because a name without a slash would be looked up on the PATH.
     if (isProgram(wanted)) return std::filesystem::absolute(wanted);
     throw StartError("there is no program at " + wanted);
   }

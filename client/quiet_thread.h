@@ -8,8 +8,8 @@
 
 namespace lumora::client {
 
-// A thread that takes no signals: the application's are for its own threads, and a helper that no
-// longer reads shows as a failed write.
+// Starts a thread that blocks all signals. The application's signals then reach its own threads
+// only, and a helper that has closed its input shows as a failed write instead of SIGPIPE.
 template <typename Work>
 std::thread startQuietThread(Work work) {
   sigset_t all;

@@ -16,7 +16,7 @@ void Take::State::stop(double stoppedAt) {
     const std::lock_guard hold(mutex_);
     if (stoppedAt_ || latest_.isOver()) return;
     command = stopCommand(latest_.id, stoppedAt);
-    if (stoppedAt < startedAt_) throw std::invalid_argument("a take ends behind its beginning");
+    if (stoppedAt < startedAt_) throw std::invalid_argument("a take can't stop before it starts");
     stoppedAt_ = stoppedAt;
   }
   send_(command);

@@ -16,9 +16,9 @@ using Json = nlohmann::json;
 // The limits of docs/protocol.md.
 void checkTime(double time) {
   const double ago = uptime() - time;
-  if (ago <= 30 && ago >= -0.05) return;  // a number, too
+  if (ago <= 30 && ago >= -0.05) return;  // never true for NaN
   throw std::invalid_argument(
-      "a take begins and ends at most 30 s ago or 50 ms from now, on the uptime clock");
+      "a take starts and stops at most 30 s ago or 50 ms from now, on the uptime clock");
 }
 
 std::string text(const Json& command) {
@@ -26,9 +26,10 @@ std::string text(const Json& command) {
   try {
     json = command.dump();
   } catch (const Json::exception&) {
-    throw std::invalid_argument("the path of a take has to be UTF-8");
+    throw std::invalid_argument("the path of a take must be UTF-8");
   }
-  if (json.size() > maximumCommandBytes) throw std::invalid_argument("the path is too long");
+  if (json.size() > maximumCommandBytes)
+    throw std::invalid_argument("the path of a take is too long");
   return json;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// What a parent says of its takes, as JSON text. Pure, but for the clock and the random source.
+// The commands that start and stop a take, as JSON text. Pure, except for the clock and the random
+// source.
 
 #include <lumora/take.h>
 
@@ -10,8 +11,8 @@ namespace lumora::client {
 
 std::string randomTakeID();  // a UUID
 
-// Throw std::invalid_argument for options that make no command, and for times that a helper
-// refuses.
+// Both throw std::invalid_argument for a time that the helper refuses, `startCommand` also for a
+// path that fits into no command.
 std::string startCommand(const std::string& id, const TakeOptions& options, double startedAt);
 std::string stopCommand(const std::string& id, double stoppedAt);
 

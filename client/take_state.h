@@ -8,7 +8,7 @@
 
 namespace lumora::client {
 
-// What a take's handle and its helper share. Any thread.
+// What the handles of a take and its helper share. Any thread.
 class Take::State {
  public:
   using Send = std::function<void(const std::string& command)>;  // JSON text
@@ -17,9 +17,9 @@ class Take::State {
       : send_(std::move(send)), startedAt_(startedAt), latest_(std::move(asked)) {}
 
   void stop(double stoppedAt);
-  // An event about it; nothing after its end counts.
+  // An event about the take; ignored once the take is over.
   void report(const Recording& recording);
-  // Its helper has ended, for this reason.
+  // Fails the take, because its helper has ended.
   void abandon(const std::string& reason);
 
   double startedAt() const { return startedAt_; }
@@ -30,7 +30,7 @@ class Take::State {
  private:
   const Send send_;
   const double startedAt_;
-  mutable std::mutex mutex_;  // guards the rest
+  mutable std::mutex mutex_;  // guards all below
   mutable std::condition_variable changed_;
   Recording latest_;
   std::optional<double> stoppedAt_;

@@ -13,17 +13,17 @@ namespace lumora::client {
 // The takes of one helper that have not ended. Any thread.
 class Takes {
  public:
-  // Once the helper has ended, the take has, too.
+  // Fails the take at once if the helper has ended already.
   void add(std::shared_ptr<Take::State> take);
-  // An event about any of them.
+  // Passes an event on to its take.
   void report(const Recording& recording);
-  // The helper has ended, for this reason, and with it all of them.
+  // Fails all of them, because the helper has ended.
   void abandonAll(const std::string& reason);
 
  private:
-  std::mutex mutex_;                                           // guards the rest
+  std::mutex mutex_;                                           // guards all below
   std::map<std::string, std::shared_ptr<Take::State>> takes_;  // by id
-  std::optional<std::string> ended_;
+  std::optional<std::string> ended_;                           // why the helper has ended
 };
 
 }  // namespace lumora::client

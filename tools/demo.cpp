@@ -1,20 +1,20 @@
-// The demo parent: starts the helper, feeds it a moving picture, watches the preview with two
-// clients, records a take and tells how it went.
+// The demo parent: starts a helper, feeds it a moving picture, watches the preview with two
+// clients, records a take, and prints how it went.
 //
 //   lumora-demo HELPER OUTPUT-FOLDER [SECONDS]
 //
-// In the environment INPUT may name a file or camera, and FRAMES how pictures reach the helper:
-// "memory" or "pipe".
+// In the environment INPUT may name a video file or a camera, and FRAMES how frames reach the
+// helper: "memory" or "pipe".
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <memory>
+#include <stdexcept>
 
-#include "tools/ffmpeg_source.h"
+#include "tools/frame_source.h"
 #include "tools/paced_run.h"
-#include "tools/shell.h"
+#include "tools/programs.h"
 
 namespace {
 
@@ -22,116 +22,77 @@ using namespace lumora;
 
 constexpr client::FrameSize pictureSize{1920, 1080};
 constexpr int framesPerSecond = 60;
+constexpr int clients = 2;
 
-std::uint64_t statistic(const tools::RunProgress& progress, const char* key) {
-  return progress.statistics.is_object() ? progress.statistics.value(key, std::uint64_t{0}) : 0;
-}
-
-std::uint64_t deliveryDrops(const tools::RunProgress& progress) {
-  return statistic(progress, "credit_drops") + statistic(progress, "send_drops") +
-         statistic(progress, "resync_wait_drops");
-}
-
-double megabitsPerSecond(const tools::RunProgress& progress, int clients) {
-  if (progress.fed == 0) return 0;
-  const double seconds = static_cast<double>(progress.fed) / framesPerSecond;
-  return static_cast<double>(progress.bytes) * 8 / 1e6 / seconds / clients;
-}
-
-unsigned long long takeFrames(const tools::RunProgress& progress) {
-  return progress.take.is_object() ? progress.take.value("frames", 0ULL) : 0;
-}
-
-void showProgress(const tools::RunProgress& progress, int clients) {
-  std::printf(
-      "\rfed %5llu  received %5llu  recorded %5llu  dropped %llu raw, %llu in delivery  "
-      "latency %4.1f ms  %4.1f Mbit/s ",
-      static_cast<unsigned long long>(progress.fed),
-      static_cast<unsigned long long>(progress.received), takeFrames(progress),
-      static_cast<unsigned long long>(statistic(progress, "dropped_raw")),
-      static_cast<unsigned long long>(deliveryDrops(progress)), progress.latency,
-      megabitsPerSecond(progress, clients));
+void showProgress(const tools::RunReport& report) {
+  std::printf("\rfed %5llu  received %5zu  recorded %5llu  latency %4.1f ms ",
+              static_cast<unsigned long long>(report.fed), report.deliveries.size(),
+              static_cast<unsigned long long>(report.take.frames),
+              report.deliveries.empty() ? 0 : report.deliveries.back().milliseconds);
   std::fflush(stdout);
 }
 
-void showTable(const tools::RunReport& report, int clients) {
-  const auto row = [](const char* name, double value, const char* unit) {
-    std::printf("  %-34s %10.1f %s\n", name, value, unit);
+void showTable(const tools::RunReport& report) {
+  const auto row = [](const char* name, auto value, const char* unit = "") {
+    std::printf("  %-34s %10.1f %s\n", name, static_cast<double>(value), unit);
   };
   std::printf("\n\n");
-  row("exec to \"ready\"", report.readyMilliseconds, "ms");
-  row("frames fed", static_cast<double>(report.last.fed), "");
-  row("  per second", static_cast<double>(report.last.fed) / report.fedSeconds, "");
-  row("frames received, both clients", static_cast<double>(report.last.received), "");
-  row("raw frames dropped",
-      static_cast<double>(statistic(report.last, "dropped_raw") - report.droppedBeforeFeeding), "");
-  row("frames dropped in delivery", static_cast<double>(deliveryDrops(report.last)), "");
-  row("latency, median", tools::percentile(latencies(report), 0.5), "ms");
-  row("latency, 99th percentile", tools::percentile(latencies(report), 0.99), "ms");
-  row("preview bit rate", megabitsPerSecond(report.last, clients), "Mbit/s");
+  row("start of the helper to \"ready\"", report.readyMilliseconds, "ms");
+  row("frames fed", report.fed);
+  row("  per second", static_cast<double>(report.fed) / report.fedSeconds);
+  row("frames left out by the library", report.frames.dropped);
+  row("frames dropped by the helper", report.stats.droppedFrames);
+  row("frames received, both clients", report.deliveries.size());
+  row("frames dropped in delivery", report.stats.delivery ? report.stats.delivery->drops() : 0);
+  row("latency, median", report.latency(0.5), "ms");
+  row("latency, 99th percentile", report.latency(0.99), "ms");
+  row("preview bit rate", static_cast<double>(report.bytes) * 8 / 1e6 / report.fedSeconds / clients,
+      "Mbit/s");
+  std::printf("  take %s: %s, %.3f s, %llu frames, %llu dropped, %llu throttled %s\n",
+              report.take.state == client::TakeState::saved ? "saved" : "failed",
+              report.take.path.c_str(), report.take.duration,
+              static_cast<unsigned long long>(report.take.frames),
+              static_cast<unsigned long long>(report.take.dropped),
+              static_cast<unsigned long long>(report.take.throttled), report.take.error.c_str());
 }
 
-void showTake(const tools::Event& take) {
-  if (!take.is_object()) return;
-  std::printf("  take %s: %s, %dx%d, %.3f s, %llu frames, %llu dropped, %llu throttled %s\n",
-              take.value("state", "").c_str(), take.value("path", "").c_str(),
-              take.value("width", 0), take.value("height", 0), take.value("duration", 0.0),
-              take.value("frames", 0ULL), take.value("dropped", 0ULL),
-              take.value("throttled", 0ULL), take.value("error", "").c_str());
+// One picture of a video, which ffmpeg's filter makes.
+void makePicture(const std::string& video, const std::string& filter, const std::string& picture) {
+  const std::string errors = tools::outputOf(
+      "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(video) + " -vf " +
+      tools::shellQuoted(filter) + " -frames:v 1 -update 1 " + tools::shellQuoted(picture));
+  if (!errors.empty()) throw std::runtime_error(video + ": " + errors);
 }
 
-// Twelve pictures of the take on one sheet.
-bool makeContactSheet(const std::string& movie, const std::string& sheet, double seconds) {
-  char rate[32];
-  std::snprintf(rate, sizeof rate, "%.4f", 12 / seconds);
-  const std::string command = "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(movie) +
-                              " -vf fps=" + rate + ",scale=360:-2,tile=4x3 -frames:v 1 -update 1 " +
-                              tools::shellQuoted(sheet);
-  return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): threads have ended
-}
-
-// The 151st picture of the stream, decoded by ffmpeg.
-bool decodePicture(const std::string& stream, const std::string& picture) {
-  const std::string command = "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(stream) +
-                              " -vf 'select=gte(n\\,150)' -frames:v 1 -update 1 " +
-                              tools::shellQuoted(picture);
-  return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe): threads have ended
-}
-
-int run(const std::string& helper, const std::filesystem::path& folder, double seconds) {
+void run(const std::string& helper, const std::filesystem::path& folder, double seconds) {
   std::filesystem::create_directories(folder);
-  tools::RunOptions options;
-  options.launch = {helper, client::makeToken(), {}, {}};
-  options.frames = tools::frameTransport();
-  options.framesPerSecond = framesPerSecond;
-  options.seconds = seconds;
-  options.previewPath = folder / "preview.h264";
+  const std::string preview = folder / "preview.h264";
+  const std::string previewPicture = folder / "preview.png";
   const std::string movie = std::filesystem::absolute(folder / "demo.mp4");
-  std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
-  options.take = {movie, "1080x720", framesPerSecond};
-  const auto source = tools::openInput(pictureSize, framesPerSecond);
-  std::printf("Feeding 1920x1080 at %d frames a second for %.0f s through %s to %s\n",
-              framesPerSecond, seconds,
-              options.frames == client::FrameTransport::memory ? "shared memory" : "its pipe",
-              helper.c_str());
-  const tools::RunReport report = tools::runPaced(
-      options, *source,
-      [&](const tools::RunProgress& progress) { showProgress(progress, options.clients); });
-  showTable(report, options.clients);
-  const std::string picture = folder / "preview.png";
-  if (report.exit.code != 0 || report.exit.signal != 0) {
-    std::printf("The helper ended with status %d, signal %d: %s\n", report.exit.code,
-                report.exit.signal, report.last.error.c_str());
-    return 1;
-  }
-  if (!decodePicture(options.previewPath, picture)) return 1;
-  showTake(report.last.take);
-  if (report.last.take.value("state", "") != "saved") return 1;
   const std::string sheet = folder / "take.png";
-  if (!makeContactSheet(movie, sheet, seconds)) return 1;
-  std::printf("\n  %s, %s, %s and %s written\n", options.previewPath.c_str(), picture.c_str(),
-              movie.c_str(), sheet.c_str());
-  return 0;
+  std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
+  const tools::RunOptions options{.helper = {.program = helper, .frames = tools::frameTransport()},
+                                  .framesPerSecond = framesPerSecond,
+                                  .seconds = seconds,
+                                  .clients = clients,
+                                  .take = client::TakeOptions{.path = movie,
+                                                              .resolution = "1080x720",
+                                                              .targetFPS = framesPerSecond},
+                                  .previewPath = preview};
+  const auto source = tools::openInput(pictureSize, framesPerSecond);
+  std::printf("Feeding 1920x1080 at %d frames a second for %.0f s\n", framesPerSecond, seconds);
+  const tools::RunReport report = tools::runPaced(options, *source, showProgress);
+  showTable(report);
+  if (!report.exit.isClean()) throw std::runtime_error("the helper failed: " + report.error);
+  if (report.take.state != client::TakeState::saved) throw std::runtime_error("there is no take");
+
+  const auto middle = std::to_string(report.deliveries.size() / clients / 2);
+  makePicture(preview, "select=gte(n\\," + middle + ")", previewPicture);
+  const auto rate = std::to_string(12 / seconds);  // for twelve pictures of the take on one sheet
+  makePicture(movie, "fps=" + rate + ",scale=360:-2,tile=4x3", sheet);
+  std::printf("\n  frames went through %s\n  %s, %s, %s and %s written\n",
+              report.transport == client::FrameTransport::memory ? "shared memory" : "the pipe",
+              preview.c_str(), previewPicture.c_str(), movie.c_str(), sheet.c_str());
 }
 
 }  // namespace
@@ -142,7 +103,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    return run(argv[1], argv[2], argc > 3 ? std::strtod(argv[3], nullptr) : 10);
+    run(argv[1], argv[2], argc > 3 ? std::strtod(argv[3], nullptr) : 10);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "\n%s\n", error.what());
     return 1;

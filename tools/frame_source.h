@@ -1,22 +1,56 @@
 #pragma once
 
-#include <cstdint>
-#include <span>
+// Where frames come from, and how they go to the helper.
 
-#include "client/records.h"
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <lumora/helper.h>
 
 namespace lumora::tools {
 
-// Pictures as a parent feeds them: RGBA, the bottom row first.
+// Frames as a helper takes them: RGBA, the bottom row first.
 class FrameSource {
  public:
   virtual ~FrameSource() = default;
   virtual client::FrameSize size() const = 0;
-  // Whether `next` waits for the moment of a capture, as a camera does.
+  // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
-  // The picture of frame `number` (from 1), shown `seconds` after the first; empty at the end.
-  // Valid until the next call.
+  // Frame `number`, from 1, in which a test card shows `seconds`; empty at the end. Valid until the
+  // next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
 };
+
+// Frames that a shell command writes to its standard output.
+class CommandSource final : public FrameSource {
+ public:
+  // Throws std::system_error when no shell can be started.
+  CommandSource(const std::string& command, client::FrameSize size, bool keepsTime = false);
+  client::FrameSize size() const override { return size_; }
+  bool keepsTime() const override { return keepsTime_; }
+  std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
+
+ private:
+  struct ClosePipe {
+    void operator()(std::FILE* pipe) const { pclose(pipe); }
+  };
+  client::FrameSize size_;
+  bool keepsTime_;
+  std::unique_ptr<std::FILE, ClosePipe> pipe_;
+  std::vector<std::uint8_t> frame_;
+};
+
+// The video file (played in a loop) or camera that INPUT in the environment names; without it a
+// test card. ffmpeg decodes it and fits it into `size`.
+std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond);
+
+// What FRAMES in the environment says, "memory" or "pipe"; `otherwise` without it. Throws
+// std::runtime_error for anything else.
+client::FrameTransport frameTransport(
+    client::FrameTransport otherwise = client::FrameTransport::memory);
 
 }  // namespace lumora::tools

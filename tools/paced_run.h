@@ -1,75 +1,64 @@
 #pragma once
 
-// One timed run of the helper, as a camera application would drive it: frames at a steady rate,
-// stream clients that acknowledge, events read. Used by the demo and the benchmarks.
+// One timed run of a helper, driven as an application drives it: frames at a steady rate, clients
+// that watch the stream, perhaps a take. For the demo and the benchmarks.
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <lumora/helper.h>
 #include "tools/frame_source.h"
-#include "tools/helper_process.h"
 
 namespace lumora::tools {
 
-// A take that runs until the last frame is fed.
-struct TakeOptions {
-  std::string path;        // absolute, ".mp4"; empty: no take
-  std::string resolution;  // a profile's name
-  int targetFPS = 60;
-  std::uint64_t framesBefore = 0;  // fed before it begins
-};
-
 struct RunOptions {
-  client::LaunchOptions launch;
-  client::FrameTransport frames = client::FrameTransport::memory;
+  client::HelperOptions helper = {};
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;
-  TakeOptions take;
-  std::string previewPath;  // where the first client's stream goes, as Annex B; empty: nowhere
-  // Called before each frame is written, for commands of one's own; may be empty.
-  std::function<void(tools::HelperProcess&, std::uint64_t frame)> beforeFrame;
+  std::optional<client::TakeOptions> take = {};  // stops after the last frame
+  std::uint64_t framesBeforeTake = 0;
+  std::string previewPath = {};  // Annex B file of what the first client receives; empty: none
+  // Called before each frame is written; may be empty.
+  std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
 };
 
-struct RunProgress {
-  std::uint64_t fed = 0;       // frames written
-  std::uint64_t received = 0;  // frame packets, over all clients
-  std::uint64_t bytes = 0;     // of those packets
-  double latency = 0;          // of the latest one, milliseconds
-  tools::Event statistics;     // the latest "stats" event with diagnostics
-  tools::Event take;           // the latest "recording" event
-  std::string error;           // the message of an "error" event
-};
-
-// A frame packet as one client got it.
+// A frame packet that a client received.
 struct Delivery {
   std::uint64_t frame = 0;  // its number, from 1
-  double milliseconds = 0;  // from the frame's last byte written to its packet received
-  double fromCall = 0;      // the same from before its first byte was written
+  double milliseconds = 0;  // from the call of `Helper::writeFrame` to the packet
 };
 
 struct RunReport {
-  RunProgress last;
-  double readyMilliseconds = 0;  // from exec to "ready"
-  std::uint64_t droppedBeforeFeeding = 0;
-  std::vector<Delivery> deliveries;  // over all clients
-  std::vector<double> lateness;      // how late the feeder woke for each frame, milliseconds
+  client::FrameTransport transport = {};  // the one in use
+  double readyMilliseconds = 0;           // from the start of the helper
+  std::uint64_t fed = 0;                  // calls of `Helper::writeFrame`
+  client::FrameCounts frames = {};        // what became of them
+  std::vector<Delivery> deliveries = {};  // to all clients
+  std::uint64_t bytes = 0;                // of those packets
+  client::Stats stats = {};               // the latest
+  client::Recording take = {};            // the latest event of the run's own take
+  std::string error = {};                 // of the helper
+  std::vector<double> lateness = {};      // how late the feeder woke for each frame, milliseconds
   double fedSeconds = 0;
-  double peakMegabytes = 0;  // of the helper's memory
-  client::ExitStatus exit;
-  double parentCPU = 0;  // seconds that our own process took meanwhile, its clients' included
+  double parentCPUSeconds = 0;  // of this process, while frames were fed
+  double peakMegabytes = 0;     // of the helper's memory
+  client::Exited exit = {};
+
+  // The value below which this fraction of the deliveries' latencies lies, in milliseconds.
+  double latency(double fraction) const;
 };
 
-// Throws std::runtime_error when the helper can't be started, does not become ready, does not admit
-// the clients or does not end, or when the source gives no picture.
-RunReport runPaced(const RunOptions& options, FrameSource& source,
-                   const std::function<void(const RunProgress&)>& progress);
+// Called once a second with what is known by then.
+using Progress = std::function<void(const RunReport& report)>;
 
-// The latencies alone, in milliseconds.
-std::vector<double> latencies(const RunReport& report);
+// Throws client::StartError, and std::runtime_error when the clients are not admitted or the source
+// gives no frame.
+RunReport runPaced(const RunOptions& options, FrameSource& source, const Progress& progress = {});
 
-// The value below which `fraction` of `values` lie.
+// The value below which this fraction of the values lies.
 double percentile(std::vector<double> values, double fraction);
 
 }  // namespace lumora::tools

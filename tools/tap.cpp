@@ -3,53 +3,54 @@
 //   TAVO_VIDEO_TOKEN=... lumora-tap PORT [HOST] [--format h264|flv] [--times ids|arrival]
 //                                   [--patience SECONDS]
 //
-// h264 is Annex B, without times. In flv a frame's time is its id, where that is a time
-// (microseconds, see docs/protocol.md), or its arrival. A frame is acknowledged when it was
-// written, so a reader that is slow gets fewer. A stream that breaks off is connected again, for
-// ten seconds (or SECONDS) in vain.
+// h264 is Annex B, without times. In flv the time of a frame is its id, if ids are capture times
+// (microseconds, see docs/protocol.md), or else its arrival; --times decides instead. A frame is
+// acknowledged once it is written, so a slow reader gets fewer frames. When the stream breaks off
+// the tap retries, and gives up after ten seconds (or SECONDS) without a packet.
 
+#include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
-#include <thread>
+#include <system_error>
+#include <vector>
 
-#include <lumora/stream_client.h>
 #include <lumora/uptime.h>
 #include "tools/flv.h"
 #include "tools/parse_number.h"
+#include "tools/watched_stream.h"
 
 namespace {
 
 using namespace lumora;
 using client::Packet;
-using client::uptime;
 
 struct Options {
-  std::uint16_t port = 0;
-  std::string host = "127.0.0.1";
-  std::string token;
+  tools::HelperAddress helper;
   bool flv = false;
-  std::optional<bool> timesFromIDs = {};  // none: where they are times
+  std::optional<bool> timesFromIDs = {};  // empty: if they are times
   double patience = 10;                   // seconds
 };
 
-// Writes packets in the format that was asked for; each write throws when nobody reads any more.
+// Writes packets in the chosen format. Each write throws when nobody reads the output any more.
 class Output {
  public:
   explicit Output(const Options& options) : options_(options) {
     if (options_.flv) write(tools::flvHeader());
   }
 
-  // What comes next may be of another helper, whose parent numbers its frames in another way.
+  // The next packets may come from another helper, whose ids mean something else.
   void streamBegan() { fromIDs_.reset(); }
 
   void write(const Packet& packet) {
     if (!options_.flv) return write(toAnnexB(packet));
     if (packet.type == Packet::Type::configuration) {
-      configuration_ = packet;  // its time is that of the frame behind it
+      configuration_ = packet;  // it gets the time of the next frame
       return;
     }
     const std::uint32_t time = millisecondsOf(packet.frameID);
@@ -68,8 +69,8 @@ class Output {
 
   // Since the first frame; never less than before.
   std::uint32_t millisecondsOf(std::uint64_t frameID) {
-    constexpr double oldest = 60;  // seconds, of an id that is a time
-    const double now = uptime();
+    constexpr double oldest = 60;  // seconds; an id that is further back is not a time
+    const double now = client::uptime();
     const double capturedAt = static_cast<double>(frameID) / 1e6;
     if (!fromIDs_) {
       fromIDs_ = options_.timesFromIDs.value_or(capturedAt <= now && now - capturedAt < oldest);
@@ -87,37 +88,17 @@ class Output {
   long long latest_ = 0;
 };
 
-// Until the stream breaks off; whether anything has come.
-bool copyStream(const Options& options, Output& output) {
-  client::StreamClient stream(options.host, options.port);
-  stream.sayHello(options.token);
-  output.streamBegan();
-  bool any = false;
-  stream.watch([&](const Packet& packet) {
-    any = true;
-    output.write(packet);
-  });
-  return any;
-}
-
 int tap(const Options& options) {
   Output output(options);
-  std::string problem =
-      "the helper does not admit us: is the token right, are two others watching?";
-  double since = uptime();  // the last that was received, or the start
-  for (;;) {
-    try {
-      if (copyStream(options, output)) {
-        since = uptime();
-        problem = "the stream has ended";
-      }
-    } catch (const std::system_error& error) {  // nobody listens there
-      problem = error.what();
-    }
-    if (uptime() - since >= options.patience) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
-  }
-  std::fprintf(stderr, "%s\n", problem.c_str());
+  tools::WatchedStream stream(options.helper, {.packet =
+                                                   [&](const Packet& packet) {
+                                                     output.write(packet);
+                                                     if (packet.type == Packet::Type::frame)
+                                                       stream.acknowledge(packet.frameID);
+                                                   },
+                                               .connected = [&] { output.streamBegan(); }});
+  const std::string why = stream.watch({}, options.patience);
+  std::fprintf(stderr, "%s\n", why.c_str());
   return 1;
 }
 
@@ -131,32 +112,29 @@ bool applyOption(std::string_view name, std::string_view value, Options& options
   return name == "--times" && (value == "ids" || value == "arrival");
 }
 
-std::optional<Options> parseOptions(int argc, char** argv) {
+std::optional<Options> parseOptions(const std::vector<std::string_view>& arguments) {
   Options options;
-  int named = 0;  // arguments without a name
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view word(argv[i]);
-    if (word.starts_with("--")) {
-      if (++i == argc || !applyOption(word, argv[i], options)) return std::nullopt;
-    } else if (named == 0) {
-      if (!tools::parseNumber(word, options.port)) return std::nullopt;
-      ++named;
-    } else if (named++ == 1) {
-      options.host = word;
-    } else {
-      return std::nullopt;
+  std::vector<std::string_view> named;  // by their place
+  for (auto word = arguments.begin(); word != arguments.end(); ++word) {
+    if (!word->starts_with("--")) {
+      named.push_back(*word);
+      continue;
     }
+    const std::string_view name = *word;
+    if (++word == arguments.end() || !applyOption(name, *word, options)) return std::nullopt;
   }
   const char* token = std::getenv("TAVO_VIDEO_TOKEN");  // NOLINT(concurrency-mt-unsafe): one thread
-  if (named == 0 || token == nullptr) return std::nullopt;
-  options.token = token;
+  if (named.empty() || named.size() > 2 || token == nullptr) return std::nullopt;
+  if (!tools::parseNumber(named[0], options.helper.port)) return std::nullopt;
+  if (named.size() == 2) options.helper.host = named[1];
+  options.helper.token = token;
   return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto options = parseOptions(argc, argv);
+  const auto options = parseOptions({argv + 1, argv + argc});
   if (!options) {
     std::fprintf(stderr,
                  "usage: TAVO_VIDEO_TOKEN=... %s PORT [HOST] [--format h264|flv] [--times "

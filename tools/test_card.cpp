@@ -1,19 +1,66 @@
 #include "tools/test_card.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-
-#include "tools/digits.h"
+#include <string_view>
 
 namespace lumora::tools {
 namespace {
 
-constexpr int scrollPixelsPerFrame = 4;
-constexpr Colour bars[] = {{255, 255, 255}, {255, 255, 0}, {0, 255, 255}, {0, 255, 0},
-                           {255, 0, 255},   {255, 0, 0},   {0, 0, 255},   {32, 32, 32}};
+using Colour = std::array<std::uint8_t, 3>;
 
-// Bars above, a fine pattern of growing frequency below; repeats after `period` pixels.
+constexpr int scrollPixelsPerFrame = 4;
+constexpr Colour black = {0, 0, 0};
+constexpr Colour white = {255, 255, 255};
+constexpr Colour bars[] = {white,         {255, 255, 0}, {0, 255, 255}, {0, 255, 0},
+                           {255, 0, 255}, {255, 0, 0},   {0, 0, 255},   {32, 32, 32}};
+
+// Each character has seven rows of five dots. A row is a digit of base 32, the leftmost dot its
+// highest bit.
+constexpr std::string_view characters = "0123456789:.";
+constexpr std::string_view glyphs[] = {"ehjlphe", "4c4444e", "eh1248v", "v2421he",
+                                       "26aiv22", "vgu11he", "68guhhe", "v124888",
+                                       "ehhehhe", "ehhf12c", "0440440", "00000cc"};
+
+// Pixels by their place from the top left, though the bottom row is stored first.
+struct Canvas {
+  std::vector<std::uint8_t>& rgba;
+  client::FrameSize size;
+
+  void fill(int left, int top, int width, int height, Colour colour) const {
+    const int right = std::min(left + width, size.width);
+    for (int y = top; y < std::min(top + height, size.height); ++y) {
+      const auto row =
+          static_cast<std::size_t>(size.height - 1 - y) * static_cast<std::size_t>(size.width);
+      for (int x = left; x < right; ++x) {
+        std::uint8_t* pixel = rgba.data() + (row + static_cast<std::size_t>(x)) * 4;
+        std::ranges::copy(colour, pixel);
+        pixel[3] = 255;
+      }
+    }
+  }
+
+  void write(int left, int top, int dot, std::string_view text) const {
+    fill(left, top, (static_cast<int>(text.size()) * 6 + 1) * dot, 9 * dot, black);
+    for (const char character : text) {
+      int y = top;
+      for (const char digit : glyphs[characters.find(character)]) {
+        y += dot;
+        const int dots = digit <= '9' ? digit - '0' : digit - 'a' + 10;
+        for (int column = 0; column < 5; ++column) {
+          if (((dots >> (4 - column)) & 1) == 0) continue;
+          fill(left + (column + 1) * dot, y, dot, dot, white);
+        }
+      }
+      left += 6 * dot;
+    }
+  }
+};
+
+// Bars above, a pattern of growing frequency below; repeats after `period` pixels.
 Colour cardColour(int x, int y, int period, int height) {
   const int inPeriod = x % period;
   if (y < height * 3 / 5) return bars[inPeriod * 8 / period];
@@ -24,21 +71,14 @@ Colour cardColour(int x, int y, int period, int height) {
   return {grey, grey, static_cast<std::uint8_t>(255 - grey)};
 }
 
-// Back and forth between 0 and `range`.
-int bounce(std::uint64_t step, int range) {
-  if (range <= 0) return 0;
-  const auto at = static_cast<int>(step % (2 * static_cast<std::uint64_t>(range)));
-  return at < range ? at : 2 * range - at;
-}
-
 }  // namespace
 
 TestCard::TestCard(client::FrameSize size)
     : size_(size), wide_(size.bytes() * 2), frame_(size.bytes()) {
-  const Canvas canvas{wide_, size.width * 2, size.height};
+  const Canvas canvas{wide_, {size.width * 2, size.height}};
   for (int y = 0; y < size.height; ++y) {
     for (int x = 0; x < size.width * 2; ++x) {
-      fillRectangle(canvas, x, y, 1, 1, cardColour(x, y, size.width, size.height));
+      canvas.fill(x, y, 1, 1, cardColour(x, y, size.width, size.height));
     }
   }
 }
@@ -51,18 +91,12 @@ std::span<const std::uint8_t> TestCard::next(std::uint64_t number, double second
     std::memcpy(frame_.data() + row * rowBytes, wide_.data() + row * rowBytes * 2 + shift,
                 rowBytes);
   }
-  const Canvas canvas{frame_, size_.width, size_.height};
-  const int side = size_.height / 6;
-  fillRectangle(canvas, bounce(number * 7, size_.width - side),
-                bounce(number * 5, size_.height - side), side, side, {240, 128, 16});
-  char text[64];
+  std::array<char, 32> clock{};
   const auto milliseconds = static_cast<long>(seconds * 1000);
-  std::snprintf(text, sizeof text, "%02ld:%02ld.%03ld", milliseconds / 60000,
+  std::snprintf(clock.data(), clock.size(), "%02ld:%02ld.%03ld", milliseconds / 60000,
                 milliseconds / 1000 % 60, milliseconds % 1000);
-  const int scale = std::max(size_.height / 90, 1);
-  drawDigits(canvas, size_.width / 16, size_.height / 16, scale, text, {255, 255, 255});
-  std::snprintf(text, sizeof text, "%06llu", static_cast<unsigned long long>(number));
-  drawDigits(canvas, size_.width / 16, size_.height / 16 + 10 * scale, scale, text, {255, 220, 0});
+  Canvas{frame_, size_}.write(size_.width / 16, size_.height / 16, std::max(size_.height / 90, 1),
+                              clock.data());
   return frame_;
 }
 

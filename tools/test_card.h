@@ -1,13 +1,11 @@
 #pragma once
 
-#include <vector>
-
 #include "tools/frame_source.h"
 
 namespace lumora::tools {
 
-// A moving test card: colour bars and a fine pattern that scroll, a bouncing square, a clock and
-// the frame number. Cheap to draw, so that a measurement sees the helper and not the card.
+// A moving test card: colour bars and a fine pattern that scroll, and a clock that tells frames
+// apart. It is cheap to draw, so that a measurement sees the helper and not the card.
 class TestCard final : public FrameSource {
  public:
   explicit TestCard(client::FrameSize size);
@@ -16,7 +14,7 @@ class TestCard final : public FrameSource {
 
  private:
   client::FrameSize size_;
-  std::vector<std::uint8_t> wide_;  // twice as wide as the picture
+  std::vector<std::uint8_t> wide_;  // bars and pattern, twice as wide as the picture
   std::vector<std::uint8_t> frame_;
 };
 

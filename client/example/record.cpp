@@ -1,4 +1,4 @@
-// Feeds a moving picture for two seconds, records it, and reads the preview beside it.
+// Feeds a moving picture for two seconds, records it, and writes the preview into a file.
 //
 //   record FOLDER
 
@@ -39,12 +39,12 @@ int main(int argc, char** argv) try {
   const auto start = std::chrono::steady_clock::now();
   for (int number = 0; number < pictures; ++number) {
     std::this_thread::sleep_until(start + number * interval);
-    if (auto frame = helper.acquireFrame(size)) {  // nothing: the helper is behind, drop this one
-      paint(frame->pixels(), number);              // the bottom row first; or flipRows(...)
+    if (auto frame = helper.acquireFrame(size)) {  // empty when every slot is busy: skip this frame
+      paint(frame->pixels(), number);              // the bottom row first; or use flipRows
       helper.publish(*std::move(frame), frameID(uptime()));
     }
   }
-  std::this_thread::sleep_until(start + pictures * interval);  // the last picture's time is over
+  std::this_thread::sleep_until(start + pictures * interval);  // so that the last picture counts
   take.stop();
   const Recording end = take.waitForEnd(10).value();
   std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration, end.error.c_str());

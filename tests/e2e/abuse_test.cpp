@@ -7,7 +7,7 @@
 
 #include "client/descriptor.h"
 #include "tests/e2e/helper_fixture.h"
-#include "tools/resource_use.h"
+#include "tools/programs.h"
 
 namespace lumora::tests {
 namespace {

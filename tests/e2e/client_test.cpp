@@ -10,7 +10,7 @@
 #include <csignal>
 
 #include "tests/e2e/helper_fixture.h"
-#include "tools/resource_use.h"
+#include "tools/programs.h"
 
 namespace lumora::tests {
 namespace {
@@ -49,6 +49,7 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   const auto descriptors = outputOf("ls -l /proc/" + std::to_string(camera.pid()) + "/fd");
   EXPECT_EQ(descriptors.find("lumora-frames") != std::string::npos,
             transport == client::FrameTransport::memory);
+  EXPECT_EQ(camera.frameTransport(), transport);
   client::Take take = camera.startTake(takeOptions());
   feed(camera, 30);
   EXPECT_TRUE(viewer.receive(20));
@@ -61,7 +62,9 @@ TEST_F(Client, ATakeIsAnObjectWithOneEnd) {
   EXPECT_GT(end->frames, 10u);
   EXPECT_NEAR(end->duration, *take.stoppedAt() - take.startedAt(), 1e-4);
   EXPECT_GT(countFrames(path), 10);
-  EXPECT_EQ(camera.stop().status, 0);
+  const client::Exited exited = camera.stop();
+  EXPECT_TRUE(exited.isClean());
+  EXPECT_GT(exited.cpuSeconds, 0);
   viewer.watch([](const client::Packet&) {});  // ends by itself: the helper has closed
   EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events)

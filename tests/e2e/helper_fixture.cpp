@@ -86,8 +86,8 @@ void HelperTest::TearDown() {
 void HelperTest::start(std::vector<std::string> arguments,
                        std::map<std::string, std::string> environment) {
   endHelper();
-  slots = tools::slotsFor(transport);
-  helper = std::make_unique<tools::HelperProcess>(
+  slots = slotsFor(transport);
+  helper = std::make_unique<HelperProcess>(
       client::LaunchOptions{helperProgram(), token, std::move(arguments), std::move(environment)},
       slots);
   port = helper->waitForEvent("ready").at("port");
@@ -122,7 +122,7 @@ std::vector<client::Packet> HelperTest::stream(client::StreamClient& from, Frame
 int HelperTest::exitCode() {
   const auto status = helper->wait(20);
   helper.reset();
-  return status && status->signal == 0 ? status->code : -1;
+  return status && status->signal == 0 ? status->status : -1;
 }
 
 std::string HelperTest::writeStream(const std::vector<client::Packet>& packets) const {

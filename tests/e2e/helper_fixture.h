@@ -1,6 +1,6 @@
 #pragma once
 
-// The real helper, driven through the client library and judged by ffmpeg.
+// The real helper as a plain child process, judged by ffmpeg.
 
 #include <gtest/gtest.h>
 
@@ -13,15 +13,15 @@
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
-#include "tools/helper_process.h"
-#include "tools/shell.h"
+#include "tests/e2e/helper_process.h"
+#include "tools/frame_source.h"
+#include "tools/programs.h"
 
 namespace lumora::tests {
 
 using client::FrameSize;
 using client::uptime;
 using tools::decodeErrors;
-using tools::Event;
 using tools::outputOf;
 using Pixels = std::vector<std::uint8_t>;
 
@@ -126,7 +126,7 @@ class HelperTest : public testing::Test {
   std::string token = "end-to-end-token-0123456789";
   client::FrameTransport transport = tools::frameTransport(client::FrameTransport::pipe);
   std::shared_ptr<client::FrameSlots> slots;  // of the helper; null: pictures go through its pipe
-  std::unique_ptr<tools::HelperProcess> helper;
+  std::unique_ptr<HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;
   std::string path;

@@ -5,7 +5,7 @@
 #include <csignal>
 
 #include "tests/e2e/helper_fixture.h"
-#include "tools/resource_use.h"
+#include "tools/programs.h"
 
 namespace lumora::tests {
 namespace {
@@ -14,7 +14,7 @@ struct Input : HelperTest {
   // Starts without waiting for anything: the first line, which is to be this error, and status 1.
   void expectRefusal(const std::vector<std::string>& arguments, const std::string& line,
                      const std::map<std::string, std::string>& environment = {}) {
-    helper = std::make_unique<tools::HelperProcess>(
+    helper = std::make_unique<HelperProcess>(
         client::LaunchOptions{helperProgram(), token, arguments, environment});
     // A statistics report may come before the listener knows its fate.
     std::string first = helper->nextLine(20).value_or("");
@@ -105,7 +105,7 @@ TEST_F(Input, HasWordsForTooFewDescriptors) {
     SCOPED_TRACE(limit);
     ASSERT_LT(limit, 64);
     const std::string script = "ulimit -n " + std::to_string(limit) + "; exec \"$0\"";
-    helper = std::make_unique<tools::HelperProcess>(
+    helper = std::make_unique<HelperProcess>(
         client::LaunchOptions{"/bin/sh", token, {"-c", script, helperProgram()}, {}});
     const auto first = helper->nextLine(20);
     if (!first || first->find("video listener ") != std::string::npos) {

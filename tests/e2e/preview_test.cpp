@@ -1,6 +1,7 @@
 // The preview as an independent decoder sees it.
 
 #include "tests/e2e/helper_fixture.h"
+#include "tools/watched_stream.h"
 
 namespace lumora::tests {
 namespace {
@@ -74,6 +75,36 @@ TEST_F(Preview, FollowsTheCameraToAnotherSize) {
   decodeLast(writeStream(after), {640, 360}).expect(0.5, 0.5, blue);
   packets.insert(packets.end(), after.begin(), after.end());
   EXPECT_EQ(decodeErrors(writeStream(packets)), "");
+}
+
+TEST_F(Preview, IsWatchedAgainByAToolWhenTheHelperIsBack) {
+  start();
+  std::atomic<int> connections = 0;
+  std::atomic<int> frames = 0;
+  tools::WatchedStream watched({"127.0.0.1", port, token},
+                               {.packet =
+                                    [&](const Packet& packet) {
+                                      if (packet.type != Packet::Type::frame) return;
+                                      ++frames;
+                                      watched.acknowledge(packet.frameID);
+                                    },
+                                .connected = [&] { ++connections; }});
+  std::jthread watcher([&](const std::stop_token& stop) { watched.watch(stop, 1000); });
+  const auto expectFrames = [&] {
+    const int before = frames;
+    for (const double patience = uptime() + 20; frames < before + 10;) {
+      ASSERT_LT(uptime(), patience);
+      feedPaced(1, 60, {320, 240});
+    }
+  };
+  expectFrames();
+  start({"--port", std::to_string(port)});
+  expectFrames();
+  EXPECT_EQ(connections, 2);
+  watcher = {};
+  EXPECT_EQ(finish(), 0);
+  EXPECT_EQ(watched.watch({}, 0), "There is no helper at 127.0.0.1, port " + std::to_string(port) +
+                                      " (connect: Connection refused).");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a helper says, typed. Times are uptime seconds (see uptime.h), latencies milliseconds.
+// A helper's events. Times are seconds of the uptime clock (see uptime.h).
 
 #include <cstdint>
 #include <optional>
@@ -18,18 +18,19 @@ struct Ready {
 
 // Counters run from the helper's start.
 struct Stats {
-  std::uint64_t clients = 0;         // admitted
-  std::uint64_t waitingClients = 0;  // that have not said hello
+  std::uint64_t clients = 0;         // admitted now
+  std::uint64_t waitingClients = 0;  // connected, but not admitted yet
   std::uint64_t encodedFrames = 0;
-  std::uint64_t droppedFrames = 0;  // at the input
+  std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
   double encodeMilliseconds = 0;  // of the latest preview frame
 
-  // In one report a second only.
+  // Frames that a client did not get. In one report a second.
   struct Delivery {
-    std::uint64_t creditDrops = 0;  // too many frames unacknowledged
-    std::uint64_t sendDrops = 0;    // the last send not taken yet
-    std::uint64_t resyncDrops = 0;  // waiting for a key frame
+    std::uint64_t creditDrops = 0;  // it had too many frames unacknowledged
+    std::uint64_t sendDrops = 0;    // it had not taken the last frame yet
+    std::uint64_t resyncDrops = 0;  // it needed a key frame first
+    std::uint64_t drops() const { return creditDrops + sendDrops + resyncDrops; }
     double roundTripMilliseconds = 0;
   };
   std::optional<Delivery> delivery;
@@ -41,30 +42,32 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::string path;             // once saved, where the movie is: another name if that was taken
+  std::string path;             // once saved: of the movie, whose name differs if that was taken
   std::string error;            // why it failed, or is saved under another name
   double duration = 0;          // seconds, final from `finishing` on
   std::uint64_t frames = 0;     // in the movie
   std::uint64_t dropped = 0;    // lost
-  std::uint64_t throttled = 0;  // left out for the rate
+  std::uint64_t throttled = 0;  // skipped to keep the target rate
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
 };
 
-// Said just before the helper ends with status 1.
+// The helper ends with status 1, and this is why.
 struct Error {
   std::string message;
 };
 
 // The helper has ended; the last event.
 struct Exited {
-  int status = 0;  // when it ended by itself; -1: somebody else has taken it (SIGCHLD ignored)
-  int signal = 0;  // else what ended it
+  int status = 0;         // -1: unknown, because SIGCHLD is ignored or other code collected it
+  int signal = 0;         // that ended it; 0: none
+  double cpuSeconds = 0;  // user and system time that it took
+  bool isClean() const { return status == 0 && signal == 0; }
 };
 
 struct Event {
-  // The helper's own line without its line feed; empty for its end.
+  // The helper's own line without its line feed; empty for Exited.
   std::string line;
-  // std::monostate: a line that this library does not know.
+  // std::monostate: an event that this library does not know.
   std::variant<std::monostate, Ready, Stats, Recording, Error, Exited> what;
 };
 

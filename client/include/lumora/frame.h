@@ -18,12 +18,12 @@ struct FrameSize {
   bool operator==(const FrameSize&) const = default;
 };
 
-// Turns a picture over, in place: the helper wants the bottom row first, most cameras deliver the
-// top row first. Throws std::invalid_argument for pixels of another size.
+// Turns a picture upside down, in place: the helper wants the bottom row first, most cameras
+// deliver the top row first. Throws std::invalid_argument unless the pixels fit the size.
 LUMORA_CLIENT_EXPORT void flipRows(std::span<std::uint8_t> rgba, FrameSize size);
 
-// A place to render a picture into, on loan from a helper (see helper.h). Gives itself back when it
-// is not published. May outlive the helper.
+// Memory of a helper to render a frame into (see helper.h). The helper gets it back when the frame
+// is published or destroyed. May outlive the helper.
 class LUMORA_CLIENT_EXPORT Frame {
  public:
   class Loan;
@@ -35,7 +35,7 @@ class LUMORA_CLIENT_EXPORT Frame {
   Frame& operator=(const Frame&) = delete;
 
   FrameSize size() const { return size_; }
-  // size().bytes() of red, green, blue, alpha, the bottom row first; none once it is published.
+  // Red, green, blue, alpha of each pixel, the bottom row first; empty once it is published.
   std::span<std::uint8_t> pixels() const;
 
  private:
@@ -48,10 +48,10 @@ class LUMORA_CLIENT_EXPORT Frame {
   std::unique_ptr<Loan> loan_;
 };
 
-// What became of the frames of a run.
+// What became of an application's frames.
 struct FrameCounts {
-  std::uint64_t written = 0;
-  // A newer one took their place, there was no buffer for them, or the helper had ended.
+  std::uint64_t written = 0;  // to the helper
+  // Every slot was busy, a newer frame replaced them, or the helper had ended.
   std::uint64_t dropped = 0;
 };
 

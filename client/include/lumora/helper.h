@@ -1,8 +1,8 @@
 #pragma once
 
-// A helper process, as a camera application drives it: frames and takes in, events out. Nothing
-// here waits for the helper but the constructor, `stop` and the destructor, so a camera never
-// stutters: what the helper does not take in time is dropped, whole, and counted. Any thread.
+// A helper process for a camera application: frames and takes go in, events come out. Only the
+// constructor, `stop` and the destructor wait for the helper, so the camera never does: a frame
+// that the helper can't take in time is dropped whole, and counted. Any thread.
 
 #include <cstdint>
 #include <functional>
@@ -22,65 +22,67 @@
 
 namespace lumora::client {
 
-// How pictures reach a helper: through its pipe, or in memory that it sees, too, where the system
-// has such memory.
+// How frames reach a helper: through its standard input, or in memory shared with it.
 enum class FrameTransport { pipe, memory };
 
 struct HelperOptions {
   // The program's path; empty: $LUMORA_VIDEO_PATH, else "lumora-video" on the PATH.
   std::string program = {};
-  std::string token = {};                   // what stream clients present; empty: a random one
-  std::vector<std::string> arguments = {};  // "--port", "4700", ...
-  std::map<std::string, std::string> environment = {};  // on top of our own
-  FrameTransport frames = FrameTransport::memory;
-  // Of the frames to come, if it is known: their memory is touched while the helper starts, so that
-  // the first ones are not late. Others are taken, too.
+  std::string token = {};                               // for stream clients; empty: a random one
+  std::vector<std::string> arguments = {};              // "--port", "4700", ...
+  std::map<std::string, std::string> environment = {};  // added to the application's own
+  FrameTransport frames = FrameTransport::memory;  // the pipe, too, where memory can't be shared
+  // The size of the frames to come, if it is known: their memory is touched while the helper
+  // starts, so that the first frames are not late. Frames of other sizes are taken as well.
   std::optional<FrameSize> frameSize = {};
 };
 
-// The helper could not be started, or did not become ready; in words for a person.
+// The helper could not be started, or did not become ready. The message is meant for people.
 struct LUMORA_CLIENT_EXPORT StartError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
 class LUMORA_CLIENT_EXPORT Helper {
  public:
-  // Called for each event on a thread of the helper's own, one at a time, also before the
-  // constructor has returned; must neither throw, nor stop or destroy the helper, nor wait for a
-  // take's end.
+  // Called for each event, one at a time, on a thread of the library's own, and possibly before the
+  // constructor has returned. It must not throw, stop or destroy the helper, or wait for the end of
+  // a take.
   using EventHandler = std::function<void(const Event& event)>;
 
-  // Starts a helper and waits until it is ready. Throws StartError, or std::invalid_argument for a
-  // frame size that no helper takes.
+  // Starts a helper and waits until it is ready. Throws StartError, or std::invalid_argument for an
+  // unsupported frame size.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
-  // Stops it.
+  // Stops the helper.
   ~Helper();
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
 
-  std::uint16_t port()
-      const;  // of its stream, on the loopback address unless it was told otherwise
+  // Of its stream, on the loopback address unless an argument says otherwise.
+  std::uint16_t port() const;
   const std::string& token() const;
   int pid() const;
+  // The one in use.
+  FrameTransport frameTransport() const;
 
-  // A place for the next picture; nothing when all are under way or with the application: leave
-  // the picture out. Throws std::invalid_argument for a size that no helper takes.
+  // Memory for the next frame; empty when every slot is busy: skip this frame. Throws
+  // std::invalid_argument for an unsupported size.
   std::optional<Frame> acquireFrame(FrameSize size);
-  // Hands a picture over. At most one waits: a newer one takes its place. Ids have to grow, and a
-  // frame goes once, else std::invalid_argument; see `frameID`.
+  // Hands a frame over. At most one waits; a newer one replaces it. Throws std::invalid_argument
+  // for an id that is not above the last one (see `frameID`), and for a frame that was published
+  // before.
   void publish(Frame frame, std::uint64_t id);
-  // The same with a copy of pixels that lie elsewhere. Whether they were taken.
+  // Publishes a copy of these pixels; false when every slot is busy and the frame was skipped.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
   FrameCounts frameCounts() const;
 
-  // Asks for a take behind the frames published so far. A refusal is its end: see `Take`. Throws
-  // std::invalid_argument for a path or a time that makes no command.
+  // Starts a take after the frames published so far. A take that the helper refuses has failed: see
+  // `Take`. Throws std::invalid_argument for a path or a time that fits into no command.
   Take startTake(const TakeOptions& options);
 
-  // How the helper ended; nothing while it runs.
+  // How the helper ended; empty while it runs.
   std::optional<Exited> exited() const;
-  // Ends it: by the end of its input, upon which it saves a running take, and by force if that does
-  // not help in 2.5 s. The last event has been told then.
+  // Closes the helper's input, so that it saves a running take and ends. If it does not, sends
+  // SIGTERM after 2.5 s and SIGKILL after 5 s. When this returns, every event has been handled.
   Exited stop();
 
  private:

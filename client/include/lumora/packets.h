@@ -1,7 +1,6 @@
 #pragma once
 
-// Cuts the helper's TCP stream into packets and turns those into an H.264 byte stream. Pure: bytes
-// in, packets out.
+// Splits the helper's TCP stream into packets, and turns packets into an H.264 byte stream. Pure.
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------
@@ -28,8 +27,8 @@ struct Packet {
 class LUMORA_CLIENT_EXPORT PacketParser {
  public:
   void feed(std::span<const std::uint8_t> bytes);
-  // The next whole packet, or nothing until more bytes come. Throws std::runtime_error on a length
-  // or type that no helper sends.
+  // The next packet; empty until all of its bytes have come. Throws std::runtime_error for a length
+  // or a type that no helper sends.
   std::optional<Packet> next();
 
  private:

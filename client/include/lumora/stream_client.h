@@ -1,7 +1,7 @@
 #pragma once
 
-// One stream client of the helper: connects, says hello, receives packets, acknowledges frames.
-// One thread at a time.
+// A client of the helper's stream: connects, says hello, receives packets, acknowledges frames. One
+// thread at a time.
 
 #include <cstdint>
 #include <functional>
@@ -16,7 +16,7 @@ namespace lumora::client {
 
 class LUMORA_CLIENT_EXPORT StreamClient {
  public:
-  // Connects to `host` (a numeric address); throws std::system_error.
+  // Connects to `host`, a numeric address. Throws std::system_error.
   StreamClient(const std::string& host, std::uint16_t port);
   ~StreamClient();
   StreamClient(StreamClient&& other) noexcept;
@@ -28,13 +28,14 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   bool acknowledge(std::uint64_t frameID);
   bool sendText(const std::string& text);
 
-  // The next packet, or nothing when none came in time or the helper closed the connection (see
-  // `isClosed`). Throws std::runtime_error on bytes that no helper sends.
+  // The next packet; empty when none came in time, or when the helper has closed the connection
+  // (see `isClosed`). Throws std::runtime_error for bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
   bool isClosed() const;
-  // Hands each packet to `handle` and acknowledges a frame when it returns, which has to take less
-  // than 80 ms, until the helper closes the connection (see `isClosed`) or `goesOn`, asked before
-  // each packet and ten times a second, says no. Throws as `receive` and `handle` do.
+  // Receives packets until the helper closes the connection (see `isClosed`) or `goesOn` returns
+  // false. Each packet is passed to `handle`, and a frame is acknowledged when `handle` returns,
+  // which has to take less than 80 ms. `goesOn` is called before each packet and ten times a
+  // second. Throws what `receive` and `handle` throw.
   void watch(
       const std::function<void(Packet)>& handle,
       const std::function<bool()>& goesOn = [] { return true; });

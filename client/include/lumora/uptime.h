@@ -6,13 +6,12 @@
 
 namespace lumora::client {
 
-// The clock that the helper times frames and takes on (CLOCK_MONOTONIC), in seconds: what
-// "started_at" and "stopped_at" of a command are read from.
+// The clock by which the helper times frames and takes (CLOCK_MONOTONIC), in seconds.
 LUMORA_CLIENT_EXPORT double uptime();
 
-// The id to give a frame that was captured at this uptime: microseconds. Ids only have to grow;
-// those that say when let whoever watches tell how old a picture is. Exact in JavaScript, too, for
-// 285 years.
+// The id for a frame that was captured at this uptime: its microseconds. Any ids that grow will do,
+// but from these a viewer can tell how old a picture is. JavaScript holds them exactly for 285
+// years.
 LUMORA_CLIENT_EXPORT std::uint64_t frameID(double capturedAt);
 
 }  // namespace lumora::client

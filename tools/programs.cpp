@@ -1,11 +1,27 @@
-#include "tools/shell.h"
+#include "tools/programs.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <system_error>
 
 namespace lumora::tools {
+namespace {
+
+// A number in /proc's "status".
+double statusNumber(pid_t process, const std::string& key) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(key)) return std::stod(line.substr(key.size()));
+  }
+  return 0;
+}
+
+}  // namespace
 
 std::string shellQuoted(const std::string& text) {
   std::string quoted = "'";
@@ -29,10 +45,21 @@ std::string outputOf(const std::string& command) {
   return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
 
-// Frames keep their own times on the way out: rounded to a guessed rate, some would coincide.
+// Each frame keeps its own time: rounded to a guessed rate, some would get the same one.
 std::string decodeErrors(const std::string& path) {
   return outputOf("ffmpeg -v error -xerror -nostdin -i " + shellQuoted(path) +
                   " -fps_mode passthrough -enc_time_base -1 -f null -");
+}
+
+double ownCPUSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+
+double peakMegabytes(pid_t process) { return statusNumber(process, "VmHWM:") / 1024; }
+
+ProcessFigures processFigures(pid_t process) {
+  const std::filesystem::directory_iterator open("/proc/" + std::to_string(process) + "/fd");
+  return {statusNumber(process, "VmRSS:") / 1024,
+          static_cast<int>(std::distance(open, std::filesystem::directory_iterator())),
+          static_cast<int>(statusNumber(process, "Threads:"))};
 }
 
 }  // namespace lumora::tools

@@ -1,31 +1,13 @@
-#include "tools/helper_process.h"
+#include "tests/e2e/helper_process.h"
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
-namespace lumora::tools {
-
-client::FrameTransport frameTransport(client::FrameTransport otherwise) {
-  const char* value = std::getenv("FRAMES");  // NOLINT(concurrency-mt-unsafe): nobody sets it
-  const std::string_view way = value == nullptr ? "" : value;
-  if (way.empty()) return otherwise;
-  if (way == "memory") return client::FrameTransport::memory;
-  if (way == "pipe") return client::FrameTransport::pipe;
-  throw std::runtime_error("FRAMES is neither memory nor pipe");
-}
-
-std::shared_ptr<client::FrameSlots> slotsFor(client::FrameTransport frames) {
-  if (frames == client::FrameTransport::pipe) return nullptr;
-  auto slots = client::FrameSlots::makeShared();
-  if (!slots) throw std::runtime_error("there is no memory that a helper could see");
-  return slots;
-}
-
+namespace lumora::tests {
 namespace {
 
 client::LaunchOptions withSlots(client::LaunchOptions options, const client::FrameSlots* slots) {
@@ -34,6 +16,13 @@ client::LaunchOptions withSlots(client::LaunchOptions options, const client::Fra
 }
 
 }  // namespace
+
+std::shared_ptr<client::FrameSlots> slotsFor(client::FrameTransport frames) {
+  if (frames == client::FrameTransport::pipe) return nullptr;
+  auto slots = client::FrameSlots::makeShared();
+  if (!slots) throw std::runtime_error("memory can't be shared here");
+  return slots;
+}
 
 HelperProcess::HelperProcess(client::LaunchOptions options,
                              std::shared_ptr<client::FrameSlots> slots)
@@ -80,22 +69,14 @@ std::optional<Event> HelperProcess::nextEvent(double timeoutSeconds) {
   return event;
 }
 
-std::optional<Event> HelperProcess::nextEvent(const std::string& type, double timeoutSeconds) {
-  const client::Deadline deadline(timeoutSeconds);
-  for (;;) {
-    auto event = nextEvent(deadline.millisecondsLeft() / 1000.0);
-    if (!event || event->value("type", "") == type) return event;
-  }
-}
-
 Event HelperProcess::waitForEvent(const std::string& type, const Wanted& wanted) {
   const client::Deadline deadline(20);
   for (;;) {
-    auto event = nextEvent(type, deadline.millisecondsLeft() / 1000.0);
+    auto event = nextEvent(deadline.millisecondsLeft() / 1000.0);
     if (deadline.millisecondsLeft() == 0)
       throw std::runtime_error("no awaited \"" + type + "\" event within 20 seconds");
     if (!event) throw std::runtime_error("the helper's events ended before \"" + type + "\"");
-    if (wanted(*event)) return *std::move(event);
+    if (event->value("type", "") == type && wanted(*event)) return *std::move(event);
   }
 }
 
@@ -109,4 +90,4 @@ Event HelperProcess::waitForTake(const std::string& id, const std::string& state
   });
 }
 
-}  // namespace lumora::tools
+}  // namespace lumora::tests

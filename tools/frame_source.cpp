@@ -1,0 +1,66 @@
+#include "tools/frame_source.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+#include "tools/programs.h"
+#include "tools/test_card.h"
+
+namespace lumora::tools {
+namespace {
+
+constexpr int pipeBytes =
+    1 << 20;  // the most that any user may have; the helper's pipe has it, too
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return value == nullptr ? "" : value;
+}
+
+}  // namespace
+
+CommandSource::CommandSource(const std::string& command, client::FrameSize size, bool keepsTime)
+    : size_(size),
+      keepsTime_(keepsTime),
+      pipe_(popen(command.c_str(), "re")),
+      frame_(size.bytes()) {
+  if (!pipe_) throw std::system_error(errno, std::generic_category(), command);
+  fcntl(fileno(pipe_.get()), F_SETPIPE_SZ, pipeBytes);
+}
+
+std::span<const std::uint8_t> CommandSource::next(std::uint64_t, double) {
+  if (std::fread(frame_.data(), 1, frame_.size(), pipe_.get()) != frame_.size()) return {};
+  return frame_;
+}
+
+std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond) {
+  const std::string input = environment("INPUT");
+  if (input.empty()) return std::make_unique<TestCard>(size);
+  std::error_code error;
+  const bool isCamera = std::filesystem::is_character_file(input, error);
+  const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
+  const std::string rate = std::to_string(framesPerSecond);
+  // A camera that does not offer this rate keeps its own.
+  return std::make_unique<CommandSource>(
+      "ffmpeg -v error -nostdin " +
+          (isCamera ? "-f v4l2 -framerate " + rate : std::string("-stream_loop -1")) + " -i " +
+          shellQuoted(input) + " -an -vf 'scale=" + picture +
+          ":force_original_aspect_ratio=decrease,pad=" + picture + ":(ow-iw)/2:(oh-ih)/2,vflip" +
+          (isCamera ? "" : ",fps=" + rate) + "' -pix_fmt rgba -f rawvideo -",
+      size, isCamera);
+}
+
+client::FrameTransport frameTransport(client::FrameTransport otherwise) {
+  const std::string way = environment("FRAMES");
+  if (way.empty()) return otherwise;
+  if (way == "memory") return client::FrameTransport::memory;
+  if (way == "pipe") return client::FrameTransport::pipe;
+  throw std::runtime_error("FRAMES is \"" + way + "\", but must be \"memory\" or \"pipe\"");
+}
+
+}  // namespace lumora::tools

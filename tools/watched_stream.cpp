@@ -1,0 +1,76 @@
+#include "tools/watched_stream.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <system_error>
+#include <utility>
+
+#include <lumora/uptime.h>
+
+namespace lumora::tools {
+namespace {
+
+constexpr std::chrono::milliseconds pauseBeforeRetry{250};
+
+void pauseUnlessStopped(const std::stop_token& stop) {
+  std::mutex unshared;
+  std::unique_lock hold(unshared);
+  std::condition_variable_any stopped;
+  stopped.wait_for(hold, stop, pauseBeforeRetry, [] { return false; });
+}
+
+}  // namespace
+
+WatchedStream::WatchedStream(HelperAddress from, Handlers handlers)
+    : from_(std::move(from)), handlers_(std::move(handlers)) {}
+
+std::string WatchedStream::watch(const std::stop_token& stop, double patience) {
+  lastReceived_ = client::uptime();
+  for (;;) {
+    std::string why = watchOnce(stop);
+    if (stop.stop_requested() || client::uptime() - lastReceived_ >= patience) return why;
+    if (handlers_.failed) handlers_.failed(why);
+    pauseUnlessStopped(stop);
+  }
+}
+
+void WatchedStream::connect() {
+  client::StreamClient made(from_.host, from_.port);
+  made.sayHello(from_.token);
+  const std::lock_guard hold(mutex_);
+  stream_ = std::move(made);
+}
+
+// One connection, until it ends: why it did.
+std::string WatchedStream::watchOnce(const std::stop_token& stop) {
+  const std::string place = from_.host + ", port " + std::to_string(from_.port);
+  try {
+    connect();
+  } catch (const std::system_error& error) {
+    return "There is no helper at " + place + " (" + error.what() + ").";
+  }
+  bool connected = false;  // the helper closes a connection that it does not admit, without a word
+  while (!stop.stop_requested() && !stream_->isClosed()) {
+    std::optional<client::Packet> packet;
+    try {
+      packet = stream_->receive(0.1);
+    } catch (const std::runtime_error&) {
+      return "The program at " + place + " is not a helper.";
+    }
+    if (!packet) continue;
+    lastReceived_ = client::uptime();
+    if (!std::exchange(connected, true) && handlers_.connected) handlers_.connected();
+    handlers_.packet(*std::move(packet));
+  }
+  return connected
+             ? "The helper has closed the stream."
+             : "The helper closed the connection at once. Is the token wrong, or do two clients "
+               "watch already?";
+}
+
+void WatchedStream::acknowledge(std::uint64_t frameID) {
+  const std::lock_guard hold(mutex_);
+  if (stream_) stream_->acknowledge(frameID);
+}
+
+}  // namespace lumora::tools

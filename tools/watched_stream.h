@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+#include <lumora/stream_client.h>
+
+namespace lumora::tools {
+
+struct HelperAddress {
+  std::string host = "127.0.0.1";  // numeric
+  std::uint16_t port = 0;
+  std::string token = {};
+};
+
+// A helper's stream, connected again whenever it breaks off.
+class WatchedStream {
+ public:
+  // Called on the thread that watches.
+  struct Handlers {
+    std::function<void(client::Packet)> packet;
+    std::function<void()> connected = {};                     // before the first packet; optional
+    std::function<void(const std::string& why)> failed = {};  // before a retry; optional
+  };
+  WatchedStream(HelperAddress from, Handlers handlers);
+
+  // Watches until `stop` is requested, or nothing has come for `patience` seconds. Returns why the
+  // last connection ended. Waits 250 ms before each retry. Throws what the handlers throw.
+  std::string watch(const std::stop_token& stop, double patience);
+  // Acknowledges a frame to the helper. Any thread.
+  void acknowledge(std::uint64_t frameID);
+
+ private:
+  void connect();
+  std::string watchOnce(const std::stop_token& stop);
+
+  const HelperAddress from_;
+  const Handlers handlers_;
+  double lastReceived_ = 0;  // uptime of the last packet, or of the start
+  std::mutex mutex_;         // guards the exchange of `stream_`
+  std::optional<client::StreamClient> stream_;
+};
+
+}  // namespace lumora::tools
