@@ -1,4 +1,4 @@
-// Commands, one a line, with frames in between.
+// Fuzzes commands, one per line, with a frame after each.
 
 #include "fuzz/fuzzed_service.h"
 

@@ -1,5 +1,5 @@
-// Movies of whatever samples, ends and pauses, read back by libavformat: finished, and as far as a
-// crash has let them come.
+// Fuzzes movies with any samples, ends and pauses. libavformat reads each of them back: finished,
+// and cut off as after a crash.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -29,7 +29,7 @@ struct MemorySink final : ByteSink {
     return 0;
   }
   Bytes& bytes;
-  std::vector<std::size_t>& synced;  // the file's size, each time
+  std::vector<std::size_t>& synced;  // the size of the file at each sync
 };
 
 void fuzzMovie(FuzzedDataProvider& input) {
@@ -74,7 +74,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
   for (std::size_t i = 0; i < inside; ++i) require(read.times[i] == timings[i].time);
   require(read.duration ==
           timings[inside - 1].time + std::min(end - timings[inside - 1].time, longestSample));
-  // As it was before its end came, cut off at some pages.
+  // The file as it was before it was finished, cut off at page boundaries.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
   constexpr std::size_t page = 4096;

@@ -1,4 +1,4 @@
-// What comes to the viewer from a browser: the messages of a page, and requests to the web server.
+// Fuzzes the input that the viewer gets from a browser: page messages and web requests.
 
 #include <cstdlib>
 

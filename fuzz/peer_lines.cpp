@@ -1,5 +1,5 @@
-// Whatever a stranger sends, in pieces of whatever size, while frames are encoded for somebody
-// else.
+// Fuzzes the bytes of an unknown client, in pieces of any size, while frames are encoded for
+// another client.
 
 #include <sstream>
 
@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* token = "0123456789abcdef";
 
-// Whether a line of `said` is an object with the token.
+// Whether a line of `said` is a JSON object with the token.
 bool saysToken(const std::string& said) {
   std::istringstream lines(said);
   for (std::string line; std::getline(lines, line);) {

@@ -1,5 +1,4 @@
-// Whatever arrives on standard input, in reads of whatever size, with memory for frames and
-// without.
+// Fuzzes standard input, in reads of any size, with and without frame memory.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -22,14 +21,14 @@ client::Descriptor makeMemory(unsigned bytes, int seals) {
 
 }  // namespace
 
-// The first byte is the size of a read, the second the memory's seals and size; a file that nothing
-// keeps from it loses a page with every read.
+// The first byte gives the size of a read, the second the seals and the size of the memory. Memory
+// without F_SEAL_SHRINK shrinks by a page with every read.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;
   constexpr int kinds[] = {F_SEAL_SHRINK, 0, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL,
                            F_SEAL_GROW};
   const int seals = kinds[data[1] % 4];
-  unsigned bytes = data[1] / 4U * 4096 + data[1];  // of less than two pages: there is no memory
+  unsigned bytes = data[1] / 4U * 4096 + data[1];  // below two pages: no frame memory
   const client::Descriptor memory = makeMemory(bytes, seals);
   FuzzedService service(inheritFrameMemory(memory.get()));
   service.probe.process->chunk = data[0] + 1U;
@@ -42,6 +41,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   };
   service.probe.dispatch->detached.at(0)();
   service.step();
-  require(service.hasEnded());  // the input has
+  require(service.hasEnded());  // because the input has ended
   return 0;
 }

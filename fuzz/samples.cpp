@@ -1,4 +1,4 @@
-// Encoded samples as an encoder might make them, on their way into packets and movies.
+// Fuzzes the checks of encoded samples that become packets and movies.
 
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"

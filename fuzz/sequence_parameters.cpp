@@ -1,4 +1,4 @@
-// Sequence parameter sets, sound and broken.
+// Fuzzes sequence parameter sets, valid and broken.
 
 #include "h264/sequence_parameters.h"
 #include "fuzz/fuzzed_service.h"

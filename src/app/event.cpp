@@ -9,13 +9,13 @@ std::optional<std::string> eventLine(const Json& event) {
   std::string text;
   try {
     text = event.dump();
-  } catch (const Json::exception&) {  // text that is not UTF-8
+  } catch (const Json::exception&) {  // not UTF-8
     return std::nullopt;
   }
   std::string line;
   line.reserve(text.size() + 32);
   for (const char character : text) {
-    // Outside strings JSON has no slash, so every one found is part of a string.
+    // JSON has slashes in strings only, where they may be escaped.
     if (character == '/') line.push_back('\\');
     line.push_back(character);
   }

@@ -9,8 +9,8 @@
 
 namespace lumora {
 
-// One line with its line feed: compact JSON, sorted keys, "/" escaped. Nothing when the event
-// can't be serialised or its text is `maximumLineBytes` or longer.
+// One line with its line feed: compact JSON, sorted keys, "/" escaped. Empty when the event has
+// text that is not UTF-8, or when the line would be longer than `maximumLineBytes`.
 std::optional<std::string> eventLine(const Json& event);
 
 // The "error" event: `message` cut to its first 240 characters.

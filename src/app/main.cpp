@@ -1,4 +1,5 @@
-// Process entry: configuration, the one VideoEncoder, then the main thread parks for good.
+// Process entry. The main thread reads the configuration, creates the one VideoEncoder and then
+// sleeps until the process ends.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,14 +19,14 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leav
 
 namespace {
 
-// These lines stand before or beside the event channel, so they are literal bytes.
+// The events of a launch that failed. They are literal because the service may not exist yet.
 constexpr std::string_view invalidConfiguration =
     "{\"type\":\"error\",\"message\":\"invalid helper configuration\"}\n";
 constexpr std::string_view listenerFailed =
     "{\"type\":\"error\",\"message\":\"video listener initialization failed\"}\n";
 
 [[noreturn]] void endWith(std::string_view line) {
-  // A parent that does not take the line still learns the outcome from the exit status.
+  // A parent that misses the line still has the exit status.
   [[maybe_unused]] const ssize_t ignored = write(STDOUT_FILENO, line.data(), line.size());
   _exit(1);
 }
@@ -46,12 +47,7 @@ lumora::Environment readEnvironment() {
   return environment;
 }
 
-std::string encoderChoice(const lumora::Environment& environment) {
-  const auto found = environment.find("TAVO_H264_ENCODER");
-  return found == environment.end() ? std::string() : found->second;
-}
-
-// A mask is inherited, and whoever started us may have had reasons for one.
+// The signal mask is inherited, so the parent may have blocked these.
 void unblockSignals() {
   sigset_t ours;
   sigemptyset(&ours);
@@ -65,8 +61,8 @@ void startService(const std::vector<std::string>& arguments,
   if (!configuration) endWith(invalidConfiguration);
   lumora::waitForMemory();
   lumora::keepFreedMemory();
-  // Both live until the process ends: `exit` never runs their destructors.
-  static lumora::Platform platform = lumora::makeSystemPlatform(encoderChoice(environment));
+  // Static, so that both live until the process ends. It ends in `_exit`, without destructors.
+  static lumora::Platform platform = lumora::makeSystemPlatform(configuration->h264Encoder);
   if (const auto descriptor = configuration->frameMemoryDescriptor) {
     platform.frameMemory = lumora::inheritFrameMemory(*descriptor);
     if (!platform.frameMemory) endWith(invalidConfiguration);
@@ -85,8 +81,8 @@ void startService(const std::vector<std::string>& arguments,
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGALRM, SIG_IGN);  // one that was set before us; ours comes with its handler
-  std::signal(SIGXFSZ, SIG_IGN);  // a file too large is the take's failure
+  std::signal(SIGALRM, SIG_IGN);  // of an inherited timer; the watchdog installs its own handler
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that is too large fails the take, not the process
   unblockSignals();
   makeOutputNonBlocking();
   try {

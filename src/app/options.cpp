@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 #include <concepts>
+#include <string_view>
+#include <utility>
 
 #include "base/limits.h"
 
@@ -14,34 +16,38 @@ constexpr std::size_t minimumTokenBytes = 16;
 constexpr std::int64_t maximumPreviewWidth = 640;
 constexpr std::int64_t maximumPreviewHeight = 360;
 
-// Optional sign, decimal digits, nothing else. `from_chars` takes a minus for signed types only
-// and never a plus, so both are looked at here.
+const std::string* findVariable(const Environment& environment, const char* name) {
+  const auto found = environment.find(name);
+  return found == environment.end() ? nullptr : &found->second;
+}
+
+// Accepts an optional sign and decimal digits, nothing else.
 template <std::integral Integer>
-bool parseInteger(const std::string& text, Integer& value) {
-  const bool negative = text.starts_with('-');
-  const std::size_t digits = negative || text.starts_with('+') ? 1 : 0;
-  if (text.size() == digits || text[digits] < '0' || text[digits] > '9') return false;
-  const char* first = text.data() + (std::signed_integral<Integer> && negative ? 0 : digits);
+bool parseInteger(std::string_view text, Integer& value) {
+  // `from_chars` takes a minus, but no plus.
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
   const char* last = text.data() + text.size();
-  const auto [end, error] = std::from_chars(first, last, value);
-  if (error != std::errc{} || end != last) return false;
-  return std::signed_integral<Integer> || !negative || value == 0;
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), last, number);
+  if (error != std::errc{} || end != last || !std::in_range<Integer>(number)) return false;
+  value = static_cast<Integer>(number);
+  return true;
 }
 
 bool readEnvironmentSize(const Environment& environment, Configuration& configuration) {
-  const auto width = environment.find("TAVO_PREVIEW_WIDTH");
-  const auto height = environment.find("TAVO_PREVIEW_HEIGHT");
-  if (width == environment.end() && height == environment.end()) return true;
-  if (width == environment.end() || height == environment.end()) return false;
+  const std::string* width = findVariable(environment, "TAVO_PREVIEW_WIDTH");
+  const std::string* height = findVariable(environment, "TAVO_PREVIEW_HEIGHT");
+  if (width == nullptr && height == nullptr) return true;
+  if (width == nullptr || height == nullptr) return false;
   configuration.exactPreviewDimensions = true;
-  return parseInteger(width->second, configuration.previewWidth) &&
-         parseInteger(height->second, configuration.previewHeight);
+  return parseInteger(*width, configuration.previewWidth) &&
+         parseInteger(*height, configuration.previewHeight);
 }
 
 bool readFrameMemory(const Environment& environment, Configuration& configuration) {
-  const auto descriptor = environment.find("TAVO_FRAME_MEMORY");
-  if (descriptor == environment.end()) return true;
-  return parseInteger(descriptor->second, configuration.frameMemoryDescriptor.emplace());
+  const std::string* descriptor = findVariable(environment, "TAVO_FRAME_MEMORY");
+  return descriptor == nullptr ||
+         parseInteger(*descriptor, configuration.frameMemoryDescriptor.emplace());
 }
 
 bool applyOption(const std::string& name, const std::string& value, Configuration& configuration) {
@@ -50,15 +56,10 @@ bool applyOption(const std::string& name, const std::string& value, Configuratio
     return true;
   }
   if (name == "--port") return parseInteger(value, configuration.port);
-  if (name == "--preview-width") {
-    configuration.exactPreviewDimensions = true;
-    return parseInteger(value, configuration.previewWidth);
-  }
-  if (name == "--preview-height") {
-    configuration.exactPreviewDimensions = true;
-    return parseInteger(value, configuration.previewHeight);
-  }
-  return false;
+  const bool isWidth = name == "--preview-width";
+  if (!isWidth && name != "--preview-height") return false;
+  configuration.exactPreviewDimensions = true;
+  return parseInteger(value, isWidth ? configuration.previewWidth : configuration.previewHeight);
 }
 
 bool isValidSize(std::int64_t size, std::int64_t maximum) {
@@ -93,9 +94,12 @@ std::optional<Configuration> options(const std::vector<std::string>& arguments,
       !isValidSize(configuration.previewHeight, maximumPreviewHeight)) {
     return std::nullopt;
   }
-  const auto token = environment.find("TAVO_VIDEO_TOKEN");
-  if (token == environment.end() || !isValidToken(token->second)) return std::nullopt;
-  configuration.token = token->second;
+  const std::string* token = findVariable(environment, "TAVO_VIDEO_TOKEN");
+  if (token == nullptr || !isValidToken(*token)) return std::nullopt;
+  configuration.token = *token;
+  if (const auto* choice = findVariable(environment, "TAVO_H264_ENCODER")) {
+    configuration.h264Encoder = *choice;
+  }
   return configuration;
 }
 

@@ -17,16 +17,17 @@ struct Configuration {
   std::string token;
   std::int64_t previewWidth = 640;
   std::int64_t previewHeight = 360;
-  bool exactPreviewDimensions = false;            // the size was given, not defaulted
+  bool exactPreviewDimensions = false;            // the size was given, it is not the default
   std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
+  std::string h264Encoder = {};                   // which encoders may be used; empty: the default
 
   bool operator==(const Configuration&) const = default;
 };
 
 using Environment = std::map<std::string, std::string>;
 
-// The configuration that `arguments` (without the program's name) and `environment` describe;
-// nothing when any of it is invalid.
+// The configuration that `arguments` (without the program's name) and `environment` describe; empty
+// when any of it is invalid.
 std::optional<Configuration> options(const std::vector<std::string>& arguments,
                                      const Environment& environment);
 

@@ -13,21 +13,13 @@
 
 namespace lumora {
 
-VideoEncoder::VideoEncoder(const Configuration& configuration, Platform services)
-    : platform(std::move(services)),
-      host(configuration.host),
-      port(configuration.port),
-      token(configuration.token),
-      previewWidth(configuration.previewWidth),
-      previewHeight(configuration.previewHeight),
-      exactPreviewDimensions(configuration.exactPreviewDimensions) {}
-
 void VideoEncoder::start() {
   platform.encoders->prepare(
-      sessionSettings(SessionKind::preview, {previewWidth, previewHeight}, previewTargetFPS),
+      sessionSettings(SessionKind::preview,
+                      {configuration.previewWidth, configuration.previewHeight}, previewTargetFPS),
       RecordingProfile::defaultProfile().sessionSettings());
   platform.stateQueue->setFailureHandler(weakly(&VideoEncoder::fail));
-  listener = platform.network->makeListener(host, port);
+  listener = platform.network->makeListener(configuration.host, configuration.port);
   listener->setConnectionHandler(weakly(&VideoEncoder::accept));
   listener->setStateHandler(weakly(&VideoEncoder::listenerChanged));
   serviceTickLater();
@@ -42,12 +34,9 @@ void VideoEncoder::listenerChanged(ListenerState state) {
   if (!running) return;
   if (state == ListenerState::failed) fail("video listener failed");
   if (state != ListenerState::ready) return;
-  if (listener->port() == 0) {
-    fail("listener has no port");
-    return;
-  }
-  // The parent sends frames once we say "ready". Encoders that open under that load take several
-  // times as long, and frames would be lost.
+  if (listener->port() == 0) return fail("listener has no port");
+  // The parent starts to send frames when it reads "ready". Encoders that open after that compete
+  // with the frames for the CPU: opening takes several times as long, and frames are dropped.
   platform.encoders->whenPrepared(weakly(&VideoEncoder::becomeReady));
   platform.stateQueue->asyncAfter(prepareTimeout, weakly(&VideoEncoder::becomeReady));
 }
@@ -81,7 +70,8 @@ void VideoEncoder::serviceTick() {
 }
 
 void VideoEncoder::fail(const std::string& message) {
-  platform.process->armWatchdog(watchdogTimeout, 1);  // before anything that needs memory
+  // First, since the next steps need memory and may throw.
+  platform.process->armWatchdog(watchdogTimeout, 1);
   emit(errorEvent(message));
   shutdown(1);
 }
@@ -111,15 +101,13 @@ void VideoEncoder::exitNow(int code) {
   if (!running) return;
   running = false;
   concludeAbandonedTake();
-  bestEffort([this] { closeEverything(); });
+  bestEffort([this] {
+    if (listener) listener->cancel();
+    preview.close();
+    take.resetRecordingSession();
+    for (const auto& signal : signals) signal->cancel();
+  });
   platform.process->exit(code);
-}
-
-void VideoEncoder::closeEverything() {
-  if (listener) listener->cancel();
-  preview.close();
-  take.resetRecordingSession();
-  for (const auto& signal : signals) signal->cancel();
 }
 
 void VideoEncoder::emit(const Json& event) {
@@ -127,7 +115,7 @@ void VideoEncoder::emit(const Json& event) {
   if (!line) return;
   const auto* text = reinterpret_cast<const std::uint8_t*>(line->data());
   const ssize_t written = platform.process->writeOutput({text, line->size()});
-  // A full pipe loses the line, a short write its rest: the parent never slows the service down.
+  // We never wait for the parent to read: when the pipe is full the line, or its rest, is lost.
   const bool broken = written < 0 && written != -EAGAIN && written != -EWOULDBLOCK;
   if (broken && running) shutdown(0);
 }

@@ -1,8 +1,8 @@
 #pragma once
 
-// The one service object. It holds the state of the whole helper; its operations are defined in
-// the folder of the subsystem they belong to. Everything runs on the state queue, without locks,
-// except where a comment says otherwise.
+// The one service object. It holds the state of the whole helper. Each operation is defined in the
+// folder of its subsystem. Everything runs on the state queue, without locks, unless a comment
+// names another thread.
 
 #include <cstdint>
 #include <functional>
@@ -11,6 +11,7 @@
 #include <optional>
 #include <semaphore>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -18,7 +19,6 @@
 #include "base/json.h"
 #include "base/limits.h"
 #include "encode/raw_encoding_completion.h"
-#include "input/raw_admission.h"
 #include "input/raw_frame.h"
 #include "platform/platform.h"
 #include "record/current_take.h"
@@ -31,27 +31,29 @@ struct RecordHeader;
 
 class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
  public:
-  VideoEncoder(const Configuration& configuration, Platform platform);
+  VideoEncoder(const Configuration& given, Platform services)
+      : platform(std::move(services)), configuration(given) {}
 
   // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
   void start();
   void shutdown(int code);
-  // Any thread; the process then ends in time even if the state queue stands.
+  // Any thread. Even if the state queue hangs, the process ends within `watchdogTimeout`.
   void requestShutdown();
   void requestFailure(const std::string& message);
   void exitNow(int code);
   void emit(const Json& event);
 
-  // input/: `readFrames` blocks until the input ends, on the reader's own thread.
+  // input/: `readFrames` runs on the reader thread and blocks until the input ends.
   void readFrames();
   void releaseRaw();
 
   // encode/
   void encode(const RawFrame& frame);
 
-  // stream/: `deliver` throws EncoderFailure before any peer changes.
+  // stream/: when `deliver` throws EncoderFailure no peer has been changed. `remove` ignores a peer
+  // that is gone.
   void accept(std::shared_ptr<TcpConnection> connection);
-  void remove(const std::shared_ptr<Peer>& peer);
+  void remove(std::uint64_t peerID);
   void deliver(const EncodedSample& sample, std::uint64_t id);
   void sweepPeers();
 
@@ -65,8 +67,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
  private:
   friend struct VideoEncoderProbe;  // unit tests look inside
 
-  // A handler that calls `work` with this service, `bound` and its own arguments. It does nothing
-  // once the service is gone.
+  // A handler that calls `work` with this service, then `bound`, then the handler's own arguments.
+  // It does nothing once the service is gone.
   template <typename Work, typename... Bound>
   auto weakly(Work work, Bound... bound) {
     return [weak = weak_from_this(), work = std::move(work),
@@ -82,24 +84,18 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void becomeReady();
   void serviceTick();
   void serviceTickLater();
-  void fail(const std::string& message);  // "error" event and shutdown with 1
-  void closeEverything();
+  void fail(const std::string& message);  // emits the "error" event and shuts down with status 1
 
-  // input/
-  void readRecords();
-  bool readExactly(MutableByteView space);
-  bool readCommand(const RecordHeader& header);
-  bool readFrame(const RecordHeader& header);
-  // The pixels of a frame record, from the input or in the parent's memory; null when it has ended
-  // us.
+  // input/: reader thread. All but `readExactly` throw when the input breaks the protocol or ends
+  // inside a record.
+  bool readExactly(MutableByteView space);  // false when the input ends first
+  void readCommand(const RecordHeader& header);
+  void readFrame(const RecordHeader& header);
   std::shared_ptr<const std::uint8_t[]> readPixels(const RecordHeader& header);
   std::shared_ptr<const std::uint8_t[]> sharedPixels(const RecordHeader& header);
-  void enqueue(std::shared_ptr<const RawFrame> admitted);
 
   // encode/
-  std::shared_ptr<CompressionSession> compressionSession(std::int64_t sessionWidth,
-                                                         std::int64_t sessionHeight, bool recording,
-                                                         int targetFPS);
+  std::shared_ptr<CompressionSession> compressionSession(const EncoderSettings& settings);
   // What a session answered for one frame.
   struct Encoded {
     Status status = 0;
@@ -107,42 +103,41 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
     std::shared_ptr<const EncodedSample> sample;
     double submitted = 0;  // uptime seconds
 
-    // Throws EncoderFailure unless there is a sample; `what` names the encoding in its text.
+    // Throws EncoderFailure unless there is a sample. Its text begins with `what`.
     void require(const char* what) const;
   };
-  using OutcomeHandler = std::function<void(VideoEncoder&, const Encoded&)>;
-  Status submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer, RationalTime time,
-                FrameProperties properties,
-                const std::shared_ptr<RawEncodingCompletion>& completion, OutcomeHandler handle);
+  using OutcomeHandler = std::function<void(const Encoded&)>;
+  // Runs `handle` once the session has answered. Throws EncoderFailure when the session refuses the
+  // frame; its text begins with `what`.
+  void submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer, RationalTime time,
+              bool forceKeyFrame, const std::shared_ptr<RawEncodingCompletion>& completion,
+              const char* what, OutcomeHandler handle);
   void encodePreview(const RawFrame& frame,
                      const std::shared_ptr<RawEncodingCompletion>& completion);
   void preparePreviewSession(const RawFrame& frame);
-  void previewEncoded(const Encoded& encoded, std::uint64_t id);
+  void previewEncoded(std::uint64_t id, const Encoded& encoded);
   void encodeRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie,
                        const std::shared_ptr<RawEncodingCompletion>& completion);
   void prepareRecordingSession(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie);
-  void submitRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie,
-                       const std::shared_ptr<RawEncodingCompletion>& completion);
-  void recordingEncoded(const Encoded& encoded, const std::shared_ptr<MovieRecorder>& movie,
-                        double capturedAt);
+  void recordingEncoded(const std::shared_ptr<MovieRecorder>& movie, double capturedAt,
+                        const Encoded& encoded);
 
   // stream/
-  void receive(const std::shared_ptr<Peer>& peer);
-  void received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended);
+  void receive(const Peer& peer);
+  void received(std::uint64_t peerID, ByteView bytes, bool complete, std::error_code error);
+  // These three answer false when the connection must end.
   bool takeBytes(Peer& peer, ByteView bytes);
   bool handleLine(Peer& peer);
   bool authenticate(Peer& peer, const std::string& offered);
-  void sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets, std::uint64_t id);
+  void sendFrame(Peer& peer, const FramePackets& packets, std::uint64_t id);
+  void sent(std::uint64_t peerID, std::error_code error);
 
   // record/
   void startRecording(const Json& command);
   void stopRecording(const Json& command);
-  void beginTake(const Json& command, const RecordingProfile& profile,
-                 std::optional<double> startedAt);
   void relayRecording(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from);
   void tellParent(const TakeEvent& event);
   void concludeAbandonedTake();
-  void movieFinished(const std::shared_ptr<MovieRecorder>& movie);
   void takeEnded();
 
   // diag/
@@ -152,16 +147,11 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   double uptime() const { return platform.clock->uptime(); }
   double millisecondsSince(double time) const { return (uptime() - time) * 1000.0; }
 
-  // The fields by subsystem. All belong to the state queue, unless their heading says otherwise.
+  // The fields by subsystem. They belong to the state queue unless their comment says otherwise.
 
-  // app/: the machine and the configuration. They never change, so any thread may read them.
+  // app/: any thread may read these two, since they never change.
   const Platform platform;
-  const std::string host;
-  const std::uint16_t port;
-  const std::string token;
-  const std::int64_t previewWidth;
-  const std::int64_t previewHeight;
-  const bool exactPreviewDimensions;
+  const Configuration configuration;
 
   // app/: lifecycle.
   bool running = true;
@@ -170,21 +160,22 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<TcpListener> listener;
   std::vector<std::unique_ptr<SignalSource>> signals;
 
-  // input/: admission, shared by the reader's thread and the state queue under its own lock.
+  // input/: any thread.
   RawAdmission raw;
 
-  // input/: taken by the reader's thread for a command, given back by the state queue with it. A
-  // parent that sends more than the state queue handles waits, for `commandSlotTimeout` at most.
+  // input/: any thread. The reader acquires a slot for each command, and the state queue releases
+  // it when it handles the command. Without a free slot the reader waits, at most
+  // `commandSlotTimeout`.
   std::counting_semaphore<> commandSlots{maximumPendingCommands};
 
-  // input/: the reader. Its thread only.
+  // input/: reader thread only.
   std::uint64_t lastFrameID = 0;
-  bool commandsAreLate = false;  // the last one found no slot
+  bool commandsAreLate = false;  // the last command found no free slot
 
   Preview preview;
   CurrentTake take;
 
-  // diag/: when the last reports went out, in uptime seconds.
+  // diag/: uptime of the last "stats" event, and of the last one with all keys.
   double lastStats = 0;
   double lastDiagnostics = -std::numeric_limits<double>::infinity();
 };

@@ -9,7 +9,7 @@ namespace lumora {
 
 int syncDirectory(const std::string& path) {
   const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  // A directory that may be written to, but not read, can't be asked.
+  // A directory that we may write to but not read can't be synced.
   if (descriptor < 0) return errno == EACCES ? 0 : errno;
   const int error = fsync(descriptor) == 0 || errno == EINVAL ? 0 : errno;
   close(descriptor);

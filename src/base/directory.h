@@ -4,8 +4,8 @@
 
 namespace lumora {
 
-// Waits until the names in a directory are on the disk, as far as the file system lets anybody ask
-// for it: 0 or an errno. A new name is safe against a power cut only then.
+// Waits until the names in a directory are on the disk: 0 or an errno. Only then does a new name
+// survive a power cut. Also 0 if the directory is unreadable or its file system can't sync it.
 int syncDirectory(const std::string& path);
 
 }  // namespace lumora

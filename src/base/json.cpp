@@ -7,45 +7,36 @@
 #include <string_view>
 
 namespace lumora {
-
 namespace {
 
 Json parse(std::string_view text) { return Json::parse(text, nullptr, /*allow_exceptions=*/false); }
 
-// `number` with its runs of digits cut to two: as well-formed as before.
-std::string shortened(std::string_view number) {
-  std::string text;
-  int run = 0;
-  for (const char character : number) {
-    run = character >= '0' && character <= '9' ? run + 1 : 0;
-    if (run <= 2) text += character;
+// Whether `token` is a JSON number that a double can't hold.
+bool isTooLarge(const std::string& token) {
+  char* end = nullptr;
+  if (!std::isinf(std::strtod(token.c_str(), &end)) || *end != '\0') return false;
+  try {
+    [[maybe_unused]] const Json number = Json::parse(token);
+  } catch (const Json::out_of_range&) {
+    return true;
+  } catch (const Json::exception&) {  // strtod also reads +1e999 and 01e999, which JSON forbids
   }
-  return text;
+  return false;
 }
 
-// A number too large for a double becomes one that is just not.
-std::string limited(std::string_view number) {
-  std::string text(number);
-  const bool tooLarge = std::isinf(std::strtod(text.c_str(), nullptr));
-  if (!tooLarge || !Json::accept(shortened(number))) return text;
-  return number.front() == '-' ? "-1e308" : "1e308";
-}
-
+// Outside strings, numbers that a double can't hold become 1e308 or -1e308.
 std::string withLimitedNumbers(std::string_view text) {
   std::string result;
-  bool quoted = false;
   for (std::size_t i = 0; i < text.size();) {
-    const std::string_view rest = text.substr(i);
-    const std::size_t number = quoted ? 0 : rest.find_first_not_of("+-.0123456789Ee");
-    if (number > 0) {
-      result += limited(rest.substr(0, number));
-      i += std::min(number, rest.size());
-      continue;
+    // A token ends behind a number, a string or any other character.
+    std::size_t end = std::max(text.find_first_not_of("+-.0123456789Ee", i), i + 1);
+    if (text[i] == '"') {
+      while (end < text.size() && text[end] != '"') end += text[end] == '\\' ? 2 : 1;
+      ++end;
     }
-    if (rest.front() == '"') quoted = !quoted;
-    const std::size_t length = quoted && rest.front() == '\\' ? 2 : 1;
-    result += rest.substr(0, length);
-    i += length;
+    const std::string token(text.substr(i, end - i));
+    result += !isTooLarge(token) ? token : token.front() == '-' ? "-1e308" : "1e308";
+    i += token.size();
   }
   return result;
 }
@@ -56,7 +47,7 @@ std::optional<Json> parseJson(ByteView bytes) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (text.find('\0') != std::string_view::npos) return std::nullopt;  // to the parser, an end
   Json value = parse(text);
-  // JSON's numbers have no limit; the parser takes those that a double can't hold for an error.
+  // JSON's numbers have no limit, but the parser refuses those that a double can't hold.
   if (value.is_discarded()) value = parse(withLimitedNumbers(text));
   if (value.is_discarded()) return std::nullopt;
   return value;

@@ -9,13 +9,14 @@ namespace lumora {
 
 using Json = nlohmann::json;
 
-// Parses UTF-8 JSON text; nothing when it is not valid JSON. Never throws.
+// Parses UTF-8 JSON text; nothing if it is not valid JSON. Numbers beyond a double's range count as
+// 1e308 or -1e308. Never throws.
 std::optional<Json> parseJson(ByteView text);
 
-// The value under `key` of an object, or null when there is none.
+// The value under `key` of an object; null if there is none.
 const Json* findValue(const Json& object, const char* key);
 
-// The text under `key` of an object, or null when it is absent or not a string.
+// The text under `key` of an object; null if it is absent or not a string.
 const std::string* findString(const Json& object, const char* key);
 
 }  // namespace lumora

@@ -1,6 +1,6 @@
 #pragma once
 
-// The limits and timeouts of the service as a whole; those of one format or rule stand beside it.
+// The limits and timeouts of the service as a whole. Those of one format or rule stand in its file.
 
 #include <chrono>
 #include <cstddef>
@@ -9,22 +9,20 @@
 namespace lumora {
 
 constexpr std::int64_t maximumRawPixels = 1920 * 1080;                // of a raw frame
-constexpr std::size_t maximumRawBytes = 1920 * 1080 * 4;              // of a raw frame
-constexpr std::size_t maximumRecordingSampleBytes = maximumRawBytes;  // no sample is that large
-constexpr std::size_t maximumPacketBytes =
-    std::size_t{2} * 1024 * 1024;               // of a stream packet, its length field not counted
-constexpr std::size_t maximumLineBytes = 4096;  // event, command, peer line
+constexpr std::size_t maximumRecordingSampleBytes = 1920 * 1080 * 4;  // a raw frame's size
+constexpr std::size_t maximumPacketBytes = 2 << 20;  // of a stream packet without its length field
+constexpr std::size_t maximumLineBytes = 4096;       // event, command, peer line
 constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
 constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 
-constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not handled
+constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not yet handled
 constexpr std::chrono::seconds commandSlotTimeout{2};  // the longest wait for one to be handled
 
 constexpr std::size_t maximumAuthenticatedPeers = 2;
 constexpr std::size_t maximumWaitingPeers = 4;          // accepted, no "hello" yet
 constexpr std::size_t maximumUnacknowledgedFrames = 6;  // per peer
 constexpr double helloTimeout = 1.0;                    // seconds from accept to a valid "hello"
-// Seconds that a sent frame may stay unacknowledged, and also that a send may stay untaken.
+// Seconds that a frame may stay unacknowledged, and that the network may take for one send.
 constexpr double acknowledgementTimeout = 0.5;
 
 constexpr int mirroredRecordingWidth = 1080;  // pixels of the default recording profile
@@ -33,7 +31,7 @@ constexpr int mirroredRecordingHeight = 720;
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
 constexpr double prepareTimeout = 0.5;     // seconds that "ready" waits for an encoder
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish
-// Seconds until the process ends whatever the state queue does: later than its own deadline.
+// Seconds until the process ends even if the state queue hangs. Longer than `shutdownTimeout`.
 constexpr double watchdogTimeout = 2.2;
 
 }  // namespace lumora

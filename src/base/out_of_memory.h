@@ -1,14 +1,14 @@
 #pragma once
 
-// What happens when memory is short: `new` waits for it, optional steps are skipped, and where
-// neither helps the exception ends what was being done.
+// What happens when memory is short: `new` waits for it, and optional steps are skipped. Otherwise
+// std::bad_alloc ends the step.
 
 #include <exception>
 
 namespace lumora {
 
-// From now on `new` waits for memory before it throws std::bad_alloc: up to a second in each
-// shortage, on the thread that is short. Before other threads start.
+// From now on `new` waits for memory for up to a second before it throws std::bad_alloc. Call it
+// before other threads start.
 void waitForMemory();
 
 // Runs an optional step and swallows its exception.

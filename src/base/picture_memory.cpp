@@ -9,15 +9,13 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t cacheLine = 64;
-// Between two frames two raw frames and the buffers of both sessions are idle.
+// Between two frames, two raw frames and the buffers of both sessions are idle.
 constexpr std::size_t maximumIdle = 4;
-constexpr std::size_t largestIdle = std::size_t{16} << 20;  // more would hold on to too much
+constexpr std::size_t largestIdle = std::size_t{16} << 20;  // bytes; larger pictures are freed
 
 }  // namespace
 
-void ReturnPicture::operator()(std::uint8_t* memory) const { pool->give(size, memory); }
-
-// Giving a picture back must not fail for want of memory.
+// Reserved so that `give` never allocates.
 PicturePool::PicturePool() { idle_.reserve(maximumIdle + 1); }
 
 std::shared_ptr<PicturePool> PicturePool::make() {
@@ -34,9 +32,12 @@ PictureMemory PicturePool::allocate(std::size_t size) {
   std::uint8_t* memory = takeIdle(rounded);
   if (memory == nullptr) {
     memory = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, rounded));
-    if (memory != nullptr) useHugePages(memory, rounded);
+    if (memory == nullptr) return nullptr;
+    useHugePages(memory, rounded);
   }
-  return {memory, ReturnPicture{rounded, shared_from_this()}};
+  return {memory, [pool = shared_from_this(), rounded](std::uint8_t* unused) {
+            pool->give(rounded, unused);
+          }};
 }
 
 std::uint8_t* PicturePool::takeIdle(std::size_t size) {
@@ -49,17 +50,12 @@ std::uint8_t* PicturePool::takeIdle(std::size_t size) {
 }
 
 void PicturePool::give(std::size_t size, std::uint8_t* memory) {
-  std::uint8_t* unneeded = memory;
-  if (size <= largestIdle) {
-    const std::lock_guard hold(mutex_);
-    idle_.push_back({size, memory});
-    unneeded = nullptr;
-    if (idle_.size() > maximumIdle) {
-      unneeded = idle_.front().memory;
-      idle_.erase(idle_.begin());
-    }
-  }
-  std::free(unneeded);
+  if (size > largestIdle) return std::free(memory);
+  const std::lock_guard hold(mutex_);
+  idle_.push_back({size, memory});
+  if (idle_.size() <= maximumIdle) return;
+  std::free(idle_.front().memory);
+  idle_.erase(idle_.begin());
 }
 
 }  // namespace lumora

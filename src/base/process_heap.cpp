@@ -29,18 +29,16 @@ struct Free {
 
 }  // namespace
 
-void useHugePages([[maybe_unused]] std::uint8_t* from, [[maybe_unused]] std::size_t bytes) {
-#ifdef MADV_HUGEPAGE
+void useHugePages(std::uint8_t* from, std::size_t bytes) {
   void* aligned = from;
   if (std::align(hugePage, hugePage, aligned, bytes) == nullptr) return;
   madvise(aligned, bytes / hugePage * hugePage, MADV_HUGEPAGE);
-#endif
 }
 
 void keepFreedMemory() {
 #if defined(__GLIBC__)
-  constexpr int largestBlock = 32 << 20;  // the most that the C library takes from the heap
-  constexpr int mostFree = 1 << 30;
+  constexpr int largestBlock = 32 << 20;  // bytes; the C library maps larger blocks on their own
+  constexpr int mostFree = 1 << 30;       // bytes; beyond it the C library trims the heap
   // NOLINTBEGIN(concurrency-mt-unsafe): before other threads start
   mallopt(M_ARENA_MAX, 1);
   mallopt(M_MMAP_THRESHOLD, largestBlock);
@@ -50,8 +48,8 @@ void keepFreedMemory() {
 }
 
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop) {
-  std::vector<std::unique_ptr<std::uint8_t, Free>> blocks;  // one after the other in the heap
-  std::mutex unshared;
+  std::vector<std::unique_ptr<std::uint8_t, Free>> blocks;
+  std::mutex unshared;  // for the condition variable, whose wait ends at once when stopped
   std::condition_variable_any stopped;
   std::unique_lock hold(unshared);
   for (std::size_t touched = 0; touched < bytes; touched += blockBytes) {
@@ -73,14 +71,12 @@ void trimHeap() {
 }
 
 void trimHeapBeyondNeed() {
-  constexpr std::size_t mostKilobytes = std::size_t{150} << 10;
-  std::size_t all = 0;
-  std::size_t pages = 0;
+  constexpr std::size_t mostBytes = std::size_t{150} << 20;
+  std::size_t allPages = 0;
+  std::size_t residentPages = 0;
   std::ifstream statm("/proc/self/statm");
-  if (!(statm >> all >> pages)) return;
-  if (pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024 > mostKilobytes) {
-    trimHeap();
-  }
+  if (!(statm >> allPages >> residentPages)) return;
+  if (residentPages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) > mostBytes) trimHeap();
 }
 
 }  // namespace lumora

@@ -24,10 +24,10 @@ std::string reasonOf(const std::exception& error) {
   if (const auto* refused = dynamic_cast<const std::system_error*>(&error)) {
     return refused->code().message();
   }
-  if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
-    return std::generic_category().message(ENOMEM);
-  }
+  if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) return reasonOf(ENOMEM);
   return error.what();
 }
+
+std::string reasonOf(int error) { return std::generic_category().message(error); }
 
 }  // namespace lumora

@@ -11,5 +11,7 @@ std::string firstCharacters(const std::string& text, std::size_t count);
 
 // What went wrong, in the system's words if it has some: "Too many open files".
 std::string reasonOf(const std::exception& error);
+// The same for an errno.
+std::string reasonOf(int error);
 
 }  // namespace lumora

@@ -10,7 +10,7 @@ constexpr const char* softwareEncoder = "libx264";
 // Which encoders the user allows.
 struct AllowedEncoders {
   std::vector<std::string> hardware;  // names of libavcodec's encoders, best first
-  bool software = false;              // while, or where, no hardware is found
+  bool software = false;              // until hardware is found, and where it refuses
   std::string preset = {};            // of the software encoder; empty: our own settings
 };
 

@@ -4,19 +4,16 @@
 #include <cstring>
 #include <system_error>
 
+#include "base/thread.h"
 #include "codec/allowed_encoders.h"
 
 namespace lumora {
-namespace {
-
-constexpr int picturesThatShowADriver = 2;
-
-}  // namespace
 
 bool isHardware(const AVCodec& codec) { return std::strcmp(codec.name, softwareEncoder) != 0; }
 
 OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
                       const EncoderSettings& settings, int pictures) try {
+  constexpr int picturesThatShowADriver = 2;
   if (isHardware(codec)) pictures = std::max(pictures, picturesThatShowADriver);
   OpenedEncoder opened;
   opened.status = open(codec, settings, opened.encoder);
@@ -29,15 +26,16 @@ OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
   return {AVERROR_EXTERNAL};
 }
 
-OpenedEncoder openBy(OpeningClock::time_point deadline, const EncoderFactory& open,
-                     const AVCodec& codec, const EncoderSettings& settings, int pictures) {
+// A driver that hangs keeps its thread, and we go on without it.
+OpenedEncoder openInTime(const EncoderFactory& open, const AVCodec& codec,
+                         const EncoderSettings& settings, int pictures) {
   if (!isHardware(codec)) return openNow(open, codec, settings, pictures);
-  if (OpeningClock::now() >= deadline) return {AVERROR(ETIMEDOUT)};
   try {
-    auto later = onDriverThread(
-        [open, &codec, settings, pictures] { return openNow(open, codec, settings, pictures); });
-    if (later.wait_until(deadline) != std::future_status::ready) return {AVERROR(ETIMEDOUT)};
-    return later.get();
+    auto opened = startTask("lumora.driver", [open, &codec, settings, pictures] {
+      return openNow(open, codec, settings, pictures);
+    });
+    if (opened.wait_for(longestOpening) == std::future_status::ready) return opened.get();
+    return {AVERROR(ETIMEDOUT)};
   } catch (const std::system_error&) {
     return {AVERROR(EAGAIN)};  // no thread
   } catch (const std::exception&) {

@@ -4,16 +4,13 @@
 
 #include <chrono>
 #include <functional>
-#include <future>
-#include <thread>
-#include <utility>
+#include <memory>
 
-#include "base/thread_name.h"
 #include "codec/libav_encoder.h"
 
 namespace lumora {
 
-using OpeningClock = std::chrono::steady_clock;
+// How long a driver may take to open an encoder.
 constexpr std::chrono::seconds longestOpening{1};
 
 // Opens an encoder: 0 or an AVERROR. May block for as long as a driver does.
@@ -36,21 +33,8 @@ bool isHardware(const AVCodec& codec);
 OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
                       const EncoderSettings& settings, int pictures);
 
-// The same, but AVERROR(ETIMEDOUT) when hardware has not answered by the deadline. Never throws.
-OpenedEncoder openBy(OpeningClock::time_point deadline, const EncoderFactory& open,
-                     const AVCodec& codec, const EncoderSettings& settings, int pictures);
-
-// Runs `work` on a thread of its own, which we abandon if its driver hangs. Throws
-// std::system_error if no thread can be made.
-template <typename Work>
-auto onDriverThread(Work work) {
-  std::packaged_task<decltype(work())()> task([work = std::move(work)] {
-    nameThread("lumora.driver");
-    return work();
-  });
-  auto done = task.get_future();
-  std::thread(std::move(task)).detach();
-  return done;
-}
+// The same, but AVERROR(ETIMEDOUT) if hardware takes longer than `longestOpening`. Never throws.
+OpenedEncoder openInTime(const EncoderFactory& open, const AVCodec& codec,
+                         const EncoderSettings& settings, int pictures);
 
 }  // namespace lumora

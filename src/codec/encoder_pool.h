@@ -1,8 +1,8 @@
 #pragma once
 
-// Gives sessions their encoders. Opening one takes a part of a frame's time, so one of each kind
-// can be opened ahead, on the opener's queue, and an encoder is kept for the next session. Any
-// thread.
+// Gives sessions their encoders. Opening one takes part of a frame's time. So one of each kind can
+// be opened ahead, on the opener's queue, and the encoder of a session that ended is kept for the
+// next one. Any thread.
 
 #include <array>
 #include <atomic>
@@ -11,7 +11,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <stop_token>
 
 #include "codec/encoder_opening.h"
@@ -28,8 +27,8 @@ struct EncoderRequest {
 
 class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
  public:
-  // Seconds until unused encoders and memory are freed, counted from the last opening ahead or
-  // release. Not while a take runs.
+  // Seconds from the last opening ahead or release until unused encoders and memory are freed. A
+  // running take puts that off.
   static constexpr double idleBeforeTrim = 60;
 
   EncoderPool(EncoderFactory open, std::shared_ptr<SerialQueue> opener, std::function<void()> trim)
@@ -38,7 +37,7 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   // Opens an encoder in the background for the next session of these settings, and has it encode
   // some grey `pictures`. Replaces the one that was opened ahead for the same kind of session.
   void openAhead(const AVCodec& codec, const EncoderSettings& settings, int pictures);
-  // Keeps an open encoder for the next session, unless one was opened ahead for that.
+  // Keeps an open encoder for the next session, unless one was opened ahead for that session.
   void keep(const AVCodec& codec, const EncoderSettings& settings, OpenedEncoder opened);
 
   // Returns the encoder opened ahead, or opens one. Each opening and each wait ends after a second.
@@ -52,34 +51,36 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   void release(const EncoderRequest& request, OpenedEncoder opened);
 
  private:
-  using Claim = std::atomic_flag;  // set by who opens the encoder: the opener, or its user before
+  // An encoder for the next session of its kind. The opener opens it unless a session takes it out
+  // of its slot first; that session opens its own.
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;
-    std::future<OpenedEncoder> opened;
-    std::shared_ptr<Claim> claim;
-  };
-  using EachAhead = std::array<std::optional<Ahead>, 4>;  // by kind of session, and by `isHardware`
+    bool isBegun;  // whether its opening has begun; changes only in the slot
+    std::promise<OpenedEncoder> opened = {};
 
-  std::optional<Ahead>& slot(const AVCodec& codec, const EncoderSettings& settings);
-  static OpenedEncoder resultOf(Ahead& ahead);
-  OpenedEncoder takeAhead(const AVCodec& codec, const EncoderSettings& settings);
-  OpenedEncoder open(const AVCodec& codec, const EncoderSettings& settings);
-  bool isReleasing();
-  bool waitForReleases(const std::stop_token& stopped);
+    bool isFor(const AVCodec& wanted, const EncoderSettings& by) const {
+      return codec == &wanted && settings == by;
+    }
+  };
+  using Slots = std::array<std::shared_ptr<Ahead>, 4>;  // by kind of session, and by `isHardware`
+
+  std::shared_ptr<Ahead>& slot(const AVCodec& codec, const EncoderSettings& settings);
+  static OpenedEncoder resultOf(const std::shared_ptr<Ahead>& ahead);
+  void openIfWanted(const std::shared_ptr<Ahead>& ahead, int pictures);
   bool closeAhead(const AVCodec& codec);
   void trimLater();
-  void trim(std::uint64_t asked);
+  void trim();
 
   const EncoderFactory open_;
   const std::shared_ptr<SerialQueue> opener_;
   const std::function<void()> trim_;
-  std::mutex mutex_;  // guards the rest
+  std::atomic<std::uint64_t> trimAsked_ = 0;  // only the latest call of `trimLater` trims
+  std::mutex mutex_;                          // guards the rest
   std::condition_variable_any released_;
-  int releasing_ = 0;            // hardware encoders that stopped sessions still hold
-  int recordings_ = 0;           // recording sessions that have an encoder or wait for one
-  std::uint64_t trimAsked_ = 0;  // only the latest call trims
-  EachAhead ahead_;
+  int releasing_ = 0;   // hardware encoders that stopped sessions still hold
+  int recordings_ = 0;  // recording sessions that have an encoder or wait for one
+  Slots ahead_;
 };
 
 }  // namespace lumora

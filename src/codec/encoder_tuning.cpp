@@ -10,20 +10,21 @@ extern "C" {
 #include <utility>
 #include <vector>
 
+#include "codec/allowed_encoders.h"
+
 namespace lumora {
 namespace {
 
 using CodecOptions = std::vector<std::pair<std::string, std::string>>;
 
-// From twice this size on one frame takes long enough for a second slice thread to pay; a third one
-// only waits for a core.
+// A second slice thread pays from twice this size on. A third one only waits for a core.
 constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 
-// One frame is in flight at a time, so the slowest frames decide what is dropped, and those are the
-// key frames of both sessions falling together. Preview and 1920×1080 take together on two cores,
-// milliseconds per frame (medians of five rounds of 240 frames, both encoders fed ready pictures),
-// and the take's SSIM:
+// One frame is in flight at a time, so the slowest frames decide what is dropped. These are the
+// ones that both sessions encode as key frames. The table is of a preview and a 1920×1080 take
+// together on two cores: milliseconds per frame (medians of five rounds of 240 frames, both
+// encoders fed ready pictures), and the take's SSIM.
 //
 //                        CPU   latency   of a key frame   SSIM
 //   ultrafast            16.3    11.3         12.8        0.9405
@@ -32,10 +33,9 @@ constexpr int maximumSliceThreads = 2;
 //   ours, three threads  20.3    13.6         16.6        0.9570
 //   ours with CABAC      22.2    13.6         26.5        0.9591
 //   superfast            22.3    13.6         27.8        0.9594
-CodecOptions x264Options(const EncoderSettings& settings, const std::string& preset) {
-  const bool high = settings.profile == ProfileLevel::highAuto;
+CodecOptions x264Options(bool high, const std::string& preset) {
   const bool ours = preset.empty();
-  // Without larger transforms a stream of these presets would not be High.
+  // These presets make a High stream only with 8×8 transforms.
   std::string parameters = high ? "8x8dct=1" : "8x8dct=0";
   if (ours) parameters += ":subme=1:no-deblock=0";
   return {{"preset", ours ? "ultrafast" : preset},
@@ -43,7 +43,7 @@ CodecOptions x264Options(const EncoderSettings& settings, const std::string& pre
           {"profile", high ? "high" : "baseline"},
           {"x264-params", parameters},
           {"forced-idr", "1"},
-          // Key frames come on request and by interval; one more at a cut would only add a peak.
+          // No key frames at cuts: those on request and by interval are enough, and each is a peak.
           {"sc_threshold", "0"}};
 }
 
@@ -52,7 +52,7 @@ CodecOptions lowLatencyOptions(const std::string& codec, const std::string& pres
   const bool high = settings.profile == ProfileLevel::highAuto;
   const std::string profile = high ? "high" : "baseline";
   const std::string constrained = high ? "high" : "constrained_baseline";
-  if (codec == "libx264") return x264Options(settings, preset);
+  if (codec == softwareEncoder) return x264Options(high, preset);
   if (codec == "h264_videotoolbox") {
     return {{"profile", profile}, {"realtime", "1"}, {"allow_sw", "0"}};
   }
@@ -63,7 +63,7 @@ CodecOptions lowLatencyOptions(const std::string& codec, const std::string& pres
   if (codec == "h264_qsv") {
     return {{"profile", profile}, {"async_depth", "1"}, {"forced_idr", "1"}};
   }
-  // More depth holds pictures back.
+  // A larger depth holds pictures back.
   if (codec == "h264_vaapi") return {{"profile", constrained}, {"async_depth", "1"}};
   return {};
 }
@@ -87,7 +87,7 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
   context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
   context.thread_type = FF_THREAD_SLICE;
   context.thread_count = sliceThreads(settings);
-  // What the conversion to 4:2:0 makes of a camera's sRGB pixels.
+  // The colours that the conversion to 4:2:0 makes of a camera's sRGB pixels.
   context.color_primaries = AVCOL_PRI_BT709;
   context.color_trc = AVCOL_TRC_IEC61966_2_1;
   context.colorspace = AVCOL_SPC_BT709;

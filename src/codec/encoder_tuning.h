@@ -9,7 +9,8 @@
 
 namespace lumora {
 
-// Sets everything about `context` but its pixel format, before it is opened: 0 or an AVERROR.
+// Sets everything about `context` but its pixel format, before it is opened: 0 or an AVERROR. An
+// empty `preset` of the software encoder stands for our own settings.
 Status tune(AVCodecContext& context, const std::string& preset, const EncoderSettings& settings);
 
 }  // namespace lumora

@@ -12,7 +12,6 @@ extern "C" {
 
 #include "codec/encoder_tuning.h"
 #include "codec/memory_pixel_buffers.h"
-#include "h264/annex_b.h"
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
 #include "h264/sequence_parameters.h"
@@ -23,8 +22,8 @@ namespace {
 
 constexpr int planeAlignment = 64;  // bytes, of every row
 
-// 4:2:0 in system memory where the encoder takes it, else NV12 through an upload. Of V4L2 only its
-// driver knows, and tells when it is opened.
+// The formats to try. 4:2:0 in system memory comes first; VAAPI takes NV12 through an upload. V4L2
+// lists no formats: only opening it shows which one its driver takes.
 std::vector<AVPixelFormat> inputFormats(const AVCodec& codec) {
   const auto accepted = pixelFormats(codec);
   if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
@@ -44,10 +43,10 @@ Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
   const int filled = av_image_fill_arrays(frame.data, frame.linesize, memory.get(), format,
                                           frame.width, frame.height, planeAlignment);
   if (filled < 0) return filled;
-  auto owner = std::make_unique<PictureMemory>(std::move(memory));
+  auto owner = std::make_unique<PictureMemory>(memory);
   const auto free = [](void* held, std::uint8_t*) { delete static_cast<PictureMemory*>(held); };
   frame.buf[0] =
-      av_buffer_create(owner->get(), static_cast<std::size_t>(size), free, owner.get(), 0);
+      av_buffer_create(memory.get(), static_cast<std::size_t>(size), free, owner.get(), 0);
   if (frame.buf[0] == nullptr) return AVERROR(ENOMEM);
   static_cast<void>(owner.release());  // the frame has it now
   return 0;
@@ -75,16 +74,11 @@ Status LibavEncoder::openFor(AVPixelFormat format, const AVCodec& codec, const s
   context_.reset(avcodec_alloc_context3(&codec));
   packet_.reset(av_packet_alloc());
   if (!context_ || !packet_) return AVERROR(ENOMEM);
-  int status = tune(*context_, preset, settings);
-  if (status < 0) return status;
   context_->pix_fmt = format;
-  if (format == AV_PIX_FMT_VAAPI) {
-    status = openHardwareFrames();
-    if (status < 0) return status;
-  }
-  status = avcodec_open2(context_.get(), &codec, nullptr);
-  if (status < 0) return status;
-  status = allocatePicture();
+  int status = tune(*context_, preset, settings);
+  if (status >= 0 && format == AV_PIX_FMT_VAAPI) status = openHardwareFrames();
+  if (status >= 0) status = avcodec_open2(context_.get(), &codec, nullptr);
+  if (status >= 0) status = allocatePicture();
   if (status < 0) return status;
   for (const ByteView unit :
        splitAnnexB({context_->extradata, static_cast<std::size_t>(context_->extradata_size)})) {
@@ -94,11 +88,11 @@ Status LibavEncoder::openFor(AVPixelFormat format, const AVCodec& codec, const s
 }
 
 Status LibavEncoder::openHardwareFrames() {
-  AVBufferRef* device = nullptr;
-  const int status = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, nullptr, nullptr, 0);
+  AVBufferRef* created = nullptr;
+  const int status = av_hwdevice_ctx_create(&created, AV_HWDEVICE_TYPE_VAAPI, nullptr, nullptr, 0);
   if (status < 0) return status;
-  device_.reset(device);
-  BufferRef frames(av_hwframe_ctx_alloc(device_.get()));
+  const BufferRef device(created);
+  BufferRef frames(av_hwframe_ctx_alloc(device.get()));
   if (!frames) return AVERROR(ENOMEM);
   auto& properties = *reinterpret_cast<AVHWFramesContext*>(frames->data);
   properties.format = AV_PIX_FMT_VAAPI;
@@ -126,7 +120,7 @@ Status LibavEncoder::allocatePicture() {
 }
 
 Status LibavEncoder::load(const BufferPicture& shown) {
-  // An encoder that still reads the last picture keeps it; the next one gets memory of its own.
+  // An encoder that still reads the last picture keeps its memory; the next one gets new memory.
   if (av_frame_is_writable(picture_.get()) == 0) {
     const Status status = allocatePicture();
     if (status < 0) return status;
@@ -146,28 +140,26 @@ Status LibavEncoder::upload() {
   return av_hwframe_transfer_data(uploaded_.get(), picture_.get(), 0);
 }
 
-Status LibavEncoder::encodeLoaded(bool forceKeyFrame,
-                                  std::shared_ptr<const EncodedSample>& sample) {
-  if (uploaded_) {
-    const Status status = upload();
-    if (status < 0) return status;
-  }
+Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
+                            std::shared_ptr<const EncodedSample>& sample) try {
+  Status status = load(buffer->picture());
+  buffer.reset();
+  if (status >= 0 && uploaded_) status = upload();
+  if (status < 0) return status;
   AVFrame& frame = uploaded_ ? *uploaded_ : *picture_;
   frame.pts = nextTime_++;
   frame.pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-  int status = avcodec_send_frame(context_.get(), &frame);
+  status = avcodec_send_frame(context_.get(), &frame);
+  if (status >= 0) status = avcodec_receive_packet(context_.get(), packet_.get());
   if (status < 0) return status;
-  status = avcodec_receive_packet(context_.get(), packet_.get());
-  if (status < 0) return status;
-  sample = makeSample({packet_->data, static_cast<std::size_t>(packet_->size)});
+  auto made = makeSample({packet_->data, static_cast<std::size_t>(packet_->size)});
   av_packet_unref(packet_.get());
+  // An encoder that ran out of memory while it opened may have lost its parameter sets.
+  if (sequenceSet_.empty() || pictureSet_.empty()) return AVERROR_INVALIDDATA;
+  sample = std::move(made);
   return 0;
-}
-
-Status LibavEncoder::encode(const BufferPicture& picture, bool forceKeyFrame,
-                            std::shared_ptr<const EncodedSample>& sample) {
-  const Status status = load(picture);
-  return status < 0 ? status : encodeLoaded(forceKeyFrame, sample);
+} catch (const std::bad_alloc&) {
+  return AVERROR(ENOMEM);
 }
 
 Status LibavEncoder::encodeGrey(int pictures) {
@@ -176,7 +168,7 @@ Status LibavEncoder::encodeGrey(int pictures) {
   Status status = makeGreyBuffer(context_->width, context_->height, pictures_, buffer);
   for (int i = 0; i < pictures && status == 0; ++i) {
     std::shared_ptr<const EncodedSample> sample;
-    status = encode(buffer->picture(), /*forceKeyFrame=*/i == 0, sample);
+    status = encode(buffer, /*forceKeyFrame=*/i == 0, sample);
   }
   return status;
 }
@@ -190,7 +182,7 @@ std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
     appendLengthPrefixed(data, unit);
   }
   if (!format_) {
-    format_ = std::make_shared<MemoryFormatDescription>(sequence_, pictureSet_, context_->width,
+    format_ = std::make_shared<MemoryFormatDescription>(sequenceSet_, pictureSet_, context_->width,
                                                         context_->height, colour());
   }
   return std::make_shared<MemorySample>(std::move(data), format_);
@@ -203,12 +195,12 @@ ColourDescription LibavEncoder::colour() const {
           context_->color_range == AVCOL_RANGE_JPEG};
 }
 
-// Whether `unit` is a parameter set. A new one makes a new format.
+// Whether `unit` is a parameter set. One that differs from the last makes a new format.
 bool LibavEncoder::takeParameterSet(ByteView unit) {
   const NalType type = nalType(unit[0]);
   const bool sequence = type == NalType::sequenceParameterSet;
   if (!sequence && type != NalType::pictureParameterSet) return false;
-  Bytes& kept = sequence ? sequence_ : pictureSet_;
+  Bytes& kept = sequence ? sequenceSet_ : pictureSet_;
   Bytes set = sequence ? withUsabilityInformation(unit, colour()) : Bytes(unit.begin(), unit.end());
   if (kept == set) return true;
   kept = std::move(set);

@@ -20,17 +20,14 @@ class LibavEncoder {
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
-  // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR.
-  Status encode(const BufferPicture& picture, bool forceKeyFrame,
+  // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR. Releases the buffer
+  // as soon as the picture is copied. Never throws.
+  Status encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
-  // Encodes grey pictures: a key frame, then some that depend on it. 0 or an AVERROR, also for an
+  // Encodes grey pictures: a key frame, then some that depend on it. 0 or an AVERROR. Fails for an
   // encoder that holds pictures back, since we have one frame in flight at a time.
   Status encodeGrey(int pictures);
-
-  // The first half of `encode`, for callers that release `picture` early.
-  Status load(const BufferPicture& picture);
-  Status encodeLoaded(bool forceKeyFrame, std::shared_ptr<const EncodedSample>& sample);
 
  private:
   explicit LibavEncoder(std::shared_ptr<PicturePool> pictures) : pictures_(std::move(pictures)) {}
@@ -38,6 +35,7 @@ class LibavEncoder {
                  const EncoderSettings& settings);
   Status openHardwareFrames();
   Status allocatePicture();
+  Status load(const BufferPicture& shown);
   Status upload();
   std::shared_ptr<const EncodedSample> makeSample(ByteView stream);
   ColourDescription colour() const;
@@ -45,14 +43,13 @@ class LibavEncoder {
 
   const std::shared_ptr<PicturePool> pictures_;
   CodecContext context_;
-  BufferRef device_;
   Frame picture_;   // in system memory
   Frame uploaded_;  // on the device, where the encoder wants that
   Packet packet_;
-  // Pictures come at the expected rate as far as rate control is concerned. The count goes on over
+  // Counts pictures, since rate control expects them at the session's rate. The count goes on over
   // all sessions that the encoder serves.
   std::int64_t nextTime_ = 0;
-  Bytes sequence_;  // parameter sets as last seen
+  Bytes sequenceSet_;  // the latest parameter sets
   Bytes pictureSet_;
   std::shared_ptr<const FormatDescription> format_;
 };

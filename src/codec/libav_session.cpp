@@ -1,8 +1,12 @@
 #include "codec/libav_session.h"
 
+#include <list>
+#include <system_error>
 #include <utility>
 
-#include "codec/encoding_worker.h"
+#include "base/out_of_memory.h"
+#include "base/process_heap.h"
+#include "base/thread.h"
 
 namespace lumora {
 namespace {
@@ -16,12 +20,91 @@ Status assign(Field& field, const PropertyValue& value) {
   return 0;
 }
 
-// For what libavcodec sessions always or never do: only that answer is supported.
-Status require(bool supported, const PropertyValue& value) {
-  return value == PropertyValue(supported) ? 0 : AVERROR(ENOSYS);
-}
-
 }  // namespace
+
+// The frames that wait for a session's thread. The thread shares this object and ends by itself
+// after `stop`.
+class LibavSession::Worker {
+ public:
+  struct Job {
+    std::shared_ptr<PixelBuffer> buffer;
+    bool forceKeyFrame = false;
+    OutputHandler handler;
+  };
+
+  Worker(std::shared_ptr<EncoderPool> pool, const EncoderRequest& request)
+      : pool_(std::move(pool)), request_(request) {}
+
+  // The thread: runs until stopped.
+  void run() {
+    OpenedEncoder opened = pool_->acquire(request_, stop_.get_token());
+    if (!encodeAll(opened)) opened.encoder.reset();
+    pool_->release(request_, std::move(opened));
+    bestEffort(trimHeapBeyondNeed);
+  }
+
+  // False once it was stopped.
+  bool enqueue(Job job) {
+    {
+      const std::lock_guard hold(mutex_);
+      if (stop_.stop_requested()) return false;
+      jobs_.push_back(std::move(job));
+    }
+    changed_.notify_all();
+    return true;
+  }
+
+  // Waits until every frame has reached its handler.
+  void complete() {
+    std::unique_lock hold(mutex_);
+    changed_.wait(hold, [this] { return stop_.stop_requested() || (jobs_.empty() && !busy_); });
+  }
+
+  // Drops the frames that wait. No handler begins after it has returned.
+  void stop() {
+    std::list<Job> dropped;  // destroyed after the lock is released
+    std::unique_lock hold(mutex_);
+    if (stop_.request_stop()) pool_->beginRelease(request_);
+    dropped.swap(jobs_);
+    changed_.notify_all();
+    changed_.wait(hold, [this] { return !busy_; });
+  }
+
+ private:
+  // Whether the encoder never failed.
+  bool encodeAll(const OpenedEncoder& opened) {
+    LibavEncoder* encoder = opened.encoder.get();
+    bool isSound = encoder != nullptr;
+    std::unique_lock hold(mutex_);
+    for (;;) {
+      changed_.wait(hold, [this] { return stop_.stop_requested() || !jobs_.empty(); });
+      if (stop_.stop_requested()) return isSound;
+      Job job = std::move(jobs_.front());
+      jobs_.pop_front();
+      busy_ = true;
+      hold.unlock();
+      std::shared_ptr<const EncodedSample> sample;
+      Status status = opened.status;
+      if (encoder != nullptr) {
+        status = encoder->encode(std::move(job.buffer), job.forceKeyFrame, sample);
+      }
+      isSound = isSound && status == 0;
+      job.handler(status, encoder != nullptr ? 0 : infoNotPrepared, sample);
+      job = {};
+      hold.lock();
+      busy_ = false;
+      changed_.notify_all();
+    }
+  }
+
+  const std::shared_ptr<EncoderPool> pool_;
+  const EncoderRequest request_;
+  std::stop_source stop_;  // requested under the lock
+  std::mutex mutex_;       // guards the rest
+  std::condition_variable changed_;
+  std::list<Job> jobs_;  // unlike a deque, an empty list allocates nothing
+  bool busy_ = false;
+};
 
 LibavSession::LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
                            std::shared_ptr<PicturePool> pictures)
@@ -33,10 +116,10 @@ LibavSession::~LibavSession() { invalidate(); }
 
 Status LibavSession::setProperty(SessionProperty property, const PropertyValue& value) {
   switch (property) {
-    case SessionProperty::realTime:
-      return require(true, value);
-    case SessionProperty::allowFrameReordering:
-      return require(false, value);
+    case SessionProperty::realTime:  // always so
+      return value == PropertyValue(true) ? 0 : AVERROR(ENOSYS);
+    case SessionProperty::allowFrameReordering:  // never so
+      return value == PropertyValue(false) ? 0 : AVERROR(ENOSYS);
     case SessionProperty::profileLevel:
       return assign(request_.settings.profile, value);
     case SessionProperty::expectedFrameRate:
@@ -44,17 +127,20 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
     case SessionProperty::maxKeyFrameInterval:
       return assign(request_.settings.keyFrameInterval, value);
     case SessionProperty::maxKeyFrameIntervalDuration:
-      // Presentation times run at the expected rate, so the frame count already says it.
-      return std::holds_alternative<double>(value) ? 0 : AVERROR(EINVAL);
+      return 0;  // `maxKeyFrameInterval` limits it, since pictures come at the expected rate
     case SessionProperty::averageBitRate:
       return assign(request_.settings.bitRate, value);
   }
   return AVERROR(EINVAL);
 }
 
-Status LibavSession::prepareToEncodeFrames() {
-  worker_ = EncodingWorker::start(encoders_, request_);
-  return worker_ ? 0 : AVERROR(EAGAIN);
+Status LibavSession::prepareToEncodeFrames() try {
+  const auto worker = std::make_shared<Worker>(encoders_, request_);
+  startThread("lumora.encoder", [worker] { worker->run(); });
+  worker_ = worker;
+  return 0;
+} catch (const std::system_error&) {
+  return AVERROR(EAGAIN);  // no thread
 }
 
 Status LibavSession::encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime,

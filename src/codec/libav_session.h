@@ -12,11 +12,9 @@
 
 namespace lumora {
 
-class EncodingWorker;
-
 class LibavSession final : public CompressionSession {
  public:
-  // `request` has the codecs, and of the settings kind and size. Properties add the rest.
+  // `request` has the codecs and, of the settings, kind and size. Properties add the rest.
   LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
                std::shared_ptr<PicturePool> pictures);
   ~LibavSession() override;
@@ -33,10 +31,12 @@ class LibavSession final : public CompressionSession {
   void invalidate() override;
 
  private:
+  class Worker;
+
   const std::shared_ptr<EncoderPool> encoders_;
   EncoderRequest request_;
   MemoryPixelBufferPool pool_;
-  std::shared_ptr<EncodingWorker> worker_;
+  std::shared_ptr<Worker> worker_;
 };
 
 }  // namespace lumora

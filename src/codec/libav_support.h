@@ -13,23 +13,19 @@ extern "C" {
 
 namespace lumora {
 
-struct FreeCodecContext {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FreeFrame {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct FreePacket {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-struct FreeBufferRef {
-  void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
+// libavcodec's functions that free a handle also clear the caller's pointer to it.
+template <auto freeHandle>
+struct FreeHandle {
+  template <typename Handle>
+  void operator()(Handle* handle) const {
+    freeHandle(&handle);
+  }
 };
 
-using CodecContext = std::unique_ptr<AVCodecContext, FreeCodecContext>;
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
-using Packet = std::unique_ptr<AVPacket, FreePacket>;
-using BufferRef = std::unique_ptr<AVBufferRef, FreeBufferRef>;
+using CodecContext = std::unique_ptr<AVCodecContext, FreeHandle<avcodec_free_context>>;
+using Frame = std::unique_ptr<AVFrame, FreeHandle<av_frame_free>>;
+using Packet = std::unique_ptr<AVPacket, FreeHandle<av_packet_free>>;
+using BufferRef = std::unique_ptr<AVBufferRef, FreeHandle<av_buffer_unref>>;
 
 // The pixel formats that `codec` takes; empty where only its driver knows. Any thread.
 inline std::span<const AVPixelFormat> pixelFormats(const AVCodec& codec) {

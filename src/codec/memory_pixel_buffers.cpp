@@ -7,32 +7,13 @@
 namespace lumora {
 namespace {
 
-constexpr std::int64_t alignment = 64;  // bytes, of every row
+constexpr std::int64_t alignment = 64;       // bytes, of every row
+constexpr Status thresholdExceeded = -6689;  // `threshold` buffers are in use
 
-// One of the buffers in use, for as long as it lives.
-class Use {
- public:
-  Use(std::shared_ptr<std::atomic<int>> inUse, int threshold)
-      : inUse_(std::move(inUse)), within_(inUse_->fetch_add(1) < threshold) {}
-  ~Use() {
-    if (inUse_) --*inUse_;
-  }
-  Use(Use&&) = default;
-  Use(const Use&) = delete;
-  Use& operator=(const Use&) = delete;
-  Use& operator=(Use&&) = delete;
-
-  bool isWithinThreshold() const { return within_; }
-
- private:
-  std::shared_ptr<std::atomic<int>> inUse_;
-  bool within_;
-};
-
-// `owner` holds the picture; what it holds is given back before the buffer counts as free.
+// Members are destroyed in reverse: the picture is released before the buffer counts as free.
 class Buffer final : public PixelBuffer {
  public:
-  Buffer(Use use, const BufferPicture& picture, MutableImageView memory,
+  Buffer(std::shared_ptr<const void> use, const BufferPicture& picture, MutableImageView memory,
          std::shared_ptr<const void> owner)
       : use_(std::move(use)), picture_(picture), memory_(memory), owner_(std::move(owner)) {}
 
@@ -40,10 +21,10 @@ class Buffer final : public PixelBuffer {
   MutableImageView memory() override { return memory_; }
 
  private:
-  Use use_;
+  std::shared_ptr<const void> use_;
   BufferPicture picture_;
   MutableImageView memory_;
-  std::shared_ptr<const void> owner_;
+  std::shared_ptr<const void> owner_;  // of the picture
 };
 
 }  // namespace
@@ -53,27 +34,29 @@ MemoryPixelBufferPool::MemoryPixelBufferPool(std::int64_t width, std::int64_t he
     : width_(width),
       height_(height),
       stride_((width * 4 + alignment - 1) / alignment * alignment),
-      pictures_(std::move(pictures)) {}
+      pictures_(std::move(pictures)),
+      use_(std::make_shared<char>()) {}
+
+// One reference is the pool's own.
+bool MemoryPixelBufferPool::isExhausted(int threshold) const {
+  return use_.use_count() > threshold;
+}
 
 Status MemoryPixelBufferPool::create(int threshold, std::shared_ptr<PixelBuffer>& buffer) {
-  Use use(inUse_, threshold);
-  if (!use.isWithinThreshold()) return thresholdExceeded;
-  std::shared_ptr<std::uint8_t[]> pixels =
-      pictures_->allocate(static_cast<std::size_t>(stride_ * height_));
+  if (isExhausted(threshold)) return thresholdExceeded;
+  PictureMemory pixels = pictures_->allocate(static_cast<std::size_t>(stride_ * height_));
   if (!pixels) return -ENOMEM;
-  const BufferPicture picture{{pixels.get(), width_, height_, stride_}, ChannelOrder::bgra};
   const MutableImageView memory{pixels.get(), width_, height_, stride_};
-  buffer = std::make_shared<Buffer>(std::move(use), picture, memory, std::move(pixels));
+  const BufferPicture picture{{pixels.get(), width_, height_, stride_}, ChannelOrder::bgra};
+  buffer = std::make_shared<Buffer>(use_, picture, memory, std::move(pixels));
   return 0;
 }
 
 Status MemoryPixelBufferPool::wrap(const BufferPicture& picture, std::shared_ptr<const void> owner,
                                    int threshold, std::shared_ptr<PixelBuffer>& buffer) {
   if (picture.view.width != width_ || picture.view.height != height_) return 0;
-  Use use(inUse_, threshold);
-  if (!use.isWithinThreshold()) return thresholdExceeded;
-  buffer = std::make_shared<Buffer>(std::move(use), picture,
-                                    MutableImageView{nullptr, width_, height_, stride_},
+  if (isExhausted(threshold)) return thresholdExceeded;
+  buffer = std::make_shared<Buffer>(use_, picture, MutableImageView{nullptr, width_, height_},
                                     std::move(owner));
   return 0;
 }

@@ -3,17 +3,18 @@
 #include <utility>
 
 #include "base/out_of_memory.h"
+#include "base/thread.h"
 #include "codec/libav_session.h"
 
 namespace lumora {
 namespace {
 
-// An encoder allocates a picture with each of its first frames. The preview's encoder has all of
-// them before "ready". A take's encoder finds memory that was touched ahead.
+// An encoder allocates a picture with each of its first frames. The preview's encoder does so
+// before "ready"; a take's encoder gets memory that was touched ahead.
 constexpr int picturesToWarm = 4;
 
-// The memory that a take of this size touches, encoder and pixel buffer. Measured, with the gaps
-// that aligned blocks leave in the heap.
+// The bytes that a take of this size touches, encoder and pixel buffer. The factor was measured. It
+// includes the gaps that aligned blocks leave in the heap.
 std::size_t workingMemory(const EncoderSettings& settings) {
   return static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 44;
 }
@@ -39,24 +40,54 @@ SystemEncoders::SystemEncoders(AllowedEncoders allowed, std::shared_ptr<SerialQu
       allowed_(std::move(allowed)),
       software_(allowed_.software ? avcodec_find_encoder_by_name(softwareEncoder) : nullptr),
       open_(open ? std::move(open) : libavFactory(allowed_.preset, pictures_)),
-      pool_(std::make_shared<EncoderPool>(open_, opener_, std::move(trim))),
-      probe_(std::make_shared<HardwareProbe>(open_, pool_)) {}
+      pool_(std::make_shared<EncoderPool>(open_, opener_, std::move(trim))) {}
 
 void SystemEncoders::prepare(const EncoderSettings& preview, const EncoderSettings& take) {
-  const auto probe = [self = shared_from_this(), preview, take] {
-    self->probe_->run(self->allowed_.hardware, preview, take, [self, take] {
-      self->stateQueue_->async([self, take] { self->hardwareFound(take); });
+  const auto probing = [self = shared_from_this(), preview, take] { self->probe(preview, take); };
+  if (software_ == nullptr) {
+    const auto probed = std::make_shared<std::promise<void>>();
+    probed_ = probed->get_future();
+    return opener_->async([probing, probed] {
+      bestEffort(probing);
+      probed->set_value();
     });
-  };
-  if (software_ != nullptr) {
-    bestEffort([&] { pool_->openAhead(*software_, preview, picturesToWarm); });
-    if (!allowed_.hardware.empty()) {
-      bestEffort([&] { dispatch_->runDetached("lumora.probe", probe); });
-    }
+  }
+  bestEffort([&] { pool_->openAhead(*software_, preview, picturesToWarm); });
+  if (allowed_.hardware.empty()) return;
+  bestEffort([&] { dispatch_->runDetached("lumora.probe", probing); });
+}
+
+// Tries the candidates in turn, each for a second at most. A driver may take longer to answer, or
+// never answer. A late answer counts, too.
+void SystemEncoders::probe(const EncoderSettings& preview, const EncoderSettings& take) {
+  for (const std::string& name : allowed_.hardware) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
+    if (codec == nullptr || codec->id != AV_CODEC_ID_H264) continue;
+    startTask("lumora.driver", [self = shared_from_this(), codec, preview, take] {
+      self->tryHardware(*codec, preview, take);
+    }).wait_for(longestOpening);
+    if (hardware_ != nullptr) return;
+  }
+}
+
+// A candidate works if it encodes a few pictures of `preview`, or else of `take`: one that can't
+// encode a tiny preview may still record. The first that works is the hardware encoder of the run.
+void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& preview,
+                                 const EncoderSettings& take) {
+  for (const EncoderSettings& settings : {preview, take}) {
+    OpenedEncoder opened = openNow(open_, codec, settings, 0);
+    if (!opened.encoder) continue;
+    const std::lock_guard hold(finding_);
+    if (hardware_ != nullptr) return;
+    // Kept first: the session that sees `hardware_` gets this encoder.
+    pool_->keep(codec, settings, std::move(opened));
+    hardware_ = &codec;
+    stateQueue_->async([self = shared_from_this(), take] {
+      // A take that was started keeps the encoder that is opened for it.
+      if (self->nextTake_ == nullptr) self->openTakeAhead(self->available(), take);
+    });
     return;
   }
-  probedBy_ = OpeningClock::now() + allowed_.hardware.size() * longestOpening;
-  opener_->async(probe);
 }
 
 void SystemEncoders::whenPrepared(Work work) {
@@ -66,8 +97,8 @@ void SystemEncoders::whenPrepared(Work work) {
 void SystemEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) {
   const auto warm = [self = shared_from_this(), likeliest, largest,
                      stop = takeStarted_.get_token()] {
-    if (self->probe_->found() == nullptr) touchMemoryAhead(workingMemory(largest), stop);
-    // On the state queue, where `openAhead` has precedence.
+    if (self->hardware_ == nullptr) touchMemoryAhead(workingMemory(largest), stop);
+    // On the state queue: a take that has called `openAhead` there comes first.
     self->stateQueue_->async([self, likeliest, stop] {
       if (!stop.stop_requested()) self->openTakeAhead(self->available(), likeliest);
     });
@@ -81,14 +112,9 @@ void SystemEncoders::openAhead(const EncoderSettings& settings) {
   openTakeAhead(nextTake_, settings);
 }
 
-// Opens the next take's encoder, unless that take was started already.
-void SystemEncoders::hardwareFound(const EncoderSettings& take) {
-  if (nextTake_ == nullptr) openTakeAhead(available(), take);
-}
-
 // Null: none yet.
 const AVCodec* SystemEncoders::available() const {
-  const AVCodec* hardware = probe_->found();
+  const AVCodec* hardware = hardware_;
   return hardware != nullptr ? hardware : software_;
 }
 
@@ -98,7 +124,7 @@ void SystemEncoders::openTakeAhead(const AVCodec* codec, const EncoderSettings& 
     pool_->openAhead(*codec, settings, 0);
     opener_->async([pictures = pictures_, settings] {
       std::shared_ptr<PixelBuffer> touched;
-      makeGreyBuffer(settings.width, settings.height, pictures, touched);
+      bestEffort([&] { makeGreyBuffer(settings.width, settings.height, pictures, touched); });
     });
   });
 }
@@ -107,11 +133,12 @@ void SystemEncoders::openTakeAhead(const AVCodec* codec, const EncoderSettings& 
 Status SystemEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                      const EncoderRequirements&,
                                      std::shared_ptr<CompressionSession>& session) {
-  if (software_ == nullptr) probe_->waitUntil(probedBy_);
+  if (probed_.valid()) probed_.wait();
   const AVCodec* codec = available();
   // A take uses the encoder that was opened for it, even if hardware was found since.
-  if (kind == SessionKind::recording && nextTake_ != nullptr) codec = nextTake_;
-  if (kind == SessionKind::recording) nextTake_ = nullptr;
+  if (kind == SessionKind::recording && nextTake_ != nullptr) {
+    codec = std::exchange(nextTake_, nullptr);
+  }
   if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
   const EncoderRequest request{
       .codec = codec,

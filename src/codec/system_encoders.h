@@ -1,18 +1,18 @@
 #pragma once
 
-// Makes sessions with libavcodec's encoders. If software is allowed nothing waits for a driver:
-// sessions are encoded in software until hardware is found, and those that are open then stay in
-// software. Otherwise sessions wait for the hardware that the user asked for.
-//
-//   AllowedEncoders -> HardwareProbe -> EncoderPool -> OpenedEncoder -> EncodingWorker, of a
-//   session
+// Makes sessions with libavcodec's encoders. Probes for a hardware encoder, which counts from the
+// moment it is found. If software is allowed nothing waits for a driver: sessions are encoded in
+// software until then, and those that are open stay in software. Otherwise sessions wait for the
+// hardware that the user asked for.
 
+#include <atomic>
+#include <future>
+#include <mutex>
 #include <stop_token>
 
 #include "base/process_heap.h"
 #include "codec/allowed_encoders.h"
 #include "codec/encoder_pool.h"
-#include "codec/hardware_probe.h"
 #include "platform/encoders.h"
 
 namespace lumora {
@@ -32,9 +32,11 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
                        std::shared_ptr<CompressionSession>& session) override;
 
  private:
+  void probe(const EncoderSettings& preview, const EncoderSettings& take);
+  void tryHardware(const AVCodec& codec, const EncoderSettings& preview,
+                   const EncoderSettings& take);
   const AVCodec* available() const;
   void openTakeAhead(const AVCodec* codec, const EncoderSettings& settings);
-  void hardwareFound(const EncoderSettings& take);
 
   const std::shared_ptr<SerialQueue> stateQueue_;
   const std::shared_ptr<Dispatch> dispatch_;
@@ -44,10 +46,11 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   const AVCodec* const software_;  // null: not allowed, or not there
   const EncoderFactory open_;
   const std::shared_ptr<EncoderPool> pool_;
-  const std::shared_ptr<HardwareProbe> probe_;
-  OpeningClock::time_point probedBy_;  // without software: sessions wait for hardware until then
-  std::stop_source takeStarted_;       // ends the touching of memory
-  const AVCodec* nextTake_ = nullptr;  // opened ahead for a take that was started
+  std::mutex finding_;                              // held while `hardware_` is set
+  std::atomic<const AVCodec*> hardware_ = nullptr;  // null: none found yet
+  std::future<void> probed_;                        // without software: sessions wait for it
+  std::stop_source takeStarted_;                    // ends the touching of memory
+  const AVCodec* nextTake_ = nullptr;  // its encoder was opened ahead when the take was started
 };
 
 }  // namespace lumora

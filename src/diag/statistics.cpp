@@ -1,5 +1,5 @@
-// The "stats" event: at most one a second on request, one at once when forced. Behind each one the
-// take is asked for progress, and its last event is repeated unless it is recording.
+// The "stats" event. Unless it is forced it is emitted at most once a second. After it a running
+// take reports progress, and the last event of a take is repeated.
 
 #include <algorithm>
 
@@ -23,22 +23,21 @@ void VideoEncoder::emitStats(bool force) {
   }
   emit(event);
   if (const auto movie = take.recordingTake()) movie->reportProgress();
-  // Repeated, since the parent may have missed it when its pipe was full.
+  // Repeated, since the pipe to the parent may have been full.
   if (take.movieStatus && take.movieStatus->state != TakeState::recording) {
     emit(take.movieStatus->json);
   }
 }
 
 Json VideoEncoder::coreStatistics() const {
-  const RawAdmission::Figures input = raw.figures();
   return {{"type", "stats"},
           {"clients", preview.countClients()},
           {"pending_hello", preview.countWaitingPeers()},
           {"encoded_frames", preview.encodedFrames},
-          {"dropped_raw", input.droppedRaw},
+          {"dropped_raw", raw.dropped()},
           {"dropped_peers", preview.droppedPeers},
           {"encode_ms", preview.encodeMilliseconds},
-          {"encode_inflight", input.rawBusy ? 1 : 0}};
+          {"encode_inflight", raw.isBusy() ? 1 : 0}};
 }
 
 void VideoEncoder::addDiagnostics(Json& event) const {
@@ -46,15 +45,15 @@ void VideoEncoder::addDiagnostics(Json& event) const {
   for (const auto& [id, peer] : preview.peers) {
     pendingAcknowledgements = std::max(pendingAcknowledgements, peer->unacknowledged.size());
   }
-  event["credit_drops"] = preview.delivery.creditDrops;
-  event["send_drops"] = preview.delivery.sendDrops;
-  event["resync_wait_drops"] = preview.delivery.resyncWaitDrops;
-  event["idr_resyncs"] = preview.delivery.idrResyncs;
+  event["credit_drops"] = preview.creditDrops;
+  event["send_drops"] = preview.sendDrops;
+  event["resync_wait_drops"] = preview.resyncWaitDrops;
+  event["idr_resyncs"] = preview.idrResyncs;
   event["ack_rtt_ms"] = preview.acknowledgements.acknowledgementRTT;
   event["ack_oldest_ms"] = preview.acknowledgements.acknowledgementOldest;
   event["ack_rtt_max_ms"] = preview.acknowledgements.acknowledgementRTTMaximum;
   event["max_pending_acks"] = pendingAcknowledgements;
-  event["max_unacked_observed"] = preview.delivery.maxUnacknowledgedObserved;
+  event["max_unacked_observed"] = preview.maxUnacknowledgedObserved;
   event["preview_width"] = preview.width;
   event["preview_height"] = preview.height;
   event["record_width"] = take.recording.recordingWidth;

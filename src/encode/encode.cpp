@@ -1,4 +1,4 @@
-// The encode pipeline of one raw frame: who needs it.
+// Decides which branches encode a raw frame.
 
 #include "app/video_encoder.h"
 
@@ -7,15 +7,15 @@ namespace lumora {
 void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !take.movie)) return releaseRaw();
   const auto movie = take.recordingTake();
-  const bool hasStreamConsumer = preview.countClients() > 0;
-  if (!movie && !hasStreamConsumer) {
+  const bool hasClients = preview.countClients() > 0;
+  if (!movie && !hasClients) {
     raw.countDropped();
     return releaseRaw();
   }
   const auto completion =
       std::make_shared<RawEncodingCompletion>(weakly(&VideoEncoder::releaseRaw));
   if (movie) encodeRecording(frame, movie, completion);
-  if (hasStreamConsumer) encodePreview(frame, completion);
+  if (hasClients) encodePreview(frame, completion);
   completion->complete(0);
 }
 

@@ -11,7 +11,7 @@ struct PictureSize {
 };
 
 // The size at which a camera picture is encoded for the preview: fitted into `preview`, never
-// enlarged, even; exactly `preview` when that was asked for and the rounding is all that differs.
+// enlarged, with even sides. When `exact` and only the rounding makes a difference: `preview`.
 PictureSize previewEncodeSize(PictureSize camera, PictureSize preview, bool exact);
 
 struct PictureRectangle {
@@ -21,7 +21,7 @@ struct PictureRectangle {
   bool operator==(const PictureRectangle&) const = default;
 };
 
-// The largest rectangle of the camera picture's proportions, centred in `buffer`.
+// The largest rectangle in `buffer` with the proportions of the camera picture, centred.
 PictureRectangle fitRectangle(PictureSize camera, PictureSize buffer);
 
 }  // namespace lumora

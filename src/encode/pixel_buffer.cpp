@@ -11,26 +11,17 @@ namespace {
 constexpr int allocationThreshold = 3;  // buffers of one pool in use at once
 constexpr std::ptrdiff_t bytesPerPixel = 4;
 
-void clearRows(const MutableImageView& view, std::int64_t from, std::int64_t to, std::int64_t left,
-               std::int64_t right) {
-  if (right <= left) return;
-  for (std::int64_t row = from; row < to; ++row) {
-    std::memset(view.pixels + row * view.stride + left * bytesPerPixel, 0,
-                static_cast<std::size_t>((right - left) * bytesPerPixel));
-  }
-}
-
-ImageView upsideDown(const ImageView& view) {
-  return {view.pixels + (view.height - 1) * view.stride, view.width, view.height, -view.stride};
-}
-
-// Everything around `inner` becomes zero; the picture itself is about to be written.
+// Clears everything around `inner`.
 void clearBars(const MutableImageView& view, const PictureRectangle& inner) {
-  const std::int64_t bottom = inner.top + inner.size.height;
-  clearRows(view, 0, inner.top, 0, view.width);
-  clearRows(view, inner.top, bottom, 0, inner.left);
-  clearRows(view, inner.top, bottom, inner.left + inner.size.width, view.width);
-  clearRows(view, bottom, view.height, 0, view.width);
+  for (std::int64_t row = 0; row < view.height; ++row) {
+    const auto clear = [&](std::int64_t left, std::int64_t right) {
+      std::memset(view.pixels + row * view.stride + left * bytesPerPixel, 0,
+                  static_cast<std::size_t>((right - left) * bytesPerPixel));
+    };
+    const bool isInside = row >= inner.top && row < inner.top + inner.size.height;
+    clear(0, isInside ? inner.left : view.width);
+    if (isInside) clear(inner.left + inner.size.width, view.width);
+  }
 }
 
 }  // namespace
@@ -39,17 +30,18 @@ std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSessi
                                          Placement placement, ImageConverter& images) {
   PixelBufferPool* pool = session.pixelBufferPool();
   if (pool == nullptr) throw EncoderFailure::message("no pixel buffer pool");
+  const std::ptrdiff_t stride = frame.width * bytesPerPixel;
+  const ImageView source{frame.rgba.get(), frame.width, frame.height, stride};
+  const ImageView upsideDown{source.pixels + (frame.height - 1) * stride, frame.width, frame.height,
+                             -stride};
   std::shared_ptr<PixelBuffer> buffer;
-  const ImageView source{frame.rgba.get(), frame.width, frame.height, frame.width * bytesPerPixel};
   Status status =
-      pool->wrap({upsideDown(source), ChannelOrder::rgba}, frame.rgba, allocationThreshold, buffer);
+      pool->wrap({upsideDown, ChannelOrder::rgba}, frame.rgba, allocationThreshold, buffer);
   if (buffer) return buffer;
   if (status == 0) status = pool->create(allocationThreshold, buffer);
   if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
 
   const MutableImageView whole = buffer->memory();
-  if (whole.pixels == nullptr) throw EncoderFailure::message("pixel buffer has no memory");
-
   const PictureSize wholeSize{whole.width, whole.height};
   PictureRectangle rectangle{0, 0, wholeSize};
   if (placement == Placement::aspectFit) {

@@ -9,9 +9,9 @@ namespace lumora {
 
 enum class Placement { stretch, aspectFit };
 
-// The camera frame as a buffer of the session's own pool: BGRA, turned upside down, stretched to
-// the whole buffer or fitted inside it between black bars. One of the same size is wrapped
-// where it lies, and kept for that. Throws EncoderFailure. State queue only.
+// The camera frame, turned upside down, in a buffer of the session's pool: stretched to the whole
+// buffer, or fitted into it between black bars. A frame of the buffer's size is not copied: the
+// buffer refers to its pixels and holds on to them. Throws EncoderFailure. State queue only.
 std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,
                                          Placement placement, ImageConverter& images);
 

@@ -17,33 +17,30 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
     preparePreviewSession(frame);
     auto buffer = pixelBuffer(frame, *preview.session, Placement::stretch, *platform.images);
     ++preview.ordinal;
-    const FrameProperties properties{.forceKeyFrame = std::exchange(preview.forceIDR, false)};
-    const Status status =
-        submit(*preview.session, std::move(buffer), {preview.ordinal, previewTargetFPS}, properties,
-               completion, [id = frame.id](VideoEncoder& self, const Encoded& encoded) {
-                 self.previewEncoded(encoded, id);
-               });
-    if (status != 0) throw EncoderFailure::status("frame submission", status);
+    submit(*preview.session, std::move(buffer), {preview.ordinal, previewTargetFPS},
+           std::exchange(preview.forceIDR, false), completion, "frame submission",
+           weakly(&VideoEncoder::previewEncoded, frame.id));
   } catch (const std::exception& failure) {
     fail(reasonOf(failure));
   }
 }
 
 void VideoEncoder::preparePreviewSession(const RawFrame& frame) {
-  const PictureSize size = previewEncodeSize({frame.width, frame.height},
-                                             {previewWidth, previewHeight}, exactPreviewDimensions);
+  const PictureSize size = previewEncodeSize(
+      {frame.width, frame.height}, {configuration.previewWidth, configuration.previewHeight},
+      configuration.exactPreviewDimensions);
   if (preview.session && size == PictureSize{preview.width, preview.height}) return;
   if (preview.session) preview.session->invalidate();
   preview.session.reset();
   preview.width = size.width;
   preview.height = size.height;
   preview.session =
-      compressionSession(size.width, size.height, /*recording=*/false, previewTargetFPS);
+      compressionSession(sessionSettings(SessionKind::preview, size, previewTargetFPS));
   preview.forceIDR = true;
   for (const auto& [id, peer] : preview.peers) peer->awaitingIDR = true;
 }
 
-void VideoEncoder::previewEncoded(const Encoded& encoded, std::uint64_t id) {
+void VideoEncoder::previewEncoded(std::uint64_t id, const Encoded& encoded) {
   if (!running) return;
   preview.encodeMilliseconds = millisecondsSince(encoded.submitted);
   try {

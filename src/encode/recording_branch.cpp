@@ -1,4 +1,4 @@
-// The recording branch of the encode pipeline. A failure here costs the take, never the process.
+// The recording branch of the encode pipeline. A failure here ends the take, never the process.
 
 #include <algorithm>
 #include <utility>
@@ -18,13 +18,20 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
   if (!movie->cadence.admit(frame.capturedAt)) return movie->countThrottled();
   try {
     prepareRecordingSession(frame, movie);
-    submitRecording(frame, movie, completion);
+    RecordingSession& recording = take.recording;
+    auto buffer =
+        pixelBuffer(frame, *recording.recordingSession, Placement::aspectFit, *platform.images);
+    ++recording.recordingOrdinal;
+    submit(*recording.recordingSession, std::move(buffer),
+           {recording.recordingOrdinal, movie->profile.targetFPS},
+           std::exchange(recording.recordingForceIDR, false), completion, "camera frame submission",
+           weakly(&VideoEncoder::recordingEncoded, movie, frame.capturedAt));
   } catch (const std::exception& failure) {
     take.abandon(movie, reasonOf(failure));
   }
 }
 
-// A session of an earlier take went with that take's last frame.
+// An existing session always belongs to `movie`: `releaseRaw` has reset that of an earlier take.
 void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
                                            const std::shared_ptr<MovieRecorder>& movie) {
   RecordingSession& recording = take.recording;
@@ -36,8 +43,7 @@ void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
     throw EncoderFailure::message("camera recording dimensions changed during this take");
   }
   const RecordingProfile& profile = movie->profile;
-  recording = {.recordingSession = compressionSession(profile.width, profile.height,
-                                                      /*recording=*/true, profile.targetFPS),
+  recording = {.recordingSession = compressionSession(profile.sessionSettings()),
                .recordingSessionMovie = movie,
                .recordingWidth = profile.width,
                .recordingHeight = profile.height,
@@ -45,33 +51,12 @@ void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
                .recordingSourceHeight = frame.height};
 }
 
-void VideoEncoder::submitRecording(const RawFrame& frame,
-                                   const std::shared_ptr<MovieRecorder>& movie,
-                                   const std::shared_ptr<RawEncodingCompletion>& completion) {
-  RecordingSession& recording = take.recording;
-  CompressionSession& session = *recording.recordingSession;
-  auto buffer = pixelBuffer(frame, session, Placement::aspectFit, *platform.images);
-  ++recording.recordingOrdinal;
-  const FrameProperties properties{.forceKeyFrame =
-                                       std::exchange(recording.recordingForceIDR, false)};
-  const Status status =
-      submit(session, std::move(buffer), {recording.recordingOrdinal, movie->profile.targetFPS},
-             properties, completion,
-             [movie, capturedAt = frame.capturedAt](VideoEncoder& self, const Encoded& encoded) {
-               self.recordingEncoded(encoded, movie, capturedAt);
-             });
-  if (status != 0) throw EncoderFailure::status("camera frame submission", status);
-}
-
-// Frames of a take that has ended are ignored.
-void VideoEncoder::recordingEncoded(const Encoded& encoded,
-                                    const std::shared_ptr<MovieRecorder>& movie,
-                                    double capturedAt) {
-  if (!running || take.movie != movie) return;
+void VideoEncoder::recordingEncoded(const std::shared_ptr<MovieRecorder>& movie, double capturedAt,
+                                    const Encoded& encoded) {
+  if (!running || take.movie != movie) return;  // the take has ended
   take.recordingEncodeMilliseconds = millisecondsSince(encoded.submitted);
   try {
-    const bool dropped = encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0;
-    if (dropped) {
+    if (encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0) {
       movie->countDropped();
       take.recording.recordingForceIDR = true;
       return;

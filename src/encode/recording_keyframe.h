@@ -4,7 +4,7 @@
 
 namespace lumora {
 
-// Whether the sample holds an IDR picture. Throws EncoderFailure when it is malformed.
+// Whether the sample of a take holds an IDR picture. Throws EncoderFailure when it is malformed.
 bool recordingKeyframe(const EncodedSample& sample);
 
 }  // namespace lumora

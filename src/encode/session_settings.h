@@ -6,9 +6,20 @@
 namespace lumora {
 
 constexpr int previewTargetFPS = 60;
+constexpr std::int64_t previewBitRate = 4'000'000;     // bits per second
+constexpr std::int64_t recordingBitRate = 12'000'000;  // bits per second
 
-// The settings of a session: its factory, the encoders opened ahead of it and the benchmarks have
-// them from here.
-EncoderSettings sessionSettings(SessionKind kind, PictureSize size, int targetFPS);
+// The settings of a session. Those of an encoder that is opened ahead must equal those of the
+// session that takes it.
+inline EncoderSettings sessionSettings(SessionKind kind, PictureSize size, int targetFPS) {
+  const bool recording = kind == SessionKind::recording;
+  return {.kind = kind,
+          .width = static_cast<int>(size.width),
+          .height = static_cast<int>(size.height),
+          .profile = recording ? ProfileLevel::highAuto : ProfileLevel::baselineAuto,
+          .frameRate = targetFPS,
+          .keyFrameInterval = targetFPS,
+          .bitRate = recording ? recordingBitRate : previewBitRate};
+}
 
 }  // namespace lumora

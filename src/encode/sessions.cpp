@@ -1,21 +1,17 @@
-// The factory of both compression sessions and the reset of the recording one.
+// Makes the compression sessions of both branches, and submits frames to them.
 
-#include <array>
 #include <utility>
 
 #include "app/video_encoder.h"
 #include "encode/encoder_failure.h"
-#include "encode/session_settings.h"
 
 namespace lumora {
 namespace {
 
 constexpr double maximumKeyFrameSeconds = 1.0;
 
-using Property = std::pair<SessionProperty, PropertyValue>;
-
-std::array<Property, 7> sessionProperties(const EncoderSettings& settings) {
-  return {{
+void configure(CompressionSession& session, const EncoderSettings& settings) {
+  const std::pair<SessionProperty, PropertyValue> properties[] = {
       {SessionProperty::realTime, true},
       {SessionProperty::allowFrameReordering, false},
       {SessionProperty::profileLevel, settings.profile},
@@ -23,11 +19,8 @@ std::array<Property, 7> sessionProperties(const EncoderSettings& settings) {
       {SessionProperty::maxKeyFrameInterval, settings.keyFrameInterval},
       {SessionProperty::maxKeyFrameIntervalDuration, maximumKeyFrameSeconds},
       {SessionProperty::averageBitRate, settings.bitRate},
-  }};
-}
-
-void configure(CompressionSession& session, const EncoderSettings& settings) {
-  for (const auto& [property, value] : sessionProperties(settings)) {
+  };
+  for (const auto& [property, value] : properties) {
     const Status status = session.setProperty(property, value);
     if (status != 0) throw EncoderFailure::status("encoder property", status);
   }
@@ -37,13 +30,8 @@ void configure(CompressionSession& session, const EncoderSettings& settings) {
 
 }  // namespace
 
-std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(std::int64_t sessionWidth,
-                                                                     std::int64_t sessionHeight,
-                                                                     bool recording,
-                                                                     int targetFPS) {
-  const EncoderSettings settings =
-      sessionSettings(recording ? SessionKind::recording : SessionKind::preview,
-                      {sessionWidth, sessionHeight}, targetFPS);
+std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(
+    const EncoderSettings& settings) {
   std::shared_ptr<CompressionSession> made;
   const Status status = platform.encoders->createSession(
       settings.kind, settings.width, settings.height,
@@ -58,6 +46,37 @@ std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(std::int64_
     throw;
   }
   return made;
+}
+
+void VideoEncoder::Encoded::require(const char* what) const {
+  if ((infoFlags & infoNotPrepared) != 0)
+    throw EncoderFailure::status("encoder preparation", status);
+  if (status != 0 || !sample) throw EncoderFailure::status(what, status);
+}
+
+// The session's handler only enqueues: the state queue may be waiting for it in `completeFrames`.
+void VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer,
+                          RationalTime time, bool forceKeyFrame,
+                          const std::shared_ptr<RawEncodingCompletion>& completion,
+                          const char* what, OutcomeHandler handle) {
+  const int share = completion->begin();
+  const auto answer = [queue = platform.stateQueue, completion, share, submitted = uptime(),
+                       handle = std::move(handle)](
+                          Status outcome, std::uint32_t infoFlags,
+                          const std::shared_ptr<const EncodedSample>& sample) {
+    queue->async(
+        [completion, share, handle, encoded = Encoded{outcome, infoFlags, sample, submitted}] {
+          handle(encoded);
+          completion->complete(share);
+        });
+  };
+  try {
+    const Status status = to.encodeFrame(std::move(buffer), time, {forceKeyFrame}, answer);
+    if (status != 0) throw EncoderFailure::status(what, status);
+  } catch (const std::exception&) {
+    completion->complete(share);
+    throw;
+  }
 }
 
 }  // namespace lumora

@@ -1,6 +1,6 @@
 #pragma once
 
-// Encoded samples and format descriptions that live in ordinary memory.
+// Encoded samples and format descriptions in ordinary memory. Any thread.
 
 #include <algorithm>
 #include <array>

@@ -1,34 +1,22 @@
 #pragma once
 
-// Walks a length-prefixed H.264 sample:
+// NAL units (ISO/IEC 14496-10, 7.3.1) in the two forms that they travel in. A byte stream (annex B)
+// has a start code, 00 00 01 or 00 00 00 01, in front of each unit. A sample has its length:
 //
 //   +----------------+-----------------+----------------+-----
 //   | length N (4 BE)| N bytes of NAL  | length (4 BE)  | ...
 //   +----------------+-----------------+----------------+-----
-//
-// and tells whether it holds an IDR slice. It reads through a `fetch(offset, space)` that may
-// fail, since a sample's bytes belong to the platform.
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "base/big_endian.h"
 
 namespace lumora {
 
-enum class NalWalkError {
-  none,
-  truncatedHeader,   // 1 to 3 bytes left where a length is due
-  badSize,           // length 0, unreadable, or past the end
-  unreadableHeader,  // the NAL header byte could not be read
-};
-
-struct NalWalk {
-  NalWalkError error = NalWalkError::none;
-  bool idr = false;
-};
-
-// ISO/IEC 14496-10, 7.3.1 and table 7-1: the type is the low five bits of a unit's first byte.
+// Table 7-1: the type is the low five bits of a unit's first byte.
 constexpr std::uint8_t nalTypeMask = 0x1F;
 enum class NalType : std::uint8_t {
   idrSlice = 5,
@@ -44,6 +32,26 @@ constexpr NalType nalType(std::uint8_t header) {
 constexpr std::size_t nalLengthBytes = 4;      // in front of each unit of a sample
 constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header byte
 
+// The NAL units of a byte stream, without start codes; they point into it. Pure.
+std::vector<ByteView> splitAnnexB(ByteView stream);
+
+// Appends `unit` behind its length as 4 big-endian bytes.
+void appendLengthPrefixed(Bytes& sample, ByteView unit);
+
+enum class NalWalkError {
+  none,
+  truncatedHeader,   // 1 to 3 bytes left where a length is due
+  badSize,           // length 0, unreadable, or past the end
+  unreadableHeader,  // the NAL header byte could not be read
+};
+
+struct NalWalk {
+  NalWalkError error = NalWalkError::none;
+  bool idr = false;
+};
+
+// Walks a sample of `length` bytes and tells whether it holds an IDR slice. Reads through
+// `fetch(offset, space)`, which may fail, since a sample's bytes belong to the platform.
 template <typename Fetch>
 NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
   NalWalk walk;
@@ -68,7 +76,7 @@ NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
 // The same walk over bytes in memory.
 inline NalWalk walkNalUnits(ByteView sample) {
   return walkNalUnits(sample.size(), [sample](std::size_t offset, MutableByteView space) {
-    for (std::size_t i = 0; i < space.size(); ++i) space[i] = sample[offset + i];
+    std::ranges::copy(sample.subspan(offset, space.size()), space.begin());
     return true;
   });
 }

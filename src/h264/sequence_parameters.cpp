@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::uint8_t emulationPrevention = 3;
 
-// 7.4.1.1: without and with the bytes that keep start codes out of a unit.
+// 7.4.1.1: removes the bytes that keep start codes out of a unit.
 Bytes removeEmulationPrevention(ByteView unit) {
   Bytes bytes;
   int zeros = 0;
@@ -37,9 +37,9 @@ Bytes addEmulationPrevention(ByteView bytes) {
   return unit;
 }
 
-// What decides, and where its bits are.
+// What the usability information says, and where. Positions are in bits. If there is none, the
+// first three are the position of vui_parameters_present_flag.
 struct Vui {
-  std::size_t flagAt = 0;  // of vui_parameters_present_flag, in bits
   bool present = false;
   std::size_t signalAt = 0;  // of video_signal_type_present_flag
   std::size_t signalEnd = 0;
@@ -60,7 +60,7 @@ void skipScalingList(BitReader& set, int size) {
   }
 }
 
-// 7.3.2.1.1, the part that only some profiles have.
+// 7.3.2.1.1: the part that only some profiles have.
 void skipChromaFormat(BitReader& set, std::uint32_t profile) {
   constexpr std::array<std::uint32_t, 13> extended = {100, 110, 122, 244, 44,  83, 86,
                                                       118, 128, 138, 139, 134, 135};
@@ -113,11 +113,11 @@ void readVui(BitReader& set, Vui& found) {
     set.bits(32);
     set.flag();
   }
-  const bool ofUnits = set.flag();
-  if (ofUnits) skipHrd(set);
-  const bool ofSlices = set.flag();
-  if (ofSlices) skipHrd(set);
-  if (ofUnits || ofSlices) set.flag();
+  const bool hasNalHrd = set.flag();
+  if (hasNalHrd) skipHrd(set);
+  const bool hasVclHrd = set.flag();
+  if (hasVclHrd) skipHrd(set);
+  if (hasNalHrd || hasVclHrd) set.flag();
   set.flag();  // picture structure
   found.restrictionAt = set.position();
   found.restricted = set.flag();
@@ -139,7 +139,7 @@ std::optional<Vui> read(ByteView bytes) {
   if (!set.flag()) set.flag();  // fields
   set.flag();
   if (set.flag()) set.skipExpGolomb(4);  // cropping
-  found.flagAt = set.position();
+  found.signalAt = found.signalEnd = found.restrictionAt = set.position();
   found.present = set.flag();
   if (found.present) readVui(set, found);
   if (found.restricted) {
@@ -163,7 +163,7 @@ void writeSignal(BitWriter& set, const ColourDescription& colour) {
   set.bits(colour.matrix, 8);
 }
 
-// Whatever is not said stays at its default, or without a limit.
+// Says that nothing is reordered. All else gets its default, or no limit.
 void writeRestriction(BitWriter& set, const Vui& found) {
   constexpr std::uint32_t unlimited = 0;
   constexpr std::uint32_t longestVector = 15;
@@ -173,8 +173,8 @@ void writeRestriction(BitWriter& set, const Vui& found) {
   set.expGolomb(unlimited);
   set.expGolomb(longestVector);
   set.expGolomb(longestVector);
-  set.expGolomb(0);                         // none reordered
-  set.expGolomb(found.maxReferenceFrames);  // as many as a decoder has to keep
+  set.expGolomb(0);                         // reordered frames
+  set.expGolomb(found.maxReferenceFrames);  // frames that a decoder keeps
 }
 
 }  // namespace
@@ -186,17 +186,15 @@ Bytes withUsabilityInformation(ByteView unit, const ColourDescription& colour) {
   if (!found || (ordered && found->coloured)) return {unit.begin(), unit.end()};
   BitReader from(bytes);
   BitWriter set;
-  set.copy(from, found->present ? found->signalAt : found->flagAt);
+  set.copy(from, found->signalAt);
   if (!found->present) set.bits(0b100, 3);  // present, without aspect and overscan
   if (found->coloured)
     set.copy(from, found->signalEnd);
   else
     writeSignal(set, colour);
   if (!found->present) set.bits(0, 5);  // nothing else before the restriction
-  if (found->present) {
-    from = BitReader(bytes, found->signalEnd);
-    set.copy(from, ordered ? found->end : found->restrictionAt);
-  }
+  from = BitReader(bytes, found->signalEnd);
+  set.copy(from, ordered ? found->end : found->restrictionAt);
   if (!ordered) writeRestriction(set, *found);
   return addEmulationPrevention(set.finish());
 }

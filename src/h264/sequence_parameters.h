@@ -5,10 +5,10 @@
 
 namespace lumora {
 
-// A sequence parameter set, a NAL unit, whose usability information (ISO/IEC 14496-10, E.2.1) says
-// what holds for every stream of ours: that frames come in the order in which they are shown, or
-// else decoders wait for more of them before they show any, and what its colours are, unless it
-// says that by itself. The set as it is where it can't be understood. Pure.
+// Completes a sequence parameter set, a NAL unit, with usability information (ISO/IEC 14496-10,
+// E.2.1). It then says that frames come in display order, or decoders would wait for later frames
+// before they show one. It also gets `colour`, unless it has colours of its own. A set that can't
+// be parsed is returned unchanged. Pure.
 Bytes withUsabilityInformation(ByteView unit, const ColourDescription& colour);
 
 }  // namespace lumora

@@ -1,18 +1,40 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
 namespace lumora {
 
-// One admitted camera frame.
+// One camera frame.
 struct RawFrame {
   std::int64_t width = 0;   // pixels
   std::int64_t height = 0;  // pixels
   std::uint64_t id = 0;     // above 0, strictly increasing
   // width × height × 4 bytes, the bottom row of the picture first.
   std::shared_ptr<const std::uint8_t[]> rgba;
-  double capturedAt = 0;  // uptime seconds at admission
+  double capturedAt = 0;  // uptime seconds at which the reader had read it
+};
+
+// Admits one raw frame at a time and counts those that are dropped. Any thread.
+class RawAdmission {
+ public:
+  // Whether the frame may be encoded. Drops it when another one is in flight.
+  bool admit() {
+    const bool wasBusy = isBusy_.exchange(true);
+    if (wasBusy) countDropped();
+    return !wasBusy;
+  }
+  // The frame in flight has been encoded or dropped.
+  void release() { isBusy_ = false; }
+  void countDropped() { ++dropped_; }
+
+  bool isBusy() const { return isBusy_; }
+  std::uint64_t dropped() const { return dropped_; }
+
+ private:
+  std::atomic<bool> isBusy_ = false;  // a frame is in flight
+  std::atomic<std::uint64_t> dropped_ = 0;
 };
 
 }  // namespace lumora

@@ -1,7 +1,6 @@
 // The reader: splits standard input into records and hands them to the state queue. It blocks in
-// `read` on a thread of its own, reads every payload whole (also of frames that nobody takes, so
-// that encoding never slows the parent down). Of the service's state it touches `RawAdmission`
-// only.
+// `read` on a thread of its own. It reads every payload whole, also of frames that are dropped, so
+// encoding never slows the parent down.
 
 #include <array>
 #include <new>
@@ -9,24 +8,21 @@
 #include "app/video_encoder.h"
 #include "base/big_endian.h"
 #include "base/text.h"
+#include "encode/encoder_failure.h"
 #include "input/record_header.h"
 
 namespace lumora {
 
 void VideoEncoder::readFrames() {
   try {
-    readRecords();
+    std::array<std::uint8_t, recordHeaderBytes> bytes{};
+    while (readExactly(bytes)) {
+      const RecordHeader header = decodeRecordHeader(bytes);
+      header.isCommand() ? readCommand(header) : readFrame(header);
+    }
+    requestShutdown();
   } catch (const std::exception& error) {
     requestFailure(reasonOf(error));
-  }
-}
-
-void VideoEncoder::readRecords() {
-  std::array<std::uint8_t, recordHeaderBytes> bytes{};
-  for (;;) {
-    if (!readExactly(bytes)) return requestShutdown();
-    const RecordHeader header = decodeRecordHeader(bytes);
-    if (!(header.isCommand() ? readCommand(header) : readFrame(header))) return;
   }
 }
 
@@ -40,14 +36,13 @@ bool VideoEncoder::readExactly(MutableByteView space) {
   return true;
 }
 
-bool VideoEncoder::readCommand(const RecordHeader& header) {
+void VideoEncoder::readCommand(const RecordHeader& header) {
   Bytes payload(isValidCommand(header) ? header.length : 0);
   if (payload.empty() || !readExactly(payload)) {
-    requestFailure("invalid recording command framing");
-    return false;
+    throw EncoderFailure::message("invalid recording command framing");
   }
-  // While the state queue stands still the reader goes on after one wait: the end of the input is
-  // what ends a process whose parent is gone.
+  // When the state queue hangs, only the first command waits. The reader must reach the end of the
+  // input: that is what ends the process when the parent is gone.
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
@@ -55,58 +50,45 @@ bool VideoEncoder::readCommand(const RecordHeader& header) {
     if (hasSlot) self.commandSlots.release();
     self.recordingCommand(payload);
   }));
-  return true;
 }
 
-bool VideoEncoder::readFrame(const RecordHeader& header) {
+void VideoEncoder::readFrame(const RecordHeader& header) {
   const bool isShared = platform.frameMemory && header.length == frameOffsetBytes;
   if (!isValidFrame(header, lastFrameID) || (!isShared && !header.carriesPixels())) {
-    requestFailure("invalid raw frame header");
-    return false;
+    throw EncoderFailure::message("invalid raw frame header");
   }
   auto rgba = isShared ? sharedPixels(header) : readPixels(header);
-  if (!rgba) return false;
   lastFrameID = header.id;
-  auto frame = std::make_shared<const RawFrame>(
-      RawFrame{header.width, header.height, header.id, std::move(rgba), uptime()});
-  if (raw.admit()) enqueue(std::move(frame));
-  return true;
+  RawFrame frame{header.width, header.height, header.id, std::move(rgba), uptime()};
+  if (!raw.admit()) return;
+  try {
+    platform.stateQueue->async(weakly(&VideoEncoder::encode, std::move(frame)));
+  } catch (const std::bad_alloc&) {
+    raw.release();  // otherwise the take that this failure ends would wait for the frame
+    throw;
+  }
 }
 
 std::shared_ptr<const std::uint8_t[]> VideoEncoder::readPixels(const RecordHeader& header) {
   PictureMemory rgba = platform.pictures->allocate(header.length);
   if (!rgba) throw std::bad_alloc();
-  if (readExactly({rgba.get(), header.length})) return rgba;
-  requestFailure("truncated raw frame");
-  return nullptr;
+  if (!readExactly({rgba.get(), header.length})) {
+    throw EncoderFailure::message("truncated raw frame");
+  }
+  return rgba;
 }
 
 std::shared_ptr<const std::uint8_t[]> VideoEncoder::sharedPixels(const RecordHeader& header) {
   std::array<std::uint8_t, frameOffsetBytes> payload{};
-  if (!readExactly(payload)) {
-    requestFailure("truncated raw frame");
-    return nullptr;
-  }
+  if (!readExactly(payload)) throw EncoderFailure::message("truncated raw frame");
   const auto offset = integerBE<std::uint64_t>(payload, 0);
   if (!isValidOffset(offset, header.pictureBytes(), platform.frameMemory->size())) {
-    requestFailure("invalid raw frame header");
-    return nullptr;
+    throw EncoderFailure::message("invalid raw frame header");
   }
   return platform.frameMemory->pixels(header.id, offset);
 }
 
-// The frame is the queue's alone: it goes as soon as that is done with it.
-void VideoEncoder::enqueue(std::shared_ptr<const RawFrame> admitted) {
-  try {
-    platform.stateQueue->async(
-        weakly([admitted = std::move(admitted)](VideoEncoder& self) { self.encode(*admitted); }));
-  } catch (const std::bad_alloc&) {
-    raw.release();  // the take that is to be finished now waits for no frame
-    throw;
-  }
-}
-
-// State queue: the frame in flight has left, so what waited for it can begin.
+// State queue. No frame is in flight any more, so work that waited for this can begin.
 void VideoEncoder::releaseRaw() {
   raw.release();
   if (take.hasSessionOfAnotherTake()) take.resetRecordingSession();

@@ -39,7 +39,7 @@ bool isValidOffset(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memo
 }
 
 bool isValidCommand(const RecordHeader& header) {
-  return header.isCommand() && header.length >= 1 && header.length <= maximumLineBytes;
+  return header.length >= 1 && header.length <= maximumLineBytes;
 }
 
 }  // namespace lumora

@@ -7,8 +7,8 @@
 //   | length | width  | height | frame id       | payload
 //   +--------+--------+--------+----------------+----------
 //
-// Width, height and id all 0 make a command record; anything else is a frame record: its payload is
-// the pixels or, from a parent that shares memory with us, the offset of its pixels there.
+// In a command record width, height and id are all 0. Every other record is a frame record. Its
+// payload is the pixels or, when the parent shares memory with us, their offset in that memory.
 
 #include <cstdint>
 
@@ -17,7 +17,7 @@
 namespace lumora {
 
 constexpr std::size_t recordHeaderBytes = 16;
-constexpr std::size_t frameOffsetBytes = 8;  // no frame of pixels is as short
+constexpr std::size_t frameOffsetBytes = 8;  // shorter than the pixels of any frame
 
 struct RecordHeader {
   std::uint32_t length = 0;  // payload bytes
@@ -33,14 +33,14 @@ struct RecordHeader {
 // Decodes the first `recordHeaderBytes` of `bytes`.
 RecordHeader decodeRecordHeader(ByteView bytes);
 
-// Whether a frame record keeps the limits of size and id, `lastID` being the id of the frame before
-// it.
+// Whether a frame record has a valid size, and an id above `lastID`, that of the frame before it.
 bool isValidFrame(const RecordHeader& header, std::uint64_t lastID);
 
-// Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: at the beginning
-// of a page, but not of the first.
+// Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: it begins with a
+// page, but not with the first one, and ends inside the memory.
 bool isValidOffset(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes);
 
+// Whether a command record has a valid length.
 bool isValidCommand(const RecordHeader& header);
 
 }  // namespace lumora

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <new>
-#include <system_error>
 #include <utility>
 
 #include "base/directory.h"
@@ -23,18 +22,17 @@ class PosixFile final : public ByteSink {
   PosixFile(const PosixFile&) = delete;
   PosixFile& operator=(const PosixFile&) = delete;
 
-  int reserve([[maybe_unused]] std::uint64_t bytes) override {
-#ifdef FALLOC_FL_KEEP_SIZE
+  int reserve(std::uint64_t bytes) override {
     if (!reserves_) return 0;
     const int status = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(written_),
                                  static_cast<off_t>(bytes));
-    if (status != 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO)) return errno;
-    if (status != 0) reserves_ = errno == EINTR;  // not every file system can
-#endif
+    if (status == 0 || errno == EINTR) return 0;
+    if (errno == ENOSPC || errno == EDQUOT || errno == EIO) return errno;
+    reserves_ = false;  // this file system can't
     return 0;
   }
 
-  // To the size that it has, which gives back what lies beyond.
+  // Truncating the file to the size that it has frees what lies beyond.
   void releaseRoom() override {
     if (reserves_) static_cast<void>(ftruncate(descriptor_, static_cast<off_t>(written_)) == 0);
   }
@@ -88,8 +86,8 @@ class PosixFile final : public ByteSink {
   std::uint64_t written_ = 0;  // bytes
   bool reserves_ = true;
   bool nameSynced_ = false;
-  // Bytes of a removed file vanish with its descriptor, however well they are written. Some file
-  // systems count no names at all: theirs are taken to be there.
+  // Whether the file system counts names. If it does, a file without a name was removed, and its
+  // bytes are lost as soon as it is closed.
   bool named_ = linkCount() > 0;
 };
 
@@ -109,7 +107,5 @@ std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
     throw;
   }
 }
-
-std::string describeError(int error) { return std::generic_category().message(error); }
 
 }  // namespace lumora

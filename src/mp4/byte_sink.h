@@ -12,23 +12,20 @@ namespace lumora {
 class ByteSink {
  public:
   virtual ~ByteSink() = default;
-  // Sets room aside for the next `bytes` to be written, where the file system can: what lies within
-  // it can be written however full the disk gets.
+  // Allocates room on the disk for the next `bytes` to be written, if the file system can: they fit
+  // even if the disk gets full.
   virtual int reserve(std::uint64_t bytes) = 0;
-  // Gives back what was set aside and not written.
+  // Frees the room that was reserved and not written.
   virtual void releaseRoom() = 0;
   // Appends all of `bytes`.
   virtual int write(ByteView bytes) = 0;
   virtual int overwrite(std::uint64_t offset, ByteView bytes) = 0;
-  // Returns once everything written and the file's name are on the disk; ENOENT when it has been
+  // Returns once everything written and the file's name are on the disk. ENOENT if the file was
   // removed.
   virtual int sync() = 0;
 };
 
-// A new file; null with `error` set to an errno when it exists or can't be made.
+// A new file. Null, with `error` set to an errno, if it exists or can't be made.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
-
-// What an errno means, in words: "No space left on device".
-std::string describeError(int error);
 
 }  // namespace lumora

@@ -3,10 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <ctime>
 #include <limits>
 #include <utility>
 
+#include "base/text.h"
 #include "h264/nal_units.h"
 #include "mp4/movie_disk.h"
 
@@ -26,9 +27,7 @@ bool fitsSampleEntry(int size) {
 
 std::uint64_t secondsSince1904() {
   constexpr std::int64_t from1904To1970 = 2'082'844'800;
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count() +
-                                    from1904To1970);
+  return static_cast<std::uint64_t>(std::time(nullptr) + from1904To1970);
 }
 
 }  // namespace
@@ -67,7 +66,7 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   closed_ = closed_ || disk_->status() != WriterStatus::writing;
   if (closed_) return false;
   const auto length = sample.dataLength();
-  if (!length || *length > std::numeric_limits<std::uint32_t>::max()) return false;
+  if (!length) return false;
   const std::size_t at = payload_.size();
   payload_.resize(at + *length);
   if (sample.copyBytes(0, MutableByteView(payload_).subspan(at)) != 0) {
@@ -117,12 +116,12 @@ std::shared_ptr<MovieWriter> HybridMovies::createWriter(const std::string& path,
   int code = 0;
   auto sink = createFile(path, code);
   if (!sink) {
-    error = describeError(code);
+    error = reasonOf(code);
     return nullptr;
   }
   try {
     return std::make_shared<HybridMovieWriter>(std::move(sink), secondsSince1904());
-  } catch (const std::exception& failure) {  // no thread, for example
+  } catch (const std::exception&) {  // no thread, for example
     unlink(path.c_str());
     throw;
   }

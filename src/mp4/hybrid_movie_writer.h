@@ -1,13 +1,13 @@
 #pragma once
 
-// The movie writer: an MP4 that plays at every moment. While it grows it is a fragmented file, so
-// that a crash costs at most the fragment that was still in memory; finishing appends the complete
-// tables and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h), in a
-// time that does not grow with the movie.
+// The movie writer: an MP4 that plays at every moment. While it grows it is a fragmented file, so a
+// crash costs at most the fragment that was still in memory. Finishing appends the complete tables
+// and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h). That takes
+// equally long for a movie of any length.
 //
-// Samples are gathered into fragments on the caller's thread; an I/O thread of the writer's own
-// puts them on the disk. Between the two lies a bounded queue: a disk that falls behind shows as
-// "not ready", never as a wait.
+// Samples are gathered into fragments on the caller's thread. An I/O thread of the writer's own
+// writes them, behind a bounded queue. If the disk falls behind, the writer is not ready; it never
+// waits.
 
 #include "mp4/byte_sink.h"
 #include "mp4/movie_boxes.h"
@@ -19,8 +19,8 @@ class MovieDisk;
 
 class HybridMovieWriter final : public MovieWriter {
  public:
-  // A disk may sleep: spinning up takes some ten seconds, in which a recording of 12 Mbit/s brings
-  // 15 MB. Twice that is room enough, and little beside the frames in memory.
+  // A disk that sleeps takes some ten seconds to spin up. A recording of 12 Mbit/s brings 15 MB in
+  // that time; this is twice as much.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
 
@@ -44,7 +44,7 @@ class HybridMovieWriter final : public MovieWriter {
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
   std::uint64_t created_;
-  // A failed disk shows at the next append or at the end, together with its reason.
+  // While false, `status` is "writing". A failed disk shows at the next append or at the end.
   bool closed_ = false;
   std::shared_ptr<const FormatDescription> format_;
   std::uint64_t fileSize_ = 0;  // of what has been queued

@@ -1,12 +1,44 @@
 #include "mp4/movie_boxes.h"
 
 #include <limits>
+#include <string_view>
 
-#include "mp4/box.h"
+#include "base/big_endian.h"
 #include "platform/movie_writer.h"
 
 namespace lumora {
 namespace {
+
+// Appends a box (ISO/IEC 14496-12, 4.2): a size, a type, and what is appended until the scope ends,
+// which fills in the size. Nested scopes make nested boxes.
+class Box {
+ public:
+  Box(Bytes& bytes, std::string_view type) : bytes_(bytes), start_(bytes.size()) {
+    appendBE(bytes_, std::uint32_t{0});
+    bytes_.insert(bytes_.end(), type.begin(), type.end());
+  }
+  // A full box, with version and flags.
+  Box(Bytes& bytes, std::string_view type, std::uint8_t version, std::uint32_t flags)
+      : Box(bytes, type) {
+    appendBE(bytes_, (std::uint32_t{version} << 24) | flags);
+  }
+  ~Box() { storeBE(bytes_.data() + start_, static_cast<std::uint32_t>(bytes_.size() - start_)); }
+  Box(const Box&) = delete;
+  Box& operator=(const Box&) = delete;
+
+ private:
+  Bytes& bytes_;
+  std::size_t start_;
+};
+
+void u8(Bytes& bytes, std::uint8_t value) { bytes.push_back(value); }
+void u16(Bytes& bytes, std::uint16_t value) { appendBE(bytes, value); }
+void u32(Bytes& bytes, std::uint32_t value) { appendBE(bytes, value); }
+void u64(Bytes& bytes, std::uint64_t value) { appendBE(bytes, value); }
+void zeros(Bytes& bytes, std::size_t count) { bytes.resize(bytes.size() + count); }
+void text(Bytes& bytes, std::string_view value) {
+  bytes.insert(bytes.end(), value.begin(), value.end());
+}
 
 constexpr std::uint32_t trackID = 1;
 constexpr std::uint32_t keySampleFlags = 0x02000000;    // depends on no other sample
@@ -144,8 +176,8 @@ void sampleDescription(Bytes& bytes, const FormatDescription& format) {
   sampleEntry(bytes, format);
 }
 
-// Appends a count, then one entry per run of equal values as `append(from, to)` writes it, the run
-// being the values from index `from` to before `to`.
+// Appends the number of runs of equal values, then has `append(from, to)` append an entry for each
+// run. `from` and `to` are the indices of its first value and of the one behind its last.
 template <typename Values, typename Append>
 void runs(Bytes& bytes, const Values& values, Append append) {
   const std::size_t countAt = bytes.size();
@@ -224,7 +256,7 @@ void sampleTable(Bytes& bytes, const FormatDescription& format, const MovieTable
   chunkOffsets(bytes, tables);
 }
 
-// 14496-12, 8.7.1 and 8.7.2: the samples are in this very file.
+// 14496-12, 8.7.1 and 8.7.2: the samples are in this file.
 void dataInformation(Bytes& bytes) {
   const Box box(bytes, "dinf");
   const Box references(bytes, "dref", 0, 0);
@@ -295,8 +327,9 @@ void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
   trackRun(bytes, samples, dataOffset);
 }
 
-// Appends a `free` box if the next `size` bytes would not fit into the sector that `offset` lies
-// in, which a disk writes whole, or, when they are more than one holds, into its page.
+// Appends a `free` box if the next `size` bytes would cross the end of the sector that `offset`
+// lies in, since a disk writes sectors whole. If they are more than a sector, the page counts
+// instead.
 void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;
@@ -315,7 +348,7 @@ Bytes movieStart(const FormatDescription& format, std::uint64_t created) {
   fileType(bytes);
   {
     const Box placeholder(bytes, "free");
-    zeros(bytes, placeholderBytes - 8);
+    zeros(bytes, 8);
   }
   {
     const Box box(bytes, "moov");
@@ -360,8 +393,8 @@ Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::
 }
 
 std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables) {
-  constexpr std::uint64_t fixedBoxes = 1024;  // and a little more
-  // Every sample with a duration of its own, every chunk with a count of its own.
+  constexpr std::uint64_t fixedBoxes = 1024;  // rounded up
+  // The worst case: each sample's duration and each chunk's count starts a run.
   return fixedBoxes + format.parameterSet(0).bytes.size() + format.parameterSet(1).bytes.size() +
          tables.sizes().size() * (8 + 4) + tables.keyframes().size() * 4 +
          tables.chunks().size() * (12 + 8);

@@ -15,28 +15,26 @@
 
 namespace lumora {
 
-constexpr std::size_t placeholderBytes = 16;
-
-// `ftyp`, the placeholder and the `moov` of a movie of which no sample is there yet.
-// `created` is seconds since 1904.
+// `ftyp`, the placeholder and the `moov` of a movie that has no samples yet. `created` is seconds
+// since 1904.
 Bytes movieStart(const FormatDescription& format, std::uint64_t created);
-// Where the placeholder lies in `movieStart`.
+// Where the placeholder lies in `movieStart`, in bytes.
 std::uint64_t placeholderOffset();
 
-// `moof` and the header of the `mdat` that follows it with the samples' bytes; they will stand at
-// `offset` in the file. What a crash or a power cut leaves of a write ends at the boundary of a
-// page or of a sector, and some demuxers give up on a file with a part of a `moof`: a `free` box in
-// front keeps it within one of them.
+// The `moof` of a fragment and the header of its `mdat`, for the place `offset` in the file. The
+// first sample begins at `time`. A crash or a power cut may end a write at any boundary of a page
+// or sector, and some demuxers refuse a file that ends within a `moof`. So a `free` box in front
+// keeps the `moof` from crossing such a boundary.
 Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t time,
                     const std::vector<MovieSample>& samples);
 
 // The complete `moov`.
 Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created);
 
-// At least as many bytes as that takes, wherever the movie ends.
+// At least the size in bytes of `movieEnd`, wherever the movie ends.
 std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables);
 
-// An `mdat` header for `size` bytes, itself included; as long as the placeholder.
+// An `mdat` header for `size` bytes, its own 16 included: it takes the placeholder's place.
 Bytes wideMediaDataHeader(std::uint64_t size);
 
 }  // namespace lumora

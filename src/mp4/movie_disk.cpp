@@ -1,19 +1,16 @@
 #include "mp4/movie_disk.h"
 
-#include <thread>
 #include <utility>
 
 #include "base/text.h"
-#include "base/thread_name.h"
+#include "base/thread.h"
 
 namespace lumora {
 
 std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   std::shared_ptr<MovieDisk> disk(new MovieDisk);
-  std::thread([disk, sink = std::move(sink)]() mutable {
-    nameThread("lumora.disk");
-    disk->run(std::move(sink));
-  }).detach();
+  startThread("lumora.disk",
+              [disk, sink = std::move(sink)]() mutable { disk->run(std::move(sink)); });
   return disk;
 }
 
@@ -21,7 +18,7 @@ void MovieDisk::write(Bytes head, Bytes body, std::uint64_t ending) {
   const std::size_t bytes = head.size() + body.size();
   enqueue({bytes, [this, room = bytes + ending, head = std::move(head),
                    body = std::move(body)](ByteSink& sink) {
-             // Synced at once: a power cut then costs no more than a crash of the process.
+             // Synced at once, so a power cut costs no more than a crash of the process.
              if (proceeds(sink.reserve(room)) && proceeds(sink.write(head)) &&
                  proceeds(sink.write(body))) {
                proceeds(sink.sync());
@@ -34,7 +31,7 @@ void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
   const std::size_t bytes = tail.size();
   enqueue({bytes,
            [this, tail = std::move(tail), offset, header = std::move(header)](ByteSink& sink) {
-             if (proceeds(0) && proceeds(sink.write(tail)) && proceeds(sink.sync()) &&
+             if (proceeds(sink.write(tail)) && proceeds(sink.sync()) &&
                  proceeds(sink.overwrite(offset, header)) && proceeds(sink.sync())) {
                sink.releaseRoom();
                end(WriterStatus::completed, std::nullopt);
@@ -50,7 +47,7 @@ void MovieDisk::fail(std::string message, std::function<void()> handler) {
 }
 
 void MovieDisk::cancel() {
-  std::list<Job> abandoned;  // their handlers may own the writer: they go after the lock
+  std::list<Job> abandoned;  // destroyed after the lock is released: handlers may own the writer
   {
     const std::lock_guard hold(mutex_);
     cancelled_ = true;
@@ -86,7 +83,7 @@ void MovieDisk::enqueue(Job job) {
 
 void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   for (;;) {
-    Job job;  // outlives the lock: its end may be that of the writer, which locks
+    Job job;  // destroyed after the lock is released: its handler may own the writer, which locks
     std::unique_lock hold(mutex_);
     changed_.wait(hold, [this] { return !jobs_.empty() || cancelled_; });
     if (cancelled_) return;
@@ -94,24 +91,20 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
     jobs_.pop_front();
     const bool skipped = status_ != WriterStatus::writing;
     hold.unlock();
-    if (!skipped) carryOut(job.step, *sink);
+    try {
+      if (!skipped) job.step(*sink);
+    } catch (const std::exception& error) {
+      end(WriterStatus::failed, reasonOf(error));
+    }
     if (job.handler) return job.handler();
     hold.lock();
     queuedBytes_ -= job.bytes;
   }
 }
 
-void MovieDisk::carryOut(const Step& step, ByteSink& sink) {
-  try {
-    step(sink);
-  } catch (const std::exception& error) {
-    end(WriterStatus::failed, reasonOf(error));
-  }
-}
-
-// Ends the movie after an error; whether the next step is still wanted.
+// Ends the movie on an error. Whether the next step is still wanted.
 bool MovieDisk::proceeds(int error) {
-  if (error != 0) end(WriterStatus::failed, describeError(error));
+  if (error != 0) end(WriterStatus::failed, reasonOf(error));
   return error == 0 && status() == WriterStatus::writing;
 }
 

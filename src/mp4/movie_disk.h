@@ -1,7 +1,7 @@
 #pragma once
 
 // The I/O thread of one movie file and the queue in front of it. The thread lives until the movie
-// is finished or cancelled; it shares this object, so that nobody waits for a stuck disk.
+// is finished or cancelled. It shares this object, so nobody has to wait for a disk that hangs.
 
 #include <condition_variable>
 #include <functional>
@@ -17,20 +17,19 @@ namespace lumora {
 
 class MovieDisk {
  public:
-  // Throws std::system_error without a thread.
+  // Throws std::system_error if no thread can be made. The other calls may come from any thread and
+  // never wait for the disk.
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
-  // Any thread; nothing here waits for the disk.
-
-  // Queues `head` and, right behind it, `body`; both are on the disk before the next write, and
-  // there is room for `ending` bytes behind them.
+  // Queues `head` and, right behind it, `body`. Both are on the disk before the next write, and
+  // room for another `ending` bytes is reserved.
   void write(Bytes head, Bytes body, std::uint64_t ending);
-  // Behind everything queued: appends `tail`, then overwrites `header` at `offset`, each safely on
-  // the disk before the next step; then `handler` runs on the I/O thread.
+  // Behind everything queued: appends `tail`, then overwrites `header` at `offset`. Each is on the
+  // disk before the next step. Then `handler` runs on the I/O thread.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
-  // Ends the movie as failed, after what is queued.
+  // Ends the movie as failed, behind everything queued. Then `handler` runs on the I/O thread.
   void fail(std::string message, std::function<void()> handler);
-  // Ends it now: what is queued stays unwritten and runs no handler.
+  // Ends it now. What is queued is dropped, and its handlers don't run.
   void cancel();
 
   WriterStatus status() const;
@@ -42,19 +41,18 @@ class MovieDisk {
   struct Job {
     std::size_t bytes = 0;
     Step step;
-    std::function<void()> handler = {};  // of the last one
+    std::function<void()> handler = {};  // of the last job
   };
 
   MovieDisk() = default;
   void enqueue(Job job);
   void run(std::unique_ptr<ByteSink> sink);
-  void carryOut(const Step& step, ByteSink& sink);
   bool proceeds(int error);
   void end(WriterStatus status, std::optional<std::string> message);
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
-  std::list<Job> jobs_;  // an empty one needs no memory
+  std::list<Job> jobs_;  // unlike a deque, an empty list allocates nothing
   std::size_t queuedBytes_ = 0;
   bool cancelled_ = false;
   WriterStatus status_ = WriterStatus::writing;

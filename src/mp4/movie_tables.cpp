@@ -7,7 +7,6 @@
 namespace lumora {
 
 void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples) {
-  if (samples.empty()) return;
   chunks_.push_back({offset, static_cast<std::uint32_t>(samples.size())});
   for (const MovieSample& sample : samples) {
     sizes_.push_back(sample.size);
@@ -18,21 +17,18 @@ void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>&
 }
 
 void MovieTables::endAt(std::uint64_t end) {
-  while (!empty() && duration_ - durations_.back() >= end) dropLast();
+  while (!empty() && duration_ - durations_.back() >= end) {
+    duration_ -= durations_.back();
+    if (!keyframes_.empty() && keyframes_.back() == sizes_.size()) keyframes_.pop_back();
+    sizes_.pop_back();
+    durations_.pop_back();
+    if (--chunks_.back().samples == 0) chunks_.pop_back();
+  }
   if (empty()) return;
-  const std::uint64_t last = end - (duration_ - durations_.back());
   duration_ -= durations_.back();
-  durations_.back() =
-      static_cast<std::uint32_t>(std::min(last, static_cast<std::uint64_t>(longestSample)));
-  duration_ += durations_.back();
-}
-
-void MovieTables::dropLast() {
-  duration_ -= durations_.back();
-  if (!keyframes_.empty() && keyframes_.back() == sizes_.size()) keyframes_.pop_back();
-  sizes_.pop_back();
-  durations_.pop_back();
-  if (--chunks_.back().samples == 0) chunks_.pop_back();
+  const auto last = std::min(end - duration_, static_cast<std::uint64_t>(longestSample));
+  durations_.back() = static_cast<std::uint32_t>(last);
+  duration_ += last;
 }
 
 }  // namespace lumora

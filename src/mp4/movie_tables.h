@@ -1,7 +1,7 @@
 #pragma once
 
-// What a movie file must know about its samples. Grows by a few bytes per sample, so that an hour
-// of recording costs some two megabytes. Pure.
+// What a movie file must know about its samples. An hour of recording takes some two megabytes.
+// Pure.
 
 #include <cstdint>
 #include <vector>
@@ -22,22 +22,21 @@ struct MovieChunk {
 
 class MovieTables {
  public:
-  // `samples` lie together at `offset`.
+  // Adds `samples`, of which there is at least one. They lie together at `offset`.
   void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples);
-  // Leaves out what lies at or past `end` and stretches or cuts the last sample left to it.
+  // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
+  // but to `longestSample` at most.
   void endAt(std::uint64_t end);
 
   bool empty() const { return sizes_.empty(); }
   std::uint64_t duration() const { return duration_; }
   const std::vector<std::uint32_t>& sizes() const { return sizes_; }
   const std::vector<std::uint32_t>& durations() const { return durations_; }
-  // Numbers of the key frames, from 1.
+  // Numbers of the key frames, counted from 1.
   const std::vector<std::uint32_t>& keyframes() const { return keyframes_; }
   const std::vector<MovieChunk>& chunks() const { return chunks_; }
 
  private:
-  void dropLast();
-
   std::vector<std::uint32_t> sizes_;
   std::vector<std::uint32_t> durations_;
   std::vector<std::uint32_t> keyframes_;

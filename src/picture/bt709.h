@@ -2,10 +2,11 @@
 
 // BT.709's luma and colour differences of RGB pixels, in limited range and in integers.
 //
-// Weights are bytes, which SIMD multiplies best. They may have any common factor, `scale` takes it
-// out again, so eight bits are enough: these ratios are within 0.2 of a step for luma and 0.005
-// for colour differences of the exact ones (0.2126 red, 0.7152 green, 0.0722 blue), for greys
-// exact. SIMD sums two neighbours in 16 bits, so two weights of one sign add up to 128 at most.
+// Weights are signed bytes, since SIMD multiplies bytes best. They may have a common factor, which
+// `scale` takes out again; that makes eight bits enough. Compared with the exact ratios (0.2126
+// red, 0.7152 green, 0.0722 blue) luma is within 0.2 of a step and colour differences within 0.005.
+// Greys are exact. SIMD sums two neighbouring products in 16 bits, so two neighbouring weights of
+// the same sign add up to 128 at most.
 
 #include <array>
 #include <cstddef>
@@ -23,7 +24,7 @@ constexpr int fractionBits = 22;
 struct Weighting {
   Pixel weights;  // signed
   std::int16_t scale;
-  std::int32_t offset;  // of black or grey, and a half to round
+  std::int32_t offset;  // the value of black or grey, and a half for rounding
 
   constexpr std::uint8_t of(const Pixel& pixel) const {
     int sum = 0;
@@ -32,7 +33,7 @@ struct Weighting {
   }
 };
 
-// `sum` of weighted bytes shall make `steps`, from `zero` on.
+// A weighted sum of 0 becomes `zero`, one of `sum` becomes `zero` + `steps`.
 constexpr Weighting weighting(int blue, int green, int red, int sum, int steps, int zero) {
   const auto weight = [](int value) { return static_cast<std::uint8_t>(value); };
   const double scale = static_cast<double>(steps) * (1 << fractionBits) / sum;
@@ -41,7 +42,7 @@ constexpr Weighting weighting(int blue, int green, int red, int sum, int steps, 
           (zero << fractionBits) + (1 << (fractionBits - 1))};
 }
 
-// All three, with weights in the order in which a pixel has its channels.
+// The weights stand in the order of the pixel's channels.
 struct Weightings {
   Weighting luma, blueDifference, redDifference;
 };
@@ -61,12 +62,12 @@ constexpr const Weightings& weightings(ChannelOrder order) {
   return order == ChannelOrder::bgra ? bgra : rgba;
 }
 
-// As a little-endian word.
+// The bytes as a little-endian word.
 constexpr std::uint32_t packed(const Pixel& bytes) {
   return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
 }
 
-// Rounded up, as SIMD does it; since the weights of a colour difference add up to 0, that cancels.
+// Rounded up, as SIMD does it. The weights of a colour difference add up to 0, so that cancels.
 constexpr Pixel average(const Pixel& a, const Pixel& b) {
   Pixel result{};
   for (std::size_t i = 0; i < 4; ++i) result[i] = static_cast<std::uint8_t>((a[i] + b[i] + 1) / 2);
@@ -86,13 +87,13 @@ inline void lumaRow(const Weightings& of, const std::uint8_t* row, std::size_t w
   for (std::size_t x = 0; x < width; ++x) y[x] = of.luma.of(pixelAt(row, x));
 }
 
-// From an even `from` on. Weights along the row are 1, 2, 1; beyond an edge the edge goes on.
+// Weights along the row are 1, 2, 1. The pixel left of the first counts as equal to the first.
 inline void chromaRow(const Weightings& of, const std::uint8_t* top, const std::uint8_t* bottom,
-                      std::size_t from, std::size_t width, std::uint8_t* u, std::uint8_t* v) {
-  for (std::size_t x = from; x < width; x += 2) {
+                      std::size_t width, std::uint8_t* u, std::uint8_t* v) {
+  for (std::size_t x = 0; x < width; x += 2) {
     const Pixel before = averageRows(top, bottom, x == 0 ? 0 : x - 1);
-    const Pixel behind = averageRows(top, bottom, x + 1 < width ? x + 1 : x);
-    const Pixel pixel = average(average(before, behind), averageRows(top, bottom, x));
+    const Pixel sides = average(before, averageRows(top, bottom, x + 1));
+    const Pixel pixel = average(sides, averageRows(top, bottom, x));
     u[x / 2] = of.blueDifference.of(pixel);
     v[x / 2] = of.redDifference.of(pixel);
   }

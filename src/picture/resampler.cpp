@@ -3,7 +3,7 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "picture/resampler.cpp"
 #include <hwy/foreach_target.h>
-// Behind foreach_target.h, which includes this file again.
+// Stands behind foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
 
 #include <cstddef>
@@ -16,7 +16,7 @@ namespace lumora {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// The scalar definition of `sumRows`: sums[i] = Σ rows[k][i] × weight k, as 10.6 fixed point.
+// What `sumRows` makes of column i: Σ rows[k][i] × weight k, as 10.6 fixed point.
 inline std::int16_t sumRowsAt(const std::uint8_t* const* rows, const WeightPair* pairs, int taps,
                               std::size_t i) {
   int sum = 1 << 5;
@@ -30,7 +30,7 @@ constexpr hn::ScalableTag<std::uint8_t> dBytes;
 constexpr hn::Repartition<std::int16_t, decltype(dBytes)> dSums;
 using Sums = hn::Vec<decltype(dSums)>;
 
-// Sums of two neighbouring products, bytes with signed bytes: Highway has no name for it.
+// Sums of two neighbouring products, bytes with signed bytes. Highway has no name for this.
 HWY_INLINE Sums multiplyPairs(hn::Vec<decltype(dBytes)> bytes, Sums weights) {
 #if HWY_MAX_BYTES == 64
   return {_mm512_maddubs_epi16(bytes.raw, weights.raw)};
@@ -41,7 +41,7 @@ HWY_INLINE Sums multiplyPairs(hn::Vec<decltype(dBytes)> bytes, Sums weights) {
 #endif
 }
 
-// `low` and `high` are of the lower and upper halves of a vector's blocks of 16 bytes.
+// `low` has the sums for the lower half of each block of 16 columns, `high` those for the upper.
 HWY_INLINE void storeInOrder(Sums low, Sums high, std::int16_t* sums) {
 #if HWY_MAX_BYTES == 64
   const auto front = _mm512_setr_epi64(0, 1, 8, 9, 2, 3, 10, 11);
@@ -59,8 +59,8 @@ HWY_INLINE void storeInOrder(Sums low, Sums high, std::int16_t* sums) {
   hn::StoreU(second, dSums, sums + hn::Lanes(dSums));
 }
 
-// Two rows at once through a multiplication of bytes. Weights of 12 bits are sixty-four times a
-// coarse one and a fine one of -32 to 32, of which four rows' products fit into 16 bits.
+// Multiplies the bytes of two rows at once. A weight of 12 bits is 64 times a coarse weight plus a
+// fine one of -32 to 32. Fine products of four rows add up within 16 bits.
 HWY_INLINE void sumVector(const std::uint8_t* const* HWY_RESTRICT rows,
                           const WeightPair* HWY_RESTRICT pairs, int taps, std::size_t at,
                           std::int16_t* HWY_RESTRICT sums) {
@@ -112,22 +112,22 @@ HWY_INLINE std::size_t vectorStep() { return hn::Lanes(dSums); }
 
 #endif
 
-// For i below `count` (bytes).
+// Sums `count` columns (bytes).
 void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const WeightPair* HWY_RESTRICT pairs,
              int taps, std::size_t count, std::int16_t* HWY_RESTRICT sums) {
   const std::size_t step = vectorStep();
   std::size_t i = 0;
   for (; i + step <= count; i += step) sumVector(rows, pairs, taps, i, sums + i);
   if (i == count) return;
-  if (count >= step) {  // the last vector overlaps the one before
+  if (count >= step) {  // the last vector overlaps the one before it
     sumVector(rows, pairs, taps, count - step, sums + count - step);
     return;
   }
   for (; i < count; ++i) sums[i] = sumRowsAt(rows, pairs, taps, i);
 }
 
-// One destination row of `width` pixels: Σ along x of the column sums. `weights` holds `taps` × 4
-// values per pixel. Writes BGRA.
+// Writes one destination row of `width` BGRA pixels, weighted sums along x of the column sums.
+// `weights` holds `taps` × 4 values per pixel.
 #if HWY_TARGET == HWY_SCALAR
 void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
                 const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
@@ -149,7 +149,7 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
 void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
                 const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
                 std::uint8_t* HWY_RESTRICT row) {
-  // 16 lanes are 4 pixels: as much as the narrowest kernel has taps.
+  // 16 lanes are 4 pixels; the narrowest kernel has 4 taps.
   const hn::CappedTag<std::int16_t, 16> d;
   const hn::FixedTag<std::int16_t, 8> d128;
   const hn::Repartition<std::int64_t, decltype(d128)> d64;
@@ -157,7 +157,7 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
   const std::size_t lanes = hn::Lanes(d);
   const std::size_t values = static_cast<std::size_t>(taps) * 4;
 
-  // Two pixels' worth of partial sums: even source pixels in the lower half, odd in the upper.
+  // Two partial sums: of the even source pixels in the lower half, of the odd ones in the upper.
   const auto partialSum = [&](std::size_t x) HWY_ATTR {
     const std::int16_t* HWY_RESTRICT from = sums + static_cast<std::size_t>(first[x]) * 4;
     const std::int16_t* HWY_RESTRICT weight = weights + x * values;
@@ -178,7 +178,7 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
     return hn::LowerHalf(
         d8, hn::TableLookupBytes(hn::Combine(dFull, pixels, pixels), hn::Load(dFull, order)));
   };
-  // Sums are v × 2^5 here: 6 bits of fraction came in, 14 of the weight, and 15 were shifted out.
+  // The sums have 5 bits of fraction: 6 of the column sums plus 14 of the weights less 15.
   const auto pixelPair = [&](std::size_t x, std::size_t next) HWY_ATTR {
     const auto a = hn::BitCast(d64, partialSum(x));
     const auto b = hn::BitCast(d64, partialSum(next));
@@ -215,9 +215,9 @@ HWY_EXPORT(sumColumns);
 
 constexpr int weightOne = 1 << 12;
 constexpr double kernelSupport = 2;
-constexpr int lanesOfSlack = 64;  // the widest vector load may start at the last pixel
+constexpr int lanesOfSlack = 64;  // for the widest vector load, which may start at the last pixel
 
-// Catmull-Rom: interpolates exactly, sharp, with little ringing.
+// Catmull-Rom: sharp, with little ringing.
 double kernel(double x) {
   x = std::abs(x);
   if (x < 1) return (1.5 * x - 2.5) * x * x + 1;
@@ -227,8 +227,8 @@ double kernel(double x) {
 
 int roundUp(int value, int multiple) { return (value + multiple - 1) / multiple * multiple; }
 
-// Weights of one destination position, in fixed point; the largest takes the rounding error so
-// that they add up to exactly 1.
+// The weights of one destination position in fixed point. The largest takes the rounding error, so
+// they add up to exactly 1.
 void quantise(const std::vector<double>& exact, std::int16_t* weights) {
   double total = 0;
   for (const double weight : exact) total += weight;
@@ -243,7 +243,7 @@ void quantise(const std::vector<double>& exact, std::int16_t* weights) {
   weights[largest] = static_cast<std::int16_t>(weights[largest] + weightOne - sum);
 }
 
-// Two neighbours' parts as bytes of a word, the first in the lower one.
+// Two signed bytes as a word, the first in the lower byte.
 std::int16_t packed(int first, int second) {
   return static_cast<std::int16_t>((first & 0xFF) | (second & 0xFF) << 8);
 }
@@ -254,8 +254,6 @@ WeightPair makePair(std::int16_t first, std::int16_t second) {
   return {
       {first, second}, packed(coarse(first), coarse(second)), packed(fine(first), fine(second))};
 }
-
-}  // namespace
 
 ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
   const double step = static_cast<double>(source) / destination;
@@ -274,7 +272,7 @@ ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
     const int first = std::clamp(from, 0, source - needed);
     exact.assign(static_cast<std::size_t>(axis.taps), 0.0);
     for (int position = from; position <= to; ++position) {
-      // Beyond the edge the edge goes on, so its weight goes to the edge.
+      // A position beyond the edge counts as the edge's, so the edge gets its weight.
       const int inside = std::clamp(position, 0, source - 1);
       const int tap = std::clamp(inside - first, 0, needed - 1);
       exact[static_cast<std::size_t>(tap)] += kernel((position - centre) / width);
@@ -285,12 +283,14 @@ ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
   return axis;
 }
 
+}  // namespace
+
 Resampler::Resampler(const ImageView& source, const MutableImageView& destination)
     : sourceWidth_(source.width),
       sourceHeight_(source.height),
       width_(destination.width),
       height_(destination.height),
-      // 4 pixels are the horizontal step's vector.
+      // The horizontal step takes 4 pixels at once, the vertical one 2 rows.
       horizontal_(
           makeResampleAxis(static_cast<int>(source.width), static_cast<int>(destination.width), 4)),
       vertical_(makeResampleAxis(static_cast<int>(source.height),
@@ -310,16 +310,14 @@ bool Resampler::matches(const ImageView& source, const MutableImageView& destina
          width_ == destination.width && height_ == destination.height;
 }
 
-void Resampler::run(const ImageView& source, const MutableImageView& destination,
-                    Workspace& workspace) const {
-  auto& [columnSums, rows] = workspace;
-  rows.resize(static_cast<std::size_t>(vertical_.taps));
-  const auto rowValues = static_cast<std::size_t>(sourceWidth_ + horizontal_.taps) * 4;
-  columnSums.resize(std::max(columnSums.size(), rowValues + lanesOfSlack));
+void Resampler::run(const ImageView& source, const MutableImageView& destination) const {
+  std::vector<const std::uint8_t*> rows(static_cast<std::size_t>(vertical_.taps));
+  const auto values = static_cast<std::size_t>(sourceWidth_ + horizontal_.taps) * 4;
+  std::vector<std::int16_t> columnSums(values + lanesOfSlack);
   for (std::int64_t y = 0; y < height_; ++y) {
     const auto index = static_cast<std::size_t>(y);
     for (std::size_t k = 0; k < rows.size(); ++k) {
-      // A tap more than there are rows has no weight.
+      // Taps beyond the last row have no weight, but are read.
       const auto row = std::min(vertical_.first[index] + static_cast<std::ptrdiff_t>(k),
                                 static_cast<std::ptrdiff_t>(sourceHeight_ - 1));
       rows[k] = source.pixels + row * source.stride;

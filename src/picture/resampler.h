@@ -1,12 +1,13 @@
 #pragma once
 
-// Separable, anti-aliased resampling of four-channel pictures: a cubic kernel, widened by the
-// scale when scaling down so that nothing above the destination's Nyquist frequency folds back.
+// Separable, anti-aliased resampling of four-channel pictures with a cubic kernel. When scaling
+// down, the kernel is widened by the scale, so that nothing above the destination's Nyquist
+// frequency folds back.
 //
-// Each destination row is made in two steps: the source rows it needs are summed, column by
-// column, into one row of 16-bit values; then that row is summed along x. Every source byte is
-// read a few times while it is in cache, and nothing larger than two rows is kept. Arithmetic is
-// fixed-point, SIMD chosen at run time.
+// Each destination row is made in two steps. First the source rows that it needs are summed, column
+// by column, into one row of 16-bit values; then that row is summed along x. So every source byte
+// is read while it is in cache, and only one row is stored in between. Arithmetic is in fixed
+// point, with SIMD chosen at run time.
 
 #include <cstdint>
 #include <vector>
@@ -15,42 +16,31 @@
 
 namespace lumora {
 
-// The weights of one axis: destination position i is the sum of `taps` source positions from
-// `first[i]` on, weighted by `weights[i * taps ...]`, which add up to 1.
+// The weights of one axis. Destination position i is the sum of `taps` source positions from
+// `first[i]` on. Their weights, from `weights[i * taps]` on, add up to 1.
 struct ResampleAxis {
   int taps = 0;
   std::vector<int> first;
   std::vector<std::int16_t> weights;  // 1.0 is 1 << 12
 };
 
-// Weights of two neighbouring source rows, also taken apart (weight = 64 × coarse + fine) into
-// signed bytes, two in a word.
+// The weights of two neighbouring source rows. For SIMD each is also split (64 × coarse + fine)
+// into signed bytes, with both rows' bytes in one word.
 struct WeightPair {
   std::int16_t exact[2];
   std::int16_t coarse;
   std::int16_t fine;
 };
 
-ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple);
-
 class Resampler {
  public:
-  static constexpr std::int64_t maximumSide = 16384;  // pixels
-
   // Tables for this pair of sizes.
   Resampler(const ImageView& source, const MutableImageView& destination);
 
   bool matches(const ImageView& source, const MutableImageView& destination) const;
 
-  // What one thread needs besides; it grows to what the resampler needs.
-  struct Workspace {
-    std::vector<std::int16_t> columnSums;   // one source-wide row
-    std::vector<const std::uint8_t*> rows;  // the source rows of one destination row
-  };
-
-  // Resamples RGBA into BGRA and turns the picture upside down.
-  void run(const ImageView& source, const MutableImageView& destination,
-           Workspace& workspace) const;
+  // Resamples RGBA into BGRA and turns the picture upside down. Any thread.
+  void run(const ImageView& source, const MutableImageView& destination) const;
 
  private:
   std::int64_t sourceWidth_;

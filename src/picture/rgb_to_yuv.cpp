@@ -3,7 +3,7 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "picture/rgb_to_yuv.cpp"
 #include <hwy/foreach_target.h>
-// Behind foreach_target.h, which includes this file again.
+// Stands behind foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
 
 #include <cstddef>
@@ -27,7 +27,7 @@ using Bytes = hn::Vec<decltype(d8)>;
 using Values = hn::Vec<decltype(d32)>;
 using Pixels = hn::Vec<decltype(dPixels)>;
 
-// What Highway has no name for.
+// Instructions that Highway has no name for.
 #if HWY_MAX_BYTES == 64
 #define LUMORA_X86(operation) _mm512_##operation
 #elif HWY_MAX_BYTES == 32
@@ -41,7 +41,7 @@ HWY_INLINE hn::Vec<decltype(d16)> multiplyPairs(Bytes bytes, Pixels weights) {
   return {LUMORA_X86(maddubs_epi16)(bytes.raw, weights.raw)};
 }
 
-// Bytes in every block of 16: four of `a`, of `b`, of `c`, of `d`.
+// Packs values to bytes. Every block of 16 bytes holds four of `a`, then of `b`, `c` and `d`.
 HWY_INLINE Pixels packBlocks(Values a, Values b, Values c, Values d) {
   const auto low = hn::ReorderDemote2To(d16, a, b);
   const auto high = hn::ReorderDemote2To(d16, c, d);
@@ -50,7 +50,7 @@ HWY_INLINE Pixels packBlocks(Values a, Values b, Values c, Values d) {
 
 #undef LUMORA_X86
 
-// Of the fours of packed blocks: first all of `a`, then of `b`, and so on.
+// The order that puts all bytes of `a` first in packed blocks, then those of `b`, and so on.
 HWY_INLINE auto blockOrder() {
   HWY_ALIGN std::int32_t order[HWY_MAX_BYTES / 4];
   const std::size_t blocks = hn::Lanes(d32) / 4;
@@ -72,8 +72,8 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 #endif
 }
 
-// What a picture's rows have in common. Each row's function copies it: the compiler keeps a copy in
-// registers, but must expect that storing bytes changes what lies elsewhere.
+// The constants for a picture's rows. Each row's function takes a copy, which the compiler keeps in
+// registers. It would reload the original after every store of bytes, which might alias it.
 class Kernel {
  public:
   explicit HWY_INLINE Kernel(const bt709::Weightings& of)
@@ -93,7 +93,7 @@ class Kernel {
     hn::StoreU(inOrder(packBlocks(quarter(0), quarter(1), quarter(2), quarter(3))), d8, y);
   }
 
-  // The last of `left` is the pixel before the step's first: it is left so for the next step.
+  // `left` ends with the pixel before the step's first, and is updated for the next step.
   HWY_INLINE void chromaStep(const std::uint8_t* top, const std::uint8_t* bottom, Pixels& left,
                              std::uint8_t* u, std::uint8_t* v) const {
     const Bytes first = atChromaSites(top, bottom, left);
@@ -124,7 +124,7 @@ class Kernel {
     return hn::ShiftRight<bt709::fractionBits>(sum);
   }
 
-  // Two vectors of pixels in each of two rows, averaged down to one.
+  // Averages two vectors of pixels in each of two rows to one vector.
   static HWY_INLINE Bytes atChromaSites(const std::uint8_t* top, const std::uint8_t* bottom,
                                         Pixels& left) {
     const auto rows = [&](std::size_t at) HWY_ATTR {
@@ -164,8 +164,8 @@ HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t widt
 HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uint8_t* bottom,
                           std::size_t width, std::uint8_t* u, std::uint8_t* v) {
   const std::size_t step = Kernel::step();
-  if (width < step) return bt709::chromaRow(kernel.weightings(), top, bottom, 0, width, u, v);
-  // Beyond the first pixel it goes on.
+  if (width < step) return bt709::chromaRow(kernel.weightings(), top, bottom, width, u, v);
+  // The pixel left of the first counts as equal to the first.
   const auto pixelBefore = [&](std::size_t x) HWY_ATTR {
     return hn::Set(dPixels, bt709::packed(bt709::averageRows(top, bottom, x == 0 ? 0 : x - 1)));
   };
@@ -174,27 +174,16 @@ HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uin
     kernel.chromaStep(top + x * 4, bottom + x * 4, left, u + x / 2, v + x / 2);
   }
   if (width % step == 0) return;
-  const std::size_t last = (width - step) / 2 * 2;
+  const std::size_t last = width - step;
   left = pixelBefore(last);
   kernel.chromaStep(top + last * 4, bottom + last * 4, left, u + last / 2, v + last / 2);
-  bt709::chromaRow(kernel.weightings(), top, bottom, last + step, width, u, v);
 }
 
-#else  // No byte-by-signed-byte product: plain loops.
+#else  // No product of bytes with signed bytes: plain loops.
 
-struct Kernel {
-  explicit Kernel(const bt709::Weightings& all) : of(all) {}
-  const bt709::Weightings& of;
-};
-
-void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width, std::uint8_t* y) {
-  bt709::lumaRow(kernel.of, row, width, y);
-}
-
-void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uint8_t* bottom,
-               std::size_t width, std::uint8_t* u, std::uint8_t* v) {
-  bt709::chromaRow(kernel.of, top, bottom, 0, width, u, v);
-}
+using Kernel = bt709::Weightings;
+using bt709::chromaRow;
+using bt709::lumaRow;
 
 #endif
 
@@ -203,10 +192,9 @@ void convert(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plan
   const auto width = static_cast<std::size_t>(source.width);
   for (std::int64_t row = 0; row < source.height; row += 2) {
     const std::uint8_t* top = source.pixels + row * source.stride;
-    const bool paired = row + 1 < source.height;
-    const std::uint8_t* bottom = paired ? top + source.stride : top;
+    const std::uint8_t* bottom = top + source.stride;
     lumaRow(kernel, top, width, y.samples + row * y.stride);
-    if (paired) lumaRow(kernel, bottom, width, y.samples + (row + 1) * y.stride);
+    lumaRow(kernel, bottom, width, y.samples + (row + 1) * y.stride);
     chromaRow(kernel, top, bottom, width, u.samples + row / 2 * u.stride,
               v.samples + row / 2 * v.stride);
   }
@@ -230,8 +218,8 @@ void convertToI420(const ImageView& source, ChannelOrder order, Plane y, Plane u
 }
 
 void convertToNV12(const ImageView& source, ChannelOrder order, Plane y, Plane uv) {
-  const std::int64_t columns = (source.width + 1) / 2;
-  const std::int64_t rows = (source.height + 1) / 2;
+  const std::int64_t columns = source.width / 2;
+  const std::int64_t rows = source.height / 2;
   std::vector<std::uint8_t> planes(static_cast<std::size_t>(2 * columns * rows));
   const Plane u{planes.data(), columns};
   const Plane v{planes.data() + columns * rows, columns};

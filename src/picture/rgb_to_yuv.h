@@ -1,9 +1,9 @@
 #pragma once
 
-// RGB to what encoders take: 4:2:0 planes with BT.709's matrix in limited range (ITU-T H.273:
-// MatrixCoefficients 1, VideoFullRangeFlag 0). Chroma lies where H.264 has it by default, level
-// with the left of its two columns and halfway between its two rows. An odd last column or row
-// stands for the one that is missing. Arithmetic is fixed-point and the same on every machine.
+// RGB to the 4:2:0 planes that encoders take, with BT.709's matrix in limited range (ITU-T H.273:
+// MatrixCoefficients 1, VideoFullRangeFlag 0). Chroma lies where H.264 has it by default: level
+// with the left of its two columns, and halfway between its two rows. Arithmetic is in fixed point
+// and gives the same samples on every machine.
 
 #include "platform/image.h"
 
@@ -14,7 +14,7 @@ struct Plane {
   std::ptrdiff_t stride = 0;  // bytes from one row to the next
 };
 
-// Any thread.
+// Width and height are even. Any thread.
 void convertToI420(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v);
 void convertToNV12(const ImageView& source, ChannelOrder order, Plane y, Plane uv);
 

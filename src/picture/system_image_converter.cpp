@@ -9,25 +9,16 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 4;
-// A kernel for more than this would have weights too small for the resampler's fixed point.
+// Beyond this a kernel's weights are too small for the resampler's fixed point.
 constexpr std::int64_t largestReduction = 8;
 constexpr std::int64_t bytesPerPixel = 4;
-
-bool isUsable(std::int64_t width, std::int64_t height, const void* pixels) {
-  return pixels != nullptr && width > 0 && height > 0 && width <= Resampler::maximumSide &&
-         height <= Resampler::maximumSide;
-}
 
 }  // namespace
 
 bool SystemImageConverter::convert(const ImageView& source, const MutableImageView& destination) {
-  if (!isUsable(source.width, source.height, source.pixels) ||
-      !isUsable(destination.width, destination.height, destination.pixels)) {
-    return false;
-  }
   if (source.width == destination.width && source.height == destination.height) {
     // libyuv names formats by the little-endian word: its ABGR is R, G, B, A in memory. A negative
-    // height turns the picture over.
+    // height turns the picture upside down.
     return libyuv::ABGRToARGB(source.pixels, static_cast<int>(source.stride), destination.pixels,
                               static_cast<int>(destination.stride), static_cast<int>(source.width),
                               -static_cast<int>(source.height)) == 0;
@@ -36,11 +27,13 @@ bool SystemImageConverter::convert(const ImageView& source, const MutableImageVi
       source.height > destination.height * largestReduction) {
     return resampleTwice(source, destination);
   }
-  resamplerFor(source, destination).run(source, destination, workspace_);
+  resamplerFor(source, destination).run(source, destination);
   return true;
 }
 
-// By way of a picture between the two sizes. Each pass swaps channels and flips.
+// Goes through a picture between the two sizes. Each of the two passes swaps channels and flips. So
+// the second one reads that picture from its last row up, and the channels are swapped a third
+// time.
 bool SystemImageConverter::resampleTwice(const ImageView& source,
                                          const MutableImageView& destination) {
   const auto between = [](std::int64_t from, std::int64_t to) {
@@ -51,9 +44,9 @@ bool SystemImageConverter::resampleTwice(const ImageView& source,
   const std::int64_t stride = width * bytesPerPixel;
   halfway_.resize(static_cast<std::size_t>(height * stride));
   const MutableImageView halfway{halfway_.data(), width, height, stride};
-  resamplerFor(source, halfway).run(source, halfway, workspace_);
+  resamplerFor(source, halfway).run(source, halfway);
   const ImageView upright{halfway.pixels + (height - 1) * stride, width, height, -stride};
-  resamplerFor(upright, destination).run(upright, destination, workspace_);
+  resamplerFor(upright, destination).run(upright, destination);
   return libyuv::ABGRToARGB(destination.pixels, static_cast<int>(destination.stride),
                             destination.pixels, static_cast<int>(destination.stride),
                             static_cast<int>(destination.width),

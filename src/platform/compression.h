@@ -1,7 +1,7 @@
 #pragma once
 
 // H.264 compression sessions as the encode pipeline sees them. A session owns a pool of pixel
-// buffers and a worker; it takes one buffer per frame and answers each with one encoded sample.
+// buffers and a worker thread. It gets one buffer per frame and answers with one encoded sample.
 
 #include <cstdint>
 #include <functional>
@@ -19,8 +19,8 @@ struct BufferPicture {
   ChannelOrder order = ChannelOrder::bgra;
 };
 
-// One picture, made by a pool, which counts it until the last reference goes: in BGRA memory of its
-// own, or wrapped around a picture of somebody else.
+// One picture: in BGRA memory of its own, or wrapped around the pixels of a picture that exists.
+// The pool that made it counts it as in use until the last reference to it is gone.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
@@ -32,10 +32,11 @@ class PixelBuffer {
 class PixelBufferPool {
  public:
   virtual ~PixelBufferPool() = default;
-  // A free buffer; fails instead of letting more than `threshold` buffers be in use at once.
+  // A buffer with memory of its own. Fails when `threshold` buffers are in use.
   virtual Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
-  // The same around `picture` where it lies, held by `owner`; no buffer and 0 where the session
-  // can't take it like this: of another size, for example.
+  // A buffer around the pixels of `picture`, which `owner` keeps alive. Fails when `threshold`
+  // buffers are in use. Returns 0 without a buffer when the session can't encode these pixels in
+  // place, for example because the size differs.
   virtual Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner,
                       int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
 };
@@ -68,7 +69,7 @@ struct FrameProperties {
 };
 
 constexpr std::uint32_t infoFrameDropped = 0x2;
-constexpr std::uint32_t infoNotPrepared = 0x100;  // the session could not be prepared after all
+constexpr std::uint32_t infoNotPrepared = 0x100;  // preparing failed in the background
 
 class CompressionSession {
  public:
@@ -78,15 +79,15 @@ class CompressionSession {
 
   virtual ~CompressionSession() = default;
   virtual Status setProperty(SessionProperty property, const PropertyValue& value) = 0;
-  // May go on in the background: a failure then shows as the outcome of every frame, with
-  // `infoNotPrepared`.
+  // May return before the session is prepared. If preparing fails then, every frame is answered
+  // with `infoNotPrepared` and the status of that failure.
   virtual Status prepareToEncodeFrames() = 0;
   virtual PixelBufferPool* pixelBufferPool() = 0;
   virtual Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime presentationTime,
                              FrameProperties properties, OutputHandler handler) = 0;
   // Blocks until every submitted frame has reached its output handler.
   virtual void completeFrames() = 0;
-  // After it no output is delivered.
+  // After this no output handler is called.
   virtual void invalidate() = 0;
 };
 

@@ -1,13 +1,21 @@
 #pragma once
 
-// Serial queues and detached work. A serial queue runs its work items one at a time, in
-// the order they were enqueued, on a thread of its own, so what belongs to a queue needs no lock.
+// Time, serial queues and detached work. A serial queue runs its work items one at a time, in the
+// order in which they were enqueued, on a thread of its own. State that only one queue uses needs
+// no lock.
 
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace lumora {
+
+// Seconds on the system's uptime clock: monotonic, the same for all processes of the machine.
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  virtual double uptime() const = 0;
+};
 
 using Work = std::function<void()>;
 using FailureHandler = std::function<void(const std::string& reason)>;
@@ -19,19 +27,19 @@ class SerialQueue {
   virtual void async(Work work) = 0;
   // Any thread. Runs `work` on the queue once `seconds` have passed.
   virtual void asyncAfter(double seconds, Work work) = 0;
-  // On the queue. `handler` gets the reason of every exception that escapes a work item from now
-  // on. Without a handler such an exception ends the process.
+  // On the queue. From now on `handler` gets the reason of every exception that escapes a work
+  // item. Without a handler such an exception ends the process.
   virtual void setFailureHandler(FailureHandler handler) = 0;
 };
 
 class Dispatch {
  public:
   virtual ~Dispatch() = default;
-  // A new serial queue; its thread carries `label`. Work enqueued before the last reference goes
-  // still runs.
+  // A new serial queue whose thread is called `label`. Work that was enqueued still runs after the
+  // last reference to the queue is gone.
   virtual std::shared_ptr<SerialQueue> makeQueue(const std::string& label) = 0;
-  // Runs `work`, which may block, on a thread of its own that carries `label`. Exceptions that
-  // escape it are ignored. Throws std::system_error if no thread can be made, as `makeQueue` does.
+  // Runs `work`, which may block, on a thread of its own called `label`. Exceptions that escape it
+  // are ignored. Throws std::system_error if no thread can be made, as `makeQueue` does.
   virtual void runDetached(const std::string& label, Work work) = 0;
 };
 

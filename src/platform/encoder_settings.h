@@ -6,8 +6,8 @@
 
 namespace lumora {
 
-// What a session's properties come down to. The service decides them in one place, a session puts
-// them together again from its properties.
+// The properties of a session as one value. The service sets them one by one, and the session
+// collects them in such a value again.
 struct EncoderSettings {
   SessionKind kind;
   int width;   // pixels
@@ -17,7 +17,7 @@ struct EncoderSettings {
   std::int64_t keyFrameInterval;  // frames, at most
   std::int64_t bitRate;           // bits per second, average
 
-  // The decoder's buffer that the rate control keeps to (VBV), in bits: one second's worth.
+  // The size of the decoder's buffer (VBV) for the rate control, in bits: one second's worth.
   std::int64_t bufferBits() const { return bitRate; }
 
   bool operator==(const EncoderSettings&) const = default;

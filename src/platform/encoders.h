@@ -11,25 +11,25 @@ struct EncoderRequirements {
   bool enableLowLatencyRateControl = false;
 };
 
-// Where sessions come from. State queue only.
+// Makes sessions, and opens encoders in the background before they are needed. State queue only.
 class Encoders {
  public:
   virtual ~Encoders() = default;
-  // A session for `width` × `height` BGRA buffers; null or a status when there can be none. Where
-  // only hardware will do it waits until that is found, for a few seconds of the run at most.
+  // A session for `width` × `height` BGRA buffers. Null or a status on failure. If software
+  // encoders are not allowed this waits for hardware, at most a few seconds in the whole run.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
-  // In the background: opens an encoder for this preview, and looks for hardware that encodes it,
-  // or else this take. Comes before everything else.
+  // Called first. In the background: opens an encoder for this preview, and looks for hardware that
+  // can encode it, or at least this take.
   virtual void prepare(const EncoderSettings& preview, const EncoderSettings& take) = 0;
-  // Runs `work` on the state queue, never before it returns, once a preview can begin without
-  // delay; that does not wait for hardware unless only hardware will do.
+  // Runs `work` on the state queue, never before this returns, once a preview can begin without
+  // delay. This waits for hardware only if software encoders are not allowed.
   virtual void whenPrepared(Work work) = 0;
-  // In the background: slowly has memory at hand for takes up to the largest, then opens an encoder
-  // for the likeliest one unless another take has come first.
+  // In the background: slowly touches as much memory as the largest take needs, then opens an
+  // encoder for the likeliest take. Stops when `openAhead` is called.
   virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
-  // A session of these settings comes next: its encoder is opened at once, in the background.
+  // In the background: opens the encoder of the take that starts now.
   virtual void openAhead(const EncoderSettings& settings) = 0;
 };
 

@@ -1,22 +1,22 @@
 #pragma once
 
-// Memory that the parent shares with us. It renders pictures there and sends only their offsets.
-// docs/protocol.md draws it.
+// Memory that the parent shares with us. The parent renders pictures into it and sends only their
+// offsets. docs/protocol.md has its layout.
 
 #include <cstdint>
 #include <memory>
 
 namespace lumora {
 
-constexpr std::uint64_t framePageBytes = 4096;  // whatever the machine's pages are
+constexpr std::uint64_t framePageBytes = 4096;  // on every machine
 
 class FrameMemory {
  public:
   virtual ~FrameMemory() = default;
   // Bytes, at launch.
   virtual std::uint64_t size() const = 0;
-  // The pixels of frame `id` at `offset`, which the caller has checked. They are released to the
-  // parent with the last reference. Reader thread, with growing ids.
+  // The pixels of frame `id` at `offset`. The caller has checked the offset and calls with growing
+  // ids. The parent gets the pixels back when the last reference to them is gone. Reader thread.
   virtual std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset) = 0;
 };
 

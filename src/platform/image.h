@@ -1,7 +1,7 @@
 #pragma once
 
-// Views on four-channel, 8-bit images, and the one operation that turns a camera picture into an
-// encoder picture.
+// Views on four-channel, 8-bit images, and the conversion of a camera picture to a picture for the
+// encoder.
 
 #include <cstddef>
 #include <cstdint>
@@ -27,8 +27,8 @@ struct MutableImageView {
 class ImageConverter {
  public:
   virtual ~ImageConverter() = default;
-  // Fills `destination` (BGRA) with `source` (RGBA) resampled to its size and turned upside down:
-  // the first source row becomes the last destination row. False when it can't. State queue only.
+  // Fills `destination` (BGRA) with `source` (RGBA), resampled to its size and turned upside down:
+  // the first source row becomes the last destination row. False on failure. State queue only.
   virtual bool convert(const ImageView& source, const MutableImageView& destination) = 0;
 };
 

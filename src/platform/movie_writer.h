@@ -13,15 +13,14 @@
 
 namespace lumora {
 
-constexpr std::int32_t movieTimescale = 60000;  // units per second, of every time in a movie
+constexpr std::int32_t movieTimescale = 60000;  // movie units per second
 
-// A movie's tables have 32 bits for a sample's duration (ISO/IEC 14496-12, 8.6.1.2), of which some
-// readers take the first for a sign: 9.9 h.
+// In movie units. Some readers treat the 32-bit duration of a sample (ISO/IEC 14496-12, 8.6.1.2) as
+// signed, so the limit is 2^31 - 1 units (9.9 h).
 constexpr std::int64_t longestSample = std::numeric_limits<std::int32_t>::max();
 
-// Where a sample lies on the movie's timeline, in units of `movieTimescale`. The first sample
-// stands at zero, each other one where the one before it ends; each lasts for at least one unit
-// and at most `longestSample`.
+// Where a sample lies on the movie's timeline, in movie units. The first sample begins at zero,
+// every other one where the one before it ends. A sample lasts 1 to `longestSample` units.
 struct MovieTiming {
   std::int64_t time = 0;
   std::int64_t duration = 0;
@@ -35,26 +34,26 @@ class MovieWriter {
  public:
   virtual ~MovieWriter() = default;
   virtual bool canAdd(const FormatDescription& format) const = 0;
-  // Adds the one track, of a format that it can add, and starts the timeline at zero; false on
-  // failure, which `error` may explain.
+  // Adds the track and starts the timeline at zero. `canAdd` must have accepted the format. False
+  // on failure, which `error` may explain.
   virtual bool startWriting(std::shared_ptr<const FormatDescription> format) = 0;
   virtual WriterStatus status() const = 0;
-  // What went wrong, in words for a person.
+  // What went wrong, as text for a person.
   virtual std::optional<std::string> error() const = 0;
   virtual bool isReadyForMoreMediaData() const = 0;
-  // Takes the next sample; false on failure.
+  // Adds the next sample. False on failure.
   virtual bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) = 0;
-  // Ends the timeline at `end` and completes the file; `handler` runs on some thread when `status`
-  // tells the outcome.
+  // Ends the timeline at `end` and completes the file. `handler` runs on any thread once `status`
+  // is the outcome.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
-  // Abandons the file as it is.
+  // Stops writing and leaves the file as it is.
   virtual void cancelWriting() = 0;
 };
 
 class Movies {
  public:
   virtual ~Movies() = default;
-  // A writer on a new file at `path`; null with `error` when the file exists or can't be made.
+  // A writer on a new file at `path`. Null, with `error`, when the file exists or can't be made.
   virtual std::shared_ptr<MovieWriter> createWriter(const std::string& path,
                                                     std::string& error) = 0;
 };

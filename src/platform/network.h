@@ -1,6 +1,7 @@
 #pragma once
 
-// Plain TCP: a listener and its connections. Every handler runs on the state queue.
+// Plain TCP: a listener and its connections. Every handler runs on the state queue, and never
+// before the call that caused it returns.
 
 #include <cstdint>
 #include <functional>
@@ -14,23 +15,23 @@ namespace lumora {
 
 class TcpConnection {
  public:
-  // `bytes` live only during the call; `complete` is set when the peer closed its side.
+  // `bytes` are valid during the call only. `complete` is set when the peer closed its side.
   using ReceiveHandler = std::function<void(ByteView bytes, bool complete, std::error_code error)>;
   using SendHandler = std::function<void(std::error_code error)>;
   using EndHandler = std::function<void()>;
 
   virtual ~TcpConnection() = default;
-  // `handler` runs once the connection has failed or was cancelled. An empty one replaces it.
+  // `handler` runs once the connection has failed or was cancelled. An empty handler removes it.
   virtual void setEndHandler(EndHandler handler) = 0;
   virtual void start() = 0;
-  // Arms one read of 1 to `maximum` bytes.
+  // Starts one read of 1 to `maximum` bytes.
   virtual void receive(std::size_t maximum, ReceiveHandler handler) = 0;
-  // Sends `parts` back to back as one message; the handler runs once the network stack has taken
+  // Sends `parts` back to back as one message. The handler runs once the network stack has taken
   // all bytes, or failed. At most one send at a time.
   virtual void send(std::vector<SharedBytes> parts, SendHandler handler) = 0;
   // Closes the connection. Outstanding handlers run with an error.
   virtual void cancel() = 0;
-  // The same at once: what the network stack has taken and not sent yet is forgotten.
+  // Closes the connection and discards what the network stack has not sent yet.
   virtual void reset() = 0;
 };
 
@@ -44,9 +45,9 @@ class TcpListener {
   virtual ~TcpListener() = default;
   virtual void setStateHandler(StateHandler handler) = 0;
   virtual void setConnectionHandler(ConnectionHandler handler) = 0;
-  // Binds and listens; the outcome arrives at the state handler, never before this returns.
+  // Binds and listens. The state handler gets the outcome.
   virtual void start() = 0;
-  // Hands over connections from now on; until then they wait.
+  // The connection handler gets connections from now on. Those made before wait until then.
   virtual void acceptConnections() = 0;
   // The bound port, or 0 while there is none.
   virtual std::uint16_t port() const = 0;
@@ -56,8 +57,8 @@ class TcpListener {
 class Network {
  public:
   virtual ~Network() = default;
-  // A listener for `host` (address or name) and `port` (0: any), not yet started. Throws
-  // std::system_error when no listener can have these parameters.
+  // A listener for `host` (address or name) and `port` (0: any) that is not started yet. Throws
+  // std::system_error when no listener can be made.
   virtual std::shared_ptr<TcpListener> makeListener(const std::string& host,
                                                     std::uint16_t port) = 0;
 };

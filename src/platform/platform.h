@@ -1,12 +1,11 @@
 #pragma once
 
-// Everything the service needs of the machine, as one value. Production fills it with the real
+// Everything that the service uses of the machine, as one value. The program fills it with the real
 // implementations (see system_platform.h), tests with fakes.
 
 #include <memory>
 
 #include "base/picture_memory.h"
-#include "platform/clock.h"
 #include "platform/dispatch.h"
 #include "platform/encoders.h"
 #include "platform/file_manager.h"
@@ -29,7 +28,7 @@ struct Platform {
   std::shared_ptr<ImageConverter> images;
   std::shared_ptr<Movies> movies;
   std::shared_ptr<FileManager> files;
-  std::shared_ptr<FrameMemory> frameMemory = {};  // null unless the parent has asked for it
+  std::shared_ptr<FrameMemory> frameMemory = {};  // null unless the parent shares memory
 };
 
 }  // namespace lumora

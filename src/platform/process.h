@@ -11,7 +11,8 @@
 
 namespace lumora {
 
-// Runs its handler whenever the signal arrives, until cancelled; a last time may overlap with that.
+// Runs its handler whenever the signal arrives. The handler may still be running, for the last
+// time, when `cancel` returns.
 class SignalSource {
  public:
   virtual ~SignalSource() = default;
@@ -21,20 +22,20 @@ class SignalSource {
 class Process {
  public:
   virtual ~Process() = default;
-  // Blocking read of standard input into `space`: bytes read, 0 at the end, or -errno.
-  // Reader thread only.
+  // Reads standard input into `space` and blocks until there is some. Returns the bytes read, 0 at
+  // the end, or -errno. Reader thread only.
   virtual ssize_t readInput(MutableByteView space) = 0;
-  // One write of `text` to standard output: bytes written or -errno. State queue only.
+  // One write of `text` to standard output. Returns the bytes written or -errno. State queue only.
   virtual ssize_t writeOutput(ByteView text) = 0;
-  // The handler runs on a thread for signals, whatever the state queue is doing. Null for a SIGHUP
-  // that the process has been started to ignore.
+  // The handler runs on a thread for signals, even when the state queue hangs. Null for a SIGHUP
+  // that was ignored when the process started.
   virtual std::unique_ptr<SignalSource> onSignal(int signal, Work handler) = 0;
   // Ends the process at once, without running destructors. State queue only.
   virtual void exit(int code) = 0;
-  // The watchdog ends the process in `seconds`, whatever any thread is doing then, unless it is
-  // armed already. Never throws. Any thread.
+  // Makes the watchdog end the process in `seconds` with status `code`, whatever the threads are
+  // doing then. Does nothing if it is armed already. Never throws. Any thread.
   virtual void armWatchdog(double seconds, int code) = 0;
-  // Replaces the watchdog's time and code, or arms it. Never throws. State queue only.
+  // Arms the watchdog, or replaces its time and code. Never throws. State queue only.
   virtual void rearmWatchdog(double seconds, int code) = 0;
 };
 

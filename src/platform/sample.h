@@ -1,6 +1,6 @@
 #pragma once
 
-// Encoded pictures and what a decoder must know of them.
+// Encoded pictures and their formats.
 
 #include <cstdint>
 #include <memory>

@@ -11,7 +11,7 @@
 
 namespace lumora {
 
-// The session of one take and one camera size. It may outlive its take by the frame in flight.
+// The session of one take and one camera size. While a frame is in flight it may outlive its take.
 struct RecordingSession {
   std::shared_ptr<CompressionSession> recordingSession;
   std::shared_ptr<MovieRecorder> recordingSessionMovie;  // the take that it was made for
@@ -28,7 +28,7 @@ struct CurrentTake {
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
   std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
-  // A take that was given up, and why. Its "failed" event is still to come.
+  // A take that was abandoned, and the reason. Its "failed" event has not been emitted yet.
   std::shared_ptr<MovieRecorder> abandoned;
   std::string abandonedFor;
   RecordingSession recording;
@@ -40,14 +40,14 @@ struct CurrentTake {
   std::int64_t maximumMovieWorkObserved = 0;
 
   bool isStopping() const { return pendingMovieStop || movieFinishing; }
-  // The take that frames go to. Null once its stop is pending.
+  // The take that gets new frames. Null once its stop is pending.
   std::shared_ptr<MovieRecorder> recordingTake() const { return isStopping() ? nullptr : movie; }
   bool hasSessionOfAnotherTake() const {
     return recording.recordingSession && recording.recordingSessionMovie != movie;
   }
-  // Waits for the session's frames and drops it.
+  // Waits until the session has encoded its frames, then closes it.
   void resetRecordingSession();
-  // Gives `failing` up, if it is the current take.
+  // Ends `failing` as failed, if it is the current take.
   void abandon(const std::shared_ptr<MovieRecorder>& failing, const std::string& reason);
 };
 

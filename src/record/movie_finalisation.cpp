@@ -1,7 +1,6 @@
 // The end of a take: its last sample, its file, its final name.
 
 #include <filesystem>
-#include <utility>
 
 #include "base/text.h"
 #include "encode/encoder_failure.h"
@@ -19,69 +18,47 @@ std::string recoveryPath(const std::string& path, const std::string& id) {
 
 }  // namespace
 
-void MovieRecorder::finish(double stop, std::function<void()> completion) {
-  {
-    const std::lock_guard hold(lock);
-    accepting = false;
-  }
-  queue->async([self = shared_from_this(), stop, completion = std::move(completion)] {
-    self->finishJob(stop, completion);
-  });
+void MovieRecorder::finish(double stop) {
+  accepting = false;
+  queue->async([self = shared_from_this(), stop] { self->finishJob(stop); });
 }
 
-void MovieRecorder::finishJob(double stop, const std::function<void()>& completion) {
-  if (failed) return completion();
+void MovieRecorder::finishJob(double stop) {
+  if (failed) return;
   try {
-    if (!writer || !held || !origin) {
-      throw EncoderFailure::message("no camera frames were received for recording");
-    }
-    const double end = movieEndTime(startedAt, *origin, held->time, stop, profile.targetFPS);
-    if (held->time < *origin + end) {
-      write(*held, *origin + end, shortestLastSample);
-    }
+    if (!held) throw EncoderFailure::message("no camera frames were received for recording");
+    const double end = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
+    if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
     held.reset();
     tell(TakeState::finishing, end, "", path);
-    finishWriting(end, completion);
+    writer->finishWriting(movieUnits(end), [self = shared_from_this(), end] {
+      self->queue->async([self, end] { self->movieEnded(end); });
+    });
   } catch (const std::exception& reason) {
     fail(reasonOf(reason));
-    completion();
   }
 }
 
-void MovieRecorder::finishWriting(double end, const std::function<void()>& completion) {
-  writer->finishWriting(movieUnits(end), [self = shared_from_this(), end, completion] {
-    self->queue->async([self, end, completion] {
-      self->movieEnded(end);
-      completion();
-    });
-  });
-}
-
+// Tries one name after the other: a complete movie is never deleted because of its name.
 void MovieRecorder::movieEnded(double end) {
-  if (writer->status() == WriterStatus::completed) return saveCompletedMovie(end);
-  fail(writer->error().value_or("recording finalization failed"));
-}
-
-// Whatever the names allow: a complete movie is never given up for its name.
-void MovieRecorder::saveCompletedMovie(double duration) {
-  if (platform.files->move(staging, path)) return tell(TakeState::saved, duration, "", path);
+  if (writer->status() != WriterStatus::completed) {
+    return fail(writer->error().value_or("recording finalization failed"));
+  }
+  if (platform.files->move(staging, path)) return tell(TakeState::saved, end, "", path);
   const std::string recovery = recoveryPath(path, id);
   if (platform.files->move(staging, recovery)) {
-    return tell(TakeState::saved, duration,
+    return tell(TakeState::saved, end,
                 "Final filename was unavailable. Completed video saved at the recovery path shown.",
                 recovery);
   }
-  tell(TakeState::saved, duration,
+  tell(TakeState::saved, end,
        "Final filename was unavailable. Completed video preserved at the staging path shown; "
        "rename it to .mp4.",
        staging);
 }
 
 void MovieRecorder::abort(const std::string& message) {
-  {
-    const std::lock_guard hold(lock);
-    accepting = false;
-  }
+  accepting = false;
   queue->async([self = shared_from_this(), message] { self->fail(message); });
 }
 

@@ -24,7 +24,7 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
     : id(std::move(takeID)),
       path(std::move(destination)),
       startedAt(start),
-      profile(std::move(takeProfile)),
+      profile(takeProfile),
       staging(path + "." + id + ".partial"),
       cadence{profile.targetFPS, rule, std::nullopt},
       platform(services),
@@ -33,17 +33,12 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
 
 bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, double capturedAt,
                            bool keyframe) {
-  {
-    const std::lock_guard hold(lock);
-    const bool early = startedAt && capturedAt < *startedAt;
-    if (early || !accepting || pending >= maximumPending || (waitingIDR && !keyframe)) {
-      ++dropped;
-      waitingIDR = true;
-      return false;
-    }
-    if (keyframe) waitingIDR = false;
-    ++pending;
+  if (!accepting || pending >= maximumPending || (waitingIDR && !keyframe)) {
+    countDropped();
+    return false;
   }
+  waitingIDR = false;
+  ++pending;
   queue->async(
       [self = shared_from_this(), next = HeldSample{std::move(sample), keyframe, capturedAt}] {
         self->writeJob(next);
@@ -52,19 +47,8 @@ bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, double c
 }
 
 void MovieRecorder::countDropped() {
-  const std::lock_guard hold(lock);
   ++dropped;
   waitingIDR = true;
-}
-
-void MovieRecorder::countThrottled() {
-  const std::lock_guard hold(lock);
-  ++throttled;
-}
-
-int MovieRecorder::pendingWork() {
-  const std::lock_guard hold(lock);
-  return pending;
 }
 
 void MovieRecorder::writeJob(HeldSample next) {
@@ -75,25 +59,25 @@ void MovieRecorder::writeJob(HeldSample next) {
       fail(reasonOf(reason));
     }
   }
-  const std::lock_guard hold(lock);
   --pending;
 }
 
-// Holds `next` back in place of the sample before it, whose duration is known now.
+// Writes the sample that was held back until now, and holds `next` back.
 void MovieRecorder::holdBack(HeldSample next) {
   if (!writer) prepare(next);
   if (held) {
     next.movieTime = write(*held, next.time, shortestSample);
   } else {
-    // The first sample stands at zero even when it was captured after the take's start.
-    next.time = *origin;
+    // The first sample begins at zero even when it was captured after the take's start.
+    next.time = origin;
   }
   held = std::move(next);
 }
 
 void MovieRecorder::prepare(const HeldSample& first) {
   const auto format = first.sample->format();
-  const bool usable = path.starts_with('/') && std::filesystem::path(path).extension() == ".mp4" &&
+  // A file called ".mp4" has no extension.
+  const bool usable = std::filesystem::path(path).extension() == ".mp4" &&
                       !platform.files->isNameUsed(path) && !platform.files->isNameUsed(staging) &&
                       format;
   if (!usable) throw EncoderFailure::message("invalid or existing recording destination");
@@ -111,57 +95,47 @@ void MovieRecorder::prepare(const HeldSample& first) {
   tell(TakeState::recording, 0, "", path);
 }
 
-// Writes a sample that lasts until this uptime, but at least `shortest` movie units; where it ends
-// in the movie.
+// Writes a sample that lasts until uptime `until`, but at least `shortest` movie units. Returns
+// where it ends in the movie.
 std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::int64_t shortest) {
-  if (!writer || !origin || writer->status() != WriterStatus::writing) {
+  if (writer->status() != WriterStatus::writing) {
     throw EncoderFailure::message("recording writer unavailable");
   }
-  // There is no waiting: a disk that falls behind by more than the writer's queue ends the take.
+  // We don't wait: when the disk falls behind by more than the writer's buffer the take fails.
   if (!writer->isReadyForMoreMediaData()) {
     throw EncoderFailure::message("recording disk cannot keep up");
   }
-  const MovieTiming timing = lastUntil(sample.movieTime, movieUnits(until - *origin), shortest);
+  const MovieTiming timing = lastUntil(sample.movieTime, movieUnits(until - origin), shortest);
   if (!writer->append(*sample.sample, sample.keyframe, timing)) {
     if (const auto error = writer->error()) throw EncoderFailure::message(*error);
     throw EncoderFailure::status("recording sample append", 0);
   }
   ++frames;
-  const double now = platform.clock->uptime();
-  pruneRecentWrites(now);
-  recentWrites.push_back(now);
-  const double time = std::max(sample.time - *origin, 0.0);
+  recentWrites.push_back(platform.clock->uptime());
   const double duration =
       std::max(until - sample.time, static_cast<double>(shortest) / movieTimescale);
-  writtenDuration = std::max(writtenDuration, time + duration);
+  writtenDuration = std::max(writtenDuration, sample.time - origin + duration);
   return timing.time + timing.duration;
-}
-
-void MovieRecorder::pruneRecentWrites(double now) {
-  while (!recentWrites.empty() && recentWrites.front() <= now - 1.0) recentWrites.pop_front();
 }
 
 void MovieRecorder::tell(TakeState state, double duration, const std::string& error,
                          const std::string& outputPath) {
-  report(describe(state, duration, error, outputPath), shared_from_this());
-}
-
-TakeEvent MovieRecorder::describe(TakeState state, double duration, const std::string& error,
-                                  const std::string& outputPath) {
-  pruneRecentWrites(platform.clock->uptime());
-  TakeReport told{id, state, outputPath, profile.targetFPS};
-  told.duration = duration;
-  told.recentFPS = static_cast<double>(recentWrites.size());
-  told.frames = frames;
-  told.width = width;
-  told.height = height;
-  told.error = error;
-  {
-    const std::lock_guard hold(lock);
-    told.dropped = dropped;
-    told.throttled = throttled;
-  }
-  return makeTakeEvent(told);
+  const double now = platform.clock->uptime();
+  std::erase_if(recentWrites, [now](double written) { return written <= now - 1.0; });
+  TakeEvent event = makeTakeEvent({.id = id,
+                                   .state = state,
+                                   .path = outputPath,
+                                   .targetFPS = profile.targetFPS,
+                                   .duration = duration,
+                                   .recentFPS = static_cast<double>(recentWrites.size()),
+                                   .frames = frames,
+                                   .dropped = dropped,
+                                   .throttled = throttled,
+                                   .width = width,
+                                   .height = height,
+                                   .error = error});
+  platform.stateQueue->async(
+      [self = shared_from_this(), event = std::move(event)] { self->report(event, self); });
 }
 
 void MovieRecorder::reportProgress() {
@@ -169,12 +143,8 @@ void MovieRecorder::reportProgress() {
 }
 
 void MovieRecorder::progress() {
-  {
-    const std::lock_guard hold(lock);
-    if (!accepting) return;
-  }
   // A writer whose disk has failed goes on "writing" until its next sample.
-  if (failed || !writer || writer->status() != WriterStatus::writing || writer->error()) return;
+  if (!accepting || !writer || writer->status() != WriterStatus::writing || writer->error()) return;
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
@@ -185,11 +155,8 @@ void MovieRecorder::fail(const std::string& message) {
   if (failed) return;
   failed = true;
   held.reset();
-  {
-    const std::lock_guard hold(lock);
-    accepting = false;
-  }
-  // Only a file that this take made is this take's to delete.
+  accepting = false;
+  // Without a writer this take has made no file: one of that name belongs to somebody else.
   if (writer) {
     writer->cancelWriting();
     platform.files->remove(staging);

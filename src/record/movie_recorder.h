@@ -1,17 +1,18 @@
 #pragma once
 
-// One recording take. It takes encoded samples on the state queue and writes them on a queue of
-// its own, so that a slow disk never blocks the state queue. Each sample is held back until the
-// next one tells its duration. After any loss nothing is taken until the next key frame.
+// Records one take into a movie file. It gets encoded samples on the state queue and writes them on
+// a queue of its own, so a slow disk never blocks the state queue. It holds each sample back until
+// the next one comes, since only then the sample's duration is known. After a dropped sample it
+// drops everything until the next key frame.
 
+#include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/platform.h"
 #include "record/recording_cadence.h"
@@ -25,22 +26,21 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   using Report =
       std::function<void(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from)>;
 
-  // `relay` is called on the take's queue.
+  // `relay` gets every event of the take, on the state queue. Throws std::system_error when there
+  // can be no queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
                 RecordingProfile takeProfile, CadenceRule rule, const Platform& services,
                 Report relay);
 
-  // State queue. Whether the sample was queued; if not it counts as dropped, and the caller asks
-  // the encoder for a key frame.
+  // State queue. False when the sample was dropped. The caller then asks for a key frame.
   bool append(std::shared_ptr<const EncodedSample> sample, double capturedAt, bool keyframe);
   void reportProgress();
-  void countDropped();    // a frame was lost before it became a sample
-  void countThrottled();  // a frame was skipped by the cadence
-  int pendingWork();
+  void countDropped();                    // a frame was lost before it became a sample
+  void countThrottled() { ++throttled; }  // the cadence skipped a frame
+  int pendingWork() const { return pending; }
 
-  // State queue. Ends the take at uptime `stop`; `completion` runs once, on the take's queue, after
-  // the take was saved or has failed.
-  void finish(double stop, std::function<void()> completion);
+  // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
+  void finish(double stop);
   // State queue. Ends the take as failed.
   void abort(const std::string& message);
 
@@ -56,46 +56,45 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
     std::shared_ptr<const EncodedSample> sample;
     bool keyframe = false;
     double time = 0;             // of its capture, uptime seconds
-    std::int64_t movieTime = 0;  // where it stands in the movie
+    std::int64_t movieTime = 0;  // where it begins in the movie
   };
 
-  // Everything from here to the lock runs on, or belongs to, the take's queue.
+  // The functions run on the take's queue.
   void writeJob(HeldSample next);
   void holdBack(HeldSample next);
   void prepare(const HeldSample& first);
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void tell(TakeState state, double duration, const std::string& error,
             const std::string& outputPath);
-  TakeEvent describe(TakeState state, double duration, const std::string& error,
-                     const std::string& outputPath);
   void fail(const std::string& message);
   void progress();
-  void pruneRecentWrites(double now);
-  void finishJob(double stop, const std::function<void()>& completion);
-  void finishWriting(double end, const std::function<void()>& completion);
+  void finishJob(double stop);
   void movieEnded(double end);
-  void saveCompletedMovie(double duration);
 
-  Platform platform;
-  std::shared_ptr<SerialQueue> queue;
-  Report report;
+  const Platform platform;
+  const std::shared_ptr<SerialQueue> queue;
+  const Report report;
+
+  // Take's queue only.
   std::shared_ptr<MovieWriter> writer;
   std::optional<HeldSample> held;
-  std::optional<double> origin;  // uptime that is the movie's zero
+  double origin = 0;  // uptime at which the movie begins, once there is a writer
   std::uint64_t frames = 0;
   double writtenDuration = 0;  // seconds
   double lastProgressReport = -std::numeric_limits<double>::infinity();
-  std::deque<double> recentWrites;  // uptimes of the last second's writes
+  std::vector<double> recentWrites;  // uptimes; `tell` removes those older than a second
   int width = 0;
   int height = 0;
   bool failed = false;
 
-  std::mutex lock;  // guards the rest, between the state queue and the take's
-  int pending = 0;  // write jobs queued and not finished
+  // State queue only.
   bool waitingIDR = true;
-  std::uint64_t dropped = 0;
-  std::uint64_t throttled = 0;
-  bool accepting = true;
+
+  // Both queues.
+  std::atomic<int> pending = 0;  // write jobs queued and not finished
+  std::atomic<std::uint64_t> dropped = 0;
+  std::atomic<std::uint64_t> throttled = 0;
+  std::atomic<bool> accepting = true;
 };
 
 }  // namespace lumora

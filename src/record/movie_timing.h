@@ -1,28 +1,34 @@
 #pragma once
 
-// Where the samples of a take lie on the movie's timeline. In whole units of the movie, so that no
-// error adds up. Pure.
+// Where the samples of a take lie on the movie's timeline. Times are whole movie units, so rounding
+// errors don't add up. Pure.
 
+#include <algorithm>
+#include <cmath>
 #include <optional>
 
 #include "platform/movie_writer.h"
 
 namespace lumora {
 
-constexpr std::int64_t shortestSample = movieTimescale / 600;  // two close samples stay apart by it
-constexpr std::int64_t shortestLastSample = 1;                 // the last one ends with the movie
+constexpr std::int64_t shortestSample = movieTimescale / 600;  // of any sample but the last
+constexpr std::int64_t shortestLastSample = 1;
 
-// From seconds since the movie's zero.
-std::int64_t movieUnits(double seconds);
+inline std::int64_t movieUnits(double seconds) { return std::llround(seconds * movieTimescale); }
 
-// A sample that stands at `time` lasts until `next`, but no shorter than `shortest` and no longer
-// than a table can say. The next sample stands where it ends: at its own time, later when it came
-// too close, sooner after too long a pause.
-MovieTiming lastUntil(std::int64_t time, std::int64_t next, std::int64_t shortest);
+// A sample at `time` lasts until `next`, but at least `shortest` and at most `longestSample`. The
+// sample after it begins where it ends, even if that is not `next`.
+inline MovieTiming lastUntil(std::int64_t time, std::int64_t next, std::int64_t shortest) {
+  return {time, std::clamp(next - time, shortest, longestSample)};
+}
 
-// When a movie ends, in seconds from its origin, all times uptime seconds. Without a start time
-// the last frame lasts at least one interval; with one the movie spans exactly from start to stop.
-double movieEndTime(std::optional<double> startedAt, double origin, double lastSample, double stop,
-                    int targetFPS);
+// When a movie ends, in seconds from `origin`. The parameters are uptime seconds. With a start time
+// the movie lasts from start to stop. Without one the last frame lasts at least one interval.
+inline double movieEndTime(std::optional<double> startedAt, double origin, double lastSample,
+                           double stop, int targetFPS) {
+  constexpr double shortestMovie = 1.0 / movieTimescale;  // seconds
+  if (startedAt) return std::max(stop - origin, shortestMovie);
+  return std::max(lastSample - origin + 1.0 / targetFPS, stop - origin);
+}
 
 }  // namespace lumora

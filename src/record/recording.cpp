@@ -1,4 +1,5 @@
-// Takes on the state queue: commands, the relay of a take's events, the decision to finish.
+// Takes on the state queue: commands, a take's events on their way to the parent, and when a take
+// ends.
 
 #include <utility>
 
@@ -36,22 +37,13 @@ void VideoEncoder::startRecording(const Json& command) {
   const std::string& id = *findString(command, "id");
   tellParent(makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS}));
   try {
-    beginTake(command, *profile, startedAt);
+    take.movie =
+        std::make_shared<MovieRecorder>(id, *path, startedAt, *profile, requestedCadence(command),
+                                        platform, weakly(&VideoEncoder::relayRecording));
+    platform.encoders->openAhead(profile->sessionSettings());
   } catch (const std::exception& error) {
     tellParent(failedEvent(*take.movieStatus, reasonOf(error)));
   }
-}
-
-void VideoEncoder::beginTake(const Json& command, const RecordingProfile& profile,
-                             std::optional<double> startedAt) {
-  const auto relay = weakly(
-      [](VideoEncoder& self, const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from) {
-        self.platform.stateQueue->async(self.weakly(&VideoEncoder::relayRecording, event, from));
-      });
-  take.movie = std::make_shared<MovieRecorder>(*findString(command, "id"),
-                                               *findString(command, "path"), startedAt, profile,
-                                               requestedCadence(command), platform, relay);
-  platform.encoders->openAhead(profile.sessionSettings());
 }
 
 void VideoEncoder::stopRecording(const Json& command) {
@@ -70,7 +62,7 @@ void VideoEncoder::stopRecording(const Json& command) {
   finishMovieIfReady();
 }
 
-// Ids may come again, so a take is known by its recorder.
+// Compares recorders, since two takes may have the same id.
 void VideoEncoder::relayRecording(const TakeEvent& event,
                                   const std::shared_ptr<MovieRecorder>& from) {
   if (from != take.movie && from != take.abandoned) return;
@@ -80,12 +72,12 @@ void VideoEncoder::relayRecording(const TakeEvent& event,
 void VideoEncoder::tellParent(const TakeEvent& event) {
   take.movieStatus = event;
   emit(event.json);
-  // A parent that reads that a take is over may start the next one at once.
-  if (event.state == TakeState::saved || event.state == TakeState::failed) takeEnded();
+  // At once, since a parent that reads this event may start the next take.
+  if (isLast(event.state)) takeEnded();
 }
 
-// A take that was given up reports it once its file is gone. Before another take begins or the
-// process ends, this reports it without waiting for that.
+// An abandoned take emits its "failed" event when its file has been deleted. This emits it earlier,
+// because another take begins or the process ends.
 void VideoEncoder::concludeAbandonedTake() {
   if (take.abandoned) tellParent(failedEvent(*take.movieStatus, take.abandonedFor));
 }
@@ -93,17 +85,9 @@ void VideoEncoder::concludeAbandonedTake() {
 void VideoEncoder::finishMovieIfReady() {
   if (raw.isBusy() || take.movieFinishing || !take.pendingMovieStop || !take.movie) return;
   take.movieFinishing = true;
-  // No frame is in flight, so every sample of the take has reached the recorder.
+  // No frame is in flight, so the recorder has every sample of the take.
   take.resetRecordingSession();
-  const auto finished = weakly([of = take.movie](VideoEncoder& self) {
-    self.platform.stateQueue->async(self.weakly(&VideoEncoder::movieFinished, of));
-  });
-  take.movie->finish(*take.pendingMovieStop, finished);
-}
-
-// A take that failed before it was to be finished has ended already.
-void VideoEncoder::movieFinished(const std::shared_ptr<MovieRecorder>& movie) {
-  if (take.movie == movie) takeEnded();
+  take.movie->finish(*take.pendingMovieStop);
 }
 
 void VideoEncoder::takeEnded() {
@@ -113,6 +97,24 @@ void VideoEncoder::takeEnded() {
   take.pendingMovieStop.reset();
   if (!raw.isBusy()) take.resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
+}
+
+void CurrentTake::resetRecordingSession() {
+  if (recording.recordingSession) {
+    recording.recordingSession->completeFrames();
+    recording.recordingSession->invalidate();
+  }
+  recording = {};
+}
+
+void CurrentTake::abandon(const std::shared_ptr<MovieRecorder>& failing,
+                          const std::string& reason) {
+  if (movie != failing) return;
+  ++recordingEncoderFailures;
+  abandonedFor = reason;
+  abandoned = std::exchange(movie, nullptr);
+  pendingMovieStop.reset();
+  failing->abort(reason);
 }
 
 }  // namespace lumora

@@ -8,18 +8,18 @@ namespace {
 
 constexpr double gridTolerance = 0.000001;  // seconds
 
-// The deadline after a frame that came at `capturedAt` for `deadline`, or nothing when it came too
-// early.
+// The deadline after this frame. Empty when the frame came too early for `deadline`.
 std::optional<double> nextOnGrid(double capturedAt, double deadline, double interval) {
   if (capturedAt + gridTolerance < deadline) return std::nullopt;
-  // Whole intervals, so that jitter of the camera does not add up.
+  // Whole intervals, so the camera's jitter does not add up.
   const double passed = std::floor((capturedAt - deadline + gridTolerance) / interval) + 1;
   return deadline + std::max(1.0, passed) * interval;
 }
 
+// The same for the other rule.
 std::optional<double> nextSteady(double capturedAt, double deadline, double interval) {
   if (capturedAt < deadline - interval / 3) return std::nullopt;
-  // After a pause the frames that are missing are not made up for.
+  // After a pause the deadlines start anew, so no more frames are admitted to catch up.
   return (capturedAt <= deadline + interval ? deadline : capturedAt) + interval;
 }
 

@@ -6,20 +6,20 @@ namespace lumora {
 
 // How a take thins the camera's frames out to its frame rate.
 enum class CadenceRule {
-  // A frame counts from the grid's next point on. A camera at the take's own rate loses some 9 % of
-  // its frames by it, those that come early by whatever jitter there is.
+  // A frame is skipped when it comes before the next point of a fixed grid. A camera at the take's
+  // own rate loses some 9 % of its frames: those that jitter makes early.
   grid,
-  // A frame may come early by a third of an interval. On request.
+  // A frame may come early by a third of an interval. The parent has to ask for this rule.
   steady,
 };
 
-// The state of that for one take. State queue only.
+// Applies the rule to one take. State queue only.
 struct RecordingCadence {
   int targetFPS;
   CadenceRule rule = CadenceRule::grid;
   std::optional<double> nextDeadline = {};  // uptime at which the next frame is due
 
-  // Whether the frame captured at this uptime belongs to the take; advances the deadline if so.
+  // Whether the frame captured at this uptime belongs to the take. If so, advances the deadline.
   bool admit(double capturedAt);
 };
 

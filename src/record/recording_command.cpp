@@ -1,7 +1,6 @@
 #include "record/recording_command.h"
 
 #include <cctype>
-#include <cmath>
 
 namespace lumora {
 namespace {
@@ -10,18 +9,7 @@ constexpr double maximumAge = 30.0;   // seconds
 constexpr double maximumLead = 0.05;  // seconds
 constexpr std::size_t maximumPathBytes = 3000;
 
-}  // namespace
-
-std::optional<Json> parseRecordingCommand(ByteView payload) {
-  auto command = parseJson(payload);
-  if (!command || !command->is_object()) return std::nullopt;
-  const std::string* id = findString(*command, "id");
-  if (findString(*command, "type") == nullptr || id == nullptr || !isUUID(*id)) {
-    return std::nullopt;
-  }
-  return command;
-}
-
+// 8-4-4-4-12 hexadecimal digits, in either case.
 bool isUUID(const std::string& text) {
   constexpr std::size_t length = 36;
   if (text.size() != length) return false;
@@ -33,11 +21,20 @@ bool isUUID(const std::string& text) {
   return true;
 }
 
+}  // namespace
+
+std::optional<Json> parseRecordingCommand(ByteView payload) {
+  auto command = parseJson(payload);
+  if (!command || findString(*command, "type") == nullptr) return std::nullopt;
+  const std::string* id = findString(*command, "id");
+  if (id == nullptr || !isUUID(*id)) return std::nullopt;
+  return command;
+}
+
 std::optional<double> recordingTimestamp(const Json& value, double now) {
   if (!value.is_number()) return std::nullopt;
   const double time = value.get<double>();
-  const bool accepted =
-      std::isfinite(time) && time >= 0 && time <= now + maximumLead && now - time <= maximumAge;
+  const bool accepted = time >= 0 && time <= now + maximumLead && now - time <= maximumAge;
   return accepted ? std::optional(time) : std::nullopt;
 }
 

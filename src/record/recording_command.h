@@ -1,6 +1,6 @@
 #pragma once
 
-// The pure part of recording commands: what is well-formed, which times and paths are accepted.
+// The rules of recording commands: which are well-formed, which times and paths are accepted. Pure.
 
 #include <optional>
 #include <string>
@@ -10,19 +10,16 @@
 
 namespace lumora {
 
-// The JSON object of a command with a "type" and a UUID as "id"; nothing when it is not that.
+// A command: a JSON object with a text "type" and a UUID "id". Empty when the payload is none.
 std::optional<Json> parseRecordingCommand(ByteView payload);
 
-// 8-4-4-4-12 hexadecimal digits, in either case.
-bool isUUID(const std::string& text);
-
-// A capture time in uptime seconds, at most 30 s before `now` and 50 ms after it.
+// A capture time in uptime seconds: empty unless it is at most 30 s before and 50 ms after `now`.
 std::optional<double> recordingTimestamp(const Json& value, double now);
 
-// The cadence that a "record_start" asks for; whatever is not known is the usual one.
+// The cadence that a "record_start" asks for: the grid unless it says "steady".
 CadenceRule requestedCadence(const Json& command);
 
-// An absolute ".mp4" path of at most 3000 bytes.
+// Whether this is an absolute ".mp4" path of at most 3000 bytes.
 bool isRecordingDestination(const std::string& path);
 
 }  // namespace lumora

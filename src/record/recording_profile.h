@@ -1,16 +1,15 @@
 #pragma once
 
 #include <optional>
-#include <string>
 
 #include "base/json.h"
 #include "platform/encoder_settings.h"
 
 namespace lumora {
 
-// What a take looks like.
+// The picture size and frame rate of a take.
 struct RecordingProfile {
-  std::string resolution;  // its name
+  const char* resolution;  // its name in commands
   int width;               // pixels
   int height;              // pixels
   int targetFPS;           // frames per second
@@ -21,11 +20,11 @@ struct RecordingProfile {
   // "1920x1080" at 60.
   static RecordingProfile largestProfile();
 
-  // The profile that "resolution" and "target_fps" of a command name, the default one when it has
-  // neither; nothing when they are invalid.
+  // The profile that a command asks for with "resolution" and "target_fps". Without both keys it is
+  // the default one. Empty when they are invalid.
   static std::optional<RecordingProfile> parse(const Json& command);
 
-  // Of the session that encodes it.
+  // The settings of the session that encodes the take.
   EncoderSettings sessionSettings() const;
 };
 

@@ -7,25 +7,15 @@ namespace lumora {
 namespace {
 
 const char* textOf(TakeState state) {
-  switch (state) {
-    case TakeState::starting:
-      return "starting";
-    case TakeState::recording:
-      return "recording";
-    case TakeState::finishing:
-      return "finishing";
-    case TakeState::saved:
-      return "saved";
-    case TakeState::failed:
-      return "failed";
-  }
-  return "";
+  // In the order of the enumerators.
+  constexpr const char* texts[] = {"starting", "recording", "finishing", "saved", "failed"};
+  return texts[static_cast<std::size_t>(state)];
 }
 
 }  // namespace
 
 TakeEvent makeTakeEvent(const TakeReport& report) {
-  // A take that is only starting has an integer for its duration.
+  // In the "starting" event the duration is an integer.
   const Json duration = report.state == TakeState::starting ? Json(0) : Json(report.duration);
   return {report.state,
           {{"type", "recording"},
@@ -66,7 +56,7 @@ Json rejectionEvent(const Json& command, const std::string& message) {
 }
 
 bool relaysEvent(const TakeEvent& last, bool stopping, const TakeEvent& next) {
-  if (last.state == TakeState::saved || last.state == TakeState::failed) return false;
+  if (isLast(last.state)) return false;
   return next.state != TakeState::recording || !(stopping || last.state == TakeState::finishing);
 }
 

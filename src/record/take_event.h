@@ -11,7 +11,12 @@ namespace lumora {
 
 enum class TakeState { starting, recording, finishing, saved, failed };
 
-// An event of one take: what goes to the parent, and beside it what decisions are made by.
+// Whether an event of this state is the last one of its take.
+constexpr bool isLast(TakeState state) {
+  return state == TakeState::saved || state == TakeState::failed;
+}
+
+// An event of one take: the JSON for the parent, and its state again for our own decisions.
 struct TakeEvent {
   TakeState state;
   Json json;
@@ -32,19 +37,19 @@ struct TakeReport {
   std::string error = {};
 };
 
-// The thirteen keys of every event of a take that was accepted.
+// The event of a take that was accepted. It has thirteen keys.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
-// For a recorder that can't be asked, or is not waited for: that the take of the event `last` has
-// failed for `error`, with the figures it told last.
+// The "failed" event of a take whose recorder can't make one, or not in time. Its figures are those
+// of `last`, the take's latest event.
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
-// The ten keys of a "record_start" that was refused.
+// The "failed" event that answers a refused "record_start". It has ten keys.
 Json rejectionEvent(const Json& command, const std::string& message);
 
-// Whether `next` goes to the parent. `last` is the last event of the take that did, `stopping`
-// whether a stop is pending or the take is being finalised: a finished take's status is final, and
-// progress never overwrites a stop under way.
+// Whether the event `next` is emitted. `last` is the latest event of the take that was emitted,
+// `stopping` says whether a stop is pending or under way. Nothing follows the last event, and no
+// progress is reported while a take stops.
 bool relaysEvent(const TakeEvent& last, bool stopping, const TakeEvent& next);
 
 }  // namespace lumora

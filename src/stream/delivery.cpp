@@ -1,6 +1,7 @@
-// Delivery of encoded preview frames. A frame that can't go to a peer at once is dropped for that
-// peer, never queued; the peer then gets nothing until the next key frame.
+// Delivery of encoded preview frames. A frame that can't be sent to a peer at once is dropped for
+// that peer, never queued. The peer then gets nothing until the next key frame.
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -8,49 +9,53 @@
 #include "stream/packet.h"
 
 namespace lumora {
+
 void VideoEncoder::deliver(const EncodedSample& sample, std::uint64_t id) {
   const FramePackets packets = prepareFrame(sample, id, preview.width, preview.height);
   ++preview.encodedFrames;
-  for (const auto& peer : preview.snapshot()) {
-    const DeliveryChoice choice = chooseDelivery(*peer, packets.keyframe);
-    preview.delivery.count(choice);
-    if (choice == DeliveryChoice::send)
-      sendFrame(peer, packets, id);
-    else if (choice != DeliveryChoice::skip)
+  for (const auto& [peerID, peer] : preview.peers) {
+    if (!peer->authenticated) continue;
+    if (std::uint64_t* drops = preview.dropCounter(*peer, packets.keyframe)) {
+      ++*drops;
       preview.resynchronise(*peer);
+    } else {
+      sendFrame(*peer, packets, id);
+    }
   }
   emitStats(false);
 }
 
-void VideoEncoder::sendFrame(const std::shared_ptr<Peer>& peer, const FramePackets& packets,
-                             std::uint64_t id) {
+void VideoEncoder::sendFrame(Peer& peer, const FramePackets& packets, std::uint64_t id) {
   const double now = uptime();
-  peer->awaitingIDR = false;
-  peer->sending = true;
-  peer->sendStarted = now;
-  peer->lastSent = id;
-  peer->unacknowledged.push_back({id, now});
-  preview.delivery.observe(peer->unacknowledged.size());
+  peer.awaitingIDR = false;
+  peer.sending = true;
+  peer.sendStarted = now;
+  peer.lastSent = id;
+  peer.unacknowledged.push_back({id, now});
+  preview.maxUnacknowledgedObserved =
+      std::max(preview.maxUnacknowledgedObserved, peer.unacknowledged.size());
   std::vector<SharedBytes> parts;
   if (packets.configuration) parts.push_back(packets.configuration);
   parts.push_back(packets.frame);
-  const auto sent = [weakPeer = std::weak_ptr(peer)](VideoEncoder& self, std::error_code error) {
-    const auto to = weakPeer.lock();
-    if (!to || !self.preview.peers.contains(to->id)) return;
-    to->sending = false;
-    if (error) self.remove(to);
-  };
-  peer->connection->send(std::move(parts), weakly(sent));
+  peer.connection->send(std::move(parts), weakly(&VideoEncoder::sent, peer.id));
+}
+
+void VideoEncoder::sent(std::uint64_t peerID, std::error_code error) {
+  const auto peer = preview.find(peerID);
+  if (!peer) return;
+  peer->sending = false;
+  if (error) remove(peerID);
 }
 
 void VideoEncoder::sweepPeers() {
   if (!running) return;
   const double now = uptime();
-  for (const auto& peer : preview.snapshot()) {
+  const auto peers = preview.peers;  // a copy, since `remove` changes the original
+  for (const auto& [id, peer] : peers) {
     if (!isOverdue(*peer, now)) continue;
-    // A reset also discards what the kernel holds for a client that does not read.
+    // A reset also discards what the kernel holds for a peer that does not read.
     if (peer->authenticated) peer->connection->reset();
-    remove(peer);
+    remove(id);
   }
 }
 

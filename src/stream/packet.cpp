@@ -1,7 +1,6 @@
 #include "stream/packet.h"
 
-#include <algorithm>
-#include <limits>
+#include <utility>
 
 #include "base/big_endian.h"
 #include "base/limits.h"
@@ -11,10 +10,13 @@
 namespace lumora {
 namespace {
 
-constexpr std::size_t headerBytesInLength = 10;  // the header behind the length field
+enum class PacketType : std::uint8_t { configuration = 1, frame = 2 };
+
+constexpr std::size_t headerBytesInLength = 10;  // header bytes that the length field counts
 constexpr std::size_t maximumSampleBytes = maximumPacketBytes - headerBytesInLength;
 constexpr std::size_t maximumParameterSetBytes = 4096;
 
+// Fills in the header of a packet whose payload is in place.
 void storeHeader(MutableByteView bytes, PacketType type, std::uint64_t frameID, bool keyframe) {
   storeBE(bytes.data(),
           static_cast<std::uint32_t>(bytes.size() - packetHeaderBytes + headerBytesInLength));
@@ -33,7 +35,7 @@ ByteView checkedParameterSet(const FormatDescription& format, std::size_t index)
 }
 
 std::uint16_t checkedDimension(std::int64_t size) {
-  if (size < 0 || size > std::numeric_limits<std::uint16_t>::max()) {
+  if (!std::in_range<std::uint16_t>(size)) {
     throw EncoderFailure::message("preview dimensions do not fit the stream format");
   }
   return static_cast<std::uint16_t>(size);
@@ -50,29 +52,24 @@ bool isKeyFrame(ByteView sample) {
   return walk.idr;
 }
 
-}  // namespace
-
-Bytes packet(PacketType type, std::uint64_t frameID, bool keyframe, ByteView payload) {
-  Bytes bytes(packetHeaderBytes + payload.size());
-  std::ranges::copy(payload, bytes.begin() + packetHeaderBytes);
-  storeHeader(bytes, type, frameID, keyframe);
-  return bytes;
-}
-
-Bytes makeConfiguration(const EncodedSample& sample, std::int64_t width, std::int64_t height) {
+SharedBytes makeConfiguration(const EncodedSample& sample, std::int64_t width,
+                              std::int64_t height) {
   const auto format = sample.format();
   if (!format) throw EncoderFailure::message("missing H264 description");
   const ByteView sequence = checkedParameterSet(*format, 0);
   const ByteView picture = checkedParameterSet(*format, 1);
-  Bytes payload;
-  appendBE(payload, checkedDimension(width));
-  appendBE(payload, checkedDimension(height));
-  appendBE(payload, static_cast<std::uint16_t>(sequence.size()));
-  appendBE(payload, static_cast<std::uint16_t>(picture.size()));
-  payload.insert(payload.end(), sequence.begin(), sequence.end());
-  payload.insert(payload.end(), picture.begin(), picture.end());
-  return packet(PacketType::configuration, 0, false, payload);
+  Bytes bytes(packetHeaderBytes);
+  appendBE(bytes, checkedDimension(width));
+  appendBE(bytes, checkedDimension(height));
+  appendBE(bytes, static_cast<std::uint16_t>(sequence.size()));
+  appendBE(bytes, static_cast<std::uint16_t>(picture.size()));
+  bytes.insert(bytes.end(), sequence.begin(), sequence.end());
+  bytes.insert(bytes.end(), picture.begin(), picture.end());
+  storeHeader(bytes, PacketType::configuration, 0, false);
+  return std::make_shared<const Bytes>(std::move(bytes));
 }
+
+}  // namespace
 
 FramePackets prepareFrame(const EncodedSample& sample, std::uint64_t frameID, std::int64_t width,
                           std::int64_t height) {
@@ -81,7 +78,7 @@ FramePackets prepareFrame(const EncodedSample& sample, std::uint64_t frameID, st
   if (*length < minimumSampleBytes || *length > maximumSampleBytes) {
     throw EncoderFailure::message("encoded sample too large");
   }
-  // The sample is copied once, straight to its place in the packet.
+  // Straight to its place in the packet, so that the sample is copied only once.
   const auto frame = std::make_shared<Bytes>(packetHeaderBytes + *length);
   const MutableByteView payload = MutableByteView(*frame).subspan(packetHeaderBytes);
   const Status status = sample.copyBytes(0, payload);
@@ -89,9 +86,7 @@ FramePackets prepareFrame(const EncodedSample& sample, std::uint64_t frameID, st
 
   FramePackets packets;
   packets.keyframe = isKeyFrame(payload);
-  if (packets.keyframe) {
-    packets.configuration = std::make_shared<const Bytes>(makeConfiguration(sample, width, height));
-  }
+  if (packets.keyframe) packets.configuration = makeConfiguration(sample, width, height);
   storeHeader(*frame, PacketType::frame, frameID, packets.keyframe);
   packets.frame = frame;
   return packets;

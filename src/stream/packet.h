@@ -24,23 +24,14 @@ namespace lumora {
 
 constexpr std::size_t packetHeaderBytes = 14;
 
-enum class PacketType : std::uint8_t { configuration = 1, frame = 2 };
-
-// The complete packet around `payload`, which keeps the limits of its type.
-Bytes packet(PacketType type, std::uint64_t frameID, bool keyframe, ByteView payload);
-
-// The configuration packet of a `width` × `height` preview, from the sample's parameter sets.
-// Throws EncoderFailure.
-Bytes makeConfiguration(const EncodedSample& sample, std::int64_t width, std::int64_t height);
-
-// One encoded sample, ready for every peer. `configuration` is null unless it is a key frame.
+// The packets of one encoded sample, ready for every peer.
 struct FramePackets {
   bool keyframe = false;
-  SharedBytes configuration;
+  SharedBytes configuration;  // null unless it is a key frame
   SharedBytes frame;
 };
 
-// Checks the sample and builds its packets. Throws EncoderFailure.
+// Checks the sample of a `width` × `height` preview and builds its packets. Throws EncoderFailure.
 FramePackets prepareFrame(const EncodedSample& sample, std::uint64_t frameID, std::int64_t width,
                           std::int64_t height);
 

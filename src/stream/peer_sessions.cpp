@@ -1,63 +1,75 @@
-// Stream clients: admission, their lines, authentication, acknowledgements, removal.
+// Peers: admission, their lines, authentication, acknowledgements, removal. A peer sends these
+// lines, each ended by a line feed:
+//
+//   {"type":"hello","token":"..."}     once, before anything else
+//   {"type":"ack","frame_id":123}      after that
+//
+// Further keys are ignored. Anything else ends the connection.
 
 #include <algorithm>
-#include <random>
+#include <cmath>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "app/video_encoder.h"
 #include "base/limits.h"
-#include "stream/peer_line.h"
 
 namespace lumora {
 namespace {
 
-std::string randomUUID() {
-  static constexpr char digits[] = "0123456789ABCDEF";
-  std::random_device random;
-  std::string text = "xxxxxxxx-xxxx-4xxx-yxxx-xxxxxxxxxxxx";
-  for (char& character : text) {
-    if (character == 'x') character = digits[random() % 16];
-    if (character == 'y') character = digits[8 + random() % 4];
+// 9.0 counts as 9. A double above 2^53 may stand for several integers, so it is refused.
+std::optional<std::uint64_t> parseFrameID(const Json& value) {
+  if (value.is_number_unsigned()) return value.get<std::uint64_t>();
+  if (!value.is_number_float()) return std::nullopt;
+  const double number = value.get<double>();
+  constexpr double largestExactInteger = 9007199254740992.0;
+  if (number < 0 || number > largestExactInteger || number != std::floor(number)) {
+    return std::nullopt;
   }
-  return text;
+  return static_cast<std::uint64_t>(number);
+}
+
+// Compares two secrets in a time that depends on their lengths only.
+bool constantTimeEqual(std::string_view first, std::string_view second) {
+  if (first.size() != second.size()) return false;
+  int difference = 0;
+  for (std::size_t i = 0; i < first.size(); ++i) difference |= first[i] ^ second[i];
+  return difference == 0;
 }
 
 }  // namespace
 
 void VideoEncoder::accept(std::shared_ptr<TcpConnection> connection) {
-  if (!running || !admitsConnection(preview.countClients(), preview.countWaitingPeers())) {
+  const bool isFull = preview.countClients() >= maximumAuthenticatedPeers ||
+                      preview.countWaitingPeers() >= maximumWaitingPeers;
+  if (!running || isFull) {
     connection->cancel();
     ++preview.droppedPeers;
     return;
   }
   const auto peer = std::make_shared<Peer>();
-  peer->id = randomUUID();
+  peer->id = ++preview.lastPeerID;
   peer->connection = std::move(connection);
   peer->acceptedAt = uptime();
   preview.peers[peer->id] = peer;
-  peer->connection->setEndHandler(weakly([weakPeer = std::weak_ptr(peer)](VideoEncoder& self) {
-    if (const auto gone = weakPeer.lock()) self.remove(gone);
-  }));
+  peer->connection->setEndHandler(weakly(&VideoEncoder::remove, peer->id));
   peer->connection->start();
-  receive(peer);
+  receive(*peer);
 }
 
-void VideoEncoder::receive(const std::shared_ptr<Peer>& peer) {
-  peer->connection->receive(maximumLineBytes + 1, weakly([weakPeer = std::weak_ptr(peer)](
-                                                             VideoEncoder& self, ByteView bytes,
-                                                             bool complete, std::error_code error) {
-                              if (const auto from = weakPeer.lock())
-                                self.received(from, bytes, complete || error);
-                            }));
+void VideoEncoder::receive(const Peer& peer) {
+  peer.connection->receive(maximumLineBytes + 1, weakly(&VideoEncoder::received, peer.id));
 }
 
-void VideoEncoder::received(const std::shared_ptr<Peer>& peer, ByteView bytes, bool ended) {
-  if (!running || !preview.peers.contains(peer->id)) return;
-  if (!takeBytes(*peer, bytes) || ended) return remove(peer);
-  receive(peer);
+void VideoEncoder::received(std::uint64_t peerID, ByteView bytes, bool complete,
+                            std::error_code error) {
+  const auto peer = preview.find(peerID);
+  if (!running || !peer) return;
+  if (!takeBytes(*peer, bytes) || complete || error) return remove(peerID);
+  receive(*peer);
 }
 
-// False when the peer broke the protocol.
 bool VideoEncoder::takeBytes(Peer& peer, ByteView bytes) {
   while (!bytes.empty()) {
     const auto feed = std::ranges::find(bytes, std::uint8_t{'\n'});
@@ -73,18 +85,22 @@ bool VideoEncoder::takeBytes(Peer& peer, ByteView bytes) {
 }
 
 bool VideoEncoder::handleLine(Peer& peer) {
-  const PeerLine line = parsePeerLine(peer.input);
-  if (const auto* hello = std::get_if<HelloLine>(&line)) {
-    return !peer.authenticated && authenticate(peer, hello->token);
+  const auto message = parseJson(peer.input);
+  if (!message) return false;
+  const std::string* type = findString(*message, "type");
+  if (type == nullptr) return false;
+  if (*type == "hello") {
+    const std::string* offered = findString(*message, "token");
+    return offered != nullptr && !peer.authenticated && authenticate(peer, *offered);
   }
-  if (const auto* ack = std::get_if<AckLine>(&line)) {
-    return peer.authenticated && preview.takeAcknowledgement(peer, ack->frameID, uptime());
-  }
-  return false;
+  const Json* value = findValue(*message, "frame_id");
+  if (*type != "ack" || value == nullptr || !peer.authenticated) return false;
+  const auto frameID = parseFrameID(*value);
+  return frameID && preview.acknowledge(peer, *frameID, uptime());
 }
 
 bool VideoEncoder::authenticate(Peer& peer, const std::string& offered) {
-  if (!constantTimeEqual(offered, token)) return false;
+  if (!constantTimeEqual(offered, configuration.token)) return false;
   if (preview.countClients() >= maximumAuthenticatedPeers) return false;
   peer.authenticated = true;
   preview.forceIDR = true;
@@ -92,10 +108,11 @@ bool VideoEncoder::authenticate(Peer& peer, const std::string& offered) {
   return true;
 }
 
-void VideoEncoder::remove(const std::shared_ptr<Peer>& peer) {
-  if (preview.peers.erase(peer->id) == 0) return;
-  // Without a handler the cancellation does not come back here.
-  peer->connection->setEndHandler({});
+void VideoEncoder::remove(std::uint64_t peerID) {
+  const auto peer = preview.find(peerID);
+  if (!peer) return;
+  preview.peers.erase(peerID);
+  peer->connection->setEndHandler({});  // `cancel` would call it
   peer->connection->cancel();
   ++preview.droppedPeers;
   if (peer->authenticated) emitStats(true);

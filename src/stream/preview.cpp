@@ -2,39 +2,23 @@
 
 #include <algorithm>
 
+#include "base/limits.h"
+
 namespace lumora {
 namespace {
 
-constexpr double smoothing = 0.125;
+constexpr double smoothing = 0.125;  // weight of the latest round trip
 
-// Milliseconds between two uptimes; a clock that went wrong counts as no time.
-double milliseconds(double from, double to) {
-  const double elapsed = (to - from) * 1000.0;
-  return elapsed > 0 ? elapsed : 0;
-}
-
-double smoothed(double average, double sample) {
-  return smoothing * sample + (1 - smoothing) * average;
-}
+double milliseconds(double from, double to) { return std::max((to - from) * 1000.0, 0.0); }
 
 }  // namespace
 
-void DeliveryCounters::count(DeliveryChoice choice) {
-  if (choice == DeliveryChoice::dropForCredit) ++creditDrops;
-  if (choice == DeliveryChoice::dropForSend) ++sendDrops;
-  if (choice == DeliveryChoice::waitForKeyFrame) ++resyncWaitDrops;
-}
-
-void DeliveryCounters::observe(std::size_t unacknowledged) {
-  maxUnacknowledgedObserved = std::max(maxUnacknowledgedObserved, unacknowledged);
-}
-
-void AcknowledgementFigures::record(const Acknowledgement& acknowledgement, double now) {
-  const double roundTrip = milliseconds(acknowledgement.sentAt, now);
-  const double oldest = milliseconds(acknowledgement.oldestSentAt, now);
-  const bool first = acknowledgementSamples == 0;
-  acknowledgementRTT = first ? roundTrip : smoothed(acknowledgementRTT, roundTrip);
-  acknowledgementOldest = first ? oldest : smoothed(acknowledgementOldest, oldest);
+void AcknowledgementFigures::record(double sentAt, double oldestSentAt, double now) {
+  const double roundTrip = milliseconds(sentAt, now);
+  const double oldest = milliseconds(oldestSentAt, now);
+  const double weight = acknowledgementSamples == 0 ? 1 : smoothing;
+  acknowledgementRTT = weight * roundTrip + (1 - weight) * acknowledgementRTT;
+  acknowledgementOldest = weight * oldest + (1 - weight) * acknowledgementOldest;
   acknowledgementRTTMaximum = std::max(acknowledgementRTTMaximum, roundTrip);
   ++acknowledgementSamples;
 }
@@ -46,23 +30,34 @@ std::size_t Preview::countClients() const {
 
 std::size_t Preview::countWaitingPeers() const { return peers.size() - countClients(); }
 
-std::vector<std::shared_ptr<Peer>> Preview::snapshot() const {
-  std::vector<std::shared_ptr<Peer>> all;
-  all.reserve(peers.size());
-  for (const auto& [id, peer] : peers) all.push_back(peer);
-  return all;
+std::shared_ptr<Peer> Preview::find(std::uint64_t peerID) const {
+  const auto found = peers.find(peerID);
+  return found == peers.end() ? nullptr : found->second;
+}
+
+std::uint64_t* Preview::dropCounter(const Peer& peer, bool keyframe) {
+  if (peer.unacknowledged.size() >= maximumUnacknowledgedFrames) return &creditDrops;
+  if (peer.sending) return &sendDrops;
+  if (peer.awaitingIDR && !keyframe) return &resyncWaitDrops;
+  return nullptr;
 }
 
 void Preview::resynchronise(Peer& peer) {
-  if (!peer.awaitingIDR) ++delivery.idrResyncs;
+  if (!peer.awaitingIDR) ++idrResyncs;
   peer.awaitingIDR = true;
   forceIDR = true;
 }
 
-bool Preview::takeAcknowledgement(Peer& peer, std::uint64_t frameID, double now) {
-  const Acknowledgement result = acknowledge(peer, frameID);
-  if (result.outcome == AckOutcome::accepted) acknowledgements.record(result, now);
-  return result.outcome != AckOutcome::invalid;
+bool Preview::acknowledge(Peer& peer, std::uint64_t frameID, double now) {
+  if (frameID == 0 || frameID > peer.lastSent) return false;
+  if (frameID <= peer.lastAcknowledged) return true;
+  auto& waiting = peer.unacknowledged;
+  const auto found = std::ranges::find(waiting, frameID, &SentFrame::id);
+  if (found == waiting.end()) return false;
+  acknowledgements.record(found->sentAt, waiting.front().sentAt, now);
+  peer.lastAcknowledged = frameID;
+  waiting.erase(waiting.begin(), found + 1);
+  return true;
 }
 
 void Preview::close() {
@@ -72,6 +67,13 @@ void Preview::close() {
   session->completeFrames();
   session->invalidate();
   session.reset();
+}
+
+bool isOverdue(const Peer& peer, double now) {
+  if (!peer.authenticated && now - peer.acceptedAt > helloTimeout) return true;
+  if (peer.sending && now - peer.sendStarted > acknowledgementTimeout) return true;
+  return !peer.unacknowledged.empty() &&
+         now - peer.unacknowledged.front().sentAt > acknowledgementTimeout;
 }
 
 }  // namespace lumora

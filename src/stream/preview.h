@@ -1,28 +1,35 @@
 #pragma once
 
-// The preview: its encoder session, its clients, and counts over all of them, which are never
-// reset. State queue only.
+// The preview: its encoder session, its peers (the clients of the TCP stream), the rules for them,
+// and counters over all of them, which are never reset. State queue only.
 
+#include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "platform/compression.h"
-#include "stream/peer.h"
+#include "platform/network.h"
 
 namespace lumora {
 
-// Frames that were withheld from a client, by cause.
-struct DeliveryCounters {
-  std::uint64_t creditDrops = 0;
-  std::uint64_t sendDrops = 0;
-  std::uint64_t resyncWaitDrops = 0;
-  std::uint64_t idrResyncs = 0;               // episodes of falling behind
-  std::size_t maxUnacknowledgedObserved = 0;  // of one peer
+struct SentFrame {
+  std::uint64_t id = 0;
+  double sentAt = 0;  // uptime seconds
+};
 
-  void count(DeliveryChoice choice);
-  void observe(std::size_t unacknowledged);
+struct Peer {
+  std::uint64_t id = 0;  // its key in `Preview::peers`; no two peers of a run have the same
+  std::shared_ptr<TcpConnection> connection;
+  double acceptedAt = 0;  // uptime seconds
+  bool authenticated = false;
+  Bytes input;                           // the bytes received of the current line
+  bool sending = false;                  // a send is outstanding, begun at `sendStarted`
+  double sendStarted = 0;                // uptime seconds
+  bool awaitingIDR = true;               // the next frame sent must be a key frame
+  std::deque<SentFrame> unacknowledged;  // in send order
+  std::uint64_t lastAcknowledged = 0;
+  std::uint64_t lastSent = 0;
 };
 
 // Round trips in milliseconds.
@@ -32,7 +39,8 @@ struct AcknowledgementFigures {
   double acknowledgementOldest = 0;  // smoothed
   double acknowledgementRTTMaximum = 0;
 
-  void record(const Acknowledgement& acknowledgement, double now);
+  // Uptimes at which the acknowledged frame and the oldest unacknowledged one were sent.
+  void record(double sentAt, double oldestSentAt, double now);
 };
 
 struct Preview {
@@ -44,22 +52,33 @@ struct Preview {
   double encodeMilliseconds = 0;                // of the latest frame
   std::uint64_t encodedFrames = 0;
 
-  std::map<std::string, std::shared_ptr<Peer>> peers;  // by id
+  std::map<std::uint64_t, std::shared_ptr<Peer>> peers;  // by id
+  std::uint64_t lastPeerID = 0;
   std::uint64_t droppedPeers = 0;
-  DeliveryCounters delivery;
+  std::uint64_t creditDrops = 0;              // frames dropped: too many unacknowledged
+  std::uint64_t sendDrops = 0;                // frames dropped: the last send is outstanding
+  std::uint64_t resyncWaitDrops = 0;          // frames dropped: not the key frame waited for
+  std::uint64_t idrResyncs = 0;               // times that a peer fell behind
+  std::size_t maxUnacknowledgedObserved = 0;  // of one peer
   AcknowledgementFigures acknowledgements;
 
   std::size_t countClients() const;       // authenticated
   std::size_t countWaitingPeers() const;  // no "hello" yet
-  // A copy of `peers` to iterate over, since a send may remove one.
-  std::vector<std::shared_ptr<Peer>> snapshot() const;
+  // Null when that peer is gone.
+  std::shared_ptr<Peer> find(std::uint64_t peerID) const;
 
-  // Withholds frames from `peer` until the next key frame, which it requests.
+  // The counter of the reason why an encoded frame is dropped for `peer`. Null when it is sent. The
+  // order of the tests is part of the protocol.
+  std::uint64_t* dropCounter(const Peer& peer, bool keyframe);
+  // Drops frames for `peer` until the next key frame, and asks the encoder for one.
   void resynchronise(Peer& peer);
   // False when the peer broke the protocol.
-  bool takeAcknowledgement(Peer& peer, std::uint64_t frameID, double now);
-  // Ends every connection and the session.
+  bool acknowledge(Peer& peer, std::uint64_t frameID, double now);
+  // Closes every connection and the session.
   void close();
 };
+
+// Whether the peer missed the hello, send or acknowledgement deadline at uptime `now`.
+bool isOverdue(const Peer& peer, double now);
 
 }  // namespace lumora

@@ -4,28 +4,19 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
-#include <thread>
 #include <utility>
 
 #include "base/out_of_memory.h"
 #include "base/text.h"
-#include "base/thread_name.h"
+#include "base/thread.h"
 
 namespace lumora {
 namespace asio = boost::asio;
-namespace {
-
-std::chrono::steady_clock::duration toDuration(double seconds) {
-  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-      std::chrono::duration<double>(seconds));
-}
-
-}  // namespace
 
 struct AsioQueue::Core {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
-  FailureHandler failed;  // of its thread
+  FailureHandler failed;  // touched by the queue's thread only
 
   void run() {
     for (;;) {
@@ -33,7 +24,7 @@ struct AsioQueue::Core {
         context.run();
         return;
       } catch (const std::exception& error) {
-        if (!failed) throw;  // ends the process
+        if (!failed) throw;  // it ends the process
         failed(reasonOf(error));
       }
     }
@@ -41,10 +32,7 @@ struct AsioQueue::Core {
 };
 
 AsioQueue::AsioQueue(const std::string& label) : core_(std::make_shared<Core>()) {
-  std::thread([core = core_, label] {
-    nameThread(label);
-    core->run();
-  }).detach();
+  startThread(label, [core = core_] { core->run(); });
 }
 
 AsioQueue::~AsioQueue() { core_->guard.reset(); }
@@ -52,7 +40,9 @@ AsioQueue::~AsioQueue() { core_->guard.reset(); }
 void AsioQueue::async(Work work) { asio::post(core_->context, std::move(work)); }
 
 void AsioQueue::asyncAfter(double seconds, Work work) {
-  const auto timer = std::make_shared<asio::steady_timer>(core_->context, toDuration(seconds));
+  using Duration = std::chrono::steady_clock::duration;
+  const auto wait = std::chrono::duration_cast<Duration>(std::chrono::duration<double>(seconds));
+  const auto timer = std::make_shared<asio::steady_timer>(core_->context, wait);
   timer->async_wait([timer, work = std::move(work)](const boost::system::error_code& error) {
     if (!error) work();
   });
@@ -67,10 +57,7 @@ std::shared_ptr<SerialQueue> AsioDispatch::makeQueue(const std::string& label) {
 }
 
 void AsioDispatch::runDetached(const std::string& label, Work work) {
-  std::thread([label, work = std::move(work)] {
-    nameThread(label);
-    bestEffort(work);
-  }).detach();
+  startThread(label, [work = std::move(work)] { bestEffort(work); });
 }
 
 }  // namespace lumora

@@ -1,7 +1,7 @@
 #pragma once
 
-// Serial queues on Boost.Asio: one io_context and one thread per queue. Sockets, timers and
-// signals that belong to a queue live on its io_context.
+// Serial queues on Boost.Asio: one io_context and one thread per queue. A queue's sockets, timers
+// and signals live on its io_context.
 
 #include <boost/asio/io_context.hpp>
 #include <memory>
@@ -14,7 +14,7 @@ namespace lumora {
 class AsioQueue final : public SerialQueue {
  public:
   explicit AsioQueue(const std::string& label);
-  // The thread finishes what was enqueued and ends by itself; it may be the one destroying us.
+  // Doesn't wait. The thread finishes what was enqueued and ends by itself. It may be the caller.
   ~AsioQueue() override;
   AsioQueue(const AsioQueue&) = delete;
   AsioQueue& operator=(const AsioQueue&) = delete;

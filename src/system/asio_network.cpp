@@ -21,7 +21,7 @@ class AsioConnection final : public TcpConnection,
 
   void setEndHandler(EndHandler handler) override { endHandler_ = std::move(handler); }
 
-  // It is connected already. Only the options are left to set.
+  // The socket is connected already; only its option is left to set.
   void start() override {
     error_code error;
     socket_.set_option(tcp::no_delay(true), error);
@@ -98,7 +98,17 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
         });
   }
 
-  void acceptConnections() override { acceptNext(); }
+  void acceptConnections() override {
+    acceptor_.async_accept(
+        [self = shared_from_this()](const error_code& error, tcp::socket socket) {
+          if (error == asio::error::operation_aborted) return;
+          if (error) return self->acceptFailed(error);
+          if (self->connectionHandler_) {
+            self->connectionHandler_(std::make_shared<AsioConnection>(std::move(socket)));
+          }
+          self->acceptConnections();
+        });
+  }
 
   std::uint16_t port() const override {
     error_code error;
@@ -118,37 +128,17 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   // the next.
   bool listenOnFirst(const tcp::resolver::results_type& results) {
     for (const auto& entry : results) {
-      const error_code error = listenOn(entry.endpoint());
-      if (!error) return true;
-      if (error != asio::error::address_family_not_supported &&
-          error != boost::system::errc::address_not_available) {
-        return false;
+      try {
+        acceptor_ = tcp::acceptor(acceptor_.get_executor(), entry.endpoint());
+        return true;
+      } catch (const boost::system::system_error& refused) {
+        if (refused.code() != asio::error::address_family_not_supported &&
+            refused.code() != boost::system::errc::address_not_available) {
+          return false;
+        }
       }
     }
     return false;
-  }
-
-  error_code listenOn(const tcp::endpoint& endpoint) {
-    error_code error;
-    acceptor_.open(endpoint.protocol(), error);
-    if (!error) acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
-    if (!error) acceptor_.bind(endpoint, error);
-    if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
-    error_code ignored;
-    if (error) acceptor_.close(ignored);
-    return error;
-  }
-
-  void acceptNext() {
-    acceptor_.async_accept(
-        [self = shared_from_this()](const error_code& error, tcp::socket socket) {
-          if (error == asio::error::operation_aborted) return;
-          if (error) return self->acceptFailed(error);
-          if (self->connectionHandler_) {
-            self->connectionHandler_(std::make_shared<AsioConnection>(std::move(socket)));
-          }
-          self->acceptNext();
-        });
   }
 
   // Retries, since the client may be gone already, or descriptors or memory may be short for a
@@ -159,7 +149,7 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
     }
     retry_.expires_after(std::chrono::milliseconds(100));
     retry_.async_wait([self = shared_from_this()](const error_code& cancelled) {
-      if (!cancelled) self->acceptNext();
+      if (!cancelled) self->acceptConnections();
     });
   }
 

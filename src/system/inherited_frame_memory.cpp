@@ -3,15 +3,13 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#ifdef __linux__
 #include <sys/statfs.h>
-#endif
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <mutex>
-
-#include "system/release_order.h"
 
 namespace lumora {
 namespace {
@@ -19,24 +17,16 @@ namespace {
 using ReleaseWord = std::uint64_t;  // in the machine's byte order
 static_assert(std::atomic_ref<ReleaseWord>::is_always_lock_free);
 
-bool canShrink([[maybe_unused]] int descriptor) {
-#ifdef F_GET_SEALS
+bool canShrink(int descriptor) {
   const int seals = fcntl(descriptor, F_GET_SEALS);
   return seals < 0 || (seals & F_SEAL_SHRINK) == 0;
-#else
-  return true;
-#endif
 }
 
-// Seals do not keep anybody from punching holes into huge pages.
-bool isOfHugePages([[maybe_unused]] int descriptor) {
-#ifdef __linux__
+// Seals don't prevent holes from being punched into huge pages.
+bool isOfHugePages(int descriptor) {
   constexpr std::uint32_t magic = 0x958458f6;  // HUGETLBFS_MAGIC of the kernel's magic.h
   struct statfs system {};
   return fstatfs(descriptor, &system) == 0 && static_cast<std::uint32_t>(system.f_type) == magic;
-#else
-  return false;
-#endif
 }
 
 // The last reader of a picture, on whichever thread, releases it.
@@ -70,7 +60,7 @@ class MappedMemory final : public FrameMemory, public std::enable_shared_from_th
 
   std::uint8_t* const memory_;
   const std::uint64_t size_;
-  std::mutex mutex_;  // guards the order, and the word against going back
+  std::mutex mutex_;  // guards the order, and keeps the released ids growing
   ReleaseOrder order_;
 };
 
@@ -93,6 +83,17 @@ std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor) {
   void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
   if (memory == MAP_FAILED) return nullptr;
   return std::make_shared<MappedMemory>(static_cast<std::uint8_t*>(memory), size);
+}
+
+void ReleaseOrder::begin(std::uint64_t id) { frames_.push_back({id, id}); }
+
+std::optional<std::uint64_t> ReleaseOrder::end(std::uint64_t id) {
+  const auto frame = std::ranges::find(frames_, id, &Frame::id);
+  const std::uint64_t latest = frame->latest;
+  const bool isFirst = frame == frames_.begin();
+  if (!isFirst) std::prev(frame)->latest = latest;
+  frames_.erase(frame);
+  return isFirst ? std::optional(latest) : std::nullopt;
 }
 
 }  // namespace lumora

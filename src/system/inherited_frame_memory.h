@@ -1,14 +1,34 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include "platform/frame_memory.h"
 
 namespace lumora {
 
 // Maps the memory behind an inherited descriptor. Null unless it is at least two pages of readable
-// and writable memory that is sealed against shrinking (F_SEAL_SHRINK), since whoever shrinks it
-// could raise SIGBUS in us. Standard streams are refused.
+// and writable memory that is sealed against shrinking (F_SEAL_SHRINK): a parent that shrinks it
+// would raise SIGBUS in us. Standard streams are refused.
 std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor);
+
+// Says in one number which frames the parent may overwrite: those up to the latest one that, like
+// all before it, is no longer read. A frame that is done while an earlier one is still read waits.
+class ReleaseOrder {
+ public:
+  // Ids grow.
+  void begin(std::uint64_t id);
+  // That number, if it has changed. Never throws.
+  std::optional<std::uint64_t> end(std::uint64_t id);
+
+ private:
+  struct Frame {
+    std::uint64_t id;
+    std::uint64_t latest;  // the last done frame that waits for this one, or this one
+  };
+  std::vector<Frame> frames_;  // those that are still read
+};
 
 }  // namespace lumora

@@ -11,22 +11,21 @@
 #include <future>
 #include <mutex>
 #include <set>
-#include <thread>
-#include <utility>
 
 #include "base/directory.h"
 #include "base/out_of_memory.h"
+#include "base/thread.h"
 
 namespace lumora {
 namespace {
 
 constexpr std::chrono::seconds longestRemoval{1};
 
-// File systems without an atomic "rename unless it exists": a hard link refuses an existing name
-// just as well; where there are none either, a look beforehand has to do.
+// For file systems that can't rename without replacing. A hard link is never made over an existing
+// name. Without hard links we look first, and another program may take the name before the rename.
 bool moveWithoutRename2(const char* from, const char* to) {
   if (link(from, to) == 0) {
-    unlink(from);  // should that fail it has two names, and this is one of them
+    unlink(from);  // if this fails the file has both names, which does no harm
     return true;
   }
   if (errno == EEXIST) return false;
@@ -42,67 +41,53 @@ bool moveUnlessExists(const char* from, const char* to) {
   return moveWithoutRename2(from, to);
 }
 
+// One name for all spellings of a path. Links are not followed, since that waits for the disk.
+std::filesystem::path nameOf(const std::string& path) {
+  return std::filesystem::path(path).lexically_normal();
+}
+
 }  // namespace
 
-// Removals that a disk holds up: a file of such a name would fall to them.
-class PosixFileManager::PendingRemovals {
- public:
-  void add(const std::string& path) {
-    auto name = nameOf(path);
-    const std::lock_guard hold(mutex_);
-    names_.insert(std::move(name));
-  }
-  void remove(const std::string& path) {
-    const auto name = nameOf(path);
-    const std::lock_guard hold(mutex_);
-    names_.erase(name);
-  }
-  bool contain(const std::string& path) const {
-    const auto name = nameOf(path);
-    const std::lock_guard hold(mutex_);
-    return names_.contains(name);
-  }
-
- private:
-  // However it is spelt, links apart: to follow those would wait for the disk.
-  static std::filesystem::path nameOf(const std::string& path) {
-    return std::filesystem::path(path).lexically_normal();
-  }
-
-  mutable std::mutex mutex_;
-  std::set<std::filesystem::path> names_;
+// Names of files whose removal waits for the disk. A new file of such a name would be removed.
+struct PosixFileManager::PendingRemovals {
+  std::mutex mutex;
+  std::set<std::filesystem::path> names;
 };
 
 PosixFileManager::PosixFileManager() : pending_(std::make_shared<PendingRemovals>()) {}
 
 bool PosixFileManager::isNameUsed(const std::string& path) const {
+  {
+    const std::lock_guard hold(pending_->mutex);
+    if (pending_->names.contains(nameOf(path))) return true;
+  }
   struct stat status {};
-  return pending_->contain(path) || stat(path.c_str(), &status) == 0;
+  return stat(path.c_str(), &status) == 0;
 }
 
 bool PosixFileManager::move(const std::string& from, const std::string& to) {
   if (!moveUnlessExists(from.c_str(), to.c_str())) return false;
-  // It is there, whatever becomes of the wish to have it safe.
+  // The file has moved even if its new name can't be synced.
   bestEffort([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
   return true;
 }
 
-// On a disk that hangs the removal does, too; what is to be said of it must not.
+// On a disk that hangs the removal hangs, but the caller goes on.
 void PosixFileManager::remove(const std::string& path) {
-  const auto unlinkNow = [](const std::string& name, PendingRemovals& pending) {
-    unlink(name.c_str());
-    pending.remove(name);
+  const auto unlinkNow = [](const std::string& file, PendingRemovals& pending) {
+    unlink(file.c_str());
+    const std::lock_guard hold(pending.mutex);
+    pending.names.erase(nameOf(file));
   };
   try {
-    pending_->add(path);
-    std::promise<void> removed;
-    const std::future<void> done = removed.get_future();
-    std::thread([unlinkNow, path, pending = pending_, removed = std::move(removed)]() mutable {
+    {
+      const std::lock_guard hold(pending_->mutex);
+      pending_->names.insert(nameOf(path));
+    }
+    startTask("lumora.remove", [unlinkNow, path, pending = pending_] {
       unlinkNow(path, *pending);
-      removed.set_value();
-    }).detach();
-    done.wait_for(longestRemoval);
-  } catch (const std::exception&) {  // no thread, no memory: without a bound, then
+    }).wait_for(longestRemoval);
+  } catch (const std::exception&) {  // no thread or no memory: the caller has to wait
     unlinkNow(path, *pending_);
   }
 }

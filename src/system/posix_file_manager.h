@@ -10,13 +10,13 @@ namespace lumora {
 class PosixFileManager final : public FileManager {
  public:
   PosixFileManager();
-  // Also while one of this name is being removed.
+  // True also while a file of this name is being removed.
   bool isNameUsed(const std::string& path) const override;
   bool move(const std::string& from, const std::string& to) override;
   void remove(const std::string& path) override;
 
  private:
-  class PendingRemovals;
+  struct PendingRemovals;
   std::shared_ptr<PendingRemovals> pending_;
 };
 

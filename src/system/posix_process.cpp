@@ -19,15 +19,13 @@
 namespace lumora {
 namespace {
 
-// A full HD frame is 8 MB: with the default 64 KiB pipe it takes twice as long to come through.
+// A full HD frame is 8 MB. Through the default pipe of 64 KiB it takes twice as long.
 void enlargePipe(int descriptor) {
-#ifdef F_SETPIPE_SZ
-  constexpr int pipeBytes = 1 << 20;  // what an unprivileged process may ask for
+  constexpr int pipeBytes = 1 << 20;  // the most that an unprivileged process may ask for
   if (fcntl(descriptor, F_GETPIPE_SZ) < pipeBytes) fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
-#endif
 }
 
-// The exit status once the end is decided. Signal handlers read it.
+// The exit status once the watchdog is armed. Signal handlers read it.
 constexpr int undecided = -1;
 std::atomic<int> decidedStatus = undecided;
 static_assert(std::atomic<int>::is_always_lock_free);
@@ -35,8 +33,8 @@ static_assert(std::atomic<int>::is_always_lock_free);
 constexpr std::string_view unexpectedFailure =
     "{\"type\":\"error\",\"message\":\"unexpected failure\"}\n";
 
-// Libraries abort when they are out of memory, and so does the runtime for an exception that nobody
-// handles. Our exit statuses are 0 and 1 all the same.
+// Libraries abort when they are out of memory, and the runtime aborts for an exception that nobody
+// handles. This keeps our exit statuses 0 and 1 in that case, too.
 void endOnAbort(int) {
   if (decidedStatus != undecided) _exit(decidedStatus);
   [[maybe_unused]] const ssize_t ignored =
@@ -44,8 +42,8 @@ void endOnAbort(int) {
   _exit(1);
 }
 
-// An encoder that hangs blocks the state queue while we wait for its frames, and then nothing else
-// would end the process. A signal needs neither a thread nor memory.
+// If an encoder hangs, the state queue waits for its frames forever and can't end the process. A
+// signal can: it needs neither a thread nor memory.
 void startWatchdog(double seconds, int code) {
   decidedStatus = code;
   std::signal(SIGALRM, [](int) { _exit(decidedStatus); });
@@ -91,8 +89,8 @@ class AsioSignal final : public SignalSource {
 };
 
 #if defined(__SANITIZE_ADDRESS__)
-// Of a thread that is just ending, the checker no longer sees what the C library is about to give
-// back (what a failed `dlopen` left, when an encoder was looked for). A leak is what stays.
+// Checks twice. While a thread ends, the checker takes memory that the C library is about to free
+// for a leak (such as that of a failed `dlopen`). A real leak is still there the second time.
 void checkForLeaks() {
   if (__lsan_do_recoverable_leak_check() == 0) return;
   usleep(100'000);
@@ -112,8 +110,8 @@ ssize_t PosixProcess::readInput(MutableByteView space) {
     const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
     if (count >= 0) return count;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
-    // Not blocking is a property of the open file: the parent may have set it, and where input and
-    // output are one socket or terminal, we have.
+    // Input may be non-blocking. The parent may have made it so, and we make output non-blocking,
+    // which is the same file if both are one socket or terminal.
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     if (poll(&input, 1, -1) < 0) return -errno;
   }
@@ -125,12 +123,12 @@ ssize_t PosixProcess::writeOutput(ByteView text) {
 }
 
 std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
-  // Whoever has it ignored, as "nohup" does, wants the process to outlive its terminal.
+  // A parent that ignores SIGHUP, as nohup does, wants the process to outlive its terminal.
   if (signal == SIGHUP && isIgnored(signal)) return nullptr;
   return std::make_unique<AsioSignal>(signals_, signal, handler);
 }
 
-// No destructor may race the reader, which is blocked in `read`.
+// Runs no destructors: they would race the reader, which is blocked in `read`.
 void PosixProcess::exit(int code) {
   const itimerval never{};
   setitimer(ITIMER_REAL, &never, nullptr);
@@ -142,12 +140,11 @@ void PosixProcess::exit(int code) {
 
 void PosixProcess::armWatchdog(double seconds, int code) {
   const std::lock_guard hold(watchdog_);
-  if (!std::exchange(isArmed_, true)) startWatchdog(seconds, code);
+  if (decidedStatus == undecided) startWatchdog(seconds, code);
 }
 
 void PosixProcess::rearmWatchdog(double seconds, int code) {
   const std::lock_guard hold(watchdog_);
-  isArmed_ = true;
   startWatchdog(seconds, code);
 }
 

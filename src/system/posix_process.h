@@ -21,7 +21,6 @@ class PosixProcess final : public Process {
 
  private:
   std::mutex watchdog_;  // guards the process's one timer
-  bool isArmed_ = false;
   const std::shared_ptr<AsioQueue> signals_ = std::make_shared<AsioQueue>("lumora.signals");
 };
 

@@ -6,7 +6,7 @@
 
 namespace lumora {
 
-// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, "" when there is none; see
+// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, or "" if there is none. See
 // codec/allowed_encoders.h.
 Platform makeSystemPlatform(const std::string& h264Encoder);
 

@@ -7,29 +7,28 @@ namespace {
 
 using Encode = ServiceTest;
 
-TEST_F(Encode, AFrameNobodyNeedsIsCountedAndReleased) {
-  probe.connect();  // not authenticated
+TEST_F(Encode, ReleasesAFrameOnceNobodyNeedsItAnyMore) {
+  probe.connect();  // has not said hello
   probe.feed(1);
   EXPECT_FALSE(probe.isRawBusy());
   EXPECT_TRUE(probe.encoders->sessions.empty());
-  EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
-}
-
-TEST_F(Encode, ReleasesTheFrameWhenItsEncodeIsDoneAndMeasuresIt) {
   const auto client = probe.connectClient();
-  probe.feed(1, 1920, 1080);
+  probe.feed(2, 1920, 1080);
   const auto& properties = probe.lastSession().properties;
   EXPECT_EQ(properties.at(SessionProperty::averageBitRate), PropertyValue(std::int64_t{4000000}));
   EXPECT_EQ(properties.at(SessionProperty::expectedFrameRate), PropertyValue(std::int64_t{60}));
+  EXPECT_EQ(properties.at(SessionProperty::maxKeyFrameInterval), PropertyValue(std::int64_t{60}));
   EXPECT_TRUE(probe.isRawBusy());
   probe.clock->now += 0.004;
   probe.answer(keySample());
   EXPECT_FALSE(probe.isRawBusy());
   EXPECT_EQ(client->sent.size(), 1u);
-  EXPECT_NEAR(probe.statistics()["encode_ms"].get<double>(), 4, 1e-6);
+  const Json figures = probe.statistics();
+  EXPECT_EQ(figures.at("dropped_raw"), 1);
+  EXPECT_NEAR(figures.at("encode_ms").get<double>(), 4, 1e-6);
 }
 
-TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
+TEST_F(Encode, ForcesAKeyFrameForEachNewSessionAndClient) {
   const auto first = probe.connectClient();
   probe.frame(1, keySample());
   first->finishSend();
@@ -46,19 +45,18 @@ TEST_F(Encode, ForcesAKeyFrameForEveryNewSessionAndClient) {
   EXPECT_EQ(probe.encoders->sessions[0]->flushes, 0);
   EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count goes on
   probe.answer(deltaSample());
-  EXPECT_EQ(first->sent.size(), 3u);  // not frame 4: everyone waits for the new key frame
+  EXPECT_EQ(first->sent.size(), 3u);  // not frame 4: every client waits for the new key frame
 }
 
-TEST_F(Encode, FailuresEndTheRunWithTheirDescription) {
+TEST_F(Encode, EndsTheRunWithTheDescriptionOfAFailure) {
   for (const auto& [message, call, nth, status] :
-       {std::tuple{"hardware encoder creation failed (-12908)", Call::createSession, 1, -12908},
-        {"encoder property failed (-12)", Call::setProperty, 1, -12},
-        {"encoder property failed (-12)", Call::setProperty, 7, -12},
-        {"encoder preparation failed (-13)", Call::prepare, 1, -13},
-        {"no pixel buffer pool", Call::getPool, 1, -1},
-        {"pixel buffer allocation failed (-7)", Call::createBuffer, 1, -7},
-        {"RGBA conversion failed", Call::convert, 1, -1},
-        {"frame submission failed (-1)", Call::submit, 1, -1}}) {
+       {std::tuple{"hardware encoder creation failed (-12908)", "createSession", 1, -12908},
+        {"encoder property failed (-12)", "setProperty", 1, -12},
+        {"encoder property failed (-12)", "setProperty", 7, -12},
+        {"encoder preparation failed (-13)", "prepare", 1, -13},
+        {"no pixel buffer pool", "getPool", 1, -1},
+        {"RGBA conversion failed", "convert", 1, -1},
+        {"frame submission failed (-1)", "submit", 1, -1}}) {
     probe.restart();
     probe.failures->fail(call, nth, status);
     probe.connectClient();
@@ -70,7 +68,7 @@ TEST_F(Encode, FailuresEndTheRunWithTheirDescription) {
   }
 }
 
-TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
+TEST_F(Encode, EndsTheRunForAMissingOrMalformedSample) {
   const std::tuple<Status, std::shared_ptr<const EncodedSample>, const char*> cases[] = {
       {0, nullptr, "frame encoding failed (0)"},
       {-5, keySample(), "frame encoding failed (-5)"},
@@ -88,7 +86,7 @@ TEST_F(Encode, AMissingOrMalformedSampleIsFatal) {
   }
 }
 
-TEST_F(Encode, AFourthBufferOfAPoolIsRefused) {
+TEST_F(Encode, RefusesAFourthBufferOfAPool) {
   probe.connectClient();
   probe.feed(1);
   std::vector<std::shared_ptr<PixelBuffer>> held(2);
@@ -104,15 +102,13 @@ TEST(RawEncodingCompletion, RunsOnceWhenEveryTokenIsDone) {
   RawEncodingCompletion completion([&] { ++runs; });
   const int first = completion.begin();
   const int second = completion.begin();
-  completion.complete(first);
-  completion.complete(first);
-  completion.complete(0);
+  for (const int token : {first, first, 0}) completion.complete(token);
   EXPECT_EQ(runs, 0);
   completion.complete(second);
   EXPECT_EQ(runs, 1);
 }
 
-TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
+TEST(PictureSize, FitsThePreviewEvenlyAndNeverEnlarges) {
   using Case = std::tuple<PictureSize, PictureSize, bool, PictureSize>;
   for (const auto& [camera, preview, exact, expected] :
        {Case{{1918, 1080}, {1280, 720}, false, {1278, 720}},
@@ -123,13 +119,15 @@ TEST(PictureSize, PreviewFitsIsEvenAndNeverEnlarges) {
     EXPECT_EQ(previewEncodeSize(camera, preview, exact), expected) << camera.width;
 }
 
-TEST(PictureSize, AspectFitCentresThePicture) {
-  EXPECT_EQ(fitRectangle({1280, 720}, {1920, 1080}), (PictureRectangle{0, 0, {1920, 1080}}));
-  EXPECT_EQ(fitRectangle({1440, 1080}, {1920, 1080}), (PictureRectangle{240, 0, {1440, 1080}}));
-  EXPECT_EQ(fitRectangle({1920, 1080}, {640, 480}), (PictureRectangle{0, 60, {640, 360}}));
-  EXPECT_EQ(fitRectangle({1366, 768}, {640, 360}), (PictureRectangle{0, 0, {640, 360}}));
-  EXPECT_EQ(fitRectangle({1920, 2}, {640, 360}), (PictureRectangle{0, 179, {640, 1}}));
-  EXPECT_EQ(fitRectangle({1080, 1920}, {1080, 720}), (PictureRectangle{337, 0, {405, 720}}));
+TEST(PictureSize, CentresAPictureThatIsFitted) {
+  using Case = std::tuple<PictureSize, PictureSize, PictureRectangle>;
+  for (const auto& [camera, buffer, expected] :
+       {Case{{1280, 720}, {1920, 1080}, {0, 0, {1920, 1080}}},
+        {{1440, 1080}, {1920, 1080}, {240, 0, {1440, 1080}}},
+        {{1366, 768}, {640, 360}, {0, 0, {640, 360}}},
+        {{1920, 2}, {640, 360}, {0, 179, {640, 1}}},
+        {{1080, 1920}, {1080, 720}, {337, 0, {405, 720}}}})
+    EXPECT_EQ(fitRectangle(camera, buffer), expected) << camera.width;
 }
 
 }  // namespace

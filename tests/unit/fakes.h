@@ -18,52 +18,30 @@
 
 namespace lumora {
 
-// The calls of the fake machine that can be made to fail.
-enum class Call {
-  createSession,
-  setProperty,
-  prepare,
-  getPool,
-  createBuffer,
-  convert,
-  submit,
-  exists,
-  createWriter,
-  canAdd,
-  startWriting,
-  isReady,
-  append,
-  move,
-  writeOutput,
-  count
-};
-
-// Makes calls fail, one kind at a time: the same for the whole machine.
+// Makes calls of the whole fake machine fail, by name.
 class Failures {
  public:
   // The `nth` call from now on, counted from 1, answers `status`; so do `more` calls after it.
-  void fail(Call call, int nth = 1, int status = -1, int more = 0) {
+  void fail(const std::string& call, int nth = 1, int status = -1, int more = 0) {
     auto& answers = answers_[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
     answers.insert(answers.end(), static_cast<std::size_t>(more + 1), status);
   }
-  // Made by the fakes at every call: what it answers instead of doing its work, or 0.
-  int next(Call call) {
+  // Asked by the fakes at every call: what it answers instead of doing its work, or 0.
+  int next(const std::string& call) {
     auto& answers = answers_[call];
     if (answers.empty()) return 0;
     const int answer = answers.front();
     answers.pop_front();
     return answer;
   }
-  // Whether it has come to that.
-  bool hasHit(Call call) { return answers_[call].empty(); }
 
  private:
-  std::map<Call, std::deque<int>> answers_;  // of the next calls; those behind succeed
+  std::map<std::string, std::deque<int>> answers_;  // of the next calls; those behind succeed
 };
 
 struct CanFail {
   explicit CanFail(Failures& all) : failures(all) {}
-  int next(Call call) const { return failures.next(call); }
+  int next(const char* call) const { return failures.next(call); }
   Failures& failures;
 };
 
@@ -78,7 +56,7 @@ class ManualQueue final : public SerialQueue {
       work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
-  // Run what is due, all of it with what that enqueues or the next; whether there was anything.
+  // Runs what is due and what that enqueues, or only the next; whether there was anything.
   bool run() {
     const bool any = runNext();
     while (runNext()) continue;
@@ -113,11 +91,10 @@ struct FakeClock final : Clock {
   double now = 1000;
 };
 
-// The test keeps the flag.
 struct FakeSignal final : SignalSource {
-  explicit FakeSignal(std::shared_ptr<bool> flag) : cancelled(std::move(flag)) {}
-  void cancel() override { *cancelled = true; }
-  std::shared_ptr<bool> cancelled;
+  explicit FakeSignal(int& count) : cancelled(count) {}
+  void cancel() override { ++cancelled; }
+  int& cancelled;
 };
 
 struct FakeDispatch final : Dispatch {
@@ -145,14 +122,13 @@ struct FakeProcess final : Process, CanFail {
     return static_cast<ssize_t>(count);
   }
   ssize_t writeOutput(ByteView text) override {
-    if (const int error = next(Call::writeOutput); error != 0) return error;
+    if (const int error = next("writeOutput"); error != 0) return error;
     lines.emplace_back(text.begin(), text.end());
     return static_cast<ssize_t>(text.size());
   }
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override {
     signals[signal] = std::move(handler);
-    signalsCancelled[signal] = std::make_shared<bool>(false);
-    return std::make_unique<FakeSignal>(signalsCancelled[signal]);
+    return std::make_unique<FakeSignal>(signalsCancelled);
   }
   void exit(int code) override { exitCodes.push_back(code); }
   void armWatchdog(double seconds, int code) override {
@@ -160,7 +136,7 @@ struct FakeProcess final : Process, CanFail {
   }
   void rearmWatchdog(double seconds, int code) override { watchdog = {seconds, code}; }
 
-  // The events written so far, oldest first, of one type or of all; forgets them all.
+  // The events since the last look, oldest first, of one type or of all.
   std::vector<Json> takeEvents(const std::string& type = "") {
     std::vector<Json> events;
     for (const std::string& line : std::exchange(lines, {})) {
@@ -169,7 +145,7 @@ struct FakeProcess final : Process, CanFail {
     }
     return events;
   }
-  // The same where there is no more than one; an empty object where there is none.
+  // The one event of a type, or an empty object.
   Json takeEvent(const std::string& type) {
     const auto events = takeEvents(type);
     EXPECT_LE(events.size(), 1u) << type;
@@ -182,7 +158,7 @@ struct FakeProcess final : Process, CanFail {
   int interruptions = 0;        // reads that fail with EINTR first
   std::vector<std::string> lines;
   std::map<int, Work> signals;
-  std::map<int, std::shared_ptr<bool>> signalsCancelled;
+  int signalsCancelled = 0;
   std::vector<int> exitCodes;
   std::pair<double, int> watchdog;
 };
@@ -190,10 +166,7 @@ struct FakeProcess final : Process, CanFail {
 struct FakeConnection final : TcpConnection {
   void setEndHandler(EndHandler handler) override { endHandler = std::move(handler); }
   void start() override { started = true; }
-  void receive(std::size_t maximum, ReceiveHandler handler) override {
-    readLimit = maximum;
-    onReceive = std::move(handler);
-  }
+  void receive(std::size_t, ReceiveHandler handler) override { onReceive = std::move(handler); }
   void send(std::vector<SharedBytes> parts, SendHandler handler) override {
     Bytes whole;
     for (const SharedBytes& part : parts) whole.insert(whole.end(), part->begin(), part->end());
@@ -206,25 +179,26 @@ struct FakeConnection final : TcpConnection {
   // What the client sends; `complete` closes its side.
   void deliver(const std::string& text, bool complete = false) {
     const Bytes bytes(text.begin(), text.end());
-    const ReceiveHandler handler = std::exchange(onReceive, nullptr);
-    ASSERT_TRUE(handler) << "no read is armed";
-    handler(bytes, complete, {});
+    ASSERT_TRUE(onReceive) << "no read is armed";
+    std::exchange(onReceive, nullptr)(bytes, complete, {});
   }
   void finishSend(std::error_code error = {}) {
-    const SendHandler handler = std::exchange(onSent, nullptr);
-    ASSERT_TRUE(handler) << "no send is outstanding";
-    handler(error);
+    ASSERT_TRUE(onSent) << "no send is outstanding";
+    std::exchange(onSent, nullptr)(error);
   }
 
   EndHandler endHandler;
   ReceiveHandler onReceive;
   SendHandler onSent;
   std::vector<Bytes> sent;  // one entry per send
-  std::size_t readLimit = 0;
   bool started = false, cancelled = false, wasReset = false;
 };
 
-struct FakeListener final : TcpListener {
+// The network with its one listener.
+struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<FakeNetwork> {
+  std::shared_ptr<TcpListener> makeListener(const std::string&, std::uint16_t) override {
+    return shared_from_this();
+  }
   void setStateHandler(StateHandler handler) override { changed = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
   void start() override { started = true; }
@@ -238,47 +212,25 @@ struct FakeListener final : TcpListener {
   bool started = false, accepts = false, cancelled = false;
 };
 
-struct FakeNetwork final : Network {
-  std::shared_ptr<TcpListener> makeListener(const std::string&, std::uint16_t) override {
-    return listener;
-  }
-  std::shared_ptr<FakeListener> listener = std::make_shared<FakeListener>();
-};
-
-struct FakePool final : PixelBufferPool, CanFail {
-  FakePool(int width, int height, Failures& all)
-      : CanFail(all), buffers(width, height, PicturePool::make()) {}
-  Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override {
-    const Status status = next(Call::createBuffer);
-    return status != 0 ? status : buffers.create(threshold, buffer);
-  }
-  Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner, int threshold,
-              std::shared_ptr<PixelBuffer>& buffer) override {
-    const Status status = next(Call::createBuffer);
-    return status != 0 ? status : buffers.wrap(picture, std::move(owner), threshold, buffer);
-  }
-  MemoryPixelBufferPool buffers;
-};
-
 using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, forced
 
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
-      : CanFail(all), pool(width, height, all), size{width, height}, kind(use) {}
+      : CanFail(all), pool(width, height, PicturePool::make()), size{width, height}, kind(use) {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
-    return next(Call::setProperty);
+    return next("setProperty");
   }
-  Status prepareToEncodeFrames() override { return next(Call::prepare); }
-  PixelBufferPool* pixelBufferPool() override { return next(Call::getPool) == 0 ? &pool : nullptr; }
+  Status prepareToEncodeFrames() override { return next("prepare"); }
+  PixelBufferPool* pixelBufferPool() override { return next("getPool") == 0 ? &pool : nullptr; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time, FrameProperties frame,
                      OutputHandler handler) override {
     submitted.emplace_back(time.value, frame.forceKeyFrame);
-    const Status status = next(Call::submit);
+    const Status status = next("submit");
     if (status == 0) pending.emplace_back(std::move(buffer), std::move(handler));
     return status;
   }
-  void completeFrames() override { ++flushes; }
+  void completeFrames() override { onFlush(); }
   void invalidate() override { invalidated = true; }
 
   void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0) {
@@ -288,13 +240,14 @@ struct FakeSession : CompressionSession, CanFail {
     handler(status, flags, std::move(sample));
   }
 
-  FakePool pool;
+  MemoryPixelBufferPool pool;
   PictureSize size;
   SessionKind kind;
   std::map<SessionProperty, PropertyValue> properties;
   std::deque<std::pair<std::shared_ptr<PixelBuffer>, OutputHandler>> pending;
   Submitted submitted;
   int flushes = 0;
+  Work onFlush = [this] { ++flushes; };
   bool invalidated = false;
 };
 
@@ -302,7 +255,7 @@ struct FakeEncoders final : Encoders, CanFail {
   using CanFail::CanFail;
   Status createSession(SessionKind kind, int width, int height, const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
-    const Status status = next(Call::createSession);
+    const Status status = next("createSession");
     if (status == 0)
       session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures, kind));
     return status;
@@ -324,23 +277,23 @@ struct FakeImages final : ImageConverter, CanFail {
   using CanFail::CanFail;
   bool convert(const ImageView& from, const MutableImageView&) override {
     lastByte = from.pixels[from.height * from.stride - 1];  // it has to be there
-    return next(Call::convert) == 0;
+    return next("convert") == 0;
   }
   volatile std::uint8_t lastByte = 0;
 };
 
 struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
-  bool canAdd(const FormatDescription&) const override { return next(Call::canAdd) == 0; }
+  bool canAdd(const FormatDescription&) const override { return next("canAdd") == 0; }
   bool startWriting(std::shared_ptr<const FormatDescription>) override {
-    if (next(Call::startWriting) == 0) state = WriterStatus::writing;
+    if (next("startWriting") == 0) state = WriterStatus::writing;
     return state == WriterStatus::writing;
   }
   WriterStatus status() const override { return state; }
   std::optional<std::string> error() const override { return problem; }
-  bool isReadyForMoreMediaData() const override { return next(Call::isReady) == 0; }
+  bool isReadyForMoreMediaData() const override { return next("isReady") == 0; }
   bool append(const EncodedSample&, bool, MovieTiming timing) override {
-    if (next(Call::append) != 0) return false;
+    if (next("append") != 0) return false;
     timings.emplace_back(timing.time, timing.duration);
     return true;
   }
@@ -364,7 +317,7 @@ struct FakeWriter final : MovieWriter, CanFail {
 struct FakeMovies final : Movies, CanFail {
   using CanFail::CanFail;
   std::shared_ptr<MovieWriter> createWriter(const std::string&, std::string& error) override {
-    if (next(Call::createWriter) != 0) {
+    if (next("createWriter") != 0) {
       error = problem.value_or("Permission denied");
       return nullptr;
     }
@@ -378,9 +331,9 @@ struct FakeMovies final : Movies, CanFail {
 
 struct FakeFiles final : FileManager, CanFail {
   using CanFail::CanFail;
-  bool isNameUsed(const std::string&) const override { return next(Call::exists) != 0; }
+  bool isNameUsed(const std::string&) const override { return next("exists") != 0; }
   bool move(const std::string& from, const std::string& to) override {
-    if (next(Call::move) != 0) return false;
+    if (next("move") != 0) return false;
     moves.emplace_back(from, to);
     return true;
   }

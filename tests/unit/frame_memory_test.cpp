@@ -12,7 +12,6 @@
 #include "client/records.h"
 #include "input/record_header.h"
 #include "system/inherited_frame_memory.h"
-#include "system/release_order.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
@@ -53,20 +52,15 @@ TEST(FrameMemory, MapsTwoPagesOrMoreOfWritableMemoryThatNobodyCanShrink) {
   dup2(input.get(), STDIN_FILENO);
 }
 
-TEST(RecordHeader, OffsetsAreWholePagesInsideTheMemory) {
-  const auto valid = [](std::uint64_t offset, std::uint32_t bytes) {
-    return isValidOffset(offset, bytes, 4 * page);
+TEST(RecordHeader, TakesOffsetsOfWholePagesInsideTheMemory) {
+  const auto isValid = [](std::uint64_t at, std::uint32_t bytes) {
+    return isValidOffset(at, bytes, 4 * page);
   };
-  EXPECT_TRUE(valid(page, 3 * page) && valid(3 * page, page));
-  using Place = std::pair<std::uint64_t, std::uint32_t>;
-  for (const auto& [offset, bytes] : {Place{0, 16},
-                                      {page - 1, 16},
-                                      {page + 8, 16},
-                                      {page, 3 * page + 16},
-                                      {4 * page, 16},
-                                      {page, 5 * page},
-                                      {0xFFFFFFFFFFFFF000, 8 * page}})
-    EXPECT_FALSE(valid(offset, bytes)) << offset << " " << bytes;
+  EXPECT_TRUE(isValid(page, 3 * page) && isValid(3 * page, page));
+  for (const auto at : {0 * page, page - 1, page + 8, 4 * page})
+    EXPECT_FALSE(isValid(at, 16)) << at;
+  EXPECT_FALSE(isValid(page, 3 * page + 16) || isValid(page, 5 * page));
+  EXPECT_FALSE(isValid(0xFFFFFFFFFFFFF000, 8 * page));
 }
 
 TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
@@ -79,34 +73,29 @@ TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
   EXPECT_EQ(order.end(9), 12u);
 }
 
-// Or a system without memory would end the application where it touches it.
-TEST(FrameSlots, AreReservedBeforeTheyAreLent) {
-  const auto slots = client::FrameSlots::makeShared();
-  const auto frame = slots->acquire({1920, 1080});
-  struct stat made {};
-  ASSERT_EQ(fstat(slots->descriptor(), &made), 0);
-  EXPECT_GE(made.st_blocks * 512, 1920 * 1080 * 4);
+std::vector<client::Frame> acquireAll(client::FrameSlots& from, client::FrameSize size = {64, 64}) {
+  std::vector<client::Frame> all;
+  while (auto frame = from.acquire(size)) all.push_back(*std::move(frame));
+  return all;
 }
 
-TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
+TEST(FrameSlots, LendsASlotAgainOnceTheHelperHasReleasedIt) {
   const auto slots = client::FrameSlots::makeShared();
   EXPECT_FALSE(slots->isShared());
   say(slots->descriptor(), 0);
   EXPECT_TRUE(slots->isShared());
-  const auto acquireAll = [](client::FrameSlots& of) {
-    std::vector<std::optional<client::Frame>> all;
-    while (auto frame = of.acquire({64, 64})) all.push_back(std::move(frame));
-    return all;
-  };
-  // What a child process writes needs no child here.
   client::ChildProcess helper({"/bin/cat", "", {}, {}, slots->descriptor()});
-  for (std::uint64_t id = 1; const auto& frame : acquireAll(*slots))
-    EXPECT_TRUE(helper.writeFrame(*frame, id++));
+  for (std::uint64_t id = 1; const auto& frame : acquireAll(*slots, {1920, 1080}))
+    EXPECT_TRUE(helper.writeFrame(frame, id++));
+  // Without memory that is reserved, a touch would end the application.
+  struct stat made {};
+  ASSERT_EQ(fstat(slots->descriptor(), &made), 0);
+  EXPECT_GE(made.st_blocks * 512, 4 * 1920 * 1080 * 4);
   EXPECT_EQ(acquireAll(*slots).size(), 0u);
   say(slots->descriptor(), 2);
   EXPECT_EQ(acquireAll(*slots).size(), 2u);
   EXPECT_EQ(acquireAll(*slots).size(), 2u);  // given back unpublished
-  // Those of another helper go through the pipe.
+  // Pixels in the slots of another helper go through the pipe.
   const auto others = client::FrameSlots::makeShared();
   say(others->descriptor(), 0);
   EXPECT_TRUE(helper.writeFrame(*others->acquire({2, 2}), 9));
@@ -114,8 +103,12 @@ TEST(FrameSlots, AreFreeOnceTheHelperHasSaidSo) {
 }
 
 // The service with a parent that shares memory.
-struct SharedFramesTest : testing::Test {
-  void SetUp() override { probe.becomeReady(); }
+struct SharedFrames : testing::Test {
+  void restart() {
+    probe = VideoEncoderProbe({.token = "0123456789abcdef"}, inherit(memory));
+    probe.becomeReady();
+    EXPECT_EQ(released(), 0u);
+  }
   void putFrame(std::uint64_t id, std::uint64_t offset, client::FrameSize size = {32, 32}) {
     probe.put(client::frameReference(size, id, offset));
   }
@@ -126,44 +119,32 @@ struct SharedFramesTest : testing::Test {
   }
 
   const client::Descriptor memory = makeMemory(4 * page, seal);
-  VideoEncoderProbe probe{Configuration{.token = "0123456789abcdef"}, inherit(memory)};
+  VideoEncoderProbe probe;
 };
 
-TEST_F(SharedFramesTest, EndForOffsetsOutside) {
-  EXPECT_EQ(released(), 0u);
-  putFrame(7, 3 * page);  // nobody needs it
-  putFrame(8, 0);
-  EXPECT_EQ(probe.readAll(), "invalid raw frame header");
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
-  EXPECT_EQ(released(), 7u);
-  EXPECT_EQ(probe.statistics()["dropped_raw"], 1);
+// Among frames of pixels, with which they share growing ids.
+TEST_F(SharedFrames, EndTheRunForABrokenRecord) {
+  using Case = std::tuple<client::FrameSize, std::uint64_t, std::uint64_t, std::size_t>;
+  for (const auto& [size, id, offset, bytes] : {Case{{32, 32}, 9, 0, 24},
+                                                {{32, 31}, 9, page, 24},
+                                                {{32, 32}, 8, page, 24},
+                                                {{32, 32}, 9, page, 23}}) {
+    restart();
+    putFrame(7, 3 * page);  // nobody needs it
+    probe.put(client::frameHeader({2, 2}, 8));
+    probe.put(Bytes(16));
+    putFrame(id, offset, size);
+    probe.process->input.resize(24 + 32 + bytes);
+    EXPECT_EQ(probe.readAll(), bytes < 24 ? "truncated raw frame" : "invalid raw frame header");
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+    EXPECT_EQ(released(), 7u);
+    EXPECT_EQ(probe.statistics()["dropped_raw"], 2);
+  }
 }
 
-TEST_F(SharedFramesTest, EndForAnOffsetCutShort) {
-  putFrame(7, page);
-  probe.process->input.pop_back();
-  EXPECT_EQ(probe.readAll(), "truncated raw frame");
-}
-
-TEST_F(SharedFramesTest, EndForAHeaderThatBreaksTheOtherRules) {
-  putFrame(7, page, {32, 31});
-  EXPECT_EQ(probe.readAll(), "invalid raw frame header");
-}
-
-// Ids go on across frames of both kinds.
-TEST_F(SharedFramesTest, GoTogetherWithPixelsAndCommands) {
-  putFrame(7, page);
-  probe.put(client::frameHeader({2, 2}, 8));
-  probe.put(Bytes(16));
-  probe.put(client::commandRecord(R"({"type":"x","id":")" + takeID + "\"}"));
-  putFrame(9, 2 * page);
-  EXPECT_EQ(probe.readAll(), "unknown recording command");
-  EXPECT_EQ(released(), 9u);
-  EXPECT_EQ(probe.statistics()["dropped_raw"], 3);
-}
-
-// A take and a client at once; the one session takes the picture where it lies, the other its own.
-TEST_F(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
+// A take and a client at once: one session takes the picture where it lies, the other converts it.
+TEST_F(SharedFrames, AreReleasedOnceBothSessionsHaveReadThem) {
+  restart();
   const auto client = probe.connectClient();
   probe.command({{"type", "record_start"}, {"id", takeID}, {"path", takePath}});
   const Bytes pixels(page, 77);
@@ -184,11 +165,6 @@ TEST_F(SharedFramesTest, BelongToTheHelperUntilTheLastHasReadThem) {
   for (const auto& each : probe.encoders->sessions) each->answer(0, keySample());
   probe.run();
   expectKeys(probe.statistics(), {{"encode_inflight", 0}});
-}
-
-TEST_F(ServiceTest, FramesInMemoryAreUnknownUnlessAskedFor) {
-  probe.put(client::frameReference({32, 32}, 7, page));
-  EXPECT_EQ(probe.readAll(), "invalid raw frame header");
 }
 
 }  // namespace

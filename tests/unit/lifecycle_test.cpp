@@ -14,19 +14,19 @@
 namespace lumora {
 namespace {
 
-TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
+TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedThenReads) {
   const auto width = [](int pixels) { return testing::Field(&EncoderSettings::width, pixels); };
   VideoEncoderProbe probe;
   probe.service->start();
-  EXPECT_TRUE(probe.network->listener->started);
+  EXPECT_TRUE(probe.network->started);
   EXPECT_THAT(probe.encoders->wanted, testing::ElementsAre(width(640), width(1080)));
-  probe.network->listener->changed(ListenerState::ready);
-  EXPECT_TRUE(probe.process->lines.empty());  // the encoders are still opening
-  EXPECT_FALSE(probe.network->listener->accepts);
+  probe.network->changed(ListenerState::ready);
+  EXPECT_TRUE(probe.process->lines.empty());
+  EXPECT_FALSE(probe.network->accepts);
   EXPECT_TRUE(probe.encoders->warm.empty());
   probe.encoders->prepared();
   EXPECT_THAT(probe.encoders->warm, testing::ElementsAre(width(1080), width(1920)));
-  EXPECT_TRUE(probe.network->listener->accepts);
+  EXPECT_TRUE(probe.network->accepts);
   ASSERT_GE(probe.process->lines.size(), 2u);
   EXPECT_EQ(probe.process->lines[0],
             R"({"port":4711,"recording_hd":true,"recording_height":720,"recording_mirror":true,)"
@@ -39,11 +39,11 @@ TEST(Lifecycle, ReportsReadyThenStatisticsThenReads) {
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
 }
 
-TEST(Lifecycle, WaitsHalfASecondForTheEncodersUnlessItIsStopped) {
+TEST(Lifecycle, WaitsHalfASecondForItsEncodersUnlessItIsStopped) {
   for (const bool stopped : {false, true}) {
     VideoEncoderProbe probe;
     probe.service->start();
-    probe.network->listener->changed(ListenerState::ready);
+    probe.network->changed(ListenerState::ready);
     probe.clock->now += 0.499;
     probe.run();
     EXPECT_TRUE(probe.process->lines.empty());
@@ -55,31 +55,33 @@ TEST(Lifecycle, WaitsHalfASecondForTheEncodersUnlessItIsStopped) {
   }
 }
 
-TEST(Lifecycle, AListenerWithoutAPortEndsWithOne) {
-  VideoEncoderProbe probe;
-  probe.network->listener->boundPort = 0;
-  probe.service->start();
-  probe.network->listener->changed(ListenerState::ready);
-  EXPECT_EQ(probe.error(), "listener has no port");
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+TEST(Lifecycle, EndsWithOneWhenItCannotListen) {
+  for (const auto& [state, message] : {std::pair{ListenerState::ready, "listener has no port"},
+                                       {ListenerState::failed, "video listener failed"}}) {
+    VideoEncoderProbe probe;
+    probe.network->boundPort = 0;
+    probe.service->start();
+    probe.network->changed(state);
+    EXPECT_EQ(probe.error(), message);
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+  }
 }
 
 using ReadyLifecycle = ServiceTest;
 
-TEST_F(ReadyLifecycle, ASignalTearsEverythingDownOnce) {
+TEST_F(ReadyLifecycle, ClosesEverythingOnceForASignal) {
   const auto client = probe.connectClient();
   probe.feed(1);
   probe.process->takeEvents();
   probe.signal(SIGTERM);
   probe.signal(SIGINT);
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
-  EXPECT_TRUE(probe.network->listener->cancelled);
-  for (const auto& [number, cancelled] : probe.process->signalsCancelled) EXPECT_TRUE(*cancelled);
+  EXPECT_EQ(probe.process->signalsCancelled, 3);
+  EXPECT_TRUE(probe.network->cancelled);
   EXPECT_TRUE(client->cancelled);
   EXPECT_EQ(probe.lastSession().flushes, 1);
   EXPECT_TRUE(probe.lastSession().invalidated);
   // Whatever arrives afterwards changes nothing.
-  probe.network->listener->changed(ListenerState::failed);
+  probe.network->changed(ListenerState::failed);
   probe.tick();
   EXPECT_FALSE(probe.queue->tick);
   EXPECT_TRUE(probe.connect()->cancelled);
@@ -90,19 +92,35 @@ TEST_F(ReadyLifecycle, ASignalTearsEverythingDownOnce) {
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
-TEST_F(ReadyLifecycle, AFullOutputLosesALineAndABrokenOneEndsTheRun) {
-  probe.failures->fail(Call::writeOutput, 1, -EAGAIN);
+TEST_F(ReadyLifecycle, DropsALineForAFullOutputAndEndsForABrokenOne) {
+  probe.connectClient();
+  probe.feed(1);
+  probe.process->takeEvents();
+  probe.failures->fail("writeOutput", 1, -EAGAIN);
   (*probe).emitStats(true);
   EXPECT_TRUE(probe.process->lines.empty());
   EXPECT_TRUE(probe.process->exitCodes.empty());
-  probe.failures->fail(Call::writeOutput, 2, -EPIPE, /*more=*/9);
+  probe.failures->fail("writeOutput", 2, -EPIPE, /*more=*/9);
   (*probe).emitStats(true);
   EXPECT_EQ(probe.process->lines.size(), 1u);
+  // The watchdog is armed before a session is waited for, which may hang.
+  probe.lastSession().onFlush = [&] { EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 0})); };
   (*probe).emitStats(true);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
-TEST(Statistics, AtMostOneASecondUnlessForced) {
+TEST_F(ReadyLifecycle, EndsWithOneForAnExceptionOnTheReaderOrTheStateQueue) {
+  const Work failing = [] { throw std::bad_alloc(); };
+  for (const bool reads : {true, false}) {
+    probe.restart();
+    if (reads) probe.process->beforeRead = failing;
+    if (!reads) probe.queue->async(failing);
+    EXPECT_EQ(probe.readAll(), "Cannot allocate memory");
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+  }
+}
+
+TEST(Statistics, AreReportedOnceASecondUnlessForced) {
   VideoEncoderProbe probe;
   const auto report = [&probe](double later, bool forced) {
     probe.clock->now += later;
@@ -118,49 +136,28 @@ TEST(Statistics, AtMostOneASecondUnlessForced) {
   EXPECT_EQ(report(0.2, false).size(), 25u);
 }
 
-// An encoder that hangs, behind a service on the real queue and in a real process.
-struct HangingSession : FakeSession {
-  using FakeSession::FakeSession;
-  void completeFrames() override {
-    std::fputs("flushing", stderr);
-    pause();
-  }
-};
-
-TEST(HangDeathTest, AShutdownEndsTheProcessWithItsCodeAllTheSame) {
-  const auto hang = [](bool flushing) {
+TEST(WatchdogDeathTest, EndsTheProcessWithTheCodeThatWasDecided) {
+  const auto arm = [](const std::vector<std::tuple<bool, double, int>>& all) {
+    PosixProcess process;
+    for (const auto& [replaces, seconds, code] : all)
+      replaces ? process.rearmWatchdog(seconds, code) : process.armWatchdog(seconds, code);
+    for (;;) pause();
+  };
+  const auto hang = [] {
     const Platform platform = makeSystemPlatform("software");
     const auto service = std::make_shared<VideoEncoder>(Configuration(), platform);
-    Failures none;
-    VideoEncoderProbe::setSession(*service, std::make_shared<HangingSession>(2, 2, none));
     platform.stateQueue->async([&] {
       service->start();
-      if (flushing) return service->shutdown(7);
       raise(SIGTERM);
       std::fputs("asked for", stderr);
-      pause();
+      pause();  // the state queue stands still
     });
     for (;;) pause();
   };
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
-  EXPECT_EXIT(hang(true), testing::ExitedWithCode(7), "flushing");
-  EXPECT_EXIT(hang(false), testing::ExitedWithCode(0), "asked for");
-  const auto askTwice = [] {
-    PosixProcess process;
-    process.armWatchdog(0.1, 7);
-    process.armWatchdog(60, 3);
-    for (;;) pause();
-  };
-  EXPECT_EXIT(askTwice(), testing::ExitedWithCode(7), "");
-  const auto decide = [](bool isAsked) {
-    PosixProcess process;
-    if (isAsked) process.armWatchdog(60, 3);
-    process.rearmWatchdog(0.1, 7);
-    process.armWatchdog(60, 3);
-    for (;;) pause();
-  };
-  EXPECT_EXIT(decide(true), testing::ExitedWithCode(7), "");
-  EXPECT_EXIT(decide(false), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(arm({{false, 0.1, 7}, {false, 60, 3}}), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(arm({{true, 60, 3}, {true, 0.1, 7}, {false, 60, 3}}), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "asked for");
 }
 
 struct PipedInput {
@@ -174,20 +171,17 @@ struct PipedInput {
   int ends[2] = {-1, -1};
 };
 
-TEST(SystemProcess, EnlargesAPipeAndNeverShrinksIt) {
+TEST(PosixProcess, EnlargesAPipeAndNeverShrinksIt) {
   for (const auto& [before, after] : {std::pair{1 << 16, 1 << 20}, {1 << 21, 1 << 21}}) {
     const PipedInput input;
     // More than a megabyte takes a privilege.
-    if (fcntl(input.ends[0], F_SETPIPE_SZ, before) != before) {
-      std::puts("not tested: a pipe that is larger already");
-      continue;
-    }
+    if (fcntl(input.ends[0], F_SETPIPE_SZ, before) != before) continue;
     const PosixProcess process;
     EXPECT_EQ(fcntl(input.ends[0], F_GETPIPE_SZ), after);
   }
 }
 
-TEST(SystemProcess, WaitsForInputThatDoesNotBlock) {
+TEST(PosixProcess, WaitsForInputThatDoesNotBlock) {
   PipedInput input;
   fcntl(input.ends[0], F_SETFL, O_NONBLOCK);
   PosixProcess process;

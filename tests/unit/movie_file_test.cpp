@@ -1,18 +1,13 @@
 // The movie writer's files, read back by libavformat: whole, cut off anywhere, on disks that fail.
 
-extern "C" {
-#include <libavformat/avformat.h>
-}
-
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <condition_variable>
-#include <fstream>
 #include <future>
 #include <numeric>
 #include <thread>
 
+#include "base/big_endian.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
@@ -20,16 +15,16 @@ extern "C" {
 namespace lumora {
 namespace {
 
-// A disk in memory that can be told to fail or to hang.
+// A disk in memory that can be told to fail or to hang. Of a large write it keeps only the size.
 struct Disk {
   std::mutex mutex;
   std::condition_variable changed;
   Bytes bytes;
+  std::size_t size = 0, largeWriteAt = 0;
   int failAfter = -1;  // calls that still succeed; negative: all
   int calls = 0;
-  bool hangs = false, closed = false;
-  std::uint64_t free = std::uint64_t{1} << 30;  // bytes that anybody may have
-  std::uint64_t reserved = 0;
+  bool hangs = false, isFull = false, closed = false;
+  std::uint64_t reserved = 0;  // bytes, which also a full disk takes
 
   int call(const std::function<void()>& effect) {
     std::unique_lock hold(mutex);
@@ -59,17 +54,18 @@ struct DiskSink final : ByteSink {
   ~DiskSink() override { disk->set(disk->closed, true); }
   int reserve(std::uint64_t bytes) override {
     const std::lock_guard hold(disk->mutex);
-    const std::uint64_t more = std::max(bytes, disk->reserved) - disk->reserved;
-    if (more > disk->free) return ENOSPC;
-    disk->free -= more;
-    disk->reserved += more;
+    if (disk->isFull && bytes > disk->reserved) return ENOSPC;
+    disk->reserved = std::max(disk->reserved, bytes);
     return 0;
   }
   void releaseRoom() override { disk->reserved = 0; }
   int write(ByteView bytes) override {
     if (const int error = reserve(bytes.size()); error != 0) return error;
     return disk->call([&] {
-      disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end());
+      const bool isLarge = bytes.size() >= 8 << 20;
+      if (isLarge) disk->largeWriteAt = disk->size;
+      if (!isLarge) disk->bytes.insert(disk->bytes.end(), bytes.begin(), bytes.end());
+      disk->size += bytes.size();
       disk->reserved -= bytes.size();
     });
   }
@@ -82,31 +78,27 @@ struct DiskSink final : ByteSink {
   std::shared_ptr<Disk> disk;
 };
 
-void finishMovie(HybridMovieWriter& writer, std::int64_t end) {
-  std::promise<void> done;
-  writer.finishWriting(end, [&] { done.set_value(); });
-  done.get_future().wait();
-}
-
 struct Written {
-  explicit Written(std::shared_ptr<Disk> on = std::make_shared<Disk>())
-      : disk(std::move(on)), writer(std::make_unique<DiskSink>(disk), 3'800'000'000) {
-    EXPECT_TRUE(writer.startWriting(keySample()->format()));
+  explicit Written(int failAfter = -1) {
+    disk->failAfter = failAfter;
+    writer.startWriting(keySample()->format());
   }
   bool append(std::size_t size, bool keyframe, MovieTiming timing) {
     const auto sample = keyframe ? keySample(size - 4) : deltaSample(size - 4);
     return writer.append(*sample, keyframe, timing);
   }
-  // `count` samples of 1000 units each, a key frame every 30.
-  void fill(int count, std::size_t size = 20) {
-    for (int i = 0; i < count; ++i) ASSERT_TRUE(append(size, i % 30 == 0, {i * 1000, 1000}));
+  // `count` samples of 20 bytes and 1000 units each, a key frame every 30.
+  void fill(int count) {
+    for (int i = 0; i < count; ++i) append(20, i % 30 == 0, {i * 1000, 1000});
   }
   WriterStatus finish(std::int64_t end) {
-    finishMovie(writer, end);
+    std::promise<void> done;
+    writer.finishWriting(end, [&] { done.set_value(); });
+    done.get_future().wait();
     return writer.status();
   }
-  std::shared_ptr<Disk> disk;
-  HybridMovieWriter writer;
+  std::shared_ptr<Disk> disk = std::make_shared<Disk>();
+  HybridMovieWriter writer{std::make_unique<DiskSink>(disk), 3'800'000'000};
 };
 
 struct Fragment {
@@ -122,7 +114,7 @@ std::vector<Fragment> findFragments(const Bytes& bytes) {
   std::vector<Fragment> fragments;
   const std::string_view text = asText(bytes);
   for (auto at = text.find("moof"); at != text.npos; at = text.find("moof", at + 4))
-    fragments.push_back({at - 4, std::size_t{bytes[at - 2]} * 256 + bytes[at - 1]});
+    fragments.push_back({at - 4, integerBE<std::uint32_t>(bytes, at - 4)});
   return fragments;
 }
 
@@ -141,20 +133,17 @@ TEST(MovieFile, LastsExactlyToItsEnd) {
     EXPECT_EQ(read.durations.back(), last);
     EXPECT_EQ(std::accumulate(read.durations.begin(), read.durations.end(), std::int64_t{0}), end);
     EXPECT_EQ(read.keyframes, static_cast<int>((samples + 29) / 30));
-    // Players also rely on the length of the table: nothing but samples that there are.
+    // Players also rely on the length of the table of key frames.
     const Bytes& bytes = movie.disk->bytes;
     EXPECT_EQ(bytes.at(asText(bytes).find("stss") + 11), (samples + 29) / 30);
   }
+  Written empty;
+  empty.fill(3);
+  EXPECT_EQ(empty.finish(0), WriterStatus::failed);
+  EXPECT_NE(empty.writer.error(), std::nullopt);
 }
 
-TEST(MovieFile, AMovieWithoutASampleFails) {
-  Written movie;
-  movie.fill(3);
-  EXPECT_EQ(movie.finish(0), WriterStatus::failed);
-  EXPECT_NE(movie.writer.error(), std::nullopt);
-}
-
-TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
+TEST(MovieFile, PlaysWhereverItIsCutOff) {
   Written movie;
   movie.fill(91);
   movie.finish(91000);
@@ -164,11 +153,12 @@ TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
   const auto fragments = findFragments(bytes);
   ASSERT_EQ(fragments.size(), 4u);
+  // libavformat refuses every file that ends inside a `moof`, from the track's header on. No crash
+  // leaves one, since none is cut by the end of a sector.
+  for (const auto& [at, size] : fragments) EXPECT_EQ(at / 512, (at + size - 1) / 512);
   const Fragment last = fragments[2];
   const std::size_t end = fragments[3].offset;
   for (std::size_t cut = last.offset; cut < end; ++cut) {
-    // libavformat refuses every file that ends inside a `moof`, from the track's header on. No
-    // crash leaves one: see the next test.
     if (cut >= last.offset + 40 && cut < last.offset + last.size) continue;
     const MovieContents read = readMovie(ByteView(bytes).first(cut));
     ASSERT_TRUE(read.opened) << cut;
@@ -178,21 +168,7 @@ TEST(MovieFile, IsPlayableWhereverItIsCutOff) {
   EXPECT_EQ(readMovie(ByteView(bytes).first(end)).times.size(), 90u);
 }
 
-TEST(MovieFile, BoundariesOfPagesAndSectorsNeverCutAFragmentsHead) {
-  for (std::size_t size = 40; size < 240; size += 3) {
-    Written movie;
-    movie.fill(400, size);
-    movie.finish(400000);
-    const Bytes& bytes = movie.disk->bytes;
-    for (const auto& [start, length] : findFragments(bytes)) {
-      const std::size_t block = length <= 512 ? 512 : 4096;
-      EXPECT_EQ(start / block, (start + length - 1) / block) << size;
-    }
-    EXPECT_EQ(readMovie(bytes).times.size(), 400u) << size;
-  }
-}
-
-TEST(MovieFile, AHeadIsMovedOnlyWhenItsSectorOrPageWouldCutIt) {
+TEST(MovieFile, MovesAHeadOnlyWhenItsSectorOrPageWouldCutIt) {
   for (std::size_t count = 20; count < 60; ++count) {
     const std::vector<MovieSample> samples(count, {100, 1000, false});
     const std::size_t size = fragmentStart(0, 1, 0, samples).size() - 8;  // without that of `mdat`
@@ -207,11 +183,19 @@ TEST(MovieFile, AHeadIsMovedOnlyWhenItsSectorOrPageWouldCutIt) {
   }
 }
 
-TEST(MovieFile, EveryFailingCallIsReportedInWords) {
+TEST(MovieFile, TakesFormatsThatItsBoxesCanHold) {
+  const auto isTaken = [](std::size_t sequence, std::size_t picture, int width, int height) {
+    return Written().writer.canAdd(
+        MemoryFormatDescription(Bytes(sequence), Bytes(picture), width, height, {}));
+  };
+  EXPECT_TRUE(isTaken(4, 1, 65535, 1) && isTaken(65535, 65535, 1, 65535));
+  EXPECT_FALSE(isTaken(3, 1, 2, 2) || isTaken(65536, 1, 2, 2) || isTaken(4, 0, 2, 2));
+  EXPECT_FALSE(isTaken(4, 1, 0, 2) || isTaken(4, 1, 65536, 2) || isTaken(4, 1, 2, 0));
+}
+
+TEST(MovieFile, ReportsEachFailingCallInWords) {
   for (int failAfter = 0; failAfter <= 16; ++failAfter) {
-    const auto disk = std::make_shared<Disk>();
-    disk->failAfter = failAfter;
-    Written movie(disk);
+    Written movie(failAfter);
     for (int i = 0; i < 61; ++i) movie.append(20, i == 0, {i * 1000, 1000});
     // The start and three fragments 3 calls each, the end 4.
     const bool fails = failAfter < 16;
@@ -220,17 +204,7 @@ TEST(MovieFile, EveryFailingCallIsReportedInWords) {
   }
 }
 
-TEST(MovieFile, AFailedMovieLetsGoOfItsFile) {
-  const auto disk = std::make_shared<Disk>();
-  disk->failAfter = 0;
-  {
-    Written movie(disk);
-    while (!movie.writer.error()) std::this_thread::yield();
-  }
-  EXPECT_TRUE(disk->waitFor(disk->closed, true));
-}
-
-TEST(MovieFile, ADiskThatIsFullAtTheEndStillTakesTheTables) {
+TEST(MovieFile, StillTakesItsTablesWhenTheDiskIsFull) {
   for (const int samples : {30, 3000}) {
     Written movie;
     for (int i = 0; i < samples; ++i) {
@@ -239,94 +213,64 @@ TEST(MovieFile, ADiskThatIsFullAtTheEndStillTakesTheTables) {
     }
     // The start of the file and every full fragment, 3 calls each, wait for nothing else.
     ASSERT_TRUE(movie.disk->waitFor(movie.disk->calls, 3 + samples / 10));
-    movie.disk->set(movie.disk->free, 0);
+    movie.disk->set(movie.disk->isFull, true);
     EXPECT_EQ(movie.finish(samples * 1000), WriterStatus::completed) << samples;
     EXPECT_EQ(movie.disk->reserved, 0u);
   }
 }
 
-// A finish whose handler is the last to know the writer: it goes on the disk's own thread.
-TEST(MovieFile, ItsOwnThreadMayBeTheLastToHoldIt) {
-  const auto disk = std::make_shared<Disk>();
-  auto movie = std::make_shared<Written>(disk);
+// The handler of a finish may hold the last reference to the writer. It runs on the disk's thread.
+TEST(MovieFile, MayEndOnItsOwnThread) {
+  auto movie = std::make_shared<Written>();
+  const auto disk = movie->disk;
   movie->fill(1);
-  std::promise<void> gone;
-  std::shared_ptr<void> guard(nullptr, [&](void*) { gone.set_value(); });
   disk->set(disk->hangs, true);
-  movie->writer.finishWriting(1000, [movie, guard] {});
+  movie->writer.finishWriting(1000, [movie] {});
+  const std::weak_ptr<Written> gone = movie;
   movie.reset();
-  guard.reset();
   disk->set(disk->hangs, false);
-  EXPECT_EQ(gone.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   EXPECT_TRUE(disk->waitFor(disk->closed, true));
+  EXPECT_TRUE(gone.expired());
 }
 
-// Counts what it is given and keeps only what is small: heads and tables, on a sparse file.
-struct SparseSink final : ByteSink {
-  explicit SparseSink(const std::string& path) : file(path, std::ios::binary) {}
-  int reserve(std::uint64_t) override { return 0; }
-  void releaseRoom() override {}
-  int write(ByteView bytes) override {
-    const std::uint64_t offset = std::exchange(size, size + bytes.size());
-    return bytes.size() < 1 << 22 ? overwrite(offset, bytes) : 0;
-  }
-  int overwrite(std::uint64_t offset, ByteView bytes) override {
-    file.seekp(static_cast<std::streamoff>(offset));
-    file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
-    return 0;
-  }
-  int sync() override { return file.flush().good() ? 0 : EIO; }
-  std::ofstream file;
-  std::uint64_t size = 0;
-};
-
-TEST(MovieFile, TakesOfDaysAndGigabytesKeepTheirTimesAndPlaces) {
-  const std::string path = testing::TempDir() + "lumora-long-" + std::to_string(getpid());
-  constexpr int samples = 530;  // 4.1 GiB
-  {
-    HybridMovieWriter writer(std::make_unique<SparseSink>(path), 0);
-    const auto sample = keySample((8 << 20) - 4);
-    ASSERT_TRUE(writer.startWriting(sample->format()));
-    std::int64_t time = 0;
-    for (int i = 0; i < samples; ++i) {
-      const std::int64_t duration = i < 4 ? longestSample : 30000;
-      while (!writer.isReadyForMoreMediaData()) std::this_thread::yield();
-      ASSERT_TRUE(writer.append(*sample, true, {time, duration}));
-      time += duration;
-    }
-    finishMovie(writer, time);
-    EXPECT_EQ(writer.status(), WriterStatus::completed);
-  }
-  AVFormatContext* format = nullptr;
-  ASSERT_EQ(avformat_open_input(&format, path.c_str(), nullptr, nullptr), 0);
-  const AVStream& stream = *format->streams[0];
-  EXPECT_EQ(stream.duration, 4 * longestSample + (samples - 4) * 30000);
-  ASSERT_EQ(avformat_index_get_entries_count(&stream), samples);
-  const AVIndexEntry* first = avformat_index_get_entry(format->streams[0], 0);
-  const AVIndexEntry* last = avformat_index_get_entry(format->streams[0], samples - 1);
-  EXPECT_EQ(last->timestamp, 4 * longestSample + (samples - 5) * 30000);
-  // One fragment's head, at most a page and what aligns it, lies in front of each.
-  EXPECT_NEAR(static_cast<double>(last->pos - first->pos), (samples - 1.0) * (8 << 20),
-              samples * 4096.0);
-  avformat_close_input(&format);
-  unlink(path.c_str());
-}
-
-TEST(MovieFile, ASlowDiskShowsAsNotReadyAndNeverBlocks) {
+TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
+  constexpr std::size_t samples = 530;  // 4.1 GiB
+  const auto sample = keySample((8 << 20) - 4);
   Written movie;
-  const auto disk = movie.disk;
+  std::int64_t time = 0;
+  for (std::size_t i = 0; i < samples; ++i) {
+    const std::int64_t duration = i < 4 ? longestSample : 30000;
+    while (!movie.writer.isReadyForMoreMediaData()) std::this_thread::yield();
+    ASSERT_TRUE(movie.writer.append(*sample, true, {time, duration}));
+    time += duration;
+  }
+  EXPECT_EQ(movie.finish(time), WriterStatus::completed);
+  const Bytes& bytes = movie.disk->bytes;
+  const auto at = [&](const char* box) { return asText(bytes).rfind(box); };
+  const auto read = [&](std::size_t from) { return integerBE<std::uint64_t>(bytes, from); };
+  EXPECT_EQ(read(at("tfdt") + 8), static_cast<std::uint64_t>(time) - 30000);
+  EXPECT_EQ(read(at("mdhd") + 28), static_cast<std::uint64_t>(time));
+  EXPECT_EQ(read(at("co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
+  const auto end = integerBE<std::uint32_t>(bytes, at("moov") - 4);
+  EXPECT_EQ(read(placeholderOffset() + 8), movie.disk->size - end - placeholderOffset());
+}
+
+TEST(MovieFile, SaysThatItsDiskIsSlowAndNeverWaitsForIt) {
+  auto movie = std::make_unique<Written>();
+  const auto disk = movie->disk;
   disk->set(disk->hangs, true);
   std::int64_t count = 0;
-  while (movie.writer.isReadyForMoreMediaData()) {
-    ASSERT_TRUE(movie.append(1 << 20, true, {count * 30000, 30000}));
+  while (movie->writer.isReadyForMoreMediaData()) {
+    ASSERT_TRUE(movie->append(1 << 20, true, {count * 30000, 30000}));
     ASSERT_LT(++count, 64);
   }
   EXPECT_GE(count, 31);
   disk->set(disk->hangs, false);
-  while (!movie.writer.isReadyForMoreMediaData()) std::this_thread::yield();
+  while (!movie->writer.isReadyForMoreMediaData()) std::this_thread::yield();
   disk->set(disk->hangs, true);
-  movie.writer.cancelWriting();  // does not wait either
+  movie.reset();
   disk->set(disk->hangs, false);
+  EXPECT_TRUE(disk->waitFor(disk->closed, true));
 }
 
 }  // namespace

@@ -11,8 +11,7 @@ struct MovieContents {
   int keyframes = 0;
 };
 
-// What libavformat reads of a whole movie, of whose packets only those count that carry what tests
-// write, in whole samples.
+// What libavformat reads of a movie. Only packets count that carry a whole sample of the tests.
 MovieContents readMovie(ByteView bytes);
 
 }  // namespace lumora

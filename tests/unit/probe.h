@@ -21,7 +21,7 @@ struct VideoEncoderProbe {
   // Starts it and reports its listener ready; forgets the events.
   void becomeReady() {
     service->start();
-    network->listener->changed(ListenerState::ready);
+    network->changed(ListenerState::ready);
     encoders->prepared();
     process->takeEvents();
   }
@@ -40,7 +40,7 @@ struct VideoEncoderProbe {
   }
   std::shared_ptr<FakeConnection> connect() {
     const auto connection = std::make_shared<FakeConnection>();
-    network->listener->arrived(connection);
+    network->arrived(connection);
     return connection;
   }
   std::shared_ptr<FakeConnection> connectClient() {
@@ -81,6 +81,7 @@ struct VideoEncoderProbe {
   // Reads all of the input, then runs the queues; the message of the error event, if any.
   std::string readAll() {
     dispatch->detached.at(0)();
+    EXPECT_EQ(process->watchdog.first, 2.2);  // even if the state queue stands still
     run();
     return error();
   }
@@ -92,11 +93,7 @@ struct VideoEncoderProbe {
   }
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
-  std::size_t peerCount() const { return service->preview.peers.size(); }
   MovieRecorder* take() { return service->take.movie.get(); }
-  static void setSession(VideoEncoder& of, std::shared_ptr<CompressionSession> session) {
-    of.preview.session = std::move(session);
-  }
   Peer& onlyPeer() { return *service->preview.peers.begin()->second; }
 
   std::shared_ptr<Failures> failures = std::make_shared<Failures>();
@@ -161,7 +158,7 @@ struct Takes : ServiceTest {
     frame(1001.0, true);
   }
   FakeWriter& writer() { return *probe.movies->writers.back(); }
-  // The events with this "state" since the last look.
+  // The events of this "state" since the last look.
   std::vector<Json> events(const std::string& state) {
     probe.run();
     auto all = probe.process->takeEvents("recording");

@@ -1,4 +1,4 @@
-// Takes on fakes: commands, the recorder's timeline and losses, endings, the relay, shutdown.
+// Takes on fakes: commands, the timeline and losses of the recorder, failures, events.
 
 #include "encode/session_settings.h"
 #include "record/recording_command.h"
@@ -9,7 +9,7 @@ namespace {
 
 using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
-TEST_F(Takes, RefusedStartsChangeNothing) {
+TEST_F(Takes, RefuseABadStartAndGoOn) {
   const auto expectRefused = [this](const char* what, const Json& extra) {
     const auto events = sendStart(extra);
     ASSERT_EQ(events.size(), 1u);
@@ -24,44 +24,43 @@ TEST_F(Takes, RefusedStartsChangeNothing) {
     expectRefused(profile, {{"resolution", "640x360"}, {"target_fps", rate}});
   for (const Json& at : Json{1000 - 30.1, 1000.06, true, std::numeric_limits<double>::max()})
     expectRefused("start time", {{"started_at", at}});
+  EXPECT_TRUE(recordingTimestamp(1000.04, 1000) && recordingTimestamp(970, 1000));
   const auto pathOf = [](std::size_t bytes) { return "/" + std::string(bytes - 5, 'a') + ".mp4"; };
   const char* state = "destination or state";
   for (const Json& path : Json{"a.mp4", "/a.MP4", std::string("/a\0.mp4", 7), 7, pathOf(3001)})
     expectRefused(state, {{"path", path}});
-  EXPECT_TRUE(recordingTimestamp(1000.04, 1000).has_value());
+  EXPECT_TRUE(isRecordingDestination(pathOf(3000)));
   start({{"resolution", "640x360"}, {"target_fps", 30.0}, {"cadence", "steady"}});
   EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::steady);
   const auto settings = sessionSettings(SessionKind::recording, {640, 360}, 30);
   EXPECT_EQ(probe.encoders->ahead, std::vector{settings});
   expectRefused(state, {{"path", "/b.mp4"}});
   EXPECT_EQ(sendStart({{"path", "/b.mp4"}}).at(0)["path"], "/b.mp4");
-  EXPECT_TRUE(isRecordingDestination(pathOf(3000)));
   for (const Json& other : {Json::object(), Json{{"cadence", "grid"}}, Json{{"cadence", 1}}})
     EXPECT_EQ(requestedCadence(other), CadenceRule::grid);
 }
 
-TEST_F(Takes, TheFirstSampleStandsAtZeroAndEachLastsUntilTheNext) {
+TEST_F(Takes, BeginAtZeroAndHaveSamplesThatLastUntilTheNext) {
   start({{"started_at", 1000.0}});
   frame(999.99, true);  // before the start
   frame(1000.2, true);
   frame(1000.25);
   frame(1000.251);  // throttled
-  frame(1000.3);
+  frame(1000.3);    // at the stop
   const Json saved = finish({{"stopped_at", 1000.3}});
-  // The frame at the stop is left out.
   EXPECT_EQ(writer().timings, (Timings{{0, 15000}, {15000, 3000}}));
   EXPECT_EQ(writer().end, 18000);
   EXPECT_NEAR(saved["duration"].get<double>(), 0.3, 1e-9);
   expectKeys(saved, {{"frames", 2}, {"dropped", 1}, {"throttled", 1}});
 }
 
-TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
+TEST_F(Takes, DropSamplesAfterALossUntilAKeyFrame) {
   start();
   frame(1001.0);  // no key frame yet
   EXPECT_TRUE(probe.movies->writers.empty());
   frame(1001.1, true);
   feed(1001.2);
-  probe.answer(nullptr, 0, infoFrameDropped);  // the encoder drops one
+  probe.answer(nullptr, 0, infoFrameDropped);
   frame(1001.3);
   frame(1001.4, true);
   EXPECT_EQ(probe.lastSession().submitted,
@@ -69,7 +68,7 @@ TEST_F(Takes, NothingIsTakenAfterALossUntilAKeyFrame) {
   expectKeys(finish(), {{"frames", 2}, {"dropped", 3}});
 }
 
-TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
+TEST_F(Takes, DropSamplesWhileTwoWaitForTheDisk) {
   start();
   std::vector<bool> taken;
   for (const bool keyframe : {true, false, false, false, true})
@@ -81,7 +80,7 @@ TEST_F(Takes, AtMostTwoSamplesWaitForTheDisk) {
   EXPECT_TRUE(probe.take()->append(keySample(), 2, true));
 }
 
-TEST_F(Takes, BurstsAreToldApartAndThePauseBehindThemPutsThingsRight) {
+TEST_F(Takes, SpreadABurstAndCatchUpInThePauseBehindIt) {
   start();
   for (const double at : {0.0, 0.001, 0.002, 0.003, 1.0, 1.0, 1.1}) {
     ASSERT_TRUE(probe.take()->append(keySample(), 1000 + at, true));
@@ -95,70 +94,49 @@ TEST_F(Takes, BurstsAreToldApartAndThePauseBehindThemPutsThingsRight) {
   EXPECT_NEAR(saved["duration"].get<double>(), 1.1 + 1.0 / 60, 1e-9);
 }
 
-TEST_F(Takes, WriterFailuresEndTheTakeInTheirWords) {
+TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
   const std::string full = "No space left on device";
-  using Case = std::tuple<Call, std::optional<std::string>, std::string>;
-  for (const auto& [call, problem, message] :
-       {Case{Call::exists, {}, "invalid or existing recording destination"},
-        {Call::createWriter, {}, "Permission denied"},
-        {Call::canAdd, {}, "recording format unavailable"},
-        {Call::startWriting, {}, "recording writer failed"},
-        {Call::startWriting, full, full},
-        {Call::isReady, {}, "recording disk cannot keep up"},
-        {Call::append, {}, "recording sample append failed (0)"},
-        {Call::append, full, full}}) {
+  using Case = std::tuple<const char*, int, std::optional<std::string>, std::string>;
+  const Case cases[] = {{"createSession", 1, {}, "hardware encoder creation failed (-1)"},
+                        {"setProperty", 1, {}, "encoder property failed (-1)"},
+                        {"submit", 2, {}, "camera frame submission failed (-1)"},
+                        {"exists", 1, {}, "invalid or existing recording destination"},
+                        {"exists", 2, {}, "invalid or existing recording destination"},
+                        {"createWriter", 1, {}, "Permission denied"},
+                        {"canAdd", 1, {}, "recording format unavailable"},
+                        {"startWriting", 1, {}, "recording writer failed"},
+                        {"startWriting", 1, full, full},
+                        {"isReady", 1, {}, "recording disk cannot keep up"},
+                        {"append", 1, {}, "recording sample append failed (0)"},
+                        {"append", 1, full, full},
+                        {"append", 2, full, full},
+                        {"none", 1, {}, "recording finalization failed"},
+                        {"none", 1, full, full}};
+  for (const auto& [call, nth, problem, message] : cases) {
+    SCOPED_TRACE(call);
     probe.restart();
-    probe.failures->fail(call);
+    probe.failures->fail(call, nth);
     probe.movies->problem = problem;
     startWithFrame();
     frame(1001.1);
-    EXPECT_EQ(failure(), message);
-    for (const auto& made : probe.movies->writers) EXPECT_EQ(made->state, WriterStatus::cancelled);
-    EXPECT_EQ(probe.files->removed.size(), probe.movies->writers.size());
-    EXPECT_TRUE(probe.lastSession().invalidated);
-    start();  // the next take may begin: nothing has ended
-  }
-}
-
-// Of a whole take beside a client, one call after the other, until there are no more of its kind.
-TEST_F(Takes, EveryFailingCallCostsWhatItMustAndNothingElse) {
-  for (int kind = 0; kind < static_cast<int>(Call::count); ++kind) {
-    const auto call = static_cast<Call>(kind);
-    int nth = 0;
-    for (bool hit = true; hit;) {
-      SCOPED_TRACE(testing::Message() << kind << ", call " << ++nth);
-      probe.restart();
-      const auto client = probe.connectClient();
-      probe.failures->fail(call, nth, call == Call::writeOutput ? -EAGAIN : -1);
-      sendStart();
-      for (int i = 0; i < 3; ++i) {
-        feed(probe.clock->now + 0.5);
-        for (const auto& session : probe.encoders->sessions)
-          if (!session->pending.empty()) session->answer(0, keySample());
-        probe.run();
-        if (client->cancelled) break;
-        if (client->onSent) client->finishSend();
-        client->deliver("{\"type\":\"ack\",\"frame_id\":" + std::to_string(lastID) + "}\n");
-      }
+    std::string said = failure();
+    if (said.empty()) {
       stop();
       probe.run();
-      for (const auto& made : probe.movies->writers)
-        if (made->finished) made->complete(WriterStatus::completed);
-      probe.run();
-      hit = probe.failures->hasHit(call);
-      EXPECT_FALSE(probe.isRawBusy());
-      EXPECT_EQ(probe.take(), nullptr);
-      // Only the preview's calls may end the run, and only with 1.
-      const bool mayEnd = hit && call <= Call::submit;
-      EXPECT_LE(probe.process->exitCodes.size(), mayEnd ? 1u : 0u);
-      for (const int code : probe.process->exitCodes) EXPECT_EQ(code, 1);
-      ASSERT_LT(nth, 40);
+      if (writer().finished) writer().complete(WriterStatus::failed);
+      said = failure();
     }
-    EXPECT_GT(nth, 1) << kind;  // each kind occurs
+    EXPECT_EQ(said, message);
+    for (const auto& made : probe.movies->writers) EXPECT_EQ(made->state, WriterStatus::cancelled);
+    EXPECT_EQ(probe.files->removed.size(), probe.movies->writers.size());
+    for (const auto& made : probe.encoders->sessions) EXPECT_TRUE(made->invalidated);
+    EXPECT_FALSE(probe.isRawBusy());
+    EXPECT_TRUE(probe.process->exitCodes.empty());
+    start();
   }
 }
 
-TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
+TEST_F(Takes, FailForTheirEncoderBesideThePreviewAndTheNextTake) {
   const auto client = probe.connectClient();
   start();
   feed(1000);
@@ -169,25 +147,9 @@ TEST_F(Takes, RecordingFailuresCostTheTakeNotTheProcess) {
   EXPECT_EQ(recording.properties.at(SessionProperty::averageBitRate),
             PropertyValue(std::int64_t{12000000}));
   recording.answer(-22, nullptr);
-  probe.run();
-  EXPECT_TRUE(probe.isRawBusy());  // the preview still encodes
-  EXPECT_EQ(failure(), "camera encoding failed (-22)");
-  EXPECT_FALSE(recording.invalidated);  // a frame is in flight
-  probe.encoders->sessions[1]->answer(0, keySample());
-  probe.run();
-  EXPECT_FALSE(probe.isRawBusy());
-  EXPECT_TRUE(recording.invalidated);  // with the release of the frame
-  EXPECT_EQ(client->sent.size(), 1u);
-  EXPECT_EQ(probe.statistics()["record_encoder_failures"], 1);
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-}
-
-TEST_F(Takes, WhatAnAbandonedTakeStillDoesIsNotTheNextOnes) {
-  const auto client = probe.connectClient();
-  start();
-  feed(1000);
-  probe.encoders->sessions[0]->answer(-22, nullptr);
   probe.queue->run();  // the take is abandoned, and has not said so
+  EXPECT_TRUE(probe.isRawBusy());
+  EXPECT_FALSE(recording.invalidated);  // a frame is in flight
   const auto said = sendStart();
   ASSERT_EQ(said.size(), 2u);
   EXPECT_EQ(said[0]["error"], "camera encoding failed (-22)");
@@ -196,10 +158,14 @@ TEST_F(Takes, WhatAnAbandonedTakeStillDoesIsNotTheNextOnes) {
   EXPECT_EQ(failure(), "");
   probe.encoders->sessions[1]->answer(0, keySample());
   probe.run();
+  EXPECT_FALSE(probe.isRawBusy());
+  EXPECT_TRUE(recording.invalidated);
+  EXPECT_EQ(client->sent.size(), 1u);
+  EXPECT_EQ(probe.statistics()["record_encoder_failures"], 1);
   EXPECT_NE(probe.take(), nullptr);
 }
 
-TEST_F(Takes, AnAbandonedTakeSaysSoBeforeTheProcessEnds) {
+TEST_F(Takes, SayThatTheyHaveFailedBeforeTheProcessEnds) {
   for (const bool inTime : {true, false}) {
     probe.restart();
     start();
@@ -215,7 +181,7 @@ TEST_F(Takes, AnAbandonedTakeSaysSoBeforeTheProcessEnds) {
   }
 }
 
-TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
+TEST_F(Takes, FailWithoutAQueueOfTheirOwn) {
   probe.dispatch->refusal = std::errc::too_many_files_open;
   const auto events = sendStart();
   ASSERT_EQ(events.size(), 2u);
@@ -224,15 +190,14 @@ TEST_F(Takes, AMachineShortOfThreadsOrDescriptorsCostsTheTake) {
   start();
 }
 
-TEST_F(Takes, ACameraThatChangesSizeEndsTheTake) {
-  start();
-  frame(1002.0, true);
+TEST_F(Takes, FailWhenTheCameraChangesSize) {
+  startWithFrame();
   feed(1003, 320, 240);
   EXPECT_EQ(failure(), "camera recording dimensions changed during this take");
   EXPECT_FALSE(probe.isRawBusy());
 }
 
-TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
+TEST_F(Takes, ReportProgressOnceASecondAndTheirOutcomeWithEveryReport) {
   startWithFrame();
   EXPECT_EQ(events("recording").size(), 1u);
   frame(1001.5);
@@ -241,12 +206,11 @@ TEST_F(Takes, ProgressOnceASecondAndNeverOverAStop) {
   probe.tickAt(1002.6);
   probe.run();
   expectKeys(probe.process->takeEvent("recording"), {{"frames", 1}, {"duration", 0.5}});
-  // A file whose disk has failed makes none, though no sample has met the failure yet.
+  // A file whose disk has failed makes no progress, even before a sample meets the failure.
   writer().problem = "No space left on device";
   probe.tickAt(1003.7);
   EXPECT_TRUE(events("recording").empty());
   writer().problem.reset();
-  // Progress is said once, an outcome again with every report.
   const Json saved = finish();
   for (int i = 0; i < 2; ++i) {
     probe.tickAt(probe.clock->now + 1);

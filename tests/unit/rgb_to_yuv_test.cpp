@@ -45,47 +45,41 @@ struct Samples {
   Bytes bytes;
 };
 
-TEST(RgbToYuv, EveryColourComesBackAndGreysAreExact) {
+TEST(RgbToYuv, IsExactWithinRoundingForAnyColourAndExactForGreys) {
   onEveryTarget([] {
     const auto steps = [](int i) { return static_cast<std::uint8_t>(i % 18 * 15); };
     for (int i = 0; i < 18 * 18 * 18; ++i) {
-      const std::uint8_t colour[] = {steps(i), steps(i / 18), steps(i / 324), 0};
+      const std::uint8_t blue = steps(i), green = steps(i / 18), red = steps(i / 324);
       Bytes bgra;
-      for (int pixel = 0; pixel < 128; ++pixel) bgra.insert(bgra.end(), colour, colour + 4);
+      for (int pixel = 0; pixel < 128; ++pixel) bgra.insert(bgra.end(), {blue, green, red, 0});
       Samples y(64, 2), u(32, 1), v(32, 1);
       convertToI420({bgra.data(), 64, 2, 256}, ChannelOrder::bgra, y, u, v);
-      const double luma = (y.at(63, 1) - 16) / 219.0;
-      const double blue = luma + (u.at(31, 0) - 128) / 224.0 * 1.8556;
-      const double red = luma + (v.at(31, 0) - 128) / 224.0 * 1.5748;
-      const double green = (luma - 0.2126 * red - 0.0722 * blue) / 0.7152;
-      ASSERT_NEAR(std::round(blue * 255), colour[0], 2);
-      ASSERT_NEAR(std::round(green * 255), colour[1], 2);
-      ASSERT_NEAR(std::round(red * 255), colour[2], 2);
-      if (colour[0] != colour[1] || colour[1] != colour[2]) continue;
-      ASSERT_EQ(y.at(0, 0), std::lround(16 + colour[0] * 219 / 255.0));
-      ASSERT_EQ(u.at(0, 0), 128);
-      ASSERT_EQ(v.at(0, 0), 128);
+      const Yuv wanted = exact(red, green, blue);
+      const bool isGrey = red == green && green == blue;
+      ASSERT_NEAR(y.at(63, 1), wanted.y, isGrey ? 0.5 : 0.71);
+      ASSERT_NEAR(u.at(31, 0), wanted.u, isGrey ? 1e-9 : 0.51);
+      ASSERT_NEAR(v.at(31, 0), wanted.v, isGrey ? 1e-9 : 0.51);
     }
   });
 }
 
-TEST(RgbToYuv, IsExactWithinRoundingAtEverySize) {
+TEST(RgbToYuv, IsExactWithinRoundingAtEveryEvenSize) {
   std::mt19937 random(7);
   onEveryTarget([&random] {
     double error = 0;
     int count = 0;
-    for (const int width : {1, 2, 3, 15, 16, 17, 18, 31, 33, 63, 64, 65, 66, 127, 129, 190}) {
-      for (const int height : {1, 2, 3, 6}) {
+    for (const int width : {2, 14, 16, 18, 30, 32, 34, 62, 64, 66, 126, 130, 190}) {
+      for (const int height : {2, 6}) {
+        SCOPED_TRACE(testing::Message() << width << "x" << height);
         const std::ptrdiff_t stride = width * 4 + 4;
         Bytes bgra(static_cast<std::size_t>(stride * height));
         for (std::uint8_t& byte : bgra) byte = static_cast<std::uint8_t>(random());
-        const int columns = (width + 1) / 2;
-        const int rows = (height + 1) / 2;
+        const int columns = width / 2;
+        const int rows = height / 2;
         Samples y(width, height), u(columns, rows), v(columns, rows);
         convertToI420({bgra.data(), width, height, stride}, ChannelOrder::bgra, y, u, v);
         const auto exactAt = [&](int column, int row) {  // beyond the edge the edge goes on
-          const std::uint8_t* p = bgra.data() + std::min(row, height - 1) * stride +
-                                  std::clamp(column, 0, width - 1) * 4;
+          const std::uint8_t* p = bgra.data() + row * stride + std::max(column, 0) * 4;
           return exact(p[2], p[1], p[0]);
         };
         for (int row = 0; row < height; ++row) {
@@ -95,19 +89,18 @@ TEST(RgbToYuv, IsExactWithinRoundingAtEverySize) {
         for (int row = 0; row < rows; ++row) {
           for (int x = 0; x < columns; ++x) {
             Yuv sum{0, 0, 0};
-            for (const auto& [offset, weight] : {std::pair{-1, 0.125}, {0, 0.25}, {1, 0.125}}) {
+            for (const int offset : {-1, 0, 0, 1}) {
               for (const int line : {row * 2, row * 2 + 1}) {
-                sum.u += weight * exactAt(x * 2 + offset, line).u;
-                sum.v += weight * exactAt(x * 2 + offset, line).v;
+                sum.u += exactAt(x * 2 + offset, line).u / 8;
+                sum.v += exactAt(x * 2 + offset, line).v / 8;
               }
             }
-            ASSERT_NEAR(u.at(x, row), sum.u, 1.06) << width << "x" << height << " at " << x;
-            ASSERT_NEAR(v.at(x, row), sum.v, 1.06) << width << "x" << height << " at " << x;
+            ASSERT_NEAR(u.at(x, row), sum.u, 1.06) << x;
+            ASSERT_NEAR(v.at(x, row), sum.v, 1.06) << x;
             error += u.at(x, row) - sum.u + v.at(x, row) - sum.v;
             count += 2;
           }
-          ASSERT_EQ(u.at(columns, row), 7);
-          ASSERT_EQ(v.at(columns, row), 7);
+          ASSERT_TRUE(u.at(columns, row) == 7 && v.at(columns, row) == 7);
         }
         // The other channel order, the other way up, the other layout: the same samples.
         Bytes rgba;

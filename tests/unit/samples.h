@@ -2,8 +2,8 @@
 
 // Encoded samples as tests need them: NAL units of a given type, with parameter sets.
 
-#include "h264/annex_b.h"
 #include "h264/memory_sample.h"
+#include "h264/nal_units.h"
 
 namespace lumora {
 

@@ -11,9 +11,13 @@
 
 namespace lumora {
 
-// Stands behind "h264_nvenc"; all other hardware is missing. What works is software.
+constexpr EncoderSettings preview{SessionKind::preview, 2, 2, {}, 60, 60, 4000000};
+constexpr EncoderSettings take{SessionKind::recording, 2, 2, {}, 60, 60, 1000000};
+constexpr EncoderSettings slowTake{SessionKind::recording, 2, 2, {}, 15, 15, 1000000};
+
+// The driver of "h264_nvenc", which encodes in software; all other hardware is missing.
 struct Driver {
-  enum Behaviour { works, refusesOnce, refuses, hangs, throws };
+  enum Behaviour { works, refuses, hangs, throws };
   std::atomic<Behaviour> behaviour = works;
   std::atomic<int> opened = 0;
   std::atomic<bool> othersAsked = false;
@@ -34,8 +38,7 @@ struct Driver {
       const Behaviour now = behaviour;
       if (now == hangs) released.wait();
       if (now == throws) throw std::runtime_error("a driver's");
-      if (now == refusesOnce) behaviour = works;
-      if (now == refusesOnce || now == refuses) return AVERROR(EBUSY);
+      if (now == refuses) return AVERROR(EBUSY);
       const std::lock_guard hold(mutex);
       std::erase_if(inUse, [](const auto& pool) { return pool.expired(); });
       if (static_cast<int>(inUse.size()) == limit) return AVERROR(EBUSY);
@@ -46,9 +49,5 @@ struct Driver {
                               settings, encoder);
   }
 };
-
-inline bool isMissing(const char* encoder) {
-  return avcodec_find_encoder_by_name(encoder) == nullptr;
-}
 
 }  // namespace lumora

@@ -1,9 +1,10 @@
-// Packets and samples: limits, malformed encoder output, start codes; the client's parser reads
+// Packets and samples: limits, what an encoder makes wrong, start codes. The client's parser reads
 // what the service writes.
 
 #include <lumora/packets.h>
 #include "encode/encoder_failure.h"
-#include "h264/annex_b.h"
+#include "encode/recording_keyframe.h"
+#include "h264/nal_units.h"
 #include "stream/packet.h"
 #include "tests/unit/probe.h"
 
@@ -29,47 +30,57 @@ struct BrokenSample final : EncodedSample, FormatDescription {
   ColourDescription colour() const override { return {}; }
 
   bool ready = true, hasLength = true, hasFormat = true;
-  Bytes data = {0, 0, 0, 1, 0x65};
+  static constexpr std::uint8_t oneUnit[] = {0, 0, 0, 1, 0x65};
+  Bytes data = Bytes(std::begin(oneUnit), std::end(oneUnit));
   Status copyStatus = 0, setStatus = 0;
   Bytes set = Bytes(4096, 0x67);
   std::size_t prefix = 4;
 };
 
-TEST(Packets, FailuresNameWhatIsWrong) {
-  using Change = std::function<void(BrokenSample&)>;
-  const auto bytes = [](Bytes data) { return Change([data](BrokenSample& s) { s.data = data; }); };
-  const std::pair<const char*, Change> cases[] = {
-      {"encoded sample has no bytes", [](auto& s) { s.ready = false; }},
-      {"encoded sample has no bytes", [](auto& s) { s.hasLength = false; }},
-      {"encoded sample too large", bytes({0, 0, 0, 0})},
-      {"encoded sample too large", [](auto& s) { s.data.resize(2097143); }},
-      {"encoded sample copy failed (-7)", [](auto& s) { s.copyStatus = -7; }},
-      {"invalid encoded NAL header", bytes({0, 0, 0, 1, 0x65, 0, 0, 0})},
-      {"invalid encoded NAL size", bytes({0, 0, 0, 2, 0x65})},
-      {"invalid encoded NAL size", bytes({0, 0, 0, 0, 0x65})},
-      {"invalid encoded NAL size", bytes({255, 255, 255, 255, 0x65})},
-      {"missing H264 description", [](auto& s) { s.hasFormat = false; }},
-      {"H264 parameter set failed (-3)", [](auto& s) { s.setStatus = -3; }},
-      {"H264 parameter set failed (0)", [](auto& s) { s.set.clear(); }},
-      {"H264 parameter set failed (0)", [](auto& s) { s.set.resize(4097); }},
-      {"H264 parameter set failed (0)", [](auto& s) { s.prefix = 2; }}};
-  for (const auto& [message, change] : cases) {
+TEST(Packets, SayWhatIsWrongWithASample) {
+  using Case = std::tuple<std::string, std::string, std::function<void(BrokenSample&)>>;
+  const auto bytes = [](Bytes data) { return [data](BrokenSample& s) { s.data = data; }; };
+  const std::string size = "invalid encoded NAL size", takeSize = "invalid camera NAL size";
+  const std::string tooLarge = "encoded sample too large", set = "H264 parameter set failed ";
+  const std::string empty = "encoded sample has no bytes", takeEmpty = "camera sample has no bytes";
+  const Case cases[] = {
+      {empty, takeEmpty, [](auto& s) { s.ready = false; }},
+      {empty, takeEmpty, [](auto& s) { s.hasLength = false; }},
+      {tooLarge, "camera sample too large", bytes({0, 0, 0, 0})},
+      {tooLarge, takeSize, [](auto& s) { s.data.resize(2097143); }},
+      {"encoded sample copy failed (-7)", takeSize, [](auto& s) { s.copyStatus = -7; }},
+      {"invalid encoded NAL header", "invalid camera NAL header", bytes({0, 0, 0, 1, 9, 0, 0, 0})},
+      {size, takeSize, bytes({0, 0, 0, 2, 0x65})},
+      {size, takeSize, bytes({0, 0, 0, 0, 0x65})},
+      {size, takeSize, bytes({255, 255, 255, 255, 0x65})},
+      {"missing H264 description", "", [](auto& s) { s.hasFormat = false; }},
+      {set + "(-3)", "", [](auto& s) { s.setStatus = -3; }},
+      {set + "(0)", "", [](auto& s) { s.set.clear(); }},
+      {set + "(0)", "", [](auto& s) { s.set.resize(4097); }},
+      {set + "(0)", "", [](auto& s) { s.prefix = 2; }}};
+  const auto failure = [](const auto& call) -> std::string {
+    try {
+      call();
+      return "";
+    } catch (const EncoderFailure& failed) {
+      return failed.what();
+    }
+  };
+  for (const auto& [preview, take, change] : cases) {
     BrokenSample sample;
     change(sample);
-    EXPECT_THAT([&] { prepareFrame(sample, 1, 640, 360); },
-                testing::ThrowsMessage<EncoderFailure>(message));
+    EXPECT_EQ(failure([&] { prepareFrame(sample, 1, 640, 360); }), preview);
+    EXPECT_EQ(failure([&] { recordingKeyframe(sample); }), take) << preview;
   }
-  EXPECT_NO_THROW(prepareFrame(BrokenSample(), 1, 640, 360));
+  EXPECT_NO_THROW(prepareFrame(BrokenSample(), 1, 65535, 360));
   EXPECT_THROW(prepareFrame(BrokenSample(), 1, 65536, 360), EncoderFailure);
-  EXPECT_FALSE(prepareFrame(MemorySample({0, 0, 0, 1, 0x41}, nullptr), 1, 640, 360).keyframe);
 }
 
-TEST(Packets, LargestSampleFits) {
+TEST(Packets, AreReadByTheClientUpToTheLargest) {
   const auto sample = keySample(2097138);
   Bytes data(sample->dataLength().value());
   EXPECT_EQ(sample->copyBytes(0, data), 0);
   const FramePackets packets = prepareFrame(*sample, 0x0102030405060708, 640, 360);
-  EXPECT_TRUE(packets.keyframe);
   client::PacketParser parser;
   parser.feed(*packets.configuration);
   parser.feed(*packets.frame);

@@ -1,7 +1,6 @@
-// Which encoders sessions get, with drivers that refuse, hang, answer late and serve only a few.
+// Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few.
 
 #include "codec/system_encoders.h"
-#include "encode/session_settings.h"
 #include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"
 #include "tests/unit/stand_in_driver.h"
@@ -9,10 +8,8 @@
 namespace lumora {
 namespace {
 
-const EncoderSettings preview = sessionSettings(SessionKind::preview, {2, 2}, 60);
-const EncoderSettings take = sessionSettings(SessionKind::recording, {2, 2}, 60);
-const EncoderSettings slowTake = sessionSettings(SessionKind::recording, {2, 2}, 15);
-
+using enum Driver::Behaviour;
+using Session = std::shared_ptr<CompressionSession>;
 using Answer = std::pair<Status, std::uint32_t>;  // and its info flags
 
 Answer encodeOne(CompressionSession& session) {
@@ -29,29 +26,25 @@ Answer encodeOne(CompressionSession& session) {
 
 // On real queues.
 struct EncoderRun {
-  explicit EncoderRun(const std::string& choice) {
+  explicit EncoderRun(const std::string& choice, Driver::Behaviour behaviour = works,
+                      const EncoderSettings& tried = take) {
+    driver->behaviour = behaviour;
     encoders = std::make_shared<SystemEncoders>(
         parseAllowedEncoders(choice), queue, std::make_shared<AsioDispatch>(), PicturePool::make(),
         [driver = driver](auto&&... all) { return driver->open(all...); });
+    onQueue([&] { encoders->prepare(tried, take); });
   }
   void onQueue(const Work& call) {
-    std::promise<void> done;
-    queue->async([&] {
-      call();
-      done.set_value();
-    });
-    done.get_future().wait();
-  }
-  void prepare(const EncoderSettings& first, const EncoderSettings& second) {
-    onQueue([&] { encoders->prepare(first, second); });
+    std::packaged_task<void()> task(call);
+    queue->async([&] { task(); });
+    task.get_future().wait();
   }
   void waitUntilPrepared() {
     std::promise<void> prepared;
     onQueue([&] { encoders->whenPrepared([&] { prepared.set_value(); }); });
     prepared.get_future().wait();
   }
-  Status createSession(std::shared_ptr<CompressionSession>& session,
-                       SessionKind kind = SessionKind::preview) {
+  Status createSession(Session& session, SessionKind kind = SessionKind::preview) {
     Status status = 0;
     onQueue([&] { status = encoders->createSession(kind, 2, 2, {}, session); });
     if (!session) return status;
@@ -64,15 +57,15 @@ struct EncoderRun {
   // Whether the driver opens an encoder for a session; it serves the next one, too.
   bool isHardwareUsed(SessionKind kind = SessionKind::recording) {
     const int before = driver->opened;
-    std::shared_ptr<CompressionSession> session;
+    Session session;
     EXPECT_EQ(createSession(session, kind), 0);
     EXPECT_EQ(encodeOne(*session), (Answer{0, 0}));
     session->invalidate();
     return driver->opened > before;
   }
-  void waitForHardware() {
-    while (driver->opened == 0) std::this_thread::yield();  // to find it
-    while (!isHardwareUsed()) std::this_thread::yield();
+  void waitForHardware(SessionKind kind = SessionKind::recording) {
+    while (driver->opened == 0) std::this_thread::yield();  // the probe opens one
+    while (!isHardwareUsed(kind)) std::this_thread::yield();
   }
 
   std::shared_ptr<Driver> driver = std::make_shared<Driver>();
@@ -80,10 +73,14 @@ struct EncoderRun {
   std::shared_ptr<SystemEncoders> encoders;
 };
 
-TEST(SystemEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNoChoice) {
-  using enum Driver::Behaviour;
+struct HardwareEncoders : testing::Test {
+  void SetUp() override {
+    if (!avcodec_find_encoder_by_name("h264_nvenc")) GTEST_SKIP() << "no such encoder";
+  }
+};
+
+TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
   constexpr Status none = AVERROR_ENCODER_NOT_FOUND;
-  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
   for (const auto& [choice, atFirst, later, created, answer] :
        {std::tuple{"auto", works, works, 0, Answer{0, 0}},
         {"auto", works, refuses, 0, Answer{0, 0}},
@@ -94,13 +91,11 @@ TEST(SystemEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNo
         {"hardware", refuses, refuses, none, Answer{0, 0}},
         {"h264_nvenc", hangs, hangs, none, Answer{0, 0}}}) {
     SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
-    EncoderRun run(choice);
-    run.driver->behaviour = atFirst;
-    run.prepare(take, take);
+    EncoderRun run(choice, atFirst);
     run.waitUntilPrepared();
     if (atFirst == works) run.waitForHardware();
     run.driver->behaviour = later;
-    std::shared_ptr<CompressionSession> session;
+    Session session;
     const int before = run.driver->opened;
     EXPECT_EQ(run.createSession(session), created);
     if (session) {
@@ -111,16 +106,13 @@ TEST(SystemEncoders, ADriverThatRefusesOrHangsCostsASessionOnlyWhereSoftwareIsNo
   }
 }
 
-TEST(SystemEncoders, NothingWaitsForADriverAndALateAnswerCountsFromThenOn) {
-  if (isMissing("h264_nvenc") || isMissing("h264_v4l2m2m")) GTEST_SKIP() << "no second encoder";
-  using enum Driver::Behaviour;
+TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndNothingWaitsForThat) {
+  if (!avcodec_find_encoder_by_name("h264_v4l2m2m")) GTEST_SKIP() << "no second encoder";
   for (const auto behaviour : {hangs, throws, refuses}) {
     SCOPED_TRACE(behaviour);
-    EncoderRun run("auto");
-    run.driver->behaviour = behaviour;
-    run.prepare(take, take);
+    EncoderRun run("auto", behaviour);
     run.waitUntilPrepared();
-    std::shared_ptr<CompressionSession> early;
+    Session early;
     EXPECT_EQ(run.createSession(early), 0);
     EXPECT_EQ(encodeOne(*early), (Answer{0, 0}));
     while (!run.driver->othersAsked) std::this_thread::yield();  // a hang takes a second
@@ -133,41 +125,23 @@ TEST(SystemEncoders, NothingWaitsForADriverAndALateAnswerCountsFromThenOn) {
   }
 }
 
-TEST(SystemEncoders, ATakeBeginsWithWhatWasOpenedForItThoughHardwareIsFoundMeanwhile) {
-  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
-  EncoderRun run("auto");
-  run.driver->behaviour = Driver::hangs;
-  run.prepare(take, take);
+TEST_F(HardwareEncoders, AreNotUsedForATakeWhoseEncoderWasOpenedBeforeTheyWereFound) {
+  EncoderRun run("auto", hangs);
   run.onQueue([&] { run.encoders->openAhead(slowTake); });
   run.driver->release.set_value();
-  while (!run.isHardwareUsed(SessionKind::preview)) std::this_thread::yield();
+  run.waitForHardware(SessionKind::preview);
   EXPECT_FALSE(run.isHardwareUsed());
   EXPECT_TRUE(run.isHardwareUsed());
 }
 
-TEST(SystemEncoders, TheNextSessionGetsTheEncoderThatTheLastOneGivesBack) {
-  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
-  EncoderRun run("hardware");
-  run.driver->limit = 1;
-  run.prepare(preview, take);
-  for (int i = 0; i < 20; ++i) {
-    std::shared_ptr<CompressionSession> session;
-    ASSERT_EQ(run.createSession(session), 0);
-    ASSERT_EQ(encodeOne(*session), (Answer{0, 0}));
-    session->invalidate();
-  }
-}
-
-TEST(SystemEncoders, ASessionWaitsForAnEncoderThatIsOpenedForAStoppedOne) {
-  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
+TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
   for (int i = 0; i < 10; ++i) {
     EncoderRun run("hardware");
-    run.prepare(take, take);
     run.waitUntilPrepared();
     run.driver->limit = 2;  // the one that was opened to find it, and one more
-    run.driver->behaviour = Driver::hangs;
-    std::shared_ptr<CompressionSession> stopped;
-    std::shared_ptr<CompressionSession> next;
+    run.driver->behaviour = hangs;
+    Session stopped;
+    Session next;
     ASSERT_EQ(run.createSession(stopped), 0);
     stopped->invalidate();
     ASSERT_EQ(run.createSession(next), 0);
@@ -176,14 +150,12 @@ TEST(SystemEncoders, ASessionWaitsForAnEncoderThatIsOpenedForAStoppedOne) {
   }
 }
 
-TEST(SystemEncoders, HardwareThatIsFoundIsOpenedForTheNextTakeToo) {
-  if (isMissing("h264_nvenc")) GTEST_SKIP() << "a libavcodec without h264_nvenc";
-  EncoderRun run("auto");
-  run.prepare(preview, take);
+TEST_F(HardwareEncoders, AreOpenedForTheNextTakeOnceTheyAreFound) {
+  EncoderRun run("auto", works, preview);
   while (run.driver->opened < 2) std::this_thread::yield();
 }
 
-TEST(SystemEncoders, PreparesAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst) {
+TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst) {
   for (const bool comesFirst : {false, true}) {
     double now = 0;
     int opened = 0;

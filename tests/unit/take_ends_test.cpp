@@ -5,7 +5,7 @@
 namespace lumora {
 namespace {
 
-TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
+TEST_F(Takes, KeepACompleteMovieUnderWhateverNameIsFree) {
   using Moves = std::vector<std::pair<std::string, std::string>>;
   const std::string staging = takePath + "." + takeID + ".partial";
   const std::string recovery = "/takes/a.recovered-" + takeID + ".mp4";
@@ -15,7 +15,7 @@ TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
       "it to .mp4."};
   for (const auto& [failing, path] : {std::pair{0, takePath}, {1, recovery}, {2, staging}}) {
     probe.restart();
-    probe.failures->fail(Call::move, 1, -1, failing - 1);
+    probe.failures->fail("move", 1, -1, failing - 1);
     startWithFrame();
     expectKeys(finish(), {{"path", path}, {"error", texts[failing]}});
     EXPECT_EQ(probe.files->moves, failing == 2 ? Moves() : (Moves{{staging, path}}));
@@ -23,7 +23,7 @@ TEST_F(Takes, ACompleteMovieIsKeptUnderWhateverNameThereIs) {
   }
 }
 
-TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
+TEST_F(Takes, StopBehindTheFrameInFlightAndIgnoreLaterOnes) {
   startWithFrame();
   feed(1001.1);
   stop();
@@ -34,19 +34,13 @@ TEST_F(Takes, AStopWaitsForTheFrameInFlight) {
   EXPECT_EQ(writer().timings.size(), 2u);  // the frame in flight is part of the movie
   EXPECT_TRUE(probe.lastSession().invalidated);
   EXPECT_EQ(events("finishing").size(), 1u);
-}
-
-TEST_F(Takes, AFrameBehindTheStopDoesNotFinishTheTakeAgain) {
-  startWithFrame();
-  stop();
-  probe.run();
-  feed(1001.1);
+  feed(1001.2);
   EXPECT_EQ(failure(), "");
   writer().complete(WriterStatus::completed);
   EXPECT_EQ(events("saved").size(), 1u);
 }
 
-TEST_F(Takes, AnotherMayBeginAsSoonAsOneSaysThatItIsSaved) {
+TEST_F(Takes, MayBeginAsSoonAsTheLastOneIsReportedSaved) {
   startWithFrame();
   stop();
   probe.run();
@@ -55,13 +49,10 @@ TEST_F(Takes, AnotherMayBeginAsSoonAsOneSaysThatItIsSaved) {
   const auto saysSaved = testing::Contains(testing::HasSubstr(R"("state":"saved")"));
   while (!testing::Value(probe.process->lines, saysSaved)) ASSERT_TRUE(probe.queue->runNext());
   EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["state"], "starting");
-  stop();
-  probe.queue->runNext();  // what is left of the first take
-  EXPECT_NE(probe.take(), nullptr);
 }
 
-// A session whose take was given up while its frame was in flight is not the next take's.
-TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
+// The first take fails while its frame is in flight. The next one has the same id.
+TEST_F(Takes, HaveSessionsOfTheirOwn) {
   start({{"started_at", 1000.0}, {"resolution", "640x360"}, {"target_fps", 30}});
   frame(1001.0, true);
   feed(1001.1);
@@ -77,7 +68,7 @@ TEST_F(Takes, AnotherTakeOfTheSameIdHasASessionOfItsOwn) {
   EXPECT_EQ(probe.lastSession().size, (PictureSize{1920, 1080}));
 }
 
-TEST_F(Takes, StopsThatMakeNoSense) {
+TEST_F(Takes, IgnoreTheStopOfAnotherAndFailWithoutAFrame) {
   start();
   EXPECT_TRUE(stop({{"id", "00000000-0000-0000-0000-000000000000"}}).empty());
   stop();
@@ -85,10 +76,9 @@ TEST_F(Takes, StopsThatMakeNoSense) {
   EXPECT_TRUE(probe.movies->writers.empty());
 }
 
-TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
+TEST_F(Takes, AreSavedBeforeTheProcessEnds) {
   startWithFrame();
   probe.signal(15);
-  probe.run();
   (*probe).shutdown(1);  // the first one counts
   EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 0}));
   EXPECT_TRUE(probe.process->exitCodes.empty());
@@ -96,24 +86,35 @@ TEST_F(Takes, ShutdownWaitsForTheTakeButNotForEver) {
   writer().complete(WriterStatus::completed);
   EXPECT_EQ(events("saved").size(), 1u);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
 
-  probe.restart();
-  startWithFrame();
-  probe.signal(2);
-  probe.clock->now = 1002.99;
-  probe.run();
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-  probe.clock->now = 1003.0;
-  probe.run();
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
-
-  probe.restart();
+TEST_F(Takes, EndTheProcessWhenTheyFailDuringAShutdown) {
   startWithFrame();
   feed(1001.1);
   probe.signal(15);
-  probe.lastSession().answer(-22, nullptr);  // a take that fails meanwhile ends it at once
+  probe.lastSession().answer(-22, nullptr);
   EXPECT_EQ(failure(), "camera encoding failed (-22)");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+}
+
+// The cause that the state queue hears of first decides the exit status, and the watchdog follows.
+TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
+  const Bytes command = {0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 'x'};
+  const Bytes truncatedFrame = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7, 0};
+  for (const int code : {0, 1}) {
+    probe.restart();
+    startWithFrame();
+    probe.process->input = code == 0 ? truncatedFrame : command;
+    if (code == 0) probe.failures->fail("writeOutput", 1, -EPIPE, /*more=*/9);
+    EXPECT_EQ(probe.readAll(), code == 0 ? "" : "invalid recording command");
+    EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, code}));
+    probe.clock->now = 1002.99;
+    probe.run();
+    EXPECT_TRUE(probe.process->exitCodes.empty());
+    probe.clock->now = 1003.0;
+    probe.run();
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{code});
+  }
 }
 
 }  // namespace
