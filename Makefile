@@ -1,19 +1,20 @@
-# The front door. Each verb installs what it needs, as root or with sudo.
+# The main commands. Each installs its dependencies, as root or with sudo.
 #
-#   make demo    build, feed the helper a moving picture, watch and record it (INPUT=file or camera; FRAMES=pipe)
-#   make view    the same picture, live in a browser, with a button to record
-#   make test    every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
-#   make bench   measure the helper beside other tools and beside what bounds it (half an hour)
-#   make fuzz    look for input that breaks it (MINUTES for each)
-#   make soak    takes and clients at random, at full speed (MINUTES)
-#   make lint    formatting and static analysis
-#   make package       Debian packages, looked at by lintian, into build/release/packages
-#   make package-test  and whether they work in a minimal Debian made for it (root)
-#   make arm64         build for 64-bit Arm, test it in an emulator, make its packages (root)
-#   make portable      the program as one file that needs nothing but glibc, into build/portable
-#   make portable-test and whether it works in a minimal Debian made for it (root)
-#   make fresh   demo and test in a minimal Debian made for it (root; half an hour)
-#                fresh, package-test and portable-test take SUITE=trixie; the default is bookworm
+#   make demo           build, feed a moving picture, watch and record it (INPUT=file or camera; FRAMES=pipe)
+#   make view           show the same picture live in a browser, with a button to record
+#   make test           run every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
+#   make bench          compare the helper with other tools and with its encoders alone (half an hour)
+#   make fuzz           run the fuzzers (MINUTES for each)
+#   make soak           run takes and clients at random, at full speed (MINUTES)
+#   make lint           check formatting, run static analysis
+#   make package        build Debian packages into build/release/packages, check them with lintian
+#   make package-test   build and test the packages in new minimal Debian systems (root)
+#   make arm64          build for 64-bit Arm, test in an emulator, build packages (root)
+#   make portable       build the program as one file that needs only glibc, into build/portable
+#   make portable-test  test that file in a new minimal Debian system (root)
+#   make fresh          run demo and test in a new minimal Debian system (root; half an hour)
+#
+# SUITE=trixie works with fresh, package-test and portable-test. The default is bookworm.
 
 JOBS ?= $(shell nproc)
 OUT ?= out

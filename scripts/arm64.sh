@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Builds for 64-bit Arm in a minimal Debian 12 made for it, with Debian's cross compiler, and runs the
-# unit tests, a preview and takes under qemu-user. The packages lie in build/arm64/packages afterwards.
-# Needs root and half an hour.
+# Builds for 64-bit Arm in a new minimal Debian 12, with Debian's cross compiler. Runs the unit tests, and the
+# preview and recording tests, under qemu-user. Leaves the packages in build/arm64/packages. Needs root and half an hour.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 SUITE=bookworm KEEP=build/arm64/packages KEEP_TO=arm64 scripts/fresh.sh scripts/arm64_inside.sh

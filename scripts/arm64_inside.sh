@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Inside the machine that scripts/fresh.sh makes: see scripts/arm64.sh.
+# Runs inside the system that scripts/fresh.sh makes: see scripts/arm64.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export DEBIAN_FRONTEND=noninteractive
@@ -14,10 +14,10 @@ cmake --preset arm64
 cmake --build --preset arm64 -j "$(nproc)"
 
 emulator=(qemu-aarch64 -cpu cortex-a76)
-# A death test starts its own program again, which only the emulator could.
+# Death tests start their own program again, which does not work outside the emulator.
 "${emulator[@]}" build/arm64/tests/lumora-unit-tests --gtest_filter='-HangDeathTest.*'
 
-# The tests start the helper themselves.
+# The tests start the helper as a program, so it needs a wrapper that starts the emulator.
 helper=$PWD/build/arm64/lumora-video-emulated
 printf '#!/bin/sh\nexec %s %s "$@"\n' "${emulator[*]}" "$PWD/build/arm64/src/lumora-video" >"$helper"
 chmod +x "$helper"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Says what keeps program $1 from running with glibc 2.36 and nothing else, or its size.
+# Fails if program $1 needs more than glibc 2.36, or is too large. Prints the reason, and the size.
 set -euo pipefail
 program=$1
 failed=0

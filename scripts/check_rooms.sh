@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc' | awk '
   function trim(text) { gsub(/^ +| +$/, "", text); return text }
   function contains(list, word) { return index(" " list " ", " " word " ") > 0 }
-  # The longest place that is the file or a folder above it.
+  # The longest place that is this file or one of its folders.
   function placeOf(file) {
     while (!(file in rooms) && file ~ /\//) sub(/\/[^\/]*$/, "", file)
     return file in rooms ? file : ""
@@ -45,7 +45,7 @@ git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc
       sub(/\/.*/, "", own)
       bad = folder[1] == own || contains(rooms[place], folder[1]) ? "" : "may not include " name
     } else if (bad == "") {
-      # Headers of C++ have no ending; those of POSIX are named here.
+      # C++ headers have no extension. POSIX headers are listed here.
       library = name ~ /\// ? folder[1] : name ~ /\.h$/ ? substr(name, 1, length(name) - 2) : ""
       posix = "sys netinet arpa fcntl netdb poll pthread spawn stdlib time unistd"
       free = library == "" || contains(posix, library) || contains(libraries[place], library)

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Runs the README's commands on a machine that has nothing: a minimal Debian with git and make, built
-# in a temporary folder, into which the committed state of this repository is cloned. Says which
-# command failed and shows the end of what it printed. Needs root and half an hour.
+# Runs the README's commands in a new minimal Debian with git and make. The system is made in a temporary
+# folder, and the committed state of this repository is cloned into it. Prints the last lines of each
+# command, and which command failed. Needs root and half an hour.
 #
-#   scripts/fresh.sh [COMMAND ...]     instead of "make demo" and "make test"
+#   scripts/fresh.sh [COMMAND ...]     default: "make demo" and "make test"
 #
-# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone that is copied into
-# build/KEEP_TO (default: SUITE) if every command succeeds.
+# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone. If every command succeeds, it
+# is copied into build/KEEP_TO (default: SUITE).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repository=$PWD
@@ -18,7 +18,7 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "make fresh needs root: it makes a root file system and mounts into it" >&2
   exit 1
 fi
-# In a mount namespace of its own, so that nothing stays mounted however this ends.
+# Uses its own mount namespace, so that nothing stays mounted however this ends.
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
   scripts/install_dependencies.sh mmdebstrap
   exec env FRESH_NAMESPACE=1 unshare --mount --propagation private scripts/fresh.sh "$@"
@@ -38,7 +38,7 @@ mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
 mount --bind -o ro "$repository" "$root/origin"
 cp /etc/hosts /etc/resolv.conf "$root/etc/"
-# The registries may stand behind certificates that this machine was taught to trust.
+# Downloads may need the additional certificates that this machine trusts.
 for certificate in /usr/local/share/ca-certificates/*.crt; do
   [ -e "$certificate" ] && cp "$certificate" "$root/usr/local/share/ca-certificates/"
 done

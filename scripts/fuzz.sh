@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the fuzzers with clang and runs each for so many minutes, one per processor at a time:
+# Builds the fuzzers with clang and runs each for MINUTES, JOBS of them at a time:
 #   scripts/fuzz.sh JOBS MINUTES
-# What a fuzzer finds lies in build/fuzz/fuzz/found/; with a name of such a file it runs just that.
+# Findings are in build/fuzz/fuzz/found/. To replay one, start the fuzzer with the name of that file.
 set -euo pipefail
 jobs=$1
 seconds=$(($2 * 60))
@@ -21,5 +21,5 @@ fuzz() {
 }
 export -f fuzz
 export seconds
-# Ends with a failure if one of them does.
+# Fails if one of them fails.
 printf '%s\0' build/fuzz/fuzz/fuzz-* | xargs -0 -n 1 -P "$jobs" bash -c 'fuzz "$0"'

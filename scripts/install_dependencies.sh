@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing; silent and quick when none is. Takes further
-# package names as arguments.
+# Installs missing Debian packages. Prints nothing if none is missing. Arguments are the names of further
+# packages.
 set -euo pipefail
 
 packages=(

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Formatting, static analysis, and the repository's own rules.
+# Checks formatting, the repository's own rules, and static analysis.
 set -euo pipefail
 jobs=${1:-2}
 cd "$(dirname "$0")/.."
@@ -18,7 +18,7 @@ for entry in '"version"' '"lumora-video-linux-x64"'; do
 done
 
 cmake --preset debug >/dev/null
-# Of Asio and Beast the declarations are enough: what stands in their headers is not ours.
+# Reads only the declarations of Asio and Beast, since their code is not ours to check.
 git ls-files 'src/*.cpp' 'client/*.cpp' 'tools/*.cpp' ':!client/example' |
   xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet \
     --extra-arg=-DBOOST_ASIO_SEPARATE_COMPILATION --extra-arg=-DBOOST_BEAST_SEPARATE_COMPILATION

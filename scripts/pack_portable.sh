@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Packs the program that scripts/portable.sh has built in folder $1: an archive and an npm package,
-# both with the licences and the exact sources.
+# Packs the program that scripts/portable.sh has built in folder $1 into an archive and an npm package. Both
+# have the licences and a list of the exact sources.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$1
@@ -40,7 +40,7 @@ commit=$(git describe --always --dirty --abbrev=40 --exclude="*")
   echo "package lumora-video."
 } >"$content/SOURCES.txt"
 
-# The same content is the same archive.
+# The same content makes the same archive.
 epoch=$(dpkg-parsechangelog -l packaging/changelog -S Timestamp)
 tar --create --sort=name --mtime="@$epoch" --owner=0 --group=0 --numeric-owner --mode=u+rw,go=rX \
   --transform="s,^\.,$name," -C "$content" . | gzip -9 -n >"$packages/$name.tar.gz"
@@ -61,7 +61,7 @@ cat >"$content/package.json" <<END
 END
 cat >"$content/index.js" <<'END'
 'use strict';
-// Nothing can be run inside Electron's archive: the packager leaves programs beside it.
+// A program cannot run inside Electron's archive, so the packager puts it into a folder beside the archive.
 const inside = /([\\/])app\.asar([\\/])/;
 exports.path = require('node:path').join(__dirname, 'lumora-video').replace(inside, '$1app.asar.unpacked$2');
 END

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Makes the Debian packages in build/release/packages; an error of lintian's is one of ours.
+# Builds the Debian packages in build/release/packages. Fails if lintian reports an error.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_dependencies.sh scdoc lintian dpkg-dev file

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Builds lumora-video as one program that needs glibc 2.36 and nothing else, and packs it, as an
-# archive and as an npm package, into build/portable/packages.
+# Builds lumora-video as one program that needs only glibc 2.36. Packs it into an archive and an npm package
+# in build/portable/packages.
 #
-# FFmpeg, x264 and Highway are built from Debian's source packages with nothing but what is used.
-# Built twice, in whatever folder, it is the same file.
+# FFmpeg, x264 and Highway are built from Debian's source packages, with only the parts that are used.
+# The build is reproducible: every build makes the same file, in any folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-2}
@@ -21,7 +21,7 @@ stage=$build/stage
 rm -rf "$build"
 mkdir -p "$sources" "$stage"
 
-# The system's own list of packages, as a list of sources.
+# Downloads source packages from the same places as the system's packages.
 fetchSources() {
   local apt=$build/apt
   mkdir -p "$apt/parts" "$apt/lists/partial"
@@ -41,9 +41,9 @@ sourceFolder() {
   echo "$sources/$1"-*/
 }
 
-# So that the linker can leave out what is not used.
+# With these the linker can remove unused code.
 sections="-ffunction-sections -fdata-sections"
-# Nothing that is built may know where: x264 and FFmpeg are compiled by relative names.
+# The program must not contain the path of the build. x264 and FFmpeg are compiled with relative paths anyway.
 ourFlags="-O2 $sections -ffile-prefix-map=$PWD=."
 export PKG_CONFIG_SYSROOT_DIR=$stage
 export PKG_CONFIG_LIBDIR=$stage/usr/lib/pkgconfig:/usr/lib/x86_64-linux-gnu/pkgconfig:/usr/share/pkgconfig

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the end-to-end tests with the portable program inside a minimal Debian of SUITE: the tests and
-# their ffmpeg are this machine's. Tests that load a library in front of the helper, or leave it few
-# descriptors, run it here.
+# Runs the end-to-end tests of this machine. The portable program runs inside a new minimal Debian of SUITE,
+# the tests and ffmpeg on this machine. Tests that preload a library into the helper, leave it few descriptors
+# or start the viewer run the program on this machine, too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
@@ -17,7 +17,7 @@ mmdebstrap --quiet --variant=minbase "$SUITE" "$root"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
 cp /etc/hosts "$root/etc/"
-# What the tests mount on their folders appears there, too.
+# Shared, so that mounts that a test makes in its folder are visible there, too.
 mount --bind /tmp /tmp
 mount --make-shared /tmp
 mount --bind /tmp "$root/tmp"

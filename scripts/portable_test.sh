@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Tries what scripts/portable.sh has packed: in a minimal Debian of SUITE that has no FFmpeg, as a new
-# user would (scripts/try_portable.sh), and with the end-to-end tests of this machine, whose helper
-# then runs inside such a Debian. Needs root and some minutes.
+# Tests the packages of scripts/portable.sh in two ways. As a new user would, in a new minimal Debian of SUITE
+# without FFmpeg: scripts/try_portable.sh. With the end-to-end tests of this machine, while the helper runs
+# inside such a Debian: scripts/portable_e2e.sh. Needs root and some minutes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export SUITE=${SUITE:-bookworm}

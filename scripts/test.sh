@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds and runs every test three times: as shipped, under AddressSanitizer + UBSan, and under
-# ThreadSanitizer; then the fuzzers for a few seconds each. The runner's summaries stand at the end.
+# ThreadSanitizer. Then runs each fuzzer for a few seconds. Prints summaries at the end.
 set -euo pipefail
 jobs=${1:-2}
 
-# The browser tests drive Chromium with a package from npm; the audience's servers are Debian's.
+# The browser tests control Chromium with a package from npm. The audience tests use Debian's servers.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
 scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mod-rtmp srt-tools \
   "${node[@]}"
@@ -20,8 +20,8 @@ summaries=()
 for preset in "${presets[@]}"; do
   echo "== Tests, $preset"
   log="build/$preset/tests.log"
-  # Tests start helpers and encoders of their own: one at a time on the real build, whose
-  # behaviour under load is not what they are about.
+  # One test at a time, since each starts its own helpers and encoders, and no test is about behaviour under
+  # load.
   ctest --preset "$preset" --no-tests=error -j 1 2>&1 | tee "$log" || status=1
   summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish')")
   while read -r failed; do summaries+=("  $failed"); done < <(

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Inside the machine that scripts/fresh.sh makes: installs the packages that were built outside, runs
-# the demo, builds the client library's example through CMake and through pkg-config, packs the Node
-# client and installs it into an application, and runs all of them.
+# Runs inside the system that scripts/fresh.sh makes. Installs the packages that were built outside and runs the
+# demo. Builds the example of the client library with CMake and with pkg-config. Packs the Node client and
+# installs it into an application. Runs all three.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=("/origin/build/$SUITE/packages/"*.deb)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Inside the machine that scripts/fresh.sh makes, which has no FFmpeg: installs the packed files of
-# build/portable in an application, as a new user would, and records a take with what is found.
+# Runs inside the system that scripts/fresh.sh makes, which has no FFmpeg. Installs the packages of
+# build/portable into an application, as a new user would, and records a take with it.
 set -euo pipefail
 packages=/origin/build/portable/packages
 export DEBIAN_FRONTEND=noninteractive
