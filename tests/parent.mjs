@@ -1,11 +1,21 @@
+// What the tests in JavaScript share: a folder, and a small parent of a helper.
+
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
 import readline from 'node:readline';
+
+// Removed at the end of the test.
+export const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-test-'));
+export const inFolder = (name) => path.join(folder, name);
+process.on('exit', () => fs.rmSync(folder, { recursive: true }));
 
 // With the token of the parent's stream.
 export const environment = { ...process.env, TAVO_VIDEO_TOKEN: 'token-of-the-parent-0123' };
 
-// A parent in small: starts a helper and feeds it greys, each a little lighter, at most 60 times a second.
+// Starts a helper and feeds it grey pictures, each a little lighter, at most 60 times a second.
 // `ids` are those of the frames that were fed.
 export async function startParent(helper) {
   const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: environment });
@@ -27,7 +37,7 @@ export async function startParent(helper) {
     const number = parent.ids.push(Number(id));
     frame.writeBigUInt64BE(id, 8);
     frame.fill(number % 256, 16);
-    frame.fill((number >> 8) * 37 % 256, 16, 16 + 640 * 90 * 4); // so that no picture comes twice
+    frame.fill((number >> 8) * 37 % 256, 16, 16 + 640 * 90 * 4); // so that all pictures differ
     program.stdin.write(frame);
   }, 16);
   program.on('exit', () => clearInterval(timer));

@@ -10,9 +10,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <stdexcept>
 
-#include "tools/frame_source.h"
 #include "tools/paced_run.h"
 #include "tools/programs.h"
 

@@ -9,13 +9,9 @@
 #include <system_error>
 
 #include "tools/programs.h"
-#include "tools/test_card.h"
 
 namespace lumora::tools {
 namespace {
-
-constexpr int pipeBytes =
-    1 << 20;  // the most that any user may have; the helper's pipe has it, too
 
 std::string environment(const char* name) {
   const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
@@ -30,6 +26,7 @@ CommandSource::CommandSource(const std::string& command, client::FrameSize size,
       pipe_(popen(command.c_str(), "re")),
       frame_(size.bytes()) {
   if (!pipe_) throw std::system_error(errno, std::generic_category(), command);
+  constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
   fcntl(fileno(pipe_.get()), F_SETPIPE_SZ, pipeBytes);
 }
 

@@ -2,12 +2,7 @@
 
 // Where frames come from, and how they go to the helper.
 
-#include <cstdint>
 #include <cstdio>
-#include <memory>
-#include <span>
-#include <string>
-#include <vector>
 
 #include <lumora/helper.h>
 
@@ -23,6 +18,20 @@ class FrameSource {
   // Frame `number`, from 1, in which a test card shows `seconds`; empty at the end. Valid until the
   // next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
+};
+
+// A moving test card: colour bars and a fine pattern that scroll, and a clock that tells frames
+// apart. It is cheap to draw, so that a measurement sees the helper and not the card.
+class TestCard final : public FrameSource {
+ public:
+  explicit TestCard(client::FrameSize size);
+  client::FrameSize size() const override { return size_; }
+  std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
+
+ private:
+  client::FrameSize size_;
+  std::vector<std::uint8_t> wide_;  // bars and pattern, twice as wide as the picture
+  std::vector<std::uint8_t> frame_;
 };
 
 // Frames that a shell command writes to its standard output.

@@ -5,9 +5,7 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
-#include <utility>
 
 #include <lumora/stream_client.h>
 #include "tools/programs.h"
@@ -65,6 +63,7 @@ class Run {
       }
       if (options_.beforeFrame) options_.beforeFrame(helper_, number);
       helper_.writeFrame(source_.size(), nextID(), rgba);
+      if (helper_.exited()) break;
       if (progress && number % static_cast<std::uint64_t>(options_.framesPerSecond) == 0) {
         progress(report());
       }

@@ -3,12 +3,6 @@
 // One timed run of a helper, driven as an application drives it: frames at a steady rate, clients
 // that watch the stream, perhaps a take. For the demo and the benchmarks.
 
-#include <functional>
-#include <optional>
-#include <string>
-#include <vector>
-
-#include <lumora/helper.h>
 #include "tools/frame_source.h"
 
 namespace lumora::tools {

@@ -26,10 +26,7 @@ double statusNumber(pid_t process, const std::string& key) {
 std::string shellQuoted(const std::string& text) {
   std::string quoted = "'";
   for (const char character : text) {
-    if (character == '\'')
-      quoted += "'\\''";
-    else
-      quoted += character;
+    quoted += character == '\'' ? "'\\''" : std::string(1, character);
   }
   return quoted + "'";
 }

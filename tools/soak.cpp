@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -15,12 +14,10 @@
 #include <fstream>
 #include <random>
 #include <thread>
-#include <vector>
 
-#include <lumora/helper.h>
 #include <lumora/stream_client.h>
+#include "tools/frame_source.h"
 #include "tools/programs.h"
-#include "tools/test_card.h"
 
 namespace {
 
@@ -33,11 +30,12 @@ constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
 constexpr int rates[] = {15, 30, 45, 60};
 constexpr double patience = 20;  // seconds, for the end of a take
 constexpr int takesBetweenRests = 4;
-constexpr std::size_t fewestRests = 4;                          // that show a trend
-constexpr double mostMegabytes = 200;                           // at any time
-constexpr double growthMegabytes = 12;                          // from the first rests to the last
-constexpr double threadsOfSpareEncoders = 6;                    // come and go with their settings
-constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // that are kept to be decoded
+constexpr unsigned longestTake = 120;         // seconds, from its start to the next one's
+constexpr std::size_t fewestRests = 4;        // that show a trend
+constexpr double mostMegabytes = 200;         // at any time
+constexpr double growthMegabytes = 12;        // from the first rests to the last
+constexpr double threadsOfSpareEncoders = 6;  // come and go with their settings
+constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // of one client
 
 // Ends the run. Any thread.
 [[noreturn]] void fail(const std::string& problem) {
@@ -75,7 +73,10 @@ class Soak {
       {
         const std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
         const std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
-        for (int i = 0; i < takesBetweenRests; ++i) take();
+        for (int i = 0; i < takesBetweenRests; ++i) {
+          alarm(longestTake);  // ends us if anything hangs
+          take();
+        }
       }
       rest(uptime() - begun);
     }
@@ -126,13 +127,13 @@ class Soak {
       const auto units = client::toAnnexB(packet);
       access.insert(access.end(), units.begin(), units.end());
       if (packet.type != client::Packet::Type::frame) return;
-      if (bytes < mostStreamBytes) {
-        file.write(reinterpret_cast<const char*>(access.data()), std::ssize(access));
-        bytes += access.size();
-      }
+      file.write(reinterpret_cast<const char*>(access.data()), std::ssize(access));
+      bytes += access.size();
       access.clear();
     };
-    viewer.watch(keep, [&] { return !stop.stop_requested() && uptime() < until; });
+    viewer.watch(keep, [&] {
+      return !stop.stop_requested() && uptime() < until && bytes < mostStreamBytes;
+    });
     if (viewer.isClosed()) fail("a client that acknowledges was dropped");
     return bytes > 0;
   }
@@ -144,7 +145,7 @@ class Soak {
         helper_.startTake({.path = folder_ / ("take-" + std::to_string(takes_) + ".mp4"),
                            .resolution = oneOf(resolutions),
                            .targetFPS = oneOf(rates),
-                           .steady = oneOf(std::array{true, false})});
+                           .steady = random_() % 2 == 0});
     pauseFor(std::uniform_real_distribution<double>(0.5, 6)(random_));
     take.stop();
     const auto end = take.waitForEnd(patience);

@@ -1,4 +1,3 @@
-#include "tools/test_card.h"
 
 #include <algorithm>
 #include <array>
@@ -6,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+
+#include "tools/frame_source.h"
 
 namespace lumora::tools {
 namespace {

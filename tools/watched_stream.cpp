@@ -1,51 +1,36 @@
 #include "tools/watched_stream.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include <lumora/uptime.h>
 
 namespace lumora::tools {
-namespace {
-
-constexpr std::chrono::milliseconds pauseBeforeRetry{250};
-
-void pauseUnlessStopped(const std::stop_token& stop) {
-  std::mutex unshared;
-  std::unique_lock hold(unshared);
-  std::condition_variable_any stopped;
-  stopped.wait_for(hold, stop, pauseBeforeRetry, [] { return false; });
-}
-
-}  // namespace
-
-WatchedStream::WatchedStream(HelperAddress from, Handlers handlers)
-    : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
 std::string WatchedStream::watch(const std::stop_token& stop, double patience) {
   lastReceived_ = client::uptime();
   for (;;) {
     std::string why = watchOnce(stop);
+    {
+      const std::lock_guard hold(mutex_);
+      stream_.reset();
+    }
     if (stop.stop_requested() || client::uptime() - lastReceived_ >= patience) return why;
     if (handlers_.failed) handlers_.failed(why);
-    pauseUnlessStopped(stop);
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
   }
-}
-
-void WatchedStream::connect() {
-  client::StreamClient made(from_.host, from_.port);
-  made.sayHello(from_.token);
-  const std::lock_guard hold(mutex_);
-  stream_ = std::move(made);
 }
 
 // One connection, until it ends: why it did.
 std::string WatchedStream::watchOnce(const std::stop_token& stop) {
   const std::string place = from_.host + ", port " + std::to_string(from_.port);
   try {
-    connect();
+    client::StreamClient made(from_.host, from_.port);
+    made.sayHello(from_.token);
+    const std::lock_guard hold(mutex_);
+    stream_ = std::move(made);
   } catch (const std::system_error& error) {
     return "There is no helper at " + place + " (" + error.what() + ").";
   }
@@ -62,6 +47,7 @@ std::string WatchedStream::watchOnce(const std::stop_token& stop) {
     if (!std::exchange(connected, true) && handlers_.connected) handlers_.connected();
     handlers_.packet(*std::move(packet));
   }
+  if (connected) lastReceived_ = client::uptime();
   return connected
              ? "The helper has closed the stream."
              : "The helper closed the connection at once. Is the token wrong, or do two clients "

@@ -1,11 +1,7 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
 #include <mutex>
-#include <optional>
 #include <stop_token>
-#include <string>
 
 #include <lumora/stream_client.h>
 
@@ -26,21 +22,22 @@ class WatchedStream {
     std::function<void()> connected = {};                     // before the first packet; optional
     std::function<void(const std::string& why)> failed = {};  // before a retry; optional
   };
-  WatchedStream(HelperAddress from, Handlers handlers);
+  WatchedStream(HelperAddress from, Handlers handlers)
+      : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested, or nothing has come for `patience` seconds. Returns why the
-  // last connection ended. Waits 250 ms before each retry. Throws what the handlers throw.
+  // Watches until `stop` is requested, or no connection has brought a packet for `patience`
+  // seconds. Returns why the last one ended. Sleeps for 250 ms before each retry. Throws what the
+  // handlers throw.
   std::string watch(const std::stop_token& stop, double patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
 
  private:
-  void connect();
   std::string watchOnce(const std::stop_token& stop);
 
   const HelperAddress from_;
   const Handlers handlers_;
-  double lastReceived_ = 0;  // uptime of the last packet, or of the start
+  double lastReceived_ = 0;  // uptime at which a stream last brought packets, or of the start
   std::mutex mutex_;         // guards the exchange of `stream_`
   std::optional<client::StreamClient> stream_;
 };

@@ -3,13 +3,10 @@
 #include "app/video_encoder.h"
 
 #include <csignal>
-#include <utility>
 
 #include "app/event.h"
-#include "base/limits.h"
 #include "base/out_of_memory.h"
 #include "encode/session_settings.h"
-#include "record/recording_profile.h"
 
 namespace lumora {
 
@@ -17,7 +14,7 @@ void VideoEncoder::start() {
   platform.encoders->prepare(
       sessionSettings(SessionKind::preview,
                       {configuration.previewWidth, configuration.previewHeight}, previewTargetFPS),
-      RecordingProfile::defaultProfile().sessionSettings());
+      defaultProfile.sessionSettings());
   platform.stateQueue->setFailureHandler(weakly(&VideoEncoder::fail));
   listener = platform.network->makeListener(configuration.host, configuration.port);
   listener->setConnectionHandler(weakly(&VideoEncoder::accept));
@@ -47,15 +44,14 @@ void VideoEncoder::becomeReady() {
         {"port", listener->port()},
         {"recording_hd", true},
         {"recording_mirror", true},
-        {"recording_width", mirroredRecordingWidth},
-        {"recording_height", mirroredRecordingHeight},
+        {"recording_width", defaultProfile.width},
+        {"recording_height", defaultProfile.height},
         {"recording_profiles", true},
         {"recording_timebase", true}});
   emitStats(true);
   listener->acceptConnections();
   platform.dispatch->runDetached("lumora.reader", weakly(&VideoEncoder::readFrames));
-  platform.encoders->warmUp(RecordingProfile::defaultProfile().sessionSettings(),
-                            RecordingProfile::largestProfile().sessionSettings());
+  platform.encoders->warmUp(defaultProfile.sessionSettings(), largestProfile.sessionSettings());
 }
 
 void VideoEncoder::serviceTickLater() {
@@ -72,7 +68,7 @@ void VideoEncoder::serviceTick() {
 void VideoEncoder::fail(const std::string& message) {
   // First, since the next steps need memory and may throw.
   platform.process->armWatchdog(watchdogTimeout, 1);
-  emit(errorEvent(message));
+  bestEffort([&] { emit(errorEvent(message)); });
   shutdown(1);
 }
 

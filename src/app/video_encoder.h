@@ -4,23 +4,13 @@
 // folder of its subsystem. Everything runs on the state queue, without locks, unless a comment
 // names another thread.
 
-#include <cstdint>
-#include <functional>
 #include <limits>
-#include <memory>
-#include <optional>
 #include <semaphore>
-#include <string>
-#include <system_error>
 #include <utility>
-#include <vector>
 
 #include "app/options.h"
-#include "base/json.h"
 #include "base/limits.h"
-#include "encode/raw_encoding_completion.h"
 #include "input/raw_frame.h"
-#include "platform/platform.h"
 #include "record/current_take.h"
 #include "stream/preview.h"
 

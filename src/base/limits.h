@@ -25,9 +25,6 @@ constexpr double helloTimeout = 1.0;                    // seconds from accept t
 // Seconds that a frame may stay unacknowledged, and that the network may take for one send.
 constexpr double acknowledgementTimeout = 0.5;
 
-constexpr int mirroredRecordingWidth = 1080;  // pixels of the default recording profile
-constexpr int mirroredRecordingHeight = 720;
-
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
 constexpr double prepareTimeout = 0.5;     // seconds that "ready" waits for an encoder
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish

@@ -8,19 +8,20 @@ namespace lumora {
 namespace {
 
 using WaitClock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds pause{10};
+constexpr std::chrono::milliseconds beforeRetry{10};
+constexpr std::chrono::milliseconds betweenShortages{100};
 constexpr std::chrono::seconds longestShortage{1};
 
-// `new` calls this until it succeeds. Calls less than a second apart belong to one shortage, so
-// code that handles std::bad_alloc does not wait again.
+// `new` calls this until it succeeds. Calls that follow each other closely belong to one shortage,
+// so code that handles std::bad_alloc does not wait again.
 void waitBriefly() {
   thread_local WaitClock::time_point began;
   thread_local WaitClock::time_point latest;
   const auto now = WaitClock::now();
-  if (now - latest > longestShortage) began = now;
+  if (now - latest > betweenShortages) began = now;
   latest = now;
   if (now - began >= longestShortage) throw std::bad_alloc();
-  std::this_thread::sleep_for(pause);
+  std::this_thread::sleep_for(beforeRetry);
 }
 
 }  // namespace

@@ -5,16 +5,12 @@
 #include <system_error>
 
 namespace lumora {
-namespace {
-
-bool continuesCharacter(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
-
-}  // namespace
 
 std::string firstCharacters(const std::string& text, std::size_t count) {
   std::size_t end = 0;
   for (std::size_t taken = 0; end < text.size(); ++end) {
-    if (continuesCharacter(text[end])) continue;
+    const bool continuesCharacter = (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80;
+    if (continuesCharacter) continue;
     if (taken++ == count) break;
   }
   return text.substr(0, end);

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 
 #include "codec/libav_encoder.h"
 

@@ -76,7 +76,7 @@ void EncoderPool::beginRelease(const EncoderRequest& request) {
 
 void EncoderPool::release(const EncoderRequest& request, OpenedEncoder opened) {
   if (opened.encoder && !opened.isSubstitute) {
-    keep(*request.codec, request.settings, std::move(opened));
+    bestEffort([&] { keep(*request.codec, request.settings, std::move(opened)); });
   }
   opened.encoder.reset();
   {

@@ -7,9 +7,7 @@
 #include <array>
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <stop_token>
 

@@ -5,7 +5,6 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>

@@ -3,12 +3,10 @@
 // An open H.264 encoder of libavcodec. Takes RGB pictures and answers each with a sample at once.
 // The caller serialises the calls.
 
-#include <memory>
 #include <string>
 
 #include "base/picture_memory.h"
 #include "codec/libav_support.h"
-#include "platform/compression.h"
 #include "platform/encoder_settings.h"
 
 namespace lumora {

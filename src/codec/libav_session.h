@@ -4,11 +4,8 @@
 // encoder, encodes one frame after the other and releases the encoder. The state queue never waits
 // for that, so a take that starts or stops does not delay the preview.
 
-#include <memory>
-
 #include "codec/encoder_pool.h"
 #include "codec/memory_pixel_buffers.h"
-#include "platform/compression.h"
 
 namespace lumora {
 

@@ -82,10 +82,8 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     // Kept first: the session that sees `hardware_` gets this encoder.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
-    stateQueue_->async([self = shared_from_this(), take] {
-      // A take that was started keeps the encoder that is opened for it.
-      if (self->nextTake_ == nullptr) self->openTakeAhead(self->available(), take);
-    });
+    stateQueue_->async(
+        [self = shared_from_this(), take] { self->openTakeAhead(self->available(), take); });
     return;
   }
 }

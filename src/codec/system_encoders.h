@@ -5,11 +5,6 @@
 // software until then, and those that are open stay in software. Otherwise sessions wait for the
 // hardware that the user asked for.
 
-#include <atomic>
-#include <future>
-#include <mutex>
-#include <stop_token>
-
 #include "base/process_heap.h"
 #include "codec/allowed_encoders.h"
 #include "codec/encoder_pool.h"

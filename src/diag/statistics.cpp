@@ -56,8 +56,9 @@ void VideoEncoder::addDiagnostics(Json& event) const {
   event["max_unacked_observed"] = preview.maxUnacknowledgedObserved;
   event["preview_width"] = preview.width;
   event["preview_height"] = preview.height;
-  event["record_width"] = take.recording.recordingWidth;
-  event["record_height"] = take.recording.recordingHeight;
+  const auto& movie = take.recording.movie;
+  event["record_width"] = movie ? movie->profile.width : 0;
+  event["record_height"] = movie ? movie->profile.height : 0;
   event["record_encoded_frames"] = take.recordingEncodedFrames;
   event["record_encode_ms"] = take.recordingEncodeMilliseconds;
   event["record_encoder_failures"] = take.recordingEncoderFailures;

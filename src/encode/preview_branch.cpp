@@ -1,11 +1,8 @@
 // The preview branch of the encode pipeline. A failure here ends the process.
 
-#include <utility>
-
 #include "app/video_encoder.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
-#include "encode/picture_size.h"
 #include "encode/pixel_buffer.h"
 #include "encode/session_settings.h"
 

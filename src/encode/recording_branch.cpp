@@ -1,7 +1,6 @@
 // The recording branch of the encode pipeline. A failure here ends the take, never the process.
 
 #include <algorithm>
-#include <utility>
 
 #include "app/video_encoder.h"
 #include "base/text.h"
@@ -19,15 +18,13 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
   try {
     prepareRecordingSession(frame, movie);
     RecordingSession& recording = take.recording;
-    auto buffer =
-        pixelBuffer(frame, *recording.recordingSession, Placement::aspectFit, *platform.images);
-    ++recording.recordingOrdinal;
-    submit(*recording.recordingSession, std::move(buffer),
-           {recording.recordingOrdinal, movie->profile.targetFPS},
-           std::exchange(recording.recordingForceIDR, false), completion, "camera frame submission",
+    auto buffer = pixelBuffer(frame, *recording.session, Placement::aspectFit, *platform.images);
+    ++recording.ordinal;
+    submit(*recording.session, std::move(buffer), {recording.ordinal, movie->profile.targetFPS},
+           std::exchange(recording.forceIDR, false), completion, "camera frame submission",
            weakly(&VideoEncoder::recordingEncoded, movie, frame.capturedAt));
   } catch (const std::exception& failure) {
-    take.abandon(movie, reasonOf(failure));
+    take.abandon(reasonOf(failure));
   }
 }
 
@@ -35,20 +32,14 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
 void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
                                            const std::shared_ptr<MovieRecorder>& movie) {
   RecordingSession& recording = take.recording;
-  if (recording.recordingSession) {
-    if (frame.width == recording.recordingSourceWidth &&
-        frame.height == recording.recordingSourceHeight) {
-      return;
-    }
+  const PictureSize camera{frame.width, frame.height};
+  if (!recording.session) {
+    recording = {.session = compressionSession(movie->profile.sessionSettings()),
+                 .movie = movie,
+                 .camera = camera};
+  } else if (recording.camera != camera) {
     throw EncoderFailure::message("camera recording dimensions changed during this take");
   }
-  const RecordingProfile& profile = movie->profile;
-  recording = {.recordingSession = compressionSession(profile.sessionSettings()),
-               .recordingSessionMovie = movie,
-               .recordingWidth = profile.width,
-               .recordingHeight = profile.height,
-               .recordingSourceWidth = frame.width,
-               .recordingSourceHeight = frame.height};
 }
 
 void VideoEncoder::recordingEncoded(const std::shared_ptr<MovieRecorder>& movie, double capturedAt,
@@ -58,19 +49,19 @@ void VideoEncoder::recordingEncoded(const std::shared_ptr<MovieRecorder>& movie,
   try {
     if (encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0) {
       movie->countDropped();
-      take.recording.recordingForceIDR = true;
+      take.recording.forceIDR = true;
       return;
     }
     encoded.require("camera encoding");
     const bool keyframe = recordingKeyframe(*encoded.sample);
     ++take.recordingEncodedFrames;
     if (!movie->append(encoded.sample, capturedAt, keyframe)) {
-      take.recording.recordingForceIDR = true;
+      take.recording.forceIDR = true;
     }
     take.maximumMovieWorkObserved =
         std::max<std::int64_t>(take.maximumMovieWorkObserved, movie->pendingWork());
   } catch (const std::exception& failure) {
-    take.abandon(movie, reasonOf(failure));
+    take.abandon(reasonOf(failure));
   }
 }
 

@@ -1,7 +1,5 @@
 // Makes the compression sessions of both branches, and submits frames to them.
 
-#include <utility>
-
 #include "app/video_encoder.h"
 #include "encode/encoder_failure.h"
 

@@ -20,10 +20,10 @@ void VideoEncoder::readFrames() {
       const RecordHeader header = decodeRecordHeader(bytes);
       header.isCommand() ? readCommand(header) : readFrame(header);
     }
-    requestShutdown();
   } catch (const std::exception& error) {
-    requestFailure(reasonOf(error));
+    return requestFailure(reasonOf(error));
   }
+  requestShutdown();
 }
 
 bool VideoEncoder::readExactly(MutableByteView space) {

@@ -142,14 +142,7 @@ void colour(Bytes& bytes, const ColourDescription& codes) {
   u8(bytes, codes.fullRange ? 0x80 : 0);
 }
 
-// 14496-12, 12.1.4: square pixels.
-void pixelAspect(Bytes& bytes) {
-  const Box box(bytes, "pasp");
-  u32(bytes, 1);
-  u32(bytes, 1);
-}
-
-// 14496-12, 12.1.3
+// 14496-12, 12.1.3 and 12.1.4
 void sampleEntry(Bytes& bytes, const FormatDescription& format) {
   const Box box(bytes, "avc1");
   zeros(bytes, 6);
@@ -166,7 +159,9 @@ void sampleEntry(Bytes& bytes, const FormatDescription& format) {
   u16(bytes, 0xFFFF);
   decoderConfiguration(bytes, format);
   colour(bytes, format.colour());
-  pixelAspect(bytes);
+  const Box squarePixels(bytes, "pasp");
+  u32(bytes, 1);
+  u32(bytes, 1);
 }
 
 // 14496-12, 8.5.2
@@ -196,24 +191,24 @@ void runs(Bytes& bytes, const Values& values, Append append) {
 // 14496-12, 8.6.1.2
 void timeToSample(Bytes& bytes, const MovieTables& tables) {
   const Box box(bytes, "stts", 0, 0);
-  runs(bytes, tables.durations(), [&](std::size_t from, std::size_t to) {
+  runs(bytes, tables.durations, [&](std::size_t from, std::size_t to) {
     u32(bytes, static_cast<std::uint32_t>(to - from));
-    u32(bytes, tables.durations()[from]);
+    u32(bytes, tables.durations[from]);
   });
 }
 
 // 14496-12, 8.6.2
 void syncSamples(Bytes& bytes, const MovieTables& tables) {
   const Box box(bytes, "stss", 0, 0);
-  u32(bytes, static_cast<std::uint32_t>(tables.keyframes().size()));
-  for (const std::uint32_t number : tables.keyframes()) u32(bytes, number);
+  u32(bytes, static_cast<std::uint32_t>(tables.keyframes.size()));
+  for (const std::uint32_t number : tables.keyframes) u32(bytes, number);
 }
 
 // 14496-12, 8.7.4
 void sampleToChunk(Bytes& bytes, const MovieTables& tables) {
   std::vector<std::uint32_t> counts;
-  counts.reserve(tables.chunks().size());
-  for (const MovieChunk& chunk : tables.chunks()) counts.push_back(chunk.samples);
+  counts.reserve(tables.chunks.size());
+  for (const MovieChunk& chunk : tables.chunks) counts.push_back(chunk.samples);
   const Box box(bytes, "stsc", 0, 0);
   runs(bytes, counts, [&](std::size_t from, std::size_t) {
     u32(bytes, static_cast<std::uint32_t>(from + 1));
@@ -226,13 +221,13 @@ void sampleToChunk(Bytes& bytes, const MovieTables& tables) {
 void sampleSizes(Bytes& bytes, const MovieTables& tables) {
   const Box box(bytes, "stsz", 0, 0);
   u32(bytes, 0);
-  u32(bytes, static_cast<std::uint32_t>(tables.sizes().size()));
-  for (const std::uint32_t size : tables.sizes()) u32(bytes, size);
+  u32(bytes, static_cast<std::uint32_t>(tables.sizes.size()));
+  for (const std::uint32_t size : tables.sizes) u32(bytes, size);
 }
 
 // 14496-12, 8.7.5
 void chunkOffsets(Bytes& bytes, const MovieTables& tables) {
-  const auto& chunks = tables.chunks();
+  const auto& chunks = tables.chunks;
   const bool wide =
       !chunks.empty() && chunks.back().offset > std::numeric_limits<std::uint32_t>::max();
   const Box box(bytes, wide ? "co64" : "stco", 0, 0);
@@ -256,22 +251,19 @@ void sampleTable(Bytes& bytes, const FormatDescription& format, const MovieTable
   chunkOffsets(bytes, tables);
 }
 
-// 14496-12, 8.7.1 and 8.7.2: the samples are in this file.
-void dataInformation(Bytes& bytes) {
-  const Box box(bytes, "dinf");
-  const Box references(bytes, "dref", 0, 0);
-  u32(bytes, 1);
-  const Box location(bytes, "url ", 0, 1);
-}
-
-// 14496-12, 8.4.4 and 12.1.2
+// 14496-12, 8.4.4, 12.1.2, 8.7.1 and 8.7.2
 void mediaInformation(Bytes& bytes, const FormatDescription& format, const MovieTables& tables) {
   const Box box(bytes, "minf");
   {
     const Box header(bytes, "vmhd", 0, 1);
     zeros(bytes, 8);
   }
-  dataInformation(bytes);
+  {
+    const Box information(bytes, "dinf");
+    const Box references(bytes, "dref", 0, 0);
+    u32(bytes, 1);
+    const Box thisFile(bytes, "url ", 0, 1);
+  }
   sampleTable(bytes, format, tables);
 }
 
@@ -279,9 +271,9 @@ void mediaInformation(Bytes& bytes, const FormatDescription& format, const Movie
 void track(Bytes& bytes, const FormatDescription& format, const MovieTables& tables,
            std::uint64_t created) {
   const Box box(bytes, "trak");
-  trackHeader(bytes, format, tables.duration(), created);
+  trackHeader(bytes, format, tables.duration, created);
   const Box media(bytes, "mdia");
-  mediaHeader(bytes, tables.duration(), created);
+  mediaHeader(bytes, tables.duration, created);
   handler(bytes);
   mediaInformation(bytes, format, tables);
 }
@@ -386,7 +378,7 @@ Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::
   bytes.reserve(maximumMovieEndBytes(format, tables));
   {
     const Box box(bytes, "moov");
-    movieHeader(bytes, tables.duration(), created);
+    movieHeader(bytes, tables.duration, created);
     track(bytes, format, tables, created);
   }
   return bytes;
@@ -396,8 +388,8 @@ std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieT
   constexpr std::uint64_t fixedBoxes = 1024;  // rounded up
   // The worst case: each sample's duration and each chunk's count starts a run.
   return fixedBoxes + format.parameterSet(0).bytes.size() + format.parameterSet(1).bytes.size() +
-         tables.sizes().size() * (8 + 4) + tables.keyframes().size() * 4 +
-         tables.chunks().size() * (12 + 8);
+         tables.sizes.size() * (8 + 4) + tables.keyframes.size() * 4 +
+         tables.chunks.size() * (12 + 8);
 }
 
 Bytes wideMediaDataHeader(std::uint64_t size) {

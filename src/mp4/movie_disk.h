@@ -4,11 +4,8 @@
 // is finished or cancelled. It shares this object, so nobody has to wait for a disk that hangs.
 
 #include <condition_variable>
-#include <functional>
 #include <list>
 #include <mutex>
-#include <optional>
-#include <string>
 
 #include "mp4/byte_sink.h"
 #include "platform/movie_writer.h"

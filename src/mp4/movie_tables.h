@@ -20,28 +20,19 @@ struct MovieChunk {
   std::uint32_t samples = 0;
 };
 
-class MovieTables {
- public:
+struct MovieTables {
+  std::vector<std::uint32_t> sizes;
+  std::vector<std::uint32_t> durations;
+  std::vector<std::uint32_t> keyframes;  // their numbers, counted from 1
+  std::vector<MovieChunk> chunks;
+  std::uint64_t duration = 0;
+
   // Adds `samples`, of which there is at least one. They lie together at `offset`.
   void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples);
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
-
-  bool empty() const { return sizes_.empty(); }
-  std::uint64_t duration() const { return duration_; }
-  const std::vector<std::uint32_t>& sizes() const { return sizes_; }
-  const std::vector<std::uint32_t>& durations() const { return durations_; }
-  // Numbers of the key frames, counted from 1.
-  const std::vector<std::uint32_t>& keyframes() const { return keyframes_; }
-  const std::vector<MovieChunk>& chunks() const { return chunks_; }
-
- private:
-  std::vector<std::uint32_t> sizes_;
-  std::vector<std::uint32_t> durations_;
-  std::vector<std::uint32_t> keyframes_;
-  std::vector<MovieChunk> chunks_;
-  std::uint64_t duration_ = 0;
+  bool empty() const { return sizes.empty(); }
 };
 
 }  // namespace lumora

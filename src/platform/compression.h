@@ -3,9 +3,7 @@
 // H.264 compression sessions as the encode pipeline sees them. A session owns a pool of pixel
 // buffers and a worker thread. It gets one buffer per frame and answers with one encoded sample.
 
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <variant>
 
 #include "platform/image.h"

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "platform/compression.h"
 #include "platform/dispatch.h"
 #include "platform/encoder_settings.h"
 

@@ -2,11 +2,8 @@
 
 // Movie files as the recorder sees them: encoded samples in, a playable MP4 out.
 
-#include <cstdint>
 #include <functional>
 #include <limits>
-#include <memory>
-#include <optional>
 #include <string>
 
 #include "platform/sample.h"

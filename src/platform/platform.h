@@ -3,8 +3,6 @@
 // Everything that the service uses of the machine, as one value. The program fills it with the real
 // implementations (see system_platform.h), tests with fakes.
 
-#include <memory>
-
 #include "base/picture_memory.h"
 #include "platform/dispatch.h"
 #include "platform/encoders.h"

@@ -2,8 +2,6 @@
 
 // Encoded pictures and their formats.
 
-#include <cstdint>
-#include <memory>
 #include <optional>
 
 #include "base/bytes.h"

@@ -2,25 +2,18 @@
 
 // The take that the parent asked for last, and the session that encodes it. State queue only.
 
-#include <memory>
-#include <optional>
-#include <string>
-
-#include "platform/compression.h"
+#include "encode/picture_size.h"
 #include "record/movie_recorder.h"
 
 namespace lumora {
 
 // The session of one take and one camera size. While a frame is in flight it may outlive its take.
 struct RecordingSession {
-  std::shared_ptr<CompressionSession> recordingSession;
-  std::shared_ptr<MovieRecorder> recordingSessionMovie;  // the take that it was made for
-  std::int64_t recordingWidth = 0;                       // pixels, of the movie
-  std::int64_t recordingHeight = 0;
-  std::int64_t recordingSourceWidth = 0;  // pixels, of the camera
-  std::int64_t recordingSourceHeight = 0;
-  bool recordingForceIDR = true;      // the next frame is encoded as a key frame
-  std::int64_t recordingOrdinal = 0;  // frames submitted
+  std::shared_ptr<CompressionSession> session;
+  std::shared_ptr<MovieRecorder> movie;  // the take that it was made for
+  PictureSize camera;
+  bool forceIDR = true;      // the next frame is encoded as a key frame
+  std::int64_t ordinal = 0;  // frames submitted
 };
 
 struct CurrentTake {
@@ -42,13 +35,11 @@ struct CurrentTake {
   bool isStopping() const { return pendingMovieStop || movieFinishing; }
   // The take that gets new frames. Null once its stop is pending.
   std::shared_ptr<MovieRecorder> recordingTake() const { return isStopping() ? nullptr : movie; }
-  bool hasSessionOfAnotherTake() const {
-    return recording.recordingSession && recording.recordingSessionMovie != movie;
-  }
+  bool hasSessionOfAnotherTake() const { return recording.session && recording.movie != movie; }
   // Waits until the session has encoded its frames, then closes it.
   void resetRecordingSession();
-  // Ends `failing` as failed, if it is the current take.
-  void abandon(const std::shared_ptr<MovieRecorder>& failing, const std::string& reason);
+  // Ends the take as failed.
+  void abandon(const std::string& reason);
 };
 
 }  // namespace lumora

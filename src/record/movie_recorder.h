@@ -6,13 +6,6 @@
 // drops everything until the next key frame.
 
 #include <atomic>
-#include <cstdint>
-#include <functional>
-#include <limits>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "platform/platform.h"
 #include "record/recording_cadence.h"

@@ -1,13 +1,9 @@
 // Takes on the state queue: commands, a take's events on their way to the parent, and when a take
 // ends.
 
-#include <utility>
-
 #include "app/video_encoder.h"
 #include "base/text.h"
 #include "record/recording_command.h"
-#include "record/recording_profile.h"
-#include "record/take_event.h"
 
 namespace lumora {
 
@@ -100,21 +96,19 @@ void VideoEncoder::takeEnded() {
 }
 
 void CurrentTake::resetRecordingSession() {
-  if (recording.recordingSession) {
-    recording.recordingSession->completeFrames();
-    recording.recordingSession->invalidate();
+  if (recording.session) {
+    recording.session->completeFrames();
+    recording.session->invalidate();
   }
   recording = {};
 }
 
-void CurrentTake::abandon(const std::shared_ptr<MovieRecorder>& failing,
-                          const std::string& reason) {
-  if (movie != failing) return;
+void CurrentTake::abandon(const std::string& reason) {
   ++recordingEncoderFailures;
   abandonedFor = reason;
   abandoned = std::exchange(movie, nullptr);
   pendingMovieStop.reset();
-  failing->abort(reason);
+  abandoned->abort(reason);
 }
 
 }  // namespace lumora

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <optional>
-
 #include "base/json.h"
 #include "platform/encoder_settings.h"
 
@@ -14,12 +12,6 @@ struct RecordingProfile {
   int height;              // pixels
   int targetFPS;           // frames per second
 
-  // "1080x720" at 60: 1080 wide, not 1280.
-  static RecordingProfile defaultProfile();
-
-  // "1920x1080" at 60.
-  static RecordingProfile largestProfile();
-
   // The profile that a command asks for with "resolution" and "target_fps". Without both keys it is
   // the default one. Empty when they are invalid.
   static std::optional<RecordingProfile> parse(const Json& command);
@@ -27,5 +19,8 @@ struct RecordingProfile {
   // The settings of the session that encodes the take.
   EncoderSettings sessionSettings() const;
 };
+
+constexpr RecordingProfile defaultProfile{"1080x720", 1080, 720, 60};  // 1080 wide, not 1280
+constexpr RecordingProfile largestProfile{"1920x1080", 1920, 1080, 60};
 
 }  // namespace lumora

@@ -2,8 +2,6 @@
 // that peer, never queued. The peer then gets nothing until the next key frame.
 
 #include <algorithm>
-#include <utility>
-#include <vector>
 
 #include "app/video_encoder.h"
 #include "stream/packet.h"

@@ -8,12 +8,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <optional>
 #include <string_view>
-#include <utility>
 
 #include "app/video_encoder.h"
-#include "base/limits.h"
 
 namespace lumora {
 namespace {

@@ -3,10 +3,8 @@
 // The preview: its encoder session, its peers (the clients of the TCP stream), the rules for them,
 // and counters over all of them, which are never reset. State queue only.
 
-#include <cstdint>
 #include <deque>
 #include <map>
-#include <memory>
 
 #include "platform/compression.h"
 #include "platform/network.h"

@@ -18,6 +18,7 @@ std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor);
 // all before it, is no longer read. A frame that is done while an earlier one is still read waits.
 class ReleaseOrder {
  public:
+  ReleaseOrder() { frames_.reserve(8); }  // more are never read at once
   // Ids grow.
   void begin(std::uint64_t id);
   // That number, if it has changed. Never throws.

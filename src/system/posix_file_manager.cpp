@@ -46,50 +46,54 @@ std::filesystem::path nameOf(const std::string& path) {
   return std::filesystem::path(path).lexically_normal();
 }
 
-}  // namespace
-
-// Names of files whose removal waits for the disk. A new file of such a name would be removed.
-struct PosixFileManager::PendingRemovals {
-  std::mutex mutex;
-  std::set<std::filesystem::path> names;
-};
-
-PosixFileManager::PosixFileManager() : pending_(std::make_shared<PendingRemovals>()) {}
-
-bool PosixFileManager::isNameUsed(const std::string& path) const {
-  {
-    const std::lock_guard hold(pending_->mutex);
-    if (pending_->names.contains(nameOf(path))) return true;
-  }
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0;
-}
-
-bool PosixFileManager::move(const std::string& from, const std::string& to) {
-  if (!moveUnlessExists(from.c_str(), to.c_str())) return false;
-  // The file has moved even if its new name can't be synced.
-  bestEffort([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
-  return true;
-}
-
-// On a disk that hangs the removal hangs, but the caller goes on.
-void PosixFileManager::remove(const std::string& path) {
-  const auto unlinkNow = [](const std::string& file, PendingRemovals& pending) {
-    unlink(file.c_str());
-    const std::lock_guard hold(pending.mutex);
-    pending.names.erase(nameOf(file));
-  };
-  try {
+class PosixFileManager final : public FileManager {
+ public:
+  // True also while a file of this name is being removed.
+  bool isNameUsed(const std::string& path) const override {
     {
       const std::lock_guard hold(pending_->mutex);
-      pending_->names.insert(nameOf(path));
+      if (pending_->names.contains(nameOf(path))) return true;
     }
-    startTask("lumora.remove", [unlinkNow, path, pending = pending_] {
-      unlinkNow(path, *pending);
-    }).wait_for(longestRemoval);
-  } catch (const std::exception&) {  // no thread or no memory: the caller has to wait
-    unlinkNow(path, *pending_);
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0;
   }
-}
+
+  bool move(const std::string& from, const std::string& to) override {
+    if (!moveUnlessExists(from.c_str(), to.c_str())) return false;
+    // The file has moved even if its new name can't be synced.
+    bestEffort([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
+    return true;
+  }
+
+  // On a disk that hangs the removal hangs, but the caller goes on.
+  void remove(const std::string& path) override {
+    const auto unlinkNow = [path, name = nameOf(path), pending = pending_] {
+      unlink(path.c_str());
+      const std::lock_guard hold(pending->mutex);
+      pending->names.erase(name);
+    };
+    try {
+      {
+        const std::lock_guard hold(pending_->mutex);
+        pending_->names.insert(nameOf(path));
+      }
+      startTask("lumora.remove", unlinkNow).wait_for(longestRemoval);
+    } catch (const std::exception&) {  // no thread or no memory: the caller has to wait
+      unlinkNow();
+    }
+  }
+
+ private:
+  // Names of files whose removal waits for the disk. A new file of such a name would be removed.
+  struct PendingRemovals {
+    std::mutex mutex;
+    std::set<std::filesystem::path> names;
+  };
+  std::shared_ptr<PendingRemovals> pending_ = std::make_shared<PendingRemovals>();
+};
+
+}  // namespace
+
+std::shared_ptr<FileManager> makePosixFileManager() { return std::make_shared<PosixFileManager>(); }
 
 }  // namespace lumora

@@ -79,8 +79,8 @@ class AsioSignal final : public SignalSource {
   static void waitForNext(const std::shared_ptr<Signals>& signals, const Work& handler) {
     signals->async_wait([signals, handler](const boost::system::error_code& error, int) {
       if (error) return;
+      handler();  // first: it arms the watchdog, which needs no memory
       waitForNext(signals, handler);
-      handler();
     });
   }
 

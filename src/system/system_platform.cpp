@@ -38,7 +38,7 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();
   platform.movies = std::make_shared<HybridMovies>();
-  platform.files = std::make_shared<PosixFileManager>();
+  platform.files = makePosixFileManager();
   return platform;
 }
 

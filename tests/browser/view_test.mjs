@@ -1,7 +1,7 @@
-// The viewer in Chromium. The page shows the right picture and figures and makes takes. A page that does
-// not respond delays no other client, and requests from elsewhere are refused.
+// The viewer in Chromium. The page shows the right picture and figures, and makes takes. A page that
+// hangs delays no other client. Requests from elsewhere are refused.
 //
-//   node view_test.mjs HELPER VIEW TAP CHROMIUM      SCREENSHOTS: a folder for pictures of the page
+//   node view_test.mjs HELPER VIEW TAP CHROMIUM    SCREENSHOTS: a folder for pictures of the page
 
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
@@ -11,8 +11,8 @@ import http from 'node:http';
 import readline from 'node:readline';
 import { after, test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { environment, startParent } from '../parent.mjs';
-import { folder, inFolder, launch } from './browser.mjs';
+import { environment, folder, inFolder, startParent } from '../parent.mjs';
+import { launch } from './browser.mjs';
 
 const [helper, view, tap, browserPath] = process.argv.slice(2);
 const programs = [];
@@ -23,13 +23,14 @@ after(async () => {
 });
 
 async function startView(options, env = process.env) {
-  const program = spawn(view, options, { stdio: ['ignore', 'pipe', 'inherit'], env, detached: true });
+  const stdio = ['ignore', 'pipe', 'inherit'];
+  const program = spawn(view, options, { stdio, env, detached: true });
   programs.push(program);
   const [address] = await once(readline.createInterface({ input: program.stdout }), 'line');
   return { program, address };
 }
 
-// Like Ctrl-C in a terminal, this signals both viewer and helper.
+// Signals viewer and helper, as Ctrl-C in a terminal does.
 async function end({ program }) {
   const exited = once(program, 'close');
   process.kill(-program.pid, 'SIGINT');
@@ -37,6 +38,8 @@ async function end({ program }) {
 }
 
 const figure = (page, id) => page.locator(`#${id}`).evaluate((node) => Number(node.dataset.value));
+const showMore = async (page, count) => page.waitForFunction((wanted) =>
+  Number(document.getElementById('shown').dataset.value) > wanted, await figure(page, 'shown') + count);
 
 async function openPage(address, options) {
   const page = await browser.newPage(options);
@@ -46,54 +49,49 @@ async function openPage(address, options) {
   return page;
 }
 
-// Colours along a row of the picture; `y` is 0 at the top and 1 at the bottom.
+// 64 colours along a row of the picture; `y` is 0 at the top and 1 at the bottom.
 const colours = (page, y) => page.evaluate((at) => {
   const canvas = document.getElementById('picture');
-  const { data } = canvas.getContext('2d').getImageData(0, Math.floor(at * canvas.height), canvas.width, 1);
+  const row = Math.floor(at * canvas.height);
+  const { data } = canvas.getContext('2d').getImageData(0, row, canvas.width, 1);
   return Array.from({ length: 64 }, (_, i) => [...data.subarray(i * 40, i * 40 + 3)]);
 }, y);
 
-const bars = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 0, 255], [255, 0, 0], [0, 0, 255],
-  [32, 32, 32]];
-const barOf = (colour) => bars.findIndex((bar) => bar.every((value, i) => Math.abs(value - colour[i]) <= 6));
-const barsAmong = (row) => row.map(barOf).filter((bar) => bar >= 0);
+const bars = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 0, 255], [255, 0, 0],
+  [0, 0, 255], [32, 32, 32]];
+const barsAmong = (row) => row.map((colour) => bars.findIndex((bar) =>
+  bar.every((value, i) => Math.abs(value - colour[i]) <= 6))).filter((bar) => bar >= 0);
 
-// Records when each frame was shown and, for every 25th drawing, the time on its test card: reading the
-// card takes longer than drawing it.
+// Records when each frame was shown and, for every 25th, the time on its test card.
 function watchClock() {
-  // One digit of base 32 for each row of a glyph: seven rows of five dots.
+  // Each glyph has seven rows of five dots. A row is one digit of base 32.
   const glyphs = ['ehjlphe', '4c4444e', 'eh1248v', 'v2421he', '26aiv22', 'vgu11he', '68guhhe',
     'v124888', 'ehhehhe', 'ehhf12c', '0440440', '00000cc'];
+  const readCard = () => {
+    const canvas = document.getElementById('picture');
+    const dot = Math.max(Math.floor(canvas.height / 90), 1);
+    const { data, width } = canvas.getContext('2d')
+      .getImageData(canvas.width >> 4, canvas.height >> 4, 84 * dot, 9 * dot);
+    const lit = (x, y) => data[(((y + 0.5) * dot | 0) * width + ((x + 0.5) * dot | 0)) * 4] > 128;
+    const glyph = (cell) => Array.from({ length: 7 }, (_, row) => [16, 8, 4, 2, 1].reduce((sum, bit, i) =>
+      sum + (lit(cell * 6 + 1 + i, row + 1) ? bit : 0), 0).toString(32)).join('');
+    const text = Array.from({ length: 14 }, (_, cell) => '0123456789:.'[glyphs.indexOf(glyph(cell))] ?? '?');
+    const [, minutes, seconds] = /^(\d+):(\d\d\.\d{3})/.exec(text.join('')) ?? [];
+    return minutes && (minutes * 60 + Number(seconds)) * 1000;
+  };
   globalThis.shown = [];
-  let card;
   const send = WebSocket.prototype.send;
   WebSocket.prototype.send = function (text) {
-    const [, id] = /"shown","frame_id":(\d+)/.exec(text) ?? [];
-    if (id) globalThis.shown.push({ now: performance.timeOrigin + performance.now(), captured: id / 1000, card });
-    card = undefined;
     send.call(this, text);
-  };
-  const draw = CanvasRenderingContext2D.prototype.drawImage;
-  let drawings = 0;
-  CanvasRenderingContext2D.prototype.drawImage = function (...all) {
-    draw.apply(this, all);
-    drawings += 1;
-    if (this.canvas.id !== 'picture' || drawings % 25 !== 0) return;
-    const dot = Math.max(Math.floor(this.canvas.height / 90), 1);
-    const { data } = this.getImageData(this.canvas.width >> 4, this.canvas.height >> 4, 84 * dot, 9 * dot);
-    const lit = (x, y) => data[((y + 0.5) * dot | 0) * 84 * dot * 4 + ((x + 0.5) * dot | 0) * 4] > 128;
-    let text = '';
-    for (let cell = 0; cell < 14; cell += 1) {
-      const glyph = Array.from({ length: 7 }, (_, row) => [16, 8, 4, 2, 1].reduce(
-        (sum, bit, i) => sum + (lit(cell * 6 + 1 + i, row + 1) ? bit : 0), 0).toString(32)).join('');
-      text += '0123456789:.'[glyphs.indexOf(glyph)] ?? '?';
-    }
-    const [, minutes, seconds] = /^(\d+):(\d\d\.\d{3})/.exec(text) ?? [];
-    if (minutes) card = (minutes * 60 + Number(seconds)) * 1000;
+    const [, id] = /"shown","frame_id":(\d+)/.exec(text) ?? [];
+    if (!id) return;
+    const now = performance.timeOrigin + performance.now();
+    const card = globalThis.shown.length % 25 === 0 ? readCard() : undefined; // reading takes long
+    globalThis.shown.push({ now, captured: id / 1000, card });
   };
 }
 
-test('a helper of its own', async () => {
+test('a viewer with its own helper', async () => {
   const viewer = await startView(['--demo', '--helper', helper, '--folder', folder, '--size', '640x360']);
   const page = await openPage(viewer.address, { viewport: { width: 1280, height: 800 } });
 
@@ -101,23 +99,23 @@ test('a helper of its own', async () => {
   const seen = barsAmong(top);
   assert.ok(seen.length > 50 && new Set(seen).size >= 7, JSON.stringify(top)); // the square may hide one bar
   assert.ok(barsAmong(await colours(page, 0.97)).length < 20, 'the picture is upside down');
-  const shown = await figure(page, 'shown');
-  // In one frame the bars move by less than the distance of two samples.
-  await page.waitForFunction((before) => document.getElementById('shown').dataset.value > before + 10, shown);
+  await showMore(page, 10); // in one frame the bars move by less than the distance of two samples
   assert.notDeepEqual(await colours(page, 0.03), top);
 
   await page.evaluate(watchClock);
   await page.waitForFunction(() => globalThis.shown.filter(({ card }) => card).length > 12
     && globalThis.shown.at(-1).now > globalThis.shown[0].now + 6000, null, { timeout: 60000 });
-  const wallToUptime = Number(process.hrtime.bigint()) / 1e6 - (performance.timeOrigin + performance.now());
+  const wall = performance.timeOrigin + performance.now();
+  const wallToUptime = Number(process.hrtime.bigint()) / 1e6 - wall;
   const all = await page.evaluate(() => globalThis.shown);
   const claimed = await figure(page, 'latency-median'); // of the last five seconds
-  for (const { captured, card } of all) assert.ok(card === undefined || Math.abs(captured - card) <= 1, `${captured}, ${card}`);
+  for (const { captured, card = captured } of all) {
+    assert.ok(Math.abs(captured - card) <= 1, `${captured}, ${card}`);
+  }
   const ages = all.filter(({ now }) => now > all.at(-1).now - 5000)
     .map(({ now, captured }) => now + wallToUptime - captured).sort((a, b) => a - b);
   const age = ages[ages.length >> 1];
   assert.ok(Math.abs(age - claimed) <= 10, `the page says ${claimed} ms, the card's clock ${age}`);
-  console.log(`latency: the page says ${claimed.toFixed(1)} ms, the card's clock ${age.toFixed(1)} ms`);
 
   const second = await browser.newPage();
   await second.goto(viewer.address);
@@ -131,14 +129,14 @@ test('a helper of its own', async () => {
   await page.locator('#take-stop').click();
   await page.locator('#take-state[data-value=saved]').waitFor();
   const movie = await page.locator('#take-path').textContent();
-  assert.equal(execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie, '-f', 'null', '-']).toString(), '');
+  execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie, '-f', 'null', '-']);
   await page.locator('#take-movie').evaluate((video) => video.play());
   await page.waitForFunction(() => document.getElementById('take-movie').currentTime > 0.3);
   const part = await fetch(await page.locator('#take-movie').evaluate((video) => video.currentSrc),
     { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
-  // The helper repeats the last event of the take. Refusal and movie stay on the page nevertheless.
+  // Refusal and movie stay on the page although the helper repeats the last event of the take.
   await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
   await page.getByText('There is no folder').first().waitFor();
@@ -147,7 +145,8 @@ test('a helper of its own', async () => {
   assert.equal(await page.locator('#take-path').isVisible(), true);
   await page.locator('#take-folder').fill(folder);
 
-  for (const [name, colorScheme, width] of [['desktop', 'light', 1280], ['dark', 'dark', 1280], ['phone', 'light', 390]]) {
+  const looks = [['desktop', 'light', 1280], ['dark', 'dark', 1280], ['phone', 'light', 390]];
+  for (const [name, colorScheme, width] of looks) {
     await page.emulateMedia({ colorScheme });
     await page.setViewportSize({ width, height: 800 });
     await page.screenshot({ path: `${process.env.SCREENSHOTS ?? folder}/${name}.png` });
@@ -163,7 +162,7 @@ async function statusOf({ hostname, port, pathname }, headers, target = pathname
   return response.statusCode;
 }
 
-test('somebody else\'s helper', async () => {
+test('a viewer of another application\'s helper', async () => {
   const parent = await startParent(helper);
   programs.push(parent.program);
   const viewer = await startView(['--port', String(parent.port)], environment);
@@ -181,8 +180,7 @@ test('somebody else\'s helper', async () => {
   assert.ok(fs.statSync(inFolder('other.h264')).size > recorded + 10000, 'the other client got no frames');
   await debug.send('Debugger.resume');
   await debug.send('Debugger.disable');
-  const shown = await figure(page, 'shown');
-  await page.waitForFunction((before) => Number(document.getElementById('shown').dataset.value) > before + 30, shown);
+  await showMore(page, 30);
   assert.ok(await figure(page, 'skipped') > 0);
   assert.equal(await figure(page, 'restarts'), 0);
   assert.deepEqual([parent.statistics.dropped_peers, parent.statistics.clients], [0, 2]);
@@ -191,10 +189,10 @@ test('somebody else\'s helper', async () => {
   const socket = { Connection: 'Upgrade', Upgrade: 'websocket', 'Sec-WebSocket-Version': 13,
     'Sec-WebSocket-Key': 'AAAAAAAAAAAAAAAAAAAAAA==' };
   const at = `${url.pathname}socket`;
-  assert.equal(await statusOf(url, { ...socket, Origin: url.origin }, at), 101);
-  for (const [headers, target] of [[{ Host: 'evil.example' }], [{ Origin: 'http://evil.example' }],
-    [{}, '/guess/'], [{}, `${url.pathname}takes/a.mp4`], [socket, at]]) {
-    assert.equal(await statusOf(url, headers, target), 404, JSON.stringify([headers, target]));
+  for (const [status, headers, target] of [[101, { ...socket, Origin: url.origin }, at], [404, socket, at],
+    [404, { Host: 'evil.example' }], [404, { Origin: 'http://evil.example' }], [404, {}, '/guess/'],
+    [404, {}, `${url.pathname}takes/a.mp4`]]) {
+    assert.equal(await statusOf(url, headers, target), status, JSON.stringify([headers, target]));
   }
 
   parent.program.stdin.end();

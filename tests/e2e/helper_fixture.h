@@ -1,11 +1,12 @@
 #pragma once
 
-// The real helper as a plain child process, judged by ffmpeg.
+// Starts the real helper and feeds it. ffmpeg judges its streams and movies.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -13,6 +14,7 @@
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
+#include "client/frame_slots.h"
 #include "tests/e2e/helper_process.h"
 #include "tools/frame_source.h"
 #include "tools/programs.h"
@@ -20,6 +22,7 @@
 namespace lumora::tests {
 
 using client::FrameSize;
+using client::Packet;
 using client::uptime;
 using tools::decodeErrors;
 using tools::outputOf;
@@ -32,100 +35,128 @@ inline constexpr bool sanitized = true;
 inline constexpr bool sanitized = false;
 #endif
 
-// The program that is tested: the one that was built, or another one that LUMORA_HELPER names.
+// The program under test: LUMORA_HELPER in the environment, or the one that was built.
 std::string helperProgram();
 
 struct Rgb {
   std::uint8_t red, green, blue;
 };
 
-// A picture in four quarters, each of one colour, in the order a parent feeds it.
+// Pictures in the order that a parent feeds, the bottom row first: four quarters, or one colour.
 Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight);
-Pixels plain(FrameSize size, Rgb colour);
+inline Pixels plain(FrameSize size, Rgb colour) {
+  return quarters(size, colour, colour, colour, colour);
+}
 
-struct Picture {
-  FrameSize size;
-  Pixels rgb;
-  // The colour at (x, y), each 0 to 1 from the top left, to within `tolerance` levels.
-  void expect(double x, double y, Rgb colour, int tolerance = 3) const;
+// Expects a file without errors, and these colours in its last picture, to within `tolerance`
+// levels. All its pictures have this size.
+struct Spot {
+  double x, y;  // 0 to 1 from the top left
+  Rgb colour;
 };
-// The last picture of a file with pictures of one size.
-Picture decodeLast(const std::string& path, FrameSize size);
+void expectColours(const std::string& path, FrameSize size, const std::vector<Spot>& spots,
+                   int tolerance = 3);
 
-// How many pictures libavcodec makes of a file before the first that it can't.
+// How many pictures libavcodec decodes before the first error.
 int countFrames(const std::string& path);
 
 // What ffprobe says of the only stream of a file. Throws when it has none.
 Event probe(const std::string& path);
 
-// That `event` has these keys and values, whatever else it has.
-void expectKeys(Event event, const Event& wanted);
+// Expects these keys and values in `event`, which may have more.
+void expectKeys(const Event& event, const Event& wanted);
 
-// Receives and acknowledges on a thread of its own, as long as this object lives.
+// Receives and acknowledges on its own thread.
 class Watcher {
  public:
-  explicit Watcher(std::unique_ptr<client::StreamClient> from);
+  explicit Watcher(std::unique_ptr<client::StreamClient> from)
+      : thread_([this, viewer = std::move(from)](const std::stop_token& stop) {
+          const auto keep = [this](Packet packet) {
+            frames_ += packet.type == Packet::Type::frame ? 1 : 0;
+            packets_.push_back(std::move(packet));
+          };
+          viewer->watch(keep, [&] { return !stop.stop_requested(); });
+        }) {}
   int frames() const { return frames_; }
-  // All that it has received; no more comes.
-  std::vector<client::Packet> finish();
+  // Stops receiving. Returns all packets so far.
+  std::vector<Packet> finish() {
+    thread_ = {};
+    return std::move(packets_);
+  }
 
  private:
   std::atomic<int> frames_ = 0;
-  std::vector<client::Packet> packets_;  // the thread's
+  std::vector<Packet> packets_;  // the thread's
   std::jthread thread_;
 };
 
 class HelperTest : public testing::Test {
  protected:
+  using Arguments = std::vector<std::string>;
+  using Environment = std::map<std::string, std::string>;
+
   void SetUp() override;
   void TearDown() override;
-  void endHelper() { EXPECT_TRUE(!helper || finish() == 0); }
 
-  // Starts the helper and waits for "ready". It has to end with 0 at the end of its input, which
-  // comes with the next start or the test's end, unless the test waits for another end.
-  void start(std::vector<std::string> arguments = {},
-             std::map<std::string, std::string> environment = {});
-  // Connects a client that the helper has admitted.
-  std::unique_ptr<client::StreamClient> connectClient();
-  std::unique_ptr<client::StreamClient> connect() const {
-    return std::make_unique<client::StreamClient>("127.0.0.1", port);
-  }
-  void feed(FrameSize size, const Pixels& pixels) {
-    ASSERT_TRUE(helper->copyFrame(size, ++lastID, pixels));
-  }
-  // Feeds frames until `stream` has received and acknowledged `count` frame packets; the packets.
-  std::vector<client::Packet> stream(client::StreamClient& from, FrameSize size,
-                                     const Pixels& pixels, int count);
-  // Ends the input; the exit code, or -1 when it did not end by itself.
+  // Starts the helper and waits for "ready". The helper must end with 0 at the next start or at the
+  // end of the test, unless the test waits for another end.
+  void start(Arguments arguments = {}, Environment environment = {});
+  // Starts the helper and waits for nothing.
+  void launch(Arguments arguments, Environment environment);
+  // Returns the exit status, or -1 when a signal ended the helper or nothing did.
+  int exitCode();
   int finish() {
     helper->closeInput();
     return exitCode();
   }
-  int exitCode();
-  std::string writeStream(const std::vector<client::Packet>& packets) const;
 
-  // Start and stop the take at `path`, with further keys of the command. What is saved has to be a
-  // sound movie there; the "saved" event.
-  void startTake(const Event& keys = Event::object()) { helper->startTake(takeID, path, keys); }
-  void stopTake(const Event& keys = Event::object()) { helper->stopTake(takeID, keys); }
-  Event saveTake(const Event& keys = Event::object());
-  // Feeds `count` frames at a steady rate, of these pictures in turn or of one.
-  void feedPaced(int count, double framesPerSecond, FrameSize size = {640, 360},
-                 std::vector<Pixels> pictures = {});
-  // Turns to another take of the same run: what is still said of the one before counts no more.
+  std::unique_ptr<client::StreamClient> connect() const {
+    return std::make_unique<client::StreamClient>("127.0.0.1", port);
+  }
+  // Connects a client and waits until the helper has admitted it.
+  std::unique_ptr<client::StreamClient> connectClient();
+  // Feeds one frame. Waits for a slot, if frames go through shared memory.
+  void feed(FrameSize size, const Pixels& pixels);
+  // Feeds frames at a steady rate until `isEnough`, of these pictures in turn, or of four colours.
+  // For 100 s at most.
+  void feedUntil(const std::function<bool()>& isEnough, FrameSize size = {640, 360},
+                 const std::vector<Pixels>& pictures = {}, double framesPerSecond = 60);
+  void feedPaced(int count, double framesPerSecond = 60, FrameSize size = {640, 360},
+                 const std::vector<Pixels>& pictures = {}) {
+    feedUntil([&] { return count-- == 0; }, size, pictures, framesPerSecond);
+  }
+  // Feeds this picture until a new client has `count` frames. Returns all that the client got.
+  std::vector<Packet> stream(FrameSize size, const Pixels& picture, int count);
+  std::string writeStream(const std::vector<Packet>& packets) const;  // returns the file's path
+
+  // A take at `path`. The keys are added to the command. A saved movie must have no errors.
+  void startTake(Event keys = Event::object()) {
+    keys.update({{"type", "record_start"}, {"id", takeID}, {"path", path}});
+    helper->writeCommand(keys);
+  }
+  void stopTake(Event keys = Event::object()) {
+    keys.update({{"type", "record_stop"}, {"id", takeID}});
+    helper->writeCommand(keys);
+  }
+  Event saveTake(const Event& keys = Event::object()) {
+    stopTake(keys);
+    Event saved = waitForTake("saved");
+    EXPECT_EQ(decodeErrors(path), "");
+    return saved;
+  }
+  // The take's next event with this "state". Throws when it ends in another state.
+  Event waitForTake(const std::string& state);
+  // The next take is another one, at this path. At most nine in a test.
   void turnTo(const std::filesystem::path& file) {
     path = file;
-    ++takeID.back();  // nine times at most
+    ++takeID.back();
   }
-  // Records `count` frames at a steady rate; the "saved" event.
-  Event take(int count, double framesPerSecond);
-  Event waitForTake(const std::string& state) { return helper->waitForTake(takeID, state); }
   std::string stagingPath() const { return path + "." + takeID + ".partial"; }
 
   std::filesystem::path folder;
   std::string token = "end-to-end-token-0123456789";
   client::FrameTransport transport = tools::frameTransport(client::FrameTransport::pipe);
-  std::shared_ptr<client::FrameSlots> slots;  // of the helper; null: pictures go through its pipe
+  std::shared_ptr<client::FrameSlots> slots;  // of the helper; null: frames go through its pipe
   std::unique_ptr<HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;

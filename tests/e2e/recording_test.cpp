@@ -1,4 +1,8 @@
-// Takes on the real disk, judged by ffprobe and ffmpeg: timing, profiles, endings, crashes.
+// Takes on real disks, also such that fail: timing, profiles, endings, crashes. ffprobe and ffmpeg
+// judge the movies.
+
+#include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <fstream>
@@ -31,7 +35,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
       const int frames = std::stoi(movie["nb_read_frames"].get<std::string>());
       EXPECT_GE(frames, 1);
       EXPECT_LE(frames, 22);               // 0.7 s at 30 a second
-      EXPECT_GE(saved["frames"], frames);  // those after the stop were written, too
+      EXPECT_GE(saved["frames"], frames);  // it counts frames after the stop, too
       EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
       std::filesystem::remove(path);
       EXPECT_TRUE(std::filesystem::is_empty(folder));
@@ -39,43 +43,38 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
   }
 }
 
-TEST_F(Recording, IsUprightBetweenBlackBars) {
-  start();
-  take(20, 60);
-  const Picture picture = decodeLast(path, {1080, 720});
-  // 640 × 360 fits as 1080 × 608 with 56 rows of black above and below.
-  for (const double y : {0.03, 0.97}) picture.expect(0.5, y, {0, 0, 0}, 4);
-  picture.expect(0.2, 0.2, {200, 30, 30}, 4);
-  picture.expect(0.8, 0.2, {30, 200, 30}, 4);
-  picture.expect(0.2, 0.8, {30, 30, 200}, 4);
-  picture.expect(0.8, 0.8, {90, 90, 90}, 4);
-}
-
-TEST_F(Recording, ATakenNameSendsTheTakeToItsRecoveryName) {
+TEST_F(Recording, IsUprightBetweenBlackBarsAndReplacesNoFile) {
   start();
   startTake();
-  feedPaced(10, 60);
+  feedPaced(20);
   waitForTake("recording");
   std::ofstream(path) << "somebody else's";
   const std::string recovered = folder / ("a take.\xC3\xA9.recovered-" + takeID + ".mp4");
   stopTake();
   EXPECT_EQ(waitForTake("saved")["path"], recovered);
-  EXPECT_EQ(decodeErrors(recovered), "");
   EXPECT_EQ(std::filesystem::file_size(path), 15u);
+  // 640 × 360 fits as 1080 × 608, with 56 black rows above and below.
+  const std::vector<Spot> spots = {{0.5, 0.03, {0, 0, 0}},    {0.5, 0.97, {0, 0, 0}},
+                                   {0.2, 0.2, {200, 30, 30}}, {0.8, 0.2, {30, 200, 30}},
+                                   {0.2, 0.8, {30, 30, 200}}, {0.8, 0.8, {90, 90, 90}}};
+  expectColours(recovered, {1080, 720}, spots, 4);
 }
 
-TEST_F(Recording, EveryWayToEndEndsWithZeroAndSavesATake) {
-  const std::function<void()> endings[] = {
-      [this] { helper->closeInput(); }, [this] { helper->sendSignal(SIGTERM); },
-      [this] { helper->sendSignal(SIGINT); }, [this] { helper->closeOutput(); },
-      [this] {
-        helper->closeOutput();
-        helper->closeInput();
-      }};
+TEST_F(Recording, IsSavedHoweverTheHelperIsEnded) {
+  const auto send = [this](int signal) { return [this, signal] { helper->sendSignal(signal); }; };
+  const auto closeInput = [this] { helper->closeInput(); };
+  const auto closeOutput = [this] { helper->closeOutput(); };
+  const auto closeBoth = [&] { closeOutput(), closeInput(); };
+  const std::function<void()> endings[] = {send(SIGTERM), send(SIGINT), send(SIGHUP),
+                                           closeInput,    closeOutput,  closeBoth};
+  sigset_t all, usual;
+  sigfillset(&all);
   for (const auto& end : endings) {
+    pthread_sigmask(SIG_SETMASK, &all, &usual);  // the helper inherits that
     start();
+    pthread_sigmask(SIG_SETMASK, &usual, nullptr);
     startTake();
-    feedPaced(60, 60);
+    feedPaced(60);
     waitForTake("recording");
     end();
     EXPECT_EQ(exitCode(), 0);
@@ -86,7 +85,7 @@ TEST_F(Recording, EveryWayToEndEndsWithZeroAndSavesATake) {
   }
 }
 
-TEST_F(Recording, AKilledHelperLosesAtMostTheLastSecond) {
+TEST_F(Recording, LosesAtMostTheLastSecondWhenTheHelperIsKilled) {
   std::mt19937 random(std::random_device{}());
   for (int round = 0; round < (sanitized ? 3 : 10); ++round) {
     const int frames = std::uniform_int_distribution(70, 130)(random);
@@ -101,6 +100,65 @@ TEST_F(Recording, AKilledHelperLosesAtMostTheLastSecond) {
     EXPECT_GE(probe(stagingPath())["duration_ts"].get<double>() / 60000, lasted - 1);
     EXPECT_EQ(decodeErrors(stagingPath()), "");
     std::filesystem::remove(stagingPath());
+  }
+}
+
+struct Disk : HelperTest {
+  void TearDown() override {
+    umount2(place.c_str(), MNT_DETACH);
+    HelperTest::TearDown();
+  }
+  std::filesystem::path place;
+};
+
+TEST_F(Disk, AFailureEndsTheTakeAndNothingElse) {
+  std::mt19937 random(1);
+  std::vector<Pixels> noise(2, Pixels(FrameSize{640, 360}.bytes()));
+  for (Pixels& picture : noise)
+    std::ranges::generate(picture, [&] { return static_cast<std::uint8_t>(random()); });
+  place = folder / "place";
+  std::filesystem::create_directory(place);
+  start();
+  const Watcher watcher(connectClient());
+  const auto expectFailure = [&](const char* reason) {
+    turnTo(place / "take.mp4");
+    startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
+    feedPaced(120, 60, {640, 360}, noise);
+    EXPECT_EQ(waitForTake("failed")["error"], reason);
+    EXPECT_TRUE(std::filesystem::is_empty(place));
+  };
+  const auto expectTake = [&](const std::filesystem::path& file) {
+    const int before = watcher.frames();
+    turnTo(file);
+    startTake();
+    feedPaced(30);
+    saveTake();
+    EXPECT_GT(watcher.frames(), before);
+    std::filesystem::remove(path);
+  };
+  path = place / "take.mp4";
+  startTake();
+  feedPaced(5);
+  waitForTake("recording");
+  std::filesystem::remove_all(place);
+  feedPaced(90);
+  EXPECT_EQ(waitForTake("failed")["error"], "No such file or directory");
+  expectTake(folder / "elsewhere.mp4");
+  std::filesystem::create_directory(place);
+  rlimit usual{};
+  const rlimit little{1000, RLIM_INFINITY};
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &little, &usual), 0);
+  expectFailure("File too large");
+  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &usual, nullptr), 0);
+  expectTake(place / "take.mp4");
+  for (const auto& [reason, flags, options] :
+       {std::tuple{"No space left on device", 0UL, "size=64k"},
+        {"Read-only file system", MS_RDONLY, ""}}) {
+    if (mount("tmpfs", place.c_str(), "tmpfs", flags, options) != 0) GTEST_SKIP() << "cannot mount";
+    expectFailure(reason);
+    expectTake(folder / "elsewhere.mp4");
+    umount2(place.c_str(), MNT_DETACH);
+    expectTake(place / "take.mp4");
   }
 }
 

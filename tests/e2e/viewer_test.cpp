@@ -9,7 +9,6 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 #include <csignal>
-#include <fstream>
 #include <regex>
 
 #include "tests/e2e/helper_fixture.h"
@@ -34,64 +33,55 @@ struct Viewer : HelperTest {
         [&](auto& request) { request.set(boost::beast::http::field::origin, parts[1].str()); }));
     socket.handshake(parts[2].str(), parts[4].str() + "socket");
   }
-  // Reads one message. Returns a text; counts a picture and says that it was shown.
-  std::optional<Event> next() {
+  void say(const Event& message) {
+    socket.text(true);
+    socket.write(boost::asio::buffer(message.dump()));
+  }
+  // The next message, or null for a packet. Acknowledges frames and counts them.
+  Event next() {
     boost::beast::flat_buffer received;
     socket.read(received);
     const auto* bytes = static_cast<const std::uint8_t*>(received.data().data());
     if (socket.got_text()) return Event::parse(bytes, bytes + received.size());
     client::PacketParser parser;
     parser.feed({bytes, received.size()});
-    const auto packet = parser.next();
-    if (!packet || packet->type != client::Packet::Type::frame) return std::nullopt;
-    ++pictures;
-    say({{"type", "shown"}, {"frame_id", packet->frameID}});
-    return std::nullopt;
+    if (const Packet packet = parser.next().value(); packet.type == Packet::Type::frame) {
+      ++pictures;
+      say({{"type", "shown"}, {"frame_id", packet.frameID}});
+    }
+    return {};
   }
   Event waitForMessage(const std::string& type) {
-    auto message = next();
-    while (!message || message->at("type") != type) message = next();
-    return *message;
-  }
-  void showPictures(int count) {
-    while (pictures < count) next();
+    for (Event message;; message = next())
+      if (!message.is_null() && message.at("type") == type) return message;
   }
   Event waitForState(const std::string& state) {
-    Event told = Event::object();
-    while (told.value("state", "") != state) told = waitForMessage("event")["event"];
-    return told;
+    for (Event told = Event::object();; told = waitForMessage("event")["event"])
+      if (told.value("state", "") == state) return told;
   }
   void record() {
     view({"--demo", "--helper", helperProgram(), "--folder", folder, "--size", "320x240"});
-    showPictures(5);
+    while (pictures < 5) next();
     say({{"type", "start"}, {"resolution", "640x360"}, {"target_fps", 60}, {"folder", folder}});
     waitForState("recording");
-  }
-  void say(const Event& message) {
-    socket.text(true);
-    socket.write(boost::asio::buffer(message.dump()));
-  }
-  void signalHelper(int signal) const {
     const std::string pid = std::to_string(viewer->pid());
-    pid_t helperOfViewer = 0;
-    std::ifstream("/proc/" + pid + "/task/" + pid + "/children") >> helperOfViewer;
-    ASSERT_GT(helperOfViewer, 0);
-    kill(helperOfViewer, signal);
+    helperOfViewer = std::stoi(outputOf("cat /proc/" + pid + "/task/" + pid + "/children"));
   }
   int exitOfViewer() {
-    const auto status = viewer->wait(20);
-    return status && status->signal == 0 ? status->status : -1;
+    const auto end = viewer->wait(20);
+    return end && end->signal == 0 ? end->status : -1;
   }
 
   std::unique_ptr<HelperProcess> viewer;
+  pid_t helperOfViewer = 0;
   boost::asio::io_context context;
   boost::beast::websocket::stream<tcp::socket> socket{context};
   int pictures = 0;
 };
 
-TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
+TEST_F(Viewer, SavesTheTakeAtCtrlC) {
   record();
-  signalHelper(SIGINT);  // Ctrl-C in a terminal reaches both
+  kill(helperOfViewer, SIGINT);  // a terminal signals both
   viewer->sendSignal(SIGINT);
   const Event saved = waitForState("saved");
   waitForMessage("ended");
@@ -100,21 +90,21 @@ TEST_F(Viewer, EndsItsHelperAndSavesTheTake) {
   EXPECT_EQ(decodeErrors(saved["path"]), "");
 }
 
-TEST_F(Viewer, FailsWhenATakeIsLost) {
+TEST_F(Viewer, EndsWithOneWhenATakeIsLost) {
   record();
-  signalHelper(SIGKILL);
+  kill(helperOfViewer, SIGKILL);
   EXPECT_EQ(waitForMessage("ended")["message"], "The helper has ended with signal 9.");
   EXPECT_EQ(exitOfViewer(), 1);
 }
 
-TEST_F(Viewer, EndsBesideAHelperThatHangs) {
+TEST_F(Viewer, EndsAHelperThatHangs) {
   record();
-  signalHelper(SIGSTOP);
+  kill(helperOfViewer, SIGSTOP);
   viewer->sendSignal(SIGTERM);
   EXPECT_EQ(exitOfViewer(), 1);
 }
 
-TEST_F(Viewer, EndsBesideACameraThatHangs) {
+TEST_F(Viewer, EndsWhileItsCameraHangs) {
   const std::string camera = folder / "camera";
   ASSERT_EQ(mkfifo(camera.c_str(), 0600), 0);
   view({"--demo", "--helper", helperProgram()}, {{"INPUT", camera}});
@@ -124,16 +114,22 @@ TEST_F(Viewer, EndsBesideACameraThatHangs) {
   close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // ends the ffmpeg that waits for a writer
 }
 
-TEST_F(Viewer, WaitsForAHelperThatIsGone) {
+TEST_F(Viewer, ShowsTheNextHelperAtThePortOfOneThatHasEnded) {
   start();
   view({"--port", std::to_string(port)});
-  std::jthread camera([this](const std::stop_token& stop) {
-    while (!stop.stop_requested()) feedPaced(2, 60, {320, 240});
-  });
-  showPictures(3);
-  camera = {};
-  finish();
-  waitForMessage("lost");
+  const auto expectPictures = [this] {
+    std::jthread camera(
+        [this](const std::stop_token& stop) { feedUntil([&] { return stop.stop_requested(); }); });
+    for (const int before = pictures; pictures < before + 3;) next();
+  };
+  expectPictures();
+  EXPECT_EQ(finish(), 0);
+  const std::string address = "127.0.0.1, port " + std::to_string(port);
+  const std::string refused = " (connect: Connection refused). Trying again.";
+  while (waitForMessage("lost")["message"] != "There is no helper at " + address + refused)
+    continue;
+  start({"--port", std::to_string(port)});
+  expectPictures();
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
   EXPECT_EQ(exitOfViewer(), 0);

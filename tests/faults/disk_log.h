@@ -4,11 +4,11 @@
 
 namespace lumora::tests {
 
-// What happened to the one file of a folder; behind a write stand its `size` bytes.
+// One call for the only file of a folder. An entry for a write is followed by its `size` bytes.
 struct DiskLogEntry {
-  enum Kind : std::uint64_t { created, written, synced, namesSynced, renamed, truncated };
+  enum Kind : std::uint64_t { written, synced, namesSynced, renamed, truncated };
   Kind kind;
-  std::uint64_t offset;  // of a write; the size, if truncated
+  std::uint64_t offset;  // of a write; the new size of a truncated file
   std::uint64_t size;
 };
 

@@ -1,12 +1,13 @@
-// Loaded into the helper in front of the C library: makes calls fail, and writes down what happens
-// to the files of one folder.
+// Preloaded into the helper, before the C library. Makes calls fail, and logs the calls for the
+// files of one folder.
 //
-//   LUMORA_FAULT      "KIND:N[:ERRNO]", comma separated: the N-th call of that kind (0: every one)
-//                     fails, from `main` on or from when the kinds named before it have failed
-//                     their N-th times; or, with -S for ERRNO, takes S seconds. The kind of opening
-//                     an encoder is the encoder's name.
-//   LUMORA_FAULT_HIT  a file that is made when it has come to the N-th call of the last kind
-//   LUMORA_DISK_LOG   where the calls for files in LUMORA_DISK_FOLDER are written down
+//   LUMORA_FAULT        "KIND:N[:ERRNO]", comma separated. The N-th call of that kind fails (0:
+//                       every call). With -S for ERRNO, it takes S seconds instead. Calls are
+//                       counted from `main` on, and only after the kinds named before have had
+//                       their N-th call. To make an encoder fail to open, KIND is its name.
+//   LUMORA_FAULT_HIT    this file is created at the N-th call of the last kind
+//   LUMORA_DISK_FOLDER  the folder whose files are logged
+//   LUMORA_DISK_LOG     the file for the log
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -32,7 +33,7 @@ extern "C" {
 struct AVCodecContext;
 struct AVDictionary;
 struct AVFrame;
-struct AVCodec {  // as it begins
+struct AVCodec {  // only its first member
   const char* name;
 };
 int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options);
@@ -67,11 +68,7 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-void noteHit() {
-  if (const char* path = std::getenv("LUMORA_FAULT_HIT")) mknod(path, S_IFREG | 0600, 0);
-}
-
-// Whether this call is one that fails; sets errno.
+// Whether this call has to fail. Sets errno.
 bool fails(const char* kind, int usualError) {
   if (!armed) return false;
   for (Fault& fault : faults) {
@@ -81,7 +78,8 @@ bool fails(const char* kind, int usualError) {
       continue;
     }
     if (++fault.calls != fault.nth && fault.nth != 0) continue;
-    if (&fault == lastFault) noteHit();
+    if (const char* hit = std::getenv("LUMORA_FAULT_HIT"); hit && &fault == lastFault)
+      mknod(hit, S_IFREG | 0600, 0);
     if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;
     errno = fault.error != 0 ? fault.error : usualError;
     return true;
@@ -89,73 +87,48 @@ bool fails(const char* kind, int usualError) {
   return false;
 }
 
-void parseFaults() {
-  const char* text = std::getenv("LUMORA_FAULT");
-  for (Fault& fault : faults) {
-    if (text == nullptr) return;
-    std::sscanf(text, "%23[a-z_0-9]:%ld:%d", fault.kind.data(), &fault.nth, &fault.error);
-    lastFault = &fault;
-    text = std::strchr(text, ',');
-    if (text != nullptr) ++text;
-  }
-}
-
-void openLog() {
-  const char* path = std::getenv("LUMORA_DISK_LOG");
-  logFolder = std::getenv("LUMORA_DISK_FOLDER");
-  if (path == nullptr || logFolder == nullptr) return;
-  logDescriptor = open(path, O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
-}
-
-bool isLogged(int descriptor) {
-  return logDescriptor >= 0 && descriptor >= 0 && descriptor < maximumLogged && logged[descriptor];
-}
-
-void log(DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = nullptr, size_t count = 0) {
+// Logs a call for this descriptor, if that is followed; -1: in any case.
+void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = nullptr,
+         ssize_t count = 0) {
+  if (logDescriptor < 0 || of >= maximumLogged || (of >= 0 && !logged[of])) return;
   static auto* const writeBytes = real<ssize_t(int, const void*, std::size_t)>("write");
-  const DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), count};
+  const auto size = static_cast<std::size_t>(count);
+  const DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), size};
   static_cast<void>(writeBytes(logDescriptor, &entry, sizeof entry));
-  if (bytes != nullptr) static_cast<void>(writeBytes(logDescriptor, bytes, count));
+  if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
 }
 
-void logWrite(int to, off_t offset, const void* bytes, ssize_t count) {
-  if (count > 0 && isLogged(to))
-    log(DiskLogEntry::written, offset, bytes, static_cast<std::size_t>(count));
-}
-
-void logStatus(int status, int of, DiskLogEntry::Kind kind, off_t offset = 0) {
-  if (status == 0 && isLogged(of)) log(kind, offset);
-}
-
-// Files and the folder itself.
-void follow(int descriptor, const char* path, int flags) {
-  if (logDescriptor < 0 || descriptor < 0 || descriptor >= maximumLogged) return;
-  logged[descriptor] = std::strncmp(path, logFolder, std::strlen(logFolder)) == 0;
-  if (isLogged(descriptor) && (flags & O_CREAT) != 0) log(DiskLogEntry::created);
-}
-
-int openAny(const char* name, const char* path, int flags, std::va_list list) {
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(list, mode_t) : 0;
-  if (fails("open", EMFILE)) return -1;
-  const int descriptor = real<int(const char*, int, ...)>(name)(path, flags, mode);
-  follow(descriptor, path, flags);
+// Follows descriptors of the folder and of files in it.
+int follow(int descriptor, const char* path) {
+  if (logDescriptor >= 0 && descriptor >= 0 && descriptor < maximumLogged)
+    logged[descriptor] = std::strncmp(path, logFolder, std::strlen(logFolder)) == 0;
   return descriptor;
 }
 
 int (*realMain)(int, char**, char**);
 
 int armedMain(int count, char** arguments, char** environment) {
-  parseFaults();
-  openLog();
+  const char* text = std::getenv("LUMORA_FAULT");
+  for (Fault& fault : faults) {
+    if (text == nullptr) break;
+    std::sscanf(text, "%23[a-z_0-9]:%ld:%d", fault.kind.data(), &fault.nth, &fault.error);
+    lastFault = &fault;
+    text = std::strchr(text, ',');
+    if (text != nullptr) ++text;
+  }
+  const char* logPath = std::getenv("LUMORA_DISK_LOG");
+  logFolder = std::getenv("LUMORA_DISK_FOLDER");
+  if (logPath != nullptr)
+    logDescriptor = open(logPath, O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
   armed = true;
   return realMain(count, arguments, environment);
 }
 
 }  // namespace
 
-// NOLINTBEGIN: these are the C library's names and shapes
+// NOLINTBEGIN: names and signatures of the C library
 #define REAL(name) static auto* const next = real<decltype(name)>(#name)
-// Behind `error`, what is done with the `result` of a call that goes through.
+// The arguments after `error` are statements about the `result` of a call that does not fail.
 #define FAULT_AS(failure, type, name, parameters, arguments, error, ...) \
   type name parameters {                                                 \
     REAL(name);                                                          \
@@ -187,15 +160,17 @@ FAULT(int, unlink, (const char* path) noexcept, (path), EACCES)
 FAULT(ssize_t, read, (int from, void* space, size_t size), (from, space, size), EIO)
 FAULT(int, fallocate, (int on, int how, off_t at, off_t size), (on, how, at, size), ENOSPC)
 FAULT(ssize_t, pwrite, (int to, const void* bytes, size_t size, off_t at), (to, bytes, size, at),
-      EIO, logWrite(to, at, bytes, result))
-FAULT(int, fdatasync, (int file), (file), EIO, logStatus(result, file, DiskLogEntry::synced))
-FAULT(int, fsync, (int file), (file), EIO, logStatus(result, file, DiskLogEntry::namesSynced))
+      EIO, if (result > 0) log(to, DiskLogEntry::written, at, bytes, result))
+FAULT(ssize_t, write, (int to, const void* bytes, size_t size), (to, bytes, size), ENOSPC,
+      if (result > 0 && logDescriptor >= 0)
+          log(to, DiskLogEntry::written, lseek(to, 0, SEEK_CUR) - result, bytes, result))
+FAULT(int, fdatasync, (int file), (file), EIO, if (result == 0) log(file, DiskLogEntry::synced))
+FAULT(int, fsync, (int file), (file), EIO, if (result == 0) log(file, DiskLogEntry::namesSynced))
 FAULT(int, ftruncate, (int file, off_t size) noexcept, (file, size), EIO,
-      logStatus(result, file, DiskLogEntry::truncated, size))
+      if (result == 0) log(file, DiskLogEntry::truncated, size))
 FAULT(int, renameat2,
       (int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept,
-      (fromFolder, from, toFolder, to, flags), EIO,
-      if (result == 0 && logDescriptor >= 0) log(DiskLogEntry::renamed))
+      (fromFolder, from, toFolder, to, flags), EIO, if (result == 0) log(-1, DiskLogEntry::renamed))
 FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* of), (to, of), EIO)
 int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options) {
   REAL(avcodec_open2);
@@ -205,29 +180,22 @@ FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)
 
-#define OPEN(name)                                            \
-  int name(const char* path, int flags, ...) {                \
-    std::va_list list;                                        \
-    va_start(list, flags);                                    \
-    const int descriptor = openAny(#name, path, flags, list); \
-    va_end(list);                                             \
-    return descriptor;                                        \
+#define OPEN(name)                                                             \
+  int name(const char* path, int flags, ...) {                                 \
+    REAL(name);                                                                \
+    std::va_list list;                                                         \
+    va_start(list, flags);                                                     \
+    const mode_t mode = (flags & O_CREAT) ? va_arg(list, mode_t) : 0;          \
+    va_end(list);                                                              \
+    return fails("open", EMFILE) ? -1 : follow(next(path, flags, mode), path); \
   }
 OPEN(open)
 OPEN(open64)
 
-ssize_t write(int to, const void* bytes, size_t size) {
-  REAL(write);
-  if (fails("write", ENOSPC)) return -1;
-  const off_t at = isLogged(to) ? lseek(to, 0, SEEK_CUR) : 0;
-  const ssize_t written = next(to, bytes, size);
-  logWrite(to, at, bytes, written);
-  return written;
-}
 int close(int descriptor) {
   REAL(close);
   if (descriptor >= 0 && descriptor < maximumLogged) logged[descriptor] = false;
-  const int status = next(descriptor);  // is closed whatever it says
+  const int status = next(descriptor);  // closes it even if the call then fails
   return fails("close", EIO) ? -1 : status;
 }
 
@@ -240,8 +208,7 @@ HEAP(realloc, (void* block, size_t size), __libc_realloc(block, size))
 HEAP(aligned_alloc, (size_t alignment, size_t size), __libc_memalign(alignment, size))
 HEAP(memalign, (size_t alignment, size_t size), __libc_memalign(alignment, size))
 int posix_memalign(void** block, size_t alignment, size_t size) {
-  if (fails("malloc", ENOMEM)) return ENOMEM;
-  *block = __libc_memalign(alignment, size);
+  *block = fails("malloc", ENOMEM) ? nullptr : __libc_memalign(alignment, size);
   return *block == nullptr ? ENOMEM : 0;
 }
 #endif

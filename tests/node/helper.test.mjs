@@ -1,20 +1,17 @@
 // A parent and stream clients with the real helper. ffmpeg decodes the movies.
 
 import assert from 'node:assert/strict';
-import { execFileSync, spawnSync } from 'node:child_process';
+import { execFileSync } from 'node:child_process';
 import { once } from 'node:events';
-import { existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
-import { tmpdir } from 'node:os';
-import { join } from 'node:path';
-import { after, test } from 'node:test';
+import { existsSync, readFileSync } from 'node:fs';
+import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
 import { inspect } from 'node:util';
 import { connectStream, startHelper } from '../../client/node/dist/esm/index.js';
+import { inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
 const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.height * 4, grey));
-const folder = mkdtempSync(join(tmpdir(), 'lumora-node-'));
-after(() => rmSync(folder, { recursive: true }));
 process.env.TAVO_FRAME_MEMORY = '99'; // no helper starts with it: the client must remove it
 
 async function helperFor(context) {
@@ -59,16 +56,16 @@ async function watch({ token, port }, acknowledgement) {
 test('a take is saved, two clients watch, the token appears nowhere', async (context) => {
   const helper = await helperFor(context);
   const events = helper.events();
-  const take = await helper.startTake({ path: join(folder, 'saved.mp4') });
+  const take = await helper.startTake({ path: inFolder('saved.mp4') });
   let isSeen = false;
-  const watching = Promise.all([watch(helper, 'automatic'), watch(helper, 'manual'), once(helper, 'stats')])
+  const watching = Promise.all(['automatic', 'manual'].map((way) => watch(helper, way)))
     .finally(() => { isSeen = true; });
   const [[automatic, manual]] = await Promise.all([watching, feedUntil(helper, () => isSeen)]);
   assert.ok(automatic === 60 && manual > 20 && manual <= 26, `${automatic}, ${manual}`);
   const { frames } = await take.stop();
-  assert.ok(frames > 10, `${frames}`);
   const pictures = countPictures(take.path);
-  assert.ok(pictures === frames || pictures === frames - 1); // the last one may have arrived after the stop
+  assert.ok(pictures > 10);
+  assert.ok(frames === pictures || frames === pictures + 1); // a frame may arrive after the stop
   await assert.rejects(helper.startTake({ path: take.path, resolution: '640x360' }),
     { name: 'TakeError', message: 'recording resolution or target frame rate is invalid' });
   const stranger = await connectStream({ port: helper.port, token: 'x'.repeat(16) });
@@ -90,7 +87,7 @@ test('a helper that cannot start says why', async (context) => {
   await refused({ program: '/none' }, /no program at \/none .*"program"/);
   await refused({ program: '/bin/true' }, /ended at once \(status 0\)/);
   await refused({ port }, /status 1: video listener failed/);
-  await assert.rejects(startHelper({ token: 'secret\0' }), (error) => !inspect(error).includes('secret'));
+  await assert.rejects(startHelper({ token: 'secret\0' }), (error) => !/secret/.test(inspect(error)));
   const children = () => readFileSync(`/proc/self/task/${process.pid}/children`, 'latin1');
   const before = children();
   const abort = new AbortController();
@@ -101,20 +98,9 @@ test('a helper that cannot start says why', async (context) => {
   assert.equal(children(), before);
 });
 
-test('the newest frame waits; a helper that hangs is killed', async (context) => {
-  const helper = await helperFor(context);
-  await suspend(helper);
-  const outcomes = [1, 2, 3].map((id) => helper.writeFrame(size, id, dark).done);
-  assert.equal(await outcomes[1], 'dropped');
-  process.kill(helper.pid, 'SIGCONT');
-  assert.deepEqual(await Promise.all(outcomes), ['written', 'dropped', 'written']);
-  await suspend(helper);
-  assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
-});
-
 test('killing the helper in the middle of a frame ends the frame and the take', async (context) => {
   const helper = await helperFor(context);
-  const take = await helper.startTake({ path: join(folder, 'killed.mp4') });
+  const take = await helper.startTake({ path: inFolder('killed.mp4') });
   await feedUntil(helper, () => existsSync(take.stagingPath));
   await suspend(helper);
   const outcomes = [1, 2].map((n) => helper.writeFrame(size, 1_000_000 + n, dark).done);
@@ -124,28 +110,12 @@ test('killing the helper in the middle of a frame ends the frame and the take', 
   assert.deepEqual(await exit, [{ type: 'exit', raw: '', code: null, signal: 'SIGKILL' }]);
   assert.deepEqual(await collect(helper.events()), await exit);
   assert.equal(helper.writeFrame(size, 2_000_000, dark).state, 'dropped');
-  await assert.rejects(take.saved, { name: 'TakeError', message: /before the take was saved \(SIGKILL\)/ });
+  await assert.rejects(take.saved, { name: 'TakeError', message: /take was saved \(SIGKILL\)/ });
   await assert.rejects(helper.startTake({ path: take.path }), { name: 'TakeError' });
   assert.ok(existsSync(take.stagingPath));
 });
 
-test('a parent that throws while a take runs leaves a saved take', () => {
-  const path = join(folder, 'thrown.mp4');
-  const client = new URL('../../client/node/dist/esm/index.js', import.meta.url);
-  const script = `import { startHelper } from '${client}';
-    const pixels = Buffer.alloc(${dark.length});
-    const helper = await startHelper();
-    await helper.startTake({ path: '${path}' });
-    helper.on('recording', ({ frames }) => { if (frames > 0) throw new Error('thrown in a take'); });
-    for (let id = 1; ; ++id) await helper.writeFrame(${JSON.stringify(size)}, id, pixels).done;`;
-  // Returns when both have ended: the helper inherits standard error.
-  const { error, stderr } = spawnSync(process.execPath, ['--input-type=module', '-e', script], { timeout: 60_000 });
-  assert.equal(error, undefined);
-  assert.match(stderr.toString(), /thrown in a take/);
-  assert.ok(countPictures(path) > 0);
-});
-
-test('1,000 frames at full speed: each is counted, none is kept in memory', async (context) => {
+test('1,000 frames are counted and not kept; a helper that hangs is killed', async (context) => {
   const helper = await helperFor(context);
   const outcomes = [];
   for (let id = 1; id <= 1000; ++id) {
@@ -157,8 +127,6 @@ test('1,000 frames at full speed: each is counted, none is kept in memory', asyn
   assert.ok(process.memoryUsage().arrayBuffers < 10 * dark.length);
   const { written, dropped } = helper.frames;
   assert.ok(dropped > 0 && written + dropped === 1000, `${written} + ${dropped}`);
-  for await (const { droppedRaw, type } of helper.events()) {
-    assert.notEqual(type, 'exit');
-    if (droppedRaw === written) break;
-  }
+  await suspend(helper);
+  assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
 });

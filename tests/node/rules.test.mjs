@@ -14,7 +14,7 @@ const { PacketSplitter } = await inside('packet_splitter');
 const { StreamClient } = await inside('stream');
 const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
-test('records have the bytes of the protocol; what would end the helper is refused', () => {
+test('records have the protocol\'s bytes; records that would end the helper are refused', () => {
   const small = { width: 2, height: 2 };
   assert.deepEqual(records.frameHeader(small, 7n), hex('00000010 0002 0002 0000000000000007'));
   records.checkSize({ width: 1080, height: 1920 });
@@ -26,30 +26,28 @@ test('records have the bytes of the protocol; what would end the helper is refus
   for (const id of [7.5, 2 ** 53, '8']) assert.throws(() => records.checkedId(id, 7n), TypeError);
   assert.throws(() => records.pixelBytes(new Uint8Array(15), small), RangeError);
   assert.throws(() => records.commandRecord({ path: 'é'.repeat(2048) }), RangeError);
-  const rows = Uint8Array.from({ length: 32 }, (_, i) => i >> 3); // four rows, filled with their numbers
-  const turned = flipRows(rows, { width: 2, height: 4 }, new Uint8Array(32));
-  assert.deepEqual([0, 8, 16, 24].map((i) => turned[i]), [3, 2, 1, 0]);
-  assert.deepEqual(flipRows(turned, { width: 2, height: 4 }), rows);
+  const four = { width: 2, height: 4 };
+  const rows = Uint8Array.from({ length: 32 }, (_, i) => i);
+  const turned = flipRows(rows, four, new Uint8Array(32));
+  assert.deepEqual(turned, rows.map((i) => i ^ 24));
+  assert.deepEqual(flipRows(turned, four), rows);
 });
 
-// A feeder, and what it wrote, one entry for each system call. A name of one letter makes `put` write a
-// frame, a longer name a command.
-function testFeeder() {
-  const written = [];
-  const writev = (chunks, done) => {
-    written.push(chunks.map(({ chunk }) => chunk).join(' '));
-    setImmediate(done);
-  };
-  const input = new Writable({ writev });
-  const feeder = new Feeder(input);
-  const put = (name) => (name.length > 1 ? { done: feeder.writeCommand(Buffer.from(name)) }
-    : feeder.writeFrame(Buffer.from('frame'), Buffer.from(name)));
-  return { written, input, feeder, put };
-}
-
-const outcomes = async (puts) => (await Promise.all(puts.map(({ done }) => done))).join();
-
 test('one frame is written, the newest waits, commands keep their place', async () => {
+  const testFeeder = () => {
+    const written = []; // one entry for each system call
+    const writev = (chunks, done) => {
+      written.push(chunks.map(({ chunk }) => chunk).join(' '));
+      setImmediate(done);
+    };
+    const input = new Writable({ writev });
+    const feeder = new Feeder(input);
+    // Writes a frame if the name has one letter, else a command.
+    const put = (name) => (name.length > 1 ? { done: feeder.writeCommand(Buffer.from(name)) }
+      : feeder.writeFrame(Buffer.from('frame'), Buffer.from(name)));
+    return { written, input, feeder, put };
+  };
+  const outcomes = async (puts) => (await Promise.all(puts.map(({ done }) => done))).join();
   const { written, input, feeder, put } = testFeeder();
   const puts = ['a', 'b', 'start', 'c', 'd'].map(put);
   assert.equal(await puts[1].done, 'dropped');
@@ -59,17 +57,14 @@ test('one frame is written, the newest waits, commands keep their place', async 
   assert.deepEqual(written, ['frame a', 'start', 'frame d']);
   await turn();
   assert.ok(input.writableFinished);
+  const other = testFeeder();
+  const lost = ['a', 'b', 'start'].map(other.put);
+  other.input.destroy();
+  assert.equal(await outcomes(lost), 'dropped,dropped,true');
+  assert.equal(other.put('c').state, 'dropped');
 });
 
-test('nothing is written after the input is destroyed', async () => {
-  const { input, put } = testFeeder();
-  const puts = ['a', 'b', 'start'].map(put);
-  input.destroy();
-  assert.equal(await outcomes(puts), 'dropped,dropped,true');
-  assert.equal(put('c').state, 'dropped');
-});
-
-test('a take has the given times; times that would make it fail are refused', async () => {
+test('a take has the given times; times with which it would fail are refused', async () => {
   const sent = [];
   const takes = new (await inside('take')).Takes((record) => sent.push(JSON.parse(record.subarray(16))));
   const now = uptime();

@@ -1,5 +1,7 @@
 // Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few.
 
+#include <thread>
+
 #include "codec/system_encoders.h"
 #include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"
@@ -132,6 +134,16 @@ TEST_F(HardwareEncoders, AreNotUsedForATakeWhoseEncoderWasOpenedBeforeTheyWereFo
   run.waitForHardware(SessionKind::preview);
   EXPECT_FALSE(run.isHardwareUsed());
   EXPECT_TRUE(run.isHardwareUsed());
+}
+
+TEST_F(HardwareEncoders, AreWaitedForWhereSoftwareIsNotAllowed) {
+  EncoderRun run("hardware", hangs);
+  const std::jthread answer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    run.driver->release.set_value();
+  });
+  Session session;
+  EXPECT_EQ(run.createSession(session), 0);
 }
 
 TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {

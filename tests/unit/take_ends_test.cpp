@@ -59,6 +59,7 @@ TEST_F(Takes, HaveSessionsOfTheirOwn) {
   FakeSession& abandoned = probe.lastSession();
   stop({{"stopped_at", 999.9}});
   EXPECT_EQ(failure(), "recording stop time is invalid");
+  EXPECT_EQ(abandoned.flushes, 0);  // the state queue does not wait for the frame in flight
   start({{"resolution", "1920x1080"}, {"target_fps", 60}});
   abandoned.answer(0, deltaSample());
   probe.run();

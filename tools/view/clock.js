@@ -4,8 +4,8 @@
 const keptPings = 30;
 const maximumLatency = 60e6;
 
-// The viewer reads its clock between the sending of a ping and the arrival of its answer. The middle is
-// wrong by at most half the round trip, so the ping with the shortest round trip is used.
+// The viewer reads its clock between the sending of a ping and the arrival of its answer. The
+// middle is wrong by at most half the round trip, so the ping with the shortest round trip is used.
 export class ClockOffset {
   #pings = [];
 
@@ -16,8 +16,8 @@ export class ClockOffset {
 
   // Viewer's time minus page's time; undefined before the first answer.
   get value() {
-    if (this.#pings.length === 0) return undefined;
-    return this.#pings.reduce((best, ping) => (ping.roundTrip < best.roundTrip ? ping : best)).offset;
+    const shortest = Math.min(...this.#pings.map(({ roundTrip }) => roundTrip));
+    return this.#pings.find(({ roundTrip }) => roundTrip === shortest)?.offset;
   }
 }
 

@@ -9,8 +9,8 @@ export class Connection {
   #attempts = 0;
   #isFinal = false;
 
-  // Handlers: `packet(buffer)`, `message(object)`, `fault(text)`, and `state(name)` with "connecting",
-  // "open", "waiting" (before the next attempt) or "closed" (no more attempts).
+  // Handlers: `packet(buffer)`, `message(object)`, `fault(text)`, and `state(name)` with
+  // "connecting", "open", "waiting" (before the next attempt) or "closed" (no more attempts).
   constructor(handlers) {
     this.#handlers = handlers;
   }
@@ -18,7 +18,7 @@ export class Connection {
   open() {
     this.#isFinal = false;
     const url = new URL('socket', document.baseURI);
-    url.protocol = url.protocol === 'https:' ? 'wss:' : 'ws:';
+    url.protocol = 'ws:';
     this.#handlers.state('connecting');
     const socket = new WebSocket(url);
     socket.binaryType = 'arraybuffer';
@@ -53,13 +53,10 @@ export class Connection {
   }
 
   #closed() {
-    if (this.#isFinal) {
-      this.#handlers.state('closed');
-      return;
-    }
+    this.#handlers.state(this.#isFinal ? 'closed' : 'waiting');
+    if (this.#isFinal) return;
     const delay = Math.min(shortestDelay * 2 ** this.#attempts, longestDelay);
     this.#attempts += 1;
-    this.#handlers.state('waiting');
     setTimeout(() => this.open(), delay);
   }
 }

@@ -1,7 +1,7 @@
 // Makes the VideoDecoderConfig of a stream.
 //
-// The source is client/node/src/decoder_config.ts. `npm run page` there compiles it for the
-// viewer's page, so it must not use Node's modules.
+// The viewer's page has a compiled copy of this file, so it uses none of Node's modules. After a
+// change of client/node/src/decoder_config.ts run `npm run page` in client/node.
 const withLength = (unit) => [unit.length >> 8, unit.length & 0xff, ...unit];
 // AVCDecoderConfigurationRecord, ISO/IEC 14496-15, 5.3.3.1
 function avcConfiguration(packet) {

@@ -1,70 +1,49 @@
-// Turns the helper's events into lines for the event list. An event that says nothing new gives none.
+// Turns the helper's events into lines for the event list. An event that says nothing new gives
+// none.
+
+const line = (text, tone = 'plain') => ({ text, tone });
+
+// By the state of a take, or else by the type of the event.
+const lines = {
+  ready: ({ port }) => line(`The helper is ready on port ${port}.`),
+  error: ({ message }) => line(`The helper failed: ${message}`, 'bad'),
+  starting: ({ path }) => line(`A take is starting: ${path}`),
+  recording: ({ width, height }) => line(`Recording in ${width} × ${height}.`),
+  finishing: () => line('The take is being finished.'),
+  saved: ({ duration: seconds, frames, path, error }) => {
+    const figures = `${duration(seconds)} min, ${count(frames, 'frame')}`;
+    return line(`Saved ${figures}: ${path}${error ? `. ${error}` : ''}`, 'good');
+  },
+  failed: ({ error }) => line(`The take failed: ${error}`, 'bad'),
+};
 
 export class EventFormatter {
   #stats = {};
-  #lastJSON = {}; // of "ready" and "error", which the viewer sends again after a reconnect
-  #take = {};
+  #last = {}; // what tells an event from the one of its type before it
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {
-    switch (event.type) {
-      case 'ready':
-        return this.#unlessRepeated(event, { tone: 'plain', text: `The helper is ready on port ${event.port}.` });
-      case 'error':
-        return this.#unlessRepeated(event, { tone: 'bad', text: `The helper failed: ${event.message}` });
-      case 'stats':
-        return this.#formatStats(event);
-      case 'recording':
-        return this.#formatTake(event);
-      default:
-        return [];
-    }
-  }
-
-  #unlessRepeated(event, line) {
-    const json = JSON.stringify(event);
-    if (this.#lastJSON[event.type] === json) return [];
-    this.#lastJSON[event.type] = json;
-    return [line];
+    const { type, id, state } = event;
+    if (type === 'stats') return this.#formatStats(event);
+    // The helper repeats the last event of a take; the viewer repeats the others after a reconnect.
+    const key = type === 'recording' ? `${id} ${state}` : JSON.stringify(event);
+    const make = lines[state ?? type];
+    if (key === this.#last[type] || !make) return [];
+    this.#last[type] = key;
+    return [make(event)];
   }
 
   #formatStats(event) {
     const growth = (key) => event[key] - this.#stats[key];
-    const lines = [];
-    const add = (text, tone = 'bad') => lines.push({ tone, text });
+    const found = [];
+    const add = (text, tone = 'bad') => found.push(line(text, tone));
     if (growth('clients') !== 0) add(`Clients of the stream: ${event.clients}.`, 'plain');
     const refused = growth('dropped_peers');
     if (refused > 0) add(`The helper refused or closed ${count(refused, 'connection')}.`);
     if (growth('idr_resyncs') > 0) add('A client fell behind and waited for the next key frame.');
     if (growth('record_encoder_failures') > 0) add('The encoder of the take failed.');
     Object.assign(this.#stats, event);
-    return lines;
-  }
-
-  #formatTake(event) {
-    const isKnown = event.id === this.#take.id && event.state === this.#take.state;
-    this.#take = event;
-    return isKnown ? [] : takeLines(event);
-  }
-}
-
-function takeLines({ state, width, height, path, error, duration: seconds, frames }) {
-  switch (state) {
-    case 'starting':
-      return [{ tone: 'plain', text: `A take is starting: ${path}` }];
-    case 'recording':
-      return [{ tone: 'plain', text: `Recording in ${width} × ${height}.` }];
-    case 'finishing':
-      return [{ tone: 'plain', text: 'The take is being finished.' }];
-    case 'saved':
-      return [{
-        tone: 'good',
-        text: `Saved ${duration(seconds)} min, ${count(frames, 'frame')}: ${path}${error ? `. ${error}` : ''}`,
-      }];
-    case 'failed':
-      return [{ tone: 'bad', text: `The take failed: ${error}` }];
-    default:
-      return [];
+    return found;
   }
 }
 

@@ -12,12 +12,11 @@ export class MovingWindow {
   add(at, value = 1) {
     this.#firstAt ??= at;
     this.#entries.push({ at, value });
-    this.#forget(at);
+    this.#entries.splice(0, this.#entries.findIndex((entry) => entry.at > at - this.#span));
   }
 
   // The values of the last `span` milliseconds.
   values(now, span = this.#span) {
-    this.#forget(now);
     return this.#entries.filter((entry) => entry.at > now - span).map((entry) => entry.value);
   }
 
@@ -26,11 +25,6 @@ export class MovingWindow {
     const seen = Math.min(span, now - (this.#firstAt ?? now));
     if (seen < 500) return undefined;
     return (this.values(now, span).reduce((sum, value) => sum + value, 0) * 1000) / seen;
-  }
-
-  #forget(now) {
-    const kept = this.#entries.findIndex((entry) => entry.at > now - this.#span);
-    this.#entries.splice(0, kept < 0 ? this.#entries.length : kept);
   }
 }
 

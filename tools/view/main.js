@@ -13,26 +13,24 @@ import { Picture } from './picture.js';
 import { PlaybackStatus } from './playback_status.js';
 import { Takes } from './takes.js';
 
-const figureInterval = 500;
-const pingInterval = 1000;
-const firstPings = { count: 5, interval: 100 }; // to know the clock soon
-
-const events = new EventList(element('events'));
-const chart = new Chart(element('chart'));
+const counters = [
+  'dropped_raw', 'credit_drops', 'send_drops', 'resync_wait_drops', 'max_pending_acks',
+];
+const events = new EventList();
+const chart = new Chart();
 const formatter = new EventFormatter();
 const playback = new PlaybackStatus();
 const frames = new MovingWindow(2000);
 const bits = new MovingWindow(2000);
 const latencies = new MovingWindow(5000);
 let clock = new ClockOffset();
-let isLatencyUnknown = false;
 let skipped = 0;
 let nextPing;
 
 const report = (text) => events.add(text, 'bad');
 const send = (message) => connection.send(JSON.stringify(message));
 
-const picture = new Picture(element('picture'), {
+const picture = new Picture({
   shown(frameId) {
     const now = performance.now();
     connection.send(`{"type":"shown","frame_id":${frameId}}`); // JSON.stringify rejects a BigInt
@@ -40,8 +38,8 @@ const picture = new Picture(element('picture'), {
     playback.pictureShown(now);
     if (clock.value === undefined) return;
     const latency = latencyOf(frameId, now * 1000, clock.value);
-    isLatencyUnknown = latency === undefined;
-    if (!isLatencyUnknown) latencies.add(now, latency / 1000);
+    element('latency-note').hidden = latency !== undefined;
+    if (latency !== undefined) latencies.add(now, latency / 1000);
   },
   failed(error) {
     report(`The decoder failed and starts again at the next key frame: ${error.message}`);
@@ -59,8 +57,14 @@ const connection = new Connection({
     if (Object.hasOwn(messages, message.type)) messages[message.type](message);
   },
   state(name) {
-    if (name === 'open') connectionOpened();
-    else connectionLost();
+    clearTimeout(nextPing);
+    if (name === 'open') {
+      clock = new ClockOffset();
+      tellVisibility();
+      keepPinging(5);
+    } else {
+      takes.sessionEnded();
+    }
     playback.connectionChanged(name);
   },
   fault: report,
@@ -92,7 +96,7 @@ const messages = {
   },
   busy({ message }) {
     connection.giveUp();
-    playback.busy(message);
+    playback.ended('Another page is viewing', message);
   },
   lost({ message }) {
     report(message);
@@ -101,26 +105,15 @@ const messages = {
   ended({ message, status }) {
     connection.giveUp();
     events.add(message, status ? 'bad' : 'plain');
-    playback.ended(message);
+    playback.ended('The helper is gone', message);
     takes.sessionEnded();
   },
 };
 
-function connectionOpened() {
-  clock = new ClockOffset();
-  tellVisibility();
-  keepPinging(firstPings.count);
-}
-
-function connectionLost() {
-  clearTimeout(nextPing);
-  takes.sessionEnded();
-}
-
-function keepPinging(firstOnes) {
+// The first pings come in quick succession, to know the clock soon.
+function keepPinging(quickOnes) {
   send({ type: 'ping', sent: Math.floor(performance.now() * 1000) });
-  const wait = firstOnes > 1 ? firstPings.interval : pingInterval;
-  nextPing = setTimeout(() => keepPinging(firstOnes - 1), wait);
+  nextPing = setTimeout(() => keepPinging(quickOnes - 1), quickOnes > 1 ? 100 : 1000);
 }
 
 function tellVisibility() {
@@ -130,47 +123,37 @@ function tellVisibility() {
 
 // Some reports lack some of the keys.
 function showStats(event) {
-  const show = (id, key, showValue) => {
-    if (Number.isFinite(event[key])) showValue(id, event[key]);
-  };
-  show('dropped-raw', 'dropped_raw', showCount);
-  show('credit-drops', 'credit_drops', showCount);
-  show('send-drops', 'send_drops', showCount);
-  show('resync-drops', 'resync_wait_drops', showCount);
-  show('pending-acks', 'max_pending_acks', showCount);
-  show('encode-ms', 'encode_ms', (id, value) => showFigure(id, value, `${value.toFixed(1)} ms`));
+  for (const key of counters) {
+    if (key in event) showCount(key.replaceAll('_', '-'), event[key]);
+  }
+  showFigure('encode-ms', event.encode_ms, `${event.encode_ms.toFixed(1)} ms`);
 }
 
 function showFigures() {
   const now = performance.now();
   const oneDecimal = (id, value) => showFigure(id, value, value?.toFixed(1));
-  oneDecimal('fps', frames.rate(now));
   const recent = latencies.values(now);
+  oneDecimal('fps', frames.rate(now));
   oneDecimal('latency-median', percentile(recent, 0.5));
   oneDecimal('latency-p99', percentile(recent, 0.99));
   const rate = bits.rate(now);
-  showFigure('bit-rate', rate, rate === undefined ? '' : (rate / 1e6).toFixed(2));
-  element('latency-note').hidden = !isLatencyUnknown;
-  const { shown, superseded, keyFrames, restarts } = picture.figures;
-  const counts = {
-    shown, superseded, skipped, restarts, 'key-frames': keyFrames, 'decoder-queue': picture.inDecoder,
-  };
+  showFigure('bit-rate', rate, (rate / 1e6).toFixed(2));
+  const counts = { ...picture.figures, 'decoder-queue': picture.inDecoder, skipped };
   for (const [id, value] of Object.entries(counts)) showCount(id, value);
   playback.show(now);
 }
 
 function addToChart() {
   const now = performance.now();
-  chart.add({
-    at: now / 1000, fps: frames.rate(now, 1000), latency: percentile(latencies.values(now, 1000), 0.5),
-  });
+  const latency = percentile(latencies.values(now, 1000), 0.5);
+  chart.add({ at: now / 1000, fps: frames.rate(now, 1000), latency });
 }
 
 addEventListener('error', ({ message }) => report(`Error in this page: ${message}`));
 addEventListener('unhandledrejection', ({ reason }) => report(`Error in this page: ${reason}`));
 document.addEventListener('visibilitychange', tellVisibility);
 element('retry').addEventListener('click', () => connection.open());
-setInterval(showFigures, figureInterval);
+setInterval(showFigures, 500);
 setInterval(addToChart, 1000);
 connection.open();
 showFigures();

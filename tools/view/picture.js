@@ -1,11 +1,12 @@
 // The live picture: decodes packets and draws the newest decoded frame onto the canvas.
 
 import { decoderConfig, isSameConfig } from './decoder_config.js';
+import { element } from './dom.js';
 
 export class Picture {
-  figures = { shown: 0, superseded: 0, keyFrames: 0, restarts: 0 };
-  #canvas;
-  #context;
+  figures = { shown: 0, superseded: 0, keyframes: 0, restarts: 0 };
+  #canvas = element('picture');
+  #context = this.#canvas.getContext('2d', { alpha: false });
   #handlers;
   #decoder;
   #config;
@@ -15,11 +16,9 @@ export class Picture {
   #newest;
   #drawing = new MessageChannel();
 
-  // Handlers: `shown(frameId)`, and `failed(error)` when the decoder failed. A new decoder starts at the
-  // next key frame.
-  constructor(canvas, handlers) {
-    this.#canvas = canvas;
-    this.#context = canvas.getContext('2d', { alpha: false });
+  // Handlers: `shown(frameId)`, and `failed(error)` when the decoder failed. A new decoder starts
+  // at the next key frame.
+  constructor(handlers) {
     this.#handlers = handlers;
     this.#drawing.port1.onmessage = () => this.#draw();
   }
@@ -62,15 +61,16 @@ export class Picture {
   // A frame id may be too large for a timestamp, so chunks are numbered instead.
   #decode({ frameId, keyframe, data }) {
     const timestamp = this.#chunks;
+    const type = keyframe ? 'key' : 'delta';
     this.#chunks += 1;
-    if (keyframe) this.figures.keyFrames += 1;
+    if (keyframe) this.figures.keyframes += 1;
     this.#needsKey = false;
     this.#frameIds.set(timestamp, frameId);
-    this.#guard(() => this.#decoder.decode(
-      new EncodedVideoChunk({ type: keyframe ? 'key' : 'delta', timestamp, data })));
+    this.#guard(() => this.#decoder.decode(new EncodedVideoChunk({ type, timestamp, data })));
   }
 
-  // Drawing is a task of its own. When the decoder puts out several frames first, only the newest is drawn.
+  // Drawing is a task of its own. When the decoder puts out several frames first, only the newest
+  // is drawn.
   #keep(frame) {
     if (this.#newest) {
       this.#newest.frame.close();

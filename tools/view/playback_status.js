@@ -1,7 +1,7 @@
 // Shows the state of connection and picture: a label in the header, and a notice over the picture
 // unless it is live.
 
-import { element } from './dom.js';
+import { element, showText } from './dom.js';
 
 const stallTime = 2000; // milliseconds without a new picture
 
@@ -13,7 +13,6 @@ export class PlaybackStatus {
   #loss; // the viewer's message while it reconnects to the helper
   #fault; // the decoder's error, until it decodes again
   #shownAt;
-  #displayed;
 
   connectionChanged(state) {
     this.#connection = state;
@@ -24,14 +23,8 @@ export class PlaybackStatus {
   }
 
   sessionStarted({ mode, helper }) {
-    this.#end = this.#loss = undefined;
-    this.#shownAt = undefined;
+    this.#end = this.#loss = this.#shownAt = undefined;
     element('session').textContent = `${mode === 'owner' ? 'Started' : 'Joined'} ${helper}`;
-    this.show();
-  }
-
-  busy(text) {
-    this.#end = ['Another page is viewing', text];
     this.show();
   }
 
@@ -40,8 +33,8 @@ export class PlaybackStatus {
     this.show();
   }
 
-  ended(text) {
-    this.#end = ['The helper is gone', text];
+  ended(title, text) {
+    this.#end = [title, text];
     this.show();
   }
 
@@ -65,21 +58,19 @@ export class PlaybackStatus {
 
   show(now = performance.now()) {
     const [state, title, text = ''] = this.#current(now);
-    const canRetry = this.#connection === 'closed';
-    const displayed = [state, title, text, canRetry].join();
-    if (displayed === this.#displayed) return;
-    this.#displayed = displayed;
     element('connection').dataset.state = state;
-    element('connection').textContent = title;
+    showText('connection', title);
     element('notice').hidden = state === 'live';
-    element('notice-title').textContent = title;
-    element('notice-text').textContent = text;
-    element('retry').hidden = !canRetry;
+    showText('notice-title', title);
+    showText('notice-text', text);
+    element('retry').hidden = this.#connection !== 'closed';
   }
 
   // Returns the state ("live", "waiting" or "failed"), a title, and perhaps a text.
   #current(now) {
-    if (!this.canDecode) return ['failed', 'This browser cannot decode the picture', decoderAdvice()];
+    if (!this.canDecode) {
+      return ['failed', 'This browser cannot decode the picture', decoderAdvice()];
+    }
     if (this.#end) return ['failed', ...this.#end];
     switch (this.#connection) {
       case 'closed':

@@ -31,18 +31,19 @@ export class Takes {
     element('take-stop').addEventListener('click', () => {
       if (this.#state !== 'asked') send({ type: 'stop' }); // else no take exists yet
     });
-    element('take-copy').addEventListener('click', () => copyPath());
+    element('take-copy').addEventListener('click', async () => {
+      await navigator.clipboard.writeText(element('take-path').textContent);
+      element('take-copied').textContent = 'Copied';
+    });
     element('take-movie').addEventListener('error', () => {
       showProblem('The movie cannot be played here. The file itself is complete.');
     });
-    this.#showState('none');
   }
 
   sessionStarted({ mode, folder }) {
     this.#isOwner = mode === 'owner';
     if (!element('take-folder').value && folder) element('take-folder').value = folder;
-    const reason = 'Only the application that started the helper can record takes and hears its events.';
-    element('take-reason').textContent = this.#isOwner ? '' : reason;
+    element('take-reason').hidden = this.#isOwner;
     this.#enable();
   }
 
@@ -56,11 +57,11 @@ export class Takes {
 
   // Shows a "recording" event of the helper.
   handleEvent(event) {
-    if (!(event.state in states)) throw new Error(`unknown state of a take: ${event.state}`);
     // The helper repeats the last event of a take. Showing it again would replace a newer message.
     const key = `${event.id} ${event.state}`;
     if (key === this.#lastEvent) return;
-    this.#lastEvent = event.state === 'recording' ? undefined : key; // each of those has new figures
+    // Each event of a take that records has new figures.
+    this.#lastEvent = event.state === 'recording' ? undefined : key;
     if (event.state === 'starting') hideMovie();
     this.#showState(event.state);
     showFigure('take-duration', event.duration, duration(event.duration));
@@ -136,14 +137,4 @@ function hideMovie() {
   element('take-movie').removeAttribute('src');
   element('take-movie').load();
   element('take-copied').textContent = '';
-}
-
-async function copyPath() {
-  try {
-    await navigator.clipboard.writeText(element('take-path').textContent);
-    element('take-copied').textContent = 'Copied';
-  } catch {
-    getSelection().selectAllChildren(element('take-path'));
-    element('take-copied').textContent = 'Selected; copy it with Ctrl+C';
-  }
 }

@@ -4,22 +4,14 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
-#include <utility>
+#include <limits>
 
-#include <lumora/uptime.h>
 #include "tools/viewer/page_socket.h"
 #include "tools/viewer/takes.h"
 
 namespace lumora::viewer {
 namespace asio = boost::asio;
 using client::uptime;
-
-namespace {
-
-constexpr std::chrono::milliseconds tickInterval{50};
-constexpr std::chrono::milliseconds timeForGoodbye{300};
-
-}  // namespace
 
 template <typename... Arguments>
 auto Bridge::posting(void (Bridge::*method)(Arguments...)) {
@@ -33,7 +25,7 @@ Bridge::Bridge(asio::io_context& context) : context_(context), ticks_(context), 
   tick();
 }
 
-void Bridge::join(const HelperAddress& helper) {
+void Bridge::join(const tools::HelperAddress& helper) {
   session_ = {{"type", "session"},
               {"mode", "guest"},
               {"helper", helper.host + ":" + std::to_string(helper.port)}};
@@ -54,11 +46,14 @@ void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::Fr
   connectTo({"127.0.0.1", camera_->helper().port(), camera_->helper().token()});
 }
 
-void Bridge::connectTo(const HelperAddress& helper) {
-  const StreamSource::Handlers handlers{.packet = posting(&Bridge::packetCame),
-                                        .connected = posting(&Bridge::streamBegan),
-                                        .failed = posting(&Bridge::streamFailed)};
-  stream_ = std::make_unique<StreamSource>(helper, handlers);
+void Bridge::connectTo(const tools::HelperAddress& helper) {
+  const tools::WatchedStream::Handlers handlers{.packet = posting(&Bridge::packetCame),
+                                                .connected = posting(&Bridge::streamBegan),
+                                                .failed = posting(&Bridge::streamFailed)};
+  stream_ = std::make_unique<tools::WatchedStream>(helper, handlers);
+  watcher_ = std::jthread([this](const std::stop_token& stop) {
+    stream_->watch(stop, std::numeric_limits<double>::infinity());
+  });
 }
 
 WebHandlers Bridge::webHandlers() {
@@ -137,6 +132,7 @@ void Bridge::streamBegan() {
 }
 
 void Bridge::streamFailed(const std::string& why) {
+  flow_.streamBegan();  // the next connection must not get acknowledgements of this one
   if (!ending_) std::fprintf(stderr, "%s\n", why.c_str());
   if (camera_) return;  // the helper's events tell more
   Json lost = {{"type", "lost"}, {"message", why + " Trying again."}};
@@ -209,12 +205,12 @@ void Bridge::end() {
 // The page gets a moment to read what it was told.
 void Bridge::finish() {
   if (page_) page_->close();
-  goodbye_.expires_after(timeForGoodbye);
+  goodbye_.expires_after(std::chrono::milliseconds(300));
   goodbye_.async_wait([this](const boost::system::error_code&) { context_.stop(); });
 }
 
 void Bridge::tick() {
-  ticks_.expires_after(tickInterval);
+  ticks_.expires_after(std::chrono::milliseconds(50));
   ticks_.async_wait([this](const boost::system::error_code& error) {
     if (error) return;
     acknowledge(flow_.acknowledgeOverdue(uptime()));

@@ -3,23 +3,15 @@
 // Connects a helper with the page: passes the stream and the events on, and does what the page
 // asks. It runs on the thread of its context; what other threads report is posted there.
 
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <cstdint>
-#include <filesystem>
 #include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "tools/viewer/camera.h"
 #include "tools/viewer/frame_flow.h"
 #include "tools/viewer/page_messages.h"
-#include "tools/viewer/stream_source.h"
 #include "tools/viewer/web_server.h"
+#include "tools/watched_stream.h"
 
 namespace lumora::viewer {
 
@@ -28,7 +20,7 @@ class Bridge {
   explicit Bridge(boost::asio::io_context& context);
 
   // Watches a helper that runs already.
-  void join(const HelperAddress& helper);
+  void join(const tools::HelperAddress& helper);
   // Starts a helper and feeds it. The page proposes `folder` for takes. Throws as Camera does.
   void own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
            int framesPerSecond, const std::string& folder);
@@ -54,7 +46,7 @@ class Bridge {
   void obey(const StartTake& message);
   void obey(const StopTake&);
 
-  void connectTo(const HelperAddress& helper);
+  void connectTo(const tools::HelperAddress& helper);
   void packetCame(const client::Packet& packet);
   void streamBegan();
   void streamFailed(const std::string& why);
@@ -87,7 +79,8 @@ class Bridge {
   std::string inputEnd_;                                 // a sentence, once the input has ended
   bool ending_ = false;
   bool failed_ = false;
-  std::unique_ptr<StreamSource> stream_;
+  std::unique_ptr<tools::WatchedStream> stream_;
+  std::jthread watcher_;            // of the stream
   std::unique_ptr<Camera> camera_;  // null when the helper is not ours
 };
 

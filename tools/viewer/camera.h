@@ -1,11 +1,5 @@
 #pragma once
 
-#include <lumora/helper.h>
-
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <string>
 #include <thread>
 
 #include "tools/frame_source.h"

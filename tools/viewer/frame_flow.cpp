@@ -1,7 +1,5 @@
 #include "tools/viewer/frame_flow.h"
 
-#include <utility>
-
 namespace lumora::viewer {
 
 void FrameFlow::streamBegan() {
@@ -62,7 +60,5 @@ std::optional<std::uint64_t> FrameFlow::acknowledgeOverdue(double now) {
   unseen_.clear();
   return newest;
 }
-
-std::uint64_t FrameFlow::takeWithheld() { return std::exchange(withheld_, 0); }
 
 }  // namespace lumora::viewer

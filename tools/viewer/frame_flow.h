@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <utility>
 
 namespace lumora::viewer {
 
@@ -35,7 +36,7 @@ class FrameFlow {
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
   // How many frames the page has missed since the last call.
-  std::uint64_t takeWithheld();
+  std::uint64_t takeWithheld() { return std::exchange(withheld_, 0); }
 
  private:
   struct Forwarded {

@@ -12,7 +12,6 @@
 #include <filesystem>
 
 #include "client/child_process.h"
-#include "tools/frame_source.h"
 #include "tools/parse_number.h"
 #include "tools/viewer/bridge.h"
 
@@ -31,7 +30,7 @@ struct Options {
   std::string folder = ".";
   client::FrameSize size{1280, 720};
   int rate = 60;
-  viewer::HelperAddress address;  // of a helper to join
+  tools::HelperAddress address;  // of a helper to join
   std::uint16_t listen = 0;
 };
 

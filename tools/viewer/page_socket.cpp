@@ -1,7 +1,5 @@
 #include "tools/viewer/page_socket.h"
 
-#include <utility>
-
 #include "tools/viewer/page_messages.h"
 
 namespace lumora::viewer {

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <string>
 
 #include "tools/viewer/web_rules.h"
 

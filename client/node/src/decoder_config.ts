@@ -1,11 +1,11 @@
 // Makes the VideoDecoderConfig of a stream.
 //
-// The source is client/node/src/decoder_config.ts. `npm run page` there compiles it for the
-// viewer's page, so it must not use Node's modules.
+// The viewer's page has a compiled copy of this file, so it uses none of Node's modules. After a
+// change of client/node/src/decoder_config.ts run `npm run page` in client/node.
 
 import type { ConfigurationPacket } from './packets.js';
 
-/** A VideoDecoderConfig. */
+/** The fields of WebCodecs' VideoDecoderConfig that we set. */
 export interface DecoderConfig {
   codec: string;
   codedWidth: number;

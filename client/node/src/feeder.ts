@@ -35,7 +35,7 @@ export class Feeder {
 
   constructor(input: Writable) {
     this.#input = input;
-    // When the helper ends, writing fails. Its exit event tells why it ended.
+    // When the helper ends, writes fail. The helper's exit event says why.
     input.on('error', () => undefined);
     input.on('close', () => this.#abandon());
   }
@@ -64,7 +64,7 @@ export class Feeder {
     return true;
   }
 
-  /** Closes the input after everything that was queued. */
+  /** Closes the input once everything in the queue is written. */
   end(): void {
     this.#ending = true;
     this.#writeNext();
@@ -99,7 +99,7 @@ export class Feeder {
   #put(parts: Buffer[]): Promise<FrameOutcome> {
     const input = this.#input;
     return new Promise((resolve) => {
-      // A destroyed stream may never call back, or call back without an error.
+      // A destroyed stream may call back without an error, or not at all.
       this.#abandonWrite = () => resolve('dropped');
       const done = (error?: Error | null) =>
         resolve(error || input.destroyed ? 'dropped' : 'written');

@@ -1,7 +1,7 @@
 // Parses one packet of the helper's TCP stream.
 //
-// The source is client/node/src/packets.ts. `npm run page` there compiles it for the
-// viewer's page, so it must not use Node's modules.
+// The viewer's page has a compiled copy of this file, so it uses none of Node's modules. After a
+// change of client/node/src/packets.ts run `npm run page` in client/node.
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------
