@@ -3,9 +3,9 @@
 
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
-import { ClockOffset, latencyOf } from '../../tools/view/clock.js';
-import { EventFormatter, duration } from '../../tools/view/event_formatter.js';
-import { MovingWindow, percentile } from '../../tools/view/figures.js';
+import { ClockOffset, latencyOf } from '../../tools/viewer/page/clock.js';
+import { EventFormatter, duration } from '../../tools/viewer/page/event_formatter.js';
+import { MovingWindow, percentile } from '../../tools/viewer/page/figures.js';
 
 test('the clock offset comes from the shortest round trip', () => {
   const clock = new ClockOffset();

@@ -3,7 +3,7 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 package=$here/../../client/node
-page=$here/../../tools/view
+page=$here/../../tools/viewer/page
 source "$here/../npm.sh"
 
 installPackages "$package"

@@ -1,8 +1,9 @@
 // Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few.
 
+#include "codec/system_encoders.h"
+
 #include <thread>
 
-#include "codec/system_encoders.h"
 #include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"
 #include "tests/unit/stand_in_driver.h"
