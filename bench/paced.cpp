@@ -11,16 +11,17 @@ namespace {
 
 using namespace lumora;
 
-// "load" is one configuration, "growth" how the cost grows with size, rate, recording and clients,
-// "takes" how late the preview's frames are when a take starts or ends.
+// "load" measures one configuration. "growth" measures how the cost grows with size, rate,
+// recording and clients. "takes" measures how late the preview's frames are when a take starts or
+// ends.
 constexpr const char* usage =
     "usage: lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS none|PROFILE\n"
     "                     [SECONDS BEFORE THE TAKE]\n"
     "       lumora-paced HELPER growth SECONDS\n"
     "       lumora-paced HELPER takes ROUNDS [PROFILE]\n"
     "       FRAMES=pipe|memory in the environment: how frames reach the helper\n"
-    "       MEMORY=settled: touches memory before each run, for hosts that take back what is "
-    "free\n";
+    "       MEMORY=settled: touches memory before each run, for virtual machines whose host takes "
+    "free memory back\n";
 
 const std::filesystem::path folder = std::filesystem::temp_directory_path() / "lumora-paced";
 
@@ -50,8 +51,8 @@ void measureGrowth(const std::string& helper, double seconds) {
   }
 }
 
-// Frames of a round: a take starts and stops, and a later one fails. The half second behind each is
-// looked at.
+// In each round of 240 frames one take starts and stops, and a later one fails. Latency is measured
+// for half a second after each of these moments.
 constexpr std::uint64_t roundFrames = 240;
 constexpr std::uint64_t windowFrames = 30;
 constexpr std::uint64_t startFrame = 60;

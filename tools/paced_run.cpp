@@ -54,7 +54,7 @@ class Run {
     begun_ = SteadyClock::now();
     const auto count = static_cast<std::uint64_t>(options_.seconds * options_.framesPerSecond);
     std::uint64_t number = 1;
-    for (; number <= count; ++number) {
+    for (; number <= count && !helper_.exited(); ++number) {
       const auto rgba = source_.next(number, secondsAt(number));
       if (rgba.empty()) break;
       lateness_.push_back(waitFor(number));
@@ -63,7 +63,6 @@ class Run {
       }
       if (options_.beforeFrame) options_.beforeFrame(helper_, number);
       helper_.writeFrame(source_.size(), nextID(), rgba);
-      if (helper_.exited()) break;
       if (progress && number % static_cast<std::uint64_t>(options_.framesPerSecond) == 0) {
         progress(report());
       }
@@ -77,7 +76,7 @@ class Run {
   }
 
   RunReport end() {
-    // Until then another report of the helper has counted the last frame.
+    // Waits for one more report of the helper, which counts the last frame.
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     const double peak = peakMegabytes(helper_.pid());
     const client::Exited exit = helper_.stop();
@@ -98,7 +97,7 @@ class Run {
     return copy;
   }
 
-  // Of the frame that is about to be written.
+  // The id of the next frame.
   std::uint64_t nextID() {
     const std::uint64_t id = client::frameID(client::uptime());
     const std::lock_guard hold(mutex_);

@@ -73,10 +73,7 @@ class Soak {
       {
         const std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
         const std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
-        for (int i = 0; i < takesBetweenRests; ++i) {
-          alarm(longestTake);  // ends us if anything hangs
-          take();
-        }
+        for (int i = 0; i < takesBetweenRests; ++i) take();
       }
       rest(uptime() - begun);
     }
@@ -139,6 +136,7 @@ class Soak {
   }
 
   void take() {
+    alarm(longestTake);  // ends us if anything hangs
     tools::TestCard card(oneOf(sizes));
     const std::jthread feeder([&](const std::stop_token& stop) { feed(card, stop); });
     client::Take take =

@@ -88,7 +88,7 @@ class Output {
   long long latest_ = 0;
 };
 
-int tap(const Options& options) {
+std::string tap(const Options& options) {
   Output output(options);
   tools::WatchedStream stream(options.helper, {.packet =
                                                    [&](const Packet& packet) {
@@ -97,9 +97,7 @@ int tap(const Options& options) {
                                                        stream.acknowledge(packet.frameID);
                                                    },
                                                .connected = [&] { output.streamBegan(); }});
-  const std::string why = stream.watch({}, options.patience);
-  std::fprintf(stderr, "%s\n", why.c_str());
-  return 1;
+  return stream.watch({}, options.patience);
 }
 
 bool applyOption(std::string_view name, std::string_view value, Options& options) {
@@ -108,7 +106,7 @@ bool applyOption(std::string_view name, std::string_view value, Options& options
     options.flv = value == "flv";
     return value == "flv" || value == "h264";
   }
-  options.timesFromIDs = value == "ids";
+  if (name == "--times") options.timesFromIDs = value == "ids";
   return name == "--times" && (value == "ids" || value == "arrival");
 }
 
@@ -133,7 +131,7 @@ std::optional<Options> parseOptions(const std::vector<std::string_view>& argumen
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   const auto options = parseOptions({argv + 1, argv + argc});
   if (!options) {
     std::fprintf(stderr,
@@ -142,10 +140,9 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  try {
-    return tap(*options);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
-  }
+  std::fprintf(stderr, "%s\n", tap(*options).c_str());
+  return 1;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
 }

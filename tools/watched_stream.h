@@ -25,9 +25,8 @@ class WatchedStream {
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested, or no connection has brought a packet for `patience`
-  // seconds. Returns why the last one ended. Sleeps for 250 ms before each retry. Throws what the
-  // handlers throw.
+  // Watches until `stop` is requested, or no connection has brought packets for `patience` seconds.
+  // Retries every 250 ms. Returns why the last one ended. Throws what the handlers throw.
   std::string watch(const std::stop_token& stop, double patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);

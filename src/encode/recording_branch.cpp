@@ -28,7 +28,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
   }
 }
 
-// An existing session always belongs to `movie`: `releaseRaw` has reset that of an earlier take.
+// `releaseRaw` closes the session of an earlier take, so a session that exists belongs to `movie`.
 void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
                                            const std::shared_ptr<MovieRecorder>& movie) {
   RecordingSession& recording = take.recording;

@@ -1,6 +1,5 @@
 #include "tools/viewer/takes.h"
 
-#include <array>
 #include <ctime>
 #include <filesystem>
 #include <stdexcept>
@@ -14,9 +13,9 @@ std::string freeName(const std::filesystem::path& folder) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
-  std::array<char, 32> stamp{};
-  std::strftime(stamp.data(), stamp.size(), "take-%Y%m%d-%H%M%S", &local);
-  const std::string start = folder / stamp.data();
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "take-%Y%m%d-%H%M%S", &local);
+  const std::string start = folder / stamp;
   std::string path = start + ".mp4";
   std::error_code unknown;
   for (int i = 2; std::filesystem::exists(path, unknown); ++i) {
@@ -25,20 +24,17 @@ std::string freeName(const std::filesystem::path& folder) {
   return path;
 }
 
-bool isFolder(const std::string& name) {
-  std::error_code unknown;
-  const bool isPath = name.starts_with('/') && name.find('\0') == std::string::npos;
-  return isPath && std::filesystem::is_directory(name, unknown);
-}
-
 }  // namespace
 
 client::TakeOptions planTake(const StartTake& wanted, double startedAt) {
-  if (!isFolder(wanted.folder)) {
-    throw std::runtime_error("There is no folder \"" + wanted.folder +
+  const std::string& folder = wanted.folder;
+  std::error_code unknown;
+  const bool isPath = folder.starts_with('/') && folder.find('\0') == std::string::npos;
+  if (!isPath || !std::filesystem::is_directory(folder, unknown)) {
+    throw std::runtime_error("There is no folder \"" + folder +
                              "\". Give its whole path, beginning with \"/\".");
   }
-  return {.path = freeName(wanted.folder),
+  return {.path = freeName(folder),
           .resolution = wanted.resolution,
           .targetFPS = wanted.targetFPS,
           .steady = wanted.steady,
