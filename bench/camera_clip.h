@@ -6,9 +6,9 @@
 
 namespace lumora::bench {
 
-// What a camera might see, since the work of encoders depends on it: detail of every size, edges, a
-// hand that is not quite still, and the noise of a sensor. A seamless loop, drawn beforehand by
-// ffmpeg, the same in every run.
+// A clip that resembles a camera's, since an encoder's work depends on the picture: detail of every
+// size, edges, a slight shake and the noise of a sensor. It loops without a jump. ffmpeg draws it
+// in the constructor. It is the same in every run.
 class CameraClip final : public tools::FrameSource {
  public:
   // Throws std::runtime_error when ffmpeg does not draw it.

@@ -1,8 +1,8 @@
 #pragma once
 
-// The tools that people use today for the helper's job, as shell commands: raw RGBA frames in, the
-// bottom row first; a Baseline preview of 640×360 into a file and a High recording of the full size
-// into an MP4 out. They have the helper's bit rates, buffers, key frames and threads.
+// Shell commands that do the helper's job with common tools. Each reads raw RGBA frames, the bottom
+// row first, and writes a 640×360 preview (Baseline) and a full-size recording (High, MP4). Bit
+// rates, buffers, key frame intervals and thread counts are the helper's.
 
 #include <string>
 
@@ -11,14 +11,14 @@
 namespace lumora::bench {
 
 struct Outputs {
-  std::string preview = {};  // H.264 byte stream
-  std::string take = {};     // MP4
+  std::string preview = {};  // path of the H.264 byte stream
+  std::string take = {};     // path of the MP4 file
 };
 
-// Each output is scaled and converted on its own, as most people write it.
+// Scales and converts each output separately, as most people write the command.
 std::string ffmpegCommand(client::FrameSize size, const std::string& preset,
                           const Outputs& outputs);
-// Converted once, and the preview scaled from that: less work, but less common.
+// Converts each frame once and scales the preview from the result: less work, but less common.
 std::string ffmpegOnceCommand(client::FrameSize size, const std::string& preset,
                               const Outputs& outputs);
 std::string gstreamerCommand(client::FrameSize size, const std::string& preset,

@@ -16,11 +16,12 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-// Gives a program's input the size that the helper gives its own.
+// Enlarges the program's input pipe to 1 MiB, as the helper does with its own.
 void enlargeInput(pid_t process) {
   const std::string input = "/proc/" + std::to_string(process) + "/fd/0";
   const client::Descriptor pipe(open(input.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (fcntl(pipe.get(), F_SETPIPE_SZ, 1 << 20) < 0) throw std::runtime_error("no pipe of 1 MiB");
+  if (fcntl(pipe.get(), F_SETPIPE_SZ, 1 << 20) < 0)
+    throw std::runtime_error("cannot enlarge the input pipe");
 }
 
 }  // namespace
@@ -69,7 +70,7 @@ double measureSSIM(const std::string& path, CameraClip& clip,
                   clip, numbers)
           .output;
   const auto at = output.rfind(" All:");
-  if (at == std::string::npos) throw std::runtime_error("ffmpeg measures nothing: " + output);
+  if (at == std::string::npos) throw std::runtime_error("ffmpeg printed no SSIM: " + output);
   return std::strtod(output.c_str() + at + 5, nullptr);
 }
 

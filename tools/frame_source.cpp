@@ -52,9 +52,9 @@ std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSeco
       size, isCamera);
 }
 
-client::FrameTransport frameTransport(client::FrameTransport otherwise) {
+client::FrameTransport frameTransport(client::FrameTransport fallback) {
   const std::string way = environment("FRAMES");
-  if (way.empty()) return otherwise;
+  if (way.empty()) return fallback;
   if (way == "memory") return client::FrameTransport::memory;
   if (way == "pipe") return client::FrameTransport::pipe;
   throw std::runtime_error("FRAMES is \"" + way + "\", but must be \"memory\" or \"pipe\"");

@@ -15,13 +15,13 @@ class FrameSource {
   virtual client::FrameSize size() const = 0;
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
-  // Frame `number`, from 1, in which a test card shows `seconds`; empty at the end. Valid until the
-  // next call.
+  // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
+  // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
 };
 
 // A moving test card: colour bars and a fine pattern that scroll, and a clock that tells frames
-// apart. It is cheap to draw, so that a measurement sees the helper and not the card.
+// apart. Drawing it costs little CPU time, so it does not distort measurements of the helper.
 class TestCard final : public FrameSource {
  public:
   explicit TestCard(client::FrameSize size);
@@ -53,13 +53,13 @@ class CommandSource final : public FrameSource {
   std::vector<std::uint8_t> frame_;
 };
 
-// The video file (played in a loop) or camera that INPUT in the environment names; without it a
-// test card. ffmpeg decodes it and fits it into `size`.
+// Opens the video file or camera that the environment variable INPUT names, or a test card if it is
+// not set. A file plays in a loop. ffmpeg scales the picture to fit `size`.
 std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond);
 
-// What FRAMES in the environment says, "memory" or "pipe"; `otherwise` without it. Throws
-// std::runtime_error for anything else.
+// Returns the transport that the environment variable FRAMES names, "memory" or "pipe", or
+// `fallback` if it is not set. Throws std::runtime_error for anything else.
 client::FrameTransport frameTransport(
-    client::FrameTransport otherwise = client::FrameTransport::memory);
+    client::FrameTransport fallback = client::FrameTransport::memory);
 
 }  // namespace lumora::tools

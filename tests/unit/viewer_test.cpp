@@ -45,7 +45,8 @@ TEST(FrameFlow, ASlowPageGetsNothingUntilItSpeaksAndAKeyFrameComes) {
   EXPECT_EQ(flow.takeWithheld(), 2u);
   flow.pageRestarted();
   EXPECT_FALSE(flow.frameCame(6, false, 0.5));
-  EXPECT_EQ(flow.acknowledgeOverdue(9), std::nullopt);  // refusing frame 6 acknowledged frame 5, too
+  EXPECT_EQ(flow.acknowledgeOverdue(9),
+            std::nullopt);  // refusing frame 6 acknowledged frame 5, too
   EXPECT_TRUE(flow.frameCame(7, true, 0.6));
   EXPECT_EQ(flow.takeWithheld(), 0u);  // the page was not slow
 }

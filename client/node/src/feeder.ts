@@ -1,13 +1,13 @@
-// Writes records into the helper's standard input. At most one frame is being written and one waits;
-// a newer frame replaces the one that waits. Commands keep their place among the frames and are never
-// dropped.
+// Writes records into the helper's standard input. One frame is written at a time, and one more may
+// wait. A newer frame drops the one that waits. Commands and frames are written in the order in which
+// they were queued. Commands are dropped only when the input closes.
 
 import type { Writable } from 'node:stream';
 
 import { deferred } from './deferred.js';
 
 /**
- * `written`: the helper has the whole frame. It may still drop it (`droppedRaw` in its statistics).
+ * `written`: the helper has read the frame. If it drops it, it counts it in `droppedRaw`.
  * `dropped`: a newer frame replaced it, or the helper no longer reads.
  */
 export type FrameOutcome = 'written' | 'dropped';
@@ -56,7 +56,7 @@ export class Feeder {
     return { state: 'queued', done };
   }
 
-  /** Returns false when the helper no longer reads. */
+  /** Returns false once the input is closing. */
   writeCommand(record: Buffer): boolean {
     if (this.#ending) return false;
     this.#waiting.push({ parts: [record], isFrame: false, settle: () => undefined });

@@ -7,7 +7,7 @@ export class LineSplitter {
   #pending: Buffer = Buffer.alloc(0);
   #skipping = false;
 
-  /** Returns the lines that these bytes complete. Lines longer than any event are skipped. */
+  /** Returns the lines that these bytes complete. Skips lines that are longer than any event. */
   feed(bytes: Buffer): string[] {
     const lines: string[] = [];
     let left = Buffer.concat([this.#pending, bytes]);

@@ -18,7 +18,7 @@ function isExecutable(path: string): boolean {
 
 function executable(path: string, source: string): string {
   if (!isExecutable(path)) throw new Error(`there is no program at ${path} (${source})`);
-  return resolve(path); // `spawn` looks up a bare name in the PATH
+  return resolve(path); // absolute, or `spawn` would look up a bare name in the PATH
 }
 
 // The program in the npm package for this platform, if that is installed.
@@ -33,8 +33,8 @@ async function packagedProgram(): Promise<string | undefined> {
 
 /**
  * Returns the path of the helper: `program`, else `LUMORA_VIDEO_PATH`, else the program in the npm
- * package for this platform, else the one on the `PATH`. Rejects with an Error that says what to
- * install.
+ * package for this platform, else the one on the `PATH`. Rejects with an Error that says where it looked
+ * or what to install.
  */
 export async function findProgram(
   program?: string,
