@@ -33,7 +33,9 @@ struct VideoEncoderProbe {
     clock->now = uptime;
     tick();
   }
-  void tick() { std::exchange(queue->tick, nullptr)(); }
+  void tick() {
+    if (const Work due = std::exchange(queue->tick, nullptr)) due();
+  }
   void signal(int number) {
     process->signals.at(number)();
     run();
