@@ -51,11 +51,13 @@ std::uint8_t* PicturePool::takeIdle(std::size_t size) {
 
 void PicturePool::give(std::size_t size, std::uint8_t* memory) {
   if (size > largestIdle) return std::free(memory);
-  const std::lock_guard hold(mutex_);
+  std::unique_lock hold(mutex_);
   idle_.push_back({size, memory});
   if (idle_.size() <= maximumIdle) return;
-  std::free(idle_.front().memory);
+  std::uint8_t* const oldest = idle_.front().memory;
   idle_.erase(idle_.begin());
+  hold.unlock();
+  std::free(oldest);
 }
 
 }  // namespace lumora

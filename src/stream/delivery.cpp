@@ -48,12 +48,14 @@ void VideoEncoder::sent(std::uint64_t peerID, std::error_code error) {
 void VideoEncoder::sweepPeers() {
   if (!running) return;
   const double now = uptime();
-  const auto peers = preview.peers;  // a copy, since `remove` changes the original
-  for (const auto& [id, peer] : peers) {
-    if (!isOverdue(*peer, now)) continue;
+  std::vector<std::shared_ptr<Peer>> overdue;  // first, since `remove` changes the map
+  for (const auto& [id, peer] : preview.peers) {
+    if (isOverdue(*peer, now)) overdue.push_back(peer);
+  }
+  for (const auto& peer : overdue) {
     // A reset also discards what the kernel holds for a peer that does not read.
     if (peer->authenticated) peer->connection->reset();
-    remove(id);
+    remove(peer->id);
   }
 }
 
