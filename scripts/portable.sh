@@ -3,7 +3,7 @@
 # in build/portable/packages.
 #
 # FFmpeg, x264 and Highway are built from Debian's source packages, with only the parts that are used.
-# The build is reproducible: every build makes the same file, in any folder.
+# The build is reproducible: builds from the same Debian packages make the same file, in any folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-2}

@@ -1,7 +1,7 @@
 #pragma once
 
-// What happens when memory is short: `new` waits for it, and optional steps are skipped. Otherwise
-// std::bad_alloc ends the step.
+// What happens when memory is short. `new` waits for it. If memory stays short, `new` throws:
+// optional steps are then skipped, any other operation fails.
 
 #include <exception>
 

@@ -17,12 +17,12 @@ void EncoderPool::openAhead(const AVCodec& codec, const EncoderSettings& setting
     replaced = std::exchange(next, ahead);
   }
   opener_->async([weak = weak_from_this(), ahead, replaced, pictures] {
-    resultOf(replaced);  // closed first, so the new one gets its memory
+    resultOf(replaced);  // first closes it, so that the new one can reuse its memory
     if (const auto self = weak.lock()) self->openIfWanted(ahead, pictures);
   });
 }
 
-// Unless a session or a later call took it out of its slot.
+// Opens the encoder if `ahead` is still in its slot.
 void EncoderPool::openIfWanted(const std::shared_ptr<Ahead>& ahead, int pictures) {
   {
     const std::lock_guard hold(mutex_);
@@ -52,7 +52,7 @@ OpenedEncoder EncoderPool::acquire(const EncoderRequest& request, const std::sto
   OpenedEncoder opened = resultOf(std::exchange(ahead, nullptr));
   if (opened.encoder) return opened;
   opened = openInTime(open_, *codec, settings, 0);
-  // A driver that hangs would also hang in closing.
+  // After a timeout nothing is closed: a driver that hangs would also hang in closing.
   const bool isRefused = opened.status != 0 && opened.status != AVERROR(ETIMEDOUT);
   if (isRefused && isHardware(*codec)) {
     hold.lock();
@@ -94,8 +94,8 @@ std::shared_ptr<EncoderPool::Ahead>& EncoderPool::slot(const AVCodec& codec,
   return ahead_[2 * kind + (isHardware(codec) ? 1 : 0)];
 }
 
-// The encoder of what was taken out of its slot. None if its opening has not begun, failed or takes
-// more than a second.
+// Waits up to a second for the encoder of `ahead`, which was taken out of its slot. Returns none if
+// its opening has not begun, has failed or is not finished by then.
 OpenedEncoder EncoderPool::resultOf(const std::shared_ptr<Ahead>& ahead) {
   if (!ahead || !ahead->isBegun) return {};
   auto opened = ahead->opened.get_future();
@@ -103,7 +103,7 @@ OpenedEncoder EncoderPool::resultOf(const std::shared_ptr<Ahead>& ahead) {
   return opened.get();
 }
 
-// Whether any encoder of `codec` was closed.
+// Closes the encoders of `codec` that were opened ahead. Returns whether there were any.
 bool EncoderPool::closeAhead(const AVCodec& codec) {
   Slots closing;
   {

@@ -38,10 +38,10 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   // Keeps an open encoder for the next session, unless one was opened ahead for that session.
   void keep(const AVCodec& codec, const EncoderSettings& settings, OpenedEncoder opened);
 
-  // Returns the encoder opened ahead, or opens one. Each opening and each wait ends after a second.
-  // If hardware refuses, asks it again once stopped sessions have released their encoders and those
-  // opened ahead are closed, then opens the substitute. AVERROR_EXIT for a session that was stopped
-  // meanwhile.
+  // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait ends
+  // after a second. If hardware refuses, asks it again once stopped sessions have released their
+  // encoders and those opened ahead are closed, then opens the substitute. AVERROR_EXIT for a
+  // session that was stopped before it, or while it waited for other sessions.
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
   // A session was stopped. Its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);
@@ -54,7 +54,7 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;
-    bool isBegun;  // whether its opening has begun; changes only in the slot
+    bool isBegun;  // whether its opening has begun; final once out of its slot
     std::promise<OpenedEncoder> opened = {};
 
     bool isFor(const AVCodec& wanted, const EncoderSettings& by) const {

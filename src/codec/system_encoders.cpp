@@ -57,8 +57,8 @@ void SystemEncoders::prepare(const EncoderSettings& preview, const EncoderSettin
   bestEffort([&] { dispatch_->runDetached("lumora.probe", probing); });
 }
 
-// Tries the candidates in turn, each for a second at most. A driver may take longer to answer, or
-// never answer. A late answer counts, too.
+// Tries the candidates in turn, each for a second at most. A driver that answers later is
+// still used if no other was found.
 void SystemEncoders::probe(const EncoderSettings& preview, const EncoderSettings& take) {
   for (const std::string& name : allowed_.hardware) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
@@ -96,7 +96,7 @@ void SystemEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSetti
   const auto warm = [self = shared_from_this(), likeliest, largest,
                      stop = takeStarted_.get_token()] {
     if (self->hardware_ == nullptr) touchMemoryAhead(workingMemory(largest), stop);
-    // On the state queue: a take that has called `openAhead` there comes first.
+    // Takes start on the state queue. If one has started, nothing is opened here.
     self->stateQueue_->async([self, likeliest, stop] {
       if (!stop.stop_requested()) self->openTakeAhead(self->available(), likeliest);
     });
@@ -127,7 +127,7 @@ void SystemEncoders::openTakeAhead(const AVCodec* codec, const EncoderSettings& 
   });
 }
 
-// The user decides whether hardware is required, not the session.
+// The requirements are ignored: TAVO_H264_ENCODER decides whether hardware is required.
 Status SystemEncoders::createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                      const EncoderRequirements&,
                                      std::shared_ptr<CompressionSession>& session) {

@@ -1,8 +1,8 @@
 #pragma once
 
-// Makes sessions with libavcodec's encoders. Probes for a hardware encoder, which counts from the
-// moment it is found. If software is allowed nothing waits for a driver: sessions are encoded in
-// software until then, and those that are open stay in software. Otherwise sessions wait for the
+// Makes sessions with libavcodec's encoders. Probes for a hardware encoder, which new sessions
+// use once it is found. If software is allowed, no session waits for the search: sessions that open
+// before its end are encoded in software and stay in software. Otherwise sessions wait for the
 // hardware that the user asked for.
 
 #include "base/process_heap.h"

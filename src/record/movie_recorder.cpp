@@ -1,4 +1,4 @@
-// Taking and writing the samples of a take.
+// Receives and writes the samples of a take.
 
 #include "record/movie_recorder.h"
 
@@ -76,7 +76,7 @@ void MovieRecorder::holdBack(HeldSample next) {
 
 void MovieRecorder::prepare(const HeldSample& first) {
   const auto format = first.sample->format();
-  // A file called ".mp4" has no extension.
+  // This also refuses a file named just ".mp4".
   const bool usable = std::filesystem::path(path).extension() == ".mp4" &&
                       !platform.files->isNameUsed(path) && !platform.files->isNameUsed(staging) &&
                       format;
@@ -143,7 +143,7 @@ void MovieRecorder::reportProgress() {
 }
 
 void MovieRecorder::progress() {
-  // A writer whose disk has failed goes on "writing" until its next sample.
+  // After a disk failure `status()` stays `writing` until the next sample.
   if (!accepting || !writer || writer->status() != WriterStatus::writing || writer->error()) return;
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;

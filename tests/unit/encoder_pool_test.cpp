@@ -118,7 +118,7 @@ TEST_F(HardwarePoolTest, WaitsForAnEncoderThatIsBeingOpenedAndOpensOneThatIsNot)
   EXPECT_EQ(opened, 2);
 }
 
-TEST_F(HardwarePoolTest, ClosesAnEncoderThatWasOpenedAheadForRoomThenUsesTheSubstituteOnce) {
+TEST_F(HardwarePoolTest, ClosesTheEncoderOpenedAheadToMakeRoomAndDoesNotKeepASubstitute) {
   driver->limit = 1;
   openAhead(request(take, "h264_nvenc"));
   opener->run();
@@ -131,7 +131,8 @@ TEST_F(HardwarePoolTest, ClosesAnEncoderThatWasOpenedAheadForRoomThenUsesTheSubs
   EXPECT_TRUE(pool->acquire(wanted, {}).isSubstitute);  // it was not kept as the driver's
 }
 
-TEST_F(HardwarePoolTest, WaitsASecondForAnEncoderThatIsBeingReleasedUnlessItsSessionIsStopped) {
+TEST_F(HardwarePoolTest,
+       WaitsASecondForAnEncoderThatIsBeingReleasedUnlessTheWaitingSessionIsStopped) {
   driver->limit = 1;
   OpenedEncoder first = pool->acquire(wanted, {});
   pool->beginRelease(wanted);

@@ -4,7 +4,8 @@
 // A frame that went to the page is acknowledged once the page has shown it, so that the helper does
 // not send more than the page can show. But the helper drops a client that acknowledges nothing for
 // half a second. So for a page that is slow, hidden or gone, frames are acknowledged in its place,
-// and it gets nothing more until the next key frame. Pure; times are seconds of any one clock.
+// and it gets nothing more until the next key frame. Makes no system calls; times are seconds of
+// any one clock.
 
 #include <cstdint>
 #include <deque>
@@ -32,7 +33,7 @@ class FrameFlow {
   bool frameCame(std::uint64_t id, bool keyframe, double now);
   // The page has shown this frame, or a newer one in its place. Returns what to acknowledge.
   std::optional<std::uint64_t> shown(std::uint64_t id);
-  // What to acknowledge in the page's place, because frames have waited for too long.
+  // What to acknowledge in the place of a page that is slow, hidden or gone.
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
   // How many frames the page has missed since the last call.

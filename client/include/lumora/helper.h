@@ -31,7 +31,7 @@ struct HelperOptions {
   std::string token = {};                               // for stream clients; empty: a random one
   std::vector<std::string> arguments = {};              // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // added to the application's own
-  FrameTransport frames = FrameTransport::memory;  // the pipe, too, where memory can't be shared
+  FrameTransport frames = FrameTransport::memory;       // falls back to the pipe
   // The size of the frames to come, if it is known: their memory is touched while the helper
   // starts, so that the first frames are not late. Frames of other sizes are taken as well.
   std::optional<FrameSize> frameSize = {};
@@ -57,7 +57,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
 
-  // Of its stream, on the loopback address unless an argument says otherwise.
+  // The port of its stream, on the loopback address unless an argument says otherwise.
   std::uint16_t port() const;
   const std::string& token() const;
   int pid() const;
@@ -76,7 +76,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   FrameCounts frameCounts() const;
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see
-  // `Take`. Throws std::invalid_argument for a path or a time that fits into no command.
+  // `Take`. Throws std::invalid_argument for a path that is too long or not UTF-8, and for a
+  // time out of range.
   Take startTake(const TakeOptions& options);
 
   // How the helper ended; empty while it runs.

@@ -26,10 +26,12 @@ class LUMORA_CLIENT_EXPORT Take {
   class State;
 
   const std::string& id() const { return id_; }
-  // The file that is written until the take is saved. If the helper is killed, it stays and plays.
+  // The file that is written until the take is saved. If the helper is killed, the file stays and
+  // plays.
   std::string stagingPath() const;
-  // Stops the take at this capture time, or now. A frame that the helper reads later is left out:
-  // to keep the last frame, stop when the next one would be due. Calling it again does nothing.
+  // Stops the take at this capture time, or now. The helper times a
+  // frame when it has read it, a little after its capture, and leaves later ones out. To keep the
+  // last frame, stop one frame interval later. Calling it again does nothing.
   // Throws std::invalid_argument for a time before the start, more than 30 s ago or more than 50 ms
   // ahead, because the helper would fail the take.
   void stop(std::optional<double> stoppedAt = std::nullopt);
