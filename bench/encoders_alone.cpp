@@ -11,7 +11,7 @@ extern "C" {
 
 #include "codec/encoder_tuning.h"
 #include "encode/picture_size.h"
-#include "picture/rgb_to_yuv.h"
+#include "picture/encoder_picture.h"
 #include "picture/system_image_converter.h"
 #include "tools/programs.h"
 
@@ -74,19 +74,15 @@ std::vector<Bytes> readyPictures(CameraClip& clip, client::FrameSize size) {
   const auto [width, height] = size;
   const auto fit = fitRectangle({cameraWidth, cameraHeight}, {width, height});
   const auto pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  const std::ptrdiff_t stride = std::ptrdiff_t{width} * 4;
   SystemImageConverter images;
   std::vector<Bytes> ready;
   for (std::uint64_t number = 1; number <= clip.length(); ++number) {
     const auto rgba = clip.next(number, 0);
     Bytes bgra(pixels * 4);
-    images.convert(
-        {rgba.data(), cameraWidth, cameraHeight, std::ptrdiff_t{cameraWidth} * 4},
-        {bgra.data() + fit.top * stride + fit.left * 4, fit.size.width, fit.size.height, stride});
+    const Picture whole = pictureAt(bgra.data(), {PixelLayout::bgra}, {width, height});
+    images.convert(upsideDown(pictureAt(rgba.data(), {}, {cameraWidth, cameraHeight})), whole, fit);
     Bytes& planes = ready.emplace_back(pixels * 3 / 2);
-    std::uint8_t* u = planes.data() + pixels;
-    convertToI420({bgra.data(), width, height, stride}, ChannelOrder::bgra, {planes.data(), width},
-                  {u, width / 2}, {u + pixels / 4, width / 2});
+    fillEncoderPicture(whole, pictureAt(planes.data(), {PixelLayout::i420}, {width, height}));
   }
   return ready;
 }

@@ -36,8 +36,8 @@ void convert(benchmark::State& state) {
   const PictureMemory destination = picture(to);
   SystemImageConverter images;
   for (auto _ : state) {
-    images.convert({source.get(), from.width, from.height, from.width * 4},
-                   {destination.get(), to.width, to.height, to.width * 4});
+    images.convert(pictureAt<const std::uint8_t>(source.get(), {}, from),
+                   pictureAt(destination.get(), {PixelLayout::bgra}, to), {0, 0, to});
     benchmark::ClobberMemory();
   }
 }
@@ -73,23 +73,23 @@ void subsample(benchmark::State& state, Convert convertPicture) {
   const Plane u{y.samples + size.width * size.height, size.width / 2};
   const Plane v{u.samples + size.width * size.height / 4, size.width / 2};
   for (auto _ : state) {
-    convertPicture({bgra.get(), size.width, size.height, size.width * 4}, y, u, v);
+    convertPicture(pictureAt<const std::uint8_t>(bgra.get(), {PixelLayout::bgra}, size), y, u, v);
     benchmark::ClobberMemory();
   }
 }
 
 void toBT709(benchmark::State& state) {
-  subsample(state, [](const ImageView& bgra, Plane y, Plane u, Plane v) {
-    convertToI420(bgra, ChannelOrder::bgra, y, u, v);
+  subsample(state, [](const PictureView& bgra, Plane y, Plane u, Plane v) {
+    convertToI420(bgra, y, u, v);
   });
 }
 
 // libyuv's, for BT.601; it has none for BT.709.
 void toBT601(benchmark::State& state) {
-  subsample(state, [](const ImageView& bgra, Plane y, Plane u, Plane v) {
-    const int width = static_cast<int>(bgra.width);
-    libyuv::ARGBToI420(bgra.pixels, width * 4, y.samples, width, u.samples, width / 2, v.samples,
-                       width / 2, width, static_cast<int>(bgra.height));
+  subsample(state, [](const PictureView& bgra, Plane y, Plane u, Plane v) {
+    const int width = static_cast<int>(bgra.size.width);
+    libyuv::ARGBToI420(bgra.planes[0].samples, width * 4, y.samples, width, u.samples, width / 2,
+                       v.samples, width / 2, width, static_cast<int>(bgra.size.height));
   });
 }
 

@@ -81,7 +81,7 @@ buildHighway() (
 buildProgram() {
   cmake -S . -B "$build/program" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
     -DCMAKE_CXX_FLAGS_RELEASE="-DNDEBUG $ourFlags" -DPKG_CONFIG_ARGN=--static \
-    -DYUV_LIBRARY=/usr/lib/x86_64-linux-gnu/libyuv.a \
+    -DYUV_LIBRARY=/usr/lib/x86_64-linux-gnu/libyuv.a -DJPEG_LIBRARY=/usr/lib/x86_64-linux-gnu/libjpeg.a \
     -DCMAKE_EXE_LINKER_FLAGS="-static-libstdc++ -static-libgcc -Wl,--gc-sections,--build-id=none"
   cmake --build "$build/program" -j "$jobs" -t lumora-video
   strip -o "$build/lumora-video" "$build/program/src/lumora-video"

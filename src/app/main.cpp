@@ -62,7 +62,8 @@ void startService(const std::vector<std::string>& arguments,
   lumora::waitForMemory();
   lumora::keepFreedMemory();
   // Static, so that both live until the process ends. It ends in `_exit`, without destructors.
-  static lumora::Platform platform = lumora::makeSystemPlatform(configuration->h264Encoder);
+  static lumora::Platform platform =
+      lumora::makeSystemPlatform(configuration->h264Encoder, configuration->frameFormat.pixels);
   if (const auto descriptor = configuration->frameMemoryDescriptor) {
     platform.frameMemory = lumora::inheritFrameMemory(*descriptor);
     if (!platform.frameMemory) endWith(invalidConfiguration);

@@ -50,6 +50,14 @@ bool readFrameMemory(const Environment& environment, Configuration& configuratio
          parseInteger(*descriptor, configuration.frameMemoryDescriptor.emplace());
 }
 
+bool readFrameFormat(const Environment& environment, Configuration& configuration) {
+  const std::string* words = findVariable(environment, "TAVO_FRAME_FORMAT");
+  if (words == nullptr) return true;
+  const auto format = parseFrameFormat(*words);
+  if (format) configuration.frameFormat = *format;
+  return format.has_value();
+}
+
 bool applyOption(const std::string& name, const std::string& value, Configuration& configuration) {
   if (name == "--host") {
     configuration.host = value;
@@ -83,6 +91,7 @@ std::optional<Configuration> options(const std::vector<std::string>& arguments,
   Configuration configuration;
   if (!readEnvironmentSize(environment, configuration)) return std::nullopt;
   if (!readFrameMemory(environment, configuration)) return std::nullopt;
+  if (!readFrameFormat(environment, configuration)) return std::nullopt;
   for (std::size_t i = 0; i < arguments.size(); i += 2) {
     if (i + 1 == arguments.size()) return std::nullopt;
     if (!applyOption(arguments[i], arguments[i + 1], configuration)) return std::nullopt;

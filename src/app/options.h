@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "input/frame_format.h"
+
 namespace lumora {
 
 struct Configuration {
@@ -19,7 +21,8 @@ struct Configuration {
   std::int64_t previewHeight = 360;
   bool exactPreviewDimensions = false;            // the size was given, it is not the default
   std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
-  std::string h264Encoder = {};                   // which encoders may be used; empty: the default
+  FrameFormat frameFormat = {};
+  std::string h264Encoder = {};  // which encoders may be used; empty: the default
 
   bool operator==(const Configuration&) const = default;
 };

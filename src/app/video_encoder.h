@@ -81,8 +81,10 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool readExactly(MutableByteView space);  // false when the input ends first
   void readCommand(const RecordHeader& header);
   void readFrame(const RecordHeader& header);
-  std::shared_ptr<const std::uint8_t[]> readPixels(const RecordHeader& header);
-  std::shared_ptr<const std::uint8_t[]> sharedPixels(const RecordHeader& header);
+  RecordPicture readPicture(const RecordHeader& header);
+  RecordPicture sharedPicture(const RecordHeader& header);
+  PictureMemory allocatePicture(std::size_t bytes);
+  void show(RecordPicture picture, RawFrame& frame);
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(const EncoderSettings& settings);

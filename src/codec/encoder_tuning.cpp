@@ -73,7 +73,7 @@ int sliceThreads(const EncoderSettings& settings) {
   return std::clamp(std::min(wanted, cores), 1, maximumSliceThreads);
 }
 
-void configure(AVCodecContext& context, const EncoderSettings& settings) {
+void configure(AVCodecContext& context, ColourMatrix matrix, const EncoderSettings& settings) {
   context.width = settings.width;
   context.height = settings.height;
   context.time_base = {1, static_cast<int>(settings.frameRate)};
@@ -86,17 +86,18 @@ void configure(AVCodecContext& context, const EncoderSettings& settings) {
   context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
   context.thread_type = FF_THREAD_SLICE;
   context.thread_count = sliceThreads(settings);
-  // The colours that the conversion to 4:2:0 makes of a camera's sRGB pixels.
+  // Cameras deliver sRGB, whichever matrix makes luma and chroma of it.
   context.color_primaries = AVCOL_PRI_BT709;
   context.color_trc = AVCOL_TRC_IEC61966_2_1;
-  context.colorspace = AVCOL_SPC_BT709;
+  context.colorspace = matrix == ColourMatrix::bt601 ? AVCOL_SPC_SMPTE170M : AVCOL_SPC_BT709;
   context.color_range = AVCOL_RANGE_MPEG;
 }
 
 }  // namespace
 
-Status tune(AVCodecContext& context, const std::string& preset, const EncoderSettings& settings) {
-  configure(context, settings);
+Status tune(AVCodecContext& context, const std::string& preset, ColourMatrix matrix,
+            const EncoderSettings& settings) {
+  configure(context, matrix, settings);
   for (const auto& [name, value] : lowLatencyOptions(context.codec->name, preset, settings)) {
     const int status = av_opt_set(&context, name.c_str(), value.c_str(), AV_OPT_SEARCH_CHILDREN);
     if (status < 0) return status;

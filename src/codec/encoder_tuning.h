@@ -11,6 +11,7 @@ namespace lumora {
 
 // Sets everything about `context` but its pixel format, before it is opened: 0 or an AVERROR. An
 // empty `preset` of the software encoder stands for our own settings.
-Status tune(AVCodecContext& context, const std::string& preset, const EncoderSettings& settings);
+Status tune(AVCodecContext& context, const std::string& preset, ColourMatrix matrix,
+            const EncoderSettings& settings);
 
 }  // namespace lumora

@@ -10,27 +10,45 @@ extern "C" {
 #include <utility>
 #include <vector>
 
+#include "codec/encoder_opening.h"
 #include "codec/encoder_tuning.h"
 #include "codec/memory_pixel_buffers.h"
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
 #include "h264/sequence_parameters.h"
-#include "picture/rgb_to_yuv.h"
+#include "picture/encoder_picture.h"
 
 namespace lumora {
 namespace {
 
 constexpr int planeAlignment = 64;  // bytes, of every row
 
-// The formats to try. 4:2:0 in system memory comes first; VAAPI takes NV12 through an upload. V4L2
-// lists no formats: only opening it shows which one its driver takes.
-std::vector<AVPixelFormat> inputFormats(const AVCodec& codec) {
+PixelLayout layoutOf(AVPixelFormat format) {
+  return format == AV_PIX_FMT_NV12 ? PixelLayout::nv12 : PixelLayout::i420;
+}
+
+// The formats to try. 4:2:0 in system memory comes first, above all that of the frames; VAAPI takes
+// NV12 through an upload. V4L2 lists no formats: only opening it shows which one its driver takes.
+std::vector<AVPixelFormat> inputFormats(const AVCodec& codec, PixelLayout frames) {
   const auto accepted = pixelFormats(codec);
   if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
-  for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_VAAPI}) {
+  std::array planar = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12};
+  if (layoutOf(planar[1]) == frames) std::swap(planar[0], planar[1]);
+  for (const AVPixelFormat format : {planar[0], planar[1], AV_PIX_FMT_VAAPI}) {
     if (std::ranges::find(accepted, format) != accepted.end()) return {format};
   }
   return {};
+}
+
+// Has `frame` hold on to `owner`, whose `memory` it shows.
+template <typename Owner>
+Status holdOnto(AVFrame& frame, std::uint8_t* memory, std::size_t size, Owner owner, int flags) {
+  auto held = std::make_unique<Owner>(std::move(owner));
+  const auto free = [](void* opaque, std::uint8_t*) { delete static_cast<Owner*>(opaque); };
+  frame.buf[0] = av_buffer_create(memory, size, free, held.get(), flags);
+  if (frame.buf[0] == nullptr) return AVERROR(ENOMEM);
+  static_cast<void>(held.release());  // the frame has it now
+  return 0;
 }
 
 // Gives `frame`, whose format and size are set, planes in memory for pictures.
@@ -43,24 +61,18 @@ Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
   const int filled = av_image_fill_arrays(frame.data, frame.linesize, memory.get(), format,
                                           frame.width, frame.height, planeAlignment);
   if (filled < 0) return filled;
-  auto owner = std::make_unique<PictureMemory>(memory);
-  const auto free = [](void* held, std::uint8_t*) { delete static_cast<PictureMemory*>(held); };
-  frame.buf[0] =
-      av_buffer_create(memory.get(), static_cast<std::size_t>(size), free, owner.get(), 0);
-  if (frame.buf[0] == nullptr) return AVERROR(ENOMEM);
-  static_cast<void>(owner.release());  // the frame has it now
-  return 0;
+  return holdOnto(frame, memory.get(), static_cast<std::size_t>(size), memory, 0);
 }
 
 }  // namespace
 
 Status LibavEncoder::open(const AVCodec& codec, const std::string& preset,
-                          const std::shared_ptr<PicturePool>& pictures,
+                          const PixelFormat& frames, const std::shared_ptr<PicturePool>& pictures,
                           const EncoderSettings& settings, std::unique_ptr<LibavEncoder>& encoder) {
   av_log_set_level(AV_LOG_QUIET);  // we report failures as events
   Status status = AVERROR(EINVAL);
-  for (const AVPixelFormat format : inputFormats(codec)) {
-    std::unique_ptr<LibavEncoder> made(new LibavEncoder(pictures));
+  for (const AVPixelFormat format : inputFormats(codec, frames.layout)) {
+    std::unique_ptr<LibavEncoder> made(new LibavEncoder(frames, pictures));
     status = made->openFor(format, codec, preset, settings);
     if (status < 0) continue;
     encoder = std::move(made);
@@ -73,9 +85,10 @@ Status LibavEncoder::openFor(AVPixelFormat format, const AVCodec& codec, const s
                              const EncoderSettings& settings) {
   context_.reset(avcodec_alloc_context3(&codec));
   packet_.reset(av_packet_alloc());
-  if (!context_ || !packet_) return AVERROR(ENOMEM);
+  borrowed_.reset(av_frame_alloc());
+  if (!context_ || !packet_ || !borrowed_) return AVERROR(ENOMEM);
   context_->pix_fmt = format;
-  int status = tune(*context_, preset, settings);
+  int status = tune(*context_, preset, frames_.matrix, settings);
   if (status >= 0 && format == AV_PIX_FMT_VAAPI) status = openHardwareFrames();
   if (status >= 0) status = avcodec_open2(context_.get(), &codec, nullptr);
   if (status >= 0) status = allocatePicture();
@@ -119,37 +132,80 @@ Status LibavEncoder::allocatePicture() {
   return usePictureMemory(*picture_, *pictures_);
 }
 
-Status LibavEncoder::load(const BufferPicture& shown) {
+// Whether the encoder can read the picture where it lies. Drivers may not take negative strides.
+bool LibavEncoder::canBorrow(const PictureView& picture) const {
+  if (picture.format.fullRange ||
+      picture.format.layout != layoutOf(static_cast<AVPixelFormat>(picture_->format))) {
+    return false;
+  }
+  return !isHardware(*context_->codec) ||
+         std::ranges::none_of(picture.planes, [](PlaneView plane) { return plane.stride < 0; });
+}
+
+Status LibavEncoder::borrow(std::shared_ptr<PixelBuffer> buffer) {
+  const PictureView picture = buffer->picture();
+  const int status = av_frame_copy_props(borrowed_.get(), picture_.get());
+  if (status < 0) return status;
+  borrowed_->format = picture_->format;
+  borrowed_->width = picture_->width;
+  borrowed_->height = picture_->height;
+  for (std::size_t i = 0; i < picture.planes.size(); ++i) {
+    borrowed_->data[i] = const_cast<std::uint8_t*>(picture.planes[i].samples);  // read only
+    borrowed_->linesize[i] = static_cast<int>(picture.planes[i].stride);
+  }
+  return holdOnto(*borrowed_, borrowed_->data[0], 1, std::move(buffer), AV_BUFFER_FLAG_READONLY);
+}
+
+Status LibavEncoder::copy(const PictureView& picture) {
   // An encoder that still reads the last picture keeps its memory; the next one gets new memory.
   if (av_frame_is_writable(picture_.get()) == 0) {
     const Status status = allocatePicture();
     if (status < 0) return status;
   }
-  const auto plane = [this](int i) { return Plane{picture_->data[i], picture_->linesize[i]}; };
-  if (picture_->format == AV_PIX_FMT_NV12)
-    convertToNV12(shown.view, shown.order, plane(0), plane(1));
-  else
-    convertToI420(shown.view, shown.order, plane(0), plane(1), plane(2));
+  const PixelLayout layout = layoutOf(static_cast<AVPixelFormat>(picture_->format));
+  Picture destination{{.layout = layout}, picture.size};
+  for (std::size_t i = 0; i < destination.planes.size(); ++i)
+    destination.planes[i] = {picture_->data[i], picture_->linesize[i]};
+  fillEncoderPicture(picture, destination);
   return 0;
 }
 
-Status LibavEncoder::upload() {
+Status LibavEncoder::upload(const AVFrame& from) {
   av_frame_unref(uploaded_.get());
   const int status = av_hwframe_get_buffer(context_->hw_frames_ctx, uploaded_.get(), 0);
   if (status < 0) return status;
-  return av_hwframe_transfer_data(uploaded_.get(), picture_.get(), 0);
+  return av_hwframe_transfer_data(uploaded_.get(), &from, 0);
 }
 
 Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                             std::shared_ptr<const EncodedSample>& sample) try {
-  Status status = load(buffer->picture());
-  buffer.reset();
-  if (status >= 0 && uploaded_) status = upload();
-  if (status < 0) return status;
-  AVFrame& frame = uploaded_ ? *uploaded_ : *picture_;
+  const PictureView shown = buffer->picture();
+  AVFrame* frame = picture_.get();
+  Status status = 0;
+  if (canBorrow(shown)) {
+    frame = borrowed_.get();
+    status = borrow(std::move(buffer));
+  } else {
+    status = copy(shown);
+    buffer.reset();
+  }
+  if (status >= 0 && uploaded_) {
+    status = upload(*frame);
+    frame = uploaded_.get();
+  }
+  if (status >= 0) status = encodeFrame(*frame, forceKeyFrame, sample);
+  av_frame_unref(borrowed_.get());
+  return status;
+} catch (const std::bad_alloc&) {
+  av_frame_unref(borrowed_.get());
+  return AVERROR(ENOMEM);
+}
+
+Status LibavEncoder::encodeFrame(AVFrame& frame, bool forceKeyFrame,
+                                 std::shared_ptr<const EncodedSample>& sample) {
   frame.pts = nextTime_++;
   frame.pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-  status = avcodec_send_frame(context_.get(), &frame);
+  Status status = avcodec_send_frame(context_.get(), &frame);
   if (status >= 0) status = avcodec_receive_packet(context_.get(), packet_.get());
   if (status < 0) return status;
   auto made = makeSample({packet_->data, static_cast<std::size_t>(packet_->size)});
@@ -158,14 +214,12 @@ Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFr
   if (sequenceSet_.empty() || pictureSet_.empty()) return AVERROR_INVALIDDATA;
   sample = std::move(made);
   return 0;
-} catch (const std::bad_alloc&) {
-  return AVERROR(ENOMEM);
 }
 
 Status LibavEncoder::encodeGrey(int pictures) {
   if (pictures == 0) return 0;
   std::shared_ptr<PixelBuffer> buffer;
-  Status status = makeGreyBuffer(context_->width, context_->height, pictures_, buffer);
+  Status status = makeGreyBuffer({context_->width, context_->height}, frames_, pictures_, buffer);
   for (int i = 0; i < pictures && status == 0; ++i) {
     std::shared_ptr<const EncodedSample> sample;
     status = encode(buffer, /*forceKeyFrame=*/i == 0, sample);

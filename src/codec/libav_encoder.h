@@ -1,6 +1,6 @@
 #pragma once
 
-// An open H.264 encoder of libavcodec. Takes RGB pictures and answers each with a sample at once.
+// An open H.264 encoder of libavcodec. Takes pictures and answers each with a sample at once.
 // The caller serialises the calls.
 
 #include <string>
@@ -14,12 +14,14 @@ namespace lumora {
 class LibavEncoder {
  public:
   // 0 or an AVERROR. An empty `preset` of the software encoder stands for our own settings.
-  static Status open(const AVCodec& codec, const std::string& preset,
+  // `frames` is the format of most pictures to come.
+  static Status open(const AVCodec& codec, const std::string& preset, const PixelFormat& frames,
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
   // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR. Releases the buffer
-  // as soon as the picture is copied. Never throws.
+  // as soon as the picture is copied, or encoded if the encoder reads it where it lies. Never
+  // throws.
   Status encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
@@ -28,20 +30,27 @@ class LibavEncoder {
   Status encodeGrey(int pictures);
 
  private:
-  explicit LibavEncoder(std::shared_ptr<PicturePool> pictures) : pictures_(std::move(pictures)) {}
+  LibavEncoder(const PixelFormat& frames, std::shared_ptr<PicturePool> pictures)
+      : frames_(frames), pictures_(std::move(pictures)) {}
   Status openFor(AVPixelFormat format, const AVCodec& codec, const std::string& preset,
                  const EncoderSettings& settings);
   Status openHardwareFrames();
   Status allocatePicture();
-  Status load(const BufferPicture& shown);
-  Status upload();
+  bool canBorrow(const PictureView& picture) const;
+  Status borrow(std::shared_ptr<PixelBuffer> buffer);
+  Status copy(const PictureView& picture);
+  Status upload(const AVFrame& from);
+  Status encodeFrame(AVFrame& frame, bool forceKeyFrame,
+                     std::shared_ptr<const EncodedSample>& sample);
   std::shared_ptr<const EncodedSample> makeSample(ByteView stream);
   ColourDescription colour() const;
   bool takeParameterSet(ByteView unit);
 
+  const PixelFormat frames_;
   const std::shared_ptr<PicturePool> pictures_;
   CodecContext context_;
-  Frame picture_;   // in system memory
+  Frame picture_;   // in our memory
+  Frame borrowed_;  // a buffer's planes
   Frame uploaded_;  // on the device, where the encoder wants that
   Packet packet_;
   // Counts pictures, since rate control expects them at the session's rate. The count goes on over

@@ -107,10 +107,10 @@ class LibavSession::Worker {
 };
 
 LibavSession::LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
-                           std::shared_ptr<PicturePool> pictures)
+                           const PixelFormat& frames, std::shared_ptr<PicturePool> pictures)
     : encoders_(std::move(encoders)),
       request_(request),
-      pool_(request_.settings.width, request_.settings.height, std::move(pictures)) {}
+      pool_({request_.settings.width, request_.settings.height}, frames, std::move(pictures)) {}
 
 LibavSession::~LibavSession() { invalidate(); }
 

@@ -13,7 +13,7 @@ class LibavSession final : public CompressionSession {
  public:
   // `request` has the codecs and, of the settings, kind and size. Properties add the rest.
   LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
-               std::shared_ptr<PicturePool> pictures);
+               const PixelFormat& frames, std::shared_ptr<PicturePool> pictures);
   ~LibavSession() override;
   LibavSession(const LibavSession&) = delete;
   LibavSession& operator=(const LibavSession&) = delete;

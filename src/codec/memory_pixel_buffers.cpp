@@ -13,27 +13,36 @@ constexpr Status thresholdExceeded = -6689;  // `threshold` buffers are in use
 // Members are destroyed in reverse: the picture is released before the buffer counts as free.
 class Buffer final : public PixelBuffer {
  public:
-  Buffer(std::shared_ptr<const void> use, const BufferPicture& picture, MutableImageView memory,
+  Buffer(std::shared_ptr<const void> use, const PictureView& picture, const Picture& memory,
          std::shared_ptr<const void> owner)
       : use_(std::move(use)), picture_(picture), memory_(memory), owner_(std::move(owner)) {}
 
-  BufferPicture picture() override { return picture_; }
-  MutableImageView memory() override { return memory_; }
+  PictureView picture() override { return picture_; }
+  Picture memory() override { return memory_; }
 
  private:
   std::shared_ptr<const void> use_;
-  BufferPicture picture_;
-  MutableImageView memory_;
+  PictureView picture_;
+  Picture memory_;
   std::shared_ptr<const void> owner_;  // of the picture
 };
 
+// The conversion of RGB exchanges red and blue.
+PixelFormat bufferFormat(PixelFormat frames) {
+  if (frames.layout == PixelLayout::rgba) {
+    frames.layout = PixelLayout::bgra;
+  } else if (frames.layout == PixelLayout::bgra) {
+    frames.layout = PixelLayout::rgba;
+  }
+  return frames;
+}
+
 }  // namespace
 
-MemoryPixelBufferPool::MemoryPixelBufferPool(std::int64_t width, std::int64_t height,
+MemoryPixelBufferPool::MemoryPixelBufferPool(PictureSize size, const PixelFormat& frames,
                                              std::shared_ptr<PicturePool> pictures)
-    : width_(width),
-      height_(height),
-      stride_((width * 4 + alignment - 1) / alignment * alignment),
+    : size_(size),
+      format_(bufferFormat(frames)),
       pictures_(std::move(pictures)),
       use_(std::make_shared<char>()) {}
 
@@ -44,31 +53,31 @@ bool MemoryPixelBufferPool::isExhausted(int threshold) const {
 
 Status MemoryPixelBufferPool::create(int threshold, std::shared_ptr<PixelBuffer>& buffer) {
   if (isExhausted(threshold)) return thresholdExceeded;
-  PictureMemory pixels = pictures_->allocate(static_cast<std::size_t>(stride_ * height_));
-  if (!pixels) return -ENOMEM;
-  const MutableImageView memory{pixels.get(), width_, height_, stride_};
-  const BufferPicture picture{{pixels.get(), width_, height_, stride_}, ChannelOrder::bgra};
-  buffer = std::make_shared<Buffer>(use_, picture, memory, std::move(pixels));
+  PictureMemory samples = pictures_->allocate(pictureBytes(format_.layout, size_, alignment));
+  if (!samples) return -ENOMEM;
+  const Picture memory = pictureAt(samples.get(), format_, size_, alignment);
+  buffer = std::make_shared<Buffer>(use_, memory, memory, std::move(samples));
   return 0;
 }
 
-Status MemoryPixelBufferPool::wrap(const BufferPicture& picture, std::shared_ptr<const void> owner,
+Status MemoryPixelBufferPool::wrap(const PictureView& picture, std::shared_ptr<const void> owner,
                                    int threshold, std::shared_ptr<PixelBuffer>& buffer) {
-  if (picture.view.width != width_ || picture.view.height != height_) return 0;
+  if (picture.size != size_) return 0;
   if (isExhausted(threshold)) return thresholdExceeded;
-  buffer = std::make_shared<Buffer>(use_, picture, MutableImageView{nullptr, width_, height_},
-                                    std::move(owner));
+  buffer =
+      std::make_shared<Buffer>(use_, picture, Picture{picture.format, size_}, std::move(owner));
   return 0;
 }
 
-Status makeGreyBuffer(std::int64_t width, std::int64_t height,
+Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
                       const std::shared_ptr<PicturePool>& pictures,
                       std::shared_ptr<PixelBuffer>& buffer) {
-  constexpr int grey = 128;
-  MemoryPixelBufferPool pool(width, height, pictures);
+  constexpr int grey = 128;  // in RGB, in luma and in chroma
+  MemoryPixelBufferPool pool(size, frames, pictures);
   if (const Status status = pool.create(1, buffer); status != 0) return status;
-  const MutableImageView view = buffer->memory();
-  std::memset(view.pixels, grey, static_cast<std::size_t>(view.stride * view.height));
+  const Picture picture = buffer->memory();
+  std::memset(picture.planes[0].samples, grey,
+              pictureBytes(picture.format.layout, size, alignment));
   return 0;
 }
 

@@ -7,29 +7,29 @@
 
 namespace lumora {
 
-// A pool of equal buffers, BGRA in picture memory or wrapped around pictures of the same size. It
-// only counts buffers: the picture pool recycles their memory. Buffers may outlive the pool, and
+// A pool of equal buffers, in picture memory or wrapped around pictures of the same size. It only
+// counts buffers: the picture pool recycles their memory. Buffers may outlive the pool, and
 // may be released on any thread. One thread makes them.
 class MemoryPixelBufferPool final : public PixelBufferPool {
  public:
-  MemoryPixelBufferPool(std::int64_t width, std::int64_t height,
+  // `frames` is the format of what is converted into the buffers.
+  MemoryPixelBufferPool(PictureSize size, const PixelFormat& frames,
                         std::shared_ptr<PicturePool> pictures);
   Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override;
-  Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner, int threshold,
+  Status wrap(const PictureView& picture, std::shared_ptr<const void> owner, int threshold,
               std::shared_ptr<PixelBuffer>& buffer) override;
 
  private:
   bool isExhausted(int threshold) const;
 
-  std::int64_t width_;
-  std::int64_t height_;
-  std::int64_t stride_;
+  PictureSize size_;
+  PixelFormat format_;
   std::shared_ptr<PicturePool> pictures_;
   std::shared_ptr<const void> use_;  // every buffer has a reference while it is in use
 };
 
 // A grey buffer outside any pool, its memory touched: 0 or a negative errno.
-Status makeGreyBuffer(std::int64_t width, std::int64_t height,
+Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
                       const std::shared_ptr<PicturePool>& pictures,
                       std::shared_ptr<PixelBuffer>& buffer);
 

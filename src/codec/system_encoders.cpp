@@ -19,17 +19,19 @@ std::size_t workingMemory(const EncoderSettings& settings) {
   return static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 44;
 }
 
-EncoderFactory libavFactory(std::string preset, std::shared_ptr<PicturePool> pictures) {
-  return [preset = std::move(preset), pictures = std::move(pictures)](
+EncoderFactory libavFactory(std::string preset, const PixelFormat& frames,
+                            std::shared_ptr<PicturePool> pictures) {
+  return [preset = std::move(preset), frames, pictures = std::move(pictures)](
              const AVCodec& codec, const EncoderSettings& settings,
              std::unique_ptr<LibavEncoder>& encoder) {
-    return LibavEncoder::open(codec, preset, pictures, settings, encoder);
+    return LibavEncoder::open(codec, preset, frames, pictures, settings, encoder);
   };
 }
 
 }  // namespace
 
-SystemEncoders::SystemEncoders(AllowedEncoders allowed, std::shared_ptr<SerialQueue> stateQueue,
+SystemEncoders::SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
+                               std::shared_ptr<SerialQueue> stateQueue,
                                std::shared_ptr<Dispatch> dispatch,
                                std::shared_ptr<PicturePool> pictures, EncoderFactory open,
                                std::function<void()> trim)
@@ -37,9 +39,10 @@ SystemEncoders::SystemEncoders(AllowedEncoders allowed, std::shared_ptr<SerialQu
       dispatch_(std::move(dispatch)),
       opener_(dispatch_->makeQueue("lumora.opener")),
       pictures_(std::move(pictures)),
+      frames_(frames),
       allowed_(std::move(allowed)),
       software_(allowed_.software ? avcodec_find_encoder_by_name(softwareEncoder) : nullptr),
-      open_(open ? std::move(open) : libavFactory(allowed_.preset, pictures_)),
+      open_(open ? std::move(open) : libavFactory(allowed_.preset, frames_, pictures_)),
       pool_(std::make_shared<EncoderPool>(open_, opener_, std::move(trim))) {}
 
 void SystemEncoders::prepare(const EncoderSettings& preview, const EncoderSettings& take) {
@@ -120,9 +123,10 @@ void SystemEncoders::openTakeAhead(const AVCodec* codec, const EncoderSettings& 
   if (codec == nullptr) return;
   bestEffort([&] {
     pool_->openAhead(*codec, settings, 0);
-    opener_->async([pictures = pictures_, settings] {
+    const PictureSize size{settings.width, settings.height};
+    opener_->async([pictures = pictures_, frames = frames_, size] {
       std::shared_ptr<PixelBuffer> touched;
-      bestEffort([&] { makeGreyBuffer(settings.width, settings.height, pictures, touched); });
+      bestEffort([&] { makeGreyBuffer(size, frames, pictures, touched); });
     });
   });
 }
@@ -142,7 +146,7 @@ Status SystemEncoders::createSession(SessionKind kind, std::int32_t width, std::
       .codec = codec,
       .substitute = codec == software_ ? nullptr : software_,
       .settings = {kind, width, height, ProfileLevel::baselineAuto, 0, 0, 0}};
-  session = std::make_shared<LibavSession>(pool_, request, pictures_);
+  session = std::make_shared<LibavSession>(pool_, request, frames_, pictures_);
   return 0;
 }
 

@@ -15,9 +15,10 @@ namespace lumora {
 class SystemEncoders final : public Encoders, public std::enable_shared_from_this<SystemEncoders> {
  public:
   // `open` and `trim` stand in for the real ones in tests.
-  SystemEncoders(AllowedEncoders allowed, std::shared_ptr<SerialQueue> stateQueue,
-                 std::shared_ptr<Dispatch> dispatch, std::shared_ptr<PicturePool> pictures,
-                 EncoderFactory open = {}, std::function<void()> trim = trimHeap);
+  SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
+                 std::shared_ptr<SerialQueue> stateQueue, std::shared_ptr<Dispatch> dispatch,
+                 std::shared_ptr<PicturePool> pictures, EncoderFactory open = {},
+                 std::function<void()> trim = trimHeap);
   void prepare(const EncoderSettings& preview, const EncoderSettings& take) override;
   void whenPrepared(Work work) override;
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;
@@ -37,6 +38,7 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   const std::shared_ptr<Dispatch> dispatch_;
   const std::shared_ptr<SerialQueue> opener_;
   const std::shared_ptr<PicturePool> pictures_;
+  const PixelFormat frames_;
   const AllowedEncoders allowed_;
   const AVCodec* const software_;  // null: not allowed, or not there
   const EncoderFactory open_;

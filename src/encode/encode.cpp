@@ -8,7 +8,9 @@ void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !take.movie)) return releaseRaw();
   const auto movie = take.recordingTake();
   const bool hasClients = preview.countClients() > 0;
-  if (!movie && !hasClients) {
+  const bool isNeeded = movie || hasClients;
+  raw.setNeeded(isNeeded);
+  if (!isNeeded || !frame.rgba) {
     raw.countDropped();
     return releaseRaw();
   }

@@ -9,7 +9,7 @@ namespace lumora {
 
 enum class Placement { stretch, aspectFit };
 
-// The camera frame, turned upside down, in a buffer of the session's pool: stretched to the whole
+// The camera frame in a buffer of the session's pool, the top row first: stretched to the whole
 // buffer, or fitted into it between black bars. A frame of the buffer's size is not copied: the
 // buffer refers to its pixels and holds on to them. Throws EncoderFailure. State queue only.
 std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,

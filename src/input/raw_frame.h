@@ -7,6 +7,8 @@
 #include <set>
 #include <utility>
 
+#include "platform/image.h"
+
 namespace lumora {
 
 // One camera frame.
@@ -14,9 +16,18 @@ struct RawFrame {
   std::int64_t width = 0;   // pixels
   std::int64_t height = 0;  // pixels
   std::uint64_t id = 0;     // above 0, strictly increasing
-  // width × height × 4 bytes, the bottom row of the picture first.
-  std::shared_ptr<const std::uint8_t[]> rgba;
+  // The memory of `picture`: by default RGBA, the bottom row first. Null if there is nothing to
+  // encode: the frame could not be decoded, or nobody needed it.
+  std::shared_ptr<const std::uint8_t[]> rgba = {};
   double capturedAt = 0;  // uptime seconds at which the reader had read it
+  PictureView picture = {};
+};
+
+// The picture of a frame record as it was read.
+struct RecordPicture {
+  std::shared_ptr<const std::uint8_t[]> memory;
+  std::size_t length = 0;  // bytes
+  bool isShared = false;   // memory of the parent
 };
 
 // Admits one raw frame at a time and counts those that are dropped. Any thread.
@@ -31,12 +42,17 @@ class RawAdmission {
   // The frame in flight has been encoded or dropped.
   void release() { isBusy_ = false; }
   void countDropped() { ++dropped_; }
+  // Whether anyone needs frames. The state queue says so; until the next frame shows the opposite,
+  // the reader decodes frames.
+  void setNeeded(bool isNeeded) { isNeeded_ = isNeeded; }
+  bool isNeeded() const { return isNeeded_; }
 
   bool isBusy() const { return isBusy_; }
   std::uint64_t dropped() const { return dropped_; }
 
  private:
   std::atomic<bool> isBusy_ = false;  // a frame is in flight
+  std::atomic<bool> isNeeded_ = true;
   std::atomic<std::uint64_t> dropped_ = 0;
 };
 

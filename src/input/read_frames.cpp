@@ -3,6 +3,7 @@
 // encoding never slows the parent down.
 
 #include <array>
+#include <cstring>
 #include <new>
 
 #include "app/video_encoder.h"
@@ -46,6 +47,7 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
+  raw.setNeeded(true);  // the command may start a take
   platform.stateQueue->async(weakly([hasSlot, payload = std::move(payload)](VideoEncoder& self) {
     if (hasSlot) self.commandSlots.release();
     self.recordingCommand(payload);
@@ -53,15 +55,18 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
 }
 
 void VideoEncoder::readFrame(const RecordHeader& header) {
-  const bool isShared = platform.frameMemory && header.length == frameOffsetBytes;
-  if (!isValidFrame(header, lastFrameID) || (!isShared && !header.carriesPixels())) {
+  const FrameEncoding encoding = configuration.frameFormat.encoding;
+  const bool isReference = platform.frameMemory && header.length == referenceBytes(encoding);
+  if (!isValidFrame(header, lastFrameID) ||
+      (!isReference && !isPictureLength(encoding, header.size(), header.length))) {
     throw EncoderFailure::message("invalid raw frame header");
   }
-  auto rgba = isShared ? sharedPixels(header) : readPixels(header);
+  RecordPicture picture = isReference ? sharedPicture(header) : readPicture(header);
   lastFrameID = header.id;
-  RawFrame frame{header.width, header.height, header.id, std::move(rgba), uptime()};
+  RawFrame frame{header.width, header.height, header.id, {}, uptime()};
   if (!raw.admit()) return;
   try {
+    show(std::move(picture), frame);
     platform.stateQueue->async(weakly(&VideoEncoder::encode, std::move(frame)));
   } catch (const std::bad_alloc&) {
     raw.release();  // otherwise the take that this failure ends would wait for the frame
@@ -69,23 +74,55 @@ void VideoEncoder::readFrame(const RecordHeader& header) {
   }
 }
 
-std::shared_ptr<const std::uint8_t[]> VideoEncoder::readPixels(const RecordHeader& header) {
-  PictureMemory rgba = platform.pictures->allocate(header.length);
-  if (!rgba) throw std::bad_alloc();
-  if (!readExactly({rgba.get(), header.length})) {
+RecordPicture VideoEncoder::readPicture(const RecordHeader& header) {
+  PictureMemory memory = allocatePicture(header.length);
+  if (!readExactly({memory.get(), header.length})) {
     throw EncoderFailure::message("truncated raw frame");
   }
-  return rgba;
+  return {std::move(memory), header.length};
 }
 
-std::shared_ptr<const std::uint8_t[]> VideoEncoder::sharedPixels(const RecordHeader& header) {
-  std::array<std::uint8_t, frameOffsetBytes> payload{};
-  if (!readExactly(payload)) throw EncoderFailure::message("truncated raw frame");
-  const auto offset = integerBE<std::uint64_t>(payload, 0);
-  if (!isValidOffset(offset, header.pictureBytes(), platform.frameMemory->size())) {
+RecordPicture VideoEncoder::sharedPicture(const RecordHeader& header) {
+  const FrameEncoding encoding = configuration.frameFormat.encoding;
+  Bytes reference(header.length);
+  if (!readExactly(reference)) throw EncoderFailure::message("truncated raw frame");
+  const auto offset = integerBE<std::uint64_t>(reference, 0);
+  const std::uint64_t length = isCompressed(encoding)
+                                   ? integerBE<std::uint64_t>(reference, referenceFieldBytes)
+                                   : uncompressedBytes(encoding, header.size());
+  if (!isPictureLength(encoding, header.size(), length) ||
+      !isValidOffset(offset, length, platform.frameMemory->size())) {
     throw EncoderFailure::message("invalid raw frame header");
   }
-  return platform.frameMemory->pixels(header.id, offset);
+  return {platform.frameMemory->pixels(header.id, offset), length, /*isShared=*/true};
+}
+
+PictureMemory VideoEncoder::allocatePicture(std::size_t bytes) {
+  PictureMemory memory = platform.pictures->allocate(bytes);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+// Gives `frame` its picture, unless it has to be decoded and can't be, or nobody needs it.
+void VideoEncoder::show(RecordPicture picture, RawFrame& frame) {
+  const FrameFormat& format = configuration.frameFormat;
+  const PictureSize size{frame.width, frame.height};
+  if (!needsDecoding(format.encoding)) {
+    frame.picture = pictureAt(picture.memory.get(), format.pixels, size);
+    frame.rgba = std::move(picture.memory);
+  } else if (raw.isNeeded()) {
+    // A parent that changes a JPEG while it is decoded can't confuse the decoder.
+    if (picture.isShared && isCompressed(format.encoding)) {
+      const PictureMemory copy = allocatePicture(picture.length);
+      std::memcpy(copy.get(), picture.memory.get(), picture.length);
+      picture.memory = copy;
+    }
+    auto decoded = platform.decoder->decode(format.encoding, format.pixels, size,
+                                            {picture.memory.get(), picture.length});
+    frame.picture = decoded.picture;
+    frame.rgba = std::move(decoded.memory);
+  }
+  if (frame.rgba && !format.topFirst) frame.picture = upsideDown(frame.picture);
 }
 
 // State queue. No frame is in flight any more, so work that waited for this can begin.

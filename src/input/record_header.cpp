@@ -33,7 +33,7 @@ bool isValidFrame(const RecordHeader& header, std::uint64_t lastID) {
   return header.id > lastID;
 }
 
-bool isValidOffset(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes) {
+bool isValidOffset(std::uint64_t offset, std::uint64_t bytes, std::uint64_t memoryBytes) {
   if (offset == 0 || offset % framePageBytes != 0) return false;
   return bytes <= memoryBytes && offset <= memoryBytes - bytes;
 }

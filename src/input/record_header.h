@@ -8,16 +8,18 @@
 //   +--------+--------+--------+----------------+----------
 //
 // In a command record width, height and id are all 0. Every other record is a frame record. Its
-// payload is the pixels or, when the parent shares memory with us, their offset in that memory.
+// payload is the picture or, when the parent shares memory with us, a reference: the picture's
+// offset in that memory and, if its length varies, its length. Both have 64 bits.
 
 #include <cstdint>
 
 #include "base/bytes.h"
+#include "platform/image.h"
 
 namespace lumora {
 
 constexpr std::size_t recordHeaderBytes = 16;
-constexpr std::size_t frameOffsetBytes = 8;  // shorter than the pixels of any frame
+constexpr std::size_t referenceFieldBytes = 8;
 
 struct RecordHeader {
   std::uint32_t length = 0;  // payload bytes
@@ -26,8 +28,7 @@ struct RecordHeader {
   std::uint64_t id = 0;
 
   bool isCommand() const { return width == 0 && height == 0 && id == 0; }
-  std::uint32_t pictureBytes() const { return std::uint32_t{width} * height * 4; }
-  bool carriesPixels() const { return length == pictureBytes(); }
+  PictureSize size() const { return {width, height}; }
 };
 
 // Decodes the first `recordHeaderBytes` of `bytes`.
@@ -38,7 +39,7 @@ bool isValidFrame(const RecordHeader& header, std::uint64_t lastID);
 
 // Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: it begins with a
 // page, but not with the first one, and ends inside the memory.
-bool isValidOffset(std::uint64_t offset, std::uint32_t bytes, std::uint64_t memoryBytes);
+bool isValidOffset(std::uint64_t offset, std::uint64_t bytes, std::uint64_t memoryBytes);
 
 // Whether a command record has a valid length.
 bool isValidCommand(const RecordHeader& header);

@@ -58,8 +58,8 @@ constexpr Weighting redFirst(Weighting of) {
 constexpr Weightings rgba = {redFirst(bgra.luma), redFirst(bgra.blueDifference),
                              redFirst(bgra.redDifference)};
 
-constexpr const Weightings& weightings(ChannelOrder order) {
-  return order == ChannelOrder::bgra ? bgra : rgba;
+constexpr const Weightings& weightings(PixelLayout layout) {
+  return layout == PixelLayout::bgra ? bgra : rgba;
 }
 
 // The bytes as a little-endian word.

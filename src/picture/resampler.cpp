@@ -126,13 +126,15 @@ void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const WeightPair* HWY
   for (; i < count; ++i) sums[i] = sumRowsAt(rows, pairs, taps, i);
 }
 
-// Writes one destination row of `width` BGRA pixels, weighted sums along x of the column sums.
-// `weights` holds `taps` × 4 values per pixel.
+// Writes one destination row of `width` pixels of four channels, weighted sums along x of the
+// column sums. `weights` holds `taps` × 4 values per pixel. When `swap`, the first and the third
+// channel change places.
 #if HWY_TARGET == HWY_SCALAR
-void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
-                const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
-                std::uint8_t* HWY_RESTRICT row) {
-  static constexpr std::size_t swapped[4] = {2, 1, 0, 3};
+template <bool swap>
+HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
+                           const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
+                           std::uint8_t* HWY_RESTRICT row) {
+  static constexpr std::size_t order[4] = {swap ? 2 : 0, 1, swap ? 0 : 2, 3};
   for (std::size_t x = 0; x < width; ++x) {
     const std::int16_t* from = sums + static_cast<std::size_t>(first[x]) * 4;
     const std::int16_t* weight = weights + x * static_cast<std::size_t>(taps) * 4;
@@ -140,15 +142,16 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
       int sum = 1 << 19;
       for (int k = 0; k < taps; ++k) sum += from[k * 4 + static_cast<int>(channel)] * weight[k * 4];
       sum >>= 20;
-      row[x * 4 + swapped[channel]] =
+      row[x * 4 + order[channel]] =
           static_cast<std::uint8_t>(sum < 0 ? 0 : (sum > 255 ? 255 : sum));
     }
   }
 }
 #else
-void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
-                const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
-                std::uint8_t* HWY_RESTRICT row) {
+template <bool swap>
+HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
+                           const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
+                           std::uint8_t* HWY_RESTRICT row) {
   // 16 lanes are 4 pixels; the narrowest kernel has 4 taps.
   const hn::CappedTag<std::int16_t, 16> d;
   const hn::FixedTag<std::int16_t, 8> d128;
@@ -171,7 +174,8 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
     return sum;
 #endif
   };
-  const auto swapRedAndBlue = [&](auto pixels) HWY_ATTR {
+  const auto ordered = [&](auto pixels) HWY_ATTR {
+    if constexpr (!swap) return pixels;
     alignas(16) static constexpr std::uint8_t order[16] = {2, 1, 0, 3, 6, 5, 4, 7,
                                                            2, 1, 0, 3, 6, 5, 4, 7};
     const hn::FixedTag<std::uint8_t, 16> dFull;
@@ -185,7 +189,7 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
     const auto both = hn::Add(hn::BitCast(d128, hn::InterleaveLower(d64, a, b)),
                               hn::BitCast(d128, hn::InterleaveUpper(d64, a, b)));
     const auto rounded = hn::ShiftRight<5>(hn::Add(both, hn::Set(d128, 16)));
-    return swapRedAndBlue(hn::DemoteTo(d8, rounded));
+    return ordered(hn::DemoteTo(d8, rounded));
   };
   std::size_t x = 0;
   for (; x + 2 <= width; x += 2) hn::StoreU(pixelPair(x, x + 1), d8, row + x * 4);
@@ -197,6 +201,76 @@ void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT f
 }
 
 #endif
+
+// One row of four channels in RGB order, and the reverse.
+void sumPixels(const std::int16_t* sums, const int* first, const std::int16_t* weights, int taps,
+               std::size_t width, std::uint8_t* row) {
+  sumColumns<true>(sums, first, weights, taps, width, row);
+}
+
+// Makes the column sums of four rows of one channel, or of two rows of two, those of one row of
+// four channels. Writes beyond the last sample.
+template <int channels>
+HWY_INLINE void interleave(const RowGroup& group) {
+  const hn::ScalableTag<std::int16_t> d;
+  using Values = hn::Vec<decltype(d)>;
+  const std::int16_t* HWY_RESTRICT from = group.sums;
+  for (std::size_t x = 0; x < group.sourceWidth; x += hn::Lanes(d)) {
+    Values first, second, third, fourth;
+    if constexpr (channels == 1) {
+      first = hn::LoadU(d, from + x);
+      second = hn::LoadU(d, from + group.pitch + x);
+      third = hn::LoadU(d, from + 2 * group.pitch + x);
+      fourth = hn::LoadU(d, from + 3 * group.pitch + x);
+    } else {
+      hn::LoadInterleaved2(d, from + 2 * x, first, second);
+      hn::LoadInterleaved2(d, from + group.pitch + 2 * x, third, fourth);
+    }
+    hn::StoreInterleaved4(first, second, third, fourth, d, group.interleaved + 4 * x);
+  }
+}
+
+// Writes the destination rows of a group from its pixels of four channels.
+template <int channels>
+HWY_INLINE void split(const RowGroup& group, std::size_t width) {
+  const hn::ScalableTag<std::uint8_t> d;
+  using Values = hn::Vec<decltype(d)>;
+  const std::size_t step = hn::Lanes(d);
+  const auto& to = group.destination;
+  const auto splitAt = [&](std::size_t x) HWY_ATTR {
+    Values first, second, third, fourth;
+    hn::LoadInterleaved4(d, group.pixels + 4 * x, first, second, third, fourth);
+    if constexpr (channels == 1) {
+      hn::StoreU(first, d, to[0] + x);
+      if (group.rows > 1) hn::StoreU(second, d, to[1] + x);
+      if (group.rows > 2) hn::StoreU(third, d, to[2] + x);
+      if (group.rows > 3) hn::StoreU(fourth, d, to[3] + x);
+    } else {
+      hn::StoreInterleaved2(first, second, d, to[0] + 2 * x);
+      if (group.rows > 1) hn::StoreInterleaved2(third, fourth, d, to[1] + 2 * x);
+    }
+  };
+  std::size_t x = 0;
+  for (; x + step <= width; x += step) splitAt(x);
+  if (x < width && width >= step) return splitAt(width - step);  // overlaps the one before
+  for (; x < width; ++x) {
+    for (std::size_t channel = 0; channel < group.rows * channels; ++channel)
+      to[channel / channels][x * channels + channel % channels] = group.pixels[4 * x + channel];
+  }
+}
+
+void sumFourRows(const RowGroup& group, const int* first, const std::int16_t* weights, int taps,
+                 std::size_t width) {
+  interleave<1>(group);
+  sumColumns<false>(group.interleaved, first, weights, taps, width, group.pixels);
+  split<1>(group, width);
+}
+void sumTwoRows(const RowGroup& group, const int* first, const std::int16_t* weights, int taps,
+                std::size_t width) {
+  interleave<2>(group);
+  sumColumns<false>(group.interleaved, first, weights, taps, width, group.pixels);
+  split<2>(group, width);
+}
 
 }  // namespace HWY_NAMESPACE
 }  // namespace lumora
@@ -211,11 +285,14 @@ namespace lumora {
 namespace {
 
 HWY_EXPORT(sumRows);
-HWY_EXPORT(sumColumns);
+HWY_EXPORT(sumPixels);
+HWY_EXPORT(sumFourRows);
+HWY_EXPORT(sumTwoRows);
 
 constexpr int weightOne = 1 << 12;
 constexpr double kernelSupport = 2;
-constexpr int lanesOfSlack = 64;  // for the widest vector load, which may start at the last pixel
+// For the widest vector, which may start at the last pixel, or at the last sample of four rows.
+constexpr int lanesOfSlack = 128;
 
 // Catmull-Rom: sharp, with little ringing.
 double kernel(double x) {
@@ -255,9 +332,10 @@ WeightPair makePair(std::int16_t first, std::int16_t second) {
       {first, second}, packed(coarse(first), coarse(second)), packed(fine(first), fine(second))};
 }
 
-ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
-  const double step = static_cast<double>(source) / destination;
-  const double width = std::max(step, 1.0);  // of the kernel, in source positions
+ResampleAxis makeResampleAxis(const SampleGrid& grid, int tapMultiple) {
+  const int source = static_cast<int>(grid.source);
+  const int destination = static_cast<int>(grid.destination);
+  const double width = std::max(grid.step, 1.0);  // of the kernel, in source positions
   const double reach = kernelSupport * width;
   ResampleAxis axis;
   const int needed = std::min(static_cast<int>(std::ceil(2 * reach)), source);
@@ -266,7 +344,7 @@ ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
   axis.weights.resize(axis.first.size() * static_cast<std::size_t>(axis.taps));
   std::vector<double> exact;
   for (int i = 0; i < destination; ++i) {
-    const double centre = (i + 0.5) * step - 0.5;
+    const double centre = i * grid.step + grid.origin;
     const int from = static_cast<int>(std::floor(centre - reach)) + 1;
     const int to = static_cast<int>(std::ceil(centre + reach)) - 1;
     const int first = std::clamp(from, 0, source - needed);
@@ -285,16 +363,11 @@ ResampleAxis makeResampleAxis(int source, int destination, int tapMultiple) {
 
 }  // namespace
 
-Resampler::Resampler(const ImageView& source, const MutableImageView& destination)
-    : sourceWidth_(source.width),
-      sourceHeight_(source.height),
-      width_(destination.width),
-      height_(destination.height),
+Resampler::Resampler(const PlaneGeometry& geometry)
+    : geometry_(geometry),
       // The horizontal step takes 4 pixels at once, the vertical one 2 rows.
-      horizontal_(
-          makeResampleAxis(static_cast<int>(source.width), static_cast<int>(destination.width), 4)),
-      vertical_(makeResampleAxis(static_cast<int>(source.height),
-                                 static_cast<int>(destination.height), 2)) {
+      horizontal_(makeResampleAxis(geometry.x, 4)),
+      vertical_(makeResampleAxis(geometry.y, 2)) {
   pairs_.reserve(vertical_.weights.size() / 2);
   for (std::size_t k = 0; k < vertical_.weights.size(); k += 2) {
     pairs_.push_back(makePair(vertical_.weights[k], vertical_.weights[k + 1]));
@@ -305,29 +378,58 @@ Resampler::Resampler(const ImageView& source, const MutableImageView& destinatio
   }
 }
 
-bool Resampler::matches(const ImageView& source, const MutableImageView& destination) const {
-  return sourceWidth_ == source.width && sourceHeight_ == source.height &&
-         width_ == destination.width && height_ == destination.height;
+// Column sums of destination row `y`.
+void Resampler::sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) const {
+  std::vector<const std::uint8_t*> rows(static_cast<std::size_t>(vertical_.taps));
+  const auto index = static_cast<std::size_t>(y);
+  for (std::size_t k = 0; k < rows.size(); ++k) {
+    // Taps beyond the last row have no weight, but are read.
+    const auto row = std::min(vertical_.first[index] + static_cast<std::ptrdiff_t>(k),
+                              static_cast<std::ptrdiff_t>(geometry_.y.source - 1));
+    rows[k] = source.samples + row * source.stride;
+  }
+  HWY_DYNAMIC_DISPATCH(sumRows)
+  (rows.data(), pairs_.data() + index * rows.size() / 2, vertical_.taps,
+   static_cast<std::size_t>(geometry_.x.source * geometry_.channels), sums);
 }
 
-void Resampler::run(const ImageView& source, const MutableImageView& destination) const {
-  std::vector<const std::uint8_t*> rows(static_cast<std::size_t>(vertical_.taps));
-  const auto values = static_cast<std::size_t>(sourceWidth_ + horizontal_.taps) * 4;
-  std::vector<std::int16_t> columnSums(values + lanesOfSlack);
-  for (std::int64_t y = 0; y < height_; ++y) {
-    const auto index = static_cast<std::size_t>(y);
-    for (std::size_t k = 0; k < rows.size(); ++k) {
-      // Taps beyond the last row have no weight, but are read.
-      const auto row = std::min(vertical_.first[index] + static_cast<std::ptrdiff_t>(k),
-                                static_cast<std::ptrdiff_t>(sourceHeight_ - 1));
-      rows[k] = source.pixels + row * source.stride;
+void Resampler::run(PlaneView source, Plane destination) const {
+  const auto width = static_cast<std::size_t>(geometry_.x.destination);
+  const auto sourceWidth = static_cast<std::size_t>(geometry_.x.source);
+  std::vector<std::int16_t> interleaved(
+      (sourceWidth + static_cast<std::size_t>(horizontal_.taps)) * 4 + lanesOfSlack);
+  const auto row = [&](std::int64_t y) { return destination.samples + y * destination.stride; };
+  if (geometry_.channels == 4) {
+    for (std::int64_t y = 0; y < geometry_.y.destination; ++y) {
+      sumRow(source, y, interleaved.data());
+      HWY_DYNAMIC_DISPATCH(sumPixels)
+      (interleaved.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width,
+       row(y));
     }
-    HWY_DYNAMIC_DISPATCH(sumRows)
-    (rows.data(), pairs_.data() + index * rows.size() / 2, vertical_.taps,
-     static_cast<std::size_t>(sourceWidth_) * 4, columnSums.data());
-    HWY_DYNAMIC_DISPATCH(sumColumns)
-    (columnSums.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
-     static_cast<std::size_t>(width_), destination.pixels + (height_ - 1 - y) * destination.stride);
+    return;
+  }
+  const std::size_t rowsAtOnce = 4 / static_cast<std::size_t>(geometry_.channels);
+  const std::size_t pitch = sourceWidth * static_cast<std::size_t>(geometry_.channels);
+  std::vector<std::int16_t> sums(rowsAtOnce * pitch + lanesOfSlack);
+  std::vector<std::uint8_t> pixels(width * 4);
+  RowGroup group{.sums = sums.data(),
+                 .pitch = pitch,
+                 .sourceWidth = sourceWidth,
+                 .interleaved = interleaved.data(),
+                 .pixels = pixels.data()};
+  for (std::int64_t y = 0; y < geometry_.y.destination; y += group.rows) {
+    group.rows = std::min(rowsAtOnce, static_cast<std::size_t>(geometry_.y.destination - y));
+    for (std::size_t i = 0; i < group.rows; ++i) {
+      sumRow(source, y + static_cast<std::int64_t>(i), sums.data() + i * pitch);
+      group.destination[i] = row(y + static_cast<std::int64_t>(i));
+    }
+    if (geometry_.channels == 1) {
+      HWY_DYNAMIC_DISPATCH(sumFourRows)
+      (group, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width);
+    } else {
+      HWY_DYNAMIC_DISPATCH(sumTwoRows)
+      (group, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width);
+    }
   }
 }
 

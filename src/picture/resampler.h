@@ -1,6 +1,6 @@
 #pragma once
 
-// Separable, anti-aliased resampling of four-channel pictures with a cubic kernel. When scaling
+// Separable, anti-aliased resampling of planes with a cubic kernel. When scaling
 // down, the kernel is widened by the scale, so that nothing above the destination's Nyquist
 // frequency folds back.
 //
@@ -32,21 +32,47 @@ struct WeightPair {
   std::int16_t fine;
 };
 
+// The samples along one axis of a plane. Destination sample i lies at source position
+// origin + i × step.
+struct SampleGrid {
+  std::int64_t source = 0;       // samples
+  std::int64_t destination = 0;  // samples
+  double step = 1;
+  double origin = 0;
+  bool operator==(const SampleGrid&) const = default;
+};
+
+struct PlaneGeometry {
+  int channels = 1;  // bytes of a sample: 1, 2 or 4
+  SampleGrid x;
+  SampleGrid y;
+  bool operator==(const PlaneGeometry&) const = default;
+};
+
+// Rows of a plane that are summed along x together, as the channels of one row.
+struct RowGroup {
+  const std::int16_t* sums;  // column sums of all rows
+  std::size_t pitch;         // from one row's sums to the next
+  std::size_t sourceWidth;   // samples
+  std::int16_t* interleaved;
+  std::uint8_t* pixels;
+  std::size_t rows = 0;  // that are written
+  std::uint8_t* destination[4] = {};
+};
+
 class Resampler {
  public:
-  // Tables for this pair of sizes.
-  Resampler(const ImageView& source, const MutableImageView& destination);
+  explicit Resampler(const PlaneGeometry& geometry);
+  const PlaneGeometry& geometry() const { return geometry_; }
 
-  bool matches(const ImageView& source, const MutableImageView& destination) const;
-
-  // Resamples RGBA into BGRA and turns the picture upside down. Any thread.
-  void run(const ImageView& source, const MutableImageView& destination) const;
+  // Resamples a plane. Of four channels, the first and the third change places: RGBA becomes BGRA.
+  // Any thread.
+  void run(PlaneView source, Plane destination) const;
 
  private:
-  std::int64_t sourceWidth_;
-  std::int64_t sourceHeight_;
-  std::int64_t width_;
-  std::int64_t height_;
+  void sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) const;
+
+  PlaneGeometry geometry_;
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
   std::vector<WeightPair> pairs_;           // `vertical_.weights`

@@ -187,12 +187,13 @@ using bt709::lumaRow;
 
 #endif
 
-void convert(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v) {
-  const Kernel kernel(bt709::weightings(order));
-  const auto width = static_cast<std::size_t>(source.width);
-  for (std::int64_t row = 0; row < source.height; row += 2) {
-    const std::uint8_t* top = source.pixels + row * source.stride;
-    const std::uint8_t* bottom = top + source.stride;
+void convert(const PictureView& source, Plane y, Plane u, Plane v) {
+  const Kernel kernel(bt709::weightings(source.format.layout));
+  const auto [pixels, stride] = source.planes[0];
+  const auto width = static_cast<std::size_t>(source.size.width);
+  for (std::int64_t row = 0; row < source.size.height; row += 2) {
+    const std::uint8_t* top = pixels + row * stride;
+    const std::uint8_t* bottom = top + stride;
     lumaRow(kernel, top, width, y.samples + row * y.stride);
     lumaRow(kernel, bottom, width, y.samples + (row + 1) * y.stride);
     chromaRow(kernel, top, bottom, width, u.samples + row / 2 * u.stride,
@@ -213,17 +214,17 @@ HWY_AFTER_NAMESPACE();
 namespace lumora {
 HWY_EXPORT(convert);
 
-void convertToI420(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v) {
-  HWY_DYNAMIC_DISPATCH(convert)(source, order, y, u, v);
+void convertToI420(const PictureView& source, Plane y, Plane u, Plane v) {
+  HWY_DYNAMIC_DISPATCH(convert)(source, y, u, v);
 }
 
-void convertToNV12(const ImageView& source, ChannelOrder order, Plane y, Plane uv) {
-  const std::int64_t columns = source.width / 2;
-  const std::int64_t rows = source.height / 2;
+void convertToNV12(const PictureView& source, Plane y, Plane uv) {
+  const std::int64_t columns = source.size.width / 2;
+  const std::int64_t rows = source.size.height / 2;
   std::vector<std::uint8_t> planes(static_cast<std::size_t>(2 * columns * rows));
   const Plane u{planes.data(), columns};
   const Plane v{planes.data() + columns * rows, columns};
-  convertToI420(source, order, y, u, v);
+  convertToI420(source, y, u, v);
   libyuv::MergeUVPlane(u.samples, static_cast<int>(u.stride), v.samples, static_cast<int>(v.stride),
                        uv.samples, static_cast<int>(uv.stride), static_cast<int>(columns),
                        static_cast<int>(rows));

@@ -9,13 +9,8 @@
 
 namespace lumora {
 
-struct Plane {
-  std::uint8_t* samples = nullptr;
-  std::ptrdiff_t stride = 0;  // bytes from one row to the next
-};
-
-// Width and height are even. Any thread.
-void convertToI420(const ImageView& source, ChannelOrder order, Plane y, Plane u, Plane v);
-void convertToNV12(const ImageView& source, ChannelOrder order, Plane y, Plane uv);
+// `source` is RGBA or BGRA. Any thread.
+void convertToI420(const PictureView& source, Plane y, Plane u, Plane v);
+void convertToNV12(const PictureView& source, Plane y, Plane uv);
 
 }  // namespace lumora

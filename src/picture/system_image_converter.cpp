@@ -8,58 +8,114 @@
 namespace lumora {
 namespace {
 
-constexpr std::size_t keptResamplers = 4;
+constexpr std::size_t keptResamplers = 8;  // preview and take need two each, some need two passes
 // Beyond this a kernel's weights are too small for the resampler's fixed point.
-constexpr std::int64_t largestReduction = 8;
-constexpr std::int64_t bytesPerPixel = 4;
+constexpr double largestReduction = 8;
+
+// The samples along one axis: `extent` are those of an area of pixels. `centre` is where a sample
+// lies among its pixels, in pixels from the centre of the first.
+struct Extent {
+  std::int64_t begin;
+  std::int64_t size;
+};
+SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixelsPerSample,
+                  double centre) {
+  const double scale = static_cast<double>(source) / static_cast<double>(pixels.size);
+  const auto first = static_cast<double>(samples.begin * pixelsPerSample - pixels.begin);
+  // Pixel p of the area is at (p + 0.5) × scale - 0.5 in the source.
+  const double firstPixel = (first + centre + 0.5) * scale - 0.5;
+  return {.source = source / pixelsPerSample,
+          .destination = samples.size,
+          .step = scale,
+          .origin = (firstPixel - centre) / pixelsPerSample};
+}
+
+// Chroma lies where H.264 has it by default: level with the left of its two columns, and halfway
+// between its two rows.
+PlaneGeometry geometryOf(const PlaneShape& shape, PictureSize source, const PictureRectangle& area,
+                         const PictureRectangle& samples) {
+  const double betweenRows = (shape.rows - 1) / 2.0;
+  return {.channels = shape.channels,
+          .x = gridOf(source.width, {area.left, area.size.width},
+                      {samples.left, samples.size.width}, shape.columns, 0),
+          .y = gridOf(source.height, {area.top, area.size.height},
+                      {samples.top, samples.size.height}, shape.rows, betweenRows)};
+}
+
+bool isCopy(const SampleGrid& grid) {
+  return grid.step == 1 && grid.origin == 0 && grid.source == grid.destination;
+}
+
+void copyPlane(PlaneView source, Plane destination, std::int64_t columns, std::int64_t rows,
+               int channels) {
+  const auto stride = static_cast<int>(source.stride);
+  const auto to = static_cast<int>(destination.stride);
+  const auto width = static_cast<int>(columns);
+  const auto height = static_cast<int>(rows);
+  if (channels == 4) {  // red and blue change places
+    libyuv::ABGRToARGB(source.samples, stride, destination.samples, to, width, height);
+  } else {
+    libyuv::CopyPlane(source.samples, stride, destination.samples, to, width * channels, height);
+  }
+}
 
 }  // namespace
 
-bool SystemImageConverter::convert(const ImageView& source, const MutableImageView& destination) {
-  if (source.width == destination.width && source.height == destination.height) {
-    // libyuv names formats by the little-endian word: its ABGR is R, G, B, A in memory. A negative
-    // height turns the picture upside down.
-    return libyuv::ABGRToARGB(source.pixels, static_cast<int>(source.stride), destination.pixels,
-                              static_cast<int>(destination.stride), static_cast<int>(source.width),
-                              -static_cast<int>(source.height)) == 0;
+bool SystemImageConverter::convert(const PictureView& source, const Picture& destination,
+                                   const PictureRectangle& area) {
+  std::size_t i = 0;
+  for (const PlaneShape& shape : planesOf(source.format.layout)) {
+    const PictureRectangle samples = samplesIn(area, shape);
+    const Plane whole = destination.planes[i];
+    const Plane inside{whole.samples + samples.top * whole.stride + samples.left * shape.channels,
+                       whole.stride};
+    resample(source.planes[i], inside, geometryOf(shape, source.size, area, samples));
+    ++i;
   }
-  if (source.width > destination.width * largestReduction ||
-      source.height > destination.height * largestReduction) {
-    return resampleTwice(source, destination);
-  }
-  resamplerFor(source, destination).run(source, destination);
   return true;
 }
 
-// Goes through a picture between the two sizes. Each of the two passes swaps channels and flips. So
-// the second one reads that picture from its last row up, and the channels are swapped a third
-// time.
-bool SystemImageConverter::resampleTwice(const ImageView& source,
-                                         const MutableImageView& destination) {
-  const auto between = [](std::int64_t from, std::int64_t to) {
-    return std::llround(std::sqrt(static_cast<double>(from) * static_cast<double>(to)));
-  };
-  const std::int64_t width = between(source.width, destination.width);
-  const std::int64_t height = between(source.height, destination.height);
-  const std::int64_t stride = width * bytesPerPixel;
-  halfway_.resize(static_cast<std::size_t>(height * stride));
-  const MutableImageView halfway{halfway_.data(), width, height, stride};
-  resamplerFor(source, halfway).run(source, halfway);
-  const ImageView upright{halfway.pixels + (height - 1) * stride, width, height, -stride};
-  resamplerFor(upright, destination).run(upright, destination);
-  return libyuv::ABGRToARGB(destination.pixels, static_cast<int>(destination.stride),
-                            destination.pixels, static_cast<int>(destination.stride),
-                            static_cast<int>(destination.width),
-                            static_cast<int>(destination.height)) == 0;
+void SystemImageConverter::resample(PlaneView source, Plane destination,
+                                    const PlaneGeometry& geometry) {
+  const auto& [channels, x, y] = geometry;
+  if (isCopy(x) && isCopy(y)) return copyPlane(source, destination, x.source, y.source, channels);
+  if (std::max(x.step, y.step) > largestReduction)
+    return resampleTwice(source, destination, geometry);
+  resamplerFor(geometry).run(source, destination);
 }
 
-const Resampler& SystemImageConverter::resamplerFor(const ImageView& source,
-                                                    const MutableImageView& destination) {
+// Goes through a plane between the two sizes.
+void SystemImageConverter::resampleTwice(PlaneView source, Plane destination,
+                                         const PlaneGeometry& geometry) {
+  PlaneGeometry first = geometry;
+  PlaneGeometry second = geometry;
+  for (const auto axis : {&PlaneGeometry::x, &PlaneGeometry::y}) {
+    const SampleGrid& whole = geometry.*axis;
+    const double step = std::sqrt(whole.step);
+    const auto between = std::llround(static_cast<double>(whole.source) / step);
+    // The samples of the plane between lie evenly over the source.
+    const double firstStep = static_cast<double>(whole.source) / static_cast<double>(between);
+    const double firstOrigin = (firstStep - 1) / 2;
+    first.*axis = {whole.source, between, firstStep, firstOrigin};
+    second.*axis = {between, whole.destination, whole.step / firstStep,
+                    (whole.origin - firstOrigin) / firstStep};
+  }
+  const std::int64_t stride = first.x.destination * geometry.channels;
+  halfway_.resize(static_cast<std::size_t>(first.y.destination * stride));
+  const Plane halfway{halfway_.data(), stride};
+  resamplerFor(first).run(source, halfway);
+  if (geometry.channels == 4) {  // both passes exchange red and blue
+    copyPlane({halfway.samples, stride}, halfway, first.x.destination, first.y.destination, 4);
+  }
+  resamplerFor(second).run({halfway.samples, stride}, destination);
+}
+
+const Resampler& SystemImageConverter::resamplerFor(const PlaneGeometry& geometry) {
   const auto found = std::ranges::find_if(
-      resamplers_, [&](const auto& kept) { return kept->matches(source, destination); });
+      resamplers_, [&](const auto& kept) { return kept->geometry() == geometry; });
   if (found != resamplers_.end()) return **found;
   if (resamplers_.size() == keptResamplers) resamplers_.pop_front();
-  resamplers_.push_back(std::make_unique<Resampler>(source, destination));
+  resamplers_.push_back(std::make_unique<Resampler>(geometry));
   return *resamplers_.back();
 }
 

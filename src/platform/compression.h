@@ -11,20 +11,15 @@
 
 namespace lumora {
 
-// What a pixel buffer shows.
-struct BufferPicture {
-  ImageView view;
-  ChannelOrder order = ChannelOrder::bgra;
-};
-
-// One picture: in BGRA memory of its own, or wrapped around the pixels of a picture that exists.
-// The pool that made it counts it as in use until the last reference to it is gone.
+// One picture: in memory of its own, or wrapped around the pixels of a picture that exists. Memory
+// of its own is BGRA when frames are RGBA, and RGBA when they are BGRA; otherwise it has their
+// layout. The pool that made it counts it as in use until the last reference to it is gone.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
-  virtual BufferPicture picture() = 0;
-  // The buffer's own memory and its geometry. Null pixels for a wrapped picture.
-  virtual MutableImageView memory() = 0;
+  virtual PictureView picture() = 0;
+  // The buffer's own memory and its geometry. Null samples for a wrapped picture.
+  virtual Picture memory() = 0;
 };
 
 class PixelBufferPool {
@@ -35,8 +30,8 @@ class PixelBufferPool {
   // A buffer around the pixels of `picture`, which `owner` keeps alive. Fails when `threshold`
   // buffers are in use. Returns 0 without a buffer when the session can't encode these pixels in
   // place, for example because the size differs.
-  virtual Status wrap(const BufferPicture& picture, std::shared_ptr<const void> owner,
-                      int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
+  virtual Status wrap(const PictureView& picture, std::shared_ptr<const void> owner, int threshold,
+                      std::shared_ptr<PixelBuffer>& buffer) = 0;
 };
 
 enum class SessionProperty {

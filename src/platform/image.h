@@ -1,35 +1,100 @@
 #pragma once
 
-// Views on four-channel, 8-bit images, and the conversion of a camera picture to a picture for the
-// encoder.
+// Pictures in memory, what their samples mean, and the scaling of a camera picture to a session's
+// size.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace lumora {
 
-enum class ChannelOrder { bgra, rgba };
+// How the samples of a picture lie in memory. nv12 has a plane of luma and one of U and V in turn,
+// i420 has three planes. Chroma has half the columns and half the rows.
+enum class PixelLayout { bgra, rgba, nv12, i420 };
 
-struct ImageView {
-  const std::uint8_t* pixels = nullptr;  // first byte of the first row
-  std::int64_t width = 0;                // pixels
-  std::int64_t height = 0;               // rows
-  std::ptrdiff_t stride = 0;             // bytes from one row to the next
+// MatrixCoefficients 6 and 1 of ISO/IEC 23091-2.
+enum class ColourMatrix { bt601, bt709 };
+
+struct PixelFormat {
+  PixelLayout layout = PixelLayout::rgba;
+  ColourMatrix matrix = ColourMatrix::bt709;  // for RGB: of the 4:2:0 picture that it becomes
+  bool fullRange = false;                     // of luma and chroma
+  bool operator==(const PixelFormat&) const = default;
 };
 
-struct MutableImageView {
-  std::uint8_t* pixels = nullptr;
-  std::int64_t width = 0;
-  std::int64_t height = 0;
-  std::ptrdiff_t stride = 0;
+struct PictureSize {
+  std::int64_t width = 0;   // pixels
+  std::int64_t height = 0;  // pixels
+  bool operator==(const PictureSize&) const = default;
 };
+
+struct PictureRectangle {
+  std::int64_t left = 0;
+  std::int64_t top = 0;
+  PictureSize size;
+  bool operator==(const PictureRectangle&) const = default;
+};
+
+// One plane of a layout: bytes of a sample, and the pixels that it stands for.
+struct PlaneShape {
+  int channels = 1;
+  int columns = 1;
+  int rows = 1;
+  std::uint8_t black = 0;      // in limited range
+  std::uint8_t fullBlack = 0;  // in full range
+};
+std::span<const PlaneShape> planesOf(PixelLayout layout);
+
+template <typename Byte>
+struct BasicPlane {
+  Byte* samples = nullptr;    // first byte of the first row
+  std::ptrdiff_t stride = 0;  // bytes from one row to the next; may be negative
+};
+using Plane = BasicPlane<std::uint8_t>;
+using PlaneView = BasicPlane<const std::uint8_t>;
+
+// A picture of even width and height, the top row first.
+template <typename Byte>
+struct BasicPicture {
+  PixelFormat format;
+  PictureSize size;
+  std::array<BasicPlane<Byte>, 3> planes = {};  // as many as the layout has
+
+  operator BasicPicture<const Byte>() const requires(!std::is_const_v<Byte>) {
+    BasicPicture<const Byte> view{format, size};
+    for (std::size_t i = 0; i < planes.size(); ++i)
+      view.planes[i] = {planes[i].samples, planes[i].stride};
+    return view;
+  }
+};
+using Picture = BasicPicture<std::uint8_t>;
+using PictureView = BasicPicture<const std::uint8_t>;
+
+// Bytes of a picture whose planes follow each other, with rows that are multiples of `alignment`.
+std::size_t pictureBytes(PixelLayout layout, PictureSize size, std::int64_t alignment = 1);
+
+// The picture that lies so at `samples`.
+template <typename Byte>
+BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSize size,
+                             std::int64_t alignment = 1);
+
+// The same picture, seen from its last row up.
+PictureView upsideDown(const PictureView& picture);
+
+// The samples of a plane that lie in a rectangle of pixels. A sample that lies there only in part
+// counts: what bar and picture share is the picture's.
+PictureRectangle samplesIn(const PictureRectangle& pixels, const PlaneShape& shape);
 
 class ImageConverter {
  public:
   virtual ~ImageConverter() = default;
-  // Fills `destination` (BGRA) with `source` (RGBA), resampled to its size and turned upside down:
-  // the first source row becomes the last destination row. False on failure. State queue only.
-  virtual bool convert(const ImageView& source, const MutableImageView& destination) = 0;
+  // Fills `area` of `destination` with `source`, resampled to its size. In RGB, red and blue change
+  // places: RGBA becomes BGRA and the reverse. Other layouts stay what they are. False on failure.
+  // State queue only.
+  virtual bool convert(const PictureView& source, const Picture& destination,
+                       const PictureRectangle& area) = 0;
 };
 
 }  // namespace lumora

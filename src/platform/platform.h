@@ -7,6 +7,7 @@
 #include "platform/dispatch.h"
 #include "platform/encoders.h"
 #include "platform/file_manager.h"
+#include "platform/frame_decoder.h"
 #include "platform/frame_memory.h"
 #include "platform/image.h"
 #include "platform/movie_writer.h"
@@ -26,6 +27,7 @@ struct Platform {
   std::shared_ptr<ImageConverter> images;
   std::shared_ptr<Movies> movies;
   std::shared_ptr<FileManager> files;
+  std::shared_ptr<FrameDecoder> decoder = {};
   std::shared_ptr<FrameMemory> frameMemory = {};  // null unless the parent shares memory
 };
 

@@ -101,6 +101,7 @@ bool VideoEncoder::authenticate(Peer& peer, const std::string& offered) {
   if (preview.countClients() >= maximumAuthenticatedPeers) return false;
   peer.authenticated = true;
   preview.forceIDR = true;
+  raw.setNeeded(true);
   emitStats(true);
   return true;
 }

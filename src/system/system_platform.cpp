@@ -4,6 +4,7 @@
 
 #include "codec/system_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
+#include "picture/system_frame_decoder.h"
 #include "picture/system_image_converter.h"
 #include "system/asio_dispatch.h"
 #include "system/asio_network.h"
@@ -25,7 +26,7 @@ class SystemClock final : public Clock {
 
 }  // namespace
 
-Platform makeSystemPlatform(const std::string& h264Encoder) {
+Platform makeSystemPlatform(const std::string& h264Encoder, const PixelFormat& frames) {
   const auto stateQueue = std::make_shared<AsioQueue>("lumora.video.state");
   Platform platform;
   platform.pictures = PicturePool::make();
@@ -34,9 +35,10 @@ Platform makeSystemPlatform(const std::string& h264Encoder) {
   platform.dispatch = std::make_shared<AsioDispatch>();
   platform.process = std::make_shared<PosixProcess>();
   platform.encoders = std::make_shared<SystemEncoders>(
-      parseAllowedEncoders(h264Encoder), stateQueue, platform.dispatch, platform.pictures);
+      parseAllowedEncoders(h264Encoder), frames, stateQueue, platform.dispatch, platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
   platform.images = std::make_shared<SystemImageConverter>();
+  platform.decoder = std::make_shared<SystemFrameDecoder>(platform.pictures);
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = makePosixFileManager();
   return platform;

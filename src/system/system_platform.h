@@ -6,8 +6,8 @@
 
 namespace lumora {
 
-// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, or "" if there is none. See
-// codec/allowed_encoders.h.
-Platform makeSystemPlatform(const std::string& h264Encoder);
+// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, or "" if there is none (see
+// codec/allowed_encoders.h). The frames of the run have the format `frames`.
+Platform makeSystemPlatform(const std::string& h264Encoder, const PixelFormat& frames = {});
 
 }  // namespace lumora

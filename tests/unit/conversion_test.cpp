@@ -26,16 +26,17 @@ RawFrame makeFrame(int width, int height, const std::function<Pixel(int x, int y
   PictureMemory rgba = PicturePool::make()->allocate(static_cast<std::size_t>(width * height * 4));
   for (int i = 0; i < width * height; ++i)
     std::ranges::copy(paint(i % width, i / width), rgba.get() + i * 4);
-  return {width, height, 1, std::move(rgba), 0};
+  return makeRawFrame(std::move(rgba), {width, height}, 1, 0);
 }
 
 struct Converted {
   std::shared_ptr<PixelBuffer> buffer;
   Pixel at(std::int64_t x, std::int64_t y) const {
-    const auto [view, order] = buffer->picture();
+    const PictureView picture = buffer->picture();
+    const auto& [samples, stride] = picture.planes[0];
     Pixel pixel{};
-    std::copy_n(view.pixels + y * view.stride + x * 4, 4, pixel.begin());
-    if (order == ChannelOrder::bgra) std::swap(pixel[0], pixel[2]);
+    std::copy_n(samples + y * stride + x * 4, 4, pixel.begin());
+    if (picture.format.layout == PixelLayout::bgra) std::swap(pixel[0], pixel[2]);
     return pixel;
   }
 };
@@ -106,11 +107,11 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
     std::unique_ptr<LibavEncoder> encoder;
     const auto pictures = PicturePool::make();
     const auto settings = sessionSettings(SessionKind::preview, {width, height}, 60);
-    ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), "", pictures, settings,
-                                 encoder),
+    ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), "", {}, pictures,
+                                 settings, encoder),
               0);
     std::shared_ptr<PixelBuffer> buffer;
-    ASSERT_EQ(makeGreyBuffer(width, height, pictures, buffer), 0);
+    ASSERT_EQ(makeGreyBuffer({width, height}, {}, pictures, buffer), 0);
     for (int time = 1; time <= 130; ++time) {
       std::shared_ptr<const EncodedSample> sample;
       ASSERT_EQ(encoder->encode(buffer, time == 30, sample), 0);

@@ -216,7 +216,10 @@ using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, fo
 
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
-      : CanFail(all), pool(width, height, PicturePool::make()), size{width, height}, kind(use) {}
+      : CanFail(all),
+        pool({width, height}, {}, PicturePool::make()),
+        size{width, height},
+        kind(use) {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
     return next("setProperty");
@@ -275,11 +278,27 @@ struct FakeEncoders final : Encoders, CanFail {
 
 struct FakeImages final : ImageConverter, CanFail {
   using CanFail::CanFail;
-  bool convert(const ImageView& from, const MutableImageView&) override {
-    lastByte = from.pixels[from.height * from.stride - 1];  // it has to be there
+  bool convert(const PictureView& from, const Picture&, const PictureRectangle&) override {
+    const auto& [samples, stride] = from.planes[0];  // the last row in memory comes first
+    lastByte = samples[-stride - 1];                 // it has to be there
     return next("convert") == 0;
   }
   volatile std::uint8_t lastByte = 0;
+};
+
+// Decodes every record to a picture of black, unless its first byte is 0.
+struct FakeDecoder final : FrameDecoder {
+  Decoded decode(FrameEncoding, const PixelFormat& format, PictureSize size,
+                 ByteView record) override {
+    records.emplace_back(record.begin(), record.end());
+    onDecode();
+    if (record[0] == 0) return {};
+    const std::size_t bytes = pictureBytes(format.layout, size);
+    const std::shared_ptr<std::uint8_t[]> memory(new std::uint8_t[bytes]());
+    return {memory, pictureAt<const std::uint8_t>(memory.get(), format, size)};
+  }
+  std::vector<Bytes> records;
+  Work onDecode = [] {};
 };
 
 struct FakeWriter final : MovieWriter, CanFail {

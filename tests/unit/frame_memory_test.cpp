@@ -157,7 +157,7 @@ TEST_F(SharedFrames, AreReleasedOnceBothSessionsHaveReadThem) {
   FakeSession& session = probe.lastSession();
   ASSERT_EQ(session.pending.size(), 1u);
   auto& buffer = session.pending[0].first;
-  EXPECT_EQ(*buffer->picture().view.pixels, 77);
+  EXPECT_EQ(*buffer->picture().planes[0].samples, 77);
   EXPECT_EQ(released(), 0u);
   buffer.reset();  // the encoder has its own copy, and has not answered yet
   EXPECT_EQ(released(), 8u);

@@ -6,7 +6,7 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration,
                                      std::shared_ptr<FrameMemory> frameMemory) {
   service = std::make_shared<VideoEncoder>(
       configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders, images,
-                              movies, files, std::move(frameMemory)});
+                              movies, files, decoder, std::move(frameMemory)});
   forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
                   state->clear();
                   for (const auto& one : other->queues) one->clear();
@@ -17,7 +17,7 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration,
 void VideoEncoderProbe::feed(std::uint64_t id, int width, int height) {
   ASSERT_TRUE(service->raw.admit());
   const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
-  service->encode({width, height, id, pictures->allocate(size), clock->now});
+  service->encode(makeRawFrame(pictures->allocate(size), {width, height}, id, clock->now));
 }
 
 }  // namespace lumora

@@ -14,6 +14,13 @@ inline void expectKeys(Json event, const Json& wanted) {
   for (const auto& [key, value] : wanted.items()) EXPECT_EQ(event[key], value) << key;
 }
 
+// A frame as the reader makes it of a record in the default format.
+inline RawFrame makeRawFrame(std::shared_ptr<const std::uint8_t[]> rgba, PictureSize size,
+                             std::uint64_t id, double capturedAt) {
+  const PictureView picture = upsideDown(pictureAt(rgba.get(), {}, size));
+  return {size.width, size.height, id, std::move(rgba), capturedAt, picture};
+}
+
 struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"},
                              std::shared_ptr<FrameMemory> frameMemory = nullptr);
@@ -107,6 +114,7 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>();
   std::shared_ptr<FakeEncoders> encoders = std::make_shared<FakeEncoders>(*failures);
   std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>(*failures);
+  std::shared_ptr<FakeDecoder> decoder = std::make_shared<FakeDecoder>();
   std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>(*failures);
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;

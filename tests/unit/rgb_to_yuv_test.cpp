@@ -33,6 +33,11 @@ Yuv exact(double r, double g, double b) {
           128 + (r - y) / 1.5748 * 224 / 255};
 }
 
+PictureView viewOf(const std::uint8_t* pixels, std::int64_t width, std::int64_t height,
+                   std::ptrdiff_t stride, PixelLayout layout = PixelLayout::bgra) {
+  return {{.layout = layout}, {width, height}, {{{pixels, stride}}}};
+}
+
 // One column wider than the picture, for what must not be written.
 struct Samples {
   Samples(std::int64_t width, std::int64_t height)
@@ -53,7 +58,7 @@ TEST(RgbToYuv, IsExactWithinRoundingForAnyColourAndExactForGreys) {
       Bytes bgra;
       for (int pixel = 0; pixel < 128; ++pixel) bgra.insert(bgra.end(), {blue, green, red, 0});
       Samples y(64, 2), u(32, 1), v(32, 1);
-      convertToI420({bgra.data(), 64, 2, 256}, ChannelOrder::bgra, y, u, v);
+      convertToI420(viewOf(bgra.data(), 64, 2, 256), y, u, v);
       const Yuv wanted = exact(red, green, blue);
       const bool isGrey = red == green && green == blue;
       ASSERT_NEAR(y.at(63, 1), wanted.y, isGrey ? 0.5 : 0.71);
@@ -77,7 +82,7 @@ TEST(RgbToYuv, IsExactWithinRoundingAtEveryEvenSize) {
         const int columns = width / 2;
         const int rows = height / 2;
         Samples y(width, height), u(columns, rows), v(columns, rows);
-        convertToI420({bgra.data(), width, height, stride}, ChannelOrder::bgra, y, u, v);
+        convertToI420(viewOf(bgra.data(), width, height, stride), y, u, v);
         const auto exactAt = [&](int column, int row) {  // beyond the edge the edge goes on
           const std::uint8_t* p = bgra.data() + row * stride + std::max(column, 0) * 4;
           return exact(p[2], p[1], p[0]);
@@ -108,8 +113,9 @@ TEST(RgbToYuv, IsExactWithinRoundingAtEveryEvenSize) {
           rgba.insert(rgba.end(), bgra.begin() + row * stride, bgra.begin() + (row + 1) * stride);
         for (std::size_t i = 0; i < rgba.size(); i += 4) std::swap(rgba[i], rgba[i + 2]);
         Samples same(width, height), uv(columns * 2, rows);
-        convertToNV12({rgba.data() + (height - 1) * stride, width, height, -stride},
-                      ChannelOrder::rgba, same, uv);
+        convertToNV12(
+            viewOf(rgba.data() + (height - 1) * stride, width, height, -stride, PixelLayout::rgba),
+            same, uv);
         ASSERT_EQ(same.bytes, y.bytes);
         for (int x = 0; x < columns; ++x) {
           ASSERT_EQ(uv.at(x * 2, rows - 1), u.at(x, rows - 1));

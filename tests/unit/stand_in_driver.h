@@ -45,7 +45,7 @@ struct Driver {
       inUse.push_back(pictures);
       ++opened;
     }
-    return LibavEncoder::open(*avcodec_find_encoder_by_name(softwareEncoder), "", pictures,
+    return LibavEncoder::open(*avcodec_find_encoder_by_name(softwareEncoder), "", {}, pictures,
                               settings, encoder);
   }
 };

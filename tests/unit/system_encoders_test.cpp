@@ -33,8 +33,8 @@ struct EncoderRun {
                       const EncoderSettings& tried = take) {
     driver->behaviour = behaviour;
     encoders = std::make_shared<SystemEncoders>(
-        parseAllowedEncoders(choice), queue, std::make_shared<AsioDispatch>(), PicturePool::make(),
-        [driver = driver](auto&&... all) { return driver->open(all...); });
+        parseAllowedEncoders(choice), PixelFormat{}, queue, std::make_shared<AsioDispatch>(),
+        PicturePool::make(), [driver = driver](auto&&... all) { return driver->open(all...); });
     onQueue([&] { encoders->prepare(tried, take); });
   }
   void onQueue(const Work& call) {
@@ -176,7 +176,7 @@ TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst)
     const auto dispatch = std::make_shared<FakeDispatch>(now);
     const auto queue = std::make_shared<ManualQueue>(now);
     const auto encoders = std::make_shared<SystemEncoders>(
-        parseAllowedEncoders("software"), queue, dispatch, PicturePool::make(),
+        parseAllowedEncoders("software"), PixelFormat{}, queue, dispatch, PicturePool::make(),
         [&](auto&&... all) {
           ++opened;
           return Driver().open(all...);

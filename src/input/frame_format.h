@@ -1,0 +1,41 @@
+#pragma once
+
+// What a parent's frames are: said once a run, in TAVO_FRAME_FORMAT. Pure.
+
+#include <optional>
+#include <string>
+
+#include "platform/frame_decoder.h"
+
+namespace lumora {
+
+struct FrameFormat {
+  FrameEncoding encoding = FrameEncoding::rgba;
+  bool topFirst = false;  // whether the top row is first
+  // What the sessions get: the picture in the record or, if no session takes this encoding, the
+  // decoded one.
+  PixelFormat pixels = {};
+
+  bool operator==(const FrameFormat&) const = default;
+};
+
+// The format that a list of words describes, for example "nv12,top,bt709,limited". Empty for any
+// other text.
+std::optional<FrameFormat> parseFrameFormat(const std::string& text);
+
+// Whether the picture has to be decoded or unpacked before a session takes it.
+bool needsDecoding(FrameEncoding encoding);
+
+// Whether the length of a picture varies.
+bool isCompressed(FrameEncoding encoding);
+
+// Bytes of a picture whose length does not vary.
+std::uint64_t uncompressedBytes(FrameEncoding encoding, PictureSize size);
+
+// Bytes of a reference to a picture in shared memory.
+std::uint64_t referenceBytes(FrameEncoding encoding);
+
+// Whether a picture of this size may take so many bytes.
+bool isPictureLength(FrameEncoding encoding, PictureSize size, std::uint64_t bytes);
+
+}  // namespace lumora

@@ -1,0 +1,147 @@
+#include "picture/jpeg.h"
+
+// jpeglib.h needs this first.
+#include <cstdio>
+
+#include <jerror.h>
+#include <jpeglib.h>
+#include <libyuv.h>
+
+#include <algorithm>
+#include <array>
+#include <csetjmp>
+#include <vector>
+
+namespace lumora {
+namespace {
+
+constexpr int components = 3;
+// A progressive picture may have many tiny scans, each of which costs a whole picture's time.
+constexpr int mostScans = 64;
+
+using Planes = std::array<Plane, components>;
+
+}  // namespace
+
+// libjpeg reports an error by calling a function that must not return, so that function jumps back.
+// No object with a destructor lives between the two places.
+class JpegDecoder::Library {
+ public:
+  Library() {
+    state_.err = jpeg_std_error(&errors_.base);
+    errors_.base.error_exit = [](j_common_ptr state) { giveUp(state); };
+    errors_.base.emit_message = warn;
+    errors_.base.output_message = [](j_common_ptr) {};
+    if (setjmp(errors_.back) != 0) throw std::bad_alloc();
+    jpeg_create_decompress(&state_);
+    progress_.progress_monitor = limitScans;
+    state_.progress = &progress_;
+  }
+  ~Library() { jpeg_destroy_decompress(&state_); }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  // Whether this is a picture of `size` that can be decoded.
+  bool readHeader(ByteView jpeg, PictureSize size) {
+    if (setjmp(errors_.back) != 0) return false;
+    jpeg_abort_decompress(&state_);
+    jpeg_mem_src(&state_, jpeg.data(), jpeg.size());
+    jpeg_read_header(&state_, TRUE);
+    return state_.image_width == size.width && state_.image_height == size.height &&
+           state_.num_components == components && state_.jpeg_color_space == JCS_YCbCr &&
+           hasUsableChroma();
+  }
+
+  bool hasFullChromaHeight() const { return luma().v_samp_factor == chroma(1).v_samp_factor; }
+
+  // `spare` has room for a row.
+  bool readPlanes(const Planes& planes, std::uint8_t* spare) {
+    if (setjmp(errors_.back) != 0) return false;
+    state_.raw_data_out = TRUE;
+    state_.do_fancy_upsampling = FALSE;
+    state_.out_color_space = JCS_YCbCr;
+    jpeg_start_decompress(&state_);
+    while (state_.output_scanline < state_.output_height) readRows(planes, spare);
+    return true;
+  }
+
+ private:
+  struct Errors {
+    jpeg_error_mgr base;
+    std::jmp_buf back;
+  };
+
+  [[noreturn]] static void giveUp(j_common_ptr state) {
+    std::longjmp(reinterpret_cast<Errors*>(state->err)->back, 1);
+  }
+
+  // A level below 0 is a warning. Most mean that a part of the picture is lost.
+  static void warn(j_common_ptr state, int level) {
+    const int code = state->err->msg_code;
+    // Cameras send bytes between the last block and the end, and odd version numbers.
+    const bool isHarmless = code == JWRN_EXTRANEOUS_DATA || code == JWRN_JFIF_MAJOR;
+    if (level < 0 && !isHarmless) giveUp(state);
+  }
+
+  static void limitScans(j_common_ptr state) {
+    if (reinterpret_cast<j_decompress_ptr>(state)->input_scan_number > mostScans) giveUp(state);
+  }
+
+  const jpeg_component_info& luma() const { return state_.comp_info[0]; }
+  const jpeg_component_info& chroma(int i) const { return state_.comp_info[i]; }
+
+  bool hasUsableChroma() const {
+    const auto& [u, v] = std::tie(chroma(1), chroma(2));
+    return u.h_samp_factor == v.h_samp_factor && u.v_samp_factor == v.v_samp_factor &&
+           luma().h_samp_factor == 2 * u.h_samp_factor &&
+           (luma().v_samp_factor == u.v_samp_factor || luma().v_samp_factor == 2 * u.v_samp_factor);
+  }
+
+  // Reads one row of blocks of each component. Rows below the picture go to `spare`.
+  void readRows(const Planes& planes, std::uint8_t* spare) {
+    constexpr std::size_t mostRows = MAX_SAMP_FACTOR * DCTSIZE;
+    JSAMPROW rows[components][mostRows];
+    JSAMPARRAY image[components];
+    const auto blockRow = state_.output_scanline / state_.max_v_samp_factor;
+    for (int i = 0; i < components; ++i) {
+      const jpeg_component_info& component = chroma(i);
+      const auto first = blockRow * static_cast<JDIMENSION>(component.v_samp_factor);
+      const auto count = static_cast<JDIMENSION>(component.v_samp_factor * DCTSIZE);
+      for (JDIMENSION row = 0; row < count; ++row) {
+        const bool isInside = first + row < component.downsampled_height;
+        rows[i][row] = isInside ? planes[i].samples + (first + row) * planes[i].stride : spare;
+      }
+      image[i] = rows[i];
+    }
+    jpeg_read_raw_data(&state_, image, static_cast<JDIMENSION>(state_.max_v_samp_factor * DCTSIZE));
+  }
+
+  jpeg_decompress_struct state_{};
+  Errors errors_{};
+  jpeg_progress_mgr progress_{};
+};
+
+JpegDecoder::JpegDecoder() : library_(std::make_unique<Library>()) {}
+JpegDecoder::~JpegDecoder() = default;
+
+bool JpegDecoder::decode(ByteView jpeg, const Picture& picture) {
+  if (!library_->readHeader(jpeg, picture.size)) return false;
+  const auto& [y, u, v] = picture.planes;
+  std::vector<std::uint8_t> spare(static_cast<std::size_t>(y.stride));
+  if (!library_->hasFullChromaHeight()) return library_->readPlanes(picture.planes, spare.data());
+  const std::int64_t height = picture.size.height;
+  std::vector<std::uint8_t> chroma(static_cast<std::size_t>(2 * u.stride * height));
+  const Plane fullU{chroma.data(), u.stride};
+  const Plane fullV{chroma.data() + u.stride * height, v.stride};
+  if (!library_->readPlanes({y, fullU, fullV}, spare.data())) return false;
+  for (const auto& [from, to] : {std::pair{fullU, u}, std::pair{fullV, v}}) {
+    const auto stride = static_cast<int>(from.stride);
+    const auto columns = static_cast<int>(picture.size.width / 2);
+    const auto rows = static_cast<int>(height);
+    libyuv::ScalePlane(from.samples, stride, columns, rows, to.samples, stride, columns, rows / 2,
+                       libyuv::kFilterBox);
+  }
+  return true;
+}
+
+}  // namespace lumora

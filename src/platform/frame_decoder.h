@@ -1,0 +1,29 @@
+#pragma once
+
+// Frames whose encoding no session takes, for example JPEG, and what becomes of them.
+
+#include <memory>
+
+#include "base/bytes.h"
+#include "platform/image.h"
+
+namespace lumora {
+
+// How a frame record holds its picture. docs/protocol.md describes each.
+enum class FrameEncoding { rgba, bgra, rgb24, bgr24, nv12, nv21, i420, yuyv, uyvy, mjpeg };
+
+class FrameDecoder {
+ public:
+  virtual ~FrameDecoder() = default;
+  // The picture of a record, with its rows in the record's order, in memory of its own. The caller
+  // has checked the record's length. Null memory if the record is not a whole picture of this
+  // format and size. Throws std::bad_alloc. Reader thread.
+  struct Decoded {
+    std::shared_ptr<const std::uint8_t[]> memory;
+    PictureView picture;
+  };
+  virtual Decoded decode(FrameEncoding encoding, const PixelFormat& format, PictureSize size,
+                         ByteView record) = 0;
+};
+
+}  // namespace lumora
