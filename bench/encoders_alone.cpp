@@ -36,7 +36,7 @@ class Encoder {
     if (codec == nullptr) throw std::runtime_error("libavcodec has no libx264");
     context_.reset(avcodec_alloc_context3(codec));
     context_->pix_fmt = AV_PIX_FMT_YUV420P;
-    if (tune(*context_, load.preset, load.settings) < 0 ||
+    if (tune(*context_, load.preset, ColourMatrix::bt709, load.settings) < 0 ||
         avcodec_open2(context_.get(), codec, nullptr) < 0) {
       throw std::runtime_error("libx264 can't be opened");
     }
