@@ -9,7 +9,8 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 8;  // preview and take need two each, some need two passes
-// Beyond this a kernel's weights are too small for the resampler's fixed point.
+// Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are right to a
+// level at every size.
 constexpr double largestReduction = 8;
 
 // The samples along one axis: `extent` are those of an area of pixels. `centre` is where a sample
