@@ -16,6 +16,7 @@
 #include <system_error>
 #include <thread>
 
+#include "client/frame_layout.h"
 #include "client/frame_slots.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
@@ -43,10 +44,12 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  merged.erase("TAVO_FRAME_MEMORY");  // ours names memory that our own parent shares with us
+  // Ours are about the frames that our own parent shares with us.
+  for (const char* name : {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT"}) merged.erase(name);
   for (const auto& [name, value] : options.environment) merged[name] = value;
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
   if (options.frameMemory >= 0) merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory);
+  if (!options.frameFormat.empty()) merged["TAVO_FRAME_FORMAT"] = options.frameFormat;
   std::vector<std::string> result;
   for (const auto& [name, value] : merged) result.push_back(name + "=" + value);
   return result;
@@ -146,17 +149,19 @@ ChildProcess::~ChildProcess() {
 }
 
 bool ChildProcess::writePixels(FrameSize size, std::uint64_t id,
-                               std::span<const std::uint8_t> rgba) {
-  const RecordHeaderBytes header = frameHeader(size, id);
-  return input_.isOpen() && writeAll(input_.get(), {part(header), part(rgba)});
+                               std::span<const std::uint8_t> picture) {
+  const RecordHeaderBytes header = frameHeader(size, id, picture.size());
+  return input_.isOpen() && writeAll(input_.get(), {part(header), part(picture)});
 }
 
 bool ChildProcess::writeFrame(const Frame& frame, std::uint64_t id) {
   Frame::Loan& slot = *frame.loan_;
   // The frame may lie in memory that is shared with another helper.
   const bool isShared = frameMemory_ >= 0 && slot.from().descriptor() == frameMemory_;
-  if (!isShared) return writePixels(frame.size(), id, frame.pixels());
-  if (!writeBytes(frameReference(frame.size(), id, slot.offset()))) return false;
+  if (!isShared) return writePixels(frame.size(), id, frame.pixels().first(frame.length_));
+  std::optional<std::uint64_t> length;
+  if (layoutOf(frame.format().encoding).isCompressed()) length = frame.length_;
+  if (!writeBytes(frameReference(frame.size(), id, slot.offset(), length))) return false;
   slot.markPublished(id);
   return true;
 }

@@ -23,7 +23,8 @@ struct LaunchOptions {
   std::string token;                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is set
   std::vector<std::string> arguments;  // "--port", "0", ...
   std::map<std::string, std::string> environment;  // added to our own
-  int frameMemory = -1;  // descriptor of memory shared with the child; -1: none
+  int frameMemory = -1;          // descriptor of memory shared with the child; -1: none
+  std::string frameFormat = {};  // empty: none is set
 };
 
 // A random token for one run.
@@ -40,8 +41,8 @@ class ChildProcess {
 
   // A write blocks until the child has taken all bytes. It returns false when the child has closed
   // its input, and then also raises SIGPIPE on the calling thread.
-  bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
-  // Writes only the place of the pixels when they lie in the memory shared with the child.
+  bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
+  // Writes only the place of the picture when it lies in the memory shared with the child.
   bool writeFrame(const Frame& frame, std::uint64_t id);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }

@@ -19,6 +19,7 @@ Feeder::~Feeder() {
 
 void Feeder::write(Frame frame, std::uint64_t id) {
   if (!frame.loan_) throw std::invalid_argument("this frame was already published");
+  if (frame.length_ == 0) throw std::invalid_argument("the length of the picture was not set");
   std::list<Entry> entry;
   entry.push_back({std::move(frame), id, {}});
   const std::lock_guard hold(mutex_);

@@ -25,7 +25,8 @@ class Feeder {
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
 
-  // Throws std::invalid_argument for a used frame, and for an id that is not above the last.
+  // Throws std::invalid_argument for a used frame, one without a length, and for an id that is not
+  // above the last.
   void write(Frame frame, std::uint64_t id);
   // False when the input has been closed.
   bool write(std::string commandRecord);

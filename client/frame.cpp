@@ -1,8 +1,10 @@
 #include <lumora/frame.h>
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
+#include "client/frame_layout.h"
 #include "client/frame_slots.h"
 
 namespace lumora::client {
@@ -18,14 +20,58 @@ void flipRows(std::span<std::uint8_t> rgba, FrameSize size) {
   }
 }
 
-Frame::Frame(FrameSize size, std::unique_ptr<Loan> loan) : size_(size), loan_(std::move(loan)) {}
+Frame::Frame(FrameFormat format, FrameSize size, std::unique_ptr<Loan> loan)
+    : format_(format),
+      size_(size),
+      length_(layoutOf(format.encoding).isCompressed() ? 0 : format.bytes(size)),
+      loan_(std::move(loan)) {}
 Frame::~Frame() = default;
 Frame::Frame(Frame&& other) noexcept = default;
 Frame& Frame::operator=(Frame&& other) noexcept = default;
 
 std::span<std::uint8_t> Frame::pixels() const {
   if (!loan_) return {};
-  return {loan_->pixels(), size_.bytes()};
+  return {loan_->pixels(), format_.bytes(size_)};
+}
+
+std::vector<FramePlane> Frame::planes() const {
+  const auto all = pixels();
+  if (all.empty()) return {};
+  const FrameLayout& layout = layoutOf(format_.encoding);
+  if (layout.isCompressed()) return {{all.data(), std::ssize(all), 1, all.size()}};
+  std::vector<FramePlane> planes;
+  std::uint8_t* next = all.data();
+  for (const PlaneLayout& each : layout.planes) {
+    const auto stride = static_cast<std::ptrdiff_t>(each.rowBytes(size_));
+    planes.push_back({next, stride, each.rowCount(size_), each.rowBytes(size_)});
+    next += stride * each.rowCount(size_);
+  }
+  return planes;
+}
+
+void Frame::setLength(std::size_t bytes) {
+  const std::size_t most = pixels().size();
+  const std::size_t least = layoutOf(format_.encoding).isCompressed() ? leastCompressedBytes : most;
+  if (!loan_ || bytes < least || bytes > most)
+    throw std::invalid_argument("the picture does not fit the frame");
+  length_ = bytes;
+}
+
+void Frame::copyFrom(std::span<const SourcePlane> picture) {
+  const auto mine = planes();
+  if (layoutOf(format_.encoding).isCompressed() || picture.size() != mine.size() || mine.empty())
+    throw std::invalid_argument("the planes do not fit the frame");
+  for (std::size_t i = 0; i < mine.size(); ++i) {
+    const auto& [to, stride, rows, rowBytes] = mine[i];
+    for (int row = 0; row < rows; ++row)
+      std::memcpy(to + row * stride, picture[i].samples + row * picture[i].stride, rowBytes);
+  }
+}
+
+void Frame::copyFrom(std::span<const std::uint8_t> picture) {
+  setLength(picture.size());
+  // As one block: a copy over ranges takes each byte by itself.
+  std::memcpy(pixels().data(), picture.data(), picture.size());
 }
 
 }  // namespace lumora::client

@@ -48,27 +48,27 @@ std::atomic_ref<std::uint64_t> releaseWord(std::uint8_t* memory) {
 
 std::uint64_t Frame::Loan::offset() const { return offsetOf(slot_); }
 
-std::shared_ptr<FrameSlots> FrameSlots::makeShared() {
+std::shared_ptr<FrameSlots> FrameSlots::makeShared(FrameFormat format) {
   Descriptor descriptor = makeSealedMemory();
-  return descriptor.isOpen() ? make(std::move(descriptor)) : nullptr;
+  return descriptor.isOpen() ? make(format, std::move(descriptor)) : nullptr;
 }
 
-std::shared_ptr<FrameSlots> FrameSlots::makePrivate() {
-  auto made = make({});
+std::shared_ptr<FrameSlots> FrameSlots::makePrivate(FrameFormat format) {
+  auto made = make(format, {});
   if (!made) throw std::bad_alloc();
   return made;
 }
 
-std::shared_ptr<FrameSlots> FrameSlots::make(Descriptor descriptor) {
+std::shared_ptr<FrameSlots> FrameSlots::make(FrameFormat format, Descriptor descriptor) {
   const int kind = descriptor.isOpen() ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS;
   void* memory = mmap(nullptr, memoryBytes, PROT_READ | PROT_WRITE, kind, descriptor.get(), 0);
   if (memory == MAP_FAILED) return nullptr;
   return std::shared_ptr<FrameSlots>(
-      new FrameSlots(std::move(descriptor), static_cast<std::uint8_t*>(memory)));
+      new FrameSlots(format, std::move(descriptor), static_cast<std::uint8_t*>(memory)));
 }
 
-FrameSlots::FrameSlots(Descriptor descriptor, std::uint8_t* memory)
-    : descriptor_(std::move(descriptor)), memory_(memory) {
+FrameSlots::FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory)
+    : format_(format), descriptor_(std::move(descriptor)), memory_(memory) {
   releaseWord(memory_).store(neverReleased, std::memory_order_relaxed);
 }
 
@@ -79,11 +79,12 @@ std::uint64_t FrameSlots::released() const {
 }
 
 void FrameSlots::prepare(FrameSize size) {
+  const std::size_t bytes = format_.bytes(size);
   const std::lock_guard hold(mutex_);
   for (int slot = 0; slot < count; ++slot) {
-    reserve(slot, size.bytes());
+    reserve(slot, bytes);
     std::uint8_t* const pixels = memory_ + offsetOf(slot);
-    for (std::size_t at = 0; at < size.bytes(); at += pageBytes) pixels[at] = 0;
+    for (std::size_t at = 0; at < bytes; at += pageBytes) pixels[at] = 0;
   }
 }
 
@@ -93,8 +94,8 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   for (int i = 0; i < count; ++i) {
     Slot& slot = slots_[static_cast<std::size_t>(i)];
     if (slot.isLent || slot.publishedAs > latest) continue;
-    reserve(i, size.bytes());
-    Frame frame(size, std::make_unique<Frame::Loan>(shared_from_this(), i));
+    reserve(i, format_.bytes(size));
+    Frame frame(format_, size, std::make_unique<Frame::Loan>(shared_from_this(), i));
     slot.isLent = true;
     return frame;
   }

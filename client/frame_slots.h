@@ -23,13 +23,14 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
 
   // Slots in memory that a helper can share; null where the system can't seal memory against
   // shrinking.
-  static std::shared_ptr<FrameSlots> makeShared();
+  static std::shared_ptr<FrameSlots> makeShared(FrameFormat format = {});
   // Slots in private memory. Throws std::bad_alloc.
-  static std::shared_ptr<FrameSlots> makePrivate();
+  static std::shared_ptr<FrameSlots> makePrivate(FrameFormat format = {});
   ~FrameSlots();
   FrameSlots(const FrameSlots&) = delete;
   FrameSlots& operator=(const FrameSlots&) = delete;
 
+  const FrameFormat& format() const { return format_; }
   // The descriptor that the helper inherits; -1: the memory is private.
   int descriptor() const { return descriptor_.get(); }
   // Whether the helper uses the memory, once it is ready. An older helper does not know of it.
@@ -50,12 +51,13 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
     std::uint64_t publishedAs = 0;  // id of the frame that the helper reads there; 0: none
   };
 
-  FrameSlots(Descriptor descriptor, std::uint8_t* memory);
-  static std::shared_ptr<FrameSlots> make(Descriptor descriptor);
+  FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory);
+  static std::shared_ptr<FrameSlots> make(FrameFormat format, Descriptor descriptor);
   std::uint64_t released() const;
   void reserve(int slot, std::size_t bytes);
   void giveBack(int slot, std::uint64_t publishedAs);
 
+  const FrameFormat format_;
   const Descriptor descriptor_;
   std::uint8_t* const memory_;
   std::mutex mutex_;  // guards the slots

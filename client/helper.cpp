@@ -5,13 +5,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
-#include <cstring>
 #include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include "client/feeder.h"
+#include "client/frame_layout.h"
 #include "client/frame_slots.h"
 #include "client/program.h"
 #include "client/quiet_thread.h"
@@ -36,9 +36,15 @@ void check(FrameSize size) {
     throw std::invalid_argument("the sides of a frame must be even, at most 1920 and 1080");
 }
 
-std::shared_ptr<FrameSlots> makeSlots(FrameTransport frames) {
-  auto shared = frames == FrameTransport::memory ? FrameSlots::makeShared() : nullptr;
-  return shared ? shared : FrameSlots::makePrivate();
+void check(const FrameFormat& format) {
+  if ((format.matrix || format.range) && !layoutOf(format.encoding).hasMatrix)
+    throw std::invalid_argument("this encoding has no choice of matrix and range");
+}
+
+std::shared_ptr<FrameSlots> makeSlots(const HelperOptions& options) {
+  const FrameFormat format = options.format.value_or(FrameFormat{});
+  auto shared = options.frames == FrameTransport::memory ? FrameSlots::makeShared(format) : nullptr;
+  return shared ? shared : FrameSlots::makePrivate(format);
 }
 
 std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token,
@@ -46,7 +52,8 @@ std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::st
   const std::string program = findProgram(options.program);
   try {
     return std::make_shared<ChildProcess>(
-        LaunchOptions{program, token, options.arguments, options.environment, frameMemory});
+        LaunchOptions{program, token, options.arguments, options.environment, frameMemory,
+                      options.format ? options.format->text() : ""});
   } catch (const std::system_error& error) {
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }
@@ -79,13 +86,14 @@ class Helper::Impl {
  public:
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
-        slots_(makeSlots(options.frames)),
+        slots_(makeSlots(options)),
         process_(launch(options, token_, slots_->descriptor())),
         ready_(prepareAndAwaitReady(options.frameSize)),
         onEvent_(std::move(onEvent)),
         feeder_(std::make_shared<Feeder>(process_)) {
     if (slots_->descriptor() >= 0 && !slots_->isShared()) {
-      slots_ = FrameSlots::makePrivate();  // an older helper, which reads its pipe only
+      // An older helper, which reads its pipe only.
+      slots_ = FrameSlots::makePrivate(slots_->format());
     }
   }
 
@@ -226,6 +234,7 @@ class Helper::Impl {
 
 Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (options.frameSize) check(*options.frameSize);
+  if (options.format) check(*options.format);
   impl_ = std::make_unique<Impl>(options, std::move(onEvent));
   impl_->begin();  // the handler may call us, so `impl_` is set before
 }
@@ -242,13 +251,10 @@ Take Helper::startTake(const TakeOptions& options) { return impl_->startTake(opt
 std::optional<Exited> Helper::exited() const { return impl_->exited(); }
 Exited Helper::stop() { return impl_->stop(); }
 
-bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba) {
-  if (rgba.size() != size.bytes())
-    throw std::invalid_argument("the pixels do not fit the frame size");
+bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture) {
   auto frame = acquireFrame(size);
   if (!frame) return false;
-  // As one block: a copy over ranges takes each byte by itself.
-  std::memcpy(frame->pixels().data(), rgba.data(), rgba.size());
+  frame->copyFrom(picture);
   publish(*std::move(frame), id);
   return true;
 }

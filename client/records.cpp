@@ -1,7 +1,5 @@
 #include "client/records.h"
 
-#include <algorithm>
-
 #include "client/big_endian.h"
 
 namespace lumora::client {
@@ -17,18 +15,17 @@ RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::u
   return header;
 }
 
-RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
-  return recordHeader(static_cast<std::uint32_t>(size.bytes()),
-                      static_cast<std::uint16_t>(size.width),
+RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length) {
+  return recordHeader(static_cast<std::uint32_t>(length), static_cast<std::uint16_t>(size.width),
                       static_cast<std::uint16_t>(size.height), id);
 }
 
-ReferenceBytes frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset) {
-  const auto header = recordHeader(8, static_cast<std::uint16_t>(size.width),
-                                   static_cast<std::uint16_t>(size.height), id);
-  ReferenceBytes record{};
-  std::ranges::copy(header, record.begin());
-  storeBigEndian(std::span(record).last(8), offset);
+std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset,
+                                         std::optional<std::uint64_t> length) {
+  const auto header = frameHeader(size, id, length ? 16 : 8);
+  std::vector<std::uint8_t> record(header.begin(), header.end());
+  appendBigEndian(record, offset, 8);
+  if (length) appendBigEndian(record, *length, 8);
   return record;
 }
 

@@ -7,7 +7,9 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace lumora::client {
 
@@ -18,13 +20,16 @@ using RecordHeaderBytes = std::array<std::uint8_t, 16>;
 RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
                                std::uint64_t id);
 
-// The header in front of width × height RGBA pixels, the bottom row of the picture first. Ids
-// start above 0 and grow.
-RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id);
+// The header in front of a picture of this length, or of RGBA pixels. Ids start above 0 and grow.
+RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length);
+inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
+  return frameHeader(size, id, size.bytes());
+}
 
-// The whole record of a frame whose pixels lie at `offset` of the memory shared with the helper.
-using ReferenceBytes = std::array<std::uint8_t, 24>;
-ReferenceBytes frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset);
+// The whole record of a frame whose picture lies at `offset` of the memory shared with the helper.
+// A compressed one tells its length.
+std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset,
+                                         std::optional<std::uint64_t> length = std::nullopt);
 
 // The whole record of a command, whose JSON text has 1 to `maximumCommandBytes` bytes.
 std::string commandRecord(const std::string& json);

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <fstream>
+#include <iterator>
 
 #include "tests/e2e/helper_fixture.h"
 
@@ -19,6 +21,23 @@ using client::TakeState;
 
 constexpr FrameSize small{320, 240};
 
+// A picture by ffmpeg, one colour above another, and where they are.
+const std::vector<Spot> halves = {{0.5, 0.25, {200, 80, 40}}, {0.5, 0.75, {40, 80, 200}}};
+const std::string asNV12 =
+    "-vf scale=out_color_matrix=bt601:out_range=limited -pix_fmt nv12 -f rawvideo ";
+const std::string asYUYV =
+    "-vf scale=out_color_matrix=bt709:out_range=full -pix_fmt yuyv422 -f rawvideo ";
+const std::string asJPEG =
+    "-vf scale=out_color_matrix=bt601:out_range=full -pix_fmt yuvj420p -q:v 2 -f mjpeg ";
+
+void writeHalves(const std::filesystem::path& file, FrameSize size, const std::string& as) {
+  const std::string half =
+      ":s=" + std::to_string(size.width) + "x" + std::to_string(size.height / 2) + ",format=rgb24";
+  EXPECT_EQ(outputOf("ffmpeg -v error -f lavfi -i \"color=0xC85028" + half + "[a];color=0x2850C8" +
+                     half + "[b];[a][b]vstack\" -frames:v 1 " + as + file.string()),
+            "");
+}
+
 struct Client : HelperTest {
   client::HelperOptions options() const {
     return {.program = helperProgram(), .token = token, .frames = transport};
@@ -28,9 +47,11 @@ struct Client : HelperTest {
   }
   // At about 60 frames a second.
   void feed(client::Helper& camera, int frames, Rgb colour = {200, 10, 10}) {
-    const Pixels pixels = plain(small, colour);
+    feed(camera, frames, small, plain(small, colour));
+  }
+  void feed(client::Helper& camera, int frames, FrameSize size, const Pixels& picture) {
     for (int i = 0; i < frames; ++i) {
-      camera.writeFrame(small, ++lastID, pixels);
+      camera.writeFrame(size, ++lastID, picture);
       std::this_thread::sleep_for(std::chrono::milliseconds(16));
     }
   }
@@ -193,6 +214,28 @@ TEST_F(Client, MemoryForFramesOfAKnownSizeIsThereBeforeThem) {
   EXPECT_EQ(all.size(), 4u);
 }
 
+TEST_F(Client, RecordsPicturesAsACameraMakesThem) {
+  const FrameSize size{640, 480};
+  const client::FrameFormat nv12{client::FrameEncoding::nv12}, jpeg{client::FrameEncoding::mjpeg};
+  for (const auto& [format, as] : {std::pair{nv12, asNV12}, {jpeg, asJPEG}}) {
+    SCOPED_TRACE(format.text());
+    const std::filesystem::path picture = folder / format.text();
+    writeHalves(picture, size, as);
+    std::ifstream file(picture, std::ios::binary);
+    const Pixels bytes(std::istreambuf_iterator<char>(file), {});
+    path = picture.string() + ".mp4";
+    client::HelperOptions asked = options();
+    asked.format = format;
+    client::Helper camera(asked);
+    Take take = startTake(camera);
+    feed(camera, 30, size, bytes);
+    take.stop();
+    EXPECT_EQ(take.waitForEnd(20)->state, TakeState::saved);
+    EXPECT_GT(countFrames(path), 10);
+    expectColours(path, {640, 360}, halves);
+  }
+}
+
 TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   client::HelperOptions odd = options();
   odd.frameSize = FrameSize{321, 240};
@@ -215,6 +258,30 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   Pixels one(4);
   EXPECT_THROW(client::flipRows(one, small), std::invalid_argument);
   EXPECT_EQ(camera.stop().status, 0);
+}
+
+using CameraExample = HelperTest;
+
+// With a stand-in for the camera: tests/faults/camera.cpp.
+TEST_F(CameraExample, RecordsWhatEachKindOfCameraShows) {
+  for (const auto& [name, as] :
+       {std::pair{"a.nv12", asNV12}, {"a.yuyv", asYUYV}, {"a.jpg", asJPEG}}) {
+    SCOPED_TRACE(name);
+    writeHalves(folder / name, small, as);
+    path = folder / "take.mp4";
+    std::filesystem::remove(path);
+    const std::string said = outputOf("CAMERA=" + (folder / name).string() +
+                                      " LUMORA_VIDEO_PATH=" + tools::shellQuoted(helperProgram()) +
+                                      " " + LUMORA_V4L2 + " /dev/camera " + folder.string() + " 1");
+    EXPECT_THAT(said, testing::MatchesRegex(path + ": [0-9.]* s \n"));
+    ASSERT_GT(countFrames(path), 10);
+    expectColours(path, {1080, 720}, halves);
+    // No picture of the take was a broken one.
+    const std::string greys = outputOf("ffmpeg -v error -nostdin -i " + path +
+                                       " -vf crop=2:2:540:180 -f rawvideo -pix_fmt gray -");
+    const auto [darkest, brightest] = std::ranges::minmax(greys);
+    EXPECT_LE(brightest - darkest, 6);
+  }
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <lumora/helper.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <numeric>
 
 #include "client/feeder.h"
 #include "client/frame_slots.h"
@@ -30,6 +32,112 @@ TEST(Feeder, AFrameBehindTheEndIsDroppedAndNotTheOneThatWaits) {
   }
   EXPECT_EQ(counter->nextLine(20), std::to_string(command.size() + 16 + size.bytes()));
   EXPECT_TRUE(counter->wait(20).value().isClean());
+}
+
+using Bytes = std::vector<std::uint8_t>;
+constexpr FrameFormat jpeg{.encoding = FrameEncoding::mjpeg};
+
+TEST(FrameFormat, HasTheWordsAndTheLengthThatTheHelperExpects) {
+  using enum FrameEncoding;
+  const FrameSize size{64, 36};
+  const std::tuple<FrameFormat, std::string, std::size_t> cases[] = {
+      {{}, "rgba", 9216},
+      {{bgra, FirstRow::top}, "bgra,top", 9216},
+      {{rgb24, FirstRow::bottom}, "rgb24,bottom", 6912},
+      {{bgr24}, "bgr24", 6912},
+      {{nv12, {}, ColourMatrix::bt709}, "nv12,bt709", 3456},
+      {{nv21, {}, {}, ColourRange::limited}, "nv21,limited", 3456},
+      {{i420, FirstRow::top, ColourMatrix::bt601, ColourRange::full}, "i420,top,bt601,full", 3456},
+      {{yuyv}, "yuyv", 4608},
+      {{uyvy}, "uyvy", 4608},
+      {jpeg, "mjpeg", 65536}};
+  for (const auto& [format, text, bytes] : cases) {
+    EXPECT_EQ(format.text(), text);
+    EXPECT_EQ(format.bytes(size), bytes) << text;
+    EXPECT_LE(format.bytes({1920, 1080}), FrameSize({1920, 1080}).bytes()) << text;  // a slot
+  }
+  EXPECT_EQ(jpeg.bytes({1920, 1080}), 1920u * 1080 * 2);
+  for (const auto encoding : {rgba, bgr24, mjpeg}) {
+    const FrameFormat matrix{.encoding = encoding, .matrix = ColourMatrix::bt709};
+    EXPECT_THROW(const Helper unwanted({.format = matrix}), std::invalid_argument);
+    const FrameFormat range{.encoding = encoding, .range = ColourRange::full};
+    EXPECT_THROW(const Helper unwanted({.format = range}), std::invalid_argument);
+  }
+}
+
+TEST(FrameFormat, OfAChildIsNotThatOfItsParent) {
+  setenv("TAVO_FRAME_FORMAT", "nv12", 1);
+  for (const std::string format : {"", "i420,top"}) {
+    ChildProcess child({"/bin/sh", "", {"-c", "echo \"($TAVO_FRAME_FORMAT)\""}, {}, -1, format});
+    EXPECT_EQ(child.nextLine(20), "(" + format + ")");
+  }
+  unsetenv("TAVO_FRAME_FORMAT");
+}
+
+TEST(Frame, TakesPlanesOfAnyStride) {
+  using Plane = std::pair<std::size_t, int>;  // bytes of a row, rows
+  const std::pair<FrameEncoding, std::vector<Plane>> cases[] = {
+      {FrameEncoding::nv12, {{6, 4}, {6, 2}}},
+      {FrameEncoding::i420, {{6, 4}, {3, 2}, {3, 2}}},
+      {FrameEncoding::yuyv, {{12, 4}}}};
+  for (const auto& [encoding, planes] : cases) {
+    Frame frame = FrameSlots::makePrivate({encoding})->acquire({6, 4}).value();
+    Bytes tight(frame.pixels().size());
+    std::iota(tight.begin(), tight.end(), std::uint8_t{1});
+    std::vector<Bytes> padded;
+    std::vector<SourcePlane> source;
+    for (auto next = tight.begin(); const auto& [rowBytes, rows] : planes) {
+      Bytes& plane = padded.emplace_back();
+      for (int row = 0; row < rows; ++row, next += static_cast<std::ptrdiff_t>(rowBytes)) {
+        plane.insert(plane.end(), next, next + static_cast<std::ptrdiff_t>(rowBytes));
+        plane.resize(plane.size() + 5);
+      }
+      source.push_back({plane.data(), static_cast<std::ptrdiff_t>(rowBytes) + 5});
+    }
+    frame.copyFrom(source);
+    EXPECT_EQ(Bytes(frame.pixels().begin(), frame.pixels().end()), tight);
+    std::vector<Plane> mine;
+    for (const FramePlane& plane : frame.planes()) mine.emplace_back(plane.rowBytes, plane.rows);
+    EXPECT_EQ(mine, planes);
+    EXPECT_THROW(frame.setLength(tight.size() - 1), std::invalid_argument);
+    source.push_back({});
+    EXPECT_THROW(frame.copyFrom(source), std::invalid_argument);
+  }
+}
+
+TEST(Frame, OfJPEGHasTheLengthThatItWasGiven) {
+  const auto slots = FrameSlots::makePrivate(jpeg);
+  const auto counter = std::make_shared<ChildProcess>(LaunchOptions{"wc", "", {"-c"}, {}});
+  Frame frame = slots->acquire({64, 36}).value();
+  EXPECT_EQ(frame.planes().at(0).rowBytes, 65536u);
+  for (const std::size_t bad : {0, 1, 65537})
+    EXPECT_THROW(frame.setLength(bad), std::invalid_argument);
+  EXPECT_THROW(frame.copyFrom(std::vector<SourcePlane>(1)), std::invalid_argument);
+  Feeder feeder(counter);
+  EXPECT_THROW(feeder.write(slots->acquire({64, 36}).value(), 1), std::invalid_argument);
+  frame.copyFrom(Bytes(1000, 7));
+  feeder.write(std::move(frame), 1);
+  feeder.end();
+  EXPECT_EQ(counter->nextLine(20), std::to_string(16 + 1000));
+}
+
+TEST(Records, ReferToAPictureByItsOffsetAndIfCompressedItsLength) {
+  EXPECT_EQ(frameReference({64, 36}, 7, 4096), (Bytes{0, 0, 0, 8, 0, 64, 0,  36,  //
+                                                      0, 0, 0, 0, 0, 0,  0,  7,   //
+                                                      0, 0, 0, 0, 0, 0,  16, 0}));
+  EXPECT_EQ(frameReference({64, 36}, 7, 4096, 258), (Bytes{0, 0, 0, 16, 0, 64, 0,  36,  //
+                                                           0, 0, 0, 0,  0, 0,  0,  7,   //
+                                                           0, 0, 0, 0,  0, 0,  16, 0,   //
+                                                           0, 0, 0, 0,  0, 0,  1,  2}));
+  for (const FrameFormat format : {FrameFormat{}, jpeg}) {
+    const auto slots = FrameSlots::makeShared(format);
+    ChildProcess counter({"wc", "", {"-c"}, {}, slots->descriptor()});
+    Frame frame = slots->acquire({64, 36}).value();
+    frame.setLength(9216);
+    EXPECT_TRUE(counter.writeFrame(frame, 1));
+    counter.closeInput();
+    EXPECT_EQ(counter.nextLine(20), format.encoding == jpeg.encoding ? "32" : "24");
+  }
 }
 
 }  // namespace

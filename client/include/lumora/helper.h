@@ -17,6 +17,7 @@
 #include <lumora/events.h>
 #include <lumora/export.h>
 #include <lumora/frame.h>
+#include <lumora/frame_format.h>
 #include <lumora/take.h>
 #include <lumora/uptime.h>
 
@@ -35,6 +36,7 @@ struct HelperOptions {
   // The size of the frames to come, if it is known: their memory is touched while the helper
   // starts, so that the first frames are not late. Frames of other sizes are taken as well.
   std::optional<FrameSize> frameSize = {};
+  std::optional<FrameFormat> format = {};  // of all frames; empty: RGBA, the bottom row first
 };
 
 // The helper could not be started, or did not become ready. The message is meant for people.
@@ -50,7 +52,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper and waits until it is ready. Throws StartError, or std::invalid_argument for an
-  // unsupported frame size.
+  // unsupported frame size, and for a matrix or range that does not fit the encoding.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops the helper.
   ~Helper();
@@ -68,11 +70,12 @@ class LUMORA_CLIENT_EXPORT Helper {
   // std::invalid_argument for an unsupported size.
   std::optional<Frame> acquireFrame(FrameSize size);
   // Hands a frame over. At most one waits; a newer one replaces it. Throws std::invalid_argument
-  // for an id that is not above the last one (see `frameID`), and for a frame that was published
-  // before.
+  // for an id that is not above the last one (see `frameID`), for a frame that was published
+  // before, and for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
-  // Publishes a copy of these pixels; false when every slot is busy and the frame was skipped.
-  bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> rgba);
+  // Publishes a copy of a picture, without padding; false when every slot is busy and it was
+  // skipped. Throws std::invalid_argument as `acquireFrame`, `Frame::setLength` and `publish`.
+  bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see

@@ -1,0 +1,36 @@
+#pragma once
+
+// What the encodings differ in. All that depends on an encoding asks here. Pure.
+
+#include <lumora/frame_format.h>
+
+#include <span>
+#include <string_view>
+
+namespace lumora::client {
+
+struct PlaneLayout {
+  std::size_t sampleBytes = 1;
+  int columns = 1;  // of pixels that share a sample
+  int rows = 1;     // the same
+
+  std::size_t rowBytes(FrameSize size) const {
+    return static_cast<std::size_t>(size.width / columns) * sampleBytes;
+  }
+  int rowCount(FrameSize size) const { return size.height / rows; }
+};
+
+struct FrameLayout {
+  std::string_view word;                     // in TAVO_FRAME_FORMAT
+  bool hasMatrix = false;                    // and a range
+  std::span<const PlaneLayout> planes = {};  // empty: compressed
+
+  // The length of a picture varies, so each frame has its own.
+  bool isCompressed() const { return planes.empty(); }
+};
+
+const FrameLayout& layoutOf(FrameEncoding encoding);
+
+constexpr std::size_t leastCompressedBytes = 2;
+
+}  // namespace lumora::client

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include <lumora/export.h>
+
+namespace lumora::client {
+
+struct FrameSize {
+  int width = 0;   // pixels, even
+  int height = 0;  // pixels, even
+  // Of an RGBA picture.
+  std::size_t bytes() const {
+    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
+  }
+  bool operator==(const FrameSize&) const = default;
+};
+
+// `nv12`, `nv21` and `i420` are 4:2:0 in planes, one after the other; `yuyv` and `uyvy` are 4:2:2.
+// `mjpeg` is one JPEG picture a frame, of the frame's size, 4:2:0 or 4:2:2.
+enum class FrameEncoding { rgba, bgra, rgb24, bgr24, nv12, nv21, i420, yuyv, uyvy, mjpeg };
+enum class FirstRow { top, bottom };
+enum class ColourMatrix { bt601, bt709 };
+enum class ColourRange { limited, full };
+
+// How the pictures of a run lie in memory, and what their samples mean.
+struct LUMORA_CLIENT_EXPORT FrameFormat {
+  FrameEncoding encoding = FrameEncoding::rgba;
+  std::optional<FirstRow> firstRow = {};    // empty: bottom for rgba and bgra, top for all others
+  std::optional<ColourMatrix> matrix = {};  // nv12 to uyvy only; empty: bt601
+  std::optional<ColourRange> range = {};    // nv12 to uyvy only; empty: limited
+
+  // The value of TAVO_FRAME_FORMAT.
+  std::string text() const;
+  // Of a picture, without padding; for mjpeg the most that one may have.
+  std::size_t bytes(FrameSize size) const;
+};
+
+}  // namespace lumora::client
