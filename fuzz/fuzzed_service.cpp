@@ -8,8 +8,12 @@ void require(bool held) {
   if (!held) std::abort();
 }
 
-FuzzedService::FuzzedService(std::shared_ptr<FrameMemory> frameMemory)
-    : probe({.token = "0123456789abcdef"}, std::move(frameMemory)) {
+FuzzedService::FuzzedService(std::shared_ptr<FrameMemory> frameMemory,
+                             const std::string& frameFormat)
+    : probe(options({},
+                    {{"TAVO_VIDEO_TOKEN", "0123456789abcdef"}, {"TAVO_FRAME_FORMAT", frameFormat}})
+                .value(),
+            std::move(frameMemory)) {
   probe.becomeReady();
   client = probe.connectClient();
 }

@@ -7,7 +7,8 @@ namespace lumora {
 // A service on fakes that goes on by itself: encoders answer, clients acknowledge, the disk is
 // quick.
 struct FuzzedService {
-  explicit FuzzedService(std::shared_ptr<FrameMemory> frameMemory = nullptr);
+  explicit FuzzedService(std::shared_ptr<FrameMemory> frameMemory = nullptr,
+                         const std::string& frameFormat = "rgba");
   ~FuzzedService();  // lets it end, and looks at what it has said and how it has ended
   FuzzedService(const FuzzedService&) = delete;
   FuzzedService& operator=(const FuzzedService&) = delete;

@@ -1,4 +1,4 @@
-// Fuzzes standard input, in reads of any size, with and without frame memory.
+// Fuzzes standard input, in reads of any size, with and without frame memory, in several formats.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -12,6 +12,9 @@ namespace {
 
 using namespace lumora;
 
+constexpr const char* formats[] = {"rgba",        "bgra,top",   "rgb24", "nv12,full",
+                                   "i420,bottom", "uyvy,bt709", "mjpeg"};
+
 client::Descriptor makeMemory(unsigned bytes, int seals) {
   client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   require(ftruncate(made.get(), bytes) == 0);
@@ -21,18 +24,19 @@ client::Descriptor makeMemory(unsigned bytes, int seals) {
 
 }  // namespace
 
-// The first byte gives the size of a read, the second the seals and the size of the memory. Memory
-// without F_SEAL_SHRINK shrinks by a page with every read.
+// The first byte gives the size of a read, the second the seals and the size of the memory, the
+// last the format of the frames. Memory without F_SEAL_SHRINK shrinks by a page with every read.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 2) return 0;
+  if (size < 3) return 0;
   constexpr int kinds[] = {F_SEAL_SHRINK, 0, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL,
                            F_SEAL_GROW};
   const int seals = kinds[data[1] % 4];
   unsigned bytes = data[1] / 4U * 4096 + data[1];  // below two pages: no frame memory
   const client::Descriptor memory = makeMemory(bytes, seals);
-  FuzzedService service(inheritFrameMemory(memory.get()));
+  FuzzedService service(inheritFrameMemory(memory.get()),
+                        formats[data[size - 1] % std::size(formats)]);
   service.probe.process->chunk = data[0] + 1U;
-  service.probe.process->input.assign(data + 2, data + size);
+  service.probe.process->input.assign(data + 2, data + size - 1);
   service.probe.process->beforeRead = [&] {
     service.step();
     if (seals != F_SEAL_GROW || bytes < 4096) return;
