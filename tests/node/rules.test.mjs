@@ -51,6 +51,16 @@ test('a format or a length that would end the helper is refused', async () => {
   }
 });
 
+test('a page names the format of a VideoFrame, unless the helper has none', async () => {
+  const { videoFrameFormat } = await inside('page');
+  for (const [format, matrix, fullRange, expected] of [
+    ['NV12', 'bt709', true, 'nv12,bt709,full'], ['NV12', null, null, 'nv12,bt601,limited'],
+    ['I420', 'smpte170m', false, 'i420,bt601,limited'], ['I420', 'bt470bg', true, 'i420,bt601,full'],
+    ['RGBA', 'rgb', true, 'rgba,top'], ['RGBX', null, null, 'rgba,top'], ['BGRA', 'rgb', true, 'bgra,top'],
+    ['BGRX', 'rgb', true, 'bgra,top'], ['NV12', 'bt2020-ncl', false], ['I422', 'bt709', false], [null, null, null],
+  ]) assert.equal(videoFrameFormat({ format, colorSpace: { matrix, fullRange } }), expected);
+});
+
 test('one frame is written, the newest waits, commands keep their place', async () => {
   const testFeeder = () => {
     const written = []; // one entry for each system call
