@@ -4,5 +4,6 @@ import { chromium } from 'playwright-core';
 export const launch = (executablePath) => chromium.launch({
   executablePath,
   args: ['--allow-file-access-from-files', '--disable-quic', '--disable-sync', '--use-gl=angle',
-    '--use-angle=swiftshader', '--enable-unsafe-swiftshader', '--ignore-gpu-blocklist'],
+    '--use-angle=swiftshader', '--enable-unsafe-swiftshader', '--ignore-gpu-blocklist',
+    '--use-fake-device-for-media-stream', '--use-fake-ui-for-media-stream'],
 });

@@ -9,9 +9,9 @@ import fs from 'node:fs';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { folder, inFolder } from '../parent.mjs';
 import { launch } from './browser.mjs';
+import { assertColours, colours, ffmpeg, showColours, streamOf, writeStripes } from './colours.mjs';
 
 const [helper, demo, browserPath] = process.argv.slice(2);
-const ffmpeg = (...all) => execFileSync('ffmpeg', ['-v', 'error', ...all], { maxBuffer: 1 << 24 });
 const record = (name, seconds, env) => execFileSync(demo, [helper, inFolder(name), seconds],
   { stdio: 'ignore', env: { ...process.env, ...env } });
 
@@ -47,22 +47,13 @@ const play = (page, name) => page.evaluate(async (source) => {
   return { width, height, duration, least: reds[0], most: reds.at(-1) };
 }, name);
 
-const colours = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 0, 255],
-  [255, 0, 0], [0, 0, 255], [0, 0, 0], [200, 30, 30], [90, 120, 200], [240, 128, 16], [128, 128, 128]];
-
 // Records vertical stripes of these colours.
 function recordColours() {
   const [still, input] = [inFolder('stripes.ppm'), inFolder('stripes.mkv')];
-  fs.writeFileSync(still, `P3 ${colours.length} 1 255 ${colours.flat().join(' ')}`);
+  writeStripes(still);
   ffmpeg('-loop', '1', '-t', '2', '-i', still, '-vf', 'scale=1920:1080:flags=neighbor',
     '-c:v', 'ffv1', '-pix_fmt', 'bgr0', input);
   record('colours', '2', { INPUT: input });
-}
-
-function assertColours(pixels, where) {
-  const worst = Math.max(...colours.flat().map((value, i) => Math.abs(value - pixels.flat()[i])));
-  assert.ok(worst <= 2, `${where}: ${JSON.stringify(pixels)}`);
-  console.log(`Colours come back within ${worst} through ${where}`);
 }
 
 // The colours in the middle of the stripes.
@@ -78,28 +69,6 @@ const usingTags = ['-sws_flags', exactly, '-pix_fmt', 'rgb24'];
 // As a decoder does that ignores the tags: it assumes BT.709.
 const ignoringTags = ['-vf', 'setparams=colorspace=unknown:range=unknown,' +
   `scale=in_color_matrix=bt709:in_range=limited:flags=${exactly},format=rgb24`];
-
-// The colours in the video element, or in the first picture of `stream`, as WebCodecs decodes it.
-const showColours = (page, { stream, codec } = {}) => page.evaluate(async ({ stream, codec, count }) => {
-  const read = (picture, width, height) => {
-    const context = new OffscreenCanvas(width, height).getContext('2d');
-    context.drawImage(picture, 0, 0);
-    return Array.from({ length: count }, (_, i) =>
-      [...context.getImageData((i + 0.5) * width / count, height / 2, 1, 1).data].slice(0, 3));
-  };
-  const video = document.querySelector('video');
-  if (!stream) return read(video, video.videoWidth, video.videoHeight);
-  let pixels;
-  const decoder = new VideoDecoder({
-    output: (frame) => { pixels = read(frame, frame.displayWidth, frame.displayHeight); frame.close(); },
-    error: console.error,
-  });
-  decoder.configure({ codec });
-  const data = Uint8Array.from(atob(stream), (c) => c.charCodeAt(0));
-  decoder.decode(new EncodedVideoChunk({ type: 'key', timestamp: 0, data }));
-  await decoder.flush();
-  return pixels;
-}, { stream, codec, count: colours.length });
 
 record('', '3');
 recordColours();
@@ -118,10 +87,7 @@ const movie = { file: 'colours/demo.mp4', width: 1080, height: 720 };
 const preview = { file: 'colours/preview.h264', width: 640, height: 360 };
 await play(page, movie.file);
 assertColours(await showColours(page), 'a video element');
-// The first access unit: parameter sets and a key frame.
-const unit = ffmpeg('-i', inFolder(preview.file), '-c', 'copy', '-frames:v', '1', '-f', 'h264', '-');
-const stream = { stream: unit.toString('base64'), codec: `avc1.${unit.toString('hex', 5, 8)}` };
-assertColours(await showColours(page, stream), 'WebCodecs');
+assertColours(await showColours(page, streamOf(inFolder(preview.file))), 'WebCodecs');
 for (const seen of [movie, preview]) {
   assertColours(decodeColours(seen, usingTags), `ffmpeg, ${seen.file}`);
   assertColours(decodeColours(seen, ignoringTags), `ffmpeg without tags, ${seen.file}`);

@@ -12,10 +12,11 @@ import { inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
 const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.height * 4, grey));
-process.env.TAVO_FRAME_MEMORY = '99'; // no helper starts with it: the client must remove it
+// No helper starts with these: the client must remove them.
+Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none' });
 
-async function helperFor(context) {
-  const helper = await startHelper({ stderr: 'ignore' });
+async function helperFor(context, options) {
+  const helper = await startHelper({ stderr: 'ignore', ...options });
   context.after(() => helper.stop());
   return helper;
 }
@@ -32,8 +33,10 @@ async function collect(events) {
   return all;
 }
 
-async function feedUntil(helper, isEnough) {
-  for (let id = 1; !isEnough(); ++id) await helper.writeFrame(size, id, id % 2 ? dark : bright).done;
+async function feedUntil(helper, isEnough, pictures = [bright, dark]) {
+  for (let id = 1; !isEnough(); ++id) {
+    await helper.writeFrame(size, id, pictures[id % pictures.length]).done;
+  }
 }
 
 // Decodes the movie, one byte for each picture.
@@ -79,6 +82,22 @@ test('a take is saved, two clients watch, the token appears nowhere', async (con
   assert.ok(told.some((text) => text.includes('"saved"')));
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
+
+const jpeg = execFileSync('ffmpeg', ['-v', 'error', '-f', 'lavfi', '-i', 'color=red:1080x720', '-frames:v', '1',
+  '-pix_fmt', 'yuvj420p', '-f', 'mjpeg', '-']);
+for (const [format, matrix, picture] of [['nv12', 'smpte170m', Buffer.alloc(1080 * 720 * 1.5, 90)],
+  ['i420,bt709,full', 'bt709', Buffer.alloc(1080 * 720 * 1.5, 90)], ['mjpeg', 'smpte170m', jpeg],
+  ['rgba,top', 'bt709', bright]]) {
+  test(`frames in ${format} become a take with the right tags`, async (context) => {
+    const helper = await helperFor(context, { format });
+    const take = await helper.startTake({ path: inFolder(`${format}.mp4`) });
+    await feedUntil(helper, () => helper.frames.written === 60, [picture]);
+    await take.stop();
+    const tags = execFileSync('ffprobe', ['-v', 'error', '-of', 'csv=p=0', '-show_entries',
+      'stream=color_range,color_space,color_transfer,color_primaries', take.path], { encoding: 'utf8' });
+    assert.equal(tags.trim(), `tv,${matrix},iec61966-2-1,bt709`);
+  });
+}
 
 test('a helper that cannot start says why', async (context) => {
   const { port } = await helperFor(context);

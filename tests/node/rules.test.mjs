@@ -5,7 +5,7 @@ import { Duplex, Readable, Writable } from 'node:stream';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
 import { findProgram } from '../../client/node/dist/cjs/index.js';
-import { flipRows, frameId, toWebCodecs, uptime } from '../../client/node/dist/esm/index.js';
+import { flipRows, frameId, startHelper, toWebCodecs, uptime } from '../../client/node/dist/esm/index.js';
 
 const inside = (name) => import(`../../client/node/dist/esm/${name}.js`);
 const records = await inside('records');
@@ -16,7 +16,7 @@ const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
 test('records have the protocol\'s bytes; records that would end the helper are refused', () => {
   const small = { width: 2, height: 2 };
-  assert.deepEqual(records.frameHeader(small, 7n), hex('00000010 0002 0002 0000000000000007'));
+  assert.deepEqual(records.recordHeader(16, small, 7n), hex('00000010 0002 0002 0000000000000007'));
   records.checkSize({ width: 1080, height: 1920 });
   for (const [width, height] of [[1900, 1082], [1922, 1078], [3, 2], [0, 2], [2, NaN], ['2', 2]]) {
     assert.throws(() => records.checkSize({ width, height }), RangeError, `${width}x${height}`);
@@ -24,13 +24,41 @@ test('records have the protocol\'s bytes; records that would end the helper are 
   assert.equal(records.checkedId(2n ** 64n - 1n, 7n), 2n ** 64n - 1n);
   for (const id of [7, 6n, 2n ** 64n]) assert.throws(() => records.checkedId(id, 7n), RangeError);
   for (const id of [7.5, 2 ** 53, '8']) assert.throws(() => records.checkedId(id, 7n), TypeError);
-  assert.throws(() => records.pixelBytes(new Uint8Array(15), small), RangeError);
   assert.throws(() => records.commandRecord({ path: 'é'.repeat(2048) }), RangeError);
   const four = { width: 2, height: 4 };
   const rows = Uint8Array.from({ length: 32 }, (_, i) => i);
   const turned = flipRows(rows, four, new Uint8Array(32));
   assert.deepEqual(turned, rows.map((i) => i ^ 24));
   assert.deepEqual(flipRows(turned, four), rows);
+});
+
+test('a format or a length that would end the helper is refused', async () => {
+  for (const format of ['', 'NV12', 'toString', 'top', 'nv12,', 'nv12,,full', 'nv12, full', 'nv12,top,bottom',
+    'i420,full,full', 'yuyv,bt601,bt709', 'rgb24,full', 'mjpeg,bt601']) {
+    await assert.rejects(startHelper({ program: '/none', format }), RangeError, format);
+  }
+  await assert.rejects(startHelper({ program: '/none', format: 1 }), TypeError);
+  const { encodingOf } = await inside('frame_format');
+  const [small, large] = [{ width: 6, height: 4 }, { width: 640, height: 360 }];
+  for (const [format, size, least, most = least] of [
+    ['rgba,top', small, 96], ['bgra', small, 96], ['rgb24,bottom', small, 72], ['bgr24', small, 72],
+    ['nv12,full,bottom,bt709', small, 36], ['nv21', small, 36], ['i420,bt601', small, 36], ['yuyv', small, 48],
+    ['uyvy,limited', small, 48], ['mjpeg,top', small, 2, 65536], ['mjpeg', large, 2, 460800],
+  ]) {
+    const bytes = (length) => records.pixelBytes(new Uint8Array(length), size, encodingOf(format)).length;
+    assert.deepEqual([least, most].map(bytes), [least, most]);
+    for (const wrong of [least - 1, most + 1]) assert.throws(() => bytes(wrong), RangeError, format);
+  }
+});
+
+test('a page names the format of a VideoFrame, unless the helper has none', async () => {
+  const { videoFrameFormat } = await inside('page');
+  for (const [format, matrix, fullRange, expected] of [
+    ['NV12', 'bt709', true, 'nv12,bt709,full'], ['NV12', null, null, 'nv12,bt601,limited'],
+    ['I420', 'smpte170m', false, 'i420,bt601,limited'], ['I420', 'bt470bg', true, 'i420,bt601,full'],
+    ['RGBA', 'rgb', true, 'rgba,top'], ['RGBX', null, null, 'rgba,top'], ['BGRA', 'rgb', true, 'bgra,top'],
+    ['BGRX', 'rgb', true, 'bgra,top'], ['NV12', 'bt2020-ncl', false], ['I422', 'bt709', false], [null, null, null],
+  ]) assert.equal(videoFrameFormat({ format, colorSpace: { matrix, fullRange } }), expected);
 });
 
 test('one frame is written, the newest waits, commands keep their place', async () => {

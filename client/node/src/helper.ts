@@ -12,15 +12,15 @@ import {
 } from './events.js';
 import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
+import type { FrameEncoding, FrameSize } from './frame_format.js';
 import { StartError, type HelperProcess } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
   checkedId,
   checkSize,
-  frameHeader,
   pixelBytes,
+  recordHeader,
   type FrameId,
-  type FrameSize,
   type Pixels,
 } from './records.js';
 import { Takes, type Take, type TakeOptions } from './take.js';
@@ -41,6 +41,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   declare [Symbol.asyncDispose]: () => Promise<void>;
   readonly #process: HelperProcess;
   readonly #token: string;
+  readonly #encoding: FrameEncoding;
   readonly #feeder: Feeder;
   readonly #takes: Takes;
   readonly #queues = new Set<EventQueue<HelperEvent>>();
@@ -52,10 +53,11 @@ export class Helper extends typedEmitter<HelperEvents>() {
   #stopping: Promise<HelperExit> | undefined;
 
   /** @internal */
-  constructor(child: HelperProcess, token: string) {
+  constructor(child: HelperProcess, token: string, encoding: FrameEncoding) {
     super();
     this.#process = child;
     this.#token = token;
+    this.#encoding = encoding;
     this.#feeder = new Feeder(child.stdin);
     this.#takes = new Takes((record) => this.#feeder.writeCommand(record));
     const lines = new LineSplitter();
@@ -103,15 +105,15 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Queues a picture: RGBA, the bottom row first. Returns at once. `rgba` may be reused when `done`
+   * Queues a picture in the helper's format. Returns at once. `pixels` may be reused when `done`
    * resolves, with `written` or `dropped`: a newer frame replaces a waiting one. Throws a TypeError or
    * a RangeError when the helper would not accept the size, the id or the length.
    */
-  writeFrame(size: FrameSize, id: FrameId, rgba: Pixels): FrameWrite {
+  writeFrame(size: FrameSize, id: FrameId, pixels: Pixels): FrameWrite {
     checkSize(size);
-    const pixels = pixelBytes(rgba, size);
+    const bytes = pixelBytes(pixels, size, this.#encoding);
     this.#lastFrame = checkedId(id, this.#lastFrame);
-    return this.#feeder.writeFrame(frameHeader(size, this.#lastFrame), pixels);
+    return this.#feeder.writeFrame(recordHeader(bytes.length, size, this.#lastFrame), bytes);
   }
 
   /**

@@ -5,6 +5,7 @@ import { spawn, type ChildProcessByStdio } from 'node:child_process';
 import { once } from 'node:events';
 import type { Readable, Writable } from 'node:stream';
 
+import type { FrameFormat } from './frame_format.js';
 import { findProgram } from './program.js';
 
 export interface LaunchOptions {
@@ -19,6 +20,8 @@ export interface LaunchOptions {
   port?: number;
   /** At most 640x360, the default. */
   preview?: { width: number; height: number };
+  /** What every frame is, for example `nv12,bt709`. RGBA, the bottom row first, by default. */
+  format?: FrameFormat;
   /** Added to the environment of this process. */
   env?: Record<string, string>;
   /** Where the helper's standard error goes: inherited by default, ignored, or a descriptor. */
@@ -44,9 +47,14 @@ function argumentsOf({ host, port, preview }: LaunchOptions): string[] {
   );
 }
 
-function environmentOf({ env }: LaunchOptions, token: string): NodeJS.ProcessEnv {
-  // TAVO_FRAME_MEMORY names a descriptor, and the helper inherits none. `undefined` removes it.
-  return { ...process.env, ...env, TAVO_VIDEO_TOKEN: token, TAVO_FRAME_MEMORY: undefined };
+function environmentOf({ env, format }: LaunchOptions, token: string): NodeJS.ProcessEnv {
+  return {
+    ...process.env,
+    ...env,
+    TAVO_VIDEO_TOKEN: token,
+    TAVO_FRAME_FORMAT: format, // `undefined` removes what is inherited
+    TAVO_FRAME_MEMORY: undefined, // it names a descriptor, and the helper inherits none
+  };
 }
 
 export async function launch(options: LaunchOptions, token: string): Promise<HelperProcess> {

@@ -6,17 +6,13 @@
 //   | length | width | height | frame id | payload       big-endian; a command's width,
 //   +--------+-------+--------+----------+---------      height and id are 0
 
+import { pictureBytes, type FrameEncoding, type FrameSize } from './frame_format.js';
+
 const headerBytes = 16;
 const maximumSide = 1920;
 const maximumShorterSide = 1080;
 const maximumId = 2n ** 64n - 1n;
 const maximumCommandBytes = 4096;
-
-/** Pixels; both even. */
-export interface FrameSize {
-  width: number;
-  height: number;
-}
 
 /** Above 0 and growing from frame to frame. A number must be a safe integer. */
 export type FrameId = number | bigint;
@@ -34,16 +30,19 @@ export function checkSize({ width, height }: FrameSize): void {
   }
 }
 
-/** Returns the same memory as a Buffer. Throws unless it is exactly one picture of this size. */
-export function pixelBytes(rgba: Pixels, { width, height }: FrameSize): Buffer {
-  if (!(rgba instanceof Uint8Array || rgba instanceof Uint8ClampedArray)) {
+/** Returns the same memory as a Buffer. Throws unless its length is that of one picture. */
+export function pixelBytes(pixels: Pixels, size: FrameSize, encoding: FrameEncoding): Buffer {
+  if (!(pixels instanceof Uint8Array || pixels instanceof Uint8ClampedArray)) {
     throw new TypeError('pixels must be a Uint8Array or a Uint8ClampedArray');
   }
-  const wanted = width * height * 4;
-  if (rgba.byteLength !== wanted) {
-    throw new RangeError(`${width}x${height} pixels are ${wanted} bytes, not ${rgba.byteLength}`);
+  const { buffer, byteOffset, byteLength } = pixels;
+  const [least, most] = pictureBytes(encoding, size);
+  if (byteLength < least || byteLength > most) {
+    const wanted = least === most ? least : `${least} to ${most}`;
+    const picture = `${encoding} picture of ${size.width}x${size.height}`;
+    throw new RangeError(`one ${picture} has ${wanted} bytes, not ${byteLength}`);
   }
-  return Buffer.from(rgba.buffer, rgba.byteOffset, rgba.byteLength);
+  return Buffer.from(buffer, byteOffset, byteLength);
 }
 
 /** Throws unless `id` is above `last`. */
@@ -58,7 +57,7 @@ export function checkedId(id: FrameId, last: bigint): bigint {
   return value;
 }
 
-function header(length: number, { width, height }: FrameSize, id: bigint): Buffer {
+export function recordHeader(length: number, { width, height }: FrameSize, id: bigint): Buffer {
   const bytes = Buffer.alloc(headerBytes);
   bytes.writeUInt32BE(length, 0);
   bytes.writeUInt16BE(width, 4);
@@ -67,14 +66,10 @@ function header(length: number, { width, height }: FrameSize, id: bigint): Buffe
   return bytes;
 }
 
-export function frameHeader(size: FrameSize, id: bigint): Buffer {
-  return header(size.width * size.height * 4, size, id);
-}
-
 export function commandRecord(command: object): Buffer {
   const json = Buffer.from(JSON.stringify(command));
   if (json.length > maximumCommandBytes) {
     throw new RangeError(`a command has at most ${maximumCommandBytes} bytes`);
   }
-  return Buffer.concat([header(json.length, { width: 0, height: 0 }, 0n), json]);
+  return Buffer.concat([recordHeader(json.length, { width: 0, height: 0 }, 0n), json]);
 }

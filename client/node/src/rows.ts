@@ -1,8 +1,9 @@
-import { checkSize, pixelBytes, type FrameSize, type Pixels } from './records.js';
+import type { FrameSize } from './frame_format.js';
+import { checkSize, pixelBytes, type Pixels } from './records.js';
 
 /**
- * Flips a picture vertically, for cameras that deliver the top row first. Writes into `target`, which
- * may be `rgba`, and returns it.
+ * Flips an RGBA picture vertically. Writes into `target`, which may be `rgba`, and returns it. With
+ * the format `rgba,top` the top row comes first, and no picture needs a flip.
  */
 export function flipRows<Memory extends Pixels>(
   rgba: Memory,
@@ -10,8 +11,8 @@ export function flipRows<Memory extends Pixels>(
   target: Memory = rgba,
 ): Memory {
   checkSize(size);
-  const from = pixelBytes(rgba, size);
-  const to = pixelBytes(target, size);
+  const from = pixelBytes(rgba, size, 'rgba');
+  const to = pixelBytes(target, size, 'rgba');
   const rowBytes = size.width * 4;
   const upper = Buffer.alloc(rowBytes);
   for (let top = 0; top < from.length / 2; top += rowBytes) {

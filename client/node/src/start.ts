@@ -1,3 +1,4 @@
+import { encodingOf } from './frame_format.js';
 import { Helper } from './helper.js';
 import { launch, StartError, type LaunchOptions } from './launch.js';
 import { settlesWithin } from './timing.js';
@@ -30,13 +31,15 @@ async function waitUntilReady(helper: Helper): Promise<void> {
 
 /**
  * Starts the helper. Resolves when it accepts frames and stream clients. Rejects with a StartError that
- * says why it did not start, or with the reason of `signal`.
+ * says why it did not start, with the reason of `signal`, or with a TypeError or a RangeError for a
+ * token or a format that the helper would not accept.
  */
 export async function startHelper(options: HelperOptions = {}): Promise<Helper> {
-  const { signal, token = makeToken() } = options;
+  const { signal, token = makeToken(), format = 'rgba' } = options;
   signal?.throwIfAborted();
   checkToken(token);
-  const helper = new Helper(await launch(options, token), token);
+  const encoding = encodingOf(format);
+  const helper = new Helper(await launch(options, token), token, encoding);
   if (signal) stopOnAbort(helper, signal);
   try {
     await waitUntilReady(helper);

@@ -1,0 +1,69 @@
+// What the bytes of a frame are. A format or a length that the helper does not accept ends it, so
+// the checks here throw first. Uses none of Node's modules: a page has this file, too.
+
+/** Pixels; both even. */
+export interface FrameSize {
+  width: number;
+  height: number;
+}
+
+// Of `mjpeg` at most.
+const bitsPerPixel = {
+  rgba: 32,
+  bgra: 32,
+  rgb24: 24,
+  bgr24: 24,
+  nv12: 12,
+  nv21: 12,
+  i420: 12,
+  yuyv: 16,
+  uyvy: 16,
+  mjpeg: 16,
+};
+
+/** Planes follow each other, and nothing has padding. `mjpeg`: a frame is one JPEG picture. */
+export type FrameEncoding = keyof typeof bitsPerPixel;
+
+/**
+ * An encoding, then at most one word of each pair: `top` or `bottom` (the first row; without it
+ * `bottom` for `rgba` and `bgra`, `top` for all others), and from `nv12` to `uyvy` also `bt601` or
+ * `bt709`, `limited` or `full` (without them the first of each).
+ */
+export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
+
+const rows = ['top', 'bottom'];
+const colours = [
+  ['bt601', 'bt709'],
+  ['limited', 'full'],
+];
+const coloured = ['nv12', 'nv21', 'i420', 'yuyv', 'uyvy'];
+
+function isEncoding(word: string): word is FrameEncoding {
+  return Object.hasOwn(bitsPerPixel, word);
+}
+
+/** Throws a TypeError or a RangeError for a format that the helper does not accept. */
+export function encodingOf(format: FrameFormat): FrameEncoding {
+  if (typeof format !== 'string') throw new TypeError('a frame format must be a string');
+  const [encoding = '', ...words] = format.split(',');
+  if (!isEncoding(encoding)) {
+    const known = Object.keys(bitsPerPixel).join(', ');
+    throw new RangeError(`the frame format "${format}" begins with none of ${known}`);
+  }
+  const pairs = coloured.includes(encoding) ? [rows, ...colours] : [rows];
+  const isKnown = words.every((word) => pairs.flat().includes(word));
+  if (!isKnown || pairs.some((pair) => words.filter((word) => pair.includes(word)).length > 1)) {
+    const choices = pairs.map((pair) => pair.join(' or ')).join(', ');
+    throw new RangeError(`the frame format "${format}": ${encoding} takes, once each, ${choices}`);
+  }
+  return encoding;
+}
+
+/** The least and the most bytes of a picture. */
+export function pictureBytes(
+  encoding: FrameEncoding,
+  { width, height }: FrameSize,
+): [least: number, most: number] {
+  const bytes = (width * height * bitsPerPixel[encoding]) / 8;
+  return encoding === 'mjpeg' ? [2, Math.max(bytes, 65536)] : [bytes, bytes];
+}

@@ -1,0 +1,107 @@
+// For a page: the bytes of a camera's VideoFrame, and their format in the helper's words. The page
+// posts them to the process with Node, which feeds the helper. Uses none of Node's modules.
+
+import {
+  encodingOf,
+  pictureBytes,
+  type FrameEncoding,
+  type FrameFormat,
+  type FrameSize,
+} from './frame_format.js';
+
+interface Rectangle {
+  x: number;
+  y: number;
+  width: number;
+  height: number;
+}
+
+interface Plane {
+  offset: number;
+  stride: number;
+}
+
+/** What is used of WebCodecs' VideoFrame. */
+export interface CameraFrame {
+  readonly format: string | null;
+  readonly colorSpace: { readonly matrix: string | null; readonly fullRange: boolean | null };
+  /** Null when the frame is closed. */
+  readonly visibleRect: Readonly<Rectangle> | null;
+  copyTo(
+    target: Uint8Array,
+    options: { rect: Rectangle; layout: Plane[]; format?: 'RGBA' },
+  ): Promise<unknown>;
+}
+
+export interface FrameCopy {
+  size: FrameSize;
+  pixels: Uint8Array;
+}
+
+const rgb = new Map<string | null, FrameFormat>([
+  ['RGBA', 'rgba,top'],
+  ['RGBX', 'rgba,top'],
+  ['BGRA', 'bgra,top'],
+  ['BGRX', 'bgra,top'],
+]);
+const yuv = new Map<string | null, FrameEncoding>([
+  ['NV12', 'nv12'],
+  ['I420', 'i420'],
+]);
+const matrices = new Map([
+  ['bt709', 'bt709'],
+  ['smpte170m', 'bt601'],
+  ['bt470bg', 'bt601'],
+]);
+
+/**
+ * The format for `startHelper`; undefined if the helper takes no such pictures. A matrix that the
+ * frame does not tell counts as BT.601, and a range as limited, as Chromium draws such frames.
+ */
+export function videoFrameFormat({ format, colorSpace }: CameraFrame): FrameFormat | undefined {
+  const encoding = yuv.get(format);
+  const matrix = matrices.get(colorSpace.matrix ?? 'smpte170m');
+  if (!encoding || !matrix) return rgb.get(format);
+  return `${encoding},${matrix},${colorSpace.fullRange ? 'full' : 'limited'}`;
+}
+
+// The helper's sizes are even, and 4:2:0 can only be copied from even positions.
+function evenPart({ x, y, width, height }: Readonly<Rectangle>): Rectangle {
+  const [left, top] = [x + (x & 1), y + (y & 1)];
+  return { x: left, y: top, width: (x + width - left) & ~1, height: (y + height - top) & ~1 };
+}
+
+function planesOf(encoding: FrameEncoding, { width, height }: FrameSize): Plane[] {
+  const luma = { offset: 0, stride: width };
+  const offset = width * height;
+  const half = width / 2;
+  if (encoding === 'nv12') return [luma, { offset, stride: width }];
+  if (encoding !== 'i420') return [{ offset: 0, stride: width * 4 }];
+  return [luma, { offset, stride: half }, { offset: offset * 1.25, stride: half }];
+}
+
+/**
+ * Copies the visible part of a frame, in even sizes, into `reuse` if that has its length, else into
+ * new memory. `format` is the helper's: `rgba,top`, to which the browser converts, or what
+ * `videoFrameFormat` says of this frame. Rejects with a TypeError for a frame of another format.
+ */
+export async function copyVideoFrame(
+  frame: CameraFrame,
+  format: FrameFormat,
+  reuse?: Uint8Array,
+): Promise<FrameCopy> {
+  if (!frame.visibleRect) throw new TypeError('the VideoFrame is closed');
+  const own = videoFrameFormat(frame);
+  if (own !== format && format !== 'rgba,top') {
+    const found = own ?? `${frame.format} with the matrix ${frame.colorSpace.matrix}`;
+    throw new TypeError(`the helper was started for ${format}, and the VideoFrame is ${found}`);
+  }
+  const rect = evenPart(frame.visibleRect);
+  const { width, height } = rect;
+  const encoding = encodingOf(format);
+  const [bytes] = pictureBytes(encoding, rect);
+  const pixels = reuse?.length === bytes ? reuse : new Uint8Array(bytes);
+  const conversion = own === format ? {} : { format: 'RGBA' as const };
+  await frame.copyTo(pixels, { rect, layout: planesOf(encoding, rect), ...conversion });
+  return { size: { width, height }, pixels };
+}
