@@ -3,7 +3,8 @@
 #   make demo           build, feed a moving picture, watch and record it (INPUT=file or camera; FRAMES=pipe)
 #   make view           show the same picture live in a browser, with a button to record
 #   make test           run every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
-#   make bench          compare the helper with other tools and with its encoders alone (half an hour)
+#   make bench          compare the helper with other tools and with its encoders alone, into
+#                       $(OUT)/bench.json and two charts (50 minutes; ROUNDS=1 for a quick look, 20)
 #   make fuzz           run the fuzzers (MINUTES for each)
 #   make soak           run takes and clients at random, at full speed (MINUTES)
 #   make lint           check formatting, run static analysis
@@ -20,6 +21,7 @@ JOBS ?= $(shell nproc)
 OUT ?= out
 SECONDS_FED ?= 10
 MINUTES ?= 1
+ROUNDS ?= 3
 SUITE ?= bookworm
 
 .PHONY: demo view test bench fuzz soak lint package package-test fresh arm64 portable portable-test format dependencies clean
@@ -46,14 +48,19 @@ HELPER = build/release/src/lumora-video
 
 bench: dependencies
 	scripts/install_dependencies.sh gstreamer1.0-tools gstreamer1.0-plugins-base \
-	  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
+	  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gnuplot-nox jq
 	cmake --preset release >/dev/null
-	cmake --build --preset release -j $(JOBS)
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-micro lumora-paced lumora-compare
 	mkdir -p $(OUT)
+	@echo "1 of 4, a minute: conversion of pictures. All takes $$(( 8 + 13 * $(ROUNDS) )) minutes"
 	$(BENCH)/lumora-micro
-	$(BENCH)/lumora-paced $(HELPER) takes 10
-	$(BENCH)/lumora-paced $(HELPER) growth 4
-	$(BENCH)/lumora-compare $(HELPER) $(OUT)
+	@echo "2 of 4, $$(( 12 * $(ROUNDS) )) seconds: takes that start and end"
+	$(BENCH)/lumora-paced $(HELPER) takes $$(( 3 * $(ROUNDS) ))
+	@echo "3 of 4, $$(( 2 + $(ROUNDS) )) minutes: growth with size, rate, takes and clients"
+	$(BENCH)/lumora-paced $(HELPER) growth $(ROUNDS)
+	@echo "4 of 4: the helper beside others"
+	$(BENCH)/lumora-compare $(HELPER) $(OUT) $(ROUNDS)
+	bench/charts.sh $(OUT)
 
 fuzz: dependencies
 	scripts/fuzz.sh $(JOBS) $(MINUTES)

@@ -33,19 +33,22 @@ std::string scenery(int width, int height) {
 
 // One picture, a little larger than a frame, is turned about its middle: at 1920 pixels its sides
 // move by a pixel a frame. The noise has a deviation of 3 of 255.
-CameraClip::CameraClip(client::FrameSize size) : size_(size) {
-  const std::string graph = scenery(size.width * 11 / 10, size.height * 11 / 10) +
-                            ",loop=loop=-1:size=1,rotate=a=0.01*cos(PI*n/" +
-                            std::to_string(framesOneWay) +
-                            "),crop=" + join(size.width, ":", size.height) + ",noise=alls=5:allf=t";
+CameraClip::CameraClip(client::FrameSize camera, std::optional<client::FrameFormat> format,
+                       client::FrameSize size)
+    : size_(size), format_(format) {
+  const std::string graph =
+      scenery(camera.width * 11 / 10, camera.height * 11 / 10) +
+      ",loop=loop=-1:size=1,rotate=a=0.01*cos(PI*n/" + std::to_string(framesOneWay) +
+      "),crop=" + join(camera.width, ":", camera.height) + ",noise=alls=5:allf=t," +
+      (format ? tools::nv12Filters(size) : std::string("vflip,format=rgba"));
   tools::CommandSource drawn("ffmpeg -v error -nostdin -f lavfi -i " + tools::shellQuoted(graph) +
                                  " -frames:v " + std::to_string(framesOneWay + 1) +
-                                 " -pix_fmt rgba -f rawvideo -",
-                             size);
+                                 " -f rawvideo -",
+                             size, format);
   for (int i = 0; i <= framesOneWay; ++i) {
-    const auto rgba = drawn.next(0, 0);
-    if (rgba.empty()) throw std::runtime_error("ffmpeg did not draw the clip");
-    frames_.emplace_back(rgba.begin(), rgba.end());
+    const auto picture = drawn.next(0, 0);
+    if (picture.empty()) throw std::runtime_error("ffmpeg did not draw the clip");
+    frames_.emplace_back(picture.begin(), picture.end());
   }
 }
 

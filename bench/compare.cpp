@@ -1,242 +1,246 @@
 // The helper beside the tools that people use today for its job, and beside the least that the job
-// can cost: its two encoders alone. All get the same frames, encoder, presets, rates and threads,
+// can cost: its two encoders alone. All get the same pictures, encoder, presets, rates and threads,
 // in turn.
 //
-//   lumora-compare HELPER FOLDER [ROUNDS]     leaves everybody's preview and take in FOLDER
+//   lumora-compare HELPER FOLDER [ROUNDS]
+//
+// Leaves all figures in FOLDER/bench.json, and everybody's preview and take in FOLDER.
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <limits>
-#include <numeric>
+#include <fstream>
 
-#include "bench/contenders.h"
-#include "bench/encoders_alone.h"
+#include "bench/machine.h"
 #include "bench/paced_load.h"
 #include "bench/pipeline.h"
-#include "encode/session_settings.h"
+#include "bench/progress.h"
+#include "bench/runs.h"
 
 namespace {
 
 using namespace lumora;
 using namespace lumora::bench;
+using Json = nlohmann::json;
 
-constexpr client::FrameSize camera{1920, 1080};
-constexpr client::FrameSize previewSize{640, 360};
-constexpr int frames = 300;
-constexpr int costRate = 30;       // frames a second that everybody keeps
-constexpr double rateSeconds = 4;  // of each measurement at 60 frames a second
-constexpr double longSeconds = 60;
-constexpr double unknown = std::numeric_limits<double>::quiet_NaN();
-
-// What one run of a contender gave.
-struct Run {
-  double cpu = unknown;         // ms a frame, at a rate that everybody keeps
-  double parentCPU = unknown;   // the same of the parent
-  double latency = unknown;     // ms, median
-  double hurriedCPU = unknown;  // ms a frame, at full speed
-  double speed = unknown;       // frames a second
-  double peak = unknown;        // MB
-  double takeSize = unknown;    // MB
-  double previewSize = unknown;
-  std::vector<std::uint64_t> inPreview = {};  // the numbers of the frames in its files
-  std::vector<std::uint64_t> inTake = {};
-};
+constexpr int rates[] = {30, 60};     // frames a second
+constexpr double overhead = 2;        // seconds of a run, besides its frames
+constexpr double judgingSeconds = 8;  // for the files of a contender
+constexpr double steadySeconds = 20;  // of a steady run, for each round
+const Job jobs[] = {{camera, "superfast"}, {camera, "ultrafast"}, {camera, ""}, {defaultTake, ""}};
 
 struct Column {
   const char* title;
-  double Run::*figure;
+  const char* figure;
   int decimals;
 };
 constexpr Column columns[] = {
-    {"cpu ms/frame", &Run::cpu, 1},   {"at full speed", &Run::hurriedCPU, 1},
-    {"frames/s", &Run::speed, 1},     {"parent cpu", &Run::parentCPU, 1},
-    {"latency ms", &Run::latency, 1}, {"peak MB", &Run::peak, 0},
-    {"take MB", &Run::takeSize, 2},   {"preview MB", &Run::previewSize, 2}};
+    {"cpu ms/frame", "cpu_ms", 1},      {"parent cpu", "parent_cpu_ms", 1},
+    {"frames/s", "frames_a_second", 1}, {"latency p50", "latency_p50_ms", 1},
+    {"p99", "latency_p99_ms", 1},       {"peak MB", "peak_mb", 0},
+    {"take MB", "take_mb", 2},          {"preview MB", "preview_mb", 2},
+    {"take SSIM", "take_ssim", 4},      {"preview SSIM", "preview_ssim", 4}};
+
+std::string text(client::FrameSize size) {
+  return std::to_string(size.width) + "x" + std::to_string(size.height);
+}
+std::string nameOf(const std::string& preset) { return preset.empty() ? "as shipped" : preset; }
 
 struct Contender {
   std::string name;
-  std::function<Run()> run;
-  Outputs outputs = {};  // compared with the clip after the last round; empty: none
+  CameraClip& clip;  // that it is fed
+  std::function<Run(int rate)> run;
+  Outputs outputs = {};  // empty: none
   std::vector<Run> rounds = {};
 };
 
-double perFrame(double seconds) { return seconds * 1000 / frames; }
-double megabytesOf(const std::string& path) {
-  return static_cast<double>(std::filesystem::file_size(path)) / 1e6;
+void addHelper(std::vector<Contender>& made, const Job& job, const std::string& helper,
+               CameraClip& clip, client::FrameTransport transport, const Outputs& files) {
+  tools::RunOptions load{.helper = {.program = helper, .frames = transport},
+                         .clients = 1,
+                         .take = takeOf(text(job.take), 60, files.take),
+                         .previewPath = files.preview};
+  if (!job.preset.empty())
+    load.helper.environment = {{"TAVO_H264_ENCODER", "software:" + job.preset}};
+  const bool shares = transport == client::FrameTransport::memory;
+  made.push_back({shares ? "helper-memory" : "helper-pipe", clip,
+                  [load, &clip](int rate) { return runHelper(load, clip, rate); }, files});
 }
 
-// Everybody runs twice: at a rate that all of them keep, for the cost, since a frame that comes
-// alone costs more than one of many in a row; and at full speed.
-Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs) {
-  std::vector<std::uint64_t> numbers(frames);
-  std::iota(numbers.begin(), numbers.end(), 1);
-  const PipelineReport calm = runPipeline(command, clip, numbers, costRate);
-  const PipelineReport hurried = runPipeline(command, clip, numbers);
-  return {.cpu = perFrame(calm.cpuSeconds),
-          .hurriedCPU = perFrame(hurried.cpuSeconds),
-          .speed = frames / hurried.wallSeconds,
-          .peak = hurried.peakMegabytes,
-          .takeSize = megabytesOf(outputs.take),
-          .previewSize = megabytesOf(outputs.preview),
-          .inPreview = numbers,
-          .inTake = numbers};
-}
-
-// The full speed of the helper is 60 a second, as long as it keeps up: a take has no more.
-Run runHelper(const tools::RunOptions& hurried, CameraClip& clip) {
-  const tools::RunReport rate = runLoad(hurried, clip);
-  tools::RunOptions calm = hurried;
-  calm.framesPerSecond = costRate;
-  calm.seconds = static_cast<double>(frames) / costRate;
-  const tools::RunReport cost = runLoad(calm, clip);
-  Run run{
-      .cpu = perFrame(cost.exit.cpuSeconds),
-      .parentCPU = perFrame(cost.parentCPUSeconds),
-      .latency = cost.latency(0.5),
-      .hurriedCPU = rate.exit.cpuSeconds * 1000 / static_cast<double>(rate.fed),
-      .speed = static_cast<double>(std::min(delivered(hurried, rate).frames, rate.take.frames)) /
-               rate.fedSeconds,
-      .peak = std::max(cost.peakMegabytes, rate.peakMegabytes),
-      .takeSize = megabytesOf(calm.take->path),
-      .previewSize = megabytesOf(calm.previewPath)};
-  for (const tools::Delivery& delivery : cost.deliveries) run.inPreview.push_back(delivery.frame);
-  // The take has the same frames, perhaps without the last one, which may come after the stop.
-  const bool isWhole = cost.take.dropped == 0 && cost.take.throttled == 0;
-  if (isWhole && cost.take.frames <= run.inPreview.size()) {
-    run.inTake = run.inPreview;
-    run.inTake.resize(cost.take.frames);
-  }
-  return run;
-}
-
-// The frames for the encoders alone are converted before the measurement.
-struct ReadyClip {
-  std::vector<Bytes> preview;
-  std::vector<Bytes> take;
-};
-
-Run runEncoders(const ReadyClip& ready, const std::string& preset,
-                const std::function<void()>& besideEach = {}) {
-  const auto settings = [](SessionKind kind, client::FrameSize size) {
-    return sessionSettings(kind, {size.width, size.height}, 60);
-  };
-  const std::vector<EncoderLoad> both = {
-      {settings(SessionKind::preview, previewSize), preset, ready.preview},
-      {settings(SessionKind::recording, camera), preset, ready.take}};
-  const EncodersReport calm = encodeAlone(both, frames, costRate, besideEach);
-  const EncodersReport hurried = encodeAlone(both, frames, 0, besideEach);
-  return {.cpu = perFrame(calm.cpuSeconds),
-          .hurriedCPU = perFrame(hurried.cpuSeconds),
-          .speed = frames / hurried.wallSeconds,
-          .takeSize = static_cast<double>(hurried.streams[1].size()) / 1e6,
-          .previewSize = static_cast<double>(hurried.streams[0].size()) / 1e6};
-}
-
-// The least that a program can cost whose frames come through a pipe: they are also read.
-Run runEncodersAndPipe(const ReadyClip& ready, const std::string& preset) {
-  tools::CommandSource black(
-      "exec dd if=/dev/zero status=none bs=" + std::to_string(camera.bytes()) +
-          " count=" + std::to_string(2 * frames),
-      camera);
-  return runEncoders(ready, preset, [&] {
-    if (black.next(0, 0).empty()) throw std::runtime_error("dd wrote too few frames");
-  });
-}
-
-std::vector<Contender> makeContenders(const std::string& helper, const std::string& preset,
-                                      CameraClip& clip, const ReadyClip& ready,
-                                      const std::filesystem::path& folder) {
-  const auto outputs = [&folder](const std::string& name) {
-    return Outputs{folder / (name + ".h264"), folder / (name + ".mp4")};
+std::vector<Contender> contendersFor(const Job& job, const std::string& helper, Clips& clips,
+                                     const std::filesystem::path& folder) {
+  const auto outputs = [&folder](const std::string& name, const CameraClip& clip) {
+    const std::string file = name + "-" + clip.formatName();
+    return Outputs{folder / (file + ".h264"), folder / (file + ".mp4")};
   };
   std::vector<Contender> made;
-  made.push_back({"encoders alone", [&ready, preset] { return runEncoders(ready, preset); }});
-  made.push_back(
-      {"encoders and a pipe", [&ready, preset] { return runEncodersAndPipe(ready, preset); }});
-  for (const auto& [name, transport] : {std::pair{"helper", client::FrameTransport::pipe},
-                                        {"helper-memory", client::FrameTransport::memory}}) {
-    const Outputs ours = outputs(name);
-    tools::RunOptions load{.helper = {.program = helper, .frames = transport},
-                           .seconds = rateSeconds,
-                           .clients = 1,
-                           .take = takeOf("1920x1080", 60, ours.take),
-                           .previewPath = ours.preview};
-    if (!preset.empty()) load.helper.environment = {{"TAVO_H264_ENCODER", "software:" + preset}};
-    made.push_back({name, [load, &clip] { return runHelper(load, clip); }, ours});
+  made.push_back({"encoders-alone", clips.nv12,
+                  [&clips, job](int rate) { return runEncoders(clips, job, rate); }});
+  for (CameraClip* clip : {&clips.rgba, &clips.nv12}) {
+    made.push_back({"encoders-and-pipe", *clip, [&clips, job, clip](int rate) {
+                      return runEncodersAndPipe(clips, job, rate, *clip);
+                    }});
+    addHelper(made, job, helper, *clip, client::FrameTransport::memory,
+              outputs("helper-memory", *clip));
+    addHelper(made, job, helper, *clip, client::FrameTransport::pipe,
+              outputs("helper-pipe", *clip));
   }
-  if (preset.empty()) return made;  // nobody else has our settings
-  for (const auto& [name, command] : {std::pair{"ffmpeg", &ffmpegCommand},
-                                      {"ffmpeg-one-conversion", ffmpegOnceCommand},
-                                      {"gstreamer", gstreamerCommand}}) {
-    const Outputs files = outputs(name);
-    made.push_back({name,
-                    [&clip, files, line = command(camera, preset, files)] {
-                      return runPeer(line, clip, files);
+  if (job.preset.empty()) return made;  // nobody else has our settings
+  const auto addPeer = [&](const char* name, CameraClip& clip, auto& command) {
+    const Outputs files = outputs(name, clip);
+    made.push_back({name, clip,
+                    [&clip, files, line = command(clip, job.preset, files)](int rate) {
+                      return runPeer(line, clip, files, rate);
                     },
                     files});
+  };
+  for (CameraClip* clip : {&clips.rgba, &clips.nv12}) {
+    addPeer("ffmpeg", *clip, ffmpegCommand);
+    addPeer("gstreamer", *clip, gstreamerCommand);
   }
+  addPeer("ffmpeg-one-conversion", clips.rgba, ffmpegOnceCommand);
   return made;
 }
 
-void printTitles(const std::string& preset) {
-  std::printf("\n%-22s", preset.c_str());
-  for (const Column& column : columns) std::printf(" %-20s", column.title);
-  std::printf(" %-8s %s\n", "SSIM", "of preview");
+// One job at one rate.
+struct Table {
+  const Job& job;
+  int rate;
+  std::vector<Contender> contenders;
+
+  bool hasSSIM() const { return rate == rates[0]; }
+  double runSeconds() const { return static_cast<double>(frames) / rate + overhead; }
+  double seconds(int rounds) const {
+    const double judging = hasSSIM() ? judgingSeconds : 0;
+    return static_cast<double>(contenders.size()) * (rounds * runSeconds() + judging);
+  }
+  std::string title() const {
+    return text(job.take) + ", " + nameOf(job.preset) + ", " + std::to_string(rate) + " a second";
+  }
+};
+
+// How alike the files of the last round and the clip are.
+void judge(Contender& contender, client::FrameSize take) {
+  Run& last = contender.rounds.back();
+  const auto ssim = [&](const std::string& path, const std::vector<std::uint64_t>& numbers,
+                        client::FrameSize size) {
+    return numbers.empty() ? Json() : Json(measureSSIM(path, contender.clip, numbers, size));
+  };
+  last.figures["take_ssim"] = ssim(contender.outputs.take, last.inTake, take);
+  last.figures["preview_ssim"] = ssim(contender.outputs.preview, last.inPreview, previewSize);
+}
+
+void run(Table& table, int rounds, Progress& progress) {
+  for (int round = 1; round <= rounds; ++round) {
+    for (Contender& contender : table.contenders) {
+      progress.begin(table.title() + ", round " + std::to_string(round) + ": " + contender.name +
+                         " " + contender.clip.formatName(),
+                     table.runSeconds());
+      contender.rounds.push_back(contender.run(table.rate));
+    }
+  }
+  if (!table.hasSSIM()) return;
+  for (Contender& contender : table.contenders) {
+    progress.begin("SSIM of " + contender.name, judgingSeconds);
+    judge(contender, table.job.take);
+  }
 }
 
 // The median of each figure over the rounds, and its range.
-void printRow(const Contender& contender, CameraClip& clip) {
-  std::printf("%-22s", contender.name.c_str());
+void printRow(const Contender& contender) {
+  std::printf("%-26s", (contender.name + " " + contender.clip.formatName()).c_str());
   for (const Column& column : columns) {
     std::vector<double> values;
-    for (const Run& run : contender.rounds) values.push_back(run.*column.figure);
+    for (const Run& run : contender.rounds) {
+      const Json value = run.figures.value(column.figure, Json());
+      if (value.is_number()) values.push_back(value);
+    }
     char cell[64] = "-";
-    if (!std::isnan(values[0])) {
+    if (!values.empty()) {
       std::snprintf(cell, sizeof cell, "%.*f (%.*f-%.*f)", column.decimals,
                     tools::percentile(values, 0.5), column.decimals, tools::percentile(values, 0),
                     column.decimals, tools::percentile(values, 1));
     }
-    std::printf(" %-20s", cell);
+    std::printf(" %-22s", cell);
   }
-  const auto printSSIM = [&](const std::string& path, const std::vector<std::uint64_t>& numbers,
-                             client::FrameSize size) {
-    if (numbers.empty())
-      std::printf(" %-8s", "-");
-    else
-      std::printf(" %-8.4f", measureSSIM(path, clip, numbers, size));
-  };
-  const Run& last = contender.rounds.back();
-  printSSIM(contender.outputs.take, last.inTake, camera);
-  printSSIM(contender.outputs.preview, last.inPreview, previewSize);
   std::printf("\n");
+}
+
+void print(const Table& table) {
+  Progress::clear();
+  std::printf("\n%s\n%-26s", table.title().c_str(), "");
+  for (const Column& column : columns) std::printf(" %-22s", column.title);
+  std::printf("\n");
+  for (const Contender& contender : table.contenders) printRow(contender);
   std::fflush(stdout);
 }
 
+Json runsOf(const Table& table) {
+  Json runs = Json::array();
+  for (const Contender& contender : table.contenders) {
+    for (const Run& run : contender.rounds) {
+      runs.push_back({{"take", text(table.job.take)},
+                      {"preset", nameOf(table.job.preset)},
+                      {"rate", table.rate},
+                      {"contender", contender.name},
+                      {"format", contender.clip.formatName()}});
+      runs.back().update(run.figures);
+    }
+  }
+  return runs;
+}
+
+// As shipped, with two clients, at 60 frames a second.
+struct Steady {
+  std::string take;
+  CameraClip& clip;
+
+  Json run(const std::string& helper, const std::string& movie, double seconds) const {
+    const tools::RunOptions load{
+        .helper = {.program = helper}, .seconds = seconds, .take = takeOf(take, 60, movie)};
+    const tools::RunReport report = runLoad(load, clip);
+    Progress::clear();
+    bench::print(load, clip, report);
+    Json figures = figuresOf(load, report);
+    figures.update({{"take", take}, {"format", clip.formatName()}, {"seconds", seconds}});
+    return figures;
+  }
+};
+
 void compare(const std::string& helper, const std::filesystem::path& folder, int rounds) {
   std::filesystem::create_directories(folder);
-  CameraClip clip(camera);
-  const ReadyClip ready{readyPictures(clip, previewSize), readyPictures(clip, camera)};
-  for (const std::string preset : {"superfast", "ultrafast", ""}) {
-    auto contenders = makeContenders(helper, preset, clip, ready, folder);
-    for (int round = 0; round < rounds; ++round) {
-      for (Contender& contender : contenders) contender.rounds.push_back(contender.run());
-    }
-    printTitles(preset.empty() ? "as shipped" : preset);
-    for (const Contender& contender : contenders) printRow(contender, clip);
+  std::fprintf(stderr, "Drawing what the camera sees ...");
+  Clips clips;
+  std::vector<Table> tables;
+  for (const Job& job : jobs) {
+    for (const int rate : rates)
+      tables.push_back({job, rate, contendersFor(job, helper, clips, folder)});
   }
-  std::printf("\n60 seconds at 60 frames a second, as shipped\n");
-  for (const char* profile : {"none", "1080x720", "1920x1080"}) {
-    for (const auto transport : {client::FrameTransport::pipe, client::FrameTransport::memory}) {
-      const tools::RunOptions load{.helper = {.program = helper, .frames = transport},
-                                   .seconds = longSeconds,
-                                   .take = takeOf(profile, 60, folder / "long.mp4")};
-      print(load, camera, runLoad(load, clip));
-    }
+  std::vector<Steady> steady;
+  for (const std::string take : {"none", "1080x720", "1920x1080"}) {
+    for (CameraClip* clip : {&clips.rgba, &clips.nv12}) steady.push_back({take, *clip});
   }
+  const double steadyLength = steadySeconds * rounds;
+  double planned = static_cast<double>(steady.size()) * (steadyLength + overhead);
+  for (const Table& table : tables) planned += table.seconds(rounds);
+
+  Progress progress(planned);
+  Json results = {
+      {"machine", describeMachine()}, {"runs", Json::array()}, {"steady", Json::array()}};
+  const auto save = [&] { std::ofstream(folder / "bench.json") << results.dump() << '\n'; };
+  for (Table& table : tables) {
+    run(table, rounds, progress);
+    print(table);
+    for (Json& each : runsOf(table)) results["runs"].push_back(std::move(each));
+    save();  // what follows may fail
+  }
+  for (const Steady& each : steady) {
+    progress.begin("steady, take " + each.take + ", " + each.clip.formatName(),
+                   steadyLength + overhead);
+    results["steady"].push_back(each.run(helper, folder / "steady.mp4", steadyLength));
+  }
+  save();
 }
 
 }  // namespace
@@ -246,11 +250,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s HELPER FOLDER [ROUNDS]\n", argv[0]);
     return 2;
   }
-  const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
+  const int rounds = argc > 3 ? std::atoi(argv[3]) : 3;
   try {
     compare(argv[1], std::filesystem::absolute(argv[2]), std::max(rounds, 1));
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    std::fprintf(stderr, "\n%s\n", error.what());
     return 1;
   }
 }

@@ -17,13 +17,14 @@ std::string ffmpegEncoder(const std::string& preset, const std::string& profile,
          std::to_string(threads) + " ";
 }
 
-std::string ffmpeg(client::FrameSize size, const std::string& preset, const Outputs& outputs,
+std::string ffmpeg(const CameraClip& clip, const std::string& preset, const Outputs& outputs,
                    const std::string& filters) {
-  return "ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt rgba -r 60 -s " +
-         std::to_string(size.width) + "x" + std::to_string(size.height) +
-         " -i pipe:0 -filter_complex " + shellQuoted(filters) + " -map '[p]'" +
-         ffmpegEncoder(preset, "baseline", 4, 1) + "-f h264 " + shellQuoted(outputs.preview) +
-         " -map '[t]'" + ffmpegEncoder(preset, "high", 12, 2) + shellQuoted(outputs.take);
+  return "ffmpeg -nostdin -v error -y -f rawvideo -r 60 -pix_fmt " +
+         std::string(clip.formatName()) + " -s " + std::to_string(clip.size().width) + "x" +
+         std::to_string(clip.size().height) + " -i pipe:0 -filter_complex " + shellQuoted(filters) +
+         " -map '[p]'" + ffmpegEncoder(preset, "baseline", 4, 1) + "-f h264 " +
+         shellQuoted(outputs.preview) + " -map '[t]'" + ffmpegEncoder(preset, "high", 12, 2) +
+         shellQuoted(outputs.take);
 }
 
 std::string gstreamerEncoder(const std::string& preset, const std::string& profile, int megabits,
@@ -36,27 +37,32 @@ std::string gstreamerEncoder(const std::string& preset, const std::string& profi
 
 }  // namespace
 
-std::string ffmpegCommand(client::FrameSize size, const std::string& preset,
+std::string ffmpegCommand(const CameraClip& clip, const std::string& preset,
                           const Outputs& outputs) {
-  return ffmpeg(size, preset, outputs,
-                "[0]vflip,split[a][b];[a]scale=640:360:flags=area:" + matrix +
-                    ",format=yuv420p[p];[b]scale=" + matrix + ",format=yuv420p[t]");
+  const std::string smaller = "[a]scale=640:360:flags=area";
+  return ffmpeg(clip, preset, outputs,
+                clip.format() ? "[0]split[a][t];" + smaller + "[p]"
+                              : "[0]vflip,split[a][b];" + smaller + ":" + matrix +
+                                    ",format=yuv420p[p];[b]scale=" + matrix + ",format=yuv420p[t]");
 }
 
-std::string ffmpegOnceCommand(client::FrameSize size, const std::string& preset,
+std::string ffmpegOnceCommand(const CameraClip& clip, const std::string& preset,
                               const Outputs& outputs) {
   return ffmpeg(
-      size, preset, outputs,
+      clip, preset, outputs,
       "[0]vflip,scale=" + matrix + ",format=yuv420p,split[a][t];[a]scale=640:360:flags=area[p]");
 }
 
-std::string gstreamerCommand(client::FrameSize size, const std::string& preset,
+std::string gstreamerCommand(const CameraClip& clip, const std::string& preset,
                              const Outputs& outputs) {
-  const std::string format = "video/x-raw,format=I420,colorimetry=bt709";
-  return "gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(size.bytes()) +
-         " ! rawvideoparse format=rgba width=" + std::to_string(size.width) +
-         " height=" + std::to_string(size.height) +
-         " framerate=60/1 ! videoflip video-direction=vert ! tee name=t" +
+  const bool isNV12 = clip.format().has_value();
+  const std::string format =
+      "video/x-raw,colorimetry=bt709,format=" + std::string(isNV12 ? "NV12" : "I420");
+  return "gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(clip.frameBytes()) +
+         " ! rawvideoparse framerate=60/1 format=" + clip.formatName() +
+         (isNV12 ? " colorimetry=bt709" : "") + " width=" + std::to_string(clip.size().width) +
+         " height=" + std::to_string(clip.size().height) +
+         (isNV12 ? "" : " ! videoflip video-direction=vert") + " ! tee name=t" +
          " t. ! queue ! videoscale ! videoconvert ! " + format + ",width=640,height=360" +
          gstreamerEncoder(preset, "baseline", 4, 1) +
          ",stream-format=byte-stream ! filesink location=" + shellQuoted(outputs.preview) +

@@ -1,12 +1,12 @@
 #pragma once
 
-// Shell commands that do the helper's job with common tools. Each reads raw RGBA frames, the bottom
-// row first, and writes a 640×360 preview (Baseline) and a full-size recording (High, MP4). Bit
-// rates, buffers, key frame intervals and thread counts are the helper's.
+// Shell commands that do the helper's job with common tools. Each reads the clip's raw frames and
+// writes a 640×360 preview (Baseline) and a full-size recording (High, MP4). Bit rates, buffers,
+// key frame intervals and thread counts are the helper's.
 
 #include <string>
 
-#include <lumora/frame.h>
+#include "bench/camera_clip.h"
 
 namespace lumora::bench {
 
@@ -15,13 +15,14 @@ struct Outputs {
   std::string take = {};     // path of the MP4 file
 };
 
-// Scales and converts each output separately, as most people write the command.
-std::string ffmpegCommand(client::FrameSize size, const std::string& preset,
+// Scales and converts each output separately, as most people write the command. NV12 needs no
+// conversion.
+std::string ffmpegCommand(const CameraClip& clip, const std::string& preset,
                           const Outputs& outputs);
-// Converts each frame once and scales the preview from the result: less work, but less common.
-std::string ffmpegOnceCommand(client::FrameSize size, const std::string& preset,
+// Converts each RGBA frame once and scales the preview from the result: less work, but less common.
+std::string ffmpegOnceCommand(const CameraClip& clip, const std::string& preset,
                               const Outputs& outputs);
-std::string gstreamerCommand(client::FrameSize size, const std::string& preset,
+std::string gstreamerCommand(const CameraClip& clip, const std::string& preset,
                              const Outputs& outputs);
 
 }  // namespace lumora::bench

@@ -10,9 +10,6 @@ extern "C" {
 #include <thread>
 
 #include "codec/encoder_tuning.h"
-#include "encode/picture_size.h"
-#include "picture/encoder_picture.h"
-#include "picture/system_image_converter.h"
 #include "tools/programs.h"
 
 namespace lumora::bench {
@@ -20,13 +17,11 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-// Points a picture's planes at `bytes`, which the encoder copies.
-void usePlanes(AVFrame& frame, const Bytes& bytes) {
-  frame.linesize[0] = frame.width;
-  frame.linesize[1] = frame.linesize[2] = frame.width / 2;
-  frame.data[0] = const_cast<std::uint8_t*>(bytes.data());
+// Points a picture's planes at NV12 samples, which the encoder copies.
+void usePlanes(AVFrame& frame, std::span<const std::uint8_t> samples) {
+  frame.linesize[0] = frame.linesize[1] = frame.width;
+  frame.data[0] = const_cast<std::uint8_t*>(samples.data());
   frame.data[1] = frame.data[0] + frame.width * frame.height;
-  frame.data[2] = frame.data[1] + frame.width * frame.height / 4;
 }
 
 class Encoder {
@@ -35,19 +30,19 @@ class Encoder {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     if (codec == nullptr) throw std::runtime_error("libavcodec has no libx264");
     context_.reset(avcodec_alloc_context3(codec));
-    context_->pix_fmt = AV_PIX_FMT_YUV420P;
+    context_->pix_fmt = AV_PIX_FMT_NV12;
     if (tune(*context_, load.preset, ColourMatrix::bt709, load.settings) < 0 ||
         avcodec_open2(context_.get(), codec, nullptr) < 0) {
       throw std::runtime_error("libx264 can't be opened");
     }
-    frame_->format = AV_PIX_FMT_YUV420P;
+    frame_->format = AV_PIX_FMT_NV12;
     frame_->width = load.settings.width;
     frame_->height = load.settings.height;
     stream_.assign(context_->extradata, context_->extradata + context_->extradata_size);
   }
 
   void encode(int number) {
-    usePlanes(*frame_, pictures_[static_cast<std::size_t>(number) % pictures_.size()]);
+    usePlanes(*frame_, pictures_.next(static_cast<std::uint64_t>(number) + 1, 0));
     frame_->pts = number;
     if (avcodec_send_frame(context_.get(), frame_.get()) < 0 ||
         avcodec_receive_packet(context_.get(), packet_.get()) < 0) {
@@ -60,7 +55,7 @@ class Encoder {
   Bytes takeStream() { return std::move(stream_); }
 
  private:
-  const std::vector<Bytes>& pictures_;
+  CameraClip& pictures_;
   CodecContext context_;
   Frame frame_{av_frame_alloc()};
   Packet packet_{av_packet_alloc()};
@@ -68,24 +63,6 @@ class Encoder {
 };
 
 }  // namespace
-
-std::vector<Bytes> readyPictures(CameraClip& clip, client::FrameSize size) {
-  const auto [cameraWidth, cameraHeight] = clip.size();
-  const auto [width, height] = size;
-  const auto fit = fitRectangle({cameraWidth, cameraHeight}, {width, height});
-  const auto pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  SystemImageConverter images;
-  std::vector<Bytes> ready;
-  for (std::uint64_t number = 1; number <= clip.length(); ++number) {
-    const auto rgba = clip.next(number, 0);
-    Bytes bgra(pixels * 4);
-    const Picture whole = pictureAt(bgra.data(), {PixelLayout::bgra}, {width, height});
-    images.convert(upsideDown(pictureAt(rgba.data(), {}, {cameraWidth, cameraHeight})), whole, fit);
-    Bytes& planes = ready.emplace_back(pixels * 3 / 2);
-    fillEncoderPicture(whole, pictureAt(planes.data(), {PixelLayout::i420}, {width, height}));
-  }
-  return ready;
-}
 
 EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames, int framesPerSecond,
                            const std::function<void()>& besideEach) {

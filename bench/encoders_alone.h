@@ -1,6 +1,6 @@
 #pragma once
 
-// The least that the job can cost: the encoders of the preview and the take, fed with ready 4:2:0
+// The least that the job can cost: the encoders of the preview and the take, fed with ready NV12
 // pictures, both at once, one frame in flight. No pipe, no conversion, no network, no file.
 
 #include <functional>
@@ -13,13 +13,10 @@
 
 namespace lumora::bench {
 
-// The frames of the clip as an encoder takes them: upright, scaled to fit, I420.
-std::vector<Bytes> readyPictures(CameraClip& clip, client::FrameSize size);
-
 struct EncoderLoad {
   EncoderSettings settings;
-  std::string preset;  // empty: as shipped
-  const std::vector<Bytes>& pictures;
+  std::string preset;    // empty: as shipped
+  CameraClip& pictures;  // NV12, of the encoder's size
 };
 
 struct EncodersReport {

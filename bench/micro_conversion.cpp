@@ -17,8 +17,8 @@ namespace lumora {
 namespace {
 
 // Memory as the service has it for its pictures, touched.
-PictureMemory picture(PictureSize size) {
-  const auto bytes = static_cast<std::size_t>(size.width * size.height * 4);
+PictureMemory picture(PictureSize size, PixelLayout layout = PixelLayout::rgba) {
+  const std::size_t bytes = pictureBytes(layout, size);
   PictureMemory pixels = PicturePool::make()->allocate(bytes);
   if (!pixels) throw std::bad_alloc();
   std::uint32_t state = 1;
@@ -29,26 +29,26 @@ PictureMemory picture(PictureSize size) {
   return pixels;
 }
 
-void convert(benchmark::State& state) {
-  const PictureSize from{state.range(0), state.range(1)};
-  const PictureSize to = fitRectangle(from, {state.range(2), state.range(3)}).size;
-  const PictureMemory source = picture(from);
-  const PictureMemory destination = picture(to);
+void convert(benchmark::State& state, PixelLayout from, PixelLayout to) {
+  const PictureSize camera{state.range(0), state.range(1)};
+  const PictureSize session{state.range(2), state.range(3)};
+  const PictureMemory source = picture(camera, from);
+  const PictureMemory destination = picture(session, to);
   SystemImageConverter images;
   for (auto _ : state) {
-    images.convert(pictureAt<const std::uint8_t>(source.get(), {}, from),
-                   pictureAt(destination.get(), {PixelLayout::bgra}, to), {0, 0, to});
+    images.convert(pictureAt(source.get(), {.layout = from}, camera),
+                   pictureAt(destination.get(), {.layout = to}, session),
+                   fitRectangle(camera, session));
     benchmark::ClobberMemory();
   }
 }
 
-void copySource(benchmark::State& state) {
+void copySource(benchmark::State& state, PixelLayout layout) {
   const PictureSize size{state.range(0), state.range(1)};
-  const PictureMemory source = picture(size);
-  const PictureMemory destination = picture(size);
+  const PictureMemory source = picture(size, layout);
+  const PictureMemory destination = picture(size, layout);
   for (auto _ : state) {
-    std::memcpy(destination.get(), source.get(),
-                static_cast<std::size_t>(size.width * size.height * 4));
+    std::memcpy(destination.get(), source.get(), pictureBytes(layout, size));
     benchmark::ClobberMemory();
   }
 }
@@ -63,38 +63,44 @@ void pairs(benchmark::internal::Benchmark* bench) {
   }
 }
 
-// To 4:2:0 with `convertPicture(bgra, y, u, v)`.
+// To 4:2:0 with `convertPicture(bgra, planes)`.
 template <typename Convert>
 void subsample(benchmark::State& state, Convert convertPicture) {
   const PictureSize size{state.range(0), state.range(1)};
-  const PictureMemory bgra = picture(size);
-  const PictureMemory planes = picture(size);
-  const Plane y{planes.get(), size.width};
-  const Plane u{y.samples + size.width * size.height, size.width / 2};
-  const Plane v{u.samples + size.width * size.height / 4, size.width / 2};
+  const PictureMemory source = picture(size);
+  const PictureMemory planes = picture(size, PixelLayout::i420);
+  const PictureView bgra = pictureAt(source.get(), {.layout = PixelLayout::bgra}, size);
+  const Picture i420 = pictureAt(planes.get(), {.layout = PixelLayout::i420}, size);
   for (auto _ : state) {
-    convertPicture(pictureAt<const std::uint8_t>(bgra.get(), {PixelLayout::bgra}, size), y, u, v);
+    convertPicture(bgra, i420.planes);
     benchmark::ClobberMemory();
   }
 }
 
 void toBT709(benchmark::State& state) {
-  subsample(state, [](const PictureView& bgra, Plane y, Plane u, Plane v) {
-    convertToI420(bgra, y, u, v);
+  subsample(state, [](const PictureView& bgra, const auto& planes) {
+    convertToI420(bgra, planes[0], planes[1], planes[2]);
   });
 }
 
 // libyuv's, for BT.601; it has none for BT.709.
 void toBT601(benchmark::State& state) {
-  subsample(state, [](const PictureView& bgra, Plane y, Plane u, Plane v) {
+  subsample(state, [](const PictureView& bgra, const auto& planes) {
     const int width = static_cast<int>(bgra.size.width);
-    libyuv::ARGBToI420(bgra.planes[0].samples, width * 4, y.samples, width, u.samples, width / 2,
-                       v.samples, width / 2, width, static_cast<int>(bgra.size.height));
+    libyuv::ARGBToI420(bgra.planes[0].samples, width * 4, planes[0].samples, width,
+                       planes[1].samples, width / 2, planes[2].samples, width / 2, width,
+                       static_cast<int>(bgra.size.height));
   });
 }
 
-BENCHMARK(convert)->Apply(pairs);
-BENCHMARK(copySource)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({1280, 720});
+void cameras(benchmark::internal::Benchmark* bench) {
+  bench->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({1280, 720});
+}
+
+BENCHMARK_CAPTURE(convert, rgba, PixelLayout::rgba, PixelLayout::bgra)->Apply(pairs);
+BENCHMARK_CAPTURE(convert, nv12, PixelLayout::nv12, PixelLayout::nv12)->Apply(pairs);
+BENCHMARK_CAPTURE(copySource, rgba, PixelLayout::rgba)->Apply(cameras);
+BENCHMARK_CAPTURE(copySource, nv12, PixelLayout::nv12)->Apply(cameras);
 BENCHMARK(toBT709)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({640, 360});
 BENCHMARK(toBT601)->Unit(benchmark::kMillisecond)->Args({1920, 1080})->Args({640, 360});
 

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
+#include <string_view>
 
 #include "bench/camera_clip.h"
 #include "bench/paced_load.h"
@@ -20,6 +22,7 @@ constexpr const char* usage =
     "       lumora-paced HELPER growth SECONDS\n"
     "       lumora-paced HELPER takes ROUNDS [PROFILE]\n"
     "       FRAMES=pipe|memory in the environment: how frames reach the helper\n"
+    "       FORMAT=rgba|nv12: what they are\n"
     "       MEMORY=settled: touches memory before each run, for virtual machines whose host takes "
     "free memory back\n";
 
@@ -29,13 +32,21 @@ client::HelperOptions helperOptions(const std::string& program) {
   return {.program = program, .frames = tools::frameTransport()};
 }
 
+bench::CameraClip makeClip(client::FrameSize size) {
+  const char* value = std::getenv("FORMAT");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const std::string_view format = value == nullptr ? "rgba" : value;
+  if (format == "nv12") return bench::CameraClip(size, tools::nv12);
+  if (format != "rgba") throw std::runtime_error("FORMAT may only be \"rgba\" or \"nv12\"");
+  return bench::CameraClip(size);
+}
+
 void measure(const tools::RunOptions& load, bench::CameraClip& clip) {
-  bench::print(load, clip.size(), bench::runLoad(load, clip));
+  bench::print(load, clip, bench::runLoad(load, clip));
 }
 
 void measureGrowth(const std::string& helper, double seconds) {
   for (const client::FrameSize size : {client::FrameSize{640, 360}, {1280, 720}, {1920, 1080}}) {
-    bench::CameraClip clip(size);
+    bench::CameraClip clip = makeClip(size);
     for (const int rate : {15, 30, 60}) {
       for (const char* take : {"none", "1080x720"}) {
         for (const int clients : {0, 1, 2}) {
@@ -68,7 +79,7 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
   const auto startTake = [&](client::Helper& to, const std::filesystem::path& path) {
     return to.startTake({.path = path, .resolution = profile, .targetFPS = 60});
   };
-  bench::CameraClip clip({1920, 1080});
+  bench::CameraClip clip = makeClip({1920, 1080});
   const tools::RunOptions load{.helper = helperOptions(helper),
                                .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
                                .clients = 1,
@@ -107,7 +118,7 @@ int run(const std::vector<std::string>& words) {
   } else if (mode == "load" && (words.size() == 7 || words.size() == 8)) {
     client::FrameSize size{};
     if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2) return 2;
-    bench::CameraClip clip(size);
+    bench::CameraClip clip = makeClip(size);
     const int rate = std::stoi(words[4]);
     measure(
         {.helper = helperOptions(words[0]),

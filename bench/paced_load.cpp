@@ -50,20 +50,22 @@ Delivered delivered(const tools::RunOptions& load, const tools::RunReport& repor
   return {report.deliveries.size() / clients, firstSecond - early / clients};
 }
 
-void print(const tools::RunOptions& load, client::FrameSize size, const tools::RunReport& report) {
+void print(const tools::RunOptions& load, const tools::FrameSource& source,
+           const tools::RunReport& report) {
+  const auto [width, height] = source.size();
   const auto [frames, lostAtStart] = delivered(load, report);
   const auto& late = report.lateness;
   const auto fed = static_cast<double>(report.fed);
   const auto withheld = report.stats.delivery.value_or(client::Stats::Delivery{});
   const Count toRecord = load.take ? report.fed - std::min(report.fed, load.framesBeforeTake) : 0;
   std::printf(
-      "%4dx%-4d %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  "
+      "%4dx%-4d %-10s %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  "
       "recorded %5llu of %5llu  left out %llu  dropped %llu (%llu at the start)  "
       "withheld %llu  throttled %llu  ",
-      size.width, size.height, load.framesPerSecond,
-      report.transport == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
-      load.take ? load.take->resolution.c_str() : "none", Count{report.fed}, Count{frames},
-      Count{report.take.frames}, toRecord, Count{report.frames.dropped},
+      width, height, source.format().value_or(client::FrameFormat{}).text().c_str(),
+      load.framesPerSecond, report.transport == client::FrameTransport::memory ? "memory" : "pipe",
+      load.clients, load.take ? load.take->resolution.c_str() : "none", Count{report.fed},
+      Count{frames}, Count{report.take.frames}, toRecord, Count{report.frames.dropped},
       Count{report.stats.droppedFrames}, Count{lostAtStart},
       Count{withheld.creditDrops + withheld.sendDrops}, Count{report.take.throttled});
   std::printf(

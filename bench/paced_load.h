@@ -22,6 +22,7 @@ struct Delivered {
 };
 Delivered delivered(const tools::RunOptions& load, const tools::RunReport& report);
 
-void print(const tools::RunOptions& load, client::FrameSize size, const tools::RunReport& report);
+void print(const tools::RunOptions& load, const tools::FrameSource& source,
+           const tools::RunReport& report);
 
 }  // namespace lumora::bench

@@ -29,16 +29,15 @@ void enlargeInput(pid_t process) {
 PipelineReport runPipeline(const std::string& command, CameraClip& clip,
                            const std::vector<std::uint64_t>& numbers, int framesPerSecond) {
   std::signal(SIGPIPE, SIG_IGN);
-  const auto start = SteadyClock::now();
   client::ChildProcess process({"/bin/sh", "", {"-c", "exec " + command}, {}});
   enlargeInput(process.pid());
+  SteadyClock::time_point start;
   auto due = start;
   for (const std::uint64_t number : numbers) {
-    if (framesPerSecond > 0) {
-      std::this_thread::sleep_until(due);
-      due += std::chrono::microseconds(1'000'000 / framesPerSecond);
-    }
+    std::this_thread::sleep_until(due);
     if (!process.writeBytes(clip.next(number, 0))) break;
+    if (number == numbers.front()) start = due = SteadyClock::now();
+    if (framesPerSecond > 0) due += std::chrono::microseconds(1'000'000 / framesPerSecond);
   }
   PipelineReport report;
   report.peakMegabytes = tools::peakMegabytes(process.pid());
@@ -57,16 +56,17 @@ double measureSSIM(const std::string& path, CameraClip& clip,
   const std::string camera =
       std::to_string(clip.size().width) + "x" + std::to_string(clip.size().height);
   const std::string filter =
-      "[0]vflip,scale=" + wanted +
+      "[0]" + std::string(clip.uprightFilter()) + ",scale=" + wanted +
       ":force_original_aspect_ratio=decrease:flags=lanczos+accurate_rnd+full_chroma_int"
-      ":out_color_matrix=bt709,pad=" +
+      ":in_color_matrix=bt709:out_color_matrix=bt709,pad=" +
       wanted +
       ":-1:-1,format=yuv420p,settb=1/60,setpts=N[source];"
       "[1]format=yuv420p,settb=1/60,setpts=N[made];[made][source]ssim";
   const std::string output =
-      runPipeline("ffmpeg -nostdin -nostats -hide_banner -f rawvideo -pix_fmt rgba -r 60 -s " +
-                      camera + " -i pipe:0 -i " + tools::shellQuoted(path) + " -filter_complex " +
-                      tools::shellQuoted(filter) + " -f null - 2>&1",
+      runPipeline("ffmpeg -nostdin -nostats -hide_banner -f rawvideo -pix_fmt " +
+                      std::string(clip.formatName()) + " -r 60 -s " + camera + " -i pipe:0 -i " +
+                      tools::shellQuoted(path) + " -filter_complex " + tools::shellQuoted(filter) +
+                      " -f null - 2>&1",
                   clip, numbers)
           .output;
   const auto at = output.rfind(" All:");

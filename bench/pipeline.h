@@ -10,7 +10,7 @@ namespace lumora::bench {
 
 struct PipelineReport {
   double cpuSeconds = 0;   // of the program
-  double wallSeconds = 0;  // from its start to its end
+  double wallSeconds = 0;  // from the first frame that it has read to its end
   double peakMegabytes = 0;
   std::string output = {};  // what it printed
 };

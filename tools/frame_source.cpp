@@ -20,11 +20,21 @@ std::string environment(const char* name) {
 
 }  // namespace
 
-CommandSource::CommandSource(const std::string& command, client::FrameSize size, bool keepsTime)
+std::string nv12Filters(client::FrameSize size) {
+  const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
+  return "scale=" + picture +
+         ":force_original_aspect_ratio=decrease:flags=bicubic:param0=0:param1=0.5"
+         ":out_color_matrix=bt709:out_range=tv,format=nv12,pad=" +
+         picture + ":-1:-1";
+}
+
+CommandSource::CommandSource(const std::string& command, client::FrameSize size,
+                             std::optional<client::FrameFormat> format, bool keepsTime)
     : size_(size),
+      format_(format),
       keepsTime_(keepsTime),
       pipe_(popen(command.c_str(), "re")),
-      frame_(size.bytes()) {
+      frame_(format.value_or(client::FrameFormat{}).bytes(size)) {
   if (!pipe_) throw std::system_error(errno, std::generic_category(), command);
   constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
   fcntl(fileno(pipe_.get()), F_SETPIPE_SZ, pipeBytes);
@@ -40,16 +50,20 @@ std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSeco
   if (input.empty()) return std::make_unique<TestCard>(size);
   std::error_code error;
   const bool isCamera = std::filesystem::is_character_file(input, error);
-  const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
   const std::string rate = std::to_string(framesPerSecond);
   // A camera that does not offer this rate keeps its own.
   return std::make_unique<CommandSource>(
       "ffmpeg -v error -nostdin " +
           (isCamera ? "-f v4l2 -framerate " + rate : std::string("-stream_loop -1")) + " -i " +
-          shellQuoted(input) + " -an -vf 'scale=" + picture +
-          ":force_original_aspect_ratio=decrease,pad=" + picture + ":(ow-iw)/2:(oh-ih)/2,vflip" +
-          (isCamera ? "" : ",fps=" + rate) + "' -pix_fmt rgba -f rawvideo -",
-      size, isCamera);
+          shellQuoted(input) + " -an -vf " + nv12Filters(size) + (isCamera ? "" : ",fps=" + rate) +
+          " -f rawvideo -",
+      size, nv12, isCamera);
+}
+
+client::HelperOptions helperFor(const FrameSource& source, client::HelperOptions options) {
+  options.frameSize = source.size();
+  options.format = source.format();
+  return options;
 }
 
 client::FrameTransport frameTransport(client::FrameTransport fallback) {

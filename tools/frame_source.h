@@ -8,11 +8,20 @@
 
 namespace lumora::tools {
 
-// Frames as a helper takes them: RGBA, the bottom row first.
+// What the pictures of ffmpeg are: 4:2:0, as most cameras have them, so that nothing turns them
+// into RGB and back.
+inline constexpr client::FrameFormat nv12{.encoding = client::FrameEncoding::nv12,
+                                          .matrix = client::ColourMatrix::bt709};
+
+// ffmpeg's filters that fit pictures into `size`, between black bars, and make them `nv12`.
+std::string nv12Filters(client::FrameSize size);
+
 class FrameSource {
  public:
   virtual ~FrameSource() = default;
   virtual client::FrameSize size() const = 0;
+  // What a helper has to be told of the frames; empty: RGBA, the bottom row first.
+  virtual std::optional<client::FrameFormat> format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
@@ -38,8 +47,10 @@ class TestCard final : public FrameSource {
 class CommandSource final : public FrameSource {
  public:
   // Throws std::system_error when no shell can be started.
-  CommandSource(const std::string& command, client::FrameSize size, bool keepsTime = false);
+  CommandSource(const std::string& command, client::FrameSize size,
+                std::optional<client::FrameFormat> format, bool keepsTime = false);
   client::FrameSize size() const override { return size_; }
+  std::optional<client::FrameFormat> format() const override { return format_; }
   bool keepsTime() const override { return keepsTime_; }
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
 
@@ -48,6 +59,7 @@ class CommandSource final : public FrameSource {
     void operator()(std::FILE* pipe) const { pclose(pipe); }
   };
   client::FrameSize size_;
+  std::optional<client::FrameFormat> format_;
   bool keepsTime_;
   std::unique_ptr<std::FILE, ClosePipe> pipe_;
   std::vector<std::uint8_t> frame_;
@@ -56,6 +68,9 @@ class CommandSource final : public FrameSource {
 // Opens the video file or camera that the environment variable INPUT names, or a test card if it is
 // not set. A file plays in a loop. ffmpeg scales the picture to fit `size`.
 std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond);
+
+// `options` for a helper that gets the frames of `source`.
+client::HelperOptions helperFor(const FrameSource& source, client::HelperOptions options);
 
 // Returns the transport that the environment variable FRAMES names, "memory" or "pipe", or
 // `fallback` if it is not set. Throws std::runtime_error for anything else.

@@ -19,17 +19,12 @@ double millisecondsSince(SteadyClock::time_point start) {
   return std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count();
 }
 
-client::HelperOptions withFrameSize(client::HelperOptions options, client::FrameSize size) {
-  options.frameSize = size;
-  return options;
-}
-
 class Run {
  public:
   Run(const RunOptions& options, FrameSource& source)
       : options_(options),
         source_(source),
-        helper_(withFrameSize(options.helper, source.size()),
+        helper_(helperFor(source, options.helper),
                 [this](const client::Event& event) { eventCame(event); }) {
     report_.readyMilliseconds = millisecondsSince(launched_);
     report_.transport = helper_.frameTransport();
@@ -55,14 +50,14 @@ class Run {
     const auto count = static_cast<std::uint64_t>(options_.seconds * options_.framesPerSecond);
     std::uint64_t number = 1;
     for (; number <= count && !helper_.exited(); ++number) {
-      const auto rgba = source_.next(number, secondsAt(number));
-      if (rgba.empty()) break;
+      const auto picture = source_.next(number, secondsAt(number));
+      if (picture.empty()) break;
       lateness_.push_back(waitFor(number));
       if (options_.take && number == options_.framesBeforeTake + 1) {
         take_ = helper_.startTake(*options_.take);
       }
       if (options_.beforeFrame) options_.beforeFrame(helper_, number);
-      helper_.writeFrame(source_.size(), nextID(), rgba);
+      helper_.writeFrame(source_.size(), nextID(), picture);
       if (progress && number % static_cast<std::uint64_t>(options_.framesPerSecond) == 0) {
         progress(report());
       }

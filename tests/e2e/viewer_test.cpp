@@ -9,6 +9,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 #include <csignal>
+#include <fstream>
 #include <regex>
 
 #include "tests/e2e/helper_fixture.h"
@@ -59,8 +60,9 @@ struct Viewer : HelperTest {
     for (Event told = Event::object();; told = waitForMessage("event")["event"])
       if (told.value("state", "") == state) return told;
   }
-  void record() {
-    view({"--demo", "--helper", helperProgram(), "--folder", folder, "--size", "320x240"});
+  void record(const std::map<std::string, std::string>& environment = {}) {
+    view({"--demo", "--helper", helperProgram(), "--folder", folder, "--size", "320x240"},
+         environment);
     while (pictures < 5) next();
     say({{"type", "start"}, {"resolution", "640x360"}, {"target_fps", 60}, {"folder", folder}});
     waitForState("recording");
@@ -88,6 +90,25 @@ TEST_F(Viewer, SavesTheTakeAtCtrlC) {
   EXPECT_EQ(exitOfViewer(), 0);
   EXPECT_EQ(viewer->nextLine(1), "Saved " + saved["path"].get<std::string>());
   EXPECT_EQ(decodeErrors(saved["path"]), "");
+}
+
+TEST_F(Viewer, FeedsAVideoFileUprightInItsColours) {
+  const std::string input = folder / "input.pam";
+  const Rgb red{200, 30, 30}, green{40, 180, 60}, blue{30, 60, 220}, yellow{220, 200, 40};
+  const Pixels topFirst = quarters({320, 240}, blue, yellow, red, green);
+  (std::ofstream(input) << "P7\nWIDTH 320\nHEIGHT 240\nDEPTH 4\nMAXVAL 255\n"
+                           "TUPLTYPE RGB_ALPHA\nENDHDR\n")
+      .write(reinterpret_cast<const char*>(topFirst.data()), std::ssize(topFirst));
+  record({{"INPUT", input}});
+  say({{"type", "stop"}});
+  expectColours(waitForState("saved")["path"], {640, 360},
+                {{0.3, 0.25, red},
+                 {0.7, 0.25, green},
+                 {0.3, 0.75, blue},
+                 {0.7, 0.75, yellow},
+                 {0.05, 0.5, {0, 0, 0}}});
+  viewer->sendSignal(SIGTERM);
+  EXPECT_EQ(exitOfViewer(), 0);
 }
 
 TEST_F(Viewer, EndsWithOneWhenATakeIsLost) {

@@ -11,7 +11,7 @@ Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::Fram
     : handlers_(std::move(handlers)),
       source_(std::move(source)),
       framesPerSecond_(framesPerSecond),
-      helper_(options,
+      helper_(tools::helperFor(*source_, options),
               [this](const client::Event& event) {
                 const auto* exited = std::get_if<client::Exited>(&event.what);
                 if (exited != nullptr) return handlers_.ended(*exited);

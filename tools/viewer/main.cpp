@@ -98,9 +98,7 @@ std::string findHelper(const std::string& named) {
   if (options.demo) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
-    bridge.own({.program = findHelper(options.helper),
-                .frames = tools::frameTransport(),
-                .frameSize = options.size},
+    bridge.own({.program = findHelper(options.helper), .frames = tools::frameTransport()},
                tools::openInput(options.size, options.rate), options.rate, folder);
   } else {
     bridge.join(options.address);

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include <lumora/uptime.h>
+
+namespace lumora::bench {
+
+// Says on standard error what is being done, and how long it takes until all is done.
+class Progress {
+ public:
+  // How long all steps take, by plan.
+  explicit Progress(double seconds) : planned_(seconds) {}
+  // A step that takes so long by plan. The steps before it show how good the plan is.
+  void begin(const std::string& step, double seconds) {
+    const double pace = begun_ > 0 ? (client::uptime() - start_) / begun_ : 1;
+    std::fprintf(stderr, "\r%4.0f min left: %-80s", (planned_ - begun_) * pace / 60, step.c_str());
+    begun_ += seconds;
+  }
+  // Makes room for a line on standard output.
+  static void clear() { std::fprintf(stderr, "\r%98s\r", ""); }
+
+ private:
+  const double start_ = client::uptime();
+  const double planned_;
+  double begun_ = 0;  // seconds, by plan, of the steps so far
+};
+
+}  // namespace lumora::bench
