@@ -22,7 +22,8 @@ export function assertColours(pixels, where, most = 2) {
 // The first access unit, which is parameter sets and a key frame, for `showColours`.
 export function streamOf(file) {
   const unit = ffmpeg('-i', file, '-c', 'copy', '-frames:v', '1', '-f', 'h264', '-');
-  return { stream: unit.toString('base64'), codec: `avc1.${unit.toString('hex', 5, 8)}` };
+  const profile = unit.indexOf(Buffer.from([0, 0, 1, 0x67])) + 4;  // in the sequence parameter set
+  return { stream: unit.toString('base64'), codec: `avc1.${unit.toString('hex', profile, profile + 3)}` };
 }
 
 // The colours in the video element, or in the first picture of `stream`, as WebCodecs decodes it.

@@ -93,12 +93,14 @@ TEST_F(Viewer, SavesTheTakeAtCtrlC) {
 }
 
 TEST_F(Viewer, FeedsAVideoFileUprightInItsColours) {
-  const std::string input = folder / "input.pam";
+  const std::string still = folder / "still.pam";
+  const std::string input = folder / "input.mkv";
   const Rgb red{200, 30, 30}, green{40, 180, 60}, blue{30, 60, 220}, yellow{220, 200, 40};
   const Pixels topFirst = quarters({320, 240}, blue, yellow, red, green);
-  (std::ofstream(input) << "P7\nWIDTH 320\nHEIGHT 240\nDEPTH 4\nMAXVAL 255\n"
+  (std::ofstream(still) << "P7\nWIDTH 320\nHEIGHT 240\nDEPTH 4\nMAXVAL 255\n"
                            "TUPLTYPE RGB_ALPHA\nENDHDR\n")
       .write(reinterpret_cast<const char*>(topFirst.data()), std::ssize(topFirst));
+  outputOf("ffmpeg -v error -nostdin -loop 1 -t 1 -i " + still + " -c:v ffv1 " + input);
   record({{"INPUT", input}});
   say({{"type", "stop"}});
   expectColours(waitForState("saved")["path"], {640, 360},
