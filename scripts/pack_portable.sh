@@ -17,7 +17,7 @@ install -m 644 /usr/share/common-licenses/GPL-3 "$content/licences/GPL-3.txt"
 for part in ffmpeg x264 highway; do
   install -m 644 "$build/sources/$part"-*/debian/copyright "$content/licences/$part.txt"
 done
-for package in libyuv-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-dev libstdc++-12-dev; do
+for package in libyuv-dev libjpeg62-turbo-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-dev libstdc++-12-dev; do
   install -m 644 "/usr/share/doc/$package/copyright" "$content/licences/${package%-dev}.txt"
 done
 
@@ -34,7 +34,7 @@ commit=$(git describe --always --dirty --abbrev=40 --exclude="*")
     echo "  $part $(dpkg-parsechangelog -l "$build/sources/$part"-*/debian/changelog -S Version)"
   done
   dpkg-query -W -f '  ${Package} ${Version} (source ${source:Package} ${source:Version})\n' \
-    libyuv-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-dev libstdc++-12-dev g++-12 nasm
+    libyuv-dev libjpeg62-turbo-dev libboost1.74-dev nlohmann-json3-dev libffmpeg-nvenc-dev libstdc++-12-dev g++-12 nasm
   echo
   echo "Encoders: libx264, h264_nvenc, h264_v4l2m2m. Those of VAAPI and Quick Sync are in the Debian"
   echo "package lumora-video."
