@@ -33,14 +33,14 @@ std::string scenery(int width, int height) {
 
 // One picture, a little larger than a frame, is turned about its middle: at 1920 pixels its sides
 // move by a pixel a frame. The noise has a deviation of 3 of 255.
-CameraClip::CameraClip(client::FrameSize camera, std::optional<client::FrameFormat> format,
+CameraClip::CameraClip(client::FrameSize camera, const client::FrameFormat& format,
                        client::FrameSize size)
     : size_(size), format_(format) {
   const std::string graph =
       scenery(camera.width * 11 / 10, camera.height * 11 / 10) +
       ",loop=loop=-1:size=1,rotate=a=0.01*cos(PI*n/" + std::to_string(framesOneWay) +
       "),crop=" + join(camera.width, ":", camera.height) + ",noise=alls=5:allf=t," +
-      (format ? tools::nv12Filters(size) : std::string("vflip,format=rgba"));
+      (isNV12() ? tools::nv12Filters(size) : std::string("vflip,format=rgba"));
   tools::CommandSource drawn("ffmpeg -v error -nostdin -f lavfi -i " + tools::shellQuoted(graph) +
                                  " -frames:v " + std::to_string(framesOneWay + 1) +
                                  " -f rawvideo -",

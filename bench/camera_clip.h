@@ -11,27 +11,27 @@ namespace lumora::bench {
 // in the constructor. It is the same in every run.
 class CameraClip final : public tools::FrameSource {
  public:
-  // RGBA, or `tools::nv12`. Throws std::runtime_error when ffmpeg does not draw it.
-  explicit CameraClip(client::FrameSize camera, std::optional<client::FrameFormat> format = {})
+  // RGBA, or `tools::nv12BT709`. Throws std::runtime_error when ffmpeg does not draw it.
+  explicit CameraClip(client::FrameSize camera, const client::FrameFormat& format = {})
       : CameraClip(camera, format, camera) {}
   // As NV12, scaled to fit `size`.
   CameraClip(client::FrameSize camera, client::FrameSize size)
-      : CameraClip(camera, tools::nv12, size) {}
+      : CameraClip(camera, tools::nv12BT709, size) {}
   client::FrameSize size() const override { return size_; }
-  std::optional<client::FrameFormat> format() const override { return format_; }
-  const char* formatName() const { return format_ ? "nv12" : "rgba"; }  // as ffmpeg calls it
+  client::FrameFormat format() const override { return format_; }
+  bool isNV12() const { return format_.encoding == client::FrameEncoding::nv12; }
+  const char* formatName() const { return isNV12() ? "nv12" : "rgba"; }  // as ffmpeg calls it
   // ffmpeg's filter that turns frames upright.
-  const char* uprightFilter() const { return format_ ? "null" : "vflip"; }
+  const char* uprightFilter() const { return isNV12() ? "null" : "vflip"; }
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
   std::size_t frameBytes() const { return frames_[0].size(); }
   std::size_t length() const { return 2 * (frames_.size() - 1); }  // frames, until it repeats
 
  private:
-  CameraClip(client::FrameSize camera, std::optional<client::FrameFormat> format,
-             client::FrameSize size);
+  CameraClip(client::FrameSize camera, const client::FrameFormat& format, client::FrameSize size);
 
   client::FrameSize size_;
-  std::optional<client::FrameFormat> format_;
+  client::FrameFormat format_;
   std::vector<std::vector<std::uint8_t>> frames_;  // shown forwards, then backwards
 };
 

@@ -41,7 +41,7 @@ std::string ffmpegCommand(const CameraClip& clip, const std::string& preset,
                           const Outputs& outputs) {
   const std::string smaller = "[a]scale=640:360:flags=area";
   return ffmpeg(clip, preset, outputs,
-                clip.format() ? "[0]split[a][t];" + smaller + "[p]"
+                clip.isNV12() ? "[0]split[a][t];" + smaller + "[p]"
                               : "[0]vflip,split[a][b];" + smaller + ":" + matrix +
                                     ",format=yuv420p[p];[b]scale=" + matrix + ",format=yuv420p[t]");
 }
@@ -55,7 +55,7 @@ std::string ffmpegOnceCommand(const CameraClip& clip, const std::string& preset,
 
 std::string gstreamerCommand(const CameraClip& clip, const std::string& preset,
                              const Outputs& outputs) {
-  const bool isNV12 = clip.format().has_value();
+  const bool isNV12 = clip.isNV12();
   const std::string format =
       "video/x-raw,colorimetry=bt709,format=" + std::string(isNV12 ? "NV12" : "I420");
   return "gst-launch-1.0 -q fdsrc fd=0 blocksize=" + std::to_string(clip.frameBytes()) +

@@ -35,7 +35,7 @@ client::HelperOptions helperOptions(const std::string& program) {
 bench::CameraClip makeClip(client::FrameSize size) {
   const char* value = std::getenv("FORMAT");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   const std::string_view format = value == nullptr ? "rgba" : value;
-  if (format == "nv12") return bench::CameraClip(size, tools::nv12);
+  if (format == "nv12") return bench::CameraClip(size, tools::nv12BT709);
   if (format != "rgba") throw std::runtime_error("FORMAT may only be \"rgba\" or \"nv12\"");
   return bench::CameraClip(size);
 }

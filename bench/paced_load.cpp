@@ -62,10 +62,10 @@ void print(const tools::RunOptions& load, const tools::FrameSource& source,
       "%4dx%-4d %-10s %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  "
       "recorded %5llu of %5llu  left out %llu  dropped %llu (%llu at the start)  "
       "withheld %llu  throttled %llu  ",
-      width, height, source.format().value_or(client::FrameFormat{}).text().c_str(),
-      load.framesPerSecond, report.transport == client::FrameTransport::memory ? "memory" : "pipe",
-      load.clients, load.take ? load.take->resolution.c_str() : "none", Count{report.fed},
-      Count{frames}, Count{report.take.frames}, toRecord, Count{report.frames.dropped},
+      width, height, source.format().text().c_str(), load.framesPerSecond,
+      report.transport == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
+      load.take ? load.take->resolution.c_str() : "none", Count{report.fed}, Count{frames},
+      Count{report.take.frames}, toRecord, Count{report.frames.dropped},
       Count{report.stats.droppedFrames}, Count{lostAtStart},
       Count{withheld.creditDrops + withheld.sendDrops}, Count{report.take.throttled});
   std::printf(

@@ -23,7 +23,7 @@ struct Job {
 // What the camera sees, and for the encoders alone the same as they get it.
 struct Clips {
   CameraClip rgba{camera};
-  CameraClip nv12{camera, tools::nv12};
+  CameraClip nv12{camera, tools::nv12BT709};
   CameraClip preview{camera, previewSize};
   CameraClip smallTake{camera, defaultTake};
 };

@@ -10,7 +10,7 @@
 namespace lumora::client {
 
 void flipRows(std::span<std::uint8_t> rgba, FrameSize size) {
-  if (rgba.size() != size.bytes())
+  if (rgba.size() != size.rgbaBytes())
     throw std::invalid_argument("the pixels do not fit the frame size");
   const auto rowBytes = static_cast<std::ptrdiff_t>(size.width) * 4;
   for (int row = 0; row < size.height / 2; ++row) {
@@ -38,7 +38,6 @@ std::vector<FramePlane> Frame::planes() const {
   const auto all = pixels();
   if (all.empty()) return {};
   const FrameLayout& layout = layoutOf(format_.encoding);
-  if (layout.isCompressed()) return {{all.data(), std::ssize(all), 1, all.size()}};
   std::vector<FramePlane> planes;
   std::uint8_t* next = all.data();
   for (const PlaneLayout& each : layout.planes) {
@@ -59,7 +58,7 @@ void Frame::setLength(std::size_t bytes) {
 
 void Frame::copyFrom(std::span<const SourcePlane> picture) {
   const auto mine = planes();
-  if (layoutOf(format_.encoding).isCompressed() || picture.size() != mine.size() || mine.empty())
+  if (picture.size() != mine.size() || mine.empty())
     throw std::invalid_argument("the planes do not fit the frame");
   for (std::size_t i = 0; i < mine.size(); ++i) {
     const auto& [to, stride, rows, rowBytes] = mine[i];

@@ -47,7 +47,8 @@ std::string FrameFormat::text() const {
 
 std::size_t FrameFormat::bytes(FrameSize size) const {
   const FrameLayout& layout = layoutOf(encoding);
-  if (layout.isCompressed()) return std::max(size.bytes() / 2, leastCompressedRoom);
+  if (layout.isCompressed())
+    return std::max(FrameFormat{FrameEncoding::yuyv}.bytes(size), leastCompressedRoom);
   std::size_t sum = 0;
   for (const PlaneLayout& plane : layout.planes)
     sum += plane.rowBytes(size) * static_cast<std::size_t>(plane.rowCount(size));

@@ -42,9 +42,9 @@ void check(const FrameFormat& format) {
 }
 
 std::shared_ptr<FrameSlots> makeSlots(const HelperOptions& options) {
-  const FrameFormat format = options.format.value_or(FrameFormat{});
-  auto shared = options.frames == FrameTransport::memory ? FrameSlots::makeShared(format) : nullptr;
-  return shared ? shared : FrameSlots::makePrivate(format);
+  const bool shares = options.frames == FrameTransport::memory;
+  auto shared = shares ? FrameSlots::makeShared(options.format) : nullptr;
+  return shared ? shared : FrameSlots::makePrivate(options.format);
 }
 
 std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token,
@@ -53,7 +53,7 @@ std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::st
   try {
     return std::make_shared<ChildProcess>(
         LaunchOptions{program, token, options.arguments, options.environment, frameMemory,
-                      options.format ? options.format->text() : ""});
+                      options.format == FrameFormat{} ? "" : options.format.text()});
   } catch (const std::system_error& error) {
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }
@@ -127,7 +127,11 @@ class Helper::Impl {
     return frame;
   }
 
-  void publish(Frame frame, std::uint64_t id) { feeder_->write(std::move(frame), id); }
+  void publish(Frame frame, std::uint64_t id) {
+    if (frame.format() != slots_->format())
+      throw std::invalid_argument("the frame has another format than this helper's");
+    feeder_->write(std::move(frame), id);
+  }
 
   FrameCounts frameCounts() const { return feeder_->counts(); }
 
@@ -234,7 +238,7 @@ class Helper::Impl {
 
 Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (options.frameSize) check(*options.frameSize);
-  if (options.format) check(*options.format);
+  check(options.format);
   impl_ = std::make_unique<Impl>(options, std::move(onEvent));
   impl_->begin();  // the handler may call us, so `impl_` is set before
 }

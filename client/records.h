@@ -23,7 +23,7 @@ RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::u
 // The header in front of a picture of this length, or of RGBA pixels. Ids start above 0 and grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length);
 inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
-  return frameHeader(size, id, size.bytes());
+  return frameHeader(size, id, size.rgbaBytes());
 }
 
 // The whole record of a frame whose picture lies at `offset` of the memory shared with the helper.

@@ -29,12 +29,12 @@ std::string nv12Filters(client::FrameSize size) {
 }
 
 CommandSource::CommandSource(const std::string& command, client::FrameSize size,
-                             std::optional<client::FrameFormat> format, bool keepsTime)
+                             const client::FrameFormat& format, bool keepsTime)
     : size_(size),
       format_(format),
       keepsTime_(keepsTime),
       pipe_(popen(command.c_str(), "re")),
-      frame_(format.value_or(client::FrameFormat{}).bytes(size)) {
+      frame_(format.bytes(size)) {
   if (!pipe_) throw std::system_error(errno, std::generic_category(), command);
   constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
   fcntl(fileno(pipe_.get()), F_SETPIPE_SZ, pipeBytes);
@@ -57,7 +57,7 @@ std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSeco
           (isCamera ? "-f v4l2 -framerate " + rate : std::string("-stream_loop -1")) + " -i " +
           shellQuoted(input) + " -an -vf " + nv12Filters(size) + (isCamera ? "" : ",fps=" + rate) +
           " -f rawvideo -",
-      size, nv12, isCamera);
+      size, nv12BT709, isCamera);
 }
 
 client::HelperOptions helperFor(const FrameSource& source, client::HelperOptions options) {

@@ -10,10 +10,10 @@ namespace lumora::tools {
 
 // What the pictures of ffmpeg are: 4:2:0, as most cameras have them, so that nothing turns them
 // into RGB and back.
-inline constexpr client::FrameFormat nv12{.encoding = client::FrameEncoding::nv12,
-                                          .matrix = client::ColourMatrix::bt709};
+inline constexpr client::FrameFormat nv12BT709{.encoding = client::FrameEncoding::nv12,
+                                               .matrix = client::ColourMatrix::bt709};
 
-// ffmpeg's filters that fit pictures into `size`, between black bars, and make them `nv12`.
+// ffmpeg's filters that fit pictures into `size`, between black bars, and make them `nv12BT709`.
 std::string nv12Filters(client::FrameSize size);
 
 class FrameSource {
@@ -21,7 +21,7 @@ class FrameSource {
   virtual ~FrameSource() = default;
   virtual client::FrameSize size() const = 0;
   // What a helper has to be told of the frames; empty: RGBA, the bottom row first.
-  virtual std::optional<client::FrameFormat> format() const { return {}; }
+  virtual client::FrameFormat format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
@@ -48,9 +48,9 @@ class CommandSource final : public FrameSource {
  public:
   // Throws std::system_error when no shell can be started.
   CommandSource(const std::string& command, client::FrameSize size,
-                std::optional<client::FrameFormat> format, bool keepsTime = false);
+                const client::FrameFormat& format, bool keepsTime = false);
   client::FrameSize size() const override { return size_; }
-  std::optional<client::FrameFormat> format() const override { return format_; }
+  client::FrameFormat format() const override { return format_; }
   bool keepsTime() const override { return keepsTime_; }
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
 
@@ -59,7 +59,7 @@ class CommandSource final : public FrameSource {
     void operator()(std::FILE* pipe) const { pclose(pipe); }
   };
   client::FrameSize size_;
-  std::optional<client::FrameFormat> format_;
+  client::FrameFormat format_;
   bool keepsTime_;
   std::unique_ptr<std::FILE, ClosePipe> pipe_;
   std::vector<std::uint8_t> frame_;

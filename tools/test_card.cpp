@@ -75,7 +75,7 @@ Colour cardColour(int x, int y, int period, int height) {
 }  // namespace
 
 TestCard::TestCard(client::FrameSize size)
-    : size_(size), wide_(size.bytes() * 2), frame_(size.bytes()) {
+    : size_(size), wide_(size.rgbaBytes() * 2), frame_(size.rgbaBytes()) {
   const Canvas canvas{wide_, {size.width * 2, size.height}};
   for (int y = 0; y < size.height; ++y) {
     for (int x = 0; x < size.width * 2; ++x) {

@@ -42,8 +42,8 @@ v4l2_pix_format choosePicture(int device) {
     answer.fmt.pix.height = 720;
     answer.fmt.pix.pixelformat = wanted;
     answer.fmt.pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;  // we read the fields behind it
-    require(ioctl(device, VIDIOC_S_FMT, &answer) == 0, "VIDIOC_S_FMT");
-    if (answer.fmt.pix.pixelformat == wanted) return answer.fmt.pix;
+    const bool isTaken = ioctl(device, VIDIOC_S_FMT, &answer) == 0;
+    if (isTaken && answer.fmt.pix.pixelformat == wanted) return answer.fmt.pix;
   }
   throw std::runtime_error("the camera has neither NV12 nor YUYV nor JPEG pictures");
 }
@@ -84,6 +84,14 @@ std::vector<const std::uint8_t*> startStream(int device) {
   return buffers;
 }
 
+// Cameras deliver empty and broken buffers, too.
+bool isWhole(const v4l2_buffer& filled, const v4l2_pix_format& picture) {
+  if ((filled.flags & V4L2_BUF_FLAG_ERROR) != 0) return false;
+  if (picture.pixelformat != V4L2_PIX_FMT_MJPEG) return filled.bytesused >= picture.sizeimage;
+  const FrameSize size{static_cast<int>(picture.width), static_cast<int>(picture.height)};
+  return filled.bytesused > 2 && filled.bytesused <= formatOf(picture).bytes(size);
+}
+
 void copy(const std::uint8_t* samples, std::size_t bytes, const v4l2_pix_format& from, Frame& to) {
   if (from.pixelformat == V4L2_PIX_FMT_MJPEG) return to.copyFrom({samples, bytes});
   const std::ptrdiff_t stride = from.bytesperline;
@@ -117,8 +125,8 @@ int main(int argc, char** argv) try {
   for (std::uint64_t lastID = 0; uptime() < end;) {
     v4l2_buffer filled = bufferOf(0);
     require(ioctl(device, VIDIOC_DQBUF, &filled) == 0, "VIDIOC_DQBUF");
-    auto frame = helper.acquireFrame(size);  // empty when every slot is busy: skip this picture
-    if (frame && (filled.flags & V4L2_BUF_FLAG_ERROR) == 0) {
+    // Empty when every slot is busy: skip this picture.
+    if (auto frame = isWhole(filled, picture) ? helper.acquireFrame(size) : std::nullopt) {
       copy(buffers.at(filled.index), filled.bytesused, picture, *frame);
       lastID = std::max(lastID + 1, frameID(capturedAt(filled)));
       helper.publish(*std::move(frame), lastID);

@@ -84,7 +84,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   RecordPicture readPicture(const RecordHeader& header);
   RecordPicture sharedPicture(const RecordHeader& header);
   PictureMemory allocatePicture(std::size_t bytes);
-  void show(RecordPicture picture, RawFrame& frame);
+  void givePicture(RawFrame& frame, RecordPicture picture);
+  RecordPicture copyOf(const RecordPicture& picture);
 
   // encode/
   std::shared_ptr<CompressionSession> compressionSession(const EncoderSettings& settings);

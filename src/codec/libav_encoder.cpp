@@ -2,7 +2,6 @@
 
 extern "C" {
 #include <libavutil/hwcontext.h>
-#include <libavutil/imgutils.h>
 #include <libavutil/log.h>
 }
 
@@ -20,8 +19,6 @@ extern "C" {
 
 namespace lumora {
 namespace {
-
-constexpr int planeAlignment = 64;  // bytes, of every row
 
 PixelLayout layoutOf(AVPixelFormat format) {
   return format == AV_PIX_FMT_NV12 ? PixelLayout::nv12 : PixelLayout::i420;
@@ -51,17 +48,24 @@ Status holdOnto(AVFrame& frame, std::uint8_t* memory, std::size_t size, Owner ow
   return 0;
 }
 
+// Has `frame` show `planes`.
+void setPlanes(AVFrame& frame, std::span<const PlaneView> planes) {
+  for (std::size_t i = 0; i < planes.size(); ++i) {
+    frame.data[i] = const_cast<std::uint8_t*>(planes[i].samples);
+    frame.linesize[i] = static_cast<int>(planes[i].stride);
+  }
+}
+
 // Gives `frame`, whose format and size are set, planes in memory for pictures.
 Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
-  const auto format = static_cast<AVPixelFormat>(frame.format);
-  const int size = av_image_get_buffer_size(format, frame.width, frame.height, planeAlignment);
-  if (size < 0) return size;
-  PictureMemory memory = pictures.allocate(static_cast<std::size_t>(size));
+  const PixelLayout layout = layoutOf(static_cast<AVPixelFormat>(frame.format));
+  const PictureSize size{frame.width, frame.height};
+  const std::size_t bytes = pictureBytes(layout, size, rowAlignment);
+  const PictureMemory memory = pictures.allocate(bytes);
   if (!memory) return AVERROR(ENOMEM);
-  const int filled = av_image_fill_arrays(frame.data, frame.linesize, memory.get(), format,
-                                          frame.width, frame.height, planeAlignment);
-  if (filled < 0) return filled;
-  return holdOnto(frame, memory.get(), static_cast<std::size_t>(size), memory, 0);
+  const PictureView picture = pictureAt(memory.get(), {layout}, size, rowAlignment);
+  setPlanes(frame, picture.planes);
+  return holdOnto(frame, memory.get(), bytes, memory, 0);
 }
 
 }  // namespace
@@ -132,14 +136,16 @@ Status LibavEncoder::allocatePicture() {
   return usePictureMemory(*picture_, *pictures_);
 }
 
-// Whether the encoder can read the picture where it lies. Drivers may not take negative strides.
+// Whether the encoder can read the picture where it lies. A driver may want other rows, or keep the
+// picture. An upload copies it, but may not take negative strides.
 bool LibavEncoder::canBorrow(const PictureView& picture) const {
   if (picture.format.fullRange ||
       picture.format.layout != layoutOf(static_cast<AVPixelFormat>(picture_->format))) {
     return false;
   }
-  return !isHardware(*context_->codec) ||
-         std::ranges::none_of(picture.planes, [](PlaneView plane) { return plane.stride < 0; });
+  const bool isUpright =
+      std::ranges::none_of(picture.planes, [](PlaneView plane) { return plane.stride < 0; });
+  return !isHardware(*context_->codec) || (uploaded_ && isUpright);
 }
 
 Status LibavEncoder::borrow(std::shared_ptr<PixelBuffer> buffer) {
@@ -149,10 +155,7 @@ Status LibavEncoder::borrow(std::shared_ptr<PixelBuffer> buffer) {
   borrowed_->format = picture_->format;
   borrowed_->width = picture_->width;
   borrowed_->height = picture_->height;
-  for (std::size_t i = 0; i < picture.planes.size(); ++i) {
-    borrowed_->data[i] = const_cast<std::uint8_t*>(picture.planes[i].samples);  // read only
-    borrowed_->linesize[i] = static_cast<int>(picture.planes[i].stride);
-  }
+  setPlanes(*borrowed_, picture.planes);
   return holdOnto(*borrowed_, borrowed_->data[0], 1, std::move(buffer), AV_BUFFER_FLAG_READONLY);
 }
 

@@ -7,7 +7,6 @@
 namespace lumora {
 namespace {
 
-constexpr std::int64_t alignment = 64;       // bytes, of every row
 constexpr Status thresholdExceeded = -6689;  // `threshold` buffers are in use
 
 // Members are destroyed in reverse: the picture is released before the buffer counts as free.
@@ -53,9 +52,9 @@ bool MemoryPixelBufferPool::isExhausted(int threshold) const {
 
 Status MemoryPixelBufferPool::create(int threshold, std::shared_ptr<PixelBuffer>& buffer) {
   if (isExhausted(threshold)) return thresholdExceeded;
-  PictureMemory samples = pictures_->allocate(pictureBytes(format_.layout, size_, alignment));
+  PictureMemory samples = pictures_->allocate(pictureBytes(format_.layout, size_, rowAlignment));
   if (!samples) return -ENOMEM;
-  const Picture memory = pictureAt(samples.get(), format_, size_, alignment);
+  const Picture memory = pictureAt(samples.get(), format_, size_, rowAlignment);
   buffer = std::make_shared<Buffer>(use_, memory, memory, std::move(samples));
   return 0;
 }
@@ -77,7 +76,7 @@ Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
   if (const Status status = pool.create(1, buffer); status != 0) return status;
   const Picture picture = buffer->memory();
   std::memset(picture.planes[0].samples, grey,
-              pictureBytes(picture.format.layout, size, alignment));
+              pictureBytes(picture.format.layout, size, rowAlignment));
   return 0;
 }
 

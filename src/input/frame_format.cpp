@@ -49,12 +49,11 @@ std::vector<std::string_view> splitAtCommas(std::string_view text) {
 }
 
 FrameFormat defaultsOf(const EncodingRule& rule) {
-  const bool isRGB = planesOf(rule.layout).size() == 1;
-  const bool isPlainRGB = isRGB && !rule.needsDecoding;
+  const bool isPlainRGB = isRGB(rule.layout) && !rule.needsDecoding;
   return {.encoding = rule.encoding,
           .topFirst = !isPlainRGB,
           .pixels = {.layout = rule.layout,
-                     .matrix = isRGB ? ColourMatrix::bt709 : ColourMatrix::bt601,
+                     .matrix = isRGB(rule.layout) ? ColourMatrix::bt709 : ColourMatrix::bt601,
                      .fullRange = isCompressed(rule.encoding)}};
 }
 

@@ -42,10 +42,15 @@ class RawAdmission {
   // The frame in flight has been encoded or dropped.
   void release() { isBusy_ = false; }
   void countDropped() { ++dropped_; }
-  // Whether anyone needs frames. The state queue says so; until the next frame shows the opposite,
-  // the reader decodes frames.
+  // Whether a frame that is read now may be needed; only such frames are decoded. The state queue
+  // knows it, but a command that it has not handled yet may start a take.
   void setNeeded(bool isNeeded) { isNeeded_ = isNeeded; }
-  bool isNeeded() const { return isNeeded_; }
+  void commandRead() { ++commandsAhead_; }
+  void commandHandled() {
+    isNeeded_ = true;
+    --commandsAhead_;
+  }
+  bool isNeeded() const { return isNeeded_ || commandsAhead_ > 0; }
 
   bool isBusy() const { return isBusy_; }
   std::uint64_t dropped() const { return dropped_; }
@@ -53,6 +58,7 @@ class RawAdmission {
  private:
   std::atomic<bool> isBusy_ = false;  // a frame is in flight
   std::atomic<bool> isNeeded_ = true;
+  std::atomic<int> commandsAhead_ = 0;
   std::atomic<std::uint64_t> dropped_ = 0;
 };
 

@@ -1,6 +1,7 @@
 // The reader: splits standard input into records and hands them to the state queue. It blocks in
 // `read` on a thread of its own. It reads every payload whole, also of frames that are dropped, so
-// encoding never slows the parent down.
+// encoding never slows the parent down. It decodes the formats that no session takes; meanwhile a
+// full pipe waits.
 
 #include <array>
 #include <cstring>
@@ -47,10 +48,11 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
-  raw.setNeeded(true);  // the command may start a take
+  raw.commandRead();
   platform.stateQueue->async(weakly([hasSlot, payload = std::move(payload)](VideoEncoder& self) {
     if (hasSlot) self.commandSlots.release();
     self.recordingCommand(payload);
+    self.raw.commandHandled();
   }));
 }
 
@@ -66,7 +68,7 @@ void VideoEncoder::readFrame(const RecordHeader& header) {
   RawFrame frame{header.width, header.height, header.id, {}, uptime()};
   if (!raw.admit()) return;
   try {
-    show(std::move(picture), frame);
+    givePicture(frame, std::move(picture));
     platform.stateQueue->async(weakly(&VideoEncoder::encode, std::move(frame)));
   } catch (const std::bad_alloc&) {
     raw.release();  // otherwise the take that this failure ends would wait for the frame
@@ -104,7 +106,7 @@ PictureMemory VideoEncoder::allocatePicture(std::size_t bytes) {
 }
 
 // Gives `frame` its picture, unless it has to be decoded and can't be, or nobody needs it.
-void VideoEncoder::show(RecordPicture picture, RawFrame& frame) {
+void VideoEncoder::givePicture(RawFrame& frame, RecordPicture picture) {
   const FrameFormat& format = configuration.frameFormat;
   const PictureSize size{frame.width, frame.height};
   if (!needsDecoding(format.encoding)) {
@@ -112,17 +114,19 @@ void VideoEncoder::show(RecordPicture picture, RawFrame& frame) {
     frame.rgba = std::move(picture.memory);
   } else if (raw.isNeeded()) {
     // A parent that changes a JPEG while it is decoded can't confuse the decoder.
-    if (picture.isShared && isCompressed(format.encoding)) {
-      const PictureMemory copy = allocatePicture(picture.length);
-      std::memcpy(copy.get(), picture.memory.get(), picture.length);
-      picture.memory = copy;
-    }
+    if (picture.isShared && isCompressed(format.encoding)) picture = copyOf(picture);
     auto decoded = platform.decoder->decode(format.encoding, format.pixels, size,
                                             {picture.memory.get(), picture.length});
     frame.picture = decoded.picture;
     frame.rgba = std::move(decoded.memory);
   }
   if (frame.rgba && !format.topFirst) frame.picture = upsideDown(frame.picture);
+}
+
+RecordPicture VideoEncoder::copyOf(const RecordPicture& picture) {
+  PictureMemory copy = allocatePicture(picture.length);
+  std::memcpy(copy.get(), picture.memory.get(), picture.length);
+  return {std::move(copy), picture.length};
 }
 
 // State queue. No frame is in flight any more, so work that waited for this can begin.

@@ -39,9 +39,8 @@ template <typename Copy>
 void forEachPlane(const PictureView& source, const Picture& destination, Copy copy) {
   std::size_t i = 0;
   for (const PlaneShape& shape : planesOf(source.format.layout)) {
-    copy(source.planes[i], destination.planes[i],
-         source.size.width / shape.columns * shape.channels, source.size.height / shape.rows,
-         shape.columns == 1 ? SampleKind::luma : SampleKind::chroma);
+    copy(source.planes[i], destination.planes[i], shape.rowBytes(source.size),
+         shape.rowCount(source.size), shape.columns == 1 ? SampleKind::luma : SampleKind::chroma);
     ++i;
   }
 }
@@ -49,7 +48,7 @@ void forEachPlane(const PictureView& source, const Picture& destination, Copy co
 }  // namespace
 
 void fillEncoderPicture(const PictureView& source, const Picture& destination) {
-  if (planesOf(source.format.layout).size() == 1) return convertRGB(source, destination);
+  if (isRGB(source.format.layout)) return convertRGB(source, destination);
   const bool isSameLayout = source.format.layout == destination.format.layout;
   if (!isSameLayout) changeLayout(source, destination);
   const PictureView from = isSameLayout ? source : destination;

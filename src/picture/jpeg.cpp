@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <csetjmp>
-#include <vector>
+#include <tuple>
 
 namespace lumora {
 namespace {
@@ -32,10 +32,7 @@ class JpegDecoder::Library {
     errors_.base.error_exit = [](j_common_ptr state) { giveUp(state); };
     errors_.base.emit_message = warn;
     errors_.base.output_message = [](j_common_ptr) {};
-    if (setjmp(errors_.back) != 0) throw std::bad_alloc();
-    jpeg_create_decompress(&state_);
     progress_.progress_monitor = limitScans;
-    state_.progress = &progress_;
   }
   ~Library() { jpeg_destroy_decompress(&state_); }
   Library(const Library&) = delete;
@@ -44,7 +41,9 @@ class JpegDecoder::Library {
   // Whether this is a picture of `size` that can be decoded.
   bool readHeader(ByteView jpeg, PictureSize size) {
     if (setjmp(errors_.back) != 0) return false;
-    jpeg_abort_decompress(&state_);
+    jpeg_destroy_decompress(&state_);  // with the tables of the last picture
+    jpeg_create_decompress(&state_);
+    state_.progress = &progress_;
     jpeg_mem_src(&state_, jpeg.data(), jpeg.size());
     jpeg_read_header(&state_, TRUE);
     return state_.image_width == size.width && state_.image_height == size.height &&
@@ -52,7 +51,9 @@ class JpegDecoder::Library {
            hasUsableChroma();
   }
 
-  bool hasFullChromaHeight() const { return luma().v_samp_factor == chroma(1).v_samp_factor; }
+  bool hasFullChromaHeight() const {
+    return component(0).v_samp_factor == component(1).v_samp_factor;
+  }
 
   // `spare` has room for a row.
   bool readPlanes(const Planes& planes, std::uint8_t* spare) {
@@ -61,6 +62,7 @@ class JpegDecoder::Library {
     state_.do_fancy_upsampling = FALSE;
     state_.out_color_space = JCS_YCbCr;
     jpeg_start_decompress(&state_);
+    if (!hasEveryScan()) return false;
     while (state_.output_scanline < state_.output_height) readRows(planes, spare);
     return true;
   }
@@ -87,14 +89,25 @@ class JpegDecoder::Library {
     if (reinterpret_cast<j_decompress_ptr>(state)->input_scan_number > mostScans) giveUp(state);
   }
 
-  const jpeg_component_info& luma() const { return state_.comp_info[0]; }
-  const jpeg_component_info& chroma(int i) const { return state_.comp_info[i]; }
+  const jpeg_component_info& component(int i) const { return state_.comp_info[i]; }
 
   bool hasUsableChroma() const {
-    const auto& [u, v] = std::tie(chroma(1), chroma(2));
+    const auto& [y, u, v] = std::tie(component(0), component(1), component(2));
     return u.h_samp_factor == v.h_samp_factor && u.v_samp_factor == v.v_samp_factor &&
-           luma().h_samp_factor == 2 * u.h_samp_factor &&
-           (luma().v_samp_factor == u.v_samp_factor || luma().v_samp_factor == 2 * u.v_samp_factor);
+           y.h_samp_factor == 2 * u.h_samp_factor &&
+           (y.v_samp_factor == u.v_samp_factor || y.v_samp_factor == 2 * u.v_samp_factor);
+  }
+
+  // Whether no component and, in a progressive picture, no bit of a coefficient is missing.
+  bool hasEveryScan() const {
+    for (int i = 0; i < components; ++i) {
+      if (component(i).quant_table == nullptr) return false;
+      if (state_.coef_bits != nullptr &&
+          std::ranges::any_of(state_.coef_bits[i], [](int missing) { return missing != 0; })) {
+        return false;
+      }
+    }
+    return true;
   }
 
   // Reads one row of blocks of each component. Rows below the picture go to `spare`.
@@ -104,11 +117,11 @@ class JpegDecoder::Library {
     JSAMPARRAY image[components];
     const auto blockRow = state_.output_scanline / state_.max_v_samp_factor;
     for (int i = 0; i < components; ++i) {
-      const jpeg_component_info& component = chroma(i);
-      const auto first = blockRow * static_cast<JDIMENSION>(component.v_samp_factor);
-      const auto count = static_cast<JDIMENSION>(component.v_samp_factor * DCTSIZE);
+      const auto blocks = static_cast<JDIMENSION>(component(i).v_samp_factor);
+      const JDIMENSION first = blockRow * blocks;
+      const JDIMENSION count = blocks * DCTSIZE;
       for (JDIMENSION row = 0; row < count; ++row) {
-        const bool isInside = first + row < component.downsampled_height;
+        const bool isInside = first + row < component(i).downsampled_height;
         rows[i][row] = isInside ? planes[i].samples + (first + row) * planes[i].stride : spare;
       }
       image[i] = rows[i];
@@ -127,13 +140,13 @@ JpegDecoder::~JpegDecoder() = default;
 bool JpegDecoder::decode(ByteView jpeg, const Picture& picture) {
   if (!library_->readHeader(jpeg, picture.size)) return false;
   const auto& [y, u, v] = picture.planes;
-  std::vector<std::uint8_t> spare(static_cast<std::size_t>(y.stride));
-  if (!library_->hasFullChromaHeight()) return library_->readPlanes(picture.planes, spare.data());
+  spare_.resize(static_cast<std::size_t>(y.stride));
+  if (!library_->hasFullChromaHeight()) return library_->readPlanes(picture.planes, spare_.data());
   const std::int64_t height = picture.size.height;
-  std::vector<std::uint8_t> chroma(static_cast<std::size_t>(2 * u.stride * height));
-  const Plane fullU{chroma.data(), u.stride};
-  const Plane fullV{chroma.data() + u.stride * height, v.stride};
-  if (!library_->readPlanes({y, fullU, fullV}, spare.data())) return false;
+  chroma_.resize(static_cast<std::size_t>(2 * u.stride * height));
+  const Plane fullU{chroma_.data(), u.stride};
+  const Plane fullV{chroma_.data() + u.stride * height, v.stride};
+  if (!library_->readPlanes({y, fullU, fullV}, spare_.data())) return false;
   for (const auto& [from, to] : {std::pair{fullU, u}, std::pair{fullV, v}}) {
     const auto stride = static_cast<int>(from.stride);
     const auto columns = static_cast<int>(picture.size.width / 2);

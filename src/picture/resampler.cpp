@@ -394,42 +394,47 @@ void Resampler::sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) con
 }
 
 void Resampler::run(PlaneView source, Plane destination) const {
+  const auto columns = static_cast<std::size_t>(geometry_.x.source + horizontal_.taps);
+  std::vector<std::int16_t> sums(columns * 4 + lanesOfSlack);
+  geometry_.channels == 4 ? runPixels(source, destination, sums.data())
+                          : runGroups(source, destination, sums.data());
+}
+
+// Row by row. `sums` has room for a row of four channels.
+void Resampler::runPixels(PlaneView source, Plane destination, std::int16_t* sums) const {
+  for (std::int64_t y = 0; y < geometry_.y.destination; ++y) {
+    sumRow(source, y, sums);
+    HWY_DYNAMIC_DISPATCH(sumPixels)
+    (sums, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
+     static_cast<std::size_t>(geometry_.x.destination),
+     destination.samples + y * destination.stride);
+  }
+}
+
+// As many rows at once as make four channels. `interleaved` has room for a row of four channels.
+void Resampler::runGroups(PlaneView source, Plane destination, std::int16_t* interleaved) const {
   const auto width = static_cast<std::size_t>(geometry_.x.destination);
   const auto sourceWidth = static_cast<std::size_t>(geometry_.x.source);
-  std::vector<std::int16_t> interleaved(
-      (sourceWidth + static_cast<std::size_t>(horizontal_.taps)) * 4 + lanesOfSlack);
-  const auto row = [&](std::int64_t y) { return destination.samples + y * destination.stride; };
-  if (geometry_.channels == 4) {
-    for (std::int64_t y = 0; y < geometry_.y.destination; ++y) {
-      sumRow(source, y, interleaved.data());
-      HWY_DYNAMIC_DISPATCH(sumPixels)
-      (interleaved.data(), horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width,
-       row(y));
-    }
-    return;
-  }
-  const std::size_t rowsAtOnce = 4 / static_cast<std::size_t>(geometry_.channels);
-  const std::size_t pitch = sourceWidth * static_cast<std::size_t>(geometry_.channels);
-  std::vector<std::int16_t> sums(rowsAtOnce * pitch + lanesOfSlack);
+  const auto channels = static_cast<std::size_t>(geometry_.channels);
+  const std::size_t rowsAtOnce = 4 / channels;
+  std::vector<std::int16_t> sums(rowsAtOnce * sourceWidth * channels + lanesOfSlack);
   std::vector<std::uint8_t> pixels(width * 4);
   RowGroup group{.sums = sums.data(),
-                 .pitch = pitch,
+                 .pitch = sourceWidth * channels,
                  .sourceWidth = sourceWidth,
-                 .interleaved = interleaved.data(),
+                 .interleaved = interleaved,
                  .pixels = pixels.data()};
-  for (std::int64_t y = 0; y < geometry_.y.destination; y += group.rows) {
+  const auto sumGroup =
+      channels == 1 ? &HWY_DYNAMIC_DISPATCH(sumFourRows) : &HWY_DYNAMIC_DISPATCH(sumTwoRows);
+  for (std::int64_t y = 0; y < geometry_.y.destination;
+       y += static_cast<std::int64_t>(group.rows)) {
     group.rows = std::min(rowsAtOnce, static_cast<std::size_t>(geometry_.y.destination - y));
     for (std::size_t i = 0; i < group.rows; ++i) {
-      sumRow(source, y + static_cast<std::int64_t>(i), sums.data() + i * pitch);
-      group.destination[i] = row(y + static_cast<std::int64_t>(i));
+      const std::int64_t row = y + static_cast<std::int64_t>(i);
+      sumRow(source, row, sums.data() + i * group.pitch);
+      group.destination[i] = destination.samples + row * destination.stride;
     }
-    if (geometry_.channels == 1) {
-      HWY_DYNAMIC_DISPATCH(sumFourRows)
-      (group, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width);
-    } else {
-      HWY_DYNAMIC_DISPATCH(sumTwoRows)
-      (group, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width);
-    }
+    sumGroup(group, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width);
   }
 }
 

@@ -70,6 +70,8 @@ class Resampler {
   void run(PlaneView source, Plane destination) const;
 
  private:
+  void runPixels(PlaneView source, Plane destination, std::int16_t* sums) const;
+  void runGroups(PlaneView source, Plane destination, std::int16_t* interleaved) const;
   void sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) const;
 
   PlaneGeometry geometry_;

@@ -14,6 +14,8 @@ class SystemFrameDecoder final : public FrameDecoder {
                  ByteView record) override;
 
  private:
+  bool fill(const Picture& picture, FrameEncoding encoding, ByteView record);
+
   const std::shared_ptr<PicturePool> pictures_;
   JpegDecoder jpeg_;
 };

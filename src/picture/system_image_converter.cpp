@@ -9,16 +9,18 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 8;  // preview and take need two each, some need two passes
-// Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are right to a
-// level at every size.
+// Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are right to
+// a level at every size.
 constexpr double largestReduction = 8;
 
-// The samples along one axis: `extent` are those of an area of pixels. `centre` is where a sample
-// lies among its pixels, in pixels from the centre of the first.
 struct Extent {
   std::int64_t begin;
   std::int64_t size;
 };
+
+// One axis of a plane: the `samples` that lie in an area of `pixels` of the destination, and the
+// `source` pixels that fill the area. `centre` is where a sample lies, in pixels from the centre of
+// the first pixel that it stands for.
 SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixelsPerSample,
                   double centre) {
   const double scale = static_cast<double>(source) / static_cast<double>(pixels.size);

@@ -14,14 +14,15 @@ enum class FrameEncoding { rgba, bgra, rgb24, bgr24, nv12, nv21, i420, yuyv, uyv
 
 class FrameDecoder {
  public:
-  virtual ~FrameDecoder() = default;
-  // The picture of a record, with its rows in the record's order, in memory of its own. The caller
-  // has checked the record's length. Null memory if the record is not a whole picture of this
-  // format and size. Throws std::bad_alloc. Reader thread.
   struct Decoded {
     std::shared_ptr<const std::uint8_t[]> memory;
     PictureView picture;
   };
+
+  virtual ~FrameDecoder() = default;
+  // The picture of a record, in memory of its own, with its rows in the record's order. `format` is
+  // what the encoding decodes to. The caller has checked the record's length. Null memory if the
+  // record is not a whole picture of this size. Throws std::bad_alloc. Reader thread.
   virtual Decoded decode(FrameEncoding encoding, const PixelFormat& format, PictureSize size,
                          ByteView record) = 0;
 };

@@ -12,8 +12,7 @@ constexpr PlaneShape nv12[] = {luma, chromaPair};
 constexpr PlaneShape i420[] = {luma, chroma, chroma};
 
 std::int64_t strideOf(const PlaneShape& shape, PictureSize size, std::int64_t alignment) {
-  const std::int64_t bytes = size.width / shape.columns * shape.channels;
-  return (bytes + alignment - 1) / alignment * alignment;
+  return (shape.rowBytes(size) + alignment - 1) / alignment * alignment;
 }
 
 }  // namespace
@@ -34,7 +33,7 @@ std::span<const PlaneShape> planesOf(PixelLayout layout) {
 std::size_t pictureBytes(PixelLayout layout, PictureSize size, std::int64_t alignment) {
   std::int64_t bytes = 0;
   for (const PlaneShape& shape : planesOf(layout))
-    bytes += strideOf(shape, size, alignment) * (size.height / shape.rows);
+    bytes += strideOf(shape, size, alignment) * shape.rowCount(size);
   return static_cast<std::size_t>(bytes);
 }
 
@@ -46,7 +45,7 @@ BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSi
   for (const PlaneShape& shape : planesOf(format.layout)) {
     const std::int64_t stride = strideOf(shape, size, alignment);
     *plane++ = {samples, stride};
-    samples += stride * (size.height / shape.rows);
+    samples += stride * shape.rowCount(size);
   }
   return picture;
 }
@@ -57,7 +56,7 @@ PictureView upsideDown(const PictureView& picture) {
   PictureView turned = picture;
   PlaneView* plane = turned.planes.data();
   for (const PlaneShape& shape : planesOf(picture.format.layout)) {
-    plane->samples += (picture.size.height / shape.rows - 1) * plane->stride;
+    plane->samples += (shape.rowCount(picture.size) - 1) * plane->stride;
     plane->stride = -plane->stride;
     ++plane;
   }

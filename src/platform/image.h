@@ -37,15 +37,27 @@ struct PictureRectangle {
   bool operator==(const PictureRectangle&) const = default;
 };
 
-// One plane of a layout: bytes of a sample, and the pixels that it stands for.
+// One plane of a layout: bytes of a sample, and the columns and rows of pixels that it stands for.
 struct PlaneShape {
   int channels = 1;
   int columns = 1;
   int rows = 1;
   std::uint8_t black = 0;      // in limited range
   std::uint8_t fullBlack = 0;  // in full range
+
+  // Of this plane of a picture.
+  std::int64_t rowBytes(PictureSize size) const { return size.width / columns * channels; }
+  std::int64_t rowCount(PictureSize size) const { return size.height / rows; }
 };
 std::span<const PlaneShape> planesOf(PixelLayout layout);
+
+constexpr bool isRGB(PixelLayout layout) {
+  return layout == PixelLayout::bgra || layout == PixelLayout::rgba;
+}
+
+// Bytes that each row of our own pictures is a multiple of. SIMD likes it, and libjpeg writes whole
+// blocks beyond the width.
+constexpr std::int64_t rowAlignment = 64;
 
 template <typename Byte>
 struct BasicPlane {
@@ -75,7 +87,7 @@ using PictureView = BasicPicture<const std::uint8_t>;
 // Bytes of a picture whose planes follow each other, with rows that are multiples of `alignment`.
 std::size_t pictureBytes(PixelLayout layout, PictureSize size, std::int64_t alignment = 1);
 
-// The picture that lies so at `samples`.
+// The picture whose planes follow each other at `samples`, as `pictureBytes` counts them.
 template <typename Byte>
 BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSize size,
                              std::int64_t alignment = 1);

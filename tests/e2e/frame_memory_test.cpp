@@ -54,7 +54,7 @@ struct SharedFrames : HelperTest {
     saveTake();
     const std::string counters = "/proc/" + std::to_string(helper->pid()) + "/io";
     const std::uint64_t bytesRead = std::stoull(outputOf("sed -n 's/rchar: //p' " + counters));
-    EXPECT_LT(bytesRead, 24 * lastID + size.bytes());  // no picture went through the pipe
+    EXPECT_LT(bytesRead, 24 * lastID + size.rgbaBytes());  // no picture went through the pipe
     preview = judge(writeStream(watcher.finish()));
     movie = judge(path);
     EXPECT_GE(preview.pictures, count);

@@ -113,7 +113,7 @@ struct Disk : HelperTest {
 
 TEST_F(Disk, AFailureEndsTheTakeAndNothingElse) {
   std::mt19937 random(1);
-  std::vector<Pixels> noise(2, Pixels(FrameSize{640, 360}.bytes()));
+  std::vector<Pixels> noise(2, Pixels(FrameSize{640, 360}.rgbaBytes()));
   for (Pixels& picture : noise)
     std::ranges::generate(picture, [&] { return static_cast<std::uint8_t>(random()); });
   place = folder / "place";

@@ -56,6 +56,7 @@ void describe(v4l2_pix_format& asked) {
   asked.pixelformat = shows("nv12")   ? V4L2_PIX_FMT_NV12
                       : shows("yuyv") ? V4L2_PIX_FMT_YUYV
                                       : V4L2_PIX_FMT_MJPEG;
+  asked.sizeimage = static_cast<unsigned>(picture().size());
   asked.colorspace = shows("nv12") ? V4L2_COLORSPACE_SRGB : V4L2_COLORSPACE_REC709;
   if (asked.priv != V4L2_PIX_FMT_PRIV_MAGIC) return;
   asked.ycbcr_enc = V4L2_YCBCR_ENC_DEFAULT;

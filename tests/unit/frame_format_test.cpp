@@ -2,6 +2,7 @@
 // preparation of their planes for an encoder.
 
 #include <cmath>
+#include <fstream>
 
 #include "app/options.h"
 #include "base/big_endian.h"
@@ -9,6 +10,7 @@
 #include "codec/libav_encoder.h"
 #include "encode/pixel_buffer.h"
 #include "picture/encoder_picture.h"
+#include "picture/jpeg.h"
 #include "picture/system_image_converter.h"
 #include "tests/unit/probe.h"
 
@@ -60,10 +62,8 @@ TEST(FrameFormat, HasDefaultsThatEachWordReplacesOnce) {
 
 TEST(FrameFormat, KnowsTheLengthOfItsRecords) {
   using enum FrameEncoding;
-  const std::pair<FrameEncoding, std::uint64_t> lengths[] = {{rgba, 32},  {bgra, 32}, {rgb24, 24},
-                                                             {bgr24, 24}, {nv12, 12}, {nv21, 12},
-                                                             {i420, 12},  {yuyv, 16}, {uyvy, 16}};
-  for (const auto& [encoding, bytes] : lengths) {
+  for (const FrameEncoding encoding : {rgba, bgra, rgb24, bgr24, nv12, nv21, i420, yuyv, uyvy}) {
+    const std::uint64_t bytes = uncompressedBytes(encoding, {4, 2});
     for (const std::uint64_t other : {bytes - 1, bytes, bytes + 1})
       EXPECT_EQ(isPictureLength(encoding, {4, 2}, other), other == bytes) << bytes;
     EXPECT_EQ(referenceBytes(encoding), 8u);
@@ -76,7 +76,7 @@ TEST(FrameFormat, KnowsTheLengthOfItsRecords) {
     EXPECT_EQ(isPictureLength(mjpeg, size, bytes), isValid) << bytes;
 }
 
-// A parent that shares `pages` pages with the service.
+// Memory that a parent shares with the service.
 struct FakeMemory final : FrameMemory {
   std::uint64_t size() const override { return sizeof(bytes); }
   std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset) override {
@@ -217,23 +217,18 @@ constexpr PixelFormat nv12{PixelLayout::nv12, ColourMatrix::bt601, false};
 constexpr PixelFormat i420{PixelLayout::i420, ColourMatrix::bt601, false};
 constexpr PixelFormat full{PixelLayout::i420, ColourMatrix::bt601, true};
 
-struct FrameOf {
-  explicit FrameOf(const Planes& planes)
-      : frame{planes.picture.size.width,
-              planes.picture.size.height,
-              1,
-              {planes.bytes.data(), [](const std::uint8_t*) {}},
-              0,
-              planes.picture} {}
-  RawFrame frame;
-};
+RawFrame frameOf(const Planes& planes) {
+  const PictureSize size = planes.picture.size;
+  return {size.width, size.height,   1, {planes.bytes.data(), [](const std::uint8_t*) {}},
+          0,          planes.picture};
+}
 
 std::shared_ptr<PixelBuffer> convert(const Planes& planes, PictureSize size, Placement placement) {
   Failures none;
   FakeSession session(static_cast<int>(size.width), static_cast<int>(size.height), none);
   session.pool = MemoryPixelBufferPool(size, planes.picture.format, PicturePool::make());
   SystemImageConverter images;
-  return pixelBuffer(FrameOf(planes).frame, session, placement, images);
+  return pixelBuffer(frameOf(planes), session, placement, images);
 }
 
 // Chroma stays where it was: a ramp over the picture is a ramp again, with the same values at the
@@ -296,7 +291,7 @@ TEST(PlanarConversion, LeavesBlackBarsAndGivesSharedChromaToThePicture) {
   }
 }
 
-TEST(PlanarConversion, PreparesEveryFormatForEveryEncoder) {
+TEST(PlanarConversion, ChangesLayoutRangeAndRowOrderForTheEncoder) {
   const auto steps = [](std::size_t component, std::int64_t x, std::int64_t y) {
     return static_cast<int>((x * 5 + y * 60 + static_cast<std::int64_t>(component) * 9) % 256);
   };
@@ -326,6 +321,40 @@ TEST(PlanarConversion, PreparesEveryFormatForEveryEncoder) {
       }
     }
   }
+}
+
+Bytes jpegOf(const std::string& name) {
+  std::ifstream file(LUMORA_JPEGS "/" + name, std::ios::binary);
+  return {std::istreambuf_iterator(file), {}};
+}
+
+TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
+  const PictureSize size{64, 32};
+  const auto decode = [&](JpegDecoder& decoder, const Bytes& jpeg) {
+    Bytes memory(pictureBytes(PixelLayout::i420, size, rowAlignment));
+    const bool isDecoded =
+        decoder.decode(jpeg, pictureAt(memory.data(), {PixelLayout::i420}, size, rowAlignment));
+    return isDecoded ? memory : Bytes();
+  };
+  const Bytes bare = jpegOf("no_huffman_tables");
+  const Bytes progressive = jpegOf("progressive");
+  JpegDecoder fresh, used;
+  const Bytes wanted = decode(fresh, bare);
+  EXPECT_FALSE(wanted.empty());
+  EXPECT_FALSE(decode(used, progressive).empty());  // has tables of its own
+  EXPECT_EQ(decode(used, bare), wanted);
+  // Ends properly in front of each scan but the first.
+  const Bytes scan = {0xFF, 0xDA};
+  int scans = 0;
+  for (auto at = progressive.begin();; ++at) {
+    at = std::search(at, progressive.end(), scan.begin(), scan.end());
+    if (at == progressive.end()) break;
+    if (++scans == 1) continue;
+    Bytes cut(progressive.begin(), at);
+    cut.insert(cut.end(), {0xFF, 0xD9});
+    EXPECT_TRUE(decode(used, cut).empty()) << scans;
+  }
+  EXPECT_GT(scans, 3);
 }
 
 }  // namespace

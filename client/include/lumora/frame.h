@@ -23,10 +23,10 @@ struct FramePlane {
   std::size_t rowBytes = 0;
 };
 
-// A plane of a picture to be copied. A negative stride turns it upside down.
+// A plane of a picture to be copied, from `samples` on. A negative stride turns it upside down.
 struct SourcePlane {
-  const std::uint8_t* samples = nullptr;
-  std::ptrdiff_t stride = 0;  // bytes from row to row
+  const std::uint8_t* samples = nullptr;  // the first row to be copied
+  std::ptrdiff_t stride = 0;              // bytes from row to row
 };
 
 // Memory of a helper to render a frame into (see helper.h). The helper gets it back when the frame
@@ -46,7 +46,7 @@ class LUMORA_CLIENT_EXPORT Frame {
   // The whole picture without padding: for RGBA red, green, blue, alpha of each pixel. For mjpeg
   // the room that it has. Empty once the frame is published.
   std::span<std::uint8_t> pixels() const;
-  // The same memory by planes, for mjpeg as one row.
+  // The same memory by planes. None for mjpeg.
   std::vector<FramePlane> planes() const;
   // How many bytes the picture has. Needed for mjpeg, before the frame is published. Throws
   // std::invalid_argument for a length that the format does not have.

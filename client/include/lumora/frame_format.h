@@ -11,8 +11,7 @@ namespace lumora::client {
 struct FrameSize {
   int width = 0;   // pixels, even
   int height = 0;  // pixels, even
-  // Of an RGBA picture.
-  std::size_t bytes() const {
+  std::size_t rgbaBytes() const {
     return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
   }
   bool operator==(const FrameSize&) const = default;
@@ -29,8 +28,10 @@ enum class ColourRange { limited, full };
 struct LUMORA_CLIENT_EXPORT FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
   std::optional<FirstRow> firstRow = {};    // empty: bottom for rgba and bgra, top for all others
-  std::optional<ColourMatrix> matrix = {};  // nv12 to uyvy only; empty: bt601
-  std::optional<ColourRange> range = {};    // nv12 to uyvy only; empty: limited
+  std::optional<ColourMatrix> matrix = {};  // not of RGB and JPEG; empty: bt601
+  std::optional<ColourRange> range = {};    // the same; empty: limited
+
+  bool operator==(const FrameFormat&) const = default;
 
   // The value of TAVO_FRAME_FORMAT.
   std::string text() const;

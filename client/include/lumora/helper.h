@@ -36,7 +36,7 @@ struct HelperOptions {
   // The size of the frames to come, if it is known: their memory is touched while the helper
   // starts, so that the first frames are not late. Frames of other sizes are taken as well.
   std::optional<FrameSize> frameSize = {};
-  std::optional<FrameFormat> format = {};  // of all frames; empty: RGBA, the bottom row first
+  FrameFormat format = {};  // of all frames; by default RGBA, the bottom row first
 };
 
 // The helper could not be started, or did not become ready. The message is meant for people.
@@ -70,8 +70,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // std::invalid_argument for an unsupported size.
   std::optional<Frame> acquireFrame(FrameSize size);
   // Hands a frame over. At most one waits; a newer one replaces it. Throws std::invalid_argument
-  // for an id that is not above the last one (see `frameID`), for a frame that was published
-  // before, and for mjpeg without a length.
+  // for an id that is not above the last one (see `frameID`), for a frame of another format or one
+  // that was published before, and for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
   // Publishes a copy of a picture, without padding; false when every slot is busy and it was
   // skipped. Throws std::invalid_argument as `acquireFrame`, `Frame::setLength` and `publish`.
