@@ -40,6 +40,8 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
+#include <cmath>
+
 namespace lumora {
 HWY_EXPORT(compressRow);
 
@@ -52,8 +54,8 @@ void compressRange(PlaneView source, Plane destination, std::int64_t bytes, std:
   for (std::int64_t row = 0; row < rows; ++row) {
     HWY_DYNAMIC_DISPATCH(compressRow)
     (source.samples + row * source.stride, destination.samples + row * destination.stride,
-     static_cast<std::size_t>(bytes), static_cast<std::uint16_t>(scale * 65536 + 0.5),
-     static_cast<std::uint16_t>(offset * 256 + 128.5));
+     static_cast<std::size_t>(bytes), static_cast<std::uint16_t>(std::lround(scale * 65536)),
+     static_cast<std::uint16_t>(std::lround(offset * 256 + 128)));
   }
 }
 

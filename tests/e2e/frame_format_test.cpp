@@ -305,6 +305,7 @@ TEST_F(FrameFormats, BrokenJPEGsAreDroppedAndCountedAndOthersAreNot) {
   Pixels trailed = whole, stuffed = whole;
   trailed.resize(whole.size() + 100);
   stuffed.insert(stuffed.end() - 2, 100, 0);
+  stuffed.insert(stuffed.begin() + static_cast<std::ptrdiff_t>(scan), 3, 0);
   const Pixels good[] = {whole, bare, trailed, stuffed, progressive, bytesOf(corpus + "/422")};
 
   Pixels half = whole, cutProgressive = progressive, vast = whole;

@@ -156,6 +156,22 @@ TEST_F(FormattedFrames, AreDecodedOnlyIfNeededAndDroppedIfTheyCannotBe) {
   EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
 }
 
+// Frame 1 shows that nobody needs frames, while the command that starts a take waits.
+TEST_F(FormattedFrames, AreDecodedWhileACommandWaits) {
+  restart("mjpeg");
+  const Json start = {{"type", "record_start"}, {"id", takeID}, {"path", takePath}};
+  put(1, {0xFF, 0xD8});
+  probe.put(client::commandRecord(start.dump()));
+  probe.process->beforeRead = [&, isFirst = true]() mutable {
+    if (!probe.process->input.empty() || !std::exchange(isFirst, false)) return;
+    probe.queue->runNext();
+    EXPECT_FALSE(probe.isRawBusy());
+    put(2, {0xFF, 0xD8});
+  };
+  EXPECT_EQ(probe.readAll(), "");
+  EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
+}
+
 TEST_F(FormattedFrames, ReleaseAJPEGBeforeItIsDecodedAndPlanesOnceTheyAreEncoded) {
   restart("mjpeg");
   probe.connectClient();
@@ -234,7 +250,7 @@ std::shared_ptr<PixelBuffer> convert(const Planes& planes, PictureSize size, Pla
 // Chroma stays where it was: a ramp over the picture is a ramp again, with the same values at the
 // same places of the picture.
 TEST(PlanarConversion, KeepsLumaAndChromaInPlaceInBothLayouts) {
-  const auto rampAt = [](double x, double y) { return 20 + x / 2 + y / 4; };
+  const auto rampAt = [](double x, double y) { return 20 + x / 4 + y * 3 / 4; };
   const auto ramps = [&](std::size_t component, std::int64_t column, std::int64_t row) {
     const auto x = static_cast<double>(column);
     const auto y = static_cast<double>(row);
