@@ -255,6 +255,10 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   auto frame = camera.acquireFrame(small);
   camera.publish(*std::move(frame), 7);
   EXPECT_THROW(camera.publish(*std::move(frame), 8), std::invalid_argument);  // NOLINT: on purpose
+  client::HelperOptions planar = options();
+  planar.format = {client::FrameEncoding::nv12};
+  client::Helper other(planar);
+  EXPECT_THROW(camera.publish(*other.acquireFrame(small), 9), std::invalid_argument);
   Pixels one(4);
   EXPECT_THROW(client::flipRows(one, small), std::invalid_argument);
   EXPECT_EQ(camera.stop().status, 0);
