@@ -15,7 +15,7 @@
 namespace lumora {
 namespace {
 
-constexpr int components = 3;
+constexpr std::size_t components = 3;
 // A progressive picture may have many tiny scans, each of which costs a whole picture's time.
 constexpr int mostScans = 64;
 
@@ -47,7 +47,7 @@ class JpegDecoder::Library {
     jpeg_mem_src(&state_, jpeg.data(), jpeg.size());
     jpeg_read_header(&state_, TRUE);
     return state_.image_width == size.width && state_.image_height == size.height &&
-           state_.num_components == components && state_.jpeg_color_space == JCS_YCbCr &&
+           state_.num_components == int{components} && state_.jpeg_color_space == JCS_YCbCr &&
            hasUsableChroma();
   }
 
@@ -89,7 +89,7 @@ class JpegDecoder::Library {
     if (reinterpret_cast<j_decompress_ptr>(state)->input_scan_number > mostScans) giveUp(state);
   }
 
-  const jpeg_component_info& component(int i) const { return state_.comp_info[i]; }
+  const jpeg_component_info& component(std::size_t i) const { return state_.comp_info[i]; }
 
   bool hasUsableChroma() const {
     const auto& [y, u, v] = std::tie(component(0), component(1), component(2));
@@ -100,7 +100,7 @@ class JpegDecoder::Library {
 
   // Whether no component and, in a progressive picture, no bit of a coefficient is missing.
   bool hasEveryScan() const {
-    for (int i = 0; i < components; ++i) {
+    for (std::size_t i = 0; i < components; ++i) {
       if (component(i).quant_table == nullptr) return false;
       if (state_.coef_bits != nullptr &&
           std::ranges::any_of(state_.coef_bits[i], [](int missing) { return missing != 0; })) {
@@ -115,8 +115,9 @@ class JpegDecoder::Library {
     constexpr std::size_t mostRows = MAX_SAMP_FACTOR * DCTSIZE;
     JSAMPROW rows[components][mostRows];
     JSAMPARRAY image[components];
-    const auto blockRow = state_.output_scanline / state_.max_v_samp_factor;
-    for (int i = 0; i < components; ++i) {
+    const auto blockRow =
+        state_.output_scanline / static_cast<JDIMENSION>(state_.max_v_samp_factor);
+    for (std::size_t i = 0; i < components; ++i) {
       const auto blocks = static_cast<JDIMENSION>(component(i).v_samp_factor);
       const JDIMENSION first = blockRow * blocks;
       const JDIMENSION count = blocks * DCTSIZE;
