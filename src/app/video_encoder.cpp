@@ -62,6 +62,7 @@ void VideoEncoder::serviceTick() {
   if (!running) return;
   serviceTickLater();
   sweepPeers();
+  stopTakeWithoutSpace();
   emitStats(false);
 }
 

@@ -34,7 +34,7 @@ void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
   RecordingSession& recording = take.recording;
   const PictureSize camera{frame.width, frame.height};
   if (!recording.session) {
-    recording = {.session = compressionSession(movie->profile.sessionSettings()),
+    recording = {.session = compressionSession(movie->sessionSettings()),
                  .movie = movie,
                  .camera = camera};
   } else if (recording.camera != camera) {

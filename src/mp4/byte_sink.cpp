@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,6 +59,14 @@ class PosixFile final : public ByteSink {
       nameSynced_ = true;
     }
     return named_ && linkCount() == 0 ? ENOENT : 0;
+  }
+
+  std::uint64_t size() const override { return written_; }
+
+  std::optional<std::uint64_t> freeBytes() const override {
+    struct statvfs system {};
+    if (fstatvfs(descriptor_, &system) != 0) return std::nullopt;
+    return std::uint64_t{system.f_bavail} * system.f_frsize;
   }
 
  private:

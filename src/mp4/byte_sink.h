@@ -3,6 +3,7 @@
 // Where a movie's bytes go. Every call may wait for the disk and answers 0 or an errno.
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/bytes.h"
@@ -23,6 +24,10 @@ class ByteSink {
   // Returns once everything written and the file's name are on the disk. ENOENT if the file was
   // removed.
   virtual int sync() = 0;
+  // Bytes appended so far.
+  virtual std::uint64_t size() const = 0;
+  // Bytes that the file system has left. Empty if it does not say.
+  virtual std::optional<std::uint64_t> freeBytes() const = 0;
 };
 
 // A new file. Null, with `error` set to an errno, if it exists or can't be made.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <limits>
 #include <utility>
@@ -25,6 +26,16 @@ bool fitsSampleEntry(int size) {
   return size > 0 && size <= std::numeric_limits<std::uint16_t>::max();
 }
 
+MovieExtent extentOf(const MovieTables& tables) {
+  return {tables.sizes.size(), static_cast<std::int64_t>(tables.duration)};
+}
+
+// The first write of a file is its start, and every other one is a fragment.
+MovieTables fragmentsOf(MovieTables tables, std::size_t writes) {
+  tables.keepChunks(std::max<std::size_t>(writes, 1) - 1);
+  return tables;
+}
+
 std::uint64_t secondsSince1904() {
   constexpr std::int64_t from1904To1970 = 2'082'844'800;
   return static_cast<std::uint64_t>(std::time(nullptr) + from1904To1970);
@@ -33,7 +44,7 @@ std::uint64_t secondsSince1904() {
 }  // namespace
 
 HybridMovieWriter::HybridMovieWriter(std::unique_ptr<ByteSink> sink, std::uint64_t created)
-    : disk_(MovieDisk::start(std::move(sink))), created_(created) {}
+    : disk_(MovieDisk::start(std::move(sink))), properties_{created} {}
 
 HybridMovieWriter::~HybridMovieWriter() { disk_->cancel(); }
 
@@ -43,9 +54,11 @@ bool HybridMovieWriter::canAdd(const FormatDescription& format) const {
          fitsSampleEntry(format.height());
 }
 
-bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> format) {
+bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> format,
+                                     int rotation) {
   format_ = std::move(format);
-  Bytes start = movieStart(*format_, created_);
+  properties_.rotation = rotation;
+  Bytes start = movieStart(*format_, properties_);
   fileSize_ = start.size();
   disk_->write(std::move(start), {}, maximumMovieEndBytes(*format_, tables_));
   return true;
@@ -102,9 +115,36 @@ void HybridMovieWriter::finishWriting(std::int64_t end, std::function<void()> ha
     return;
   }
   const std::uint64_t covered = fileSize_ - placeholderOffset();
-  disk_->finish(movieEnd(*format_, tables_, created_), placeholderOffset(),
+  disk_->finish(movieEnd(*format_, tables_, properties_), placeholderOffset(),
                 wideMediaDataHeader(covered), std::move(handler));
 }
+
+MovieExtent HybridMovieWriter::extent() const { return extentOf(tables_); }
+
+MovieExtent HybridMovieWriter::synced() const {
+  return extentOf(fragmentsOf(tables_, disk_->syncedWrites()));
+}
+
+void HybridMovieWriter::rescue(RescueHandler handler) {
+  closed_ = true;
+  const auto kept = std::make_shared<MovieExtent>();
+  disk_->rescue(
+      placeholderOffset(),
+      [kept, format = format_, properties = properties_, all = std::move(tables_)](
+          std::size_t writes, std::uint64_t size) -> std::optional<MovieDisk::Ending> {
+        const MovieTables tables = fragmentsOf(all, writes);
+        *kept = extentOf(tables);
+        if (tables.empty()) return std::nullopt;
+        return MovieDisk::Ending{movieEnd(*format, tables, properties),
+                                 wideMediaDataHeader(size - placeholderOffset())};
+      },
+      [kept, handler = std::move(handler)](int error) {
+        const bool isGone = error == ENOENT;  // the file was removed
+        handler(isGone ? MovieExtent{} : *kept, error == 0 && kept->frames > 0);
+      });
+}
+
+std::optional<std::uint64_t> HybridMovieWriter::freeBytes() const { return disk_->freeBytes(); }
 
 void HybridMovieWriter::cancelWriting() {
   closed_ = true;

@@ -31,19 +31,23 @@ class HybridMovieWriter final : public MovieWriter {
   HybridMovieWriter& operator=(const HybridMovieWriter&) = delete;
 
   bool canAdd(const FormatDescription& format) const override;
-  bool startWriting(std::shared_ptr<const FormatDescription> format) override;
+  bool startWriting(std::shared_ptr<const FormatDescription> format, int rotation) override;
   WriterStatus status() const override;
   std::optional<std::string> error() const override;
   bool isReadyForMoreMediaData() const override;
   bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) override;
   void finishWriting(std::int64_t end, std::function<void()> handler) override;
+  MovieExtent extent() const override;
+  MovieExtent synced() const override;
+  void rescue(RescueHandler handler) override;
+  std::optional<std::uint64_t> freeBytes() const override;
   void cancelWriting() override;
 
  private:
   void flushFragment();
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
-  std::uint64_t created_;
+  MovieProperties properties_;
   // While false, `status` is "writing". A failed disk shows at the next append or at the end.
   bool closed_ = false;
   std::shared_ptr<const FormatDescription> format_;

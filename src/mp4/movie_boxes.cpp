@@ -12,10 +12,30 @@ constexpr std::uint32_t trackID = 1;
 constexpr std::uint32_t keySampleFlags = 0x02000000;    // depends on no other sample
 constexpr std::uint32_t deltaSampleFlags = 0x01010000;  // depends on others, is no sync sample
 
-// 14496-12, 6.2.2: the unity matrix of mvhd and tkhd.
-void unityMatrix(Bytes& bytes) {
-  for (const std::uint32_t value : {0x10000U, 0U, 0U, 0U, 0x10000U, 0U, 0U, 0U, 0x40000000U}) {
-    u32(bytes, value);
+constexpr std::int32_t one = 0x10000;  // 16.16 fixed point
+
+// 14496-12, 6.2.2: the matrix (a, b, u, c, d, v, x, y, w) of mvhd and tkhd takes a point (p, q) to
+// (ap + cq + x, bp + dq + y).
+void matrix(Bytes& bytes, std::int32_t a, std::int32_t b, std::int32_t c, std::int32_t d, int x,
+            int y) {
+  constexpr std::int32_t w = 0x40000000;
+  for (const std::int32_t value : {a, b, 0, c, d, 0, x * one, y * one, w})
+    u32(bytes, static_cast<std::uint32_t>(value));
+}
+
+void unityMatrix(Bytes& bytes) { matrix(bytes, one, 0, 0, one, 0, 0); }
+
+// Turns a picture clockwise and moves it back into view.
+void rotationMatrix(Bytes& bytes, int rotation, int width, int height) {
+  switch (rotation) {
+    case 90:
+      return matrix(bytes, 0, one, -one, 0, height, 0);
+    case 180:
+      return matrix(bytes, -one, 0, 0, -one, width, height);
+    case 270:
+      return matrix(bytes, 0, -one, one, 0, 0, width);
+    default:
+      return unityMatrix(bytes);
   }
 }
 
@@ -44,15 +64,15 @@ void movieHeader(Bytes& bytes, std::uint64_t duration, std::uint64_t created) {
 
 // 14496-12, 8.3.2
 void trackHeader(Bytes& bytes, const FormatDescription& format, std::uint64_t duration,
-                 std::uint64_t created) {
+                 const MovieProperties& properties) {
   const Box box(bytes, "tkhd", 1, 0x3);  // enabled, in the movie
-  u64(bytes, created);
-  u64(bytes, created);
+  u64(bytes, properties.created);
+  u64(bytes, properties.created);
   u32(bytes, trackID);
   zeros(bytes, 4);
   u64(bytes, duration);
   zeros(bytes, 16);
-  unityMatrix(bytes);
+  rotationMatrix(bytes, properties.rotation, format.width(), format.height());
   u32(bytes, static_cast<std::uint32_t>(format.width()) << 16);
   u32(bytes, static_cast<std::uint32_t>(format.height()) << 16);
 }
@@ -237,11 +257,11 @@ void mediaInformation(Bytes& bytes, const FormatDescription& format, const Movie
 
 // 14496-12, 8.3.1 and 8.4.1
 void track(Bytes& bytes, const FormatDescription& format, const MovieTables& tables,
-           std::uint64_t created) {
+           const MovieProperties& properties) {
   const Box box(bytes, "trak");
-  trackHeader(bytes, format, tables.duration, created);
+  trackHeader(bytes, format, tables.duration, properties);
   const Box media(bytes, "mdia");
-  mediaHeader(bytes, tables.duration, created);
+  mediaHeader(bytes, tables.duration, properties.created);
   handler(bytes);
   mediaInformation(bytes, format, tables);
 }
@@ -303,7 +323,7 @@ void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
 
 }  // namespace
 
-Bytes movieStart(const FormatDescription& format, std::uint64_t created) {
+Bytes movieStart(const FormatDescription& format, const MovieProperties& properties) {
   Bytes bytes;
   fileType(bytes);
   {
@@ -312,8 +332,8 @@ Bytes movieStart(const FormatDescription& format, std::uint64_t created) {
   }
   {
     const Box box(bytes, "moov");
-    movieHeader(bytes, 0, created);
-    track(bytes, format, {}, created);
+    movieHeader(bytes, 0, properties.created);
+    track(bytes, format, {}, properties);
     movieExtends(bytes);
   }
   return bytes;
@@ -341,13 +361,14 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
   return bytes;
 }
 
-Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created) {
+Bytes movieEnd(const FormatDescription& format, const MovieTables& tables,
+               const MovieProperties& properties) {
   Bytes bytes;
   bytes.reserve(maximumMovieEndBytes(format, tables));
   {
     const Box box(bytes, "moov");
-    movieHeader(bytes, tables.duration, created);
-    track(bytes, format, tables, created);
+    movieHeader(bytes, tables.duration, properties.created);
+    track(bytes, format, tables, properties);
   }
   return bytes;
 }

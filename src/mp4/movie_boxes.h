@@ -15,9 +15,13 @@
 
 namespace lumora {
 
-// `ftyp`, the placeholder and the `moov` of a movie that has no samples yet. `created` is seconds
-// since 1904.
-Bytes movieStart(const FormatDescription& format, std::uint64_t created);
+struct MovieProperties {
+  std::uint64_t created = 0;  // seconds since 1904
+  int rotation = 0;           // of the picture when it is shown, clockwise: 0, 90, 180 or 270
+};
+
+// `ftyp`, the placeholder and the `moov` of a movie that has no samples yet.
+Bytes movieStart(const FormatDescription& format, const MovieProperties& properties);
 // Where the placeholder lies in `movieStart`, in bytes.
 std::uint64_t placeholderOffset();
 
@@ -29,7 +33,8 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
                     const std::vector<MovieSample>& samples);
 
 // The complete `moov`.
-Bytes movieEnd(const FormatDescription& format, const MovieTables& tables, std::uint64_t created);
+Bytes movieEnd(const FormatDescription& format, const MovieTables& tables,
+               const MovieProperties& properties);
 
 // At least the size in bytes of `movieEnd`, wherever the movie ends.
 std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables);

@@ -9,6 +9,8 @@ namespace lumora {
 
 std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   std::shared_ptr<MovieDisk> disk(new MovieDisk);
+  disk->freeBytes_ = sink->freeBytes();
+  disk->freeBytesAsked_ = std::chrono::steady_clock::now();
   startThread("lumora.disk",
               [disk, sink = std::move(sink)]() mutable { disk->run(std::move(sink)); });
   return disk;
@@ -20,8 +22,8 @@ void MovieDisk::write(Bytes head, Bytes body, std::uint64_t ending) {
                    body = std::move(body)](ByteSink& sink) {
              // Synced at once, so a power cut costs no more than a crash of the process.
              if (proceeds(sink.reserve(room)) && proceeds(sink.write(head)) &&
-                 proceeds(sink.write(body))) {
-               proceeds(sink.sync());
+                 proceeds(sink.write(body)) && proceeds(sink.sync())) {
+               written(sink);
              }
            }});
 }
@@ -38,6 +40,32 @@ void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
              }
            },
            std::move(handler)});
+}
+
+void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
+                       std::function<void(int error)> handler) {
+  end(WriterStatus::failed, "the movie was ended early");
+  const auto outcome = std::make_shared<int>(0);
+  Job job{0,
+          [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
+            const auto ending = make(syncedWrites(), sink.size());
+            if (!ending) return;
+            int& error = *outcome;
+            if ((error = sink.write(ending->tail)) == 0 && (error = sink.sync()) == 0 &&
+                (error = sink.overwrite(offset, ending->header)) == 0 &&
+                (error = sink.sync()) == 0) {
+              sink.releaseRoom();
+            }
+          },
+          [outcome, handler = std::move(handler)] { handler(*outcome); },
+          /*isRescue=*/true};
+  std::list<Job> dropped;  // destroyed after the lock is released
+  {
+    const std::lock_guard hold(mutex_);
+    dropped.swap(jobs_);
+    jobs_.push_back(std::move(job));
+  }
+  changed_.notify_one();
 }
 
 void MovieDisk::fail(std::string message, std::function<void()> handler) {
@@ -72,6 +100,29 @@ std::size_t MovieDisk::queuedBytes() const {
   return queuedBytes_;
 }
 
+std::size_t MovieDisk::syncedWrites() const {
+  const std::lock_guard hold(mutex_);
+  return syncedWrites_;
+}
+
+std::optional<std::uint64_t> MovieDisk::freeBytes() const {
+  const std::lock_guard hold(mutex_);
+  return freeBytes_;
+}
+
+// Counts a write, and asks for the free space once a second.
+void MovieDisk::written(const ByteSink& sink) {
+  const auto now = std::chrono::steady_clock::now();
+  std::unique_lock hold(mutex_);
+  ++syncedWrites_;
+  if (now - freeBytesAsked_ < std::chrono::seconds(1)) return;
+  freeBytesAsked_ = now;
+  hold.unlock();
+  const auto free = sink.freeBytes();
+  hold.lock();
+  freeBytes_ = free;
+}
+
 void MovieDisk::enqueue(Job job) {
   {
     const std::lock_guard hold(mutex_);
@@ -89,15 +140,16 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
     if (cancelled_) return;
     job = std::move(jobs_.front());
     jobs_.pop_front();
-    const bool skipped = status_ != WriterStatus::writing;
+    const bool skipped = status_ != WriterStatus::writing && !job.isRescue;
     hold.unlock();
     try {
       if (!skipped) job.step(*sink);
     } catch (const std::exception& error) {
       end(WriterStatus::failed, reasonOf(error));
     }
-    if (job.handler) return job.handler();
+    if (job.handler) job.handler();
     hold.lock();
+    if (job.isRescue || status_ == WriterStatus::completed) return;
     queuedBytes_ -= job.bytes;
   }
 }

@@ -3,6 +3,7 @@
 // The I/O thread of one movie file and the queue in front of it. The thread lives until the movie
 // is finished or cancelled. It shares this object, so nobody has to wait for a disk that hangs.
 
+#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <mutex>
@@ -24,6 +25,15 @@ class MovieDisk {
   // Behind everything queued: appends `tail`, then overwrites `header` at `offset`. Each is on the
   // disk before the next step. Then `handler` runs on the I/O thread.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
+  // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
+  // is called on the I/O thread with the writes that are on the disk and the bytes of the file. If
+  // it returns nothing, nothing is done. `handler` gets the errno of the first step that failed.
+  struct Ending {
+    Bytes tail;
+    Bytes header;
+  };
+  using MakeEnding = std::function<std::optional<Ending>(std::size_t writes, std::uint64_t size)>;
+  void rescue(std::uint64_t offset, MakeEnding make, std::function<void(int error)> handler);
   // Ends the movie as failed, behind everything queued. Then `handler` runs on the I/O thread.
   void fail(std::string message, std::function<void()> handler);
   // Ends it now. What is queued is dropped, and its handlers don't run.
@@ -32,6 +42,9 @@ class MovieDisk {
   WriterStatus status() const;
   std::optional<std::string> error() const;
   std::size_t queuedBytes() const;
+  // Calls of `write` whose bytes are on the disk.
+  std::size_t syncedWrites() const;
+  std::optional<std::uint64_t> freeBytes() const;
 
  private:
   using Step = std::function<void(ByteSink&)>;
@@ -39,6 +52,7 @@ class MovieDisk {
     std::size_t bytes = 0;
     Step step;
     std::function<void()> handler = {};  // of the last job
+    bool isRescue = false;
   };
 
   MovieDisk() = default;
@@ -46,11 +60,15 @@ class MovieDisk {
   void run(std::unique_ptr<ByteSink> sink);
   bool proceeds(int error);
   void end(WriterStatus status, std::optional<std::string> message);
+  void written(const ByteSink& sink);
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
   std::list<Job> jobs_;  // unlike a deque, an empty list allocates nothing
   std::size_t queuedBytes_ = 0;
+  std::size_t syncedWrites_ = 0;
+  std::optional<std::uint64_t> freeBytes_;
+  std::chrono::steady_clock::time_point freeBytesAsked_;
   bool cancelled_ = false;
   WriterStatus status_ = WriterStatus::writing;
   std::optional<std::string> error_;

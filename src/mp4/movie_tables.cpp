@@ -17,18 +17,24 @@ void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>&
 }
 
 void MovieTables::endAt(std::uint64_t end) {
-  while (!empty() && duration - durations.back() >= end) {
-    duration -= durations.back();
-    if (!keyframes.empty() && keyframes.back() == sizes.size()) keyframes.pop_back();
-    sizes.pop_back();
-    durations.pop_back();
-    if (--chunks.back().samples == 0) chunks.pop_back();
-  }
+  while (!empty() && duration - durations.back() >= end) dropLast();
   if (empty()) return;
   duration -= durations.back();
   const auto last = std::min(end - duration, static_cast<std::uint64_t>(longestSample));
   durations.back() = static_cast<std::uint32_t>(last);
   duration += last;
+}
+
+void MovieTables::keepChunks(std::size_t count) {
+  while (chunks.size() > count) dropLast();
+}
+
+void MovieTables::dropLast() {
+  duration -= durations.back();
+  if (!keyframes.empty() && keyframes.back() == sizes.size()) keyframes.pop_back();
+  sizes.pop_back();
+  durations.pop_back();
+  if (--chunks.back().samples == 0) chunks.pop_back();
 }
 
 }  // namespace lumora

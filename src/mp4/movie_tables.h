@@ -32,7 +32,12 @@ struct MovieTables {
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
+  // Drops all samples but those of the first `count` chunks.
+  void keepChunks(std::size_t count);
   bool empty() const { return sizes.empty(); }
+
+ private:
+  void dropLast();
 };
 
 }  // namespace lumora

@@ -23,6 +23,12 @@ struct MovieTiming {
   std::int64_t duration = 0;
 };
 
+// The samples of a movie.
+struct MovieExtent {
+  std::uint64_t frames = 0;
+  std::int64_t duration = 0;  // movie units
+};
+
 enum class WriterStatus { idle, writing, completed, failed, cancelled };
 
 // One movie file with one video track. Calls come from one thread at a time and never wait for the
@@ -31,9 +37,9 @@ class MovieWriter {
  public:
   virtual ~MovieWriter() = default;
   virtual bool canAdd(const FormatDescription& format) const = 0;
-  // Adds the track and starts the timeline at zero. `canAdd` must have accepted the format. False
-  // on failure, which `error` may explain.
-  virtual bool startWriting(std::shared_ptr<const FormatDescription> format) = 0;
+  // Adds the track, which players turn clockwise by `rotation` degrees, and starts the timeline at
+  // zero. `canAdd` must have accepted the format. False on failure, which `error` may explain.
+  virtual bool startWriting(std::shared_ptr<const FormatDescription> format, int rotation) = 0;
   virtual WriterStatus status() const = 0;
   // What went wrong, as text for a person.
   virtual std::optional<std::string> error() const = 0;
@@ -43,6 +49,17 @@ class MovieWriter {
   // Ends the timeline at `end` and completes the file. `handler` runs on any thread once `status`
   // is the outcome.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
+  // The samples of the finished movie, once `finishWriting` was called.
+  virtual MovieExtent extent() const = 0;
+  // The samples that survive a power cut.
+  virtual MovieExtent synced() const = 0;
+  // After a failure of the disk: drops what waits for it, and completes the file with the samples
+  // that are on it. `handler` runs on any thread, unless writing is cancelled before. It gets the
+  // samples in the file, and whether the file could be completed; if not, it is as it was.
+  using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
+  virtual void rescue(RescueHandler handler) = 0;
+  // Bytes that the file system has left, as of at most two seconds ago. Empty if it does not say.
+  virtual std::optional<std::uint64_t> freeBytes() const = 0;
   // Stops writing and leaves the file as it is.
   virtual void cancelWriting() = 0;
 };

@@ -35,6 +35,8 @@ struct CurrentTake {
   bool isStopping() const { return pendingMovieStop || movieFinishing; }
   // The take that gets new frames. Null once its stop is pending.
   std::shared_ptr<MovieRecorder> recordingTake() const { return isStopping() ? nullptr : movie; }
+  // Whether the file of an abandoned take is being completed.
+  bool isRescuing() const { return abandoned && abandoned->options.keepsFailed; }
   bool hasSessionOfAnotherTake() const { return recording.session && recording.movie != movie; }
   // Waits until the session has encoded its frames, then closes it.
   void resetRecordingSession();

@@ -1,22 +1,12 @@
 // The end of a take: its last sample, its file, its final name.
 
-#include <filesystem>
-
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
+#include "record/recovery_path.h"
 
 namespace lumora {
-namespace {
-
-// "/a/clip.mp4" and an id give "/a/clip.recovered-<id>.mp4".
-std::string recoveryPath(const std::string& path, const std::string& id) {
-  const std::filesystem::path wanted(path);
-  return wanted.parent_path() / (wanted.stem().string() + ".recovered-" + id + ".mp4");
-}
-
-}  // namespace
 
 void MovieRecorder::finish(double stop) {
   accepting = false;
@@ -28,38 +18,46 @@ void MovieRecorder::finishJob(double stop) {
   try {
     if (!held) throw EncoderFailure::message("no camera frames were received for recording");
     const double end = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
-    if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
-    held.reset();
+    endMovie(end);
     tell(TakeState::finishing, end, "", path);
-    writer->finishWriting(movieUnits(end), [self = shared_from_this(), end] {
-      self->queue->async([self, end] { self->movieEnded(end); });
-    });
   } catch (const std::exception& reason) {
-    fail(reasonOf(reason));
+    fail(reasonOf(reason), Cause::disk);
   }
+}
+
+// Writes the sample that was held back, and completes the file.
+void MovieRecorder::endMovie(double end) {
+  if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
+  held.reset();
+  writer->finishWriting(movieUnits(end), [self = shared_from_this(), end] {
+    self->queue->async([self, end] { self->movieEnded(end); });
+  });
 }
 
 // Tries one name after the other: a complete movie is never deleted because of its name.
 void MovieRecorder::movieEnded(double end) {
-  if (writer->status() != WriterStatus::completed) {
-    return fail(writer->error().value_or("recording finalization failed"));
-  }
-  if (platform.files->move(staging, path)) return tell(TakeState::saved, end, "", path);
+  const bool isComplete = writer->status() == WriterStatus::completed;
+  if (failed) return isComplete ? kept(writer->extent(), true) : rescue();
+  if (!isComplete)
+    return fail(writer->error().value_or("recording finalization failed"), Cause::disk);
+  if (platform.files->move(staging, path)) return saved(end, "", path);
   const std::string recovery = recoveryPath(path, id);
   if (platform.files->move(staging, recovery)) {
-    return tell(TakeState::saved, end,
-                "Final filename was unavailable. Completed video saved at the recovery path shown.",
-                recovery);
+    return saved(
+        end, "Final filename was unavailable. Completed video saved at the recovery path shown.",
+        recovery);
   }
-  tell(TakeState::saved, end,
-       "Final filename was unavailable. Completed video preserved at the staging path shown; "
-       "rename it to .mp4.",
-       staging);
+  saved(end,
+        "Final filename was unavailable. Completed video preserved at the staging path shown; "
+        "rename it to .mp4.",
+        staging);
 }
 
-void MovieRecorder::abort(const std::string& message) {
-  accepting = false;
-  queue->async([self = shared_from_this(), message] { self->fail(message); });
+void MovieRecorder::saved(double end, const std::string& error, const std::string& outputPath) {
+  Json more = Json::object();
+  if (options.keepsFailed) more["frames_in_movie"] = writer->extent().frames;
+  if (spaceIsShort) more["stopped_for"] = "minimum_free";
+  tell(TakeState::saved, end, error, outputPath, more);
 }
 
 }  // namespace lumora

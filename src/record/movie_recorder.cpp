@@ -20,13 +20,14 @@ constexpr double progressInterval = 1.0;  // seconds
 
 MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
                              std::optional<double> start, RecordingProfile takeProfile,
-                             CadenceRule rule, const Platform& services, Report relay)
+                             const TakeOptions& asked, const Platform& services, Report relay)
     : id(std::move(takeID)),
       path(std::move(destination)),
       startedAt(start),
       profile(takeProfile),
+      options(asked),
       staging(path + "." + id + ".partial"),
-      cadence{profile.targetFPS, rule, std::nullopt},
+      cadence{profile.targetFPS, asked.cadence, std::nullopt},
       platform(services),
       queue(services.dispatch->makeQueue("lumora.movie")),
       report(std::move(relay)) {}
@@ -56,7 +57,7 @@ void MovieRecorder::writeJob(HeldSample next) {
     try {
       holdBack(std::move(next));
     } catch (const std::exception& reason) {
-      fail(reasonOf(reason));
+      fail(reasonOf(reason), Cause::disk);
     }
   }
   --pending;
@@ -86,8 +87,10 @@ void MovieRecorder::prepare(const HeldSample& first) {
   std::string error;
   writer = platform.movies->createWriter(staging, error);
   if (!writer) throw EncoderFailure::message(error);
+  checkSpace();
+  if (spaceIsShort) throw EncoderFailure::message("not enough free space");
   if (!writer->canAdd(*format)) throw EncoderFailure::message("recording format unavailable");
-  if (!writer->startWriting(format)) {
+  if (!writer->startWriting(format, options.rotation)) {
     throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
   }
   origin = startedAt.value_or(first.time);
@@ -111,15 +114,39 @@ std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::i
     throw EncoderFailure::status("recording sample append", 0);
   }
   ++frames;
-  recentWrites.push_back(platform.clock->uptime());
+  const double now = platform.clock->uptime();
+  recentWrites.push_back(now);
+  if (options.minimumFree) recentBytes.emplace_back(now, sample.sample->dataLength().value_or(0));
+  checkSpace();
   const double duration =
       std::max(until - sample.time, static_cast<double>(shortest) / movieTimescale);
   writtenDuration = std::max(writtenDuration, sample.time - origin + duration);
   return timing.time + timing.duration;
 }
 
+void MovieRecorder::checkSpace() {
+  const auto free = options.minimumFree ? writer->freeBytes() : std::nullopt;
+  if (free && std::cmp_less(*free, *options.minimumFree)) spaceIsShort = true;
+}
+
+// How long the space above the minimum lasts at the take's rate of the last ten seconds.
+Json MovieRecorder::spaceLeft() {
+  constexpr double window = 10;  // seconds
+  const double now = platform.clock->uptime();
+  while (!recentBytes.empty() && recentBytes.front().first < now - window) recentBytes.pop_front();
+  const auto free = options.minimumFree ? writer->freeBytes() : std::nullopt;
+  if (!free || recentBytes.empty() || recentBytes.front().first >= now) return Json::object();
+  double bytes = 0;
+  for (const auto& [time, size] : recentBytes) bytes += static_cast<double>(size);
+  const double rate = bytes / (now - recentBytes.front().first);
+  const double room = static_cast<double>(*free) - static_cast<double>(*options.minimumFree);
+  if (rate <= 0) return Json::object();
+  return {{"seconds_left", std::max(room / rate, 0.0)}};
+}
+
 void MovieRecorder::tell(TakeState state, double duration, const std::string& error,
-                         const std::string& outputPath) {
+                         const std::string& outputPath, const Json& more) {
+  isConcluded = isLast(state);
   const double now = platform.clock->uptime();
   std::erase_if(recentWrites, [now](double written) { return written <= now - 1.0; });
   TakeEvent event = makeTakeEvent({.id = id,
@@ -133,7 +160,8 @@ void MovieRecorder::tell(TakeState state, double duration, const std::string& er
                                    .throttled = throttled,
                                    .width = width,
                                    .height = height,
-                                   .error = error});
+                                   .error = error,
+                                   .more = more});
   platform.stateQueue->async(
       [self = shared_from_this(), event = std::move(event)] { self->report(event, self); });
 }
@@ -148,20 +176,7 @@ void MovieRecorder::progress() {
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
-  tell(TakeState::recording, writtenDuration, "", path);
-}
-
-void MovieRecorder::fail(const std::string& message) {
-  if (failed) return;
-  failed = true;
-  held.reset();
-  accepting = false;
-  // Without a writer this take has made no file: one of that name belongs to somebody else.
-  if (writer) {
-    writer->cancelWriting();
-    platform.files->remove(staging);
-  }
-  tell(TakeState::failed, 0, message, path);
+  tell(TakeState::recording, writtenDuration, "", path, spaceLeft());
 }
 
 }  // namespace lumora

@@ -6,11 +6,12 @@
 // drops everything until the next key frame.
 
 #include <atomic>
+#include <deque>
 
 #include "platform/platform.h"
-#include "record/recording_cadence.h"
 #include "record/recording_profile.h"
 #include "record/take_event.h"
+#include "record/take_options.h"
 
 namespace lumora {
 
@@ -22,7 +23,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // `relay` gets every event of the take, on the state queue. Throws std::system_error when there
   // can be no queue.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
-                RecordingProfile takeProfile, CadenceRule rule, const Platform& services,
+                RecordingProfile takeProfile, const TakeOptions& asked, const Platform& services,
                 Report relay);
 
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
@@ -31,16 +32,23 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void countDropped();                    // a frame was lost before it became a sample
   void countThrottled() { ++throttled; }  // the cadence skipped a frame
   int pendingWork() const { return pending; }
+  // Whether the file system has less than `options.minimumFree` left. Any thread.
+  bool lacksSpace() const { return spaceIsShort; }
 
   // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
   void finish(double stop);
-  // State queue. Ends the take as failed.
+  // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
+  // file is complete, after `rescueTimeout` seconds at most.
   void abort(const std::string& message);
+  static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
+
+  EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
 
   const std::string id;
   const std::string path;  // final destination
   const std::optional<double> startedAt;
   const RecordingProfile profile;
+  const TakeOptions options;
   const std::string staging;  // the file while it is being written
   RecordingCadence cadence;   // state queue only
 
@@ -58,11 +66,23 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void prepare(const HeldSample& first);
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void tell(TakeState state, double duration, const std::string& error,
-            const std::string& outputPath);
-  void fail(const std::string& message);
+            const std::string& outputPath, const Json& more = Json::object());
   void progress();
+  void checkSpace();
+  Json spaceLeft();
   void finishJob(double stop);
+  void endMovie(double end);
   void movieEnded(double end);
+  void saved(double end, const std::string& error, const std::string& outputPath);
+
+  // Ends the take as failed. If the disk has failed, only what is on it can be kept; otherwise
+  // every sample can.
+  enum class Cause { disk, other };
+  void fail(const std::string& message, Cause cause);
+  bool keepAll();
+  void rescue();
+  void kept(MovieExtent extent, bool isComplete);
+  void removeFile();
 
   const Platform platform;
   const std::shared_ptr<SerialQueue> queue;
@@ -76,9 +96,13 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   double writtenDuration = 0;  // seconds
   double lastProgressReport = -std::numeric_limits<double>::infinity();
   std::vector<double> recentWrites;  // uptimes; `tell` removes those older than a second
+  // Uptimes and bytes of the samples of the last ten seconds, if there is a minimum of free space.
+  std::deque<std::pair<double, std::size_t>> recentBytes;
   int width = 0;
   int height = 0;
   bool failed = false;
+  std::string failure;       // the reason
+  bool isConcluded = false;  // the last event was told
 
   // State queue only.
   bool waitingIDR = true;
@@ -88,6 +112,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::atomic<std::uint64_t> dropped = 0;
   std::atomic<std::uint64_t> throttled = 0;
   std::atomic<bool> accepting = true;
+  std::atomic<bool> spaceIsShort = false;
 };
 
 }  // namespace lumora

@@ -3,6 +3,7 @@
 
 #include "app/video_encoder.h"
 #include "base/text.h"
+#include "encode/encoder_failure.h"
 #include "record/recording_command.h"
 
 namespace lumora {
@@ -25,18 +26,24 @@ void VideoEncoder::startRecording(const Json& command) {
     startedAt = recordingTimestamp(*value, uptime());
     if (!startedAt) return reject("recording start time is invalid");
   }
+  TakeOptions options;
+  try {
+    options = TakeOptions::parse(command);
+  } catch (const EncoderFailure& invalid) {
+    return reject(invalid.what());
+  }
   const std::string* path = findString(command, "path");
-  if (take.movie || shutdownCode || path == nullptr || !isRecordingDestination(*path)) {
+  if (take.movie || take.isRescuing() || shutdownCode || path == nullptr ||
+      !isRecordingDestination(*path)) {
     return reject("recording destination or state is invalid");
   }
   concludeAbandonedTake();
   const std::string& id = *findString(command, "id");
   tellParent(makeTakeEvent({id, TakeState::starting, *path, profile->targetFPS}));
   try {
-    take.movie =
-        std::make_shared<MovieRecorder>(id, *path, startedAt, *profile, requestedCadence(command),
-                                        platform, weakly(&VideoEncoder::relayRecording));
-    platform.encoders->openAhead(profile->sessionSettings());
+    take.movie = std::make_shared<MovieRecorder>(id, *path, startedAt, *profile, options, platform,
+                                                 weakly(&VideoEncoder::relayRecording));
+    platform.encoders->openAhead(take.movie->sessionSettings());
   } catch (const std::exception& error) {
     tellParent(failedEvent(*take.movieStatus, reasonOf(error)));
   }
@@ -70,6 +77,14 @@ void VideoEncoder::tellParent(const TakeEvent& event) {
   emit(event.json);
   // At once, since a parent that reads this event may start the next take.
   if (isLast(event.state)) takeEnded();
+}
+
+// Stops a take that leaves too little space.
+void VideoEncoder::stopTakeWithoutSpace() {
+  const auto movie = take.recordingTake();
+  if (!movie || !movie->lacksSpace()) return;
+  take.pendingMovieStop = uptime();
+  finishMovieIfReady();
 }
 
 // An abandoned take emits its "failed" event when its file has been deleted. This emits it earlier,

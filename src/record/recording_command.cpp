@@ -38,11 +38,6 @@ std::optional<double> recordingTimestamp(const Json& value, double now) {
   return accepted ? std::optional(time) : std::nullopt;
 }
 
-CadenceRule requestedCadence(const Json& command) {
-  const std::string* name = findString(command, "cadence");
-  return name != nullptr && *name == "steady" ? CadenceRule::steady : CadenceRule::grid;
-}
-
 bool isRecordingDestination(const std::string& path) {
   return path.starts_with('/') && path.size() <= maximumPathBytes && path.ends_with(".mp4") &&
          path.find('\0') == std::string::npos;

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "base/json.h"
-#include "record/recording_cadence.h"
 
 namespace lumora {
 
@@ -15,9 +14,6 @@ std::optional<Json> parseRecordingCommand(ByteView payload);
 
 // A capture time in uptime seconds: empty unless it is at most 30 s before and 50 ms after `now`.
 std::optional<double> recordingTimestamp(const Json& value, double now);
-
-// The cadence that a "record_start" asks for: the grid unless it says "steady".
-CadenceRule requestedCadence(const Json& command);
 
 // Whether this is an absolute ".mp4" path of at most 3000 bytes.
 bool isRecordingDestination(const std::string& path);

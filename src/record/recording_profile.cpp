@@ -1,7 +1,5 @@
 #include "record/recording_profile.h"
 
-#include "encode/session_settings.h"
-
 namespace lumora {
 
 std::optional<RecordingProfile> RecordingProfile::parse(const Json& command) {
@@ -20,8 +18,10 @@ std::optional<RecordingProfile> RecordingProfile::parse(const Json& command) {
   return std::nullopt;
 }
 
-EncoderSettings RecordingProfile::sessionSettings() const {
-  return lumora::sessionSettings(SessionKind::recording, {width, height}, targetFPS);
+EncoderSettings RecordingProfile::sessionSettings(std::int64_t bitRate) const {
+  auto settings = lumora::sessionSettings(SessionKind::recording, {width, height}, targetFPS);
+  settings.bitRate = bitRate;
+  return settings;
 }
 
 }  // namespace lumora

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/json.h"
-#include "platform/encoder_settings.h"
+#include "encode/session_settings.h"
 
 namespace lumora {
 
@@ -16,8 +16,8 @@ struct RecordingProfile {
   // the default one. Empty when they are invalid.
   static std::optional<RecordingProfile> parse(const Json& command);
 
-  // The settings of the session that encodes the take.
-  EncoderSettings sessionSettings() const;
+  // The settings of the session that encodes a take at this bit rate.
+  EncoderSettings sessionSettings(std::int64_t bitRate = recordingBitRate) const;
 };
 
 constexpr RecordingProfile defaultProfile{"1080x720", 1080, 720, 60};  // 1080 wide, not 1280

@@ -17,20 +17,22 @@ const char* textOf(TakeState state) {
 TakeEvent makeTakeEvent(const TakeReport& report) {
   // In the "starting" event the duration is an integer.
   const Json duration = report.state == TakeState::starting ? Json(0) : Json(report.duration);
-  return {report.state,
-          {{"type", "recording"},
-           {"id", report.id},
-           {"state", textOf(report.state)},
-           {"path", report.path},
-           {"frames", report.frames},
-           {"dropped", report.dropped},
-           {"duration", duration},
-           {"target_fps", report.targetFPS},
-           {"recent_fps", report.recentFPS},
-           {"throttled", report.throttled},
-           {"width", report.width},
-           {"height", report.height},
-           {"error", firstCharacters(report.error, maximumMessageCharacters)}}};
+  TakeEvent event{report.state,
+                  {{"type", "recording"},
+                   {"id", report.id},
+                   {"state", textOf(report.state)},
+                   {"path", report.path},
+                   {"frames", report.frames},
+                   {"dropped", report.dropped},
+                   {"duration", duration},
+                   {"target_fps", report.targetFPS},
+                   {"recent_fps", report.recentFPS},
+                   {"throttled", report.throttled},
+                   {"width", report.width},
+                   {"height", report.height},
+                   {"error", firstCharacters(report.error, maximumMessageCharacters)}}};
+  event.json.update(report.more);
+  return event;
 }
 
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error) {

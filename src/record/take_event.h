@@ -35,9 +35,10 @@ struct TakeReport {
   int width = 0;   // pixels
   int height = 0;  // pixels
   std::string error = {};
+  Json more = Json::object();  // keys that the parent has asked for
 };
 
-// The event of a take that was accepted. It has thirteen keys.
+// The event of a take that was accepted. It has thirteen keys, and those that were asked for.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
 // The "failed" event of a take whose recorder can't make one, or not in time. Its figures are those

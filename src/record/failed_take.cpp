@@ -1,0 +1,72 @@
+// The end of a take that fails: what becomes of its file.
+
+#include <filesystem>
+
+#include "encode/encoder_failure.h"
+#include "record/movie_recorder.h"
+#include "record/movie_timing.h"
+#include "record/recovery_path.h"
+
+namespace lumora {
+
+void MovieRecorder::abort(const std::string& message) {
+  accepting = false;
+  queue->async([self = shared_from_this(), message] { self->fail(message, Cause::other); });
+}
+
+void MovieRecorder::fail(const std::string& message, Cause cause) {
+  if (failed) return;
+  failed = true;
+  failure = message;
+  accepting = false;
+  const bool keeps = options.keepsFailed && writer && writer->synced().frames > 0;
+  if (!keeps) {
+    held.reset();
+    removeFile();
+    return tell(TakeState::failed, 0, failure, path);
+  }
+  if (cause == Cause::disk || !keepAll()) rescue();
+  // A disk that hangs never answers.
+  queue->asyncAfter(rescueTimeout, [self = shared_from_this()] {
+    if (!self->isConcluded) self->kept(self->writer->synced(), false);
+  });
+}
+
+// Ends the movie with its last sample. False if the disk does not take it.
+bool MovieRecorder::keepAll() try {
+  if (!held) return false;
+  endMovie(held->time - origin + 1.0 / profile.targetFPS);
+  return true;
+} catch (const std::exception&) {
+  return false;
+}
+
+void MovieRecorder::rescue() {
+  held.reset();
+  writer->rescue([self = shared_from_this()](MovieExtent extent, bool isComplete) {
+    self->queue->async([self, extent, isComplete] { self->kept(extent, isComplete); });
+  });
+}
+
+// A file that could not be completed keeps its name, since it is no ordinary movie yet.
+void MovieRecorder::kept(MovieExtent extent, bool isComplete) {
+  if (isConcluded) return;
+  Json more = Json::object();
+  if (extent.frames > 0) {
+    const std::string recovery = recoveryPath(path, id);
+    const bool isRenamed = isComplete && platform.files->move(staging, recovery);
+    more = {{"kept_path", std::filesystem::path(isRenamed ? recovery : staging).filename()},
+            {"kept_frames", extent.frames},
+            {"kept_duration", static_cast<double>(extent.duration) / movieTimescale}};
+  }
+  tell(TakeState::failed, 0, failure, path, more);
+}
+
+// Without a writer this take has made no file: one of that name belongs to somebody else.
+void MovieRecorder::removeFile() {
+  if (!writer) return;
+  writer->cancelWriting();
+  platform.files->remove(staging);
+}
+
+}  // namespace lumora

@@ -1,0 +1,52 @@
+#include "record/take_options.h"
+
+#include <algorithm>
+
+#include "encode/encoder_failure.h"
+
+namespace lumora {
+namespace {
+
+constexpr std::int64_t leastBitRate = 250'000;
+constexpr std::int64_t mostBitRate = 50'000'000;
+constexpr std::int64_t mostMinimumFree = std::int64_t{1} << 53;  // what JSON holds exactly
+
+[[noreturn]] void refuse(const char* key) {
+  throw EncoderFailure::message(std::string("recording ") + key + " is invalid");
+}
+
+// The integer of `key`, if there is one. It may be written with a fraction of 0.
+std::optional<std::int64_t> findInteger(const Json& command, const char* key, std::int64_t least,
+                                        std::int64_t most) {
+  const Json* value = findValue(command, key);
+  if (value == nullptr) return std::nullopt;
+  if (!value->is_number()) refuse(key);
+  const double number = value->get<double>();
+  const bool isInRange =
+      number >= static_cast<double>(least) && number <= static_cast<double>(most);
+  const auto integer = isInRange ? static_cast<std::int64_t>(number) : 0;
+  if (!isInRange || static_cast<double>(integer) != number) refuse(key);
+  return integer;
+}
+
+}  // namespace
+
+TakeOptions TakeOptions::parse(const Json& command) {
+  TakeOptions options;
+  const std::string* cadence = findString(command, "cadence");
+  if (cadence != nullptr && *cadence == "steady") options.cadence = CadenceRule::steady;
+  if (const auto rate = findInteger(command, "bit_rate", leastBitRate, mostBitRate))
+    options.bitRate = *rate;
+  if (const auto rotation = findInteger(command, "rotation", 0, 270)) {
+    if (*rotation % 90 != 0) refuse("rotation");
+    options.rotation = static_cast<int>(*rotation);
+  }
+  if (const Json* value = findValue(command, "on_failure")) {
+    if (*value != "keep") refuse("on_failure");
+    options.keepsFailed = true;
+  }
+  options.minimumFree = findInteger(command, "minimum_free", 0, mostMinimumFree);
+  return options;
+}
+
+}  // namespace lumora

@@ -1,0 +1,26 @@
+#pragma once
+
+// What a "record_start" may ask for besides its place, its profile and its start. Pure.
+
+#include <cstdint>
+#include <optional>
+
+#include "base/json.h"
+#include "encode/session_settings.h"
+#include "record/recording_cadence.h"
+
+namespace lumora {
+
+struct TakeOptions {
+  CadenceRule cadence = CadenceRule::grid;
+  std::int64_t bitRate = recordingBitRate;  // bits per second
+  int rotation = 0;                         // clockwise degrees: 0, 90, 180 or 270
+  bool keepsFailed = false;                 // a take that fails keeps what is on the disk
+  // Bytes that the file system must have left, or the take is stopped.
+  std::optional<std::int64_t> minimumFree = {};
+
+  // Throws EncoderFailure, whose text names the key that has an invalid value.
+  static TakeOptions parse(const Json& command);
+};
+
+}  // namespace lumora
