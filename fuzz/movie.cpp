@@ -41,7 +41,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
   WriterStatus status = WriterStatus::idle;
   {
     HybridMovieWriter writer(std::make_unique<MemorySink>(bytes, synced), 0);
-    require(writer.startWriting(keySample()->format()));
+    require(writer.startWriting(keySample()->format(), 0));
     std::int64_t time = 0;
     std::int64_t fragment = 0;
     while (input.remaining_bytes() > 8 && timings.size() < 400) {

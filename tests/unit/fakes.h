@@ -304,7 +304,8 @@ struct FakeDecoder final : FrameDecoder {
 struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
   bool canAdd(const FormatDescription&) const override { return next("canAdd") == 0; }
-  bool startWriting(std::shared_ptr<const FormatDescription>) override {
+  bool startWriting(std::shared_ptr<const FormatDescription>, int degrees) override {
+    rotation = degrees;
     if (next("startWriting") == 0) state = WriterStatus::writing;
     return state == WriterStatus::writing;
   }
@@ -320,6 +321,10 @@ struct FakeWriter final : MovieWriter, CanFail {
     end = at;
     finished = std::move(handler);
   }
+  MovieExtent extent() const override { return {timings.size(), end}; }
+  MovieExtent synced() const override { return onDisk; }
+  void rescue(RescueHandler handler) override { rescued = std::move(handler); }
+  std::optional<std::uint64_t> freeBytes() const override { return free; }
   void cancelWriting() override { state = WriterStatus::cancelled; }
   void complete(WriterStatus outcome) {
     state = outcome;
@@ -331,6 +336,10 @@ struct FakeWriter final : MovieWriter, CanFail {
   std::vector<std::pair<std::int64_t, std::int64_t>> timings;
   std::int64_t end = -1;
   std::function<void()> finished;
+  int rotation = -1;
+  MovieExtent onDisk;
+  RescueHandler rescued;
+  std::optional<std::uint64_t> free;
 };
 
 struct FakeMovies final : Movies, CanFail {
@@ -342,9 +351,11 @@ struct FakeMovies final : Movies, CanFail {
     }
     writers.push_back(std::make_shared<FakeWriter>(failures));
     writers.back()->problem = problem;
+    writers.back()->free = free;
     return writers.back();
   }
   std::optional<std::string> problem;  // what the writers say of theirs
+  std::optional<std::uint64_t> free;
   std::vector<std::shared_ptr<FakeWriter>> writers;
 };
 

@@ -75,13 +75,15 @@ struct DiskSink final : ByteSink {
   int sync() override {
     return disk->call([] {});
   }
+  std::uint64_t size() const override { return disk->size; }
+  std::optional<std::uint64_t> freeBytes() const override { return std::nullopt; }
   std::shared_ptr<Disk> disk;
 };
 
 struct Written {
   explicit Written(int failAfter = -1) {
     disk->failAfter = failAfter;
-    writer.startWriting(keySample()->format());
+    writer.startWriting(keySample()->format(), 0);
   }
   bool append(std::size_t size, bool keyframe, MovieTiming timing) {
     const auto sample = keyframe ? keySample(size - 4) : deltaSample(size - 4);
@@ -216,6 +218,35 @@ TEST(MovieFile, StillTakesItsTablesWhenTheDiskIsFull) {
     movie.disk->set(movie.disk->isFull, true);
     EXPECT_EQ(movie.finish(samples * 1000), WriterStatus::completed) << samples;
     EXPECT_EQ(movie.disk->reserved, 0u);
+  }
+}
+
+// A disk that fails for a while, at any call, and one that fails for good.
+TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
+  for (const bool isForGood : {false, true}) {
+    for (int failAfter = 0; failAfter <= 16; ++failAfter) {
+      Written movie(failAfter);
+      for (int i = 0; i < 61; ++i) movie.append(20, i == 0, {i * 1000, 1000});
+      if (failAfter > 9) movie.finish(61000);  // it fails later than the last full fragment
+      if (failAfter == 16) continue;
+      while (!movie.writer.error()) std::this_thread::yield();
+      if (!isForGood) movie.disk->set(movie.disk->failAfter, -1);
+      std::promise<std::pair<MovieExtent, bool>> answer;
+      movie.writer.rescue([&](MovieExtent kept, bool isComplete) {
+        answer.set_value({kept, isComplete});
+      });
+      const auto [kept, isComplete] = answer.get_future().get();
+      // The start of the file and each fragment take three calls.
+      const std::uint64_t fragments = std::max(failAfter / 3 - 1, 0);
+      const std::uint64_t frames = std::min<std::uint64_t>(fragments * 30, 61);
+      EXPECT_EQ(kept.frames, frames) << failAfter;
+      EXPECT_EQ(kept.duration, static_cast<std::int64_t>(frames) * 1000) << failAfter;
+      EXPECT_EQ(isComplete, frames > 0 && !isForGood) << failAfter;
+      if (frames == 0) continue;
+      const MovieContents read = readMovie(movie.disk->bytes);
+      EXPECT_EQ(read.times.size(), frames) << failAfter;
+      if (isComplete) EXPECT_EQ(read.duration, kept.duration) << failAfter;
+    }
   }
 }
 

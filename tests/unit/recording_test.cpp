@@ -30,14 +30,26 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
   for (const Json& path : Json{"a.mp4", "/a.MP4", std::string("/a\0.mp4", 7), 7, pathOf(3001)})
     expectRefused(state, {{"path", path}});
   EXPECT_TRUE(isRecordingDestination(pathOf(3000)));
-  start({{"resolution", "640x360"}, {"target_fps", 30.0}, {"cadence", "steady"}});
+  const Json invalid = {{"bit_rate", {249999, 50000001, 1e6 + 0.5, "1000000", nullptr}},
+                        {"rotation", {-90, 45, 360, true}},
+                        {"on_failure", {"delete", 1, true}},
+                        {"minimum_free", {-1, 9007199254740994, "1"}}};
+  for (const auto& [key, values] : invalid.items())
+    for (const Json& value : values) expectRefused(key.c_str(), {{key, value}});
+  start({{"resolution", "640x360"},
+         {"target_fps", 30.0},
+         {"cadence", "steady"},
+         {"bit_rate", 250000},
+         {"rotation", 270.0},
+         {"minimum_free", 9007199254740992}});
   EXPECT_EQ(probe.take()->cadence.rule, CadenceRule::steady);
-  const auto settings = sessionSettings(SessionKind::recording, {640, 360}, 30);
+  auto settings = sessionSettings(SessionKind::recording, {640, 360}, 30);
+  settings.bitRate = 250000;
   EXPECT_EQ(probe.encoders->ahead, std::vector{settings});
   expectRefused(state, {{"path", "/b.mp4"}});
   EXPECT_EQ(sendStart({{"path", "/b.mp4"}}).at(0)["path"], "/b.mp4");
   for (const Json& other : {Json::object(), Json{{"cadence", "grid"}}, Json{{"cadence", 1}}})
-    EXPECT_EQ(requestedCadence(other), CadenceRule::grid);
+    EXPECT_EQ(TakeOptions::parse(other).cadence, CadenceRule::grid);
 }
 
 TEST_F(Takes, BeginAtZeroAndHaveSamplesThatLastUntilTheNext) {

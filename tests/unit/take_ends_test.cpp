@@ -118,5 +118,107 @@ TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
   }
 }
 
+const std::string takeStaging = takePath + "." + takeID + ".partial";
+const std::string takeRecovery = "a.recovered-" + takeID + ".mp4";
+
+struct KeptTakes : Takes {
+  void startKept() {
+    start({{"on_failure", "keep"}, {"resolution", "640x360"}, {"target_fps", 30}});
+    frame(1001.0, true);
+    writer().onDisk = {30, 30000};
+  }
+  // The take's last event. No other take may begin before it.
+  Json lastEvent() {
+    const auto failed = events("failed");
+    return failed.size() == 1 ? failed[0] : Json();
+  }
+  void expectRefusal() {
+    EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["error"],
+              "recording destination or state is invalid");
+  }
+};
+
+TEST_F(KeptTakes, NameWhatWasOnTheDiskThatFailed) {
+  for (const bool isComplete : {true, false}) {
+    probe.restart();
+    startKept();
+    probe.failures->fail("append", 1, -1, 0);
+    frame(1001.1);
+    EXPECT_TRUE(events("failed").empty());
+    expectRefusal();
+    writer().rescued({30, 30000}, isComplete);
+    expectKeys(lastEvent(),
+               {{"error", "recording sample append failed (0)"},
+                {"kept_path", isComplete ? takeRecovery : "a.mp4." + takeID + ".partial"},
+                {"kept_frames", 30},
+                {"kept_duration", 0.5}});
+    EXPECT_EQ(probe.files->moves.size(), isComplete ? 1u : 0u);
+    EXPECT_TRUE(probe.files->removed.empty());
+  }
+}
+
+// The encoder fails, the camera changes its size, the time of the stop is refused.
+TEST_F(KeptTakes, KeepEverySampleWhenTheDiskIsSound) {
+  for (const std::string cause : {"encoder", "size", "stop"}) {
+    probe.restart();
+    startKept();
+    frame(1001.1);
+    if (cause == "encoder") feed(1001.2), probe.answer(nullptr, -1);
+    if (cause == "size") feed(1001.2, 320, 240);
+    if (cause == "stop") stop({{"stopped_at", 5.0}});
+    probe.run();
+    ASSERT_TRUE(writer().finished) << cause;
+    EXPECT_EQ(writer().timings.size(), 2u) << cause;
+    EXPECT_TRUE(events("failed").empty());
+    expectRefusal();
+    writer().complete(WriterStatus::completed);
+    expectKeys(lastEvent(), {{"kept_path", takeRecovery}, {"kept_frames", 2}});
+  }
+}
+
+TEST_F(KeptTakes, AreDeletedWithoutAFragmentOnTheDiskAndNamedWhenItHangs) {
+  startKept();
+  writer().onDisk = {};
+  probe.failures->fail("append", 1, -1, 0);
+  frame(1001.1);
+  EXPECT_FALSE(lastEvent().contains("kept_path"));
+  EXPECT_EQ(probe.files->removed, std::vector<std::string>{takeStaging});
+
+  probe.restart();
+  startKept();
+  probe.failures->fail("append", 1, -1, 0);
+  frame(1001.1);
+  probe.signal(15);
+  EXPECT_TRUE(probe.process->exitCodes.empty());
+  probe.clock->now += MovieRecorder::rescueTimeout;
+  expectKeys(lastEvent(), {{"kept_path", "a.mp4." + takeID + ".partial"}, {"kept_frames", 30}});
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+  writer().rescued({30, 30000}, true);
+  EXPECT_TRUE(events("failed").empty());
+  EXPECT_TRUE(probe.files->moves.empty());
+}
+
+TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
+  start({{"minimum_free", 1000}, {"on_failure", "keep"}, {"rotation", 90}});
+  feed(1001.0);
+  probe.movies->free = 2000;
+  probe.answer(keySample());
+  EXPECT_EQ(writer().rotation, 90);
+  frame(1001.1);
+  probe.tickAt(1002.2);
+  EXPECT_GT(events("recording").back()["seconds_left"], 0.0);
+  writer().free = 999;
+  frame(1002.3);
+  probe.tick();
+  probe.run();
+  writer().complete(WriterStatus::completed);
+  expectKeys(events("saved").at(0), {{"stopped_for", "minimum_free"}, {"frames_in_movie", 3}});
+
+  start({{"minimum_free", 1000}});
+  probe.movies->free = 999;
+  frame(1003.0, true);
+  EXPECT_EQ(failure(), "not enough free space");
+}
+
 }  // namespace
 }  // namespace lumora
