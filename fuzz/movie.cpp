@@ -28,6 +28,8 @@ struct MemorySink final : ByteSink {
     synced.push_back(bytes.size());
     return 0;
   }
+  std::uint64_t size() const override { return bytes.size(); }
+  std::optional<std::uint64_t> freeBytes() const override { return {}; }
   Bytes& bytes;
   std::vector<std::size_t>& synced;  // the size of the file at each sync
 };

@@ -245,7 +245,9 @@ TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
       if (frames == 0) continue;
       const MovieContents read = readMovie(movie.disk->bytes);
       EXPECT_EQ(read.times.size(), frames) << failAfter;
-      if (isComplete) EXPECT_EQ(read.duration, kept.duration) << failAfter;
+      if (isComplete) {
+        EXPECT_EQ(read.duration, kept.duration) << failAfter;
+      }
     }
   }
 }
