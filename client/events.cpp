@@ -8,16 +8,19 @@ namespace {
 
 using Json = nlohmann::json;
 
+// Empty for a key that is missing or of another type.
+template <typename Value>
+std::optional<Value> find(const Json& event, const char* key) {
+  const auto found = event.find(key);
+  constexpr bool isNumber = std::is_arithmetic_v<Value>;
+  if (found == event.end() || !(isNumber ? found->is_number() : found->is_string())) return {};
+  return found->template get<Value>();
+}
+
 // A key that is missing or of another type keeps the field as it is.
 template <typename Value>
 void read(const Json& event, const char* key, Value& value) {
-  const auto found = event.find(key);
-  if (found == event.end()) return;
-  if constexpr (std::is_arithmetic_v<Value>) {
-    if (found->is_number()) value = found->template get<Value>();
-  } else if (found->is_string()) {
-    value = found->template get<std::string>();
-  }
+  if (auto found = find<Value>(event, key)) value = *std::move(found);
 }
 
 Ready readReady(const Json& event) {
@@ -70,6 +73,14 @@ std::optional<Recording> readRecording(const Json& event) {
   read(event, "frames", recording.frames);
   read(event, "dropped", recording.dropped);
   read(event, "throttled", recording.throttled);
+  recording.framesInMovie = find<std::uint64_t>(event, "frames_in_movie");
+  recording.secondsLeft = find<double>(event, "seconds_left");
+  read(event, "stopped_for", recording.stoppedFor);
+  Recording::Kept kept;
+  read(event, "kept_path", kept.name);
+  read(event, "kept_frames", kept.frames);
+  read(event, "kept_duration", kept.duration);
+  if (!kept.name.empty()) recording.kept = std::move(kept);
   return recording;
 }
 

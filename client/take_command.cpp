@@ -52,6 +52,10 @@ std::string startCommand(const std::string& id, const TakeOptions& options, doub
   if (!options.resolution.empty()) command["resolution"] = options.resolution;
   if (options.targetFPS != 0) command["target_fps"] = options.targetFPS;
   if (options.steady) command["cadence"] = "steady";
+  if (options.keepFailed) command["on_failure"] = "keep";
+  if (options.minimumFree) command["minimum_free"] = *options.minimumFree;
+  if (options.bitRate) command["bit_rate"] = *options.bitRate;
+  if (options.rotation != 0) command["rotation"] = options.rotation;
   return text(command);
 }
 

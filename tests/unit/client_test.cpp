@@ -9,7 +9,9 @@
 
 #include "client/feeder.h"
 #include "client/frame_slots.h"
+#include "client/take_command.h"
 #include "input/frame_format.h"
+#include "record/take_options.h"
 
 namespace lumora::client {
 namespace {
@@ -140,6 +142,49 @@ TEST(Records, ReferToAPictureByItsOffsetAndIfCompressedItsLength) {
     counter.closeInput();
     EXPECT_EQ(counter.nextLine(20), format.encoding == jpeg.encoding ? "32" : "24");
   }
+}
+
+TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
+  const auto asked = [](const TakeOptions& options) {
+    return lumora::TakeOptions::parse(Json::parse(startCommand("id", options, uptime())));
+  };
+  const auto usual = asked({.steady = false});
+  EXPECT_TRUE(usual.keepsFailed);
+  EXPECT_EQ(usual.cadence, CadenceRule::grid);
+  EXPECT_EQ(usual.minimumFree, std::nullopt);
+  EXPECT_EQ(usual.bitRate, recordingBitRate);
+  EXPECT_EQ(usual.rotation, 0);
+  const auto other = asked({.keepFailed = false,
+                            .minimumFree = std::uint64_t{1} << 53,
+                            .bitRate = 250'000,
+                            .rotation = 270});
+  EXPECT_FALSE(other.keepsFailed);
+  EXPECT_EQ(other.cadence, CadenceRule::steady);
+  EXPECT_EQ(other.minimumFree, std::int64_t{1} << 53);
+  EXPECT_EQ(other.bitRate, 250'000);
+  EXPECT_EQ(other.rotation, 270);
+}
+
+TEST(Events, SayWhatATakeHasLeft) {
+  const auto parse = [](const std::string& keys) {
+    const std::string event = R"({"type":"recording","frames":9,"state":"failed")";
+    return std::get<Recording>(parseEvent(event + keys + "}").what);
+  };
+  for (const char* keys : {"", R"(,"kept_frames":7,"kept_duration":1.5)", R"(,"kept_path":1)"})
+    EXPECT_FALSE(parse(keys).kept) << keys;
+  const Recording none = parse("");
+  EXPECT_FALSE(none.framesInMovie || none.secondsLeft);
+  EXPECT_EQ(none.stoppedFor, "");
+  const Recording all =
+      parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
+            R"("seconds_left":2.5,"stopped_for":"minimum_free")");
+  ASSERT_TRUE(all.kept);
+  EXPECT_EQ(all.kept->name, "a");
+  EXPECT_EQ(all.kept->frames, 7u);
+  EXPECT_EQ(all.kept->duration, 1.5);
+  EXPECT_EQ(all.framesInMovie, 8u);
+  EXPECT_EQ(all.secondsLeft, 2.5);
+  EXPECT_EQ(all.stoppedFor, "minimum_free");
 }
 
 }  // namespace

@@ -45,9 +45,22 @@ struct Recording {
   std::string path;             // once saved: of the movie, whose name differs if that was taken
   std::string error;            // why it failed, or is saved under another name
   double duration = 0;          // seconds, final from `finishing` on
-  std::uint64_t frames = 0;     // in the movie
+  std::uint64_t frames = 0;     // written, also those that a stop in the past cut off again
   std::uint64_t dropped = 0;    // lost
   std::uint64_t throttled = 0;  // skipped to keep the target rate
+  // Frames that the file has; of a saved take with `keepFailed`.
+  std::optional<std::uint64_t> framesInMovie;
+  // How long the space above `minimumFree` lasts; while a take with that option records.
+  std::optional<double> secondsLeft;
+  std::string stoppedFor;  // "minimum_free" if a lack of space has stopped the take
+
+  // What a failed take has left.
+  struct Kept {
+    std::string name;  // of the file, in the folder of the take
+    std::uint64_t frames = 0;
+    double duration = 0;  // seconds
+  };
+  std::optional<Kept> kept;
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
 };
 

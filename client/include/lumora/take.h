@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,11 @@ struct TakeOptions {
   int targetFPS = 0;
   bool steady = true;                    // takes every frame of a camera at about targetFPS
   std::optional<double> startedAt = {};  // a capture time, at most 30 s ago; empty: now
+  bool keepFailed = true;                // a take that fails keeps what was recorded until then
+  // Bytes that its file system must have left, else the take is stopped and saved; up to 2^53.
+  std::optional<std::uint64_t> minimumFree = {};
+  std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
+  int rotation = 0;                 // how players turn it, clockwise: 0, 90, 180 or 270
 };
 
 // A take. It ends exactly once, saved or failed, also when its helper dies. Copies refer to the
