@@ -104,12 +104,42 @@ test('a take has the given times; times with which it would fail are refused', a
   const take = await starting;
   for (const stoppedAt of [...bad, now - 2]) assert.throws(() => take.stop({ stoppedAt }), RangeError);
   for (const stoppedAt of [now, now + 0.01]) take.stop({ stoppedAt }); // the first counts
-  assert.deepEqual(sent, [{ type: 'record_start', id: take.id, path, cadence: 'steady', started_at: now - 1 },
+  assert.deepEqual(sent, [{ type: 'record_start', id: take.id, path, cadence: 'steady', started_at: now - 1,
+    on_failure: 'keep' },
     { type: 'record_stop', id: take.id, stopped_at: now }]);
   assert.deepEqual([take.startedAt, take.stoppedAt], [now - 1, now]);
   takes.start({ path, steady: false });
   assert.ok(!('cadence' in sent[2]) && sent[2].started_at >= now);
   assert.equal(frameId(12.3456789), 12345678);
+});
+
+test('a take asks for what it is given; a lost take says what it has left', async () => {
+  const sent = [];
+  const takes = new (await inside('take')).Takes((record) => sent.push(JSON.parse(record.subarray(16))));
+  const { parseEvent } = await inside('events');
+  const path = '/a.mp4';
+  for (const wrong of [{ minimumFree: -1 }, { minimumFree: 2 ** 54 }, { minimumFree: '9' }, { bitRate: 249_999 },
+    { bitRate: 50_000_001 }, { bitRate: 1e6 + 0.5 }, { rotation: 45 }, { rotation: '90' }]) {
+    assert.throws(() => takes.start({ path, ...wrong }), RangeError, JSON.stringify(wrong));
+  }
+  takes.start({ path, minimumFree: 2 ** 53, bitRate: 250_000, rotation: 270, keepFailed: false });
+  const { minimum_free: free, bit_rate: rate, rotation, on_failure: keep } = sent[0];
+  assert.deepEqual([free, rate, rotation, keep], [2 ** 53, 250_000, 270, undefined]);
+  const tell = (index, keys) =>
+    takes.handle(parseEvent(JSON.stringify({ type: 'recording', id: sent[index].id, path, ...keys })));
+  for (const kept of [{ kept_path: 'b.mp4', kept_frames: 7, kept_duration: 1.5 }, {}]) {
+    const starting = takes.start({ path });
+    const index = sent.length - 1;
+    tell(index, { state: 'starting' });
+    const { saved } = await starting;
+    tell(index, { state: 'failed', error: 'why', ...kept });
+    await assert.rejects(saved, { name: 'TakeError', message: 'why', keptPath: kept.kept_path,
+      keptFrames: kept.kept_frames, keptDuration: kept.kept_duration });
+  }
+  const starting = takes.start({ path });
+  tell(sent.length - 1, { state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free' });
+  const { framesInMovie, stoppedFor } = await (await starting).saved;
+  assert.deepEqual([framesInMovie, stoppedFor], [8, 'minimum_free']);
 });
 
 test('lines are split, bounded and typed; a slow reader of events keeps the newest', async () => {

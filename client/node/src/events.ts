@@ -62,6 +62,7 @@ export interface RecordingEvent {
   error: string;
   /** Seconds; final from `finishing` on. */
   duration: number;
+  /** Written, also those that a stop in the past cut off again. */
   frames: number;
   dropped: number;
   width: number;
@@ -70,6 +71,16 @@ export interface RecordingEvent {
   throttled?: number;
   targetFps?: number;
   recentFps?: number;
+  /** Frames in the file of a saved take, unless `keepFailed` was false. */
+  framesInMovie?: number;
+  /** How long the space above `minimumFree` lasts, while the take records. */
+  secondsLeft?: number;
+  /** The take was stopped because space was short. */
+  stoppedFor?: 'minimum_free';
+  /** What a failed take has left: a file in its folder, its frames and its seconds. */
+  keptPath?: string;
+  keptFrames?: number;
+  keptDuration?: number;
 }
 
 /**

@@ -21,11 +21,31 @@ export interface TakeOptions {
   steady?: boolean;
   /** Capture time by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
   startedAt?: number;
+  /** True, the default, keeps what a take has recorded when it fails: see `TakeError`. */
+  keepFailed?: boolean;
+  /** Bytes that the file system must have left, up to 2 ** 53. With less the take is stopped and saved. */
+  minimumFree?: number;
+  /** Bits per second, 250,000 to 50,000,000; 12,000,000 by default. */
+  bitRate?: number;
+  /** How players turn the picture, in degrees clockwise. */
+  rotation?: 0 | 90 | 180 | 270;
 }
 
 /** A take was refused or failed, with the helper's message, or the helper ended before it was saved. */
 export class TakeError extends Error {
   override readonly name = 'TakeError';
+  /** The name of a file in the folder of the take: what it recorded. Undefined when nothing was kept. */
+  readonly keptPath: string | undefined;
+  readonly keptFrames: number | undefined;
+  /** Seconds. */
+  readonly keptDuration: number | undefined;
+
+  constructor(message: string, event?: RecordingEvent) {
+    super(message);
+    this.keptPath = event?.keptPath;
+    this.keptFrames = event?.keptFrames;
+    this.keptDuration = event?.keptDuration;
+  }
 }
 
 type Send = (record: Buffer) => boolean;
@@ -70,7 +90,7 @@ export class Take {
   /**
    * Ends the take after the frames written so far; returns `saved`. `stoppedAt` has the limits of
    * `startedAt` in TakeOptions and must not be before it. For any other time this throws a RangeError
-   * and the take goes on, because the helper would delete it.
+   * and the take goes on, because the helper would fail it.
    */
   stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
     if (this.#stoppedAt !== undefined) return this.saved;
@@ -97,12 +117,23 @@ interface StartCommand {
   record: Buffer;
 }
 
+function checkInteger(name: string, value: number | undefined, least: number, most: number): void {
+  if (value === undefined || (Number.isInteger(value) && value >= least && value <= most)) return;
+  throw new RangeError(`${name} must be an integer from ${least} to ${most}`);
+}
+
 function startCommand(options: TakeOptions): StartCommand {
   const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
+  const { keepFailed = true, minimumFree, bitRate, rotation } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw new RangeError('the path of a take must be absolute and end in ".mp4"');
   }
   checkCaptureTime(startedAt);
+  checkInteger('minimumFree', minimumFree, 0, 2 ** 53);
+  checkInteger('bitRate', bitRate, 250_000, 50_000_000);
+  if (rotation !== undefined && ![0, 90, 180, 270].includes(rotation)) {
+    throw new RangeError('rotation must be 0, 90, 180 or 270');
+  }
   const id = randomUUID();
   const record = commandRecord({
     type: 'record_start',
@@ -112,6 +143,10 @@ function startCommand(options: TakeOptions): StartCommand {
     target_fps: targetFps,
     cadence: steady ? 'steady' : undefined,
     started_at: startedAt,
+    on_failure: keepFailed ? 'keep' : undefined,
+    minimum_free: minimumFree,
+    bit_rate: bitRate,
+    rotation,
   });
   return { id, path, startedAt, record };
 }
@@ -138,7 +173,7 @@ export class Takes {
   handle(event: RecordingEvent): void {
     const open = this.#open.get(event.id);
     if (!open) return; // the helper repeats the last event of a take
-    if (event.state === 'failed') return this.#fail(open, event.error);
+    if (event.state === 'failed') return this.#fail(open, new TakeError(event.error, event));
     // Any event may be the first to arrive: a parent that reads slowly loses events.
     open.started.resolve(open.take);
     if (event.state !== 'saved') return;
@@ -148,13 +183,12 @@ export class Takes {
 
   abandon(reason: string): void {
     for (const open of this.#open.values()) {
-      this.#fail(open, `the helper ended before the take was saved (${reason})`);
+      this.#fail(open, new TakeError(`the helper ended before the take was saved (${reason})`));
     }
   }
 
-  #fail(open: OpenTake, reason: string): void {
+  #fail(open: OpenTake, error: TakeError): void {
     this.#open.delete(open.take.id);
-    const error = new TakeError(reason);
     open.started.reject(error);
     open.saved.reject(error);
   }
