@@ -41,7 +41,9 @@ test('an event becomes a line in the helper\'s words, a repeated event becomes n
   assert.deepEqual(texts(failed), ['The take failed: No space left on device']);
   assert.deepEqual(texts(error), ['The helper failed: truncated raw frame']);
   for (const repeated of [failed, error]) assert.deepEqual(texts(repeated), []);
-  assert.equal(texts({ ...failed, id: 'B' }).length, 1);
+  const kept = { kept_path: 'a.mp4', kept_frames: 61, kept_duration: 2.04 };
+  assert.deepEqual(texts({ ...failed, id: 'B', ...kept }),
+    ['The take failed: No space left on device. Kept 0:02.0 min, 61 frames: a.mp4']);
   assert.deepEqual(texts({ type: 'stats', clients: 1, dropped_peers: 3 }), ['Clients of the stream: 1.']);
   const refused = texts({ type: 'stats', clients: 1, dropped_peers: 5 });
   assert.deepEqual(refused, ['The helper refused or closed 2 connections.']);

@@ -180,7 +180,8 @@ void Bridge::finishTake() {
   if (!take_) return;
   const client::Recording end = take_->latest();
   if (!end.isOver()) return;
-  const std::string unfinished = take_->stagingPath();
+  std::filesystem::path unfinished = take_->stagingPath();
+  if (end.kept) unfinished.replace_filename(end.kept->name);
   take_.reset();
   isTakeLost_ = end.state == client::TakeState::failed;
   if (!isTakeLost_) {

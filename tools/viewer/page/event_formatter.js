@@ -10,11 +10,11 @@ const lines = {
   starting: ({ path }) => line(`A take is starting: ${path}`),
   recording: ({ width, height }) => line(`Recording in ${width} × ${height}.`),
   finishing: () => line('The take is being finished.'),
-  saved: ({ duration: seconds, frames, path, error }) => {
+  saved: ({ duration: seconds, frames: written, frames_in_movie: frames = written, path, error }) => {
     const figures = `${duration(seconds)} min, ${count(frames, 'frame')}`;
     return line(`Saved ${figures}: ${path}${error ? `. ${error}` : ''}`, 'good');
   },
-  failed: ({ error }) => line(`The take failed: ${error}`, 'bad'),
+  failed: (event) => line(`The take failed: ${failure(event)}`, 'bad'),
 };
 
 export class EventFormatter {
@@ -45,6 +45,11 @@ export class EventFormatter {
     Object.assign(this.#stats, event);
     return found;
   }
+}
+
+// Why a take failed, and what is left of it.
+export function failure({ error, kept_path: name, kept_frames: frames, kept_duration: seconds }) {
+  return name ? `${error}. Kept ${duration(seconds)} min, ${count(frames, 'frame')}: ${name}` : error;
 }
 
 export function duration(seconds) {

@@ -1,7 +1,7 @@
 // Starts and stops takes, and shows their progress and the finished movie.
 
 import { element, showCount, showFigure } from './dom.js';
-import { duration } from './event_formatter.js';
+import { duration, failure } from './event_formatter.js';
 
 const states = {
   none: 'No take yet',
@@ -66,7 +66,7 @@ export class Takes {
     this.#showState(event.state);
     showFigure('take-duration', event.duration, duration(event.duration));
     for (const key of ['frames', 'dropped', 'throttled']) showCount(`take-${key}`, event[key]);
-    if (event.state === 'failed') showProblem(event.error);
+    if (event.state === 'failed') showProblem(failure(event));
     if (event.state === 'saved') showMovie(event);
   }
 
