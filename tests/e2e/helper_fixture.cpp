@@ -173,4 +173,17 @@ Event HelperTest::waitForTake(const std::string& state) {
   });
 }
 
+std::string HelperTest::expectKept(const Event& failed) const {
+  std::filesystem::path kept(path);
+  kept.replace_filename(kept.stem().string() + ".recovered-" + takeID + ".mp4");
+  EXPECT_EQ(failed.value("kept_path", ""), kept.filename().string()) << failed;
+  EXPECT_FALSE(std::filesystem::exists(stagingPath()));
+  EXPECT_EQ(decodeErrors(kept.string()), "");
+  const Event movie = probe(kept);
+  EXPECT_EQ(movie.value("nb_frames", ""), movie["nb_read_frames"]);  // it has complete tables
+  EXPECT_EQ(movie["nb_read_frames"], std::to_string(failed.value("kept_frames", 0)));
+  EXPECT_NEAR(movie["duration_ts"].get<double>() / 60000, failed.value("kept_duration", 0.0), 1e-4);
+  return kept;
+}
+
 }  // namespace lumora::tests

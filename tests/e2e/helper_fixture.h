@@ -146,6 +146,8 @@ class HelperTest : public testing::Test {
   }
   // The take's next event with this "state". Throws when it ends in another state.
   Event waitForTake(const std::string& state);
+  // Expects a failed take to have kept an ordinary movie, and returns its path.
+  std::string expectKept(const Event& failed) const;
   // The next take is another one, at this path. At most nine in a test.
   void turnTo(const std::filesystem::path& file) {
     path = file;

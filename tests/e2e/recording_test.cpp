@@ -15,6 +15,15 @@ namespace {
 
 using Recording = HelperTest;
 
+// Two pictures of 640 × 360 that no encoder can compress well.
+std::vector<Pixels> noise() {
+  std::mt19937 random(1);
+  std::vector<Pixels> pictures(2, Pixels(FrameSize{640, 360}.rgbaBytes()));
+  for (Pixels& picture : pictures)
+    std::ranges::generate(picture, [&] { return static_cast<std::uint8_t>(random()); });
+  return pictures;
+}
+
 TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
   for (const auto& [name, width, height, cameraRate] : {std::tuple{"640x360", 640, 360, 24},
                                                         {"1080x720", 1080, 720, 60},
@@ -23,7 +32,8 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
     for (const char* file : {"first.mp4", "second.mp4"}) {  // the second has the first's encoder
       turnTo(folder / file);
       const double from = uptime();
-      startTake({{"started_at", from}, {"resolution", name}, {"target_fps", 30}});
+      startTake(
+          {{"started_at", from}, {"resolution", name}, {"target_fps", 30}, {"on_failure", "keep"}});
       feedPaced(cameraRate * 5 / 6, cameraRate);
       const Event saved = saveTake({{"stopped_at", from + 0.7}});
       expectKeys(saved, {{"path", path}, {"error", ""}, {"width", width}});
@@ -36,6 +46,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
       EXPECT_GE(frames, 1);
       EXPECT_LE(frames, 22);               // 0.7 s at 30 a second
       EXPECT_GE(saved["frames"], frames);  // it counts frames after the stop, too
+      EXPECT_EQ(saved["frames_in_movie"], frames);
       EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
       std::filesystem::remove(path);
       EXPECT_TRUE(std::filesystem::is_empty(folder));
@@ -103,27 +114,63 @@ TEST_F(Recording, LosesAtMostTheLastSecondWhenTheHelperIsKilled) {
   }
 }
 
+TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
+  start();
+  constexpr Rgb red{200, 30, 30}, green{30, 200, 30}, blue{30, 30, 200}, grey{90, 90, 90};
+  // Clockwise from the top left. Its picture has red, green, grey, blue.
+  const std::tuple<int, FrameSize, std::array<Rgb, 4>> turns[] = {
+      {90, {360, 640}, {blue, red, green, grey}},
+      {180, {640, 360}, {grey, blue, red, green}},
+      {270, {360, 640}, {green, grey, blue, red}}};
+  for (const auto& [rotation, size, colours] : turns) {
+    turnTo(folder / (std::to_string(rotation) + ".mp4"));
+    startTake({{"rotation", rotation}, {"resolution", "640x360"}, {"target_fps", 60}});
+    feedPaced(20);
+    saveTake();
+    // ffprobe counts the other way round, from -180 to 180.
+    const int told = probe(path).at("side_data_list").at(0).at("rotation");
+    EXPECT_EQ((told + rotation) % 360, 0) << told;
+    expectColours(path, size,
+                  {{0.2, 0.2, colours[0]},
+                   {0.8, 0.2, colours[1]},
+                   {0.8, 0.8, colours[2]},
+                   {0.2, 0.8, colours[3]}},
+                  4);
+  }
+  std::uintmax_t usual = 0;
+  for (const int rate : {12'000'000, 1'000'000}) {
+    turnTo(folder / "noise.mp4");
+    startTake({{"bit_rate", rate}});
+    feedPaced(60, 60, {640, 360}, noise());
+    saveTake();
+    const auto size = std::filesystem::file_size(path);
+    EXPECT_TRUE(usual == 0 || size < usual / 3) << size << " of " << usual;
+    usual = size;
+    std::filesystem::remove(path);
+  }
+}
+
 struct Disk : HelperTest {
+  void SetUp() override {
+    HelperTest::SetUp();
+    place = folder / "place";
+    std::filesystem::create_directory(place);
+  }
   void TearDown() override {
     umount2(place.c_str(), MNT_DETACH);
     HelperTest::TearDown();
   }
+  const Event keeping = {{"on_failure", "keep"}, {"resolution", "640x360"}, {"target_fps", 15}};
   std::filesystem::path place;
 };
 
 TEST_F(Disk, AFailureEndsTheTakeAndNothingElse) {
-  std::mt19937 random(1);
-  std::vector<Pixels> noise(2, Pixels(FrameSize{640, 360}.rgbaBytes()));
-  for (Pixels& picture : noise)
-    std::ranges::generate(picture, [&] { return static_cast<std::uint8_t>(random()); });
-  place = folder / "place";
-  std::filesystem::create_directory(place);
   start();
   const Watcher watcher(connectClient());
   const auto expectFailure = [&](const char* reason) {
     turnTo(place / "take.mp4");
     startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
-    feedPaced(120, 60, {640, 360}, noise);
+    feedPaced(120, 60, {640, 360}, noise());
     EXPECT_EQ(waitForTake("failed")["error"], reason);
     EXPECT_TRUE(std::filesystem::is_empty(place));
   };
@@ -160,6 +207,63 @@ TEST_F(Disk, AFailureEndsTheTakeAndNothingElse) {
     umount2(place.c_str(), MNT_DETACH);
     expectTake(place / "take.mp4");
   }
+}
+
+TEST_F(Disk, AFailedTakeKeepsWhatItHas) {
+  start();
+  const auto take = [&](const std::filesystem::path& file, const std::vector<Pixels>& pictures) {
+    turnTo(file);
+    startTake(keeping);
+    feedPaced(45, 15, {640, 360}, pictures);
+  };
+  // Without a fault of the disk every frame is kept.
+  const auto expectWhole = [this](const char* reason) {
+    const Event failed = waitForTake("failed");
+    EXPECT_EQ(failed["error"], reason);
+    expectKept(failed);
+    EXPECT_EQ(failed["kept_frames"], failed["frames"]);
+    EXPECT_GT(failed["kept_frames"], 10);
+  };
+  take(folder / "stop.mp4", {});
+  stopTake({{"stopped_at", uptime() + 9}});
+  expectWhole("recording stop time is invalid");
+  take(folder / "size.mp4", {});
+  feedPaced(5, 15, {320, 180});
+  expectWhole("camera recording dimensions changed during this take");
+  take(place / "removed.mp4", {});
+  std::filesystem::remove_all(place);
+  feedPaced(15, 15);
+  EXPECT_FALSE(waitForTake("failed").contains("kept_path"));
+  std::filesystem::create_directory(place);
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=2m") != 0) GTEST_SKIP() << "cannot mount";
+  take(place / "full.mp4", noise());
+  const Event failed = waitForTake("failed");
+  EXPECT_EQ(failed["error"], "No space left on device");
+  expectKept(failed);
+}
+
+TEST_F(Disk, ATakeLeavesTheSpaceThatItWasTold) {
+  start();
+  Event keys = keeping;
+  keys["minimum_free"] = std::int64_t{1} << 53;
+  turnTo(place / "none.mp4");
+  startTake(keys);
+  feedPaced(5);
+  waitForTake("starting");
+  EXPECT_EQ(waitForTake("failed")["error"], "not enough free space");
+  EXPECT_TRUE(std::filesystem::is_empty(place));
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=8m") != 0) GTEST_SKIP() << "cannot mount";
+  keys["minimum_free"] = 5 << 20;
+  turnTo(place / "some.mp4");
+  startTake(keys);
+  feedPaced(75, 15, {640, 360}, noise());
+  const Event progress = helper->waitForEvent(
+      "recording", [](const Event& event) { return event.contains("seconds_left"); });
+  EXPECT_LT(progress["seconds_left"], 60);
+  const Event saved = waitForTake("saved");
+  expectKeys(saved, {{"stopped_for", "minimum_free"}, {"error", ""}});
+  EXPECT_EQ(decodeErrors(path), "");
+  EXPECT_EQ(countFrames(path), saved["frames_in_movie"]);
 }
 
 }  // namespace
