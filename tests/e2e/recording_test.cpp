@@ -140,7 +140,7 @@ TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
   std::uintmax_t usual = 0;
   for (const int rate : {12'000'000, 1'000'000}) {
     turnTo(folder / "noise.mp4");
-    startTake({{"bit_rate", rate}});
+    startTake({{"bit_rate", rate}, {"resolution", "640x360"}, {"target_fps", 60}});
     feedPaced(60, 60, {640, 360}, noise());
     saveTake();
     const auto size = std::filesystem::file_size(path);
@@ -232,11 +232,12 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHas) {
   expectWhole("camera recording dimensions changed during this take");
   take(place / "removed.mp4", {});
   std::filesystem::remove_all(place);
-  feedPaced(15, 15);
+  feedPaced(30, 15);
   EXPECT_FALSE(waitForTake("failed").contains("kept_path"));
   std::filesystem::create_directory(place);
-  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=2m") != 0) GTEST_SKIP() << "cannot mount";
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=4m") != 0) GTEST_SKIP() << "cannot mount";
   take(place / "full.mp4", noise());
+  feedPaced(30, 15, {640, 360}, noise());
   const Event failed = waitForTake("failed");
   EXPECT_EQ(failed["error"], "No space left on device");
   expectKept(failed);
@@ -252,11 +253,11 @@ TEST_F(Disk, ATakeLeavesTheSpaceThatItWasTold) {
   waitForTake("starting");
   EXPECT_EQ(waitForTake("failed")["error"], "not enough free space");
   EXPECT_TRUE(std::filesystem::is_empty(place));
-  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=8m") != 0) GTEST_SKIP() << "cannot mount";
-  keys["minimum_free"] = 5 << 20;
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=16m") != 0) GTEST_SKIP() << "cannot mount";
+  keys["minimum_free"] = 10 << 20;
   turnTo(place / "some.mp4");
   startTake(keys);
-  feedPaced(75, 15, {640, 360}, noise());
+  feedPaced(90, 15, {640, 360}, noise());
   const Event progress = helper->waitForEvent(
       "recording", [](const Event& event) { return event.contains("seconds_left"); });
   EXPECT_LT(progress["seconds_left"], 60);
