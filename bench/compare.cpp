@@ -1,10 +1,10 @@
 // The helper beside the tools that people use today for its job, and beside the least that the job
-// can cost: its two encoders alone. All get the same pictures, encoder, presets, rates and threads,
-// in turn.
+// can cost: a process that only encodes. All get the same pictures, encoder, presets, rates and
+// threads, in turn.
 //
 //   lumora-compare HELPER FOLDER [ROUNDS]
 //
-// Leaves all figures in FOLDER/bench.json, and everybody's preview and take in FOLDER.
+// Leaves all figures in FOLDER/bench.json, and the last preview and take of each in FOLDER.
 
 #include <algorithm>
 #include <cstdio>

@@ -115,7 +115,7 @@ int main(int argc, char** argv) try {
   require(ioctl(device, VIDIOC_QUERYCAP, &can) == 0, "VIDIOC_QUERYCAP");
   constexpr std::uint32_t needed = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
   if ((can.device_caps & needed) != needed)
-    throw std::runtime_error("this device delivers no pictures into mapped memory");
+    throw std::runtime_error("this device does not support video capture with streaming I/O");
   const v4l2_pix_format picture = choosePicture(device);
   const FrameSize size{static_cast<int>(picture.width), static_cast<int>(picture.height)};
   Helper helper({.frameSize = size, .format = formatOf(picture)});
@@ -125,7 +125,7 @@ int main(int argc, char** argv) try {
   for (std::uint64_t lastID = 0; uptime() < end;) {
     v4l2_buffer filled = bufferOf(0);
     require(ioctl(device, VIDIOC_DQBUF, &filled) == 0, "VIDIOC_DQBUF");
-    // Empty when every slot is busy: skip this picture.
+    // Skips a broken buffer, and a picture for which no slot is free.
     if (auto frame = isWhole(filled, picture) ? helper.acquireFrame(size) : std::nullopt) {
       copy(buffers.at(filled.index), filled.bytesused, picture, *frame);
       lastID = std::max(lastID + 1, frameID(capturedAt(filled)));

@@ -65,7 +65,7 @@ struct Choice {
   Value& chosen;
   bool isOpen;
 
-  // Whether `word` is one of the two, and none was chosen before.
+  // Whether `word` is one of the two, and may still be chosen.
   bool take(std::string_view word) {
     const auto* found = std::ranges::find(words, word);
     if (found == std::end(words) || !isOpen) return false;
@@ -109,7 +109,7 @@ std::uint64_t referenceBytes(FrameEncoding encoding) {
 
 bool isPictureLength(FrameEncoding encoding, PictureSize size, std::uint64_t bytes) {
   constexpr std::uint64_t fewest = 2;                             // the first marker
-  constexpr std::uint64_t mostOfSmall = std::uint64_t{64} << 10;  // of pictures of any size
+  constexpr std::uint64_t mostOfSmall = std::uint64_t{64} << 10;  // however small the picture is
   if (!isCompressed(encoding)) return bytes == uncompressedBytes(encoding, size);
   const auto most = std::max(uncompressedBytes(FrameEncoding::yuyv, size), mostOfSmall);
   return bytes >= fewest && bytes <= most;

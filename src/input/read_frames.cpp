@@ -1,7 +1,7 @@
 // The reader: splits standard input into records and hands them to the state queue. It blocks in
 // `read` on a thread of its own. It reads every payload whole, also of frames that are dropped, so
-// encoding never slows the parent down. It decodes the formats that no session takes; meanwhile a
-// full pipe waits.
+// encoding never slows the parent down. It decodes the formats that no session takes; meanwhile
+// the parent waits if the pipe is full.
 
 #include <array>
 #include <cstring>
@@ -105,7 +105,8 @@ PictureMemory VideoEncoder::allocatePicture(std::size_t bytes) {
   return memory;
 }
 
-// Gives `frame` its picture, unless it has to be decoded and can't be, or nobody needs it.
+// Gives `frame` its picture. One that has to be decoded gets none if decoding fails or nobody needs
+// it.
 void VideoEncoder::givePicture(RawFrame& frame, RecordPicture picture) {
   const FrameFormat& format = configuration.frameFormat;
   const PictureSize size{frame.width, frame.height};

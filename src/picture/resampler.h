@@ -49,7 +49,8 @@ struct PlaneGeometry {
   bool operator==(const PlaneGeometry&) const = default;
 };
 
-// Rows of a plane that are summed along x together, as the channels of one row.
+// Four rows of one channel or two rows of two, interleaved so that they are summed along x like one
+// row of four channels.
 struct RowGroup {
   const std::int16_t* sums;  // column sums of all rows
   std::size_t pitch;         // from one row's sums to the next

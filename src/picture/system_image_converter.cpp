@@ -87,7 +87,7 @@ void SystemImageConverter::resample(PlaneView source, Plane destination,
   resamplerFor(geometry).run(source, destination);
 }
 
-// Goes through a plane between the two sizes.
+// Resamples twice, through a plane of a size between the two.
 void SystemImageConverter::resampleTwice(PlaneView source, Plane destination,
                                          const PlaneGeometry& geometry) {
   PlaneGeometry first = geometry;

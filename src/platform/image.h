@@ -96,7 +96,7 @@ BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSi
 PictureView upsideDown(const PictureView& picture);
 
 // The samples of a plane that lie in a rectangle of pixels. A sample that lies there only in part
-// counts: what bar and picture share is the picture's.
+// counts: on the edge, chroma is the picture's and not the bar's.
 PictureRectangle samplesIn(const PictureRectangle& pixels, const PlaneShape& shape);
 
 class ImageConverter {

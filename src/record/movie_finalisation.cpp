@@ -56,7 +56,7 @@ void MovieRecorder::movieEnded(double end) {
 void MovieRecorder::saved(double end, const std::string& error, const std::string& outputPath) {
   Json more = Json::object();
   if (options.keepsFailed) more["frames_in_movie"] = writer->extent().frames;
-  if (spaceIsShort) more["stopped_for"] = "minimum_free";
+  if (stoppedForSpace) more["stopped_for"] = "minimum_free";
   tell(TakeState::saved, end, error, outputPath, more);
 }
 

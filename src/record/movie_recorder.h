@@ -37,6 +37,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
 
   // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
   void finish(double stop);
+  // State queue. The last event is to say that the take was stopped because it lacks space.
+  void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
   // file is complete, after `rescueTimeout` seconds at most.
   void abort(const std::string& message);
@@ -113,6 +115,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::atomic<std::uint64_t> throttled = 0;
   std::atomic<bool> accepting = true;
   std::atomic<bool> spaceIsShort = false;
+  std::atomic<bool> stoppedForSpace = false;
 };
 
 }  // namespace lumora

@@ -83,6 +83,7 @@ void VideoEncoder::tellParent(const TakeEvent& event) {
 void VideoEncoder::stopTakeWithoutSpace() {
   const auto movie = take.recordingTake();
   if (!movie || !movie->lacksSpace()) return;
+  movie->noteStopForSpace();
   take.pendingMovieStop = uptime();
   finishMovieIfReady();
 }

@@ -19,7 +19,7 @@ namespace {
 
 FrameFormat format(const std::string& words) { return parseFrameFormat(words).value(); }
 
-TEST(FrameFormat, HasDefaultsThatEachWordReplacesOnce) {
+TEST(FrameFormat, LetsEachPropertyBeSetOnce) {
   using enum FrameEncoding;
   constexpr PixelFormat rgbPixels{PixelLayout::bgra, ColourMatrix::bt709, false};
   EXPECT_EQ(format("rgba"), FrameFormat{});
@@ -105,8 +105,8 @@ struct FormattedFrames : testing::Test {
   VideoEncoderProbe probe;
 };
 
-TEST_F(FormattedFrames, EndTheRunWithAnotherLength) {
-  // nv12 of 2 × 2 pixels has 6 bytes; with shared memory 8 bytes are an offset.
+TEST_F(FormattedFrames, EndTheRunIfTheirLengthIsWrong) {
+  // NV12 of 4 × 2 has 12 bytes and a reference 8, so 16 are too many.
   const Bytes pixels(12);
   restart("nv12");
   put(1, pixels);
@@ -156,7 +156,8 @@ TEST_F(FormattedFrames, AreDecodedOnlyIfNeededAndDroppedIfTheyCannotBe) {
   EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
 }
 
-// Frame 1 shows that nobody needs frames, while the command that starts a take waits.
+// Frame 1 finds no take and no client. Frame 2 is read before the command that starts a take is
+// handled.
 TEST_F(FormattedFrames, AreDecodedWhileACommandWaits) {
   restart("mjpeg");
   const Json start = {{"type", "record_start"}, {"id", takeID}, {"path", takePath}};

@@ -35,15 +35,14 @@ class LUMORA_CLIENT_EXPORT Take {
   // The file that is written until the take is saved. If the helper is killed, the file stays and
   // plays.
   std::string stagingPath() const;
-  // Stops the take at this capture time, or now. The helper times a
-  // frame when it has read it, a little after its capture, and leaves later ones out. To keep the
-  // last frame, stop one frame interval later. Calling it again does nothing.
-  // Throws std::invalid_argument for a time before the start, more than 30 s ago or more than 50 ms
-  // ahead, because the helper would fail the take.
+  // Stops the take at this time, or now. The helper times a frame when it has read it, a little
+  // after its capture, and leaves later ones out. To keep the last frame, stop one frame interval
+  // later. Calling it again does nothing. Throws std::invalid_argument for a time before the start,
+  // more than 30 s ago or more than 50 ms ahead, because the helper would fail the take.
   void stop(std::optional<double> stoppedAt = std::nullopt);
-  // The uptimes at which the take starts and stops; empty until it was stopped.
+  // The uptimes at which the take starts and stops.
   double startedAt() const;
-  std::optional<double> stoppedAt() const;
+  std::optional<double> stoppedAt() const;  // empty until it was stopped
   // The latest event about the take.
   Recording latest() const;
   // The event that ended it, `saved` or `failed`; empty when it has not ended within `seconds`.
