@@ -81,7 +81,7 @@ int deliver(v4l2_buffer& buffer) {
 }
 
 int answer(unsigned long request, void* argument) {
-  auto& buffer = *static_cast<v4l2_buffer*>(argument);
+  auto* const buffer = static_cast<v4l2_buffer*>(argument);  // for the requests that have one
   if (request == VIDIOC_QUERYCAP) {
     constexpr unsigned can = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
     static_cast<v4l2_capability*>(argument)->device_caps = can;
@@ -90,14 +90,14 @@ int answer(unsigned long request, void* argument) {
   } else if (request == VIDIOC_REQBUFS) {
     static_cast<v4l2_requestbuffers*>(argument)->count = bufferCount;
   } else if (request == VIDIOC_QUERYBUF) {
-    buffer.length = bufferBytes;
-    buffer.m.offset = buffer.index * bufferBytes;
+    buffer->length = bufferBytes;
+    buffer->m.offset = buffer->index * bufferBytes;
   } else if (request == VIDIOC_QBUF) {
-    queued.push_back(buffer.index);
+    queued.push_back(buffer->index);
   } else if (request == VIDIOC_STREAMON) {
     isOn = true;
   } else {
-    return request == VIDIOC_DQBUF ? deliver(buffer) : fail(EINVAL);
+    return request == VIDIOC_DQBUF ? deliver(*buffer) : fail(EINVAL);
   }
   return 0;
 }

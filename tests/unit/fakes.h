@@ -279,8 +279,10 @@ struct FakeEncoders final : Encoders, CanFail {
 struct FakeImages final : ImageConverter, CanFail {
   using CanFail::CanFail;
   bool convert(const PictureView& from, const Picture&, const PictureRectangle&) override {
-    const auto& [samples, stride] = from.planes[0];  // the last row in memory comes first
-    lastByte = samples[-stride - 1];                 // it has to be there
+    // The end of the first plane in memory.
+    const auto& [samples, stride] = from.planes[0];
+    const auto last = stride < 0 ? -stride : stride * from.size.height;
+    lastByte = samples[last - 1];  // it has to be there
     return next("convert") == 0;
   }
   volatile std::uint8_t lastByte = 0;

@@ -171,6 +171,7 @@ TEST_F(FormattedFrames, AreDecodedWhileACommandWaits) {
   };
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
+  probe.answer(keySample());
 }
 
 TEST_F(FormattedFrames, ReleaseAJPEGBeforeItIsDecodedAndPlanesOnceTheyAreEncoded) {
