@@ -1,22 +1,12 @@
 // The end of a take: its last sample, its file, its final name.
 
-#include <filesystem>
-
+#include "base/movie_names.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
 
 namespace lumora {
-namespace {
-
-// "/a/clip.mp4" and an id give "/a/clip.recovered-<id>.mp4".
-std::string recoveryPath(const std::string& path, const std::string& id) {
-  const std::filesystem::path wanted(path);
-  return wanted.parent_path() / (wanted.stem().string() + ".recovered-" + id + ".mp4");
-}
-
-}  // namespace
 
 void MovieRecorder::finish(double stop) {
   accepting = false;

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "base/movie_names.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_timing.h"
@@ -25,7 +26,7 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
       path(std::move(destination)),
       startedAt(start),
       profile(takeProfile),
-      staging(path + "." + id + ".partial"),
+      staging(stagingPath(path, id)),
       cadence{profile.targetFPS, rule, std::nullopt},
       platform(services),
       queue(services.dispatch->makeQueue("lumora.movie")),
