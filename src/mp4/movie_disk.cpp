@@ -96,7 +96,7 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
     } catch (const std::exception& error) {
       end(WriterStatus::failed, reasonOf(error));
     }
-    if (job.handler) return job.handler();
+    if (job.handler) job.handler();
     hold.lock();
     queuedBytes_ -= job.bytes;
   }
