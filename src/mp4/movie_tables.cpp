@@ -16,14 +16,16 @@ void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>&
   }
 }
 
+void MovieTables::dropLast() {
+  duration -= durations.back();
+  if (!keyframes.empty() && keyframes.back() == sizes.size()) keyframes.pop_back();
+  sizes.pop_back();
+  durations.pop_back();
+  if (--chunks.back().samples == 0) chunks.pop_back();
+}
+
 void MovieTables::endAt(std::uint64_t end) {
-  while (!empty() && duration - durations.back() >= end) {
-    duration -= durations.back();
-    if (!keyframes.empty() && keyframes.back() == sizes.size()) keyframes.pop_back();
-    sizes.pop_back();
-    durations.pop_back();
-    if (--chunks.back().samples == 0) chunks.pop_back();
-  }
+  while (!empty() && duration - durations.back() >= end) dropLast();
   if (empty()) return;
   duration -= durations.back();
   const auto last = std::min(end - duration, static_cast<std::uint64_t>(longestSample));

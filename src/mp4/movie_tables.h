@@ -29,6 +29,8 @@ struct MovieTables {
 
   // Adds `samples`, of which there is at least one. They lie together at `offset`.
   void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples);
+  // Drops the last sample. There is one.
+  void dropLast();
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
