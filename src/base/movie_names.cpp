@@ -8,7 +8,6 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t uuidLength = 36;
-constexpr std::string_view movieEnding = ".mp4";
 constexpr std::string_view stagingEnding = ".partial";
 
 }  // namespace
@@ -34,10 +33,11 @@ std::string recoveryPath(const std::string& path, const std::string& id) {
 
 std::optional<std::string> recoveryPathOf(const std::string& staging) {
   constexpr std::size_t added = 1 + uuidLength + stagingEnding.size();
-  if (staging.size() <= added + movieEnding.size()) return std::nullopt;
+  if (staging.size() < added) return std::nullopt;
   const std::string path = staging.substr(0, staging.size() - added);
   const std::string id = staging.substr(path.size() + 1, uuidLength);
-  const bool fits = path.ends_with(movieEnding) && isUUID(id) && staging == stagingPath(path, id);
+  const bool fits = std::filesystem::path(path).extension() == ".mp4" && isUUID(id) &&
+                    staging == stagingPath(path, id);
   return fits ? std::optional(recoveryPath(path, id)) : std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 // Takes on real disks, also such that fail: timing, profiles, endings, crashes. ffprobe and ffmpeg
 // judge the movies.
 
+#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
@@ -101,6 +102,30 @@ TEST_F(Recording, LosesAtMostTheLastSecondWhenTheHelperIsKilled) {
     EXPECT_EQ(decodeErrors(stagingPath()), "");
     std::filesystem::remove(stagingPath());
   }
+}
+
+using Recovery = HelperTest;
+
+TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
+  const auto recover = [this] { return outputOf(LUMORA_RECOVER " " + tools::shellQuoted(folder)); };
+  start();
+  startTake({{"resolution", "640x360"}, {"target_fps", 60}});
+  feedPaced(90, 60, {320, 180});
+  waitForTake("recording");
+  EXPECT_THAT(recover(), testing::HasSubstr("it is still being recorded"));
+  helper->sendSignal(SIGKILL);
+  exitCode();
+  EXPECT_THAT(recover(), testing::HasSubstr("younger than a minute"));
+  const auto now = std::filesystem::file_time_type::clock::now();
+  std::filesystem::last_write_time(stagingPath(), now - std::chrono::minutes(2));
+  const int frames = countFrames(stagingPath());
+  path.replace(path.size() - 4, 4, ".recovered-" + takeID + ".mp4");
+  EXPECT_THAT(recover(), testing::StartsWith(path + ": "));
+  EXPECT_EQ(recover(), "");
+  EXPECT_EQ(decodeErrors(path), "");
+  const Event movie = probe(path);
+  EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
+  EXPECT_GE(std::stoi(movie["nb_frames"].get<std::string>()), std::max(frames, 30));
 }
 
 struct Disk : HelperTest {
