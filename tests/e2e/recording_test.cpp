@@ -2,6 +2,7 @@
 // judge the movies.
 
 #include <gmock/gmock.h>
+#include <lumora/recover.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
@@ -107,25 +108,31 @@ TEST_F(Recording, LosesAtMostTheLastSecondWhenTheHelperIsKilled) {
 using Recovery = HelperTest;
 
 TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
-  const auto recover = [this] { return outputOf(LUMORA_RECOVER " " + tools::shellQuoted(folder)); };
+  const auto recover = [this] { return client::recoverTakes(folder, helperProgram()); };
   start();
   startTake({{"resolution", "640x360"}, {"target_fps", 60}});
   feedPaced(90, 60, {320, 180});
   waitForTake("recording");
-  EXPECT_THAT(recover(), testing::HasSubstr("it is still being recorded"));
+  EXPECT_EQ(recover().at(0).left, "it is still being recorded");
   helper->sendSignal(SIGKILL);
   exitCode();
-  EXPECT_THAT(recover(), testing::HasSubstr("younger than a minute"));
+  EXPECT_THAT(recover().at(0).left, testing::HasSubstr("younger than a minute"));
   const auto now = std::filesystem::file_time_type::clock::now();
   std::filesystem::last_write_time(stagingPath(), now - std::chrono::minutes(2));
   const int frames = countFrames(stagingPath());
+  const auto take = recover().at(0);
+  EXPECT_EQ(take.staging, stagingPath());
   path.replace(path.size() - 4, 4, ".recovered-" + takeID + ".mp4");
-  EXPECT_THAT(recover(), testing::StartsWith(path + ": "));
-  EXPECT_EQ(recover(), "");
+  EXPECT_EQ(take.path, path);
+  EXPECT_EQ(take.left, "");
+  EXPECT_TRUE(recover().empty());
   EXPECT_EQ(decodeErrors(path), "");
   const Event movie = probe(path);
   EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
-  EXPECT_GE(std::stoi(movie["nb_frames"].get<std::string>()), std::max(frames, 30));
+  EXPECT_EQ(movie["nb_frames"], std::to_string(take.frames));
+  EXPECT_NEAR(movie["duration_ts"].get<double>() / 60000, take.duration, 1e-4);
+  EXPECT_GE(static_cast<int>(take.frames), std::max(frames, 30));
+  EXPECT_THROW(client::recoverTakes(folder / "nowhere", helperProgram()), std::runtime_error);
 }
 
 struct Disk : HelperTest {
