@@ -37,7 +37,7 @@ demo: dependencies
 
 view: dependencies
 	cmake --preset release >/dev/null
-	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-view
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-recover lumora-view
 	@build/release/tools/lumora-view --demo --helper build/release/src/lumora-video --folder $(OUT)
 
 test: dependencies

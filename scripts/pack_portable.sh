@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Packs the program that scripts/portable.sh has built in folder $1 into an archive and an npm package. Both
+# Packs the programs that scripts/portable.sh has built in folder $1 into an archive and an npm package. Both
 # have the licences and a list of the exact sources.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -11,7 +11,7 @@ packages=$build/packages
 rm -rf "$content" "$packages"
 mkdir -p "$content/licences" "$packages"
 
-install -m 755 "$build/lumora-video" "$content/"
+install -m 755 "$build/lumora-video" "$build/lumora-recover" "$content/"
 install -m 644 LICENSE "$content/licences/lumora-video.txt"
 install -m 644 /usr/share/common-licenses/GPL-3 "$content/licences/GPL-3.txt"
 for part in ffmpeg x264 highway; do
@@ -56,7 +56,7 @@ cat >"$content/package.json" <<END
   "cpu": ["x64"],
   "libc": ["glibc"],
   "main": "index.js",
-  "files": ["lumora-video", "index.js", "SOURCES.txt", "licences"]
+  "files": ["lumora-video", "lumora-recover", "index.js", "SOURCES.txt", "licences"]
 }
 END
 cat >"$content/index.js" <<'END'

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds lumora-video as one program that needs only glibc 2.36. Packs it into an archive and an npm package
-# in build/portable/packages.
+# Builds lumora-video and lumora-recover, each as one program that needs only glibc 2.36. Packs them into an
+# archive and an npm package in build/portable/packages.
 #
 # FFmpeg, x264 and Highway are built from Debian's source packages, with only the parts that are used.
 # The build is reproducible: builds from the same Debian packages make the same file, in any folder.
@@ -83,8 +83,10 @@ buildProgram() {
     -DCMAKE_CXX_FLAGS_RELEASE="-DNDEBUG $ourFlags" -DPKG_CONFIG_ARGN=--static \
     -DYUV_LIBRARY=/usr/lib/x86_64-linux-gnu/libyuv.a -DJPEG_LIBRARY=/usr/lib/x86_64-linux-gnu/libjpeg.a \
     -DCMAKE_EXE_LINKER_FLAGS="-static-libstdc++ -static-libgcc -Wl,--gc-sections,--build-id=none"
-  cmake --build "$build/program" -j "$jobs" -t lumora-video
-  strip -o "$build/lumora-video" "$build/program/src/lumora-video"
+  cmake --build "$build/program" -j "$jobs" -t lumora-video lumora-recover
+  for program in lumora-video lumora-recover; do
+    strip -o "$build/$program" "$build/program/src/$program"
+  done
 }
 
 trap 'status=$?; [ "$status" -eq 0 ] || tail -n 40 "$build/log"' EXIT
@@ -93,4 +95,5 @@ for step in fetchSources buildX264 buildFFmpeg buildHighway buildProgram; do
   $step >"$build/log" 2>&1
 done
 scripts/check_portable.sh "$build/lumora-video"
+scripts/check_portable.sh "$build/lumora-recover"
 scripts/pack_portable.sh "$build"

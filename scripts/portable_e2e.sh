@@ -21,12 +21,14 @@ cp /etc/hosts "$root/etc/"
 mount --bind /tmp /tmp
 mount --make-shared /tmp
 mount --bind /tmp "$root/tmp"
-cp build/portable/lumora-video "$root/usr/bin/"
+cp build/portable/lumora-video build/portable/lumora-recover "$root/usr/bin/"
 
 tests=$PWD/build/release/tests/lumora-e2e-tests
 helper=$root/lumora-video
-printf '#!/bin/sh\nexec chroot %s /usr/bin/lumora-video "$@"\n' "$root" >"$helper"
-chmod +x "$helper"
+for program in lumora-video lumora-recover; do
+  printf '#!/bin/sh\nexec chroot %s /usr/bin/%s "$@"\n' "$root" "$program" >"$root/$program"
+  chmod +x "$root/$program"
+done
 here=Faults.*:Viewer.*:Input.HasWordsForTooFewDescriptors
 LUMORA_HELPER=$helper "$tests" --gtest_brief=1 --gtest_filter="-$here"
 LUMORA_HELPER=$PWD/build/portable/lumora-video "$tests" --gtest_brief=1 --gtest_filter="$here"

@@ -11,6 +11,7 @@ apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake
 
 (lumora-video || true) | grep 'invalid helper configuration'
 lumora-demo /usr/bin/lumora-video /tmp/demo 3 | tail -n 4
+lumora-recover /tmp/demo
 
 example=/usr/share/doc/liblumora-client-dev/example
 cmake -S "$example" -B /tmp/cmake >/dev/null

@@ -11,6 +11,7 @@ apt-get install -y -qq --no-install-recommends nodejs npm >/dev/null
 mkdir /tmp/application /tmp/takes
 tar -xzf "$packages"/lumora-video-*-linux-x64.tar.gz -C /tmp
 (/tmp/lumora-video-*-linux-x64/lumora-video || true) | grep 'invalid helper configuration'
+/tmp/lumora-video-*-linux-x64/lumora-recover /tmp/takes
 
 cp client/node/example/record.mjs /tmp/application
 cd /tmp/application

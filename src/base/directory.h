@@ -8,4 +8,7 @@ namespace lumora {
 // survive a power cut. Also 0 if the directory is unreadable or its file system can't sync it.
 int syncDirectory(const std::string& path);
 
+// Renames a file within its file system. False if `to` exists or the move is impossible.
+bool moveUnlessExists(const std::string& from, const std::string& to);
+
 }  // namespace lumora

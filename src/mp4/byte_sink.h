@@ -31,6 +31,13 @@ class ByteSink {
 };
 
 // A new file. Null, with `error` set to an errno, if it exists or can't be made.
+// The file is locked while it is open, if the file system has locks (see `lockFile`).
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
+// Appends to the file of `size` bytes at `path`. Takes `descriptor`, which is open on it.
+std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
+
+// Marks a file as somebody's own until it is closed: 0, EAGAIN if it is somebody else's, or another
+// errno where there are no locks. Never waits for the other one.
+int lockFile(int descriptor);
 
 }  // namespace lumora

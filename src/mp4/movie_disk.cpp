@@ -149,7 +149,6 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
     }
     if (job.handler) job.handler();
     hold.lock();
-    if (job.isRescue || status_ == WriterStatus::completed) return;
     queuedBytes_ -= job.bytes;
   }
 }

@@ -1,7 +1,8 @@
 #pragma once
 
 // The I/O thread of one movie file and the queue in front of it. The thread lives until the movie
-// is finished or cancelled. It shares this object, so nobody has to wait for a disk that hangs.
+// is cancelled, as its writer's end does. So the file stays open, and locked, until it has its
+// name. The thread shares this object, so nobody has to wait for a disk that hangs.
 
 #include <chrono>
 #include <condition_variable>

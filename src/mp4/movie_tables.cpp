@@ -16,6 +16,14 @@ void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>&
   }
 }
 
+void MovieTables::dropLast() {
+  duration -= durations.back();
+  if (!keyframes.empty() && keyframes.back() == sizes.size()) keyframes.pop_back();
+  sizes.pop_back();
+  durations.pop_back();
+  if (--chunks.back().samples == 0) chunks.pop_back();
+}
+
 void MovieTables::endAt(std::uint64_t end) {
   while (!empty() && duration - durations.back() >= end) dropLast();
   if (empty()) return;
@@ -27,14 +35,6 @@ void MovieTables::endAt(std::uint64_t end) {
 
 void MovieTables::keepChunks(std::size_t count) {
   while (chunks.size() > count) dropLast();
-}
-
-void MovieTables::dropLast() {
-  duration -= durations.back();
-  if (!keyframes.empty() && keyframes.back() == sizes.size()) keyframes.pop_back();
-  sizes.pop_back();
-  durations.pop_back();
-  if (--chunks.back().samples == 0) chunks.pop_back();
 }
 
 }  // namespace lumora

@@ -29,15 +29,14 @@ struct MovieTables {
 
   // Adds `samples`, of which there is at least one. They lie together at `offset`.
   void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples);
+  // Drops the last sample. There is one.
+  void dropLast();
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
   // Drops all samples but those of the first `count` chunks.
   void keepChunks(std::size_t count);
   bool empty() const { return sizes.empty(); }
-
- private:
-  void dropLast();
 };
 
 }  // namespace lumora

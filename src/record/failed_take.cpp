@@ -2,10 +2,10 @@
 
 #include <filesystem>
 
+#include "base/movie_names.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
-#include "record/recovery_path.h"
 
 namespace lumora {
 

@@ -1,10 +1,10 @@
 // The end of a take: its last sample, its file, its final name.
 
+#include "base/movie_names.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
-#include "record/recovery_path.h"
 
 namespace lumora {
 

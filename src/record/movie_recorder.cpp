@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "base/movie_names.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_timing.h"
@@ -26,7 +27,7 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
       startedAt(start),
       profile(takeProfile),
       options(asked),
-      staging(path + "." + id + ".partial"),
+      staging(stagingPath(path, id)),
       cadence{profile.targetFPS, asked.cadence, std::nullopt},
       platform(services),
       queue(services.dispatch->makeQueue("lumora.movie")),

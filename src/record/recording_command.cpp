@@ -1,6 +1,6 @@
 #include "record/recording_command.h"
 
-#include <cctype>
+#include "base/movie_names.h"
 
 namespace lumora {
 namespace {
@@ -8,18 +8,6 @@ namespace {
 constexpr double maximumAge = 30.0;   // seconds
 constexpr double maximumLead = 0.05;  // seconds
 constexpr std::size_t maximumPathBytes = 3000;
-
-// 8-4-4-4-12 hexadecimal digits, in either case.
-bool isUUID(const std::string& text) {
-  constexpr std::size_t length = 36;
-  if (text.size() != length) return false;
-  for (std::size_t i = 0; i < length; ++i) {
-    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-    const auto character = static_cast<unsigned char>(text[i]);
-    if (dash ? character != '-' : std::isxdigit(character) == 0) return false;
-  }
-  return true;
-}
 
 }  // namespace
 

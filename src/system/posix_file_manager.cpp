@@ -1,12 +1,9 @@
 #include "system/posix_file_manager.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -20,26 +17,6 @@ namespace lumora {
 namespace {
 
 constexpr std::chrono::seconds longestRemoval{1};
-
-// For file systems that can't rename without replacing. A hard link is never made over an existing
-// name. Without hard links we look first, and another program may take the name before the rename.
-bool moveWithoutRename2(const char* from, const char* to) {
-  if (link(from, to) == 0) {
-    unlink(from);  // if this fails the file has both names, which does no harm
-    return true;
-  }
-  if (errno == EEXIST) return false;
-  struct stat status {};
-  return lstat(to, &status) != 0 && std::rename(from, to) == 0;
-}
-
-bool moveUnlessExists(const char* from, const char* to) {
-#ifdef RENAME_NOREPLACE
-  if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
-#endif
-  return moveWithoutRename2(from, to);
-}
 
 // One name for all spellings of a path. Links are not followed, since that waits for the disk.
 std::filesystem::path nameOf(const std::string& path) {
@@ -59,7 +36,7 @@ class PosixFileManager final : public FileManager {
   }
 
   bool move(const std::string& from, const std::string& to) override {
-    if (!moveUnlessExists(from.c_str(), to.c_str())) return false;
+    if (!moveUnlessExists(from, to)) return false;
     // The file has moved even if its new name can't be synced.
     bestEffort([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
     return true;

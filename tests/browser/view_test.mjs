@@ -155,6 +155,20 @@ test('a viewer with its own helper', async () => {
   await page.close();
 });
 
+test('a viewer whose folder holds an interrupted take', async () => {
+  const staging = inFolder('old.mp4.6f9619ff-8b86-d011-b42d-00cf4fc96401.partial');
+  fs.copyFileSync(new URL('../../fuzz/corpus/staging/torn', import.meta.url), staging);
+  fs.utimesSync(staging, 0, 0);
+  const viewer = await startView(['--demo', '--helper', helper, '--folder', folder]);
+  const page = await openPage(viewer.address);
+  await page.getByText('A take was interrupted.').waitFor();
+  await page.locator('#interrupted-keep').click();
+  await page.getByText(/old\.recovered-.*\.mp4: 1\.0 s/).waitFor();
+  assert.equal(await page.locator('#interrupted-keep').isVisible(), false);
+  assert.equal(await end(viewer), 0);
+  await page.close();
+});
+
 async function statusOf({ hostname, port, pathname }, headers, target = pathname) {
   const request = http.get({ hostname, port, path: target, headers });
   const [response] = await Promise.race([once(request, 'response'), once(request, 'upgrade')]);

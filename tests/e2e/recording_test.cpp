@@ -1,6 +1,8 @@
 // Takes on real disks, also such that fail: timing, profiles, endings, crashes. ffprobe and ffmpeg
 // judge the movies.
 
+#include <gmock/gmock.h>
+#include <lumora/recover.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
@@ -148,6 +150,36 @@ TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
     usual = size;
     std::filesystem::remove(path);
   }
+}
+
+using Recovery = HelperTest;
+
+TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
+  const auto recover = [this] { return client::recoverTakes(folder, helperProgram()); };
+  start();
+  startTake({{"resolution", "640x360"}, {"target_fps", 60}});
+  feedPaced(90, 60, {320, 180});
+  waitForTake("recording");
+  EXPECT_EQ(recover().at(0).left, "it is still being recorded");
+  helper->sendSignal(SIGKILL);
+  exitCode();
+  EXPECT_THAT(recover().at(0).left, testing::HasSubstr("younger than a minute"));
+  const auto now = std::filesystem::file_time_type::clock::now();
+  std::filesystem::last_write_time(stagingPath(), now - std::chrono::minutes(2));
+  const int frames = countFrames(stagingPath());
+  const auto take = recover().at(0);
+  EXPECT_EQ(take.staging, stagingPath());
+  path.replace(path.size() - 4, 4, ".recovered-" + takeID + ".mp4");
+  EXPECT_EQ(take.path, path);
+  EXPECT_EQ(take.left, "");
+  EXPECT_TRUE(recover().empty());
+  EXPECT_EQ(decodeErrors(path), "");
+  const Event movie = probe(path);
+  EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
+  EXPECT_EQ(movie["nb_frames"], std::to_string(take.frames));
+  EXPECT_NEAR(movie["duration_ts"].get<double>() / 60000, take.duration, 1e-4);
+  EXPECT_GE(static_cast<int>(take.frames), std::max(frames, 30));
+  EXPECT_THROW(client::recoverTakes(folder / "nowhere", helperProgram()), std::runtime_error);
 }
 
 struct Disk : HelperTest {

@@ -137,6 +137,19 @@ TEST_F(Viewer, EndsWhileItsCameraHangs) {
   close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // ends the ffmpeg that waits for a writer
 }
 
+TEST_F(Viewer, OffersInterruptedTakes) {
+  std::ofstream(stagingPath()) << "no take";
+  const auto now = std::filesystem::file_time_type::clock::now();
+  std::filesystem::last_write_time(stagingPath(), now - std::chrono::minutes(2));
+  view({"--demo", "--helper", helperProgram(), "--folder", folder});
+  EXPECT_EQ(waitForMessage("interrupted")["count"], 1);
+  say({{"type", "recover"}});
+  const std::string line = waitForMessage("interrupted")["lines"].at(0);
+  EXPECT_EQ(line.find(stagingPath() + " is left: it is not a take"), 0u) << line;
+  viewer->sendSignal(SIGTERM);
+  EXPECT_EQ(exitOfViewer(), 0);
+}
+
 TEST_F(Viewer, ShowsTheNextHelperAtThePortOfOneThatHasEnded) {
   start();
   view({"--port", std::to_string(port)});

@@ -3,11 +3,12 @@
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
 import { once } from 'node:events';
-import { existsSync, readFileSync } from 'node:fs';
+import { existsSync, readFileSync, statSync, utimesSync } from 'node:fs';
+import { dirname } from 'node:path';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
 import { inspect } from 'node:util';
-import { connectStream, startHelper } from '../../client/node/dist/esm/index.js';
+import { connectStream, recoverTakes, startHelper } from '../../client/node/dist/esm/index.js';
 import { inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
@@ -115,6 +116,20 @@ test('a helper that cannot start says why', async (context) => {
   abort.abort();
   await assert.rejects(starting, { name: 'AbortError' });
   assert.equal(children(), before);
+});
+
+test('an interrupted take becomes a movie', async (context) => {
+  const helper = await helperFor(context);
+  const { path, stagingPath, saved } = await helper.startTake({ path: inFolder('interrupted.mp4') });
+  saved.catch(() => {});
+  await feedUntil(helper, () => existsSync(stagingPath) && statSync(stagingPath).size > 5000);
+  process.kill(helper.pid, 'SIGKILL');
+  await helper.exited;
+  utimesSync(stagingPath, 0, 0);
+  const [take] = await recoverTakes(dirname(path));
+  assert.deepEqual([take.staging, take.left], [stagingPath, '']);
+  assert.equal(countPictures(take.path), take.frames);
+  await assert.rejects(recoverTakes(inFolder('nowhere')), /No such file/);
 });
 
 test('killing the helper in the middle of a frame ends the frame and the take', async (context) => {

@@ -39,6 +39,9 @@ void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::Fr
               {"mode", "owner"},
               {"folder", folder},
               {"helper", program.empty() ? "lumora-video" : program}};
+  folder_ = folder;
+  program_ = options.program;
+  takesRecovered({});
   const Camera::Handlers handlers{.event = posting(&Bridge::eventCame),
                                   .inputEnded = posting(&Bridge::inputEnded),
                                   .ended = posting(&Bridge::helperEnded)};
@@ -80,6 +83,7 @@ void Bridge::pageJoined(const std::shared_ptr<PageSocket>& page) {
   flow_.pageJoined();
   tell(session_);
   for (const auto& [type, message] : latestEvents_) tell(message);
+  if (!interruptedTakes_.is_null()) tell(interruptedTakes_);
   if (!interruption_.is_null()) tell(interruption_);
 }
 
@@ -106,6 +110,28 @@ void Bridge::obey(const StartTake& message) {
 
 void Bridge::obey(const StopTake&) {
   if (take_) take_->stop();
+}
+
+// On a thread of its own, since it waits for the disk.
+void Bridge::obey(const RecoverTakes&) {
+  if (!camera_ || recovery_.joinable()) return;
+  const auto done = posting(&Bridge::takesRecovered);
+  recovery_ = std::jthread([folder = folder_, program = program_, done] {
+    try {
+      done(recoverTakes(folder, program));
+    } catch (const std::exception& error) {
+      done(std::vector<std::string>{error.what()});
+    }
+  });
+}
+
+// Files that were left are offered again.
+void Bridge::takesRecovered(const std::vector<std::string>& lines) {
+  recovery_ = {};
+  const std::size_t count = countInterruptedTakes(folder_);
+  if (count == 0 && lines.empty()) return;
+  interruptedTakes_ = {{"type", "interrupted"}, {"count", count}, {"lines", lines}};
+  tell(interruptedTakes_);
 }
 
 void Bridge::packetCame(const client::Packet& packet) {

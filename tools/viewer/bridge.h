@@ -45,6 +45,7 @@ class Bridge {
   void obey(const Visible& message) { flow_.setVisible(message.visible); }
   void obey(const StartTake& message);
   void obey(const StopTake&);
+  void obey(const RecoverTakes&);
 
   void connectTo(const tools::HelperAddress& helper);
   void packetCame(const client::Packet& packet);
@@ -54,6 +55,7 @@ class Bridge {
   void inputEnded(std::uint64_t frames);
   void helperEnded(const client::Exited& exited);
   void finishTake();
+  void takesRecovered(const std::vector<std::string>& lines);
 
   void tick();
   void acknowledge(std::optional<std::uint64_t> frameID);
@@ -71,10 +73,14 @@ class Bridge {
   Json session_;
   std::map<std::string, Json> latestEvents_;  // by type
   Json interruption_;                         // of the stream, while it lasts; or null
+  Json interruptedTakes_;                     // in the folder, or what became of them; or null
   std::vector<std::uint8_t> configuration_;   // the latest packet
 
   std::optional<client::Take> take_;                     // while it runs
   std::map<std::string, std::filesystem::path> movies_;  // of saved takes, by "takes/ID.mp4"
+  std::string folder_;                                   // that the page proposes
+  std::string program_;                                  // of the helper; empty: see HelperOptions
+  std::jthread recovery_;                                // of interrupted takes
   bool isTakeLost_ = false;                              // the last one that ended
   std::string inputEnd_;                                 // a sentence, once the input has ended
   bool ending_ = false;

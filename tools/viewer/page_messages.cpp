@@ -33,6 +33,7 @@ std::optional<PageMessage> parsePageMessage(std::string_view text) try {
   if (type == "visible") return Visible{get<bool>(object, "visible")};
   if (type == "start") return startTake(object);
   if (type == "stop") return StopTake{};
+  if (type == "recover") return RecoverTakes{};
   return std::nullopt;
 } catch (const Json::exception&) {
   return std::nullopt;

@@ -27,8 +27,10 @@ struct StartTake {
   bool steady;
 };
 struct StopTake {};
+struct RecoverTakes {};  // those that were interrupted
 
-using PageMessage = std::variant<Shown, Ping, Restarted, Visible, StartTake, StopTake>;
+using PageMessage =
+    std::variant<Shown, Ping, Restarted, Visible, StartTake, StopTake, RecoverTakes>;
 
 constexpr std::size_t maximumMessageBytes = 8192;
 

@@ -1,7 +1,11 @@
 #include "tools/viewer/takes.h"
 
+#include <lumora/recover.h>
+
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <regex>
 #include <stdexcept>
 
 namespace lumora::viewer {
@@ -39,6 +43,27 @@ client::TakeOptions planTake(const StartTake& wanted, double startedAt) {
           .targetFPS = wanted.targetFPS,
           .steady = wanted.steady,
           .startedAt = startedAt};
+}
+
+std::size_t countInterruptedTakes(const std::string& folder) {
+  static const std::regex staging(R"(.+\.mp4\.[0-9A-Fa-f-]{36}\.partial)");
+  std::size_t count = 0;
+  std::error_code unknown;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, unknown)) {
+    count += std::regex_match(entry.path().filename().string(), staging) ? 1 : 0;
+  }
+  return count;
+}
+
+std::vector<std::string> recoverTakes(const std::string& folder, const std::string& helper) {
+  std::vector<std::string> lines;
+  for (const client::RecoveredTake& take : client::recoverTakes(folder, helper)) {
+    char figures[64];
+    std::snprintf(figures, sizeof figures, ": %.1f s", take.duration);
+    lines.push_back(take.left.empty() ? take.path + figures
+                                      : take.staging + " is left: " + take.left);
+  }
+  return lines;
 }
 
 }  // namespace lumora::viewer

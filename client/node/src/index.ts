@@ -4,6 +4,7 @@ export { type HelperExit } from './exit.js';
 export { type FrameOutcome, type FrameWrite } from './feeder.js';
 export { type FrameEncoding, type FrameFormat, type FrameSize } from './frame_format.js';
 export { type FrameId, type Pixels } from './records.js';
+export { recoverTakes, type RecoveredTake } from './recover.js';
 export { flipRows } from './rows.js';
 export { StartError } from './launch.js';
 export { findProgram } from './program.js';

@@ -90,6 +90,9 @@ const messages = {
     skipped += count;
     events.add('Frames were skipped because this page was slow or hidden.');
   },
+  interrupted(takesLeft) {
+    takes.showInterrupted(takesLeft);
+  },
   refused({ message }) {
     report(message);
     takes.refused(message);

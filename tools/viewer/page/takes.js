@@ -1,4 +1,5 @@
-// Starts and stops takes, and shows their progress and the finished movie.
+// Starts and stops takes, and shows their progress and the finished movie. Offers to recover
+// interrupted ones.
 
 import { element, showCount, showFigure } from './dom.js';
 import { duration, failure } from './event_formatter.js';
@@ -31,6 +32,10 @@ export class Takes {
     element('take-stop').addEventListener('click', () => {
       if (this.#state !== 'asked') send({ type: 'stop' }); // else no take exists yet
     });
+    element('interrupted-keep').addEventListener('click', () => {
+      element('interrupted-keep').disabled = true; // until the viewer has answered
+      send({ type: 'recover' });
+    });
     element('take-copy').addEventListener('click', async () => {
       await navigator.clipboard.writeText(element('take-path').textContent);
       element('take-copied').textContent = 'Copied';
@@ -44,6 +49,7 @@ export class Takes {
     this.#isOwner = mode === 'owner';
     if (!element('take-folder').value && folder) element('take-folder').value = folder;
     element('take-reason').hidden = this.#isOwner;
+    element('interrupted').hidden = true; // unless the viewer says otherwise
     this.#enable();
   }
 
@@ -68,6 +74,20 @@ export class Takes {
     for (const key of ['frames', 'dropped', 'throttled']) showCount(`take-${key}`, event[key]);
     if (event.state === 'failed') showProblem(failure(event));
     if (event.state === 'saved') showMovie(event);
+  }
+
+  // `count` takes were interrupted. `lines` tell what became of others.
+  showInterrupted({ count, lines }) {
+    element('interrupted').hidden = false;
+    element('interrupted-keep').hidden = count === 0;
+    element('interrupted-keep').disabled = false;
+    const takes = count === 1 ? 'A take was' : `${count} takes were`;
+    element('interrupted-count').textContent = count === 0 ? '' : `${takes} interrupted.`;
+    element('interrupted-lines').replaceChildren(...lines.map((line) => {
+      const item = document.createElement('li');
+      item.textContent = line;
+      return item;
+    }));
   }
 
   refused(message) {

@@ -1,0 +1,52 @@
+// Fuzzes the files of interrupted takes. What is read of one becomes a movie that is read again.
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "fuzz/fuzzed_service.h"
+#include "mp4/movie_boxes.h"
+#include "mp4/staging_movie.h"
+
+namespace lumora {
+namespace {
+
+StagingMovie read(const Bytes& bytes) {
+  return readStagingMovie({bytes.size(), [&](std::uint64_t offset, MutableByteView space) {
+                             require(offset <= bytes.size());
+                             require(space.size() <= bytes.size() - offset);
+                             std::copy_n(bytes.data() + offset, space.size(), space.data());
+                           }});
+}
+
+void fuzzStaging(Bytes bytes) try {
+  const StagingMovie movie = read(bytes);
+  require(movie.frames > 0);
+  if (movie.isFinished) return;
+  for (const StagingTrack& track : movie.tracks) {
+    auto size = track.tables.sizes.begin();
+    for (const MovieChunk& chunk : track.tables.chunks) {
+      std::uint64_t end = chunk.offset;
+      for (std::uint32_t i = 0; i < chunk.samples; ++i) end += *size++;
+      require(end <= bytes.size());
+    }
+    require(size == track.tables.sizes.end());
+  }
+  const StagingTrack& video = movie.tracks.front();
+  const Bytes tables = movieEnd(*video.format, video.tables, movie.created);
+  require(tables.size() <= maximumMovieEndBytes(*video.format, video.tables));
+  const Bytes head = wideMediaDataHeader(bytes.size() - movie.placeholder);
+  bytes.insert(bytes.end(), tables.begin(), tables.end());
+  std::ranges::copy(head, bytes.begin() + static_cast<std::ptrdiff_t>(movie.placeholder));
+  const StagingMovie finished = read(bytes);
+  require(finished.isFinished && finished.frames == movie.frames);
+  require(finished.duration == movie.duration);
+} catch (const std::runtime_error&) {  // it is no such file
+}
+
+}  // namespace
+}  // namespace lumora
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  lumora::fuzzStaging({data, data + size});
+  return 0;
+}

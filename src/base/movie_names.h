@@ -1,0 +1,20 @@
+#pragma once
+
+// The names of a take's file. "/a/clip.mp4" is "/a/clip.mp4.<id>.partial" while it is written, and
+// "/a/clip.recovered-<id>.mp4" if it can't get its own name. Pure.
+
+#include <optional>
+#include <string>
+
+namespace lumora {
+
+// 8-4-4-4-12 hexadecimal digits, in either case.
+bool isUUID(const std::string& text);
+
+std::string stagingPath(const std::string& path, const std::string& id);
+std::string recoveryPath(const std::string& path, const std::string& id);
+
+// The recovery path for a file of this staging path; nothing if it is none.
+std::optional<std::string> recoveryPathOf(const std::string& staging);
+
+}  // namespace lumora

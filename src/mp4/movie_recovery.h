@@ -1,0 +1,29 @@
+#pragma once
+
+// Finishes the movies of takes that a crash or a power cut has interrupted.
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace lumora {
+
+struct RecoveredTake {
+  std::string staging;       // the file's path before
+  std::string path = {};     // of the movie; empty: there is none
+  std::uint64_t frames = 0;  // in the movie
+  double duration = 0;       // of the movie, seconds
+  std::string left = {};     // why the file keeps its old name; empty: it has a new one
+};
+
+// The paths of the staging files in a folder, in order. Throws std::system_error if it can't be
+// read.
+std::vector<std::string> findStagingFiles(const std::string& folder);
+
+// Makes the staging file at this absolute path an ordinary movie and gives it its recovery name.
+// `now` is the time of day. Leaves a take that is being recorded, and what holds no picture. A
+// power cut at any moment leaves a file that can be recovered. What is wrong with a file is not
+// thrown.
+RecoveredTake recoverTake(const std::string& staging, std::time_t now);
+
+}  // namespace lumora

@@ -1,0 +1,326 @@
+#include "mp4/staging_movie.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "h264/memory_sample.h"
+#include "platform/movie_writer.h"
+
+namespace lumora {
+namespace {
+
+// No file of ours comes near these limits. They bound time and memory for a file that is not ours.
+constexpr std::size_t maximumChildren = 64;                   // of one box
+constexpr std::uint64_t maximumLeafBytes = 1 << 20;           // of a box that is read whole
+constexpr std::uint32_t maximumSampleBytes = 64 << 20;        // of one that is looked at
+constexpr std::size_t maximumSamples = std::size_t{1} << 25;  // 3 days at 120 a second
+
+struct Damaged : std::runtime_error {
+  Damaged() : std::runtime_error("it is not a take of this program, or its start is damaged") {}
+};
+
+void require(bool fits) {
+  if (!fits) throw Damaged();
+}
+
+// A box in the file. All of it lies within the file.
+struct BoxPlace {
+  std::string type;
+  std::uint64_t start = 0;
+  std::uint64_t body = 0;
+  std::uint64_t end = 0;
+};
+
+// The contents of a box, read from front to back. Throws Damaged at their end.
+class Fields {
+ public:
+  explicit Fields(Bytes bytes) : bytes_(std::move(bytes)) {}
+  template <typename Integer>
+  Integer next() {
+    return integerBE<Integer>(take(sizeof(Integer)), 0);
+  }
+  ByteView take(std::size_t count) {
+    require(count <= left());
+    at_ += count;
+    return ByteView(bytes_).subspan(at_ - count, count);
+  }
+  std::size_t left() const { return bytes_.size() - at_; }
+
+ private:
+  Bytes bytes_;
+  std::size_t at_ = 0;
+};
+
+// Samples of one track that lie together.
+struct Run {
+  StagingTrack* track = nullptr;
+  std::uint64_t offset = 0;
+  std::vector<MovieSample> samples;
+};
+
+class Reader {
+ public:
+  explicit Reader(const FileView& file) : file_(file) {}
+  StagingMovie read();
+
+ private:
+  Bytes bytes(std::uint64_t offset, std::size_t count) const;
+  std::optional<BoxPlace> boxAt(std::uint64_t at, std::uint64_t end) const;
+  std::vector<BoxPlace> children(const BoxPlace& parent, std::uint64_t skipped = 0) const;
+  BoxPlace child(const BoxPlace& parent, std::string_view type, std::uint64_t skipped = 0) const;
+  BoxPlace sampleTable(const BoxPlace& track) const;
+  Fields fields(const BoxPlace& box) const;
+
+  void readFinished(const BoxPlace& movie);
+  void readStart(const BoxPlace& movie);
+  void readTrack(const BoxPlace& track);
+  std::shared_ptr<const FormatDescription> format(const BoxPlace& entry) const;
+  void readFragments(std::uint64_t at);
+  std::uint64_t addFragment(const BoxPlace& fragment);
+  Run readRun(const BoxPlace& fragment, const BoxPlace& part);
+  void dropTornSamples(MovieTables& tables) const;
+  bool isWhole(std::uint64_t offset, std::uint32_t size) const;
+
+  const FileView& file_;
+  StagingMovie movie_;
+  std::size_t samples_ = 0;  // of all tracks
+};
+
+// A file of ours begins with `ftyp`, the placeholder or what has taken its place, and a `moov`.
+StagingMovie Reader::read() {
+  const auto head = boxAt(0, file_.size);
+  require(head && head->type == "ftyp");
+  movie_.placeholder = head->end;
+  const auto second = boxAt(head->end, file_.size);
+  require(second.has_value());
+  constexpr std::uint64_t placeholderBytes = 16;
+  movie_.isFinished = second->type == "mdat" && second->body - second->start == placeholderBytes;
+  const bool isFree = second->type == "free" && second->end - second->start == placeholderBytes;
+  require(movie_.isFinished || isFree);
+  const auto tables = boxAt(second->end, file_.size);
+  require(tables && tables->type == "moov");
+  if (movie_.isFinished) {
+    readFinished(*tables);
+  } else {
+    readStart(*tables);
+    readFragments(tables->end);
+    const MovieTables& first = movie_.tracks.front().tables;
+    movie_.frames = first.sizes.size();
+    movie_.duration = static_cast<double>(first.duration) / movieTimescale;
+  }
+  if (movie_.frames == 0) throw std::runtime_error("it holds no picture");
+  return std::move(movie_);
+}
+
+Bytes Reader::bytes(std::uint64_t offset, std::size_t count) const {
+  Bytes read(count);
+  file_.read(offset, read);
+  return read;
+}
+
+// 14496-12, 4.2: the box at `at`, if one lies there that ends at `end` or in front of it.
+std::optional<BoxPlace> Reader::boxAt(std::uint64_t at, std::uint64_t end) const {
+  constexpr std::uint64_t narrow = 8;
+  constexpr std::uint64_t wide = 16;
+  if (at > end || end - at < narrow) return std::nullopt;
+  const Bytes header = bytes(at, narrow);
+  std::uint64_t size = integerBE<std::uint32_t>(header, 0);
+  std::uint64_t headerBytes = narrow;
+  if (size == 1 && end - at >= wide) {
+    headerBytes = wide;
+    size = integerBE<std::uint64_t>(bytes(at + narrow, wide - narrow), 0);
+  }
+  if (size < headerBytes || size > end - at) return std::nullopt;
+  return BoxPlace{std::string(header.begin() + 4, header.end()), at, at + headerBytes, at + size};
+}
+
+std::vector<BoxPlace> Reader::children(const BoxPlace& parent, std::uint64_t skipped) const {
+  std::vector<BoxPlace> found;
+  std::uint64_t at = parent.body + skipped;
+  while (auto box = boxAt(at, parent.end)) {
+    require(found.size() < maximumChildren);
+    at = box->end;
+    found.push_back(std::move(*box));
+  }
+  return found;
+}
+
+BoxPlace Reader::child(const BoxPlace& parent, std::string_view type, std::uint64_t skipped) const {
+  const auto all = children(parent, skipped);
+  const auto found = std::ranges::find(all, type, &BoxPlace::type);
+  require(found != all.end());
+  return *found;
+}
+
+BoxPlace Reader::sampleTable(const BoxPlace& track) const {
+  return child(child(child(track, "mdia"), "minf"), "stbl");
+}
+
+Fields Reader::fields(const BoxPlace& box) const {
+  require(box.end - box.body <= maximumLeafBytes);
+  return Fields(bytes(box.body, box.end - box.body));
+}
+
+// The tables are the last thing that was written before the file got its new head.
+void Reader::readFinished(const BoxPlace& movie) {
+  const BoxPlace track = child(movie, "trak");
+  const BoxPlace table = sampleTable(track);
+  for (const char* type : {"stsd", "stts", "stsc"}) child(table, type);
+  const BoxPlace sizes = child(table, "stsz");
+  require(sizes.end - sizes.body >= 12);
+  movie_.frames = integerBE<std::uint32_t>(bytes(sizes.body + 8, 4), 0);
+  require(sizes.end - sizes.body == 12 + movie_.frames * 4);
+  Fields header = fields(child(child(track, "mdia"), "mdhd"));
+  require(header.next<std::uint32_t>() == 1 << 24);  // version 1
+  header.take(16);
+  require(header.next<std::uint32_t>() == movieTimescale);
+  movie_.duration = static_cast<double>(header.next<std::uint64_t>()) / movieTimescale;
+}
+
+void Reader::readStart(const BoxPlace& movie) {
+  Fields header = fields(child(movie, "mvhd"));
+  require(header.next<std::uint32_t>() == 1 << 24);  // version 1
+  movie_.properties.created = header.next<std::uint64_t>();
+  for (const BoxPlace& box : children(movie)) {
+    if (box.type == "trak") readTrack(box);
+  }
+  require(!movie_.tracks.empty());
+}
+
+void Reader::readTrack(const BoxPlace& track) {
+  Fields header = fields(child(track, "tkhd"));
+  require(header.next<std::uint32_t>() >> 24 == 1);  // version 1
+  header.take(16);
+  const auto id = header.next<std::uint32_t>();
+  header.take(28);  // up to the matrix, which begins with the cosine and the sine of the rotation
+  const auto cosine = static_cast<std::int32_t>(header.next<std::uint32_t>());
+  const auto sine = static_cast<std::int32_t>(header.next<std::uint32_t>());
+  movie_.properties.rotation = sine > 0 ? 90 : sine < 0 ? 270 : cosine < 0 ? 180 : 0;
+  constexpr std::uint64_t countBytes = 8;  // in front of the entries
+  const BoxPlace entry = child(child(sampleTable(track), "stsd"), "avc1", countBytes);
+  movie_.tracks.push_back({id, format(entry), {}});
+}
+
+std::shared_ptr<const FormatDescription> Reader::format(const BoxPlace& entry) const {
+  constexpr std::uint64_t sizeAt = 24;
+  constexpr std::uint64_t fixedBytes = 78;
+  Fields start(bytes(entry.body, std::min(entry.end - entry.body, fixedBytes)));
+  start.take(sizeAt);
+  const auto width = start.next<std::uint16_t>();
+  const auto height = start.next<std::uint16_t>();
+
+  Fields configuration = fields(child(entry, "avcC", fixedBytes));
+  const auto parameterSet = [&configuration] {
+    require((configuration.next<std::uint8_t>() & 0x1F) == 1);  // there is one of them
+    const ByteView set = configuration.take(configuration.next<std::uint16_t>());
+    return Bytes(set.begin(), set.end());
+  };
+  configuration.take(5);
+  Bytes sequence = parameterSet();
+  Bytes picture = parameterSet();
+  require(sequence.size() >= 4 && !picture.empty() && width > 0 && height > 0);
+
+  Fields colour = fields(child(entry, "colr", fixedBytes));
+  colour.take(4);
+  ColourDescription codes;
+  for (auto* code : {&codes.primaries, &codes.transfer, &codes.matrix}) {
+    *code = colour.next<std::uint16_t>();
+  }
+  codes.fullRange = colour.next<std::uint8_t>() != 0;
+  return std::make_shared<MemoryFormatDescription>(std::move(sequence), std::move(picture), width,
+                                                   height, codes);
+}
+
+// Stops at the first thing that is no fragment: what a power cut has torn, or tables of a movie
+// that was being finished. Each fragment is synced before the next one is written, so only the last
+// may be torn.
+void Reader::readFragments(std::uint64_t at) {
+  try {
+    while (auto box = boxAt(at, file_.size)) {
+      if (box->type == "free") box = boxAt(box->end, file_.size);
+      if (!box || box->type != "moof") break;
+      at = addFragment(*box);
+    }
+  } catch (const Damaged&) {  // its samples have not been added
+  }
+  for (StagingTrack& track : movie_.tracks) dropTornSamples(track.tables);
+}
+
+// Returns where the fragment ends, which may lie behind the file's end.
+std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
+  std::vector<Run> runs;
+  for (const BoxPlace& part : children(fragment)) {
+    if (part.type == "traf") runs.push_back(readRun(fragment, part));
+  }
+  require(!runs.empty());
+  std::uint64_t end = 0;
+  for (const Run& run : runs) {
+    MovieTables& tables = run.track->tables;
+    samples_ += run.samples.size();
+    // Nothing may be lost for good because of a limit, so the file stays as it is.
+    if (samples_ > maximumSamples) {
+      throw std::runtime_error("it holds more pictures than can be recovered");
+    }
+    tables.addChunk(run.offset, run.samples);
+    std::uint64_t runEnd = run.offset;
+    for (const MovieSample& sample : run.samples) runEnd += sample.size;
+    end = std::max(end, runEnd);
+  }
+  return end;
+}
+
+// 14496-12, 8.8.6 to 8.8.8, as `fragmentStart` writes them.
+Run Reader::readRun(const BoxPlace& fragment, const BoxPlace& part) {
+  Fields header = fields(child(part, "tfhd"));
+  require(header.next<std::uint32_t>() == 0x20000);
+  const auto track =
+      std::ranges::find(movie_.tracks, header.next<std::uint32_t>(), &StagingTrack::id);
+  require(track != movie_.tracks.end());
+  Fields time = fields(child(part, "tfdt"));
+  require(time.next<std::uint32_t>() == 1 << 24);
+  require(time.next<std::uint64_t>() == track->tables.duration);
+
+  Fields run = fields(child(part, "trun"));
+  require(run.next<std::uint32_t>() == 0x701);
+  const auto count = run.next<std::uint32_t>();
+  const auto dataOffset = run.next<std::uint32_t>();
+  require(count > 0 && run.left() == std::size_t{count} * 12);
+  require(fragment.start + dataOffset >= fragment.end);
+  Run read{&*track, fragment.start + dataOffset, {}};
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const auto duration = run.next<std::uint32_t>();
+    const auto size = run.next<std::uint32_t>();
+    const bool isKeyframe = (run.next<std::uint32_t>() & 0x10000) == 0;
+    require(duration > 0 && size > 0);
+    read.samples.push_back({size, duration, isKeyframe});
+  }
+  return read;
+}
+
+// Drops the samples of the last chunk from the first one on that did not get to the disk whole.
+void Reader::dropTornSamples(MovieTables& tables) const {
+  if (tables.empty()) return;
+  const MovieChunk chunk = tables.chunks.back();
+  const std::size_t first = tables.sizes.size() - chunk.samples;
+  std::size_t whole = first;
+  for (std::uint64_t at = chunk.offset;
+       whole < tables.sizes.size() && isWhole(at, tables.sizes[whole]); ++whole) {
+    at += tables.sizes[whole];
+  }
+  while (tables.sizes.size() > whole) tables.dropLast();
+}
+
+// A power cut may leave a file at its full length with zeros at its end. No NAL unit ends with a
+// zero byte (14496-10, 7.4.1).
+bool Reader::isWhole(std::uint64_t offset, std::uint32_t size) const {
+  if (size > maximumSampleBytes || offset > file_.size || size > file_.size - offset) return false;
+  const Bytes sample = bytes(offset, size);
+  return walkNalUnits(ByteView(sample)).error == NalWalkError::none && sample.back() != 0;
+}
+
+}  // namespace
+
+StagingMovie readStagingMovie(const FileView& file) { return Reader(file).read(); }
+
+}  // namespace lumora

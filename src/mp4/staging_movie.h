@@ -1,0 +1,37 @@
+#pragma once
+
+// Reads the file of a take that nobody finished: what movie_boxes.h writes, cut off at any byte,
+// with any bytes behind it. Reads headers, and of samples only those of the last fragment.
+
+#include <functional>
+
+#include "mp4/movie_boxes.h"
+
+namespace lumora {
+
+// The bytes of a file. `read` fills `space`, which lies within `size`, or throws std::system_error.
+struct FileView {
+  std::uint64_t size = 0;
+  std::function<void(std::uint64_t offset, MutableByteView space)> read;
+};
+
+struct StagingTrack {
+  std::uint32_t id = 0;
+  std::shared_ptr<const FormatDescription> format;
+  MovieTables tables;  // of the samples that lie whole in the file
+};
+
+struct StagingMovie {
+  bool isFinished = false;        // it is an ordinary movie already
+  std::uint64_t placeholder = 0;  // where it lies in the file
+  MovieProperties properties = {};
+  std::vector<StagingTrack> tracks;
+  std::uint64_t frames = 0;  // of the first track, at least one
+  double duration = 0;       // of the first track, seconds
+};
+
+// The tracks are those of the unfinished movie; a finished one has none. Throws std::runtime_error,
+// in words for a person, for a file that can't become a movie.
+StagingMovie readStagingMovie(const FileView& file);
+
+}  // namespace lumora
