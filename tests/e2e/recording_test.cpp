@@ -157,7 +157,7 @@ using Recovery = HelperTest;
 TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   const auto recover = [this] { return client::recoverTakes(folder, helperProgram()); };
   start();
-  startTake({{"resolution", "640x360"}, {"target_fps", 60}});
+  startTake({{"resolution", "640x360"}, {"target_fps", 60}, {"rotation", 90}});
   feedPaced(90, 60, {320, 180});
   waitForTake("recording");
   EXPECT_EQ(recover().at(0).left, "it is still being recorded");
@@ -177,6 +177,7 @@ TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   const Event movie = probe(path);
   EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
   EXPECT_EQ(movie["nb_frames"], std::to_string(take.frames));
+  EXPECT_EQ(movie["side_data_list"][0]["rotation"], -90);
   EXPECT_NEAR(movie["duration_ts"].get<double>() / 60000, take.duration, 1e-4);
   EXPECT_GE(static_cast<int>(take.frames), std::max(frames, 30));
   EXPECT_THROW(client::recoverTakes(folder / "nowhere", helperProgram()), std::runtime_error);

@@ -55,7 +55,7 @@ struct Recovery : testing::Test {
   std::shared_ptr<MovieWriter> write(int samples) const {
     std::string error;
     auto writer = HybridMovies().createWriter(staging, error);
-    writer->startWriting(keySample()->format());
+    writer->startWriting(keySample()->format(), 0);
     for (int i = 0; i < samples; ++i) {
       const auto sample = i % 4 == 0 ? keySample(sampleBytes - 4) : deltaSample(sampleBytes - 4);
       writer->append(*sample, i % 4 == 0, {i * sampleUnits, sampleUnits});
@@ -190,7 +190,7 @@ TEST_F(Recovery, LeavesWhatIsNoInterruptedTake) {
   expectLeft("not a take");
   place(Bytes(1000, 'x'));
   expectLeft("not a take");
-  place(movieStart(*keySample()->format(), 0));
+  place(movieStart(*keySample()->format(), {}));
   expectLeft("no picture");
   place(interrupted(7));
   std::filesystem::last_write_time(staging, std::filesystem::file_time_type::clock::now());
