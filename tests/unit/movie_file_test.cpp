@@ -227,7 +227,7 @@ TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
     for (int failAfter = 0; failAfter <= 16; ++failAfter) {
       Written movie(failAfter);
       for (int i = 0; i < 61; ++i) movie.append(20, i == 0, {i * 1000, 1000});
-      if (failAfter > 9) movie.finish(61000);  // it fails later than the last full fragment
+      if (failAfter >= 9) movie.finish(61000);  // it fails later than the last full fragment
       if (failAfter == 16) continue;
       while (!movie.writer.error()) std::this_thread::yield();
       if (!isForGood) movie.disk->set(movie.disk->failAfter, -1);
@@ -244,8 +244,10 @@ TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
       EXPECT_EQ(isComplete, frames > 0 && !isForGood) << failAfter;
       if (frames == 0) continue;
       const MovieContents read = readMovie(movie.disk->bytes);
-      EXPECT_EQ(read.times.size(), frames) << failAfter;
+      // What was written and not synced is there, too, but not counted.
+      EXPECT_GE(read.times.size(), frames) << failAfter;
       if (isComplete) {
+        EXPECT_EQ(read.times.size(), frames) << failAfter;
         EXPECT_EQ(read.duration, kept.duration) << failAfter;
       }
     }
