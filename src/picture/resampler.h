@@ -9,20 +9,10 @@
 // is read while it is in cache, and only one row is stored in between. Arithmetic is in fixed
 // point, with SIMD chosen at run time.
 
-#include <cstdint>
-#include <vector>
-
+#include "picture/resample_axis.h"
 #include "platform/image.h"
 
 namespace lumora {
-
-// The weights of one axis. Destination position i is the sum of `taps` source positions from
-// `first[i]` on. Their weights, from `weights[i * taps]` on, add up to 1.
-struct ResampleAxis {
-  int taps = 0;
-  std::vector<int> first;
-  std::vector<std::int16_t> weights;  // 1.0 is 1 << 12
-};
 
 // The weights of two neighbouring source rows. For SIMD each is also split (64 × coarse + fine)
 // into signed bytes, with both rows' bytes in one word.
@@ -30,16 +20,6 @@ struct WeightPair {
   std::int16_t exact[2];
   std::int16_t coarse;
   std::int16_t fine;
-};
-
-// The samples along one axis of a plane. Destination sample i lies at source position
-// origin + i × step.
-struct SampleGrid {
-  std::int64_t source = 0;       // samples
-  std::int64_t destination = 0;  // samples
-  double step = 1;
-  double origin = 0;
-  bool operator==(const SampleGrid&) const = default;
 };
 
 struct PlaneGeometry {
