@@ -34,7 +34,8 @@ struct EncoderRun {
     driver->behaviour = behaviour;
     encoders = std::make_shared<SystemEncoders>(
         parseAllowedEncoders(choice), PixelFormat{}, queue, std::make_shared<AsioDispatch>(),
-        PicturePool::make(), [driver = driver](auto&&... all) { return driver->open(all...); });
+        PicturePool::make(),
+        [driver = driver](auto&&... arguments) { return driver->open(arguments...); });
     onQueue([&] { encoders->prepare(tried, take); });
   }
   void onQueue(const Work& call) {
@@ -177,9 +178,9 @@ TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst)
     const auto queue = std::make_shared<ManualQueue>(now);
     const auto encoders = std::make_shared<SystemEncoders>(
         parseAllowedEncoders("software"), PixelFormat{}, queue, dispatch, PicturePool::make(),
-        [&](auto&&... all) {
+        [&](auto&&... arguments) {
           ++opened;
-          return Driver().open(all...);
+          return Driver().open(arguments...);
         },
         [&] { ++trimmed; });
     ManualQueue& opener = *dispatch->queues.at(0);
