@@ -32,7 +32,7 @@ void fuzzStaging(Bytes bytes) try {
     require(size == track.tables.sizes.end());
   }
   const StagingTrack& video = movie.tracks.front();
-  const Bytes tables = movieEnd(*video.format, video.tables, movie.created);
+  const Bytes tables = movieEnd(*video.format, video.tables, movie.properties);
   require(tables.size() <= maximumMovieEndBytes(*video.format, video.tables));
   const Bytes head = wideMediaDataHeader(bytes.size() - movie.placeholder);
   bytes.insert(bytes.end(), tables.begin(), tables.end());

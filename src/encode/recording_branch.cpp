@@ -34,9 +34,8 @@ void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
   RecordingSession& recording = take.recording;
   const PictureSize camera{frame.width, frame.height};
   if (!recording.session) {
-    recording = {.session = compressionSession(movie->sessionSettings()),
-                 .movie = movie,
-                 .camera = camera};
+    recording = {
+        .session = compressionSession(movie->sessionSettings()), .movie = movie, .camera = camera};
   } else if (recording.camera != camera) {
     throw EncoderFailure::message("camera recording dimensions changed during this take");
   }
