@@ -42,7 +42,7 @@ class ChildProcess {
   // A write blocks until the child has taken all bytes. It returns false when the child has closed
   // its input, and then also raises SIGPIPE on the calling thread.
   bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
-  // Writes only the place of the picture when it lies in the memory shared with the child.
+  // Writes only the offset of the picture if it lies in the memory shared with the child.
   bool writeFrame(const Frame& frame, std::uint64_t id);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
@@ -51,7 +51,7 @@ class ChildProcess {
   std::optional<std::string> nextLine(double timeoutSeconds);
   void closeOutput() { output_.reset(); }
 
-  // Whether the child has its input open.
+  // Whether the child has not closed its input.
   bool takesInput() const;
 
   void sendSignal(int signal);

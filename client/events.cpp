@@ -8,7 +8,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Empty for a key that is missing or of another type.
+// The value of `key`. Empty if the key is missing, or the value has another type.
 template <typename Value>
 std::optional<Value> find(const Json& event, const char* key) {
   const auto found = event.find(key);
@@ -17,7 +17,7 @@ std::optional<Value> find(const Json& event, const char* key) {
   return found->template get<Value>();
 }
 
-// A key that is missing or of another type keeps the field as it is.
+// Sets `value`, unless the key is missing or its value has another type.
 template <typename Value>
 void read(const Json& event, const char* key, Value& value) {
   if (auto found = find<Value>(event, key)) value = *std::move(found);

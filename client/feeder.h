@@ -20,13 +20,13 @@ namespace lumora::client {
 class Feeder {
  public:
   explicit Feeder(std::shared_ptr<ChildProcess> helper);
-  // Ends, and waits until the helper has read everything or has closed its input.
+  // Calls `end`, and waits until the helper has read everything or has closed its input.
   ~Feeder();
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
 
-  // Throws std::invalid_argument for a used frame, one without a length, and for an id that is not
-  // above the last.
+  // Throws std::invalid_argument for a frame that was published before or has no length, and for an
+  // id that is not above the last one.
   void write(Frame frame, std::uint64_t id);
   // False when the input has been closed.
   bool write(std::string commandRecord);

@@ -69,7 +69,7 @@ void Frame::copyFrom(std::span<const SourcePlane> picture) {
 
 void Frame::copyFrom(std::span<const std::uint8_t> picture) {
   setLength(picture.size());
-  // As one block: a copy over ranges takes each byte by itself.
+  // Copies one block. std::ranges::copy would copy byte by byte.
   std::memcpy(pixels().data(), picture.data(), picture.size());
 }
 

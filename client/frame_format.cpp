@@ -14,7 +14,7 @@ constexpr PlaneLayout twoBytes[] = {{.sampleBytes = 2}};
 constexpr PlaneLayout twoPlanes[] = {{}, {.sampleBytes = 2, .columns = 2, .rows = 2}};
 constexpr PlaneLayout threePlanes[] = {{}, {.columns = 2, .rows = 2}, {.columns = 2, .rows = 2}};
 
-// In the order of `FrameEncoding`.
+// The layouts are in the order of `FrameEncoding`.
 constexpr std::array<FrameLayout, 10> layouts = {{
     {"rgba", false, fourBytes},
     {"bgra", false, fourBytes},
@@ -28,7 +28,7 @@ constexpr std::array<FrameLayout, 10> layouts = {{
     {"mjpeg"},
 }};
 
-// The tables of a JPEG picture need room even in front of a few pixels.
+// However small a JPEG picture is, its tables need some room.
 constexpr std::size_t leastCompressedRoom = std::size_t{64} << 10;
 
 }  // namespace

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the encodings differ in. All that depends on an encoding asks here. Pure.
+// How the encodings differ. Code that depends on the encoding looks it up here. Pure.
 
 #include <lumora/frame_format.h>
 
@@ -12,7 +12,7 @@ namespace lumora::client {
 struct PlaneLayout {
   std::size_t sampleBytes = 1;
   int columns = 1;  // of pixels that share a sample
-  int rows = 1;     // the same
+  int rows = 1;     // of pixels that share a sample
 
   std::size_t rowBytes(FrameSize size) const {
     return static_cast<std::size_t>(size.width / columns) * sampleBytes;
@@ -22,7 +22,7 @@ struct PlaneLayout {
 
 struct FrameLayout {
   std::string_view word;                     // in TAVO_FRAME_FORMAT
-  bool hasMatrix = false;                    // and a range
+  bool hasMatrix = false;                    // whether it has a matrix and a range
   std::span<const PlaneLayout> planes = {};  // empty: compressed
 
   // The length of a picture varies, so each frame has its own.

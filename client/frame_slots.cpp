@@ -16,7 +16,8 @@ namespace {
 constexpr std::size_t pageBytes = 4096;
 constexpr std::size_t slotBytes = std::size_t{1920} * 1080 * 4;
 static_assert(slotBytes % pageBytes == 0);
-// A signal makes a reservation start again, so each is small enough to end between two timer ticks.
+// A signal interrupts a reservation, which then starts again. So each reservation is small enough
+// to end between two timer ticks.
 constexpr std::size_t reservedAtOnce = std::size_t{256} << 10;
 constexpr std::size_t memoryBytes = pageBytes + FrameSlots::count * slotBytes;
 
@@ -24,7 +25,7 @@ constexpr std::uint64_t offsetOf(int slot) {
   return pageBytes + static_cast<std::uint64_t>(slot) * slotBytes;
 }
 
-// Not open where the system can't seal memory.
+// The descriptor is not open if the system can't seal memory.
 Descriptor makeSealedMemory() {
 #ifdef F_ADD_SEALS
   Descriptor made(memfd_create("lumora-frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -102,7 +103,8 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   return std::nullopt;
 }
 
-// A process that touches shared memory which the system can't provide is ended by a signal.
+// Reserves memory before it is touched. If the system has no memory for a touched page, a signal
+// ends the process.
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen()) return;

@@ -1,7 +1,7 @@
 #pragma once
 
-// Slots that frames are rendered into, each large enough for any frame. When their memory is shared
-// with the helper, pixels need not go through its pipe; docs/protocol.md draws that memory.
+// Slots that frames are rendered into, each large enough for any frame. If their memory is shared
+// with the helper, pixels don't go through its pipe. docs/protocol.md has a drawing of that memory.
 
 #include <lumora/frame.h>
 
@@ -18,10 +18,10 @@ namespace lumora::client {
 // Any thread.
 class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
  public:
-  // One is converted or written, one is encoded where it lies, one waits, one is rendered into.
+  // One is written or converted, one is encoded in place, one waits, and one is rendered into.
   static constexpr int count = 4;
 
-  // Slots in memory that a helper can share; null where the system can't seal memory against
+  // Slots in memory that a helper can share. Null if the system can't seal memory against
   // shrinking.
   static std::shared_ptr<FrameSlots> makeShared(FrameFormat format = {});
   // Slots in private memory. Throws std::bad_alloc.
@@ -33,7 +33,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   const FrameFormat& format() const { return format_; }
   // The descriptor that the helper inherits; -1: the memory is private.
   int descriptor() const { return descriptor_.get(); }
-  // Whether the helper uses the memory, once it is ready. An older helper does not know of it.
+  // Whether the helper uses the memory. Valid once the helper is ready. An older helper never does.
   bool isShared() const { return released() != neverReleased; }
 
   // Touches the memory of a frame of this size in every slot, because the first touch takes several
@@ -47,7 +47,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   static constexpr std::uint64_t neverReleased = ~std::uint64_t{0};
   struct Slot {
     bool isLent = false;
-    std::size_t reserved = 0;       // bytes that the system has promised
+    std::size_t reserved = 0;       // bytes reserved so far
     std::uint64_t publishedAs = 0;  // id of the frame that the helper reads there; 0: none
   };
 
@@ -75,7 +75,7 @@ class Frame::Loan {
   const FrameSlots& from() const { return *from_; }
   std::uint64_t offset() const;
   std::uint8_t* pixels() const { return from_->memory_ + offset(); }
-  // From now on the helper frees the slot, with its release word.
+  // From now on the slot is busy until the helper's release word reaches this id.
   void markPublished(std::uint64_t id) { publishedAs_ = id; }
 
  private:

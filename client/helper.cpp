@@ -23,7 +23,7 @@ namespace lumora::client {
 namespace {
 
 constexpr double secondsToBecomeReady = 10;
-// With a take to finish a helper ends within 2 s of being asked to.
+// A helper that has to finish a take first ends within 2 s.
 constexpr double secondsToEnd = 2.5;
 constexpr double aDay = 86400;
 
@@ -64,7 +64,7 @@ std::string describe(const Exited& end) {
   return end.status < 0 ? "an unknown status" : "status " + std::to_string(end.status);
 }
 
-// Appends every event until then to `said`.
+// Waits for "ready", and appends all events up to it to `said`.
 Ready awaitReady(ChildProcess& process, std::vector<Event>& said) {
   const Deadline deadline(secondsToBecomeReady);
   std::string problem;
@@ -175,7 +175,7 @@ class Helper::Impl {
   Ready prepareAndAwaitReady(const std::optional<FrameSize>& size) {
     try {
       if (size) slots_->prepare(*size);
-    } catch (const std::bad_alloc&) {  // what the application needs later may still be there
+    } catch (const std::bad_alloc&) {  // there may be enough memory later
     }
     return awaitReady(*process_, saidFirst_);
   }
@@ -195,8 +195,8 @@ class Helper::Impl {
     over_.notify_all();
   }
 
-  // The output has closed, so the helper has ended or is about to. `stop` must not signal it while
-  // its status is collected, since its id may belong to another process afterwards.
+  // The output has closed, so the helper has ended or is about to. `stop` must not send a signal
+  // while the status is collected, since the id may belong to another process afterwards.
   Exited awaitEnd() {
     for (;;) {
       {
@@ -227,7 +227,7 @@ class Helper::Impl {
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;
 
-  mutable std::mutex mutex_;  // guards the next two, and the collecting of the status
+  mutable std::mutex mutex_;  // guards `isOver_`, `exit_`, and collecting the status
   std::condition_variable over_;
   bool isOver_ = false;  // the last event has been handled
   std::optional<Exited> exit_;

@@ -20,14 +20,14 @@ using RecordHeaderBytes = std::array<std::uint8_t, 16>;
 RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
                                std::uint64_t id);
 
-// The header in front of a picture of this length, or of RGBA pixels. Ids start above 0 and grow.
+// The header of a picture with this length, or of an RGBA picture. Ids are above 0 and grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length);
 inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
   return frameHeader(size, id, size.rgbaBytes());
 }
 
-// The whole record of a frame whose picture lies at `offset` of the memory shared with the helper.
-// A compressed one tells its length.
+// The whole record of a frame whose picture is at `offset` in the memory shared with the helper.
+// A compressed picture needs `length`.
 std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset,
                                          std::optional<std::uint64_t> length = std::nullopt);
 

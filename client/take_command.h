@@ -11,8 +11,8 @@ namespace lumora::client {
 
 std::string randomTakeID();  // a UUID
 
-// Both throw std::invalid_argument for a time that the helper refuses, `startCommand` also for a
-// path that fits into no command.
+// Both throw std::invalid_argument for a time that the helper refuses. `startCommand` also does for
+// a path that is too long or not UTF-8.
 std::string startCommand(const std::string& id, const TakeOptions& options, double startedAt);
 std::string stopCommand(const std::string& id, double stoppedAt);
 

@@ -8,7 +8,7 @@
 
 namespace lumora::client {
 
-// What the handles of a take and its helper share. Any thread.
+// The state of a take, shared by the copies of `Take` and by its helper. Any thread.
 class Take::State {
  public:
   using Send = std::function<void(const std::string& command)>;  // JSON text

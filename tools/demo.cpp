@@ -3,8 +3,8 @@
 //
 //   lumora-demo HELPER OUTPUT-FOLDER [SECONDS]
 //
-// In the environment INPUT may name a video file or a camera, and FRAMES how frames reach the
-// helper: "memory" or "pipe".
+// The environment variable INPUT may name a video file or a camera. FRAMES says how frames reach
+// the helper: "memory" or "pipe".
 
 #include <cstdio>
 #include <cstdlib>
@@ -54,7 +54,7 @@ void showTable(const tools::RunReport& report) {
               static_cast<unsigned long long>(report.take.throttled), report.take.error.c_str());
 }
 
-// One picture of a video, which ffmpeg's filter makes.
+// Writes one picture of a video. `filter` is that of ffmpeg.
 void makePicture(const std::string& video, const std::string& filter, const std::string& picture) {
   const std::string errors = tools::outputOf(
       "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(video) + " -vf " +
@@ -86,7 +86,7 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
 
   const auto middle = std::to_string(report.deliveries.size() / clients / 2);
   makePicture(preview, "select=gte(n\\," + middle + ")", previewPicture);
-  const auto rate = std::to_string(12 / seconds);  // for twelve pictures of the take on one sheet
+  const auto rate = std::to_string(12 / seconds);  // twelve pictures of the take on one sheet
   makePicture(movie, "fps=" + rate + ",scale=360:-2,tile=4x3", sheet);
   std::printf("\n  frames went through %s\n  %s, %s, %s and %s written\n",
               report.transport == client::FrameTransport::memory ? "shared memory" : "the pipe",

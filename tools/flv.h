@@ -1,7 +1,7 @@
 #pragma once
 
-// H.264 as FLV, which carries it as the helper's packets have it: NAL units behind their lengths.
-// Adobe Flash Video File Format, version 10.1, annex E. Pure.
+// H.264 as FLV. Like the helper's packets, FLV has NAL units after their lengths. Adobe Flash Video
+// File Format, version 10.1, annex E. Pure.
 
 #include <cstdint>
 #include <vector>
@@ -10,11 +10,11 @@
 
 namespace lumora::tools {
 
-// What stands before the first tag.
+// The bytes before the first tag.
 std::vector<std::uint8_t> flvHeader();
 
-// The packet as a tag. For a configuration that is the decoder's configuration record. Throws
-// std::runtime_error on a malformed one.
+// The packet as a tag. A configuration becomes the decoder's configuration record. Throws
+// std::runtime_error if it is malformed.
 std::vector<std::uint8_t> flvTag(const client::Packet& packet, std::uint32_t milliseconds);
 
 }  // namespace lumora::tools

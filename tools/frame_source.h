@@ -8,8 +8,8 @@
 
 namespace lumora::tools {
 
-// What the pictures of ffmpeg are: 4:2:0, as most cameras have them, so that nothing turns them
-// into RGB and back.
+// The format of pictures from ffmpeg: 4:2:0, as from most cameras, so that nothing converts them to
+// RGB and back.
 inline constexpr client::FrameFormat nv12BT709{.encoding = client::FrameEncoding::nv12,
                                                .matrix = client::ColourMatrix::bt709};
 
@@ -20,7 +20,7 @@ class FrameSource {
  public:
   virtual ~FrameSource() = default;
   virtual client::FrameSize size() const = 0;
-  // What a helper has to be told of the frames; empty: RGBA, the bottom row first.
+  // The format of the frames; by default RGBA, the bottom row first.
   virtual client::FrameFormat format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }

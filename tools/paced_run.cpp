@@ -63,7 +63,7 @@ class Run {
       }
     }
     if (number == 1) throw std::runtime_error("the source gave no frame");
-    waitFor(number);  // a take that stops now would leave the last frame out
+    waitFor(number);  // if the take stopped now, it would leave the last frame out
     if (take_) take_->stop();
     const std::lock_guard hold(mutex_);
     report_.fedSeconds = millisecondsSince(begun_) / 1000;
@@ -141,7 +141,7 @@ class Run {
     return static_cast<double>(number - 1) / options_.framesPerSecond;
   }
 
-  // Waits until the frame of this number is due. How late that was, in milliseconds.
+  // Waits until the frame of this number is due. Returns how late it woke, in milliseconds.
   double waitFor(std::uint64_t number) const {
     const auto due = begun_ + std::chrono::duration_cast<SteadyClock::duration>(
                                   std::chrono::duration<double>(secondsAt(number)));

@@ -29,7 +29,7 @@ struct RunReport {
   client::FrameTransport transport = {};  // the one in use
   double readyMilliseconds = 0;           // from the start of the helper
   std::uint64_t fed = 0;                  // calls of `Helper::writeFrame`
-  client::FrameCounts frames = {};        // what became of them
+  client::FrameCounts frames = {};        // how many were written and dropped
   std::vector<Delivery> deliveries = {};  // to all clients
   std::uint64_t bytes = 0;                // of those packets
   client::Stats stats = {};               // the latest

@@ -42,7 +42,7 @@ std::string outputOf(const std::string& command) {
   return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
 
-// Each frame keeps its own time: rounded to a guessed rate, some would get the same one.
+// Frames keep their own times. At a guessed frame rate, some would be rounded to the same time.
 std::string decodeErrors(const std::string& path) {
   return outputOf("ffmpeg -v error -xerror -nostdin -i " + shellQuoted(path) +
                   " -fps_mode passthrough -enc_time_base -1 -f null -");

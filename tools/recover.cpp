@@ -1,5 +1,5 @@
-// Finishes the takes that a crash or a power cut has interrupted: those named, and all in the
-// folders named. Tells of each in a line.
+// Finishes takes that a crash or a power cut has interrupted: the named ones, and all in the named
+// folders. Prints a line for each.
 
 #include <cerrno>
 #include <cstdio>

@@ -92,7 +92,7 @@ class Soak {
     return choices[std::uniform_int_distribution<std::size_t>(0, std::size(choices) - 1)(random_)];
   }
 
-  // As fast as frames are drawn, which is faster than the helper takes large ones.
+  // Feeds frames as fast as they are drawn. That is faster than the helper encodes large ones.
   void feed(tools::TestCard& card, const std::stop_token& stop) {
     for (; !stop.stop_requested(); pauseFor(0.001)) {
       ++lastID_;
@@ -119,7 +119,7 @@ class Soak {
     viewer.sayHello(helper_.token());
     std::ofstream file(path, std::ios::binary);
     std::size_t bytes = 0;
-    std::vector<std::uint8_t> access;  // a frame and the configuration in front of it
+    std::vector<std::uint8_t> access;  // a frame and the configuration before it
     const auto keep = [&](const client::Packet& packet) {
       const auto units = client::toAnnexB(packet);
       access.insert(access.end(), units.begin(), units.end());

@@ -4,9 +4,9 @@
 //                                   [--patience SECONDS]
 //
 // h264 is Annex B, without times. In flv the time of a frame is its id, if ids are capture times
-// (microseconds, see docs/protocol.md), or else its arrival; --times decides instead. A frame is
-// acknowledged once it is written, so a slow reader gets fewer frames. When the stream breaks off
-// the tap retries, and gives up after ten seconds (or SECONDS) without a packet.
+// (microseconds, see docs/protocol.md), else its arrival time. --times overrides this. A frame is
+// acknowledged once it is written, so a slow reader gets fewer frames. If the stream breaks off,
+// the tap retries. It gives up after ten seconds (or SECONDS) without a packet.
 
 #include <algorithm>
 #include <cerrno>
@@ -33,7 +33,7 @@ using client::Packet;
 struct Options {
   tools::HelperAddress helper;
   bool flv = false;
-  std::optional<bool> timesFromIDs = {};  // empty: if they are times
+  std::optional<bool> timesFromIDs = {};  // empty: only if ids are times
   double patience = 10;                   // seconds
 };
 
@@ -44,7 +44,7 @@ class Output {
     if (options_.flv) write(tools::flvHeader());
   }
 
-  // The next packets may come from another helper, whose ids mean something else.
+  // The next packets may come from another helper, whose ids may mean something else.
   void streamBegan() { fromIDs_.reset(); }
 
   void write(const Packet& packet) {
@@ -67,7 +67,7 @@ class Output {
     }
   }
 
-  // Since the first frame; never less than before.
+  // The time since the first frame. It never decreases.
   std::uint32_t millisecondsOf(std::uint64_t frameID) {
     constexpr double oldest = 60;  // seconds; an id that is further back is not a time
     const double now = client::uptime();
@@ -112,7 +112,7 @@ bool applyOption(std::string_view name, std::string_view value, Options& options
 
 std::optional<Options> parseOptions(const std::vector<std::string_view>& arguments) {
   Options options;
-  std::vector<std::string_view> named;  // by their place
+  std::vector<std::string_view> named;  // PORT and HOST
   for (auto word = arguments.begin(); word != arguments.end(); ++word) {
     if (!word->starts_with("--")) {
       named.push_back(*word);

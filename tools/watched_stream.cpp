@@ -23,7 +23,7 @@ std::string WatchedStream::watch(const std::stop_token& stop, double patience) {
   }
 }
 
-// One connection, until it ends: why it did.
+// Watches one connection until it ends. Returns why it ended.
 std::string WatchedStream::watchOnce(const std::stop_token& stop) {
   const std::string place = from_.host + ", port " + std::to_string(from_.port);
   try {
@@ -34,7 +34,7 @@ std::string WatchedStream::watchOnce(const std::stop_token& stop) {
   } catch (const std::system_error& error) {
     return "There is no helper at " + place + " (" + error.what() + ").";
   }
-  bool connected = false;  // the helper closes a connection that it does not admit, without a word
+  bool connected = false;  // stays false if the helper does not admit us: it just closes
   while (!stop.stop_requested() && !stream_->isClosed()) {
     std::optional<client::Packet> packet;
     try {

@@ -13,7 +13,7 @@ struct HelperAddress {
   std::string token = {};
 };
 
-// A helper's stream, connected again whenever it breaks off.
+// A helper's stream, which is connected again whenever it breaks off.
 class WatchedStream {
  public:
   // Called on the thread that watches.
@@ -25,8 +25,9 @@ class WatchedStream {
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested, or no connection has brought packets for `patience` seconds.
-  // Retries every 250 ms. Returns why the last one ended. Throws what the handlers throw.
+  // Watches until `stop` is requested, or until retries have brought no packets for `patience`
+  // seconds. Retries every 250 ms. Returns why the last connection ended. Throws what the handlers
+  // throw.
   std::string watch(const std::stop_token& stop, double patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
@@ -36,7 +37,7 @@ class WatchedStream {
 
   const HelperAddress from_;
   const Handlers handlers_;
-  double lastReceived_ = 0;  // uptime at which a stream last brought packets, or of the start
+  double lastReceived_ = 0;  // uptime at which a stream last had packets, or of the start
   std::mutex mutex_;         // guards the exchange of `stream_`
   std::optional<client::StreamClient> stream_;
 };

@@ -44,7 +44,7 @@ int main(int argc, char** argv) try {
       helper.publish(*std::move(frame), frameID(uptime()));
     }
   }
-  std::this_thread::sleep_until(start + pictures * interval);  // so that the last picture counts
+  std::this_thread::sleep_until(start + pictures * interval);  // keeps the last picture in the take
   take.stop();
   const Recording end = take.waitForEnd(10).value();
   std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration, end.error.c_str());

@@ -2,7 +2,7 @@
 //
 //   v4l2 DEVICE FOLDER [SECONDS]
 //
-// This was compiled, and run with a stand-in that answers its calls. It was not run with a camera.
+// This was compiled. It was run with a stand-in for a camera's driver, but not with a camera.
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
@@ -33,7 +33,7 @@ v4l2_buffer bufferOf(std::uint32_t index) {
   return buffer;
 }
 
-// A driver answers with the nearest that it has.
+// A driver chooses the nearest format that it has.
 v4l2_pix_format choosePicture(int device) {
   for (const std::uint32_t wanted : {V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG}) {
     v4l2_format answer{};
@@ -41,14 +41,14 @@ v4l2_pix_format choosePicture(int device) {
     answer.fmt.pix.width = 1280;
     answer.fmt.pix.height = 720;
     answer.fmt.pix.pixelformat = wanted;
-    answer.fmt.pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;  // we read the fields behind it
+    answer.fmt.pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;  // we read the fields after it
     const bool isTaken = ioctl(device, VIDIOC_S_FMT, &answer) == 0;
     if (isTaken && answer.fmt.pix.pixelformat == wanted) return answer.fmt.pix;
   }
   throw std::runtime_error("the camera has neither NV12 nor YUYV nor JPEG pictures");
 }
 
-// Where the driver does not say what the samples mean, the kernel's defaults hold.
+// If the driver does not say what the samples mean, the kernel's defaults apply.
 FrameFormat formatOf(const v4l2_pix_format& picture) {
   if (picture.pixelformat == V4L2_PIX_FMT_MJPEG) return {FrameEncoding::mjpeg};
   std::uint32_t matrix = picture.ycbcr_enc, range = picture.quantization;

@@ -26,7 +26,7 @@ constexpr std::string_view listenerFailed =
     "{\"type\":\"error\",\"message\":\"video listener initialization failed\"}\n";
 
 [[noreturn]] void endWith(std::string_view line) {
-  // A parent that misses the line still has the exit status.
+  // A parent that does not get the line still gets the exit status.
   [[maybe_unused]] const ssize_t ignored = write(STDOUT_FILENO, line.data(), line.size());
   _exit(1);
 }
@@ -82,7 +82,7 @@ void startService(const std::vector<std::string>& arguments,
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGALRM, SIG_IGN);  // of an inherited timer; the watchdog installs its own handler
+  std::signal(SIGALRM, SIG_IGN);  // a timer may be inherited; the watchdog has its own handler
   std::signal(SIGXFSZ, SIG_IGN);  // a file that is too large fails the take, not the process
   unblockSignals();
   makeOutputNonBlocking();

@@ -112,7 +112,7 @@ void VideoEncoder::emit(const Json& event) {
   if (!line) return;
   const auto* text = reinterpret_cast<const std::uint8_t*>(line->data());
   const ssize_t written = platform.process->writeOutput({text, line->size()});
-  // We never wait for the parent to read: when the pipe is full the line, or its rest, is lost.
+  // We never wait for the parent to read. If the pipe is full, the line or its rest is lost.
   const bool broken = written < 0 && written != -EAGAIN && written != -EWOULDBLOCK;
   if (broken && running) shutdown(0);
 }

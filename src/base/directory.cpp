@@ -10,8 +10,8 @@
 namespace lumora {
 namespace {
 
-// For file systems that can't rename without replacing. A hard link is never made over an existing
-// name. Without hard links we look first, and another program may take the name before the rename.
+// For file systems whose rename can't refuse an existing name. A hard link never replaces a file.
+// Without hard links we check first, but another program may take the name before the rename.
 bool moveWithoutRename2(const char* from, const char* to) {
   if (link(from, to) == 0) {
     unlink(from);  // if this fails the file has both names, which does no harm

@@ -24,11 +24,11 @@ bool isTooLarge(const std::string& token) {
   return false;
 }
 
-// Outside strings, numbers that a double can't hold become 1e308 or -1e308.
+// Replaces numbers that a double can't hold with 1e308 or -1e308. Strings stay as they are.
 std::string withLimitedNumbers(std::string_view text) {
   std::string result;
   for (std::size_t i = 0; i < text.size();) {
-    // A token ends behind a number, a string or any other character.
+    // A token is a number, a string or any other character.
     std::size_t end = std::max(text.find_first_not_of("+-.0123456789Ee", i), i + 1);
     if (text[i] == '"') {
       while (end < text.size() && text[end] != '"') end += text[end] == '\\' ? 2 : 1;
@@ -45,7 +45,7 @@ std::string withLimitedNumbers(std::string_view text) {
 
 std::optional<Json> parseJson(ByteView bytes) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  if (text.find('\0') != std::string_view::npos) return std::nullopt;  // to the parser, an end
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;  // the parser would end there
   Json value = parse(text);
   // JSON's numbers have no limit, but the parser refuses those that a double can't hold.
   if (value.is_discarded()) value = parse(withLimitedNumbers(text));

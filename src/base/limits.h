@@ -1,6 +1,6 @@
 #pragma once
 
-// The limits and timeouts of the service as a whole. Those of one format or rule stand in its file.
+// The limits and timeouts of the service as a whole. Those of one format or rule are in its file.
 
 #include <chrono>
 #include <cstddef>
@@ -16,7 +16,7 @@ constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error te
 constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 
 constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not yet handled
-constexpr std::chrono::seconds commandSlotTimeout{2};  // the longest wait for one to be handled
+constexpr std::chrono::seconds commandSlotTimeout{2};  // how long the reader waits for a free slot
 
 constexpr std::size_t maximumAuthenticatedPeers = 2;
 constexpr std::size_t maximumWaitingPeers = 4;          // accepted, no "hello" yet

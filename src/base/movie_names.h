@@ -14,7 +14,7 @@ bool isUUID(const std::string& text);
 std::string stagingPath(const std::string& path, const std::string& id);
 std::string recoveryPath(const std::string& path, const std::string& id);
 
-// The recovery path for a file of this staging path; nothing if it is none.
+// The recovery path for a file of this staging path; nothing for any other path.
 std::optional<std::string> recoveryPathOf(const std::string& staging);
 
 }  // namespace lumora

@@ -16,7 +16,7 @@ template <typename Step>
 void bestEffort(Step step) {
   try {
     step();
-  } catch (const std::exception&) {  // we do without it
+  } catch (const std::exception&) {  // the step is optional
   }
 }
 

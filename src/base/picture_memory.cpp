@@ -9,7 +9,7 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t cacheLine = 64;
-// Between two frames, two raw frames and the buffers of both sessions are idle.
+// While no frame is in flight, two raw frames and one buffer of each session are idle.
 constexpr std::size_t maximumIdle = 4;
 constexpr std::size_t largestIdle = std::size_t{16} << 20;  // bytes; larger pictures are freed
 

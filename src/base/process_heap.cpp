@@ -48,7 +48,7 @@ void keepFreedMemory() {
 
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop) {
   std::vector<std::unique_ptr<std::uint8_t, Free>> blocks;
-  std::mutex unshared;  // for the condition variable, whose wait ends at once when stopped
+  std::mutex unshared;  // the condition variable needs one; a stop ends its wait at once
   std::condition_variable_any stopped;
   std::unique_lock hold(unshared);
   for (std::size_t touched = 0; touched < bytes; touched += blockBytes) {

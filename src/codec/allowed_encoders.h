@@ -10,11 +10,11 @@ constexpr const char* softwareEncoder = "libx264";
 // Which encoders the user allows.
 struct AllowedEncoders {
   std::vector<std::string> hardware;  // names of libavcodec's encoders, best first
-  bool software = false;              // until hardware is found, and where it refuses
+  bool software = false;              // used until hardware is found, and if hardware refuses
   std::string preset = {};            // of the software encoder; empty: our own settings
 };
 
-// `text` is auto (hardware where there is one, else software), hardware, software, or the name of a
+// `text` is auto (hardware if there is any, else software), hardware, software, or the name of a
 // libavcodec encoder. An empty text means auto. A preset may follow: "software:ultrafast". Pure.
 AllowedEncoders parseAllowedEncoders(const std::string& text);
 

@@ -26,7 +26,7 @@ OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
   return {AVERROR_EXTERNAL};
 }
 
-// A driver that hangs keeps its thread, and we go on without it.
+// If a driver hangs, its thread is left behind.
 OpenedEncoder openInTime(const EncoderFactory& open, const AVCodec& codec,
                          const EncoderSettings& settings, int pictures) {
   if (!isHardware(codec)) return openNow(open, codec, settings, pictures);

@@ -16,11 +16,11 @@ constexpr std::chrono::seconds longestOpening{1};
 using EncoderFactory = std::function<Status(const AVCodec&, const EncoderSettings&,
                                             std::unique_ptr<LibavEncoder>& encoder)>;
 
-// An encoder, or the AVERROR for which there is none.
+// An open encoder, or the AVERROR that explains why there is none.
 struct OpenedEncoder {
   Status status = 0;
   std::unique_ptr<LibavEncoder> encoder = {};
-  bool isSubstitute = false;  // for the codec that was requested
+  bool isSubstitute = false;  // of another codec than the requested one
 };
 
 // Whether a device driver encodes. Drivers may hang, refuse a session or a size, and limit how many

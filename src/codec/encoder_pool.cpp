@@ -17,7 +17,7 @@ void EncoderPool::openAhead(const AVCodec& codec, const EncoderSettings& setting
     replaced = std::exchange(next, ahead);
   }
   opener_->async([weak = weak_from_this(), ahead, replaced, pictures] {
-    resultOf(replaced);  // first closes it, so that the new one can reuse its memory
+    resultOf(replaced);  // closes it first, so that the new one can reuse its memory
     if (const auto self = weak.lock()) self->openIfWanted(ahead, pictures);
   });
 }
@@ -52,7 +52,7 @@ OpenedEncoder EncoderPool::acquire(const EncoderRequest& request, const std::sto
   OpenedEncoder opened = resultOf(std::exchange(ahead, nullptr));
   if (opened.encoder) return opened;
   opened = openInTime(open_, *codec, settings, 0);
-  // After a timeout nothing is closed: a driver that hangs would also hang in closing.
+  // After a timeout nothing is closed, since a driver that hangs would also hang in closing.
   const bool isRefused = opened.status != 0 && opened.status != AVERROR(ETIMEDOUT);
   if (isRefused && isHardware(*codec)) {
     hold.lock();

@@ -1,8 +1,8 @@
 #pragma once
 
-// Gives sessions their encoders. Opening one takes part of a frame's time. So one of each kind can
-// be opened ahead, on the opener's queue, and the encoder of a session that ended is kept for the
-// next one. Any thread.
+// Gives sessions their encoders. Opening an encoder takes time that frames need. So one of each
+// kind can be opened ahead, on the opener's queue. The encoder of a session that ended is kept for
+// the next session. Any thread.
 
 #include <array>
 #include <atomic>
@@ -19,29 +19,29 @@ namespace lumora {
 // The encoder that a session asks for.
 struct EncoderRequest {
   const AVCodec* codec = nullptr;
-  const AVCodec* substitute = nullptr;  // if `codec` refuses the session; null: the session fails
+  const AVCodec* substitute = nullptr;  // used if `codec` refuses; null: the session fails then
   EncoderSettings settings;
 };
 
 class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
  public:
-  // Seconds from the last opening ahead or release until unused encoders and memory are freed. A
-  // running take puts that off.
+  // Unused encoders and memory are freed so many seconds after the last opening ahead or release,
+  // but not while a take runs.
   static constexpr double idleBeforeTrim = 60;
 
   EncoderPool(EncoderFactory open, std::shared_ptr<SerialQueue> opener, std::function<void()> trim)
       : open_(std::move(open)), opener_(std::move(opener)), trim_(std::move(trim)) {}
 
-  // Opens an encoder in the background for the next session of these settings, and has it encode
-  // some grey `pictures`. Replaces the one that was opened ahead for the same kind of session.
+  // Opens an encoder in the background for the next session with these settings, and has it encode
+  // some grey `pictures`. Replaces the encoder that was opened ahead for this kind of session.
   void openAhead(const AVCodec& codec, const EncoderSettings& settings, int pictures);
   // Keeps an open encoder for the next session, unless one was opened ahead for that session.
   void keep(const AVCodec& codec, const EncoderSettings& settings, OpenedEncoder opened);
 
-  // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait ends
-  // after a second. If hardware refuses, asks it again once stopped sessions have released their
-  // encoders and those opened ahead are closed, then opens the substitute. AVERROR_EXIT for a
-  // session that was stopped before it, or while it waited for other sessions.
+  // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait takes a
+  // second at most. If hardware refuses, waits for the encoders of stopped sessions, closes those
+  // opened ahead, and asks again; then opens the substitute. AVERROR_EXIT if the session is stopped
+  // before the call, or while it waits for other sessions.
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
   // A session was stopped. Its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);
@@ -49,12 +49,12 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   void release(const EncoderRequest& request, OpenedEncoder opened);
 
  private:
-  // An encoder for the next session of its kind. The opener opens it unless a session takes it out
-  // of its slot first; that session opens its own.
+  // An encoder for the next session of its kind. The opener opens it. If a session takes it out of
+  // its slot before that, the session opens its own.
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;
-    bool isBegun;  // whether its opening has begun; final once out of its slot
+    bool isBegun;  // whether its opening has begun; does not change outside the slot
     std::promise<OpenedEncoder> opened = {};
 
     bool isFor(const AVCodec& wanted, const EncoderSettings& by) const {

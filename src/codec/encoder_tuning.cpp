@@ -16,14 +16,14 @@ namespace {
 
 using CodecOptions = std::vector<std::pair<std::string, std::string>>;
 
-// A second slice thread pays from twice this size on. A third one only waits for a core.
+// A second slice thread helps from twice this size on. A third one only waits for a core.
 constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 
-// One frame is in flight at a time, so the slowest frames decide what is dropped. These are the
-// ones that both sessions encode as key frames. The table is of a preview and a 1920×1080 take
+// One frame is in flight at a time, so the slowest frames decide what is dropped. The slowest are
+// those that both sessions encode as key frames. The table shows a preview and a 1920×1080 take
 // together on two cores: milliseconds per frame (medians of five rounds of 240 frames, both
-// encoders fed ready pictures), and the take's SSIM.
+// encoders fed with ready pictures), and the take's SSIM.
 //
 //                        CPU   latency   of a key frame   SSIM
 //   ultrafast            16.3    11.3         12.8        0.9405
@@ -34,7 +34,7 @@ constexpr int maximumSliceThreads = 2;
 //   superfast            22.3    13.6         27.8        0.9594
 CodecOptions x264Options(bool high, const std::string& preset) {
   const bool ours = preset.empty();
-  // These presets make a High stream only with 8×8 transforms.
+  // With these presets the stream has the High profile only with 8×8 transforms.
   std::string parameters = high ? "8x8dct=1" : "8x8dct=0";
   if (ours) parameters += ":subme=1:no-deblock=0";
   return {{"preset", ours ? "ultrafast" : preset},
@@ -42,7 +42,7 @@ CodecOptions x264Options(bool high, const std::string& preset) {
           {"profile", high ? "high" : "baseline"},
           {"x264-params", parameters},
           {"forced-idr", "1"},
-          // No key frames at cuts: those on request and by interval are enough, and each is a peak.
+          // No key frames at cuts. Those on request and by interval are enough, and each is slow.
           {"sc_threshold", "0"}};
 }
 
@@ -62,7 +62,7 @@ CodecOptions lowLatencyOptions(const std::string& codec, const std::string& pres
   if (codec == "h264_qsv") {
     return {{"profile", profile}, {"async_depth", "1"}, {"forced_idr", "1"}};
   }
-  // A larger depth holds pictures back.
+  // A larger depth delays pictures.
   if (codec == "h264_vaapi") return {{"profile", constrained}, {"async_depth", "1"}};
   return {};
 }
@@ -86,7 +86,7 @@ void configure(AVCodecContext& context, ColourMatrix matrix, const EncoderSettin
   context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_CLOSED_GOP;
   context.thread_type = FF_THREAD_SLICE;
   context.thread_count = sliceThreads(settings);
-  // Cameras deliver sRGB, whichever matrix makes luma and chroma of it.
+  // Cameras deliver sRGB colours, with either matrix.
   context.color_primaries = AVCOL_PRI_BT709;
   context.color_trc = AVCOL_TRC_IEC61966_2_1;
   context.colorspace = matrix == ColourMatrix::bt601 ? AVCOL_SPC_SMPTE170M : AVCOL_SPC_BT709;

@@ -9,8 +9,8 @@
 
 namespace lumora {
 
-// Sets everything about `context` but its pixel format, before it is opened: 0 or an AVERROR. An
-// empty `preset` of the software encoder stands for our own settings.
+// Sets everything about `context` except its pixel format, before it is opened: 0 or an AVERROR.
+// With an empty `preset` the software encoder gets our own settings.
 Status tune(AVCodecContext& context, const std::string& preset, ColourMatrix matrix,
             const EncoderSettings& settings);
 

@@ -24,8 +24,8 @@ PixelLayout layoutOf(AVPixelFormat format) {
   return format == AV_PIX_FMT_NV12 ? PixelLayout::nv12 : PixelLayout::i420;
 }
 
-// The formats to try. 4:2:0 in system memory comes first, above all that of the frames; VAAPI takes
-// NV12 through an upload. V4L2 lists no formats: only opening it shows which one its driver takes.
+// The formats to try. 4:2:0 in system memory comes first, if possible in the layout of the frames.
+// NV12 is uploaded for VAAPI. V4L2 lists no formats: only opening shows which one its driver takes.
 std::vector<AVPixelFormat> inputFormats(const AVCodec& codec, PixelLayout frames) {
   const auto accepted = pixelFormats(codec);
   if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
@@ -37,7 +37,7 @@ std::vector<AVPixelFormat> inputFormats(const AVCodec& codec, PixelLayout frames
   return {};
 }
 
-// Has `frame` hold on to `owner`, whose `memory` it shows.
+// Makes `frame` keep `owner` alive. `owner` owns `memory`, which `frame` refers to.
 template <typename Owner>
 Status holdOnto(AVFrame& frame, std::uint8_t* memory, std::size_t size, Owner owner, int flags) {
   auto held = std::make_unique<Owner>(std::move(owner));
@@ -48,7 +48,7 @@ Status holdOnto(AVFrame& frame, std::uint8_t* memory, std::size_t size, Owner ow
   return 0;
 }
 
-// Has `frame` show `planes`.
+// Makes `frame` refer to `planes`.
 void setPlanes(AVFrame& frame, std::span<const PlaneView> planes) {
   for (std::size_t i = 0; i < planes.size(); ++i) {
     frame.data[i] = const_cast<std::uint8_t*>(planes[i].samples);
@@ -56,7 +56,7 @@ void setPlanes(AVFrame& frame, std::span<const PlaneView> planes) {
   }
 }
 
-// Gives `frame`, whose format and size are set, planes in memory for pictures.
+// Gives `frame` planes in picture memory. Its format and size must be set.
 Status usePictureMemory(AVFrame& frame, PicturePool& pictures) {
   const PixelLayout layout = layoutOf(static_cast<AVPixelFormat>(frame.format));
   const PictureSize size{frame.width, frame.height};
@@ -136,8 +136,8 @@ Status LibavEncoder::allocatePicture() {
   return usePictureMemory(*picture_, *pictures_);
 }
 
-// Whether the encoder can read the picture where it lies. A driver may want other rows, or keep the
-// picture. An upload copies it, but may not take negative strides.
+// Whether the encoder can read the picture where it lies. A driver may need other strides, or read
+// the picture later. An upload copies the picture at once, but may refuse negative strides.
 bool LibavEncoder::canBorrow(const PictureView& picture) const {
   if (picture.format.fullRange ||
       picture.format.layout != layoutOf(static_cast<AVPixelFormat>(picture_->format))) {
@@ -160,7 +160,7 @@ Status LibavEncoder::borrow(std::shared_ptr<PixelBuffer> buffer) {
 }
 
 Status LibavEncoder::copy(const PictureView& picture) {
-  // An encoder that still reads the last picture keeps its memory; the next one gets new memory.
+  // If the encoder still reads the last picture, the next one gets new memory.
   if (av_frame_is_writable(picture_.get()) == 0) {
     const Status status = allocatePicture();
     if (status < 0) return status;
@@ -230,7 +230,7 @@ Status LibavEncoder::encodeGrey(int pictures) {
   return status;
 }
 
-// Parameter sets travel in the format description. Access unit delimiters are dropped.
+// Parameter sets go into the format description. Access unit delimiters are dropped.
 std::shared_ptr<const EncodedSample> LibavEncoder::makeSample(ByteView stream) {
   Bytes data;
   data.reserve(stream.size() + 64);
@@ -252,7 +252,7 @@ ColourDescription LibavEncoder::colour() const {
           context_->color_range == AVCOL_RANGE_JPEG};
 }
 
-// Whether `unit` is a parameter set. One that differs from the last makes a new format.
+// Whether `unit` is a parameter set. A set that differs from the last one makes a new format.
 bool LibavEncoder::takeParameterSet(ByteView unit) {
   const NalType type = nalType(unit[0]);
   const bool sequence = type == NalType::sequenceParameterSet;

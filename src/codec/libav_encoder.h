@@ -13,7 +13,7 @@ namespace lumora {
 
 class LibavEncoder {
  public:
-  // 0 or an AVERROR. An empty `preset` of the software encoder stands for our own settings.
+  // 0 or an AVERROR. With an empty `preset` the software encoder gets our own settings.
   // `frames` is the format of most pictures to come.
   static Status open(const AVCodec& codec, const std::string& preset, const PixelFormat& frames,
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
@@ -26,7 +26,7 @@ class LibavEncoder {
                 std::shared_ptr<const EncodedSample>& sample);
 
   // Encodes grey pictures: a key frame, then some that depend on it. 0 or an AVERROR. Fails for an
-  // encoder that holds pictures back, since we have one frame in flight at a time.
+  // encoder that delays pictures, since we have one frame in flight at a time.
   Status encodeGrey(int pictures);
 
  private:
@@ -51,10 +51,10 @@ class LibavEncoder {
   CodecContext context_;
   Frame picture_;   // in our memory
   Frame borrowed_;  // a buffer's planes
-  Frame uploaded_;  // on the device, where the encoder wants that
+  Frame uploaded_;  // on the device; null unless the encoder needs that
   Packet packet_;
-  // Counts pictures, since rate control expects them at the session's rate. The count goes on over
-  // all sessions that the encoder serves.
+  // The number of the next picture. It is used as its time, because rate control expects pictures
+  // at the session's rate. It continues in the next session that the encoder serves.
   std::int64_t nextTime_ = 0;
   Bytes sequenceSet_;  // the latest parameter sets
   Bytes pictureSet_;

@@ -71,7 +71,7 @@ class LibavSession::Worker {
   }
 
  private:
-  // Whether the encoder never failed.
+  // Encodes until stopped. False if there is no encoder, or if it has failed.
   bool encodeAll(const OpenedEncoder& opened) {
     LibavEncoder* encoder = opened.encoder.get();
     bool isSound = encoder != nullptr;

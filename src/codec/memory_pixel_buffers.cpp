@@ -45,7 +45,7 @@ MemoryPixelBufferPool::MemoryPixelBufferPool(PictureSize size, const PixelFormat
       pictures_(std::move(pictures)),
       use_(std::make_shared<char>()) {}
 
-// One reference is the pool's own.
+// The pool itself has one reference.
 bool MemoryPixelBufferPool::isExhausted(int threshold) const {
   return use_.use_count() > threshold;
 }

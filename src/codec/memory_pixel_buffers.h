@@ -12,7 +12,7 @@ namespace lumora {
 // may be released on any thread. One thread makes them.
 class MemoryPixelBufferPool final : public PixelBufferPool {
  public:
-  // `frames` is the format of what is converted into the buffers.
+  // `frames` is the format of the frames that are wrapped, or converted into the buffers.
   MemoryPixelBufferPool(PictureSize size, const PixelFormat& frames,
                         std::shared_ptr<PicturePool> pictures);
   Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override;

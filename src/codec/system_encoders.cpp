@@ -9,11 +9,11 @@
 namespace lumora {
 namespace {
 
-// An encoder allocates a picture with each of its first frames. The preview's encoder does so
-// before "ready"; a take's encoder gets memory that was touched ahead.
+// An encoder allocates memory for each of its first pictures. The preview's encoder encodes them
+// before "ready". A take's encoder gets memory that was touched ahead.
 constexpr int picturesToWarm = 4;
 
-// The bytes that a take of this size touches, encoder and pixel buffer. The factor was measured. It
+// The bytes that the encoder and the pixel buffer of a take touch. The factor was measured. It
 // includes the gaps that aligned blocks leave in the heap.
 std::size_t workingMemory(const EncoderSettings& settings) {
   return static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 44;
@@ -82,7 +82,7 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     if (!opened.encoder) continue;
     const std::lock_guard hold(finding_);
     if (hardware_ != nullptr) return;
-    // Kept first: the session that sees `hardware_` gets this encoder.
+    // Kept before `hardware_` is set, so that the session that sees it gets this encoder.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
     stateQueue_->async(
@@ -113,7 +113,7 @@ void SystemEncoders::openAhead(const EncoderSettings& settings) {
   openTakeAhead(nextTake_, settings);
 }
 
-// Null: none yet.
+// Null if no encoder has been found yet.
 const AVCodec* SystemEncoders::available() const {
   const AVCodec* hardware = hardware_;
   return hardware != nullptr ? hardware : software_;

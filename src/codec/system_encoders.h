@@ -14,7 +14,7 @@ namespace lumora {
 
 class SystemEncoders final : public Encoders, public std::enable_shared_from_this<SystemEncoders> {
  public:
-  // `open` and `trim` stand in for the real ones in tests.
+  // Tests pass their own `open` and `trim`.
   SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
                  std::shared_ptr<SerialQueue> stateQueue, std::shared_ptr<Dispatch> dispatch,
                  std::shared_ptr<PicturePool> pictures, EncoderFactory open = {},
@@ -40,7 +40,7 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   const std::shared_ptr<PicturePool> pictures_;
   const PixelFormat frames_;
   const AllowedEncoders allowed_;
-  const AVCodec* const software_;  // null: not allowed, or not there
+  const AVCodec* const software_;  // null: not allowed, or not available
   const EncoderFactory open_;
   const std::shared_ptr<EncoderPool> pool_;
   std::mutex finding_;                              // held while `hardware_` is set

@@ -41,7 +41,7 @@ class BitReader {
   }
 
   std::size_t position() const { return position_; }  // in bits
-  // Whether something was read that is not there or not valid.
+  // Whether a read went beyond the end, or a value was invalid.
   bool isExhausted() const { return position_ > bytes_.size() * 8; }
 
  private:
@@ -68,11 +68,11 @@ class BitWriter {
     bits(0, length);
     bits(value + 1, length + 1);
   }
-  // Copies from where the reader stands up to a position of its own.
+  // Copies the bits of `from` from its position to the position `upTo`.
   void copy(BitReader& from, std::size_t upTo) {
     while (from.position() < upTo) flag(from.flag());
   }
-  // Ends with a one and zeros up to a whole byte.
+  // Appends a one, then zeros up to a whole byte.
   Bytes finish() {
     flag(true);
     return std::move(bytes_);

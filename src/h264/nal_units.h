@@ -1,7 +1,7 @@
 #pragma once
 
-// NAL units (ISO/IEC 14496-10, 7.3.1) in the two forms that they travel in. A byte stream (annex B)
-// has a start code, 00 00 01 or 00 00 00 01, in front of each unit. A sample has its length:
+// NAL units (ISO/IEC 14496-10, 7.3.1) in their two forms. A byte stream (annex B) has a start code,
+// 00 00 01 or 00 00 00 01, in front of each unit. A sample has the unit's length there:
 //
 //   +----------------+-----------------+----------------+-----
 //   | length N (4 BE)| N bytes of NAL  | length (4 BE)  | ...
@@ -35,12 +35,12 @@ constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header 
 // The NAL units of a byte stream, without start codes; they point into it. Pure.
 std::vector<ByteView> splitAnnexB(ByteView stream);
 
-// Appends `unit` behind its length as 4 big-endian bytes.
+// Appends the length of `unit` as 4 big-endian bytes, then `unit`.
 void appendLengthPrefixed(Bytes& sample, ByteView unit);
 
 enum class NalWalkError {
   none,
-  truncatedHeader,   // 1 to 3 bytes left where a length is due
+  truncatedHeader,   // 1 to 3 bytes left where a length is expected
   badSize,           // length 0, unreadable, or past the end
   unreadableHeader,  // the NAL header byte could not be read
 };

@@ -37,8 +37,8 @@ Bytes addEmulationPrevention(ByteView bytes) {
   return unit;
 }
 
-// What the usability information says, and where. Positions are in bits. If there is none, the
-// first three are the position of vui_parameters_present_flag.
+// Parts of the usability information and their positions in bits. If there is no usability
+// information, the first three positions are that of vui_parameters_present_flag.
 struct Vui {
   bool present = false;
   std::size_t signalAt = 0;  // of video_signal_type_present_flag
@@ -163,7 +163,7 @@ void writeSignal(BitWriter& set, const ColourDescription& colour) {
   set.bits(colour.matrix, 8);
 }
 
-// Says that nothing is reordered. All else gets its default, or no limit.
+// Says that no frame is reordered. Everything else gets its default, or no limit.
 void writeRestriction(BitWriter& set, const Vui& found) {
   constexpr std::uint32_t unlimited = 0;
   constexpr std::uint32_t longestVector = 15;

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a parent's frames are: said once a run, in TAVO_FRAME_FORMAT. Pure.
+// The format of the parent's frames. TAVO_FRAME_FORMAT sets it for the whole run. Pure.
 
 #include <optional>
 #include <string>
@@ -11,9 +11,9 @@ namespace lumora {
 
 struct FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
-  bool topFirst = false;  // whether the top row is first
-  // What the sessions get: the picture in the record or, if no session takes this encoding, the
-  // decoded one.
+  bool topFirst = false;
+  // The format that sessions get: that of the record's picture or, if no session takes this
+  // encoding, of the decoded one.
   PixelFormat pixels = {};
 
   bool operator==(const FrameFormat&) const = default;

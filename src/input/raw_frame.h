@@ -19,7 +19,7 @@ struct RawFrame {
   // The memory of `picture`: by default RGBA, the bottom row first. Null if there is nothing to
   // encode: the frame could not be decoded, or nobody needed it.
   std::shared_ptr<const std::uint8_t[]> rgba = {};
-  double capturedAt = 0;  // uptime seconds at which the reader had read it
+  double capturedAt = 0;  // uptime seconds when the reader had read it
   PictureView picture = {};
 };
 
@@ -42,8 +42,8 @@ class RawAdmission {
   // The frame in flight has been encoded or dropped.
   void release() { isBusy_ = false; }
   void countDropped() { ++dropped_; }
-  // Whether a frame that is read now may be needed; only such frames are decoded. The state queue
-  // knows it, but a command that it has not handled yet may start a take.
+  // Whether a frame that is read now may be needed. Others are not decoded. The state queue sets
+  // it. Until the state queue has handled every command, it is true: a command may start a take.
   void setNeeded(bool isNeeded) { isNeeded_ = isNeeded; }
   void commandRead() { ++commandsAhead_; }
   void commandHandled() {

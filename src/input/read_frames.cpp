@@ -1,7 +1,7 @@
 // The reader: splits standard input into records and hands them to the state queue. It blocks in
-// `read` on a thread of its own. It reads every payload whole, also of frames that are dropped, so
-// encoding never slows the parent down. It decodes the formats that no session takes; meanwhile
-// the parent waits if the pipe is full.
+// `read` on a thread of its own. It reads every payload whole, even of dropped frames, so encoding
+// never slows the parent down. It decodes the formats that no session takes; meanwhile the parent
+// waits if the pipe is full.
 
 #include <array>
 #include <cstring>
@@ -44,7 +44,7 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
     throw EncoderFailure::message("invalid recording command framing");
   }
   // When the state queue hangs, only the first command waits. The reader must reach the end of the
-  // input: that is what ends the process when the parent is gone.
+  // input, because that ends the process when the parent is gone.
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
@@ -105,8 +105,8 @@ PictureMemory VideoEncoder::allocatePicture(std::size_t bytes) {
   return memory;
 }
 
-// Gives `frame` its picture. One that has to be decoded gets none if decoding fails or nobody needs
-// it.
+// Gives `frame` its picture. A frame that has to be decoded gets none if decoding fails, or if
+// nobody needs it.
 void VideoEncoder::givePicture(RawFrame& frame, RecordPicture picture) {
   const FrameFormat& format = configuration.frameFormat;
   const PictureSize size{frame.width, frame.height};
@@ -114,7 +114,7 @@ void VideoEncoder::givePicture(RawFrame& frame, RecordPicture picture) {
     frame.picture = pictureAt(picture.memory.get(), format.pixels, size);
     frame.rgba = std::move(picture.memory);
   } else if (raw.isNeeded()) {
-    // A parent that changes a JPEG while it is decoded can't confuse the decoder.
+    // Decodes a copy, because the parent could change the JPEG meanwhile.
     if (picture.isShared && isCompressed(format.encoding)) picture = copyOf(picture);
     auto decoded = platform.decoder->decode(format.encoding, format.pixels, size,
                                             {picture.memory.get(), picture.length});

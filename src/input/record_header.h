@@ -9,7 +9,7 @@
 //
 // In a command record width, height and id are all 0. Every other record is a frame record. Its
 // payload is the picture or, when the parent shares memory with us, a reference: the picture's
-// offset in that memory and, if its length varies, its length. Both have 64 bits.
+// offset in that memory and, if the length varies, its length. Each has 64 bits.
 
 #include <cstdint>
 
@@ -37,8 +37,8 @@ RecordHeader decodeRecordHeader(ByteView bytes);
 // Whether a frame record has a valid size, and an id above `lastID`, that of the frame before it.
 bool isValidFrame(const RecordHeader& header, std::uint64_t lastID);
 
-// Whether a picture of `bytes` may lie at `offset` of a memory of `memoryBytes`: it begins with a
-// page, but not with the first one, and ends inside the memory.
+// Whether a picture of `bytes` may lie at `offset` in `memoryBytes` of memory. It must start at a
+// page, but not the first one, and end inside the memory.
 bool isValidOffset(std::uint64_t offset, std::uint64_t bytes, std::uint64_t memoryBytes);
 
 // Whether a command record has a valid length.

@@ -33,7 +33,7 @@ class PosixFile final : public ByteSink {
     return 0;
   }
 
-  // Truncating the file to the size that it has frees what lies beyond.
+  // Truncating a file to its own size frees the room reserved beyond its end.
   void releaseRoom() override {
     if (reserves_) static_cast<void>(ftruncate(descriptor_, static_cast<off_t>(written_)) == 0);
   }
@@ -95,8 +95,8 @@ class PosixFile final : public ByteSink {
   std::uint64_t written_;  // bytes
   bool reserves_ = true;
   bool nameSynced_ = false;
-  // Whether the file system counts names. If it does, a file without a name was removed, and its
-  // bytes are lost as soon as it is closed.
+  // Whether the file system counts names. If it does, a file with no name left was removed, and its
+  // bytes are lost when it is closed.
   bool named_ = linkCount() > 0;
 };
 
@@ -123,9 +123,9 @@ std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std
   return std::make_unique<PosixFile>(descriptor, size, std::filesystem::path(path).parent_path());
 }
 
-// The lock belongs to the open file, so it ends when the last descriptor of it is closed, however
-// the process ends. A lock of the process would end when any descriptor of the file is closed. It
-// covers one byte beyond every movie, since network file systems keep players from locked bytes.
+// The lock belongs to the open file. It ends when the last descriptor of that is closed, even if
+// the process crashes. A lock of the process would end when any descriptor of the file is closed.
+// The locked byte lies beyond every movie, since on network file systems players can't read it.
 int lockFile(int descriptor) {
   struct flock range {};
   range.l_type = F_WRLCK;

@@ -13,8 +13,8 @@ namespace lumora {
 class ByteSink {
  public:
   virtual ~ByteSink() = default;
-  // Allocates room on the disk for the next `bytes` to be written, if the file system can: they fit
-  // even if the disk gets full.
+  // Reserves room on the disk for the next `bytes` to be written, if the file system can. They then
+  // fit even if the disk gets full.
   virtual int reserve(std::uint64_t bytes) = 0;
   // Frees the room that was reserved and not written.
   virtual void releaseRoom() = 0;
@@ -26,7 +26,7 @@ class ByteSink {
   virtual int sync() = 0;
   // Bytes appended so far.
   virtual std::uint64_t size() const = 0;
-  // Bytes that the file system has left. Empty if it does not say.
+  // Bytes that the file system has left. Empty if the file system does not say.
   virtual std::optional<std::uint64_t> freeBytes() const = 0;
 };
 
@@ -36,8 +36,8 @@ std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
 // Appends to the file of `size` bytes at `path`. Takes `descriptor`, which is open on it.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
 
-// Marks a file as somebody's own until it is closed: 0, EAGAIN if it is somebody else's, or another
-// errno where there are no locks. Never waits for the other one.
+// Locks a file until it is closed. Returns 0, EAGAIN if somebody else has locked it, or another
+// errno if the file system has no locks. Never waits.
 int lockFile(int descriptor);
 
 }  // namespace lumora

@@ -30,7 +30,7 @@ MovieExtent extentOf(const MovieTables& tables) {
   return {tables.sizes.size(), static_cast<std::int64_t>(tables.duration)};
 }
 
-// The first write of a file is its start, and every other one is a fragment.
+// The first write of a file is its start. Every other one is a fragment.
 MovieTables fragmentsOf(MovieTables tables, std::size_t writes) {
   tables.keepChunks(std::max<std::size_t>(writes, 1) - 1);
   return tables;

@@ -1,13 +1,13 @@
 #pragma once
 
 // The movie writer: an MP4 that plays at every moment. While it grows it is a fragmented file, so a
-// crash costs at most the fragment that was still in memory. Finishing appends the complete tables
-// and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h). That takes
-// equally long for a movie of any length.
+// crash costs only the fragments that are still in memory. Finishing appends the complete tables
+// and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h). Samples are not
+// copied, so a long movie is finished almost as fast as a short one.
 //
-// Samples are gathered into fragments on the caller's thread. An I/O thread of the writer's own
-// writes them, behind a bounded queue. If the disk falls behind, the writer is not ready; it never
-// waits.
+// Samples are gathered into fragments on the caller's thread. The writer's own I/O thread writes
+// the fragments from a bounded queue. If the disk falls behind, the writer is not ready for more
+// samples. It never waits.
 
 #include "mp4/byte_sink.h"
 #include "mp4/movie_boxes.h"
@@ -19,8 +19,8 @@ class MovieDisk;
 
 class HybridMovieWriter final : public MovieWriter {
  public:
-  // A disk that sleeps takes some ten seconds to spin up. A recording of 12 Mbit/s brings 15 MB in
-  // that time; this is twice as much.
+  // A disk that sleeps takes some ten seconds to spin up. A recording of 12 Mbit/s has 15 MB in
+  // that time. This is twice as much.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
 
@@ -48,7 +48,8 @@ class HybridMovieWriter final : public MovieWriter {
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
   MovieProperties properties_;
-  // While false, `status` is "writing". A failed disk shows at the next append or at the end.
+  // While this is false, `status` is "writing", even if the disk has failed. The next append or the
+  // end of the movie sets it.
   bool closed_ = false;
   std::shared_ptr<const FormatDescription> format_;
   std::uint64_t fileSize_ = 0;  // of what has been queued

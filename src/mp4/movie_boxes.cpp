@@ -160,7 +160,7 @@ void sampleDescription(Bytes& bytes, const FormatDescription& format) {
 }
 
 // Appends the number of runs of equal values, then has `append(from, to)` append an entry for each
-// run. `from` and `to` are the indices of its first value and of the one behind its last.
+// run. `from` and `to` are the indices of its first value and of the one after its last.
 template <typename Values, typename Append>
 void runs(Bytes& bytes, const Values& values, Append append) {
   const std::size_t countAt = bytes.size();
@@ -308,8 +308,7 @@ void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
 }
 
 // Appends a `free` box if the next `size` bytes would cross the end of the sector that `offset`
-// lies in, since a disk writes sectors whole. If they are more than a sector, the page counts
-// instead.
+// lies in, since a disk writes whole sectors. For more than a sector, the page is used instead.
 void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;
@@ -375,7 +374,7 @@ Bytes movieEnd(const FormatDescription& format, const MovieTables& tables,
 
 std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables) {
   constexpr std::uint64_t fixedBoxes = 1024;  // rounded up
-  // The worst case: each sample's duration and each chunk's count starts a run.
+  // The worst case: each sample's duration and each chunk's count begins a run.
   return fixedBoxes + format.parameterSet(0).bytes.size() + format.parameterSet(1).bytes.size() +
          tables.sizes.size() * (8 + 4) + tables.keyframes.size() * 4 +
          tables.chunks.size() * (12 + 8);

@@ -25,10 +25,10 @@ Bytes movieStart(const FormatDescription& format, const MovieProperties& propert
 // Where the placeholder lies in `movieStart`, in bytes.
 std::uint64_t placeholderOffset();
 
-// The `moof` of a fragment and the header of its `mdat`, for the place `offset` in the file. The
-// first sample begins at `time`. A crash or a power cut may end a write at any boundary of a page
-// or sector, and some demuxers refuse a file that ends within a `moof`. So a `free` box in front
-// keeps the `moof` from crossing such a boundary.
+// The `moof` of a fragment and the header of its `mdat`, to be written at `offset`. The first
+// sample begins at `time`. After a crash or a power cut, a write may end at any boundary of a page
+// or sector. Some demuxers refuse a file that ends within a `moof`. So a `free` box in front keeps
+// the `moof` from crossing such a boundary.
 Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t time,
                     const std::vector<MovieSample>& samples);
 
@@ -36,10 +36,10 @@ Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t ti
 Bytes movieEnd(const FormatDescription& format, const MovieTables& tables,
                const MovieProperties& properties);
 
-// At least the size in bytes of `movieEnd`, wherever the movie ends.
+// An upper bound for the size of `movieEnd` in bytes, wherever the movie ends.
 std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables);
 
-// An `mdat` header for `size` bytes, its own 16 included: it takes the placeholder's place.
+// The `mdat` header that replaces the placeholder. `size` includes its own 16 bytes.
 Bytes wideMediaDataHeader(std::uint64_t size);
 
 }  // namespace lumora

@@ -153,13 +153,13 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   }
 }
 
-// Ends the movie on an error. Whether the next step is still wanted.
+// Ends the movie on an error. Returns whether the next step is still wanted.
 bool MovieDisk::proceeds(int error) {
   if (error != 0) end(WriterStatus::failed, reasonOf(error));
   return error == 0 && status() == WriterStatus::writing;
 }
 
-// The first end counts.
+// Only the first call has an effect.
 void MovieDisk::end(WriterStatus status, std::optional<std::string> message) {
   const std::lock_guard hold(mutex_);
   if (status_ != WriterStatus::writing) return;

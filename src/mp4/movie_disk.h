@@ -1,8 +1,8 @@
 #pragma once
 
-// The I/O thread of one movie file and the queue in front of it. The thread lives until the movie
-// is cancelled, as its writer's end does. So the file stays open, and locked, until it has its
-// name. The thread shares this object, so nobody has to wait for a disk that hangs.
+// The I/O thread of one movie file and its queue. The thread keeps the file open and locked until
+// `cancel`. The writer's destructor calls that, when the file already has its final name. The
+// thread shares this object, so nobody has to wait for a disk that hangs.
 
 #include <chrono>
 #include <condition_variable>
@@ -20,24 +20,24 @@ class MovieDisk {
   // never wait for the disk.
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
-  // Queues `head` and, right behind it, `body`. Both are on the disk before the next write, and
-  // room for another `ending` bytes is reserved.
+  // Queues `head`, followed by `body`. Both are on the disk before the next write. Room for another
+  // `ending` bytes is reserved after them.
   void write(Bytes head, Bytes body, std::uint64_t ending);
-  // Behind everything queued: appends `tail`, then overwrites `header` at `offset`. Each is on the
-  // disk before the next step. Then `handler` runs on the I/O thread.
+  // After everything queued: appends `tail`, then writes `header` over the bytes at `offset`. Each
+  // is on the disk before the next step. Then `handler` runs on the I/O thread.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
-  // is called on the I/O thread with the writes that are on the disk and the bytes of the file. If
-  // it returns nothing, nothing is done. `handler` gets the errno of the first step that failed.
+  // runs on the I/O thread. It gets the number of writes on the disk and the size of the file. If
+  // it returns nothing, nothing is written. `handler` gets the errno of the first step that failed.
   struct Ending {
     Bytes tail;
     Bytes header;
   };
   using MakeEnding = std::function<std::optional<Ending>(std::size_t writes, std::uint64_t size)>;
   void rescue(std::uint64_t offset, MakeEnding make, std::function<void(int error)> handler);
-  // Ends the movie as failed, behind everything queued. Then `handler` runs on the I/O thread.
+  // Ends the movie as failed, after everything queued. Then `handler` runs on the I/O thread.
   void fail(std::string message, std::function<void()> handler);
-  // Ends it now. What is queued is dropped, and its handlers don't run.
+  // Ends the movie now. What is queued is dropped, and its handlers don't run.
   void cancel();
 
   WriterStatus status() const;

@@ -27,8 +27,8 @@ void expectSuccess(int error) {
   if (error != 0) throw std::system_error(error, std::generic_category());
 }
 
-// A staging file that is nobody else's while this object lives. Throws std::runtime_error, also
-// std::system_error, if it can't be had.
+// A staging file that this object keeps open and locked. The constructor throws std::runtime_error,
+// or std::system_error, if that is impossible.
 class OwnedFile {
  public:
   OwnedFile(const std::string& path, std::time_t now)
@@ -58,7 +58,7 @@ class OwnedFile {
             }};
   }
 
-  // Behind everything that the file holds.
+  // Appends to everything that the file holds.
   std::unique_ptr<ByteSink> append(const std::string& path) const {
     const int copy = fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
     if (copy < 0) expectSuccess(errno);
@@ -78,7 +78,7 @@ class OwnedFile {
     if (!S_ISREG(file.st_mode) || file.st_ino != named.st_ino || file.st_dev != named.st_dev) {
       throw std::runtime_error("it is no file, or another one by now");
     }
-    // Version 0.1 takes no lock.
+    // Helpers of version 0.1 take no lock.
     if (std::abs(now - file.st_mtime) < quietSeconds) {
       throw std::runtime_error("it may still be recorded: it is younger than a minute");
     }
@@ -90,7 +90,7 @@ class OwnedFile {
 };
 
 // The same steps as at the usual end of a take: the tables are on the disk before the head changes.
-// The outer `mdat` swallows whatever lies in front of the tables.
+// The outer `mdat` covers everything in front of the tables.
 void finish(const OwnedFile& file, const std::string& path, const StagingMovie& movie) {
   const StagingTrack& video = movie.tracks.front();
   const Bytes tables = movieEnd(*video.format, video.tables, movie.properties);

@@ -9,7 +9,7 @@
 namespace lumora {
 
 struct RecoveredTake {
-  std::string staging;       // the file's path before
+  std::string staging;       // the file's old path
   std::string path = {};     // of the movie; empty: there is none
   std::uint64_t frames = 0;  // in the movie
   double duration = 0;       // of the movie, seconds
@@ -21,9 +21,9 @@ struct RecoveredTake {
 std::vector<std::string> findStagingFiles(const std::string& folder);
 
 // Makes the staging file at this absolute path an ordinary movie and gives it its recovery name.
-// `now` is the time of day. Leaves a take that is being recorded, and what holds no picture. A
-// power cut at any moment leaves a file that can be recovered. What is wrong with a file is not
-// thrown.
+// `now` is the time of day. Does not touch a take that is being recorded, or a file without a
+// picture. After a power cut at any moment the file can still be recovered. Problems with the file
+// are reported in `left`, not thrown.
 RecoveredTake recoverTake(const std::string& staging, std::time_t now);
 
 }  // namespace lumora

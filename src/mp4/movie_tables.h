@@ -1,7 +1,7 @@
 #pragma once
 
-// What a movie file must know about its samples. An hour of recording takes some two megabytes.
-// Pure.
+// What the tables of a movie file say about its samples. They take some two megabytes for an hour
+// of recording. Pure.
 
 #include <cstdint>
 #include <vector>
@@ -14,7 +14,7 @@ struct MovieSample {
   bool keyframe = false;
 };
 
-// Consecutive samples that lie together in the file.
+// Consecutive samples without anything between them in the file.
 struct MovieChunk {
   std::uint64_t offset = 0;  // of the first sample's first byte in the file
   std::uint32_t samples = 0;

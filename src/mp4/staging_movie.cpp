@@ -10,10 +10,10 @@
 namespace lumora {
 namespace {
 
-// No file of ours comes near these limits. They bound time and memory for a file that is not ours.
+// Our own files stay far below these limits. They limit time and memory for other files.
 constexpr std::size_t maximumChildren = 64;                   // of one box
 constexpr std::uint64_t maximumLeafBytes = 1 << 20;           // of a box that is read whole
-constexpr std::uint32_t maximumSampleBytes = 64 << 20;        // of one that is looked at
+constexpr std::uint32_t maximumSampleBytes = 64 << 20;        // of a sample that is read
 constexpr std::size_t maximumSamples = std::size_t{1} << 25;  // 3 days at 120 a second
 
 struct Damaged : std::runtime_error {
@@ -52,7 +52,7 @@ class Fields {
   std::size_t at_ = 0;
 };
 
-// Samples of one track that lie together.
+// Samples of one track without anything between them.
 struct Run {
   StagingTrack* track = nullptr;
   std::uint64_t offset = 0;
@@ -119,7 +119,7 @@ Bytes Reader::bytes(std::uint64_t offset, std::size_t count) const {
   return read;
 }
 
-// 14496-12, 4.2: the box at `at`, if one lies there that ends at `end` or in front of it.
+// 14496-12, 4.2: the box at `at`, if there is one that ends at `end` or before.
 std::optional<BoxPlace> Reader::boxAt(std::uint64_t at, std::uint64_t end) const {
   constexpr std::uint64_t narrow = 8;
   constexpr std::uint64_t wide = 16;
@@ -162,7 +162,7 @@ Fields Reader::fields(const BoxPlace& box) const {
   return Fields(bytes(box.body, box.end - box.body));
 }
 
-// The tables are the last thing that was written before the file got its new head.
+// The tables are complete, since they were written and synced before the file got its new head.
 void Reader::readFinished(const BoxPlace& movie) {
   const BoxPlace track = child(movie, "trak");
   const BoxPlace table = sampleTable(track);
@@ -212,7 +212,7 @@ std::shared_ptr<const FormatDescription> Reader::format(const BoxPlace& entry) c
 
   Fields configuration = fields(child(entry, "avcC", fixedBytes));
   const auto parameterSet = [&configuration] {
-    require((configuration.next<std::uint8_t>() & 0x1F) == 1);  // there is one of them
+    require((configuration.next<std::uint8_t>() & 0x1F) == 1);  // exactly one set
     const ByteView set = configuration.take(configuration.next<std::uint16_t>());
     return Bytes(set.begin(), set.end());
   };
@@ -232,9 +232,9 @@ std::shared_ptr<const FormatDescription> Reader::format(const BoxPlace& entry) c
                                                    height, codes);
 }
 
-// Stops at the first thing that is no fragment: what a power cut has torn, or tables of a movie
-// that was being finished. Each fragment is synced before the next one is written, so only the last
-// may be torn.
+// Stops at the first box that is not a fragment: one that a power cut has torn, or the tables of a
+// movie that was being finished. Each fragment is synced before the next one is written, so only
+// the last one may be torn.
 void Reader::readFragments(std::uint64_t at) {
   try {
     while (auto box = boxAt(at, file_.size)) {
@@ -242,12 +242,12 @@ void Reader::readFragments(std::uint64_t at) {
       if (!box || box->type != "moof") break;
       at = addFragment(*box);
     }
-  } catch (const Damaged&) {  // its samples have not been added
+  } catch (const Damaged&) {  // no sample of this fragment has been added
   }
   for (StagingTrack& track : movie_.tracks) dropTornSamples(track.tables);
 }
 
-// Returns where the fragment ends, which may lie behind the file's end.
+// Returns where the fragment ends, which may be beyond the end of the file.
 std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   std::vector<Run> runs;
   for (const BoxPlace& part : children(fragment)) {
@@ -258,7 +258,7 @@ std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   for (const Run& run : runs) {
     MovieTables& tables = run.track->tables;
     samples_ += run.samples.size();
-    // Nothing may be lost for good because of a limit, so the file stays as it is.
+    // A limit must not cost pictures, so the file stays as it is.
     if (samples_ > maximumSamples) {
       throw std::runtime_error("it holds more pictures than can be recovered");
     }
@@ -298,7 +298,7 @@ Run Reader::readRun(const BoxPlace& fragment, const BoxPlace& part) {
   return read;
 }
 
-// Drops the samples of the last chunk from the first one on that did not get to the disk whole.
+// Finds the first sample of the last chunk that is not whole. Drops it and all after it.
 void Reader::dropTornSamples(MovieTables& tables) const {
   if (tables.empty()) return;
   const MovieChunk chunk = tables.chunks.back();
@@ -311,7 +311,7 @@ void Reader::dropTornSamples(MovieTables& tables) const {
   while (tables.sizes.size() > whole) tables.dropLast();
 }
 
-// A power cut may leave a file at its full length with zeros at its end. No NAL unit ends with a
+// After a power cut, a file may have its full length but zeros at its end. No NAL unit ends with a
 // zero byte (14496-10, 7.4.1).
 bool Reader::isWhole(std::uint64_t offset, std::uint32_t size) const {
   if (size > maximumSampleBytes || offset > file_.size || size > file_.size - offset) return false;

@@ -1,7 +1,7 @@
 #pragma once
 
-// Reads the file of a take that nobody finished: what movie_boxes.h writes, cut off at any byte,
-// with any bytes behind it. Reads headers, and of samples only those of the last fragment.
+// Reads the file of an interrupted take: what movie_boxes.h writes, cut off at any byte, and any
+// bytes after that. Reads all headers, but only the samples of the last fragment.
 
 #include <functional>
 
@@ -18,12 +18,12 @@ struct FileView {
 struct StagingTrack {
   std::uint32_t id = 0;
   std::shared_ptr<const FormatDescription> format;
-  MovieTables tables;  // of the samples that lie whole in the file
+  MovieTables tables;  // of the samples that are whole in the file
 };
 
 struct StagingMovie {
   bool isFinished = false;        // it is an ordinary movie already
-  std::uint64_t placeholder = 0;  // where it lies in the file
+  std::uint64_t placeholder = 0;  // its offset in the file
   MovieProperties properties = {};
   std::vector<StagingTrack> tracks;
   std::uint64_t frames = 0;  // of the first track, at least one

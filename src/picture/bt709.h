@@ -2,11 +2,11 @@
 
 // BT.709's luma and colour differences of RGB pixels, in limited range and in integers.
 //
-// Weights are signed bytes, since SIMD multiplies bytes best. They may have a common factor, which
-// `scale` takes out again; that makes eight bits enough. Compared with the exact ratios (0.2126
-// red, 0.7152 green, 0.0722 blue) luma is within 0.2 of a step and colour differences within 0.005.
-// Greys are exact. SIMD sums two neighbouring products in 16 bits, so two neighbouring weights of
-// the same sign add up to 128 at most.
+// Weights are signed bytes, since SIMD multiplies bytes fastest. They have a common factor, which
+// `scale` removes. With the right factor eight bits are enough: compared with the exact ratios
+// (0.2126 red, 0.7152 green, 0.0722 blue), luma is within 0.2 of a step and colour differences
+// within 0.005. Greys are exact. SIMD sums two neighbouring products in 16 bits, so two
+// neighbouring weights of the same sign add up to 128 at most.
 
 #include <array>
 #include <cstddef>
@@ -42,7 +42,7 @@ constexpr Weighting weighting(int blue, int green, int red, int sum, int steps, 
           (zero << fractionBits) + (1 << (fractionBits - 1))};
 }
 
-// The weights stand in the order of the pixel's channels.
+// The weights are in the order of the pixel's channels.
 struct Weightings {
   Weighting luma, blueDifference, redDifference;
 };
@@ -67,7 +67,7 @@ constexpr std::uint32_t packed(const Pixel& bytes) {
   return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
 }
 
-// Rounded up, as SIMD does it. The weights of a colour difference add up to 0, so that cancels.
+// Rounded up, as SIMD does it. The weights of a colour difference add up to 0, so this cancels out.
 constexpr Pixel average(const Pixel& a, const Pixel& b) {
   Pixel result{};
   for (std::size_t i = 0; i < 4; ++i) result[i] = static_cast<std::uint8_t>((a[i] + b[i] + 1) / 2);

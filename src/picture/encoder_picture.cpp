@@ -16,7 +16,7 @@ void convertRGB(const PictureView& source, const Picture& destination) {
   convertToI420(source, y, u, v);
 }
 
-// Between nv12 and i420.
+// Converts nv12 to i420, or i420 to nv12.
 void changeLayout(const PictureView& source, const Picture& destination) {
   const auto& from = source.planes;
   const auto& to = destination.planes;
@@ -34,7 +34,7 @@ void changeLayout(const PictureView& source, const Picture& destination) {
   }
 }
 
-// Plane by plane. The layouts are the same.
+// Calls `copy` for each plane. Both pictures have the same layout.
 template <typename Copy>
 void forEachPlane(const PictureView& source, const Picture& destination, Copy copy) {
   std::size_t i = 0;

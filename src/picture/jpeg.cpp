@@ -23,8 +23,8 @@ using Planes = std::array<Plane, components>;
 
 }  // namespace
 
-// libjpeg reports an error by calling a function that must not return, so that function jumps back.
-// No object with a destructor lives between the two places.
+// libjpeg reports an error by calling a function that must not return, so that function calls
+// longjmp. No object with a destructor may be created between setjmp and longjmp.
 class JpegDecoder::Library {
  public:
   Library() {
@@ -41,7 +41,7 @@ class JpegDecoder::Library {
   // Whether this is a picture of `size` that can be decoded.
   bool readHeader(ByteView jpeg, PictureSize size) {
     if (setjmp(errors_.back) != 0) return false;
-    jpeg_destroy_decompress(&state_);  // with the tables of the last picture
+    jpeg_destroy_decompress(&state_);  // also frees the tables of the last picture
     jpeg_create_decompress(&state_);
     state_.progress = &progress_;
     jpeg_mem_src(&state_, jpeg.data(), jpeg.size());
@@ -55,7 +55,7 @@ class JpegDecoder::Library {
     return component(0).v_samp_factor == component(1).v_samp_factor;
   }
 
-  // `spare` has room for a row.
+  // `spare` has room for a row of luma.
   bool readPlanes(const Planes& planes, std::uint8_t* spare) {
     if (setjmp(errors_.back) != 0) return false;
     state_.raw_data_out = TRUE;
@@ -98,7 +98,7 @@ class JpegDecoder::Library {
            (y.v_samp_factor == u.v_samp_factor || y.v_samp_factor == 2 * u.v_samp_factor);
   }
 
-  // Whether no component and, in a progressive picture, no bit of a coefficient is missing.
+  // Whether all components are there and, in a progressive picture, all bits of all coefficients.
   bool hasEveryScan() const {
     for (std::size_t i = 0; i < components; ++i) {
       if (component(i).quant_table == nullptr) return false;

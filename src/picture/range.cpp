@@ -3,7 +3,7 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "picture/range.cpp"
 #include <hwy/foreach_target.h>
-// Stands behind foreach_target.h, which includes this file again.
+// Must come after foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
 
 #include <cstddef>
@@ -47,7 +47,7 @@ HWY_EXPORT(compressRow);
 
 void compressRange(PlaneView source, Plane destination, std::int64_t bytes, std::int64_t rows,
                    SampleKind kind) {
-  // 219 or 224 steps for 255. Black becomes 16, no colour stays 128; a half is for rounding.
+  // 255 steps become 219 or 224. Luma 0 becomes 16, and chroma 128 stays. The half rounds.
   const bool isLuma = kind == SampleKind::luma;
   const double scale = (isLuma ? 219 : 224) / 255.0;
   const double offset = isLuma ? 16 : 128 - 128 * scale;

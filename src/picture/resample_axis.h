@@ -17,7 +17,7 @@ struct SampleGrid {
   bool operator==(const SampleGrid&) const = default;
 };
 
-// The weights of one axis. Destination position i is the sum of `taps` source positions from
+// The weights of one axis. Destination sample i is the weighted sum of `taps` source samples from
 // `first[i]` on. Their weights, from `weights[i * taps]` on, add up to 1.
 struct ResampleAxis {
   int taps = 0;
@@ -25,7 +25,7 @@ struct ResampleAxis {
   std::vector<std::int16_t> weights;  // 1.0 is 1 << 12
 };
 
-// The number of taps is a multiple of `tapMultiple`; those that are not needed have no weight.
+// The number of taps is a multiple of `tapMultiple`. Taps that are not needed have the weight 0.
 ResampleAxis makeResampleAxis(const SampleGrid& grid, int tapMultiple);
 
 }  // namespace lumora

@@ -3,7 +3,7 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "picture/resampler.cpp"
 #include <hwy/foreach_target.h>
-// Stands behind foreach_target.h, which includes this file again.
+// Must come after foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
 
 #include <cstddef>
@@ -16,7 +16,7 @@ namespace lumora {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// What `sumRows` makes of column i: Σ rows[k][i] × weight k, as 10.6 fixed point.
+// The result of `sumRows` for column i: Σ rows[k][i] × weight k, as 10.6 fixed point.
 inline std::int16_t sumRowsAt(const std::uint8_t* const* rows, const WeightPair* pairs, int taps,
                               std::size_t i) {
   int sum = 1 << 5;
@@ -30,7 +30,7 @@ constexpr hn::ScalableTag<std::uint8_t> dBytes;
 constexpr hn::Repartition<std::int16_t, decltype(dBytes)> dSums;
 using Sums = hn::Vec<decltype(dSums)>;
 
-// Sums of two neighbouring products, bytes with signed bytes. Highway has no name for this.
+// Multiplies bytes with signed bytes, and sums two neighbouring products. Highway lacks this.
 HWY_INLINE Sums multiplyPairs(hn::Vec<decltype(dBytes)> bytes, Sums weights) {
 #if HWY_MAX_BYTES == 64
   return {_mm512_maddubs_epi16(bytes.raw, weights.raw)};
@@ -60,7 +60,7 @@ HWY_INLINE void storeInOrder(Sums low, Sums high, std::int16_t* sums) {
 }
 
 // Multiplies the bytes of two rows at once. A weight of 12 bits is 64 times a coarse weight plus a
-// fine one of -32 to 32. Fine products of four rows add up within 16 bits.
+// fine one of -32 to 32. The sum of four rows' fine products fits into 16 bits.
 HWY_INLINE void sumVector(const std::uint8_t* const* HWY_RESTRICT rows,
                           const WeightPair* HWY_RESTRICT pairs, int taps, std::size_t at,
                           std::int16_t* HWY_RESTRICT sums) {
@@ -126,9 +126,9 @@ void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const WeightPair* HWY
   for (; i < count; ++i) sums[i] = sumRowsAt(rows, pairs, taps, i);
 }
 
-// Writes one destination row of `width` pixels of four channels, weighted sums along x of the
-// column sums. `weights` holds `taps` × 4 values per pixel. When `swap`, the first and the third
-// channel change places.
+// Writes one destination row of `width` pixels of four channels. Each pixel is a weighted sum of
+// column sums along x. `weights` has `taps` × 4 values per pixel. With `swap`, the first and the
+// third channel are exchanged.
 #if HWY_TARGET == HWY_SCALAR
 template <bool swap>
 HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
@@ -202,14 +202,14 @@ HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY
 
 #endif
 
-// One row of four channels in RGB order, and the reverse.
+// Writes one destination row of RGB pixels, with red and blue exchanged.
 void sumPixels(const std::int16_t* sums, const int* first, const std::int16_t* weights, int taps,
                std::size_t width, std::uint8_t* row) {
   sumColumns<true>(sums, first, weights, taps, width, row);
 }
 
-// Makes the column sums of four rows of one channel, or of two rows of two, those of one row of
-// four channels. Writes beyond the last sample.
+// Interleaves the column sums of four rows of one channel, or of two rows of two channels. They are
+// then those of one row of four channels. Writes beyond the last sample.
 template <int channels>
 HWY_INLINE void interleave(const RowGroup& group) {
   const hn::ScalableTag<std::int16_t> d;
@@ -252,7 +252,7 @@ HWY_INLINE void split(const RowGroup& group, std::size_t width) {
   };
   std::size_t x = 0;
   for (; x + step <= width; x += step) splitAt(x);
-  if (x < width && width >= step) return splitAt(width - step);  // overlaps the one before
+  if (x < width && width >= step) return splitAt(width - step);  // overlaps the last vector
   for (; x < width; ++x) {
     for (std::size_t channel = 0; channel < group.rows * channels; ++channel)
       to[channel / channels][x * channels + channel % channels] = group.pixels[4 * x + channel];
@@ -288,7 +288,7 @@ HWY_EXPORT(sumPixels);
 HWY_EXPORT(sumFourRows);
 HWY_EXPORT(sumTwoRows);
 
-// For the widest vector, which may start at the last pixel, or at the last sample of four rows.
+// Room for the widest vector. It may start at the last pixel, or at the last sample of four rows.
 constexpr int lanesOfSlack = 128;
 
 // Two signed bytes as a word, the first in the lower byte.
@@ -342,7 +342,7 @@ void Resampler::run(PlaneView source, Plane destination) const {
                           : runGroups(source, destination, sums.data());
 }
 
-// Row by row. `sums` has room for a row of four channels.
+// Resamples row by row. `sums` has room for a row of four channels.
 void Resampler::runPixels(PlaneView source, Plane destination, std::int16_t* sums) const {
   for (std::int64_t y = 0; y < geometry_.y.destination; ++y) {
     sumRow(source, y, sums);
@@ -353,7 +353,8 @@ void Resampler::runPixels(PlaneView source, Plane destination, std::int16_t* sum
   }
 }
 
-// As many rows at once as make four channels. `interleaved` has room for a row of four channels.
+// Resamples groups of rows that have four channels together. `interleaved` has room for a row of
+// four channels.
 void Resampler::runGroups(PlaneView source, Plane destination, std::int16_t* interleaved) const {
   const auto width = static_cast<std::size_t>(geometry_.x.destination);
   const auto sourceWidth = static_cast<std::size_t>(geometry_.x.source);

@@ -1,11 +1,10 @@
 #pragma once
 
-// Separable, anti-aliased resampling of planes with a cubic kernel. When scaling
-// down, the kernel is widened by the scale, so that nothing above the destination's Nyquist
-// frequency folds back.
+// Separable, anti-aliased resampling of planes with a cubic kernel. When scaling down, the kernel
+// is widened by the scale. That removes frequencies above the destination's Nyquist frequency.
 //
 // Each destination row is made in two steps. First the source rows that it needs are summed, column
-// by column, into one row of 16-bit values; then that row is summed along x. So every source byte
+// by column, into one row of 16-bit values. Then that row is summed along x. So every source byte
 // is read while it is in cache, and only one row is stored in between. Arithmetic is in fixed
 // point, with SIMD chosen at run time.
 
@@ -14,8 +13,8 @@
 
 namespace lumora {
 
-// The weights of two neighbouring source rows. For SIMD each is also split (64 × coarse + fine)
-// into signed bytes, with both rows' bytes in one word.
+// The weights of two neighbouring source rows. For SIMD each weight is also split into two signed
+// bytes: 64 × coarse + fine. `coarse` and `fine` have the bytes of both rows.
 struct WeightPair {
   std::int16_t exact[2];
   std::int16_t coarse;
@@ -29,15 +28,15 @@ struct PlaneGeometry {
   bool operator==(const PlaneGeometry&) const = default;
 };
 
-// Four rows of one channel or two rows of two, interleaved so that they are summed along x like one
-// row of four channels.
+// Four rows of one channel or two rows of two channels. They are interleaved and then summed along
+// x like one row of four channels.
 struct RowGroup {
   const std::int16_t* sums;  // column sums of all rows
   std::size_t pitch;         // from one row's sums to the next
   std::size_t sourceWidth;   // samples
   std::int16_t* interleaved;
   std::uint8_t* pixels;
-  std::size_t rows = 0;  // that are written
+  std::size_t rows = 0;  // destination rows
   std::uint8_t* destination[4] = {};
 };
 
@@ -46,8 +45,8 @@ class Resampler {
   explicit Resampler(const PlaneGeometry& geometry);
   const PlaneGeometry& geometry() const { return geometry_; }
 
-  // Resamples a plane. Of four channels, the first and the third change places: RGBA becomes BGRA.
-  // Any thread.
+  // Resamples a plane. If it has four channels, the first and the third are exchanged: RGBA becomes
+  // BGRA. Any thread.
   void run(PlaneView source, Plane destination) const;
 
  private:
@@ -58,8 +57,8 @@ class Resampler {
   PlaneGeometry geometry_;
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
-  std::vector<WeightPair> pairs_;           // `vertical_.weights`
-  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, four of each
+  std::vector<WeightPair> pairs_;           // `vertical_.weights`, for two rows each
+  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, each for four channels
 };
 
 }  // namespace lumora

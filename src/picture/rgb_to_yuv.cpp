@@ -3,7 +3,7 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "picture/rgb_to_yuv.cpp"
 #include <hwy/foreach_target.h>
-// Stands behind foreach_target.h, which includes this file again.
+// Must come after foreach_target.h, which includes this file again.
 #include <hwy/highway.h>
 
 #include <cstddef>
@@ -27,7 +27,7 @@ using Bytes = hn::Vec<decltype(d8)>;
 using Values = hn::Vec<decltype(d32)>;
 using Pixels = hn::Vec<decltype(dPixels)>;
 
-// Instructions that Highway has no name for.
+// Instructions that Highway lacks.
 #if HWY_MAX_BYTES == 64
 #define LUMORA_X86(operation) _mm512_##operation
 #elif HWY_MAX_BYTES == 32
@@ -36,7 +36,7 @@ using Pixels = hn::Vec<decltype(dPixels)>;
 #define LUMORA_X86(operation) _mm_##operation
 #endif
 
-// Sums of two neighbouring products, bytes with signed bytes.
+// Multiplies bytes with signed bytes, and sums two neighbouring products.
 HWY_INLINE hn::Vec<decltype(d16)> multiplyPairs(Bytes bytes, Pixels weights) {
   return {LUMORA_X86(maddubs_epi16)(bytes.raw, weights.raw)};
 }
@@ -60,7 +60,7 @@ HWY_INLINE auto blockOrder() {
   return hn::SetTableIndices(dPixels, order);
 }
 
-// `pixels` moved up by one, the last of `before` in front.
+// Moves `pixels` up by one. The last pixel of `before` becomes the first.
 HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 #if HWY_MAX_BYTES == 64
   return {_mm512_alignr_epi32(pixels.raw, before.raw, 15)};
@@ -72,8 +72,8 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 #endif
 }
 
-// The constants for a picture's rows. Each row's function takes a copy, which the compiler keeps in
-// registers. It would reload the original after every store of bytes, which might alias it.
+// The constants for a picture's rows. The function for a row gets a copy, which the compiler keeps
+// in registers. It would reload the original after every store of bytes, which might change it.
 class Kernel {
  public:
   explicit HWY_INLINE Kernel(const bt709::Weightings& of)
@@ -151,7 +151,7 @@ class Kernel {
   Component red_;
 };
 
-// The last step of a row overlaps the one before.
+// The last step of a row overlaps the step before it.
 HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width,
                         std::uint8_t* y) {
   const std::size_t step = Kernel::step();
@@ -179,7 +179,7 @@ HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uin
   kernel.chromaStep(top + last * 4, bottom + last * 4, left, u + last / 2, v + last / 2);
 }
 
-#else  // No product of bytes with signed bytes: plain loops.
+#else  // Without products of bytes and signed bytes: plain loops.
 
 using Kernel = bt709::Weightings;
 using bt709::chromaRow;

@@ -9,8 +9,8 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 8;  // preview and take need two each, some need two passes
-// Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are right to
-// a level at every size.
+// Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are exact to
+// one level at every size.
 constexpr double largestReduction = 8;
 
 struct Extent {
@@ -18,8 +18,8 @@ struct Extent {
   std::int64_t size;
 };
 
-// One axis of a plane: the `samples` that lie in an area of `pixels` of the destination, and the
-// `source` pixels that fill the area. `centre` is where a sample lies, in pixels from the centre of
+// One axis of a plane. `source` pixels are scaled to the area `pixels` of the destination, and
+// `samples` are the plane's samples in that area. A sample lies `centre` pixels from the centre of
 // the first pixel that it stands for.
 SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixelsPerSample,
                   double centre) {
@@ -33,8 +33,8 @@ SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixels
           .origin = (firstPixel - centre) / pixelsPerSample};
 }
 
-// Chroma lies where H.264 has it by default: level with the left of its two columns, and halfway
-// between its two rows.
+// Chroma lies where H.264 has it by default: at the left of its two columns, and halfway between
+// its two rows.
 PlaneGeometry geometryOf(const PlaneShape& shape, PictureSize source, const PictureRectangle& area,
                          const PictureRectangle& samples) {
   const double betweenRows = (shape.rows - 1) / 2.0;
@@ -55,7 +55,7 @@ void copyPlane(PlaneView source, Plane destination, std::int64_t columns, std::i
   const auto to = static_cast<int>(destination.stride);
   const auto width = static_cast<int>(columns);
   const auto height = static_cast<int>(rows);
-  if (channels == 4) {  // red and blue change places
+  if (channels == 4) {  // exchanges red and blue
     libyuv::ABGRToARGB(source.samples, stride, destination.samples, to, width, height);
   } else {
     libyuv::CopyPlane(source.samples, stride, destination.samples, to, width * channels, height);
@@ -107,7 +107,7 @@ void SystemImageConverter::resampleTwice(PlaneView source, Plane destination,
   halfway_.resize(static_cast<std::size_t>(first.y.destination * stride));
   const Plane halfway{halfway_.data(), stride};
   resamplerFor(first).run(source, halfway);
-  if (geometry.channels == 4) {  // both passes exchange red and blue
+  if (geometry.channels == 4) {  // each pass exchanges red and blue, so a third exchange is needed
     copyPlane({halfway.samples, stride}, halfway, first.x.destination, first.y.destination, 4);
   }
   resamplerFor(second).run({halfway.samples, stride}, destination);

@@ -12,15 +12,15 @@ namespace lumora {
 // Scales each plane by itself. Keeps the resamplers of the last few geometries, since preview and
 // recording alternate.
 //
-// The table is of 4:2:0 from 1920×1080: milliseconds per picture on one core, and SSIM of luma
-// against a Lanczos reference (of three pictures, the least and the most).
+// The table shows 4:2:0 from 1920×1080: milliseconds per picture on one core, and SSIM of luma
+// against a Lanczos reference (the lowest and the highest of three pictures).
 //
 //                    to 640×360               to 1080×608
 //   ours             0.60  0.998 to 0.9996    0.95  0.997 to 0.9997
 //   libyuv's box     0.35  0.991 to 0.996     1.0   0.966 to 0.995
 //
-// A second thread for half of the rows did not pay. It saved 1 to 3 % of the latency of a 1080x720
-// take, but in a 1920x1080 take p99 rose by 10 % and CPU by 4 %.
+// A second thread for half of the rows is not worth it. It saved 1 to 3 % of the latency of a
+// 1080x720 take, but in a 1920x1080 take p99 rose by 10 % and CPU by 4 %.
 class SystemImageConverter final : public ImageConverter {
  public:
   bool convert(const PictureView& source, const Picture& destination,
@@ -31,7 +31,7 @@ class SystemImageConverter final : public ImageConverter {
   void resampleTwice(PlaneView source, Plane destination, const PlaneGeometry& geometry);
   const Resampler& resamplerFor(const PlaneGeometry& geometry);
 
-  std::deque<std::unique_ptr<Resampler>> resamplers_;  // the latest made last
+  std::deque<std::unique_ptr<Resampler>> resamplers_;  // the newest last
   std::vector<std::uint8_t> halfway_;                  // the plane between two passes
 };
 

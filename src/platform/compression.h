@@ -11,9 +11,9 @@
 
 namespace lumora {
 
-// One picture: in memory of its own, or wrapped around the pixels of a picture that exists. Memory
-// of its own is BGRA when frames are RGBA, and RGBA when they are BGRA; otherwise it has their
-// layout. The pool that made it counts it as in use until the last reference to it is gone.
+// One picture: in memory of its own, or wrapped around the pixels of an existing picture. Memory of
+// its own is BGRA when frames are RGBA, and RGBA when they are BGRA. Otherwise it has the frames'
+// layout. The pool that made the buffer counts it as in use until the last reference is gone.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;

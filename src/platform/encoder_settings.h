@@ -15,7 +15,7 @@ struct EncoderSettings {
   std::int64_t keyFrameInterval;  // frames, at most
   std::int64_t bitRate;           // bits per second, average
 
-  // The size of the decoder's buffer (VBV) for the rate control, in bits: one second's worth.
+  // The size of the decoder's buffer (VBV) for the rate control: the bits of one second.
   std::int64_t bufferBits() const { return bitRate; }
 
   bool operator==(const EncoderSettings&) const = default;

@@ -14,16 +14,16 @@ struct EncoderRequirements {
 class Encoders {
  public:
   virtual ~Encoders() = default;
-  // A session for `width` × `height` BGRA buffers. Null or a status on failure. If software
-  // encoders are not allowed this waits for hardware, at most a few seconds in the whole run.
+  // Makes a session for `width` × `height` pictures. On failure it is null, or the status is not 0.
+  // If software encoders are not allowed, waits for hardware: a few seconds at most per run.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
   // Called first. In the background: opens an encoder for this preview, and looks for hardware that
-  // can encode it, or at least this take.
+  // can encode this preview, or at least this take.
   virtual void prepare(const EncoderSettings& preview, const EncoderSettings& take) = 0;
-  // Runs `work` on the state queue, never before this returns, once a preview can begin without
-  // delay. This waits for hardware only if software encoders are not allowed.
+  // Runs `work` on the state queue once a preview can begin without delay, never before this
+  // returns. `work` waits for hardware only if software encoders are not allowed.
   virtual void whenPrepared(Work work) = 0;
   // In the background: slowly touches as much memory as the largest take needs, then opens an
   // encoder for the likeliest take. Stops when `openAhead` is called.

@@ -1,6 +1,6 @@
 #pragma once
 
-// Frames whose encoding no session takes, for example JPEG, and what becomes of them.
+// Decodes frames whose encoding no session takes, for example JPEG.
 
 #include <memory>
 
@@ -20,9 +20,9 @@ class FrameDecoder {
   };
 
   virtual ~FrameDecoder() = default;
-  // The picture of a record, in memory of its own, with its rows in the record's order. `format` is
-  // what the encoding decodes to. The caller has checked the record's length. Null memory if the
-  // record is not a whole picture of this size. Throws std::bad_alloc. Reader thread.
+  // The picture of a record, in memory of its own, with the rows in the record's order. `format` is
+  // that of the decoded picture. The caller has checked the record's length. Null memory if the
+  // record is not a complete picture of this size. Throws std::bad_alloc. Reader thread.
   virtual Decoded decode(FrameEncoding encoding, const PixelFormat& format, PictureSize size,
                          ByteView record) = 0;
 };

@@ -13,7 +13,7 @@ constexpr std::uint64_t framePageBytes = 4096;  // on every machine
 class FrameMemory {
  public:
   virtual ~FrameMemory() = default;
-  // Bytes, at launch.
+  // The size at launch, in bytes.
   virtual std::uint64_t size() const = 0;
   // The pixels of frame `id` at `offset`. The caller has checked the offset and calls with growing
   // ids. The parent gets the pixels back when the last reference to them is gone. Reader thread.

@@ -10,8 +10,8 @@
 
 namespace lumora {
 
-// How the samples of a picture lie in memory. nv12 has a plane of luma and one of U and V in turn,
-// i420 has three planes. Chroma has half the columns and half the rows.
+// How the samples of a picture lie in memory. nv12 has a plane of luma and one of alternating U and
+// V. i420 has three planes. Chroma has half the columns and half the rows.
 enum class PixelLayout { bgra, rgba, nv12, i420 };
 
 // MatrixCoefficients 6 and 1 of ISO/IEC 23091-2.
@@ -45,7 +45,7 @@ struct PlaneShape {
   std::uint8_t black = 0;      // in limited range
   std::uint8_t fullBlack = 0;  // in full range
 
-  // Of this plane of a picture.
+  // Of this plane in a picture of `size`.
   std::int64_t rowBytes(PictureSize size) const { return size.width / columns * channels; }
   std::int64_t rowCount(PictureSize size) const { return size.height / rows; }
 };
@@ -55,8 +55,8 @@ constexpr bool isRGB(PixelLayout layout) {
   return layout == PixelLayout::bgra || layout == PixelLayout::rgba;
 }
 
-// Bytes that each row of our own pictures is a multiple of. SIMD likes it, and libjpeg writes whole
-// blocks beyond the width.
+// The bytes of a row in our own pictures are a multiple of this. That suits SIMD, and libjpeg
+// writes whole blocks, which may go beyond the width.
 constexpr std::int64_t rowAlignment = 64;
 
 template <typename Byte>
@@ -95,16 +95,16 @@ BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSi
 // The same picture, seen from its last row up.
 PictureView upsideDown(const PictureView& picture);
 
-// The samples of a plane that lie in a rectangle of pixels. A sample that lies there only in part
-// counts: on the edge, chroma is the picture's and not the bar's.
+// The samples of a plane that lie in a rectangle of pixels. A sample that is only partly inside
+// counts as inside. So at the edge, chroma is that of the picture, not that of the black bar.
 PictureRectangle samplesIn(const PictureRectangle& pixels, const PlaneShape& shape);
 
 class ImageConverter {
  public:
   virtual ~ImageConverter() = default;
-  // Fills `area` of `destination` with `source`, resampled to its size. In RGB, red and blue change
-  // places: RGBA becomes BGRA and the reverse. Other layouts stay what they are. False on failure.
-  // State queue only.
+  // Fills `area` of `destination` with `source`, resampled to the size of the area. In RGB, red and
+  // blue are exchanged: RGBA becomes BGRA and the reverse. Other layouts stay the same. False on
+  // failure. State queue only.
   virtual bool convert(const PictureView& source, const Picture& destination,
                        const PictureRectangle& area) = 0;
 };

@@ -17,7 +17,7 @@ constexpr std::int32_t movieTimescale = 60000;  // movie units per second
 constexpr std::int64_t longestSample = std::numeric_limits<std::int32_t>::max();
 
 // Where a sample lies on the movie's timeline, in movie units. The first sample begins at zero,
-// every other one where the one before it ends. A sample lasts 1 to `longestSample` units.
+// every other one at the end of the sample before it. A sample lasts 1 to `longestSample` units.
 struct MovieTiming {
   std::int64_t time = 0;
   std::int64_t duration = 0;
@@ -53,12 +53,13 @@ class MovieWriter {
   virtual MovieExtent extent() const = 0;
   // The samples that survive a power cut.
   virtual MovieExtent synced() const = 0;
-  // After a failure of the disk: drops what waits for it, and completes the file with the samples
-  // that are on it. `handler` runs on any thread, unless writing is cancelled before. It gets the
-  // samples in the file, and whether the file could be completed; if not, it is as it was.
+  // After a failure: drops what waits for the disk, and completes the file with the samples that
+  // are on the disk. `handler` runs on any thread, unless writing is cancelled before. It gets the
+  // samples in the file, and whether the file could be completed.
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
-  // Bytes that the file system has left, as of at most two seconds ago. Empty if it does not say.
+  // Bytes that the file system has left. The figure is renewed after writes, at most once a second.
+  // Empty if the file system does not say.
   virtual std::optional<std::uint64_t> freeBytes() const = 0;
   // Stops writing and leaves the file as it is.
   virtual void cancelWriting() = 0;

@@ -7,7 +7,8 @@
 
 namespace lumora {
 
-// The session of one take and one camera size. While a frame is in flight it may outlive its take.
+// The session of one take and one camera size. While a frame is in flight, the session may outlive
+// its take.
 struct RecordingSession {
   std::shared_ptr<CompressionSession> session;
   std::shared_ptr<MovieRecorder> movie;  // the take that it was made for

@@ -1,4 +1,4 @@
-// The end of a take that fails: what becomes of its file.
+// The end of a take that fails: its file is deleted or kept.
 
 #include <filesystem>
 
@@ -26,13 +26,13 @@ void MovieRecorder::fail(const std::string& message, Cause cause) {
     return tell(TakeState::failed, 0, failure, path);
   }
   if (cause == Cause::disk || !keepAll()) rescue();
-  // A disk that hangs never answers.
+  // If the disk hangs, the writer never answers.
   queue->asyncAfter(rescueTimeout, [self = shared_from_this()] {
     if (!self->isConcluded) self->kept(self->writer->synced(), false);
   });
 }
 
-// Ends the movie with its last sample. False if the disk does not take it.
+// Completes the file with every sample. False if that is impossible.
 bool MovieRecorder::keepAll() try {
   if (!held) return false;
   endMovie(held->time - origin + 1.0 / profile.targetFPS);
@@ -62,7 +62,7 @@ void MovieRecorder::kept(MovieExtent extent, bool isComplete) {
   tell(TakeState::failed, 0, failure, path, more);
 }
 
-// Without a writer this take has made no file: one of that name belongs to somebody else.
+// Without a writer this take has made no file. A file of that name belongs to somebody else.
 void MovieRecorder::removeFile() {
   if (!writer) return;
   writer->cancelWriting();

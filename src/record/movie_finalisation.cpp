@@ -34,7 +34,7 @@ void MovieRecorder::endMovie(double end) {
   });
 }
 
-// Tries one name after the other: a complete movie is never deleted because of its name.
+// Tries one name after the other. A complete movie is never deleted because of its name.
 void MovieRecorder::movieEnded(double end) {
   const bool isComplete = writer->status() == WriterStatus::completed;
   if (failed) return isComplete ? kept(writer->extent(), true) : rescue();

@@ -70,7 +70,7 @@ void MovieRecorder::holdBack(HeldSample next) {
   if (held) {
     next.movieTime = write(*held, next.time, shortestSample);
   } else {
-    // The first sample begins at zero even when it was captured after the take's start.
+    // The first sample begins at zero, even if it was captured after the take's start.
     next.time = origin;
   }
   held = std::move(next);
@@ -105,7 +105,7 @@ std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::i
   if (writer->status() != WriterStatus::writing) {
     throw EncoderFailure::message("recording writer unavailable");
   }
-  // We don't wait: when the disk falls behind by more than the writer's buffer the take fails.
+  // We don't wait. If the disk falls behind by more than the writer's queue, the take fails.
   if (!writer->isReadyForMoreMediaData()) {
     throw EncoderFailure::message("recording disk cannot keep up");
   }
@@ -172,7 +172,7 @@ void MovieRecorder::reportProgress() {
 }
 
 void MovieRecorder::progress() {
-  // After a disk failure `status()` stays `writing` until the next sample.
+  // After a disk failure, `status()` stays `writing` until the next sample.
   if (!accepting || !writer || writer->status() != WriterStatus::writing || writer->error()) return;
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;

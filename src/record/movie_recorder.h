@@ -32,12 +32,12 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void countDropped();                    // a frame was lost before it became a sample
   void countThrottled() { ++throttled; }  // the cadence skipped a frame
   int pendingWork() const { return pending; }
-  // Whether the file system has less than `options.minimumFree` left. Any thread.
+  // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
 
   // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
   void finish(double stop);
-  // State queue. The last event is to say that the take was stopped because it lacks space.
+  // State queue. Makes the "saved" event say that the take was stopped for lack of space.
   void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
   // file is complete, after `rescueTimeout` seconds at most.
@@ -104,7 +104,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   int height = 0;
   bool failed = false;
   std::string failure;       // the reason
-  bool isConcluded = false;  // the last event was told
+  bool isConcluded = false;  // the last event was sent
 
   // State queue only.
   bool waitingIDR = true;

@@ -1,5 +1,4 @@
-// Takes on the state queue: commands, a take's events on their way to the parent, and when a take
-// ends.
+// Takes on the state queue: commands, the events of a take for the parent, and the end of a take.
 
 #include "app/video_encoder.h"
 #include "base/text.h"
@@ -88,8 +87,8 @@ void VideoEncoder::stopTakeWithoutSpace() {
   finishMovieIfReady();
 }
 
-// An abandoned take emits its "failed" event when its file has been deleted. This emits it earlier,
-// because another take begins or the process ends.
+// An abandoned take emits its "failed" event when its file has been deleted or kept. This emits it
+// earlier, because another take begins or the process ends.
 void VideoEncoder::concludeAbandonedTake() {
   if (take.abandoned) tellParent(failedEvent(*take.movieStatus, take.abandonedFor));
 }

@@ -16,10 +16,10 @@ std::optional<double> nextOnGrid(double capturedAt, double deadline, double inte
   return deadline + std::max(1.0, passed) * interval;
 }
 
-// The same for the other rule.
+// The same for `CadenceRule::steady`.
 std::optional<double> nextSteady(double capturedAt, double deadline, double interval) {
   if (capturedAt < deadline - interval / 3) return std::nullopt;
-  // After a pause the deadlines start anew, so no more frames are admitted to catch up.
+  // After a pause the deadlines start again from this frame, so that no burst is admitted.
   return (capturedAt <= deadline + interval ? deadline : capturedAt) + interval;
 }
 

@@ -4,10 +4,10 @@
 
 namespace lumora {
 
-// How a take thins the camera's frames out to its frame rate.
+// How a take reduces the camera's frames to its own frame rate.
 enum class CadenceRule {
-  // A frame is skipped when it comes before the next point of a fixed grid. A camera at the take's
-  // own rate loses some 9 % of its frames: those that jitter makes early.
+  // A frame is skipped if it comes before the next point of a fixed grid. A camera at the take's
+  // own rate loses some 9 % of its frames, those that come early because of jitter.
   grid,
   // A frame may come early by a third of an interval. The parent has to ask for this rule.
   steady,

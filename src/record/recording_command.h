@@ -9,7 +9,7 @@
 
 namespace lumora {
 
-// A command: a JSON object with a text "type" and a UUID "id". Empty when the payload is none.
+// A command: a JSON object with a text "type" and a UUID "id". Empty for any other payload.
 std::optional<Json> parseRecordingCommand(ByteView payload);
 
 // A capture time in uptime seconds: empty unless it is at most 30 s before and 50 ms after `now`.

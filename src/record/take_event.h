@@ -16,7 +16,7 @@ constexpr bool isLast(TakeState state) {
   return state == TakeState::saved || state == TakeState::failed;
 }
 
-// An event of one take: the JSON for the parent, and its state again for our own decisions.
+// An event of one take: the JSON for the parent, and the state in it for our own decisions.
 struct TakeEvent {
   TakeState state;
   Json json;
@@ -41,8 +41,8 @@ struct TakeReport {
 // The event of a take that was accepted. It has thirteen keys, and those that were asked for.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
-// The "failed" event of a take whose recorder can't make one, or not in time. Its figures are those
-// of `last`, the take's latest event.
+// The "failed" event of a take whose recorder can't make one, or would be too late. Its figures are
+// those of `last`, the take's latest event.
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
 // The "failed" event that answers a refused "record_start". It has ten keys.

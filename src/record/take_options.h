@@ -16,7 +16,7 @@ struct TakeOptions {
   std::int64_t bitRate = recordingBitRate;  // bits per second
   int rotation = 0;                         // clockwise degrees: 0, 90, 180 or 270
   bool keepsFailed = false;                 // a take that fails keeps what is on the disk
-  // Bytes that the file system must have left, or the take is stopped.
+  // The take is stopped if its file system has fewer bytes left.
   std::optional<std::int64_t> minimumFree = {};
 
   // Throws EncoderFailure, whose text names the key that has an invalid value.

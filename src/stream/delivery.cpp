@@ -48,7 +48,7 @@ void VideoEncoder::sent(std::uint64_t peerID, std::error_code error) {
 void VideoEncoder::sweepPeers() {
   if (!running) return;
   const double now = uptime();
-  std::vector<std::shared_ptr<Peer>> overdue;  // first, since `remove` changes the map
+  std::vector<std::shared_ptr<Peer>> overdue;  // collected first, since `remove` changes the map
   for (const auto& [id, peer] : preview.peers) {
     if (isOverdue(*peer, now)) overdue.push_back(peer);
   }

@@ -78,7 +78,7 @@ FramePackets prepareFrame(const EncodedSample& sample, std::uint64_t frameID, st
   if (*length < minimumSampleBytes || *length > maximumSampleBytes) {
     throw EncoderFailure::message("encoded sample too large");
   }
-  // Straight to its place in the packet, so that the sample is copied only once.
+  // Copied straight into the packet, so that the sample is copied only once.
   const auto frame = std::make_shared<Bytes>(packetHeaderBytes + *length);
   const MutableByteView payload = MutableByteView(*frame).subspan(packetHeaderBytes);
   const Status status = sample.copyBytes(0, payload);

@@ -14,7 +14,7 @@
 //   | width | height | SPS length | PPS length | SPS | PPS |
 //   +-------+--------+------------+------------+-----+-----+
 //
-// Type 2, frame; its payload is the encoded sample, NAL units behind 4-byte lengths. Pure.
+// Type 2, frame; its payload is the encoded sample: NAL units, each after its 4-byte length. Pure.
 
 #include <cstdint>
 

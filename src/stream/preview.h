@@ -17,7 +17,7 @@ struct SentFrame {
 };
 
 struct Peer {
-  std::uint64_t id = 0;  // its key in `Preview::peers`; no two peers of a run have the same
+  std::uint64_t id = 0;  // its key in `Preview::peers`, used once in a run
   std::shared_ptr<TcpConnection> connection;
   double acceptedAt = 0;  // uptime seconds
   bool authenticated = false;
@@ -37,7 +37,8 @@ struct AcknowledgementFigures {
   double acknowledgementOldest = 0;  // smoothed
   double acknowledgementRTTMaximum = 0;
 
-  // Uptimes at which the acknowledged frame and the oldest unacknowledged one were sent.
+  // `sentAt` is the uptime at which the acknowledged frame was sent, `oldestSentAt` that of the
+  // oldest frame that was unacknowledged until now.
   void record(double sentAt, double oldestSentAt, double now);
 };
 

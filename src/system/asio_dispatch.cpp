@@ -24,7 +24,7 @@ struct AsioQueue::Core {
         context.run();
         return;
       } catch (const std::exception& error) {
-        if (!failed) throw;  // it ends the process
+        if (!failed) throw;  // this ends the process
         failed(reasonOf(error));
       }
     }

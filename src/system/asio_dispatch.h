@@ -14,7 +14,7 @@ namespace lumora {
 class AsioQueue final : public SerialQueue {
  public:
   explicit AsioQueue(const std::string& label);
-  // Doesn't wait. The thread finishes what was enqueued and ends by itself. It may be the caller.
+  // Doesn't wait. The thread runs what was enqueued and ends by itself. It may also be the caller.
   ~AsioQueue() override;
   AsioQueue(const AsioQueue&) = delete;
   AsioQueue& operator=(const AsioQueue&) = delete;

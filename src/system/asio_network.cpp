@@ -124,8 +124,8 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   }
 
  private:
-  // Binds the first resolved address that this machine owns. If it is in use, we fail; we don't try
-  // the next.
+  // Binds the first resolved address that this machine has. Fails if that address is in use, and
+  // does not try the next one.
   bool listenOnFirst(const tcp::resolver::results_type& results) {
     for (const auto& entry : results) {
       try {
@@ -141,8 +141,8 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
     return false;
   }
 
-  // Retries, since the client may be gone already, or descriptors or memory may be short for a
-  // moment.
+  // Retries, since the client may be gone already, or the machine may have run short of descriptors
+  // or memory for a moment.
   void acceptFailed(const error_code& error) {
     if (error == asio::error::bad_descriptor || error == asio::error::invalid_argument) {
       return report(ListenerState::failed);

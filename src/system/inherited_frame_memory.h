@@ -14,20 +14,20 @@ namespace lumora {
 // would raise SIGBUS in us. Standard streams are refused.
 std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor);
 
-// Says in one number which frames the parent may overwrite: those up to the latest one that, like
-// all before it, is no longer read. A frame that is done while an earlier one is still read waits.
+// Computes the release word: the parent may overwrite all frames up to this id. A frame that is
+// done waits for earlier frames that are still read.
 class ReleaseOrder {
  public:
   ReleaseOrder() { frames_.reserve(8); }  // more are never read at once
   // Ids grow.
   void begin(std::uint64_t id);
-  // That number, if it has changed. Never throws.
+  // Frame `id` is no longer read. Returns the release word if it has changed. Never throws.
   std::optional<std::uint64_t> end(std::uint64_t id);
 
  private:
   struct Frame {
     std::uint64_t id;
-    std::uint64_t latest;  // the last done frame that waits for this one, or this one
+    std::uint64_t latest;  // the latest done frame that waits for this one, else `id`
   };
   std::vector<Frame> frames_;  // those that are still read
 };

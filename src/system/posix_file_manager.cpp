@@ -42,7 +42,7 @@ class PosixFileManager final : public FileManager {
     return true;
   }
 
-  // On a disk that hangs the removal hangs, but the caller goes on.
+  // If the disk hangs, the removal hangs, but the caller goes on.
   void remove(const std::string& path) override {
     const auto unlinkNow = [path, name = nameOf(path), pending = pending_] {
       unlink(path.c_str());

@@ -89,8 +89,8 @@ class AsioSignal final : public SignalSource {
 };
 
 #if defined(__SANITIZE_ADDRESS__)
-// Checks twice. While a thread ends, the checker takes memory that the C library is about to free
-// for a leak (such as that of a failed `dlopen`). A real leak is still there the second time.
+// Checks twice. While a thread ends, the checker reports memory that the C library is about to free
+// (such as that of a failed `dlopen`). A real leak is still there the second time.
 void checkForLeaks() {
   if (__lsan_do_recoverable_leak_check() == 0) return;
   usleep(100'000);
@@ -110,8 +110,8 @@ ssize_t PosixProcess::readInput(MutableByteView space) {
     const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
     if (count >= 0) return count;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
-    // Input may be non-blocking. The parent may have made it so, and we make output non-blocking,
-    // which is the same file if both are one socket or terminal.
+    // Input may be non-blocking. The parent may have made it so. We make output non-blocking, which
+    // changes input, too, if both are one socket or terminal.
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     if (poll(&input, 1, -1) < 0) return -errno;
   }
@@ -128,7 +128,7 @@ std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
   return std::make_unique<AsioSignal>(signals_, signal, handler);
 }
 
-// Runs no destructors: they would race the reader, which is blocked in `read`.
+// Runs no destructors, because they would race with the reader, which is blocked in `read`.
 void PosixProcess::exit(int code) {
   const itimerval never{};
   setitimer(ITIMER_REAL, &never, nullptr);

@@ -112,7 +112,7 @@ void Bridge::obey(const StopTake&) {
   if (take_) take_->stop();
 }
 
-// On a thread of its own, since it waits for the disk.
+// Recovers on a thread of its own, since that waits for the disk.
 void Bridge::obey(const RecoverTakes&) {
   if (!camera_ || recovery_.joinable()) return;
   const auto done = posting(&Bridge::takesRecovered);
@@ -125,7 +125,7 @@ void Bridge::obey(const RecoverTakes&) {
   });
 }
 
-// Files that were left are offered again.
+// Offers files again that could not be recovered.
 void Bridge::takesRecovered(const std::vector<std::string>& lines) {
   recovery_ = {};
   const std::size_t count = countInterruptedTakes(folder_);
@@ -229,7 +229,7 @@ void Bridge::end() {
   finish();
 }
 
-// The page gets a moment to read what it was told.
+// Gives the page a moment to read the last messages.
 void Bridge::finish() {
   if (page_) page_->close();
   goodbye_.expires_after(std::chrono::milliseconds(300));

@@ -33,7 +33,7 @@ class Bridge {
  private:
   using Json = nlohmann::json;
 
-  // A function for any thread, which has `method` called on the thread of the context.
+  // Makes a function that any thread may call. `method` then runs on the thread of the context.
   template <typename... Arguments>
   auto posting(void (Bridge::*method)(Arguments...));
 
@@ -69,11 +69,11 @@ class Bridge {
   FrameFlow flow_;
   std::shared_ptr<PageSocket> page_;
 
-  // What a page that comes later has to be told.
+  // Messages for a page that opens later.
   Json session_;
   std::map<std::string, Json> latestEvents_;  // by type
   Json interruption_;                         // of the stream, while it lasts; or null
-  Json interruptedTakes_;                     // in the folder, or what became of them; or null
+  Json interruptedTakes_;                     // and the results of a recovery; or null
   std::vector<std::uint8_t> configuration_;   // the latest packet
 
   std::optional<client::Take> take_;                     // while it runs

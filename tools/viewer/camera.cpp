@@ -34,7 +34,7 @@ void Camera::feed(const std::stop_token& stop) {
       break;
     }
     if (source_->keepsTime()) capturedAt = client::uptime();
-    // A source that was late, as a file is at first, does not catch up.
+    // Frames do not catch up after the source was late. A file is late at first.
     due = std::max(due, Clock::now() - interval) + interval;
     lastID = std::max(lastID + 1, client::frameID(capturedAt));
     helper_.writeFrame(source_->size(), lastID, picture);

@@ -26,10 +26,10 @@ class FrameFlow {
   // Any message of the page: it is not stuck.
   void pageSpoke() { isResponding_ = true; }
   void setVisible(bool visible);
-  // The page's decoder begins anew, and can do nothing with a frame before the next key frame.
+  // The page's decoder has restarted, and needs a key frame first.
   void pageRestarted();
 
-  // Whether this frame goes to the page. If it does not, it is to be acknowledged at once.
+  // Whether this frame goes to the page. If not, the caller acknowledges it at once.
   bool frameCame(std::uint64_t id, bool keyframe, double now);
   // The page has shown this frame, or a newer one in its place. Returns what to acknowledge.
   std::optional<std::uint64_t> shown(std::uint64_t id);
@@ -46,7 +46,7 @@ class FrameFlow {
   };
   bool canShow() const { return isResponding_ && isVisible_; }
 
-  bool isResponding_ = false;  // false: no page, or nothing heard of it since frames were overdue
+  bool isResponding_ = false;  // false: no page, or no message from it since frames were overdue
   bool isVisible_ = true;
   bool needsKeyFrame_ = true;    // always while it can't show a frame
   bool countsWithheld_ = false;  // it has had a frame since it joined or restarted

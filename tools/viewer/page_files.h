@@ -5,7 +5,8 @@
 
 namespace lumora::viewer {
 
-// A part of the page by its name, as it was when the program was built.
+// The contents of a file of the page. The files were embedded when the program was built. Nothing
+// for an unknown name.
 std::optional<std::string_view> pageFile(std::string_view name);
 
 }  // namespace lumora::viewer

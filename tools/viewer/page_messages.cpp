@@ -7,8 +7,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The value of `key`. Throws Json::exception unless it has exactly this type; a std::uint64_t is a
-// whole number from 0 on.
+// The value of `key`. Throws Json::exception unless it has exactly this type. A std::uint64_t must
+// be a whole number, 0 or more.
 template <typename Value>
 const Value& get(const Json& object, const char* key) {
   return object.at(key).get_ref<const Value&>();

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the page may say to the viewer: one JSON object a message. Pure.
+// The messages from the page to the viewer, each one JSON object. Pure.
 
 #include <cstdint>
 #include <optional>

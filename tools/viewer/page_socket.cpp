@@ -58,7 +58,7 @@ void PageSocket::writeNext() {
 
 void PageSocket::close() {
   closing_ = true;
-  if (!outgoing_.empty()) return;  // `writeNext` comes back
+  if (!outgoing_.empty()) return;  // `writeNext` calls this again
   socket_.async_close(websocket::close_code::normal,
                       [self = shared_from_this()](error_code) { self->closed(); });
 }

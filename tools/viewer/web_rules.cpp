@@ -7,7 +7,7 @@
 namespace lumora::viewer {
 namespace {
 
-// Takes equally long wherever the two differ, so that the time tells nothing about the secret.
+// Takes equally long wherever the two differ, so that the time reveals nothing about the secret.
 bool isSame(std::string_view offered, std::string_view expected) {
   if (offered.size() != expected.size()) return false;
   unsigned difference = 0;

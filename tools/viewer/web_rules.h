@@ -16,7 +16,7 @@ class WebRules {
   // `secret` is the first part of every path.
   WebRules(std::uint16_t port, const std::string& secret);
 
-  // The part of `target` behind the secret, without a query; "" is the page itself. Nothing for a
+  // The part of `target` after the secret, without a query; "" is the page itself. Nothing for a
   // request that is refused. A browser sends no origin when somebody opens the address, or when the
   // page loads a part of itself. It always sends one for a "socket".
   std::optional<std::string> resource(std::string_view host, std::optional<std::string_view> origin,

@@ -39,8 +39,8 @@ std::string_view mimeType(std::string_view name) {
   return "text/html; charset=utf-8";
 }
 
-// The fields of every response. The browser runs nothing but our own files in the page, shows it in
-// no other site's frame, and passes its secret address to nobody.
+// The fields of every response. They make the browser run only our own files in the page, never
+// show the page in another site's frame, and never send its secret address elsewhere.
 http::response_header<> makeHeader(Status status, std::string_view type) {
   http::response_header<> header;
   header.version(11);
@@ -65,7 +65,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
               std::shared_ptr<const int> slot)
       : stream_(std::move(socket)), rules_(rules), handlers_(handlers), slot_(std::move(slot)) {}
 
-  // Goes on until the connection ends.
+  // Reads one request after the other until the connection ends.
   void readRequest() {
     parser_.emplace();
     parser_->header_limit(maximumHeaderBytes);

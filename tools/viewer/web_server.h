@@ -1,6 +1,6 @@
 #pragma once
 
-// The page's web server, on the loopback address alone. It serves the page and its parts, the
+// The web server for the page, on the loopback address only. It serves the page and its parts, the
 // movies of this run, and the page's socket. It runs, and calls its handlers, on the thread of its
 // context.
 
@@ -19,13 +19,13 @@ class PageSocket;
 
 struct WebHandlers {
   std::function<void(std::shared_ptr<PageSocket>)> pageJoined;
-  // The file behind a name such as "takes/ID.mp4"; empty when there is none.
+  // Returns the path of a movie by its name, such as "takes/ID.mp4". Empty if there is none.
   std::function<std::filesystem::path(const std::string& name)> movie;
 };
 
 class WebServer {
  public:
-  // Port 0: one that the system chooses. Throws std::system_error.
+  // With port 0 the system chooses a port. Throws std::system_error.
   WebServer(boost::asio::io_context& context, std::uint16_t port, const std::string& secret);
   void start(WebHandlers handlers);
   std::string address() const { return rules_.address(); }
@@ -37,7 +37,7 @@ class WebServer {
   boost::asio::steady_timer retry_;
   const WebRules rules_;
   WebHandlers handlers_;
-  const std::shared_ptr<const int> sessions_ = std::make_shared<int>();  // each session has a copy
+  const std::shared_ptr<const int> sessions_ = std::make_shared<int>();  // one copy per session
 };
 
 }  // namespace lumora::viewer

@@ -25,11 +25,11 @@ struct Stats {
   std::uint64_t droppedClients = 0;
   double encodeMilliseconds = 0;  // of the latest preview frame
 
-  // Frames that a client did not get. In one report a second.
+  // Frames that clients did not get. Only one report a second has these figures.
   struct Delivery {
-    std::uint64_t creditDrops = 0;  // it had too many frames unacknowledged
-    std::uint64_t sendDrops = 0;    // it had not taken the last frame yet
-    std::uint64_t resyncDrops = 0;  // it needed a key frame first
+    std::uint64_t creditDrops = 0;  // the client had too many unacknowledged frames
+    std::uint64_t sendDrops = 0;    // the client had not received the last frame yet
+    std::uint64_t resyncDrops = 0;  // the client needed a key frame first
     std::uint64_t drops() const { return creditDrops + sendDrops + resyncDrops; }
     double roundTripMilliseconds = 0;
   };
@@ -38,23 +38,23 @@ struct Stats {
 
 enum class TakeState { starting, recording, finishing, saved, failed };
 
-// A take at a change of its state, and once a second while it records.
+// Comes when the state of a take changes, and once a second while it records.
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::string path;             // once saved: of the movie, whose name differs if that was taken
+  std::string path;             // as asked for; in `saved`, of the movie, which may differ
   std::string error;            // why it failed, or is saved under another name
   double duration = 0;          // seconds, final from `finishing` on
-  std::uint64_t frames = 0;     // written, also those that a stop in the past cut off again
+  std::uint64_t frames = 0;     // written, even if a stop in the past removed them again
   std::uint64_t dropped = 0;    // lost
   std::uint64_t throttled = 0;  // skipped to keep the target rate
-  // Frames that the file has; of a saved take with `keepFailed`.
+  // Frames in the file of a saved take. Only with `keepFailed`.
   std::optional<std::uint64_t> framesInMovie;
-  // How long the space above `minimumFree` lasts; while a take with that option records.
+  // How long the space above `minimumFree` lasts. Only while a take with that option records.
   std::optional<double> secondsLeft;
-  std::string stoppedFor;  // "minimum_free" if a lack of space has stopped the take
+  std::string stoppedFor;  // "minimum_free" if the take was stopped for lack of space
 
-  // What a failed take has left.
+  // What is left of a failed take.
   struct Kept {
     std::string name;  // of the file, in the folder of the take
     std::uint64_t frames = 0;
@@ -64,7 +64,7 @@ struct Recording {
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
 };
 
-// The helper ends with status 1, and this is why.
+// Why the helper ends with status 1.
 struct Error {
   std::string message;
 };
@@ -72,8 +72,8 @@ struct Error {
 // The helper has ended; the last event.
 struct Exited {
   int status = 0;         // -1: unknown, because SIGCHLD is ignored or other code collected it
-  int signal = 0;         // that ended it; 0: none
-  double cpuSeconds = 0;  // user and system time that it took
+  int signal = 0;         // that ended the helper; 0: none
+  double cpuSeconds = 0;  // user and system time of the helper
   bool isClean() const { return status == 0 && signal == 0; }
 };
 

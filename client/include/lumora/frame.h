@@ -12,7 +12,7 @@
 namespace lumora::client {
 
 // Turns an RGBA picture upside down, in place. A format with `FirstRow::top` makes this
-// unnecessary. Throws std::invalid_argument unless the pixels fit the size.
+// unnecessary. Throws std::invalid_argument if the number of pixels does not match the size.
 LUMORA_CLIENT_EXPORT void flipRows(std::span<std::uint8_t> rgba, FrameSize size);
 
 // A plane of a frame, in bytes.
@@ -23,14 +23,14 @@ struct FramePlane {
   std::size_t rowBytes = 0;
 };
 
-// A plane of a picture to be copied, from `samples` on. A negative stride turns it upside down.
+// A plane of a picture that is copied into a frame. A negative stride turns it upside down.
 struct SourcePlane {
-  const std::uint8_t* samples = nullptr;  // the first row to be copied
+  const std::uint8_t* samples = nullptr;  // the row that is copied first
   std::ptrdiff_t stride = 0;              // bytes from row to row
 };
 
-// Memory of a helper to render a frame into (see helper.h). The helper gets it back when the frame
-// is published or destroyed. May outlive the helper.
+// A buffer of a helper to render a frame into (see helper.h). The helper gets the buffer back when
+// the frame is published or destroyed. A frame may outlive its helper.
 class LUMORA_CLIENT_EXPORT Frame {
  public:
   class Loan;
@@ -43,19 +43,19 @@ class LUMORA_CLIENT_EXPORT Frame {
 
   const FrameFormat& format() const { return format_; }
   FrameSize size() const { return size_; }
-  // The whole picture without padding: for RGBA red, green, blue, alpha of each pixel. For mjpeg
-  // the room that it has. Empty once the frame is published.
+  // The memory for the picture, without padding. For RGBA a pixel is red, green, blue, alpha. For
+  // mjpeg this is the room for the largest picture. Empty once the frame is published.
   std::span<std::uint8_t> pixels() const;
-  // The same memory by planes. None for mjpeg.
+  // The planes in this memory. None for mjpeg.
   std::vector<FramePlane> planes() const;
-  // How many bytes the picture has. Needed for mjpeg, before the frame is published. Throws
-  // std::invalid_argument for a length that the format does not have.
+  // Sets the length of the picture in bytes. An mjpeg frame needs it before it is published. Throws
+  // std::invalid_argument if no picture of this format and size has this length.
   void setLength(std::size_t bytes);
 
-  // Copies a picture with any strides. Throws std::invalid_argument for another number of planes,
-  // for mjpeg, and once the frame is published.
+  // Copies a picture with any strides. Throws std::invalid_argument if the format is mjpeg or has
+  // another number of planes, and if the frame was published.
   void copyFrom(std::span<const SourcePlane> picture);
-  // Copies a picture without padding, and sets its length. Throws as `setLength`.
+  // Copies a picture without padding, and sets its length. Throws what `setLength` throws.
   void copyFrom(std::span<const std::uint8_t> picture);
 
  private:
@@ -70,10 +70,10 @@ class LUMORA_CLIENT_EXPORT Frame {
   std::unique_ptr<Loan> loan_;
 };
 
-// What became of an application's frames.
+// How many frames of the application were written and dropped.
 struct FrameCounts {
   std::uint64_t written = 0;  // to the helper
-  // Every slot was busy, a newer frame replaced them, or the helper had ended.
+  // Because every slot was busy, a newer frame replaced the frame, or the helper had ended.
   std::uint64_t dropped = 0;
 };
 

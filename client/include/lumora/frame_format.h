@@ -17,8 +17,8 @@ struct FrameSize {
   bool operator==(const FrameSize&) const = default;
 };
 
-// `nv12`, `nv21` and `i420` are 4:2:0 in planes, one after the other; `yuyv` and `uyvy` are 4:2:2.
-// `mjpeg` is one JPEG picture a frame, of the frame's size, 4:2:0 or 4:2:2.
+// `nv12`, `nv21` and `i420` are 4:2:0. Their planes follow each other. `yuyv` and `uyvy` are packed
+// 4:2:2. An `mjpeg` frame is one JPEG picture of the frame's size, 4:2:0 or 4:2:2.
 enum class FrameEncoding { rgba, bgra, rgb24, bgr24, nv12, nv21, i420, yuyv, uyvy, mjpeg };
 enum class FirstRow { top, bottom };
 enum class ColourMatrix { bt601, bt709 };
@@ -28,14 +28,14 @@ enum class ColourRange { limited, full };
 struct LUMORA_CLIENT_EXPORT FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
   std::optional<FirstRow> firstRow = {};    // empty: bottom for rgba and bgra, top for all others
-  std::optional<ColourMatrix> matrix = {};  // not of RGB and JPEG; empty: bt601
+  std::optional<ColourMatrix> matrix = {};  // not for RGB and JPEG; empty: bt601
   std::optional<ColourRange> range = {};    // the same; empty: limited
 
   bool operator==(const FrameFormat&) const = default;
 
   // The value of TAVO_FRAME_FORMAT.
   std::string text() const;
-  // Of a picture, without padding; for mjpeg the most that one may have.
+  // The bytes of a picture without padding. For mjpeg, the most that a picture may have.
   std::size_t bytes(FrameSize size) const;
 };
 

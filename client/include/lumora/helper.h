@@ -1,8 +1,8 @@
 #pragma once
 
 // A helper process for a camera application: frames and takes go in, events come out. Only the
-// constructor, `stop` and the destructor wait for the helper, so the camera never does: a frame
-// that the helper can't take in time is dropped whole, and counted. Any thread.
+// constructor, `stop` and the destructor wait for the helper. Feeding it never waits: if the helper
+// is busy, the whole frame is dropped and counted. Any thread.
 
 #include <cstdint>
 #include <functional>
@@ -33,22 +33,22 @@ struct HelperOptions {
   std::vector<std::string> arguments = {};              // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // added to the application's own
   FrameTransport frames = FrameTransport::memory;       // falls back to the pipe
-  // The size of the frames to come, if it is known: their memory is touched while the helper
-  // starts, so that the first frames are not late. Frames of other sizes are taken as well.
+  // The size of the frames, if it is known. Their memory is then touched while the helper starts,
+  // so that the first frames are not late. Frames may also have other sizes.
   std::optional<FrameSize> frameSize = {};
   FrameFormat format = {};  // of all frames; by default RGBA, the bottom row first
 };
 
-// The helper could not be started, or did not become ready. The message is meant for people.
+// The helper could not be started, or did not become ready. The message is for people.
 struct LUMORA_CLIENT_EXPORT StartError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
 class LUMORA_CLIENT_EXPORT Helper {
  public:
-  // Called for each event, one at a time, on a thread of the library's own, and possibly before the
-  // constructor has returned. It must not throw, stop or destroy the helper, or wait for the end of
-  // a take.
+  // Called for each event, one at a time, on a thread of the library. The first calls may come
+  // before the constructor has returned. The handler must not throw, stop or destroy the helper, or
+  // wait for the end of a take.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper and waits until it is ready. Throws StartError, or std::invalid_argument for an
@@ -59,22 +59,22 @@ class LUMORA_CLIENT_EXPORT Helper {
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
 
-  // The port of its stream, on the loopback address unless an argument says otherwise.
+  // The port for stream clients, on the loopback address unless an argument names another one.
   std::uint16_t port() const;
   const std::string& token() const;
   int pid() const;
-  // The one in use.
+  // The transport in use: the pipe if memory could not be shared.
   FrameTransport frameTransport() const;
 
-  // Memory for the next frame; empty when every slot is busy: skip this frame. Throws
+  // Memory for the next frame. Empty if every slot is busy: skip this frame then. Throws
   // std::invalid_argument for an unsupported size.
   std::optional<Frame> acquireFrame(FrameSize size);
-  // Hands a frame over. At most one waits; a newer one replaces it. Throws std::invalid_argument
-  // for an id that is not above the last one (see `frameID`), for a frame of another format or one
-  // that was published before, and for mjpeg without a length.
+  // Passes a frame to the helper. At most one frame waits; a newer one replaces it. Throws
+  // std::invalid_argument for an id that is not above the last one (see `frameID`), for a frame of
+  // another format or one that was published before, and for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
-  // Publishes a copy of a picture, without padding; false when every slot is busy and it was
-  // skipped. Throws std::invalid_argument as `acquireFrame`, `Frame::setLength` and `publish`.
+  // Publishes a copy of a picture without padding. False if it was skipped because every slot is
+  // busy. Throws what `acquireFrame`, `Frame::setLength` and `publish` throw.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
 
@@ -85,8 +85,9 @@ class LUMORA_CLIENT_EXPORT Helper {
 
   // How the helper ended; empty while it runs.
   std::optional<Exited> exited() const;
-  // Closes the helper's input, so that it saves a running take and ends. If it does not, sends
-  // SIGTERM after 2.5 s and SIGKILL after 5 s. When this returns, every event has been handled.
+  // Closes the helper's input, so that the helper saves a running take and ends. If it does not
+  // end, `stop` sends SIGTERM after 2.5 s and SIGKILL after 5 s. When `stop` returns, every event
+  // has been handled.
   Exited stop();
 
  private:

@@ -27,8 +27,8 @@ struct Packet {
 class LUMORA_CLIENT_EXPORT PacketParser {
  public:
   void feed(std::span<const std::uint8_t> bytes);
-  // The next packet; empty until all of its bytes have come. Throws std::runtime_error for a length
-  // or a type that no helper sends.
+  // The next packet; empty until all of its bytes have arrived. Throws std::runtime_error for a
+  // length or a type that no helper sends.
   std::optional<Packet> next();
 
  private:
@@ -50,13 +50,13 @@ struct StreamConfiguration {
 // Throws std::runtime_error when the payload is not a configuration.
 LUMORA_CLIENT_EXPORT StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
-// The "avcC" record that decoders and containers want beside NAL units with lengths of four bytes
-// (ISO/IEC 14496-15, 5.3.3.1).
+// The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it if NAL units have
+// lengths of four bytes.
 LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> avcDecoderConfiguration(
     const StreamConfiguration& configuration);
 
-// The packet's NAL units behind start codes, as decoders and ".h264" files want them. Throws
-// std::runtime_error on a malformed payload.
+// The packet's NAL units with start codes, for decoders and ".h264" files. Throws
+// std::runtime_error if the payload is malformed.
 LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> toAnnexB(const Packet& packet);
 
 }  // namespace lumora::client

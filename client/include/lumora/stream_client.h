@@ -28,14 +28,14 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   bool acknowledge(std::uint64_t frameID);
   bool sendText(const std::string& text);
 
-  // The next packet; empty when none came in time, or when the helper has closed the connection
-  // (see `isClosed`). Throws std::runtime_error for bytes that no helper sends.
+  // The next packet. Empty if none arrived in time, or if the helper has closed the connection (see
+  // `isClosed`). Throws std::runtime_error for bytes that no helper sends.
   std::optional<Packet> receive(double timeoutSeconds);
   bool isClosed() const;
   // Receives packets until the helper closes the connection (see `isClosed`) or `goesOn` returns
-  // false. Each packet is passed to `handle`, and a frame is acknowledged when `handle` returns,
-  // which has to take less than 80 ms. `goesOn` is called before each packet and ten times a
-  // second. Throws what `receive` and `handle` throw.
+  // false. Passes each packet to `handle`, which has to return within 80 ms, and then acknowledges
+  // the frame. Calls `goesOn` before each packet and ten times a second. Throws what `receive` and
+  // `handle` throw.
   void watch(
       const std::function<void(Packet)>& handle,
       const std::function<bool()>& goesOn = [] { return true; });

@@ -12,33 +12,32 @@ namespace lumora::client {
 
 struct TakeOptions {
   std::string path = {};  // absolute, ends in ".mp4"; nothing may exist there
-  // A profile and its rate: "640x360", "1080x720" or "1920x1080" at 15, 30, 45 or 60. Without both
+  // The size and the rate: "640x360", "1080x720" or "1920x1080" at 15, 30, 45 or 60. Without both,
   // the take is 1080x720 (1080 wide) at 60. The picture is fitted between black bars.
   std::string resolution = {};
   int targetFPS = 0;
-  bool steady = true;                    // takes every frame of a camera at about targetFPS
+  bool steady = true;                    // keeps every frame of a camera at about targetFPS
   std::optional<double> startedAt = {};  // a capture time, at most 30 s ago; empty: now
-  bool keepFailed = true;                // a take that fails keeps what was recorded until then
-  // Bytes that its file system must have left, else the take is stopped and saved; up to 2^53.
+  bool keepFailed = true;                // if the take fails, what was recorded is kept
+  // The take is stopped and saved if its file system has fewer bytes left. Up to 2^53.
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
-  int rotation = 0;                 // how players turn it, clockwise: 0, 90, 180 or 270
+  int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
 };
 
-// A take. It ends exactly once, saved or failed, also when its helper dies. Copies refer to the
-// same take; destroying them does not stop it. Any thread.
+// A take. It ends exactly once, saved or failed, even if its helper dies. Copies refer to the same
+// take. Destroying them does not stop it. Any thread.
 class LUMORA_CLIENT_EXPORT Take {
  public:
   class State;
 
   const std::string& id() const { return id_; }
-  // The file that is written until the take is saved. If the helper is killed, the file stays and
-  // plays.
+  // The path of the file while the take runs. If the helper is killed, the file stays and plays.
   std::string stagingPath() const;
-  // Stops the take at this time, or now. The helper times a frame when it has read it, a little
-  // after its capture, and leaves later ones out. To keep the last frame, stop one frame interval
-  // later. Calling it again does nothing. Throws std::invalid_argument for a time before the start,
-  // more than 30 s ago or more than 50 ms ahead, because the helper would fail the take.
+  // Stops the take at this time, or now. Frames that the helper reads later are left out. It reads
+  // a frame a little after its capture, so stop one frame interval later to keep the last frame.
+  // Calling it again does nothing. Throws std::invalid_argument for a time before the start, more
+  // than 30 s ago or more than 50 ms ahead, because the helper would fail the take.
   void stop(std::optional<double> stoppedAt = std::nullopt);
   // The uptimes at which the take starts and stops.
   double startedAt() const;

@@ -4,7 +4,7 @@ export interface Deferred<Value> {
   reject(error: Error): void;
 }
 
-/** A rejection that nobody handles is ignored. */
+/** A promise that is settled from outside. Node does not report a rejection that nobody handles. */
 export function deferred<Value>(): Deferred<Value> {
   let resolve!: (value: Value) => void;
   let reject!: (error: Error) => void;

@@ -29,7 +29,7 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   encodeInflight: number;
 }
 
-/** Some reports lack these. */
+/** Only one report a second has these. */
 export interface DeliveryStats {
   creditDrops: number;
   sendDrops: number;
@@ -62,7 +62,7 @@ export interface RecordingEvent {
   error: string;
   /** Seconds; final from `finishing` on. */
   duration: number;
-  /** Written, also those that a stop in the past cut off again. */
+  /** Frames written, even if a stop in the past removed them again. */
   frames: number;
   dropped: number;
   width: number;
@@ -77,7 +77,7 @@ export interface RecordingEvent {
   secondsLeft?: number;
   /** The take was stopped because space was short. */
   stoppedFor?: 'minimum_free';
-  /** What a failed take has left: a file in its folder, its frames and its seconds. */
+  /** What is left of a failed take: the name of a file in its folder, its frames and seconds. */
   keptPath?: string;
   keptFrames?: number;
   keptDuration?: number;

@@ -7,7 +7,7 @@ import type { Writable } from 'node:stream';
 import { deferred } from './deferred.js';
 
 /**
- * `written`: the helper has read the frame. If it drops it, it counts it in `droppedRaw`.
+ * `written`: the helper has read the frame. If the helper drops it, `droppedRaw` counts it.
  * `dropped`: a newer frame replaced it, or the helper no longer reads.
  */
 export type FrameOutcome = 'written' | 'dropped';

@@ -1,5 +1,5 @@
-// What the bytes of a frame are. A format or a length that the helper does not accept ends it, so
-// the checks here throw first. Uses none of Node's modules: a page has this file, too.
+// The formats of frames. The helper ends when it gets a format or a length that it does not accept,
+// so the checks here throw first. A page uses this file, too, so it uses none of Node's modules.
 
 /** Pixels; both even. */
 export interface FrameSize {
@@ -7,7 +7,7 @@ export interface FrameSize {
   height: number;
 }
 
-// Of `mjpeg` at most.
+// For `mjpeg`, the most allowed.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,

@@ -125,7 +125,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Returns events from now on; `exit` is the last. A slow reader loses the oldest, counted in `lost`.
+   * Returns the events from now on. `exit` is the last. A slow reader loses the oldest events, and
+   * `lost` counts them.
    */
   events(): EventQueue<HelperEvent> {
     const queue = new EventQueue<HelperEvent>(() => this.#queues.delete(queue));

@@ -20,7 +20,7 @@ export interface LaunchOptions {
   port?: number;
   /** At most 640x360, the default. */
   preview?: { width: number; height: number };
-  /** What every frame is, for example `nv12,bt709`. RGBA, the bottom row first, by default. */
+  /** The format of all frames, for example `nv12,bt709`. By default RGBA, the bottom row first. */
   format?: FrameFormat;
   /** Added to the environment of this process. */
   env?: Record<string, string>;

@@ -21,7 +21,7 @@ interface Plane {
   stride: number;
 }
 
-/** What is used of WebCodecs' VideoFrame. */
+/** The parts of WebCodecs' VideoFrame that are used here. */
 export interface CameraFrame {
   readonly format: string | null;
   readonly colorSpace: { readonly matrix: string | null; readonly fullRange: boolean | null };
@@ -55,8 +55,8 @@ const matrices = new Map([
 ]);
 
 /**
- * The format for `startHelper`; undefined if the helper takes no such pictures. A matrix that the
- * frame does not tell counts as BT.601, and a range as limited, as Chromium draws such frames.
+ * The format for `startHelper`; undefined if the helper does not accept such pictures. Without a
+ * matrix in the frame it has BT.601, without a range limited range, as Chromium draws such frames.
  */
 export function videoFrameFormat({ format, colorSpace }: CameraFrame): FrameFormat | undefined {
   const encoding = yuv.get(format);
@@ -81,9 +81,9 @@ function planesOf(encoding: FrameEncoding, { width, height }: FrameSize): Plane[
 }
 
 /**
- * Copies the visible part of a frame, in even sizes, into `reuse` if that has its length, else into
- * new memory. `format` is the helper's: `rgba,top`, to which the browser converts, or what
- * `videoFrameFormat` says of this frame. Rejects with a TypeError for a frame of another format.
+ * Copies the visible part of a frame, with even sides, into `reuse` if that has the right length,
+ * else into new memory. `format` is the helper's: the result of `videoFrameFormat`, or `rgba,top`,
+ * to which the browser converts. Rejects with a TypeError for a frame of another format.
  */
 export async function copyVideoFrame(
   frame: CameraFrame,

@@ -1,5 +1,5 @@
-// Makes the records that the helper reads from its standard input: a header and a payload. A malformed
-// record ends the helper, so the checks here throw first.
+// Makes the records that the helper reads from its standard input: a header and a payload. A
+// malformed record would end the helper, so the checks here throw first.
 //
 //   0        4       6        8          16
 //   +--------+-------+--------+----------+---------
@@ -14,7 +14,7 @@ const maximumShorterSide = 1080;
 const maximumId = 2n ** 64n - 1n;
 const maximumCommandBytes = 4096;
 
-/** Above 0 and growing from frame to frame. A number must be a safe integer. */
+/** Ids are above 0 and grow from frame to frame. A number must be a safe integer. */
 export type FrameId = number | bigint;
 
 export type Pixels = Uint8Array | Uint8ClampedArray;

@@ -7,22 +7,22 @@ import { promisify } from 'node:util';
 import { findProgram } from './program.js';
 
 export interface RecoveredTake {
-  /** The path of the file before. */
+  /** The file's old path. */
   staging: string;
   /** The path of the movie; empty if there is none. */
   path: string;
-  /** In the movie. */
+  /** Frames in the movie. */
   frames: number;
-  /** Of the movie, in seconds. */
+  /** Seconds of the movie. */
   duration: number;
   /** Why the file keeps its old name; empty if it has a new one. */
   left: string;
 }
 
 /**
- * Makes an ordinary movie of each interrupted take in a folder. Takes that are being recorded are left
- * alone. Needs the program `lumora-recover`, which lies beside the helper; `program` is the helper, as in
- * `startHelper`. Rejects if the folder can't be read.
+ * Makes an ordinary movie of each interrupted take in a folder. Does not touch takes that are being
+ * recorded. Needs the program `lumora-recover` in the helper's folder. `program` is the helper, as
+ * in `startHelper`. Rejects if the folder can't be read.
  */
 export async function recoverTakes(folder: string, program?: string): Promise<RecoveredTake[]> {
   const recover = join(dirname(await findProgram(program)), 'lumora-recover');

@@ -23,7 +23,7 @@ export interface TakeOptions {
   startedAt?: number;
   /** True, the default, keeps what a take has recorded when it fails: see `TakeError`. */
   keepFailed?: boolean;
-  /** Bytes that the file system must have left, up to 2 ** 53. With less the take is stopped and saved. */
+  /** The take is stopped and saved if its file system has fewer bytes left. Up to 2 ** 53. */
   minimumFree?: number;
   /** Bits per second, 250,000 to 50,000,000; 12,000,000 by default. */
   bitRate?: number;
@@ -54,7 +54,7 @@ export class Take {
   /** Identifies the take in the helper's events. */
   readonly id: string;
   readonly path: string;
-  /** When the movie begins, by `uptime()`. Align sound with it. */
+  /** When the movie begins, by `uptime()`. Use it to align sound. */
   readonly startedAt: number;
   /**
    * Resolves with the last event when the movie is safe on disk, at the `path` of that event.

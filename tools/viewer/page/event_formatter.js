@@ -1,5 +1,4 @@
-// Turns the helper's events into lines for the event list. An event that says nothing new gives
-// none.
+// Turns the helper's events into lines for the event list. An event without news gives no line.
 
 const line = (text, tone = 'plain') => ({ text, tone });
 
@@ -19,7 +18,7 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  #last = {}; // what tells an event from the one of its type before it
+  #last = {}; // by type: identifies the last event of this type
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {

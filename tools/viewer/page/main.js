@@ -113,7 +113,7 @@ const messages = {
   },
 };
 
-// The first pings come in quick succession, to know the clock soon.
+// The first pings are sent in quick succession, so that the offset of the clocks is known soon.
 function keepPinging(quickOnes) {
   send({ type: 'ping', sent: Math.floor(performance.now() * 1000) });
   nextPing = setTimeout(() => keepPinging(quickOnes - 1), quickOnes > 1 ? 100 : 1000);

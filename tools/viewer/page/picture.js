@@ -12,12 +12,12 @@ export class Picture {
   #config;
   #needsKey = true;
   #chunks = 0;
-  #frameIds = new Map(); // of the frames in the decoder, by chunk number
+  #frameIds = new Map(); // ids of the frames in the decoder, by chunk number
   #newest;
   #drawing = new MessageChannel();
 
-  // Handlers: `shown(frameId)`, and `failed(error)` when the decoder failed. A new decoder starts
-  // at the next key frame.
+  // Handlers: `shown(frameId)`, and `failed(error)` when the decoder failed. The next configuration
+  // then makes a new decoder.
   constructor(handlers) {
     this.#handlers = handlers;
     this.#drawing.port1.onmessage = () => this.#draw();
@@ -32,7 +32,7 @@ export class Picture {
     else if (this.#decoder && (packet.keyframe || !this.#needsKey)) this.#decode(packet);
   }
 
-  // The next packets belong to another stream.
+  // Drops the decoder and its frames, for example because another stream begins.
   reset() {
     if (this.#decoder && this.#decoder.state !== 'closed') this.#decoder.close();
     this.#decoder = undefined;
@@ -69,7 +69,7 @@ export class Picture {
     this.#guard(() => this.#decoder.decode(new EncodedVideoChunk({ type, timestamp, data })));
   }
 
-  // Drawing is a task of its own. When the decoder puts out several frames first, only the newest
+  // Frames are drawn in a later task. If the decoder puts out several before that, only the newest
   // is drawn.
   #keep(frame) {
     if (this.#newest) {
@@ -82,7 +82,7 @@ export class Picture {
   }
 
   #draw() {
-    if (!this.#newest) return; // it was reset
+    if (!this.#newest) return; // `reset` has dropped it
     const { frame, frameId } = this.#newest;
     this.#newest = undefined;
     try {
@@ -98,7 +98,7 @@ export class Picture {
     this.#handlers.shown(frameId);
   }
 
-  // The decoder keeps the order of frames, so those before this one have left it as well.
+  // The decoder puts frames out in order, so earlier frames are not in it any more.
   #takeFrameId(chunk) {
     const frameId = this.#frameIds.get(chunk);
     for (const other of this.#frameIds.keys()) {

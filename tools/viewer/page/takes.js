@@ -76,7 +76,7 @@ export class Takes {
     if (event.state === 'saved') showMovie(event);
   }
 
-  // `count` takes were interrupted. `lines` tell what became of others.
+  // `count` interrupted takes are left. `lines` are the results of a recovery.
   showInterrupted({ count, lines }) {
     element('interrupted').hidden = false;
     element('interrupted-keep').hidden = count === 0;
