@@ -50,7 +50,8 @@ class RawAdmission {
     isNeeded_ = true;
     --commandsAhead_;
   }
-  bool isNeeded() const { return isNeeded_ || commandsAhead_ > 0; }
+  // In this order: a command sets the answer before it is no longer ahead.
+  bool isNeeded() const { return commandsAhead_ > 0 || isNeeded_; }
 
   bool isBusy() const { return isBusy_; }
   std::uint64_t dropped() const { return dropped_; }
