@@ -18,6 +18,7 @@ struct TakeOptions {
   bool keepsFailed = false;                 // a take that fails keeps what is on the disk
   // Bytes that the file system must have left, or the take is stopped.
   std::optional<std::int64_t> minimumFree = {};
+  bool frameLog = false;  // a file beside the movie says what became of each frame
 
   // Throws EncoderFailure, whose text names the key that has an invalid value.
   static TakeOptions parse(const Json& command);
