@@ -21,9 +21,9 @@ struct RecoveredTake {
 std::vector<std::string> findStagingFiles(const std::string& folder);
 
 // Makes the staging file at this absolute path an ordinary movie and gives it its recovery name.
-// `now` is the time of day. Leaves a take that is being recorded, and what holds no picture. A
-// power cut at any moment leaves a file that can be recovered. What is wrong with a file is not
-// thrown.
+// Its log of frames, if it has one, gets the name that goes with it. `now` is the time of day.
+// Leaves a take that is being recorded, and what holds no picture. A power cut at any moment leaves
+// a file that can be recovered. What is wrong with a file is not thrown.
 RecoveredTake recoverTake(const std::string& staging, std::time_t now);
 
 }  // namespace lumora
