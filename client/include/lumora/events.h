@@ -52,7 +52,8 @@ struct Recording {
   std::optional<std::uint64_t> framesInMovie;
   // How long the space above `minimumFree` lasts; while a take with that option records.
   std::optional<double> secondsLeft;
-  std::string stoppedFor;  // "minimum_free" if a lack of space has stopped the take
+  std::string stoppedFor;     // "minimum_free" if a lack of space has stopped the take
+  std::string frameLogError;  // why the log of frames ended early; in the last event of a take
 
   // What a failed take has left.
   struct Kept {

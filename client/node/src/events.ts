@@ -77,6 +77,8 @@ export interface RecordingEvent {
   secondsLeft?: number;
   /** The take was stopped because space was short. */
   stoppedFor?: 'minimum_free';
+  /** Why the log of frames ended early, in the last event of a take. */
+  frameLogError?: string;
   /** What a failed take has left: a file in its folder, its frames and its seconds. */
   keptPath?: string;
   keptFrames?: number;
