@@ -76,6 +76,7 @@ std::optional<Recording> readRecording(const Json& event) {
   recording.framesInMovie = find<std::uint64_t>(event, "frames_in_movie");
   recording.secondsLeft = find<double>(event, "seconds_left");
   read(event, "stopped_for", recording.stoppedFor);
+  read(event, "frame_log_error", recording.frameLogError);
   Recording::Kept kept;
   read(event, "kept_path", kept.name);
   read(event, "kept_frames", kept.frames);

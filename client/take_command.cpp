@@ -56,6 +56,7 @@ std::string startCommand(const std::string& id, const TakeOptions& options, doub
   if (options.minimumFree) command["minimum_free"] = *options.minimumFree;
   if (options.bitRate) command["bit_rate"] = *options.bitRate;
   if (options.rotation != 0) command["rotation"] = options.rotation;
+  if (options.frameLog) command["frame_log"] = true;
   return text(command);
 }
 

@@ -81,6 +81,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   bool readExactly(MutableByteView space);  // false when the input ends first
   void readCommand(const RecordHeader& header);
   void readFrame(const RecordHeader& header);
+  void logDropped(const ReadFrame& frame);
   RecordPicture readPicture(const RecordHeader& header);
   RecordPicture sharedPicture(const RecordHeader& header);
   PictureMemory allocatePicture(std::size_t bytes);
@@ -112,7 +113,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void encodeRecording(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie,
                        const std::shared_ptr<RawEncodingCompletion>& completion);
   void prepareRecordingSession(const RawFrame& frame, const std::shared_ptr<MovieRecorder>& movie);
-  void recordingEncoded(const std::shared_ptr<MovieRecorder>& movie, double capturedAt,
+  void recordingEncoded(const std::shared_ptr<MovieRecorder>& movie, const ReadFrame& frame,
                         const Encoded& encoded);
 
   // stream/
@@ -161,6 +162,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // it when it handles the command. Without a free slot the reader waits, at most
   // `commandSlotTimeout`.
   std::counting_semaphore<> commandSlots{maximumPendingCommands};
+
+  // input/: any thread. Dropped frames that the state queue has not logged yet.
+  std::atomic<int> dropsAhead = 0;
 
   // input/: reader thread only.
   std::uint64_t lastFrameID = 0;

@@ -16,6 +16,7 @@ constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error te
 constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
 
 constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not yet handled
+constexpr int maximumDropsAhead = 1000;                // dropped frames that are not logged yet
 constexpr std::chrono::seconds commandSlotTimeout{2};  // how long the reader waits for a free slot
 
 constexpr std::size_t maximumAuthenticatedPeers = 2;

@@ -31,6 +31,8 @@ std::string recoveryPath(const std::string& path, const std::string& id) {
   return wanted.parent_path() / (wanted.stem().string() + ".recovered-" + id + ".mp4");
 }
 
+std::string frameLogPath(const std::string& movie) { return movie + ".frames.csv"; }
+
 std::optional<std::string> recoveryPathOf(const std::string& staging) {
   constexpr std::size_t added = 1 + uuidLength + stagingEnding.size();
   if (staging.size() < added) return std::nullopt;

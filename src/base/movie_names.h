@@ -13,6 +13,8 @@ bool isUUID(const std::string& text);
 
 std::string stagingPath(const std::string& path, const std::string& id);
 std::string recoveryPath(const std::string& path, const std::string& id);
+// Of the log of the frames of the movie that now has this path.
+std::string frameLogPath(const std::string& movie);
 
 // The recovery path for a file of this staging path; nothing for any other path.
 std::optional<std::string> recoveryPathOf(const std::string& staging);

@@ -6,6 +6,8 @@ namespace lumora {
 
 void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !take.movie)) return releaseRaw();
+  const auto undecodable = frame.rgba ? std::nullopt : std::optional(FrameOutcome::undecodable);
+  take.logFrame({frame.id, frame.capturedAt}, undecodable);
   const auto movie = take.recordingTake();
   const bool hasClients = preview.countClients() > 0;
   const bool isNeeded = movie || hasClients;

@@ -13,8 +13,9 @@ namespace lumora {
 void VideoEncoder::encodeRecording(const RawFrame& frame,
                                    const std::shared_ptr<MovieRecorder>& movie,
                                    const std::shared_ptr<RawEncodingCompletion>& completion) {
-  if (movie->startedAt && frame.capturedAt < *movie->startedAt) return movie->countDropped();
-  if (!movie->cadence.admit(frame.capturedAt)) return movie->countThrottled();
+  if (movie->startedAt && frame.capturedAt < *movie->startedAt)
+    return movie->countDropped(frame.id, FrameOutcome::beforeStart);
+  if (!movie->cadence.admit(frame.capturedAt)) return movie->countThrottled(frame.id);
   try {
     prepareRecordingSession(frame, movie);
     RecordingSession& recording = take.recording;
@@ -22,7 +23,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
     ++recording.ordinal;
     submit(*recording.session, std::move(buffer), {recording.ordinal, movie->profile.targetFPS},
            std::exchange(recording.forceIDR, false), completion, "camera frame submission",
-           weakly(&VideoEncoder::recordingEncoded, movie, frame.capturedAt));
+           weakly(&VideoEncoder::recordingEncoded, movie, ReadFrame{frame.id, frame.capturedAt}));
   } catch (const std::exception& failure) {
     take.abandon(reasonOf(failure));
   }
@@ -41,20 +42,20 @@ void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
   }
 }
 
-void VideoEncoder::recordingEncoded(const std::shared_ptr<MovieRecorder>& movie, double capturedAt,
-                                    const Encoded& encoded) {
+void VideoEncoder::recordingEncoded(const std::shared_ptr<MovieRecorder>& movie,
+                                    const ReadFrame& frame, const Encoded& encoded) {
   if (!running || take.movie != movie) return;  // the take has ended
   take.recordingEncodeMilliseconds = millisecondsSince(encoded.submitted);
   try {
     if (encoded.status == 0 && (encoded.infoFlags & infoFrameDropped) != 0) {
-      movie->countDropped();
+      movie->countDropped(frame.id, FrameOutcome::encoder);
       take.recording.forceIDR = true;
       return;
     }
     encoded.require("camera encoding");
     const bool keyframe = recordingKeyframe(*encoded.sample);
     ++take.recordingEncodedFrames;
-    if (!movie->append(encoded.sample, capturedAt, keyframe)) {
+    if (!movie->append(encoded.sample, frame, keyframe)) {
       take.recording.forceIDR = true;
     }
     take.maximumMovieWorkObserved =

@@ -50,7 +50,12 @@ class RawAdmission {
     isNeeded_ = true;
     --commandsAhead_;
   }
-  bool isNeeded() const { return isNeeded_ || commandsAhead_ > 0; }
+  // In this order: a command sets the answer before it is no longer ahead.
+  bool isNeeded() const { return commandsAhead_ > 0 || isNeeded_; }
+
+  // Whether the state queue is to hear of frames that are dropped when they are read.
+  void setLogged(bool isLogged) { isLogged_ = isLogged; }
+  bool isLogged() const { return commandsAhead_ > 0 || isLogged_; }
 
   bool isBusy() const { return isBusy_; }
   std::uint64_t dropped() const { return dropped_; }
@@ -58,6 +63,7 @@ class RawAdmission {
  private:
   std::atomic<bool> isBusy_ = false;  // a frame is in flight
   std::atomic<bool> isNeeded_ = true;
+  std::atomic<bool> isLogged_ = false;
   std::atomic<int> commandsAhead_ = 0;
   std::atomic<std::uint64_t> dropped_ = 0;
 };

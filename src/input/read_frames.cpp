@@ -66,7 +66,7 @@ void VideoEncoder::readFrame(const RecordHeader& header) {
   RecordPicture picture = isReference ? sharedPicture(header) : readPicture(header);
   lastFrameID = header.id;
   RawFrame frame{header.width, header.height, header.id, {}, uptime()};
-  if (!raw.admit()) return;
+  if (!raw.admit()) return logDropped({frame.id, frame.capturedAt});
   try {
     givePicture(frame, std::move(picture));
     platform.stateQueue->async(weakly(&VideoEncoder::encode, std::move(frame)));
@@ -74,6 +74,19 @@ void VideoEncoder::readFrame(const RecordHeader& header) {
     raw.release();  // otherwise the take that this failure ends would wait for the frame
     throw;
   }
+}
+
+// The state queue knows which frames were read before and after this one. When it stands still, a
+// bounded number of frames waits, and the log ends with the last of them.
+void VideoEncoder::logDropped(const ReadFrame& frame) {
+  if (!raw.isLogged() || dropsAhead == maximumDropsAhead) return;
+  const bool isLast = ++dropsAhead == maximumDropsAhead;
+  platform.stateQueue->async(weakly([frame, isLast](VideoEncoder& self) {
+    --self.dropsAhead;
+    const auto& movie = self.take.movie;
+    if (isLast && movie && movie->log) movie->log->giveUp();
+    self.take.logFrame(frame, FrameOutcome::busy);
+  }));
 }
 
 RecordPicture VideoEncoder::readPicture(const RecordHeader& header) {

@@ -144,6 +144,18 @@ void HybridMovieWriter::rescue(RescueHandler handler) {
       });
 }
 
+bool HybridMovieWriter::openLog(const std::string& path, TakeLines takeLines, std::string& error) {
+  int code = 0;
+  auto sink = createFile(path, code);
+  if (sink)
+    disk_->openLog(std::move(sink), std::move(takeLines));
+  else
+    error = reasonOf(code);
+  return code == 0;
+}
+
+std::optional<std::string> HybridMovieWriter::logError() const { return disk_->logError(); }
+
 std::optional<std::uint64_t> HybridMovieWriter::freeBytes() const { return disk_->freeBytes(); }
 
 void HybridMovieWriter::cancelWriting() {

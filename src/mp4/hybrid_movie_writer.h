@@ -40,6 +40,8 @@ class HybridMovieWriter final : public MovieWriter {
   MovieExtent extent() const override;
   MovieExtent synced() const override;
   void rescue(RescueHandler handler) override;
+  bool openLog(const std::string& path, TakeLines takeLines, std::string& error) override;
+  std::optional<std::string> logError() const override;
   std::optional<std::uint64_t> freeBytes() const override;
   void cancelWriting() override;
 

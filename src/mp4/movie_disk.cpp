@@ -1,11 +1,17 @@
 #include "mp4/movie_disk.h"
 
+#include <system_error>
 #include <utility>
 
 #include "base/text.h"
 #include "base/thread.h"
 
 namespace lumora {
+namespace {
+
+constexpr std::chrono::milliseconds logInterval{500};
+
+}  // namespace
 
 std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   std::shared_ptr<MovieDisk> disk(new MovieDisk);
@@ -14,6 +20,11 @@ std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   startThread("lumora.disk",
               [disk, sink = std::move(sink)]() mutable { disk->run(std::move(sink)); });
   return disk;
+}
+
+void MovieDisk::openLog(std::unique_ptr<ByteSink> sink, MovieWriter::TakeLines takeLines) {
+  const std::lock_guard hold(mutex_);
+  log_ = std::make_unique<Log>(Log{std::move(sink), std::move(takeLines)});
 }
 
 void MovieDisk::write(Bytes head, Bytes body, std::uint64_t ending) {
@@ -95,6 +106,11 @@ std::optional<std::string> MovieDisk::error() const {
   return error_;
 }
 
+std::optional<std::string> MovieDisk::logError() const {
+  const std::lock_guard hold(mutex_);
+  return logError_;
+}
+
 std::size_t MovieDisk::queuedBytes() const {
   const std::lock_guard hold(mutex_);
   return queuedBytes_;
@@ -136,21 +152,42 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   for (;;) {
     Job job;  // destroyed after the lock is released: its handler may own the writer, which locks
     std::unique_lock hold(mutex_);
-    changed_.wait(hold, [this] { return !jobs_.empty() || cancelled_; });
+    const auto isWanted = [this] { return !jobs_.empty() || cancelled_; };
+    if (log_)
+      changed_.wait_for(hold, logInterval, isWanted);
+    else
+      changed_.wait(hold, isWanted);
     if (cancelled_) return;
-    job = std::move(jobs_.front());
-    jobs_.pop_front();
+    if (!jobs_.empty()) {
+      job = std::move(jobs_.front());
+      jobs_.pop_front();
+    }
     const bool skipped = status_ != WriterStatus::writing && !job.isRescue;
     hold.unlock();
     try {
-      if (!skipped) job.step(*sink);
+      if (job.step && !skipped) job.step(*sink);
     } catch (const std::exception& error) {
       end(WriterStatus::failed, reasonOf(error));
     }
+    writeLog();
     if (job.handler) job.handler();
     hold.lock();
     queuedBytes_ -= job.bytes;
   }
+}
+
+// Room for all lines is reserved first, so that a full disk cuts none.
+void MovieDisk::writeLog() try {
+  const std::string lines = log_ ? log_->takeLines() : "";
+  if (lines.empty()) return;
+  int error = log_->sink->reserve(lines.size());
+  if (error == 0)
+    error = log_->sink->write({reinterpret_cast<const std::uint8_t*>(lines.data()), lines.size()});
+  if (error != 0) throw std::system_error(error, std::generic_category());
+} catch (const std::exception& error) {
+  log_.reset();
+  const std::lock_guard hold(mutex_);
+  logError_ = reasonOf(error);
 }
 
 // Ends the movie on an error. Returns whether the next step is still wanted.

@@ -20,6 +20,11 @@ class MovieDisk {
   // never wait for the disk.
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
+  // The log of the movie, before the first write. Whenever a job is done, and twice a second, the
+  // I/O thread asks for lines and writes them. An error ends the log only.
+  void openLog(std::unique_ptr<ByteSink> sink, MovieWriter::TakeLines takeLines);
+  std::optional<std::string> logError() const;
+
   // Queues `head`, followed by `body`. Both are on the disk before the next write. Room for another
   // `ending` bytes is reserved after them.
   void write(Bytes head, Bytes body, std::uint64_t ending);
@@ -62,6 +67,13 @@ class MovieDisk {
   bool proceeds(int error);
   void end(WriterStatus status, std::optional<std::string> message);
   void written(const ByteSink& sink);
+  void writeLog();
+
+  struct Log {
+    std::unique_ptr<ByteSink> sink;
+    MovieWriter::TakeLines takeLines;
+  };
+  std::unique_ptr<Log> log_;  // set before the first job, then of the I/O thread only
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
@@ -73,6 +85,7 @@ class MovieDisk {
   bool cancelled_ = false;
   WriterStatus status_ = WriterStatus::writing;
   std::optional<std::string> error_;
+  std::optional<std::string> logError_;
 };
 
 }  // namespace lumora

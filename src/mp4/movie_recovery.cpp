@@ -130,6 +130,7 @@ RecoveredTake recoverTake(const std::string& staging, std::time_t now) {
       throw std::runtime_error("it can't be named " + *recovered + ", but it is a movie now");
     }
     take.path = *recovered;
+    moveUnlessExists(frameLogPath(staging), frameLogPath(*recovered));  // few takes have one
     expectSuccess(syncDirectory(std::filesystem::path(*recovered).parent_path()));
   } catch (const std::exception& error) {
     // A movie that has its name is fine even if the name can't be synced.

@@ -58,6 +58,14 @@ class MovieWriter {
   // samples in the file, and whether the file could be completed.
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
+  // Opens a text file at `path`, which must not exist, before `startWriting`. Until the movie is
+  // complete or cancelled, `takeLines` is called twice a second on another thread, and at the end.
+  // What it returns goes into the file, which never delays or fails the movie. False, with `error`,
+  // if there can be no file.
+  using TakeLines = std::function<std::string()>;
+  virtual bool openLog(const std::string& path, TakeLines takeLines, std::string& error) = 0;
+  // Why the log has ended early.
+  virtual std::optional<std::string> logError() const = 0;
   // Bytes that the file system has left. The figure is renewed after writes, at most once a second.
   // Empty if the file system does not say.
   virtual std::optional<std::uint64_t> freeBytes() const = 0;

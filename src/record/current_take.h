@@ -41,6 +41,8 @@ struct CurrentTake {
   bool hasSessionOfAnotherTake() const { return recording.session && recording.movie != movie; }
   // Waits until the session has encoded its frames, then closes it.
   void resetRecordingSession();
+  // Logs a frame that was read, and what became of it if that is known.
+  void logFrame(const ReadFrame& frame, std::optional<FrameOutcome> outcome) const;
   // Ends the take as failed.
   void abandon(const std::string& reason);
 };

@@ -18,17 +18,19 @@ void MovieRecorder::finishJob(double stop) {
   try {
     if (!held) throw EncoderFailure::message("no camera frames were received for recording");
     const double end = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
-    endMovie(end);
+    endMovie(end, FrameOutcome::afterStop);
     tell(TakeState::finishing, end, "", path);
   } catch (const std::exception& reason) {
-    fail(reasonOf(reason), Cause::disk);
+    fail(reasonOf(reason), FrameOutcome::disk);
   }
 }
 
-// Writes the sample that was held back, and completes the file.
-void MovieRecorder::endMovie(double end) {
+// Writes the sample that was held back, and completes the file. The log ends first, so the disk
+// thread writes all of it before it answers. `rest` is the outcome of frames that have none yet.
+void MovieRecorder::endMovie(double end, FrameOutcome rest) {
   if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
   held.reset();
+  if (log) log->end(rest);
   writer->finishWriting(movieUnits(end), [self = shared_from_this(), end] {
     self->queue->async([self, end] { self->movieEnded(end); });
   });
@@ -39,10 +41,10 @@ void MovieRecorder::movieEnded(double end) {
   const bool isComplete = writer->status() == WriterStatus::completed;
   if (failed) return isComplete ? kept(writer->extent(), true) : rescue();
   if (!isComplete)
-    return fail(writer->error().value_or("recording finalization failed"), Cause::disk);
-  if (platform.files->move(staging, path)) return saved(end, "", path);
+    return fail(writer->error().value_or("recording finalization failed"), FrameOutcome::disk);
+  if (moveTo(path)) return saved(end, "", path);
   const std::string recovery = recoveryPath(path, id);
-  if (platform.files->move(staging, recovery)) {
+  if (moveTo(recovery)) {
     return saved(
         end, "Final filename was unavailable. Completed video saved at the recovery path shown.",
         recovery);
@@ -51,6 +53,14 @@ void MovieRecorder::movieEnded(double end) {
         "Final filename was unavailable. Completed video preserved at the staging path shown; "
         "rename it to .mp4.",
         staging);
+}
+
+// Renames the movie, and its log behind it. False if the movie can't have this name.
+bool MovieRecorder::moveTo(const std::string& name) {
+  if (!platform.files->move(staging, name)) return false;
+  if (hasLogFile && !platform.files->move(frameLogPath(staging), frameLogPath(name)))
+    logFailure = "the final name was unavailable";
+  return true;
 }
 
 void MovieRecorder::saved(double end, const std::string& error, const std::string& outputPath) {

@@ -28,29 +28,38 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
       profile(takeProfile),
       options(asked),
       staging(stagingPath(path, id)),
+      log(options.frameLog ? std::make_shared<FrameLog>() : nullptr),
       cadence{profile.targetFPS, asked.cadence, std::nullopt},
       platform(services),
       queue(services.dispatch->makeQueue("lumora.movie")),
       report(std::move(relay)) {}
 
-bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, double capturedAt,
+bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame,
                            bool keyframe) {
-  if (!accepting || pending >= maximumPending || (waitingIDR && !keyframe)) {
-    countDropped();
+  using enum FrameOutcome;
+  const bool isLate = pending >= maximumPending;
+  if (!accepting || isLate || (waitingIDR && !keyframe)) {
+    countDropped(frame.id, isLate ? disk : accepting ? waitingForKeyFrame : afterStop);
     return false;
   }
   waitingIDR = false;
   ++pending;
-  queue->async(
-      [self = shared_from_this(), next = HeldSample{std::move(sample), keyframe, capturedAt}] {
-        self->writeJob(next);
-      });
+  queue->async([self = shared_from_this(),
+                next = HeldSample{std::move(sample), frame.id, keyframe, frame.capturedAt}] {
+    self->writeJob(next);
+  });
   return true;
 }
 
-void MovieRecorder::countDropped() {
+void MovieRecorder::countDropped(std::uint64_t frame, FrameOutcome why) {
   ++dropped;
   waitingIDR = true;
+  if (log) log->settle(frame, why);
+}
+
+void MovieRecorder::countThrottled(std::uint64_t frame) {
+  ++throttled;
+  if (log) log->settle(frame, FrameOutcome::throttled);
 }
 
 void MovieRecorder::writeJob(HeldSample next) {
@@ -58,7 +67,7 @@ void MovieRecorder::writeJob(HeldSample next) {
     try {
       holdBack(std::move(next));
     } catch (const std::exception& reason) {
-      fail(reasonOf(reason), Cause::disk);
+      fail(reasonOf(reason), FrameOutcome::disk);
     }
   }
   --pending;
@@ -83,6 +92,8 @@ void MovieRecorder::prepare(const HeldSample& first) {
                       !platform.files->isNameUsed(path) && !platform.files->isNameUsed(staging) &&
                       format;
   if (!usable) throw EncoderFailure::message("invalid or existing recording destination");
+  if (log && platform.files->isNameUsed(frameLogPath(path)))
+    throw EncoderFailure::message("frame log exists");
   width = format->width();
   height = format->height();
   std::string error;
@@ -91,12 +102,27 @@ void MovieRecorder::prepare(const HeldSample& first) {
   checkSpace();
   if (spaceIsShort) throw EncoderFailure::message("not enough free space");
   if (!writer->canAdd(*format)) throw EncoderFailure::message("recording format unavailable");
+  openLog();
   if (!writer->startWriting(format, options.rotation)) {
     throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
   }
   origin = startedAt.value_or(first.time);
   lastProgressReport = platform.clock->uptime();
   tell(TakeState::recording, 0, "", path);
+}
+
+// The take goes on without it.
+void MovieRecorder::openLog() {
+  if (!log) return;
+  const auto takeLines = [log = log] { return log->takeLines(); };
+  hasLogFile = writer->openLog(frameLogPath(staging), takeLines, logFailure);
+}
+
+std::optional<std::string> MovieRecorder::logError() const {
+  if (!log) return std::nullopt;
+  if (!logFailure.empty()) return logFailure;
+  if (auto error = writer ? writer->logError() : std::nullopt) return error;
+  return log->isIncomplete() ? std::optional("too many frames waited") : std::nullopt;
 }
 
 // Writes a sample that lasts until uptime `until`, but at least `shortest` movie units. Returns
@@ -115,6 +141,10 @@ std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::i
     throw EncoderFailure::status("recording sample append", 0);
   }
   ++frames;
+  if (log) {
+    const double stands = static_cast<double>(timing.time) / movieTimescale;
+    log->settle(sample.id, FrameOutcome::written, stands);
+  }
   const double now = platform.clock->uptime();
   recentWrites.push_back(now);
   if (options.minimumFree) recentBytes.emplace_back(now, sample.sample->dataLength().value_or(0));
@@ -148,6 +178,9 @@ Json MovieRecorder::spaceLeft() {
 void MovieRecorder::tell(TakeState state, double duration, const std::string& error,
                          const std::string& outputPath, const Json& more) {
   isConcluded = isLast(state);
+  Json asked = more;
+  if (const auto problem = isConcluded ? logError() : std::nullopt)
+    asked["frame_log_error"] = *problem;
   const double now = platform.clock->uptime();
   std::erase_if(recentWrites, [now](double written) { return written <= now - 1.0; });
   TakeEvent event = makeTakeEvent({.id = id,
@@ -162,7 +195,7 @@ void MovieRecorder::tell(TakeState state, double duration, const std::string& er
                                    .width = width,
                                    .height = height,
                                    .error = error,
-                                   .more = more});
+                                   .more = std::move(asked)});
   platform.stateQueue->async(
       [self = shared_from_this(), event = std::move(event)] { self->report(event, self); });
 }

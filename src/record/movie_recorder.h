@@ -9,6 +9,7 @@
 #include <deque>
 
 #include "platform/platform.h"
+#include "record/frame_log.h"
 #include "record/recording_profile.h"
 #include "record/take_event.h"
 #include "record/take_options.h"
@@ -27,10 +28,11 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
                 Report relay);
 
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
-  bool append(std::shared_ptr<const EncodedSample> sample, double capturedAt, bool keyframe);
+  bool append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame, bool keyframe);
   void reportProgress();
-  void countDropped();                    // a frame was lost before it became a sample
-  void countThrottled() { ++throttled; }  // the cadence skipped a frame
+  void countDropped(std::uint64_t frame,
+                    FrameOutcome why);       // it was lost before it became a sample
+  void countThrottled(std::uint64_t frame);  // the cadence skipped the frame
   int pendingWork() const { return pending; }
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
@@ -40,8 +42,9 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // State queue. Makes the "saved" event say that the take was stopped for lack of space.
   void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
-  // file is complete, after `rescueTimeout` seconds at most.
-  void abort(const std::string& message);
+  // file is complete, after `rescueTimeout` seconds at most. `cause` is the outcome of the frames
+  // that have none yet.
+  void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
@@ -51,12 +54,14 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   const std::optional<double> startedAt;
   const RecordingProfile profile;
   const TakeOptions options;
-  const std::string staging;  // the file while it is being written
-  RecordingCadence cadence;   // state queue only
+  const std::string staging;            // the file while it is being written
+  const std::shared_ptr<FrameLog> log;  // null unless it was asked for
+  RecordingCadence cadence;             // state queue only
 
  private:
   struct HeldSample {
     std::shared_ptr<const EncodedSample> sample;
+    std::uint64_t id = 0;  // of its frame
     bool keyframe = false;
     double time = 0;             // of its capture, uptime seconds
     std::int64_t movieTime = 0;  // where it begins in the movie
@@ -73,18 +78,21 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void checkSpace();
   Json spaceLeft();
   void finishJob(double stop);
-  void endMovie(double end);
+  void endMovie(double end, FrameOutcome rest);
   void movieEnded(double end);
   void saved(double end, const std::string& error, const std::string& outputPath);
+  void openLog();
+  std::optional<std::string> logError() const;
+  bool moveTo(const std::string& name);
 
   // Ends the take as failed. If the disk has failed, only what is on it can be kept; otherwise
-  // every sample can.
-  enum class Cause { disk, other };
-  void fail(const std::string& message, Cause cause);
-  bool keepAll();
+  // every sample can. `cause` is the outcome of the frames that have none yet.
+  void fail(const std::string& message, FrameOutcome cause);
+  bool keepAll(FrameOutcome rest);
   void rescue();
   void kept(MovieExtent extent, bool isComplete);
   void removeFile();
+  void removeLog();
 
   const Platform platform;
   const std::shared_ptr<SerialQueue> queue;
@@ -104,6 +112,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   int height = 0;
   bool failed = false;
   std::string failure;       // the reason
+  bool hasLogFile = false;   // beside the movie, under the name that goes with the movie's
+  std::string logFailure;    // why the log has no file, or no final name
   bool isConcluded = false;  // the last event was sent
 
   // State queue only.

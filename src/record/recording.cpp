@@ -42,6 +42,7 @@ void VideoEncoder::startRecording(const Json& command) {
   try {
     take.movie = std::make_shared<MovieRecorder>(id, *path, startedAt, *profile, options, platform,
                                                  weakly(&VideoEncoder::relayRecording));
+    raw.setLogged(options.frameLog);
     platform.encoders->openAhead(take.movie->sessionSettings());
   } catch (const std::exception& error) {
     tellParent(failedEvent(*take.movieStatus, reasonOf(error)));
@@ -56,7 +57,7 @@ void VideoEncoder::stopRecording(const Json& command) {
   if (const Json* value = findValue(command, "stopped_at")) {
     const auto named = recordingTimestamp(*value, now);
     if (!named || (movie->startedAt && *movie->startedAt > *named)) {
-      return movie->abort("recording stop time is invalid");
+      return movie->abort("recording stop time is invalid", FrameOutcome::afterStop);
     }
     stop = *named;
   }
@@ -106,6 +107,7 @@ void VideoEncoder::takeEnded() {
   take.movie.reset();
   take.movieFinishing = false;
   take.pendingMovieStop.reset();
+  raw.setLogged(false);
   if (!raw.isBusy()) take.resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
 }
@@ -123,7 +125,12 @@ void CurrentTake::abandon(const std::string& reason) {
   abandonedFor = reason;
   abandoned = std::exchange(movie, nullptr);
   pendingMovieStop.reset();
-  abandoned->abort(reason);
+  abandoned->abort(reason, FrameOutcome::encoder);
+}
+
+void CurrentTake::logFrame(const ReadFrame& frame, std::optional<FrameOutcome> outcome) const {
+  if (movie && movie->log)
+    movie->log->note(frame, isStopping() ? FrameOutcome::afterStop : outcome);
 }
 
 }  // namespace lumora

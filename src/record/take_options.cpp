@@ -46,6 +46,10 @@ TakeOptions TakeOptions::parse(const Json& command) {
     options.keepsFailed = true;
   }
   options.minimumFree = findInteger(command, "minimum_free", 0, mostMinimumFree);
+  if (const Json* value = findValue(command, "frame_log")) {
+    if (!value->is_boolean()) refuse("frame_log");
+    options.frameLog = value->get<bool>();
+  }
   return options;
 }
 

@@ -18,6 +18,7 @@ struct TakeOptions {
   bool keepsFailed = false;                 // a take that fails keeps what is on the disk
   // The take is stopped if its file system has fewer bytes left.
   std::optional<std::int64_t> minimumFree = {};
+  bool frameLog = false;  // a file beside the movie says what became of each frame
 
   // Throws EncoderFailure, whose text names the key that has an invalid value.
   static TakeOptions parse(const Json& command);

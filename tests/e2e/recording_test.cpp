@@ -9,6 +9,8 @@
 #include <csignal>
 #include <fstream>
 #include <random>
+#include <regex>
+#include <sstream>
 
 #include "tests/e2e/helper_fixture.h"
 
@@ -152,12 +154,49 @@ TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
   }
 }
 
+TEST_F(Recording, LogsWhatBecameOfEveryFrame) {
+  const Event keys = {{"frame_log", true}, {"resolution", "640x360"}, {"target_fps", 30}};
+  start();
+  startTake(keys);
+  feedPaced(60);
+  const Event saved = saveTake();
+  std::istringstream times(outputOf("ffprobe -v error -show_entries packet=pts_time -of csv=p=0 " +
+                                    tools::shellQuoted(path)));
+  std::ifstream log(path + ".frames.csv");
+  const std::regex form(R"((\d+),\d+\.\d{6},([\d.]*),([a-z ]+))");
+  std::uint64_t id = 0;
+  std::uint64_t written = 0;
+  std::smatch fields;
+  std::string line, time;
+  for (std::getline(log, line); std::getline(log, line);) {
+    ASSERT_TRUE(std::regex_match(line, fields, form)) << line;
+    EXPECT_EQ(fields[1], std::to_string(++id));
+    EXPECT_EQ(fields[3] == "written", fields[2] != "") << line;
+    if (fields[3] != "written" || !std::getline(times, time)) continue;
+    EXPECT_NEAR(std::stod(fields[2]), std::stod(time), 1e-5);
+    ++written;
+  }
+  EXPECT_EQ(id, 60u);
+  EXPECT_EQ(saved["frames"], written);
+  EXPECT_EQ(countFrames(path), written);
+  turnTo(folder / "existing.mp4");
+  std::ofstream(path + ".frames.csv") << "somebody else's";
+  startTake(keys);
+  feedPaced(5);
+  EXPECT_EQ(waitForTake("failed")["error"], "frame log exists");
+  turnTo(folder / "unlogged.mp4");
+  std::filesystem::create_directory(stagingPath() + ".frames.csv");
+  startTake(keys);
+  feedPaced(5);
+  EXPECT_EQ(saveTake()["frame_log_error"], "File exists");
+}
+
 using Recovery = HelperTest;
 
 TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   const auto recover = [this] { return client::recoverTakes(folder, helperProgram()); };
   start();
-  startTake({{"resolution", "640x360"}, {"target_fps", 60}, {"rotation", 90}});
+  startTake({{"resolution", "640x360"}, {"target_fps", 60}, {"rotation", 90}, {"frame_log", true}});
   feedPaced(90, 60, {320, 180});
   waitForTake("recording");
   EXPECT_EQ(recover().at(0).left, "it is still being recorded");
@@ -172,6 +211,7 @@ TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   path.replace(path.size() - 4, 4, ".recovered-" + takeID + ".mp4");
   EXPECT_EQ(take.path, path);
   EXPECT_EQ(take.left, "");
+  EXPECT_GT(std::filesystem::file_size(path + ".frames.csv"), 1000u);  // 30 lines
   EXPECT_TRUE(recover().empty());
   EXPECT_EQ(decodeErrors(path), "");
   const Event movie = probe(path);
@@ -202,7 +242,7 @@ TEST_F(Disk, AFailureEndsTheTakeAndNothingElse) {
   const Watcher watcher(connectClient());
   const auto expectFailure = [&](const char* reason) {
     turnTo(place / "take.mp4");
-    startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
+    startTake({{"resolution", "1920x1080"}, {"target_fps", 60}, {"frame_log", true}});
     feedPaced(120, 60, {640, 360}, noise());
     EXPECT_EQ(waitForTake("failed")["error"], reason);
     EXPECT_TRUE(std::filesystem::is_empty(place));

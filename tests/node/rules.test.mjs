@@ -122,9 +122,10 @@ test('a take asks for what it is given; a lost take says what it has left', asyn
     { bitRate: 50_000_001 }, { bitRate: 1e6 + 0.5 }, { rotation: 45 }, { rotation: '90' }]) {
     assert.throws(() => takes.start({ path, ...wrong }), RangeError, JSON.stringify(wrong));
   }
-  takes.start({ path, minimumFree: 2 ** 53, bitRate: 250_000, rotation: 270, keepFailed: false });
-  const { minimum_free: free, bit_rate: rate, rotation, on_failure: keep } = sent[0];
-  assert.deepEqual([free, rate, rotation, keep], [2 ** 53, 250_000, 270, undefined]);
+  takes.start({ path, minimumFree: 2 ** 53, bitRate: 250_000, rotation: 270, keepFailed: false,
+    frameLog: true });
+  const { minimum_free: free, bit_rate: rate, rotation, on_failure: keep, frame_log: log } = sent[0];
+  assert.deepEqual([free, rate, rotation, keep, log], [2 ** 53, 250_000, 270, undefined, true]);
   const tell = (index, keys) =>
     takes.handle(parseEvent(JSON.stringify({ type: 'recording', id: sent[index].id, path, ...keys })));
   for (const kept of [{ kept_path: 'b.mp4', kept_frames: 7, kept_duration: 1.5 }, {}]) {
@@ -137,9 +138,10 @@ test('a take asks for what it is given; a lost take says what it has left', asyn
       keptFrames: kept.kept_frames, keptDuration: kept.kept_duration });
   }
   const starting = takes.start({ path });
-  tell(sent.length - 1, { state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free' });
-  const { framesInMovie, stoppedFor } = await (await starting).saved;
-  assert.deepEqual([framesInMovie, stoppedFor], [8, 'minimum_free']);
+  tell(sent.length - 1, { state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free',
+    frame_log_error: 'full' });
+  const { framesInMovie, stoppedFor, frameLogError } = await (await starting).saved;
+  assert.deepEqual([framesInMovie, stoppedFor, frameLogError], [8, 'minimum_free', 'full']);
 });
 
 test('lines are split, bounded and typed; a slow reader of events keeps the newest', async () => {

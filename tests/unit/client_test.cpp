@@ -157,12 +157,14 @@ TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
   const auto other = asked({.keepFailed = false,
                             .minimumFree = std::uint64_t{1} << 53,
                             .bitRate = 250'000,
-                            .rotation = 270});
+                            .rotation = 270,
+                            .frameLog = true});
   EXPECT_FALSE(other.keepsFailed);
   EXPECT_EQ(other.cadence, CadenceRule::steady);
   EXPECT_EQ(other.minimumFree, std::int64_t{1} << 53);
   EXPECT_EQ(other.bitRate, 250'000);
   EXPECT_EQ(other.rotation, 270);
+  EXPECT_TRUE(other.frameLog && !usual.frameLog);
 }
 
 TEST(Events, SayWhatATakeHasLeft) {
@@ -177,7 +179,7 @@ TEST(Events, SayWhatATakeHasLeft) {
   EXPECT_EQ(none.stoppedFor, "");
   const Recording all =
       parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
-            R"("seconds_left":2.5,"stopped_for":"minimum_free")");
+            R"("seconds_left":2.5,"stopped_for":"minimum_free","frame_log_error":"full")");
   ASSERT_TRUE(all.kept);
   EXPECT_EQ(all.kept->name, "a");
   EXPECT_EQ(all.kept->frames, 7u);
@@ -185,6 +187,7 @@ TEST(Events, SayWhatATakeHasLeft) {
   EXPECT_EQ(all.framesInMovie, 8u);
   EXPECT_EQ(all.secondsLeft, 2.5);
   EXPECT_EQ(all.stoppedFor, "minimum_free");
+  EXPECT_EQ(all.frameLogError, "full");
 }
 
 }  // namespace

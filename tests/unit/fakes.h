@@ -326,6 +326,14 @@ struct FakeWriter final : MovieWriter, CanFail {
   MovieExtent extent() const override { return {timings.size(), end}; }
   MovieExtent synced() const override { return onDisk; }
   void rescue(RescueHandler handler) override { rescued = std::move(handler); }
+  bool openLog(const std::string& path, TakeLines lines, std::string& reason) override {
+    logPath = path;
+    takeLines = std::move(lines);
+    const bool isOpen = next("openLog") == 0;
+    if (!isOpen) reason = "Permission denied";
+    return isOpen;
+  }
+  std::optional<std::string> logError() const override { return logProblem; }
   std::optional<std::uint64_t> freeBytes() const override { return free; }
   void cancelWriting() override { state = WriterStatus::cancelled; }
   void complete(WriterStatus outcome) {
@@ -341,6 +349,9 @@ struct FakeWriter final : MovieWriter, CanFail {
   int rotation = -1;
   MovieExtent onDisk;
   RescueHandler rescued;
+  std::string logPath;
+  TakeLines takeLines;
+  std::optional<std::string> logProblem;
   std::optional<std::uint64_t> free;
 };
 

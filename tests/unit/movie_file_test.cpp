@@ -9,6 +9,7 @@
 
 #include "base/big_endian.h"
 #include "mp4/hybrid_movie_writer.h"
+#include "mp4/movie_disk.h"
 #include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
 
@@ -288,6 +289,23 @@ TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
   EXPECT_EQ(read(at("co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
   const auto end = integerBE<std::uint32_t>(bytes, at("moov") - 4);
   EXPECT_EQ(read(placeholderOffset() + 8), movie.disk->size - end - placeholderOffset());
+}
+
+TEST(MovieFile, HasALogThatMayFailAlone) {
+  for (const bool isFull : {false, true}) {
+    const auto logDisk = std::make_shared<Disk>();
+    logDisk->isFull = isFull;
+    const auto movie = MovieDisk::start(std::make_unique<DiskSink>(std::make_shared<Disk>()));
+    movie->openLog(std::make_unique<DiskSink>(logDisk),
+                   [text = std::string("line")]() mutable { return std::exchange(text, ""); });
+    std::promise<void> done;
+    movie->finish({1}, 0, {2}, [&] { done.set_value(); });
+    done.get_future().wait();
+    EXPECT_EQ(movie->status(), WriterStatus::completed);
+    EXPECT_EQ(movie->logError().value_or(""), isFull ? "No space left on device" : "");
+    EXPECT_EQ(asText(logDisk->bytes), isFull ? "" : "line");
+    movie->cancel();
+  }
 }
 
 TEST(MovieFile, SaysThatItsDiskIsSlowAndNeverWaitsForIt) {

@@ -33,7 +33,8 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
   const Json invalid = {{"bit_rate", {249999, 50000001, 1e6 + 0.5, "1000000", nullptr}},
                         {"rotation", {-90, 45, 360, true}},
                         {"on_failure", {"delete", 1, true}},
-                        {"minimum_free", {-1, 9007199254740994, "1"}}};
+                        {"minimum_free", {-1, 9007199254740994, "1"}},
+                        {"frame_log", {1, "true", nullptr}}};
   for (const auto& [key, values] : invalid.items())
     for (const Json& value : values) expectRefused(key.c_str(), {{key, value}});
   start({{"resolution", "640x360"},
@@ -84,18 +85,18 @@ TEST_F(Takes, DropSamplesWhileTwoWaitForTheDisk) {
   start();
   std::vector<bool> taken;
   for (const bool keyframe : {true, false, false, false, true})
-    taken.push_back(probe.take()->append(keyframe ? keySample() : deltaSample(), 1, keyframe));
+    taken.push_back(probe.take()->append(keyframe ? keySample() : deltaSample(), {}, keyframe));
   EXPECT_EQ(taken, (std::vector<bool>{true, true, false, false, false}));
   EXPECT_EQ(probe.take()->pendingWork(), 2);
   probe.run();
-  EXPECT_FALSE(probe.take()->append(deltaSample(), 2, false));
-  EXPECT_TRUE(probe.take()->append(keySample(), 2, true));
+  EXPECT_FALSE(probe.take()->append(deltaSample(), {}, false));
+  EXPECT_TRUE(probe.take()->append(keySample(), {}, true));
 }
 
 TEST_F(Takes, SpreadABurstAndCatchUpInThePauseBehindIt) {
   start();
   for (const double at : {0.0, 0.001, 0.002, 0.003, 1.0, 1.0, 1.1}) {
-    ASSERT_TRUE(probe.take()->append(keySample(), 1000 + at, true));
+    ASSERT_TRUE(probe.take()->append(keySample(), {1, 1000 + at}, true));
     probe.run();
   }
   const Json saved = finish({{"stopped_at", 1000.0}});

@@ -52,7 +52,8 @@ struct Recording {
   std::optional<std::uint64_t> framesInMovie;
   // How long the space above `minimumFree` lasts. Only while a take with that option records.
   std::optional<double> secondsLeft;
-  std::string stoppedFor;  // "minimum_free" if the take was stopped for lack of space
+  std::string stoppedFor;     // "minimum_free" if the take was stopped for lack of space
+  std::string frameLogError;  // why the log of frames ended early; in the last event of a take
 
   // What is left of a failed take.
   struct Kept {

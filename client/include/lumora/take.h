@@ -23,6 +23,7 @@ struct TakeOptions {
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
   int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
+  bool frameLog = false;            // "<movie>.frames.csv" says what became of each frame
 };
 
 // A take. It ends exactly once, saved or failed, even if its helper dies. Copies refer to the same

@@ -77,6 +77,8 @@ export interface RecordingEvent {
   secondsLeft?: number;
   /** The take was stopped because space was short. */
   stoppedFor?: 'minimum_free';
+  /** Why the log of frames ended early, in the last event of a take. */
+  frameLogError?: string;
   /** What is left of a failed take: the name of a file in its folder, its frames and seconds. */
   keptPath?: string;
   keptFrames?: number;

@@ -29,6 +29,8 @@ export interface TakeOptions {
   bitRate?: number;
   /** How players turn the picture, in degrees clockwise. */
   rotation?: 0 | 90 | 180 | 270;
+  /** True writes what became of each frame to a file beside the movie, "<movie>.frames.csv". */
+  frameLog?: boolean;
 }
 
 /** A take was refused or failed, with the helper's message, or the helper ended before it was saved. */
@@ -124,7 +126,7 @@ function checkInteger(name: string, value: number | undefined, least: number, mo
 
 function startCommand(options: TakeOptions): StartCommand {
   const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
-  const { keepFailed = true, minimumFree, bitRate, rotation } = options;
+  const { keepFailed = true, minimumFree, bitRate, rotation, frameLog } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw new RangeError('the path of a take must be absolute and end in ".mp4"');
   }
@@ -147,6 +149,7 @@ function startCommand(options: TakeOptions): StartCommand {
     minimum_free: minimumFree,
     bit_rate: bitRate,
     rotation,
+    frame_log: frameLog,
   });
   return { id, path, startedAt, record };
 }

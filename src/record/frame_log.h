@@ -1,0 +1,67 @@
+#pragma once
+
+// What became of each frame that was read during a take, as lines of comma-separated values in the
+// order in which the frames were read. The outcome of a frame that is dropped is known before that
+// of the frame in front of it, which is still being encoded. Such lines wait here.
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace lumora {
+
+enum class FrameOutcome {
+  written,
+  throttled,  // the cadence skipped it
+  beforeStart,
+  afterStop,
+  waitingForKeyFrame,  // a frame before it was lost
+  busy,                // another frame was in flight
+  undecodable,
+  encoder,  // the encoder has lost it, or has failed
+  disk,     // the disk has failed, or other samples waited for it
+};
+
+// A frame as the reader has marked it.
+struct ReadFrame {
+  std::uint64_t id = 0;   // above that of the frame before it
+  double capturedAt = 0;  // uptime seconds
+};
+
+// The log of one take. Any thread. Holds a bounded number of frames.
+class FrameLog {
+ public:
+  static constexpr std::size_t mostFrames = 10'000;
+
+  // The next frame, and what became of it if that is known.
+  void note(const ReadFrame& frame, std::optional<FrameOutcome> outcome);
+  // What became of a frame whose outcome was unknown. `movieTime`: where it stands, in seconds.
+  void settle(std::uint64_t id, FrameOutcome outcome, std::optional<double> movieTime = {});
+  // Notes no more frames. Those whose outcome is still unknown get this one.
+  void end(FrameOutcome rest);
+  // Notes no more frames, because one was missed.
+  void giveUp();
+  // The lines of the frames in front whose outcomes are known. Each line comes once, the header
+  // first.
+  std::string takeLines();
+  // Whether frames are missing.
+  bool isIncomplete() const;
+
+ private:
+  struct Entry {
+    ReadFrame frame;
+    std::optional<FrameOutcome> outcome;
+    std::optional<double> movieTime = {};
+  };
+  static std::string lineOf(const Entry& entry);
+
+  mutable std::mutex mutex_;  // guards everything below
+  std::deque<Entry> entries_;
+  bool hasHeader_ = false;
+  bool hasEnded_ = false;
+  bool isIncomplete_ = false;
+};
+
+}  // namespace lumora

@@ -1,0 +1,103 @@
+// The log of what became of each frame of a take: order, outcomes, where its file goes.
+
+#include "client/records.h"
+#include "tests/unit/probe.h"
+
+namespace lumora {
+namespace {
+
+const std::string stagingLog = takePath + "." + takeID + ".partial.frames.csv";
+
+struct LoggedTakes : Takes {
+  void startLogged(Json keys = Json::object()) {
+    keys.update({{"frame_log", true}, {"resolution", "640x360"}, {"target_fps", 30}});
+    start(keys);
+    frame(1001.0, true);
+  }
+  // Frames for the reader, from this id on.
+  void put(std::uint64_t id, int count = 1) {
+    for (; count > 0; --count, ++id) {
+      probe.put(client::frameHeader({2, 2}, id));
+      probe.put(Bytes(2 * 2 * 4));
+    }
+  }
+};
+
+TEST_F(LoggedTakes, SayWhatBecameOfEachFrameInTheOrderOfReading) {
+  startLogged({{"started_at", 1000.0}});
+  frame(999.9);
+  feed(1001.2);
+  probe.answer(nullptr, 0, infoFrameDropped);
+  frame(1001.25);  // no key frame
+  frame(1001.3, true);
+  EXPECT_EQ(writer().takeLines(),
+            "id,captured,movie_time,outcome\n"
+            "1,1001.000000,0.000000,written\n"
+            "2,999.900000,,before start\n"
+            "3,1001.200000,,encoder\n"
+            "4,1001.250000,,waiting for key frame\n");
+  frame(1001.301);
+  (*probe).encode({.width = 640, .height = 360, .id = 7, .capturedAt = 1001.31});
+  lastID = 7;
+  feed(1001.5);
+  put(9, 2);
+  probe.put(client::commandRecord(R"({"type":"record_stop","id":")" + takeID + "\"}"));
+  put(11);
+  probe.readAll();
+  EXPECT_EQ(writer().takeLines(), "");  // the last sample waits for the next, and all behind it
+  probe.answer(deltaSample());
+  probe.failures->fail("move", 2);
+  writer().complete(WriterStatus::completed);
+  expectKeys(
+      events("saved").at(0),
+      {{"frames", 2}, {"path", takePath}, {"frame_log_error", "the final name was unavailable"}});
+  EXPECT_EQ(writer().takeLines(),
+            "5,1001.300000,1.300000,written\n"
+            "6,1001.301000,,throttled\n"
+            "7,1001.310000,,undecodable\n"
+            "8,1001.500000,,after stop\n"
+            "9,1001.500000,,busy\n"
+            "10,1001.500000,,busy\n"
+            "11,1001.500000,,after stop\n");
+}
+
+TEST_F(LoggedTakes, ThatFailSayWhatLostTheirFramesAndKeepTheLogWithTheMovie) {
+  const std::pair<std::string, std::string> causes[] = {
+      {"disk", ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n"},
+      {"encoder", ",0.100000,written\n3,1001.200000,,encoder\n"},
+      {"stop", ",0.100000,written\n3,1001.200000,,after stop\n"}};
+  for (const auto& [cause, lastLines] : causes) {
+    probe.restart();
+    lastID = 0;
+    startLogged({{"on_failure", "keep"}});
+    writer().onDisk = {1, 1000};
+    frame(1001.1);
+    feed(1001.2);
+    if (cause == "stop") stop({{"stopped_at", 5.0}}), probe.run();
+    if (cause == "disk") probe.failures->fail("append");
+    probe.answer(deltaSample(), cause == "encoder" ? -1 : 0);
+    EXPECT_THAT(writer().takeLines(), testing::EndsWith(lastLines));
+    cause == "disk" ? writer().rescued({1, 1000}, true)
+                    : writer().complete(WriterStatus::completed);
+    probe.run();
+    const std::string recovered = "/takes/a.recovered-" + takeID + ".mp4.frames.csv";
+    EXPECT_EQ(probe.files->moves.at(1), std::pair(stagingLog, recovered));
+  }
+}
+
+TEST_F(LoggedTakes, EndTheirLogWhenTooManyFramesWait) {
+  startLogged();
+  feed(1001.1);
+  put(101, maximumDropsAhead + 50);
+  probe.readAll();
+  probe.answer(deltaSample());
+  writer().complete(WriterStatus::completed);
+  expectKeys(events("saved").at(0), {{"frames", 2}, {"frame_log_error", "too many frames waited"}});
+  EXPECT_THAT(writer().takeLines(), testing::EndsWith(",busy\n1099,1001.100000,,busy\n"));
+  FrameLog log;
+  for (std::uint64_t id = 0; id <= FrameLog::mostFrames; ++id) log.note({id}, {});
+  EXPECT_TRUE(log.isIncomplete());
+}
+
+}  // namespace
+}  // namespace lumora
