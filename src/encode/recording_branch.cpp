@@ -19,7 +19,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
     prepareRecordingSession(frame, movie);
     RecordingSession& recording = take.recording;
     auto buffer =
-        pixelBuffer(frame, *recording.session, Placement::aspectFit, *platform.recordingImages);
+        pixelBuffer(frame, *recording.session, Placement::aspectFit, platform.recordingImages);
     ++recording.ordinal;
     submit(*recording.session, std::move(buffer), {recording.ordinal, movie->profile.targetFPS},
            std::exchange(recording.forceIDR, false), completion, "camera frame submission",
