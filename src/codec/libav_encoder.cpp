@@ -182,6 +182,7 @@ Status LibavEncoder::upload(const AVFrame& from) {
 
 Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                             std::shared_ptr<const EncodedSample>& sample) try {
+  if (!buffer->fill()) return fillingFailed;
   const PictureView shown = buffer->picture();
   AVFrame* frame = picture_.get();
   Status status = 0;

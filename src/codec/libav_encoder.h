@@ -19,9 +19,9 @@ class LibavEncoder {
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
-  // Encodes one picture of the settings' size: 0 and a sample, or an AVERROR. Releases the buffer
-  // as soon as the picture is copied, or encoded if the encoder reads it where it lies. Never
-  // throws.
+  // Fills the buffer and encodes its picture, of the settings' size: 0 and a sample,
+  // `fillingFailed`, or an AVERROR. Releases the buffer as soon as the picture is copied, or
+  // encoded if the encoder reads it where it lies. Never throws.
   Status encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 

@@ -12,18 +12,26 @@ constexpr Status thresholdExceeded = -6689;  // `threshold` buffers are in use
 // Members are destroyed in reverse: the picture is released before the buffer counts as free.
 class Buffer final : public PixelBuffer {
  public:
-  Buffer(std::shared_ptr<const void> use, const PictureView& picture, const Picture& memory,
-         std::shared_ptr<const void> owner)
-      : use_(std::move(use)), picture_(picture), memory_(memory), owner_(std::move(owner)) {}
+  Buffer(std::shared_ptr<const void> use, const PictureView& picture,
+         std::shared_ptr<const void> owner, const Picture& memory = {}, Filling filling = {})
+      : use_(std::move(use)),
+        picture_(picture),
+        owner_(std::move(owner)),
+        memory_(memory),
+        filling_(std::move(filling)) {}
 
+  bool fill() override {
+    const Filling filling = std::exchange(filling_, nullptr);
+    return !filling || filling(memory_);
+  }
   PictureView picture() override { return picture_; }
-  Picture memory() override { return memory_; }
 
  private:
   std::shared_ptr<const void> use_;
   PictureView picture_;
-  Picture memory_;
   std::shared_ptr<const void> owner_;  // of the picture
+  Picture memory_;                     // without samples if the picture is wrapped
+  Filling filling_;                    // null once it has run
 };
 
 // The conversion of RGB exchanges red and blue.
@@ -50,12 +58,13 @@ bool MemoryPixelBufferPool::isExhausted(int threshold) const {
   return use_.use_count() > threshold;
 }
 
-Status MemoryPixelBufferPool::create(int threshold, std::shared_ptr<PixelBuffer>& buffer) {
+Status MemoryPixelBufferPool::create(int threshold, Filling filling,
+                                     std::shared_ptr<PixelBuffer>& buffer) {
   if (isExhausted(threshold)) return thresholdExceeded;
   PictureMemory samples = pictures_->allocate(pictureBytes(format_.layout, size_, rowAlignment));
   if (!samples) return -ENOMEM;
   const Picture memory = pictureAt(samples.get(), format_, size_, rowAlignment);
-  buffer = std::make_shared<Buffer>(use_, memory, memory, std::move(samples));
+  buffer = std::make_shared<Buffer>(use_, memory, std::move(samples), memory, std::move(filling));
   return 0;
 }
 
@@ -63,21 +72,22 @@ Status MemoryPixelBufferPool::wrap(const PictureView& picture, std::shared_ptr<c
                                    int threshold, std::shared_ptr<PixelBuffer>& buffer) {
   if (picture.size != size_) return 0;
   if (isExhausted(threshold)) return thresholdExceeded;
-  buffer =
-      std::make_shared<Buffer>(use_, picture, Picture{picture.format, size_}, std::move(owner));
+  buffer = std::make_shared<Buffer>(use_, picture, std::move(owner));
   return 0;
 }
 
 Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
                       const std::shared_ptr<PicturePool>& pictures,
                       std::shared_ptr<PixelBuffer>& buffer) {
-  constexpr int grey = 128;  // in RGB, in luma and in chroma
-  MemoryPixelBufferPool pool(size, frames, pictures);
-  if (const Status status = pool.create(1, buffer); status != 0) return status;
-  const Picture picture = buffer->memory();
-  std::memset(picture.planes[0].samples, grey,
-              pictureBytes(picture.format.layout, size, rowAlignment));
-  return 0;
+  const auto paint = [](const Picture& memory) {
+    constexpr int grey = 128;  // in RGB, in luma and in chroma
+    std::memset(memory.planes[0].samples, grey,
+                pictureBytes(memory.format.layout, memory.size, rowAlignment));
+    return true;
+  };
+  const Status status = MemoryPixelBufferPool(size, frames, pictures).create(1, paint, buffer);
+  if (status == 0) buffer->fill();
+  return status;
 }
 
 }  // namespace lumora

@@ -15,7 +15,7 @@ class MemoryPixelBufferPool final : public PixelBufferPool {
   // `frames` is the format of the frames that are wrapped, or converted into the buffers.
   MemoryPixelBufferPool(PictureSize size, const PixelFormat& frames,
                         std::shared_ptr<PicturePool> pictures);
-  Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) override;
+  Status create(int threshold, Filling filling, std::shared_ptr<PixelBuffer>& buffer) override;
   Status wrap(const PictureView& picture, std::shared_ptr<const void> owner, int threshold,
               std::shared_ptr<PixelBuffer>& buffer) override;
 

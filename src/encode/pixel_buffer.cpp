@@ -34,27 +34,34 @@ void clearBars(const Picture& picture, const PictureRectangle& inner) {
   }
 }
 
+Filling conversion(const RawFrame& frame, Placement placement,
+                   std::shared_ptr<ImageConverter> images) {
+  return [picture = frame.picture, owner = frame.rgba, placement,
+          images = std::move(images)](const Picture& whole) {
+    PictureRectangle area{0, 0, whole.size};
+    if (placement == Placement::aspectFit) {
+      area = fitRectangle(picture.size, whole.size);
+      clearBars(whole, area);
+    }
+    return images->convert(picture, whole, area);
+  };
+}
+
 }  // namespace
 
 std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,
-                                         Placement placement, ImageConverter& images) {
+                                         Placement placement,
+                                         std::shared_ptr<ImageConverter> images) {
   PixelBufferPool* pool = session.pixelBufferPool();
   if (pool == nullptr) throw EncoderFailure::message("no pixel buffer pool");
   std::shared_ptr<PixelBuffer> buffer;
   Status status = pool->wrap(frame.picture, frame.rgba, allocationThreshold, buffer);
   if (buffer) return buffer;
-  if (status == 0) status = pool->create(allocationThreshold, buffer);
+  if (status == 0) {
+    status =
+        pool->create(allocationThreshold, conversion(frame, placement, std::move(images)), buffer);
+  }
   if (status != 0 || !buffer) throw EncoderFailure::status("pixel buffer allocation", status);
-
-  const Picture whole = buffer->memory();
-  PictureRectangle area{0, 0, whole.size};
-  if (placement == Placement::aspectFit) {
-    area = fitRectangle(frame.picture.size, whole.size);
-    clearBars(whole, area);
-  }
-  if (!images.convert(frame.picture, whole, area)) {
-    throw EncoderFailure::message("RGBA conversion failed");
-  }
   return buffer;
 }
 

@@ -9,10 +9,12 @@ namespace lumora {
 
 enum class Placement { stretch, aspectFit };
 
-// A buffer of the session's pool with the camera frame in it, the top row first. The frame fills
-// the buffer, or is fitted between black bars. A frame of the buffer's size is not copied: the
-// buffer refers to its pixels and keeps them alive. Throws EncoderFailure. State queue only.
+// A buffer of the session's pool for the camera frame, the top row first. The session's worker has
+// `images` convert the frame into it: stretched, or fitted between black bars. A frame of the
+// buffer's size is not copied: the buffer refers to its pixels. The pixels stay alive until they
+// have been read. Throws EncoderFailure. State queue only.
 std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,
-                                         Placement placement, ImageConverter& images);
+                                         Placement placement,
+                                         std::shared_ptr<ImageConverter> images);
 
 }  // namespace lumora

@@ -12,7 +12,7 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
                                  const std::shared_ptr<RawEncodingCompletion>& completion) {
   try {
     preparePreviewSession(frame);
-    auto buffer = pixelBuffer(frame, *preview.session, Placement::stretch, *platform.images);
+    auto buffer = pixelBuffer(frame, *preview.session, Placement::stretch, platform.previewImages);
     ++preview.ordinal;
     submit(*preview.session, std::move(buffer), {preview.ordinal, previewTargetFPS},
            std::exchange(preview.forceIDR, false), completion, "frame submission",

@@ -19,7 +19,8 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
   try {
     prepareRecordingSession(frame, movie);
     RecordingSession& recording = take.recording;
-    auto buffer = pixelBuffer(frame, *recording.session, Placement::aspectFit, *platform.images);
+    auto buffer =
+        pixelBuffer(frame, *recording.session, Placement::aspectFit, platform.recordingImages);
     ++recording.ordinal;
     submit(*recording.session, std::move(buffer), {recording.ordinal, movie->profile.targetFPS},
            std::exchange(recording.forceIDR, false), completion, "camera frame submission",

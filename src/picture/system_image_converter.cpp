@@ -8,7 +8,7 @@
 namespace lumora {
 namespace {
 
-constexpr std::size_t keptResamplers = 8;  // preview and take need two each, some need two passes
+constexpr std::size_t keptResamplers = 4;  // one for luma, one for chroma, some need two passes
 // Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are exact to
 // one level at every size.
 constexpr double largestReduction = 8;

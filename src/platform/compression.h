@@ -17,16 +17,20 @@ namespace lumora {
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
+  // The session's worker calls this before it reads `picture`. The first call runs the buffer's
+  // `Filling`, if it has one, and frees it: false if that failed. May throw std::bad_alloc.
+  virtual bool fill() = 0;
   virtual PictureView picture() = 0;
-  // The buffer's own memory and its geometry. Null samples for a wrapped picture.
-  virtual Picture memory() = 0;
 };
+
+// Writes a picture into a buffer's own memory: false on failure.
+using Filling = std::function<bool(const Picture& memory)>;
 
 class PixelBufferPool {
  public:
   virtual ~PixelBufferPool() = default;
-  // A buffer with memory of its own. Fails when `threshold` buffers are in use.
-  virtual Status create(int threshold, std::shared_ptr<PixelBuffer>& buffer) = 0;
+  // A buffer with memory of its own, not filled yet. Fails when `threshold` buffers are in use.
+  virtual Status create(int threshold, Filling filling, std::shared_ptr<PixelBuffer>& buffer) = 0;
   // A buffer around the pixels of `picture`, which `owner` keeps alive. Fails when `threshold`
   // buffers are in use. Returns 0 without a buffer when the session can't encode these pixels in
   // place, for example because the size differs.
@@ -61,6 +65,7 @@ struct FrameProperties {
   bool forceKeyFrame = false;
 };
 
+constexpr Status fillingFailed = -6690;  // of a frame whose buffer could not be filled
 constexpr std::uint32_t infoFrameDropped = 0x2;
 constexpr std::uint32_t infoNotPrepared = 0x100;  // preparing failed in the background
 
@@ -80,7 +85,7 @@ class CompressionSession {
                              FrameProperties properties, OutputHandler handler) = 0;
   // Blocks until every submitted frame has reached its output handler.
   virtual void completeFrames() = 0;
-  // After this no output handler is called.
+  // After this no buffer is filled and no output handler is called.
   virtual void invalidate() = 0;
 };
 

@@ -104,7 +104,7 @@ class ImageConverter {
   virtual ~ImageConverter() = default;
   // Fills `area` of `destination` with `source`, resampled to the size of the area. In RGB, red and
   // blue are exchanged: RGBA becomes BGRA and the reverse. Other layouts stay the same. False on
-  // failure. State queue only.
+  // failure. Any thread, one call at a time.
   virtual bool convert(const PictureView& source, const Picture& destination,
                        const PictureRectangle& area) = 0;
 };

@@ -24,7 +24,9 @@ struct Platform {
   std::shared_ptr<Process> process;
   std::shared_ptr<Network> network;
   std::shared_ptr<Encoders> encoders;
-  std::shared_ptr<ImageConverter> images;
+  // One for each kind of session, because the workers of both convert at the same time.
+  std::shared_ptr<ImageConverter> previewImages;
+  std::shared_ptr<ImageConverter> recordingImages;
   std::shared_ptr<Movies> movies;
   std::shared_ptr<FileManager> files;
   std::shared_ptr<FrameDecoder> decoder = {};

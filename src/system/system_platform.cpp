@@ -37,7 +37,8 @@ Platform makeSystemPlatform(const std::string& h264Encoder, const PixelFormat& f
   platform.encoders = std::make_shared<SystemEncoders>(
       parseAllowedEncoders(h264Encoder), frames, stateQueue, platform.dispatch, platform.pictures);
   platform.network = std::make_shared<AsioNetwork>(stateQueue);
-  platform.images = std::make_shared<SystemImageConverter>();
+  platform.previewImages = std::make_shared<SystemImageConverter>();
+  platform.recordingImages = std::make_shared<SystemImageConverter>();
   platform.decoder = std::make_shared<SystemFrameDecoder>(platform.pictures);
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = makePosixFileManager();

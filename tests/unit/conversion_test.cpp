@@ -44,8 +44,10 @@ struct Converted {
 Converted convert(const RawFrame& frame, int width, int height, Placement placement) {
   Failures none;
   FakeSession session(width, height, none);
-  SystemImageConverter images;
-  return {pixelBuffer(frame, session, placement, images)};
+  const auto images = std::make_shared<SystemImageConverter>();
+  const Converted converted{pixelBuffer(frame, session, placement, images)};
+  EXPECT_TRUE(converted.buffer->fill());
+  return converted;
 }
 
 // 190 pixels: no whole number of vectors.
@@ -119,6 +121,15 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
       EXPECT_EQ(recordingKeyframe(*sample), time == 1 || time == 30 || time == 90) << time;
       EXPECT_EQ(sample->format()->parameterSet(0).bytes[1], 66);  // profile_idc
     }
+    // Pictures that could not be made.
+    MemoryPixelBufferPool pool({width, height}, {}, pictures);
+    const auto answerTo = [&](const Filling& filling) {
+      std::shared_ptr<const EncodedSample> sample;
+      EXPECT_EQ(pool.create(1, filling, buffer), 0);
+      return encoder->encode(std::move(buffer), false, sample);
+    };
+    EXPECT_EQ(answerTo([](const Picture&) { return false; }), fillingFailed);
+    EXPECT_EQ(answerTo([](const Picture&) -> bool { throw std::bad_alloc(); }), AVERROR(ENOMEM));
   }
 }
 

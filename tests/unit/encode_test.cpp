@@ -61,6 +61,8 @@ TEST_F(Encode, EndsTheRunWithTheDescriptionOfAFailure) {
     probe.failures->fail(call, nth, status);
     probe.connectClient();
     probe.feed(1, 1280, 720);  // one of the preview's size is not converted
+    for (const auto& opened : probe.encoders->sessions)
+      if (!opened->pending.empty()) probe.answer(keySample());
     EXPECT_EQ(probe.error(), message);
     EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
     EXPECT_FALSE(probe.isRawBusy());
@@ -90,7 +92,7 @@ TEST_F(Encode, RefusesAFourthBufferOfAPool) {
   probe.connectClient();
   probe.feed(1);
   std::vector<std::shared_ptr<PixelBuffer>> held(2);
-  for (auto& buffer : held) EXPECT_EQ(probe.lastSession().pool.create(3, buffer), 0);
+  for (auto& buffer : held) EXPECT_EQ(probe.lastSession().pool.create(3, {}, buffer), 0);
   const auto kept = probe.lastSession().pending.front().first;
   probe.answer(keySample());
   probe.feed(2);

@@ -238,8 +238,9 @@ struct FakeSession : CompressionSession, CanFail {
 
   void answer(Status status, std::shared_ptr<const EncodedSample> sample, std::uint32_t flags = 0) {
     ASSERT_FALSE(pending.empty());
-    const OutputHandler handler = std::move(pending.front().second);
+    const auto [buffer, handler] = std::move(pending.front());
     pending.pop_front();
+    if (buffer && !buffer->fill()) return handler(fillingFailed, 0, nullptr);
     handler(status, flags, std::move(sample));
   }
 

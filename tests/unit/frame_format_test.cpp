@@ -245,8 +245,10 @@ std::shared_ptr<PixelBuffer> convert(const Planes& planes, PictureSize size, Pla
   Failures none;
   FakeSession session(static_cast<int>(size.width), static_cast<int>(size.height), none);
   session.pool = MemoryPixelBufferPool(size, planes.picture.format, PicturePool::make());
-  SystemImageConverter images;
-  return pixelBuffer(frameOf(planes), session, placement, images);
+  const auto images = std::make_shared<SystemImageConverter>();
+  auto buffer = pixelBuffer(frameOf(planes), session, placement, images);
+  EXPECT_TRUE(buffer->fill());
+  return buffer;
 }
 
 // Chroma stays where it was: a ramp over the picture is a ramp again, with the same values at the

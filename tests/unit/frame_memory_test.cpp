@@ -153,13 +153,14 @@ TEST_F(SharedFrames, AreReleasedOnceBothSessionsHaveReadThem) {
   putFrame(8, page);
   probe.dispatch->detached.at(0)();
   while (probe.encoders->sessions.size() < 2 && probe.queue->runNext()) continue;
-  EXPECT_EQ(probe.images->lastByte, 77);
   FakeSession& session = probe.lastSession();
   ASSERT_EQ(session.pending.size(), 1u);
   auto& buffer = session.pending[0].first;
   EXPECT_EQ(*buffer->picture().planes[0].samples, 77);
-  EXPECT_EQ(released(), 0u);
   buffer.reset();  // the encoder has its own copy, and has not answered yet
+  EXPECT_EQ(released(), 0u);
+  EXPECT_TRUE(probe.encoders->sessions[0]->pending.at(0).first->fill());
+  EXPECT_EQ(probe.images->lastByte, 77);
   EXPECT_EQ(released(), 8u);
   expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
   for (const auto& each : probe.encoders->sessions) each->answer(0, keySample());

@@ -6,7 +6,7 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration,
                                      std::shared_ptr<FrameMemory> frameMemory) {
   service = std::make_shared<VideoEncoder>(
       configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders, images,
-                              movies, files, decoder, std::move(frameMemory)});
+                              images, movies, files, decoder, std::move(frameMemory)});
   forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
                   state->clear();
                   for (const auto& one : other->queues) one->clear();

@@ -104,7 +104,7 @@ TEST(ReaderBacklog, WaitsWhileSixtyFourCommandsWaitButNotForEver) {
   const auto queue = std::make_shared<SteppedQueue>();
   Platform platform{probe.pictures, queue,         probe.clock,    probe.dispatch,
                     probe.process,  probe.network, probe.encoders, probe.images,
-                    probe.movies,   probe.files,   probe.decoder};
+                    probe.images,   probe.movies,  probe.files,    probe.decoder};
   const auto service = std::make_shared<VideoEncoder>(Configuration{}, platform);
   const auto read = [&](int commands) {
     for (int i = 0; i < commands; ++i)

@@ -113,6 +113,7 @@ TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
   const Case cases[] = {{"createSession", 1, {}, "hardware encoder creation failed (-1)"},
                         {"setProperty", 1, {}, "encoder property failed (-1)"},
                         {"submit", 2, {}, "camera frame submission failed (-1)"},
+                        {"convert", 1, {}, "RGBA conversion failed"},
                         {"exists", 1, {}, "invalid or existing recording destination"},
                         {"exists", 2, {}, "invalid or existing recording destination"},
                         {"createWriter", 1, {}, "Permission denied"},

@@ -17,7 +17,7 @@ using Answer = std::pair<Status, std::uint32_t>;  // and its info flags
 
 Answer encodeOne(CompressionSession& session) {
   std::shared_ptr<PixelBuffer> buffer;
-  EXPECT_EQ(session.pixelBufferPool()->create(1, buffer), 0);
+  EXPECT_EQ(session.pixelBufferPool()->create(1, {}, buffer), 0);
   std::promise<Answer> answer;
   session.encodeFrame(buffer, {1, 60}, {.forceKeyFrame = true},
                       [&](Status status, std::uint32_t flags, const auto& sample) {
