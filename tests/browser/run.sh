@@ -7,7 +7,7 @@ source "$here/../npm.sh"
 chromium=$(command -v chromium || command -v google-chrome || true)
 [ -n "$chromium" ] || giveUp "needs chromium"
 installPackages "$here"
-if [ "$1" = frames_test.mjs ]; then
+if [ "$1" = take_test.mjs ]; then
   client=$here/../../client/node
   installPackages "$client"
   (cd "$client" && npm run --silent build)
