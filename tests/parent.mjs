@@ -1,4 +1,4 @@
-// What the tests in JavaScript share: a folder, and a small parent of a helper.
+// What the tests in JavaScript share: a folder, programs, and a small parent of a helper.
 
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
@@ -6,19 +6,27 @@ import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
 import readline from 'node:readline';
+import { after } from 'node:test';
 
 // Removed at the end of the test.
 export const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-test-'));
 export const inFolder = (name) => path.join(folder, name);
-process.on('exit', () => fs.rmSync(folder, { recursive: true }));
+process.on('exit', () => fs.rmSync(folder, { recursive: true, maxRetries: 9 }));
 
 // With the token of the parent's stream.
 export const environment = { ...process.env, TAVO_VIDEO_TOKEN: 'token-of-the-parent-0123' };
 
+// Starts a program that is killed at the end of the test.
+export function start(command, args, stdio = ['ignore', 'ignore', 'inherit'], options = {}) {
+  const program = spawn(command, args, { stdio, env: environment, ...options });
+  after(() => program.kill('SIGKILL'));
+  return program;
+}
+
 // Starts a helper and feeds it grey pictures, each a little lighter, at most 60 times a second.
 // `ids` are those of the frames that were fed.
 export async function startParent(helper) {
-  const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: environment });
+  const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const parent = { program, statistics: {}, ids: [] };
   const lines = readline.createInterface({ input: program.stdout });
   lines.on('line', (line) => {
