@@ -4,13 +4,12 @@ import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
 import os from 'node:os';
-import path from 'node:path';
 import readline from 'node:readline';
 import { after } from 'node:test';
 
 // Removed at the end of the test.
-export const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-test-'));
-export const inFolder = (name) => path.join(folder, name);
+export const folder = fs.mkdtempSync(`${os.tmpdir()}/lumora-test-`);
+export const inFolder = (name) => `${folder}/${name}`;
 process.on('exit', () => fs.rmSync(folder, { recursive: true, maxRetries: 9 }));
 
 // With the token of the parent's stream.
@@ -27,14 +26,10 @@ export function start(command, args, stdio = ['ignore', 'ignore', 'inherit'], op
 // `ids` are those of the frames that were fed.
 export async function startParent(helper) {
   const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
-  const parent = { program, statistics: {}, ids: [] };
   const lines = readline.createInterface({ input: program.stdout });
-  lines.on('line', (line) => {
-    const event = JSON.parse(line);
-    if (event.type === 'stats') parent.statistics = event;
-    if (event.type === 'ready') lines.emit('ready', event);
-  });
-  parent.port = (await once(lines, 'ready'))[0].port;
+  const [ready] = await once(lines, 'line');
+  const parent = { program, port: JSON.parse(ready).port, statistics: {}, ids: [] };
+  lines.on('line', (line) => { parent.statistics = JSON.parse(line); }); // all else that it says
   const frame = Buffer.alloc(16 + 640 * 360 * 4);
   frame.writeUInt32BE(frame.length - 16, 0);
   frame.writeUInt16BE(640, 4);
