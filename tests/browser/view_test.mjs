@@ -83,7 +83,7 @@ test('a viewer with its own helper, and with an interrupted take in its folder',
   const { page } = viewer;
 
   const top = await barsAlong(page, 11);
-  assert.ok(countBars(top) > 50 && new Set(top).size >= 8, `${top}`); // -1 where something hides one
+  assert.ok(countBars(top) > 50 && new Set(top).size >= 8, `${top}`); // -1 where one is hidden
   assert.ok(countBars(await barsAlong(page, 349)) < 20, 'the picture is upside down');
   await showMore(page, 10); // in one frame the bars move by less than the distance of two places
   assert.notDeepEqual(await barsAlong(page, 11), top);
