@@ -1,32 +1,35 @@
-// What the tests in JavaScript share: a folder, and a small parent of a helper.
+// What the tests in JavaScript share: a folder, programs, and a small parent of a helper.
 
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
 import os from 'node:os';
-import path from 'node:path';
 import readline from 'node:readline';
+import { after } from 'node:test';
 
 // Removed at the end of the test.
-export const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'lumora-test-'));
-export const inFolder = (name) => path.join(folder, name);
-process.on('exit', () => fs.rmSync(folder, { recursive: true }));
+export const folder = fs.mkdtempSync(`${os.tmpdir()}/lumora-test-`);
+export const inFolder = (name) => `${folder}/${name}`;
+process.on('exit', () => fs.rmSync(folder, { recursive: true, maxRetries: 9 }));
 
 // With the token of the parent's stream.
 export const environment = { ...process.env, TAVO_VIDEO_TOKEN: 'token-of-the-parent-0123' };
 
+// Starts a program that is killed at the end of the test.
+export function start(command, args, stdio = ['ignore', 'ignore', 'inherit'], options = {}) {
+  const program = spawn(command, args, { stdio, env: environment, ...options });
+  after(() => program.kill('SIGKILL'));
+  return program;
+}
+
 // Starts a helper and feeds it grey pictures, each a little lighter, at most 60 times a second.
 // `ids` are those of the frames that were fed.
 export async function startParent(helper) {
-  const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: environment });
-  const parent = { program, statistics: {}, ids: [] };
+  const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const lines = readline.createInterface({ input: program.stdout });
-  lines.on('line', (line) => {
-    const event = JSON.parse(line);
-    if (event.type === 'stats') parent.statistics = event;
-    if (event.type === 'ready') lines.emit('ready', event);
-  });
-  parent.port = (await once(lines, 'ready'))[0].port;
+  const [ready] = await once(lines, 'line');
+  const parent = { program, port: JSON.parse(ready).port, statistics: {}, ids: [] };
+  lines.on('line', (line) => { parent.statistics = JSON.parse(line); }); // all else that it says
   const frame = Buffer.alloc(16 + 640 * 360 * 4);
   frame.writeUInt32BE(frame.length - 16, 0);
   frame.writeUInt16BE(640, 4);

@@ -34,18 +34,18 @@ test('rates over a window, percentiles', () => {
 });
 
 test('an event becomes a line in the helper\'s words, a repeated event becomes none', () => {
-  const formatter = new EventFormatter();
-  const texts = (event) => formatter.format(event).map(({ text }) => text);
   const failed = { type: 'recording', id: 'A', state: 'failed', error: 'No space left on device' };
   const error = { type: 'error', message: 'truncated raw frame' };
-  assert.deepEqual(texts(failed), ['The take failed: No space left on device']);
-  assert.deepEqual(texts(error), ['The helper failed: truncated raw frame']);
-  for (const repeated of [failed, error]) assert.deepEqual(texts(repeated), []);
   const kept = { kept_path: 'a.mp4', kept_frames: 61, kept_duration: 2.04 };
-  assert.deepEqual(texts({ ...failed, id: 'B', ...kept }),
-    ['The take failed: No space left on device. Kept 0:02.0 min, 61 frames: a.mp4']);
-  assert.deepEqual(texts({ type: 'stats', clients: 1, dropped_peers: 3 }), ['Clients of the stream: 1.']);
-  const refused = texts({ type: 'stats', clients: 1, dropped_peers: 5 });
-  assert.deepEqual(refused, ['The helper refused or closed 2 connections.']);
+  const formatter = new EventFormatter();
+  for (const [event, ...lines] of [
+    [failed, 'The take failed: No space left on device'],
+    [error, 'The helper failed: truncated raw frame'], [failed], [error],
+    [{ ...failed, id: 'B', ...kept },
+      'The take failed: No space left on device. Kept 0:02.0 min, 61 frames: a.mp4'],
+    [{ type: 'stats', clients: 1, dropped_peers: 3 }, 'Clients of the stream: 1.'],
+    [{ type: 'stats', clients: 1, dropped_peers: 5 },
+      'The helper refused or closed 2 connections.'],
+  ]) assert.deepEqual(formatter.format(event).map(({ text }) => text), lines);
   assert.equal(duration(59.96), '1:00.0');
 });

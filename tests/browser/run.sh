@@ -1,15 +1,9 @@
 #!/usr/bin/env bash
 # Runs a browser test: run.sh TEST ARGUMENTS...; the test gets Chromium as its last argument.
-set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-source "$here/../npm.sh"
+source "$(dirname "$0")/../npm.sh"
 
 chromium=$(command -v chromium || command -v google-chrome || true)
 [ -n "$chromium" ] || giveUp "needs chromium"
-installPackages "$here"
-if [ "$1" = frames_test.mjs ]; then
-  client=$here/../../client/node
-  installPackages "$client"
-  (cd "$client" && npm run --silent build)
-fi
-exec node "$here/$1" "${@:2}" "$chromium"
+installPackages "$tests/browser"
+[ "$1" != take_test.mjs ] || buildClient
+exec node "$tests/browser/$1" "${@:2}" "$chromium"

@@ -1,95 +1,109 @@
-// Chromium plays and seeks a take of the demo, and the staging file of a killed helper. Known colours
-// come back from <video>, from WebCodecs and from ffmpeg.
+// VideoFrames of Chromium's fake camera become a take. Takes, also of a killed helper, play and
+// seek in Chromium and keep their colours.
 //
-//   node take_test.mjs HELPER DEMO CHROMIUM
+//   node take_test.mjs HELPER DEMO CHROMIUM    client/node must be built
 
 import assert from 'node:assert/strict';
-import { execFileSync, spawn } from 'node:child_process';
+import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
+import { test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
+import { frameId, startHelper, uptime } from '../../client/node/dist/esm/index.js';
 import { folder, inFolder } from '../parent.mjs';
-import { launch } from './browser.mjs';
-import { assertColours, colours, ffmpeg, showColours, streamOf, writeStripes } from './colours.mjs';
+import { browser } from './browser.mjs';
 
-const [helper, demo, browserPath] = process.argv.slice(2);
-const record = (name, seconds, env) => execFileSync(demo, [helper, inFolder(name), seconds],
-  { stdio: 'ignore', env: { ...process.env, ...env } });
-
-async function recordAndKill() {
-  const run = spawn(demo, [helper, inFolder('killed'), '20'], { stdio: 'ignore', detached: true });
-  await sleep(4000);
-  process.kill(-run.pid, 'SIGKILL');
-  const staging = fs.readdirSync(inFolder('killed')).find((name) => name.endsWith('.partial'));
-  fs.renameSync(inFolder(`killed/${staging}`), inFolder('killed.mp4'));
-}
-
-// Plays and seeks the movie. Returns its size, its duration, and the range of red in one picture.
-const play = (page, name) => page.evaluate(async (source) => {
-  const video = document.querySelector('video');
-  const event = (wanted) => new Promise((resolve, reject) => {
-    video.addEventListener(wanted, resolve, { once: true });
-    video.addEventListener('error', () => reject(new Error(video.error.message)), { once: true });
-  });
-  const loaded = event('loadeddata');
-  video.src = source;
-  await loaded;
-  await video.play();
-  while (video.currentTime < 0.3) await event('timeupdate');
-  video.pause();
-  const seeked = event('seeked');
-  video.currentTime = 1.5;
-  await seeked;
-  const { videoWidth: width, videoHeight: height, duration } = video;
-  const context = new OffscreenCanvas(width, height).getContext('2d');
-  context.drawImage(video, 0, 0);
-  const { data } = context.getImageData(0, 0, width, height);
-  const reds = data.filter((_, i) => i % 4 === 0).sort();
-  return { width, height, duration, least: reds[0], most: reds.at(-1) };
-}, name);
-
-// Records vertical stripes of these colours.
-function recordColours() {
-  const [still, input] = [inFolder('stripes.ppm'), inFolder('stripes.mkv')];
-  writeStripes(still);
-  ffmpeg('-loop', '1', '-t', '2', '-i', still, '-vf', 'scale=1920:1080:flags=neighbor',
-    '-c:v', 'ffv1', '-pix_fmt', 'bgr0', input);
-  record('colours', '2', { INPUT: input });
-}
-
-// The colours in the middle of the stripes.
-function decodeColours({ file, width, height }, options) {
-  const picture = ffmpeg('-i', inFolder(file), ...options, '-frames:v', '1', '-f', 'rawvideo', '-');
-  return colours.map((_, i) => {
-    const at = ((height >> 1) * width + Math.floor((i + 0.5) * width / colours.length)) * 3;
-    return [...picture.subarray(at, at + 3)];
-  });
-}
-const exactly = 'accurate_rnd+full_chroma_int+full_chroma_inp';
-const usingTags = ['-sws_flags', exactly, '-pix_fmt', 'rgb24'];
-// As a decoder does that ignores the tags: it assumes BT.709.
-const ignoringTags = ['-vf', 'setparams=colorspace=unknown:range=unknown,' +
-  `scale=in_color_matrix=bt709:in_range=limited:flags=${exactly},format=rgb24`];
-
-record('', '3');
-recordColours();
-await recordAndKill();
-const browser = await launch(browserPath);
+const [program, demo] = process.argv.slice(2);
+const module = new URL('../../client/node/dist/esm/page.js', import.meta.url).href;
 const page = await browser.newPage();
-fs.writeFileSync(inFolder('player.html'), '<!doctype html><video muted></video>');
-await page.goto(`file://${folder}/player.html`);
-for (const name of ['demo.mp4', 'killed.mp4']) {
-  const seen = await play(page, name);
-  assert.ok(seen.width === 1080 && seen.height === 720 && seen.duration > 2 &&
-    seen.least < 20 && seen.most > 230, JSON.stringify(seen));
-  console.log(`Chromium plays and seeks ${name}: ${JSON.stringify(seen)}`);
+fs.writeFileSync(inFolder('page.html'), '<!doctype html><video muted></video>');
+await page.goto(`file://${folder}/page.html`);
+
+async function startTake(context, name, format, options) {
+  const helper = await startHelper({ program, format });
+  context.after(() => helper.stop());
+  return { helper, take: await helper.startTake({ path: inFolder(name), ...options }) };
 }
-const movie = { file: 'colours/demo.mp4', width: 1080, height: 720 };
-const preview = { file: 'colours/preview.h264', width: 640, height: 360 };
-await play(page, movie.file);
-assertColours(await showColours(page), 'a video element');
-assertColours(await showColours(page, streamOf(inFolder(preview.file))), 'WebCodecs');
-for (const seen of [movie, preview]) {
-  assertColours(decodeColours(seen, usingTags), `ffmpeg, ${seen.file}`);
-  assertColours(decodeColours(seen, ignoringTags), `ffmpeg without tags, ${seen.file}`);
+
+// Plays the movie, seeks, and returns its duration and the picture at that time, in RGBA.
+async function show(path, time) {
+  const { duration, base64 } = await page.evaluate(async ([path, time]) => {
+    const video = document.querySelector('video');
+    const event = (wanted) => new Promise((resolve, reject) => {
+      video[`on${wanted}`] = resolve;
+      video.onerror = () => reject(new Error(video.error.message));
+    });
+    const loaded = event('loadeddata');
+    video.src = path;
+    await loaded;
+    await video.play();
+    while (video.currentTime < 0.3) await event('timeupdate');
+    video.pause();
+    const seeked = event('seeked');
+    video.currentTime = time;
+    await seeked;
+    const { videoWidth: width, videoHeight: height } = video;
+    const context = new OffscreenCanvas(width, height).getContext('2d');
+    context.drawImage(video, 0, 0);
+    const { data } = context.getImageData(0, 0, width, height);
+    return { duration: video.duration, base64: new Uint8Array(data.buffer).toBase64() };
+  }, [path, time]);
+  return { duration, pixels: Buffer.from(base64, 'base64') };
 }
-await browser.close();
+
+test('a camera track becomes a take that shows what the camera showed', async (context) => {
+  let starting;
+  await page.exposeFunction('feed', async (format, size, base64) => {
+    const id = frameId(uptime());
+    starting ??= startTake(context, 'camera.mp4', format, { resolution: '640x360', targetFps: 30 });
+    return (await starting).helper.writeFrame(size, id, Buffer.from(base64, 'base64')).done;
+  });
+  const last = await page.evaluate(async (module) => {
+    const { copyVideoFrame, videoFrameFormat } = await import(module);
+    const video = { width: { exact: 640 }, height: { exact: 360 } };
+    const [track] = (await navigator.mediaDevices.getUserMedia({ video })).getVideoTracks();
+    let count = 0;
+    for await (const frame of new MediaStreamTrackProcessor({ track }).readable) {
+      const format = videoFrameFormat(frame);
+      const { size, pixels } = await copyVideoFrame(frame, format);
+      const rgba = await copyVideoFrame(frame, 'rgba,top');
+      frame.close();
+      await globalThis.feed(format, size, pixels.toBase64());
+      if (++count === 40) return rgba.pixels.toBase64();
+    }
+  }, module);
+  const { path, frames } = await (await starting).take.stop();
+  assert.ok(frames > 35, `${frames} of 40`);
+  const wanted = Buffer.from(last, 'base64');
+  const { pixels } = await show(path, 99);
+  const difference = pixels.reduce((sum, value, i) => sum + Math.abs(value - wanted[i]), 0);
+  assert.ok(pixels.length === wanted.length && difference / wanted.length < 3, `${difference}`);
+});
+
+const colours = [[255, 255, 255], [0, 255, 0], [0, 0, 255], [0, 0, 0], [90, 9, 9], [240, 128, 16]];
+const stripe = (colour) => Buffer.alloc(180 * 4, Buffer.of(...colour, 255));
+const stripes = Buffer.alloc(1080 * 720 * 4, Buffer.concat(colours.map(stripe)));
+for (const end of ['stopped', 'killed']) {
+  test(`a take plays and seeks in its colours when the helper is ${end}`, async (context) => {
+    const { helper, take } = await startTake(context, `${end}.mp4`, 'rgba,top');
+    const saved = take.saved.catch(() => fs.renameSync(take.stagingPath, take.path));
+    for (let id = 1; id <= 200; id += 1) {
+      await helper.writeFrame({ width: 1080, height: 720 }, id, stripes).done;
+      await sleep(15);
+    }
+    if (end === 'killed') process.kill(helper.pid, 'SIGKILL');
+    else take.stop();
+    await saved;
+    const { pixels, duration } = await show(take.path, 1.5);
+    assert.ok(duration > 2, `${duration} s`);
+    for (let at = (360 * 1080 + 90) * 4; at < 361 * 1080 * 4; at += 180 * 4) { // inside each stripe
+      const [seen, sent] = [pixels, stripes].map((all) => [...all.subarray(at, at + 3)]);
+      assert.ok(seen.every((value, i) => Math.abs(value - sent[i]) <= 2), `${seen}, not ${sent}`);
+    }
+  });
+}
+
+test('the demo makes a take that plays and seeks', async () => {
+  execFileSync(demo, [program, inFolder('demo'), '3'], { stdio: 'ignore' });
+  const { duration, pixels } = await show(inFolder('demo/demo.mp4'), 1.5);
+  assert.ok(duration > 2 && pixels.length === stripes.length, `${duration} s`);
+});

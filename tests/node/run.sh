@@ -1,22 +1,14 @@
 #!/usr/bin/env bash
 # Builds and tests the Node client against the helper $1.
-set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-package=$here/../../client/node
-page=$here/../../tools/viewer/page
-source "$here/../npm.sh"
+source "$(dirname "$0")/../npm.sh"
 
-installPackages "$package"
-(cd "$package" && npm run --silent build && npm run --silent check)
+buildClient
+(cd "$client" && npm run --silent check)
 
-# The viewer's page has modules that are compiled from the client's sources.
-compiled=$(mktemp -d)
-trap 'rm -r "$compiled"' EXIT
-(cd "$package" && npm run --silent page -- --outDir "$compiled")
-for module in "$compiled"/*; do
-  diff "$page" "$module" || { echo "run \"npm run page\" in client/node"; exit 1; }
-done
+# The viewer's page has modules that "npm run page" makes of the client's sources.
+(cd "$client" && npm run --silent page -- --outDir dist/page)
+for module in "$client"/dist/page/*; do diff "$tests/../tools/viewer/page" "$module"; done
 
 # Node 18 does not have this option.
 limit=$(node --help | grep -q -e --test-timeout && echo --test-timeout=90000 || true)
-LUMORA_VIDEO_PATH=$(realpath "$1") node --expose-gc --test $limit "$here"/*.test.mjs
+LUMORA_VIDEO_PATH=$(realpath "$1") node --expose-gc --test $limit "$tests"/node/*.test.mjs
