@@ -9,13 +9,11 @@ namespace lumora {
 namespace {
 
 TEST(Commands, EndTheRunWhenTheyAreMalformed) {
-  const std::string id = R"(,"id":"6f9619ff-8b86-d011-b42d-00cf4fc964ff"})";
-  const std::string pause = R"({"type":"pause")" + id;
+  const std::string id = R"(,"id":"6f9619ff-8b86-d011-b42d-00cf4fc964f)";  // but for its end
+  const std::string start = R"({"type":"record_start")", pause = R"({"type":"pause")" + id + "f\"}";
   for (const std::string& text : std::initializer_list<std::string>{
-           "x", "[]", R"({"type":"record_start"})",
-           R"({"type":"record_start","id":"6f9619ff8b86d011b42d00cf4fc964ff"})",
-           R"({"type":"record_start","id":"6f9619ff-8b86-d011-b42d-00cf4fc964fg"})",
-           R"({"type":1)" + id, pause}) {
+           "x", "[]", start + "}", start + id + "\"}", start + id + "g\"}",
+           R"({"type":1)" + id + "f\"}", pause}) {
     VideoEncoderProbe fresh;
     fresh.commandText(text);
     const std::string what = text == pause ? "unknown" : "invalid";
@@ -83,12 +81,9 @@ TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndMakesUpForNoPause) {
 }
 
 TEST(MovieTiming, LimitsSamplesAndEndsWithTheStopOrTheLastFrame) {
-  EXPECT_EQ(lastUntil(10, 10 + longestSample, shortestSample).duration, longestSample);
   EXPECT_EQ(lastUntil(10, 11 + longestSample, shortestSample).duration, longestSample);
-  EXPECT_EQ(lastUntil(10, 109, shortestSample).duration, 100);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 12.6, 12.5, 30), 2.5);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 10.0, 10.0, 30), 1.0 / 60000);
-  EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 8.9, 30), 4 + 1.0 / 30);
   EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 12.0, 30), 7.0);
 }
 
@@ -109,16 +104,13 @@ TEST(TakeEvents, AreRelayedUnlessTheyComeTooLate) {
   using enum TakeState;
   // The last event, whether a stop is pending, the next event, whether that is relayed.
   const std::tuple<TakeState, bool, TakeState, bool> cases[] = {
-      {starting, false, recording, true},  {starting, true, recording, false},
-      {recording, false, recording, true}, {recording, true, finishing, true},
-      {recording, true, failed, true},     {finishing, false, recording, false},
-      {finishing, true, saved, true},      {finishing, true, failed, true},
-      {saved, false, failed, false},       {failed, false, failed, false},
-      {failed, false, recording, false},   {failed, false, saved, false}};
-  for (const auto& [last, stopping, next, relayed] : cases) {
+      {starting, false, recording, true},   {starting, true, recording, false},
+      {finishing, false, recording, false}, {recording, true, finishing, true},
+      {recording, true, failed, true},      {finishing, true, saved, true},
+      {saved, false, failed, false},        {failed, false, saved, false}};
+  for (const auto& [last, stopping, next, relayed] : cases)
     EXPECT_EQ(relaysEvent({last, {}}, stopping, {next, {}}), relayed)
         << static_cast<int>(last) << static_cast<int>(next);
-  }
 }
 
 }  // namespace
