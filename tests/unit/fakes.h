@@ -201,7 +201,7 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   }
   void setStateHandler(StateHandler handler) override { changed = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
-  void start() override { started = true; }
+  void start() override {}
   void acceptConnections() override { accepts = true; }
   std::uint16_t port() const override { return boundPort; }
   void cancel() override { cancelled = true; }
@@ -209,17 +209,14 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   StateHandler changed;
   ConnectionHandler arrived;
   std::uint16_t boundPort = 4711;
-  bool started = false, accepts = false, cancelled = false;
+  bool accepts = false, cancelled = false;
 };
 
 using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, forced
 
 struct FakeSession : CompressionSession, CanFail {
-  FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
-      : CanFail(all),
-        pool({width, height}, {}, PicturePool::make()),
-        size{width, height},
-        kind(use) {}
+  FakeSession(int width, int height, Failures& all)
+      : CanFail(all), pool({width, height}, {}, PicturePool::make()), size{width, height} {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
     return next("setProperty");
@@ -245,7 +242,6 @@ struct FakeSession : CompressionSession, CanFail {
 
   MemoryPixelBufferPool pool;
   PictureSize size;
-  SessionKind kind;
   std::map<SessionProperty, PropertyValue> properties;
   std::deque<std::pair<std::shared_ptr<PixelBuffer>, OutputHandler>> pending;
   Submitted submitted;
@@ -256,11 +252,11 @@ struct FakeSession : CompressionSession, CanFail {
 
 struct FakeEncoders final : Encoders, CanFail {
   using CanFail::CanFail;
-  Status createSession(SessionKind kind, int width, int height, const EncoderRequirements&,
+  Status createSession(SessionKind, int width, int height, const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
     const Status status = next("createSession");
     if (status == 0)
-      session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures, kind));
+      session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures));
     return status;
   }
   void prepare(const EncoderSettings& preview, const EncoderSettings& take) override {
