@@ -47,13 +47,12 @@ TEST(FrameFormat, HasTheWordsAndTheLengthThatTheHelperExpects) {
   for (int i = 0; i < 10; ++i) {
     const FrameFormat format{static_cast<FrameEncoding>(i)};
     ASSERT_EQ(format.text(), words[i]);
+    const auto encoding = parseFrameFormat(words[i])->encoding;
     for (const FrameSize size : {FrameSize{64, 36}, {1920, 1080}}) {
-      const auto isExpected = [&](std::size_t bytes) {
-        const PictureSize picture{size.width, size.height};
-        return isPictureLength(parseFrameFormat(words[i])->encoding, picture, bytes);
-      };
+      const PictureSize picture{size.width, size.height};
       const std::size_t most = format.bytes(size);
-      EXPECT_TRUE(isExpected(most) && !isExpected(most + 1)) << words[i];
+      EXPECT_TRUE(isPictureLength(encoding, picture, most)) << words[i];
+      EXPECT_FALSE(isPictureLength(encoding, picture, most + 1)) << words[i];
       EXPECT_LE(most, 1920u * 1080 * 4) << words[i];  // fits into a slot
     }
   }

@@ -92,8 +92,7 @@ TEST(WebRules, PartsOfAFile) {
     const ByteRange range = parseRange(header, size);
     return std::tuple(range.kind, range.first, range.length);
   };
-  EXPECT_EQ(partOf(100, "bytes=0-"), std::tuple(part, 0, 100));
-  EXPECT_EQ(partOf(100, "bytes=10-19"), std::tuple(part, 10, 10));
+  EXPECT_EQ(partOf(100, "bytes=10-"), std::tuple(part, 10, 90));
   EXPECT_EQ(partOf(100, "bytes=99-99"), std::tuple(part, 99, 1));
   EXPECT_EQ(partOf(100, "bytes=90-200"), std::tuple(part, 90, 10));
   EXPECT_EQ(partOf(100, "bytes=100-"), std::tuple(unsatisfiable, 0, 0));
