@@ -98,7 +98,7 @@ struct Recovery : testing::Test {
 };
 
 TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
-  const Bytes bytes = interrupted();
+  Bytes bytes = interrupted();
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   const std::string unit(unitBytes - 1, 0x11);  // behind its header
   std::vector<std::size_t> ends;                // of the samples
@@ -115,9 +115,8 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
     if (HasFailure()) return;
   }
   const Bytes behind = fragmentStart(0, 9, 0, {{20, 1000, true}});  // at a time that has passed
-  Bytes longer = bytes;
-  longer.insert(longer.end(), behind.begin(), behind.end());
-  place(longer);
+  bytes.insert(bytes.end(), behind.begin(), behind.end());
+  place(bytes);
   expectRecovered(7);
 }
 
@@ -131,9 +130,7 @@ TEST_F(Recovery, FinishesAMovieOnceAndReplacesNothing) {
   EXPECT_EQ(std::filesystem::file_size(movie), 15u);
   std::filesystem::remove(movie);
   const Bytes finished = load(staging);
-  Bytes torn = finished;
-  torn.resize(torn.size() - 1);
-  place(torn);
+  std::filesystem::resize_file(staging, finished.size() - 1);
   expectLeft("damaged");
   place(finished);
   EXPECT_EQ(recover().left, "");
