@@ -172,9 +172,7 @@ struct FakeConnection final : TcpConnection {
     const Bytes bytes(text.begin(), text.end());
     std::exchange(onReceive, nullptr)(bytes, complete, {});
   }
-  void finishSend(std::error_code error = {}) {
-    std::exchange(onSent, nullptr)(error);
-  }
+  void finishSend(std::error_code error = {}) { std::exchange(onSent, nullptr)(error); }
 
   EndHandler endHandler;
   ReceiveHandler onReceive;
