@@ -103,10 +103,8 @@ TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
                         {"createWriter", 1, {}, "Permission denied"},
                         {"canAdd", 1, {}, "recording format unavailable"},
                         {"startWriting", 1, {}, "recording writer failed"},
-                        {"startWriting", 1, full, full},
                         {"isReady", 1, {}, "recording disk cannot keep up"},
                         {"append", 1, {}, "recording sample append failed (0)"},
-                        {"append", 1, full, full},
                         {"append", 2, full, full},
                         {"none", 1, {}, "recording finalization failed"},
                         {"none", 1, full, full}};

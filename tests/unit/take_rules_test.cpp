@@ -61,10 +61,8 @@ TEST(GridCadence, AdmitsAFrameForEachPointOfTheTargetsGrid) {
 }
 
 TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndMakesUpForNoPause) {
-  using Limits = std::numeric_limits<double>;
   using Times = std::vector<double>;
   const std::pair<Times, Times> cases[] = {
-      {{-1, Limits::infinity(), Limits::quiet_NaN(), 0}, {0}},
       {{1, 1.0221, 1.1}, {1, 1.1}},
       {{1, 1.0223, 1.0446, 1.1}, {1, 1.0223, 1.1}},
       {{1, 1.0666, 1.089, 1.1}, {1, 1.0666, 1.089, 1.1}},  // late by less than an interval
