@@ -19,24 +19,22 @@
 namespace lumora {
 
 // Makes calls of the whole fake machine fail, by name.
-class Failures {
- public:
+struct Failures {
   // The `nth` call from now on, counted from 1, answers `status`; so do `more` calls after it.
   void fail(const std::string& call, int nth = 1, int status = -1, int more = 0) {
-    auto& answers = answers_[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
-    answers.insert(answers.end(), static_cast<std::size_t>(more + 1), status);
+    auto& queue = answers[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
+    queue.insert(queue.end(), static_cast<std::size_t>(more + 1), status);
   }
   // Asked by the fakes at every call: what it answers instead of doing its work, or 0.
   int next(const std::string& call) {
-    auto& answers = answers_[call];
-    if (answers.empty()) return 0;
-    const int answer = answers.front();
-    answers.pop_front();
+    auto& queue = answers[call];
+    if (queue.empty()) return 0;
+    const int answer = queue.front();
+    queue.pop_front();
     return answer;
   }
 
- private:
-  std::map<std::string, std::deque<int>> answers_;  // of the next calls; those behind succeed
+  std::map<std::string, std::deque<int>> answers;  // of the next calls; those behind succeed
 };
 
 struct CanFail {
@@ -91,12 +89,6 @@ struct FakeClock final : Clock {
   double now = 1000;
 };
 
-struct FakeSignal final : SignalSource {
-  explicit FakeSignal(int& count) : cancelled(count) {}
-  void cancel() override { ++cancelled; }
-  int& cancelled;
-};
-
 struct FakeDispatch final : Dispatch {
   explicit FakeDispatch(const double& clock) : now(clock) {}
   std::shared_ptr<SerialQueue> makeQueue(const std::string&) override {
@@ -128,7 +120,7 @@ struct FakeProcess final : Process, CanFail {
   }
   std::unique_ptr<SignalSource> onSignal(int signal, Work handler) override {
     signals[signal] = std::move(handler);
-    return std::make_unique<FakeSignal>(signalsCancelled);
+    return nullptr;
   }
   void exit(int code) override { exitCodes.push_back(code); }
   void armWatchdog(double seconds, int code) override {
@@ -158,7 +150,6 @@ struct FakeProcess final : Process, CanFail {
   int interruptions = 0;        // reads that fail with EINTR first
   std::vector<std::string> lines;
   std::map<int, Work> signals;
-  int signalsCancelled = 0;
   std::vector<int> exitCodes;
   std::pair<double, int> watchdog;
 };
@@ -179,13 +170,9 @@ struct FakeConnection final : TcpConnection {
   // What the client sends; `complete` closes its side.
   void deliver(const std::string& text, bool complete = false) {
     const Bytes bytes(text.begin(), text.end());
-    ASSERT_TRUE(onReceive) << "no read is armed";
     std::exchange(onReceive, nullptr)(bytes, complete, {});
   }
-  void finishSend(std::error_code error = {}) {
-    ASSERT_TRUE(onSent) << "no send is outstanding";
-    std::exchange(onSent, nullptr)(error);
-  }
+  void finishSend(std::error_code error = {}) { std::exchange(onSent, nullptr)(error); }
 
   EndHandler endHandler;
   ReceiveHandler onReceive;
@@ -201,7 +188,7 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   }
   void setStateHandler(StateHandler handler) override { changed = std::move(handler); }
   void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
-  void start() override { started = true; }
+  void start() override {}
   void acceptConnections() override { accepts = true; }
   std::uint16_t port() const override { return boundPort; }
   void cancel() override { cancelled = true; }
@@ -209,17 +196,14 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   StateHandler changed;
   ConnectionHandler arrived;
   std::uint16_t boundPort = 4711;
-  bool started = false, accepts = false, cancelled = false;
+  bool accepts = false, cancelled = false;
 };
 
 using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, forced
 
 struct FakeSession : CompressionSession, CanFail {
-  FakeSession(int width, int height, Failures& all, SessionKind use = SessionKind::preview)
-      : CanFail(all),
-        pool({width, height}, {}, PicturePool::make()),
-        size{width, height},
-        kind(use) {}
+  FakeSession(int width, int height, Failures& all)
+      : CanFail(all), pool({width, height}, {}, PicturePool::make()), size{width, height} {}
   Status setProperty(SessionProperty property, const PropertyValue& value) override {
     properties[property] = value;
     return next("setProperty");
@@ -246,7 +230,6 @@ struct FakeSession : CompressionSession, CanFail {
 
   MemoryPixelBufferPool pool;
   PictureSize size;
-  SessionKind kind;
   std::map<SessionProperty, PropertyValue> properties;
   std::deque<std::pair<std::shared_ptr<PixelBuffer>, OutputHandler>> pending;
   Submitted submitted;
@@ -257,11 +240,11 @@ struct FakeSession : CompressionSession, CanFail {
 
 struct FakeEncoders final : Encoders, CanFail {
   using CanFail::CanFail;
-  Status createSession(SessionKind kind, int width, int height, const EncoderRequirements&,
+  Status createSession(SessionKind, int width, int height, const EncoderRequirements&,
                        std::shared_ptr<CompressionSession>& session) override {
     const Status status = next("createSession");
     if (status == 0)
-      session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures, kind));
+      session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures));
     return status;
   }
   void prepare(const EncoderSettings& preview, const EncoderSettings& take) override {

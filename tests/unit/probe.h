@@ -23,7 +23,16 @@ inline RawFrame makeRawFrame(std::shared_ptr<const std::uint8_t[]> rgba, Picture
 
 struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"},
-                             std::shared_ptr<FrameMemory> frameMemory = nullptr);
+                             std::shared_ptr<FrameMemory> frameMemory = nullptr) {
+    service = std::make_shared<VideoEncoder>(
+        configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders,
+                                images, images, movies, files, decoder, std::move(frameMemory)});
+    forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
+                    state->clear();
+                    for (const auto& one : other->queues) one->clear();
+                    for (const auto& writer : files->writers) writer->finished = nullptr;
+                  }};
+  }
 
   // Starts it and reports its listener ready; forgets the events.
   void becomeReady() {
@@ -58,7 +67,11 @@ struct VideoEncoderProbe {
     return connection;
   }
   // Admits and encodes one frame as the reader would.
-  void feed(std::uint64_t id, int width = 640, int height = 360);
+  void feed(std::uint64_t id, int width = 640, int height = 360) {
+    ASSERT_TRUE(service->raw.admit());
+    const auto bytes = static_cast<std::size_t>(width * height * 4);
+    service->encode(makeRawFrame(pictures->allocate(bytes), {width, height}, id, clock->now));
+  }
   FakeSession& lastSession() { return *encoders->sessions.back(); }
   // The last session answers its oldest frame, then the queues run.
   void answer(std::shared_ptr<const EncodedSample> sample, Status status = 0,
@@ -103,7 +116,6 @@ struct VideoEncoderProbe {
   bool isRawBusy() { return service->raw.isBusy(); }
   VideoEncoder& operator*() { return *service; }
   MovieRecorder* take() { return service->take.movie.get(); }
-  Peer& onlyPeer() { return *service->preview.peers.begin()->second; }
 
   std::shared_ptr<Failures> failures = std::make_shared<Failures>();
   std::shared_ptr<PicturePool> pictures = PicturePool::make();
