@@ -7,6 +7,7 @@
 #                       $(OUT)/bench.json and two charts (50 minutes; ROUNDS=1 for a quick look, 20)
 #   make fuzz           run the fuzzers (MINUTES for each)
 #   make soak           run takes and clients at random, at full speed (MINUTES)
+#   make losses         show what takes lose by kills, power cuts, bad disks and others (6 minutes)
 #   make lint           check formatting, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)
@@ -24,7 +25,7 @@ MINUTES ?= 1
 ROUNDS ?= 3
 SUITE ?= bookworm
 
-.PHONY: demo view test bench fuzz soak lint package package-test fresh arm64 portable portable-test format dependencies clean
+.PHONY: demo view test bench fuzz soak losses lint package package-test fresh arm64 portable portable-test format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -69,6 +70,12 @@ soak: dependencies
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-soak
 	build/release/tools/lumora-soak $(HELPER) $(OUT)/soak $(MINUTES)
+
+losses: dependencies
+	command -v node >/dev/null || scripts/install_dependencies.sh nodejs
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-recover lumora-faults
+	unshare --map-root-user --mount node bench/losses.mjs $(HELPER) build/release/tests/liblumora-faults.so
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)

@@ -130,7 +130,7 @@ void HybridMovieWriter::rescue(RescueHandler handler) {
   const auto kept = std::make_shared<MovieExtent>();
   disk_->rescue(
       placeholderOffset(),
-      [kept, format = format_, properties = properties_, all = std::move(tables_)](
+      [kept, format = format_, properties = properties_, all = tables_](
           std::size_t writes, std::uint64_t size) -> std::optional<MovieDisk::Ending> {
         const MovieTables tables = fragmentsOf(all, writes);
         *kept = extentOf(tables);

@@ -55,10 +55,11 @@ void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
 
 void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
                        std::function<void(int error)> handler) {
-  end(WriterStatus::failed, "the movie was ended early");
   const auto outcome = std::make_shared<int>(0);
   Job job{0,
           [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
+            // Only now, so that a write that was under way is counted.
+            end(WriterStatus::failed, "the movie was ended early");
             const auto ending = make(syncedWrites(), sink.size());
             if (!ending) return;
             int& error = *outcome;

@@ -23,7 +23,7 @@ void waitUntil(const std::function<bool()>& holds) {
 // A disk in memory that can be told to fail or to hang. Of a large write it keeps only the size.
 struct Disk {
   int call(const std::function<void()>& effect) {
-    waitUntil([this] { return !hangs; });
+    waitUntil([this] { return !hangs && calls != hangAt; });
     if (failAfter == 0) return ENOSPC;
     if (failAfter > 0) --failAfter;
     effect();
@@ -36,6 +36,7 @@ struct Disk {
   std::uint64_t reserved = 0;       // bytes, which also a full disk takes
   std::atomic<int> failAfter = -1;  // calls that still succeed; negative: all
   std::atomic<int> calls = 0;
+  std::atomic<int> hangAt = -1;  // after so many calls
   std::atomic<bool> hangs = false, isFull = false, closed = false;
 };
 
@@ -165,6 +166,19 @@ TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
       EXPECT_TRUE(!isComplete || std::ssize(read.times) == frames);
     }
   }
+}
+
+TEST(MovieFile, KeepsTheFragmentThatASlowDiskSyncsDuringTheRescue) {
+  Written movie;
+  movie.disk->hangAt = 8;
+  movie.fill(90);
+  waitUntil([&] { return movie.disk->calls == 8; });
+  std::promise<MovieExtent> answer;
+  movie.writer.rescue([&](MovieExtent kept, bool) { answer.set_value(kept); });
+  EXPECT_EQ(movie.writer.synced().frames, 30);
+  movie.disk->hangAt = -1;
+  EXPECT_EQ(answer.get_future().get().frames, 60);
+  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 60);
 }
 
 TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
