@@ -9,6 +9,7 @@
 
 #include "base/big_endian.h"
 #include "mp4/hybrid_movie_writer.h"
+#include "mp4/movie_disk.h"
 #include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
 
@@ -21,14 +22,16 @@ struct Disk {
   std::condition_variable changed;
   Bytes bytes;
   std::size_t size = 0, largeWriteAt = 0;
-  int failAfter = -1;  // calls that still succeed; negative: all
-  int calls = 0;
-  bool hangs = false, isFull = false, closed = false;
+  int failAfter = -1;             // calls that still succeed; negative: all
+  int calls = 0, hangsAfter = 0;  // if it hangs, it does so after as many calls
+  bool hangs = false, isWaiting = false, isFull = false, closed = false;
   std::uint64_t reserved = 0;  // bytes, which also a full disk takes
 
   int call(const std::function<void()>& effect) {
     std::unique_lock hold(mutex);
-    changed.wait(hold, [this] { return !hangs; });
+    const auto goesOn = [this] { return !hangs || calls < hangsAfter; };
+    if (!goesOn()) isWaiting = true, changed.notify_all();
+    changed.wait(hold, goesOn);
     if (failAfter == 0) return ENOSPC;
     if (failAfter > 0) --failAfter;
     effect();
@@ -252,6 +255,35 @@ TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
       }
     }
   }
+}
+
+TEST(MovieFile, KeepsAFragmentThatIsBeingSynced) {
+  Written movie;
+  movie.disk->set(movie.disk->hangsAfter, 11);  // the next call syncs the third fragment
+  movie.disk->set(movie.disk->hangs, true);
+  movie.fill(90);
+  ASSERT_TRUE(movie.disk->waitFor(movie.disk->isWaiting, true));
+  EXPECT_EQ(movie.writer.synced().frames, 60u);
+  EXPECT_EQ(movie.writer.synced().duration, 60000);
+  std::promise<std::pair<MovieExtent, bool>> answer;
+  movie.writer.rescue([&](MovieExtent kept, bool isComplete) {
+    answer.set_value({kept, isComplete});
+  });
+  movie.disk->set(movie.disk->hangs, false);
+  const auto [kept, isComplete] = answer.get_future().get();
+  EXPECT_EQ(kept.frames, 90u);
+  EXPECT_TRUE(isComplete);
+}
+
+TEST(MovieFile, IsIncompleteWithoutMemoryForItsTables) {
+  const auto disk = MovieDisk::start(std::make_unique<DiskSink>(std::make_shared<Disk>()));
+  std::promise<int> error;
+  const auto fail = [](std::size_t, std::uint64_t) -> std::optional<MovieDisk::Ending> {
+    throw std::bad_alloc();
+  };
+  disk->rescue(0, fail, [&](int status) { error.set_value(status); });
+  EXPECT_EQ(error.get_future().get(), ENOMEM);
+  disk->cancel();
 }
 
 // The handler of a finish may hold the last reference to the writer. It runs on the disk's thread.
