@@ -78,6 +78,18 @@ struct Recovery : testing::Test {
     return bytes;
   }
 
+  static Bytes withTwoTracks() {
+    Bytes bytes = movieStart(*keySample()->format(), {});
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    const std::size_t at = text.find("trak") - 4;
+    const Bytes track(&bytes[at], &bytes[at] + integerBE<std::uint32_t>(bytes, at));
+    const std::size_t moov = placeholderOffset() + 16;
+    const auto size = integerBE<std::uint32_t>(bytes, moov) + track.size();
+    storeBE(&bytes[moov], static_cast<std::uint32_t>(size));
+    bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), track.begin(), track.end());
+    return bytes;
+  }
+
   // Expects an ordinary movie of so many samples.
   void expectMovie(const std::string& path, std::size_t samples) const {
     const Bytes bytes = load(path);
@@ -123,17 +135,22 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
       ends.push_back(at + 4 + end);
   }
   ASSERT_EQ(ends.size(), samples);
+  const auto tables = bytes.begin() + static_cast<std::ptrdiff_t>(ends.back());
   for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
     SCOPED_TRACE(cut);
     const auto whole = static_cast<std::size_t>(
         std::ranges::count_if(ends, [cut](std::size_t end) { return end <= cut; }));
-    Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
-    if (cut % 2 == 0) torn.resize(torn.size() + 300);  // zeros, as a power cut may leave them
-    place(torn);
-    if (whole == 0) {
-      expectLeft("it ");
-    } else {
-      expectRecovered(whole);
+    const Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
+    // What a power cut leaves behind: zeros, or the tables of an earlier recovery.
+    for (const Bytes& behind : {Bytes(), Bytes(300), Bytes(tables, bytes.end())}) {
+      Bytes file = torn;
+      file.insert(file.end(), behind.begin(), behind.end());
+      place(file);
+      if (whole == 0) {
+        expectLeft("it ");
+      } else {
+        expectRecovered(whole);
+      }
     }
     if (testing::Test::HasFailure()) return;
   }
@@ -192,6 +209,8 @@ TEST_F(Recovery, LeavesWhatIsNoInterruptedTake) {
   expectLeft("not a take");
   place(movieStart(*keySample()->format(), {}));
   expectLeft("no picture");
+  place(withTwoTracks());
+  expectLeft("more than one track");
   place(interrupted(7));
   std::filesystem::last_write_time(staging, std::filesystem::file_time_type::clock::now());
   expectLeft("younger than a minute");
