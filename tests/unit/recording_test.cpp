@@ -33,7 +33,7 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
   const Json invalid = {{"bit_rate", {249999, 50000001, 1e6 + 0.5, "1000000", nullptr}},
                         {"rotation", {-90, 45, 360, true}},
                         {"on_failure", {"delete", 1, true}},
-                        {"minimum_free", {-1, 9007199254740994, "1"}}};
+                        {"minimum_free", {-1, 9007199254740993, "1"}}};
   for (const auto& [key, values] : invalid.items())
     for (const Json& value : values) expectRefused(key.c_str(), {{key, value}});
   start({{"resolution", "640x360"},
