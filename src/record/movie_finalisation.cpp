@@ -21,15 +21,19 @@ void MovieRecorder::finishJob(double stop) {
     endMovie(end);
     tell(TakeState::finishing, end, "", path);
   } catch (const std::exception& reason) {
-    fail(reasonOf(reason), Cause::disk);
+    fail(reasonOf(reason));
   }
 }
 
 // Writes the sample that was held back, and completes the file.
 void MovieRecorder::endMovie(double end) {
   if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
+  completeFile(movieUnits(end), end);
+}
+
+void MovieRecorder::completeFile(std::int64_t units, double end) {
   held.reset();
-  writer->finishWriting(movieUnits(end), [self = shared_from_this(), end] {
+  writer->finishWriting(units, [self = shared_from_this(), end] {
     self->queue->async([self, end] { self->movieEnded(end); });
   });
 }
@@ -37,9 +41,8 @@ void MovieRecorder::endMovie(double end) {
 // Tries one name after the other. A complete movie is never deleted because of its name.
 void MovieRecorder::movieEnded(double end) {
   const bool isComplete = writer->status() == WriterStatus::completed;
-  if (failed) return isComplete ? kept(writer->extent(), true) : rescue();
-  if (!isComplete)
-    return fail(writer->error().value_or("recording finalization failed"), Cause::disk);
+  if (failed) return isComplete ? nameKept(writer->extent(), true) : rescue();
+  if (!isComplete) return fail(writer->error().value_or("recording finalization failed"));
   if (platform.files->move(staging, path)) return saved(end, "", path);
   const std::string recovery = recoveryPath(path, id);
   if (platform.files->move(staging, recovery)) {
@@ -56,7 +59,6 @@ void MovieRecorder::movieEnded(double end) {
 void MovieRecorder::saved(double end, const std::string& error, const std::string& outputPath) {
   Json more = Json::object();
   if (options.keepsFailed) more["frames_in_movie"] = writer->extent().frames;
-  if (stoppedForSpace) more["stopped_for"] = "minimum_free";
   tell(TakeState::saved, end, error, outputPath, more);
 }
 

@@ -32,17 +32,20 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void countDropped();                    // a frame was lost before it became a sample
   void countThrottled() { ++throttled; }  // the cadence skipped a frame
   int pendingWork() const { return pending; }
+  bool accepts() const { return accepting; }  // false once it has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
 
   // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
   void finish(double stop);
-  // State queue. Makes the "saved" event say that the take was stopped for lack of space.
+  // State queue. Makes the last event say that the take was stopped for lack of space.
   void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
   // file is complete, after `rescueTimeout` seconds at most.
   void abort(const std::string& message);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
+  // State queue. If the take fails from now on, its last event comes at uptime `end` at the latest.
+  void limitRescue(double end) { rescueEnd = end; }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
 
@@ -68,22 +71,23 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void prepare(const HeldSample& first);
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void tell(TakeState state, double duration, const std::string& error,
-            const std::string& outputPath, const Json& more = Json::object());
+            const std::string& outputPath, Json more = Json::object());
   void progress();
   void checkSpace();
   Json spaceLeft();
   void finishJob(double stop);
   void endMovie(double end);
+  void completeFile(std::int64_t units, double end);
   void movieEnded(double end);
   void saved(double end, const std::string& error, const std::string& outputPath);
 
-  // Ends the take as failed. If the disk has failed, only what is on it can be kept; otherwise
-  // every sample can.
-  enum class Cause { disk, other };
-  void fail(const std::string& message, Cause cause);
+  // Ends the take as failed. If the disk has failed or is too slow, only what is on it can be kept;
+  // otherwise every sample can.
+  void fail(const std::string& message);
   bool keepAll();
   void rescue();
-  void kept(MovieExtent extent, bool isComplete);
+  void nameKept(MovieExtent extent, bool isComplete);
+  void kept(MovieExtent extent, const std::string& file);
   void removeFile();
 
   const Platform platform;
@@ -104,6 +108,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   int height = 0;
   bool failed = false;
   std::string failure;       // the reason
+  MovieExtent stored;        // what was on the disk when it failed, if that is to be kept
   bool isConcluded = false;  // the last event was sent
 
   // State queue only.
@@ -116,6 +121,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::atomic<bool> accepting = true;
   std::atomic<bool> spaceIsShort = false;
   std::atomic<bool> stoppedForSpace = false;
+  std::atomic<double> rescueEnd = std::numeric_limits<double>::infinity();  // uptime
 };
 
 }  // namespace lumora

@@ -10,7 +10,10 @@ VideoEncoderProbe::VideoEncoderProbe(Configuration configuration,
   forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
                   state->clear();
                   for (const auto& one : other->queues) one->clear();
-                  for (const auto& writer : files->writers) writer->finished = nullptr;
+                  for (const auto& writer : files->writers) {
+                    writer->finished = nullptr;
+                    writer->rescued = nullptr;
+                  }
                 }};
 }
 

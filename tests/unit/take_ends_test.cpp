@@ -119,6 +119,7 @@ TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
 }
 
 const std::string takeStaging = takePath + "." + takeID + ".partial";
+const std::string takeStagingName = "a.mp4." + takeID + ".partial";
 const std::string takeRecovery = "a.recovered-" + takeID + ".mp4";
 
 struct KeptTakes : Takes {
@@ -126,6 +127,11 @@ struct KeptTakes : Takes {
     start({{"on_failure", "keep"}, {"resolution", "640x360"}, {"target_fps", 30}});
     frame(1001.0, true);
     writer().onDisk = {30, 30000};
+  }
+  // 32 MB wait for the disk when this frame comes.
+  void frameForAFullQueue() {
+    probe.failures->fail("isReady", 1, -1, /*more=*/1);
+    frame(1001.1);
   }
   // The take's last event. No other take may begin before it.
   Json lastEvent() {
@@ -142,60 +148,98 @@ TEST_F(KeptTakes, NameWhatWasOnTheDiskThatFailed) {
   for (const bool isComplete : {true, false}) {
     probe.restart();
     startKept();
-    probe.failures->fail("append", 1, -1, 0);
-    frame(1001.1);
+    if (isComplete) {
+      writer().problem = "No space left on device";
+      probe.failures->fail("append");
+      frame(1001.1);
+    } else {
+      frameForAFullQueue();
+    }
     EXPECT_TRUE(events("failed").empty());
     expectRefusal();
+    EXPECT_FALSE(frame(1001.2));
     writer().rescued({30, 30000}, isComplete);
-    expectKeys(lastEvent(),
-               {{"error", "recording sample append failed (0)"},
-                {"kept_path", isComplete ? takeRecovery : "a.mp4." + takeID + ".partial"},
-                {"kept_frames", 30},
-                {"kept_duration", 0.5}});
+    expectKeys(lastEvent(), {{"error", writer().problem.value_or("recording disk cannot keep up")},
+                             {"kept_path", isComplete ? takeRecovery : takeStagingName},
+                             {"kept_frames", 30},
+                             {"kept_duration", 0.5},
+                             {"dropped", 0}});
     EXPECT_EQ(probe.files->moves.size(), isComplete ? 1u : 0u);
     EXPECT_TRUE(probe.files->removed.empty());
   }
 }
 
-// The encoder fails, the camera changes its size, the time of the stop is refused.
+// The encoder fails, the camera changes its size, the time of the stop is refused, or a sample
+// can't be read.
 TEST_F(KeptTakes, KeepEverySampleWhenTheDiskIsSound) {
-  for (const std::string cause : {"encoder", "size", "stop"}) {
+  for (const std::string cause : {"encoder", "size", "stop", "sample"}) {
     probe.restart();
     startKept();
     frame(1001.1);
     if (cause == "encoder") feed(1001.2), probe.answer(nullptr, -1);
     if (cause == "size") feed(1001.2, 320, 240);
     if (cause == "stop") stop({{"stopped_at", 5.0}});
+    if (cause == "sample") probe.failures->fail("append", 1, -1, /*more=*/1), frame(1001.2);
     probe.run();
     ASSERT_TRUE(writer().finished) << cause;
-    EXPECT_EQ(writer().timings.size(), 2u) << cause;
+    const std::size_t frames = cause == "sample" ? 1 : 2;
+    ASSERT_EQ(writer().timings.size(), frames) << cause;
+    const auto& [time, duration] = writer().timings.back();
+    EXPECT_EQ(writer().end, time + duration) << cause;
     EXPECT_TRUE(events("failed").empty());
     expectRefusal();
     writer().complete(WriterStatus::completed);
-    expectKeys(lastEvent(), {{"kept_path", takeRecovery}, {"kept_frames", 2}});
+    expectKeys(lastEvent(), {{"kept_path", takeRecovery}, {"kept_frames", frames}});
   }
 }
 
-TEST_F(KeptTakes, AreDeletedWithoutAFragmentOnTheDiskAndNamedWhenItHangs) {
+TEST_F(KeptTakes, AreDeletedWithoutAFragmentOnTheDisk) {
   startKept();
   writer().onDisk = {};
   probe.failures->fail("append", 1, -1, 0);
   frame(1001.1);
   EXPECT_FALSE(lastEvent().contains("kept_path"));
   EXPECT_EQ(probe.files->removed, std::vector<std::string>{takeStaging});
+}
 
-  probe.restart();
+TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
+  const Json named = {{"kept_path", takeStagingName}, {"kept_frames", 30}};
   startKept();
-  probe.failures->fail("append", 1, -1, 0);
-  frame(1001.1);
+  frameForAFullQueue();
   probe.signal(15);
   EXPECT_TRUE(probe.process->exitCodes.empty());
   probe.clock->now += MovieRecorder::rescueTimeout;
-  expectKeys(lastEvent(), {{"kept_path", "a.mp4." + takeID + ".partial"}, {"kept_frames", 30}});
+  expectKeys(lastEvent(), named);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   writer().rescued({30, 30000}, true);
   EXPECT_TRUE(events("failed").empty());
   EXPECT_TRUE(probe.files->moves.empty());
+
+  // It fails when the process has waited for most of its time.
+  probe.restart();
+  startKept();
+  probe.signal(15);
+  probe.clock->now += 1.5;
+  writer().problem = "No space left on device";
+  writer().complete(WriterStatus::failed);
+  EXPECT_TRUE(lastEvent().is_null());
+  probe.clock->now += 0.4;
+  expectKeys(lastEvent(), named);
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+
+  // It hangs in the rename.
+  probe.restart();
+  startKept();
+  probe.dispatch->hangs = true;
+  stop({{"stopped_at", 5.0}});
+  probe.run();
+  writer().complete(WriterStatus::completed);
+  EXPECT_TRUE(lastEvent().is_null());
+  probe.clock->now += MovieRecorder::rescueTimeout;
+  expectKeys(lastEvent(), named);
+  start({{"path", "/takes/b.mp4"}});
+  probe.dispatch->hangs = false;
+  EXPECT_TRUE(events("failed").empty());
 }
 
 TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
@@ -215,8 +259,17 @@ TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
   expectKeys(events("saved").at(0), {{"stopped_for", "minimum_free"}, {"frames_in_movie", 3}});
 
   start({{"minimum_free", 1000}});
-  probe.movies->free = 999;
   frame(1003.0, true);
+  writer().free = 999;
+  frame(1003.1);
+  probe.tick();
+  probe.run();
+  writer().complete(WriterStatus::failed);
+  expectKeys(events("failed").at(0), {{"stopped_for", "minimum_free"}});
+
+  start({{"minimum_free", 1000}});
+  probe.movies->free = 999;
+  frame(1004.0, true);
   EXPECT_EQ(failure(), "not enough free space");
 }
 
