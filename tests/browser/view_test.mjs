@@ -161,7 +161,7 @@ test('a viewer whose folder holds an interrupted take', async () => {
   fs.utimesSync(staging, 0, 0);
   const viewer = await startView(['--demo', '--helper', helper, '--folder', folder]);
   const page = await openPage(viewer.address);
-  await page.getByText('A take was interrupted.').waitFor();
+  await page.getByText('A take is unfinished or running.').waitFor();
   await page.locator('#interrupted-keep').click();
   await page.getByText(/old\.recovered-.*\.mp4: 1\.0 s/).waitFor();
   assert.equal(await page.locator('#interrupted-keep').isVisible(), false);
