@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
-#include <new>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "base/directory.h"
@@ -65,7 +67,8 @@ class PosixFile final : public ByteSink {
 
   std::optional<std::uint64_t> freeBytes() const override {
     struct statvfs system {};
-    if (fstatvfs(descriptor_, &system) != 0) return std::nullopt;
+    // Some file systems have no figures, and answer with zeros.
+    if (fstatvfs(descriptor_, &system) != 0 || system.f_blocks == 0) return std::nullopt;
     return std::uint64_t{system.f_bavail} * system.f_frsize;
   }
 
@@ -100,6 +103,14 @@ class PosixFile final : public ByteSink {
   bool named_ = linkCount() > 0;
 };
 
+// A recovery that finds the new file locks it for a moment.
+void lockNewFile(int descriptor) {
+  for (int tries = 0; lockFile(descriptor) == EAGAIN; ++tries) {
+    if (tries == 100) throw std::system_error(EAGAIN, std::generic_category());
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
@@ -108,10 +119,10 @@ std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
     error = errno;
     return nullptr;
   }
-  lockFile(descriptor);
   try {
+    lockNewFile(descriptor);
     return std::make_unique<PosixFile>(descriptor, 0, std::filesystem::path(path).parent_path());
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) {
     close(descriptor);
     unlink(path.c_str());
     throw;

@@ -31,7 +31,8 @@ class ByteSink {
 };
 
 // A new file. Null, with `error` set to an errno, if it exists or can't be made.
-// The file is locked while it is open, if the file system has locks (see `lockFile`).
+// The file is locked while it is open, if the file system has locks (see `lockFile`). Throws
+// std::system_error if somebody else keeps it locked for a second.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
 // Appends to the file of `size` bytes at `path`. Takes `descriptor`, which is open on it.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <ctime>
 #include <limits>
+#include <numeric>
 #include <utility>
 
+#include "base/out_of_memory.h"
 #include "base/text.h"
 #include "h264/nal_units.h"
 #include "mp4/movie_disk.h"
@@ -31,10 +33,7 @@ MovieExtent extentOf(const MovieTables& tables) {
 }
 
 // The first write of a file is its start. Every other one is a fragment.
-MovieTables fragmentsOf(MovieTables tables, std::size_t writes) {
-  tables.keepChunks(std::max<std::size_t>(writes, 1) - 1);
-  return tables;
-}
+std::size_t fragmentsIn(std::size_t writes) { return std::max<std::size_t>(writes, 1) - 1; }
 
 std::uint64_t secondsSince1904() {
   constexpr std::int64_t from1904To1970 = 2'082'844'800;
@@ -80,6 +79,7 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   if (closed_) return false;
   const auto length = sample.dataLength();
   if (!length) return false;
+  samples_.reserve(samples_.size() + 1);  // first, so that nothing throws once its bytes are added
   const std::size_t at = payload_.size();
   payload_.resize(at + *length);
   if (sample.copyBytes(0, MutableByteView(payload_).subspan(at)) != 0) {
@@ -93,17 +93,27 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   return true;
 }
 
+// Without memory the fragment is lost. The movie can still be finished with those before it.
 void HybridMovieWriter::flushFragment() {
   if (samples_.empty()) return;
-  Bytes start =
-      fragmentStart(fileSize_, ++fragments_, static_cast<std::uint64_t>(fragmentTime_), samples_);
-  tables_.addChunk(fileSize_ + start.size(), samples_);
-  fileSize_ += start.size() + payload_.size();
   const std::size_t usual = payload_.size();
-  disk_->write(std::move(start), std::exchange(payload_, {}),
-               maximumMovieEndBytes(*format_, tables_));
-  payload_.reserve(usual + usual / 4);
+  try {
+    Bytes start = fragmentStart(fileSize_, fragments_ + 1,
+                                static_cast<std::uint64_t>(fragmentTime_), samples_);
+    tables_.addChunk(fileSize_ + start.size(), samples_);
+    const std::size_t bytes = start.size() + usual;
+    disk_->write(std::move(start), std::exchange(payload_, {}),
+                 maximumMovieEndBytes(*format_, tables_));
+    fileSize_ += bytes;
+    ++fragments_;
+  } catch (const std::exception&) {
+    tables_.keepChunks(fragments_);
+    samples_.clear();
+    closed_ = true;
+    throw;
+  }
   samples_.clear();
+  bestEffort([&] { payload_.reserve(usual + usual / 4); });
 }
 
 void HybridMovieWriter::finishWriting(std::int64_t end, std::function<void()> handler) {
@@ -122,17 +132,21 @@ void HybridMovieWriter::finishWriting(std::int64_t end, std::function<void()> ha
 MovieExtent HybridMovieWriter::extent() const { return extentOf(tables_); }
 
 MovieExtent HybridMovieWriter::synced() const {
-  return extentOf(fragmentsOf(tables_, disk_->syncedWrites()));
+  const std::size_t frames = tables_.samplesIn(fragmentsIn(disk_->syncedWrites()));
+  const auto behind = tables_.durations.begin() + static_cast<std::ptrdiff_t>(frames);
+  const auto rest = std::accumulate(behind, tables_.durations.end(), std::uint64_t{0});
+  return {frames, static_cast<std::int64_t>(tables_.duration - rest)};
 }
 
 void HybridMovieWriter::rescue(RescueHandler handler) {
   closed_ = true;
-  const auto kept = std::make_shared<MovieExtent>();
+  const auto kept = std::make_shared<MovieExtent>(synced());  // until more is known
   disk_->rescue(
       placeholderOffset(),
       [kept, format = format_, properties = properties_, all = tables_](
           std::size_t writes, std::uint64_t size) -> std::optional<MovieDisk::Ending> {
-        const MovieTables tables = fragmentsOf(all, writes);
+        MovieTables tables = all;
+        tables.keepChunks(fragmentsIn(writes));
         *kept = extentOf(tables);
         if (tables.empty()) return std::nullopt;
         return MovieDisk::Ending{movieEnd(*format, tables, properties),

@@ -1,5 +1,6 @@
 #include "mp4/movie_disk.h"
 
+#include <cerrno>
 #include <system_error>
 #include <utility>
 
@@ -33,8 +34,10 @@ void MovieDisk::write(Bytes head, Bytes body, std::uint64_t ending) {
                    body = std::move(body)](ByteSink& sink) {
              // Synced at once, so a power cut costs no more than a crash of the process.
              if (proceeds(sink.reserve(room)) && proceeds(sink.write(head)) &&
-                 proceeds(sink.write(body)) && proceeds(sink.sync())) {
-               written(sink);
+                 proceeds(sink.write(body))) {
+               const int error = sink.sync();
+               if (error == 0) written(sink);  // even if a rescue has begun meanwhile
+               proceeds(error);
              }
            }});
 }
@@ -55,19 +58,19 @@ void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
 
 void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
                        std::function<void(int error)> handler) {
-  const auto outcome = std::make_shared<int>(0);
+  const auto outcome = std::make_shared<int>(ENOMEM);  // unless the step gets to its end
   Job job{0,
           [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
             // Only now, so that a write that was under way is counted.
             end(WriterStatus::failed, "the movie was ended early");
             const auto ending = make(syncedWrites(), sink.size());
-            if (!ending) return;
-            int& error = *outcome;
-            if ((error = sink.write(ending->tail)) == 0 && (error = sink.sync()) == 0 &&
+            int error = 0;
+            if (ending && (error = sink.write(ending->tail)) == 0 && (error = sink.sync()) == 0 &&
                 (error = sink.overwrite(offset, ending->header)) == 0 &&
                 (error = sink.sync()) == 0) {
               sink.releaseRoom();
             }
+            *outcome = error;
           },
           [outcome, handler = std::move(handler)] { handler(*outcome); },
           /*isRescue=*/true};

@@ -33,7 +33,8 @@ class MovieDisk {
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
   // runs on the I/O thread. It gets the number of writes on the disk and the size of the file. If
-  // it returns nothing, nothing is written. `handler` gets the errno of the first step that failed.
+  // it returns nothing, nothing is written. `handler` gets the errno of the first step that failed,
+  // ENOMEM for an exception.
   struct Ending {
     Bytes tail;
     Bytes header;

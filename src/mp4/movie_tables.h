@@ -34,7 +34,10 @@ struct MovieTables {
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
-  // Drops all samples but those of the first `count` chunks.
+  // The number of samples in the first `count` chunks.
+  std::size_t samplesIn(std::size_t count) const;
+  // Drops all samples but those of the first `count` chunks, also what an `addChunk` that threw has
+  // left.
   void keepChunks(std::size_t count);
   bool empty() const { return sizes.empty(); }
 };

@@ -186,6 +186,7 @@ void Reader::readStart(const BoxPlace& movie) {
     if (box.type == "trak") readTrack(box);
   }
   require(!movie_.tracks.empty());
+  if (movie_.tracks.size() > 1) throw std::runtime_error("it has more than one track");
 }
 
 void Reader::readTrack(const BoxPlace& track) {
@@ -312,10 +313,16 @@ void Reader::dropTornSamples(MovieTables& tables) const {
 }
 
 // After a power cut, a file may have its full length but zeros at its end. No NAL unit ends with a
-// zero byte (14496-10, 7.4.1).
+// zero byte (14496-10, 7.4.1). A recovery that was interrupted may have appended tables to a torn
+// sample.
 bool Reader::isWhole(std::uint64_t offset, std::uint32_t size) const {
   if (size > maximumSampleBytes || offset > file_.size || size > file_.size - offset) return false;
-  const Bytes sample = bytes(offset, size);
+  constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
+  const std::uint64_t longest = size + 3 + tables.size();       // if one byte of them is inside
+  Bytes sample = bytes(offset, std::min(longest, file_.size - offset));
+  if (std::search(sample.begin(), sample.end(), tables.begin(), tables.end()) != sample.end())
+    return false;
+  sample.resize(size);
   return walkNalUnits(ByteView(sample)).error == NalWalkError::none && sample.back() != 0;
 }
 

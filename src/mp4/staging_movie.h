@@ -30,8 +30,8 @@ struct StagingMovie {
   double duration = 0;       // of the first track, seconds
 };
 
-// The tracks are those of the unfinished movie; a finished one has none. Throws std::runtime_error,
-// in words for a person, for a file that can't become a movie.
+// An unfinished movie has exactly one track; that of a finished one is not read. Throws
+// std::runtime_error, in words for a person, for a file that can't become a movie.
 StagingMovie readStagingMovie(const FileView& file);
 
 }  // namespace lumora

@@ -34,8 +34,10 @@ struct CurrentTake {
   std::int64_t maximumMovieWorkObserved = 0;
 
   bool isStopping() const { return pendingMovieStop || movieFinishing; }
-  // The take that gets new frames. Null once its stop is pending.
-  std::shared_ptr<MovieRecorder> recordingTake() const { return isStopping() ? nullptr : movie; }
+  // The take that gets new frames. Null once its stop is pending, or it has failed.
+  std::shared_ptr<MovieRecorder> recordingTake() const {
+    return movie && movie->accepts() && !isStopping() ? movie : nullptr;
+  }
   // Whether the file of an abandoned take is being completed.
   bool isRescuing() const { return abandoned && abandoned->options.keepsFailed; }
   bool hasSessionOfAnotherTake() const { return recording.session && recording.movie != movie; }

@@ -1,9 +1,10 @@
 // The end of a take that fails: its file is deleted or kept.
 
+#include <algorithm>
 #include <filesystem>
 
 #include "base/movie_names.h"
-#include "encode/encoder_failure.h"
+#include "base/out_of_memory.h"
 #include "record/movie_recorder.h"
 #include "record/movie_timing.h"
 
@@ -18,46 +19,61 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   if (failed) return;
   failed = true;
   failure = message;
-  if (log && cause == FrameOutcome::disk) log->end(cause);  // before the next frame is refused
+  const bool isDiskSound = writer && !writer->error() && writer->isReadyForMoreMediaData();
+  if (log && !isDiskSound) log->end(FrameOutcome::disk);  // before the next frame is refused
   accepting = false;
-  const bool keeps = options.keepsFailed && writer && writer->synced().frames > 0;
-  if (!keeps) {
+  if (options.keepsFailed && writer) stored = writer->synced();
+  if (stored.frames == 0) {
     held.reset();
     removeFile();
     return tell(TakeState::failed, 0, failure, path);
   }
-  if (cause == FrameOutcome::disk || !keepAll(cause)) rescue();
-  // If the disk hangs, the writer never answers.
-  queue->asyncAfter(rescueTimeout, [self = shared_from_this()] {
-    if (!self->isConcluded) self->kept(self->writer->synced(), false);
-  });
+  if (!isDiskSound || !keepAll(cause)) rescue();
+  // If the disk hangs, there is never an answer.
+  const double left = std::clamp(rescueEnd - platform.clock->uptime(), 0.0, rescueTimeout);
+  queue->asyncAfter(left, [self = shared_from_this()] { self->kept(self->stored, self->staging); });
 }
 
-// Completes the file with every sample. False if that is impossible.
+// Completes the file with every sample, but for a last one that can't be written. False if that is
+// impossible.
 bool MovieRecorder::keepAll(FrameOutcome rest) try {
   if (!held) return false;
-  endMovie(held->time - origin + 1.0 / profile.targetFPS, rest);
+  std::int64_t end = held->movieTime;
+  bestEffort([&] { end = write(*held, held->time + 1.0 / profile.targetFPS, shortestLastSample); });
+  completeFile(end, 0, rest);
   return true;
 } catch (const std::exception&) {
   return false;
 }
 
-void MovieRecorder::rescue() {
+void MovieRecorder::rescue() try {
   held.reset();
   if (log) log->end(FrameOutcome::disk);
   writer->rescue([self = shared_from_this()](MovieExtent extent, bool isComplete) {
-    self->queue->async([self, extent, isComplete] { self->kept(extent, isComplete); });
+    self->queue->async([self, extent, isComplete] { self->nameKept(extent, isComplete); });
   });
+} catch (const std::exception&) {  // no memory
+  kept(stored, staging);
 }
 
-// A file that could not be completed keeps its name, since it is no ordinary movie yet.
-void MovieRecorder::kept(MovieExtent extent, bool isComplete) {
+// A file that could not be completed keeps its name, since it is no ordinary movie yet. The disk
+// may hang during a rename, so that has a thread of its own.
+void MovieRecorder::nameKept(MovieExtent extent, bool isComplete) try {
+  if (isConcluded || !isComplete) return kept(extent, staging);
+  platform.dispatch->runDetached("lumora.rename", [self = shared_from_this(), extent] {
+    const std::string recovery = recoveryPath(self->path, self->id);
+    const std::string name = self->moveTo(recovery) ? recovery : self->staging;
+    self->queue->async([self, extent, name] { self->kept(extent, name); });
+  });
+} catch (const std::exception&) {  // no thread
+  kept(extent, staging);
+}
+
+void MovieRecorder::kept(MovieExtent extent, const std::string& file) {
   if (isConcluded) return;
   Json more = Json::object();
   if (extent.frames > 0) {
-    const std::string recovery = recoveryPath(path, id);
-    const bool isRenamed = isComplete && moveTo(recovery);
-    more = {{"kept_path", std::filesystem::path(isRenamed ? recovery : staging).filename()},
+    more = {{"kept_path", std::filesystem::path(file).filename()},
             {"kept_frames", extent.frames},
             {"kept_duration", static_cast<double>(extent.duration) / movieTimescale}};
   } else {

@@ -25,13 +25,18 @@ void MovieRecorder::finishJob(double stop) {
   }
 }
 
-// Writes the sample that was held back, and completes the file. The log ends first, so the disk
-// thread writes all of it before it answers. `rest` is the outcome of frames that have none yet.
+// Writes the sample that was held back, and completes the file.
 void MovieRecorder::endMovie(double end, FrameOutcome rest) {
   if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
+  completeFile(movieUnits(end), end, rest);
+}
+
+// The log ends first, so the disk thread writes all of it before it answers. `rest` is the outcome
+// of frames that have none yet.
+void MovieRecorder::completeFile(std::int64_t units, double end, FrameOutcome rest) {
   held.reset();
   if (log) log->end(rest);
-  writer->finishWriting(movieUnits(end), [self = shared_from_this(), end] {
+  writer->finishWriting(units, [self = shared_from_this(), end] {
     self->queue->async([self, end] { self->movieEnded(end); });
   });
 }
@@ -39,7 +44,7 @@ void MovieRecorder::endMovie(double end, FrameOutcome rest) {
 // Tries one name after the other. A complete movie is never deleted because of its name.
 void MovieRecorder::movieEnded(double end) {
   const bool isComplete = writer->status() == WriterStatus::completed;
-  if (failed) return isComplete ? kept(writer->extent(), true) : rescue();
+  if (failed) return isComplete ? nameKept(writer->extent(), true) : rescue();
   if (!isComplete)
     return fail(writer->error().value_or("recording finalization failed"), FrameOutcome::disk);
   if (moveTo(path)) return saved(end, "", path);
@@ -66,7 +71,6 @@ bool MovieRecorder::moveTo(const std::string& name) {
 void MovieRecorder::saved(double end, const std::string& error, const std::string& outputPath) {
   Json more = Json::object();
   if (options.keepsFailed) more["frames_in_movie"] = writer->extent().frames;
-  if (stoppedForSpace) more["stopped_for"] = "minimum_free";
   tell(TakeState::saved, end, error, outputPath, more);
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/movie_names.h"
+#include "base/out_of_memory.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "record/movie_timing.h"
@@ -146,8 +147,11 @@ std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::i
     log->settle(sample.id, FrameOutcome::written, stands);
   }
   const double now = platform.clock->uptime();
-  recentWrites.push_back(now);
-  if (options.minimumFree) recentBytes.emplace_back(now, sample.sample->dataLength().value_or(0));
+  // The sample is written, so nothing may throw from here on.
+  bestEffort([&] {
+    recentWrites.push_back(now);
+    if (options.minimumFree) recentBytes.emplace_back(now, sample.sample->dataLength().value_or(0));
+  });
   checkSpace();
   const double duration =
       std::max(until - sample.time, static_cast<double>(shortest) / movieTimescale);
@@ -176,11 +180,11 @@ Json MovieRecorder::spaceLeft() {
 }
 
 void MovieRecorder::tell(TakeState state, double duration, const std::string& error,
-                         const std::string& outputPath, const Json& more) {
+                         const std::string& outputPath, Json more) {
   isConcluded = isLast(state);
-  Json asked = more;
+  if (isConcluded && stoppedForSpace) more["stopped_for"] = "minimum_free";
   if (const auto problem = isConcluded ? logError() : std::nullopt)
-    asked["frame_log_error"] = *problem;
+    more["frame_log_error"] = *problem;
   const double now = platform.clock->uptime();
   std::erase_if(recentWrites, [now](double written) { return written <= now - 1.0; });
   TakeEvent event = makeTakeEvent({.id = id,
@@ -195,7 +199,7 @@ void MovieRecorder::tell(TakeState state, double duration, const std::string& er
                                    .width = width,
                                    .height = height,
                                    .error = error,
-                                   .more = std::move(asked)});
+                                   .more = std::move(more)});
   platform.stateQueue->async(
       [self = shared_from_this(), event = std::move(event)] { self->report(event, self); });
 }

@@ -34,18 +34,21 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
                     FrameOutcome why);       // it was lost before it became a sample
   void countThrottled(std::uint64_t frame);  // the cadence skipped the frame
   int pendingWork() const { return pending; }
+  bool accepts() const { return accepting; }  // false once it has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
 
   // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
   void finish(double stop);
-  // State queue. Makes the "saved" event say that the take was stopped for lack of space.
+  // State queue. Makes the last event say that the take was stopped for lack of space.
   void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
   // file is complete, after `rescueTimeout` seconds at most. `cause` is the outcome of the frames
   // that have none yet.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
+  // State queue. If the take fails from now on, its last event comes at uptime `end` at the latest.
+  void limitRescue(double end) { rescueEnd = end; }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
 
@@ -73,24 +76,26 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void prepare(const HeldSample& first);
   std::int64_t write(const HeldSample& sample, double until, std::int64_t shortest);
   void tell(TakeState state, double duration, const std::string& error,
-            const std::string& outputPath, const Json& more = Json::object());
+            const std::string& outputPath, Json more = Json::object());
   void progress();
   void checkSpace();
   Json spaceLeft();
   void finishJob(double stop);
   void endMovie(double end, FrameOutcome rest);
+  void completeFile(std::int64_t units, double end, FrameOutcome rest);
   void movieEnded(double end);
   void saved(double end, const std::string& error, const std::string& outputPath);
   void openLog();
   std::optional<std::string> logError() const;
   bool moveTo(const std::string& name);
 
-  // Ends the take as failed. If the disk has failed, only what is on it can be kept; otherwise
-  // every sample can. `cause` is the outcome of the frames that have none yet.
+  // Ends the take as failed. If the disk has failed or is too slow, only what is on it can be kept;
+  // otherwise every sample can. `cause` is the outcome of the frames that have none yet.
   void fail(const std::string& message, FrameOutcome cause);
   bool keepAll(FrameOutcome rest);
   void rescue();
-  void kept(MovieExtent extent, bool isComplete);
+  void nameKept(MovieExtent extent, bool isComplete);
+  void kept(MovieExtent extent, const std::string& file);
   void removeFile();
   void removeLog();
 
@@ -114,6 +119,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::string failure;       // the reason
   bool hasLogFile = false;   // beside the movie, under the name that goes with the movie's
   std::string logFailure;    // why the log has no file, or no final name
+  MovieExtent stored;        // what was on the disk when it failed, if that is to be kept
   bool isConcluded = false;  // the last event was sent
 
   // State queue only.
@@ -126,6 +132,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::atomic<bool> accepting = true;
   std::atomic<bool> spaceIsShort = false;
   std::atomic<bool> stoppedForSpace = false;
+  std::atomic<double> rescueEnd = std::numeric_limits<double>::infinity();  // uptime
 };
 
 }  // namespace lumora

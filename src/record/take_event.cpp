@@ -1,5 +1,6 @@
 #include "record/take_event.h"
 
+#include "app/event.h"
 #include "base/limits.h"
 #include "base/text.h"
 
@@ -31,7 +32,9 @@ TakeEvent makeTakeEvent(const TakeReport& report) {
                    {"width", report.width},
                    {"height", report.height},
                    {"error", firstCharacters(report.error, maximumMessageCharacters)}}};
+  const Json bare = event.json;
   event.json.update(report.more);
+  if (!eventLine(event.json)) event.json = bare;  // else the parent would never get it
   return event;
 }
 
@@ -40,6 +43,7 @@ TakeEvent failedEvent(const TakeEvent& last, const std::string& error) {
   event.json["state"] = textOf(event.state);
   event.json["duration"] = 0.0;
   event.json["error"] = firstCharacters(error, maximumMessageCharacters);
+  event.json.erase("seconds_left");
   return event;
 }
 

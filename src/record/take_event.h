@@ -35,7 +35,7 @@ struct TakeReport {
   int width = 0;   // pixels
   int height = 0;  // pixels
   std::string error = {};
-  Json more = Json::object();  // keys that the parent has asked for
+  Json more = Json::object();  // keys that the parent has asked for, left out if the line is full
 };
 
 // The event of a take that was accepted. It has thirteen keys, and those that were asked for.

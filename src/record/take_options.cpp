@@ -1,7 +1,5 @@
 #include "record/take_options.h"
 
-#include <algorithm>
-
 #include "encode/encoder_failure.h"
 
 namespace lumora {
@@ -25,7 +23,7 @@ std::optional<std::int64_t> findInteger(const Json& command, const char* key, st
   const bool isInRange =
       number >= static_cast<double>(least) && number <= static_cast<double>(most);
   const auto integer = isInRange ? static_cast<std::int64_t>(number) : 0;
-  if (!isInRange || static_cast<double>(integer) != number) refuse(key);
+  if (!isInRange || *value != integer) refuse(key);
   return integer;
 }
 

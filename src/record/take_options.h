@@ -15,7 +15,7 @@ struct TakeOptions {
   CadenceRule cadence = CadenceRule::grid;
   std::int64_t bitRate = recordingBitRate;  // bits per second
   int rotation = 0;                         // clockwise degrees: 0, 90, 180 or 270
-  bool keepsFailed = false;                 // a take that fails keeps what is on the disk
+  bool keepsFailed = false;                 // a take that fails keeps its file
   // The take is stopped if its file system has fewer bytes left.
   std::optional<std::int64_t> minimumFree = {};
   bool frameLog = false;  // a file beside the movie says what became of each frame

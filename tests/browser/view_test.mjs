@@ -105,7 +105,7 @@ test('a viewer with its own helper, and with an interrupted take in its folder',
   await second.getByText('Another page').first().waitFor();
   await second.close();
 
-  await page.getByText('A take was interrupted.').waitFor();
+  await page.getByText('A take is unfinished or running.').waitFor();
   await page.locator('#interrupted-keep').click();
   await page.getByText(/old\.recovered-.*\.mp4: 1\.0 s/).waitFor();
   assert.equal(await page.locator('#interrupted-keep').isVisible(), false);

@@ -96,10 +96,19 @@ struct FakeDispatch final : Dispatch {
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
+  // Runs what was detached last, if that is not the reader. Whether there was anything.
+  bool runDetached() {
+    if (hangs || detached.size() < 2) return false;
+    const Work work = std::move(detached.back());
+    detached.pop_back();
+    work();
+    return true;
+  }
 
   const double& now;
   std::vector<std::shared_ptr<ManualQueue>> queues;
   std::vector<Work> detached;
+  bool hangs = false;
   std::optional<std::errc> refusal;  // what making a queue fails with
 };
 
@@ -309,7 +318,10 @@ struct FakeWriter final : MovieWriter, CanFail {
   }
   MovieExtent extent() const override { return {timings.size(), end}; }
   MovieExtent synced() const override { return onDisk; }
-  void rescue(RescueHandler handler) override { rescued = std::move(handler); }
+  void rescue(RescueHandler handler) override {
+    onDisk = {};  // whoever asks now is too late
+    rescued = std::move(handler);
+  }
   bool openLog(const std::string& path, TakeLines lines, std::string& reason) override {
     logPath = path;
     takeLines = std::move(lines);

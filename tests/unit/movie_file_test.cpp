@@ -181,6 +181,17 @@ TEST(MovieFile, KeepsTheFragmentThatASlowDiskSyncsDuringTheRescue) {
   EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 60);
 }
 
+TEST(MovieFile, IsIncompleteWithoutMemoryForItsTables) {
+  const auto disk = MovieDisk::start(std::make_unique<DiskSink>(std::make_shared<Disk>()));
+  std::promise<int> error;
+  const auto fail = [](std::size_t, std::uint64_t) -> std::optional<MovieDisk::Ending> {
+    throw std::bad_alloc();
+  };
+  disk->rescue(0, fail, [&](int status) { error.set_value(status); });
+  EXPECT_EQ(error.get_future().get(), ENOMEM);
+  disk->cancel();
+}
+
 TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
   constexpr std::size_t samples = 530;  // 4.1 GiB
   const auto sample = keySample((8 << 20) - 4);

@@ -89,11 +89,12 @@ struct VideoEncoderProbe {
   }
   // What the "error" event says that came since the last look.
   std::string error() { return process->takeEvent("error").value("message", ""); }
-  // Runs the state queue and the takes' queues until all are empty.
+  // Runs the state queue, the takes' queues and what they detach until all are empty.
   void run() {
     for (bool any = true; any;) {
       any = queue->run();
       for (const auto& other : std::vector(dispatch->queues)) any = other->run() || any;
+      any = dispatch->runDetached() || any;
     }
   }
   void command(const Json& command) { commandText(command.dump()); }

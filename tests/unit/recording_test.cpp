@@ -26,7 +26,7 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
       {"bit_rate", "bit_rate", {249999, 50000001, 1e6 + 0.5, "1000000", nullptr}},
       {"rotation", "rotation", {-90, 45, 360, true}},
       {"on_failure", "on_failure", {"delete", 1, true}},
-      {"minimum_free", "minimum_free", {-1, 9007199254740994, "1"}},
+      {"minimum_free", "minimum_free", {-1, 9007199254740993, "1"}},
       {"frame_log", "frame_log", {1, "true", nullptr}}};
   for (const auto& [what, key, values] : invalid)
     for (const Json& value : values) expectRefused(what, {{key, value}});

@@ -67,6 +67,18 @@ struct Recovery : testing::Test {
     return bytes;
   }
 
+  static Bytes withTwoTracks() {
+    Bytes bytes = movieStart(*keySample()->format(), {});
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    const std::size_t at = text.find("trak") - 4;
+    const Bytes track(&bytes[at], &bytes[at] + integerBE<std::uint32_t>(bytes, at));
+    const std::size_t moov = placeholderOffset() + 16;
+    const auto size = integerBE<std::uint32_t>(bytes, moov) + track.size();
+    storeBE(&bytes[moov], static_cast<std::uint32_t>(size));
+    bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), track.begin(), track.end());
+    return bytes;
+  }
+
   // Expects an ordinary movie of so many samples.
   void expectMovie(const std::string& path, std::size_t samples) const {
     const Bytes bytes = load(path);
@@ -105,13 +117,18 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
   for (auto at = text.find(unit); at != text.npos; at = text.find(unit, at + 1))
     ends.push_back(at + unit.size());
   ASSERT_EQ(ends.size(), 7u);
+  // What a power cut leaves behind a cut: zeros, or the tables of an earlier recovery.
+  const Bytes zeros(300);
+  const Bytes tables(bytes.begin() + static_cast<std::ptrdiff_t>(ends.back()), bytes.end());
   for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
     SCOPED_TRACE(cut);
     const auto whole = static_cast<std::size_t>(std::ranges::upper_bound(ends, cut) - ends.begin());
-    Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
-    if (cut % 2 == 0) torn.resize(torn.size() + 300);  // zeros, as a power cut may leave them
-    place(torn);
-    whole == 0 ? expectLeft("it ") : expectRecovered(whole);
+    for (const Bytes& behind : {Bytes(), zeros, tables}) {
+      Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
+      torn.insert(torn.end(), behind.begin(), behind.end());
+      place(torn);
+      whole == 0 ? expectLeft("it ") : expectRecovered(whole);
+    }
     if (HasFailure()) return;
   }
   const Bytes behind = fragmentStart(0, 9, 0, {{20, 1000, true}});  // at a time that has passed
@@ -151,6 +168,8 @@ TEST_F(Recovery, LeavesWhatIsNoInterruptedTake) {
   expectLeft("not a take");
   place(movieStart(*keySample()->format(), {}));
   expectLeft("no picture");
+  place(withTwoTracks());
+  expectLeft("more than one track");
   place(interrupted());
   std::filesystem::rename(staging, folder + "/other.mp4");
   std::filesystem::create_symlink("other.mp4", staging);

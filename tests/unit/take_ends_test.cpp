@@ -103,45 +103,106 @@ struct KeptTakes : Takes {
     writer().onDisk = onDisk;
     frame(1001.1);
   }
-  void failOnTheDisk(MovieExtent onDisk = {30, 30000}) {
-    startKept(onDisk);
-    probe.failures->fail("append");
+  // 32 MB wait for the disk when this frame comes.
+  void frameForAFullQueue() {
+    probe.failures->fail("isReady", 1, -1, /*more=*/1);
     frame(1001.2);
   }
-  // The take's last event.
+  // The take's last event. No other take may begin before it.
   Json lastEvent() {
     const auto failed = events("failed");
     return failed.size() == 1 ? failed[0] : Json();
   }
+  void expectRefusal() {
+    EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["error"],
+              "recording destination or state is invalid");
+  }
+  const Json named = {{"kept_path", "a.mp4." + takeID + ".partial"}, {"kept_frames", 30}};
 };
 
-TEST_F(KeptTakes, KeepEverySampleWhenTheDiskIsSound) {
+TEST_F(KeptTakes, KeepWhatWasOnTheDiskThatFailed) {
   startKept();
-  feed(1001.2);
-  probe.answer(nullptr, -1);
-  ASSERT_TRUE(writer().finished);
-  EXPECT_EQ(writer().timings.size(), 2u);
+  writer().problem = "No space left on device";
+  probe.failures->fail("append");
+  frame(1001.2);
   EXPECT_TRUE(events("failed").empty());
-  EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["error"],
-            "recording destination or state is invalid");
-  writer().complete(WriterStatus::completed);
-  expectKeys(lastEvent(), {{"kept_path", takeRecovery}, {"kept_frames", 2}});
+  EXPECT_FALSE(frame(1001.3));
+  writer().rescued({30, 30000}, true);
+  probe.run();
+  expectKeys(lastEvent(), {{"error", "No space left on device"},
+                           {"kept_path", takeRecovery},
+                           {"kept_frames", 30},
+                           {"kept_duration", 0.5},
+                           {"dropped", 0}});
+  EXPECT_TRUE(probe.files->removed.empty());
 }
 
-TEST_F(KeptTakes, AreDeletedWithoutAFragmentOnTheDiskAndNamedWhenItHangs) {
-  failOnTheDisk({});
+// The encoder fails, the camera changes its size, the time of the stop is refused, or a sample
+// can't be written.
+TEST_F(KeptTakes, KeepEverySampleWhenTheDiskIsSound) {
+  for (const std::string cause : {"encoder", "size", "stop", "sample"}) {
+    startKept();
+    if (cause == "encoder") feed(1001.2), probe.answer(nullptr, -1);
+    if (cause == "size") feed(1001.2, 320, 240);
+    if (cause == "stop") stop({{"stopped_at", 5.0}});
+    if (cause == "sample") probe.failures->fail("append", 1, -1, /*more=*/1), frame(1001.2);
+    probe.run();
+    ASSERT_TRUE(writer().finished) << cause;
+    const std::size_t frames = cause == "sample" ? 1 : 2;
+    ASSERT_EQ(writer().timings.size(), frames) << cause;
+    const auto& [time, duration] = writer().timings.back();
+    EXPECT_EQ(writer().end, time + duration) << cause;
+    EXPECT_TRUE(events("failed").empty());
+    expectRefusal();
+    writer().complete(WriterStatus::completed);
+    probe.run();
+    expectKeys(lastEvent(), {{"kept_path", takeRecovery}, {"kept_frames", frames}});
+  }
+}
+
+TEST_F(KeptTakes, AreDeletedWithoutAFragmentOnTheDisk) {
+  startKept({});
+  probe.failures->fail("append", 1, -1, 0);
+  frame(1001.2);
   EXPECT_FALSE(lastEvent().contains("kept_path"));
   EXPECT_EQ(probe.files->removed, std::vector<std::string>{takeStaging});
+}
 
-  failOnTheDisk();
+TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
+  startKept();
+  frameForAFullQueue();
   probe.signal(15);
   EXPECT_TRUE(probe.process->exitCodes.empty());
   probe.clock->now += MovieRecorder::rescueTimeout;
-  expectKeys(lastEvent(), {{"kept_path", "a.mp4." + takeID + ".partial"}, {"kept_frames", 30}});
+  expectKeys(lastEvent(), named);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   writer().rescued({30, 30000}, true);
   EXPECT_TRUE(events("failed").empty());
   EXPECT_TRUE(probe.files->moves.empty() && probe.files->removed.empty());
+
+  // It fails when the process has waited for most of its time.
+  startKept();
+  probe.signal(15);
+  probe.clock->now += 1.5;
+  writer().problem = "No space left on device";
+  writer().complete(WriterStatus::failed);
+  EXPECT_TRUE(lastEvent().is_null());
+  probe.clock->now += 0.4;
+  expectKeys(lastEvent(), named);
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+
+  // It hangs in the rename.
+  startKept();
+  probe.dispatch->hangs = true;
+  stop({{"stopped_at", 5.0}});
+  probe.run();
+  writer().complete(WriterStatus::completed);
+  EXPECT_TRUE(lastEvent().is_null());
+  probe.clock->now += MovieRecorder::rescueTimeout;
+  expectKeys(lastEvent(), named);
+  start({{"path", "/takes/b.mp4"}});
+  probe.dispatch->hangs = false;
+  EXPECT_TRUE(events("failed").empty());
 }
 
 TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
@@ -159,6 +220,20 @@ TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
   probe.run();
   writer().complete(WriterStatus::completed);
   expectKeys(events("saved").at(0), {{"stopped_for", "minimum_free"}, {"frames_in_movie", 3}});
+
+  start({{"minimum_free", 1000}});
+  frame(1003.0, true);
+  writer().free = 999;
+  frame(1003.1);
+  probe.tick();
+  probe.run();
+  writer().complete(WriterStatus::failed);
+  expectKeys(events("failed").at(0), {{"stopped_for", "minimum_free"}});
+
+  start({{"minimum_free", 1000}});
+  probe.movies->free = 999;
+  frame(1004.0, true);
+  EXPECT_EQ(failure(), "not enough free space");
 }
 
 }  // namespace

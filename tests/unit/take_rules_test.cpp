@@ -95,6 +95,11 @@ TEST(TakeEvents, HaveThirteenKeysAndAnIntegerDurationAtTheStart) {
   const Json failed = makeTakeEvent(report).json;
   EXPECT_EQ(failed["duration"].dump(), "0.0");
   EXPECT_EQ(failed["error"], std::string(240, 'x'));
+  report.path = std::string(1700, '/');  // each takes two bytes
+  report.more = {{"kept_path", std::string(300, 'x')}};
+  EXPECT_EQ(makeTakeEvent(report).json.size(), 13u);
+  const TakeEvent progress{TakeState::recording, {{"seconds_left", 5.0}}};
+  EXPECT_FALSE(failedEvent(progress, "x").json.contains("seconds_left"));
 }
 
 }  // namespace

@@ -18,7 +18,8 @@ struct TakeOptions {
   int targetFPS = 0;
   bool steady = true;                    // keeps every frame of a camera at about targetFPS
   std::optional<double> startedAt = {};  // a capture time, at most 30 s ago; empty: now
-  bool keepFailed = true;                // if the take fails, what was recorded is kept
+  // If the take fails, what was recorded is kept, or what is on the disk if that is the cause.
+  bool keepFailed = true;
   // The take is stopped and saved if its file system has fewer bytes left. Up to 2^53.
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000

@@ -21,7 +21,10 @@ export interface TakeOptions {
   steady?: boolean;
   /** Capture time by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
   startedAt?: number;
-  /** True, the default, keeps what a take has recorded when it fails: see `TakeError`. */
+  /**
+   * True, the default, keeps what a take has recorded when it fails, or what is on the disk if that
+   * is the cause: see `TakeError`.
+   */
   keepFailed?: boolean;
   /** The take is stopped and saved if its file system has fewer bytes left. Up to 2 ** 53. */
   minimumFree?: number;

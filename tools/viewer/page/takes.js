@@ -76,13 +76,14 @@ export class Takes {
     if (event.state === 'saved') showMovie(event);
   }
 
-  // `count` interrupted takes are left. `lines` are the results of a recovery.
+  // `count` takes are left, also those that another helper is recording. `lines` are the results of
+  // a recovery.
   showInterrupted({ count, lines }) {
     element('interrupted').hidden = false;
     element('interrupted-keep').hidden = count === 0;
     element('interrupted-keep').disabled = false;
-    const takes = count === 1 ? 'A take was' : `${count} takes were`;
-    element('interrupted-count').textContent = count === 0 ? '' : `${takes} interrupted.`;
+    const takes = count === 1 ? 'A take is' : `${count} takes are`;
+    element('interrupted-count').textContent = count === 0 ? '' : `${takes} unfinished or running.`;
     element('interrupted-lines').replaceChildren(...lines.map((line) => {
       const item = document.createElement('li');
       item.textContent = line;
