@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "client/descriptor.h"
+
 namespace lumora::client {
 
 void Takes::add(std::shared_ptr<Take::State> take) {
@@ -23,8 +25,19 @@ void Takes::report(const Recording& recording) {
   take->report(recording);
 }
 
+void Takes::awaitStopped(double seconds) const {
+  const Deadline deadline(seconds);
+  for (const auto& [id, take] : copy())
+    if (take->stoppedAt()) take->waitForEnd(deadline.millisecondsLeft() / 1000.0);
+}
+
+Takes::All Takes::copy() const {
+  const std::lock_guard hold(mutex_);
+  return takes_;
+}
+
 void Takes::abandonAll(const std::string& reason) {
-  std::map<std::string, std::shared_ptr<Take::State>> unfinished;
+  All unfinished;
   {
     const std::lock_guard hold(mutex_);
     ended_ = reason;

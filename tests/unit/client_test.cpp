@@ -144,5 +144,29 @@ TEST(Events, SayWhatATakeHasLeft) {
             std::tuple(8, 2.5, "minimum_free", "full"));
 }
 
+// A shell stands in for a helper that hangs in the system: it ignores SIGTERM, and the process that
+// it leaves behind keeps its input and output open.
+TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
+  const std::string script =
+      R"(exec 3<&0 2>&-; trap '' TERM; sleep 1000 & echo $!; echo '{"type":"ready"}'; wait)";
+  pid_t left = 0;
+  std::optional<Take> take;
+  {
+    Helper helper(
+        {.program = "/bin/sh", .arguments = {"-c", script}, .frames = FrameTransport::pipe},
+        [&](const Event& event) {
+          if (std::holds_alternative<std::monostate>(event.what)) left = std::stoi(event.line);
+        });
+    const FrameSize size{640, 360};  // more than fits into the pipe
+    helper.writeFrame(size, 1, Bytes(size.rgbaBytes()));
+    take = helper.startTake({.path = "/a.mp4"});
+    take->stop();
+    EXPECT_EQ(helper.stop().signal, SIGKILL);
+  }
+  EXPECT_EQ(take->latest().error, "the helper has ended with signal 9");
+  ASSERT_GT(left, 0);
+  kill(left, SIGKILL);
+}
+
 }  // namespace
 }  // namespace lumora::client
