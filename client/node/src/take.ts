@@ -173,6 +173,12 @@ export class Takes {
     return started.promise;
   }
 
+  /** Settles when the takes that were told to stop have ended. Never rejects. */
+  stopped(): Promise<unknown> {
+    const told = [...this.#open.values()].filter(({ take }) => take.stoppedAt !== undefined);
+    return Promise.allSettled(told.map(({ saved }) => saved.promise));
+  }
+
   handle(event: RecordingEvent): void {
     const open = this.#open.get(event.id);
     if (!open) return; // the helper repeats the last event of a take
