@@ -187,7 +187,12 @@ class Helper::Impl {
   void readEvents() {
     for (const Event& event : saidFirst_) tell(event);
     while (process_->hasOutput()) {
-      if (auto line = process_->nextLine(1)) tell(parseEvent(*std::move(line)));
+      auto line = process_->nextLine(0);
+      if (!line) {
+        takes_.failUnanswered(uptime());  // no answer waits to be read
+        line = process_->nextLine(1);
+      }
+      if (line) tell(parseEvent(*std::move(line)));
     }
     const Exited end = awaitEnd();
     {

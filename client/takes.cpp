@@ -1,5 +1,7 @@
 #include "client/takes.h"
 
+#include <lumora/uptime.h>
+
 #include <utility>
 
 #include "client/descriptor.h"
@@ -29,6 +31,14 @@ void Takes::awaitStopped(double seconds) const {
   const Deadline deadline(seconds);
   for (const auto& [id, take] : copy())
     if (take->stoppedAt()) take->waitForEnd(deadline.millisecondsLeft() / 1000.0);
+}
+
+void Takes::failUnanswered(double now) const {
+  for (const auto& [id, take] : copy()) {
+    if (!take->isUnanswered(now)) continue;
+    take->stop(uptime());  // if only its answer was lost, it runs
+    take->abandon("the helper did not answer");
+  }
 }
 
 Takes::All Takes::copy() const {

@@ -10,6 +10,7 @@
 #include "client/feeder.h"
 #include "client/frame_slots.h"
 #include "client/take_command.h"
+#include "client/takes.h"
 #include "input/frame_format.h"
 #include "record/take_options.h"
 
@@ -166,6 +167,28 @@ TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
   EXPECT_EQ(take->latest().error, "the helper has ended with signal 9");
   ASSERT_GT(left, 0);
   kill(left, SIGKILL);
+}
+
+TEST(Takes, FailAndAreStoppedWithoutAnAnswer) {
+  Takes takes;
+  std::vector<std::string> sent;
+  const auto add = [&](const std::string& id) {
+    Recording asked;
+    asked.id = id;
+    const auto take = std::make_shared<Take::State>(
+        asked, uptime(), [&](const std::string& stop) { sent.push_back(stop); });
+    takes.add(take);
+    return take;
+  };
+  const auto silent = add("silent"), answered = add("answered");
+  takes.report(answered->latest());
+  takes.failUnanswered(uptime() + 9);
+  EXPECT_FALSE(silent->latest().isOver());
+  takes.failUnanswered(uptime() + 11);
+  EXPECT_EQ(silent->latest().error, "the helper did not answer");
+  EXPECT_FALSE(answered->latest().isOver());
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(Json::parse(sent[0])["id"], "silent");
 }
 
 }  // namespace

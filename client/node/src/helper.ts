@@ -117,7 +117,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Starts a take after the frames written so far. Resolves when the helper has accepted it. Rejects
-   * with a TakeError when the helper refuses, or with a RangeError for
+   * with a TakeError when the helper refuses or does not answer for 10 s, or with a RangeError for
    * options that it would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
