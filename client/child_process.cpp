@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/resource.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +24,7 @@ namespace lumora::client {
 namespace {
 
 constexpr std::size_t maximumPending = std::size_t{1} << 16;  // bytes of an unfinished line
+constexpr double aDay = 86400;
 
 struct Pipe {
   Descriptor read;
@@ -92,17 +92,6 @@ void advance(std::array<iovec, 2>& parts, std::size_t count) {
   }
 }
 
-bool writeAll(int descriptor, std::array<iovec, 2> parts) {
-  while (parts[0].iov_len + parts[1].iov_len > 0) {
-    const ssize_t count = writev(descriptor, parts.data(), static_cast<int>(parts.size()));
-    if (count >= 0)
-      advance(parts, static_cast<std::size_t>(count));
-    else if (errno != EINTR)
-      return false;
-  }
-  return true;
-}
-
 iovec part(std::span<const std::uint8_t> bytes) {
   return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
 }
@@ -137,9 +126,14 @@ std::string makeToken() {
 ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.frameMemory) {
   Pipe input = makePipe();
   Pipe output = makePipe();
+  Pipe waking = makePipe();
+  // So that `abandon` can end a write. The child's end stays as it is.
+  fcntl(input.write.get(), F_SETFL, O_NONBLOCK);
   pid_ = spawn(options, input.read.get(), output.write.get());
   input_ = std::move(input.write);
   output_ = std::move(output.read);
+  wake_ = std::move(waking.write);
+  woken_ = std::move(waking.read);
 }
 
 ChildProcess::~ChildProcess() {
@@ -151,7 +145,7 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::writePixels(FrameSize size, std::uint64_t id,
                                std::span<const std::uint8_t> picture) {
   const RecordHeaderBytes header = frameHeader(size, id, picture.size());
-  return input_.isOpen() && writeAll(input_.get(), {part(header), part(picture)});
+  return writeAll({part(header), part(picture)});
 }
 
 bool ChildProcess::writeFrame(const Frame& frame, std::uint64_t id) {
@@ -172,7 +166,28 @@ bool ChildProcess::takesInput() const {
 }
 
 bool ChildProcess::writeBytes(std::span<const std::uint8_t> bytes) {
-  return input_.isOpen() && writeAll(input_.get(), {part(bytes), iovec{nullptr, 0}});
+  return writeAll({part(bytes), iovec{nullptr, 0}});
+}
+
+bool ChildProcess::writeAll(std::array<iovec, 2> parts) {
+  while (input_.isOpen() && parts[0].iov_len + parts[1].iov_len > 0) {
+    const ssize_t count = writev(input_.get(), parts.data(), static_cast<int>(parts.size()));
+    if (count >= 0)
+      advance(parts, static_cast<std::size_t>(count));
+    else if (errno == EAGAIN ? !isReady(input_, POLLOUT, Deadline(aDay)) : errno != EINTR)
+      return false;
+  }
+  return input_.isOpen();
+}
+
+bool ChildProcess::isReady(const Descriptor& descriptor, short events,
+                           const Deadline& deadline) const {
+  std::array<pollfd, 2> entries{pollfd{descriptor.get(), events, 0}, {woken_.get(), POLLIN, 0}};
+  int ready = 0;
+  do {
+    ready = poll(entries.data(), entries.size(), deadline.millisecondsLeft());
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0 && !isAbandoned_;
 }
 
 std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
@@ -184,11 +199,14 @@ std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
       pending_.erase(0, feed + 1);
       return line;
     }
-    if (!output_.isOpen() || !waitReadable(output_.get(), deadline)) return std::nullopt;
+    if (!output_.isOpen() || !isReady(output_, POLLIN, deadline)) return std::nullopt;
     std::array<char, 4096> bytes;
     const ssize_t count = read(output_.get(), bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return std::nullopt;
+    if (count <= 0) {
+      output_.reset();
+      return std::nullopt;
+    }
     if (pending_.size() > maximumPending) pending_.clear();  // no helper writes such a line
     pending_.append(bytes.data(), static_cast<std::size_t>(count));
   }
@@ -216,6 +234,12 @@ std::optional<Exited> ChildProcess::wait(double timeoutSeconds) {
     }
   }
   return exit_;
+}
+
+void ChildProcess::abandon() {
+  if (!wait(0)) exit_ = Exited{.signal = SIGKILL};
+  isAbandoned_ = true;
+  wake_.reset();
 }
 
 }  // namespace lumora::client

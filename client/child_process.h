@@ -5,7 +5,10 @@
 
 #include <lumora/events.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -50,6 +53,8 @@ class ChildProcess {
   // The next line without its line feed; empty when none came in time or the output has ended.
   std::optional<std::string> nextLine(double timeoutSeconds);
   void closeOutput() { output_.reset(); }
+  // False once `nextLine` has found the end of the output.
+  bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }
 
   // Whether the child has not closed its input.
   bool takesInput() const;
@@ -57,15 +62,24 @@ class ChildProcess {
   void sendSignal(int signal);
   // How the child ended; empty when it still runs after `timeoutSeconds`.
   std::optional<Exited> wait(double timeoutSeconds);
+  // Gives up on a child that does not end. Reads and writes fail from now on, even those that other
+  // threads have begun. Unless its end is known, it counts as ended by SIGKILL.
+  void abandon();
   pid_t pid() const { return pid_; }
 
  private:
+  bool isReady(const Descriptor& descriptor, short events, const Deadline& deadline) const;
+  bool writeAll(std::array<iovec, 2> parts);
+
   const int frameMemory_;
   pid_t pid_ = -1;
   Descriptor input_;     // our end of its standard input
   Descriptor output_;    // our end of its standard output
   std::string pending_;  // the start of a line
   std::optional<Exited> exit_;
+  std::atomic<bool> isAbandoned_ = false;
+  Descriptor wake_;   // closed by `abandon`
+  Descriptor woken_;  // at its end then, which ends every wait
 };
 
 }  // namespace lumora::client

@@ -20,7 +20,8 @@ namespace lumora::client {
 class Feeder {
  public:
   explicit Feeder(std::shared_ptr<ChildProcess> helper);
-  // Calls `end`, and waits until the helper has read everything or has closed its input.
+  // Calls `end`, and waits until the helper has read everything, has closed its input or is given
+  // up.
   ~Feeder();
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;

@@ -23,9 +23,10 @@ namespace lumora::client {
 namespace {
 
 constexpr double secondsToBecomeReady = 10;
-// A helper that has to finish a take first ends within 2 s.
-constexpr double secondsToEnd = 2.5;
-constexpr double aDay = 86400;
+// Since `stop`. A helper that is asked to end does so within 2.2 s, even if it must finish a take.
+constexpr double secondsToTerminate = 2.25;
+constexpr double secondsToKill = 4.5;
+constexpr double secondsToGiveUp = 4.9;
 
 // The limits of docs/protocol.md. A helper ends when it gets any other frame.
 void check(FrameSize size) {
@@ -160,13 +161,16 @@ class Helper::Impl {
     if (std::this_thread::get_id() == readerID_) {
       throw std::logic_error("a helper can't be stopped by its own event handler");
     }
+    const double askedAt = uptime();
+    takes_.awaitStopped(secondsToTerminate);  // the end of the input would replace their stop times
     feeder_->end();
-    for (const int signal : {SIGTERM, SIGKILL}) {
-      if (const auto ended = awaitExit(secondsToEnd)) return *ended;
-      const std::lock_guard hold(mutex_);
-      process_->sendSignal(signal);
+    for (const auto& [seconds, signal] :
+         {std::pair{secondsToTerminate, SIGTERM}, {secondsToKill, SIGKILL}}) {
+      if (!awaitEvents(askedAt + seconds)) sendSignal(signal);
     }
+    awaitEvents(askedAt + secondsToGiveUp);
     std::unique_lock hold(mutex_);
+    process_->abandon();  // even if it has ended, another process may keep its pipes open
     over_.wait(hold, [this] { return isOver_; });
     return *exit_;
   }
@@ -182,7 +186,14 @@ class Helper::Impl {
 
   void readEvents() {
     for (const Event& event : saidFirst_) tell(event);
-    while (const auto line = process_->nextLine(aDay)) tell(parseEvent(*line));
+    while (process_->hasOutput()) {
+      auto line = process_->nextLine(0);
+      if (!line) {
+        takes_.failUnanswered(uptime());  // no answer waits to be read
+        line = process_->nextLine(1);
+      }
+      if (line) tell(parseEvent(*std::move(line)));
+    }
     const Exited end = awaitEnd();
     {
       const std::lock_guard hold(mutex_);
@@ -212,10 +223,16 @@ class Helper::Impl {
     if (onEvent_) onEvent_(event);
   }
 
-  std::optional<Exited> awaitExit(double seconds) {
+  // Waits until the last event has been handled; false if it was not by this uptime.
+  bool awaitEvents(double latest) {
+    const Deadline deadline(latest - uptime());
     std::unique_lock hold(mutex_);
-    over_.wait_for(hold, std::chrono::duration<double>(seconds), [this] { return isOver_; });
-    return isOver_ ? exit_ : std::nullopt;
+    return over_.wait_until(hold, deadline.time(), [this] { return isOver_; });
+  }
+
+  void sendSignal(int signal) {
+    const std::lock_guard hold(mutex_);
+    process_->sendSignal(signal);
   }
 
   const std::string token_;

@@ -9,6 +9,12 @@
 #include "client/take_state.h"
 
 namespace lumora::client {
+namespace {
+
+// A living helper answers at once. But it drops an answer that its parent does not read in time.
+constexpr double secondsToAnswer = 10;
+
+}  // namespace
 
 void Take::State::stop(double stoppedAt) {
   std::string command;
@@ -31,6 +37,7 @@ void Take::State::report(const Recording& recording) {
   const std::lock_guard hold(mutex_);
   if (latest_.isOver()) return;
   latest_ = recording;
+  isAnswered_ = true;
   changed_.notify_all();
 }
 
@@ -39,6 +46,11 @@ void Take::State::abandon(const std::string& reason) {
   end.state = TakeState::failed;
   end.error = reason;
   report(end);
+}
+
+bool Take::State::isUnanswered(double now) const {
+  const std::lock_guard hold(mutex_);
+  return !isAnswered_ && now - askedAt_ > secondsToAnswer;
 }
 
 Recording Take::State::latest() const {

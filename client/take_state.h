@@ -1,6 +1,7 @@
 #pragma once
 
 #include <lumora/take.h>
+#include <lumora/uptime.h>
 
 #include <condition_variable>
 #include <functional>
@@ -19,9 +20,11 @@ class Take::State {
   void stop(double stoppedAt);
   // An event about the take; ignored once the take is over.
   void report(const Recording& recording);
-  // Fails the take, because its helper has ended.
+  // Fails the take, because its helper has ended or does not answer.
   void abandon(const std::string& reason);
 
+  // Whether nothing was heard of the take by `now`, long after it was asked for.
+  bool isUnanswered(double now) const;
   double startedAt() const { return startedAt_; }
   std::optional<double> stoppedAt() const;
   Recording latest() const;
@@ -30,9 +33,11 @@ class Take::State {
  private:
   const Send send_;
   const double startedAt_;
+  const double askedAt_ = uptime();
   mutable std::mutex mutex_;  // guards all below
   mutable std::condition_variable changed_;
   Recording latest_;
+  bool isAnswered_ = false;
   std::optional<double> stoppedAt_;
 };
 

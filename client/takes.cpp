@@ -1,6 +1,10 @@
 #include "client/takes.h"
 
+#include <lumora/uptime.h>
+
 #include <utility>
+
+#include "client/descriptor.h"
 
 namespace lumora::client {
 
@@ -23,8 +27,27 @@ void Takes::report(const Recording& recording) {
   take->report(recording);
 }
 
+void Takes::awaitStopped(double seconds) const {
+  const Deadline deadline(seconds);
+  for (const auto& [id, take] : copy())
+    if (take->stoppedAt()) take->waitForEnd(deadline.millisecondsLeft() / 1000.0);
+}
+
+void Takes::failUnanswered(double now) const {
+  for (const auto& [id, take] : copy()) {
+    if (!take->isUnanswered(now)) continue;
+    take->stop(uptime());  // if only its answer was lost, it runs
+    take->abandon("the helper did not answer");
+  }
+}
+
+Takes::All Takes::copy() const {
+  const std::lock_guard hold(mutex_);
+  return takes_;
+}
+
 void Takes::abandonAll(const std::string& reason) {
-  std::map<std::string, std::shared_ptr<Take::State>> unfinished;
+  All unfinished;
   {
     const std::lock_guard hold(mutex_);
     ended_ = reason;

@@ -17,13 +17,21 @@ class Takes {
   void add(std::shared_ptr<Take::State> take);
   // Passes an event on to its take.
   void report(const Recording& recording);
+  // Waits until those that were told to stop have ended.
+  void awaitStopped(double seconds) const;
+  // Fails those of which nothing was heard by `now`, an uptime, although they began long before.
+  void failUnanswered(double now) const;
   // Fails all of them, because the helper has ended.
   void abandonAll(const std::string& reason);
 
  private:
-  std::mutex mutex_;                                           // guards all below
-  std::map<std::string, std::shared_ptr<Take::State>> takes_;  // by id
-  std::optional<std::string> ended_;                           // why the helper has ended
+  using All = std::map<std::string, std::shared_ptr<Take::State>>;  // by id
+
+  All copy() const;
+
+  mutable std::mutex mutex_;  // guards all below
+  All takes_;
+  std::optional<std::string> ended_;  // why the helper has ended
 };
 
 }  // namespace lumora::client

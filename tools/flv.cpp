@@ -1,5 +1,8 @@
 #include "tools/flv.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "client/big_endian.h"
 
 namespace lumora::tools {
@@ -43,6 +46,20 @@ Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   tag.insert(tag.end(), payload.begin(), payload.end());
   appendBigEndian(tag, size + tagHeaderBytes, 4);
   return tag;
+}
+
+std::uint32_t FlvTimes::next(std::uint64_t frameID, double arrivedAt) {
+  const double captured = static_cast<double>(frameID) / 1e6;
+  const bool isTime = fromIDs_.value_or(std::abs(arrivedAt - captured) <= 2);
+  const double time = isTime ? captured : arrivedAt;
+  if (latest_ < 0) first_ = time;
+  // Of ids that start again, only the distances count. Any other time is on one clock.
+  if (fromIDs_ && time < time_)
+    first_ = time - (arrivedAt - arrivedAt_) - static_cast<double>(latest_) / 1000;
+  time_ = time;
+  arrivedAt_ = arrivedAt;
+  latest_ = std::max(latest_ + 1, std::llround((time - first_) * 1000));
+  return static_cast<std::uint32_t>(latest_);
 }
 
 }  // namespace lumora::tools

@@ -3,14 +3,12 @@
 //   TAVO_VIDEO_TOKEN=... lumora-tap PORT [HOST] [--format h264|flv] [--times ids|arrival]
 //                                   [--patience SECONDS]
 //
-// h264 is Annex B, without times. In flv the time of a frame is its id, if ids are capture times
-// (microseconds, see docs/protocol.md), else its arrival time. --times overrides this. A frame is
-// acknowledged once it is written, so a slow reader gets fewer frames. If the stream breaks off,
-// the tap retries. It gives up after ten seconds (or SECONDS) without a packet.
+// h264 is Annex B, without times. In flv the time of a frame is its id, if that is a capture time
+// (microseconds, see docs/protocol.md) within 2 s of now, else its arrival time. --times overrides
+// this. A frame is acknowledged once it is written, so a slow reader gets fewer frames. If the
+// stream breaks off, the tap retries. It gives up after ten seconds (or SECONDS) without a packet.
 
-#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -33,27 +31,24 @@ using client::Packet;
 struct Options {
   tools::HelperAddress helper;
   bool flv = false;
-  std::optional<bool> timesFromIDs = {};  // empty: only if ids are times
+  std::optional<bool> timesFromIDs = {};  // empty: if they are times
   double patience = 10;                   // seconds
 };
 
 // Writes packets in the chosen format. Each write throws when nobody reads the output any more.
 class Output {
  public:
-  explicit Output(const Options& options) : options_(options) {
-    if (options_.flv) write(tools::flvHeader());
+  explicit Output(const Options& options) : isFlv_(options.flv), times_(options.timesFromIDs) {
+    if (isFlv_) write(tools::flvHeader());
   }
 
-  // The next packets may come from another helper, whose ids may mean something else.
-  void streamBegan() { fromIDs_.reset(); }
-
   void write(const Packet& packet) {
-    if (!options_.flv) return write(toAnnexB(packet));
+    if (!isFlv_) return write(toAnnexB(packet));
     if (packet.type == Packet::Type::configuration) {
       configuration_ = packet;  // it gets the time of the next frame
       return;
     }
-    const std::uint32_t time = millisecondsOf(packet.frameID);
+    const std::uint32_t time = times_.next(packet.frameID, client::uptime());
     if (configuration_) write(tools::flvTag(*configuration_, time));
     configuration_.reset();
     write(tools::flvTag(packet, time));
@@ -67,36 +62,18 @@ class Output {
     }
   }
 
-  // The time since the first frame. It never decreases.
-  std::uint32_t millisecondsOf(std::uint64_t frameID) {
-    constexpr double oldest = 60;  // seconds; an id that is further back is not a time
-    const double now = client::uptime();
-    const double capturedAt = static_cast<double>(frameID) / 1e6;
-    if (!fromIDs_) {
-      fromIDs_ = options_.timesFromIDs.value_or(capturedAt <= now && now - capturedAt < oldest);
-    }
-    const double time = *fromIDs_ ? capturedAt : now;
-    if (!first_) first_ = time;
-    latest_ = std::max(latest_, std::llround((time - *first_) * 1000));
-    return static_cast<std::uint32_t>(latest_);
-  }
-
-  const Options& options_;
+  const bool isFlv_;
+  tools::FlvTimes times_;
   std::optional<Packet> configuration_;
-  std::optional<bool> fromIDs_;
-  std::optional<double> first_;
-  long long latest_ = 0;
 };
 
 std::string tap(const Options& options) {
   Output output(options);
-  tools::WatchedStream stream(options.helper, {.packet =
-                                                   [&](const Packet& packet) {
-                                                     output.write(packet);
-                                                     if (packet.type == Packet::Type::frame)
-                                                       stream.acknowledge(packet.frameID);
-                                                   },
-                                               .connected = [&] { output.streamBegan(); }});
+  tools::WatchedStream stream(options.helper, {.packet = [&](const Packet& packet) {
+                                output.write(packet);
+                                if (packet.type == Packet::Type::frame)
+                                  stream.acknowledge(packet.frameID);
+                              }});
   return stream.watch({}, options.patience);
 }
 

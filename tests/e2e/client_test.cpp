@@ -264,6 +264,19 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_EQ(camera.stop().status, 0);
 }
 
+TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
+  client::Helper camera(options());
+  Take take = startTake(camera);
+  const FrameSize large{1920, 1080};  // still encoded when the stop arrives
+  const Pixels pixels = plain(large, {200, 10, 10});
+  feed(camera, 60, large, pixels);
+  camera.writeFrame(large, ++lastID, pixels);
+  take.stop(uptime() - 0.3);
+  camera.stop();
+  EXPECT_EQ(take.latest().state, TakeState::saved);
+  EXPECT_NEAR(take.latest().duration, *take.stoppedAt() - take.startedAt(), 1e-4);
+}
+
 using CameraExample = HelperTest;
 
 // With a stand-in for the camera: tests/faults/camera.cpp.

@@ -3,12 +3,13 @@
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
 import { once } from 'node:events';
-import { existsSync, readFileSync, statSync, utimesSync } from 'node:fs';
+import { existsSync, readFileSync, statSync, utimesSync, writeFileSync } from 'node:fs';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
 import { inspect } from 'node:util';
 import { findProgram } from '../../client/node/dist/cjs/index.js';
-import { connectStream, recoverTakes, startHelper } from '../../client/node/dist/esm/index.js';
+import { connectStream, recoverTakes, startHelper, uptime }
+  from '../../client/node/dist/esm/index.js';
 import { folder, inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
@@ -129,4 +130,31 @@ test('1,000 frames are counted and not kept; a helper that hangs is killed', asy
   assert.ok(dropped > 0 && written + dropped === 1000, `${written} + ${dropped}`);
   await suspend(helper);
   assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
+});
+
+test('a take ends at its stop time although its helper is stopped at once', async (context) => {
+  const helper = await helperFor(context);
+  const profile = { resolution: '1920x1080', targetFps: 60 };
+  const take = await helper.startTake({ path: inFolder('stopped.mp4'), ...profile });
+  const until = uptime() + 1;
+  await feedUntil(helper, () => uptime() > until);
+  helper.writeFrame(size, 1_000_000, dark); // still encoded when the stop arrives
+  const saved = take.stop({ stoppedAt: uptime() - 0.3 });
+  await helper.stop();
+  const { duration } = await saved;
+  assert.ok(Math.abs(duration - (take.stoppedAt - take.startedAt)) < 1e-3, `${duration}`);
+});
+
+test('a helper that cannot be ended, since its pipes stay open, is given up', async () => {
+  const program = inFolder('hanging');
+  writeFileSync(program, `#!/bin/sh
+    exec 3<&0; trap '' TERM; sleep 1000 & echo $! > "$0.pid"; echo '{"type":"ready"}'; wait`,
+  { mode: 0o755 });
+  const helper = await startHelper({ program, stderr: 'ignore' });
+  const { done } = helper.writeFrame(size, 1, dark);
+  const failed = assert.rejects(helper.startTake({ path: '/a.mp4' }), /was saved \(SIGKILL\)/);
+  assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
+  assert.equal(await done, 'dropped');
+  await failed;
+  process.kill(Number(readFileSync(`${program}.pid`)), 'SIGKILL');
 });

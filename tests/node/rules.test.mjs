@@ -186,3 +186,11 @@ test('the socket is read only as fast as packets are taken', async () => {
   for (let i = 0; i < 100; ++i) await turn();
   assert.ok(readings < 10);
 });
+
+test('a start that is not answered fails, and its take is stopped', async () => {
+  const sent = [];
+  const takes = new Takes((record) => sent.push(JSON.parse(record.subarray(16)).type), 1);
+  const message = 'the helper did not answer';
+  await assert.rejects(takes.start({ path: '/a.mp4' }), { name: 'TakeError', message });
+  assert.deepEqual(sent, ['record_start', 'record_stop']);
+});

@@ -10,6 +10,7 @@
 #include "client/feeder.h"
 #include "client/frame_slots.h"
 #include "client/take_command.h"
+#include "client/takes.h"
 #include "input/frame_format.h"
 #include "record/take_options.h"
 
@@ -142,6 +143,52 @@ TEST(Events, SayWhatATakeHasLeft) {
   EXPECT_EQ(std::tie(name, frames, duration), std::tuple("a", 7, 1.5));
   EXPECT_EQ(std::tie(all.framesInMovie, all.secondsLeft, all.stoppedFor, all.frameLogError),
             std::tuple(8, 2.5, "minimum_free", "full"));
+}
+
+// A shell stands in for a helper that hangs in the system: it ignores SIGTERM, and the process that
+// it leaves behind keeps its input and output open.
+TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
+  const std::string script =
+      R"(exec 3<&0 2>&-; trap '' TERM; sleep 1000 & echo $!; echo '{"type":"ready"}'; wait)";
+  pid_t left = 0;
+  std::optional<Take> take;
+  {
+    Helper helper(
+        {.program = "/bin/sh", .arguments = {"-c", script}, .frames = FrameTransport::pipe},
+        [&](const Event& event) {
+          if (std::holds_alternative<std::monostate>(event.what)) left = std::stoi(event.line);
+        });
+    const FrameSize size{640, 360};  // more than fits into the pipe
+    helper.writeFrame(size, 1, Bytes(size.rgbaBytes()));
+    take = helper.startTake({.path = "/a.mp4"});
+    take->stop();
+    EXPECT_EQ(helper.stop().signal, SIGKILL);
+  }
+  EXPECT_EQ(take->latest().error, "the helper has ended with signal 9");
+  ASSERT_GT(left, 0);
+  kill(left, SIGKILL);
+}
+
+TEST(Takes, FailAndAreStoppedWithoutAnAnswer) {
+  Takes takes;
+  std::vector<std::string> sent;
+  const auto add = [&](const std::string& id) {
+    Recording asked;
+    asked.id = id;
+    const auto take = std::make_shared<Take::State>(
+        asked, uptime(), [&](const std::string& stop) { sent.push_back(stop); });
+    takes.add(take);
+    return take;
+  };
+  const auto silent = add("silent"), answered = add("answered");
+  takes.report(answered->latest());
+  takes.failUnanswered(uptime() + 9);
+  EXPECT_FALSE(silent->latest().isOver());
+  takes.failUnanswered(uptime() + 11);
+  EXPECT_EQ(silent->latest().error, "the helper did not answer");
+  EXPECT_FALSE(answered->latest().isOver());
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(Json::parse(sent[0])["id"], "silent");
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
-// What the viewer decides: which frames a page gets, who may ask for what, what a page may say.
+// What the viewer decides: which frames a page gets, who may ask for what, what a page may say. The
+// times of the tap's pictures.
 
 #include <gtest/gtest.h>
 
+#include "tools/flv.h"
 #include "tools/viewer/frame_flow.h"
 #include "tools/viewer/page_messages.h"
 #include "tools/viewer/takes.h"
@@ -116,6 +118,24 @@ TEST(PageMessages, WhatNoPageSaysIsRefused) {
            start + R"("resolution":1,"target_fps":30})",
            R"({"type":"stop"})" + std::string(maximumMessageBytes, ' ')})
     EXPECT_FALSE(parsePageMessage(text)) << text;
+}
+
+TEST(FlvTimes, GrowAndAreCaptureTimesWhereIdsAreThat) {
+  const struct {
+    std::optional<bool> fromIDs;
+    // Id in seconds, arrival, time in the output.
+    std::vector<std::tuple<double, double, std::uint32_t>> pictures;
+  } cases[] = {{{}, {{100, 100.01, 0}, {100.016, 100.03, 16}, {100.0161, 100.03, 17}}},
+               {{}, {{1e-6, 30, 0}, {2e-6, 30.5, 500}}},
+               {{}, {{100, 100.01, 0}, {1e-6, 101, 1000}, {2e-6, 101, 1001}, {101.9, 102, 1900}}},
+               {true, {{5, 30, 0}, {5.5, 30.5, 500}, {1, 31, 1000}, {1.2, 31.1, 1200}}},
+               {false, {{100, 100.01, 0}, {100.016, 100.05, 40}}}};
+  for (const auto& [fromIDs, pictures] : cases) {
+    tools::FlvTimes times(fromIDs);
+    for (const auto& [id, arrivedAt, time] : pictures)
+      EXPECT_EQ(times.next(static_cast<std::uint64_t>(id * 1e6), arrivedAt), time)
+          << id << ", " << arrivedAt;
+  }
 }
 
 }  // namespace

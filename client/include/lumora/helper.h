@@ -85,9 +85,10 @@ class LUMORA_CLIENT_EXPORT Helper {
 
   // How the helper ended; empty while it runs.
   std::optional<Exited> exited() const;
-  // Closes the helper's input, so that the helper saves a running take and ends. If it does not
-  // end, `stop` sends SIGTERM after 2.5 s and SIGKILL after 5 s. When `stop` returns, every event
-  // has been handled.
+  // Waits for the takes that were told to stop, and closes the helper's input, so that the helper
+  // saves a running take and ends. If it does not end, `stop` sends SIGTERM and then SIGKILL.
+  // Within 5 s it gives up and reports SIGKILL, even if the system can't end the helper. When
+  // `stop` returns, every event has been handled.
   Exited stop();
 
  private:

@@ -27,8 +27,8 @@ struct TakeOptions {
   bool frameLog = false;            // "<movie>.frames.csv" says what became of each frame
 };
 
-// A take. It ends exactly once, saved or failed, even if its helper dies. Copies refer to the same
-// take. Destroying them does not stop it. Any thread.
+// A take. It ends exactly once, saved or failed, even if its helper dies, or says nothing of it for
+// 10 s. Copies refer to the same take. Destroying them does not stop it. Any thread.
 class LUMORA_CLIENT_EXPORT Take {
  public:
   class State;

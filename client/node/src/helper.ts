@@ -26,8 +26,11 @@ import {
 import { Takes, type Take, type TakeOptions } from './take.js';
 import { settlesWithin } from './timing.js';
 
-// Milliseconds. The helper ends within 2 s of being asked to, even if it must finish a take.
-const endingLimit = 2500;
+// Milliseconds since `stop`. A helper that is asked to end does so within 2.2 s, even if it must
+// finish a take.
+const terminateAfter = 2250;
+const killAfter = 4500;
+const giveUpAfter = 4900;
 
 /** Every event by its type. */
 export type HelperEvents = {
@@ -46,6 +49,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   readonly #takes: Takes;
   readonly #queues = new Set<EventQueue<HelperEvent>>();
   readonly #whenReady = deferred<ReadyEvent>();
+  readonly #whenExited = deferred<HelperExit>();
   #ready: ReadyEvent | undefined;
   #lastFrame = 0n;
   #error: string | undefined;
@@ -66,13 +70,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
     });
     child.on('error', () => undefined); // a signal could not be sent
     // "close" follows the last event; "exit" may come before it.
-    this.exited = new Promise((resolve) => {
-      child.on('close', (code, signal) => {
-        const exit = { code, signal, ...(this.#error && { error: this.#error }) };
-        resolve(exit);
-        this.#settle(exit);
-      });
-    });
+    child.on('close', (code, signal) => this.#settle(code, signal));
+    this.exited = this.#whenExited.promise;
   }
 
   get pid(): number {
@@ -118,7 +117,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Starts a take after the frames written so far. Resolves when the helper has accepted it. Rejects
-   * with a TakeError when the helper refuses, or a RangeError for options that it would refuse.
+   * with a TakeError when the helper refuses or does not answer for 10 s, or with a RangeError for
+   * options that it would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);
@@ -136,8 +136,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Ends the helper, which saves a running take: closes its input, then sends SIGTERM, then SIGKILL.
-   * Resolves when it has ended.
+   * Ends the helper, which saves a running take: waits for the takes that were told to stop, closes
+   * the input, then sends SIGTERM, then SIGKILL. Resolves when the helper has ended. Within 5 s it
+   * gives up and reports SIGKILL, even if the system can't end the helper.
    */
   stop(): Promise<HelperExit> {
     this.#stopping ??= this.#stop();
@@ -145,12 +146,26 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   async #stop(): Promise<HelperExit> {
+    const timers = [
+      setTimeout(() => this.#process.kill('SIGTERM'), terminateAfter),
+      setTimeout(() => this.#process.kill('SIGKILL'), killAfter),
+      setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter), // reads what waits first
+    ];
+    // The end of the input would replace their stop times.
+    await settlesWithin(this.#takes.stopped(), terminateAfter);
     this.#feeder.end();
-    for (const signal of ['SIGTERM', 'SIGKILL'] as const) {
-      if (await settlesWithin(this.exited, endingLimit)) break;
-      this.#process.kill(signal);
-    }
-    return this.exited;
+    const exit = await this.exited;
+    timers.forEach(clearTimeout);
+    return exit;
+  }
+
+  // The helper hangs in the system, or it has ended and another process keeps its pipes open.
+  #giveUp(): void {
+    const { stdin, stdout, exitCode, signalCode } = this.#process;
+    stdin.destroy();
+    stdout.destroy();
+    this.#process.unref();
+    this.#settle(exitCode, exitCode === null ? (signalCode ?? 'SIGKILL') : null);
   }
 
   #handle(event: ReadyEvent | LineEvent): void {
@@ -165,7 +180,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
     this.emit(event.type, event);
   }
 
-  #settle(exit: HelperExit): void {
+  #settle(code: number | null, signal: NodeJS.Signals | null): void {
+    if (this.#exit) return;
+    const exit = { code, signal, ...(this.#error && { error: this.#error }) };
+    this.#whenExited.resolve(exit);
     this.#exit = { type: 'exit', raw: '', ...exit };
     this.#feeder.end();
     const cause = describeExit(exit);

@@ -55,6 +55,10 @@ export class TakeError extends Error {
 
 type Send = (record: Buffer) => boolean;
 
+// Milliseconds. A living helper answers at once. But it drops an answer that its parent does not
+// read in time.
+const answerLimit = 10_000;
+
 export class Take {
   /** Identifies the take in the helper's events. */
   readonly id: string;
@@ -160,9 +164,11 @@ function startCommand(options: TakeOptions): StartCommand {
 export class Takes {
   readonly #open = new Map<string, OpenTake>();
   readonly #send: Send;
+  readonly #answerLimit: number;
 
-  constructor(send: Send) {
+  constructor(send: Send, limit = answerLimit) {
     this.#send = send;
+    this.#answerLimit = limit;
   }
 
   /** Resolves when the helper has accepted the take. */
@@ -172,8 +178,28 @@ export class Takes {
     const take = new Take(command, saved.promise, this.#send);
     const started = deferred<Take>();
     if (!this.#send(command.record)) return Promise.reject(new TakeError('the helper has ended'));
-    this.#open.set(command.id, { take, started, saved });
+    const open = { take, started, saved };
+    this.#open.set(command.id, open);
+    let isAnswered = false;
+    const expire = () => {
+      if (isAnswered) return;
+      void take.stop(); // if only its answer was lost, it runs
+      this.#fail(open, new TakeError('the helper did not answer'));
+    };
+    // An answer that waits to be read is read before the immediate.
+    const timer = setTimeout(() => setImmediate(expire), this.#answerLimit);
+    const answered = () => {
+      isAnswered = true;
+      clearTimeout(timer);
+    };
+    started.promise.then(answered, answered);
     return started.promise;
+  }
+
+  /** Settles when the takes that were told to stop have ended. Never rejects. */
+  stopped(): Promise<unknown> {
+    const told = [...this.#open.values()].filter(({ take }) => take.stoppedAt !== undefined);
+    return Promise.allSettled(told.map(({ saved }) => saved.promise));
   }
 
   handle(event: RecordingEvent): void {
