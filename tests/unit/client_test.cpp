@@ -169,7 +169,7 @@ TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
   kill(left, SIGKILL);
 }
 
-TEST(Takes, FailAndAreStoppedWithoutAnAnswer) {
+TEST(TakesOfAClient, FailAndAreStoppedWithoutAnAnswer) {
   Takes takes;
   std::vector<std::string> sent;
   const auto add = [&](const std::string& id) {
