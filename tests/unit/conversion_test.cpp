@@ -1,136 +1,287 @@
-// Frame conversion with the real resampler and libyuv, and a real encoder.
+// Conversion of pictures for sessions and for encoders, decoding of JPEG, and a real encoder.
+
+#include <hwy/targets.h>
 
 #include <cmath>
+#include <fstream>
 #include <numbers>
+#include <random>
 
 #include "codec/libav_encoder.h"
 #include "encode/pixel_buffer.h"
 #include "encode/recording_keyframe.h"
 #include "encode/session_settings.h"
+#include "picture/encoder_picture.h"
+#include "picture/system_frame_decoder.h"
 #include "picture/system_image_converter.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
 
-using Pixel = std::array<std::uint8_t, 4>;  // red, green, blue, alpha
+constexpr PixelFormat rgba, bgra{.layout = PixelLayout::bgra};
+constexpr PixelFormat nv12{.layout = PixelLayout::nv12}, i420{.layout = PixelLayout::i420};
+constexpr PixelFormat fullNV12{.layout = PixelLayout::nv12, .fullRange = true};
+constexpr PixelFormat fullI420{.layout = PixelLayout::i420, .fullRange = true};
 
-Pixel grey(long value) {
-  Pixel pixel{};
-  pixel.fill(static_cast<std::uint8_t>(value));
-  return pixel;
+// A component is 0 to 3 for red, green, blue and alpha, or 0 to 2 for luma, U and V.
+bool isChroma(const PixelFormat& format, int component) {
+  return component > 0 && !isRGB(format.layout);
 }
 
-// A frame whose pixel at x, y is `paint(x, y)`. Row 0 is the bottom row.
-RawFrame makeFrame(int width, int height, const std::function<Pixel(int x, int y)>& paint) {
-  PictureMemory rgba = PicturePool::make()->allocate(static_cast<std::size_t>(width * height * 4));
-  for (int i = 0; i < width * height; ++i)
-    std::ranges::copy(paint(i % width, i / width), rgba.get() + i * 4);
-  return makeRawFrame(std::move(rgba), {width, height}, 1, 0);
+template <typename Byte>
+Byte& sampleOf(const BasicPicture<Byte>& picture, int component, int x, int y) {
+  const auto shapes = planesOf(picture.format.layout);
+  if (picture.format.layout == PixelLayout::bgra && component < 3) component = 2 - component;
+  const auto plane = std::min(static_cast<std::size_t>(component), shapes.size() - 1);
+  const auto [samples, stride] = picture.planes[plane];
+  return samples[y * stride + x * shapes[plane].channels + component - static_cast<int>(plane)];
 }
 
-struct Converted {
-  std::shared_ptr<PixelBuffer> buffer;
-  Pixel at(std::int64_t x, std::int64_t y) const {
-    const PictureView picture = buffer->picture();
-    const auto& [samples, stride] = picture.planes[0];
-    Pixel pixel{};
-    std::copy_n(samples + y * stride + x * 4, 4, pixel.begin());
-    if (picture.format.layout == PixelLayout::bgra) std::swap(pixel[0], pixel[2]);
-    return pixel;
+// What a sample is or ought to be. Nothing: it is not looked at.
+using Paint = std::function<std::optional<double>(int component, int x, int y)>;
+
+template <typename Visit>
+void forEachSample(const PictureView& of, Visit visit) {
+  for (int component = 0; component < (isRGB(of.format.layout) ? 4 : 3); ++component) {
+    const int step = isChroma(of.format, component) ? 2 : 1;
+    for (int y = 0; y < of.size.height / step; ++y)
+      for (int x = 0; x < of.size.width / step; ++x) visit(component, x, y);
   }
+}
+
+struct Painted {
+  Painted(const PixelFormat& format, PictureSize size, const Paint& paint)
+      : bytes(pictureBytes(format.layout, size)), picture(pictureAt(bytes.data(), format, size)) {
+    forEachSample(picture, [&](auto... at) {
+      sampleOf(picture, at...) = static_cast<std::uint8_t>(std::lround(paint(at...).value()));
+    });
+  }
+  Bytes bytes;
+  Picture picture;
 };
 
-Converted convert(const RawFrame& frame, int width, int height, Placement placement) {
-  Failures none;
-  FakeSession session(width, height, none);
-  const auto images = std::make_shared<SystemImageConverter>();
-  const Converted converted{pixelBuffer(frame, session, placement, images)};
-  EXPECT_TRUE(converted.buffer->fill());
-  return converted;
+void expectSamples(const PictureView& picture, const Paint& wanted, double tolerance = 0,
+                   std::optional<double> ofChroma = std::nullopt) {
+  forEachSample(picture, [&](int component, int x, int y) {
+    const auto value = testing::Test::HasFailure() ? std::nullopt : wanted(component, x, y);
+    if (!value) return;
+    const double most =
+        isChroma(picture.format, component) ? ofChroma.value_or(tolerance) : tolerance;
+    EXPECT_NEAR(sampleOf(picture, component, x, y), *value, most)
+        << picture.size.width << " wide: " << component << " at " << x << ", " << y;
+  });
 }
 
-// 190 pixels: no whole number of vectors.
-TEST(Conversion, SwapsChannelsFlipsAndKeepsLevelsAtEverySize) {
-  const Pixel red = {255, 0, 0, 255};
-  const RawFrame frame = makeFrame(190, 108, [&](int, int y) { return y < 54 ? red : grey(200); });
-  struct Case {
-    int width, height;
-    int tolerance = 0;  // two pixels of a kernel overlap
-  };
-  const Case sizes[] = {{190, 108}, {64, 36}, {320, 180}, {64, 34},
-                        {24, 200},  {10, 10}, {2, 2, 20}};
-  for (const auto& [width, height, tolerance] : sizes) {
-    const Converted converted = convert(frame, width, height, Placement::stretch);
-    const auto isNear = [most = tolerance](int a, int b) { return std::abs(a - b) <= most; };
-    for (int x = 0; x < width; ++x) {
-      ASSERT_TRUE(std::ranges::equal(converted.at(x, height - 1), red, isNear)) << width;
-      ASSERT_TRUE(std::ranges::equal(converted.at(x, height / 4), grey(200), isNear)) << width;
+std::shared_ptr<PixelBuffer> convert(const PictureView& picture, PictureSize size,
+                                     Placement placement = Placement::stretch) {
+  Failures none;
+  FakeSession session(2, 2, none);
+  session.pool = MemoryPixelBufferPool(size, picture.format, PicturePool::make());
+  const auto images = std::make_shared<SystemImageConverter>();
+  auto buffer = pixelBuffer({.picture = picture}, session, placement, images);
+  EXPECT_TRUE(buffer->fill());
+  return buffer;
+}
+
+TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
+  for (const PixelFormat& format : {rgba, nv12, i420}) {
+    // A ramp that changes by `down` from top to bottom, as far as `reach` from the middle.
+    const auto ramp = [&](PictureSize in, double down, double reach) -> Paint {
+      return [=](int component, double x, double y) {
+        // Chroma lies level with the left of its two columns, and between its two rows.
+        if (isChroma(format, component)) x *= 2, y = 2 * y + 0.5;
+        x = (x + 0.5) / static_cast<double>(in.width) - 0.5;
+        y = (y + 0.5) / static_cast<double>(in.height) - 0.5;
+        const double value = 120 + 5 * component + 80 * x + down * y;
+        return std::max(std::abs(x), std::abs(y)) < reach ? std::optional(value) : std::nullopt;
+      };
+    };
+    const Painted bottomFirst(format, {320, 180}, ramp({320, 180}, -135, 0.5));
+    for (const PictureSize size :
+         {PictureSize{160, 90}, {128, 72}, {58, 34}, {386, 240}, {40, 10}}) {
+      const auto buffer = convert(upsideDown(bottomFirst.picture), size);
+      expectSamples(buffer->picture(), ramp(size, 135, 0.25), 1.3);
     }
   }
 }
 
-TEST(Conversion, LeavesBlackBarsAroundAPictureThatIsFitted) {
-  const auto paint = [](int, int) { return grey(77); };
-  const Converted unscaled = convert(makeFrame(100, 60, paint), 100, 80, Placement::aspectFit);
-  EXPECT_EQ(unscaled.at(50, 9), grey(0));
-  EXPECT_EQ(unscaled.at(50, 10), grey(77));
-  const Converted wide = convert(makeFrame(640, 480, paint), 800, 450, Placement::aspectFit);
-  for (int y = 0; y < 450; ++y) {
-    for (const int x : {0, 99, 700, 799}) ASSERT_EQ(wide.at(x, y), grey(0)) << y;
-    for (const int x : {100, 400, 699}) ASSERT_EQ(wide.at(x, y), grey(77)) << y;
+TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesSharedChromaToThePicture) {
+  const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
+  // Pictures of 67 × 50 from column 16, of 37 × 50 from column 31 and, unscaled, from row 14. Then
+  // some that are no whole number of vectors.
+  const std::pair<PictureSize, PictureSize> sizes[] = {
+      {{134, 100}, {100, 50}}, {{74, 100}, {100, 50}},   {{100, 22}, {100, 50}},
+      {{190, 108}, {64, 36}},  {{190, 108}, {320, 180}}, {{190, 108}, {24, 200}},
+      {{190, 108}, {10, 10}},  {{190, 108}, {2, 2}}};
+  for (const PixelFormat& format : {rgba, nv12, i420, fullI420}) {
+    for (const auto& [camera, size] : sizes) {
+      const Painted plain(format, camera, levels);
+      const PictureRectangle inner = fitRectangle(camera, size);
+      const auto wanted = [&](int component, int x, int y) {
+        const bool isHalved = isChroma(format, component);
+        const int step = isHalved ? 2 : 1;
+        const bool isInside =
+            x * step + step > inner.left && x * step < inner.left + inner.size.width &&
+            y * step + step > inner.top && y * step < inner.top + inner.size.height;
+        const int black = isHalved ? 128 : isRGB(format.layout) || format.fullRange ? 0 : 16;
+        return isInside ? levels(component) : black;
+      };
+      const auto buffer = convert(plain.picture, size, Placement::aspectFit);
+      expectSamples(buffer->picture(), wanted);
+    }
   }
-}
-
-// What is left of a sine grating of `period` source pixels after scaling 3:1, 0 to 1.
-double amplitudeAfterReduction(double period, bool vertical) {
-  const double step = 2 * std::numbers::pi / period;
-  const RawFrame grating = makeFrame(360, 360, [&](int x, int y) {
-    return grey(std::lround(127.5 + 100 * std::cos(step * (vertical ? y : x))));
-  });
-  const Converted converted = convert(grating, 120, 120, Placement::stretch);
-  std::vector<int> values;
-  for (int i = 20; i < 100; ++i)
-    values.push_back(vertical ? converted.at(60, i)[1] : converted.at(i, 60)[1]);
-  const auto [least, most] = std::ranges::minmax(values);
-  return (most - least) / 200.0;
 }
 
 TEST(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
-  for (const bool vertical : {false, true}) {
-    EXPECT_GT(amplitudeAfterReduction(12, vertical), 0.8);
-    EXPECT_LT(amplitudeAfterReduction(4, vertical), 0.1);
-    EXPECT_LT(amplitudeAfterReduction(3.1, vertical), 0.03);  // would fold to a slow wave
+  // Periods in source pixels, and what is left of 100 levels. The last would fold to a slow wave.
+  for (const auto& [period, left, tolerance] :
+       {std::tuple{12.0, 90.0, 10.0}, {4.0, 0.0, 10.0}, {3.1, 0.0, 3.0}}) {
+    for (const bool isVertical : {false, true}) {
+      const auto grating = [isVertical, step = 2 * std::numbers::pi / period](
+                               double amplitude, int scale, double reach) -> Paint {
+        return [=](int, double x, double y) {
+          const double at = ((isVertical ? y : x) + 0.5) * scale - 180;
+          const double value = 127.5 + amplitude * std::cos(step * at);
+          return std::abs(at) < reach ? std::optional(value) : std::nullopt;
+        };
+      };
+      const Painted source(rgba, {360, 360}, grating(100, 1, 180));
+      const auto buffer = convert(source.picture, {120, 120});
+      expectSamples(buffer->picture(), grating(left, 3, 120), tolerance);
+    }
   }
 }
 
-TEST(LibavEncoder, AnswersEveryPictureAtOnce) {
-  for (const auto& [width, height] : {std::pair{640, 360}, {2, 2}, {202, 360}}) {
-    std::unique_ptr<LibavEncoder> encoder;
-    const auto pictures = PicturePool::make();
-    const auto settings = sessionSettings(SessionKind::preview, {width, height}, 60);
-    ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), "", {}, pictures,
-                                 settings, encoder),
-              0);
-    std::shared_ptr<PixelBuffer> buffer;
-    ASSERT_EQ(makeGreyBuffer({width, height}, {}, pictures, buffer), 0);
-    for (int time = 1; time <= 130; ++time) {
-      std::shared_ptr<const EncodedSample> sample;
-      ASSERT_EQ(encoder->encode(buffer, time == 30, sample), 0);
-      // The first, the forced one, and the 60th behind that.
-      EXPECT_EQ(recordingKeyframe(*sample), time == 1 || time == 30 || time == 90) << time;
-      EXPECT_EQ(sample->format()->parameterSet(0).bytes[1], 66);  // profile_idc
+TEST(EncoderPicture, HasTheLayoutAndTheRangeOfTheEncoderAndTheTopRowFirst) {
+  const PictureSize size{102, 6};
+  for (const PixelFormat& from : {nv12, i420, fullNV12, fullI420}) {
+    const Painted source(from, size, [](int component, int x, int y) {
+      return (x * 5 + y * 60 + component * 9) % 256;
+    });
+    for (const PictureView& shown : {PictureView(source.picture), upsideDown(source.picture)}) {
+      for (const PixelFormat& to : {nv12, i420}) {
+        const Painted made(to, size, [](auto...) { return 0; });
+        fillEncoderPicture(shown, made.picture);
+        const auto wanted = [&](int component, int x, int y) {
+          const double sample = sampleOf(shown, component, x, y);
+          if (!from.fullRange) return sample;
+          return component == 0 ? 16 + sample * 219 / 255 : 128 + (sample - 128) * 224 / 255;
+        };
+        expectSamples(made.picture, wanted, from.fullRange ? 0.502 : 0);
+      }
     }
-    // Pictures that could not be made.
-    MemoryPixelBufferPool pool({width, height}, {}, pictures);
-    const auto answerTo = [&](const Filling& filling) {
-      std::shared_ptr<const EncodedSample> sample;
-      EXPECT_EQ(pool.create(1, filling, buffer), 0);
-      return encoder->encode(std::move(buffer), false, sample);
-    };
-    EXPECT_EQ(answerTo([](const Picture&) { return false; }), fillingFailed);
-    EXPECT_EQ(answerTo([](const Picture&) -> bool { throw std::bad_alloc(); }), AVERROR(ENOMEM));
   }
+}
+
+// Luma (0), U or V of a pixel in real arithmetic.
+double exact(int component, double red, double green, double blue) {
+  const double y = 0.2126 * red + 0.7152 * green + 0.0722 * blue;
+  if (component == 0) return 16 + y * 219 / 255;
+  const double difference = component == 1 ? (blue - y) / 1.8556 : (red - y) / 1.5748;
+  return 128 + difference * 224 / 255;
+}
+
+// Expects the encoder's picture of an RGB picture to be exact within tolerances, and nothing to be
+// written beside it. Returns the sum of the errors of chroma.
+double expectExact(const PixelFormat& from, const PixelFormat& to, PictureSize size,
+                   const Paint& paint, double luma, double chroma) {
+  const PictureSize wider{size.width + 2, size.height};
+  const Painted source(from, wider, paint), made(to, wider, [](auto...) { return 7; });
+  Picture shown = source.picture, filled = made.picture;
+  shown.size = filled.size = size;
+  fillEncoderPicture(shown, filled);
+  const auto exactAt = [&](int component, int x, int y) {
+    const auto level = [&](int i) { return sampleOf(shown, i, std::max(x, 0), y); };
+    return exact(component, level(0), level(1), level(2));
+  };
+  double error = 0;
+  const auto wanted = [&](int component, int x, int y) {
+    if (x >= size.width / (component == 0 ? 1 : 2)) return 7.0;
+    if (component == 0) return exactAt(0, x, y);
+    double mean = 0;
+    for (const int offset : {-1, 0, 0, 1})  // beyond the edge the edge goes on
+      for (const int row : {2 * y, 2 * y + 1}) mean += exactAt(component, 2 * x + offset, row) / 8;
+    error += sampleOf(filled, component, x, y) - mean;
+    return mean;
+  };
+  expectSamples(made.picture, wanted, luma, chroma);
+  return error;
+}
+
+TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAndEveryEvenSizeAndExactForGreys) {
+  std::mt19937 random(7);
+  const Paint noise = [&](auto...) { return random() % 256; };
+  for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+    SCOPED_TRACE(hwy::TargetName(target));
+    hwy::SetSupportedTargetsForTest(target);
+    for (int i = 0; i < 18 * 18 * 18; ++i) {
+      const int colour[] = {i % 18 * 15, i / 18 % 18 * 15, i / 324 * 15, 0};
+      const bool isGrey = colour[0] == colour[1] && colour[1] == colour[2];
+      const Paint plain = [&](int component, auto...) { return colour[component]; };
+      expectExact(bgra, i420, {64, 2}, plain, isGrey ? 0.5 : 0.71, isGrey ? 1e-9 : 0.51);
+    }
+    double error = 0, count = 0;
+    for (const int width : {2, 14, 16, 18, 30, 32, 34, 62, 64, 66, 126, 130, 190}) {
+      for (const auto& [from, to] : {std::pair{bgra, i420}, {bgra, nv12}, {rgba, i420}}) {
+        error += expectExact(from, to, {width, 6}, noise, 0.71, 1.06);
+        count += width * 3;
+      }
+    }
+    EXPECT_NEAR(error / count, 0, 0.02);
+  }
+  hwy::SetSupportedTargetsForTest(0);
+}
+
+TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
+  const auto read = [](const char* name) {
+    std::ifstream file(std::string(LUMORA_JPEGS "/") + name, std::ios::binary);
+    return Bytes(std::istreambuf_iterator(file), {});
+  };
+  const auto decode = [](SystemFrameDecoder& by, const Bytes& jpeg) {
+    return by.decode(FrameEncoding::mjpeg, i420, {64, 32}, jpeg);
+  };
+  const Bytes bare = read("no_huffman_tables"), progressive = read("progressive");
+  SystemFrameDecoder fresh(PicturePool::make()), used(PicturePool::make());
+  EXPECT_TRUE(decode(used, progressive).memory);  // has tables of its own
+  const auto wanted = decode(fresh, bare), behind = decode(used, bare);
+  ASSERT_TRUE(wanted.memory && behind.memory);
+  expectSamples(behind.picture, [&](auto... at) { return sampleOf(wanted.picture, at...); });
+  // Ends properly in front of each scan but the first.
+  int scans = 0;
+  for (std::size_t at = 1; at < progressive.size(); ++at) {
+    if (progressive[at - 1] != 0xFF || progressive[at] != 0xDA || ++scans == 1) continue;
+    Bytes cut = progressive;
+    cut.resize(at);
+    cut.push_back(0xD9);
+    EXPECT_FALSE(decode(used, cut).memory) << scans;
+  }
+  EXPECT_GT(scans, 3);
+}
+
+TEST(LibavEncoder, AnswersEveryPictureAtOnceWithKeyFramesOnRequestAndByInterval) {
+  const PictureSize size{202, 360};
+  const auto pictures = PicturePool::make();
+  std::unique_ptr<LibavEncoder> encoder;
+  ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), "", {}, pictures,
+                               sessionSettings(SessionKind::preview, size, 60), encoder),
+            0);
+  std::shared_ptr<PixelBuffer> buffer;
+  ASSERT_EQ(makeGreyBuffer(size, {}, pictures, buffer), 0);
+  for (int time = 1; time <= 130; ++time) {
+    std::shared_ptr<const EncodedSample> sample;
+    ASSERT_EQ(encoder->encode(buffer, time == 30, sample), 0);
+    // The first, the forced one, and the 60th behind that.
+    EXPECT_EQ(recordingKeyframe(*sample), time == 1 || time == 30 || time == 90) << time;
+  }
+  // Pictures that could not be made.
+  const auto answerTo = [&](const Filling& filling) {
+    std::shared_ptr<const EncodedSample> sample;
+    EXPECT_EQ(MemoryPixelBufferPool(size, {}, pictures).create(1, filling, buffer), 0);
+    return encoder->encode(std::move(buffer), false, sample);
+  };
+  EXPECT_EQ(answerTo([](const Picture&) { return false; }), fillingFailed);
+  EXPECT_EQ(answerTo([](const Picture&) -> bool { throw std::bad_alloc(); }), AVERROR(ENOMEM));
 }
 
 }  // namespace
