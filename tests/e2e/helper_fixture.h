@@ -6,16 +6,20 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
+#include "client/child_process.h"
 #include "client/frame_slots.h"
-#include "tests/e2e/helper_process.h"
 #include "tools/frame_source.h"
 #include "tools/programs.h"
 
@@ -26,6 +30,7 @@ using client::Packet;
 using client::uptime;
 using tools::decodeErrors;
 using tools::outputOf;
+using Event = nlohmann::json;
 using Pixels = std::vector<std::uint8_t>;
 
 // A sanitizer makes everything slow and has a heap of its own.
@@ -34,6 +39,32 @@ inline constexpr bool sanitized = true;
 #else
 inline constexpr bool sanitized = false;
 #endif
+
+// The helper as a plain child process: records go in, events come out as JSON. Tests use it for
+// what `client::Helper` never does. Throws Event::parse_error for a line that is not JSON.
+struct HelperProcess : client::ChildProcess {
+  using ChildProcess::ChildProcess;
+
+  bool writeCommand(const Event& command) {
+    const std::string record = client::commandRecord(command.dump());
+    return writeBytes({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
+  }
+  // The next event; empty when none came in time or the output has ended.
+  std::optional<Event> nextEvent(double timeoutSeconds) {
+    if (const auto line = nextLine(timeoutSeconds)) return Event::parse(*line);
+    return std::nullopt;
+  }
+  // The next event of this "type" that is `wanted`. Throws std::runtime_error when none has come
+  // within 20 seconds or the output ends.
+  using Wanted = std::function<bool(const Event&)>;
+  Event waitForEvent(
+      const std::string& type, const Wanted& wanted = [](const Event&) { return true; }) {
+    const client::Deadline deadline(20);
+    while (const auto event = nextEvent(deadline.millisecondsLeft() / 1000.0))
+      if (event->at("type") == type && wanted(*event)) return *event;
+    throw std::runtime_error("no awaited \"" + type + "\" event");
+  }
+};
 
 // The program under test: LUMORA_HELPER in the environment, or the one that was built.
 std::string helperProgram();
