@@ -83,22 +83,6 @@ void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
   }
 }
 
-void expectColours(const std::string& path, FrameSize size, const std::vector<Spot>& spots,
-                   int tolerance) {
-  EXPECT_EQ(decodeErrors(path), "");
-  const std::string all = outputOf("ffmpeg -v error -nostdin -i " + tools::shellQuoted(path) +
-                                   " -f rawvideo -pix_fmt rgb24 -");
-  const auto [width, height] = size;
-  const auto bytes = static_cast<std::size_t>(width * height * 3);
-  ASSERT_GE(all.size(), bytes);
-  for (const auto& [x, y, colour] : spots) {
-    const int pixel = static_cast<int>(y * height) * width + static_cast<int>(x * width);
-    std::size_t at = all.size() - bytes + static_cast<std::size_t>(pixel) * 3;
-    for (const std::uint8_t level : {colour.red, colour.green, colour.blue})
-      EXPECT_NEAR(static_cast<std::uint8_t>(all.at(at++)), level, tolerance) << x << "," << y;
-  }
-}
-
 int countFrames(const std::string& path) {
   av_log_set_level(AV_LOG_QUIET);
   AVFormatContext* file = nullptr;

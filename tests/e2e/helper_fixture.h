@@ -97,16 +97,6 @@ Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
 void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
                     const Quarters& colours = usualColours);
 
-struct Spot {
-  double x, y;  // 0 to 1 from the top left
-  Rgb colour;
-};
-void expectColours(const std::string& path, FrameSize size, const std::vector<Spot>& spots,
-                   int tolerance = 3);
-inline Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight) {
-  return quarters(size, {topLeft, topRight, bottomLeft, bottomRight});
-}
-
 // How many pictures libavcodec decodes before the first error.
 int countFrames(const std::string& path);
 
