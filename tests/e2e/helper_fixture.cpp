@@ -7,10 +7,10 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <fstream>
 
 namespace lumora::tests {
@@ -20,30 +20,66 @@ std::string helperProgram() {
   return other != nullptr ? other : LUMORA_HELPER;
 }
 
-Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight) {
-  const Rgb colours[2][2] = {{bottomLeft, bottomRight}, {topLeft, topRight}};
+Pixels quarters(FrameSize size, const Quarters& colours) {
   Pixels pixels;
   for (int i = 0; i < size.width * size.height; ++i) {
-    const bool isTop = i / size.width >= size.height / 2;
-    const auto& [red, green, blue] = colours[isTop][i % size.width >= size.width / 2];
+    const bool isBottom = i / size.width < size.height / 2;
+    const bool isRight = i % size.width >= size.width / 2;
+    const auto& [red, green, blue] = colours[(isBottom ? 2U : 0U) + (isRight ? 1U : 0U)];
     pixels.insert(pixels.end(), {red, green, blue, 255});
   }
   return pixels;
 }
 
-void expectColours(const std::string& path, FrameSize size, const std::vector<Spot>& spots,
-                   int tolerance) {
-  EXPECT_EQ(decodeErrors(path), "");
-  const std::string all = outputOf("ffmpeg -v error -nostdin -i " + tools::shellQuoted(path) +
-                                   " -f rawvideo -pix_fmt rgb24 -");
-  const auto [width, height] = size;
-  const auto bytes = static_cast<std::size_t>(width * height * 3);
-  ASSERT_GE(all.size(), bytes);
-  for (const auto& [x, y, colour] : spots) {
-    const int pixel = static_cast<int>(y * height) * width + static_cast<int>(x * width);
-    std::size_t at = all.size() - bytes + static_cast<std::size_t>(pixel) * 3;
-    for (const std::uint8_t level : {colour.red, colour.green, colour.blue})
-      EXPECT_NEAR(static_cast<std::uint8_t>(all.at(at++)), level, tolerance) << x << "," << y;
+std::string text(FrameSize size) {
+  return std::to_string(size.width) + "x" + std::to_string(size.height);
+}
+
+Pixels bytesOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return Pixels(std::istreambuf_iterator<char>(file), {});
+}
+
+void ffmpeg(const std::string& arguments) {
+  EXPECT_EQ(outputOf("ffmpeg -v error -xerror -nostdin -y " + arguments), "");
+}
+
+Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
+            const std::string& arguments) {
+  const std::string raw = file + ".rgba";
+  std::ofstream(raw, std::ios::binary)
+      .write(reinterpret_cast<const char*>(picture.data()), std::ssize(picture));
+  ffmpeg("-f rawvideo -pix_fmt rgba -video_size " + text(size) + " -i " + raw + " -vf " +
+         arguments + " " + file);
+  return bytesOf(file);
+}
+
+void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
+                    const Quarters& colours) {
+  const std::string last = path + ".rgb";
+  ffmpeg("-i " + tools::shellQuoted(path) + " -fps_mode passthrough -enc_time_base -1 -vf " +
+         exactScale + ",format=rgb24 -c:v rawvideo -f image2 -update 1 " +
+         tools::shellQuoted(last));
+  const Pixels pixels = bytesOf(last);
+  std::filesystem::remove(last);
+  ASSERT_EQ(pixels.size(), size.rgbaBytes() / 4 * 3);
+  // A place from the middle of the picture, in parts of its width and height.
+  const auto expect = [&](double x, double y, const Rgb& colour) {
+    const int column = static_cast<int>((0.5 + x) * size.width);
+    const int row = static_cast<int>((0.5 + y) * size.height);
+    auto at = static_cast<std::size_t>(row * size.width + column) * 3;
+    for (const int level : {colour.red, colour.green, colour.blue})
+      EXPECT_NEAR(pixels.at(at++), level, 3) << column << "," << row;
+  };
+  const double across = 1.0 * size.width / camera.width, down = 1.0 * size.height / camera.height;
+  const double width = std::min(down / across, 1.0), height = std::min(across / down, 1.0);
+  for (const double x : {-0.45, -0.05, 0.05, 0.45})
+    for (const double y : {-0.45, -0.05, 0.05, 0.45})
+      expect(x * width, y * height, colours[(y > 0 ? 2U : 0U) + (x > 0 ? 1U : 0U)]);
+  constexpr double bar = 0.015;
+  for (const double side : {-1.0, 1.0}) {
+    if (width < 1) expect(side * (width / 2 + bar), 0, {0, 0, 0});
+    if (height < 1) expect(0, side * (height / 2 + bar), {0, 0, 0});
   }
 }
 
@@ -102,17 +138,29 @@ void HelperTest::start(Arguments arguments, Environment environment) {
 }
 
 void HelperTest::launch(Arguments arguments, Environment environment) {
-  if (transport == client::FrameTransport::memory) slots = client::FrameSlots::makeShared();
+  const bool shares = transport == client::FrameTransport::memory;
+  slots = shares ? client::FrameSlots::makeShared(format) : nullptr;
+  sigset_t all, usual;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &usual);  // the helper inherits that
   helper = std::make_unique<HelperProcess>(
       client::LaunchOptions{helperProgram(), token, std::move(arguments), std::move(environment),
-                            slots ? slots->descriptor() : -1});
+                            slots ? slots->descriptor() : -1, format.text()});
+  pthread_sigmask(SIG_SETMASK, &usual, nullptr);
   lastID = 0;
+  takeID.back() = '0';
 }
 
 int HelperTest::exitCode() {
   const auto end = helper->wait(20);
   helper.reset();
   return end && end->signal == 0 ? end->status : -1;
+}
+
+void HelperTest::expectFailure(const std::string& message) {
+  const std::string said = helper->waitForEvent("error").at("message");
+  EXPECT_EQ(said.substr(0, message.size()), message);
+  EXPECT_EQ(exitCode(), 1);
 }
 
 std::unique_ptr<client::StreamClient> HelperTest::connectClient() {
@@ -128,17 +176,18 @@ void HelperTest::feed(FrameSize size, const Pixels& pixels) {
     ASSERT_TRUE(helper->takesInput() && deadline.millisecondsLeft() > 0);
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  if (frame) std::memcpy(frame->pixels().data(), pixels.data(), pixels.size());
+  if (frame) {
+    // Nobody may read there any more.
+    std::ranges::fill(frame->pixels().first(pixels.size() / 2), std::uint8_t{255});
+    frame->copyFrom(pixels);
+  }
   ASSERT_TRUE(frame ? helper->writeFrame(*frame, ++lastID)
                     : helper->writePixels(size, ++lastID, pixels));
 }
 
 void HelperTest::feedUntil(const std::function<bool()>& isEnough, FrameSize size,
                            const std::vector<Pixels>& pictures, double framesPerSecond) {
-  if (pictures.empty()) {
-    const auto usual = quarters(size, {200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90});
-    return feedUntil(isEnough, size, {usual}, framesPerSecond);
-  }
+  if (pictures.empty()) return feedUntil(isEnough, size, {quarters(size)}, framesPerSecond);
   const double patience = uptime() + 100;
   auto due = std::chrono::steady_clock::now();
   for (std::size_t i = 0; !isEnough(); ++i) {

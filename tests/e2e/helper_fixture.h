@@ -4,18 +4,23 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <lumora/stream_client.h>
 #include <lumora/uptime.h>
+#include "client/child_process.h"
 #include "client/frame_slots.h"
-#include "tests/e2e/helper_process.h"
 #include "tools/frame_source.h"
 #include "tools/programs.h"
 
@@ -26,6 +31,7 @@ using client::Packet;
 using client::uptime;
 using tools::decodeErrors;
 using tools::outputOf;
+using Event = nlohmann::json;
 using Pixels = std::vector<std::uint8_t>;
 
 // A sanitizer makes everything slow and has a heap of its own.
@@ -35,27 +41,61 @@ inline constexpr bool sanitized = true;
 inline constexpr bool sanitized = false;
 #endif
 
+// The helper as a plain child process: records go in, events come out as JSON. Tests use it for
+// what `client::Helper` never does. Throws Event::parse_error for a line that is not JSON.
+struct HelperProcess : client::ChildProcess {
+  using ChildProcess::ChildProcess;
+
+  bool writeCommand(const Event& command) {
+    const std::string record = client::commandRecord(command.dump());
+    return writeBytes({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
+  }
+  // The next event; empty when none came in time or the output has ended.
+  std::optional<Event> nextEvent(double timeoutSeconds) {
+    if (const auto line = nextLine(timeoutSeconds)) return Event::parse(*line);
+    return std::nullopt;
+  }
+  // The next event of this "type" that is `wanted`. Throws std::runtime_error when none has come
+  // within 20 seconds or the output ends.
+  using Wanted = std::function<bool(const Event&)>;
+  Event waitForEvent(
+      const std::string& type, const Wanted& wanted = [](const Event&) { return true; }) {
+    const client::Deadline deadline(20);
+    while (const auto event = nextEvent(deadline.millisecondsLeft() / 1000.0))
+      if (event->at("type") == type && wanted(*event)) return *event;
+    throw std::runtime_error("no awaited \"" + type + "\" event");
+  }
+};
+
 // The program under test: LUMORA_HELPER in the environment, or the one that was built.
 std::string helperProgram();
 
 struct Rgb {
   std::uint8_t red, green, blue;
 };
+// Of a picture: top left, top right, bottom left, bottom right.
+using Quarters = std::array<Rgb, 4>;
+inline constexpr Quarters usualColours = {
+    {{200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90}}};
 
-// Pictures in the order that a parent feeds, the bottom row first: four quarters, or one colour.
-Pixels quarters(FrameSize size, Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight);
-inline Pixels plain(FrameSize size, Rgb colour) {
-  return quarters(size, colour, colour, colour, colour);
-}
+// RGBA pictures, the bottom row first.
+Pixels quarters(FrameSize size, const Quarters& colours = usualColours);
+inline Pixels plain(FrameSize size, Rgb one) { return quarters(size, {one, one, one, one}); }
+std::string text(FrameSize size);  // "640x360"
+Pixels bytesOf(const std::string& path);
 
-// Expects a file without errors, and these colours in its last picture, to within `tolerance`
-// levels. All its pictures have this size.
-struct Spot {
-  double x, y;  // 0 to 1 from the top left
-  Rgb colour;
-};
-void expectColours(const std::string& path, FrameSize size, const std::vector<Spot>& spots,
-                   int tolerance = 3);
+// Converts colours exactly. Options such as ":out_range=full" may follow.
+inline const std::string exactScale = "scale=flags=accurate_rnd+full_chroma_int+full_chroma_inp";
+// Expects that ffmpeg has no complaints.
+void ffmpeg(const std::string& arguments);
+// The file that ffmpeg makes of a picture, the bottom row first; its arguments begin with filters.
+Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
+            const std::string& arguments);
+
+// Expects a file without errors. Its last picture has this size, and shows these colours between
+// black bars, as a camera of that size delivers them.
+void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
+                    const Quarters& colours = usualColours);
 
 // How many pictures libavcodec decodes before the first error.
 int countFrames(const std::string& path);
@@ -65,6 +105,8 @@ Event probe(const std::string& path);
 
 // Expects these keys and values in `event`, which may have more.
 void expectKeys(const Event& event, const Event& wanted);
+
+inline const Event smallTake = {{"resolution", "640x360"}, {"target_fps", 60}};
 
 // Receives and acknowledges on its own thread.
 class Watcher {
@@ -101,7 +143,7 @@ class HelperTest : public testing::Test {
   // Starts the helper and waits for "ready". The helper must end with 0 at the next start or at the
   // end of the test, unless the test waits for another end.
   void start(Arguments arguments = {}, Environment environment = {});
-  // Starts the helper and waits for nothing.
+  // Starts the helper, with every signal blocked, and waits for nothing.
   void launch(Arguments arguments, Environment environment);
   // Returns the exit status, or -1 when a signal ended the helper or nothing did.
   int exitCode();
@@ -109,6 +151,8 @@ class HelperTest : public testing::Test {
     helper->closeInput();
     return exitCode();
   }
+  // Expects an "error" event with this message, or one that begins so, and exit status 1.
+  void expectFailure(const std::string& message);
 
   std::unique_ptr<client::StreamClient> connect() const {
     return std::make_unique<client::StreamClient>("127.0.0.1", port);
@@ -117,8 +161,8 @@ class HelperTest : public testing::Test {
   std::unique_ptr<client::StreamClient> connectClient();
   // Feeds one frame. Waits for a slot, if frames go through shared memory.
   void feed(FrameSize size, const Pixels& pixels);
-  // Feeds frames at a steady rate until `isEnough`, of these pictures in turn, or of four colours.
-  // For 100 s at most.
+  // Feeds frames at a steady rate until `isEnough`, of these pictures in turn, or of the usual
+  // colours. For 100 s at most.
   void feedUntil(const std::function<bool()>& isEnough, FrameSize size = {640, 360},
                  const std::vector<Pixels>& pictures = {}, double framesPerSecond = 60);
   void feedPaced(int count, double framesPerSecond = 60, FrameSize size = {640, 360},
@@ -148,16 +192,17 @@ class HelperTest : public testing::Test {
   Event waitForTake(const std::string& state);
   // Expects a failed take to have kept an ordinary movie, and returns its path.
   std::string expectKept(const Event& failed) const;
-  // The next take is another one, at this path. At most nine in a test.
+  // The next take is another one, at this path. At most fifteen for a helper.
   void turnTo(const std::filesystem::path& file) {
     path = file;
-    ++takeID.back();
+    takeID.back() = takeID.back() == '9' ? 'A' : static_cast<char>(takeID.back() + 1);
   }
   std::string stagingPath() const { return path + "." + takeID + ".partial"; }
 
   std::filesystem::path folder;
   std::string token = "end-to-end-token-0123456789";
   client::FrameTransport transport = tools::frameTransport(client::FrameTransport::pipe);
+  client::FrameFormat format;                 // of the next helper's frames
   std::shared_ptr<client::FrameSlots> slots;  // of the helper; null: frames go through its pipe
   std::unique_ptr<HelperProcess> helper;
   std::uint16_t port = 0;

@@ -1,8 +1,8 @@
 // Stands in for a camera. Linked into the V4L2 example, it answers the calls for "/dev/camera". It
 // shows one picture of 320 x 240 all the time, and sometimes a broken one.
 //
-//   CAMERA   a file with that picture: NAME.nv12 (601, limited range), NAME.yuyv (709, full range)
-//            or NAME.jpg
+//   CAMERA   a file with that picture: NAME.nv12 (601, limited range) or NAME.yuyv (709, full
+//            range), both with rows of twice the width, or NAME.jpg
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
@@ -10,72 +10,54 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <thread>
 
 namespace {
 
 constexpr unsigned width = 320, height = 240;
-constexpr unsigned stride = 1024;  // a third of a row or more is padding
-constexpr unsigned bufferBytes = stride * height * 3 / 2;
+constexpr unsigned bufferBytes = width * 2 * 2 * height;  // of YUYV
 constexpr unsigned bufferCount = 3;
 
 int memory = -1;  // of the buffers; also the camera's descriptor
 std::deque<unsigned> queued;
 bool isOn = false;
 
-bool shows(const char* ending) { return std::string(std::getenv("CAMERA")).ends_with(ending); }
+const std::string name = std::getenv("CAMERA");
+const bool isNV12 = name.ends_with("nv12"), isYUYV = name.ends_with("yuyv");
 
-std::string picture() {
-  std::ifstream file(std::getenv("CAMERA"), std::ios::binary);
-  const std::string tight(std::istreambuf_iterator<char>(file), {});
-  if (shows("jpg")) return tight;
-  std::string padded;
-  const std::size_t rowBytes = shows("nv12") ? width : width * 2;
-  for (std::size_t at = 0; at < tight.size(); at += rowBytes)
-    padded += tight.substr(at, rowBytes).append(stride - rowBytes, '\0');
-  return padded;
-}
-
-int fail(int error) {
-  errno = error;
-  return -1;
-}
+std::ifstream file(name, std::ios::binary);
+const std::string good(std::istreambuf_iterator<char>(file), {}), broken(good.size(), '\xFF');
 
 void describe(v4l2_pix_format& asked) {
   asked.width = width;
   asked.height = height;
-  asked.bytesperline = stride;
-  asked.pixelformat = shows("nv12")   ? V4L2_PIX_FMT_NV12
-                      : shows("yuyv") ? V4L2_PIX_FMT_YUYV
-                                      : V4L2_PIX_FMT_MJPEG;
-  asked.sizeimage = static_cast<unsigned>(picture().size());
-  asked.colorspace = shows("nv12") ? V4L2_COLORSPACE_SRGB : V4L2_COLORSPACE_REC709;
+  asked.bytesperline = isNV12 ? width * 2 : width * 4;
+  asked.pixelformat = isNV12 ? V4L2_PIX_FMT_NV12 : isYUYV ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_MJPEG;
+  asked.sizeimage = static_cast<unsigned>(good.size());
+  asked.colorspace = isNV12 ? V4L2_COLORSPACE_SRGB : V4L2_COLORSPACE_REC709;
   if (asked.priv != V4L2_PIX_FMT_PRIV_MAGIC) return;
   asked.ycbcr_enc = V4L2_YCBCR_ENC_DEFAULT;
-  asked.quantization = shows("nv12") ? V4L2_QUANTIZATION_DEFAULT : V4L2_QUANTIZATION_FULL_RANGE;
+  asked.quantization = isNV12 ? V4L2_QUANTIZATION_DEFAULT : V4L2_QUANTIZATION_FULL_RANGE;
 }
 
 int deliver(v4l2_buffer& buffer) {
-  static const std::string good = picture(), broken(good.size(), '\xFF');
   static unsigned delivered = 0;
-  if (!isOn || queued.empty()) return fail(EINVAL);
-  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!isOn || queued.empty()) return -1;
+  usleep(10'000);
   const bool isBroken = ++delivered % 3 == 0;
   buffer.index = queued.front();
   queued.pop_front();
   buffer.bytesused = static_cast<unsigned>(good.size());
   buffer.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | (isBroken ? V4L2_BUF_FLAG_ERROR : 0);
-  const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
-      std::chrono::steady_clock::now().time_since_epoch());
-  buffer.timestamp = {now.count() / 1'000'000, now.count() % 1'000'000};
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  buffer.timestamp = {now.tv_sec, now.tv_nsec / 1000};
   const char* bytes = (isBroken ? broken : good).data();
   return pwrite(memory, bytes, good.size(), off_t{buffer.index} * bufferBytes) > 0 ? 0 : -1;
 }
@@ -97,7 +79,7 @@ int answer(unsigned long request, void* argument) {
   } else if (request == VIDIOC_STREAMON) {
     isOn = true;
   } else {
-    return request == VIDIOC_DQBUF ? deliver(*buffer) : fail(EINVAL);
+    return request == VIDIOC_DQBUF ? deliver(*buffer) : -1;
   }
   return 0;
 }
@@ -116,6 +98,6 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
   va_start(list, request);
   void* const argument = va_arg(list, void*);
   va_end(list);
-  return descriptor == memory ? answer(request, argument) : fail(ENOTTY);
+  return descriptor == memory ? answer(request, argument) : -1;
 }
 }

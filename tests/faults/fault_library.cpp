@@ -60,8 +60,6 @@ const Fault* lastFault = nullptr;
 std::atomic<bool> armed = false;
 int logDescriptor = -1;
 const char* logFolder = nullptr;
-constexpr int maximumLogged = 64;
-std::array<std::atomic<bool>, maximumLogged> logged;  // by descriptor
 
 template <typename Function>
 Function* real(const char* name) {
@@ -87,22 +85,19 @@ bool fails(const char* kind, int usualError) {
   return false;
 }
 
-// Logs a call for this descriptor, if that is followed; -1: in any case.
+// Logs a call for this descriptor, if it is of the folder or a file in it; -1: in any case.
 void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = nullptr,
          ssize_t count = 0) {
-  if (logDescriptor < 0 || of >= maximumLogged || (of >= 0 && !logged[of])) return;
+  if (logDescriptor < 0) return;
+  char link[32], path[256] = {};
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", of);
+  const bool isFound = readlink(link, path, sizeof path - 1) > 0;
+  if (of >= 0 && (!isFound || std::strncmp(path, logFolder, std::strlen(logFolder)) != 0)) return;
   static auto* const writeBytes = real<ssize_t(int, const void*, std::size_t)>("write");
   const auto size = static_cast<std::size_t>(count);
   const DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), size};
   static_cast<void>(writeBytes(logDescriptor, &entry, sizeof entry));
   if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
-}
-
-// Follows descriptors of the folder and of files in it.
-int follow(int descriptor, const char* path) {
-  if (logDescriptor >= 0 && descriptor >= 0 && descriptor < maximumLogged)
-    logged[descriptor] = std::strncmp(path, logFolder, std::strlen(logFolder)) == 0;
-  return descriptor;
 }
 
 int (*realMain)(int, char**, char**);
@@ -116,10 +111,10 @@ int armedMain(int count, char** arguments, char** environment) {
     text = std::strchr(text, ',');
     if (text != nullptr) ++text;
   }
-  const char* logPath = std::getenv("LUMORA_DISK_LOG");
-  logFolder = std::getenv("LUMORA_DISK_FOLDER");
-  if (logPath != nullptr)
+  if (const char* logPath = std::getenv("LUMORA_DISK_LOG")) {
+    logFolder = realpath(std::getenv("LUMORA_DISK_FOLDER"), nullptr);
     logDescriptor = open(logPath, O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
+  }
   armed = true;
   return realMain(count, arguments, environment);
 }
@@ -180,21 +175,20 @@ FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)
 
-#define OPEN(name)                                                             \
-  int name(const char* path, int flags, ...) {                                 \
-    REAL(name);                                                                \
-    std::va_list list;                                                         \
-    va_start(list, flags);                                                     \
-    const mode_t mode = (flags & O_CREAT) ? va_arg(list, mode_t) : 0;          \
-    va_end(list);                                                              \
-    return fails("open", EMFILE) ? -1 : follow(next(path, flags, mode), path); \
+#define OPEN(name)                                                    \
+  int name(const char* path, int flags, ...) {                        \
+    REAL(name);                                                       \
+    std::va_list list;                                                \
+    va_start(list, flags);                                            \
+    const mode_t mode = (flags & O_CREAT) ? va_arg(list, mode_t) : 0; \
+    va_end(list);                                                     \
+    return fails("open", EMFILE) ? -1 : next(path, flags, mode);      \
   }
 OPEN(open)
 OPEN(open64)
 
 int close(int descriptor) {
   REAL(close);
-  if (descriptor >= 0 && descriptor < maximumLogged) logged[descriptor] = false;
   const int status = next(descriptor);  // closes it even if the call then fails
   return fails("close", EIO) ? -1 : status;
 }
