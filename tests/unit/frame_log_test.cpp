@@ -74,7 +74,10 @@ TEST_F(LoggedTakes, ThatFailSayWhatLostTheirFramesAndKeepTheLogWithTheMovie) {
     frame(1001.1);
     feed(1001.2);
     if (cause == "stop") stop({{"stopped_at", 5.0}}), probe.run();
-    if (cause == "disk") probe.failures->fail("append");
+    if (cause == "disk") {
+      writer().problem = "No space left on device";
+      probe.failures->fail("append");
+    }
     probe.answer(deltaSample(), cause == "encoder" ? -1 : 0);
     EXPECT_THAT(writer().takeLines(), testing::EndsWith(lastLines));
     cause == "disk" ? writer().rescued({1, 1000}, true)
