@@ -197,8 +197,10 @@ TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
   Take take = startTake(camera);
   const FrameSize large{1920, 1080};  // still encoded when the stop arrives
   const Pixels pixels = plain(large, {200, 10, 10});
-  feed(camera, 60, large, pixels);
-  camera.writeFrame(large, ++lastID, pixels);
+  for (int i = 0; i < 61; ++i) {
+    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(16));
+    camera.writeFrame(large, ++lastID, pixels);
+  }
   take.stop(uptime() - 0.3);
   camera.stop();
   EXPECT_EQ(take.latest().state, TakeState::saved);
