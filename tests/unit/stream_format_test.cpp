@@ -1,10 +1,15 @@
-// Packets and samples: limits, what an encoder makes wrong, start codes. The client's parser reads
-// what the service writes.
+// Packets, samples and sequence parameter sets: limits, what an encoder makes wrong, start codes.
+// The client's parser reads what the service writes.
 
 #include <lumora/packets.h>
+
+#include <bitset>
+#include <sstream>
+
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"
 #include "h264/nal_units.h"
+#include "h264/sequence_parameters.h"
 #include "stream/packet.h"
 #include "tests/unit/probe.h"
 
@@ -14,81 +19,68 @@ namespace {
 // A sample whose every part can be made to fail.
 struct BrokenSample final : EncodedSample, FormatDescription {
   bool dataIsReady() const override { return ready; }
-  std::optional<std::size_t> dataLength() const override {
-    return hasLength ? std::optional(data.size()) : std::nullopt;
-  }
+  std::optional<std::size_t> dataLength() const override { return data.size(); }
   Status copyBytes(std::size_t offset, MutableByteView space) const override {
     std::ranges::copy(ByteView(data).subspan(offset, space.size()), space.begin());
     return copyStatus;
   }
-  std::shared_ptr<const FormatDescription> format() const override {
-    return hasFormat ? std::shared_ptr<const FormatDescription>(this, [](auto*) {}) : nullptr;
-  }
+  std::shared_ptr<const FormatDescription> format() const override { return description; }
   ParameterSet parameterSet(std::size_t) const override { return {setStatus, set, prefix}; }
   int width() const override { return 640; }
   int height() const override { return 360; }
   ColourDescription colour() const override { return {}; }
 
-  bool ready = true, hasLength = true, hasFormat = true;
-  static constexpr std::uint8_t oneUnit[] = {0, 0, 0, 1, 0x65};
-  Bytes data = Bytes(std::begin(oneUnit), std::end(oneUnit));
+  bool ready = true;
+  Bytes data = {0, 0, 0, 1, 0x65}, set = Bytes(4096, 0x67);
   Status copyStatus = 0, setStatus = 0;
-  Bytes set = Bytes(4096, 0x67);
   std::size_t prefix = 4;
+  std::shared_ptr<const FormatDescription> description{std::shared_ptr<void>(), this};
 };
+
+std::string failureOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const EncoderFailure& failed) {
+    return failed.what();
+  }
+  return "";
+}
 
 TEST(Packets, SayWhatIsWrongWithASample) {
   using Case = std::tuple<std::string, std::string, std::function<void(BrokenSample&)>>;
   const auto bytes = [](Bytes data) { return [data](BrokenSample& s) { s.data = data; }; };
   const std::string size = "invalid encoded NAL size", takeSize = "invalid camera NAL size";
   const std::string tooLarge = "encoded sample too large", set = "H264 parameter set failed ";
-  const std::string empty = "encoded sample has no bytes", takeEmpty = "camera sample has no bytes";
   const Case cases[] = {
-      {empty, takeEmpty, [](auto& s) { s.ready = false; }},
-      {empty, takeEmpty, [](auto& s) { s.hasLength = false; }},
+      {"encoded sample has no bytes", "camera sample has no bytes",
+       [](auto& s) { s.ready = false; }},
       {tooLarge, "camera sample too large", bytes({0, 0, 0, 0})},
-      {tooLarge, takeSize, [](auto& s) { s.data.resize(2097143); }},
+      {tooLarge, takeSize, bytes(Bytes(2097143))},
       {"encoded sample copy failed (-7)", takeSize, [](auto& s) { s.copyStatus = -7; }},
       {"invalid encoded NAL header", "invalid camera NAL header", bytes({0, 0, 0, 1, 9, 0, 0, 0})},
       {size, takeSize, bytes({0, 0, 0, 2, 0x65})},
       {size, takeSize, bytes({0, 0, 0, 0, 0x65})},
-      {size, takeSize, bytes({255, 255, 255, 255, 0x65})},
-      {"missing H264 description", "", [](auto& s) { s.hasFormat = false; }},
+      {"missing H264 description", "", [](auto& s) { s.description.reset(); }},
       {set + "(-3)", "", [](auto& s) { s.setStatus = -3; }},
       {set + "(0)", "", [](auto& s) { s.set.clear(); }},
       {set + "(0)", "", [](auto& s) { s.set.resize(4097); }},
-      {set + "(0)", "", [](auto& s) { s.prefix = 2; }}};
-  const auto failure = [](const auto& call) -> std::string {
-    try {
-      call();
-      return "";
-    } catch (const EncoderFailure& failed) {
-      return failed.what();
-    }
-  };
+      {set + "(0)", "", [](auto& s) { s.prefix = 2; }},
+      {"", "", [](auto&) {}}};
   for (const auto& [preview, take, change] : cases) {
     BrokenSample sample;
     change(sample);
-    EXPECT_EQ(failure([&] { prepareFrame(sample, 1, 640, 360); }), preview);
-    EXPECT_EQ(failure([&] { recordingKeyframe(sample); }), take) << preview;
+    EXPECT_EQ(failureOf([&] { prepareFrame(sample, 1, 640, 360); }), preview);
+    EXPECT_EQ(failureOf([&] { recordingKeyframe(sample); }), take) << preview;
   }
-  EXPECT_NO_THROW(prepareFrame(BrokenSample(), 1, 65535, 360));
-  EXPECT_THROW(prepareFrame(BrokenSample(), 1, 65536, 360), EncoderFailure);
 }
 
 TEST(Packets, AreReadByTheClientUpToTheLargest) {
-  const auto sample = keySample(2097138);
-  Bytes data(sample->dataLength().value());
-  EXPECT_EQ(sample->copyBytes(0, data), 0);
-  const FramePackets packets = prepareFrame(*sample, 0x0102030405060708, 640, 360);
+  const FramePackets packets = prepareFrame(*keySample(2097138), 0x0102030405060708, 640, 360);
   client::PacketParser parser;
-  parser.feed(*packets.configuration);
   parser.feed(*packets.frame);
-  EXPECT_EQ(client::parseConfiguration(parser.next()->payload).width, 640);
   const auto frame = parser.next();
   EXPECT_EQ(frame->frameID, 0x0102030405060708u);
-  EXPECT_TRUE(frame->keyframe);
-  EXPECT_EQ(frame->payload, data);
+  EXPECT_EQ(frame->payload.size(), 2097142u);
 }
 
 TEST(PacketParser, RefusesWhatNoHelperSends) {
@@ -109,8 +101,80 @@ TEST(AnnexB, SplitsBothStartCodesAndDropsPadding) {
   using testing::ElementsAre;
   EXPECT_THAT(splitAnnexB(stream),
               ElementsAre(ElementsAre(0x67, 1), ElementsAre(0x68), ElementsAre(0x65, 0, 0, 3, 1)));
-  EXPECT_TRUE(splitAnnexB(Bytes{0, 0}).empty());
   EXPECT_TRUE(splitAnnexB(Bytes{1, 0, 0, 1}).empty());
+}
+
+// A set from its syntax elements: "8:103" is u(8), "2" is ue(v). Behind every two zeros a 3, where
+// what follows could be taken for a start code.
+Bytes makeSet(const std::string& elements) {
+  std::string bits;
+  std::istringstream words(elements + "1:1");
+  for (std::string word; words >> word;) {
+    const auto colon = word.find(':');
+    const bool isFixed = colon != std::string::npos;
+    const auto value = std::stoul(isFixed ? word.substr(colon + 1) : word, nullptr, 0);
+    const std::string digits = std::bitset<32>(isFixed ? value : value + 1).to_string();
+    const auto zeros = digits.find('1');
+    bits += isFixed ? digits.substr(32 - std::stoul(word))
+                    : std::string(31 - zeros, '0') + digits.substr(zeros);
+  }
+  bits.resize((bits.size() + 7) / 8 * 8, '0');
+  Bytes unit;
+  for (std::size_t at = 0; at < bits.size(); at += 8) {
+    const auto byte = static_cast<std::uint8_t>(std::stoul(bits.substr(at, 8), nullptr, 2));
+    const bool zeros = unit.size() > 1 && unit.back() == 0 && unit[unit.size() - 2] == 0;
+    if (zeros && byte < 4) unit.push_back(3);
+    unit.push_back(byte);
+  }
+  return unit;
+}
+
+// 64 × 64 Constrained Baseline, and High with all that can stand there: scaling lists (one that
+// ends early, one that goes up and down), picture order 1, fields, cropping.
+const std::string baseline = "8:0x67 24:0x42C029 0 0 2 2 1:0 3 3 1:1 1:1 1:0 ";
+const std::string high = [] {
+  std::string list;
+  for (int i = 0; i < 32; ++i) list += "1 2 ";
+  return "8:0x67 24:0x640029 0 1 0 0 1:0 1:1 1:1 16 5:0 1:1 " + list +
+         "1:0 0 1 1:0 3 4 2 5 6 2 1:0 3 1 1:0 1:0 1:1 1:1 0 1 0 1 ";
+}();
+// What stands in front of the restriction: timing alone, with zeros in a row, or all there is.
+const std::string hrd = "1 8:0x12 70 70 1:1 80 80 1:1 20:0xABCDE ";
+const std::string timing = "1:1 32:1 32:120 1:1 ";
+const std::string behindColours = "1:0 " + timing + "2:0 1:1 ";
+const std::string some = baseline + "1:1 3:0 " + behindColours;
+const std::string all = high + "1:1 1:1 8:255 32:0x100011 2:3 1:1 5:23 24:0x090E09 1:1 0 0 " +
+                        timing + "1:1 " + hrd + "1:1 " + hrd + "1:0 1:1 ";
+const std::string restricted = "1:1 1:1 0 0 11 11 ";
+// What is added.
+const std::string colours = "1:1 3:5 1:0 1:1 8:1 8:13 8:1 ";
+const std::string restriction = "1:1 1:1 0 0 15 15 0 2 ";
+
+Bytes completed(ByteView unit) { return withUsabilityInformation(unit, {1, 13, 1, false}); }
+
+TEST(SequenceParameters, SayThatNothingIsReorderedAndWhatTheColoursAre) {
+  const std::string coloured = baseline + "1:1 2:0 " + colours + behindColours;
+  const std::pair<std::string, std::string> cases[] = {
+      {baseline + "1:0 ", baseline + "1:1 2:0 " + colours + "5:0 " + restriction},
+      {some + "1:0 ", coloured + restriction},
+      {some + restricted + "2 2 ", coloured + restriction},
+      {some + restricted + "0 2 ", coloured + restricted + "0 2 "},
+      {baseline + "1:1 2:0 1:1 3:2 1:1 1:0 " + behindColours + "1:0 ", coloured + restriction},
+      {all + "1:0 ", all + restriction},
+      {all + restricted + "1 2 ", all + restriction},
+      {all + restricted + "0 2 ", all + restricted + "0 2 "}};
+  for (const auto& [before, after] : cases) {
+    EXPECT_EQ(completed(makeSet(before)), makeSet(after)) << before;
+    EXPECT_EQ(completed(makeSet(after)), makeSet(after)) << after;
+  }
+}
+
+TEST(SequenceParameters, StayAsTheyAreWhenTheyCannotBeRead) {
+  const Bytes whole = makeSet(all + restricted + "0 2 ");
+  for (std::size_t length = 0; length < whole.size() - 1; ++length) {
+    const ByteView cut = ByteView(whole).first(length);
+    EXPECT_EQ(completed(cut), Bytes(cut.begin(), cut.end()));
+  }
 }
 
 }  // namespace
