@@ -1,4 +1,5 @@
-// Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few.
+// Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few, and
+// the pool that keeps them.
 
 #include "codec/system_encoders.h"
 
@@ -6,64 +7,217 @@
 
 #include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"
-#include "tests/unit/stand_in_driver.h"
 
 namespace lumora {
 namespace {
 
-using enum Driver::Behaviour;
+constexpr EncoderSettings preview{SessionKind::preview, 2, 2, {}, 60, 60, 4000000};
+constexpr EncoderSettings take{SessionKind::recording, 2, 2, {}, 60, 60, 1000000};
+constexpr EncoderSettings slowTake{SessionKind::recording, 2, 2, {}, 15, 15, 1000000};
+
+enum Behaviour { works, refuses, hangs, throws };
+
+// The driver of "h264_nvenc", which encodes in software; all other hardware is missing.
+struct Driver : std::enable_shared_from_this<Driver> {
+  EncoderFactory factory() {
+    return [self = shared_from_this()](auto&&... arguments) { return self->open(arguments...); };
+  }
+  Status open(const AVCodec& codec, const EncoderSettings& settings,
+              std::unique_ptr<LibavEncoder>& encoder) {
+    ++asked;
+    const auto pictures = PicturePool::make();
+    if (isHardware(codec)) {
+      if (std::string_view(codec.name) != "h264_nvenc") {
+        othersAsked = true;
+        return AVERROR(ENODEV);
+      }
+      const Behaviour now = behaviour;
+      if (now == hangs) released.wait();
+      if (now == throws) throw std::runtime_error("a driver's");
+      if (now == refuses) return AVERROR(EBUSY);
+      const std::lock_guard hold(mutex);
+      std::erase_if(inUse, [](const auto& pool) { return pool.expired(); });
+      if (inUse.size() == limit) return AVERROR(EBUSY);
+      inUse.push_back(pictures);
+      ++opened;
+    }
+    return LibavEncoder::open(*avcodec_find_encoder_by_name(softwareEncoder), "", {}, pictures,
+                              settings, encoder);
+  }
+
+  std::atomic<Behaviour> behaviour = works;
+  std::atomic<int> asked = 0, opened = 0;  // for any encoder; hardware
+  std::atomic<bool> othersAsked = false;
+  std::size_t limit = 99;  // encoders at once
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future();
+  std::mutex mutex;
+  std::vector<std::weak_ptr<PicturePool>> inUse;  // each encoder has a pool of its own
+};
+
+struct EncoderPoolTest : testing::Test {
+  static EncoderRequest request(const EncoderSettings& settings,
+                                const char* codec = softwareEncoder) {
+    return {avcodec_find_encoder_by_name(codec), avcodec_find_encoder_by_name(softwareEncoder),
+            settings};
+  }
+  void openAhead(const EncoderRequest& by) { pool->openAhead(*by.codec, by.settings, 0); }
+  // Whether one was opened ahead or kept: it is taken.
+  bool isAhead(const EncoderSettings& settings) {
+    const int before = driver->asked;
+    EXPECT_NE(pool->acquire(request(settings), {}).encoder, nullptr);
+    return driver->asked == before;
+  }
+  void release(const EncoderRequest& by, OpenedEncoder result) {
+    pool->beginRelease(by);
+    pool->release(by, std::move(result));
+  }
+
+  double now = 0;
+  int trimmed = 0;
+  const std::shared_ptr<Driver> driver = std::make_shared<Driver>();
+  const std::shared_ptr<ManualQueue> opener = std::make_shared<ManualQueue>(now);
+  const std::shared_ptr<EncoderPool> pool =
+      std::make_shared<EncoderPool>(driver->factory(), opener, [this] { ++trimmed; });
+};
+
+TEST_F(EncoderPoolTest, OpensOneOfEachKindAheadForTheLatestSettings) {
+  for (const auto& settings : {preview, take, slowTake, slowTake}) openAhead(request(settings));
+  opener->run();
+  EXPECT_EQ(driver->asked, 2);
+  EXPECT_TRUE(isAhead(preview));
+  EXPECT_FALSE(isAhead(preview));  // it is gone
+  EXPECT_FALSE(isAhead(take));
+  EXPECT_TRUE(isAhead(slowTake));
+  openAhead(request(take));
+  EXPECT_FALSE(isAhead(take));  // a session that comes before it opens its own
+  opener->run();
+  EXPECT_EQ(driver->asked, 5);
+}
+
+TEST_F(EncoderPoolTest, KeepsAnEncoderForTheNextSessionUnlessOneWasOpenedForThat) {
+  for (const bool isOpened : {false, true}) {
+    OpenedEncoder first = pool->acquire(request(take), {});
+    if (isOpened) openAhead(request(slowTake));
+    opener->run();
+    release(request(take), std::move(first));
+    EXPECT_EQ(isAhead(take), !isOpened);
+    EXPECT_EQ(isAhead(slowTake), isOpened);
+  }
+}
+
+TEST_F(EncoderPoolTest, GivesUnusedMemoryBackAMinuteAfterTheLastTake) {
+  const auto trimmedAt = [this](double time) {
+    now = time;
+    opener->run();
+    return trimmed;
+  };
+  openAhead(request(preview));
+  EXPECT_EQ(trimmedAt(30), 0);
+  openAhead(request(take));
+  EXPECT_EQ(trimmedAt(89), 0);
+  OpenedEncoder running = pool->acquire(request(take), {});
+  EXPECT_EQ(trimmedAt(200), 0);  // the take is still running
+  release(request(take), std::move(running));
+  EXPECT_EQ(trimmedAt(259), 0);
+  EXPECT_EQ(trimmedAt(260), 1);
+  EXPECT_FALSE(isAhead(preview) || isAhead(take));
+}
+
+struct HardwareEncoders : EncoderPoolTest {
+  void SetUp() override {
+    if (!wanted.codec) GTEST_SKIP() << "no such encoder";
+  }
+  // Calls `acquire` on another thread, where it is to wait.
+  auto acquireLater(const std::stop_token& stop = {}) {
+    auto acquired =
+        std::async(std::launch::async, [=, this] { return pool->acquire(wanted, stop); });
+    EXPECT_EQ(acquired.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    return acquired;
+  }
+  const EncoderRequest wanted = request(preview, "h264_nvenc");
+};
+
+TEST_F(HardwareEncoders, AreWaitedForWhileOneIsBeingOpenedAhead) {
+  driver->behaviour = hangs;
+  openAhead(wanted);
+  const std::jthread opening([&] { opener->run(); });
+  while (driver->asked == 0) std::this_thread::yield();
+  auto acquired = acquireLater();
+  driver->release.set_value();
+  EXPECT_NE(acquired.get().encoder, nullptr);
+  EXPECT_EQ(driver->asked, 1);
+}
+
+TEST_F(HardwareEncoders, OpenedAheadAreClosedToMakeRoomAndASubstituteIsNotKept) {
+  driver->limit = 1;
+  openAhead(request(take, "h264_nvenc"));
+  opener->run();
+  const OpenedEncoder first = pool->acquire(wanted, {});
+  EXPECT_FALSE(first.isSubstitute);
+  EXPECT_EQ(driver->opened, 2);
+  OpenedEncoder instead = pool->acquire(wanted, {});
+  EXPECT_TRUE(instead.encoder && instead.isSubstitute);
+  release(wanted, std::move(instead));
+  EXPECT_TRUE(pool->acquire(wanted, {}).isSubstitute);  // it was not kept as the driver's
+}
+
+TEST_F(HardwareEncoders, AreWaitedForWhileOneIsReleasedForASecondUnlessTheSessionIsStopped) {
+  driver->limit = 1;
+  const OpenedEncoder first = pool->acquire(wanted, {});
+  pool->beginRelease(wanted);
+  std::stop_source stop;
+  auto stopped = acquireLater(stop.get_token());
+  stop.request_stop();
+  EXPECT_EQ(stopped.get().status, AVERROR_EXIT);
+  EXPECT_EQ(pool->acquire(wanted, stop.get_token()).status, AVERROR_EXIT);
+  EXPECT_TRUE(pool->acquire(wanted, {}).isSubstitute);
+}
+
 using Session = std::shared_ptr<CompressionSession>;
 using Answer = std::pair<Status, std::uint32_t>;  // and its info flags
 
-Answer encodeOne(CompressionSession& session) {
-  std::shared_ptr<PixelBuffer> buffer;
-  EXPECT_EQ(session.pixelBufferPool()->create(1, {}, buffer), 0);
-  std::promise<Answer> answer;
-  session.encodeFrame(buffer, {1, 60}, {.forceKeyFrame = true},
-                      [&](Status status, std::uint32_t flags, const auto& sample) {
-                        EXPECT_EQ(status == 0, sample != nullptr);
-                        answer.set_value({status, flags});
-                      });
-  return answer.get_future().get();
-}
-
-// On real queues.
+// On real queues. Only the test's thread asks for sessions.
 struct EncoderRun {
-  explicit EncoderRun(const std::string& choice, Driver::Behaviour behaviour = works,
-                      const EncoderSettings& tried = take) {
+  explicit EncoderRun(const std::string& choice, Behaviour behaviour = works,
+                      const EncoderSettings& tried = take)
+      : encoders(std::make_shared<SystemEncoders>(
+            parseAllowedEncoders(choice), PixelFormat{}, std::make_shared<AsioQueue>("state"),
+            std::make_shared<AsioDispatch>(), PicturePool::make(), driver->factory())) {
     driver->behaviour = behaviour;
-    encoders = std::make_shared<SystemEncoders>(
-        parseAllowedEncoders(choice), PixelFormat{}, queue, std::make_shared<AsioDispatch>(),
-        PicturePool::make(),
-        [driver = driver](auto&&... arguments) { return driver->open(arguments...); });
-    onQueue([&] { encoders->prepare(tried, take); });
+    encoders->prepare(tried, take);
   }
-  void onQueue(const Work& call) {
-    std::packaged_task<void()> task(call);
-    queue->async([&] { task(); });
-    task.get_future().wait();
-  }
-  void waitUntilPrepared() {
+  void waitUntilPrepared() const {
     std::promise<void> prepared;
-    onQueue([&] { encoders->whenPrepared([&] { prepared.set_value(); }); });
+    encoders->whenPrepared([&] { prepared.set_value(); });
     prepared.get_future().wait();
   }
-  Status createSession(Session& session, SessionKind kind = SessionKind::preview) {
-    Status status = 0;
-    onQueue([&] { status = encoders->createSession(kind, 2, 2, {}, session); });
-    if (!session) return status;
+  Session createSession(SessionKind kind = SessionKind::preview) {
+    Session session;
+    created = encoders->createSession(kind, 2, 2, {}, session);
+    if (!session) return session;
     session->setProperty(SessionProperty::expectedFrameRate, preview.frameRate);
-    session->setProperty(SessionProperty::maxKeyFrameInterval, preview.keyFrameInterval);
-    session->setProperty(SessionProperty::averageBitRate, preview.bitRate);
     EXPECT_EQ(session->prepareToEncodeFrames(), 0);
-    return status;
+    return session;
+  }
+  // What a session answers for a picture; without one, the status of its creation.
+  Answer encodeOne(const Session& session) const {
+    if (!session) return {created, 0};
+    std::shared_ptr<PixelBuffer> buffer;
+    EXPECT_EQ(session->pixelBufferPool()->create(1, {}, buffer), 0);
+    std::promise<Answer> answer;
+    session->encodeFrame(buffer, {1, 60}, {.forceKeyFrame = true},
+                         [&](Status status, std::uint32_t flags, const auto& sample) {
+                           EXPECT_EQ(status == 0, sample != nullptr);
+                           answer.set_value({status, flags});
+                         });
+    return answer.get_future().get();
   }
   // Whether the driver opens an encoder for a session; it serves the next one, too.
   bool isHardwareUsed(SessionKind kind = SessionKind::recording) {
     const int before = driver->opened;
-    Session session;
-    EXPECT_EQ(createSession(session, kind), 0);
-    EXPECT_EQ(encodeOne(*session), (Answer{0, 0}));
+    const Session session = createSession(kind);
+    EXPECT_EQ(encodeOne(session), (Answer{0, 0}));
     session->invalidate();
     return driver->opened > before;
   }
@@ -72,40 +226,28 @@ struct EncoderRun {
     while (!isHardwareUsed(kind)) std::this_thread::yield();
   }
 
-  std::shared_ptr<Driver> driver = std::make_shared<Driver>();
-  std::shared_ptr<AsioQueue> queue = std::make_shared<AsioQueue>("state");
-  std::shared_ptr<SystemEncoders> encoders;
-};
-
-struct HardwareEncoders : testing::Test {
-  void SetUp() override {
-    if (!avcodec_find_encoder_by_name("h264_nvenc")) GTEST_SKIP() << "no such encoder";
-  }
+  const std::shared_ptr<Driver> driver = std::make_shared<Driver>();
+  const std::shared_ptr<SystemEncoders> encoders;
+  Status created = 0;
 };
 
 TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
-  constexpr Status none = AVERROR_ENCODER_NOT_FOUND;
-  for (const auto& [choice, atFirst, later, created, answer] :
-       {std::tuple{"auto", works, works, 0, Answer{0, 0}},
-        {"auto", works, refuses, 0, Answer{0, 0}},
-        {"auto", works, hangs, 0, Answer{0, 0}},
-        {"hardware", works, works, 0, Answer{0, 0}},
-        {"hardware", works, refuses, 0, Answer{AVERROR(EBUSY), infoNotPrepared}},
-        {"h264_nvenc", works, hangs, 0, Answer{AVERROR(ETIMEDOUT), infoNotPrepared}},
-        {"hardware", refuses, refuses, none, Answer{0, 0}},
-        {"h264_nvenc", hangs, hangs, none, Answer{0, 0}}}) {
+  const Answer none{AVERROR_ENCODER_NOT_FOUND, 0};
+  for (const auto& [choice, atFirst, later, answer] :
+       {std::tuple{"auto", works, refuses, Answer{0, 0}},
+        {"auto", works, hangs, Answer{0, 0}},
+        {"hardware", works, refuses, Answer{AVERROR(EBUSY), infoNotPrepared}},
+        {"h264_nvenc", works, hangs, Answer{AVERROR(ETIMEDOUT), infoNotPrepared}},
+        {"hardware", refuses, refuses, none},
+        {"h264_nvenc", hangs, hangs, none}}) {
     SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
     EncoderRun run(choice, atFirst);
     run.waitUntilPrepared();
     if (atFirst == works) run.waitForHardware();
     run.driver->behaviour = later;
-    Session session;
     const int before = run.driver->opened;
-    EXPECT_EQ(run.createSession(session), created);
-    if (session) {
-      EXPECT_EQ(encodeOne(*session), answer);
-    }
-    EXPECT_EQ(run.driver->opened - before, later == works ? 1 : 0);
+    EXPECT_EQ(run.encodeOne(run.createSession()), answer);
+    EXPECT_EQ(run.driver->opened, before);
     run.driver->release.set_value();
   }
 }
@@ -116,22 +258,21 @@ TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndNothingWaitsForThat) {
     SCOPED_TRACE(behaviour);
     EncoderRun run("auto", behaviour);
     run.waitUntilPrepared();
-    Session early;
-    EXPECT_EQ(run.createSession(early), 0);
-    EXPECT_EQ(encodeOne(*early), (Answer{0, 0}));
+    const Session early = run.createSession();
+    EXPECT_EQ(run.encodeOne(early), (Answer{0, 0}));
     while (!run.driver->othersAsked) std::this_thread::yield();  // a hang takes a second
     EXPECT_FALSE(run.isHardwareUsed());
     run.driver->release.set_value();
     if (behaviour == hangs) run.waitForHardware();
     const int before = run.driver->opened;
-    EXPECT_EQ(encodeOne(*early), (Answer{0, 0}));
+    EXPECT_EQ(run.encodeOne(early), (Answer{0, 0}));  // stays in software
     EXPECT_EQ(run.driver->opened, before);
   }
 }
 
 TEST_F(HardwareEncoders, AreNotUsedForATakeWhoseEncoderWasOpenedBeforeTheyWereFound) {
   EncoderRun run("auto", hangs);
-  run.onQueue([&] { run.encoders->openAhead(slowTake); });
+  run.encoders->openAhead(slowTake);
   run.driver->release.set_value();
   run.waitForHardware(SessionKind::preview);
   EXPECT_FALSE(run.isHardwareUsed());
@@ -144,8 +285,7 @@ TEST_F(HardwareEncoders, AreWaitedForWhereSoftwareIsNotAllowed) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     run.driver->release.set_value();
   });
-  Session session;
-  EXPECT_EQ(run.createSession(session), 0);
+  EXPECT_TRUE(run.createSession());
 }
 
 TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
@@ -154,51 +294,40 @@ TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
     run.waitUntilPrepared();
     run.driver->limit = 2;  // the one that was opened to find it, and one more
     run.driver->behaviour = hangs;
-    Session stopped;
-    Session next;
-    ASSERT_EQ(run.createSession(stopped), 0);
-    stopped->invalidate();
-    ASSERT_EQ(run.createSession(next), 0);
+    run.createSession()->invalidate();
+    const Session next = run.createSession();
     run.driver->release.set_value();  // they come in any order
-    EXPECT_EQ(encodeOne(*next), (Answer{0, 0}));
+    EXPECT_EQ(run.encodeOne(next), (Answer{0, 0}));
   }
 }
 
 TEST_F(HardwareEncoders, AreOpenedForTheNextTakeOnceTheyAreFound) {
-  EncoderRun run("auto", works, preview);
+  const EncoderRun run("auto", works, preview);
   while (run.driver->opened < 2) std::this_thread::yield();
 }
 
 TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst) {
   for (const bool comesFirst : {false, true}) {
-    double now = 0;
-    int opened = 0;
-    int trimmed = 0;
+    const double now = 0;
+    const auto driver = std::make_shared<Driver>();
     const auto dispatch = std::make_shared<FakeDispatch>(now);
     const auto queue = std::make_shared<ManualQueue>(now);
-    const auto encoders = std::make_shared<SystemEncoders>(
-        parseAllowedEncoders("software"), PixelFormat{}, queue, dispatch, PicturePool::make(),
-        [&](auto&&... arguments) {
-          ++opened;
-          return Driver().open(arguments...);
-        },
-        [&] { ++trimmed; });
-    ManualQueue& opener = *dispatch->queues.at(0);
+    const auto encoders =
+        std::make_shared<SystemEncoders>(parseAllowedEncoders("software"), PixelFormat{}, queue,
+                                         dispatch, PicturePool::make(), driver->factory());
+    const auto opened = [&] {
+      dispatch->queues.at(0)->run();
+      return driver->asked.load();
+    };
     encoders->prepare(preview, take);
-    opener.run();
-    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(opened(), 1);
     encoders->warmUp(take, take);
     if (comesFirst) encoders->openAhead(slowTake);
-    std::exchange(dispatch->detached, {}).at(0)();
+    dispatch->detached.at(0)();
     queue->run();
-    opener.run();
-    EXPECT_EQ(opened, 2);
+    EXPECT_EQ(opened(), 2);
     encoders->openAhead(slowTake);
-    opener.run();
-    EXPECT_EQ(opened, comesFirst ? 2 : 3);
-    now = 60;
-    opener.run();
-    EXPECT_EQ(trimmed, 1);
+    EXPECT_EQ(opened(), comesFirst ? 2 : 3);
   }
 }
 
