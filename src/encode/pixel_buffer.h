@@ -9,10 +9,10 @@ namespace lumora {
 
 enum class Placement { stretch, aspectFit };
 
-// A buffer of the session's pool for the camera frame, the top row first. The session's worker has
-// `images` convert the frame into it: stretched, or fitted between black bars. A frame of the
-// buffer's size is not copied: the buffer refers to its pixels. The pixels stay alive until they
-// have been read. Throws EncoderFailure. State queue only.
+// Makes a buffer for the camera frame from the session's pool, the top row first. If the frame has
+// the session's size, the buffer refers to the frame's pixels. Otherwise the session's worker
+// converts the frame into the buffer with `images`: stretched, or fitted between black bars. The
+// buffer keeps the frame's pixels until they are read. Throws EncoderFailure. State queue only.
 std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,
                                          Placement placement,
                                          std::shared_ptr<ImageConverter> images);

@@ -1,10 +1,11 @@
 // Makes the records that the helper reads from its standard input: a header and a payload. A
-// malformed record would end the helper, so the checks here throw first.
+// malformed record would end the helper, so the checks here throw first. Numbers are big-endian.
+// Commands have width, height and frame id 0.
 //
 //   0        4       6        8          16
 //   +--------+-------+--------+----------+---------
-//   | length | width | height | frame id | payload       big-endian; a command's width,
-//   +--------+-------+--------+----------+---------      height and id are 0
+//   | length | width | height | frame id | payload
+//   +--------+-------+--------+----------+---------
 
 import { pictureBytes, type FrameEncoding, type FrameSize } from './frame_format.js';
 
@@ -30,7 +31,7 @@ export function checkSize({ width, height }: FrameSize): void {
   }
 }
 
-/** Returns the same memory as a Buffer. Throws unless its length is that of one picture. */
+/** Returns a Buffer over the memory of `pixels`. Throws unless it has the length of one picture. */
 export function pixelBytes(pixels: Pixels, size: FrameSize, encoding: FrameEncoding): Buffer {
   if (!(pixels instanceof Uint8Array || pixels instanceof Uint8ClampedArray)) {
     throw new TypeError('pixels must be a Uint8Array or a Uint8ClampedArray');

@@ -2,7 +2,7 @@
 
 const line = (text, tone = 'plain') => ({ text, tone });
 
-// By the state of a take, or else by the type of the event.
+// Each entry is named for a state of a take, or for the type of an event without a state.
 const lines = {
   ready: ({ port }) => line(`The helper is ready on port ${port}.`),
   error: ({ message }) => line(`The helper failed: ${message}`, 'bad'),
@@ -18,13 +18,14 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  #last = {}; // by type: identifies the last event of this type
+  #last = {}; // for each type of event: the key of the last one that gave a line
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {
     const { type, id, state } = event;
     if (type === 'stats') return this.#formatStats(event);
-    // The helper repeats the last event of a take; the viewer repeats the others after a reconnect.
+    // The helper may repeat the last state of a take. After a reconnect, the viewer sends the last
+    // event of each type again.
     const key = type === 'recording' ? `${id} ${state}` : JSON.stringify(event);
     const make = lines[state ?? type];
     if (key === this.#last[type] || !make) return [];
