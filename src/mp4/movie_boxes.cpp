@@ -18,9 +18,9 @@ constexpr std::int32_t one = 0x10000;  // 16.16 fixed point
 // (ap + cq + x, bp + dq + y).
 void matrix(Bytes& bytes, std::int32_t a, std::int32_t b, std::int32_t c, std::int32_t d, int x,
             int y) {
-  constexpr std::int32_t w = 0x40000000;
-  for (const std::int32_t value : {a, b, 0, c, d, 0, x * one, y * one, w})
-    u32(bytes, static_cast<std::uint32_t>(value));
+  for (const std::int32_t value : {a, b, 0, c, d, 0}) u32(bytes, static_cast<std::uint32_t>(value));
+  for (const int pixels : {x, y}) u32(bytes, static_cast<std::uint32_t>(pixels) << 16);
+  u32(bytes, 0x40000000);  // w
 }
 
 void unityMatrix(Bytes& bytes) { matrix(bytes, one, 0, 0, one, 0, 0); }
