@@ -64,7 +64,7 @@ void MovieRecorder::movieEnded(double end) {
 bool MovieRecorder::moveTo(const std::string& name) {
   if (!platform.files->move(staging, name)) return false;
   if (hasLogFile && !platform.files->move(frameLogPath(staging), frameLogPath(name)))
-    logFailure = "the final name was unavailable";
+    isLogAstray = true;
   return true;
 }
 

@@ -121,6 +121,7 @@ void MovieRecorder::openLog() {
 
 std::optional<std::string> MovieRecorder::logError() const {
   if (!log) return std::nullopt;
+  if (isLogAstray) return "the final name was unavailable";
   if (!logFailure.empty()) return logFailure;
   if (auto error = writer ? writer->logError() : std::nullopt) return error;
   return log->isIncomplete() ? std::optional("too many frames waited") : std::nullopt;

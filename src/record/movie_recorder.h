@@ -118,12 +118,15 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool failed = false;
   std::string failure;       // the reason
   bool hasLogFile = false;   // beside the movie, under the name that goes with the movie's
-  std::string logFailure;    // why the log has no file, or no final name
+  std::string logFailure;    // why the log has no file
   MovieExtent stored;        // what was on the disk when it failed, if that is to be kept
   bool isConcluded = false;  // the last event was sent
 
   // State queue only.
   bool waitingIDR = true;
+
+  // Take's queue and the thread that renames a kept take.
+  std::atomic<bool> isLogAstray = false;  // the log could not get its final name
 
   // Both queues.
   std::atomic<int> pending = 0;  // write jobs queued and not finished
