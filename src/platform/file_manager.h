@@ -10,9 +10,10 @@ class FileManager {
   virtual ~FileManager() = default;
   // Whether the name is taken: a file of this name exists, or its removal is still pending.
   virtual bool isNameUsed(const std::string& path) const = 0;
-  // Renames within a file system. The new name survives a power cut if the directory can be synced.
-  // False when `to` exists or the move is impossible.
+  // Renames within a file system. False when `to` exists or the move is impossible.
   virtual bool move(const std::string& from, const std::string& to) = 0;
+  // The names in the folder of `path` survive a power cut from now on, if the folder can be synced.
+  virtual void syncFolderOf(const std::string& path) = 0;
   // Waits at most a second. If the disk hangs longer the file is removed later.
   virtual void remove(const std::string& path) = 0;
 };

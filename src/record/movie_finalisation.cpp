@@ -60,11 +60,13 @@ void MovieRecorder::movieEnded(double end) {
         staging);
 }
 
-// Renames the movie, and its log behind it. False if the movie can't have this name.
+// Renames the movie, and its log behind it. False if the movie can't have this name. Nothing waits
+// between the two, so that a kill hardly ever parts them.
 bool MovieRecorder::moveTo(const std::string& name) {
   if (!platform.files->move(staging, name)) return false;
   if (hasLogFile && !platform.files->move(frameLogPath(staging), frameLogPath(name)))
     isLogAstray = true;
+  platform.files->syncFolderOf(name);
   return true;
 }
 

@@ -36,10 +36,11 @@ class PosixFileManager final : public FileManager {
   }
 
   bool move(const std::string& from, const std::string& to) override {
-    if (!moveUnlessExists(from, to)) return false;
-    // The file has moved even if its new name can't be synced.
-    bestEffort([&] { syncDirectory(std::filesystem::path(to).parent_path()); });
-    return true;
+    return moveUnlessExists(from, to);
+  }
+
+  void syncFolderOf(const std::string& path) override {
+    bestEffort([&] { syncDirectory(std::filesystem::path(path).parent_path()); });
   }
 
   // If the disk hangs, the removal hangs, but the caller goes on.

@@ -376,6 +376,7 @@ struct FakeFiles final : FileManager, CanFail {
     moves.emplace_back(from, to);
     return true;
   }
+  void syncFolderOf(const std::string&) override {}
   void remove(const std::string& path) override { removed.push_back(path); }
   std::vector<std::pair<std::string, std::string>> moves;
   std::vector<std::string> removed;
