@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace lumora {
 
@@ -14,8 +15,8 @@ class FileManager {
   virtual bool move(const std::string& from, const std::string& to) = 0;
   // The names in the folder of `path` survive a power cut from now on, if the folder can be synced.
   virtual void syncFolderOf(const std::string& path) = 0;
-  // Waits at most a second. If the disk hangs longer the file is removed later.
-  virtual void remove(const std::string& path) = 0;
+  // Waits at most a second for all of them. If the disk hangs longer, the files are removed later.
+  virtual void remove(const std::vector<std::string>& paths) = 0;
 };
 
 }  // namespace lumora

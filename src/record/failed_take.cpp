@@ -77,7 +77,8 @@ void MovieRecorder::kept(MovieExtent extent, const std::string& file) {
             {"kept_frames", extent.frames},
             {"kept_duration", static_cast<double>(extent.duration) / movieTimescale}};
   } else {
-    removeLog();  // somebody has removed the file
+    // Somebody has removed the file.
+    if (hasLogFile) platform.files->remove({frameLogPath(staging)});
   }
   tell(TakeState::failed, 0, failure, path, more);
 }
@@ -86,12 +87,9 @@ void MovieRecorder::kept(MovieExtent extent, const std::string& file) {
 void MovieRecorder::removeFile() {
   if (!writer) return;
   writer->cancelWriting();
-  platform.files->remove(staging);
-  removeLog();
-}
-
-void MovieRecorder::removeLog() {
-  if (hasLogFile) platform.files->remove(frameLogPath(staging));
+  std::vector<std::string> files = {staging};
+  if (hasLogFile) files.push_back(frameLogPath(staging));
+  platform.files->remove(files);
 }
 
 }  // namespace lumora

@@ -97,7 +97,6 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void nameKept(MovieExtent extent, bool isComplete);
   void kept(MovieExtent extent, const std::string& file);
   void removeFile();
-  void removeLog();
 
   const Platform platform;
   const std::shared_ptr<SerialQueue> queue;

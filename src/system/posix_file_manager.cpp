@@ -44,16 +44,18 @@ class PosixFileManager final : public FileManager {
   }
 
   // If the disk hangs, the removal hangs, but the caller goes on.
-  void remove(const std::string& path) override {
-    const auto unlinkNow = [path, name = nameOf(path), pending = pending_] {
-      unlink(path.c_str());
+  void remove(const std::vector<std::string>& paths) override {
+    std::set<std::filesystem::path> names;
+    for (const std::string& path : paths) names.insert(nameOf(path));
+    const auto unlinkNow = [paths, names, pending = pending_] {
+      for (const std::string& path : paths) unlink(path.c_str());
       const std::lock_guard hold(pending->mutex);
-      pending->names.erase(name);
+      for (const auto& name : names) pending->names.erase(name);
     };
     try {
       {
         const std::lock_guard hold(pending_->mutex);
-        pending_->names.insert(nameOf(path));
+        pending_->names.insert(names.begin(), names.end());
       }
       startTask("lumora.remove", unlinkNow).wait_for(longestRemoval);
     } catch (const std::exception&) {  // no thread or no memory: the caller has to wait

@@ -377,7 +377,9 @@ struct FakeFiles final : FileManager, CanFail {
     return true;
   }
   void syncFolderOf(const std::string&) override {}
-  void remove(const std::string& path) override { removed.push_back(path); }
+  void remove(const std::vector<std::string>& paths) override {
+    removed.insert(removed.end(), paths.begin(), paths.end());
+  }
   std::vector<std::pair<std::string, std::string>> moves;
   std::vector<std::string> removed;
 };
