@@ -63,6 +63,8 @@ void VideoEncoder::serviceTick() {
   serviceTickLater();
   sweepPeers();
   stopTakeWithoutSpace();
+  // The take's own queue hangs, or it would have said so by now.
+  if (take.isRescuing() && uptime() >= take.abandonedAt + shutdownTimeout) concludeAbandonedTake();
   emitStats(false);
 }
 

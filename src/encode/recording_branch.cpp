@@ -26,7 +26,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
            std::exchange(recording.forceIDR, false), completion, "camera frame submission",
            weakly(&VideoEncoder::recordingEncoded, movie, ReadFrame{frame.id, frame.capturedAt}));
   } catch (const std::exception& failure) {
-    take.abandon(reasonOf(failure));
+    take.abandon(reasonOf(failure), uptime());
   }
 }
 
@@ -62,7 +62,7 @@ void VideoEncoder::recordingEncoded(const std::shared_ptr<MovieRecorder>& movie,
     take.maximumMovieWorkObserved =
         std::max<std::int64_t>(take.maximumMovieWorkObserved, movie->pendingWork());
   } catch (const std::exception& failure) {
-    take.abandon(reasonOf(failure));
+    take.abandon(reasonOf(failure), uptime());
   }
 }
 

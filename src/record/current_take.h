@@ -22,9 +22,10 @@ struct CurrentTake {
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
   std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
-  // A take that was abandoned, and the reason. Its "failed" event has not been emitted yet.
+  // A take that was abandoned, the reason, the uptime. Its "failed" event was not emitted yet.
   std::shared_ptr<MovieRecorder> abandoned;
   std::string abandonedFor;
+  double abandonedAt = 0;
   RecordingSession recording;
 
   // Totals over all takes.
@@ -45,8 +46,8 @@ struct CurrentTake {
   void resetRecordingSession();
   // Logs a frame that was read, and what became of it if that is known.
   void logFrame(const ReadFrame& frame, std::optional<FrameOutcome> outcome) const;
-  // Ends the take as failed.
-  void abandon(const std::string& reason);
+  // Ends the take as failed. `now` is the uptime.
+  void abandon(const std::string& reason, double now);
 };
 
 }  // namespace lumora

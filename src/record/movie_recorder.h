@@ -5,6 +5,7 @@
 // the next one comes, since only then the sample's duration is known. After a dropped sample it
 // drops everything until the next key frame.
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 
@@ -48,7 +49,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
   // State queue. If the take fails from now on, its last event comes at uptime `end` at the latest.
-  void limitRescue(double end) { rescueEnd = end; }
+  // The earliest limit counts.
+  void limitRescue(double end) { rescueEnd = std::min(rescueEnd.load(), end); }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
 

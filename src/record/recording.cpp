@@ -120,11 +120,13 @@ void CurrentTake::resetRecordingSession() {
   recording = {};
 }
 
-void CurrentTake::abandon(const std::string& reason) {
+void CurrentTake::abandon(const std::string& reason, double now) {
   ++recordingEncoderFailures;
   abandonedFor = reason;
+  abandonedAt = now;
   abandoned = std::exchange(movie, nullptr);
   pendingMovieStop.reset();
+  abandoned->limitRescue(now + MovieRecorder::rescueTimeout);
   abandoned->abort(reason, FrameOutcome::encoder);
 }
 

@@ -205,6 +205,21 @@ TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
   EXPECT_TRUE(events("failed").empty());
 }
 
+// The encoder fails while the disk holds up the take's queue, for a while or for good.
+TEST_F(KeptTakes, EndInTimeWhenTheirQueueHangs) {
+  for (const bool isForGood : {false, true}) {
+    startKept();
+    feed(1001.2);
+    probe.lastSession().answer(-1, nullptr);
+    probe.queue->run();
+    probe.tickAt(1002.7);
+    expectRefusal();
+    if (!isForGood) probe.run();
+    probe.tickAt(isForGood ? 1003.3 : 1003.1);
+    isForGood ? start({{"path", "/takes/b.mp4"}}) : expectKeys(lastEvent(), named);
+  }
+}
+
 TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
   start({{"minimum_free", 1000}, {"on_failure", "keep"}, {"rotation", 90}});
   feed(1001.0);
