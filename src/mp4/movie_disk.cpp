@@ -34,10 +34,8 @@ void MovieDisk::write(Bytes head, Bytes body, std::uint64_t ending) {
                    body = std::move(body)](ByteSink& sink) {
              // Synced at once, so a power cut costs no more than a crash of the process.
              if (proceeds(sink.reserve(room)) && proceeds(sink.write(head)) &&
-                 proceeds(sink.write(body))) {
-               const int error = sink.sync();
-               if (error == 0) written(sink);  // even if a rescue has begun meanwhile
-               proceeds(error);
+                 proceeds(sink.write(body)) && proceeds(sink.sync())) {
+               written(sink);
              }
            }});
 }
