@@ -18,8 +18,10 @@ std::shared_ptr<MovieDisk> MovieDisk::start(std::unique_ptr<ByteSink> sink) {
   std::shared_ptr<MovieDisk> disk(new MovieDisk);
   disk->freeBytes_ = sink->freeBytes();
   disk->freeBytesAsked_ = std::chrono::steady_clock::now();
-  startThread("lumora.disk",
-              [disk, sink = std::move(sink)]() mutable { disk->run(std::move(sink)); });
+  startThread("lumora.disk", [disk, sink = std::move(sink)]() mutable {
+    disk->run(std::move(sink));
+    disk->log_.reset();  // on this thread, since closing a file may wait for the disk
+  });
   return disk;
 }
 
