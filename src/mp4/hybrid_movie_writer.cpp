@@ -143,9 +143,8 @@ void HybridMovieWriter::rescue(RescueHandler handler) {
   const auto kept = std::make_shared<MovieExtent>(synced());  // until more is known
   disk_->rescue(
       placeholderOffset(),
-      [kept, format = format_, properties = properties_, all = tables_](
-          std::size_t writes, std::uint64_t size) -> std::optional<MovieDisk::Ending> {
-        MovieTables tables = all;
+      [kept, format = format_, properties = properties_, tables = tables_](
+          std::size_t writes, std::uint64_t size) mutable -> std::optional<MovieDisk::Ending> {
         tables.keepChunks(fragmentsIn(writes));
         *kept = extentOf(tables);
         if (tables.empty()) return std::nullopt;

@@ -51,7 +51,7 @@ class MovieWriter {
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
   // The samples of the finished movie, once `finishWriting` was called.
   virtual MovieExtent extent() const = 0;
-  // The samples that survive a power cut. Not after `rescue`.
+  // The samples that survive a power cut.
   virtual MovieExtent synced() const = 0;
   // After a failure: drops what waits for the disk, and completes the file with the samples that
   // are on the disk. `handler` runs on any thread, unless writing is cancelled before. It gets the

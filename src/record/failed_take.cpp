@@ -22,8 +22,7 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   const bool isDiskSound = writer && !writer->error() && writer->isReadyForMoreMediaData();
   if (log && !isDiskSound) log->end(FrameOutcome::disk);  // before the next frame is refused
   accepting = false;
-  if (options.keepsFailed && writer) stored = writer->synced();
-  if (stored.frames == 0) {
+  if (!options.keepsFailed || !writer || writer->synced().frames == 0) {
     held.reset();
     removeFile();
     return tell(TakeState::failed, 0, failure, path);
@@ -31,7 +30,8 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   if (!isDiskSound || !keepAll(cause)) rescue();
   // If the disk hangs, there is never an answer.
   const double left = std::clamp(rescueEnd - platform.clock->uptime(), 0.0, rescueTimeout);
-  queue->asyncAfter(left, [self = shared_from_this()] { self->kept(self->stored, self->staging); });
+  queue->asyncAfter(
+      left, [self = shared_from_this()] { self->kept(self->writer->synced(), self->staging); });
 }
 
 // Completes the file with every sample, but for a last one that can't be written. False if that is
@@ -53,7 +53,7 @@ void MovieRecorder::rescue() try {
     self->queue->async([self, extent, isComplete] { self->nameKept(extent, isComplete); });
   });
 } catch (const std::exception&) {  // no memory
-  kept(stored, staging);
+  kept(writer->synced(), staging);
 }
 
 // A file that could not be completed keeps its name, since it is no ordinary movie yet. The disk

@@ -120,7 +120,6 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::string failure;       // the reason
   bool hasLogFile = false;   // beside the movie, under the name that goes with the movie's
   std::string logFailure;    // why the log has no file
-  MovieExtent stored;        // what was on the disk when it failed, if that is to be kept
   bool isConcluded = false;  // the last event was sent
 
   // State queue only.
