@@ -20,7 +20,6 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   failed = true;
   failure = message;
   const bool isDiskSound = writer && !writer->error() && writer->isReadyForMoreMediaData();
-  if (log && !isDiskSound) log->end(FrameOutcome::disk);  // before the next frame is refused
   accepting = false;
   if (!options.keepsFailed || !writer || writer->synced().frames == 0) {
     held.reset();

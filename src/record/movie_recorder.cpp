@@ -38,9 +38,13 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
 bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame,
                            bool keyframe) {
   using enum FrameOutcome;
+  if (!accepting) {  // the end of the log says why
+    ++dropped;
+    return false;
+  }
   const bool isLate = pending >= maximumPending;
-  if (!accepting || isLate || (waitingIDR && !keyframe)) {
-    countDropped(frame.id, isLate ? disk : accepting ? waitingForKeyFrame : afterStop);
+  if (isLate || (waitingIDR && !keyframe)) {
+    countDropped(frame.id, isLate ? disk : waitingForKeyFrame);
     return false;
   }
   waitingIDR = false;

@@ -65,6 +65,7 @@ TEST_F(LoggedTakes, ThatFailSayWhatLostTheirFramesAndKeepTheLogWithTheMovie) {
   const std::pair<std::string, std::string> causes[] = {
       {"disk", ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n"},
       {"encoder", ",0.100000,written\n3,1001.200000,,encoder\n"},
+      {"other", ",0.100000,written\n3,1001.200000,,encoder\n"},
       {"stop", ",0.100000,written\n3,1001.200000,,after stop\n"}};
   for (const auto& [cause, lastLines] : causes) {
     probe.restart();
@@ -73,6 +74,7 @@ TEST_F(LoggedTakes, ThatFailSayWhatLostTheirFramesAndKeepTheLogWithTheMovie) {
     writer().onDisk = {1, 1000};
     frame(1001.1);
     feed(1001.2);
+    if (cause == "other") probe.take()->abort("", FrameOutcome::encoder);
     if (cause == "stop") stop({{"stopped_at", 5.0}}), probe.run();
     if (cause == "disk") {
       writer().problem = "No space left on device";
