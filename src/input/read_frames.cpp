@@ -83,9 +83,9 @@ void VideoEncoder::logDropped(const ReadFrame& frame) {
   const bool isLast = ++dropsAhead == maximumDropsAhead;
   platform.stateQueue->async(weakly([frame, isLast](VideoEncoder& self) {
     --self.dropsAhead;
+    self.take.logFrame(frame, FrameOutcome::busy);
     const auto& movie = self.take.movie;
     if (isLast && movie && movie->log) movie->log->giveUp();
-    self.take.logFrame(frame, FrameOutcome::busy);
   }));
 }
 

@@ -98,7 +98,7 @@ TEST_F(LoggedTakes, EndTheirLogWhenTooManyFramesWait) {
   probe.answer(deltaSample());
   writer().complete(WriterStatus::completed);
   expectKeys(events("saved").at(0), {{"frames", 2}, {"frame_log_error", "too many frames waited"}});
-  EXPECT_THAT(writer().takeLines(), testing::EndsWith(",busy\n1099,1001.100000,,busy\n"));
+  EXPECT_THAT(writer().takeLines(), testing::EndsWith(",busy\n1100,1001.100000,,busy\n"));
   FrameLog log;
   for (std::uint64_t id = 0; id <= FrameLog::mostFrames; ++id) log.note({id}, {});
   EXPECT_TRUE(log.isIncomplete());
