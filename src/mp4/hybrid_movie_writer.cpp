@@ -160,11 +160,17 @@ void HybridMovieWriter::rescue(RescueHandler handler) {
 bool HybridMovieWriter::openLog(const std::string& path, TakeLines takeLines, std::string& error) {
   int code = 0;
   auto sink = createFile(path, code);
-  if (sink)
-    disk_->openLog(std::move(sink), std::move(takeLines));
-  else
+  if (!sink) {
     error = reasonOf(code);
-  return code == 0;
+    return false;
+  }
+  try {
+    disk_->openLog(std::move(sink), std::move(takeLines));
+    return true;
+  } catch (const std::exception&) {  // no memory
+    unlink(path.c_str());
+    throw;
+  }
 }
 
 std::optional<std::string> HybridMovieWriter::logError() const { return disk_->logError(); }

@@ -117,10 +117,12 @@ void MovieRecorder::prepare(const HeldSample& first) {
 }
 
 // The take goes on without it.
-void MovieRecorder::openLog() {
+void MovieRecorder::openLog() try {
   if (!log) return;
   const auto takeLines = [log = log] { return log->takeLines(); };
   hasLogFile = writer->openLog(frameLogPath(staging), takeLines, logFailure);
+} catch (const std::exception& reason) {
+  logFailure = reasonOf(reason);
 }
 
 std::optional<std::string> MovieRecorder::logError() const {
