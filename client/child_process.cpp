@@ -239,7 +239,7 @@ std::optional<Exited> ChildProcess::wait(double timeoutSeconds) {
 void ChildProcess::abandon() {
   if (!wait(0)) exit_ = Exited{.signal = SIGKILL};
   isAbandoned_ = true;
-  wake_.reset();
+  static_cast<void>(write(wake_.get(), "", 1) == 1);
 }
 
 }  // namespace lumora::client

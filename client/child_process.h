@@ -78,8 +78,9 @@ class ChildProcess {
   std::string pending_;  // the start of a line
   std::optional<Exited> exit_;
   std::atomic<bool> isAbandoned_ = false;
-  Descriptor wake_;   // closed by `abandon`
-  Descriptor woken_;  // at its end then, which ends every wait
+  // `abandon` writes a byte, which ends every wait. Closing would not after a fork.
+  Descriptor wake_;
+  Descriptor woken_;
 };
 
 }  // namespace lumora::client
