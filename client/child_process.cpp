@@ -17,6 +17,7 @@
 
 #include "client/frame_layout.h"
 #include "client/frame_slots.h"
+#include "client/quiet_thread.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
 
@@ -139,7 +140,7 @@ ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.
 ChildProcess::~ChildProcess() {
   if (exit_) return;
   sendSignal(SIGKILL);
-  wait(10);
+  if (!wait(10)) abandon();
 }
 
 bool ChildProcess::writePixels(FrameSize size, std::uint64_t id,
@@ -237,9 +238,16 @@ std::optional<Exited> ChildProcess::wait(double timeoutSeconds) {
 }
 
 void ChildProcess::abandon() {
-  if (!wait(0)) exit_ = Exited{.signal = SIGKILL};
   isAbandoned_ = true;
   static_cast<void>(write(wake_.get(), "", 1) == 1);
+  if (wait(0)) return;
+  exit_ = Exited{.signal = SIGKILL};
+  try {
+    startQuietThread([pid = pid_] {
+      while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) continue;
+    }).detach();
+  } catch (const std::system_error&) {  // then it stays a zombie
+  }
 }
 
 }  // namespace lumora::client

@@ -63,7 +63,8 @@ class ChildProcess {
   // How the child ended; empty when it still runs after `timeoutSeconds`.
   std::optional<Exited> wait(double timeoutSeconds);
   // Gives up on a child that does not end. Reads and writes fail from now on, even those that other
-  // threads have begun. Unless its end is known, it counts as ended by SIGKILL.
+  // threads have begun. Unless its end is known, it counts as ended by SIGKILL, and a thread
+  // collects its status.
   void abandon();
   pid_t pid() const { return pid_; }
 
