@@ -27,9 +27,11 @@ struct VideoEncoderProbe {
     service = std::make_shared<VideoEncoder>(
         configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders,
                                 images, images, movies, files, decoder, std::move(frameMemory)});
-    forgetWork = {nullptr, [state = queue, other = dispatch, files = movies](void*) {
+    forgetWork = {nullptr,
+                  [state = queue, other = dispatch, files = movies, made = encoders](void*) {
                     state->clear();
                     for (const auto& one : other->queues) one->clear();
+                    for (const auto& session : made->sessions) session->pending.clear();
                     for (const auto& writer : files->writers) {
                       writer->finished = nullptr;
                       writer->rescued = nullptr;

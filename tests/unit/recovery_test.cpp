@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::int64_t sampleUnits = 10000;  // so a fragment has three samples
 constexpr std::size_t unitBytes = 16;        // of the one NAL unit of a sample
-const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc96401";
+const std::string killedID = "6f9619ff-8b86-d011-b42d-00cf4fc96401";
 
 // In memory, where syncing is quick.
 std::string makeFolder() {
@@ -105,8 +105,8 @@ struct Recovery : testing::Test {
   }
 
   const std::string folder = makeFolder();
-  const std::string staging = stagingPath(folder + "/clip.mp4", takeID);
-  const std::string movie = folder + "/clip.recovered-" + takeID + ".mp4";
+  const std::string staging = stagingPath(folder + "/clip.mp4", killedID);
+  const std::string movie = folder + "/clip.recovered-" + killedID + ".mp4";
 };
 
 TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
@@ -174,7 +174,7 @@ TEST_F(Recovery, LeavesWhatIsNoInterruptedTake) {
   std::filesystem::rename(staging, folder + "/other.mp4");
   std::filesystem::create_symlink("other.mp4", staging);
   expectLeft("symbolic links");
-  const std::string added = "." + takeID + ".partial";
+  const std::string added = "." + killedID + ".partial";
   for (const std::string& name : std::vector<std::string>{
            "clip.mp4", "clip.mp4..partial", "clip.mov" + added, ".mp4" + added, "mp4" + added}) {
     EXPECT_EQ(recoveryPathOf("/a/" + name), std::nullopt) << name;
