@@ -323,7 +323,7 @@ TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst)
     EXPECT_EQ(opened(), 1);
     encoders->warmUp(take, take);
     if (comesFirst) encoders->openAhead(slowTake);
-    dispatch->detached.at(0)();
+    std::exchange(dispatch->detached, {}).at(0)();
     queue->run();
     EXPECT_EQ(opened(), 2);
     encoders->openAhead(slowTake);
