@@ -4,7 +4,7 @@
 //   LUMORA_FAULT        "KIND:N[:ERRNO]", comma separated. The N-th call of that kind fails (0:
 //                       every call). With -S for ERRNO, it takes S seconds instead. Calls are
 //                       counted from `main` on, and only after the kinds named before have had
-//                       their N-th call. To make an encoder fail to open, KIND is its name.
+//                       their N-th call.
 //   LUMORA_FAULT_HIT    this file is created at the N-th call of the last kind
 //   LUMORA_DISK_FOLDER  the folder whose files are logged
 //   LUMORA_DISK_LOG     the file for the log
@@ -31,12 +31,7 @@
 
 extern "C" {
 struct AVCodecContext;
-struct AVDictionary;
 struct AVFrame;
-struct AVCodec {  // only its first member
-  const char* name;
-};
-int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options);
 int avcodec_send_frame(AVCodecContext* to, const AVFrame* frame);
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -167,10 +162,6 @@ FAULT(int, renameat2,
       (int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept,
       (fromFolder, from, toFolder, to, flags), EIO, if (result == 0) log(-1, DiskLogEntry::renamed))
 FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* of), (to, of), EIO)
-int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options) {
-  REAL(avcodec_open2);
-  return fails(codec->name, EIO) ? -EIO : next(context, codec, options);
-}
 FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)

@@ -319,14 +319,11 @@ struct FakeWriter final : MovieWriter, CanFail {
   MovieExtent extent() const override { return {timings.size(), end}; }
   MovieExtent synced() const override { return onDisk; }
   void rescue(RescueHandler handler) override { rescued = std::move(handler); }
-  bool openLog(const std::string& path, TakeLines lines, std::string& reason) override {
-    logPath = path;
+  bool openLog(const std::string&, TakeLines lines, std::string&) override {
     takeLines = std::move(lines);
-    const bool isOpen = next("openLog") == 0;
-    if (!isOpen) reason = "Permission denied";
-    return isOpen;
+    return true;
   }
-  std::optional<std::string> logError() const override { return logProblem; }
+  std::optional<std::string> logError() const override { return std::nullopt; }
   std::optional<std::uint64_t> freeBytes() const override { return free; }
   void cancelWriting() override { state = WriterStatus::cancelled; }
   void complete(WriterStatus outcome) {
@@ -342,9 +339,7 @@ struct FakeWriter final : MovieWriter, CanFail {
   int rotation = -1;
   MovieExtent onDisk;
   RescueHandler rescued;
-  std::string logPath;
   TakeLines takeLines;
-  std::optional<std::string> logProblem;
   std::optional<std::uint64_t> free;
 };
 
