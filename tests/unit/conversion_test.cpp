@@ -236,12 +236,14 @@ TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAndEveryEvenSizeAndExactFo
 TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
   const auto read = [](const char* name) {
     std::ifstream file(std::string(LUMORA_JPEGS "/") + name, std::ios::binary);
+    EXPECT_TRUE(file) << name;
     return Bytes(std::istreambuf_iterator(file), {});
   };
-  const auto decode = [](SystemFrameDecoder& by, const Bytes& jpeg) {
-    return by.decode(FrameEncoding::mjpeg, i420, {64, 32}, jpeg);
+  const auto decode = [](SystemFrameDecoder& by, const Bytes& jpeg, PictureSize size = {64, 32}) {
+    return by.decode(FrameEncoding::mjpeg, i420, size, jpeg);
   };
-  const Bytes bare = read("no_huffman_tables"), progressive = read("progressive");
+  const Bytes whole = read("420"), bare = read("no_huffman_tables"),
+              progressive = read("progressive");
   SystemFrameDecoder fresh(PicturePool::make()), used(PicturePool::make());
   EXPECT_TRUE(decode(used, progressive).memory);  // has tables of its own
   const auto wanted = decode(fresh, bare), behind = decode(used, bare);
@@ -257,6 +259,17 @@ TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
     EXPECT_FALSE(decode(used, cut).memory) << scans;
   }
   EXPECT_GT(scans, 3);
+  Bytes trailed = whole, stuffed = whole, cut = whole;
+  trailed.resize(whole.size() + 100);
+  stuffed.insert(stuffed.end() - 2, 100, 0);
+  for (const Bytes& good : {trailed, stuffed, read("422")})
+    EXPECT_TRUE(decode(used, good).memory) << good.size();
+  cut.resize(whole.size() - 20);
+  Bytes ended = cut;
+  ended.insert(ended.end(), {0xFF, 0xD9});
+  for (const Bytes& broken : {cut, ended, Bytes{0xFF, 0xD8}, read("grey"), read("444")})
+    EXPECT_FALSE(decode(used, broken).memory) << broken.size();
+  EXPECT_FALSE(decode(used, whole, {64, 64}).memory);
 }
 
 TEST(LibavEncoder, AnswersEveryPictureAtOnceWithKeyFramesOnRequestAndByInterval) {

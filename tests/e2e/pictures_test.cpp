@@ -1,13 +1,11 @@
-// Frames in every format, and in shared memory. ffmpeg makes them, and judges the movies.
+// Pictures of takes and the preview, for frames of every format and size. ffmpeg makes the frames,
+// and judges what becomes of them.
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <set>
 #include <sstream>
 
-#include "client/records.h"
 #include "tests/e2e/helper_fixture.h"
 
 namespace lumora::tests {
@@ -71,7 +69,7 @@ TEST_F(FrameFormats, KeepTheirColoursAndRowsInTakes) {
                                      {{nv12, bottom, bt709, full}, "nv12"},
                                      {{nv21, {}, bt709}, "nv21"},
                                      {{i420, bottom, bt601, full}, "yuv420p"},
-                                     {{i420, top, bt709}, "yuv420p"},
+                                     {{i420, top, bt709, limited}, "yuv420p"},
                                      {{yuyv}, "yuyv422"},
                                      {{uyvy, bottom, {}, full}, "uyvy422"},
                                      {{mjpeg}, "yuvj420p"},
@@ -81,62 +79,37 @@ TEST_F(FrameFormats, KeepTheirColoursAndRowsInTakes) {
   }
 }
 
-TEST_F(FrameFormats, ThePreviewHasTheMatrixOfItsSource) {
-  format = {nv12, {}, {}, full};
-  start();
-  const FrameSize camera{1280, 720}, preview{640, 360};
-  const std::string file = writeStream(stream(camera, picture(camera, "nv12"), 20));
-  expectQuarters(file, preview, camera, colours);
-  expectKeys(probe(file), {{"color_range", "tv"}, {"color_space", "smpte170m"}});
-}
+using Preview = HelperTest;
 
-TEST_F(FrameFormats, AReferenceBeyondTheMemoryEndsTheHelper) {
-  transport = client::FrameTransport::memory;
-  format = {mjpeg};
-  constexpr std::uint64_t page = 4096;
-  for (const std::uint64_t length : {page + 1, (std::uint64_t{1} << 32) + 100}) {
-    start();
-    const auto end = static_cast<std::uint64_t>(lseek(slots->descriptor(), 0, SEEK_END));
-    helper->writeBytes(client::frameReference({64, 36}, 1, end - page, length));
-    expectFailure("invalid raw frame header");
+TEST_F(Preview, IsUprightInTheRightColoursAndBaselineAtEverySize) {
+  using Case = std::tuple<FrameSize, FrameSize, Arguments>;  // of the camera, of the preview
+  for (const auto& [camera, preview, arguments] :
+       {Case{{320, 240}, {320, 240}, {}},
+        {{1920, 1080}, {640, 360}, {}},
+        {{1080, 1920}, {202, 360}, {}},
+        {{640, 480}, {480, 360}, {}},
+        {{2, 2}, {2, 2}, {}},
+        {{1920, 1080}, {2, 2}, {"--preview-width", "2", "--preview-height", "2"}}}) {
+    SCOPED_TRACE(camera.width);
+    start(arguments);
+    // One colour where there is only one sample of chroma.
+    constexpr Rgb grey{90, 120, 150};
+    const Quarters shown = preview.width == 2 ? Quarters{grey, grey, grey, grey} : colours;
+    const auto packets = stream(camera, quarters(camera, shown), 70);
+    const auto configuration = client::parseConfiguration(packets.at(0).payload);
+    EXPECT_EQ((FrameSize{configuration.width, configuration.height}), preview);
+    const std::string file = writeStream(packets);
+    expectQuarters(file, preview, preview, shown);
+    const Event seen = probe(file);
+    expectKeys(seen, {{"profile", "Constrained Baseline"}, {"has_b_frames", 0}});
+    expectKeys(seen, {{"color_range", "tv"}, {"color_space", "bt709"}});
+    expectKeys(seen, {{"color_transfer", "iec61966-2-1"}, {"color_primaries", "bt709"}});
+    // A configuration packet stands before every key frame and nowhere else.
+    for (std::size_t i = 1; i < packets.size(); ++i)
+      EXPECT_EQ(packets[i].keyframe, packets[i - 1].type == Packet::Type::configuration);
+    // There is one once a second.
+    EXPECT_GE(std::ranges::count(packets, Packet::Type::configuration, &Packet::type), 2);
   }
-}
-
-TEST_F(FrameFormats, BrokenJPEGsAreDroppedAndOthersAreNot) {
-  const FrameSize size{64, 32};
-  const auto jpeg = [](const char* name) { return bytesOf(LUMORA_JPEGS "/" + std::string(name)); };
-  format = {mjpeg};
-  const Pixels whole = jpeg("420");
-  Pixels trailed = whole, stuffed = whole, cut = whole;
-  trailed.resize(whole.size() + 100);
-  stuffed.insert(stuffed.end() - 2, 100, 0);
-  cut.resize(whole.size() - 20);
-  Pixels ended = cut;
-  ended.insert(ended.end(), {0xFF, 0xD9});
-  const std::pair<Pixels, Pixels> brokenAndGood[] = {
-      {cut, whole},
-      {ended, jpeg("no_huffman_tables")},
-      {{0xFF, 0xD8}, trailed},
-      {jpeg("grey"), stuffed},
-      {picture(size, "yuvj444p"), jpeg("progressive")},
-      {picture({64, 64}, "yuvj420p"), jpeg("422")}};
-
-  start();
-  Watcher watcher(connectClient());
-  std::map<std::uint64_t, int> kinds;  // by the id of the last frame: even if broken
-  for (const auto& [broken, good] : brokenAndGood) {
-    const int kind = static_cast<int>(kinds.size());
-    feedPaced(5, 60, size, {broken});
-    kinds[lastID] = kind;
-    feedUntil([&, before = watcher.frames()] { return watcher.frames() > before + 2; }, size,
-              {good});
-    kinds[lastID] = kind + 1;
-  }
-  std::set<int> encoded;
-  for (const Packet& packet : watcher.finish())
-    if (packet.type == Packet::Type::frame)
-      encoded.insert(kinds.lower_bound(packet.frameID)->second);
-  EXPECT_EQ(encoded, (std::set{1, 3, 5, 7, 9, 11}));
 }
 
 // How far the darkest and the brightest sample of each picture are apart.
