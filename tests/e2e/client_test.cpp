@@ -170,7 +170,10 @@ TEST_F(Client, MemoryForFramesOfAKnownSizeIsThereBeforeThem) {
 TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_THROW(const client::Helper unwanted({.frameSize = FrameSize{321, 240}}),
                std::invalid_argument);
+  const auto ofTheApplication = {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT"};
+  for (const char* name : ofTheApplication) setenv(name, "99", 1);
   client::Helper camera(options());
+  for (const char* name : ofTheApplication) unsetenv(name);
   for (const FrameSize size : {FrameSize{321, 240}, {0, 0}, {1922, 1080}, {1920, 1082}})
     EXPECT_THROW(camera.acquireFrame(size), std::invalid_argument) << size.width;
   const Pixels pixels = plain(small, {1, 2, 3});

@@ -1,4 +1,4 @@
-// Start, readiness, shutdown, and how often statistics are reported.
+// Options, event lines, start, readiness, shutdown, and how often statistics are reported.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,12 +7,79 @@
 #include <cstdio>
 #include <thread>
 
+#include "app/event.h"
 #include "system/posix_process.h"
 #include "system/system_platform.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
+
+using Arguments = std::vector<std::string>;
+const std::string goodToken = "abcdefghijklmnop";
+
+std::optional<Configuration> parse(const Arguments& arguments, Environment extra = {}) {
+  extra.emplace("TAVO_VIDEO_TOKEN", goodToken);
+  return options(arguments, extra);
+}
+
+TEST(Options, ReplaceTheirDefaultsTheEnvironmentAndEachOther) {
+  EXPECT_FALSE(options({}, {}));
+  EXPECT_EQ(parse({}), (Configuration{"127.0.0.1", 0, goodToken, 640, 360, false}));
+  EXPECT_EQ(
+      parse({"--preview-width", "320", "--host", "::1", "--port", "+80", "--host", "localhost"},
+            {{"TAVO_PREVIEW_WIDTH", "400"},
+             {"TAVO_PREVIEW_HEIGHT", "300"},
+             {"TAVO_FRAME_MEMORY", "12"},
+             {"TAVO_FRAME_FORMAT", "nv21"}}),
+      (Configuration{"localhost", 80, goodToken, 320, 300, true, 12, *parseFrameFormat("nv21")}));
+}
+
+TEST(Options, AcceptTheLimitsAndRefuseWhatLiesBeyond) {
+  const auto expect = [](bool accepted, const std::string& name, const Arguments& values) {
+    for (const std::string& value : values) {
+      const bool isOption = name.starts_with("--");
+      const auto parsed = isOption ? parse({name, value}) : parse({}, {{name, value}});
+      EXPECT_EQ(parsed.has_value(), accepted) << name << " " << value;
+    }
+  };
+  expect(true, "--port", {"0", "-0", "65535"});
+  expect(false, "--port", {"65536", "-1", "8o", "", " 80", "+-8", "99999999999999999999"});
+  expect(true, "--preview-width", {"2", "+360", "640"});
+  expect(false, "--preview-width", {"642", "641", "639", "0", "-2", "64.0", "0x40"});
+  expect(true, "--preview-height", {"360"});
+  expect(false, "--preview-height", {"362"});
+  expect(true, "--host", {std::string(253, 'a')});
+  expect(false, "--host", {std::string(254, 'a'), ""});
+  expect(false, "--verbose", {"1"});
+  expect(false, "TAVO_PREVIEW_WIDTH", {"400"});  // without a height
+  expect(false, "TAVO_FRAME_MEMORY", {"", "x", "3 ", "99999999999"});
+  expect(false, "TAVO_FRAME_FORMAT", {"", "NV12", "top", "nv12,", ",nv12", "nv12, top"});
+  expect(false, "TAVO_FRAME_FORMAT", {"nv12,nv12", "nv12,top,bottom", "nv12,full,limited"});
+  expect(false, "TAVO_FRAME_FORMAT", {"rgba,bt709", "mjpeg,full"});
+  expect(true, "TAVO_VIDEO_TOKEN", {"0_-aZ9aaaaaaaaaa", std::string(128, '-')});
+  expect(false, "TAVO_VIDEO_TOKEN", {std::string(15, 'a'), std::string(129, 'a'), goodToken + "="});
+  expect(false, "TAVO_VIDEO_TOKEN", {goodToken + "/", goodToken + " ", goodToken + "\xC3\xA9"});
+  EXPECT_FALSE(parse({"--port"}));
+  EXPECT_FALSE(parse({"--preview-height", "300"}, {{"TAVO_PREVIEW_WIDTH", "400"}}));
+  EXPECT_FALSE(parse({}, {{"TAVO_PREVIEW_WIDTH", "400"}, {"TAVO_PREVIEW_HEIGHT", ""}}));
+}
+
+TEST(Events, SortKeysEscapeSlashesAndHaveLimits) {
+  EXPECT_EQ(eventLine({{"type", "x"}, {"hd", true}, {"path", "/a\"b\\\n\xC3\xA9"}}),
+            "{\"hd\":true,\"path\":\"\\/a\\\"b\\\\\\n\xC3\xA9\",\"type\":\"x\"}\n");
+  const auto sized = [](std::size_t bytes, const std::string& end = "") {
+    const std::size_t frame = std::string("{'a':''}\n").size() + end.size();
+    return eventLine({{"a", std::string(bytes - frame, 'x') + end}});
+  };
+  EXPECT_EQ(sized(4096)->size(), 4096u);
+  EXPECT_FALSE(sized(4097));
+  EXPECT_FALSE(sized(4096, "/"));  // its escape counts
+  EXPECT_FALSE(eventLine({{"a", "\xFF"}}));
+  std::string accents;
+  for (int i = 0; i < 241; ++i) accents += "\xC3\xA9";
+  EXPECT_EQ(errorEvent(accents)["message"], accents.substr(0, 480));
+}
 
 TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedThenReads) {
   const auto width = [](int pixels) { return testing::Field(&EncoderSettings::width, pixels); };
