@@ -46,9 +46,6 @@ TEST_F(Client, SavesATakeAndSaysTheTokenNowhere) {
   known = &camera;
   client::StreamClient viewer("127.0.0.1", camera.port());
   viewer.sayHello(camera.token());
-  const auto descriptors = outputOf("ls -l /proc/" + std::to_string(camera.pid()) + "/fd");
-  EXPECT_EQ(descriptors.find("lumora-frames") != std::string::npos,
-            transport == client::FrameTransport::memory);
   EXPECT_EQ(camera.frameTransport(), transport);
   Take take = startTake(camera);
   feed(camera, 30);
@@ -89,38 +86,30 @@ TEST_F(Client, AKilledHelperFailsItsTakeAndDropsItsFrames) {
 }
 
 TEST_F(Client, SaysWhyAHelperDoesNotStart) {
-  setenv("LUMORA_VIDEO_PATH", "/nowhere/else", 1);
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
-      {{}, "there is no program at /nowhere/else"},
       {{.program = helperProgram(), .token = "short"},
        "the helper did not start: invalid helper configuration"},
       {{.program = "/bin"}, "there is no program at /bin"},
       {{.program = "/bin/true"}, "the helper did not start: it ended at once with status 0"},
       {{.program = helperProgram(), .token = token, .arguments = {"--host", "x y"}},
-       testing::HasSubstr("video listener")}};
+       "the helper did not start: video listener initialization failed"}};
   for (const auto& [bad, why] : cases)
     EXPECT_THAT([&options = bad] { const client::Helper unwanted(options); },
                 testing::ThrowsMessage<client::StartError>(why));
-  unsetenv("LUMORA_VIDEO_PATH");
 }
 
-TEST_F(Client, AThousandFramesAndAStoppedHelperBlockNothingAndCostNoMemory) {
+TEST_F(Client, AThousandFramesAreCountedAndCostNoMemory) {
   client::Helper camera(options());
   Take take = startTake(camera);
   const FrameSize size{1280, 720};
   const Pixels pixels = plain(size, {200, 10, 10});
   const double before = tools::processFigures(getpid()).residentMegabytes;
   while (lastID < 1000) camera.writeFrame(size, ++lastID, pixels);
-  kill(camera.pid(), SIGSTOP);
-  const auto dropped = camera.frameCounts().dropped;
-  while (lastID < 1050) camera.writeFrame(size, ++lastID, pixels);
-  take.stop();
   const double after = tools::processFigures(getpid()).residentMegabytes;
   EXPECT_LT(sanitized ? 0 : after, before + 30);
-  EXPECT_GE(camera.frameCounts().dropped - dropped, 46u);  // there are four slots
-  kill(camera.pid(), SIGCONT);
+  take.stop();
   EXPECT_EQ(camera.stop().status, 0);
-  EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1050u);
+  EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1000u);
   EXPECT_GT(camera.frameCounts().written, 10u);
   EXPECT_EQ(take.waitForEnd(0)->state, TakeState::saved);
 }
