@@ -58,19 +58,6 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
   }
 }
 
-TEST_F(Recording, IsUprightBetweenBlackBarsAndReplacesNoFile) {
-  start();
-  startTake();
-  feedPaced(20);
-  waitForTake("recording");
-  std::ofstream(path) << "somebody else's";
-  const std::string recovered = folder / ("a take.\xC3\xA9.recovered-" + takeID + ".mp4");
-  stopTake();
-  EXPECT_EQ(waitForTake("saved")["path"], recovered);
-  EXPECT_EQ(std::filesystem::file_size(path), 15u);
-  expectQuarters(recovered, {1080, 720}, {640, 360});
-}
-
 TEST_F(Recording, IsSavedHoweverTheHelperIsEnded) {
   const auto send = [this](int signal) { return [this, signal] { helper->sendSignal(signal); }; };
   const auto closeInput = [this] { helper->closeInput(); };
@@ -147,11 +134,6 @@ TEST_F(Recording, LogsWhatBecameOfEveryFrame) {
   EXPECT_EQ(id, 60u);
   EXPECT_EQ(saved["frames"], written);
   EXPECT_EQ(countFrames(path), written);
-  turnTo(folder / "existing.mp4");
-  std::ofstream(path + ".frames.csv") << "somebody else's";
-  startTake(keys);
-  feedPaced(5);
-  EXPECT_EQ(waitForTake("failed")["error"], "frame log exists");
   turnTo(folder / "unlogged.mp4");
   std::filesystem::create_directory(stagingPath() + ".frames.csv");
   startTake(keys);
@@ -164,12 +146,10 @@ using Recovery = HelperTest;
 TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   const auto recover = [this] { return client::recoverTakes(folder, helperProgram()).at(0); };
   start();
-  const double from = uptime();
   Event keys = smallTake;
-  keys.update({{"rotation", 90}, {"started_at", from}, {"frame_log", true}});
+  keys.update({{"rotation", 90}, {"frame_log", true}});
   startTake(keys);
   feedPaced(90, 60, {320, 180});
-  const double lasted = uptime() - from;
   waitForTake("recording");
   EXPECT_EQ(recover().left, "it is still being recorded");
   helper->sendSignal(SIGKILL);
@@ -185,7 +165,6 @@ TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
                                    {"kept_duration", take.duration}}));
   EXPECT_EQ(probe(take.path)["side_data_list"][0]["rotation"], -90);
   EXPECT_GT(std::filesystem::file_size(take.path + ".frames.csv"), 1000u);  // 30 lines
-  EXPECT_GE(take.duration, lasted - 1);
   EXPECT_THROW(client::recoverTakes(folder / "nowhere", helperProgram()), std::runtime_error);
 }
 
@@ -231,12 +210,8 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   };
   begin();
   feedPaced(5, 15, {320, 180});
-  Event whole = expectFailure("camera recording dimensions changed during this take", true);
+  const Event whole = expectFailure("camera recording dimensions changed during this take", true);
   EXPECT_EQ(whole["kept_frames"], whole["frames"]);  // the disk has no fault
-  begin();
-  stopTake({{"stopped_at", uptime() + 9}});
-  whole = expectFailure("recording stop time is invalid", true);
-  EXPECT_EQ(whole["kept_frames"], whole["frames"]);
   EXPECT_GT(whole["kept_frames"], 10);
   begin();
   std::filesystem::remove_all(place);
@@ -248,14 +223,9 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   begin();
   ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &before, nullptr), 0);
   expectFailure("File too large", false);
-  for (const auto& [reason, flags, options] :
-       {std::tuple{"No space left on device", 0UL, "size=4m"},
-        {"Read-only file system", MS_RDONLY, ""}}) {
-    if (mount("tmpfs", place.c_str(), "tmpfs", flags, options) != 0) GTEST_SKIP() << "cannot mount";
-    begin();
-    expectFailure(reason, flags == 0);
-    umount2(place.c_str(), MNT_DETACH);
-  }
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=4m") != 0) GTEST_SKIP() << "cannot mount";
+  begin();
+  expectFailure("No space left on device", true);
 }
 
 TEST_F(Disk, ATakeLeavesTheSpaceThatItWasTold) {
@@ -272,9 +242,6 @@ TEST_F(Disk, ATakeLeavesTheSpaceThatItWasTold) {
   turnTo(place / "some.mp4");
   startTake(keys);
   feedPaced(90, 15, {640, 360}, noise());
-  const Event progress = helper->waitForEvent(
-      "recording", [](const Event& event) { return event.contains("seconds_left"); });
-  EXPECT_LT(progress["seconds_left"], 60);
   const Event saved = waitForTake("saved");
   expectKeys(saved, {{"stopped_for", "minimum_free"}, {"error", ""}});
   EXPECT_EQ(decodeErrors(path), "");

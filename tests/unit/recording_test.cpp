@@ -102,6 +102,7 @@ TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
                         {"convert", 1, {}, "RGBA conversion failed"},
                         {"exists", 1, {}, "invalid or existing recording destination"},
                         {"exists", 2, {}, "invalid or existing recording destination"},
+                        {"exists", 3, {}, "frame log exists"},
                         {"createWriter", 1, {}, "Permission denied"},
                         {"canAdd", 1, {}, "recording format unavailable"},
                         {"startWriting", 1, {}, "recording writer failed"},
@@ -115,7 +116,8 @@ TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
     probe.restart();
     probe.failures->fail(call, nth);
     probe.movies->problem = problem;
-    startWithFrame();
+    start({{"frame_log", nth == 3}});
+    frame(1001.0, true);
     frame(1001.1);
     probe.command({{"type", "record_stop"}, {"id", takeID}});
     probe.run();

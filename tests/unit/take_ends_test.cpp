@@ -221,34 +221,24 @@ TEST_F(KeptTakes, EndInTimeWhenTheirQueueHangs) {
 }
 
 TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
-  start({{"minimum_free", 1000}, {"on_failure", "keep"}, {"rotation", 90}});
-  feed(1001.0);
-  probe.movies->free = 2000;
-  probe.answer(keySample());
-  EXPECT_EQ(writer().rotation, 90);
-  frame(1001.1);
-  probe.tickAt(1002.2);
-  EXPECT_GT(events("recording").back()["seconds_left"], 0.0);
-  writer().free = 999;
-  frame(1002.3);
-  probe.tick();
-  probe.run();
-  writer().complete(WriterStatus::completed);
-  expectKeys(events("saved").at(0), {{"stopped_for", "minimum_free"}, {"frames_in_movie", 3}});
-
-  start({{"minimum_free", 1000}});
-  frame(1003.0, true);
-  writer().free = 999;
-  frame(1003.1);
-  probe.tick();
-  probe.run();
-  writer().complete(WriterStatus::failed);
-  expectKeys(events("failed").at(0), {{"stopped_for", "minimum_free"}});
-
-  start({{"minimum_free", 1000}});
-  probe.movies->free = 999;
-  frame(1004.0, true);
-  EXPECT_EQ(failure(), "not enough free space");
+  for (const auto& [outcome, state] :
+       {std::pair{WriterStatus::completed, "saved"}, {WriterStatus::failed, "failed"}}) {
+    probe.restart();
+    probe.movies->free = 2000;
+    start({{"minimum_free", 1000}, {"rotation", 90}});
+    frame(1001.0, true);
+    EXPECT_EQ(writer().rotation, 90);
+    frame(1001.1);
+    probe.tickAt(1002.2);
+    // At 8 bytes in 1.1 seconds.
+    EXPECT_NEAR(events("recording").back()["seconds_left"].get<double>(), 137.5, 1e-6);
+    writer().free = 999;
+    frame(1002.3);
+    probe.tick();
+    probe.run();
+    writer().complete(outcome);
+    expectKeys(events(state).at(0), {{"stopped_for", "minimum_free"}});
+  }
 }
 
 }  // namespace
