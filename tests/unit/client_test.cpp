@@ -73,13 +73,14 @@ TEST(Frame, TakesPlanesOfAnyStride) {
   EXPECT_THROW(frame.copyFrom(source), std::invalid_argument);
 }
 
-TEST(Frame, IsWrittenUnlessItsMemoryIsShared) {
-  for (const auto& [slots, bytes] : {std::pair{FrameSlots::makePrivate(jpeg), 16 + 1000},
-                                     {FrameSlots::makeShared(jpeg), 32},
-                                     {FrameSlots::makeShared(), 24}}) {
-    ChildProcess counter({"wc", "", {"-c"}, {}, slots->descriptor()});
+TEST(Frame, IsWrittenUnlessTheChildSharesItsMemory) {
+  const auto alone = FrameSlots::makePrivate(jpeg), shared = FrameSlots::makeShared(jpeg);
+  const auto others = FrameSlots::makeShared(jpeg);
+  for (const auto& [slots, ofTheChild, bytes] :
+       {std::tuple{alone, alone, 16 + 1000}, {shared, shared, 32}, {shared, others, 16 + 1000}}) {
+    ChildProcess counter({"wc", "", {"-c"}, {}, ofTheChild->descriptor()});
     Frame frame = slots->acquire({64, 36}).value();
-    if (slots->format() == jpeg) frame.copyFrom(Bytes(1000, 7));
+    frame.copyFrom(Bytes(1000, 7));
     EXPECT_TRUE(counter.writeFrame(frame, 1));
     counter.closeInput();
     EXPECT_EQ(counter.nextLine(20), std::to_string(bytes));

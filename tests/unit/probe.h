@@ -14,13 +14,6 @@ inline void expectKeys(Json event, const Json& wanted) {
   for (const auto& [key, value] : wanted.items()) EXPECT_EQ(event[key], value) << key;
 }
 
-// A frame as the reader makes it of a record in the default format.
-inline RawFrame makeRawFrame(std::shared_ptr<const std::uint8_t[]> rgba, PictureSize size,
-                             std::uint64_t id, double capturedAt) {
-  const PictureView picture = upsideDown(pictureAt(rgba.get(), {}, size));
-  return {size.width, size.height, id, std::move(rgba), capturedAt, picture};
-}
-
 struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"},
                              std::shared_ptr<FrameMemory> frameMemory = nullptr) {
@@ -71,11 +64,12 @@ struct VideoEncoderProbe {
     connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
     return connection;
   }
-  // Admits and encodes one frame as the reader would.
+  // Admits and encodes one frame as the reader would, in the default format.
   void feed(std::uint64_t id, int width = 640, int height = 360) {
     ASSERT_TRUE(service->raw.admit());
-    const auto bytes = static_cast<std::size_t>(width * height * 4);
-    service->encode(makeRawFrame(pictures->allocate(bytes), {width, height}, id, clock->now));
+    const auto rgba = pictures->allocate(static_cast<std::size_t>(width * height * 4));
+    const Picture picture = pictureAt(rgba.get(), {}, {width, height});
+    service->encode({width, height, id, rgba, clock->now, upsideDown(picture)});
   }
   FakeSession& lastSession() { return *encoders->sessions.back(); }
   // The last session answers its oldest frame, then the queues run.
