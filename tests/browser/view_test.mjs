@@ -164,8 +164,7 @@ test('a viewer of another application\'s helper', async () => {
   const socket = { Connection: 'Upgrade', Upgrade: 'websocket', 'Sec-WebSocket-Version': 13,
     'Sec-WebSocket-Key': 'AAAAAAAAAAAAAAAAAAAAAA==' };
   for (const [status, path, headers] of [[101, `${pathname}socket`, { ...socket, Origin: origin }],
-    [404, `${pathname}socket`, socket], [404, pathname, { Host: 'evil.example' }],
-    [404, pathname, { Origin: 'http://evil.example' }], [404, '/guess/'],
+    [404, pathname, { Host: 'evil.example' }], [404, pathname, { Origin: 'http://evil.example' }],
     [404, `${pathname}takes/a.mp4`]]) {
     const request = http.get({ hostname, port, path, headers });
     const events = ['response', 'upgrade'].map((name) => once(request, name));
