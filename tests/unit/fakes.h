@@ -92,7 +92,6 @@ struct FakeClock final : Clock {
 struct FakeDispatch final : Dispatch {
   explicit FakeDispatch(const double& clock) : now(clock) {}
   std::shared_ptr<SerialQueue> makeQueue(const std::string&) override {
-    if (refusal) throw std::system_error(std::make_error_code(*refusal));
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
@@ -109,7 +108,6 @@ struct FakeDispatch final : Dispatch {
   std::vector<std::shared_ptr<ManualQueue>> queues;
   std::vector<Work> detached;
   bool hangs = false;
-  std::optional<std::errc> refusal;  // what making a queue fails with
 };
 
 struct FakeProcess final : Process, CanFail {

@@ -172,13 +172,6 @@ TEST_F(Takes, SayThatTheyHaveFailedBeforeTheProcessEnds) {
   }
 }
 
-TEST_F(Takes, FailWithoutAQueueOfTheirOwn) {
-  probe.dispatch->refusal = std::errc::too_many_files_open;
-  const auto events = sendStart();
-  ASSERT_EQ(events.size(), 2u);
-  expectKeys(events[1], {{"state", "failed"}, {"error", "Too many open files"}});
-}
-
 TEST_F(Takes, ReportProgressOnceASecondAndTheirOutcomeWithEveryReport) {
   startWithFrame();
   EXPECT_EQ(events("recording").size(), 1u);
