@@ -108,8 +108,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
 
 TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesSharedChromaToThePicture) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
-  // Pictures of 67 × 50 from column 16, of 37 × 50 from column 31 and, unscaled, from row 14. Then
-  // some that are no whole number of vectors.
+  // The first three have bars at an even and an odd column, and at a row of a picture's own size.
   const std::pair<PictureSize, PictureSize> sizes[] = {
       {{134, 100}, {100, 50}}, {{74, 100}, {100, 50}},   {{100, 22}, {100, 50}},
       {{190, 108}, {64, 36}},  {{190, 108}, {320, 180}}, {{190, 108}, {24, 200}},
@@ -287,7 +286,6 @@ TEST(LibavEncoder, AnswersEveryPictureAtOnceWithKeyFramesOnRequestAndByInterval)
     // The first, the forced one, and the 60th behind that.
     EXPECT_EQ(recordingKeyframe(*sample), time == 1 || time == 30 || time == 90) << time;
   }
-  // Pictures that could not be made.
   const auto answerTo = [&](const Filling& filling) {
     std::shared_ptr<const EncodedSample> sample;
     EXPECT_EQ(MemoryPixelBufferPool(size, {}, pictures).create(1, filling, buffer), 0);

@@ -1,5 +1,4 @@
-// Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few, and
-// the pool that keeps them.
+// Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few.
 
 #include "codec/system_encoders.h"
 
@@ -164,7 +163,7 @@ TEST_F(HardwareEncoders, OpenedAheadAreClosedToMakeRoomAndASubstituteIsNotKept) 
 
 TEST_F(HardwareEncoders, AreWaitedForWhileOneIsReleasedForASecondUnlessTheSessionIsStopped) {
   driver->limit = 1;
-  const OpenedEncoder first = pool->acquire(wanted, {});
+  OpenedEncoder first = pool->acquire(wanted, {});
   pool->beginRelease(wanted);
   std::stop_source stop;
   auto stopped = acquireLater(stop.get_token());
@@ -172,6 +171,10 @@ TEST_F(HardwareEncoders, AreWaitedForWhileOneIsReleasedForASecondUnlessTheSessio
   EXPECT_EQ(stopped.get().status, AVERROR_EXIT);
   EXPECT_EQ(pool->acquire(wanted, stop.get_token()).status, AVERROR_EXIT);
   EXPECT_TRUE(pool->acquire(wanted, {}).isSubstitute);
+  auto waiting = acquireLater();
+  first.encoder.reset();
+  pool->release(wanted, {});
+  EXPECT_FALSE(waiting.get().isSubstitute);
 }
 
 using Session = std::shared_ptr<CompressionSession>;
@@ -192,11 +195,13 @@ struct EncoderRun {
     encoders->whenPrepared([&] { prepared.set_value(); });
     prepared.get_future().wait();
   }
-  Session createSession(SessionKind kind = SessionKind::preview) {
+  Session createSession(const EncoderSettings& by = preview) {
     Session session;
-    created = encoders->createSession(kind, 2, 2, {}, session);
+    created = encoders->createSession(by.kind, by.width, by.height, {}, session);
     if (!session) return session;
-    session->setProperty(SessionProperty::expectedFrameRate, preview.frameRate);
+    session->setProperty(SessionProperty::expectedFrameRate, by.frameRate);
+    session->setProperty(SessionProperty::maxKeyFrameInterval, by.keyFrameInterval);
+    session->setProperty(SessionProperty::averageBitRate, by.bitRate);
     EXPECT_EQ(session->prepareToEncodeFrames(), 0);
     return session;
   }
@@ -213,17 +218,17 @@ struct EncoderRun {
                          });
     return answer.get_future().get();
   }
-  // Whether the driver opens an encoder for a session; it serves the next one, too.
-  bool isHardwareUsed(SessionKind kind = SessionKind::recording) {
+  // Whether the driver opens an encoder for a session.
+  bool isHardwareUsed(const EncoderSettings& by = slowTake) {
     const int before = driver->opened;
-    const Session session = createSession(kind);
+    const Session session = createSession(by);
     EXPECT_EQ(encodeOne(session), (Answer{0, 0}));
     session->invalidate();
     return driver->opened > before;
   }
-  void waitForHardware(SessionKind kind = SessionKind::recording) {
+  void waitForHardware(const EncoderSettings& by = slowTake) {
     while (driver->opened == 0) std::this_thread::yield();  // the probe opens one
-    while (!isHardwareUsed(kind)) std::this_thread::yield();
+    while (!isHardwareUsed(by)) std::this_thread::yield();
   }
 
   const std::shared_ptr<Driver> driver = std::make_shared<Driver>();
@@ -232,14 +237,13 @@ struct EncoderRun {
 };
 
 TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
-  const Answer none{AVERROR_ENCODER_NOT_FOUND, 0};
   for (const auto& [choice, atFirst, later, answer] :
        {std::tuple{"auto", works, refuses, Answer{0, 0}},
         {"auto", works, hangs, Answer{0, 0}},
         {"hardware", works, refuses, Answer{AVERROR(EBUSY), infoNotPrepared}},
         {"h264_nvenc", works, hangs, Answer{AVERROR(ETIMEDOUT), infoNotPrepared}},
-        {"hardware", refuses, refuses, none},
-        {"h264_nvenc", hangs, hangs, none}}) {
+        {"hardware", refuses, refuses, Answer{AVERROR_ENCODER_NOT_FOUND, 0}},
+        {"h264_nvenc", hangs, hangs, Answer{AVERROR_ENCODER_NOT_FOUND, 0}}}) {
     SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
     EncoderRun run(choice, atFirst);
     run.waitUntilPrepared();
@@ -274,7 +278,7 @@ TEST_F(HardwareEncoders, AreNotUsedForATakeWhoseEncoderWasOpenedBeforeTheyWereFo
   EncoderRun run("auto", hangs);
   run.encoders->openAhead(slowTake);
   run.driver->release.set_value();
-  run.waitForHardware(SessionKind::preview);
+  run.waitForHardware(preview);
   EXPECT_FALSE(run.isHardwareUsed());
   EXPECT_TRUE(run.isHardwareUsed());
 }
@@ -292,7 +296,9 @@ TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
   for (int i = 0; i < 10; ++i) {
     EncoderRun run("hardware");
     run.waitUntilPrepared();
-    run.driver->limit = 2;  // the one that was opened to find it, and one more
+    const Session other = run.createSession(take);  // has the one that was opened to find it
+    EXPECT_EQ(run.encodeOne(other), (Answer{0, 0}));
+    run.driver->limit = 2;
     run.driver->behaviour = hangs;
     run.createSession()->invalidate();
     const Session next = run.createSession();
