@@ -27,9 +27,13 @@ export function start(command, args, stdio = ['ignore', 'ignore', 'inherit'], op
 export async function startParent(helper) {
   const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const lines = readline.createInterface({ input: program.stdout });
-  const [ready] = await once(lines, 'line');
-  const parent = { program, port: JSON.parse(ready).port, statistics: {}, ids: [] };
-  lines.on('line', (line) => { parent.statistics = JSON.parse(line); }); // all else that it says
+  const parent = { program, port: 0, statistics: {}, ids: [] };
+  lines.on('line', (line) => {
+    const event = JSON.parse(line);
+    if (event.type === 'ready') parent.port = event.port;
+    else parent.statistics = event; // may come first
+  });
+  while (parent.port === 0) await once(lines, 'line');
   const frame = Buffer.alloc(16 + 640 * 360 * 4);
   frame.writeUInt32BE(frame.length - 16, 0);
   frame.writeUInt16BE(640, 4);
