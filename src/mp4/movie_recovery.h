@@ -2,6 +2,7 @@
 
 // Finishes the movies of takes that a crash or a power cut has interrupted.
 
+#include <cstdint>
 #include <ctime>
 #include <string>
 #include <vector>
