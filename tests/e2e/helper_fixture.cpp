@@ -225,7 +225,7 @@ std::string HelperTest::expectKept(const Event& failed) const {
   EXPECT_FALSE(std::filesystem::exists(stagingPath()));
   EXPECT_EQ(decodeErrors(kept.string()), "");
   const Event movie = probe(kept);
-  EXPECT_EQ(movie.value("nb_frames", ""), movie["nb_read_frames"]);  // it has complete tables
+  EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);  // it has complete tables
   EXPECT_EQ(movie["nb_read_frames"], std::to_string(failed.value("kept_frames", 0)));
   EXPECT_NEAR(movie["duration_ts"].get<double>() / 60000, failed.value("kept_duration", 0.0), 1e-4);
   return kept;
