@@ -8,6 +8,8 @@
 //   LUMORA_FAULT_HIT    this file is created at the N-th call of the last kind
 //   LUMORA_DISK_FOLDER  the folder whose files are logged
 //   LUMORA_DISK_LOG     the file for the log
+//   LUMORA_SPEED        N: the helper's monotonic clock shows N times the uptime. Sleeps and the
+//                       kernel's timers stay real. Without effect in sanitized builds.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -26,6 +28,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "tests/faults/disk_log.h"
 
@@ -53,6 +56,7 @@ struct Fault {
 std::array<Fault, 4> faults;
 const Fault* lastFault = nullptr;
 std::atomic<bool> armed = false;
+std::int64_t speed = 1;  // of the helper's clock
 int logDescriptor = -1;
 const char* logFolder = nullptr;
 
@@ -95,6 +99,12 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
   if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
 }
 
+timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
+  constexpr std::int64_t second = 1'000'000'000;
+  const std::int64_t all = (time.tv_sec * second + time.tv_nsec) / divisor * times;
+  return {all / second, all % second};
+}
+
 int (*realMain)(int, char**, char**);
 
 int armedMain(int count, char** arguments, char** environment) {
@@ -106,6 +116,7 @@ int armedMain(int count, char** arguments, char** environment) {
     text = std::strchr(text, ',');
     if (text != nullptr) ++text;
   }
+  if (const char* times = std::getenv("LUMORA_SPEED")) speed = std::atol(times);
   if (const char* logPath = std::getenv("LUMORA_DISK_LOG")) {
     logFolder = realpath(std::getenv("LUMORA_DISK_FOLDER"), nullptr);
     logDescriptor = open(logPath, O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
@@ -195,6 +206,19 @@ HEAP(memalign, (size_t alignment, size_t size), __libc_memalign(alignment, size)
 int posix_memalign(void** block, size_t alignment, size_t size) {
   *block = fails("malloc", ENOMEM) ? nullptr : __libc_memalign(alignment, size);
   return *block == nullptr ? ENOMEM : 0;
+}
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  REAL(clock_gettime);
+  const int status = next(clock, now);
+  if (status == 0 && clock == CLOCK_MONOTONIC) *now = scaled(*now, speed, 1);
+  return status;
+}
+int pthread_cond_clockwait(pthread_cond_t* on, pthread_mutex_t* held, clockid_t clock,
+                           const timespec* until) {
+  REAL(pthread_cond_clockwait);
+  const timespec real = scaled(*until, 1, speed);
+  return next(on, held, clock, &real);
 }
 #endif
 
