@@ -13,7 +13,7 @@ import path from 'node:path';
 import readline from 'node:readline';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { promisify } from 'node:util';
-import { environment, inFolder } from '../tests/parent.mjs';
+import { commandOf, environment, inFolder, recordOf } from '../tests/parent.mjs';
 
 const [helper, library, only] = process.argv.slice(2);
 const run = promisify(execFile);
@@ -93,21 +93,12 @@ class Take {
       for (let bit = 0, bar = columns / bits; bit < bits; ++bit)
         picture.fill(this.sent.length >> bit & 1 ? 235 : 16, bit * bar, (bit + 1) * bar);
       for (let row = 1; row < barRows; ++row) picture.copy(picture, row * columns, 0, columns);
-      this.write(picture, this.size, Math.round(time * 1e6),
+      stdin.write(recordOf(picture, this.size, Math.round(time * 1e6)),
         () => this.sent.push({ time, logged: fs.statSync(this.log).size }));
     }
   }
 
-  command(type, keys) { this.write(Buffer.from(JSON.stringify({ type, id, ...keys })), [0, 0], 0); }
-
-  write(payload, [columns, rows], frameID, done) {
-    const header = Buffer.alloc(16);
-    header.writeUInt32BE(payload.length);
-    header.writeUInt16BE(columns, 4);
-    header.writeUInt16BE(rows, 6);
-    header.writeBigUInt64BE(BigInt(frameID), 8);
-    this.program.stdin.write(Buffer.concat([header, payload]), done);
-  }
+  command(type, keys) { this.program.stdin.write(commandOf({ type, id, ...keys })); }
 }
 
 // The numbers of a file's pictures. A staging file that can't be read has none. Throws if a file

@@ -22,6 +22,18 @@ export function start(command, args, stdio = ['ignore', 'ignore', 'inherit'], op
   return program;
 }
 
+// One record of the helper's input.
+export function recordOf(payload, [columns, rows], frameID) {
+  const header = Buffer.alloc(16);
+  header.writeUInt32BE(payload.length);
+  header.writeUInt16BE(columns, 4);
+  header.writeUInt16BE(rows, 6);
+  header.writeBigUInt64BE(BigInt(frameID), 8);
+  return Buffer.concat([header, payload]);
+}
+
+export const commandOf = (keys) => recordOf(Buffer.from(JSON.stringify(keys)), [0, 0], 0);
+
 // Starts a helper and feeds it grey pictures, each a little lighter, at most 60 times a second.
 // `ids` are those of the frames that were fed.
 export async function startParent(helper) {
