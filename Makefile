@@ -8,6 +8,8 @@
 #   make fuzz           run the fuzzers (MINUTES for each)
 #   make soak           run takes and clients at random, at full speed (MINUTES)
 #   make losses         show what takes lose by kills, power cuts, bad disks and others (6 minutes)
+#   make long-take      show what grows in a take of two hours, with a clock that runs SPEED times as
+#                       fast (12 minutes)
 #   make lint           check formatting, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)
@@ -23,9 +25,10 @@ OUT ?= out
 SECONDS_FED ?= 10
 MINUTES ?= 1
 ROUNDS ?= 3
+SPEED ?= 10
 SUITE ?= bookworm
 
-.PHONY: demo view test bench fuzz soak losses lint package package-test fresh arm64 portable portable-test format dependencies clean
+.PHONY: demo view test bench fuzz soak losses long-take lint package package-test fresh arm64 portable portable-test format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -76,6 +79,12 @@ losses: dependencies
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-recover lumora-faults
 	unshare --map-root-user --mount node bench/losses.mjs $(HELPER) build/release/tests/liblumora-faults.so
+
+long-take: dependencies
+	command -v node >/dev/null || scripts/install_dependencies.sh nodejs
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-faults
+	node bench/long_take.mjs $(HELPER) build/release/tests/liblumora-faults.so $(SPEED)
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)
