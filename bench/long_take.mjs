@@ -1,8 +1,8 @@
 // Prints what grows with the length of a take: drift, tables, the time that its end takes, memory.
 // Ends with 1 if the drift exceeds 1 ppm or a frame is missing in the movie. ffprobe reads the
-// movie. The helper's clock runs SPEED times as fast as the real one.
+// movie. During the long take the helper's clock runs SPEED times as fast as the real one.
 //
-//   node long_take.mjs HELPER LIBRARY_OF_FAULTS SPEED [SECONDS]
+//   node long_take.mjs HELPER LIBRARY_OF_FAULTS SPEED
 
 import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
@@ -11,9 +11,8 @@ import readline from 'node:readline';
 import { setImmediate as turn } from 'node:timers/promises';
 import { commandOf, environment, inFolder, recordOf } from '../tests/parent.mjs';
 
-const [helper, library, speed, longest = '7200'] = process.argv.slice(2);
+const [helper, library, longTakeSpeed] = process.argv.slice(2);
 const uptime = () => Number(process.hrtime.bigint()) / 1e9; // seconds
-const helperTime = () => uptime() * Number(speed);
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const rate = 60; // frames per second of the helper's time
 const size = [160, 90];
@@ -21,11 +20,12 @@ const picture = Buffer.alloc(size[0] * size[1] * 1.5, 128);
 const neverWoken = new Int32Array(new SharedArrayBuffer(4));
 
 // Feeds the helper as a camera does, for so many seconds of the helper's time.
-async function film(stdin, seconds) {
+async function film(stdin, seconds, speed) {
+  const helperTime = () => uptime() * speed;
   const end = helperTime() + seconds;
   for (let [due, number] = [helperTime(), 0]; due < end; ++number) {
     const wait = Math.max(due - helperTime(), 0);
-    Atomics.wait(neverWoken, 0, 0, wait / Number(speed) * 1000); // Node's timers are too coarse
+    Atomics.wait(neverWoken, 0, 0, wait / speed * 1000); // Node's timers are too coarse
     await turn();
     due = Math.max(due + 1 / rate, helperTime() - 1 / rate);
     if (stdin.writableLength > 0) continue;
@@ -36,7 +36,7 @@ async function film(stdin, seconds) {
 
 // Records a take. Returns its last event, how long its end took in real seconds, and the helper's
 // peak memory in megabytes.
-async function record(path, seconds) {
+async function record(path, seconds, speed) {
   const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: { ...environment,
     TAVO_FRAME_FORMAT: 'nv12', TAVO_H264_ENCODER: 'software', LD_PRELOAD: library,
     LUMORA_SPEED: speed } });
@@ -49,7 +49,7 @@ async function record(path, seconds) {
   await once(lines, 'ready');
   program.stdin.write(commandOf({ type: 'record_start', id, path, target_fps: rate,
     resolution: '640x360', cadence: 'steady', bit_rate: 250_000, frame_log: true }));
-  await film(program.stdin, seconds);
+  await film(program.stdin, seconds, speed);
   const stopped = uptime();
   program.stdin.write(commandOf({ type: 'record_stop', id }));
   const [event] = await once(lines, 'saved');
@@ -81,9 +81,9 @@ function timesIn(path) {
 console.log(`
 | Take | Frames | Not written | Drift | Tables | per frame | Stop to "saved" | Peak memory |
 |---|---|---|---|---|---|---|---|`);
-for (const seconds of [10, Number(longest)]) {
+for (const [seconds, speed] of [[10, 1], [7200, Number(longTakeSpeed)]]) {
   const path = inFolder(`${seconds}.mp4`);
-  const { event, ending, peak } = await record(path, seconds);
+  const { event, ending, peak } = await record(path, seconds, speed);
   const log = fs.readFileSync(`${path}.frames.csv`, 'utf8').trim().split('\n').slice(1)
     .map((line) => line.split(','));
   const written = log.filter(([,,, outcome]) => outcome === 'written');
