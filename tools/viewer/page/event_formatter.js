@@ -18,14 +18,14 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  #last = {}; // for each type of event: the key of the last one that gave a line
+  #last = {}; // by type: the `key`, as in `format`, of the last event that gave a line
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {
     const { type, id, state } = event;
     if (type === 'stats') return this.#formatStats(event);
-    // The helper may repeat the last state of a take. After a reconnect, the viewer sends the last
-    // event of each type again.
+    // The helper may repeat the last state of a take. When this page reconnects, the viewer sends
+    // the last event of each type to it again.
     const key = type === 'recording' ? `${id} ${state}` : JSON.stringify(event);
     const make = lines[state ?? type];
     if (key === this.#last[type] || !make) return [];
