@@ -4,7 +4,7 @@ export interface Deferred<Value> {
   reject(error: Error): void;
 }
 
-/** A promise that is settled from outside. If nobody handles a rejection, Node reports nothing. */
+/** A promise that is settled from outside. Node ignores its rejection when nobody handles it. */
 export function deferred<Value>(): Deferred<Value> {
   let resolve!: (value: Value) => void;
   let reject!: (error: Error) => void;

@@ -78,7 +78,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#process.pid as number;
   }
 
-  /** The token that stream clients must send. A getter, so that a logged helper does not show it. */
+  /** The token that stream clients must send. A getter: `console.log(helper)` does not print it. */
   get token(): string {
     return this.#token;
   }
@@ -104,9 +104,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Queues a picture in the helper's format. Returns at once. `pixels` may be reused when `done`
-   * resolves, with `written` or `dropped`: a newer frame replaces a waiting one. Throws a TypeError or
-   * a RangeError when the helper would not accept the size, the id or the length.
+   * Queues a picture in the helper's format. Returns at once. A newer frame replaces one that is
+   * waiting. `pixels` may be reused when the promise `done` of the result resolves. Throws a
+   * TypeError or a RangeError when the helper would not accept the size, the id or the length.
    */
   writeFrame(size: FrameSize, id: FrameId, pixels: Pixels): FrameWrite {
     checkSize(size);
@@ -136,9 +136,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Ends the helper, which saves a running take: waits for the takes that were told to stop, closes
-   * the input, then sends SIGTERM, then SIGKILL. Resolves when the helper has ended. Within 5 s it
-   * gives up and reports SIGKILL, even if the system can't end the helper.
+   * Waits for the takes that were told to stop, then closes the input. The helper saves a running
+   * take and ends. If it has not ended in time, it gets SIGTERM, then SIGKILL. Resolves within 5 s.
+   * If the system has not ended the helper by then, the result names SIGKILL.
    */
   stop(): Promise<HelperExit> {
     this.#stopping ??= this.#stop();
@@ -149,9 +149,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
     const timers = [
       setTimeout(() => this.#process.kill('SIGTERM'), terminateAfter),
       setTimeout(() => this.#process.kill('SIGKILL'), killAfter),
-      setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter), // reads what waits first
+      // Node reads waiting output before it runs the immediate.
+      setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter),
     ];
-    // The end of the input would replace their stop times.
+    // When the input ends, the helper may end a take at that moment, not at its `stoppedAt`.
     await settlesWithin(this.#takes.stopped(), terminateAfter);
     this.#feeder.end();
     const exit = await this.exited;
@@ -159,7 +160,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return exit;
   }
 
-  // The helper hangs in the system, or it has ended and another process keeps its pipes open.
+  // SIGKILL has not ended the helper. Or the helper has ended, but another process keeps its pipes
+  // open.
   #giveUp(): void {
     const { stdin, stdout, exitCode, signalCode } = this.#process;
     stdin.destroy();

@@ -1,6 +1,6 @@
 // Makes the records that the helper reads from its standard input: a header and a payload. A
 // malformed record would end the helper, so the checks here throw first. Numbers are big-endian.
-// Commands have width, height and frame id 0.
+// In a command, width, height and frame id are 0.
 //
 //   0        4       6        8          16
 //   +--------+-------+--------+----------+---------
