@@ -10,9 +10,12 @@ scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mo
   "${node[@]}"
 
 presets=(release asan tsan fuzz)
+declare -A built
 for preset in "${presets[@]}"; do
+  SECONDS=0
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
+  built[$preset]=$SECONDS
 done
 
 status=0
@@ -20,10 +23,12 @@ summaries=()
 for preset in "${presets[@]}"; do
   echo "== Tests, $preset"
   log="build/$preset/tests.log"
+  SECONDS=0
   # One test at a time, since each starts its own helpers and encoders, and no test is about behaviour under
   # load.
   ctest --preset "$preset" --no-tests=error -j 1 2>&1 | tee "$log" || status=1
-  summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish')")
+  took="built in ${built[$preset]} s, tested in $SECONDS s"
+  summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish') ($took)")
   while read -r failed; do summaries+=("  $failed"); done < <(
     grep -oE '[0-9]+ - [^ ]+ \([A-Z][^)]*\)' "$log" | grep -v Skipped)
 done
