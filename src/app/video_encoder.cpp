@@ -63,7 +63,7 @@ void VideoEncoder::serviceTick() {
   serviceTickLater();
   sweepPeers();
   stopTakeWithoutSpace();
-  // The take's own queue hangs, or it would have said so by now.
+  // The take's own queue hangs. Otherwise its "failed" event would have come by now.
   if (take.isRescuing() && uptime() >= take.abandonedAt + shutdownTimeout) concludeAbandonedTake();
   emitStats(false);
 }

@@ -14,14 +14,16 @@ namespace lumora {
 class LibavEncoder {
  public:
   // 0 or an AVERROR. With an empty `preset` the software encoder gets our own settings.
-  // `frames` is the format of most pictures to come.
+  // `frames` is the format of the run's frames. The encoder uses its matrix, and its layout if it
+  // can. Pictures may have other formats.
   static Status open(const AVCodec& codec, const std::string& preset, const PixelFormat& frames,
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
-  // Fills the buffer and encodes its picture, of the settings' size: 0 and a sample,
-  // `fillingFailed`, or an AVERROR. Releases the buffer as soon as the picture is copied, or
-  // encoded if the encoder reads it where it lies. Never throws.
+  // Fills the buffer and encodes its picture, which must have the settings' size. Returns 0 and a
+  // sample, `fillingFailed`, or an AVERROR. If the picture is read in place, the buffer is released
+  // after the encoding. Otherwise the picture is copied, and the buffer is released before the
+  // encoding. Never throws.
   Status encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
@@ -53,8 +55,8 @@ class LibavEncoder {
   Frame borrowed_;  // a buffer's planes
   Frame uploaded_;  // on the device; null unless the encoder needs that
   Packet packet_;
-  // The number of the next picture. It is used as its time, because rate control expects pictures
-  // at the session's rate. It continues in the next session that the encoder serves.
+  // The number of the next picture. It is also the picture's time, in frame intervals, because rate
+  // control expects pictures at the session's rate. The encoder's next session goes on counting.
   std::int64_t nextTime_ = 0;
   Bytes sequenceSet_;  // the latest parameter sets
   Bytes pictureSet_;

@@ -30,11 +30,11 @@ class Buffer final : public PixelBuffer {
   std::shared_ptr<const void> use_;
   PictureView picture_;
   std::shared_ptr<const void> owner_;  // of the picture
-  Picture memory_;                     // without samples if the picture is wrapped
+  Picture memory_;                     // for `filling_`; empty if the picture is wrapped
   Filling filling_;                    // null once it has run
 };
 
-// The conversion of RGB exchanges red and blue.
+// `ImageConverter` fills the buffers. In RGB it exchanges red and blue.
 PixelFormat bufferFormat(PixelFormat frames) {
   if (frames.layout == PixelLayout::rgba) {
     frames.layout = PixelLayout::bgra;

@@ -1,5 +1,6 @@
 // The "stats" event. Unless it is forced it is emitted at most once a second. After it a running
-// take reports progress, and the last event of a take is repeated.
+// take reports progress. The latest event of a take is emitted again unless its state is
+// "recording".
 
 #include <algorithm>
 

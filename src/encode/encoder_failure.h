@@ -6,8 +6,8 @@
 
 namespace lumora {
 
-// The one error value of the service's operations. Its description is the text that the parent
-// reads in the event.
+// Thrown when an operation of the service fails. The parent reads its description in an "error" or
+// a "failed" event.
 class EncoderFailure : public std::exception {
  public:
   static EncoderFailure message(std::string text) { return EncoderFailure(std::move(text)); }

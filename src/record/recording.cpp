@@ -75,11 +75,11 @@ void VideoEncoder::relayRecording(const TakeEvent& event,
 void VideoEncoder::tellParent(const TakeEvent& event) {
   take.movieStatus = event;
   emit(event.json);
-  // At once, since a parent that reads this event may start the next take.
+  // The take ends at once, since a parent that reads this event may start the next one.
   if (isLast(event.state)) takeEnded();
 }
 
-// Stops a take that leaves too little space.
+// Stops the take if its file system has had less than the minimum of free space.
 void VideoEncoder::stopTakeWithoutSpace() {
   const auto movie = take.recordingTake();
   if (!movie || !movie->lacksSpace()) return;
@@ -88,8 +88,9 @@ void VideoEncoder::stopTakeWithoutSpace() {
   finishMovieIfReady();
 }
 
-// An abandoned take emits its "failed" event when its file has been deleted or kept. This emits it
-// earlier, because another take begins or the process ends.
+// The recorder of an abandoned take sends the "failed" event once it has deleted or kept the file.
+// This function emits it earlier if another take begins, the process ends or the recorder's queue
+// hangs.
 void VideoEncoder::concludeAbandonedTake() {
   if (take.abandoned) tellParent(failedEvent(*take.movieStatus, take.abandonedFor));
 }
