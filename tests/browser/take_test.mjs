@@ -1,5 +1,5 @@
-// VideoFrames of Chromium's fake camera become a take. Takes, also of a killed helper, play and
-// seek in Chromium and keep their colours.
+// VideoFrames of Chromium's fake camera become a take. Takes, also failed ones and those of a killed
+// helper, play and seek in Chromium and keep their colours.
 //
 //   node take_test.mjs HELPER DEMO CHROMIUM    client/node must be built
 
@@ -79,21 +79,32 @@ test('a camera track becomes a take that shows what the camera showed', async (c
   assert.ok(pixels.length === wanted.length && difference / wanted.length < 3, `${difference}`);
 });
 
+// Browsers don't play a file by the name of a staging file.
+function toMovieName({ stagingPath, path }) {
+  fs.renameSync(stagingPath, path);
+  return path;
+}
+
 const colours = [[255, 255, 255], [0, 255, 0], [0, 0, 255], [0, 0, 0], [90, 9, 9], [240, 128, 16]];
 const stripe = (colour) => Buffer.alloc(180 * 4, Buffer.of(...colour, 255));
 const stripes = Buffer.alloc(1080 * 720 * 4, Buffer.concat(colours.map(stripe)));
-for (const end of ['stopped', 'killed']) {
-  test(`a take plays and seeks in its colours when the helper is ${end}`, async (context) => {
-    const { helper, take } = await startTake(context, `${end}.mp4`, 'rgba,top');
-    const saved = take.saved.catch(() => fs.renameSync(take.stagingPath, take.path));
+const endings = {
+  'that is stopped': (helper, take) => take.stop(),
+  'whose helper is killed': (helper) => process.kill(helper.pid, 'SIGKILL'),
+  'that fails and keeps what it has': (helper) =>
+    helper.writeFrame({ width: 540, height: 360 }, 201, stripes.subarray(0, 540 * 360 * 4)),
+};
+for (const [name, end] of Object.entries(endings)) {
+  test(`a take ${name} plays and seeks in its colours`, async (context) => {
+    const { helper, take } = await startTake(context, `${name}.mp4`, 'rgba,top');
+    const saved = take.saved.then(({ path }) => path,
+      ({ keptPath }) => keptPath ? inFolder(keptPath) : toMovieName(take));
     for (let id = 1; id <= 200; id += 1) {
       await helper.writeFrame({ width: 1080, height: 720 }, id, stripes).done;
       await sleep(15);
     }
-    if (end === 'killed') process.kill(helper.pid, 'SIGKILL');
-    else take.stop();
-    await saved;
-    const { pixels, duration } = await show(take.path, 1.5);
+    end(helper, take);
+    const { pixels, duration } = await show(await saved, 1.5);
     assert.ok(duration > 2, `${duration} s`);
     for (let at = (360 * 1080 + 90) * 4; at < 361 * 1080 * 4; at += 180 * 4) { // inside each stripe
       const [seen, sent] = [pixels, stripes].map((all) => [...all.subarray(at, at + 3)]);
