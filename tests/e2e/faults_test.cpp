@@ -13,6 +13,54 @@ namespace {
 
 constexpr FrameSize tiny{64, 36};
 
+// A file on a disk: what was synced, and the writes after that, each of which may get lost.
+struct DiskContents {
+  Pixels durable;
+  std::vector<std::pair<std::size_t, Pixels>> pending;  // offset, bytes
+
+  void apply(const DiskLogEntry& entry, Pixels bytes) {
+    using enum DiskLogEntry::Kind;
+    if (entry.kind == written) pending.emplace_back(entry.offset, std::move(bytes));
+    // Truncating only gives room back.
+    EXPECT_TRUE(entry.kind != truncated || entry.offset == with(0, pending.size()).size());
+    if (entry.kind != synced) return;
+    durable = with(0, pending.size());
+    pending.clear();
+  }
+  // With the pending writes from `first` to before `last`, of the last one so many bytes. What is
+  // missing of a file is zeros.
+  Pixels with(std::size_t first, std::size_t last, std::size_t bytesOfLast = SIZE_MAX) const {
+    Pixels file = durable;
+    for (std::size_t i = first; i < last; ++i) {
+      const auto& [offset, bytes] = pending[i];
+      file.resize(std::max(file.size(), offset + bytes.size()));
+      const std::size_t count = i + 1 < last ? bytes.size() : std::min(bytesOfLast, bytes.size());
+      std::copy_n(bytes.begin(), count, file.data() + offset);
+    }
+    return file;
+  }
+};
+
+// The calls of a log, each with the disk after it.
+void replay(const std::string& log,
+            const std::function<void(const DiskLogEntry&, const DiskContents&)>& look) {
+  DiskContents disk;
+  DiskLogEntry entry{};
+  for (std::ifstream entries(log, std::ios::binary);
+       entries.read(reinterpret_cast<char*>(&entry), sizeof entry);) {
+    Pixels bytes(entry.kind == DiskLogEntry::written ? entry.size : 0);
+    entries.read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
+    disk.apply(entry, std::move(bytes));
+    look(entry, disk);
+  }
+}
+
+int countFramesOf(const Pixels& movie, const std::string& scratch) {
+  std::ofstream(scratch, std::ios::binary)
+      .write(reinterpret_cast<const char*>(movie.data()), std::ssize(movie));
+  return countFrames(scratch);
+}
+
 struct Faults : HelperTest {
 #if defined(__SANITIZE_THREAD__)
   void SetUp() override { GTEST_SKIP() << "this sanitizer must be the first library"; }
@@ -20,6 +68,7 @@ struct Faults : HelperTest {
   // False when the helper ends without being ready.
   bool startWith(const std::string& faults, Environment more = {}) {
     std::filesystem::remove(hitPath());
+    more.insert(environment.begin(), environment.end());
     more.insert({{"LD_PRELOAD", LUMORA_FAULTS},
                  {"LUMORA_FAULT", faults},
                  {"LUMORA_FAULT_HIT", hitPath()},
@@ -46,11 +95,11 @@ struct Faults : HelperTest {
   }
   void feedAll() {
     const Pixels pixels = quarters(tiny);
-    for (int i = 0; i < 6 && helper->writePixels(tiny, ++lastID, pixels); ++i)
+    for (int i = 0; i < frames && helper->writePixels(tiny, ++lastID, pixels); ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   const std::map<std::string, std::string>& takeOne() {
-    startTake(smallTake);
+    startTake(keys);
     feedAll();
     stopTake();
     const auto& states = takes[takeID];
@@ -81,6 +130,22 @@ struct Faults : HelperTest {
     helper.reset();
     return exit;
   }
+  // Makes each call of a kind fail, one in each run, and calls `look`. Of calls that come often,
+  // each of the first is tried, then ever fewer.
+  void sweep(const std::string& before, const std::string& call, bool withAnother,
+             const std::function<void(const client::Exited&, long nth)>& look) {
+    const auto next = [](long nth) { return nth + 1 + (nth < (sanitized ? 2 : 40) ? 0 : nth / 8); };
+    long nth = 1;
+    for (bool hit = true; hit; nth = next(nth)) {
+      SCOPED_TRACE(before + call + " " + std::to_string(nth));
+      const auto exit = run(before + call + ":" + std::to_string(nth), withAnother);
+      hit = hasHit();
+      look(exit, nth);
+      std::filesystem::remove_all(folder);
+      std::filesystem::create_directory(folder);
+    }
+    EXPECT_GT(nth, next(1)) << call << " never occurs";
+  }
   // Whatever failed: an exit status of ours with its reason, one end of each take.
   void judge(const client::Exited& exit, const std::string& kind) {
     EXPECT_EQ(exit.signal, 0);
@@ -102,10 +167,17 @@ struct Faults : HelperTest {
   void feedUntilHit() {
     feedUntil([this] { return hasHit(); }, tiny);
   }
+  std::string recoveredPath() const {
+    return path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
+  }
   std::string hitPath() const { return folder / "hit"; }
   bool hasHit() const { return std::filesystem::exists(hitPath()); }
   // A libavcodec that is linked into the helper calls itself directly.
   static bool canFailCodec() { return std::getenv("LUMORA_HELPER") == nullptr; }
+
+  Environment environment;
+  Event keys = smallTake;
+  int frames = 6;  // of a take
 
   // What the helper has said.
   std::map<std::string, std::map<std::string, std::string>> takes;  // path by state, by id
@@ -115,7 +187,7 @@ struct Faults : HelperTest {
 TEST_F(Faults, EveryFailingCallIsReportedAndNoMovieIsLost) {
   const std::string noRename = "renameat2:0:22,";  // a file system that can't rename exclusively
   const std::string noRoom = "fallocate:0:95,";    // or can't reserve room
-  const std::string recovered = path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
+  const std::string recovered = recoveredPath();
   // The call, what fails anyway, the path that is saved if the call does not fail.
   std::vector<std::array<std::string, 3>> kinds = {
       {"write", noRoom, path}, {"link", noRename, path}, {"unlink", noRename, path}};
@@ -131,25 +203,17 @@ TEST_F(Faults, EveryFailingCallIsReportedAndNoMovieIsLost) {
       "close");
   for (std::string call; others >> call;) kinds.push_back({call, "", path});
   if (canFailCodec()) kinds.push_back({"avcodec_send_frame", "", path});
-  // Of calls that come often, each of the first is tried, then ever fewer.
-  const auto next = [](long nth) { return nth + 1 + (nth < (sanitized ? 2 : 40) ? 0 : nth / 8); };
   for (const auto& [call, before, wanted] : kinds) {
-    long nth = 1;
-    for (bool hit = true; hit; nth = next(nth)) {
-      SCOPED_TRACE(before + call + " " + std::to_string(nth));
-      const auto exit = run(before + call + ":" + std::to_string(nth), !wanted.empty());
-      hit = hasHit();
+    sweep(before, call, !wanted.empty(), [&](const client::Exited& exit, long nth) {
       judge(exit, call);
+      const bool hit = hasHit();
       const std::string saved = takes[takeID]["saved"];
       EXPECT_TRUE(saved == wanted || (hit && call != "unlink")) << saved << said;
       // The first sync is of the staging file's name, the second of the movie's.
       EXPECT_TRUE(call != "fsync" || !hit || saved.empty() == (nth == 1));
       for (const std::string& movie : std::set{path, saved})
         EXPECT_EQ(std::filesystem::exists(movie) ? decodeErrors(movie) : "", "");
-      std::filesystem::remove_all(folder);
-      std::filesystem::create_directory(folder);
-    }
-    EXPECT_GT(nth, next(1)) << call << " never occurs";
+    });
   }
 }
 
@@ -207,8 +271,22 @@ TEST_F(Faults, AHangingDiskStopsNeitherThePreviewNorTheEnd) {
 }
 
 // The third sync is of the second fragment.
+TEST_F(Faults, AFailedTakeNamesItsStagingFileWhenTheDiskHangs) {
+  keys["on_failure"] = "keep";
+  ASSERT_TRUE(startWith("fdatasync:3:-30"));
+  startTake(keys);
+  feedUntilHit();
+  feedPaced(2, 60, {128, 72});
+  const Event failed = waitForTake("failed");
+  EXPECT_EQ(failed["error"], "camera recording dimensions changed during this take");
+  EXPECT_EQ(failed["kept_path"], std::filesystem::path(stagingPath()).filename().string());
+  EXPECT_EQ(finish(), 0);
+  EXPECT_EQ(decodeErrors(stagingPath()), "");
+  EXPECT_GE(countFrames(stagingPath()), failed["kept_frames"]);
+  EXPECT_GT(failed["kept_frames"], 20);
+}
+
 TEST_F(Faults, AFailedTakeKeepsWhatWasOnTheDisk) {
-  Event keys = smallTake;
   keys["on_failure"] = "keep";
   ASSERT_TRUE(startWith("fdatasync:3:28"));
   startTake(keys);
@@ -219,33 +297,44 @@ TEST_F(Faults, AFailedTakeKeepsWhatWasOnTheDisk) {
   expectKept(failed);
 }
 
-// A file on a disk: what was synced, and the writes after that, each of which may get lost.
-struct DiskContents {
-  Pixels durable;
-  std::vector<std::pair<std::size_t, Pixels>> pending;  // offset, bytes
-
-  void apply(const DiskLogEntry& entry, Pixels bytes) {
-    using enum DiskLogEntry::Kind;
-    if (entry.kind == written) pending.emplace_back(entry.offset, std::move(bytes));
-    // Truncating only gives room back.
-    EXPECT_TRUE(entry.kind != truncated || entry.offset == with(0, pending.size()).size());
-    if (entry.kind != synced) return;
-    durable = with(0, pending.size());
-    pending.clear();
-  }
-  // With the pending writes from `first` to before `last`, of the last one so many bytes. What is
-  // missing of a file is zeros.
-  Pixels with(std::size_t first, std::size_t last, std::size_t bytesOfLast = SIZE_MAX) const {
-    Pixels file = durable;
-    for (std::size_t i = first; i < last; ++i) {
-      const auto& [offset, bytes] = pending[i];
-      file.resize(std::max(file.size(), offset + bytes.size()));
-      const std::size_t count = i + 1 < last ? bytes.size() : std::min(bytesOfLast, bytes.size());
-      std::copy_n(bytes.begin(), count, file.data() + offset);
+// The third sync is of the second fragment. Its failure starts a rescue, which may fail as well.
+TEST_F(Faults, WhateverFailsATakeThatKeepsLosesNothingThatWasOnTheDisk) {
+  if (sanitized) GTEST_SKIP() << "the clock of a sanitized helper can't run faster";
+  const std::string log = folder / "log";
+  environment = {{"LUMORA_SPEED", "10"}, {"LUMORA_DISK_LOG", log}, {"LUMORA_DISK_FOLDER", folder}};
+  keys["on_failure"] = "keep";
+  frames = 18;
+  int rescued = 0;
+  const auto look = [&](const client::Exited& exit, long) {
+    EXPECT_EQ(exit.signal, 0);
+    Pixels atFailure;
+    bool hasFailed = false;
+    replay(log, [&](const DiskLogEntry& entry, const DiskContents& disk) {
+      hasFailed = hasFailed || entry.kind == DiskLogEntry::failed;
+      if (!hasFailed) atFailure = disk.durable;
+    });
+    const int synced = countFramesOf(atFailure, folder / "cut.mp4");
+    int left = 0;
+    for (const std::string& movie : {path, recoveredPath(), stagingPath()}) {
+      if (!std::filesystem::exists(movie)) continue;
+      EXPECT_EQ(decodeErrors(movie), "");
+      left = std::max(left, countFrames(movie));
     }
-    return file;
+    EXPECT_GE(left, synced) << said;
+    rescued += hasFailed && synced > 0 && !takes[takeID].contains("saved") ? 1 : 0;
+  };
+  const std::map<std::string, std::string> kinds = {
+      {"", "open pwrite fdatasync fsync renameat2 ftruncate fallocate close avcodec_send_frame"},
+      {"fdatasync:3,", "pwrite fdatasync fsync renameat2 ftruncate pthread_create malloc"}};
+  for (const auto& [before, list] : kinds) {
+    std::istringstream calls(list);
+    std::string call;
+    while (calls >> call) {
+      if (call != "avcodec_send_frame" || canFailCodec()) sweep(before, call, false, look);
+    }
   }
-};
+  EXPECT_GT(rescued, 20);
+}
 
 TEST_F(Faults, APowerCutCostsAtMostASecondAndNothingOfASavedMovie) {
   const std::string place = folder / "place", log = folder / "log";
@@ -260,17 +349,13 @@ TEST_F(Faults, APowerCutCostsAtMostASecondAndNothingOfASavedMovie) {
   // A fragment has half a second at most. One may be incomplete in memory, and one in a write.
   constexpr int fragment = 32;
   const auto framesOf = [cut = std::string(folder / "cut.mp4")](const Pixels& file) {
-    std::ofstream(cut, std::ios::binary)
-        .write(reinterpret_cast<const char*>(file.data()), std::ssize(file));
-    return countFrames(cut);
+    return countFramesOf(file, cut);
   };
-  DiskContents disk;
-  DiskLogEntry entry{};
-  for (std::ifstream entries(log, std::ios::binary);
-       entries.read(reinterpret_cast<char*>(&entry), sizeof entry);) {
-    Pixels bytes(entry.kind == DiskLogEntry::written ? entry.size : 0);
-    entries.read(reinterpret_cast<char*>(bytes.data()), std::ssize(bytes));
-    disk.apply(entry, std::move(bytes));
+  DiskLogEntry last{};
+  Pixels left;
+  replay(log, [&](const DiskLogEntry& entry, const DiskContents& disk) {
+    last = entry;
+    left = disk.durable;
     const std::size_t writes = disk.pending.size();
     const int issued = framesOf(disk.with(0, writes));
     SCOPED_TRACE(std::to_string(entry.kind) + " at " + std::to_string(entry.offset));
@@ -284,9 +369,9 @@ TEST_F(Faults, APowerCutCostsAtMostASecondAndNothingOfASavedMovie) {
       for (std::size_t n = 1; n <= sectors; n += 1 + sectors / 4)
         expect(disk.with(0, i + 1, (offset / 512 + n) * 512 - offset));
     }
-  }
-  EXPECT_EQ(entry.kind, DiskLogEntry::namesSynced);  // of the last name
-  EXPECT_EQ(framesOf(disk.durable), all);
+  });
+  EXPECT_EQ(last.kind, DiskLogEntry::namesSynced);  // of the last name
+  EXPECT_EQ(framesOf(left), all);
 }
 
 }  // namespace

@@ -65,25 +65,6 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// Whether this call has to fail. Sets errno.
-bool fails(const char* kind, int usualError) {
-  if (!armed) return false;
-  for (Fault& fault : faults) {
-    const bool isLater = fault.nth != 0 && fault.calls < fault.nth;
-    if (std::strcmp(fault.kind.data(), kind) != 0) {
-      if (isLater) return false;
-      continue;
-    }
-    if (++fault.calls != fault.nth && fault.nth != 0) continue;
-    if (const char* hit = std::getenv("LUMORA_FAULT_HIT"); hit && &fault == lastFault)
-      mknod(hit, S_IFREG | 0600, 0);
-    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;
-    errno = fault.error != 0 ? fault.error : usualError;
-    return true;
-  }
-  return false;
-}
-
 // Logs a call for this descriptor, if it is of the folder or a file in it; -1: in any case.
 void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = nullptr,
          ssize_t count = 0) {
@@ -97,6 +78,26 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
   const DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), size};
   static_cast<void>(writeBytes(logDescriptor, &entry, sizeof entry));
   if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
+}
+
+// Whether this call has to fail. Sets errno.
+bool fails(const char* kind, int usualError) {
+  if (!armed) return false;
+  for (Fault& fault : faults) {
+    const bool isLater = fault.nth != 0 && fault.calls < fault.nth;
+    if (std::strcmp(fault.kind.data(), kind) != 0) {
+      if (isLater) return false;
+      continue;
+    }
+    if (++fault.calls != fault.nth && fault.nth != 0) continue;
+    if (const char* hit = std::getenv("LUMORA_FAULT_HIT"); hit && &fault == lastFault)
+      mknod(hit, S_IFREG | 0600, 0);
+    log(-1, DiskLogEntry::failed);
+    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;
+    errno = fault.error != 0 ? fault.error : usualError;
+    return true;
+  }
+  return false;
 }
 
 timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
