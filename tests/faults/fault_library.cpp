@@ -100,12 +100,6 @@ bool fails(const char* kind, int usualError) {
   return false;
 }
 
-timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
-  constexpr std::int64_t second = 1'000'000'000;
-  const std::int64_t all = (time.tv_sec * second + time.tv_nsec) / divisor * times;
-  return {all / second, all % second};
-}
-
 int (*realMain)(int, char**, char**);
 
 int armedMain(int count, char** arguments, char** environment) {
@@ -125,6 +119,14 @@ int armedMain(int count, char** arguments, char** environment) {
   armed = true;
   return realMain(count, arguments, environment);
 }
+
+#ifndef LUMORA_SANITIZED
+timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
+  constexpr std::int64_t second = 1'000'000'000;
+  const std::int64_t all = (time.tv_sec * second + time.tv_nsec) / divisor * times;
+  return {all / second, all % second};
+}
+#endif
 
 }  // namespace
 
