@@ -90,6 +90,20 @@ TEST_F(LoggedTakes, ThatFailSayWhatLostTheirFramesAndKeepTheLogWithTheMovie) {
   }
 }
 
+TEST(FrameLog, KeepsTheFirstOutcomeOfEachFrame) {
+  FrameLog log;
+  log.note({1, 1.0}, std::nullopt);
+  log.note({2, 2.0}, std::nullopt);
+  log.settle(2, FrameOutcome::written, 0.5);
+  log.end(FrameOutcome::disk);
+  log.settle(1, FrameOutcome::written, 0);
+  log.settle(2, FrameOutcome::encoder);
+  EXPECT_EQ(log.takeLines(),
+            "id,captured,movie_time,outcome\n"
+            "1,1.000000,,disk\n"
+            "2,2.000000,0.500000,written\n");
+}
+
 TEST_F(LoggedTakes, EndTheirLogWhenTooManyFramesWait) {
   startLogged();
   feed(1001.1);
