@@ -51,7 +51,7 @@ lumora::Environment readEnvironment() {
 void unblockSignals() {
   sigset_t ours;
   sigemptyset(&ours);
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM}) sigaddset(&ours, signal);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGABRT}) sigaddset(&ours, signal);
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
 }
 
