@@ -283,7 +283,7 @@ TEST_F(Faults, AFailedTakeNamesItsStagingFileWhenTheDiskHangs) {
   EXPECT_EQ(finish(), 0);
   EXPECT_EQ(decodeErrors(stagingPath()), "");
   EXPECT_GE(countFrames(stagingPath()), failed["kept_frames"]);
-  EXPECT_GT(failed["kept_frames"], 20);
+  EXPECT_GT(failed["kept_frames"], 0);
 }
 
 TEST_F(Faults, AFailedTakeKeepsWhatWasOnTheDisk) {
