@@ -46,10 +46,7 @@ export async function startParent(helper) {
     else parent.statistics = event; // may come first
   });
   while (parent.port === 0) await once(lines, 'line');
-  const frame = Buffer.alloc(16 + 640 * 360 * 4);
-  frame.writeUInt32BE(frame.length - 16, 0);
-  frame.writeUInt16BE(640, 4);
-  frame.writeUInt16BE(360, 6);
+  const frame = recordOf(Buffer.alloc(640 * 360 * 4), [640, 360], 0);
   const timer = setInterval(() => {
     if (program.stdin.writableLength > 0) return;
     const id = process.hrtime.bigint() / 1000n;

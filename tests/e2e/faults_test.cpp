@@ -348,9 +348,7 @@ TEST_F(Faults, APowerCutCostsAtMostASecondAndNothingOfASavedMovie) {
 
   // A fragment has half a second at most. One may be incomplete in memory, and one in a write.
   constexpr int fragment = 32;
-  const auto framesOf = [cut = std::string(folder / "cut.mp4")](const Pixels& file) {
-    return countFramesOf(file, cut);
-  };
+  const auto framesOf = [&](const Pixels& file) { return countFramesOf(file, folder / "cut.mp4"); };
   DiskLogEntry last{};
   Pixels left;
   replay(log, [&](const DiskLogEntry& entry, const DiskContents& disk) {
