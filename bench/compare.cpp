@@ -12,11 +12,11 @@
 #include <filesystem>
 #include <fstream>
 
-#include "bench/machine.h"
 #include "bench/paced_load.h"
 #include "bench/pipeline.h"
 #include "bench/progress.h"
 #include "bench/runs.h"
+#include "tools/machine.h"
 
 namespace {
 
@@ -226,8 +226,11 @@ void compare(const std::string& helper, const std::filesystem::path& folder, int
   for (const Table& table : tables) planned += table.seconds(rounds);
 
   Progress progress(planned);
-  Json results = {
-      {"machine", describeMachine()}, {"runs", Json::array()}, {"steady", Json::array()}};
+  Json machine = tools::describeMachine();
+  machine["commit"] =
+      tools::firstLineOf("git describe --always --dirty 2>/dev/null || echo unknown");
+  machine["libavcodec"] = tools::firstLineOf("pkg-config --modversion libavcodec");
+  Json results = {{"machine", machine}, {"runs", Json::array()}, {"steady", Json::array()}};
   const auto save = [&] { std::ofstream(folder / "bench.json") << results.dump() << '\n'; };
   for (Table& table : tables) {
     run(table, rounds, progress);
