@@ -1,7 +1,9 @@
 // The demo parent: starts a helper, feeds it a moving picture, watches the preview with two
 // clients, records a take, and prints how it went.
 //
-//   lumora-demo HELPER OUTPUT-FOLDER [SECONDS]
+//   lumora-demo [--json] HELPER OUTPUT-FOLDER [SECONDS]
+//
+// With --json, its standard output is one JSON object with the same figures.
 //
 // The environment variable INPUT may name a video file or a camera. FRAMES says how frames reach
 // the helper: "memory" or "pipe".
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "tools/paced_run.h"
 #include "tools/programs.h"
@@ -30,28 +33,62 @@ void showProgress(const tools::RunReport& report) {
   std::fflush(stdout);
 }
 
+const char* wordOf(client::FrameTransport transport) {
+  return transport == client::FrameTransport::memory ? "memory" : "pipe";
+}
+
+struct Figure {
+  const char* key;   // in JSON
+  const char* name;  // for people
+  double value;
+  const char* unit = "";
+};
+
+std::vector<Figure> figuresOf(const tools::RunReport& report) {
+  const auto count = [](auto number) { return static_cast<double>(number); };
+  const double bits = count(report.bytes) * 8;
+  return {{"ready_ms", "start of the helper to \"ready\"", report.readyMilliseconds, "ms"},
+          {"fed", "frames fed", count(report.fed)},
+          {"fed_per_second", "  per second", count(report.fed) / report.fedSeconds},
+          {"left_out", "frames left out by the library", count(report.frames.dropped)},
+          {"dropped", "frames dropped by the helper", count(report.stats.droppedFrames)},
+          {"received", "frames received, both clients", count(report.deliveries.size())},
+          {"delivery_drops", "frames dropped in delivery",
+           count(report.stats.delivery ? report.stats.delivery->drops() : 0)},
+          {"latency_median_ms", "latency, median", report.latency(0.5), "ms"},
+          {"latency_p99_ms", "latency, 99th percentile", report.latency(0.99), "ms"},
+          {"preview_mbit_per_second", "preview bit rate", bits / 1e6 / report.fedSeconds / clients,
+           "Mbit/s"}};
+}
+
+const char* stateOf(const client::Recording& take) {
+  return take.state == client::TakeState::saved ? "saved" : "failed";
+}
+
 void showTable(const tools::RunReport& report) {
-  const auto row = [](const char* name, auto value, const char* unit = "") {
-    std::printf("  %-34s %10.1f %s\n", name, static_cast<double>(value), unit);
-  };
   std::printf("\n\n");
-  row("start of the helper to \"ready\"", report.readyMilliseconds, "ms");
-  row("frames fed", report.fed);
-  row("  per second", static_cast<double>(report.fed) / report.fedSeconds);
-  row("frames left out by the library", report.frames.dropped);
-  row("frames dropped by the helper", report.stats.droppedFrames);
-  row("frames received, both clients", report.deliveries.size());
-  row("frames dropped in delivery", report.stats.delivery ? report.stats.delivery->drops() : 0);
-  row("latency, median", report.latency(0.5), "ms");
-  row("latency, 99th percentile", report.latency(0.99), "ms");
-  row("preview bit rate", static_cast<double>(report.bytes) * 8 / 1e6 / report.fedSeconds / clients,
-      "Mbit/s");
+  for (const auto& [key, name, value, unit] : figuresOf(report))
+    std::printf("  %-34s %10.1f %s\n", name, value, unit);
   std::printf("  take %s: %s, %.3f s, %llu frames, %llu dropped, %llu throttled %s\n",
-              report.take.state == client::TakeState::saved ? "saved" : "failed",
-              report.take.path.c_str(), report.take.duration,
+              stateOf(report.take), report.take.path.c_str(), report.take.duration,
               static_cast<unsigned long long>(report.take.frames),
               static_cast<unsigned long long>(report.take.dropped),
               static_cast<unsigned long long>(report.take.throttled), report.take.error.c_str());
+}
+
+void showJson(const tools::RunReport& report) {
+  nlohmann::json object = {{"transport", wordOf(report.transport)},
+                           {"take",
+                            {{"state", stateOf(report.take)},
+                             {"path", report.take.path},
+                             {"duration", report.take.duration},
+                             {"frames", report.take.frames},
+                             {"dropped", report.take.dropped},
+                             {"throttled", report.take.throttled},
+                             {"error", report.take.error}}}};
+  for (const Figure& figure : figuresOf(report)) object[figure.key] = figure.value;
+  std::printf("%s\n",
+              object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
 // Writes one picture of a video. `filter` is that of ffmpeg.
@@ -62,7 +99,8 @@ void makePicture(const std::string& video, const std::string& filter, const std:
   if (!errors.empty()) throw std::runtime_error(video + ": " + errors);
 }
 
-void run(const std::string& helper, const std::filesystem::path& folder, double seconds) {
+void run(const std::string& helper, const std::filesystem::path& folder, double seconds,
+         bool asJson) {
   std::filesystem::create_directories(folder);
   const std::string preview = folder / "preview.h264";
   const std::string previewPicture = folder / "preview.png";
@@ -78,9 +116,11 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
                                                               .targetFPS = framesPerSecond},
                                   .previewPath = preview};
   const auto source = tools::openInput(pictureSize, framesPerSecond);
-  std::printf("Feeding 1920x1080 at %d frames a second for %.0f s\n", framesPerSecond, seconds);
-  const tools::RunReport report = tools::runPaced(options, *source, showProgress);
-  showTable(report);
+  if (!asJson)
+    std::printf("Feeding 1920x1080 at %d frames a second for %.0f s\n", framesPerSecond, seconds);
+  const tools::RunReport report =
+      tools::runPaced(options, *source, asJson ? tools::Progress() : showProgress);
+  asJson ? showJson(report) : showTable(report);
   if (!report.exit.isClean()) throw std::runtime_error("the helper failed: " + report.error);
   if (report.take.state != client::TakeState::saved) throw std::runtime_error("there is no take");
 
@@ -88,20 +128,24 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   makePicture(preview, "select=gte(n\\," + middle + ")", previewPicture);
   const auto rate = std::to_string(12 / seconds);  // twelve pictures of the take on one sheet
   makePicture(movie, "fps=" + rate + ",scale=360:-2,tile=4x3", sheet);
-  std::printf("\n  frames went through %s\n  %s, %s, %s and %s written\n",
-              report.transport == client::FrameTransport::memory ? "shared memory" : "the pipe",
-              preview.c_str(), previewPicture.c_str(), movie.c_str(), sheet.c_str());
+  if (asJson) return;
+  std::printf("\n  frames went through the %s\n  %s, %s, %s and %s written\n",
+              wordOf(report.transport), preview.c_str(), previewPicture.c_str(), movie.c_str(),
+              sheet.c_str());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) {
-    std::fprintf(stderr, "usage: %s HELPER OUTPUT-FOLDER [SECONDS]\n", argv[0]);
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  const bool asJson = std::erase(arguments, "--json") > 0;
+  if (arguments.size() < 2) {
+    std::fprintf(stderr, "usage: %s [--json] HELPER OUTPUT-FOLDER [SECONDS]\n", argv[0]);
     return 2;
   }
   try {
-    run(argv[1], argv[2], argc > 3 ? std::strtod(argv[3], nullptr) : 10);
+    const double seconds = arguments.size() > 2 ? std::strtod(arguments[2].c_str(), nullptr) : 10;
+    run(arguments[0], arguments[1], seconds, asJson);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "\n%s\n", error.what());
     return 1;

@@ -114,7 +114,10 @@ for (const [name, end] of Object.entries(endings)) {
 }
 
 test('the demo makes a take that plays and seeks', async () => {
-  execFileSync(demo, [program, inFolder('demo'), '3'], { stdio: 'ignore' });
+  const { take, received, latency_median_ms: latency } =
+    JSON.parse(execFileSync(demo, ['--json', program, inFolder('demo'), '3']));
+  assert.equal(`${take.state} ${take.path} ${take.error}`, `saved ${inFolder('demo/demo.mp4')} `);
+  assert.ok(take.frames > 0 && received > 0 && latency > 0, `${take.frames}, ${received}, ${latency}`);
   const { duration, pixels } = await show(inFolder('demo/demo.mp4'), 1.5);
   assert.ok(duration > 2 && pixels.length === stripes.length, `${duration} s`);
 });
