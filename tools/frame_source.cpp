@@ -18,10 +18,22 @@ std::string environment(const char* name) {
   return value == nullptr ? "" : value;
 }
 
+std::string text(client::FrameSize size, char between) {
+  return std::to_string(size.width) + between + std::to_string(size.height);
+}
+
+// ffmpeg's options for a camera.
+std::string cameraOptions(const std::string& rate, const CameraWish& wish) {
+  std::string options = "-f v4l2 -framerate " + rate;
+  if (wish.size) options += " -video_size " + text(*wish.size, 'x');
+  if (!wish.format.empty()) options += " -input_format " + shellQuoted(wish.format);
+  return options;
+}
+
 }  // namespace
 
 std::string nv12Filters(client::FrameSize size) {
-  const std::string picture = std::to_string(size.width) + ":" + std::to_string(size.height);
+  const std::string picture = text(size, ':');
   return "scale=" + picture +
          ":force_original_aspect_ratio=decrease:flags=bicubic:param0=0:param1=0.5"
          ":out_color_matrix=bt709:out_range=tv,format=nv12,pad=" +
@@ -45,18 +57,17 @@ std::span<const std::uint8_t> CommandSource::next(std::uint64_t, double) {
   return frame_;
 }
 
-std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond) {
+std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond,
+                                       const CameraWish& wish) {
   const std::string input = environment("INPUT");
   if (input.empty()) return std::make_unique<TestCard>(size);
   std::error_code error;
   const bool isCamera = std::filesystem::is_character_file(input, error);
   const std::string rate = std::to_string(framesPerSecond);
-  // A camera that does not offer this rate keeps its own.
   return std::make_unique<CommandSource>(
-      "ffmpeg -v error -nostdin " +
-          (isCamera ? "-f v4l2 -framerate " + rate : std::string("-stream_loop -1")) + " -i " +
-          shellQuoted(input) + " -an -vf " + nv12Filters(size) + (isCamera ? "" : ",fps=" + rate) +
-          " -f rawvideo -",
+      "ffmpeg -v error -nostdin " + (isCamera ? cameraOptions(rate, wish) : "-stream_loop -1") +
+          " -i " + shellQuoted(input) + " -an -vf " + nv12Filters(size) +
+          (isCamera ? "" : ",fps=" + rate) + " -f rawvideo -",
       size, nv12BT709, isCamera);
 }
 

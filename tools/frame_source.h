@@ -65,9 +65,17 @@ class CommandSource final : public FrameSource {
   std::vector<std::uint8_t> frame_;
 };
 
+// What a camera is asked for, beside the rate. It gives the nearest size and rate that it has, and
+// decides itself where nothing is named.
+struct CameraWish {
+  std::optional<client::FrameSize> size = {};
+  std::string format = {};  // as ffmpeg names it, for example "mjpeg"
+};
+
 // Opens the video file or camera that the environment variable INPUT names, or a test card if it is
 // not set. A file plays in a loop. ffmpeg scales the picture to fit `size`.
-std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond);
+std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond,
+                                       const CameraWish& wish = {});
 
 // `options` for a helper that gets the frames of `source`.
 client::HelperOptions helperFor(const FrameSource& source, client::HelperOptions options);

@@ -134,6 +134,7 @@ class Run {
       report_.stats.delivery = delivery;
     }
     if (const auto* error = std::get_if<client::Error>(&event.what)) report_.error = error->message;
+    if (options_.onEvent && !event.line.empty()) options_.onEvent(event.line);
     changed_.notify_all();
   }
 

@@ -17,6 +17,8 @@ struct RunOptions {
   std::string previewPath = {};  // Annex B file of what the first client receives; empty: none
   // Called before each frame is written; may be empty.
   std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
+  // Called for each line of the helper, on a thread of the client library; may be empty.
+  std::function<void(const std::string& line)> onEvent = {};
 };
 
 // A frame packet that a client received.

@@ -1,6 +1,7 @@
 // The viewer as a program: with a page at its socket, with a helper, and how it ends.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,6 +105,29 @@ TEST_F(Viewer, EndsWhileItsCameraHangs) {
   waitForMessage("ended");
   EXPECT_TRUE(viewer->wait(20).value().isClean());
   close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // ends the ffmpeg that waits for a writer
+}
+
+TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
+  const std::string report = folder / "report.txt";
+  view({"--demo", "--helper", helperProgram(), "--size", "320x240", "--share", "--report", report});
+  const std::string invitation = viewer->nextLine(20).value_or("");
+  std::smatch parts;
+  ASSERT_TRUE(
+      std::regex_match(invitation, parts, std::regex("TAVO_VIDEO_TOKEN=(.*) lumora-tap (.*)")));
+  const std::string shared = parts[1];
+  port = static_cast<std::uint16_t>(std::stoi(parts[2]));
+  const auto other = connect();
+  other->sayHello(shared);
+  EXPECT_TRUE(other->receive(20));
+  viewer->sendSignal(SIGTERM);
+  waitForMessage("ended");
+  EXPECT_TRUE(viewer->wait(120).value().isClean());
+  const Pixels bytes = bytesOf(report);
+  const std::string text(bytes.begin(), bytes.end());
+  EXPECT_THAT(text, testing::HasSubstr("\"type\":\"ready\""));
+  EXPECT_THAT(text, testing::ContainsRegex("  software: [1-9][0-9]* of 60 pictures"));
+  for (const std::string& secret : {shared, token})
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr(secret)));
 }
 
 TEST_F(Viewer, ShowsTheNextHelperAtThePortOfOneThatHasEnded) {

@@ -1,8 +1,9 @@
 // What the viewer decides: which frames a page gets, who may ask for what, what a page may say. The
-// times of the tap's pictures.
+// formats of cameras. The times of the tap's pictures.
 
 #include <gtest/gtest.h>
 
+#include "tools/cameras.h"
 #include "tools/flv.h"
 #include "tools/viewer/frame_flow.h"
 #include "tools/viewer/page_messages.h"
@@ -118,6 +119,23 @@ TEST(PageMessages, WhatNoPageSaysIsRefused) {
            start + R"("resolution":1,"target_fps":30})",
            R"({"type":"stop"})" + std::string(maximumMessageBytes, ' ')})
     EXPECT_FALSE(parsePageMessage(text)) << text;
+}
+
+TEST(Cameras, HaveTheFormatsThatFfmpegCanRead) {
+  std::vector<std::pair<std::string, std::string>> found;
+  for (const auto& [name, sizes] : tools::parseCameraFormats(
+           "[v4l2 @ 0x5] Raw       :     yuyv422 :           YUYV 4:2:2 : 640x480 160x90\n"
+           "[v4l2 @ 0x5] Compressed:       mjpeg :          Motion-JPEG : 1280x720\n"
+           "[v4l2 @ 0x5] Compressed: Unsupported :                 HEVC : 1280x720\n"
+           "[v4l2 @ 0x5] Raw       :        nv12 :           Y/UV 4:2:0 : Emulated : {2-8, 2}x2\n"
+           "[v4l2 @ 0x5] Raw       :       bgr24 :          BGR3 8-8-8 :\n"
+           "/dev/video0: Immediate exit requested\n"))
+    found.emplace_back(name, sizes);
+  EXPECT_EQ(found, (decltype(found){{"yuyv422", "640x480 160x90"},
+                                    {"mjpeg", "1280x720"},
+                                    {"nv12", "{2-8, 2}x2"},
+                                    {"bgr24", ""}}));
+  EXPECT_TRUE(tools::parseCameraFormats("/dev/video1: Permission denied\n").empty());
 }
 
 TEST(FlvTimes, GrowAndAreCaptureTimesWhereIdsAreThat) {

@@ -167,7 +167,14 @@ void Bridge::streamFailed(const std::string& why) {
   tell(interruption_);
 }
 
+void Bridge::remember(const std::string& line) {
+  constexpr std::size_t most = 200;
+  lastLines_.push_back(line);
+  if (lastLines_.size() > most) lastLines_.pop_front();
+}
+
 void Bridge::eventCame(const std::string& line) {
+  remember(line);
   const Json event = Json::parse(line, nullptr, /*allow_exceptions=*/false);
   if (!event.is_object()) return;
   const std::string type = event.value("type", "");
@@ -195,6 +202,7 @@ void Bridge::helperEnded(const client::Exited& exited) {
                                              : "status " + std::to_string(exited.status);
   const std::string words =
       inputEnd_ + (inputEnd_.empty() ? "" : " ") + "The helper has ended with " + end + ".";
+  remember(words);
   if (!exited.isClean()) std::fprintf(stderr, "%s\n", words.c_str());
   interruption_ = {{"type", "ended"}, {"message", words}, {"status", failed_ ? 1 : 0}};
   tell(interruption_);

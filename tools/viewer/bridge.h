@@ -29,6 +29,10 @@ class Bridge {
   // Ends a helper that it started, which saves a running take; then stops the context.
   void end();
   bool hasFailed() const { return failed_; }
+  // The helper that `own` started.
+  client::Helper& helper() { return camera_->helper(); }
+  // What the helper said last, and how it ended.
+  std::vector<std::string> lastLines() const { return {lastLines_.begin(), lastLines_.end()}; }
 
  private:
   using Json = nlohmann::json;
@@ -54,6 +58,7 @@ class Bridge {
   void eventCame(const std::string& line);
   void inputEnded(std::uint64_t frames);
   void helperEnded(const client::Exited& exited);
+  void remember(const std::string& line);
   void finishTake();
   void takesRecovered(const std::vector<std::string>& lines);
 
@@ -72,6 +77,7 @@ class Bridge {
   // Messages for a page that opens later.
   Json session_;
   std::map<std::string, Json> latestEvents_;  // by type
+  std::deque<std::string> lastLines_;         // for a report
   Json interruption_;                         // of the stream, while it lasts; or null
   Json interruptedTakes_;                     // and the results of a recovery; or null
   std::vector<std::uint8_t> configuration_;   // the latest packet

@@ -10,10 +10,13 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 
 #include "client/child_process.h"
+#include "tools/cameras.h"
 #include "tools/parse_number.h"
 #include "tools/viewer/bridge.h"
+#include "tools/viewer/report.h"
 
 namespace {
 
@@ -21,15 +24,21 @@ using namespace lumora;
 
 constexpr const char* usage =
     "usage: lumora-view --demo [--helper PROGRAM] [--folder FOLDER] [--size WxH] [--rate N]\n"
+    "                          [--format FORMAT] [--share] [--report FILE]\n"
     "       TAVO_VIDEO_TOKEN=... lumora-view --port PORT [--host ADDRESS]\n"
+    "       lumora-view --list\n"
+    "       lumora-view --report FILE [--helper PROGRAM]\n"
     "       --listen PORT   the page's own port\n";
 
 struct Options {
   bool demo = false;
+  bool list = false;
+  bool share = false;
   std::string helper;
   std::string folder = ".";
-  client::FrameSize size{1280, 720};
+  tools::CameraWish camera;
   int rate = 60;
+  std::string report;            // a file; empty: none
   tools::HelperAddress address;  // of a helper to join
   std::uint16_t listen = 0;
 };
@@ -45,13 +54,15 @@ bool parseSize(std::string_view text, client::FrameSize& size) {
 }
 
 bool apply(const std::string& name, const std::string& value, Options& options) {
-  if (name == "--size") return parseSize(value, options.size);
+  if (name == "--size") return parseSize(value, options.camera.size.emplace());
   if (name == "--rate") return tools::parseNumber(value, options.rate) && options.rate > 0;
   if (name == "--port") return tools::parseNumber(value, options.address.port);
   if (name == "--listen") return tools::parseNumber(value, options.listen);
   std::string* const text = name == "--helper"   ? &options.helper
                             : name == "--folder" ? &options.folder
                             : name == "--host"   ? &options.address.host
+                            : name == "--format" ? &options.camera.format
+                            : name == "--report" ? &options.report
                                                  : nullptr;
   if (text != nullptr) *text = value;
   return text != nullptr;
@@ -60,15 +71,22 @@ bool apply(const std::string& name, const std::string& value, Options& options) 
 std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
   Options options;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
-    if (arguments[i] == "--demo") {
-      options.demo = true;
+    bool* const flag = arguments[i] == "--demo"    ? &options.demo
+                       : arguments[i] == "--list"  ? &options.list
+                       : arguments[i] == "--share" ? &options.share
+                                                   : nullptr;
+    if (flag != nullptr) {
+      *flag = true;
     } else if (i + 1 == arguments.size() || !apply(arguments[i], arguments[i + 1], options)) {
       return std::nullopt;
     } else {
       ++i;
     }
   }
-  if (options.demo == (options.address.port != 0)) return std::nullopt;  // one or the other
+  const bool joins = options.address.port != 0;
+  const bool reports = !options.report.empty() && !options.demo;
+  if (options.demo + joins + options.list + reports != 1) return std::nullopt;
+  if (options.share && !options.demo) return std::nullopt;
   return options;
 }
 
@@ -85,6 +103,16 @@ std::string findHelper(const std::string& named) {
   return "";
 }
 
+// Writes the report if there is to be one. Returns false if that fails.
+bool report(const Options& options, const std::vector<std::string>& events) {
+  if (options.report.empty()) return true;
+  std::fputs("Trying the encoders for the report, some seconds each.\n", stderr);
+  std::ofstream file(options.report);
+  file << viewer::makeReport(findHelper(options.helper), events) << std::flush;
+  if (!file) std::fprintf(stderr, "The report could not be written.\n");
+  return static_cast<bool>(file);
+}
+
 [[noreturn]] void run(const Options& options) {
   boost::asio::io_context context(1);
   viewer::WebServer server(context, options.listen, client::makeToken());
@@ -98,17 +126,24 @@ std::string findHelper(const std::string& named) {
   if (options.demo) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
+    const auto size = options.camera.size.value_or(client::FrameSize{1280, 720});
     bridge.own({.program = findHelper(options.helper), .frames = tools::frameTransport()},
-               tools::openInput(options.size, options.rate), options.rate, folder);
+               tools::openInput(size, options.rate, options.camera), options.rate, folder);
   } else {
     bridge.join(options.address);
   }
   server.start(bridge.webHandlers());
   std::printf("%s\n", server.address().c_str());
+  if (options.share) {
+    std::printf("TAVO_VIDEO_TOKEN=%s lumora-tap %u\n", bridge.helper().token().c_str(),
+                bridge.helper().port());
+  }
   std::fflush(stdout);
   context.run();
   std::fflush(stdout);
-  _exit(bridge.hasFailed() ? 1 : 0);  // does not wait for a camera that hangs
+  signals.clear();  // Ctrl-C ends the viewer during the report, too
+  const bool isReported = report(options, bridge.lastLines());
+  _exit(bridge.hasFailed() || !isReported ? 1 : 0);  // does not wait for a camera that hangs
 }
 
 }  // namespace
@@ -121,14 +156,22 @@ int main(int argc, char** argv) {
   }
   const char* token = std::getenv("TAVO_VIDEO_TOKEN");  // NOLINT(concurrency-mt-unsafe): no threads
   if (token != nullptr) options->address.token = token;
-  if (!options->demo && options->address.token.empty()) {
+  const bool joins = options->address.port != 0;
+  if (joins && options->address.token.empty()) {
     std::fputs("TAVO_VIDEO_TOKEN is not set. Give it the helper's token.\n", stderr);
     return 2;
   }
-  try {
-    run(*options);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+  if (!options->report.empty() && !std::ofstream(options->report)) {
+    std::perror(options->report.c_str());  // now, not after a run that is to be reported
     return 1;
   }
+  std::vector<std::string> events;
+  try {
+    if (options->list) std::fputs(tools::listCameras().c_str(), stdout);
+    if (options->demo || joins) run(*options);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    events = {error.what()};
+  }
+  return report(*options, events) && events.empty() ? 0 : 1;
 }

@@ -1,0 +1,49 @@
+#include "tools/cameras.h"
+
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "tools/programs.h"
+
+namespace lumora::tools {
+namespace {
+
+std::string describeCamera(const std::string& device) {
+  // ffmpeg fails after every list.
+  const std::string printed =
+      outputOf("{ ffmpeg -hide_banner -nostdin -f v4l2 -list_formats all -i " +
+               shellQuoted(device) + "; true; }");
+  std::string text = device + "\n";
+  const auto formats = parseCameraFormats(printed);
+  for (const auto& [name, sizes] : formats)
+    text.append("  --format ").append(name).append(" --size ").append(sizes).append("\n");
+  if (!formats.empty()) return text;
+  std::string reason;
+  std::istringstream lines(printed);
+  while (std::getline(lines, reason)) continue;  // the last line says it
+  return text + "  " + reason + "\n";
+}
+
+}  // namespace
+
+std::vector<CameraFormat> parseCameraFormats(const std::string& printed) {
+  // "Raw       :     yuyv422 :           YUYV 4:2:2 : 640x480 1280x720"
+  static const std::regex line(R"((?:Raw|Compressed) *: *(\S+) :.*: *(.*))");
+  std::vector<CameraFormat> formats;
+  for (std::sregex_iterator found(printed.begin(), printed.end(), line), end; found != end; ++found)
+    if ((*found)[1] != "Unsupported") formats.push_back({(*found)[1], (*found)[2]});
+  return formats;
+}
+
+std::string listCameras() {
+  std::set<std::string> devices;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev"))
+    if (entry.path().filename().string().starts_with("video")) devices.insert(entry.path());
+  std::string text;
+  for (const std::string& device : devices) text += describeCamera(device);
+  return text.empty() ? "There is no camera in /dev.\n" : text;
+}
+
+}  // namespace lumora::tools

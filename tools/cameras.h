@@ -1,0 +1,23 @@
+#pragma once
+
+// The cameras of this machine, as ffmpeg sees them.
+
+#include <string>
+#include <vector>
+
+namespace lumora::tools {
+
+struct CameraFormat {
+  std::string name;   // ffmpeg's, for `CameraWish::format`
+  std::string sizes;  // "640x480 1280x720", or ranges such as "{32-1920, 2}x{32-1080, 2}"
+};
+
+// The formats in what ffmpeg prints for "-list_formats all", without those that it can't read.
+// Pure.
+std::vector<CameraFormat> parseCameraFormats(const std::string& printed);
+
+// The formats and sizes of each camera, for people. A camera that can't be read has ffmpeg's reason
+// instead.
+std::string listCameras();
+
+}  // namespace lumora::tools
