@@ -52,6 +52,7 @@ cat >"$content/package.json" <<END
   "description": "The lumora-video encoder helper for x86-64 Linux with glibc",
   "author": "the lumora-video authors",
   "license": "GPL-3.0-only",
+  "reports": "to whoever you got this package from; vulnerabilities in private",
   "os": ["linux"],
   "cpu": ["x64"],
   "libc": ["glibc"],
