@@ -1,0 +1,53 @@
+// docs/troubleshooting.md has the words of the errors of the client libraries and the tools, and no
+// others in its tables about these.
+
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import { test } from 'node:test';
+
+const root = new URL('..', import.meta.url);
+const read = (path) => fs.readFileSync(new URL(path, root), 'utf8');
+const filesIn = (folder, end) => fs.readdirSync(new URL(folder, root))
+  .filter((name) => name.endsWith(end)).map((name) => folder + name);
+
+// `soak` is for developers, and the words in `report` are not errors.
+const cpp = [...filesIn('client/', '.cpp'), ...filesIn('tools/', '.cpp'),
+  ...filesIn('tools/viewer/', '.cpp'), 'src/mp4/movie_recovery.cpp', 'src/mp4/staging_movie.cpp']
+  .filter((path) => !/soak|report/.test(path));
+const sources = [...cpp, ...filesIn('client/node/src/', '.ts')].map(read)
+  .map((text) => text.replace(/^ *\/\/.*/gm, '') // comments
+    .replace(/"\s*\n\s*"|(['`]) \+\s+\1/g, '')); // a string in several lines
+
+const strings = /"((?:[^"\\\n]|\\.)*)"|'((?:[^'\\\n]|\\.)*)'|`([^`]*)`/g;
+const stringsIn = (text) => [...text.matchAll(strings)].map(([, ...kinds]) => kinds.join(''));
+
+// What is thrown, and the sentences.
+const errors = sources.flatMap((text) => [
+  ...[...text.matchAll(/\b(?:throw |\w*[Ee]rror\(|abandon\w*\(|problem = )[^;]*;/g)]
+    .flatMap(([statement]) => stringsIn(statement)),
+  ...stringsIn(text.replace(/std::printf\([^;]*;/g, '')).filter((found) =>
+    /^[A-Z][A-Z_a-z]* [a-z]/.test(found) && !found.startsWith('Trying')),
+]);
+
+const unescaped = (text) => text.replace(/\\(["'])/g, '$1');
+// The parts of a text with two words or more, between what changes.
+const partsOf = (text, changes) => unescaped(text).split(changes).map((part) => part.trim())
+  .filter((part) => /\w \w/.test(part));
+
+const page = read('docs/troubleshooting.md');
+
+test('the page has every error', () => {
+  assert.ok(errors.length > 80, `${errors.length}`);
+  const parts = errors.flatMap((text) => partsOf(text, /\$\{[^}]*\}|%\w+|\\n/));
+  assert.deepEqual(parts.filter((part) => !page.includes(part)), []);
+});
+
+test('each error of the page exists', () => {
+  const all = sources.map(unescaped).join();
+  const sections = page.split(/^## /m).filter((section) => /^In the /.test(section));
+  const words = sections.flatMap((section) => [...section.matchAll(/^\| (.*?) \|/gm)])
+    .flatMap(([, cell]) => [...cell.matchAll(/`([^`]+)`/g)].map(([, text]) => text));
+  assert.ok(words.length > 60, `${words.length}`);
+  const parts = words.flatMap((text) => partsOf(text, /\.\.\.|: /));
+  assert.deepEqual(parts.filter((part) => !all.includes(part)), []);
+});
