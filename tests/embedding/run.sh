@@ -1,16 +1,30 @@
 #!/usr/bin/env bash
-# Builds the example with a shared client library inside its own project, and runs it.
+# Builds the example and that of the README with a shared client library inside its own project, and runs
+# them.
 #
 #   tests/embedding/run.sh HELPER
 set -euo pipefail
 source=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# As it stands, but in another folder than /videos, and with a camera.
+example=$(sed -n '/^```cpp$/,/^```$/{/^```/!p}' "$source/README.md" | sed "s|/videos/|$work/readme-|")
+{
+  cat "$source/tests/embedding/camera.h"
+  grep -E '^(#include|using)' <<<"$example"
+  echo 'int main() {'
+  grep -vE '^(#include|using)' <<<"$example"
+  echo '}'
+} >"$work/readme.cpp"
 cmake -S "$source/tests/embedding" -B "$work" -DBUILD_SHARED_LIBS=ON -DLUMORA_SOURCE="$source" >/dev/null
 cmake --build "$work" -j 2 >/dev/null
 readelf -d "$work/lumora/client/liblumora-client.so" | grep -E 'SONAME.*liblumora-client\.so\.[0-9]+\.[0-9]+\]'
 # What the library throws, the application catches.
 said=$(LUMORA_VIDEO_PATH=/nowhere "$work/record" "$work" 2>&1) && exit 1
 grep -q 'there is no program at /nowhere' <<<"$said"
-LUMORA_VIDEO_PATH=$1 "$work/record" "$work"
-ffmpeg -v error -xerror -nostdin -i "$work/take.mp4" -f null -
+export LUMORA_VIDEO_PATH=$1
+"$work/record" "$work"
+"$work/readme"
+for take in take readme-take; do
+  ffmpeg -v error -xerror -nostdin -i "$work/$take.mp4" -f null -
+done
