@@ -8,7 +8,7 @@ import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import { test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { frameId, startHelper, uptime } from '../../client/node/dist/esm/index.js';
+import { startHelper } from '../../client/node/dist/esm/index.js';
 import { folder, inFolder } from '../parent.mjs';
 import { browser } from './browser.mjs';
 
@@ -53,9 +53,8 @@ async function show(path, time) {
 test('a camera track becomes a take that shows what the camera showed', async (context) => {
   let starting;
   await page.exposeFunction('feed', async (format, size, base64) => {
-    const id = frameId(uptime());
     starting ??= startTake(context, 'camera.mp4', format, { resolution: '640x360', targetFps: 30 });
-    return (await starting).helper.writeFrame(size, id, Buffer.from(base64, 'base64')).done;
+    return (await starting).helper.writeFrame(size, Buffer.from(base64, 'base64')).done;
   });
   const last = await page.evaluate(async (module) => {
     const { copyVideoFrame, videoFrameFormat } = await import(module);
@@ -92,15 +91,15 @@ const endings = {
   'that is stopped': (helper, take) => take.stop(),
   'whose helper is killed': (helper) => process.kill(helper.pid, 'SIGKILL'),
   'that fails and keeps what it has': (helper) =>
-    helper.writeFrame({ width: 540, height: 360 }, 201, stripes.subarray(0, 540 * 360 * 4)),
+    helper.writeFrame({ width: 540, height: 360 }, stripes.subarray(0, 540 * 360 * 4)),
 };
 for (const [name, end] of Object.entries(endings)) {
   test(`a take ${name} plays and seeks in its colours`, async (context) => {
     const { helper, take } = await startTake(context, `${name}.mp4`, 'rgba,top');
     const saved = take.saved.then(({ path }) => path,
-      ({ keptPath }) => keptPath ? inFolder(keptPath) : toMovieName(take));
-    for (let id = 1; id <= 200; id += 1) {
-      await helper.writeFrame({ width: 1080, height: 720 }, id, stripes).done;
+      ({ kept }) => kept?.path ?? toMovieName(take));
+    for (let number = 1; number <= 200; number += 1) {
+      await helper.writeFrame({ width: 1080, height: 720 }, stripes).done;
       await sleep(15);
     }
     end(helper, take);

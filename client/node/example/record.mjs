@@ -6,32 +6,28 @@ import { mkdtempSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join, resolve } from 'node:path';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { frameId, startHelper, uptime } from 'lumora-video-client';
+import { startHelper } from 'lumora-video-client';
 
 const size = { width: 1280, height: 720 };
 const framesPerSecond = 60;
 const seconds = 2;
 
-// One is being written, one waits, one is being painted.
-const buffers = Array.from({ length: 3 }, () => Buffer.alloc(size.width * size.height * 4));
-
 function paint(pixels, time) {
+  const bytes = Buffer.from(pixels.buffer, pixels.byteOffset, pixels.length);
   for (let y = 0; y < size.height; ++y) {
     const colour = [y & 255, (y + time) & 255, (time * 4) & 255, 255];
-    pixels.fill(Buffer.from(colour), y * size.width * 4, (y + 1) * size.width * 4);
+    bytes.fill(Buffer.from(colour), y * size.width * 4, (y + 1) * size.width * 4);
   }
 }
 
 async function feed(helper) {
   const start = performance.now();
-  const free = [...buffers];
   for (let number = 1; number <= framesPerSecond * seconds; ++number) {
-    const pixels = free.pop();
-    if (pixels) {
-      paint(pixels, number);
-      const { done } = helper.writeFrame(size, frameId(uptime()), pixels);
-      done.then(() => free.push(pixels));
-    } // else every buffer is in use: this picture is dropped
+    const frame = helper.acquireFrame(size);
+    if (frame) {
+      paint(frame.pixels, number);
+      helper.publish(frame);
+    } // else the helper is behind: this picture is dropped
     await sleep(Math.max(0, start + (number * 1000) / framesPerSecond - performance.now()));
   }
 }

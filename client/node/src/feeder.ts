@@ -5,12 +5,7 @@
 import type { Writable } from 'node:stream';
 
 import { deferred } from './deferred.js';
-
-/**
- * `written`: the helper has read the frame. If the helper drops it, `droppedRaw` counts it.
- * `dropped`: a newer frame replaced it, or the helper no longer reads.
- */
-export type FrameOutcome = 'written' | 'dropped';
+import type { FrameCounts, FrameOutcome } from './frame_counts.js';
 
 export interface FrameWrite {
   /** `dropped`: the helper has ended or is stopping. */
@@ -26,7 +21,7 @@ interface Entry {
 }
 
 export class Feeder {
-  readonly counts = { written: 0, dropped: 0 };
+  readonly counts: FrameCounts = { written: 0, dropped: 0 };
   readonly #input: Writable;
   #waiting: Entry[] = [];
   #isWriting = false;
@@ -54,6 +49,13 @@ export class Feeder {
     this.#waiting.push({ parts: [header, pixels], isFrame: true, settle });
     this.#writeNext();
     return { state: 'queued', done };
+  }
+
+  /** Whether one more frame would be dropped or drop another. If so, counts it as dropped. */
+  skipsFrame(): boolean {
+    const skips = this.#ending || this.#waiting.some(({ isFrame }) => isFrame);
+    if (skips) this.counts.dropped += 1;
+    return skips;
   }
 
   /** Returns false once the input is closing. */

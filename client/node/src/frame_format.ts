@@ -1,6 +1,8 @@
 // The formats of frames. The helper ends when it gets a format or a length that it does not accept,
 // so the checks here throw first. A page uses this file, too, so it uses none of Node's modules.
 
+import { invalid } from './errors.js';
+
 /** Pixels; both even. */
 export interface FrameSize {
   width: number;
@@ -42,19 +44,19 @@ function isEncoding(word: string): word is FrameEncoding {
   return Object.hasOwn(bitsPerPixel, word);
 }
 
-/** Throws a TypeError or a RangeError for a format that the helper does not accept. */
+/** Throws an ArgumentError for a format that the helper does not accept. */
 export function encodingOf(format: FrameFormat): FrameEncoding {
-  if (typeof format !== 'string') throw new TypeError('a frame format must be a string');
+  if (typeof format !== 'string') throw invalid('a frame format must be a string');
   const [encoding = '', ...words] = format.split(',');
   if (!isEncoding(encoding)) {
     const known = Object.keys(bitsPerPixel).join(', ');
-    throw new RangeError(`the frame format "${format}" begins with none of ${known}`);
+    throw invalid(`the frame format "${format}" begins with none of ${known}`);
   }
   const pairs = coloured.includes(encoding) ? [rows, ...colours] : [rows];
   const isKnown = words.every((word) => pairs.flat().includes(word));
   if (!isKnown || pairs.some((pair) => words.filter((word) => pair.includes(word)).length > 1)) {
     const choices = pairs.map((pair) => pair.join(' or ')).join(', ');
-    throw new RangeError(`the frame format "${format}": ${encoding} takes, once each, ${choices}`);
+    throw invalid(`the frame format "${format}": ${encoding} takes, once each, ${choices}`);
   }
   return encoding;
 }

@@ -1,6 +1,7 @@
 // One helper process: its input, its events, its end.
 
 import { deferred } from './deferred.js';
+import { disposeWith } from './dispose.js';
 import { typedEmitter } from './emitter.js';
 import { EventQueue } from './event_queue.js';
 import {
@@ -12,8 +13,10 @@ import {
 } from './events.js';
 import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
+import { FramePool, type Frame } from './frame.js';
+import type { FrameCounts } from './frame_counts.js';
 import type { FrameEncoding, FrameSize } from './frame_format.js';
-import { StartError, type HelperProcess } from './launch.js';
+import type { HelperProcess } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
   checkedId,
@@ -23,8 +26,9 @@ import {
   type FrameId,
   type Pixels,
 } from './records.js';
+import { StartError } from './start_error.js';
 import { Takes, type Take, type TakeOptions } from './take.js';
-import { settlesWithin } from './timing.js';
+import { frameId, settlesWithin } from './timing.js';
 
 // Milliseconds since `stop`. A helper that is asked to end does so within 2.2 s, even if it must
 // finish a take.
@@ -46,6 +50,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   readonly #token: string;
   readonly #encoding: FrameEncoding;
   readonly #feeder: Feeder;
+  readonly #pool = new FramePool();
   readonly #takes: Takes;
   readonly #queues = new Set<EventQueue<HelperEvent>>();
   readonly #whenReady = deferred<ReadyEvent>();
@@ -93,8 +98,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#ready as ReadyEvent;
   }
 
-  /** How many frames were written into the helper, and how many were dropped here. */
-  get frames(): { written: number; dropped: number } {
+  get frameCounts(): FrameCounts {
     return { ...this.#feeder.counts };
   }
 
@@ -104,21 +108,49 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Queues a picture in the helper's format. Returns at once. A newer frame replaces one that is
-   * waiting. `pixels` may be reused when the promise `done` of the result resolves. Throws a
-   * TypeError or a RangeError when the helper would not accept the size, the id or the length.
+   * Memory for the next frame. Undefined, and counted as dropped, while one frame is written and
+   * one waits, and when the helper has ended: skip this frame then. Throws an ArgumentError for a
+   * size that the helper does not accept.
    */
-  writeFrame(size: FrameSize, id: FrameId, pixels: Pixels): FrameWrite {
+  acquireFrame(size: FrameSize): Frame | undefined {
+    checkSize(size);
+    return this.#feeder.skipsFrame() ? undefined : this.#pool.acquire(size, this.#encoding);
+  }
+
+  /**
+   * Queues a frame of `acquireFrame`, which is empty then, and returns at once. `id` is that of
+   * `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame that was
+   * published or closed, and for `mjpeg` without a length.
+   */
+  publish(frame: Frame, id?: FrameId): FrameWrite {
+    const { picture, giveBack } = frame.take();
+    try {
+      const write = this.writeFrame(frame.size, picture, id);
+      void write.done.then(giveBack);
+      return write;
+    } catch (error) {
+      giveBack();
+      throw error;
+    }
+  }
+
+  /**
+   * Queues a picture in the helper's format, and returns at once. `pixels` may be reused when
+   * `done` resolves, with `written` or `dropped`: a newer frame replaces a waiting one. By default
+   * the `id` is the uptime now, in microseconds. Throws an ArgumentError for a size, a length or an
+   * id that the helper does not accept.
+   */
+  writeFrame(size: FrameSize, pixels: Pixels, id?: FrameId): FrameWrite {
     checkSize(size);
     const bytes = pixelBytes(pixels, size, this.#encoding);
-    this.#lastFrame = checkedId(id, this.#lastFrame);
+    this.#lastFrame = id === undefined ? this.#nextId() : checkedId(id, this.#lastFrame);
     return this.#feeder.writeFrame(recordHeader(bytes.length, size, this.#lastFrame), bytes);
   }
 
   /**
-   * Starts a take after the frames written so far. Resolves when the helper has accepted it. Rejects
-   * with a TakeError when the helper refuses or does not answer for 10 s, or with a RangeError for
-   * options that it would refuse.
+   * Starts a take after the frames written so far. Resolves when the helper has accepted it.
+   * Rejects with a TakeError when the helper refuses or does not answer for 10 s, or with an
+   * ArgumentError for options that it would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);
@@ -145,6 +177,12 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#stopping;
   }
 
+  // Above the last id, even within a microsecond.
+  #nextId(): bigint {
+    const [now, next] = [BigInt(frameId()), this.#lastFrame + 1n];
+    return now > next ? now : next;
+  }
+
   async #stop(): Promise<HelperExit> {
     const timers = [
       setTimeout(() => this.#process.kill('SIGTERM'), terminateAfter),
@@ -163,9 +201,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
   // SIGKILL has not ended the helper. Or the helper has ended, but another process keeps its pipes
   // open.
   #giveUp(): void {
-    const { stdin, stdout, exitCode, signalCode } = this.#process;
-    stdin.destroy();
-    stdout.destroy();
+    const { stdio, exitCode, signalCode } = this.#process;
+    for (const pipe of stdio) pipe?.destroy();
     this.#process.unref();
     this.#settle(exitCode, exitCode === null ? (signalCode ?? 'SIGKILL') : null);
   }
@@ -189,7 +226,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
     this.#exit = { type: 'exit', raw: '', ...exit };
     this.#feeder.end();
     const cause = describeExit(exit);
-    this.#whenReady.reject(new StartError(`the helper ended at once (${cause})`));
+    const message = `the helper ended at once (${cause})`;
+    this.#whenReady.reject(new StartError('ENDED', message, { exit }));
     this.#takes.abandon(cause);
     for (const queue of this.#queues) this.#close(queue, this.#exit);
     this.emit('exit', this.#exit);
@@ -202,10 +240,6 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 }
 
-if (Symbol.asyncDispose) {
-  Object.defineProperty(Helper.prototype, Symbol.asyncDispose, {
-    async value(this: Helper) {
-      await this.stop();
-    },
-  });
-}
+disposeWith(Helper, Symbol.asyncDispose, async function () {
+  await this.stop();
+});

@@ -7,6 +7,7 @@ import type { Readable, Writable } from 'node:stream';
 
 import type { FrameFormat } from './frame_format.js';
 import { findProgram } from './program.js';
+import { StartError } from './start_error.js';
 
 export interface LaunchOptions {
   /**
@@ -24,16 +25,14 @@ export interface LaunchOptions {
   format?: FrameFormat;
   /** Added to the environment of this process. */
   env?: Record<string, string>;
-  /** Where the helper's standard error goes: inherited by default, ignored, or a descriptor. */
-  stderr?: 'inherit' | 'ignore' | number;
+  /**
+   * Where the helper's standard error goes: inherited by default, ignored, a descriptor, or a
+   * function that gets the text in pieces of any length.
+   */
+  stderr?: 'inherit' | 'ignore' | number | ((text: string) => void);
 }
 
-export type HelperProcess = ChildProcessByStdio<Writable, Readable, null>;
-
-/** The helper did not start, or ended before it was ready. */
-export class StartError extends Error {
-  override readonly name = 'StartError';
-}
+export type HelperProcess = ChildProcessByStdio<Writable, Readable, Readable | null>;
 
 function argumentsOf({ host, port, preview }: LaunchOptions): string[] {
   const values = {
@@ -58,14 +57,17 @@ function environmentOf({ env, format }: LaunchOptions, token: string): NodeJS.Pr
 }
 
 export async function launch(options: LaunchOptions, token: string): Promise<HelperProcess> {
+  const { stderr = 'inherit' } = options;
+  const program = await findProgram(options.program);
   try {
-    const child = spawn(await findProgram(options.program), argumentsOf(options), {
+    const child = spawn(program, argumentsOf(options), {
       env: environmentOf(options, token),
-      stdio: ['pipe', 'pipe', options.stderr ?? 'inherit'],
+      stdio: ['pipe', 'pipe', typeof stderr === 'function' ? 'pipe' : stderr],
     }) as HelperProcess;
+    if (typeof stderr === 'function') child.stderr?.setEncoding('utf8').on('data', stderr);
     await once(child, 'spawn');
     return child;
-  } catch (error) {
-    throw new StartError((error as Error).message, { cause: error });
+  } catch (cause) {
+    throw new StartError('NOT_STARTED', (cause as Error).message, { cause });
   }
 }

@@ -1,6 +1,7 @@
 // For a page: the bytes of a camera's VideoFrame, and their format in the helper's words. The page
 // posts them to the process with Node, which feeds the helper. Uses none of Node's modules.
 
+import { ArgumentError, invalid } from './errors.js';
 import {
   encodingOf,
   pictureBytes,
@@ -31,8 +32,10 @@ export interface CameraFrame {
     target: Uint8Array,
     options: { rect: Rectangle; layout: Plane[]; format?: 'RGBA' },
   ): Promise<unknown>;
+  close(): void;
 }
 
+/** A picture without padding. */
 export interface FrameCopy {
   size: FrameSize;
   pixels: Uint8Array;
@@ -83,18 +86,19 @@ function planesOf(encoding: FrameEncoding, { width, height }: FrameSize): Plane[
 /**
  * Copies the visible part of a frame, with even sides, into `reuse` if that has the right length,
  * else into new memory. `format` is the helper's: the result of `videoFrameFormat`, or `rgba,top`,
- * to which the browser converts. Rejects with a TypeError for a frame of another format.
+ * to which the browser converts. Rejects with the ArgumentError `FORMAT_CHANGED` for any other.
  */
 export async function copyVideoFrame(
   frame: CameraFrame,
   format: FrameFormat,
   reuse?: Uint8Array,
 ): Promise<FrameCopy> {
-  if (!frame.visibleRect) throw new TypeError('the VideoFrame is closed');
+  if (!frame.visibleRect) throw invalid('the VideoFrame is closed');
   const own = videoFrameFormat(frame);
   if (own !== format && format !== 'rgba,top') {
     const found = own ?? `${frame.format} with the matrix ${frame.colorSpace.matrix}`;
-    throw new TypeError(`the helper was started for ${format}, and the VideoFrame is ${found}`);
+    const message = `the helper was started for ${format}, and the VideoFrame is ${found}`;
+    throw new ArgumentError('FORMAT_CHANGED', message);
   }
   const rect = evenPart(frame.visibleRect);
   const { width, height } = rect;

@@ -3,6 +3,8 @@
 import { accessSync, constants, statSync } from 'node:fs';
 import { delimiter, join, resolve } from 'node:path';
 
+import { StartError } from './start_error.js';
+
 const programName = 'lumora-video';
 const variable = 'LUMORA_VIDEO_PATH';
 const platformPackage = `lumora-video-${process.platform}-${process.arch}`;
@@ -16,9 +18,12 @@ function isExecutable(path: string): boolean {
   }
 }
 
-function executable(path: string, source: string): string {
-  if (!isExecutable(path)) throw new Error(`there is no program at ${path} (${source})`);
-  return resolve(path); // absolute, or `spawn` would look up a bare name in the PATH
+const notFound = (message: string) => new StartError('PROGRAM_NOT_FOUND', message);
+
+/** Returns an absolute path. `source` says who named the program. */
+export function executable(path: string, source: string): string {
+  if (!isExecutable(path)) throw notFound(`there is no program at ${path} (${source})`);
+  return resolve(path); // or `spawn` would look up a bare name in the PATH
 }
 
 // The program in the npm package for this platform, if that is installed.
@@ -33,8 +38,8 @@ async function packagedProgram(): Promise<string | undefined> {
 
 /**
  * Returns the path of the helper: `program`, else `LUMORA_VIDEO_PATH`, else the program in the npm
- * package for this platform, else the one on the `PATH`. Rejects with an Error that says where it looked
- * or what to install.
+ * package for this platform, else the one on the `PATH`. Rejects with a StartError that says where
+ * it looked or what to install.
  */
 export async function findProgram(
   program?: string,
@@ -51,7 +56,7 @@ export async function findProgram(
     .map((folder) => join(folder, programName))
     .find(isExecutable);
   if (found) return found;
-  throw new Error(
+  throw notFound(
     `${programName} was not found: install the npm package "${platformPackage}" or the Debian ` +
       `package "${programName}", or name the program in ${variable} or the option "program"`,
   );

@@ -7,6 +7,7 @@
 //   | length | width | height | frame id | payload
 //   +--------+-------+--------+----------+---------
 
+import { invalid } from './errors.js';
 import { pictureBytes, type FrameEncoding, type FrameSize } from './frame_format.js';
 
 const headerBytes = 16;
@@ -24,24 +25,24 @@ function isSide(value: number): boolean {
   return Number.isInteger(value) && value % 2 === 0 && value >= 2 && value <= maximumSide;
 }
 
-/** Throws a RangeError for a size that the helper does not accept. */
+/** Throws an ArgumentError for a size that the helper does not accept. */
 export function checkSize({ width, height }: FrameSize): void {
   if (!isSide(width) || !isSide(height) || Math.min(width, height) > maximumShorterSide) {
-    throw new RangeError(`the helper does not accept frames of ${width}x${height}`);
+    throw invalid(`the helper does not accept frames of ${width}x${height}`);
   }
 }
 
 /** Returns a Buffer over the memory of `pixels`. Throws unless it has the length of one picture. */
 export function pixelBytes(pixels: Pixels, size: FrameSize, encoding: FrameEncoding): Buffer {
   if (!(pixels instanceof Uint8Array || pixels instanceof Uint8ClampedArray)) {
-    throw new TypeError('pixels must be a Uint8Array or a Uint8ClampedArray');
+    throw invalid('pixels must be a Uint8Array or a Uint8ClampedArray');
   }
   const { buffer, byteOffset, byteLength } = pixels;
   const [least, most] = pictureBytes(encoding, size);
   if (byteLength < least || byteLength > most) {
     const wanted = least === most ? least : `${least} to ${most}`;
     const picture = `${encoding} picture of ${size.width}x${size.height}`;
-    throw new RangeError(`one ${picture} has ${wanted} bytes, not ${byteLength}`);
+    throw invalid(`one ${picture} has ${wanted} bytes, not ${byteLength}`);
   }
   return Buffer.from(buffer, byteOffset, byteLength);
 }
@@ -49,11 +50,11 @@ export function pixelBytes(pixels: Pixels, size: FrameSize, encoding: FrameEncod
 /** Throws unless `id` is above `last`. */
 export function checkedId(id: FrameId, last: bigint): bigint {
   if (typeof id !== 'bigint' && !Number.isSafeInteger(id)) {
-    throw new TypeError('a frame id must be a safe integer or a bigint');
+    throw invalid('a frame id must be a safe integer or a bigint');
   }
   const value = BigInt(id);
   if (value <= last || value > maximumId) {
-    throw new RangeError(`frame id ${value} must be above ${last} and fit 64 bits`);
+    throw invalid(`frame id ${value} must be above ${last} and fit 64 bits`);
   }
   return value;
 }
@@ -70,7 +71,7 @@ export function recordHeader(length: number, { width, height }: FrameSize, id: b
 export function commandRecord(command: object): Buffer {
   const json = Buffer.from(JSON.stringify(command));
   if (json.length > maximumCommandBytes) {
-    throw new RangeError(`a command has at most ${maximumCommandBytes} bytes`);
+    throw invalid(`a command has at most ${maximumCommandBytes} bytes`);
   }
   return Buffer.concat([recordHeader(json.length, { width: 0, height: 0 }, 0n), json]);
 }

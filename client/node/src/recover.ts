@@ -4,7 +4,8 @@ import { execFile } from 'node:child_process';
 import { dirname, join, resolve } from 'node:path';
 import { promisify } from 'node:util';
 
-import { findProgram } from './program.js';
+import { CodedError } from './errors.js';
+import { executable, findProgram } from './program.js';
 
 export interface RecoveredTake {
   /** The file's old path. */
@@ -19,16 +20,26 @@ export interface RecoveredTake {
   left: string;
 }
 
+/** `RECOVERY_FAILED`: the folder or a file can't be read or written; the message says why. */
+export class RecoverError extends CodedError<'RECOVERY_FAILED'> {
+  override readonly name = 'RecoverError';
+}
+
 /**
  * Makes an ordinary movie of each interrupted take in a folder. Does not touch takes that are being
  * recorded. Needs the program `lumora-recover` in the helper's folder. `program` is the helper, as
- * in `startHelper`. Rejects if the folder can't be read.
+ * in `startHelper`. Rejects with a RecoverError, or with a StartError if a program is missing.
  */
 export async function recoverTakes(folder: string, program?: string): Promise<RecoveredTake[]> {
-  const recover = join(dirname(await findProgram(program)), 'lumora-recover');
-  const { stdout } = await promisify(execFile)(recover, ['--json', resolve(folder)], {
-    maxBuffer: Infinity,
-  });
-  const lines = stdout.split('\n').filter((line) => line !== '');
-  return lines.map((line) => JSON.parse(line) as RecoveredTake);
+  const helper = await findProgram(program);
+  const recover = executable(join(dirname(helper), 'lumora-recover'), 'beside the helper');
+  try {
+    const { stdout } = await promisify(execFile)(recover, ['--json', resolve(folder)], {
+      maxBuffer: Infinity,
+    });
+    const lines = stdout.split('\n').filter((line) => line !== '');
+    return lines.map((line) => JSON.parse(line) as RecoveredTake);
+  } catch (cause) {
+    throw new RecoverError('RECOVERY_FAILED', (cause as Error).message, { cause });
+  }
 }

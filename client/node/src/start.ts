@@ -1,6 +1,7 @@
 import { encodingOf } from './frame_format.js';
 import { Helper } from './helper.js';
-import { launch, StartError, type LaunchOptions } from './launch.js';
+import { launch, type LaunchOptions } from './launch.js';
+import { StartError } from './start_error.js';
 import { settlesWithin } from './timing.js';
 import { checkToken, makeToken } from './token.js';
 
@@ -24,15 +25,15 @@ async function waitUntilReady(helper: Helper): Promise<void> {
   const ready = helper.whenReady();
   const settled = ready.catch(() => undefined);
   if (!(await settlesWithin(settled, readyLimit))) {
-    throw new StartError('the helper did not become ready');
+    throw new StartError('NOT_READY', 'the helper did not become ready');
   }
   await ready;
 }
 
 /**
- * Starts the helper. Resolves when it accepts frames and stream clients. Rejects with a StartError that
- * says why it did not start, with the reason of `signal`, or with a TypeError or a RangeError for a
- * token or a format that the helper would not accept.
+ * Starts the helper. Resolves when it accepts frames and stream clients. Rejects with a StartError
+ * that says why it did not start, with the reason of `signal`, or with an ArgumentError for a token
+ * or a format that the helper would not accept.
  */
 export async function startHelper(options: HelperOptions = {}): Promise<Helper> {
   const { signal, token = makeToken(), format = 'rgba' } = options;

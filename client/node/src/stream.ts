@@ -3,9 +3,12 @@
 import { once } from 'node:events';
 import { connect, type Socket } from 'node:net';
 
+import { disposeWith } from './dispose.js';
+import { CodedError } from './errors.js';
 import { PacketSplitter } from './packet_splitter.js';
 import type { Packet } from './packets.js';
 import type { FrameId } from './records.js';
+import { settlesWithin } from './timing.js';
 import { checkToken } from './token.js';
 
 export interface StreamOptions {
@@ -22,24 +25,51 @@ export interface StreamOptions {
   acknowledgement?: 'automatic' | 'manual';
 }
 
+/**
+ * `UNREACHABLE`: the connection could not be made; `cause` is the system's error.
+ * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
+ * `REFUSED`: the token is wrong.
+ * `CLOSED`: the helper has ended.
+ * `MALFORMED`: the bytes are not those of a helper.
+ */
+export type StreamErrorCode = 'UNREACHABLE' | 'MALFORMED' | Refusal;
+type Refusal = 'NO_ROOM' | 'REFUSED' | 'CLOSED';
+
+export class StreamError extends CodedError<StreamErrorCode> {
+  override readonly name = 'StreamError';
+}
+
+const words: Record<Refusal, string> = {
+  NO_ROOM: 'the helper has no room for another client',
+  REFUSED: 'the helper refused the hello: the token is wrong',
+  CLOSED: 'the helper has ended',
+};
+
 // The first two come from an acknowledgement that arrives after the helper has ended, the last from
 // `close`.
 const endings = ['ECONNRESET', 'EPIPE', 'ERR_STREAM_PREMATURE_CLOSE'];
 
 const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoException).code ?? '');
 
-/** Iterate once with `for await` to get the packets. Leaving the loop closes the connection. */
+/**
+ * Iterate once with `for await` to get the packets. Leaving the loop closes the connection. The
+ * loop ends when the connection is closed. It throws a StreamError if no packet came before that.
+ */
 export class StreamClient implements AsyncIterable<Packet> {
+  /** Lets `using` close the connection. Missing where Node does not have the symbol. */
+  declare [Symbol.dispose]: () => void;
   readonly #socket: Socket;
   readonly #isAutomatic: boolean;
+  readonly #whyRefused: () => Promise<Refusal>;
   readonly #splitter = new PacketSplitter();
   #isAdmitted = false;
   #isClosed = false;
 
   /** @internal */
-  constructor(socket: Socket, isAutomatic: boolean) {
+  constructor(socket: Socket, isAutomatic: boolean, whyRefused: () => Promise<Refusal>) {
     this.#socket = socket;
     this.#isAutomatic = isAutomatic;
+    this.#whyRefused = whyRefused;
     socket.on('error', () => undefined); // the loop throws the error
   }
 
@@ -58,7 +88,7 @@ export class StreamClient implements AsyncIterable<Packet> {
     try {
       for await (const bytes of this.#socket) {
         this.#splitter.feed(bytes as Buffer);
-        for (let packet = this.#splitter.next(); packet; packet = this.#splitter.next()) {
+        for (let packet = this.#nextPacket(); packet; packet = this.#nextPacket()) {
           this.#isAdmitted = true;
           if (packet.type === 'frame' && this.#isAutomatic) this.acknowledge(packet.frameId);
           yield packet;
@@ -67,20 +97,64 @@ export class StreamClient implements AsyncIterable<Packet> {
     } catch (error) {
       if (!isEnd(error)) throw error;
     }
-    if (!this.#isAdmitted && !this.#isClosed) {
-      throw new Error(
-        'the helper sent nothing: the token is wrong, two clients are connected, or it has ended',
-      );
+    if (this.#isAdmitted || this.#isClosed) return;
+    const reason = await this.#whyRefused();
+    throw new StreamError(reason, words[reason]);
+  }
+
+  #nextPacket(): Packet | undefined {
+    try {
+      return this.#splitter.next();
+    } catch (error) {
+      throw new StreamError('MALFORMED', (error as Error).message);
     }
   }
 }
 
-/** Connects and sends the token. If the helper refuses it, the reading loop throws. */
+disposeWith(StreamClient, Symbol.dispose, function () {
+  this.close();
+});
+
+interface Address {
+  host: string;
+  port: number;
+}
+
+// Milliseconds. A helper without room closes a connection at once. With room it waits a second for
+// the hello.
+const roomLimit = 500;
+
+// The helper never says why it closes a connection. A second one that says nothing shows it.
+async function whyRefused(address: Address): Promise<Refusal> {
+  const socket = connect(address).resume();
+  try {
+    await once(socket, 'connect');
+    const closed = new Promise((resolve) => socket.once('close', resolve));
+    socket.on('error', () => undefined);
+    return (await settlesWithin(closed, roomLimit)) ? 'NO_ROOM' : 'REFUSED';
+  } catch {
+    return 'CLOSED';
+  } finally {
+    socket.destroy();
+  }
+}
+
+/**
+ * Connects and sends the token. Rejects with a StreamError if nobody listens, with an AbortError,
+ * or with an ArgumentError for a token that no helper has. If the helper refuses it, the loop
+ * throws.
+ */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {
   const { host = '127.0.0.1', port, token, signal, acknowledgement = 'automatic' } = options;
   checkToken(token);
   const socket = connect({ host, port, noDelay: true, signal });
-  await once(socket, 'connect');
+  try {
+    await once(socket, 'connect');
+  } catch (cause) {
+    if (signal?.aborted) throw cause;
+    throw new StreamError('UNREACHABLE', 'no helper listens there', { cause });
+  }
   socket.write(`${JSON.stringify({ type: 'hello', token })}\n`);
-  return new StreamClient(socket, acknowledgement === 'automatic');
+  const isAutomatic = acknowledgement === 'automatic';
+  return new StreamClient(socket, isAutomatic, () => whyRefused({ host, port }));
 }

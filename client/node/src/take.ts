@@ -1,9 +1,10 @@
 // Takes: their options, their commands, and the promises that settle when they start and end.
 
 import { randomUUID } from 'node:crypto';
-import { isAbsolute } from 'node:path';
+import { dirname, isAbsolute, join } from 'node:path';
 
 import { deferred, type Deferred } from './deferred.js';
+import { CodedError, invalid } from './errors.js';
 import type { RecordingEvent } from './events.js';
 import { commandRecord } from './records.js';
 import { checkCaptureTime, uptime } from './timing.js';
@@ -36,21 +37,37 @@ export interface TakeOptions {
   frameLog?: boolean;
 }
 
-/** A take was refused or failed, with the helper's message, or the helper ended before it was saved. */
-export class TakeError extends Error {
-  override readonly name = 'TakeError';
-  /** The name of a file in the folder of the take: what it recorded. Undefined when nothing was kept. */
-  readonly keptPath: string | undefined;
-  readonly keptFrames: number | undefined;
+/** What is left of a failed take. */
+export interface KeptTake {
+  path: string;
+  frames: number;
   /** Seconds. */
-  readonly keptDuration: number | undefined;
+  duration: number;
+}
 
-  constructor(message: string, event?: RecordingEvent) {
-    super(message);
-    this.keptPath = event?.keptPath;
-    this.keptFrames = event?.keptFrames;
-    this.keptDuration = event?.keptDuration;
+/**
+ * `REFUSED`: the helper did not begin the take. `FAILED`: it began and failed. Both have the
+ * helper's words as the message.
+ * `NO_ANSWER`: nothing was heard of its start for ten seconds.
+ * `HELPER_ENDED`: the helper ended before the take was saved.
+ */
+export type TakeErrorCode = 'REFUSED' | 'FAILED' | 'NO_ANSWER' | 'HELPER_ENDED';
+
+export class TakeError extends CodedError<TakeErrorCode> {
+  override readonly name = 'TakeError';
+  readonly kept: KeptTake | undefined;
+
+  constructor(code: TakeErrorCode, message: string, kept?: KeptTake) {
+    super(code, message);
+    this.kept = kept;
   }
+}
+
+function failureOf(event: RecordingEvent, folder: string): TakeError {
+  const { keptPath: name, keptFrames: frames = 0, keptDuration: duration = 0 } = event;
+  const kept = name === undefined ? undefined : { path: join(folder, name), frames, duration };
+  const isRefused = event.targetFps === undefined; // the answer to a refused start has none
+  return new TakeError(isRefused ? 'REFUSED' : 'FAILED', event.error, kept);
 }
 
 type Send = (record: Buffer) => boolean;
@@ -98,15 +115,15 @@ export class Take {
 
   /**
    * Ends the take after the frames written so far; returns `saved`. `stoppedAt` has the limits of
-   * `startedAt` in TakeOptions and must not be before it. For any other time this throws a RangeError
-   * and the take goes on, because the helper would fail it.
+   * `startedAt` in TakeOptions and must not be before it. For any other time this throws an
+   * ArgumentError and the take goes on, because the helper would fail it.
    */
   stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
     if (this.#stoppedAt !== undefined) return this.saved;
     // `startedAt` may be a little ahead.
     const { stoppedAt = Math.max(uptime(), this.startedAt) } = options;
     checkCaptureTime(stoppedAt);
-    if (stoppedAt < this.startedAt) throw new RangeError('stoppedAt is before startedAt');
+    if (stoppedAt < this.startedAt) throw invalid('stoppedAt is before startedAt');
     this.#stoppedAt = stoppedAt;
     this.#send(commandRecord({ type: 'record_stop', id: this.id, stopped_at: stoppedAt }));
     return this.saved;
@@ -128,20 +145,20 @@ interface StartCommand {
 
 function checkInteger(name: string, value: number | undefined, least: number, most: number): void {
   if (value === undefined || (Number.isInteger(value) && value >= least && value <= most)) return;
-  throw new RangeError(`${name} must be an integer from ${least} to ${most}`);
+  throw invalid(`${name} must be an integer from ${least} to ${most}`);
 }
 
 function startCommand(options: TakeOptions): StartCommand {
   const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
   const { keepFailed = true, minimumFree, bitRate, rotation, frameLog } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
-    throw new RangeError('the path of a take must be absolute and end in ".mp4"');
+    throw invalid('the path of a take must be absolute and end in ".mp4"');
   }
   checkCaptureTime(startedAt);
   checkInteger('minimumFree', minimumFree, 0, 2 ** 53);
   checkInteger('bitRate', bitRate, 250_000, 50_000_000);
   if (rotation !== undefined && ![0, 90, 180, 270].includes(rotation)) {
-    throw new RangeError('rotation must be 0, 90, 180 or 270');
+    throw invalid('rotation must be 0, 90, 180 or 270');
   }
   const id = randomUUID();
   const record = commandRecord({
@@ -177,14 +194,16 @@ export class Takes {
     const saved = deferred<RecordingEvent>();
     const take = new Take(command, saved.promise, this.#send);
     const started = deferred<Take>();
-    if (!this.#send(command.record)) return Promise.reject(new TakeError('the helper has ended'));
+    if (!this.#send(command.record)) {
+      return Promise.reject(new TakeError('HELPER_ENDED', 'the helper has ended'));
+    }
     const open = { take, started, saved };
     this.#open.set(command.id, open);
     let isAnswered = false;
     const expire = () => {
       if (isAnswered) return;
       void take.stop(); // if only its answer was lost, it runs
-      this.#fail(open, new TakeError('the helper did not answer'));
+      this.#fail(open, new TakeError('NO_ANSWER', 'the helper did not answer'));
     };
     // An answer that waits to be read is read before the immediate.
     const timer = setTimeout(() => setImmediate(expire), this.#answerLimit);
@@ -205,7 +224,9 @@ export class Takes {
   handle(event: RecordingEvent): void {
     const open = this.#open.get(event.id);
     if (!open) return; // the helper repeats the last event of a take
-    if (event.state === 'failed') return this.#fail(open, new TakeError(event.error, event));
+    if (event.state === 'failed') {
+      return this.#fail(open, failureOf(event, dirname(open.take.path)));
+    }
     // Any event may be the first to arrive: a parent that reads slowly loses events.
     open.started.resolve(open.take);
     if (event.state !== 'saved') return;
@@ -215,7 +236,8 @@ export class Takes {
 
   abandon(reason: string): void {
     for (const open of this.#open.values()) {
-      this.#fail(open, new TakeError(`the helper ended before the take was saved (${reason})`));
+      const message = `the helper ended before the take was saved (${reason})`;
+      this.#fail(open, new TakeError('HELPER_ENDED', message));
     }
   }
 

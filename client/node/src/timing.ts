@@ -1,23 +1,25 @@
+import { invalid } from './errors.js';
+
 /** Seconds on the helper's clock for frames and takes. */
 export function uptime(): number {
   return Number(process.hrtime.bigint()) / 1e9;
 }
 
 /** The id for a frame captured at this uptime. Viewers can tell from it how old the frame is. */
-export function frameId(uptimeSeconds: number): number {
-  return Math.floor(uptimeSeconds * 1e6);
+export function frameId(capturedAt = uptime()): number {
+  return Math.floor(capturedAt * 1e6);
 }
 
 // Seconds; the helper's limits.
 const maximumAge = 30;
 const maximumLead = 0.05;
 
-/** Throws a RangeError for a capture time that the helper does not accept. */
+/** Throws an ArgumentError for a capture time that the helper does not accept. */
 export function checkCaptureTime(seconds: number): void {
   const age = uptime() - seconds;
   const isAccepted = Number.isFinite(seconds) && seconds >= 0 && age <= maximumAge;
   if (!isAccepted || age < -maximumLead) {
-    throw new RangeError(
+    throw invalid(
       `a capture time must be uptime(), at most ${maximumAge} s ago or ${maximumLead} s ahead`,
     );
   }

@@ -1,5 +1,7 @@
 import { randomBytes } from 'node:crypto';
 
+import { invalid } from './errors.js';
+
 export function makeToken(): string {
   return randomBytes(24).toString('base64url');
 }
@@ -7,6 +9,6 @@ export function makeToken(): string {
 /** The error does not contain the token, because errors are logged. */
 export function checkToken(token: string): void {
   if (typeof token !== 'string' || !/^[A-Za-z0-9_-]{16,128}$/.test(token)) {
-    throw new RangeError('a token must be 16 to 128 characters of A-Z a-z 0-9 _ -');
+    throw invalid('a token must be 16 to 128 characters of A-Z a-z 0-9 _ -');
   }
 }

@@ -1,0 +1,21 @@
+// Errors have a `code`, so that nobody has to compare messages. A page uses this file, too, so it
+// uses none of Node's modules.
+
+export class CodedError<Code extends string> extends Error {
+  readonly code: Code;
+
+  constructor(code: Code, message: string, options?: ErrorOptions) {
+    super(message, options);
+    this.code = code;
+  }
+}
+
+/**
+ * `INVALID_ARGUMENT`: the helper would not accept this value.
+ * `FORMAT_CHANGED`: a VideoFrame does not have the format that the helper was started for.
+ */
+export class ArgumentError extends CodedError<'INVALID_ARGUMENT' | 'FORMAT_CHANGED'> {
+  override readonly name = 'ArgumentError';
+}
+
+export const invalid = (message: string) => new ArgumentError('INVALID_ARGUMENT', message);

@@ -1,0 +1,12 @@
+/** How many frames of the application were written into the helper, and how many were not. */
+export interface FrameCounts {
+  written: number;
+  /** The helper was behind, a newer frame replaced the frame, or the helper had ended. */
+  dropped: number;
+}
+
+/**
+ * `written`: the helper has read the frame. If the helper drops it, `droppedRaw` counts it.
+ * `dropped`: a newer frame replaced it, or the helper no longer reads.
+ */
+export type FrameOutcome = 'written' | 'dropped';
