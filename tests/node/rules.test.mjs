@@ -4,14 +4,15 @@ import assert from 'node:assert/strict';
 import { Duplex, Readable, Writable } from 'node:stream';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
-import { flipRows, frameId, startHelper, toWebCodecs, uptime }
+import { MessageChannel } from 'node:worker_threads';
+import { acceptFrames, flipRows, frameId, sendPreview, startHelper, toWebCodecs, uptime }
   from '../../client/node/dist/esm/index.js';
 
 const modules = ['event_queue', 'events', 'feeder', 'frame_format', 'helper', 'lines', 'page',
   'records', 'stream', 'take'].map((m) => import(`../../client/node/dist/esm/${m}.js`));
 const { checkedId, checkSize, commandRecord, copyVideoFrame, encodingOf, EventQueue, Feeder,
-  Helper, LineSplitter, parseEvent, pixelBytes, recordHeader, StreamClient, Takes,
-  videoFrameFormat } = Object.assign({}, ...await Promise.all(modules));
+  FrameSink, Helper, LineSplitter, parseEvent, pixelBytes, recordHeader, StreamClient, Takes,
+  throughPort, videoFrameFormat } = Object.assign({}, ...await Promise.all(modules));
 const invalid = { name: 'ArgumentError', code: 'INVALID_ARGUMENT' };
 const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
@@ -192,6 +193,89 @@ test('a start that is not answered fails, and its take is stopped', async () => 
   const takes = new Takes((record) => sent.push(JSON.parse(record.subarray(16)).type), 1);
   await assert.rejects(takes.start({ path: '/a.mp4' }), { name: 'TakeError', code: 'NO_ANSWER' });
   assert.deepEqual(sent, ['record_start', 'record_stop']);
+});
+
+test('a sink closes every frame, drops while two are unanswered, fails with a code', async () => {
+  const answers = [];
+  const posted = [];
+  const closed = [];
+  const drops = [];
+  const write = (frame) => {
+    posted.push(frame);
+    return new Promise((resolve, reject) => answers.push({ resolve, reject }));
+  };
+  const sink = new FrameSink(write, { onDrop: ({ dropped }) => drops.push(dropped) });
+  const frame = (number, format = 'NV12') => ({ format, copyTo: async (to) => to.fill(number),
+    colorSpace: { matrix: null, fullRange: null }, close: () => closed.push(number),
+    visibleRect: { x: 0, y: 0, width: 2, height: 2 } });
+  const writer = sink.writable.getWriter();
+  for (const number of [1, 2, 3]) await writer.write(frame(number)); // waits for no answer
+  answers[0].resolve('written');
+  await turn();
+  await writer.write(frame(4));
+  assert.deepEqual(posted.map(({ pixels }) => pixels[0]), [4, 2, 4]); // memory of the first
+  assert.equal(posted[0].pixels, posted[2].pixels);
+  assert.deepEqual([closed, drops, sink.counts], [[1, 2, 3, 4], [1], { written: 1, dropped: 1 }]);
+  answers[1].resolve('dropped');
+  await turn();
+  assert.deepEqual([drops, sink.counts.dropped], [[1, 2], 2]);
+  await assert.rejects(writer.write(frame(5, 'I420')), { code: 'FORMAT_CHANGED' });
+  assert.equal(closed.at(-1), 5);
+  const pictures = new FrameSink(write, { format: 'rgba' }).writable.getWriter();
+  await pictures.write({ size: { width: 2, height: 2 }, pixels: new Uint8Array(16) });
+  answers.at(-1).reject(Object.assign(new Error(), { code: 'GONE' }));
+  await assert.rejects(pictures.closed, { code: 'GONE' });
+});
+
+test('frames of a port are written or refused, and answered', async () => {
+  const { port1, port2 } = new MessageChannel();
+  const written = [];
+  const helper = { writeFrame: (...frame) => {
+    written.push(frame);
+    return { done: Promise.resolve('written') };
+  } };
+  acceptFrames(port1, async (format) => (format === 'rgba' ? helper : encodingOf(format)));
+  const write = throughPort(port2);
+  const size = { width: 2, height: 2 };
+  const pixels = Uint8Array.from({ length: 16 }, (_, i) => i);
+  assert.equal(await write({ format: 'rgba', size, pixels }), 'written');
+  assert.deepEqual(written, [[size, pixels]]);
+  await assert.rejects(write({ format: 'none', size, pixels }), { code: 'INVALID_ARGUMENT' });
+  port1.close();
+});
+
+test('drawing acknowledges; a page that is behind waits for a key frame', async () => {
+  const acknowledged = [];
+  const posted = [];
+  const handlers = {};
+  const port = { on: (name, handler) => { handlers[name] = handler; }, start() {},
+    postMessage: ({ config, chunk }) => posted.push([chunk.timestamp, config?.codedWidth]) };
+  const draw = (id) => handlers.message({ data: id });
+  const overdue = () => new Promise((resolve) => setTimeout(resolve, 20));
+  const parameters = { sequenceParameterSet: Uint8Array.of(1, 2, 3, 4) };
+  const configuration = (width) => ({ type: 'configuration', width, ...parameters,
+    pictureParameterSet: Uint8Array.of(width) });
+  const picture = (frameId, keyframe = false) =>
+    ({ type: 'frame', frameId: BigInt(frameId), keyframe, data: new Uint8Array(1) });
+  async function* packets() {
+    yield* [configuration(64), picture(1, true), picture(2)];
+    assert.deepEqual(acknowledged, []);
+    draw(2);
+    yield picture(3);
+    await overdue();
+    yield* [picture(4), configuration(32), picture(5, true)]; // the page has not drawn the third
+    draw(3);
+    yield* [picture(6), picture(7, true), picture(8)];
+    draw(8);
+  }
+  let isClosed = false;
+  const client = { [Symbol.asyncIterator]: packets, close: () => { isClosed = true; },
+    acknowledge: (id) => acknowledged.push(id) };
+  await sendPreview(client, port, 1);
+  assert.deepEqual(posted, [[1, 64], [2, undefined], [3, undefined], [7, 32], [8, undefined]]);
+  assert.deepEqual(acknowledged, [2, 3, 4, 5, 3, 6, 8]);
+  handlers.close();
+  assert.ok(isClosed);
 });
 
 test('ids are the uptime by default, and always grow', async () => {

@@ -1,111 +1,20 @@
-// For a page: the bytes of a camera's VideoFrame, and their format in the helper's words. The page
-// posts them to the process with Node, which feeds the helper. Uses none of Node's modules.
+// What a page may import. Uses none of Node's modules.
 
-import { ArgumentError, invalid } from './errors.js';
-import {
-  encodingOf,
-  pictureBytes,
-  type FrameEncoding,
-  type FrameFormat,
-  type FrameSize,
-} from './frame_format.js';
-
-interface Rectangle {
-  x: number;
-  y: number;
-  width: number;
-  height: number;
-}
-
-interface Plane {
-  offset: number;
-  stride: number;
-}
-
-/** The parts of WebCodecs' VideoFrame that are used here. */
-export interface CameraFrame {
-  readonly format: string | null;
-  readonly colorSpace: { readonly matrix: string | null; readonly fullRange: boolean | null };
-  /** Null when the frame is closed. */
-  readonly visibleRect: Readonly<Rectangle> | null;
-  copyTo(
-    target: Uint8Array,
-    options: { rect: Rectangle; layout: Plane[]; format?: 'RGBA' },
-  ): Promise<unknown>;
-  close(): void;
-}
-
-/** A picture without padding. */
-export interface FrameCopy {
-  size: FrameSize;
-  pixels: Uint8Array;
-}
-
-const rgb = new Map<string | null, FrameFormat>([
-  ['RGBA', 'rgba,top'],
-  ['RGBX', 'rgba,top'],
-  ['BGRA', 'bgra,top'],
-  ['BGRX', 'bgra,top'],
-]);
-const yuv = new Map<string | null, FrameEncoding>([
-  ['NV12', 'nv12'],
-  ['I420', 'i420'],
-]);
-const matrices = new Map([
-  ['bt709', 'bt709'],
-  ['smpte170m', 'bt601'],
-  ['bt470bg', 'bt601'],
-]);
-
-/**
- * The format for `startHelper`; undefined if the helper does not accept such pictures. Without a
- * matrix in the frame it has BT.601, without a range limited range, as Chromium draws such frames.
- */
-export function videoFrameFormat({ format, colorSpace }: CameraFrame): FrameFormat | undefined {
-  const encoding = yuv.get(format);
-  const matrix = matrices.get(colorSpace.matrix ?? 'smpte170m');
-  if (!encoding || !matrix) return rgb.get(format);
-  return `${encoding},${matrix},${colorSpace.fullRange ? 'full' : 'limited'}`;
-}
-
-// The helper's sizes are even, and 4:2:0 can only be copied from even positions.
-function evenPart({ x, y, width, height }: Readonly<Rectangle>): Rectangle {
-  const [left, top] = [x + (x & 1), y + (y & 1)];
-  return { x: left, y: top, width: (x + width - left) & ~1, height: (y + height - top) & ~1 };
-}
-
-function planesOf(encoding: FrameEncoding, { width, height }: FrameSize): Plane[] {
-  const luma = { offset: 0, stride: width };
-  const offset = width * height;
-  const half = width / 2;
-  if (encoding === 'nv12') return [luma, { offset, stride: width }];
-  if (encoding !== 'i420') return [{ offset: 0, stride: width * 4 }];
-  return [luma, { offset, stride: half }, { offset: offset * 1.25, stride: half }];
-}
-
-/**
- * Copies the visible part of a frame, with even sides, into `reuse` if that has the right length,
- * else into new memory. `format` is the helper's: the result of `videoFrameFormat`, or `rgba,top`,
- * to which the browser converts. Rejects with the ArgumentError `FORMAT_CHANGED` for any other.
- */
-export async function copyVideoFrame(
-  frame: CameraFrame,
-  format: FrameFormat,
-  reuse?: Uint8Array,
-): Promise<FrameCopy> {
-  if (!frame.visibleRect) throw invalid('the VideoFrame is closed');
-  const own = videoFrameFormat(frame);
-  if (own !== format && format !== 'rgba,top') {
-    const found = own ?? `${frame.format} with the matrix ${frame.colorSpace.matrix}`;
-    const message = `the helper was started for ${format}, and the VideoFrame is ${found}`;
-    throw new ArgumentError('FORMAT_CHANGED', message);
-  }
-  const rect = evenPart(frame.visibleRect);
-  const { width, height } = rect;
-  const encoding = encodingOf(format);
-  const [bytes] = pictureBytes(encoding, rect);
-  const pixels = reuse?.length === bytes ? reuse : new Uint8Array(bytes);
-  const conversion = own === format ? {} : { format: 'RGBA' as const };
-  await frame.copyTo(pixels, { rect, layout: planesOf(encoding, rect), ...conversion });
-  return { size: { width, height }, pixels };
-}
+export { ArgumentError } from './errors.js';
+export { type FrameCounts, type FrameOutcome } from './frame_counts.js';
+export { type FrameEncoding, type FrameFormat, type FrameSize } from './frame_format.js';
+export {
+  FrameSink,
+  throughPort,
+  type FrameAnswer,
+  type FrameSinkOptions,
+  type FrameWriter,
+  type PagePort,
+  type PostedFrame,
+} from './frame_sink.js';
+export {
+  copyVideoFrame,
+  videoFrameFormat,
+  type CameraFrame,
+  type FrameCopy,
+} from './video_frame.js';

@@ -1,0 +1,115 @@
+// A stream into which a page pipes its camera. Frames that come while the helper is behind are
+// dropped before they are copied, so that the camera never waits. Uses none of Node's modules.
+
+import { invalid } from './errors.js';
+import type { FrameCounts, FrameOutcome } from './frame_counts.js';
+import type { FrameFormat } from './frame_format.js';
+import {
+  copyVideoFrame,
+  videoFrameFormat,
+  type CameraFrame,
+  type FrameCopy,
+} from './video_frame.js';
+
+/** What travels from the page to the helper. */
+export interface PostedFrame extends FrameCopy {
+  format: FrameFormat;
+}
+
+/** Resolves when `pixels` may be reused. */
+export type FrameWriter = (frame: PostedFrame) => Promise<FrameOutcome>;
+
+export interface FrameSinkOptions {
+  /**
+   * The helper's format. By default that of the first VideoFrame, or `rgba,top`, to which the
+   * browser converts. Pictures that are no VideoFrames need it.
+   */
+  format?: FrameFormat;
+  /** Called for each dropped frame, with the counts. */
+  onDrop?: (counts: Readonly<FrameCounts>) => void;
+}
+
+// One is being written, and one waits. A third would replace that.
+const mostUnanswered = 2;
+
+export class FrameSink {
+  /** A failed frame is in neither. */
+  readonly counts: FrameCounts = { written: 0, dropped: 0 };
+  /**
+   * Takes VideoFrames, which it closes, and pictures, without waiting for the helper. Fails with an
+   * ArgumentError `FORMAT_CHANGED`, or with the error of the writer.
+   */
+  readonly writable: WritableStream<CameraFrame | FrameCopy>;
+  readonly #write: FrameWriter;
+  readonly #options: FrameSinkOptions;
+  readonly #free: Uint8Array[] = [];
+  #format: FrameFormat | undefined;
+  #unanswered = 0;
+
+  constructor(write: FrameWriter, options: FrameSinkOptions = {}) {
+    this.#write = write;
+    this.#options = options;
+    this.#format = options.format;
+    this.writable = new WritableStream({
+      write: (frame: CameraFrame | FrameCopy, controller) =>
+        this.#take(frame, (error) => controller.error(error)),
+    });
+  }
+
+  async #take(frame: CameraFrame | FrameCopy, fail: (error: unknown) => void): Promise<void> {
+    try {
+      if (this.#unanswered === mostUnanswered) return this.#count('dropped');
+      const copy = 'pixels' in frame ? frame : await this.#copy(frame);
+      const reuse = () => {
+        if (copy !== frame) this.#free.push(copy.pixels);
+      };
+      void this.#post(copy).then(reuse, fail);
+    } finally {
+      if ('close' in frame) frame.close();
+    }
+  }
+
+  #copy(frame: CameraFrame): Promise<FrameCopy> {
+    this.#format ??= videoFrameFormat(frame) ?? 'rgba,top';
+    return copyVideoFrame(frame, this.#format, this.#free.pop());
+  }
+
+  async #post({ size, pixels }: FrameCopy): Promise<void> {
+    const format = this.#format;
+    if (!format) throw invalid('pictures that are no VideoFrames need the option "format"');
+    this.#unanswered += 1;
+    const outcome = await this.#write({ format, size, pixels });
+    this.#unanswered -= 1;
+    this.#count(outcome);
+  }
+
+  #count(outcome: FrameOutcome): void {
+    this.counts[outcome] += 1;
+    if (outcome === 'dropped') this.#options.onDrop?.(this.counts);
+  }
+}
+
+/** The answer to a posted frame. */
+export type FrameAnswer = { outcome: FrameOutcome } | { error: { code?: string; message: string } };
+
+/** A page's MessagePort. */
+export interface PagePort {
+  onmessage: ((event: any) => void) | null;
+  postMessage(message: PostedFrame): void;
+}
+
+/**
+ * Writes frames through a port, at whose other end `acceptFrames` answers. They are copied on the
+ * way, because Electron loses the data of messages that transfer memory.
+ */
+export function throughPort(port: PagePort): FrameWriter {
+  const waiting: ((answer: FrameAnswer) => void)[] = [];
+  port.onmessage = ({ data }: { data: FrameAnswer }) => waiting.shift()?.(data);
+  return async (frame) => {
+    port.postMessage(frame);
+    const answer = await new Promise<FrameAnswer>((resolve) => waiting.push(resolve));
+    if ('outcome' in answer) return answer.outcome;
+    const { code, message } = answer.error;
+    throw Object.assign(new Error(message), { code });
+  };
+}
