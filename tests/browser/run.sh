@@ -5,5 +5,5 @@ source "$(dirname "$0")/../npm.sh"
 chromium=$(command -v chromium || command -v google-chrome || true)
 [ -n "$chromium" ] || giveUp "needs chromium"
 installPackages "$tests/browser"
-[ "$1" != take_test.mjs ] || buildClient
+[ "$1" = view_test.mjs ] || buildClient
 exec node "$tests/browser/$1" "${@:2}" "$chromium"

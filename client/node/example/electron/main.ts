@@ -1,0 +1,33 @@
+// The main process: opens the window, starts the process that owns the helper, and connects both.
+
+import { app, BrowserWindow, MessageChannelMain, utilityProcess } from 'electron';
+import { join } from 'node:path';
+
+function open(): void {
+  const recorder = utilityProcess.fork(join(__dirname, 'recorder.js'), [app.getPath('videos')]);
+  const window = new BrowserWindow({ webPreferences: { preload: join(__dirname, 'preload.js') } });
+
+  // Also after a reload: the page then needs new ports.
+  window.webContents.on('did-finish-load', () => {
+    const channels = [1, 2, 3].map(() => new MessageChannelMain());
+    const [inner, outer] = [channels.map(({ port1 }) => port1), channels.map(({ port2 }) => port2)];
+    recorder.postMessage('ports', inner);
+    window.webContents.postMessage('ports', null, outer);
+  });
+
+  // The application ends when the take is saved.
+  let isOver = false;
+  recorder.once('exit', () => {
+    isOver = true;
+    app.quit();
+  });
+  app.on('before-quit', (event) => {
+    if (isOver) return;
+    event.preventDefault();
+    recorder.postMessage('quit');
+  });
+
+  void window.loadFile('page.html');
+}
+
+void app.whenReady().then(open);

@@ -1,0 +1,66 @@
+// The page: pipes the camera to the recorder, draws the preview, starts and stops takes.
+
+import { FrameSink, throughPort } from 'lumora-video-client/page';
+
+declare class MediaStreamTrackProcessor {
+  constructor(init: { track: MediaStreamTrack });
+  readonly readable: ReadableStream<VideoFrame>;
+}
+
+const canvas = document.querySelector('canvas') as HTMLCanvasElement;
+const button = document.querySelector('button') as HTMLButtonElement;
+const [state, drops] = document.querySelectorAll('output');
+
+async function feed(port: MessagePort): Promise<void> {
+  const video = { width: 1920, height: 1080, frameRate: 30 }; // the helper takes no larger frames
+  const [track] = (await navigator.mediaDevices.getUserMedia({ video })).getVideoTracks();
+  const { readable } = new MediaStreamTrackProcessor({ track });
+  const write = throughPort(port);
+  for (;;) {
+    const sink = new FrameSink(write, {
+      onDrop: ({ dropped }) => (drops.value = `${dropped} frames dropped`),
+    });
+    try {
+      return await readable.pipeTo(sink.writable, { preventCancel: true });
+    } catch (error) {
+      // The next sink has the new format, for which the recorder starts another helper.
+      if ((error as { code?: string }).code !== 'FORMAT_CHANGED') throw error;
+    }
+  }
+}
+
+function show(port: MessagePort): void {
+  const context = canvas.getContext('2d') as CanvasRenderingContext2D;
+  const decoder = new VideoDecoder({
+    output(picture) {
+      context.drawImage(picture, 0, 0, canvas.width, canvas.height);
+      port.postMessage(picture.timestamp); // the helper sends no faster than this
+      picture.close();
+    },
+    error: ({ message }) => (state.value = message),
+  });
+  port.onmessage = ({ data: { config, chunk } }) => {
+    if (config) decoder.configure(config);
+    decoder.decode(new EncodedVideoChunk(chunk));
+  };
+}
+
+function control(port: MessagePort): void {
+  port.onmessage = ({ data }) => {
+    state.value = data;
+    button.textContent = data === 'recording' ? 'Stop' : 'Record';
+    button.disabled = false;
+  };
+  button.onclick = () => {
+    button.disabled = true; // until the recorder answers
+    port.postMessage(button.textContent === 'Stop' ? 'stop' : 'record');
+  };
+}
+
+addEventListener('message', ({ source, data, ports }) => {
+  if (source !== window || data !== 'ports') return;
+  const [frames, preview, commands] = ports;
+  show(preview);
+  control(commands);
+  feed(frames).catch(({ message }) => (state.value = message));
+});

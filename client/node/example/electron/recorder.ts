@@ -1,0 +1,86 @@
+// The process that owns the helper. The page sends frames and commands, and gets the preview.
+
+import type { MessagePortMain } from 'electron';
+import { join } from 'node:path';
+import {
+  acceptFrames,
+  connectStream,
+  sendPreview,
+  startHelper,
+  type FrameFormat,
+  type Helper,
+  type Take,
+} from 'lumora-video-client';
+
+const folder = process.argv.at(-1) as string;
+let running: { format: FrameFormat; helper: Promise<Helper> } | undefined;
+let take: Take | undefined;
+let state = 'ready';
+let page: MessagePortMain | undefined; // where the state goes
+
+function tell(text: string): void {
+  state = text;
+  page?.postMessage(text);
+}
+
+const report = ({ code, message }: { code?: string; message: string }) =>
+  tell(`${code}: ${message}`);
+
+// The helper has one format for its whole run. A helper that ended is followed by another.
+function helperFor(format: FrameFormat): Promise<Helper> {
+  if (running?.format === format) return running.helper;
+  const last = running?.helper.then((helper) => helper.stop());
+  const options = { format, stderr: (text: string) => console.error(text) };
+  const helper = Promise.resolve(last).then(() => startHelper(options));
+  running = { format, helper };
+  const forget = () => {
+    if (running?.helper === helper) running = undefined;
+  };
+  helper.then(({ exited }) => exited).then(forget, forget);
+  return helper;
+}
+
+async function showPreview({ port, token }: Helper, target: MessagePortMain): Promise<void> {
+  const client = await connectStream({ port, token, acknowledgement: 'manual' });
+  await sendPreview(client, target);
+}
+
+async function record(): Promise<void> {
+  const helper = await running?.helper;
+  if (!helper) return tell('no camera yet');
+  const path = join(folder, `take-${Date.now()}.mp4`);
+  take = await helper.startTake({ path, resolution: '1920x1080', targetFps: 30 });
+  tell('recording');
+  const saved = await take.saved;
+  tell(`${saved.path}: ${saved.frames} frames`);
+}
+
+function connect([frames, preview, commands]: MessagePortMain[]): void {
+  let isShown = false;
+  acceptFrames(frames, async (format) => {
+    const helper = await helperFor(format);
+    if (!isShown) {
+      isShown = true; // until the connection ends; the next frame then makes another
+      void showPreview(helper, preview).catch(console.error).finally(() => (isShown = false));
+    }
+    return helper;
+  });
+  commands.on('message', ({ data }) => {
+    if (data === 'stop') void take?.stop();
+    else record().catch(report);
+  });
+  commands.start();
+  page = commands;
+  tell(state); // a take goes on while the page is loaded again
+}
+
+async function quit(): Promise<void> {
+  const helper = await running?.helper.catch(() => undefined);
+  await helper?.stop();
+  process.exit();
+}
+
+process.parentPort.on('message', ({ data, ports }) => {
+  if (data === 'quit') void quit();
+  else connect(ports);
+});

@@ -1,0 +1,18 @@
+// Preloaded into the Electron example's recorder: `process.parentPort` and three ports, over the IPC
+// of Node's `fork`.
+
+const { EventEmitter } = require('node:events');
+
+const ports = {};
+for (const name of ['frames', 'preview', 'commands']) {
+  ports[name] = Object.assign(new EventEmitter(), {
+    start() {},
+    postMessage: (data) => process.send({ name, data }),
+  });
+}
+process.parentPort = new EventEmitter();
+process.on('disconnect', () => process.exit());
+process.on('message', ({ name, data }) => {
+  if (name) ports[name].emit('message', { data });
+  else process.parentPort.emit('message', { data, ports: Object.values(ports) });
+});
