@@ -77,20 +77,20 @@ constexpr std::pair<const char*, std::uint64_t> windows[] = {
 void measureTakes(const std::string& helper, std::uint64_t rounds, const std::string& profile) {
   std::optional<client::Take> take;
   const auto startTake = [&](client::Helper& to, const std::filesystem::path& path) {
-    return to.startTake({.path = path, .resolution = profile, .targetFPS = 60});
+    return to.startTake(bench::takeOf(profile, 60, path).value());
   };
   bench::CameraClip clip = makeClip({1920, 1080});
-  const tools::RunOptions load{.helper = helperOptions(helper),
-                               .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
-                               .clients = 1,
-                               .beforeFrame = [&](client::Helper& to, std::uint64_t frame) {
-                                 const std::uint64_t at = frame % roundFrames;
-                                 if (at == startFrame)
-                                   take = startTake(to, folder / (std::to_string(frame) + ".mp4"));
-                                 if (at == stopFrame) take->stop();
-                                 if (at == failFrame)
-                                   startTake(to, folder / "no such folder" / "take.mp4");
-                               }};
+  const tools::RunOptions load{
+      .helper = helperOptions(helper),
+      .seconds = static_cast<double>(rounds * roundFrames + 1) / 60,
+      .clients = 1,
+      .beforeFrame = [&](client::Helper& to, std::uint64_t frame) {
+        const std::uint64_t at = frame % roundFrames;
+        if (at == startFrame) take = startTake(to, folder / (std::to_string(frame) + ".mp4"));
+        if (at == stopFrame) take->stop();
+        if (at == failFrame)
+          static_cast<void>(startTake(to, folder / "no such folder" / "take.mp4"));
+      }};
   const tools::RunReport report = bench::runLoad(load, clip);
   std::printf("%-24s %8s %8s %8s %8s\n", "half a second when", "p50 ms", "p99 ms", "max ms",
               "lost");

@@ -32,7 +32,9 @@ void settleMemory() {
 std::optional<client::TakeOptions> takeOf(const std::string& profile, int targetFPS,
                                           const std::string& path) {
   if (profile == "none") return std::nullopt;
-  return client::TakeOptions{.path = path, .resolution = profile, .targetFPS = targetFPS};
+  const auto size = client::parseTakeSize(profile);
+  if (!size) throw std::runtime_error("no take has the size " + profile);
+  return client::TakeOptions{.path = path, .profile = {*size, client::TakeRate{targetFPS}}};
 }
 
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source) {
@@ -64,8 +66,8 @@ void print(const tools::RunOptions& load, const tools::FrameSource& source,
       "withheld %llu  throttled %llu  ",
       width, height, source.format().text().c_str(), load.framesPerSecond,
       report.transport == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
-      load.take ? load.take->resolution.c_str() : "none", Count{report.fed}, Count{frames},
-      Count{report.take.frames}, toRecord, Count{report.frames.dropped},
+      load.take ? toText(load.take->profile.size).c_str() : "none", Count{report.fed},
+      Count{frames}, Count{report.take.frames}, toRecord, Count{report.frames.dropped},
       Count{report.stats.droppedFrames}, Count{lostAtStart},
       Count{withheld.creditDrops + withheld.sendDrops}, Count{report.take.throttled});
   std::printf(
@@ -73,7 +75,7 @@ void print(const tools::RunOptions& load, const tools::FrameSource& source,
       "cpu %5.2f ms/frame, parent %5.2f  peak %.0f MB  ready %.0f ms\n",
       report.latency(0.5), report.latency(0.95), report.latency(0.99),
       tools::percentile(late, 0.99), tools::percentile(late, 1),
-      report.exit.cpuSeconds * 1000 / fed, report.parentCPUSeconds * 1000 / fed,
+      report.exit.cpuTime.count() * 1000 / fed, report.parentCPUSeconds * 1000 / fed,
       report.peakMegabytes, report.readyMilliseconds);
   std::fflush(stdout);
 }

@@ -42,10 +42,10 @@ PipelineReport runPipeline(const std::string& command, CameraClip& clip,
   PipelineReport report;
   report.peakMegabytes = tools::peakMegabytes(process.pid());
   process.closeInput();
-  while (const auto line = process.nextLine(60)) report.output += *line + "\n";
-  const auto end = process.wait(10);
+  while (const auto line = process.nextLine(client::Seconds(60))) report.output += *line + "\n";
+  const auto end = process.wait(client::Seconds(10));
   if (!end || !end->isClean()) throw std::runtime_error(command + " failed: " + report.output);
-  report.cpuSeconds = end->cpuSeconds;
+  report.cpuSeconds = end->cpuTime.count();
   report.wallSeconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
   return report;
 }

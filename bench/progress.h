@@ -14,7 +14,8 @@ class Progress {
   explicit Progress(double seconds) : planned_(seconds) {}
   // A step that takes so long by plan. The steps before it show how good the plan is.
   void begin(const std::string& step, double seconds) {
-    const double pace = begun_ > 0 ? (client::uptime() - start_) / begun_ : 1;
+    const double elapsed = (client::Uptime::now() - start_).count();
+    const double pace = begun_ > 0 ? elapsed / begun_ : 1;
     std::fprintf(stderr, "\r%4.0f min left: %-80s", (planned_ - begun_) * pace / 60, step.c_str());
     begun_ += seconds;
   }
@@ -22,7 +23,7 @@ class Progress {
   static void clear() { std::fprintf(stderr, "\r%98s\r", ""); }
 
  private:
-  const double start_ = client::uptime();
+  const client::Uptime::time_point start_ = client::Uptime::now();
   const double planned_;
   double begun_ = 0;  // seconds, by plan, of the steps so far
 };

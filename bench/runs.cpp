@@ -38,7 +38,7 @@ nlohmann::json figuresOf(const tools::RunOptions& load, const tools::RunReport& 
   std::vector<double> latencies;  // to hundredths, which keeps the file small
   for (const tools::Delivery& delivery : report.deliveries)
     latencies.push_back(std::round(delivery.milliseconds * 100) / 100);
-  return {{"cpu_ms", report.exit.cpuSeconds * 1000 / fed},
+  return {{"cpu_ms", report.exit.cpuTime.count() * 1000 / fed},
           {"parent_cpu_ms", report.parentCPUSeconds * 1000 / fed},
           {"frames_a_second", static_cast<double>(complete) / report.fedSeconds},
           {"fed", report.fed},

@@ -25,7 +25,7 @@ namespace lumora::client {
 namespace {
 
 constexpr std::size_t maximumPending = std::size_t{1} << 16;  // bytes of an unfinished line
-constexpr double aDay = 86400;
+constexpr Seconds aDay = std::chrono::hours(24);
 
 struct Pipe {
   Descriptor read;
@@ -97,15 +97,15 @@ iovec part(std::span<const std::uint8_t> bytes) {
   return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
 }
 
-double cpuSeconds(const rusage& usage) {
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+Seconds cpuTime(const rusage& usage) {
+  const auto length = [](const timeval& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
   };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  return length(usage.ru_utime) + length(usage.ru_stime);
 }
 
 Exited exitOf(int status, const rusage& usage) {
-  Exited end{.cpuSeconds = cpuSeconds(usage)};
+  Exited end{.cpuTime = cpuTime(usage)};
   if (WIFEXITED(status))
     end.status = WEXITSTATUS(status);
   else
@@ -140,7 +140,7 @@ ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.
 ChildProcess::~ChildProcess() {
   if (exit_) return;
   sendSignal(SIGKILL);
-  if (!wait(10)) abandon();
+  if (!wait(Seconds(10))) abandon();
 }
 
 bool ChildProcess::writePixels(FrameSize size, std::uint64_t id,
@@ -191,8 +191,8 @@ bool ChildProcess::isReady(const Descriptor& descriptor, short events,
   return ready > 0 && !isAbandoned_;
 }
 
-std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
-  const Deadline deadline(timeoutSeconds);
+std::optional<std::string> ChildProcess::nextLine(Seconds limit) {
+  const Deadline deadline(limit);
   for (;;) {
     const auto feed = pending_.find('\n');
     if (feed != std::string::npos) {
@@ -215,11 +215,11 @@ std::optional<std::string> ChildProcess::nextLine(double timeoutSeconds) {
 
 void ChildProcess::sendSignal(int signal) {
   // Once its status has been collected, its id may belong to another process.
-  if (!wait(0)) kill(pid_, signal);
+  if (!wait(Seconds(0))) kill(pid_, signal);
 }
 
-std::optional<Exited> ChildProcess::wait(double timeoutSeconds) {
-  const Deadline deadline(timeoutSeconds);
+std::optional<Exited> ChildProcess::wait(Seconds limit) {
+  const Deadline deadline(limit);
   while (!exit_) {
     int status = 0;
     rusage usage{};
@@ -240,7 +240,7 @@ std::optional<Exited> ChildProcess::wait(double timeoutSeconds) {
 void ChildProcess::abandon() {
   isAbandoned_ = true;
   static_cast<void>(write(wake_.get(), "", 1) == 1);
-  if (wait(0)) return;
+  if (wait(Seconds(0))) return;
   exit_ = Exited{.signal = SIGKILL};
   try {
     startQuietThread([pid = pid_] {

@@ -51,7 +51,7 @@ class ChildProcess {
   void closeInput() { input_.reset(); }
 
   // The next line without its line feed; empty when none came in time or the output has ended.
-  std::optional<std::string> nextLine(double timeoutSeconds);
+  std::optional<std::string> nextLine(Seconds limit);
   void closeOutput() { output_.reset(); }
   // False once `nextLine` has found the end of the output.
   bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }
@@ -60,8 +60,8 @@ class ChildProcess {
   bool takesInput() const;
 
   void sendSignal(int signal);
-  // How the child ended; empty when it still runs after `timeoutSeconds`.
-  std::optional<Exited> wait(double timeoutSeconds);
+  // How the child ended; empty when it still runs after that time.
+  std::optional<Exited> wait(Seconds limit);
   // Gives up on a child that does not end. Reads and writes fail from now on, even those that other
   // threads have begun. Unless its end is known, it counts as ended by SIGKILL, and a thread
   // collects its status.

@@ -22,20 +22,23 @@ void Descriptor::reset() {
   descriptor_ = -1;
 }
 
-Deadline::Deadline(double seconds)
-    : end_(std::chrono::steady_clock::now() +
-           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-               std::chrono::duration<double>(seconds > 0 ? std::min(seconds, 86400.0) : 0))) {}
-
-int Deadline::millisecondsLeft() const {
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(end_ - std::chrono::steady_clock::now());
-  return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+Deadline::Deadline(Seconds limit) : end_(std::chrono::steady_clock::now()) {
+  if (limit > Seconds(0))
+    end_ += std::chrono::ceil<std::chrono::milliseconds>(
+        std::min<Seconds>(limit, std::chrono::hours(24)));
 }
 
-bool waitReadable(int descriptor, const Deadline& deadline) {
+Seconds Deadline::left() const {
+  return std::max<Seconds>(end_ - std::chrono::steady_clock::now(), Seconds(0));
+}
+
+int Deadline::millisecondsLeft() const {
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left()).count());
+}
+
+bool awaitEvents(int descriptor, short events, const Deadline& deadline) {
   for (;;) {
-    pollfd entry{descriptor, POLLIN, 0};
+    pollfd entry{descriptor, events, 0};
     const int ready = poll(&entry, 1, deadline.millisecondsLeft());
     if (ready > 0) return true;
     if (ready == 0 || errno != EINTR) return false;

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <lumora/uptime.h>
+
 #include <chrono>
-#include <cstdint>
-#include <span>
 
 namespace lumora::client {
 
@@ -28,15 +28,16 @@ class Descriptor {
 // The moment at which a wait gives up.
 class Deadline {
  public:
-  explicit Deadline(double seconds);  // a day at most
-  int millisecondsLeft() const;       // rounded up, never negative
+  explicit Deadline(Seconds limit);  // from now on, a day at most
+  Seconds left() const;              // never negative
+  int millisecondsLeft() const;      // rounded up
   std::chrono::steady_clock::time_point time() const { return end_; }
 
  private:
   std::chrono::steady_clock::time_point end_;
 };
 
-// Waits until `descriptor` can be read or is at its end; false when the deadline passes first.
-bool waitReadable(int descriptor, const Deadline& deadline);
+// Waits for one of these events of poll(2); false when the deadline passes first.
+bool awaitEvents(int descriptor, short events, const Deadline& deadline);
 
 }  // namespace lumora::client

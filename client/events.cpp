@@ -23,10 +23,44 @@ void read(const Json& event, const char* key, Value& value) {
   if (auto found = find<Value>(event, key)) value = *std::move(found);
 }
 
+// Zero if the key is missing, or its value is not a number.
+Seconds milliseconds(const Json& event, const char* key) {
+  return std::chrono::duration<double, std::milli>(find<double>(event, key).value_or(0));
+}
+
+FrameSize readSize(const Json& event, const char* width, const char* height) {
+  return {find<int>(event, width).value_or(0), find<int>(event, height).value_or(0)};
+}
+
 Ready readReady(const Json& event) {
   Ready ready;
   read(event, "port", ready.port);
   return ready;
+}
+
+Stats::Delivery readDelivery(const Json& event) {
+  Stats::Delivery delivery;
+  read(event, "credit_drops", delivery.creditDrops);
+  read(event, "send_drops", delivery.sendDrops);
+  read(event, "resync_wait_drops", delivery.resyncDrops);
+  read(event, "idr_resyncs", delivery.resyncs);
+  delivery.roundTrip = milliseconds(event, "ack_rtt_ms");
+  delivery.longestRoundTrip = milliseconds(event, "ack_rtt_max_ms");
+  delivery.oldestUnacknowledged = milliseconds(event, "ack_oldest_ms");
+  read(event, "max_pending_acks", delivery.unacknowledged);
+  read(event, "max_unacked_observed", delivery.mostUnacknowledged);
+  return delivery;
+}
+
+Stats::Encoding readEncoding(const Json& event) {
+  Stats::Encoding encoding;
+  encoding.preview = readSize(event, "preview_width", "preview_height");
+  encoding.take = readSize(event, "record_width", "record_height");
+  read(event, "record_encoded_frames", encoding.takeFrames);
+  encoding.takeEncodeTime = milliseconds(event, "record_encode_ms");
+  read(event, "record_encoder_failures", encoding.failedTakes);
+  read(event, "max_movie_work_observed", encoding.mostMovieWork);
+  return encoding;
 }
 
 Stats readStats(const Json& event) {
@@ -36,14 +70,11 @@ Stats readStats(const Json& event) {
   read(event, "encoded_frames", stats.encodedFrames);
   read(event, "dropped_raw", stats.droppedFrames);
   read(event, "dropped_peers", stats.droppedClients);
-  read(event, "encode_ms", stats.encodeMilliseconds);
+  stats.encodeTime = milliseconds(event, "encode_ms");
+  stats.isEncoding = find<int>(event, "encode_inflight").value_or(0) > 0;
   if (!event.contains("credit_drops")) return stats;
-  Stats::Delivery delivery;
-  read(event, "credit_drops", delivery.creditDrops);
-  read(event, "send_drops", delivery.sendDrops);
-  read(event, "resync_wait_drops", delivery.resyncDrops);
-  read(event, "ack_rtt_ms", delivery.roundTripMilliseconds);
-  stats.delivery = delivery;
+  stats.delivery = readDelivery(event);
+  stats.encoding = readEncoding(event);
   return stats;
 }
 
@@ -67,21 +98,25 @@ std::optional<Recording> readRecording(const Json& event) {
   if (!state) return std::nullopt;
   recording.state = *state;
   read(event, "id", recording.id);
-  read(event, "path", recording.path);
+  recording.path = find<std::string>(event, "path").value_or("");
   read(event, "error", recording.error);
-  read(event, "duration", recording.duration);
+  recording.duration = Seconds(find<double>(event, "duration").value_or(0));
   read(event, "frames", recording.frames);
   read(event, "dropped", recording.dropped);
   read(event, "throttled", recording.throttled);
+  recording.size = readSize(event, "width", "height");
+  recording.targetFPS = find<int>(event, "target_fps");
+  recording.recentFPS = find<double>(event, "recent_fps");
   recording.framesInMovie = find<std::uint64_t>(event, "frames_in_movie");
-  recording.secondsLeft = find<double>(event, "seconds_left");
+  if (const auto left = find<double>(event, "seconds_left")) recording.timeLeft = Seconds(*left);
   read(event, "stopped_for", recording.stoppedFor);
   read(event, "frame_log_error", recording.frameLogError);
-  Recording::Kept kept;
-  read(event, "kept_path", kept.name);
-  read(event, "kept_frames", kept.frames);
-  read(event, "kept_duration", kept.duration);
-  if (!kept.name.empty()) recording.kept = std::move(kept);
+  if (const auto kept = find<std::string>(event, "kept_path"); kept && !kept->empty()) {
+    recording.kept =
+        Recording::Kept{.path = recording.path.parent_path() / *kept,
+                        .frames = find<std::uint64_t>(event, "kept_frames").value_or(0),
+                        .duration = Seconds(find<double>(event, "kept_duration").value_or(0))};
+  }
   return recording;
 }
 

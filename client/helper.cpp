@@ -13,6 +13,7 @@
 #include "client/feeder.h"
 #include "client/frame_layout.h"
 #include "client/frame_slots.h"
+#include "client/posted_handlers.h"
 #include "client/program.h"
 #include "client/quiet_thread.h"
 #include "client/take_command.h"
@@ -22,11 +23,11 @@
 namespace lumora::client {
 namespace {
 
-constexpr double secondsToBecomeReady = 10;
+constexpr Seconds timeToBecomeReady(10);
 // Since `stop`. A helper that is asked to end does so within 2.2 s, even if it must finish a take.
-constexpr double secondsToTerminate = 2.25;
-constexpr double secondsToKill = 4.5;
-constexpr double secondsToGiveUp = 4.9;
+constexpr Seconds timeToTerminate(2.25);
+constexpr Seconds timeToKill(4.5);
+constexpr Seconds timeToGiveUp(4.9);
 
 // The limits of docs/protocol.md. A helper ends when it gets any other frame.
 void check(FrameSize size) {
@@ -65,43 +66,26 @@ std::string describe(const Exited& end) {
   return end.status < 0 ? "an unknown status" : "status " + std::to_string(end.status);
 }
 
-// Waits for "ready", and appends all events up to it to `said`.
-Ready awaitReady(ChildProcess& process, std::vector<Event>& said) {
-  const Deadline deadline(secondsToBecomeReady);
-  std::string problem;
-  while (auto line = process.nextLine(deadline.millisecondsLeft() / 1000.0)) {
-    said.push_back(parseEvent(*std::move(line)));
-    if (const auto* error = std::get_if<Error>(&said.back().what)) problem = error->message;
-    if (const auto* ready = std::get_if<Ready>(&said.back().what)) return *ready;
-  }
-  if (problem.empty()) {
-    const auto status = process.wait(deadline.millisecondsLeft() > 0 ? 1 : 0);
-    problem = status ? "it ended at once with " + describe(*status) : "it did not become ready";
-  }
-  throw StartError("the helper did not start: " + problem);
-}
-
 }  // namespace
 
 class Helper::Impl {
  public:
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
+        format_(options.format),
+        likelySize_(options.frameSize),
+        handlers_(options.queue),
+        onEvent_(handlers_.post(std::move(onEvent))),
         slots_(makeSlots(options)),
         process_(launch(options, token_, slots_->descriptor())),
-        ready_(prepareAndAwaitReady(options.frameSize)),
-        onEvent_(std::move(onEvent)),
-        feeder_(std::make_shared<Feeder>(process_)) {
-    if (slots_->descriptor() >= 0 && !slots_->isShared()) {
-      // An older helper, which reads its pipe only.
-      slots_ = FrameSlots::makePrivate(slots_->format());
-    }
-  }
+        feeder_(std::make_shared<Feeder>(process_)) {}
 
   ~Impl() {
     if (!reader_.joinable()) return;
     stop();
     reader_.join();
+    if (stopper_.joinable()) stopper_.join();
+    handlers_.close();
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -114,39 +98,49 @@ class Helper::Impl {
     });
   }
 
-  std::uint16_t port() const { return ready_.port; }
+  // Waits until the helper is ready. Throws StartError.
+  void awaitStart() {
+    std::unique_lock hold(mutex_);
+    changed_.wait(hold, [this] { return isReady_ || isOver_; });
+    if (!isReady_) throw StartError("the helper did not start: " + exit_->reason);
+  }
+
+  std::uint16_t port() const { return port_; }
   const std::string& token() const { return token_; }
   int pid() const { return process_->pid(); }
   FrameTransport frameTransport() const {
+    const std::lock_guard hold(mutex_);
     return slots_->descriptor() >= 0 ? FrameTransport::memory : FrameTransport::pipe;
   }
 
   std::optional<Frame> acquireFrame(FrameSize size) {
     check(size);
-    auto frame = slots_->acquire(size);
+    const auto slots = readySlots();
+    auto frame = slots ? slots->acquire(size) : std::nullopt;
     if (!frame) feeder_->countDropped();
     return frame;
   }
 
   void publish(Frame frame, std::uint64_t id) {
-    if (frame.format() != slots_->format())
+    if (frame.format() != format_)
       throw std::invalid_argument("the frame has another format than this helper's");
     feeder_->write(std::move(frame), id);
   }
 
   FrameCounts frameCounts() const { return feeder_->counts(); }
 
-  Take startTake(const TakeOptions& options) {
+  Take startTake(const TakeOptions& options, Take::EventHandler onEvent) {
     Recording asked;
     asked.id = randomTakeID();
     asked.path = options.path;
-    const double startedAt = options.startedAt.value_or(uptime());
+    const auto startedAt = options.startedAt.value_or(Uptime::now());
     const std::string command = startCommand(asked.id, options, startedAt);
     // A take may outlive its helper.
-    const auto state = std::make_shared<Take::State>(
-        asked, startedAt, [feeder = std::weak_ptr(feeder_)](const std::string& stop) {
-          if (const auto alive = feeder.lock()) alive->write(commandRecord(stop));
-        });
+    const auto send = [feeder = std::weak_ptr(feeder_)](const std::string& stop) {
+      if (const auto alive = feeder.lock()) alive->write(commandRecord(stop));
+    };
+    const auto state =
+        std::make_shared<Take::State>(asked, startedAt, send, handlers_.post(std::move(onEvent)));
     takes_.add(state);
     feeder_->write(commandRecord(command));
     return {asked.id, asked.path, state};
@@ -161,73 +155,118 @@ class Helper::Impl {
     if (std::this_thread::get_id() == readerID_) {
       throw std::logic_error("a helper can't be stopped by its own event handler");
     }
-    const double askedAt = uptime();
-    takes_.awaitStopped(secondsToTerminate);  // the end of the input would replace their stop times
-    feeder_->end();
-    for (const auto& [seconds, signal] :
-         {std::pair{secondsToTerminate, SIGTERM}, {secondsToKill, SIGKILL}}) {
-      if (!awaitEvents(askedAt + seconds)) sendSignal(signal);
-    }
-    awaitEvents(askedAt + secondsToGiveUp);
+    endProcess();
     std::unique_lock hold(mutex_);
-    process_->abandon();  // even if it has ended, another process may keep its pipes open
-    over_.wait(hold, [this] { return isOver_; });
+    changed_.wait(hold, [this] { return isOver_; });
     return *exit_;
   }
 
+  void requestStop() {
+    const std::lock_guard hold(mutex_);
+    if (!stopper_.joinable()) stopper_ = startQuietThread([this] { endProcess(); });
+  }
+
  private:
-  Ready prepareAndAwaitReady(const std::optional<FrameSize>& size) {
-    try {
-      if (size) slots_->prepare(*size);
-    } catch (const std::bad_alloc&) {  // there may be enough memory later
-    }
-    return awaitReady(*process_, saidFirst_);
+  std::shared_ptr<FrameSlots> readySlots() const {
+    const std::lock_guard hold(mutex_);
+    return isReady_ ? slots_ : nullptr;
   }
 
   void readEvents() {
-    for (const Event& event : saidFirst_) tell(event);
+    readStart();
     while (process_->hasOutput()) {
-      auto line = process_->nextLine(0);
+      auto line = process_->nextLine(Seconds(0));
       if (!line) {
-        takes_.failUnanswered(uptime());  // no answer waits to be read
-        line = process_->nextLine(1);
+        takes_.failUnanswered(Uptime::now());  // no answer waits to be read
+        line = process_->nextLine(Seconds(1));
       }
       if (line) tell(parseEvent(*std::move(line)));
     }
-    const Exited end = awaitEnd();
+    std::optional<Exited> end;
+    while (!(end = awaitExit(Seconds(1)))) continue;
+    end->reason = problem_;
+    if (problem_.empty() && !readySlots()) end->reason = "it ended at once with " + describe(*end);
     {
       const std::lock_guard hold(mutex_);
       exit_ = end;
     }
-    takes_.abandonAll("the helper has ended with " + describe(end));
-    tell({{}, end});
+    takes_.abandonAll("the helper has ended with " + describe(*end));
+    tell({{}, *end});
     const std::lock_guard hold(mutex_);
     isOver_ = true;
-    over_.notify_all();
+    changed_.notify_all();
   }
 
-  // The output has closed, so the helper has ended or is about to. `stop` must not send a signal
-  // while the status is collected, since the id may belong to another process afterwards.
-  Exited awaitEnd() {
-    for (;;) {
+  // Reads the events up to "ready". If it does not come, ends the helper.
+  void readStart() {
+    try {
+      if (likelySize_) slots_->prepare(*likelySize_);
+    } catch (const std::bad_alloc&) {  // there may be enough memory later
+    }
+    const Deadline deadline(timeToBecomeReady);
+    while (auto line = process_->nextLine(deadline.left())) {
+      tell(parseEvent(*std::move(line)));
+      if (readySlots()) return;
+      if (deadline.left() == Seconds(0)) break;
+    }
+    // A program that has closed its output is about to end.
+    const bool hasEnded = awaitExit(Seconds(process_->hasOutput() ? 0 : 1)).has_value();
+    if (!hasEnded && problem_.empty()) problem_ = "it did not become ready";
+    const std::lock_guard hold(mutex_);
+    process_->sendSignal(SIGKILL);
+    process_->abandon();  // another process may keep its output open
+  }
+
+  // The helper's end; empty if it does not end in time. `stop` must not send a signal while the
+  // status is collected, since the id may belong to another process afterwards.
+  std::optional<Exited> awaitExit(Seconds limit) {
+    for (const Deadline deadline(limit);;) {
       {
         const std::lock_guard hold(mutex_);
-        if (const auto end = process_->wait(0)) return *end;
+        if (const auto end = process_->wait(Seconds(0))) return end;
       }
+      if (deadline.left() == Seconds(0)) return std::nullopt;
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
 
   void tell(const Event& event) {
+    if (const auto* ready = std::get_if<Ready>(&event.what)) becomeReady(*ready);
+    if (const auto* error = std::get_if<Error>(&event.what)) problem_ = error->message;
     if (const auto* recording = std::get_if<Recording>(&event.what)) takes_.report(*recording);
     if (onEvent_) onEvent_(event);
   }
 
-  // Waits until the last event has been handled; false if it was not by this uptime.
-  bool awaitEvents(double latest) {
-    const Deadline deadline(latest - uptime());
+  void becomeReady(const Ready& ready) {
+    const std::lock_guard hold(mutex_);
+    if (slots_->descriptor() >= 0 && !slots_->isShared()) {
+      // An older helper, which reads its pipe only.
+      slots_ = FrameSlots::makePrivate(format_);
+    }
+    port_ = ready.port;
+    isReady_ = true;
+    changed_.notify_all();
+  }
+
+  // Asks the helper to end, then ends it, then gives it up.
+  void endProcess() {
+    const auto askedAt = Uptime::now();
+    takes_.awaitStopped(timeToTerminate);  // the end of the input would replace their stop times
+    feeder_->end();
+    for (const auto& [time, signal] :
+         {std::pair{timeToTerminate, SIGTERM}, {timeToKill, SIGKILL}}) {
+      if (!awaitLastEvent(askedAt + time)) sendSignal(signal);
+    }
+    awaitLastEvent(askedAt + timeToGiveUp);
+    const std::lock_guard hold(mutex_);
+    process_->abandon();  // even if it has ended, another process may keep its pipes open
+  }
+
+  // False if the last event was not handled by this time.
+  bool awaitLastEvent(Uptime::time_point latest) {
+    const Deadline deadline(latest - Uptime::now());
     std::unique_lock hold(mutex_);
-    return over_.wait_until(hold, deadline.time(), [this] { return isOver_; });
+    return changed_.wait_until(hold, deadline.time(), [this] { return isOver_; });
   }
 
   void sendSignal(int signal) {
@@ -236,19 +275,24 @@ class Helper::Impl {
   }
 
   const std::string token_;
-  std::shared_ptr<FrameSlots> slots_;
-  const std::shared_ptr<ChildProcess> process_;
-  std::vector<Event> saidFirst_;  // the events up to "ready"
-  const Ready ready_;
+  const FrameFormat format_;
+  const std::optional<FrameSize> likelySize_;
+  const PostedHandlers handlers_;
   const EventHandler onEvent_;
+  std::shared_ptr<FrameSlots> slots_;  // guarded from the start of the reader on
+  const std::shared_ptr<ChildProcess> process_;
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;
 
-  mutable std::mutex mutex_;  // guards `isOver_`, `exit_`, and collecting the status
-  std::condition_variable over_;
+  mutable std::mutex mutex_;  // guards all below, `slots_`, and collecting the status
+  std::condition_variable changed_;
+  bool isReady_ = false;
   bool isOver_ = false;  // the last event has been handled
   std::optional<Exited> exit_;
+  std::thread stopper_;
 
+  std::atomic<std::uint16_t> port_ = 0;
+  std::string problem_;  // the reader's
   std::thread reader_;
   std::atomic<std::thread::id> readerID_;
 };
@@ -258,6 +302,7 @@ Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   check(options.format);
   impl_ = std::make_unique<Impl>(options, std::move(onEvent));
   impl_->begin();  // the handler may call us, so `impl_` is set before
+  if (!options.queue) impl_->awaitStart();
 }
 Helper::~Helper() = default;
 
@@ -268,9 +313,12 @@ FrameTransport Helper::frameTransport() const { return impl_->frameTransport(); 
 std::optional<Frame> Helper::acquireFrame(FrameSize size) { return impl_->acquireFrame(size); }
 void Helper::publish(Frame frame, std::uint64_t id) { impl_->publish(std::move(frame), id); }
 FrameCounts Helper::frameCounts() const { return impl_->frameCounts(); }
-Take Helper::startTake(const TakeOptions& options) { return impl_->startTake(options); }
+Take Helper::startTake(const TakeOptions& options, Take::EventHandler onEvent) {
+  return impl_->startTake(options, std::move(onEvent));
+}
 std::optional<Exited> Helper::exited() const { return impl_->exited(); }
 Exited Helper::stop() { return impl_->stop(); }
+void Helper::requestStop() { impl_->requestStop(); }
 
 bool Helper::writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture) {
   auto frame = acquireFrame(size);

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <sstream>
 
 namespace lumora::client {
@@ -22,12 +21,13 @@ bool isProgram(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::string findProgram(const std::string& named) {
-  std::string wanted = named.empty() ? environment("LUMORA_VIDEO_PATH") : named;
+std::filesystem::path findProgram(const std::filesystem::path& named) {
+  const std::filesystem::path wanted =
+      named.empty() ? std::filesystem::path(environment("LUMORA_VIDEO_PATH")) : named;
   if (!wanted.empty()) {
     // An absolute path, because a name without a slash would be looked up on the PATH.
     if (isProgram(wanted)) return std::filesystem::absolute(wanted);
-    throw StartError("there is no program at " + wanted);
+    throw StartError("there is no program at " + wanted.string());
   }
   std::istringstream folders(environment("PATH"));
   for (std::string folder; std::getline(folders, folder, ':');) {

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <string>
+#include <filesystem>
 
 namespace lumora::client {
 
 // The path of the helper: `named`, else LUMORA_VIDEO_PATH, else "lumora-video" in a folder of PATH.
 // Throws StartError, which says what to install.
-std::string findProgram(const std::string& named);
+std::filesystem::path findProgram(const std::filesystem::path& named);
 
 }  // namespace lumora::client

@@ -1,7 +1,5 @@
 #include <lumora/recover.h>
 
-#include <filesystem>
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -13,25 +11,25 @@ namespace {
 
 RecoveredTake parseTake(const std::string& line) {
   const auto take = nlohmann::json::parse(line);
-  return {.staging = take.at("staging"),
-          .path = take.at("path"),
+  return {.staging = take.at("staging").get<std::string>(),
+          .path = take.at("path").get<std::string>(),
           .frames = take.at("frames"),
-          .duration = take.at("duration"),
+          .duration = Seconds(take.at("duration").get<double>()),
           .left = take.at("left")};
 }
 
 }  // namespace
 
-std::vector<RecoveredTake> recoverTakes(const std::string& folder, const std::string& program) {
-  const auto recover =
-      std::filesystem::path(findProgram(program)).replace_filename("lumora-recover");
-  constexpr double unlimited = std::numeric_limits<double>::infinity();
+std::vector<RecoveredTake> recoverTakes(const std::filesystem::path& folder,
+                                        const std::filesystem::path& program) {
+  const auto recover = findProgram(program).replace_filename("lumora-recover");
+  constexpr Seconds unlimited = Seconds::max();
   ChildProcess child({recover, "", {"--json", std::filesystem::absolute(folder)}, {}});
   std::vector<RecoveredTake> takes;
   while (const auto line = child.nextLine(unlimited)) takes.push_back(parseTake(*line));
   const auto end = child.wait(unlimited);
   if (!end || !end->isClean())
-    throw std::runtime_error("the takes in " + folder + " can't be read");
+    throw std::runtime_error("the takes in " + folder.string() + " can't be read");
   return takes;
 }
 

@@ -1,7 +1,10 @@
 #include <lumora/stream_client.h>
+
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -17,9 +20,19 @@ namespace {
 
 constexpr std::size_t readBytes = 256 * 1024;
 
-std::system_error lastError(const char* what) { return {errno, std::generic_category(), what}; }
+std::system_error failure(int error, const char* what) {
+  return {error, std::generic_category(), what};
+}
 
-Descriptor connectTo(const std::string& host, std::uint16_t port) {
+// The error that waits at a socket; 0: none.
+int takeError(const Descriptor& socket) {
+  int error = 0;
+  socklen_t size = sizeof error;
+  getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+  return error;
+}
+
+Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit) {
   addrinfo hints{};
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   hints.ai_socktype = SOCK_STREAM;
@@ -28,9 +41,14 @@ Descriptor connectTo(const std::string& host, std::uint16_t port) {
     throw std::system_error(std::make_error_code(std::errc::invalid_argument), host);
   }
   const std::unique_ptr<addrinfo, void (*)(addrinfo*)> address(found, freeaddrinfo);
-  Descriptor socket(::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!socket.isOpen()) throw lastError("socket");
-  if (connect(socket.get(), found->ai_addr, found->ai_addrlen) != 0) throw lastError("connect");
+  Descriptor socket(::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!socket.isOpen()) throw failure(errno, "socket");
+  if (connect(socket.get(), found->ai_addr, found->ai_addrlen) != 0) {
+    if (errno != EINPROGRESS) throw failure(errno, "connect");
+    if (!awaitEvents(socket.get(), POLLOUT, Deadline(limit))) throw failure(ETIMEDOUT, "connect");
+    if (const int error = takeError(socket)) throw failure(error, "connect");
+  }
+  fcntl(socket.get(), F_SETFL, 0);  // from now on, sends block
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   return socket;
@@ -39,21 +57,39 @@ Descriptor connectTo(const std::string& host, std::uint16_t port) {
 }  // namespace
 
 struct StreamClient::Connection {
+  // `error` is that of the last read; 0: the end of the stream.
+  void close(int error) {
+    // A helper without room closes at once. If it has not read the hello, its system answers with a
+    // reset, which may come behind the end of the stream.
+    const bool isUnread = !saidHello || error != 0 || takeError(socket) != 0;
+    if (wasAdmitted || Uptime::now() - asked > Seconds(1))
+      end = StreamEnd::closed;
+    else
+      end = isUnread ? StreamEnd::noRoom : StreamEnd::refused;
+  }
+
   Descriptor socket;
   PacketParser parser{};
   std::vector<std::uint8_t> space = std::vector<std::uint8_t>(readBytes);
-  bool isClosed = false;
+  StreamEnd end = StreamEnd::none;
+  Uptime::time_point asked = Uptime::now();  // connected or said hello
+  bool saidHello = false;
+  bool wasAdmitted = false;
 };
 
-StreamClient::StreamClient(const std::string& host, std::uint16_t port)
-    : connection_(std::make_unique<Connection>(Connection{connectTo(host, port)})) {}
+StreamClient::StreamClient(const std::string& host, std::uint16_t port, Seconds limit)
+    : connection_(std::make_unique<Connection>(Connection{connectTo(host, port, limit)})) {}
 StreamClient::~StreamClient() = default;
 StreamClient::StreamClient(StreamClient&& other) noexcept = default;
 StreamClient& StreamClient::operator=(StreamClient&& other) noexcept = default;
 
-bool StreamClient::isClosed() const { return connection_->isClosed; }
+StreamEnd StreamClient::end() const { return connection_->end; }
+
+int StreamClient::descriptor() const { return connection_->socket.get(); }
 
 bool StreamClient::sayHello(const std::string& token) {
+  connection_->saidHello = true;
+  connection_->asked = Uptime::now();
   return sendText(nlohmann::json{{"type", "hello"}, {"token", token}}.dump() + "\n");
 }
 
@@ -73,25 +109,27 @@ bool StreamClient::sendText(const std::string& text) {
   return true;
 }
 
-std::optional<Packet> StreamClient::receive(double timeoutSeconds) {
-  auto& [socket, parser, space, isClosed] = *connection_;
-  const Deadline deadline(timeoutSeconds);
+std::optional<Packet> StreamClient::receive(Seconds limit) {
+  Connection& from = *connection_;
+  const Deadline deadline(limit);
   for (;;) {
-    if (auto packet = parser.next()) return packet;
-    if (isClosed || !waitReadable(socket.get(), deadline)) return std::nullopt;
-    const ssize_t count = recv(socket.get(), space.data(), space.size(), 0);
+    if (auto packet = from.parser.next()) return packet;
+    if (isClosed() || !awaitEvents(from.socket.get(), POLLIN, deadline)) return std::nullopt;
+    const ssize_t count = recv(from.socket.get(), from.space.data(), from.space.size(), 0);
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0)
-      isClosed = true;
-    else
-      parser.feed({space.data(), static_cast<std::size_t>(count)});
+    if (count <= 0) {
+      from.close(count < 0 ? errno : 0);
+    } else {
+      from.wasAdmitted = true;
+      from.parser.feed({from.space.data(), static_cast<std::size_t>(count)});
+    }
   }
 }
 
 void StreamClient::watch(const std::function<void(Packet)>& handle,
                          const std::function<bool()>& goesOn) {
   while (goesOn() && !isClosed()) {
-    auto packet = receive(0.1);
+    auto packet = receive(Seconds(0.1));
     if (!packet) continue;
     const bool isFrame = packet->type == Packet::Type::frame;
     const std::uint64_t id = packet->frameID;

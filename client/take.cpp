@@ -1,6 +1,7 @@
 #include <lumora/take.h>
-#include <lumora/uptime.h>
 
+#include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <utility>
 
@@ -12,11 +13,25 @@ namespace lumora::client {
 namespace {
 
 // A living helper answers at once. But it drops an answer that its parent does not read in time.
-constexpr double secondsToAnswer = 10;
+constexpr Seconds timeToAnswer(10);
+
+// In the order of the enumerators.
+constexpr std::array<std::string_view, 3> takeSizes = {"640x360", "1080x720", "1920x1080"};
 
 }  // namespace
 
-void Take::State::stop(double stoppedAt) {
+std::string toText(TakeSize size) {
+  const auto index = static_cast<std::size_t>(size);
+  return index < takeSizes.size() ? std::string(takeSizes[index]) : "";
+}
+
+std::optional<TakeSize> parseTakeSize(std::string_view text) {
+  const auto found = std::ranges::find(takeSizes, text);
+  if (found == takeSizes.end()) return std::nullopt;
+  return static_cast<TakeSize>(found - takeSizes.begin());
+}
+
+void Take::State::stop(Uptime::time_point stoppedAt) {
   std::string command;
   {
     const std::lock_guard hold(mutex_);
@@ -28,17 +43,23 @@ void Take::State::stop(double stoppedAt) {
   send_(command);
 }
 
-std::optional<double> Take::State::stoppedAt() const {
+std::optional<Uptime::time_point> Take::State::stoppedAt() const {
   const std::lock_guard hold(mutex_);
   return stoppedAt_;
 }
 
 void Take::State::report(const Recording& recording) {
-  const std::lock_guard hold(mutex_);
-  if (latest_.isOver()) return;
-  latest_ = recording;
-  isAnswered_ = true;
-  changed_.notify_all();
+  EventHandler onEvent;
+  {
+    const std::lock_guard hold(mutex_);
+    if (latest_.isOver()) return;
+    latest_ = recording;
+    isAnswered_ = true;
+    onEvent = onEvent_;
+    if (recording.isOver()) onEvent_ = {};  // it may hold this take
+    changed_.notify_all();
+  }
+  if (onEvent) onEvent(recording);
 }
 
 void Take::State::abandon(const std::string& reason) {
@@ -48,9 +69,9 @@ void Take::State::abandon(const std::string& reason) {
   report(end);
 }
 
-bool Take::State::isUnanswered(double now) const {
+bool Take::State::isUnanswered(Uptime::time_point now) const {
   const std::lock_guard hold(mutex_);
-  return !isAnswered_ && now - askedAt_ > secondsToAnswer;
+  return !isAnswered_ && now - askedAt_ > timeToAnswer;
 }
 
 Recording Take::State::latest() const {
@@ -58,28 +79,28 @@ Recording Take::State::latest() const {
   return latest_;
 }
 
-std::optional<Recording> Take::State::waitForEnd(double seconds) const {
+std::optional<Recording> Take::State::waitForEnd(Seconds limit) const {
   std::unique_lock hold(mutex_);
   const auto isOver = [this] { return latest_.isOver(); };
-  if (!changed_.wait_until(hold, Deadline(seconds).time(), isOver)) return std::nullopt;
+  if (!changed_.wait_until(hold, Deadline(limit).time(), isOver)) return std::nullopt;
   return latest_;
 }
 
-Take::Take(std::string id, std::string path, std::shared_ptr<State> state)
+Take::Take(std::string id, std::filesystem::path path, std::shared_ptr<State> state)
     : id_(std::move(id)), path_(std::move(path)), state_(std::move(state)) {}
 
-std::string Take::stagingPath() const { return path_ + "." + id_ + ".partial"; }
+std::filesystem::path Take::stagingPath() const { return path_.string() + "." + id_ + ".partial"; }
 
-void Take::stop(std::optional<double> stoppedAt) { state_->stop(stoppedAt.value_or(uptime())); }
+void Take::stop(std::optional<Uptime::time_point> stoppedAt) {
+  state_->stop(stoppedAt.value_or(Uptime::now()));
+}
 
-double Take::startedAt() const { return state_->startedAt(); }
+Uptime::time_point Take::startedAt() const { return state_->startedAt(); }
 
-std::optional<double> Take::stoppedAt() const { return state_->stoppedAt(); }
+std::optional<Uptime::time_point> Take::stoppedAt() const { return state_->stoppedAt(); }
 
 Recording Take::latest() const { return state_->latest(); }
 
-std::optional<Recording> Take::waitForEnd(double seconds) const {
-  return state_->waitForEnd(seconds);
-}
+std::optional<Recording> Take::waitForEnd(Seconds limit) const { return state_->waitForEnd(limit); }
 
 }  // namespace lumora::client

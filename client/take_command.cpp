@@ -1,7 +1,5 @@
 #include "client/take_command.h"
 
-#include <lumora/uptime.h>
-
 #include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
@@ -14,12 +12,14 @@ namespace {
 using Json = nlohmann::json;
 
 // The limits of docs/protocol.md.
-void checkTime(double time) {
-  const double ago = uptime() - time;
-  if (ago <= 30 && ago >= -0.05) return;  // never true for NaN
+void checkTime(Uptime::time_point time) {
+  const Seconds ago = Uptime::now() - time;
+  if (ago <= Seconds(30) && ago >= Seconds(-0.05)) return;  // never true for NaN
   throw std::invalid_argument(
       "a take starts and stops at most 30 s ago or 50 ms from now, on the uptime clock");
 }
+
+double seconds(Uptime::time_point time) { return time.time_since_epoch().count(); }
 
 std::string text(const Json& command) {
   std::string json;
@@ -45,12 +45,15 @@ std::string randomTakeID() {
   return id;
 }
 
-std::string startCommand(const std::string& id, const TakeOptions& options, double startedAt) {
+std::string startCommand(const std::string& id, const TakeOptions& options,
+                         Uptime::time_point startedAt) {
   checkTime(startedAt);
-  Json command = {
-      {"type", "record_start"}, {"id", id}, {"path", options.path}, {"started_at", startedAt}};
-  if (!options.resolution.empty()) command["resolution"] = options.resolution;
-  if (options.targetFPS != 0) command["target_fps"] = options.targetFPS;
+  Json command = {{"type", "record_start"},
+                  {"id", id},
+                  {"path", options.path.string()},
+                  {"started_at", seconds(startedAt)},
+                  {"resolution", toText(options.profile.size)},
+                  {"target_fps", static_cast<int>(options.profile.rate)}};
   if (options.steady) command["cadence"] = "steady";
   if (options.keepFailed) command["on_failure"] = "keep";
   if (options.minimumFree) command["minimum_free"] = *options.minimumFree;
@@ -60,9 +63,9 @@ std::string startCommand(const std::string& id, const TakeOptions& options, doub
   return text(command);
 }
 
-std::string stopCommand(const std::string& id, double stoppedAt) {
+std::string stopCommand(const std::string& id, Uptime::time_point stoppedAt) {
   checkTime(stoppedAt);
-  return text({{"type", "record_stop"}, {"id", id}, {"stopped_at", stoppedAt}});
+  return text({{"type", "record_stop"}, {"id", id}, {"stopped_at", seconds(stoppedAt)}});
 }
 
 }  // namespace lumora::client

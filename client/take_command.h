@@ -13,7 +13,8 @@ std::string randomTakeID();  // a UUID
 
 // Both throw std::invalid_argument for a time that the helper refuses. `startCommand` also does for
 // a path that is too long or not UTF-8.
-std::string startCommand(const std::string& id, const TakeOptions& options, double startedAt);
-std::string stopCommand(const std::string& id, double stoppedAt);
+std::string startCommand(const std::string& id, const TakeOptions& options,
+                         Uptime::time_point startedAt);
+std::string stopCommand(const std::string& id, Uptime::time_point stoppedAt);
 
 }  // namespace lumora::client

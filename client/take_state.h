@@ -1,7 +1,6 @@
 #pragma once
 
 #include <lumora/take.h>
-#include <lumora/uptime.h>
 
 #include <condition_variable>
 #include <functional>
@@ -14,31 +13,35 @@ class Take::State {
  public:
   using Send = std::function<void(const std::string& command)>;  // JSON text
 
-  State(Recording asked, double startedAt, Send send)
-      : send_(std::move(send)), startedAt_(startedAt), latest_(std::move(asked)) {}
+  State(Recording asked, Uptime::time_point startedAt, Send send, EventHandler onEvent = {})
+      : send_(std::move(send)),
+        startedAt_(startedAt),
+        latest_(std::move(asked)),
+        onEvent_(std::move(onEvent)) {}
 
-  void stop(double stoppedAt);
+  void stop(Uptime::time_point stoppedAt);
   // An event about the take; ignored once the take is over.
   void report(const Recording& recording);
   // Fails the take, because its helper has ended or does not answer.
   void abandon(const std::string& reason);
 
   // Whether nothing was heard of the take by `now`, long after it was asked for.
-  bool isUnanswered(double now) const;
-  double startedAt() const { return startedAt_; }
-  std::optional<double> stoppedAt() const;
+  bool isUnanswered(Uptime::time_point now) const;
+  Uptime::time_point startedAt() const { return startedAt_; }
+  std::optional<Uptime::time_point> stoppedAt() const;
   Recording latest() const;
-  std::optional<Recording> waitForEnd(double seconds) const;
+  std::optional<Recording> waitForEnd(Seconds limit) const;
 
  private:
   const Send send_;
-  const double startedAt_;
-  const double askedAt_ = uptime();
+  const Uptime::time_point startedAt_;
+  const Uptime::time_point askedAt_ = Uptime::now();
   mutable std::mutex mutex_;  // guards all below
   mutable std::condition_variable changed_;
   Recording latest_;
+  EventHandler onEvent_;  // until the take is over
   bool isAnswered_ = false;
-  std::optional<double> stoppedAt_;
+  std::optional<Uptime::time_point> stoppedAt_;
 };
 
 }  // namespace lumora::client

@@ -1,7 +1,5 @@
 #include "client/takes.h"
 
-#include <lumora/uptime.h>
-
 #include <utility>
 
 #include "client/descriptor.h"
@@ -27,16 +25,16 @@ void Takes::report(const Recording& recording) {
   take->report(recording);
 }
 
-void Takes::awaitStopped(double seconds) const {
-  const Deadline deadline(seconds);
+void Takes::awaitStopped(Seconds limit) const {
+  const Deadline deadline(limit);
   for (const auto& [id, take] : copy())
-    if (take->stoppedAt()) take->waitForEnd(deadline.millisecondsLeft() / 1000.0);
+    if (take->stoppedAt()) static_cast<void>(take->waitForEnd(deadline.left()));
 }
 
-void Takes::failUnanswered(double now) const {
+void Takes::failUnanswered(Uptime::time_point now) const {
   for (const auto& [id, take] : copy()) {
     if (!take->isUnanswered(now)) continue;
-    take->stop(uptime());  // if only its answer was lost, it runs
+    take->stop(Uptime::now());  // if only its answer was lost, it runs
     take->abandon("the helper did not answer");
   }
 }

@@ -18,9 +18,9 @@ class Takes {
   // Passes an event on to its take.
   void report(const Recording& recording);
   // Waits until those that were told to stop have ended.
-  void awaitStopped(double seconds) const;
-  // Fails those of which nothing was heard by `now`, an uptime, although they began long before.
-  void failUnanswered(double now) const;
+  void awaitStopped(Seconds limit) const;
+  // Fails those of which nothing was heard by `now`, although they began long before.
+  void failUnanswered(Uptime::time_point now) const;
   // Fails all of them, because the helper has ended.
   void abandonAll(const std::string& reason);
 

@@ -4,12 +4,14 @@
 
 namespace lumora::client {
 
-double uptime() {
+Uptime::time_point Uptime::now() noexcept {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+  return time_point(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
 }
 
-std::uint64_t frameID(double capturedAt) { return static_cast<std::uint64_t>(capturedAt * 1e6); }
+std::uint64_t frameID(Uptime::time_point capturedAt) {
+  return static_cast<std::uint64_t>(capturedAt.time_since_epoch().count() * 1e6);
+}
 
 }  // namespace lumora::client

@@ -70,7 +70,7 @@ void showTable(const tools::RunReport& report) {
   for (const auto& [key, name, value, unit] : figuresOf(report))
     std::printf("  %-34s %10.1f %s\n", name, value, unit);
   std::printf("  take %s: %s, %.3f s, %llu frames, %llu dropped, %llu throttled %s\n",
-              stateOf(report.take), report.take.path.c_str(), report.take.duration,
+              stateOf(report.take), report.take.path.c_str(), report.take.duration.count(),
               static_cast<unsigned long long>(report.take.frames),
               static_cast<unsigned long long>(report.take.dropped),
               static_cast<unsigned long long>(report.take.throttled), report.take.error.c_str());
@@ -80,8 +80,8 @@ void showJson(const tools::RunReport& report) {
   nlohmann::json object = {{"transport", wordOf(report.transport)},
                            {"take",
                             {{"state", stateOf(report.take)},
-                             {"path", report.take.path},
-                             {"duration", report.take.duration},
+                             {"path", report.take.path.string()},
+                             {"duration", report.take.duration.count()},
                              {"frames", report.take.frames},
                              {"dropped", report.take.dropped},
                              {"throttled", report.take.throttled},
@@ -111,9 +111,7 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
                                   .framesPerSecond = framesPerSecond,
                                   .seconds = seconds,
                                   .clients = clients,
-                                  .take = client::TakeOptions{.path = movie,
-                                                              .resolution = "1080x720",
-                                                              .targetFPS = framesPerSecond},
+                                  .take = client::TakeOptions{.path = movie},
                                   .previewPath = preview};
   const auto source = tools::openInput(pictureSize, framesPerSecond);
   if (!asJson)

@@ -48,17 +48,18 @@ Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   return tag;
 }
 
-std::uint32_t FlvTimes::next(std::uint64_t frameID, double arrivedAt) {
-  const double captured = static_cast<double>(frameID) / 1e6;
-  const bool isTime = fromIDs_.value_or(std::abs(arrivedAt - captured) <= 2);
-  const double time = isTime ? captured : arrivedAt;
+std::uint32_t FlvTimes::next(std::uint64_t frameID, client::Uptime::time_point arrivedAt) {
+  using client::Seconds;
+  const client::Uptime::time_point captured(Seconds(static_cast<double>(frameID) / 1e6));
+  const bool isTime = fromIDs_.value_or(std::chrono::abs(arrivedAt - captured) <= Seconds(2));
+  const auto time = isTime ? captured : arrivedAt;
   if (latest_ < 0) first_ = time;
   // Of ids that start again, only the distances count. Any other time is on one clock.
   if (fromIDs_ && time < time_)
-    first_ = time - (arrivedAt - arrivedAt_) - static_cast<double>(latest_) / 1000;
+    first_ = time - (arrivedAt - arrivedAt_) - std::chrono::milliseconds(latest_);
   time_ = time;
   arrivedAt_ = arrivedAt;
-  latest_ = std::max(latest_ + 1, std::llround((time - first_) * 1000));
+  latest_ = std::max(latest_ + 1, std::llround((time - first_).count() * 1000));
   return static_cast<std::uint32_t>(latest_);
 }
 

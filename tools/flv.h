@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <lumora/packets.h>
+#include <lumora/uptime.h>
 
 namespace lumora::tools {
 
@@ -24,15 +25,14 @@ class FlvTimes {
  public:
   // Whether times come from ids or from arrivals; empty: from an id that is at most 2 s off.
   explicit FlvTimes(std::optional<bool> fromIDs) : fromIDs_(fromIDs) {}
-  // `arrivedAt` is an uptime in seconds.
-  std::uint32_t next(std::uint64_t frameID, double arrivedAt);
+  std::uint32_t next(std::uint64_t frameID, client::Uptime::time_point arrivedAt);
 
  private:
   const std::optional<bool> fromIDs_;
-  double first_ = 0;       // the time that is 0 in the output
-  double time_ = 0;        // of the latest picture
-  double arrivedAt_ = 0;   // of the latest picture
-  long long latest_ = -1;  // milliseconds
+  client::Uptime::time_point first_;      // the time that is 0 in the output
+  client::Uptime::time_point time_;       // of the latest picture
+  client::Uptime::time_point arrivedAt_;  // of the latest picture
+  long long latest_ = -1;                 // milliseconds
 };
 
 }  // namespace lumora::tools

@@ -94,7 +94,7 @@ class Run {
 
   // The id of the next frame.
   std::uint64_t nextID() {
-    const std::uint64_t id = client::frameID(client::uptime());
+    const std::uint64_t id = client::frameID(client::Uptime::now());
     const std::lock_guard hold(mutex_);
     ids_.push_back(id);
     report_.fed = ids_.size();
@@ -118,11 +118,12 @@ class Run {
 
   void packetCame(const client::Packet& packet) {
     if (packet.type != client::Packet::Type::frame) return;
-    const double now = client::uptime();
-    const double calledAt = static_cast<double>(packet.frameID) / 1e6;  // see `nextID`
+    const client::Uptime::time_point calledAt(
+        std::chrono::microseconds(packet.frameID));  // `nextID`
+    const std::chrono::duration<double, std::milli> age = client::Uptime::now() - calledAt;
     const std::lock_guard hold(mutex_);
     const auto before = std::ranges::lower_bound(ids_, packet.frameID) - ids_.begin();
-    report_.deliveries.push_back({static_cast<std::uint64_t>(before) + 1, (now - calledAt) * 1000});
+    report_.deliveries.push_back({static_cast<std::uint64_t>(before) + 1, age.count()});
     report_.bytes += packet.payload.size();
   }
 

@@ -23,12 +23,14 @@ namespace {
 
 using namespace lumora;
 using client::FrameSize;
-using client::uptime;
+using client::Uptime;
 
 constexpr FrameSize sizes[] = {{1920, 1080}, {1280, 720}, {640, 360}, {1080, 1920}, {322, 202}};
-constexpr const char* resolutions[] = {"640x360", "1080x720", "1920x1080"};
-constexpr int rates[] = {15, 30, 45, 60};
-constexpr double patience = 20;  // seconds, for the end of a take
+constexpr client::TakeSize takeSizes[] = {client::TakeSize::of640x360, client::TakeSize::of1080x720,
+                                          client::TakeSize::of1920x1080};
+constexpr client::TakeRate rates[] = {client::TakeRate::fps15, client::TakeRate::fps30,
+                                      client::TakeRate::fps45, client::TakeRate::fps60};
+constexpr client::Seconds patience(20);  // for the end of a take
 constexpr int takesBetweenRests = 4;
 constexpr unsigned longestTake = 120;         // seconds, from its start to the next one's
 constexpr std::size_t fewestRests = 4;        // that show a trend
@@ -69,13 +71,13 @@ class Soak {
   }
 
   void run(double minutes) {
-    for (const double begun = uptime(); uptime() - begun < minutes * 60;) {
+    for (const auto begun = Uptime::now(); Uptime::now() - begun < client::Seconds(minutes * 60);) {
       {
         const std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
         const std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
         for (int i = 0; i < takesBetweenRests; ++i) take();
       }
-      rest(uptime() - begun);
+      rest((Uptime::now() - begun).count());
     }
     if (streams_ == 0) fail("no client received a frame");
     judge();
@@ -96,7 +98,8 @@ class Soak {
   void feed(tools::TestCard& card, const std::stop_token& stop) {
     for (; !stop.stop_requested(); pauseFor(0.001)) {
       ++lastID_;
-      helper_.writeFrame(card.size(), lastID_, card.next(lastID_, uptime()));
+      helper_.writeFrame(card.size(), lastID_,
+                         card.next(lastID_, Uptime::now().time_since_epoch().count()));
     }
   }
 
@@ -107,14 +110,14 @@ class Soak {
     const std::string path = folder_ / ("stream-" + std::to_string(number) + ".h264");
     while (!stop.stop_requested()) {
       pauseFor(seconds(random) / 10);
-      if (!receive(stop, uptime() + seconds(random), path)) continue;
+      if (!receive(stop, Uptime::now() + client::Seconds(seconds(random)), path)) continue;
       expectDecodes(path);
       ++streams_;
     }
   }
 
   // Whether the file has at least one frame.
-  bool receive(const std::stop_token& stop, double until, const std::string& path) {
+  bool receive(const std::stop_token& stop, Uptime::time_point until, const std::string& path) {
     client::StreamClient viewer("127.0.0.1", helper_.port());
     viewer.sayHello(helper_.token());
     std::ofstream file(path, std::ios::binary);
@@ -129,7 +132,7 @@ class Soak {
       access.clear();
     };
     viewer.watch(keep, [&] {
-      return !stop.stop_requested() && uptime() < until && bytes < mostStreamBytes;
+      return !stop.stop_requested() && Uptime::now() < until && bytes < mostStreamBytes;
     });
     if (viewer.isClosed()) fail("a client that acknowledges was dropped");
     return bytes > 0;
@@ -141,8 +144,7 @@ class Soak {
     const std::jthread feeder([&](const std::stop_token& stop) { feed(card, stop); });
     client::Take take =
         helper_.startTake({.path = folder_ / ("take-" + std::to_string(takes_) + ".mp4"),
-                           .resolution = oneOf(resolutions),
-                           .targetFPS = oneOf(rates),
+                           .profile = {oneOf(takeSizes), oneOf(rates)},
                            .steady = random_() % 2 == 0});
     pauseFor(std::uniform_real_distribution<double>(0.5, 6)(random_));
     take.stop();

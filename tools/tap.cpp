@@ -48,7 +48,7 @@ class Output {
       configuration_ = packet;  // it gets the time of the next frame
       return;
     }
-    const std::uint32_t time = times_.next(packet.frameID, client::uptime());
+    const std::uint32_t time = times_.next(packet.frameID, client::Uptime::now());
     if (configuration_) write(tools::flvTag(*configuration_, time));
     configuration_.reset();
     write(tools::flvTag(packet, time));
@@ -74,7 +74,7 @@ std::string tap(const Options& options) {
                                 if (packet.type == Packet::Type::frame)
                                   stream.acknowledge(packet.frameID);
                               }});
-  return stream.watch({}, options.patience);
+  return stream.watch({}, client::Seconds(options.patience));
 }
 
 bool applyOption(std::string_view name, std::string_view value, Options& options) {

@@ -5,19 +5,17 @@
 #include <thread>
 #include <utility>
 
-#include <lumora/uptime.h>
-
 namespace lumora::tools {
 
-std::string WatchedStream::watch(const std::stop_token& stop, double patience) {
-  lastReceived_ = client::uptime();
+std::string WatchedStream::watch(const std::stop_token& stop, client::Seconds patience) {
+  lastReceived_ = client::Uptime::now();
   for (;;) {
     std::string why = watchOnce(stop);
     {
       const std::lock_guard hold(mutex_);
       stream_.reset();
     }
-    if (stop.stop_requested() || client::uptime() - lastReceived_ >= patience) return why;
+    if (stop.stop_requested() || client::Uptime::now() - lastReceived_ >= patience) return why;
     if (handlers_.failed) handlers_.failed(why);
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
   }
@@ -34,24 +32,25 @@ std::string WatchedStream::watchOnce(const std::stop_token& stop) {
   } catch (const std::system_error& error) {
     return "There is no helper at " + place + " (" + error.what() + ").";
   }
-  bool connected = false;  // stays false if the helper does not admit us: it just closes
+  bool connected = false;
   while (!stop.stop_requested() && !stream_->isClosed()) {
     std::optional<client::Packet> packet;
     try {
-      packet = stream_->receive(0.1);
+      packet = stream_->receive(client::Seconds(0.1));
     } catch (const std::runtime_error&) {
       return "The program at " + place + " is not a helper.";
     }
     if (!packet) continue;
-    lastReceived_ = client::uptime();
+    lastReceived_ = client::Uptime::now();
     if (!std::exchange(connected, true) && handlers_.connected) handlers_.connected();
     handlers_.packet(*std::move(packet));
   }
-  if (connected) lastReceived_ = client::uptime();
-  return connected
-             ? "The helper has closed the stream."
-             : "The helper closed the connection at once. Is the token wrong, or do two clients "
-               "watch already?";
+  if (connected) lastReceived_ = client::Uptime::now();
+  if (stream_->end() == client::StreamEnd::noRoom) return "Two clients watch already.";
+  if (stream_->end() == client::StreamEnd::refused)
+    return "The helper closed the connection at once. Is the token wrong, or do two clients watch "
+           "already?";
+  return "The helper has closed the stream.";
 }
 
 void WatchedStream::acknowledge(std::uint64_t frameID) {

@@ -25,10 +25,9 @@ class WatchedStream {
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested, or until retries have brought no packets for `patience`
-  // seconds. Retries every 250 ms. Returns why the last connection ended. Throws what the handlers
-  // throw.
-  std::string watch(const std::stop_token& stop, double patience);
+  // Watches until `stop` is requested, or until retries have brought no packets for so long.
+  // Retries every 250 ms. Returns why the last connection ended. Throws what the handlers throw.
+  std::string watch(const std::stop_token& stop, client::Seconds patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
 
@@ -37,8 +36,8 @@ class WatchedStream {
 
   const HelperAddress from_;
   const Handlers handlers_;
-  double lastReceived_ = 0;  // uptime at which a stream last had packets, or of the start
-  std::mutex mutex_;         // guards the exchange of `stream_`
+  client::Uptime::time_point lastReceived_;  // when a stream last had packets, or the start
+  std::mutex mutex_;                         // guards the exchange of `stream_`
   std::optional<client::StreamClient> stream_;
 };
 

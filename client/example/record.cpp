@@ -5,7 +5,6 @@
 #include <lumora/helper.h>
 #include <lumora/stream_client.h>
 
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -15,7 +14,7 @@ using namespace lumora::client;
 
 constexpr FrameSize size{1280, 720};
 constexpr int pictures = 120;
-constexpr std::chrono::microseconds interval{1000000 / 60};
+constexpr Seconds interval(1.0 / 60);
 
 void paint(std::span<std::uint8_t> rgba, int number) {
   for (std::size_t i = 0; i < rgba.size(); ++i) {
@@ -36,18 +35,18 @@ int main(int argc, char** argv) try {
     stream.watch(keep, [&] { return !stop.stop_requested(); });
   });
   Take take = helper.startTake({.path = folder / "take.mp4"});
-  const auto start = std::chrono::steady_clock::now();
+  const auto start = Uptime::now();
   for (int number = 0; number < pictures; ++number) {
     std::this_thread::sleep_until(start + number * interval);
     if (auto frame = helper.acquireFrame(size)) {  // empty when every slot is busy: skip this frame
       paint(frame->pixels(), number);              // from the bottom row up; flipRows flips others
-      helper.publish(*std::move(frame), frameID(uptime()));
+      helper.publish(*std::move(frame), frameID(Uptime::now()));
     }
   }
   std::this_thread::sleep_until(start + pictures * interval);  // keeps the last picture in the take
   take.stop();
-  const Recording end = take.waitForEnd(10).value();
-  std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration, end.error.c_str());
+  const Recording end = take.waitForEnd(Seconds(10)).value();
+  std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration.count(), end.error.c_str());
   return end.state == TakeState::saved ? 0 : 1;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());

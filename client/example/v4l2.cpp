@@ -100,11 +100,12 @@ void copy(const std::uint8_t* samples, std::size_t bytes, const v4l2_pix_format&
   to.copyFrom(std::span(planes, from.pixelformat == V4L2_PIX_FMT_NV12 ? 2 : 1));
 }
 
-double capturedAt(const v4l2_buffer& buffer) {
+Uptime::time_point capturedAt(const v4l2_buffer& buffer) {
   const auto clock = buffer.flags & V4L2_BUF_FLAG_TIMESTAMP_MASK;
-  if (clock != V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC) return uptime();
+  if (clock != V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC) return Uptime::now();
   const auto [seconds, microseconds] = buffer.timestamp;
-  return static_cast<double>(seconds) + static_cast<double>(microseconds) * 1e-6;
+  return Uptime::time_point(std::chrono::seconds(seconds) +
+                            std::chrono::microseconds(microseconds));
 }
 
 int main(int argc, char** argv) try {
@@ -121,8 +122,8 @@ int main(int argc, char** argv) try {
   Helper helper({.frameSize = size, .format = formatOf(picture)});
   const auto buffers = startStream(device);
   Take take = helper.startTake({.path = std::filesystem::absolute(argv[2]) / "take.mp4"});
-  const double end = take.startedAt() + (argc > 3 ? std::stod(argv[3]) : 5);
-  for (std::uint64_t lastID = 0; uptime() < end;) {
+  const auto end = take.startedAt() + Seconds(argc > 3 ? std::stod(argv[3]) : 5);
+  for (std::uint64_t lastID = 0; Uptime::now() < end;) {
     v4l2_buffer filled = bufferOf(0);
     require(ioctl(device, VIDIOC_DQBUF, &filled) == 0, "VIDIOC_DQBUF");
     // Skips a broken buffer, and a picture for which no slot is free.
@@ -134,8 +135,8 @@ int main(int argc, char** argv) try {
     require(ioctl(device, VIDIOC_QBUF, &filled) == 0, "VIDIOC_QBUF");
   }
   take.stop();
-  const Recording saved = take.waitForEnd(10).value();
-  std::printf("%s: %.3f s %s\n", saved.path.c_str(), saved.duration, saved.error.c_str());
+  const Recording saved = take.waitForEnd(Seconds(10)).value();
+  std::printf("%s: %.3f s %s\n", saved.path.c_str(), saved.duration.count(), saved.error.c_str());
   return saved.state == TakeState::saved ? 0 : 1;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());

@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <lumora/helper.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <future>
 
 #include "tests/e2e/helper_fixture.h"
 
@@ -22,8 +24,9 @@ struct Client : HelperTest {
   client::HelperOptions options() const {
     return {.program = helperProgram(), .token = token, .frames = transport};
   }
-  Take startTake(client::Helper& camera) const {
-    return camera.startTake({.path = path, .resolution = "640x360", .targetFPS = 60});
+  Take startTake(client::Helper& camera, Take::EventHandler onEvent = {}) const {
+    return camera.startTake({.path = path, .profile = {client::TakeSize::of640x360}},
+                            std::move(onEvent));
   }
   // At about 60 frames a second.
   void feed(client::Helper& camera, int frames, Rgb colour = {200, 10, 10}) {
@@ -49,18 +52,22 @@ TEST_F(Client, SavesATakeAndSaysTheTokenNowhere) {
   EXPECT_EQ(camera.frameTransport(), transport);
   Take take = startTake(camera);
   feed(camera, 30);
-  EXPECT_TRUE(viewer.receive(20));
-  EXPECT_EQ(startTake(camera).waitForEnd(20)->state, TakeState::failed);  // one at a time
+  EXPECT_TRUE(viewer.receive(Seconds(20)));
+  // One at a time. Nobody waits for its end.
+  std::promise<client::Recording> refused;
+  startTake(camera, [&](const auto& event) { refused.set_value(event); });
+  EXPECT_EQ(refused.get_future().get().error, "recording destination or state is invalid");
   take.stop();
-  const client::Recording end = take.waitForEnd(20).value();
+  const client::Recording end = take.waitForEnd(Seconds(20)).value();
   EXPECT_EQ(end.state, TakeState::saved);
   EXPECT_EQ(end.path, path);
   EXPECT_GT(end.frames, 10u);
-  EXPECT_NEAR(end.duration, *take.stoppedAt() - take.startedAt(), 1e-4);
+  EXPECT_NEAR(end.duration.count(), (*take.stoppedAt() - take.startedAt()).count(), 1e-4);
   const client::Exited exited = camera.stop();
   EXPECT_TRUE(exited.isClean());
-  EXPECT_GT(exited.cpuSeconds, 0);
+  EXPECT_GT(exited.cpuTime.count(), 0);
   viewer.watch([](const Packet&) {});  // returns because the helper has closed
+  EXPECT_EQ(viewer.end(), client::StreamEnd::closed);
   EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events)
     EXPECT_THAT(event.line, testing::Not(testing::HasSubstr(token)));
@@ -75,14 +82,77 @@ TEST_F(Client, AKilledHelperFailsItsTakeAndDropsItsFrames) {
   const FrameSize large{1920, 1080};
   for (int i = 0; i < 2; ++i) camera.writeFrame(large, ++lastID, plain(large, {9, 9, 9}));
   kill(camera.pid(), SIGKILL);
-  const client::Recording end = take.waitForEnd(20).value();
+  const client::Recording end = take.waitForEnd(Seconds(20)).value();
   EXPECT_EQ(end.state, TakeState::failed);
   EXPECT_EQ(end.error, "the helper has ended with signal 9");
   EXPECT_EQ(decodeErrors(take.stagingPath()), "");
   EXPECT_EQ(camera.stop().signal, SIGKILL);
   EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 62u);
-  EXPECT_EQ(startTake(camera).waitForEnd(0)->state, TakeState::failed);
+  EXPECT_EQ(startTake(camera).waitForEnd(Seconds(0))->state, TakeState::failed);
   take.stop();
+}
+
+// As a window does it, and with the token and the port of the first for the second.
+TEST_F(Client, AThreadWithItsOwnLoopNeverWaitsAndStartsAnotherHelperForOneThatDies) {
+  auto ofAWindow = options();
+  ofAWindow.queue = std::make_shared<client::EventQueue>();
+  std::unique_ptr<client::Helper> camera;
+  std::optional<Take> take;
+  std::vector<TakeState> states;
+  int starts = 0;
+  client::Exited end;
+  const std::function<void(const client::Event&)> onEvent = [&](const client::Event& event) {
+    if (const auto* ready = std::get_if<client::Ready>(&event.what)) {
+      EXPECT_TRUE(++starts == 1 || ready->port == port);
+      port = ready->port;
+      ofAWindow.arguments = {"--port", std::to_string(port)};
+      path = folder / (std::to_string(starts) + ".mp4");
+      take = startTake(*camera, [&](const auto& told) { states.push_back(told.state); });
+    }
+    const auto* exited = std::get_if<client::Exited>(&event.what);
+    if (exited == nullptr) return;
+    end = *exited;
+    camera.reset();
+    if (!end.isClean()) camera = std::make_unique<client::Helper>(ofAWindow, onEvent);
+  };
+  camera = std::make_unique<client::Helper>(ofAWindow, onEvent);
+  EXPECT_FALSE(camera->acquireFrame(small));
+  for (int ends = 0; camera;) {
+    feed(*camera, 1);
+    pollfd queue{ofAWindow.queue->descriptor(), POLLIN, 0};
+    if (poll(&queue, 1, 0) > 0) ofAWindow.queue->dispatch();
+    if (ends == starts || take->latest().frames < 30) continue;
+    if (++ends == 1) {
+      kill(camera->pid(), SIGKILL);
+    } else {
+      take->stop();
+      camera->requestStop();
+    }
+  }
+  EXPECT_TRUE(end.isClean());
+  EXPECT_EQ(starts, 2);
+  EXPECT_EQ(std::ranges::count(states, TakeState::failed), 1);
+  EXPECT_EQ(states.back(), TakeState::saved);
+  EXPECT_EQ(decodeErrors(path), "");
+}
+
+TEST_F(Client, SaysWhyAStreamHasEnded) {
+  client::Helper camera(options());
+  const auto endAfter = [&](const std::string& said) {
+    client::StreamClient viewer("127.0.0.1", camera.port());
+    viewer.sayHello(said);
+    EXPECT_FALSE(viewer.receive(Seconds(20)));
+    return viewer.end();
+  };
+  EXPECT_EQ(endAfter("another-token-0123456789"), client::StreamEnd::refused);
+  std::vector<client::StreamClient> admitted;
+  for (int i = 0; i < 2; ++i) {
+    admitted.emplace_back("127.0.0.1", camera.port()).sayHello(token);
+    feed(camera, 1);
+    EXPECT_TRUE(admitted.back().receive(Seconds(20)));
+  }
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(endAfter(token), client::StreamEnd::noRoom) << i;
+  EXPECT_EQ(admitted.front().end(), client::StreamEnd::none);
 }
 
 TEST_F(Client, SaysWhyAHelperDoesNotStart) {
@@ -115,7 +185,7 @@ TEST_F(Client, AThousandFramesAreCountedAndTheirMemoryIsThereBeforeThem) {
   EXPECT_EQ(camera.stop().status, 0);
   EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1000u);
   EXPECT_GT(camera.frameCounts().written, 10u);
-  EXPECT_EQ(take.waitForEnd(0)->state, TakeState::saved);
+  EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
 }
 
 // A flash and a click at the same time, joined with the command of docs/embedding.md.
@@ -124,20 +194,21 @@ TEST_F(Client, SoundThatIsJoinedToATakeIsInTimeWithItsPicture) {
   client::Helper camera(options());
   const double soundFrom = uptime() - 0.7;
   Take take = startTake(camera);
+  const double startedAt = take.startedAt().time_since_epoch().count();
   feed(camera, 40, {0, 0, 0});
   const double flash = uptime();
   feed(camera, 40, {255, 255, 255});
   take.stop();
-  ASSERT_EQ(take.waitForEnd(20)->state, TakeState::saved);
+  ASSERT_EQ(take.waitForEnd(Seconds(20))->state, TakeState::saved);
   const std::string sound = folder / "sound.wav", joined = folder / "joined.mp4";
   ffmpeg("-f lavfi -i \"aevalsrc=gte(t\\," + std::to_string(flash - soundFrom) +
          ")*sin(6283*t):d=4\" " + sound);
-  ffmpeg("-i " + tools::shellQuoted(path) + " -ss " + std::to_string(take.startedAt() - soundFrom) +
+  ffmpeg("-i " + tools::shellQuoted(path) + " -ss " + std::to_string(startedAt - soundFrom) +
          " -i " + sound + " -map 0:v -map 1:a -c:v copy -c:a aac -shortest " + joined);
   for (const char* filter : {"-vf blackdetect=d=0.1", "-af silencedetect=n=-20dB:d=0.1"}) {
     const std::string end = outputOf("ffmpeg -nostdin -i " + joined + " " + filter +
                                      " -f null - 2>&1 | sed -n 's/.*_end: *\\([0-9.]*\\).*/\\1/p'");
-    EXPECT_NEAR(std::stod(end), flash - take.startedAt(), 1 / 60.0) << filter;
+    EXPECT_NEAR(std::stod(end), flash - startedAt, 1 / 60.0) << filter;
   }
 }
 
@@ -147,7 +218,7 @@ TEST_F(Client, AParentThatIgnoresSIGCHLDStillLearnsThatItsHelperHasEnded) {
   const Take take = startTake(camera);
   feed(camera, 10);
   EXPECT_EQ(camera.stop().status, -1);
-  EXPECT_EQ(take.waitForEnd(0)->state, TakeState::saved);
+  EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
   std::signal(SIGCHLD, usual);
 }
 
@@ -159,16 +230,16 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   client::Helper camera(options());
   for (const char* name : ofTheApplication) unsetenv(name);
   for (const FrameSize size : {FrameSize{321, 240}, {0, 0}, {1922, 1080}, {1920, 1082}})
-    EXPECT_THROW(camera.acquireFrame(size), std::invalid_argument) << size.width;
+    EXPECT_THROW(static_cast<void>(camera.acquireFrame(size)), std::invalid_argument) << size.width;
   const Pixels pixels = plain(small, {1, 2, 3});
   camera.writeFrame(small, 5, pixels);
   EXPECT_THROW(camera.writeFrame(small, 5, pixels), std::invalid_argument);
   EXPECT_THROW(camera.writeFrame({320, 242}, 6, pixels), std::invalid_argument);
   for (const std::string& bad : {"/" + std::string(4096, 'x'), std::string("/\xFF.mp4")})
-    EXPECT_THROW(camera.startTake({.path = bad}), std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(camera.startTake({.path = bad})), std::invalid_argument);
   Take take = startTake(camera);
-  for (const double bad : {uptime() - 31, uptime() - 5, uptime() + 1, std::nan("")})
-    EXPECT_THROW(take.stop(bad), std::invalid_argument) << bad;
+  for (const double bad : {-31.0, -5.0, 1.0, std::nan("")})
+    EXPECT_THROW(take.stop(client::Uptime::now() + Seconds(bad)), std::invalid_argument) << bad;
   auto frame = camera.acquireFrame(small);
   camera.publish(*std::move(frame), 7);
   EXPECT_THROW(camera.publish(*std::move(frame), 8), std::invalid_argument);  // NOLINT: on purpose
@@ -188,10 +259,10 @@ TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
     if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(16));
     camera.writeFrame(large, ++lastID, pixels);
   }
-  take.stop(uptime() - 0.3);
+  take.stop(client::Uptime::now() - Seconds(0.3));
   camera.stop();
   EXPECT_EQ(take.latest().state, TakeState::saved);
-  EXPECT_NEAR(take.latest().duration, *take.stoppedAt() - take.startedAt(), 1e-4);
+  EXPECT_NEAR(take.latest().duration.count(), (*take.stoppedAt() - take.startedAt()).count(), 1e-4);
 }
 
 using CameraExample = HelperTest;

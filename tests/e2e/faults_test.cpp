@@ -82,7 +82,7 @@ struct Faults : HelperTest {
   // Hears events until the last one. False when the output ends or 20 s have passed.
   bool hear(const HelperProcess::Wanted& isLast = [](const Event&) { return false; }) {
     for (const double patience = uptime() + 20; uptime() < patience;) {
-      const auto event = helper->nextEvent(20);
+      const auto event = helper->nextEvent(Seconds(20));
       if (!event) return false;
       said += event->dump() + "\n";
       if (event->at("type") == "ready") port = event->at("port");
@@ -126,7 +126,7 @@ struct Faults : HelperTest {
     }
     helper->closeInput();
     hear();
-    const auto exit = helper->wait(20).value_or(client::Exited{.status = -1});
+    const auto exit = helper->wait(Seconds(20)).value_or(client::Exited{.status = -1});
     helper.reset();
     return exit;
   }

@@ -152,7 +152,7 @@ void HelperTest::launch(Arguments arguments, Environment environment) {
 }
 
 int HelperTest::exitCode() {
-  const auto end = helper->wait(20);
+  const auto end = helper->wait(Seconds(20));
   helper.reset();
   return end && end->signal == 0 ? end->status : -1;
 }
@@ -172,8 +172,8 @@ std::unique_ptr<client::StreamClient> HelperTest::connectClient() {
 
 void HelperTest::feed(FrameSize size, const Pixels& pixels) {
   std::optional<client::Frame> frame;
-  for (const client::Deadline deadline(20); slots && !(frame = slots->acquire(size));) {
-    ASSERT_TRUE(helper->takesInput() && deadline.millisecondsLeft() > 0);
+  for (const client::Deadline deadline(Seconds(20)); slots && !(frame = slots->acquire(size));) {
+    ASSERT_TRUE(helper->takesInput() && deadline.left() > Seconds(0));
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
   if (frame) frame->copyFrom(pixels);

@@ -28,7 +28,7 @@ namespace lumora::tests {
 
 using client::FrameSize;
 using client::Packet;
-using client::uptime;
+using client::Seconds;
 using tools::decodeErrors;
 using tools::outputOf;
 using Event = nlohmann::json;
@@ -41,6 +41,9 @@ inline constexpr bool sanitized = true;
 inline constexpr bool sanitized = false;
 #endif
 
+// On the helper's clock, as its commands have it.
+inline double uptime() { return client::Uptime::now().time_since_epoch().count(); }
+
 // The helper as a plain child process: records go in, events come out as JSON. Tests use it for
 // what `client::Helper` never does. Throws Event::parse_error for a line that is not JSON.
 struct HelperProcess : client::ChildProcess {
@@ -51,8 +54,8 @@ struct HelperProcess : client::ChildProcess {
     return writeBytes({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
   }
   // The next event; empty when none came in time or the output has ended.
-  std::optional<Event> nextEvent(double timeoutSeconds) {
-    if (const auto line = nextLine(timeoutSeconds)) return Event::parse(*line);
+  std::optional<Event> nextEvent(Seconds limit) {
+    if (const auto line = nextLine(limit)) return Event::parse(*line);
     return std::nullopt;
   }
   // The next event of this "type" that is `wanted`. Throws std::runtime_error when none has come
@@ -60,8 +63,8 @@ struct HelperProcess : client::ChildProcess {
   using Wanted = std::function<bool(const Event&)>;
   Event waitForEvent(
       const std::string& type, const Wanted& wanted = [](const Event&) { return true; }) {
-    const client::Deadline deadline(20);
-    while (const auto event = nextEvent(deadline.millisecondsLeft() / 1000.0))
+    const client::Deadline deadline(Seconds(20));
+    while (const auto event = nextEvent(deadline.left()))
       if (event->at("type") == type && wanted(*event)) return *event;
     throw std::runtime_error("no awaited \"" + type + "\" event");
   }

@@ -74,7 +74,7 @@ TEST_F(Input, StrangersGetNothingAndDisturbNobody) {
   for (int i = 0; i < 500; ++i) connect();  // leaves at once
   for (int i = 0; i < 50; ++i) newcomer();
   for (const auto& stranger : strangers) {
-    EXPECT_FALSE(stranger->receive(20));
+    EXPECT_FALSE(stranger->receive(Seconds(20)));
     EXPECT_TRUE(stranger->isClosed());
   }
   camera = {};

@@ -24,7 +24,7 @@ struct Viewer : HelperTest {
   void view(const Arguments& arguments, const Environment& environment = {}) {
     viewer = std::make_unique<HelperProcess>(
         client::LaunchOptions{LUMORA_VIEWER, token, arguments, environment});
-    const std::string address = viewer->nextLine(20).value_or("");
+    const std::string address = viewer->nextLine(Seconds(20)).value_or("");
     std::smatch parts;
     ASSERT_TRUE(std::regex_match(address, parts, std::regex("(http://(.*:([0-9]+)))(/.*/)")));
     socket.next_layer().connect(
@@ -85,8 +85,8 @@ TEST_F(Viewer, SavesTheTakeOfAVideoFileAtCtrlC) {
   viewer->sendSignal(SIGINT);
   const Event saved = waitForState("saved");
   waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(20).value().isClean());
-  EXPECT_EQ(viewer->nextLine(1), "Saved " + saved["path"].get<std::string>());
+  EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
+  EXPECT_EQ(viewer->nextLine(Seconds(1)), "Saved " + saved["path"].get<std::string>());
   expectQuarters(saved["path"], {640, 360}, size);
 }
 
@@ -94,7 +94,7 @@ TEST_F(Viewer, EndsWithOneWhenATakeIsLost) {
   record();
   kill(helperOfViewer, SIGKILL);
   EXPECT_EQ(waitForMessage("ended")["message"], "The helper has ended with signal 9.");
-  EXPECT_EQ(viewer->wait(20).value().status, 1);
+  EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
 }
 
 TEST_F(Viewer, EndsWhileItsCameraHangs) {
@@ -103,7 +103,7 @@ TEST_F(Viewer, EndsWhileItsCameraHangs) {
   view({"--demo", "--helper", helperProgram()}, {{"INPUT", camera}});
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(20).value().isClean());
+  EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
   close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // ends the ffmpeg that waits for a writer
 }
 
@@ -148,7 +148,7 @@ TEST_F(Viewer, ShowsTheNextHelperAtThePortOfOneThatHasEnded) {
   expectPictures();
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(20).value().isClean());
+  EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 // Parts of the client library that need no helper.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <lumora/helper.h>
+#include <lumora/stream_client.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <numeric>
@@ -11,10 +15,17 @@
 #include "client/take_command.h"
 #include "client/takes.h"
 #include "input/frame_format.h"
+#include "record/recording_profile.h"
 #include "record/take_options.h"
 
 namespace lumora::client {
 namespace {
+
+static_assert(std::chrono::is_clock_v<Uptime>);
+static_assert(std::is_convertible_v<std::chrono::milliseconds, Seconds>);
+static_assert(!std::is_convertible_v<double, Seconds>);
+static_assert(!std::is_convertible_v<std::chrono::steady_clock::time_point, Uptime::time_point>);
+static_assert(!std::is_convertible_v<std::chrono::system_clock::time_point, Uptime::time_point>);
 
 // A program that counts its input stands in for the helper.
 TEST(Feeder, AFrameBehindTheEndIsDroppedAndNotTheOneThatWaits) {
@@ -33,8 +44,8 @@ TEST(Feeder, AFrameBehindTheEndIsDroppedAndNotTheOneThatWaits) {
     EXPECT_EQ(feeder.counts().dropped, 1u);
     counter->sendSignal(SIGCONT);
   }
-  EXPECT_EQ(counter->nextLine(20), std::to_string(command.size() + 16 + size.rgbaBytes()));
-  EXPECT_TRUE(counter->wait(20).value().isClean());
+  EXPECT_EQ(counter->nextLine(Seconds(20)), std::to_string(command.size() + 16 + size.rgbaBytes()));
+  EXPECT_TRUE(counter->wait(Seconds(20)).value().isClean());
 }
 
 using Bytes = std::vector<std::uint8_t>;
@@ -83,7 +94,7 @@ TEST(Frame, IsWrittenUnlessTheChildSharesItsMemory) {
     frame.copyFrom(Bytes(1000, 7));
     EXPECT_TRUE(counter.writeFrame(frame, 1));
     counter.closeInput();
-    EXPECT_EQ(counter.nextLine(20), std::to_string(bytes));
+    EXPECT_EQ(counter.nextLine(Seconds(20)), std::to_string(bytes));
   }
 }
 
@@ -97,8 +108,11 @@ TEST(Frame, OfJPEGNeedsALength) {
 }
 
 TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
-  const auto asked = [](const TakeOptions& options) {
-    const auto all = lumora::TakeOptions::parse(Json::parse(startCommand("", options, uptime())));
+  const auto commandOf = [](const TakeOptions& options) {
+    return Json::parse(startCommand("", options, Uptime::now()));
+  };
+  const auto asked = [&](const TakeOptions& options) {
+    const auto all = lumora::TakeOptions::parse(commandOf(options));
     return std::tuple(all.keepsFailed, all.cadence, all.minimumFree, all.bitRate, all.rotation,
                       all.frameLog);
   };
@@ -111,37 +125,179 @@ TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
                    .rotation = 270,
                    .frameLog = true}),
             std::tuple(false, CadenceRule::steady, free, 250'000, 270, true));
+  using enum TakeSize;
+  using enum TakeRate;
+  for (const auto size : {of640x360, of1080x720, of1920x1080})
+    for (const auto rate : {fps15, fps30, fps45, fps60}) {
+      const auto command = commandOf({.profile = {size, rate}});
+      EXPECT_EQ(RecordingProfile::parse(command).value().targetFPS, static_cast<int>(rate));
+      EXPECT_EQ(parseTakeSize(command["resolution"].get<std::string>()), size);
+    }
+  EXPECT_EQ(RecordingProfile::parse(commandOf({}))->width, defaultProfile.width);
+  EXPECT_FALSE(parseTakeSize("1280x720"));
 }
 
 TEST(Events, SayWhatATakeHasLeft) {
   const auto parse = [](const std::string& keys) {
-    const std::string event = R"({"type":"recording","frames":9,"state":"failed")";
+    const std::string event = R"({"type":"recording","path":"/v/b","state":"failed")";
     return std::get<Recording>(parseEvent(event + keys + "}").what);
   };
   EXPECT_FALSE(parse(R"(,"kept_frames":7,"kept_duration":1.5)").kept);
   EXPECT_FALSE(parse(R"(,"kept_path":1)").kept);
   const Recording all =
       parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
-            R"("seconds_left":2.5,"stopped_for":"minimum_free","frame_log_error":"full")");
-  const auto& [name, frames, duration] = all.kept.value();
-  EXPECT_EQ(std::tie(name, frames, duration), std::tuple("a", 7, 1.5));
-  EXPECT_EQ(std::tie(all.framesInMovie, all.secondsLeft, all.stoppedFor, all.frameLogError),
-            std::tuple(8, 2.5, "minimum_free", "full"));
+            R"("seconds_left":2.5,"stopped_for":"minimum_free","frame_log_error":"full",)"
+            R"("width":640,"height":360,"target_fps":30,"recent_fps":29.5)");
+  const auto& [path, frames, duration] = all.kept.value();
+  EXPECT_EQ(std::tie(path, frames, duration), std::tuple("/v/a", 7, Seconds(1.5)));
+  EXPECT_EQ(std::tie(all.framesInMovie, all.timeLeft, all.stoppedFor, all.frameLogError),
+            std::tuple(8, Seconds(2.5), "minimum_free", "full"));
+  EXPECT_EQ(std::tie(all.size, all.targetFPS, all.recentFPS),
+            std::tuple(FrameSize{640, 360}, 30, 29.5));
 }
 
-// A shell stands in for a helper that hangs in the system: it ignores SIGTERM, and the process that
-// it leaves behind keeps its input and output open.
+TEST(Events, HaveEveryFigureOfAReport) {
+  Json report = {{"type", "stats"}};
+  int next = 0;
+  for (const char* key : {"clients",
+                          "pending_hello",
+                          "encoded_frames",
+                          "dropped_raw",
+                          "dropped_peers",
+                          "encode_ms",
+                          "credit_drops",
+                          "send_drops",
+                          "resync_wait_drops",
+                          "idr_resyncs",
+                          "max_pending_acks",
+                          "max_unacked_observed",
+                          "ack_rtt_ms",
+                          "ack_rtt_max_ms",
+                          "ack_oldest_ms",
+                          "preview_width",
+                          "preview_height",
+                          "record_width",
+                          "record_height",
+                          "record_encoded_frames",
+                          "record_encoder_failures",
+                          "max_movie_work_observed",
+                          "record_encode_ms",
+                          "encode_inflight"})
+    report[key] = ++next;
+  const auto stats = std::get<Stats>(parseEvent(report.dump()).what);
+  const auto [clients, waiting, encoded, dropped, lost, time, busy, delivery, encoding] = stats;
+  EXPECT_EQ(std::tuple(clients, waiting, encoded, dropped, lost), std::tuple(1, 2, 3, 4, 5));
+  EXPECT_EQ(std::tuple(time.count(), busy), std::tuple(0.006, true));
+  const auto& [credit, send, resync, resyncs, trip, longest, oldest, now, most] = delivery.value();
+  EXPECT_EQ(std::tuple(credit, send, resync, resyncs, now, most), std::tuple(7, 8, 9, 10, 11, 12));
+  EXPECT_EQ(std::tuple(trip.count(), longest.count(), oldest.count()),
+            std::tuple(0.013, 0.014, 0.015));
+  const auto& [preview, take, frames, takeTime, failed, work] = encoding.value();
+  EXPECT_EQ(std::tuple(preview, take), std::tuple(FrameSize{16, 17}, FrameSize{18, 19}));
+  EXPECT_EQ(std::tuple(frames, failed, work, takeTime.count()), std::tuple(20, 21, 22, 0.023));
+  for (const char* missing : {"credit_drops", "encode_inflight"}) report.erase(missing);
+  const auto brief = std::get<Stats>(parseEvent(report.dump()).what);
+  EXPECT_FALSE(brief.delivery || brief.encoding || brief.isEncoding);
+}
+
+bool canBeRead(int descriptor) {
+  pollfd entry{descriptor, POLLIN, 0};
+  return poll(&entry, 1, 0) == 1;
+}
+
+TEST(EventQueue, CanBeReadWhileCallsWait) {
+  EventQueue queue;
+  std::string made;
+  queue.post([&] {
+    made += 'a';
+    queue.post([&] { made += 'c'; });
+    throw std::runtime_error("");
+  });
+  queue.post([&] { made += 'b'; });
+  EXPECT_TRUE(canBeRead(queue.descriptor()));
+  EXPECT_THROW(queue.dispatch(), std::runtime_error);
+  EXPECT_EQ(made, "a");
+  queue.dispatch();
+  EXPECT_EQ(made, "abc");
+  EXPECT_FALSE(canBeRead(queue.descriptor()));
+  // A call may run a loop of its own.
+  queue.post([&] { queue.dispatch(); });
+  queue.post([&] { made += 'd'; });
+  queue.dispatch();
+  EXPECT_EQ(made, "abcd");
+}
+
+TEST(StreamClient, GivesUpOnAHelperThatDoesNotAnswer) {
+  const Descriptor listener(socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(bind(listener.get(), any, size) | listen(listener.get(), 0) |
+                getsockname(listener.get(), any, &size),
+            0);
+  std::vector<StreamClient> waiting;  // until the kernel has no room for more
+  const auto connectMany = [&] {
+    for (;;) waiting.emplace_back("127.0.0.1", ntohs(address.sin_port), Seconds(0.2));
+  };
+  EXPECT_THROW(connectMany(), std::system_error);
+  EXPECT_LT(waiting.size(), 5u);
+}
+
+// A shell stands in for a helper.
+HelperOptions shell(const std::string& script) {
+  return {.program = "/bin/sh", .arguments = {"-c", script}, .frames = FrameTransport::pipe};
+}
+
+TEST(Helper, ThatDoesNotStartSaysWhyInTheQueueAndMayBeDestroyedThere) {
+  HelperOptions options = shell(R"(echo '{"type":"error","message":"no luck"}'; exit 1)");
+  options.queue = std::make_shared<EventQueue>();
+  std::unique_ptr<Helper> helper;
+  std::optional<Exited> end;
+  helper = std::make_unique<Helper>(options, [&](const Event& event) {
+    const auto* exited = std::get_if<Exited>(&event.what);
+    if (exited == nullptr) return;
+    end = *exited;
+    helper.reset();
+  });
+  while (!end) {
+    pollfd entry{options.queue->descriptor(), POLLIN, 0};
+    ASSERT_EQ(poll(&entry, 1, 20'000), 1);
+    options.queue->dispatch();
+  }
+  EXPECT_EQ(end->reason, "no luck");
+  EXPECT_EQ(end->status, 1);
+}
+
+TEST(Helper, IsStoppedAtOnceAndCallsNoHandlerAfterItsEnd) {
+  HelperOptions options = shell(R"(echo '{"type":"ready","port":9}'; cat)");
+  options.queue = std::make_shared<EventQueue>();
+  int calls = 0;
+  {
+    Helper helper(options, [&](const Event&) { ++calls; });
+    const Take take = helper.startTake({.path = "/a.mp4"}, [&](const Recording&) { ++calls; });
+    helper.requestStop();
+    EXPECT_EQ(helper.stop().reason, "");
+    EXPECT_EQ(take.latest().error, "the helper has ended with status 0");
+    EXPECT_EQ(helper.port(), 9);
+    EXPECT_TRUE(canBeRead(options.queue->descriptor()));
+  }
+  options.queue->dispatch();
+  EXPECT_EQ(calls, 0);
+}
+
+// It hangs in the system: it ignores SIGTERM, and the process that it leaves behind keeps its input
+// and output open.
 TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
   const std::string script =
       R"(exec 3<&0 2>&-; trap '' TERM; sleep 1000 & echo $!; echo '{"type":"ready"}'; wait)";
   pid_t left = 0;
   std::optional<Take> take;
   {
-    Helper helper(
-        {.program = "/bin/sh", .arguments = {"-c", script}, .frames = FrameTransport::pipe},
-        [&](const Event& event) {
-          if (std::holds_alternative<std::monostate>(event.what)) left = std::stoi(event.line);
-        });
+    Helper helper(shell(script), [&](const Event& event) {
+      if (std::holds_alternative<std::monostate>(event.what)) left = std::stoi(event.line);
+    });
     const FrameSize size{640, 360};  // more than fits into the pipe
     helper.writeFrame(size, 1, Bytes(size.rgbaBytes()));
     take = helper.startTake({.path = "/a.mp4"});
@@ -155,24 +311,27 @@ TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
 
 TEST(TakesOfAClient, FailAndAreStoppedWithoutAnAnswer) {
   Takes takes;
-  std::vector<std::string> sent;
+  std::vector<std::string> sent, told;
   const auto add = [&](const std::string& id) {
     Recording asked;
     asked.id = id;
     const auto take = std::make_shared<Take::State>(
-        asked, uptime(), [&](const std::string& stop) { sent.push_back(stop); });
+        asked, Uptime::now(), [&](const std::string& stop) { sent.push_back(stop); },
+        [&](const Recording& event) { told.push_back(event.id + ": " + event.error); });
     takes.add(take);
     return take;
   };
   const auto silent = add("silent"), answered = add("answered");
   takes.report(answered->latest());
-  takes.failUnanswered(uptime() + 9);
+  takes.failUnanswered(Uptime::now() + Seconds(9));
   EXPECT_FALSE(silent->latest().isOver());
-  takes.failUnanswered(uptime() + 11);
+  takes.failUnanswered(Uptime::now() + Seconds(11));
   EXPECT_EQ(silent->latest().error, "the helper did not answer");
   EXPECT_FALSE(answered->latest().isOver());
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(Json::parse(sent[0])["id"], "silent");
+  silent->abandon("again");
+  EXPECT_EQ(told, (std::vector<std::string>{"answered: ", "silent: the helper did not answer"}));
 }
 
 }  // namespace

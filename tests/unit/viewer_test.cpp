@@ -66,11 +66,13 @@ TEST(FrameFlow, AHiddenPageAndOneThatLeftHoldNothingUp) {
   EXPECT_EQ(flow.takeWithheld(), 0u);  // a page that has just joined has missed nothing
 }
 
-TEST(ViewerTakes, NeedAFolderByItsWholePath) {
+TEST(ViewerTakes, NeedAFolderByItsWholePathAndASizeThatTakesHave) {
+  const client::Uptime::time_point start(client::Seconds(5.5));
   for (const char* folder : {"/no such folder", "tmp", "", "/\xFF"})
-    EXPECT_THROW(planTake({"640x360", 30, folder, true}, 5.5), std::runtime_error) << folder;
-  EXPECT_THROW(planTake({"640x360", 30, {"/tmp\0/", 6}, true}, 5.5), std::runtime_error);
-  EXPECT_EQ(planTake({"640x360", 30, "/tmp", true}, 5.5).startedAt, 5.5);
+    EXPECT_THROW(planTake({"640x360", 30, folder, true}, start), std::runtime_error) << folder;
+  EXPECT_THROW(planTake({"640x360", 30, {"/tmp\0/", 6}, true}, start), std::runtime_error);
+  EXPECT_THROW(planTake({"640x480", 30, "/tmp", true}, start), std::runtime_error);
+  EXPECT_EQ(planTake({"640x360", 30, "/tmp", true}, start).startedAt, start);
 }
 
 TEST(WebRules, OnlyOurOwnPageAtItsNumericAddressGetsAnything) {
@@ -151,7 +153,9 @@ TEST(FlvTimes, GrowAndAreCaptureTimesWhereIdsAreThat) {
   for (const auto& [fromIDs, pictures] : cases) {
     tools::FlvTimes times(fromIDs);
     for (const auto& [id, arrivedAt, time] : pictures)
-      EXPECT_EQ(times.next(static_cast<std::uint64_t>(id * 1e6), arrivedAt), time)
+      EXPECT_EQ(times.next(static_cast<std::uint64_t>(id * 1e6),
+                           client::Uptime::time_point(client::Seconds(arrivedAt))),
+                time)
           << id << ", " << arrivedAt;
   }
 }

@@ -4,14 +4,18 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
-#include <limits>
 
 #include "tools/viewer/page_socket.h"
 #include "tools/viewer/takes.h"
 
 namespace lumora::viewer {
 namespace asio = boost::asio;
-using client::uptime;
+
+namespace {
+
+double uptime() { return client::Uptime::now().time_since_epoch().count(); }
+
+}  // namespace
 
 template <typename... Arguments>
 auto Bridge::posting(void (Bridge::*method)(Arguments...)) {
@@ -34,7 +38,7 @@ void Bridge::join(const tools::HelperAddress& helper) {
 
 void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
                  int framesPerSecond, const std::string& folder) {
-  const std::string program = std::filesystem::path(options.program).filename();
+  const std::string program = options.program.filename();
   session_ = {{"type", "session"},
               {"mode", "owner"},
               {"folder", folder},
@@ -54,9 +58,8 @@ void Bridge::connectTo(const tools::HelperAddress& helper) {
                                                 .connected = posting(&Bridge::streamBegan),
                                                 .failed = posting(&Bridge::streamFailed)};
   stream_ = std::make_unique<tools::WatchedStream>(helper, handlers);
-  watcher_ = std::jthread([this](const std::stop_token& stop) {
-    stream_->watch(stop, std::numeric_limits<double>::infinity());
-  });
+  watcher_ = std::jthread(
+      [this](const std::stop_token& stop) { stream_->watch(stop, client::Seconds::max()); });
 }
 
 WebHandlers Bridge::webHandlers() {
@@ -99,13 +102,15 @@ void Bridge::pageSpoke(std::string_view text) {
 }
 
 void Bridge::obey(const Ping& message) {
-  tell({{"type", "pong"}, {"sent", message.sent}, {"clock", client::frameID(uptime())}});
+  tell({{"type", "pong"},
+        {"sent", message.sent},
+        {"clock", client::frameID(client::Uptime::now())}});
 }
 
 void Bridge::obey(const StartTake& message) {
   if (!camera_) return refuse("Only the application that started the helper can record takes.");
   if (take_) return refuse("A take is running already.");
-  take_ = camera_->helper().startTake(planTake(message, uptime()));
+  take_ = camera_->helper().startTake(planTake(message, client::Uptime::now()));
 }
 
 void Bridge::obey(const StopTake&) {
@@ -215,7 +220,7 @@ void Bridge::finishTake() {
   const client::Recording end = take_->latest();
   if (!end.isOver()) return;
   std::filesystem::path unfinished = take_->stagingPath();
-  if (end.kept) unfinished.replace_filename(end.kept->name);
+  if (end.kept) unfinished = end.kept->path;
   take_.reset();
   isTakeLost_ = end.state == client::TakeState::failed;
   if (!isTakeLost_) {

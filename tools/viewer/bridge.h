@@ -85,7 +85,7 @@ class Bridge {
   std::optional<client::Take> take_;                     // while it runs
   std::map<std::string, std::filesystem::path> movies_;  // of saved takes, by "takes/ID.mp4"
   std::string folder_;                                   // that the page proposes
-  std::string program_;                                  // of the helper; empty: see HelperOptions
+  std::filesystem::path program_;                        // of the helper; empty: see HelperOptions
   std::jthread recovery_;                                // of interrupted takes
   bool isTakeLost_ = false;                              // the last one that ended
   std::string inputEnd_;                                 // a sentence, once the input has ended

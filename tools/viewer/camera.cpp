@@ -27,13 +27,13 @@ void Camera::feed(const std::stop_token& stop) {
   std::uint64_t lastID = 0;
   for (std::uint64_t number = 1; !stop.stop_requested(); ++number) {
     if (!source_->keepsTime()) std::this_thread::sleep_until(due);
-    double capturedAt = client::uptime();
-    const auto picture = source_->next(number, capturedAt);
+    auto capturedAt = client::Uptime::now();
+    const auto picture = source_->next(number, capturedAt.time_since_epoch().count());
     if (picture.empty()) {
       handlers_.inputEnded(number - 1);
       break;
     }
-    if (source_->keepsTime()) capturedAt = client::uptime();
+    if (source_->keepsTime()) capturedAt = client::Uptime::now();
     // Frames do not catch up after the source was late. A file is late at first.
     due = std::max(due, Clock::now() - interval) + interval;
     lastID = std::max(lastID + 1, client::frameID(capturedAt));

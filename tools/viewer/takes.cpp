@@ -30,7 +30,7 @@ std::string freeName(const std::filesystem::path& folder) {
 
 }  // namespace
 
-client::TakeOptions planTake(const StartTake& wanted, double startedAt) {
+client::TakeOptions planTake(const StartTake& wanted, client::Uptime::time_point startedAt) {
   const std::string& folder = wanted.folder;
   std::error_code unknown;
   const bool isPath = folder.starts_with('/') && folder.find('\0') == std::string::npos;
@@ -38,9 +38,10 @@ client::TakeOptions planTake(const StartTake& wanted, double startedAt) {
     throw std::runtime_error("There is no folder \"" + folder +
                              "\". Give its whole path, beginning with \"/\".");
   }
+  const auto size = client::parseTakeSize(wanted.resolution);
+  if (!size) throw std::runtime_error("Takes do not have the size \"" + wanted.resolution + "\".");
   return {.path = freeName(folder),
-          .resolution = wanted.resolution,
-          .targetFPS = wanted.targetFPS,
+          .profile = {*size, client::TakeRate{wanted.targetFPS}},
           .steady = wanted.steady,
           .startedAt = startedAt};
 }
@@ -55,13 +56,14 @@ std::size_t countInterruptedTakes(const std::string& folder) {
   return count;
 }
 
-std::vector<std::string> recoverTakes(const std::string& folder, const std::string& helper) {
+std::vector<std::string> recoverTakes(const std::string& folder,
+                                      const std::filesystem::path& helper) {
   std::vector<std::string> lines;
   for (const client::RecoveredTake& take : client::recoverTakes(folder, helper)) {
     char figures[64];
-    std::snprintf(figures, sizeof figures, ": %.1f s", take.duration);
-    lines.push_back(take.left.empty() ? take.path + figures
-                                      : take.staging + " is left: " + take.left);
+    std::snprintf(figures, sizeof figures, ": %.1f s", take.duration.count());
+    lines.push_back(take.left.empty() ? take.path.string() + figures
+                                      : take.staging.string() + " is left: " + take.left);
   }
   return lines;
 }

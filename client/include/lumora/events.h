@@ -1,13 +1,16 @@
 #pragma once
 
-// A helper's events. Times are seconds of the uptime clock (see uptime.h).
+// A helper's events.
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <variant>
 
 #include <lumora/export.h>
+#include <lumora/frame_format.h>
+#include <lumora/uptime.h>
 
 namespace lumora::client {
 
@@ -23,17 +26,34 @@ struct Stats {
   std::uint64_t encodedFrames = 0;
   std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
-  double encodeMilliseconds = 0;  // of the latest preview frame
+  Seconds encodeTime{};     // of the latest preview frame, scaling included
+  bool isEncoding = false;  // now
 
-  // Frames that clients did not get. Only one report a second has these figures.
+  // How frames reach clients. Only one report a second has this.
   struct Delivery {
     std::uint64_t creditDrops = 0;  // the client had too many unacknowledged frames
     std::uint64_t sendDrops = 0;    // the client had not received the last frame yet
     std::uint64_t resyncDrops = 0;  // the client needed a key frame first
     std::uint64_t drops() const { return creditDrops + sendDrops + resyncDrops; }
-    double roundTripMilliseconds = 0;
+    std::uint64_t resyncs = 0;             // how often a client fell behind
+    Seconds roundTrip{};                   // from a frame to its acknowledgement, smoothed
+    Seconds longestRoundTrip{};            // since the start
+    Seconds oldestUnacknowledged{};        // age of that frame, smoothed
+    std::uint64_t unacknowledged = 0;      // frames of the client that has most of them, now
+    std::uint64_t mostUnacknowledged = 0;  // since the start
   };
   std::optional<Delivery> delivery;
+
+  // What is encoded. In the same reports as `delivery`.
+  struct Encoding {
+    FrameSize preview;
+    FrameSize take;
+    std::uint64_t takeFrames = 0;     // encoded for takes
+    Seconds takeEncodeTime{};         // of the latest of them, scaling included
+    std::uint64_t failedTakes = 0;    // because a frame could not be encoded
+    std::uint64_t mostMovieWork = 0;  // samples that waited for the movie's writer
+  };
+  std::optional<Encoding> encoding;
 };
 
 enum class TakeState { starting, recording, finishing, saved, failed };
@@ -42,24 +62,28 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::string path;             // as asked for; in `saved`, of the movie, which may differ
+  std::filesystem::path path;   // as asked for; in `saved`, of the movie, which may differ
   std::string error;            // why it failed, or is saved under another name
-  double duration = 0;          // seconds, final from `finishing` on
+  Seconds duration{};           // final from `finishing` on
   std::uint64_t frames = 0;     // written, even if a stop in the past removed them again
   std::uint64_t dropped = 0;    // lost
   std::uint64_t throttled = 0;  // skipped to keep the target rate
+  FrameSize size;               // of the movie's pictures; 0 until it is known
+  // The rate that was asked for, and the frames of the last second. Not if a start was refused.
+  std::optional<int> targetFPS;
+  std::optional<double> recentFPS;
   // Frames in the file of a saved take. Only with `keepFailed`.
   std::optional<std::uint64_t> framesInMovie;
   // How long the space above `minimumFree` lasts. Only while a take with that option records.
-  std::optional<double> secondsLeft;
+  std::optional<Seconds> timeLeft;
   std::string stoppedFor;     // "minimum_free" if the take was stopped for lack of space
   std::string frameLogError;  // why the log of frames ended early; in the last event of a take
 
   // What is left of a failed take.
   struct Kept {
-    std::string name;  // of the file, in the folder of the take
+    std::filesystem::path path;
     std::uint64_t frames = 0;
-    double duration = 0;  // seconds
+    Seconds duration{};
   };
   std::optional<Kept> kept;
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
@@ -72,9 +96,11 @@ struct Error {
 
 // The helper has ended; the last event.
 struct Exited {
-  int status = 0;         // -1: unknown, because SIGCHLD is ignored or other code collected it
-  int signal = 0;         // that ended the helper; 0: none
-  double cpuSeconds = 0;  // user and system time of the helper
+  int status = 0;     // -1: unknown, because SIGCHLD is ignored or other code collected it
+  int signal = 0;     // that ended the helper; 0: none
+  Seconds cpuTime{};  // user and system time of the helper
+  // For people: the helper's last `Error`, or why it did not become ready. Else empty.
+  std::string reason = {};
   bool isClean() const { return status == 0 && signal == 0; }
 };
 

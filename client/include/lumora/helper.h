@@ -1,10 +1,11 @@
 #pragma once
 
 // A helper process for a camera application: frames and takes go in, events come out. Only the
-// constructor, `stop` and the destructor wait for the helper. Feeding it never waits: if the helper
-// is busy, the whole frame is dropped and counted. Any thread.
+// constructor (without a queue), `stop` and the destructor wait for the helper. Feeding it never
+// waits: if the helper is busy, the whole frame is dropped and counted. Any thread.
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include <lumora/event_queue.h>
 #include <lumora/events.h>
 #include <lumora/export.h>
 #include <lumora/frame.h>
@@ -28,7 +30,7 @@ enum class FrameTransport { pipe, memory };
 
 struct HelperOptions {
   // The program's path; empty: $LUMORA_VIDEO_PATH, else "lumora-video" on the PATH.
-  std::string program = {};
+  std::filesystem::path program = {};
   std::string token = {};                               // for stream clients; empty: a random one
   std::vector<std::string> arguments = {};              // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // added to the application's own
@@ -37,6 +39,8 @@ struct HelperOptions {
   // so that the first frames are not late. Frames may also have other sizes.
   std::optional<FrameSize> frameSize = {};
   FrameFormat format = {};  // of all frames; by default RGBA, the bottom row first
+  // Calls the handlers, of takes, too. With a queue the constructor returns at once.
+  std::shared_ptr<EventQueue> queue = {};
 };
 
 // The helper could not be started, or did not become ready. The message is for people.
@@ -46,50 +50,57 @@ struct LUMORA_CLIENT_EXPORT StartError : std::runtime_error {
 
 class LUMORA_CLIENT_EXPORT Helper {
  public:
-  // Called for each event, one at a time, on a thread of the library. The first calls may come
-  // before the constructor has returned. The handler must not throw, stop or destroy the helper, or
-  // wait for the end of a take.
+  // Called for each event, one at a time. With a queue: in its `dispatch`, may do anything, and is
+  // never called after the destructor. Without one: on a thread of the library, perhaps before the
+  // constructor has returned; it must not throw, stop or destroy the helper, or wait for the end of
+  // a take.
   using EventHandler = std::function<void(const Event& event)>;
 
-  // Starts a helper and waits until it is ready. Throws StartError, or std::invalid_argument for an
-  // unsupported frame size, and for a matrix or range that does not fit the encoding.
+  // Starts a helper. Without a queue, waits until it is ready. With one, `Ready` comes as an event,
+  // or `Exited` with the reason. Throws StartError, and std::invalid_argument for an unsupported
+  // frame size, and for a matrix or range that does not fit the encoding.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
-  // Stops the helper.
+  // Stops the helper. Does not wait if `Exited` has come.
   ~Helper();
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
 
-  // The port for stream clients, on the loopback address unless an argument names another one.
+  // The port for stream clients, on the loopback address unless an argument names another one. 0
+  // until the helper is ready.
   std::uint16_t port() const;
   const std::string& token() const;
   int pid() const;
-  // The transport in use: the pipe if memory could not be shared.
+  // The transport in use: the pipe if memory could not be shared. Known once the helper is ready.
   FrameTransport frameTransport() const;
 
-  // Memory for the next frame. Empty if every slot is busy: skip this frame then. Throws
-  // std::invalid_argument for an unsupported size.
-  std::optional<Frame> acquireFrame(FrameSize size);
+  // Memory for the next frame. Empty if every slot is busy, or the helper is not ready yet: skip
+  // this frame then. Throws std::invalid_argument for an unsupported size.
+  [[nodiscard]] std::optional<Frame> acquireFrame(FrameSize size);
   // Passes a frame to the helper. At most one frame waits; a newer one replaces it. Throws
   // std::invalid_argument for an id that is not above the last one (see `frameID`), for a frame of
   // another format or one that was published before, and for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
-  // Publishes a copy of a picture without padding. False if it was skipped because every slot is
-  // busy. Throws what `acquireFrame`, `Frame::setLength` and `publish` throw.
+  // Publishes a copy of a picture without padding. False if it was skipped, as in `acquireFrame`.
+  // Throws what `acquireFrame`, `Frame::setLength` and `publish` throw.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see
-  // `Take`. Throws std::invalid_argument for a path that is too long or not UTF-8, and for a
-  // time out of range.
-  Take startTake(const TakeOptions& options);
+  // `Take`. The handler gets the take's events as soon as they are known. It is called like the
+  // helper's own; if the helper has ended already and there is no queue, before this returns.
+  // Throws std::invalid_argument for a path that is too long or not UTF-8, and for a time out of
+  // range.
+  [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});
 
   // How the helper ended; empty while it runs.
   std::optional<Exited> exited() const;
   // Waits for the takes that were told to stop, and closes the helper's input, so that the helper
   // saves a running take and ends. If it does not end, `stop` sends SIGTERM and then SIGKILL.
   // Within 5 s it gives up and reports SIGKILL, even if the system can't end the helper. When
-  // `stop` returns, every event has been handled.
+  // `stop` returns, every event has been handled, or is in the queue.
   Exited stop();
+  // The same, but returns at once. `Exited` comes when it is done.
+  void requestStop();
 
  private:
   class Impl;

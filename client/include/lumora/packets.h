@@ -29,7 +29,7 @@ class LUMORA_CLIENT_EXPORT PacketParser {
   void feed(std::span<const std::uint8_t> bytes);
   // The next packet; empty until all of its bytes have arrived. Throws std::runtime_error for a
   // length or a type that no helper sends.
-  std::optional<Packet> next();
+  [[nodiscard]] std::optional<Packet> next();
 
  private:
   std::vector<std::uint8_t> bytes_;

@@ -3,25 +3,27 @@
 // Recovers takes that a crash or a power cut has interrupted.
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include <lumora/export.h>
+#include <lumora/uptime.h>
 
 namespace lumora::client {
 
 struct RecoveredTake {
-  std::string staging;       // the file's old path
-  std::string path;          // of the movie; empty: there is none
-  std::uint64_t frames = 0;  // in the movie
-  double duration = 0;       // of the movie, seconds
-  std::string left;          // why the file keeps its old name; empty: it has a new one
+  std::filesystem::path staging;  // the file's old path
+  std::filesystem::path path;     // of the movie; empty: there is none
+  std::uint64_t frames = 0;       // in the movie
+  Seconds duration{};             // of the movie
+  std::string left;               // why the file keeps its old name; empty: it has a new one
 };
 
 // Makes an ordinary movie of each interrupted take in a folder. Does not touch takes that are being
 // recorded. Waits for the disk. Needs the program lumora-recover in the helper's folder. `program`
 // is that of HelperOptions. Throws std::runtime_error if the folder can't be read.
-LUMORA_CLIENT_EXPORT std::vector<RecoveredTake> recoverTakes(const std::string& folder,
-                                                             const std::string& program = {});
+LUMORA_CLIENT_EXPORT std::vector<RecoveredTake> recoverTakes(
+    const std::filesystem::path& folder, const std::filesystem::path& program = {});
 
 }  // namespace lumora::client

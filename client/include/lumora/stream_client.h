@@ -11,30 +11,46 @@
 
 #include <lumora/export.h>
 #include <lumora/packets.h>
+#include <lumora/uptime.h>
 
 namespace lumora::client {
 
+// Why a connection has ended. The helper closes it without a word, so not all is known: from
+// another machine `noRoom` may look like `refused`, and an end that is read more than a second
+// after the hello is `closed`.
+enum class StreamEnd {
+  none,     // it has not ended
+  noRoom,   // the hello was not read: two clients are admitted, or four others wait
+  refused,  // because of the hello: the token is wrong, or two others were admitted meanwhile
+  closed,   // the helper has ended, or has dropped this client
+};
+
 class LUMORA_CLIENT_EXPORT StreamClient {
  public:
-  // Connects to `host`, a numeric address. Throws std::system_error.
-  StreamClient(const std::string& host, std::uint16_t port);
+  // Connects to `host`, a numeric address. Throws std::system_error, also if that takes too long.
+  StreamClient(const std::string& host, std::uint16_t port, Seconds limit = Seconds(5));
   ~StreamClient();
   StreamClient(StreamClient&& other) noexcept;
   StreamClient& operator=(StreamClient&& other) noexcept;
 
-  // False when the connection is gone.
+  // False when the connection is gone. The helper answers with packets once there are frames, or
+  // closes the connection (see `end`).
   bool sayHello(const std::string& token);
   // A helper drops a client that leaves a frame unacknowledged for half a second.
   bool acknowledge(std::uint64_t frameID);
   bool sendText(const std::string& text);
 
   // The next packet. Empty if none arrived in time, or if the helper has closed the connection (see
-  // `isClosed`). Throws std::runtime_error for bytes that no helper sends.
-  std::optional<Packet> receive(double timeoutSeconds);
-  bool isClosed() const;
-  // Receives packets until the helper closes the connection (see `isClosed`) or `goesOn` returns
-  // false. Passes each packet to `handle`, which has to return within 80 ms, and then acknowledges
-  // the frame. Calls `goesOn` before each packet and ten times a second. Throws what `receive` and
+  // `end`). Throws std::runtime_error for bytes that no helper sends.
+  [[nodiscard]] std::optional<Packet> receive(Seconds limit);
+  StreamEnd end() const;
+  bool isClosed() const { return end() != StreamEnd::none; }
+  // Can be read when bytes have arrived, or the helper has closed the connection. Who watches it
+  // then calls `receive` with no time until that returns nothing.
+  int descriptor() const;
+  // Receives packets until the helper closes the connection (see `end`) or `goesOn` returns false.
+  // Passes each packet to `handle`, which has to return within 80 ms, and then acknowledges the
+  // frame. Calls `goesOn` before each packet and ten times a second. Throws what `receive` and
   // `handle` throw.
   void watch(
       const std::function<void(Packet)>& handle,

@@ -1,23 +1,38 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <lumora/events.h>
 #include <lumora/export.h>
+#include <lumora/uptime.h>
 
 namespace lumora::client {
 
+enum class TakeSize { of640x360, of1080x720, of1920x1080 };
+enum class TakeRate { fps15 = 15, fps30 = 30, fps45 = 45, fps60 = 60 };
+
+// The size of a take's pictures, and how many it has in a second. A camera's picture is fitted
+// between black bars.
+struct TakeProfile {
+  TakeSize size = TakeSize::of1080x720;
+  TakeRate rate = TakeRate::fps60;
+};
+
+// "640x360", "1080x720" or "1920x1080". Empty for a size that no take has.
+LUMORA_CLIENT_EXPORT std::string toText(TakeSize size);
+LUMORA_CLIENT_EXPORT std::optional<TakeSize> parseTakeSize(std::string_view text);
+
 struct TakeOptions {
-  std::string path = {};  // absolute, ends in ".mp4"; nothing may exist there
-  // The size and the rate: "640x360", "1080x720" or "1920x1080" at 15, 30, 45 or 60. Without both,
-  // the take is 1080x720 (1080 wide) at 60. The picture is fitted between black bars.
-  std::string resolution = {};
-  int targetFPS = 0;
-  bool steady = true;                    // keeps every frame of a camera at about targetFPS
-  std::optional<double> startedAt = {};  // a capture time, at most 30 s ago; empty: now
+  std::filesystem::path path = {};  // absolute, ends in ".mp4"; nothing may exist there
+  TakeProfile profile = {};
+  bool steady = true;  // keeps every frame of a camera at about the profile's rate
+  std::optional<Uptime::time_point> startedAt = {};  // a capture time, at most 30 s ago; empty: now
   // If the take fails, what was recorded is kept, or what is on the disk if that is the cause.
   bool keepFailed = true;
   // The take is stopped and saved if its file system has fewer bytes left. Up to 2^53.
@@ -32,29 +47,31 @@ struct TakeOptions {
 class LUMORA_CLIENT_EXPORT Take {
  public:
   class State;
+  // Called for each event about a take. In the last one `isOver` is true.
+  using EventHandler = std::function<void(const Recording& event)>;
 
   const std::string& id() const { return id_; }
   // The path of the file while the take runs. If the helper is killed, the file stays and plays.
-  std::string stagingPath() const;
+  std::filesystem::path stagingPath() const;
   // Stops the take at this time, or now. Frames that the helper reads later are left out. It reads
   // a frame a little after its capture, so stop one frame interval later to keep the last frame.
   // Calling it again does nothing. Throws std::invalid_argument for a time before the start, more
   // than 30 s ago or more than 50 ms ahead, because the helper would fail the take.
-  void stop(std::optional<double> stoppedAt = std::nullopt);
-  // The uptimes at which the take starts and stops.
-  double startedAt() const;
-  std::optional<double> stoppedAt() const;  // empty until it was stopped
+  void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
+  // When the take starts and stops.
+  Uptime::time_point startedAt() const;
+  std::optional<Uptime::time_point> stoppedAt() const;  // empty until it was stopped
   // The latest event about the take.
   Recording latest() const;
-  // The event that ended it, `saved` or `failed`; empty when it has not ended within `seconds`.
-  std::optional<Recording> waitForEnd(double seconds) const;
+  // The event that ended it, `saved` or `failed`; empty when it has not ended in time.
+  [[nodiscard]] std::optional<Recording> waitForEnd(Seconds limit) const;
 
  private:
   friend class Helper;
-  Take(std::string id, std::string path, std::shared_ptr<State> state);
+  Take(std::string id, std::filesystem::path path, std::shared_ptr<State> state);
 
   std::string id_;
-  std::string path_;
+  std::filesystem::path path_;
   std::shared_ptr<State> state_;
 };
 

@@ -1,17 +1,29 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 #include <lumora/export.h>
 
 namespace lumora::client {
 
-// The time on the helper's clock for frames and takes (CLOCK_MONOTONIC), in seconds.
-LUMORA_CLIENT_EXPORT double uptime();
+// Lengths of time. Every duration of std::chrono converts to it, a plain number does not.
+using Seconds = std::chrono::duration<double>;
 
-// The id for a frame that was captured at this uptime: the microseconds of the uptime. Any growing
+// The helper's clock for frames and takes: CLOCK_MONOTONIC, which V4L2 uses, too. Times of another
+// clock do not convert to its times. Any thread.
+struct LUMORA_CLIENT_EXPORT Uptime {
+  using duration = Seconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<Uptime, duration>;
+  static constexpr bool is_steady = true;
+  static time_point now() noexcept;
+};
+
+// The id for a frame that was captured at this time: the microseconds of the uptime. Any growing
 // ids are allowed, but from these a viewer can tell how old a picture is. JavaScript holds them
 // exactly for 285 years.
-LUMORA_CLIENT_EXPORT std::uint64_t frameID(double capturedAt);
+LUMORA_CLIENT_EXPORT std::uint64_t frameID(Uptime::time_point capturedAt);
 
 }  // namespace lumora::client

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include <lumora/export.h>
+
+namespace lumora::client {
+
+// Brings calls to a thread of the application that has a loop of its own (Qt, GLib, epoll). That
+// thread watches the descriptor and calls `dispatch`. One queue may serve several helpers.
+class LUMORA_CLIENT_EXPORT EventQueue {
+ public:
+  EventQueue();  // throws std::system_error
+  ~EventQueue();
+  EventQueue(const EventQueue&) = delete;
+  EventQueue& operator=(const EventQueue&) = delete;
+
+  // Can be read while calls wait. Watch it, but do not read it.
+  int descriptor() const;
+  // Makes the calls that wait, on this thread. Throws what a call throws; those behind it then wait
+  // for the next `dispatch`.
+  void dispatch();
+  // Leaves a call to `dispatch`. Any thread.
+  void post(std::function<void()> call);
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace lumora::client
