@@ -28,6 +28,12 @@ EncoderFactory libavFactory(std::string preset, const PixelFormat& frames,
   };
 }
 
+// An FFmpeg without GPL parts lacks the first.
+const AVCodec* findSoftwareEncoder() {
+  const AVCodec* found = avcodec_find_encoder_by_name(softwareEncoder);
+  return found != nullptr ? found : avcodec_find_encoder_by_name("libopenh264");
+}
+
 }  // namespace
 
 SystemEncoders::SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
@@ -41,7 +47,7 @@ SystemEncoders::SystemEncoders(AllowedEncoders allowed, const PixelFormat& frame
       pictures_(std::move(pictures)),
       frames_(frames),
       allowed_(std::move(allowed)),
-      software_(allowed_.software ? avcodec_find_encoder_by_name(softwareEncoder) : nullptr),
+      software_(allowed_.software ? findSoftwareEncoder() : nullptr),
       open_(open ? std::move(open) : libavFactory(allowed_.preset, frames_, pictures_)),
       pool_(std::make_shared<EncoderPool>(open_, opener_, std::move(trim))) {}
 
