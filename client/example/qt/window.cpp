@@ -1,0 +1,137 @@
+#include "window.h"
+
+#include <QCloseEvent>
+#include <QDateTime>
+#include <QPainter>
+#include <QVBoxLayout>
+#include <cstdio>
+#include <utility>
+
+using namespace lumora::client;
+
+constexpr FrameSize pictureSize{1280, 720};
+
+Window::Window(std::filesystem::path folder) : folder_(std::move(folder)) {
+  auto* const column = new QVBoxLayout(this);
+  for (QWidget* each : {static_cast<QWidget*>(&preview_), static_cast<QWidget*>(&recordButton_),
+                        static_cast<QWidget*>(&status_)})
+    column->addWidget(each);
+  preview_.setMinimumSize(640, 360);
+  connect(&recordButton_, &QPushButton::clicked, this, &Window::toggleTake);
+  connect(&camera_, &QTimer::timeout, this, &Window::feed);
+
+  options_.frameSize = pictureSize;
+  options_.format = {.encoding = FrameEncoding::rgba, .firstRow = FirstRow::top};
+  options_.queue = std::make_shared<EventQueue>();
+  events_ = std::make_unique<QSocketNotifier>(options_.queue->descriptor(), QSocketNotifier::Read);
+  connect(events_.get(), &QSocketNotifier::activated, this, [this] { options_.queue->dispatch(); });
+  startHelper();
+}
+
+void Window::startHelper() try {
+  recordButton_.setEnabled(false);
+  helper_ = std::make_unique<Helper>(options_, [this](const Event& event) { helperSaid(event); });
+} catch (const StartError& error) {
+  say(error.what());
+}
+
+void Window::helperSaid(const Event& event) {
+  if (std::holds_alternative<Ready>(event.what)) becomeReady();
+  if (const auto* end = std::get_if<Exited>(&event.what)) helperEnded(*end);
+}
+
+void Window::becomeReady() {
+  // Another helper, after this one, serves the same clients.
+  options_.token = helper_->token();
+  options_.arguments = {"--port", std::to_string(helper_->port())};
+
+  stream_.emplace("127.0.0.1", helper_->port());
+  stream_->sayHello(helper_->token());
+  packets_ = std::make_unique<QSocketNotifier>(stream_->descriptor(), QSocketNotifier::Read);
+  connect(packets_.get(), &QSocketNotifier::activated, this, &Window::drawPreview);
+  recordButton_.setEnabled(true);
+  camera_.start(std::chrono::milliseconds(33));
+}
+
+void Window::helperEnded(const Exited& end) {
+  const bool wasReady = helper_->port() != 0;
+  camera_.stop();
+  packets_.reset();
+  stream_.reset();
+  helper_.reset();
+  if (isClosing_) {
+    close();
+    return;
+  }
+  say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
+  if (wasReady) startHelper();  // else the next one would not start either
+}
+
+void Window::drawPreview() {
+  QImage latest;
+  while (const auto packet = stream_->receive(Seconds(0))) {
+    if (QImage image = decoder_.decode(*packet); !image.isNull()) latest = image;
+    if (packet->type == Packet::Type::frame) stream_->acknowledge(packet->frameID);
+  }
+  if (stream_->isClosed()) packets_->setEnabled(false);  // the helper's end follows
+  if (latest.isNull()) return;
+  preview_.setPixmap(QPixmap::fromImage(latest));
+  ++drawnPictures_;
+}
+
+void Window::feed() {
+  auto frame = helper_->acquireFrame(pictureSize);
+  if (!frame) return;  // the helper is behind: skip this picture
+  QImage canvas(frame->pixels().data(), pictureSize.width, pictureSize.height,
+                QImage::Format_RGBX8888);
+  canvas.fill(Qt::darkBlue);
+  QPainter(&canvas).fillRect(8 * ++fedPictures_ % pictureSize.width, 200, 240, 240, Qt::yellow);
+  helper_->publish(*std::move(frame), frameID(Uptime::now()));
+}
+
+void Window::toggleTake() {
+  recordButton_.setEnabled(false);  // until the take says how it stands
+  if (take_) {
+    take_->stop();
+    return;
+  }
+  const QString name = QDateTime::currentDateTime().toString("'take-'yyyyMMdd-hhmmss'.mp4'");
+  take_ = helper_->startTake({.path = folder_ / name.toStdString()},
+                             [this](const Recording& event) { takeSaid(event); });
+}
+
+void Window::takeSaid(const Recording& event) {
+  const QString path = QString::fromStdString(event.path.string());
+  switch (event.state) {
+    case TakeState::starting:
+    case TakeState::finishing:
+      return;
+    case TakeState::recording:
+      say(QString("Recording: %1 s").arg(event.duration.count(), 0, 'f', 1));
+      break;
+    case TakeState::saved:
+      say("Saved " + path);
+      break;
+    case TakeState::failed:
+      say("Not saved: " + QString::fromStdString(event.error));
+      break;
+  }
+  if (event.isOver()) take_.reset();
+  recordButton_.setText(take_ ? "Stop" : "Record");
+  recordButton_.setEnabled(helper_ && helper_->port() != 0);
+}
+
+// The window stays until the helper has saved a running take, which takes two seconds at most.
+void Window::closeEvent(QCloseEvent* event) {
+  if (!helper_) return;
+  event->ignore();
+  if (std::exchange(isClosing_, true)) return;
+  if (take_) take_->stop();
+  helper_->requestStop();
+}
+
+void Window::say(const QString& words) {
+  status_.setText(words);
+  std::printf("%s\n", qPrintable(words));
+  std::fflush(stdout);
+}

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Runs the example for Qt without a screen: a helper that does not start, then one take.
+#
+#   tests/embedding/qt.sh EXAMPLE HELPER
+set -euo pipefail
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export QT_QPA_PLATFORM=offscreen
+said=$(LUMORA_VIDEO_PATH=/bin/false "$1" "$work" 0)
+grep -q '^it ended at once with status 1$' <<<"$said"
+said=$(LUMORA_VIDEO_PATH=$2 "$1" "$work" 2)
+grep -qE '^[1-9][0-9]+ pictures of the preview were drawn$' <<<"$said"
+grep -q '^Saved ' <<<"$said"
+ffmpeg -v error -xerror -nostdin -i "$work"/take-*.mp4 -f null -
