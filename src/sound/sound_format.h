@@ -1,0 +1,26 @@
+#pragma once
+
+// The format of the parent's sound. TAVO_SOUND sets it for the whole run. Pure.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace lumora {
+
+// Interleaved 16-bit samples. A number of samples counts those of one channel, everywhere.
+struct SoundFormat {
+  int rate = 0;  // samples a second
+  int channels = 0;
+
+  int sampleBytes() const { return channels * static_cast<int>(sizeof(std::int16_t)); }
+  bool operator==(const SoundFormat&) const = default;
+};
+
+// The format that "RATExCHANNELS" describes, for example "48000x2". Empty for any other text.
+std::optional<SoundFormat> parseSoundFormat(const std::string& text);
+
+// The rate of the track for sound of this rate: the same if AAC-LC has it, else 48000.
+int trackRate(int rate);
+
+}  // namespace lumora

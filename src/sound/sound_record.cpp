@@ -1,0 +1,19 @@
+#include "sound/sound_record.h"
+
+namespace lumora {
+
+bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, SoundFormat format) {
+  constexpr std::uint32_t mostInASecond = 4;
+  const auto sampleBytes = static_cast<std::uint32_t>(format.sampleBytes());
+  const std::uint32_t samples = bytes / sampleBytes;
+  return id > lastID && samples > 0 && bytes % sampleBytes == 0 &&
+         samples <= static_cast<std::uint32_t>(format.rate) / mostInASecond;
+}
+
+bool isTimely(double capturedAt, double now) {
+  constexpr double mostAhead = 0.05;
+  constexpr double mostBehind = 30;
+  return capturedAt <= now + mostAhead && capturedAt >= now - mostBehind;
+}
+
+}  // namespace lumora

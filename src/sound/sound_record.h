@@ -1,0 +1,26 @@
+#pragma once
+
+// Records of sound: which of them are valid, and which are left out. Pure.
+
+#include <cstdint>
+
+#include "base/bytes.h"
+#include "sound/sound_format.h"
+
+namespace lumora {
+
+struct SoundRecord {
+  double capturedAt = 0;  // uptime of the first sample in seconds; `DeviceClock` smooths it
+  std::int64_t samples = 0;
+  Bytes pcm = {};
+  double drift = 0;  // of the device, set by `DeviceClock`: 1e-6 is 1 ppm slow
+};
+
+// Whether a record has an id above `lastID` (that of the sound before it, or 0) and whole samples:
+// at least one, at most a quarter of a second.
+bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, SoundFormat format);
+
+// Whether sound captured at this time is used: not long past, nor in the future. Uptime seconds.
+bool isTimely(double capturedAt, double now);
+
+}  // namespace lumora
