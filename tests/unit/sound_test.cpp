@@ -1,8 +1,14 @@
-// Sound: its format and its records.
+// Sound: its format, its records, and where they lie in a take of two hours.
 
 #include <gtest/gtest.h>
 
-#include "sound/sound_record.h"
+#include <cmath>
+#include <deque>
+#include <random>
+#include <utility>
+
+#include "sound/device_clock.h"
+#include "sound/sound_placing.h"
 
 namespace lumora {
 namespace {
@@ -25,6 +31,119 @@ TEST(SoundRecord, HasGrowingIdsWholeSamplesAndATimeOfNow) {
     EXPECT_FALSE(isValidSound(9, 8, bytes, stereo)) << bytes;
   EXPECT_TRUE(isTimely(100.0499, 100) && isTimely(70.001, 100));
   EXPECT_FALSE(isTimely(100.051, 100) || isTimely(69.999, 100));
+}
+
+TEST(DeviceClock, HoldsWhatIsOffTheLineUntilThatIsCertain) {
+  DeviceClock clock(48000);
+  double captured = 10;
+  const auto add = [&](double late) {
+    return clock.add({std::exchange(captured, captured + 0.02) + late, 960}).size();
+  };
+  EXPECT_EQ(add(0) + add(0) + add(0), 3u);
+  EXPECT_EQ(add(0.2), 0u);  // read late
+  EXPECT_EQ(add(0), 2u);
+  EXPECT_EQ(add(1) + add(1) + add(1), 0u);  // a jump
+  EXPECT_EQ(add(1), 4u);
+  int held = 0;
+  for (double late = 2; add(late) == 0; late += 0.03) ++held;  // never twice by the same
+  EXPECT_NEAR(held, 25, 1);                                    // half a second
+}
+
+TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
+  SoundPlacing early(48000, 10);
+  EXPECT_EQ(early.place({9.98, 960}, 0).cut, 960);
+  EXPECT_EQ(early.place({9.995, 960}, 0).cut, 240);
+  EXPECT_NEAR(early.missing(10.02), 0.005, 1e-9);
+  SoundPlacing late(8000, 10);
+  EXPECT_EQ(late.place({10.005, 2000}, 0).silence, 40);
+  EXPECT_EQ(late.trackSamples(11.5, 48000), 72000);
+  EXPECT_EQ(early.gaps() + late.gaps(), 0);
+}
+
+struct Device {
+  const char* what;
+  int rate;
+  int samples;      // of a record; 0: any number
+  double slow;      // ppm, at the start; it warms up, and in the end this is less by a third
+  double jump = 0;  // seconds that the times gain after an hour
+  int gaps = 0;
+  int lost = 0;           // of so many records one is lost
+  double missing = 0;     // seconds
+  double hang = 0;        // seconds each minute in which the parent reads nothing
+  double jitter = 0.005;  // seconds that the parent's times are off, at most
+};
+
+// A take of two hours, with a resampler that is exact.
+struct Take {
+  static constexpr double start = 1000.03;
+  static constexpr double end = start + 7200;
+  Device device;
+  DeviceClock clock{device.rate};
+  SoundPlacing placing{device.rate, start};
+  std::deque<double> capturedAt = {};  // of the records that the clock has not returned
+  double length = 0;
+  int gain = 0;
+  double worst = 0;        // seconds off
+  double afterAnHour = 0;  // seconds off
+  int mostGain = 0;
+  int mostChanged = 0;  // `gain`, from record to record
+
+  double seconds(std::int64_t samples) const { return static_cast<double>(samples) / device.rate; }
+
+  void run() {
+    std::mt19937 random(7);
+    std::uniform_real_distribution<> share;
+    double time = start - 0.03;
+    for (int i = 1; time < end; ++i) {
+      if (time > start + 3600) time += std::exchange(device.jump, 0);
+      const auto any = std::llround(share(random) * (device.rate * 0.25 - 2)) + 1;
+      const std::int64_t samples = device.samples > 0 ? device.samples : any;
+      const double late = std::max(device.hang - std::fmod(time, 60), 0.0);
+      const SoundRecord record{time + late + device.jitter * (1 - 2 * share(random)), samples};
+      const double slow = device.slow * (1 - (time - start) / (end - start) / 3);
+      const double began = std::exchange(time, time + seconds(samples) * (1 + slow * 1e-6));
+      if (device.lost > 0 && i % device.lost == 0) continue;
+      capturedAt.push_back(began);
+      for (const SoundRecord& known : clock.add(record)) place(known);
+    }
+  }
+
+  void place(const SoundRecord& record) {
+    const Placement placement = placing.place(record, length);
+    const double wanted = capturedAt.front() - start + seconds(placement.cut);
+    capturedAt.pop_front();
+    length += seconds(placement.silence);
+    if (placement.cut == record.samples) return;
+    worst = std::max(worst, std::abs(length - wanted));
+    if (wanted < 3600) afterAnHour = std::abs(length - wanted);
+    mostGain = std::max(mostGain, std::abs(placement.gain));
+    mostChanged = std::max(mostChanged, std::abs(placement.gain - gain));
+    gain = placement.gain;
+    length += seconds(record.samples - placement.cut) * (1 + gain * 1e-6);
+  }
+};
+
+TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
+  const Device devices[] = {{"100 ppm fast", 48000, 480, -100},
+                            {"300 ppm slow", 44100, 1024, 300},
+                            {"500 ppm slow, any sizes", 10000, 0, 500},
+                            {"500 ppm fast, long records", 48000, 12000, -500},
+                            {"jumps ahead", 22050, 0, -100, 0.2, 1, 0, 0.2},
+                            {"jumps back", 48000, 12000, 300, -0.2, 1},
+                            {"stops for 3 s", 96000, 960, 300, 3, 1, 0, 3},
+                            {"loses records", 48000, 960, 100, 0, 35, 10007, 35 * 0.02},
+                            {"is read late", 48000, 960, -300, 0, 0, 0, 0, 0.2},
+                            {"jitters more", 48000, 9600, 100, 0, 0, 0, 0, 0, 0.008}};
+  for (const Device& device : devices) {
+    Take take{device};
+    take.run();
+    EXPECT_LE(take.worst, 0.010) << device.what;
+    EXPECT_LE(take.afterAnHour, 0.002) << device.what;
+    EXPECT_LE(take.mostGain, 550) << device.what;
+    EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second
+    EXPECT_EQ(take.placing.gaps(), device.gaps) << device.what;
+    EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.003 * (1 + device.gaps));
+  }
 }
 
 }  // namespace

@@ -1,0 +1,88 @@
+#include "sound/device_clock.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace lumora {
+namespace {
+
+constexpr double firstDrift = 9e-8;         // variance, of 300 ppm
+constexpr double driftWander = 4e-13;       // variance that the drift gains in a second, of 0.6 ppm
+constexpr double jitterMemory = 100;        // records
+constexpr double usualJitter = 2.4;         // standard deviations; those on the line are smaller
+constexpr double usualError = 3;            // standard deviations of the line itself
+constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer is a jump
+constexpr double longestDoubt = 0.5;        // seconds until any deviation is a jump
+
+}  // namespace
+
+std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
+  if (!isStarted_) startAt(record.capturedAt);
+  const double late = record.capturedAt - next_;
+  const double usual = usualJitter * std::sqrt(jitter_);
+  const bool isOnLine = std::abs(late) <= usual + usualError * std::sqrt(timeVariance_);
+  isOnLine ? correct(late) : deviate(late, usual);
+  record.capturedAt = next_;
+  advance(static_cast<double>(record.samples) / rate_);
+  held_.push_back(std::move(record));
+  if (!isOnLine && !hasJumped()) return {};
+  if (!isOnLine) jump();
+  deviation_ = {};
+  for (SoundRecord& certain : held_) certain.drift = drift_;
+  return std::exchange(held_, {});
+}
+
+void DeviceClock::startAt(double time) {
+  isStarted_ = true;
+  next_ = time;
+  timeVariance_ = jitter_;
+  driftVariance_ = firstDrift;
+  covariance_ = 0;
+}
+
+// The two steps of the filter. Jitter is measured from one time to the next, so that an error of
+// the line does not count as jitter.
+void DeviceClock::correct(double late) {
+  const double timeGain = timeVariance_ / (timeVariance_ + jitter_);
+  const double driftGain = covariance_ / (timeVariance_ + jitter_);
+  next_ += timeGain * late;
+  drift_ += driftGain * late;
+  driftVariance_ -= driftGain * covariance_;
+  covariance_ *= 1 - timeGain;
+  timeVariance_ *= 1 - timeGain;
+  const double change = late - std::exchange(late_, late);
+  jitter_ = std::max(jitter_ + (change * change / 2 - jitter_) / jitterMemory, leastJitter);
+}
+
+void DeviceClock::advance(double seconds) {
+  next_ += seconds * (1 + drift_);
+  timeVariance_ += seconds * (2 * covariance_ + seconds * driftVariance_);
+  covariance_ += seconds * driftVariance_;
+  driftVariance_ += seconds * driftWander;
+}
+
+void DeviceClock::deviate(double late, double usual) {
+  constexpr double spread = 1.7;  // a little less than from the earliest usual time to the latest
+  const double least = std::min(deviation_.least, late);
+  const double most = std::max(deviation_.most, late);
+  const bool agrees = deviation_.records > 0 && most - least <= spread * usual;
+  deviation_ = agrees ? Deviation{deviation_.records + 1, least, most} : Deviation{1, late, late};
+}
+
+bool DeviceClock::hasJumped() const {
+  const double latest = held_.back().capturedAt;
+  const double since = held_.end()[-deviation_.records].capturedAt;
+  return latest - since >= shortestDeviation || latest - held_.front().capturedAt >= longestDoubt;
+}
+
+// The drift may be another device's from here on.
+void DeviceClock::jump() {
+  const double by = (deviation_.least + deviation_.most) / 2;
+  for (auto record = held_.end() - deviation_.records; record != held_.end(); ++record) {
+    record->capturedAt += by;
+  }
+  startAt(next_ + by);
+}
+
+}  // namespace lumora

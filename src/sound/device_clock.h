@@ -1,0 +1,56 @@
+#pragma once
+
+// When the samples of a device were captured. The parent's times are off by some milliseconds, each
+// by another error. A Kalman filter finds the line through them: when the next sample is captured,
+// and how much slower than its nominal rate the device is.
+//
+// A time off the line is at first no reason to leave it: the parent may have read that record late,
+// and the next times are on the line again. So such records are held. If those of 50 ms are off by
+// about the same, samples were lost or a clock jumped, and the line starts again there.
+
+#include <cstddef>
+#include <vector>
+
+#include "sound/sound_record.h"
+
+namespace lumora {
+
+// The clock of one device. One thread.
+class DeviceClock {
+ public:
+  explicit DeviceClock(int rate) : rate_(rate) {}
+
+  // Takes the next record. Returns those whose times are certain now, in order and with smoothed
+  // times: mostly just this one. Holds at most half a second of sound, then one record more.
+  std::vector<SoundRecord> add(SoundRecord record);
+
+ private:
+  static constexpr double leastJitter = 9e-6;  // variance, of 3 ms
+
+  struct Deviation {
+    std::ptrdiff_t records = 0;  // the last ones of `held_`
+    double least = 0;            // seconds off the line
+    double most = 0;
+  };
+
+  void startAt(double time);
+  void correct(double late);
+  void advance(double seconds);
+  void deviate(double late, double usual);
+  bool hasJumped() const;
+  void jump();
+
+  int rate_;
+  bool isStarted_ = false;
+  double next_ = 0;  // uptime of the next sample, in seconds
+  double drift_ = 0;
+  double timeVariance_ = 0;  // of the errors of `next_` and `drift_`
+  double driftVariance_ = 0;
+  double covariance_ = 0;
+  double jitter_ = leastJitter;    // variance of the errors of the parent's times
+  double late_ = 0;                // the latest time on the line came so many seconds after it
+  std::vector<SoundRecord> held_;  // with their times on the line
+  Deviation deviation_;
+};
+
+}  // namespace lumora

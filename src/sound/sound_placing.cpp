@@ -1,0 +1,54 @@
+#include "sound/sound_placing.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace lumora {
+namespace {
+
+constexpr double largestDifference = 0.01;  // seconds
+constexpr double removalTime = 10;          // seconds in which most of a difference goes away
+constexpr double mostCompensation = 550e-6;
+constexpr double compensationChange = 100e-6;  // at most, in a second
+
+double limited(double value, double limit) { return std::clamp(value, -limit, limit); }
+
+}  // namespace
+
+Placement SoundPlacing::place(const SoundRecord& record, double length) {
+  const double seconds = static_cast<double>(record.samples) / rate_;
+  const double late = record.capturedAt - start_ - length;
+  if (!isAligning_ && std::abs(late) > largestDifference) {
+    isAligning_ = true;
+    ++gaps_;
+  }
+  Placement placement;
+  if (isAligning_) {
+    align(late, record, placement);
+  } else {
+    const double wanted = limited(record.drift + late / removalTime, mostCompensation);
+    compensation_ += limited(wanted - compensation_, compensationChange * seconds);
+  }
+  placement.gain = static_cast<int>(std::lround(compensation_ * 1e6));
+  heardUntil_ = std::max(heardUntil_, record.capturedAt + seconds);
+  return placement;
+}
+
+void SoundPlacing::align(double late, const SoundRecord& record, Placement& placement) {
+  const std::int64_t samples = std::llround(late * rate_);
+  placement.silence = std::max(samples, std::int64_t{0});
+  placement.cut = std::clamp(-samples, std::int64_t{0}, record.samples);
+  missing_ += static_cast<double>(placement.silence) / rate_;
+  isAligning_ = placement.cut == record.samples;
+  compensation_ = limited(record.drift, mostCompensation);  // the sound before it has ended
+}
+
+std::int64_t SoundPlacing::trackSamples(double end, int trackRate) const {
+  return std::llround((end - start_) * trackRate);
+}
+
+double SoundPlacing::missing(double end) const {
+  return missing_ + std::max(end - heardUntil_, 0.0);
+}
+
+}  // namespace lumora
