@@ -1,5 +1,5 @@
-// Fuzzes movies with any samples, ends and pauses. libavformat reads each of them back: finished,
-// and cut off as after a crash.
+// Fuzzes movies with any samples, ends and pauses, with and without sound. libavformat reads each
+// of them back: finished, and cut off as after a crash.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -39,14 +39,19 @@ void fuzzMovie(FuzzedDataProvider& input) {
   std::vector<std::size_t> synced;
   std::vector<std::size_t> samplesAtSync = {0};
   std::vector<MovieTiming> timings;
+  const bool hasSound = input.ConsumeBool();
+  std::size_t packets = 0;  // of sound
   std::int64_t end = 0;
   WriterStatus status = WriterStatus::idle;
   {
     HybridMovieWriter writer(std::make_unique<MemorySink>(bytes, synced), 0);
+    require(!hasSound || writer.addTrack({48000, 2, 1024, {0x11, 0x90}}));
     require(writer.startWriting(keySample()->format(), 0));
     std::int64_t time = 0;
     std::int64_t fragment = 0;
     while (input.remaining_bytes() > 8 && timings.size() < 400) {
+      for (int i = hasSound ? input.ConsumeIntegralInRange(0, 60) : 0; i > 0; --i, ++packets)
+        require(writer.append(Bytes(9 + packets % 300, 0x11)));
       const std::int64_t duration =
           input.ConsumeBool() ? input.ConsumeIntegralInRange<std::int64_t>(1, 5000)
                               : input.ConsumeIntegralInRange<std::int64_t>(1, longestSample);
@@ -76,6 +81,10 @@ void fuzzMovie(FuzzedDataProvider& input) {
   for (std::size_t i = 0; i < inside; ++i) require(read.times[i] == timings[i].time);
   require(read.duration ==
           timings[inside - 1].time + std::min(end - timings[inside - 1].time, longestSample));
+  const auto soundEnd = static_cast<std::uint64_t>(1024 + end * 48000 / movieTimescale);
+  packets = std::min<std::size_t>(packets, (soundEnd + 1023) / 1024);
+  // Of a single packet nothing is to be heard.
+  require(packets < 2 || readMovie(bytes, 1).times.size() == packets);
   // The file as it was before it was finished, cut off at page boundaries.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
@@ -85,7 +94,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
     const MovieContents part = readMovie(ByteView(bytes).first(cut));
     const auto syncs = std::ranges::count_if(synced, [&](std::size_t at) { return at <= cut; });
     require(part.opened);
-    require(syncs == 0 ||
+    require(syncs == 0 || hasSound ||  // with sound not every sync is that of a picture
             part.times.size() >= samplesAtSync.at(static_cast<std::size_t>(syncs) - 1));
   }
 }

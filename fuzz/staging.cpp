@@ -22,7 +22,7 @@ void fuzzStaging(Bytes bytes) try {
   const StagingMovie movie = read(bytes);
   require(movie.frames > 0);
   if (movie.isFinished) return;
-  for (const StagingTrack& track : movie.tracks) {
+  for (const MovieTrack& track : movie.tracks) {
     auto size = track.tables.sizes.begin();
     for (const MovieChunk& chunk : track.tables.chunks) {
       std::uint64_t end = chunk.offset;
@@ -31,9 +31,8 @@ void fuzzStaging(Bytes bytes) try {
     }
     require(size == track.tables.sizes.end());
   }
-  const StagingTrack& video = movie.tracks.front();
-  const Bytes tables = movieEnd(*video.format, video.tables, movie.properties);
-  require(tables.size() <= maximumMovieEndBytes(*video.format, video.tables));
+  const Bytes tables = movieEnd(movie.tracks, movie.properties);
+  require(tables.size() <= maximumMovieEndBytes(movie.tracks));
   const Bytes head = wideMediaDataHeader(bytes.size() - movie.placeholder);
   bytes.insert(bytes.end(), tables.begin(), tables.end());
   std::ranges::copy(head, bytes.begin() + static_cast<std::ptrdiff_t>(movie.placeholder));

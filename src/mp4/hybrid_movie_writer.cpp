@@ -17,6 +17,8 @@
 namespace lumora {
 namespace {
 
+constexpr std::size_t pictureTrack = 0;  // the places of the tracks
+constexpr std::size_t soundTrack = 1;
 constexpr std::size_t minimumSequenceBytes = 4;  // NAL header, profile, constraints, level
 
 bool isUsable(const ParameterSet& set, std::size_t minimum) {
@@ -28,7 +30,8 @@ bool fitsSampleEntry(int size) {
   return size > 0 && size <= std::numeric_limits<std::uint16_t>::max();
 }
 
-MovieExtent extentOf(const MovieTables& tables) {
+MovieExtent extentOf(const std::vector<MovieTrack>& tracks) {
+  const MovieTables& tables = tracks[pictureTrack].tables;
   return {tables.sizes.size(), static_cast<std::int64_t>(tables.duration)};
 }
 
@@ -53,89 +56,132 @@ bool HybridMovieWriter::canAdd(const FormatDescription& format) const {
          fitsSampleEntry(format.height());
 }
 
+bool HybridMovieWriter::addTrack(AacFormat format) {
+  constexpr std::size_t maximumConfigurationBytes = 64;  // lengths in `esds` have one byte
+  const std::size_t bytes = format.configuration.size();
+  if (format.rate == 0 || format.channels == 0 || bytes == 0 || bytes > maximumConfigurationBytes)
+    return false;
+  tracks_.push_back({.id = 2, .sound = std::move(format)});
+  return true;
+}
+
 bool HybridMovieWriter::startWriting(std::shared_ptr<const FormatDescription> format,
                                      int rotation) {
-  format_ = std::move(format);
+  tracks_[pictureTrack].picture = std::move(format);
   properties_.rotation = rotation;
-  Bytes start = movieStart(*format_, properties_);
+  Bytes start = movieStart(tracks_, properties_);
   fileSize_ = start.size();
-  disk_->write(std::move(start), {}, maximumMovieEndBytes(*format_, tables_));
+  disk_->write(std::move(start), {}, maximumMovieEndBytes(tracks_));
   return true;
 }
 
 WriterStatus HybridMovieWriter::status() const {
-  if (!format_) return WriterStatus::idle;
+  if (!tracks_[pictureTrack].picture) return WriterStatus::idle;
   return closed_ ? disk_->status() : WriterStatus::writing;
 }
 
 std::optional<std::string> HybridMovieWriter::error() const { return disk_->error(); }
 
 bool HybridMovieWriter::isReadyForMoreMediaData() const {
-  return disk_->queuedBytes() + payload_.size() < queueBytes;
+  const std::size_t gathered =
+      gathered_[pictureTrack].payload.size() + gathered_[soundTrack].payload.size();
+  return disk_->queuedBytes() + gathered < queueBytes;
 }
 
 bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, MovieTiming timing) {
-  closed_ = closed_ || disk_->status() != WriterStatus::writing;
-  if (closed_) return false;
   const auto length = sample.dataLength();
   if (!length) return false;
-  samples_.reserve(samples_.size() + 1);  // first, so that nothing throws once its bytes are added
-  const std::size_t at = payload_.size();
-  payload_.resize(at + *length);
-  if (sample.copyBytes(0, MutableByteView(payload_).subspan(at)) != 0) {
-    payload_.resize(at);
-    return false;
-  }
-  if (samples_.empty()) fragmentTime_ = timing.time;
-  samples_.push_back(
-      {static_cast<std::uint32_t>(*length), static_cast<std::uint32_t>(timing.duration), keyframe});
-  if (timing.time + timing.duration - fragmentTime_ >= fragmentDuration) flushFragment();
+  const MovieSample picture = {static_cast<std::uint32_t>(*length),
+                               static_cast<std::uint32_t>(timing.duration), keyframe};
+  const auto copy = [&](MutableByteView space) { return sample.copyBytes(0, space) == 0; };
+  if (!add(pictureTrack, picture, copy)) return false;
+  if (!hasGathered(pictureTrack, fragmentDuration)) return true;
+  if (hasGathered(soundTrack, soundAhead)) flushFragment(soundTrack);
+  flushFragment(pictureTrack);
   return true;
 }
 
+bool HybridMovieWriter::append(ByteView packet) {
+  const MovieSample sample = {static_cast<std::uint32_t>(packet.size()), aacPacketSamples};
+  const auto copy = [&](MutableByteView space) {
+    std::ranges::copy(packet, space.begin());
+    return true;
+  };
+  if (!add(soundTrack, sample, copy)) return false;
+  if (hasGathered(soundTrack, fragmentDuration)) flushFragment(soundTrack);
+  return true;
+}
+
+bool HybridMovieWriter::add(std::size_t track, MovieSample sample,
+                            const std::function<bool(MutableByteView)>& copy) {
+  closed_ = closed_ || disk_->status() != WriterStatus::writing;
+  if (closed_) return false;
+  auto& [samples, payload, duration] = gathered_[track];
+  samples.reserve(samples.size() + 1);  // first, so that nothing throws once its bytes are added
+  const std::size_t at = payload.size();
+  payload.resize(at + sample.size);
+  if (!copy(MutableByteView(payload).subspan(at))) {
+    payload.resize(at);
+    return false;
+  }
+  samples.push_back(sample);
+  duration += sample.duration;
+  return true;
+}
+
+bool HybridMovieWriter::hasGathered(std::size_t track, std::int64_t duration) const {
+  return track < tracks_.size() &&
+         gathered_[track].duration * movieTimescale >=
+             static_cast<std::uint64_t>(duration) * tracks_[track].timescale();
+}
+
 // Without memory the fragment is lost. The movie can still be finished with those before it.
-void HybridMovieWriter::flushFragment() {
-  if (samples_.empty()) return;
-  const std::size_t usual = payload_.size();
+void HybridMovieWriter::flushFragment(std::size_t track) {
+  auto& [samples, payload, duration] = gathered_[track];
+  if (samples.empty()) return;
+  MovieTables& tables = tracks_[track].tables;
+  const std::size_t usual = payload.size();
   try {
-    Bytes start = fragmentStart(fileSize_, fragments_ + 1,
-                                static_cast<std::uint64_t>(fragmentTime_), samples_);
-    tables_.addChunk(fileSize_ + start.size(), samples_);
+    Bytes start = fragmentStart(fileSize_, fragments_ + 1, tracks_[track], samples);
+    tables.addChunk(fileSize_ + start.size(), samples, fragments_ + 1);
     const std::size_t bytes = start.size() + usual;
-    disk_->write(std::move(start), std::exchange(payload_, {}),
-                 maximumMovieEndBytes(*format_, tables_));
+    disk_->write(std::move(start), std::exchange(payload, {}), maximumMovieEndBytes(tracks_));
     fileSize_ += bytes;
     ++fragments_;
   } catch (const std::exception&) {
-    tables_.keepChunks(fragments_);
-    samples_.clear();
+    tables.keepFragments(fragments_);
+    samples.clear();
     closed_ = true;
     throw;
   }
-  samples_.clear();
-  bestEffort([&] { payload_.reserve(usual + usual / 4); });
+  samples.clear();
+  duration = 0;
+  bestEffort([&next = payload, usual] { next.reserve(usual + usual / 4); });
 }
 
 void HybridMovieWriter::finishWriting(std::int64_t end, std::function<void()> handler) {
   closed_ = true;
-  flushFragment();
-  tables_.endAt(static_cast<std::uint64_t>(std::max<std::int64_t>(end, 0)));
-  if (tables_.empty()) {
+  flushFragment(soundTrack);
+  flushFragment(pictureTrack);
+  for (MovieTrack& track : tracks_)
+    track.endAt(static_cast<std::uint64_t>(std::max<std::int64_t>(end, 0)));
+  if (tracks_[pictureTrack].tables.empty()) {
     disk_->fail("no video lies before the end of the recording", std::move(handler));
     return;
   }
   const std::uint64_t covered = fileSize_ - placeholderOffset();
-  disk_->finish(movieEnd(*format_, tables_, properties_), placeholderOffset(),
-                wideMediaDataHeader(covered), std::move(handler));
+  disk_->finish(movieEnd(tracks_, properties_), placeholderOffset(), wideMediaDataHeader(covered),
+                std::move(handler));
 }
 
-MovieExtent HybridMovieWriter::extent() const { return extentOf(tables_); }
+MovieExtent HybridMovieWriter::extent() const { return extentOf(tracks_); }
 
 MovieExtent HybridMovieWriter::synced() const {
-  const std::size_t frames = tables_.samplesIn(fragmentsIn(disk_->syncedWrites()));
-  const auto behind = tables_.durations.begin() + static_cast<std::ptrdiff_t>(frames);
-  const auto rest = std::accumulate(behind, tables_.durations.end(), std::uint64_t{0});
-  return {frames, static_cast<std::int64_t>(tables_.duration - rest)};
+  const MovieTables& tables = tracks_[pictureTrack].tables;
+  const std::size_t frames = tables.samplesIn(fragmentsIn(disk_->syncedWrites()));
+  const auto behind = tables.durations.begin() + static_cast<std::ptrdiff_t>(frames);
+  const auto rest = std::accumulate(behind, tables.durations.end(), std::uint64_t{0});
+  return {frames, static_cast<std::int64_t>(tables.duration - rest)};
 }
 
 void HybridMovieWriter::rescue(RescueHandler handler) {
@@ -143,12 +189,12 @@ void HybridMovieWriter::rescue(RescueHandler handler) {
   const auto kept = std::make_shared<MovieExtent>(synced());  // until more is known
   disk_->rescue(
       placeholderOffset(),
-      [kept, format = format_, properties = properties_, tables = tables_](
+      [kept, properties = properties_, tracks = tracks_](
           std::size_t writes, std::uint64_t size) mutable -> std::optional<MovieDisk::Ending> {
-        tables.keepChunks(fragmentsIn(writes));
-        *kept = extentOf(tables);
-        if (tables.empty()) return std::nullopt;
-        return MovieDisk::Ending{movieEnd(*format, tables, properties),
+        for (MovieTrack& track : tracks) track.tables.keepFragments(fragmentsIn(writes));
+        *kept = extentOf(tracks);
+        if (kept->frames == 0) return std::nullopt;
+        return MovieDisk::Ending{movieEnd(tracks, properties),
                                  wideMediaDataHeader(size - placeholderOffset())};
       },
       [kept, handler = std::move(handler)](int error) {

@@ -5,9 +5,11 @@
 // and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h). Samples are not
 // copied, so a long movie is finished almost as fast as a short one.
 //
-// Samples are gathered into fragments on the caller's thread. The writer's own I/O thread writes
-// the fragments from a bounded queue. If the disk falls behind, the writer is not ready for more
-// samples. It never waits.
+// Samples are gathered into fragments of one track on the caller's thread. The writer's own I/O
+// thread writes the fragments from a bounded queue. If the disk falls behind, the writer is not
+// ready for more samples. It never waits.
+
+#include <array>
 
 #include "mp4/byte_sink.h"
 #include "mp4/movie_boxes.h"
@@ -23,6 +25,9 @@ class HybridMovieWriter final : public MovieWriter {
   // that time. This is twice as much.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
+  // When a fragment of pictures is full, sound of this duration goes to the disk first. So a crash
+  // costs at most so much more of the sound than of the pictures.
+  static constexpr std::int64_t soundAhead = movieTimescale / 8;
 
   // `created` is seconds since 1904, the epoch of MP4.
   HybridMovieWriter(std::unique_ptr<ByteSink> sink, std::uint64_t created);
@@ -31,11 +36,13 @@ class HybridMovieWriter final : public MovieWriter {
   HybridMovieWriter& operator=(const HybridMovieWriter&) = delete;
 
   bool canAdd(const FormatDescription& format) const override;
+  bool addTrack(AacFormat format) override;
   bool startWriting(std::shared_ptr<const FormatDescription> format, int rotation) override;
   WriterStatus status() const override;
   std::optional<std::string> error() const override;
   bool isReadyForMoreMediaData() const override;
   bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) override;
+  bool append(ByteView packet) override;
   void finishWriting(std::int64_t end, std::function<void()> handler) override;
   MovieExtent extent() const override;
   MovieExtent synced() const override;
@@ -46,22 +53,26 @@ class HybridMovieWriter final : public MovieWriter {
   void cancelWriting() override;
 
  private:
-  void flushFragment();
+  // The fragment of a track that is being gathered.
+  struct Fragment {
+    std::vector<MovieSample> samples;
+    Bytes payload;
+    std::uint64_t duration = 0;  // units of the track
+  };
+
+  bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);
+  bool hasGathered(std::size_t track, std::int64_t duration) const;  // movie units
+  void flushFragment(std::size_t track);
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
   MovieProperties properties_;
   // While this is false, `status` is "writing", even if the disk has failed. The next append or the
   // end of the movie sets it.
   bool closed_ = false;
-  std::shared_ptr<const FormatDescription> format_;
   std::uint64_t fileSize_ = 0;  // of what has been queued
-  MovieTables tables_;
-
-  // The fragment being gathered.
-  std::vector<MovieSample> samples_;
-  Bytes payload_;
   std::uint32_t fragments_ = 0;
-  std::int64_t fragmentTime_ = 0;  // where it begins
+  std::vector<MovieTrack> tracks_ = {{.id = 1}};  // of pictures, and of sound if that was added
+  std::array<Fragment, 2> gathered_;              // of the same tracks
 };
 
 class HybridMovies final : public Movies {

@@ -1,15 +1,14 @@
 #include "mp4/movie_boxes.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "mp4/box.h"
 #include "mp4/sample_entries.h"
-#include "platform/movie_writer.h"
 
 namespace lumora {
 namespace {
 
-constexpr std::uint32_t trackID = 1;
 constexpr std::uint32_t keySampleFlags = 0x02000000;    // depends on no other sample
 constexpr std::uint32_t deltaSampleFlags = 0x01010000;  // depends on others, is no sync sample
 
@@ -49,7 +48,9 @@ void fileType(Bytes& bytes) {
 }
 
 // 14496-12, 8.2.2
-void movieHeader(Bytes& bytes, std::uint64_t duration, std::uint64_t created) {
+void movieHeader(Bytes& bytes, const std::vector<MovieTrack>& tracks, std::uint64_t created) {
+  std::uint64_t duration = 0;
+  for (const MovieTrack& track : tracks) duration = std::max(duration, track.playedDuration());
   const Box box(bytes, "mvhd", 1, 0);
   u64(bytes, created);
   u64(bytes, created);
@@ -60,49 +61,66 @@ void movieHeader(Bytes& bytes, std::uint64_t duration, std::uint64_t created) {
   zeros(bytes, 10);
   unityMatrix(bytes);
   zeros(bytes, 24);
-  u32(bytes, trackID + 1);
+  u32(bytes, tracks.back().id + 1);
 }
 
 // 14496-12, 8.3.2
-void trackHeader(Bytes& bytes, const FormatDescription& format, std::uint64_t duration,
-                 const MovieProperties& properties) {
+void trackHeader(Bytes& bytes, const MovieTrack& track, const MovieProperties& properties) {
+  const int width = track.picture ? track.picture->width() : 0;
+  const int height = track.picture ? track.picture->height() : 0;
   const Box box(bytes, "tkhd", 1, 0x3);  // enabled, in the movie
   u64(bytes, properties.created);
   u64(bytes, properties.created);
-  u32(bytes, trackID);
+  u32(bytes, track.id);
   zeros(bytes, 4);
-  u64(bytes, duration);
-  zeros(bytes, 16);
-  rotationMatrix(bytes, properties.rotation, format.width(), format.height());
-  u32(bytes, static_cast<std::uint32_t>(format.width()) << 16);
-  u32(bytes, static_cast<std::uint32_t>(format.height()) << 16);
+  u64(bytes, track.playedDuration());
+  zeros(bytes, 12);
+  u16(bytes, track.picture ? 0 : 0x100);  // volume 1.0
+  zeros(bytes, 2);
+  rotationMatrix(bytes, track.picture ? properties.rotation : 0, width, height);
+  u32(bytes, static_cast<std::uint32_t>(width) << 16);
+  u32(bytes, static_cast<std::uint32_t>(height) << 16);
+}
+
+// 14496-12, 8.6.6: hides the priming. The duration 0 of a growing movie stands for all that comes.
+void editList(Bytes& bytes, const MovieTrack& track) {
+  const Box box(bytes, "edts");
+  const Box list(bytes, "elst", 1, 0);
+  u32(bytes, 1);
+  u64(bytes, track.playedDuration());
+  u64(bytes, track.sound.priming);
+  u32(bytes, 0x10000);  // rate 1.0
 }
 
 // 14496-12, 8.4.2
-void mediaHeader(Bytes& bytes, std::uint64_t duration, std::uint64_t created) {
+void mediaHeader(Bytes& bytes, const MovieTrack& track, std::uint64_t created) {
   const Box box(bytes, "mdhd", 1, 0);
   u64(bytes, created);
   u64(bytes, created);
-  u32(bytes, movieTimescale);
-  u64(bytes, duration);
+  u32(bytes, track.timescale());
+  u64(bytes, track.tables.duration);
   u16(bytes, 0x55C4);  // language "und"
   u16(bytes, 0);
 }
 
 // 14496-12, 8.4.3
-void handler(Bytes& bytes) {
+void handler(Bytes& bytes, bool isPicture) {
   const Box box(bytes, "hdlr", 0, 0);
   u32(bytes, 0);
-  text(bytes, "vide");
+  text(bytes, isPicture ? "vide" : "soun");
   zeros(bytes, 12);
-  text(bytes, std::string_view("Camera\0", 7));
+  text(bytes, isPicture ? "Camera" : "Sound");
+  u8(bytes, 0);
 }
 
 // 14496-12, 8.5.2
-void sampleDescription(Bytes& bytes, const FormatDescription& format) {
+void sampleDescription(Bytes& bytes, const MovieTrack& track) {
   const Box box(bytes, "stsd", 0, 0);
   u32(bytes, 1);
-  pictureEntry(bytes, format);
+  if (track.picture)
+    pictureEntry(bytes, *track.picture);
+  else
+    soundEntry(bytes, track.sound);
 }
 
 // Appends the number of runs of equal values, then has `append(from, to)` append an entry for each
@@ -175,22 +193,27 @@ void chunkOffsets(Bytes& bytes, const MovieTables& tables) {
 }
 
 // 14496-12, 8.5.1
-void sampleTable(Bytes& bytes, const FormatDescription& format, const MovieTables& tables) {
+void sampleTable(Bytes& bytes, const MovieTrack& track) {
+  const MovieTables& tables = track.tables;
   const Box box(bytes, "stbl");
-  sampleDescription(bytes, format);
+  sampleDescription(bytes, track);
   timeToSample(bytes, tables);
-  if (!tables.empty()) syncSamples(bytes, tables);
+  // Decoding can begin at any packet of sound.
+  if (track.picture && !tables.empty()) syncSamples(bytes, tables);
   sampleToChunk(bytes, tables);
   sampleSizes(bytes, tables);
   chunkOffsets(bytes, tables);
 }
 
-// 14496-12, 8.4.4, 12.1.2, 8.7.1 and 8.7.2
-void mediaInformation(Bytes& bytes, const FormatDescription& format, const MovieTables& tables) {
+// 14496-12, 8.4.4, 12.1.2, 12.2.2, 8.7.1 and 8.7.2
+void mediaInformation(Bytes& bytes, const MovieTrack& track) {
   const Box box(bytes, "minf");
-  {
+  if (track.picture) {
     const Box header(bytes, "vmhd", 0, 1);
     zeros(bytes, 8);
+  } else {
+    const Box header(bytes, "smhd", 0, 0);
+    zeros(bytes, 4);
   }
   {
     const Box information(bytes, "dinf");
@@ -198,43 +221,49 @@ void mediaInformation(Bytes& bytes, const FormatDescription& format, const Movie
     u32(bytes, 1);
     const Box thisFile(bytes, "url ", 0, 1);
   }
-  sampleTable(bytes, format, tables);
+  sampleTable(bytes, track);
 }
 
 // 14496-12, 8.3.1 and 8.4.1
-void track(Bytes& bytes, const FormatDescription& format, const MovieTables& tables,
-           const MovieProperties& properties) {
+void trackBox(Bytes& bytes, const MovieTrack& track, const MovieProperties& properties) {
   const Box box(bytes, "trak");
-  trackHeader(bytes, format, tables.duration, properties);
+  trackHeader(bytes, track, properties);
+  if (!track.picture) editList(bytes, track);
   const Box media(bytes, "mdia");
-  mediaHeader(bytes, tables.duration, properties.created);
-  handler(bytes);
-  mediaInformation(bytes, format, tables);
+  mediaHeader(bytes, track, properties.created);
+  handler(bytes, track.picture != nullptr);
+  mediaInformation(bytes, track);
 }
 
 // 14496-12, 8.8.1 and 8.8.3: the samples come in fragments.
-void movieExtends(Bytes& bytes) {
+void movieExtends(Bytes& bytes, const std::vector<MovieTrack>& tracks) {
   const Box box(bytes, "mvex");
-  const Box defaults(bytes, "trex", 0, 0);
-  u32(bytes, trackID);
-  u32(bytes, 1);  // sample description
-  zeros(bytes, 12);
+  for (const MovieTrack& track : tracks) {
+    const Box defaults(bytes, "trex", 0, 0);
+    u32(bytes, track.id);
+    u32(bytes, 1);  // sample description
+    u32(bytes, track.picture ? 0 : aacPacketSamples);
+    u32(bytes, 0);
+    u32(bytes, track.picture ? 0 : keySampleFlags);
+  }
 }
 
-// 14496-12, 8.8.8: `dataOffset` counts from the start of the moof.
-void trackRun(Bytes& bytes, const std::vector<MovieSample>& samples, std::uint32_t dataOffset) {
-  const Box box(bytes, "trun", 0, 0x701);  // offset; duration, size and flags of each sample
+// 14496-12, 8.8.8: `dataOffset` counts from the start of the moof. Packets of sound differ only in
+// their sizes.
+void trackRun(Bytes& bytes, bool isPicture, const std::vector<MovieSample>& samples,
+              std::uint32_t dataOffset) {
+  const Box box(bytes, "trun", 0, isPicture ? pictureRunFlags : soundRunFlags);
   u32(bytes, static_cast<std::uint32_t>(samples.size()));
   u32(bytes, dataOffset);
   for (const MovieSample& sample : samples) {
-    u32(bytes, sample.duration);
+    if (isPicture) u32(bytes, sample.duration);
     u32(bytes, sample.size);
-    u32(bytes, sample.keyframe ? keySampleFlags : deltaSampleFlags);
+    if (isPicture) u32(bytes, sample.keyframe ? keySampleFlags : deltaSampleFlags);
   }
 }
 
 // 14496-12, 8.8.4 to 8.8.12
-void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
+void movieFragment(Bytes& bytes, std::uint32_t number, const MovieTrack& track,
                    const std::vector<MovieSample>& samples, std::uint32_t dataOffset) {
   const Box box(bytes, "moof");
   {
@@ -244,13 +273,13 @@ void movieFragment(Bytes& bytes, std::uint32_t number, std::uint64_t time,
   const Box fragment(bytes, "traf");
   {
     const Box header(bytes, "tfhd", 0, 0x20000);  // offsets count from the moof
-    u32(bytes, trackID);
+    u32(bytes, track.id);
   }
   {
     const Box decodeTime(bytes, "tfdt", 1, 0);
-    u64(bytes, time);
+    u64(bytes, track.tables.duration);
   }
-  trackRun(bytes, samples, dataOffset);
+  trackRun(bytes, track.picture != nullptr, samples, dataOffset);
 }
 
 // Appends a `free` box if the next `size` bytes would cross the end of the sector that `offset`
@@ -268,7 +297,7 @@ void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
 
 }  // namespace
 
-Bytes movieStart(const FormatDescription& format, const MovieProperties& properties) {
+Bytes movieStart(const std::vector<MovieTrack>& tracks, const MovieProperties& properties) {
   Bytes bytes;
   fileType(bytes);
   {
@@ -277,9 +306,9 @@ Bytes movieStart(const FormatDescription& format, const MovieProperties& propert
   }
   {
     const Box box(bytes, "moov");
-    movieHeader(bytes, 0, properties.created);
-    track(bytes, format, {}, properties);
-    movieExtends(bytes);
+    movieHeader(bytes, tracks, properties.created);
+    for (const MovieTrack& track : tracks) trackBox(bytes, track, properties);
+    movieExtends(bytes, tracks);
   }
   return bytes;
 }
@@ -290,40 +319,45 @@ std::uint64_t placeholderOffset() {
   return bytes.size();
 }
 
-Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, std::uint64_t time,
+Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, const MovieTrack& track,
                     const std::vector<MovieSample>& samples) {
   constexpr std::uint32_t mediaDataHeaderBytes = 8;
   std::uint32_t payload = 0;
   for (const MovieSample& sample : samples) payload += sample.size;
   Bytes measured;
-  movieFragment(measured, number, time, samples, 0);
+  movieFragment(measured, number, track, samples, 0);
   Bytes bytes;
   keepTogether(bytes, offset, measured.size());
-  movieFragment(bytes, number, time, samples,
+  movieFragment(bytes, number, track, samples,
                 static_cast<std::uint32_t>(measured.size()) + mediaDataHeaderBytes);
   u32(bytes, payload + mediaDataHeaderBytes);
   text(bytes, "mdat");
   return bytes;
 }
 
-Bytes movieEnd(const FormatDescription& format, const MovieTables& tables,
-               const MovieProperties& properties) {
+Bytes movieEnd(const std::vector<MovieTrack>& tracks, const MovieProperties& properties) {
   Bytes bytes;
-  bytes.reserve(maximumMovieEndBytes(format, tables));
+  bytes.reserve(maximumMovieEndBytes(tracks));
   {
     const Box box(bytes, "moov");
-    movieHeader(bytes, tables.duration, properties.created);
-    track(bytes, format, tables, properties);
+    movieHeader(bytes, tracks, properties.created);
+    for (const MovieTrack& track : tracks) trackBox(bytes, track, properties);
   }
   return bytes;
 }
 
-std::uint64_t maximumMovieEndBytes(const FormatDescription& format, const MovieTables& tables) {
+std::uint64_t maximumMovieEndBytes(const std::vector<MovieTrack>& tracks) {
   constexpr std::uint64_t fixedBoxes = 1024;  // rounded up
-  // The worst case: each sample's duration and each chunk's count begins a run.
-  return fixedBoxes + format.parameterSet(0).bytes.size() + format.parameterSet(1).bytes.size() +
-         tables.sizes.size() * (8 + 4) + tables.keyframes.size() * 4 +
-         tables.chunks.size() * (12 + 8);
+  std::uint64_t bytes = 0;
+  for (const auto& [id, picture, sound, tables] : tracks) {
+    bytes += fixedBoxes + sound.configuration.size();
+    if (picture)
+      bytes += picture->parameterSet(0).bytes.size() + picture->parameterSet(1).bytes.size();
+    // The worst case: each sample's duration and each chunk's count begins a run.
+    bytes += tables.sizes.size() * (8 + 4) + tables.keyframes.size() * 4 +
+             tables.chunks.size() * (12 + 8);
+  }
+  return bytes;
 }
 
 Bytes wideMediaDataHeader(std::uint64_t size) {

@@ -92,8 +92,7 @@ class OwnedFile {
 // The same steps as at the usual end of a take: the tables are on the disk before the head changes.
 // The outer `mdat` covers everything in front of the tables.
 void finish(const OwnedFile& file, const std::string& path, const StagingMovie& movie) {
-  const StagingTrack& video = movie.tracks.front();
-  const Bytes tables = movieEnd(*video.format, video.tables, movie.properties);
+  const Bytes tables = movieEnd(movie.tracks, movie.properties);
   const auto sink = file.append(path);
   expectSuccess(sink->reserve(tables.size()));
   expectSuccess(sink->write(tables));

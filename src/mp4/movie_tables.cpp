@@ -6,14 +6,15 @@
 
 namespace lumora {
 
-void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples) {
+void MovieTables::addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples,
+                           std::uint32_t fragment) {
   for (const MovieSample& sample : samples) {
     sizes.push_back(sample.size);
     durations.push_back(sample.duration);
     duration += sample.duration;
     if (sample.keyframe) keyframes.push_back(static_cast<std::uint32_t>(sizes.size()));
   }
-  chunks.push_back({offset, static_cast<std::uint32_t>(samples.size())});
+  chunks.push_back({offset, static_cast<std::uint32_t>(samples.size()), fragment});
 }
 
 void MovieTables::dropLast() {
@@ -33,15 +34,15 @@ void MovieTables::endAt(std::uint64_t end) {
   duration += last;
 }
 
-std::size_t MovieTables::samplesIn(std::size_t count) const {
+std::size_t MovieTables::samplesIn(std::size_t fragments) const {
   std::size_t samples = 0;
-  for (std::size_t i = 0; i < std::min(count, chunks.size()); ++i) samples += chunks[i].samples;
+  for (const MovieChunk& chunk : chunks) samples += chunk.fragment <= fragments ? chunk.samples : 0;
   return samples;
 }
 
-void MovieTables::keepChunks(std::size_t count) {
-  const std::size_t samples = samplesIn(count);
-  chunks.resize(std::min(count, chunks.size()));
+void MovieTables::keepFragments(std::size_t fragments) {
+  const std::size_t samples = samplesIn(fragments);
+  std::erase_if(chunks, [=](const MovieChunk& chunk) { return chunk.fragment > fragments; });
   sizes.resize(samples);
   while (!keyframes.empty() && keyframes.back() > samples) keyframes.pop_back();
   for (; durations.size() > samples; durations.pop_back()) duration -= durations.back();

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the tables of a movie file say about its samples. They take some two megabytes for an hour
-// of recording. Pure.
+// What the tables of a movie file say about the samples of a track. They take some two megabytes
+// for an hour of pictures. Pure.
 
 #include <cstdint>
 #include <vector>
@@ -10,7 +10,7 @@ namespace lumora {
 
 struct MovieSample {
   std::uint32_t size = 0;      // bytes
-  std::uint32_t duration = 0;  // units of `movieTimescale`
+  std::uint32_t duration = 0;  // units of the track
   bool keyframe = false;
 };
 
@@ -18,6 +18,7 @@ struct MovieSample {
 struct MovieChunk {
   std::uint64_t offset = 0;  // of the first sample's first byte in the file
   std::uint32_t samples = 0;
+  std::uint32_t fragment = 0;  // its number, counted from 1 over all tracks
 };
 
 struct MovieTables {
@@ -28,17 +29,17 @@ struct MovieTables {
   std::uint64_t duration = 0;
 
   // Adds `samples`, of which there is at least one. They lie together at `offset`.
-  void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples);
+  void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples,
+                std::uint32_t fragment);
   // Drops the last sample. There is one.
   void dropLast();
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
-  // The number of samples in the first `count` chunks.
-  std::size_t samplesIn(std::size_t count) const;
-  // Drops all samples but those of the first `count` chunks, also what an `addChunk` that threw has
-  // left.
-  void keepChunks(std::size_t count);
+  // The number of samples in the first `fragments` fragments of the file.
+  std::size_t samplesIn(std::size_t fragments) const;
+  // Drops all other samples, also what an `addChunk` that threw has left.
+  void keepFragments(std::size_t fragments);
   bool empty() const { return sizes.empty(); }
 };
 

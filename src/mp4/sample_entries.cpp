@@ -1,5 +1,7 @@
 #include "mp4/sample_entries.h"
 
+#include <limits>
+
 #include "mp4/box.h"
 
 namespace lumora {
@@ -38,6 +40,24 @@ void colour(Bytes& bytes, const ColourDescription& codes) {
   u8(bytes, codes.fullRange ? 0x80 : 0);
 }
 
+// 14496-14, 5.6, with the descriptors of 14496-1, 7.2.6. Each begins with a tag and its length.
+void elementaryStream(Bytes& bytes, const Bytes& configuration) {
+  const std::size_t size = configuration.size();
+  const Box box(bytes, "esds", 0, 0);
+  u8(bytes, 0x03);  // the stream
+  u8(bytes, static_cast<std::uint8_t>(3 + 2 + 13 + 2 + size + 3));
+  zeros(bytes, 3);
+  u8(bytes, 0x04);  // its decoder
+  u8(bytes, static_cast<std::uint8_t>(13 + 2 + size));
+  u8(bytes, 0x40);      // AAC
+  u8(bytes, 0x15);      // sound
+  zeros(bytes, 3 + 8);  // the buffer and the bit rates are not given
+  u8(bytes, 0x05);      // its configuration
+  u8(bytes, static_cast<std::uint8_t>(size));
+  bytes.insert(bytes.end(), configuration.begin(), configuration.end());
+  text(bytes, "\x06\x01\x02");  // the times of the stream are those of MP4
+}
+
 }  // namespace
 
 // 14496-12, 12.1.3 and 12.1.4
@@ -60,6 +80,20 @@ void pictureEntry(Bytes& bytes, const FormatDescription& format) {
   const Box squarePixels(bytes, "pasp");
   u32(bytes, 1);
   u32(bytes, 1);
+}
+
+// 14496-12, 12.2.3, and 14496-14, 5.6.1
+void soundEntry(Bytes& bytes, const AacFormat& format) {
+  const bool fits = format.rate <= std::numeric_limits<std::uint16_t>::max();
+  const Box box(bytes, "mp4a");
+  zeros(bytes, 6);
+  u16(bytes, 1);  // data reference
+  zeros(bytes, 8);
+  u16(bytes, format.channels);
+  u16(bytes, 16);  // bits of a decoded sample
+  zeros(bytes, 4);
+  u32(bytes, fits ? format.rate << 16 : 0);  // the configuration has it, too
+  elementaryStream(bytes, format.configuration);
 }
 
 }  // namespace lumora

@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t maximumChildren = 64;                   // of one box
 constexpr std::uint64_t maximumLeafBytes = 1 << 20;           // of a box that is read whole
 constexpr std::uint32_t maximumSampleBytes = 64 << 20;        // of a sample that is read
-constexpr std::size_t maximumSamples = std::size_t{1} << 25;  // 3 days at 120 a second
+constexpr std::size_t maximumSamples = std::size_t{1} << 25;  // 2 days at 120 a second with sound
 
 struct Damaged : std::runtime_error {
   Damaged() : std::runtime_error("it is not a take of this program, or its start is damaged") {}
@@ -52,13 +52,6 @@ class Fields {
   std::size_t at_ = 0;
 };
 
-// Samples of one track without anything between them.
-struct Run {
-  StagingTrack* track = nullptr;
-  std::uint64_t offset = 0;
-  std::vector<MovieSample> samples;
-};
-
 class Reader {
  public:
   explicit Reader(const FileView& file) : file_(file) {}
@@ -74,13 +67,14 @@ class Reader {
 
   void readFinished(const BoxPlace& movie);
   void readStart(const BoxPlace& movie);
-  void readTrack(const BoxPlace& track);
-  std::shared_ptr<const FormatDescription> format(const BoxPlace& entry) const;
+  MovieTrack readTrack(const BoxPlace& track, bool isPicture);
+  std::shared_ptr<const FormatDescription> pictureFormat(const BoxPlace& entry) const;
+  AacFormat soundFormat(const BoxPlace& track, const BoxPlace& entry) const;
   void readFragments(std::uint64_t at);
   std::uint64_t addFragment(const BoxPlace& fragment);
-  Run readRun(const BoxPlace& fragment, const BoxPlace& part);
-  void dropTornSamples(MovieTables& tables) const;
-  bool isWhole(std::uint64_t offset, std::uint32_t size) const;
+  static std::vector<MovieSample> readSamples(Fields& run, bool isPicture);
+  void dropTornSamples(MovieTrack& track) const;
+  bool isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) const;
 
   const FileView& file_;
   StagingMovie movie_;
@@ -183,27 +177,50 @@ void Reader::readStart(const BoxPlace& movie) {
   require(header.next<std::uint32_t>() == 1 << 24);  // version 1
   movie_.properties.created = header.next<std::uint64_t>();
   for (const BoxPlace& box : children(movie)) {
-    if (box.type == "trak") readTrack(box);
+    if (box.type == "trak") movie_.tracks.push_back(readTrack(box, movie_.tracks.empty()));
   }
-  require(!movie_.tracks.empty());
-  if (movie_.tracks.size() > 1) throw std::runtime_error("it has more than one track");
+  require(movie_.tracks.size() == 1 || movie_.tracks.size() == 2);
 }
 
-void Reader::readTrack(const BoxPlace& track) {
+MovieTrack Reader::readTrack(const BoxPlace& track, bool isPicture) {
   Fields header = fields(child(track, "tkhd"));
   require(header.next<std::uint32_t>() >> 24 == 1);  // version 1
   header.take(16);
   const auto id = header.next<std::uint32_t>();
+  constexpr std::uint64_t countBytes = 8;  // in front of the entries
+  const BoxPlace entries = child(sampleTable(track), "stsd");
+  if (!isPicture) {
+    const BoxPlace entry = child(entries, "mp4a", countBytes);
+    return {.id = id, .sound = soundFormat(track, entry)};
+  }
   header.take(28);  // up to the matrix, which begins with the cosine and the sine of the rotation
   const auto cosine = static_cast<std::int32_t>(header.next<std::uint32_t>());
   const auto sine = static_cast<std::int32_t>(header.next<std::uint32_t>());
   movie_.properties.rotation = sine > 0 ? 90 : sine < 0 ? 270 : cosine < 0 ? 180 : 0;
-  constexpr std::uint64_t countBytes = 8;  // in front of the entries
-  const BoxPlace entry = child(child(sampleTable(track), "stsd"), "avc1", countBytes);
-  movie_.tracks.push_back({id, format(entry), {}});
+  return {.id = id, .picture = pictureFormat(child(entries, "avc1", countBytes))};
 }
 
-std::shared_ptr<const FormatDescription> Reader::format(const BoxPlace& entry) const {
+AacFormat Reader::soundFormat(const BoxPlace& track, const BoxPlace& entry) const {
+  AacFormat format;
+  Fields edit = fields(child(child(track, "edts"), "elst"));
+  edit.take(4 + 4 + 8 + 4);  // up to the lower half of the time
+  format.priming = edit.next<std::uint32_t>();
+  Fields media = fields(child(child(track, "mdia"), "mdhd"));
+  media.take(4 + 16);
+  format.rate = media.next<std::uint32_t>();
+  constexpr std::uint64_t fixedBytes = 28;
+  Fields start(bytes(entry.body, std::min(entry.end - entry.body, fixedBytes)));
+  start.take(16);
+  format.channels = start.next<std::uint16_t>();
+  Fields stream = fields(child(entry, "esds", fixedBytes));
+  stream.take(4 + 5 + 15 + 1);  // up to the length of the configuration
+  const ByteView configuration = stream.take(stream.next<std::uint8_t>());
+  format.configuration = Bytes(configuration.begin(), configuration.end());
+  require(format.rate > 0 && format.channels > 0 && !format.configuration.empty());
+  return format;
+}
+
+std::shared_ptr<const FormatDescription> Reader::pictureFormat(const BoxPlace& entry) const {
   constexpr std::uint64_t sizeAt = 24;
   constexpr std::uint64_t fixedBytes = 78;
   Fields start(bytes(entry.body, std::min(entry.end - entry.body, fixedBytes)));
@@ -245,77 +262,73 @@ void Reader::readFragments(std::uint64_t at) {
     }
   } catch (const Damaged&) {  // no sample of this fragment has been added
   }
-  for (StagingTrack& track : movie_.tracks) dropTornSamples(track.tables);
+  for (MovieTrack& track : movie_.tracks) dropTornSamples(track);
 }
 
-// Returns where the fragment ends, which may be beyond the end of the file.
+// 14496-12, 8.8.4 to 8.8.8, as `fragmentStart` writes them. Returns where the fragment ends, which
+// may be beyond the end of the file.
 std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
-  std::vector<Run> runs;
-  for (const BoxPlace& part : children(fragment)) {
-    if (part.type == "traf") runs.push_back(readRun(fragment, part));
-  }
-  require(!runs.empty());
-  std::uint64_t end = 0;
-  for (const Run& run : runs) {
-    MovieTables& tables = run.track->tables;
-    samples_ += run.samples.size();
-    // A limit must not cost pictures, so the file stays as it is.
-    if (samples_ > maximumSamples) {
-      throw std::runtime_error("it holds more pictures than can be recovered");
-    }
-    tables.addChunk(run.offset, run.samples);
-    std::uint64_t runEnd = run.offset;
-    for (const MovieSample& sample : run.samples) runEnd += sample.size;
-    end = std::max(end, runEnd);
-  }
-  return end;
-}
-
-// 14496-12, 8.8.6 to 8.8.8, as `fragmentStart` writes them.
-Run Reader::readRun(const BoxPlace& fragment, const BoxPlace& part) {
+  const BoxPlace part = child(fragment, "traf");
   Fields header = fields(child(part, "tfhd"));
   require(header.next<std::uint32_t>() == 0x20000);
   const auto track =
-      std::ranges::find(movie_.tracks, header.next<std::uint32_t>(), &StagingTrack::id);
+      std::ranges::find(movie_.tracks, header.next<std::uint32_t>(), &MovieTrack::id);
   require(track != movie_.tracks.end());
   Fields time = fields(child(part, "tfdt"));
   require(time.next<std::uint32_t>() == 1 << 24);
   require(time.next<std::uint64_t>() == track->tables.duration);
 
   Fields run = fields(child(part, "trun"));
-  require(run.next<std::uint32_t>() == 0x701);
+  const bool isPicture = track->picture != nullptr;
+  require(run.next<std::uint32_t>() == (isPicture ? pictureRunFlags : soundRunFlags));
   const auto count = run.next<std::uint32_t>();
-  const auto dataOffset = run.next<std::uint32_t>();
-  require(count > 0 && run.left() == std::size_t{count} * 12);
-  require(fragment.start + dataOffset >= fragment.end);
-  Run read{&*track, fragment.start + dataOffset, {}};
-  for (std::uint32_t i = 0; i < count; ++i) {
-    const auto duration = run.next<std::uint32_t>();
-    const auto size = run.next<std::uint32_t>();
-    const bool isKeyframe = (run.next<std::uint32_t>() & 0x10000) == 0;
-    require(duration > 0 && size > 0);
-    read.samples.push_back({size, duration, isKeyframe});
+  const std::uint64_t offset = fragment.start + run.next<std::uint32_t>();
+  require(count > 0 && run.left() == std::size_t{count} * (isPicture ? 12 : 4));
+  require(offset >= fragment.end);
+  const auto samples = readSamples(run, isPicture);
+  samples_ += samples.size();
+  // A limit must not cost pictures, so the file stays as it is.
+  if (samples_ > maximumSamples) {
+    throw std::runtime_error("it holds more pictures than can be recovered");
   }
-  return read;
+  track->tables.addChunk(offset, samples, 0);
+  std::uint64_t end = offset;
+  for (const MovieSample& sample : samples) end += sample.size;
+  return end;
+}
+
+std::vector<MovieSample> Reader::readSamples(Fields& run, bool isPicture) {
+  std::vector<MovieSample> samples;
+  while (run.left() > 0) {
+    MovieSample sample{.duration = aacPacketSamples};
+    if (isPicture) sample.duration = run.next<std::uint32_t>();
+    sample.size = run.next<std::uint32_t>();
+    if (isPicture) sample.keyframe = (run.next<std::uint32_t>() & 0x10000) == 0;
+    require(sample.duration > 0 && sample.size > 0);
+    samples.push_back(sample);
+  }
+  return samples;
 }
 
 // Finds the first sample of the last chunk that is not whole. Drops it and all after it.
-void Reader::dropTornSamples(MovieTables& tables) const {
+void Reader::dropTornSamples(MovieTrack& track) const {
+  MovieTables& tables = track.tables;
   if (tables.empty()) return;
   const MovieChunk chunk = tables.chunks.back();
-  const std::size_t first = tables.sizes.size() - chunk.samples;
-  std::size_t whole = first;
+  std::size_t whole = tables.sizes.size() - chunk.samples;
   for (std::uint64_t at = chunk.offset;
-       whole < tables.sizes.size() && isWhole(at, tables.sizes[whole]); ++whole) {
+       whole < tables.sizes.size() && isWhole(at, tables.sizes[whole], track.picture != nullptr);
+       ++whole) {
     at += tables.sizes[whole];
   }
   while (tables.sizes.size() > whole) tables.dropLast();
 }
 
 // After a power cut, a file may have its full length but zeros at its end. No NAL unit ends with a
-// zero byte (14496-10, 7.4.1). A recovery that was interrupted may have appended tables to a torn
+// zero byte (14496-10, 7.4.1), and no packet of AAC: it ends with the bits 111 and less than a byte
+// of padding (14496-3, 4.4.2.1). A recovery that was interrupted may have appended tables to a torn
 // sample.
-bool Reader::isWhole(std::uint64_t offset, std::uint32_t size) const {
+bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) const {
   if (size > maximumSampleBytes || offset > file_.size || size > file_.size - offset) return false;
   constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
   const std::uint64_t longest = size + 3 + tables.size();       // if one byte of them is inside
@@ -323,7 +336,8 @@ bool Reader::isWhole(std::uint64_t offset, std::uint32_t size) const {
   if (std::search(sample.begin(), sample.end(), tables.begin(), tables.end()) != sample.end())
     return false;
   sample.resize(size);
-  return walkNalUnits(ByteView(sample)).error == NalWalkError::none && sample.back() != 0;
+  if (isPicture && walkNalUnits(ByteView(sample)).error != NalWalkError::none) return false;
+  return sample.back() != 0;
 }
 
 }  // namespace

@@ -15,23 +15,18 @@ struct FileView {
   std::function<void(std::uint64_t offset, MutableByteView space)> read;
 };
 
-struct StagingTrack {
-  std::uint32_t id = 0;
-  std::shared_ptr<const FormatDescription> format;
-  MovieTables tables;  // of the samples that are whole in the file
-};
-
 struct StagingMovie {
   bool isFinished = false;        // it is an ordinary movie already
   std::uint64_t placeholder = 0;  // its offset in the file
   MovieProperties properties = {};
-  std::vector<StagingTrack> tracks;
-  std::uint64_t frames = 0;  // of the first track, at least one
-  double duration = 0;       // of the first track, seconds
+  std::vector<MovieTrack> tracks;  // with the samples that are whole in the file
+  std::uint64_t frames = 0;        // pictures, at least one
+  double duration = 0;             // of the pictures, seconds
 };
 
-// An unfinished movie has exactly one track; that of a finished one is not read. Throws
-// std::runtime_error, in words for a person, for a file that can't become a movie.
+// An unfinished movie has a track of pictures, and then one of sound or none. The tracks of a
+// finished one are not read. Throws std::runtime_error, in words for a person, for a file that
+// can't become a movie.
 StagingMovie readStagingMovie(const FileView& file);
 
 }  // namespace lumora

@@ -23,7 +23,16 @@ struct MovieTiming {
   std::int64_t duration = 0;
 };
 
-// The samples of a movie.
+// The format of a track of AAC-LC.
+struct AacFormat {
+  std::uint32_t rate = 0;      // samples a second, also the units of the track
+  std::uint16_t channels = 0;  // 1 or 2
+  std::uint32_t priming = 0;   // samples of the first packets that are not to be heard
+  Bytes configuration;         // the AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1)
+};
+constexpr std::uint32_t aacPacketSamples = 1024;
+
+// The pictures of a movie.
 struct MovieExtent {
   std::uint64_t frames = 0;
   std::int64_t duration = 0;  // movie units
@@ -31,31 +40,36 @@ struct MovieExtent {
 
 enum class WriterStatus { idle, writing, completed, failed, cancelled };
 
-// One movie file with one video track. Calls come from one thread at a time and never wait for the
-// disk.
+// One movie file with a track of pictures, and on request one of sound. Calls come from one thread
+// at a time and never wait for the disk.
 class MovieWriter {
  public:
   virtual ~MovieWriter() = default;
   virtual bool canAdd(const FormatDescription& format) const = 0;
-  // Adds the track, which players turn clockwise by `rotation` degrees, and starts the timeline at
-  // zero. `canAdd` must have accepted the format. False on failure, which `error` may explain.
+  // Adds a track of sound, once, before `startWriting`. False if a movie can't have this format.
+  virtual bool addTrack(AacFormat format) = 0;
+  // Adds the pictures, which players turn clockwise by `rotation` degrees, and starts the timeline
+  // at zero. `canAdd` must have accepted the format. False on failure, which `error` may explain.
   virtual bool startWriting(std::shared_ptr<const FormatDescription> format, int rotation) = 0;
   virtual WriterStatus status() const = 0;
   // What went wrong, as text for a person.
   virtual std::optional<std::string> error() const = 0;
   virtual bool isReadyForMoreMediaData() const = 0;
-  // Adds the next sample. False on failure.
+  // Adds the next picture. False on failure.
   virtual bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) = 0;
-  // Ends the timeline at `end` and completes the file. `handler` runs on any thread once `status`
-  // is the outcome.
+  // Adds the next packet of the track of sound. It has `aacPacketSamples` of each channel. False on
+  // failure.
+  virtual bool append(ByteView packet) = 0;
+  // Ends the timeline at `end` and completes the file. Sound behind `end` is not heard. `handler`
+  // runs on any thread once `status` is the outcome.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
-  // The samples of the finished movie, once `finishWriting` was called.
+  // The pictures of the finished movie, once `finishWriting` was called.
   virtual MovieExtent extent() const = 0;
-  // The samples that survive a power cut.
+  // The pictures that survive a power cut.
   virtual MovieExtent synced() const = 0;
   // After a failure: drops what waits for the disk, and completes the file with the samples that
   // are on the disk. `handler` runs on any thread, unless writing is cancelled before. It gets the
-  // samples in the file, and whether the file could be completed.
+  // pictures in the file, and whether the file could be completed.
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
   // Opens a text file at `path`, which must not exist, before `startWriting`. Until the movie is

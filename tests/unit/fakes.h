@@ -297,6 +297,7 @@ struct FakeDecoder final : FrameDecoder {
 struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
   bool canAdd(const FormatDescription&) const override { return next("canAdd") == 0; }
+  bool addTrack(AacFormat) override { return next("addTrack") == 0; }
   bool startWriting(std::shared_ptr<const FormatDescription>, int degrees) override {
     rotation = degrees;
     if (next("startWriting") == 0) state = WriterStatus::writing;
@@ -310,6 +311,7 @@ struct FakeWriter final : MovieWriter, CanFail {
     timings.emplace_back(timing.time, timing.duration);
     return true;
   }
+  bool append(ByteView) override { return next("appendSound") == 0; }
   void finishWriting(std::int64_t at, std::function<void()> handler) override {
     end = at;
     finished = std::move(handler);

@@ -70,14 +70,23 @@ struct DiskSink final : ByteSink {
   std::shared_ptr<Disk> disk;
 };
 
+const AacFormat stereo = {48000, 2, 1024, {0x11, 0x90}};
+
 struct Written {
-  explicit Written(int failAfter = -1) {
+  explicit Written(int failAfter = -1, bool sound = false) : hasSound(sound) {
     disk->failAfter = failAfter;
+    if (hasSound) writer.addTrack(stereo);
     writer.startWriting(keySample()->format(), 0);
   }
+  // With the sound up to the end of the picture.
   bool append(bool keyframe, MovieTiming timing, std::size_t size = 20) {
+    while (hasSound && packets * 1280 < timing.time + timing.duration) appendSound();
     const auto sample = keyframe ? keySample(size - 4) : deltaSample(size - 4);
     return writer.append(*sample, keyframe, timing);
+  }
+  void appendSound() {
+    writer.append(Bytes(9, 0x11));
+    ++packets;
   }
   // `count` samples of 1000 units each, a key frame every 30.
   void fill(int count) {
@@ -89,6 +98,8 @@ struct Written {
     done.get_future().wait();
     return writer.status();
   }
+  const bool hasSound;
+  std::int64_t packets = 0;  // each takes 1280 movie units
   std::shared_ptr<Disk> disk = std::make_shared<Disk>();
   HybridMovieWriter writer{std::make_unique<DiskSink>(disk), 3'800'000'000};
 };
@@ -101,18 +112,52 @@ std::string_view asText(const Bytes& bytes) {
 std::size_t boxIn(const Bytes& bytes, const char* type) { return asText(bytes).rfind(type); }
 
 TEST(MovieFile, MovesAHeadOnlyWhenItsSectorOrPageWouldCutIt) {
+  const MovieTrack track{.id = 1, .picture = keySample()->format()};
   for (std::size_t count = 20; count < 60; ++count) {
     const std::vector<MovieSample> samples(count, {100, 1000, false});
-    const std::size_t size = fragmentStart(0, 1, 0, samples).size() - 8;  // without that of `mdat`
+    const std::size_t size =
+        fragmentStart(0, 1, track, samples).size() - 8;  // without that of `mdat`
     const std::size_t block = size <= 512 ? 512 : 4096;
     for (std::size_t offset = 3300; offset < 4100; ++offset) {
-      const std::size_t padding = fragmentStart(offset, 1, 0, samples).size() - 8 - size;
+      const std::size_t padding = fragmentStart(offset, 1, track, samples).size() - 8 - size;
       const std::size_t start = offset + padding;
       ASSERT_EQ(start / block, (start + size - 1) / block) << count << " at " << offset;
       ASSERT_EQ(padding != 0, offset / block != (offset + size - 1) / block) << offset;
       ASSERT_LT(padding, block + 8);
     }
   }
+  // Half a second of sound always fits into a sector.
+  const MovieTrack sound{.id = 2, .sound = {96000, 2, 1024, {0x10, 0x10}}};
+  EXPECT_LE(fragmentStart(0, 1, sound, std::vector<MovieSample>(47, {100, 1024})).size(), 512 + 8);
+}
+
+TEST(MovieFile, KeepsItsBytesWithoutSound) {
+  Written movie;
+  movie.fill(61);
+  movie.finish(60500);
+  std::uint64_t hash = 14695981039346656037u;  // FNV-1a
+  for (const std::uint8_t byte : movie.disk->bytes) hash = (hash ^ byte) * 1099511628211u;
+  EXPECT_EQ(hash, 3169559859109570823u);
+}
+
+TEST(MovieFile, HasSoundAtItsTimesAlsoWhileNoPictureComes) {
+  Written movie(-1, true);
+  movie.append(true, {0, 60000});
+  while (movie.packets < 100) movie.appendSound();
+  std::vector<std::int64_t> times;
+  for (std::int64_t at = -1024; at < 94 * 1024; at += 1024) times.push_back(at);
+  waitUntil([&] { return movie.disk->calls == 3 * 6; });  // the start and 5 fragments
+  EXPECT_EQ(readMovie(movie.disk->bytes, 1).times, times);
+  EXPECT_EQ(movie.finish(60001), WriterStatus::completed);
+  const MovieContents read = readMovie(movie.disk->bytes, 1);
+  times.resize(48);
+  std::vector<std::int64_t> durations(48, 1024);
+  durations.back() = 48000 - 46 * 1024;
+  EXPECT_EQ(read.times, times);
+  EXPECT_EQ(read.durations, durations);
+  EXPECT_EQ(read.duration, 48000);
+  EXPECT_EQ(read.skipped, 1024u);
+  EXPECT_EQ(readMovie(movie.disk->bytes).durations, std::vector<std::int64_t>{60001});
 }
 
 TEST(MovieFile, TakesFormatsThatItsBoxesCanHold) {
@@ -126,45 +171,56 @@ TEST(MovieFile, TakesFormatsThatItsBoxesCanHold) {
 }
 
 TEST(MovieFile, StillTakesItsTablesWhenTheDiskIsFull) {
-  Written movie;
-  for (int i = 0; i < 3000; ++i)  // as many runs as there are samples
-    movie.append(true, {i * 1000 + i % 2, 1000 + (i % 2 == 0 ? 1 : -1)});
-  // The start of the file and each of 100 full fragments, 3 calls each, wait for nothing else.
-  waitUntil([&] { return movie.disk->calls == 303; });
-  movie.disk->isFull = true;
-  EXPECT_EQ(movie.finish(3'000'000), WriterStatus::completed);
-  EXPECT_EQ(movie.disk->reserved, 0u);
+  for (const bool hasSound : {false, true}) {
+    Written movie(-1, hasSound);
+    for (int i = 0; i < 3000; ++i)  // as many runs as there are samples
+      movie.append(true, {i * 1000 + i % 2, 1000 + (i % 2 == 0 ? 1 : -1)});
+    // The start of the file and each of 100 full fragments, 3 calls each, wait for nothing else.
+    waitUntil([&] { return movie.disk->calls == (hasSound ? 603 : 303); });
+    movie.disk->isFull = true;
+    EXPECT_EQ(movie.finish(3'000'000), WriterStatus::completed);
+    EXPECT_EQ(movie.disk->reserved, 0u);
+  }
 }
 
-// A disk that fails for a while, at any call, and one that fails for good.
+// A disk that fails after some calls, for a while or for good.
+void expectKept(int failAfter, bool isForGood, bool hasSound) {
+  SCOPED_TRACE(failAfter);
+  Written movie(failAfter, hasSound);
+  movie.fill(61);
+  // The start of the file and each of three fragments of a track take 3 calls, the end 4.
+  if (failAfter >= (hasSound ? 15 : 9)) movie.finish(61000);
+  waitUntil([&] { return movie.writer.error().has_value(); });
+  EXPECT_EQ(movie.writer.error(), "No space left on device");
+  if (!isForGood) movie.disk->failAfter = -1;
+  std::promise<std::pair<MovieExtent, bool>> answer;
+  movie.writer.rescue([&](MovieExtent kept, bool isComplete) {
+    answer.set_value({kept, isComplete});
+  });
+  const auto [kept, isComplete] = answer.get_future().get();
+  EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
+  const int fragments = std::clamp(failAfter / 3 - 1, 0, hasSound ? 6 : 3);
+  const int frames = std::min((hasSound ? fragments / 2 : fragments) * 30, 61);
+  EXPECT_EQ(kept.frames, frames);
+  EXPECT_EQ(kept.duration, frames * 1000);
+  EXPECT_EQ(isComplete, frames > 0 && !isForGood);
+  if (frames == 0) return;
+  const MovieContents read = readMovie(movie.disk->bytes);
+  // What was written and not synced is there, too, but not counted.
+  EXPECT_GE(std::ssize(read.times), frames);
+  if (!isComplete) return;
+  EXPECT_EQ(read.duration, kept.duration);
+  EXPECT_EQ(std::ssize(read.times), frames);
+  // The sound of half a second is written before its pictures.
+  constexpr std::array packets = {0, 24, 47, 48};
+  const auto heard = static_cast<std::size_t>((fragments + 1) / 2);
+  EXPECT_TRUE(!hasSound || std::ssize(readMovie(movie.disk->bytes, 1).times) == packets[heard]);
+}
+
 TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
-  for (int failAfter = 0; failAfter < 16; ++failAfter) {
-    for (const bool isForGood : {false, true}) {
-      SCOPED_TRACE(failAfter);
-      Written movie(failAfter);
-      movie.fill(61);
-      // The start of the file and each of three fragments take 3 calls, the end 4.
-      if (failAfter >= 9) movie.finish(61000);
-      waitUntil([&] { return movie.writer.error().has_value(); });
-      EXPECT_EQ(movie.writer.error(), "No space left on device");
-      if (!isForGood) movie.disk->failAfter = -1;
-      std::promise<std::pair<MovieExtent, bool>> answer;
-      movie.writer.rescue([&](MovieExtent kept, bool isComplete) {
-        answer.set_value({kept, isComplete});
-      });
-      const auto [kept, isComplete] = answer.get_future().get();
-      EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
-      const int frames = std::min(std::max(failAfter / 3 - 1, 0) * 30, 61);
-      EXPECT_EQ(kept.frames, frames);
-      EXPECT_EQ(kept.duration, frames * 1000);
-      EXPECT_EQ(isComplete, frames > 0 && !isForGood);
-      if (frames == 0) continue;
-      const MovieContents read = readMovie(movie.disk->bytes);
-      // What was written and not synced is there, too, but not counted.
-      EXPECT_GE(std::ssize(read.times), frames);
-      EXPECT_TRUE(!isComplete || read.duration == kept.duration);
-      EXPECT_TRUE(!isComplete || std::ssize(read.times) == frames);
-    }
+  for (const bool isForGood : {false, true}) {
+    for (int failAfter = 0; failAfter < 16; ++failAfter) expectKept(failAfter, isForGood, false);
+    for (int failAfter = 0; failAfter < 25; ++failAfter) expectKept(failAfter, isForGood, true);
   }
 }
 

@@ -7,6 +7,7 @@ extern "C" {
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 
 #include "base/bytes.h"
@@ -18,10 +19,12 @@ struct MovieContents {
   std::int64_t duration = 0;  // of the stream
   std::vector<std::int64_t> times, durations;
   int keyframes = 0;
+  std::uint32_t skipped = 0;  // samples of sound at the beginning
 };
 
-// What libavformat reads of a movie. Only packets count that carry a whole sample of the tests.
-inline MovieContents readMovie(ByteView bytes) {
+// What libavformat reads of a movie's first track, or of another. Only packets count that carry a
+// whole sample of the tests.
+inline MovieContents readMovie(ByteView bytes, unsigned track = 0) {
   av_log_set_level(AV_LOG_QUIET);
   const int file = memfd_create("movie", 0);
   const std::string path = "/proc/self/fd/" + std::to_string(file);
@@ -30,10 +33,13 @@ inline MovieContents readMovie(ByteView bytes) {
   read.opened =
       ::write(file, bytes.data(), bytes.size()) == std::ssize(bytes) &&
       avformat_open_input(&format, path.c_str(), av_find_input_format("mp4"), nullptr) == 0 &&
-      format->nb_streams == 1;
-  if (read.opened) read.duration = format->streams[0]->duration;
+      format->nb_streams > track;
+  if (read.opened) read.duration = format->streams[track]->duration;
   AVPacket* packet = av_packet_alloc();
   for (; read.opened && av_read_frame(format, packet) == 0; av_packet_unref(packet)) {
+    if (packet->stream_index != static_cast<int>(track)) continue;
+    const auto* skips = av_packet_get_side_data(packet, AV_PKT_DATA_SKIP_SAMPLES, nullptr);
+    if (skips != nullptr) std::memcpy(&read.skipped, skips, sizeof read.skipped);
     const bool whole =
         packet->size >= 8 && packet->data[5] == 0x11 && packet->data[packet->size - 1] == 0x11;
     if (!whole || (packet->flags & AV_PKT_FLAG_CORRUPT) != 0) continue;

@@ -22,6 +22,8 @@ namespace {
 constexpr std::int64_t sampleUnits = 10000;  // so a fragment has three samples
 constexpr std::size_t unitBytes = 16;        // of the one NAL unit of a sample
 const std::string killedID = "6f9619ff-8b86-d011-b42d-00cf4fc96401";
+const Bytes packet = {1, 2, 3, 4, 5, 0x11, 7, 8, 0x11};  // of sound
+constexpr std::int64_t packetUnits = 7680;
 
 // In memory, where syncing is quick.
 std::string makeFolder() {
@@ -42,12 +44,16 @@ struct Recovery : testing::Test {
   }
   // An hour later.
   RecoveredTake recover() const { return recoverTake(staging, std::time(nullptr) + 3600); }
-  // Writes a movie of seven samples, which nobody has renamed yet.
-  std::shared_ptr<MovieWriter> write() const {
+  // Writes a movie of seven samples, which nobody has renamed yet. It may have sound up to its end.
+  std::shared_ptr<MovieWriter> write(bool hasSound = false) const {
     std::string error;
     auto writer = HybridMovies().createWriter(staging, error);
+    if (hasSound) writer->addTrack({8000, 1, 1024, {0x15, 0x88}});
     writer->startWriting(keySample()->format(), 0);
+    std::int64_t heard = 0;
     for (int i = 0; i < 7; ++i) {
+      for (; hasSound && heard < (i + 1) * sampleUnits; heard += packetUnits)
+        writer->append(packet);
       const auto sample = i % 4 == 0 ? keySample(unitBytes) : deltaSample(unitBytes);
       writer->append(*sample, i % 4 == 0, {i * sampleUnits, sampleUnits});
     }
@@ -57,9 +63,9 @@ struct Recovery : testing::Test {
     return writer;
   }
   // That file as a crash leaves it between the tables and the new head.
-  Bytes interrupted() const {
+  Bytes interrupted(bool hasSound = false) const {
     std::filesystem::remove(staging);
-    write();
+    write(hasSound);
     Bytes bytes = load(staging);
     std::filesystem::remove(staging);
     const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
@@ -68,7 +74,7 @@ struct Recovery : testing::Test {
   }
 
   static Bytes withTwoTracks() {
-    Bytes bytes = movieStart(*keySample()->format(), {});
+    Bytes bytes = movieStart({{.id = 1, .picture = keySample()->format()}}, {});
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     const std::size_t at = text.find("trak") - 4;
     const Bytes track(&bytes[at], &bytes[at] + integerBE<std::uint32_t>(bytes, at));
@@ -79,20 +85,23 @@ struct Recovery : testing::Test {
     return bytes;
   }
 
-  // Expects an ordinary movie of so many samples.
-  void expectMovie(const std::string& path, std::size_t samples) const {
+  // Expects an ordinary movie of so many samples and packets of sound.
+  void expectMovie(const std::string& path, std::size_t samples, std::size_t packets = 0) const {
     const Bytes bytes = load(path);
     EXPECT_EQ(integerBE<std::uint32_t>(bytes, placeholderOffset()), 1u);  // a 64-bit size follows
     const MovieContents read = readMovie(bytes);
     EXPECT_EQ(read.durations, std::vector(samples, sampleUnits));
     EXPECT_EQ(read.duration, static_cast<std::int64_t>(samples) * sampleUnits);
     EXPECT_EQ(read.keyframes, static_cast<int>((samples + 3) / 4));
+    const MovieContents sound = readMovie(bytes, 1);
+    EXPECT_EQ(sound.durations, std::vector<std::int64_t>(packets, 1024));
+    EXPECT_EQ(sound.skipped, packets > 0 ? 1024u : 0u);
   }
-  void expectRecovered(std::size_t samples) const {
+  void expectRecovered(std::size_t samples, std::size_t packets = 0) const {
     const RecoveredTake take = recover();
     EXPECT_EQ(std::tie(take.left, take.path, take.frames), std::tuple("", movie, samples));
     EXPECT_EQ(take.duration, static_cast<double>(samples) * sampleUnits / movieTimescale);
-    expectMovie(movie, samples);
+    expectMovie(movie, samples, packets);
     std::filesystem::remove(movie);
   }
   // Expects that the file stays as it is.
@@ -109,32 +118,44 @@ struct Recovery : testing::Test {
   const std::string movie = folder + "/clip.recovered-" + killedID + ".mp4";
 };
 
+// Where each `piece` of the bytes ends.
+std::vector<std::size_t> endsOf(ByteView piece, const Bytes& bytes) {
+  std::vector<std::size_t> ends;
+  auto at = bytes.begin();
+  while ((at = std::search(at, bytes.end(), piece.begin(), piece.end())) != bytes.end())
+    ends.push_back(static_cast<std::size_t>((at += std::ssize(piece)) - bytes.begin()));
+  return ends;
+}
+
 TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
-  Bytes bytes = interrupted();
-  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  const std::string unit(unitBytes - 1, 0x11);  // behind its header
-  std::vector<std::size_t> ends;                // of the samples
-  for (auto at = text.find(unit); at != text.npos; at = text.find(unit, at + 1))
-    ends.push_back(at + unit.size());
-  ASSERT_EQ(ends.size(), 7u);
-  // What a power cut leaves behind a cut: zeros, or the tables of an earlier recovery.
-  const Bytes zeros(300);
-  const Bytes tables(bytes.begin() + static_cast<std::ptrdiff_t>(ends.back()), bytes.end());
-  for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
-    SCOPED_TRACE(cut);
-    const auto whole = static_cast<std::size_t>(std::ranges::upper_bound(ends, cut) - ends.begin());
-    for (const Bytes& behind : {Bytes(), zeros, tables}) {
-      Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
-      torn.insert(torn.end(), behind.begin(), behind.end());
-      place(torn);
-      whole == 0 ? expectLeft("it ") : expectRecovered(whole);
+  for (const bool hasSound : {false, true}) {
+    Bytes bytes = interrupted(hasSound);
+    const auto ends = endsOf(Bytes(unitBytes - 1, 0x11), bytes);  // behind the headers
+    const auto soundEnds = endsOf(packet, bytes);
+    ASSERT_EQ(ends.size(), 7u);
+    ASSERT_EQ(soundEnds.size(), hasSound ? 10u : 0u);
+    // What a power cut leaves behind a cut: zeros, or the tables of an earlier recovery.
+    const Bytes zeros(300);
+    const Bytes tables(bytes.begin() + static_cast<std::ptrdiff_t>(ends.back()), bytes.end());
+    for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
+      SCOPED_TRACE(cut);
+      const auto whole = [cut](const std::vector<std::size_t>& of) {
+        return static_cast<std::size_t>(std::ranges::upper_bound(of, cut) - of.begin());
+      };
+      for (const Bytes& behind : {Bytes(), zeros, tables}) {
+        Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
+        torn.insert(torn.end(), behind.begin(), behind.end());
+        place(torn);
+        whole(ends) == 0 ? expectLeft("it ") : expectRecovered(whole(ends), whole(soundEnds));
+      }
+      if (HasFailure()) return;
     }
-    if (HasFailure()) return;
+    const MovieTrack empty{.id = 1, .picture = keySample()->format()};
+    const Bytes behind = fragmentStart(0, 9, empty, {{20, 1000, true}});  // at time 0
+    bytes.insert(bytes.end(), behind.begin(), behind.end());
+    place(bytes);
+    expectRecovered(7, soundEnds.size());
   }
-  const Bytes behind = fragmentStart(0, 9, 0, {{20, 1000, true}});  // at a time that has passed
-  bytes.insert(bytes.end(), behind.begin(), behind.end());
-  place(bytes);
-  expectRecovered(7);
 }
 
 TEST_F(Recovery, FinishesAMovieOnceAndReplacesNothing) {
@@ -166,10 +187,10 @@ TEST_F(Recovery, LeavesWhatIsNoInterruptedTake) {
   expectLeft("No such file");
   place(Bytes(1000, 'x'));
   expectLeft("not a take");
-  place(movieStart(*keySample()->format(), {}));
+  place(movieStart({{.id = 1, .picture = keySample()->format()}}, {}));
   expectLeft("no picture");
   place(withTwoTracks());
-  expectLeft("more than one track");
+  expectLeft("not a take");
   place(interrupted());
   std::filesystem::rename(staging, folder + "/other.mp4");
   std::filesystem::create_symlink("other.mp4", staging);
