@@ -75,6 +75,7 @@ class Reader {
   static std::vector<MovieSample> readSamples(Fields& run, bool isPicture);
   void dropTornSamples(MovieTrack& track) const;
   bool isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) const;
+  bool holdsTables(std::uint64_t offset, std::uint64_t size) const;
 
   const FileView& file_;
   StagingMovie movie_;
@@ -284,7 +285,9 @@ std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   const auto count = run.next<std::uint32_t>();
   const std::uint64_t offset = fragment.start + run.next<std::uint32_t>();
   require(count > 0 && run.left() == std::size_t{count} * (isPicture ? 12 : 4));
-  require(offset >= fragment.end);
+  constexpr std::uint64_t mediaDataHeaderBytes = 8;
+  require(offset == fragment.end + mediaDataHeaderBytes);
+  require(!holdsTables(fragment.start, offset - fragment.start));
   const auto samples = readSamples(run, isPicture);
   samples_ += samples.size();
   // A limit must not cost pictures, so the file stays as it is.
@@ -326,18 +329,22 @@ void Reader::dropTornSamples(MovieTrack& track) const {
 
 // After a power cut, a file may have its full length but zeros at its end. No NAL unit ends with a
 // zero byte (14496-10, 7.4.1), and no packet of AAC: it ends with the bits 111 and less than a byte
-// of padding (14496-3, 4.4.2.1). A recovery that was interrupted may have appended tables to a torn
-// sample.
+// of padding (14496-3, 4.4.2.1).
 bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) const {
   if (size > maximumSampleBytes || offset > file_.size || size > file_.size - offset) return false;
-  constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
-  const std::uint64_t longest = size + 3 + tables.size();       // if one byte of them is inside
-  Bytes sample = bytes(offset, std::min(longest, file_.size - offset));
-  if (std::search(sample.begin(), sample.end(), tables.begin(), tables.end()) != sample.end())
-    return false;
-  sample.resize(size);
+  if (holdsTables(offset, size)) return false;
+  const Bytes sample = bytes(offset, size);
   if (isPicture && walkNalUnits(ByteView(sample)).error != NalWalkError::none) return false;
   return sample.back() != 0;
+}
+
+// A recovery that was interrupted may have appended tables to a torn fragment. Returns whether they
+// begin in these bytes, which begin within the file.
+bool Reader::holdsTables(std::uint64_t offset, std::uint64_t size) const {
+  constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
+  const std::uint64_t longest = size + 3 + tables.size();       // if one byte of them is inside
+  const Bytes read = bytes(offset, std::min(longest, file_.size - offset));
+  return std::search(read.begin(), read.end(), tables.begin(), tables.end()) != read.end();
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ namespace lumora {
 
 struct MovieContents {
   bool opened = false;
-  std::int64_t duration = 0;  // of the stream
+  std::int64_t duration = 0, samples = 0;  // of the stream, by its tables
   std::vector<std::int64_t> times, durations;
   int keyframes = 0;
   std::uint32_t skipped = 0;  // samples of sound at the beginning
@@ -34,7 +34,10 @@ inline MovieContents readMovie(ByteView bytes, unsigned track = 0) {
       ::write(file, bytes.data(), bytes.size()) == std::ssize(bytes) &&
       avformat_open_input(&format, path.c_str(), av_find_input_format("mp4"), nullptr) == 0 &&
       format->nb_streams > track;
-  if (read.opened) read.duration = format->streams[track]->duration;
+  if (read.opened) {
+    read.duration = format->streams[track]->duration;
+    read.samples = format->streams[track]->nb_frames;
+  }
   AVPacket* packet = av_packet_alloc();
   for (; read.opened && av_read_frame(format, packet) == 0; av_packet_unref(packet)) {
     if (packet->stream_index != static_cast<int>(track)) continue;

@@ -95,6 +95,7 @@ struct Recovery : testing::Test {
     EXPECT_EQ(read.keyframes, static_cast<int>((samples + 3) / 4));
     const MovieContents sound = readMovie(bytes, 1);
     EXPECT_EQ(sound.durations, std::vector<std::int64_t>(packets, 1024));
+    EXPECT_EQ(sound.samples, std::ssize(sound.durations));
     EXPECT_EQ(sound.skipped, packets > 0 ? 1024u : 0u);
   }
   void expectRecovered(std::size_t samples, std::size_t packets = 0) const {
