@@ -7,7 +7,8 @@ dpkg --add-architecture arm64
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends crossbuild-essential-arm64 qemu-user cmake ninja-build \
   pkg-config ffmpeg scdoc file dpkg-dev libboost-dev nlohmann-json3-dev \
-  libavcodec-dev:arm64 libavformat-dev:arm64 libavutil-dev:arm64 libyuv-dev:arm64 libhwy-dev:arm64 libjpeg-dev:arm64 \
+  libavcodec-dev:arm64 libavformat-dev:arm64 libavutil-dev:arm64 libswresample-dev:arm64 \
+  libyuv-dev:arm64 libhwy-dev:arm64 libjpeg-dev:arm64 \
   libgtest-dev:arm64 libgmock-dev:arm64 libbenchmark-dev:arm64 >/dev/null
 
 cmake --preset arm64

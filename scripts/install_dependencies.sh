@@ -5,7 +5,8 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config ccache
-  libboost-dev libavcodec-dev libavformat-dev libavutil-dev libyuv-dev libhwy-dev libjpeg-dev nlohmann-json3-dev
+  libboost-dev libavcodec-dev libavformat-dev libavutil-dev libswresample-dev
+  libyuv-dev libhwy-dev libjpeg-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   ffmpeg
   "$@"

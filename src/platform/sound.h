@@ -1,0 +1,51 @@
+#pragma once
+
+// The sound of takes: PCM of the parent in, AAC-LC packets for a track out.
+
+#include <algorithm>
+#include <array>
+#include <span>
+#include <vector>
+
+#include "platform/sample.h"
+
+namespace lumora {
+
+constexpr int soundPacketSamples = 1024;  // of each channel, in every packet
+
+// Samples per second of the track for sound of this rate: the same if AAC-LC has it, else 48000.
+constexpr int soundTrackRate(int sourceRate) {
+  constexpr std::array rates = {8000,  11025, 12000, 16000, 22050, 24000,
+                                32000, 44100, 48000, 64000, 88200, 96000};
+  return std::ranges::find(rates, sourceRate) != rates.end() ? sourceRate : 48000;
+}
+
+struct SoundSettings {
+  int sourceRate;        // samples per second
+  int trackRate;         // samples per second
+  int channels;          // 1 or 2
+  std::int64_t bitRate;  // bits per second; lowered to what AAC allows at this rate
+};
+
+using SoundPackets = std::vector<Bytes>;
+
+// An open encoder. A status is 0 or its library's own code, and ends the sound unless it is 0.
+// Nothing throws. One thread at a time.
+class SoundEncoder {
+ public:
+  virtual ~SoundEncoder() = default;
+  // What a decoder must know first: an AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1).
+  virtual ByteView configuration() const = 0;
+  // How many samples a decoder gives before the first one of the sound.
+  virtual int priming() const = 0;
+  // Encodes interleaved samples of all channels, and appends the packets that are complete. The
+  // sound gets longer by `compensation` parts per million, within 1.
+  virtual Status encode(std::span<const std::int16_t> samples, int compensation,
+                        SoundPackets& packets) = 0;
+  // Appends the rest of the packets. The last call.
+  virtual Status flush(SoundPackets& packets) = 0;
+  // How many samples of the track the sound fills that was encoded so far. Without priming.
+  virtual std::int64_t length() const = 0;
+};
+
+}  // namespace lumora
