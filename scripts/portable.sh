@@ -61,9 +61,9 @@ buildFFmpeg() (
   cd "$(sourceFolder ffmpeg)"
   ./configure --prefix=/usr --disable-everything --disable-autodetect --disable-programs --disable-doc \
     --disable-network --disable-avdevice --disable-avfilter --disable-avformat --disable-swscale \
-    --disable-swresample --disable-postproc --disable-debug --enable-gpl --enable-libx264 \
+    --disable-postproc --disable-debug --enable-gpl --enable-libx264 \
     --enable-ffnvcodec --enable-nvenc --enable-v4l2-m2m \
-    --enable-encoder=libx264,h264_nvenc,h264_v4l2m2m --enable-pic --pkg-config-flags=--static \
+    --enable-encoder=aac,libx264,h264_nvenc,h264_v4l2m2m --enable-pic --pkg-config-flags=--static \
     --extra-cflags="$sections"
   make -j "$jobs"
   make install DESTDIR="$stage"
