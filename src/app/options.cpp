@@ -58,6 +58,12 @@ bool readFrameFormat(const Environment& environment, Configuration& configuratio
   return format.has_value();
 }
 
+bool readSoundFormat(const Environment& environment, Configuration& configuration) {
+  const std::string* text = findVariable(environment, "TAVO_SOUND");
+  if (text != nullptr) configuration.sound = parseSoundFormat(*text);
+  return text == nullptr || configuration.sound;
+}
+
 bool applyOption(const std::string& name, const std::string& value, Configuration& configuration) {
   if (name == "--host") {
     configuration.host = value;
@@ -92,6 +98,7 @@ std::optional<Configuration> options(const std::vector<std::string>& arguments,
   if (!readEnvironmentSize(environment, configuration)) return std::nullopt;
   if (!readFrameMemory(environment, configuration)) return std::nullopt;
   if (!readFrameFormat(environment, configuration)) return std::nullopt;
+  if (!readSoundFormat(environment, configuration)) return std::nullopt;
   for (std::size_t i = 0; i < arguments.size(); i += 2) {
     if (i + 1 == arguments.size()) return std::nullopt;
     if (!applyOption(arguments[i], arguments[i + 1], configuration)) return std::nullopt;

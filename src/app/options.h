@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "input/frame_format.h"
+#include "sound/sound_format.h"
 
 namespace lumora {
 
@@ -22,7 +23,8 @@ struct Configuration {
   bool exactPreviewDimensions = false;            // the size was given, it is not the default
   std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
   FrameFormat frameFormat = {};
-  std::string h264Encoder = {};  // which encoders may be used; empty: the default
+  std::optional<SoundFormat> sound = {};  // of the parent, if it sends sound
+  std::string h264Encoder = {};           // which encoders may be used; empty: the default
 
   bool operator==(const Configuration&) const = default;
 };

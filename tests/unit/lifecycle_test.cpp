@@ -31,8 +31,10 @@ TEST(Options, ReplaceTheirDefaultsTheEnvironmentAndEachOther) {
             {{"TAVO_PREVIEW_WIDTH", "400"},
              {"TAVO_PREVIEW_HEIGHT", "300"},
              {"TAVO_FRAME_MEMORY", "12"},
-             {"TAVO_FRAME_FORMAT", "nv21"}}),
-      (Configuration{"localhost", 80, goodToken, 320, 300, true, 12, *parseFrameFormat("nv21")}));
+             {"TAVO_FRAME_FORMAT", "nv21"},
+             {"TAVO_SOUND", "44100x2"}}),
+      (Configuration{"localhost", 80, goodToken, 320, 300, true, 12, *parseFrameFormat("nv21"),
+                     SoundFormat{44100, 2}}));
 }
 
 TEST(Options, AcceptTheLimitsAndRefuseWhatLiesBeyond) {
@@ -57,6 +59,7 @@ TEST(Options, AcceptTheLimitsAndRefuseWhatLiesBeyond) {
   expect(false, "TAVO_FRAME_FORMAT", {"", "NV12", "top", "nv12,", ",nv12", "nv12, top"});
   expect(false, "TAVO_FRAME_FORMAT", {"nv12,nv12", "nv12,top,bottom", "nv12,full,limited"});
   expect(false, "TAVO_FRAME_FORMAT", {"rgba,bt709", "mjpeg,full"});
+  expect(false, "TAVO_SOUND", {"", "48000"});
   expect(true, "TAVO_VIDEO_TOKEN", {"0_-aZ9aaaaaaaaaa", std::string(128, '-')});
   expect(false, "TAVO_VIDEO_TOKEN", {std::string(15, 'a'), std::string(129, 'a'), goodToken + "="});
   expect(false, "TAVO_VIDEO_TOKEN", {goodToken + "/", goodToken + " ", goodToken + "\xC3\xA9"});
