@@ -10,8 +10,9 @@ void require(bool held) {
 
 FuzzedService::FuzzedService(std::shared_ptr<FrameMemory> frameMemory,
                              const std::string& frameFormat)
-    : probe(options({},
-                    {{"TAVO_VIDEO_TOKEN", "0123456789abcdef"}, {"TAVO_FRAME_FORMAT", frameFormat}})
+    : probe(options({}, {{"TAVO_VIDEO_TOKEN", "0123456789abcdef"},
+                         {"TAVO_FRAME_FORMAT", frameFormat},
+                         {"TAVO_SOUND", "8000x2"}})
                 .value(),
             std::move(frameMemory)) {
   probe.becomeReady();

@@ -11,6 +11,10 @@
 namespace lumora {
 
 void VideoEncoder::start() {
+  if (configuration.sound) {
+    sound = std::make_shared<SoundInput>(*configuration.sound, platform.clock, *platform.dispatch);
+    sound->setFailureHandler(weakly(&VideoEncoder::requestFailure));
+  }
   platform.encoders->prepare(
       sessionSettings(SessionKind::preview,
                       {configuration.previewWidth, configuration.previewHeight}, previewTargetFPS),

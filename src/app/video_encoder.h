@@ -12,6 +12,7 @@
 #include "base/limits.h"
 #include "input/raw_frame.h"
 #include "record/current_take.h"
+#include "sound/sound_input.h"
 #include "stream/preview.h"
 
 namespace lumora {
@@ -24,7 +25,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   VideoEncoder(const Configuration& given, Platform services)
       : platform(std::move(services)), configuration(given) {}
 
-  // app/: lifecycle. `start` throws std::system_error when the listener can't be created.
+  // app/: lifecycle. `start` throws std::system_error when the listener or a thread can't be made.
   void start();
   void shutdown(int code);
   // Any thread. Even if the state queue hangs, the process ends within `watchdogTimeout`.
@@ -80,6 +81,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // inside a record.
   bool readExactly(MutableByteView space);  // false when the input ends first
   void readCommand(const RecordHeader& header);
+  void readSound(const RecordHeader& header);
   void readFrame(const RecordHeader& header);
   void logDropped(const ReadFrame& frame);
   RecordPicture readPicture(const RecordHeader& header);
@@ -157,6 +159,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // input/: any thread.
   RawAdmission raw;
+
+  // input/: set by `start`, then any thread. Null unless the parent sends sound.
+  std::shared_ptr<SoundInput> sound;
 
   // input/: any thread. The reader acquires a slot for each command, and the state queue releases
   // it when it handles the command. Without a free slot the reader waits, at most

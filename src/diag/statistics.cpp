@@ -64,6 +64,7 @@ void VideoEncoder::addDiagnostics(Json& event) const {
   event["record_encode_ms"] = take.recordingEncodeMilliseconds;
   event["record_encoder_failures"] = take.recordingEncoderFailures;
   event["max_movie_work_observed"] = take.maximumMovieWorkObserved;
+  if (sound) event["dropped_sound"] = sound->dropped();
 }
 
 }  // namespace lumora

@@ -20,7 +20,13 @@ void VideoEncoder::readFrames() {
     std::array<std::uint8_t, recordHeaderBytes> bytes{};
     while (readExactly(bytes)) {
       const RecordHeader header = decodeRecordHeader(bytes);
-      header.isCommand() ? readCommand(header) : readFrame(header);
+      if (header.isCommand()) {
+        readCommand(header);
+      } else if (sound && header.isSound()) {
+        readSound(header);
+      } else {
+        readFrame(header);
+      }
     }
   } catch (const std::exception& error) {
     return requestFailure(reasonOf(error));
@@ -54,6 +60,12 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
     self.recordingCommand(payload);
     self.raw.commandHandled();
   }));
+}
+
+void VideoEncoder::readSound(const RecordHeader& header) {
+  Bytes pcm(sound->mayAdd(header.id, header.length) ? header.length : 0);
+  if (pcm.empty() || !readExactly(pcm)) throw EncoderFailure::message("invalid sound record");
+  sound->add(header.id, std::move(pcm));
 }
 
 void VideoEncoder::readFrame(const RecordHeader& header) {

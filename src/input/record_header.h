@@ -7,9 +7,10 @@
 //   | length | width  | height | frame id       | payload
 //   +--------+--------+--------+----------------+----------
 //
-// In a command record width, height and id are all 0. Every other record is a frame record. Its
-// payload is the picture or, when the parent shares memory with us, a reference: the picture's
-// offset in that memory and, if the length varies, its length. Each has 64 bits.
+// In a command record width, height and id are all 0. If only width and height are 0 and the parent
+// sends sound, the record is sound. Every other record is a frame record. Its payload is the
+// picture or, when the parent shares memory with us, a reference: the picture's offset in that
+// memory and, if the length varies, its length. Each has 64 bits.
 
 #include <cstdint>
 
@@ -28,6 +29,7 @@ struct RecordHeader {
   std::uint64_t id = 0;
 
   bool isCommand() const { return width == 0 && height == 0 && id == 0; }
+  bool isSound() const { return width == 0 && height == 0 && id != 0; }
   PictureSize size() const { return {width, height}; }
 };
 

@@ -45,6 +45,41 @@ TEST_F(Reader, StopsAtABrokenRecord) {
   }
 }
 
+TEST_F(Reader, TakesSoundOnRequestInAnyOrderWithPictures) {
+  constexpr std::uint64_t second = 1'000'000, now = 1000 * second;
+  const auto restart = [this] {
+    probe = VideoEncoderProbe({.token = "0123456789abcdef", .sound = SoundFormat{8000, 1}});
+    probe.becomeReady();
+  };
+  const auto putSound = [this](std::uint64_t id, std::uint32_t bytes) {
+    put({bytes, 0, 0, id}, bytes);
+  };
+  restart();
+  putFrame(now);
+  for (const std::uint64_t id : {now - 31 * second, now - 29 * second, now, now + 51'000})
+    putSound(id, 4000);
+  putFrame(now + 1);
+  EXPECT_EQ(probe.readAll(), "");
+  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+  expectKeys(probe.statistics(), {{"dropped_raw", 2}, {"dropped_sound", 2}});
+  restart();  // a queue that hangs holds two seconds
+  for (std::uint64_t id = now; id < now + 10; ++id) putSound(id, 4000);
+  EXPECT_EQ(probe.readAll(), "");
+  EXPECT_EQ(probe.statistics()["dropped_sound"], 2);
+  const RecordHeader broken[] = {
+      {0, 0, 0, now + 1}, {3, 0, 0, now + 1}, {4002, 0, 0, now + 1}, {2, 0, 0, now}};
+  for (const RecordHeader& header : broken) {
+    restart();
+    putSound(now, 2);
+    put(header, header.length);
+    EXPECT_EQ(probe.readAll(), "invalid sound record");
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+  }
+  restart();
+  put({4, 0, 0, now}, 3);  // cut off
+  EXPECT_EQ(probe.readAll(), "invalid sound record");
+}
+
 TEST_F(Reader, LeavesTheExitStatusToTheFirstCause) {
   putFrame(1);
   probe.process->input.pop_back();

@@ -1,0 +1,42 @@
+#pragma once
+
+// The sound of one run. The reader hands its records to a queue of their own, so sound never waits
+// for pictures, nor pictures for it. The device's clock runs on that queue from the first record
+// on, so a take begins with a clock that is known.
+
+#include <atomic>
+#include <memory>
+
+#include "platform/dispatch.h"
+#include "sound/device_clock.h"
+
+namespace lumora {
+
+class SoundInput : public std::enable_shared_from_this<SoundInput> {
+ public:
+  // Throws std::system_error if the queue gets no thread.
+  SoundInput(SoundFormat format, std::shared_ptr<Clock> clock, Dispatch& dispatch)
+      : format_(format), clock_(std::move(clock)), queue_(dispatch.makeQueue("lumora.sound")) {}
+
+  // Any thread. `handler` runs on the queue if work there fails.
+  void setFailureHandler(FailureHandler handler);
+
+  // Reader thread. Whether the next record may have this id and so many bytes.
+  bool mayAdd(std::uint64_t id, std::uint32_t bytes) const;
+  // Reader thread. Leaves the record out if its time is not one of now, or if the queue hangs.
+  void add(std::uint64_t id, Bytes pcm);
+
+  // Any thread. Records that were left out.
+  std::uint64_t dropped() const { return dropped_; }
+
+ private:
+  const SoundFormat format_;
+  const std::shared_ptr<Clock> clock_;
+  const std::shared_ptr<SerialQueue> queue_;
+  std::atomic<std::uint64_t> dropped_ = 0;
+  std::atomic<std::int64_t> waiting_ = 0;  // samples that the queue has not taken
+  std::uint64_t lastID_ = 0;               // reader thread
+  DeviceClock device_{format_.rate};       // queue
+};
+
+}  // namespace lumora
