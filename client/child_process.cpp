@@ -45,8 +45,9 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  // In our own environment these describe the frames of our own parent.
-  for (const char* name : {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT"}) merged.erase(name);
+  // In our own environment these describe what our own parent sends.
+  for (const char* name : {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT", "TAVO_SOUND"})
+    merged.erase(name);
   for (const auto& [name, value] : options.environment) merged[name] = value;
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
   if (options.frameMemory >= 0) merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory);

@@ -225,7 +225,7 @@ TEST_F(Client, AParentThatIgnoresSIGCHLDStillLearnsThatItsHelperHasEnded) {
 TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_THROW(const client::Helper unwanted({.frameSize = FrameSize{321, 240}}),
                std::invalid_argument);
-  const auto ofTheApplication = {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT"};
+  const auto ofTheApplication = {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT", "TAVO_SOUND"};
   for (const char* name : ofTheApplication) setenv(name, "99", 1);
   client::Helper camera(options());
   for (const char* name : ofTheApplication) unsetenv(name);

@@ -15,7 +15,7 @@ import { folder, inFolder } from '../parent.mjs';
 const size = { width: 1080, height: 720 };
 const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.height * 4, grey));
 // No helper starts with these: the client must remove them.
-Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none' });
+Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none', TAVO_SOUND: 'x' });
 
 async function helperFor(context) {
   const helper = await startHelper({ stderr: 'ignore' });
