@@ -13,6 +13,7 @@
 #include "base/text.h"
 #include "h264/nal_units.h"
 #include "mp4/movie_disk.h"
+#include "platform/sound.h"
 
 namespace lumora {
 namespace {
@@ -102,7 +103,7 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
 }
 
 bool HybridMovieWriter::append(ByteView packet) {
-  const MovieSample sample = {static_cast<std::uint32_t>(packet.size()), aacPacketSamples};
+  const MovieSample sample = {static_cast<std::uint32_t>(packet.size()), soundPacketSamples};
   const auto copy = [&](MutableByteView space) {
     std::ranges::copy(packet, space.begin());
     return true;

@@ -5,6 +5,7 @@
 
 #include "mp4/box.h"
 #include "mp4/sample_entries.h"
+#include "platform/sound.h"
 
 namespace lumora {
 namespace {
@@ -242,7 +243,7 @@ void movieExtends(Bytes& bytes, const std::vector<MovieTrack>& tracks) {
     const Box defaults(bytes, "trex", 0, 0);
     u32(bytes, track.id);
     u32(bytes, 1);  // sample description
-    u32(bytes, track.picture ? 0 : aacPacketSamples);
+    u32(bytes, track.picture ? 0 : soundPacketSamples);
     u32(bytes, 0);
     u32(bytes, track.picture ? 0 : keySampleFlags);
   }

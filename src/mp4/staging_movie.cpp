@@ -6,6 +6,7 @@
 
 #include "h264/memory_sample.h"
 #include "platform/movie_writer.h"
+#include "platform/sound.h"
 
 namespace lumora {
 namespace {
@@ -303,7 +304,7 @@ std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
 std::vector<MovieSample> Reader::readSamples(Fields& run, bool isPicture) {
   std::vector<MovieSample> samples;
   while (run.left() > 0) {
-    MovieSample sample{.duration = aacPacketSamples};
+    MovieSample sample{.duration = soundPacketSamples};
     if (isPicture) sample.duration = run.next<std::uint32_t>();
     sample.size = run.next<std::uint32_t>();
     if (isPicture) sample.keyframe = (run.next<std::uint32_t>() & 0x10000) == 0;

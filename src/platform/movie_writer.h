@@ -30,7 +30,6 @@ struct AacFormat {
   std::uint32_t priming = 0;   // samples of the first packets that are not to be heard
   Bytes configuration;         // the AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1)
 };
-constexpr std::uint32_t aacPacketSamples = 1024;
 
 // The pictures of a movie.
 struct MovieExtent {
@@ -57,7 +56,7 @@ class MovieWriter {
   virtual bool isReadyForMoreMediaData() const = 0;
   // Adds the next picture. False on failure.
   virtual bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) = 0;
-  // Adds the next packet of the track of sound. It has `aacPacketSamples` of each channel. False on
+  // Adds the next packet of the track of sound, with `soundPacketSamples` of each channel. False on
   // failure.
   virtual bool append(ByteView packet) = 0;
   // Ends the timeline at `end` and completes the file. Sound behind `end` is not heard. `handler`
