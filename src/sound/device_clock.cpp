@@ -28,6 +28,10 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   held_.push_back(std::move(record));
   if (!isOnLine && !hasJumped()) return {};
   if (!isOnLine) jump();
+  return flush();
+}
+
+std::vector<SoundRecord> DeviceClock::flush() {
   deviation_ = {};
   for (SoundRecord& certain : held_) certain.drift = drift_;
   return std::exchange(held_, {});

@@ -23,6 +23,8 @@ class DeviceClock {
   // Takes the next record. Returns those whose times are certain now, in order and with smoothed
   // times: mostly just this one. Holds at most half a second of sound, then one record more.
   std::vector<SoundRecord> add(SoundRecord record);
+  // Returns the records that it holds, because no more come.
+  std::vector<SoundRecord> flush();
 
  private:
   static constexpr double leastJitter = 9e-6;  // variance, of 3 ms

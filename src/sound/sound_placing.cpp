@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace lumora {
 namespace {
@@ -15,14 +16,11 @@ double limited(double value, double limit) { return std::clamp(value, -limit, li
 
 }  // namespace
 
-Placement SoundPlacing::place(const SoundRecord& record, double length) {
+SoundPlacement SoundPlacing::place(const SoundRecord& record, double length) {
   const double seconds = static_cast<double>(record.samples) / rate_;
   const double late = record.capturedAt - start_ - length;
-  if (!isAligning_ && std::abs(late) > largestDifference) {
-    isAligning_ = true;
-    ++gaps_;
-  }
-  Placement placement;
+  if (std::abs(late) > largestDifference) beginAligning();
+  SoundPlacement placement;
   if (isAligning_) {
     align(late, record, placement);
   } else {
@@ -34,7 +32,20 @@ Placement SoundPlacing::place(const SoundRecord& record, double length) {
   return placement;
 }
 
-void SoundPlacing::align(double late, const SoundRecord& record, Placement& placement) {
+std::int64_t SoundPlacing::fill(double until, double length) {
+  const std::int64_t silence = std::llround((until - start_ - length) * rate_);
+  if (silence <= 0) return 0;
+  beginAligning();
+  missing_ += static_cast<double>(silence) / rate_;
+  heardUntil_ = std::max(heardUntil_, until);
+  return silence;
+}
+
+void SoundPlacing::beginAligning() {
+  if (!std::exchange(isAligning_, true)) ++gaps_;
+}
+
+void SoundPlacing::align(double late, const SoundRecord& record, SoundPlacement& placement) {
   const std::int64_t samples = std::llround(late * rate_);
   placement.silence = std::max(samples, std::int64_t{0});
   placement.cut = std::clamp(-samples, std::int64_t{0}, record.samples);
@@ -48,7 +59,7 @@ std::int64_t SoundPlacing::trackSamples(double end, int trackRate) const {
 }
 
 double SoundPlacing::missing(double end) const {
-  return missing_ + std::max(end - heardUntil_, 0.0);
+  return std::min(missing_ + std::max(end - heardUntil_, 0.0), end - start_);
 }
 
 }  // namespace lumora

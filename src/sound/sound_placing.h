@@ -17,6 +17,9 @@
 // The resampler's real output closes the loop: what it rounds is part of the next difference. So
 // errors never add up, and this file needs no model of the resampler.
 //
+// While a device is silent, the track is filled a little behind the pictures. So when it goes on,
+// or the movie ends, little is left to fill at once.
+//
 // Silence and cuts are samples of the device, before the resampler. So what it still holds stays in
 // front of them.
 
@@ -27,7 +30,7 @@
 namespace lumora {
 
 // What to do with a record before the resampler gets it.
-struct Placement {
+struct SoundPlacement {
   std::int64_t silence = 0;  // samples to insert before it: as many as the gap has
   std::int64_t cut = 0;      // samples to cut from its front: at most all
   int gain = 0;              // samples that a million of the resampler's output has more or less
@@ -41,7 +44,9 @@ class SoundPlacing {
 
   // For the next record of `DeviceClock`, if it begins before the end of the movie. `length`: that
   // of the track in seconds, with what the resampler still holds.
-  Placement place(const SoundRecord& record, double length);
+  SoundPlacement place(const SoundRecord& record, double length);
+  // For a device that is silent: the samples of silence that the track needs to reach `until`.
+  std::int64_t fill(double until, double length);
 
   int gaps() const { return gaps_; }
   // Until when records came. A take that stops waits until this reaches its end.
@@ -52,7 +57,8 @@ class SoundPlacing {
   double missing(double end) const;
 
  private:
-  void align(double late, const SoundRecord& record, Placement& placement);
+  void beginAligning();
+  void align(double late, const SoundRecord& record, SoundPlacement& placement);
 
   int rate_;
   double start_;

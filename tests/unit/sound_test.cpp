@@ -47,6 +47,7 @@ TEST(DeviceClock, HoldsWhatIsOffTheLineUntilThatIsCertain) {
   int held = 0;
   for (double late = 2; add(late) == 0; late += 0.03) ++held;  // never twice by the same
   EXPECT_NEAR(held, 25, 1);                                    // half a second
+  EXPECT_EQ(add(9) + clock.flush().size(), 1u);
 }
 
 TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
@@ -58,6 +59,18 @@ TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
   EXPECT_EQ(late.place({10.005, 2000}, 0).silence, 40);
   EXPECT_EQ(late.trackSamples(11.5, 48000), 72000);
   EXPECT_EQ(early.gaps() + late.gaps(), 0);
+}
+
+TEST(SoundPlacing, FillsTheTrackOfASilentDeviceInOneGap) {
+  SoundPlacing placing(48000, 10);
+  placing.place({10, 960}, 0);
+  EXPECT_EQ(placing.fill(10.01, 0.02), 0);
+  EXPECT_EQ(placing.fill(11.02, 0.02), 48000);
+  EXPECT_EQ(placing.fill(11.52, 1.02), 24000);
+  EXPECT_EQ(placing.place({12.02, 960}, 1.52).silence, 24000);
+  EXPECT_EQ(placing.gaps(), 1);
+  EXPECT_NEAR(placing.missing(13.04), 3, 1e-9);
+  EXPECT_NEAR(placing.missing(11), 1, 1e-9);  // never more than the movie has
 }
 
 struct Device {
@@ -109,7 +122,7 @@ struct Take {
   }
 
   void place(const SoundRecord& record) {
-    const Placement placement = placing.place(record, length);
+    const SoundPlacement placement = placing.place(record, length);
     const double wanted = capturedAt.front() - start + seconds(placement.cut);
     capturedAt.pop_front();
     length += seconds(placement.silence);
