@@ -44,14 +44,16 @@ void VideoEncoder::listenerChanged(ListenerState state) {
 
 void VideoEncoder::becomeReady() {
   if (!running || std::exchange(ready, true)) return;
-  emit({{"type", "ready"},
-        {"port", listener->port()},
-        {"recording_hd", true},
-        {"recording_mirror", true},
-        {"recording_width", defaultProfile.width},
-        {"recording_height", defaultProfile.height},
-        {"recording_profiles", true},
-        {"recording_timebase", true}});
+  Json event = {{"type", "ready"},
+                {"port", listener->port()},
+                {"recording_hd", true},
+                {"recording_mirror", true},
+                {"recording_width", defaultProfile.width},
+                {"recording_height", defaultProfile.height},
+                {"recording_profiles", true},
+                {"recording_timebase", true}};
+  if (sound) event["recording_sound"] = true;
+  emit(event);
   emitStats(true);
   listener->acceptConnections();
   platform.dispatch->runDetached("lumora.reader", weakly(&VideoEncoder::readFrames));

@@ -27,7 +27,7 @@ void VideoEncoder::startRecording(const Json& command) {
   }
   TakeOptions options;
   try {
-    options = TakeOptions::parse(command);
+    options = TakeOptions::parse(command, configuration.sound);
   } catch (const EncoderFailure& invalid) {
     return reject(invalid.what());
   }

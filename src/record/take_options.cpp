@@ -7,6 +7,8 @@ namespace {
 
 constexpr std::int64_t leastBitRate = 250'000;
 constexpr std::int64_t mostBitRate = 50'000'000;
+constexpr std::int64_t leastSoundBitRate = 32'000;
+constexpr std::int64_t mostSoundBitRate = 320'000;
 constexpr std::int64_t mostMinimumFree = std::int64_t{1} << 53;  // what JSON holds exactly
 
 [[noreturn]] void refuse(const char* key) {
@@ -27,9 +29,16 @@ std::optional<std::int64_t> findInteger(const Json& command, const char* key, st
   return integer;
 }
 
+// Whether `key` is there and true.
+bool findBoolean(const Json& command, const char* key) {
+  const Json* value = findValue(command, key);
+  if (value != nullptr && !value->is_boolean()) refuse(key);
+  return value != nullptr && value->get<bool>();
+}
+
 }  // namespace
 
-TakeOptions TakeOptions::parse(const Json& command) {
+TakeOptions TakeOptions::parse(const Json& command, const std::optional<SoundFormat>& ofParent) {
   TakeOptions options;
   const std::string* cadence = findString(command, "cadence");
   if (cadence != nullptr && *cadence == "steady") options.cadence = CadenceRule::steady;
@@ -44,9 +53,12 @@ TakeOptions TakeOptions::parse(const Json& command) {
     options.keepsFailed = true;
   }
   options.minimumFree = findInteger(command, "minimum_free", 0, mostMinimumFree);
-  if (const Json* value = findValue(command, "frame_log")) {
-    if (!value->is_boolean()) refuse("frame_log");
-    options.frameLog = value->get<bool>();
+  options.frameLog = findBoolean(command, "frame_log");
+  if (const auto rate = findInteger(command, "sound_bit_rate", leastSoundBitRate, mostSoundBitRate))
+    options.soundBitRate = *rate;
+  if (findBoolean(command, "sound")) {
+    if (!ofParent) throw EncoderFailure::message("recording sound is unavailable");
+    options.sound = ofParent;
   }
   return options;
 }

@@ -8,6 +8,7 @@
 #include "base/json.h"
 #include "encode/session_settings.h"
 #include "record/recording_cadence.h"
+#include "sound/sound_format.h"
 
 namespace lumora {
 
@@ -19,9 +20,12 @@ struct TakeOptions {
   // The take is stopped if its file system has fewer bytes left.
   std::optional<std::int64_t> minimumFree = {};
   bool frameLog = false;  // a file beside the movie says what became of each frame
+  std::optional<SoundFormat> sound = {};  // that of the parent, if the movie is to have sound
+  std::int64_t soundBitRate = 128'000;    // bits per second
 
-  // Throws EncoderFailure, whose text names the key that has an invalid value.
-  static TakeOptions parse(const Json& command);
+  // `ofParent` is the sound of this run, if it has any. Throws EncoderFailure, whose text names the
+  // key that has an invalid value.
+  static TakeOptions parse(const Json& command, const std::optional<SoundFormat>& ofParent = {});
 };
 
 }  // namespace lumora

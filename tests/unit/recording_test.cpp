@@ -27,7 +27,9 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
       {"rotation", "rotation", {-90, 45, 360, true}},
       {"on_failure", "on_failure", {"delete", 1, true}},
       {"minimum_free", "minimum_free", {-1, 9007199254740993, "1"}},
-      {"frame_log", "frame_log", {1, "true", nullptr}}};
+      {"frame_log", "frame_log", {1, "true", nullptr}},
+      {"sound", "sound", {1, "true", nullptr}},
+      {"sound_bit_rate", "sound_bit_rate", {31999, 320001, "64000"}}};
   for (const auto& [what, key, values] : invalid)
     for (const Json& value : values) expectRefused(what, {{key, value}});
   expectRefused(profile, {{"resolution", "1280x720"}, {"target_fps", 30}});
@@ -42,6 +44,7 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
   settings.bitRate = 250000;
   EXPECT_EQ(probe.encoders->ahead, std::vector{settings});
   expectRefused(state, {{"path", "/b.mp4"}});
+  EXPECT_EQ(sendStart({{"sound", true}}).at(0)["error"], "recording sound is unavailable");
   EXPECT_EQ(sendStart({{"path", "/b.mp4"}}).at(0)["path"], "/b.mp4");
   EXPECT_EQ(TakeOptions::parse({{"cadence", 1}}).cadence, CadenceRule::grid);
 }
