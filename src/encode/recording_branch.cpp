@@ -13,9 +13,10 @@ namespace lumora {
 void VideoEncoder::encodeRecording(const RawFrame& frame,
                                    const std::shared_ptr<MovieRecorder>& movie,
                                    const std::shared_ptr<RawEncodingCompletion>& completion) {
-  if (movie->startedAt && frame.capturedAt < *movie->startedAt)
+  const ReadFrame read{frame.id, movie->captureTime({frame.id, frame.capturedAt})};
+  if (movie->startedAt && read.capturedAt < *movie->startedAt)
     return movie->countDropped(frame.id, FrameOutcome::beforeStart);
-  if (!movie->cadence.admit(frame.capturedAt)) return movie->countThrottled(frame.id);
+  if (!movie->cadence.admit(read.capturedAt)) return movie->countThrottled(frame.id);
   try {
     prepareRecordingSession(frame, movie);
     RecordingSession& recording = take.recording;
@@ -24,7 +25,7 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
     ++recording.ordinal;
     submit(*recording.session, std::move(buffer), {recording.ordinal, movie->profile.targetFPS},
            std::exchange(recording.forceIDR, false), completion, "camera frame submission",
-           weakly(&VideoEncoder::recordingEncoded, movie, ReadFrame{frame.id, frame.capturedAt}));
+           weakly(&VideoEncoder::recordingEncoded, movie, read));
   } catch (const std::exception& failure) {
     take.abandon(reasonOf(failure), uptime());
   }

@@ -35,6 +35,14 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
       queue(services.dispatch->makeQueue("lumora.movie")),
       report(std::move(relay)) {}
 
+// Beside sound, a picture stands where the parent says that it was captured. Times never go back,
+// even if only some ids are times.
+double MovieRecorder::captureTime(const ReadFrame& frame) {
+  if (!options.sound) return frame.capturedAt;
+  latestCapture = std::max(latestCapture, frameTime(frame.id, frame.capturedAt));
+  return latestCapture;
+}
+
 bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame,
                            bool keyframe) {
   using enum FrameOutcome;

@@ -28,6 +28,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
                 RecordingProfile takeProfile, const TakeOptions& asked, const Platform& services,
                 Report relay);
 
+  // State queue. Uptime at which the take says that the next frame was captured.
+  double captureTime(const ReadFrame& frame);
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
   bool append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame, bool keyframe);
   void reportProgress();
@@ -124,6 +126,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
 
   // State queue only.
   bool waitingIDR = true;
+  double latestCapture = 0;  // uptime seconds, if the take has sound
 
   // Take's queue and the thread that renames a kept take.
   std::atomic<bool> isLogAstray = false;  // the log could not get its final name

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <optional>
 
 #include "platform/movie_writer.h"
@@ -20,6 +21,14 @@ inline std::int64_t movieUnits(double seconds) { return std::llround(seconds * m
 // sample after it begins where it ends, even if that is not `next`.
 inline MovieTiming lastUntil(std::int64_t time, std::int64_t next, std::int64_t shortest) {
   return {time, std::clamp(next - time, shortest, longestSample)};
+}
+
+// When a frame was captured, in uptime seconds: its id in microseconds if that lies within the two
+// seconds before `readAt`, else `readAt`.
+inline double frameTime(std::uint64_t id, double readAt) {
+  constexpr double oldest = 2;  // seconds
+  const double captured = static_cast<double>(id) * 1e-6;
+  return captured >= readAt - oldest && captured <= readAt ? captured : readAt;
 }
 
 // When a movie ends, in seconds from `origin`. The parameters are uptime seconds. With a start time

@@ -84,6 +84,17 @@ TEST(MovieTiming, LimitsSamplesAndEndsWithTheStopOrTheLastFrame) {
   EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 12.0, 30), 7.0);
 }
 
+TEST(FrameTime, IsTheIdIfThatIsATimeOfTheLastTwoSeconds) {
+  constexpr std::uint64_t second = 1'000'000, now = 100 * second;
+  for (const auto& [id, time] : {std::pair{now - second, 99.0},
+                                 {now, 100.0},
+                                 {now - 2 * second + 1, 98.000001},
+                                 {now - 2 * second - 1, 100.0},
+                                 {now + 1, 100.0},
+                                 {std::uint64_t{7}, 100.0}})
+    EXPECT_DOUBLE_EQ(frameTime(id, 100), time) << id;
+}
+
 TEST(TakeEvents, HaveThirteenKeysAndAnIntegerDurationAtTheStart) {
   TakeReport report{"i", TakeState::starting, "/p", 30};
   EXPECT_EQ(makeTakeEvent(report).json.dump(),
