@@ -13,6 +13,7 @@
 #include "platform/movie_writer.h"
 #include "platform/network.h"
 #include "platform/process.h"
+#include "platform/sound.h"
 
 namespace lumora {
 
@@ -30,6 +31,7 @@ struct Platform {
   std::shared_ptr<Movies> movies;
   std::shared_ptr<FileManager> files;
   std::shared_ptr<FrameDecoder> decoder = {};
+  OpenSound openSound = {};
   std::shared_ptr<FrameMemory> frameMemory = {};  // null unless the parent shares memory
 };
 

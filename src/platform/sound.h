@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -47,5 +49,9 @@ class SoundEncoder {
   // How many samples of the track the sound fills that was encoded so far. Without priming.
   virtual std::int64_t length() const = 0;
 };
+
+// Opens an encoder. Its status is 0, or its library's own code. Never throws.
+using OpenSound =
+    std::function<Status(const SoundSettings& settings, std::unique_ptr<SoundEncoder>& encoder)>;
 
 }  // namespace lumora

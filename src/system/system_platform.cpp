@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include "codec/aac_encoder.h"
 #include "codec/system_encoders.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "picture/system_frame_decoder.h"
@@ -42,6 +43,7 @@ Platform makeSystemPlatform(const std::string& h264Encoder, const PixelFormat& f
   platform.decoder = std::make_shared<SystemFrameDecoder>(platform.pictures);
   platform.movies = std::make_shared<HybridMovies>();
   platform.files = makePosixFileManager();
+  platform.openSound = AacEncoder::open;
   return platform;
 }
 

@@ -294,10 +294,46 @@ struct FakeDecoder final : FrameDecoder {
   Work onDecode = [] {};
 };
 
+// What encoders of sound got, and one packet for every 1024 samples.
+struct FakeSound : CanFail {
+  using CanFail::CanFail;
+  SoundSettings settings = {};
+  std::vector<std::int16_t> samples;  // of all channels
+  int gain = 0;                       // the latest that was not 0
+};
+
+struct FakeSoundEncoder final : SoundEncoder {
+  explicit FakeSoundEncoder(FakeSound& owner) : all(owner) {}
+  ByteView configuration() const override { return head; }
+  int priming() const override { return 1024; }
+  Status encode(std::span<const std::int16_t> samples, int compensation,
+                SoundPackets& packets) override {
+    const std::int64_t before = length() / soundPacketSamples;
+    all.samples.insert(all.samples.end(), samples.begin(), samples.end());
+    if (compensation != 0) all.gain = compensation;
+    packets.resize(packets.size() +
+                   static_cast<std::size_t>(length() / soundPacketSamples - before), Bytes(8));
+    return all.next("encodeSound");
+  }
+  Status flush(SoundPackets& packets) override {
+    packets.emplace_back(8);
+    return all.next("flushSound");
+  }
+  std::int64_t length() const override {
+    const auto& [source, track, channels, rate] = all.settings;
+    return std::ssize(all.samples) / channels * track / source;
+  }
+  const Bytes head = {0x11, 0x90};
+  FakeSound& all;
+};
+
 struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
   bool canAdd(const FormatDescription&) const override { return next("canAdd") == 0; }
-  bool addTrack(AacFormat) override { return next("addTrack") == 0; }
+  bool addTrack(AacFormat format) override {
+    sound = std::move(format);
+    return next("addTrack") == 0;
+  }
   bool startWriting(std::shared_ptr<const FormatDescription>, int degrees) override {
     rotation = degrees;
     if (next("startWriting") == 0) state = WriterStatus::writing;
@@ -311,7 +347,11 @@ struct FakeWriter final : MovieWriter, CanFail {
     timings.emplace_back(timing.time, timing.duration);
     return true;
   }
-  bool append(ByteView) override { return next("appendSound") == 0; }
+  bool append(ByteView) override {
+    if (next("appendSound") != 0) return false;
+    ++packets;
+    return true;
+  }
   void finishWriting(std::int64_t at, std::function<void()> handler) override {
     end = at;
     finished = std::move(handler);
@@ -334,6 +374,8 @@ struct FakeWriter final : MovieWriter, CanFail {
   WriterStatus state = WriterStatus::idle;
   std::optional<std::string> problem;
   std::vector<std::pair<std::int64_t, std::int64_t>> timings;
+  AacFormat sound;
+  int packets = 0;  // of sound
   std::int64_t end = -1;
   std::function<void()> finished;
   int rotation = -1;

@@ -19,7 +19,8 @@ struct VideoEncoderProbe {
                              std::shared_ptr<FrameMemory> frameMemory = nullptr) {
     service = std::make_shared<VideoEncoder>(
         configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders,
-                                images, images, movies, files, decoder, std::move(frameMemory)});
+                                images, images, movies, files, decoder, openSound(),
+                                std::move(frameMemory)});
     forgetWork = {nullptr,
                   [state = queue, other = dispatch, files = movies, made = encoders](void*) {
                     state->clear();
@@ -128,10 +129,20 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeImages> images = std::make_shared<FakeImages>(*failures);
   std::shared_ptr<FakeDecoder> decoder = std::make_shared<FakeDecoder>();
   std::shared_ptr<FakeMovies> movies = std::make_shared<FakeMovies>(*failures);
+  std::shared_ptr<FakeSound> sound = std::make_shared<FakeSound>(*failures);
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
 
  private:
+  OpenSound openSound() const {
+    return [fake = sound](const SoundSettings& settings, std::unique_ptr<SoundEncoder>& encoder) {
+      fake->settings = settings;
+      fake->samples.clear();
+      encoder = std::make_unique<FakeSoundEncoder>(*fake);
+      return fake->next("openSound");
+    };
+  }
+
   // What never came to run still owns takes and the service.
   std::shared_ptr<void> forgetWork;
 };
