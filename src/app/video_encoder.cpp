@@ -13,7 +13,7 @@ namespace lumora {
 void VideoEncoder::start() {
   if (configuration.sound) {
     sound = std::make_shared<SoundInput>(*configuration.sound, platform.clock, *platform.dispatch);
-    sound->setFailureHandler(weakly(&VideoEncoder::requestFailure));
+    sound->setFailureHandler(weakly(&VideoEncoder::soundFailed));
   }
   platform.encoders->prepare(
       sessionSettings(SessionKind::preview,

@@ -130,6 +130,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // record/
   void startRecording(const Json& command);
+  void soundFailed(const std::string& reason);  // any thread
   void stopRecording(const Json& command);
   void relayRecording(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from);
   void tellParent(const TakeEvent& event);

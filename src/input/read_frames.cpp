@@ -9,6 +9,7 @@
 
 #include "app/video_encoder.h"
 #include "base/big_endian.h"
+#include "base/out_of_memory.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
 #include "input/record_header.h"
@@ -16,6 +17,9 @@
 namespace lumora {
 
 void VideoEncoder::readFrames() {
+  const auto endSound = [this] {
+    if (sound) sound->end();
+  };
   try {
     std::array<std::uint8_t, recordHeaderBytes> bytes{};
     while (readExactly(bytes)) {
@@ -28,7 +32,9 @@ void VideoEncoder::readFrames() {
         readFrame(header);
       }
     }
+    endSound();
   } catch (const std::exception& error) {
+    bestEffort(endSound);
     return requestFailure(reasonOf(error));
   }
   requestShutdown();

@@ -39,6 +39,8 @@ bool MovieRecorder::keepAll(FrameOutcome rest) try {
   if (!held) return false;
   std::int64_t end = held->movieTime;
   bestEffort([&] { end = write(*held, held->time + 1.0 / profile.targetFPS, shortestLastSample); });
+  const double seconds = static_cast<double>(end) / movieTimescale;
+  bestEffort([&] { writeSound(sound ? sound->end(origin + seconds) : SoundPackets()); });
   completeFile(end, 0, rest);
   return true;
 } catch (const std::exception&) {

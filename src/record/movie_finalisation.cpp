@@ -1,5 +1,7 @@
 // The end of a take: its last sample, its file, its final name.
 
+#include <utility>
+
 #include "base/movie_names.h"
 #include "base/text.h"
 #include "encode/encoder_failure.h"
@@ -7,6 +9,11 @@
 #include "record/movie_timing.h"
 
 namespace lumora {
+namespace {
+
+constexpr double longestSoundWait = 0.5;  // seconds
+
+}  // namespace
 
 void MovieRecorder::finish(double stop) {
   accepting = false;
@@ -17,7 +24,20 @@ void MovieRecorder::finishJob(double stop) {
   if (failed) return;
   try {
     if (!held) throw EncoderFailure::message("no camera frames were received for recording");
-    const double end = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
+    awaitedEnd = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
+    if (!sound || sound->hasHeard(origin + *awaitedEnd)) return endAwaited();
+    queue->asyncAfter(longestSoundWait, [self = shared_from_this()] { self->endAwaited(); });
+  } catch (const std::exception& reason) {
+    fail(reasonOf(reason), FrameOutcome::disk);
+  }
+}
+
+// The end that a stop has set. The sound up to it has come, or has been awaited long enough.
+void MovieRecorder::endAwaited() {
+  if (failed || !awaitedEnd) return;
+  try {
+    const double end = *std::exchange(awaitedEnd, std::nullopt);
+    if (sound) writeSound(sound->end(origin + end));
     endMovie(end, FrameOutcome::afterStop);
     tell(TakeState::finishing, end, "", path);
   } catch (const std::exception& reason) {

@@ -33,7 +33,9 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
       cadence{profile.targetFPS, asked.cadence, std::nullopt},
       platform(services),
       queue(services.dispatch->makeQueue("lumora.movie")),
-      report(std::move(relay)) {}
+      report(std::move(relay)) {
+  if (options.sound) sound.emplace(*options.sound, options.soundBitRate);
+}
 
 // Beside sound, a picture stands where the parent says that it was captured. Times never go back,
 // even if only some ids are times.
@@ -116,11 +118,14 @@ void MovieRecorder::prepare(const HeldSample& first) {
   if (spaceIsShort) throw EncoderFailure::message("not enough free space");
   if (!writer->canAdd(*format)) throw EncoderFailure::message("recording format unavailable");
   openLog();
+  origin = startedAt.value_or(first.time);
+  if (sound && !writer->addTrack(sound->begin(platform.openSound, origin)))
+    throw EncoderFailure::message("recording format unavailable");
   if (!writer->startWriting(format, options.rotation)) {
     throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
   }
-  origin = startedAt.value_or(first.time);
   lastProgressReport = platform.clock->uptime();
+  if (sound) writeSound(sound->add({}, lastProgressReport, false));  // what it has held
   tell(TakeState::recording, 0, "", path);
 }
 
@@ -144,18 +149,9 @@ std::optional<std::string> MovieRecorder::logError() const {
 // Writes a sample that lasts until uptime `until`, but at least `shortest` movie units. Returns
 // where it ends in the movie.
 std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::int64_t shortest) {
-  if (writer->status() != WriterStatus::writing) {
-    throw EncoderFailure::message("recording writer unavailable");
-  }
-  // We don't wait. If the disk falls behind by more than the writer's queue, the take fails.
-  if (!writer->isReadyForMoreMediaData()) {
-    throw EncoderFailure::message("recording disk cannot keep up");
-  }
+  checkWriter();
   const MovieTiming timing = lastUntil(sample.movieTime, movieUnits(until - origin), shortest);
-  if (!writer->append(*sample.sample, sample.keyframe, timing)) {
-    if (const auto error = writer->error()) throw EncoderFailure::message(*error);
-    throw EncoderFailure::status("recording sample append", 0);
-  }
+  if (!writer->append(*sample.sample, sample.keyframe, timing)) refuseSample();
   ++frames;
   if (log) {
     const double stands = static_cast<double>(timing.time) / movieTimescale;
@@ -172,6 +168,21 @@ std::int64_t MovieRecorder::write(const HeldSample& sample, double until, std::i
       std::max(until - sample.time, static_cast<double>(shortest) / movieTimescale);
   writtenDuration = std::max(writtenDuration, sample.time - origin + duration);
   return timing.time + timing.duration;
+}
+
+void MovieRecorder::checkWriter() const {
+  if (writer->status() != WriterStatus::writing) {
+    throw EncoderFailure::message("recording writer unavailable");
+  }
+  // We don't wait. If the disk falls behind by more than the writer's queue, the take fails.
+  if (!writer->isReadyForMoreMediaData()) {
+    throw EncoderFailure::message("recording disk cannot keep up");
+  }
+}
+
+void MovieRecorder::refuseSample() const {
+  if (const auto error = writer->error()) throw EncoderFailure::message(*error);
+  throw EncoderFailure::status("recording sample append", 0);
 }
 
 void MovieRecorder::checkSpace() {
@@ -200,6 +211,8 @@ void MovieRecorder::tell(TakeState state, double duration, const std::string& er
   if (isConcluded && stoppedForSpace) more["stopped_for"] = "minimum_free";
   if (const auto problem = isConcluded ? logError() : std::nullopt)
     more["frame_log_error"] = *problem;
+  if (sound) more["sound_gaps"] = sound->gaps();
+  if (sound && isConcluded) more["sound_missing"] = sound->missing();
   const double now = platform.clock->uptime();
   std::erase_if(recentWrites, [now](double written) { return written <= now - 1.0; });
   TakeEvent event = makeTakeEvent({.id = id,
@@ -230,6 +243,7 @@ void MovieRecorder::progress() {
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
   tell(TakeState::recording, writtenDuration, "", path, spaceLeft());
+  if (sound) soundJob({}, false);
 }
 
 }  // namespace lumora

@@ -3,7 +3,8 @@
 // Records one take into a movie file. It gets encoded samples on the state queue and writes them on
 // a queue of its own, so a slow disk never blocks the state queue. It holds each sample back until
 // the next one comes, since only then the sample's duration is known. After a dropped sample it
-// drops everything until the next key frame.
+// drops everything until the next key frame. Sound comes from a queue of its own, and is written on
+// the same one.
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include "record/recording_profile.h"
 #include "record/take_event.h"
 #include "record/take_options.h"
+#include "record/take_sound.h"
 
 namespace lumora {
 
@@ -28,7 +30,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
                 RecordingProfile takeProfile, const TakeOptions& asked, const Platform& services,
                 Report relay);
 
-  // State queue. Uptime at which the take says that the next frame was captured.
+  // State queue. When the next frame was captured, as this take counts. Uptime seconds.
   double captureTime(const ReadFrame& frame);
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
   bool append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame, bool keyframe);
@@ -40,6 +42,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool accepts() const { return accepting; }  // false once it has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
+  // Any thread. The next records for a take with sound. `isLast`: no more come.
+  void addSound(std::vector<SoundRecord> records, bool isLast);
 
   // State queue. Ends the take at uptime `stop`. Its last event says that it is saved or failed.
   void finish(double stop);
@@ -82,9 +86,14 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void tell(TakeState state, double duration, const std::string& error,
             const std::string& outputPath, Json more = Json::object());
   void progress();
+  void checkWriter() const;
+  [[noreturn]] void refuseSample() const;
   void checkSpace();
   Json spaceLeft();
+  void soundJob(std::vector<SoundRecord> records, bool isLast);
+  void writeSound(const SoundPackets& packets);
   void finishJob(double stop);
+  void endAwaited();
   void endMovie(double end, FrameOutcome rest);
   void completeFile(std::int64_t units, double end, FrameOutcome rest);
   void movieEnded(double end);
@@ -109,7 +118,9 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // Take's queue only.
   std::shared_ptr<MovieWriter> writer;
   std::optional<HeldSample> held;
-  double origin = 0;  // uptime at which the movie begins, once there is a writer
+  double origin = 0;                 // uptime at which the movie begins, once there is a writer
+  std::optional<TakeSound> sound;    // if it was asked for
+  std::optional<double> awaitedEnd;  // seconds of the movie; it ends when its sound has come
   std::uint64_t frames = 0;
   double writtenDuration = 0;  // seconds
   double lastProgressReport = -std::numeric_limits<double>::infinity();
@@ -132,7 +143,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::atomic<bool> isLogAstray = false;  // the log could not get its final name
 
   // Both queues.
-  std::atomic<int> pending = 0;  // write jobs queued and not finished
+  std::atomic<int> pending = 0;                // write jobs queued and not finished
+  std::atomic<std::int64_t> waitingSound = 0;  // samples that the take's queue has not taken
   std::atomic<std::uint64_t> dropped = 0;
   std::atomic<std::uint64_t> throttled = 0;
   std::atomic<bool> accepting = true;

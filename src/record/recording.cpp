@@ -43,10 +43,24 @@ void VideoEncoder::startRecording(const Json& command) {
     take.movie = std::make_shared<MovieRecorder>(id, *path, startedAt, *profile, options, platform,
                                                  weakly(&VideoEncoder::relayRecording));
     raw.setLogged(options.frameLog);
+    if (options.sound) {
+      sound->sendTo(
+          [weak = std::weak_ptr(take.movie)](std::vector<SoundRecord> records, bool isLast) {
+            if (const auto movie = weak.lock()) movie->addSound(std::move(records), isLast);
+          });
+    }
     platform.encoders->openAhead(take.movie->sessionSettings());
   } catch (const std::exception& error) {
     tellParent(failedEvent(*take.movieStatus, reasonOf(error)));
   }
+}
+
+// Only a take can miss the sound that was lost.
+void VideoEncoder::soundFailed(const std::string& reason) {
+  platform.stateQueue->async(weakly([reason](VideoEncoder& self) {
+    const auto& movie = self.take.movie;
+    if (movie && movie->options.sound) movie->abort(reason, FrameOutcome::encoder);
+  }));
 }
 
 void VideoEncoder::stopRecording(const Json& command) {
@@ -109,6 +123,7 @@ void VideoEncoder::takeEnded() {
   take.movieFinishing = false;
   take.pendingMovieStop.reset();
   raw.setLogged(false);
+  if (sound) sound->sendTo(nullptr);
   if (!raw.isBusy()) take.resetRecordingSession();
   if (shutdownCode) exitNow(*shutdownCode);
 }

@@ -19,7 +19,7 @@ struct TakeOptions {
   bool keepsFailed = false;                 // a take that fails keeps its file
   // The take is stopped if its file system has fewer bytes left.
   std::optional<std::int64_t> minimumFree = {};
-  bool frameLog = false;  // a file beside the movie says what became of each frame
+  bool frameLog = false;                  // a file beside the movie says what became of each frame
   std::optional<SoundFormat> sound = {};  // that of the parent, if the movie is to have sound
   std::int64_t soundBitRate = 128'000;    // bits per second
 

@@ -1,5 +1,7 @@
 #include "sound/sound_input.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace lumora {
@@ -26,8 +28,33 @@ void SoundInput::add(std::uint64_t id, Bytes pcm) {
   queue_->async([self = shared_from_this(),
                  record = SoundRecord{capturedAt, samples, std::move(pcm)}]() mutable {
     self->waiting_ -= record.samples;
-    self->device_.add(std::move(record));
+    self->deliver(self->device_.add(std::move(record)));
   });
+}
+
+void SoundInput::end() {
+  queue_->async([self = shared_from_this()] {
+    self->hasEnded_ = true;
+    self->deliver(self->device_.flush());
+  });
+}
+
+void SoundInput::sendTo(SoundReceiver receiver) {
+  queue_->async([self = shared_from_this(), receiver = std::move(receiver)] {
+    self->receiver_ = receiver;
+    std::vector<SoundRecord> recent(std::make_move_iterator(self->recent_.begin()),
+                                    std::make_move_iterator(self->recent_.end()));
+    self->recent_.clear();
+    self->deliver(std::move(recent));
+  });
+}
+
+void SoundInput::deliver(std::vector<SoundRecord> records) {
+  if (receiver_) return receiver_(std::move(records), hasEnded_);
+  constexpr double mostKept = 1;  // seconds
+  std::ranges::move(records, std::back_inserter(recent_));
+  while (!recent_.empty() && recent_.back().capturedAt - recent_.front().capturedAt > mostKept)
+    recent_.pop_front();
 }
 
 }  // namespace lumora

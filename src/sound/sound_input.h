@@ -3,14 +3,22 @@
 // The sound of one run. The reader hands its records to a queue of their own, so sound never waits
 // for pictures, nor pictures for it. The device's clock runs on that queue from the first record
 // on, so a take begins with a clock that is known.
+//
+// The last second is kept for the next receiver, because a command is handled later than it was
+// read: the sound behind it in the input may be here first.
 
 #include <atomic>
+#include <deque>
+#include <functional>
 #include <memory>
 
 #include "platform/dispatch.h"
 #include "sound/device_clock.h"
 
 namespace lumora {
+
+// Gets the next records with their smoothed times. `isLast`: no more come.
+using SoundReceiver = std::function<void(std::vector<SoundRecord> records, bool isLast)>;
 
 class SoundInput : public std::enable_shared_from_this<SoundInput> {
  public:
@@ -25,18 +33,30 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   bool mayAdd(std::uint64_t id, std::uint32_t bytes) const;
   // Reader thread. Leaves the record out if its time is not one of now, or if the queue hangs.
   void add(std::uint64_t id, Bytes pcm);
+  // Reader thread. No more records come.
+  void end();
 
+  // Any thread. From now on `receiver` runs on the queue, first with the last second. Null: nobody
+  // wants sound.
+  void sendTo(SoundReceiver receiver);
   // Any thread. Records that were left out.
   std::uint64_t dropped() const { return dropped_; }
 
  private:
+  void deliver(std::vector<SoundRecord> records);
+
   const SoundFormat format_;
   const std::shared_ptr<Clock> clock_;
   const std::shared_ptr<SerialQueue> queue_;
   std::atomic<std::uint64_t> dropped_ = 0;
   std::atomic<std::int64_t> waiting_ = 0;  // samples that the queue has not taken
   std::uint64_t lastID_ = 0;               // reader thread
-  DeviceClock device_{format_.rate};       // queue
+
+  // Queue only.
+  DeviceClock device_{format_.rate};
+  SoundReceiver receiver_;
+  std::deque<SoundRecord> recent_;  // while there is no receiver
+  bool hasEnded_ = false;
 };
 
 }  // namespace lumora

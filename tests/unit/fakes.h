@@ -311,8 +311,9 @@ struct FakeSoundEncoder final : SoundEncoder {
     const std::int64_t before = length() / soundPacketSamples;
     all.samples.insert(all.samples.end(), samples.begin(), samples.end());
     if (compensation != 0) all.gain = compensation;
-    packets.resize(packets.size() +
-                   static_cast<std::size_t>(length() / soundPacketSamples - before), Bytes(8));
+    packets.resize(
+        packets.size() + static_cast<std::size_t>(length() / soundPacketSamples - before),
+        Bytes(8));
     return all.next("encodeSound");
   }
   Status flush(SoundPackets& packets) override {

@@ -18,9 +18,9 @@ struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"},
                              std::shared_ptr<FrameMemory> frameMemory = nullptr) {
     service = std::make_shared<VideoEncoder>(
-        configuration, Platform{pictures, queue, clock, dispatch, process, network, encoders,
-                                images, images, movies, files, decoder, openSound(),
-                                std::move(frameMemory)});
+        configuration,
+        Platform{pictures, queue, clock, dispatch, process, network, encoders, images, images,
+                 movies, files, decoder, openSound(), std::move(frameMemory)});
     forgetWork = {nullptr,
                   [state = queue, other = dispatch, files = movies, made = encoders](void*) {
                     state->clear();
@@ -71,6 +71,11 @@ struct VideoEncoderProbe {
     const auto rgba = pictures->allocate(static_cast<std::size_t>(width * height * 4));
     const Picture picture = pictureAt(rgba.get(), {}, {width, height});
     service->encode({width, height, id, rgba, clock->now, upsideDown(picture)});
+  }
+  // A record of sound, as the reader takes it.
+  void hear(double at, Bytes pcm) {
+    service->sound->add(static_cast<std::uint64_t>(std::llround(at * 1e6)), std::move(pcm));
+    run();
   }
   FakeSession& lastSession() { return *encoders->sessions.back(); }
   // The last session answers its oldest frame, then the queues run.

@@ -70,5 +70,140 @@ TEST_F(TakeSoundTest, FillsTwoSecondsBehindADeviceThatSendsNothing) {
   EXPECT_NEAR(sound.missing(), 3, 1e-3);
 }
 
+struct SoundTakes : Takes {
+  void SetUp() override { restart(); }
+  void restart() {
+    probe = VideoEncoderProbe({.token = "0123456789abcdef", .sound = SoundFormat{8000, 1}});
+    probe.becomeReady();
+  }
+  void startWithSound(Json keys = Json::object()) {
+    keys["sound"] = true;
+    start(keys);
+  }
+  // Records of 10 ms, each as soon as it is complete.
+  void hear(double from, double to) {
+    for (; from < to - 0.005; from += 0.01) {
+      probe.clock->now = std::max(probe.clock->now, from + 0.01);
+      probe.hear(from, recordAt(from).pcm);
+    }
+  }
+  // A picture with its time as its id.
+  bool picture(double captured, double read, bool keyframe = false) {
+    lastID = static_cast<std::uint64_t>(std::llround(captured * 1e6)) - 1;
+    return frame(read, keyframe);
+  }
+  // Of sound, so far.
+  void expectSamples(double count) {
+    EXPECT_NEAR(static_cast<double>(probe.sound->samples.size()), count, 2);
+  }
+};
+
+TEST_F(SoundTakes, HaveSoundFromStartToStopAndPicturesAtTheirIds) {
+  hear(998, 1000.1);
+  startWithSound({{"started_at", 1000.0}, {"sound_bit_rate", 64'000}});
+  hear(1000.1, 1000.3);
+  EXPECT_FALSE(picture(999.99, 1000.3, true));
+  picture(1000.25, 1000.3, true);
+  EXPECT_EQ(probe.sound->settings.bitRate, 64'000);
+  hear(1000.3, 1000.6);
+  picture(1000.5, 1000.6);
+  stop({{"stopped_at", 1000.645}});
+  probe.run();
+  EXPECT_FALSE(writer().finished);
+  EXPECT_TRUE(events("finishing").empty());
+  hear(1000.6, 1000.7);
+  ASSERT_TRUE(writer().finished);
+  EXPECT_EQ(writer().timings,
+            (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, 30'000}, {30'000, 8'700}}));
+  EXPECT_EQ(writer().end, 38'700);
+  EXPECT_EQ(writer().sound.priming, 1024u);
+  EXPECT_EQ(writer().packets, 6);
+  expectSamples(5200);
+  EXPECT_THAT(probe.sound->samples, testing::Each(0x101));
+  writer().complete(WriterStatus::completed);
+  const Json saved = events("saved").at(0);
+  expectKeys(saved, {{"sound_gaps", 0}, {"dropped", 1}});
+  EXPECT_NEAR(saved["sound_missing"].get<double>(), 0, 1e-3);
+  start();
+  hear(1000.7, 1001);
+  frame(1001, true);
+  const Json silent = finish();
+  EXPECT_EQ(writer().packets, 0);
+  EXPECT_FALSE(silent.contains("sound_gaps") || silent.contains("sound_missing"));
+}
+
+TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {
+  for (const bool inputEnds : {false, true}) {
+    restart();
+    startWithSound();
+    hear(999.9, 1000.3);
+    picture(1000, 1000.3, true);
+    probe.clock->now = 1000.4;
+    if (inputEnds) probe.readAll();
+    if (!inputEnds) stop(), probe.run();
+    EXPECT_EQ(writer().finished != nullptr, inputEnds);
+    probe.clock->now = 1000.95;
+    probe.run();
+    ASSERT_TRUE(writer().finished);
+    expectSamples(3200);
+    writer().complete(WriterStatus::completed);
+    EXPECT_NEAR(events("saved").at(0)["sound_missing"].get<double>(), 0.1, 1e-3);
+  }
+}
+
+TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
+  const auto breakQueue = [this] {
+    probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
+    probe.run();
+  };
+  for (const auto& [call, message] : {std::pair{"openSound", "sound encoder opening failed (-1)"},
+                                      {"addTrack", "recording format unavailable"},
+                                      {"encodeSound", "sound encoding failed (-1)"},
+                                      {"flushSound", "sound encoding failed (-1)"},
+                                      {"appendSound", "recording sample append failed (0)"},
+                                      {"queue", "Cannot allocate memory"}}) {
+    SCOPED_TRACE(call);
+    restart();
+    probe.failures->fail(call);
+    startWithSound();
+    hear(1000, 1000.2);
+    picture(1000.1, 1000.2, true);
+    hear(1000.2, 1000.4);
+    if (call == std::string("queue")) breakQueue();
+    probe.command({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", 1000.39}});
+    EXPECT_EQ(failure(), message);
+    EXPECT_EQ(probe.files->removed.size(), 1u);
+    breakQueue();
+    EXPECT_TRUE(probe.process->exitCodes.empty());
+  }
+}
+
+TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
+  startWithSound({{"on_failure", "keep"}});
+  hear(999.9, 1000.2);
+  picture(1000.1, 1000.2, true);
+  writer().onDisk = {1, 1000};
+  picture(1000.3, 1000.4);
+  lastID = 1'000'500'000;
+  feed(1000.5);
+  probe.answer(nullptr, -1);
+  ASSERT_TRUE(writer().finished);
+  expectSamples((0.2 + 1.0 / 60) * 8000);
+  writer().complete(WriterStatus::completed);
+  probe.run();
+  const Json failed = events("failed").at(0);
+  EXPECT_TRUE(failed.contains("kept_path"));
+  EXPECT_NEAR(failed["sound_missing"].get<double>(), 0.1 + 1.0 / 60, 1e-3);
+}
+
+TEST_F(SoundTakes, LeaveSoundForWhichAHangingQueueHasNoPlace) {
+  startWithSound();
+  hear(1000, 1000.05);
+  picture(1000, 1000.05, true);
+  for (const double at : {1000.05, 1002.05}) probe.take()->addSound({recordAt(at, 16'000)}, false);
+  probe.run();
+  expectSamples(16'400);
+}
+
 }  // namespace
 }  // namespace lumora
