@@ -52,6 +52,7 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
   if (!options.token.empty()) merged["TAVO_VIDEO_TOKEN"] = options.token;
   if (options.frameMemory >= 0) merged["TAVO_FRAME_MEMORY"] = std::to_string(options.frameMemory);
   if (!options.frameFormat.empty()) merged["TAVO_FRAME_FORMAT"] = options.frameFormat;
+  if (!options.sound.empty()) merged["TAVO_SOUND"] = options.sound;
   std::vector<std::string> result;
   for (const auto& [name, value] : merged) result.push_back(name + "=" + value);
   return result;

@@ -28,6 +28,7 @@ struct LaunchOptions {
   std::map<std::string, std::string> environment;  // added to our own
   int frameMemory = -1;          // descriptor of memory shared with the child; -1: none
   std::string frameFormat = {};  // empty: none is set
+  std::string sound = {};        // empty: none is set
 };
 
 // A random token for one run.

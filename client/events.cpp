@@ -70,6 +70,7 @@ Stats readStats(const Json& event) {
   read(event, "encoded_frames", stats.encodedFrames);
   read(event, "dropped_raw", stats.droppedFrames);
   read(event, "dropped_peers", stats.droppedClients);
+  read(event, "dropped_sound", stats.droppedSound);
   stats.encodeTime = milliseconds(event, "encode_ms");
   stats.isEncoding = find<int>(event, "encode_inflight").value_or(0) > 0;
   if (!event.contains("credit_drops")) return stats;
@@ -111,6 +112,9 @@ std::optional<Recording> readRecording(const Json& event) {
   if (const auto left = find<double>(event, "seconds_left")) recording.timeLeft = Seconds(*left);
   read(event, "stopped_for", recording.stoppedFor);
   read(event, "frame_log_error", recording.frameLogError);
+  recording.soundGaps = find<std::uint64_t>(event, "sound_gaps");
+  if (const auto none = find<double>(event, "sound_missing"))
+    recording.soundMissing = Seconds(*none);
   if (const auto kept = find<std::string>(event, "kept_path"); kept && !kept->empty()) {
     recording.kept =
         Recording::Kept{.path = recording.path.parent_path() / *kept,

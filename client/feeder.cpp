@@ -21,7 +21,7 @@ void Feeder::write(Frame frame, std::uint64_t id) {
   if (!frame.loan_) throw std::invalid_argument("this frame was already published");
   if (frame.length_ == 0) throw std::invalid_argument("the length of the picture was not set");
   std::list<Entry> entry;
-  entry.push_back({std::move(frame), id, {}});
+  entry.push_back({std::move(frame), id});
   const std::lock_guard hold(mutex_);
   if (id <= lastID_) throw std::invalid_argument("frame ids must grow");
   lastID_ = id;
@@ -38,6 +38,23 @@ bool Feeder::write(std::string commandRecord) {
   const std::lock_guard hold(mutex_);
   if (ending_) return false;
   waiting_.push_back({std::nullopt, 0, std::move(commandRecord)});
+  changed_.notify_one();
+  return true;
+}
+
+bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat format,
+                        std::uint64_t capturedAt) {
+  constexpr std::size_t mostSeconds = 2;
+  const auto channels = static_cast<std::size_t>(format.channels);
+  if (samples.size() % channels != 0)
+    throw std::invalid_argument("sound must have whole samples of all channels");
+  const std::size_t most = mostSeconds * static_cast<std::size_t>(format.rate) * channels;
+  const std::lock_guard hold(mutex_);
+  if (ending_ || soundBytes_ + samples.size_bytes() > most * sizeof(std::int16_t)) return false;
+  if (samples.empty()) return true;
+  waiting_.push_back({std::nullopt, 0, soundRecords(samples, format, capturedAt, lastSoundID_),
+                      samples.size_bytes()});
+  soundBytes_ += samples.size_bytes();
   changed_.notify_one();
   return true;
 }
@@ -73,6 +90,7 @@ void Feeder::run() {
     if (waiting_.empty()) break;
     std::list<Entry> entry;
     entry.splice(entry.begin(), waiting_, waiting_.begin());
+    soundBytes_ -= entry.front().soundBytes;
     hold.unlock();
     const bool written = writeEntry(entry.front());
     const bool wasFrame = entry.front().frame.has_value();
@@ -89,8 +107,8 @@ void Feeder::run() {
 
 bool Feeder::writeEntry(const Entry& entry) {
   if (!entry.frame) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(entry.command.data());
-    return helper_->writeBytes({bytes, entry.command.size()});
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(entry.record.data());
+    return helper_->writeBytes({bytes, entry.record.size()});
   }
   return helper_->writeFrame(*entry.frame, entry.id);
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -31,6 +32,10 @@ class Feeder {
   void write(Frame frame, std::uint64_t id);
   // False when the input has been closed.
   bool write(std::string commandRecord);
+  // Throws std::invalid_argument for half a sample. False when the sound was skipped, because the
+  // input has been closed or too much of it waits. `capturedAt` is microseconds of uptime.
+  bool writeSound(std::span<const std::int16_t> samples, SoundFormat format,
+                  std::uint64_t capturedAt);
   // Counts a frame that was skipped because every slot was busy.
   void countDropped();
   // Closes the input once everything that waits has been written.
@@ -41,7 +46,8 @@ class Feeder {
   struct Entry {
     std::optional<Frame> frame;
     std::uint64_t id = 0;
-    std::string command;
+    std::string record = {};     // of a command, or several of sound
+    std::size_t soundBytes = 0;  // of sound in `record`
   };
 
   void run();
@@ -54,6 +60,8 @@ class Feeder {
   std::list<Entry> waiting_;
   FrameCounts counts_;
   std::uint64_t lastID_ = 0;
+  std::uint64_t lastSoundID_ = 0;
+  std::size_t soundBytes_ = 0;  // in `waiting_`
   bool ending_ = false;
   std::thread thread_;
 };

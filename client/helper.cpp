@@ -43,6 +43,17 @@ void check(const FrameFormat& format) {
     throw std::invalid_argument("this encoding has no choice of matrix and range");
 }
 
+void check(SoundFormat format) {
+  const bool hasRate = format.rate >= 8000 && format.rate <= 96000;
+  if (!hasRate || (format.channels != 1 && format.channels != 2))
+    throw std::invalid_argument("sound must have 1 or 2 channels and a rate of 8000 to 96000");
+}
+
+std::string text(const std::optional<SoundFormat>& format) {
+  if (!format) return "";
+  return std::to_string(format->rate) + "x" + std::to_string(format->channels);
+}
+
 std::shared_ptr<FrameSlots> makeSlots(const HelperOptions& options) {
   const bool shares = options.frames == FrameTransport::memory;
   auto shared = shares ? FrameSlots::makeShared(options.format) : nullptr;
@@ -53,9 +64,9 @@ std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::st
                                      int frameMemory) {
   const std::string program = findProgram(options.program);
   try {
-    return std::make_shared<ChildProcess>(
-        LaunchOptions{program, token, options.arguments, options.environment, frameMemory,
-                      options.format == FrameFormat{} ? "" : options.format.text()});
+    return std::make_shared<ChildProcess>(LaunchOptions{
+        program, token, options.arguments, options.environment, frameMemory,
+        options.format == FrameFormat{} ? "" : options.format.text(), text(options.sound)});
   } catch (const std::system_error& error) {
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }
@@ -73,6 +84,7 @@ class Helper::Impl {
   Impl(const HelperOptions& options, EventHandler onEvent)
       : token_(options.token.empty() ? makeToken() : options.token),
         format_(options.format),
+        sound_(options.sound),
         likelySize_(options.frameSize),
         handlers_(options.queue),
         onEvent_(handlers_.post(std::move(onEvent))),
@@ -128,6 +140,11 @@ class Helper::Impl {
   }
 
   FrameCounts frameCounts() const { return feeder_->counts(); }
+
+  bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt) {
+    if (!sound_) throw std::invalid_argument("the helper was started without sound");
+    return feeder_->writeSound(samples, *sound_, frameID(capturedAt));
+  }
 
   Take startTake(const TakeOptions& options, Take::EventHandler onEvent) {
     Recording asked;
@@ -276,6 +293,7 @@ class Helper::Impl {
 
   const std::string token_;
   const FrameFormat format_;
+  const std::optional<SoundFormat> sound_;
   const std::optional<FrameSize> likelySize_;
   const PostedHandlers handlers_;
   const EventHandler onEvent_;
@@ -300,6 +318,7 @@ class Helper::Impl {
 Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (options.frameSize) check(*options.frameSize);
   check(options.format);
+  if (options.sound) check(*options.sound);
   impl_ = std::make_unique<Impl>(options, std::move(onEvent));
   impl_->begin();  // the handler may call us, so `impl_` is set before
   if (!options.queue) impl_->awaitStart();
@@ -313,6 +332,9 @@ FrameTransport Helper::frameTransport() const { return impl_->frameTransport(); 
 std::optional<Frame> Helper::acquireFrame(FrameSize size) { return impl_->acquireFrame(size); }
 void Helper::publish(Frame frame, std::uint64_t id) { impl_->publish(std::move(frame), id); }
 FrameCounts Helper::frameCounts() const { return impl_->frameCounts(); }
+bool Helper::writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt) {
+  return impl_->writeSound(samples, capturedAt);
+}
 Take Helper::startTake(const TakeOptions& options, Take::EventHandler onEvent) {
   return impl_->startTake(options, std::move(onEvent));
 }

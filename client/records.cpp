@@ -1,5 +1,7 @@
 #include "client/records.h"
 
+#include <algorithm>
+
 #include "client/big_endian.h"
 
 namespace lumora::client {
@@ -27,6 +29,25 @@ std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::
   appendBigEndian(record, offset, 8);
   if (length) appendBigEndian(record, *length, 8);
   return record;
+}
+
+std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat format,
+                         std::uint64_t capturedAt, std::uint64_t& lastID) {
+  const auto channels = static_cast<std::size_t>(format.channels);
+  const auto rate = static_cast<std::size_t>(format.rate);
+  std::string records;
+  for (std::size_t at = 0; at < samples.size();) {
+    const auto part = samples.subspan(at, std::min(rate / 4 * channels, samples.size() - at));
+    lastID = std::max(lastID + 1, capturedAt + at / channels * 1'000'000 / rate);
+    const auto header = recordHeader(static_cast<std::uint32_t>(part.size_bytes()), 0, 0, lastID);
+    records.append(header.begin(), header.end());
+    for (const std::int16_t sample : part) {
+      records += static_cast<char>(sample);  // the low byte first
+      records += static_cast<char>(sample >> 8);
+    }
+    at += part.size();
+  }
+  return records;
 }
 
 std::string commandRecord(const std::string& json) {

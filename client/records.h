@@ -4,10 +4,12 @@
 // height, frame id, all big-endian) and the payload. Pure.
 
 #include <lumora/frame.h>
+#include <lumora/sound.h>
 
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -30,6 +32,12 @@ inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
 // A compressed picture needs `length`.
 std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset,
                                          std::optional<std::uint64_t> length = std::nullopt);
+
+// The records of this sound, which was captured from this time on (microseconds of uptime), each
+// with at most a quarter of a second. `lastID` is that of the sound before, then of the last one of
+// these: ids grow even if times do not.
+std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat format,
+                         std::uint64_t capturedAt, std::uint64_t& lastID);
 
 // The whole record of a command, whose JSON text has 1 to `maximumCommandBytes` bytes.
 std::string commandRecord(const std::string& json);

@@ -60,6 +60,8 @@ std::string startCommand(const std::string& id, const TakeOptions& options,
   if (options.bitRate) command["bit_rate"] = *options.bitRate;
   if (options.rotation != 0) command["rotation"] = options.rotation;
   if (options.frameLog) command["frame_log"] = true;
+  if (options.sound) command["sound"] = true;
+  if (options.soundBitRate) command["sound_bit_rate"] = *options.soundBitRate;
   return text(command);
 }
 

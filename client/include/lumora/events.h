@@ -26,8 +26,9 @@ struct Stats {
   std::uint64_t encodedFrames = 0;
   std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
-  Seconds encodeTime{};     // of the latest preview frame, scaling included
-  bool isEncoding = false;  // now
+  std::uint64_t droppedSound = 0;  // records that were too late, too early or too many
+  Seconds encodeTime{};            // of the latest preview frame, scaling included
+  bool isEncoding = false;         // now
 
   // How frames reach clients. Only one report a second has this.
   struct Delivery {
@@ -78,6 +79,10 @@ struct Recording {
   std::optional<Seconds> timeLeft;
   std::string stoppedFor;     // "minimum_free" if the take was stopped for lack of space
   std::string frameLogError;  // why the log of frames ended early; in the last event of a take
+  // Of a take with sound: how often silence was inserted or sound was cut, so that sound and
+  // pictures stay together, and in the last event how much of the movie has no sound.
+  std::optional<std::uint64_t> soundGaps;
+  std::optional<Seconds> soundMissing;
 
   // What is left of a failed take.
   struct Kept {

@@ -20,6 +20,7 @@
 #include <lumora/export.h>
 #include <lumora/frame.h>
 #include <lumora/frame_format.h>
+#include <lumora/sound.h>
 #include <lumora/take.h>
 #include <lumora/uptime.h>
 
@@ -38,7 +39,8 @@ struct HelperOptions {
   // The size of the frames, if it is known. Their memory is then touched while the helper starts,
   // so that the first frames are not late. Frames may also have other sizes.
   std::optional<FrameSize> frameSize = {};
-  FrameFormat format = {};  // of all frames; by default RGBA, the bottom row first
+  FrameFormat format = {};                // of all frames; by default RGBA, the bottom row first
+  std::optional<SoundFormat> sound = {};  // of `writeSound`; empty: takes have no sound
   // Calls the handlers, of takes, too. With a queue the constructor returns at once.
   std::shared_ptr<EventQueue> queue = {};
 };
@@ -58,7 +60,8 @@ class LUMORA_CLIENT_EXPORT Helper {
 
   // Starts a helper. Without a queue, waits until it is ready. With one, `Ready` comes as an event,
   // or `Exited` with the reason. Throws StartError, and std::invalid_argument for an unsupported
-  // frame size, and for a matrix or range that does not fit the encoding.
+  // frame size, for a matrix or range that does not fit the encoding, and for sound that no helper
+  // takes.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops the helper. Does not wait if `Exited` has come.
   ~Helper();
@@ -84,6 +87,11 @@ class LUMORA_CLIENT_EXPORT Helper {
   // Throws what `acquireFrame`, `Frame::setLength` and `publish` throw.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
+
+  // Passes sound to the helper, which was captured from this time on. Never waits. False if it was
+  // skipped, because the sound of two seconds waits already or the helper ends. Throws
+  // std::invalid_argument if it ends between two channels, or without `HelperOptions::sound`.
+  bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see
   // `Take`. The handler gets the take's events as soon as they are known. It is called like the

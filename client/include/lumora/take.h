@@ -40,6 +40,10 @@ struct TakeOptions {
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
   int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
   bool frameLog = false;            // "<movie>.frames.csv" says what became of each frame
+  // A track of the sound that `writeSound` gets. Frames then need ids from `frameID`, and lie in
+  // the movie where they were captured. The helper must have `HelperOptions::sound`.
+  bool sound = false;
+  std::optional<int> soundBitRate = {};  // bits per second, 32,000 to 320,000; empty: 128,000
 };
 
 // A take. It ends exactly once, saved or failed, even if its helper dies, or says nothing of it for
