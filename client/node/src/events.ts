@@ -27,6 +27,8 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   droppedRaw: number;
   droppedPeers: number;
   encodeInflight: number;
+  /** Records of sound that were too late, too early or too many. Only with `sound`. */
+  droppedSound?: number;
 }
 
 /** Only one report a second has these. */
@@ -79,6 +81,10 @@ export interface RecordingEvent {
   stoppedFor?: 'minimum_free';
   /** Why the log of frames ended early, in the last event of a take. */
   frameLogError?: string;
+  /** Of takes with sound: how often silence was inserted or sound was cut to keep it in step. */
+  soundGaps?: number;
+  /** In the last event of such a take: seconds of the movie for which no sound came. */
+  soundMissing?: number;
   /** What is left of a failed take: the name of a file in its folder, its frames and seconds. */
   keptPath?: string;
   keptFrames?: number;

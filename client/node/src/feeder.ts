@@ -17,6 +17,8 @@ export interface FrameWrite {
 interface Entry {
   parts: Buffer[];
   isFrame: boolean;
+  /** Of sound in `parts`. */
+  soundBytes: number;
   settle(outcome: FrameOutcome): void;
 }
 
@@ -24,6 +26,7 @@ export class Feeder {
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   readonly #input: Writable;
   #waiting: Entry[] = [];
+  #soundBytes = 0; // in `#waiting`
   #isWriting = false;
   #ending = false;
   #abandonWrite: () => void = () => undefined;
@@ -46,7 +49,7 @@ export class Feeder {
       return { state: 'dropped', done };
     }
     this.#dropWaitingFrame();
-    this.#waiting.push({ parts: [header, pixels], isFrame: true, settle });
+    this.#waiting.push({ parts: [header, pixels], isFrame: true, soundBytes: 0, settle });
     this.#writeNext();
     return { state: 'queued', done };
   }
@@ -61,14 +64,28 @@ export class Feeder {
   /** Returns false once the input is closing. */
   writeCommand(record: Buffer): boolean {
     if (this.#ending) return false;
-    this.#waiting.push({ parts: [record], isFrame: false, settle: () => undefined });
-    this.#writeNext();
+    this.#queue([record], 0);
     return true;
+  }
+
+  /** Whether so much sound may wait, with at most `most` bytes altogether. */
+  hasRoomForSound(bytes: number, most: number): boolean {
+    return !this.#ending && this.#soundBytes + bytes <= most;
+  }
+
+  writeSound(records: Buffer[], bytes: number): void {
+    this.#soundBytes += bytes;
+    this.#queue(records, bytes);
   }
 
   /** Closes the input once everything in the queue is written. */
   end(): void {
     this.#ending = true;
+    this.#writeNext();
+  }
+
+  #queue(parts: Buffer[], soundBytes: number): void {
+    this.#waiting.push({ parts, isFrame: false, soundBytes, settle: () => undefined });
     this.#writeNext();
   }
 
@@ -91,8 +108,9 @@ export class Feeder {
     else if (this.#ending) this.#input.end();
   }
 
-  async #write({ parts, settle }: Entry): Promise<void> {
+  async #write({ parts, soundBytes, settle }: Entry): Promise<void> {
     this.#isWriting = true;
+    this.#soundBytes -= soundBytes;
     settle(await this.#put(parts));
     this.#isWriting = false;
     this.#writeNext();

@@ -11,6 +11,7 @@ import {
   type ReadyEvent,
   type LineEvent,
 } from './events.js';
+import { invalid } from './errors.js';
 import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
 import { FramePool, type Frame } from './frame.js';
@@ -23,18 +24,22 @@ import {
   checkSize,
   pixelBytes,
   recordHeader,
+  soundRecords,
   type FrameId,
   type Pixels,
 } from './records.js';
+import type { SoundFormat } from './sound.js';
 import { StartError } from './start_error.js';
 import { Takes, type Take, type TakeOptions } from './take.js';
-import { frameId, settlesWithin } from './timing.js';
+import { frameId, settlesWithin, uptime } from './timing.js';
 
 // Milliseconds since `stop`. A helper that is asked to end does so within 2.2 s, even if it must
 // finish a take.
 const terminateAfter = 2250;
 const killAfter = 4500;
 const giveUpAfter = 4900;
+
+const soundSeconds = 2; // that may wait
 
 /** Every event by its type. */
 export type HelperEvents = {
@@ -49,6 +54,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   readonly #process: HelperProcess;
   readonly #token: string;
   readonly #encoding: FrameEncoding;
+  readonly #sound: SoundFormat | undefined;
   readonly #feeder: Feeder;
   readonly #pool = new FramePool();
   readonly #takes: Takes;
@@ -57,16 +63,18 @@ export class Helper extends typedEmitter<HelperEvents>() {
   readonly #whenExited = deferred<HelperExit>();
   #ready: ReadyEvent | undefined;
   #lastFrame = 0n;
+  #lastSound = 0n;
   #error: string | undefined;
   #exit: ExitEvent | undefined;
   #stopping: Promise<HelperExit> | undefined;
 
   /** @internal */
-  constructor(child: HelperProcess, token: string, encoding: FrameEncoding) {
+  constructor(child: HelperProcess, token: string, encoding: FrameEncoding, sound?: SoundFormat) {
     super();
     this.#process = child;
     this.#token = token;
     this.#encoding = encoding;
+    this.#sound = sound;
     this.#feeder = new Feeder(child.stdin);
     this.#takes = new Takes((record) => this.#feeder.writeCommand(record));
     const lines = new LineSplitter();
@@ -145,6 +153,29 @@ export class Helper extends typedEmitter<HelperEvents>() {
     const bytes = pixelBytes(pixels, size, this.#encoding);
     this.#lastFrame = id === undefined ? this.#nextId() : checkedId(id, this.#lastFrame);
     return this.#feeder.writeFrame(recordHeader(bytes.length, size, this.#lastFrame), bytes);
+  }
+
+  /**
+   * Queues sound that was captured from this uptime on; by default it ends now. Copies the samples,
+   * those of both channels next to each other. False if it was skipped, because that of two seconds
+   * waits already or the helper is ending. Throws an ArgumentError if it ends between two channels,
+   * or without the `sound` of `startHelper`.
+   */
+  writeSound(samples: Int16Array, capturedAt?: number): boolean {
+    const format = this.#sound;
+    if (!format) throw invalid('the helper was started without sound');
+    const { rate, channels } = format;
+    if (samples.length % channels !== 0) {
+      throw invalid('sound must have whole samples of all channels');
+    }
+    const bytes = samples.byteLength;
+    if (!this.#feeder.hasRoomForSound(bytes, soundSeconds * rate * channels * 2)) return false;
+    if (bytes === 0) return true;
+    const first = frameId(capturedAt ?? uptime() - samples.length / channels / rate);
+    const { records, last } = soundRecords(samples, format, first, this.#lastSound);
+    this.#lastSound = last;
+    this.#feeder.writeSound(records, bytes);
+    return true;
   }
 
   /**

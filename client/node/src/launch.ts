@@ -7,6 +7,7 @@ import type { Readable, Writable } from 'node:stream';
 
 import type { FrameFormat } from './frame_format.js';
 import { findProgram } from './program.js';
+import type { SoundFormat } from './sound.js';
 import { StartError } from './start_error.js';
 
 export interface LaunchOptions {
@@ -23,6 +24,8 @@ export interface LaunchOptions {
   preview?: { width: number; height: number };
   /** The format of all frames, for example `nv12,bt709`. By default RGBA, the bottom row first. */
   format?: FrameFormat;
+  /** The format of `writeSound`. Without it, takes have no sound. */
+  sound?: SoundFormat;
   /** Added to the environment of this process. */
   env?: Record<string, string>;
   /**
@@ -46,13 +49,14 @@ function argumentsOf({ host, port, preview }: LaunchOptions): string[] {
   );
 }
 
-function environmentOf({ env, format }: LaunchOptions, token: string): NodeJS.ProcessEnv {
+function environmentOf({ env, format, sound }: LaunchOptions, token: string): NodeJS.ProcessEnv {
   return {
     ...process.env,
     TAVO_SOUND: undefined, // it describes the sound of our own parent
     ...env,
     TAVO_VIDEO_TOKEN: token,
     TAVO_FRAME_FORMAT: format, // `undefined` removes what is inherited
+    TAVO_SOUND: sound && `${sound.rate}x${sound.channels}`,
     TAVO_FRAME_MEMORY: undefined, // it names a descriptor, and the helper inherits none
   };
 }

@@ -12,6 +12,7 @@ export {
   type PagePort,
   type PostedFrame,
 } from './frame_sink.js';
+export { copyAudioData, type MicrophoneSound, type SoundFormat } from './sound.js';
 export {
   copyVideoFrame,
   videoFrameFormat,

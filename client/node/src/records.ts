@@ -9,6 +9,7 @@
 
 import { invalid } from './errors.js';
 import { pictureBytes, type FrameEncoding, type FrameSize } from './frame_format.js';
+import type { SoundFormat } from './sound.js';
 
 const headerBytes = 16;
 const maximumSide = 1920;
@@ -66,6 +67,29 @@ export function recordHeader(length: number, { width, height }: FrameSize, id: b
   bytes.writeUInt16BE(height, 6);
   bytes.writeBigUInt64BE(id, 8);
   return bytes;
+}
+
+/**
+ * Returns the records of this sound, each with at most a quarter of a second, and the id of the last.
+ * `first` is the uptime at its beginning in microseconds. Ids are above `last` even if times are not.
+ */
+export function soundRecords(
+  samples: Int16Array,
+  { rate, channels }: SoundFormat,
+  first: number,
+  last: bigint,
+): { records: Buffer[]; last: bigint } {
+  const most = Math.floor(rate / 4) * channels;
+  const records = [];
+  for (let at = 0; at < samples.length; at += most) {
+    const part = samples.subarray(at, at + most);
+    const id = BigInt(first + Math.floor(((at / channels) * 1e6) / rate));
+    last = id > last ? id : last + 1n;
+    const bytes = Buffer.alloc(part.byteLength);
+    part.forEach((sample, i) => bytes.writeInt16LE(sample, i * 2));
+    records.push(recordHeader(bytes.length, { width: 0, height: 0 }, last), bytes);
+  }
+  return { records, last };
 }
 
 export function commandRecord(command: object): Buffer {

@@ -1,6 +1,7 @@
 import { encodingOf } from './frame_format.js';
 import { Helper } from './helper.js';
 import { launch, type LaunchOptions } from './launch.js';
+import { checkSoundFormat } from './sound.js';
 import { StartError } from './start_error.js';
 import { settlesWithin } from './timing.js';
 import { checkToken, makeToken } from './token.js';
@@ -36,11 +37,12 @@ async function waitUntilReady(helper: Helper): Promise<void> {
  * or a format that the helper would not accept.
  */
 export async function startHelper(options: HelperOptions = {}): Promise<Helper> {
-  const { signal, token = makeToken(), format = 'rgba' } = options;
+  const { signal, token = makeToken(), format = 'rgba', sound } = options;
   signal?.throwIfAborted();
   checkToken(token);
   const encoding = encodingOf(format);
-  const helper = new Helper(await launch(options, token), token, encoding);
+  if (sound) checkSoundFormat(sound);
+  const helper = new Helper(await launch(options, token), token, encoding, sound);
   if (signal) stopOnAbort(helper, signal);
   try {
     await waitUntilReady(helper);

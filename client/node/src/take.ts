@@ -35,6 +35,13 @@ export interface TakeOptions {
   rotation?: 0 | 90 | 180 | 270;
   /** True writes what became of each frame to a file beside the movie, "<movie>.frames.csv". */
   frameLog?: boolean;
+  /**
+   * True adds the sound that `writeSound` gets. Pictures then lie in the movie where their frame ids,
+   * those of `frameId`, say that they were captured. The helper needs the `sound` of `startHelper`.
+   */
+  sound?: boolean;
+  /** Bits per second, 32,000 to 320,000; 128,000 by default. */
+  soundBitRate?: number;
 }
 
 /** What is left of a failed take. */
@@ -151,12 +158,14 @@ function checkInteger(name: string, value: number | undefined, least: number, mo
 function startCommand(options: TakeOptions): StartCommand {
   const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
   const { keepFailed = true, minimumFree, bitRate, rotation, frameLog } = options;
+  const { sound, soundBitRate } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw invalid('the path of a take must be absolute and end in ".mp4"');
   }
   checkCaptureTime(startedAt);
   checkInteger('minimumFree', minimumFree, 0, 2 ** 53);
   checkInteger('bitRate', bitRate, 250_000, 50_000_000);
+  checkInteger('soundBitRate', soundBitRate, 32_000, 320_000);
   if (rotation !== undefined && ![0, 90, 180, 270].includes(rotation)) {
     throw invalid('rotation must be 0, 90, 180 or 270');
   }
@@ -174,6 +183,8 @@ function startCommand(options: TakeOptions): StartCommand {
     bit_rate: bitRate,
     rotation,
     frame_log: frameLog,
+    sound,
+    sound_bit_rate: soundBitRate,
   });
   return { id, path, startedAt, record };
 }
