@@ -1,5 +1,6 @@
 // Takes with sound of a parent that flashes and beeps at the same instant. ffmpeg judges them.
 
+#include <lumora/helper.h>
 #include <lumora/recover.h>
 
 #include <cmath>
@@ -79,6 +80,35 @@ TEST_F(Sound, IsInStepWithThePicture) {
   const auto [picture, sound] = durations(path);
   EXPECT_NEAR(picture, flash + 0.4 - from, 1e-4);
   EXPECT_NEAR(sound, picture, 1e-3);
+}
+
+TEST_F(Sound, ComesFromTheClientLibraryInPiecesOfAnyLength) {
+  const client::SoundFormat format{.rate = 16000, .channels = 1};
+  client::Helper camera({.program = helperProgram(), .sound = format});
+  const client::Take take =
+      camera.startTake({.path = path,
+                        .profile = {client::TakeSize::of640x360, client::TakeRate::fps15},
+                        .sound = true,
+                        .soundBitRate = 64'000});
+  const FrameSize size{320, 180};
+  const Pixels pixels = plain(size, {9, 9, 9});
+  for (int i = 0; i < 4; ++i) {
+    const auto begin = client::Uptime::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    camera.writeFrame(size, client::frameID(client::Uptime::now()), pixels);
+    EXPECT_TRUE(camera.writeSound(std::vector<std::int16_t>(6400, 1000), begin));
+  }
+  client::Take(take).stop();
+  const client::Recording saved = take.waitForEnd(client::Seconds(20)).value();
+  ASSERT_EQ(saved.state, client::TakeState::saved) << saved.error;
+  EXPECT_LT(saved.soundMissing.value().count(), 0.2);
+  EXPECT_TRUE(saved.soundGaps.has_value());
+  const auto [picture, sound] = durations(path);
+  EXPECT_NEAR(sound, picture, 0.01);
+  client::Helper silent({.program = helperProgram()});
+  EXPECT_THROW(silent.writeSound({}, client::Uptime::now()), std::invalid_argument);
+  for (const client::SoundFormat wrong : {client::SoundFormat{7999, 1}, {96001, 2}, {48000, 3}})
+    EXPECT_THROW(const client::Helper unwanted({.sound = wrong}), std::invalid_argument);
 }
 
 TEST_F(Sound, SurvivesAKillBesideThePicture) {

@@ -5,7 +5,7 @@ import { execFileSync } from 'node:child_process';
 import { once } from 'node:events';
 import { existsSync, readFileSync, statSync, utimesSync, writeFileSync } from 'node:fs';
 import { test } from 'node:test';
-import { setImmediate as turn } from 'node:timers/promises';
+import { setImmediate as turn, setTimeout as sleep } from 'node:timers/promises';
 import { inspect } from 'node:util';
 import { findProgram } from '../../client/node/dist/cjs/index.js';
 import { connectStream, recoverTakes, startHelper, uptime }
@@ -17,8 +17,8 @@ const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.he
 // No helper starts with these: the client must remove them.
 Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none', TAVO_SOUND: 'x' });
 
-async function helperFor(context) {
-  const helper = await startHelper({ stderr: 'ignore' });
+async function helperFor(context, options) {
+  const helper = await startHelper({ stderr: 'ignore', ...options });
   context.after(() => helper.stop());
   return helper;
 }
@@ -51,6 +51,21 @@ async function watch({ token, port }, acknowledgement) {
   }
   return frames;
 }
+
+test('a take has the sound that the application writes', async (context) => {
+  const helper = await helperFor(context, { sound: { rate: 16000, channels: 1 } });
+  const take = await helper.startTake({ path: inFolder('sound.mp4'), sound: true, soundBitRate: 64e3 });
+  for (const end = uptime() + 1; uptime() < end;) {
+    await helper.writeFrame(size, bright).done;
+    await sleep(100);
+    assert.ok(helper.writeSound(new Int16Array(1600)));
+  }
+  const { soundGaps, soundMissing } = await take.stop();
+  assert.ok(soundGaps >= 0 && soundMissing < 0.2, `${soundGaps}, ${soundMissing}`);
+  const streams = execFileSync('ffprobe', ['-v', 'error', '-show_entries', 'stream=codec_name',
+    '-of', 'csv=p=0', take.path], { encoding: 'utf8' });
+  assert.equal(streams, 'h264\naac\n');
+});
 
 test('a take is saved, two clients watch, the token appears nowhere', async (context) => {
   const helper = await helperFor(context);

@@ -10,9 +10,9 @@ import { acceptFrames, flipRows, frameId, sendPreview, startHelper, toWebCodecs,
 
 const modules = ['event_queue', 'events', 'feeder', 'frame_format', 'helper', 'lines', 'page',
   'records', 'stream', 'take'].map((m) => import(`../../client/node/dist/esm/${m}.js`));
-const { checkedId, checkSize, commandRecord, copyVideoFrame, encodingOf, EventQueue, Feeder,
-  FrameSink, Helper, LineSplitter, parseEvent, pixelBytes, recordHeader, StreamClient, Takes,
-  throughPort, videoFrameFormat } = Object.assign({}, ...await Promise.all(modules));
+const { checkedId, checkSize, commandRecord, copyAudioData, copyVideoFrame, encodingOf, EventQueue,
+  Feeder, FrameSink, Helper, LineSplitter, parseEvent, pixelBytes, recordHeader, soundRecords, StreamClient,
+  Takes, throughPort, videoFrameFormat } = Object.assign({}, ...await Promise.all(modules));
 const invalid = { name: 'ArgumentError', code: 'INVALID_ARGUMENT' };
 const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
@@ -104,6 +104,29 @@ test('one frame is written, the newest waits, commands keep their place', async 
   stuck.destroy();
   assert.deepEqual(await outcomes(lost), ['dropped', 'dropped']);
   assert.equal(other.writeCommand(Buffer.from('start')), false);
+});
+
+test('sound becomes records of a quarter of a second at most, and two seconds may wait', () => {
+  const format = { rate: 8000, channels: 2 };
+  const made = (first, last) => soundRecords(new Int16Array(2 * 4500).fill(-2), format, first, last);
+  const { records, last } = made(2e6, 0n);
+  const ids = records.filter((_, i) => i % 2 === 0).map((header) => header.readBigUInt64BE(8));
+  assert.deepEqual(ids, [2_000_000n, 2_250_000n, 2_500_000n]);
+  assert.deepEqual(records[4], Buffer.concat([hex('000007d0 0000 0000'), records[4].subarray(8)]));
+  assert.deepEqual(records[5], Buffer.alloc(2000, hex('feff')));
+  assert.equal(last, 2_500_000n);
+  assert.equal(made(2e6 + 100, last).last, 2_500_100n);
+  const feeder = new Feeder(new Writable({ write() {} }));
+  feeder.writeCommand(Buffer.from('is being written'));
+  assert.ok(feeder.hasRoomForSound(100, 100));
+  feeder.writeSound([Buffer.alloc(60)], 60);
+  assert.ok(feeder.hasRoomForSound(40, 100) && !feeder.hasRoomForSound(41, 100));
+  const planes = [[0.5, -2], [1, 0]];
+  const microphone = { numberOfFrames: 2, numberOfChannels: 2,
+    copyTo: (target, { planeIndex }) => target.set(planes[planeIndex]) };
+  assert.deepEqual(copyAudioData(microphone, 2), Int16Array.of(16384, 32767, -32767, 0));
+  const mono = copyAudioData({ ...microphone, numberOfChannels: 1 }, 2);
+  assert.deepEqual(mono, Int16Array.of(16384, 16384, -32767, -32767));
 });
 
 test('a take asks for what it is given, is refused what would fail, and says its end', async () => {

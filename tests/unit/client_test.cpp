@@ -1,6 +1,7 @@
 // Parts of the client library that need no helper.
 
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <lumora/helper.h>
 #include <lumora/stream_client.h>
@@ -12,11 +13,14 @@
 
 #include "client/feeder.h"
 #include "client/frame_slots.h"
+#include "client/records.h"
 #include "client/take_command.h"
 #include "client/takes.h"
 #include "input/frame_format.h"
+#include "input/record_header.h"
 #include "record/recording_profile.h"
 #include "record/take_options.h"
+#include "sound/sound_record.h"
 
 namespace lumora::client {
 namespace {
@@ -46,6 +50,51 @@ TEST(Feeder, AFrameBehindTheEndIsDroppedAndNotTheOneThatWaits) {
   }
   EXPECT_EQ(counter->nextLine(Seconds(20)), std::to_string(command.size() + 16 + size.rgbaBytes()));
   EXPECT_TRUE(counter->wait(Seconds(20)).value().isClean());
+}
+
+TEST(Feeder, HoldsTwoSecondsOfSound) {
+  const auto reader = std::make_shared<ChildProcess>(LaunchOptions{"wc", "", {"-c"}, {}});
+  const SoundFormat format{.rate = 8000, .channels = 2};
+  const std::vector<std::int16_t> second(16000);
+  reader->sendSignal(SIGSTOP);
+  {
+    Feeder feeder(reader);
+    EXPECT_TRUE(feeder.write(std::string(1 << 20, 'x')));
+    EXPECT_THROW(feeder.writeSound(std::span(second).first(3), format, 1), std::invalid_argument);
+    EXPECT_TRUE(feeder.writeSound(second, format, 1));
+    EXPECT_TRUE(feeder.writeSound(second, format, 2));
+    EXPECT_FALSE(feeder.writeSound(std::span(second).first(2), format, 3));
+    reader->sendSignal(SIGCONT);
+    for (const Deadline deadline(Seconds(20)); !feeder.writeSound(second, format, 4);)
+      ASSERT_GT(deadline.left(), Seconds(0));
+  }
+  EXPECT_EQ(reader->nextLine(Seconds(20)), std::to_string((1 << 20) + 3 * (32000 + 4 * 16)));
+}
+
+// The helper's own rules judge them.
+TEST(SoundRecords, AreValidWhateverTheLengthAndTheTime) {
+  const SoundFormat format{.rate = 8000, .channels = 2};
+  const std::vector<std::int16_t> samples(2 * 4500, -2);
+  std::vector<std::uint64_t> ids = {0};
+  std::uint64_t lastID = 0;
+  for (const std::uint64_t capturedAt : {2'000'000, 2'000'100}) {
+    const std::string records = soundRecords(samples, format, capturedAt, lastID);
+    std::size_t left = samples.size() * sizeof(std::int16_t);
+    std::span bytes(reinterpret_cast<const std::uint8_t*>(records.data()), records.size());
+    while (!bytes.empty()) {
+      const RecordHeader header = decodeRecordHeader(bytes);
+      EXPECT_TRUE(header.isSound() && isValidSound(header.id, ids.back(), header.length,
+                                                   {format.rate, format.channels}));
+      EXPECT_EQ(bytes[16] + bytes[17] * 256, 0xFFFE);
+      ids.push_back(header.id);
+      left -= header.length;
+      bytes = bytes.subspan(16 + header.length);
+    }
+    EXPECT_EQ(left, 0u);
+  }
+  EXPECT_EQ(lastID, ids.back());
+  EXPECT_THAT(ids, testing::ElementsAre(0, 2'000'000, 2'250'000, 2'500'000, 2'500'001, 2'500'002,
+                                        2'500'100));
 }
 
 using Bytes = std::vector<std::uint8_t>;

@@ -52,7 +52,6 @@ function argumentsOf({ host, port, preview }: LaunchOptions): string[] {
 function environmentOf({ env, format, sound }: LaunchOptions, token: string): NodeJS.ProcessEnv {
   return {
     ...process.env,
-    TAVO_SOUND: undefined, // it describes the sound of our own parent
     ...env,
     TAVO_VIDEO_TOKEN: token,
     TAVO_FRAME_FORMAT: format, // `undefined` removes what is inherited
