@@ -10,6 +10,8 @@
 #   make losses         show what takes lose by kills, power cuts, bad disks and others (6 minutes)
 #   make long-take      show what grows in a take of two hours, with a clock that runs SPEED times as
 #                       fast (12 minutes)
+#   make sound-sync     show how far sound is from the picture in takes of MINUTES (120: an hour), with a
+#                       helper's clock that runs SPEED times as fast, and devices whose clocks are wrong
 #   make lint           check formatting, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)
@@ -28,7 +30,7 @@ ROUNDS ?= 3
 SPEED ?= 10
 SUITE ?= bookworm
 
-.PHONY: demo view test bench fuzz soak losses long-take lint package package-test fresh arm64 portable portable-test format dependencies clean
+.PHONY: demo view test bench fuzz soak losses long-take sound-sync lint package package-test fresh arm64 portable portable-test format dependencies clean
 
 dependencies:
 	@scripts/install_dependencies.sh
@@ -85,6 +87,12 @@ long-take: dependencies
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-faults
 	node bench/long_take.mjs $(HELPER) build/release/tests/liblumora-faults.so $(SPEED)
+
+sound-sync: dependencies
+	command -v node >/dev/null || scripts/install_dependencies.sh nodejs
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-faults
+	node bench/sound_sync.mjs $(HELPER) build/release/tests/liblumora-faults.so $(SPEED) $(MINUTES)
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)
