@@ -231,11 +231,14 @@ TEST(Events, HaveEveryFigureOfAReport) {
                           "record_encoder_failures",
                           "max_movie_work_observed",
                           "record_encode_ms",
-                          "encode_inflight"})
+                          "encode_inflight",
+                          "dropped_sound"})
     report[key] = ++next;
   const auto stats = std::get<Stats>(parseEvent(report.dump()).what);
-  const auto [clients, waiting, encoded, dropped, lost, time, busy, delivery, encoding] = stats;
-  EXPECT_EQ(std::tuple(clients, waiting, encoded, dropped, lost), std::tuple(1, 2, 3, 4, 5));
+  const auto& [clients, waiting, encoded, dropped, lost, sound, time, busy, delivery, encoding] =
+      stats;
+  EXPECT_EQ(std::tuple(clients, waiting, encoded, dropped, lost, sound),
+            std::tuple(1, 2, 3, 4, 5, 25));
   EXPECT_EQ(std::tuple(time.count(), busy), std::tuple(0.006, true));
   const auto& [credit, send, resync, resyncs, trip, longest, oldest, now, most] = delivery.value();
   EXPECT_EQ(std::tuple(credit, send, resync, resyncs, now, most), std::tuple(7, 8, 9, 10, 11, 12));
