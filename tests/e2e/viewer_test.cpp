@@ -110,7 +110,7 @@ TEST_F(Viewer, EndsWhileItsCameraHangs) {
 TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
   const std::string report = folder / "report.txt";
   view({"--demo", "--helper", helperProgram(), "--size", "320x240", "--share", "--report", report});
-  const std::string invitation = viewer->nextLine(20).value_or("");
+  const std::string invitation = viewer->nextLine(Seconds(20)).value_or("");
   std::smatch parts;
   ASSERT_TRUE(
       std::regex_match(invitation, parts, std::regex("TAVO_VIDEO_TOKEN=(.*) lumora-tap (.*)")));
@@ -118,10 +118,10 @@ TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
   port = static_cast<std::uint16_t>(std::stoi(parts[2]));
   const auto other = connect();
   other->sayHello(shared);
-  EXPECT_TRUE(other->receive(20));
+  EXPECT_TRUE(other->receive(Seconds(20)));
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(120).value().isClean());
+  EXPECT_TRUE(viewer->wait(Seconds(120)).value().isClean());
   const Pixels bytes = bytesOf(report);
   const std::string text(bytes.begin(), bytes.end());
   EXPECT_THAT(text, testing::HasSubstr("\"type\":\"ready\""));
