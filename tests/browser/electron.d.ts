@@ -11,6 +11,8 @@ interface Message {
 export interface MessagePortMain {
   on(event: 'message', listener: (message: Message) => void): this;
   on(event: 'close', listener: () => void): this;
+  off(event: 'message', listener: (message: Message) => void): this;
+  off(event: 'close', listener: () => void): this;
   postMessage(message: any, transfer?: MessagePortMain[]): void;
   start(): void;
 }

@@ -12,15 +12,19 @@ import { toWebCodecs, type DecoderInput } from './web_codecs.js';
 export interface NodePort {
   on(event: 'message', listener: (message: any) => void): unknown;
   on(event: 'close', listener: () => void): unknown;
+  off(event: 'message', listener: (message: any) => void): unknown;
+  off(event: 'close', listener: () => void): unknown;
   postMessage(message: unknown): void;
   start(): void;
 }
 
-function listen<Message>(port: NodePort, handle: (message: Message) => void): void {
-  port.on('message', (message: { data?: Message } & Message) => {
+// Returns what ends it.
+function listen<Message>(port: NodePort, handle: (message: Message) => void): () => void {
+  const listener = (message: { data?: Message } & Message) =>
     handle(message?.data ?? message); // Electron's port passes an event
-  });
+  port.on('message', listener);
   port.start();
+  return () => port.off('message', listener);
 }
 
 /**
@@ -48,36 +52,46 @@ export function acceptFrames(
  * that it has drawn. That acknowledges the frame, so the helper sends no faster than the page
  * draws. A page that draws nothing for `limit` milliseconds (below 500) gets nothing more until it
  * has caught up and the next key frame comes. Needs a client with `acknowledgement: 'manual'`, and
- * ids below 2 ** 53. Resolves when the connection or the port is closed.
+ * ids below 2 ** 53. Resolves when the connection or the port is closed; the port can then get the
+ * preview of another client.
  */
 export async function sendPreview(
   client: StreamClient,
   port: NodePort,
   limit = 250, // the helper drops a client that acknowledges nothing for 500
 ): Promise<void> {
-  let [sent, drawn] = [0, 0]; // the latest ids
+  const undrawn = new Set<number>(); // the ids that were posted
   let isBehind = false;
-  listen(port, (id: number) => {
-    drawn = id;
+  const endListening = listen(port, (id: number) => {
+    // The helper drops a client for an id that it did not get, as those of the client before.
+    if (!undrawn.has(id)) return;
+    for (const each of undrawn) if (each <= id) undrawn.delete(each);
     client.acknowledge(id);
   });
-  port.on('close', () => client.close());
+  const close = () => client.close();
+  port.on('close', close);
   let config: DecoderInput['config'];
-  for await (const input of toWebCodecs(client)) {
-    const { chunk } = input;
-    config = input.config ?? config;
-    if (isBehind && (chunk.type === 'delta' || drawn < sent)) {
-      client.acknowledge(chunk.timestamp);
-      continue;
+  try {
+    for await (const input of toWebCodecs(client)) {
+      const { chunk } = input;
+      const id = chunk.timestamp;
+      config = input.config ?? config;
+      if (isBehind && (chunk.type === 'delta' || undrawn.size > 0)) {
+        client.acknowledge(id);
+        continue;
+      }
+      isBehind = false;
+      undrawn.add(id);
+      port.postMessage(config ? { config, chunk } : { chunk });
+      config = undefined;
+      setTimeout(() => {
+        if (!undrawn.has(id)) return;
+        isBehind = true;
+        client.acknowledge(id);
+      }, limit);
     }
-    isBehind = false;
-    sent = chunk.timestamp;
-    port.postMessage(config ? { config, chunk } : { chunk });
-    config = undefined;
-    setTimeout(() => {
-      if (drawn >= chunk.timestamp) return;
-      isBehind = true;
-      client.acknowledge(chunk.timestamp);
-    }, limit);
+  } finally {
+    endListening();
+    port.off('close', close);
   }
 }

@@ -13,6 +13,7 @@ import {
 } from 'lumora-video-client';
 
 const folder = process.argv.at(-1) as string;
+const retryAfter = 250; // milliseconds
 let running: { format: FrameFormat; helper: Promise<Helper> } | undefined;
 let take: Take | undefined;
 let state = 'ready';
@@ -60,8 +61,9 @@ function connect([frames, preview, commands]: MessagePortMain[]): void {
   acceptFrames(frames, async (format) => {
     const helper = await helperFor(format);
     if (!isShown) {
-      isShown = true; // until the connection ends; the next frame then makes another
-      void showPreview(helper, preview).catch(console.error).finally(() => (isShown = false));
+      isShown = true; // until a while after the end; the next frame then makes another
+      const retry = () => setTimeout(() => (isShown = false), retryAfter);
+      void showPreview(helper, preview).catch(console.error).finally(retry);
     }
     return helper;
   });
