@@ -141,7 +141,7 @@ test('a take asks for what it is given, is refused what would fail, and says its
     { rotation: 45 }, { path: 'a.mp4' }, { path: '/a.mov' }]) {
     assert.throws(() => takes.start({ path, ...wrong }), invalid, JSON.stringify(wrong));
   }
-  const starting = takes.start({ path, startedAt: now - 1 });
+  const starting = takes.start({ path, startedAt: now - 1, targetFps: 30 });
   tell({ id: sent[0].id, state: 'starting' });
   const take = await starting;
   for (const at of [...bad, now - 2]) assert.throws(() => take.stop({ stoppedAt: at }), invalid);
@@ -151,7 +151,7 @@ test('a take asks for what it is given, is refused what would fail, and says its
   const kept = { path: '/b', frames: 7, duration: 1 };
   await assert.rejects(take.saved, { name: 'TakeError', code: 'FAILED', message: 'why', kept });
   const others = takes.start({ path, steady: false, keepFailed: false, minimumFree: 2 ** 53,
-    bitRate: 3e5, rotation: 90, frameLog: true });
+    bitRate: 3e5, rotation: 90, frameLog: true, resolution: '640x360' });
   tell({ id: sent[2].id, state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free',
     frame_log_error: 'full' }); // a parent that reads slowly may lose the events before
   const { id, startedAt, saved } = await others;
@@ -160,10 +160,11 @@ test('a take asks for what it is given, is refused what would fail, and says its
   assert.ok(startedAt >= now);
   const [type, started] = ['record_start', now - 1];
   assert.deepEqual(sent, [
-    { type, id: take.id, path, cadence: 'steady', started_at: started, on_failure: 'keep' },
+    { type, id: take.id, path, resolution: '1080x720', target_fps: 30, cadence: 'steady',
+      started_at: started, on_failure: 'keep' },
     { type: 'record_stop', id: take.id, stopped_at: now },
-    { type, id, path, started_at: startedAt, minimum_free: 2 ** 53, bit_rate: 3e5, rotation: 90,
-      frame_log: true }]);
+    { type, id, path, resolution: '640x360', target_fps: 60, started_at: startedAt,
+      minimum_free: 2 ** 53, bit_rate: 3e5, rotation: 90, frame_log: true }]);
 });
 
 test('lines are split, bounded and typed; a slow reader of events keeps the newest', async () => {

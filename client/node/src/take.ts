@@ -12,8 +12,9 @@ import { checkCaptureTime, uptime } from './timing.js';
 export interface TakeOptions {
   /** Absolute, ends in ".mp4". The file must not exist. */
   path: string;
-  /** Give it together with `targetFps`. Without both, a take is 1080x720 at 60. */
+  /** 1080x720 by default. */
   resolution?: '640x360' | '1080x720' | '1920x1080';
+  /** 60 by default. */
   targetFps?: 15 | 30 | 45 | 60;
   /**
    * True, the default, keeps every frame of a camera that runs at about `targetFps`, despite jitter.
@@ -156,9 +157,9 @@ function checkInteger(name: string, value: number | undefined, least: number, mo
 }
 
 function startCommand(options: TakeOptions): StartCommand {
-  const { path, resolution, targetFps, steady = true, startedAt = uptime() } = options;
-  const { keepFailed = true, minimumFree, bitRate, rotation, frameLog } = options;
-  const { sound, soundBitRate } = options;
+  const { path, resolution = '1080x720', targetFps = 60, steady = true } = options;
+  const { startedAt = uptime(), keepFailed = true, minimumFree, bitRate } = options;
+  const { rotation, frameLog, sound, soundBitRate } = options;
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw invalid('the path of a take must be absolute and end in ".mp4"');
   }
