@@ -15,6 +15,8 @@ const { checkedId, checkSize, commandRecord, copyAudioData, copyVideoFrame, enco
   Feeder, FrameSink, Helper, LineSplitter, parseEvent, pixelBytes, recordHeader, soundRecords, StreamClient,
   Takes, throughPort, videoFrameFormat } = Object.assign({}, ...await Promise.all(modules));
 const invalid = { name: 'ArgumentError', code: 'INVALID_ARGUMENT' };
+const none = { on() {} };
+const helperOf = (stdin, format) => new Helper({ stdin, stdout: none, ...none }, 'token', format);
 const hex = (text) => Buffer.from(text.replaceAll(' ', ''), 'hex');
 
 test('records have the protocol\'s bytes; records that would end the helper are refused', () => {
@@ -105,6 +107,25 @@ test('one frame is written, the newest waits, commands keep their place', async 
   stuck.destroy();
   assert.deepEqual(await outcomes(lost), ['dropped', 'dropped']);
   assert.equal(other.writeCommand(Buffer.from('start')), false);
+});
+
+test('a frame is published once, with a length, to a helper of its format', async () => {
+  const written = [];
+  const stdin = new Writable({ write: (chunk, _, done) => { written.push(chunk); done(); } });
+  const [helper, other] = ['mjpeg', 'mjpeg,bottom'].map((format) => helperOf(stdin, format));
+  const frame = helper.acquireFrame({ width: 2, height: 2 });
+  const refuse = (message, to = helper) =>
+    assert.throws(() => to.publish(frame), { ...invalid, message });
+  refuse('the length of the picture was not set');
+  for (const bytes of [1, 65537, NaN, 2.5, '2']) {
+    assert.throws(() => frame.setLength(bytes), invalid, `${bytes}`);
+  }
+  frame.pixels.set([7, 8, 9]);
+  frame.setLength(2);
+  refuse('the frame has another format than this helper\'s', other);
+  await helper.publish(frame).done;
+  assert.deepEqual(written[1], Buffer.of(7, 8));
+  refuse('this frame was already published');
 });
 
 test('sound becomes records of a quarter of a second at most, and two seconds may wait', () => {
@@ -291,6 +312,7 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
     draw(3);
     yield* [picture(6), picture(7, true), picture(8)];
     draw(8);
+    port.emit('close');
   }
   let isClosed = false;
   const client = { [Symbol.asyncIterator]: packets, close: () => { isClosed = true; },
@@ -299,22 +321,20 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   assert.deepEqual(posted, [[1, 64], [2, undefined], [3, undefined], [7, 32], [8, undefined]]);
   assert.deepEqual(acknowledged, [2, 3, 4, 5, 3, 6, 8]);
   assert.ok(isClosed);
+  assert.deepEqual(port.eventNames(), []); // of listeners
 });
 
 test('ids are the uptime by default, and always grow', async () => {
   const ids = [];
-  const none = { on() {} };
   const stdin = new Writable({ writev: ([header], done) => {
     ids.push(header.chunk.readBigUInt64BE(8));
     done();
   } });
-  const helper = new Helper({ stdin, stdout: none, ...none }, 'token', 'rgba');
+  const helper = helperOf(stdin, 'rgba');
   const before = BigInt(frameId());
   for (const id of [undefined, undefined, 2n ** 60n, undefined]) {
     await helper.writeFrame({ width: 2, height: 2 }, new Uint8Array(16), id).done;
-    port.emit('close');
   }
   assert.ok(ids[0] >= before && ids[1] > ids[0] && ids[1] <= BigInt(frameId()), `${ids}`);
   assert.deepEqual(ids.slice(2), [2n ** 60n, 2n ** 60n + 1n]);
 });
-  assert.deepEqual(port.eventNames(), []); // of listeners

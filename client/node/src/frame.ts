@@ -1,7 +1,14 @@
 // Memory for pictures that is used again. A forgotten frame costs a new buffer, nothing else.
 
 import { disposeWith } from './dispose.js';
-import { pictureBytes, type FrameEncoding, type FrameSize } from './frame_format.js';
+import { invalid } from './errors.js';
+import {
+  checkLength,
+  encodingOf,
+  pictureBytes,
+  type FrameFormat,
+  type FrameSize,
+} from './frame_format.js';
 
 // One is written, one waits, and two are filled.
 const mostFree = 4;
@@ -10,6 +17,7 @@ const empty = new Uint8Array(0);
 /** Memory of a helper for one picture. It goes back when the frame is published or closed. */
 export class Frame {
   readonly size: FrameSize;
+  readonly format: FrameFormat;
   /** Lets `using` close the frame. Missing where Node does not have the symbol. */
   declare [Symbol.dispose]: () => void;
   readonly #giveBack: (memory: Uint8Array) => void;
@@ -19,11 +27,13 @@ export class Frame {
   /** @internal `length` is 0 if pictures of this format have no fixed length. */
   constructor(
     size: FrameSize,
+    format: FrameFormat,
     length: number,
     memory: Uint8Array,
     giveBack: (memory: Uint8Array) => void,
   ) {
     this.size = size;
+    this.format = format;
     this.#length = length;
     this.#memory = memory;
     this.#giveBack = giveBack;
@@ -37,26 +47,32 @@ export class Frame {
     return this.#memory;
   }
 
-  /** Sets the length of the picture in bytes. An `mjpeg` frame needs it before it is published. */
+  /**
+   * Sets the length of the picture in bytes. An `mjpeg` frame needs it before it is published.
+   * Throws an ArgumentError if no picture of this format and size has this length.
+   */
   setLength(bytes: number): void {
+    checkLength(bytes, this.size, encodingOf(this.format));
     this.#length = bytes;
   }
 
   /** Call it for a frame that you don't publish. Does nothing after that. */
   close(): void {
-    this.take().giveBack();
+    if (this.#memory !== empty) this.take()();
   }
 
-  /** @internal Leaves the frame empty. */
-  take(): { picture: Uint8Array; giveBack: () => void } {
+  /** @internal Throws an ArgumentError if there is none. */
+  picture(): Uint8Array {
+    if (this.#memory === empty) throw invalid('this frame was already published');
+    if (this.#length === 0) throw invalid('the length of the picture was not set');
+    return this.#memory.subarray(0, this.#length);
+  }
+
+  /** @internal Leaves the frame empty. Returns what gives the memory back. */
+  take(): () => void {
     const memory = this.#memory;
     this.#memory = empty;
-    return {
-      picture: memory.subarray(0, this.#length),
-      giveBack: () => {
-        if (memory !== empty) this.#giveBack(memory);
-      },
-    };
+    return () => this.#giveBack(memory);
   }
 }
 
@@ -67,11 +83,11 @@ disposeWith(Frame, Symbol.dispose, function () {
 export class FramePool {
   readonly #free: Uint8Array[] = [];
 
-  acquire(size: FrameSize, encoding: FrameEncoding): Frame {
-    const [least, most] = pictureBytes(encoding, size);
+  acquire(size: FrameSize, format: FrameFormat): Frame {
+    const [least, most] = pictureBytes(encodingOf(format), size);
     const free = this.#free.pop();
     const memory = free?.length === most ? free : new Uint8Array(most);
-    return new Frame(size, least === most ? most : 0, memory, (used) => {
+    return new Frame(size, format, least === most ? most : 0, memory, (used) => {
       if (this.#free.length < mostFree) this.#free.push(used);
     });
   }

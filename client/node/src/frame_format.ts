@@ -69,3 +69,12 @@ export function pictureBytes(
   const bytes = (width * height * bitsPerPixel[encoding]) / 8;
   return encoding === 'mjpeg' ? [2, Math.max(bytes, 65536)] : [bytes, bytes];
 }
+
+/** Throws an ArgumentError unless a picture can have so many bytes. */
+export function checkLength(bytes: number, size: FrameSize, encoding: FrameEncoding): void {
+  const [least, most] = pictureBytes(encoding, size);
+  if (Number.isInteger(bytes) && bytes >= least && bytes <= most) return;
+  const wanted = least === most ? least : `${least} to ${most}`;
+  const picture = `${encoding} picture of ${size.width}x${size.height}`;
+  throw invalid(`one ${picture} has ${wanted} bytes, not ${bytes}`);
+}

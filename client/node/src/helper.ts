@@ -16,7 +16,7 @@ import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
 import { FramePool, type Frame } from './frame.js';
 import type { FrameCounts } from './frame_counts.js';
-import type { FrameEncoding, FrameSize } from './frame_format.js';
+import { encodingOf, type FrameFormat, type FrameSize } from './frame_format.js';
 import type { HelperProcess } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
@@ -53,7 +53,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   declare [Symbol.asyncDispose]: () => Promise<void>;
   readonly #process: HelperProcess;
   readonly #token: string;
-  readonly #encoding: FrameEncoding;
+  readonly #format: FrameFormat;
   readonly #sound: SoundFormat | undefined;
   readonly #feeder: Feeder;
   readonly #pool = new FramePool();
@@ -69,11 +69,11 @@ export class Helper extends typedEmitter<HelperEvents>() {
   #stopping: Promise<HelperExit> | undefined;
 
   /** @internal */
-  constructor(child: HelperProcess, token: string, encoding: FrameEncoding, sound?: SoundFormat) {
+  constructor(child: HelperProcess, token: string, format: FrameFormat, sound?: SoundFormat) {
     super();
     this.#process = child;
     this.#token = token;
-    this.#encoding = encoding;
+    this.#format = format;
     this.#sound = sound;
     this.#feeder = new Feeder(child.stdin);
     this.#takes = new Takes((record) => this.#feeder.writeCommand(record));
@@ -122,24 +122,22 @@ export class Helper extends typedEmitter<HelperEvents>() {
    */
   acquireFrame(size: FrameSize): Frame | undefined {
     checkSize(size);
-    return this.#feeder.skipsFrame() ? undefined : this.#pool.acquire(size, this.#encoding);
+    return this.#feeder.skipsFrame() ? undefined : this.#pool.acquire(size, this.#format);
   }
 
   /**
    * Queues a frame of `acquireFrame`, which is empty then, and returns at once. `id` is that of
-   * `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame that was
-   * published or closed, and for `mjpeg` without a length.
+   * `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame of another
+   * format or one that was published or closed, and for `mjpeg` without a length. The frame then
+   * keeps its memory.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
-    const { picture, giveBack } = frame.take();
-    try {
-      const write = this.writeFrame(frame.size, picture, id);
-      void write.done.then(giveBack);
-      return write;
-    } catch (error) {
-      giveBack();
-      throw error;
+    if (frame.format !== this.#format) {
+      throw invalid("the frame has another format than this helper's");
     }
+    const write = this.writeFrame(frame.size, frame.picture(), id);
+    void write.done.then(frame.take());
+    return write;
   }
 
   /**
@@ -150,7 +148,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
    */
   writeFrame(size: FrameSize, pixels: Pixels, id?: FrameId): FrameWrite {
     checkSize(size);
-    const bytes = pixelBytes(pixels, size, this.#encoding);
+    const bytes = pixelBytes(pixels, size, encodingOf(this.#format));
     this.#lastFrame = id === undefined ? this.#nextId() : checkedId(id, this.#lastFrame);
     return this.#feeder.writeFrame(recordHeader(bytes.length, size, this.#lastFrame), bytes);
   }

@@ -8,7 +8,7 @@
 //   +--------+-------+--------+----------+---------
 
 import { invalid } from './errors.js';
-import { pictureBytes, type FrameEncoding, type FrameSize } from './frame_format.js';
+import { checkLength, type FrameEncoding, type FrameSize } from './frame_format.js';
 import type { SoundFormat } from './sound.js';
 
 const headerBytes = 16;
@@ -39,12 +39,7 @@ export function pixelBytes(pixels: Pixels, size: FrameSize, encoding: FrameEncod
     throw invalid('pixels must be a Uint8Array or a Uint8ClampedArray');
   }
   const { buffer, byteOffset, byteLength } = pixels;
-  const [least, most] = pictureBytes(encoding, size);
-  if (byteLength < least || byteLength > most) {
-    const wanted = least === most ? least : `${least} to ${most}`;
-    const picture = `${encoding} picture of ${size.width}x${size.height}`;
-    throw invalid(`one ${picture} has ${wanted} bytes, not ${byteLength}`);
-  }
+  checkLength(byteLength, size, encoding);
   return Buffer.from(buffer, byteOffset, byteLength);
 }
 

@@ -40,9 +40,9 @@ export async function startHelper(options: HelperOptions = {}): Promise<Helper> 
   const { signal, token = makeToken(), format = 'rgba', sound } = options;
   signal?.throwIfAborted();
   checkToken(token);
-  const encoding = encodingOf(format);
+  encodingOf(format); // throws
   if (sound) checkSoundFormat(sound);
-  const helper = new Helper(await launch(options, token), token, encoding, sound);
+  const helper = new Helper(await launch(options, token), token, format, sound);
   if (signal) stopOnAbort(helper, signal);
   try {
     await waitUntilReady(helper);
