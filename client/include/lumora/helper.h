@@ -104,8 +104,9 @@ class LUMORA_CLIENT_EXPORT Helper {
   std::optional<Exited> exited() const;
   // Waits for the takes that were told to stop, and closes the helper's input, so that the helper
   // saves a running take and ends. If it does not end, `stop` sends SIGTERM and then SIGKILL.
-  // Within 5 s it gives up and reports SIGKILL, even if the system can't end the helper. When
-  // `stop` returns, every event has been handled, or is in the queue.
+  // Within 5 s it gives up. It reports SIGKILL if the system has not ended the helper by then, and
+  // the helper's status if only another process keeps its pipes open. When `stop` returns, every
+  // event has been handled, or is in the queue.
   Exited stop();
   // The same, but returns at once. `Exited` comes when it is done.
   void requestStop();
