@@ -1,16 +1,17 @@
 #include "client/takes.h"
 
-#include <utility>
-
 #include "client/descriptor.h"
 
 namespace lumora::client {
 
-void Takes::add(std::shared_ptr<Take::State> take) {
-  const std::lock_guard hold(mutex_);
-  if (ended_) return take->abandon(*ended_);
-  const std::string id = take->latest().id;
-  takes_[id] = std::move(take);
+void Takes::add(const std::shared_ptr<Take::State>& take) {
+  std::optional<std::string> ended;
+  {
+    const std::lock_guard hold(mutex_);
+    ended = ended_;
+    if (!ended) takes_[take->latest().id] = take;
+  }
+  if (ended) take->abandon(*ended);  // unlocked, because its handler may start another
 }
 
 void Takes::report(const Recording& recording) {

@@ -14,7 +14,7 @@ namespace lumora::client {
 class Takes {
  public:
   // Fails the take at once if the helper has ended already.
-  void add(std::shared_ptr<Take::State> take);
+  void add(const std::shared_ptr<Take::State>& take);
   // Passes an event on to its take.
   void report(const Recording& recording);
   // Waits until those that were told to stop have ended.

@@ -361,15 +361,18 @@ TEST(Helper, ThatCanNotBeEndedIsGivenUpWithItsTake) {
   kill(left, SIGKILL);
 }
 
-TEST(TakesOfAClient, FailAndAreStoppedWithoutAnAnswer) {
+TEST(TakesOfAClient, FailWithoutAnAnswerAndWithoutAHelper) {
   Takes takes;
   std::vector<std::string> sent, told;
-  const auto add = [&](const std::string& id) {
+  const std::function<std::shared_ptr<Take::State>(std::string)> add = [&](const auto& id) {
     Recording asked;
     asked.id = id;
     const auto take = std::make_shared<Take::State>(
         asked, Uptime::now(), [&](const std::string& stop) { sent.push_back(stop); },
-        [&](const Recording& event) { told.push_back(event.id + ": " + event.error); });
+        [&](const Recording& event) {
+          told.push_back(event.id + ": " + event.error);
+          if (event.id == "late") add("later");
+        });
     takes.add(take);
     return take;
   };
@@ -383,7 +386,10 @@ TEST(TakesOfAClient, FailAndAreStoppedWithoutAnAnswer) {
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(Json::parse(sent[0])["id"], "silent");
   silent->abandon("again");
-  EXPECT_EQ(told, (std::vector<std::string>{"answered: ", "silent: the helper did not answer"}));
+  takes.abandonAll("gone");
+  add("late");
+  EXPECT_THAT(told, testing::ElementsAre("answered: ", "silent: the helper did not answer",
+                                         "answered: gone", "late: gone", "later: gone"));
 }
 
 }  // namespace
