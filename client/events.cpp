@@ -107,6 +107,10 @@ std::optional<Recording> readRecording(const Json& event) {
   read(event, "throttled", recording.throttled);
   recording.size = readSize(event, "width", "height");
   recording.targetFPS = find<int>(event, "target_fps");
+  if (*state == TakeState::failed) {
+    // The answer to a refused start has no rate.
+    recording.failure = recording.targetFPS ? TakeFailure::failed : TakeFailure::refused;
+  }
   recording.recentFPS = find<double>(event, "recent_fps");
   recording.framesInMovie = find<std::uint64_t>(event, "frames_in_movie");
   if (const auto left = find<double>(event, "seconds_left")) recording.timeLeft = Seconds(*left);

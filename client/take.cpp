@@ -62,9 +62,10 @@ void Take::State::report(const Recording& recording) {
   if (onEvent) onEvent(recording);
 }
 
-void Take::State::abandon(const std::string& reason) {
+void Take::State::abandon(TakeFailure failure, const std::string& reason) {
   Recording end = latest();
   end.state = TakeState::failed;
+  end.failure = failure;
   end.error = reason;
   report(end);
 }

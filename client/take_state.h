@@ -23,7 +23,7 @@ class Take::State {
   // An event about the take; ignored once the take is over.
   void report(const Recording& recording);
   // Fails the take, because its helper has ended or does not answer.
-  void abandon(const std::string& reason);
+  void abandon(TakeFailure failure, const std::string& reason);
 
   // Whether nothing was heard of the take by `now`, long after it was asked for.
   bool isUnanswered(Uptime::time_point now) const;

@@ -11,7 +11,9 @@ void Takes::add(const std::shared_ptr<Take::State>& take) {
     ended = ended_;
     if (!ended) takes_[take->latest().id] = take;
   }
-  if (ended) take->abandon(*ended);  // unlocked, because its handler may start another
+  if (ended)
+    take->abandon(TakeFailure::helperEnded,
+                  *ended);  // unlocked, because its handler may start another
 }
 
 void Takes::report(const Recording& recording) {
@@ -36,7 +38,7 @@ void Takes::failUnanswered(Uptime::time_point now) const {
   for (const auto& [id, take] : copy()) {
     if (!take->isUnanswered(now)) continue;
     take->stop(Uptime::now());  // if only its answer was lost, it runs
-    take->abandon("the helper did not answer");
+    take->abandon(TakeFailure::noAnswer, "the helper did not answer");
   }
 }
 
@@ -52,7 +54,7 @@ void Takes::abandonAll(const std::string& reason) {
     ended_ = reason;
     unfinished.swap(takes_);
   }
-  for (const auto& [id, take] : unfinished) take->abandon(reason);
+  for (const auto& [id, take] : unfinished) take->abandon(TakeFailure::helperEnded, reason);
 }
 
 }  // namespace lumora::client

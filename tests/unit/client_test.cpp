@@ -193,6 +193,7 @@ TEST(Events, SayWhatATakeHasLeft) {
   };
   EXPECT_FALSE(parse(R"(,"kept_frames":7,"kept_duration":1.5)").kept);
   EXPECT_FALSE(parse(R"(,"kept_path":1)").kept);
+  EXPECT_EQ(parse("").failure, TakeFailure::refused);
   const Recording all =
       parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
             R"("seconds_left":2.5,"stopped_for":"minimum_free","frame_log_error":"full",)"
@@ -201,8 +202,8 @@ TEST(Events, SayWhatATakeHasLeft) {
   EXPECT_EQ(std::tie(path, frames, duration), std::tuple("/v/a", 7, Seconds(1.5)));
   EXPECT_EQ(std::tie(all.framesInMovie, all.timeLeft, all.stoppedFor, all.frameLogError),
             std::tuple(8, Seconds(2.5), "minimum_free", "full"));
-  EXPECT_EQ(std::tie(all.size, all.targetFPS, all.recentFPS),
-            std::tuple(FrameSize{640, 360}, 30, 29.5));
+  EXPECT_EQ(std::tie(all.size, all.targetFPS, all.recentFPS, all.failure),
+            std::tuple(FrameSize{640, 360}, 30, 29.5, TakeFailure::failed));
 }
 
 TEST(Events, HaveEveryFigureOfAReport) {
@@ -332,6 +333,7 @@ TEST(Helper, IsStoppedAtOnceAndCallsNoHandlerAfterItsEnd) {
     helper.requestStop();
     EXPECT_EQ(helper.stop().reason, "");
     EXPECT_EQ(take.latest().error, "the helper has ended with status 0");
+    EXPECT_EQ(take.latest().failure, TakeFailure::helperEnded);
     EXPECT_EQ(helper.port(), 9);
     EXPECT_TRUE(canBeRead(options.queue->descriptor()));
   }
@@ -382,10 +384,11 @@ TEST(TakesOfAClient, FailWithoutAnAnswerAndWithoutAHelper) {
   EXPECT_FALSE(silent->latest().isOver());
   takes.failUnanswered(Uptime::now() + Seconds(11));
   EXPECT_EQ(silent->latest().error, "the helper did not answer");
+  EXPECT_EQ(silent->latest().failure, TakeFailure::noAnswer);
   EXPECT_FALSE(answered->latest().isOver());
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(Json::parse(sent[0])["id"], "silent");
-  silent->abandon("again");
+  silent->abandon(TakeFailure::failed, "again");
   takes.abandonAll("gone");
   add("late");
   EXPECT_THAT(told, testing::ElementsAre("answered: ", "silent: the helper did not answer",

@@ -59,17 +59,26 @@ struct Stats {
 
 enum class TakeState { starting, recording, finishing, saved, failed };
 
+// Why a take has failed.
+enum class TakeFailure {
+  refused,      // by the helper: it never began
+  failed,       // it began
+  noAnswer,     // nothing was heard of it for 10 s
+  helperEnded,  // before it was saved
+};
+
 // Comes when the state of a take changes, and once a second while it records.
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::filesystem::path path;   // as asked for; in `saved`, of the movie, which may differ
-  std::string error;            // why it failed, or is saved under another name
-  Seconds duration{};           // final from `finishing` on
-  std::uint64_t frames = 0;     // written, even if a stop in the past removed them again
-  std::uint64_t dropped = 0;    // lost
-  std::uint64_t throttled = 0;  // skipped to keep the target rate
-  FrameSize size;               // of the movie's pictures; 0 until it is known
+  std::filesystem::path path;          // as asked for; in `saved`, of the movie, which may differ
+  std::string error;                   // why it failed, or is saved under another name
+  std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
+  Seconds duration{};                  // final from `finishing` on
+  std::uint64_t frames = 0;            // written, even if a stop in the past removed them again
+  std::uint64_t dropped = 0;           // lost
+  std::uint64_t throttled = 0;         // skipped to keep the target rate
+  FrameSize size;                      // of the movie's pictures; 0 until it is known
   // The rate that was asked for, and the frames of the last second. Not if a start was refused.
   std::optional<int> targetFPS;
   std::optional<double> recentFPS;
