@@ -93,7 +93,8 @@ Take::Take(std::string id, std::filesystem::path path, std::shared_ptr<State> st
 std::filesystem::path Take::stagingPath() const { return path_.string() + "." + id_ + ".partial"; }
 
 void Take::stop(std::optional<Uptime::time_point> stoppedAt) {
-  state_->stop(stoppedAt.value_or(Uptime::now()));
+  // The start may be a little ahead.
+  state_->stop(stoppedAt.value_or(std::max(Uptime::now(), startedAt())));
 }
 
 Uptime::time_point Take::startedAt() const { return state_->startedAt(); }

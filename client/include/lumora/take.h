@@ -57,10 +57,11 @@ class LUMORA_CLIENT_EXPORT Take {
   const std::string& id() const { return id_; }
   // The path of the file while the take runs. If the helper is killed, the file stays and plays.
   std::filesystem::path stagingPath() const;
-  // Stops the take at this time, or now. Frames that the helper reads later are left out. It reads
-  // a frame a little after its capture, so stop one frame interval later to keep the last frame.
-  // Calling it again does nothing. Throws std::invalid_argument for a time before the start, more
-  // than 30 s ago or more than 50 ms ahead, because the helper would fail the take.
+  // Stops the take at this time, or now (not before its start). Frames that the helper reads later
+  // are left out. It reads a frame a little after its capture, so stop one frame interval later to
+  // keep the last frame. Calling it again does nothing. Throws std::invalid_argument for a time
+  // before the start, more than 30 s ago or more than 50 ms ahead, because the helper would fail
+  // the take.
   void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
   // When the take starts and stops.
   Uptime::time_point startedAt() const;
