@@ -49,6 +49,13 @@ void check(SoundFormat format) {
     throw std::invalid_argument("sound must have 1 or 2 channels and a rate of 8000 to 96000");
 }
 
+void checkToken(const std::string& token) {
+  constexpr auto allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
+  const bool hasLength = token.size() >= 16 && token.size() <= 128;
+  if (!hasLength || token.find_first_not_of(allowed) != std::string::npos)
+    throw std::invalid_argument("a token must be 16 to 128 characters of A-Z a-z 0-9 _ -");
+}
+
 std::string text(const std::optional<SoundFormat>& format) {
   if (!format) return "";
   return std::to_string(format->rate) + "x" + std::to_string(format->channels);
@@ -319,6 +326,7 @@ Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (options.frameSize) check(*options.frameSize);
   check(options.format);
   if (options.sound) check(*options.sound);
+  if (!options.token.empty()) checkToken(options.token);
   impl_ = std::make_unique<Impl>(options, std::move(onEvent));
   impl_->begin();  // the handler may call us, so `impl_` is set before
   if (!options.queue) impl_->awaitStart();

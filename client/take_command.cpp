@@ -1,8 +1,11 @@
 #include "client/take_command.h"
 
+#include <algorithm>
+#include <array>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
+#include <type_traits>
 
 #include "client/records.h"
 
@@ -11,7 +14,27 @@ namespace {
 
 using Json = nlohmann::json;
 
+template <typename Number>
+void checkRange(const char* name, const std::optional<Number>& value,
+                std::type_identity_t<Number> least, std::type_identity_t<Number> most) {
+  if (!value || (*value >= least && *value <= most)) return;
+  throw std::invalid_argument(std::string(name) + " must be an integer from " +
+                              std::to_string(least) + " to " + std::to_string(most));
+}
+
 // The limits of docs/protocol.md.
+void check(const TakeOptions& options) {
+  if (!options.path.is_absolute() || !options.path.string().ends_with(".mp4"))
+    throw std::invalid_argument("the path of a take must be absolute and end in \".mp4\"");
+  checkRange("minimumFree", options.minimumFree, 0, std::uint64_t{1} << 53);
+  checkRange("bitRate", options.bitRate, 250'000, 50'000'000);
+  checkRange("soundBitRate", options.soundBitRate, 32'000, 320'000);
+  constexpr std::array rotations = {0, 90, 180, 270};
+  if (std::ranges::find(rotations, options.rotation) == rotations.end())
+    throw std::invalid_argument("rotation must be 0, 90, 180 or 270");
+}
+
+// Those, too.
 void checkTime(Uptime::time_point time) {
   const Seconds ago = Uptime::now() - time;
   if (ago <= Seconds(30) && ago >= Seconds(-0.05)) return;  // never true for NaN
@@ -47,6 +70,7 @@ std::string randomTakeID() {
 
 std::string startCommand(const std::string& id, const TakeOptions& options,
                          Uptime::time_point startedAt) {
+  check(options);
   checkTime(startedAt);
   Json command = {{"type", "record_start"},
                   {"id", id},

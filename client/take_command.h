@@ -12,7 +12,7 @@ namespace lumora::client {
 std::string randomTakeID();  // a UUID
 
 // Both throw std::invalid_argument for a time that the helper refuses. `startCommand` also does for
-// a path that is too long or not UTF-8.
+// other options that it refuses.
 std::string startCommand(const std::string& id, const TakeOptions& options,
                          Uptime::time_point startedAt);
 std::string stopCommand(const std::string& id, Uptime::time_point stoppedAt);

@@ -157,7 +157,7 @@ TEST_F(Client, SaysWhyAStreamHasEnded) {
 
 TEST_F(Client, SaysWhyAHelperDoesNotStart) {
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
-      {{.program = helperProgram(), .token = "short"},
+      {{.program = helperProgram(), .token = token, .arguments = {"--unknown"}},
        "the helper did not start: invalid helper configuration"},
       {{.program = "/bin"}, "there is no program at /bin"},
       {{.program = "/bin/true"}, "the helper did not start: it ended at once with status 0"},
@@ -225,6 +225,8 @@ TEST_F(Client, AParentThatIgnoresSIGCHLDStillLearnsThatItsHelperHasEnded) {
 TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_THROW(const client::Helper unwanted({.frameSize = FrameSize{321, 240}}),
                std::invalid_argument);
+  for (const char* bad : {"short", "sixteen or more, but with spaces"})
+    EXPECT_THROW(const client::Helper unwanted({.token = bad}), std::invalid_argument);
   const auto ofTheApplication = {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT", "TAVO_SOUND"};
   for (const char* name : ofTheApplication) setenv(name, "99", 1);
   client::Helper camera(options());
@@ -235,7 +237,7 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   camera.writeFrame(small, 5, pixels);
   EXPECT_THROW(camera.writeFrame(small, 5, pixels), std::invalid_argument);
   EXPECT_THROW(camera.writeFrame({320, 242}, 6, pixels), std::invalid_argument);
-  for (const std::string& bad : {"/" + std::string(4096, 'x'), std::string("/\xFF.mp4")})
+  for (const std::string& bad : {"/" + std::string(4096, 'x') + ".mp4", std::string("/\xFF.mp4")})
     EXPECT_THROW(static_cast<void>(camera.startTake({.path = bad})), std::invalid_argument);
   Take take = startTake(camera);
   for (const double bad : {-31.0, -5.0, 1.0, std::nan("")})

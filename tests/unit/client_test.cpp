@@ -157,7 +157,8 @@ TEST(Frame, OfJPEGNeedsALength) {
 }
 
 TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
-  const auto commandOf = [](const TakeOptions& options) {
+  const auto commandOf = [](TakeOptions options) {
+    options.path = "/a.mp4";
     return Json::parse(startCommand("", options, Uptime::now()));
   };
   const auto asked = [&](const TakeOptions& options) {
@@ -184,6 +185,19 @@ TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
     }
   EXPECT_EQ(RecordingProfile::parse(commandOf({}))->width, defaultProfile.width);
   EXPECT_FALSE(parseTakeSize("1280x720"));
+}
+
+TEST(TakeCommand, IsNotMadeForWhatTheHelperRefuses) {
+  for (const TakeOptions& bad : std::initializer_list<TakeOptions>{
+           {.path = "a.mp4"},
+           {.path = "/a.mov"},
+           {.path = "/a.mp4", .minimumFree = (std::uint64_t{1} << 53) + 1},
+           {.path = "/a.mp4", .bitRate = 249'999},
+           {.path = "/a.mp4", .bitRate = 50'000'001},
+           {.path = "/a.mp4", .rotation = 45},
+           {.path = "/a.mp4", .soundBitRate = -1},
+           {.path = "/a.mp4", .soundBitRate = 320'001}})
+    EXPECT_THROW(startCommand("", bad, Uptime::now()), std::invalid_argument) << bad.path;
 }
 
 TEST(Events, SayWhatATakeHasLeft) {

@@ -32,7 +32,8 @@ enum class FrameTransport { pipe, memory };
 struct HelperOptions {
   // The program's path; empty: $LUMORA_VIDEO_PATH, else "lumora-video" on the PATH.
   std::filesystem::path program = {};
-  std::string token = {};                               // for stream clients; empty: a random one
+  // For stream clients: 16 to 128 characters of A-Z a-z 0-9 _ -. Empty: a random one.
+  std::string token = {};
   std::vector<std::string> arguments = {};              // "--port", "4700", ...
   std::map<std::string, std::string> environment = {};  // added to the application's own
   FrameTransport frames = FrameTransport::memory;       // falls back to the pipe
@@ -60,8 +61,8 @@ class LUMORA_CLIENT_EXPORT Helper {
 
   // Starts a helper. Without a queue, waits until it is ready. With one, `Ready` comes as an event,
   // or `Exited` with the reason. Throws StartError, and std::invalid_argument for an unsupported
-  // frame size, for a matrix or range that does not fit the encoding, and for sound that no helper
-  // takes.
+  // frame size, for a matrix or range that does not fit the encoding, and for sound or a token that
+  // no helper takes.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops the helper. Does not wait if `Exited` has come.
   ~Helper();
@@ -96,8 +97,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see
   // `Take`. The handler gets the take's events as soon as they are known. It is called like the
   // helper's own; if the helper has ended already and there is no queue, before this returns.
-  // Throws std::invalid_argument for a path that is too long or not UTF-8, and for a time out of
-  // range.
+  // Throws std::invalid_argument for a path that is relative, too long, not UTF-8 or has another
+  // ending than ".mp4", and for any other option out of range.
   [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});
 
   // How the helper ended; empty while it runs.
