@@ -34,7 +34,7 @@ void check(const TakeOptions& options) {
     throw std::invalid_argument("rotation must be 0, 90, 180 or 270");
 }
 
-// Those, too.
+// Limits of the same page.
 void checkTime(Uptime::time_point time) {
   const Seconds ago = Uptime::now() - time;
   if (ago <= Seconds(30) && ago >= Seconds(-0.05)) return;  // never true for NaN

@@ -64,7 +64,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   // frame size, for a matrix or range that does not fit the encoding, and for sound or a token that
   // no helper takes.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
-  // Stops the helper. Does not wait if `Exited` has come.
+  // Stops the helper. If `Exited` has come, waits only for a handler that runs on another thread.
   ~Helper();
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
@@ -96,7 +96,7 @@ class LUMORA_CLIENT_EXPORT Helper {
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see
   // `Take`. The handler gets the take's events as soon as they are known. It is called like the
-  // helper's own; if the helper has ended already and there is no queue, before this returns.
+  // helper's own; without a queue perhaps before this returns.
   // Throws std::invalid_argument for a path that is relative, too long, not UTF-8 or has another
   // ending than ".mp4", and for any other option out of range.
   [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});
