@@ -1,11 +1,14 @@
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
 namespace lumora {
 
 constexpr const char* softwareEncoder = "libx264";
+// Best first. An FFmpeg without GPL parts lacks the first.
+constexpr std::array softwareEncoders = {softwareEncoder, "libopenh264"};
 
 // Which encoders the user allows.
 struct AllowedEncoders {

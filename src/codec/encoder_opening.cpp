@@ -1,7 +1,7 @@
 #include "codec/encoder_opening.h"
 
 #include <algorithm>
-#include <cstring>
+#include <string_view>
 #include <system_error>
 
 #include "base/thread.h"
@@ -9,7 +9,10 @@
 
 namespace lumora {
 
-bool isHardware(const AVCodec& codec) { return std::strcmp(codec.name, softwareEncoder) != 0; }
+bool isHardware(const AVCodec& codec) {
+  const auto isNamed = [&](std::string_view name) { return name == codec.name; };
+  return std::ranges::none_of(softwareEncoders, isNamed);
+}
 
 OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
                       const EncoderSettings& settings, int pictures) try {

@@ -6,9 +6,11 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "codec/allowed_encoders.h"
 #include "codec/encoder_opening.h"
 #include "codec/encoder_tuning.h"
 #include "codec/memory_pixel_buffers.h"
@@ -137,7 +139,8 @@ Status LibavEncoder::allocatePicture() {
 }
 
 // Whether the encoder can read the picture where it lies. A driver may need other strides, or read
-// the picture later. An upload copies the picture at once, but may refuse negative strides.
+// the picture later. An upload and OpenH264 copy the picture at once. The upload may refuse
+// negative strides, and OpenH264 encodes nothing of such a picture.
 bool LibavEncoder::canBorrow(const PictureView& picture) const {
   if (picture.format.fullRange ||
       picture.format.layout != layoutOf(static_cast<AVPixelFormat>(picture_->format))) {
@@ -145,7 +148,8 @@ bool LibavEncoder::canBorrow(const PictureView& picture) const {
   }
   const bool isUpright =
       std::ranges::none_of(picture.planes, [](PlaneView plane) { return plane.stride < 0; });
-  return !isHardware(*context_->codec) || (uploaded_ && isUpright);
+  const bool isX264 = std::string_view(context_->codec->name) == softwareEncoder;
+  return isX264 || (isUpright && (uploaded_ || !isHardware(*context_->codec)));
 }
 
 Status LibavEncoder::borrow(std::shared_ptr<PixelBuffer> buffer) {

@@ -28,10 +28,10 @@ EncoderFactory libavFactory(std::string preset, const PixelFormat& frames,
   };
 }
 
-// An FFmpeg without GPL parts lacks the first.
 const AVCodec* findSoftwareEncoder() {
-  const AVCodec* found = avcodec_find_encoder_by_name(softwareEncoder);
-  return found != nullptr ? found : avcodec_find_encoder_by_name("libopenh264");
+  for (const char* name : softwareEncoders)
+    if (const AVCodec* found = avcodec_find_encoder_by_name(name)) return found;
+  return nullptr;
 }
 
 }  // namespace

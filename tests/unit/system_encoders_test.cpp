@@ -54,6 +54,15 @@ struct Driver : std::enable_shared_from_this<Driver> {
   std::vector<std::weak_ptr<PicturePool>> inUse;  // each encoder has a pool of its own
 };
 
+TEST(SoftwareEncoders, AreNoDrivers) {
+  for (const auto& [name, isDriver] :
+       {std::pair{"libx264", false}, {"libopenh264", false}, {"h264_nvenc", true}}) {
+    AVCodec codec = {};
+    codec.name = name;
+    EXPECT_EQ(isHardware(codec), isDriver) << name;
+  }
+}
+
 struct EncoderPoolTest : testing::Test {
   static EncoderRequest request(const EncoderSettings& settings,
                                 const char* codec = softwareEncoder) {
