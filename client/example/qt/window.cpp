@@ -30,7 +30,10 @@ Window::Window(std::filesystem::path folder) : folder_(std::move(folder)) {
 
 void Window::startHelper() try {
   recordButton_.setEnabled(false);
-  helper_ = std::make_unique<Helper>(options_, [this](const Event& event) { helperSaid(event); });
+  HelperOptions options = options_;
+  if (port_ != 0)
+    options.arguments.insert(options.arguments.end(), {"--port", std::to_string(port_)});
+  helper_ = std::make_unique<Helper>(options, [this](const Event& event) { helperSaid(event); });
 } catch (const StartError& error) {
   say(error.what());
 }
@@ -43,14 +46,28 @@ void Window::helperSaid(const Event& event) {
 void Window::becomeReady() {
   // Another helper, after this one, serves the same clients.
   options_.token = helper_->token();
-  options_.arguments = {"--port", std::to_string(helper_->port())};
+  port_ = helper_->port();
+  watchPreview();
+  recordButton_.setEnabled(true);
+  camera_.start(std::chrono::milliseconds(33));
+}
 
+void Window::watchPreview() try {
+  if (stream_ || !helper_ || helper_->port() == 0) return;
   stream_.emplace("127.0.0.1", helper_->port());
   stream_->sayHello(helper_->token());
   packets_ = std::make_unique<QSocketNotifier>(stream_->descriptor(), QSocketNotifier::Read);
   connect(packets_.get(), &QSocketNotifier::activated, this, &Window::drawPreview);
-  recordButton_.setEnabled(true);
-  camera_.start(std::chrono::milliseconds(33));
+} catch (const std::exception&) {
+  losePreview();
+}
+
+// The helper has ended, and `Exited` follows. Or it has dropped this client, because a frame was
+// not acknowledged for half a second.
+void Window::losePreview() {
+  if (packets_) packets_->setEnabled(false);  // not destroyed, since it may have called us
+  stream_.reset();
+  QTimer::singleShot(std::chrono::milliseconds(250), this, &Window::watchPreview);
 }
 
 void Window::helperEnded(const Exited& end) {
@@ -64,19 +81,23 @@ void Window::helperEnded(const Exited& end) {
     return;
   }
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
-  if (wasReady) startHelper();  // else the next one would not start either
+  // One that was never ready may have lacked the port, which another program has by now. Without
+  // that, the next one would not start either.
+  if (wasReady || std::exchange(port_, 0) != 0) startHelper();
 }
 
-void Window::drawPreview() {
+void Window::drawPreview() try {
   QImage latest;
   while (const auto packet = stream_->receive(Seconds(0))) {
     if (QImage image = decoder_.decode(*packet); !image.isNull()) latest = image;
     if (packet->type == Packet::Type::frame) stream_->acknowledge(packet->frameID);
   }
-  if (stream_->isClosed()) packets_->setEnabled(false);  // the helper's end follows
+  if (stream_->isClosed()) losePreview();
   if (latest.isNull()) return;
   preview_.setPixmap(QPixmap::fromImage(latest));
   ++drawnPictures_;
+} catch (const std::exception&) {
+  losePreview();
 }
 
 void Window::feed() {

@@ -27,6 +27,8 @@ class Window : public QWidget {
   void startHelper();
   void helperSaid(const lumora::client::Event& event);
   void becomeReady();
+  void watchPreview();
+  void losePreview();
   void helperEnded(const lumora::client::Exited& end);
   void drawPreview();
   void feed();
@@ -44,6 +46,7 @@ class Window : public QWidget {
   bool isClosing_ = false;
 
   lumora::client::HelperOptions options_;
+  std::uint16_t port_ = 0;                   // for the next helper; 0: any
   std::unique_ptr<QSocketNotifier> events_;  // of the helper's queue
   std::unique_ptr<lumora::client::Helper> helper_;
   std::optional<lumora::client::Take> take_;  // while it runs
