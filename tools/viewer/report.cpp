@@ -17,7 +17,7 @@ std::string describeHelper(const std::string& named) {
   const std::string program = named.empty() ? "\"${LUMORA_VIDEO_PATH:-$(command -v lumora-video)}\""
                                             : tools::shellQuoted(named);
   return tools::outputOf("{ sha256sum " + program + "; ldd " + program +
-                         " | sed -nE 's/^\\s*(lib(avcodec|x264|va|mfx|vpl)\\S*) .*/\\1/p'"
+                         " | sed -nE 's/^\\s*(lib(avcodec|x264|openh264|va|mfx|vpl)\\S*) .*/\\1/p'"
                          " | tr '\\n' ' '; echo; echo \"TAVO_H264_ENCODER=$TAVO_H264_ENCODER\"; }");
 }
 
