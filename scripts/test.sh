@@ -10,27 +10,37 @@ scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mo
   "${node[@]}"
 
 presets=(release asan tsan fuzz)
-declare -A built
-for preset in "${presets[@]}"; do
-  SECONDS=0
-  cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs"
-  built[$preset]=$SECONDS
-done
+
+# build PRESET PRIORITY
+build() {
+  cmake --preset "$1" >/dev/null
+  nice -n "$2" cmake --build --preset "$1" -j "$jobs"
+}
 
 status=0
 summaries=()
-for preset in "${presets[@]}"; do
+build release 0
+for i in "${!presets[@]}"; do
+  preset=${presets[i]}
+  next=${presets[i + 1]:-}
+  # Tests mostly wait. So the next preset is built meanwhile, at the lowest priority.
+  if [ -n "$next" ]; then
+    build "$next" 19 >"build/$next.log" 2>&1 &
+    building=$!
+  fi
   echo "== Tests, $preset"
   log="build/$preset/tests.log"
   SECONDS=0
   # One test at a time, since each starts its own helpers and encoders, and no test is about behaviour under
   # load.
   ctest --preset "$preset" --no-tests=error -j 1 2>&1 | tee "$log" || status=1
-  took="built in ${built[$preset]} s, tested in $SECONDS s"
-  summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish') ($took)")
+  summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish') ($SECONDS s)")
   while read -r failed; do summaries+=("  $failed"); done < <(
     grep -oE '[0-9]+ - [^ ]+ \([A-Z][^)]*\)' "$log" | grep -v Skipped)
+  if [ -n "$next" ] && ! wait "$building"; then
+    cat "build/$next.log"
+    exit 1
+  fi
 done
 
 echo
