@@ -18,6 +18,7 @@ constexpr double longestDoubt = 0.5;        // seconds until any deviation is a 
 }  // namespace
 
 std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
+  held_.reserve(held_.size() + 1);  // first, so that nothing throws once the record is counted
   if (!isStarted_) startAt(record.capturedAt);
   const double late = record.capturedAt - next_;
   const double usual = usualJitter * std::sqrt(jitter_);
