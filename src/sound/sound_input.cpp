@@ -42,19 +42,15 @@ void SoundInput::end() {
 void SoundInput::sendTo(SoundReceiver receiver) {
   queue_->async([self = shared_from_this(), receiver = std::move(receiver)] {
     self->receiver_ = receiver;
-    std::vector<SoundRecord> recent(std::make_move_iterator(self->recent_.begin()),
-                                    std::make_move_iterator(self->recent_.end()));
-    self->recent_.clear();
-    self->deliver(std::move(recent));
+    if (receiver) receiver({self->recent_.begin(), self->recent_.end()}, self->hasEnded_);
   });
 }
 
 void SoundInput::deliver(std::vector<SoundRecord> records) {
-  if (receiver_) return receiver_(std::move(records), hasEnded_);
-  constexpr double mostKept = 1;  // seconds
-  std::ranges::move(records, std::back_inserter(recent_));
-  while (!recent_.empty() && recent_.back().capturedAt - recent_.front().capturedAt > mostKept)
-    recent_.pop_front();
+  constexpr double mostKept = 2;  // seconds
+  std::ranges::copy(records, std::back_inserter(recent_));
+  keepLatest(recent_, mostKept, format_.rate);
+  if (receiver_) receiver_(std::move(records), hasEnded_);
 }
 
 }  // namespace lumora

@@ -4,8 +4,9 @@
 // for pictures, nor pictures for it. The device's clock runs on that queue from the first record
 // on, so a take begins with a clock that is known.
 //
-// The last second is kept for the next receiver, because a command is handled later than it was
-// read: the sound behind it in the input may be here first.
+// The last two seconds are kept for the next receiver, also while there is one. A command is
+// handled later than it was read, a take may follow another at once, and pictures may come two
+// seconds after their capture.
 
 #include <atomic>
 #include <deque>
@@ -36,7 +37,8 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   // Reader thread. No more records come.
   void end();
 
-  // Any thread. From now on `receiver` runs on the queue, first with the last second. Null: nobody
+  // Any thread. From now on `receiver` runs on the queue, first with the last two
+  // seconds. Null: nobody
   // wants sound.
   void sendTo(SoundReceiver receiver);
   // Any thread. Records that were left out.
@@ -55,7 +57,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   // Queue only.
   DeviceClock device_{format_.rate};
   SoundReceiver receiver_;
-  std::deque<SoundRecord> recent_;  // while there is no receiver
+  std::deque<SoundRecord> recent_;
   bool hasEnded_ = false;
 };
 

@@ -16,4 +16,14 @@ bool isTimely(double capturedAt, double now) {
   return capturedAt <= now + mostAhead && capturedAt >= now - mostBehind;
 }
 
+void keepLatest(std::deque<SoundRecord>& records, double seconds, int rate) {
+  std::int64_t samples = 0;
+  for (const SoundRecord& record : records) samples += record.samples;
+  while (!records.empty() && (static_cast<double>(samples) > seconds * rate ||
+                              records.back().capturedAt - records.front().capturedAt > seconds)) {
+    samples -= records.front().samples;
+    records.pop_front();
+  }
+}
+
 }  // namespace lumora

@@ -3,6 +3,7 @@
 // Records of sound: which of them are valid, and which are left out. Pure.
 
 #include <cstdint>
+#include <deque>
 
 #include "base/bytes.h"
 #include "sound/sound_format.h"
@@ -22,5 +23,9 @@ bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, S
 
 // Whether sound captured at this time is used: not long past, nor in the future. Uptime seconds.
 bool isTimely(double capturedAt, double now);
+
+// Drops the first records until the rest has at most so many seconds, by its times and by its
+// samples: a jump of the clock moves times back.
+void keepLatest(std::deque<SoundRecord>& records, double seconds, int rate);
 
 }  // namespace lumora

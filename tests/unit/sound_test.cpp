@@ -33,6 +33,18 @@ TEST(SoundRecord, HasGrowingIdsWholeSamplesAndATimeOfNow) {
   EXPECT_FALSE(isTimely(100.051, 100) || isTimely(69.999, 100));
 }
 
+TEST(SoundRecord, IsKeptByItsTimeAndByItsSamples) {
+  std::deque<SoundRecord> records = {{1, 4000}, {2, 4000}, {2.5, 4000}};
+  keepLatest(records, 1.5, 8000);
+  EXPECT_EQ(records.size(), 3u);
+  records.push_back({2.6, 10});
+  keepLatest(records, 1.5, 8000);
+  EXPECT_EQ(records.front().capturedAt, 2);
+  records.push_back({1, 4000});  // the clock has jumped
+  keepLatest(records, 1.5, 8000);
+  EXPECT_EQ(records.front().capturedAt, 2.5);
+}
+
 TEST(DeviceClock, HoldsWhatIsOffTheLineUntilThatIsCertain) {
   DeviceClock clock(48000);
   double captured = 10;
@@ -155,7 +167,8 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
     EXPECT_LE(take.mostGain, 550) << device.what;
     EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second
     EXPECT_EQ(take.placing.gaps(), device.gaps) << device.what;
-    EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.003 * (1 + device.gaps));
+    EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.003 * (1 + device.gaps))
+        << device.what;
   }
 }
 
