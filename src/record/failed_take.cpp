@@ -15,6 +15,13 @@ void MovieRecorder::abort(const std::string& message, FrameOutcome cause) {
   queue->async([self = shared_from_this(), message, cause] { self->fail(message, cause); });
 }
 
+// Once its track has its end, a movie needs no more sound.
+void MovieRecorder::soundFailed(const std::string& message) {
+  queue->async([self = shared_from_this(), message] {
+    if (self->sound && !self->sound->isEnding()) self->fail(message, FrameOutcome::encoder);
+  });
+}
+
 void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   if (failed) return;
   failed = true;
@@ -40,7 +47,7 @@ bool MovieRecorder::keepAll(FrameOutcome rest) try {
   std::int64_t end = held->movieTime;
   bestEffort([&] { end = write(*held, held->time + 1.0 / profile.targetFPS, shortestLastSample); });
   const double seconds = static_cast<double>(end) / movieTimescale;
-  bestEffort([&] { writeSound(sound ? sound->end(origin + seconds) : SoundPackets()); });
+  if (sound) bestEffort([&] { keepSound(origin + seconds); });
   completeFile(end, 0, rest);
   return true;
 } catch (const std::exception&) {

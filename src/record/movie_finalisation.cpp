@@ -25,19 +25,19 @@ void MovieRecorder::finishJob(double stop) {
   try {
     if (!held) throw EncoderFailure::message("no camera frames were received for recording");
     awaitedEnd = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
-    if (!sound || sound->hasHeard(origin + *awaitedEnd)) return endAwaited();
-    queue->asyncAfter(longestSoundWait, [self = shared_from_this()] { self->endAwaited(); });
+    if (!sound) return endAwaited();
+    if (sound->hasHeard(origin + *awaitedEnd)) return endSound();
+    queue->asyncAfter(longestSoundWait, [self = shared_from_this()] { self->endSound(); });
   } catch (const std::exception& reason) {
     fail(reasonOf(reason), FrameOutcome::disk);
   }
 }
 
-// The end that a stop has set. The sound up to it has come, or has been awaited long enough.
+// The end that a stop has set. The sound up to it is written.
 void MovieRecorder::endAwaited() {
-  if (failed || !awaitedEnd) return;
   try {
     const double end = *std::exchange(awaitedEnd, std::nullopt);
-    if (sound) writeSound(sound->end(origin + end));
+    if (sound) sound->endAt(origin + end);
     endMovie(end, FrameOutcome::afterStop);
     tell(TakeState::finishing, end, "", path);
   } catch (const std::exception& reason) {

@@ -125,7 +125,7 @@ void MovieRecorder::prepare(const HeldSample& first) {
     throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
   }
   lastProgressReport = platform.clock->uptime();
-  if (sound) writeSound(sound->add({}, lastProgressReport, false));  // what it has held
+  if (sound) soundLater();  // what it has held
   tell(TakeState::recording, 0, "", path);
 }
 
@@ -243,7 +243,7 @@ void MovieRecorder::progress() {
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
   tell(TakeState::recording, writtenDuration, "", path, spaceLeft());
-  if (sound) soundJob({}, false);
+  if (sound) soundJob({}, 0, false);
 }
 
 }  // namespace lumora

@@ -54,6 +54,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // that have none yet.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
+  // State queue. Sound was lost. A take with sound fails, unless its track has ended.
+  void soundFailed(const std::string& message);
   // State queue. If the take fails from now on, its last event comes at uptime `end` at the latest.
   // The earliest limit counts.
   void limitRescue(double end) { rescueEnd = std::min(rescueEnd.load(), end); }
@@ -90,7 +92,11 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   [[noreturn]] void refuseSample() const;
   void checkSpace();
   Json spaceLeft();
-  void soundJob(std::vector<SoundRecord> records, bool isLast);
+  void soundJob(std::vector<SoundRecord> records, double came, bool isLast);
+  void soundLater();
+  void endSound();
+  bool isShortOfTime() const;
+  void keepSound(double end);
   void writeSound(const SoundPackets& packets);
   void finishJob(double stop);
   void endAwaited();
@@ -120,6 +126,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::optional<HeldSample> held;
   double origin = 0;                 // uptime at which the movie begins, once there is a writer
   std::optional<TakeSound> sound;    // if it was asked for
+  bool isSoundQueued = false;        // a job will encode more of it
   std::optional<double> awaitedEnd;  // seconds of the movie; it ends when its sound has come
   std::uint64_t frames = 0;
   double writtenDuration = 0;  // seconds

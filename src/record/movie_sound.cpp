@@ -7,9 +7,10 @@
 
 namespace lumora {
 
-// Sound for which a queue that hangs has no place becomes silence.
+// Sound for which a queue that hangs has no place becomes silence. The first records, those that
+// `SoundInput` has kept, always have one.
 void MovieRecorder::addSound(std::vector<SoundRecord> records, bool isLast) {
-  constexpr std::int64_t longestWait = 2;  // seconds of sound
+  constexpr std::int64_t longestWait = 4;  // seconds of sound
   std::int64_t samples = 0;
   for (const SoundRecord& record : records) samples += record.samples;
   if (waitingSound + samples > longestWait * options.sound->rate) {
@@ -18,20 +19,66 @@ void MovieRecorder::addSound(std::vector<SoundRecord> records, bool isLast) {
   }
   if (records.empty() && !isLast) return;
   waitingSound += samples;
-  queue->async([self = shared_from_this(), samples, isLast, next = std::move(records)]() mutable {
+  queue->async([self = shared_from_this(), samples, isLast, came = platform.clock->uptime(),
+                next = std::move(records)]() mutable {
     self->waitingSound -= samples;
-    self->soundJob(std::move(next), isLast);
+    self->soundJob(std::move(next), came, isLast);
   });
 }
 
-void MovieRecorder::soundJob(std::vector<SoundRecord> records, bool isLast) {
-  if (failed) return;
+// Encodes a little, and the rest later: between pictures.
+void MovieRecorder::soundJob(std::vector<SoundRecord> records, double came, bool isLast) {
+  const bool hasEnded = sound->isEnding() && !awaitedEnd;
+  if (failed || hasEnded) return;
+  auto cause = FrameOutcome::encoder;
   try {
-    writeSound(sound->add(std::move(records), platform.clock->uptime(), isLast));
+    sound->add(std::move(records), came, isLast);
+    if (isSoundQueued) return;
+    const auto packets = sound->next(platform.clock->uptime());
+    cause = FrameOutcome::disk;
+    if (packets) {
+      writeSound(*packets);
+      soundLater();
+    }
   } catch (const std::exception& reason) {
-    return fail(reasonOf(reason), FrameOutcome::disk);
+    return fail(reasonOf(reason), cause);
   }
-  if (awaitedEnd && sound->hasHeard(origin + *awaitedEnd)) endAwaited();
+  if (!awaitedEnd) return;
+  if (sound->isComplete() || isShortOfTime()) return endAwaited();
+  if (sound->hasHeard(origin + *awaitedEnd)) endSound();
+}
+
+void MovieRecorder::soundLater() {
+  queue->async([self = shared_from_this()] {
+    self->isSoundQueued = false;
+    self->soundJob({}, 0, false);
+  });
+  isSoundQueued = true;
+}
+
+// The track is filled up to the end that a stop has set, and the movie ends.
+void MovieRecorder::endSound() {
+  if (failed || !awaitedEnd || sound->isEnding()) return;
+  sound->endAt(origin + *awaitedEnd);
+  soundJob({}, 0, false);
+}
+
+// Whether the helper ends so soon that the rest of the silence must be left out.
+bool MovieRecorder::isShortOfTime() const {
+  constexpr double least = 0.5;  // seconds for the disk
+  return platform.clock->uptime() > rescueEnd - least;
+}
+
+// The sound of a take that fails: as much as is encoded quickly.
+void MovieRecorder::keepSound(double end) {
+  constexpr double longest = 0.5;  // seconds
+  const double latest = platform.clock->uptime() + longest;
+  sound->endAt(end);
+  while (platform.clock->uptime() <= latest) {
+    const auto packets = sound->next(latest);
+    if (!packets) return;
+    writeSound(*packets);
+  }
 }
 
 void MovieRecorder::writeSound(const SoundPackets& packets) {

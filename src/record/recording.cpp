@@ -58,8 +58,7 @@ void VideoEncoder::startRecording(const Json& command) {
 // Only a take can miss the sound that was lost.
 void VideoEncoder::soundFailed(const std::string& reason) {
   platform.stateQueue->async(weakly([reason](VideoEncoder& self) {
-    const auto& movie = self.take.movie;
-    if (movie && movie->options.sound) movie->abort(reason, FrameOutcome::encoder);
+    if (self.take.movie) self.take.movie->soundFailed(reason);
   }));
 }
 

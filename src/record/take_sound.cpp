@@ -9,15 +9,16 @@
 namespace lumora {
 namespace {
 
-constexpr double mostHeld = 10;  // seconds
-constexpr double patience = 2;   // seconds without records until a device counts as silent
-constexpr int piecesInASecond = 4;
+constexpr double mostHeld = 10;        // seconds
+constexpr double patience = 2;         // seconds without records until a device counts as silent
+constexpr double longestPiece = 0.25;  // seconds of silence
 
 }  // namespace
 
 AacFormat TakeSound::begin(const OpenSound& open, double origin) {
   const Status status = open({format_.rate, trackRate_, format_.channels, bitRate_}, encoder_);
   if (status != 0) throw EncoderFailure::status("sound encoder opening", status);
+  origin_ = origin;
   placing_.emplace(format_.rate, origin);
   const ByteView configuration = encoder_->configuration();
   return {static_cast<std::uint32_t>(trackRate_),
@@ -26,33 +27,51 @@ AacFormat TakeSound::begin(const OpenSound& open, double origin) {
           {configuration.begin(), configuration.end()}};
 }
 
-SoundPackets TakeSound::add(std::vector<SoundRecord> records, double now, bool isLast) {
+void TakeSound::add(std::vector<SoundRecord> records, double came, bool isLast) {
   isLast_ = isLast_ || isLast;
-  if (end_) return {};
+  if (end_ || records.empty()) return;
+  const SoundRecord& latest = records.back();
+  behind_ = came - latest.capturedAt - static_cast<double>(latest.samples) / format_.rate;
   std::ranges::move(records, std::back_inserter(held_));
-  if (!placing_) {
-    while (!held_.empty() && held_.back().capturedAt - held_.front().capturedAt > mostHeld)
-      held_.pop_front();
-    return {};
-  }
+  keepLatest(held_, mostHeld, format_.rate);
+}
+
+void TakeSound::endAt(double end) {
+  end_ = end;
+  std::erase_if(held_, [end](const SoundRecord& record) { return record.capturedAt >= end; });
+}
+
+std::optional<SoundPackets> TakeSound::next(double now) {
+  if (!placing_ || isComplete_) return std::nullopt;
   SoundPackets packets;
-  const bool isSilent = held_.empty();
-  for (; !held_.empty(); held_.pop_front()) encode(held_.front(), packets);
-  if (!isSilent) behind_ = now - placing_->heardUntil();
-  encodeSilence(placing_->fill(now - behind_ - patience, length()), packets);
+  const double pieceEnd = origin_ + length() + longestPiece;
+  if (!held_.empty()) {
+    const double gapEnd = held_.front().capturedAt - SoundPlacing::largestDifference;
+    const std::int64_t silence = placing_->fill(std::min(gapEnd, pieceEnd), length());
+    encodeSilence(silence, packets);
+    if (silence > 0) return packets;
+    encode(held_.front(), packets);
+    held_.pop_front();
+  } else if (end_) {
+    complete(packets);
+  } else if (pieceEnd <= now - behind_ - patience) {
+    encodeSilence(placing_->fill(pieceEnd, length()), packets);
+  } else {
+    return std::nullopt;
+  }
   return packets;
 }
 
-// The writer cuts what is behind the end.
-SoundPackets TakeSound::end(double end) {
-  SoundPackets packets;
-  if (!placing_ || end_) return packets;
-  end_ = end;
-  const std::int64_t missing = placing_->trackSamples(end, trackRate_) - encoder_->length();
-  encodeSilence((missing * format_.rate + trackRate_ - 1) / trackRate_, packets);
+// Fills the track up to its end, then empties the encoder. The writer cuts what is behind the end.
+void TakeSound::complete(SoundPackets& packets) {
+  const std::int64_t missing = placing_->trackSamples(*end_, trackRate_) - encoder_->length();
+  const std::int64_t silence = (missing * format_.rate + trackRate_ - 1) / trackRate_;
+  const auto piece = static_cast<std::int64_t>(longestPiece * format_.rate);
+  encodeSilence(std::min(silence, piece), packets);
+  if (silence > piece) return;
+  isComplete_ = true;
   const Status status = encoder_->flush(packets);
   if (status != 0) throw EncoderFailure::status("sound encoding", status);
-  return packets;
 }
 
 double TakeSound::missing() const {
@@ -72,12 +91,8 @@ void TakeSound::encode(const SoundRecord& record, SoundPackets& packets) {
 
 void TakeSound::encodeSilence(std::int64_t samples, SoundPackets& packets) {
   if (samples <= 0) return;
-  const std::int64_t piece = std::min<std::int64_t>(samples, format_.rate / piecesInASecond);
-  const std::vector<std::int16_t> silence(static_cast<std::size_t>(piece * format_.channels));
-  for (; samples > 0; samples -= piece) {
-    const std::int64_t next = std::min(samples, piece) * format_.channels;
-    encodeSamples(std::span(silence).first(static_cast<std::size_t>(next)), 0, packets);
-  }
+  const std::vector<std::int16_t> silence(static_cast<std::size_t>(samples * format_.channels));
+  encodeSamples(silence, 0, packets);
 }
 
 void TakeSound::encodeSamples(std::span<const std::int16_t> samples, int gain,

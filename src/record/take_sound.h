@@ -2,8 +2,9 @@
 
 // The sound of one take: records become packets of its track. Take's queue only.
 //
-// Until the movie begins, records are held, ten seconds at most. From then on each is placed and
-// encoded as it comes. A device from which nothing comes for two seconds counts as silent.
+// Records are held until they are encoded, ten seconds at most. Once the movie has begun, each call
+// of `next` encodes a little, so that pictures never wait long behind sound. A device from which
+// nothing comes for two seconds counts as silent.
 
 #include <deque>
 #include <memory>
@@ -21,17 +22,22 @@ class TakeSound {
   // `bitRate` is bits per second.
   TakeSound(SoundFormat format, std::int64_t bitRate) : format_(format), bitRate_(bitRate) {}
 
-  // These three throw EncoderFailure if the encoder fails, and return the next packets.
-
-  // Begins the movie at this uptime. Returns the format of its track.
+  // Begins the movie at this uptime. Returns the format of its track. Throws EncoderFailure.
   AacFormat begin(const OpenSound& open, double origin);
-  // Takes the next records, if there are any, at uptime `now`. `isLast`: no more come.
-  SoundPackets add(std::vector<SoundRecord> records, double now, bool isLast);
-  // Ends the track at this uptime, once. Later records are left.
-  SoundPackets end(double end);
+  // Takes the next records, if there are any, which came at this uptime. `isLast`: no more come.
+  void add(std::vector<SoundRecord> records, double came, bool isLast);
+  // The track ends at this uptime. Later records are left.
+  void endAt(double end);
+  // Encodes the next record, or at most a quarter of a second of silence. Returns packets, perhaps
+  // none. Empty if there is nothing to encode at uptime `now`. Throws EncoderFailure.
+  std::optional<SoundPackets> next(double now);
 
-  // Whether all sound up to this uptime has come, once the movie has begun.
-  bool hasHeard(double end) const { return isLast_ || placing_->heardUntil() >= end; }
+  bool isEnding() const { return end_.has_value(); }
+  bool isComplete() const { return isComplete_; }  // `next` has reached the end
+  // Whether all sound up to this uptime is encoded, or no more comes, once the movie has begun.
+  bool hasHeard(double end) const {
+    return (isLast_ && held_.empty()) || placing_->heardUntil() >= end;
+  }
   int gaps() const { return placing_ ? placing_->gaps() : 0; }
   // Seconds of the movie for which no record came, so far or up to its end.
   double missing() const;
@@ -39,6 +45,7 @@ class TakeSound {
  private:
   double length() const;  // of the track, in seconds
   void encode(const SoundRecord& record, SoundPackets& packets);
+  void complete(SoundPackets& packets);
   void encodeSilence(std::int64_t samples, SoundPackets& packets);
   void encodeSamples(std::span<const std::int16_t> samples, int gain, SoundPackets& packets);
 
@@ -47,10 +54,12 @@ class TakeSound {
   const int trackRate_ = soundTrackRate(format_.rate);
   std::unique_ptr<SoundEncoder> encoder_;  // once the movie has begun, as `placing_`
   std::optional<SoundPlacing> placing_;
+  double origin_ = 0;  // uptime at which the movie begins
   std::deque<SoundRecord> held_;
   bool isLast_ = false;        // no more records come
-  std::optional<double> end_;  // uptime, once the track has ended
-  double behind_ = 0;          // seconds from a capture to its coming
+  std::optional<double> end_;  // uptime at which the track ends
+  bool isComplete_ = false;
+  double behind_ = 0;  // seconds from a capture to its coming
 };
 
 }  // namespace lumora

@@ -7,8 +7,7 @@
 namespace lumora {
 namespace {
 
-constexpr double largestDifference = 0.01;  // seconds
-constexpr double removalTime = 10;          // seconds in which most of a difference goes away
+constexpr double removalTime = 10;  // seconds in which most of a difference goes away
 constexpr double mostCompensation = 550e-6;
 constexpr double compensationChange = 100e-6;  // at most, in a second
 

@@ -39,6 +39,8 @@ struct SoundPlacement {
 // Places the sound of one take. Its queue only. All times are uptime seconds.
 class SoundPlacing {
  public:
+  static constexpr double largestDifference = 0.01;  // seconds
+
   // For sound of this rate, in a movie that starts at this time.
   SoundPlacing(int rate, double start) : rate_(rate), start_(start), heardUntil_(start) {}
 

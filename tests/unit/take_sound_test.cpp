@@ -26,6 +26,13 @@ struct TakeSoundTest : testing::Test {
     EXPECT_EQ(format.configuration, (Bytes{0x11, 0x90}));
   }
   void add(double time) { sound.add({recordAt(time)}, time + 0.01, false); }
+  // Encodes all that there is, a quarter of a second at a time.
+  void encode(double now) {
+    for (auto before = std::ssize(fake.samples); sound.next(now);) {
+      EXPECT_LE(std::ssize(fake.samples) - before, 2000);
+      before = std::ssize(fake.samples);
+    }
+  }
   // The samples of silence in front of the next others, from sample `at` on.
   std::int64_t silenceAt(std::int64_t at) const {
     const auto from = fake.samples.begin() + at;
@@ -41,30 +48,35 @@ TEST_F(TakeSoundTest, HoldsTenSecondsAndBeginsWithTheMovie) {
   for (int i = 0; i < 1200; ++i) add(100 + i * 0.01);
   begin(101);
   EXPECT_EQ(fake.settings.bitRate, 64'000);
-  sound.add({}, 112, false);
+  sound.next(112);
+  EXPECT_FALSE(sound.hasHeard(111.9));
+  encode(112);
   EXPECT_NEAR(static_cast<double>(silenceAt(0)), 8000, 80);  // a record's length
   EXPECT_EQ(std::ssize(fake.samples), 11 * 8000);
   EXPECT_TRUE(sound.hasHeard(111.9999) && !sound.hasHeard(112.0001));
   EXPECT_EQ(sound.gaps(), 0);
-  sound.end(112.5);
+  sound.endAt(112.5);
+  add(112);
+  encode(112);
+  EXPECT_TRUE(sound.isComplete());
   EXPECT_EQ(std::ssize(fake.samples), 92'000);
   EXPECT_NEAR(sound.missing(), 1 + 0.5, 0.02);
-  EXPECT_TRUE(sound.add({recordAt(112)}, 112, false).empty() && sound.end(113).empty());
 }
 
 TEST_F(TakeSoundTest, FillsTwoSecondsBehindADeviceThatSendsNothing) {
-  begin(100);
   add(100);
   add(100.01);
-  sound.add({}, 102.02, false);
+  begin(100);
+  encode(102.02);
   EXPECT_EQ(std::ssize(fake.samples), 160);
-  sound.add({}, 103.02, false);
-  sound.add({}, 104.02, false);
+  encode(104.03);
   EXPECT_NEAR(static_cast<double>(fake.samples.size()), 16'160, 1);
   // Sound of so old a time is cut.
   add(101);
+  encode(104.03);
   EXPECT_NEAR(static_cast<double>(fake.samples.size()), 16'160, 1);
   add(103.02);
+  encode(104.03);
   EXPECT_EQ(silenceAt(160), 24'000);
   EXPECT_EQ(sound.gaps(), 1);
   EXPECT_NEAR(sound.missing(), 3, 1e-3);
@@ -176,6 +188,47 @@ TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
     breakQueue();
     EXPECT_TRUE(probe.process->exitCodes.empty());
   }
+  restart();
+  startWithSound();
+  hear(1000, 1000.2);
+  picture(1000.1, 1000.2, true);
+  stop({{"stopped_at", 1000.15}});
+  probe.run();
+  ASSERT_TRUE(writer().finished);  // its track has ended
+  breakQueue();
+  writer().complete(WriterStatus::completed);
+  EXPECT_EQ(events("saved").size(), 1u);
+}
+
+TEST_F(SoundTakes, BeginWithTheTwoSecondsBeforeThemAlsoBehindAnother) {
+  startWithSound();
+  hear(999, 1001.5);
+  picture(1001, 1001.5, true);
+  finish({{"stopped_at", 1001.4}});
+  startWithSound({{"started_at", 999.6}});
+  hear(1001.5, 1002);
+  picture(1001.6, 1002, true);
+  finish({{"stopped_at", 1001.9}});
+  expectSamples(2.3 * 8000);
+  EXPECT_THAT(probe.sound->samples, testing::Each(0x101));
+}
+
+TEST_F(SoundTakes, EndWithoutTheRestOfLongSilenceIfTheHelperEnds) {
+  startWithSound({{"started_at", 900.0}});
+  hear(999.9, 1000);
+  feed(1000);
+  probe.lastSession().answer(0, keySample());
+  probe.queue->run();
+  for (int i = 0; i < 101; ++i) probe.dispatch->queues.back()->runNext();
+  expectSamples(100 * 2000);
+  probe.process->signals.at(15)();
+  probe.queue->run();
+  for (int i = 0; i < 100; ++i) probe.dispatch->queues.back()->runNext();
+  EXPECT_FALSE(writer().finished);
+  probe.clock->now += 1.4;
+  probe.run();
+  ASSERT_TRUE(writer().finished);
+  EXPECT_LT(std::ssize(probe.sound->samples), 300 * 2000);
 }
 
 TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
@@ -200,9 +253,10 @@ TEST_F(SoundTakes, LeaveSoundForWhichAHangingQueueHasNoPlace) {
   startWithSound();
   hear(1000, 1000.05);
   picture(1000, 1000.05, true);
-  for (const double at : {1000.05, 1002.05}) probe.take()->addSound({recordAt(at, 16'000)}, false);
+  for (const double at : {1000.05, 1002.05, 1004.05})
+    probe.take()->addSound({recordAt(at, 16'000)}, false);
   probe.run();
-  expectSamples(16'400);
+  expectSamples(32'400);
 }
 
 }  // namespace
