@@ -109,7 +109,13 @@ bool HybridMovieWriter::append(ByteView packet) {
     return true;
   };
   if (!add(soundTrack, sample, copy)) return false;
-  if (hasGathered(soundTrack, fragmentDuration)) flushFragment(soundTrack);
+  Fragment& pictures = gathered_[pictureTrack];
+  if (!pictures.samples.empty()) pictures.waited += soundPacketSamples;
+  if (!hasGathered(soundTrack, fragmentDuration)) return true;
+  flushFragment(soundTrack);
+  // Perhaps the camera has stopped.
+  if (pictures.waited * movieTimescale >= fragmentDuration * tracks_[soundTrack].sound.rate)
+    flushFragment(pictureTrack);
   return true;
 }
 
@@ -117,7 +123,7 @@ bool HybridMovieWriter::add(std::size_t track, MovieSample sample,
                             const std::function<bool(MutableByteView)>& copy) {
   closed_ = closed_ || disk_->status() != WriterStatus::writing;
   if (closed_) return false;
-  auto& [samples, payload, duration] = gathered_[track];
+  auto& [samples, payload, duration, waited] = gathered_[track];
   samples.reserve(samples.size() + 1);  // first, so that nothing throws once its bytes are added
   const std::size_t at = payload.size();
   payload.resize(at + sample.size);
@@ -138,7 +144,7 @@ bool HybridMovieWriter::hasGathered(std::size_t track, std::int64_t duration) co
 
 // Without memory the fragment is lost. The movie can still be finished with those before it.
 void HybridMovieWriter::flushFragment(std::size_t track) {
-  auto& [samples, payload, duration] = gathered_[track];
+  auto& [samples, payload, duration, waited] = gathered_[track];
   if (samples.empty()) return;
   MovieTables& tables = tracks_[track].tables;
   const std::size_t usual = payload.size();
@@ -157,6 +163,7 @@ void HybridMovieWriter::flushFragment(std::size_t track) {
   }
   samples.clear();
   duration = 0;
+  waited = 0;
   bestEffort([&next = payload, usual] { next.reserve(usual + usual / 4); });
 }
 

@@ -58,6 +58,7 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
+    std::int64_t waited = 0;     // of pictures: samples of sound that came behind the first one
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);

@@ -160,6 +160,14 @@ TEST(MovieFile, HasSoundAtItsTimesAlsoWhileNoPictureComes) {
   EXPECT_EQ(readMovie(movie.disk->bytes).durations, std::vector<std::int64_t>{60001});
 }
 
+TEST(MovieFile, WritesAPictureThatNoneFollowsWithTheSound) {
+  Written movie(-1, true);
+  movie.append(true, {0, 1000});
+  while (movie.packets < 48) movie.appendSound();
+  waitUntil([&] { return movie.disk->calls == 3 * 4; });  // the start, twice sound, the picture
+  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 1u);
+}
+
 TEST(MovieFile, TakesFormatsThatItsBoxesCanHold) {
   const auto isTaken = [](std::size_t sequence, std::size_t picture, int width, int height) {
     return Written().writer.canAdd(
