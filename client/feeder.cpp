@@ -1,5 +1,7 @@
 #include "client/feeder.h"
 
+#include <lumora/uptime.h>
+
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -45,9 +47,11 @@ bool Feeder::write(std::string commandRecord) {
 bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat format,
                         std::uint64_t capturedAt) {
   constexpr std::size_t mostSeconds = 2;
+  constexpr std::uint64_t mostAhead = 50'000;  // microseconds; ids of later sound must be above
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
     throw std::invalid_argument("sound must have whole samples of all channels");
+  if (capturedAt > frameID(Uptime::now()) + mostAhead) return false;
   const std::size_t most = mostSeconds * static_cast<std::size_t>(format.rate) * channels;
   const std::lock_guard hold(mutex_);
   if (ending_ || soundBytes_ + samples.size_bytes() > most * sizeof(std::int16_t)) return false;

@@ -33,7 +33,8 @@ class Feeder {
   // False when the input has been closed.
   bool write(std::string commandRecord);
   // Throws std::invalid_argument for half a sample. False when the sound was skipped, because the
-  // input has been closed or too much of it waits. `capturedAt` is microseconds of uptime.
+  // input has been closed, too much of it waits, or it lies more than 50 ms ahead. `capturedAt` is
+  // microseconds of uptime.
   bool writeSound(std::span<const std::int16_t> samples, SoundFormat format,
                   std::uint64_t capturedAt);
   // Counts a frame that was skipped because every slot was busy.

@@ -61,6 +61,7 @@ TEST(Feeder, HoldsTwoSecondsOfSound) {
     Feeder feeder(reader);
     EXPECT_TRUE(feeder.write(std::string(1 << 20, 'x')));
     EXPECT_THROW(feeder.writeSound(std::span(second).first(3), format, 1), std::invalid_argument);
+    EXPECT_FALSE(feeder.writeSound(second, format, frameID(Uptime::now() + Seconds(1))));
     EXPECT_TRUE(feeder.writeSound(second, format, 1));
     EXPECT_TRUE(feeder.writeSound(second, format, 2));
     EXPECT_FALSE(feeder.writeSound(std::span(second).first(2), format, 3));

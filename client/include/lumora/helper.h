@@ -90,8 +90,9 @@ class LUMORA_CLIENT_EXPORT Helper {
   FrameCounts frameCounts() const;
 
   // Passes sound to the helper, which was captured from this time on. Never waits. False if it was
-  // skipped, because the sound of two seconds waits already or the helper ends. Throws
-  // std::invalid_argument if it ends between two channels, or without `HelperOptions::sound`.
+  // skipped: the sound of two seconds waits already, it is from more than 50 ms after now, or the
+  // helper ends. Throws std::invalid_argument if it ends between two channels, or without
+  // `HelperOptions::sound`.
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see

@@ -31,7 +31,7 @@ import {
 import type { SoundFormat } from './sound.js';
 import { StartError } from './start_error.js';
 import { Takes, type Take, type TakeOptions } from './take.js';
-import { frameId, settlesWithin, uptime } from './timing.js';
+import { frameId, isAhead, settlesWithin, uptime } from './timing.js';
 
 // Milliseconds since `stop`. A helper that is asked to end does so within 2.2 s, even if it must
 // finish a take.
@@ -155,9 +155,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Queues sound that was captured from this uptime on; by default it ends now. Copies the samples,
-   * those of both channels next to each other. False if it was skipped, because that of two seconds
-   * waits already or the helper is ending. Throws an ArgumentError if it ends between two channels,
-   * or without the `sound` of `startHelper`.
+   * those of both channels next to each other. False if it was skipped: that of two seconds waits
+   * already, it is from more than 50 ms after now, or the helper is ending. Throws an ArgumentError
+   * if it ends between two channels, or without the `sound` of `startHelper`.
    */
   writeSound(samples: Int16Array, capturedAt?: number): boolean {
     const format = this.#sound;
@@ -169,8 +169,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
     const bytes = samples.byteLength;
     if (!this.#feeder.hasRoomForSound(bytes, soundSeconds * rate * channels * 2)) return false;
     if (bytes === 0) return true;
-    const first = frameId(capturedAt ?? uptime() - samples.length / channels / rate);
-    const { records, last } = soundRecords(samples, format, first, this.#lastSound);
+    const time = capturedAt ?? uptime() - samples.length / channels / rate;
+    if (isAhead(time)) return false; // ids of later sound must be above
+    const { records, last } = soundRecords(samples, format, frameId(time), this.#lastSound);
     this.#lastSound = last;
     this.#feeder.writeSound(records, bytes);
     return true;

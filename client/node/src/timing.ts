@@ -14,6 +14,11 @@ export function frameId(capturedAt = uptime()): number {
 const maximumAge = 30;
 const maximumLead = 0.05;
 
+/** Whether the helper leaves out what is captured at this time, since that lies ahead. */
+export function isAhead(capturedAt: number): boolean {
+  return capturedAt > uptime() + maximumLead;
+}
+
 /** Throws an ArgumentError for a capture time that the helper does not accept. */
 export function checkCaptureTime(seconds: number): void {
   const age = uptime() - seconds;
