@@ -144,11 +144,12 @@ test('sound becomes records of a quarter of a second at most, and two seconds ma
   feeder.writeSound([Buffer.alloc(60)], 60);
   assert.ok(feeder.hasRoomForSound(40, 100) && !feeder.hasRoomForSound(41, 100));
   const planes = [[0.5, -2], [1, 0]];
-  const microphone = { numberOfFrames: 2, numberOfChannels: 2,
+  const microphone = { numberOfFrames: 2, numberOfChannels: 2, sampleRate: 8000,
     copyTo: (target, { planeIndex }) => target.set(planes[planeIndex]) };
-  assert.deepEqual(copyAudioData(microphone, 2), Int16Array.of(16384, 32767, -32767, 0));
-  const mono = copyAudioData({ ...microphone, numberOfChannels: 1 }, 2);
+  assert.deepEqual(copyAudioData(microphone, format), Int16Array.of(16384, 32767, -32767, 0));
+  const mono = copyAudioData({ ...microphone, numberOfChannels: 1 }, format);
   assert.deepEqual(mono, Int16Array.of(16384, 16384, -32767, -32767));
+  assert.throws(() => copyAudioData({ ...microphone, sampleRate: 48000 }, format), invalid);
 });
 
 test('a take asks for what it is given, is refused what would fail, and says its end', async () => {

@@ -20,11 +20,22 @@ export function checkSoundFormat({ rate, channels }: SoundFormat): void {
 export interface MicrophoneSound {
   readonly numberOfFrames: number;
   readonly numberOfChannels: number;
+  readonly sampleRate: number;
   copyTo(target: Float32Array, options: { planeIndex: number; format: 'f32-planar' }): void;
 }
 
-/** The samples of its first channels, for `writeSound`. A missing second one is the first. */
-export function copyAudioData(sound: MicrophoneSound, channels: 1 | 2): Int16Array {
+/**
+ * The samples of its first channels, for `writeSound`. A missing second one is the first. Throws an
+ * ArgumentError if its rate is not that of `format`, the `sound` of `startHelper`.
+ */
+export function copyAudioData(sound: MicrophoneSound, format: SoundFormat): Int16Array {
+  const { rate, channels } = format;
+  const { sampleRate } = sound;
+  if (sampleRate !== rate) {
+    throw invalid(
+      `the helper was started for ${rate} samples a second, and the AudioData has ${sampleRate}`,
+    );
+  }
   const samples = new Int16Array(sound.numberOfFrames * channels);
   const plane = new Float32Array(sound.numberOfFrames);
   for (let channel = 0; channel < channels; channel += 1) {
