@@ -29,8 +29,8 @@ struct Client : HelperTest {
                             std::move(onEvent));
   }
   // At about 60 frames a second.
-  void feed(client::Helper& camera, int frames, Rgb colour = {200, 10, 10}) {
-    for (const Pixels pixels = plain(small, colour); frames > 0; --frames) {
+  void feed(client::Helper& camera, int frames) {
+    for (const Pixels pixels = plain(small, {200, 10, 10}); frames > 0; --frames) {
       camera.writeFrame(small, ++lastID, pixels);
       std::this_thread::sleep_for(std::chrono::milliseconds(16));
     }
@@ -186,30 +186,6 @@ TEST_F(Client, AThousandFramesAreCountedAndTheirMemoryIsThereBeforeThem) {
   EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1000u);
   EXPECT_GT(camera.frameCounts().written, 10u);
   EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
-}
-
-// A flash and a click at the same time, joined with the command of docs/embedding.md.
-TEST_F(Client, SoundThatIsJoinedToATakeIsInTimeWithItsPicture) {
-  if (sanitized) GTEST_SKIP() << "under a sanitizer frames reach the helper late";
-  client::Helper camera(options());
-  const double soundFrom = uptime() - 0.7;
-  Take take = startTake(camera);
-  const double startedAt = take.startedAt().time_since_epoch().count();
-  feed(camera, 40, {0, 0, 0});
-  const double flash = uptime();
-  feed(camera, 40, {255, 255, 255});
-  take.stop();
-  ASSERT_EQ(take.waitForEnd(Seconds(20))->state, TakeState::saved);
-  const std::string sound = folder / "sound.wav", joined = folder / "joined.mp4";
-  ffmpeg("-f lavfi -i \"aevalsrc=gte(t\\," + std::to_string(flash - soundFrom) +
-         ")*sin(6283*t):d=4\" " + sound);
-  ffmpeg("-i " + tools::shellQuoted(path) + " -ss " + std::to_string(startedAt - soundFrom) +
-         " -i " + sound + " -map 0:v -map 1:a -c:v copy -c:a aac -shortest " + joined);
-  for (const char* filter : {"-vf blackdetect=d=0.1", "-af silencedetect=n=-20dB:d=0.1"}) {
-    const std::string end = outputOf("ffmpeg -nostdin -i " + joined + " " + filter +
-                                     " -f null - 2>&1 | sed -n 's/.*_end: *\\([0-9.]*\\).*/\\1/p'");
-    EXPECT_NEAR(std::stod(end), flash - startedAt, 1 / 60.0) << filter;
-  }
 }
 
 TEST_F(Client, AParentThatIgnoresSIGCHLDStillLearnsThatItsHelperHasEnded) {

@@ -88,7 +88,7 @@ export class Take {
   /** Identifies the take in the helper's events. */
   readonly id: string;
   readonly path: string;
-  /** When the movie begins, by `uptime()`. Use it to align sound. */
+  /** When the movie begins, by `uptime()`. */
   readonly startedAt: number;
   /**
    * Resolves with the last event when the movie is safe on disk, at the `path` of that event.
