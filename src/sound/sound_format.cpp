@@ -1,6 +1,5 @@
 #include "sound/sound_format.h"
 
-#include <algorithm>
 #include <charconv>
 #include <string_view>
 
@@ -9,9 +8,6 @@ namespace {
 
 constexpr int lowestRate = 8000;
 constexpr int highestRate = 96000;
-constexpr int usualRate = 48000;
-constexpr int aacRates[] = {8000,  11025, 12000, 16000, 22050, 24000,
-                            32000, 44100, 48000, 64000, 88200, 96000};
 
 }  // namespace
 
@@ -24,10 +20,6 @@ std::optional<SoundFormat> parseSoundFormat(const std::string& text) {
   const std::string_view rest(end, last);
   if (rest != "x1" && rest != "x2") return std::nullopt;
   return SoundFormat{rate, rest == "x1" ? 1 : 2};
-}
-
-int trackRate(int rate) {
-  return std::ranges::find(aacRates, rate) != std::end(aacRates) ? rate : usualRate;
 }
 
 }  // namespace lumora

@@ -20,7 +20,4 @@ struct SoundFormat {
 // The format that "RATExCHANNELS" describes, for example "48000x2". Empty for any other text.
 std::optional<SoundFormat> parseSoundFormat(const std::string& text);
 
-// The rate of the track for sound of this rate: the same if AAC-LC has it, else 48000.
-int trackRate(int rate);
-
 }  // namespace lumora
