@@ -247,7 +247,7 @@ class Helper::Impl {
     for (const Deadline deadline(limit);;) {
       {
         const std::lock_guard hold(mutex_);
-        if (const auto end = process_->wait(Seconds(0))) return end;
+        if (auto end = process_->wait(Seconds(0))) return end;
       }
       if (deadline.left() == Seconds(0)) return std::nullopt;
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
