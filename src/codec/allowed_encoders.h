@@ -8,7 +8,7 @@ namespace lumora {
 
 constexpr const char* softwareEncoder = "libx264";
 // Best first. An FFmpeg without GPL parts lacks the first.
-constexpr std::array softwareEncoders = {softwareEncoder, "libopenh264"};
+inline constexpr std::array softwareEncoders = {softwareEncoder, "libopenh264"};
 
 // Which encoders the user allows.
 struct AllowedEncoders {
