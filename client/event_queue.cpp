@@ -26,7 +26,8 @@ struct EventQueue::State {
     return next;
   }
 
-  const Descriptor count{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};  // of `calls`
+  // Counts the calls that wait, so it can be read while there is one.
+  const Descriptor count{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};
   std::mutex mutex;  // guards all below
   Calls calls;
 };
@@ -41,10 +42,11 @@ int EventQueue::descriptor() const { return state_->count.get(); }
 void EventQueue::dispatch() {
   const auto state = state_;  // a call may destroy this queue
   std::unique_lock hold(state->mutex);
-  auto waiting = state->calls.size();  // calls that are posted from now on wait
+  // No more calls than wait now, because a call may post another.
+  auto waiting = state->calls.size();
   hold.unlock();
   for (; waiting > 0; --waiting) {
-    // A call may run a loop of its own, which dispatches those behind it.
+    // A call may run an event loop, which makes the calls behind it. Then `take` returns none.
     for (const auto& call : state->take()) call();
   }
 }

@@ -47,7 +47,8 @@ bool Feeder::write(std::string commandRecord) {
 bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat format,
                         std::uint64_t capturedAt) {
   constexpr std::size_t mostSeconds = 2;
-  constexpr std::uint64_t mostAhead = 50'000;  // microseconds; ids of later sound must be above
+  // Microseconds. Ids must grow, so after sound from the future all later sound gets wrong times.
+  constexpr std::uint64_t mostAhead = 50'000;
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
     throw std::invalid_argument("sound must have whole samples of all channels");

@@ -36,7 +36,7 @@ constexpr unsigned longestTake = 120;         // seconds, from its start to the 
 constexpr std::size_t fewestRests = 4;        // that show a trend
 constexpr double mostMegabytes = 200;         // at any time
 constexpr double growthMegabytes = 12;        // from the first rests to the last
-constexpr double threadsOfSpareEncoders = 6;  // come and go with their settings
+constexpr double threadsOfSpareEncoders = 6;  // their number depends on the settings of takes
 constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // of one client
 
 // Ends the run. Any thread.
@@ -116,7 +116,7 @@ class Soak {
     }
   }
 
-  // Whether the file has at least one frame.
+  // Writes what one client receives into a file. Returns whether it received a frame.
   bool receive(const std::stop_token& stop, Uptime::time_point until, const std::string& path) {
     client::StreamClient viewer("127.0.0.1", helper_.port());
     viewer.sayHello(helper_.token());

@@ -25,8 +25,8 @@ class WatchedStream {
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested, or until retries have brought no packets for so long.
-  // Retries every 250 ms. Returns why the last connection ended. Throws what the handlers throw.
+  // Watches until `stop` is requested. Retries every 250 ms, but gives up when retries bring no
+  // packet for `patience`. Returns why the last connection ended. Throws what the handlers throw.
   std::string watch(const std::stop_token& stop, client::Seconds patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
@@ -36,8 +36,9 @@ class WatchedStream {
 
   const HelperAddress from_;
   const Handlers handlers_;
-  client::Uptime::time_point lastReceived_;  // when a stream last had packets, or the start
-  std::mutex mutex_;                         // guards the exchange of `stream_`
+  // When a stream with packets was last open, or when `watch` began.
+  client::Uptime::time_point lastReceived_;
+  std::mutex mutex_;  // held to replace `stream_`, and by `acknowledge`
   std::optional<client::StreamClient> stream_;
 };
 

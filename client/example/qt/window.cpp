@@ -44,7 +44,7 @@ void Window::helperSaid(const Event& event) {
 }
 
 void Window::becomeReady() {
-  // Another helper, after this one, serves the same clients.
+  // If this helper ends, the next one gets the same token and port, so that clients can come back.
   options_.token = helper_->token();
   port_ = helper_->port();
   watchPreview();
@@ -62,8 +62,8 @@ void Window::watchPreview() try {
   losePreview();
 }
 
-// The helper has ended, and `Exited` follows. Or it has dropped this client, because a frame was
-// not acknowledged for half a second.
+// The connection is lost, so connects again in a moment. Either the helper has ended, and `Exited`
+// follows, or it has dropped this client because a frame was not acknowledged for half a second.
 void Window::losePreview() {
   if (packets_) packets_->setEnabled(false);  // not destroyed, since it may have called us
   stream_.reset();
@@ -81,8 +81,8 @@ void Window::helperEnded(const Exited& end) {
     return;
   }
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
-  // One that was never ready may have lacked the port, which another program has by now. Without
-  // that, the next one would not start either.
+  // If the helper never became ready, another program may have taken its port. The next one then
+  // uses any port. If this one already did, the next one would not start either.
   if (wasReady || std::exchange(port_, 0) != 0) startHelper();
 }
 
@@ -142,7 +142,7 @@ void Window::takeSaid(const Recording& event) {
   recordButton_.setEnabled(helper_ && helper_->port() != 0);
 }
 
-// The window stays until the helper has saved a running take, which takes two seconds at most.
+// The helper saves a running take before it ends. The window stays until then, for 5 s at most.
 void Window::closeEvent(QCloseEvent* event) {
   if (!helper_) return;
   event->ignore();

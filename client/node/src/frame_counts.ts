@@ -6,7 +6,8 @@ export interface FrameCounts {
 }
 
 /**
- * `written`: the helper has read the frame. If the helper drops it, `droppedRaw` counts it.
+ * `written`: the frame was written into the helper's input. If the helper then drops it,
+ * `droppedRaw` of its `stats` events counts it.
  * `dropped`: a newer frame replaced it, or the helper no longer reads.
  */
 export type FrameOutcome = 'written' | 'dropped';

@@ -116,9 +116,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Memory for the next frame. Undefined, and counted as dropped, while one frame is written and
-   * one waits, and when the helper has ended: skip this frame then. Throws an ArgumentError for a
-   * size that the helper does not accept.
+   * Memory for the next frame. Undefined while another frame waits to be written, and once the
+   * helper is stopping or has ended. Skip this frame then; it counts as dropped. Throws an
+   * ArgumentError for a size that the helper does not accept.
    */
   acquireFrame(size: FrameSize): Frame | undefined {
     checkSize(size);
@@ -126,10 +126,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Queues a frame of `acquireFrame`, which is empty then, and returns at once. `id` is that of
-   * `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame of another
-   * format or one that was published or closed, and for `mjpeg` without a length. The frame then
-   * keeps its memory.
+   * Queues a frame of `acquireFrame`, and returns at once. The frame is empty after that. `id` is
+   * as in `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame of
+   * another format or one that was published or closed, and for an `mjpeg` frame whose length was
+   * not set. The frame then keeps its memory.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
     if (frame.format !== this.#format) {
@@ -142,9 +142,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Queues a picture in the helper's format, and returns at once. `pixels` may be reused when
-   * `done` resolves, with `written` or `dropped`: a newer frame replaces a waiting one. By default
-   * the `id` is the uptime now, in microseconds. Throws an ArgumentError for a size, a length or an
-   * id that the helper does not accept.
+   * `done` resolves. It resolves with `written`, or with `dropped` if a newer frame came while this
+   * one waited, or the helper is stopping or has ended. By default the `id` is the uptime now, in
+   * microseconds. Throws an ArgumentError for a size, a length or an id that the helper does not
+   * accept.
    */
   writeFrame(size: FrameSize, pixels: Pixels, id?: FrameId): FrameWrite {
     checkSize(size);
@@ -154,10 +155,11 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Queues sound that was captured from this uptime on; by default it ends now. Copies the samples,
-   * those of both channels next to each other. False if it was skipped: that of two seconds waits
-   * already, it is from more than 50 ms after now, or the helper is ending. Throws an ArgumentError
-   * if it ends between two channels, or without the `sound` of `startHelper`.
+   * Queues a copy of these samples, which are interleaved. `capturedAt` is the `uptime()` of the
+   * first sample; by default the last sample is from now. Returns false if the sound was skipped:
+   * more than two seconds of sound would wait, the first sample is more than 50 ms in the future,
+   * or the helper is ending. Throws an ArgumentError if a channel lacks its last sample, or if
+   * `startHelper` got no `sound`.
    */
   writeSound(samples: Int16Array, capturedAt?: number): boolean {
     const format = this.#sound;
@@ -170,7 +172,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     if (!this.#feeder.hasRoomForSound(bytes, soundSeconds * rate * channels * 2)) return false;
     if (bytes === 0) return true;
     const time = capturedAt ?? uptime() - samples.length / channels / rate;
-    if (isAhead(time)) return false; // ids of later sound must be above
+    if (isAhead(time)) return false; // ids must grow: later sound would get wrong times
     const { records, last } = soundRecords(samples, format, frameId(time), this.#lastSound);
     this.#lastSound = last;
     this.#feeder.writeSound(records, bytes);
@@ -207,7 +209,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#stopping;
   }
 
-  // Above the last id, even within a microsecond.
+  // The uptime in microseconds. If that is not above the last id, one more than the last id.
   #nextId(): bigint {
     const [now, next] = [BigInt(frameId()), this.#lastFrame + 1n];
     return now > next ? now : next;

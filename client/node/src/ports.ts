@@ -1,5 +1,5 @@
-// The process with Node at one end of a MessagePort, a page at the other: frames come from the
-// page's `FrameSink`, the preview goes there.
+// For a process with Node that has a MessagePort to a page. Takes frames from the page's
+// `FrameSink`, and sends the preview to the page.
 
 import type { FrameOutcome } from './frame_counts.js';
 import type { FrameFormat } from './frame_format.js';
@@ -18,7 +18,7 @@ export interface NodePort {
   start(): void;
 }
 
-// Returns what ends it.
+// Passes on the messages of the port. Returns a function that ends this.
 function listen<Message>(port: NodePort, handle: (message: Message) => void): () => void {
   const listener = (message: { data?: Message } & Message) =>
     handle(message?.data ?? message); // Electron's port passes an event
@@ -28,9 +28,10 @@ function listen<Message>(port: NodePort, handle: (message: Message) => void): ()
 }
 
 /**
- * Writes the frames that `throughPort` posts at the other end, and answers each. `helperFor` gets
- * the format of each frame, and returns the helper that was started for it. When it rejects, or
- * when the helper would not accept the frame, the page's stream fails with that error.
+ * Writes the frames that a page posts at the other end with `throughPort`, and answers each.
+ * `helperFor` gets the format of each frame, and returns the helper that was started for it. When
+ * it rejects, or when the helper would not accept the frame, the page's FrameSink fails with that
+ * error.
  */
 export function acceptFrames(
   port: NodePort,
@@ -50,10 +51,10 @@ export function acceptFrames(
 /**
  * Posts the input of a VideoDecoder to a page, which posts back the `timestamp` of each picture
  * that it has drawn. That acknowledges the frame, so the helper sends no faster than the page
- * draws. A page that draws nothing for `limit` milliseconds (below 500) gets nothing more until it
- * has caught up and the next key frame comes. Needs a client with `acknowledgement: 'manual'`, and
- * ids below 2 ** 53. Resolves when the connection or the port is closed; the port can then get the
- * preview of another client.
+ * draws. If a picture is not drawn within `limit` milliseconds (below 500), the page gets nothing
+ * more until it has drawn the newest picture that it got and a key frame comes. Needs a client with
+ * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection or the port is
+ * closed; the port can then get the preview of another client.
  */
 export async function sendPreview(
   client: StreamClient,
@@ -63,7 +64,8 @@ export async function sendPreview(
   const undrawn = new Set<number>(); // the ids that were posted
   let isBehind = false;
   const endListening = listen(port, (id: number) => {
-    // The helper drops a client for an id that it did not get, as those of the client before.
+    // The page may still draw pictures of an earlier client. If this client acknowledged those, the
+    // helper would drop it.
     if (!undrawn.has(id)) return;
     for (const each of undrawn) if (each <= id) undrawn.delete(each);
     client.acknowledge(id);

@@ -1,6 +1,7 @@
 // Makes the records that the helper reads from its standard input: a header and a payload. A
-// malformed record would end the helper, so the checks here throw first. Numbers are big-endian.
-// In a command, width, height and frame id are 0.
+// malformed record would end the helper, so the checks here throw first. The header is big-endian.
+// In a command, width, height and frame id are 0. In sound, width and height are 0, and the samples
+// are little-endian.
 //
 //   0        4       6        8          16
 //   +--------+-------+--------+----------+---------
@@ -65,8 +66,10 @@ export function recordHeader(length: number, { width, height }: FrameSize, id: b
 }
 
 /**
- * Returns the records of this sound, each with at most a quarter of a second, and the id of the last.
- * `first` is the uptime at its beginning in microseconds. Ids are above `last` even if times are not.
+ * Returns the records of this sound, each with at most a quarter of a second, and the id of the
+ * last one. `first` is the uptime of the first sample in microseconds, `last` the id of the record
+ * before. A record's id is the uptime of its first sample. If that would not grow, it is one more
+ * than the id before.
  */
 export function soundRecords(
   samples: Int16Array,

@@ -25,8 +25,9 @@ export interface MicrophoneSound {
 }
 
 /**
- * The samples of its first channels, for `writeSound`. A missing second one is the first. Throws an
- * ArgumentError if its rate is not that of `format`, the `sound` of `startHelper`.
+ * Converts sound for `writeSound`. `format` must be what `startHelper` got as `sound`. Takes the
+ * first channel, or the first two. If two are wanted and `sound` has one, it is used for both.
+ * Throws an ArgumentError if `sound` has another rate than `format`.
  */
 export function copyAudioData(sound: MicrophoneSound, format: SoundFormat): Int16Array {
   const { rate, channels } = format;
