@@ -104,7 +104,7 @@ class Soak {
   }
 
   // One client after the other, each for a random while.
-  void watch(const std::stop_token& stop, unsigned number) {
+  void watch(const std::stop_token& stop, unsigned number) try {
     std::mt19937 random(number);
     std::uniform_real_distribution<double> seconds(0.2, 5);
     const std::string path = folder_ / ("stream-" + std::to_string(number) + ".h264");
@@ -114,6 +114,8 @@ class Soak {
       expectDecodes(path);
       ++streams_;
     }
+  } catch (const std::exception& error) {
+    fail(error.what());
   }
 
   // Writes what one client receives into a file. Returns whether it received a frame.
@@ -210,9 +212,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s HELPER FOLDER MINUTES [SEED]\n", argv[0]);
     return 2;
   }
-  const auto seed = static_cast<unsigned>(argc > 4 ? std::stoul(argv[4]) : std::random_device()());
-  std::printf("seed %u\n", seed);
   try {
+    const auto seed =
+        static_cast<unsigned>(argc > 4 ? std::stoul(argv[4]) : std::random_device()());
+    std::printf("seed %u\n", seed);
     Soak(argv[1], argv[2], seed).run(std::stod(argv[3]));
   } catch (const std::exception& error) {
     fail(error.what());
