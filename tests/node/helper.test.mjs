@@ -61,6 +61,7 @@ test('a take has the sound that the application writes', async (context) => {
     await sleep(50);
     const samples = new Int16Array(Math.floor((uptime() - heard) * 16000));
     assert.equal(helper.writeSound(samples, uptime() + 1), false);
+    assert.throws(() => helper.writeSound(samples, NaN), { code: 'INVALID_ARGUMENT' });
     assert.ok(helper.writeSound(samples, heard));
     heard += samples.length / 16000;
   }

@@ -79,7 +79,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
     this.#takes = new Takes((record) => this.#feeder.writeCommand(record));
     const lines = new LineSplitter();
     child.stdout.on('data', (bytes: Buffer) => {
-      for (const line of lines.feed(bytes)) this.#handle(parseEvent(line));
+      // A listener that throws must not keep the next lines from their listeners.
+      for (const line of lines.feed(bytes)) queueMicrotask(() => this.#handle(parseEvent(line)));
     });
     child.on('error', () => undefined); // a signal could not be sent
     // "close" follows the last event; "exit" may come before it.
@@ -172,6 +173,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     if (!this.#feeder.hasRoomForSound(bytes, soundSeconds * rate * channels * 2)) return false;
     if (bytes === 0) return true;
     const time = capturedAt ?? uptime() - samples.length / channels / rate;
+    if (!(time >= 0)) throw invalid('the capture time of sound must be uptime()');
     if (isAhead(time)) return false; // ids must grow: later sound would get wrong times
     const { records, last } = soundRecords(samples, format, frameId(time), this.#lastSound);
     this.#lastSound = last;
