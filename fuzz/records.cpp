@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "client/descriptor.h"
 #include "fuzz/fuzzed_service.h"
 #include "system/inherited_frame_memory.h"
 
@@ -15,12 +14,17 @@ using namespace lumora;
 constexpr const char* formats[] = {"rgba",        "bgra,top",   "rgb24", "nv12,full",
                                    "i420,bottom", "uyvy,bt709", "mjpeg"};
 
-client::Descriptor makeMemory(unsigned bytes, int seals) {
-  client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  require(ftruncate(made.get(), bytes) == 0);
-  require(fcntl(made.get(), F_ADD_SEALS, seals) == 0);
-  return made;
-}
+struct Memory {
+  Memory(unsigned bytes, int seals) {
+    require(ftruncate(descriptor, bytes) == 0);
+    require(fcntl(descriptor, F_ADD_SEALS, seals) == 0);
+  }
+  ~Memory() { close(descriptor); }
+  Memory(const Memory&) = delete;
+  Memory& operator=(const Memory&) = delete;
+
+  const int descriptor = memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+};
 
 }  // namespace
 
@@ -32,8 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                            F_SEAL_GROW};
   const int seals = kinds[data[1] % 4];
   unsigned bytes = data[1] / 4U * 4096 + data[1];  // below two pages: no frame memory
-  const client::Descriptor memory = makeMemory(bytes, seals);
-  FuzzedService service(inheritFrameMemory(memory.get()),
+  const Memory memory(bytes, seals);
+  FuzzedService service(inheritFrameMemory(memory.descriptor),
                         formats[data[size - 1] % std::size(formats)]);
   service.probe.process->chunk = data[0] + 1U;
   service.probe.process->input.assign(data + 2, data + size - 1);
@@ -41,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     service.step();
     if (seals != F_SEAL_GROW || bytes < 4096) return;
     bytes -= 4096;
-    require(ftruncate(memory.get(), bytes) == 0);
+    require(ftruncate(memory.descriptor, bytes) == 0);
   };
   service.probe.dispatch->detached.at(0)();
   service.step();
