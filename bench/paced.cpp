@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <string_view>
 
@@ -23,6 +24,7 @@ constexpr const char* usage =
     "       lumora-paced HELPER takes ROUNDS [PROFILE]\n"
     "       FRAMES=pipe|memory in the environment: how frames reach the helper\n"
     "       FORMAT=rgba|nv12: what they are\n"
+    "       SOUND=stereo: \"load\" also writes sound, and its take records it\n"
     "       MEMORY=settled: touches memory before each run, for virtual machines whose host takes "
     "free memory back\n";
 
@@ -38,6 +40,37 @@ bench::CameraClip makeClip(client::FrameSize size) {
   if (format == "nv12") return bench::CameraClip(size, tools::nv12BT709);
   if (format != "rgba") throw std::runtime_error("FORMAT may only be \"rgba\" or \"nv12\"");
   return bench::CameraClip(size);
+}
+
+// Stereo at 48 kHz, written with each frame.
+class Sound {
+ public:
+  explicit Sound(int framesPerSecond) {
+    constexpr double loudness = 3000;  // of full scale 32767
+    std::minstd_rand random(1);
+    std::uniform_real_distribution<double> noise(-loudness, loudness);
+    samples_.resize(static_cast<std::size_t>(format.rate / framesPerSecond * format.channels));
+    for (std::int16_t& sample : samples_) sample = static_cast<std::int16_t>(noise(random));
+  }
+  void operator()(client::Helper& helper, std::uint64_t) const {
+    const client::Seconds length(static_cast<double>(samples_.size()) / format.channels /
+                                 format.rate);
+    helper.writeSound(samples_, client::Uptime::now() - length);
+  }
+
+  static constexpr client::SoundFormat format{48000, 2};
+
+ private:
+  std::vector<std::int16_t> samples_;
+};
+
+void addSound(tools::RunOptions& load) {
+  const char* value = std::getenv("SOUND");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  if (value == nullptr) return;
+  if (std::string_view(value) != "stereo") throw std::runtime_error("SOUND may only be \"stereo\"");
+  load.helper.sound = Sound::format;
+  load.beforeFrame = Sound(load.framesPerSecond);
+  if (load.take) load.take->sound = true;
 }
 
 void measure(const tools::RunOptions& load, bench::CameraClip& clip) {
@@ -120,14 +153,15 @@ int run(const std::vector<std::string>& words) {
     if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2) return 2;
     bench::CameraClip clip = makeClip(size);
     const int rate = std::stoi(words[4]);
-    measure(
-        {.helper = helperOptions(words[0]),
-         .framesPerSecond = rate,
-         .seconds = amount,
-         .clients = std::stoi(words[5]),
-         .take = bench::takeOf(words[6], rate, folder / "take.mp4"),
-         .framesBeforeTake = words.size() == 8 ? std::stoul(words[7]) * std::stoul(words[4]) : 0},
-        clip);
+    tools::RunOptions load{
+        .helper = helperOptions(words[0]),
+        .framesPerSecond = rate,
+        .seconds = amount,
+        .clients = std::stoi(words[5]),
+        .take = bench::takeOf(words[6], rate, folder / "take.mp4"),
+        .framesBeforeTake = words.size() == 8 ? std::stoul(words[7]) * std::stoul(words[4]) : 0};
+    addSound(load);
+    measure(load, clip);
   } else {
     std::fputs(usage, stderr);
     return 2;
