@@ -83,8 +83,8 @@ TEST_F(Sound, IsInStepWithThePicture) {
 }
 
 TEST_F(Sound, ComesFromTheClientLibraryInPiecesOfAnyLength) {
-  const client::SoundFormat format{.rate = 16000, .channels = 1};
-  client::Helper camera({.program = helperProgram(), .sound = format});
+  const client::SoundFormat mono{.rate = 16000, .channels = 1};
+  client::Helper camera({.program = helperProgram(), .sound = mono});
   const client::Take take =
       camera.startTake({.path = path,
                         .profile = {client::TakeSize::of640x360, client::TakeRate::fps15},
