@@ -8,9 +8,10 @@
 
 namespace lumora::client {
 
+// Pixels, both even. Of a frame the longer is at most 1920, the shorter at most 1080.
 struct FrameSize {
-  int width = 0;   // pixels, even
-  int height = 0;  // pixels, even
+  int width = 0;
+  int height = 0;
   std::size_t rgbaBytes() const {
     return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
   }

@@ -59,10 +59,10 @@ class LUMORA_CLIENT_EXPORT Helper {
   // a take.
   using EventHandler = std::function<void(const Event& event)>;
 
-  // Starts a helper. Without a queue, waits until it is ready. With one, `Ready` comes as an event,
-  // or `Exited` with the reason. Throws StartError, and std::invalid_argument for an unsupported
-  // frame size, for a matrix or range that does not fit the encoding, and for sound or a token that
-  // no helper takes.
+  // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
+  // as an event, or `Exited` with the reason. Throws StartError, and std::invalid_argument for an
+  // unsupported frame size, for a matrix or range that does not fit the encoding, and for sound or
+  // a token that no helper takes.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops the helper. If `Exited` has come, waits only for a handler that runs on another thread.
   ~Helper();
