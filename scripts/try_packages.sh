@@ -13,17 +13,15 @@ apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake
 lumora-demo /usr/bin/lumora-video /tmp/demo 3 | tail -n 4
 lumora-recover /tmp/demo
 
-example=/usr/share/doc/liblumora-client-dev/example
-cmake -S "$example" -B /tmp/cmake >/dev/null
-cmake --build /tmp/cmake >/dev/null
-g++ -std=c++20 "$example/record.cpp" $(pkg-config --cflags --libs lumora-client) -o /tmp/record
+# As the installed page says.
+grep -E '^    (cmake -S /usr|g\+\+ )' /usr/share/doc/lumora-video/embedding.md | bash -e >/dev/null
 
 (cd client/node && npm ci --silent && npm pack --silent --pack-destination /tmp)
 mkdir /tmp/application
 cp client/node/example/record.mjs /tmp/application
 (cd /tmp/application && npm init --yes >/dev/null && npm install --silent /tmp/lumora-video-client-*.tgz)
 
-for program in /tmp/cmake/record /tmp/record "node /tmp/application/record.mjs"; do
+for program in /tmp/record/record /tmp/camera "node /tmp/application/record.mjs"; do
   folder=$(mktemp -d)
   $program "$folder"
   ffmpeg -v error -xerror -nostdin -i "$folder/take.mp4" -fps_mode passthrough -enc_time_base -1 -f null -
