@@ -4,22 +4,23 @@
 set -euo pipefail
 jobs=${1:-2}
 
-# The browser tests control Chromium with a package from npm. The audience tests use Debian's servers.
+# The browser tests control Chromium with a package from npm. The audience tests use Debian's servers, and the
+# example for Qt its Qt.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
 scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mod-rtmp srt-tools \
-  "${node[@]}"
+  qt6-base-dev libswscale-dev "${node[@]}"
 
 presets=(release asan tsan fuzz)
 
-# build PRESET PRIORITY
+# build PRESET PRIORITY [OPTION ...]
 build() {
-  cmake --preset "$1" >/dev/null
+  cmake --preset "$1" "${@:3}" >/dev/null
   nice -n "$2" cmake --build --preset "$1" -j "$jobs"
 }
 
 status=0
 summaries=()
-build release 0
+build release 0 -DLUMORA_QT_EXAMPLE=ON
 for i in "${!presets[@]}"; do
   preset=${presets[i]}
   next=${presets[i + 1]:-}
