@@ -6,8 +6,9 @@ set -euo pipefail
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export QT_QPA_PLATFORM=offscreen
-said=$(LUMORA_VIDEO_PATH=/bin/false "$1" "$work" 0)
-grep -q '^it ended at once with status 1$' <<<"$said"
+LUMORA_VIDEO_PATH=/bin/false "$1" "$work" >"$work/said" &
+until grep -q '^it ended at once with status 1$' "$work/said"; do sleep 0.1; done
+kill $!
 said=$(LUMORA_VIDEO_PATH=$2 "$1" "$work" 2)
 grep -qE '^[1-9][0-9]+ pictures of the preview were drawn$' <<<"$said"
 grep -q '^Saved ' <<<"$said"

@@ -10,14 +10,22 @@
 
 namespace {
 
-void recordOnce(Window& window, std::chrono::seconds length) {
-  using std::chrono::seconds;
-  QTimer::singleShot(seconds(1), &window, [&window] { window.recordButton().click(); });
-  QTimer::singleShot(seconds(1) + length, &window, [&window] { window.recordButton().click(); });
-  QTimer::singleShot(seconds(2) + length, &window, [&window] {
+// Presses the button when it can be pressed, and again after that time.
+void recordOnce(Window& window, std::chrono::milliseconds length) {
+  constexpr std::chrono::milliseconds soon(50);
+  auto* const timer = new QTimer(&window);
+  window.connect(timer, &QTimer::timeout, [&window, timer, length, presses = 0]() mutable {
+    if (!window.recordButton().isEnabled()) return;
+    if (++presses <= 2) {
+      window.recordButton().click();
+      timer->start(presses == 1 ? length : soon);
+      return;
+    }
+    timer->stop();
     std::printf("%d pictures of the preview were drawn\n", window.drawnPictures());
     window.close();
   });
+  timer->start(soon);
 }
 
 }  // namespace

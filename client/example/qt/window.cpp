@@ -54,7 +54,7 @@ void Window::becomeReady() {
 
 void Window::watchPreview() try {
   if (stream_ || !helper_ || helper_->port() == 0) return;
-  stream_.emplace("127.0.0.1", helper_->port());
+  stream_.emplace("127.0.0.1", helper_->port(), Seconds(0.1));
   stream_->sayHello(helper_->token());
   packets_ = std::make_unique<QSocketNotifier>(stream_->descriptor(), QSocketNotifier::Read);
   connect(packets_.get(), &QSocketNotifier::activated, this, &Window::drawPreview);
