@@ -23,7 +23,7 @@ const stringsIn = (text) => [...text.matchAll(strings)].map(([, ...kinds]) => ki
 
 // What is thrown, and the sentences.
 const errors = sources.flatMap((text) => [
-  ...[...text.matchAll(/\b(?:throw |\w*[Ee]rror\(|abandon\w*\(|problem = )[^;]*;/g)]
+  ...[...text.matchAll(/\b(?:throw |\w*[Ee]rror\(|abandon\w*\(|(?:problem|message) = |words: )[^;]*;/g)]
     .flatMap(([statement]) => stringsIn(statement)),
   ...stringsIn(text.replace(/std::printf\([^;]*;/g, '')).filter((found) =>
     /^[A-Z][A-Z_a-z]* [a-z]/.test(found) && !found.startsWith('Trying')),
