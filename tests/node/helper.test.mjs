@@ -1,7 +1,7 @@
 // A parent and stream clients with the real helper. ffmpeg decodes the movies.
 
 import assert from 'node:assert/strict';
-import { execFileSync } from 'node:child_process';
+import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import { existsSync, readFileSync, statSync, utimesSync, writeFileSync } from 'node:fs';
 import { test } from 'node:test';
@@ -173,6 +173,19 @@ test('a refused hello, a full house and a helper that is gone differ', async (co
   await Promise.all(reading);
   await helper.stop();
   await assert.rejects(connectStream({ port, token }), { code: 'UNREACHABLE' });
+});
+
+test('connecting has a limit', async (context) => {
+  // Its queue has two places, and it accepts nobody.
+  const listen = `require('net').createServer().listen(0, '127.0.0.1', 1, function () {
+    console.log(this.address().port);
+    process.kill(process.pid, 'SIGSTOP');
+  })`;
+  const server = spawn(process.execPath, ['-e', listen], { stdio: ['ignore', 'pipe', 'inherit'] });
+  context.after(() => server.kill('SIGKILL'));
+  const port = Number((await once(server.stdout, 'data'))[0]);
+  const to = { port, token: 'x'.repeat(16), connectTimeout: 100 };
+  await assert.rejects(Promise.all([1, 2, 3].map(() => connectStream(to))), { code: 'UNREACHABLE' });
 });
 
 test('frames get their memory back, and none while the helper is behind', async (context) => {

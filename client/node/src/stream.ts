@@ -18,6 +18,8 @@ export interface StreamOptions {
   token: string;
   /** Closes the connection; the reading loop then throws an AbortError. */
   signal?: AbortSignal;
+  /** Milliseconds in which the connection must be made; 5,000 by default. */
+  connectTimeout?: number;
   /**
    * `automatic`, the default: a frame is acknowledged when the loop takes it. `manual`: the caller
    * acknowledges it. The helper drops a client that takes longer than 0.5 s.
@@ -26,7 +28,7 @@ export interface StreamOptions {
 }
 
 /**
- * `UNREACHABLE`: the connection could not be made; `cause` is the system's error.
+ * `UNREACHABLE`: the connection could not be made, or not in time; `cause` says why.
  * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
  * `REFUSED`: the token is wrong.
  * `CLOSED`: the helper has ended.
@@ -140,17 +142,19 @@ async function whyRefused(address: Address): Promise<Refusal> {
 }
 
 /**
- * Connects and sends the token. Rejects with a StreamError if nobody listens, with an AbortError,
- * or with an ArgumentError for a token that no helper has. If the helper refuses it, the loop
- * throws.
+ * Connects and sends the token. Rejects with a StreamError if nobody listens or answers in time,
+ * with an AbortError, or with an ArgumentError for a token that no helper has. If the helper refuses
+ * it, the loop throws.
  */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {
   const { host = '127.0.0.1', port, token, signal, acknowledgement = 'automatic' } = options;
+  const limit = AbortSignal.timeout(options.connectTimeout ?? 5000);
   checkToken(token);
   const socket = connect({ host, port, noDelay: true, signal });
   try {
-    await once(socket, 'connect');
+    await once(socket, 'connect', { signal: limit });
   } catch (cause) {
+    socket.destroy();
     if (signal?.aborted) throw cause;
     throw new StreamError('UNREACHABLE', 'no helper listens there', { cause });
   }
