@@ -14,6 +14,8 @@ export interface ReadyEvent {
   recordingMirror: boolean;
   recordingProfiles: boolean;
   recordingTimebase: boolean;
+  /** Only with `sound`. */
+  recordingSound?: true;
 }
 
 /** Counters run from the start of the helper. */

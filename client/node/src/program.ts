@@ -7,7 +7,8 @@ import { StartError } from './start_error.js';
 
 const programName = 'lumora-video';
 const variable = 'LUMORA_VIDEO_PATH';
-const platformPackage = `lumora-video-${process.platform}-${process.arch}`;
+const platform = `${process.platform}-${process.arch}`;
+const platformPackage = `${programName}-${platform}`;
 
 function isExecutable(path: string): boolean {
   try {
@@ -56,8 +57,9 @@ export async function findProgram(
     .map((folder) => join(folder, programName))
     .find(isExecutable);
   if (found) return found;
+  if (process.platform !== 'linux') throw notFound(`there is no lumora-video for ${platform}`);
   throw notFound(
-    `${programName} was not found: install the npm package "${platformPackage}" or the Debian ` +
-      `package "${programName}", or name the program in ${variable} or the option "program"`,
+    `${programName} was not found: install the npm package "${programName}-linux-x64" or the ` +
+      `Debian package "${programName}", or name the program in ${variable} or the option "program"`,
   );
 }
