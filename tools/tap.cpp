@@ -8,6 +8,8 @@
 // this. A frame is acknowledged once it is written, so a slow reader gets fewer frames. If the
 // stream breaks off, the tap retries. It gives up after ten seconds (or SECONDS) without a packet.
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -99,10 +101,10 @@ std::optional<Options> parseOptions(const std::vector<std::string_view>& argumen
     if (++word == arguments.end() || !applyOption(name, *word, options)) return std::nullopt;
   }
   const char* token = std::getenv("TAVO_VIDEO_TOKEN");  // NOLINT(concurrency-mt-unsafe): one thread
-  if (named.empty() || named.size() > 2 || token == nullptr) return std::nullopt;
+  if (named.empty() || named.size() > 2) return std::nullopt;
   if (!tools::parseNumber(named[0], options.helper.port)) return std::nullopt;
   if (named.size() == 2) options.helper.host = named[1];
-  options.helper.token = token;
+  if (token != nullptr) options.helper.token = token;
   return options;
 }
 
@@ -115,6 +117,15 @@ int main(int argc, char** argv) try {
                  "usage: TAVO_VIDEO_TOKEN=... %s PORT [HOST] [--format h264|flv] [--times "
                  "ids|arrival] [--patience SECONDS]\n",
                  argv[0]);
+    return 2;
+  }
+  if (options->helper.token.empty()) {
+    std::fputs("TAVO_VIDEO_TOKEN is not set. Give it the helper's token.\n", stderr);
+    return 2;
+  }
+  if (isatty(STDOUT_FILENO) == 1) {
+    std::fputs("Standard output is a terminal. Pipe it into a player, such as ffplay -f h264 -\n",
+               stderr);
     return 2;
   }
   std::fprintf(stderr, "%s\n", tap(*options).c_str());
