@@ -1,5 +1,7 @@
 // The real helper while its calls fail, one at a time, and when the power fails.
 
+#include <lumora/recover.h>
+
 #include <csignal>
 #include <fstream>
 #include <set>
@@ -55,12 +57,6 @@ void replay(const std::string& log,
   }
 }
 
-int countFramesOf(const Pixels& movie, const std::string& scratch) {
-  std::ofstream(scratch, std::ios::binary)
-      .write(reinterpret_cast<const char*>(movie.data()), std::ssize(movie));
-  return countFrames(scratch);
-}
-
 struct Faults : HelperTest {
 #if defined(__SANITIZE_THREAD__)
   void SetUp() override { GTEST_SKIP() << "this sanitizer must be the first library"; }
@@ -95,8 +91,10 @@ struct Faults : HelperTest {
   }
   void feedAll() {
     const Pixels pixels = quarters(tiny);
-    for (int i = 0; i < frames && helper->writePixels(tiny, ++lastID, pixels); ++i)
+    for (int i = 0; i < frames && helper->writePixels(tiny, ++lastID, pixels); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      if (hasSound) feedSound(uptime() * speed);
+    }
   }
   const std::map<std::string, std::string>& takeOne() {
     startTake(keys);
@@ -131,10 +129,12 @@ struct Faults : HelperTest {
     return exit;
   }
   // Makes each call of a kind fail, one in each run, and calls `look`. Of calls that come often,
-  // each of the first is tried, then ever fewer.
+  // each of the first is tried, then ever fewer: with sound fewer than without, which is tried,
+  // too.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
-    const auto next = [](long nth) { return nth + 1 + (nth < (sanitized ? 2 : 40) ? 0 : nth / 8); };
+    const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
+    const auto next = [&](long nth) { return nth + 1 + (nth < all ? 0 : nth / divisor); };
     long nth = 1;
     for (bool hit = true; hit; nth = next(nth)) {
       SCOPED_TRACE(before + call + " " + std::to_string(nth));
@@ -178,41 +178,81 @@ struct Faults : HelperTest {
   Environment environment;
   Event keys = smallTake;
   int frames = 6;  // of a take
+  int speed = 1;   // of the helper's clock
+  bool hasSound = false;
 
   // What the helper has said.
   std::map<std::string, std::map<std::string, std::string>> takes;  // path by state, by id
   std::string error, said;
 };
 
-TEST_F(Faults, EveryFailingCallIsReportedAndNoMovieIsLost) {
+// Takes without and with sound.
+struct FaultyTakes : Faults, testing::WithParamInterface<bool> {
+  FaultyTakes() {
+    hasSound = GetParam();
+    if (!hasSound) return;
+    environment["TAVO_SOUND"] = "48000x2";
+    keys["sound"] = true;
+  }
+  // What recovery makes of a staging file that is left like this.
+  Decoded recover(const Pixels& left) const {
+    const auto place = folder / "left";
+    std::filesystem::create_directory(place);
+    const std::string file = fileOf(place / std::filesystem::path(stagingPath()).filename(), left);
+    const auto now = std::filesystem::file_time_type::clock::now();
+    std::filesystem::last_write_time(file, now - std::chrono::minutes(2));
+    const auto take = client::recoverTakes(place, helperProgram()).at(0);
+    const Decoded movie = take.path.empty() ? Decoded{} : decode(take.path);
+    EXPECT_EQ(static_cast<std::uint64_t>(movie.frames), take.frames) << take.left;
+    std::filesystem::remove_all(place);
+    return movie;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(, FaultyTakes, testing::Bool(), [](const auto& info) {
+  return info.param ? "WithSound" : "WithoutSound";
+});
+
+TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   const std::string noRename = "renameat2:0:22,";  // a file system that can't rename exclusively
   const std::string noRoom = "fallocate:0:95,";    // or can't reserve room
   const std::string recovered = recoveredPath();
   // The call, what fails anyway, the path that is saved if the call does not fail.
-  std::vector<std::array<std::string, 3>> kinds = {
-      {"write", noRoom, path}, {"link", noRename, path}, {"unlink", noRename, path}};
-  if (!sanitized) {  // a sanitizer has a heap of its own, and looks at memory through pipes
-    kinds.insert(kinds.end(), {{"malloc", "", path},
-                               {"malloc", "fdatasync:1,", ""},
-                               {"malloc", "renameat2:1:17,", recovered},
-                               {"pipe", "", path}});
+  std::vector<std::array<std::string, 3>> kinds;
+  // A sanitizer has a heap of its own, and looks at memory through pipes.
+  if (!hasSound) {
+    kinds = {{"write", noRoom, path}, {"link", noRename, path}, {"unlink", noRename, path}};
+    if (!sanitized) {
+      kinds.insert(kinds.end(), {{"malloc", "", path},
+                                 {"malloc", "fdatasync:1,", ""},
+                                 {"malloc", "renameat2:1:17,", recovered},
+                                 {"pipe", "", path}});
+    }
+  } else if (!sanitized && canFailCodec()) {
+    // From the take's first picture on, before its encoder of sound is opened.
+    kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }
   std::istringstream others(
-      "open read pwrite fdatasync fsync renameat2 ftruncate fallocate pthread_create socket bind "
-      "listen accept recv sendmsg epoll_ctl epoll_create1 eventfd timerfd_create timerfd_settime "
-      "close");
+      hasSound ? "read pwrite fdatasync fallocate pthread_create"
+               : "open read pwrite fdatasync fsync renameat2 ftruncate fallocate pthread_create "
+                 "socket bind listen accept recv sendmsg epoll_ctl epoll_create1 eventfd "
+                 "timerfd_create timerfd_settime close");
   for (std::string call; others >> call;) kinds.push_back({call, "", path});
   if (canFailCodec()) kinds.push_back({"avcodec_send_frame", "", path});
   for (const auto& [call, before, wanted] : kinds) {
-    sweep(before, call, !wanted.empty(), [&](const client::Exited& exit, long nth) {
+    sweep(before, call, !wanted.empty() && !hasSound, [&](const client::Exited& exit, long nth) {
       judge(exit, call);
       const bool hit = hasHit();
       const std::string saved = takes[takeID]["saved"];
       EXPECT_TRUE(saved == wanted || (hit && call != "unlink")) << saved << said;
       // The first sync is of the staging file's name, the second of the movie's.
       EXPECT_TRUE(call != "fsync" || !hit || saved.empty() == (nth == 1));
-      for (const std::string& movie : std::set{path, saved})
-        EXPECT_EQ(std::filesystem::exists(movie) ? decodeErrors(movie) : "", "");
+      for (const std::string& movie : std::set{path, saved}) {
+        if (!std::filesystem::exists(movie)) continue;
+        EXPECT_EQ(decodeErrors(movie), "");
+        const Decoded all = decode(movie);
+        EXPECT_NEAR(all.sound, hasSound ? all.pictures : 0, 0.03);
+      }
     });
   }
 }
@@ -297,11 +337,13 @@ TEST_F(Faults, AFailedTakeKeepsWhatWasOnTheDisk) {
   expectKept(failed);
 }
 
-// The third sync is of the second fragment. Its failure starts a rescue, which may fail as well.
-TEST_F(Faults, WhateverFailsATakeThatKeepsLosesNothingThatWasOnTheDisk) {
+// The sync of the second fragment of pictures fails. That starts a rescue, which may fail as well.
+TEST_P(FaultyTakes, ThatKeepLoseNothingThatWasOnTheDiskWhateverFails) {
   if (sanitized) GTEST_SKIP() << "the clock of a sanitized helper can't run faster";
   const std::string log = folder / "log";
-  environment = {{"LUMORA_SPEED", "10"}, {"LUMORA_DISK_LOG", log}, {"LUMORA_DISK_FOLDER", folder}};
+  environment.insert(
+      {{"LUMORA_SPEED", "10"}, {"LUMORA_DISK_LOG", log}, {"LUMORA_DISK_FOLDER", folder}});
+  speed = 10;
   keys["on_failure"] = "keep";
   frames = 18;
   int rescued = 0;
@@ -313,19 +355,23 @@ TEST_F(Faults, WhateverFailsATakeThatKeepsLosesNothingThatWasOnTheDisk) {
       hasFailed = hasFailed || entry.kind == DiskLogEntry::failed;
       if (!hasFailed) atFailure = disk.durable;
     });
-    const int synced = countFramesOf(atFailure, folder / "cut.mp4");
-    int left = 0;
+    const Decoded synced = decode(fileOf(folder / "cut.mp4", atFailure));
+    Decoded left;
     for (const std::string& movie : {path, recoveredPath(), stagingPath()}) {
       if (!std::filesystem::exists(movie)) continue;
       EXPECT_EQ(decodeErrors(movie), "");
-      left = std::max(left, countFrames(movie));
+      const Decoded all = decode(movie);
+      if (all.frames > left.frames) left = all;
     }
-    EXPECT_GE(left, synced) << said;
-    rescued += hasFailed && synced > 0 && !takes[takeID].contains("saved") ? 1 : 0;
+    EXPECT_GE(left.frames, synced.frames) << said;
+    // A movie ends with its pictures.
+    EXPECT_GT(left.sound + 0.03, std::min(synced.sound, left.pictures)) << said;
+    rescued += hasFailed && synced.frames > 0 && !takes[takeID].contains("saved") ? 1 : 0;
   };
   const std::map<std::string, std::string> kinds = {
       {"", "open pwrite fdatasync fsync renameat2 ftruncate fallocate close avcodec_send_frame"},
-      {"fdatasync:3,", "pwrite fdatasync fsync renameat2 ftruncate pthread_create malloc"}};
+      {hasSound ? "fdatasync:5," : "fdatasync:3,",
+       "pwrite fdatasync fsync renameat2 ftruncate pthread_create malloc"}};
   for (const auto& [before, list] : kinds) {
     std::istringstream calls(list);
     std::string call;
@@ -333,22 +379,30 @@ TEST_F(Faults, WhateverFailsATakeThatKeepsLosesNothingThatWasOnTheDisk) {
       if (call != "avcodec_send_frame" || canFailCodec()) sweep(before, call, false, look);
     }
   }
-  EXPECT_GT(rescued, 20);
+  EXPECT_GT(rescued, hasSound ? 10 : 20);
 }
 
-TEST_F(Faults, APowerCutCostsAtMostASecondAndNothingOfASavedMovie) {
+TEST_P(FaultyTakes, LoseAtMostASecondByAPowerCutAndNothingOnceTheyAreSaved) {
   const std::string place = folder / "place", log = folder / "log";
   std::filesystem::create_directory(place);
   path = place + "/take.mp4";
   ASSERT_TRUE(startWith("", {{"LUMORA_DISK_LOG", log}, {"LUMORA_DISK_FOLDER", place}}));
-  startTake({{"resolution", "640x360"}, {"target_fps", 60}, {"cadence", "steady"}});
-  feedPaced(120, 60, tiny);
+  keys["cadence"] = "steady";
+  startTake(keys);
+  int count = 120;
+  const auto isEnough = [&] {
+    if (hasSound) feedSound(uptime());
+    return count-- == 0;
+  };
+  feedUntil(isEnough, tiny);
   const int all = saveTake()["frames"];
   EXPECT_EQ(finish(), 0);
 
   // A fragment has half a second at most. One may be incomplete in memory, and one in a write.
   constexpr int fragment = 32;
-  const auto framesOf = [&](const Pixels& file) { return countFramesOf(file, folder / "cut.mp4"); };
+  const auto framesOf = [&](const Pixels& file) {
+    return countFrames(fileOf(folder / "cut.mp4", file));
+  };
   DiskLogEntry last{};
   Pixels left;
   replay(log, [&](const DiskLogEntry& entry, const DiskContents& disk) {
@@ -357,7 +411,11 @@ TEST_F(Faults, APowerCutCostsAtMostASecondAndNothingOfASavedMovie) {
     const std::size_t writes = disk.pending.size();
     const int issued = framesOf(disk.with(0, writes));
     SCOPED_TRACE(std::to_string(entry.kind) + " at " + std::to_string(entry.offset));
-    const auto expect = [&](const Pixels& file) { EXPECT_GE(framesOf(file) + fragment, issued); };
+    const auto expect = [&](const Pixels& file) {
+      const Decoded movie = recover(file);
+      EXPECT_GE(movie.frames + fragment, issued);
+      EXPECT_GE(movie.sound + (hasSound ? 0.25 : 0), hasSound ? movie.pictures : 0);
+    };
     expect(disk.durable);
     for (std::size_t i = 0; i < writes; ++i) {
       expect(disk.with(0, i));

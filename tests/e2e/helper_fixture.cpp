@@ -12,6 +12,8 @@ extern "C" {
 #include <cmath>
 #include <csignal>
 #include <fstream>
+#include <numbers>
+#include <span>
 
 namespace lumora::tests {
 
@@ -40,15 +42,19 @@ Pixels bytesOf(const std::string& path) {
   return Pixels(std::istreambuf_iterator<char>(file), {});
 }
 
+std::string fileOf(const std::string& path, const Pixels& bytes) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+  return path;
+}
+
 void ffmpeg(const std::string& arguments) {
   EXPECT_EQ(outputOf("ffmpeg -v error -xerror -nostdin -y " + arguments), "");
 }
 
 Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments) {
-  const std::string raw = file + ".rgba";
-  std::ofstream(raw, std::ios::binary)
-      .write(reinterpret_cast<const char*>(picture.data()), std::ssize(picture));
+  const std::string raw = fileOf(file + ".rgba", picture);
   ffmpeg("-f rawvideo -pix_fmt rgba -video_size " + text(size) + " -i " + raw + " -vf " +
          arguments + " " + file);
   return bytesOf(file);
@@ -83,29 +89,41 @@ void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
   }
 }
 
-int countFrames(const std::string& path) {
+Decoded decode(const std::string& path) {
   av_log_set_level(AV_LOG_QUIET);
   AVFormatContext* file = nullptr;
-  if (avformat_open_input(&file, path.c_str(), nullptr, nullptr) != 0) return 0;
-  int count = 0;
-  if (file->nb_streams == 1) {
-    AVCodecContext* decoder = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
-    decoder->err_recognition = AV_EF_EXPLODE;
-    avcodec_parameters_to_context(decoder, file->streams[0]->codecpar);
-    avcodec_open2(decoder, nullptr, nullptr);
-    static AVPacket* const packet = av_packet_alloc();
-    static AVFrame* const frame = av_frame_alloc();
-    for (bool sound = true; sound;) {
-      sound = av_read_frame(file, packet) == 0 && (packet->flags & AV_PKT_FLAG_CORRUPT) == 0 &&
-              avcodec_send_packet(decoder, packet) == 0;
-      if (!sound) avcodec_send_packet(decoder, nullptr);
-      while (avcodec_receive_frame(decoder, frame) == 0) ++count;
-      av_packet_unref(packet);
-    }
+  Decoded all;
+  if (avformat_open_input(&file, path.c_str(), nullptr, nullptr) != 0) return all;
+  std::vector<AVCodecContext*> decoders;
+  for (const AVStream* track : std::span(file->streams, file->nb_streams)) {
+    decoders.push_back(avcodec_alloc_context3(avcodec_find_decoder(track->codecpar->codec_id)));
+    decoders.back()->err_recognition = AV_EF_EXPLODE;
+    avcodec_parameters_to_context(decoders.back(), track->codecpar);
+    avcodec_open2(decoders.back(), nullptr, nullptr);
+  }
+  static AVPacket* const packet = av_packet_alloc();
+  static AVFrame* const frame = av_frame_alloc();
+  const auto feed = [&](AVCodecContext* decoder, const AVPacket* next) {
+    const bool isTaken = avcodec_send_packet(decoder, next) == 0;
+    while (avcodec_receive_frame(decoder, frame) == 0)
+      all.frames += decoder->codec_type == AVMEDIA_TYPE_VIDEO ? 1 : 0;
+    return isTaken;
+  };
+  while (av_read_frame(file, packet) == 0 && (packet->flags & AV_PKT_FLAG_CORRUPT) == 0) {
+    AVCodecContext* const decoder = decoders.at(static_cast<std::size_t>(packet->stream_index));
+    if (!feed(decoder, packet)) break;
+    const AVRational unit = file->streams[packet->stream_index]->time_base;
+    double& end = decoder->codec_type == AVMEDIA_TYPE_VIDEO ? all.pictures : all.sound;
+    end = std::max(end, static_cast<double>(packet->pts + packet->duration) * av_q2d(unit));
+    av_packet_unref(packet);
+  }
+  av_packet_unref(packet);
+  for (AVCodecContext*& decoder : decoders) {
+    feed(decoder, nullptr);
     avcodec_free_context(&decoder);
   }
   avformat_close_input(&file);
-  return count;
+  return all;
 }
 
 Event probe(const std::string& path) {
@@ -148,6 +166,7 @@ void HelperTest::launch(Arguments arguments, Environment environment) {
                             slots ? slots->descriptor() : -1, format.text()});
   pthread_sigmask(SIG_SETMASK, &usual, nullptr);
   lastID = 0;
+  heardUntil = 0;
   takeID.back() = '0';
 }
 
@@ -191,6 +210,24 @@ void HelperTest::feedUntil(const std::function<bool()>& isEnough, FrameSize size
     std::this_thread::sleep_until(due);
     due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
     feed(size, pictures[i % pictures.size()]);
+  }
+}
+
+void HelperTest::feedSound(double until, double loudFrom) {
+  constexpr int rate = 48000, count = rate / 50;
+  constexpr double length = 1.0 * count / rate;
+  if (heardUntil == 0) heardUntil = until - length;
+  for (; heardUntil + length < until + 1e-6; heardUntil += length) {
+    std::vector<std::int16_t> samples;
+    for (int i = 0; i < count; ++i) {
+      const double since = heardUntil + 1.0 * i / rate - loudFrom;
+      const double level = since < 0 ? 0 : 20'000 * std::sin(2000 * std::numbers::pi * since);
+      samples.insert(samples.end(), 2, static_cast<std::int16_t>(level));
+    }
+    const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(std::int16_t));
+    const auto id = static_cast<std::uint64_t>(std::llround(heardUntil * 1e6));
+    helper->writeBytes(client::recordHeader(bytes, 0, 0, id));
+    helper->writeBytes({reinterpret_cast<const std::uint8_t*>(samples.data()), bytes});
   }
 }
 

@@ -86,6 +86,7 @@ Pixels quarters(FrameSize size, const Quarters& colours = usualColours);
 inline Pixels plain(FrameSize size, Rgb one) { return quarters(size, {one, one, one, one}); }
 std::string text(FrameSize size);  // "640x360"
 Pixels bytesOf(const std::string& path);
+std::string fileOf(const std::string& path, const Pixels& bytes);  // returns the path
 
 // Converts colours exactly. Options such as ":out_range=full" may follow.
 inline const std::string exactScale = "scale=flags=accurate_rnd+full_chroma_int+full_chroma_inp";
@@ -100,10 +101,16 @@ Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
 void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
                     const Quarters& colours = usualColours);
 
-// How many pictures libavcodec decodes before the first error.
-int countFrames(const std::string& path);
+// What libavcodec decodes of a movie before the first error.
+struct Decoded {
+  int frames = 0;
+  double pictures = 0;  // the end of the last picture, in seconds; 0: there is none
+  double sound = 0;     // the end of the last sound
+};
+Decoded decode(const std::string& path);
+inline int countFrames(const std::string& path) { return decode(path).frames; }
 
-// What ffprobe says of the only stream of a file. Throws when it has none.
+// What ffprobe says of the first stream of a file. Throws when it has none.
 Event probe(const std::string& path);
 
 // Expects these keys and values in `event`, which may have more.
@@ -172,6 +179,9 @@ class HelperTest : public testing::Test {
                  const std::vector<Pixels>& pictures = {}) {
     feedUntil([&] { return count-- == 0; }, size, pictures, framesPerSecond);
   }
+  // Feeds sound of 48 kHz in stereo, captured up to this time of the helper's clock, in records of
+  // 20 ms: a tone of 1 kHz, and silence before `loudFrom`.
+  void feedSound(double until, double loudFrom = 0);
   // Feeds this picture until a new client has `count` frames. Returns all that the client got.
   std::vector<Packet> stream(FrameSize size, const Pixels& picture, int count);
   std::string writeStream(const std::vector<Packet>& packets) const;  // returns the file's path
@@ -210,6 +220,7 @@ class HelperTest : public testing::Test {
   std::unique_ptr<HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;
+  double heardUntil = 0;  // where the next sound begins; 0: anywhere
   std::string path;
   std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
 };

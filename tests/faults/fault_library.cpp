@@ -49,7 +49,7 @@ using lumora::tests::DiskLogEntry;
 struct Fault {
   std::array<char, 24> kind{};
   long nth = 0;
-  int error = 0;
+  double error = 0;
   std::atomic<long> calls = 0;
 };
 
@@ -93,8 +93,8 @@ bool fails(const char* kind, int usualError) {
     if (const char* hit = std::getenv("LUMORA_FAULT_HIT"); hit && &fault == lastFault)
       mknod(hit, S_IFREG | 0600, 0);
     log(-1, DiskLogEntry::failed);
-    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error) * 1'000'000) != 0;
-    errno = fault.error != 0 ? fault.error : usualError;
+    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error * 1e6)) != 0;
+    errno = fault.error != 0 ? static_cast<int>(fault.error) : usualError;
     return true;
   }
   return false;
@@ -106,7 +106,7 @@ int armedMain(int count, char** arguments, char** environment) {
   const char* text = std::getenv("LUMORA_FAULT");
   for (Fault& fault : faults) {
     if (text == nullptr) break;
-    std::sscanf(text, "%23[a-z_0-9]:%ld:%d", fault.kind.data(), &fault.nth, &fault.error);
+    std::sscanf(text, "%23[a-z_0-9]:%ld:%lf", fault.kind.data(), &fault.nth, &fault.error);
     lastFault = &fault;
     text = std::strchr(text, ',');
     if (text != nullptr) ++text;
