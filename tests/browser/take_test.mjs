@@ -1,5 +1,5 @@
 // VideoFrames of Chromium's fake camera become a take. Takes, also failed ones and those of a killed
-// helper, play and seek in Chromium and keep their colours.
+// helper, play and seek in Chromium with their sound, and keep their colours.
 //
 //   node take_test.mjs HELPER DEMO CHROMIUM    client/node must be built
 
@@ -8,7 +8,7 @@ import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import { test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { startHelper } from '../../client/node/dist/esm/index.js';
+import { startHelper, uptime } from '../../client/node/dist/esm/index.js';
 import { folder, inFolder } from '../parent.mjs';
 import { browser } from './browser.mjs';
 
@@ -18,15 +18,16 @@ const page = await browser.newPage();
 fs.writeFileSync(inFolder('page.html'), '<!doctype html><video muted></video>');
 await page.goto(`file://${folder}/page.html`);
 
-async function startTake(context, name, format, options) {
-  const helper = await startHelper({ program, format });
+async function startTake(context, name, formats, options) {
+  const helper = await startHelper({ program, ...formats });
   context.after(() => helper.stop());
   return { helper, take: await helper.startTake({ path: inFolder(name), ...options }) };
 }
 
-// Plays the movie, seeks, and returns its duration and the picture at that time, in RGBA.
+// Plays the movie, seeks, and returns its duration, how many bytes of sound were decoded, and the
+// picture at that time, in RGBA.
 async function show(path, time) {
-  const { duration, base64 } = await page.evaluate(async ([path, time]) => {
+  const { base64, ...seen } = await page.evaluate(async ([path, time]) => {
     const video = document.querySelector('video');
     const event = (wanted) => new Promise((resolve, reject) => {
       video[`on${wanted}`] = resolve;
@@ -45,15 +46,17 @@ async function show(path, time) {
     const context = new OffscreenCanvas(width, height).getContext('2d');
     context.drawImage(video, 0, 0);
     const { data } = context.getImageData(0, 0, width, height);
-    return { duration: video.duration, base64: new Uint8Array(data.buffer).toBase64() };
+    return { duration: video.duration, soundBytes: video.webkitAudioDecodedByteCount,
+      base64: new Uint8Array(data.buffer).toBase64() };
   }, [path, time]);
-  return { duration, pixels: Buffer.from(base64, 'base64') };
+  return { ...seen, pixels: Buffer.from(base64, 'base64') };
 }
 
 test('a camera track becomes a take that shows what the camera showed', async (context) => {
   let starting;
   await page.exposeFunction('feed', async (format, size, base64) => {
-    starting ??= startTake(context, 'camera.mp4', format, { resolution: '640x360', targetFps: 30 });
+    const profile = { resolution: '640x360', targetFps: 30 };
+    starting ??= startTake(context, 'camera.mp4', { format }, profile);
     return (await starting).helper.writeFrame(size, Buffer.from(base64, 'base64')).done;
   });
   const last = await page.evaluate(async (module) => {
@@ -73,7 +76,8 @@ test('a camera track becomes a take that shows what the camera showed', async (c
   const { path, frames } = await (await starting).take.stop();
   assert.ok(frames > 35, `${frames} of 40`);
   const wanted = Buffer.from(last, 'base64');
-  const { pixels } = await show(path, 99);
+  const { pixels, soundBytes } = await show(path, 99);
+  assert.equal(soundBytes, 0);
   const difference = pixels.reduce((sum, value, i) => sum + Math.abs(value - wanted[i]), 0);
   assert.ok(pixels.length === wanted.length && difference / wanted.length < 3, `${difference}`);
 });
@@ -94,17 +98,24 @@ const endings = {
     helper.writeFrame({ width: 540, height: 360 }, stripes.subarray(0, 540 * 360 * 4)),
 };
 for (const [name, end] of Object.entries(endings)) {
-  test(`a take ${name} plays and seeks in its colours`, async (context) => {
-    const { helper, take } = await startTake(context, `${name}.mp4`, 'rgba,top');
+  test(`a take ${name} plays with its sound and seeks in its colours`, async (context) => {
+    const sound = { rate: 48000, channels: 1 };
+    const formats = { format: 'rgba,top', sound };
+    const { helper, take } = await startTake(context, `${name}.mp4`, formats, { sound: true });
+    let heard = uptime();
     const saved = take.saved.then(({ path }) => path,
       ({ kept }) => kept?.path ?? toMovieName(take));
     for (let number = 1; number <= 200; number += 1) {
       await helper.writeFrame({ width: 1080, height: 720 }, stripes).done;
       await sleep(15);
+      const noise = Int16Array.from({ length: (uptime() - heard) * sound.rate },
+        (_, i) => i * 7919 % 2000);
+      helper.writeSound(noise, heard);
+      heard += noise.length / sound.rate;
     }
     end(helper, take);
-    const { pixels, duration } = await show(await saved, 1.5);
-    assert.ok(duration > 2, `${duration} s`);
+    const { pixels, duration, soundBytes } = await show(await saved, 1.5);
+    assert.ok(duration > 2 && soundBytes > 0, `${duration} s, ${soundBytes} bytes of sound`);
     for (let at = (360 * 1080 + 90) * 4; at < 361 * 1080 * 4; at += 180 * 4) { // inside each stripe
       const [seen, sent] = [pixels, stripes].map((all) => [...all.subarray(at, at + 3)]);
       assert.ok(seen.every((value, i) => Math.abs(value - sent[i]) <= 2), `${seen}, not ${sent}`);
