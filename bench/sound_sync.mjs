@@ -1,7 +1,9 @@
 // Records a test card that flashes and beeps at the same instant, with sound devices whose clocks
-// are wrong, and prints how far the beeps of the movies are from their flashes. ffmpeg decodes.
-// Ends with 1 if a beep is more than 10 ms off. The helper's clock runs SPEED times as fast as the
-// real one.
+// are wrong, and prints how far the beeps of the movies are from their flashes. A minute of a sine
+// then shows what the helper adds to the sound of each device. ffmpeg decodes. Ends with 1 if a
+// beep is more than 10 ms off, or if something beside the sine is louder than -60 dB. The helper's
+// clock runs SPEED times as fast as the real one, so some pictures are lost. Each of a flash tells
+// when that began.
 //
 //   node sound_sync.mjs HELPER LIBRARY_OF_FAULTS SPEED MINUTES
 
@@ -15,13 +17,16 @@ const [helper, library, speed, minutes] = process.argv.slice(2).map((word, i) =>
   i < 2 ? word : Number(word));
 const uptime = () => Number(process.hrtime.bigint()) / 1e9 * speed; // seconds of the helper's time
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
-const [fps, soundRate, perRecord] = [30, 48000, 960];
+const [fps, soundRate, perRecord] = [15, 48000, 960];
+const brightness = [235, 185, 135]; // of the pictures of a flash
 // Of flashes and beeps, in seconds. A frame at the very end of a flash is dark.
-const [period, length] = [10, 0.1 - 1e-6];
+const [period, length] = [10, brightness.length / fps - 1e-6];
 const size = [160, 90];
-const tolerance = 0.010;
+const tolerance = 0.010; // seconds
+const fullScale = 32768;
+const [sineHertz, mostBeside] = [1000, -60]; // dB of a full-scale sine
 
-// `capture` maps a time of the device to the time at which it was captured; null: nothing was.
+// `capture` maps a time of the device to the time at which it was captured.
 const devices = {
   'an exact clock': (time) => time,
   '100 ppm fast': (time) => time / (1 + 100e-6),
@@ -34,39 +39,45 @@ const isOn = (time) => time >= period && time % period < length;
 
 function pictureAt(time) {
   const picture = Buffer.alloc(size[0] * size[1] * 1.5, 128);
-  return picture.fill(isOn(time) ? 235 : 16, 0, size[0] * size[1]);
+  const luma = isOn(time) ? brightness[Math.round(time % period * fps)] : 16;
+  return picture.fill(luma, 0, size[0] * size[1]);
 }
 
-// What the device hears from this time of its own on.
-function soundAt(start, capture) {
-  const samples = Buffer.alloc(perRecord * 2);
-  for (let n = 0; n < perRecord; ++n) {
-    const time = capture(start + n / soundRate);
-    if (isOn(time)) samples.writeInt16LE(Math.round(16000 * Math.sin(6283 * time)), n * 2);
-  }
-  return samples;
+const sine = (time) => 30000 * Math.sin(2 * Math.PI * sineHertz * time);
+const beep = (time) => (isOn(time) ? sine(time) : 0);
+
+// What the device hears of a `sound` from this time of its own on.
+function samplesAt(start, capture, sound) {
+  const samples = new Int16Array(perRecord);
+  for (let n = 0; n < perRecord; ++n)
+    samples[n] = Math.round(sound(capture(start + n / soundRate)));
+  return Buffer.from(samples.buffer);
 }
 
-// Feeds both as a camera and a microphone do, in the order of capture.
-async function film(stdin, seconds, capture) {
+// Feeds both as a camera and a microphone do. Never two pictures at once: the helper would leave
+// one out.
+async function film(stdin, seconds, capture, sound) {
   const begin = uptime();
   const microseconds = (time) => Math.round((begin + time) * 1e6);
   let [frame, record] = [0, 0];
   for (let now = 0; now < seconds; now = uptime() - begin) {
     const batch = [];
-    for (; frame / fps <= now; ++frame)
+    if (frame / fps <= now) {
       batch.push(recordOf(pictureAt(frame / fps), size, microseconds(frame / fps)));
+      ++frame;
+    }
     for (; capture((record + 1) * perRecord / soundRate) <= now; ++record) {
       const start = record * perRecord / soundRate;
       const late = (record * 7919 % 11) * 1e-4; // up to a millisecond, as drivers are
-      batch.push(recordOf(soundAt(start, capture), [0, 0], microseconds(capture(start) + late)));
+      const samples = samplesAt(start, capture, sound);
+      batch.push(recordOf(samples, [0, 0], microseconds(capture(start) + late)));
     }
     if (!stdin.write(Buffer.concat(batch))) await once(stdin, 'drain');
     await sleep(1);
   }
 }
 
-async function record(path, seconds, capture) {
+async function record(path, seconds, capture, sound) {
   const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: { ...environment,
     TAVO_FRAME_FORMAT: 'nv12', TAVO_SOUND: `${soundRate}x1`, TAVO_H264_ENCODER: 'software',
     LD_PRELOAD: library, LUMORA_SPEED: speed } });
@@ -79,7 +90,7 @@ async function record(path, seconds, capture) {
   await once(lines, 'ready');
   program.stdin.write(commandOf({ type: 'record_start', id, path, target_fps: fps,
     resolution: '640x360', cadence: 'steady', bit_rate: 250_000, sound: true }));
-  await film(program.stdin, seconds, capture);
+  await film(program.stdin, seconds, capture, sound);
   program.stdin.write(commandOf({ type: 'record_stop', id }));
   const [event] = await once(lines, 'saved');
   program.stdin.end();
@@ -92,12 +103,33 @@ function run(command, args) {
   return stdout;
 }
 
-// The centres of what is loud or bright, as [time, level] come.
-function centresOf(values) {
-  const centres = [];
+// When each flash began, as each of its pictures tells. A picture only counts beside the one before
+// or after it: alone it may have come too late, and then has the time at which it was read.
+function flashesOf(path) {
+  const shown = ['-show_entries', 'packet=pts_time', '-of', 'csv=p=0'];
+  const times = String(run('ffprobe', ['-v', 'error', '-select_streams', 'v', ...shown, path]))
+    .trim().split('\n').map(Number);
+  const grey = run('ffmpeg', ['-v', 'error', '-i', path, '-map', '0:v', '-fps_mode', 'passthrough',
+    '-vf', 'scale=1:1:flags=area,format=gray', '-f', 'rawvideo', '-']);
+  const isBeside = (i) => Math.abs(times[i] - times[i - 1] - 1 / fps) < 0.001;
+  return times.flatMap((time, i) => {
+    const number = brightness.findIndex((luma) => Math.abs((luma - 16) / 219 * 255 - grey[i]) < 20);
+    return number >= 0 && (isBeside(i) || isBeside(i + 1)) ? [time - number / fps] : [];
+  });
+}
+
+function samplesOf(path) {
+  const bytes = run('ffmpeg', ['-v', 'error', '-i', path, '-map', '0:a', '-f', 's16le', '-']);
+  return new Int16Array(bytes.buffer, bytes.byteOffset, bytes.length / 2);
+}
+
+// When each beep began.
+function beepsOf(path) {
+  const begins = [];
   let [sum, weighted, last] = [0, 0, -Infinity];
-  const close = () => { if (sum > 0) centres.push(weighted / sum); };
-  for (const [time, level] of values) {
+  const close = () => { if (sum > 0) begins.push(weighted / sum - length / 2); };
+  for (const [n, sample] of samplesOf(path).entries()) {
+    const [time, level] = [n / soundRate, (sample / fullScale) ** 2];
     if (level < 0.01) continue;
     if (time - last > 1) {
       close();
@@ -106,39 +138,89 @@ function centresOf(values) {
     [sum, weighted, last] = [sum + level, weighted + level * time, time];
   }
   close();
-  return centres;
+  return begins;
 }
 
-function* levelsOfPictures(path) {
-  const shown = ['-show_entries', 'packet=pts_time', '-of', 'csv=p=0'];
-  const times = String(run('ffprobe', ['-v', 'error', '-select_streams', 'v', ...shown, path]))
-    .trim().split('\n').map(Number);
-  const grey = run('ffmpeg', ['-v', 'error', '-i', path, '-map', '0:v', '-fps_mode', 'passthrough',
-    '-vf', 'scale=1:1:flags=area,format=gray', '-f', 'rawvideo', '-']);
-  // A picture is seen until the next one.
-  for (const [i, time] of times.entries()) yield [time + 0.5 / fps, grey[i] > 128 ? 1 : 0];
+// How far each beep is from its flash, by the picture of that which is farthest.
+function offsetsOf(beeps, flashes) {
+  return beeps.flatMap((time) => {
+    const offsets = flashes.map((flash) => time - flash)
+      .filter((offset) => Math.abs(offset) < period / 2)
+      .sort((a, b) => Math.abs(b) - Math.abs(a));
+    return offsets.length > 0 ? [{ time, offset: offsets[0] }] : [];
+  });
 }
 
-function* levelsOfSound(path) {
-  const bytes = run('ffmpeg', ['-v', 'error', '-i', path, '-map', '0:a', '-f', 's16le', '-']);
-  for (let n = 0; n * 2 < bytes.length; ++n)
-    yield [n / soundRate, (bytes.readInt16LE(n * 2) / 32768) ** 2];
+// The discrete Fourier transform of real values, whose number is a power of two. They become the real
+// parts; returns the imaginary ones.
+function transform(real) {
+  const count = real.length;
+  const imaginary = new Float64Array(count);
+  for (let i = 1, mirrored = 0; i < count; ++i) {
+    let bit = count >> 1;
+    for (; mirrored & bit; bit >>= 1) mirrored ^= bit;
+    mirrored ^= bit;
+    if (i < mirrored) [real[i], real[mirrored]] = [real[mirrored], real[i]];
+  }
+  for (let half = 1; half < count; half *= 2) {
+    for (let k = 0; k < half; ++k) {
+      const [x, y] = [Math.cos(Math.PI * k / half), -Math.sin(Math.PI * k / half)];
+      for (let a = k, b = k + half; a < count; a += 2 * half, b += 2 * half) {
+        const re = real[b] * x - imaginary[b] * y;
+        const im = real[b] * y + imaginary[b] * x;
+        real[b] = real[a] - re;
+        imaginary[b] = imaginary[a] - im;
+        real[a] += re;
+        imaginary[a] += im;
+      }
+    }
+  }
+  return imaginary;
+}
+
+// The loudest line beside the sine, in dB of a full-scale sine. Short windows show a click, which
+// long ones spread; long windows show lines close to the sine. The window is Blackman and Harris's:
+// its own lines are below -92 dB, and a sine has eight.
+function loudestBeside(samples) {
+  let most = 0;
+  for (const count of [1024, 16384]) {
+    const weights = Float64Array.from({ length: count }, (_, n) =>
+      [0.35875, -0.48829, 0.14128, -0.01168].reduce((sum, factor, k) =>
+        sum + factor * Math.cos(2 * Math.PI * k * n / count), 0));
+    const loudest = fullScale * weights.reduce((sum, weight) => sum + weight, 0) / 2;
+    const carrier = sineHertz / soundRate * count;
+    for (let at = 0; at + count <= samples.length; at += count / 4) {
+      const real = weights.map((weight, n) => weight * samples[at + n]);
+      const imaginary = transform(real);
+      for (let line = 0; line <= count / 2; ++line) {
+        if (Math.abs(line - carrier) <= 5) continue;
+        most = Math.max(most, Math.hypot(real[line], imaginary[line]) / loudest);
+      }
+    }
+  }
+  return 20 * Math.log10(most);
 }
 
 console.log(`
-| Device | Beeps | First | After 10 minutes | Last | Most | Gaps | Missing |
-|---|---|---|---|---|---|---|---|`);
+| Device | Beeps | Compared | First | After 10 minutes | Last | Most | Gaps | Missing | Beside a sine |
+|---|---|---|---|---|---|---|---|---|---|`);
 for (const [name, capture] of Object.entries(devices)) {
   const path = inFolder(`${name}.mp4`);
-  const event = await record(path, minutes * 60, capture);
-  const [flashes, beeps] = [levelsOfPictures(path), levelsOfSound(path)].map(centresOf);
-  const offsets = beeps.map((time, i) => time - flashes[i]);
-  const shown = (offset) => `${(offset * 1000).toFixed(1)} ms`;
-  const most = Math.max(...offsets.map(Math.abs));
-  console.log(`| ${[name, beeps.length, shown(offsets[0]), shown(offsets[60] ?? NaN),
-    shown(offsets.at(-1)), shown(most), event.sound_gaps,
-    `${event.sound_missing.toFixed(2)} s`].join(' | ')} |`);
-  if (beeps.length > 0 && beeps.length === flashes.length && most <= tolerance) continue;
-  console.error(`${path}: ${beeps.length} beeps, ${flashes.length} flashes`);
+  const event = await record(path, minutes * 60, capture, beep);
+  const beeps = beepsOf(path);
+  const offsets = offsetsOf(beeps, flashesOf(path));
+  const shown = (pair) => (pair ? `${(pair.offset * 1000).toFixed(1)} ms` : '');
+  const most = Math.max(...offsets.map(({ offset }) => Math.abs(offset)));
+  const sinePath = inFolder(`${name}, sine.mp4`);
+  await record(sinePath, 60, capture, sine);
+  const beside = loudestBeside(samplesOf(sinePath).subarray(soundRate, -soundRate));
+  console.log(`| ${[name, beeps.length, offsets.length, shown(offsets[0]),
+    shown(offsets.find(({ time }) => time > 600)), shown(offsets.at(-1)), shown({ offset: most }),
+    event.sound_gaps, `${event.sound_missing.toFixed(2)} s`, `${beside.toFixed(1)} dB`]
+    .join(' | ')} |`);
+  const sent = Math.ceil(minutes * 60 / period) - 1;
+  if (beeps.length === sent && offsets.length > sent / 2 && most <= tolerance &&
+    beside <= mostBeside) continue;
+  console.error(`${path}: ${sent} beeps were sent`);
   process.exitCode = 1;
 }
