@@ -209,8 +209,8 @@ struct FaultyTakes : Faults, testing::WithParamInterface<bool> {
   }
 };
 
-INSTANTIATE_TEST_SUITE_P(, FaultyTakes, testing::Bool(), [](const auto& info) {
-  return info.param ? "WithSound" : "WithoutSound";
+INSTANTIATE_TEST_SUITE_P(, FaultyTakes, testing::Bool(), [](const auto& test) {
+  return test.param ? "WithSound" : "WithoutSound";
 });
 
 TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
