@@ -17,7 +17,7 @@ namespace lumora {
 struct Configuration {
   std::string host = "127.0.0.1";
   std::uint16_t port = 0;  // 0: the system picks a free one
-  std::string token;
+  std::string token = {};
   std::int64_t previewWidth = 640;
   std::int64_t previewHeight = 360;
   bool exactPreviewDimensions = false;            // the size was given, it is not the default

@@ -42,10 +42,6 @@ TEST(FrameMemory, MapsTwoPagesOrMoreOfWritableMemoryThatNobodyCanShrink) {
   EXPECT_FALSE(inherit(client::Descriptor(open("/dev/zero", O_RDWR))));
   const std::string name = "/proc/self/fd/" + std::to_string(memory.get());
   EXPECT_FALSE(inherit(client::Descriptor(open(name.c_str(), O_RDONLY))));
-  const client::Descriptor input(dup(STDIN_FILENO));
-  dup2(memory.get(), STDIN_FILENO);
-  EXPECT_FALSE(inheritFrameMemory(STDIN_FILENO));
-  dup2(input.get(), STDIN_FILENO);
 }
 
 TEST(ReleaseOrder, TellsTheLatestFrameBehindWhichNoneIsRead) {
@@ -83,10 +79,7 @@ TEST(FrameSlots, LendsASlotAgainOnceTheHelperHasReleasedIt) {
 // The service with a parent that shares memory.
 struct SharedFrames : testing::Test {
   void restart(const char* format = "rgba") {
-    const Configuration configuration{.token = "0123456789abcdef",
-                                      .frameFormat = parseFrameFormat(format).value()};
-    probe = VideoEncoderProbe(configuration, inherit(memory));
-    probe.becomeReady();
+    probe.restart({.frameFormat = parseFrameFormat(format).value()}, inherit(memory));
     EXPECT_EQ(released(), 0u);
   }
   void putFrame(std::uint64_t id, std::uint64_t offset, client::FrameSize size = {32, 32},
@@ -144,28 +137,6 @@ TEST_F(SharedFrames, AreReleasedBeforeTheyAreDecoded) {
   probe.decoder->onDecode = [&] { EXPECT_EQ(released(), 7u); };
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.decoder->records, std::vector<Bytes>(1, {9, 9}));
-}
-
-// A take and a client at once: one session takes the picture where it lies, the other converts it.
-TEST_F(SharedFrames, AreReleasedOnceBothSessionsHaveReadThem) {
-  restart();
-  const auto client = probe.connectClient();
-  probe.command({{"type", "record_start"}, {"id", takeID}, {"path", takePath}});
-  fill(2 * page, 77);
-  putFrame(7, 2 * page);
-  putFrame(8, page);
-  probe.dispatch->detached.at(0)();
-  while (probe.encoders->sessions.size() < 2 && probe.queue->runNext()) continue;
-  FakeSession& session = probe.lastSession();
-  ASSERT_EQ(session.pending.size(), 1u);
-  auto& buffer = session.pending[0].first;
-  EXPECT_EQ(*buffer->picture().planes[0].samples, 77);
-  buffer.reset();  // the encoder has its own copy, and has not answered yet
-  EXPECT_EQ(released(), 0u);
-  EXPECT_TRUE(probe.encoders->sessions[0]->pending.at(0).first->fill());
-  EXPECT_EQ(probe.images->lastByte, 77);
-  EXPECT_EQ(released(), 8u);
-  expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
 }
 
 }  // namespace

@@ -40,8 +40,9 @@ struct VideoEncoderProbe {
     encoders->prepared();
     process->takeEvents();
   }
-  void restart() {
-    *this = VideoEncoderProbe();
+  void restart(Configuration configuration = {}, std::shared_ptr<FrameMemory> memory = nullptr) {
+    configuration.token = "0123456789abcdef";
+    *this = VideoEncoderProbe(configuration, std::move(memory));
     becomeReady();
   }
   void tickAt(double uptime) {
@@ -207,13 +208,15 @@ struct Takes : ServiceTest {
     const auto failed = events("failed");
     return failed.empty() ? "" : failed.front()["error"].get<std::string>();
   }
-  // Stops the take and lets the disk finish; the outcome.
+  // Lets the disk finish; the outcome.
+  Json complete() {
+    writer().complete(WriterStatus::completed);
+    return events("saved").at(0);
+  }
   Json finish(const Json& extra = Json::object()) {
     stop(extra);
     probe.run();
-    writer().complete(WriterStatus::completed);
-    const auto saved = events("saved");
-    return saved.empty() ? Json() : saved.front();
+    return complete();
   }
   std::uint64_t lastID = 0;
 };
