@@ -1,12 +1,10 @@
-// The log of what became of each frame of a take: order, outcomes, where its file goes.
+// The log of what became of each frame of a take: order, outcomes. Of failed takes: take_ends_test.
 
 #include "client/records.h"
 #include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
-
-const std::string stagingLog = takePath + "." + takeID + ".partial.frames.csv";
 
 struct LoggedTakes : Takes {
   void startLogged(Json keys = Json::object()) {
@@ -47,9 +45,8 @@ TEST_F(LoggedTakes, SayWhatBecameOfEachFrameInTheOrderOfReading) {
   EXPECT_EQ(writer().takeLines(), "");  // the last sample waits for the next, and all behind it
   probe.answer(deltaSample());
   probe.failures->fail("move", 2);
-  writer().complete(WriterStatus::completed);
   expectKeys(
-      events("saved").at(0),
+      complete(),
       {{"frames", 2}, {"path", takePath}, {"frame_log_error", "the final name was unavailable"}});
   EXPECT_EQ(writer().takeLines(),
             "5,1001.300000,1.300000,written\n"
@@ -59,35 +56,6 @@ TEST_F(LoggedTakes, SayWhatBecameOfEachFrameInTheOrderOfReading) {
             "9,1001.500000,,busy\n"
             "10,1001.500000,,busy\n"
             "11,1001.500000,,after stop\n");
-}
-
-TEST_F(LoggedTakes, ThatFailSayWhatLostTheirFramesAndKeepTheLogWithTheMovie) {
-  const std::pair<std::string, std::string> causes[] = {
-      {"disk", ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n"},
-      {"encoder", ",0.100000,written\n3,1001.200000,,encoder\n"},
-      {"other", ",0.100000,written\n3,1001.200000,,encoder\n"},
-      {"stop", ",0.100000,written\n3,1001.200000,,after stop\n"}};
-  for (const auto& [cause, lastLines] : causes) {
-    probe.restart();
-    lastID = 0;
-    startLogged({{"on_failure", "keep"}});
-    writer().onDisk = {1, 1000};
-    frame(1001.1);
-    feed(1001.2);
-    if (cause == "other") probe.take()->abort("", FrameOutcome::encoder);
-    if (cause == "stop") stop({{"stopped_at", 5.0}}), probe.run();
-    if (cause == "disk") {
-      writer().problem = "No space left on device";
-      probe.failures->fail("append");
-    }
-    probe.answer(deltaSample(), cause == "encoder" ? -1 : 0);
-    EXPECT_THAT(writer().takeLines(), testing::EndsWith(lastLines));
-    cause == "disk" ? writer().rescued({1, 1000}, true)
-                    : writer().complete(WriterStatus::completed);
-    probe.run();
-    const std::string recovered = "/takes/a.recovered-" + takeID + ".mp4.frames.csv";
-    EXPECT_EQ(probe.files->moves.at(1), std::pair(stagingLog, recovered));
-  }
 }
 
 TEST(FrameLog, KeepsTheFirstOutcomeOfEachFrame) {
@@ -110,8 +78,7 @@ TEST_F(LoggedTakes, EndTheirLogWhenTooManyFramesWait) {
   put(101, maximumDropsAhead + 50);
   probe.readAll();
   probe.answer(deltaSample());
-  writer().complete(WriterStatus::completed);
-  expectKeys(events("saved").at(0), {{"frames", 2}, {"frame_log_error", "too many frames waited"}});
+  expectKeys(complete(), {{"frames", 2}, {"frame_log_error", "too many frames waited"}});
   EXPECT_THAT(writer().takeLines(), testing::EndsWith(",busy\n1100,1001.100000,,busy\n"));
   FrameLog log;
   for (std::uint64_t id = 0; id <= FrameLog::mostFrames; ++id) log.note({id}, {});

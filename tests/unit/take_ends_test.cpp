@@ -10,16 +10,14 @@ const std::string takeRecovery = "a.recovered-" + takeID + ".mp4";
 
 TEST_F(Takes, KeepACompleteMovieUnderWhateverNameIsFree) {
   using Moves = std::vector<std::pair<std::string, std::string>>;
-  const char* texts[] = {
-      "", "Final filename was unavailable. Completed video saved at the recovery path shown.",
-      "Final filename was unavailable. Completed video preserved at the staging path shown; rename "
-      "it to .mp4."};
   for (const auto& [failing, path] :
        {std::pair{0, takePath}, {1, "/takes/" + takeRecovery}, {2, takeStaging}}) {
     probe.restart();
     probe.failures->fail("move", 1, -1, failing - 1);
     startWithFrame();
-    expectKeys(finish(), {{"path", path}, {"error", texts[failing]}});
+    const Json saved = finish();
+    EXPECT_EQ(saved["path"], path);
+    EXPECT_EQ(saved["error"] == "", failing == 0);
     EXPECT_EQ(probe.files->moves, failing == 2 ? Moves() : (Moves{{takeStaging, path}}));
     EXPECT_TRUE(probe.files->removed.empty());
   }
@@ -38,8 +36,7 @@ TEST_F(Takes, StopBehindTheFrameInFlightAndIgnoreLaterOnes) {
   EXPECT_TRUE(probe.lastSession().invalidated);
   feed(1001.2);
   EXPECT_EQ(failure(), "");
-  writer().complete(WriterStatus::completed);
-  EXPECT_EQ(events("saved").size(), 1u);
+  complete();
 }
 
 TEST_F(Takes, MayBeginAsSoonAsTheLastOneIsReportedSaved) {
@@ -96,17 +93,16 @@ TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
 }
 
 struct KeptTakes : Takes {
-  void startKept(MovieExtent onDisk = {30, 30000}) {
+  void startKept() {
     probe.restart();
-    start({{"on_failure", "keep"}, {"resolution", "640x360"}, {"target_fps", 30}});
+    lastID = 0;
+    start({{"on_failure", "keep"},
+           {"resolution", "640x360"},
+           {"target_fps", 30},
+           {"frame_log", true}});
     frame(1001.0, true);
-    writer().onDisk = onDisk;
+    writer().onDisk = {30, 30000};
     frame(1001.1);
-  }
-  // 32 MB wait for the disk when this frame comes.
-  void frameForAFullQueue() {
-    probe.failures->fail("isReady", 1, -1, /*more=*/1);
-    frame(1001.2);
   }
   // The take's last event. No other take may begin before it.
   Json lastEvent() {
@@ -120,66 +116,45 @@ struct KeptTakes : Takes {
   const Json named = {{"kept_path", "a.mp4." + takeID + ".partial"}, {"kept_frames", 30}};
 };
 
-TEST_F(KeptTakes, KeepWhatWasOnTheDiskThatFailed) {
-  startKept();
-  writer().problem = "No space left on device";
-  probe.failures->fail("append");
-  frame(1001.2);
-  EXPECT_TRUE(events("failed").empty());
-  EXPECT_FALSE(frame(1001.3));
-  writer().rescued({30, 30000}, true);
-  probe.run();
-  expectKeys(lastEvent(), {{"error", "No space left on device"},
-                           {"kept_path", takeRecovery},
-                           {"kept_frames", 30},
-                           {"kept_duration", 0.5},
-                           {"dropped", 0}});
-  EXPECT_TRUE(probe.files->removed.empty());
-}
-
-// The encoder fails, the camera changes its size, the time of the stop is refused, or a sample
-// can't be written.
-TEST_F(KeptTakes, KeepEverySampleWhenTheDiskIsSound) {
-  for (const std::string cause : {"encoder", "size", "stop", "sample"}) {
+// The encoder fails, the camera changes its size, the time of the stop is refused, a sample can't
+// be written, the disk fails, or 32 MB wait for it.
+TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhatLostTheRest) {
+  const std::string kept = "2,1001.100000,0.100000,written\n3,1001.200000,,";
+  const std::string lost = ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n";
+  const std::tuple<std::string, std::size_t, std::string> causes[] = {
+      {"encoder", 2, kept + "encoder\n"},
+      {"size", 2, kept + "encoder\n"},
+      {"stop", 2, kept + "after stop\n"},
+      {"sample", 1, lost},
+      {"disk", 1, lost},
+      {"queue", 1, lost}};
+  for (const auto& [cause, frames, lines] : causes) {
+    SCOPED_TRACE(cause);
     startKept();
-    if (cause == "encoder") feed(1001.2), probe.answer(nullptr, -1);
-    if (cause == "size") feed(1001.2, 320, 240);
-    if (cause == "stop") stop({{"stopped_at", 5.0}});
-    if (cause == "sample") probe.failures->fail("append", 1, -1, /*more=*/1), frame(1001.2);
+    if (cause == "disk") writer().problem = "No space left on device";
+    if (frames == 1)
+      probe.failures->fail(cause == "queue" ? "isReady" : "append", 1, -1, /*more=*/1);
+    feed(1001.2, cause == "size" ? 320 : 640);
+    if (cause == "stop") stop({{"stopped_at", 5.0}}), probe.run();
+    if (cause != "size") probe.answer(deltaSample(), cause == "encoder" ? -1 : 0);
     probe.run();
-    ASSERT_TRUE(writer().finished) << cause;
-    const std::size_t frames = cause == "sample" ? 1 : 2;
-    ASSERT_EQ(writer().timings.size(), frames) << cause;
-    const auto& [time, duration] = writer().timings.back();
-    EXPECT_EQ(writer().end, time + duration) << cause;
+    ASSERT_EQ(writer().timings.size(), frames);
+    EXPECT_THAT(writer().takeLines(), testing::EndsWith(lines));
     EXPECT_TRUE(events("failed").empty());
     expectRefusal();
-    writer().complete(WriterStatus::completed);
+    const bool isFinished = writer().finished != nullptr;
+    EXPECT_EQ(isFinished, cause != "disk" && cause != "queue");
+    const auto& [time, duration] = writer().timings.back();
+    EXPECT_EQ(writer().end, isFinished ? time + duration : -1);
+    isFinished ? writer().complete(WriterStatus::completed) : writer().rescued({1, 1000}, true);
     probe.run();
     expectKeys(lastEvent(), {{"kept_path", takeRecovery}, {"kept_frames", frames}});
+    EXPECT_EQ(probe.files->moves.at(1),
+              std::pair(takeStaging + ".frames.csv", "/takes/" + takeRecovery + ".frames.csv"));
   }
 }
 
-TEST_F(KeptTakes, AreDeletedWithoutAFragmentOnTheDisk) {
-  startKept({});
-  probe.failures->fail("append", 1, -1, 0);
-  frame(1001.2);
-  EXPECT_FALSE(lastEvent().contains("kept_path"));
-  EXPECT_EQ(probe.files->removed, std::vector<std::string>{takeStaging});
-}
-
 TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
-  startKept();
-  frameForAFullQueue();
-  probe.signal(15);
-  EXPECT_TRUE(probe.process->exitCodes.empty());
-  probe.clock->now += MovieRecorder::rescueTimeout;
-  expectKeys(lastEvent(), named);
-  EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
-  writer().rescued({30, 30000}, true);
-  EXPECT_TRUE(events("failed").empty());
-  EXPECT_TRUE(probe.files->moves.empty() && probe.files->removed.empty());
-
   // It fails when the process has waited for most of its time.
   startKept();
   probe.signal(15);
@@ -190,6 +165,9 @@ TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
   probe.clock->now += 0.4;
   expectKeys(lastEvent(), named);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
+  writer().rescued({30, 30000}, true);
+  EXPECT_TRUE(events("failed").empty());
+  EXPECT_TRUE(probe.files->moves.empty() && probe.files->removed.empty());
 
   // It hangs in the rename.
   startKept();
@@ -220,25 +198,20 @@ TEST_F(KeptTakes, EndInTimeWhenTheirQueueHangs) {
   }
 }
 
-TEST_F(Takes, StopWhenTheyLeaveTooLittleSpace) {
-  for (const auto& [outcome, state] :
-       {std::pair{WriterStatus::completed, "saved"}, {WriterStatus::failed, "failed"}}) {
-    probe.restart();
-    probe.movies->free = 2000;
-    start({{"minimum_free", 1000}, {"rotation", 90}});
-    frame(1001.0, true);
-    EXPECT_EQ(writer().rotation, 90);
-    frame(1001.1);
-    probe.tickAt(1002.2);
-    // At 8 bytes in 1.1 seconds.
-    EXPECT_NEAR(events("recording").back()["seconds_left"].get<double>(), 137.5, 1e-6);
-    writer().free = 999;
-    frame(1002.3);
-    probe.tick();
-    probe.run();
-    writer().complete(outcome);
-    expectKeys(events(state).at(0), {{"stopped_for", "minimum_free"}});
-  }
+TEST_F(Takes, StopWhenTheyLeaveTooLittleSpaceAndSaySoWhenTheyFail) {
+  probe.movies->free = 2000;
+  start({{"minimum_free", 1000}});
+  frame(1001.0, true);
+  frame(1001.1);
+  probe.tickAt(1002.2);
+  // At 8 bytes in 1.1 seconds.
+  EXPECT_NEAR(events("recording").back()["seconds_left"].get<double>(), 137.5, 1e-6);
+  writer().free = 999;
+  frame(1002.3);
+  probe.tick();
+  probe.run();
+  writer().complete(WriterStatus::failed);
+  expectKeys(events("failed").at(0), {{"stopped_for", "minimum_free"}});
 }
 
 }  // namespace
