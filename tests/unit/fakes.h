@@ -197,12 +197,11 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   void setConnectionHandler(ConnectionHandler handler) override { arrived = std::move(handler); }
   void start() override {}
   void acceptConnections() override { accepts = true; }
-  std::uint16_t port() const override { return boundPort; }
+  std::uint16_t port() const override { return 4711; }
   void cancel() override { cancelled = true; }
 
   StateHandler changed;
   ConnectionHandler arrived;
-  std::uint16_t boundPort = 4711;
   bool accepts = false, cancelled = false;
 };
 
@@ -211,10 +210,7 @@ using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, fo
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all)
       : CanFail(all), pool({width, height}, {}, PicturePool::make()), size{width, height} {}
-  Status setProperty(SessionProperty property, const PropertyValue& value) override {
-    properties[property] = value;
-    return next("setProperty");
-  }
+  Status setProperty(SessionProperty, const PropertyValue&) override { return next("setProperty"); }
   Status prepareToEncodeFrames() override { return next("prepare"); }
   PixelBufferPool* pixelBufferPool() override { return next("getPool") == 0 ? &pool : nullptr; }
   Status encodeFrame(std::shared_ptr<PixelBuffer> buffer, RationalTime time, FrameProperties frame,
@@ -237,7 +233,6 @@ struct FakeSession : CompressionSession, CanFail {
 
   MemoryPixelBufferPool pool;
   PictureSize size;
-  std::map<SessionProperty, PropertyValue> properties;
   std::deque<std::pair<std::shared_ptr<PixelBuffer>, OutputHandler>> pending;
   Submitted submitted;
   int flushes = 0;
@@ -299,18 +294,15 @@ struct FakeSound : CanFail {
   using CanFail::CanFail;
   SoundSettings settings = {};
   std::vector<std::int16_t> samples;  // of all channels
-  int gain = 0;                       // the latest that was not 0
 };
 
 struct FakeSoundEncoder final : SoundEncoder {
   explicit FakeSoundEncoder(FakeSound& owner) : all(owner) {}
   ByteView configuration() const override { return head; }
   int priming() const override { return 1024; }
-  Status encode(std::span<const std::int16_t> samples, int compensation,
-                SoundPackets& packets) override {
+  Status encode(std::span<const std::int16_t> samples, int, SoundPackets& packets) override {
     const std::int64_t before = length() / soundPacketSamples;
     all.samples.insert(all.samples.end(), samples.begin(), samples.end());
-    if (compensation != 0) all.gain = compensation;
     packets.resize(
         packets.size() + static_cast<std::size_t>(length() / soundPacketSamples - before),
         Bytes(8));
@@ -331,12 +323,8 @@ struct FakeSoundEncoder final : SoundEncoder {
 struct FakeWriter final : MovieWriter, CanFail {
   using CanFail::CanFail;
   bool canAdd(const FormatDescription&) const override { return next("canAdd") == 0; }
-  bool addTrack(AacFormat format) override {
-    sound = std::move(format);
-    return next("addTrack") == 0;
-  }
-  bool startWriting(std::shared_ptr<const FormatDescription>, int degrees) override {
-    rotation = degrees;
+  bool addTrack(AacFormat) override { return next("addTrack") == 0; }
+  bool startWriting(std::shared_ptr<const FormatDescription>, int) override {
     if (next("startWriting") == 0) state = WriterStatus::writing;
     return state == WriterStatus::writing;
   }
@@ -375,11 +363,9 @@ struct FakeWriter final : MovieWriter, CanFail {
   WriterStatus state = WriterStatus::idle;
   std::optional<std::string> problem;
   std::vector<std::pair<std::int64_t, std::int64_t>> timings;
-  AacFormat sound;
   int packets = 0;  // of sound
   std::int64_t end = -1;
   std::function<void()> finished;
-  int rotation = -1;
   MovieExtent onDisk;
   RescueHandler rescued;
   TakeLines takeLines;
