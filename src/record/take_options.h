@@ -26,6 +26,8 @@ struct TakeOptions {
   // `ofParent` is the sound of this run, if it has any. Throws EncoderFailure, whose text names the
   // key that has an invalid value.
   static TakeOptions parse(const Json& command, const std::optional<SoundFormat>& ofParent = {});
+
+  bool operator==(const TakeOptions&) const = default;
 };
 
 }  // namespace lumora
