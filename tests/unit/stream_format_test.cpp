@@ -16,27 +16,6 @@
 namespace lumora {
 namespace {
 
-// A sample whose every part can be made to fail.
-struct BrokenSample final : EncodedSample, FormatDescription {
-  bool dataIsReady() const override { return ready; }
-  std::optional<std::size_t> dataLength() const override { return data.size(); }
-  Status copyBytes(std::size_t offset, MutableByteView space) const override {
-    std::ranges::copy(ByteView(data).subspan(offset, space.size()), space.begin());
-    return copyStatus;
-  }
-  std::shared_ptr<const FormatDescription> format() const override { return description; }
-  ParameterSet parameterSet(std::size_t) const override { return {setStatus, set, prefix}; }
-  int width() const override { return 640; }
-  int height() const override { return 360; }
-  ColourDescription colour() const override { return {}; }
-
-  bool ready = true;
-  Bytes data = {0, 0, 0, 1, 0x65}, set = Bytes(4096, 0x67);
-  Status copyStatus = 0, setStatus = 0;
-  std::size_t prefix = 4;
-  std::shared_ptr<const FormatDescription> description{std::shared_ptr<void>(), this};
-};
-
 std::string failureOf(const std::function<void()>& call) {
   try {
     call();
@@ -47,28 +26,24 @@ std::string failureOf(const std::function<void()>& call) {
 }
 
 TEST(Packets, SayWhatIsWrongWithASample) {
-  using Case = std::tuple<std::string, std::string, std::function<void(BrokenSample&)>>;
-  const auto bytes = [](Bytes data) { return [data](BrokenSample& s) { s.data = data; }; };
+  const auto formatWith = [](std::size_t setBytes) {
+    return std::make_shared<MemoryFormatDescription>(Bytes(setBytes, 0x67), Bytes(4), 640, 360,
+                                                     ColourDescription{});
+  };
+  const Bytes key = {0, 0, 0, 1, 0x65};
   const std::string size = "invalid encoded NAL size", takeSize = "invalid camera NAL size";
-  const std::string tooLarge = "encoded sample too large", set = "H264 parameter set failed ";
-  const Case cases[] = {
-      {"encoded sample has no bytes", "camera sample has no bytes",
-       [](auto& s) { s.ready = false; }},
-      {tooLarge, "camera sample too large", bytes({0, 0, 0, 0})},
-      {tooLarge, takeSize, bytes(Bytes(2097143))},
-      {"encoded sample copy failed (-7)", takeSize, [](auto& s) { s.copyStatus = -7; }},
-      {"invalid encoded NAL header", "invalid camera NAL header", bytes({0, 0, 0, 1, 9, 0, 0, 0})},
-      {size, takeSize, bytes({0, 0, 0, 2, 0x65})},
-      {size, takeSize, bytes({0, 0, 0, 0, 0x65})},
-      {"missing H264 description", "", [](auto& s) { s.description.reset(); }},
-      {set + "(-3)", "", [](auto& s) { s.setStatus = -3; }},
-      {set + "(0)", "", [](auto& s) { s.set.clear(); }},
-      {set + "(0)", "", [](auto& s) { s.set.resize(4097); }},
-      {set + "(0)", "", [](auto& s) { s.prefix = 2; }},
-      {"", "", [](auto&) {}}};
-  for (const auto& [preview, take, change] : cases) {
-    BrokenSample sample;
-    change(sample);
+  const std::string tooLarge = "encoded sample too large", set = "H264 parameter set failed (0)";
+  const std::tuple<std::string, std::string, MemorySample> cases[] = {
+      {tooLarge, "camera sample too large", {{0, 0, 0, 0}, nullptr}},
+      {tooLarge, takeSize, {Bytes(2097143), nullptr}},
+      {"invalid encoded NAL header", "invalid camera NAL header", {{0, 0, 0, 1, 9, 0, 0, 0}, {}}},
+      {size, takeSize, {{0, 0, 0, 2, 0x65}, nullptr}},
+      {size, takeSize, {{0, 0, 0, 0, 0x65}, nullptr}},
+      {"missing H264 description", "", {key, nullptr}},
+      {set, "", {key, formatWith(0)}},
+      {set, "", {key, formatWith(4097)}},
+      {"", "", {key, formatWith(4096)}}};
+  for (const auto& [preview, take, sample] : cases) {
     EXPECT_EQ(failureOf([&] { prepareFrame(sample, 1, 640, 360); }), preview);
     EXPECT_EQ(failureOf([&] { recordingKeyframe(sample); }), take) << preview;
   }
