@@ -1,4 +1,4 @@
-// Conversion of pictures for sessions and for encoders, decoding of JPEG, and a real encoder.
+// Conversion of pictures for sessions and for encoders, and decoding of JPEG.
 
 #include <hwy/targets.h>
 
@@ -7,10 +7,7 @@
 #include <numbers>
 #include <random>
 
-#include "codec/libav_encoder.h"
 #include "encode/pixel_buffer.h"
-#include "encode/recording_keyframe.h"
-#include "encode/session_settings.h"
 #include "picture/encoder_picture.h"
 #include "picture/system_frame_decoder.h"
 #include "picture/system_image_converter.h"
@@ -269,30 +266,6 @@ TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
   for (const Bytes& broken : {cut, ended, Bytes{0xFF, 0xD8}, read("grey"), read("444")})
     EXPECT_FALSE(decode(used, broken).memory) << broken.size();
   EXPECT_FALSE(decode(used, whole, {64, 64}).memory);
-}
-
-TEST(LibavEncoder, AnswersEveryPictureAtOnceWithKeyFramesOnRequestAndByInterval) {
-  const PictureSize size{202, 360};
-  const auto pictures = PicturePool::make();
-  std::unique_ptr<LibavEncoder> encoder;
-  ASSERT_EQ(LibavEncoder::open(*avcodec_find_encoder_by_name("libx264"), "", {}, pictures,
-                               sessionSettings(SessionKind::preview, size, 60), encoder),
-            0);
-  std::shared_ptr<PixelBuffer> buffer;
-  ASSERT_EQ(makeGreyBuffer(size, {}, pictures, buffer), 0);
-  for (int time = 1; time <= 130; ++time) {
-    std::shared_ptr<const EncodedSample> sample;
-    ASSERT_EQ(encoder->encode(buffer, time == 30, sample), 0);
-    // The first, the forced one, and the 60th behind that.
-    EXPECT_EQ(recordingKeyframe(*sample), time == 1 || time == 30 || time == 90) << time;
-  }
-  const auto answerTo = [&](const Filling& filling) {
-    std::shared_ptr<const EncodedSample> sample;
-    EXPECT_EQ(MemoryPixelBufferPool(size, {}, pictures).create(1, filling, buffer), 0);
-    return encoder->encode(std::move(buffer), false, sample);
-  };
-  EXPECT_EQ(answerTo([](const Picture&) { return false; }), fillingFailed);
-  EXPECT_EQ(answerTo([](const Picture&) -> bool { throw std::bad_alloc(); }), AVERROR(ENOMEM));
 }
 
 }  // namespace
