@@ -110,9 +110,6 @@ TEST(PageMessages, WhatNoPageSaysIsRefused) {
   const auto shown = parsePageMessage(R"({"type":"shown","frame_id":9007199254740991})");
   EXPECT_EQ(std::get<Shown>(*shown).frameID, 9007199254740991u);
   const std::string start = R"({"type":"start","folder":"/v",)";
-  const auto take = std::get<StartTake>(
-      *parsePageMessage(start + R"("resolution":"640x360","target_fps":1000})"));
-  EXPECT_TRUE(take.folder == "/v" && take.targetFPS == 1000 && !take.steady);
   for (const std::string& text : std::initializer_list<std::string>{
            "", "{", "[]", "7", R"({"type":7})", R"({"type":"none"})", R"({"type":"shown"})",
            R"({"type":"shown","frame_id":-1})", R"({"type":"shown","frame_id":1.5})",
