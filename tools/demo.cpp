@@ -1,12 +1,12 @@
-// The demo parent: starts a helper, feeds it a moving picture, watches the preview with two
-// clients, records a take, and prints how it went.
+// The demo parent: starts a helper, feeds it a test card that flashes and beeps, watches the
+// preview with two clients, records a take with sound, and prints how it went.
 //
 //   lumora-demo [--json] HELPER OUTPUT-FOLDER [SECONDS]
 //
 // With --json, its standard output is one JSON object with the same figures.
 //
-// The environment variable INPUT may name a video file or a camera. FRAMES says how frames reach
-// the helper: "memory" or "pipe".
+// The environment variable INPUT may name a video file or a camera; the take then has no sound.
+// FRAMES says how frames reach the helper: "memory" or "pipe".
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +16,7 @@
 
 #include "tools/paced_run.h"
 #include "tools/programs.h"
+#include "tools/sound_source.h"
 
 namespace {
 
@@ -74,6 +75,10 @@ void showTable(const tools::RunReport& report) {
               static_cast<unsigned long long>(report.take.frames),
               static_cast<unsigned long long>(report.take.dropped),
               static_cast<unsigned long long>(report.take.throttled), report.take.error.c_str());
+  if (report.take.soundMissing) {
+    std::printf("  its sound: %.3f s missing, %llu gaps\n", report.take.soundMissing->count(),
+                static_cast<unsigned long long>(report.take.soundGaps.value_or(0)));
+  }
 }
 
 void showJson(const tools::RunReport& report) {
@@ -86,6 +91,10 @@ void showJson(const tools::RunReport& report) {
                              {"dropped", report.take.dropped},
                              {"throttled", report.take.throttled},
                              {"error", report.take.error}}}};
+  if (report.take.soundMissing) {
+    object["take"]["sound_missing"] = report.take.soundMissing->count();
+    object["take"]["sound_gaps"] = report.take.soundGaps.value_or(0);
+  }
   for (const Figure& figure : figuresOf(report)) object[figure.key] = figure.value;
   std::printf("%s\n",
               object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
@@ -99,6 +108,13 @@ void makePicture(const std::string& video, const std::string& filter, const std:
   if (!errors.empty()) throw std::runtime_error(video + ": " + errors);
 }
 
+void checkSound(const std::string& movie) {
+  const std::string codec = tools::outputOf(
+      "ffprobe -v error -select_streams a -show_entries stream=codec_name -of csv=p=0 " +
+      tools::shellQuoted(movie));
+  if (codec != "aac\n") throw std::runtime_error("there is no sound in the take");
+}
+
 void run(const std::string& helper, const std::filesystem::path& folder, double seconds,
          bool asJson) {
   std::filesystem::create_directories(folder);
@@ -107,13 +123,16 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   const std::string movie = std::filesystem::absolute(folder / "demo.mp4");
   const std::string sheet = folder / "take.png";
   std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
-  const tools::RunOptions options{.helper = {.program = helper, .frames = tools::frameTransport()},
-                                  .framesPerSecond = framesPerSecond,
-                                  .seconds = seconds,
-                                  .clients = clients,
-                                  .take = client::TakeOptions{.path = movie},
-                                  .previewPath = preview};
   const auto source = tools::openInput(pictureSize, framesPerSecond);
+  const bool hasSound = source->flashes(1).has_value();
+  const auto sound = hasSound ? std::optional(tools::soundFormat) : std::nullopt;
+  const tools::RunOptions options{
+      .helper = {.program = helper, .frames = tools::frameTransport(), .sound = sound},
+      .framesPerSecond = framesPerSecond,
+      .seconds = seconds,
+      .clients = clients,
+      .take = client::TakeOptions{.path = movie, .sound = hasSound},
+      .previewPath = preview};
   if (!asJson)
     std::printf("Feeding 1920x1080 at %d frames a second for %.0f s\n", framesPerSecond, seconds);
   const tools::RunReport report =
@@ -126,6 +145,7 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   makePicture(preview, "select=gte(n\\," + middle + ")", previewPicture);
   const auto rate = std::to_string(12 / seconds);  // twelve pictures of the take on one sheet
   makePicture(movie, "fps=" + rate + ",scale=360:-2,tile=4x3", sheet);
+  if (hasSound) checkSound(movie);
   if (asJson) return;
   std::printf("\n  frames went through the %s\n  %s, %s, %s and %s written\n",
               wordOf(report.transport), preview.c_str(), previewPicture.c_str(), movie.c_str(),

@@ -1,14 +1,9 @@
 #include "tools/frame_source.h"
 
-#include <fcntl.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
-
-#include "tools/programs.h"
 
 namespace lumora::tools {
 namespace {
@@ -45,12 +40,8 @@ CommandSource::CommandSource(const std::string& command, client::FrameSize size,
     : size_(size),
       format_(format),
       keepsTime_(keepsTime),
-      pipe_(popen(command.c_str(), "re")),
-      frame_(format.bytes(size)) {
-  if (!pipe_) throw std::system_error(errno, std::generic_category(), command);
-  constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
-  fcntl(fileno(pipe_.get()), F_SETPIPE_SZ, pipeBytes);
-}
+      pipe_(openCommand(command)),
+      frame_(format.bytes(size)) {}
 
 std::span<const std::uint8_t> CommandSource::next(std::uint64_t, double) {
   if (std::fread(frame_.data(), 1, frame_.size(), pipe_.get()) != frame_.size()) return {};
@@ -60,7 +51,7 @@ std::span<const std::uint8_t> CommandSource::next(std::uint64_t, double) {
 std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond,
                                        const CameraWish& wish) {
   const std::string input = environment("INPUT");
-  if (input.empty()) return std::make_unique<TestCard>(size);
+  if (input.empty()) return std::make_unique<TestCard>(size, framesPerSecond);
   std::error_code error;
   const bool isCamera = std::filesystem::is_character_file(input, error);
   const std::string rate = std::to_string(framesPerSecond);

@@ -2,9 +2,8 @@
 
 // Where frames come from, and how they go to the helper.
 
-#include <cstdio>
-
 #include <lumora/helper.h>
+#include "tools/programs.h"
 
 namespace lumora::tools {
 
@@ -24,21 +23,26 @@ class FrameSource {
   virtual client::FrameFormat format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
+  // Whether frame `number` flashes, for `Beeps`. Empty if none ever does.
+  virtual std::optional<bool> flashes(std::uint64_t) const { return {}; }
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
 };
 
-// A moving test card: colour bars and a fine pattern that scroll, and a clock that tells frames
-// apart. Drawing it costs little CPU time, so it does not distort measurements of the helper.
+// A moving test card: colour bars and a fine pattern that scroll, a clock that tells frames apart,
+// and a box that is white in three frames of each second, else black. Drawing it costs little CPU
+// time, so it does not distort measurements of the helper.
 class TestCard final : public FrameSource {
  public:
-  explicit TestCard(client::FrameSize size);
+  explicit TestCard(client::FrameSize size, int framesPerSecond = 60);
   client::FrameSize size() const override { return size_; }
+  std::optional<bool> flashes(std::uint64_t number) const override;
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
 
  private:
   client::FrameSize size_;
+  std::uint64_t framesPerSecond_;
   std::vector<std::uint8_t> wide_;  // bars and pattern, twice as wide as the picture
   std::vector<std::uint8_t> frame_;
 };
@@ -55,13 +59,10 @@ class CommandSource final : public FrameSource {
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
 
  private:
-  struct ClosePipe {
-    void operator()(std::FILE* pipe) const { pclose(pipe); }
-  };
   client::FrameSize size_;
   client::FrameFormat format_;
   bool keepsTime_;
-  std::unique_ptr<std::FILE, ClosePipe> pipe_;
+  CommandPipe pipe_;
   std::vector<std::uint8_t> frame_;
 };
 

@@ -9,6 +9,7 @@
 
 #include <lumora/stream_client.h>
 #include "tools/programs.h"
+#include "tools/sound_source.h"
 
 namespace lumora::tools {
 namespace {
@@ -57,14 +58,18 @@ class Run {
         take_ = helper_.startTake(*options_.take);
       }
       if (options_.beforeFrame) options_.beforeFrame(helper_, number);
-      helper_.writeFrame(source_.size(), nextID(), picture);
+      const auto capturedAt = client::Uptime::now();
+      helper_.writeFrame(source_.size(), nextID(capturedAt), picture);
+      writeSound(capturedAt, number);
       if (progress && number % static_cast<std::uint64_t>(options_.framesPerSecond) == 0) {
         progress(report());
       }
     }
     if (number == 1) throw std::runtime_error("the source gave no frame");
     waitFor(number);  // if the take stopped now, it would leave the last frame out
-    if (take_) take_->stop();
+    const auto end = client::Uptime::now();
+    writeSound(end, number);
+    if (take_) take_->stop(end);
     const std::lock_guard hold(mutex_);
     report_.fedSeconds = millisecondsSince(begun_) / 1000;
     report_.parentCPUSeconds = ownCPUSeconds() - cpuBefore;
@@ -92,9 +97,15 @@ class Run {
     return copy;
   }
 
+  // Of the time before this frame.
+  void writeSound(client::Uptime::time_point capturedAt, std::uint64_t number) {
+    if (!options_.helper.sound) return;
+    beeps_.write(helper_, capturedAt, source_.flashes(number).value_or(false));
+  }
+
   // The id of the next frame.
-  std::uint64_t nextID() {
-    const std::uint64_t id = client::frameID(client::Uptime::now());
+  std::uint64_t nextID(client::Uptime::time_point capturedAt) {
+    const std::uint64_t id = client::frameID(capturedAt);
     const std::lock_guard hold(mutex_);
     ids_.push_back(id);
     report_.fed = ids_.size();
@@ -153,6 +164,7 @@ class Run {
 
   const RunOptions& options_;
   FrameSource& source_;
+  Beeps beeps_;
   const SteadyClock::time_point launched_ = SteadyClock::now();
   SteadyClock::time_point begun_;
   std::optional<client::Take> take_;

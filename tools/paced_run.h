@@ -8,7 +8,7 @@
 namespace lumora::tools {
 
 struct RunOptions {
-  client::HelperOptions helper = {};
+  client::HelperOptions helper = {};  // with `sound`: the beeps of the source's flashes
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;

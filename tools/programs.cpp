@@ -1,8 +1,9 @@
 #include "tools/programs.h"
 
+#include <fcntl.h>
+
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -29,6 +30,13 @@ std::string shellQuoted(const std::string& text) {
     quoted += character == '\'' ? "'\\''" : std::string(1, character);
   }
   return quoted + "'";
+}
+
+CommandPipe openCommand(const std::string& command) {
+  CommandPipe pipe(popen(command.c_str(), "re"));
+  if (!pipe) throw std::system_error(errno, std::generic_category(), command);
+  fcntl(fileno(pipe.get()), F_SETPIPE_SZ, pipeBytes);
+  return pipe;
 }
 
 std::string outputOf(const std::string& command) {

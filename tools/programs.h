@@ -4,12 +4,24 @@
 
 #include <sys/types.h>
 
+#include <cstdio>
+#include <memory>
 #include <string>
 
 namespace lumora::tools {
 
 // `text` as one word of a shell command.
 std::string shellQuoted(const std::string& text);
+
+struct ClosePipe {
+  void operator()(std::FILE* pipe) const { pclose(pipe); }
+};
+using CommandPipe = std::unique_ptr<std::FILE, ClosePipe>;
+inline constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
+
+// The standard output of a shell command, of which `pipeBytes` may wait. Throws std::system_error
+// when no shell can be started.
+CommandPipe openCommand(const std::string& command);
 
 // What a command prints on both streams, and its status unless that is 0. Throws std::system_error
 // when no shell can be started.

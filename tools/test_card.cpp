@@ -74,14 +74,22 @@ Colour cardColour(int x, int y, int period, int height) {
 
 }  // namespace
 
-TestCard::TestCard(client::FrameSize size)
-    : size_(size), wide_(size.rgbaBytes() * 2), frame_(size.rgbaBytes()) {
+TestCard::TestCard(client::FrameSize size, int framesPerSecond)
+    : size_(size),
+      framesPerSecond_(static_cast<std::uint64_t>(framesPerSecond)),
+      wide_(size.rgbaBytes() * 2),
+      frame_(size.rgbaBytes()) {
   const Canvas canvas{wide_, {size.width * 2, size.height}};
   for (int y = 0; y < size.height; ++y) {
     for (int x = 0; x < size.width * 2; ++x) {
       canvas.fill(x, y, 1, 1, cardColour(x, y, size.width, size.height));
     }
   }
+}
+
+// The first one half a second after the first frame.
+std::optional<bool> TestCard::flashes(std::uint64_t number) const {
+  return (number + framesPerSecond_ / 2) % framesPerSecond_ < 3;
 }
 
 std::span<const std::uint8_t> TestCard::next(std::uint64_t number, double seconds) {
@@ -96,8 +104,11 @@ std::span<const std::uint8_t> TestCard::next(std::uint64_t number, double second
   const auto milliseconds = static_cast<long>(seconds * 1000);
   std::snprintf(clock.data(), clock.size(), "%02ld:%02ld.%03ld", milliseconds / 60000,
                 milliseconds / 1000 % 60, milliseconds % 1000);
-  Canvas{frame_, size_}.write(size_.width / 16, size_.height / 16, std::max(size_.height / 90, 1),
-                              clock.data());
+  const Canvas canvas{frame_, size_};
+  const int left = size_.width / 16;
+  canvas.write(left, size_.height / 16, std::max(size_.height / 90, 1), clock.data());
+  canvas.fill(left, size_.height * 3 / 4, size_.width / 6, size_.height / 6,
+              *flashes(number) ? white : black);
   return frame_;
 }
 

@@ -128,6 +128,7 @@ test('the demo makes a take that plays and seeks', async () => {
     JSON.parse(execFileSync(demo, ['--json', program, inFolder('demo'), '3']));
   assert.equal(`${take.state} ${take.path} ${take.error}`, `saved ${inFolder('demo/demo.mp4')} `);
   assert.ok(take.frames > 0 && received > 0 && latency > 0, `${take.frames}, ${received}, ${latency}`);
+  assert.ok(take.sound_missing < 0.1, `${take.sound_missing} s without sound`);
   const { duration, pixels } = await show(inFolder('demo/demo.mp4'), 1.5);
   assert.ok(duration > 2 && pixels.length === stripes.length, `${duration} s`);
 });
