@@ -46,4 +46,23 @@ std::string listCameras() {
   return text.empty() ? "There is no camera in /dev.\n" : text;
 }
 
+std::vector<std::string> parseSoundDevices(const std::string& format, const std::string& printed) {
+  // "* alsa_input.usb-1 [Blue Yeti] (audio)", the last part not in every version
+  static const std::regex line(R"((?:^|\n)[* ] (\S+) \[(.*)\])");
+  std::vector<std::string> devices;
+  for (std::sregex_iterator found(printed.begin(), printed.end(), line), end; found != end; ++found)
+    if ((*found)[1] != "null")
+      devices.push_back(format + ":" + found->str(1) + "  " + found->str(2));
+  return devices;
+}
+
+std::string listSoundDevices() {
+  std::string text;
+  for (const std::string format : {"alsa", "pulse"})
+    for (const std::string& device :
+         parseSoundDevices(format, outputOf("ffmpeg -hide_banner -nostdin -sources " + format)))
+      text += "--sound " + device + "\n";
+  return text.empty() ? "There is no sound device.\n" : text;
+}
+
 }  // namespace lumora::tools

@@ -1,6 +1,6 @@
 #pragma once
 
-// The cameras of this machine, as ffmpeg sees them.
+// The cameras and the sound devices of this machine, as ffmpeg sees them.
 
 #include <string>
 #include <vector>
@@ -19,5 +19,12 @@ std::vector<CameraFormat> parseCameraFormats(const std::string& printed);
 // The formats and sizes of each camera, for people. A camera that can't be read has ffmpeg's reason
 // instead.
 std::string listCameras();
+
+// What can be captured, in what ffmpeg prints for "-sources" of a format: words for `Microphone`,
+// with descriptions behind them. Pure.
+std::vector<std::string> parseSoundDevices(const std::string& format, const std::string& printed);
+
+// The sound devices, for people.
+std::string listSoundDevices();
 
 }  // namespace lumora::tools

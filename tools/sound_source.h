@@ -3,8 +3,12 @@
 // Where the sound of takes comes from.
 
 #include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
 
 #include <lumora/helper.h>
+#include "tools/programs.h"
 
 namespace lumora::tools {
 
@@ -21,6 +25,21 @@ class Beeps {
   client::Uptime::time_point next_;  // when the next sample is captured
   bool isLoud_ = false;              // since the last picture
   std::int64_t written_ = 0;         // samples
+};
+
+// A sound device that ffmpeg captures. One thread.
+class Microphone {
+ public:
+  // As "FORMAT:NAME" in the words of ffmpeg, such as "alsa:default". Throws std::system_error when
+  // no shell can be started.
+  explicit Microphone(const std::string& device);
+  // Waits for samples. Returns all that came, so the last was captured just now. Empty when the
+  // device has ended. Valid until the next call.
+  std::span<const std::int16_t> next();
+
+ private:
+  CommandPipe pipe_;
+  std::vector<std::int16_t> samples_;
 };
 
 }  // namespace lumora::tools

@@ -119,6 +119,7 @@ test('a viewer with its own helper, and with an interrupted take in its folder',
   assert.ok(fs.existsSync(await page.locator('#take-path').textContent()));
   const movie = await page.locator('video').evaluate((video) => video.play().then(() => video.src));
   await page.waitForFunction(() => document.getElementById('take-movie').currentTime > 0.3);
+  assert.ok(await page.locator('video').evaluate((video) => video.webkitAudioDecodedByteCount) > 0);
   const part = await fetch(movie, { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
@@ -146,6 +147,7 @@ test('a viewer of another application\'s helper', async () => {
   start(tap, [String(parent.port)], ['ignore', fs.openSync(other, 'w'), 'inherit']);
   await page.getByText('Only the application that started the helper').first().waitFor();
   assert.equal(await page.locator('#take-start').isDisabled(), true);
+  assert.equal(await page.locator('#take-sound').isVisible(), false);
 
   const debug = await page.context().newCDPSession(page);
   await debug.send('Debugger.enable');

@@ -5,12 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 #include <csignal>
+#include <iterator>
 #include <regex>
+#include <sstream>
 
 #include "tests/e2e/helper_fixture.h"
 
@@ -59,14 +62,29 @@ struct Viewer : HelperTest {
     for (Event told = Event::object();; told = waitForMessage("event")["event"])
       if (told.value("state", "") == state) return told;
   }
-  void record(const Environment& environment = {}) {
-    view({"--demo", "--helper", helperProgram(), "--folder", folder, "--size", "320x240"},
-         environment);
+  void record(const Environment& environment = {}, const Arguments& more = {}) {
+    Arguments arguments = {"--demo", "--helper", helperProgram(), "--folder",
+                           folder,   "--size",   "320x240"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    view(arguments, environment);
     while (pictures < 5) next();
-    say({{"type", "start"}, {"resolution", "640x360"}, {"target_fps", 60}, {"folder", folder}});
+    say({{"type", "start"},
+         {"resolution", "640x360"},
+         {"target_fps", 60},
+         {"folder", folder},
+         {"cadence", "steady"},
+         {"sound", true}});
     waitForState("recording");
     const std::string pid = std::to_string(viewer->pid());
     helperOfViewer = std::stoi(outputOf("cat /proc/" + pid + "/task/" + pid + "/children"));
+  }
+  // What ffmpeg's filters print of a movie behind this word, with the last one at its end.
+  static std::vector<double> numbersIn(const std::string& movie, const std::string& filter,
+                                       const std::string& word) {
+    std::istringstream printed(outputOf("ffmpeg -nostdin -i " + tools::shellQuoted(movie) + " " +
+                                        filter + " -f null - 2>&1 | sed -n 's/.*" + word +
+                                        ": *\\([-0-9.]*\\).*/\\1/p'"));
+    return {std::istream_iterator<double>(printed), {}};
   }
 
   std::unique_ptr<HelperProcess> viewer;
@@ -88,6 +106,33 @@ TEST_F(Viewer, SavesTheTakeOfAVideoFileAtCtrlC) {
   EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
   EXPECT_EQ(viewer->nextLine(Seconds(1)), "Saved " + saved["path"].get<std::string>());
   expectQuarters(saved["path"], {640, 360}, size);
+}
+
+TEST_F(Viewer, RecordsATestCardThatFlashesAndBeepsAtTheSameInstant) {
+  record({}, {"--size", "640x360", "--rate", "20"});
+  while (waitForMessage("event")["event"].value("duration", 0.0) < 3) continue;
+  say({{"type", "stop"}});
+  const std::string movie = waitForState("saved")["path"];
+  const std::string box = "-vf crop=iw/10:ih/10:iw/10:ih*0.8,blackdetect=d=0.1";
+  const auto flashes = numbersIn(movie, box, "black_end");
+  const auto beeps = numbersIn(movie, "-af silencedetect=n=-20dB:d=0.1", "silence_end");
+  std::vector<double> offsets;
+  for (std::size_t i = 0; i + 1 < std::min(flashes.size(), beeps.size()); ++i)
+    offsets.push_back(beeps[i] - flashes[i]);
+  ASSERT_GE(offsets.size(), 2u);
+  std::ranges::sort(offsets);  // a busy machine may have lost the first picture of a flash
+  EXPECT_NEAR(offsets[(offsets.size() - 1) / 2], 0, 0.01);
+}
+
+TEST_F(Viewer, GoesOnWithoutASoundDeviceThatHasEnded) {
+  record({}, {"--sound", "lavfi:sine=d=4,arealtime"});
+  EXPECT_EQ(waitForMessage("silent")["message"], "The sound device has ended.");
+  for (const int before = pictures; pictures < before + 20;) next();
+  say({{"type", "stop"}});
+  const Event saved = waitForState("saved");
+  EXPECT_GT(saved["sound_missing"], 0.1);
+  const auto loudest = numbersIn(saved["path"], "-af volumedetect", "max_volume");
+  EXPECT_THAT(loudest, testing::ElementsAre(testing::DoubleNear(-20, 3)));  // it was -21
 }
 
 TEST_F(Viewer, EndsWithOneWhenATakeIsLost) {

@@ -1,5 +1,5 @@
 // What the viewer decides: which frames a page gets, who may ask for what, what a page may say. The
-// formats of cameras. The times of the tap's pictures.
+// formats of cameras, the sound devices. The times of the tap's pictures.
 
 #include <gtest/gtest.h>
 
@@ -116,11 +116,12 @@ TEST(PageMessages, WhatNoPageSaysIsRefused) {
            R"({"type":"shown","frame_id":"1"})", R"({"type":"visible","visible":1})",
            start + R"("resolution":"640x360","target_fps":1001})",
            start + R"("resolution":1,"target_fps":30})",
+           start + R"("resolution":"640x360","target_fps":30,"sound":1})",
            R"({"type":"stop"})" + std::string(maximumMessageBytes, ' ')})
     EXPECT_FALSE(parsePageMessage(text)) << text;
 }
 
-TEST(Cameras, HaveTheFormatsThatFfmpegCanRead) {
+TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
   std::vector<std::pair<std::string, std::string>> found;
   for (const auto& [name, sizes] : tools::parseCameraFormats(
            "[v4l2 @ 0x5] Raw       :     yuyv422 :           YUYV 4:2:2 : 640x480 160x90\n"
@@ -135,6 +136,14 @@ TEST(Cameras, HaveTheFormatsThatFfmpegCanRead) {
                                     {"nv12", "{2-8, 2}x2"},
                                     {"bgr24", ""}}));
   EXPECT_TRUE(tools::parseCameraFormats("/dev/video1: Permission denied\n").empty());
+  EXPECT_EQ(tools::parseSoundDevices("pulse",
+                                     "Auto-detected sources for pulse:\n"
+                                     "  null [Generate zero samples (capture)] (none)\n"
+                                     "* usb-Blue.mono [Yeti [USB]]\n"
+                                     "  pci.analog-stereo [Built-in] (audio)\n"
+                                     "Cannot list sources: Connection refused\n"),
+            (std::vector<std::string>{"pulse:usb-Blue.mono  Yeti [USB]",
+                                      "pulse:pci.analog-stereo  Built-in"}));
 }
 
 TEST(FlvTimes, GrowAndAreCaptureTimesWhereIdsAreThat) {

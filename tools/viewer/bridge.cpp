@@ -37,19 +37,23 @@ void Bridge::join(const tools::HelperAddress& helper) {
 }
 
 void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
-                 int framesPerSecond, const std::string& folder) {
+                 std::unique_ptr<tools::Microphone> microphone, int framesPerSecond,
+                 const std::string& folder) {
   const std::string program = options.program.filename();
   session_ = {{"type", "session"},
               {"mode", "owner"},
               {"folder", folder},
+              {"sound", options.sound.has_value()},
               {"helper", program.empty() ? "lumora-video" : program}};
   folder_ = folder;
   program_ = options.program;
   takesRecovered({});
   const Camera::Handlers handlers{.event = posting(&Bridge::eventCame),
                                   .inputEnded = posting(&Bridge::inputEnded),
+                                  .soundEnded = posting(&Bridge::soundEnded),
                                   .ended = posting(&Bridge::helperEnded)};
-  camera_ = std::make_unique<Camera>(options, std::move(source), framesPerSecond, handlers);
+  camera_ = std::make_unique<Camera>(options, std::move(source), std::move(microphone),
+                                     framesPerSecond, handlers);
   connectTo({"127.0.0.1", camera_->helper().port(), camera_->helper().token()});
 }
 
@@ -110,7 +114,9 @@ void Bridge::obey(const Ping& message) {
 void Bridge::obey(const StartTake& message) {
   if (!camera_) return refuse("Only the application that started the helper can record takes.");
   if (take_) return refuse("A take is running already.");
-  take_ = camera_->helper().startTake(planTake(message, client::Uptime::now()));
+  auto plan = planTake(message, client::Uptime::now());
+  plan.sound = message.sound && session_["sound"].get<bool>();  // which may have ended just now
+  take_ = camera_->helper().startTake(plan);
 }
 
 void Bridge::obey(const StopTake&) {
@@ -198,6 +204,16 @@ void Bridge::inputEnded(std::uint64_t frames) {
   inputEnd_ = frames == 0 ? "The input gave no picture." : "The input has ended.";
   failed_ = frames == 0;
   std::fprintf(stderr, "%s\n", inputEnd_.c_str());
+}
+
+void Bridge::soundEnded(bool hasHeard) {
+  if (ending_) return;
+  const std::string words =
+      hasHeard ? "The sound device has ended." : "The sound device gave no sound.";
+  std::fprintf(stderr, "%s\n", words.c_str());
+  remember(words);
+  session_["sound"] = false;
+  tell({{"type", "silent"}, {"message", words}});
 }
 
 void Bridge::helperEnded(const client::Exited& exited) {

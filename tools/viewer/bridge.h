@@ -21,9 +21,10 @@ class Bridge {
 
   // Watches a helper that runs already.
   void join(const tools::HelperAddress& helper);
-  // Starts a helper and feeds it. The page proposes `folder` for takes. Throws as Camera does.
+  // Starts a Camera, and throws what that throws. The page proposes `folder` for takes.
   void own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
-           int framesPerSecond, const std::string& folder);
+           std::unique_ptr<tools::Microphone> microphone, int framesPerSecond,
+           const std::string& folder);
 
   WebHandlers webHandlers();
   // Ends a helper that it started, which saves a running take; then stops the context.
@@ -57,6 +58,7 @@ class Bridge {
   void streamFailed(const std::string& why);
   void eventCame(const std::string& line);
   void inputEnded(std::uint64_t frames);
+  void soundEnded(bool hasHeard);
   void helperEnded(const client::Exited& exited);
   void remember(const std::string& line);
   void finishTake();

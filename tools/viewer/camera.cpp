@@ -7,9 +7,12 @@
 namespace lumora::viewer {
 
 Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
-               int framesPerSecond, Handlers handlers)
+               std::unique_ptr<tools::Microphone> microphone, int framesPerSecond,
+               Handlers handlers)
     : handlers_(std::move(handlers)),
       source_(std::move(source)),
+      microphone_(std::move(microphone)),
+      beeps_(options.sound && !microphone_ ? std::optional(tools::Beeps()) : std::nullopt),
       framesPerSecond_(framesPerSecond),
       helper_(tools::helperFor(*source_, options),
               [this](const client::Event& event) {
@@ -17,7 +20,10 @@ Camera::Camera(const client::HelperOptions& options, std::unique_ptr<tools::Fram
                 if (exited != nullptr) return handlers_.ended(*exited);
                 handlers_.event(event.line);
               }),
-      feeder_([this](const std::stop_token& stop) { feed(stop); }) {}
+      feeder_([this](const std::stop_token& stop) { feed(stop); }) {
+  if (!microphone_) return;
+  listener_ = std::jthread([this](const std::stop_token& stop) { listen(stop); });
+}
 
 void Camera::feed(const std::stop_token& stop) {
   using Clock = std::chrono::steady_clock;
@@ -38,8 +44,19 @@ void Camera::feed(const std::stop_token& stop) {
     due = std::max(due, Clock::now() - interval) + interval;
     lastID = std::max(lastID + 1, client::frameID(capturedAt));
     helper_.writeFrame(source_->size(), lastID, picture);
+    if (beeps_) beeps_->write(helper_, capturedAt, source_->flashes(number).value_or(false));
   }
   helper_.stop();
+}
+
+void Camera::listen(const std::stop_token& stop) {
+  const auto [rate, channels] = tools::soundFormat;
+  for (bool hasHeard = false; !stop.stop_requested(); hasHeard = true) {
+    const auto samples = microphone_->next();
+    if (samples.empty()) return handlers_.soundEnded(hasHeard);
+    const client::Seconds length(static_cast<double>(std::ssize(samples)) / channels / rate);
+    helper_.writeSound(samples, client::Uptime::now() - length);
+  }
 }
 
 void Camera::stop() {

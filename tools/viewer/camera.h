@@ -3,22 +3,25 @@
 #include <thread>
 
 #include "tools/frame_source.h"
+#include "tools/sound_source.h"
 
 namespace lumora::viewer {
 
 // A small camera application: starts a helper and feeds it pictures at a steady rate, with their
-// capture times as ids.
+// capture times as ids, and sound.
 class Camera {
  public:
   // Called on threads of the camera.
   struct Handlers {
     std::function<void(const std::string& line)> event;    // of the helper, as JSON text
     std::function<void(std::uint64_t frames)> inputEnded;  // after so many frames
+    std::function<void(bool hasHeard)> soundEnded;         // the pictures go on
     std::function<void(const client::Exited&)> ended;      // the helper; the last call
   };
-  // Throws what the constructor of client::Helper throws.
+  // If `options` have sound, it is that of the microphone, or without one the beeps of the source's
+  // flashes. Throws what the constructor of client::Helper throws.
   Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
-         int framesPerSecond, Handlers handlers);
+         std::unique_ptr<tools::Microphone> microphone, int framesPerSecond, Handlers handlers);
 
   client::Helper& helper() { return helper_; }
   // Stops the helper, even while the source gives no picture. Returns at once. Call it once.
@@ -26,12 +29,16 @@ class Camera {
 
  private:
   void feed(const std::stop_token& stop);
+  void listen(const std::stop_token& stop);
 
   const Handlers handlers_;
   const std::unique_ptr<tools::FrameSource> source_;
+  const std::unique_ptr<tools::Microphone> microphone_;
+  std::optional<tools::Beeps> beeps_;
   const int framesPerSecond_;
   client::Helper helper_;
   std::jthread feeder_;
+  std::jthread listener_;  // if there is a microphone
   std::jthread stopper_;
 };
 

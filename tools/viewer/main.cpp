@@ -24,7 +24,8 @@ using namespace lumora;
 
 constexpr const char* usage =
     "usage: lumora-view --demo [--helper PROGRAM] [--folder FOLDER] [--size WxH] [--rate N]\n"
-    "                          [--format FORMAT] [--share] [--report FILE]\n"
+    "                          [--format FORMAT] [--sound FORMAT:DEVICE|none] [--share]\n"
+    "                          [--report FILE]\n"
     "       TAVO_VIDEO_TOKEN=... lumora-view --port PORT [--host ADDRESS]\n"
     "       lumora-view --list\n"
     "       lumora-view --report FILE [--helper PROGRAM]\n"
@@ -37,6 +38,7 @@ struct Options {
   std::string helper;
   std::string folder = ".";
   tools::CameraWish camera;
+  std::string sound;  // empty: the test card's
   int rate = 60;
   std::string report;            // a file; empty: none
   tools::HelperAddress address;  // of a helper to join
@@ -53,15 +55,20 @@ bool parseSize(std::string_view text, client::FrameSize& size) {
   return least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
 }
 
+// For `Microphone`.
+bool isDevice(const std::string& sound) { return sound.find(':') != std::string::npos; }
+
 bool apply(const std::string& name, const std::string& value, Options& options) {
   if (name == "--size") return parseSize(value, options.camera.size.emplace());
   if (name == "--rate") return tools::parseNumber(value, options.rate) && options.rate > 0;
   if (name == "--port") return tools::parseNumber(value, options.address.port);
   if (name == "--listen") return tools::parseNumber(value, options.listen);
+  if (name == "--sound" && value != "none" && !isDevice(value)) return false;
   std::string* const text = name == "--helper"   ? &options.helper
                             : name == "--folder" ? &options.folder
                             : name == "--host"   ? &options.address.host
                             : name == "--format" ? &options.camera.format
+                            : name == "--sound"  ? &options.sound
                             : name == "--report" ? &options.report
                                                  : nullptr;
   if (text != nullptr) *text = value;
@@ -127,8 +134,15 @@ bool report(const Options& options, const std::vector<std::string>& events) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
     const auto size = options.camera.size.value_or(client::FrameSize{1280, 720});
-    bridge.own({.program = findHelper(options.helper), .frames = tools::frameTransport()},
-               tools::openInput(size, options.rate, options.camera), options.rate, folder);
+    auto source = tools::openInput(size, options.rate, options.camera);
+    const bool hasMicrophone = isDevice(options.sound);
+    const bool hasSound = hasMicrophone || (options.sound.empty() && source->flashes(1));
+    bridge.own({.program = findHelper(options.helper),
+                .frames = tools::frameTransport(),
+                .sound = hasSound ? std::optional(tools::soundFormat) : std::nullopt},
+               std::move(source),
+               hasMicrophone ? std::make_unique<tools::Microphone>(options.sound) : nullptr,
+               options.rate, folder);
   } else {
     bridge.join(options.address);
   }
@@ -167,7 +181,9 @@ int main(int argc, char** argv) {
   }
   std::vector<std::string> events;
   try {
-    if (options->list) std::fputs(tools::listCameras().c_str(), stdout);
+    if (options->list) {
+      std::fputs((tools::listCameras() + tools::listSoundDevices()).c_str(), stdout);
+    }
     if (options->demo || joins) run(*options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());

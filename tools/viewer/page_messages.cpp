@@ -18,7 +18,8 @@ std::optional<PageMessage> startTake(const Json& object) {
   const auto rate = get<std::uint64_t>(object, "target_fps");
   if (rate > 1000) return std::nullopt;
   return StartTake{get<std::string>(object, "resolution"), static_cast<int>(rate),
-                   get<std::string>(object, "folder"), object.value("cadence", "") == "steady"};
+                   get<std::string>(object, "folder"), object.value("cadence", "") == "steady",
+                   object.value("sound", false)};
 }
 
 }  // namespace

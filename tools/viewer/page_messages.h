@@ -25,6 +25,7 @@ struct StartTake {
   int targetFPS;
   std::string folder;
   bool steady;
+  bool sound = false;
 };
 struct StopTake {};
 struct RecoverTakes {};  // those that were interrupted

@@ -9,8 +9,11 @@ const lines = {
   starting: ({ path }) => line(`A take is starting: ${path}`),
   recording: ({ width, height }) => line(`Recording in ${width} × ${height}.`),
   finishing: () => line('The take is being finished.'),
-  saved: ({ duration: seconds, frames: written, frames_in_movie: frames = written, path, error }) => {
-    const figures = `${duration(seconds)} min, ${count(frames, 'frame')}`;
+  saved: (event) => {
+    const { duration: seconds, path, error, sound_missing: missing = 0 } = event;
+    const { frames: written, frames_in_movie: frames = written } = event;
+    const silence = missing < 0.1 ? '' : `, ${missing.toFixed(1)} s without sound`;
+    const figures = `${duration(seconds)} min, ${count(frames, 'frame')}${silence}`;
     return line(`Saved ${figures}: ${path}${error ? `. ${error}` : ''}`, 'good');
   },
   failed: (event) => line(`The take failed: ${failure(event)}`, 'bad'),

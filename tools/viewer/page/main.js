@@ -90,6 +90,10 @@ const messages = {
     skipped += count;
     events.add('Frames were skipped because this page was slow or hidden.');
   },
+  silent({ message }) {
+    report(message);
+    takes.soundEnded();
+  },
   interrupted(takesLeft) {
     takes.showInterrupted(takesLeft);
   },

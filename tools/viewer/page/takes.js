@@ -45,12 +45,17 @@ export class Takes {
     });
   }
 
-  sessionStarted({ mode, folder }) {
+  sessionStarted({ mode, folder, sound = false }) {
     this.#isOwner = mode === 'owner';
+    element('take-sound-label').hidden = !sound;
     if (!element('take-folder').value && folder) element('take-folder').value = folder;
     element('take-reason').hidden = this.#isOwner;
     element('interrupted').hidden = true; // unless the viewer says otherwise
     this.#enable();
+  }
+
+  soundEnded() {
+    element('take-sound-label').hidden = true;
   }
 
   sessionEnded() {
@@ -110,6 +115,7 @@ export class Takes {
       folder,
     };
     if (element('take-steady').checked) command.cadence = 'steady';
+    command.sound = element('take-sound').checked && !element('take-sound-label').hidden;
     this.#stateBefore = this.#state;
     this.#showState('asked');
     this.#send(command);
