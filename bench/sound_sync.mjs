@@ -212,7 +212,7 @@ for (const [name, capture] of Object.entries(devices)) {
   const shown = (pair) => (pair ? `${(pair.offset * 1000).toFixed(1)} ms` : '');
   const most = Math.max(...offsets.map(({ offset }) => Math.abs(offset)));
   const sinePath = inFolder(`${name}, sine.mp4`);
-  await record(sinePath, 60, capture, sine);
+  const { sound_gaps: sineGaps } = await record(sinePath, 60, capture, sine);
   const beside = loudestBeside(samplesOf(sinePath).subarray(soundRate, -soundRate));
   console.log(`| ${[name, beeps.length, offsets.length, shown(offsets[0]),
     shown(offsets.find(({ time }) => time > 600)), shown(offsets.at(-1)), shown({ offset: most }),
@@ -221,6 +221,6 @@ for (const [name, capture] of Object.entries(devices)) {
   const sent = Math.ceil(minutes * 60 / period) - 1;
   if (beeps.length === sent && offsets.length > sent / 2 && most <= tolerance &&
     beside <= mostBeside) continue;
-  console.error(`${path}: ${sent} beeps were sent`);
+  console.error(`${path}: ${sent} beeps were sent; the sine has ${sineGaps} gaps`);
   process.exitCode = 1;
 }
