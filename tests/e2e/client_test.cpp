@@ -214,13 +214,20 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
 TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
   client::Helper camera(options());
   Take take = startTake(camera);
-  const FrameSize large{1920, 1080};  // still encoded when the stop arrives
+  const FrameSize large{1920, 1080};
   const Pixels pixels = plain(large, {200, 10, 10});
-  for (int i = 0; i < 61; ++i) {
-    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(16));
+  for (int i = 0; i < 31; ++i) {
     camera.writeFrame(large, ++lastID, pixels);
+    std::this_thread::sleep_for(std::chrono::milliseconds(16));
   }
+  // So that the last frame is still encoded when the stop arrives.
+  kill(camera.pid(), SIGSTOP);
+  camera.writeFrame(large, ++lastID, pixels);
   take.stop(client::Uptime::now() - Seconds(0.3));
+  const std::jthread later([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    kill(camera.pid(), SIGCONT);
+  });
   camera.stop();
   EXPECT_EQ(take.latest().state, TakeState::saved);
   EXPECT_NEAR(take.latest().duration.count(), (*take.stoppedAt() - take.startedAt()).count(), 1e-4);
