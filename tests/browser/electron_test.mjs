@@ -4,7 +4,7 @@
 //   node electron_test.mjs HELPER CHROMIUM    client/node must be built
 
 import assert from 'node:assert/strict';
-import { execFileSync, fork } from 'node:child_process';
+import { execFileSync, fork, spawnSync } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
 import { after, test } from 'node:test';
@@ -32,9 +32,12 @@ function build(application) {
 // Runs in the page, as the preload script does. Binary data travels as text.
 function connect(names) {
   const channels = names.map(() => new MessageChannel());
+  const asText = (data) => {
+    if (data instanceof Int16Array) return new Uint8Array(data.buffer).toBase64();
+    return data.pixels ? { ...data, pixels: data.pixels.toBase64() } : data;
+  };
   channels.forEach(({ port1 }, i) => {
-    port1.onmessage = ({ data }) => globalThis.toRecorder(names[i],
-      data.pixels ? { ...data, pixels: data.pixels.toBase64() } : data);
+    port1.onmessage = ({ data }) => globalThis.toRecorder(names[i], asText(data));
   });
   globalThis.fromRecorder = (name, data) => {
     for (const [object, key] of [[data.chunk, 'data'], [data.config, 'description']]) {
@@ -53,7 +56,7 @@ function withText(data) {
     config: config && { ...config, description: text(config.description) } };
 }
 
-test('the example shows its camera, records a take, and saves it when it quits', async () => {
+test('the example shows its camera, records a take with sound, and saves it when it quits', async () => {
   const application = inFolder('application');
   build(application);
   const recorder = fork(`${application}/recorder.js`, [folder], { serialization: 'advanced',
@@ -65,13 +68,15 @@ test('the example shows its camera, records a take, and saves it when it quits',
   page.on('pageerror', (error) => assert.fail(error));
   await page.exposeFunction('toRecorder', (name, data) => {
     if (data.pixels) data.pixels = new Uint8Array(Buffer.from(data.pixels, 'base64'));
+    if (name === 'sound') data = new Int16Array(new Uint8Array(Buffer.from(data, 'base64')).buffer);
     if (name === 'preview') drawn += 1;
-    if (recorder.connected) recorder.send({ name, data });
+    if (recorder.connected) recorder.send({ name, data }, () => undefined); // it may end just now
   });
   await page.addInitScript(() => { // smaller pictures, since they travel as text
     const devices = navigator.mediaDevices;
     const open = devices.getUserMedia.bind(devices);
-    devices.getUserMedia = () => open({ video: { width: 640, height: 360, frameRate: 30 } });
+    const video = { width: 640, height: 360, frameRate: 30 };
+    devices.getUserMedia = (wanted) => open(wanted.video ? { video } : wanted);
   });
   await page.goto(`file://${application}/page.html`);
   const passed = [];
@@ -80,7 +85,7 @@ test('the example shows its camera, records a take, and saves it when it quits',
     const received = [name, withText(data)];
     passed.push(page.evaluate(([to, message]) => globalThis.fromRecorder(to, message), received));
   });
-  await page.evaluate(connect, ['frames', 'preview', 'commands']);
+  await page.evaluate(connect, ['frames', 'sound', 'preview', 'commands']);
   recorder.send({ data: 'ports' });
 
   const colours = () => page.evaluate(() => {
@@ -90,7 +95,7 @@ test('the example shows its camera, records a take, and saves it when it quits',
   const record = async () => {
     await page.getByRole('button', { name: 'Record' }).click();
     await page.getByRole('button', { name: 'Stop' }).waitFor();
-    const [frames, pictures] = [written + 20, drawn + 1];
+    const [frames, pictures] = [written + 30, drawn + 1]; // the microphone beeps twice a second
     while (written < frames || drawn < pictures) await once(recorder, 'message');
   };
   while (await colours() < 2); // an empty canvas has one
@@ -99,6 +104,10 @@ test('the example shows its camera, records a take, and saves it when it quits',
   const saved = await page.locator('#state', { hasText: 'frames' }).textContent();
   const [, path, frames] = /^(.*): (\d+) frames$/.exec(saved);
   assert.ok(frames > 10 && fs.statSync(path).size > 10_000, saved);
+  const listening = `-nostdin -i ${path} -map 0:a -af volumedetect -f null -`;
+  const { stderr } = spawnSync('ffmpeg', listening.split(' '), { encoding: 'utf8' });
+  const [, loudest] = /max_volume: (\S+) dB/.exec(stderr) ?? [];
+  assert.ok(loudest > -60, stderr); // silence is -91
   await record();
   recorder.send({ data: 'quit' });
   assert.equal((await once(recorder, 'exit'))[0], 0);

@@ -1,10 +1,10 @@
-// Preloaded into the Electron example's recorder: `process.parentPort` and three ports, over the IPC
+// Preloaded into the Electron example's recorder: `process.parentPort` and four ports, over the IPC
 // of Node's `fork`.
 
 const { EventEmitter } = require('node:events');
 
 const ports = {};
-for (const name of ['frames', 'preview', 'commands']) {
+for (const name of ['frames', 'sound', 'preview', 'commands']) {
   ports[name] = Object.assign(new EventEmitter(), {
     start() {},
     postMessage: (data) => process.send({ name, data }),

@@ -9,7 +9,7 @@ function open(): void {
 
   // Also after a reload: the page then needs new ports.
   window.webContents.on('did-finish-load', () => {
-    const channels = [1, 2, 3].map(() => new MessageChannelMain());
+    const channels = [1, 2, 3, 4].map(() => new MessageChannelMain());
     const [inner, outer] = [channels.map(({ port1 }) => port1), channels.map(({ port2 }) => port2)];
     recorder.postMessage('ports', inner);
     window.webContents.postMessage('ports', null, outer);

@@ -1,10 +1,10 @@
-// The page: pipes the camera to the recorder, draws the preview, starts and stops takes.
+// The page: pipes camera and microphone to the recorder, draws the preview, starts and stops takes.
 
-import { FrameSink, throughPort } from 'lumora-video-client/page';
+import { copyAudioData, FrameSink, throughPort } from 'lumora-video-client/page';
 
-declare class MediaStreamTrackProcessor {
+declare class MediaStreamTrackProcessor<Data> {
   constructor(init: { track: MediaStreamTrack });
-  readonly readable: ReadableStream<VideoFrame>;
+  readonly readable: ReadableStream<Data>;
 }
 
 const canvas = document.querySelector('canvas') as HTMLCanvasElement;
@@ -14,7 +14,7 @@ const [state, drops] = document.querySelectorAll('output');
 async function feed(port: MessagePort): Promise<void> {
   const video = { width: 1920, height: 1080, frameRate: 30 }; // the helper takes no larger frames
   const [track] = (await navigator.mediaDevices.getUserMedia({ video })).getVideoTracks();
-  const { readable } = new MediaStreamTrackProcessor({ track });
+  const { readable } = new MediaStreamTrackProcessor<VideoFrame>({ track });
   const write = throughPort(port);
   for (;;) {
     const sink = new FrameSink(write, {
@@ -27,6 +27,20 @@ async function feed(port: MessagePort): Promise<void> {
       if ((error as { code?: string }).code !== 'FORMAT_CHANGED') throw error;
     }
   }
+}
+
+async function listen(port: MessagePort): Promise<void> {
+  const format = { rate: 48000, channels: 2 } as const; // the recorder's
+  // With echo cancellation, which is the default, Chromium gives every device this rate.
+  const [track] = (await navigator.mediaDevices.getUserMedia({ audio: true })).getAudioTracks();
+  await new MediaStreamTrackProcessor<AudioData>({ track }).readable.pipeTo(
+    new WritableStream({
+      write(data) {
+        port.postMessage(copyAudioData(data, format));
+        data.close();
+      },
+    }),
+  );
 }
 
 function show(port: MessagePort): void {
@@ -59,8 +73,9 @@ function control(port: MessagePort): void {
 
 addEventListener('message', ({ source, data, ports }) => {
   if (source !== window || data !== 'ports') return;
-  const [frames, preview, commands] = ports;
+  const [frames, sound, preview, commands] = ports;
   show(preview);
   control(commands);
   feed(frames).catch(({ message }) => (state.value = message));
+  listen(sound).catch(({ message }) => (state.value = `no sound: ${message}`));
 });

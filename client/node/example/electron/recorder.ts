@@ -1,4 +1,5 @@
-// The process that owns the helper. The page sends frames and commands, and gets the preview.
+// The process that owns the helper. The page sends frames, sound and commands, and gets the
+// preview.
 
 import type { MessagePortMain } from 'electron';
 import { join } from 'node:path';
@@ -7,6 +8,7 @@ import {
   connectStream,
   sendPreview,
   startHelper,
+  uptime,
   type FrameFormat,
   type Helper,
   type Take,
@@ -14,8 +16,10 @@ import {
 
 const folder = process.argv.at(-1) as string;
 const retryAfter = 250; // milliseconds
+const sound = { rate: 48000, channels: 2 } as const; // the page's
 let running: { format: FrameFormat; helper: Promise<Helper> } | undefined;
 let take: Take | undefined;
+let hasSound = false; // the page has a microphone
 let state = 'ready';
 let page: MessagePortMain | undefined; // where the state goes
 
@@ -31,7 +35,7 @@ const report = ({ code, message }: { code?: string; message: string }) =>
 function helperFor(format: FrameFormat): Promise<Helper> {
   if (running?.format === format) return running.helper;
   const last = running?.helper.then((helper) => helper.stop());
-  const options = { format, stderr: (text: string) => console.error(text) };
+  const options = { format, sound, stderr: (text: string) => console.error(text) };
   const helper = Promise.resolve(last).then(() => startHelper(options));
   running = { format, helper };
   const forget = () => {
@@ -50,13 +54,22 @@ async function record(): Promise<void> {
   const helper = await running?.helper;
   if (!helper) return tell('no camera yet');
   const path = join(folder, `take-${Date.now()}.mp4`);
-  take = await helper.startTake({ path, resolution: '1920x1080', targetFps: 30 });
+  const options = { path, resolution: '1920x1080', targetFps: 30, sound: hasSound } as const;
+  take = await helper.startTake(options);
   tell('recording');
   const saved = await take.saved;
   tell(`${saved.path}: ${saved.frames} frames`);
 }
 
-function connect([frames, preview, commands]: MessagePortMain[]): void {
+// Sound ends when it arrives. Before the first frame there is no helper for it.
+async function writeSound(samples: Int16Array): Promise<void> {
+  const capturedAt = uptime() - samples.length / sound.channels / sound.rate;
+  hasSound = true;
+  const helper = await running?.helper.catch(() => undefined);
+  helper?.writeSound(samples, capturedAt);
+}
+
+function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
   let isShown = false;
   acceptFrames(frames, async (format) => {
     const helper = await helperFor(format);
@@ -67,6 +80,8 @@ function connect([frames, preview, commands]: MessagePortMain[]): void {
     }
     return helper;
   });
+  sounds.on('message', ({ data }) => void writeSound(data));
+  sounds.start();
   commands.on('message', ({ data }) => {
     if (data === 'stop') void take?.stop();
     else record().catch(report);
