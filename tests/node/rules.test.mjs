@@ -322,6 +322,11 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   assert.deepEqual(posted, [[1, 64], [2, undefined], [3, undefined], [7, 32], [8, undefined]]);
   assert.deepEqual(acknowledged, [2, 3, 4, 5, 3, 6, 8]);
   assert.ok(isClosed);
+  isClosed = false;
+  const early = sendPreview(Promise.resolve(client), port);
+  port.emit('close'); // before the client is connected
+  await early;
+  assert.ok(isClosed);
   assert.deepEqual(port.eventNames(), []); // of listeners
 });
 

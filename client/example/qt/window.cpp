@@ -139,7 +139,7 @@ void Window::takeSaid(const Recording& event) {
   }
   if (event.isOver()) take_.reset();
   recordButton_.setText(take_ ? "Stop" : "Record");
-  recordButton_.setEnabled(helper_ && helper_->port() != 0);
+  recordButton_.setEnabled(helper_ && helper_->port() != 0 && !isClosing_);
 }
 
 // The helper saves a running take before it ends. The window stays until then, for 5 s at most.

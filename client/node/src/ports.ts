@@ -54,13 +54,31 @@ export function acceptFrames(
  * draws. If a picture is not drawn within `limit` milliseconds (below 500), the page gets nothing
  * more until it has drawn the newest picture that it got and a key frame comes. Needs a client with
  * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection or the port is
- * closed; the port can then get the preview of another client.
+ * closed, also while `client` still connects; the port can then get the preview of another client.
+ * Rejects if `client` does.
  */
 export async function sendPreview(
-  client: StreamClient,
+  client: StreamClient | Promise<StreamClient>,
   port: NodePort,
   limit = 250, // the helper drops a client that acknowledges nothing for 500
 ): Promise<void> {
+  let connected: StreamClient | undefined;
+  let isClosed = false;
+  const close = () => {
+    isClosed = true;
+    connected?.close();
+  };
+  port.on('close', close);
+  try {
+    connected = await client;
+    if (isClosed) connected.close();
+    else await postPreview(connected, port, limit);
+  } finally {
+    port.off('close', close);
+  }
+}
+
+async function postPreview(client: StreamClient, port: NodePort, limit: number): Promise<void> {
   const undrawn = new Set<number>(); // the ids that were posted
   let isBehind = false;
   const endListening = listen(port, (id: number) => {
@@ -70,8 +88,6 @@ export async function sendPreview(
     for (const each of undrawn) if (each <= id) undrawn.delete(each);
     client.acknowledge(id);
   });
-  const close = () => client.close();
-  port.on('close', close);
   let config: DecoderInput['config'];
   try {
     for await (const input of toWebCodecs(client)) {
@@ -94,6 +110,5 @@ export async function sendPreview(
     }
   } finally {
     endListening();
-    port.off('close', close);
   }
 }

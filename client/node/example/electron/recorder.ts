@@ -46,8 +46,7 @@ function helperFor(format: FrameFormat): Promise<Helper> {
 }
 
 async function showPreview({ port, token }: Helper, target: MessagePortMain): Promise<void> {
-  const client = await connectStream({ port, token, acknowledgement: 'manual' });
-  await sendPreview(client, target);
+  await sendPreview(connectStream({ port, token, acknowledgement: 'manual' }), target);
 }
 
 async function record(): Promise<void> {
