@@ -370,10 +370,16 @@ TEST(TakesOfAClient, FailWithoutAnAnswerAndWithoutAHelper) {
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(Json::parse(sent[0])["id"], "silent");
   silent->abandon(TakeFailure::failed, "again");
+  EXPECT_EQ(silent->latest().error, "the helper did not answer");
+  const std::weak_ptr<Take::State> over = add("over");
+  Recording saved = over.lock()->latest();
+  saved.state = TakeState::saved;
+  takes.report(saved);
+  EXPECT_TRUE(over.expired());
   takes.abandonAll("gone");
   add("late");
   EXPECT_THAT(told, testing::ElementsAre("answered: ", "silent: the helper did not answer",
-                                         "answered: gone", "late: gone", "later: gone"));
+                                         "over: ", "answered: gone", "late: gone", "later: gone"));
 }
 
 }  // namespace
