@@ -10,7 +10,7 @@ AllowedEncoders parseAllowedEncoders(const std::string& text) {
   AllowedEncoders allowed;
   if (colon < text.size()) allowed.preset = text.substr(colon + 1);
   const bool automatic = wanted.empty() || wanted == "auto";
-  allowed.software = automatic || wanted == "software" || wanted == softwareEncoder;
+  allowed.software = automatic || wanted == "software" || wanted == x264Encoder;
   if (automatic || wanted == "hardware") {
     allowed.hardware = {"h264_videotoolbox", "h264_nvenc", "h264_qsv", "h264_v4l2m2m",
                         "h264_vaapi"};

@@ -6,9 +6,9 @@
 
 namespace lumora {
 
-constexpr const char* softwareEncoder = "libx264";
+constexpr const char* x264Encoder = "libx264";
 // Best first. An FFmpeg without GPL parts lacks the first.
-inline constexpr std::array softwareEncoders = {softwareEncoder, "libopenh264"};
+inline constexpr std::array softwareEncoders = {x264Encoder, "libopenh264"};
 
 // Which encoders the user allows.
 struct AllowedEncoders {

@@ -51,7 +51,7 @@ CodecOptions lowLatencyOptions(const std::string& codec, const std::string& pres
   const bool high = settings.profile == ProfileLevel::highAuto;
   const std::string profile = high ? "high" : "baseline";
   const std::string constrained = high ? "high" : "constrained_baseline";
-  if (codec == softwareEncoder) return x264Options(high, preset);
+  if (codec == x264Encoder) return x264Options(high, preset);
   if (codec == "h264_videotoolbox") {
     return {{"profile", profile}, {"realtime", "1"}, {"allow_sw", "0"}};
   }

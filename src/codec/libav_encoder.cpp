@@ -148,7 +148,7 @@ bool LibavEncoder::canBorrow(const PictureView& picture) const {
   }
   const bool isUpright =
       std::ranges::none_of(picture.planes, [](PlaneView plane) { return plane.stride < 0; });
-  const bool isX264 = std::string_view(context_->codec->name) == softwareEncoder;
+  const bool isX264 = std::string_view(context_->codec->name) == x264Encoder;
   return isX264 || (isUpright && (uploaded_ || !isHardware(*context_->codec)));
 }
 

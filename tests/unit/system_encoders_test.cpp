@@ -40,7 +40,7 @@ struct Driver : std::enable_shared_from_this<Driver> {
       inUse.push_back(pictures);
       ++opened;
     }
-    return LibavEncoder::open(*avcodec_find_encoder_by_name(softwareEncoder), "", {}, pictures,
+    return LibavEncoder::open(*avcodec_find_encoder_by_name(x264Encoder), "", {}, pictures,
                               settings, encoder);
   }
 
@@ -64,14 +64,13 @@ TEST(SoftwareEncoders, AreNoDrivers) {
 }
 
 struct EncoderPoolTest : testing::Test {
-  static EncoderRequest request(const EncoderSettings& settings,
-                                const char* codec = softwareEncoder) {
-    return {avcodec_find_encoder_by_name(codec), avcodec_find_encoder_by_name(softwareEncoder),
+  static EncoderRequest request(const EncoderSettings& settings, const char* codec = x264Encoder) {
+    return {avcodec_find_encoder_by_name(codec), avcodec_find_encoder_by_name(x264Encoder),
             settings};
   }
   void openAhead(const EncoderRequest& by) { pool->openAhead(*by.codec, by.settings, 0); }
   // Whether one was opened ahead or kept: it is taken.
-  bool isAhead(const EncoderSettings& settings, const char* codec = softwareEncoder) {
+  bool isAhead(const EncoderSettings& settings, const char* codec = x264Encoder) {
     const int before = driver->asked;
     EXPECT_NE(pool->acquire(request(settings, codec), {}).encoder, nullptr);
     return driver->asked == before;
