@@ -26,16 +26,16 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   if (failed) return;
   failed = true;
   failure = message;
-  const bool isDiskSound = writer && !writer->error() && writer->isReadyForMoreMediaData();
+  const bool diskKeepsUp = writer && !writer->error() && writer->isReadyForMoreMediaData();
   accepting = false;
   if (!options.keepsFailed || !writer || writer->synced().frames == 0) {
     held.reset();
     removeFile();
     return tell(TakeState::failed, 0, failure, path);
   }
-  if (!isDiskSound || !keepAll(cause)) rescue();
+  if (!diskKeepsUp || !keepAll(cause)) rescue();
   // If the disk hangs, there is never an answer.
-  const double left = std::clamp(rescueEnd - platform.clock->uptime(), 0.0, rescueTimeout);
+  const double left = std::clamp(latestEnd - platform.clock->uptime(), 0.0, rescueTimeout);
   queue->asyncAfter(
       left, [self = shared_from_this()] { self->kept(self->writer->synced(), self->staging); });
 }

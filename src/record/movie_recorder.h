@@ -56,9 +56,9 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
   // State queue. Sound was lost. A take with sound fails, unless its track has ended.
   void soundFailed(const std::string& message);
-  // State queue. If the take fails from now on, its last event comes at uptime `end` at the latest.
-  // The earliest limit counts.
-  void limitRescue(double end) { rescueEnd = std::min(rescueEnd.load(), end); }
+  // State queue. A take that fails, or waits for its sound, tells its last event at uptime `end` at
+  // the latest. The earliest limit counts.
+  void limitEnd(double end) { latestEnd = std::min(latestEnd.load(), end); }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
 
@@ -92,7 +92,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   [[noreturn]] void refuseSample() const;
   void checkSpace();
   Json spaceLeft();
-  void soundJob(std::vector<SoundRecord> records, double came, bool isLast);
+  void holdSound(std::vector<SoundRecord> records, double came, bool isLast);
+  void encodeSound();
   void soundLater();
   void endSound();
   bool isShortOfTime() const;
@@ -157,7 +158,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::atomic<bool> accepting = true;
   std::atomic<bool> spaceIsShort = false;
   std::atomic<bool> stoppedForSpace = false;
-  std::atomic<double> rescueEnd = std::numeric_limits<double>::infinity();  // uptime
+  std::atomic<double> latestEnd = std::numeric_limits<double>::infinity();  // uptime
 };
 
 }  // namespace lumora

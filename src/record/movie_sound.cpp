@@ -22,18 +22,26 @@ void MovieRecorder::addSound(std::vector<SoundRecord> records, bool isLast) {
   queue->async([self = shared_from_this(), samples, isLast, came = platform.clock->uptime(),
                 next = std::move(records)]() mutable {
     self->waitingSound -= samples;
-    self->soundJob(std::move(next), came, isLast);
+    self->holdSound(std::move(next), came, isLast);
   });
 }
 
+void MovieRecorder::holdSound(std::vector<SoundRecord> records, double came, bool isLast) {
+  if (failed) return;
+  try {
+    sound->add(std::move(records), came, isLast);
+  } catch (const std::exception& reason) {
+    return fail(reasonOf(reason), FrameOutcome::encoder);
+  }
+  if (!isSoundQueued) encodeSound();
+}
+
 // Encodes a little, and the rest later: between pictures.
-void MovieRecorder::soundJob(std::vector<SoundRecord> records, double came, bool isLast) {
+void MovieRecorder::encodeSound() {
   const bool hasEnded = sound->isEnding() && !awaitedEnd;
   if (failed || hasEnded) return;
   auto cause = FrameOutcome::encoder;
   try {
-    sound->add(std::move(records), came, isLast);
-    if (isSoundQueued) return;
     const auto packets = sound->next(platform.clock->uptime());
     cause = FrameOutcome::disk;
     if (packets) {
@@ -51,7 +59,7 @@ void MovieRecorder::soundJob(std::vector<SoundRecord> records, double came, bool
 void MovieRecorder::soundLater() {
   queue->async([self = shared_from_this()] {
     self->isSoundQueued = false;
-    self->soundJob({}, 0, false);
+    self->encodeSound();
   });
   isSoundQueued = true;
 }
@@ -60,13 +68,13 @@ void MovieRecorder::soundLater() {
 void MovieRecorder::endSound() {
   if (failed || !awaitedEnd || sound->isEnding()) return;
   sound->endAt(origin + *awaitedEnd);
-  soundJob({}, 0, false);
+  if (!isSoundQueued) encodeSound();
 }
 
 // Whether the helper ends so soon that the rest of the silence must be left out.
 bool MovieRecorder::isShortOfTime() const {
   constexpr double least = 0.5;  // seconds for the disk
-  return platform.clock->uptime() > rescueEnd - least;
+  return platform.clock->uptime() > latestEnd - least;
 }
 
 // The sound of a take that fails: as much as is encoded quickly.

@@ -141,7 +141,7 @@ void CurrentTake::abandon(const std::string& reason, double now) {
   abandonedAt = now;
   abandoned = std::exchange(movie, nullptr);
   pendingMovieStop.reset();
-  abandoned->limitRescue(now + MovieRecorder::rescueTimeout);
+  abandoned->limitEnd(now + MovieRecorder::rescueTimeout);
   abandoned->abort(reason, FrameOutcome::encoder);
 }
 

@@ -113,6 +113,9 @@ struct Take {
   }
 
   void place(const SoundRecord& record) {
+    // As TakeSound does.
+    const double gapEnd = record.capturedAt - SoundPlacing::largestDifference;
+    length += seconds(placing.fill(gapEnd, length));
     const SoundPlacement placement = placing.place(record, length);
     const double wanted = capturedAt.front() - start + seconds(placement.cut);
     capturedAt.pop_front();

@@ -103,6 +103,9 @@ TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {
     if (inputEnds) probe.readAll();
     if (!inputEnds) stop(), probe.run();
     EXPECT_EQ(writer().finished != nullptr, inputEnds);
+    probe.clock->now = 1000.85;
+    probe.run();
+    EXPECT_EQ(writer().finished != nullptr, inputEnds);
     probe.clock->now = 1000.95;
     probe.run();
     ASSERT_TRUE(writer().finished);
