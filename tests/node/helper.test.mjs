@@ -223,8 +223,10 @@ test('a take ends at its stop time although its helper is stopped at once', asyn
   const take = await helper.startTake({ path: inFolder('stopped.mp4'), ...profile });
   const until = uptime() + 1;
   await feedUntil(helper, () => uptime() > until);
-  helper.writeFrame(size, dark); // still encoded when the stop arrives
+  await suspend(helper); // so that the frame is still encoded when the stop arrives
+  helper.writeFrame(size, dark);
   const saved = take.stop({ stoppedAt: uptime() - 0.3 });
+  setTimeout(() => process.kill(helper.pid, 'SIGCONT'), 300);
   await helper.stop();
   const { duration } = await saved;
   assert.ok(Math.abs(duration - (take.stoppedAt - take.startedAt)) < 1e-3, `${duration}`);

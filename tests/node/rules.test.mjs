@@ -140,9 +140,9 @@ test('sound becomes records of a quarter of a second at most, and two seconds ma
   assert.equal(made(2e6 + 100, last).last, 2_500_100n);
   const feeder = new Feeder(new Writable({ write() {} }));
   feeder.writeCommand(Buffer.from('is being written'));
-  assert.ok(feeder.hasRoomForSound(100, 100));
-  feeder.writeSound([Buffer.alloc(60)], 60);
-  assert.ok(feeder.hasRoomForSound(40, 100) && !feeder.hasRoomForSound(41, 100));
+  const second = new Int16Array(2 * 8000);
+  const write = (samples) => feeder.writeSound(samples, format, 1);
+  assert.ok(write(second) && write(second) && !write(second.subarray(0, 2)));
   const planes = [[0.5, -2], [1, 0]];
   const microphone = { numberOfFrames: 2, numberOfChannels: 2, sampleRate: 8000,
     copyTo: (target, { planeIndex }) => target.set(planes[planeIndex]) };

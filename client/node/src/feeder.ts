@@ -5,7 +5,13 @@
 import type { Writable } from 'node:stream';
 
 import { deferred } from './deferred.js';
+import { invalid } from './errors.js';
 import type { FrameCounts, FrameOutcome } from './frame_counts.js';
+import { soundRecords } from './records.js';
+import type { SoundFormat } from './sound.js';
+import { frameId, isAhead } from './timing.js';
+
+const mostSoundSeconds = 2;
 
 export interface FrameWrite {
   /** `dropped`: the helper has ended or is stopping. */
@@ -27,6 +33,7 @@ export class Feeder {
   readonly #input: Writable;
   #waiting: Entry[] = [];
   #soundBytes = 0; // in `#waiting`
+  #lastSound = 0n; // id
   #isWriting = false;
   #ending = false;
   #abandonWrite: () => void = () => undefined;
@@ -68,14 +75,23 @@ export class Feeder {
     return true;
   }
 
-  /** Whether so much sound may wait, with at most `most` bytes altogether. */
-  hasRoomForSound(bytes: number, most: number): boolean {
-    return !this.#ending && this.#soundBytes + bytes <= most;
-  }
-
-  writeSound(records: Buffer[], bytes: number): void {
+  /** `capturedAt` is the `uptime()` of the first sample. Returns false if the sound is skipped. */
+  writeSound(samples: Int16Array, format: SoundFormat, capturedAt: number): boolean {
+    const { rate, channels } = format;
+    if (samples.length % channels !== 0) {
+      throw invalid('sound must have whole samples of all channels');
+    }
+    if (!(capturedAt >= 0)) throw invalid('the capture time of sound must be uptime()');
+    const bytes = samples.byteLength;
+    const most = mostSoundSeconds * rate * channels * samples.BYTES_PER_ELEMENT;
+    if (this.#ending || this.#soundBytes + bytes > most) return false;
+    if (isAhead(capturedAt)) return false; // ids must grow: later sound would get wrong times
+    if (bytes === 0) return true;
+    const { records, last } = soundRecords(samples, format, frameId(capturedAt), this.#lastSound);
+    this.#lastSound = last;
     this.#soundBytes += bytes;
     this.#queue(records, bytes);
+    return true;
   }
 
   /** Closes the input once everything in the queue is written. */

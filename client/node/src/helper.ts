@@ -24,14 +24,13 @@ import {
   checkSize,
   pixelBytes,
   recordHeader,
-  soundRecords,
   type FrameId,
   type Pixels,
 } from './records.js';
 import type { SoundFormat } from './sound.js';
 import { StartError } from './start_error.js';
 import { Takes, type Take, type TakeOptions } from './take.js';
-import { frameId, isAhead, settlesWithin, uptime } from './timing.js';
+import { frameId, settlesWithin, uptime } from './timing.js';
 
 // Milliseconds since `stop`. A helper that is asked to end does so within 2.2 s, even if it must
 // finish a take.
@@ -39,7 +38,6 @@ const terminateAfter = 2250;
 const killAfter = 4500;
 const giveUpAfter = 4900;
 
-const soundSeconds = 2; // that may wait
 
 /** Every event by its type. */
 export type HelperEvents = {
@@ -63,7 +61,6 @@ export class Helper extends typedEmitter<HelperEvents>() {
   readonly #whenExited = deferred<HelperExit>();
   #ready: ReadyEvent | undefined;
   #lastFrame = 0n;
-  #lastSound = 0n;
   #error: string | undefined;
   #exit: ExitEvent | undefined;
   #stopping: Promise<HelperExit> | undefined;
@@ -165,20 +162,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
   writeSound(samples: Int16Array, capturedAt?: number): boolean {
     const format = this.#sound;
     if (!format) throw invalid('the helper was started without sound');
-    const { rate, channels } = format;
-    if (samples.length % channels !== 0) {
-      throw invalid('sound must have whole samples of all channels');
-    }
-    const bytes = samples.byteLength;
-    if (!this.#feeder.hasRoomForSound(bytes, soundSeconds * rate * channels * 2)) return false;
-    if (bytes === 0) return true;
-    const time = capturedAt ?? uptime() - samples.length / channels / rate;
-    if (!(time >= 0)) throw invalid('the capture time of sound must be uptime()');
-    if (isAhead(time)) return false; // ids must grow: later sound would get wrong times
-    const { records, last } = soundRecords(samples, format, frameId(time), this.#lastSound);
-    this.#lastSound = last;
-    this.#feeder.writeSound(records, bytes);
-    return true;
+    const seconds = samples.length / format.channels / format.rate;
+    return this.#feeder.writeSound(samples, format, capturedAt ?? uptime() - seconds);
   }
 
   /**
