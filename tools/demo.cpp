@@ -124,7 +124,7 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   const std::string sheet = folder / "take.png";
   std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
   const auto source = tools::openInput(pictureSize, framesPerSecond);
-  const bool hasSound = source->flashes(1).has_value();
+  const bool hasSound = source->canFlash();
   const auto sound = hasSound ? std::optional(tools::soundFormat) : std::nullopt;
   const tools::RunOptions options{
       .helper = {.program = helper, .frames = tools::frameTransport(), .sound = sound},

@@ -55,7 +55,7 @@ std::uint32_t FlvTimes::next(std::uint64_t frameID, client::Uptime::time_point a
   const auto time = isTime ? captured : arrivedAt;
   if (latest_ < 0) first_ = time;
   // Of ids that start again, only the distances count. Any other time is on one clock.
-  if (fromIDs_ && time < time_)
+  if (fromIDs_.value_or(false) && time < time_)
     first_ = time - (arrivedAt - arrivedAt_) - std::chrono::milliseconds(latest_);
   time_ = time;
   arrivedAt_ = arrivedAt;

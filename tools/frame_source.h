@@ -23,8 +23,9 @@ class FrameSource {
   virtual client::FrameFormat format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
-  // Whether frame `number` flashes, for `Beeps`. Empty if none ever does.
-  virtual std::optional<bool> flashes(std::uint64_t) const { return {}; }
+  // Whether some frames flash, for `Beeps`, and whether frame `number` does.
+  virtual bool canFlash() const { return false; }
+  virtual bool flashes(std::uint64_t) const { return false; }
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
@@ -37,7 +38,8 @@ class TestCard final : public FrameSource {
  public:
   explicit TestCard(client::FrameSize size, int framesPerSecond = 60);
   client::FrameSize size() const override { return size_; }
-  std::optional<bool> flashes(std::uint64_t number) const override;
+  bool canFlash() const override { return true; }
+  bool flashes(std::uint64_t number) const override;
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
 
  private:

@@ -100,7 +100,7 @@ class Run {
   // Of the time before this frame.
   void writeSound(client::Uptime::time_point capturedAt, std::uint64_t number) {
     if (!options_.helper.sound) return;
-    beeps_.write(helper_, capturedAt, source_.flashes(number).value_or(false));
+    beeps_.write(helper_, capturedAt, source_.flashes(number));
   }
 
   // The id of the next frame.

@@ -88,7 +88,7 @@ TestCard::TestCard(client::FrameSize size, int framesPerSecond)
 }
 
 // The first one half a second after the first frame.
-std::optional<bool> TestCard::flashes(std::uint64_t number) const {
+bool TestCard::flashes(std::uint64_t number) const {
   return (number + framesPerSecond_ / 2) % framesPerSecond_ < 3;
 }
 
@@ -108,7 +108,7 @@ std::span<const std::uint8_t> TestCard::next(std::uint64_t number, double second
   const int left = size_.width / 16;
   canvas.write(left, size_.height / 16, std::max(size_.height / 90, 1), clock.data());
   canvas.fill(left, size_.height * 3 / 4, size_.width / 6, size_.height / 6,
-              *flashes(number) ? white : black);
+              flashes(number) ? white : black);
   return frame_;
 }
 

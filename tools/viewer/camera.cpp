@@ -44,7 +44,7 @@ void Camera::feed(const std::stop_token& stop) {
     due = std::max(due, Clock::now() - interval) + interval;
     lastID = std::max(lastID + 1, client::frameID(capturedAt));
     helper_.writeFrame(source_->size(), lastID, picture);
-    if (beeps_) beeps_->write(helper_, capturedAt, source_->flashes(number).value_or(false));
+    if (beeps_) beeps_->write(helper_, capturedAt, source_->flashes(number));
   }
   helper_.stop();
 }
@@ -61,7 +61,7 @@ void Camera::listen(const std::stop_token& stop) {
 
 void Camera::stop() {
   feeder_.request_stop();
-  stopper_ = std::jthread([this] { helper_.stop(); });
+  helper_.requestStop();
 }
 
 }  // namespace lumora::viewer

@@ -24,7 +24,7 @@ class Camera {
          std::unique_ptr<tools::Microphone> microphone, int framesPerSecond, Handlers handlers);
 
   client::Helper& helper() { return helper_; }
-  // Stops the helper, even while the source gives no picture. Returns at once. Call it once.
+  // Stops the helper, even while the source gives no picture. Returns at once.
   void stop();
 
  private:
@@ -39,7 +39,6 @@ class Camera {
   client::Helper helper_;
   std::jthread feeder_;
   std::jthread listener_;  // if there is a microphone
-  std::jthread stopper_;
 };
 
 }  // namespace lumora::viewer

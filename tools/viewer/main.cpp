@@ -136,7 +136,7 @@ bool report(const Options& options, const std::vector<std::string>& events) {
     const auto size = options.camera.size.value_or(client::FrameSize{1280, 720});
     auto source = tools::openInput(size, options.rate, options.camera);
     const bool hasMicrophone = isDevice(options.sound);
-    const bool hasSound = hasMicrophone || (options.sound.empty() && source->flashes(1));
+    const bool hasSound = hasMicrophone || (options.sound.empty() && source->canFlash());
     bridge.own({.program = findHelper(options.helper),
                 .frames = tools::frameTransport(),
                 .sound = hasSound ? std::optional(tools::soundFormat) : std::nullopt},
