@@ -149,4 +149,9 @@ Event parseEvent(std::string line) {
   return event;
 }
 
+std::string toText(const Exited& end) {
+  if (end.signal != 0) return "signal " + std::to_string(end.signal);
+  return end.status < 0 ? "an unknown status" : "status " + std::to_string(end.status);
+}
+
 }  // namespace lumora::client

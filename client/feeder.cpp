@@ -45,19 +45,20 @@ bool Feeder::write(std::string commandRecord) {
 }
 
 bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat format,
-                        std::uint64_t capturedAt) {
+                        Uptime::time_point capturedAt) {
   constexpr std::size_t mostSeconds = 2;
-  // Microseconds. Ids must grow, so after sound from the future all later sound gets wrong times.
-  constexpr std::uint64_t mostAhead = 50'000;
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
     throw std::invalid_argument("sound must have whole samples of all channels");
-  if (capturedAt > frameID(Uptime::now()) + mostAhead) return false;
+  // Ids must grow, so after sound from the future all later sound would get wrong times.
+  const bool isTime = capturedAt >= Uptime::time_point() && capturedAt <= Uptime::now() + mostAhead;
+  if (!isTime) return false;
   const std::size_t most = mostSeconds * static_cast<std::size_t>(format.rate) * channels;
   const std::lock_guard hold(mutex_);
   if (ending_ || soundBytes_ + samples.size_bytes() > most * sizeof(std::int16_t)) return false;
   if (samples.empty()) return true;
-  waiting_.push_back({std::nullopt, 0, soundRecords(samples, format, capturedAt, lastSoundID_),
+  waiting_.push_back({std::nullopt, 0,
+                      soundRecords(samples, format, frameID(capturedAt), lastSoundID_),
                       samples.size_bytes()});
   soundBytes_ += samples.size_bytes();
   changed_.notify_one();

@@ -33,10 +33,9 @@ class Feeder {
   // False when the input has been closed.
   bool write(std::string commandRecord);
   // Throws std::invalid_argument for half a sample. False when the sound was skipped, because the
-  // input has been closed, too much of it waits, or it lies more than 50 ms ahead. `capturedAt` is
-  // microseconds of uptime.
+  // input has been closed, too much of it waits, or its time is no uptime up to `mostAhead`.
   bool writeSound(std::span<const std::int16_t> samples, SoundFormat format,
-                  std::uint64_t capturedAt);
+                  Uptime::time_point capturedAt);
   // Counts a frame that was skipped because every slot was busy.
   void countDropped();
   // Closes the input once everything that waits has been written.

@@ -79,11 +79,6 @@ std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::st
   }
 }
 
-std::string describe(const Exited& end) {
-  if (end.signal != 0) return "signal " + std::to_string(end.signal);
-  return end.status < 0 ? "an unknown status" : "status " + std::to_string(end.status);
-}
-
 }  // namespace
 
 class Helper::Impl {
@@ -150,7 +145,7 @@ class Helper::Impl {
 
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt) {
     if (!sound_) throw std::invalid_argument("the helper was started without sound");
-    return feeder_->writeSound(samples, *sound_, frameID(capturedAt));
+    return feeder_->writeSound(samples, *sound_, capturedAt);
   }
 
   Take startTake(const TakeOptions& options, Take::EventHandler onEvent) {
@@ -209,12 +204,12 @@ class Helper::Impl {
     std::optional<Exited> end;
     while (!(end = awaitExit(Seconds(1)))) continue;
     end->reason = problem_;
-    if (problem_.empty() && !readySlots()) end->reason = "it ended at once with " + describe(*end);
+    if (problem_.empty() && !readySlots()) end->reason = "it ended at once with " + toText(*end);
     {
       const std::lock_guard hold(mutex_);
       exit_ = end;
     }
-    takes_.abandonAll("the helper has ended with " + describe(*end));
+    takes_.abandonAll("the helper has ended with " + toText(*end));
     tell({{}, *end});
     const std::lock_guard hold(mutex_);
     isOver_ = true;

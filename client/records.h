@@ -5,6 +5,7 @@
 
 #include <lumora/frame.h>
 #include <lumora/sound.h>
+#include <lumora/uptime.h>
 
 #include <array>
 #include <cstdint>
@@ -21,6 +22,9 @@ using RecordHeaderBytes = std::array<std::uint8_t, 16>;
 
 RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
                                std::uint64_t id);
+
+// How far after now the helper accepts a capture time.
+constexpr Seconds mostAhead(0.05);
 
 // The header of a picture with this length, or of an RGBA picture. Ids are above 0 and grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length);

@@ -37,7 +37,7 @@ void check(const TakeOptions& options) {
 // Limits of the same page.
 void checkTime(Uptime::time_point time) {
   const Seconds ago = Uptime::now() - time;
-  if (ago <= Seconds(30) && ago >= Seconds(-0.05)) return;  // never true for NaN
+  if (ago <= Seconds(30) && ago >= -mostAhead) return;  // never true for NaN
   throw std::invalid_argument(
       "a take starts and stops at most 30 s ago or 50 ms from now, on the uptime clock");
 }

@@ -34,9 +34,13 @@ void Takes::awaitStopped(Seconds limit) const {
     if (take->stoppedAt()) static_cast<void>(take->waitForEnd(deadline.left()));
 }
 
-void Takes::failUnanswered(Uptime::time_point now) const {
+void Takes::failUnanswered(Uptime::time_point now) {
   for (const auto& [id, take] : copy()) {
     if (!take->isUnanswered(now)) continue;
+    {
+      const std::lock_guard hold(mutex_);
+      takes_.erase(id);
+    }
     take->stop(Uptime::now());  // if only its answer was lost, it runs
     take->abandon(TakeFailure::noAnswer, "the helper did not answer");
   }

@@ -20,7 +20,7 @@ class Takes {
   // Waits until those that were told to stop have ended.
   void awaitStopped(Seconds limit) const;
   // Fails those of which nothing was heard by `now`, although they began long before.
-  void failUnanswered(Uptime::time_point now) const;
+  void failUnanswered(Uptime::time_point now);
   // Fails all of them, because the helper has ended.
   void abandonAll(const std::string& reason);
 

@@ -97,7 +97,7 @@ void VideoEncoder::shutdown(int code) {
   platform.process->rearmWatchdog(watchdogTimeout, code);
   if (!take.movie && !take.abandoned) return exitNow(code);
   take.pendingMovieStop = uptime();
-  if (take.movie) take.movie->limitRescue(uptime() + MovieRecorder::rescueTimeout);
+  if (take.movie) take.movie->limitEnd(uptime() + MovieRecorder::rescueTimeout);
   finishMovieIfReady();
   platform.stateQueue->asyncAfter(shutdownTimeout,
                                   [self = shared_from_this(), code] { self->exitNow(code); });

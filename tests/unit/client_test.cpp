@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cmath>
 #include <csignal>
 #include <numeric>
 
@@ -50,18 +51,21 @@ TEST(Feeder, AFrameBehindTheEndIsDroppedAndNotTheOneThatWaits) {
 TEST(Feeder, HoldsTwoSecondsOfSound) {
   const auto reader = std::make_shared<ChildProcess>(LaunchOptions{"wc", "", {"-c"}, {}});
   const SoundFormat format{.rate = 8000, .channels = 2};
+  const Uptime::time_point at(Seconds(1));
   const std::vector<std::int16_t> second(16000);
   reader->sendSignal(SIGSTOP);
   {
     Feeder feeder(reader);
     EXPECT_TRUE(feeder.write(std::string(1 << 20, 'x')));
-    EXPECT_THROW(feeder.writeSound(std::span(second).first(3), format, 1), std::invalid_argument);
-    EXPECT_FALSE(feeder.writeSound(second, format, frameID(Uptime::now() + Seconds(1))));
-    EXPECT_TRUE(feeder.writeSound(second, format, 1));
-    EXPECT_TRUE(feeder.writeSound(second, format, 2));
-    EXPECT_FALSE(feeder.writeSound(std::span(second).first(2), format, 3));
+    EXPECT_THROW(feeder.writeSound(std::span(second).first(3), format, at), std::invalid_argument);
+    for (const auto wrong :
+         {Uptime::now().time_since_epoch() + Seconds(1), Seconds(NAN), Seconds(-1)})
+      EXPECT_FALSE(feeder.writeSound(second, format, Uptime::time_point(wrong)));
+    EXPECT_TRUE(feeder.writeSound(second, format, at));
+    EXPECT_TRUE(feeder.writeSound(second, format, at));
+    EXPECT_FALSE(feeder.writeSound(std::span(second).first(2), format, at));
     reader->sendSignal(SIGCONT);
-    for (const Deadline deadline(Seconds(20)); !feeder.writeSound(second, format, 4);)
+    for (const Deadline deadline(Seconds(20)); !feeder.writeSound(second, format, at);)
       ASSERT_GT(deadline.left(), Seconds(0));
   }
   EXPECT_EQ(reader->nextLine(Seconds(20)), std::to_string((1 << 20) + 3 * (32000 + 4 * 16)));

@@ -219,10 +219,8 @@ void Bridge::soundEnded(bool hasHeard) {
 void Bridge::helperEnded(const client::Exited& exited) {
   finishTake();
   failed_ = failed_ || !exited.isClean() || isTakeLost_;
-  const std::string end = exited.signal != 0 ? "signal " + std::to_string(exited.signal)
-                                             : "status " + std::to_string(exited.status);
-  const std::string words =
-      inputEnd_ + (inputEnd_.empty() ? "" : " ") + "The helper has ended with " + end + ".";
+  const std::string words = inputEnd_ + (inputEnd_.empty() ? "" : " ") +
+                            "The helper has ended with " + toText(exited) + ".";
   remember(words);
   if (!exited.isClean()) std::fprintf(stderr, "%s\n", words.c_str());
   interruption_ = {{"type", "ended"}, {"message", words}, {"status", failed_ ? 1 : 0}};

@@ -117,6 +117,8 @@ struct Exited {
   std::string reason = {};
   bool isClean() const { return status == 0 && signal == 0; }
 };
+// "status 1", "signal 9", or "an unknown status".
+LUMORA_CLIENT_EXPORT std::string toText(const Exited& end);
 
 struct Event {
   // The helper's own line without its line feed; empty for Exited.
