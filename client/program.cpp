@@ -31,6 +31,7 @@ std::filesystem::path findProgram(const std::filesystem::path& named) {
   }
   std::istringstream folders(environment("PATH"));
   for (std::string folder; std::getline(folders, folder, ':');) {
+    if (folder.empty()) continue;
     auto path = std::filesystem::absolute(folder) / "lumora-video";
     if (isProgram(path)) return path;
   }

@@ -9,7 +9,7 @@
 namespace lumora::tools {
 
 void Beeps::write(client::Helper& helper, client::Uptime::time_point now, bool flashes) {
-  constexpr client::Seconds longest(1);
+  constexpr client::Seconds longest(1.5);
   constexpr double pitch = 1000, amplitude = 16000;
   const auto [rate, channels] = soundFormat;
   if (now - next_ > longest) next_ = now;  // the first time, or this process was stopped

@@ -92,7 +92,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   [[noreturn]] void refuseSample() const;
   void checkSpace();
   Json spaceLeft();
-  void holdSound(std::vector<SoundRecord> records, double came, bool isLast);
+  void holdSound(std::vector<SoundRecord> records, bool isLast);
   void encodeSound();
   void soundLater();
   void endSound();

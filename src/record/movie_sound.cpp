@@ -19,17 +19,16 @@ void MovieRecorder::addSound(std::vector<SoundRecord> records, bool isLast) {
   }
   if (records.empty() && !isLast) return;
   waitingSound += samples;
-  queue->async([self = shared_from_this(), samples, isLast, came = platform.clock->uptime(),
-                next = std::move(records)]() mutable {
+  queue->async([self = shared_from_this(), samples, isLast, next = std::move(records)]() mutable {
     self->waitingSound -= samples;
-    self->holdSound(std::move(next), came, isLast);
+    self->holdSound(std::move(next), isLast);
   });
 }
 
-void MovieRecorder::holdSound(std::vector<SoundRecord> records, double came, bool isLast) {
+void MovieRecorder::holdSound(std::vector<SoundRecord> records, bool isLast) {
   if (failed) return;
   try {
-    sound->add(std::move(records), came, isLast);
+    sound->add(std::move(records), isLast);
   } catch (const std::exception& reason) {
     return fail(reasonOf(reason), FrameOutcome::encoder);
   }

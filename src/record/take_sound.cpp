@@ -27,11 +27,11 @@ AacFormat TakeSound::begin(const OpenSound& open, double origin) {
           {configuration.begin(), configuration.end()}};
 }
 
-void TakeSound::add(std::vector<SoundRecord> records, double came, bool isLast) {
+void TakeSound::add(std::vector<SoundRecord> records, bool isLast) {
   isLast_ = isLast_ || isLast;
   if (end_ || records.empty()) return;
   const SoundRecord& latest = records.back();
-  behind_ = came - latest.capturedAt - static_cast<double>(latest.samples) / format_.rate;
+  behind_ = latest.readAt - latest.capturedAt - static_cast<double>(latest.samples) / format_.rate;
   std::ranges::move(records, std::back_inserter(held_));
   keepLatest(held_, mostHeld, format_.rate);
 }

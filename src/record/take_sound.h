@@ -24,8 +24,8 @@ class TakeSound {
 
   // Begins the movie at this uptime. Returns the format of its track. Throws EncoderFailure.
   AacFormat begin(const OpenSound& open, double origin);
-  // Takes the next records, if there are any, which came at this uptime. `isLast`: no more come.
-  void add(std::vector<SoundRecord> records, double came, bool isLast);
+  // Takes the next records, if there are any. `isLast`: no more come.
+  void add(std::vector<SoundRecord> records, bool isLast);
   // The track ends at this uptime. Later records are left.
   void endAt(double end);
   // Encodes the next record, or at most a quarter of a second of silence. Returns packets, perhaps
@@ -59,7 +59,7 @@ class TakeSound {
   bool isLast_ = false;        // no more records come
   std::optional<double> end_;  // uptime at which the track ends
   bool isComplete_ = false;
-  double behind_ = 0;  // seconds from a capture to its coming
+  double behind_ = 0;  // seconds from a capture to its reading
 };
 
 }  // namespace lumora

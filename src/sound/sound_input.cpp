@@ -20,13 +20,14 @@ void SoundInput::add(std::uint64_t id, Bytes pcm) {
   lastID_ = id;
   const double capturedAt = static_cast<double>(id) * 1e-6;
   const auto samples = std::ssize(pcm) / format_.sampleBytes();
-  if (!isTimely(capturedAt, clock_->uptime()) || waiting_ + samples > longestWait * format_.rate) {
+  const double now = clock_->uptime();
+  if (!isTimely(capturedAt, now) || waiting_ + samples > longestWait * format_.rate) {
     ++dropped_;
     return;
   }
   waiting_ += samples;
   queue_->async([self = shared_from_this(),
-                 record = SoundRecord{capturedAt, samples, std::move(pcm)}]() mutable {
+                 record = SoundRecord{capturedAt, samples, std::move(pcm), now}]() mutable {
     self->waiting_ -= record.samples;
     self->deliver(self->device_.add(std::move(record)));
   });

@@ -37,9 +37,8 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   // Reader thread. No more records come.
   void end();
 
-  // Any thread. From now on `receiver` runs on the queue, first with the last two
-  // seconds. Null: nobody
-  // wants sound.
+  // Any thread. From now on `receiver` runs on the queue, first with the last two seconds. Null:
+  // nobody wants sound.
   void sendTo(SoundReceiver receiver);
   // Any thread. Records that were left out.
   std::uint64_t dropped() const { return dropped_; }

@@ -14,7 +14,8 @@ struct SoundRecord {
   double capturedAt = 0;  // uptime of the first sample in seconds; `DeviceClock` smooths it
   std::int64_t samples = 0;
   Bytes pcm = {};
-  double drift = 0;  // of the device, set by `DeviceClock`: 1e-6 is 1 ppm slow
+  double readAt = 0;  // uptime
+  double drift = 0;   // of the device, set by `DeviceClock`: 1e-6 is 1 ppm slow
 };
 
 // Whether a record has an id above `lastID` (that of the sound before it, or 0) and whole samples:

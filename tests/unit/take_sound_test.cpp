@@ -8,7 +8,7 @@ namespace {
 // Of one channel at 8 kHz.
 SoundRecord recordAt(double time, std::int64_t samples = 80) {
   Bytes pcm(static_cast<std::size_t>(samples * 2), 1);
-  return {time, samples, std::move(pcm)};
+  return {time, samples, std::move(pcm), time + static_cast<double>(samples) / 8000};
 }
 
 struct SoundTakes : Takes {
@@ -91,6 +91,13 @@ TEST_F(SoundTakes, HaveSilenceTwoSecondsBehindADeviceThatSendsNothing) {
   const Json saved = finish({{"stopped_at", 1003.09}});
   EXPECT_EQ(saved["sound_gaps"], 1);
   EXPECT_NEAR(saved["sound_missing"].get<double>(), 3, 1e-3);
+
+  probe.clock->now = 1600;  // the device stays silent
+  startWithSound();
+  picture(1600, 1600.02, true);
+  probe.tickAt(1604.02);
+  probe.run();
+  expectSamples(8000);  // its last sound came a second late
 }
 
 TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {

@@ -83,7 +83,8 @@ void Window::helperEnded(const Exited& end) {
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
   // If the helper never became ready, another program may have taken its port. The next one then
   // uses any port. If this one already did, the next one would not start either.
-  if (wasReady || std::exchange(port_, 0) != 0) startHelper();
+  if (wasReady || std::exchange(port_, 0) != 0)
+    QTimer::singleShot(std::chrono::seconds(1), this, &Window::startHelper);
 }
 
 void Window::drawPreview() try {
