@@ -97,7 +97,7 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   const auto copy = [&](MutableByteView space) { return sample.copyBytes(0, space) == 0; };
   if (!add(pictureTrack, picture, copy)) return false;
   if (!hasGathered(pictureTrack, fragmentDuration)) return true;
-  if (hasGathered(soundTrack, soundAhead)) flushFragment(soundTrack);
+  flushFragment(soundTrack);  // so that a crash costs no more of it than its encoder holds
   flushFragment(pictureTrack);
   return true;
 }

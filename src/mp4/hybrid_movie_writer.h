@@ -25,9 +25,6 @@ class HybridMovieWriter final : public MovieWriter {
   // that time. This is twice as much.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
-  // When a fragment of pictures is full, sound of this duration goes to the disk first. So a crash
-  // costs at most so much more of the sound than of the pictures.
-  static constexpr std::int64_t soundAhead = movieTimescale / 8;
 
   // `created` is seconds since 1904, the epoch of MP4.
   HybridMovieWriter(std::unique_ptr<ByteSink> sink, std::uint64_t created);
