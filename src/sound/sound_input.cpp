@@ -29,7 +29,19 @@ void SoundInput::add(std::uint64_t id, Bytes pcm) {
   queue_->async([self = shared_from_this(),
                  record = SoundRecord{capturedAt, samples, std::move(pcm), now}]() mutable {
     self->waiting_ -= record.samples;
-    self->deliver(self->device_.add(std::move(record)));
+    self->hear(std::move(record));
+  });
+}
+
+// The clock holds a record that it doubts until the next one. There may be none, and a take that
+// stops waits half a second at most.
+void SoundInput::hear(SoundRecord record) {
+  constexpr double longestSilence = 0.4;  // seconds
+  ++heard_;
+  auto certain = device_.add(std::move(record));
+  if (!certain.empty()) return deliver(std::move(certain));
+  queue_->asyncAfter(longestSilence, [self = shared_from_this(), heard = heard_] {
+    if (self->heard_ == heard) self->deliver(self->device_.flush());
   });
 }
 

@@ -44,6 +44,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   std::uint64_t dropped() const { return dropped_; }
 
  private:
+  void hear(SoundRecord record);
   void deliver(std::vector<SoundRecord> records);
 
   const SoundFormat format_;
@@ -55,6 +56,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
 
   // Queue only.
   DeviceClock device_{format_.rate};
+  std::uint64_t heard_ = 0;  // records
   SoundReceiver receiver_;
   std::deque<SoundRecord> recent_;
   bool hasEnded_ = false;

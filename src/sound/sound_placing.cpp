@@ -34,6 +34,8 @@ SoundPlacement SoundPlacing::place(const SoundRecord& record, double length) {
 std::int64_t SoundPlacing::fill(double until, double length) {
   const std::int64_t silence = std::llround((until - start_ - length) * rate_);
   if (silence <= 0) return 0;
+  if (!isAligning_) filledFrom_ = start_ + length;
+  filledUntil_ = until;
   beginAligning();
   missing_ += static_cast<double>(silence) / rate_;
   heardUntil_ = std::max(heardUntil_, until);
@@ -58,7 +60,8 @@ std::int64_t SoundPlacing::trackSamples(double end, int trackRate) const {
 }
 
 double SoundPlacing::missing(double end) const {
-  return std::min(missing_ + std::max(end - heardUntil_, 0.0), end - start_);
+  const double behind = std::max(filledUntil_ - std::max(end, filledFrom_), 0.0);
+  return std::min(missing_ - behind + std::max(end - heardUntil_, 0.0), end - start_);
 }
 
 }  // namespace lumora

@@ -65,7 +65,9 @@ class SoundPlacing {
   int rate_;
   double start_;
   double heardUntil_;
-  double missing_ = 0;       // before `heardUntil_`
+  double missing_ = 0;          // before `heardUntil_`
+  double filledFrom_ = start_;  // the latest silence that `fill` has made
+  double filledUntil_ = start_;
   bool isAligning_ = true;   // until samples lie where they belong
   double compensation_ = 0;  // of the resampler: 1e-6 is 1 ppm longer
   int gaps_ = 0;

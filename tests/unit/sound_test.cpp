@@ -61,6 +61,10 @@ TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
   EXPECT_EQ(late.place({10.005, 2000}, 0).silence, 40);
   EXPECT_EQ(late.trackSamples(11.5, 48000), 72000);
   EXPECT_NEAR(late.missing(10.001), 0.001, 1e-9);  // never more than the movie has
+  SoundPlacing stopped(48000, 10);
+  stopped.place({10, 48000}, 0);
+  EXPECT_EQ(stopped.fill(31, 1), 20 * 48000);
+  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the movie has only its beginning
   EXPECT_EQ(early.gaps() + late.gaps(), 0);
 }
 

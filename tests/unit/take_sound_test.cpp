@@ -121,6 +121,22 @@ TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {
   }
 }
 
+TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
+  startWithSound();
+  hear(1000, 1000.2);
+  picture(1000, 1000.2, true);
+  probe.clock->now = 1000.25;
+  probe.hear(1000.24, recordAt(1000.24).pcm);
+  stop({{"stopped_at", 1000.25}});
+  probe.run();
+  for (const double now : {1000.66, 1000.76}) {
+    probe.clock->now = now;
+    probe.run();
+  }
+  ASSERT_TRUE(writer().finished);
+  EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.04, 1e-3);
+}
+
 TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
   const auto breakQueue = [this] {
     probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
