@@ -27,7 +27,7 @@ void Feeder::write(Frame frame, std::uint64_t id) {
   const std::lock_guard hold(mutex_);
   if (id <= lastID_) throw std::invalid_argument("frame ids must grow");
   lastID_ = id;
-  if (ending_) {
+  if (framesHaveEnded_ || ending_) {
     ++counts_.dropped;
     return;
   }
@@ -68,6 +68,11 @@ bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat forma
 void Feeder::countDropped() {
   const std::lock_guard hold(mutex_);
   ++counts_.dropped;
+}
+
+void Feeder::endFrames() {
+  const std::lock_guard hold(mutex_);
+  framesHaveEnded_ = true;
 }
 
 void Feeder::end() {

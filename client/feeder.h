@@ -38,6 +38,8 @@ class Feeder {
                   Uptime::time_point capturedAt);
   // Counts a frame that was skipped because every slot was busy.
   void countDropped();
+  // From now on drops frames, and not the one that waits. Commands and sound are still written.
+  void endFrames();
   // Closes the input once everything that waits has been written.
   void end();
   FrameCounts counts() const;
@@ -60,6 +62,7 @@ class Feeder {
   std::list<Entry> waiting_;
   FrameCounts counts_;
   std::uint64_t lastID_ = 0;
+  bool framesHaveEnded_ = false;
   std::uint64_t lastSoundID_ = 0;
   std::size_t soundBytes_ = 0;  // in `waiting_`
   bool ending_ = false;

@@ -270,6 +270,7 @@ class Helper::Impl {
   // Asks the helper to end, then ends it, then gives it up.
   void endProcess() {
     const auto askedAt = Uptime::now();
+    feeder_->endFrames();
     takes_.awaitStopped(timeToTerminate);  // the end of the input would replace their stop times
     feeder_->end();
     for (const auto& [time, signal] :

@@ -95,10 +95,12 @@ test('one frame is written, the newest waits, commands keep their place', async 
   assert.ok(feeder.writeCommand(Buffer.from('start')));
   frames.push(put('c'), put('d'));
   assert.equal(await frames[1].done, 'dropped');
-  feeder.end();
+  feeder.endFrames();
   assert.equal(put('e').state, 'dropped');
+  assert.ok(feeder.writeCommand(Buffer.from('stop')));
+  feeder.end();
   assert.deepEqual(await outcomes(frames), ['written', 'dropped', 'dropped', 'written']);
-  assert.deepEqual(written, ['frame a', 'start', 'frame d']);
+  assert.deepEqual(written, ['frame a', 'start', 'frame d', 'stop']);
   await turn();
   assert.ok(input.writableFinished);
   const stuck = new Writable({ write() {} });

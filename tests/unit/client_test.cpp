@@ -38,13 +38,17 @@ TEST(Feeder, AFrameBehindTheEndIsDroppedAndNotTheOneThatWaits) {
     Feeder feeder(counter);
     EXPECT_TRUE(feeder.write(command));
     feeder.write(slots->acquire(size).value(), 1);
-    feeder.end();
+    feeder.endFrames();
     feeder.write(slots->acquire(size).value(), 2);
+    EXPECT_TRUE(feeder.write("x"));
+    feeder.end();
+    feeder.write(slots->acquire(size).value(), 3);
     EXPECT_FALSE(feeder.write(command));
-    EXPECT_EQ(feeder.counts().dropped, 1u);
+    EXPECT_EQ(feeder.counts().dropped, 2u);
     counter->sendSignal(SIGCONT);
   }
-  EXPECT_EQ(counter->nextLine(Seconds(20)), std::to_string(command.size() + 16 + size.rgbaBytes()));
+  EXPECT_EQ(counter->nextLine(Seconds(20)),
+            std::to_string(command.size() + 1 + 16 + size.rgbaBytes()));
   EXPECT_TRUE(counter->wait(Seconds(20)).value().isClean());
 }
 

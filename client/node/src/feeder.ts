@@ -35,6 +35,7 @@ export class Feeder {
   #soundBytes = 0; // in `#waiting`
   #lastSound = 0n; // id
   #isWriting = false;
+  #framesHaveEnded = false;
   #ending = false;
   #abandonWrite: () => void = () => undefined;
 
@@ -51,7 +52,7 @@ export class Feeder {
       this.counts[outcome] += 1;
       resolve(outcome);
     };
-    if (this.#ending) {
+    if (this.#framesHaveEnded) {
       settle('dropped');
       return { state: 'dropped', done };
     }
@@ -63,7 +64,7 @@ export class Feeder {
 
   /** Whether one more frame would be dropped or drop another. If so, counts it as dropped. */
   skipsFrame(): boolean {
-    const skips = this.#ending || this.#waiting.some(({ isFrame }) => isFrame);
+    const skips = this.#framesHaveEnded || this.#waiting.some(({ isFrame }) => isFrame);
     if (skips) this.counts.dropped += 1;
     return skips;
   }
@@ -94,8 +95,14 @@ export class Feeder {
     return true;
   }
 
+  /** From now on drops frames, and not the one that waits. */
+  endFrames(): void {
+    this.#framesHaveEnded = true;
+  }
+
   /** Closes the input once everything in the queue is written. */
   end(): void {
+    this.endFrames();
     this.#ending = true;
     this.#writeNext();
   }

@@ -209,6 +209,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
       // Node reads waiting output before it runs the immediate.
       setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter),
     ];
+    this.#feeder.endFrames();
     // When the input ends, the helper may end a take at that moment, not at its `stoppedAt`.
     await settlesWithin(this.#takes.stopped(), terminateAfter);
     this.#feeder.end();
