@@ -4,12 +4,12 @@
 //
 //   node long_take.mjs HELPER LIBRARY_OF_FAULTS SPEED
 
-import { execFileSync, spawn } from 'node:child_process';
+import { execFileSync } from 'node:child_process';
 import { once } from 'node:events';
 import fs from 'node:fs';
-import readline from 'node:readline';
 import { setImmediate as turn } from 'node:timers/promises';
-import { commandOf, environment, inFolder, recordOf } from '../tests/parent.mjs';
+import { commandOf, inFolder, recordOf } from '../tests/parent.mjs';
+import { startFastHelper } from './fast_helper.mjs';
 
 const [helper, library, longTakeSpeed] = process.argv.slice(2);
 const uptime = () => Number(process.hrtime.bigint()) / 1e9; // seconds
@@ -37,16 +37,7 @@ async function film(stdin, seconds, speed) {
 // Records a take. Returns its last event, how long its end took in real seconds, and the helper's
 // peak memory in megabytes.
 async function record(path, seconds, speed) {
-  const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: { ...environment,
-    TAVO_FRAME_FORMAT: 'nv12', TAVO_H264_ENCODER: 'software', LD_PRELOAD: library,
-    LUMORA_SPEED: speed } });
-  const lines = readline.createInterface({ input: program.stdout });
-  lines.on('line', (line) => {
-    const event = JSON.parse(line);
-    if (event.state === 'failed' || event.type === 'error') throw new Error(line);
-    lines.emit(event.state ?? event.type, event);
-  });
-  await once(lines, 'ready');
+  const { program, lines } = await startFastHelper(helper, library, speed);
   program.stdin.write(commandOf({ type: 'record_start', id, path, target_fps: rate,
     resolution: '640x360', cadence: 'steady', bit_rate: 250_000, frame_log: true }));
   await film(program.stdin, seconds, speed);

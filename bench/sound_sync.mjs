@@ -7,11 +7,11 @@
 //
 //   node sound_sync.mjs HELPER LIBRARY_OF_FAULTS SPEED MINUTES
 
-import { spawn, spawnSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import { once } from 'node:events';
-import readline from 'node:readline';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { commandOf, environment, inFolder, recordOf } from '../tests/parent.mjs';
+import { commandOf, inFolder, recordOf } from '../tests/parent.mjs';
+import { startFastHelper } from './fast_helper.mjs';
 
 const [helper, library, speed, minutes] = process.argv.slice(2).map((word, i) =>
   i < 2 ? word : Number(word));
@@ -78,16 +78,8 @@ async function film(stdin, seconds, capture, sound) {
 }
 
 async function record(path, seconds, capture, sound) {
-  const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: { ...environment,
-    TAVO_FRAME_FORMAT: 'nv12', TAVO_SOUND: `${soundRate}x1`, TAVO_H264_ENCODER: 'software',
-    LD_PRELOAD: library, LUMORA_SPEED: speed } });
-  const lines = readline.createInterface({ input: program.stdout });
-  lines.on('line', (line) => {
-    const event = JSON.parse(line);
-    if (event.state === 'failed' || event.type === 'error') throw new Error(line);
-    lines.emit(event.state ?? event.type, event);
-  });
-  await once(lines, 'ready');
+  const { program, lines } = await startFastHelper(helper, library, speed,
+    { TAVO_SOUND: `${soundRate}x1` });
   program.stdin.write(commandOf({ type: 'record_start', id, path, target_fps: fps,
     resolution: '640x360', cadence: 'steady', bit_rate: 250_000, sound: true }));
   await film(program.stdin, seconds, capture, sound);

@@ -1,0 +1,22 @@
+// A helper whose clock runs faster than the real one.
+
+import { spawn } from 'node:child_process';
+import { once } from 'node:events';
+import readline from 'node:readline';
+import { environment } from '../tests/parent.mjs';
+
+// Starts a helper for NV12 with the library of faults, and waits until it is ready. `lines` emits
+// each event by its state, or else its type. An event of a failure is thrown.
+export async function startFastHelper(helper, library, speed, variables = {}) {
+  const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: { ...environment,
+    TAVO_FRAME_FORMAT: 'nv12', TAVO_H264_ENCODER: 'software', LD_PRELOAD: library,
+    LUMORA_SPEED: speed, ...variables } });
+  const lines = readline.createInterface({ input: program.stdout });
+  lines.on('line', (line) => {
+    const event = JSON.parse(line);
+    if (event.state === 'failed' || event.type === 'error') throw new Error(line);
+    lines.emit(event.state ?? event.type, event);
+  });
+  await once(lines, 'ready');
+  return { program, lines };
+}
