@@ -115,6 +115,15 @@ void checkSound(const std::string& movie) {
   if (codec != "aac\n") throw std::runtime_error("there is no sound in the take");
 }
 
+void addBeeps(tools::RunOptions& options, const tools::FrameSource& source) {
+  options.helper.sound = tools::soundFormat;
+  options.writeSound = [&source, beeps = tools::Beeps()](client::Helper& helper,
+                                                         client::Uptime::time_point capturedAt,
+                                                         std::uint64_t frame) mutable {
+    beeps.write(helper, capturedAt, source.flashes(frame));
+  };
+}
+
 void run(const std::string& helper, const std::filesystem::path& folder, double seconds,
          bool asJson) {
   std::filesystem::create_directories(folder);
@@ -125,14 +134,13 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
   const auto source = tools::openInput(pictureSize, framesPerSecond);
   const bool hasSound = source->canFlash();
-  const auto sound = hasSound ? std::optional(tools::soundFormat) : std::nullopt;
-  const tools::RunOptions options{
-      .helper = {.program = helper, .frames = tools::frameTransport(), .sound = sound},
-      .framesPerSecond = framesPerSecond,
-      .seconds = seconds,
-      .clients = clients,
-      .take = client::TakeOptions{.path = movie, .sound = hasSound},
-      .previewPath = preview};
+  tools::RunOptions options{.helper = {.program = helper, .frames = tools::frameTransport()},
+                            .framesPerSecond = framesPerSecond,
+                            .seconds = seconds,
+                            .clients = clients,
+                            .take = client::TakeOptions{.path = movie, .sound = hasSound},
+                            .previewPath = preview};
+  if (hasSound) addBeeps(options, *source);
   if (!asJson)
     std::printf("Feeding 1920x1080 at %d frames a second for %.0f s\n", framesPerSecond, seconds);
   const tools::RunReport report =

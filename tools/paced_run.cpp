@@ -9,7 +9,6 @@
 
 #include <lumora/stream_client.h>
 #include "tools/programs.h"
-#include "tools/sound_source.h"
 
 namespace lumora::tools {
 namespace {
@@ -97,10 +96,8 @@ class Run {
     return copy;
   }
 
-  // Of the time before this frame.
   void writeSound(client::Uptime::time_point capturedAt, std::uint64_t number) {
-    if (!options_.helper.sound) return;
-    beeps_.write(helper_, capturedAt, source_.flashes(number));
+    if (options_.writeSound) options_.writeSound(helper_, capturedAt, number);
   }
 
   // The id of the next frame.
@@ -164,7 +161,6 @@ class Run {
 
   const RunOptions& options_;
   FrameSource& source_;
-  Beeps beeps_;
   const SteadyClock::time_point launched_ = SteadyClock::now();
   SteadyClock::time_point begun_;
   std::optional<client::Take> take_;

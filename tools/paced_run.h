@@ -8,7 +8,7 @@
 namespace lumora::tools {
 
 struct RunOptions {
-  client::HelperOptions helper = {};  // with `sound`: the beeps of the source's flashes
+  client::HelperOptions helper = {};
   int framesPerSecond = 60;
   double seconds = 10;
   int clients = 2;
@@ -17,6 +17,11 @@ struct RunOptions {
   std::string previewPath = {};  // Annex B file of what the first client receives; empty: none
   // Called before each frame is written; may be empty.
   std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
+  // Called when a frame is captured, and at the end of the last one. Writes the sound before it;
+  // may be empty.
+  std::function<void(client::Helper& helper, client::Uptime::time_point capturedAt,
+                     std::uint64_t frame)>
+      writeSound = {};
   // Called for each line of the helper, on a thread of the client library; may be empty.
   std::function<void(const std::string& line)> onEvent = {};
 };

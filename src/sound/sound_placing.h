@@ -53,7 +53,7 @@ class SoundPlacing {
   int gaps() const { return gaps_; }
   // Until when records came. A take that stops waits until this reaches its end.
   double heardUntil() const { return heardUntil_; }
-  // The samples that the track ends with: sound beyond them is cut, silence fills what is missing.
+  // The samples of a track of this rate that ends at `end`.
   std::int64_t trackSamples(double end, int trackRate) const;
   // Seconds of the movie for which no record came.
   double missing(double end) const;
