@@ -1,0 +1,154 @@
+#pragma once
+
+// The real helper while its calls fail.
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "tests/e2e/helper_fixture.h"
+
+namespace lumora::tests {
+
+inline constexpr FrameSize tiny{64, 36};
+
+struct Faults : HelperTest {
+#if defined(__SANITIZE_THREAD__)
+  void SetUp() override { GTEST_SKIP() << "this sanitizer must be the first library"; }
+#endif
+  // False when the helper ends without being ready.
+  bool startWith(const std::string& faults, Environment more = {}) {
+    std::filesystem::remove(hitPath());
+    more.insert(environment.begin(), environment.end());
+    more.insert({{"LD_PRELOAD", LUMORA_FAULTS},
+                 {"LUMORA_FAULT", faults},
+                 {"LUMORA_FAULT_HIT", hitPath()},
+                 {"TAVO_H264_ENCODER", "software"},
+                 {"ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0"}});
+    launch({}, std::move(more));
+    takes = {};
+    error = said = "";
+    return hear([](const Event& event) { return event["type"] == "ready"; });
+  }
+  // Hears events until the last one. False when the output ends or 20 s have passed.
+  bool hear(const HelperProcess::Wanted& isLast = [](const Event&) { return false; }) {
+    for (const double patience = uptime() + 20; uptime() < patience;) {
+      const auto event = helper->nextEvent(Seconds(20));
+      if (!event) return false;
+      said += event->dump() + "\n";
+      if (event->at("type") == "ready") port = event->at("port");
+      if (event->at("type") == "error") error = event->at("message");
+      if (event->at("type") == "recording")
+        takes[event->at("id")][event->at("state")] = event->at("path");
+      if (isLast(*event)) return true;
+    }
+    return false;
+  }
+  void feedAll() {
+    const Pixels pixels = quarters(tiny);
+    for (int i = 0; i < frames && helper->writePixels(tiny, ++lastID, pixels); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      if (hasSound) feedSound(uptime() * speed);
+    }
+  }
+  const std::map<std::string, std::string>& takeOne() {
+    startTake(keys);
+    feedAll();
+    stopTake();
+    const auto& states = takes[takeID];
+    hear([&](const Event&) { return states.contains("saved") || states.contains("failed"); });
+    return states;
+  }
+  // A short take beside a client. A call that failed once must not fail the take after that.
+  client::Exited run(const std::string& faults, bool withAnother) {
+    if (startWith(faults)) {
+      std::unique_ptr<client::StreamClient> viewer;
+      try {
+        viewer = connect();
+        viewer->sayHello(token);
+      } catch (const std::exception&) {  // its listener may be gone
+      }
+      takeOne();
+      if (withAnother && hasHit()) {
+        const auto first = std::pair(takeID, path);
+        turnTo(folder / "another.mp4");
+        const auto& states = takeOne();
+        EXPECT_TRUE(states.empty() || states.contains("saved") || error != "") << said;
+        std::tie(takeID, path) = first;
+      }
+    }
+    helper->closeInput();
+    hear();
+    const auto exit = helper->wait(Seconds(20)).value_or(client::Exited{.status = -1});
+    helper.reset();
+    return exit;
+  }
+  // Makes each call of a kind fail, one in each run, and calls `look`. Of calls that come often,
+  // each of the first is tried, then ever fewer: with sound fewer than without, which is tried,
+  // too.
+  void sweep(const std::string& before, const std::string& call, bool withAnother,
+             const std::function<void(const client::Exited&, long nth)>& look) {
+    const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
+    const auto next = [&](long nth) { return nth + 1 + (nth < all ? 0 : nth / divisor); };
+    long nth = 1;
+    for (bool hit = true; hit; nth = next(nth)) {
+      SCOPED_TRACE(before + call + " " + std::to_string(nth));
+      const auto exit = run(before + call + ":" + std::to_string(nth), withAnother);
+      hit = hasHit();
+      look(exit, nth);
+      std::filesystem::remove_all(folder);
+      std::filesystem::create_directory(folder);
+    }
+    EXPECT_GT(nth, next(1)) << call << " never occurs";
+  }
+  // Whatever failed: an exit status of ours with its reason, one end of each take.
+  void judge(const client::Exited& exit, const std::string& kind) {
+    EXPECT_EQ(exit.signal, 0);
+    EXPECT_TRUE(exit.status == 0 || exit.status == 1) << exit.status;
+    // Event lines may be lost if `write` fails.
+    EXPECT_TRUE(kind == "write" || (exit.status == 0) == error.empty()) << error;
+    // Libraries may abort when they are out of memory. We never do.
+    const bool hasAborted = error == "unexpected failure";
+    EXPECT_TRUE(!hasAborted || kind == "malloc");
+    for (const auto& [id, states] : takes) {
+      const bool isSaved = states.contains("saved"), isFailed = states.contains("failed");
+      EXPECT_FALSE(isSaved && isFailed);
+      EXPECT_TRUE(states.empty() || isSaved || isFailed || hasAborted || kind == "write") << said;
+      EXPECT_TRUE(!isSaved || std::filesystem::exists(states.at("saved")));
+      EXPECT_TRUE(!isFailed || kind == "unlink" ||
+                  !std::filesystem::exists(states.at("failed") + "." + id + ".partial"));
+    }
+  }
+  void feedUntilHit() {
+    feedUntil([this] { return hasHit(); }, tiny);
+  }
+  std::string recoveredPath() const {
+    return path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";
+  }
+  std::string hitPath() const { return folder / "hit"; }
+  bool hasHit() const { return std::filesystem::exists(hitPath()); }
+  // A libavcodec that is linked into the helper calls itself directly.
+  static bool canFailCodec() { return std::getenv("LUMORA_HELPER") == nullptr; }
+
+  Environment environment;
+  Event keys = smallTake;
+  int frames = 6;  // of a take
+  int speed = 1;   // of the helper's clock
+  bool hasSound = false;
+
+  // What the helper has said.
+  std::map<std::string, std::map<std::string, std::string>> takes;  // path by state, by id
+  std::string error, said;
+};
+
+// Takes without and with sound.
+struct FaultyTakes : Faults, testing::WithParamInterface<bool> {
+  FaultyTakes() {
+    hasSound = GetParam();
+    if (!hasSound) return;
+    environment["TAVO_SOUND"] = "48000x2";
+    keys["sound"] = true;
+  }
+};
+
+}  // namespace lumora::tests
