@@ -162,11 +162,12 @@ TEST_F(Client, AThousandFramesAreCountedAndTheirMemoryIsThereBeforeThem) {
   const double touched = resident();
   EXPECT_GT(touched, before + 12);  // there are four slots of 3.7 MB
   Take take = startTake(camera);
-  while (lastID < 1000) camera.writeFrame(size, ++lastID, pixels);
+  const std::uint64_t all = sanitized ? 200 : 1000;
+  while (lastID < all) camera.writeFrame(size, ++lastID, pixels);
   EXPECT_LT(sanitized ? 0 : resident(), touched + 20);
   take.stop();
   EXPECT_EQ(camera.stop().status, 0);
-  EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 1000u);
+  EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, all);
   EXPECT_GT(camera.frameCounts().written, 10u);
   EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
 }

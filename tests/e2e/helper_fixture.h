@@ -22,6 +22,7 @@
 #include "client/child_process.h"
 #include "client/frame_slots.h"
 #include "tools/frame_source.h"
+#include "tests/sanitized.h"
 #include "tools/programs.h"
 
 namespace lumora::tests {
@@ -33,13 +34,6 @@ using tools::decodeErrors;
 using tools::outputOf;
 using Event = nlohmann::json;
 using Pixels = std::vector<std::uint8_t>;
-
-// A sanitizer makes everything slow and has a heap of its own.
-#ifdef LUMORA_SANITIZED
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
 
 // On the helper's clock, as its commands have it.
 inline double uptime() { return client::Uptime::now().time_since_epoch().count(); }

@@ -42,7 +42,7 @@ struct FrameFormats : HelperTest {
                                        {FrameSize{642, 480}, FrameSize{1080, 720}}}) {
       turnTo(folder / "take.mp4");
       startTake({{"resolution", text(size)}, {"target_fps", 60}});
-      feedPaced(20, 60, camera, {picture(camera, pixels)});
+      feedPaced(5, 60, camera, {picture(camera, pixels)});
       stopTake();
       waitForTake("saved");
       expectQuarters(path, size, camera, colours);

@@ -10,6 +10,7 @@
 #include "base/big_endian.h"
 #include "mp4/hybrid_movie_writer.h"
 #include "mp4/movie_disk.h"
+#include "tests/sanitized.h"
 #include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
 
@@ -236,7 +237,7 @@ TEST(MovieFile, IsIncompleteWithoutMemoryForItsTables) {
 }
 
 TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
-  constexpr std::size_t samples = 530;  // 4.1 GiB
+  constexpr std::size_t samples = tests::sanitized ? 8 : 530;  // 4.1 GiB
   const auto sample = keySample((8 << 20) - 4);
   Written movie;
   std::int64_t time = 0;
@@ -251,9 +252,10 @@ TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
   const auto read = [&](std::size_t from) { return integerBE<std::uint64_t>(bytes, from); };
   EXPECT_EQ(read(boxIn(bytes, "tfdt") + 8), static_cast<std::uint64_t>(time) - 30000);
   EXPECT_EQ(read(boxIn(bytes, "mdhd") + 28), static_cast<std::uint64_t>(time));
-  EXPECT_EQ(read(boxIn(bytes, "co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
   const auto end = integerBE<std::uint32_t>(bytes, boxIn(bytes, "moov") - 4);
   EXPECT_EQ(read(placeholderOffset() + 8), movie.disk->size - end - placeholderOffset());
+  if (tests::sanitized) return;  // the file is too small for large offsets
+  EXPECT_EQ(read(boxIn(bytes, "co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
 }
 
 TEST(MovieFile, HasALogThatMayFailAlone) {
