@@ -32,9 +32,7 @@ for i in "${!presets[@]}"; do
   echo "== Tests, $preset"
   log="build/$preset/tests.log"
   SECONDS=0
-  # One test at a time, since each starts its own helpers and encoders, and no test is about behaviour under
-  # load.
-  ctest --preset "$preset" --no-tests=error -j 1 2>&1 | tee "$log" || status=1
+  ctest --preset "$preset" --no-tests=error -j 2 2>&1 | tee "$log" || status=1
   summaries+=("$preset: $(grep -E 'tests passed' "$log" || echo 'did not finish') ($SECONDS s)")
   while read -r failed; do summaries+=("  $failed"); done < <(
     grep -oE '[0-9]+ - [^ ]+ \([A-Z][^)]*\)' "$log" | grep -v Skipped)
