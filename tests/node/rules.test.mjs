@@ -279,17 +279,16 @@ test('a sink closes every frame, drops while two are unanswered, fails with a co
 test('frames of a port are written or refused, and answered', async () => {
   const { port1, port2 } = new MessageChannel();
   const written = [];
-  const helper = { writeFrame: (...frame) => {
-    written.push(frame);
-    return { done: Promise.resolve('written') };
-  } };
-  acceptFrames(port1, async (format) => (format === 'rgba' ? helper : encodingOf(format)));
+  const stdin = new Writable({ write: (chunk, _, done) => { written.push(chunk); done(); } });
+  acceptFrames(port1, async () => helperOf(stdin, 'rgba'));
   const write = throughPort(port2);
   const size = { width: 2, height: 2 };
   const pixels = Uint8Array.from({ length: 16 }, (_, i) => i);
-  assert.equal(await write({ format: 'rgba', size, pixels }), 'written');
-  assert.deepEqual(written, [[size, pixels]]);
-  await assert.rejects(write({ format: 'none', size, pixels }), { code: 'INVALID_ARGUMENT' });
+  assert.equal(await write({ format: 'rgba,bottom', size, pixels }), 'written');
+  for (const [format, code] of [['rgba,top', 'FORMAT_CHANGED'], ['none', 'INVALID_ARGUMENT']]) {
+    await assert.rejects(write({ format, size, pixels }), { code });
+  }
+  assert.deepEqual(written.slice(1), [Buffer.from(pixels)]); // after its header
   port1.close();
 });
 

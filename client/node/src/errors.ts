@@ -12,10 +12,15 @@ export class CodedError<Code extends string> extends Error {
 
 /**
  * `INVALID_ARGUMENT`: the helper would not accept this value.
- * `FORMAT_CHANGED`: a VideoFrame does not have the format that the helper was started for.
+ * `FORMAT_CHANGED`: a frame of a page does not have the format that the helper was started for.
  */
 export class ArgumentError extends CodedError<'INVALID_ARGUMENT' | 'FORMAT_CHANGED'> {
   override readonly name = 'ArgumentError';
 }
 
 export const invalid = (message: string) => new ArgumentError('INVALID_ARGUMENT', message);
+
+export function formatChanged(wanted: string, found: string): ArgumentError {
+  const message = `the helper was started for ${wanted}, and the frame is ${found}`;
+  return new ArgumentError('FORMAT_CHANGED', message);
+}

@@ -33,12 +33,19 @@ export type FrameEncoding = keyof typeof bitsPerPixel;
  */
 export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
 
-const rows = ['top', 'bottom'];
-const colours = [
+// The first of each is meant when neither is named.
+type Choice = [standard: string, other: string];
+const colours: Choice[] = [
   ['bt601', 'bt709'],
   ['limited', 'full'],
 ];
 const coloured = ['nv12', 'nv21', 'i420', 'yuyv', 'uyvy'];
+const fromBottom = ['rgba', 'bgra'];
+
+function choicesOf(encoding: FrameEncoding): Choice[] {
+  const rows: Choice = fromBottom.includes(encoding) ? ['bottom', 'top'] : ['top', 'bottom'];
+  return coloured.includes(encoding) ? [rows, ...colours] : [rows];
+}
 
 function isEncoding(word: string): word is FrameEncoding {
   return Object.hasOwn(bitsPerPixel, word);
@@ -52,13 +59,27 @@ export function encodingOf(format: FrameFormat): FrameEncoding {
     const known = Object.keys(bitsPerPixel).join(', ');
     throw invalid(`the frame format "${format}" begins with none of ${known}`);
   }
-  const pairs = coloured.includes(encoding) ? [rows, ...colours] : [rows];
+  const pairs = choicesOf(encoding);
   const isKnown = words.every((word) => pairs.flat().includes(word));
   if (!isKnown || pairs.some((pair) => words.filter((word) => pair.includes(word)).length > 1)) {
     const choices = pairs.map((pair) => pair.join(' or ')).join(', ');
     throw invalid(`the frame format "${format}": ${encoding} takes, once each, ${choices}`);
   }
   return encoding;
+}
+
+function withEveryWord(format: FrameFormat): string {
+  const encoding = encodingOf(format);
+  const words = format.split(',');
+  const chosen = choicesOf(encoding).map(([standard, other]) =>
+    words.includes(other) ? other : standard,
+  );
+  return [encoding, ...chosen].join();
+}
+
+/** Whether both mean the same. Throws an ArgumentError for one that the helper does not accept. */
+export function isSameFormat(a: FrameFormat, b: FrameFormat): boolean {
+  return withEveryWord(a) === withEveryWord(b);
 }
 
 /** The least and the most bytes of a picture. */

@@ -94,6 +94,11 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#token;
   }
 
+  /** The format of the frames, as `startHelper` got it. */
+  get format(): FrameFormat {
+    return this.#format;
+  }
+
   /** The port for stream clients. */
   get port(): number {
     return this.ready.port;

@@ -1,8 +1,9 @@
 // For a process with Node that has a MessagePort to a page. Takes frames from the page's
 // `FrameSink`, and sends the preview to the page.
 
+import { formatChanged } from './errors.js';
 import type { FrameOutcome } from './frame_counts.js';
-import type { FrameFormat } from './frame_format.js';
+import { isSameFormat, type FrameFormat } from './frame_format.js';
 import type { FrameAnswer, PostedFrame } from './frame_sink.js';
 import type { Helper } from './helper.js';
 import type { StreamClient } from './stream.js';
@@ -29,16 +30,19 @@ function listen<Message>(port: NodePort, handle: (message: Message) => void): ()
 
 /**
  * Writes the frames that a page posts at the other end with `throughPort`, and answers each.
- * `helperFor` gets the format of each frame, and returns the helper that was started for it. When
- * it rejects, or when the helper would not accept the frame, the page's FrameSink fails with that
- * error.
+ * `helperFor` gets the format of each frame, and returns the helper that was started for it. The
+ * page's FrameSink fails with the error of `helperFor`, with `FORMAT_CHANGED` if the helper was
+ * started for another format, or with `INVALID_ARGUMENT` if it would not accept the frame.
  */
 export function acceptFrames(
   port: NodePort,
   helperFor: (format: FrameFormat) => Promise<Helper>,
 ): void {
-  const write = async ({ format, size, pixels }: PostedFrame): Promise<FrameOutcome> =>
-    (await helperFor(format)).writeFrame(size, pixels).done;
+  const write = async ({ format, size, pixels }: PostedFrame): Promise<FrameOutcome> => {
+    const helper = await helperFor(format);
+    if (!isSameFormat(helper.format, format)) throw formatChanged(helper.format, format);
+    return helper.writeFrame(size, pixels).done;
+  };
   const answer = (message: FrameAnswer) => port.postMessage(message);
   listen(port, (frame: PostedFrame) => {
     write(frame).then(

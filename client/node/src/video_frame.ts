@@ -1,7 +1,7 @@
 // The bytes of a camera's VideoFrame, and their format in the helper's words. Uses none of Node's
 // modules.
 
-import { ArgumentError, invalid } from './errors.js';
+import { formatChanged, invalid } from './errors.js';
 import {
   encodingOf,
   pictureBytes,
@@ -97,8 +97,7 @@ export async function copyVideoFrame(
   const own = videoFrameFormat(frame);
   if (own !== format && format !== 'rgba,top') {
     const found = own ?? `${frame.format} with the matrix ${frame.colorSpace.matrix}`;
-    const message = `the helper was started for ${format}, and the VideoFrame is ${found}`;
-    throw new ArgumentError('FORMAT_CHANGED', message);
+    throw formatChanged(format, found);
   }
   const rect = evenPart(frame.visibleRect);
   const { width, height } = rect;
