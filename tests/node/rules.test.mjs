@@ -271,7 +271,10 @@ test('a sink closes every frame, drops while two are unanswered, fails with a co
   await assert.rejects(writer.write(frame(5, 'I420')), { code: 'FORMAT_CHANGED' });
   assert.equal(closed.at(-1), 5);
   const pictures = new FrameSink(write, { format: 'rgba' }).writable.getWriter();
-  await pictures.write({ size: { width: 2, height: 2 }, pixels: new Uint8Array(16) });
+  const pixels = new Uint8Array(16);
+  await pictures.write({ size: { width: 2, height: 2 }, pixels });
+  pixels.fill(7);
+  assert.equal(posted.at(-1).pixels[0], 0);
   answers.at(-1).reject(Object.assign(new Error(), { code: 'GONE' }));
   await assert.rejects(pictures.closed, { code: 'GONE' });
 });

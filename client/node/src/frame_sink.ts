@@ -5,6 +5,7 @@ import { invalid } from './errors.js';
 import type { FrameCounts, FrameOutcome } from './frame_counts.js';
 import type { FrameFormat } from './frame_format.js';
 import {
+  copyPicture,
   copyVideoFrame,
   videoFrameFormat,
   type CameraFrame,
@@ -36,8 +37,9 @@ export class FrameSink {
   /** A failed frame is in neither. */
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
-   * Takes VideoFrames, which it closes, and pictures, without waiting for the helper. Fails with an
-   * ArgumentError `FORMAT_CHANGED`, or with the error of the writer.
+   * Takes VideoFrames, which it closes, and pictures, whose memory may be reused when their write
+   * resolves. Copies both, and does not wait for the helper. Fails with an ArgumentError
+   * `FORMAT_CHANGED`, or with the error of the writer.
    */
   readonly writable: WritableStream<CameraFrame | FrameCopy>;
   readonly #write: FrameWriter;
@@ -59,19 +61,18 @@ export class FrameSink {
   async #take(frame: CameraFrame | FrameCopy, fail: (error: unknown) => void): Promise<void> {
     try {
       if (this.#unanswered === mostUnanswered) return this.#count('dropped');
-      const copy = 'pixels' in frame ? frame : await this.#copy(frame);
-      const reuse = () => {
-        if (copy !== frame) this.#free.push(copy.pixels);
-      };
-      void this.#post(copy).then(reuse, fail);
+      const copy = await this.#copy(frame);
+      void this.#post(copy).then(() => this.#free.push(copy.pixels), fail);
     } finally {
       if ('close' in frame) frame.close();
     }
   }
 
-  #copy(frame: CameraFrame): Promise<FrameCopy> {
+  async #copy(frame: CameraFrame | FrameCopy): Promise<FrameCopy> {
+    const reuse = this.#free.pop();
+    if ('pixels' in frame) return copyPicture(frame, reuse);
     this.#format ??= videoFrameFormat(frame) ?? 'rgba,top';
-    return copyVideoFrame(frame, this.#format, this.#free.pop());
+    return copyVideoFrame(frame, this.#format, reuse);
   }
 
   async #post({ size, pixels }: FrameCopy): Promise<void> {

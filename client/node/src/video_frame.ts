@@ -83,6 +83,17 @@ function planesOf(encoding: FrameEncoding, { width, height }: FrameSize): Plane[
   return [luma, { offset, stride: half }, { offset: offset * 1.25, stride: half }];
 }
 
+function memoryFor(bytes: number, reuse?: Uint8Array): Uint8Array {
+  return reuse?.length === bytes ? reuse : new Uint8Array(bytes);
+}
+
+/** Copies a picture into `reuse` if that has the right length, else into new memory. */
+export function copyPicture({ size, pixels }: FrameCopy, reuse?: Uint8Array): FrameCopy {
+  const copy = memoryFor(pixels.length, reuse);
+  copy.set(pixels);
+  return { size, pixels: copy };
+}
+
 /**
  * Copies the visible part of a frame, with even sides, into `reuse` if that has the right length,
  * else into new memory. `format` is the helper's: the result of `videoFrameFormat`, or `rgba,top`,
@@ -103,7 +114,7 @@ export async function copyVideoFrame(
   const { width, height } = rect;
   const encoding = encodingOf(format);
   const [bytes] = pictureBytes(encoding, rect);
-  const pixels = reuse?.length === bytes ? reuse : new Uint8Array(bytes);
+  const pixels = memoryFor(bytes, reuse);
   const conversion = own === format ? {} : { format: 'RGBA' as const };
   await frame.copyTo(pixels, { rect, layout: planesOf(encoding, rect), ...conversion });
   return { size: { width, height }, pixels };
