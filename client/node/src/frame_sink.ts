@@ -8,8 +8,10 @@ import {
   copyPicture,
   copyVideoFrame,
   videoFrameFormat,
+  type Bytes,
   type CameraFrame,
   type FrameCopy,
+  type Picture,
 } from './video_frame.js';
 
 /** What travels from the page to the helper. */
@@ -41,10 +43,10 @@ export class FrameSink {
    * resolves. Copies both, and does not wait for the helper. Fails with an ArgumentError
    * `FORMAT_CHANGED`, or with the error of the writer.
    */
-  readonly writable: WritableStream<CameraFrame | FrameCopy>;
+  readonly writable: WritableStream<CameraFrame | Picture>;
   readonly #write: FrameWriter;
   readonly #options: FrameSinkOptions;
-  readonly #free: Uint8Array[] = [];
+  readonly #free: Bytes[] = [];
   #format: FrameFormat | undefined;
   #unanswered = 0;
 
@@ -53,12 +55,12 @@ export class FrameSink {
     this.#options = options;
     this.#format = options.format;
     this.writable = new WritableStream({
-      write: (frame: CameraFrame | FrameCopy, controller) =>
+      write: (frame: CameraFrame | Picture, controller) =>
         this.#take(frame, (error) => controller.error(error)),
     });
   }
 
-  async #take(frame: CameraFrame | FrameCopy, fail: (error: unknown) => void): Promise<void> {
+  async #take(frame: CameraFrame | Picture, fail: (error: unknown) => void): Promise<void> {
     try {
       if (this.#unanswered === mostUnanswered) return this.#count('dropped');
       const copy = await this.#copy(frame);
@@ -68,7 +70,7 @@ export class FrameSink {
     }
   }
 
-  async #copy(frame: CameraFrame | FrameCopy): Promise<FrameCopy> {
+  async #copy(frame: CameraFrame | Picture): Promise<FrameCopy> {
     const reuse = this.#free.pop();
     if ('pixels' in frame) return copyPicture(frame, reuse);
     this.#format ??= videoFrameFormat(frame) ?? 'rgba,top';

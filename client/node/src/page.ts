@@ -16,6 +16,8 @@ export { copyAudioData, type MicrophoneSound, type SoundFormat } from './sound.j
 export {
   copyVideoFrame,
   videoFrameFormat,
+  type Bytes,
   type CameraFrame,
   type FrameCopy,
+  type Picture,
 } from './video_frame.js';

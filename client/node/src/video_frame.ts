@@ -36,9 +36,16 @@ export interface CameraFrame {
 }
 
 /** A picture without padding. */
-export interface FrameCopy {
+export interface Picture {
   size: FrameSize;
   pixels: Uint8Array;
+}
+
+/** `Uint8Array<ArrayBuffer>`, which `fetch` takes. Compiles before TypeScript 5.7, too. */
+export type Bytes = ReturnType<Uint8Array['slice']>;
+
+export interface FrameCopy extends Picture {
+  pixels: Bytes;
 }
 
 const rgb = new Map<string | null, FrameFormat>([
@@ -83,12 +90,12 @@ function planesOf(encoding: FrameEncoding, { width, height }: FrameSize): Plane[
   return [luma, { offset, stride: half }, { offset: offset * 1.25, stride: half }];
 }
 
-function memoryFor(bytes: number, reuse?: Uint8Array): Uint8Array {
+function memoryFor(bytes: number, reuse?: Bytes): Bytes {
   return reuse?.length === bytes ? reuse : new Uint8Array(bytes);
 }
 
 /** Copies a picture into `reuse` if that has the right length, else into new memory. */
-export function copyPicture({ size, pixels }: FrameCopy, reuse?: Uint8Array): FrameCopy {
+export function copyPicture({ size, pixels }: Picture, reuse?: Bytes): FrameCopy {
   const copy = memoryFor(pixels.length, reuse);
   copy.set(pixels);
   return { size, pixels: copy };
@@ -102,7 +109,7 @@ export function copyPicture({ size, pixels }: FrameCopy, reuse?: Uint8Array): Fr
 export async function copyVideoFrame(
   frame: CameraFrame,
   format: FrameFormat,
-  reuse?: Uint8Array,
+  reuse?: Bytes,
 ): Promise<FrameCopy> {
   if (!frame.visibleRect) throw invalid('the VideoFrame is closed');
   const own = videoFrameFormat(frame);
