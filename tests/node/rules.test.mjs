@@ -292,7 +292,12 @@ test('frames of a port are written or refused, and answered', async () => {
     await assert.rejects(write({ format, size, pixels }), { code });
   }
   assert.deepEqual(written.slice(1), [Buffer.from(pixels)]); // after its header
+  const fail = () =>
+    assert.rejects(write({ format: 'rgba', size, pixels }), { code: 'PORT_CLOSED' });
+  const unanswered = fail();
   port1.close();
+  await unanswered;
+  await fail();
 });
 
 test('drawing acknowledges; a page that is behind waits for a key frame', async () => {

@@ -98,19 +98,32 @@ export type FrameAnswer = { outcome: FrameOutcome } | { error: { code?: string; 
 /** A page's MessagePort. */
 export interface PagePort {
   onmessage: ((event: any) => void) | null;
+  addEventListener(type: 'close', listener: () => void): void;
   postMessage(message: PostedFrame): void;
 }
 
 /**
  * Writes frames through a port, at whose other end `acceptFrames` answers. They are copied on the
- * way, because Electron loses the data of messages that transfer memory.
+ * way, because Electron loses the data of messages that transfer memory. When the other end is
+ * gone, writing fails with the code `PORT_CLOSED`, but only in browsers whose ports have a `close`
+ * event.
  */
 export function throughPort(port: PagePort): FrameWriter {
   const waiting: ((answer: FrameAnswer) => void)[] = [];
+  const message = 'the process with the helper has closed the port';
+  const closed: FrameAnswer = { error: { code: 'PORT_CLOSED', message } };
+  let isClosed = false;
   port.onmessage = ({ data }: { data: FrameAnswer }) => waiting.shift()?.(data);
+  port.addEventListener('close', () => {
+    isClosed = true;
+    for (const answer of waiting.splice(0)) answer(closed);
+  });
   return async (frame) => {
     port.postMessage(frame);
-    const answer = await new Promise<FrameAnswer>((resolve) => waiting.push(resolve));
+    const answer = await new Promise<FrameAnswer>((resolve) => {
+      if (isClosed) resolve(closed);
+      else waiting.push(resolve);
+    });
     if ('outcome' in answer) return answer.outcome;
     const { code, message } = answer.error;
     throw Object.assign(new Error(message), { code });
