@@ -1,7 +1,7 @@
 // What can be tested without a helper.
 
 import assert from 'node:assert/strict';
-import { EventEmitter } from 'node:events';
+import { EventEmitter, once } from 'node:events';
 import { Duplex, Readable, Writable } from 'node:stream';
 import { test } from 'node:test';
 import { setImmediate as turn } from 'node:timers/promises';
@@ -318,6 +318,7 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
     for (const id of [9, 2, 1]) draw(id); // an earlier client got the first; the last is late
     yield picture(3);
     await overdue();
+    assert.ok(!isClosed);
     yield* [picture(4), configuration(32), picture(5, true)]; // the page has not drawn the third
     draw(3);
     yield* [picture(6), picture(7, true), picture(8)];
@@ -327,7 +328,7 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   let isClosed = false;
   const client = { [Symbol.asyncIterator]: packets, close: () => { isClosed = true; },
     acknowledge: (id) => acknowledged.push(id) };
-  await sendPreview(client, port, 1);
+  await sendPreview(client, port, 1, 1);
   assert.deepEqual(posted, [[1, 64], [2, undefined], [3, undefined], [7, 32], [8, undefined]]);
   assert.deepEqual(acknowledged, [2, 3, 4, 5, 3, 6, 8]);
   assert.ok(isClosed);
@@ -337,6 +338,16 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   await early;
   assert.ok(isClosed);
   assert.deepEqual(port.eventNames(), []); // of listeners
+  const { port1: gone } = new MessageChannel();
+  gone.close();
+  await once(gone, 'close');
+  const closing = new EventEmitter();
+  async function* endless() {
+    yield picture(1, true);
+    await once(closing, 'close');
+  }
+  const unseen = { ...client, [Symbol.asyncIterator]: endless, close: () => closing.emit('close') };
+  await sendPreview(unseen, gone, 1, 1);
 });
 
 test('ids are the uptime by default, and always grow', async () => {

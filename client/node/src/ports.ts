@@ -59,12 +59,14 @@ export function acceptFrames(
  * more until it has drawn the newest picture that it got and a key frame comes. Needs a client with
  * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection or the port is
  * closed, also while `client` still connects; the port can then get the preview of another client.
- * Rejects if `client` does.
+ * Nothing tells that the port was closed before the call. So it also resolves if the page has drawn
+ * nothing within `firstLimit` milliseconds of the first picture. Rejects if `client` does.
  */
 export async function sendPreview(
   client: StreamClient | Promise<StreamClient>,
   port: NodePort,
   limit = 250, // the helper drops a client that acknowledges nothing for 500
+  firstLimit = 10_000,
 ): Promise<void> {
   let connected: StreamClient | undefined;
   let isClosed = false;
@@ -76,19 +78,26 @@ export async function sendPreview(
   try {
     connected = await client;
     if (isClosed) connected.close();
-    else await postPreview(connected, port, limit);
+    else await postPreview(connected, port, limit, firstLimit);
   } finally {
     port.off('close', close);
   }
 }
 
-async function postPreview(client: StreamClient, port: NodePort, limit: number): Promise<void> {
+async function postPreview(
+  client: StreamClient,
+  port: NodePort,
+  limit: number,
+  firstLimit: number,
+): Promise<void> {
   const undrawn = new Set<number>(); // the ids that were posted
   let isBehind = false;
+  let untilDrawn: NodeJS.Timeout | undefined;
   const endListening = listen(port, (id: number) => {
     // The page may still draw pictures of an earlier client. If this client acknowledged those, the
     // helper would drop it.
     if (!undrawn.has(id)) return;
+    clearTimeout(untilDrawn);
     for (const each of undrawn) if (each <= id) undrawn.delete(each);
     client.acknowledge(id);
   });
@@ -106,6 +115,7 @@ async function postPreview(client: StreamClient, port: NodePort, limit: number):
       undrawn.add(id);
       port.postMessage(config ? { config, chunk } : { chunk });
       config = undefined;
+      untilDrawn ??= setTimeout(() => client.close(), firstLimit);
       setTimeout(() => {
         if (!undrawn.has(id)) return;
         isBehind = true;
@@ -113,6 +123,7 @@ async function postPreview(client: StreamClient, port: NodePort, limit: number):
       }, limit);
     }
   } finally {
+    clearTimeout(untilDrawn);
     endListening();
   }
 }

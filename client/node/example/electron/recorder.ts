@@ -45,8 +45,12 @@ function helperFor(format: FrameFormat): Promise<Helper> {
   return helper;
 }
 
-async function showPreview({ port, token }: Helper, target: MessagePortMain): Promise<void> {
-  await sendPreview(connectStream({ port, token, acknowledgement: 'manual' }), target);
+// Does not wait for the helper, so that `sendPreview` hears if the page goes away meanwhile.
+function showPreview(helper: Promise<Helper>, target: MessagePortMain): Promise<void> {
+  const client = helper.then(({ port, token }) =>
+    connectStream({ port, token, acknowledgement: 'manual' }),
+  );
+  return sendPreview(client, target);
 }
 
 async function record(): Promise<void> {
@@ -70,8 +74,8 @@ async function writeSound(samples: Int16Array): Promise<void> {
 
 function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
   let isShown = false;
-  acceptFrames(frames, async (format) => {
-    const helper = await helperFor(format);
+  acceptFrames(frames, (format) => {
+    const helper = helperFor(format);
     if (!isShown) {
       isShown = true; // until a while after the end; the next frame then makes another
       const retry = () => setTimeout(() => (isShown = false), retryAfter);
