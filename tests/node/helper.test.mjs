@@ -23,10 +23,14 @@ async function helperFor(context, options) {
   return helper;
 }
 
-// Waits until the helper is stopped: on a busy machine it runs on for a while after the signal.
+// On a busy machine a process runs on for a while after the signal.
+async function stopped({ pid }) {
+  while (!readFileSync(`/proc/${pid}/stat`, 'latin1').includes(') T ')) await turn();
+}
+
 async function suspend({ pid }) {
   process.kill(pid, 'SIGSTOP');
-  while (!readFileSync(`/proc/${pid}/stat`, 'latin1').includes(') T ')) await turn();
+  await stopped({ pid });
 }
 
 async function feedUntil(helper, isEnough) {
@@ -176,16 +180,26 @@ test('a refused hello, a full house and a helper that is gone differ', async (co
 });
 
 test('connecting has a limit', async (context) => {
-  // Its queue has two places, and it accepts nobody.
-  const listen = `require('net').createServer().listen(0, '127.0.0.1', 1, function () {
-    console.log(this.address().port);
-    process.kill(process.pid, 'SIGSTOP');
-  })`;
+  // Its queue has two places. It closes two connections, then accepts nobody.
+  const listen = `let left = 2;
+    require('net').createServer((socket) => {
+      socket.destroy();
+      if (--left === 0) process.kill(process.pid, 'SIGSTOP');
+    }).listen(0, '127.0.0.1', 1, function () { console.log(this.address().port); })`;
   const server = spawn(process.execPath, ['-e', listen], { stdio: ['ignore', 'pipe', 'inherit'] });
   context.after(() => server.kill('SIGKILL'));
   const port = Number((await once(server.stdout, 'data'))[0]);
-  const to = { port, token: 'x'.repeat(16), connectTimeout: 100 };
+  const abort = new AbortController();
+  const [token, { signal }] = ['x'.repeat(16), abort];
+  const to = { port, token, connectTimeout: 100, signal: AbortSignal.timeout(20_000) };
+  const closed = [await connectStream(to), await connectStream({ port, token, signal })];
+  await stopped(server);
   await assert.rejects(Promise.all([1, 2, 3].map(() => connectStream(to))), { code: 'UNREACHABLE' });
+  // These ask once more, why they were closed.
+  const [late, aborted] = closed.map((client) => client[Symbol.asyncIterator]().next());
+  await assert.rejects(late, { code: 'CLOSED' });
+  abort.abort();
+  await assert.rejects(aborted, { name: 'AbortError' });
 });
 
 test('frames get their memory back, and none while the helper is behind', async (context) => {

@@ -18,7 +18,7 @@ export interface StreamOptions {
   token: string;
   /** Closes the connection; the reading loop then throws an AbortError. */
   signal?: AbortSignal;
-  /** Milliseconds in which the connection must be made; 5,000 by default. */
+  /** Milliseconds in which a connection must be made; 5,000 by default. */
   connectTimeout?: number;
   /**
    * `automatic`, the default: a frame is acknowledged when the loop takes it. `manual`: the caller
@@ -72,7 +72,6 @@ export class StreamClient implements AsyncIterable<Packet> {
     this.#socket = socket;
     this.#isAutomatic = isAutomatic;
     this.#whyRefused = whyRefused;
-    socket.on('error', () => undefined); // the loop throws the error
   }
 
   /** Acknowledges this frame and all before it. */
@@ -117,9 +116,17 @@ disposeWith(StreamClient, Symbol.dispose, function () {
   this.close();
 });
 
-interface Address {
-  host: string;
-  port: number;
+// Throws for options that no socket takes. Rejects with an AbortError also when the time is over.
+function open(options: StreamOptions): Promise<Socket> {
+  const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
+  const limit = AbortSignal.timeout(connectTimeout);
+  const socket = connect({ host, port, noDelay: true, signal });
+  socket.on('error', () => undefined); // `once` and the loop throw the error
+  const fail = (error: unknown) => {
+    socket.destroy();
+    throw error;
+  };
+  return once(socket, 'connect', { signal: limit }).then(() => socket, fail);
 }
 
 // Milliseconds. A helper without room closes a connection at once. With room it waits a second for
@@ -127,18 +134,14 @@ interface Address {
 const roomLimit = 500;
 
 // The helper never says why it closes a connection. A second one that says nothing shows it.
-async function whyRefused(address: Address): Promise<Refusal> {
-  const socket = connect(address).resume();
-  try {
-    await once(socket, 'connect');
-    const closed = new Promise((resolve) => socket.once('close', resolve));
-    socket.on('error', () => undefined);
-    return (await settlesWithin(closed, roomLimit)) ? 'NO_ROOM' : 'REFUSED';
-  } catch {
-    return 'CLOSED';
-  } finally {
-    socket.destroy();
-  }
+async function whyRefused(options: StreamOptions): Promise<Refusal> {
+  const socket = await open(options).catch(() => undefined);
+  const closed = new Promise((resolve) => socket?.resume().once('close', resolve));
+  const hasRoom = socket && !(await settlesWithin(closed, roomLimit));
+  socket?.destroy();
+  options.signal?.throwIfAborted();
+  if (!socket) return 'CLOSED';
+  return hasRoom ? 'REFUSED' : 'NO_ROOM';
 }
 
 /**
@@ -147,18 +150,13 @@ async function whyRefused(address: Address): Promise<Refusal> {
  * it, the loop throws.
  */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {
-  const { host = '127.0.0.1', port, token, signal, acknowledgement = 'automatic' } = options;
-  const limit = AbortSignal.timeout(options.connectTimeout ?? 5000);
+  const { token, signal, acknowledgement = 'automatic' } = options;
   checkToken(token);
-  const socket = connect({ host, port, noDelay: true, signal });
-  try {
-    await once(socket, 'connect', { signal: limit });
-  } catch (cause) {
-    socket.destroy();
+  const socket = await open(options).catch((cause) => {
     if (signal?.aborted) throw cause;
     throw new StreamError('UNREACHABLE', 'no helper listens there', { cause });
-  }
+  });
   socket.write(`${JSON.stringify({ type: 'hello', token })}\n`);
   const isAutomatic = acknowledgement === 'automatic';
-  return new StreamClient(socket, isAutomatic, () => whyRefused({ host, port }));
+  return new StreamClient(socket, isAutomatic, () => whyRefused(options));
 }
