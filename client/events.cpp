@@ -70,7 +70,7 @@ Stats readStats(const Json& event) {
   read(event, "encoded_frames", stats.encodedFrames);
   read(event, "dropped_raw", stats.droppedFrames);
   read(event, "dropped_peers", stats.droppedClients);
-  read(event, "dropped_sound", stats.droppedSound);
+  stats.droppedSound = find<std::uint64_t>(event, "dropped_sound");
   stats.encodeTime = milliseconds(event, "encode_ms");
   stats.isEncoding = find<int>(event, "encode_inflight").value_or(0) > 0;
   if (!event.contains("credit_drops")) return stats;

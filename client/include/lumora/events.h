@@ -26,9 +26,11 @@ struct Stats {
   std::uint64_t encodedFrames = 0;
   std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
-  std::uint64_t droppedSound = 0;  // records that were too late, too early or too many
-  Seconds encodeTime{};            // of the latest preview frame, scaling included
-  bool isEncoding = false;         // now
+  // Records that were too late, too early or too many. In the same reports as `delivery`, if the
+  // helper gets sound.
+  std::optional<std::uint64_t> droppedSound;
+  Seconds encodeTime{};     // of the latest preview frame, scaling included
+  bool isEncoding = false;  // now
 
   // How frames reach clients. Only one report a second has this.
   struct Delivery {

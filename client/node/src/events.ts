@@ -29,7 +29,10 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   droppedRaw: number;
   droppedPeers: number;
   encodeInflight: number;
-  /** Records of sound that were too late, too early or too many. Only with `sound`. */
+  /**
+   * Records of sound that were too late, too early or too many. In the same reports as
+   * `DeliveryStats`, if the helper gets sound.
+   */
   droppedSound?: number;
 }
 
