@@ -22,18 +22,25 @@ void paint(std::span<std::uint8_t> rgba, int number) {
   }
 }
 
+// An exception must not leave a thread. Without the preview the take goes on.
+void keepPreview(const Helper& helper, const std::filesystem::path& path,
+                 const std::stop_token& stop) try {
+  StreamClient stream("127.0.0.1", helper.port());
+  stream.sayHello(helper.token());
+  std::ofstream file(path, std::ios::binary);
+  const auto keep = [&](const Packet& packet) {
+    for (const std::uint8_t byte : toAnnexB(packet)) file.put(static_cast<char>(byte));
+  };
+  stream.watch(keep, [&] { return !stop.stop_requested(); });
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "The preview has ended: %s\n", error.what());
+}
+
 int main(int argc, char** argv) try {
   const std::filesystem::path folder = std::filesystem::absolute(argc > 1 ? argv[1] : ".");
   Helper helper({.frameSize = size});
-  std::jthread viewer([&](std::stop_token stop) {
-    StreamClient stream("127.0.0.1", helper.port());
-    stream.sayHello(helper.token());
-    std::ofstream file(folder / "preview.h264", std::ios::binary);
-    const auto keep = [&](const Packet& packet) {
-      for (const std::uint8_t byte : toAnnexB(packet)) file.put(static_cast<char>(byte));
-    };
-    stream.watch(keep, [&] { return !stop.stop_requested(); });
-  });
+  std::jthread viewer(
+      [&](const std::stop_token& stop) { keepPreview(helper, folder / "preview.h264", stop); });
   Take take = helper.startTake({.path = folder / "take.mp4"});
   const auto start = Uptime::now();
   for (int number = 0; number < pictures; ++number) {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the example for Qt without a screen: a helper that does not start, then one take.
+# Runs the example for Qt without a screen: a helper that does not start, a take that can't, then one take.
 #
 #   tests/embedding/qt.sh EXAMPLE HELPER
 set -euo pipefail
@@ -9,6 +9,8 @@ export QT_QPA_PLATFORM=offscreen
 LUMORA_VIDEO_PATH=/bin/false "$1" "$work" >"$work/said" &
 until grep -q '^it ended at once with status 1$' "$work/said"; do sleep 0.1; done
 kill $!
+said=$(LUMORA_VIDEO_PATH=$2 "$1" "$work/$(printf '%05000d' 0)" 0)
+grep -q '^the path of a take is too long$' <<<"$said"
 said=$(LUMORA_VIDEO_PATH=$2 "$1" "$work" 2)
 grep -qE '^[1-9][0-9]+ pictures of the preview were drawn$' <<<"$said"
 grep -q '^Saved ' <<<"$said"

@@ -72,6 +72,7 @@ void Window::losePreview() {
 
 void Window::helperEnded(const Exited& end) {
   const bool wasReady = helper_->port() != 0;
+  recordButton_.setEnabled(false);
   camera_.stop();
   packets_.reset();
   stream_.reset();
@@ -111,7 +112,7 @@ void Window::feed() {
   helper_->publish(*std::move(frame), frameID(Uptime::now()));
 }
 
-void Window::toggleTake() {
+void Window::toggleTake() try {
   recordButton_.setEnabled(false);  // until the take says how it stands
   if (take_) {
     take_->stop();
@@ -120,6 +121,9 @@ void Window::toggleTake() {
   const QString name = QDateTime::currentDateTime().toString("'take-'yyyyMMdd-hhmmss'.mp4'");
   take_ = helper_->startTake({.path = folder_ / name.toStdString()},
                              [this](const Recording& event) { takeSaid(event); });
+} catch (const std::exception& error) {  // no take has such a path
+  say(error.what());
+  recordButton_.setEnabled(true);
 }
 
 void Window::takeSaid(const Recording& event) {
