@@ -84,10 +84,9 @@ Run runEncoders(Clips& clips, const Job& job, int rate, const std::function<void
 }
 
 Run runEncodersAndPipe(Clips& clips, const Job& job, int rate, const CameraClip& clip) {
-  tools::CommandSource black(
-      "exec dd if=/dev/zero status=none bs=" + std::to_string(clip.frameBytes()) +
-          " count=" + std::to_string(frames),
-      camera, clip.format());
+  tools::CommandSource black("dd if=/dev/zero status=none bs=" + std::to_string(clip.frameBytes()) +
+                                 " count=" + std::to_string(frames),
+                             camera, clip.format());
   return runEncoders(clips, job, rate, [&] {
     if (black.next(0, 0).empty()) throw std::runtime_error("dd wrote too few frames");
   });

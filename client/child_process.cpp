@@ -132,6 +132,7 @@ ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.
   Pipe waking = makePipe();
   // So that `abandon` can end a write. The child's end stays as it is.
   fcntl(input.write.get(), F_SETFL, O_NONBLOCK);
+  if (options.outputBytes > 0) fcntl(output.read.get(), F_SETPIPE_SZ, options.outputBytes);
   pid_ = spawn(options, input.read.get(), output.write.get());
   input_ = std::move(input.write);
   output_ = std::move(output.read);
@@ -202,17 +203,21 @@ std::optional<std::string> ChildProcess::nextLine(Seconds limit) {
       pending_.erase(0, feed + 1);
       return line;
     }
-    if (!output_.isOpen() || !isReady(output_, POLLIN, deadline)) return std::nullopt;
     std::array<char, 4096> bytes;
-    const ssize_t count = read(output_.get(), bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      output_.reset();
-      return std::nullopt;
-    }
+    const std::size_t count = readOutput(bytes, deadline);
+    if (count == 0) return std::nullopt;
     if (pending_.size() > maximumPending) pending_.clear();  // no helper writes such a line
-    pending_.append(bytes.data(), static_cast<std::size_t>(count));
+    pending_.append(bytes.data(), count);
   }
+}
+
+std::size_t ChildProcess::readOutput(std::span<char> bytes, const Deadline& deadline) {
+  while (output_.isOpen() && isReady(output_, POLLIN, deadline)) {
+    const ssize_t count = read(output_.get(), bytes.data(), bytes.size());
+    if (count > 0) return static_cast<std::size_t>(count);
+    if (count == 0 || errno != EINTR) output_.reset();
+  }
+  return 0;
 }
 
 void ChildProcess::sendSignal(int signal) {

@@ -22,13 +22,14 @@
 namespace lumora::client {
 
 struct LaunchOptions {
-  std::string program;                 // path of the helper, or a name on the PATH
-  std::string token;                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is set
-  std::vector<std::string> arguments;  // "--port", "0", ...
-  std::map<std::string, std::string> environment;  // added to our own
+  std::string program;                      // path of the helper, or a name on the PATH
+  std::string token = {};                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is set
+  std::vector<std::string> arguments = {};  // "--port", "0", ...
+  std::map<std::string, std::string> environment = {};  // added to our own
   int frameMemory = -1;          // descriptor of memory shared with the child; -1: none
   std::string frameFormat = {};  // empty: none is set
   std::string sound = {};        // empty: none is set
+  int outputBytes = 0;           // of its output that may wait; 0: as many as usual
 };
 
 // A random token for one run.
@@ -53,6 +54,9 @@ class ChildProcess {
 
   // The next line without its line feed; empty when none came in time or the output has ended.
   std::optional<std::string> nextLine(Seconds limit);
+  // For other output: waits for bytes, returns how many came. 0 when none came in time or the
+  // output has ended.
+  std::size_t readOutput(std::span<char> bytes, const Deadline& deadline);
   void closeOutput() { output_.reset(); }
   // False once `nextLine` has found the end of the output.
   bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }

@@ -40,11 +40,16 @@ CommandSource::CommandSource(const std::string& command, client::FrameSize size,
     : size_(size),
       format_(format),
       keepsTime_(keepsTime),
-      pipe_(openCommand(command)),
+      pipe_(command),
       frame_(format.bytes(size)) {}
 
 std::span<const std::uint8_t> CommandSource::next(std::uint64_t, double) {
-  if (std::fread(frame_.data(), 1, frame_.size(), pipe_.get()) != frame_.size()) return {};
+  const std::span bytes(reinterpret_cast<char*>(frame_.data()), frame_.size());
+  for (std::size_t filled = 0; filled < bytes.size();) {
+    const std::size_t count = pipe_.read(bytes.subspan(filled));
+    if (count == 0) return {};
+    filled += count;
+  }
   return frame_;
 }
 

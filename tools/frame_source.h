@@ -29,6 +29,8 @@ class FrameSource {
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
+  // Ends the frames, and a `next` that waits on another thread.
+  virtual void stop() {}
 };
 
 // A moving test card: colour bars and a fine pattern that scroll, a clock that tells frames apart,
@@ -49,16 +51,17 @@ class TestCard final : public FrameSource {
   std::vector<std::uint8_t> frame_;
 };
 
-// Frames that a shell command writes to its standard output.
+// Frames that a program writes to its standard output.
 class CommandSource final : public FrameSource {
  public:
-  // Throws std::system_error when no shell can be started.
+  // Throws what the constructor of CommandPipe throws.
   CommandSource(const std::string& command, client::FrameSize size,
                 const client::FrameFormat& format, bool keepsTime = false);
   client::FrameSize size() const override { return size_; }
   client::FrameFormat format() const override { return format_; }
   bool keepsTime() const override { return keepsTime_; }
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
+  void stop() override { pipe_.stop(); }
 
  private:
   client::FrameSize size_;

@@ -1,14 +1,16 @@
 #include "tools/programs.h"
 
-#include <fcntl.h>
-
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
+
+#include "client/descriptor.h"
 
 namespace lumora::tools {
 namespace {
@@ -32,11 +34,19 @@ std::string shellQuoted(const std::string& text) {
   return quoted + "'";
 }
 
-CommandPipe openCommand(const std::string& command) {
-  CommandPipe pipe(popen(command.c_str(), "re"));
-  if (!pipe) throw std::system_error(errno, std::generic_category(), command);
-  fcntl(fileno(pipe.get()), F_SETPIPE_SZ, pipeBytes);
-  return pipe;
+CommandPipe::CommandPipe(const std::string& command)
+    : process_({.program = "/bin/sh",
+                .arguments = {"-c", "exec " + command},
+                .outputBytes = pipeBytes}) {}
+
+std::size_t CommandPipe::read(std::span<char> bytes) {
+  return process_.readOutput(bytes, client::Deadline(client::Seconds::max()));
+}
+
+// An ffmpeg that waits for its device ignores SIGTERM.
+void CommandPipe::stop() {
+  process_.sendSignal(SIGKILL);
+  process_.abandon();
 }
 
 std::string outputOf(const std::string& command) {

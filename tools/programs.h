@@ -4,24 +4,31 @@
 
 #include <sys/types.h>
 
-#include <cstdio>
-#include <memory>
+#include <span>
 #include <string>
+
+#include "client/child_process.h"
 
 namespace lumora::tools {
 
 // `text` as one word of a shell command.
 std::string shellQuoted(const std::string& text);
 
-struct ClosePipe {
-  void operator()(std::FILE* pipe) const { pclose(pipe); }
-};
-using CommandPipe = std::unique_ptr<std::FILE, ClosePipe>;
 inline constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
 
-// The standard output of a shell command, of which `pipeBytes` may wait. Throws std::system_error
-// when no shell can be started.
-CommandPipe openCommand(const std::string& command);
+// The standard output of a program, of which `pipeBytes` may wait.
+class CommandPipe {
+ public:
+  // Starts the program as a shell does. Throws std::system_error when no shell can be started.
+  explicit CommandPipe(const std::string& command);
+  // Waits for bytes, and returns how many came; 0 at the end.
+  std::size_t read(std::span<char> bytes);
+  // Ends the program, as the destructor does, and a `read` that waits on another thread.
+  void stop();
+
+ private:
+  client::ChildProcess process_;
+};
 
 // What a command prints on both streams, and its status unless that is 0. Throws std::system_error
 // when no shell can be started.

@@ -1,8 +1,5 @@
 #include "tools/sound_source.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cmath>
 #include <numbers>
 
@@ -27,22 +24,21 @@ void Beeps::write(client::Helper& helper, client::Uptime::time_point now, bool f
 }
 
 Microphone::Microphone(const std::string& device)
-    : pipe_(openCommand("ffmpeg -v error -nostdin -f " +
-                        shellQuoted(device.substr(0, device.find(':'))) + " -i " +
-                        shellQuoted(device.substr(device.find(':') + 1)) + " -f s16le -ar " +
-                        std::to_string(soundFormat.rate) + " -ac " +
-                        std::to_string(soundFormat.channels) + " -flush_packets 1 -")),
+    : pipe_("ffmpeg -v error -nostdin -f " + shellQuoted(device.substr(0, device.find(':'))) +
+            " -i " + shellQuoted(device.substr(device.find(':') + 1)) + " -f s16le -ar " +
+            std::to_string(soundFormat.rate) + " -ac " + std::to_string(soundFormat.channels) +
+            " -flush_packets 1 -"),
       samples_(pipeBytes / sizeof(std::int16_t)) {}
 
 std::span<const std::int16_t> Microphone::next() {
   constexpr auto sampleBytes =
       static_cast<std::size_t>(soundFormat.channels) * sizeof(std::int16_t);
-  const auto bytes = std::as_writable_bytes(std::span(samples_));
+  const std::span bytes(reinterpret_cast<char*>(samples_.data()), pipeBytes);
   std::size_t filled = 0;
   while (filled == 0 || filled % sampleBytes != 0) {
-    const ssize_t count = read(fileno(pipe_.get()), &bytes[filled], bytes.size() - filled);
-    if (count == 0 || (count < 0 && errno != EINTR)) return {};
-    if (count > 0) filled += static_cast<std::size_t>(count);
+    const std::size_t count = pipe_.read(bytes.subspan(filled));
+    if (count == 0) return {};
+    filled += count;
   }
   return std::span(samples_).first(filled / sizeof(std::int16_t));
 }

@@ -27,15 +27,17 @@ class Beeps {
   std::int64_t written_ = 0;         // samples
 };
 
-// A sound device that ffmpeg captures. One thread.
+// A sound device that ffmpeg captures.
 class Microphone {
  public:
-  // As "FORMAT:NAME" in the words of ffmpeg, such as "alsa:default". Throws std::system_error when
-  // no shell can be started.
+  // As "FORMAT:NAME" in the words of ffmpeg, such as "alsa:default". Throws what the constructor of
+  // CommandPipe throws.
   explicit Microphone(const std::string& device);
   // Waits for samples. Returns all that came, so the last was captured just now. Empty when the
   // device has ended. Valid until the next call.
   std::span<const std::int16_t> next();
+  // Ends the device, and a `next` that waits on another thread.
+  void stop() { pipe_.stop(); }
 
  private:
   CommandPipe pipe_;

@@ -142,14 +142,21 @@ TEST_F(Viewer, EndsWithOneWhenATakeIsLost) {
   EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
 }
 
-TEST_F(Viewer, EndsWhileItsCameraHangs) {
-  const std::string camera = folder / "camera";
-  ASSERT_EQ(mkfifo(camera.c_str(), 0600), 0);
-  view({"--demo", "--helper", helperProgram()}, {{"INPUT", camera}});
+// Every ffmpeg waits for a writer, deaf to SIGTERM.
+TEST_F(Viewer, EndsWithItsCameraAndItsSoundDeviceThatHang) {
+  const std::string camera = folder / "camera", device = folder / "device";
+  ASSERT_EQ(mkfifo(camera.c_str(), 0600) | mkfifo(device.c_str(), 0600), 0);
+  const Environment input = {{"INPUT", camera}};
+  const std::string sound = "s16le:" + device;
+  HelperProcess unlucky(
+      {LUMORA_VIEWER, token, {"--demo", "--helper", "/bin/false", "--sound", sound}, input});
+  EXPECT_EQ(unlucky.wait(Seconds(20)).value_or(client::Exited{}).status, 1);
+  view({"--demo", "--helper", helperProgram(), "--sound", sound}, input);
   viewer->sendSignal(SIGTERM);
   waitForMessage("ended");
   EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
-  close(open(camera.c_str(), O_WRONLY | O_NONBLOCK));  // ends the ffmpeg that waits for a writer
+  for (const std::string& left : {camera, device})
+    EXPECT_EQ(open(left.c_str(), O_WRONLY | O_NONBLOCK), -1) << left;  // nobody reads it
 }
 
 TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {

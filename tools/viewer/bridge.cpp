@@ -217,6 +217,7 @@ void Bridge::soundEnded(bool hasHeard) {
 }
 
 void Bridge::helperEnded(const client::Exited& exited) {
+  camera_->stop();  // a device may hang, and would outlive the viewer
   finishTake();
   failed_ = failed_ || !exited.isClean() || isTakeLost_;
   const std::string words = inputEnd_ + (inputEnd_.empty() ? "" : " ") +

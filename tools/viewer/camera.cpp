@@ -36,7 +36,7 @@ void Camera::feed(const std::stop_token& stop) {
     auto capturedAt = client::Uptime::now();
     const auto picture = source_->next(number, capturedAt.time_since_epoch().count());
     if (picture.empty()) {
-      handlers_.inputEnded(number - 1);
+      if (!stop.stop_requested()) handlers_.inputEnded(number - 1);
       break;
     }
     if (source_->keepsTime()) capturedAt = client::Uptime::now();
@@ -53,6 +53,7 @@ void Camera::listen(const std::stop_token& stop) {
   const auto [rate, channels] = tools::soundFormat;
   for (bool hasHeard = false; !stop.stop_requested(); hasHeard = true) {
     const auto samples = microphone_->next();
+    if (stop.stop_requested()) return;
     if (samples.empty()) return handlers_.soundEnded(hasHeard);
     const client::Seconds length(static_cast<double>(std::ssize(samples)) / channels / rate);
     helper_.writeSound(samples, client::Uptime::now() - length);
@@ -61,6 +62,9 @@ void Camera::listen(const std::stop_token& stop) {
 
 void Camera::stop() {
   feeder_.request_stop();
+  listener_.request_stop();
+  source_->stop();
+  if (microphone_) microphone_->stop();
   helper_.requestStop();
 }
 

@@ -22,9 +22,10 @@ class Camera {
   // flashes. Throws what the constructor of client::Helper throws.
   Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
          std::unique_ptr<tools::Microphone> microphone, int framesPerSecond, Handlers handlers);
+  ~Camera() { stop(); }
 
   client::Helper& helper() { return helper_; }
-  // Stops the helper, even while the source gives no picture. Returns at once.
+  // Stops source, microphone and helper. Returns at once.
   void stop();
 
  private:

@@ -157,7 +157,7 @@ bool report(const Options& options, const std::vector<std::string>& events) {
   std::fflush(stdout);
   signals.clear();  // Ctrl-C ends the viewer during the report, too
   const bool isReported = report(options, bridge.lastLines());
-  _exit(bridge.hasFailed() || !isReported ? 1 : 0);  // does not wait for a camera that hangs
+  _exit(bridge.hasFailed() || !isReported ? 1 : 0);  // does not wait for a disk that hangs
 }
 
 }  // namespace
