@@ -1,15 +1,15 @@
 #include "tools/sound_source.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
 namespace lumora::tools {
 
 void Beeps::write(client::Helper& helper, client::Uptime::time_point now, bool flashes) {
-  constexpr client::Seconds longest(1.5);
   constexpr double pitch = 1000, amplitude = 16000;
   const auto [rate, channels] = soundFormat;
-  if (now - next_ > longest) next_ = now;  // the first time, or this process was stopped
+  if (now - next_ > longestSound) next_ = now;  // the first time, or this process was stopped
   const auto count = static_cast<std::int64_t>(std::ceil((now - next_).count() * rate));
   std::vector<std::int16_t> samples;
   for (std::int64_t i = 0; i < count; ++i) {
@@ -33,6 +33,8 @@ Microphone::Microphone(const std::string& device)
 std::span<const std::int16_t> Microphone::next() {
   constexpr auto sampleBytes =
       static_cast<std::size_t>(soundFormat.channels) * sizeof(std::int16_t);
+  constexpr auto most = static_cast<std::size_t>(longestSound.count() * soundFormat.rate) *
+                        static_cast<std::size_t>(soundFormat.channels);
   const std::span bytes(reinterpret_cast<char*>(samples_.data()), pipeBytes);
   std::size_t filled = 0;
   while (filled == 0 || filled % sampleBytes != 0) {
@@ -40,7 +42,8 @@ std::span<const std::int16_t> Microphone::next() {
     if (count == 0) return {};
     filled += count;
   }
-  return std::span(samples_).first(filled / sizeof(std::int16_t));
+  const auto samples = std::span(samples_).first(filled / sizeof(std::int16_t));
+  return samples.last(std::min(samples.size(), most));
 }
 
 }  // namespace lumora::tools

@@ -13,6 +13,8 @@
 namespace lumora::tools {
 
 inline constexpr client::SoundFormat soundFormat{.rate = 48000, .channels = 2};
+// What goes to a helper at once. It refuses more than two seconds, with what waits already.
+inline constexpr client::Seconds longestSound(1.5);
 
 // The sound of a test card: a beep of 1 kHz from the capture of a picture that flashes until that
 // of the first one that does not. So both are in step, whenever pictures are captured.
@@ -33,8 +35,8 @@ class Microphone {
   // As "FORMAT:NAME" in the words of ffmpeg, such as "alsa:default". Throws what the constructor of
   // CommandPipe throws.
   explicit Microphone(const std::string& device);
-  // Waits for samples. Returns all that came, so the last was captured just now. Empty when the
-  // device has ended. Valid until the next call.
+  // Waits for samples. The last was captured just now. If more came than `longestSound`, the oldest
+  // are left out. Empty when the device has ended. Valid until the next call.
   std::span<const std::int16_t> next();
   // Ends the device, and a `next` that waits on another thread.
   void stop() { pipe_.stop(); }

@@ -1,10 +1,15 @@
 // What the viewer decides: which frames a page gets, who may ask for what, what a page may say. The
-// formats of cameras, the sound devices. The times of the tap's pictures.
+// formats of cameras, the sound devices and what waits in them. The times of the tap's pictures.
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
 #include "tools/cameras.h"
 #include "tools/flv.h"
+#include "tools/sound_source.h"
 #include "tools/viewer/frame_flow.h"
 #include "tools/viewer/page_messages.h"
 #include "tools/viewer/takes.h"
@@ -144,6 +149,24 @@ TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
                                      "Cannot list sources: Connection refused\n"),
             (std::vector<std::string>{"pulse:usb-Blue.mono  Yeti [USB]",
                                       "pulse:pci.analog-stereo  Built-in"}));
+}
+
+// A script stands in for ffmpeg: after three seconds of silence, a sample that is none.
+TEST(Microphone, GivesTheNewestOfWhatWaited) {
+  std::string folder = testing::TempDir() + "/microphone.XXXXXX";
+  const std::filesystem::path program = std::filesystem::path(mkdtemp(folder.data())) / "ffmpeg";
+  std::ofstream(program) << "#!/bin/sh\nhead -c 576000 /dev/zero; printf abcd; touch $0.done\n";
+  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  const std::string path = std::getenv("PATH");
+  setenv("PATH", (folder + ":" + path).c_str(), 1);
+  tools::Microphone microphone("a:b");
+  setenv("PATH", path.c_str(), 1);
+  while (!std::filesystem::exists(program.string() + ".done")) continue;
+  const auto samples = microphone.next();
+  EXPECT_EQ(samples.size(), 2 * 72'000u);
+  EXPECT_EQ(samples.back(), 'c' + 'd' * 256);
+  EXPECT_TRUE(microphone.next().empty());
+  std::filesystem::remove_all(folder);
 }
 
 TEST(FlvTimes, GrowAndAreCaptureTimesWhereIdsAreThat) {
