@@ -62,18 +62,21 @@ struct Viewer : HelperTest {
     for (Event told = Event::object();; told = waitForMessage("event")["event"])
       if (told.value("state", "") == state) return told;
   }
-  void record(const Environment& environment = {}, const Arguments& more = {}) {
-    Arguments arguments = {"--demo", "--helper", helperProgram(), "--folder",
-                           folder,   "--size",   "320x240"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    view(arguments, environment);
-    while (pictures < 5) next();
+  void startTake() {
     say({{"type", "start"},
          {"resolution", "640x360"},
          {"target_fps", 60},
          {"folder", folder},
          {"cadence", "steady"},
          {"sound", true}});
+  }
+  void record(const Environment& environment = {}, const Arguments& more = {}) {
+    Arguments arguments = {"--demo", "--helper", helperProgram(), "--folder",
+                           folder,   "--size",   "320x240"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    view(arguments, environment);
+    while (pictures < 5) next();
+    startTake();
     waitForState("recording");
     const std::string pid = std::to_string(viewer->pid());
     helperOfViewer = std::stoi(outputOf("cat /proc/" + pid + "/task/" + pid + "/children"));
@@ -157,6 +160,19 @@ TEST_F(Viewer, EndsWithItsCameraAndItsSoundDeviceThatHang) {
   EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
   for (const std::string& left : {camera, device})
     EXPECT_EQ(open(left.c_str(), O_WRONLY | O_NONBLOCK), -1) << left;  // nobody reads it
+}
+
+// A script stands in for the helper.
+TEST_F(Viewer, TellsThePageOfATakeOfWhichTheHelperSaysNothing) {
+  const std::string script = "#!/bin/sh\necho '{\"type\":\"ready\",\"port\":1}'; cat >/dev/null\n";
+  const std::string mute = fileOf(folder / "mute", Pixels(script.begin(), script.end()));
+  std::filesystem::permissions(mute, std::filesystem::perms::owner_all);
+  view({"--demo", "--helper", mute, "--size", "320x240"});
+  startTake();
+  EXPECT_EQ(waitForState("failed")["error"], "the helper did not answer");
+  viewer->sendSignal(SIGTERM);
+  waitForMessage("ended");
+  EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
 }
 
 TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {

@@ -116,7 +116,7 @@ void Bridge::obey(const StartTake& message) {
   if (take_) return refuse("A take is running already.");
   auto plan = planTake(message, client::Uptime::now());
   plan.sound = message.sound && session_["sound"].get<bool>();  // which may have ended just now
-  take_ = camera_->helper().startTake(plan);
+  take_ = camera_->helper().startTake(plan, posting(&Bridge::takeSaid));
 }
 
 void Bridge::obey(const StopTake&) {
@@ -190,12 +190,15 @@ void Bridge::eventCame(const std::string& line) {
   if (!event.is_object()) return;
   const std::string type = event.value("type", "");
   if (type == "error") std::fprintf(stderr, "%s\n", event.value("message", "").c_str());
+  show(event);
+}
+
+void Bridge::show(const Json& event) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const Json message = {{"type", "event"},
                         {"event", event},
                         {"at", std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}};
-  latestEvents_[type] = message;
-  finishTake();
+  latestEvents_[event.value("type", "")] = message;
   tell(message);
 }
 
@@ -218,7 +221,6 @@ void Bridge::soundEnded(bool hasHeard) {
 
 void Bridge::helperEnded(const client::Exited& exited) {
   camera_->stop();  // a device may hang, and would outlive the viewer
-  finishTake();
   failed_ = failed_ || !exited.isClean() || isTakeLost_;
   const std::string words = inputEnd_ + (inputEnd_.empty() ? "" : " ") +
                             "The helper has ended with " + toText(exited) + ".";
@@ -229,11 +231,20 @@ void Bridge::helperEnded(const client::Exited& exited) {
   finish();
 }
 
-// Reports the take's end and offers its movie; does nothing while the take runs.
-void Bridge::finishTake() {
-  if (!take_) return;
-  const client::Recording end = take_->latest();
+// Comes before the event itself. Reports the take's end and offers its movie.
+void Bridge::takeSaid(const client::Recording& end) {
   if (!end.isOver()) return;
+  if (end.failure == client::TakeFailure::noAnswer) {  // so no event of the helper says it
+    show({{"type", "recording"},
+          {"state", "failed"},
+          {"id", end.id},
+          {"path", end.path.string()},
+          {"error", end.error},
+          {"duration", 0},
+          {"frames", 0},
+          {"dropped", 0},
+          {"throttled", 0}});
+  }
   std::filesystem::path unfinished = take_->stagingPath();
   if (end.kept) unfinished = end.kept->path;
   take_.reset();

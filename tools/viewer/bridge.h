@@ -57,11 +57,12 @@ class Bridge {
   void streamBegan();
   void streamFailed(const std::string& why);
   void eventCame(const std::string& line);
+  void show(const Json& event);
   void inputEnded(std::uint64_t frames);
   void soundEnded(bool hasHeard);
   void helperEnded(const client::Exited& exited);
   void remember(const std::string& line);
-  void finishTake();
+  void takeSaid(const client::Recording& end);
   void takesRecovered(const std::vector<std::string>& lines);
 
   void tick();
