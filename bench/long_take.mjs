@@ -1,6 +1,7 @@
 // Prints what grows with the length of a take: drift, tables, the time that its end takes, memory.
-// Ends with 1 if the drift exceeds 1 ppm or a frame is missing in the movie. ffprobe reads the
-// movie. During the long take the helper's clock runs SPEED times as fast as the real one.
+// Ends with 1 if the drift exceeds 1 ppm, or if the movie does not have exactly the frames that its
+// log calls written, at the times in the log. ffprobe reads the movie. LIBRARY_OF_FAULTS is built
+// from tests/faults. During the long take it makes the helper's clock run SPEED times as fast.
 //
 //   node long_take.mjs HELPER LIBRARY_OF_FAULTS SPEED
 
@@ -89,6 +90,6 @@ for (const [seconds, speed] of [[10, 1], [7200, Number(longTakeSpeed)]]) {
   const isWhole = logged.length === event.frames && logged.length === times.length &&
     logged.every((time, i) => Math.abs(time - times[i]) < 2e-6);
   if (isWhole && Math.abs(drift) <= 1) continue;
-  console.error(`${path}: ${isWhole ? 'the drift is too large' : 'a frame is missing'}`);
+  console.error(`${path}: ${isWhole ? 'the drift is too large' : 'frames or times differ from the log'}`);
   process.exitCode = 1;
 }

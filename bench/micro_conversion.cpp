@@ -1,5 +1,5 @@
-// Frame conversion for every pair of sizes that cameras, previews and recording profiles make,
-// each beside its physical limit: copying the source once.
+// Frame conversion for every pair of sizes that cameras, previews and recording profiles make. For
+// comparison: copies of the larger sources.
 
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
@@ -16,7 +16,8 @@
 namespace lumora {
 namespace {
 
-// Memory as the service has it for its pictures, touched.
+// A picture of noise, in the service's kind of memory. Its pages are in memory before a benchmark
+// begins.
 PictureMemory picture(PictureSize size, PixelLayout layout = PixelLayout::rgba) {
   const std::size_t bytes = pictureBytes(layout, size);
   PictureMemory pixels = PicturePool::make()->allocate(bytes);

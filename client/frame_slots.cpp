@@ -16,8 +16,8 @@ namespace {
 constexpr std::size_t pageBytes = 4096;
 constexpr std::size_t slotBytes = std::size_t{1920} * 1080 * 4;
 static_assert(slotBytes % pageBytes == 0);
-// A signal interrupts a reservation, which then starts again. So each reservation is small enough
-// to end between two timer ticks.
+// A signal undoes the reservation that it interrupts. An application may have a fast timer that
+// sends signals. So each reservation is small enough to end between two of them.
 constexpr std::size_t reservedAtOnce = std::size_t{256} << 10;
 constexpr std::size_t memoryBytes = pageBytes + FrameSlots::count * slotBytes;
 
@@ -103,8 +103,8 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   return std::nullopt;
 }
 
-// Reserves memory before it is touched. If the system has no memory for a touched page, a signal
-// ends the process.
+// Reserves shared memory, so that this throws when the system has none left. Without that, a touch
+// of the memory would end the process with a signal.
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen()) return;

@@ -1,7 +1,8 @@
 #pragma once
 
-// Sound as AAC-LC by libavcodec's own encoder, behind libswresample. The resampler also runs where
-// the rates are equal, so that compensation may begin at any sample without a click.
+// Resamples sound with libswresample, then encodes it as AAC-LC with libavcodec's own encoder. The
+// resampler also runs where the rates are equal, so that compensation may begin at any sample
+// without a click.
 
 extern "C" {
 #include <libswresample/swresample.h>

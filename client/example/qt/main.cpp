@@ -10,7 +10,8 @@
 
 namespace {
 
-// Presses the button when it can be pressed, and again after that time.
+// Presses the button once it is enabled, and again after `length`. Closes the window when the take
+// is over.
 void recordOnce(Window& window, std::chrono::milliseconds length) {
   constexpr std::chrono::milliseconds soon(50);
   auto* const timer = new QTimer(&window);

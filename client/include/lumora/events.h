@@ -65,11 +65,13 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 enum class TakeFailure {
   refused,      // by the helper: it never began
   failed,       // it began
-  noAnswer,     // nothing was heard of it for 10 s
+  noAnswer,     // the helper said nothing of it in its first 10 s
   helperEnded,  // before it was saved
 };
 
-// Comes when the state of a take changes, and once a second while it records.
+// Comes when the state of a take changes, and about once a second. The helper repeats the last
+// event of a take that is over, so `saved` and `failed` come often; a take's own handler gets them
+// once.
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
@@ -77,7 +79,7 @@ struct Recording {
   std::string error;                   // why it failed, or is saved under another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final from `finishing` on
-  std::uint64_t frames = 0;            // written, even if a stop in the past removed them again
+  std::uint64_t frames = 0;            // written, with those that an earlier stop time has removed
   std::uint64_t dropped = 0;           // lost
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known
@@ -113,7 +115,7 @@ struct Error {
 // The helper has ended; the last event.
 struct Exited {
   int status = 0;     // -1: unknown, because SIGCHLD is ignored or other code collected it
-  int signal = 0;     // that ended the helper; 0: none
+  int signal = 0;     // that ended the helper; SIGKILL also if `stop` gave it up; 0: none
   Seconds cpuTime{};  // user and system time of the helper
   // For people: the helper's last `Error`, or why it did not become ready. Else empty.
   std::string reason = {};

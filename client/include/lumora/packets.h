@@ -50,8 +50,8 @@ struct StreamConfiguration {
 // Throws std::runtime_error when the payload is not a configuration.
 LUMORA_CLIENT_EXPORT StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
-// The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it if NAL units have
-// lengths of four bytes.
+// The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it for NAL
+// units that follow a length of four bytes, not a start code.
 LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> avcDecoderConfiguration(
     const StreamConfiguration& configuration);
 

@@ -46,8 +46,8 @@ struct TakeOptions {
   std::optional<int> soundBitRate = {};  // bits per second, 32,000 to 320,000; empty: 128,000
 };
 
-// A take. It ends exactly once, saved or failed, even if its helper dies, or says nothing of it for
-// 10 s. Copies refer to the same take. Destroying them does not stop it. Any thread.
+// A take. It ends exactly once, saved or failed, even if its helper dies, or says nothing of it in
+// its first 10 s. Copies refer to the same take. Destroying them does not stop it. Any thread.
 class LUMORA_CLIENT_EXPORT Take {
  public:
   class State;
