@@ -26,6 +26,11 @@ constexpr double helloTimeout = 1.0;                    // seconds from accept t
 // Seconds that a frame may stay unacknowledged, and that the network may take for one send.
 constexpr double acknowledgementTimeout = 0.5;
 
+// Of capture times that a parent states: how many seconds they may lie after the helper's clock and
+// before it.
+constexpr double maximumLead = 0.05;
+constexpr double maximumAge = 30;
+
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
 constexpr double prepareTimeout = 0.5;     // seconds that "ready" waits for an encoder
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish

@@ -96,13 +96,14 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
                                static_cast<std::uint32_t>(timing.duration), keyframe};
   const auto copy = [&](MutableByteView space) { return sample.copyBytes(0, space) == 0; };
   if (!add(pictureTrack, picture, copy)) return false;
-  if (!hasGathered(pictureTrack, fragmentDuration)) return true;
+  if (!hasGathered(pictureTrack)) return true;
   flushFragment(soundTrack);  // so that a crash costs no more of it than its encoder holds
   flushFragment(pictureTrack);
   return true;
 }
 
 bool HybridMovieWriter::append(ByteView packet) {
+  if (tracks_.size() <= soundTrack) return false;
   const MovieSample sample = {static_cast<std::uint32_t>(packet.size()), soundPacketSamples};
   const auto copy = [&](MutableByteView space) {
     std::ranges::copy(packet, space.begin());
@@ -111,7 +112,7 @@ bool HybridMovieWriter::append(ByteView packet) {
   if (!add(soundTrack, sample, copy)) return false;
   Fragment& pictures = gathered_[pictureTrack];
   if (!pictures.samples.empty()) pictures.waited += soundPacketSamples;
-  if (!hasGathered(soundTrack, fragmentDuration)) return true;
+  if (!hasGathered(soundTrack)) return true;
   flushFragment(soundTrack);
   // Perhaps the camera has stopped.
   if (pictures.waited * movieTimescale >= fragmentDuration * tracks_[soundTrack].sound.rate)
@@ -136,10 +137,9 @@ bool HybridMovieWriter::add(std::size_t track, MovieSample sample,
   return true;
 }
 
-bool HybridMovieWriter::hasGathered(std::size_t track, std::int64_t duration) const {
-  return track < tracks_.size() &&
-         gathered_[track].duration * movieTimescale >=
-             static_cast<std::uint64_t>(duration) * tracks_[track].timescale();
+bool HybridMovieWriter::hasGathered(std::size_t track) const {
+  return gathered_[track].duration * movieTimescale >=
+         static_cast<std::uint64_t>(fragmentDuration) * tracks_[track].timescale();
 }
 
 // Without memory the fragment is lost. The movie can still be finished with those before it.

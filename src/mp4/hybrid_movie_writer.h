@@ -59,7 +59,7 @@ class HybridMovieWriter final : public MovieWriter {
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);
-  bool hasGathered(std::size_t track, std::int64_t duration) const;  // movie units
+  bool hasGathered(std::size_t track) const;  // movie units
   void flushFragment(std::size_t track);
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread

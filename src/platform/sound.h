@@ -41,7 +41,7 @@ class SoundEncoder {
   // How many samples a decoder gives before the first one of the sound.
   virtual int priming() const = 0;
   // Encodes interleaved samples of all channels, and appends the packets that are complete. The
-  // sound gets longer by `compensation` parts per million, within 1.
+  // sound gets longer by `compensation` ppm, give or take 1.
   virtual Status encode(std::span<const std::int16_t> samples, int compensation,
                         SoundPackets& packets) = 0;
   // Appends the rest of the packets. The last call.

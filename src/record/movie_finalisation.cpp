@@ -26,7 +26,7 @@ void MovieRecorder::finishJob(double stop) {
     if (!held) throw EncoderFailure::message("no camera frames were received for recording");
     awaitedEnd = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
     if (!sound) return endAwaited();
-    if (sound->hasHeard(origin + *awaitedEnd)) return endSound();
+    if (sound->isSettledUntil(origin + *awaitedEnd)) return endSound();
     queue->asyncAfter(longestSoundWait, [self = shared_from_this()] { self->endSound(); });
   } catch (const std::exception& reason) {
     fail(reasonOf(reason), FrameOutcome::disk);

@@ -243,7 +243,7 @@ void MovieRecorder::progress() {
   if (now - lastProgressReport < progressInterval) return;
   lastProgressReport = now;
   tell(TakeState::recording, writtenDuration, "", path, spaceLeft());
-  if (sound && !isSoundQueued) encodeSound();
+  if (sound) encodeSound();
 }
 
 }  // namespace lumora

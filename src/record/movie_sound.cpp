@@ -32,13 +32,13 @@ void MovieRecorder::holdSound(std::vector<SoundRecord> records, bool isLast) {
   } catch (const std::exception& reason) {
     return fail(reasonOf(reason), FrameOutcome::encoder);
   }
-  if (!isSoundQueued) encodeSound();
+  encodeSound();
 }
 
 // Encodes a little, and the rest later: between pictures.
 void MovieRecorder::encodeSound() {
   const bool hasEnded = sound->isEnding() && !awaitedEnd;
-  if (failed || hasEnded) return;
+  if (isSoundQueued || failed || hasEnded) return;
   auto cause = FrameOutcome::encoder;
   try {
     const auto packets = sound->next(platform.clock->uptime());
@@ -52,7 +52,7 @@ void MovieRecorder::encodeSound() {
   }
   if (!awaitedEnd) return;
   if (sound->isComplete() || isShortOfTime()) return endAwaited();
-  if (sound->hasHeard(origin + *awaitedEnd)) endSound();
+  if (sound->isSettledUntil(origin + *awaitedEnd)) endSound();
 }
 
 void MovieRecorder::soundLater() {
@@ -67,7 +67,7 @@ void MovieRecorder::soundLater() {
 void MovieRecorder::endSound() {
   if (failed || !awaitedEnd || sound->isEnding()) return;
   sound->endAt(origin + *awaitedEnd);
-  if (!isSoundQueued) encodeSound();
+  encodeSound();
 }
 
 // Whether the helper ends so soon that the rest of the silence must be left out.

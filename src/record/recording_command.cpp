@@ -1,12 +1,11 @@
 #include "record/recording_command.h"
 
+#include "base/limits.h"
 #include "base/movie_names.h"
 
 namespace lumora {
 namespace {
 
-constexpr double maximumAge = 30.0;   // seconds
-constexpr double maximumLead = 0.05;  // seconds
 constexpr std::size_t maximumPathBytes = 3000;
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "record/take_sound.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <iterator>
 
@@ -44,27 +45,25 @@ void TakeSound::endAt(double end) {
 std::optional<SoundPackets> TakeSound::next(double now) {
   if (!placing_ || isComplete_) return std::nullopt;
   SoundPackets packets;
-  const double pieceEnd = origin_ + length() + longestPiece;
   if (!held_.empty()) {
-    const double gapEnd = held_.front().capturedAt - SoundPlacing::largestDifference;
-    const std::int64_t silence = placing_->fill(std::min(gapEnd, pieceEnd), length());
+    const std::int64_t silence = placing_->fillBefore(held_.front(), longestPiece, length());
     encodeSilence(silence, packets);
     if (silence > 0) return packets;
     encode(held_.front(), packets);
     held_.pop_front();
   } else if (end_) {
     complete(packets);
-  } else if (pieceEnd <= now - behind_ - patience) {
-    encodeSilence(placing_->fill(pieceEnd, length()), packets);
   } else {
-    return std::nullopt;
+    const double pieceEnd = origin_ + length() + longestPiece;
+    if (pieceEnd > now - behind_ - patience) return std::nullopt;
+    encodeSilence(placing_->fill(pieceEnd, length()), packets);
   }
   return packets;
 }
 
 // Fills the track up to its end, then empties the encoder. The writer cuts what is behind the end.
 void TakeSound::complete(SoundPackets& packets) {
-  const std::int64_t missing = placing_->trackSamples(*end_, trackRate_) - encoder_->length();
+  const std::int64_t missing = std::llround((*end_ - origin_) * trackRate_) - encoder_->length();
   const std::int64_t silence = (missing * format_.rate + trackRate_ - 1) / trackRate_;
   const auto piece = static_cast<std::int64_t>(longestPiece * format_.rate);
   encodeSilence(std::min(silence, piece), packets);
@@ -74,8 +73,12 @@ void TakeSound::complete(SoundPackets& packets) {
   if (status != 0) throw EncoderFailure::status("sound encoding", status);
 }
 
+std::int64_t TakeSound::gaps() const {
+  return placing_ ? placing_->gaps(end_.value_or(placing_->settledUntil())) : 0;
+}
+
 double TakeSound::missing() const {
-  return placing_ ? placing_->missing(end_.value_or(placing_->heardUntil())) : 0;
+  return placing_ ? placing_->missing(end_.value_or(placing_->settledUntil())) : 0;
 }
 
 double TakeSound::length() const { return static_cast<double>(encoder_->length()) / trackRate_; }
@@ -86,7 +89,8 @@ void TakeSound::encode(const SoundRecord& record, SoundPackets& packets) {
   std::vector<std::int16_t> samples(record.pcm.size() / sizeof(std::int16_t));
   std::memcpy(samples.data(), record.pcm.data(), samples.size() * sizeof(std::int16_t));
   const auto cut = static_cast<std::size_t>(placement.cut * format_.channels);
-  if (cut < samples.size()) encodeSamples(std::span(samples).subspan(cut), placement.gain, packets);
+  if (cut < samples.size())
+    encodeSamples(std::span(samples).subspan(cut), placement.compensation, packets);
 }
 
 void TakeSound::encodeSilence(std::int64_t samples, SoundPackets& packets) {
@@ -95,9 +99,9 @@ void TakeSound::encodeSilence(std::int64_t samples, SoundPackets& packets) {
   encodeSamples(silence, 0, packets);
 }
 
-void TakeSound::encodeSamples(std::span<const std::int16_t> samples, int gain,
+void TakeSound::encodeSamples(std::span<const std::int16_t> samples, int compensation,
                               SoundPackets& packets) {
-  const Status status = encoder_->encode(samples, gain, packets);
+  const Status status = encoder_->encode(samples, compensation, packets);
   if (status != 0) throw EncoderFailure::status("sound encoding", status);
 }
 

@@ -34,12 +34,12 @@ class TakeSound {
 
   bool isEnding() const { return end_.has_value(); }
   bool isComplete() const { return isComplete_; }  // `next` has reached the end
-  // Whether all sound up to this uptime is encoded, or no more comes, once the movie has begun.
-  bool hasHeard(double end) const {
-    return (isLast_ && held_.empty()) || placing_->heardUntil() >= end;
+  // Once the movie has begun: whether all sound up to this uptime is encoded, or no more comes.
+  bool isSettledUntil(double end) const {
+    return (isLast_ && held_.empty()) || placing_->settledUntil() >= end;
   }
-  int gaps() const { return placing_ ? placing_->gaps() : 0; }
-  // Seconds of the movie for which no record came, so far or up to its end.
+  // Of the movie so far, or up to its end: its gaps, and the seconds for which no record came.
+  std::int64_t gaps() const;
   double missing() const;
 
  private:
@@ -47,7 +47,8 @@ class TakeSound {
   void encode(const SoundRecord& record, SoundPackets& packets);
   void complete(SoundPackets& packets);
   void encodeSilence(std::int64_t samples, SoundPackets& packets);
-  void encodeSamples(std::span<const std::int16_t> samples, int gain, SoundPackets& packets);
+  void encodeSamples(std::span<const std::int16_t> samples, int compensation,
+                     SoundPackets& packets);
 
   const SoundFormat format_;
   const std::int64_t bitRate_;

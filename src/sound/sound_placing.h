@@ -24,6 +24,7 @@
 // front of them.
 
 #include <cstdint>
+#include <vector>
 
 #include "sound/sound_record.h"
 
@@ -31,46 +32,50 @@ namespace lumora {
 
 // What to do with a record before the resampler gets it.
 struct SoundPlacement {
-  std::int64_t silence = 0;  // samples to insert before it: as many as the gap has
+  std::int64_t silence = 0;  // samples to insert before it: the rest of a gap
   std::int64_t cut = 0;      // samples to cut from its front: at most all
-  int gain = 0;              // samples that a million of the resampler's output has more or less
+  int compensation = 0;      // by how many ppm the resampler makes the sound longer
 };
 
 // Places the sound of one take. Its queue only. All times are uptime seconds.
 class SoundPlacing {
  public:
-  static constexpr double largestDifference = 0.01;  // seconds
-
   // For sound of this rate, in a movie that starts at this time.
-  SoundPlacing(int rate, double start) : rate_(rate), start_(start), heardUntil_(start) {}
+  SoundPlacing(int rate, double start) : rate_(rate), start_(start), settledUntil_(start) {}
 
   // For the next record of `DeviceClock`, if it begins before the end of the movie. `length`: that
   // of the track in seconds, with what the resampler still holds.
   SoundPlacement place(const SoundRecord& record, double length);
+  // For the same record before that: if there is a gap in front of it, the samples of silence that
+  // fill it, at most `most` seconds. Silence is encoded in pieces, so that pictures never wait
+  // long.
+  std::int64_t fillBefore(const SoundRecord& record, double most, double length);
   // For a device that is silent: the samples of silence that the track needs to reach `until`.
   std::int64_t fill(double until, double length);
 
-  int gaps() const { return gaps_; }
-  // Until when records came. A take that stops waits until this reaches its end.
-  double heardUntil() const { return heardUntil_; }
-  // The samples of a track of this rate that ends at `end`.
-  std::int64_t trackSamples(double end, int trackRate) const;
-  // Seconds of the movie for which no record came.
+  // Until when records came, or silence was filled in. A take that stops waits until this reaches
+  // its end.
+  double settledUntil() const { return settledUntil_; }
+  // The gaps that begin in a movie that ends at `end`, and the seconds of it for which no record
+  // came.
+  std::int64_t gaps(double end) const;
   double missing(double end) const;
 
  private:
-  void beginAligning();
+  struct Silence {
+    double from, until;
+  };
+
+  void beginAligning(double length);
+  void insert(std::int64_t silence);
   void align(double late, const SoundRecord& record, SoundPlacement& placement);
 
   int rate_;
   double start_;
-  double heardUntil_;
-  double missing_ = 0;          // before `heardUntil_`
-  double filledFrom_ = start_;  // the latest silence that `fill` has made
-  double filledUntil_ = start_;
-  bool isAligning_ = true;   // until samples lie where they belong
-  double compensation_ = 0;  // of the resampler: 1e-6 is 1 ppm longer
-  int gaps_ = 0;
+  double settledUntil_;
+  std::vector<Silence> silences_ = {{start_, start_}};  // of the beginning, then of each gap
+  bool isAligning_ = true;                              // until samples lie where they belong
+  double compensation_ = 0;                             // of the resampler: 1e-6 is 1 ppm longer
 };
 
 }  // namespace lumora

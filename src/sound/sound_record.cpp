@@ -1,5 +1,7 @@
 #include "sound/sound_record.h"
 
+#include "base/limits.h"
+
 namespace lumora {
 
 bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, SoundFormat format) {
@@ -11,9 +13,7 @@ bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, S
 }
 
 bool isTimely(double capturedAt, double now) {
-  constexpr double mostAhead = 0.05;
-  constexpr double mostBehind = 30;
-  return capturedAt <= now + mostAhead && capturedAt >= now - mostBehind;
+  return capturedAt <= now + maximumLead && capturedAt >= now - maximumAge;
 }
 
 void keepLatest(std::deque<SoundRecord>& records, double seconds, int rate) {
