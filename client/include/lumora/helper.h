@@ -55,9 +55,8 @@ class LUMORA_CLIENT_EXPORT Helper {
  public:
   // Called for each event, one at a time. With a queue: in its `dispatch`, may do anything, and is
   // never called after the destructor. Without one: on a thread of the library, perhaps before the
-  // constructor has returned; it must not throw, stop or destroy the helper, or wait for the end of
-  // a take. `stop` and the destructor wait for it, so it must not wait for the thread that calls
-  // them: both would wait for ever.
+  // constructor has returned. It must not throw, stop or destroy the helper, or wait for the end of
+  // a take or for a thread that stops the helper, because that thread waits for the handler.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
