@@ -9,6 +9,7 @@
 
 #include "bench/camera_clip.h"
 #include "bench/paced_load.h"
+#include "tools/sound_source.h"
 
 namespace {
 
@@ -42,40 +43,17 @@ bench::CameraClip makeClip(client::FrameSize size) {
   return bench::CameraClip(size);
 }
 
-// Stereo noise of a device whose clock is right.
-class Noise {
- public:
-  explicit Noise(int framesPerSecond)
-      : length_(1.0 / framesPerSecond), count_(format.rate / framesPerSecond * format.channels) {
-    constexpr double loudness = 3000;  // of full scale 32767
-    std::minstd_rand random(1);
-    std::uniform_real_distribution<double> noise(-loudness, loudness);
-    for (std::int16_t& sample : samples_) sample = static_cast<std::int16_t>(noise(random));
-  }
-  void operator()(client::Helper& helper, client::Uptime::time_point capturedAt, std::uint64_t) {
-    if (next_ == client::Uptime::time_point()) next_ = capturedAt - length_;
-    if (at_ + count_ > samples_.size()) at_ = 0;
-    helper.writeSound(std::span(samples_).subspan(at_, count_), next_);
-    at_ += count_;
-    next_ += length_;
-  }
-
-  static constexpr client::SoundFormat format{48000, 2};
-
- private:
-  client::Seconds length_;  // of the sound with one frame
-  std::size_t count_;       // of its samples of both channels
-  std::vector<std::int16_t> samples_ = std::vector<std::int16_t>(format.rate * format.channels);
-  std::size_t at_ = 0;
-  client::Uptime::time_point next_;
-};
-
 void addSound(tools::RunOptions& load) {
   const char* value = std::getenv("SOUND");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   if (value == nullptr) return;
   if (std::string_view(value) != "stereo") throw std::runtime_error("SOUND may only be \"stereo\"");
-  load.helper.sound = Noise::format;
-  load.writeSound = Noise(load.framesPerSecond);
+  load.helper.sound = tools::soundFormat;
+  load.writeSound = [sound = tools::SteadySound(), random = std::minstd_rand(1)](
+                        client::Helper& helper, client::Uptime::time_point capturedAt,
+                        std::uint64_t) mutable {
+    std::uniform_real_distribution<double> noise(-3000, 3000);
+    sound.write(helper, capturedAt, [&](std::int64_t) { return noise(random); });
+  };
   if (load.take) load.take->sound = true;
 }
 

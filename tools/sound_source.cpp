@@ -6,20 +6,27 @@
 
 namespace lumora::tools {
 
-void Beeps::write(client::Helper& helper, client::Uptime::time_point now, bool flashes) {
-  constexpr double pitch = 1000, amplitude = 16000;
+void SteadySound::write(client::Helper& helper, client::Uptime::time_point now,
+                        const Sample& sample) {
+  constexpr client::Seconds longest(1.5);
   const auto [rate, channels] = soundFormat;
-  if (now - next_ > longestSound) next_ = now;  // the first time, or this process was stopped
+  if (now - next_ > longest) next_ = now;  // the first time, or this process was stopped
   const auto count = static_cast<std::int64_t>(std::ceil((now - next_).count() * rate));
   std::vector<std::int16_t> samples;
   for (std::int64_t i = 0; i < count; ++i) {
-    const double phase = 2 * std::numbers::pi * pitch * static_cast<double>(written_++) / rate;
-    const double level = isLoud_ ? amplitude * std::sin(phase) : 0;
     samples.insert(samples.end(), static_cast<std::size_t>(channels),
-                   static_cast<std::int16_t>(level));
+                   static_cast<std::int16_t>(sample(written_++)));
   }
   helper.writeSound(samples, next_);
   next_ += client::Seconds(static_cast<double>(count) / rate);
+}
+
+void Beeps::write(client::Helper& helper, client::Uptime::time_point now, bool flashes) {
+  constexpr double pitch = 1000, amplitude = 16000;
+  sound_.write(helper, now, [this](std::int64_t number) {
+    const double phase = 2 * std::numbers::pi * pitch * static_cast<double>(number);
+    return isLoud_ ? amplitude * std::sin(phase / soundFormat.rate) : 0;
+  });
   isLoud_ = flashes;
 }
 

@@ -3,6 +3,7 @@
 // Where the sound of takes comes from.
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -16,6 +17,18 @@ inline constexpr client::SoundFormat soundFormat{.rate = 48000, .channels = 2};
 // What goes to a helper at once. It refuses more than two seconds, with what waits already.
 inline constexpr client::Seconds longestSound(1.5);
 
+// Sound of a device whose clock is right.
+class SteadySound {
+ public:
+  using Sample = std::function<double(std::int64_t number)>;  // of full scale 32767
+  // Passes the sound from the last call until now to the helper, with equal channels.
+  void write(client::Helper& helper, client::Uptime::time_point now, const Sample& sample);
+
+ private:
+  client::Uptime::time_point next_;  // when the next sample is captured
+  std::int64_t written_ = 0;         // samples
+};
+
 // The sound of a test card: a beep of 1 kHz from the capture of a picture that flashes until that
 // of the first one that does not. So both are in step, whenever pictures are captured.
 class Beeps {
@@ -24,9 +37,8 @@ class Beeps {
   void write(client::Helper& helper, client::Uptime::time_point now, bool flashes);
 
  private:
-  client::Uptime::time_point next_;  // when the next sample is captured
-  bool isLoud_ = false;              // since the last picture
-  std::int64_t written_ = 0;         // samples
+  SteadySound sound_;
+  bool isLoud_ = false;  // since the last picture
 };
 
 // A sound device that ffmpeg captures.
