@@ -54,11 +54,11 @@ class ChildProcess {
 
   // The next line without its line feed; empty when none came in time or the output has ended.
   std::optional<std::string> nextLine(Seconds limit);
-  // For other output: waits for bytes, returns how many came. 0 when none came in time or the
-  // output has ended.
+  // For output without lines: waits for bytes, returns how many came. 0 when none came in time or
+  // the output has ended.
   std::size_t readOutput(std::span<char> bytes, const Deadline& deadline);
   void closeOutput() { output_.reset(); }
-  // False once `nextLine` has found the end of the output.
+  // False once the end of the output was found.
   bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }
 
   // Whether the child has not closed its input.

@@ -29,7 +29,8 @@ class FrameSource {
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
-  // Ends the frames, and a `next` that waits on another thread.
+  // Ends a `next` that waits on another thread, and all after it. A source that never waits need
+  // not do anything.
   virtual void stop() {}
 };
 

@@ -40,7 +40,10 @@ CommandPipe::CommandPipe(const std::string& command)
                 .outputBytes = pipeBytes}) {}
 
 std::size_t CommandPipe::read(std::span<char> bytes) {
-  return process_.readOutput(bytes, client::Deadline(client::Seconds::max()));
+  std::size_t count = 0;
+  while (count == 0 && process_.hasOutput())
+    count = process_.readOutput(bytes, client::Deadline(client::Seconds::max()));
+  return count;
 }
 
 // An ffmpeg that waits for its device ignores SIGTERM.

@@ -19,7 +19,8 @@ inline constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
 // The standard output of a program, of which `pipeBytes` may wait.
 class CommandPipe {
  public:
-  // Starts the program as a shell does. Throws std::system_error when no shell can be started.
+  // `command`: a program and its arguments, in the words of a shell. Throws std::system_error when
+  // no shell can be started.
   explicit CommandPipe(const std::string& command);
   // Waits for bytes, and returns how many came; 0 at the end.
   std::size_t read(std::span<char> bytes);

@@ -21,8 +21,8 @@
 #include <lumora/uptime.h>
 #include "client/child_process.h"
 #include "client/frame_slots.h"
-#include "tools/frame_source.h"
 #include "tests/sanitized.h"
+#include "tools/frame_source.h"
 #include "tools/programs.h"
 
 namespace lumora::tests {

@@ -151,7 +151,7 @@ TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
                                       "pulse:pci.analog-stereo  Built-in"}));
 }
 
-// A script stands in for ffmpeg: after three seconds of silence, a sample that is none.
+// A script stands in for ffmpeg. It prints three seconds of zeros, then one other sample.
 TEST(Microphone, GivesTheNewestOfWhatWaited) {
   std::string folder = testing::TempDir() + "/microphone.XXXXXX";
   const std::filesystem::path program = std::filesystem::path(mkdtemp(folder.data())) / "ffmpeg";
@@ -161,7 +161,8 @@ TEST(Microphone, GivesTheNewestOfWhatWaited) {
   setenv("PATH", (folder + ":" + path).c_str(), 1);
   tools::Microphone microphone("a:b");
   setenv("PATH", path.c_str(), 1);
-  while (!std::filesystem::exists(program.string() + ".done")) continue;
+  while (!std::filesystem::exists(program.string() + ".done"))
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   const auto samples = microphone.next();
   EXPECT_EQ(samples.size(), 2 * 72'000u);
   EXPECT_EQ(samples.back(), 'c' + 'd' * 256);

@@ -13,6 +13,13 @@ namespace asio = boost::asio;
 
 namespace {
 
+// The event that the page shows for a take of which the helper says nothing.
+nlohmann::json unansweredEvent(const client::Recording& take) {
+  return {{"type", "recording"}, {"state", "failed"}, {"id", take.id}, {"path", take.path.string()},
+          {"error", take.error}, {"duration", 0},     {"frames", 0},   {"dropped", 0},
+          {"throttled", 0}};
+}
+
 double uptime() { return client::Uptime::now().time_since_epoch().count(); }
 
 }  // namespace
@@ -231,30 +238,24 @@ void Bridge::helperEnded(const client::Exited& exited) {
   finish();
 }
 
-// Comes before the event itself. Reports the take's end and offers its movie.
-void Bridge::takeSaid(const client::Recording& end) {
-  if (!end.isOver()) return;
-  if (end.failure == client::TakeFailure::noAnswer) {  // so no event of the helper says it
-    show({{"type", "recording"},
-          {"state", "failed"},
-          {"id", end.id},
-          {"path", end.path.string()},
-          {"error", end.error},
-          {"duration", 0},
-          {"frames", 0},
-          {"dropped", 0},
-          {"throttled", 0}});
+// Reports the take's end and offers its movie. So the page can play it once it gets the event.
+void Bridge::takeSaid(const client::Recording& recording) {
+  if (!recording.isOver()) return;
+  if (recording.failure == client::TakeFailure::noAnswer) {
+    const Json event = unansweredEvent(recording);
+    remember(event.dump());
+    show(event);
   }
   std::filesystem::path unfinished = take_->stagingPath();
-  if (end.kept) unfinished = end.kept->path;
+  if (recording.kept) unfinished = recording.kept->path;
   take_.reset();
-  isTakeLost_ = end.state == client::TakeState::failed;
+  isTakeLost_ = recording.state == client::TakeState::failed;
   if (!isTakeLost_) {
-    movies_["takes/" + end.id + ".mp4"] = end.path;
-    std::printf("Saved %s\n", end.path.c_str());
+    movies_["takes/" + recording.id + ".mp4"] = recording.path;
+    std::printf("Saved %s\n", recording.path.c_str());
     return;
   }
-  std::fprintf(stderr, "The take was not saved: %s.\n", end.error.c_str());
+  std::fprintf(stderr, "The take was not saved: %s.\n", recording.error.c_str());
   std::error_code unknown;
   if (std::filesystem::exists(unfinished, unknown)) {
     std::fprintf(stderr, "What was recorded of it is in %s\n", unfinished.c_str());

@@ -62,7 +62,7 @@ class Bridge {
   void soundEnded(bool hasHeard);
   void helperEnded(const client::Exited& exited);
   void remember(const std::string& line);
-  void takeSaid(const client::Recording& end);
+  void takeSaid(const client::Recording& recording);
   void takesRecovered(const std::vector<std::string>& lines);
 
   void tick();

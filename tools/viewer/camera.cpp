@@ -65,7 +65,6 @@ void Camera::stop() {
   listener_.request_stop();
   source_->stop();
   if (microphone_) microphone_->stop();
-  helper_.requestStop();
 }
 
 }  // namespace lumora::viewer
