@@ -32,6 +32,12 @@ export interface FrameSinkOptions {
   onDrop?: (counts: Readonly<FrameCounts>) => void;
 }
 
+// The format of a sink that got none, from its first frame.
+function ownFormat(frame: CameraFrame | Picture): FrameFormat {
+  if ('pixels' in frame) throw invalid('pictures that are no VideoFrames need the option "format"');
+  return videoFrameFormat(frame) ?? 'rgba,top';
+}
+
 // One is being written, and one waits. A third would replace that.
 const mostUnanswered = 2;
 
@@ -63,25 +69,22 @@ export class FrameSink {
   async #take(frame: CameraFrame | Picture, fail: (error: unknown) => void): Promise<void> {
     try {
       if (this.#unanswered === mostUnanswered) return this.#count('dropped');
-      const copy = await this.#copy(frame);
-      void this.#post(copy).then(() => this.#free.push(copy.pixels), fail);
+      const format = (this.#format ??= ownFormat(frame));
+      const copy = await this.#copy(frame, format);
+      void this.#post({ format, ...copy }).then(() => this.#free.push(copy.pixels), fail);
     } finally {
       if ('close' in frame) frame.close();
     }
   }
 
-  async #copy(frame: CameraFrame | Picture): Promise<FrameCopy> {
+  async #copy(frame: CameraFrame | Picture, format: FrameFormat): Promise<FrameCopy> {
     const reuse = this.#free.pop();
-    if ('pixels' in frame) return copyPicture(frame, reuse);
-    this.#format ??= videoFrameFormat(frame) ?? 'rgba,top';
-    return copyVideoFrame(frame, this.#format, reuse);
+    return 'pixels' in frame ? copyPicture(frame, reuse) : copyVideoFrame(frame, format, reuse);
   }
 
-  async #post({ size, pixels }: FrameCopy): Promise<void> {
-    const format = this.#format;
-    if (!format) throw invalid('pictures that are no VideoFrames need the option "format"');
+  async #post(frame: PostedFrame): Promise<void> {
     this.#unanswered += 1;
-    const outcome = await this.#write({ format, size, pixels });
+    const outcome = await this.#write(frame);
     this.#unanswered -= 1;
     this.#count(outcome);
   }

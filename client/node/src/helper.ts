@@ -16,7 +16,7 @@ import { describeExit, type HelperExit } from './exit.js';
 import { Feeder, type FrameWrite } from './feeder.js';
 import { FramePool, type Frame } from './frame.js';
 import type { FrameCounts } from './frame_counts.js';
-import { encodingOf, type FrameFormat, type FrameSize } from './frame_format.js';
+import { encodingOf, isSameFormat, type FrameFormat, type FrameSize } from './frame_format.js';
 import type { HelperProcess } from './launch.js';
 import { LineSplitter } from './lines.js';
 import {
@@ -135,7 +135,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
    * not set. The frame then keeps its memory.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
-    if (frame.format !== this.#format) {
+    if (!isSameFormat(frame.format, this.#format)) {
       throw invalid("the frame has another format than this helper's");
     }
     const write = this.writeFrame(frame.size, frame.picture(), id);

@@ -4,6 +4,7 @@
 import { formatChanged, invalid } from './errors.js';
 import {
   encodingOf,
+  isSameFormat,
   pictureBytes,
   type FrameEncoding,
   type FrameFormat,
@@ -113,7 +114,8 @@ export async function copyVideoFrame(
 ): Promise<FrameCopy> {
   if (!frame.visibleRect) throw invalid('the VideoFrame is closed');
   const own = videoFrameFormat(frame);
-  if (own !== format && format !== 'rgba,top') {
+  const isOwn = own !== undefined && isSameFormat(own, format);
+  if (!isOwn && format !== 'rgba,top') {
     const found = own ?? `${frame.format} with the matrix ${frame.colorSpace.matrix}`;
     throw formatChanged(format, found);
   }
@@ -122,7 +124,7 @@ export async function copyVideoFrame(
   const encoding = encodingOf(format);
   const [bytes] = pictureBytes(encoding, rect);
   const pixels = memoryFor(bytes, reuse);
-  const conversion = own === format ? {} : { format: 'RGBA' as const };
+  const conversion = isOwn ? {} : { format: 'RGBA' as const };
   await frame.copyTo(pixels, { rect, layout: planesOf(encoding, rect), ...conversion });
   return { size: { width, height }, pixels };
 }
