@@ -299,6 +299,7 @@ test('frames of a port are written or refused, and answered', async () => {
   const unanswered = fail();
   port1.close();
   await unanswered;
+  port2.postMessage = () => assert.fail('nobody reads it');
   await fail();
 });
 

@@ -96,7 +96,10 @@ export class FrameSink {
 }
 
 /** The answer to a posted frame. */
-export type FrameAnswer = { outcome: FrameOutcome } | { error: { code?: string; message: string } };
+export type FrameAnswer = { outcome: FrameOutcome } | { error: FrameFailure };
+type FrameFailure = { code?: string; message: string };
+
+const errorOf = ({ code, message }: FrameFailure) => Object.assign(new Error(message), { code });
 
 /** A page's MessagePort. */
 export interface PagePort {
@@ -114,21 +117,18 @@ export interface PagePort {
 export function throughPort(port: PagePort): FrameWriter {
   const waiting: ((answer: FrameAnswer) => void)[] = [];
   const message = 'the process with the helper has closed the port';
-  const closed: FrameAnswer = { error: { code: 'PORT_CLOSED', message } };
+  const closed: FrameFailure = { code: 'PORT_CLOSED', message };
   let isClosed = false;
   port.onmessage = ({ data }: { data: FrameAnswer }) => waiting.shift()?.(data);
   port.addEventListener('close', () => {
     isClosed = true;
-    for (const answer of waiting.splice(0)) answer(closed);
+    for (const answer of waiting.splice(0)) answer({ error: closed });
   });
   return async (frame) => {
+    if (isClosed) throw errorOf(closed);
     port.postMessage(frame);
-    const answer = await new Promise<FrameAnswer>((resolve) => {
-      if (isClosed) resolve(closed);
-      else waiting.push(resolve);
-    });
+    const answer = await new Promise<FrameAnswer>((resolve) => waiting.push(resolve));
     if ('outcome' in answer) return answer.outcome;
-    const { code, message } = answer.error;
-    throw Object.assign(new Error(message), { code });
+    throw errorOf(answer.error);
   };
 }
