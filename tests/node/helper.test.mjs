@@ -166,22 +166,26 @@ test('a refused hello, a full house and a helper that is gone differ', async (co
     return client[Symbol.asyncIterator]().next().then(() => 'admitted', (error) => error.code);
   };
   assert.equal(await code('x'.repeat(16)), 'REFUSED');
-  const clients = await Promise.all([1, 2].map(() => connectStream({ port, token })));
+  const [abort, reason] = [new AbortController(), new Error('enough')];
+  const clients = await Promise.all([undefined, abort.signal]
+    .map((signal) => connectStream({ port, token, signal })));
   const admitted = new Set();
   const reading = clients.map(async (client) => {
     for await (const { type } of client) if (type === 'frame') admitted.add(client);
   });
   await feedUntil(helper, () => admitted.size === 2);
   assert.equal(await code(token), 'NO_ROOM');
-  clients.forEach((client) => client.close());
-  await Promise.all(reading);
+  clients[0].close();
+  abort.abort(reason);
+  assert.deepEqual(await Promise.allSettled(reading),
+    [{ status: 'fulfilled', value: undefined }, { status: 'rejected', reason }]);
   await helper.stop();
   await assert.rejects(connectStream({ port, token }), { code: 'UNREACHABLE' });
 });
 
 test('connecting has a limit', async (context) => {
-  // Its queue has two places. It closes two connections, then accepts nobody.
-  const listen = `let left = 2;
+  // Its queue has two places. It closes three connections, then accepts nobody.
+  const listen = `let left = 3;
     require('net').createServer((socket) => {
       socket.destroy();
       if (--left === 0) process.kill(process.pid, 'SIGSTOP');
@@ -192,14 +196,21 @@ test('connecting has a limit', async (context) => {
   const abort = new AbortController();
   const [token, { signal }] = ['x'.repeat(16), abort];
   const to = { port, token, connectTimeout: 100, signal: AbortSignal.timeout(20_000) };
-  const closed = [await connectStream(to), await connectStream({ port, token, signal })];
+  const closed = [];
+  for (const options of [to, { port, token, signal }, { port, token }]) {
+    closed.push(await connectStream(options));
+  }
   await stopped(server);
   await assert.rejects(Promise.all([1, 2, 3].map(() => connectStream(to))), { code: 'UNREACHABLE' });
   // These ask once more, why they were closed.
-  const [late, aborted] = closed.map((client) => client[Symbol.asyncIterator]().next());
+  const [late, aborted, ended] = closed.map((client) => client[Symbol.asyncIterator]().next());
   await assert.rejects(late, { code: 'CLOSED' });
-  abort.abort();
-  await assert.rejects(aborted, { name: 'AbortError' });
+  closed[2].close();
+  assert.deepEqual(await ended, { value: undefined, done: true });
+  const reason = new Error('enough');
+  abort.abort(reason);
+  await Promise.all([aborted, connectStream({ port, token, signal })]
+    .map((failing) => assert.rejects(failing, (error) => error === reason)));
 });
 
 test('frames get their memory back, and none while the helper is behind', async (context) => {

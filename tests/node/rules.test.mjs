@@ -212,8 +212,8 @@ const frames = ['0000000b 02 0000000000000007 01 aa', '0000000b 02 0000000000000
 test('packets may arrive in any pieces; they become the input of a VideoDecoder', async () => {
   const bytes = [...hex(frames.map((frame) => configuration + frame).join(''))];
   const oneByOne = Readable.from(bytes.map((byte) => Buffer.of(byte)));
-  const inputs = [];
-  for await (const input of toWebCodecs(new StreamClient(oneByOne, false))) inputs.push(input);
+  const [inputs, manual] = [[], { acknowledgement: 'manual' }];
+  for await (const input of toWebCodecs(new StreamClient(oneByOne, manual))) inputs.push(input);
   const description = Uint8Array.from(hex('01 42c01f ff e1 0005 6742c01f99 01 0002 68ce'));
   const config = { codec: 'avc1.42c01f', codedWidth: 640, codedHeight: 360, description,
     optimizeForLatency: true };
@@ -223,7 +223,7 @@ test('packets may arrive in any pieces; they become the input of a VideoDecoder'
   const longer = configuration.replace('0005', '0006');
   const short = '00000010 01 0000000000000000 00 0280 0168 0005';
   for (const malformed of ['00000009', '00200001', configuration.replace('01 ', '03 '), longer, short]) {
-    const client = new StreamClient(Readable.from([hex(malformed)]), false);
+    const client = new StreamClient(Readable.from([hex(malformed)]), manual);
     await assert.rejects(client[Symbol.asyncIterator]().next(), { code: 'MALFORMED' }, malformed);
   }
 });
@@ -231,7 +231,7 @@ test('packets may arrive in any pieces; they become the input of a VideoDecoder'
 test('the socket is read only as fast as packets are taken', async () => {
   let readings = 0;
   const read = function () { this.push(Buffer.alloc(30_000, hex(frames.join(' ')))); readings += 1; };
-  const client = new StreamClient(new Duplex({ read, write() {} }), true);
+  const client = new StreamClient(new Duplex({ read, write() {} }), {});
   const packets = client[Symbol.asyncIterator]();
   for (const frameId of [7n, 9n]) assert.equal((await packets.next()).value.frameId, frameId);
   for (let i = 0; i < 100; ++i) await turn();

@@ -3,6 +3,7 @@
 import { once } from 'node:events';
 import { connect, type Socket } from 'node:net';
 
+import { deferred } from './deferred.js';
 import { disposeWith } from './dispose.js';
 import { CodedError } from './errors.js';
 import { PacketSplitter } from './packet_splitter.js';
@@ -16,7 +17,7 @@ export interface StreamOptions {
   host?: string;
   port: number;
   token: string;
-  /** Closes the connection; the reading loop then throws an AbortError. */
+  /** Aborting it closes the connection. `connectStream` or the loop then throws its reason. */
   signal?: AbortSignal;
   /** Milliseconds in which a connection must be made; 5,000 by default. */
   connectTimeout?: number;
@@ -55,23 +56,23 @@ const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoExcepti
 
 /**
  * Iterate once with `for await` to get the packets. Leaving the loop closes the connection. The
- * loop ends when the connection is closed. It throws a StreamError if no packet came before that.
+ * loop ends when the connection is closed. It throws a StreamError if the helper closes it before
+ * the first packet.
  */
 export class StreamClient implements AsyncIterable<Packet> {
   /** Lets `using` close the connection. Missing where Node does not have the symbol. */
   declare [Symbol.dispose]: () => void;
   readonly #socket: Socket;
-  readonly #isAutomatic: boolean;
-  readonly #whyRefused: () => Promise<Refusal>;
+  readonly #options: StreamOptions;
   readonly #splitter = new PacketSplitter();
+  readonly #whenClosed = deferred<undefined>();
   #isAdmitted = false;
   #isClosed = false;
 
   /** @internal */
-  constructor(socket: Socket, isAutomatic: boolean, whyRefused: () => Promise<Refusal>) {
+  constructor(socket: Socket, options: StreamOptions) {
     this.#socket = socket;
-    this.#isAutomatic = isAutomatic;
-    this.#whyRefused = whyRefused;
+    this.#options = options;
   }
 
   /** Acknowledges this frame and all before it. */
@@ -81,26 +82,31 @@ export class StreamClient implements AsyncIterable<Packet> {
 
   close(): void {
     this.#isClosed = true;
+    this.#whenClosed.resolve(undefined);
     this.#socket.destroy();
   }
 
   /** Reads from the socket only as fast as packets are taken. */
   async *[Symbol.asyncIterator](): AsyncGenerator<Packet, void, undefined> {
+    const { signal, acknowledgement = 'automatic' } = this.#options;
+    const isAutomatic = acknowledgement === 'automatic';
     try {
       for await (const bytes of this.#socket) {
         this.#splitter.feed(bytes as Buffer);
         for (let packet = this.#nextPacket(); packet; packet = this.#nextPacket()) {
           this.#isAdmitted = true;
-          if (packet.type === 'frame' && this.#isAutomatic) this.acknowledge(packet.frameId);
+          if (packet.type === 'frame' && isAutomatic) this.acknowledge(packet.frameId);
           yield packet;
         }
       }
     } catch (error) {
-      if (!isEnd(error)) throw error;
+      if (!isEnd(error)) throw signal?.aborted ? signal.reason : error;
     }
     if (this.#isAdmitted || this.#isClosed) return;
-    const reason = await this.#whyRefused();
-    throw new StreamError(reason, words[reason]);
+    const refusal = await Promise.race([whyRefused(this.#options), this.#whenClosed.promise]);
+    if (!refusal) return; // closed meanwhile
+    signal?.throwIfAborted();
+    throw new StreamError(refusal, words[refusal]);
   }
 
   #nextPacket(): Packet | undefined {
@@ -116,7 +122,7 @@ disposeWith(StreamClient, Symbol.dispose, function () {
   this.close();
 });
 
-// Throws for options that no socket takes. Rejects with an AbortError also when the time is over.
+// Throws for options that no socket takes. Rejects when the time is over, too.
 function open(options: StreamOptions): Promise<Socket> {
   const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
   const limit = AbortSignal.timeout(connectTimeout);
@@ -136,27 +142,25 @@ const roomLimit = 500;
 // The helper never says why it closes a connection. A second one that says nothing shows it.
 async function whyRefused(options: StreamOptions): Promise<Refusal> {
   const socket = await open(options).catch(() => undefined);
-  const closed = new Promise((resolve) => socket?.resume().once('close', resolve));
-  const hasRoom = socket && !(await settlesWithin(closed, roomLimit));
-  socket?.destroy();
-  options.signal?.throwIfAborted();
   if (!socket) return 'CLOSED';
+  const closed = new Promise((resolve) => socket.resume().once('close', resolve));
+  const hasRoom = !(await settlesWithin(closed, roomLimit));
+  socket.destroy();
   return hasRoom ? 'REFUSED' : 'NO_ROOM';
 }
 
 /**
  * Connects and sends the token. Rejects with a StreamError if nobody listens or answers in time,
- * with an AbortError, or with an ArgumentError for a token that no helper has. If the helper refuses
- * it, the loop throws.
+ * with an ArgumentError for a token that no helper has, or with a RangeError for a `port` or a
+ * `connectTimeout` out of range. If the helper refuses the token, the loop throws.
  */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {
-  const { token, signal, acknowledgement = 'automatic' } = options;
+  const { token, signal } = options;
   checkToken(token);
   const socket = await open(options).catch((cause) => {
-    if (signal?.aborted) throw cause;
+    signal?.throwIfAborted();
     throw new StreamError('UNREACHABLE', 'no helper listens there', { cause });
   });
   socket.write(`${JSON.stringify({ type: 'hello', token })}\n`);
-  const isAutomatic = acknowledgement === 'automatic';
-  return new StreamClient(socket, isAutomatic, () => whyRefused(options));
+  return new StreamClient(socket, options);
 }
