@@ -161,8 +161,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
    * Queues a copy of these samples, which are interleaved. `capturedAt` is the `uptime()` of the
    * first sample; by default the last sample is from now. Returns false if the sound was skipped:
    * more than two seconds of sound would wait, the first sample is more than 50 ms in the future,
-   * or the helper is ending. Throws an ArgumentError if a channel lacks its last sample, or if
-   * `startHelper` got no `sound`.
+   * or the helper is ending. Throws an ArgumentError if a channel lacks its last sample, if
+   * `capturedAt` is negative or not a number, or if `startHelper` got no `sound`.
    */
   writeSound(samples: Int16Array, capturedAt?: number): boolean {
     const format = this.#sound;
