@@ -331,7 +331,8 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   let isClosed = false;
   const client = { [Symbol.asyncIterator]: packets, close: () => { isClosed = true; },
     acknowledge: (id) => acknowledged.push(id) };
-  await sendPreview(client, port, 1, 1);
+  const limits = { drawnWithin: 1, firstDrawnWithin: 1 };
+  await sendPreview(client, port, limits);
   assert.deepEqual(posted, [[1, 64], [2, undefined], [3, undefined], [7, 32], [8, undefined]]);
   assert.deepEqual(acknowledged, [2, 3, 4, 5, 3, 6, 8]);
   assert.ok(isClosed);
@@ -350,7 +351,7 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
     await once(closing, 'close');
   }
   const unseen = { ...client, [Symbol.asyncIterator]: endless, close: () => closing.emit('close') };
-  await sendPreview(unseen, gone, 1, 1);
+  await sendPreview(unseen, gone, limits);
 });
 
 test('ids are the uptime by default, and always grow', async () => {

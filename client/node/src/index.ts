@@ -8,7 +8,7 @@ export { type FrameCounts, type FrameOutcome } from './frame_counts.js';
 export { type FrameEncoding, type FrameFormat, type FrameSize } from './frame_format.js';
 export { type FrameId, type Pixels } from './records.js';
 export { type SoundFormat } from './sound.js';
-export { acceptFrames, sendPreview, type NodePort } from './ports.js';
+export { acceptFrames, sendPreview, type NodePort, type PreviewLimits } from './ports.js';
 export { recoverTakes, RecoverError, type RecoveredTake } from './recover.js';
 export { flipRows } from './rows.js';
 export { StartError, type StartErrorCode } from './start_error.js';

@@ -7,7 +7,7 @@ import { isSameFormat, type FrameFormat } from './frame_format.js';
 import type { FrameAnswer, PostedFrame } from './frame_sink.js';
 import type { Helper } from './helper.js';
 import type { StreamClient } from './stream.js';
-import { toWebCodecs, type DecoderInput } from './web_codecs.js';
+import { toWebCodecs, type DecoderInput, type EncodedChunk } from './web_codecs.js';
 
 /** Electron's MessagePortMain, or a MessagePort of `node:worker_threads`. */
 export interface NodePort {
@@ -52,21 +52,29 @@ export function acceptFrames(
   });
 }
 
+/** In milliseconds. */
+export interface PreviewLimits {
+  /** The page must draw a picture in this time; below 500, by default 250. */
+  drawnWithin?: number;
+  /** From the first picture on, the page must draw one in this time; by default 10,000. */
+  firstDrawnWithin?: number;
+}
+
 /**
  * Posts the input of a VideoDecoder to a page, which posts back the `timestamp` of each picture
  * that it has drawn. That acknowledges the frame, so the helper sends no faster than the page
- * draws. If a picture is not drawn within `limit` milliseconds (below 500), the page gets nothing
- * more until it has drawn the newest picture that it got and a key frame comes. Needs a client with
+ * draws. If a picture is not drawn within `drawnWithin`, the page gets nothing more until it has
+ * drawn the newest picture that it got and a key frame comes. Needs a client with
  * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection or the port is
  * closed, also while `client` still connects; the port can then get the preview of another client.
  * Nothing tells that the port was closed before the call. So it also resolves if the page has drawn
- * nothing within `firstLimit` milliseconds of the first picture. Rejects if `client` does.
+ * nothing within `firstDrawnWithin` of the first picture. Rejects if `client` does, and with the
+ * errors of the client's loop.
  */
 export async function sendPreview(
   client: StreamClient | Promise<StreamClient>,
   port: NodePort,
-  limit = 250, // the helper drops a client that acknowledges nothing for 500
-  firstLimit = 10_000,
+  limits: PreviewLimits = {},
 ): Promise<void> {
   let connected: StreamClient | undefined;
   let isClosed = false;
@@ -78,52 +86,82 @@ export async function sendPreview(
   try {
     connected = await client;
     if (isClosed) connected.close();
-    else await postPreview(connected, port, limit, firstLimit);
+    else await postPreview(connected, port, limits);
   } finally {
     port.off('close', close);
   }
 }
 
+// The pictures that a page got from one client, by their ids.
+class PagePictures {
+  hasDrawn = false;
+  #isBehind = false;
+  readonly #undrawn = new Set<number>();
+
+  /** Whether the page is to get the next picture. */
+  wants({ type }: EncodedChunk): boolean {
+    if (type === 'key' && this.#undrawn.size === 0) this.#isBehind = false;
+    return !this.#isBehind;
+  }
+
+  add(id: number): void {
+    this.#undrawn.add(id);
+  }
+
+  /** Returns false for a picture that was drawn already, or came from an earlier client. */
+  draw(id: number): boolean {
+    if (!this.#undrawn.has(id)) return false;
+    for (const each of this.#undrawn) if (each <= id) this.#undrawn.delete(each);
+    this.hasDrawn = true;
+    return true;
+  }
+
+  /** The time to draw this picture is over. Returns whether it was not drawn. */
+  expire(id: number): boolean {
+    const isLate = this.#undrawn.has(id);
+    if (isLate) this.#isBehind = true;
+    return isLate;
+  }
+}
+
+// The helper drops a client that acknowledges nothing for 500 ms, and one that acknowledges what it
+// did not get.
 async function postPreview(
   client: StreamClient,
   port: NodePort,
-  limit: number,
-  firstLimit: number,
+  { drawnWithin = 250, firstDrawnWithin = 10_000 }: PreviewLimits,
 ): Promise<void> {
-  const undrawn = new Set<number>(); // the ids that were posted
-  let isBehind = false;
-  let untilDrawn: NodeJS.Timeout | undefined;
+  const pictures = new PagePictures();
   const endListening = listen(port, (id: number) => {
-    // The page may still draw pictures of an earlier client. If this client acknowledged those, the
-    // helper would drop it.
-    if (!undrawn.has(id)) return;
-    clearTimeout(untilDrawn);
-    for (const each of undrawn) if (each <= id) undrawn.delete(each);
-    client.acknowledge(id);
+    if (pictures.draw(id)) client.acknowledge(id);
   });
-  let config: DecoderInput['config'];
+  const post = (input: DecoderInput) => {
+    const id = input.chunk.timestamp;
+    pictures.add(id);
+    port.postMessage(input);
+    setTimeout(() => {
+      if (pictures.expire(id)) client.acknowledge(id);
+    }, drawnWithin);
+  };
+  const giveUpUnseen = () => {
+    if (!pictures.hasDrawn) client.close();
+  };
+  let sinceFirst: NodeJS.Timeout | undefined;
+  let config: DecoderInput['config']; // not yet posted
   try {
     for await (const input of toWebCodecs(client)) {
       const { chunk } = input;
-      const id = chunk.timestamp;
       config = input.config ?? config;
-      if (isBehind && (chunk.type === 'delta' || undrawn.size > 0)) {
-        client.acknowledge(id);
+      if (!pictures.wants(chunk)) {
+        client.acknowledge(chunk.timestamp);
         continue;
       }
-      isBehind = false;
-      undrawn.add(id);
-      port.postMessage(config ? { config, chunk } : { chunk });
+      post(config ? { config, chunk } : { chunk });
       config = undefined;
-      untilDrawn ??= setTimeout(() => client.close(), firstLimit);
-      setTimeout(() => {
-        if (!undrawn.has(id)) return;
-        isBehind = true;
-        client.acknowledge(id);
-      }, limit);
+      sinceFirst ??= setTimeout(giveUpUnseen, firstDrawnWithin);
     }
   } finally {
-    clearTimeout(untilDrawn);
+    clearTimeout(sinceFirst);
     endListening();
   }
 }
