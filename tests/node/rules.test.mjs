@@ -281,8 +281,9 @@ test('a sink closes every frame, drops while two are unanswered, fails with a co
   await assert.rejects(pictures.closed, { code: 'GONE' });
 });
 
-test('frames of a port are written or refused, and answered', async () => {
+test('frames of a port are written or refused, and answered', async (context) => {
   const { port1, port2 } = new MessageChannel();
+  context.after(() => port1.close()); // an open port keeps the test running
   const written = [];
   const stdin = new Writable({ write: (chunk, _, done) => { written.push(chunk); done(); } });
   acceptFrames(port1, async () => helperOf(stdin, 'rgba'));
