@@ -285,7 +285,7 @@ test('frames of a port are written or refused, and answered', async (context) =>
   const { port1, port2 } = new MessageChannel();
   context.after(() => port1.close()); // an open port keeps the test running
   const written = [];
-  const stdin = new Writable({ write: (chunk, _, done) => { written.push(chunk); done(); } });
+  const stdin = new Writable({ write: (chunk, _, done) => { written.push(chunk); setImmediate(done); } });
   acceptFrames(port1, async () => helperOf(stdin, 'rgba'));
   const write = throughPort(port2);
   const size = { width: 2, height: 2 };
@@ -295,6 +295,10 @@ test('frames of a port are written or refused, and answered', async (context) =>
     await assert.rejects(write({ format, size, pixels }), { code });
   }
   assert.deepEqual(written.slice(1), [Buffer.from(pixels)]); // after its header
+  // A refusal is known before the frame in front of it is written.
+  const [first, second] = await Promise.allSettled(['rgba', 'nv12'].map((format) =>
+    write({ format, size, pixels })));
+  assert.deepEqual([first.value, second.reason?.code], ['written', 'FORMAT_CHANGED']);
   const fail = () =>
     assert.rejects(write({ format: 'rgba', size, pixels }), { code: 'PORT_CLOSED' });
   const unanswered = fail();

@@ -43,12 +43,14 @@ export function acceptFrames(
     if (!isSameFormat(helper.format, format)) throw formatChanged(helper.format, format);
     return helper.writeFrame(size, pixels).done;
   };
-  const answer = (message: FrameAnswer) => port.postMessage(message);
+  // `throughPort` expects the answers in the order of the frames.
+  let answered = Promise.resolve();
   listen(port, (frame: PostedFrame) => {
-    write(frame).then(
-      (outcome) => answer({ outcome }),
-      ({ code, message }) => answer({ error: { code, message } }),
+    const answer: Promise<FrameAnswer> = write(frame).then(
+      (outcome) => ({ outcome }),
+      ({ code, message }) => ({ error: { code, message } }),
     );
+    answered = answered.then(async () => port.postMessage(await answer));
   });
 }
 
