@@ -202,7 +202,7 @@ class Helper::Impl {
       if (line) tell(parseEvent(*std::move(line)));
     }
     std::optional<Exited> end;
-    while (!(end = awaitExit(Seconds(1)))) continue;
+    while (!(end = awaitExit(Seconds(1)))) takes_.failUnanswered(Uptime::now());
     end->reason = problem_;
     if (problem_.empty() && !readySlots()) end->reason = "it ended at once with " + toText(*end);
     {
