@@ -37,7 +37,7 @@ TEST_F(Input, AFloodOfFramesIsDroppedAndCountedAndCostsNoMemory) {
     return event.at("dropped_raw").get<int>() + event.at("encoded_frames").get<int>() == all;
   });
   EXPECT_GT(after["dropped_raw"], 0);
-  EXPECT_GT(after["encoded_frames"], 10);
+  EXPECT_GT(after["encoded_frames"], all / 40);
   EXPECT_LT(sanitized ? 0 : tools::peakMegabytes(helper->pid()), 150);
 }
 
