@@ -12,6 +12,10 @@ constexpr double driftWander = 4e-13;       // variance that the drift gains in 
 constexpr double jitterMemory = 100;        // records
 constexpr double usualJitter = 2.4;         // standard deviations; those on the line are smaller
 constexpr double usualError = 3;            // standard deviations of the line itself
+constexpr double usualDelay = 0.6;          // of a record's length; more than that is a lost record
+constexpr double longestUsualDelay = 0.04;  // seconds
+constexpr double leastStep = 0.01;          // seconds off the line that matter
+constexpr double longestAside = 1;          // seconds so far off, on one side, until that is a jump
 constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer is a jump
 constexpr double longestDoubt = 0.5;        // seconds until any deviation is a jump
 
@@ -21,11 +25,13 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   held_.reserve(held_.size() + 1);  // first, so that nothing throws once the record is counted
   if (!isStarted_) startAt(record.capturedAt);
   const double late = record.capturedAt - next_;
-  const double usual = usualJitter * std::sqrt(jitter_);
+  const double seconds = static_cast<double>(record.samples) / rate_;
+  const double usual =
+      std::max(usualJitter * std::sqrt(jitter_), std::min(usualDelay * seconds, longestUsualDelay));
   const bool isOnLine = std::abs(late) <= usual + usualError * std::sqrt(timeVariance_);
-  isOnLine ? correct(late) : deviate(late, usual);
+  isOnLine ? correct(late, seconds) : deviate(late, usual);
   record.capturedAt = next_;
-  advance(static_cast<double>(record.samples) / rate_);
+  advance(seconds);
   held_.push_back(std::move(record));
   if (!isOnLine && !hasJumped()) return {};
   if (!isOnLine) jump();
@@ -40,6 +46,7 @@ std::vector<SoundRecord> DeviceClock::flush() {
 
 void DeviceClock::startAt(double time) {
   isStarted_ = true;
+  aside_ = 0;
   next_ = time;
   timeVariance_ = jitter_;
   driftVariance_ = firstDrift;
@@ -48,7 +55,7 @@ void DeviceClock::startAt(double time) {
 
 // The two steps of the filter. Jitter is measured from one time to the next, so that an error of
 // the line does not count as jitter.
-void DeviceClock::correct(double late) {
+void DeviceClock::correct(double late, double seconds) {
   const double timeGain = timeVariance_ / (timeVariance_ + jitter_);
   const double driftGain = covariance_ / (timeVariance_ + jitter_);
   next_ += timeGain * late;
@@ -58,6 +65,14 @@ void DeviceClock::correct(double late) {
   timeVariance_ *= 1 - timeGain;
   const double change = late - std::exchange(late_, late);
   jitter_ = std::max(jitter_ + (change * change / 2 - jitter_) / jitterMemory, leastJitter);
+  followStep(late, seconds);
+}
+
+void DeviceClock::followStep(double late, double seconds) {
+  const bool isAside = std::abs(late) > leastStep;
+  const bool goesOn = isAside && std::signbit(late) == std::signbit(aside_);
+  aside_ = isAside ? (goesOn ? aside_ : 0) + std::copysign(seconds, late) : 0;
+  if (std::abs(aside_) > longestAside) startAt(next_ + late);
 }
 
 void DeviceClock::advance(double seconds) {

@@ -7,6 +7,10 @@
 // A time off the line is at first no reason to leave it: the parent may have read that record late,
 // and the next times are on the line again. So such records are held. If those of 50 ms are off by
 // about the same, samples were lost or a clock jumped, and the line starts again there.
+//
+// A parent that looks for records at intervals gets them late by another time each, up to about a
+// record's length. So times that are off by less than most of a record count as on the line. It
+// also starts again if they stay on one side for a second.
 
 #include <cstddef>
 #include <vector>
@@ -36,7 +40,8 @@ class DeviceClock {
   };
 
   void startAt(double time);
-  void correct(double late);
+  void correct(double late, double seconds);
+  void followStep(double late, double seconds);
   void advance(double seconds);
   void deviate(double late, double usual);
   bool hasJumped() const;
@@ -49,7 +54,9 @@ class DeviceClock {
   double timeVariance_ = 0;  // of the errors of `next_` and `drift_`
   double driftVariance_ = 0;
   double covariance_ = 0;
-  double jitter_ = leastJitter;    // variance of the errors of the parent's times
+  double jitter_ = leastJitter;  // variance of the errors of the parent's times
+  double aside_ =
+      0;  // seconds for which the times have been on one side of the line; below 0: early
   double late_ = 0;                // the latest time on the line came so many seconds after it
   std::vector<SoundRecord> held_;  // with their times on the line
   Deviation deviation_;
