@@ -29,7 +29,10 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   const double usual =
       std::max(usualJitter * std::sqrt(jitter_), std::min(usualDelay * seconds, longestUsualDelay));
   const bool isOnLine = std::abs(late) <= usual + usualError * std::sqrt(timeVariance_);
-  isOnLine ? correct(late, seconds) : deviate(late, usual);
+  // After a hang each record is late by one record's length less: these do not agree.
+  const double agreement =
+      std::min(usual, std::max(0.3 * seconds, usualJitter * std::sqrt(leastJitter)));
+  isOnLine ? correct(late, seconds) : deviate(late, agreement);
   record.capturedAt = next_;
   advance(seconds);
   held_.push_back(std::move(record));
@@ -69,10 +72,10 @@ void DeviceClock::correct(double late, double seconds) {
 }
 
 void DeviceClock::followStep(double late, double seconds) {
-  const bool isAside = std::abs(late) > leastStep;
-  const bool goesOn = isAside && std::signbit(late) == std::signbit(aside_);
-  aside_ = isAside ? (goesOn ? aside_ : 0) + std::copysign(seconds, late) : 0;
-  if (std::abs(aside_) > longestAside) startAt(next_ + late);
+  constexpr double leastRecords = 10;  // fewer may be so far off by chance
+  const double back = -std::copysign(std::min(seconds, std::abs(aside_)), aside_);
+  aside_ += std::abs(late) > leastStep ? std::copysign(seconds, late) : back;
+  if (std::abs(aside_) > std::max(longestAside, leastRecords * seconds)) startAt(next_ + late);
 }
 
 void DeviceClock::advance(double seconds) {

@@ -162,7 +162,11 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
                             {"stops for 3 s", 96000, 960, 300, 3, 1, 0, 3},
                             {"loses records", 48000, 960, 100, 0, 35, 10007, 35 * 0.02},
                             {"is read late", 48000, 960, -300, 0, 0, 0, 0, 0.2},
+                            {"is read late, 50 ms", 48000, 2400, 100, 0, 0, 0, 0, 0.2},
+                            {"is read late, 60 ms", 48000, 2880, 100, 0, 0, 0, 0, 0.3},
+                            {"is read late, 64 ms", 48000, 3072, 100, 0, 0, 0, 0, 0.2},
                             {"jitters more", 48000, 9600, 100, 0, 0, 0, 0, 0, 0.008},
+                            {"jitters, long records", 48000, 12000, 100, 0, 0, 0, 0, 0, 0.015},
                             {"is read at intervals", 48000, 2229, 100, 0, 0, 0, 0, 0, 0.001, 0.05},
                             {"is read too often", 48000, 2400, -100, 0, 0, 0, 0, 0, 0.001, 0.045}};
   for (const Device& device : devices) {
