@@ -9,8 +9,9 @@
 // about the same, samples were lost or a clock jumped, and the line starts again there.
 //
 // A parent that looks for records at intervals gets them late by another time each, up to about a
-// record's length. So times that are off by less than most of a record count as on the line. It
-// also starts again if they stay on one side for a second.
+// record's length. So times that are off by less than most of a record count as on the line. The
+// line also starts again after they were on one side of it for a second and ten records, those on
+// the other side and those close to it taken away.
 
 #include <cstddef>
 #include <vector>
