@@ -90,6 +90,7 @@ for (const [seconds, speed] of [[10, 1], [7200, Number(longTakeSpeed)]]) {
   const isWhole = logged.length === event.frames && logged.length === times.length &&
     logged.every((time, i) => Math.abs(time - times[i]) < 2e-6);
   if (isWhole && Math.abs(drift) <= 1) continue;
-  console.error(`${path}: ${isWhole ? 'the drift is too large' : 'frames or times differ from the log'}`);
+  const problem = isWhole ? 'the drift is too large' : 'frames or times differ from the log';
+  console.error(`${path}: ${problem}`);
   process.exitCode = 1;
 }

@@ -220,8 +220,8 @@ for (const [name, capture] of Object.entries(devices)) {
   const beside = name in steadyDevices ? await besideSine(capture) : undefined;
   console.log(`| ${[name, beeps.length, offsets.length, shown(offsets[0]),
     shown(offsets.find(({ time }) => time > 600)), shown(offsets.at(-1)), shown({ offset: most }),
-    event.sound_gaps, `${event.sound_missing.toFixed(2)} s`, beside === undefined ? '' : `${beside.toFixed(1)} dB`]
-    .join(' | ')} |`);
+    event.sound_gaps, `${event.sound_missing.toFixed(2)} s`,
+    beside === undefined ? '' : `${beside.toFixed(1)} dB`].join(' | ')} |`);
   const sent = Math.ceil(minutes * 60 / period) - 1;
   if (beeps.length === sent && offsets.length > sent / 2 && most <= tolerance &&
     (beside ?? mostBeside) <= mostBeside) continue;

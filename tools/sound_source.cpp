@@ -8,9 +8,8 @@ namespace lumora::tools {
 
 void SteadySound::write(client::Helper& helper, client::Uptime::time_point now,
                         const Sample& sample) {
-  constexpr client::Seconds longest(1.5);
   const auto [rate, channels] = soundFormat;
-  if (now - next_ > longest) next_ = now;  // the first time, or this process was stopped
+  if (now - next_ > longestSound) next_ = now;  // the first time, or this process was stopped
   const auto count = static_cast<std::int64_t>(std::ceil((now - next_).count() * rate));
   std::vector<std::int16_t> samples;
   for (std::int64_t i = 0; i < count; ++i) {

@@ -73,13 +73,11 @@ void TakeSound::complete(SoundPackets& packets) {
   if (status != 0) throw EncoderFailure::status("sound encoding", status);
 }
 
-std::int64_t TakeSound::gaps() const {
-  return placing_ ? placing_->gaps(end_.value_or(placing_->settledUntil())) : 0;
-}
+double TakeSound::end() const { return end_.value_or(placing_->settledUntil()); }
 
-double TakeSound::missing() const {
-  return placing_ ? placing_->missing(end_.value_or(placing_->settledUntil())) : 0;
-}
+std::int64_t TakeSound::gaps() const { return placing_ ? placing_->gaps(end()) : 0; }
+
+double TakeSound::missing() const { return placing_ ? placing_->missing(end()) : 0; }
 
 double TakeSound::length() const { return static_cast<double>(encoder_->length()) / trackRate_; }
 

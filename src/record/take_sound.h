@@ -44,6 +44,7 @@ class TakeSound {
 
  private:
   double length() const;  // of the track, in seconds
+  double end() const;     // uptime of the movie's end, or of what is settled so far
   void encode(const SoundRecord& record, SoundPackets& packets);
   void complete(SoundPackets& packets);
   void encodeSilence(std::int64_t samples, SoundPackets& packets);

@@ -108,11 +108,11 @@ struct Take {
   SoundPlacing placing{device.rate, start};
   std::deque<double> capturedAt = {};  // of the records that the clock has not returned
   double length = 0;
-  int gain = 0;
+  int compensation = 0;
   double worst = 0;        // seconds off
   double afterAnHour = 0;  // seconds off
-  int mostGain = 0;
-  int mostChanged = 0;  // `gain`, from record to record
+  int mostCompensation = 0;
+  int mostChanged = 0;  // `compensation`, from record to record
 
   double seconds(std::int64_t samples) const { return static_cast<double>(samples) / device.rate; }
 
@@ -145,10 +145,11 @@ struct Take {
     if (placement.cut == record.samples) return;
     worst = std::max(worst, std::abs(length - wanted));
     if (wanted < 3600) afterAnHour = std::abs(length - wanted);
-    mostGain = std::max(mostGain, std::abs(placement.compensation));
-    if (wanted > 1) mostChanged = std::max(mostChanged, std::abs(placement.compensation - gain));
-    gain = placement.compensation;
-    length += seconds(record.samples - placement.cut) * (1 + gain * 1e-6);
+    mostCompensation = std::max(mostCompensation, std::abs(placement.compensation));
+    if (wanted > 1)
+      mostChanged = std::max(mostChanged, std::abs(placement.compensation - compensation));
+    compensation = placement.compensation;
+    length += seconds(record.samples - placement.cut) * (1 + compensation * 1e-6);
   }
 };
 
@@ -174,7 +175,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
     take.run();
     EXPECT_LE(take.worst, 0.010) << device.what;
     EXPECT_LE(take.afterAnHour, 0.002) << device.what;
-    EXPECT_LE(take.mostGain, 550) << device.what;
+    EXPECT_LE(take.mostCompensation, 550) << device.what;
     EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second
     EXPECT_EQ(take.placing.gaps(Take::end), device.gaps) << device.what;
     EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.003 * (1 + device.gaps))
