@@ -14,6 +14,8 @@ constexpr double usualJitter = 2.4;         // standard deviations; those on the
 constexpr double usualError = 3;            // standard deviations of the line itself
 constexpr double usualDelay = 0.6;          // of a record's length; more than that is a lost record
 constexpr double longestUsualDelay = 0.04;  // seconds
+constexpr double leastScatter = 0.01;       // seconds; less is jitter
+constexpr double scatterMemory = 10;        // seconds
 constexpr double leastStep = 0.01;          // seconds off the line that matter
 constexpr double longestAside = 1;          // seconds so far off, on one side, until that is a jump
 constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer is a jump
@@ -26,8 +28,7 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   if (!isStarted_) startAt(record.capturedAt);
   const double late = record.capturedAt - next_;
   const double seconds = static_cast<double>(record.samples) / rate_;
-  const double usual =
-      std::max(usualJitter * std::sqrt(jitter_), std::min(usualDelay * seconds, longestUsualDelay));
+  const double usual = usualLateness(seconds);
   const bool isOnLine = std::abs(late) <= usual + usualError * std::sqrt(timeVariance_);
   // After a hang each record is late by one record's length less: these do not agree.
   const double agreement =
@@ -49,11 +50,17 @@ std::vector<SoundRecord> DeviceClock::flush() {
 
 void DeviceClock::startAt(double time) {
   isStarted_ = true;
-  aside_ = 0;
   next_ = time;
+  aside_ = 0;
   timeVariance_ = jitter_;
   driftVariance_ = firstDrift;
   covariance_ = 0;
+}
+
+double DeviceClock::usualLateness(double seconds) const {
+  const double jitter = usualJitter * std::sqrt(jitter_);
+  if (scatter_ < leastScatter) return jitter;
+  return std::max(jitter, std::min(usualDelay * seconds, longestUsualDelay));
 }
 
 // The two steps of the filter. Jitter is measured from one time to the next, so that an error of
@@ -61,6 +68,7 @@ void DeviceClock::startAt(double time) {
 void DeviceClock::correct(double late, double seconds) {
   const double timeGain = timeVariance_ / (timeVariance_ + jitter_);
   const double driftGain = covariance_ / (timeVariance_ + jitter_);
+  if (aside_ == 0) steadyDrift_ = drift_;
   next_ += timeGain * late;
   drift_ += driftGain * late;
   driftVariance_ -= driftGain * covariance_;
@@ -68,6 +76,7 @@ void DeviceClock::correct(double late, double seconds) {
   timeVariance_ *= 1 - timeGain;
   const double change = late - std::exchange(late_, late);
   jitter_ = std::max(jitter_ + (change * change / 2 - jitter_) / jitterMemory, leastJitter);
+  scatter_ = std::max(std::abs(change), scatter_ * (1 - seconds / scatterMemory));
   followStep(late, seconds);
 }
 
@@ -75,7 +84,9 @@ void DeviceClock::followStep(double late, double seconds) {
   constexpr double leastRecords = 10;  // fewer may be so far off by chance
   const double back = -std::copysign(std::min(seconds, std::abs(aside_)), aside_);
   aside_ += std::abs(late) > leastStep ? std::copysign(seconds, late) : back;
-  if (std::abs(aside_) > std::max(longestAside, leastRecords * seconds)) startAt(next_ + late);
+  if (std::abs(aside_) <= std::max(longestAside, leastRecords * seconds)) return;
+  drift_ = steadyDrift_;
+  startAt(next_ + late);
 }
 
 void DeviceClock::advance(double seconds) {
@@ -105,6 +116,8 @@ void DeviceClock::jump() {
   for (auto record = held_.end() - deviation_.records; record != held_.end(); ++record) {
     record->capturedAt += by;
   }
+  // A step or scatter? Only further ones tell.
+  if (std::abs(by) < longestUsualDelay) scatter_ = std::max(scatter_, std::abs(by));
   startAt(next_ + by);
 }
 

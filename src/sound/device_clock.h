@@ -9,9 +9,9 @@
 // about the same, samples were lost or a clock jumped, and the line starts again there.
 //
 // A parent that looks for records at intervals gets them late by another time each, up to about a
-// record's length. So times that are off by less than most of a record count as on the line. The
-// line also starts again after they were on one side of it for a second and ten records, those on
-// the other side and those close to it taken away.
+// record's length. Once times scatter like that, those that are off by less than most of a record
+// count as on the line. Then the line starts again only after they were on one side of it for a
+// second and ten records, those on the other side and those close to it taken away.
 
 #include <cstddef>
 #include <vector>
@@ -44,6 +44,7 @@ class DeviceClock {
   void correct(double late, double seconds);
   void followStep(double late, double seconds);
   void advance(double seconds);
+  double usualLateness(double seconds) const;
   void deviate(double late, double usual);
   bool hasJumped() const;
   void jump();
@@ -56,9 +57,10 @@ class DeviceClock {
   double driftVariance_ = 0;
   double covariance_ = 0;
   double jitter_ = leastJitter;  // variance of the errors of the parent's times
-  double aside_ =
-      0;  // seconds for which the times have been on one side of the line; below 0: early
-  double late_ = 0;                // the latest time on the line came so many seconds after it
+  double scatter_ = 0.02;        // seconds between times that follow each other; it fades
+  double late_ = 0;              // seconds by which the latest time on the line came after it
+  double aside_ = 0;        // seconds for which times were on one side of the line; below 0: early
+  double steadyDrift_ = 0;  // `drift_` before they were
   std::vector<SoundRecord> held_;  // with their times on the line
   Deviation deviation_;
 };
