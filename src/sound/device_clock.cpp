@@ -11,6 +11,7 @@ constexpr double firstDrift = 9e-8;         // variance, of 300 ppm
 constexpr double driftWander = 4e-13;       // variance that the drift gains in a second, of 0.6 ppm
 constexpr double jitterMemory = 100;        // records
 constexpr double usualJitter = 2.4;         // standard deviations; those on the line are smaller
+constexpr double usualSpread = 4;           // standard deviations from the earliest to the latest
 constexpr double usualError = 3;            // standard deviations of the line itself
 constexpr double usualDelay = 0.6;          // of a record's length; more than that is a lost record
 constexpr double longestUsualDelay = 0.04;  // seconds
@@ -18,26 +19,25 @@ constexpr double leastScatter = 0.01;       // seconds; less is jitter
 constexpr double scatterMemory = 10;        // seconds
 constexpr double leastStep = 0.01;          // seconds off the line that matter
 constexpr double longestAside = 1;          // seconds so far off, on one side, until that is a jump
-constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer is a jump
-constexpr double longestDoubt = 0.5;        // seconds until any deviation is a jump
+constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer may be a jump
+constexpr double longestDoubt = 0.6;        // seconds until any deviation is a jump
+constexpr double mostHeld = 2;              // seconds of sound
 
 }  // namespace
 
 std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
-  held_.reserve(held_.size() + 1);  // first, so that nothing throws once the record is counted
-  if (!isStarted_) startAt(record.capturedAt);
-  const double late = record.capturedAt - next_;
+  const double statedTime = record.capturedAt;
   const double seconds = static_cast<double>(record.samples) / rate_;
-  const double usual = usualLateness(seconds);
-  const bool isOnLine = std::abs(late) <= usual + usualError * std::sqrt(timeVariance_);
-  // After a hang each record is late by one record's length less: these do not agree.
-  const double agreement =
-      std::min(usual, std::max(0.3 * seconds, usualJitter * std::sqrt(leastJitter)));
-  isOnLine ? correct(late, seconds) : deviate(late, agreement);
-  record.capturedAt = next_;
+  held_.push_back(std::move(record));  // first, so that nothing throws once the record is counted
+  if (held_.size() == 1) doubtedSince_ = statedTime;
+  if (!isStarted_) startAt(statedTime);
+  const double late = statedTime - next_;
+  const bool isOnLine =
+      std::abs(late) <= usualLateness(seconds) + usualError * std::sqrt(timeVariance_);
+  isOnLine ? correct(late, seconds) : deviate(late);
+  held_.back().capturedAt = next_;
   advance(seconds);
-  held_.push_back(std::move(record));
-  if (!isOnLine && !hasJumped()) return {};
+  if (!isOnLine && !hasJumped() && !isDoubtedTooLong(statedTime)) return {};
   if (!isOnLine) jump();
   return flush();
 }
@@ -51,6 +51,7 @@ std::vector<SoundRecord> DeviceClock::flush() {
 void DeviceClock::startAt(double time) {
   isStarted_ = true;
   next_ = time;
+  late_ = 0;
   aside_ = 0;
   timeVariance_ = jitter_;
   driftVariance_ = firstDrift;
@@ -86,6 +87,7 @@ void DeviceClock::followStep(double late, double seconds) {
   aside_ += std::abs(late) > leastStep ? std::copysign(seconds, late) : back;
   if (std::abs(aside_) <= std::max(longestAside, leastRecords * seconds)) return;
   drift_ = steadyDrift_;
+  scatter_ = 0;  // this change was a step
   startAt(next_ + late);
 }
 
@@ -96,18 +98,27 @@ void DeviceClock::advance(double seconds) {
   driftVariance_ += seconds * driftWander;
 }
 
-void DeviceClock::deviate(double late, double usual) {
-  constexpr double spread = 1.7;  // a little less than from the earliest usual time to the latest
+void DeviceClock::deviate(double late) {
   const double least = std::min(deviation_.least, late);
   const double most = std::max(deviation_.most, late);
-  const bool agrees = deviation_.records > 0 && most - least <= spread * usual;
+  const bool agrees = deviation_.records > 0 && most - least <= usualSpread * std::sqrt(jitter_);
   deviation_ = agrees ? Deviation{deviation_.records + 1, least, most} : Deviation{1, late, late};
 }
 
+// After a hang each record is late by one record's length less, so that is no jump, however much
+// the times jitter.
 bool DeviceClock::hasJumped() const {
-  const double latest = held_.back().capturedAt;
+  constexpr std::ptrdiff_t fewestRecords = 4;  // fewer may agree by chance
+  if (deviation_.records < fewestRecords) return false;
   const double since = held_.end()[-deviation_.records].capturedAt;
-  return latest - since >= shortestDeviation || latest - held_.front().capturedAt >= longestDoubt;
+  const double agreed = held_.back().capturedAt - since;
+  return agreed >= std::max(shortestDeviation, 2 * (deviation_.most - deviation_.least));
+}
+
+// After a hang the records come at once: only the stated times tell how long the doubt lasts.
+bool DeviceClock::isDoubtedTooLong(double statedTime) const {
+  return statedTime - doubtedSince_ >= longestDoubt ||
+         held_.back().capturedAt - held_.front().capturedAt >= mostHeld;
 }
 
 // The drift may be another device's from here on.
@@ -116,8 +127,9 @@ void DeviceClock::jump() {
   for (auto record = held_.end() - deviation_.records; record != held_.end(); ++record) {
     record->capturedAt += by;
   }
-  // A step or scatter? Only further ones tell.
-  if (std::abs(by) < longestUsualDelay) scatter_ = std::max(scatter_, std::abs(by));
+  // A jump back shows that both were scatter.
+  if (by * jumped_ < 0) scatter_ = std::max(scatter_, std::min(std::abs(by), std::abs(jumped_)));
+  jumped_ = by;
   startAt(next_ + by);
 }
 

@@ -48,8 +48,11 @@ TEST(DeviceClock, HoldsWhatIsOffTheLineUntilThatIsCertain) {
   EXPECT_EQ(add(1), 4u);
   int held = 0;
   for (double late = 2; add(late) == 0; late += 0.03) ++held;  // never twice by the same
-  EXPECT_NEAR(held, 25, 1);                                    // half a second
-  EXPECT_EQ(add(9) + clock.flush().size(), 1u);
+  EXPECT_NEAR(held, 12, 1);                                    // 0.6 s by their times
+  held = 0;
+  for (double late = 9; add(late) == 0; late -= 0.019) ++held;  // all at once
+  EXPECT_NEAR(held, 100, 1);                                    // two seconds by their length
+  EXPECT_EQ(add(1) + clock.flush().size(), 1u);
 }
 
 TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
@@ -65,17 +68,32 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
     drift = known.back().drift;
     return known.size();
   };
-  for (int i = 0; i < 9; ++i) add(-1);  // so far off it is no scatter
-  for (int i = 0; i < 300; ++i) add(0);
-  EXPECT_EQ(add(0.02), 0u);
-  EXPECT_EQ(add(0.02), 2u);
-  EXPECT_LT(off, 1e-3);
+  EXPECT_EQ(add(0) + add(0.015), 2u);  // nothing is known yet
+  for (int i = 0; i < 300; ++i) EXPECT_EQ(add(0), 1u);
+  for (const double late : {0.02, 0.04, 0.02}) {
+    EXPECT_EQ(add(late) + add(late) + add(late), 0u) << late;
+    EXPECT_EQ(add(late), 4u) << late;
+    EXPECT_LT(off, 1e-3);
+  }
   for (int i = 0; i < 80; ++i) EXPECT_EQ(add(0.02), 1u);
-  EXPECT_EQ(add(0), 1u);  // so soon after the last, it may be scatter
+  EXPECT_EQ(add(0.04), 1u);  // behind a step back it may be scatter
   EXPECT_GT(off, 0.015);
-  for (int i = 0; i < 25; ++i) EXPECT_EQ(add(0), 1u);
+  for (int i = 0; i < 25; ++i) EXPECT_EQ(add(0.04), 1u);
   EXPECT_LT(off, 1e-3);
   EXPECT_NEAR(drift, 1e-4, 2e-5);  // a step tells nothing of it
+  EXPECT_EQ(add(0.06), 0u);
+}
+
+TEST(DeviceClock, HasNoJumpsWhereManyShortRecordsAreReadTogether) {
+  DeviceClock clock(48000);
+  double last = 0;
+  for (int i = 0; i < 6000; ++i) {
+    const double readAt = std::ceil((i + 1) / 20.0) * 0.2 + i * 1e-6;
+    for (const SoundRecord& known : clock.add({readAt, 480})) {
+      const double step = known.capturedAt - std::exchange(last, known.capturedAt);
+      EXPECT_TRUE(i < 1000 || std::abs(step - 0.01) < 0.005) << i;
+    }
+  }
 }
 
 TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
@@ -100,16 +118,18 @@ TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
 
 struct Device {
   const char* what;
-  int rate;
-  int samples;      // of a record; 0: any number
-  double slow;      // ppm, at the start; it warms up, and in the end this is less by a third
-  double jump = 0;  // seconds that the times gain after an hour
-  int gaps = 0;
+  int rate = 48000;
+  double before = 10;     // seconds of sound in front of the take
+  int samples = 960;      // of a record; 0: any number
+  double slow = 100;      // ppm, at the start; it warms up, and in the end this is less by a third
+  double jump = 0;        // seconds that the times gain after an hour
   int lost = 0;           // of so many records one is lost
+  int gaps = 0;           // that this must leave
   double missing = 0;     // seconds
-  double hang = 0;        // seconds each minute in which the parent reads nothing
   double jitter = 0.005;  // seconds that the parent's times are off, at most
-  double interval = 0;    // seconds between the times at which the parent looks for records
+  double delay = 0;  // seconds by which they are late on average, with a tail as of a busy machine
+  double hang = 0;   // seconds each minute in which the parent reads nothing
+  double interval = 0;  // seconds between the times at which the parent looks for records
 };
 
 // A take of two hours, with a resampler that is exact.
@@ -132,12 +152,13 @@ struct Take {
   void run() {
     std::mt19937 random(7);
     std::uniform_real_distribution<> share;
-    double time = start - (device.interval > 0 ? 10 : 0.03);
+    std::exponential_distribution<> tail;
+    double time = start - device.before;
     for (int i = 1; time < end; ++i) {
       if (time > start + 3600) time += std::exchange(device.jump, 0);
       const auto any = std::llround(share(random) * (device.rate * 0.25 - 2)) + 1;
       const std::int64_t samples = device.samples > 0 ? device.samples : any;
-      double late = std::max(device.hang - std::fmod(time, 60), 0.0);
+      double late = std::max(device.hang - std::fmod(time, 60), device.delay * tail(random));
       if (device.interval > 0)
         late += device.interval / 2 - std::fmod(time + seconds(samples), device.interval);
       const SoundRecord record{time + late + device.jitter * (1 - 2 * share(random)), samples};
@@ -167,33 +188,43 @@ struct Take {
 };
 
 TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
-  const Device devices[] = {{"100 ppm fast", 48000, 480, -100},
-                            {"300 ppm slow", 44100, 1024, 300},
-                            {"500 ppm slow, any sizes", 10000, 0, 500},
-                            {"500 ppm fast, long records", 48000, 12000, -500},
-                            {"jumps ahead", 22050, 0, -100, 0.2, 1, 0, 0.2},
-                            {"jumps back", 48000, 12000, 300, -0.2, 1},
-                            {"jumps by less than a record", 48000, 2400, 100, 0.03, 1, 0, 0.03},
-                            {"jumps back by 12 ms", 48000, 4096, 100, -0.012, 1},
-                            {"stops for 3 s", 96000, 960, 300, 3, 1, 0, 3},
-                            {"loses records", 48000, 960, 100, 0, 35, 10007, 35 * 0.02},
-                            {"is read late", 48000, 960, -300, 0, 0, 0, 0, 0.2},
-                            {"is read late, 50 ms", 48000, 2400, 100, 0, 0, 0, 0, 0.2},
-                            {"is read late, 60 ms", 48000, 2880, 100, 0, 0, 0, 0, 0.3},
-                            {"is read late, 64 ms", 48000, 3072, 100, 0, 0, 0, 0, 0.2},
-                            {"jitters more", 48000, 9600, 100, 0, 0, 0, 0, 0, 0.008},
-                            {"jitters, long records", 48000, 12000, 100, 0, 0, 0, 0, 0, 0.015},
-                            {"is read at intervals", 48000, 2229, 100, 0, 0, 0, 0, 0, 0.001, 0.05},
-                            {"is read too often", 48000, 2400, -100, 0, 0, 0, 0, 0, 0.001, 0.045}};
+  const Device devices[] = {
+      {.what = "fast", .before = 0.03, .samples = 480, .slow = -100},
+      {.what = "slow", .rate = 44100, .before = 0.03, .samples = 1024, .slow = 300},
+      {.what = "slow, any sizes", .rate = 10000, .before = 0.03, .samples = 0, .slow = 500},
+      {.what = "fast, long records", .before = 0.03, .samples = 12000, .slow = -500},
+      {.what = "jumps ahead", .rate = 22050, .samples = 0, .jump = 0.2, .gaps = 1, .missing = 0.2},
+      {.what = "jumps back", .samples = 12000, .slow = 300, .jump = -0.2, .gaps = 1},
+      {.what = "jumps a little", .samples = 2400, .jump = 0.03, .gaps = 1, .missing = 0.03},
+      {.what = "jumps back a little", .samples = 4096, .jump = -0.015, .gaps = 1, .jitter = 0.002},
+      {.what = "jitters and jumps",
+       .samples = 480,
+       .jump = 0.2,
+       .gaps = 1,
+       .missing = 0.2,
+       .jitter = 0.01},
+      {.what = "stops", .rate = 96000, .slow = 300, .jump = 3, .gaps = 1, .missing = 3},
+      {.what = "loses records", .lost = 10007, .gaps = 36, .missing = 36 * 0.02},
+      {.what = "jitters more", .samples = 9600, .jitter = 0.008},
+      {.what = "jitters, long records", .samples = 12000, .jitter = 0.015},
+      {.what = "busy machine", .samples = 2400, .jitter = 0, .delay = 0.003},
+      {.what = "busy machine, short records", .samples = 480, .jitter = 0, .delay = 0.004},
+      {.what = "busy machine, long records", .samples = 12000, .jitter = 0, .delay = 0.003},
+      {.what = "hangs", .slow = -300, .hang = 0.2},
+      {.what = "hangs, 50 ms", .samples = 2400, .hang = 0.7},
+      {.what = "hangs, 60 ms", .samples = 2880, .hang = 0.3},
+      {.what = "hangs, any sizes", .samples = 0, .hang = 0.3},
+      {.what = "is read at intervals", .samples = 2229, .jitter = 0.001, .interval = 0.05},
+      {.what = "is read at short intervals", .samples = 2400, .jitter = 0.001, .interval = 0.045}};
   for (const Device& device : devices) {
     Take take{device};
     take.run();
     EXPECT_LE(take.worst, 0.010) << device.what;
-    EXPECT_LE(take.afterAnHour, 0.002) << device.what;
+    EXPECT_LE(take.afterAnHour, 0.002 + device.delay) << device.what;
     EXPECT_LE(take.mostCompensation, 550) << device.what;
     EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second
     EXPECT_EQ(take.placing.gaps(Take::end), device.gaps) << device.what;
-    EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.003 * (1 + device.gaps))
+    EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.004 * (1 + device.gaps))
         << device.what;
   }
 }
