@@ -192,8 +192,8 @@ struct Takes : ServiceTest {
     probe.answer(keyframe ? keySample() : deltaSample());
     return true;
   }
-  void startWithFrame() {
-    start();
+  void startWithFrame(const Json& extra = Json::object()) {
+    start(extra);
     frame(1001.0, true);
   }
   FakeWriter& writer() { return *probe.movies->writers.back(); }

@@ -1,5 +1,7 @@
-// Takes on fakes: commands, the timeline and losses of the recorder, failures, events.
+// Takes on fakes: commands, the timeline and losses of the recorder, the log of their frames,
+// failures, events.
 
+#include "client/records.h"
 #include "encode/session_settings.h"
 #include "record/recording_command.h"
 #include "tests/unit/probe.h"
@@ -49,27 +51,86 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
   EXPECT_EQ(TakeOptions::parse({{"cadence", 1}}).cadence, CadenceRule::grid);
 }
 
-TEST_F(Takes, BeginAtZeroAndDropSamplesAfterALossUntilAKeyFrame) {
-  start({{"started_at", 1000.0}});
-  frame(999.99, true);  // before the start
-  frame(1000.1);        // no key frame yet
+struct LoggedTakes : Takes {
+  // Frames for the reader, from this id on.
+  void put(std::uint64_t id, int count = 1) {
+    for (; count > 0; --count, ++id) {
+      probe.put(client::frameHeader({2, 2}, id));
+      probe.put(Bytes(2 * 2 * 4));
+    }
+  }
+};
+
+TEST_F(LoggedTakes, BeginAtZeroAndSayWhatBecameOfEachFrameInTheOrderOfReading) {
+  start({{"started_at", 1000.0}, {"frame_log", true}});
+  frame(999.9, true);
+  frame(1000.9);  // no key frame yet
   EXPECT_TRUE(probe.movies->writers.empty());
-  frame(1000.2, true);
-  frame(1000.25);
-  frame(1000.251);  // throttled
-  feed(1000.3);
+  frame(1001.0, true);
+  feed(1001.2);
   probe.answer(nullptr, 0, infoFrameDropped);
-  frame(1000.35);  // needs the one that was lost
-  frame(1000.4, true);
-  frame(1000.45);  // at the stop
-  const Submitted wanted = {{1, true}, {2, true}, {3, false}, {4, false},
-                            {5, true}, {6, true}, {7, false}};
+  frame(1001.25);  // needs the one that was lost
+  frame(1001.3, true);
+  EXPECT_EQ(writer().takeLines(),
+            "id,captured,movie_time,outcome\n"
+            "1,999.900000,,before start\n"
+            "2,1000.900000,,waiting for key frame\n"
+            "3,1001.000000,0.000000,written\n"
+            "4,1001.200000,,encoder\n"
+            "5,1001.250000,,waiting for key frame\n");
+  frame(1001.301);
+  (*probe).encode({.width = 640, .height = 360, .id = 8, .capturedAt = 1001.31});
+  lastID = 8;
+  feed(1001.5);  // at the stop
+  put(10, 2);
+  probe.put(client::commandRecord(R"({"type":"record_stop","id":")" + takeID + "\"}"));
+  put(12);
+  probe.readAll();
+  EXPECT_EQ(writer().takeLines(), "");  // the last sample waits for the next, and all behind it
+  probe.answer(deltaSample());
+  const Submitted wanted = {{1, true}, {2, true}, {3, false}, {4, true}, {5, true}, {6, false}};
   EXPECT_EQ(probe.lastSession().submitted, wanted);
-  const Json saved = finish({{"stopped_at", 1000.45}});
-  EXPECT_EQ(writer().timings, (Timings{{0, 15000}, {15000, 9000}, {24000, 3000}}));
-  EXPECT_EQ(writer().end, 27000);
-  EXPECT_NEAR(saved["duration"].get<double>(), 0.45, 1e-9);
-  expectKeys(saved, {{"frames", 3}, {"dropped", 4}, {"throttled", 1}});
+  EXPECT_EQ(writer().timings, (Timings{{0, 78000}, {78000, 12000}}));
+  EXPECT_EQ(writer().end, 90000);
+  probe.failures->fail("move", 2);
+  const Json saved = complete();
+  expectKeys(saved, {{"frames", 2}, {"dropped", 4}, {"throttled", 1}, {"duration", 1.5}});
+  expectKeys(saved, {{"path", takePath}, {"frame_log_error", "the final name was unavailable"}});
+  EXPECT_EQ(writer().takeLines(),
+            "6,1001.300000,1.300000,written\n"
+            "7,1001.301000,,throttled\n"
+            "8,1001.310000,,undecodable\n"
+            "9,1001.500000,,after stop\n"
+            "10,1001.500000,,busy\n"
+            "11,1001.500000,,busy\n"
+            "12,1001.500000,,after stop\n");
+}
+
+TEST(FrameLog, KeepsTheFirstOutcomeOfEachFrame) {
+  FrameLog log;
+  log.note({1, 1.0}, std::nullopt);
+  log.note({2, 2.0}, std::nullopt);
+  log.settle(2, FrameOutcome::written, 0.5);
+  log.end(FrameOutcome::disk);
+  log.settle(1, FrameOutcome::written, 0);
+  log.settle(2, FrameOutcome::encoder);
+  EXPECT_EQ(log.takeLines(),
+            "id,captured,movie_time,outcome\n"
+            "1,1.000000,,disk\n"
+            "2,2.000000,0.500000,written\n");
+}
+
+TEST_F(LoggedTakes, EndTheirLogWhenTooManyFramesWait) {
+  startWithFrame({{"frame_log", true}});
+  feed(1001.1);
+  put(101, maximumDropsAhead + 50);
+  probe.readAll();
+  probe.answer(deltaSample());
+  expectKeys(complete(), {{"frames", 2}, {"frame_log_error", "too many frames waited"}});
+  EXPECT_THAT(writer().takeLines(), testing::EndsWith(",busy\n1100,1001.100000,,busy\n"));
+  FrameLog log;
+  for (std::uint64_t id = 0; id <= FrameLog::mostFrames; ++id) log.note({id}, {});
+  EXPECT_TRUE(log.isIncomplete());
 }
 
 TEST_F(Takes, DropSamplesWhileTwoWaitForTheDisk) {
@@ -119,8 +180,7 @@ TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
     probe.restart();
     probe.failures->fail(call, nth);
     probe.movies->problem = problem;
-    start({{"frame_log", nth == 3}});
-    frame(1001.0, true);
+    startWithFrame({{"frame_log", nth == 3}});
     frame(1001.1);
     probe.command({{"type", "record_stop"}, {"id", takeID}});
     probe.run();

@@ -52,8 +52,7 @@ TEST_F(Takes, MayBeginAsSoonAsTheLastOneIsReportedSaved) {
 
 // The first take fails while its frame is in flight. The next one has the same id.
 TEST_F(Takes, HaveSessionsOfTheirOwn) {
-  start({{"started_at", 1000.0}, {"resolution", "640x360"}, {"target_fps", 30}});
-  frame(1001.0, true);
+  startWithFrame({{"started_at", 1000.0}, {"resolution", "640x360"}, {"target_fps", 30}});
   feed(1001.1);
   FakeSession& abandoned = probe.lastSession();
   stop({{"stopped_at", 999.9}});
@@ -96,11 +95,7 @@ struct KeptTakes : Takes {
   void startKept() {
     probe.restart();
     lastID = 0;
-    start({{"on_failure", "keep"},
-           {"resolution", "640x360"},
-           {"target_fps", 30},
-           {"frame_log", true}});
-    frame(1001.0, true);
+    startWithFrame({{"on_failure", "keep"}, {"frame_log", true}});
     writer().onDisk = {30, 30000};
     frame(1001.1);
   }
@@ -200,8 +195,7 @@ TEST_F(KeptTakes, EndInTimeWhenTheirQueueHangs) {
 
 TEST_F(Takes, StopWhenTheyLeaveTooLittleSpaceAndSaySoWhenTheyFail) {
   probe.movies->free = 2000;
-  start({{"minimum_free", 1000}});
-  frame(1001.0, true);
+  startWithFrame({{"minimum_free", 1000}});
   frame(1001.1);
   probe.tickAt(1002.2);
   // At 8 bytes in 1.1 seconds.
