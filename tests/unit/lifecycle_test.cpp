@@ -104,8 +104,7 @@ TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedThenReads) {
             R"("type":"ready"})"
             "\n");
   EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
-  probe.clock->now += 0.5;
-  probe.run();  // the wait for the encoders ends only once
+  probe.runAt(1000.5);  // the wait for the encoders ends only once
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
 }
 
@@ -114,12 +113,10 @@ TEST(Lifecycle, WaitsHalfASecondForItsEncodersUnlessItIsStopped) {
     VideoEncoderProbe probe;
     probe.service->start();
     probe.network->changed(ListenerState::ready);
-    probe.clock->now += 0.499;
-    probe.run();
+    probe.runAt(1000.499);
     EXPECT_TRUE(probe.process->lines.empty());
     if (stopped) probe.signal(SIGTERM);
-    probe.clock->now += 0.001;
-    probe.run();
+    probe.runAt(1000.5);
     EXPECT_EQ(probe.dispatch->detached.size(), stopped ? 0u : 1u);
   }
 }

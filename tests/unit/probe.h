@@ -100,6 +100,10 @@ struct VideoEncoderProbe {
       any = dispatch->runDetached() || any;
     }
   }
+  void runAt(double uptime) {
+    clock->now = uptime;
+    run();
+  }
   void command(const Json& command) { commandText(command.dump()); }
   void commandText(const std::string& text) {
     service->recordingCommand(Bytes(text.begin(), text.end()));

@@ -83,11 +83,9 @@ TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
   probe.failures->fail("writeOutput", 1, -EPIPE, /*more=*/9);
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 0}));
-  probe.clock->now = 1002.99;
-  probe.run();
+  probe.runAt(1002.99);
   EXPECT_TRUE(probe.process->exitCodes.empty());
-  probe.clock->now = 1003.0;
-  probe.run();
+  probe.runAt(1003.0);
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 

@@ -30,6 +30,12 @@ struct SoundTakes : Takes {
     lastID = static_cast<std::uint64_t>(std::llround(captured * 1e6)) - 1;
     return frame(read, keyframe);
   }
+  // A take with sound of these times, whose first picture is read behind it.
+  void startHeard(double from, double to, double captured, const Json& keys = Json::object()) {
+    startWithSound(keys);
+    hear(from, to);
+    picture(captured, to, true);
+  }
   // Of sound, so far.
   void expectSamples(double count) {
     EXPECT_NEAR(static_cast<double>(probe.sound->samples.size()), count, 2);
@@ -68,9 +74,7 @@ TEST_F(SoundTakes, HaveSoundFromStartToStopAndPicturesAtTheirIds) {
 }
 
 TEST_F(SoundTakes, HoldTenSecondsUntilTheirFirstKeyFrame) {
-  startWithSound({{"started_at", 1000.0}});
-  hear(1000, 1012);
-  picture(1012, 1012.01, true);
+  startHeard(1000, 1012, 1012, {{"started_at", 1000.0}});
   const auto& samples = probe.sound->samples;
   const auto first = std::ranges::find_if(samples, [](int sample) { return sample != 0; });
   EXPECT_NEAR(static_cast<double>(first - samples.begin()), 16'000, 80);  // a record's length
@@ -80,9 +84,7 @@ TEST_F(SoundTakes, HoldTenSecondsUntilTheirFirstKeyFrame) {
 TEST_F(SoundTakes, HaveSilenceTwoSecondsBehindADeviceThatSendsNothing) {
   for (const auto& [end, gaps] : {std::pair{1003.09, 1}, {1000.02, 0}}) {
     restart();
-    startWithSound();
-    hear(1000, 1000.02);
-    picture(1000, 1000.02, true);
+    startHeard(1000, 1000.02, 1000);
     for (const auto& [at, samples] :
          {std::pair{1002.02, 160}, {1003.03, 8160}, {1004.03, 16'160}}) {
       probe.tickAt(at);
@@ -107,18 +109,14 @@ TEST_F(SoundTakes, HaveSilenceTwoSecondsBehindADeviceThatSendsNothing) {
 TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {
   for (const bool inputEnds : {false, true}) {
     restart();
-    startWithSound();
-    hear(999.9, 1000.3);
-    picture(1000, 1000.3, true);
+    startHeard(999.9, 1000.3, 1000);
     probe.clock->now = 1000.4;
     if (inputEnds) probe.readAll();
     if (!inputEnds) stop(), probe.run();
     EXPECT_EQ(writer().finished != nullptr, inputEnds);
-    probe.clock->now = 1000.85;
-    probe.run();
+    probe.runAt(1000.85);
     EXPECT_EQ(writer().finished != nullptr, inputEnds);
-    probe.clock->now = 1000.95;
-    probe.run();
+    probe.runAt(1000.95);
     ASSERT_TRUE(writer().finished);
     expectSamples(3200);
     EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.1, 1e-3);
@@ -126,17 +124,12 @@ TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {
 }
 
 TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
-  startWithSound();
-  hear(1000, 1000.2);
-  picture(1000, 1000.2, true);
+  startHeard(1000, 1000.2, 1000);
   probe.clock->now = 1000.25;
   probe.hear(1000.24, recordAt(1000.24).pcm);
   stop({{"stopped_at", 1000.25}});
   probe.run();
-  for (const double now : {1000.66, 1000.76}) {
-    probe.clock->now = now;
-    probe.run();
-  }
+  for (const double now : {1000.66, 1000.76}) probe.runAt(now);
   ASSERT_TRUE(writer().finished);
   EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.04, 1e-3);
 }
@@ -155,9 +148,7 @@ TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
     SCOPED_TRACE(call);
     restart();
     probe.failures->fail(call);
-    startWithSound();
-    hear(1000, 1000.2);
-    picture(1000.1, 1000.2, true);
+    startHeard(1000, 1000.2, 1000.1);
     hear(1000.2, 1000.4);
     if (call == std::string("queue")) breakQueue();
     probe.command({{"type", "record_stop"}, {"id", takeID}, {"stopped_at", 1000.39}});
@@ -167,9 +158,7 @@ TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
     EXPECT_TRUE(probe.process->exitCodes.empty());
   }
   restart();
-  startWithSound();
-  hear(1000, 1000.2);
-  picture(1000.1, 1000.2, true);
+  startHeard(1000, 1000.2, 1000.1);
   stop({{"stopped_at", 1000.15}});
   probe.run();
   ASSERT_TRUE(writer().finished);  // its track has ended
@@ -178,13 +167,9 @@ TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
 }
 
 TEST_F(SoundTakes, BeginWithTheTwoSecondsBeforeThemAlsoBehindAnother) {
-  startWithSound();
-  hear(999, 1001.5);
-  picture(1001, 1001.5, true);
+  startHeard(999, 1001.5, 1001);
   finish({{"stopped_at", 1001.4}});
-  startWithSound({{"started_at", 999.6}});
-  hear(1001.5, 1002);
-  picture(1001.6, 1002, true);
+  startHeard(1001.5, 1002, 1001.6, {{"started_at", 999.6}});
   finish({{"stopped_at", 1001.9}});
   expectSamples(2.4 * 8000);  // all that was heard; the writer ends the track
   EXPECT_THAT(probe.sound->samples, testing::Each(0x101));
@@ -202,16 +187,13 @@ TEST_F(SoundTakes, EndWithoutTheRestOfLongSilenceIfTheHelperEnds) {
   probe.queue->run();
   for (int i = 0; i < 20; ++i) probe.dispatch->queues.back()->runNext();
   EXPECT_FALSE(writer().finished);
-  probe.clock->now += 1.4;
-  probe.run();
+  probe.runAt(1001.4);
   ASSERT_TRUE(writer().finished);
   EXPECT_LT(std::ssize(probe.sound->samples), 100 * 2000);
 }
 
 TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
-  startWithSound({{"on_failure", "keep"}});
-  hear(999.9, 1000.2);
-  picture(1000.1, 1000.2, true);
+  startHeard(999.9, 1000.2, 1000.1, {{"on_failure", "keep"}});
   writer().onDisk = {1, 1000};
   picture(1000.3, 1000.4);
   lastID = 1'000'500'000;
@@ -227,9 +209,7 @@ TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
 }
 
 TEST_F(SoundTakes, LeaveSoundForWhichAHangingQueueHasNoPlace) {
-  startWithSound();
-  hear(1000, 1000.05);
-  picture(1000, 1000.05, true);
+  startHeard(1000, 1000.05, 1000);
   for (const double at : {1000.05, 1002.05, 1004.05})
     probe.take()->addSound({recordAt(at, 16'000)}, false);
   probe.run();
