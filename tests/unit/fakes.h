@@ -249,15 +249,11 @@ struct FakeEncoders final : Encoders, CanFail {
       session = sessions.emplace_back(std::make_shared<FakeSession>(width, height, failures));
     return status;
   }
-  void prepare(const EncoderSettings& preview, const EncoderSettings& take) override {
-    wanted = {preview, take};
-  }
+  void prepare(const EncoderSettings&, const EncoderSettings&) override {}
   void whenPrepared(Work work) override { prepared = std::move(work); }
-  void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override {
-    warm = {likeliest, largest};
-  }
+  void warmUp(const EncoderSettings&, const EncoderSettings&) override {}
   void openAhead(const EncoderSettings& settings) override { ahead.push_back(settings); }
-  std::vector<EncoderSettings> wanted, warm, ahead;
+  std::vector<EncoderSettings> ahead;
   Work prepared;
   std::vector<std::shared_ptr<FakeSession>> sessions;
 };
