@@ -1,4 +1,4 @@
-// Conversion of pictures for sessions and for encoders, and decoding of JPEG.
+// Sizes of pictures, their conversion for sessions and for encoders, and decoding of JPEG.
 
 #include <hwy/targets.h>
 
@@ -79,6 +79,21 @@ std::shared_ptr<PixelBuffer> convert(const PictureView& picture, PictureSize siz
   auto buffer = pixelBuffer({.picture = picture}, session, placement, images);
   EXPECT_TRUE(buffer->fill());
   return buffer;
+}
+
+TEST(PictureSize, FitsThePreviewEvenlyAndNeverEnlarges) {
+  const PictureSize preview{1280, 720};
+  EXPECT_EQ(previewEncodeSize({1918, 1080}, preview, false), (PictureSize{1278, 720}));
+  EXPECT_EQ(previewEncodeSize({1918, 1080}, preview, true), preview);
+  EXPECT_EQ(previewEncodeSize({1918, 1080}, {1281, 720}, true), (PictureSize{1278, 720}));
+  EXPECT_EQ(previewEncodeSize({1278, 718}, preview, true), (PictureSize{1278, 718}));
+  EXPECT_EQ(previewEncodeSize({1920, 2}, {640, 360}, false), (PictureSize{640, 2}));
+}
+
+TEST(PictureSize, CentresAPictureThatIsFitted) {
+  EXPECT_EQ(fitRectangle({1366, 768}, {640, 360}), (PictureRectangle{0, 0, {640, 360}}));
+  EXPECT_EQ(fitRectangle({1920, 2}, {640, 360}), (PictureRectangle{0, 179, {640, 1}}));
+  EXPECT_EQ(fitRectangle({1080, 1920}, {1080, 720}), (PictureRectangle{337, 0, {405, 720}}));
 }
 
 TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {

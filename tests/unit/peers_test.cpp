@@ -1,9 +1,61 @@
-// Stream clients: admission, lines, acknowledgements, delivery, deadlines.
+// The preview. Its encoder: key frames, replacement of sessions, failures. Its clients: admission,
+// lines, acknowledgements, delivery, deadlines.
 
 #include "tests/unit/probe.h"
 
 namespace lumora {
 namespace {
+
+using Encode = ServiceTest;
+
+TEST_F(Encode, ForcesAKeyFrameForEachNewSessionAndClient) {
+  const auto first = probe.connectClient();
+  probe.frame(1, keySample());
+  first->finishSend();
+  probe.frame(2, deltaSample());
+  first->finishSend();
+  probe.connectClient();
+  probe.frame(3, keySample());
+  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{1, true}, {2, false}, {3, true}}));
+
+  first->finishSend();
+  probe.feed(4, 320, 240);  // the camera changes size
+  EXPECT_TRUE(probe.encoders->sessions[0]->invalidated);
+  EXPECT_EQ(probe.encoders->sessions[0]->flushes, 0);
+  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count goes on
+  probe.clock->now += 0.5;
+  probe.answer(deltaSample());
+  EXPECT_EQ(probe.statistics()["encode_ms"], 500);
+  EXPECT_EQ(first->sent.size(), 3u);  // not frame 4: every client waits for the new key frame
+}
+
+TEST_F(Encode, EndsTheRunWithTheDescriptionOfAFailure) {
+  const auto key = keySample();
+  const auto malformed = std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr);
+  // What is said, the call that fails, and the answer of the session.
+  using Sample = std::shared_ptr<const EncodedSample>;
+  using Case = std::tuple<const char*, const char*, Status, Sample>;
+  for (const auto& [message, call, status, sample] :
+       {Case{"encoder property failed (-7)", "setProperty", 0, key},
+        {"encoder preparation failed (-7)", "prepare", 0, key},
+        {"no pixel buffer pool", "getPool", 0, key},
+        {"RGBA conversion failed", "convert", 0, key},
+        {"frame submission failed (-7)", "submit", 0, key},
+        {"frame encoding failed (0)", "", 0, nullptr},
+        {"frame encoding failed (-5)", "", -5, key},
+        {"invalid encoded NAL size", "", 0, malformed}}) {
+    probe.restart();
+    probe.failures->fail(call, 1, -7);
+    const auto client = probe.connectClient();
+    probe.feed(1, 1280, 720);  // one of the preview's size is not converted
+    for (const auto& opened : probe.encoders->sessions)
+      if (!opened->pending.empty()) probe.answer(sample, status);
+    EXPECT_EQ(probe.error(), message);
+    EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
+    EXPECT_TRUE(client->sent.empty() && !probe.isRawBusy());
+    for (const auto& opened : probe.encoders->sessions) EXPECT_TRUE(opened->invalidated);
+  }
+}
 
 std::string helloWith(const std::string& token) {
   return R"({"type":"hello","token":")" + token + "\"}";
@@ -58,12 +110,18 @@ TEST_F(Peers, AreAtMostTwoClientsAndFourWithoutAHello) {
 TEST_F(Peers, AcknowledgeAllFramesUpToOne) {
   const auto client = probe.connectClient();
   frameFor(*client, 8, true);
+  probe.clock->now += 0.0625;  // times that a double has exactly
   frameFor(*client, 9);
-  frameFor(*client, 12);
+  probe.clock->now += 0.5;
+  for (const std::uint64_t id : {12u, 15u}) frameFor(*client, id);
   client->deliver(ack("9.0") + ack("9") + ack("8"));
-  EXPECT_EQ(probe.statistics()["max_pending_acks"], 1);
+  probe.clock->now += 0.125;
+  client->deliver(ack("12"));
+  const Json all = probe.statistics();
+  expectKeys(all, {{"max_pending_acks", 1}, {"ack_rtt_ms", 453.125}, {"ack_rtt_max_ms", 500}});
+  expectKeys(all, {{"ack_oldest_ms", 507.8125}});
   EXPECT_FALSE(client->cancelled);
-  client->deliver(ack("11"));  // above the last acknowledged, but never sent
+  client->deliver(ack("14"));  // above the last acknowledged, but never sent
   EXPECT_TRUE(client->cancelled);
 }
 
@@ -77,16 +135,6 @@ TEST_F(Peers, AreDroppedForABadAcknowledgementASecondHelloOrALineOfMoreThan4096B
     client->deliver(line);
     EXPECT_TRUE(client->cancelled) << line;
   }
-}
-
-TEST(AcknowledgementFigures, SmoothRoundTrips) {
-  AcknowledgementFigures figures;
-  figures.record(10.0, 9.9, 10.04);
-  EXPECT_NEAR(figures.acknowledgementRTT, 40, 1e-6);
-  figures.record(11.0, 11.0, 10.9);  // a clock gone wrong counts as 0
-  EXPECT_NEAR(figures.acknowledgementRTT, 35, 1e-6);
-  EXPECT_NEAR(figures.acknowledgementOldest, 122.5, 1e-6);
-  EXPECT_NEAR(figures.acknowledgementRTTMaximum, 40, 1e-6);
 }
 
 using Delivery = Peers;
