@@ -21,7 +21,6 @@
 #include <lumora/uptime.h>
 #include "client/child_process.h"
 #include "client/frame_slots.h"
-#include "tests/sanitized.h"
 #include "tools/frame_source.h"
 #include "tools/programs.h"
 
@@ -34,6 +33,9 @@ using tools::decodeErrors;
 using tools::outputOf;
 using Event = nlohmann::json;
 using Pixels = std::vector<std::uint8_t>;
+
+// A sanitizer makes everything slow and has a heap of its own.
+inline constexpr bool sanitized = LUMORA_SANITIZED;
 
 // On the helper's clock, as its commands have it.
 inline double uptime() { return client::Uptime::now().time_since_epoch().count(); }

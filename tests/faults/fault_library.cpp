@@ -120,7 +120,7 @@ int armedMain(int count, char** arguments, char** environment) {
   return realMain(count, arguments, environment);
 }
 
-#ifndef LUMORA_SANITIZED
+#if !LUMORA_SANITIZED
 timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
   constexpr std::int64_t second = 1'000'000'000;
   const std::int64_t all = (time.tv_sec * second + time.tv_nsec) / divisor * times;
@@ -198,7 +198,7 @@ int close(int descriptor) {
   return fails("close", EIO) ? -1 : status;
 }
 
-#ifndef LUMORA_SANITIZED
+#if !LUMORA_SANITIZED
 #define HEAP(name, parameters, call) \
   void* name parameters { return fails("malloc", ENOMEM) ? nullptr : call; }
 HEAP(malloc, (size_t size), __libc_malloc(size))
