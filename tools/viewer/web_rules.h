@@ -39,6 +39,8 @@ struct ByteRange {
   Kind kind = Kind::whole;
   std::uint64_t first = 0;
   std::uint64_t length = 0;  // bytes
+
+  bool operator==(const ByteRange&) const = default;
 };
 // The whole file when the header is malformed, or asks for several parts or for the last bytes,
 // which no browser does for a movie.
