@@ -245,6 +245,7 @@ TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
         {"h264_nvenc", hangs, hangs, Answer{AVERROR_ENCODER_NOT_FOUND, 0}}}) {
     SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
     EncoderRun run(choice, atFirst);
+    run.waitUntilPrepared();
     if (atFirst == works) run.waitForHardware();
     run.driver->behaviour = later;
     const int before = run.driver->opened;
@@ -279,6 +280,15 @@ TEST_F(HardwareEncoders, AreNotUsedForATakeWhoseEncoderWasOpenedBeforeTheyWereFo
   run.waitForHardware(preview);
   EXPECT_FALSE(run.isHardwareUsed());
   EXPECT_TRUE(run.isHardwareUsed());
+}
+
+TEST_F(HardwareEncoders, AreWaitedForWhereSoftwareIsNotAllowed) {
+  EncoderRun run("hardware", hangs);
+  const std::jthread answer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    run.driver->release.set_value();
+  });
+  EXPECT_TRUE(run.createSession());
 }
 
 TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
