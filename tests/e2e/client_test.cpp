@@ -2,13 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <lumora/helper.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-#include <future>
 
 #include "tests/e2e/helper_fixture.h"
 
@@ -24,14 +22,13 @@ struct Client : HelperTest {
   client::HelperOptions options() const {
     return {.program = helperProgram(), .token = token, .frames = transport};
   }
-  Take startTake(client::Helper& camera, Take::EventHandler onEvent = {}) const {
-    return camera.startTake({.path = path, .profile = {client::TakeSize::of640x360}},
-                            std::move(onEvent));
+  Take startTake(client::Helper& camera) const {
+    return camera.startTake({.path = path, .profile = {client::TakeSize::of640x360}});
   }
   // At about 60 frames a second.
-  void feed(client::Helper& camera, int frames) {
-    for (const Pixels pixels = plain(small, {200, 10, 10}); frames > 0; --frames) {
-      camera.writeFrame(small, ++lastID, pixels);
+  void feed(client::Helper& camera, int frames, FrameSize size = small) {
+    for (const Pixels pixels = plain(size, {200, 10, 10}); frames > 0; --frames) {
+      camera.writeFrame(size, ++lastID, pixels);
       std::this_thread::sleep_for(std::chrono::milliseconds(16));
     }
   }
@@ -53,10 +50,6 @@ TEST_F(Client, SavesATakeAndSaysTheTokenNowhere) {
   Take take = startTake(camera);
   feed(camera, 30);
   EXPECT_TRUE(viewer.receive(Seconds(20)));
-  // One at a time. Nobody waits for its end.
-  std::promise<client::Recording> refused;
-  startTake(camera, [&](const auto& event) { refused.set_value(event); });
-  EXPECT_EQ(refused.get_future().get().error, "recording destination or state is invalid");
   take.stop();
   const client::Recording end = take.waitForEnd(Seconds(20)).value();
   EXPECT_EQ(end.state, TakeState::saved);
@@ -79,8 +72,7 @@ TEST_F(Client, AKilledHelperFailsItsTakeAndDropsItsFrames) {
   feed(camera, 60);
   kill(camera.pid(), SIGSTOP);
   // Through the pipe, it is killed in the middle of the first.
-  const FrameSize large{1920, 1080};
-  for (int i = 0; i < 2; ++i) camera.writeFrame(large, ++lastID, plain(large, {9, 9, 9}));
+  feed(camera, 2, {1920, 1080});
   kill(camera.pid(), SIGKILL);
   const client::Recording end = take.waitForEnd(Seconds(20)).value();
   EXPECT_EQ(end.state, TakeState::failed);
@@ -90,33 +82,6 @@ TEST_F(Client, AKilledHelperFailsItsTakeAndDropsItsFrames) {
   EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, 62u);
   EXPECT_EQ(startTake(camera).waitForEnd(Seconds(0))->state, TakeState::failed);
   take.stop();
-}
-
-// As a window does it.
-TEST_F(Client, AThreadWithItsOwnLoopNeverWaits) {
-  auto ofAWindow = options();
-  ofAWindow.queue = std::make_shared<client::EventQueue>();
-  std::optional<client::Helper> camera;
-  std::optional<Take> take;
-  std::vector<TakeState> states;
-  std::optional<client::Exited> end;
-  camera.emplace(ofAWindow, [&](const client::Event& event) {
-    if (std::holds_alternative<client::Ready>(event.what))
-      take = startTake(*camera, [&](const auto& told) { states.push_back(told.state); });
-    if (const auto* exited = std::get_if<client::Exited>(&event.what)) end = *exited;
-  });
-  EXPECT_FALSE(camera->acquireFrame(small));
-  while (!end) {
-    feed(*camera, 1);
-    pollfd queue{ofAWindow.queue->descriptor(), POLLIN, 0};
-    if (poll(&queue, 1, 0) > 0) ofAWindow.queue->dispatch();
-    if (!take || take->stoppedAt() || take->latest().frames < 30) continue;
-    take->stop();
-    camera->requestStop();
-  }
-  EXPECT_TRUE(end->isClean());
-  EXPECT_EQ(states.back(), TakeState::saved);
-  EXPECT_EQ(decodeErrors(path), "");
 }
 
 TEST_F(Client, SaysWhyAStreamHasEnded) {
@@ -172,16 +137,6 @@ TEST_F(Client, AThousandFramesAreCountedAndTheirMemoryIsThereBeforeThem) {
   EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
 }
 
-TEST_F(Client, AParentThatIgnoresSIGCHLDStillLearnsThatItsHelperHasEnded) {
-  const auto usual = std::signal(SIGCHLD, SIG_IGN);  // then the status is lost
-  client::Helper camera(options());
-  const Take take = startTake(camera);
-  feed(camera, 10);
-  EXPECT_EQ(camera.stop().status, -1);
-  EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
-  std::signal(SIGCHLD, usual);
-}
-
 TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_THROW(const client::Helper unwanted({.frameSize = FrameSize{321, 240}}),
                std::invalid_argument);
@@ -213,25 +168,22 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
 }
 
 TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
+  const auto usual = std::signal(SIGCHLD, SIG_IGN);  // then the status of the helper is lost
   client::Helper camera(options());
   Take take = startTake(camera);
-  const FrameSize large{1920, 1080};
-  const Pixels pixels = plain(large, {200, 10, 10});
-  for (int i = 0; i < 31; ++i) {
-    camera.writeFrame(large, ++lastID, pixels);
-    std::this_thread::sleep_for(std::chrono::milliseconds(16));
-  }
+  feed(camera, 31, {1920, 1080});
   // So that the last frame is still encoded when the stop arrives.
   kill(camera.pid(), SIGSTOP);
-  camera.writeFrame(large, ++lastID, pixels);
+  feed(camera, 1, {1920, 1080});
   take.stop(client::Uptime::now() - Seconds(0.3));
   const std::jthread later([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     kill(camera.pid(), SIGCONT);
   });
-  camera.stop();
+  EXPECT_EQ(camera.stop().status, -1);
   EXPECT_EQ(take.latest().state, TakeState::saved);
   EXPECT_NEAR(take.latest().duration.count(), (*take.stoppedAt() - take.startedAt()).count(), 1e-4);
+  std::signal(SIGCHLD, usual);
 }
 
 using CameraExample = HelperTest;

@@ -3,7 +3,6 @@
 // The real helper while its calls fail.
 
 #include <map>
-#include <set>
 #include <string>
 
 #include "tests/e2e/helper_fixture.h"

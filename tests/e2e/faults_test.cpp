@@ -110,32 +110,5 @@ TEST_F(Faults, AHangingDiskStopsNeitherThePreviewNorTheEnd) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-// The third sync is of the second fragment.
-TEST_F(Faults, AFailedTakeNamesItsStagingFileWhenTheDiskHangs) {
-  keys["on_failure"] = "keep";
-  ASSERT_TRUE(startWith("fdatasync:3:-30"));
-  startTake(keys);
-  feedUntilHit();
-  feedPaced(2, 60, {128, 72});
-  const Event failed = waitForTake("failed");
-  EXPECT_EQ(failed["error"], "camera recording dimensions changed during this take");
-  EXPECT_EQ(failed["kept_path"], std::filesystem::path(stagingPath()).filename().string());
-  EXPECT_EQ(finish(), 0);
-  EXPECT_EQ(decodeErrors(stagingPath()), "");
-  EXPECT_GE(countFrames(stagingPath()), failed["kept_frames"]);
-  EXPECT_GT(failed["kept_frames"], 0);
-}
-
-TEST_F(Faults, AFailedTakeKeepsWhatWasOnTheDisk) {
-  keys["on_failure"] = "keep";
-  ASSERT_TRUE(startWith("fdatasync:3:28"));
-  startTake(keys);
-  feedUntilHit();
-  feedPaced(30, 60, tiny);
-  const Event failed = waitForTake("failed");
-  EXPECT_EQ(failed["error"], "No space left on device");
-  expectKept(failed);
-}
-
 }  // namespace
 }  // namespace lumora::tests

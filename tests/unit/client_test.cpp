@@ -274,6 +274,7 @@ TEST(Helper, ThatDoesNotStartSaysWhyInTheQueueAndMayBeDestroyedThere) {
     end = *exited;
     helper.reset();
   });
+  EXPECT_FALSE(helper->acquireFrame({2, 2}));  // it never waits for the start
   while (!end) {
     pollfd entry{options.queue->descriptor(), POLLIN, 0};
     ASSERT_EQ(poll(&entry, 1, 20'000), 1);
