@@ -209,13 +209,15 @@ Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFr
   return AVERROR(ENOMEM);
 }
 
+// After an allocation that failed, x264 crashes in its next call.
 Status LibavEncoder::encodeFrame(AVFrame& frame, bool forceKeyFrame,
                                  std::shared_ptr<const EncodedSample>& sample) {
+  if (failure_ < 0) return failure_;
   frame.pts = nextTime_++;
   frame.pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-  Status status = avcodec_send_frame(context_.get(), &frame);
-  if (status >= 0) status = avcodec_receive_packet(context_.get(), packet_.get());
-  if (status < 0) return status;
+  failure_ = avcodec_send_frame(context_.get(), &frame);
+  if (failure_ >= 0) failure_ = avcodec_receive_packet(context_.get(), packet_.get());
+  if (failure_ < 0) return failure_;
   auto made = makeSample({packet_->data, static_cast<std::size_t>(packet_->size)});
   av_packet_unref(packet_.get());
   // An encoder that ran out of memory while it opened may have lost its parameter sets.

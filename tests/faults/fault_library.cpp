@@ -36,6 +36,7 @@ extern "C" {
 struct AVCodecContext;
 struct AVFrame;
 int avcodec_send_frame(AVCodecContext* to, const AVFrame* frame);
+void avcodec_free_context(AVCodecContext** of);
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
 void* __libc_realloc(void*, std::size_t);
@@ -175,10 +176,27 @@ FAULT(int, ftruncate, (int file, off_t size) noexcept, (file, size), EIO,
 FAULT(int, renameat2,
       (int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept,
       (fromFolder, from, toFolder, to, flags), EIO, if (result == 0) log(-1, DiskLogEntry::renamed))
-FAULT_AS(-EIO, int, avcodec_send_frame, (AVCodecContext * to, const AVFrame* of), (to, of), EIO)
 FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)
+
+// An encoder that has failed may crash when it is called again. Here it aborts.
+std::atomic<AVCodecContext*> failedEncoder = nullptr;
+
+int avcodec_send_frame(AVCodecContext* to, const AVFrame* of) {
+  REAL(avcodec_send_frame);
+  if (to == failedEncoder) abort();
+  if (!fails("avcodec_send_frame", EIO)) return next(to, of);
+  failedEncoder = to;
+  usleep(50'000);  // meanwhile pictures come
+  return -EIO;
+}
+
+void avcodec_free_context(AVCodecContext** of) {
+  REAL(avcodec_free_context);
+  if (*of == failedEncoder) failedEncoder = nullptr;
+  next(of);
+}
 
 #define OPEN(name)                                                    \
   int name(const char* path, int flags, ...) {                        \
