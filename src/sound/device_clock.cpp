@@ -34,6 +34,7 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   const double late = statedTime - next_;
   const bool isOnLine =
       std::abs(late) <= usualLateness(seconds) + usualError * std::sqrt(timeVariance_);
+  if (isOnLine) deviation_ = {};
   isOnLine ? correct(late, seconds) : deviate(late);
   held_.back().capturedAt = next_;
   advance(seconds);
@@ -42,7 +43,9 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   return flush();
 }
 
+// Of records that are still in doubt two that agree will do.
 std::vector<SoundRecord> DeviceClock::flush() {
+  if (deviation_.records > 1) jump();
   deviation_ = {};
   for (SoundRecord& certain : held_) certain.drift = drift_;
   return std::exchange(held_, {});
@@ -78,6 +81,7 @@ void DeviceClock::correct(double late, double seconds) {
   const double change = late - std::exchange(late_, late);
   jitter_ = std::max(jitter_ + (change * change / 2 - jitter_) / jitterMemory, leastJitter);
   scatter_ = std::max(std::abs(change), scatter_ * (1 - seconds / scatterMemory));
+  jumped_ *= 1 - seconds / scatterMemory;
   followStep(late, seconds);
 }
 
@@ -115,7 +119,8 @@ bool DeviceClock::hasJumped() const {
   return agreed >= std::max(shortestDeviation, 2 * (deviation_.most - deviation_.least));
 }
 
-// After a hang the records come at once: only the stated times tell how long the doubt lasts.
+// After a hang the records come at once: the stated times tell how long the doubt lasts. The second
+// condition is for times that stand still.
 bool DeviceClock::isDoubtedTooLong(double statedTime) const {
   return statedTime - doubtedSince_ >= longestDoubt ||
          held_.back().capturedAt - held_.front().capturedAt >= mostHeld;
@@ -127,10 +132,12 @@ void DeviceClock::jump() {
   for (auto record = held_.end() - deviation_.records; record != held_.end(); ++record) {
     record->capturedAt += by;
   }
-  // A jump back shows that both were scatter.
-  if (by * jumped_ < 0) scatter_ = std::max(scatter_, std::min(std::abs(by), std::abs(jumped_)));
+  // Two jumps in opposite directions may be scatter.
+  const double both = std::min({std::abs(by), std::abs(jumped_), longestUsualDelay});
+  if (by * jumped_ < 0) scatter_ = std::max(scatter_, both);
   jumped_ = by;
   startAt(next_ + by);
+  deviation_ = {};
 }
 
 }  // namespace lumora

@@ -27,10 +27,10 @@ class DeviceClock {
   explicit DeviceClock(int rate) : rate_(rate) {}
 
   // Takes the next record. Returns those whose times are certain now, in order and with smoothed
-  // times: mostly just this one. Holds records whose times differ by less than 0.6 s, and at most
-  // two seconds of sound.
+  // times: mostly just this one. Holds records whose stated times differ by less than 0.6 s,
+  // and about two seconds of sound at most.
   std::vector<SoundRecord> add(SoundRecord record);
-  // Returns the records that it holds, because no more come.
+  // Returns the records that it holds, because none come for a while or no more come.
   std::vector<SoundRecord> flush();
 
  private:
@@ -60,14 +60,14 @@ class DeviceClock {
   double driftVariance_ = 0;
   double covariance_ = 0;
   double jitter_ = leastJitter;  // variance of the errors of the parent's times
-  double scatter_ = 0.02;        // the most seconds by which they lately changed at once; it fades
+  double scatter_ = 0.02;        // the most seconds by which lateness changed at once; it fades
   double late_ = 0;              // seconds by which the latest time on the line came after it
   double aside_ = 0;        // seconds for which times were on one side of the line; below 0: early
   double steadyDrift_ = 0;  // `drift_` before they were
   std::vector<SoundRecord> held_;  // with their times on the line
   double doubtedSince_ = 0;        // the stated time of the first of them
   Deviation deviation_;
-  double jumped_ = 0;  // seconds by which the line jumped last
+  double jumped_ = 0;  // seconds by which the line jumped last; it fades
 };
 
 }  // namespace lumora

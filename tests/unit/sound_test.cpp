@@ -85,7 +85,23 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
   for (int i = 0; i < 25; ++i) EXPECT_EQ(add(0.04), 1u);
   EXPECT_LT(off, 1e-3);
   EXPECT_NEAR(drift, 1e-4, 2e-5);  // a step tells nothing of it
-  EXPECT_EQ(add(0.06), 0u);
+  EXPECT_EQ(add(0.06) + add(0.06) + add(0.06), 0u);
+  for (int i = 0; i < 600; ++i) add(0.06);
+  EXPECT_EQ(add(0.04) + add(0.04) + add(0.04), 0u);
+  EXPECT_EQ(add(0.04), 4u);
+  EXPECT_EQ(add(0.06), 0u);  // the last step in this direction is long ago
+}
+
+TEST(DeviceClock, FollowsASteadyParentThatWritesTwoRecordsAtATime) {
+  DeviceClock clock(48000);
+  double last = 0;
+  for (double at = 10; at < 40;
+       at += at < 20 ? 0.5 : 0.6) {  // from 20 on, it loses 0.1 s each time
+    EXPECT_LE(clock.add({at, 12000}).size(), 3u);
+    for (const SoundRecord& known : clock.add({at + 0.25, 12000})) last = known.capturedAt;
+    for (const SoundRecord& known : clock.flush()) last = known.capturedAt;
+    EXPECT_NEAR(last, at + 0.25, 0.01);
+  }
 }
 
 TEST(DeviceClock, HasNoJumpsWhereManyShortRecordsAreReadTogether) {
