@@ -188,7 +188,6 @@ int avcodec_send_frame(AVCodecContext* to, const AVFrame* of) {
   if (to == failedEncoder) abort();
   if (!fails("avcodec_send_frame", EIO)) return next(to, of);
   failedEncoder = to;
-  usleep(50'000);  // meanwhile pictures come
   return -EIO;
 }
 
