@@ -114,6 +114,14 @@ void VideoEncoder::finishMovieIfReady() {
   // No frame is in flight, so the recorder has every sample of the take.
   take.resetRecordingSession();
   take.movie->finish(*take.pendingMovieStop);
+  if (!sound) return;
+  constexpr double patience = 0.45;  // seconds; the movie waits a little longer for its sound
+  platform.stateQueue->asyncAfter(patience, weakly(&VideoEncoder::settleSoundOf, take.movie->id));
+}
+
+// The last records of a take may still be in doubt: its movie needs them now.
+void VideoEncoder::settleSoundOf(const std::string& takeID) {
+  if (take.movie && take.movie->id == takeID) sound->settle();
 }
 
 void VideoEncoder::takeEnded() {

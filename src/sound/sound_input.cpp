@@ -59,6 +59,10 @@ void SoundInput::sendTo(SoundReceiver receiver) {
   });
 }
 
+void SoundInput::settle() {
+  queue_->async([self = shared_from_this()] { self->deliver(self->device_.flush()); });
+}
+
 void SoundInput::deliver(std::vector<SoundRecord> records) {
   constexpr double mostKept = 2;  // seconds
   std::ranges::copy(records, std::back_inserter(recent_));

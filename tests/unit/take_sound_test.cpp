@@ -134,6 +134,26 @@ TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
   EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.04, 1e-3);
 }
 
+TEST_F(SoundTakes, HaveTheSoundBehindAnOutageThatAStopFollowsAtOnce) {
+  startHeard(1000, 1000.4, 1000);
+  const auto hearLong = [this](double from) {
+    probe.clock->now = from + 0.25;
+    probe.hear(from, recordAt(from, 2000).pcm);
+  };
+  hearLong(1001);
+  hearLong(1001.25);
+  stop({{"stopped_at", 1001.4}});
+  hearLong(1001.5);
+  probe.runAt(1001.94);
+  EXPECT_FALSE(writer().finished);
+  probe.runAt(1001.96);
+  ASSERT_TRUE(writer().finished);
+  const std::span<const std::int16_t> samples = probe.sound->samples;
+  EXPECT_THAT(samples.subspan(3300, 4600), testing::Each(0));
+  EXPECT_THAT(samples.subspan(8100, 3000), testing::Each(0x101));
+  EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.6, 1e-3);
+}
+
 TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
   const auto breakQueue = [this] {
     probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
