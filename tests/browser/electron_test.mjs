@@ -16,12 +16,11 @@ const program = process.argv[2];
 const pathOf = (name) => fileURLToPath(new URL(name, import.meta.url));
 const client = pathOf('../../client/node');
 
-// What `npm install` and `tsc` make, with our declarations in the place of Electron.
+// What `npm install` and `tsc` make. Of Electron only its declarations are used.
 function build(application) {
   fs.cpSync(`${client}/example/electron`, application, { recursive: true });
   const modules = `${application}/node_modules`;
-  fs.mkdirSync(`${modules}/electron`, { recursive: true });
-  fs.copyFileSync(pathOf('electron.d.ts'), `${modules}/electron/index.d.ts`);
+  fs.cpSync(pathOf('node_modules/electron'), `${modules}/electron`, { recursive: true });
   fs.cpSync(`${client}/dist`, `${modules}/lumora-video-client/dist`, { recursive: true });
   fs.copyFileSync(`${client}/package.json`, `${modules}/lumora-video-client/package.json`);
   fs.symlinkSync(`${client}/node_modules/@types`, `${modules}/@types`);
