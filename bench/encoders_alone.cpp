@@ -33,7 +33,7 @@ class Encoder {
     context_->pix_fmt = AV_PIX_FMT_NV12;
     if (tune(*context_, load.preset, ColourMatrix::bt709, load.settings) < 0 ||
         avcodec_open2(context_.get(), codec, nullptr) < 0) {
-      throw std::runtime_error("libx264 can't be opened");
+      throw std::runtime_error("libx264 can't be opened with these settings");
     }
     frame_->format = AV_PIX_FMT_NV12;
     frame_->width = load.settings.width;

@@ -1,7 +1,9 @@
-// Prints what grows with the length of a take: drift, tables, the time that its end takes, memory.
-// Ends with 1 if the drift exceeds 1 ppm, or if the movie does not have exactly the frames that its
-// log calls written, at the times in the log. ffprobe reads the movie. LIBRARY_OF_FAULTS is built
-// from tests/faults. During the long take it makes the helper's clock run SPEED times as fast.
+// Records takes of ten seconds and of two hours, and prints what may grow with their length: the
+// drift of the movie's times against the capture times, the size of its "moov" box, the time from
+// the stop to "saved", and the helper's peak memory. The exit status is 1 if the drift exceeds
+// 1 ppm, or if the movie's frames or their times differ from the log. ffprobe reads the movie.
+// LIBRARY_OF_FAULTS is built from tests/faults. In the take of two hours it makes the helper's clock
+// run SPEED times as fast as the real one.
 //
 //   node long_take.mjs HELPER LIBRARY_OF_FAULTS SPEED
 
@@ -20,7 +22,7 @@ const size = [160, 90];
 const picture = Buffer.alloc(size[0] * size[1] * 1.5, 128);
 const neverWoken = new Int32Array(new SharedArrayBuffer(4));
 
-// Feeds the helper as a camera does, for so many seconds of the helper's time.
+// Feeds the helper for `seconds` of the helper's time. Drops a frame while the one before it waits.
 async function film(stdin, seconds, speed) {
   const helperTime = () => uptime() * speed;
   const end = helperTime() + seconds;
@@ -36,7 +38,7 @@ async function film(stdin, seconds, speed) {
 }
 
 // Records a take. Returns its last event, how long its end took in real seconds, and the helper's
-// peak memory in megabytes.
+// peak memory in MiB.
 async function record(path, seconds, speed) {
   const { program, lines } = await startFastHelper(helper, library, speed);
   program.stdin.write(commandOf({ type: 'record_start', id, path, target_fps: rate,
@@ -59,7 +61,7 @@ function tableBytes(path) {
     if (header.toString('latin1', 4, 8) === 'moov') return bytes;
     at += bytes === 1 ? Number(header.readBigUInt64BE(8)) : bytes;
   }
-  throw new Error(`${path} has no tables`);
+  throw new Error(`${path} has no "moov" box`);
 }
 
 // The times of the samples in a movie, in seconds.
@@ -86,7 +88,7 @@ for (const [seconds, speed] of [[10, 1], [7200, Number(longTakeSpeed)]]) {
   const bytes = tableBytes(path);
   console.log(`| ${[`${seconds} s`, written.length, log.length - written.length,
     `${drift.toFixed(3)} ppm`, `${bytes} bytes`, (bytes / written.length).toFixed(1),
-    `${(ending * 1000).toFixed(0)} ms`, `${peak.toFixed(0)} MB`].join(' | ')} |`);
+    `${(ending * 1000).toFixed(0)} ms`, `${peak.toFixed(0)} MiB`].join(' | ')} |`);
   const isWhole = logged.length === event.frames && logged.length === times.length &&
     logged.every((time, i) => Math.abs(time - times[i]) < 2e-6);
   if (isWhole && Math.abs(drift) <= 1) continue;

@@ -1,5 +1,5 @@
-// Frame conversion for every pair of sizes that cameras, previews and recording profiles make. For
-// comparison: copies of the larger sources.
+// Measures the conversion of each camera size to each preview and recording size, and of RGB to
+// 4:2:0. Copies of two sources are for comparison.
 
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
@@ -64,7 +64,7 @@ void pairs(benchmark::internal::Benchmark* bench) {
   }
 }
 
-// To 4:2:0 with `convertPicture(bgra, planes)`.
+// Measures `convertPicture(bgra, planes)`, which converts to 4:2:0.
 template <typename Convert>
 void subsample(benchmark::State& state, Convert convertPicture) {
   const PictureSize size{state.range(0), state.range(1)};
@@ -84,7 +84,7 @@ void toBT709(benchmark::State& state) {
   });
 }
 
-// libyuv's, for BT.601; it has none for BT.709.
+// libyuv converts for BT.601 only.
 void toBT601(benchmark::State& state) {
   subsample(state, [](const PictureView& bgra, const auto& planes) {
     const int width = static_cast<int>(bgra.size.width);

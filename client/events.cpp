@@ -108,7 +108,7 @@ std::optional<Recording> readRecording(const Json& event) {
   recording.size = readSize(event, "width", "height");
   recording.targetFPS = find<int>(event, "target_fps");
   if (*state == TakeState::failed) {
-    // The answer to a refused start has no rate.
+    // The event of a refused start has no `target_fps`.
     recording.failure = recording.targetFPS ? TakeFailure::failed : TakeFailure::refused;
   }
   recording.recentFPS = find<double>(event, "recent_fps");

@@ -49,8 +49,9 @@ bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat forma
   constexpr std::size_t mostSeconds = 2;
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
-    throw std::invalid_argument("sound must have whole samples of all channels");
-  // Ids must grow, so after sound from the future all later sound would get wrong times.
+    throw std::invalid_argument("sound must have as many samples for each channel");
+  // The id of sound is its time, and ids must grow. After sound from the future, all later sound
+  // would get wrong times.
   const bool isTime = capturedAt >= Uptime::time_point() && capturedAt <= Uptime::now() + mostAhead;
   if (!isTime) return false;
   const std::size_t most = mostSeconds * static_cast<std::size_t>(format.rate) * channels;
@@ -109,7 +110,7 @@ void Feeder::run() {
     hold.lock();
     if (wasFrame) ++(written ? counts_.written : counts_.dropped);
     if (written) continue;
-    ending_ = true;  // the helper has closed its input
+    ending_ = true;  // the helper has closed its input or was abandoned
     dropWaitingFrame();
     waiting_.clear();
   }

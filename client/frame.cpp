@@ -52,14 +52,14 @@ void Frame::setLength(std::size_t bytes) {
   const std::size_t most = pixels().size();
   const std::size_t least = layoutOf(format_.encoding).isCompressed() ? leastCompressedBytes : most;
   if (!loan_ || bytes < least || bytes > most)
-    throw std::invalid_argument("the picture does not fit the frame");
+    throw std::invalid_argument("the frame is published, or takes a picture of another length");
   length_ = bytes;
 }
 
 void Frame::copyFrom(std::span<const SourcePlane> picture) {
   const auto mine = planes();
   if (picture.size() != mine.size() || mine.empty())
-    throw std::invalid_argument("the planes do not fit the frame");
+    throw std::invalid_argument("the frame has another number of planes");
   for (std::size_t i = 0; i < mine.size(); ++i) {
     const auto& [to, stride, rows, rowBytes] = mine[i];
     for (int row = 0; row < rows; ++row)
@@ -69,7 +69,7 @@ void Frame::copyFrom(std::span<const SourcePlane> picture) {
 
 void Frame::copyFrom(std::span<const std::uint8_t> picture) {
   setLength(picture.size());
-  // Copies one block. std::ranges::copy would copy byte by byte.
+  // memcpy copies a block; std::ranges::copy may copy single bytes.
   std::memcpy(pixels().data(), picture.data(), picture.size());
 }
 

@@ -15,14 +15,15 @@
 
 namespace lumora::client {
 
-// Any thread.
+// Its functions may be called on any thread.
 class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
  public:
-  // One is written or converted, one is encoded in place, one waits, and one is rendered into.
+  // At most four are in use: one is written or converted, one is encoded in place, a third waits,
+  // and the application renders into the fourth.
   static constexpr int count = 4;
 
-  // Slots in memory that a helper can share. Null if the system can't seal memory against
-  // shrinking.
+  // Slots in memory that a helper can share. Null if the system can't make such memory or seal it
+  // against shrinking.
   static std::shared_ptr<FrameSlots> makeShared(FrameFormat format = {});
   // Slots in private memory. Throws std::bad_alloc.
   static std::shared_ptr<FrameSlots> makePrivate(FrameFormat format = {});
@@ -33,11 +34,12 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   const FrameFormat& format() const { return format_; }
   // The descriptor that the helper inherits; -1: the memory is private.
   int descriptor() const { return descriptor_.get(); }
-  // Whether the helper uses the memory. Valid once the helper is ready. An older helper never does.
+  // Whether the helper uses the memory. Valid once the helper is ready. False if its version
+  // is too old for that.
   bool isShared() const { return released() != neverReleased; }
 
-  // Touches the memory of a frame of this size in every slot, because the first touch takes several
-  // milliseconds. Call before the first `acquire`. Throws std::bad_alloc.
+  // Touches the memory of a frame of this size in every slot, so that the first frames don't wait
+  // several milliseconds for it. Call before the first `acquire`. Throws std::bad_alloc.
   void prepare(FrameSize size);
   // A free slot for a frame; empty when every slot is busy. Throws std::bad_alloc.
   std::optional<Frame> acquire(FrameSize size);
@@ -48,7 +50,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   struct Slot {
     bool isLent = false;
     std::size_t reserved = 0;       // bytes reserved so far
-    std::uint64_t publishedAs = 0;  // id of the frame that the helper reads there; 0: none
+    std::uint64_t publishedAs = 0;  // id of the last loan's frame; 0: it was not published
   };
 
   FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory);
@@ -75,7 +77,7 @@ class Frame::Loan {
   const FrameSlots& from() const { return *from_; }
   std::uint64_t offset() const;
   std::uint8_t* pixels() const { return from_->memory_ + offset(); }
-  // From now on the slot is busy until the helper's release word reaches this id.
+  // The slot stays busy after the loan, until the helper has released the frame with this id.
   void markPublished(std::uint64_t id) { publishedAs_ = id; }
 
  private:

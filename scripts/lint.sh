@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Checks formatting, the repository's own rules, and static analysis.
+# Checks the formatting, the includes between folders and the version of the Node package, and runs
+# clang-tidy in as many processes as the first argument says.
 set -euo pipefail
 jobs=${1:-2}
 cd "$(dirname "$0")/.."
@@ -18,7 +19,7 @@ for entry in '"version"' '"lumora-video-linux-x64"'; do
 done
 
 cmake --preset debug >/dev/null
-# Reads only the declarations of Asio and Beast, since their code is not ours to check.
+# The two macros hide the bodies of most functions of Asio and Beast, which clang-tidy need not read.
 git ls-files 'src/*.cpp' 'client/*.cpp' 'tools/*.cpp' ':!client/example' |
   xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet \
     --extra-arg=-DBOOST_ASIO_SEPARATE_COMPILATION --extra-arg=-DBOOST_BEAST_SEPARATE_COMPILATION

@@ -9,7 +9,7 @@ namespace lumora::tools {
 namespace {
 
 std::string environment(const char* name) {
-  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): no code sets it
   return value == nullptr ? "" : value;
 }
 

@@ -35,7 +35,7 @@ Byte& sampleOf(const BasicPicture<Byte>& picture, int component, int x, int y) {
   return samples[y * stride + x * shapes[plane].channels + component - static_cast<int>(plane)];
 }
 
-// What a sample is or ought to be. Nothing: it is not looked at.
+// The value that a sample has or should have. An expected sample without a value is not checked.
 using Paint = std::function<std::optional<double>(int component, int x, int y)>;
 
 template <typename Visit>
@@ -66,7 +66,7 @@ void expectSamples(const PictureView& picture, const Paint& wanted, double toler
     const double most =
         isChroma(picture.format, component) ? ofChroma.value_or(tolerance) : tolerance;
     EXPECT_NEAR(sampleOf(picture, component, x, y), *value, most)
-        << picture.size.width << " wide: " << component << " at " << x << ", " << y;
+        << picture.size.width << " wide, component " << component << " at " << x << ", " << y;
   });
 }
 
@@ -81,7 +81,7 @@ std::shared_ptr<PixelBuffer> convert(const PictureView& picture, PictureSize siz
   return buffer;
 }
 
-TEST(PictureSize, FitsThePreviewEvenlyAndNeverEnlarges) {
+TEST(PictureSize, HasEvenSidesWithinThePreviewAndNeverEnlarges) {
   const PictureSize preview{1280, 720};
   EXPECT_EQ(previewEncodeSize({1918, 1080}, preview, false), (PictureSize{1278, 720}));
   EXPECT_EQ(previewEncodeSize({1918, 1080}, preview, true), preview);
@@ -98,10 +98,11 @@ TEST(PictureSize, CentresAPictureThatIsFitted) {
 
 TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   for (const PixelFormat& format : {rgba, nv12, i420}) {
-    // A ramp that changes by `down` from top to bottom, as far as `reach` from the middle.
+    // A ramp that changes by `down` from top to bottom. It has values where a sample is nearer to
+    // the middle than `reach`, a fraction of the sides.
     const auto ramp = [&](PictureSize in, double down, double reach) -> Paint {
       return [=](int component, double x, double y) {
-        // Chroma lies level with the left of its two columns, and between its two rows.
+        // A chroma sample lies on the left of its two columns, and halfway between its two rows.
         if (isChroma(format, component)) x *= 2, y = 2 * y + 0.5;
         x = (x + 0.5) / static_cast<double>(in.width) - 0.5;
         y = (y + 0.5) / static_cast<double>(in.height) - 0.5;
@@ -118,9 +119,9 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   }
 }
 
-TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesSharedChromaToThePicture) {
+TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesChromaAtABarsEdgeToThePicture) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
-  // The first three have bars at an even and an odd column, and at a row of a picture's own size.
+  // The first two have bars that end at an even and an odd column. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
       {{134, 100}, {100, 50}}, {{74, 100}, {100, 50}},   {{100, 22}, {100, 50}},
       {{190, 108}, {64, 36}},  {{190, 108}, {320, 180}}, {{190, 108}, {24, 200}},
@@ -145,7 +146,8 @@ TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesSharedChromaToThePicture) 
 }
 
 TEST(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
-  // Periods in source pixels, and what is left of 100 levels. The last would fold to a slow wave.
+  // A period in source pixels, the amplitude that is left of 100, and its tolerance. Without a
+  // filter, the last period would show as a slow wave.
   for (const auto& [period, left, tolerance] :
        {std::tuple{12.0, 90.0, 10.0}, {4.0, 0.0, 10.0}, {3.1, 0.0, 3.0}}) {
     for (const bool isVertical : {false, true}) {
@@ -193,8 +195,8 @@ double exact(int component, double red, double green, double blue) {
   return 128 + difference * 224 / 255;
 }
 
-// Expects the encoder's picture of an RGB picture to be exact within tolerances, and nothing to be
-// written beside it. Returns the sum of the errors of chroma.
+// Expects the samples of the encoder's picture to be exact within these tolerances, and the columns
+// to its right to stay as they were. Returns the sum of the signed errors of chroma.
 double expectExact(const PixelFormat& from, const PixelFormat& to, PictureSize size,
                    const Paint& paint, double luma, double chroma) {
   const PictureSize wider{size.width + 2, size.height};
@@ -211,7 +213,7 @@ double expectExact(const PixelFormat& from, const PixelFormat& to, PictureSize s
     if (x >= size.width / (component == 0 ? 1 : 2)) return 7.0;
     if (component == 0) return exactAt(0, x, y);
     double mean = 0;
-    for (const int offset : {-1, 0, 0, 1})  // beyond the edge the edge goes on
+    for (const int offset : {-1, 0, 0, 1})  // left of the picture its first column goes on
       for (const int row : {2 * y, 2 * y + 1}) mean += exactAt(component, 2 * x + offset, row) / 8;
     error += sampleOf(filled, component, x, y) - mean;
     return mean;
@@ -220,7 +222,7 @@ double expectExact(const PixelFormat& from, const PixelFormat& to, PictureSize s
   return error;
 }
 
-TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAndEveryEvenSizeAndExactForGreys) {
+TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAtManyWidthsAndHasNoChromaForGreys) {
   std::mt19937 random(7);
   const Paint noise = [&](auto...) { return random() % 256; };
   for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
@@ -244,7 +246,7 @@ TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAndEveryEvenSizeAndExactFo
   hwy::SetSupportedTargetsForTest(0);
 }
 
-TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
+TEST(JpegDecoder, DecodesOnlyWholePicturesOfTheirSizeAndSamplingEachByItself) {
   const auto read = [](const char* name) {
     std::ifstream file(std::string(LUMORA_JPEGS "/") + name, std::ios::binary);
     EXPECT_TRUE(file) << name;
@@ -256,30 +258,30 @@ TEST(JpegDecoder, DecodesEachPictureByItselfAndOnlyAsAWhole) {
   const Bytes whole = read("420"), bare = read("no_huffman_tables"),
               progressive = read("progressive");
   SystemFrameDecoder fresh(PicturePool::make()), used(PicturePool::make());
-  EXPECT_TRUE(decode(used, progressive).memory);  // has tables of its own
+  EXPECT_TRUE(decode(used, progressive).memory);  // its Huffman tables are not for the next one
   const auto wanted = decode(fresh, bare), behind = decode(used, bare);
   ASSERT_TRUE(wanted.memory && behind.memory);
   expectSamples(behind.picture, [&](auto... at) { return sampleOf(wanted.picture, at...); });
-  // Ends properly in front of each scan but the first.
+  // A picture that lacks scans is refused, though it has an end marker.
   int scans = 0;
   for (std::size_t at = 1; at < progressive.size(); ++at) {
     if (progressive[at - 1] != 0xFF || progressive[at] != 0xDA || ++scans == 1) continue;
     Bytes cut = progressive;
     cut.resize(at);
     cut.push_back(0xD9);
-    EXPECT_FALSE(decode(used, cut).memory) << scans;
+    EXPECT_FALSE(decode(used, cut).memory) << "without scan " << scans;
   }
   EXPECT_GT(scans, 3);
   Bytes trailed = whole, stuffed = whole, cut = whole;
   trailed.resize(whole.size() + 100);
   stuffed.insert(stuffed.end() - 2, 100, 0);
   for (const Bytes& good : {trailed, stuffed, read("422")})
-    EXPECT_TRUE(decode(used, good).memory) << good.size();
+    EXPECT_TRUE(decode(used, good).memory) << good.size() << " bytes";
   cut.resize(whole.size() - 20);
   Bytes ended = cut;
   ended.insert(ended.end(), {0xFF, 0xD9});
   for (const Bytes& broken : {cut, ended, Bytes{0xFF, 0xD8}, read("grey"), read("444")})
-    EXPECT_FALSE(decode(used, broken).memory) << broken.size();
+    EXPECT_FALSE(decode(used, broken).memory) << broken.size() << " bytes";
   EXPECT_FALSE(decode(used, whole, {64, 64}).memory);
 }
 
