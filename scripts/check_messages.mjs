@@ -1,5 +1,5 @@
-// docs/troubleshooting.md has the words of the errors of the client libraries and the tools, and no
-// others in its tables about these.
+// Checks that docs/troubleshooting.md has the words of the errors of the client libraries and the
+// tools, and no others in its tables about these.
 
 import assert from 'node:assert/strict';
 import fs from 'node:fs';

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the formatting, the includes between folders and the version of the Node package, and runs
-# clang-tidy in as many processes as the first argument says.
+# Checks the formatting, the includes between folders, the errors in the documents and the version of
+# the Node package. Then runs clang-tidy, in as many processes as the first argument says.
 set -euo pipefail
 jobs=${1:-2}
 cd "$(dirname "$0")/.."
@@ -9,6 +9,8 @@ scripts/install_dependencies.sh clang-format clang-tidy
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 scripts/check_rooms.sh
+command -v node >/dev/null || scripts/install_dependencies.sh nodejs
+node --test scripts/check_messages.mjs
 
 version=$(sed -n 's/^project(lumora-video VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 for entry in '"version"' '"lumora-video-linux-x64"'; do

@@ -24,6 +24,11 @@ function build(application) {
   fs.cpSync(`${client}/dist`, `${modules}/lumora-video-client/dist`, { recursive: true });
   fs.copyFileSync(`${client}/package.json`, `${modules}/lumora-video-client/package.json`);
   fs.symlinkSync(`${client}/node_modules/@types`, `${modules}/@types`);
+  // `fetch` takes the pixels of a frame sink.
+  fs.writeFileSync(`${application}/fetch.mts`, `
+    import type { FrameWriter } from 'lumora-video-client/page';
+    export const write: FrameWriter = async ({ pixels: body }) =>
+      (await fetch('/', { method: 'POST', body })).ok ? 'written' : 'dropped';`);
   const compiler = `${client}/node_modules/typescript/bin/tsc`;
   execFileSync(process.execPath, [compiler, '-p', application], { stdio: 'inherit' });
 }

@@ -92,7 +92,7 @@ const colours = [[255, 255, 255], [0, 255, 0], [0, 0, 255], [0, 0, 0], [90, 9, 9
 const stripe = (colour) => Buffer.alloc(180 * 4, Buffer.of(...colour, 255));
 const stripes = Buffer.alloc(1080 * 720 * 4, Buffer.concat(colours.map(stripe)));
 const endings = {
-  'that is stopped': (helper, take) => take.stop(),
+  'that is stopped': async (helper, take) => assert.ok((await take.stop()).soundMissing < 0.2),
   'whose helper is killed': (helper) => process.kill(helper.pid, 'SIGKILL'),
   'that fails and keeps what it has': (helper) =>
     helper.writeFrame({ width: 540, height: 360 }, stripes.subarray(0, 540 * 360 * 4)),
@@ -113,7 +113,7 @@ for (const [name, end] of Object.entries(endings)) {
       helper.writeSound(noise, heard);
       heard += noise.length / sound.rate;
     }
-    end(helper, take);
+    await end(helper, take);
     const { pixels, duration, soundBytes } = await show(await saved, 1.5);
     assert.ok(duration > 2 && soundBytes > 0, `${duration} s, ${soundBytes} bytes of sound`);
     for (let at = (360 * 1080 + 90) * 4; at < 361 * 1080 * 4; at += 180 * 4) { // inside each stripe

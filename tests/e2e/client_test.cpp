@@ -104,9 +104,14 @@ TEST_F(Client, SaysWhyAStreamHasEnded) {
 }
 
 TEST_F(Client, SaysWhyAHelperDoesNotStart) {
+  start({"--host", "localhost"});
+  const std::string taken = std::to_string(port);
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
       {{.program = helperProgram(), .token = token, .arguments = {"--unknown"}},
        "the helper did not start: invalid helper configuration"},
+      // Another address of that name would be free.
+      {{.program = helperProgram(), .arguments = {"--host", "localhost", "--port", taken}},
+       "the helper did not start: video listener failed"},
       {{.program = "/bin"}, "there is no program at /bin"},
       {{.program = "/bin/true"}, "the helper did not start: it ended at once with status 0"},
       {{.program = helperProgram(), .token = token, .arguments = {"--host", "x y"}},
@@ -162,6 +167,9 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_THROW(camera.publish(*std::move(frame), 8), std::invalid_argument);  // NOLINT: on purpose
   client::Helper other({.program = helperProgram(), .format = {client::FrameEncoding::nv12}});
   EXPECT_THROW(camera.publish(*other.acquireFrame(small), 9), std::invalid_argument);
+  EXPECT_THROW(camera.writeSound({}, client::Uptime::now()), std::invalid_argument);
+  for (const client::SoundFormat wrong : {client::SoundFormat{7999, 1}, {96001, 2}, {48000, 3}})
+    EXPECT_THROW(const client::Helper unwanted({.sound = wrong}), std::invalid_argument);
   Pixels one(4);
   EXPECT_THROW(client::flipRows(one, small), std::invalid_argument);
   EXPECT_EQ(camera.stop().status, 0);

@@ -176,12 +176,6 @@ int HelperTest::exitCode() {
   return end && end->signal == 0 ? end->status : -1;
 }
 
-void HelperTest::expectFailure(const std::string& message) {
-  const std::string said = helper->waitForEvent("error").at("message");
-  EXPECT_EQ(said.substr(0, message.size()), message);
-  EXPECT_EQ(exitCode(), 1);
-}
-
 std::unique_ptr<client::StreamClient> HelperTest::connectClient() {
   auto made = connect();
   made->sayHello(token);

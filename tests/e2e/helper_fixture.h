@@ -157,8 +157,6 @@ class HelperTest : public testing::Test {
     helper->closeInput();
     return exitCode();
   }
-  // Expects an "error" event with this message, or one that begins so, and exit status 1.
-  void expectFailure(const std::string& message);
 
   std::unique_ptr<client::StreamClient> connect() const {
     return std::make_unique<client::StreamClient>("127.0.0.1", port);

@@ -133,11 +133,13 @@ using Recovery = HelperTest;
 
 TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   const auto recover = [this] { return client::recoverTakes(folder, helperProgram()).at(0); };
-  start();
+  start({}, {{"TAVO_SOUND", "48000x2"}});
   Event keys = smallTake;
-  keys.update({{"rotation", 90}, {"frame_log", true}});
+  keys.update({{"rotation", 90}, {"frame_log", true}, {"sound", true}});
   startTake(keys);
-  feedPaced(90, 60, {320, 180});
+  int left = 90;
+  const auto isEnough = [&] { return feedSound(uptime()), left-- == 0; };
+  feedUntil(isEnough, {320, 180});
   waitForTake("recording");
   EXPECT_EQ(recover().left, "it is still being recorded");
   helper->sendSignal(SIGKILL);
@@ -151,6 +153,9 @@ TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   EXPECT_EQ(take.path, expectKept({{"kept_path", take.path.filename().string()},
                                    {"kept_frames", take.frames},
                                    {"kept_duration", take.duration.count()}}));
+  const Decoded movie = decode(take.path);
+  EXPECT_GT(movie.pictures, sanitized ? 0 : 0.4);
+  EXPECT_GT(movie.sound + 0.25, movie.pictures);
   EXPECT_EQ(probe(take.path)["side_data_list"][0]["rotation"], -90);
   EXPECT_GT(std::filesystem::file_size(take.path.string() + ".frames.csv"), 1000u);  // 30 lines
   EXPECT_THROW(client::recoverTakes(folder / "nowhere", helperProgram()), std::runtime_error);

@@ -115,7 +115,9 @@ TEST_F(Viewer, RecordsATestCardThatFlashesAndBeepsAtTheSameInstant) {
   record({}, {"--size", "640x360", "--rate", "20"});
   while (waitForMessage("event")["event"].value("duration", 0.0) < 3) continue;
   say({{"type", "stop"}});
-  const std::string movie = waitForState("saved")["path"];
+  const Event saved = waitForState("saved");
+  EXPECT_LT(saved["sound_missing"], 0.1);
+  const std::string movie = saved["path"];
   const std::string box = "-vf crop=iw/10:ih/10:iw/10:ih*0.8,blackdetect=d=0.1";
   const auto flashes = numbersIn(movie, box, "black_end");
   const auto beeps = numbersIn(movie, "-af silencedetect=n=-20dB:d=0.1", "silence_end");

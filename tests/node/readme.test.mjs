@@ -2,11 +2,10 @@
 // camera, a page and a pause are stand-ins.
 
 import assert from 'node:assert/strict';
-import { execFileSync, spawnSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import { test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
-import { fileURLToPath } from 'node:url';
 import * as client from '../../client/node/dist/esm/index.js';
 import { folder, inFolder } from '../parent.mjs';
 
@@ -55,17 +54,6 @@ test('the examples that record a take', async () => {
     await run(example);
     checkTake();
   }
-});
-
-test('in TypeScript, fetch takes the pixels of a frame sink', () => {
-  fs.writeFileSync(inFolder('page.mts'), `
-    import type { FrameWriter } from 'lumora-video-client/page';
-    export const write: FrameWriter = async ({ pixels: body }) =>
-      (await fetch('/', { method: 'POST', body })).ok ? 'written' : 'dropped';`);
-  const compiler = fileURLToPath(new URL('client/node/node_modules/typescript/bin/tsc', root));
-  const options = '--noEmit --strict --module node16 --target es2022 --lib es2022,dom';
-  execFileSync(process.execPath, [compiler, ...options.split(' '), inFolder('page.mts')],
-    { stdio: 'inherit' });
 });
 
 test('the examples of a page: its camera comes back as the preview', async () => {

@@ -145,6 +145,8 @@ test('sound becomes records of a quarter of a second at most, and two seconds ma
   feeder.writeCommand(Buffer.from('is being written'));
   const second = new Int16Array(2 * 8000);
   const write = (samples) => feeder.writeSound(samples, format, 1);
+  assert.equal(feeder.writeSound(second, format, uptime() + 1), false);
+  assert.throws(() => feeder.writeSound(second, format, NaN), invalid);
   assert.ok(write(second) && write(second) && !write(second.subarray(0, 2)));
   const planes = [[0.5, -2], [1, 0]];
   const microphone = { numberOfFrames: 2, numberOfChannels: 2, sampleRate: 8000,
@@ -176,7 +178,8 @@ test('a take asks for what it is given, is refused what would fail, and says its
   const kept = { path: '/b', frames: 7, duration: 1 };
   await assert.rejects(take.saved, { name: 'TakeError', code: 'FAILED', message: 'why', kept });
   const others = takes.start({ path, steady: false, keepFailed: false, minimumFree: 2 ** 53,
-    bitRate: 3e5, rotation: 90, frameLog: true, resolution: '640x360' });
+    bitRate: 3e5, rotation: 90, frameLog: true, resolution: '640x360', sound: true,
+    soundBitRate: 64e3 });
   tell({ id: sent[2].id, state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free',
     frame_log_error: 'full' }); // a parent that reads slowly may lose the events before
   const { id, startedAt, saved } = await others;
@@ -189,7 +192,8 @@ test('a take asks for what it is given, is refused what would fail, and says its
       started_at: started, on_failure: 'keep' },
     { type: 'record_stop', id: take.id, stopped_at: now },
     { type, id, path, resolution: '640x360', target_fps: 60, started_at: startedAt,
-      minimum_free: 2 ** 53, bit_rate: 3e5, rotation: 90, frame_log: true }]);
+      minimum_free: 2 ** 53, bit_rate: 3e5, rotation: 90, frame_log: true, sound: true,
+      sound_bit_rate: 64e3 }]);
 });
 
 test('lines are split, bounded and typed; a slow reader of events keeps the newest', async () => {

@@ -141,6 +141,9 @@ TEST(TakeCommand, AsksForWhatTheHelperUnderstandsAndForNothingMore) {
   };
   using Asked = lumora::TakeOptions;
   EXPECT_EQ(Asked::parse(commandOf({.steady = false})), Asked{.keepsFailed = true});
+  const lumora::SoundFormat mono{16000, 1};
+  EXPECT_EQ(Asked::parse(commandOf({.steady = false, .sound = true, .soundBitRate = 64'000}), mono),
+            (Asked{.keepsFailed = true, .sound = mono, .soundBitRate = 64'000}));
   constexpr std::uint64_t free = std::uint64_t{1} << 53;
   EXPECT_EQ(Asked::parse(commandOf({.keepFailed = false,
                                     .minimumFree = free,
@@ -177,13 +180,15 @@ TEST(Events, SayWhatATakeHasLeft) {
   const Recording all =
       parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
             R"("seconds_left":2.5,"stopped_for":"minimum_free","frame_log_error":"full",)"
-            R"("width":640,"height":360,"target_fps":30,"recent_fps":29.5)");
+            R"("width":640,"height":360,"target_fps":30,"recent_fps":29.5,)"
+            R"("sound_gaps":2,"sound_missing":0.5)");
   const auto& [path, frames, duration] = all.kept.value();
   EXPECT_EQ(std::tie(path, frames, duration), std::tuple("/v/a", 7, Seconds(1.5)));
   EXPECT_EQ(std::tie(all.framesInMovie, all.timeLeft, all.stoppedFor, all.frameLogError),
             std::tuple(8, Seconds(2.5), "minimum_free", "full"));
   EXPECT_EQ(std::tie(all.size, all.targetFPS, all.recentFPS, all.failure),
             std::tuple(FrameSize{640, 360}, 30, 29.5, TakeFailure::failed));
+  EXPECT_EQ(std::tie(all.soundGaps, all.soundMissing), std::tuple(2, Seconds(0.5)));
 }
 
 TEST(Events, HaveEveryFigureOfAReport) {
