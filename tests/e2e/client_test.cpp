@@ -121,7 +121,7 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
                 testing::ThrowsMessage<client::StartError>(why));
 }
 
-TEST_F(Client, AThousandFramesAreCountedAndTheirMemoryIsThereBeforeThem) {
+TEST_F(Client, TheMemoryOfFramesIsThereBeforeThem) {
   const auto resident = [] { return tools::processFigures(getpid()).residentMegabytes; };
   const FrameSize size{1280, 720};
   const Pixels pixels = plain(size, {200, 10, 10});
@@ -131,15 +131,10 @@ TEST_F(Client, AThousandFramesAreCountedAndTheirMemoryIsThereBeforeThem) {
   client::Helper camera(known);
   const double touched = resident();
   EXPECT_GT(touched, before + 12);  // there are four slots of 3.7 MB
-  Take take = startTake(camera);
-  const std::uint64_t all = sanitized ? 200 : 1000;
-  while (lastID < all) camera.writeFrame(size, ++lastID, pixels);
+  while (lastID < (sanitized ? 200 : 1000)) camera.writeFrame(size, ++lastID, pixels);
   EXPECT_LT(sanitized ? 0 : resident(), touched + 20);
-  take.stop();
   EXPECT_EQ(camera.stop().status, 0);
-  EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, all);
-  EXPECT_GT(camera.frameCounts().written, 10u);
-  EXPECT_EQ(take.waitForEnd(Seconds(0))->state, TakeState::saved);
+  EXPECT_EQ(camera.frameCounts().written + camera.frameCounts().dropped, lastID);
 }
 
 TEST_F(Client, RefusesWhatWouldEndTheHelper) {
