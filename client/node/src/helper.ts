@@ -38,7 +38,6 @@ const terminateAfter = 2250;
 const killAfter = 4500;
 const giveUpAfter = 4900;
 
-
 /** Every event by its type. */
 export type HelperEvents = {
   [Type in HelperEvent['type']]: Extract<HelperEvent, { type: Type }>;
