@@ -15,7 +15,8 @@ std::string join(int left, const char* between, int right) {
   return std::to_string(left) + between + std::to_string(right);
 }
 
-// Smooth noise of several sizes, the smaller the weaker as in nature, and a test picture for edges.
+// Smooth noise of several sizes, coarse noise being stronger as in nature, and a test picture for
+// edges.
 std::string scenery(int width, int height) {
   std::string graph;
   std::string layers;
@@ -32,7 +33,7 @@ std::string scenery(int width, int height) {
 }  // namespace
 
 // One picture, a little larger than a frame, is turned about its middle: at 1920 pixels its sides
-// move by a pixel a frame. The noise has a deviation of 3 of 255.
+// move by up to a pixel a frame. The noise has a deviation of 3 of 255.
 CameraClip::CameraClip(client::FrameSize camera, const client::FrameFormat& format,
                        client::FrameSize size)
     : size_(size), format_(format) {

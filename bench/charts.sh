@@ -18,7 +18,7 @@ costs() {
     | sort_by(.[1] // .[2])[] | map(. // "?") | join("\t")' bench.json
 }
 
-# Of the frames of a steady run with a 1920x1080 take.
+# The latency of each frame of a steady run with a 1920x1080 take, in milliseconds.
 latencies() {
   jq -r --arg format "$1" '
     .steady[] | select(.take == "1920x1080" and .format == $format).latency_ms[]' bench.json

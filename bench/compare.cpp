@@ -1,6 +1,6 @@
-// The helper beside the tools that people use today for its job, and beside the least that the job
-// can cost: a process that only encodes. All get the same pictures, encoder, presets, rates and
-// threads, in turn.
+// Compares the helper with common tools for its job, and with the least that the job can cost: a
+// process that only encodes. They run in turn, and get the same pictures, encoder, presets, rates
+// and threads.
 //
 //   lumora-compare HELPER FOLDER [ROUNDS]
 //
@@ -86,7 +86,7 @@ std::vector<Contender> contendersFor(const Job& job, const std::string& helper, 
     addHelper(made, job, helper, *clip, client::FrameTransport::pipe,
               outputs("helper-pipe", *clip));
   }
-  if (job.preset.empty()) return made;  // nobody else has our settings
+  if (job.preset.empty()) return made;  // the other tools lack the helper's own settings
   const auto addPeer = [&](const char* name, CameraClip& clip, auto& command) {
     const Outputs files = outputs(name, clip);
     made.push_back({name, clip,

@@ -6,7 +6,8 @@ import readline from 'node:readline';
 import { environment } from '../tests/parent.mjs';
 
 // Starts a helper for NV12 with the library of faults, and waits until it is ready. `lines` emits
-// each event by its state, or else its type. An event of a failure is thrown.
+// each event under its state, or under its type if it has no state. An event that reports a failure
+// is thrown as an error.
 export async function startFastHelper(helper, library, speed, variables = {}) {
   const program = spawn(helper, [], { stdio: ['pipe', 'pipe', 'inherit'], env: { ...environment,
     TAVO_FRAME_FORMAT: 'nv12', TAVO_H264_ENCODER: 'software', LD_PRELOAD: library,

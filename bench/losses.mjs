@@ -1,6 +1,7 @@
-// Prints what takes lose at most by each fault, without and with "on_failure": "keep". Ends with 1
-// if a take with "keep" lost more than it may. Pictures show their numbers, which ffmpeg gets back.
-// Full disks are small ones that are mounted, hence the namespace. TMPDIR chooses the other disk.
+// Prints the most that a take loses by each fault, without and with "on_failure": "keep". Ends with
+// 1 if a take with "keep" lost more than it may. Each picture shows its number, which is read from
+// the movie with ffmpeg. A full disk is a small file system that the script mounts, so it needs a
+// namespace. All other takes are written below TMPDIR.
 //
 //   unshare --map-root-user --mount node losses.mjs HELPER LIBRARY_OF_FAULTS [FAULT]
 
@@ -20,18 +21,20 @@ const run = promisify(execFile);
 const uptime = () => Number(process.hrtime.bigint()) / 1e9; // seconds
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const rate = 60; // frames per second
-const [bits, barRows] = [16, 80]; // of a picture's number, each a black or white bar at the top
-const noise = crypto.randomBytes(1 << 20); // for the rest, so that a take gets its bit rate
+const [bits, barRows] = [16, 80]; // a picture's number in bits, each a bar at its top
+const noise = crypto.randomBytes(1 << 20); // for the rest of a picture: gives a take its bit rate
 
-// In seconds, behind the first half second of a take, and each at another place in a fragment.
+// Seconds after the start of a take. All are later than half a second, and each is at another place
+// in a fragment.
 const moments = Array.from({ length: 20 }, (_, i) => 1 + 0.153 * i);
-// One sync takes 7 s, so that the failed take can be completed, or 30. Or each takes 1 s.
+// One of the syncs 3 to 7 takes 7 s, so that the failed take can be completed, or 30 s. In the last
+// case each sync takes 1 s.
 const syncs = [...[3, 4, 5, 6, 7].flatMap((nth) => [`${nth}:-7`, `${nth}:-30`]), '0:-1'];
 const changeSize = (take) => { take.size = [160, 120]; };
 
 // A take is recorded for each of `states`. `cause` is called at that moment, `failing` is for
 // tests/faults/fault_library.cpp, `bytes` is the size of the disk. With "keep" a take may lose
-// `most` seconds of what was appended, and nothing of what was synced unless it `losesAll`.
+// `most` seconds of what was appended, and nothing of what was synced unless `losesAll` is set.
 const faults = [
   { name: 'kill', states: moments, most: 1, cause: (take) => take.program.kill('SIGKILL') },
   { name: 'power cut', states: moments.slice(-2), most: 1, isPowerCut: true,
@@ -87,7 +90,7 @@ class Take {
     const { stdin } = this.program;
     for (let due = uptime(); stdin.writable; due = Math.max(due + 1 / rate, uptime())) {
       await sleep((due - uptime()) * 1000);
-      if (stdin.writableLength > 0) continue; // as a camera, skips a frame
+      if (stdin.writableLength > 0) continue; // skips a frame, as a camera does
       const [time, start, [columns, rows]] = [uptime(), crypto.randomInt(1 << 19), this.size];
       const picture = Buffer.from(noise.subarray(start, start + columns * rows * 1.5));
       for (let bit = 0, bar = columns / bits; bit < bits; ++bit)
@@ -101,8 +104,8 @@ class Take {
   command(type, keys) { this.program.stdin.write(commandOf({ type, id, ...keys })); }
 }
 
-// The numbers of a file's pictures. A staging file that can't be read has none. Throws if a file
-// has another error.
+// The numbers of a file's pictures. A staging file that can't be read has none. Throws if ffmpeg
+// reports any other error, or if the numbers don't increase.
 async function picturesOf(file) {
   const shown = `crop=480:${barRows}:80:0,scale=${bits}:1:flags=area,format=gray`;
   const { code, stdout, stderr } = await run('ffmpeg', ['-v', 'error', '-nostdin', '-i', file,
@@ -116,7 +119,7 @@ async function picturesOf(file) {
   return numbers;
 }
 
-// The pictures of the only take in a folder, after its recovery. The folder is empty then.
+// Recovers the only take in a folder, and returns the numbers of its pictures. Removes its file.
 async function takePictures(folder) {
   const find = () => fs.existsSync(folder) && fs.readdirSync(folder)[0];
   if (!find()) return [];
@@ -163,7 +166,7 @@ function syncedPictures(take, durable = '') {
   return picturesOf(`${take.folder}.synced`);
 }
 
-// What is missing if of the frames up to number `last` these were kept, and those were synced.
+// What a take lost of the frames up to number `last`. `kept` and `synced` are numbers of frames.
 function lossOf(take, kept, synced, last) {
   const lastKept = kept.at(-1) ?? take.first - 1;
   const time = (number) => take.sent[Math.min(number, take.sent.length - 1)].time;
@@ -176,7 +179,7 @@ async function lossesOfPowerCuts(take, last) {
   const losses = [];
   let [durable, synced] = [null, []];
   for (const disk of disksOf(take)) {
-    if (!disk.isNamed) continue; // nothing tells where the file lies
+    if (!disk.isNamed) continue; // the file's name is not on the disk yet
     if (disk.durable !== durable) synced = await syncedPictures(take, disk.durable);
     ({ durable } = disk);
     const sent = take.sent.findIndex((frame) => frame.logged >= disk.logged);
@@ -196,7 +199,7 @@ async function lossOfFault(fault, take, last, found) {
   if ((state === 'saved' && !fault.mayBeSaved) || synced.length === 0 ||
     (name?.endsWith('.mp4') && keptFrames !== found.length))
     throw new Error(`${synced.length}, ${found.length} pictures of ${JSON.stringify(take.event)}`);
-  const kept = state === 'failed' && !name ? [] : found; // nobody finds what is not told
+  const kept = state === 'failed' && !name ? [] : found; // the event names no file
   const appended = (kept.at(-1) ?? take.first - 1) + frames - kept.length;
   return lossOf(take, kept, synced, state === 'recording' ? last : appended);
 }
@@ -211,7 +214,7 @@ async function lossesOf({ fault, state, keeps }) {
   }
   const last = take.sent.length - 1;
   await Promise.race([take.exited, sleep(15_000, null, { ref: false })]);
-  take.command('record_stop'); // if a slow encoder has not filled the queue for a slow disk
+  take.command('record_stop'); // a slow encoder may not fill the queue of a slow disk
   await take.exited;
   const kept = await takePictures(take.folder);
   if (fault.bytes) execFileSync('umount', [take.folder]);

@@ -14,9 +14,9 @@ namespace {
 
 using Count = unsigned long long;
 
-// The host of a virtual machine may take back free memory, and then takes forty times as long as
-// the kernel to give it anew, unless it was in use within the last seconds. What a run loses at its
-// start is due to the host then, and not to the helper.
+// The host of a virtual machine may take back memory that has been free for some seconds. To return
+// it takes the host forty times as long as the kernel takes to hand out memory. Frames that a run
+// loses at its start are then due to the host, and not to the helper.
 void settleMemory() {
   const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   const std::string_view wish = value == nullptr ? "" : value;

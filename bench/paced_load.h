@@ -1,6 +1,6 @@
 #pragma once
 
-// Runs of the helper under a steady load, and a line for each.
+// Runs the helper under a steady load, and prints a line for each run.
 
 #include <string>
 

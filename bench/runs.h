@@ -20,7 +20,7 @@ struct Job {
   std::string preset;      // empty: as shipped
 };
 
-// What the camera sees, and for the encoders alone the same as they get it.
+// What the camera sees; and the same as NV12 in the sizes of the encoders, for the encoders alone.
 struct Clips {
   CameraClip rgba{camera};
   CameraClip nv12{camera, tools::nv12BT709};
@@ -39,7 +39,7 @@ Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs
 Run runHelper(tools::RunOptions load, CameraClip& clip, int rate);
 Run runEncoders(Clips& clips, const Job& job, int rate,
                 const std::function<void()>& besideEach = {});
-// The least that a program can cost whose frames come through a pipe: they are also read.
+// Also reads each frame from a pipe: the least cost of a program that is fed through a pipe.
 Run runEncodersAndPipe(Clips& clips, const Job& job, int rate, const CameraClip& clip);
 
 nlohmann::json figuresOf(const tools::RunOptions& load, const tools::RunReport& report);

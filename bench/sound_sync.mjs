@@ -1,9 +1,9 @@
 // Records a test card that flashes and beeps at the same instant, with sound devices whose clocks
-// are wrong, and prints how far the beeps of the movies are from their flashes. Of steady devices, a
-// minute of a sine then shows what the helper adds to their sound. ffmpeg decodes. Ends with 1 if a
-// beep is missing or more than 10 ms off, if fewer than half can be compared, or if something beside
-// the sine is louder than -60 dB. The helper's clock runs SPEED times as fast as the real one, so
-// some pictures are lost. Each of a flash tells when that began.
+// may be wrong, and prints how far the beeps of the movies are from their flashes. For each steady
+// device, a recorded minute of a sine shows what the helper adds to the sound. Ends with 1 if a
+// beep is missing or more than 10 ms off, if fewer than half can be compared, or if something
+// beside the sine is louder than -60 dB. The helper's clock runs SPEED times as fast as the real
+// one, so some pictures are lost. Each picture of a flash tells when the flash began.
 //
 //   node sound_sync.mjs HELPER LIBRARY_OF_FAULTS SPEED MINUTES
 
@@ -50,7 +50,7 @@ function pictureAt(time) {
 const sine = (time) => 30000 * Math.sin(2 * Math.PI * sineHertz * time);
 const beep = (time) => (isOn(time) ? sine(time) : 0);
 
-// What the device hears of a `sound` from this time of its own on.
+// One record of what the device hears of `sound`. `start` is a time of the device.
 function samplesAt(start, capture, sound) {
   const samples = new Int16Array(perRecord);
   for (let n = 0; n < perRecord; ++n)
@@ -58,8 +58,8 @@ function samplesAt(start, capture, sound) {
   return Buffer.from(samples.buffer);
 }
 
-// Feeds both as a camera and a microphone do. Never two pictures at once: the helper would leave
-// one out.
+// Feeds pictures and sound as a camera and a microphone do. Never writes two pictures at once,
+// because the helper would drop one.
 async function film(stdin, seconds, capture, sound) {
   const begin = uptime();
   const microseconds = (time) => Math.round((begin + time) * 1e6);
@@ -99,8 +99,9 @@ function run(command, args) {
   return stdout;
 }
 
-// When each flash began, as each of its pictures tells. A picture only counts beside the one before
-// or after it: alone it may have come too late, and then has the time at which it was read.
+// When each flash began, once for each of its pictures. A picture only counts if the picture before
+// or after it is in the movie too. A lone picture may have come too late, and then its time is the
+// time at which it was read.
 function flashesOf(path) {
   const shown = ['-show_entries', 'packet=pts_time', '-of', 'csv=p=0'];
   const times = String(run('ffprobe', ['-v', 'error', '-select_streams', 'v', ...shown, path]))
@@ -137,7 +138,7 @@ function beepsOf(path) {
   return begins;
 }
 
-// How far each beep is from its flash, by the picture of that which is farthest.
+// How far each beep is from its flash, by the picture of the flash that gives the longest distance.
 function offsetsOf(beeps, flashes) {
   return beeps.flatMap((time) => {
     const offsets = flashes.map((flash) => time - flash)
@@ -147,8 +148,8 @@ function offsetsOf(beeps, flashes) {
   });
 }
 
-// The discrete Fourier transform of real values, whose number is a power of two. They become the real
-// parts; returns the imaginary ones.
+// The discrete Fourier transform of real values, whose number is a power of two. Replaces them by
+// the real parts of the result, and returns the imaginary parts.
 function transform(real) {
   const count = real.length;
   const imaginary = new Float64Array(count);
@@ -176,7 +177,7 @@ function transform(real) {
 
 // The loudest line beside the sine, in dB of a full-scale sine. Short windows show a click, which
 // long ones spread; long windows show lines close to the sine. The window is Blackman and Harris's:
-// its own lines are below -92 dB, and a sine has eight.
+// its side lobes are below -92 dB, and its main lobe is eight lines wide.
 function loudestBeside(samples) {
   let most = 0;
   for (const count of [1024, 16384]) {
@@ -197,7 +198,7 @@ function loudestBeside(samples) {
   return 20 * Math.log10(most);
 }
 
-// What is beside a minute of a sine, without its first and its last second.
+// The loudest line beside a minute of a sine, without its first and its last second.
 async function besideSine(capture) {
   const path = inFolder('sine.mp4');
   const { sound_gaps: gaps } = await record(path, 60, capture, sine);

@@ -130,7 +130,7 @@ ChildProcess::ChildProcess(const LaunchOptions& options) : frameMemory_(options.
   Pipe input = makePipe();
   Pipe output = makePipe();
   Pipe waking = makePipe();
-  // So that `abandon` can end a write. The child's end stays as it is.
+  // Our end does not block, so that `abandon` can end a write. The child's end still blocks.
   fcntl(input.write.get(), F_SETFL, O_NONBLOCK);
   if (options.outputBytes > 0) fcntl(output.read.get(), F_SETPIPE_SZ, options.outputBytes);
   pid_ = spawn(options, input.read.get(), output.write.get());

@@ -29,7 +29,7 @@ struct LaunchOptions {
   int frameMemory = -1;          // descriptor of memory shared with the child; -1: none
   std::string frameFormat = {};  // empty: none is set
   std::string sound = {};        // empty: none is set
-  int outputBytes = 0;           // of its output that may wait; 0: as many as usual
+  int outputBytes = 0;           // size of its output pipe; 0: the system's default
 };
 
 // A random token for one run.
@@ -61,7 +61,7 @@ class ChildProcess {
   // False once the end of the output was found.
   bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }
 
-  // Whether the child has not closed its input.
+  // False once the child has closed its input.
   bool takesInput() const;
 
   void sendSignal(int signal);
@@ -84,7 +84,8 @@ class ChildProcess {
   std::string pending_;  // the start of a line
   std::optional<Exited> exit_;
   std::atomic<bool> isAbandoned_ = false;
-  // `abandon` writes a byte, which ends every wait. Closing would not after a fork.
+  // `abandon` writes a byte to `wake_`, which ends every wait. Closing `wake_` would not while a
+  // forked process has a copy of it.
   Descriptor wake_;
   Descriptor woken_;
 };

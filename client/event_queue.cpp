@@ -26,7 +26,7 @@ struct EventQueue::State {
     return next;
   }
 
-  // Counts the calls that wait, so it can be read while there is one.
+  // Counts the calls that wait, so the descriptor can be read while a call waits.
   const Descriptor count{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};
   std::mutex mutex;  // guards all below
   Calls calls;

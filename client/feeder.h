@@ -32,13 +32,14 @@ class Feeder {
   void write(Frame frame, std::uint64_t id);
   // False when the input has been closed.
   bool write(std::string commandRecord);
-  // Throws std::invalid_argument for half a sample. False when the sound was skipped, because the
-  // input has been closed, too much of it waits, or its time is no uptime up to `mostAhead`.
+  // Throws std::invalid_argument if the channels have different numbers of samples. False when the
+  // sound was skipped, because the input has been closed, too much sound waits, or the time is
+  // negative or more than `mostAhead` after now.
   bool writeSound(std::span<const std::int16_t> samples, SoundFormat format,
                   Uptime::time_point capturedAt);
   // Counts a frame that was skipped because every slot was busy.
   void countDropped();
-  // From now on drops frames, and not the one that waits. Commands and sound are still written.
+  // From now on drops new frames. The frame that waits, commands and sound are still written.
   void endFrames();
   // Closes the input once everything that waits has been written.
   void end();

@@ -17,7 +17,7 @@ constexpr std::size_t pageBytes = 4096;
 constexpr std::size_t slotBytes = std::size_t{1920} * 1080 * 4;
 static_assert(slotBytes % pageBytes == 0);
 // A signal undoes the reservation that it interrupts. An application may have a fast timer that
-// sends signals. So each reservation is small enough to end between two of them.
+// sends signals. So each reservation is small enough to end between two signals.
 constexpr std::size_t reservedAtOnce = std::size_t{256} << 10;
 constexpr std::size_t memoryBytes = pageBytes + FrameSlots::count * slotBytes;
 

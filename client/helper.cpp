@@ -24,7 +24,8 @@ namespace lumora::client {
 namespace {
 
 constexpr Seconds timeToBecomeReady(10);
-// Since `stop`. A helper that is asked to end does so within 2.2 s, even if it must finish a take.
+// Counted from `stop`. A helper that is asked to end does so within 2.2 s, even if it must finish a
+// take.
 constexpr Seconds timeToTerminate(2.25);
 constexpr Seconds timeToKill(4.5);
 constexpr Seconds timeToGiveUp(4.9);
@@ -313,7 +314,7 @@ class Helper::Impl {
   std::thread stopper_;
 
   std::atomic<std::uint16_t> port_ = 0;
-  std::string problem_;  // the reader's
+  std::string problem_;  // only the reader uses it
   std::thread reader_;
   std::atomic<std::thread::id> readerID_;
 };

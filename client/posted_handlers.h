@@ -9,7 +9,8 @@
 
 namespace lumora::client {
 
-// Has an application's handlers called in its queue, if it has one, and in no case after `close`.
+// Calls an application's handlers through its queue, if it has one. The queue calls none of them
+// after `close`.
 class PostedHandlers {
  public:
   explicit PostedHandlers(std::shared_ptr<EventQueue> queue) : queue_(std::move(queue)) {}

@@ -9,7 +9,7 @@
 namespace lumora::client {
 
 // Starts a thread that blocks all signals. The application's signals then reach its own threads
-// only, and a helper that has closed its input shows as a failed write instead of SIGPIPE.
+// only, and a write to a helper that has closed its input fails instead of ending the process.
 template <typename Work>
 std::thread startQuietThread(Work work) {
   sigset_t all;

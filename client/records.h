@@ -16,7 +16,7 @@
 
 namespace lumora::client {
 
-constexpr std::size_t maximumCommandBytes = 4096;  // of its JSON text; more ends the helper
+constexpr std::size_t maximumCommandBytes = 4096;  // of its JSON text; a longer one ends the helper
 
 using RecordHeaderBytes = std::array<std::uint8_t, 16>;
 
@@ -37,9 +37,9 @@ inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
 std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::uint64_t offset,
                                          std::optional<std::uint64_t> length = std::nullopt);
 
-// The records of this sound, which was captured from this time on (microseconds of uptime), each
-// with at most a quarter of a second. `lastID` is that of the sound before, then of the last one of
-// these: ids grow even if times do not.
+// The records of this sound, each with at most a quarter of a second. `capturedAt` is the time of
+// its first sample, in microseconds of uptime. `lastID` is the id of the last record before these,
+// and is set to that of the last of these. Ids grow even if times do not.
 std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat format,
                          std::uint64_t capturedAt, std::uint64_t& lastID);
 

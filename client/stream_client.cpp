@@ -24,7 +24,7 @@ std::system_error failure(int error, const char* what) {
   return {error, std::generic_category(), what};
 }
 
-// The error that waits at a socket; 0: none.
+// The socket's pending error, which this clears; 0: none.
 int takeError(const Descriptor& socket) {
   int error = 0;
   socklen_t size = sizeof error;
@@ -60,7 +60,7 @@ struct StreamClient::Connection {
   // `error` is that of the last read; 0: the end of the stream.
   void close(int error) {
     // A helper without room closes at once. If it has not read the hello, its system answers with a
-    // reset, which may come behind the end of the stream.
+    // reset, which may come after the end of the stream.
     const bool isUnread = !saidHello || error != 0 || takeError(socket) != 0;
     if (wasAdmitted || Uptime::now() - asked > Seconds(1))
       end = StreamEnd::closed;
@@ -72,7 +72,7 @@ struct StreamClient::Connection {
   PacketParser parser{};
   std::vector<std::uint8_t> space = std::vector<std::uint8_t>(readBytes);
   StreamEnd end = StreamEnd::none;
-  Uptime::time_point asked = Uptime::now();  // connected or said hello
+  Uptime::time_point asked = Uptime::now();  // when we connected or, later, said hello
   bool saidHello = false;
   bool wasAdmitted = false;
 };

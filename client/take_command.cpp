@@ -34,7 +34,7 @@ void check(const TakeOptions& options) {
     throw std::invalid_argument("rotation must be 0, 90, 180 or 270");
 }
 
-// Limits of the same page.
+// The limits of docs/protocol.md for times.
 void checkTime(Uptime::time_point time) {
   const Seconds ago = Uptime::now() - time;
   if (ago <= Seconds(30) && ago >= -mostAhead) return;  // never true for NaN

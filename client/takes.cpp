@@ -41,7 +41,7 @@ void Takes::failUnanswered(Uptime::time_point now) {
       const std::lock_guard hold(mutex_);
       takes_.erase(id);
     }
-    take->stop(Uptime::now());  // if only its answer was lost, it runs
+    take->stop(Uptime::now());  // if only the answer was lost, the take runs
     take->abandon(TakeFailure::noAnswer, "the helper did not answer");
   }
 }

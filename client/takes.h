@@ -17,9 +17,9 @@ class Takes {
   void add(const std::shared_ptr<Take::State>& take);
   // Passes an event on to its take.
   void report(const Recording& recording);
-  // Waits until those that were told to stop have ended.
+  // Waits until the takes that were told to stop have ended.
   void awaitStopped(Seconds limit) const;
-  // Fails those of which nothing was heard by `now`, although they began long before.
+  // Stops and fails the takes that the helper has not answered in time.
   void failUnanswered(Uptime::time_point now);
   // Fails all of them, because the helper has ended.
   void abandonAll(const std::string& reason);

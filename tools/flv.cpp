@@ -54,7 +54,8 @@ std::uint32_t FlvTimes::next(std::uint64_t frameID, client::Uptime::time_point a
   const bool isTime = fromIDs_.value_or(std::chrono::abs(arrivedAt - captured) <= Seconds(2));
   const auto time = isTime ? captured : arrivedAt;
   if (latest_ < 0) first_ = time;
-  // Of ids that start again, only the distances count. Any other time is on one clock.
+  // When ids start again, the arrivals tell how long after the last picture this one is. Unless
+  // `fromIDs_` is true, all times are on one clock.
   if (fromIDs_.value_or(false) && time < time_)
     first_ = time - (arrivedAt - arrivedAt_) - std::chrono::milliseconds(latest_);
   time_ = time;

@@ -18,7 +18,7 @@ std::map<std::string, std::string> describeMachine() {
       {"cores", "nproc"},
       {"memory", "sed -n 's/^MemTotal: *//p' /proc/meminfo"},
       {"devices", "ls -d /dev/dri/* /dev/nvidia* /dev/video* 2>/dev/null | tr '\\n' ' '"},
-      // It names itself in the first access unit of a stream.
+      // x264 names itself in the first access unit of a stream.
       {"x264",
        "ffmpeg -v error -f lavfi -i color=size=64x64 -frames:v 1 -c:v libx264 -f h264 - |"
        " grep -aom1 'core [0-9]* r[0-9]*'"},

@@ -8,8 +8,8 @@ namespace lumora::tools {
 // The first line of what a shell command prints. Throws what `outputOf` throws.
 std::string firstLineOf(const std::string& command);
 
-// Where, when and with what figures are measured: texts by name. Runs other programs; what is
-// missing says so in its text.
+// The machine, the time and the versions of programs, as texts by name. Runs other programs; if one
+// is missing, its text is empty or an error.
 std::map<std::string, std::string> describeMachine();
 
 }  // namespace lumora::tools

@@ -127,7 +127,7 @@ class Run {
   void packetCame(const client::Packet& packet) {
     if (packet.type != client::Packet::Type::frame) return;
     const client::Uptime::time_point calledAt(
-        std::chrono::microseconds(packet.frameID));  // `nextID`
+        std::chrono::microseconds(packet.frameID));  // see `nextID`
     const std::chrono::duration<double, std::milli> age = client::Uptime::now() - calledAt;
     const std::lock_guard hold(mutex_);
     const auto before = std::ranges::lower_bound(ids_, packet.frameID) - ids_.begin();

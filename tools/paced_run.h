@@ -17,8 +17,8 @@ struct RunOptions {
   std::string previewPath = {};  // Annex B file of what the first client receives; empty: none
   // Called before each frame is written; may be empty.
   std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
-  // Called when a frame is captured, and at the end of the last one. Writes the sound before it;
-  // may be empty.
+  // Called when a frame is captured, and at the end of the last one. Writes the sound up to that
+  // time; may be empty.
   std::function<void(client::Helper& helper, client::Uptime::time_point capturedAt,
                      std::uint64_t frame)>
       writeSound = {};

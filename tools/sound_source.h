@@ -14,7 +14,8 @@
 namespace lumora::tools {
 
 inline constexpr client::SoundFormat soundFormat{.rate = 48000, .channels = 2};
-// What goes to a helper at once. It refuses more than two seconds, with what waits already.
+// The most sound that goes to a helper at once. If more than two seconds would wait, the client
+// library refuses the sound.
 inline constexpr client::Seconds longestSound(1.5);
 
 // Sound of a device whose clock is right.

@@ -46,7 +46,7 @@ int main(int argc, char** argv) try {
   for (int number = 0; number < pictures; ++number) {
     std::this_thread::sleep_until(start + number * interval);
     if (auto frame = helper.acquireFrame(size)) {  // empty when every slot is busy: skip this frame
-      paint(frame->pixels(), number);              // from the bottom row up; flipRows flips others
+      paint(frame->pixels(), number);              // the bottom row first (see flipRows)
       helper.publish(*std::move(frame), frameID(Uptime::now()));
     }
   }

@@ -69,7 +69,7 @@ void VideoEncoder::serviceTick() {
   serviceTickLater();
   sweepPeers();
   stopTakeWithoutSpace();
-  // The take's own queue hangs. Otherwise its "failed" event would have come by now.
+  // If the "failed" event of a take has not come by now, the take's own queue hangs.
   if (take.isRescuing() && uptime() >= take.abandonedAt + shutdownTimeout) concludeAbandonedTake();
   emitStats(false);
 }

@@ -77,8 +77,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void serviceTickLater();
   void fail(const std::string& message);  // emits the "error" event and shuts down with status 1
 
-  // input/: reader thread. All but `readExactly` throw when the input breaks the protocol or ends
-  // inside a record.
+  // input/: reader thread. The functions that read input, except `readExactly`, throw when it
+  // breaks the protocol or ends inside a record.
   bool readExactly(MutableByteView space);  // false when the input ends first
   void readCommand(const RecordHeader& header);
   void readSound(const RecordHeader& header);
@@ -99,7 +99,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
     std::shared_ptr<const EncodedSample> sample;
     double submitted = 0;  // uptime seconds
 
-    // Throws EncoderFailure unless there is a sample. Its text begins with `what`.
+    // Throws EncoderFailure unless there is a sample. If encoding failed, the failure's text begins
+    // with `what`.
     void require(const char* what) const;
   };
   using OutcomeHandler = std::function<void(const Encoded&)>;

@@ -9,8 +9,8 @@ namespace lumora {
 
 using Json = nlohmann::json;
 
-// Parses UTF-8 JSON text; nothing if it is not valid JSON. Numbers beyond a double's range count as
-// 1e308 or -1e308. Never throws.
+// Parses UTF-8 JSON text. Empty if the text is not valid JSON. Numbers beyond a double's range
+// count as 1e308 or -1e308. Never throws.
 std::optional<Json> parseJson(ByteView text);
 
 // The value under `key` of an object; null if there is none.

@@ -13,10 +13,10 @@ bool isUUID(const std::string& text);
 
 std::string stagingPath(const std::string& path, const std::string& id);
 std::string recoveryPath(const std::string& path, const std::string& id);
-// Of the log of the frames of the movie that now has this path.
+// The path of the frame log of a movie whose path is now `movie`.
 std::string frameLogPath(const std::string& movie);
 
-// The recovery path for a file of this staging path; nothing for any other path.
+// The recovery path of the file at `staging`. Empty if that is not a staging path.
 std::optional<std::string> recoveryPathOf(const std::string& staging);
 
 }  // namespace lumora

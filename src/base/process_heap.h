@@ -1,7 +1,8 @@
 #pragma once
 
-// Keeps memory that was touched once in the C library's heap. The first touch of the 60 MB that a
-// large encoder works with takes as long as several frames, so we touch it before it is needed.
+// Keeps freed memory in the C library's heap, so that it is touched only once. The first touch of
+// the 60 MB that a large encoder works with takes as long as several frames, so we touch it before
+// it is needed.
 // C libraries other than glibc lack these settings: there, freed memory is not kept.
 
 #include <cstddef>

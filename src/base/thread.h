@@ -21,7 +21,7 @@ void startThread(const std::string& name, Work work) {
   }).detach();
 }
 
-// The same. The future gets what `work` returns or throws. Destroying it does not wait.
+// Like `startThread`. The future gets what `work` returns or throws. Its destructor does not wait.
 template <typename Work>
 auto startTask(const std::string& name, Work work) {
   std::packaged_task<std::invoke_result_t<Work>()> task(std::move(work));

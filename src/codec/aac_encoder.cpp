@@ -59,7 +59,7 @@ ByteView AacEncoder::configuration() const {
 Status AacEncoder::encode(std::span<const std::int16_t> samples, int compensation,
                           SoundPackets& packets) {
   constexpr int million = 1'000'000;
-  constexpr int distance = 2000 * million;  // samples until it ends, far beyond the next call
+  constexpr int distance = 2000 * million;  // samples to compensate, far beyond the next call
   const int status =
       swr_set_compensation(resampler_.get(), compensation * (distance / million), distance);
   if (status < 0) return status;
@@ -112,7 +112,7 @@ Status AacEncoder::encodeFrame(SoundPackets& packets) {
   return status < 0 ? status : av_frame_make_writable(frame_.get());
 }
 
-// Without a frame the encoder ends.
+// A null `frame` ends the stream: the encoder gives its last packets.
 Status AacEncoder::send(const AVFrame* frame, SoundPackets& packets) try {
   int status = avcodec_send_frame(context_.get(), frame);
   while (status >= 0) {

@@ -42,7 +42,7 @@ class AacEncoder final : public SoundEncoder {
   Frame frame_;  // the next samples of the track
   Packet packet_;
   std::int64_t begin_ = 0;      // of `frame_`, in samples of the track
-  std::int64_t end_ = endless;  // of the track, in samples; set when it is flushed
+  std::int64_t end_ = endless;  // of the track, in samples; set by `flush`
   int filled_ = 0;              // samples in `frame_`
 };
 

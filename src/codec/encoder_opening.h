@@ -28,7 +28,7 @@ struct OpenedEncoder {
 bool isHardware(const AVCodec& codec);
 
 // Opens an encoder and encodes some grey `pictures`. Hardware encodes at least two, since some
-// drivers refuse only then. Blocks for as long as the driver does. Never throws.
+// drivers open and then refuse pictures. Blocks for as long as the driver does. Never throws.
 OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
                       const EncoderSettings& settings, int pictures);
 

@@ -52,7 +52,7 @@ OpenedEncoder EncoderPool::acquire(const EncoderRequest& request, const std::sto
   OpenedEncoder opened = resultOf(std::exchange(ahead, nullptr));
   if (opened.encoder) return opened;
   opened = openInTime(open_, *codec, settings, 0);
-  // After a timeout nothing is closed, since a driver that hangs would also hang in closing.
+  // After a timeout no encoder is closed: a driver that hangs would also hang in closing one.
   const bool isRefused = opened.status != 0 && opened.status != AVERROR(ETIMEDOUT);
   if (isRefused && isHardware(*codec)) {
     hold.lock();
@@ -117,7 +117,7 @@ bool EncoderPool::closeAhead(const AVCodec& codec) {
   return any;
 }
 
-// Replaces an earlier call.
+// Cancels an earlier call that has not trimmed yet.
 void EncoderPool::trimLater() {
   const std::uint64_t asked = ++trimAsked_;
   bestEffort([&] {

@@ -1,8 +1,8 @@
 #pragma once
 
-// Gives sessions their encoders. Opening an encoder takes time that frames need. So one of each
-// kind can be opened ahead, on the opener's queue. The encoder of a session that ended is kept for
-// the next session. Any thread.
+// Gives sessions their encoders. Opening an encoder takes time that frames need. So an encoder
+// for each kind of session can be opened ahead, on the opener's queue. The encoder of a session
+// that ended is kept for the next session. Any thread.
 
 #include <array>
 #include <atomic>
@@ -25,7 +25,7 @@ struct EncoderRequest {
 
 class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
  public:
-  // Unused encoders and memory are freed so many seconds after the last opening ahead or release,
+  // Unused encoders and memory are freed this many seconds after the last opening ahead or release,
   // but not while a take runs.
   static constexpr double idleBeforeTrim = 60;
 
@@ -45,7 +45,7 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
   // A session was stopped. Its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);
-  // Ends what `acquire` began, after `beginRelease`. Keeps the encoder, if there is one.
+  // Ends what `acquire` began, after `beginRelease`. Keeps the encoder unless it is a substitute.
   void release(const EncoderRequest& request, OpenedEncoder opened);
 
  private:

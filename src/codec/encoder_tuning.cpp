@@ -34,7 +34,7 @@ constexpr int maximumSliceThreads = 2;
 //   superfast            22.3    13.6         27.8        0.9594
 CodecOptions x264Options(bool high, const std::string& preset) {
   const bool ours = preset.empty();
-  // With these presets the stream has the High profile only with 8×8 transforms.
+  // x264 marks a stream as High profile only if it may use 8×8 transforms.
   std::string parameters = high ? "8x8dct=1" : "8x8dct=0";
   if (ours) parameters += ":subme=1:no-deblock=0";
   return {{"preset", ours ? "ultrafast" : preset},

@@ -140,7 +140,7 @@ Status LibavEncoder::allocatePicture() {
 
 // Whether the encoder can read the picture where it lies. A driver may need other strides, or read
 // the picture later. An upload and OpenH264 copy the picture at once. The upload may refuse
-// negative strides, and OpenH264 encodes nothing of such a picture.
+// negative strides, and OpenH264 does not encode such a picture.
 bool LibavEncoder::canBorrow(const PictureView& picture) const {
   if (picture.format.fullRange ||
       picture.format.layout != layoutOf(static_cast<AVPixelFormat>(picture_->format))) {
@@ -209,7 +209,7 @@ Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFr
   return AVERROR(ENOMEM);
 }
 
-// After an allocation that failed, x264 crashes in its next call.
+// x264 crashes if it is called after a failed allocation.
 Status LibavEncoder::encodeFrame(AVFrame& frame, bool forceKeyFrame,
                                  std::shared_ptr<const EncodedSample>& sample) {
   if (failure_ < 0) return failure_;

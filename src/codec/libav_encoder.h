@@ -58,7 +58,7 @@ class LibavEncoder {
   // The number of the next picture. It is also the picture's time, in frame intervals, because rate
   // control expects pictures at the session's rate. The encoder's next session goes on counting.
   std::int64_t nextTime_ = 0;
-  Status failure_ = 0;  // of libavcodec: such an encoder is not called again
+  Status failure_ = 0;  // of libavcodec; if negative, the encoder is not called again
   Bytes sequenceSet_;   // the latest parameter sets
   Bytes pictureSet_;
   std::shared_ptr<const FormatDescription> format_;

@@ -43,7 +43,7 @@ class LibavSession::Worker {
     bestEffort(trimHeapBeyondNeed);
   }
 
-  // False once it was stopped.
+  // Returns false after `stop`.
   bool enqueue(Job job) {
     {
       const std::lock_guard hold(mutex_);
@@ -60,7 +60,7 @@ class LibavSession::Worker {
     changed_.wait(hold, [this] { return stop_.stop_requested() || (jobs_.empty() && !busy_); });
   }
 
-  // Drops the frames that wait. No handler begins after it has returned.
+  // Drops the frames that wait. No handler begins after `stop` has returned.
   void stop() {
     std::list<Job> dropped;  // destroyed after the lock is released
     std::unique_lock hold(mutex_);

@@ -11,7 +11,7 @@ namespace lumora {
 
 class LibavSession final : public CompressionSession {
  public:
-  // `request` has the codecs and, of the settings, kind and size. Properties add the rest.
+  // `request` has the codecs, and the kind and size of the settings. Properties set the rest.
   LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
                const PixelFormat& frames, std::shared_ptr<PicturePool> pictures);
   ~LibavSession() override;

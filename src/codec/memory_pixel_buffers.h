@@ -28,7 +28,7 @@ class MemoryPixelBufferPool final : public PixelBufferPool {
   std::shared_ptr<const void> use_;  // every buffer has a reference while it is in use
 };
 
-// A grey buffer outside any pool, its memory touched: 0 or a negative errno.
+// Makes a grey buffer outside any pool, and touches its memory: 0 or a negative errno.
 Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
                       const std::shared_ptr<PicturePool>& pictures,
                       std::shared_ptr<PixelBuffer>& buffer);

@@ -88,7 +88,7 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     if (!opened.encoder) continue;
     const std::lock_guard hold(finding_);
     if (hardware_ != nullptr) return;
-    // Kept before `hardware_` is set, so that the session that sees it gets this encoder.
+    // Kept first, so that the session that sees `hardware_` set gets this encoder.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
     stateQueue_->async(
@@ -105,7 +105,7 @@ void SystemEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSetti
   const auto warm = [self = shared_from_this(), likeliest, largest,
                      stop = takeStarted_.get_token()] {
     if (self->hardware_ == nullptr) touchMemoryAhead(workingMemory(largest), stop);
-    // Takes start on the state queue. If one has started, nothing is opened here.
+    // Takes start on the state queue. If a take has started, no encoder is opened here.
     self->stateQueue_->async([self, likeliest, stop] {
       if (!stop.stop_requested()) self->openTakeAhead(self->available(), likeliest);
     });

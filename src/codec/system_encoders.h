@@ -43,11 +43,11 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   const AVCodec* const software_;  // null: not allowed, or not available
   const EncoderFactory open_;
   const std::shared_ptr<EncoderPool> pool_;
-  std::mutex finding_;                              // held while `hardware_` is set
+  std::mutex finding_;                              // held to set `hardware_`
   std::atomic<const AVCodec*> hardware_ = nullptr;  // null: none found yet
   std::future<void> probed_;                        // without software: sessions wait for it
   std::stop_source takeStarted_;                    // ends the touching of memory
-  const AVCodec* nextTake_ = nullptr;  // its encoder was opened ahead when the take was started
+  const AVCodec* nextTake_ = nullptr;  // codec of the next take; null: whichever is available then
 };
 
 }  // namespace lumora

@@ -1,5 +1,5 @@
-// The "stats" event. Unless it is forced it is emitted at most once a second. After it a running
-// take reports progress. The latest event of a take is emitted again unless its state is
+// The "stats" event. It is emitted at most once a second, unless it is forced. Then a running take
+// reports progress, and the latest event of a take is emitted again unless that event's state is
 // "recording".
 
 #include <algorithm>

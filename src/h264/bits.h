@@ -35,7 +35,7 @@ class BitReader {
     if (zeros > 31) position_ = bytes_.size() * 8 + 1;
     return isExhausted() ? 0 : (1U << zeros) - 1 + bits(zeros);
   }
-  // Skips ue(v) or se(v), which are equally long.
+  // Skips `count` values, each ue(v) or se(v). The two codes have the same lengths.
   void skipExpGolomb(std::uint32_t count) {
     for (; count > 0 && !isExhausted(); --count) expGolomb();
   }

@@ -32,7 +32,7 @@ constexpr NalType nalType(std::uint8_t header) {
 constexpr std::size_t nalLengthBytes = 4;      // in front of each unit of a sample
 constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header byte
 
-// The NAL units of a byte stream, without start codes; they point into it. Pure.
+// The NAL units of a byte stream, without start codes. The views point into `stream`. Pure.
 std::vector<ByteView> splitAnnexB(ByteView stream);
 
 // Appends the length of `unit` as 4 big-endian bytes, then `unit`.

@@ -163,7 +163,8 @@ void writeSignal(BitWriter& set, const ColourDescription& colour) {
   set.bits(colour.matrix, 8);
 }
 
-// Says that no frame is reordered. Everything else gets its default, or no limit.
+// Says that no frame is reordered, and that a decoder keeps only the reference frames. Each other
+// field gets its default, or no limit.
 void writeRestriction(BitWriter& set, const Vui& found) {
   constexpr std::uint32_t unlimited = 0;
   constexpr std::uint32_t longestVector = 15;

@@ -12,8 +12,8 @@ namespace lumora {
 struct FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
   bool topFirst = false;
-  // The format that sessions get: that of the record's picture or, if no session takes this
-  // encoding, of the decoded one.
+  // The format of the picture that sessions get: the record's picture or, if no session takes this
+  // encoding, the decoded picture.
   PixelFormat pixels = {};
 
   bool operator==(const FrameFormat&) const = default;

@@ -42,18 +42,18 @@ class RawAdmission {
   // The frame in flight has been encoded or dropped.
   void release() { isBusy_ = false; }
   void countDropped() { ++dropped_; }
-  // Whether a frame that is read now may be needed. Others are not decoded. The state queue sets
-  // it. Until the state queue has handled every command, it is true: a command may start a take.
+  // Sets whether a frame that is read now may be needed. Other frames are not decoded. State queue
+  // only. While a command waits, frames count as needed, because the command may start a take.
   void setNeeded(bool isNeeded) { isNeeded_ = isNeeded; }
   void commandRead() { ++commandsAhead_; }
   void commandHandled() {
     isNeeded_ = true;
     --commandsAhead_;
   }
-  // In this order: a command sets the answer before it is no longer ahead.
+  // Reads `commandsAhead_` first, because `commandHandled` sets `isNeeded_` first.
   bool isNeeded() const { return commandsAhead_ > 0 || isNeeded_; }
 
-  // Whether the state queue is to hear of frames that are dropped when they are read.
+  // Whether the reader tells the state queue about the frames that it drops.
   void setLogged(bool isLogged) { isLogged_ = isLogged; }
   bool isLogged() const { return commandsAhead_ > 0 || isLogged_; }
 

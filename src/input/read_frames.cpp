@@ -55,8 +55,8 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
   if (payload.empty() || !readExactly(payload)) {
     throw EncoderFailure::message("invalid recording command framing");
   }
-  // When the state queue hangs, only the first command waits. The reader must reach the end of the
-  // input, because that ends the process when the parent is gone.
+  // When the state queue hangs, only the first command without a free slot waits. The reader must
+  // reach the end of the input, because that ends the process when the parent is gone.
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
@@ -94,8 +94,9 @@ void VideoEncoder::readFrame(const RecordHeader& header) {
   }
 }
 
-// The state queue knows which frames were read before and after this one. When it stands still, a
-// bounded number of frames waits, and the log ends with the last of them.
+// The state queue logs the frame, because it handles frames and commands in the order in which they
+// were read. If the queue hangs, at most `maximumDropsAhead` frames wait, and the log ends with the
+// last of them.
 void VideoEncoder::logDropped(const ReadFrame& frame) {
   if (!raw.isLogged() || dropsAhead == maximumDropsAhead) return;
   const bool isLast = ++dropsAhead == maximumDropsAhead;

@@ -134,9 +134,9 @@ std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std
   return std::make_unique<PosixFile>(descriptor, size, std::filesystem::path(path).parent_path());
 }
 
-// The lock belongs to the open file. It ends when the last descriptor of that is closed, even if
-// the process crashes. A lock of the process would end when any descriptor of the file is closed.
-// The locked byte lies beyond every movie, since on network file systems players can't read it.
+// The lock belongs to this opening of the file. It ends when the last descriptor of this opening is
+// closed, even by a crash. A lock of the process would end when any descriptor of the file is
+// closed. On network file systems players can't read a locked byte, so it lies beyond every movie.
 int lockFile(int descriptor) {
   struct flock range {};
   range.l_type = F_WRLCK;

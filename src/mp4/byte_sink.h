@@ -1,6 +1,6 @@
 #pragma once
 
-// Where a movie's bytes go. Every call may wait for the disk and answers 0 or an errno.
+// Where a movie's bytes go. Any call may wait for the disk. An `int` result is 0 or an errno.
 
 #include <memory>
 #include <optional>
@@ -34,7 +34,7 @@ class ByteSink {
 // The file is locked while it is open, if the file system has locks (see `lockFile`). Throws
 // std::system_error if somebody else keeps it locked for a second.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
-// Appends to the file of `size` bytes at `path`. Takes `descriptor`, which is open on it.
+// Appends to the file of `size` bytes at `path`. The sink owns `descriptor`, which is open on it.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
 
 // Locks a file until it is closed. Returns 0, EAGAIN if somebody else has locked it, or another

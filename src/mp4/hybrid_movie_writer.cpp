@@ -18,7 +18,7 @@
 namespace lumora {
 namespace {
 
-constexpr std::size_t pictureTrack = 0;  // the places of the tracks
+constexpr std::size_t pictureTrack = 0;  // indices of the tracks
 constexpr std::size_t soundTrack = 1;
 constexpr std::size_t minimumSequenceBytes = 4;  // NAL header, profile, constraints, level
 
@@ -97,7 +97,8 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   const auto copy = [&](MutableByteView space) { return sample.copyBytes(0, space) == 0; };
   if (!add(pictureTrack, picture, copy)) return false;
   if (!hasGathered(pictureTrack)) return true;
-  flushFragment(soundTrack);  // so that a crash costs no more of it than its encoder holds
+  // Sound first, so that a crash keeps no pictures without the sound appended before them.
+  flushFragment(soundTrack);
   flushFragment(pictureTrack);
   return true;
 }
@@ -114,7 +115,7 @@ bool HybridMovieWriter::append(ByteView packet) {
   if (!pictures.samples.empty()) pictures.waited += soundPacketSamples;
   if (!hasGathered(soundTrack)) return true;
   flushFragment(soundTrack);
-  // Perhaps the camera has stopped.
+  // If the camera has stopped, no later picture flushes the gathered ones.
   if (pictures.waited * movieTimescale >= fragmentDuration * tracks_[soundTrack].sound.rate)
     flushFragment(pictureTrack);
   return true;
@@ -125,7 +126,7 @@ bool HybridMovieWriter::add(std::size_t track, MovieSample sample,
   closed_ = closed_ || disk_->status() != WriterStatus::writing;
   if (closed_) return false;
   auto& [samples, payload, duration, waited] = gathered_[track];
-  samples.reserve(samples.size() + 1);  // first, so that nothing throws once its bytes are added
+  samples.reserve(samples.size() + 1);  // first, so that `push_back` can't throw
   const std::size_t at = payload.size();
   payload.resize(at + sample.size);
   if (!copy(MutableByteView(payload).subspan(at))) {

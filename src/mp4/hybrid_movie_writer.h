@@ -22,7 +22,7 @@ class MovieDisk;
 class HybridMovieWriter final : public MovieWriter {
  public:
   // A disk that sleeps takes some ten seconds to spin up. A recording of 12 Mbit/s has 15 MB in
-  // that time. This is twice as much.
+  // that time. The queue holds twice as much.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
 
@@ -55,17 +55,17 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // of pictures: samples of sound that came behind the first one
+    std::int64_t waited = 0;     // of pictures: samples of sound since the first one
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);
-  bool hasGathered(std::size_t track) const;  // movie units
+  bool hasGathered(std::size_t track) const;  // enough for a fragment
   void flushFragment(std::size_t track);
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
   MovieProperties properties_;
-  // While this is false, `status` is "writing", even if the disk has failed. The next append or the
-  // end of the movie sets it.
+  // While this is false, a started movie has the status "writing", even if the disk has failed. The
+  // next append or the end of the movie sets it.
   bool closed_ = false;
   std::uint64_t fileSize_ = 0;  // of what has been queued
   std::uint32_t fragments_ = 0;

@@ -83,7 +83,7 @@ void trackHeader(Bytes& bytes, const MovieTrack& track, const MovieProperties& p
   u32(bytes, static_cast<std::uint32_t>(height) << 16);
 }
 
-// 14496-12, 8.6.6: hides the priming. The duration 0 of a growing movie stands for all that comes.
+// 14496-12, 8.6.6: hides the priming. In a growing movie, duration 0 means all samples to come.
 void editList(Bytes& bytes, const MovieTrack& track) {
   const Box box(bytes, "edts");
   const Box list(bytes, "elst", 1, 0);
@@ -284,7 +284,7 @@ void movieFragment(Bytes& bytes, std::uint32_t number, const MovieTrack& track,
 }
 
 // Appends a `free` box if the next `size` bytes would cross the end of the sector that `offset`
-// lies in, since a disk writes whole sectors. For more than a sector, the page is used instead.
+// lies in, since a disk writes whole sectors. If `size` exceeds a sector, pages count instead.
 void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;

@@ -20,8 +20,8 @@ struct MovieProperties {
   int rotation = 0;           // of the picture when it is shown, clockwise: 0, 90, 180 or 270
 };
 
-// Of `trun`: it has the offset of the samples, and the size of each. That of pictures also has the
-// duration and the flags of each.
+// Flags of `trun`: the box has the offset of the samples and the size of each. For pictures it also
+// has the duration and the flags of each.
 constexpr std::uint32_t soundRunFlags = 0x201;
 constexpr std::uint32_t pictureRunFlags = 0x701;
 

@@ -61,7 +61,7 @@ void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
   const auto outcome = std::make_shared<int>(ENOMEM);  // unless the step gets to its end
   Job job{0,
           [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
-            // Only now, so that a write that was under way is counted.
+            // Not before this job, so that a write that was in progress is counted.
             end(WriterStatus::failed, "the movie was ended early");
             const auto ending = make(syncedWrites(), sink.size());
             int error = 0;
@@ -130,7 +130,7 @@ std::optional<std::uint64_t> MovieDisk::freeBytes() const {
   return freeBytes_;
 }
 
-// Counts a write, and asks for the free space once a second.
+// Counts a write, and asks for the free space at most once a second.
 void MovieDisk::written(const ByteSink& sink) {
   const auto now = std::chrono::steady_clock::now();
   std::unique_lock hold(mutex_);
@@ -180,7 +180,7 @@ void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   }
 }
 
-// Room for all lines is reserved first, so that a full disk cuts none.
+// Room for all lines is reserved first, so that a full disk cuts no line short.
 void MovieDisk::writeLog() try {
   const std::string lines = log_ ? log_->takeLines() : "";
   if (lines.empty()) return;

@@ -1,8 +1,8 @@
 #pragma once
 
 // The I/O thread of one movie file and its queue. The thread keeps the file open and locked until
-// `cancel`. The writer's destructor calls that, when the file already has its final name. The
-// thread shares this object, so nobody has to wait for a disk that hangs.
+// `cancel`. The writer's destructor calls `cancel`, when the file already has its final name. The
+// thread shares ownership of this object, so no caller has to wait for a disk that hangs.
 
 #include <chrono>
 #include <condition_variable>
@@ -20,8 +20,8 @@ class MovieDisk {
   // never wait for the disk.
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
-  // The log of the movie, before the first write. Whenever a job is done, and twice a second, the
-  // I/O thread asks for lines and writes them. An error ends the log only.
+  // Starts the movie's log. Call it before the first write. Whenever a job is done, and twice a
+  // second, the I/O thread asks for lines and writes them. An error ends the log only.
   void openLog(std::unique_ptr<ByteSink> sink, MovieWriter::TakeLines takeLines);
   std::optional<std::string> logError() const;
 
@@ -33,8 +33,8 @@ class MovieDisk {
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
   // runs on the I/O thread. It gets the number of writes on the disk and the size of the file. If
-  // it returns nothing, nothing is written. `handler` gets the errno of the first step that failed,
-  // ENOMEM for an exception.
+  // it returns std::nullopt, nothing is written. `handler` gets 0, the errno of the first step that
+  // failed, or ENOMEM after an exception.
   struct Ending {
     Bytes tail;
     Bytes header;
@@ -58,7 +58,7 @@ class MovieDisk {
   struct Job {
     std::size_t bytes = 0;
     Step step;
-    std::function<void()> handler = {};  // of the last job
+    std::function<void()> handler = {};  // only in a job that ends the movie
     bool isRescue = false;
   };
 

@@ -58,7 +58,7 @@ class OwnedFile {
             }};
   }
 
-  // Appends to everything that the file holds.
+  // A sink that appends to the file.
   std::unique_ptr<ByteSink> append(const std::string& path) const {
     const int copy = fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
     if (copy < 0) expectSuccess(errno);
@@ -132,7 +132,7 @@ RecoveredTake recoverTake(const std::string& staging, std::time_t now) {
     moveUnlessExists(frameLogPath(staging), frameLogPath(*recovered));  // few takes have one
     expectSuccess(syncDirectory(std::filesystem::path(*recovered).parent_path()));
   } catch (const std::exception& error) {
-    // A movie that has its name is fine even if the name can't be synced.
+    // A movie that has its new name is fine even if the name can't be synced.
     if (take.path.empty() || take.path == staging) take.left = reasonOf(error);
   }
   return take;

@@ -22,7 +22,7 @@ struct RecoveredTake {
 std::vector<std::string> findStagingFiles(const std::string& folder);
 
 // Makes the staging file at this absolute path an ordinary movie and gives it its recovery name.
-// Its log of frames, if it has one, gets the name that goes with it. `now` is the time of day.
+// If the take has a log of frames, the log gets the matching name. `now` is the current time.
 // Does not touch a take that is being recorded, or a file without a picture. After a power cut at
 // any moment the file can still be recovered. Problems with the file are reported in `left`, not
 // thrown.

@@ -18,7 +18,7 @@ struct MovieSample {
 struct MovieChunk {
   std::uint64_t offset = 0;  // of the first sample's first byte in the file
   std::uint32_t samples = 0;
-  std::uint32_t fragment = 0;  // its number, counted from 1 over all tracks
+  std::uint32_t fragment = 0;  // its number, counted from 1 over all tracks; 0: read from a file
 };
 
 struct MovieTables {
@@ -31,14 +31,14 @@ struct MovieTables {
   // Adds `samples`, of which there is at least one. They lie together at `offset`.
   void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples,
                 std::uint32_t fragment);
-  // Drops the last sample. There is one.
+  // Drops the last sample. The tables must not be empty.
   void dropLast();
   // Drops the samples that begin at `end` or later. The last one left is stretched or cut to `end`,
   // but to `longestSample` at most.
   void endAt(std::uint64_t end);
   // The number of samples in the first `fragments` fragments of the file.
   std::size_t samplesIn(std::size_t fragments) const;
-  // Drops all other samples, also what an `addChunk` that threw has left.
+  // Drops the samples of all later fragments, and what an `addChunk` that threw has left.
   void keepFragments(std::size_t fragments);
   bool empty() const { return sizes.empty(); }
 };

@@ -34,7 +34,7 @@ struct BoxPlace {
   std::uint64_t end = 0;
 };
 
-// The contents of a box, read from front to back. Throws Damaged at their end.
+// The contents of a box, read from front to back. Reading past the end throws Damaged.
 class Fields {
  public:
   explicit Fields(Bytes bytes) : bytes_(std::move(bytes)) {}
@@ -84,7 +84,7 @@ class Reader {
   std::size_t samples_ = 0;  // of all tracks
 };
 
-// A file of ours begins with `ftyp`, the placeholder or what has taken its place, and a `moov`.
+// Our files have `ftyp`, then the placeholder or the `mdat` that replaced it, and then a `moov`.
 StagingMovie Reader::read() {
   const auto head = boxAt(0, file_.size);
   require(head && head->type == "ftyp");
@@ -292,7 +292,7 @@ std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   require(!holdsTables(fragment.start, offset - fragment.start));
   const auto samples = readSamples(run, isPicture);
   samples_ += samples.size();
-  // A limit must not cost pictures, so the file stays as it is.
+  // Cutting the movie at the limit would lose pictures, so the file stays as it is.
   if (samples_ > maximumSamples) {
     throw std::runtime_error("it holds more pictures than can be recovered");
   }
@@ -315,7 +315,7 @@ std::vector<MovieSample> Reader::readSamples(Fields& run, bool isPicture) {
   return samples;
 }
 
-// Finds the first sample of the last chunk that is not whole. Drops it and all after it.
+// In the last chunk, drops the first sample that is not whole and all samples after it.
 void Reader::dropTornSamples(MovieTrack& track) const {
   MovieTables& tables = track.tables;
   if (tables.empty()) return;
@@ -330,8 +330,8 @@ void Reader::dropTornSamples(MovieTrack& track) const {
 }
 
 // After a power cut, a file may have its full length but zeros at its end. No NAL unit ends with a
-// zero byte (14496-10, 7.4.1), and no packet of AAC: it ends with the bits 111 and less than a byte
-// of padding (14496-3, 4.4.2.1).
+// zero byte (14496-10, 7.4.1). No packet of AAC does either: it ends with the bits 111 and less
+// than a byte of padding (14496-3, 4.4.2.1).
 bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) const {
   if (size > maximumSampleBytes || offset > file_.size || size > file_.size - offset) return false;
   if (holdsTables(offset, size)) return false;
@@ -341,7 +341,7 @@ bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) c
 }
 
 // A recovery that was interrupted may have appended tables to a torn fragment. Returns whether they
-// begin in these bytes, which begin within the file.
+// begin in the `size` bytes at `offset`, which lies within the file.
 bool Reader::holdsTables(std::uint64_t offset, std::uint64_t size) const {
   constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
   const std::uint64_t longest = size + 3 + tables.size();       // if one byte of them is inside

@@ -1,7 +1,7 @@
 #pragma once
 
-// Reads the file of an interrupted take: what movie_boxes.h writes, cut off at any byte, and any
-// bytes after that. Reads all headers, but only the samples of the last fragment.
+// Reads the file of an interrupted take: the boxes of movie_boxes.h, cut off at any byte, and then
+// perhaps other bytes. Reads all headers, but only the samples of each track's last fragment.
 
 #include <functional>
 
@@ -24,8 +24,8 @@ struct StagingMovie {
   double duration = 0;             // of the pictures, seconds
 };
 
-// An unfinished movie has a track of pictures, and then one of sound or none. The tracks of a
-// finished one are not read. Throws std::runtime_error, in words for a person, for a file that
+// An unfinished movie has a track of pictures, and then perhaps a track of sound. For a finished
+// movie, `tracks` stays empty. Throws std::runtime_error, in words for a person, for a file that
 // can't become a movie.
 StagingMovie readStagingMovie(const FileView& file);
 

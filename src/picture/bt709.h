@@ -67,7 +67,7 @@ constexpr std::uint32_t packed(const Pixel& bytes) {
   return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
 }
 
-// Rounded up, as SIMD does it. The weights of a colour difference add up to 0, so this cancels out.
+// Rounded up, as SIMD does it. The weights of a colour difference add up to 0, so the bias cancels.
 constexpr Pixel average(const Pixel& a, const Pixel& b) {
   Pixel result{};
   for (std::size_t i = 0; i < 4; ++i) result[i] = static_cast<std::uint8_t>((a[i] + b[i] + 1) / 2);

@@ -15,10 +15,10 @@ class JpegDecoder {
   JpegDecoder(const JpegDecoder&) = delete;
   JpegDecoder& operator=(const JpegDecoder&) = delete;
 
-  // Fills `picture`, i420 with rows of `rowAlignment`. False unless `jpeg` decodes completely, has
-  // this size, and has chroma of half the width and of the same or half the height. Standard
-  // Huffman tables may be missing, and any bytes may follow. Chroma stays where JPEG has it, midway
-  // between two columns: H.264 has it at the left one. Throws std::bad_alloc.
+  // Fills `picture`, which is i420 with rows aligned to `rowAlignment`. False unless `jpeg` decodes
+  // completely, has this size, and has chroma of half the width and of the same or half the height.
+  // Standard Huffman tables may be missing, and any bytes may follow. Chroma is not moved: JPEG has
+  // it midway between two columns, H.264 at the left one. Throws std::bad_alloc.
   bool decode(ByteView jpeg, const Picture& picture);
 
  private:

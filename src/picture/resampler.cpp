@@ -60,7 +60,7 @@ HWY_INLINE void storeInOrder(Sums low, Sums high, std::int16_t* sums) {
 }
 
 // Multiplies the bytes of two rows at once. A weight of 12 bits is 64 times a coarse weight plus a
-// fine one of -32 to 32. The sum of four rows' fine products fits into 16 bits.
+// fine one of -32 to 31. The sum of four rows' fine products fits into 16 bits.
 HWY_INLINE void sumVector(const std::uint8_t* const* HWY_RESTRICT rows,
                           const WeightPair* HWY_RESTRICT pairs, int taps, std::size_t at,
                           std::int16_t* HWY_RESTRICT sums) {
@@ -208,8 +208,8 @@ void sumPixels(const std::int16_t* sums, const int* first, const std::int16_t* w
   sumColumns<true>(sums, first, weights, taps, width, row);
 }
 
-// Interleaves the column sums of four rows of one channel, or of two rows of two channels. They are
-// then those of one row of four channels. Writes beyond the last sample.
+// Interleaves the column sums of four rows of one channel, or of two rows of two channels. The
+// result is like the sums of one row of four channels. Writes beyond the last sample.
 template <int channels>
 HWY_INLINE void interleave(const RowGroup& group) {
   const hn::ScalableTag<std::int16_t> d;

@@ -73,7 +73,8 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 }
 
 // The constants for a picture's rows. The function for a row gets a copy, which the compiler keeps
-// in registers. It would reload the original after every store of bytes, which might change it.
+// in registers. The compiler would reload the original after every store of bytes, which might
+// change it.
 class Kernel {
  public:
   explicit HWY_INLINE Kernel(const bt709::Weightings& of)

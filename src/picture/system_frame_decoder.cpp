@@ -48,7 +48,7 @@ bool SystemFrameDecoder::fill(const Picture& picture, FrameEncoding encoding, By
     case FrameEncoding::bgra:
     case FrameEncoding::nv12:
     case FrameEncoding::i420:
-      break;  // sessions take them
+      break;  // sessions take these as they are
   }
   return false;
 }

@@ -8,7 +8,7 @@
 namespace lumora {
 namespace {
 
-constexpr std::size_t keptResamplers = 4;  // one for luma, one for chroma, some need two passes
+constexpr std::size_t keptResamplers = 4;  // for luma and for chroma, up to two passes each
 // Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are exact to
 // one level at every size.
 constexpr double largestReduction = 8;
@@ -87,7 +87,7 @@ void SystemImageConverter::resample(PlaneView source, Plane destination,
   resamplerFor(geometry).run(source, destination);
 }
 
-// Resamples twice, through a plane of a size between the two.
+// Resamples twice, through a plane of a size between the source and the destination.
 void SystemImageConverter::resampleTwice(PlaneView source, Plane destination,
                                          const PlaneGeometry& geometry) {
   PlaneGeometry first = geometry;
@@ -96,7 +96,7 @@ void SystemImageConverter::resampleTwice(PlaneView source, Plane destination,
     const SampleGrid& whole = geometry.*axis;
     const double step = std::sqrt(whole.step);
     const auto between = std::llround(static_cast<double>(whole.source) / step);
-    // The samples of the plane between lie evenly over the source.
+    // The samples of that plane lie evenly over the source.
     const double firstStep = static_cast<double>(whole.source) / static_cast<double>(between);
     const double firstOrigin = (firstStep - 1) / 2;
     first.*axis = {whole.source, between, firstStep, firstOrigin};

@@ -17,8 +17,8 @@ namespace lumora {
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
-  // The session's worker calls this before it reads `picture`. The first call runs the buffer's
-  // `Filling`, if it has one, and frees it: false if that failed. May throw std::bad_alloc.
+  // The session's worker calls this before it reads `picture`. The first call runs and frees
+  // the buffer's `Filling`, if there is one. False if the filling failed. May throw std::bad_alloc.
   virtual bool fill() = 0;
   virtual PictureView picture() = 0;
 };
@@ -77,7 +77,7 @@ class CompressionSession {
 
   virtual ~CompressionSession() = default;
   virtual Status setProperty(SessionProperty property, const PropertyValue& value) = 0;
-  // May return before the session is prepared. If preparing fails then, every frame is answered
+  // May return before the session is prepared. If preparing fails later, every frame is answered
   // with `infoNotPrepared` and the status of that failure.
   virtual Status prepareToEncodeFrames() = 0;
   virtual PixelBufferPool* pixelBufferPool() = 0;

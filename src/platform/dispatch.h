@@ -23,7 +23,7 @@ using FailureHandler = std::function<void(const std::string& reason)>;
 class SerialQueue {
  public:
   virtual ~SerialQueue() = default;
-  // Any thread. Never runs `work` before it returns.
+  // Any thread. Never runs `work` inside the call.
   virtual void async(Work work) = 0;
   // Any thread. Runs `work` on the queue once `seconds` have passed.
   virtual void asyncAfter(double seconds, Work work) = 0;

@@ -13,7 +13,7 @@ class FileManager {
   virtual bool isNameUsed(const std::string& path) const = 0;
   // Renames within a file system. False when `to` exists or the move is impossible.
   virtual bool move(const std::string& from, const std::string& to) = 0;
-  // The names in the folder of `path` survive a power cut from now on, if the folder can be synced.
+  // Makes the names in the folder of `path` survive a power cut, if the folder can be synced.
   virtual void syncFolderOf(const std::string& path) = 0;
   // Waits at most a second for all of them. If the disk hangs longer, the files are removed later.
   virtual void remove(const std::vector<std::string>& paths) = 0;

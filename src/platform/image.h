@@ -37,7 +37,7 @@ struct PictureRectangle {
   bool operator==(const PictureRectangle&) const = default;
 };
 
-// One plane of a layout: bytes of a sample, and the columns and rows of pixels that it stands for.
+// One plane of a layout: the bytes of a sample, and the columns and rows of pixels per sample.
 struct PlaneShape {
   int channels = 1;
   int columns = 1;

@@ -59,7 +59,7 @@ class MovieWriter {
   // Adds the next packet of the track of sound, with `soundPacketSamples` of each channel. False on
   // failure.
   virtual bool append(ByteView packet) = 0;
-  // Ends the timeline at `end` and completes the file. Sound behind `end` is not heard. `handler`
+  // Ends the timeline at `end` and completes the file. Sound after `end` is not heard. `handler`
   // runs on any thread once `status` is the outcome.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
   // The pictures of the finished movie, once `finishWriting` was called.
@@ -71,10 +71,10 @@ class MovieWriter {
   // pictures in the file, and whether the file could be completed.
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
-  // Opens a text file at `path`, which must not exist, before `startWriting`. Until the movie is
-  // complete or cancelled, `takeLines` is called twice a second on another thread, and at the end.
-  // What it returns goes into the file, which never delays or fails the movie. False, with `error`,
-  // if there can be no file.
+  // Opens a text file at `path`, which must not exist. Call it before `startWriting`. Until the
+  // movie is complete or cancelled, `takeLines` is called twice a second on another thread, and at
+  // the end. What it returns goes into the file. The file never delays or fails the movie. False,
+  // with `error`, if the file can't be made.
   using TakeLines = std::function<std::string()>;
   virtual bool openLog(const std::string& path, TakeLines takeLines, std::string& error) = 0;
   // Why the log has ended early.

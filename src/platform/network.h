@@ -47,7 +47,7 @@ class TcpListener {
   virtual void setConnectionHandler(ConnectionHandler handler) = 0;
   // Binds and listens. The state handler gets the outcome.
   virtual void start() = 0;
-  // The connection handler gets connections from now on. Those made before wait until then.
+  // The connection handler gets connections from now on. Earlier connections wait for this call.
   virtual void acceptConnections() = 0;
   // The bound port, or 0 while there is none.
   virtual std::uint16_t port() const = 0;

@@ -18,7 +18,7 @@
 namespace lumora {
 
 struct Platform {
-  std::shared_ptr<PicturePool> pictures;  // raw frames and encoder buffers share their memory
+  std::shared_ptr<PicturePool> pictures;  // memory of raw frames and encoder buffers
   std::shared_ptr<SerialQueue> stateQueue;
   std::shared_ptr<Clock> clock;
   std::shared_ptr<Dispatch> dispatch;

@@ -31,14 +31,14 @@ struct SoundSettings {
 
 using SoundPackets = std::vector<Bytes>;
 
-// An open encoder. A status is 0 or its library's own code, and ends the sound unless it is 0.
-// Nothing throws. One thread at a time.
+// An open encoder. A status is 0 or its library's own code. Any status but 0 ends the sound. No
+// function throws. One thread at a time.
 class SoundEncoder {
  public:
   virtual ~SoundEncoder() = default;
   // What a decoder must know first: an AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1).
   virtual ByteView configuration() const = 0;
-  // How many samples a decoder gives before the first one of the sound.
+  // How many samples a decoder outputs before the first sample of the sound.
   virtual int priming() const = 0;
   // Encodes interleaved samples of all channels, and appends the packets that are complete. The
   // sound gets longer by `compensation` ppm, give or take 1.
@@ -46,7 +46,7 @@ class SoundEncoder {
                         SoundPackets& packets) = 0;
   // Appends the rest of the packets. The last call.
   virtual Status flush(SoundPackets& packets) = 0;
-  // How many samples of the track the sound fills that was encoded so far. Without priming.
+  // How many samples of the track the sound encoded so far fills, without priming.
   virtual std::int64_t length() const = 0;
 };
 

@@ -14,7 +14,8 @@ namespace lumora {
 class AsioQueue final : public SerialQueue {
  public:
   explicit AsioQueue(const std::string& label);
-  // Doesn't wait. The thread runs what was enqueued and ends by itself. It may also be the caller.
+  // Doesn't wait. The thread runs what was enqueued and ends by itself. It may be the thread that
+  // calls the destructor.
   ~AsioQueue() override;
   AsioQueue(const AsioQueue&) = delete;
   AsioQueue& operator=(const AsioQueue&) = delete;

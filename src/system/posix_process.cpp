@@ -58,7 +58,7 @@ bool isIgnored(int signal) {
   return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// Only its queue touches the signal set.
+// After construction only `queue_` touches the signal set.
 class AsioSignal final : public SignalSource {
  public:
   AsioSignal(std::shared_ptr<AsioQueue> queue, int signal, const Work& handler)

@@ -10,7 +10,7 @@ namespace lumora {
 
 class PosixProcess final : public Process {
  public:
-  // Enlarges the pipe on standard input, if it is one, and handles SIGABRT.
+  // Enlarges the pipe on standard input, if there is one, and handles SIGABRT.
   PosixProcess();
   ssize_t readInput(MutableByteView space) override;
   ssize_t writeOutput(ByteView text) override;

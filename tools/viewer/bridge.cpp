@@ -122,7 +122,7 @@ void Bridge::obey(const StartTake& message) {
   if (!camera_) return refuse("Only the application that started the helper can record takes.");
   if (take_) return refuse("A take is running already.");
   auto plan = planTake(message, client::Uptime::now());
-  plan.sound = message.sound && session_["sound"].get<bool>();  // which may have ended just now
+  plan.sound = message.sound && session_["sound"].get<bool>();  // the sound may have just ended
   take_ = camera_->helper().startTake(plan, posting(&Bridge::takeSaid));
 }
 
@@ -227,7 +227,7 @@ void Bridge::soundEnded(bool hasHeard) {
 }
 
 void Bridge::helperEnded(const client::Exited& exited) {
-  camera_->stop();  // a device may hang, and would outlive the viewer
+  camera_->stop();  // ffmpeg may hang in a device, and would outlive the viewer
   failed_ = failed_ || !exited.isClean() || isTakeLost_;
   const std::string words = inputEnd_ + (inputEnd_.empty() ? "" : " ") +
                             "The helper has ended with " + toText(exited) + ".";
@@ -238,7 +238,7 @@ void Bridge::helperEnded(const client::Exited& exited) {
   finish();
 }
 
-// Reports the take's end and offers its movie. So the page can play it once it gets the event.
+// Reports the take's end and offers its movie, which the page can play once it gets the event.
 void Bridge::takeSaid(const client::Recording& recording) {
   if (!recording.isOver()) return;
   if (recording.failure == client::TakeFailure::noAnswer) {

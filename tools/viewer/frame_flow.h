@@ -48,8 +48,8 @@ class FrameFlow {
 
   bool isResponding_ = false;  // false: no page, or no message from it since frames were overdue
   bool isVisible_ = true;
-  bool needsKeyFrame_ = true;    // always while it can't show a frame
-  bool countsWithheld_ = false;  // it has had a frame since it joined or restarted
+  bool needsKeyFrame_ = true;    // always while the page can't show frames
+  bool countsWithheld_ = false;  // the page got a frame since it joined or restarted
   std::deque<Forwarded> unseen_;
   std::uint64_t withheld_ = 0;
 };

@@ -55,7 +55,7 @@ bool parseSize(std::string_view text, client::FrameSize& size) {
   return least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
 }
 
-// For `Microphone`.
+// Whether this names a device, for `Microphone`.
 bool isDevice(const std::string& sound) { return sound.find(':') != std::string::npos; }
 
 bool apply(const std::string& name, const std::string& value, Options& options) {

@@ -62,8 +62,8 @@ void Window::watchPreview() try {
   losePreview();
 }
 
-// The connection is lost, so connects again in a moment. Either the helper has ended, and `Exited`
-// follows, or it has dropped this client because a frame was not acknowledged for half a second.
+// Connects again in a moment. Either the helper has ended, and `Exited` follows, or it has dropped
+// this client because a frame was not acknowledged for half a second.
 void Window::losePreview() {
   if (packets_) packets_->setEnabled(false);  // not destroyed, since it may have called us
   stream_.reset();
@@ -82,8 +82,8 @@ void Window::helperEnded(const Exited& end) {
     return;
   }
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
-  // If the helper never became ready, another program may have taken its port. The next one then
-  // uses any port. If this one already did, the next one would not start either.
+  // If the helper never became ready, another program may have taken its port. The next helper then
+  // uses any port. If this helper already used any port, the next one would not start either.
   if (wasReady || std::exchange(port_, 0) != 0)
     QTimer::singleShot(std::chrono::seconds(1), this, &Window::startHelper);
 }
@@ -113,7 +113,7 @@ void Window::feed() {
 }
 
 void Window::toggleTake() try {
-  recordButton_.setEnabled(false);  // until the take says how it stands
+  recordButton_.setEnabled(false);  // until the take records or has ended
   if (take_) {
     take_->stop();
     return;
@@ -121,7 +121,7 @@ void Window::toggleTake() try {
   const QString name = QDateTime::currentDateTime().toString("'take-'yyyyMMdd-hhmmss'.mp4'");
   take_ = helper_->startTake({.path = folder_ / name.toStdString()},
                              [this](const Recording& event) { takeSaid(event); });
-} catch (const std::exception& error) {  // no take has such a path
+} catch (const std::exception& error) {  // the path is too long or not UTF-8
   say(error.what());
   recordButton_.setEnabled(true);
 }

@@ -11,8 +11,8 @@
 
 #include "preview_decoder.h"
 
-// The window of a small camera application. Nothing in it waits: what the helper says comes through
-// a queue, on the window's own thread. A moving picture stands in for the camera.
+// The window of a small camera application. It does not wait for the helper's events: a queue
+// brings them to the window's thread. A moving picture stands in for the camera.
 class Window : public QWidget {
  public:
   // Takes are saved into this folder, which is an absolute path.

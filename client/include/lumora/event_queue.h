@@ -18,10 +18,10 @@ class LUMORA_CLIENT_EXPORT EventQueue {
 
   // Can be read while calls wait. Watch it, but do not read it.
   int descriptor() const;
-  // Makes the calls that wait, on this thread. Throws what a call throws; those behind it then wait
-  // for the next `dispatch`.
+  // Makes the calls that wait, on this thread. Throws what a call throws; the calls after it then
+  // wait for the next `dispatch`.
   void dispatch();
-  // Leaves a call to `dispatch`. Any thread.
+  // Queues a call for `dispatch`. Any thread.
   void post(std::function<void()> call);
 
  private:

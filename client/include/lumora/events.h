@@ -26,8 +26,8 @@ struct Stats {
   std::uint64_t encodedFrames = 0;
   std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
-  // Records that were too late, too early or too many. In the same reports as `delivery`, if the
-  // helper gets sound.
+  // Records of sound whose time was too early or too late, or before which too much sound waited.
+  // In the same reports as `delivery`, if the helper gets sound.
   std::optional<std::uint64_t> droppedSound;
   Seconds encodeTime{};     // of the latest preview frame, scaling included
   bool isEncoding = false;  // now
@@ -42,7 +42,7 @@ struct Stats {
     Seconds roundTrip{};                   // from a frame to its acknowledgement, smoothed
     Seconds longestRoundTrip{};            // since the start
     Seconds oldestUnacknowledged{};        // age of that frame, smoothed
-    std::uint64_t unacknowledged = 0;      // frames of the client that has most of them, now
+    std::uint64_t unacknowledged = 0;      // now, of the client that has most
     std::uint64_t mostUnacknowledged = 0;  // since the start
   };
   std::optional<Delivery> delivery;
@@ -64,7 +64,7 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 // Why a take has failed.
 enum class TakeFailure {
   refused,      // by the helper: it never began
-  failed,       // it began
+  failed,       // after it began
   noAnswer,     // the helper said nothing of it in its first 10 s
   helperEnded,  // before it was saved
 };
@@ -75,15 +75,15 @@ enum class TakeFailure {
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::filesystem::path path;          // as asked for; in `saved`, of the movie, which may differ
+  std::filesystem::path path;          // as asked for; in `saved`, the movie's, which may differ
   std::string error;                   // why it failed, or is saved under another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final from `finishing` on
-  std::uint64_t frames = 0;            // written, with those that an earlier stop time has removed
+  std::uint64_t frames = 0;            // written, even if a past stop time removed them again
   std::uint64_t dropped = 0;           // lost
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known
-  // The rate that was asked for, and the frames of the last second. Not if a start was refused.
+  // The rate that was asked for, and the frames of the last second. Empty if a start was refused.
   std::optional<int> targetFPS;
   std::optional<double> recentFPS;
   // Frames in the file of a saved take. Only with `keepFailed`.
@@ -92,8 +92,8 @@ struct Recording {
   std::optional<Seconds> timeLeft;
   std::string stoppedFor;     // "minimum_free" if the take was stopped for lack of space
   std::string frameLogError;  // why the log of frames ended early; in the last event of a take
-  // Of a take with sound: how often silence was inserted or sound was cut, so that sound and
-  // pictures stay together, and in the last event how much of the movie has no sound.
+  // Only of a take with sound: how often silence was inserted or sound was cut to keep sound and
+  // pictures together. The last event also says how much of the movie has no sound.
   std::optional<std::uint64_t> soundGaps;
   std::optional<Seconds> soundMissing;
 

@@ -8,7 +8,7 @@
 
 namespace lumora::client {
 
-// Pixels, both even. Of a frame the longer is at most 1920, the shorter at most 1080.
+// Pixels, both even. The longer side of a frame is at most 1920, the shorter at most 1080.
 struct FrameSize {
   int width = 0;
   int height = 0;
@@ -30,7 +30,7 @@ struct LUMORA_CLIENT_EXPORT FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
   std::optional<FirstRow> firstRow = {};    // empty: bottom for rgba and bgra, top for all others
   std::optional<ColourMatrix> matrix = {};  // not for RGB and JPEG; empty: bt601
-  std::optional<ColourRange> range = {};    // the same; empty: limited
+  std::optional<ColourRange> range = {};    // not for RGB and JPEG; empty: limited
 
   bool operator==(const FrameFormat&) const = default;
 

@@ -42,7 +42,7 @@ struct HelperOptions {
   std::optional<FrameSize> frameSize = {};
   FrameFormat format = {};                // of all frames; by default RGBA, the bottom row first
   std::optional<SoundFormat> sound = {};  // of `writeSound`; empty: takes have no sound
-  // Calls the handlers, of takes, too. With a queue the constructor returns at once.
+  // Calls the handlers, including those of takes. With a queue the constructor returns at once.
   std::shared_ptr<EventQueue> queue = {};
 };
 
@@ -53,10 +53,11 @@ struct LUMORA_CLIENT_EXPORT StartError : std::runtime_error {
 
 class LUMORA_CLIENT_EXPORT Helper {
  public:
-  // Called for each event, one at a time. With a queue: in its `dispatch`, may do anything, and is
-  // never called after the destructor. Without one: on a thread of the library, perhaps before the
-  // constructor has returned. It must not throw, stop or destroy the helper, or wait for the end of
-  // a take or for a thread that stops the helper, because that thread waits for the handler.
+  // Called for each event, one at a time. With a queue, its `dispatch` calls the handler, never
+  // after the destructor, and the handler may do anything. Without one, a thread of the library
+  // calls it, perhaps before the constructor has returned. The handler then must not throw, stop or
+  // destroy the helper, or wait for the end of a take or for a thread that stops the helper,
+  // because that thread waits for the handler.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
@@ -89,10 +90,10 @@ class LUMORA_CLIENT_EXPORT Helper {
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
 
-  // Passes sound to the helper, which was captured from this time on. Never waits. False if it was
-  // skipped: the sound of two seconds waits already, it is from more than 50 ms after now, or the
-  // helper ends. Throws std::invalid_argument if it ends between two channels, or without
-  // `HelperOptions::sound`.
+  // Passes sound to the helper. Its first sample was captured at this time. Never waits. False if
+  // the sound was skipped: more than two seconds of sound would wait, the time is negative or more
+  // than 50 ms ahead, or the helper ends. Throws std::invalid_argument if the channels have
+  // different numbers of samples, or without `HelperOptions::sound`.
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
   // Starts a take after the frames published so far. A take that the helper refuses has failed: see

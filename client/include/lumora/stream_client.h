@@ -15,9 +15,9 @@
 
 namespace lumora::client {
 
-// Why a connection has ended. The helper closes it without a word, so not all is known: from
-// another machine `noRoom` may look like `refused`, and an end that is read more than a second
-// after the hello is `closed`.
+// Why a connection has ended. The helper sends no reason, so this may be wrong: from another
+// machine `noRoom` may look like `refused`, and an end that is read more than a second after the
+// hello is `closed`.
 enum class StreamEnd {
   none,     // it has not ended
   noRoom,   // the hello was not read: two clients are admitted, or four others wait
@@ -45,8 +45,8 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   [[nodiscard]] std::optional<Packet> receive(Seconds limit);
   StreamEnd end() const;
   bool isClosed() const { return end() != StreamEnd::none; }
-  // Can be read when bytes have arrived, or the helper has closed the connection. Who watches it
-  // then calls `receive` with no time until that returns nothing.
+  // Can be read when bytes have arrived, or the helper has closed the connection. Then call
+  // `receive` with a limit of 0 until it returns no packet.
   int descriptor() const;
   // Receives packets until the helper closes the connection (see `end`) or `goesOn` returns false.
   // Passes each packet to `handle`, which has to return within 80 ms, and then acknowledges the

@@ -31,17 +31,17 @@ LUMORA_CLIENT_EXPORT std::optional<TakeSize> parseTakeSize(std::string_view text
 struct TakeOptions {
   std::filesystem::path path = {};  // absolute, ends in ".mp4"; nothing may exist there
   TakeProfile profile = {};
-  bool steady = true;  // keeps every frame of a camera at about the profile's rate
+  bool steady = true;  // keeps every frame of a camera that runs at about the profile's rate
   std::optional<Uptime::time_point> startedAt = {};  // a capture time, at most 30 s ago; empty: now
-  // If the take fails, what was recorded is kept, or what is on the disk if that is the cause.
+  // If the take fails, what was recorded is kept. If the disk fails, only what is on it is kept.
   bool keepFailed = true;
   // The take is stopped and saved if its file system has fewer bytes left. Up to 2^53.
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
   int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
   bool frameLog = false;            // "<movie>.frames.csv" says what became of each frame
-  // A track of the sound that `writeSound` gets. Frames then need ids from `frameID`, and lie in
-  // the movie where they were captured. The helper must have `HelperOptions::sound`.
+  // A track of the sound that `writeSound` gets. Frames then need ids from `frameID`, and have
+  // their capture times in the movie. The helper must have `HelperOptions::sound`.
   bool sound = false;
   std::optional<int> soundBitRate = {};  // bits per second, 32,000 to 320,000; empty: 128,000
 };
@@ -58,10 +58,10 @@ class LUMORA_CLIENT_EXPORT Take {
   // The path of the file while the take runs. If the helper is killed, the file stays and plays.
   std::filesystem::path stagingPath() const;
   // Stops the take at this time, or now (not before its start). Frames that the helper reads later
-  // are left out. It reads a frame a little after its capture, so stop one frame interval later to
-  // keep the last frame. Calling it again does nothing. Throws std::invalid_argument for a time
-  // before the start, more than 30 s ago or more than 50 ms ahead, because the helper would fail
-  // the take.
+  // are left out. The helper reads a frame a little after its capture, so stop one frame interval
+  // later to keep the last frame. A second call does nothing. Throws std::invalid_argument for a
+  // time before the start, more than 30 s ago or more than 50 ms ahead, because the helper would
+  // fail the take.
   void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
   // When the take starts and stops.
   Uptime::time_point startedAt() const;

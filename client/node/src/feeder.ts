@@ -86,7 +86,7 @@ export class Feeder {
     const bytes = samples.byteLength;
     const most = mostSoundSeconds * rate * channels * samples.BYTES_PER_ELEMENT;
     if (this.#ending || this.#soundBytes + bytes > most) return false;
-    if (isAhead(capturedAt)) return false; // ids must grow: later sound would get wrong times
+    if (isAhead(capturedAt)) return false; // else later sound, with higher ids, gets wrong times
     if (bytes === 0) return true;
     const { records, last } = soundRecords(samples, format, frameId(capturedAt), this.#lastSound);
     this.#lastSound = last;
@@ -95,7 +95,7 @@ export class Feeder {
     return true;
   }
 
-  /** From now on drops frames, and not the one that waits. */
+  /** Drops frames from now on. A frame that already waits is still written. */
   endFrames(): void {
     this.#framesHaveEnded = true;
   }

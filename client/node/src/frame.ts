@@ -1,4 +1,5 @@
-// Memory for pictures that is used again. A forgotten frame costs a new buffer, nothing else.
+// Memory for pictures that is used again. A frame that is never published or closed
+// only costs a new buffer.
 
 import { disposeWith } from './dispose.js';
 import { invalid } from './errors.js';
@@ -10,11 +11,11 @@ import {
   type FrameSize,
 } from './frame_format.js';
 
-// One is written, one waits, and two are filled.
+// One buffer is being written, one waits, and two are being filled.
 const mostFree = 4;
 const empty = new Uint8Array(0);
 
-/** Memory of a helper for one picture. It goes back when the frame is published or closed. */
+/** Memory for one picture. It is reused after the frame is written, dropped or closed. */
 export class Frame {
   readonly size: FrameSize;
   readonly format: FrameFormat;
@@ -40,7 +41,7 @@ export class Frame {
   }
 
   /**
-   * The memory, which has the bytes of an earlier picture. For `mjpeg` it is the room for the
+   * The memory, which may have the bytes of an earlier picture. For `mjpeg` it has room for the
    * largest picture. Empty once the frame is published or closed.
    */
   get pixels(): Uint8Array {
@@ -56,19 +57,19 @@ export class Frame {
     this.#length = bytes;
   }
 
-  /** Call it for a frame that you don't publish. Does nothing after that. */
+  /** Call it for a frame that you don't publish. Does nothing after `publish` or `close`. */
   close(): void {
     if (this.#memory !== empty) this.take()();
   }
 
-  /** @internal Throws an ArgumentError if there is none. */
+  /** @internal Throws an ArgumentError if the frame is empty or its length is not set. */
   picture(): Uint8Array {
     if (this.#memory === empty) throw invalid('this frame was already published');
     if (this.#length === 0) throw invalid('the length of the picture was not set');
     return this.#memory.subarray(0, this.#length);
   }
 
-  /** @internal Leaves the frame empty. Returns what gives the memory back. */
+  /** @internal Leaves the frame empty. Returns a function that gives the memory back. */
   take(): () => void {
     const memory = this.#memory;
     this.#memory = empty;

@@ -23,17 +23,17 @@ const bitsPerPixel = {
   mjpeg: 16,
 };
 
-/** Planes follow each other, and nothing has padding. `mjpeg`: a frame is one JPEG picture. */
+/** Planes and rows follow each other without padding. `mjpeg`: a frame is one JPEG picture. */
 export type FrameEncoding = keyof typeof bitsPerPixel;
 
 /**
- * An encoding, then at most one word of each pair: `top` or `bottom` (the first row; without it
- * `bottom` for `rgba` and `bgra`, `top` for all others), and from `nv12` to `uyvy` also `bt601` or
- * `bt709`, `limited` or `full` (without them the first of each).
+ * An encoding, then at most one word of each pair: `top` or `bottom` (the first row; by default
+ * `bottom` for `rgba` and `bgra`, `top` for all others), and for `nv12`, `nv21`, `i420`, `yuyv` and
+ * `uyvy` also `bt601` or `bt709`, `limited` or `full`. The defaults are `bt601` and `limited`.
  */
 export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
 
-// The first of each is meant when neither is named.
+// A format that names neither word means `standard`.
 type Choice = [standard: string, other: string];
 const colours: Choice[] = [
   ['bt601', 'bt709'],
@@ -77,7 +77,7 @@ function withEveryWord(format: FrameFormat): string {
   return [encoding, ...chosen].join();
 }
 
-/** Whether both mean the same. Throws an ArgumentError for one that the helper does not accept. */
+/** Whether both mean the same. Throws an ArgumentError if the helper does not accept both. */
 export function isSameFormat(a: FrameFormat, b: FrameFormat): boolean {
   return withEveryWord(a) === withEveryWord(b);
 }

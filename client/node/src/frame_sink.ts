@@ -24,25 +24,26 @@ export type FrameWriter = (frame: PostedFrame) => Promise<FrameOutcome>;
 
 export interface FrameSinkOptions {
   /**
-   * The helper's format. By default that of the first VideoFrame, or `rgba,top`, to which the
-   * browser converts. Pictures that are no VideoFrames need it.
+   * The helper's format. By default that of the first VideoFrame. If the helper does not accept
+   * that, it is `rgba,top`, to which the browser converts. Pictures that are no VideoFrames need
+   * this option.
    */
   format?: FrameFormat;
   /** Called for each dropped frame, with the counts. */
   onDrop?: (counts: Readonly<FrameCounts>) => void;
 }
 
-// The format of a sink that got none, from its first frame.
+// The format of a sink without the option `format`. The sink's first frame decides.
 function ownFormat(frame: CameraFrame | Picture): FrameFormat {
   if ('pixels' in frame) throw invalid('pictures that are no VideoFrames need the option "format"');
   return videoFrameFormat(frame) ?? 'rgba,top';
 }
 
-// One is being written, and one waits. A third would replace that.
+// One frame is being written, and one waits. A third would replace the waiting one.
 const mostUnanswered = 2;
 
 export class FrameSink {
-  /** A failed frame is in neither. */
+  /** A frame that failed is in neither count. */
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
    * Takes VideoFrames, which it closes, and pictures, whose memory may be reused when their write

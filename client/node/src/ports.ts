@@ -19,7 +19,7 @@ export interface NodePort {
   start(): void;
 }
 
-// Passes on the messages of the port. Returns a function that ends this.
+// Passes the port's messages to `handle`. Returns a function that stops this.
 function listen<Message>(port: NodePort, handle: (message: Message) => void): () => void {
   const listener = (message: { data?: Message } & Message) =>
     handle(message?.data ?? message); // Electron's port passes an event
@@ -69,9 +69,9 @@ export interface PreviewLimits {
  * drawn the newest picture that it got and a key frame comes. Needs a client with
  * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection or the port is
  * closed, also while `client` still connects; the port can then get the preview of another client.
- * Nothing tells that the port was closed before the call. So it also resolves if the page has drawn
- * nothing within `firstDrawnWithin` of the first picture. Rejects if `client` does, and with the
- * errors of the client's loop.
+ * A port that was closed before the call does not report it. So `sendPreview` also resolves if the
+ * page has drawn nothing within `firstDrawnWithin` of the first picture. Rejects if `client` does,
+ * and with the errors of the client's loop.
  */
 export async function sendPreview(
   client: StreamClient | Promise<StreamClient>,
@@ -126,8 +126,8 @@ class PagePictures {
   }
 }
 
-// The helper drops a client that acknowledges nothing for 500 ms, and one that acknowledges what it
-// did not get.
+// The helper disconnects a client that leaves a frame unacknowledged for 500 ms, or acknowledges a
+// frame that it did not get.
 async function postPreview(
   client: StreamClient,
   port: NodePort,

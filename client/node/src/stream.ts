@@ -48,16 +48,16 @@ const words: Record<Refusal, string> = {
   CLOSED: 'the helper has ended',
 };
 
-// The first two come from an acknowledgement that arrives after the helper has ended, the last from
-// `close`.
+// The first two come if the helper closes the connection before it has read all that the client
+// sent, the last comes from `close`.
 const endings = ['ECONNRESET', 'EPIPE', 'ERR_STREAM_PREMATURE_CLOSE'];
 
 const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoException).code ?? '');
 
 /**
  * Iterate once with `for await` to get the packets. Leaving the loop closes the connection. The
- * loop ends when the connection is closed. It throws a StreamError if the helper closes it before
- * the first packet.
+ * loop ends when the connection is closed. It throws a StreamError if that happens before the
+ * first packet and not by `close`.
  */
 export class StreamClient implements AsyncIterable<Packet> {
   /** Lets `using` close the connection. Missing where Node does not have the symbol. */
@@ -122,7 +122,7 @@ disposeWith(StreamClient, Symbol.dispose, function () {
   this.close();
 });
 
-// Throws for options that no socket takes. Rejects when the time is over, too.
+// Throws for options that no socket takes. Also rejects when `connectTimeout` is over.
 function open(options: StreamOptions): Promise<Socket> {
   const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
   const limit = AbortSignal.timeout(connectTimeout);
@@ -139,7 +139,7 @@ function open(options: StreamOptions): Promise<Socket> {
 // the hello.
 const roomLimit = 500;
 
-// The helper never says why it closes a connection. A second one that says nothing shows it.
+// The helper never says why it closes a connection. A second connection, without a hello, shows it.
 async function whyRefused(options: StreamOptions): Promise<Refusal> {
   const socket = await open(options).catch(() => undefined);
   if (!socket) return 'CLOSED';

@@ -24,8 +24,8 @@ export interface TakeOptions {
   /** Capture time by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
   startedAt?: number;
   /**
-   * True, the default, keeps what a take has recorded when it fails, or what is on the disk if that
-   * is the cause: see `TakeError`.
+   * True, the default, keeps what a failed take has recorded. If the disk is the cause of the
+   * failure, only what is on the disk is kept. See `TakeError`.
    */
   keepFailed?: boolean;
   /** The take is stopped and saved if its file system has fewer bytes left. Up to 2 ** 53. */
@@ -37,8 +37,8 @@ export interface TakeOptions {
   /** True writes what became of each frame to a file beside the movie, "<movie>.frames.csv". */
   frameLog?: boolean;
   /**
-   * True adds the sound that `writeSound` gets. Pictures then lie in the movie where their frame ids,
-   * those of `frameId`, say that they were captured. The helper needs the `sound` of `startHelper`.
+   * True adds the sound that `writeSound` gets. Pictures then lie in the movie at their capture
+   * times, which the helper takes from their ids (`frameId`). Needs the `sound` of `startHelper`.
    */
   sound?: boolean;
   /** Bits per second, 32,000 to 320,000; 128,000 by default. */
@@ -56,7 +56,7 @@ export interface KeptTake {
 /**
  * `REFUSED`: the helper did not begin the take. `FAILED`: it began and failed. Both have the
  * helper's words as the message.
- * `NO_ANSWER`: nothing was heard of its start for ten seconds.
+ * `NO_ANSWER`: the helper did not answer within ten seconds.
  * `HELPER_ENDED`: the helper ended before the take was saved.
  */
 export type TakeErrorCode = 'REFUSED' | 'FAILED' | 'NO_ANSWER' | 'HELPER_ENDED';
@@ -123,8 +123,8 @@ export class Take {
 
   /**
    * Ends the take after the frames written so far; returns `saved`. `stoppedAt` has the limits of
-   * `startedAt` in TakeOptions and must not be before it. For any other time this throws an
-   * ArgumentError and the take goes on, because the helper would fail it.
+   * `startedAt` in TakeOptions and must not be before it. For any other time the helper would fail
+   * the take. So `stop` then throws an ArgumentError, and the take goes on.
    */
   stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
     if (this.#stoppedAt !== undefined) return this.saved;
@@ -214,7 +214,7 @@ export class Takes {
     let isAnswered = false;
     const expire = () => {
       if (isAnswered) return;
-      void take.stop(); // if only its answer was lost, it runs
+      void take.stop(); // if only the answer was lost, the take runs
       this.#fail(open, new TakeError('NO_ANSWER', 'the helper did not answer'));
     };
     // An answer that waits to be read is read before the immediate.

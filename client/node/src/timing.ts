@@ -14,7 +14,7 @@ export function frameId(capturedAt = uptime()): number {
 const maximumAge = 30;
 const maximumLead = 0.05;
 
-/** Whether the helper leaves out what is captured at this time, since that lies ahead. */
+/** Whether this time is so far ahead that the helper skips sound captured then. */
 export function isAhead(capturedAt: number): boolean {
   return capturedAt > uptime() + maximumLead;
 }

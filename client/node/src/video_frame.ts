@@ -66,8 +66,9 @@ const matrices = new Map([
 ]);
 
 /**
- * The format for `startHelper`; undefined if the helper does not accept such pictures. Without a
- * matrix in the frame it has BT.601, without a range limited range, as Chromium draws such frames.
+ * The format for `startHelper`; undefined if the helper does not accept such pictures. If the frame
+ * has no matrix, the format names BT.601. If it has no range, the format names limited range.
+ * Chromium draws such frames so.
  */
 export function videoFrameFormat({ format, colorSpace }: CameraFrame): FrameFormat | undefined {
   const encoding = yuv.get(format);

@@ -81,8 +81,7 @@ export class Takes {
     if (event.state === 'saved') showMovie(event);
   }
 
-  // `count` takes are left, also those that another helper is recording. `lines` are the results of
-  // a recovery.
+  // `count` takes are unfinished, running ones included. `lines` are the results of a recovery.
   showInterrupted({ count, lines }) {
     element('interrupted').hidden = false;
     element('interrupted-keep').hidden = count === 0;

@@ -7,7 +7,7 @@ function open(): void {
   const recorder = utilityProcess.fork(join(__dirname, 'recorder.js'), [app.getPath('videos')]);
   const window = new BrowserWindow({ webPreferences: { preload: join(__dirname, 'preload.js') } });
 
-  // Also after a reload: the page then needs new ports.
+  // This also runs after a reload, when the page needs new ports.
   window.webContents.on('did-finish-load', () => {
     const channels = [1, 2, 3, 4].map(() => new MessageChannelMain());
     const [inner, outer] = [channels.map(({ port1 }) => port1), channels.map(({ port2 }) => port2)];

@@ -31,7 +31,8 @@ function tell(text: string): void {
 const report = ({ code, message }: { code?: string; message: string }) =>
   tell(`${code}: ${message}`);
 
-// The helper has one format for its whole run. A helper that ended is followed by another.
+// The helper has one format for its whole run. A frame of another format starts another helper, as
+// does a frame that comes after the helper has ended.
 function helperFor(format: FrameFormat): Promise<Helper> {
   if (running?.format === format) return running.helper;
   const last = running?.helper.then((helper) => helper.stop());
@@ -64,7 +65,7 @@ async function record(): Promise<void> {
   tell(`${saved.path}: ${saved.frames} frames`);
 }
 
-// Sound ends when it arrives. Before the first frame there is no helper for it.
+// The last sample counts as captured now. Sound before the first frame is dropped: no helper runs.
 async function writeSound(samples: Int16Array): Promise<void> {
   const capturedAt = uptime() - samples.length / sound.channels / sound.rate;
   hasSound = true;
@@ -77,7 +78,7 @@ function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
   acceptFrames(frames, (format) => {
     const helper = helperFor(format);
     if (!isShown) {
-      isShown = true; // until a while after the end; the next frame then makes another
+      isShown = true; // the first frame `retryAfter` after the preview's end shows it again
       const retry = () => setTimeout(() => (isShown = false), retryAfter);
       void showPreview(helper, preview).catch(console.error).finally(retry);
     }
