@@ -4,7 +4,7 @@
 #   make view           show the same picture live in a browser, with a button to record
 #   make test           run every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
 #   make bench          compare the helper with other tools and with its encoders alone, into
-#                       $(OUT)/bench.json and two charts (50 minutes; ROUNDS=1 for a quick look, 20)
+#                       $(OUT)/bench.json and two charts (50 minutes, or 20 with ROUNDS=1)
 #   make fuzz           run the fuzzers (MINUTES for each)
 #   make soak           run takes and clients at random, at full speed (MINUTES)
 #   make losses         show what takes lose by kills, power cuts, bad disks and others (6 minutes)

@@ -4,12 +4,12 @@
 
 namespace lumora {
 
-// A service on fakes that goes on by itself: encoders answer, clients acknowledge, the disk is
-// quick.
+// A service on fakes. In each step encoders answer, sends to the client end, and movies are
+// completed.
 struct FuzzedService {
   explicit FuzzedService(std::shared_ptr<FrameMemory> frameMemory = nullptr,
                          const std::string& frameFormat = "rgba");
-  ~FuzzedService();  // lets it end, and looks at what it has said and how it has ended
+  ~FuzzedService();  // ends the service, and checks its exit status and its events
   FuzzedService(const FuzzedService&) = delete;
   FuzzedService& operator=(const FuzzedService&) = delete;
 
@@ -26,7 +26,7 @@ struct FuzzedService {
   std::uint64_t lastID_ = std::uint64_t{1} << 62;
 };
 
-// Stops the fuzzer there.
+// Aborts unless `held`, so that the fuzzer reports its input.
 void require(bool held);
 
 }  // namespace lumora

@@ -83,7 +83,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
           timings[inside - 1].time + std::min(end - timings[inside - 1].time, longestSample));
   const auto soundEnd = static_cast<std::uint64_t>(1024 + end * 48000 / movieTimescale);
   packets = std::min<std::size_t>(packets, (soundEnd + 1023) / 1024);
-  // Of a single packet nothing is to be heard.
+  // A single packet is only the priming, which the edit list hides.
   require(packets < 2 || readMovie(bytes, 1).times.size() == packets);
   // The file as it was before it was finished, cut off at page boundaries.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};

@@ -1,4 +1,4 @@
-// Fuzzes the files of interrupted takes. What is read of one becomes a movie that is read again.
+// Fuzzes the files of interrupted takes. Makes a movie of what was read, and reads that again.
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-# What CPack leaves as it is.
+# Strips static libraries, which CPack does not.
 file(GLOB_RECURSE archives ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*.a)
 foreach(archive ${archives})
   execute_process(COMMAND ${CPACK_STRIP} --strip-debug ${archive} COMMAND_ERROR_IS_FATAL ANY)

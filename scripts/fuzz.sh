@@ -21,5 +21,5 @@ fuzz() {
 }
 export -f fuzz
 export seconds
-# Fails if one of them fails.
+# Fails if one fuzzer fails.
 printf '%s\0' build/fuzz/fuzz/fuzz-* | xargs -0 -n 1 -P "$jobs" bash -c 'fuzz "$0"'

@@ -17,7 +17,7 @@ mmdebstrap --quiet --variant=minbase "$SUITE" "$root"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
 cp /etc/hosts "$root/etc/"
-# Shared, so that mounts that a test makes in its folder are visible there, too.
+# /tmp is shared, so that the new system also sees the mounts that a test makes in its folder.
 mount --bind /tmp /tmp
 mount --make-shared /tmp
 mount --bind /tmp "$root/tmp"

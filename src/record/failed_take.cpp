@@ -15,7 +15,7 @@ void MovieRecorder::abort(const std::string& message, FrameOutcome cause) {
   queue->async([self = shared_from_this(), message, cause] { self->fail(message, cause); });
 }
 
-// Once its track has its end, a movie needs no more sound.
+// Once the end of its sound is set, a movie needs no more sound.
 void MovieRecorder::soundFailed(const std::string& message) {
   queue->async([self = shared_from_this(), message] {
     if (self->sound && !self->sound->isEnding()) self->fail(message, FrameOutcome::encoder);
@@ -34,14 +34,14 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
     return tell(TakeState::failed, 0, failure, path);
   }
   if (!diskKeepsUp || !keepAll(cause)) rescue();
-  // If the disk hangs, there is never an answer.
+  // If the disk hangs, the writer never answers, so the take ends without an answer.
   const double left = std::clamp(latestEnd - platform.clock->uptime(), 0.0, rescueTimeout);
   queue->asyncAfter(
       left, [self = shared_from_this()] { self->kept(self->writer->synced(), self->staging); });
 }
 
-// Completes the file with every sample, but for a last one that can't be written. False if that is
-// impossible.
+// Completes the file with every sample, except the last if it can't be written. False if the file
+// can't be completed.
 bool MovieRecorder::keepAll(FrameOutcome rest) try {
   if (!held) return false;
   std::int64_t end = held->movieTime;
@@ -65,7 +65,7 @@ void MovieRecorder::rescue() try {
 }
 
 // A file that could not be completed keeps its name, since it is no ordinary movie yet. The disk
-// may hang during a rename, so that has a thread of its own.
+// may hang during a rename, so the rename has a thread of its own.
 void MovieRecorder::nameKept(MovieExtent extent, bool isComplete) try {
   if (isConcluded || !isComplete) return kept(extent, staging);
   platform.dispatch->runDetached("lumora.rename", [self = shared_from_this(), extent] {

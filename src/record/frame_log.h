@@ -1,8 +1,8 @@
 #pragma once
 
 // What became of each frame that was read during a take, as lines of comma-separated values in the
-// order in which the frames were read. The outcome of a frame that is dropped is known before that
-// of the frame in front of it, which is still being encoded. Such lines wait here.
+// order in which the frames were read. A frame may be dropped while the frame before it is still
+// being encoded. The dropped frame's line then waits here for the outcome of the earlier one.
 
 #include <cstdint>
 #include <deque>
@@ -35,11 +35,11 @@ class FrameLog {
  public:
   static constexpr std::size_t mostFrames = 10'000;
 
-  // The next frame, and what became of it if that is known.
+  // Adds the next frame, and what became of it if that is known.
   void note(const ReadFrame& frame, std::optional<FrameOutcome> outcome);
-  // What became of a frame whose outcome was unknown. `movieTime`: where it stands, in seconds.
+  // Sets the outcome of a frame that has none. `movieTime` is where it begins, in seconds.
   void settle(std::uint64_t id, FrameOutcome outcome, std::optional<double> movieTime = {});
-  // Notes no more frames. Those whose outcome is still unknown get this one.
+  // Notes no more frames. Frames whose outcome is still unknown get `rest`.
   void end(FrameOutcome rest);
   // Notes no more frames, because one was missed.
   void giveUp();

@@ -33,7 +33,7 @@ void MovieRecorder::finishJob(double stop) {
   }
 }
 
-// The end that a stop has set. The sound up to it is written.
+// Ends the movie at the end that a stop has set. The sound is written, unless time is short.
 void MovieRecorder::endAwaited() {
   try {
     const double end = *std::exchange(awaitedEnd, std::nullopt);
@@ -80,8 +80,8 @@ void MovieRecorder::movieEnded(double end) {
         staging);
 }
 
-// Renames the movie, and its log behind it. False if the movie can't have this name. Nothing waits
-// between the two, so that a kill hardly ever parts them.
+// Renames the movie, and its log behind it. False if the movie can't have this name. The second
+// rename follows at once, so that a kill hardly ever comes between the two.
 bool MovieRecorder::moveTo(const std::string& name) {
   if (!platform.files->move(staging, name)) return false;
   if (hasLogFile && !platform.files->move(frameLogPath(staging), frameLogPath(name)))

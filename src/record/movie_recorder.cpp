@@ -37,8 +37,8 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
   if (options.sound) sound.emplace(*options.sound, options.soundBitRate);
 }
 
-// Beside sound, a picture stands where the parent says that it was captured. Times never go back,
-// even if only some ids are times.
+// In a take with sound a picture lies where the parent says that it was captured. Times never go
+// back, even if only some ids are times.
 double MovieRecorder::captureTime(const ReadFrame& frame) {
   if (!options.sound) return frame.capturedAt;
   latestCapture = std::max(latestCapture, frameTime(frame.id, frame.capturedAt));
@@ -48,7 +48,7 @@ double MovieRecorder::captureTime(const ReadFrame& frame) {
 bool MovieRecorder::append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame,
                            bool keyframe) {
   using enum FrameOutcome;
-  if (!accepting) {  // the end of the log says why
+  if (!accepting) {  // the frame gets its outcome when the log ends
     ++dropped;
     return false;
   }
@@ -125,11 +125,11 @@ void MovieRecorder::prepare(const HeldSample& first) {
     throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
   }
   lastProgressReport = platform.clock->uptime();
-  if (sound) soundLater();  // what it has held
+  if (sound) soundLater();  // encodes what it has held
   tell(TakeState::recording, 0, "", path);
 }
 
-// The take goes on without it.
+// If the log can't be opened, the take goes on without it.
 void MovieRecorder::openLog() try {
   if (!log) return;
   const auto takeLines = [log = log] { return log->takeLines(); };

@@ -4,7 +4,7 @@
 // a queue of its own, so a slow disk never blocks the state queue. It holds each sample back until
 // the next one comes, since only then the sample's duration is known. After a dropped sample it
 // drops everything until the next key frame. Sound comes from a queue of its own, and is written on
-// the same one.
+// the take's queue.
 
 #include <algorithm>
 #include <atomic>
@@ -24,22 +24,22 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   using Report =
       std::function<void(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from)>;
 
-  // `relay` gets every event of the take, on the state queue. Throws std::system_error when there
-  // can be no queue.
+  // `relay` gets every event of the take, on the state queue. Throws std::system_error when the
+  // queue gets no thread.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
                 RecordingProfile takeProfile, const TakeOptions& asked, const Platform& services,
                 Report relay);
 
-  // State queue. When the next frame was captured, as this take counts. Uptime seconds.
+  // State queue. The capture time that this take uses for the next frame. Uptime seconds.
   double captureTime(const ReadFrame& frame);
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
   bool append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame, bool keyframe);
   void reportProgress();
   void countDropped(std::uint64_t frame,
-                    FrameOutcome why);       // it was lost before it became a sample
+                    FrameOutcome why);       // the frame was lost
   void countThrottled(std::uint64_t frame);  // the cadence skipped the frame
   int pendingWork() const { return pending; }
-  bool accepts() const { return accepting; }  // false once it has failed or finishes
+  bool accepts() const { return accepting; }  // false once the take has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
   // Any thread. The next records for a take with sound. `isLast`: no more come.
@@ -80,7 +80,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
     std::int64_t movieTime = 0;  // where it begins in the movie
   };
 
-  // The functions run on the take's queue.
+  // Take's queue. `moveTo` also runs on the thread that renames a kept take.
   void writeJob(HeldSample next);
   void holdBack(HeldSample next);
   void prepare(const HeldSample& first);
@@ -128,7 +128,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   double origin = 0;                 // uptime at which the movie begins, once there is a writer
   std::optional<TakeSound> sound;    // if it was asked for
   bool isSoundQueued = false;        // a job will encode more of it
-  std::optional<double> awaitedEnd;  // seconds of the movie; it ends when its sound has come
+  std::optional<double> awaitedEnd;  // where the movie ends, in seconds, once its sound has come
   std::uint64_t frames = 0;
   double writtenDuration = 0;  // seconds
   double lastProgressReport = -std::numeric_limits<double>::infinity();
@@ -139,7 +139,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   int height = 0;
   bool failed = false;
   std::string failure;       // the reason
-  bool hasLogFile = false;   // beside the movie, under the name that goes with the movie's
+  bool hasLogFile = false;   // the log has a file beside the movie, named after it
   std::string logFailure;    // why the log has no file
   bool isConcluded = false;  // the last event was sent
 
@@ -150,7 +150,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // Take's queue and the thread that renames a kept take.
   std::atomic<bool> isLogAstray = false;  // the log could not get its final name
 
-  // Both queues.
+  // Several queues.
   std::atomic<int> pending = 0;                // write jobs queued and not finished
   std::atomic<std::int64_t> waitingSound = 0;  // samples that the take's queue has not taken
   std::atomic<std::uint64_t> dropped = 0;

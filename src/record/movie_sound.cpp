@@ -7,8 +7,8 @@
 
 namespace lumora {
 
-// Sound for which a queue that hangs has no place becomes silence. The first records, those that
-// `SoundInput` has kept, always have one.
+// If the take's queue hangs, sound beyond `longestWait` becomes silence. The first records, those
+// that `SoundInput` has kept, always fit.
 void MovieRecorder::addSound(std::vector<SoundRecord> records, bool isLast) {
   constexpr std::int64_t longestWait = 4;  // seconds of sound
   std::int64_t samples = 0;
@@ -35,7 +35,7 @@ void MovieRecorder::holdSound(std::vector<SoundRecord> records, bool isLast) {
   encodeSound();
 }
 
-// Encodes a little, and the rest later: between pictures.
+// Encodes a little now, and the rest in later jobs, between pictures.
 void MovieRecorder::encodeSound() {
   const bool hasEnded = sound->isEnding() && !awaitedEnd;
   if (isSoundQueued || failed || hasEnded) return;
@@ -63,7 +63,7 @@ void MovieRecorder::soundLater() {
   isSoundQueued = true;
 }
 
-// The track is filled up to the end that a stop has set, and the movie ends.
+// Fills the track up to the end that a stop has set, then ends the movie.
 void MovieRecorder::endSound() {
   if (failed || !awaitedEnd || sound->isEnding()) return;
   sound->endAt(origin + *awaitedEnd);
@@ -76,7 +76,7 @@ bool MovieRecorder::isShortOfTime() const {
   return platform.clock->uptime() > latestEnd - least;
 }
 
-// The sound of a take that fails: as much as is encoded quickly.
+// Writes as much sound of a failed take as can be encoded in `longest` seconds.
 void MovieRecorder::keepSound(double end) {
   constexpr double longest = 0.5;  // seconds
   const double latest = platform.clock->uptime() + longest;

@@ -55,7 +55,7 @@ void VideoEncoder::startRecording(const Json& command) {
   }
 }
 
-// Only a take can miss the sound that was lost.
+// Lost sound matters only to a take.
 void VideoEncoder::soundFailed(const std::string& reason) {
   platform.stateQueue->async(weakly([reason](VideoEncoder& self) {
     if (self.take.movie) self.take.movie->soundFailed(reason);

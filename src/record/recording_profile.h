@@ -12,7 +12,7 @@ struct RecordingProfile {
   int height;              // pixels
   int targetFPS;           // frames per second
 
-  // The profile that a command asks for with "resolution" and "target_fps". Without both keys it is
+  // The profile that a command asks for with "resolution" and "target_fps". With neither key it is
   // the default one. Empty when they are invalid.
   static std::optional<RecordingProfile> parse(const Json& command);
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a "record_start" may ask for besides its place, its profile and its start. Pure.
+// What a "record_start" may ask for besides its path, its profile and its start time. Pure.
 
 #include <cstdint>
 #include <optional>

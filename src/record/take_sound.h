@@ -3,8 +3,8 @@
 // The sound of one take: records become packets of its track. Take's queue only.
 //
 // Records are held until they are encoded, ten seconds at most. Once the movie has begun, each call
-// of `next` encodes a little, so that pictures never wait long behind sound. A device from which
-// nothing comes for two seconds counts as silent.
+// of `next` encodes a little, so that pictures never wait long behind sound. A device that sends
+// no record for two seconds counts as silent.
 
 #include <deque>
 #include <memory>
@@ -26,10 +26,11 @@ class TakeSound {
   AacFormat begin(const OpenSound& open, double origin);
   // Takes the next records, if there are any. `isLast`: no more come.
   void add(std::vector<SoundRecord> records, bool isLast);
-  // The track ends at this uptime. Later records are left.
+  // The track ends at this uptime. Records captured later, or added after this call, are dropped.
   void endAt(double end);
-  // Encodes the next record, or at most a quarter of a second of silence. Returns packets, perhaps
-  // none. Empty if there is nothing to encode at uptime `now`. Throws EncoderFailure.
+  // Encodes the next record, or at most a quarter of a second of silence. The list of packets
+  // may be empty. It is nullopt if nothing is left to encode at uptime `now`. Throws
+  // EncoderFailure.
   std::optional<SoundPackets> next(double now);
 
   bool isEnding() const { return end_.has_value(); }
@@ -38,7 +39,7 @@ class TakeSound {
   bool isSettledUntil(double end) const {
     return (isLast_ && held_.empty()) || placing_->settledUntil() >= end;
   }
-  // Of the movie so far, or up to its end: its gaps, and the seconds for which no record came.
+  // The gaps of the movie so far or up to its end, and the seconds for which no record came.
   std::int64_t gaps() const;
   double missing() const;
 
@@ -54,7 +55,7 @@ class TakeSound {
   const SoundFormat format_;
   const std::int64_t bitRate_;
   const int trackRate_ = soundTrackRate(format_.rate);
-  std::unique_ptr<SoundEncoder> encoder_;  // once the movie has begun, as `placing_`
+  std::unique_ptr<SoundEncoder> encoder_;  // null until the movie has begun, like `placing_`
   std::optional<SoundPlacing> placing_;
   double origin_ = 0;  // uptime at which the movie begins
   std::deque<SoundRecord> held_;

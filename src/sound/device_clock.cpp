@@ -7,18 +7,18 @@
 namespace lumora {
 namespace {
 
-constexpr double firstDrift = 9e-8;         // variance, of 300 ppm
-constexpr double driftWander = 4e-13;       // variance that the drift gains in a second, of 0.6 ppm
+constexpr double firstDrift = 9e-8;         // variance: 300 ppm squared
+constexpr double driftWander = 4e-13;       // variance the drift gains in a second: 0.6 ppm squared
 constexpr double jitterMemory = 100;        // records
-constexpr double usualJitter = 2.4;         // standard deviations; those on the line are smaller
-constexpr double usualSpread = 4;           // standard deviations from the earliest to the latest
+constexpr double usualJitter = 2.4;         // standard deviations; times within are on the line
+constexpr double usualSpread = 4;           // most standard deviations between times that agree
 constexpr double usualError = 3;            // standard deviations of the line itself
-constexpr double usualDelay = 0.6;          // of a record's length; more than that is a lost record
+constexpr double usualDelay = 0.6;          // share of a record's length; more is a lost record
 constexpr double longestUsualDelay = 0.04;  // seconds
 constexpr double leastScatter = 0.01;       // seconds; less is jitter
 constexpr double scatterMemory = 10;        // seconds
 constexpr double leastStep = 0.01;          // seconds off the line that matter
-constexpr double longestAside = 1;          // seconds so far off, on one side, until that is a jump
+constexpr double longestAside = 1;          // seconds on one side until the line starts again
 constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer may be a jump
 constexpr double longestDoubt = 0.6;        // seconds until any deviation is a jump
 constexpr double mostHeld = 2;              // seconds of sound
@@ -43,7 +43,7 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   return flush();
 }
 
-// Of records that are still in doubt two that agree will do.
+// Two records that agree are enough for a jump here, since no later ones can confirm it in time.
 std::vector<SoundRecord> DeviceClock::flush() {
   if (deviation_.records > 1) jump();
   deviation_ = {};
@@ -67,8 +67,8 @@ double DeviceClock::usualLateness(double seconds) const {
   return std::max(jitter, std::min(usualDelay * seconds, longestUsualDelay));
 }
 
-// The two steps of the filter. Jitter is measured from one time to the next, so that an error of
-// the line does not count as jitter.
+// `correct` and `advance` are the two steps of the filter. Jitter is measured from one time to the
+// next, so that an error of the line does not count as jitter.
 void DeviceClock::correct(double late, double seconds) {
   const double timeGain = timeVariance_ / (timeVariance_ + jitter_);
   const double driftGain = covariance_ / (timeVariance_ + jitter_);
@@ -109,8 +109,8 @@ void DeviceClock::deviate(double late) {
   deviation_ = agrees ? Deviation{deviation_.records + 1, least, most} : Deviation{1, late, late};
 }
 
-// After a hang each record is late by one record's length less, so that is no jump, however much
-// the times jitter.
+// After a hang each record is late by one record's length less than the record before it. That is
+// no jump, however much the times jitter.
 bool DeviceClock::hasJumped() const {
   constexpr std::ptrdiff_t fewestRecords = 4;  // fewer may agree by chance
   if (deviation_.records < fewestRecords) return false;
@@ -119,14 +119,14 @@ bool DeviceClock::hasJumped() const {
   return agreed >= std::max(shortestDeviation, 2 * (deviation_.most - deviation_.least));
 }
 
-// After a hang the records come at once: the stated times tell how long the doubt lasts. The second
-// condition is for times that stand still.
+// After a hang many records come at once, so the stated times tell how long the doubt lasts. The
+// second condition is for stated times that stand still.
 bool DeviceClock::isDoubtedTooLong(double statedTime) const {
   return statedTime - doubtedSince_ >= longestDoubt ||
          held_.back().capturedAt - held_.front().capturedAt >= mostHeld;
 }
 
-// The drift may be another device's from here on.
+// After a jump the sound may come from another device, so the drift is uncertain again.
 void DeviceClock::jump() {
   const double by = (deviation_.least + deviation_.most) / 2;
   for (auto record = held_.end() - deviation_.records; record != held_.end(); ++record) {

@@ -1,18 +1,19 @@
 #pragma once
 
 // When the samples of a device were captured. The parent's times are off by some milliseconds, each
-// by another error. A Kalman filter finds the line through them: when the next sample is captured,
-// and how much slower than its nominal rate the device is.
+// by a different amount. A Kalman filter finds the line through them: when the next sample is
+// captured, and how much slower than its nominal rate the device is.
 //
-// A time off the line is at first no reason to leave it: the parent may have read that record late,
-// and the next times are on the line again. So such records are held. If four of them and 50 ms are
-// off by about the same, samples were lost or a clock jumped, and the line starts again there.
+// One time off the line does not move the line: the parent may have read that record late, and the
+// next times are on the line again. So such records are held. If four of them in a row, over at
+// least 50 ms, are off by about the same amount, samples were lost or a clock jumped, and the line
+// starts again there.
 //
-// A parent that looks for records at intervals gets them late by another time each, up to about a
-// record's length. While times scatter like that, and at first, those that are off by less than
-// most of a record count as on the line. Then the line starts again only after they were on one
-// side of it for a second and ten records, those on the other side and those close to it taken
-// away.
+// A parent that polls for records gets each one late by a different time, up to about a record's
+// length. While times scatter like that, and at first, a time that is off by less than most of a
+// record counts as on the line. Times that count as on the line can still all lie on one side of
+// it. The time spent on one side is added up. Time spent on the other side, or close to the line,
+// is subtracted. The line starts again when the sum exceeds a second and ten records.
 
 #include <cstddef>
 #include <vector>
@@ -30,14 +31,14 @@ class DeviceClock {
   // times: mostly just this one. Holds records whose stated times differ by less than 0.6 s,
   // and about two seconds of sound at most.
   std::vector<SoundRecord> add(SoundRecord record);
-  // Returns the records that it holds, because none come for a while or no more come.
+  // Returns all held records, without waiting for later ones.
   std::vector<SoundRecord> flush();
 
  private:
-  static constexpr double leastJitter = 9e-6;  // variance, of 3 ms
+  static constexpr double leastJitter = 9e-6;  // variance: 3 ms squared
 
   struct Deviation {
-    std::ptrdiff_t records = 0;  // the last ones of `held_`
+    std::ptrdiff_t records = 0;  // how many of the last ones in `held_`
     double least = 0;            // seconds off the line
     double most = 0;
   };
@@ -63,7 +64,7 @@ class DeviceClock {
   double scatter_ = 0.02;        // the most seconds by which lateness changed at once; it fades
   double late_ = 0;              // seconds by which the latest time on the line came after it
   double aside_ = 0;        // seconds for which times were on one side of the line; below 0: early
-  double steadyDrift_ = 0;  // `drift_` before they were
+  double steadyDrift_ = 0;  // `drift_` when `aside_` was last 0
   std::vector<SoundRecord> held_;  // with their times on the line
   double doubtedSince_ = 0;        // the stated time of the first of them
   Deviation deviation_;

@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-// Interleaved 16-bit samples. A number of samples counts those of one channel, everywhere.
+// Interleaved 16-bit samples. Numbers of samples are per channel everywhere.
 struct SoundFormat {
   int rate = 0;  // samples a second
   int channels = 0;

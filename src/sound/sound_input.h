@@ -1,10 +1,10 @@
 #pragma once
 
-// The sound of one run. The reader hands its records to a queue of their own, so sound never waits
-// for pictures, nor pictures for it. The device's clock runs on that queue from the first record
-// on, so a take begins with a clock that is known.
+// The sound of one run. The reader hands sound records to a queue of their own, so sound and
+// pictures never wait for each other. The device's clock runs on that queue from the first record
+// on, so it has already adapted to the device when a take begins.
 //
-// The last two seconds are kept for the next receiver, also while there is one. A command is
+// The last two seconds are kept for the next receiver, even while another receives. A command is
 // handled later than it was read, a take may follow another at once, and pictures may come two
 // seconds after their capture.
 
@@ -32,7 +32,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
 
   // Reader thread. Whether the next record may have this id and so many bytes.
   bool mayAdd(std::uint64_t id, std::uint32_t bytes) const;
-  // Reader thread. Leaves the record out if its time is not one of now, or if the queue hangs.
+  // Reader thread. Drops the record if its time is too far from now, or if the queue hangs.
   void add(std::uint64_t id, Bytes pcm);
   // Reader thread. No more records come.
   void end();

@@ -7,21 +7,21 @@
 // captured. The track tells where the record would lie if it were just appended. The difference is
 // removed in one of two ways:
 //
-// - Following: the resampler gains or loses a few samples. That takes up the drift of the device,
-//   and within some ten seconds what else is left. It is at most 550 ppm: 500 for the drift, the
-//   rest so that a difference shrinks beside it. It changes slowly, so that nobody hears it.
+// - Following: the resampler adds or removes a few samples. That makes up for the device's drift,
+//   and removes most of any other difference within some ten seconds. The compensation is at most
+//   550 ppm: 500 for the drift, the rest for the difference. It changes slowly, to be inaudible.
 // - Aligning: silence is inserted or samples are cut, to the sample. The beginning of the track is
 //   aligned. Later that is done when the difference is above 10 ms, because the device stopped,
-//   records were lost or a clock jumped. Each such time is a gap.
+//   records were lost or a clock jumped. Each later alignment is a gap.
 //
-// The resampler's real output closes the loop: what it rounds is part of the next difference. So
-// errors never add up, and this file needs no model of the resampler.
+// The track's length is the resampler's real output, so its rounding is part of the next
+// difference. Errors never add up, and this file needs no model of the resampler.
 //
-// While a device is silent, the track is filled a little behind the pictures. So when it goes on,
-// or the movie ends, little is left to fill at once.
+// While a device is silent, the track is filled with silence up to a little behind the pictures. So
+// when the device goes on, or the movie ends, little is left to fill at once.
 //
-// Silence and cuts are samples of the device, before the resampler. So what it still holds stays in
-// front of them.
+// Silence is inserted and samples are cut before the resampler. So the samples that the resampler
+// still holds stay in front of them.
 
 #include <cstdint>
 #include <vector>
@@ -37,18 +37,18 @@ struct SoundPlacement {
   int compensation = 0;      // by how many ppm the resampler makes the sound longer
 };
 
-// Places the sound of one take. Its queue only. All times are uptime seconds.
+// Places the sound of one take. Take's queue only. All times are uptime seconds.
 class SoundPlacing {
  public:
   // For sound of this rate, in a movie that starts at this time.
   SoundPlacing(int rate, double start) : rate_(rate), start_(start), settledUntil_(start) {}
 
-  // For the next record of `DeviceClock`, if it begins before the end of the movie. `length`: that
-  // of the track in seconds, with what the resampler still holds.
+  // For the next record of `DeviceClock`, if it begins before the end of the movie. `length` is the
+  // length of the track in seconds, including what the resampler still holds.
   SoundPlacement place(const SoundRecord& record, double length);
-  // For the same record before that: if there is a gap in front of it, the samples of silence that
-  // fill it, at most `most` seconds. Silence is encoded in pieces, so that pictures never wait
-  // long.
+  // Call this before `place`, with the same record. Returns the samples of silence that fill a gap
+  // in front of the record, at most `most` seconds. Silence is encoded in pieces, so that pictures
+  // never wait long.
   std::int64_t fillBefore(const SoundRecord& record, double most, double length);
   // For a device that is silent: the samples of silence that the track needs to reach `until`.
   std::int64_t fill(double until, double length);

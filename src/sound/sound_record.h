@@ -22,11 +22,11 @@ struct SoundRecord {
 // at least one, at most a quarter of a second.
 bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, SoundFormat format);
 
-// Whether sound captured at this time is used: not long past, nor in the future. Uptime seconds.
+// Whether sound captured at this time is used: neither too old nor too far ahead. Uptime seconds.
 bool isTimely(double capturedAt, double now);
 
-// Drops the first records until the rest has at most so many seconds, by its times and by its
-// samples: a jump of the clock moves times back.
+// Drops the first records until the rest has at most so many seconds, both by its times and by its
+// samples, since a jump of the clock can move times back.
 void keepLatest(std::deque<SoundRecord>& records, double seconds, int rate);
 
 }  // namespace lumora
