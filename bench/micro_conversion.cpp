@@ -16,8 +16,8 @@
 namespace lumora {
 namespace {
 
-// A picture of noise, in the service's kind of memory. Its pages are in memory before a benchmark
-// begins.
+// A picture of noise in memory from a pool, as in the service. Its pages are in memory before a
+// benchmark begins.
 PictureMemory picture(PictureSize size, PixelLayout layout = PixelLayout::rgba) {
   const std::size_t bytes = pictureBytes(layout, size);
   PictureMemory pixels = PicturePool::make()->allocate(bytes);

@@ -80,7 +80,7 @@ void measureGrowth(const std::string& helper, double seconds) {
 }
 
 // In each round of 240 frames one take starts and stops, and a later one fails. Latency is measured
-// for half a second after each of these moments.
+// for half a second before and after each of these moments.
 constexpr std::uint64_t roundFrames = 240;
 constexpr std::uint64_t windowFrames = 30;
 constexpr std::uint64_t startFrame = 60;

@@ -49,7 +49,7 @@ bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat forma
   constexpr std::size_t mostSeconds = 2;
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
-    throw std::invalid_argument("sound must have as many samples for each channel");
+    throw std::invalid_argument("all channels of sound must have the same number of samples");
   // The id of sound is its time, and ids must grow. After sound from the future, all later sound
   // would get wrong times.
   const bool isTime = capturedAt >= Uptime::time_point() && capturedAt <= Uptime::now() + mostAhead;

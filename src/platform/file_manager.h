@@ -16,6 +16,7 @@ class FileManager {
   // Makes the names in the folder of `path` survive a power cut, if the folder can be synced.
   virtual void syncFolderOf(const std::string& path) = 0;
   // Waits at most a second for all of them. If the disk hangs longer, the files are removed later.
+  // Without memory for a thread the caller removes them.
   virtual void remove(const std::vector<std::string>& paths) = 0;
 };
 

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Builds the example and that of the README with a shared client library inside its own project, and runs
-# them.
+# Builds client/example/record.cpp and the README's example in a project that embeds the client library as a
+# shared one. Then runs both.
 #
 #   tests/embedding/run.sh HELPER
 set -euo pipefail
 source=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# As it stands, but in another folder than /videos, and with a camera.
+# The README's example saves into another folder than /videos. camera.h has the camera that it mentions.
 example=$(sed -n '/^```cpp$/,/^```$/{/^```/!p}' "$source/README.md" | sed "s|/videos/|$work/readme-|")
 {
   cat "$source/tests/embedding/camera.h"

@@ -8,8 +8,8 @@
 namespace lumora {
 namespace {
 
-TEST(Commands, EndTheRunWhenTheyAreMalformed) {
-  const std::string id = R"(,"id":"6f9619ff-8b86-d011-b42d-00cf4fc964f)";  // but for its end
+TEST(Commands, EndTheRunWhenMalformedOrUnknown) {
+  const std::string id = R"(,"id":"6f9619ff-8b86-d011-b42d-00cf4fc964f)";  // lacks a digit
   const std::string start = R"({"type":"record_start")", pause = R"({"type":"pause")" + id + "f\"}";
   for (const std::string& text : std::initializer_list<std::string>{
            "x", "[]", start + "}", start + id + "\"}", start + id + "g\"}",
@@ -38,7 +38,7 @@ TEST(ParseJson, RefusesNulCharactersAndLimitsLargeNumbers) {
     EXPECT_FALSE(parse(text)) << text;
 }
 
-// How many of 600 frames that a camera delivers with this jitter, in seconds, the grid admits.
+// A camera delivers 600 frames with this jitter, in seconds. Returns how many the grid admits.
 int admitted(int targetFPS, double cameraFPS, double jitter) {
   RecordingCadence cadence{targetFPS};
   int count = 0;
@@ -47,7 +47,7 @@ int admitted(int targetFPS, double cameraFPS, double jitter) {
   return count;
 }
 
-TEST(GridCadence, AdmitsAFrameForEachPointOfTheTargetsGrid) {
+TEST(GridCadence, AdmitsOnlyFramesThatReachTheNextPointOfTheGrid) {
   EXPECT_EQ(admitted(60, 60, 0), 600);
   EXPECT_EQ(admitted(30, 60, 0), 300);
   EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
@@ -56,7 +56,7 @@ TEST(GridCadence, AdmitsAFrameForEachPointOfTheTargetsGrid) {
   EXPECT_EQ(admitted(30, 30, 0.6e-6), 400);  // one frame in three is early
 }
 
-TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndMakesUpForNoPause) {
+TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndNoBurstAfterAPause) {
   using Times = std::vector<double>;
   const std::pair<Times, Times> cases[] = {
       {{1, 1.0221, 1.1}, {1, 1.1}},
@@ -73,7 +73,7 @@ TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndMakesUpForNoPause) {
   }
 }
 
-TEST(MovieTiming, LimitsSamplesAndEndsWithTheStopOrTheLastFrame) {
+TEST(MovieTiming, LimitsSamplesAndEndsWithTheStop) {
   EXPECT_EQ(lastUntil(10, 11 + longestSample, shortestSample).duration, longestSample);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 12.6, 12.5, 30), 2.5);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 10.0, 10.0, 30), 1.0 / 60000);
@@ -102,7 +102,7 @@ TEST(TakeEvents, HaveThirteenKeysAndAnIntegerDurationAtTheStart) {
   const Json failed = makeTakeEvent(report).json;
   EXPECT_EQ(failed["duration"].dump(), "0.0");
   EXPECT_EQ(failed["error"], std::string(240, 'x'));
-  report.path = std::string(1700, '/');  // each takes two bytes
+  report.path = std::string(1700, '/');  // JSON escapes each as two bytes
   report.more = {{"kept_path", std::string(300, 'x')}};
   EXPECT_EQ(makeTakeEvent(report).json.size(), 13u);
   const TakeEvent progress{TakeState::recording, {{"seconds_left", 5.0}}};

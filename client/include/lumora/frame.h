@@ -49,7 +49,8 @@ class LUMORA_CLIENT_EXPORT Frame {
   // The planes in this memory. None for mjpeg.
   std::vector<FramePlane> planes() const;
   // Sets the length of the picture in bytes. An mjpeg frame needs it before it is published. Throws
-  // std::invalid_argument if no picture of this format and size has this length.
+  // std::invalid_argument if no picture of this format and size has this length, and if the frame
+  // was published.
   void setLength(std::size_t bytes);
 
   // Copies a picture with any strides. Throws std::invalid_argument if the format is mjpeg or has
@@ -73,7 +74,7 @@ class LUMORA_CLIENT_EXPORT Frame {
 // How many frames of the application were written and dropped.
 struct FrameCounts {
   std::uint64_t written = 0;  // to the helper
-  // Because every slot was busy, a newer frame replaced the frame, or the helper was not ready or
+  // Reasons: every slot was busy, a newer frame replaced the frame, or the helper was not ready or
   // had ended.
   std::uint64_t dropped = 0;
 };

@@ -80,7 +80,7 @@ export class Feeder {
   writeSound(samples: Int16Array, format: SoundFormat, capturedAt: number): boolean {
     const { rate, channels } = format;
     if (samples.length % channels !== 0) {
-      throw invalid('sound must have as many samples for each channel');
+      throw invalid('all channels of sound must have the same number of samples');
     }
     if (!(capturedAt >= 0)) throw invalid('the capture time of sound must be uptime()');
     const bytes = samples.byteLength;
