@@ -137,7 +137,6 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void tellParent(const TakeEvent& event);
   void stopTakeWithoutSpace();
   void concludeAbandonedTake();
-  void settleSoundOf(const std::string& takeID);
   void takeEnded();
 
   // diag/

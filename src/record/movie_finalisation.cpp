@@ -9,11 +9,6 @@
 #include "record/movie_timing.h"
 
 namespace lumora {
-namespace {
-
-constexpr double longestSoundWait = 0.5;  // seconds
-
-}  // namespace
 
 void MovieRecorder::finish(double stop) {
   accepting = false;
@@ -27,7 +22,7 @@ void MovieRecorder::finishJob(double stop) {
     awaitedEnd = movieEndTime(startedAt, origin, held->time, stop, profile.targetFPS);
     if (!sound) return endAwaited();
     if (sound->isSettledUntil(origin + *awaitedEnd)) return endSound();
-    queue->asyncAfter(longestSoundWait, [self = shared_from_this()] { self->endSound(); });
+    waitForSound();
   } catch (const std::exception& reason) {
     fail(reasonOf(reason), FrameOutcome::disk);
   }

@@ -16,6 +16,7 @@
 #include "record/take_event.h"
 #include "record/take_options.h"
 #include "record/take_sound.h"
+#include "sound/sound_input.h"
 
 namespace lumora {
 
@@ -42,6 +43,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool accepts() const { return accepting; }  // false once the take has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
+  // State queue. Gets the sound of the run from now on, for a take with sound.
+  void hear(std::shared_ptr<SoundInput> input);
   // Any thread. The next records for a take with sound. `isLast`: no more come.
   void addSound(std::vector<SoundRecord> records, bool isLast);
 
@@ -95,6 +98,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void holdSound(std::vector<SoundRecord> records, bool isLast);
   void encodeSound();
   void soundLater();
+  void waitForSound();
+  bool awaitsSound() const { return awaitedEnd && !failed && !sound->isEnding(); }
   void endSound();
   bool isShortOfTime() const;
   void keepSound(double end);
@@ -121,6 +126,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   const Platform platform;
   const std::shared_ptr<SerialQueue> queue;
   const Report report;
+
+  std::shared_ptr<SoundInput> soundInput;  // if sound was asked for; set before any job
 
   // Take's queue only.
   std::shared_ptr<MovieWriter> writer;

@@ -7,6 +7,13 @@
 
 namespace lumora {
 
+void MovieRecorder::hear(std::shared_ptr<SoundInput> input) {
+  soundInput = std::move(input);
+  soundInput->sendTo([weak = weak_from_this()](std::vector<SoundRecord> records, bool isLast) {
+    if (const auto self = weak.lock()) self->addSound(std::move(records), isLast);
+  });
+}
+
 // If the take's queue hangs, sound beyond `longestWait` becomes silence. The first records, those
 // that `SoundInput` has kept, always fit.
 void MovieRecorder::addSound(std::vector<SoundRecord> records, bool isLast) {
@@ -63,9 +70,18 @@ void MovieRecorder::soundLater() {
   isSoundQueued = true;
 }
 
+// Shortly before the wait ends, the device's clock must say what it can of the sound in doubt.
+void MovieRecorder::waitForSound() {
+  constexpr double longest = 0.5, settling = 0.05;  // seconds
+  queue->asyncAfter(longest - settling, [self = shared_from_this()] {
+    if (self->awaitsSound()) self->soundInput->settle();
+  });
+  queue->asyncAfter(longest, [self = shared_from_this()] { self->endSound(); });
+}
+
 // Fills the track up to the end that a stop has set, then ends the movie.
 void MovieRecorder::endSound() {
-  if (failed || !awaitedEnd || sound->isEnding()) return;
+  if (!awaitsSound()) return;
   sound->endAt(origin + *awaitedEnd);
   encodeSound();
 }

@@ -43,12 +43,7 @@ void VideoEncoder::startRecording(const Json& command) {
     take.movie = std::make_shared<MovieRecorder>(id, *path, startedAt, *profile, options, platform,
                                                  weakly(&VideoEncoder::relayRecording));
     raw.setLogged(options.frameLog);
-    if (options.sound) {
-      sound->sendTo(
-          [weak = std::weak_ptr(take.movie)](std::vector<SoundRecord> records, bool isLast) {
-            if (const auto movie = weak.lock()) movie->addSound(std::move(records), isLast);
-          });
-    }
+    if (options.sound) take.movie->hear(sound);
     platform.encoders->openAhead(take.movie->sessionSettings());
   } catch (const std::exception& error) {
     tellParent(failedEvent(*take.movieStatus, reasonOf(error)));
@@ -114,14 +109,6 @@ void VideoEncoder::finishMovieIfReady() {
   // No frame is in flight, so the recorder has every sample of the take.
   take.resetRecordingSession();
   take.movie->finish(*take.pendingMovieStop);
-  if (!sound) return;
-  constexpr double patience = 0.45;  // seconds; the movie waits a little longer for its sound
-  platform.stateQueue->asyncAfter(patience, weakly(&VideoEncoder::settleSoundOf, take.movie->id));
-}
-
-// The last records of a take may still be in doubt: its movie needs them now.
-void VideoEncoder::settleSoundOf(const std::string& takeID) {
-  if (take.movie && take.movie->id == takeID) sound->settle();
 }
 
 void VideoEncoder::takeEnded() {

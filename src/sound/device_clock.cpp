@@ -38,9 +38,14 @@ std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   isOnLine ? correct(late, seconds) : deviate(late);
   held_.back().capturedAt = next_;
   advance(seconds);
-  if (!isOnLine && !hasJumped() && !isDoubtedTooLong(statedTime)) return {};
+  constexpr std::ptrdiff_t fewestRecords = 4;  // fewer may agree by chance
+  if (!isOnLine && !hasJumped(fewestRecords) && !isDoubtedTooLong(statedTime)) return {};
   if (!isOnLine) jump();
   return flush();
+}
+
+std::vector<SoundRecord> DeviceClock::settle() {
+  return hasJumped(2) ? flush() : std::vector<SoundRecord>();
 }
 
 // Two records that agree are enough for a jump here, since no later ones can confirm it in time.
@@ -111,8 +116,7 @@ void DeviceClock::deviate(double late) {
 
 // After a hang each record is late by one record's length less than the record before it. That is
 // no jump, however much the times jitter.
-bool DeviceClock::hasJumped() const {
-  constexpr std::ptrdiff_t fewestRecords = 4;  // fewer may agree by chance
+bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   if (deviation_.records < fewestRecords) return false;
   const double since = held_.end()[-deviation_.records].capturedAt;
   const double agreed = held_.back().capturedAt - since;

@@ -31,6 +31,9 @@ class DeviceClock {
   // times: mostly just this one. Holds records whose stated times differ by less than 0.6 s,
   // and about two seconds of sound at most.
   std::vector<SoundRecord> add(SoundRecord record);
+  // Returns all held records if the last ones already look like a jump. Otherwise none: later
+  // records decide.
+  std::vector<SoundRecord> settle();
   // Returns all held records, without waiting for later ones.
   std::vector<SoundRecord> flush();
 
@@ -49,7 +52,7 @@ class DeviceClock {
   void advance(double seconds);
   double usualLateness(double seconds) const;
   void deviate(double late);
-  bool hasJumped() const;
+  bool hasJumped(std::ptrdiff_t fewestRecords) const;
   bool isDoubtedTooLong(double statedTime) const;
   void jump();
 

@@ -60,7 +60,7 @@ void SoundInput::sendTo(SoundReceiver receiver) {
 }
 
 void SoundInput::settle() {
-  queue_->async([self = shared_from_this()] { self->deliver(self->device_.flush()); });
+  queue_->async([self = shared_from_this()] { self->deliver(self->device_.settle()); });
 }
 
 void SoundInput::deliver(std::vector<SoundRecord> records) {

@@ -40,7 +40,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   // Any thread. From now on `receiver` runs on the queue, first with the last two seconds. Null:
   // nobody wants sound.
   void sendTo(SoundReceiver receiver);
-  // Any thread. Delivers the records that the device's clock still holds.
+  // Any thread. Delivers the records that the device's clock holds, if it can settle them.
   void settle();
   // Any thread. Records that were left out.
   std::uint64_t dropped() const { return dropped_; }

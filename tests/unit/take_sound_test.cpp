@@ -134,24 +134,32 @@ TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
   EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.04, 1e-3);
 }
 
-TEST_F(SoundTakes, HaveTheSoundBehindAnOutageThatAStopFollowsAtOnce) {
-  startHeard(1000, 1000.4, 1000);
+TEST_F(SoundTakes, HaveTheSoundBehindAnOutageThatAStopFollowsAtOnceIfTwoRecordsAgree) {
   const auto hearLong = [this](double from) {
     probe.clock->now = from + 0.25;
     probe.hear(from, recordAt(from, 2000).pcm);
   };
-  hearLong(1001);
-  hearLong(1001.25);
-  stop({{"stopped_at", 1001.4}});
-  hearLong(1001.5);
-  probe.runAt(1001.94);
-  EXPECT_FALSE(writer().finished);
-  probe.runAt(1001.96);
-  ASSERT_TRUE(writer().finished);
-  const std::span<const std::int16_t> samples = probe.sound->samples;
-  EXPECT_THAT(samples.subspan(3300, 4600), testing::Each(0));
-  EXPECT_THAT(samples.subspan(8100, 3000), testing::Each(0x101));
-  EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.6, 1e-3);
+  using Times = std::vector<double>;
+  for (const auto& [before, missing] : {std::pair{Times{1001, 1001.25}, 0.6}, {{}, 1.0}}) {
+    restart();
+    startHeard(1000, 1000.4, 1000);
+    probe.clock->now = 1001.4;
+    for (const double at : before) hearLong(at);
+    stop({{"stopped_at", 1001.4}});
+    probe.run();
+    const double end = probe.clock->now + 0.5;
+    hearLong(1001.5);
+    probe.runAt(end - 0.06);
+    EXPECT_FALSE(writer().finished);
+    probe.runAt(before.empty() ? end + 0.01 : end - 0.04);
+    ASSERT_TRUE(writer().finished);
+    expectSamples(before.empty() ? 11'200 : 12'000);  // the writer ends the track
+    for (int at = 3350; at < 11'100; at += 100)
+      EXPECT_EQ(probe.sound->samples.at(at), at > 8000 && !before.empty() ? 0x101 : 0) << at;
+    const Json saved = complete();
+    EXPECT_EQ(saved["sound_gaps"], before.empty() ? 0 : 1);
+    EXPECT_NEAR(saved["sound_missing"].get<double>(), missing, 1e-3);
+  }
 }
 
 TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
