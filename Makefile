@@ -13,7 +13,7 @@
 #   make sound-sync     show how far sound is from the picture in takes of MINUTES (120 with SPEED=20: half
 #                       an hour), with a helper's clock that runs SPEED times as fast, and devices whose
 #                       clocks are wrong
-#   make lint           check formatting, run static analysis
+#   make lint           check formatting, includes and the error table, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)
 #   make arm64          build for 64-bit Arm, test in an emulator, build packages (root)

@@ -23,7 +23,9 @@ function build(application) {
   fs.cpSync(pathOf('node_modules/electron'), `${modules}/electron`, { recursive: true });
   fs.cpSync(`${client}/dist`, `${modules}/lumora-video-client/dist`, { recursive: true });
   fs.copyFileSync(`${client}/package.json`, `${modules}/lumora-video-client/package.json`);
-  fs.symlinkSync(`${client}/node_modules/@types`, `${modules}/@types`);
+  for (const types of ['@types', 'undici-types']) {
+    fs.symlinkSync(pathOf(`node_modules/${types}`), `${modules}/${types}`);
+  }
   // `fetch` takes the pixels of a frame sink.
   fs.writeFileSync(`${application}/fetch.mts`, `
     import type { FrameWriter } from 'lumora-video-client/page';

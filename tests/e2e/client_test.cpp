@@ -121,7 +121,7 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
                 testing::ThrowsMessage<client::StartError>(why));
 }
 
-TEST_F(Client, TheMemoryOfFramesIsThereBeforeThem) {
+TEST_F(Client, TheMemoryOfFramesIsThereBeforeThemAndDoesNotGrow) {
   const auto resident = [] { return tools::processFigures(getpid()).residentMegabytes; };
   const FrameSize size{1280, 720};
   const Pixels pixels = plain(size, {200, 10, 10});

@@ -12,6 +12,12 @@ namespace {
 
 using Input = HelperTest;
 
+TEST_F(Input, EndsWithOneWithoutTheFrameMemoryThatItIsTold) {
+  launch({}, {{"TAVO_FRAME_MEMORY", "99"}});
+  EXPECT_EQ(helper->waitForEvent("error").at("message"), "invalid helper configuration");
+  EXPECT_EQ(exitCode(), 1);
+}
+
 TEST_F(Input, AFloodOfFramesIsDroppedAndCountedAndCostsNoMemory) {
   start();
   const FrameSize size{1920, 1080};

@@ -241,6 +241,8 @@ test('a helper that cannot be ended, since its pipes stay open, is given up', as
   const { done } = helper.writeFrame(size, dark);
   const failed = assert.rejects(helper.startTake({ path: '/a.mp4' }), { code: 'HELPER_ENDED' });
   assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
+  const limit = { signal: AbortSignal.timeout(20_000) };
+  while (existsSync(`/proc/${helper.pid}`)) await sleep(1, null, limit); // it is really killed
   assert.equal(await done, 'dropped');
   await failed;
   process.kill(Number(readFileSync(`${program}.pid`)), 'SIGKILL');
