@@ -59,7 +59,7 @@ void Frame::setLength(std::size_t bytes) {
 void Frame::copyFrom(std::span<const SourcePlane> picture) {
   const auto mine = planes();
   if (picture.size() != mine.size() || mine.empty())
-    throw std::invalid_argument("the frame has another number of planes");
+    throw std::invalid_argument("the frame is published, or has another number of planes");
   for (std::size_t i = 0; i < mine.size(); ++i) {
     const auto& [to, stride, rows, rowBytes] = mine[i];
     for (int row = 0; row < rows; ++row)

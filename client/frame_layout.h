@@ -25,7 +25,7 @@ struct FrameLayout {
   bool hasMatrix = false;                    // whether it has a matrix and a range
   std::span<const PlaneLayout> planes = {};  // empty: compressed
 
-  // The length of a picture varies, so each frame has its own.
+  // If so, the length varies from picture to picture, and each frame has its own.
   bool isCompressed() const { return planes.empty(); }
 };
 

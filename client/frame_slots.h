@@ -18,7 +18,7 @@ namespace lumora::client {
 // Its functions may be called on any thread.
 class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
  public:
-  // At most four are in use: one is written or converted, one is encoded in place, a third waits,
+  // At most four are in use: one is sent or converted, one is encoded in place, a third waits,
   // and the application renders into the fourth.
   static constexpr int count = 4;
 
@@ -50,7 +50,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   struct Slot {
     bool isLent = false;
     std::size_t reserved = 0;       // bytes reserved so far
-    std::uint64_t publishedAs = 0;  // id of the last loan's frame; 0: it was not published
+    std::uint64_t publishedAs = 0;  // id under which the helper reads the last frame here; 0: none
   };
 
   FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory);
