@@ -59,13 +59,15 @@ Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit)
 struct StreamClient::Connection {
   // `error` is that of the last read; 0: the end of the stream.
   void close(int error) {
-    // A helper without room closes at once. If it has not read the hello, its system answers with a
-    // reset, which may come after the end of the stream.
-    const bool isUnread = !saidHello || error != 0 || takeError(socket) != 0;
-    if (wasAdmitted || Uptime::now() - asked > Seconds(1))
+    if (wasAdmitted || Uptime::now() - asked > Seconds(1)) {
       end = StreamEnd::closed;
-    else
-      end = isUnread ? StreamEnd::noRoom : StreamEnd::refused;
+      return;
+    }
+    // A helper without room closes at once. If it has not read the hello, its system answers with a
+    // reset, which may come a little after the end of the stream.
+    const Deadline patience(Seconds(0.05));
+    const bool isUnread = !saidHello || error != 0 || awaitEvents(socket.get(), 0, patience);
+    end = isUnread ? StreamEnd::noRoom : StreamEnd::refused;
   }
 
   Descriptor socket;
