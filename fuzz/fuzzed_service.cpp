@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "base/big_endian.h"
+
 namespace lumora {
 
 void require(bool held) {
@@ -43,8 +45,19 @@ void FuzzedService::step() {
   for (const auto& writer : probe.movies->writers) {
     if (writer->finished) writer->complete(WriterStatus::completed);
   }
-  if (client->onSent && !client->cancelled) client->finishSend();
+  if (client->onSent && !client->cancelled) {
+    client->finishSend();
+    acknowledge();
+  }
   probe.run();
+}
+
+void FuzzedService::acknowledge() {
+  ByteView frame = client->sent.back();
+  constexpr std::uint8_t configuration = 1;
+  if (frame[4] == configuration) frame = frame.subspan(4 + integerBE<std::uint32_t>(frame, 0));
+  const auto id = std::to_string(integerBE<std::uint64_t>(frame, 5));
+  client->deliver(R"({"type":"ack","frame_id":)" + id + "}\n");
 }
 
 void FuzzedService::frame() {

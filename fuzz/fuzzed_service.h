@@ -4,8 +4,8 @@
 
 namespace lumora {
 
-// A service on fakes. In each step encoders answer, sends to the client end, and movies are
-// completed.
+// A service on fakes. In each step encoders answer, the client gets and acknowledges a frame, and
+// movies are completed.
 struct FuzzedService {
   explicit FuzzedService(std::shared_ptr<FrameMemory> frameMemory = nullptr,
                          const std::string& frameFormat = "rgba");
@@ -23,6 +23,8 @@ struct FuzzedService {
   std::shared_ptr<FakeConnection> client;
 
  private:
+  void acknowledge();
+
   std::uint64_t lastID_ = std::uint64_t{1} << 62;
 };
 
