@@ -24,7 +24,10 @@ std::map<std::string, std::string> describeMachine() {
        " grep -aom1 'core [0-9]* r[0-9]*'"},
       {"ffmpeg", "ffmpeg -version | sed -n 's/^ffmpeg version \\([^ ]*\\).*/\\1/p'"}};
   std::map<std::string, std::string> described = {{"program", LUMORA_VERSION}};
-  for (const auto& [name, command] : commands) described[name] = firstLineOf(command);
+  for (const auto& [name, command] : commands) {
+    const std::string line = firstLineOf(command);
+    described[name] = line.empty() ? "not found" : line;
+  }
   return described;
 }
 

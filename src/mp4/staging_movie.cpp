@@ -292,9 +292,9 @@ std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   require(!holdsTables(fragment.start, offset - fragment.start));
   const auto samples = readSamples(run, isPicture);
   samples_ += samples.size();
-  // Cutting the movie at the limit would lose pictures, so the file stays as it is.
+  // Cutting the movie at the limit would lose samples, so the file stays as it is.
   if (samples_ > maximumSamples) {
-    throw std::runtime_error("it holds more pictures than can be recovered");
+    throw std::runtime_error("it holds more samples than can be recovered");
   }
   track->tables.addChunk(offset, samples, 0);
   std::uint64_t end = offset;
