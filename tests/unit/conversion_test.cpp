@@ -81,7 +81,7 @@ std::shared_ptr<PixelBuffer> convert(const PictureView& picture, PictureSize siz
   return buffer;
 }
 
-TEST(PictureSize, HasEvenSidesWithinThePreviewAndNeverEnlarges) {
+TEST(PictureSize, HasEvenSidesWithinThePreviewAndIsNeverEnlarged) {
   const PictureSize preview{1280, 720};
   EXPECT_EQ(previewEncodeSize({1918, 1080}, preview, false), (PictureSize{1278, 720}));
   EXPECT_EQ(previewEncodeSize({1918, 1080}, preview, true), preview);
@@ -98,8 +98,8 @@ TEST(PictureSize, CentresAPictureThatIsFitted) {
 
 TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   for (const PixelFormat& format : {rgba, nv12, i420}) {
-    // A ramp that changes by `down` from top to bottom. It has values where a sample is nearer to
-    // the middle than `reach`, a fraction of the sides.
+    // A ramp that changes by `down` from top to bottom. Only samples nearer to the middle than
+    // `reach`, a fraction of the sides, have values.
     const auto ramp = [&](PictureSize in, double down, double reach) -> Paint {
       return [=](int component, double x, double y) {
         // A chroma sample lies on the left of its two columns, and halfway between its two rows.
@@ -121,7 +121,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
 
 TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesChromaAtABarsEdgeToThePicture) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
-  // The first two have bars that end at an even and an odd column. The third is not scaled.
+  // The left bar of the first two ends at an even and at an odd column. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
       {{134, 100}, {100, 50}}, {{74, 100}, {100, 50}},   {{100, 22}, {100, 50}},
       {{190, 108}, {64, 36}},  {{190, 108}, {320, 180}}, {{190, 108}, {24, 200}},
@@ -213,7 +213,7 @@ double expectExact(const PixelFormat& from, const PixelFormat& to, PictureSize s
     if (x >= size.width / (component == 0 ? 1 : 2)) return 7.0;
     if (component == 0) return exactAt(0, x, y);
     double mean = 0;
-    for (const int offset : {-1, 0, 0, 1})  // left of the picture its first column goes on
+    for (const int offset : {-1, 0, 0, 1})  // left of the picture, its first column repeats
       for (const int row : {2 * y, 2 * y + 1}) mean += exactAt(component, 2 * x + offset, row) / 8;
     error += sampleOf(filled, component, x, y) - mean;
     return mean;
@@ -246,7 +246,7 @@ TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAtManyWidthsAndHasNoChroma
   hwy::SetSupportedTargetsForTest(0);
 }
 
-TEST(JpegDecoder, DecodesOnlyWholePicturesOfTheirSizeAndSamplingEachByItself) {
+TEST(JpegDecoder, DecodesOnlyWholePicturesOfTheExpectedSizeAndSamplingEachByItself) {
   const auto read = [](const char* name) {
     std::ifstream file(std::string(LUMORA_JPEGS "/") + name, std::ios::binary);
     EXPECT_TRUE(file) << name;
@@ -258,7 +258,7 @@ TEST(JpegDecoder, DecodesOnlyWholePicturesOfTheirSizeAndSamplingEachByItself) {
   const Bytes whole = read("420"), bare = read("no_huffman_tables"),
               progressive = read("progressive");
   SystemFrameDecoder fresh(PicturePool::make()), used(PicturePool::make());
-  EXPECT_TRUE(decode(used, progressive).memory);  // its Huffman tables are not for the next one
+  EXPECT_TRUE(decode(used, progressive).memory);  // no later picture may use its Huffman tables
   const auto wanted = decode(fresh, bare), behind = decode(used, bare);
   ASSERT_TRUE(wanted.memory && behind.memory);
   expectSamples(behind.picture, [&](auto... at) { return sampleOf(wanted.picture, at...); });

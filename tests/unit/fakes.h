@@ -1,6 +1,6 @@
 #pragma once
 
-// The machine as fakes: they remember what they were asked, and answer or fail as the test says.
+// Fakes of the machine's parts. They remember their calls, and answer or fail as a test says.
 
 #include <gmock/gmock.h>
 
@@ -25,7 +25,7 @@ struct Failures {
     auto& queue = answers[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
     queue.insert(queue.end(), static_cast<std::size_t>(more + 1), status);
   }
-  // Asked by the fakes at every call: what it answers instead of doing its work, or 0.
+  // Fakes ask this at every call. The status to answer instead of doing the work; 0: do it.
   int next(const std::string& call) {
     auto& queue = answers[call];
     if (queue.empty()) return 0;
@@ -34,7 +34,7 @@ struct Failures {
     return answer;
   }
 
-  std::map<std::string, std::deque<int>> answers;  // of the next calls; those behind succeed
+  std::map<std::string, std::deque<int>> answers;  // the next of each call; later ones are 0
 };
 
 struct CanFail {
@@ -54,7 +54,7 @@ class ManualQueue final : public SerialQueue {
       work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
-  // Runs what is due and what that enqueues, or only the next; whether there was anything.
+  // Runs all work that is due, and what it enqueues. Whether any was due.
   bool run() {
     const bool any = runNext();
     while (runNext()) continue;
@@ -76,7 +76,7 @@ class ManualQueue final : public SerialQueue {
     tick = nullptr;
   }
 
-  Work tick;  // of the service
+  Work tick;  // the next one of the service timer
 
  private:
   const double& now_;
@@ -95,7 +95,7 @@ struct FakeDispatch final : Dispatch {
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
-  // Runs what was detached last, if that is not the reader. Whether there was anything.
+  // Runs the work detached last, but never the first, which is the reader. Whether any was run.
   bool runDetached() {
     if (hangs || detached.size() < 2) return false;
     const Work work = std::move(detached.back());
@@ -135,7 +135,7 @@ struct FakeProcess final : Process, CanFail {
   }
   void rearmWatchdog(double seconds, int code) override { watchdog = {seconds, code}; }
 
-  // The events since the last look, oldest first, of one type or of all.
+  // Forgets all events. Returns those of this type, or all if it is empty, oldest first.
   std::vector<Json> takeEvents(const std::string& type = "") {
     std::vector<Json> events;
     for (const std::string& line : std::exchange(lines, {})) {
@@ -154,7 +154,7 @@ struct FakeProcess final : Process, CanFail {
   std::function<void()> beforeRead;
   Bytes input;
   std::size_t chunk = 1 << 16;  // bytes per read
-  int interruptions = 0;        // reads that fail with EINTR first
+  int interruptions = 0;        // so many reads fail with EINTR first
   std::vector<std::string> lines;
   std::map<int, Work> signals;
   std::vector<int> exitCodes;
@@ -174,7 +174,7 @@ struct FakeConnection final : TcpConnection {
   void cancel() override { cancelled = true; }
   void reset() override { wasReset = true; }
 
-  // What the client sends; `complete` closes its side.
+  // The client sends `text`. If `complete`, it then closes its side.
   void deliver(const std::string& text, bool complete = false) {
     const Bytes bytes(text.begin(), text.end());
     std::exchange(onReceive, nullptr)(bytes, complete, {});
@@ -261,16 +261,16 @@ struct FakeEncoders final : Encoders, CanFail {
 struct FakeImages final : ImageConverter, CanFail {
   using CanFail::CanFail;
   bool convert(const PictureView& from, const Picture&, const PictureRectangle&) override {
-    // The end of the first plane in memory.
+    // Reads the last byte of the first plane, which must be in valid memory.
     const auto& [samples, stride] = from.planes[0];
     const auto last = stride < 0 ? -stride : stride * from.size.height;
-    lastByte = samples[last - 1];  // it has to be there
+    lastByte = samples[last - 1];
     return next("convert") == 0;
   }
   volatile std::uint8_t lastByte = 0;
 };
 
-// Decodes every record to a picture of black, unless its first byte is 0.
+// Decodes a record to a picture of zeros, but fails if the first byte of the record is 0.
 struct FakeDecoder final : FrameDecoder {
   Decoded decode(FrameEncoding, const PixelFormat& format, PictureSize size,
                  ByteView record) override {
@@ -285,13 +285,14 @@ struct FakeDecoder final : FrameDecoder {
   Work onDecode = [] {};
 };
 
-// What encoders of sound got, and one packet for every 1024 samples.
+// What the sound encoders were given.
 struct FakeSound : CanFail {
   using CanFail::CanFail;
   SoundSettings settings = {};
   std::vector<std::int16_t> samples;  // of all channels
 };
 
+// Makes a packet for every 1024 samples, and one more when it is flushed.
 struct FakeSoundEncoder final : SoundEncoder {
   explicit FakeSoundEncoder(FakeSound& owner) : all(owner) {}
   ByteView configuration() const override { return head; }
@@ -380,7 +381,7 @@ struct FakeMovies final : Movies, CanFail {
     writers.back()->free = free;
     return writers.back();
   }
-  std::optional<std::string> problem;  // what the writers say of theirs
+  std::optional<std::string> problem;  // the error of `createWriter` and of new writers
   std::optional<std::uint64_t> free;
   std::vector<std::shared_ptr<FakeWriter>> writers;
 };

@@ -1,5 +1,5 @@
-// Frames in memory that the parent shares: which memory is taken, where pixels may lie, when they
-// are given back. On real memory, seen from both sides.
+// Frames in memory that the parent shares: which memory is taken, where pixels may lie, when
+// frames are given back. The memory is real, and checked from both sides.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -22,7 +22,7 @@ void say(int memory, std::uint64_t id) { EXPECT_EQ(pwrite(memory, &id, sizeof id
 client::Descriptor makeMemory(std::size_t bytes, int seals, unsigned kind = 0) {
   client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING | kind));
   EXPECT_EQ(ftruncate(made.get(), static_cast<off_t>(bytes)), 0);
-  if (kind == 0) say(made.get(), 99);  // of a helper before
+  if (kind == 0) say(made.get(), 99);  // of an earlier helper
   EXPECT_EQ(fcntl(made.get(), F_ADD_SEALS, seals), 0);
   return made;
 }
@@ -43,10 +43,10 @@ TEST(FrameMemory, MapsTwoPagesOrMoreOfWritableMemoryThatNobodyCanShrink) {
   EXPECT_FALSE(inherit(client::Descriptor(open(name.c_str(), O_RDONLY))));
 }
 
-TEST(FrameSlots, KnowAHelperThatDoesNotShareThemAndReserveTheirMemory) {
+TEST(FrameSlots, AreNotSharedBeforeAHelperUsesThemAndReserveTheirMemory) {
   const auto slots = client::FrameSlots::makeShared();
   EXPECT_FALSE(slots->isShared());
-  // Without memory that is reserved, a touch would end the application.
+  // A touch of memory that is not reserved could end the application.
   const auto frame = slots->acquire({1920, 1080});
   struct stat made {};
   ASSERT_EQ(fstat(slots->descriptor(), &made), 0);
@@ -73,14 +73,14 @@ struct SharedFrames : testing::Test {
   VideoEncoderProbe probe;
 };
 
-// Among frames of pixels, with which they share growing ids.
+// Records of frames in memory and of frames in the pipe share growing ids.
 TEST_F(SharedFrames, EndTheRunForABrokenRecord) {
   // 32 × 32 pixels take a page.
   const auto expectEnd = [&](std::uint64_t offset, client::FrameSize size = {32, 32},
                              std::uint64_t id = 9, std::size_t bytes = 24) {
     SCOPED_TRACE(offset);
     restart();
-    putFrame(7, 3 * page);  // nobody needs it
+    putFrame(7, 3 * page);  // no client needs this frame
     probe.put(client::frameHeader({2, 2}, 8));
     probe.put(Bytes(16));
     putFrame(id, offset, size);

@@ -23,7 +23,7 @@ std::optional<Configuration> parse(const Arguments& arguments, Environment extra
   return options(arguments, extra);
 }
 
-TEST(Options, ReplaceTheirDefaultsTheEnvironmentAndEachOther) {
+TEST(Options, OverrideDefaultsTheEnvironmentAndEarlierOptions) {
   EXPECT_FALSE(options({}, {}));
   EXPECT_EQ(parse({}), (Configuration{"127.0.0.1", 0, goodToken, 640, 360, false}));
   EXPECT_EQ(
@@ -98,7 +98,7 @@ TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedThenReads) {
             R"("type":"ready"})"
             "\n");
   EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
-  probe.runAt(1000.5);  // the wait for the encoders ends only once
+  probe.runAt(1000.5);  // the timeout starts no second reader
   EXPECT_EQ(probe.dispatch->detached.size(), 1u);
 }
 
@@ -117,7 +117,7 @@ TEST(Lifecycle, WaitsHalfASecondForItsEncodersUnlessItIsStopped) {
 
 using ReadyLifecycle = ServiceTest;
 
-TEST_F(ReadyLifecycle, DropsALineForAFullOutputAndClosesEverythingOnceForABrokenOne) {
+TEST_F(ReadyLifecycle, DropsALineIfTheOutputIsFullAndEndsOnceIfItIsBroken) {
   const auto client = probe.connectClient();
   probe.feed(1);
   probe.process->takeEvents();
@@ -125,7 +125,7 @@ TEST_F(ReadyLifecycle, DropsALineForAFullOutputAndClosesEverythingOnceForABroken
   (*probe).emitStats(true);
   EXPECT_TRUE(probe.process->lines.empty() && probe.process->exitCodes.empty());
   probe.failures->fail("writeOutput", 1, -EPIPE, /*more=*/9);
-  // It is armed before a session is waited for, which may hang.
+  // The watchdog is armed before the service waits for a session, which may hang.
   std::pair<double, int> watchdog;
   probe.lastSession().onFlush = [&] { watchdog = probe.process->watchdog; };
   (*probe).emitStats(true);
@@ -135,7 +135,7 @@ TEST_F(ReadyLifecycle, DropsALineForAFullOutputAndClosesEverythingOnceForABroken
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
 }
 
-TEST_F(ReadyLifecycle, EndsWithOneForAnExceptionOnTheReaderOrTheStateQueue) {
+TEST_F(ReadyLifecycle, EndsWithStatusOneAfterAnExceptionOnTheReaderOrTheStateQueue) {
   const Work failing = [] { throw std::bad_alloc(); };
   for (const bool reads : {true, false}) {
     probe.restart();
@@ -156,11 +156,11 @@ TEST(Statistics, AreReportedOnceASecondUnlessForced) {
   EXPECT_EQ(report(0, true).size(), 25u);  // 8 core keys and 17 diagnostics
   EXPECT_TRUE(report(0.3, false).empty());
   EXPECT_EQ(report(0, true).size(), 8u);    // too soon for diagnostics
-  EXPECT_TRUE(report(0.9, false).empty());  // the forced one restarted the second
+  EXPECT_TRUE(report(0.9, false).empty());  // the forced report restarted the second
   EXPECT_EQ(report(0.2, false).size(), 25u);
 }
 
-TEST(WatchdogDeathTest, EndsTheProcessWithTheCodeThatWasDecided) {
+TEST(WatchdogDeathTest, EndsTheProcessWithTheDecidedStatus) {
   const auto arm = [] {
     PosixProcess process;
     process.armWatchdog(60, 3);
@@ -185,7 +185,7 @@ TEST(WatchdogDeathTest, EndsTheProcessWithTheCodeThatWasDecided) {
 }
 
 // Standard input becomes a pipe, and stays one.
-TEST(PosixProcess, WaitsForTheBytesOfAPipe) {
+TEST(PosixProcess, WaitsForTheBytesOfANonBlockingPipe) {
   int ends[2] = {-1, -1};
   ASSERT_TRUE(pipe(ends) == 0 && dup2(ends[0], STDIN_FILENO) == STDIN_FILENO);
   fcntl(ends[0], F_SETFL, O_NONBLOCK);

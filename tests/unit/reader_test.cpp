@@ -17,7 +17,7 @@ struct Reader : ServiceTest {
   void putFrame(std::uint64_t id) { put({16, 2, 2, id}, 16); }
 };
 
-TEST_F(Reader, EndsQuietlyInsideAHeader) {
+TEST_F(Reader, EndsWithoutAnErrorIfTheInputEndsInsideAHeader) {
   probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7};  // 2 × 2, frame 7
   probe.process->input.resize(16 + 16 + 10);
   EXPECT_EQ(probe.readAll(), "");
@@ -33,9 +33,9 @@ TEST_F(Reader, StopsAtABrokenRecord) {
       {{9, 0, 0, 0}, 8, framing},
       {{16, 0, 0, 5}, 16, invalid},
       {{16, 2, 2, 0}, 16, invalid},
-      {{8, 2, 2, 1}, 16, invalid},                     // an offset, without memory for it
-      {{4 * 1082 * 1082, 1082, 1082, 1}, 0, invalid},  // the shorter side
-      {{4 * 1922 * 2, 1922, 2, 1}, 0, invalid},        // the longer one
+      {{8, 2, 2, 1}, 16, invalid},                     // an offset, but no shared memory
+      {{4 * 1082 * 1082, 1082, 1082, 1}, 0, invalid},  // the shorter side is too long
+      {{4 * 1922 * 2, 1922, 2, 1}, 0, invalid},        // the longer side is too long
       {{24, 3, 2, 1}, 0, invalid},
       {{0, 2, 0, 1}, 0, invalid},
       {{16, 2, 2, 1}, 15, "truncated raw frame"}};
@@ -49,7 +49,7 @@ TEST_F(Reader, StopsAtABrokenRecord) {
   }
 }
 
-TEST_F(Reader, TakesSoundOnRequestInAnyOrderWithPictures) {
+TEST_F(Reader, ReadsSoundAmongFramesDropsUntimelySoundAndStopsAtBrokenSound) {
   constexpr std::uint64_t second = 1'000'000, now = 1000 * second;
   const Configuration mono{.sound = SoundFormat{8000, 1}};
   const auto putSound = [this](std::uint64_t id, std::uint32_t bytes) {
@@ -63,11 +63,11 @@ TEST_F(Reader, TakesSoundOnRequestInAnyOrderWithPictures) {
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   expectKeys(probe.statistics(), {{"dropped_raw", 2}, {"dropped_sound", 2}});
-  probe.restart(mono);  // a queue that hangs holds two seconds
+  probe.restart(mono);  // two seconds of sound may wait while its queue hangs
   for (std::uint64_t id = now; id < now + 10; ++id) putSound(id, 4000);
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.statistics()["dropped_sound"], 2);
-  for (const std::uint64_t id : {now, now + 1}) {  // repeated, cut off
+  for (const std::uint64_t id : {now, now + 1}) {  // a repeated id, a payload cut off
     probe.restart(mono);
     putSound(now, 2);
     put({4, 0, 0, id}, 3);
@@ -81,19 +81,19 @@ TEST_F(Reader, DropsFramesWhileOneIsInFlightHoweverTheReadsAreCut) {
   probe.process->interruptions = 4;
   const auto client = probe.connectClient();
   putFrame(3);
-  // Repeated, and above 32 bits: the dropped one counts.
+  // An id above 32 bits. It can't be used again, although its first frame is dropped.
   for (int i = 0; i < 2; ++i) putFrame(0x100000001);
   EXPECT_EQ(probe.readAll(), "invalid raw frame header");
   expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
 }
 
-TEST_F(Reader, WaitsWhileSixtyFourCommandsWaitButNotForEver) {
+TEST_F(Reader, WaitsWhileSixtyFourCommandsWaitButForTwoSecondsAtMost) {
   const auto read = [this](int commands) {
     for (int i = 0; i < commands; ++i)
       probe.put(client::commandRecord(R"({"type":"record_stop","id":")" + takeID + "\"}"));
     probe.dispatch->detached.at(0)();
   };
-  // Whether one more is passed on only when the first that waits has been handled.
+  // Whether the reader holds one more command until a command that waits has been handled.
   const auto waits = [&] {
     std::atomic<bool> isHandled = false;
     const std::jthread later([&] {
@@ -106,7 +106,7 @@ TEST_F(Reader, WaitsWhileSixtyFourCommandsWaitButNotForEver) {
   };
   read(64);
   EXPECT_TRUE(waits());
-  read(75);  // two seconds for all of them; with a wait for each this would last minutes
+  read(75);  // waits two seconds once; to wait for each command would take minutes
   probe.run();
   read(64);  // as many may wait as before
   EXPECT_TRUE(waits());
@@ -123,14 +123,14 @@ TEST_F(Reader, DecodesOnlyWhatMayBeNeededAndDropsWhatItCannotDecode) {
     };
     const auto need = [&] {
       if (!isForTake) probe.connectClient();
-      if (isForTake) probe.put(client::commandRecord(start.dump()));  // read, not handled
+      if (isForTake) probe.put(client::commandRecord(start.dump()));  // read, but not handled yet
     };
-    // What comes once the reader has read everything, and how many pictures it has decoded then.
+    // The next input once all has been read, and how many pictures have been decoded by then.
     const std::pair<Work, std::size_t> steps[] = {
         {[&] { feed(1, good); }, 0},
         {[&] { feed(2, good); }, 1},  // the first might have been needed
         {[&] { need(), feed(3, bad), feed(4, good); }, 1},
-        {[&] { feed(5, good); }, 2}};  // 4 came while 3 was in flight
+        {[&] { feed(5, good); }, 2}};  // frame 4 came while frame 3 was in flight
     probe.process->beforeRead = [&, next = steps]() mutable {
       if (!probe.process->input.empty() || next == std::end(steps)) return;
       probe.run();

@@ -1,13 +1,13 @@
 #pragma once
 
-// Encoded samples as tests need them: NAL units of a given type, with parameter sets.
+// Encoded samples for tests: NAL units with the given headers, and parameter sets.
 
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
 
 namespace lumora {
 
-// One unit per header, each of `unitBytes` bytes that go on with 0x11 behind the header.
+// One unit per header. Each has `unitBytes` bytes: the header, then 0x11 in all others.
 inline std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& headers,
                                                        std::size_t unitBytes = 4) {
   Bytes data;

@@ -1,5 +1,5 @@
-// Sound: its records, and where they lie in a take of two hours. A tone of 1 kHz is encoded and
-// decoded: how much comes back, from where on, and how clean it is.
+// Sound: which records are valid, and where they lie in a take of two hours. A tone of 1 kHz is
+// encoded and decoded. Its length, its place and its noise are checked.
 
 #include <gtest/gtest.h>
 
@@ -17,8 +17,8 @@
 namespace lumora {
 namespace {
 
-TEST(SoundRecord, HasGrowingIdsWholeSamplesAndATimeOfNow) {
-  const SoundFormat stereo{11025, 2};  // a quarter of a second is 2756 samples and a part of one
+TEST(SoundRecord, HasAGrowingIdWholeSamplesAndARecentTime) {
+  const SoundFormat stereo{11025, 2};  // a quarter of a second is 2756.25 samples
   EXPECT_TRUE(isValidSound(1, 0, 4, stereo) && isValidSound(9, 8, 2756 * 4, stereo));
   EXPECT_FALSE(isValidSound(0, 0, 4, stereo) || isValidSound(8, 8, 4, stereo));
   for (const std::uint32_t bytes : {0u, 6u, 2757u * 4, 0xFFFFFFFCu})
@@ -27,19 +27,19 @@ TEST(SoundRecord, HasGrowingIdsWholeSamplesAndATimeOfNow) {
   EXPECT_FALSE(isTimely(100.051, 100) || isTimely(69.999, 100));
 }
 
-TEST(SoundRecord, IsKeptByItsTimeAndByItsSamples) {
+TEST(SoundRecord, IsDroppedWhenLaterOnesSpanTooMuchTimeOrTooManySamples) {
   std::deque<SoundRecord> records = {{1, 4000}, {2, 4000}, {2.5, 4000}};
   keepLatest(records, 1.5, 8000);
   EXPECT_EQ(records.size(), 3u);
-  records.push_back({2.6, 10});
+  records.push_back({2.6, 0});
   keepLatest(records, 1.5, 8000);
   EXPECT_EQ(records.front().capturedAt, 2);
-  records.push_back({1, 4000});  // the clock has jumped
+  records.push_back({1, 4001});  // the clock has jumped
   keepLatest(records, 1.5, 8000);
   EXPECT_EQ(records.front().capturedAt, 2.5);
 }
 
-TEST(DeviceClock, HoldsWhatIsOffTheLineUntilThatIsCertain) {
+TEST(DeviceClock, HoldsRecordsOffTheLineUntilTheirTimesAreCertain) {
   DeviceClock clock(48000);
   double captured = 10;
   const auto add = [&](double late) {
@@ -51,10 +51,10 @@ TEST(DeviceClock, HoldsWhatIsOffTheLineUntilThatIsCertain) {
   EXPECT_EQ(add(1) + add(1) + add(1), 0u);  // a jump
   EXPECT_EQ(add(1), 4u);
   int held = 0;
-  for (double late = 2; add(late) == 0; late += 0.03) ++held;  // never twice by the same
+  for (double late = 2; add(late) == 0; late += 0.03) ++held;  // no two records agree
   EXPECT_NEAR(held, 12, 1);                                    // 0.6 s by their times
   held = 0;
-  for (double late = 9; add(late) == 0; late -= 0.019) ++held;  // all at once
+  for (double late = 9; add(late) == 0; late -= 0.019) ++held;  // all are read at once
   EXPECT_NEAR(held, 100, 1);                                    // two seconds by their length
   EXPECT_EQ(add(1) + clock.flush().size(), 1u);
 }
@@ -63,7 +63,7 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
   DeviceClock clock(48000);
   double captured = 10;
   double off = 0;    // seconds from the last stated time to where the clock puts that record
-  double drift = 0;  // by the clock
+  double drift = 0;  // as the clock measures it
   const auto add = [&](double late) {
     const double stated = std::exchange(captured, captured + 0.05 * (1 + 1e-4)) + late;
     const std::vector<SoundRecord> known = clock.add({stated, 2400});
@@ -72,7 +72,7 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
     drift = known.back().drift;
     return known.size();
   };
-  EXPECT_EQ(add(0) + add(0.015), 2u);  // nothing is known yet
+  EXPECT_EQ(add(0) + add(0.015), 2u);  // at first, times may scatter
   for (int i = 0; i < 300; ++i) EXPECT_EQ(add(0), 1u);
   for (const double late : {0.02, 0.04, 0.02}) {
     EXPECT_EQ(add(late) + add(late) + add(late), 0u) << late;
@@ -80,23 +80,22 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
     EXPECT_LT(off, 1e-3);
   }
   for (int i = 0; i < 80; ++i) EXPECT_EQ(add(0.02), 1u);
-  EXPECT_EQ(add(0.04), 1u);  // behind a step back it may be scatter
+  EXPECT_EQ(add(0.04), 1u);  // after a step back, this may be scatter
   EXPECT_GT(off, 0.015);
   for (int i = 0; i < 25; ++i) EXPECT_EQ(add(0.04), 1u);
   EXPECT_LT(off, 1e-3);
-  EXPECT_NEAR(drift, 1e-4, 2e-5);  // a step tells nothing of it
+  EXPECT_NEAR(drift, 1e-4, 2e-5);  // steps do not change the drift
   EXPECT_EQ(add(0.06) + add(0.06) + add(0.06), 0u);
   for (int i = 0; i < 600; ++i) add(0.06);
   EXPECT_EQ(add(0.04) + add(0.04) + add(0.04), 0u);
   EXPECT_EQ(add(0.04), 4u);
-  EXPECT_EQ(add(0.06), 0u);  // the last step in this direction is long ago
+  EXPECT_EQ(add(0.06), 0u);  // the step to 0.06 was too long ago for scatter
 }
 
 TEST(DeviceClock, FollowsASteadyParentThatWritesTwoRecordsAtATime) {
   DeviceClock clock(48000);
   double last = 0;
-  for (double at = 10; at < 40;
-       at += at < 20 ? 0.5 : 0.6) {  // from 20 on, it loses 0.1 s each time
+  for (double at = 10; at < 40; at += at < 20 ? 0.5 : 0.6) {  // from 20 on, 0.1 s is lost each time
     EXPECT_LE(clock.add({at, 12000}).size(), 3u);
     for (const SoundRecord& known : clock.add({at + 0.25, 12000})) last = known.capturedAt;
     for (const SoundRecord& known : clock.flush()) last = known.capturedAt;
@@ -123,14 +122,14 @@ TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
   EXPECT_NEAR(early.missing(10.02), 0.005, 1e-9);
   SoundPlacing late(8000, 10);
   EXPECT_EQ(late.place({10.005, 2000}, 0).silence, 40);
-  EXPECT_NEAR(late.missing(10.001), 0.001, 1e-9);  // never more than the movie has
+  EXPECT_NEAR(late.missing(10.001), 0.001, 1e-9);  // never more than the movie's length
   SoundPlacing stopped(48000, 10);
   stopped.place({10, 48000}, 0);
   EXPECT_EQ(stopped.fill(31, 1), 20 * 48000);
-  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the movie has only its beginning
+  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the movie ends within this gap
   EXPECT_EQ(stopped.place({32, 960}, 21).silence, 48000);
   EXPECT_EQ(stopped.place({33, 960}, 22.02).silence, 47040);
-  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the rest lies behind its end
+  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the later gap lies behind its end
   EXPECT_EQ(stopped.gaps(11.5), 1);
   EXPECT_EQ(stopped.gaps(33), 2);
   EXPECT_EQ(early.gaps(20) + late.gaps(20), 0);
@@ -140,16 +139,16 @@ struct Device {
   const char* what;
   int rate = 48000;
   double before = 10;     // seconds of sound in front of the take
-  int samples = 960;      // of a record; 0: any number
-  double slow = 100;      // ppm, at the start; it warms up, and in the end this is less by a third
+  int samples = 960;      // of a record; 0: random numbers
+  double slow = 100;      // ppm at the start; falls by a third as the device warms up
   double jump = 0;        // seconds that the times gain after an hour
-  int lost = 0;           // of so many records one is lost
-  int gaps = 0;           // that this must leave
-  double missing = 0;     // seconds
+  int lost = 0;           // one of so many records is lost; 0: none
+  int gaps = 0;           // expected in the track
+  double missing = 0;     // expected; seconds
   double jitter = 0.005;  // seconds that the parent's times are off, at most
-  double delay = 0;  // seconds by which they are late on average, with a tail as of a busy machine
+  double delay = 0;  // seconds by which the times are late on average; a few are late by much more
   double hang = 0;   // seconds each minute in which the parent reads nothing
-  double interval = 0;  // seconds between the times at which the parent looks for records
+  double interval = 0;  // seconds between the parent's looks for records; 0: looks all the time
 };
 
 // A take of two hours, with a resampler that is exact.
@@ -159,13 +158,13 @@ struct Take {
   Device device;
   DeviceClock clock{device.rate};
   SoundPlacing placing{device.rate, start};
-  std::deque<double> capturedAt = {};  // of the records that the clock has not returned
+  std::deque<double> capturedAt = {};  // of the records that the clock still holds
   double length = 0;
   int compensation = 0;
   double worst = 0;        // seconds off
   double afterAnHour = 0;  // seconds off
   int mostCompensation = 0;
-  int mostChanged = 0;  // `compensation`, from record to record
+  int mostChanged = 0;  // `compensation`, from one record to the next
 
   double seconds(std::int64_t samples) const { return static_cast<double>(samples) / device.rate; }
 
@@ -217,12 +216,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
       {.what = "jumps back", .samples = 12000, .slow = 300, .jump = -0.2, .gaps = 1},
       {.what = "jumps a little", .samples = 2400, .jump = 0.03, .gaps = 1, .missing = 0.03},
       {.what = "jumps back a little", .samples = 4096, .jump = -0.015, .gaps = 1, .jitter = 0.002},
-      {.what = "jitters and jumps",
-       .samples = 480,
-       .jump = 0.2,
-       .gaps = 1,
-       .missing = 0.2,
-       .jitter = 0.01},
+      {.what = "unsteady", .samples = 480, .jump = 0.2, .gaps = 1, .missing = 0.2, .jitter = 0.01},
       {.what = "stops", .rate = 96000, .slow = 300, .jump = 3, .gaps = 1, .missing = 3},
       {.what = "loses records", .lost = 10007, .gaps = 36, .missing = 36 * 0.02},
       {.what = "jitters more", .samples = 9600, .jitter = 0.008},
@@ -251,7 +245,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
 
 constexpr double turn = 2 * std::numbers::pi;
 
-// The left channel, without priming.
+// Returns the left channel without the priming.
 std::vector<float> decode(const SoundEncoder& encoder, const SoundPackets& packets) {
   const CodecContext decoder(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_AAC)));
   const Packet packet(av_packet_alloc());
@@ -274,20 +268,20 @@ std::vector<float> decode(const SoundEncoder& encoder, const SoundPackets& packe
   return left;
 }
 
-// Fits the tone to 4096 samples, with a Hann window. `angle` is its angle at the first one.
+// Fits the tone to 4096 samples, with a Hann window. `angle` is the tone's at the first sample.
 void expectTone(const float* samples, double angle, double step, double noise) {
   std::complex<double> tone;
   double energy = 0;
   for (int i = 0; i < 4096; ++i) {
     const double weight = (1 - std::cos(turn * i / 4096)) / 2048;
-    tone += std::polar(weight * samples[i], turn / 4 - angle - step * i);
+    tone += weight * samples[i] * std::polar(1.0, turn / 4 - angle - step * i);
     energy += weight * samples[i] * samples[i];
   }
   EXPECT_LT(std::abs(std::arg(tone)), step / 2);  // half a sample
   EXPECT_LT(energy - std::norm(tone), noise * noise);
 }
 
-// The compensation is lower and higher than `ppm` by `jump`, each for half a second.
+// The compensation alternates between `ppm - jump` and `ppm + jump` every half second.
 void keepTone(int rate, int channels, int seconds, int ppm, int jump) {
   SCOPED_TRACE(std::to_string(rate) + " " + std::to_string(ppm) + " " + std::to_string(jump));
   const int trackRate = soundTrackRate(rate);
@@ -312,7 +306,7 @@ void keepTone(int rate, int channels, int seconds, int ppm, int jump) {
   for (int begin = 4096; begin < (seconds - 1) * trackRate; begin += 2048) {
     if (jump == 0)
       expectTone(left.data() + begin, begin * step, step, channels == 1 ? 0.001 : 0.02);
-    // A click is what this filter leaves. It removes the tone even if that is 500 ppm off.
+    // This filter removes the tone, even 500 ppm off, and leaves only clicks.
     for (auto at = left.begin() + begin; at < left.begin() + begin + 2048; ++at)
       ASSERT_LT(std::abs(at[0] - 2 * std::cos(step) * at[-1] + at[-2]), 0.0005) << begin;
   }

@@ -1,4 +1,4 @@
-// Packets, samples and sequence parameter sets: limits, what an encoder makes wrong, start codes.
+// Packets, samples and sequence parameter sets: limits, errors of an encoder, start codes.
 // The client's parser reads what the service writes.
 
 #include <lumora/packets.h>
@@ -59,7 +59,7 @@ TEST(Packets, AreReadByTheClientUpToTheLargest) {
 }
 
 TEST(PacketParser, RefusesWhatNoHelperSends) {
-  // Too short, too long, of no type.
+  // A length too short, a length too long, an unknown type.
   for (const Bytes& bytes :
        {Bytes{0, 0, 0, 9, 2}, {0, 0x20, 0, 1, 2}, {0, 0, 0, 10, 3, 0, 0, 0, 0, 0, 0, 0, 1, 0}}) {
     client::PacketParser parser;
@@ -71,7 +71,7 @@ TEST(PacketParser, RefusesWhatNoHelperSends) {
                std::runtime_error);
 }
 
-TEST(AnnexB, SplitsBothStartCodesAndDropsPadding) {
+TEST(AnnexB, SplitsAtBothStartCodesAndDropsPadding) {
   const Bytes stream = {0, 0, 0, 1, 0x67, 1, 0, 0, 1, 0x68, 0, 0, 0, 1, 0x65, 0, 0, 3, 1, 0, 0};
   using testing::ElementsAre;
   EXPECT_THAT(splitAnnexB(stream),
@@ -79,8 +79,8 @@ TEST(AnnexB, SplitsBothStartCodesAndDropsPadding) {
   EXPECT_TRUE(splitAnnexB(Bytes{1, 0, 0, 1}).empty());
 }
 
-// A set from its syntax elements: "8:103" is u(8), "2" is ue(v). Behind every two zeros a 3, where
-// what follows could be taken for a start code.
+// Makes a set from its syntax elements: "8:103" is 103 in 8 bits, "2" is 2 in an Exp-Golomb code.
+// Inserts a 3 after two zero bytes if the next byte could complete a start code.
 Bytes makeSet(const std::string& elements) {
   std::string bits;
   std::istringstream words(elements + "1:1");
@@ -104,8 +104,8 @@ Bytes makeSet(const std::string& elements) {
   return unit;
 }
 
-// 64 × 64 Constrained Baseline, and High with all that can stand there: scaling lists (one that
-// ends early, one that goes up and down), picture order 1, fields, cropping.
+// A Constrained Baseline set of 64 × 64, and a High set with much that is optional: scaling lists
+// (one that ends early, one that goes up and down), picture order 1, fields, cropping.
 const std::string baseline = "8:0x67 24:0x42C029 0 0 2 2 1:0 3 3 1:1 1:1 1:0 ";
 const std::string high = [] {
   std::string list;
@@ -113,7 +113,7 @@ const std::string high = [] {
   return "8:0x67 24:0x640029 0 1 0 0 1:0 1:1 1:1 16 5:0 1:1 " + list +
          "1:0 0 1 1:0 3 4 2 5 6 2 1:0 3 1 1:0 1:0 1:1 1:1 0 1 0 1 ";
 }();
-// What stands in front of the restriction: timing alone, with zeros in a row, or all there is.
+// Sets up to the restriction: `some` has timing alone, with zero bytes in a row; `all` is full.
 const std::string hrd = "1 8:0x12 70 70 1:1 80 80 1:1 20:0xABCDE ";
 const std::string timing = "1:1 32:1 32:120 1:1 ";
 const std::string behindColours = "1:0 " + timing + "2:0 1:1 ";
@@ -121,13 +121,13 @@ const std::string some = baseline + "1:1 3:0 " + behindColours;
 const std::string all = high + "1:1 1:1 8:255 32:0x100011 2:3 1:1 5:23 24:0x090E09 1:1 0 0 " +
                         timing + "1:1 " + hrd + "1:1 " + hrd + "1:0 1:1 ";
 const std::string restricted = "1:1 1:1 0 0 11 11 ";
-// What is added.
+// What the service adds.
 const std::string colours = "1:1 3:5 1:0 1:1 8:1 8:13 8:1 ";
 const std::string restriction = "1:1 1:1 0 0 15 15 0 2 ";
 
 Bytes completed(ByteView unit) { return withUsabilityInformation(unit, {1, 13, 1, false}); }
 
-TEST(SequenceParameters, SayThatNothingIsReorderedAndWhatTheColoursAre) {
+TEST(SequenceParameters, SayThatNoFrameIsReorderedAndWhatTheColoursAre) {
   const std::string coloured = baseline + "1:1 2:0 " + colours + behindColours;
   const std::pair<std::string, std::string> cases[] = {
       {baseline + "1:0 ", baseline + "1:1 2:0 " + colours + "5:0 " + restriction},

@@ -1,4 +1,4 @@
-// Which encoders sessions get from drivers that refuse, hang, answer late or serve only a few.
+// Which encoder a session gets if a driver refuses, hangs, answers late or opens only a few.
 
 #include "codec/system_encoders.h"
 
@@ -16,7 +16,7 @@ constexpr EncoderSettings slowTake{SessionKind::recording, 2, 2, {}, 15, 15, 100
 
 enum Behaviour { works, refuses, hangs, throws };
 
-// The driver of "h264_nvenc", which encodes in software; all other hardware is missing.
+// A fake driver of "h264_nvenc" that encodes in software. All other hardware is missing.
 struct Driver : std::enable_shared_from_this<Driver> {
   EncoderFactory factory() {
     return [self = shared_from_this()](auto&&... arguments) { return self->open(arguments...); };
@@ -45,13 +45,13 @@ struct Driver : std::enable_shared_from_this<Driver> {
   }
 
   std::atomic<Behaviour> behaviour = works;
-  std::atomic<int> asked = 0, opened = 0;  // for any encoder; hardware
+  std::atomic<int> asked = 0, opened = 0;  // calls; opened hardware encoders
   std::atomic<bool> othersAsked = false;
-  std::size_t limit = 99;  // encoders at once
+  std::size_t limit = 99;  // hardware encoders open at once
   std::promise<void> release;
   std::shared_future<void> released = release.get_future();
   std::mutex mutex;
-  std::vector<std::weak_ptr<PicturePool>> inUse;  // each encoder has a pool of its own
+  std::vector<std::weak_ptr<PicturePool>> inUse;  // one per encoder; expires when it closes
 };
 
 struct EncoderPoolTest : testing::Test {
@@ -60,7 +60,7 @@ struct EncoderPoolTest : testing::Test {
             settings};
   }
   void openAhead(const EncoderRequest& by) { pool->openAhead(*by.codec, by.settings, 0); }
-  // Whether one was opened ahead or kept: it is taken.
+  // Takes an encoder. Returns whether it was opened ahead or kept.
   bool isAhead(const EncoderSettings& settings, const char* codec = x264Encoder) {
     const int before = driver->asked;
     EXPECT_NE(pool->acquire(request(settings, codec), {}).encoder, nullptr);
@@ -79,21 +79,21 @@ struct EncoderPoolTest : testing::Test {
       std::make_shared<EncoderPool>(driver->factory(), opener, [this] { ++trimmed; });
 };
 
-TEST_F(EncoderPoolTest, OpensOneOfEachKindAheadForTheLatestSettings) {
+TEST_F(EncoderPoolTest, OpensOneEncoderAheadForEachKindOfSessionWithItsLatestSettings) {
   for (const auto& settings : {preview, take, slowTake, slowTake}) openAhead(request(settings));
   opener->run();
   EXPECT_EQ(driver->asked, 2);
   EXPECT_TRUE(isAhead(preview));
-  EXPECT_FALSE(isAhead(preview));  // it is gone
+  EXPECT_FALSE(isAhead(preview));  // the line before took it
   EXPECT_FALSE(isAhead(take));
   EXPECT_TRUE(isAhead(slowTake));
   openAhead(request(take));
-  EXPECT_FALSE(isAhead(take));  // a session that comes before it opens its own
+  EXPECT_FALSE(isAhead(take));  // a session that comes before the opening opens its own
   opener->run();
   EXPECT_EQ(driver->asked, 5);
 }
 
-TEST_F(EncoderPoolTest, KeepsAnEncoderForTheNextSessionUnlessOneWasOpenedForThat) {
+TEST_F(EncoderPoolTest, KeepsAReleasedEncoderForTheNextSessionUnlessAnotherWasOpenedAhead) {
   for (const bool isOpened : {false, true}) {
     OpenedEncoder first = pool->acquire(request(take), {});
     if (isOpened) openAhead(request(slowTake));
@@ -126,7 +126,7 @@ struct HardwareEncoders : EncoderPoolTest {
   void SetUp() override {
     if (!wanted.codec) GTEST_SKIP() << "no such encoder";
   }
-  // Calls `acquire` on another thread, where it is to wait.
+  // Calls `acquire` on another thread, and expects it to wait.
   auto acquireLater(const std::stop_token& stop = {}) {
     auto acquired =
         std::async(std::launch::async, [=, this] { return pool->acquire(wanted, stop); });
@@ -157,10 +157,10 @@ TEST_F(HardwareEncoders, OpenedAheadAreClosedToMakeRoomAndASubstituteIsNotKept) 
   OpenedEncoder instead = pool->acquire(wanted, {});
   EXPECT_TRUE(instead.encoder && instead.isSubstitute);
   release(wanted, std::move(instead));
-  EXPECT_FALSE(isAhead(preview, "h264_nvenc"));  // it was not kept as the driver's
+  EXPECT_FALSE(isAhead(preview, "h264_nvenc"));  // the substitute was not kept
 }
 
-TEST_F(HardwareEncoders, AreWaitedForWhileOneIsReleasedForASecondUnlessTheSessionIsStopped) {
+TEST_F(HardwareEncoders, AreWaitedForUpToASecondWhileOneIsReleasedUnlessTheSessionIsStopped) {
   driver->limit = 1;
   OpenedEncoder first = pool->acquire(wanted, {});
   pool->beginRelease(wanted);
@@ -177,9 +177,9 @@ TEST_F(HardwareEncoders, AreWaitedForWhileOneIsReleasedForASecondUnlessTheSessio
 }
 
 using Session = std::shared_ptr<CompressionSession>;
-using Answer = std::pair<Status, std::uint32_t>;  // and its info flags
+using Answer = std::pair<Status, std::uint32_t>;  // for a picture; its info flags
 
-// On real queues. Only the test's thread asks for sessions.
+// System encoders on real queues. Only the test's thread creates sessions.
 struct EncoderRun {
   explicit EncoderRun(const std::string& choice, Behaviour behaviour = works,
                       const EncoderSettings& tried = take)
@@ -204,7 +204,7 @@ struct EncoderRun {
     EXPECT_EQ(session->prepareToEncodeFrames(), 0);
     return session;
   }
-  // What a session answers for a picture; without one, the status of its creation.
+  // What the session answers for a picture. If it was not created: the status of its creation.
   Answer encodeOne(const Session& session) const {
     if (!session) return {created, 0};
     std::shared_ptr<PixelBuffer> buffer;
@@ -242,6 +242,7 @@ TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
         {"hardware", works, refuses, Answer{AVERROR(EBUSY), infoNotPrepared}},
         {"h264_nvenc", works, hangs, Answer{AVERROR(ETIMEDOUT), infoNotPrepared}},
         {"hardware", refuses, refuses, Answer{AVERROR_ENCODER_NOT_FOUND, 0}},
+        {"hardware", works, throws, Answer{AVERROR_EXTERNAL, infoNotPrepared}},
         {"h264_nvenc", hangs, hangs, Answer{AVERROR_ENCODER_NOT_FOUND, 0}}}) {
     SCOPED_TRACE(std::string(choice) + std::to_string(atFirst) + std::to_string(later));
     EncoderRun run(choice, atFirst);
@@ -255,20 +256,20 @@ TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
   }
 }
 
-TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndNothingWaitsForThat) {
+TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndNoSessionWaitsForThat) {
   if (!avcodec_find_encoder_by_name("h264_v4l2m2m")) GTEST_SKIP() << "no second encoder";
-  for (const auto behaviour : {hangs, throws, refuses}) {
+  for (const auto behaviour : {hangs, refuses}) {
     SCOPED_TRACE(behaviour);
     EncoderRun run("auto", behaviour);
     run.waitUntilPrepared();
     const Session early = run.createSession();
     EXPECT_EQ(run.encodeOne(early), (Answer{0, 0}));
-    while (!run.driver->othersAsked) std::this_thread::yield();  // a hang takes a second
+    while (!run.driver->othersAsked) std::this_thread::yield();  // a hang delays this by a second
     EXPECT_FALSE(run.isHardwareUsed());
     run.driver->release.set_value();
     if (behaviour == hangs) run.waitForHardware();
     const int before = run.driver->opened;
-    EXPECT_EQ(run.encodeOne(early), (Answer{0, 0}));  // stays in software
+    EXPECT_EQ(run.encodeOne(early), (Answer{0, 0}));  // the session stays in software
     EXPECT_EQ(run.driver->opened, before);
   }
 }
@@ -295,13 +296,13 @@ TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
   for (int i = 0; i < 10; ++i) {
     EncoderRun run("hardware");
     run.waitUntilPrepared();
-    const Session other = run.createSession(take);  // has the one that was opened to find it
+    const Session other = run.createSession(take);  // takes the encoder that the probe opened
     EXPECT_EQ(run.encodeOne(other), (Answer{0, 0}));
     run.driver->limit = 2;
     run.driver->behaviour = hangs;
     run.createSession()->invalidate();
     const Session next = run.createSession();
-    run.driver->release.set_value();  // they come in any order
+    run.driver->release.set_value();  // the two openings end in any order
     EXPECT_EQ(run.encodeOne(next), (Answer{0, 0}));
   }
 }
@@ -311,7 +312,7 @@ TEST_F(HardwareEncoders, AreOpenedForTheNextTakeOnceTheyAreFound) {
   while (run.driver->opened < 2) std::this_thread::yield();
 }
 
-TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst) {
+TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherTakeComesFirst) {
   for (const bool comesFirst : {false, true}) {
     const double now = 0;
     const auto driver = std::make_shared<Driver>();
@@ -333,7 +334,6 @@ TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherComesFirst)
     EXPECT_EQ(opened(), 2);
     encoders->openAhead(slowTake);
     EXPECT_EQ(opened(), comesFirst ? 2 : 3);
-    dispatch->queues.at(0)->clear();  // the timer's work holds the pool
   }
 }
 

@@ -62,7 +62,7 @@ TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndNoBurstAfterAPause) {
       {{1, 1.0221, 1.1}, {1, 1.1}},
       {{1, 1.0223, 1.0446, 1.1}, {1, 1.0223, 1.1}},
       {{1, 1.0666, 1.089, 1.1}, {1, 1.0666, 1.089, 1.1}},  // late by less than an interval
-      {{1, 1.0667, 1.089, 1.1}, {1, 1.0667, 1.089}},       // and by more
+      {{1, 1.0667, 1.089, 1.1}, {1, 1.0667, 1.089}},       // late by more than an interval
       {{1, 11, 11.001, 11.01, 11.0111, 11.0334}, {1, 11, 11.0334}},
       {{1, 1, 1, 1.0334, 1.0334}, {1, 1.0334}}};
   for (const auto& [camera, take] : cases) {
@@ -73,14 +73,14 @@ TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndNoBurstAfterAPause) {
   }
 }
 
-TEST(MovieTiming, LimitsSamplesAndEndsWithTheStop) {
+TEST(MovieTiming, LimitsTheDurationOfASampleAndEndsAtTheStop) {
   EXPECT_EQ(lastUntil(10, 11 + longestSample, shortestSample).duration, longestSample);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 12.6, 12.5, 30), 2.5);
   EXPECT_DOUBLE_EQ(movieEndTime(10.0, 10.0, 10.0, 10.0, 30), 1.0 / 60000);
   EXPECT_DOUBLE_EQ(movieEndTime({}, 5.0, 9.0, 12.0, 30), 7.0);
 }
 
-TEST(FrameTime, IsTheIdIfThatIsATimeOfTheLastTwoSeconds) {
+TEST(FrameTime, IsTheIDIfTheIDIsATimeInTheLastTwoSeconds) {
   constexpr std::uint64_t second = 1'000'000, now = 100 * second;
   for (const auto& [id, time] : {std::pair{now - second, 99.0},
                                  {now, 100.0},

@@ -1,5 +1,5 @@
-// What the viewer decides: which frames a page gets, who may ask for what, what a page may say. The
-// formats of cameras, the sound devices and what waits in them. The times of the tap's pictures.
+// The viewer's rules: which frames a page gets, who may ask for what, what a page may say. Lists of
+// cameras and sound devices, the sound that waits in a device, the times of the tap's pictures.
 
 #include <gtest/gtest.h>
 
@@ -24,10 +24,10 @@ TEST(FrameFlow, AcknowledgesWhatThePageHasShownUntilANewStreamBegins) {
   EXPECT_FALSE(flow.frameCame(2, false, 0));  // a page starts with a key frame
   EXPECT_TRUE(flow.frameCame(3, true, 0) && flow.frameCame(4, false, 0.1));
   EXPECT_TRUE(flow.frameCame(5, false, 0.2));
-  EXPECT_EQ(flow.shown(4), 4u);  // which acknowledges the third as well
+  EXPECT_EQ(flow.shown(4), 4u);  // this acknowledges frame 3, too
   EXPECT_FALSE(flow.acknowledgeOverdue(0.45));
   flow.streamBegan();
-  EXPECT_FALSE(flow.acknowledgeOverdue(9) || flow.shown(5));  // the new stream does not know it
+  EXPECT_FALSE(flow.acknowledgeOverdue(9) || flow.shown(5));  // the new stream has no frame 5
   EXPECT_TRUE(!flow.frameCame(6, false, 9) && flow.frameCame(7, true, 9));
 }
 
@@ -48,7 +48,7 @@ TEST(FrameFlow, ASlowPageGetsNothingUntilItSpeaksAndAKeyFrameComes) {
   EXPECT_EQ(flow.takeWithheld(), 0u);  // the page was not slow
 }
 
-TEST(FrameFlow, AHiddenPageAndOneThatLeftHoldNothingUp) {
+TEST(FrameFlow, APageThatIsHiddenOrHasLeftHoldsNothingUp) {
   FrameFlow flow;
   flow.pageJoined();
   EXPECT_TRUE(flow.frameCame(1, true, 0));
@@ -86,7 +86,7 @@ TEST(WebRules, OnlyOurOwnPageAtItsNumericAddressGetsAnything) {
     EXPECT_FALSE(rules.resource(host, {}, other)) << other;
 }
 
-TEST(WebRules, PartsOfAFile) {
+TEST(WebRules, ServeTheRequestedPartOfAFileAndTheWholeForAnUnusableHeader) {
   using enum ByteRange::Kind;
   EXPECT_EQ(parseRange("bytes=10-", 100), (ByteRange{part, 10, 90}));
   EXPECT_EQ(parseRange("bytes=99-99", 100), (ByteRange{part, 99, 1}));
@@ -97,7 +97,7 @@ TEST(WebRules, PartsOfAFile) {
     EXPECT_EQ(parseRange(header, 100), (ByteRange{whole, 0, 100})) << header;
 }
 
-TEST(PageMessages, WhatNoPageSaysIsRefused) {
+TEST(PageMessages, AreRefusedIfNoPageWouldSendThem) {
   const auto shown = parsePageMessage(R"({"type":"shown","frame_id":9007199254740991})");
   EXPECT_EQ(std::get<Shown>(*shown).frameID, 9007199254740991u);
   const std::string start = R"({"type":"start","folder":"/v",)";
@@ -138,7 +138,7 @@ TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
 }
 
 // A script stands in for ffmpeg. It prints three seconds of zeros, then one other sample.
-TEST(Microphone, GivesTheNewestOfWhatWaited) {
+TEST(Microphone, GivesTheNewestOfTheSoundThatWaited) {
   std::string folder = testing::TempDir() + "/microphone.XXXXXX";
   const std::filesystem::path program = std::filesystem::path(mkdtemp(folder.data())) / "ffmpeg";
   std::ofstream(program) << "#!/bin/sh\nhead -c 576000 /dev/zero; printf abcd; touch $0.done\n";
@@ -156,7 +156,7 @@ TEST(Microphone, GivesTheNewestOfWhatWaited) {
   std::filesystem::remove_all(folder);
 }
 
-TEST(FlvTimes, GrowAndAreCaptureTimesWhereIdsAreThat) {
+TEST(FlvTimes, GrowAndAreCaptureTimesWhereTheIdsAreCaptureTimes) {
   const struct {
     std::optional<bool> fromIDs;
     // Id in seconds, arrival, time in the output.
