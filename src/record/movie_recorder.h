@@ -99,7 +99,6 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void encodeSound();
   void soundLater();
   void waitForSound();
-  bool awaitsSound() const { return awaitedEnd && !sound->isEnding(); }
   void endSound();
   bool isShortOfTime() const;
   void keepSound(double end);
