@@ -35,7 +35,7 @@ struct Client : HelperTest {
   }
 };
 
-TEST_F(Client, SavesATakeAndSaysTheTokenNowhere) {
+TEST_F(Client, SavesATakeAndNoEventContainsTheToken) {
   std::vector<client::Event> events;
   std::atomic<client::Helper*> known = nullptr;
   client::Helper camera(options(), [&](const client::Event& told) {
@@ -72,7 +72,7 @@ TEST_F(Client, AKilledHelperFailsItsTakeAndDropsItsFrames) {
   Take take = startTake(camera);
   feed(camera, 60);
   kill(camera.pid(), SIGSTOP);
-  // Through the pipe, it is killed in the middle of the first.
+  // If frames go through the pipe, the helper is killed in the middle of the first of these.
   feed(camera, 2, {1920, 1080});
   kill(camera.pid(), SIGKILL);
   const client::Recording end = take.waitForEnd(Seconds(20)).value();
@@ -117,7 +117,7 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
       {{.program = helperProgram(), .token = token, .arguments = {"--unknown"}},
        "the helper did not start: invalid helper configuration"},
-      // Another address of that name would be free.
+      // The helper must not listen on another address of that name instead.
       {{.program = helperProgram(), .arguments = {"--host", "localhost", "--port", taken}},
        "the helper did not start: video listener failed"},
       {{.program = "/bin"}, "there is no program at /bin"},
@@ -129,7 +129,7 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
                 testing::ThrowsMessage<client::StartError>(why));
 }
 
-TEST_F(Client, TheMemoryOfFramesIsThereBeforeThemAndDoesNotGrow) {
+TEST_F(Client, FrameMemoryIsResidentBeforeTheFirstFrameAndDoesNotGrow) {
   const auto resident = [] { return tools::processFigures(getpid()).residentMegabytes; };
   const FrameSize size{1280, 720};
   const Pixels pixels = plain(size, {200, 10, 10});
@@ -179,11 +179,11 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
 }
 
 TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
-  const auto usual = std::signal(SIGCHLD, SIG_IGN);  // then the status of the helper is lost
+  const auto usual = std::signal(SIGCHLD, SIG_IGN);  // the helper's exit status is then lost
   client::Helper camera(options());
   Take take = startTake(camera);
   feed(camera, 31, {1920, 1080});
-  // So that the last frame is still encoded when the stop arrives.
+  // The helper then has the last frame still to encode when the stop arrives.
   kill(camera.pid(), SIGSTOP);
   feed(camera, 1, {1920, 1080});
   take.stop(client::Uptime::now() - Seconds(0.3));
@@ -217,7 +217,7 @@ TEST_F(CameraExample, RecordsWhatEachKindOfCameraShows) {
                                       " " + LUMORA_V4L2 + " /dev/camera " + folder.string() + " 1");
     EXPECT_THAT(said, testing::MatchesRegex(path + ": [0-9.]* s \n"));
     expectQuarters(path, {1080, 720}, small, {upper, upper, lower, lower});
-    // No picture of the take was a broken one.
+    // No picture of the take is broken.
     const std::string greys = outputOf("ffmpeg -v error -nostdin -i " + path +
                                        " -vf crop=2:2:540:180 -f rawvideo -pix_fmt gray -");
     ASSERT_GT(greys.size(), 40u);

@@ -15,7 +15,7 @@ struct Faults : HelperTest {
 #if defined(__SANITIZE_THREAD__)
   void SetUp() override { GTEST_SKIP() << "this sanitizer must be the first library"; }
 #endif
-  // False when the helper ends without being ready.
+  // False when the helper is not ready within 20 s, or ends before.
   bool startWith(const std::string& faults, Environment more = {}) {
     std::filesystem::remove(hitPath());
     more.insert(environment.begin(), environment.end());
@@ -29,7 +29,7 @@ struct Faults : HelperTest {
     error = said = "";
     return hear([](const Event& event) { return event["type"] == "ready"; });
   }
-  // Hears events until the last one. False when the output ends or 20 s have passed.
+  // Reads events until `isLast` returns true. False when the output ends or 20 s have passed.
   bool hear(const HelperProcess::Wanted& isLast = [](const Event&) { return false; }) {
     for (const double patience = uptime() + 20; uptime() < patience;) {
       const auto event = helper->nextEvent(Seconds(20));
@@ -58,7 +58,8 @@ struct Faults : HelperTest {
     hear([&](const Event&) { return states.contains("saved") || states.contains("failed"); });
     return states;
   }
-  // A short take beside a client. A call that failed once must not fail the take after that.
+  // Runs the helper for a short take beside a client. `withAnother` adds a second take after a
+  // failed call: that call must not fail the second one.
   client::Exited run(const std::string& faults, bool withAnother) {
     if (startWith(faults)) {
       std::unique_ptr<client::StreamClient> viewer;
@@ -82,9 +83,9 @@ struct Faults : HelperTest {
     helper.reset();
     return exit;
   }
-  // Makes each call of a kind fail, one in each run, and calls `look`. Of calls that come often,
-  // each of the first is tried, then ever fewer: with sound fewer than without, which is tried,
-  // too.
+  // Makes the calls of a kind fail, one in each run, and calls `look` after each run. The first
+  // calls all get their run, later ones ever fewer. With sound there are fewer runs, because the
+  // same calls fail without sound, too.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
     const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
@@ -100,7 +101,7 @@ struct Faults : HelperTest {
     }
     EXPECT_GT(nth, next(1)) << call << " never occurs";
   }
-  // Whatever failed: an exit status of ours with its reason, one end of each take.
+  // Expects, whatever failed, exit status 0 or 1 with its reason, and one end of each take.
   void judge(const client::Exited& exit, const std::string& kind) {
     EXPECT_EQ(exit.signal, 0);
     EXPECT_TRUE(exit.status == 0 || exit.status == 1) << exit.status;
@@ -117,9 +118,6 @@ struct Faults : HelperTest {
       EXPECT_TRUE(!isFailed || kind == "unlink" ||
                   !std::filesystem::exists(states.at("failed") + "." + id + ".partial"));
     }
-  }
-  void feedUntilHit() {
-    feedUntil([this] { return hasHit(); }, tiny);
   }
   std::string recoveredPath() const {
     return path.substr(0, path.size() - 4) + ".recovered-" + takeID + ".mp4";

@@ -17,7 +17,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   const std::string noRename = "renameat2:0:22,";  // a file system that can't rename exclusively
   const std::string noRoom = "fallocate:0:95,";    // or can't reserve room
   const std::string recovered = recoveredPath();
-  // The call, what fails anyway, the path that is saved if the call does not fail.
+  // Each has the call, what fails in every run, and the path that is saved unless the call fails.
   std::vector<std::array<std::string, 3>> kinds;
   // A sanitizer has a heap of its own, and looks at memory through pipes.
   if (!hasSound) {
@@ -58,7 +58,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
 }
 
 // From the third fragment on, no allocation succeeds on any thread.
-TEST_F(Faults, WithoutMemoryTheHelperEndsWithOneAndTheMovieStays) {
+TEST_F(Faults, WithoutMemoryTheHelperExitsWithOneAndTheMovieStays) {
   if (sanitized) GTEST_SKIP() << "the sanitizer's heap can't fail";
   ASSERT_TRUE(startWith("fallocate:3:95,malloc:0"));
   startTake(smallTake);
@@ -73,7 +73,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
   ASSERT_TRUE(startWith("fdatasync:1,unlink:1:-6"));
   const auto end = [this] {
     startTake(smallTake);
-    // Not the end of the take before, which is repeated.
+    // Skips the end of the previous take, which the helper repeats.
     helper->waitForEvent("recording",
                          [](const Event& told) { return told["state"] == "starting"; });
     feedAll();
@@ -82,7 +82,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
       return told["state"] == "saved" || told["state"] == "failed";
     });
   };
-  EXPECT_EQ(end()["error"], "Input/output error");  // after a second; the removal takes six
+  EXPECT_EQ(end()["error"], "Input/output error");  // comes after a second; the removal takes six
   ASSERT_TRUE(std::filesystem::remove(stagingPath()));
   path = folder / "." / std::filesystem::path(path).filename();  // another spelling
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");
@@ -95,15 +95,15 @@ TEST_F(Faults, TheWatchdogEndsAHangingEncoderThoughTheParentBlockedItsSignal) {
   if (!canFailCodec()) GTEST_SKIP();
   ASSERT_TRUE(startWith("avcodec_send_frame:20:-30"));
   const Watcher watcher(connectClient());
-  feedUntilHit();
+  feedUntil([this] { return hasHit(); }, tiny);
   helper->sendSignal(SIGTERM);
   EXPECT_EQ(exitCode(), 0);
 }
 
-TEST_F(Faults, AHangingDiskStopsNeitherThePreviewNorTheEnd) {
+TEST_F(Faults, AHangingDiskStopsNeitherThePreviewNorTheHelpersEnd) {
   ASSERT_TRUE(startWith("fdatasync:2:-30"));
   startTake();
-  feedUntilHit();
+  feedUntil([this] { return hasHit(); }, tiny);
   stream(tiny, plain(tiny, {9, 9, 9}), 10);
   EXPECT_EQ(finish(), 0);
   EXPECT_EQ(decodeErrors(stagingPath()), "");

@@ -69,7 +69,7 @@ void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
   const Pixels pixels = bytesOf(last);
   std::filesystem::remove(last);
   ASSERT_EQ(pixels.size(), size.rgbaBytes() / 4 * 3);
-  // A place from the middle of the picture, in parts of its width and height.
+  // `x` and `y` are distances from the middle, in parts of the picture's width and height.
   const auto expect = [&](double x, double y, const Rgb& colour) {
     const int column = static_cast<int>((0.5 + x) * size.width);
     const int row = static_cast<int>((0.5 + y) * size.height);
@@ -136,7 +136,7 @@ void expectKeys(const Event& event, const Event& wanted) {
 }
 
 void HelperTest::SetUp() {
-  // So that a write to a helper that has ended fails. Unlike SIG_IGN, a child doesn't inherit it.
+  // A write to a helper that has ended then fails. Unlike SIG_IGN, a handler is not inherited.
   std::signal(SIGPIPE, [](int) {});
   std::string name = (std::filesystem::temp_directory_path() / "lumora-test-XXXXXX").string();
   ASSERT_NE(mkdtemp(name.data()), nullptr);
@@ -160,7 +160,7 @@ void HelperTest::launch(Arguments arguments, Environment environment) {
   slots = shares ? client::FrameSlots::makeShared(format) : nullptr;
   sigset_t all, usual;
   sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &usual);  // the helper inherits that
+  pthread_sigmask(SIG_SETMASK, &all, &usual);  // the helper inherits this mask
   helper = std::make_unique<HelperProcess>(
       client::LaunchOptions{helperProgram(), token, std::move(arguments), std::move(environment),
                             slots ? slots->descriptor() : -1, format.text()});
@@ -256,7 +256,7 @@ std::string HelperTest::expectKept(const Event& failed) const {
   EXPECT_FALSE(std::filesystem::exists(stagingPath()));
   EXPECT_EQ(decodeErrors(kept.string()), "");
   const Event movie = probe(kept);
-  EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);  // it has complete tables
+  EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);  // the movie's tables are complete
   EXPECT_EQ(movie["nb_read_frames"], std::to_string(failed.value("kept_frames", 0)));
   EXPECT_NEAR(movie["duration_ts"].get<double>() / 60000, failed.value("kept_duration", 0.0), 1e-4);
   return kept;

@@ -37,7 +37,7 @@ using Pixels = std::vector<std::uint8_t>;
 // A sanitizer makes everything slow and has a heap of its own.
 inline constexpr bool sanitized = LUMORA_SANITIZED;
 
-// On the helper's clock, as its commands have it.
+// The time on the helper's clock in seconds, as commands carry it.
 inline double uptime() { return client::Uptime::now().time_since_epoch().count(); }
 
 // The helper as a plain child process: records go in, events come out as JSON. Tests use it for
@@ -54,8 +54,8 @@ struct HelperProcess : client::ChildProcess {
     if (const auto line = nextLine(limit)) return Event::parse(*line);
     return std::nullopt;
   }
-  // The next event of this "type" that is `wanted`. Throws std::runtime_error when none has come
-  // within 20 seconds or the output ends.
+  // The next event of this "type" for which `wanted` is true. Throws std::runtime_error if none
+  // comes within 20 seconds or the output ends.
   using Wanted = std::function<bool(const Event&)>;
   Event waitForEvent(
       const std::string& type, const Wanted& wanted = [](const Event&) { return true; }) {
@@ -66,13 +66,13 @@ struct HelperProcess : client::ChildProcess {
   }
 };
 
-// The program under test: LUMORA_HELPER in the environment, or the one that was built.
+// The program under test: LUMORA_HELPER in the environment, or the built helper.
 std::string helperProgram();
 
 struct Rgb {
   std::uint8_t red, green, blue;
 };
-// Of a picture: top left, top right, bottom left, bottom right.
+// A picture's colours: top left, top right, bottom left, bottom right.
 using Quarters = std::array<Rgb, 4>;
 inline constexpr Quarters usualColours = {
     {{200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {90, 90, 90}}};
@@ -84,16 +84,17 @@ std::string text(FrameSize size);  // "640x360"
 Pixels bytesOf(const std::string& path);
 std::string fileOf(const std::string& path, const Pixels& bytes);  // returns the path
 
-// Converts colours exactly. Options such as ":out_range=full" may follow.
+// A filter that converts colours exactly. Options such as ":out_range=full" may follow.
 inline const std::string exactScale = "scale=flags=accurate_rnd+full_chroma_int+full_chroma_inp";
-// Expects that ffmpeg has no complaints.
+// Runs ffmpeg, and expects that it prints no error.
 void ffmpeg(const std::string& arguments);
-// The file that ffmpeg makes of a picture, the bottom row first; its arguments begin with filters.
+// Lets ffmpeg write a picture, the bottom row first, to `file`. The arguments begin with filters.
+// Returns the bytes of the file.
 Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments);
 
-// Expects a file without errors. Its last picture has this size, and shows these colours between
-// black bars, as a camera of that size delivers them.
+// Expects a file without errors, whose last picture has this `size`. It shows a picture of the size
+// `camera` in these colours, between black bars if the shapes differ.
 void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
                     const Quarters& colours = usualColours);
 
@@ -114,7 +115,7 @@ void expectKeys(const Event& event, const Event& wanted);
 
 inline const Event smallTake = {{"resolution", "640x360"}, {"target_fps", 60}};
 
-// Receives and acknowledges on its own thread.
+// Receives packets and acknowledges frames on its own thread.
 class Watcher {
  public:
   explicit Watcher(std::unique_ptr<client::StreamClient> from)
@@ -134,7 +135,7 @@ class Watcher {
 
  private:
   std::atomic<int> frames_ = 0;
-  std::vector<Packet> packets_;  // the thread's
+  std::vector<Packet> packets_;  // the thread uses them until it ends
   std::jthread thread_;
 };
 
@@ -146,12 +147,12 @@ class HelperTest : public testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts the helper and waits for "ready". The helper must end with 0 at the next start or at the
-  // end of the test, unless the test waits for another end.
+  // Starts the helper and waits for "ready". The helper must exit with 0 at the next start or at
+  // the end of the test, unless the test takes the exit code itself.
   void start(Arguments arguments = {}, Environment environment = {});
   // Starts the helper, with every signal blocked, and waits for nothing.
   void launch(Arguments arguments, Environment environment);
-  // Returns the exit status, or -1 when a signal ended the helper or nothing did.
+  // Waits until the helper ends. Returns its exit status, or -1 after a signal or after 20 s.
   int exitCode();
   int finish() {
     helper->closeInput();
@@ -165,16 +166,16 @@ class HelperTest : public testing::Test {
   std::unique_ptr<client::StreamClient> connectClient();
   // Feeds one frame. Waits for a slot, if frames go through shared memory.
   void feed(FrameSize size, const Pixels& pixels);
-  // Feeds frames at a steady rate until `isEnough`, of these pictures in turn, or of the usual
-  // colours. For 100 s at most.
+  // Feeds frames at a steady rate until `isEnough` returns true, for 100 s at most. They show these
+  // pictures in turn, or the usual colours if there are none.
   void feedUntil(const std::function<bool()>& isEnough, FrameSize size = {640, 360},
                  const std::vector<Pixels>& pictures = {}, double framesPerSecond = 60);
   void feedPaced(int count, double framesPerSecond = 60, FrameSize size = {640, 360},
                  const std::vector<Pixels>& pictures = {}) {
     feedUntil([&] { return count-- == 0; }, size, pictures, framesPerSecond);
   }
-  // Feeds sound of 48 kHz in stereo, captured up to this time of the helper's clock, in records of
-  // 20 ms: a tone of 1 kHz, and silence before `loudFrom`.
+  // Feeds stereo sound of 48 kHz, captured up to `until` on the helper's clock, in records of
+  // 20 ms. The sound is silence before `loudFrom`, then a tone of 1 kHz.
   void feedSound(double until, double loudFrom = 0);
   // Feeds this picture until a new client has `count` frames. Returns all that the client got.
   std::vector<Packet> stream(FrameSize size, const Pixels& picture, int count);
@@ -195,11 +196,11 @@ class HelperTest : public testing::Test {
     EXPECT_EQ(decodeErrors(path), "");
     return saved;
   }
-  // The take's next event with this "state". Throws when it ends in another state.
+  // The take's next event with this "state". Throws when the take ends in another state.
   Event waitForTake(const std::string& state);
   // Expects a failed take to have kept an ordinary movie, and returns its path.
   std::string expectKept(const Event& failed) const;
-  // The next take is another one, at this path. At most fifteen for a helper.
+  // Gives the next take a new ID and this path. At most fifteen times for a helper.
   void turnTo(const std::filesystem::path& file) {
     path = file;
     takeID.back() = takeID.back() == '9' ? 'A' : static_cast<char>(takeID.back() + 1);
@@ -214,7 +215,7 @@ class HelperTest : public testing::Test {
   std::unique_ptr<HelperProcess> helper;
   std::uint16_t port = 0;
   std::uint64_t lastID = 0;
-  double heardUntil = 0;  // where the next sound begins; 0: anywhere
+  double heardUntil = 0;  // when the next sound begins; 0: not known yet
   std::string path;
   std::string takeID = "6F9619FF-8B86-D011-B42D-00CF4FC96400";
 };

@@ -1,5 +1,5 @@
-// The process as its parent sees it: launch, input, events, exit status. And how it serves others
-// while some misbehave.
+// The process as its parent sees it: launch, input, events, exit status. And how it serves clients
+// while others misbehave.
 
 #include <unistd.h>
 
@@ -12,7 +12,7 @@ namespace {
 
 using Input = HelperTest;
 
-TEST_F(Input, EndsWithOneWithoutTheFrameMemoryThatItIsTold) {
+TEST_F(Input, ExitsWithOneIfItsFrameMemoryDoesNotExist) {
   launch({}, {{"TAVO_FRAME_MEMORY", "99"}});
   EXPECT_EQ(helper->waitForEvent("error").at("message"), "invalid helper configuration");
   EXPECT_EQ(exitCode(), 1);
@@ -23,7 +23,7 @@ TEST_F(Input, AFloodOfFramesIsDroppedAndCountedAndCostsNoMemory) {
   const FrameSize size{1920, 1080};
   const Pixels pixels = plain(size, {40, 80, 120});
   const Watcher watcher(connectClient());
-  // The take encodes a frame for longer than the next one needs to arrive.
+  // The take needs longer to encode a frame than the next frame needs to arrive.
   startTake({{"resolution", "1920x1080"}, {"target_fps", 60}});
   const int all = sanitized ? 150 : 400;
   for (int i = 0; i < all; ++i) feed(size, pixels);
@@ -43,7 +43,7 @@ TEST_F(Input, AnIgnoredHangUpStaysIgnored) {
   stream({320, 240}, plain({320, 240}, {1, 2, 3}), 3);
 }
 
-TEST_F(Input, EndsWithOneAtTheFirstFrameWithoutTheEncoderThatItNeeds) {
+TEST_F(Input, ExitsWithOneAtTheFirstFrameIfItsEncoderCannotStart) {
   for (const auto& [choice, words] :
        {std::pair{"no-such-encoder", "hardware encoder creation failed (-"},
         {"software:no-such-preset", "encoder preparation failed (-"}}) {
@@ -85,7 +85,7 @@ TEST_F(Input, StrangersGetNothingAndDisturbNobody) {
   EXPECT_LT(sanitized ? 0 : tools::peakMegabytes(helper->pid()), 200);
 }
 
-TEST_F(Input, TheKernelKeepsNothingForAClientThatReadsNothing) {
+TEST_F(Input, ADroppedClientThatReadsNothingLeavesNoSocketInTheKernel) {
   start();
   const auto client = connectClient();
   feedPaced(60);

@@ -16,11 +16,11 @@ using enum client::FirstRow;
 using enum client::ColourMatrix;
 using enum client::ColourRange;
 
-// What every picture shows. No colour is so bright or dark that it is cut off somewhere.
+// What every picture shows. No colour is so bright or dark that a conversion clips it.
 constexpr Quarters colours = {{{200, 40, 40}, {230, 230, 230}, {40, 180, 60}, {40, 50, 200}}};
 
 struct FrameFormats : HelperTest {
-  // As a camera with this format delivers it. `pixels` is ffmpeg's name of the encoding.
+  // The picture as a camera of this format delivers it. `pixels`: ffmpeg's name of the encoding.
   Pixels picture(FrameSize size, const std::string& pixels) const {
     const bool isJPEG = format.encoding == mjpeg;
     const bool isFull = isJPEG || format.range == full;
@@ -49,7 +49,7 @@ struct FrameFormats : HelperTest {
       const Event seen = probe(path);
       expectKeys(seen, {{"color_range", "tv"}, {"color_space", is601 ? "smpte170m" : "bt709"}});
       expectKeys(seen, {{"color_transfer", "iec61966-2-1"}, {"color_primaries", "bt709"}});
-      // ffprobe believes the stream rather than the file.
+      // ffprobe shows the stream's colours. The file must have a box with the same ones.
       Pixels box = {'c', 'o', 'l', 'r', 'n', 'c', 'l', 'x', 0, 1, 0, 13, 0};
       box.push_back(is601 ? 6 : 1);
       const Pixels movie = bytesOf(path);
@@ -105,7 +105,7 @@ TEST_F(Preview, IsUprightInTheRightColoursAndBaselineAtEverySize) {
     // A configuration packet stands before every key frame and nowhere else.
     for (std::size_t i = 1; i < packets.size(); ++i)
       EXPECT_EQ(packets[i].keyframe, packets[i - 1].type == Packet::Type::configuration);
-    // There is one once a second.
+    // There is one every second.
     EXPECT_GE(std::ranges::count(packets, Packet::Type::configuration, &Packet::type), 2);
   }
 }
@@ -123,7 +123,7 @@ std::vector<int> contrasts(const std::string& file) {
 
 using SharedFrames = HelperTest;
 
-// Plain pictures for a take and a client.
+// Every frame is plain. A picture with contrast was read while the next frame overwrote it.
 TEST_F(SharedFrames, AreNotReadAfterTheirRelease) {
   transport = client::FrameTransport::memory;
   const FrameSize size{1080, 720};  // of the take, so its encoder reads samples in the slot

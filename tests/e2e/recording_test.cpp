@@ -1,4 +1,4 @@
-// Takes on real disks, also such that fail: timing, profiles, endings, crashes. ffprobe and ffmpeg
+// Takes on real disks, some of which fail: timing, profiles, endings, crashes. ffprobe and ffmpeg
 // judge the movies.
 
 #include <gmock/gmock.h>
@@ -30,7 +30,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
   for (const auto& [size, cameraRate] :
        {std::pair{FrameSize{640, 360}, 24}, {{1080, 720}, 60}, {{1920, 1080}, 50}}) {
     start();
-    for (const char* file : {"first.mp4", "second.mp4"}) {  // the second has the first's encoder
+    for (const char* file : {"first.mp4", "second.mp4"}) {  // the second reuses the first's encoder
       turnTo(folder / file);
       const double from = uptime();
       startTake({{"started_at", from},
@@ -47,7 +47,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
       EXPECT_NEAR(saved["duration"].get<double>(), 0.7, 1e-4);
       const int frames = std::stoi(movie["nb_read_frames"].get<std::string>());
       EXPECT_LE(frames, 22);               // 0.7 s at 30 a second
-      EXPECT_GE(saved["frames"], frames);  // it counts frames after the stop, too
+      EXPECT_GE(saved["frames"], frames);  // also counts frames after the stop
       EXPECT_EQ(saved["frames_in_movie"], frames);
       EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
       std::filesystem::remove(path);
@@ -221,7 +221,7 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   expectFailure("No space left on device", true);
 }
 
-TEST_F(Disk, ATakeLeavesTheSpaceThatItWasTold) {
+TEST_F(Disk, ATakeLeavesTheMinimumFreeSpaceOnTheDisk) {
   start();
   Event keys = keeping;
   keys["minimum_free"] = std::int64_t{1} << 53;

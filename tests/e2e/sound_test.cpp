@@ -1,4 +1,4 @@
-// A take with sound of a parent that flashes and beeps at the same instant. ffmpeg judges it.
+// A take with sound. Its pictures flash and its sound begins at the same instant. ffmpeg judges it.
 
 #include <cmath>
 #include <fstream>
@@ -11,7 +11,7 @@ namespace {
 struct Sound : HelperTest {
   static constexpr double step = 0.02;  // seconds
 
-  // Pictures and sound, captured up to this uptime: from `flash` on white and loud.
+  // Feeds pictures and sound, captured up to this uptime. From `flash` on they are white and loud.
   void perform(double until) {
     const FrameSize size{320, 180};
     while (heardUntil < until - 1e-6) {
@@ -22,11 +22,11 @@ struct Sound : HelperTest {
       feed(size, plain(size, now >= flash - 1e-6 ? Rgb{255, 255, 255} : Rgb{0, 0, 0}));
     }
   }
-  // When the first white picture of the movie was captured: a slow helper leaves out some.
+  // When the movie's first white picture was captured. A slow helper may have dropped earlier ones.
   double firstWhite() const {
     std::ifstream log(path + ".frames.csv");
     for (std::string line; std::getline(log, line);) {
-      const double captured = std::atof(line.c_str()) * 1e-6;  // its id
+      const double captured = std::atof(line.c_str()) * 1e-6;  // the frame's ID
       if (captured >= flash - 1e-5 && line.ends_with(",written")) return captured;
     }
     return 0;

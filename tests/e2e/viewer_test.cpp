@@ -78,10 +78,18 @@ struct Viewer : HelperTest {
     while (pictures < 5) next();
     startTake();
     waitForState("recording");
-    const std::string pid = std::to_string(viewer->pid());
-    helperOfViewer = std::stoi(outputOf("cat /proc/" + pid + "/task/" + pid + "/children"));
+    helperOfViewer = std::stoi(childrenOfViewer());
   }
-  // What ffmpeg's filters print of a movie behind this word, with the last one at its end.
+  std::string childrenOfViewer() const {
+    const std::string pid = std::to_string(viewer->pid());
+    return outputOf("cat /proc/" + pid + "/task/" + pid + "/children");
+  }
+  client::Exited terminate() {
+    viewer->sendSignal(SIGTERM);
+    waitForMessage("ended");
+    return viewer->wait(Seconds(120)).value();
+  }
+  // The numbers that an ffmpeg filter prints after `word`. The last may be at the movie's end.
   static std::vector<double> numbersIn(const std::string& movie, const std::string& filter,
                                        const std::string& word) {
     std::istringstream printed(outputOf("ffmpeg -nostdin -i " + tools::shellQuoted(movie) + " " +
@@ -129,7 +137,7 @@ TEST_F(Viewer, RecordsATestCardThatFlashesAndBeepsAtTheSameInstant) {
   EXPECT_NEAR(offsets[(offsets.size() - 1) / 2], 0, 0.01);
 }
 
-TEST_F(Viewer, GoesOnWithoutASoundDeviceThatHasEnded) {
+TEST_F(Viewer, GoesOnWhenItsSoundDeviceEnds) {
   record({}, {"--sound", "lavfi:sine=d=4,arealtime"});
   EXPECT_EQ(waitForMessage("silent")["message"], "The sound device has ended.");
   for (const int before = pictures; pictures < before + 20;) next();
@@ -137,18 +145,18 @@ TEST_F(Viewer, GoesOnWithoutASoundDeviceThatHasEnded) {
   const Event saved = waitForState("saved");
   EXPECT_GT(saved.at("sound_missing").get<double>(), 0.1);
   const auto loudest = numbersIn(saved["path"], "-af volumedetect", "max_volume");
-  EXPECT_THAT(loudest, testing::ElementsAre(testing::DoubleNear(-20, 3)));  // it was -21
+  EXPECT_THAT(loudest, testing::ElementsAre(testing::DoubleNear(-20, 3)));  // the tone has -21
 }
 
-TEST_F(Viewer, EndsWithOneWhenATakeIsLost) {
+TEST_F(Viewer, ExitsWithStatusOneWhenATakeIsLost) {
   record();
   kill(helperOfViewer, SIGKILL);
   EXPECT_EQ(waitForMessage("ended")["message"], "The helper has ended with signal 9.");
   EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
 }
 
-// Every ffmpeg waits for a writer, deaf to SIGTERM.
-TEST_F(Viewer, EndsWithItsCameraAndItsSoundDeviceThatHang) {
+// Every ffmpeg waits for a writer of its named pipe, and does not react to SIGTERM.
+TEST_F(Viewer, ItsEndAlsoEndsAHangingCameraAndSoundDevice) {
   const std::string camera = folder / "camera", device = folder / "device";
   ASSERT_EQ(mkfifo(camera.c_str(), 0600) | mkfifo(device.c_str(), 0600), 0);
   const Environment input = {{"INPUT", camera}};
@@ -157,24 +165,21 @@ TEST_F(Viewer, EndsWithItsCameraAndItsSoundDeviceThatHang) {
       {LUMORA_VIEWER, token, {"--demo", "--helper", "/bin/false", "--sound", sound}, input});
   EXPECT_EQ(unlucky.wait(Seconds(20)).value_or(client::Exited{}).status, 1);
   view({"--demo", "--helper", helperProgram(), "--sound", sound}, input);
-  viewer->sendSignal(SIGTERM);
-  waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
+  while (std::ranges::count(childrenOfViewer(), ' ') < 3) std::this_thread::yield();
+  EXPECT_TRUE(terminate().isClean());
   for (const std::string& left : {camera, device})
     EXPECT_EQ(open(left.c_str(), O_WRONLY | O_NONBLOCK), -1) << left;  // nobody reads it
 }
 
 // A script stands in for the helper.
-TEST_F(Viewer, TellsThePageOfATakeOfWhichTheHelperSaysNothing) {
+TEST_F(Viewer, TellsThePageWhenTheHelperDoesNotAnswerTheStartOfATake) {
   const std::string script = "#!/bin/sh\necho '{\"type\":\"ready\",\"port\":1}'; cat >/dev/null\n";
   const std::string mute = fileOf(folder / "mute", Pixels(script.begin(), script.end()));
   std::filesystem::permissions(mute, std::filesystem::perms::owner_all);
   view({"--demo", "--helper", mute, "--size", "320x240"});
   startTake();
   EXPECT_EQ(waitForState("failed")["error"], "the helper did not answer");
-  viewer->sendSignal(SIGTERM);
-  waitForMessage("ended");
-  EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
+  EXPECT_EQ(terminate().status, 1);
 }
 
 TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
@@ -189,9 +194,7 @@ TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
   const auto other = connect();
   other->sayHello(shared);
   EXPECT_TRUE(other->receive(Seconds(20)));
-  viewer->sendSignal(SIGTERM);
-  waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(Seconds(120)).value().isClean());
+  EXPECT_TRUE(terminate().isClean());
   const Pixels bytes = bytesOf(report);
   const std::string text(bytes.begin(), bytes.end());
   EXPECT_THAT(text, testing::HasSubstr("\"type\":\"ready\""));
@@ -200,7 +203,7 @@ TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
     EXPECT_THAT(text, testing::Not(testing::HasSubstr(secret)));
 }
 
-TEST_F(Viewer, ShowsTheNextHelperAtThePortOfOneThatHasEnded) {
+TEST_F(Viewer, ShowsTheNextHelperAtTheSamePort) {
   start();
   view({"--port", std::to_string(port)});
   const auto expectPictures = [this] {
@@ -216,9 +219,7 @@ TEST_F(Viewer, ShowsTheNextHelperAtThePortOfOneThatHasEnded) {
     continue;
   start({"--port", std::to_string(port)});
   expectPictures();
-  viewer->sendSignal(SIGTERM);
-  waitForMessage("ended");
-  EXPECT_TRUE(viewer->wait(Seconds(20)).value().isClean());
+  EXPECT_TRUE(terminate().isClean());
 }
 
 }  // namespace
