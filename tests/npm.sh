@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# For tests that need npm, sourced by them. What a machine lacks skips a test (77); in CI, which
-# must not pass by skipping, it fails it.
+# Sourced by tests that need npm. If the machine lacks what a test needs, the test is skipped (77).
+# In CI the test fails instead.
 set -euo pipefail
 tests=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 client=$tests/../client/node
@@ -14,7 +14,7 @@ giveUp() {
 # Installs the packages of the folder $1.
 installPackages() {
   command -v npm >/dev/null || giveUp "needs npm"
-  # What npm writes last; older than the list of packages means that the list has changed since.
+  # npm writes .package-lock.json last. If it is older than package-lock.json, packages changed.
   if [ ! "$1/node_modules/.package-lock.json" -nt "$1/package-lock.json" ]; then
     (cd "$1" && npm ci --no-audit --no-fund --silent) || giveUp "the packages can't be installed"
   fi

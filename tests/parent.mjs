@@ -34,8 +34,8 @@ export function recordOf(payload, [columns, rows], frameID) {
 
 export const commandOf = (keys) => recordOf(Buffer.from(JSON.stringify(keys)), [0, 0], 0);
 
-// Starts a helper and feeds it grey pictures, each a little lighter, at most 60 times a second.
-// `ids` are those of the frames that were fed.
+// Starts a helper and feeds it grey pictures, at most one in 16 ms, each a little lighter. `ids`
+// are those of the frames that were fed.
 export async function startParent(helper) {
   const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const lines = readline.createInterface({ input: program.stdout });
@@ -43,7 +43,7 @@ export async function startParent(helper) {
   lines.on('line', (line) => {
     const event = JSON.parse(line);
     if (event.type === 'ready') parent.port = event.port;
-    else parent.statistics = event; // may come first
+    else parent.statistics = event; // may come before `ready`
   });
   while (parent.port === 0) await once(lines, 'line');
   const frame = recordOf(Buffer.alloc(640 * 360 * 4), [640, 360], 0);

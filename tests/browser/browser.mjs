@@ -1,9 +1,9 @@
-// The browser of a test, whose last argument is its path.
+// Starts the browser of a test. The test's last argument is the browser's path.
 
 import { after } from 'node:test';
 import { chromium } from 'playwright-core';
 
-// With a software GPU: without one, Chromium converts colours with seven bits, and blue is off by 12.
+// Without this software GPU, Chromium converts colours with seven bits, and blue is off by 12.
 export const browser = await chromium.launch({
   executablePath: process.argv.at(-1),
   args: ['--allow-file-access-from-files', '--disable-quic', '--disable-sync', '--use-gl=angle',

@@ -16,7 +16,7 @@ const program = process.argv[2];
 const pathOf = (name) => fileURLToPath(new URL(name, import.meta.url));
 const client = pathOf('../../client/node');
 
-// What `npm install` and `tsc` make. Of Electron only its declarations are used.
+// Does the work of `npm install` and `tsc`. Of Electron only its declarations are used.
 function build(application) {
   fs.cpSync(`${client}/example/electron`, application, { recursive: true });
   const modules = `${application}/node_modules`;
@@ -26,7 +26,7 @@ function build(application) {
   for (const types of ['@types', 'undici-types']) {
     fs.symlinkSync(pathOf(`node_modules/${types}`), `${modules}/${types}`);
   }
-  // `fetch` takes the pixels of a frame sink.
+  // This compiles only if `fetch` accepts the pixels of a frame sink.
   fs.writeFileSync(`${application}/fetch.mts`, `
     import type { FrameWriter } from 'lumora-video-client/page';
     export const write: FrameWriter = async ({ pixels: body }) =>
@@ -62,7 +62,7 @@ function withText(data) {
     config: config && { ...config, description: text(config.description) } };
 }
 
-test('the example shows its camera, records a take with sound, and saves it when it quits', async () => {
+test('the example shows its camera, and saves takes with sound when told and on quit', async () => {
   const application = inFolder('application');
   build(application);
   const recorder = fork(`${application}/recorder.js`, [folder], { serialization: 'advanced',
@@ -76,7 +76,7 @@ test('the example shows its camera, records a take with sound, and saves it when
     if (data.pixels) data.pixels = new Uint8Array(Buffer.from(data.pixels, 'base64'));
     if (name === 'sound') data = new Int16Array(new Uint8Array(Buffer.from(data, 'base64')).buffer);
     if (name === 'preview') drawn += 1;
-    if (recorder.connected) recorder.send({ name, data }, () => undefined); // it may end just now
+    if (recorder.connected) recorder.send({ name, data }, () => undefined); // it may be ending
   });
   await page.addInitScript(() => { // smaller pictures, since they travel as text
     const devices = navigator.mediaDevices;

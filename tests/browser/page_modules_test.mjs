@@ -1,5 +1,5 @@
 // The viewer page's modules that need no browser: node --test page_modules_test.mjs
-// Those that are compiled from the Node client are tested there.
+// The modules that are compiled from the Node client are tested in tests/node.
 
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
@@ -15,13 +15,14 @@ test('the clock offset comes from the shortest round trip', () => {
     clock.add(sent, sent + there + back, sent + there + truth);
   }
   assert.equal(clock.value, truth + 50);
-  for (let i = 0; i < 40; i += 1) clock.add(i, i + 1000, i + 500 + truth - 7000); // old pings are forgotten
+  // Old pings are forgotten.
+  for (let i = 0; i < 40; i += 1) clock.add(i, i + 1000, i + 500 + truth - 7000);
   assert.equal(clock.value, truth - 7000);
   assert.equal(latencyOf(5_980_000n, 1_000_000, truth), 20_000);
   for (const noTime of [7n, 1_005_000_001n, 1n << 63n]) assert.equal(latencyOf(noTime, 1e9, truth), undefined);
 });
 
-test('rates over a window, percentiles', () => {
+test('a rate covers the last two seconds; a percentile is one of the values', () => {
   const frames = new MovingWindow(2000);
   assert.equal(frames.rate(0), undefined);
   for (let i = 0; i < 300; i += 1) frames.add(i * 10);

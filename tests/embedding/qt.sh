@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs the example for Qt without a screen: a helper that does not start, a take that can't, then one take.
+# Runs the Qt example without a screen: with a helper that does not start, with a take that can't
+# start, and with a take that is saved.
 #
 #   tests/embedding/qt.sh EXAMPLE HELPER
 set -euo pipefail
@@ -7,7 +8,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export QT_QPA_PLATFORM=offscreen
 LUMORA_VIDEO_PATH=/bin/false "$1" "$work" >"$work/said" &
-until grep -q '^it ended at once with status 1$' "$work/said"; do sleep 0.1; done
+until grep -q "^it ended at once with status 1$" "$work/said"; do kill -0 $!; sleep 0.1; done
 kill $!
 said=$(LUMORA_VIDEO_PATH=$2 "$1" "$work/$(printf '%05000d' 0)" 0)
 grep -q '^the path of a take is too long$' <<<"$said"

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Builds client/example/record.cpp and the README's example in a project that embeds the client library as a
-# shared one. Then runs both.
+# Builds client/example/record.cpp and the README's example in a project that embeds the client
+# library as a shared library. Then runs both.
 #
 #   tests/embedding/run.sh HELPER
 set -euo pipefail
 source=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# The README's example saves into another folder than /videos. camera.h has the camera that it mentions.
+# The README's example saves into $work instead of /videos. Its camera is in camera.h.
 example=$(sed -n '/^```cpp$/,/^```$/{/^```/!p}' "$source/README.md" | sed "s|/videos/|$work/readme-|")
 {
   cat "$source/tests/embedding/camera.h"
@@ -19,7 +19,7 @@ example=$(sed -n '/^```cpp$/,/^```$/{/^```/!p}' "$source/README.md" | sed "s|/vi
 cmake -S "$source/tests/embedding" -B "$work" -DBUILD_SHARED_LIBS=ON -DLUMORA_SOURCE="$source" >/dev/null
 cmake --build "$work" -j 2 >/dev/null
 readelf -d "$work/lumora/client/liblumora-client.so" | grep -E 'SONAME.*liblumora-client\.so\.[0-9]+\.[0-9]+\]'
-# What the library throws, the application catches.
+# The application catches what the library throws.
 said=$(LUMORA_VIDEO_PATH=/nowhere "$work/record" "$work" 2>&1) && exit 1
 grep -q 'there is no program at /nowhere' <<<"$said"
 export LUMORA_VIDEO_PATH=$1

@@ -1,8 +1,8 @@
 // Stands in for a camera. Linked into the V4L2 example, it answers the calls for "/dev/camera". It
-// shows one picture of 320 x 240 all the time, and sometimes a broken one.
+// always shows the same picture of 320 x 240, but every third delivery is broken, and flagged so.
 //
 //   CAMERA   a file with that picture: NAME.nv12 (601, limited range) or NAME.yuyv (709, full
-//            range), both with rows of twice the width, or NAME.jpg
+//            range), both with rows padded to twice their length, or NAME.jpg
 
 #include <fcntl.h>
 #include <linux/videodev2.h>

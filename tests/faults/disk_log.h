@@ -4,8 +4,8 @@
 
 namespace lumora::tests {
 
-// One call for the only file of a folder, or a call of any kind that had to fail. An entry for a
-// write is followed by its `size` bytes.
+// One call for the logged folder or its only file, or a call of any kind that was made to fail or
+// wait. The entry of a write is followed by the `size` bytes that were written.
 struct DiskLogEntry {
   enum Kind : std::uint64_t { written, synced, namesSynced, renamed, truncated, failed };
   Kind kind;

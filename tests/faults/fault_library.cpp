@@ -3,7 +3,7 @@
 //
 //   LUMORA_FAULT        "KIND:N[:ERRNO]", comma separated. The N-th call of that kind fails (0:
 //                       every call). With -S for ERRNO, it takes S seconds instead. Calls are
-//                       counted from `main` on, and only after the kinds named before have had
+//                       counted from `main` on, and only after the entries before have had
 //                       their N-th call.
 //   LUMORA_FAULT_HIT    this file is created at the N-th call of the last kind
 //   LUMORA_DISK_FOLDER  the folder whose files are logged
@@ -66,7 +66,7 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// Logs a call for this descriptor, if it is of the folder or a file in it; -1: in any case.
+// Logs a call if `of` is a descriptor of the folder or of a file in it, or is -1.
 void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = nullptr,
          ssize_t count = 0) {
   if (logDescriptor < 0) return;
@@ -81,20 +81,21 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
   if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
 }
 
-// Whether this call has to fail. Sets errno.
+// Returns whether this call must fail. If so, sets errno.
 bool fails(const char* kind, int usualError) {
   if (!armed) return false;
   for (Fault& fault : faults) {
-    const bool isLater = fault.nth != 0 && fault.calls < fault.nth;
+    const bool isEveryCall = fault.nth == 0;
+    if (!isEveryCall && fault.calls >= fault.nth) continue;
     if (std::strcmp(fault.kind.data(), kind) != 0) {
-      if (isLater) return false;
-      continue;
+      if (isEveryCall) continue;
+      return false;
     }
-    if (++fault.calls != fault.nth && fault.nth != 0) continue;
+    if (++fault.calls != fault.nth && !isEveryCall) return false;
     if (const char* hit = std::getenv("LUMORA_FAULT_HIT"); hit && &fault == lastFault)
       mknod(hit, S_IFREG | 0600, 0);
     log(-1, DiskLogEntry::failed);
-    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error * 1e6)) != 0;
+    if (fault.error < 0) return usleep(static_cast<useconds_t>(-fault.error * 1e6)), false;
     errno = fault.error != 0 ? static_cast<int>(fault.error) : usualError;
     return true;
   }
@@ -121,19 +122,11 @@ int armedMain(int count, char** arguments, char** environment) {
   return realMain(count, arguments, environment);
 }
 
-#if !LUMORA_SANITIZED
-timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
-  constexpr std::int64_t second = 1'000'000'000;
-  const std::int64_t all = (time.tv_sec * second + time.tv_nsec) / divisor * times;
-  return {all / second, all % second};
-}
-#endif
-
 }  // namespace
 
 // NOLINTBEGIN: names and signatures of the C library
 #define REAL(name) static auto* const next = real<decltype(name)>(#name)
-// The arguments after `error` are statements about the `result` of a call that does not fail.
+// The arguments after `error` are a statement that runs after the real call, and uses its `result`.
 #define FAULT_AS(failure, type, name, parameters, arguments, error, ...) \
   type name parameters {                                                 \
     REAL(name);                                                          \
@@ -180,7 +173,7 @@ FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)
 
-// An encoder that has failed may crash when it is called again. Here it aborts.
+// A real encoder that has failed may crash when it is called again. This one always aborts.
 std::atomic<AVCodecContext*> failedEncoder = nullptr;
 
 int avcodec_send_frame(AVCodecContext* to, const AVFrame* of) {
@@ -228,6 +221,11 @@ int posix_memalign(void** block, size_t alignment, size_t size) {
   return *block == nullptr ? ENOMEM : 0;
 }
 
+static timespec scaled(const timespec& time, std::int64_t times, std::int64_t divisor) {
+  constexpr std::int64_t second = 1'000'000'000;
+  const std::int64_t all = (time.tv_sec * second + time.tv_nsec) / divisor * times;
+  return {all / second, all % second};
+}
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   REAL(clock_gettime);
   const int status = next(clock, now);

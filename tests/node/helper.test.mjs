@@ -14,7 +14,7 @@ import { folder, inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
 const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.height * 4, grey));
-// No helper starts with these: the client must remove them.
+// The client must remove these variables, because no helper starts with them.
 Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none', TAVO_SOUND: 'x' });
 
 async function helperFor(context, options) {
@@ -23,7 +23,7 @@ async function helperFor(context, options) {
   return helper;
 }
 
-// On a busy machine a process runs on for a while after the signal. One that ended never stops.
+// Waits until SIGSTOP takes effect, for 20 s at most. On a busy machine this takes a while.
 async function stopped({ pid }) {
   const limit = { signal: AbortSignal.timeout(20_000) };
   while (!readFileSync(`/proc/${pid}/stat`, 'latin1').includes(') T ')) await sleep(1, null, limit);
@@ -44,7 +44,7 @@ async function feedUntil(helper, isEnough) {
 const countPictures = (movie) => execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie,
   '-vf', 'scale=1:1,setpts=N/60/TB', '-r', '60', '-pix_fmt', 'gray', '-f', 'rawvideo', '-']).length;
 
-// Returns how many of 60 frames the client gets. By hand, it acknowledges only the first 20.
+// Returns how many of 60 frames a client gets. A manual one acknowledges only the first 20.
 async function watch({ token, port }, acknowledgement) {
   const client = await connectStream({ port, token, acknowledgement });
   let frames = 0;
@@ -57,7 +57,7 @@ async function watch({ token, port }, acknowledgement) {
   return frames;
 }
 
-test('a take is saved, two clients watch, the token appears nowhere', async (context) => {
+test('a take is saved while two clients watch, and the token leaks nowhere', async (context) => {
   const helper = await helperFor(context);
   const events = helper.events();
   const take = await helper.startTake({ path: inFolder('saved.mp4') });
@@ -74,7 +74,7 @@ test('a take is saved, two clients watch, the token appears nowhere', async (con
     readFileSync(`/proc/${helper.pid}/cmdline`, 'latin1')];
   assert.deepEqual(await helper.stop(), { code: 0, signal: null });
   for await (const { raw } of events) told.push(raw);
-  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // of the exit
+  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // of `exit`
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
 
@@ -128,7 +128,7 @@ test('killing the helper ends its frames and its take, which is recovered', asyn
   await assert.rejects(recoverTakes(inFolder('nowhere')), { code: 'RECOVERY_FAILED' });
 });
 
-test('1,000 frames are counted and not kept', async (context) => {
+test('1,000 frames are counted, and their memory is freed', async (context) => {
   const helper = await helperFor(context);
   const outcomes = [];
   for (let number = 1; number <= 1000; ++number) {
@@ -142,7 +142,7 @@ test('1,000 frames are counted and not kept', async (context) => {
   assert.ok(dropped > 0 && written + dropped === 1000, `${written} + ${dropped}`);
 });
 
-test('a refused hello, a full house and a helper that is gone differ', async (context) => {
+test('a client learns if its token is wrong or the helper is full or gone', async (context) => {
   const helper = await helperFor(context);
   const { port, token } = helper;
   const code = async (secret) => {
@@ -167,8 +167,8 @@ test('a refused hello, a full house and a helper that is gone differ', async (co
   await assert.rejects(connectStream({ port, token }), { code: 'UNREACHABLE' });
 });
 
-test('connecting has a limit', async (context) => {
-  // Its queue has two places. It closes three connections, then accepts nobody.
+test('connecting has a time limit, and can be closed and aborted', async (context) => {
+  // The server closes three connections, then accepts no more. Its queue has room for two.
   const listen = `let left = 3;
     require('net').createServer((socket) => {
       socket.destroy();
@@ -186,7 +186,7 @@ test('connecting has a limit', async (context) => {
   }
   await stopped(server);
   await assert.rejects(Promise.all([1, 2, 3].map(() => connectStream(to))), { code: 'UNREACHABLE' });
-  // These ask once more, why they were closed.
+  // Each of these connects once more, to find out why it was closed.
   const [late, aborted, ended] = closed.map((client) => client[Symbol.asyncIterator]().next());
   await assert.rejects(late, { code: 'CLOSED' });
   closed[2].close();
@@ -197,7 +197,7 @@ test('connecting has a limit', async (context) => {
     .map((failing) => assert.rejects(failing, (error) => error === reason)));
 });
 
-test('frames get their memory back, and none while the helper is behind', async (context) => {
+test('frames reuse one buffer; none is acquired while the helper is behind', async (context) => {
   const helper = await helperFor(context);
   const memory = new Set();
   for (let number = 1; number <= 20; ++number) {
@@ -223,7 +223,7 @@ test('a take ends at its stop time although its helper is stopped at once', asyn
   const take = await helper.startTake({ path: inFolder('stopped.mp4'), ...profile });
   const until = uptime() + 1;
   await feedUntil(helper, () => uptime() > until);
-  await suspend(helper); // so that the frame is still encoded when the stop arrives
+  await suspend(helper); // so that the stop arrives before the frame is encoded
   helper.writeFrame(size, dark);
   const saved = take.stop({ stoppedAt: uptime() - 0.3 });
   setTimeout(() => process.kill(helper.pid, 'SIGCONT'), 300);

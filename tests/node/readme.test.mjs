@@ -1,5 +1,5 @@
-// The examples of the READMEs as they stand, but takes go into another folder than /videos, and a
-// camera, a page and a pause are stand-ins.
+// Runs the examples of the READMEs. Takes go into another folder than /videos. Stand-ins replace
+// the camera, the page and the pause.
 
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
@@ -39,24 +39,20 @@ async function showGrey(onFrame) {
 }
 
 globalThis.camera = {
-  set onFrame(handle) {
-    this.stopped = showGrey(handle);
-  },
-  on(_, handle) {
-    this.onFrame = handle;
-  },
+  set onFrame(handle) { this.stopped = showGrey(handle); },
+  on(_, handle) { this.onFrame = handle; },
 };
 
 const [record, page, accept, send, show] = examplesOf('client/node/README.md');
 
-test('the examples that record a take', async () => {
+test('the examples that record a take save a movie that decodes', async () => {
   for (const example of [...examplesOf('README.md'), record]) {
     await run(example);
     checkTake();
   }
 });
 
-test('the examples of a page: its camera comes back as the preview', async () => {
+test('the examples of a page show its camera as the preview', async () => {
   const [frames, preview] = [new MessageChannel(), new MessageChannel()];
   let [drawn, started] = [0];
   const starting = new Promise((resolve) => { started = resolve; });

@@ -57,20 +57,20 @@ test('a format or a length that would end the helper is refused', async () => {
   }
 });
 
-test('a page names the format of a VideoFrame, copies it even and tight, or refuses', async () => {
+test('a page names a VideoFrame\'s format, copies it even and unpadded, or refuses', async () => {
   const copied = []; // options of `copyTo`
   const frameOf = ([format, matrix = null, fullRange = null]) => ({ format,
     colorSpace: { matrix, fullRange }, visibleRect: { x: 1, y: 2, width: 6, height: 3 },
     copyTo: (_, how) => copied.push(how) });
-  const [i420, none] = [['I420', 'smpte170m', false], [null]];
+  const [i420, unknown] = [['I420', 'smpte170m', false], [null]];
   for (const [format, ...frames] of [
     ['nv12,bt709,full', ['NV12', 'bt709', true]], ['nv12,bt601,limited', ['NV12']],
     ['i420,bt601,full', ['I420', 'bt470bg', true]], ['i420,bt601,limited', i420],
     ['rgba,top', ['RGBA', 'rgb', true], ['RGBX']], ['bgra,top', ['BGRA', 'rgb', true], ['BGRX']],
-    [undefined, ['I422', 'bt709', false], ['NV12', 'bt2020-ncl', false], none]]) {
+    [undefined, ['I422', 'bt709', false], ['NV12', 'bt2020-ncl', false], unknown]]) {
     for (const frame of frames) assert.equal(videoFrameFormat(frameOf(frame)), format);
   }
-  for (const frame of [none, i420]) {
+  for (const frame of [unknown, i420]) {
     await assert.rejects(copyVideoFrame(frameOf(frame), 'nv12'), { code: 'FORMAT_CHANGED' });
   }
   const memory = new Uint8Array(12);
@@ -81,7 +81,7 @@ test('a page names the format of a VideoFrame, copies it even and tight, or refu
   assert.deepEqual(size, { width: 4, height: 2 });
 });
 
-test('one frame is written, the newest waits, commands keep their place', async () => {
+test('frames are written one by one, the newest waits, commands keep their place', async () => {
   const written = []; // one entry for each system call
   const writev = (chunks, done) => {
     written.push(chunks.map(({ chunk }) => chunk).join(' '));
@@ -157,7 +157,7 @@ test('sound becomes records of a quarter of a second at most, and two seconds ma
   assert.throws(() => copyAudioData({ ...microphone, sampleRate: 48000 }, format), invalid);
 });
 
-test('a take asks for what it is given, is refused what would fail, and says its end', async () => {
+test('a take sends its options, refuses bad ones, and reports how it ended', async () => {
   const sent = [];
   const takes = new Takes((record) => sent.push(JSON.parse(record.subarray(16))));
   const tell = (keys) => takes.handle(parseEvent(JSON.stringify({ type: 'recording', ...keys })));
@@ -196,7 +196,7 @@ test('a take asks for what it is given, is refused what would fail, and says its
       sound_bit_rate: 64e3 }]);
 });
 
-test('lines are split, bounded and typed; a slow reader of events keeps the newest', async () => {
+test('lines are split, limited and parsed; a slow reader gets the newest events', async () => {
   const lines = new LineSplitter();
   const cut = ['a', 'b\n{}\nc', 'y'.repeat(5000), 'y\nz\n'].map((text) => lines.feed(Buffer.from(text)));
   assert.deepEqual(cut, [[], ['ab', '{}'], [], ['z']]);
@@ -249,11 +249,8 @@ test('a start that is not answered fails, and its take is stopped', async () => 
   assert.deepEqual(sent, ['record_start', 'record_stop']);
 });
 
-test('a sink closes every frame, drops while two are unanswered, fails with a code', async () => {
-  const answers = [];
-  const posted = [];
-  const closed = [];
-  const drops = [];
+test('a sink closes every frame, drops new ones while two wait, fails with a code', async () => {
+  const [answers, posted, closed, drops] = [[], [], [], []];
   const write = (frame) => {
     posted.push(frame);
     return new Promise((resolve, reject) => answers.push({ resolve, reject }));
@@ -267,7 +264,7 @@ test('a sink closes every frame, drops while two are unanswered, fails with a co
   answers[0].resolve('written');
   await turn();
   await writer.write(frame(4));
-  assert.deepEqual(posted.map(({ pixels }) => pixels[0]), [4, 2, 4]); // memory of the first
+  assert.deepEqual(posted.map(({ pixels }) => pixels[0]), [4, 2, 4]); // 4 reuses 1's memory
   assert.equal(posted[0].pixels, posted[2].pixels);
   assert.deepEqual([closed, drops, sink.counts], [[1, 2, 3, 4], [1], { written: 1, dropped: 1 }]);
   answers[1].resolve('dropped');
@@ -299,7 +296,7 @@ test('frames of a port are written or refused, and answered', async (context) =>
     await assert.rejects(write({ format, size, pixels }), { code });
   }
   assert.deepEqual(written.slice(1), [Buffer.from(pixels)]); // after its header
-  // A refusal is known before the frame in front of it is written.
+  // The second frame is refused before the first is written. The answers keep the frames' order.
   const [first, second] = await Promise.allSettled(['rgba', 'nv12'].map((format) =>
     write({ format, size, pixels })));
   assert.deepEqual([first.value, second.reason?.code], ['written', 'FORMAT_CHANGED']);
@@ -312,9 +309,8 @@ test('frames of a port are written or refused, and answered', async (context) =>
   await fail();
 });
 
-test('drawing acknowledges; a page that is behind waits for a key frame', async () => {
-  const acknowledged = [];
-  const posted = [];
+test('drawn frames are acknowledged; a page that is behind waits for a key frame', async () => {
+  const [acknowledged, posted] = [[], []];
   const port = Object.assign(new EventEmitter(), { start() {},
     postMessage: ({ config, chunk }) => posted.push([chunk.timestamp, config?.codedWidth]) });
   const draw = (id) => port.emit('message', { data: id });
@@ -327,7 +323,7 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   async function* packets() {
     yield* [configuration(64), picture(1, true), picture(2)];
     assert.deepEqual(acknowledged, []);
-    for (const id of [9, 2, 1]) draw(id); // an earlier client got the first; the last is late
+    for (const id of [9, 2, 1]) draw(id); // 9 is of an earlier client, 1 is late
     yield picture(3);
     await overdue();
     assert.ok(!isClosed);
@@ -350,7 +346,7 @@ test('drawing acknowledges; a page that is behind waits for a key frame', async 
   port.emit('close'); // before the client is connected
   await early;
   assert.ok(isClosed);
-  assert.deepEqual(port.eventNames(), []); // of listeners
+  assert.deepEqual(port.eventNames(), []); // no listener is left
   const { port1: gone } = new MessageChannel();
   gone.close();
   await once(gone, 'close');
