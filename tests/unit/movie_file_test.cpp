@@ -214,6 +214,7 @@ TEST(MovieFile, KeepsTheFragmentThatASlowDiskSyncsDuringTheRescue) {
   EXPECT_EQ(movie.writer.synced().frames, 30);
   movie.disk->hangAt = -1;
   EXPECT_EQ(answer.get_future().get().frames, 60);
+  EXPECT_EQ(movie.writer.status(), WriterStatus::failed);
   EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 60);
 }
 
