@@ -1,5 +1,5 @@
-// The movie writer on disks that fail, hang, are full or hold gigabytes. libavformat reads what
-// becomes of its files.
+// The movie writer on disks that fail, hang, are full or hold gigabytes. libavformat reads the
+// files that it leaves.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ void waitUntil(const std::function<bool()>& holds) {
   while (!holds()) std::this_thread::yield();
 }
 
-// A disk in memory that can be told to fail or to hang. Of a large write it keeps only the size.
+// A disk in memory that can be told to fail or to hang. It keeps only the size of a large write.
 struct Disk {
   int call(const std::function<void()>& effect) {
     waitUntil([this] { return !hangs && calls != hangAt; });
@@ -33,7 +33,7 @@ struct Disk {
 
   Bytes bytes;
   std::size_t size = 0, largeWriteAt = 0;
-  std::uint64_t reserved = 0;       // bytes, which also a full disk takes
+  std::uint64_t reserved = 0;       // bytes, for which even a full disk has room
   std::atomic<int> failAfter = -1;  // calls that still succeed; negative: all
   std::atomic<int> calls = 0;
   std::atomic<int> hangAt = -1;  // after so many calls
@@ -78,7 +78,7 @@ struct Written {
     if (hasSound) writer.addTrack(stereo);
     writer.startWriting(keySample()->format(), 0);
   }
-  // With the sound up to the end of the picture.
+  // Appends the sound up to the end of a picture, then the picture.
   bool append(bool keyframe, MovieTiming timing, std::size_t size = 20) {
     while (hasSound && packets * 1280 < timing.time + timing.duration) appendSound();
     const auto sample = keyframe ? keySample(size - 4) : deltaSample(size - 4);
@@ -104,17 +104,17 @@ struct Written {
   HybridMovieWriter writer{std::make_unique<DiskSink>(disk), 3'800'000'000};
 };
 
-// Where the last box of this type lies in a file.
+// Where the type of the last such box lies in a file.
 std::size_t boxIn(const Bytes& bytes, const char* type) {
   return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).rfind(type);
 }
 
-TEST(MovieFile, MovesAHeadOnlyWhenItsSectorOrPageWouldCutIt) {
+TEST(MovieFile, PadsAFragmentOnlyIfItsHeadWouldCrossASectorOrPageBoundary) {
   const MovieTrack track{.id = 1, .picture = keySample()->format()};
   for (std::size_t count = 20; count < 60; ++count) {
     const std::vector<MovieSample> samples(count, {100, 1000, false});
     const std::size_t size =
-        fragmentStart(0, 1, track, samples).size() - 8;  // without that of `mdat`
+        fragmentStart(0, 1, track, samples).size() - 8;  // without the header of `mdat`
     const std::size_t block = size <= 512 ? 512 : 4096;
     for (std::size_t offset = 3300; offset < 4100; ++offset) {
       const std::size_t padding = fragmentStart(offset, 1, track, samples).size() - 8 - size;
@@ -124,12 +124,12 @@ TEST(MovieFile, MovesAHeadOnlyWhenItsSectorOrPageWouldCutIt) {
       ASSERT_LT(padding, block + 8);
     }
   }
-  // Half a second of sound always fits into a sector.
+  // The head of half a second of sound always fits into a sector.
   const MovieTrack sound{.id = 2, .sound = {96000, 2, 1024, {0x10, 0x10}}};
   EXPECT_LE(fragmentStart(0, 1, sound, std::vector<MovieSample>(47, {100, 1024})).size(), 512 + 8);
 }
 
-TEST(MovieFile, HasSoundAtItsTimesAlsoWhileNoPictureComes) {
+TEST(MovieFile, WritesSoundAtItsTimesEvenWhileNoPictureComes) {
   Written movie(-1, true);
   movie.append(true, {0, 1000});
   while (movie.packets < 100) movie.appendSound();
@@ -137,7 +137,7 @@ TEST(MovieFile, HasSoundAtItsTimesAlsoWhileNoPictureComes) {
   for (std::int64_t at = -1024; at < 95 * 1024; at += 1024) times.push_back(at);
   waitUntil([&] { return movie.disk->calls == 3 * 6; });  // the start and 5 fragments
   EXPECT_EQ(readMovie(movie.disk->bytes, 1).times, times);
-  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 1u);  // though none follows
+  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 1u);  // though no picture follows
   EXPECT_EQ(movie.finish(60001), WriterStatus::completed);
   const MovieContents read = readMovie(movie.disk->bytes, 1);
   times.resize(48);
@@ -150,12 +150,12 @@ TEST(MovieFile, HasSoundAtItsTimesAlsoWhileNoPictureComes) {
   EXPECT_EQ(readMovie(movie.disk->bytes).durations, std::vector<std::int64_t>{60001});
 }
 
-TEST(MovieFile, StillTakesItsTablesWhenTheDiskIsFull) {
+TEST(MovieFile, HasReservedRoomForItsTablesWhenTheDiskBecomesFull) {
   for (const bool hasSound : {false, true}) {
     Written movie(-1, hasSound);
     for (int i = 0; i < 3000; ++i)  // as many runs as there are samples
       movie.append(true, {i * 1000 + i % 2, 1000 + (i % 2 == 0 ? 1 : -1)});
-    // The start of the file and each of 100 full fragments, 3 calls each, wait for nothing else.
+    // The start of the file and the 100 full fragments of each track take 3 calls each.
     waitUntil([&] { return movie.disk->calls == (hasSound ? 603 : 303); });
     movie.disk->isFull = true;
     EXPECT_EQ(movie.finish(3'000'000), WriterStatus::completed);
@@ -163,12 +163,12 @@ TEST(MovieFile, StillTakesItsTablesWhenTheDiskIsFull) {
   }
 }
 
-// A disk that fails after some calls, for a while or for good.
+// The disk fails after `failAfter` calls, for a while or for good.
 void expectKept(int failAfter, bool isForGood, bool hasSound) {
   SCOPED_TRACE(failAfter);
   Written movie(failAfter, hasSound);
   movie.fill(61);
-  // The start of the file and each of three fragments of a track take 3 calls, the end 4.
+  // A track has three fragments. They and the start of the file take 3 calls each, the end 4.
   if (failAfter >= (hasSound ? 15 : 9)) movie.finish(61000);
   waitUntil([&] { return movie.writer.error().has_value(); });
   EXPECT_EQ(movie.writer.error(), "No space left on device");
@@ -186,7 +186,7 @@ void expectKept(int failAfter, bool isForGood, bool hasSound) {
   EXPECT_EQ(isComplete, frames > 0 && !isForGood);
   if (frames == 0) return;
   const MovieContents read = readMovie(movie.disk->bytes);
-  // What was written and not synced is there, too, but not counted.
+  // The file also has what was written but not synced. `kept` does not count that.
   EXPECT_GE(std::ssize(read.times), frames);
   if (!isComplete) return;
   EXPECT_EQ(read.duration, kept.duration);
@@ -197,7 +197,7 @@ void expectKept(int failAfter, bool isForGood, bool hasSound) {
   EXPECT_TRUE(!hasSound || std::ssize(readMovie(movie.disk->bytes, 1).times) == packets[heard]);
 }
 
-TEST(MovieFile, KeepsTheFragmentsThatAreOnADiskThatFailed) {
+TEST(MovieFile, KeepsTheFragmentsSyncedBeforeTheDiskFailed) {
   for (const bool isForGood : {false, true}) {
     for (int failAfter = 0; failAfter < 16; ++failAfter) expectKept(failAfter, isForGood, false);
     for (int failAfter = 0; failAfter < 25; ++failAfter) expectKept(failAfter, isForGood, true);
@@ -218,7 +218,7 @@ TEST(MovieFile, KeepsTheFragmentThatASlowDiskSyncsDuringTheRescue) {
   EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 60);
 }
 
-TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
+TEST(MovieFile, HasTheRightTimesAndOffsetsAfterDaysAndGigabytes) {
   constexpr std::size_t samples = LUMORA_SANITIZED ? 8 : 530;  // 4.1 GiB
   const auto sample = keySample((8 << 20) - 4);
   Written movie;
@@ -240,7 +240,7 @@ TEST(MovieFile, KeepsTheTimesAndPlacesOfDaysAndGigabytes) {
   EXPECT_EQ(read(boxIn(bytes, "co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
 }
 
-TEST(MovieFile, HasALogThatMayFailAloneAndIsNotRescuedWithoutMemoryForItsTables) {
+TEST(MovieFile, IsCompletedThoughItsLogFailsAndReportsARescueWithoutMemory) {
   const auto logDisk = std::make_shared<Disk>();
   logDisk->isFull = true;
   const auto movie = MovieDisk::start(std::make_unique<DiskSink>(std::make_shared<Disk>()));
@@ -258,7 +258,7 @@ TEST(MovieFile, HasALogThatMayFailAloneAndIsNotRescuedWithoutMemoryForItsTables)
   movie->cancel();
 }
 
-TEST(MovieFile, NeverWaitsForASlowDiskAndMayEndOnItsThread) {
+TEST(MovieFile, NeverWaitsForASlowDiskAndMayBeDestroyedOnItsThread) {
   auto movie = std::make_shared<Written>();
   const auto disk = movie->disk;
   disk->hangs = true;

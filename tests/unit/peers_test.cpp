@@ -29,10 +29,10 @@ TEST_F(Encode, ForcesAKeyFrameForEachNewSessionAndClient) {
   EXPECT_EQ(first->sent.size(), 3u);  // not frame 4: every client waits for the new key frame
 }
 
-TEST_F(Encode, EndsTheRunWithTheDescriptionOfAFailure) {
+TEST_F(Encode, EndsTheProcessWithTheReasonOfAFailure) {
   const auto key = keySample();
   const auto malformed = std::make_shared<MemorySample>(Bytes{0, 0, 0, 9, 1}, nullptr);
-  // What is said, the call that fails, and the answer of the session.
+  // The message of the error, the call that fails, and the answer of the session.
   using Sample = std::shared_ptr<const EncodedSample>;
   using Case = std::tuple<const char*, const char*, Status, Sample>;
   for (const auto& [message, call, status, sample] :
@@ -47,7 +47,7 @@ TEST_F(Encode, EndsTheRunWithTheDescriptionOfAFailure) {
     probe.restart();
     probe.failures->fail(call, 1, -7);
     const auto client = probe.connectClient();
-    probe.feed(1, 1280, 720);  // one of the preview's size is not converted
+    probe.feed(1, 1280, 720);  // a frame of the preview's size is not converted
     for (const auto& opened : probe.encoders->sessions)
       if (!opened->pending.empty()) probe.answer(sample, status);
     EXPECT_EQ(probe.error(), message);
@@ -67,14 +67,14 @@ std::string ack(const std::string& frameID) {
 }
 
 struct Peers : ServiceTest {
-  // Frame `id`, which the network stack takes at once.
+  // Encodes frame `id`, whose send is completed at once.
   void frameFor(FakeConnection& client, std::uint64_t id, bool keyframe = false) {
     probe.frame(id, keyframe ? keySample() : deltaSample());
     client.finishSend();
   }
 };
 
-TEST_F(Peers, AreAuthenticatedByAHelloWithItsLineFeed) {
+TEST_F(Peers, AreAuthenticatedByAHelloOnceItsLineFeedComes) {
   const auto client = probe.connect();
   client->deliver(hello.substr(0, 9));
   client->deliver(hello.substr(9) + std::string(4096 - hello.size(), ' '));
@@ -107,7 +107,7 @@ TEST_F(Peers, AreAtMostTwoClientsAndFourWithoutAHello) {
   expectKeys(probe.statistics(), {{"clients", 2}, {"pending_hello", 2}, {"dropped_peers", 3}});
 }
 
-TEST_F(Peers, AcknowledgeAllFramesUpToOne) {
+TEST_F(Peers, AcknowledgeAllFramesUpToTheNamedOne) {
   const auto client = probe.connectClient();
   frameFor(*client, 8, true);
   probe.clock->now += 0.0625;  // times that a double has exactly
@@ -144,7 +144,7 @@ TEST_F(Delivery, BeginsWithAKeyFrameAndDropsFramesDuringASendAndThenUntilAKeyFra
   EXPECT_TRUE(probe.encoders->sessions.empty());
   for (const std::uint64_t id : {1u, 2u}) probe.frame(id, deltaSample());
   EXPECT_TRUE(client->sent.empty());
-  EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // asks again until it comes
+  EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // asks until a key frame comes
   probe.frame(3, makeSample({0x41, 0x65}));
   EXPECT_EQ(client->sent.at(0).size(), 31u + 30u);  // its configuration and the frame
   for (const std::uint64_t id : {4u, 5u}) probe.frame(id, deltaSample());
@@ -169,7 +169,7 @@ TEST_F(Delivery, DropsFramesForAClientWithSixUnacknowledged) {
   }
   EXPECT_EQ(slow->sent.size(), 6u);
   EXPECT_EQ(quick->sent.size(), 8u);  // the other client never notices
-  // A frame that meets both causes counts as one without credit.
+  // A frame with both causes counts as a credit drop only.
   const Json all = probe.statistics();
   expectKeys(all, {{"credit_drops", 2}, {"send_drops", 0}, {"idr_resyncs", 1}});
   expectKeys(all, {{"max_unacked_observed", 6}, {"max_pending_acks", 6}});

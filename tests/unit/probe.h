@@ -1,7 +1,7 @@
 #pragma once
 
-// The service on a machine of fakes. The tests own the clock and turn the state queue by hand, so
-// every rule about time, order and credit is tested without sleeping.
+// The service on a machine of fakes. The tests own the clock and run the queues by hand, so every
+// rule about time, order and credit is tested without sleeping.
 
 #include "app/video_encoder.h"
 #include "tests/unit/fakes.h"
@@ -9,7 +9,7 @@
 
 namespace lumora {
 
-// That `event` has these keys and values, whatever else it has.
+// Expects these keys and values in `event`, which may have others, too.
 inline void expectKeys(Json event, const Json& wanted) {
   for (const auto& [key, value] : wanted.items()) EXPECT_EQ(event[key], value) << key;
 }
@@ -33,7 +33,7 @@ struct VideoEncoderProbe {
                   }};
   }
 
-  // Starts it and reports its listener ready; forgets the events.
+  // Starts the service and makes it ready, then forgets its events.
   void becomeReady() {
     service->start();
     network->changed(ListenerState::ready);
@@ -73,7 +73,7 @@ struct VideoEncoderProbe {
     const Picture picture = pictureAt(rgba.get(), {}, {width, height});
     service->encode({width, height, id, rgba, clock->now, upsideDown(picture)});
   }
-  // A record of sound, as the reader takes it.
+  // Adds a record of sound as the reader would, then runs the queues.
   void hear(double at, Bytes pcm) {
     service->sound->add(static_cast<std::uint64_t>(std::llround(at * 1e6)), std::move(pcm));
     run();
@@ -85,14 +85,14 @@ struct VideoEncoderProbe {
     lastSession().answer(status, std::move(sample), flags);
     run();
   }
-  // Frame `id`, which the session answers with `sample`.
+  // Feeds frame `id`, which the session answers with `sample`.
   void frame(std::uint64_t id, std::shared_ptr<const EncodedSample> sample) {
     feed(id);
     answer(std::move(sample));
   }
-  // What the "error" event says that came since the last look.
+  // The message of the "error" event since the last look, or nothing. Forgets all events.
   std::string error() { return process->takeEvent("error").value("message", ""); }
-  // Runs the state queue, the takes' queues and what they detach until all are empty.
+  // Runs all queues and what they detach until no more work is due.
   void run() {
     for (bool any = true; any;) {
       any = queue->run();
@@ -111,10 +111,10 @@ struct VideoEncoderProbe {
   void put(const auto& record) {
     process->input.insert(process->input.end(), record.begin(), record.end());
   }
-  // Reads all of the input, then runs the queues; the message of the error event, if any.
+  // Reads all of the input, then runs the queues. Returns `error()`.
   std::string readAll() {
     dispatch->detached.at(0)();
-    EXPECT_EQ(process->watchdog.first, 2.2);  // even if the state queue stands still
+    EXPECT_EQ(process->watchdog.first, 2.2);  // before the state queue runs
     run();
     return error();
   }
@@ -153,7 +153,7 @@ struct VideoEncoderProbe {
     };
   }
 
-  // What never came to run still owns takes and the service.
+  // Clears the work that has not run, since it still owns takes and the service.
   std::shared_ptr<void> forgetWork;
 };
 
@@ -184,12 +184,12 @@ struct Takes : ServiceTest {
     ASSERT_EQ(events[0]["state"], "starting") << events[0];
   }
   std::vector<Json> stop(const Json& extra = Json::object()) { return send("record_stop", extra); }
-  // A camera frame at uptime `at`, which is not encoded yet.
+  // Feeds a camera frame at uptime `at`. The sessions have not answered it yet.
   void feed(double at, int width = 640, int height = 360) {
     probe.clock->now = at;
     probe.feed(++lastID, width, height);
   }
-  // The same, encoded as a key frame or not. Whether it was submitted.
+  // Feeds a frame and answers it, as a key frame or not. Returns whether it was submitted.
   bool frame(double at, bool keyframe = false) {
     feed(at);
     if (probe.encoders->sessions.empty() || probe.lastSession().pending.empty()) return false;
@@ -212,7 +212,7 @@ struct Takes : ServiceTest {
     const auto failed = events("failed");
     return failed.empty() ? "" : failed.front()["error"].get<std::string>();
   }
-  // Lets the disk finish; the outcome.
+  // Lets the disk finish. Returns the "saved" event.
   Json complete() {
     writer().complete(WriterStatus::completed);
     return events("saved").at(0);

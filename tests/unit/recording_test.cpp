@@ -11,7 +11,7 @@ namespace {
 
 using Timings = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
-TEST_F(Takes, RefuseABadStartAndGoOn) {
+TEST_F(Takes, AreRefusedForABadCommandAndStartWithAGoodOne) {
   const auto expectRefused = [this](const std::string& what, const Json& extra) {
     const auto events = sendStart(extra);
     ASSERT_EQ(events.size(), 1u);
@@ -52,7 +52,7 @@ TEST_F(Takes, RefuseABadStartAndGoOn) {
 }
 
 struct LoggedTakes : Takes {
-  // Frames for the reader, from this id on.
+  // Adds frames to the reader's input, from this id on.
   void put(std::uint64_t id, int count = 1) {
     for (; count > 0; --count, ++id) {
       probe.put(client::frameHeader({2, 2}, id));
@@ -69,7 +69,7 @@ TEST_F(LoggedTakes, BeginAtZeroAndSayWhatBecameOfEachFrameInTheOrderOfReading) {
   frame(1001.0, true);
   feed(1001.2);
   probe.answer(nullptr, 0, infoFrameDropped);
-  frame(1001.25);  // needs the one that was lost
+  frame(1001.25);  // needs the lost frame
   frame(1001.3, true);
   EXPECT_EQ(writer().takeLines(),
             "id,captured,movie_time,outcome\n"
@@ -81,12 +81,12 @@ TEST_F(LoggedTakes, BeginAtZeroAndSayWhatBecameOfEachFrameInTheOrderOfReading) {
   frame(1001.301);
   (*probe).encode({.width = 640, .height = 360, .id = 8, .capturedAt = 1001.31});
   lastID = 8;
-  feed(1001.5);  // at the stop
+  feed(1001.5);  // captured at the time of the stop
   put(10, 2);
   probe.put(client::commandRecord(R"({"type":"record_stop","id":")" + takeID + "\"}"));
   put(12);
   probe.readAll();
-  EXPECT_EQ(writer().takeLines(), "");  // the last sample waits for the next, and all behind it
+  EXPECT_EQ(writer().takeLines(), "");  // frame 6 is held back, and so are the later lines
   probe.answer(deltaSample());
   const Submitted wanted = {{1, true}, {2, true}, {3, false}, {4, true}, {5, true}, {6, false}};
   EXPECT_EQ(probe.lastSession().submitted, wanted);
@@ -158,7 +158,7 @@ TEST_F(Takes, SpreadABurstAndCatchUpInThePauseBehindIt) {
   EXPECT_NEAR(saved["duration"].get<double>(), 1.1 + 1.0 / 60, 1e-9);
 }
 
-TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
+TEST_F(Takes, FailWithTheReasonOfTheFailedCallAndCleanUp) {
   const std::string full = "No space left on device";
   using Case = std::tuple<const char*, int, std::optional<std::string>, std::string>;
   const Case cases[] = {{"createSession", 1, {}, "hardware encoder creation failed (-1)"},
@@ -196,14 +196,14 @@ TEST_F(Takes, FailInTheWordsOfTheCallThatFailed) {
   }
 }
 
-TEST_F(Takes, FailForTheirEncoderBesideThePreviewAndTheNextTake) {
+TEST_F(Takes, FailWithTheirEncoderWhileThePreviewAndTheNextTakeGoOn) {
   const auto client = probe.connectClient();
   start();
   feed(1000);
   FakeSession& recording = *probe.encoders->sessions.at(0);
   FakeSession& preview = *probe.encoders->sessions.at(1);
   recording.answer(-22, nullptr);
-  probe.queue->run();  // the take is abandoned, and has not said so
+  probe.queue->run();  // the take is abandoned, but has not said so yet
   EXPECT_TRUE(probe.isRawBusy() && !recording.invalidated);  // a frame is in flight
   const auto said = sendStart();
   ASSERT_EQ(said.size(), 2u);
@@ -235,7 +235,7 @@ TEST_F(Takes, SayThatTheyHaveFailedBeforeTheProcessEnds) {
   }
 }
 
-TEST_F(Takes, ReportProgressOnceASecondAndTheirOutcomeWithEveryReport) {
+TEST_F(Takes, ReportProgressOnceASecondAndThenRepeatTheirOutcome) {
   startWithFrame();
   EXPECT_EQ(events("recording").size(), 1u);
   frame(1001.5);
@@ -244,7 +244,7 @@ TEST_F(Takes, ReportProgressOnceASecondAndTheirOutcomeWithEveryReport) {
   probe.tickAt(1002.6);
   probe.run();
   expectKeys(probe.process->takeEvent("recording"), {{"frames", 1}, {"duration", 0.5}});
-  // A file whose disk has failed makes no progress, even before a sample meets the failure.
+  // Once the disk has failed, there is no progress, even before the next sample.
   writer().problem = "No space left on device";
   probe.tickAt(1003.7);
   EXPECT_TRUE(events("recording").empty());

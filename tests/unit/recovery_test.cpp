@@ -1,5 +1,5 @@
-// The files of interrupted takes on a real disk: cut off anywhere, torn, owned by somebody else.
-// libavformat reads what becomes of them.
+// The recovery of interrupted takes from real files: cut off anywhere, torn, with a name that is
+// taken. libavformat reads the movies.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -24,7 +24,7 @@ const std::string killedID = "6f9619ff-8b86-d011-b42d-00cf4fc96401";
 const Bytes packet = {1, 2, 3, 4, 5, 0x11, 7, 8, 0x11};  // of sound
 constexpr std::int64_t packetUnits = 7680;
 
-// In memory, where syncing is quick.
+// In memory if possible, since syncing is quick there.
 std::string makeFolder() {
   std::string path = std::filesystem::exists("/dev/shm") ? "/dev/shm" : testing::TempDir();
   return mkdtemp((path += "/recovery.XXXXXX").data());
@@ -41,10 +41,10 @@ struct Recovery : testing::Test {
     std::ofstream(staging, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
   }
-  // An hour later.
+  // As of an hour later: a younger file may still be recorded.
   RecoveredTake recover() const { return recoverTake(staging, std::time(nullptr) + 3600); }
-  // A movie of seven samples, as a crash leaves it between the tables and the new head. It may have
-  // sound up to its end.
+  // A movie of seven samples, as a crash leaves it after the tables and before the new head. It may
+  // have sound up to its end.
   Bytes interrupted(bool hasSound = false) const {
     std::filesystem::remove(staging);
     std::string error;
@@ -102,7 +102,7 @@ struct Recovery : testing::Test {
   const std::string movie = folder + "/clip.recovered-" + killedID + ".mp4";
 };
 
-// Where each `piece` of the bytes ends.
+// Where each occurrence of `piece` in the bytes ends.
 std::vector<std::size_t> endsOf(ByteView piece, const Bytes& bytes) {
   std::vector<std::size_t> ends;
   auto at = bytes.begin();
@@ -114,11 +114,11 @@ std::vector<std::size_t> endsOf(ByteView piece, const Bytes& bytes) {
 TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
   for (const bool hasSound : {false, true}) {
     Bytes bytes = interrupted(hasSound);
-    const auto ends = endsOf(Bytes(unitBytes - 1, 0x11), bytes);  // behind the headers
+    const auto ends = endsOf(Bytes(unitBytes - 1, 0x11), bytes);  // each unit without its header
     const auto soundEnds = endsOf(packet, bytes);
     ASSERT_EQ(ends.size(), 7u);
     ASSERT_EQ(soundEnds.size(), hasSound ? 10u : 0u);
-    // What a power cut leaves behind a cut: zeros, or the tables of an earlier recovery.
+    // After a power cut, zeros or the tables of an earlier recovery may lie behind the cut.
     const Bytes zeros(300);
     const Bytes tables(bytes.begin() + static_cast<std::ptrdiff_t>(ends.back()), bytes.end());
     for (std::size_t cut = 0; cut <= bytes.size(); cut += LUMORA_SANITIZED ? 7 : 1) {
@@ -135,7 +135,7 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
       if (HasFailure()) return;
     }
     const MovieTrack empty{.id = 1, .picture = keySample()->format()};
-    const Bytes behind = fragmentStart(0, 9, empty, {{20, 1000, true}});  // at time 0
+    const Bytes behind = fragmentStart(0, 9, empty, {{20, 1000, true}});  // at a wrong time, 0
     bytes.insert(bytes.end(), behind.begin(), behind.end());
     place(bytes);
     expectRecovered(7, soundEnds.size());

@@ -23,7 +23,7 @@ TEST_F(Takes, KeepACompleteMovieUnderWhateverNameIsFree) {
   }
 }
 
-TEST_F(Takes, StopBehindTheFrameInFlightAndIgnoreLaterOnes) {
+TEST_F(Takes, StopAfterTheFrameInFlightAndIgnoreLaterFrames) {
   start();
   feed(1001.1);
   stop();
@@ -62,12 +62,12 @@ TEST_F(Takes, HaveSessionsOfTheirOwn) {
   abandoned.answer(0, deltaSample());
   probe.run();
   EXPECT_TRUE(abandoned.invalidated);
-  EXPECT_EQ(probe.statistics()["record_encoded_frames"], 1);  // the late one is nobody's
+  EXPECT_EQ(probe.statistics()["record_encoded_frames"], 1);  // the late answer does not count
   ASSERT_TRUE(frame(1001.2, true));
   EXPECT_EQ(probe.lastSession().size, (PictureSize{1920, 1080}));
 }
 
-TEST_F(Takes, IgnoreTheStopOfAnotherAndFailWithoutAFrame) {
+TEST_F(Takes, IgnoreTheStopOfAnotherTakeAndFailWithoutAFrame) {
   start();
   EXPECT_TRUE(stop({{"id", "00000000-0000-0000-0000-000000000000"}}).empty());
   stop();
@@ -75,8 +75,8 @@ TEST_F(Takes, IgnoreTheStopOfAnotherAndFailWithoutAFrame) {
   EXPECT_TRUE(probe.movies->writers.empty());
 }
 
-// The cause that the state queue hears of first decides the exit status, and the watchdog follows:
-// the output is broken when the broken record is to be reported.
+// The input breaks off, but the event that reports this meets a broken output. So the state queue
+// shuts down for the output first, with exit status 0, which the watchdog takes over.
 TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
   startWithFrame();
   probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7, 0};  // truncated
@@ -97,11 +97,12 @@ struct KeptTakes : Takes {
     writer().onDisk = {30, 30000};
     frame(1001.1);
   }
-  // The take's last event. No other take may begin before it.
+  // The one "failed" event since the last look, or null.
   Json lastEvent() {
     const auto failed = events("failed");
     return failed.size() == 1 ? failed[0] : Json();
   }
+  // Another take may not begin before that event.
   void expectRefusal() {
     EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["error"],
               "recording destination or state is invalid");
@@ -111,7 +112,7 @@ struct KeptTakes : Takes {
 
 // The encoder fails, the camera changes its size, the time of the stop is refused, a sample can't
 // be written, the disk fails, or 32 MB wait for it.
-TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhatLostTheRest) {
+TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhyTheRestIsLost) {
   const std::string kept = "2,1001.100000,0.100000,written\n3,1001.200000,,";
   const std::string lost = ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n";
   const std::tuple<std::string, std::size_t, std::string> causes[] = {
@@ -148,7 +149,7 @@ TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhatLostTheRest) {
 }
 
 TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
-  // It fails when the process has waited for most of its time.
+  // The disk fails when the process has waited for most of its time.
   startKept();
   probe.signal(15);
   probe.clock->now += 1.5;
@@ -162,7 +163,7 @@ TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
   EXPECT_TRUE(events("failed").empty());
   EXPECT_TRUE(probe.files->moves.empty() && probe.files->removed.empty());
 
-  // It hangs in the rename.
+  // The disk hangs in the rename.
   startKept();
   probe.dispatch->hangs = true;
   stop({{"stopped_at", 5.0}});
@@ -191,7 +192,7 @@ TEST_F(KeptTakes, EndInTimeWhenTheirQueueHangs) {
   }
 }
 
-TEST_F(Takes, StopWhenTheyLeaveTooLittleSpaceAndSaySoWhenTheyFail) {
+TEST_F(Takes, StopForLackOfSpaceAndSaySoEvenIfTheyThenFail) {
   probe.movies->free = 2000;
   startWithFrame({{"minimum_free", 1000}});
   frame(1001.1);

@@ -5,7 +5,7 @@
 namespace lumora {
 namespace {
 
-// Of one channel at 8 kHz.
+// A record of one channel at 8 kHz, read at its end.
 SoundRecord recordAt(double time, std::int64_t samples = 80) {
   Bytes pcm(static_cast<std::size_t>(samples * 2), 1);
   return {time, samples, std::move(pcm), time + static_cast<double>(samples) / 8000};
@@ -25,24 +25,24 @@ struct SoundTakes : Takes {
       probe.hear(from, recordAt(from).pcm);
     }
   }
-  // A picture with its time as its id.
+  // A picture with its capture time as its id.
   bool picture(double captured, double read, bool keyframe = false) {
     lastID = static_cast<std::uint64_t>(std::llround(captured * 1e6)) - 1;
     return frame(read, keyframe);
   }
-  // A take with sound of these times, whose first picture is read behind it.
+  // Starts a take with sound from `from` to `to`. Its first picture is read at `to`.
   void startHeard(double from, double to, double captured, const Json& keys = Json::object()) {
     startWithSound(keys);
     hear(from, to);
     picture(captured, to, true);
   }
-  // Of sound, so far.
+  // Samples of sound that the encoder has got so far.
   void expectSamples(double count) {
     EXPECT_NEAR(static_cast<double>(probe.sound->samples.size()), count, 2);
   }
 };
 
-TEST_F(SoundTakes, HaveSoundFromStartToStopAndPicturesAtTheirIds) {
+TEST_F(SoundTakes, HaveSoundFromStartToStopAndPicturesAtTheTimesOfTheirIds) {
   hear(998, 1000.1);
   startWithSound({{"started_at", 1000.0}, {"sound_bit_rate", 64'000}});
   hear(1000.1, 1000.3);
@@ -73,7 +73,7 @@ TEST_F(SoundTakes, HaveSoundFromStartToStopAndPicturesAtTheirIds) {
   EXPECT_FALSE(silent.contains("sound_gaps") || silent.contains("sound_missing"));
 }
 
-TEST_F(SoundTakes, HoldTenSecondsUntilTheirFirstKeyFrame) {
+TEST_F(SoundTakes, HoldTenSecondsOfSoundUntilTheirFirstKeyFrame) {
   startHeard(1000, 1012, 1012, {{"started_at", 1000.0}});
   const auto& samples = probe.sound->samples;
   const auto first = std::ranges::find_if(samples, [](int sample) { return sample != 0; });
@@ -81,7 +81,7 @@ TEST_F(SoundTakes, HoldTenSecondsUntilTheirFirstKeyFrame) {
   expectSamples(96'000);
 }
 
-TEST_F(SoundTakes, HaveSilenceTwoSecondsBehindADeviceThatSendsNothing) {
+TEST_F(SoundTakes, WriteSilenceTwoSecondsLateWhileTheDeviceSendsNothing) {
   for (const auto& [end, gaps] : {std::pair{1003.09, 1}, {1000.02, 0}}) {
     restart();
     startHeard(1000, 1000.02, 1000);
@@ -103,10 +103,10 @@ TEST_F(SoundTakes, HaveSilenceTwoSecondsBehindADeviceThatSendsNothing) {
   picture(1600, 1600.02, true);
   probe.tickAt(1604.02);
   probe.run();
-  expectSamples(8000);  // its last sound came a second late
+  expectSamples(8000);  // its last records were read a second late
 }
 
-TEST_F(SoundTakes, WaitForTheirSoundHalfASecondButNotBehindTheEndOfTheInput) {
+TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {
   for (const bool inputEnds : {false, true}) {
     restart();
     startHeard(999.9, 1000.3, 1000);
@@ -134,7 +134,7 @@ TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
   EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.04, 1e-3);
 }
 
-TEST_F(SoundTakes, HaveTheSoundBehindAnOutageThatAStopFollowsAtOnceIfTwoRecordsAgree) {
+TEST_F(SoundTakes, HaveSoundBetweenAnOutageAndTheStopOnlyIfTwoRecordsAgree) {
   const auto hearLong = [this](double from) {
     probe.clock->now = from + 0.25;
     probe.hear(from, recordAt(from, 2000).pcm);
@@ -154,7 +154,7 @@ TEST_F(SoundTakes, HaveTheSoundBehindAnOutageThatAStopFollowsAtOnceIfTwoRecordsA
     EXPECT_EQ(writer().finished != nullptr, areTwo);
     probe.runAt(end + 0.01);
     ASSERT_TRUE(writer().finished);
-    expectSamples(areTwo ? 10'000 : 9600);  // the writer ends the track
+    expectSamples(areTwo ? 10'000 : 9600);  // the writer cuts the track at the stop
     for (int at = 3350; at < 9600; at += 100)
       EXPECT_EQ(probe.sound->samples.at(at), at > 8000 && areTwo ? 0x101 : 0) << at;
     const Json saved = complete();
@@ -163,7 +163,7 @@ TEST_F(SoundTakes, HaveTheSoundBehindAnOutageThatAStopFollowsAtOnceIfTwoRecordsA
   }
 }
 
-TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
+TEST_F(SoundTakes, FailWithTheirSoundWhileTheProcessGoesOn) {
   const auto breakQueue = [this] {
     probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
     probe.run();
@@ -190,17 +190,17 @@ TEST_F(SoundTakes, FailAloneIfTheirSoundFails) {
   startHeard(1000, 1000.2, 1000.1);
   stop({{"stopped_at", 1000.15}});
   probe.run();
-  ASSERT_TRUE(writer().finished);  // its track has ended
+  ASSERT_TRUE(writer().finished);  // the track has ended, so the take needs no more sound
   breakQueue();
   complete();
 }
 
-TEST_F(SoundTakes, BeginWithTheTwoSecondsBeforeThemAlsoBehindAnother) {
+TEST_F(SoundTakes, HaveTheTwoSecondsOfSoundBeforeTheirCommandEvenRightAfterAnotherTake) {
   startHeard(999, 1001.5, 1001);
   finish({{"stopped_at", 1001.4}});
   startHeard(1001.5, 1002, 1001.6, {{"started_at", 999.6}});
   finish({{"stopped_at", 1001.9}});
-  expectSamples(2.4 * 8000);  // all that was heard; the writer ends the track
+  expectSamples(2.4 * 8000);  // all that was heard; the writer cuts it at the stop
   EXPECT_THAT(probe.sound->samples, testing::Each(0x101));
 }
 
@@ -237,7 +237,7 @@ TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
   EXPECT_NEAR(failed["sound_missing"].get<double>(), 0.1 + 1.0 / 60, 1e-3);
 }
 
-TEST_F(SoundTakes, LeaveSoundForWhichAHangingQueueHasNoPlace) {
+TEST_F(SoundTakes, DropSoundForWhichAHangingQueueHasNoRoom) {
   startHeard(1000, 1000.05, 1000);
   for (const double at : {1000.05, 1002.05, 1004.05})
     probe.take()->addSound({recordAt(at, 16'000)}, false);
