@@ -60,7 +60,7 @@ TEST_F(Input, StrangersGetNothingAndDisturbNobody) {
   start();
   Watcher watcher(connectClient());
   startTake();
-  // Nobody reads the events meanwhile. The pipe holds about 400, and each stranger causes one.
+  // Nobody reads the events meanwhile. The pipe holds about 400.
   std::jthread camera(
       [this](const std::stop_token& stop) { feedUntil([&] { return stop.stop_requested(); }); });
   std::vector<std::unique_ptr<client::StreamClient>> strangers;

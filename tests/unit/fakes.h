@@ -263,8 +263,7 @@ struct FakeImages final : ImageConverter, CanFail {
   bool convert(const PictureView& from, const Picture&, const PictureRectangle&) override {
     // Reads the last byte of the first plane, which must be in valid memory.
     const auto& [samples, stride] = from.planes[0];
-    const auto last = stride < 0 ? -stride : stride * from.size.height;
-    lastByte = samples[last - 1];
+    lastByte = samples[(stride < 0 ? -stride : stride * from.size.height) - 1];
     return next("convert") == 0;
   }
   volatile std::uint8_t lastByte = 0;

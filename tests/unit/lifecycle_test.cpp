@@ -86,32 +86,23 @@ TEST(Events, SortKeysEscapeSlashesAndHaveLimits) {
   EXPECT_EQ(errorEvent(accents)["message"], accents.substr(0, 480));
 }
 
-TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedThenReads) {
-  VideoEncoderProbe probe;
-  probe.service->start();
-  probe.network->changed(ListenerState::ready);
-  EXPECT_TRUE(probe.process->lines.empty() && !probe.network->accepts);
-  probe.encoders->prepared();
-  EXPECT_EQ(probe.process->lines.at(0),
-            R"({"port":4711,"recording_hd":true,"recording_height":720,"recording_mirror":true,)"
-            R"("recording_profiles":true,"recording_timebase":true,"recording_width":1080,)"
-            R"("type":"ready"})"
-            "\n");
-  EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
-  probe.runAt(1000.5);  // the timeout starts no second reader
-  EXPECT_EQ(probe.dispatch->detached.size(), 1u);
-}
-
-TEST(Lifecycle, WaitsHalfASecondForItsEncodersUnlessItIsStopped) {
-  for (const bool stopped : {false, true}) {
+TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedOrAfterHalfASecondThenReads) {
+  for (const bool inTime : {true, false}) {
     VideoEncoderProbe probe;
     probe.service->start();
     probe.network->changed(ListenerState::ready);
     probe.runAt(1000.499);
-    EXPECT_TRUE(probe.process->lines.empty());
-    if (stopped) probe.signal(SIGTERM);
-    probe.runAt(1000.5);
-    EXPECT_EQ(probe.dispatch->detached.size(), stopped ? 0u : 1u);
+    EXPECT_TRUE(probe.process->lines.empty() && !probe.network->accepts);
+    if (inTime) probe.encoders->prepared();
+    probe.runAt(inTime ? 1000.499 : 1000.5);
+    EXPECT_EQ(probe.process->lines.at(0),
+              R"({"port":4711,"recording_hd":true,"recording_height":720,"recording_mirror":true,)"
+              R"("recording_profiles":true,"recording_timebase":true,"recording_width":1080,)"
+              R"("type":"ready"})"
+              "\n");
+    EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
+    probe.runAt(1000.5);  // the timeout starts no second reader
+    EXPECT_EQ(probe.dispatch->detached.size(), 1u);
   }
 }
 

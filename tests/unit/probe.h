@@ -63,7 +63,8 @@ struct VideoEncoderProbe {
   }
   std::shared_ptr<FakeConnection> connectClient() {
     const auto connection = connect();
-    connection->deliver("{\"type\":\"hello\",\"token\":\"0123456789abcdef\"}\n");
+    connection->deliver("{\"type\":\"hello\",\"token\":\"01234567");
+    connection->deliver("89abcdef\"}\n");
     return connection;
   }
   // Admits and encodes one frame as the reader would, in the default format.
@@ -183,7 +184,10 @@ struct Takes : ServiceTest {
     ASSERT_EQ(events.size(), 1u);
     ASSERT_EQ(events[0]["state"], "starting") << events[0];
   }
-  std::vector<Json> stop(const Json& extra = Json::object()) { return send("record_stop", extra); }
+  void stop(const Json& extra = Json::object()) {
+    send("record_stop", extra);
+    probe.run();
+  }
   // Feeds a camera frame at uptime `at`. The sessions have not answered it yet.
   void feed(double at, int width = 640, int height = 360) {
     probe.clock->now = at;
@@ -219,7 +223,6 @@ struct Takes : ServiceTest {
   }
   Json finish(const Json& extra = Json::object()) {
     stop(extra);
-    probe.run();
     return complete();
   }
   std::uint64_t lastID = 0;

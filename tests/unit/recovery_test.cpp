@@ -1,7 +1,7 @@
 // The recovery of interrupted takes from real files: cut off anywhere, torn, with a name that is
 // taken. libavformat reads the movies.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -92,7 +92,7 @@ struct Recovery : testing::Test {
   void expectLeft(const std::string& reason) const {
     const Bytes before = load(staging);
     const RecoveredTake take = recover();
-    EXPECT_NE(take.left.find(reason), std::string::npos) << take.left;
+    EXPECT_THAT(take.left, testing::ContainsRegex(reason));
     EXPECT_EQ(take.path, "");
     EXPECT_EQ(load(staging), before);
   }
@@ -130,7 +130,8 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
         Bytes torn(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
         torn.insert(torn.end(), behind.begin(), behind.end());
         place(torn);
-        whole(ends) == 0 ? expectLeft("it ") : expectRecovered(whole(ends), whole(soundEnds));
+        whole(ends) == 0 ? expectLeft("not a take|no picture")
+                         : expectRecovered(whole(ends), whole(soundEnds));
       }
       if (HasFailure()) return;
     }

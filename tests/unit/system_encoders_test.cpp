@@ -312,30 +312,5 @@ TEST_F(HardwareEncoders, AreOpenedForTheNextTakeOnceTheyAreFound) {
   while (run.driver->opened < 2) std::this_thread::yield();
 }
 
-TEST(SystemEncoders, PrepareAPreviewThenTheLikeliestTakeUnlessAnotherTakeComesFirst) {
-  for (const bool comesFirst : {false, true}) {
-    const double now = 0;
-    const auto driver = std::make_shared<Driver>();
-    const auto dispatch = std::make_shared<FakeDispatch>(now);
-    const auto queue = std::make_shared<ManualQueue>(now);
-    const auto encoders =
-        std::make_shared<SystemEncoders>(parseAllowedEncoders("software"), PixelFormat{}, queue,
-                                         dispatch, PicturePool::make(), driver->factory());
-    const auto opened = [&] {
-      dispatch->queues.at(0)->run();
-      return driver->asked.load();
-    };
-    encoders->prepare(preview, take);
-    EXPECT_EQ(opened(), 1);
-    encoders->warmUp(take, take);
-    if (comesFirst) encoders->openAhead(slowTake);
-    std::exchange(dispatch->detached, {}).at(0)();
-    queue->run();
-    EXPECT_EQ(opened(), 2);
-    encoders->openAhead(slowTake);
-    EXPECT_EQ(opened(), comesFirst ? 2 : 3);
-  }
-}
-
 }  // namespace
 }  // namespace lumora

@@ -27,7 +27,6 @@ TEST_F(Takes, StopAfterTheFrameInFlightAndIgnoreLaterFrames) {
   start();
   feed(1001.1);
   stop();
-  probe.run();
   EXPECT_TRUE(probe.movies->writers.empty());
   probe.answer(keySample());
   EXPECT_EQ(probe.process->takeEvent("recording")["state"], "finishing");  // not "recording"
@@ -42,7 +41,6 @@ TEST_F(Takes, StopAfterTheFrameInFlightAndIgnoreLaterFrames) {
 TEST_F(Takes, MayBeginAsSoonAsTheLastOneIsReportedSaved) {
   startWithFrame();
   stop();
-  probe.run();
   writer().complete(WriterStatus::completed);
   probe.dispatch->queues.back()->run();
   const auto saysSaved = testing::Contains(testing::HasSubstr(R"("state":"saved")"));
@@ -69,7 +67,7 @@ TEST_F(Takes, HaveSessionsOfTheirOwn) {
 
 TEST_F(Takes, IgnoreTheStopOfAnotherTakeAndFailWithoutAFrame) {
   start();
-  EXPECT_TRUE(stop({{"id", "00000000-0000-0000-0000-000000000000"}}).empty());
+  EXPECT_TRUE(send("record_stop", {{"id", "00000000-0000-0000-0000-000000000000"}}).empty());
   stop();
   EXPECT_EQ(failure(), "no camera frames were received for recording");
   EXPECT_TRUE(probe.movies->writers.empty());
@@ -129,7 +127,7 @@ TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhyTheRestIsLost) {
     if (frames == 1)
       probe.failures->fail(cause == "queue" ? "isReady" : "append", 1, -1, /*more=*/1);
     feed(1001.2, cause == "size" ? 320 : 640);
-    if (cause == "stop") stop({{"stopped_at", 5.0}}), probe.run();
+    if (cause == "stop") stop({{"stopped_at", 5.0}});
     if (cause != "size") probe.answer(deltaSample(), cause == "encoder" ? -1 : 0);
     probe.run();
     ASSERT_EQ(writer().timings.size(), frames);
@@ -167,7 +165,6 @@ TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
   startKept();
   probe.dispatch->hangs = true;
   stop({{"stopped_at", 5.0}});
-  probe.run();
   writer().complete(WriterStatus::completed);
   EXPECT_TRUE(lastEvent().is_null());
   probe.clock->now += MovieRecorder::rescueTimeout;

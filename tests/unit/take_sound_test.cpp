@@ -5,12 +5,6 @@
 namespace lumora {
 namespace {
 
-// A record of one channel at 8 kHz, read at its end.
-SoundRecord recordAt(double time, std::int64_t samples = 80) {
-  Bytes pcm(static_cast<std::size_t>(samples * 2), 1);
-  return {time, samples, std::move(pcm), time + static_cast<double>(samples) / 8000};
-}
-
 struct SoundTakes : Takes {
   void SetUp() override { restart(); }
   void restart() { probe.restart({.sound = SoundFormat{8000, 1}}); }
@@ -18,11 +12,11 @@ struct SoundTakes : Takes {
     keys["sound"] = true;
     start(keys);
   }
-  // Records of 10 ms, each as soon as it is complete.
+  // Records of 10 ms at 8 kHz, each as soon as it is complete.
   void hear(double from, double to) {
     for (; from < to - 0.005; from += 0.01) {
       probe.clock->now = std::max(probe.clock->now, from + 0.01);
-      probe.hear(from, recordAt(from).pcm);
+      probe.hear(from, Bytes(160, 1));
     }
   }
   // A picture with its capture time as its id.
@@ -52,7 +46,6 @@ TEST_F(SoundTakes, HaveSoundFromStartToStopAndPicturesAtTheTimesOfTheirIds) {
   hear(1000.3, 1000.6);
   picture(1000.5, 1000.6);
   stop({{"stopped_at", 1000.645}});
-  probe.run();
   EXPECT_FALSE(writer().finished);
   EXPECT_TRUE(events("finishing").empty());
   hear(1000.6, 1000.7);
@@ -112,7 +105,7 @@ TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {
     startHeard(999.9, 1000.3, 1000);
     probe.clock->now = 1000.4;
     if (inputEnds) probe.readAll();
-    if (!inputEnds) stop(), probe.run();
+    if (!inputEnds) stop();
     EXPECT_EQ(writer().finished != nullptr, inputEnds);
     probe.runAt(1000.85);
     EXPECT_EQ(writer().finished != nullptr, inputEnds);
@@ -126,9 +119,8 @@ TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {
 TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
   startHeard(1000, 1000.2, 1000);
   probe.clock->now = 1000.25;
-  probe.hear(1000.24, recordAt(1000.24).pcm);
+  probe.hear(1000.24, Bytes(160, 1));
   stop({{"stopped_at", 1000.25}});
-  probe.run();
   for (const double now : {1000.66, 1000.76}) probe.runAt(now);
   ASSERT_TRUE(writer().finished);
   EXPECT_NEAR(complete()["sound_missing"].get<double>(), 0.04, 1e-3);
@@ -137,7 +129,7 @@ TEST_F(SoundTakes, HaveTheLastRecordThoughItsTimeIsInDoubt) {
 TEST_F(SoundTakes, HaveSoundBetweenAnOutageAndTheStopOnlyIfTwoRecordsAgree) {
   const auto hearLong = [this](double from) {
     probe.clock->now = from + 0.25;
-    probe.hear(from, recordAt(from, 2000).pcm);
+    probe.hear(from, Bytes(4000, 1));
   };
   for (const bool areTwo : {true, false}) {
     restart();
@@ -145,7 +137,6 @@ TEST_F(SoundTakes, HaveSoundBetweenAnOutageAndTheStopOnlyIfTwoRecordsAgree) {
     probe.clock->now = 1001.2;
     if (areTwo) hearLong(1001);
     stop({{"stopped_at", 1001.2}});
-    probe.run();
     const double end = probe.clock->now + 0.5;
     hearLong(areTwo ? 1001.25 : 1001.3);
     probe.runAt(end - 0.06);
@@ -189,7 +180,6 @@ TEST_F(SoundTakes, FailWithTheirSoundWhileTheProcessGoesOn) {
   restart();
   startHeard(1000, 1000.2, 1000.1);
   stop({{"stopped_at", 1000.15}});
-  probe.run();
   ASSERT_TRUE(writer().finished);  // the track has ended, so the take needs no more sound
   breakQueue();
   complete();
@@ -240,7 +230,7 @@ TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
 TEST_F(SoundTakes, DropSoundForWhichAHangingQueueHasNoRoom) {
   startHeard(1000, 1000.05, 1000);
   for (const double at : {1000.05, 1002.05, 1004.05})
-    probe.take()->addSound({recordAt(at, 16'000)}, false);
+    probe.take()->addSound({SoundRecord{at, 16'000, Bytes(32'000), at + 2}}, false);
   probe.run();
   expectSamples(32'400);
 }

@@ -1,17 +1,11 @@
-// The viewer's rules: which frames a page gets, who may ask for what, what a page may say. Lists of
-// cameras and sound devices, the sound that waits in a device, the times of the tap's pictures.
+// The viewer's rules: which frames a page gets, who may ask for what. Lists of cameras and sound
+// devices, the times of the tap's pictures.
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
 #include "tools/cameras.h"
 #include "tools/flv.h"
-#include "tools/sound_source.h"
 #include "tools/viewer/frame_flow.h"
-#include "tools/viewer/page_messages.h"
 #include "tools/viewer/web_rules.h"
 
 namespace lumora::viewer {
@@ -97,21 +91,6 @@ TEST(WebRules, ServeTheRequestedPartOfAFileAndTheWholeForAnUnusableHeader) {
     EXPECT_EQ(parseRange(header, 100), (ByteRange{whole, 0, 100})) << header;
 }
 
-TEST(PageMessages, AreRefusedIfNoPageWouldSendThem) {
-  const auto shown = parsePageMessage(R"({"type":"shown","frame_id":9007199254740991})");
-  EXPECT_EQ(std::get<Shown>(*shown).frameID, 9007199254740991u);
-  const std::string start = R"({"type":"start","folder":"/v",)";
-  for (const std::string& text : std::initializer_list<std::string>{
-           "", "{", "[]", "7", R"({"type":7})", R"({"type":"none"})", R"({"type":"shown"})",
-           R"({"type":"shown","frame_id":-1})", R"({"type":"shown","frame_id":1.5})",
-           R"({"type":"shown","frame_id":"1"})", R"({"type":"visible","visible":1})",
-           start + R"("resolution":"640x360","target_fps":1001})",
-           start + R"("resolution":1,"target_fps":30})",
-           start + R"("resolution":"640x360","target_fps":30,"sound":1})",
-           R"({"type":"stop"})" + std::string(maximumMessageBytes, ' ')})
-    EXPECT_FALSE(parsePageMessage(text)) << text;
-}
-
 TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
   std::vector<std::pair<std::string, std::string>> found;
   for (const auto& [name, sizes] : tools::parseCameraFormats(
@@ -135,25 +114,6 @@ TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
                                      "Cannot list sources: Connection refused\n"),
             (std::vector<std::string>{"pulse:usb-Blue.mono  Yeti [USB]",
                                       "pulse:pci.analog-stereo  Built-in"}));
-}
-
-// A script stands in for ffmpeg. It prints three seconds of zeros, then one other sample.
-TEST(Microphone, GivesTheNewestOfTheSoundThatWaited) {
-  std::string folder = testing::TempDir() + "/microphone.XXXXXX";
-  const std::filesystem::path program = std::filesystem::path(mkdtemp(folder.data())) / "ffmpeg";
-  std::ofstream(program) << "#!/bin/sh\nhead -c 576000 /dev/zero; printf abcd; touch $0.done\n";
-  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-  const std::string path = std::getenv("PATH");
-  setenv("PATH", (folder + ":" + path).c_str(), 1);
-  tools::Microphone microphone("a:b");
-  setenv("PATH", path.c_str(), 1);
-  while (!std::filesystem::exists(program.string() + ".done"))
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  const auto samples = microphone.next();
-  EXPECT_EQ(samples.size(), 2 * 72'000u);
-  EXPECT_EQ(samples.back(), 'c' + 'd' * 256);
-  EXPECT_TRUE(microphone.next().empty());
-  std::filesystem::remove_all(folder);
 }
 
 TEST(FlvTimes, GrowAndAreCaptureTimesWhereTheIdsAreCaptureTimes) {
