@@ -123,6 +123,7 @@ TEST_F(Peers, AreDroppedForABadAcknowledgementASecondHelloOrALineOfMoreThan4096B
         std::string(4097, ' ')}) {
     const auto client = probe.connectClient();
     probe.frame(1, keySample());
+    ASSERT_FALSE(client->cancelled);
     client->deliver(line);
     EXPECT_TRUE(client->cancelled) << line;
   }

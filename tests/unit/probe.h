@@ -17,10 +17,16 @@ inline void expectKeys(Json event, const Json& wanted) {
 struct VideoEncoderProbe {
   explicit VideoEncoderProbe(Configuration configuration = {.token = "0123456789abcdef"},
                              std::shared_ptr<FrameMemory> frameMemory = nullptr) {
+    const OpenSound openSound = [fake = sound](const SoundSettings& settings, auto& encoder) {
+      fake->settings = settings;
+      fake->samples.clear();
+      encoder = std::make_unique<FakeSoundEncoder>(*fake);
+      return fake->next("openSound");
+    };
     service = std::make_shared<VideoEncoder>(
         configuration,
         Platform{pictures, queue, clock, dispatch, process, network, encoders, images, images,
-                 movies, files, decoder, openSound(), std::move(frameMemory)});
+                 movies, files, decoder, openSound, std::move(frameMemory)});
     forgetWork = {nullptr,
                   [state = queue, other = dispatch, files = movies, made = encoders](void*) {
                     state->clear();
@@ -143,16 +149,6 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeSound> sound = std::make_shared<FakeSound>(*failures);
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
-
- private:
-  OpenSound openSound() const {
-    return [fake = sound](const SoundSettings& settings, std::unique_ptr<SoundEncoder>& encoder) {
-      fake->settings = settings;
-      fake->samples.clear();
-      encoder = std::make_unique<FakeSoundEncoder>(*fake);
-      return fake->next("openSound");
-    };
-  }
 
   // Clears the work that has not run, since it still owns takes and the service.
   std::shared_ptr<void> forgetWork;

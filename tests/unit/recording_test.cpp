@@ -129,7 +129,9 @@ TEST_F(LoggedTakes, EndTheirLogWhenTooManyFramesWait) {
   expectKeys(complete(), {{"frames", 2}, {"frame_log_error", "too many frames waited"}});
   EXPECT_THAT(writer().takeLines(), testing::EndsWith(",busy\n1100,1001.100000,,busy\n"));
   FrameLog log;
-  for (std::uint64_t id = 0; id <= FrameLog::mostFrames; ++id) log.note({id}, {});
+  for (std::uint64_t id = 0; id < FrameLog::mostFrames; ++id) log.note({id}, {});
+  EXPECT_FALSE(log.isIncomplete());
+  log.note({FrameLog::mostFrames}, {});
   EXPECT_TRUE(log.isIncomplete());
 }
 
@@ -180,7 +182,7 @@ TEST_F(Takes, FailWithTheReasonOfTheFailedCallAndCleanUp) {
     probe.restart();
     probe.failures->fail(call, nth);
     probe.movies->problem = problem;
-    startWithFrame({{"frame_log", nth == 3}});
+    startWithFrame({{"frame_log", message == "frame log exists"}});
     frame(1001.1);
     probe.command({{"type", "record_stop"}, {"id", takeID}});
     probe.run();
@@ -227,7 +229,7 @@ TEST_F(Takes, SayThatTheyHaveFailedBeforeTheProcessEnds) {
     probe.lastSession().answer(-22, nullptr);
     probe.queue->run();
     (*probe).shutdown(0);
-    EXPECT_TRUE(probe.process->exitCodes.empty());  // its file is still to be removed
+    EXPECT_TRUE(probe.process->exitCodes.empty());  // the take's queue has not ended the take
     EXPECT_EQ(sendStart().at(0)["error"], "recording destination or state is invalid");
     inTime ? probe.run() : (*probe).exitNow(0);
     expectKeys(probe.process->takeEvent("recording"), {{"error", "camera encoding failed (-22)"}});

@@ -137,7 +137,9 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
     }
     const MovieTrack empty{.id = 1, .picture = keySample()->format()};
     const Bytes behind = fragmentStart(0, 9, empty, {{20, 1000, true}});  // at a wrong time, 0
-    bytes.insert(bytes.end(), behind.begin(), behind.end());
+    bytes.resize(ends.back());                                            // without the tables
+    const Bytes sample(bytes.end() - 20, bytes.end());
+    for (const Bytes& part : {behind, sample}) bytes.insert(bytes.end(), part.begin(), part.end());
     place(bytes);
     expectRecovered(7, soundEnds.size());
   }

@@ -33,7 +33,7 @@ TEST_F(Takes, StopAfterTheFrameInFlightAndIgnoreLaterFrames) {
   ASSERT_TRUE(writer().finished);
   EXPECT_EQ(writer().timings.size(), 1u);  // the frame in flight is part of the movie
   EXPECT_TRUE(probe.lastSession().invalidated);
-  feed(1001.2);
+  EXPECT_FALSE(frame(1001.2));
   EXPECT_EQ(failure(), "");
   complete();
 }
