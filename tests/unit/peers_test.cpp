@@ -120,6 +120,7 @@ TEST_F(Peers, AreDroppedForABadAcknowledgementASecondHelloOrALineOfMoreThan4096B
   for (const std::string& line :
        {ack("0"), ack("2"), ack("-1"), ack("1.5"), ack("true"), ack("\"1\""), ack("null"),
         ack("[1]"), ack("18446744073709551616"), ack("1e999"), hello + "\n",
+        std::string("{\"type\":\"ack\"}\n"), std::string("{\"type\":\"nack\",\"frame_id\":1}\n"),
         std::string(4097, ' ')}) {
     const auto client = probe.connectClient();
     probe.frame(1, keySample());
