@@ -4,7 +4,8 @@
 //
 //   lumora-compare HELPER FOLDER [ROUNDS]
 //
-// Leaves all figures in FOLDER/bench.json, and the last preview and take of each in FOLDER.
+// Leaves all figures in FOLDER/bench.json. The last preview and take of each program that makes
+// files are in FOLDER, too.
 
 #include <algorithm>
 #include <cstdio>
@@ -27,7 +28,7 @@ using Json = nlohmann::json;
 constexpr int rates[] = {30, 60};     // frames a second
 constexpr double overhead = 2;        // seconds of a run, besides its frames
 constexpr double judgingSeconds = 8;  // for the files of a contender
-constexpr double steadySeconds = 20;  // of a steady run, for each round
+constexpr double steadySeconds = 20;  // a steady run lasts so long times ROUNDS
 const Job jobs[] = {{camera, "superfast"}, {camera, "ultrafast"}, {camera, ""}, {defaultTake, ""}};
 
 struct Column {
@@ -191,7 +192,7 @@ Json runsOf(const Table& table) {
   return runs;
 }
 
-// As shipped, with two clients, at 60 frames a second.
+// One long run of the helper with two clients, at 60 frames a second.
 struct Steady {
   std::string take;
   CameraClip& clip;

@@ -197,7 +197,7 @@ class Helper::Impl {
     while (process_->hasOutput()) {
       auto line = process_->nextLine(Seconds(0));
       if (!line) {
-        takes_.failUnanswered(Uptime::now());  // no answer waits to be read
+        takes_.failUnanswered(Uptime::now());  // all answers so far have been read
         line = process_->nextLine(Seconds(1));
       }
       if (line) tell(parseEvent(*std::move(line)));
@@ -306,7 +306,8 @@ class Helper::Impl {
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;
 
-  mutable std::mutex mutex_;  // guards all below, `slots_`, and collecting the status
+  // Guards the fields down to `stopper_`, `slots_`, and collecting the status.
+  mutable std::mutex mutex_;
   std::condition_variable changed_;
   bool isReady_ = false;
   bool isOver_ = false;  // the last event has been handled

@@ -22,8 +22,8 @@ struct MovieContents {
   std::uint32_t skipped = 0;  // samples of sound at the beginning
 };
 
-// Reads one track of a movie with libavformat. Only counts packets that carry a whole sample of the
-// tests.
+// Reads one track of a movie with libavformat. Keeps only packets with a whole sample of the
+// tests, whose data begins and ends with 0x11.
 inline MovieContents readMovie(ByteView bytes, unsigned track = 0) {
   av_log_set_level(AV_LOG_QUIET);
   const int file = memfd_create("movie", 0);

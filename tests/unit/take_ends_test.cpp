@@ -8,7 +8,7 @@ namespace {
 const std::string takeStaging = takePath + "." + takeID + ".partial";
 const std::string takeRecovery = "a.recovered-" + takeID + ".mp4";
 
-TEST_F(Takes, KeepACompleteMovieUnderWhateverNameIsFree) {
+TEST_F(Takes, KeepACompleteMovieEvenIfItCannotBeRenamed) {
   using Moves = std::vector<std::pair<std::string, std::string>>;
   for (const auto& [failing, path] :
        {std::pair{0, takePath}, {1, "/takes/" + takeRecovery}, {2, takeStaging}}) {
@@ -73,8 +73,8 @@ TEST_F(Takes, IgnoreTheStopOfAnotherTakeAndFailWithoutAFrame) {
   EXPECT_TRUE(probe.movies->writers.empty());
 }
 
-// The input breaks off, but the event that reports this meets a broken output. So the state queue
-// shuts down for the output first, with exit status 0, which the watchdog takes over.
+// The input is truncated, but the error event can't be written. The broken output therefore starts
+// the shutdown, with status 0, and the watchdog gets that status, too.
 TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
   startWithFrame();
   probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7, 0};  // truncated

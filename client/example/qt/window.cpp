@@ -83,7 +83,8 @@ void Window::helperEnded(const Exited& end) {
   }
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
   // If the helper never became ready, another program may have taken its port. The next helper then
-  // uses any port. If this helper already used any port, the next one would not start either.
+  // chooses a port. If this helper could already choose, the next one would fail too, so none is
+  // started.
   if (wasReady || std::exchange(port_, 0) != 0)
     QTimer::singleShot(std::chrono::seconds(1), this, &Window::startHelper);
 }

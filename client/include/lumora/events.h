@@ -26,7 +26,7 @@ struct Stats {
   std::uint64_t encodedFrames = 0;
   std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
-  // Records of sound whose time was too early or too late, or before which too much sound waited.
+  // Records of sound that were dropped: they came too early or too late, or too much sound waited.
   // In the same reports as `delivery`, if the helper gets sound.
   std::optional<std::uint64_t> droppedSound;
   Seconds encodeTime{};     // of the latest preview frame, scaling included
@@ -65,7 +65,7 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 enum class TakeFailure {
   refused,      // by the helper: it never began
   failed,       // after it began
-  noAnswer,     // the helper said nothing of it in its first 10 s
+  noAnswer,     // the helper did not answer the start within 10 s
   helperEnded,  // before it was saved
 };
 
@@ -79,7 +79,7 @@ struct Recording {
   std::string error;                   // why it failed, or is saved under another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final from `finishing` on
-  std::uint64_t frames = 0;            // written, even if a past stop time removed them again
+  std::uint64_t frames = 0;            // written, even if a stop in the past removed them again
   std::uint64_t dropped = 0;           // lost
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known

@@ -96,9 +96,9 @@ class LUMORA_CLIENT_EXPORT Helper {
   // different numbers of samples, or without `HelperOptions::sound`.
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
-  // Starts a take after the frames published so far. A take that the helper refuses has failed: see
-  // `Take`. The handler gets the take's events as soon as they are known. It is called like the
-  // helper's own; without a queue perhaps before this returns.
+  // Starts a take after the frames published so far. The handler gets the take's events as soon as
+  // they are known, also that the helper refuses it: as a take that has failed. It is called like
+  // the helper's own; without a queue perhaps before this returns.
   // Throws std::invalid_argument for a path that is relative, too long, not UTF-8 or has another
   // ending than ".mp4", and for any other option out of range.
   [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});
@@ -106,10 +106,10 @@ class LUMORA_CLIENT_EXPORT Helper {
   // How the helper ended; empty while it runs.
   std::optional<Exited> exited() const;
   // Waits for the takes that were told to stop, and closes the helper's input, so that the helper
-  // saves a running take and ends. If it does not end, `stop` sends SIGTERM and then SIGKILL.
-  // Within 5 s it gives up. It reports SIGKILL if the system has not ended the helper by then, and
-  // the helper's status if only another process keeps its pipes open. When `stop` returns, every
-  // event has been handled, or is in the queue.
+  // saves a running take and ends. If the helper does not end, `stop` sends SIGTERM and then
+  // SIGKILL. `stop` gives up within 5 s. It then reports SIGKILL if the system has not ended the
+  // helper, and the helper's status if only another process keeps its pipes open. When `stop`
+  // returns, every event has been handled, or is in the queue.
   Exited stop();
   // The same, but returns at once. `Exited` comes when it is done.
   void requestStop();

@@ -1,6 +1,7 @@
 #pragma once
 
-// Splits the helper's TCP stream into packets, and turns packets into an H.264 byte stream. Pure.
+// Splits the helper's TCP stream into packets, and turns packets into an H.264 byte stream. Does no
+// input or output.
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------
