@@ -15,8 +15,8 @@ namespace lumora {
 using PictureMemory = std::shared_ptr<std::uint8_t[]>;
 
 // Recycles the memory of raw frames, encoder buffers and encoder pictures. A steady stream touches
-// the same few megabytes, and a new take gets memory that was touched before. Pictures may outlive
-// their owner's reference to the pool. Any thread.
+// the same few megabytes, and a new take gets memory that was touched before. Each picture keeps
+// its pool alive. Any thread.
 class PicturePool : public std::enable_shared_from_this<PicturePool> {
  public:
   static std::shared_ptr<PicturePool> make();
@@ -24,8 +24,8 @@ class PicturePool : public std::enable_shared_from_this<PicturePool> {
   PicturePool(const PicturePool&) = delete;
   PicturePool& operator=(const PicturePool&) = delete;
 
-  // Memory for a picture of `size` bytes, aligned for SIMD and never cleared; null if there is
-  // none. Throws std::bad_alloc.
+  // Memory for a picture of `size` bytes, aligned for SIMD and never cleared. Null if there is no
+  // memory for the picture. Throws std::bad_alloc if there is none to count its references.
   PictureMemory allocate(std::size_t size);
 
  private:

@@ -1,5 +1,5 @@
-// Memory for pictures that is used again. A frame that is never published or closed
-// only costs a new buffer.
+// Reuses the memory of pictures. A frame that is never published or closed only costs a
+// new buffer.
 
 import { disposeWith } from './dispose.js';
 import { invalid } from './errors.js';
@@ -11,7 +11,7 @@ import {
   type FrameSize,
 } from './frame_format.js';
 
-// One buffer is being written, one waits, and two are being filled.
+// Usually at most four buffers are in use: one is written, one waits, two are filled.
 const mostFree = 4;
 const empty = new Uint8Array(0);
 
