@@ -99,6 +99,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   void encodeSound();
   void soundLater();
   void waitForSound();
+  bool awaitsSound() const { return awaitedEnd && !failed && !sound->isEnding(); }
   void endSound();
   bool isShortOfTime() const;
   void keepSound(double end);

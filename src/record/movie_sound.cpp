@@ -74,14 +74,14 @@ void MovieRecorder::soundLater() {
 void MovieRecorder::waitForSound() {
   constexpr double longest = 0.5, settling = 0.05;  // seconds
   queue->asyncAfter(longest - settling, [self = shared_from_this()] {
-    if (self->awaitedEnd) self->soundInput->settle();
+    if (self->awaitsSound()) self->soundInput->settle();
   });
   queue->asyncAfter(longest, [self = shared_from_this()] { self->endSound(); });
 }
 
 // Fills the track up to the end that a stop has set, then ends the movie.
 void MovieRecorder::endSound() {
-  if (!awaitedEnd) return;
+  if (!awaitsSound()) return;
   sound->endAt(origin + *awaitedEnd);
   encodeSound();
 }
