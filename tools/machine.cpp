@@ -21,7 +21,7 @@ std::map<std::string, std::string> describeMachine() {
       // x264 names itself in the first access unit of a stream.
       {"x264",
        "ffmpeg -v error -f lavfi -i color=size=64x64 -frames:v 1 -c:v libx264 -f h264 - |"
-       " grep -aom1 'core [0-9]* r[0-9]*'"},
+       " grep -aom1 'core [0-9]* r[0-9]*' || true"},
       {"ffmpeg", "ffmpeg -version | sed -n 's/^ffmpeg version \\([^ ]*\\).*/\\1/p'"}};
   std::map<std::string, std::string> described = {{"program", LUMORA_VERSION}};
   for (const auto& [name, command] : commands) {

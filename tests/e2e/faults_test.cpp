@@ -69,6 +69,28 @@ TEST_F(Faults, WithoutMemoryTheHelperExitsWithOneAndTheMovieStays) {
   EXPECT_GT(countFrames(stagingPath()), 20);
 }
 
+TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
+  ASSERT_TRUE(startWith("fdatasync:1,unlink:1:-6"));
+  const auto end = [this] {
+    startTake(smallTake);
+    // Skips the end of the previous take, which the helper repeats.
+    helper->waitForEvent("recording",
+                         [](const Event& told) { return told["state"] == "starting"; });
+    feedAll();
+    stopTake();
+    return helper->waitForEvent("recording", [](const Event& told) {
+      return told["state"] == "saved" || told["state"] == "failed";
+    });
+  };
+  EXPECT_EQ(end()["error"], "Input/output error");  // comes after a second; the removal takes six
+  ASSERT_TRUE(std::filesystem::remove(stagingPath()));
+  path = folder / "." / std::filesystem::path(path).filename();  // another spelling
+  EXPECT_EQ(end()["error"], "invalid or existing recording destination");
+  for (const double patience = uptime() + 20; end()["state"] != "saved";)
+    ASSERT_LT(uptime(), patience);
+  EXPECT_EQ(decodeErrors(path), "");
+}
+
 TEST_F(Faults, TheWatchdogEndsAHangingEncoderThoughTheParentBlockedItsSignal) {
   if (!canFailCodec()) GTEST_SKIP();
   ASSERT_TRUE(startWith("avcodec_send_frame:20:-30"));

@@ -84,10 +84,10 @@ struct Viewer : HelperTest {
     const std::string pid = std::to_string(viewer->pid());
     return outputOf("cat /proc/" + pid + "/task/" + pid + "/children");
   }
-  client::Exited terminate() {
+  client::Exited terminate(double limit = 20) {
     viewer->sendSignal(SIGTERM);
     waitForMessage("ended");
-    return viewer->wait(Seconds(120)).value();
+    return viewer->wait(Seconds(limit)).value();
   }
   // The numbers that an ffmpeg filter prints after `word`. The last may be at the movie's end.
   static std::vector<double> numbersIn(const std::string& movie, const std::string& filter,
@@ -194,7 +194,7 @@ TEST_F(Viewer, SharesItsStreamAndWritesAReportWithoutTokens) {
   const auto other = connect();
   other->sayHello(shared);
   EXPECT_TRUE(other->receive(Seconds(20)));
-  EXPECT_TRUE(terminate().isClean());
+  EXPECT_TRUE(terminate(120).isClean());
   const Pixels bytes = bytesOf(report);
   const std::string text(bytes.begin(), bytes.end());
   EXPECT_THAT(text, testing::HasSubstr("\"type\":\"ready\""));

@@ -106,6 +106,15 @@ TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedOrAfterHalfASecondThenReads) {
   }
 }
 
+TEST(Lifecycle, StartsNoReaderIfItIsStoppedBefore) {
+  VideoEncoderProbe probe;
+  probe.service->start();
+  probe.network->changed(ListenerState::ready);
+  probe.signal(SIGTERM);
+  probe.runAt(1000.5);
+  EXPECT_TRUE(probe.dispatch->detached.empty());
+}
+
 using ReadyLifecycle = ServiceTest;
 
 TEST_F(ReadyLifecycle, DropsALineIfTheOutputIsFullAndEndsOnceIfItIsBroken) {
