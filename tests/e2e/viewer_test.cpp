@@ -165,7 +165,8 @@ TEST_F(Viewer, ItsEndAlsoEndsAHangingCameraAndSoundDevice) {
       {LUMORA_VIEWER, token, {"--demo", "--helper", "/bin/false", "--sound", sound}, input});
   EXPECT_EQ(unlucky.wait(Seconds(20)).value_or(client::Exited{}).status, 1);
   view({"--demo", "--helper", helperProgram(), "--sound", sound}, input);
-  while (std::ranges::count(childrenOfViewer(), ' ') < 3) std::this_thread::yield();
+  for (const double patience = uptime() + 20; std::ranges::count(childrenOfViewer(), ' ') != 3;)
+    ASSERT_LT(uptime(), patience);
   EXPECT_TRUE(terminate().isClean());
   for (const std::string& left : {camera, device})
     EXPECT_EQ(open(left.c_str(), O_WRONLY | O_NONBLOCK), -1) << left;  // nobody reads it

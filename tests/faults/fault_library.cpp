@@ -85,13 +85,11 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
 bool fails(const char* kind, int usualError) {
   if (!armed) return false;
   for (Fault& fault : faults) {
-    const bool isEveryCall = fault.nth == 0;
-    if (!isEveryCall && fault.calls >= fault.nth) continue;
-    if (std::strcmp(fault.kind.data(), kind) != 0) {
-      if (isEveryCall) continue;
-      return false;
-    }
-    if (++fault.calls != fault.nth && !isEveryCall) return false;
+    const bool isOneCall = fault.nth != 0;
+    const bool isPast = isOneCall && fault.calls >= fault.nth;
+    const bool isKind = std::strcmp(fault.kind.data(), kind) == 0;
+    if (isPast || (!isKind && !isOneCall)) continue;
+    if (!isKind || (isOneCall && ++fault.calls != fault.nth)) return false;
     if (const char* hit = std::getenv("LUMORA_FAULT_HIT"); hit && &fault == lastFault)
       mknod(hit, S_IFREG | 0600, 0);
     log(-1, DiskLogEntry::failed);

@@ -30,6 +30,10 @@ struct SoundTakes : Takes {
     hear(from, to);
     picture(captured, to, true);
   }
+  void breakQueue() {
+    probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
+    probe.run();
+  }
   // Samples of sound that the encoder has got so far.
   void expectSamples(double count) {
     EXPECT_NEAR(static_cast<double>(probe.sound->samples.size()), count, 2);
@@ -155,10 +159,6 @@ TEST_F(SoundTakes, HaveSoundBetweenAnOutageAndTheStopOnlyIfTwoRecordsAgree) {
 }
 
 TEST_F(SoundTakes, FailWithTheirSoundWhileTheProcessGoesOn) {
-  const auto breakQueue = [this] {
-    probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
-    probe.run();
-  };
   for (const auto& [call, message] : {std::pair{"openSound", "sound encoder opening failed (-1)"},
                                       {"addTrack", "recording format unavailable"},
                                       {"encodeSound", "sound encoding failed (-1)"},
@@ -211,20 +211,23 @@ TEST_F(SoundTakes, EndWithoutTheRestOfLongSilenceIfTheHelperEnds) {
   EXPECT_LT(std::ssize(probe.sound->samples), 100 * 2000);
 }
 
-TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEnd) {
-  startHeard(999.9, 1000.2, 1000.1, {{"on_failure", "keep"}});
-  writer().onDisk = {1, 1000};
-  picture(1000.3, 1000.4);
-  lastID = 1'000'500'000;
-  feed(1000.5);
-  probe.answer(nullptr, -1);
-  ASSERT_TRUE(writer().finished);
-  expectSamples((0.2 + 1.0 / 60) * 8000);
-  writer().complete(WriterStatus::completed);
-  probe.run();
-  const Json failed = events("failed").at(0);
-  EXPECT_TRUE(failed.contains("kept_path"));
-  EXPECT_NEAR(failed["sound_missing"].get<double>(), 0.1 + 1.0 / 60, 1e-3);
+TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEndEvenIfTheyFailWhileTheyWaitForIt) {
+  for (const bool waits : {false, true}) {
+    restart();
+    startHeard(999.9, 1000.2, 1000.1, {{"on_failure", "keep"}});
+    writer().onDisk = {1, 1000};
+    picture(1000.3, 1000.4);
+    if (waits) stop({{"stopped_at", 1000.39}}), breakQueue();
+    lastID = 1'000'500'000;
+    if (!waits) feed(1000.5), probe.answer(nullptr, -1);
+    ASSERT_TRUE(writer().finished);
+    expectSamples((0.2 + 1.0 / 60) * 8000);
+    probe.runAt(1001);
+    writer().complete(WriterStatus::completed);
+    const Json failed = events("failed").at(0);
+    EXPECT_TRUE(failed.contains("kept_path"));
+    EXPECT_NEAR(failed["sound_missing"].get<double>(), 0.1 + 1.0 / 60, 1e-3);
+  }
 }
 
 TEST_F(SoundTakes, DropSoundForWhichAHangingQueueHasNoRoom) {
