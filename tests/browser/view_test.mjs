@@ -1,7 +1,7 @@
 // The viewer in Chromium. The page shows the right picture and figures, and makes takes. A page
 // that hangs delays no other client. Requests from elsewhere are refused.
 //
-//   node view_test.mjs HELPER VIEW TAP CHROMIUM    SCREENSHOTS: a folder for pictures of the page
+//   node view_test.mjs HELPER VIEW TAP CHROMIUM
 
 import assert from 'node:assert/strict';
 import { once } from 'node:events';
@@ -34,8 +34,6 @@ async function assertEnds({ program }) {
 }
 
 const figure = (page, id) => page.locator(`#${id}`).evaluate((node) => Number(node.dataset.value));
-const showMore = async (page, count) => page.waitForFunction((wanted) => Number(
-  document.getElementById('shown').dataset.value) > wanted, await figure(page, 'shown') + count);
 
 // Which bars of the test card are at 64 places along its top; -1 where there is none.
 const barsOf = (page) => page.evaluate(() => {
@@ -120,13 +118,6 @@ test('a viewer with its own helper shows its card, recovers a take and makes one
   const part = await fetch(movie, { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
-  for (const [name, colorScheme, width] of [['desktop', 'light', 1280], ['dark', 'dark', 1280],
-    ['phone', 'light', 390]]) {
-    await page.emulateMedia({ colorScheme });
-    await page.setViewportSize({ width, height: 800 });
-    await page.screenshot({ path: `${process.env.SCREENSHOTS ?? folder}/${name}.png` });
-  }
-
   // Refusal and movie stay on the page although the helper repeats the last event of the take.
   await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
@@ -154,7 +145,8 @@ test('a viewer of another application\'s helper makes no takes and delays no cli
   assert.ok(fs.statSync(other).size > recorded + 10000, 'the other client got no frames');
   await debug.send('Debugger.resume');
   await debug.send('Debugger.disable');
-  await showMore(page, 30);
+  const more = await figure(page, 'shown') + 30;
+  await page.waitForFunction((all) => document.getElementById('shown').dataset.value > all, more);
   assert.ok(await figure(page, 'skipped') > 0);
   const { dropped_peers: dropped, clients } = parent.statistics;
   assert.deepEqual([dropped, clients, await figure(page, 'restarts')], [0, 2, 0]);

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <lumora/helper.h>
 #include <lumora/stream_client.h>
 #include <poll.h>

@@ -105,7 +105,7 @@ TEST_F(Peers, AcknowledgeAllFramesUpToTheNamedOne) {
   frameFor(*client, 9);
   probe.clock->now += 0.5;
   for (const std::uint64_t id : {12u, 15u}) frameFor(*client, id);
-  client->deliver(ack("9.0") + ack("9") + ack("8"));
+  client->deliver(ack("9.0") + std::string(4069, ' ') + ack("9") + ack("8"));  // 4,096 bytes
   probe.clock->now += 0.125;
   client->deliver(ack("12"));
   const Json all = probe.statistics();

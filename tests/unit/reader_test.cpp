@@ -89,8 +89,9 @@ TEST_F(Reader, DropsFramesWhileOneIsInFlightHoweverTheReadsAreCut) {
 
 TEST_F(Reader, WaitsWhileSixtyFourCommandsWaitButForTwoSecondsAtMost) {
   const auto read = [this](int commands) {
-    for (int i = 0; i < commands; ++i)
-      probe.put(client::commandRecord(R"({"type":"record_stop","id":")" + takeID + "\"}"));
+    std::string command = R"({"type":"record_stop","id":")" + takeID + "\"}";
+    command.resize(4096, ' ');  // as long as it may be
+    for (int i = 0; i < commands; ++i) probe.put(client::commandRecord(command));
     probe.dispatch->detached.at(0)();
   };
   // Whether the reader holds one more command until a command that waits has been handled.

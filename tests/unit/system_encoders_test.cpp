@@ -122,6 +122,21 @@ TEST_F(EncoderPoolTest, GivesUnusedMemoryBackAMinuteAfterTheLastTake) {
   EXPECT_FALSE(isAhead(preview) || isAhead(take));
 }
 
+TEST_F(EncoderPoolTest, OpensTheLikeliestTakeAheadUnlessAnotherTakeHasStarted) {
+  for (const bool hasStarted : {false, true}) {
+    const auto dispatch = std::make_shared<FakeDispatch>(now);
+    const auto encoders =
+        std::make_shared<SystemEncoders>(parseAllowedEncoders("software"), PixelFormat{}, opener,
+                                         dispatch, PicturePool::make(), driver->factory());
+    encoders->warmUp(take, take);
+    if (hasStarted) encoders->openAhead(slowTake), dispatch->queues.at(0)->run();
+    dispatch->detached.at(0)();
+    opener->run();
+    dispatch->queues.at(0)->run();
+    EXPECT_EQ(driver->asked, hasStarted ? 2 : 1);
+  }
+}
+
 struct HardwareEncoders : EncoderPoolTest {
   void SetUp() override {
     if (!wanted.codec) GTEST_SKIP() << "no such encoder";
@@ -283,19 +298,9 @@ TEST_F(HardwareEncoders, AreNotUsedForATakeWhoseEncoderWasOpenedBeforeTheyWereFo
   EXPECT_TRUE(run.isHardwareUsed());
 }
 
-TEST_F(HardwareEncoders, AreWaitedForWhereSoftwareIsNotAllowed) {
-  EncoderRun run("hardware", hangs);
-  const std::jthread answer([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    run.driver->release.set_value();
-  });
-  EXPECT_TRUE(run.createSession());
-}
-
-TEST_F(HardwareEncoders, AreWaitedForWhileAStoppedSessionHoldsOne) {
+TEST_F(HardwareEncoders, AreWaitedForUntilOneIsFoundAndWhileAStoppedSessionHoldsOne) {
   for (int i = 0; i < 10; ++i) {
     EncoderRun run("hardware");
-    run.waitUntilPrepared();
     const Session other = run.createSession(take);  // takes the encoder that the probe opened
     EXPECT_EQ(run.encodeOne(other), (Answer{0, 0}));
     run.driver->limit = 2;
