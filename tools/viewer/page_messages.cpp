@@ -25,7 +25,6 @@ std::optional<PageMessage> startTake(const Json& object) {
 }  // namespace
 
 std::optional<PageMessage> parsePageMessage(std::string_view text) try {
-  if (text.size() > maximumMessageBytes) return std::nullopt;
   const Json object = Json::parse(text);
   const auto& type = get<std::string>(object, "type");
   if (type == "shown") return Shown{get<std::uint64_t>(object, "frame_id")};

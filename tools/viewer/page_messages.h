@@ -33,8 +33,6 @@ struct RecoverTakes {};  // those that were interrupted
 using PageMessage =
     std::variant<Shown, Ping, Restarted, Visible, StartTake, StopTake, RecoverTakes>;
 
-constexpr std::size_t maximumMessageBytes = 8192;
-
 // Nothing for a message that our page does not send.
 std::optional<PageMessage> parsePageMessage(std::string_view text);
 

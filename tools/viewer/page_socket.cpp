@@ -1,7 +1,5 @@
 #include "tools/viewer/page_socket.h"
 
-#include "tools/viewer/page_messages.h"
-
 namespace lumora::viewer {
 namespace beast = boost::beast;
 namespace websocket = beast::websocket;
@@ -14,7 +12,8 @@ void PageSocket::accept(const beast::http::request<beast::http::empty_body>& req
   error_code ignored;
   stream.socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
   socket_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
-  socket_.read_message_max(maximumMessageBytes);
+  constexpr std::size_t maximumIncomingBytes = 8192;
+  socket_.read_message_max(maximumIncomingBytes);
   socket_.async_accept(request,
                        [self = shared_from_this(), ready = std::move(ready)](error_code error) {
                          if (error) return;
