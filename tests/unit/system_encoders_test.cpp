@@ -130,7 +130,7 @@ TEST_F(EncoderPoolTest, OpensTheLikeliestTakeAheadUnlessAnotherTakeHasStarted) {
                                          dispatch, PicturePool::make(), driver->factory());
     encoders->warmUp(take, take);
     if (hasStarted) encoders->openAhead(slowTake), dispatch->queues.at(0)->run();
-    dispatch->detached.at(0)();
+    std::exchange(dispatch->detached, {}).at(0)();  // this work owns the encoders
     opener->run();
     dispatch->queues.at(0)->run();
     EXPECT_EQ(driver->asked, hasStarted ? 2 : 1);
