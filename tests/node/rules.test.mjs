@@ -367,9 +367,10 @@ test('ids are the uptime by default, and always grow', async () => {
   } });
   const helper = helperOf(stdin, 'rgba');
   const before = BigInt(frameId());
-  for (const id of [undefined, undefined, 2n ** 60n, undefined]) {
+  for (const id of [undefined, undefined, 2n ** 60n, undefined, 2n ** 64n - 1n]) {
     await helper.writeFrame({ width: 2, height: 2 }, new Uint8Array(16), id).done;
   }
   assert.ok(ids[0] >= before && ids[1] > ids[0] && ids[1] <= BigInt(frameId()), `${ids}`);
-  assert.deepEqual(ids.slice(2), [2n ** 60n, 2n ** 60n + 1n]);
+  assert.deepEqual(ids.slice(2, 4), [2n ** 60n, 2n ** 60n + 1n]);
+  assert.throws(() => helper.writeFrame({ width: 2, height: 2 }, new Uint8Array(16)), invalid);
 });

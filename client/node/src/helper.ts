@@ -145,14 +145,14 @@ export class Helper extends typedEmitter<HelperEvents>() {
   /**
    * Queues a picture in the helper's format, and returns at once. `pixels` may be reused when
    * `done` resolves. It resolves with `written`, or with `dropped` if a newer frame came while this
-   * one waited, or the helper is stopping or has ended. By default the `id` is the uptime now, in
-   * microseconds. Throws an ArgumentError for a size, a length or an id that the helper does not
-   * accept.
+   * one waited, or the helper is stopping or has ended. By default the `id` is the uptime now in
+   * microseconds, or one more than the last id if that is higher. Throws an ArgumentError for a
+   * size, a length or an id that the helper does not accept.
    */
-  writeFrame(size: FrameSize, pixels: Pixels, id?: FrameId): FrameWrite {
+  writeFrame(size: FrameSize, pixels: Pixels, id: FrameId = this.#nextId()): FrameWrite {
     checkSize(size);
     const bytes = pixelBytes(pixels, size, encodingOf(this.#format));
-    this.#lastFrame = id === undefined ? this.#nextId() : checkedId(id, this.#lastFrame);
+    this.#lastFrame = checkedId(id, this.#lastFrame);
     return this.#feeder.writeFrame(recordHeader(bytes.length, size, this.#lastFrame), bytes);
   }
 
