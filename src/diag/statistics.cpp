@@ -32,7 +32,7 @@ void VideoEncoder::emitStats(bool force) {
 
 Json VideoEncoder::coreStatistics() const {
   return {{"type", "stats"},
-          {"clients", preview.countClients()},
+          {"clients", preview.countAuthenticatedPeers()},
           {"pending_hello", preview.countWaitingPeers()},
           {"encoded_frames", preview.encodedFrames},
           {"dropped_raw", raw.dropped()},

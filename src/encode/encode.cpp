@@ -9,8 +9,8 @@ void VideoEncoder::encode(const RawFrame& frame) {
   const auto undecodable = frame.rgba ? std::nullopt : std::optional(FrameOutcome::undecodable);
   take.logFrame({frame.id, frame.capturedAt}, undecodable);
   const auto movie = take.recordingTake();
-  const bool hasClients = preview.countClients() > 0;
-  const bool isNeeded = movie || hasClients;
+  const bool isWatched = preview.countAuthenticatedPeers() > 0;
+  const bool isNeeded = movie || isWatched;
   raw.setNeeded(isNeeded);
   if (!isNeeded || !frame.rgba) {
     raw.countDropped();
@@ -19,7 +19,7 @@ void VideoEncoder::encode(const RawFrame& frame) {
   const auto completion =
       std::make_shared<RawEncodingCompletion>(weakly(&VideoEncoder::releaseRaw));
   if (movie) encodeRecording(frame, movie, completion);
-  if (hasClients) encodePreview(frame, completion);
+  if (isWatched) encodePreview(frame, completion);
   completion->complete(0);
 }
 

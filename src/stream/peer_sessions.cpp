@@ -38,7 +38,7 @@ bool constantTimeEqual(std::string_view first, std::string_view second) {
 }  // namespace
 
 void VideoEncoder::accept(std::shared_ptr<TcpConnection> connection) {
-  const bool isFull = preview.countClients() >= maximumAuthenticatedPeers ||
+  const bool isFull = preview.countAuthenticatedPeers() >= maximumAuthenticatedPeers ||
                       preview.countWaitingPeers() >= maximumWaitingPeers;
   if (!running || isFull) {
     connection->cancel();
@@ -98,7 +98,7 @@ bool VideoEncoder::handleLine(Peer& peer) {
 
 bool VideoEncoder::authenticate(Peer& peer, const std::string& offered) {
   if (!constantTimeEqual(offered, configuration.token)) return false;
-  if (preview.countClients() >= maximumAuthenticatedPeers) return false;
+  if (preview.countAuthenticatedPeers() >= maximumAuthenticatedPeers) return false;
   peer.authenticated = true;
   preview.forceIDR = true;
   raw.setNeeded(true);

@@ -23,12 +23,12 @@ void AcknowledgementFigures::record(double sentAt, double oldestSentAt, double n
   ++acknowledgementSamples;
 }
 
-std::size_t Preview::countClients() const {
+std::size_t Preview::countAuthenticatedPeers() const {
   return static_cast<std::size_t>(
       std::ranges::count_if(peers, [](const auto& entry) { return entry.second->authenticated; }));
 }
 
-std::size_t Preview::countWaitingPeers() const { return peers.size() - countClients(); }
+std::size_t Preview::countWaitingPeers() const { return peers.size() - countAuthenticatedPeers(); }
 
 std::shared_ptr<Peer> Preview::find(std::uint64_t peerID) const {
   const auto found = peers.find(peerID);

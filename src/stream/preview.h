@@ -61,8 +61,8 @@ struct Preview {
   std::size_t maxUnacknowledgedObserved = 0;  // of one peer
   AcknowledgementFigures acknowledgements;
 
-  std::size_t countClients() const;       // authenticated
-  std::size_t countWaitingPeers() const;  // no "hello" yet
+  std::size_t countAuthenticatedPeers() const;  // authenticated
+  std::size_t countWaitingPeers() const;        // no "hello" yet
   // Null when that peer is gone.
   std::shared_ptr<Peer> find(std::uint64_t peerID) const;
 
