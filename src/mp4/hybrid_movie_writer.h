@@ -62,7 +62,7 @@ class HybridMovieWriter final : public MovieWriter {
   bool hasGathered(std::size_t track) const;  // enough for a fragment
   void flushFragment(std::size_t track);
 
-  std::shared_ptr<MovieDisk> disk_;  // shared with the I/O thread
+  std::shared_ptr<MovieDisk> disk_;  // shared with the disk thread
   MovieProperties properties_;
   // While this is false, a started movie has the status "writing", even if the disk has failed. The
   // next append or the end of the movie sets it.

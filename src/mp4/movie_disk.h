@@ -1,6 +1,6 @@
 #pragma once
 
-// The I/O thread of one movie file and its queue. The thread keeps the file open and locked until
+// The disk thread of one movie file and its queue. The thread keeps the file open and locked until
 // `cancel`. The writer's destructor calls `cancel`, when the file already has its final name. The
 // thread shares ownership of this object, so no caller has to wait for a disk that hangs.
 
@@ -21,7 +21,7 @@ class MovieDisk {
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
   // Starts the movie's log. Call it before the first write. Whenever a job is done, and twice a
-  // second, the I/O thread asks for lines and writes them. An error ends the log only.
+  // second, the disk thread asks for lines and writes them. An error ends the log only.
   void openLog(std::unique_ptr<ByteSink> sink, MovieWriter::TakeLines takeLines);
   std::optional<std::string> logError() const;
 
@@ -29,10 +29,10 @@ class MovieDisk {
   // `ending` bytes is reserved after them.
   void write(Bytes head, Bytes body, std::uint64_t ending);
   // After everything queued: appends `tail`, then writes `header` over the bytes at `offset`. Each
-  // is on the disk before the next step. Then `handler` runs on the I/O thread.
+  // is on the disk before the next step. Then `handler` runs on the disk thread.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
-  // runs on the I/O thread. It gets the number of writes on the disk and the size of the file. If
+  // runs on the disk thread. It gets the number of writes on the disk and the size of the file. If
   // it returns std::nullopt, nothing is written. `handler` gets 0, the errno of the first step that
   // failed, or ENOMEM after an exception.
   struct Ending {
@@ -41,7 +41,7 @@ class MovieDisk {
   };
   using MakeEnding = std::function<std::optional<Ending>(std::size_t writes, std::uint64_t size)>;
   void rescue(std::uint64_t offset, MakeEnding make, std::function<void(int error)> handler);
-  // Ends the movie as failed, after everything queued. Then `handler` runs on the I/O thread.
+  // Ends the movie as failed, after everything queued. Then `handler` runs on the disk thread.
   void fail(std::string message, std::function<void()> handler);
   // Ends the movie now. What is queued is dropped, and its handlers don't run.
   void cancel();
@@ -74,7 +74,7 @@ class MovieDisk {
     std::unique_ptr<ByteSink> sink;
     MovieWriter::TakeLines takeLines;
   };
-  std::unique_ptr<Log> log_;  // set before the first job, then of the I/O thread only
+  std::unique_ptr<Log> log_;  // set before the first job, then of the disk thread only
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
