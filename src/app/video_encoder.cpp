@@ -33,8 +33,7 @@ void VideoEncoder::start() {
 
 void VideoEncoder::listenerChanged(ListenerState state) {
   if (!running) return;
-  if (state == ListenerState::failed) fail("video listener failed");
-  if (state != ListenerState::ready) return;
+  if (state == ListenerState::failed) return fail("video listener failed");
   if (listener->port() == 0) return fail("listener has no port");
   // The parent starts to send frames when it reads "ready". Encoders that open after that compete
   // with the frames for the CPU: opening takes several times as long, and frames are dropped.

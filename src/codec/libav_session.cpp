@@ -74,11 +74,11 @@ class LibavSession::Worker {
   // Encodes until stopped. False if there is no encoder, or if it has failed.
   bool encodeAll(const OpenedEncoder& opened) {
     LibavEncoder* encoder = opened.encoder.get();
-    bool isSound = encoder != nullptr;
+    bool isUsable = encoder != nullptr;
     std::unique_lock hold(mutex_);
     for (;;) {
       changed_.wait(hold, [this] { return stop_.stop_requested() || !jobs_.empty(); });
-      if (stop_.stop_requested()) return isSound;
+      if (stop_.stop_requested()) return isUsable;
       Job job = std::move(jobs_.front());
       jobs_.pop_front();
       busy_ = true;
@@ -88,7 +88,7 @@ class LibavSession::Worker {
       if (encoder != nullptr) {
         status = encoder->encode(std::move(job.buffer), job.forceKeyFrame, sample);
       }
-      isSound = isSound && status == 0;
+      isUsable = isUsable && status == 0;
       job.handler(status, encoder != nullptr ? 0 : infoNotPrepared, sample);
       job = {};
       hold.lock();
