@@ -42,7 +42,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   void sendTo(SoundReceiver receiver);
   // Any thread. Delivers the records that the device's clock holds, if it can settle them.
   void settle();
-  // Any thread. Records that were left out.
+  // Any thread. Records that were dropped.
   std::uint64_t dropped() const { return dropped_; }
 
  private:

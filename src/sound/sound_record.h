@@ -1,6 +1,6 @@
 #pragma once
 
-// Records of sound: which of them are valid, and which are left out. Pure.
+// Records of sound: which of them are valid, and which are dropped. Pure.
 
 #include <cstdint>
 #include <deque>
