@@ -28,7 +28,7 @@ class PostedHandlers {
     };
   }
 
-  // From now on the queue calls no handler. Waits for a handler that runs on another thread.
+  // From now on the queue calls no handler. Waits for one that it is calling on another thread.
   void close() const {
     const std::lock_guard hold(gate_->mutex);
     gate_->isOpen = false;

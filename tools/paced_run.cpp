@@ -65,7 +65,7 @@ class Run {
       }
     }
     if (number == 1) throw std::runtime_error("the source gave no frame");
-    waitFor(number);  // if the take stopped now, it would leave the last frame out
+    waitFor(number);  // the helper reads a frame after its capture, so a stop now would lose one
     const auto end = client::Uptime::now();
     writeSound(end, number);
     if (take_) take_->stop(end);
@@ -75,7 +75,7 @@ class Run {
   }
 
   RunReport end() {
-    // Waits for one more report of the helper, which counts the last frame.
+    // Waits for the "stats" event that counts the last frame.
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     const double peak = peakMegabytes(helper_.pid());
     const client::Exited exit = helper_.stop();
@@ -166,9 +166,9 @@ class Run {
   std::optional<client::Take> take_;
   std::vector<double> lateness_;
   std::ofstream copy_;
-  mutable std::mutex mutex_;  // guards the next three
+  mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<std::uint64_t> ids_;  // of the frames that were fed
+  std::vector<std::uint64_t> ids_;  // of the frames that were fed; `mutex_` guards these two
   RunReport report_;
   client::Helper helper_;
   std::vector<std::jthread> watchers_;

@@ -13,7 +13,7 @@ constexpr std::size_t maximumRecordingSampleBytes = 1920 * 1080 * 4;  // a raw f
 constexpr std::size_t maximumPacketBytes = 2 << 20;  // of a stream packet without its length field
 constexpr std::size_t maximumLineBytes = 4096;       // event, command, peer line
 constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
-constexpr std::size_t maximumTokenBytes = 128;         // of a client's secret
+constexpr std::size_t maximumTokenBytes = 128;         // of the run's secret
 
 constexpr std::ptrdiff_t maximumPendingCommands = 64;  // read and not yet handled
 constexpr int maximumDropsAhead = 1000;                // dropped frames that are not logged yet

@@ -103,7 +103,7 @@ OpenedEncoder EncoderPool::resultOf(const std::shared_ptr<Ahead>& ahead) {
   return opened.get();
 }
 
-// Closes the encoders of `codec` that were opened ahead. Returns whether there were any.
+// Closes the encoders of `codec` that wait for a session. Returns whether there were any.
 bool EncoderPool::closeAhead(const AVCodec& codec) {
   Slots closing;
   {

@@ -36,9 +36,9 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
   bool append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame, bool keyframe);
   void reportProgress();
-  void countDropped(std::uint64_t frame,
-                    FrameOutcome why);       // the frame was lost
-  void countThrottled(std::uint64_t frame);  // the cadence skipped the frame
+  // State queue. The frame was lost, or skipped by the cadence.
+  void countDropped(std::uint64_t frame, FrameOutcome why);
+  void countThrottled(std::uint64_t frame);
   int pendingWork() const { return pending; }
   bool accepts() const { return accepting; }  // false once the take has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.

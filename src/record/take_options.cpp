@@ -9,7 +9,7 @@ constexpr std::int64_t leastBitRate = 250'000;
 constexpr std::int64_t mostBitRate = 50'000'000;
 constexpr std::int64_t leastSoundBitRate = 32'000;
 constexpr std::int64_t mostSoundBitRate = 320'000;
-constexpr std::int64_t mostMinimumFree = std::int64_t{1} << 53;  // what JSON holds exactly
+constexpr std::int64_t mostMinimumFree = std::int64_t{1} << 53;  // a double is exact up to here
 
 [[noreturn]] void refuse(const char* key) {
   throw EncoderFailure::message(std::string("recording ") + key + " is invalid");

@@ -23,8 +23,8 @@ struct TakeOptions {
   std::optional<SoundFormat> sound = {};  // that of the parent, if the movie is to have sound
   std::int64_t soundBitRate = 128'000;    // bits per second
 
-  // `ofParent` is the sound of this run, if it has any. Throws EncoderFailure, whose text names the
-  // key that has an invalid value.
+  // `ofParent` is the sound of this run, if it has any. An unknown cadence counts as the grid.
+  // Throws EncoderFailure for any other invalid value, and for sound if this run has none.
   static TakeOptions parse(const Json& command, const std::optional<SoundFormat>& ofParent = {});
 
   bool operator==(const TakeOptions&) const = default;

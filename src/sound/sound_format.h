@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-// Interleaved 16-bit samples. Numbers of samples are per channel everywhere.
+// Interleaved 16-bit values. A sample has one for each channel.
 struct SoundFormat {
   int rate = 0;  // samples a second
   int channels = 0;
@@ -17,7 +17,8 @@ struct SoundFormat {
   bool operator==(const SoundFormat&) const = default;
 };
 
-// The format that "RATExCHANNELS" describes, for example "48000x2". Empty for any other text.
+// The format that "RATExCHANNELS" describes, for example "48000x2". Empty for any other text, and
+// for rates and channels that the helper does not take.
 std::optional<SoundFormat> parseSoundFormat(const std::string& text);
 
 }  // namespace lumora

@@ -18,7 +18,7 @@ std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor);
 // done waits for earlier frames that are still read.
 class ReleaseOrder {
  public:
-  ReleaseOrder() { frames_.reserve(8); }  // no more frames are read at once
+  ReleaseOrder() { frames_.reserve(8); }  // at most 8 frames are read at once
   // Frame `id` is read from now on. Each call has a higher id than the last one.
   void begin(std::uint64_t id);
   // Frame `id` is no longer read. Returns the release word if it has changed. Never throws.

@@ -1,5 +1,5 @@
-// Runs the examples of the READMEs. Takes go into another folder than /videos. Stand-ins replace
-// the camera and the pause.
+// Runs the JavaScript examples of the READMEs. Takes go into another folder than /videos. Stand-ins
+// replace the camera and the comment "some time later".
 
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';

@@ -63,7 +63,7 @@ void PageSocket::close() {
 }
 
 void PageSocket::closed() {
-  onMessage = {};  // a message may have arrived already
+  onMessage = {};  // a read that ends later must deliver nothing
   if (const auto tell = std::exchange(onClosed, {})) tell();
 }
 

@@ -14,7 +14,8 @@
 
 namespace lumora::viewer {
 
-// The WebSocket of one page. It is used, and calls its handlers, on the thread of its context.
+// The WebSocket of one page. Use it on the thread that runs the io_context of its stream. Its
+// handlers run there.
 class PageSocket : public std::enable_shared_from_this<PageSocket> {
  public:
   explicit PageSocket(boost::beast::tcp_stream stream) : socket_(std::move(stream)) {}
@@ -22,7 +23,7 @@ class PageSocket : public std::enable_shared_from_this<PageSocket> {
   // Answers the page's request for a socket, then calls `ready`; calls nothing if that fails.
   void accept(const boost::beast::http::request<boost::beast::http::empty_body>& request,
               std::function<void()> ready);
-  // Messages wait until the page reads them. A message is dropped if too many bytes wait.
+  // Messages wait until the system takes them. A message is dropped if too many bytes wait.
   void sendText(const std::string& text) { send({{text.begin(), text.end()}, true}); }
   void sendBytes(std::vector<std::uint8_t> bytes) { send({std::move(bytes), false}); }
   // Closes the socket once the messages that wait are written. Call it once.

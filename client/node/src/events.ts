@@ -30,13 +30,13 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   droppedPeers: number;
   encodeInflight: number;
   /**
-   * Records of sound that were too late, too early or too many. In the same reports as
-   * `DeliveryStats`, if the helper gets sound.
+   * Records of sound that were too late, too early or too many. Comes with `DeliveryStats`, if the
+   * helper gets sound.
    */
   droppedSound?: number;
 }
 
-/** Only one report a second has these. */
+/** At most one `stats` event a second has these. */
 export interface DeliveryStats {
   creditDrops: number;
   sendDrops: number;
@@ -69,7 +69,7 @@ export interface RecordingEvent {
   error: string;
   /** Seconds; final from `finishing` on. */
   duration: number;
-  /** Frames written, even if a stop in the past removed them again. */
+  /** Frames written, including those that an earlier `stoppedAt` removed again. */
   frames: number;
   dropped: number;
   width: number;
@@ -78,13 +78,13 @@ export interface RecordingEvent {
   throttled?: number;
   targetFps?: number;
   recentFps?: number;
-  /** Frames in the file of a saved take, unless `keepFailed` was false. */
+  /** Frames in the file of a saved take. Missing if `keepFailed` was false. */
   framesInMovie?: number;
   /** How long the space above `minimumFree` lasts, while the take records. */
   secondsLeft?: number;
   /** The take was stopped because space was short. */
   stoppedFor?: 'minimum_free';
-  /** Why the log of frames ended early, in the last event of a take. */
+  /** In the last event of a take: why its log of frames is incomplete, missing or misnamed. */
   frameLogError?: string;
   /** Of takes with sound: how often silence was inserted or sound was cut to keep it in step. */
   soundGaps?: number;

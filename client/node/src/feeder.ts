@@ -86,7 +86,8 @@ export class Feeder {
     const bytes = samples.byteLength;
     const most = mostSoundSeconds * rate * channels * samples.BYTES_PER_ELEMENT;
     if (this.#ending || this.#soundBytes + bytes > most) return false;
-    if (isAhead(capturedAt)) return false; // else later sound, with higher ids, gets wrong times
+    // The ids of later sound must be higher than these, so its times would be wrong.
+    if (isAhead(capturedAt)) return false;
     if (bytes === 0) return true;
     const { records, last } = soundRecords(samples, format, frameId(capturedAt), this.#lastSound);
     this.#lastSound = last;

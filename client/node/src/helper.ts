@@ -38,7 +38,7 @@ const terminateAfter = 2250;
 const killAfter = 4500;
 const giveUpAfter = 4900;
 
-/** Every event by its type. */
+/** Every event after `ready`, by its type. */
 export type HelperEvents = {
   [Type in HelperEvent['type']]: Extract<HelperEvent, { type: Type }>;
 };
@@ -131,7 +131,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
    * Queues a frame of `acquireFrame`, and returns at once. The frame is empty after that. `id` is
    * as in `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame of
    * another format or one that was published or closed, and for an `mjpeg` frame whose length was
-   * not set. The frame then keeps its memory.
+   * not set. A frame that was neither published nor closed then keeps its memory.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
     if (!isSameFormat(frame.format, this.#format)) {
@@ -173,7 +173,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   /**
    * Starts a take after the frames written so far. Resolves when the helper has accepted it.
    * Rejects with a TakeError when the helper refuses or does not answer for 10 s, or with an
-   * ArgumentError for options that it would refuse.
+   * ArgumentError for a path, a time or a number that it would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);
@@ -214,7 +214,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
       setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter),
     ];
     this.#feeder.endFrames();
-    // When the input ends, the helper may end a take at that moment, not at its `stoppedAt`.
+    // Takes that were told to stop end first: the end of the input may end a take at once, not at
+    // its `stoppedAt`.
     await settlesWithin(this.#takes.stopped(), terminateAfter);
     this.#feeder.end();
     const exit = await this.exited;

@@ -42,7 +42,7 @@ export interface Picture {
   pixels: Uint8Array;
 }
 
-/** `Uint8Array<ArrayBuffer>`, which `fetch` takes. Compiles before TypeScript 5.7, too. */
+/** `Uint8Array<ArrayBuffer>`, which `fetch` takes, in words that TypeScript before 5.7 knows. */
 export type Bytes = ReturnType<Uint8Array['slice']>;
 
 export interface FrameCopy extends Picture {
@@ -66,8 +66,8 @@ const matrices = new Map([
 ]);
 
 /**
- * The format for `startHelper`; undefined if the helper does not accept such pictures. If the frame
- * has no matrix, the format names BT.601. If it has no range, the format names limited range.
+ * The format for `startHelper`; undefined if the helper does not accept such pictures. For NV12 and
+ * I420, the format names BT.601 if the frame has no matrix, and limited range if it has no range.
  * Chromium draws such frames so.
  */
 export function videoFrameFormat({ format, colorSpace }: CameraFrame): FrameFormat | undefined {
