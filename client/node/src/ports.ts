@@ -48,7 +48,7 @@ export function acceptFrames(
   listen(port, (frame: PostedFrame) => {
     const answer: Promise<FrameAnswer> = write(frame).then(
       (outcome) => ({ outcome }),
-      ({ code, message }) => ({ error: { code, message } }),
+      (error) => ({ error: { code: error?.code, message: error?.message ?? String(error) } }),
     );
     answered = answered.then(async () => port.postMessage(await answer));
   });
@@ -58,7 +58,7 @@ export function acceptFrames(
 export interface PreviewLimits {
   /** The page must draw a picture in this time; below 500, by default 250. */
   drawnWithin?: number;
-  /** From the first picture on, the page must draw one in this time; by default 10,000. */
+  /** The page must draw a picture in this time after it got its first; by default 10,000. */
   firstDrawnWithin?: number;
 }
 
@@ -67,11 +67,11 @@ export interface PreviewLimits {
  * that it has drawn. That acknowledges the frame, so the helper sends no faster than the page
  * draws. If a picture is not drawn within `drawnWithin`, the page gets nothing more until it has
  * drawn the newest picture that it got and a key frame comes. Needs a client with
- * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection or the port is
- * closed, also while `client` still connects; the port can then get the preview of another client.
- * A port that was closed before the call does not report it. So `sendPreview` also resolves if the
- * page has drawn nothing within `firstDrawnWithin` of the first picture. Rejects if `client` does,
- * and with the errors of the client's loop.
+ * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection is closed; the
+ * port can then get the preview of another client. A port that closes also closes the connection,
+ * or closes it once `client` has connected. A port that was closed before the call does not report
+ * it. So `sendPreview` also resolves if the page has drawn nothing within `firstDrawnWithin` of the
+ * first picture. Rejects if `client` does, and with the errors of the client's loop.
  */
 export async function sendPreview(
   client: StreamClient | Promise<StreamClient>,
