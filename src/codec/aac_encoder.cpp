@@ -59,7 +59,8 @@ ByteView AacEncoder::configuration() const {
 Status AacEncoder::encode(std::span<const std::int16_t> samples, int compensation,
                           SoundPackets& packets) {
   constexpr int million = 1'000'000;
-  constexpr int distance = 2000 * million;  // samples to compensate, far beyond the next call
+  // The samples over which the compensation is spread. The next call comes long before their end.
+  constexpr int distance = 2000 * million;
   const int status =
       swr_set_compensation(resampler_.get(), compensation * (distance / million), distance);
   if (status < 0) return status;

@@ -1,6 +1,6 @@
 #pragma once
 
-// The packets of the TCP stream, service to client (all integers big-endian):
+// The packets of the TCP stream, service to client. Pure. All integers are big-endian:
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------
@@ -14,7 +14,7 @@
 //   | width | height | SPS length | PPS length | SPS | PPS |
 //   +-------+--------+------------+------------+-----+-----+
 //
-// Type 2, frame; its payload is the encoded sample: NAL units, each after its 4-byte length. Pure.
+// Type 2, frame; its payload is the encoded sample: NAL units, each after its 4-byte length.
 
 #include <cstdint>
 

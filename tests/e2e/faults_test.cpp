@@ -29,7 +29,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
                                  {"pipe", "", path}});
     }
   } else if (!sanitized && canFailCodec()) {
-    // From the take's first picture on, before its encoder of sound is opened.
+    // Its calls count from the take's first picture on. The sound encoder is opened after that.
     kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }
   std::istringstream others(
@@ -82,7 +82,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
       return told["state"] == "saved" || told["state"] == "failed";
     });
   };
-  EXPECT_EQ(end()["error"], "Input/output error");  // comes after a second; the removal takes six
+  EXPECT_EQ(end()["error"], "Input/output error");  // after a second; the removal takes six
   ASSERT_TRUE(std::filesystem::remove(stagingPath()));
   path = folder / "." / std::filesystem::path(path).filename();  // another spelling
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");
@@ -91,7 +91,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
   EXPECT_EQ(decodeErrors(path), "");
 }
 
-TEST_F(Faults, TheWatchdogEndsAHangingEncoderThoughTheParentBlockedItsSignal) {
+TEST_F(Faults, TheWatchdogEndsAHelperWhoseEncoderHangsThoughTheParentBlockedSIGALRM) {
   if (!canFailCodec()) GTEST_SKIP();
   ASSERT_TRUE(startWith("avcodec_send_frame:20:-30"));
   const Watcher watcher(connectClient());

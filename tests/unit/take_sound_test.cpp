@@ -100,7 +100,7 @@ TEST_F(SoundTakes, WriteSilenceTwoSecondsLateWhileTheDeviceSendsNothing) {
   picture(1600, 1600.02, true);
   probe.tickAt(1604.02);
   probe.run();
-  expectSamples(8000);  // its last records were read a second late
+  expectSamples(8000);  // three seconds late, since the last records were read a second late
 }
 
 TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {

@@ -9,7 +9,7 @@ import type { HelperExit } from './exit.js';
  */
 export type StartErrorCode = 'PROGRAM_NOT_FOUND' | 'NOT_STARTED' | 'ENDED' | 'NOT_READY';
 
-/** The helper did not start, or ended before it was ready. */
+/** The helper did not start, or did not become ready. */
 export class StartError extends CodedError<StartErrorCode> {
   override readonly name = 'StartError';
   readonly exit: HelperExit | undefined;

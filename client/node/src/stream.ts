@@ -57,7 +57,7 @@ const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoExcepti
 /**
  * Iterate once with `for await` to get the packets. Leaving the loop closes the connection. The
  * loop ends when the connection is closed. It throws a StreamError if that happens before the
- * first packet and not by `close`.
+ * first packet and not by `close`, and the system's error if the network fails.
  */
 export class StreamClient implements AsyncIterable<Packet> {
   /** Lets `using` close the connection. Missing where Node does not have the symbol. */
