@@ -64,7 +64,7 @@ class Run {
         progress(report());
       }
     }
-    if (number == 1) throw std::runtime_error("the source gave no frame");
+    if (number == 1 && !helper_.exited()) throw std::runtime_error("the source gave no frame");
     waitFor(number);  // the helper reads a frame after its capture, so a stop now would lose one
     const auto end = client::Uptime::now();
     writeSound(end, number);
