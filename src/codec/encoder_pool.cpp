@@ -17,7 +17,7 @@ void EncoderPool::openAhead(const AVCodec& codec, const EncoderSettings& setting
     replaced = std::exchange(next, ahead);
   }
   opener_->async([weak = weak_from_this(), ahead, replaced, pictures] {
-    resultOf(replaced);  // closes it first, so that the new one can reuse its memory
+    resultOf(replaced);  // closed first, so that the new encoder can reuse its memory
     if (const auto self = weak.lock()) self->openIfWanted(ahead, pictures);
   });
 }
@@ -117,7 +117,7 @@ bool EncoderPool::closeAhead(const AVCodec& codec) {
   return any;
 }
 
-// Cancels an earlier call that has not trimmed yet.
+// Trims after `idleBeforeTrim`, unless this is called again before.
 void EncoderPool::trimLater() {
   const std::uint64_t asked = ++trimAsked_;
   bestEffort([&] {

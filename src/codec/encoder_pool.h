@@ -41,7 +41,7 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait takes a
   // second at most. If hardware refuses, waits for the encoders of stopped sessions, closes those
   // opened ahead, and asks again; then opens the substitute. AVERROR_EXIT if the session is stopped
-  // before the call, or while it waits for other sessions.
+  // before the call, or before the wait after a refusal has ended.
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
   // A session was stopped. Its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);

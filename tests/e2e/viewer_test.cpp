@@ -155,8 +155,8 @@ TEST_F(Viewer, ExitsWithStatusOneWhenATakeIsLost) {
   EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
 }
 
-// Every ffmpeg waits for a writer of its named pipe, and does not react to SIGTERM.
-TEST_F(Viewer, ItsEndAlsoEndsAHangingCameraAndSoundDevice) {
+// The viewer's ffmpeg for each input waits for a writer of a named pipe, and ignores SIGTERM.
+TEST_F(Viewer, EndsAHangingCameraAndSoundDeviceWhenItEnds) {
   const std::string camera = folder / "camera", device = folder / "device";
   ASSERT_EQ(mkfifo(camera.c_str(), 0600) | mkfifo(device.c_str(), 0600), 0);
   const Environment input = {{"INPUT", camera}};

@@ -23,7 +23,7 @@ interface Plane {
   stride: number;
 }
 
-/** The parts of WebCodecs' VideoFrame that are used here. */
+/** The parts of WebCodecs' VideoFrame that this package uses. */
 export interface CameraFrame {
   readonly format: string | null;
   readonly colorSpace: { readonly matrix: string | null; readonly fullRange: boolean | null };
@@ -104,7 +104,7 @@ export function copyPicture({ size, pixels }: Picture, reuse?: Bytes): FrameCopy
 }
 
 /**
- * Copies the visible part of a frame, with even sides, into `reuse` if that has the right length,
+ * Copies the visible part of a frame, cut to even sides, into `reuse` if that has the right length,
  * else into new memory. `format` is the helper's: the result of `videoFrameFormat`, or `rgba,top`,
  * to which the browser converts. Rejects with the ArgumentError `FORMAT_CHANGED` for any other.
  */
