@@ -18,6 +18,7 @@ std::string WatchedStream::watch(const std::stop_token& stop, client::Seconds pa
     if (stop.stop_requested() || client::Uptime::now() - lastReceived_ >= patience) return why;
     if (handlers_.failed) handlers_.failed(why);
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    if (stop.stop_requested()) return why;
   }
 }
 
