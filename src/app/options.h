@@ -20,7 +20,7 @@ struct Configuration {
   std::string token = {};
   std::int64_t previewWidth = 640;
   std::int64_t previewHeight = 360;
-  bool exactPreviewDimensions = false;            // the size was given, it is not the default
+  bool exactPreviewDimensions = false;            // the width or the height was given
   std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
   FrameFormat frameFormat = {};
   std::optional<SoundFormat> sound = {};  // of the parent, if it sends sound
@@ -32,7 +32,7 @@ struct Configuration {
 using Environment = std::map<std::string, std::string>;
 
 // The configuration that `arguments` (without the program's name) and `environment` describe; empty
-// when any of it is invalid.
+// when any of it is invalid. Does not check whether the shared memory and the encoder exist.
 std::optional<Configuration> options(const std::vector<std::string>& arguments,
                                      const Environment& environment);
 

@@ -28,13 +28,13 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // app/: lifecycle. `start` throws std::system_error when the listener or a thread can't be made.
   void start();
   void shutdown(int code);
-  // Any thread. Even if the state queue hangs, the process ends within `watchdogTimeout`.
+  // Requests: any thread. Even if the state queue hangs, the process ends within `watchdogTimeout`.
   void requestShutdown();
   void requestFailure(const std::string& message);
   void exitNow(int code);
   void emit(const Json& event);
 
-  // input/: `readFrames` runs on the reader thread and blocks until the input ends.
+  // input/: `readFrames` runs on the reader thread and blocks until the input ends or is invalid.
   void readFrames();
   void releaseRaw();
 
@@ -75,7 +75,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void becomeReady();
   void serviceTick();
   void serviceTickLater();
-  void fail(const std::string& message);  // emits the "error" event and shuts down with status 1
+  void fail(const std::string& message);  // emits the "error" event and calls `shutdown(1)`
 
   // input/: reader thread. The functions that read input, except `readExactly`, throw when it
   // breaks the protocol or ends inside a record.
@@ -104,8 +104,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
     void require(const char* what) const;
   };
   using OutcomeHandler = std::function<void(const Encoded&)>;
-  // Runs `handle` once the session has answered. Throws EncoderFailure when the session refuses the
-  // frame; its text begins with `what`.
+  // Runs `handle` once the session has answered. If the session refuses the frame, throws an
+  // EncoderFailure whose text begins with `what`.
   void submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer, RationalTime time,
               bool forceKeyFrame, const std::shared_ptr<RawEncodingCompletion>& completion,
               const char* what, OutcomeHandler handle);
@@ -166,8 +166,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   std::shared_ptr<SoundInput> sound;
 
   // input/: any thread. The reader acquires a slot for each command, and the state queue releases
-  // it when it handles the command. Without a free slot the reader waits, at most
-  // `commandSlotTimeout`.
+  // it when it handles the command. The reader waits for a free slot `commandSlotTimeout` at most,
+  // or not at all if `commandsAreLate`. If it gets none, it goes on without.
   std::counting_semaphore<> commandSlots{maximumPendingCommands};
 
   // input/: any thread. Dropped frames that the state queue has not logged yet.
@@ -175,7 +175,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // input/: reader thread only.
   std::uint64_t lastFrameID = 0;
-  bool commandsAreLate = false;  // the last command found no free slot
+  bool commandsAreLate = false;  // the last command got no slot
 
   Preview preview;
   CurrentTake take;

@@ -10,10 +10,10 @@ namespace lumora {
 using Json = nlohmann::json;
 
 // Parses UTF-8 JSON text. Empty if the text is not valid JSON. Numbers beyond a double's range
-// count as 1e308 or -1e308. Never throws.
+// count as 1e308 or -1e308. Throws only std::bad_alloc.
 std::optional<Json> parseJson(ByteView text);
 
-// The value under `key` of an object; null if there is none.
+// The value under `key`; null if there is none, or if `object` is not an object.
 const Json* findValue(const Json& object, const char* key);
 
 // The text under `key` of an object; null if it is absent or not a string.

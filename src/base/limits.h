@@ -26,8 +26,8 @@ constexpr double helloTimeout = 1.0;                    // seconds from accept t
 // Seconds that a frame may stay unacknowledged, and that the network may take for one send.
 constexpr double acknowledgementTimeout = 0.5;
 
-// How many seconds a capture time that the parent states may lie after the helper's clock (lead) or
-// before it (age).
+// How many seconds a time that the parent states (of a command or of sound) may lie after the
+// helper's clock (lead) or before it (age).
 constexpr double maximumLead = 0.05;
 constexpr double maximumAge = 30;
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // The names of a take's file. "/a/clip.mp4" is "/a/clip.mp4.<id>.partial" while it is written, and
-// "/a/clip.recovered-<id>.mp4" if it can't get its own name. Pure.
+// "/a/clip.recovered-<id>.mp4" if the take broke off or the movie can't get its own name. Pure.
 
 #include <optional>
 #include <string>

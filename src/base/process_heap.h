@@ -15,8 +15,8 @@ namespace lumora {
 // threads start.
 void keepFreedMemory();
 
-// Touches `bytes` of free memory, or less if stopped. Pauses before each huge page, so that other
-// threads are not disturbed. Any thread.
+// Touches `bytes` of free memory, or less if stopped or if memory is short. Pauses before each huge
+// page, so that other threads are not disturbed. Any thread.
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop);
 
 constexpr std::size_t hugePage = std::size_t{2} << 20;  // bytes

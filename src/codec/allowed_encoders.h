@@ -14,7 +14,7 @@ inline constexpr std::array softwareEncoders = {x264Encoder, "libopenh264"};
 struct AllowedEncoders {
   std::vector<std::string> hardware;  // names of libavcodec's encoders, best first
   bool software = false;              // used until hardware is found, and if hardware refuses
-  std::string preset = {};            // of the software encoder; empty: our own settings
+  std::string preset = {};            // of libx264; empty: our own settings
 };
 
 // `text` is auto (hardware if there is any, else software), hardware, software, or the name of a

@@ -33,15 +33,15 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
       : open_(std::move(open)), opener_(std::move(opener)), trim_(std::move(trim)) {}
 
   // Opens an encoder in the background for the next session with these settings, and has it encode
-  // some grey `pictures`. Replaces the encoder that was opened ahead for this kind of session.
+  // some grey `pictures`. Replaces the one opened ahead for this kind of session, unless it fits.
   void openAhead(const AVCodec& codec, const EncoderSettings& settings, int pictures);
   // Keeps an open encoder for the next session, unless one was opened ahead for that session.
   void keep(const AVCodec& codec, const EncoderSettings& settings, OpenedEncoder opened);
 
   // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait takes a
   // second at most. If hardware refuses, waits for the encoders of stopped sessions, closes those
-  // opened ahead, and asks again; then opens the substitute. AVERROR_EXIT if the session is stopped
-  // before the call, or before the wait after a refusal has ended.
+  // opened ahead, and asks again if that freed any. If there is still none, opens the substitute.
+  // AVERROR_EXIT if the session is stopped before the call, or before that wait has ended.
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
   // A session was stopped. Its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);

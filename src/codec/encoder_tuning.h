@@ -10,7 +10,7 @@
 namespace lumora {
 
 // Sets everything about `context` except its pixel format, before it is opened: 0 or an AVERROR.
-// With an empty `preset` the software encoder gets our own settings.
+// With an empty `preset` libx264 gets our own settings.
 Status tune(AVCodecContext& context, const std::string& preset, ColourMatrix matrix,
             const EncoderSettings& settings);
 

@@ -259,7 +259,7 @@ ColourDescription LibavEncoder::colour() const {
           context_->color_range == AVCOL_RANGE_JPEG};
 }
 
-// Whether `unit` is a parameter set. A set that differs from the last one makes a new format.
+// Keeps a parameter set; false for any other unit. A set that has changed makes a new format.
 bool LibavEncoder::takeParameterSet(ByteView unit) {
   const NalType type = nalType(unit[0]);
   const bool sequence = type == NalType::sequenceParameterSet;

@@ -13,7 +13,7 @@ namespace lumora {
 
 class LibavEncoder {
  public:
-  // 0 or an AVERROR. With an empty `preset` the software encoder gets our own settings.
+  // 0 or an AVERROR. With an empty `preset` libx264 gets our own settings.
   // `frames` is the format of the run's frames. The encoder uses its matrix, and its layout if it
   // can. Pictures may have other formats.
   static Status open(const AVCodec& codec, const std::string& preset, const PixelFormat& frames,

@@ -2,7 +2,7 @@
 
 // A compression session on libavcodec. It collects settings. Its worker thread then acquires an
 // encoder, scales and encodes one frame after the other and releases the encoder. The state queue
-// never waits for that, so a take that starts or stops does not delay the preview.
+// waits for it only as the process ends, so a take that starts or stops does not delay the preview.
 
 #include "codec/encoder_pool.h"
 #include "codec/memory_pixel_buffers.h"

@@ -9,10 +9,10 @@ namespace lumora {
 
 enum class Placement { stretch, aspectFit };
 
-// Gets a buffer for the frame from the session's pool, top row first. If the session can encode the
-// frame's pixels in place, the buffer refers to them. Otherwise the session's worker converts the
-// frame into the buffer with `images`: stretched, or fitted between black bars. The frame's memory
-// stays alive until the session has read it. Throws EncoderFailure. State queue only.
+// Gets a buffer for the frame, top row first, or throws EncoderFailure. If the session can encode
+// the frame's pixels in place, the buffer refers to them. Otherwise the session's worker converts
+// the frame into the buffer with `images`: stretched, or fitted between black bars. The frame's
+// memory stays alive until the session has read it. State queue only.
 std::shared_ptr<PixelBuffer> pixelBuffer(const RawFrame& frame, CompressionSession& session,
                                          Placement placement,
                                          std::shared_ptr<ImageConverter> images);

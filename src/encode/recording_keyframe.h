@@ -4,7 +4,7 @@
 
 namespace lumora {
 
-// Whether the sample of a take holds an IDR picture. Throws EncoderFailure when it is malformed.
+// Whether a take's sample has an IDR picture. Throws EncoderFailure if it is invalid or too large.
 bool recordingKeyframe(const EncodedSample& sample);
 
 }  // namespace lumora

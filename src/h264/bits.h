@@ -68,7 +68,7 @@ class BitWriter {
     bits(0, length);
     bits(value + 1, length + 1);
   }
-  // Copies the bits of `from` from its position to the position `upTo`.
+  // Copies the bits of `from` that lie between its position and `upTo`.
   void copy(BitReader& from, std::size_t upTo) {
     while (from.position() < upTo) flag(from.flag());
   }

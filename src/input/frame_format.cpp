@@ -57,7 +57,7 @@ FrameFormat defaultsOf(const EncodingRule& rule) {
                      .fullRange = isCompressed(rule.encoding)}};
 }
 
-// A property of a format with two words for its values. A format has at most one of them.
+// A property of a format: two values, each with its word. A format names at most one of the two.
 template <typename Value>
 struct Choice {
   std::string_view words[2];
@@ -65,7 +65,7 @@ struct Choice {
   Value& chosen;
   bool isOpen;
 
-  // Chooses `word`. False if it is another word, or if the property can't be chosen any more.
+  // Chooses `word`. False if it is another word, or if the property is fixed or already chosen.
   bool take(std::string_view word) {
     const auto* found = std::ranges::find(words, word);
     if (found == std::end(words) || !isOpen) return false;

@@ -42,7 +42,7 @@ class RawAdmission {
   // The frame in flight has been encoded or dropped.
   void release() { isBusy_ = false; }
   void countDropped() { ++dropped_; }
-  // Sets whether a frame that is read now may be needed. Other frames are not decoded. State queue
+  // Sets whether frames read from now on may be needed. Unneeded ones are not decoded. State queue
   // only. While a command waits, frames count as needed, because the command may start a take.
   void setNeeded(bool isNeeded) { isNeeded_ = isNeeded; }
   void commandRead() { ++commandsAhead_; }
@@ -68,8 +68,8 @@ class RawAdmission {
   std::atomic<std::uint64_t> dropped_ = 0;
 };
 
-// Waits for every encode of one raw frame, then runs its action. Token 0 belongs to the code that
-// starts the encodes, so the action never runs before all of them have begun. State queue only.
+// Runs `completion` once every encode of one raw frame is done. Token 0 belongs to the code that
+// starts the encodes, so `completion` never runs before all of them have begun. State queue only.
 class RawEncodingCompletion {
  public:
   explicit RawEncodingCompletion(std::function<void()> completion)

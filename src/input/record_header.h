@@ -9,8 +9,8 @@
 //
 // In a command record width, height and id are all 0. If only width and height are 0 and the parent
 // sends sound, the record is sound. Every other record is a frame record. Its payload is the
-// picture or, when the parent shares memory with us, a reference: the picture's offset in that
-// memory and, if the length varies, its length. Both fields have 64 bits.
+// picture. If the parent shares memory with us, the payload may be a reference instead: the
+// picture's offset in that memory and, if the length varies, its length, each in 64 bits.
 
 #include <cstdint>
 

@@ -24,7 +24,7 @@ class ByteSink {
   // Returns once everything written and the file's name are on the disk. ENOENT if the file was
   // removed.
   virtual int sync() = 0;
-  // Bytes appended so far.
+  // The size of the file in bytes.
   virtual std::uint64_t size() const = 0;
   // Bytes that the file system has left. Empty if the file system does not say.
   virtual std::optional<std::uint64_t> freeBytes() const = 0;
@@ -34,7 +34,7 @@ class ByteSink {
 // The file is locked while it is open, if the file system has locks (see `lockFile`). Throws
 // std::system_error if somebody else keeps it locked for a second.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
-// Appends to the file of `size` bytes at `path`. The sink owns `descriptor`, which is open on it.
+// Appends to the file of `size` bytes at `path`, open as `descriptor`, which the sink owns.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
 
 // Locks a file until it is closed. Returns 0, EAGAIN if somebody else has locked it, or another

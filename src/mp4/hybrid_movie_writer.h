@@ -5,9 +5,9 @@
 // and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h). Samples are not
 // copied, so a long movie is finished almost as fast as a short one.
 //
-// Samples are gathered into fragments of one track on the caller's thread. The writer's own I/O
-// thread writes the fragments from a bounded queue. If the disk falls behind, the writer is not
-// ready for more samples. It never waits.
+// Samples are gathered into fragments of one track on the caller's thread. The writer's own disk
+// thread writes the fragments from a queue. Once `queueBytes` are waiting, the writer is not ready
+// for more samples. It never waits.
 
 #include <array>
 
@@ -55,7 +55,7 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // of pictures: samples of sound since the first one
+    std::int64_t waited = 0;     // samples of sound since the first picture; 0 for sound
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);

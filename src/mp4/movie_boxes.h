@@ -5,9 +5,9 @@
 // While recording:   ftyp | free, 16 bytes | moov with mvex | moof mdat | moof mdat | ...
 // Once finished:     ftyp | mdat, 64-bit size, over all of that                   | moov
 //
-// The 16 bytes of the `free` box become the header of the one `mdat`, which turns the fragmented
-// file into an ordinary one with a single small write. Each fragment has samples of one track, so
-// that its `moof` is small.
+// The `free` box is a placeholder: its 16 bytes become the header of the one `mdat`. That turns the
+// fragmented file into an ordinary one with a single small write. Each fragment has samples of one
+// track, so that its `moof` is small.
 
 #include <vector>
 
@@ -33,7 +33,7 @@ std::uint64_t placeholderOffset();
 // The `moof` of a fragment and the header of its `mdat`, to be written at `offset`. The samples
 // follow those in the tables of the track. After a crash or a power cut, a write may end at any
 // boundary of a page or sector. Some demuxers refuse a file that ends within a `moof`. So a `free`
-// box in front keeps the `moof` from crossing such a boundary.
+// box in front, where needed, keeps the `moof` within one sector or, if it is larger, one page.
 Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, const MovieTrack& track,
                     const std::vector<MovieSample>& samples);
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // The disk thread of one movie file and its queue. The thread keeps the file open and locked until
-// `cancel`. The writer's destructor calls `cancel`, when the file already has its final name. The
+// `cancel`. The writer's destructor calls `cancel`. By then a saved movie has its final name. The
 // thread shares ownership of this object, so no caller has to wait for a disk that hangs.
 
 #include <chrono>
@@ -29,7 +29,7 @@ class MovieDisk {
   // `ending` bytes is reserved after them.
   void write(Bytes head, Bytes body, std::uint64_t ending);
   // After everything queued: appends `tail`, then writes `header` over the bytes at `offset`. Each
-  // is on the disk before the next step. Then `handler` runs on the disk thread.
+  // is on the disk before the next step. Then `handler` runs on the disk thread, also on failure.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
   // runs on the disk thread. It gets the number of writes on the disk and the size of the file. If

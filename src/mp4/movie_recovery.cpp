@@ -27,8 +27,8 @@ void expectSuccess(int error) {
   if (error != 0) throw std::system_error(error, std::generic_category());
 }
 
-// A staging file that this object keeps open and locked. The constructor throws std::runtime_error,
-// or std::system_error, if that is impossible.
+// A staging file that this object keeps open and locked. The constructor throws std::runtime_error
+// if that is impossible, or if the file may still be recorded.
 class OwnedFile {
  public:
   OwnedFile(const std::string& path, std::time_t now)

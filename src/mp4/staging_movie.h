@@ -9,7 +9,7 @@
 
 namespace lumora {
 
-// The bytes of a file. `read` fills `space`, which lies within `size`, or throws std::system_error.
+// A file's bytes. `read` gets those at `offset`, all within `size`, or throws std::system_error.
 struct FileView {
   std::uint64_t size = 0;
   std::function<void(std::uint64_t offset, MutableByteView space)> read;

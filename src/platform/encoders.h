@@ -25,8 +25,8 @@ class Encoders {
   // Runs `work` on the state queue once a preview can begin without delay, never before this
   // returns. `work` waits for hardware only if software encoders are not allowed.
   virtual void whenPrepared(Work work) = 0;
-  // In the background: slowly touches as much memory as the largest take needs, then opens an
-  // encoder for the likeliest take. Stops when `openAhead` is called.
+  // In the background: slowly touches as much memory as the largest take needs, unless hardware was
+  // found. Then opens an encoder for the likeliest take. Stops when `openAhead` is called.
   virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
   // In the background: opens the encoder of the take that starts now.
   virtual void openAhead(const EncoderSettings& settings) = 0;

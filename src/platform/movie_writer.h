@@ -31,7 +31,7 @@ struct AacFormat {
   Bytes configuration;         // the AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1)
 };
 
-// The pictures of a movie.
+// How many pictures there are, and how long they last.
 struct MovieExtent {
   std::uint64_t frames = 0;
   std::int64_t duration = 0;  // movie units
@@ -40,15 +40,15 @@ struct MovieExtent {
 enum class WriterStatus { idle, writing, completed, failed, cancelled };
 
 // One movie file with a track of pictures, and on request one of sound. Calls come from one thread
-// at a time and never wait for the disk.
+// at a time. None but `openLog` waits for the disk.
 class MovieWriter {
  public:
   virtual ~MovieWriter() = default;
   virtual bool canAdd(const FormatDescription& format) const = 0;
   // Adds a track of sound, once, before `startWriting`. False if a movie can't have this format.
   virtual bool addTrack(AacFormat format) = 0;
-  // Adds the pictures, which players turn clockwise by `rotation` degrees, and starts the timeline
-  // at zero. `canAdd` must have accepted the format. False on failure, which `error` may explain.
+  // Adds the track of pictures, which players turn clockwise by `rotation` degrees. The timeline
+  // starts at zero. `canAdd` must have accepted the format. False on failure; `error` may say why.
   virtual bool startWriting(std::shared_ptr<const FormatDescription> format, int rotation) = 0;
   virtual WriterStatus status() const = 0;
   // What went wrong, as text for a person.
@@ -60,7 +60,7 @@ class MovieWriter {
   // failure.
   virtual bool append(ByteView packet) = 0;
   // Ends the timeline at `end` and completes the file. Sound after `end` is not heard. `handler`
-  // runs on any thread once `status` is the outcome.
+  // runs on any thread once `status` is the outcome, unless `rescue` or `cancelWriting` drops it.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
   // The pictures of the finished movie, once `finishWriting` was called.
   virtual MovieExtent extent() const = 0;
@@ -72,9 +72,9 @@ class MovieWriter {
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
   // Opens a text file at `path`, which must not exist. Call it before `startWriting`. Until the
-  // movie is complete or cancelled, `takeLines` is called twice a second on another thread, and at
-  // the end. What it returns goes into the file. The file never delays or fails the movie. False,
-  // with `error`, if the file can't be made.
+  // movie is complete or cancelled, `takeLines` is called at least twice a second, and at the end,
+  // on another thread. What it returns goes into the file. The file never delays or fails the
+  // movie. False, with `error`, if the file can't be made.
   using TakeLines = std::function<std::string()>;
   virtual bool openLog(const std::string& path, TakeLines takeLines, std::string& error) = 0;
   // Why the log has ended early.

@@ -21,13 +21,13 @@ class TcpConnection {
   using EndHandler = std::function<void()>;
 
   virtual ~TcpConnection() = default;
-  // `handler` runs once the connection has failed or was cancelled. An empty handler removes it.
+  // `handler` runs after `cancel`, `reset` or a failed `start`. An empty handler removes it.
   virtual void setEndHandler(EndHandler handler) = 0;
   virtual void start() = 0;
   // Starts one read of 1 to `maximum` bytes.
   virtual void receive(std::size_t maximum, ReceiveHandler handler) = 0;
   // Sends `parts` back to back as one message. The handler runs once the network stack has taken
-  // all bytes, or failed. At most one send at a time.
+  // all bytes, or the send has failed. At most one send at a time.
   virtual void send(std::vector<SharedBytes> parts, SendHandler handler) = 0;
   // Closes the connection. Outstanding handlers run with an error.
   virtual void cancel() = 0;

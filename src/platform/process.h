@@ -11,8 +11,7 @@
 
 namespace lumora {
 
-// Runs its handler whenever the signal arrives. The handler may still be running, for the last
-// time, when `cancel` returns.
+// Runs its handler whenever the signal arrives. The handler may still run after `cancel` returns.
 class SignalSource {
  public:
   virtual ~SignalSource() = default;

@@ -50,7 +50,7 @@ class SoundEncoder {
   virtual std::int64_t length() const = 0;
 };
 
-// Opens an encoder. Its status is 0, or its library's own code. Never throws.
+// Opens an encoder. Returns 0 or the library's own code. Never throws.
 using OpenSound =
     std::function<Status(const SoundSettings& settings, std::unique_ptr<SoundEncoder>& encoder)>;
 

@@ -28,7 +28,7 @@ struct CurrentTake {
   double abandonedAt = 0;
   RecordingSession recording;
 
-  // Totals over all takes.
+  // Figures over all takes.
   std::uint64_t recordingEncodedFrames = 0;
   double recordingEncodeMilliseconds = 0;  // of the latest frame
   std::uint64_t recordingEncoderFailures = 0;

@@ -30,7 +30,7 @@ struct ReadFrame {
   double capturedAt = 0;  // uptime seconds
 };
 
-// The log of one take. Any thread. Holds a bounded number of frames.
+// The log of one take. Any thread. Ends, as incomplete, if more than `mostFrames` frames wait here.
 class FrameLog {
  public:
   static constexpr std::size_t mostFrames = 10'000;

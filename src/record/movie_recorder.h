@@ -43,7 +43,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool accepts() const { return accepting; }  // false once the take has failed or finishes
   // Whether the file system has had less than `options.minimumFree` left. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
-  // State queue. Gets the sound of the run from now on, for a take with sound.
+  // State queue. For a take with sound: gets the run's sound, from two seconds ago on.
   void hear(std::shared_ptr<SoundInput> input);
   // Any thread. The next records for a take with sound. `isLast`: no more come.
   void addSound(std::vector<SoundRecord> records, bool isLast);
@@ -57,7 +57,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // that have none yet.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
-  // State queue. Sound was lost. A take with sound fails, unless its track has ended.
+  // State queue. Sound was lost. A take with sound fails, unless the end of its track is set.
   void soundFailed(const std::string& message);
   // State queue. A take that fails, or waits for its sound, tells its last event at uptime `end` at
   // the latest. The earliest limit counts.

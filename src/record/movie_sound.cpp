@@ -70,7 +70,7 @@ void MovieRecorder::soundLater() {
   isSoundQueued = true;
 }
 
-// Shortly before the wait ends, the device's clock must say what it can of the sound in doubt.
+// Waits `longest` at most. Just before the end, asks for the records that the device's clock holds.
 void MovieRecorder::waitForSound() {
   constexpr double longest = 0.5, settling = 0.05;  // seconds
   queue->asyncAfter(longest - settling, [self = shared_from_this()] {
@@ -86,7 +86,7 @@ void MovieRecorder::endSound() {
   encodeSound();
 }
 
-// Whether the helper ends so soon that the rest of the silence must be left out.
+// Whether the helper ends so soon that the rest of the sound must be left out.
 bool MovieRecorder::isShortOfTime() const {
   constexpr double least = 0.5;  // seconds for the disk
   return platform.clock->uptime() > latestEnd - least;

@@ -41,8 +41,8 @@ struct TakeReport {
 // The event of a take that was accepted. It has thirteen keys, and those that were asked for.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
-// The "failed" event of a take whose recorder can't make one, or would be too late. Its figures are
-// those of `last`, the take's latest event.
+// The "failed" event of a take whose recorder can't make one, or would be too late. Its duration is
+// 0, its other figures are those of `last`, the take's latest event.
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
 // The "failed" event that answers a refused "record_start". It has ten keys.

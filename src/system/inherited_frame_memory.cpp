@@ -29,7 +29,7 @@ bool isOfHugePages(int descriptor) {
   return fstatfs(descriptor, &system) == 0 && static_cast<std::uint32_t>(system.f_type) == magic;
 }
 
-// The last reader of a picture, on whichever thread, releases it.
+// The last reader of a picture gives it back, on whichever thread.
 class MappedMemory final : public FrameMemory, public std::enable_shared_from_this<MappedMemory> {
  public:
   MappedMemory(std::uint8_t* memory, std::uint64_t size) : memory_(memory), size_(size) {
