@@ -44,8 +44,8 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // A write blocks until the child has taken all bytes. It returns false when the child has closed
-  // its input, and then also raises SIGPIPE on the calling thread.
+  // A write blocks until all bytes are in the pipe. It returns false when the child has closed its
+  // input, and then also raises SIGPIPE on the calling thread.
   bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   // Writes only the offset of the picture if it lies in the memory shared with the child.
   bool writeFrame(const Frame& frame, std::uint64_t id);
@@ -67,9 +67,9 @@ class ChildProcess {
   void sendSignal(int signal);
   // How the child ended; empty when it still runs after that time.
   std::optional<Exited> wait(Seconds limit);
-  // Gives up on a child that does not end. Reads and writes fail from now on, even those that other
-  // threads have begun. Unless its end is known, it counts as ended by SIGKILL, and a thread
-  // collects its status.
+  // Gives up on a child that does not end. From now on no read or write waits for the child, not
+  // even one that another thread has begun. Unless the child's end is known, it counts as ended by
+  // SIGKILL, and a thread collects its status.
   void abandon();
   pid_t pid() const { return pid_; }
 

@@ -37,7 +37,7 @@ class Deadline {
   std::chrono::steady_clock::time_point end_;
 };
 
-// Waits for one of these events of poll(2); false when the deadline passes first.
+// Waits for one of these events of poll(2), an error or a hangup. False when none came in time.
 bool awaitEvents(int descriptor, short events, const Deadline& deadline);
 
 }  // namespace lumora::client

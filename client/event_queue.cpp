@@ -42,7 +42,7 @@ int EventQueue::descriptor() const { return state_->count.get(); }
 void EventQueue::dispatch() {
   const auto state = state_;  // a call may destroy this queue
   std::unique_lock hold(state->mutex);
-  // No more calls than wait now, because a call may post another.
+  // Makes only as many calls as wait now, because a call may post another.
   auto waiting = state->calls.size();
   hold.unlock();
   for (; waiting > 0; --waiting) {

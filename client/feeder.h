@@ -15,14 +15,14 @@
 
 namespace lumora::client {
 
-// Writes frames and commands to a helper's standard input, on a thread of its own. At most one
-// frame is being written and one waits; a newer frame replaces the one that waits. Commands keep
-// their order among the frames and are never dropped. Any thread.
+// Writes frames, sound and commands to a helper's standard input, on a thread of its own. At most
+// one frame is being written and one waits; a newer frame replaces the one that waits. Commands
+// keep their order among the frames, and are dropped only if a write fails. Any thread.
 class Feeder {
  public:
   explicit Feeder(std::shared_ptr<ChildProcess> helper);
-  // Calls `end`, and waits until the helper has read everything, has closed its input or is given
-  // up.
+  // Calls `end`, and waits until everything has been written, or a write fails because the helper
+  // has closed its input or was abandoned.
   ~Feeder();
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
@@ -30,14 +30,14 @@ class Feeder {
   // Throws std::invalid_argument for a frame that was published before or has no length, and for an
   // id that is not above the last one.
   void write(Frame frame, std::uint64_t id);
-  // False when the input has been closed.
+  // False after `end`, or once a write has failed.
   bool write(std::string commandRecord);
   // Throws std::invalid_argument if the channels have different numbers of samples. False when the
-  // sound was skipped, because the input has been closed, too much sound waits, or the time is
+  // sound was skipped: after `end` or a failed write, if too much sound waits, or if the time is
   // negative or more than `mostAhead` after now.
   bool writeSound(std::span<const std::int16_t> samples, SoundFormat format,
                   Uptime::time_point capturedAt);
-  // Counts a frame that was skipped because every slot was busy.
+  // Counts a frame that was skipped because it got no slot.
   void countDropped();
   // From now on drops new frames. The frame that waits, commands and sound are still written.
   void endFrames();

@@ -25,7 +25,7 @@ struct FrameLayout {
   bool hasMatrix = false;                    // whether it has a matrix and a range
   std::span<const PlaneLayout> planes = {};  // empty: compressed
 
-  // If so, the length varies from picture to picture, and each frame has its own.
+  // The length of compressed pictures varies, so each frame has its own.
   bool isCompressed() const { return planes.empty(); }
 };
 

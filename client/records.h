@@ -38,8 +38,8 @@ std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::
                                          std::optional<std::uint64_t> length = std::nullopt);
 
 // The records of this sound, each with at most a quarter of a second. `capturedAt` is the time of
-// its first sample, in microseconds of uptime. `lastID` is the id of the last record before these,
-// and is set to that of the last of these. Ids grow even if times do not.
+// its first sample, in microseconds of uptime. `lastID` is the id of the last record of sound so
+// far, and is updated. Ids grow even if times do not.
 std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat format,
                          std::uint64_t capturedAt, std::uint64_t& lastID);
 

@@ -20,7 +20,7 @@ class Take::State {
         onEvent_(std::move(onEvent)) {}
 
   void stop(Uptime::time_point stoppedAt);
-  // An event about the take; ignored once the take is over.
+  // Stores an event about the take and calls the handler. Does nothing once the take is over.
   void report(const Recording& recording);
   // Fails the take, because its helper has ended or does not answer.
   void abandon(TakeFailure failure, const std::string& reason);

@@ -62,8 +62,8 @@ void Window::watchPreview() try {
   losePreview();
 }
 
-// Connects again in a moment. Either the helper has ended, and `Exited` follows, or it has dropped
-// this client because a frame was not acknowledged for half a second.
+// Connects again in a moment. Either the helper has ended, and `Exited` follows, or it has no room,
+// or it has dropped this client because a frame was not acknowledged for half a second.
 void Window::losePreview() {
   if (packets_) packets_->setEnabled(false);  // not destroyed, since it may have called us
   stream_.reset();

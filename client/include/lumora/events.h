@@ -27,12 +27,12 @@ struct Stats {
   std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
   std::uint64_t droppedClients = 0;
   // Records of sound that were dropped: they came too early or too late, or too much sound waited.
-  // In the same reports as `delivery`, if the helper gets sound.
+  // In the same events as `delivery`, if the helper gets sound.
   std::optional<std::uint64_t> droppedSound;
   Seconds encodeTime{};     // of the latest preview frame, scaling included
   bool isEncoding = false;  // now
 
-  // How frames reach clients. Only one report a second has this.
+  // How frames reach clients. Only one event a second has this.
   struct Delivery {
     std::uint64_t creditDrops = 0;  // the client had too many unacknowledged frames
     std::uint64_t sendDrops = 0;    // the client had not received the last frame yet
@@ -47,14 +47,14 @@ struct Stats {
   };
   std::optional<Delivery> delivery;
 
-  // What is encoded. In the same reports as `delivery`.
+  // What is encoded. In the same events as `delivery`.
   struct Encoding {
     FrameSize preview;
     FrameSize take;
     std::uint64_t takeFrames = 0;     // encoded for takes
     Seconds takeEncodeTime{};         // of the latest of them, scaling included
     std::uint64_t failedTakes = 0;    // because a frame could not be encoded
-    std::uint64_t mostMovieWork = 0;  // samples that waited for the movie's writer
+    std::uint64_t mostMovieWork = 0;  // most samples that waited to be written
   };
   std::optional<Encoding> encoding;
 };
@@ -83,7 +83,7 @@ struct Recording {
   std::uint64_t dropped = 0;           // lost
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known
-  // The rate that was asked for, and the frames of the last second. Empty if a start was refused.
+  // The rate asked for, and the frames of the last second. Empty until the start is accepted.
   std::optional<int> targetFPS;
   std::optional<double> recentFPS;
   // Frames in the file of a saved take. Only with `keepFailed`.
@@ -91,7 +91,7 @@ struct Recording {
   // How long the space above `minimumFree` lasts. Only while a take with that option records.
   std::optional<Seconds> timeLeft;
   std::string stoppedFor;     // "minimum_free" if the take was stopped for lack of space
-  std::string frameLogError;  // why the log of frames ended early; in the last event of a take
+  std::string frameLogError;  // why the log of frames failed; in the last event of a take
   // Only of a take with sound: how often silence was inserted or sound was cut to keep sound and
   // pictures together. The last event also says how much of the movie has no sound.
   std::optional<std::uint64_t> soundGaps;

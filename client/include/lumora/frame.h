@@ -74,8 +74,8 @@ class LUMORA_CLIENT_EXPORT Frame {
 // How many frames of the application were written and dropped.
 struct FrameCounts {
   std::uint64_t written = 0;  // to the helper
-  // Reasons: every slot was busy, a newer frame replaced the frame, or the helper was not ready or
-  // had ended.
+  // Reasons: every slot was busy, a newer frame replaced the frame, or the helper was not ready,
+  // was stopping or had ended.
   std::uint64_t dropped = 0;
 };
 

@@ -79,7 +79,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   FrameTransport frameTransport() const;
 
   // Memory for the next frame. Empty if every slot is busy, or the helper is not ready yet: skip
-  // this frame then. Throws std::invalid_argument for an unsupported size.
+  // this frame then. Throws std::invalid_argument for an unsupported size, and std::bad_alloc.
   [[nodiscard]] std::optional<Frame> acquireFrame(FrameSize size);
   // Passes a frame to the helper. At most one frame waits; a newer one replaces it. Throws
   // std::invalid_argument for an id that is not above the last one (see `frameID`), for a frame of
@@ -90,15 +90,15 @@ class LUMORA_CLIENT_EXPORT Helper {
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
 
-  // Passes sound to the helper. Its first sample was captured at this time. Never waits. False if
+  // Passes sound to the helper. The first sample was captured at this time. Never waits. False if
   // the sound was skipped: more than two seconds of sound would wait, the time is negative or more
   // than 50 ms ahead, or the helper ends. Throws std::invalid_argument if the channels have
   // different numbers of samples, or without `HelperOptions::sound`.
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
   // Starts a take after the frames published so far. The handler gets the take's events as soon as
-  // they are known, also that the helper refuses it: as a take that has failed. It is called like
-  // the helper's own; without a queue perhaps before this returns.
+  // they are known, `failed` if the helper refuses the take. It is called like the helper's own
+  // handler, without a queue perhaps before this returns.
   // Throws std::invalid_argument for a path that is relative, too long, not UTF-8 or has another
   // ending than ".mp4", and for any other option out of range.
   [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});

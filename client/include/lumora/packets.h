@@ -52,7 +52,8 @@ struct StreamConfiguration {
 LUMORA_CLIENT_EXPORT StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
 // The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it for NAL
-// units that follow a length of four bytes, not a start code.
+// units that follow a length of four bytes, not a start code. Throws std::runtime_error if the
+// sequence parameter set is shorter than four bytes.
 LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> avcDecoderConfiguration(
     const StreamConfiguration& configuration);
 

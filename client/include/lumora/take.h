@@ -17,8 +17,8 @@ namespace lumora::client {
 enum class TakeSize { of640x360, of1080x720, of1920x1080 };
 enum class TakeRate { fps15 = 15, fps30 = 30, fps45 = 45, fps60 = 60 };
 
-// The size of a take's pictures, and how many it has in a second. A camera's picture is fitted
-// between black bars.
+// The size of a take's pictures, and how many it has in a second. A camera's picture keeps its
+// shape, and the rest is black.
 struct TakeProfile {
   TakeSize size = TakeSize::of1080x720;
   TakeRate rate = TakeRate::fps60;
@@ -65,7 +65,7 @@ class LUMORA_CLIENT_EXPORT Take {
   void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
   // When the take starts and stops.
   Uptime::time_point startedAt() const;
-  std::optional<Uptime::time_point> stoppedAt() const;  // empty until it was stopped
+  std::optional<Uptime::time_point> stoppedAt() const;  // empty until `stop` is called
   // The latest event about the take.
   Recording latest() const;
   // The event that ended it, `saved` or `failed`; empty when it has not ended in time.

@@ -22,8 +22,8 @@ struct LUMORA_CLIENT_EXPORT Uptime {
 };
 
 // The id for a frame that was captured at this time: the microseconds of the uptime. Any growing
-// ids are allowed, but from these a viewer can tell how old a picture is. JavaScript holds them
-// exactly for 285 years.
+// ids are allowed, unless a take has sound, but from these a viewer can tell how old a picture is.
+// JavaScript holds them exactly for 285 years.
 LUMORA_CLIENT_EXPORT std::uint64_t frameID(Uptime::time_point capturedAt);
 
 }  // namespace lumora::client

@@ -30,7 +30,7 @@ export class EventQueue<Item> implements AsyncIterableIterator<Item> {
     }
   }
 
-  /** Queued events can still be read. */
+  /** Ends the loop after the events that are queued. */
   end(): void {
     this.#ended = true;
     for (const reader of this.#readers.splice(0)) reader({ done: true, value: undefined });

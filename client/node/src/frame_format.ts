@@ -9,7 +9,7 @@ export interface FrameSize {
   height: number;
 }
 
-// For `mjpeg`, the most allowed.
+// For `mjpeg`, the most allowed; but 64 KiB are always allowed.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,
@@ -77,7 +77,7 @@ function withEveryWord(format: FrameFormat): string {
   return [encoding, ...chosen].join();
 }
 
-/** Whether both mean the same. Throws an ArgumentError if the helper does not accept both. */
+/** Whether both mean the same. Throws an ArgumentError unless the helper accepts both. */
 export function isSameFormat(a: FrameFormat, b: FrameFormat): boolean {
   return withEveryWord(a) === withEveryWord(b);
 }

@@ -39,7 +39,7 @@ function ownFormat(frame: CameraFrame | Picture): FrameFormat {
   return videoFrameFormat(frame) ?? 'rgba,top';
 }
 
-// One frame is being written, and one waits. A third would replace the waiting one.
+// The Helper writes one frame while one waits. A third would replace the waiting one there.
 const mostUnanswered = 2;
 
 export class FrameSink {
@@ -47,8 +47,8 @@ export class FrameSink {
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
    * Takes VideoFrames, which it closes, and pictures, whose memory may be reused when their write
-   * resolves. Copies both, and does not wait for the helper. Fails with an ArgumentError
-   * `FORMAT_CHANGED`, or with the error of the writer.
+   * resolves. Copies both, and does not wait for the helper. Fails with an ArgumentError,
+   * or with the error of the frame, of the writer or of `onDrop`.
    */
   readonly writable: WritableStream<CameraFrame | Picture>;
   readonly #write: FrameWriter;

@@ -1,5 +1,5 @@
-// Starts the program. The token is passed in the environment, which only this user can read; command
-// lines are public.
+// Starts the program. The token is passed in the environment, which only this user can read;
+// command lines are public.
 
 import { spawn, type ChildProcessByStdio } from 'node:child_process';
 import { once } from 'node:events';
@@ -26,7 +26,7 @@ export interface LaunchOptions {
   format?: FrameFormat;
   /** The format of `writeSound`. Without it, takes have no sound. */
   sound?: SoundFormat;
-  /** Added to the environment of this process. */
+  /** Variables that the helper gets in addition to those of this process. */
   env?: Record<string, string>;
   /**
    * Where the helper's standard error goes: inherited by default, ignored, a descriptor, or a

@@ -20,15 +20,16 @@ export interface RecoveredTake {
   left: string;
 }
 
-/** `RECOVERY_FAILED`: the folder or a file can't be read or written; the message says why. */
+/** `RECOVERY_FAILED`: the folder can't be read or the program not run; the message says why. */
 export class RecoverError extends CodedError<'RECOVERY_FAILED'> {
   override readonly name = 'RecoverError';
 }
 
 /**
- * Makes an ordinary movie of each interrupted take in a folder. Does not touch takes that are being
- * recorded. Needs the program `lumora-recover` in the helper's folder. `program` is the helper, as
- * in `startHelper`. Rejects with a RecoverError, or with a StartError if a program is missing.
+ * Makes an ordinary movie of each interrupted take in a folder. Does not touch a take that may
+ * still be recorded or has no picture; `left` says why. Needs the program `lumora-recover` in the
+ * helper's folder. `program` is the helper, as in `startHelper`. Rejects with a RecoverError, or
+ * with a StartError if a program is missing.
  */
 export async function recoverTakes(folder: string, program?: string): Promise<RecoveredTake[]> {
   const helper = await findProgram(program);

@@ -33,8 +33,8 @@ async function waitUntilReady(helper: Helper): Promise<void> {
 
 /**
  * Starts the helper. Resolves when it accepts frames and stream clients. Rejects with a StartError
- * that says why it did not start, with the reason of `signal`, or with an ArgumentError for a token
- * or a format that the helper would not accept.
+ * if it does not start, with the reason of `signal` if that aborts, or with an ArgumentError for a
+ * token or a format that the helper would not accept.
  */
 export async function startHelper(options: HelperOptions = {}): Promise<Helper> {
   const { signal, token = makeToken(), format = 'rgba', sound } = options;

@@ -17,15 +17,15 @@ export interface TakeOptions {
   /** 60 by default. */
   targetFps?: 15 | 30 | 45 | 60;
   /**
-   * True, the default, keeps every frame of a camera that runs at about `targetFps`, despite jitter.
-   * False drops frames that come before the next point of a fixed grid.
+   * True, the default, keeps every frame of a camera that runs at about `targetFps`, despite
+   * jitter. False drops frames that come before the next point of a fixed grid.
    */
   steady?: boolean;
   /** Capture time by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
   startedAt?: number;
   /**
-   * True, the default, keeps what a failed take has recorded. If the disk is the cause of the
-   * failure, only what is on the disk is kept. See `TakeError`.
+   * True, the default, keeps what a failed take has recorded, if half a second of it is on the
+   * disk. If the disk is the cause, only what is on the disk is kept. See `TakeError`.
    */
   keepFailed?: boolean;
   /** The take is stopped and saved if its file system has fewer bytes left. Up to 2 ** 53. */
@@ -54,7 +54,7 @@ export interface KeptTake {
 }
 
 /**
- * `REFUSED`: the helper did not begin the take. `FAILED`: it began and failed. Both have the
+ * `REFUSED`: the helper did not begin the take. `FAILED`: the take began and failed. Both have the
  * helper's words as the message.
  * `NO_ANSWER`: the helper did not answer within ten seconds.
  * `HELPER_ENDED`: the helper ended before the take was saved.
@@ -122,9 +122,9 @@ export class Take {
   }
 
   /**
-   * Ends the take after the frames written so far; returns `saved`. `stoppedAt` has the limits of
-   * `startedAt` in TakeOptions and must not be before it. For any other time the helper would fail
-   * the take. So `stop` then throws an ArgumentError, and the take goes on.
+   * Ends the take at `stoppedAt`, by default now. Returns `saved`; later calls only return it.
+   * `stoppedAt` has the limits of `startedAt` in TakeOptions and must not be before it. For any
+   * other time `stop` throws an ArgumentError, and the take goes on.
    */
   stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
     if (this.#stoppedAt !== undefined) return this.saved;

@@ -11,7 +11,7 @@ import type { Packet } from './packets.js';
 /** An EncodedVideoChunkInit. */
 export interface EncodedChunk {
   type: 'key' | 'delta';
-  /** The frame id. It is the capture time if ids are microseconds. */
+  /** The frame id. Ids made by `frameId` are capture times in microseconds. */
   timestamp: number;
   data: Uint8Array;
 }

@@ -15,7 +15,7 @@ function open(): void {
     window.webContents.postMessage('ports', null, outer);
   });
 
-  // The application ends when the take is saved.
+  // Quitting waits for the recorder, which saves a running take before it exits.
   let isOver = false;
   recorder.once('exit', () => {
     isOver = true;

@@ -78,7 +78,7 @@ function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
   acceptFrames(frames, (format) => {
     const helper = helperFor(format);
     if (!isShown) {
-      isShown = true; // the first frame `retryAfter` after the preview's end shows it again
+      isShown = true; // when the preview has been over for `retryAfter`, the next frame shows it
       const retry = () => setTimeout(() => (isShown = false), retryAfter);
       void showPreview(helper, preview).catch(console.error).finally(retry);
     }
