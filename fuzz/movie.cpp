@@ -94,7 +94,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
     const MovieContents part = readMovie(ByteView(bytes).first(cut));
     const auto syncs = std::ranges::count_if(synced, [&](std::size_t at) { return at <= cut; });
     require(part.opened);
-    require(syncs == 0 || hasSound ||  // with sound not every sync is that of a picture
+    require(syncs == 0 || hasSound ||  // with sound, some syncs add no picture
             part.times.size() >= samplesAtSync.at(static_cast<std::size_t>(syncs) - 1));
   }
 }

@@ -1,5 +1,4 @@
-// Fuzzes the bytes of an unknown client, in pieces of any size, while frames are encoded for
-// another client.
+// Fuzzes the bytes of a new peer, in pieces of any size, while frames are encoded for a client.
 
 #include <sstream>
 

@@ -5,7 +5,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 found=$(dirname "$1")/found/$2
 mkdir -p "$found"
-# Without a dictionary of its own: that of JSON, which does no harm.
+# A target without a dictionary gets that of JSON, which does no harm.
 dictionary=$here/$2.dict
 [ -f "$dictionary" ] || dictionary=$here/json.dict
 exec "$1" "$found" "$here/corpus/$2" -dict="$dictionary" -max_total_time="$3" -timeout=10 \

@@ -19,7 +19,8 @@ if (!fs.existsSync(modules) || !fs.existsSync('/usr/bin/srt-live-transmit')) {
 }
 const seconds = 10;
 
-// Runs at the same time get different ports. The system assigns none of them to other programs.
+// Two runs at the same time hardly ever get the same ports. The system assigns these ports to no
+// other program.
 const [rtmp, udp, srt] = [0, 1, 2].map((i) => 20000 + process.pid % 4000 * 3 + i);
 
 // The decoded pictures of a file: their times in milliseconds since the first, and their digests.
@@ -30,7 +31,7 @@ function pictures(name) {
   return rows.map(([, time, digest]) => ({ time: time - rows[0][1], digest }));
 }
 
-// Fails unless the file's pictures are a stretch of the reference, with the same time between them.
+// Fails unless the file's pictures are 9 s or more of the reference, with the same intervals.
 function assertStretch(name, reference) {
   const got = pictures(name);
   const digests = (all) => all.map(({ digest }) => digest).join();

@@ -101,7 +101,7 @@ test('the example shows its camera, and saves takes with sound when told and on 
   const record = async () => {
     await page.getByRole('button', { name: 'Record' }).click();
     await page.getByRole('button', { name: 'Stop' }).waitFor();
-    const [frames, pictures] = [written + 30, drawn + 1]; // the microphone beeps twice a second
+    const [frames, pictures] = [written + 30, drawn + 1]; // 30 frames last for two beeps
     while (written < frames || drawn < pictures) await once(recorder, 'message');
   };
   while (await colours() < 2); // an empty canvas has one
@@ -113,7 +113,7 @@ test('the example shows its camera, and saves takes with sound when told and on 
   const listening = `-nostdin -i ${path} -map 0:a -af volumedetect -f null -`;
   const { stderr } = spawnSync('ffmpeg', listening.split(' '), { encoding: 'utf8' });
   const [, loudest] = /max_volume: (\S+) dB/.exec(stderr) ?? [];
-  assert.ok(loudest > -60, stderr); // silence is -91
+  assert.ok(loudest > -60, stderr); // silence has -91 dB
   await record();
   recorder.send({ data: 'quit' });
   assert.equal((await once(recorder, 'exit'))[0], 0);

@@ -60,7 +60,7 @@ TEST_F(Client, SavesATakeAndNoEventContainsTheToken) {
   const client::Exited exited = camera.stop();
   EXPECT_TRUE(exited.isClean());
   EXPECT_GT(exited.cpuTime.count(), 0);
-  viewer.watch([](const Packet&) {});  // returns because the helper has closed
+  viewer.watch([](const Packet&) {});  // returns because the helper has closed the stream
   EXPECT_EQ(viewer.end(), client::StreamEnd::closed);
   EXPECT_TRUE(std::holds_alternative<client::Exited>(events.back().what));
   for (const client::Event& event : events)

@@ -83,9 +83,9 @@ struct Faults : HelperTest {
     helper.reset();
     return exit;
   }
-  // Makes the calls of a kind fail, one in each run, and calls `look` after each run. The first
-  // calls all get their run, later ones ever fewer. With sound there are fewer runs, because the
-  // same calls fail without sound, too.
+  // Makes the calls of a kind fail, one in each run, and calls `look` after each run. Each of
+  // the first calls gets a run, of the later ones ever fewer do. With sound there are fewer runs,
+  // because the same calls fail without sound, too.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
     const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
@@ -124,7 +124,7 @@ struct Faults : HelperTest {
   }
   std::string hitPath() const { return folder / "hit"; }
   bool hasHit() const { return std::filesystem::exists(hitPath()); }
-  // A libavcodec that is linked into the helper calls itself directly.
+  // A helper that contains libavcodec does not call it through the fault library.
   static bool canFailCodec() { return std::getenv("LUMORA_HELPER") == nullptr; }
 
   Environment environment;

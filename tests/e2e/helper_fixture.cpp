@@ -136,7 +136,7 @@ void expectKeys(const Event& event, const Event& wanted) {
 }
 
 void HelperTest::SetUp() {
-  // A write to a helper that has ended then fails. Unlike SIG_IGN, a handler is not inherited.
+  // So that a write to an ended helper only fails. Unlike SIG_IGN, a handler is not inherited.
   std::signal(SIGPIPE, [](int) {});
   std::string name = (std::filesystem::temp_directory_path() / "lumora-test-XXXXXX").string();
   ASSERT_NE(mkdtemp(name.data()), nullptr);

@@ -37,7 +37,7 @@ using Pixels = std::vector<std::uint8_t>;
 // A sanitizer makes everything slow and has a heap of its own.
 inline constexpr bool sanitized = LUMORA_SANITIZED;
 
-// The time on the helper's clock in seconds, as commands carry it.
+// The uptime in seconds, as commands carry it.
 inline double uptime() { return client::Uptime::now().time_since_epoch().count(); }
 
 // The helper as a plain child process: records go in, events come out as JSON. Tests use it for
@@ -88,7 +88,7 @@ std::string fileOf(const std::string& path, const Pixels& bytes);  // returns th
 inline const std::string exactScale = "scale=flags=accurate_rnd+full_chroma_int+full_chroma_inp";
 // Runs ffmpeg, and expects that it prints no error.
 void ffmpeg(const std::string& arguments);
-// Lets ffmpeg write a picture, the bottom row first, to `file`. The arguments begin with filters.
+// Lets ffmpeg write an RGBA picture to `file`. The arguments begin with filters.
 // Returns the bytes of the file.
 Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments);
@@ -162,7 +162,7 @@ class HelperTest : public testing::Test {
   std::unique_ptr<client::StreamClient> connect() const {
     return std::make_unique<client::StreamClient>("127.0.0.1", port);
   }
-  // Connects a client and waits until the helper has admitted it.
+  // Connects the first client and waits until the helper has admitted it.
   std::unique_ptr<client::StreamClient> connectClient();
   // Feeds one frame. Waits for a slot, if frames go through shared memory.
   void feed(FrameSize size, const Pixels& pixels);
@@ -196,7 +196,7 @@ class HelperTest : public testing::Test {
     EXPECT_EQ(decodeErrors(path), "");
     return saved;
   }
-  // The take's next event with this "state". Throws when the take ends in another state.
+  // The take's next event with this "state". Throws when the take ends in another, or after 20 s.
   Event waitForTake(const std::string& state);
   // Expects a failed take to have kept an ordinary movie, and returns its path.
   std::string expectKept(const Event& failed) const;

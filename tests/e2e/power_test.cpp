@@ -128,7 +128,7 @@ TEST_P(FaultyTakes, LoseAtMostASecondByAPowerCutAndNothingOnceTheyAreSaved) {
   const int all = saveTake()["frames"];
   EXPECT_EQ(finish(), 0);
 
-  // A fragment has half a second at most. Of what is written, at most one is lost.
+  // A fragment has half a second at most. Of the written fragments, at most one is lost.
   constexpr int fragment = 32;
   const auto framesOf = [&](const Pixels& file) {
     return countFrames(fileOf(folder / "cut.mp4", file));

@@ -81,7 +81,7 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
   if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
 }
 
-// Returns whether this call must fail. If so, sets errno.
+// Returns whether this call must fail, and then sets errno. Waits if the call must take longer.
 bool fails(const char* kind, int usualError) {
   if (!armed) return false;
   for (Fault& fault : faults) {

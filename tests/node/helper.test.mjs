@@ -14,7 +14,7 @@ import { folder, inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
 const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.height * 4, grey));
-// The client must remove these variables, because no helper starts with them.
+// `startHelper` must remove these variables, because no helper starts with them.
 Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none', TAVO_SOUND: 'x' });
 
 async function helperFor(context, options) {
@@ -40,11 +40,11 @@ async function feedUntil(helper, isEnough) {
   }
 }
 
-// Decodes the movie, one byte for each picture.
+// How many pictures the movie has. ffmpeg writes one byte for each.
 const countPictures = (movie) => execFileSync('ffmpeg', ['-v', 'error', '-xerror', '-i', movie,
   '-vf', 'scale=1:1,setpts=N/60/TB', '-r', '60', '-pix_fmt', 'gray', '-f', 'rawvideo', '-']).length;
 
-// Returns how many of 60 frames a client gets. A manual one acknowledges only the first 20.
+// How many frames a client gets, 60 at most. With 'manual' it acknowledges only the first 20.
 async function watch({ token, port }, acknowledgement) {
   const client = await connectStream({ port, token, acknowledgement });
   let frames = 0;
@@ -74,7 +74,7 @@ test('a take is saved while two clients watch, and the token leaks nowhere', asy
     readFileSync(`/proc/${helper.pid}/cmdline`, 'latin1')];
   assert.deepEqual(await helper.stop(), { code: 0, signal: null });
   for await (const { raw } of events) told.push(raw);
-  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // of `exit`
+  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // no `exit` line
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
 

@@ -308,7 +308,7 @@ TEST(Helper, CanStopDuringItsStartAndCallsNoHandlerOnceDestroyed) {
   EXPECT_EQ(calls, 0);
 }
 
-// The helper ignores SIGTERM. The process that it leaves behind keeps its input and output open.
+// The helper ignores SIGTERM. The process that it leaves behind keeps the helper's pipes open.
 TEST(Helper, ThatIgnoresSIGTERMIsKilledAndItsTakeFailsThoughItsPipesStayOpen) {
   const std::string script =
       R"(exec 3<&0 2>&-; trap '' TERM; sleep 1000 & echo $!; echo '{"type":"ready"}'; wait)";

@@ -121,7 +121,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
 
 TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesChromaAtABarsEdgeToThePicture) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
-  // The left bar of the first two ends at an even and at an odd column. The third is not scaled.
+  // The left bar ends at an even column first, then at an odd one. The third case is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
       {{134, 100}, {100, 50}}, {{74, 100}, {100, 50}},   {{100, 22}, {100, 50}},
       {{190, 108}, {64, 36}},  {{190, 108}, {320, 180}}, {{190, 108}, {24, 200}},
@@ -146,7 +146,7 @@ TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesChromaAtABarsEdgeToThePict
 }
 
 TEST(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
-  // A period in source pixels, the amplitude that is left of 100, and its tolerance. Without a
+  // A period in source pixels, what remains of an amplitude of 100, and its tolerance. Without a
   // filter, the last period would show as a slow wave.
   for (const auto& [period, left, tolerance] :
        {std::tuple{12.0, 90.0, 10.0}, {4.0, 0.0, 10.0}, {3.1, 0.0, 3.0}}) {

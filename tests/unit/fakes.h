@@ -25,7 +25,7 @@ struct Failures {
     auto& queue = answers[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
     queue.insert(queue.end(), static_cast<std::size_t>(more + 1), status);
   }
-  // Fakes ask this at every call. The status to answer instead of doing the work; 0: do it.
+  // The status that this call answers instead of doing its work; 0: it does its work.
   int next(const std::string& call) {
     auto& queue = answers[call];
     if (queue.empty()) return 0;
@@ -54,7 +54,7 @@ class ManualQueue final : public SerialQueue {
       work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
-  // Runs all work that is due, and what it enqueues. Whether any was due.
+  // Runs work until none is due. Whether any was due.
   bool run() {
     const bool any = runNext();
     while (runNext()) continue;
@@ -174,7 +174,7 @@ struct FakeConnection final : TcpConnection {
   void cancel() override { cancelled = true; }
   void reset() override { wasReset = true; }
 
-  // The client sends `text`. If `complete`, it then closes its side.
+  // The peer sends `text`. If `complete`, it then closes its side.
   void deliver(const std::string& text, bool complete = false) {
     const Bytes bytes(text.begin(), text.end());
     std::exchange(onReceive, nullptr)(bytes, complete, {});
@@ -205,7 +205,7 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   bool accepts = false, cancelled = false;
 };
 
-using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, forced
+using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, key frame forced
 
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all)

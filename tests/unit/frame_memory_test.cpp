@@ -22,7 +22,7 @@ void say(int memory, std::uint64_t id) { EXPECT_EQ(pwrite(memory, &id, sizeof id
 client::Descriptor makeMemory(std::size_t bytes, int seals, unsigned kind = 0) {
   client::Descriptor made(memfd_create("frames", MFD_CLOEXEC | MFD_ALLOW_SEALING | kind));
   EXPECT_EQ(ftruncate(made.get(), static_cast<off_t>(bytes)), 0);
-  if (kind == 0) say(made.get(), 99);  // of an earlier helper
+  if (kind == 0) say(made.get(), 99);  // an earlier helper left this id
   EXPECT_EQ(fcntl(made.get(), F_ADD_SEALS, seals), 0);
   return made;
 }
@@ -73,7 +73,7 @@ struct SharedFrames : testing::Test {
   VideoEncoderProbe probe;
 };
 
-// Records of frames in memory and of frames in the pipe share growing ids.
+// Ids grow across all frames, whether they are in memory or in the pipe.
 TEST_F(SharedFrames, EndTheRunForABrokenRecord) {
   // 32 × 32 pixels take a page.
   const auto expectEnd = [&](std::uint64_t offset, client::FrameSize size = {32, 32},

@@ -102,7 +102,7 @@ TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedOrAfterHalfASecondThenReads) {
               "\n");
     EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
     if (!inTime) probe.encoders->prepared();
-    probe.runAt(1000.5);  // what comes second starts no second reader
+    probe.runAt(1000.5);  // the later of the two causes starts no other reader
     EXPECT_EQ(probe.dispatch->detached.size(), 1u);
   }
 }
@@ -157,7 +157,7 @@ TEST(Statistics, AreReportedOnceASecondUnlessForced) {
   EXPECT_EQ(report(0, true).size(), 25u);  // 8 core keys and 17 diagnostics
   EXPECT_TRUE(report(0.3, false).empty());
   EXPECT_EQ(report(0, true).size(), 8u);    // too soon for diagnostics
-  EXPECT_TRUE(report(0.9, false).empty());  // the forced report restarted the second
+  EXPECT_TRUE(report(0.9, false).empty());  // the forced report restarted the interval
   EXPECT_EQ(report(0.2, false).size(), 25u);
 }
 

@@ -156,7 +156,7 @@ TEST(MovieFile, WritesSoundAtItsTimesEvenWhileNoPictureComes) {
 TEST(MovieFile, HasReservedRoomForItsTablesWhenTheDiskBecomesFull) {
   for (const bool hasSound : {false, true}) {
     Written movie(-1, hasSound);
-    for (int i = 0; i < 3000; ++i)  // as many runs as there are samples
+    for (int i = 0; i < 3000; ++i)  // each duration differs from the one before
       movie.append(true, {i * 1000 + i % 2, 1000 + (i % 2 == 0 ? 1 : -1)});
     // The start of the file and the 100 full fragments of each track take 3 calls each.
     waitUntil([&] { return movie.disk->calls == (hasSound ? 603 : 303); });

@@ -23,7 +23,7 @@ struct MovieContents {
 };
 
 // Reads one track of a movie with libavformat. Keeps only packets with a whole sample of the
-// tests, whose data begins and ends with 0x11.
+// tests: its byte 5 and its last byte are 0x11.
 inline MovieContents readMovie(ByteView bytes, unsigned track = 0) {
   av_log_set_level(AV_LOG_QUIET);
   const int file = memfd_create("movie", 0);

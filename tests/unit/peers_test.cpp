@@ -22,7 +22,7 @@ TEST_F(Encode, ForcesAKeyFrameForEachNewSessionAndClient) {
   probe.feed(4, 320, 240);  // the camera changes size
   EXPECT_TRUE(probe.encoders->sessions[0]->invalidated);
   EXPECT_EQ(probe.encoders->sessions[0]->flushes, 0);
-  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count goes on
+  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count of frames goes on
   probe.clock->now += 0.5;
   probe.answer(deltaSample());
   EXPECT_EQ(probe.statistics()["encode_ms"], 500);
@@ -137,7 +137,7 @@ TEST_F(Delivery, BeginsWithAKeyFrameAndDropsFramesDuringASendAndThenUntilAKeyFra
   EXPECT_TRUE(probe.encoders->sessions.empty());
   for (const std::uint64_t id : {1u, 2u}) probe.frame(id, deltaSample());
   EXPECT_TRUE(client->sent.empty());
-  EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // asks until a key frame comes
+  EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // forced until a key frame comes
   probe.frame(3, makeSample({0x41, 0x65}));
   EXPECT_EQ(client->sent.at(0).size(), 31u + 30u);  // its configuration and the frame
   for (const std::uint64_t id : {4u, 5u}) probe.frame(id, deltaSample());

@@ -1,7 +1,7 @@
 #pragma once
 
-// The service on a machine of fakes. The tests own the clock and run the queues by hand, so every
-// rule about time, order and credit is tested without sleeping.
+// The service on a machine of fakes. The tests own the clock and run the queues by hand, so most
+// rules about time, order and credit are tested without sleeping.
 
 #include "app/video_encoder.h"
 #include "tests/unit/fakes.h"
@@ -118,7 +118,7 @@ struct VideoEncoderProbe {
   void put(const auto& record) {
     process->input.insert(process->input.end(), record.begin(), record.end());
   }
-  // Reads all of the input, then runs the queues. Returns `error()`.
+  // Runs the reader until it ends, then the queues. Returns `error()`.
   std::string readAll() {
     dispatch->detached.at(0)();
     EXPECT_EQ(process->watchdog.first, 2.2);  // before the state queue runs
@@ -150,7 +150,7 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
 
-  // Clears the work that has not run, since it still owns takes and the service.
+  // When destroyed, clears the work that has not run: it still owns takes and the service.
   std::shared_ptr<void> forgetWork;
 };
 

@@ -44,7 +44,7 @@ TEST_F(Reader, StopsAtABrokenRecord) {
     put(header, payload);
     EXPECT_EQ(probe.readAll(), message);
     EXPECT_EQ(probe.process->exitCodes, std::vector<int>{1});
-    probe.signal(15);  // too late to change the code
+    probe.signal(15);  // too late to change the exit code
     EXPECT_EQ(probe.process->watchdog, (std::pair{2.2, 1}));
   }
 }
@@ -129,7 +129,7 @@ TEST_F(Reader, DecodesOnlyWhatMayBeNeededAndDropsWhatItCannotDecode) {
     // The next input once all has been read, and how many pictures have been decoded by then.
     const std::pair<Work, std::size_t> steps[] = {
         {[&] { feed(1, good); }, 0},
-        {[&] { feed(2, good); }, 1},  // the first was, as a client could have come
+        {[&] { feed(2, good); }, 1},  // frame 1 was decoded, as a client could have come
         {[&] { need(), feed(3, bad), feed(4, good); }, 1},
         {[&] { feed(5, good); }, 2}};  // frame 4 came while frame 3 was in flight
     probe.process->beforeRead = [&, next = steps]() mutable {

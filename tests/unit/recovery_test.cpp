@@ -41,7 +41,7 @@ struct Recovery : testing::Test {
     std::ofstream(staging, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
   }
-  // As of an hour later: a younger file may still be recorded.
+  // As if an hour had passed: a file younger than a minute is left, as it may still be recorded.
   RecoveredTake recover() const { return recoverTake(staging, std::time(nullptr) + 3600); }
   // A movie of seven samples, as a crash leaves it after the tables and before the new head. It may
   // have sound up to its end.
@@ -118,7 +118,7 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
     const auto soundEnds = endsOf(packet, bytes);
     ASSERT_EQ(ends.size(), 7u);
     ASSERT_EQ(soundEnds.size(), hasSound ? 10u : 0u);
-    // After a power cut, zeros or the tables of an earlier recovery may lie behind the cut.
+    // After a power failure, zeros or the tables of an earlier recovery may lie behind the cut.
     const Bytes zeros(300);
     const Bytes tables(bytes.begin() + static_cast<std::ptrdiff_t>(ends.back()), bytes.end());
     for (std::size_t cut = 0; cut <= bytes.size(); cut += LUMORA_SANITIZED ? 7 : 1) {

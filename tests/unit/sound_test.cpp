@@ -129,7 +129,7 @@ TEST(SoundPlacing, FillsOrCutsBothEndsOfTheTrackToTheSample) {
   EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the movie ends within this gap
   EXPECT_EQ(stopped.place({32, 960}, 21).silence, 48000);
   EXPECT_EQ(stopped.place({33, 960}, 22.02).silence, 47040);
-  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the later gap lies behind its end
+  EXPECT_NEAR(stopped.missing(11.5), 0.5, 1e-9);  // the later gap lies behind the movie's end
   EXPECT_EQ(stopped.gaps(11.5), 1);
   EXPECT_EQ(stopped.gaps(33), 2);
   EXPECT_EQ(early.gaps(20) + late.gaps(20), 0);

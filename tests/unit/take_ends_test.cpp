@@ -100,7 +100,7 @@ struct KeptTakes : Takes {
     const auto failed = events("failed");
     return failed.size() == 1 ? failed[0] : Json();
   }
-  // Another take may not begin before that event.
+  // Another take may not begin before the "failed" event.
   void expectRefusal() {
     EXPECT_EQ(sendStart({{"path", "/takes/b.mp4"}}).at(0)["error"],
               "recording destination or state is invalid");

@@ -119,7 +119,7 @@ TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
 TEST(FlvTimes, GrowAndAreCaptureTimesWhereTheIdsAreCaptureTimes) {
   const struct {
     std::optional<bool> fromIDs;
-    // Id in seconds, arrival, time in the output.
+    // Id and arrival in seconds, time in the output in milliseconds.
     std::vector<std::tuple<double, double, std::uint32_t>> pictures;
   } cases[] = {{{}, {{100, 100.01, 0}, {100.016, 100.03, 16}, {100.0161, 100.03, 17}}},
                {{}, {{1e-6, 30, 0}, {2e-6, 30.5, 500}}},
