@@ -12,7 +12,8 @@ class Progress {
  public:
   // How long all steps take, by plan.
   explicit Progress(double seconds) : planned_(seconds) {}
-  // A step that takes so long by plan. The steps before it show how good the plan is.
+  // Begins a step that is planned to take so long. The time left is scaled by how long the steps
+  // before took against their plan.
   void begin(const std::string& step, double seconds) {
     const double elapsed = (client::Uptime::now() - start_).count();
     const double pace = begun_ > 0 ? elapsed / begun_ : 1;

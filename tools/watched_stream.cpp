@@ -22,7 +22,8 @@ std::string WatchedStream::watch(const std::stop_token& stop, client::Seconds pa
   }
 }
 
-// Watches one connection until it ends. Returns why it ended.
+// Connects, and watches until the connection ends or `stop` is requested. Returns why the
+// connection failed or ended.
 std::string WatchedStream::watchOnce(const std::stop_token& stop) {
   const std::string place = from_.host + ", port " + std::to_string(from_.port);
   try {
