@@ -21,7 +21,7 @@ const sources = [...cpp, ...filesIn('client/node/src/', '.ts')].map(read)
 const strings = /"((?:[^"\\\n]|\\.)*)"|'((?:[^'\\\n]|\\.)*)'|`([^`]*)`/g;
 const stringsIn = (text) => [...text.matchAll(strings)].map(([, ...kinds]) => kinds.join(''));
 
-// What is thrown, and the sentences.
+// The strings that are thrown, and those that begin as a sentence.
 const errors = sources.flatMap((text) => [
   ...[...text.matchAll(/\b(?:throw |\w*[Ee]rror\(|abandon\w*\(|(?:problem|message) = |words: )[^;]*;/g)]
     .flatMap(([statement]) => stringsIn(statement)),
