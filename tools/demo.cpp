@@ -100,7 +100,7 @@ void showJson(const tools::RunReport& report) {
               object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
-// Writes one picture of a video. `filter` is that of ffmpeg.
+// Writes one picture, which ffmpeg makes from a video with `filter`.
 void makePicture(const std::string& video, const std::string& filter, const std::string& picture) {
   const std::string errors = tools::outputOf(
       "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(video) + " -vf " +

@@ -16,15 +16,15 @@ namespace lumora::tools {
 std::vector<std::uint8_t> flvHeader();
 
 // The packet as a tag. A configuration becomes the decoder's configuration record. Throws
-// std::runtime_error if it is malformed.
+// std::runtime_error for a malformed configuration.
 std::vector<std::uint8_t> flvTag(const client::Packet& packet, std::uint32_t milliseconds);
 
 // The times of pictures, in milliseconds since the first. Each is above the one before, even if the
 // helper or its parent starts again.
 class FlvTimes {
  public:
-  // Whether times come from ids or from arrivals. Empty: from ids that are at most 2 s off, else
-  // from arrivals.
+  // Whether times come from ids or from arrivals. Empty: from an id that is at most 2 s from the
+  // arrival, else from the arrival.
   explicit FlvTimes(std::optional<bool> fromIDs) : fromIDs_(fromIDs) {}
   std::uint32_t next(std::uint64_t frameID, client::Uptime::time_point arrivedAt);
 

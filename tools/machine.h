@@ -9,7 +9,7 @@ namespace lumora::tools {
 std::string firstLineOf(const std::string& command);
 
 // The machine, the time and the versions of programs, as texts by name. Runs other programs; if one
-// is missing, its text is empty or an error.
+// is missing, its text is "not found" or an error.
 std::map<std::string, std::string> describeMachine();
 
 }  // namespace lumora::tools

@@ -1,7 +1,7 @@
 #pragma once
 
 // One timed run of a helper, driven as an application drives it: frames at a steady rate, clients
-// that watch the stream, perhaps a take. For the demo and the benchmarks.
+// that watch the stream, perhaps a take. For the demo, the benchmarks and bug reports.
 
 #include "tools/frame_source.h"
 
@@ -38,8 +38,8 @@ struct RunReport {
   std::uint64_t fed = 0;                  // calls of `Helper::writeFrame`
   client::FrameCounts frames = {};        // how many were written and dropped
   std::vector<Delivery> deliveries = {};  // to all clients
-  std::uint64_t bytes = 0;                // of those packets
-  client::Stats stats = {};               // the latest
+  std::uint64_t bytes = 0;                // of their payloads
+  client::Stats stats = {};               // the latest, with the latest `delivery`
   client::Recording take = {};            // the latest event of the run's own take
   std::string error = {};                 // of the helper
   std::vector<double> lateness = {};      // how late the feeder woke for each frame, milliseconds
@@ -55,11 +55,11 @@ struct RunReport {
 // Called once a second with what is known by then.
 using Progress = std::function<void(const RunReport& report)>;
 
-// Throws client::StartError, and std::runtime_error when the clients are not admitted or the source
-// gives no frame.
+// Throws what the constructor of client::Helper throws, and std::runtime_error when the clients are
+// not admitted or the source gives no frame.
 RunReport runPaced(const RunOptions& options, FrameSource& source, const Progress& progress = {});
 
-// The value below which this fraction of the values lies.
+// The value below which this fraction of the values lies; 0 without values.
 double percentile(std::vector<double> values, double fraction);
 
 }  // namespace lumora::tools

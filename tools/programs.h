@@ -31,8 +31,8 @@ class CommandPipe {
   client::ChildProcess process_;
 };
 
-// What a command prints on both streams, and its status unless that is 0. Throws std::system_error
-// when no shell can be started.
+// What a command prints on both streams, and its wait status unless that is 0. Throws
+// std::system_error when no shell can be started.
 std::string outputOf(const std::string& command);
 
 // ffmpeg's complaints while it decodes the whole file; empty when there are none.

@@ -50,7 +50,7 @@ void pauseFor(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-// Removes the file once it has been decoded.
+// Decodes the file and removes it. Ends the run if it does not decode.
 void expectDecodes(const std::string& path) {
   const std::string errors = tools::decodeErrors(path);
   if (!errors.empty()) fail(path + " does not decode: " + errors);
@@ -180,7 +180,7 @@ class Soak {
     expectFlat("threads", &tools::ProcessFigures::threads, threadsOfSpareEncoders);
   }
 
-  // Compares the median of the first quarter of the rests with that of the last.
+  // Ends the run if the median of the last quarter of rests is above the first's plus `growth`.
   template <typename Number>
   void expectFlat(const char* what, Number tools::ProcessFigures::*figure, double growth) const {
     const auto median = [&](std::size_t from, std::size_t to) {

@@ -21,8 +21,9 @@ inline constexpr client::Seconds longestSound(1.5);
 // Sound of a device whose clock is right.
 class SteadySound {
  public:
-  using Sample = std::function<double(std::int64_t number)>;  // of full scale 32767
-  // Passes the sound from the last call until now to the helper, with equal channels.
+  using Sample = std::function<double(std::int64_t number)>;  // full scale is 32767
+  // Passes the sound from the last call until now to the helper, with equal channels. Passes none
+  // in the first call, or if the last call was more than `longestSound` ago.
   void write(client::Helper& helper, client::Uptime::time_point now, const Sample& sample);
 
  private:
@@ -45,13 +46,13 @@ class Beeps {
 // A sound device that ffmpeg captures.
 class Microphone {
  public:
-  // As "FORMAT:NAME" in the words of ffmpeg, such as "alsa:default". Throws what the constructor of
-  // CommandPipe throws.
+  // `device` is "FORMAT:NAME" in ffmpeg's words, such as "alsa:default". Throws what the
+  // constructor of CommandPipe throws.
   explicit Microphone(const std::string& device);
   // Waits for samples. The last was captured just now. If more came than `longestSound`, the oldest
   // are left out. Empty when the device has ended. Valid until the next call.
   std::span<const std::int16_t> next();
-  // Ends the device, and a `next` that waits on another thread.
+  // Ends the capture, and a `next` that waits on another thread.
   void stop() { pipe_.stop(); }
 
  private:

@@ -6,7 +6,7 @@
 // h264 is Annex B, without times. In flv the time of a frame is its id, if that is a capture time
 // (microseconds, see docs/protocol.md) within 2 s of now, else its arrival time. --times overrides
 // this. A frame is acknowledged once it is written, so a slow reader gets fewer frames. If the
-// stream breaks off, the tap retries. It gives up after ten seconds (or SECONDS) without a packet.
+// stream ends, the tap retries. It gives up if that brings no packet for ten seconds (or SECONDS).
 
 #include <unistd.h>
 
@@ -37,7 +37,7 @@ struct Options {
   double patience = 10;                   // seconds
 };
 
-// Writes packets in the chosen format. Each write throws when nobody reads the output any more.
+// Writes packets in the chosen format. A failed write throws. Without a reader SIGPIPE ends us.
 class Output {
  public:
   explicit Output(const Options& options) : isFlv_(options.flv), times_(options.timesFromIDs) {

@@ -86,7 +86,7 @@ TestCard::TestCard(client::FrameSize size, int framesPerSecond)
   }
 }
 
-// The first flash comes half a second after the first frame.
+// The first flash comes about half a second after the first frame.
 bool TestCard::flashes(std::uint64_t number) const {
   return (number + framesPerSecond_ / 2) % framesPerSecond_ < 3;
 }

@@ -143,7 +143,7 @@ void Bridge::obey(const RecoverTakes&) {
   });
 }
 
-// Offers files again that could not be recovered.
+// Tells the page how many takes are still unfinished, and what a recovery did.
 void Bridge::takesRecovered(const std::vector<std::string>& lines) {
   recovery_ = {};
   const std::size_t count = countInterruptedTakes(folder_);
@@ -269,7 +269,7 @@ void Bridge::end() {
   finish();
 }
 
-// Gives the page a moment to read the last messages.
+// Stops the context after a moment, in which the page reads the last messages.
 void Bridge::finish() {
   if (page_) page_->close();
   goodbye_.expires_after(std::chrono::milliseconds(300));

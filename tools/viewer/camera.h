@@ -16,7 +16,7 @@ class Camera {
     std::function<void(const std::string& line)> event;    // of the helper, as JSON text
     std::function<void(std::uint64_t frames)> inputEnded;  // after so many frames
     std::function<void(bool hasHeard)> soundEnded;         // the pictures go on
-    std::function<void(const client::Exited&)> ended;      // the helper; the last call
+    std::function<void(const client::Exited&)> ended;      // the helper; no `event` follows
   };
   // If `options` have sound, it is that of the microphone, or without one the beeps of the source's
   // flashes. Throws what the constructor of client::Helper throws.

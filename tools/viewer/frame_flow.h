@@ -2,10 +2,10 @@
 
 // Decides which frames of the helper go to the page, and when each is acknowledged to the helper.
 // A frame that went to the page is acknowledged once the page has shown it, so that the helper does
-// not send more than the page can show. But the helper drops a client that acknowledges nothing for
-// half a second. So for a page that is slow, hidden or gone, frames are acknowledged in its place,
-// and it gets nothing more until the next key frame. Makes no system calls; times are seconds of
-// any one clock.
+// not send more than the page can show. But the helper drops a client that leaves a frame
+// unacknowledged for half a second. So for a page that is slow, hidden or gone, frames are
+// acknowledged in its place. Once it can show frames again, it gets them from the next key frame
+// on. Makes no system calls; times are seconds of any one clock.
 
 #include <cstdint>
 #include <deque>
@@ -31,12 +31,13 @@ class FrameFlow {
 
   // Whether this frame goes to the page. If not, the caller acknowledges it at once.
   bool frameCame(std::uint64_t id, bool keyframe, double now);
-  // The page has shown this frame, or a newer one in its place. Returns what to acknowledge.
+  // The page is done with this frame and all before it. Returns what to acknowledge.
   std::optional<std::uint64_t> shown(std::uint64_t id);
   // What to acknowledge in the place of a page that is slow, hidden or gone.
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
-  // How many frames the page has missed since the last call.
+  // How many frames a visible page has missed since the last call. Those before the first frame of
+  // the page, or of its decoder, do not count.
   std::uint64_t takeWithheld() { return std::exchange(withheld_, 0); }
 
  private:

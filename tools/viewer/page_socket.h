@@ -23,7 +23,8 @@ class PageSocket : public std::enable_shared_from_this<PageSocket> {
   // Answers the page's request for a socket, then calls `ready`; calls nothing if that fails.
   void accept(const boost::beast::http::request<boost::beast::http::empty_body>& request,
               std::function<void()> ready);
-  // Messages wait until the system takes them. A message is dropped if too many bytes wait.
+  // Messages wait until the system takes them. After `close`, or if too many bytes wait, a message
+  // is dropped.
   void sendText(const std::string& text) { send({{text.begin(), text.end()}, true}); }
   void sendBytes(std::vector<std::uint8_t> bytes) { send({std::move(bytes), false}); }
   // Closes the socket once the messages that wait are written. Call it once.

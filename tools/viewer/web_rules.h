@@ -33,7 +33,7 @@ class WebRules {
   std::string folder_;  // "/secret/"
 };
 
-// The bytes of a file of `size` that a "Range" header asks for (RFC 9110, 14.2).
+// The bytes of a file that a "Range" header asks for (RFC 9110, 14.2).
 struct ByteRange {
   enum class Kind { whole, part, unsatisfiable };
   Kind kind = Kind::whole;

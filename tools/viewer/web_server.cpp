@@ -58,14 +58,13 @@ http::response_header<> makeHeader(Status status, std::string_view type) {
   return header;
 }
 
-// One connection. It answers one request after the other, until one asks for a socket.
+// One connection. It answers one request after the other, until one gets a 404 or the socket.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   HttpSession(tcp::socket socket, const WebRules& rules, const WebHandlers& handlers,
               std::shared_ptr<const int> slot)
       : stream_(std::move(socket)), rules_(rules), handlers_(handlers), slot_(std::move(slot)) {}
 
-  // Reads one request after the other until the connection ends.
   void readRequest() {
     parser_.emplace();
     parser_->header_limit(maximumHeaderBytes);

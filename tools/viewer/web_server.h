@@ -25,7 +25,7 @@ struct WebHandlers {
 
 class WebServer {
  public:
-  // With port 0 the system chooses a port. Throws std::system_error.
+  // With port 0 the system chooses a port. Throws boost::system::system_error if it can't listen.
   WebServer(boost::asio::io_context& context, std::uint16_t port, const std::string& secret);
   void start(WebHandlers handlers);
   std::string address() const { return rules_.address(); }

@@ -4,8 +4,8 @@
 const keptPings = 30;
 const maximumLatency = 60e6;
 
-// The viewer reads its clock between the sending of a ping and the arrival of its answer. The
-// middle is wrong by at most half the round trip, so the ping with the shortest round trip is used.
+// The viewer reads its clock at some time between a ping and its answer. The middle of the two is
+// wrong by at most half the round trip, so the ping with the shortest round trip is used.
 export class ClockOffset {
   #pings = [];
 
