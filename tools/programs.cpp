@@ -1,5 +1,7 @@
 #include "tools/programs.h"
 
+#include <sys/wait.h>
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -59,7 +61,8 @@ std::string outputOf(const std::string& command) {
   std::array<char, 4096> bytes;
   while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe))
     output.append(bytes.data(), count);
-  const int status = pclose(pipe);
+  const int ended = pclose(pipe);  // in the form of waitpid(2)
+  const int status = WIFEXITED(ended) ? WEXITSTATUS(ended) : 128 + WTERMSIG(ended);
   return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
 

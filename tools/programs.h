@@ -31,7 +31,7 @@ class CommandPipe {
   client::ChildProcess process_;
 };
 
-// What a command prints on both streams, and its wait status unless that is 0. Throws
+// What a command prints on both streams, and its exit status unless that is 0. Throws
 // std::system_error when no shell can be started.
 std::string outputOf(const std::string& command);
 
