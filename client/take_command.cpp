@@ -22,10 +22,15 @@ void checkRange(const char* name, const std::optional<Number>& value,
                               std::to_string(least) + " to " + std::to_string(most));
 }
 
+constexpr std::size_t maximumPathBytes = 3000;
+
+std::invalid_argument tooLong() { return std::invalid_argument("the path of a take is too long"); }
+
 // The limits of docs/protocol.md.
 void check(const TakeOptions& options) {
   if (!options.path.is_absolute() || !options.path.string().ends_with(".mp4"))
     throw std::invalid_argument("the path of a take must be absolute and end in \".mp4\"");
+  if (options.path.string().size() > maximumPathBytes) throw tooLong();
   checkRange("minimumFree", options.minimumFree, 0, std::uint64_t{1} << 53);
   checkRange("bitRate", options.bitRate, 250'000, 50'000'000);
   checkRange("soundBitRate", options.soundBitRate, 32'000, 320'000);
@@ -51,8 +56,7 @@ std::string text(const Json& command) {
   } catch (const Json::exception&) {
     throw std::invalid_argument("the path of a take must be UTF-8");
   }
-  if (json.size() > maximumCommandBytes)
-    throw std::invalid_argument("the path of a take is too long");
+  if (json.size() > maximumCommandBytes) throw tooLong();
   return json;
 }
 

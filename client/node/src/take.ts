@@ -83,6 +83,7 @@ type Send = (record: Buffer) => boolean;
 // Milliseconds. A living helper answers at once. But it drops an answer that its parent does not
 // read in time.
 const answerLimit = 10_000;
+const maximumPathBytes = 3000;
 
 export class Take {
   /** Identifies the take in the helper's events. */
@@ -163,6 +164,7 @@ function startCommand(options: TakeOptions): StartCommand {
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw invalid('the path of a take must be absolute and end in ".mp4"');
   }
+  if (Buffer.byteLength(path) > maximumPathBytes) throw invalid('the path of a take is too long');
   checkCaptureTime(startedAt);
   checkInteger('minimumFree', minimumFree, 0, 2 ** 53);
   checkInteger('bitRate', bitRate, 250_000, 50_000_000);
