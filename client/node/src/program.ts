@@ -21,7 +21,7 @@ function isExecutable(path: string): boolean {
 
 const notFound = (message: string) => new StartError('PROGRAM_NOT_FOUND', message);
 
-/** Returns an absolute path. `source` says who named the program. */
+/** Returns an absolute path. `source` says where the path comes from. */
 export function executable(path: string, source: string): string {
   if (!isExecutable(path)) throw notFound(`there is no program at ${path} (${source})`);
   return resolve(path); // or `spawn` would look up a bare name in the PATH
@@ -56,10 +56,11 @@ export async function findProgram(
     .filter((folder) => folder !== '')
     .map((folder) => join(folder, programName))
     .find(isExecutable);
-  if (found) return found;
+  if (found) return resolve(found);
   if (process.platform !== 'linux') throw notFound(`there is no lumora-video for ${platform}`);
+  const npm = platform === 'linux-x64' ? `npm package "${platformPackage}" or the ` : '';
   throw notFound(
-    `${programName} was not found: install the npm package "${programName}-linux-x64" or the ` +
-      `Debian package "${programName}", or name the program in ${variable} or the option "program"`,
+    `${programName} was not found: install the ${npm}Debian package "${programName}", or name ` +
+      `the program in ${variable} or the option "program"`,
   );
 }
