@@ -17,7 +17,7 @@ struct RecoveredTake {
   std::string left = {};     // why the file keeps its old name; empty: it has a new one
 };
 
-// The paths of the staging files in a folder, in order. Throws std::system_error if it can't be
+// The paths of the staging files in a folder, sorted. Throws std::system_error if it can't be
 // read.
 std::vector<std::string> findStagingFiles(const std::string& folder);
 

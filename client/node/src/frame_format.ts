@@ -9,7 +9,7 @@ export interface FrameSize {
   height: number;
 }
 
-// For `mjpeg`, the most allowed; but 64 KiB are always allowed.
+// For `mjpeg` the most allowed, but any such picture may have 64 KiB.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,
