@@ -32,9 +32,10 @@ const moments = Array.from({ length: 20 }, (_, i) => 1 + 0.153 * i);
 const syncs = [...[3, 4, 5, 6, 7].flatMap((nth) => [`${nth}:-7`, `${nth}:-30`]), '0:-1'];
 const changeSize = (take) => { take.size = [160, 120]; };
 
-// A take is recorded for each of `states`. `cause` is called at that moment, `failing` is for
-// tests/faults/fault_library.cpp, `bytes` is the size of the disk. With "keep" a take may lose
-// `most` seconds of what was appended, and nothing of what was synced unless `losesAll` is set.
+// A take is recorded for each of `states`. `cause` is called that many seconds into the take,
+// `failing` is for tests/faults/fault_library.cpp, `bytes` is the size of the disk. With "keep" a
+// take may lose `most` seconds (if set) of what was appended, and nothing of what was synced unless
+// `losesAll` is set.
 const faults = [
   { name: 'kill', states: moments, most: 1, cause: (take) => take.program.kill('SIGKILL') },
   { name: 'power cut', states: moments.slice(-2), most: 1, isPowerCut: true,
@@ -166,7 +167,7 @@ function syncedPictures(take, durable = '') {
   return picturesOf(`${take.folder}.synced`);
 }
 
-// What a take lost of the frames up to number `last`. `kept` and `synced` are numbers of frames.
+// What a take lost of the frames up to number `last`. `kept` and `synced` list frames by number.
 function lossOf(take, kept, synced, last) {
   const lastKept = kept.at(-1) ?? take.first - 1;
   const time = (number) => take.sent[Math.min(number, take.sent.length - 1)].time;

@@ -84,7 +84,7 @@ void toBT709(benchmark::State& state) {
   });
 }
 
-// libyuv converts for BT.601 only.
+// libyuv's `ARGBToI420` converts for BT.601 only.
 void toBT601(benchmark::State& state) {
   subsample(state, [](const PictureView& bgra, const auto& planes) {
     const int width = static_cast<int>(bgra.size.width);

@@ -21,7 +21,7 @@ PipelineReport runPipeline(const std::string& command, CameraClip& clip,
                            const std::vector<std::uint64_t>& numbers, int framesPerSecond = 0);
 
 // How alike a video file and the clip are, by ffmpeg's measure: 1 is the same. The frames of the
-// file are the clip's frames of these numbers, scaled to fit between black bars.
+// file are the clip's frames of these numbers, scaled to fit `size` and padded with black.
 double measureSSIM(const std::string& path, CameraClip& clip,
                    const std::vector<std::uint64_t>& numbers, client::FrameSize size);
 

@@ -1,7 +1,7 @@
 // Records a test card that flashes and beeps at the same instant, with sound devices whose clocks
 // may be wrong, and prints how far the beeps of the movies are from their flashes. For each steady
 // device, a recorded minute of a sine shows what the helper adds to the sound. Ends with 1 if a
-// beep is missing or more than 10 ms off, if fewer than half can be compared, or if something
+// beep is missing or more than 10 ms off, if half or fewer can be compared, or if something
 // beside the sine is louder than -60 dB. The helper's clock runs SPEED times as fast as the real
 // one, so some pictures are lost. Each picture of a flash tells when the flash began.
 //
@@ -27,7 +27,7 @@ const tolerance = 0.010; // seconds
 const fullScale = 32768;
 const [sineHertz, mostBeside] = [1000, -60]; // dB of a full-scale sine
 
-// Each maps a time of the device to the time at which it was captured.
+// Each maps a sample's time on the device's clock to the time at which the sample was captured.
 const steadyDevices = {
   'an exact clock': (time) => time,
   '100 ppm fast': (time) => time / (1 + 100e-6),

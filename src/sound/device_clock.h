@@ -10,10 +10,10 @@
 // starts again there.
 //
 // A parent that polls for records gets each one late by a different time, up to about a record's
-// length. While times scatter like that, and at first, a time that is off by less than most of a
-// record counts as on the line. Times that count as on the line can still all lie on one side of
-// it. The time spent on one side is added up. Time spent on the other side, or close to the line,
-// is subtracted. The line starts again when the sum exceeds a second and ten records.
+// length. While times scatter like that, and at first, a time that is off by up to 0.6 of that
+// length (40 ms at most) counts as on the line. Times that count as on the line can still all lie
+// on one side of it. The time spent on one side is added up. Time spent on the other side, or close
+// to the line, is subtracted. The line starts again when the sum exceeds a second and ten records.
 
 #include <cstddef>
 #include <vector>
@@ -65,7 +65,7 @@ class DeviceClock {
   double covariance_ = 0;
   double jitter_ = leastJitter;  // variance of the errors of the parent's times
   double scatter_ = 0.02;        // the most seconds by which lateness changed at once; it fades
-  double late_ = 0;              // seconds by which the latest time on the line came after it
+  double late_ = 0;              // lateness in seconds of the latest time that is on the line
   double aside_ = 0;        // seconds for which times were on one side of the line; below 0: early
   double steadyDrift_ = 0;  // `drift_` when `aside_` was last 0
   std::vector<SoundRecord> held_;  // with their times on the line

@@ -32,7 +32,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
 
   // Reader thread. Whether the next record may have this id and so many bytes.
   bool mayAdd(std::uint64_t id, std::uint32_t bytes) const;
-  // Reader thread. Drops the record if its time is too far from now, or if the queue hangs.
+  // Reader thread. Queues the record. Drops it if its time is too far from now or the queue hangs.
   void add(std::uint64_t id, Bytes pcm);
   // Reader thread. No more records come.
   void end();

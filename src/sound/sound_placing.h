@@ -46,9 +46,9 @@ class SoundPlacing {
   // For the next record of `DeviceClock`, if it begins before the end of the movie. `length` is the
   // length of the track in seconds, including what the resampler still holds.
   SoundPlacement place(const SoundRecord& record, double length);
-  // Call this before `place`, with the same record. Returns the samples of silence that fill a gap
-  // in front of the record, at most `most` seconds. Silence is encoded in pieces, so that pictures
-  // never wait long.
+  // Call this before `place`, with the same record, until it returns 0. Returns the samples of
+  // silence that fill a gap in front of the record, at most `most` seconds. Silence is encoded in
+  // pieces, so that pictures never wait long.
   std::int64_t fillBefore(const SoundRecord& record, double most, double length);
   // For a device that is silent: the samples of silence that the track needs to reach `until`.
   std::int64_t fill(double until, double length);

@@ -61,13 +61,13 @@ struct Preview {
   std::size_t maxUnacknowledgedObserved = 0;  // of one peer
   AcknowledgementFigures acknowledgements;
 
-  std::size_t countAuthenticatedPeers() const;  // authenticated
-  std::size_t countWaitingPeers() const;        // no "hello" yet
+  std::size_t countAuthenticatedPeers() const;
+  std::size_t countWaitingPeers() const;  // no "hello" yet
   // Null when that peer is gone.
   std::shared_ptr<Peer> find(std::uint64_t peerID) const;
 
-  // The counter of the reason why an encoded frame is dropped for `peer`. Null when it is sent. The
-  // order of the tests is part of the protocol.
+  // The counter of the reason why an encoded frame is dropped for `peer`. Null when the
+  // frame can be sent. The order of the tests is part of the protocol.
   std::uint64_t* dropCounter(const Peer& peer, bool keyframe);
   // Drops frames for `peer` until the next key frame, and asks the encoder for one.
   void resynchronise(Peer& peer);
