@@ -1,6 +1,6 @@
 #pragma once
 
-// One run of the helper, of another tool, or of the encoders alone: the same pictures at a rate.
+// One run of the helper, of another tool, or of the encoders alone. All get the same pictures.
 
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -16,11 +16,12 @@ constexpr client::FrameSize defaultTake{1080, 720};
 constexpr int frames = 240;  // of each run
 
 struct Job {
-  client::FrameSize take;  // as a profile has it
+  client::FrameSize take;  // `camera` or `defaultTake`
   std::string preset;      // empty: as shipped
 };
 
-// What the camera sees; and the same as NV12 in the sizes of the encoders, for the encoders alone.
+// What the camera sees, as RGBA and as NV12. The last two are NV12 in sizes of the encoders, for
+// the encoders alone.
 struct Clips {
   CameraClip rgba{camera};
   CameraClip nv12{camera, tools::nv12BT709};
@@ -30,16 +31,17 @@ struct Clips {
 
 struct Run {
   nlohmann::json figures;                     // numbers by name
-  std::vector<std::uint64_t> inPreview = {};  // the numbers of the frames in its files
+  std::vector<std::uint64_t> inPreview = {};  // numbers of the frames in the file; empty: not known
   std::vector<std::uint64_t> inTake = {};
 };
 
-// Each throws std::runtime_error when a program fails.
+// Each of these throws std::runtime_error, except while encoders run alone: then a failure aborts.
 Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs, int rate);
 Run runHelper(tools::RunOptions load, CameraClip& clip, int rate);
 Run runEncoders(Clips& clips, const Job& job, int rate,
                 const std::function<void()>& besideEach = {});
-// Also reads each frame from a pipe: the least cost of a program that is fed through a pipe.
+// Does what `runEncoders` does, and reads as many bytes as a frame of `clip` has from a pipe for
+// each picture: the least cost of a program that is fed through a pipe.
 Run runEncodersAndPipe(Clips& clips, const Job& job, int rate, const CameraClip& clip);
 
 nlohmann::json figuresOf(const tools::RunOptions& load, const tools::RunReport& report);

@@ -26,7 +26,8 @@ RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::u
 // How far after now the helper accepts a capture time.
 constexpr Seconds mostAhead(0.05);
 
-// The header of a picture with this length, or of an RGBA picture. Ids are above 0 and grow.
+// The header of a frame whose payload has this length, or of an RGBA picture. Ids are above 0 and
+// grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length);
 inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
   return frameHeader(size, id, size.rgbaBytes());

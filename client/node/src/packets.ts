@@ -48,7 +48,7 @@ function parseConfiguration(payload: Uint8Array): ConfigurationPacket {
   const sequenceBytes = payload.length < 8 ? 0 : view.getUint16(4);
   const pictureBytes = payload.length < 8 ? 0 : view.getUint16(6);
   const pictureStart = 8 + sequenceBytes;
-  // The codec name is made from the first four bytes of the sequence parameter set.
+  // The codec name is made from bytes 2 to 4 of the sequence parameter set.
   if (sequenceBytes < 4 || pictureStart + pictureBytes > payload.length) {
     throw new Error('malformed configuration packet');
   }
@@ -63,7 +63,7 @@ function parseConfiguration(payload: Uint8Array): ConfigurationPacket {
   };
 }
 
-/** Parses one whole packet. Throws an Error on a packet that no helper sends. */
+/** Parses one whole packet. Throws an Error on an unknown type or a malformed configuration. */
 export function parsePacket(bytes: Uint8Array): Packet {
   const payload = bytes.subarray(headerBytes);
   const view = viewOf(bytes);
@@ -74,6 +74,6 @@ export function parsePacket(bytes: Uint8Array): Packet {
     type: 'frame',
     frameId: view.getBigUint64(5),
     keyframe: view.getUint8(13) === 1,
-    data: new Uint8Array(payload), // a copy, so that the caller can transfer its buffer
+    data: new Uint8Array(payload), // a copy: the caller may transfer its buffer
   };
 }

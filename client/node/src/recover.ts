@@ -20,7 +20,7 @@ export interface RecoveredTake {
   left: string;
 }
 
-/** `RECOVERY_FAILED`: the folder can't be read or the program not run; the message says why. */
+/** `RECOVERY_FAILED`: the folder can't be read, or `lumora-recover` can't be run. */
 export class RecoverError extends CodedError<'RECOVERY_FAILED'> {
   override readonly name = 'RecoverError';
 }

@@ -25,7 +25,7 @@ export interface MicrophoneSound {
 }
 
 /**
- * Converts sound for `writeSound`. `format` must be what `startHelper` got as `sound`. Takes the
+ * Converts sound for `writeSound`. `format` must be the option `sound` of `startHelper`. Takes the
  * first channel, or the first two. If two are wanted and `sound` has one, it is used for both.
  * Throws an ArgumentError if `sound` has another rate than `format`.
  */

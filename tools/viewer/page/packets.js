@@ -23,7 +23,7 @@ function parseConfiguration(payload) {
     const sequenceBytes = payload.length < 8 ? 0 : view.getUint16(4);
     const pictureBytes = payload.length < 8 ? 0 : view.getUint16(6);
     const pictureStart = 8 + sequenceBytes;
-    // The codec name is made from the first four bytes of the sequence parameter set.
+    // The codec name is made from bytes 2 to 4 of the sequence parameter set.
     if (sequenceBytes < 4 || pictureStart + pictureBytes > payload.length) {
         throw new Error('malformed configuration packet');
     }
@@ -35,7 +35,7 @@ function parseConfiguration(payload) {
         pictureParameterSet: new Uint8Array(payload.subarray(pictureStart, pictureStart + pictureBytes)),
     };
 }
-/** Parses one whole packet. Throws an Error on a packet that no helper sends. */
+/** Parses one whole packet. Throws an Error on an unknown type or a malformed configuration. */
 export function parsePacket(bytes) {
     const payload = bytes.subarray(headerBytes);
     const view = viewOf(bytes);
@@ -48,6 +48,6 @@ export function parsePacket(bytes) {
         type: 'frame',
         frameId: view.getBigUint64(5),
         keyframe: view.getUint8(13) === 1,
-        data: new Uint8Array(payload), // a copy, so that the caller can transfer its buffer
+        data: new Uint8Array(payload), // a copy: the caller may transfer its buffer
     };
 }
