@@ -107,7 +107,7 @@ struct Written {
   HybridMovieWriter writer{std::make_unique<DiskSink>(disk), 3'800'000'000};
 };
 
-// Where the type of the last such box lies in a file.
+// Where the type of the last box of this type lies in a file.
 std::size_t boxIn(const Bytes& bytes, const char* type) {
   return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).rfind(type);
 }
@@ -158,7 +158,7 @@ TEST(MovieFile, HasReservedRoomForItsTablesWhenTheDiskBecomesFull) {
     Written movie(-1, hasSound);
     for (int i = 0; i < 3000; ++i)  // each duration differs from the one before
       movie.append(true, {i * 1000 + i % 2, 1000 + (i % 2 == 0 ? 1 : -1)});
-    // The start of the file and the 100 full fragments of each track take 3 calls each.
+    // The start of the file and the 100 fragments of each track take 3 calls each.
     waitUntil([&] { return movie.disk->calls == (hasSound ? 603 : 303); });
     movie.disk->isFull = true;
     EXPECT_EQ(movie.finish(3'000'000), WriterStatus::completed);
@@ -189,7 +189,7 @@ void expectKept(int failAfter, bool isForGood, bool hasSound) {
   EXPECT_EQ(isComplete, frames > 0 && !isForGood);
   if (frames == 0) return;
   const MovieContents read = readMovie(movie.disk->bytes);
-  // The file also has what was written but not synced. `kept` does not count that.
+  // An incomplete file may also have what was written but not synced. `kept` does not count that.
   EXPECT_GE(std::ssize(read.times), frames);
   if (!isComplete) return;
   EXPECT_EQ(read.duration, kept.duration);

@@ -1,6 +1,6 @@
 // A camera application with Qt: shows the preview of a helper, and records takes.
 //
-//   lumora-qt FOLDER [SECONDS]
+//   lumora-qt [FOLDER [SECONDS]]
 //
 // With SECONDS it records one take of that length by itself, and ends.
 
