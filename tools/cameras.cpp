@@ -22,7 +22,7 @@ std::string describeCamera(const std::string& device) {
   if (!formats.empty()) return text;
   std::string reason;
   std::istringstream lines(printed);
-  while (std::getline(lines, reason)) continue;  // the last line has it
+  for (std::string line; std::getline(lines, line);) reason = line;  // the last line has it
   return text + "  " + reason + "\n";
 }
 
