@@ -17,8 +17,8 @@ struct RunOptions {
   std::string previewPath = {};  // Annex B file of what the first client receives; empty: none
   // Called before each frame is written; may be empty.
   std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
-  // Called when a frame is captured, and at the end of the last one. Writes the sound up to that
-  // time; may be empty.
+  // Called after each frame with its capture time, and once more when the next one would be due.
+  // Writes the sound up to that time; may be empty.
   std::function<void(client::Helper& helper, client::Uptime::time_point capturedAt,
                      std::uint64_t frame)>
       writeSound = {};
@@ -39,7 +39,7 @@ struct RunReport {
   client::FrameCounts frames = {};        // how many were written and dropped
   std::vector<Delivery> deliveries = {};  // to all clients
   std::uint64_t bytes = 0;                // of their payloads
-  client::Stats stats = {};               // the latest, with the latest `delivery`
+  client::Stats stats = {};               // the latest; `delivery` may be of an earlier one
   client::Recording take = {};            // the latest event of the run's own take
   std::string error = {};                 // of the helper
   std::vector<double> lateness = {};      // how late the feeder woke for each frame, milliseconds
@@ -55,8 +55,8 @@ struct RunReport {
 // Called once a second with what is known by then.
 using Progress = std::function<void(const RunReport& report)>;
 
-// Throws what the constructor of client::Helper throws, and std::runtime_error when the clients are
-// not admitted or the source gives no frame.
+// Throws what client::Helper, its `startTake` and client::StreamClient throw, and
+// std::runtime_error when the clients are not admitted or the source gives no frame.
 RunReport runPaced(const RunOptions& options, FrameSource& source, const Progress& progress = {});
 
 // The value below which this fraction of the values lies; 0 without values.
