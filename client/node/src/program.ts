@@ -1,7 +1,7 @@
 // Finds the helper program.
 
 import { accessSync, constants, statSync } from 'node:fs';
-import { delimiter, join, resolve } from 'node:path';
+import { delimiter, resolve } from 'node:path';
 
 import { StartError } from './start_error.js';
 
@@ -54,9 +54,9 @@ export async function findProgram(
   const found = (environment['PATH'] ?? '')
     .split(delimiter)
     .filter((folder) => folder !== '')
-    .map((folder) => join(folder, programName))
+    .map((folder) => resolve(folder, programName))
     .find(isExecutable);
-  if (found) return resolve(found);
+  if (found) return found;
   if (process.platform !== 'linux') throw notFound(`there is no lumora-video for ${platform}`);
   const npm = platform === 'linux-x64' ? `npm package "${platformPackage}" or the ` : '';
   throw notFound(
