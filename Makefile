@@ -2,7 +2,7 @@
 #
 #   make demo           build, feed a moving picture, watch and record it (INPUT=file or camera; FRAMES=pipe)
 #   make view           show the same picture live in a browser, with a button to record
-#   make test           run every test, also under AddressSanitizer + UBSan and under ThreadSanitizer
+#   make test           run every test; the C++ ones also under AddressSanitizer + UBSan and ThreadSanitizer
 #   make bench          compare the helper with other tools and with its encoders alone, into
 #                       $(OUT)/bench.json and two charts (50 minutes, or 20 with ROUNDS=1)
 #   make fuzz           run the fuzzers (MINUTES for each)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs every test three times: as shipped, under AddressSanitizer + UBSan, and under
-# ThreadSanitizer. Then runs each fuzzer for a few seconds. Prints summaries at the end.
+# Builds and runs every test as shipped, and the C++ tests again under AddressSanitizer + UBSan and
+# under ThreadSanitizer. Then runs each fuzzer for a few seconds. Prints summaries at the end.
 set -euo pipefail
 jobs=${1:-2}
 
