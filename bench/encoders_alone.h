@@ -26,7 +26,7 @@ struct EncodersReport {
 };
 
 // Encodes at a rate or (0) as fast as possible. `besideEach` runs once a frame on a thread of its
-// own. Throws std::runtime_error when libx264 can't be opened.
+// own. Throws std::runtime_error when libx264 can't be opened. A later error aborts the program.
 EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames,
                            int framesPerSecond = 0, const std::function<void()>& besideEach = {});
 

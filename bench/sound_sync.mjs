@@ -3,7 +3,8 @@
 // device, a recorded minute of a sine shows what the helper adds to the sound. Ends with 1 if a
 // beep is missing or more than 10 ms off, if half or fewer can be compared, or if something
 // beside the sine is louder than -60 dB. The helper's clock runs SPEED times as fast as the real
-// one, so some pictures are lost. Each picture of a flash tells when the flash began.
+// one, so some pictures are lost. Each picture of a flash has a brightness of its own, so any of
+// them shows when the flash began.
 //
 //   node sound_sync.mjs HELPER LIBRARY_OF_FAULTS SPEED MINUTES
 
@@ -138,7 +139,8 @@ function beepsOf(path) {
   return begins;
 }
 
-// How far each beep is from its flash, by the picture of the flash that gives the longest distance.
+// How far each beep is from its flash. If the pictures of a flash disagree, the largest distance
+// counts.
 function offsetsOf(beeps, flashes) {
   return beeps.flatMap((time) => {
     const offsets = flashes.map((flash) => time - flash)
@@ -198,12 +200,15 @@ function loudestBeside(samples) {
   return 20 * Math.log10(most);
 }
 
-// The loudest line beside a minute of a sine, without its first and its last second.
+// Records a minute of a sine, and returns the level of the loudest other line, without the first and
+// the last second.
 async function besideSine(capture) {
   const path = inFolder('sine.mp4');
   const { sound_gaps: gaps } = await record(path, 60, capture, sine);
   if (gaps > 0) throw new Error(`the sine has ${gaps} gaps`);
-  const level = loudestBeside(samplesOf(path).subarray(soundRate, -soundRate));
+  const samples = samplesOf(path).subarray(soundRate, -soundRate);
+  if (!samples.some((sample) => sample > fullScale / 2)) throw new Error('the sine is not there');
+  const level = loudestBeside(samples);
   fs.rmSync(path);
   return level;
 }
@@ -226,6 +231,6 @@ for (const [name, capture] of Object.entries(devices)) {
   const sent = Math.ceil(minutes * 60 / period) - 1;
   if (beeps.length === sent && offsets.length > sent / 2 && most <= tolerance &&
     (beside ?? mostBeside) <= mostBeside) continue;
-  console.error(`${path}: ${sent} beeps were sent`);
+  console.error(`${name}: not within the limits. ${sent} beeps were sent.`);
   process.exitCode = 1;
 }

@@ -45,7 +45,7 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  // In our own environment these describe what our own parent sends.
+  // If our own parent set these, they describe its input to us, not ours to the child.
   for (const char* name : {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT", "TAVO_SOUND"})
     merged.erase(name);
   for (const auto& [name, value] : options.environment) merged[name] = value;

@@ -23,7 +23,7 @@ namespace lumora::client {
 
 struct LaunchOptions {
   std::string program;                      // path of the helper, or a name on the PATH
-  std::string token = {};                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: none is set
+  std::string token = {};                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: our own, if any
   std::vector<std::string> arguments = {};  // "--port", "0", ...
   std::map<std::string, std::string> environment = {};  // added to our own
   int frameMemory = -1;          // descriptor of memory shared with the child; -1: none

@@ -70,14 +70,9 @@ std::shared_ptr<FrameSlots> makeSlots(const HelperOptions& options) {
 
 std::shared_ptr<ChildProcess> launch(const HelperOptions& options, const std::string& token,
                                      int frameMemory) {
-  const std::string program = findProgram(options.program);
-  try {
-    return std::make_shared<ChildProcess>(LaunchOptions{
-        program, token, options.arguments, options.environment, frameMemory,
-        options.format == FrameFormat{} ? "" : options.format.text(), text(options.sound)});
-  } catch (const std::system_error& error) {
-    throw StartError("the helper could not be started: " + std::string(error.what()));
-  }
+  return std::make_shared<ChildProcess>(LaunchOptions{
+      findProgram(options.program), token, options.arguments, options.environment, frameMemory,
+      options.format == FrameFormat{} ? "" : options.format.text(), text(options.sound)});
 }
 
 }  // namespace
@@ -325,8 +320,12 @@ Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   check(options.format);
   if (options.sound) check(*options.sound);
   if (!options.token.empty()) checkToken(options.token);
-  impl_ = std::make_unique<Impl>(options, std::move(onEvent));
-  impl_->begin();  // the handler may call us, so `impl_` is set before
+  try {
+    impl_ = std::make_unique<Impl>(options, std::move(onEvent));
+    impl_->begin();  // the handler may call us, so `impl_` is set before
+  } catch (const std::system_error& error) {  // no process or no thread
+    throw StartError("the helper could not be started: " + std::string(error.what()));
+  }
   if (!options.queue) impl_->awaitStart();
 }
 Helper::~Helper() = default;

@@ -11,7 +11,7 @@ namespace lumora {
 
 class LibavSession final : public CompressionSession {
  public:
-  // `request` has the codecs, and the kind and size of the settings. Properties set the rest.
+  // Of the settings in `request`, only kind, width and height count. Properties set the others.
   LibavSession(std::shared_ptr<EncoderPool> encoders, const EncoderRequest& request,
                const PixelFormat& frames, std::shared_ptr<PicturePool> pictures);
   ~LibavSession() override;

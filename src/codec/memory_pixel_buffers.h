@@ -25,7 +25,7 @@ class MemoryPixelBufferPool final : public PixelBufferPool {
   PictureSize size_;
   PixelFormat format_;
   std::shared_ptr<PicturePool> pictures_;
-  std::shared_ptr<const void> use_;  // every buffer has a reference while it is in use
+  std::shared_ptr<const void> use_;  // counts buffers: each one in use has a copy
 };
 
 // Makes a grey buffer outside any pool, and touches its memory: 0 or a negative errno.

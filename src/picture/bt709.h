@@ -3,9 +3,9 @@
 // BT.709's luma and colour differences of RGB pixels, in limited range and in integers.
 //
 // Weights are signed bytes, since SIMD multiplies bytes fastest. They have a common factor, which
-// `scale` removes. With the right factor eight bits are enough: compared with the exact ratios
-// (0.2126 red, 0.7152 green, 0.0722 blue), luma is within 0.2 of a step and colour differences
-// within 0.005. Greys are exact. SIMD sums two neighbouring products in 16 bits, so two
+// `scale` removes. With the right factor eight bits are enough: before rounding, luma differs by
+// 0.21 of a step at most from the exact ratios (0.2126 red, 0.7152 green, 0.0722 blue), and colour
+// differences by 0.005 of a step. Greys are exact. SIMD sums two neighbouring products in 16 bits, so two
 // neighbouring weights of the same sign add up to 128 at most.
 
 #include <array>
@@ -33,7 +33,7 @@ struct Weighting {
   }
 };
 
-// A weighted sum of 0 becomes `zero`, one of `sum` becomes `zero` + `steps`.
+// Maps a weighted sum of 0 to `zero`, and a weighted sum that equals `sum` to `zero` + `steps`.
 constexpr Weighting weighting(int blue, int green, int red, int sum, int steps, int zero) {
   const auto weight = [](int value) { return static_cast<std::uint8_t>(value); };
   const double scale = static_cast<double>(steps) * (1 << fractionBits) / sum;

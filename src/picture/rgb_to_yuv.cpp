@@ -50,7 +50,8 @@ HWY_INLINE Pixels packBlocks(Values a, Values b, Values c, Values d) {
 
 #undef LUMORA_X86
 
-// The order that puts all bytes of `a` first in packed blocks, then those of `b`, and so on.
+// The table that sorts the result of `packBlocks`: first all bytes of `a`, then all of `b`, and so
+// on.
 HWY_INLINE auto blockOrder() {
   HWY_ALIGN std::int32_t order[HWY_MAX_BYTES / 4];
   const std::size_t blocks = hn::Lanes(d32) / 4;
@@ -73,8 +74,8 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 }
 
 // The constants for a picture's rows. The function for a row gets a copy, which the compiler keeps
-// in registers. The compiler would reload the original after every store of bytes, which might
-// change it.
+// in registers. Without the copy it would load them again after every store of bytes, because such a
+// store may change any object.
 class Kernel {
  public:
   explicit HWY_INLINE Kernel(const bt709::Weightings& of)
@@ -125,7 +126,7 @@ class Kernel {
     return hn::ShiftRight<bt709::fractionBits>(sum);
   }
 
-  // Averages two vectors of pixels in each of two rows to one vector.
+  // Takes two vectors of pixels from each row. Returns one: the pixels at the places of chroma.
   static HWY_INLINE Bytes atChromaSites(const std::uint8_t* top, const std::uint8_t* bottom,
                                         Pixels& left) {
     const auto rows = [&](std::size_t at) HWY_ATTR {
@@ -152,7 +153,7 @@ class Kernel {
   Component red_;
 };
 
-// The last step of a row overlaps the step before it.
+// If the width is not a multiple of the step, the last step overlaps the step before it.
 HWY_INLINE void lumaRow(Kernel kernel, const std::uint8_t* row, std::size_t width,
                         std::uint8_t* y) {
   const std::size_t step = Kernel::step();

@@ -2,12 +2,13 @@
 // files of one folder.
 //
 //   LUMORA_FAULT        "KIND:N[:ERRNO]", comma separated. The N-th call of that kind fails (0:
-//                       every call). With -S for ERRNO, it takes S seconds instead. Calls are
-//                       counted from `main` on, and only after the entries before have had
-//                       their N-th call.
+//                       every call). With -S for ERRNO, it takes S seconds instead. An entry
+//                       counts its calls from `main` on, or from the moment at which every
+//                       entry before it has had its N-th call. `pthread_create` and
+//                       `avcodec_send_frame` ignore ERRNO.
 //   LUMORA_FAULT_HIT    this file is created at the N-th call of the last kind
 //   LUMORA_DISK_FOLDER  the folder whose files are logged
-//   LUMORA_DISK_LOG     the file for the log
+//   LUMORA_DISK_LOG     the file for the log, if there is a folder
 //   LUMORA_SPEED        N: the helper's monotonic clock shows N times the uptime. Sleeps and the
 //                       kernel's timers stay real. Without effect in sanitized builds.
 

@@ -43,7 +43,7 @@ TEST(FrameMemory, MapsTwoPagesOrMoreOfWritableMemoryThatNobodyCanShrink) {
   EXPECT_FALSE(inherit(client::Descriptor(open(name.c_str(), O_RDONLY))));
 }
 
-TEST(FrameSlots, AreNotSharedBeforeAHelperUsesThemAndReserveTheirMemory) {
+TEST(FrameSlots, ReserveTheirMemoryAndAreNotSharedBeforeAHelperUsesThem) {
   const auto slots = client::FrameSlots::makeShared();
   EXPECT_FALSE(slots->isShared());
   // A touch of memory that is not reserved could end the application.

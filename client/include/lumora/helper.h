@@ -55,15 +55,15 @@ class LUMORA_CLIENT_EXPORT Helper {
  public:
   // Called for each event, one at a time. With a queue, its `dispatch` calls the handler, never
   // after the destructor, and the handler may do anything. Without one, a thread of the library
-  // calls it, perhaps before the constructor has returned. The handler then must not throw, stop or
-  // destroy the helper, or wait for the end of a take or for a thread that stops the helper,
-  // because that thread waits for the handler.
+  // calls it, perhaps before the constructor has returned. Such a handler must not throw. It must
+  // not stop or destroy the helper, nor wait for the end of a take, nor for a thread that stops the
+  // helper: that thread waits for the handler.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
-  // as an event, or `Exited` with the reason. Throws StartError, and std::invalid_argument for an
-  // unsupported frame size, for a matrix or range that does not fit the encoding, and for sound or
-  // a token that no helper takes.
+  // as an event, or `Exited` with the reason. Throws StartError, std::bad_alloc, and
+  // std::invalid_argument for an unsupported frame size, for a matrix or range that does not fit
+  // the encoding, and for sound or a token that no helper takes.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops the helper. If `Exited` has come, waits only for a handler that runs on another thread.
   ~Helper();
@@ -97,8 +97,9 @@ class LUMORA_CLIENT_EXPORT Helper {
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
   // Starts a take after the frames published so far. The handler gets the take's events as soon as
-  // they are known, `failed` if the helper refuses the take. It is called like the helper's own
-  // handler, without a queue perhaps before this returns.
+  // they are known, `failed` if the helper refuses the take. The rules of `EventHandler` hold for
+  // it. Without a queue it may be called before `startTake` returns, and if the helper has ended,
+  // `startTake` itself calls it.
   // Throws std::invalid_argument for a path that is relative, too long, not UTF-8 or has another
   // ending than ".mp4", and for any other option out of range.
   [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});
@@ -107,9 +108,9 @@ class LUMORA_CLIENT_EXPORT Helper {
   std::optional<Exited> exited() const;
   // Waits for the takes that were told to stop, and closes the helper's input, so that the helper
   // saves a running take and ends. If the helper does not end, `stop` sends SIGTERM and then
-  // SIGKILL. `stop` gives up within 5 s. It then reports SIGKILL if the system has not ended the
-  // helper, and the helper's status if only another process keeps its pipes open. When `stop`
-  // returns, every event has been handled, or is in the queue.
+  // SIGKILL. `stop` gives up within 5 s. If the helper still runs then, `stop` reports SIGKILL.
+  // If the helper has ended and another process holds its pipes open, `stop` reports the helper's
+  // status. When `stop` returns, every event has been handled, or is in the queue.
   Exited stop();
   // The same, but returns at once. `Exited` comes when it is done.
   void requestStop();

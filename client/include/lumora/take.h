@@ -33,21 +33,23 @@ struct TakeOptions {
   TakeProfile profile = {};
   bool steady = true;  // keeps every frame of a camera that runs at about the profile's rate
   std::optional<Uptime::time_point> startedAt = {};  // a capture time, at most 30 s ago; empty: now
-  // If the take fails, what was recorded is kept. If the disk fails, only what is on it is kept.
+  // If the take fails after its first half second, what was recorded is kept. If the disk fails,
+  // only what is on it is kept.
   bool keepFailed = true;
   // The take is stopped and saved if its file system has fewer bytes left. Up to 2^53.
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
   int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
   bool frameLog = false;            // "<movie>.frames.csv" says what became of each frame
-  // A track of the sound that `writeSound` gets. Frames then need ids from `frameID`, and have
-  // their capture times in the movie. The helper must have `HelperOptions::sound`.
+  // A track of the sound that `writeSound` gets. Frames then need ids from `frameID`. The movie
+  // shows each frame at its capture time. The helper must have `HelperOptions::sound`.
   bool sound = false;
   std::optional<int> soundBitRate = {};  // bits per second, 32,000 to 320,000; empty: 128,000
 };
 
-// A take. It ends exactly once, saved or failed, even if its helper dies, or says nothing of it in
-// its first 10 s. Copies refer to the same take. Destroying them does not stop it. Any thread.
+// A take. It ends exactly once: saved or failed. It fails if its helper dies, or reports nothing
+// about it for 10 s after the start. Copies refer to the same take. Destroying them does not stop
+// it. Any thread.
 class LUMORA_CLIENT_EXPORT Take {
  public:
   class State;
@@ -57,8 +59,8 @@ class LUMORA_CLIENT_EXPORT Take {
   const std::string& id() const { return id_; }
   // The path of the file while the take runs. If the helper is killed, the file stays and plays.
   std::filesystem::path stagingPath() const;
-  // Stops the take at this time, or now (not before its start). Frames that the helper reads later
-  // are left out. The helper reads a frame a little after its capture, so stop one frame interval
+  // Stops the take at this time. Without one it stops now, or at its start if that is still ahead.
+  // Frames that the helper reads later are left out. The helper reads a frame a little after its capture, so stop one frame interval
   // later to keep the last frame. A second call does nothing. Throws std::invalid_argument for a
   // time before the start, more than 30 s ago or more than 50 ms ahead, because the helper would
   // fail the take.

@@ -21,7 +21,7 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  #last = {}; // by type: the `key`, as in `format`, of the last event that gave a line
+  #last = {}; // for each event type, the `key` (see `format`) of the last event that gave a line
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {

@@ -51,7 +51,7 @@ export class PlaybackStatus {
     if (isFirst) this.show(now);
   }
 
-  // A hidden page gets no frames, so the stall time starts again.
+  // A hidden page gets no pictures. The time while it is hidden must not count as a stall.
   visibilityChanged(now) {
     if (this.#shownAt !== undefined) this.#shownAt = now;
   }
@@ -76,9 +76,10 @@ export class PlaybackStatus {
       case 'closed':
         return ['failed', 'The connection is closed'];
       case 'waiting':
-        return ['waiting', 'The connection is lost', 'Trying again.'];
-      case 'connecting': // the same title as while waiting: a screen reader announces every change
-        return ['waiting', this.#wasOpen ? 'The connection is lost' : 'Connecting'];
+      case 'connecting': // the same words as while waiting: a screen reader announces every change
+        return this.#wasOpen
+          ? ['waiting', 'The connection is lost', 'Trying again.']
+          : ['waiting', 'Connecting'];
       default:
         return this.#currentPicture(now);
     }

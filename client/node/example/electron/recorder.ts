@@ -35,7 +35,8 @@ const report = ({ code, message }: { code?: string; message: string }) =>
 // does a frame that comes after the helper has ended.
 function helperFor(format: FrameFormat): Promise<Helper> {
   if (running?.format === format) return running.helper;
-  const last = running?.helper.then((helper) => helper.stop());
+  // If the last helper could not start, its own frames fail, not these.
+  const last = running?.helper.then((helper) => helper.stop()).catch(() => undefined);
   const options = { format, sound, stderr: (text: string) => console.error(text) };
   const helper = Promise.resolve(last).then(() => startHelper(options));
   running = { format, helper };
@@ -78,7 +79,8 @@ function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
   acceptFrames(frames, (format) => {
     const helper = helperFor(format);
     if (!isShown) {
-      isShown = true; // when the preview has been over for `retryAfter`, the next frame shows it
+      isShown = true;
+      // The first frame that comes `retryAfter` after the end of a preview shows it again.
       const retry = () => setTimeout(() => (isShown = false), retryAfter);
       void showPreview(helper, preview).catch(console.error).finally(retry);
     }
