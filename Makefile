@@ -10,9 +10,9 @@
 #   make losses         show what takes lose by kills, power cuts, bad disks and others (6 minutes)
 #   make long-take      show what grows in a take of two hours, with a clock that runs SPEED times as
 #                       fast (12 minutes)
-#   make sound-sync     show how far sound is from the picture in takes of MINUTES (120 with SPEED=20: half
-#                       an hour), with a helper's clock that runs SPEED times as fast, and devices whose
-#                       clocks are wrong
+#   make sound-sync     show how far sound is from the picture in takes of MINUTES, with sound
+#                       devices whose clocks may be wrong, and with a helper's clock that runs
+#                       SPEED times as fast (half an hour with MINUTES=120 SPEED=20)
 #   make lint           check formatting, includes and the error table, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)

@@ -32,8 +32,8 @@ std::string scenery(int width, int height) {
 
 }  // namespace
 
-// One picture, a little larger than a frame, is turned about its middle: at 1920 pixels its sides
-// move by up to a pixel a frame. The sensor's noise has a deviation of 3 of 255.
+// One picture, a little larger than a frame, is turned about its middle. At a width of 1920 pixels
+// the sides move by up to a pixel a frame. The sensor's noise has a deviation of 3 of 255.
 CameraClip::CameraClip(client::FrameSize camera, const client::FrameFormat& format,
                        client::FrameSize size)
     : size_(size), format_(format) {

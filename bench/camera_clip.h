@@ -6,9 +6,9 @@
 
 namespace lumora::bench {
 
-// A clip that resembles a camera's, since an encoder's work depends on the picture: detail of every
-// size, edges, a slight shake and the noise of a sensor. It loops without a jump. ffmpeg draws it
-// in the constructor. It is the same in every run.
+// A clip like a camera's: detail of every size, edges, a slight shake and the noise of a sensor. An
+// encoder's work depends on these. The clip loops without a jump, and is the same in every run.
+// ffmpeg draws it in the constructor.
 class CameraClip final : public tools::FrameSource {
  public:
   // RGBA, or `tools::nv12BT709`. Throws std::runtime_error when ffmpeg does not draw it.

@@ -28,7 +28,7 @@ using Json = nlohmann::json;
 constexpr int rates[] = {30, 60};     // frames a second
 constexpr double overhead = 2;        // seconds of a run, besides its frames
 constexpr double judgingSeconds = 8;  // for the files of a contender
-constexpr double steadySeconds = 20;  // a steady run lasts so long times ROUNDS
+constexpr double steadySeconds = 20;  // of a steady run, times ROUNDS
 const Job jobs[] = {{camera, "superfast"}, {camera, "ultrafast"}, {camera, ""}, {defaultTake, ""}};
 
 struct Column {

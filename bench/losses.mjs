@@ -1,7 +1,7 @@
-// Prints the most that a take loses by each fault, without and with "on_failure": "keep". Ends with
-// 1 if a take with "keep" lost more than it may. Each picture shows its number, which is read from
-// the movie with ffmpeg. A full disk is a small file system that the script mounts, so it needs a
-// namespace. All other takes are written below TMPDIR.
+// Prints the most that a take loses by each fault, without and with "on_failure": "keep". The exit
+// status is 1 if a take with "keep" lost more than it may. Each picture shows its number, which is
+// read from the movie with ffmpeg. For a full disk the script mounts a small file system, so it
+// needs its own mount namespace. All other takes are written below TMPDIR.
 //
 //   unshare --map-root-user --mount node losses.mjs HELPER LIBRARY_OF_FAULTS [FAULT]
 
@@ -27,15 +27,15 @@ const noise = crypto.randomBytes(1 << 20); // for the rest of a picture: gives a
 // Seconds after the start of a take. All are later than half a second, and each is at another place
 // in a fragment.
 const moments = Array.from({ length: 20 }, (_, i) => 1 + 0.153 * i);
-// One of the syncs 3 to 7 takes 7 s, so that the failed take can be completed, or 30 s. In the last
-// case each sync takes 1 s.
+// One sync, the third to the seventh, takes 7 s or 30 s. After 7 s the failed take can still be
+// completed. In the last case each sync takes 1 s.
 const syncs = [...[3, 4, 5, 6, 7].flatMap((nth) => [`${nth}:-7`, `${nth}:-30`]), '0:-1'];
 const changeSize = (take) => { take.size = [160, 120]; };
 
-// A take is recorded for each of `states`. `cause` is called that many seconds into the take,
-// `failing` is for tests/faults/fault_library.cpp, `bytes` is the size of the disk. With "keep" a
-// take may lose `most` seconds (if set) of what was appended, and nothing of what was synced unless
-// `losesAll` is set.
+// A take is recorded for each state in `states`. `cause` is called when the take is as many seconds
+// old as the state. `failing` returns LUMORA_FAULT (see tests/faults/fault_library.cpp), `bytes`
+// the size of the disk. With "keep" a take may lose `most` seconds (if set) of what was appended,
+// and nothing of what was synced unless `losesAll` is set.
 const faults = [
   { name: 'kill', states: moments, most: 1, cause: (take) => take.program.kill('SIGKILL') },
   { name: 'power cut', states: moments.slice(-2), most: 1, isPowerCut: true,

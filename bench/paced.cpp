@@ -1,4 +1,4 @@
-// The helper under a steady load, as a camera application makes it.
+// Runs the helper under a steady load like a camera application's.
 
 #include <cstdio>
 #include <cstdlib>

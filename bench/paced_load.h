@@ -12,8 +12,8 @@ namespace lumora::bench {
 std::optional<client::TakeOptions> takeOf(const std::string& profile, int targetFPS,
                                           const std::string& path);
 
-// `tools::runPaced`, after removing the movie of the run before. With MEMORY=settled in the
-// environment memory is touched first.
+// `tools::runPaced`, after removing the movie of the run before. First touches memory if
+// the environment has MEMORY=settled.
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source);
 
 struct Delivered {

@@ -10,13 +10,13 @@ namespace lumora::bench {
 
 struct PipelineReport {
   double cpuSeconds = 0;   // of the program
-  double wallSeconds = 0;  // from the first frame that it has read to its end
+  double wallSeconds = 0;  // from the end of reading the first frame to the program's end
   double peakMegabytes = 0;
   std::string output = {};  // what it printed
 };
 
-// Runs a shell command that reads the clip's frames of these numbers from its standard input, at a
-// rate or (0) as fast as it takes them. Throws std::runtime_error when it fails.
+// Runs a shell command, which gets the clip's frames of these numbers on its standard input: at a
+// rate, or as fast as it reads if the rate is 0. Throws std::runtime_error when the command fails.
 PipelineReport runPipeline(const std::string& command, CameraClip& clip,
                            const std::vector<std::uint64_t>& numbers, int framesPerSecond = 0);
 

@@ -12,8 +12,8 @@ class Progress {
  public:
   // How long all steps take, by plan.
   explicit Progress(double seconds) : planned_(seconds) {}
-  // Begins a step that is planned to take so long. The time left is scaled by how long the steps
-  // before took against their plan.
+  // Begins a step that is planned to take so long. Multiplies the planned time left by the
+  // ratio of real to planned time so far.
   void begin(const std::string& step, double seconds) {
     const double elapsed = (client::Uptime::now() - start_).count();
     const double pace = begun_ > 0 ? elapsed / begun_ : 1;

@@ -59,7 +59,7 @@ Run runHelper(tools::RunOptions load, CameraClip& clip, int rate) {
   run.figures["take_mb"] = megabytes(std::filesystem::file_size(load.take->path));
   run.figures["preview_mb"] = megabytes(std::filesystem::file_size(load.previewPath));
   for (const tools::Delivery& delivery : report.deliveries) run.inPreview.push_back(delivery.frame);
-  // The take has the same frames, perhaps without the last one, which may come after the stop.
+  // The take has the preview's frames, perhaps without the last, which may come after the stop.
   const bool isWhole = report.take.dropped == 0 && report.take.throttled == 0;
   if (isWhole && report.take.frames <= run.inPreview.size()) {
     run.inTake = run.inPreview;

@@ -20,8 +20,8 @@ struct Job {
   std::string preset;      // empty: as shipped
 };
 
-// What the camera sees, as RGBA and as NV12. The last two are NV12 in sizes of the encoders, for
-// the encoders alone.
+// What the camera sees, as RGBA and as NV12. `preview` and `smallTake` are NV12 at the size of an
+// encoder's pictures, for the encoders alone.
 struct Clips {
   CameraClip rgba{camera};
   CameraClip nv12{camera, tools::nv12BT709};
@@ -40,8 +40,8 @@ Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs
 Run runHelper(tools::RunOptions load, CameraClip& clip, int rate);
 Run runEncoders(Clips& clips, const Job& job, int rate,
                 const std::function<void()>& besideEach = {});
-// Does what `runEncoders` does, and reads as many bytes as a frame of `clip` has from a pipe for
-// each picture: the least cost of a program that is fed through a pipe.
+// Does what `runEncoders` does, and for each picture reads the bytes of one frame of `clip` from a
+// pipe. No program that is fed through a pipe can cost less.
 Run runEncodersAndPipe(Clips& clips, const Job& job, int rate, const CameraClip& clip);
 
 nlohmann::json figuresOf(const tools::RunOptions& load, const tools::RunReport& report);

@@ -84,8 +84,8 @@ class ChildProcess {
   std::string pending_;  // the start of a line
   std::optional<Exited> exit_;
   std::atomic<bool> isAbandoned_ = false;
-  // `abandon` writes a byte to `wake_`, which ends every wait. Closing `wake_` would not while a
-  // forked process has a copy of it.
+  // `abandon` writes a byte to `wake_`, which ends every wait. Closing `wake_` would end none while
+  // a forked process has a copy of it.
   Descriptor wake_;
   Descriptor woken_;
 };

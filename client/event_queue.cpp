@@ -46,7 +46,7 @@ void EventQueue::dispatch() {
   auto waiting = state->calls.size();
   hold.unlock();
   for (; waiting > 0; --waiting) {
-    // A call may run an event loop, which makes the calls behind it. Then `take` returns none.
+    // A call may run an event loop that dispatches the calls after it. Then `take` returns none.
     for (const auto& call : state->take()) call();
   }
 }

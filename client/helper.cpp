@@ -301,7 +301,7 @@ class Helper::Impl {
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;
 
-  // Guards the fields down to `stopper_`, `slots_`, and collecting the status.
+  // Guards `slots_`, the next fields up to `stopper_`, and the collection of the exit status.
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   bool isReady_ = false;

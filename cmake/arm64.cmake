@@ -1,5 +1,5 @@
-# Debian's cross compiler for 64-bit Arm, with its multi-arch libraries; what is built runs under
-# qemu-user. The processor is named: by default Highway would find SVE in the emulator.
+# Debian's cross compiler for 64-bit Arm, with its multi-arch libraries. The programs run under
+# qemu-user as a processor without SVE. By default Highway would find SVE in the emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

@@ -1,4 +1,4 @@
-# Writes a C++ source with the bytes of files, found by their names:
+# Writes a C++ source that contains files and finds them by name:
 #   cmake -DOUTPUT=page_files.cpp -DFILES=a;b -P embed_files.cmake
 set(arrays "")
 set(entries "")

@@ -1,5 +1,5 @@
-// Checks that docs/troubleshooting.md has the words of the errors of the client libraries and the
-// tools, and no others in its tables about these.
+// Checks that docs/troubleshooting.md lists every error of the client libraries and the tools, and
+// that its tables about them list no others.
 
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
@@ -21,7 +21,7 @@ const sources = [...cpp, ...filesIn('client/node/src/', '.ts')].map(read)
 const strings = /"((?:[^"\\\n]|\\.)*)"|'((?:[^'\\\n]|\\.)*)'|`([^`]*)`/g;
 const stringsIn = (text) => [...text.matchAll(strings)].map(([, ...kinds]) => kinds.join(''));
 
-// The strings that are thrown, and those that begin as a sentence.
+// The strings that are thrown, and those that begin like a sentence.
 const errors = sources.flatMap((text) => [
   ...[...text.matchAll(/\b(?:throw |\w*[Ee]rror\(|abandon\w*\(|(?:problem|message) = |words: )[^;]*;/g)]
     .flatMap(([statement]) => stringsIn(statement)),
@@ -30,7 +30,7 @@ const errors = sources.flatMap((text) => [
 ]);
 
 const unescaped = (text) => text.replace(/\\(["'])/g, '$1');
-// The parts of a text with two words or more, between what changes.
+// The constant parts of a text, those of two words or more. `changes` matches what lies between.
 const partsOf = (text, changes) => unescaped(text).split(changes).map((part) => part.trim())
   .filter((part) => /\w \w/.test(part));
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks the formatting, the includes between folders, the errors in the documents and the version of
+# Checks the formatting, the includes between folders, the documented errors and the version of
 # the Node package. Then runs clang-tidy, in as many processes as the first argument says.
 set -euo pipefail
 jobs=${1:-2}

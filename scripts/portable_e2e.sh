@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the end-to-end tests of this machine. The portable program runs inside a new minimal Debian of SUITE,
-# the tests and ffmpeg on this machine. Tests that preload a library into the helper or start the viewer run
-# the program on this machine, too.
+# Runs the end-to-end tests and ffmpeg on this machine, and the portable program inside a new
+# minimal Debian of SUITE. Tests that preload a library into the helper or start the viewer run the
+# program on this machine, too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then

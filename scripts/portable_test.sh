@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tests the packages of scripts/portable.sh in two ways. scripts/try_portable.sh uses them as a new user
 # would, in a new minimal Debian of SUITE without FFmpeg. scripts/portable_e2e.sh runs the end-to-end tests
-# of this machine, while the helper runs inside such a Debian. Needs root and some minutes.
+# on this machine, with the helper inside such a Debian. Needs root and some minutes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export SUITE=${SUITE:-bookworm}

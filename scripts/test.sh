@@ -5,7 +5,7 @@ set -euo pipefail
 jobs=${1:-2}
 
 # The browser tests control Chromium with a package from npm. The audience tests use Debian's servers, and the
-# example for Qt its Qt.
+# Qt example uses Debian's Qt.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
 scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mod-rtmp srt-tools \
   qt6-base-dev libswscale-dev "${node[@]}"

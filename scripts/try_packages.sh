@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs inside the system that scripts/fresh.sh makes. Installs the packages that were built outside and runs the
 # demo. Builds the example of the client library with CMake and with pkg-config. Packs the Node client and
-# installs it into an application. Runs all three.
+# installs it into an application. Runs both programs and the application.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=("/origin/build/$SUITE/packages/"*.deb)

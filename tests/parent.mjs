@@ -35,7 +35,7 @@ export function recordOf(payload, [columns, rows], frameID) {
 export const commandOf = (keys) => recordOf(Buffer.from(JSON.stringify(keys)), [0, 0], 0);
 
 // Starts a helper and feeds it grey pictures, at most one in 16 ms, each a little lighter. `ids`
-// are those of the frames that were fed.
+// lists the ids of these frames.
 export async function startParent(helper) {
   const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const lines = readline.createInterface({ input: program.stdout });

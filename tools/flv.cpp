@@ -23,9 +23,9 @@ Bytes flvHeader() {
   return {'F', 'L', 'V', 1, hasVideo, 0, 0, 0, 9, 0, 0, 0, 0};
 }
 
-// type 1 | size 3 | time 3 | its highest byte 1 | stream, 0: 3
-// frame and codec 1 | kind 1 | time to show, 0: 3 | payload
-// size of all of that 4
+// type 1 byte | size of the next row 3 | low bytes of the time 3 | highest byte 1 | stream (0) 3
+// frame type and codec 1 | packet type 1 | composition time (0) 3 | payload
+// size of both rows 4
 Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   const bool isConfiguration = packet.type == client::Packet::Type::configuration;
   const Bytes payload = isConfiguration

@@ -1,7 +1,7 @@
 #pragma once
 
-// H.264 as FLV. Like the helper's packets, FLV has NAL units after their lengths. Adobe Flash Video
-// File Format, version 10.1, annex E. Pure.
+// H.264 as FLV. FLV puts the length of each NAL unit before it, as the helper's packets do. Adobe
+// Flash Video File Format, version 10.1, annex E. Pure.
 
 #include <cstdint>
 #include <optional>

@@ -72,8 +72,8 @@ class CommandSource final : public FrameSource {
   std::vector<std::uint8_t> frame_;
 };
 
-// What a camera is asked for, beside the rate. It gives the nearest size and rate that it has, and
-// decides itself where nothing is named.
+// What a camera is asked for, beside the rate. The camera gives the nearest size and rate that it
+// has, and chooses what is not named.
 struct CameraWish {
   std::optional<client::FrameSize> size = {};
   std::string format = {};  // as ffmpeg names it, for example "mjpeg"

@@ -168,8 +168,8 @@ class Run {
   std::ofstream copy_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<std::uint64_t> ids_;  // of the frames that were fed; `mutex_` guards these two
-  RunReport report_;
+  std::vector<std::uint64_t> ids_;  // of the frames that were fed; guarded by `mutex_`
+  RunReport report_;                // guarded by `mutex_`
   client::Helper helper_;
   std::vector<std::jthread> watchers_;
 };

@@ -31,7 +31,8 @@ class CommandPipe {
   client::ChildProcess process_;
 };
 
-// What a command prints on both streams, and its exit status unless that is 0. Throws
+// What a command prints on both streams, and its exit status unless that is 0. Of a pipeline or a
+// list without braces around it, only the last program's errors are caught. Throws
 // std::system_error when no shell can be started.
 std::string outputOf(const std::string& command);
 
@@ -51,7 +52,7 @@ struct ProcessFigures {
   int threads = 0;
 };
 
-// Of a running process, now.
+// Of a running process, now. Throws std::filesystem::filesystem_error if it has ended.
 ProcessFigures processFigures(pid_t process);
 
 }  // namespace lumora::tools

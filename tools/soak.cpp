@@ -180,7 +180,7 @@ class Soak {
     expectFlat("threads", &tools::ProcessFigures::threads, threadsOfSpareEncoders);
   }
 
-  // Ends the run if the median of the last quarter of rests is above the first's plus `growth`.
+  // Ends the run if the median rose by over `growth` from the first quarter of rests to the last.
   template <typename Number>
   void expectFlat(const char* what, Number tools::ProcessFigures::*figure, double growth) const {
     const auto median = [&](std::size_t from, std::size_t to) {

@@ -31,8 +31,8 @@ class SteadySound {
   std::int64_t written_ = 0;         // samples
 };
 
-// The sound of a test card: a beep of 1 kHz from the capture of a picture that flashes until that
-// of the first one that does not. So both are in step, whenever pictures are captured.
+// The sound of a test card: a beep of 1 kHz. It begins when a picture with a flash is captured, and
+// ends when one without is. So sound and picture are in step even if pictures come irregularly.
 class Beeps {
  public:
   // A picture is captured now. Passes the sound since the one before to the helper.

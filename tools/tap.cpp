@@ -33,7 +33,7 @@ using client::Packet;
 struct Options {
   tools::HelperAddress helper;
   bool flv = false;
-  std::optional<bool> timesFromIDs = {};  // empty: if they are times
+  std::optional<bool> timesFromIDs = {};  // empty: see `FlvTimes`
   double patience = 10;                   // seconds
 };
 

@@ -61,7 +61,7 @@ void startService(const std::vector<std::string>& arguments,
   if (!configuration) endWith(invalidConfiguration);
   lumora::waitForMemory();
   lumora::keepFreedMemory();
-  // Static, so that both live until the process ends. It ends in `_exit`, without destructors.
+  // `platform` and `service` are static, so that they live until `_exit` ends the process.
   static lumora::Platform platform =
       lumora::makeSystemPlatform(configuration->h264Encoder, configuration->frameFormat.pixels);
   if (const auto descriptor = configuration->frameMemoryDescriptor) {

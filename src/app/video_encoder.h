@@ -28,9 +28,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // app/: lifecycle. `start` throws std::system_error when the listener or a thread can't be made.
   void start();
   void shutdown(int code);
-  // Requests: any thread. Even if the state queue hangs, the process ends within `watchdogTimeout`.
-  void requestShutdown();
-  void requestFailure(const std::string& message);
+  // Even if the state queue hangs, the process ends within `watchdogTimeout` of a request.
+  void requestShutdown();                           // any thread
+  void requestFailure(const std::string& message);  // any thread
   void exitNow(int code);
   void emit(const Json& event);
 
@@ -77,8 +77,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void serviceTickLater();
   void fail(const std::string& message);  // emits the "error" event and calls `shutdown(1)`
 
-  // input/: reader thread. The functions that read input, except `readExactly`, throw when it
-  // breaks the protocol or ends inside a record.
+  // input/: reader thread. Except `readExactly`, the functions that read input throw when the input
+  // breaks the protocol or ends inside a payload.
   bool readExactly(MutableByteView space);  // false when the input ends first
   void readCommand(const RecordHeader& header);
   void readSound(const RecordHeader& header);
@@ -122,7 +122,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // stream/
   void receive(const Peer& peer);
   void received(std::uint64_t peerID, ByteView bytes, bool complete, std::error_code error);
-  // These three answer false when the connection must end.
+  // `takeBytes`, `handleLine` and `authenticate` answer false when the connection must end.
   bool takeBytes(Peer& peer, ByteView bytes);
   bool handleLine(Peer& peer);
   bool authenticate(Peer& peer, const std::string& offered);
@@ -148,7 +148,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // The fields by subsystem. They belong to the state queue unless their comment says otherwise.
 
-  // app/: any thread may read these two, since they never change.
+  // app/: any thread may read `platform` and `configuration`, since they never change.
   const Platform platform;
   const Configuration configuration;
 

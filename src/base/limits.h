@@ -1,6 +1,6 @@
 #pragma once
 
-// The limits and timeouts of the service as a whole. Those of one format or rule are in its file.
+// The limits and timeouts of the whole service. Each format or rule has its own in its own file.
 
 #include <chrono>
 #include <cstddef>
@@ -9,7 +9,7 @@
 namespace lumora {
 
 constexpr std::int64_t maximumRawPixels = 1920 * 1080;                // of a raw frame
-constexpr std::size_t maximumRecordingSampleBytes = 1920 * 1080 * 4;  // a raw frame's size
+constexpr std::size_t maximumRecordingSampleBytes = 1920 * 1080 * 4;  // of an encoded sample
 constexpr std::size_t maximumPacketBytes = 2 << 20;  // of a stream packet without its length field
 constexpr std::size_t maximumLineBytes = 4096;       // event, command, peer line
 constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
@@ -26,8 +26,8 @@ constexpr double helloTimeout = 1.0;                    // seconds from accept t
 // Seconds that a frame may stay unacknowledged, and that the network may take for one send.
 constexpr double acknowledgementTimeout = 0.5;
 
-// How many seconds a time that the parent states (of a command or of sound) may lie after the
-// helper's clock (lead) or before it (age).
+// The parent states times of commands and of sound. Such a time may lie at most `maximumLead`
+// seconds after the helper's clock, and at most `maximumAge` seconds before it.
 constexpr double maximumLead = 0.05;
 constexpr double maximumAge = 30;
 

@@ -9,7 +9,7 @@ namespace lumora {
 // The first `count` characters (code points) of UTF-8 text.
 std::string firstCharacters(const std::string& text, std::size_t count);
 
-// What went wrong, in the system's words if it has some: "Too many open files".
+// What went wrong: the system's text, such as "Too many open files", or else the exception's own.
 std::string reasonOf(const std::exception& error);
 // The same for an errno.
 std::string reasonOf(int error);

@@ -37,8 +37,8 @@ Bytes addEmulationPrevention(ByteView bytes) {
   return unit;
 }
 
-// What is needed of a set, and positions in it in bits. If there is no usability information, the
-// first three positions are that of vui_parameters_present_flag.
+// What is needed of a set. Positions are in bits. Without usability information, `signalAt`,
+// `signalEnd` and `restrictionAt` are the position of vui_parameters_present_flag.
 struct Vui {
   bool present = false;
   std::size_t signalAt = 0;  // of video_signal_type_present_flag

@@ -71,7 +71,7 @@ constexpr std::uint32_t infoNotPrepared = 0x100;  // preparing failed in the bac
 
 class CompressionSession {
  public:
-  // Called once per submitted frame until `invalidate`, on the session's worker. Does not throw.
+  // The worker calls it once per submitted frame until `invalidate`. An exception ends the process.
   using OutputHandler = std::function<void(Status status, std::uint32_t infoFlags,
                                            const std::shared_ptr<const EncodedSample>& sample)>;
 

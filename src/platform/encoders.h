@@ -22,8 +22,8 @@ class Encoders {
   // Called first. In the background: opens an encoder for this preview, and looks for hardware that
   // can encode this preview, or at least this take.
   virtual void prepare(const EncoderSettings& preview, const EncoderSettings& take) = 0;
-  // Runs `work` on the state queue once a preview can begin without delay, never before this
-  // returns. `work` waits for hardware only if software encoders are not allowed.
+  // Runs `work` on the state queue once a preview can begin without delay, never inside the call.
+  // The search for hardware delays `work` only if software encoders are not allowed.
   virtual void whenPrepared(Work work) = 0;
   // In the background: slowly touches as much memory as the largest take needs, unless hardware was
   // found. Then opens an encoder for the likeliest take. Stops when `openAhead` is called.

@@ -84,7 +84,7 @@ struct BasicPicture {
 using Picture = BasicPicture<std::uint8_t>;
 using PictureView = BasicPicture<const std::uint8_t>;
 
-// Bytes of a picture whose planes follow each other, with rows that are multiples of `alignment`.
+// Bytes of a picture whose planes follow each other. A row takes a multiple of `alignment` bytes.
 std::size_t pictureBytes(PixelLayout layout, PictureSize size, std::int64_t alignment = 1);
 
 // The picture whose planes follow each other at `samples`, as `pictureBytes` counts them.

@@ -27,7 +27,7 @@ struct MovieTiming {
 struct AacFormat {
   std::uint32_t rate = 0;      // samples a second, also the units of the track
   std::uint16_t channels = 0;  // 1 or 2
-  std::uint32_t priming = 0;   // samples of the first packets that are not to be heard
+  std::uint32_t priming = 0;   // samples in front of the first one to be heard
   Bytes configuration;         // the AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1)
 };
 

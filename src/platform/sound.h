@@ -15,7 +15,7 @@ namespace lumora {
 
 constexpr int soundPacketSamples = 1024;  // of each channel, in every packet
 
-// Samples per second of the track for sound of this rate: the same if AAC-LC has it, else 48000.
+// The track's samples per second: `sourceRate` if AAC-LC has that rate, else 48000.
 constexpr int soundTrackRate(int sourceRate) {
   constexpr std::array rates = {8000,  11025, 12000, 16000, 22050, 24000,
                                 32000, 44100, 48000, 64000, 88200, 96000};
@@ -46,7 +46,7 @@ class SoundEncoder {
                         SoundPackets& packets) = 0;
   // Appends the rest of the packets. The last call.
   virtual Status flush(SoundPackets& packets) = 0;
-  // How many samples of the track the sound encoded so far fills, without priming.
+  // The length of the sound encoded so far, in samples of the track. Priming does not count.
   virtual std::int64_t length() const = 0;
 };
 

@@ -102,7 +102,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
     // `reach`, a fraction of the sides, have values.
     const auto ramp = [&](PictureSize in, double down, double reach) -> Paint {
       return [=](int component, double x, double y) {
-        // A chroma sample lies on the left of its two columns, and halfway between its two rows.
+        // A chroma sample lies in the left of its two columns, and halfway between its two rows.
         if (isChroma(format, component)) x *= 2, y = 2 * y + 0.5;
         x = (x + 0.5) / static_cast<double>(in.width) - 0.5;
         y = (y + 0.5) / static_cast<double>(in.height) - 0.5;
@@ -121,7 +121,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
 
 TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesChromaAtABarsEdgeToThePicture) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
-  // The left bar ends at an even column first, then at an odd one. The third case is not scaled.
+  // The left bar's width is even in the first case, odd in the second. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
       {{134, 100}, {100, 50}}, {{74, 100}, {100, 50}},   {{100, 22}, {100, 50}},
       {{190, 108}, {64, 36}},  {{190, 108}, {320, 180}}, {{190, 108}, {24, 200}},

@@ -34,7 +34,7 @@ struct Failures {
     return answer;
   }
 
-  std::map<std::string, std::deque<int>> answers;  // the next of each call; later ones are 0
+  std::map<std::string, std::deque<int>> answers;  // of each call, the next first; then 0
 };
 
 struct CanFail {
@@ -95,7 +95,7 @@ struct FakeDispatch final : Dispatch {
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
-  // Runs the work detached last, but never the first, which is the reader. Whether any was run.
+  // Runs the work that was detached last. Never runs the first, the reader. Whether any was run.
   bool runDetached() {
     if (hangs || detached.size() < 2) return false;
     const Work work = std::move(detached.back());
@@ -135,7 +135,7 @@ struct FakeProcess final : Process, CanFail {
   }
   void rearmWatchdog(double seconds, int code) override { watchdog = {seconds, code}; }
 
-  // Forgets all events. Returns those of this type, or all if it is empty, oldest first.
+  // Forgets all events. Returns those of this type, oldest first. An empty type stands for all.
   std::vector<Json> takeEvents(const std::string& type = "") {
     std::vector<Json> events;
     for (const std::string& line : std::exchange(lines, {})) {
@@ -144,7 +144,7 @@ struct FakeProcess final : Process, CanFail {
     }
     return events;
   }
-  // The one event of a type, or an empty object.
+  // Forgets all events. Returns the only one of this type, or an empty object.
   Json takeEvent(const std::string& type) {
     const auto events = takeEvents(type);
     EXPECT_LE(events.size(), 1u) << type;
@@ -284,7 +284,7 @@ struct FakeDecoder final : FrameDecoder {
   Work onDecode = [] {};
 };
 
-// What the sound encoders were given.
+// What the last sound encoder was given.
 struct FakeSound : CanFail {
   using CanFail::CanFail;
   SoundSettings settings = {};

@@ -91,7 +91,7 @@ struct Written {
     writer.append(Bytes(9, 0x11));
     ++packets;
   }
-  // `count` samples of 1000 units each, a key frame every 30.
+  // `count` samples of 1000 units each. The first of every 30 is a key frame.
   void fill(int count) {
     for (int i = 0; i < count; ++i) append(i % 30 == 0, {i * 1000, 1000});
   }
@@ -107,7 +107,7 @@ struct Written {
   HybridMovieWriter writer{std::make_unique<DiskSink>(disk), 3'800'000'000};
 };
 
-// Where the type of the last box of this type lies in a file.
+// The offset of the type field in the last box of this type.
 std::size_t boxIn(const Bytes& bytes, const char* type) {
   return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).rfind(type);
 }

@@ -16,14 +16,14 @@ namespace lumora {
 
 struct MovieContents {
   bool opened = false;
-  std::int64_t duration = 0, samples = 0;  // of the stream, by its tables
+  std::int64_t duration = 0, samples = 0;  // as the tables of the track say
   std::vector<std::int64_t> times, durations;
   int keyframes = 0;
   std::uint32_t skipped = 0;  // samples of sound at the beginning
 };
 
-// Reads one track of a movie with libavformat. Keeps only packets with a whole sample of the
-// tests: its byte 5 and its last byte are 0x11.
+// Reads one track of a movie with libavformat. Keeps only whole packets. In the samples of the
+// tests, byte 5 (counted from 0) and the last byte are 0x11.
 inline MovieContents readMovie(ByteView bytes, unsigned track = 0) {
   av_log_set_level(AV_LOG_QUIET);
   const int file = memfd_create("movie", 0);

@@ -105,7 +105,7 @@ TEST_F(Peers, AcknowledgeAllFramesUpToTheNamedOne) {
   frameFor(*client, 9);
   probe.clock->now += 0.5;
   for (const std::uint64_t id : {12u, 15u}) frameFor(*client, id);
-  client->deliver(ack("9.0") + std::string(4069, ' ') + ack("9") + ack("8"));  // 4,096 bytes
+  client->deliver(ack("9.0") + std::string(4069, ' ') + ack("9") + ack("8"));  // line 2: 4096 bytes
   probe.clock->now += 0.125;
   client->deliver(ack("12"));
   const Json all = probe.statistics();
@@ -158,7 +158,7 @@ TEST_F(Delivery, DropsFramesForAClientWithSixUnacknowledged) {
     if (slow->onSent && id != 6) slow->finishSend();  // the sixth send stays outstanding
   }
   EXPECT_EQ(slow->sent.size(), 6u);
-  // A frame with both causes counts as a credit drop only.
+  // Frame 7 lacks credit and comes during a send. It counts as a credit drop only.
   const Json all = probe.statistics();
   expectKeys(all, {{"credit_drops", 2}, {"send_drops", 0}, {"idr_resyncs", 1}});
   expectKeys(all, {{"max_unacked_observed", 6}, {"max_pending_acks", 6}});

@@ -159,10 +159,10 @@ struct ServiceTest : testing::Test {
   VideoEncoderProbe probe;
 };
 
-// Takes of the service on fakes: commands, one camera frame at a time, the events they bring.
 inline const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
 inline const std::string takePath = "/takes/a.mp4";
 
+// Takes on fakes: sends commands, feeds one camera frame at a time, collects the events.
 struct Takes : ServiceTest {
   std::vector<Json> send(const char* type, Json command) {
     command.emplace("type", type);

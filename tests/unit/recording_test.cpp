@@ -246,7 +246,7 @@ TEST_F(Takes, ReportProgressOnceASecondAndThenRepeatTheirOutcome) {
   probe.tickAt(1002.6);
   probe.run();
   expectKeys(probe.process->takeEvent("recording"), {{"frames", 1}, {"duration", 0.5}});
-  // Once the disk has failed, no progress is reported, even before the next sample.
+  // A disk failure ends the progress reports at once, before the next sample fails the take.
   writer().problem = "No space left on device";
   probe.tickAt(1003.7);
   EXPECT_TRUE(events("recording").empty());

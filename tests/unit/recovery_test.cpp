@@ -43,8 +43,8 @@ struct Recovery : testing::Test {
   }
   // As if an hour had passed: a file younger than a minute is left, as it may still be recorded.
   RecoveredTake recover() const { return recoverTake(staging, std::time(nullptr) + 3600); }
-  // A movie of seven samples, as a crash leaves it after the tables and before the new head. It may
-  // have sound up to its end.
+  // A movie of seven samples, as a crash leaves it when the tables are written, but not yet the new
+  // head. It may have sound up to its end.
   Bytes interrupted(bool hasSound = false) const {
     std::filesystem::remove(staging);
     std::string error;

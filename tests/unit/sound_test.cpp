@@ -62,7 +62,7 @@ TEST(DeviceClock, HoldsRecordsOffTheLineUntilTheirTimesAreCertain) {
 TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
   DeviceClock clock(48000);
   double captured = 10;
-  double off = 0;    // seconds from the last stated time to where the clock puts that record
+  double off = 0;    // seconds between the last record's stated time and the clock's
   double drift = 0;  // as the clock measures it
   const auto add = [&](double late) {
     const double stated = std::exchange(captured, captured + 0.05 * (1 + 1e-4)) + late;
@@ -142,7 +142,7 @@ struct Device {
   int samples = 960;      // of a record; 0: random numbers
   double slow = 100;      // ppm at the start; falls by a third as the device warms up
   double jump = 0;        // seconds that the times gain after an hour
-  int lost = 0;           // one of so many records is lost; 0: none
+  int lost = 0;           // 1 record in `lost` is lost; 0: none
   int gaps = 0;           // expected in the track
   double missing = 0;     // expected; seconds
   double jitter = 0.005;  // seconds that the parent's times are off, at most
@@ -236,7 +236,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
     EXPECT_LE(take.worst, 0.010) << device.what;
     EXPECT_LE(take.afterAnHour, 0.002 + device.delay) << device.what;
     EXPECT_LE(take.mostCompensation, 550) << device.what;
-    EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second
+    EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second, in 0.25 s
     EXPECT_EQ(take.placing.gaps(Take::end), device.gaps) << device.what;
     EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.004 * (1 + device.gaps))
         << device.what;
@@ -268,7 +268,7 @@ std::vector<float> decode(const SoundEncoder& encoder, const SoundPackets& packe
   return left;
 }
 
-// Fits the tone to 4096 samples, with a Hann window. `angle` is the tone's at the first sample.
+// Fits the tone to 4096 samples, with a Hann window. `angle` is its phase at the first sample.
 void expectTone(const float* samples, double angle, double step, double noise) {
   std::complex<double> tone;
   double energy = 0;

@@ -105,7 +105,7 @@ Bytes makeSet(const std::string& elements) {
 }
 
 // A Constrained Baseline set of 64 × 64, and a High set with much that is optional: scaling lists
-// (one that ends early, one that goes up and down), picture order 1, fields, cropping.
+// (one that ends early, one that goes up and down), picture order type 1, fields, cropping.
 const std::string baseline = "8:0x67 24:0x42C029 0 0 2 2 1:0 3 3 1:1 1:1 1:0 ";
 const std::string high = [] {
   std::string list;
@@ -113,7 +113,7 @@ const std::string high = [] {
   return "8:0x67 24:0x640029 0 1 0 0 1:0 1:1 1:1 16 5:0 1:1 " + list +
          "1:0 0 1 1:0 3 4 2 5 6 2 1:0 3 1 1:0 1:0 1:1 1:1 0 1 0 1 ";
 }();
-// Sets without the restriction: `some` has timing alone, with zero bytes in a row; `all` is full.
+// Sets without a bitstream restriction. `some` has only timing, with zeros in a row. `all` is full.
 const std::string hrd = "1 8:0x12 70 70 1:1 80 80 1:1 20:0xABCDE ";
 const std::string timing = "1:1 32:1 32:120 1:1 ";
 const std::string behindColours = "1:0 " + timing + "2:0 1:1 ";

@@ -219,7 +219,7 @@ struct EncoderRun {
     EXPECT_EQ(session->prepareToEncodeFrames(), 0);
     return session;
   }
-  // What the session answers for a picture. If it was not created: the status of its creation.
+  // The session's answer for a picture, or the status of its creation if there is no session.
   Answer encodeOne(const Session& session) const {
     if (!session) return {created, 0};
     std::shared_ptr<PixelBuffer> buffer;

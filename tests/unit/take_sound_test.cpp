@@ -34,7 +34,7 @@ struct SoundTakes : Takes {
     probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
     probe.run();
   }
-  // Samples of sound that the encoder has got so far.
+  // Expects that the encoder has got so many samples so far, within 2.
   void expectSamples(double count) {
     EXPECT_NEAR(static_cast<double>(probe.sound->samples.size()), count, 2);
   }

@@ -7,8 +7,8 @@
 
 namespace lumora::viewer {
 
-// A small camera application: starts a helper and feeds it pictures at a steady rate, with their
-// capture times as ids, and sound.
+// A small camera application: starts a helper and feeds it sound, and pictures at a steady rate.
+// The ids of the pictures are their capture times.
 class Camera {
  public:
   // Called on threads of the camera.
@@ -18,8 +18,8 @@ class Camera {
     std::function<void(bool hasHeard)> soundEnded;         // the pictures go on
     std::function<void(const client::Exited&)> ended;      // the helper; no `event` follows
   };
-  // If `options` have sound, it is that of the microphone, or without one the beeps of the source's
-  // flashes. Throws what the constructor of client::Helper throws.
+  // If `options` have sound, it comes from the microphone. Without one, it is a beep for each flash
+  // of the source. Throws what the constructor of client::Helper throws.
   Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
          std::unique_ptr<tools::Microphone> microphone, int framesPerSecond, Handlers handlers);
   ~Camera() { stop(); }

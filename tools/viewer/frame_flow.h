@@ -36,8 +36,8 @@ class FrameFlow {
   // What to acknowledge in the place of a page that is slow, hidden or gone.
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
-  // How many frames a visible page has missed since the last call. Those before the first frame of
-  // the page, or of its decoder, do not count.
+  // How many frames a visible page has missed since the last call. Leaves out frames before the
+  // first one that the page gets after it joined or its decoder restarted.
   std::uint64_t takeWithheld() { return std::exchange(withheld_, 0); }
 
  private:

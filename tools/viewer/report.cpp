@@ -30,8 +30,8 @@ std::string resultOf(const tools::RunReport& run) {
   return figures;
 }
 
-// Feeds a test card to a helper that may only use this encoder. Returns the result and the helper's
-// events.
+// Feeds a test card to a helper that gets this encoder as TAVO_H264_ENCODER. Returns the result and
+// the helper's events.
 std::string tryEncoder(const std::string& helper, const std::string& encoder) {
   std::string events;
   std::string result;

@@ -48,7 +48,7 @@ QImage PreviewDecoder::toImage() const {
   converter_ = sws_getCachedContext(converter_, frame_->width, frame_->height, format,
                                     frame_->width, frame_->height, AV_PIX_FMT_RGB32, SWS_BILINEAR,
                                     nullptr, nullptr, nullptr);
-  // BT.709 in limited range, unless the stream says BT.601.
+  // The range is limited. The matrix is BT.709, unless the stream says BT.601.
   const bool is601 = frame_->colorspace == AVCOL_SPC_SMPTE170M;
   sws_setColorspaceDetails(converter_, sws_getCoefficients(is601 ? SWS_CS_ITU601 : SWS_CS_ITU709),
                            0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, 1 << 16, 1 << 16);

@@ -16,7 +16,7 @@ class LUMORA_CLIENT_EXPORT EventQueue {
   EventQueue(const EventQueue&) = delete;
   EventQueue& operator=(const EventQueue&) = delete;
 
-  // Can be read while calls wait. Watch it, but do not read it.
+  // Poll it: it is readable while calls wait. Only `dispatch` may read from it.
   int descriptor() const;
   // Makes the calls that wait, on this thread. Throws what a call throws; the calls after it then
   // wait for the next `dispatch`.

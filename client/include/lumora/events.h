@@ -41,7 +41,7 @@ struct Stats {
     std::uint64_t resyncs = 0;             // how often a client fell behind
     Seconds roundTrip{};                   // from a frame to its acknowledgement, smoothed
     Seconds longestRoundTrip{};            // since the start
-    Seconds oldestUnacknowledged{};        // age of that frame, smoothed
+    Seconds oldestUnacknowledged{};        // age of the oldest unacknowledged frame, smoothed
     std::uint64_t unacknowledged = 0;      // now, of the client that has most
     std::uint64_t mostUnacknowledged = 0;  // since the start
   };
@@ -75,11 +75,11 @@ enum class TakeFailure {
 struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
-  std::filesystem::path path;          // as asked for; in `saved`, the movie's, which may differ
+  std::filesystem::path path;          // as asked for; in `saved`, where the movie is (may differ)
   std::string error;                   // why it failed, or is saved under another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final from `finishing` on
-  std::uint64_t frames = 0;            // written, even if a stop in the past removed them again
+  std::uint64_t frames = 0;            // written, including those that a stop in the past removed
   std::uint64_t dropped = 0;           // lost
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known

@@ -51,8 +51,8 @@ struct StreamConfiguration {
 // Throws std::runtime_error when the payload is not a configuration.
 LUMORA_CLIENT_EXPORT StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
-// The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it for NAL
-// units that follow a length of four bytes, not a start code. Throws std::runtime_error if the
+// The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it if a length of
+// four bytes precedes each NAL unit, instead of a start code. Throws std::runtime_error if the
 // sequence parameter set is shorter than four bytes.
 LUMORA_CLIENT_EXPORT std::vector<std::uint8_t> avcDecoderConfiguration(
     const StreamConfiguration& configuration);

@@ -41,8 +41,8 @@ class LUMORA_CLIENT_EXPORT StreamClient {
   bool sendText(const std::string& text);
 
   // The next packet. Empty if none arrived in time, or if the helper has closed the connection (see
-  // `end`). A connection that is closed before the first packet takes up to 50 ms more, to learn
-  // why. Throws std::runtime_error for bytes that no helper sends.
+  // `end`). If that comes before the first packet, `receive` waits up to 50 ms more to learn why.
+  // Throws std::runtime_error for bytes that no helper sends.
   [[nodiscard]] std::optional<Packet> receive(Seconds limit);
   StreamEnd end() const;
   bool isClosed() const { return end() != StreamEnd::none; }

@@ -21,9 +21,9 @@ struct LUMORA_CLIENT_EXPORT Uptime {
   static time_point now() noexcept;
 };
 
-// The id for a frame that was captured at this time: the microseconds of the uptime. Any growing
-// ids are allowed, unless a take has sound, but from these a viewer can tell how old a picture is.
-// JavaScript holds them exactly for 285 years.
+// The id for a frame that was captured at this time: the microseconds of the uptime. Takes with
+// sound need such ids, and viewers can tell from them how old a picture is. Otherwise any growing
+// ids are allowed. JavaScript holds these ids exactly for 285 years.
 LUMORA_CLIENT_EXPORT std::uint64_t frameID(Uptime::time_point capturedAt);
 
 }  // namespace lumora::client

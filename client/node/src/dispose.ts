@@ -1,4 +1,4 @@
-/** Lets `using` or `await using` call `method`. Does nothing where Node does not have the symbol. */
+/** Lets `using` or `await using` call `method`. Does nothing where Node lacks the symbol. */
 export function disposeWith<Type extends object>(
   type: { prototype: Type },
   symbol: symbol | undefined,

@@ -69,12 +69,12 @@ export interface RecordingEvent {
   error: string;
   /** Seconds; final from `finishing` on. */
   duration: number;
-  /** Frames written, including those that an earlier `stoppedAt` removed again. */
+  /** Frames written. A `stoppedAt` in the past may remove the last ones from the movie again. */
   frames: number;
   dropped: number;
   width: number;
   height: number;
-  /** These three are missing when a start was refused. */
+  /** `throttled`, `targetFps` and `recentFps` are missing when a start was refused. */
   throttled?: number;
   targetFps?: number;
   recentFps?: number;
@@ -88,17 +88,17 @@ export interface RecordingEvent {
   frameLogError?: string;
   /** Of takes with sound: how often silence was inserted or sound was cut to keep it in step. */
   soundGaps?: number;
-  /** In the last event of such a take: seconds of the movie for which no sound came. */
+  /** In the last event of a take with sound: seconds of the movie for which no sound came. */
   soundMissing?: number;
-  /** What is left of a failed take: the name of a file in its folder, its frames and seconds. */
+  /** The file that is left of a failed take: its name in the folder of `path`, frames, seconds. */
   keptPath?: string;
   keptFrames?: number;
   keptDuration?: number;
 }
 
 /**
- * The helper's "error" line, just before it ends with status 1. It has another name here because Node
- * throws an `error` event that has no listener.
+ * The helper's "error" line, just before it ends with status 1. It has another name here because
+ * Node throws an `error` event that has no listener.
  */
 export interface FailureEvent {
   type: 'failure';

@@ -1,6 +1,6 @@
 // Writes records into the helper's standard input. One frame is written at a time, and one more may
-// wait. A newer frame drops the one that waits. Commands and frames are written in the order in which
-// they were queued. Commands are dropped only when the input closes.
+// wait. A newer frame drops the one that waits. Commands and frames are written in the order in
+// which they were queued. Commands are dropped only when the input closes.
 
 import type { Writable } from 'node:stream';
 
@@ -86,7 +86,7 @@ export class Feeder {
     const bytes = samples.byteLength;
     const most = mostSoundSeconds * rate * channels * samples.BYTES_PER_ELEMENT;
     if (this.#ending || this.#soundBytes + bytes > most) return false;
-    // The ids of later sound must be higher than these, so its times would be wrong.
+    // Ids must grow, so an id too far ahead would make the times of later sound wrong.
     if (isAhead(capturedAt)) return false;
     if (bytes === 0) return true;
     const { records, last } = soundRecords(samples, format, frameId(capturedAt), this.#lastSound);

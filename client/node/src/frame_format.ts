@@ -9,7 +9,7 @@ export interface FrameSize {
   height: number;
 }
 
-// For `mjpeg` the most allowed, but any such picture may have 64 KiB.
+// For `mjpeg` this is the maximum, but a picture of any size may have 64 KiB.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,
@@ -27,9 +27,9 @@ const bitsPerPixel = {
 export type FrameEncoding = keyof typeof bitsPerPixel;
 
 /**
- * An encoding, then at most one word of each pair: `top` or `bottom` (the first row; by default
- * `bottom` for `rgba` and `bgra`, `top` for all others), and for `nv12`, `nv21`, `i420`, `yuyv` and
- * `uyvy` also `bt601` or `bt709`, `limited` or `full`. The defaults are `bt601` and `limited`.
+ * An encoding, then at most one word of each pair. `top` or `bottom` says which row is first; the
+ * default is `bottom` for `rgba` and `bgra`, else `top`. `nv12`, `nv21`, `i420`, `yuyv` and `uyvy`
+ * also take `bt601` (the default) or `bt709`, and `limited` (the default) or `full`.
  */
 export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
 

@@ -46,9 +46,9 @@ export class FrameSink {
   /** A frame that failed is in neither count. */
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
-   * Takes VideoFrames, which it closes, and pictures, whose memory may be reused when their write
-   * resolves. Copies both, and does not wait for the helper. Fails with an ArgumentError,
-   * or with the error of the frame, of the writer or of `onDrop`.
+   * Takes VideoFrames, which it closes unless it has failed before, and pictures, whose memory may
+   * be reused when their write resolves. Copies both, and does not wait for the helper. Fails with
+   * an ArgumentError, or with the error of the frame, of the writer or of `onDrop`.
    */
   readonly writable: WritableStream<CameraFrame | Picture>;
   readonly #write: FrameWriter;

@@ -131,7 +131,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
    * Queues a frame of `acquireFrame`, and returns at once. The frame is empty after that. `id` is
    * as in `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame of
    * another format or one that was published or closed, and for an `mjpeg` frame whose length was
-   * not set. A frame that was neither published nor closed then keeps its memory.
+   * not set. After an error, a frame that was not yet published or closed keeps its memory.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
     if (!isSameFormat(frame.format, this.#format)) {
@@ -172,8 +172,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Starts a take after the frames written so far. Resolves when the helper has accepted it.
-   * Rejects with a TakeError when the helper refuses or does not answer for 10 s, or with an
-   * ArgumentError for a path, a time or a number that it would refuse.
+   * Rejects with a TakeError when the helper refuses, ends or does not answer for 10 s, or with an
+   * ArgumentError for a path, a time or a number that the helper would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);

@@ -13,7 +13,7 @@ export class PacketSplitter {
     this.#pending = Buffer.concat([this.#pending, bytes]);
   }
 
-  /** Returns the next whole packet, if there is one. Throws an Error on bytes that no helper sends. */
+  /** Returns the next whole packet, if any. Throws an Error on bytes that no helper sends. */
   next(): Packet | undefined {
     if (this.#pending.length < lengthBytes) return undefined;
     const length = this.#pending.readUInt32BE(0);

@@ -56,9 +56,9 @@ export function acceptFrames(
 
 /** In milliseconds. */
 export interface PreviewLimits {
-  /** The page must draw a picture in this time; below 500, by default 250. */
+  /** The time to draw each picture; below 500, by default 250. */
   drawnWithin?: number;
-  /** The page must draw a picture in this time after it got its first; by default 10,000. */
+  /** The time from the first picture posted to the first one drawn; by default 10,000. */
   firstDrawnWithin?: number;
 }
 
@@ -66,10 +66,10 @@ export interface PreviewLimits {
  * Posts the input of a VideoDecoder to a page, which posts back the `timestamp` of each picture
  * that it has drawn. That acknowledges the frame, so the helper sends no faster than the page
  * draws. If a picture is not drawn within `drawnWithin`, the page gets nothing more until it has
- * drawn the newest picture that it got and a key frame comes. Needs a client with
+ * drawn the last picture that it got. It then goes on with the next key frame. Needs a client with
  * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection is closed; the
- * port can then get the preview of another client. A port that closes also closes the connection,
- * or closes it once `client` has connected. A port that was closed before the call does not report
+ * port can then get the preview of another client. When the port closes, so does the connection,
+ * even if `client` connects only later. A port that was closed before the call does not report
  * it. So `sendPreview` also resolves if the page has drawn nothing within `firstDrawnWithin` of the
  * first picture. Rejects if `client` does, and with the errors of the client's loop.
  */

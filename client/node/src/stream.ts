@@ -31,7 +31,7 @@ export interface StreamOptions {
 /**
  * `UNREACHABLE`: the connection could not be made, or not in time; `cause` says why.
  * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
- * `REFUSED`: the token is wrong.
+ * `REFUSED`: the token is wrong, or there was no room but another client has left since.
  * `CLOSED`: the helper has ended.
  * `MALFORMED`: the bytes are not those of a helper.
  */
@@ -56,8 +56,8 @@ const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoExcepti
 
 /**
  * Iterate once with `for await` to get the packets. Leaving the loop closes the connection. The
- * loop ends when the connection is closed. It throws a StreamError if that happens before the
- * first packet and not by `close`, and the system's error if the network fails.
+ * loop ends when the connection is closed. It throws a StreamError if the helper closes it before
+ * the first packet or the bytes are malformed, and the system's error if the network fails.
  */
 export class StreamClient implements AsyncIterable<Packet> {
   /** Lets `using` close the connection. Missing where Node does not have the symbol. */
@@ -151,7 +151,7 @@ async function whyRefused(options: StreamOptions): Promise<Refusal> {
 
 /**
  * Connects and sends the token. Rejects with a StreamError if nobody listens or answers in time,
- * with an ArgumentError for a token that no helper has, or with a RangeError for a `port` or a
+ * with an ArgumentError for a malformed token, or with a RangeError for a `port` or a
  * `connectTimeout` out of range. If the helper refuses the token, the loop throws.
  */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {

@@ -28,7 +28,7 @@ export interface TakeOptions {
    * disk. If the disk is the cause, only what is on the disk is kept. See `TakeError`.
    */
   keepFailed?: boolean;
-  /** The take is stopped and saved if its file system has fewer bytes left. Up to 2 ** 53. */
+  /** Bytes, up to 2 ** 53. A take is stopped and saved when its file system has less space left. */
   minimumFree?: number;
   /** Bits per second, 250,000 to 50,000,000; 12,000,000 by default. */
   bitRate?: number;

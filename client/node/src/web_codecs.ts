@@ -29,7 +29,7 @@ export async function* toWebCodecs(
   let config: DecoderConfig | undefined;
   for await (const packet of packets) {
     if (packet.type === 'configuration') {
-      // Every key frame brings a configuration. Configuring the decoder again would make it start anew.
+      // Every key frame brings a configuration. Configuring again would restart the decoder.
       const next = decoderConfig(packet);
       if (!isSameConfig(last, next)) config = last = next;
       continue;

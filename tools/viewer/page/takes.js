@@ -127,7 +127,7 @@ export class Takes {
     this.#enable();
   }
 
-  // Shows one of the two buttons. It takes over the focus of the other one.
+  // Shows the start or the stop button, which takes over the focus of the hidden one.
   #enable() {
     const isRunning = running.includes(this.#state);
     const [start, stop] = [element('take-start'), element('take-stop')];
