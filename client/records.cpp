@@ -38,7 +38,7 @@ std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat form
   std::string records;
   for (std::size_t at = 0; at < samples.size();) {
     const auto part = samples.subspan(at, std::min(rate / 4 * channels, samples.size() - at));
-    lastID = std::max(lastID + 1, capturedAt + at / channels * 1'000'000 / rate);
+    lastID = std::max(lastID + 1, capturedAt + std::uint64_t{at / channels} * 1'000'000 / rate);
     const auto header = recordHeader(static_cast<std::uint32_t>(part.size_bytes()), 0, 0, lastID);
     records.append(header.begin(), header.end());
     for (const std::int16_t sample : part) {

@@ -92,7 +92,8 @@ int StreamClient::descriptor() const { return connection_->socket.get(); }
 bool StreamClient::sayHello(const std::string& token) {
   connection_->saidHello = true;
   connection_->asked = Uptime::now();
-  return sendText(nlohmann::json{{"type", "hello"}, {"token", token}}.dump() + "\n");
+  const nlohmann::json hello = {{"type", "hello"}, {"token", token}};
+  return sendText(hello.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 
 bool StreamClient::acknowledge(std::uint64_t frameID) {

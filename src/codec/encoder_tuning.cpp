@@ -16,7 +16,7 @@ namespace {
 
 using CodecOptions = std::vector<std::pair<std::string, std::string>>;
 
-// A second slice thread helps from twice this size on. A third one only waits for a core.
+// A second slice thread helps from twice this size on. On two cores a third only waits for a core.
 constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 

@@ -127,7 +127,7 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
     case SessionProperty::maxKeyFrameInterval:
       return assign(request_.settings.keyFrameInterval, value);
     case SessionProperty::maxKeyFrameIntervalDuration:
-      return 0;  // `maxKeyFrameInterval` limits it, since pictures come at the expected rate
+      return 0;  // `maxKeyFrameInterval` limits it while pictures come at the expected rate
     case SessionProperty::averageBitRate:
       return assign(request_.settings.bitRate, value);
   }

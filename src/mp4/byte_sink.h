@@ -34,7 +34,7 @@ class ByteSink {
 // The file is locked while it is open, if the file system has locks (see `lockFile`). Throws
 // std::system_error if somebody else keeps it locked for a second.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
-// Appends to the file of `size` bytes at `path`, open as `descriptor`, which the sink owns.
+// Appends to the open file at `path`, of `size` bytes. The sink owns its `descriptor`.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
 
 // Locks a file until it is closed. Returns 0, EAGAIN if somebody else has locked it, or another

@@ -97,7 +97,7 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   const auto copy = [&](MutableByteView space) { return sample.copyBytes(0, space) == 0; };
   if (!add(pictureTrack, picture, copy)) return false;
   if (!hasGathered(pictureTrack)) return true;
-  // Sound first, so that a crash keeps no pictures without the sound appended before them.
+  // Sound first: a crash that leaves these pictures also leaves the sound appended before them.
   flushFragment(soundTrack);
   flushFragment(pictureTrack);
   return true;

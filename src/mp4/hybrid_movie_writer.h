@@ -55,7 +55,7 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // samples of sound since the first picture; 0 for sound
+    std::int64_t waited = 0;     // samples of sound after the fragment's first picture
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);

@@ -124,8 +124,8 @@ void sampleDescription(Bytes& bytes, const MovieTrack& track) {
     soundEntry(bytes, track.sound);
 }
 
-// Appends the number of runs of equal values, then has `append(from, to)` append an entry for each
-// run. `from` and `to` are the indices of its first value and of the one after its last.
+// Appends the number of runs of equal values. Then `append(from, to)` appends an entry for each
+// run: the values from index `from` up to, but not including, `to`.
 template <typename Values, typename Append>
 void runs(Bytes& bytes, const Values& values, Append append) {
   const std::size_t countAt = bytes.size();
@@ -348,7 +348,7 @@ Bytes movieEnd(const std::vector<MovieTrack>& tracks, const MovieProperties& pro
 }
 
 std::uint64_t maximumMovieEndBytes(const std::vector<MovieTrack>& tracks) {
-  constexpr std::uint64_t fixedBoxes = 1024;  // rounded up
+  constexpr std::uint64_t fixedBoxes = 1024;  // bytes, rounded up
   std::uint64_t bytes = 0;
   for (const auto& [id, picture, sound, tables] : tracks) {
     bytes += fixedBoxes + sound.configuration.size();

@@ -17,7 +17,7 @@ namespace lumora {
 
 struct MovieProperties {
   std::uint64_t created = 0;  // seconds since 1904
-  int rotation = 0;           // of the picture when it is shown, clockwise: 0, 90, 180 or 270
+  int rotation = 0;           // of the shown picture, clockwise degrees: 0, 90, 180 or 270
 };
 
 // Flags of `trun`: the box has the offset of the samples and the size of each. For pictures it also

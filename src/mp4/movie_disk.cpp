@@ -154,7 +154,7 @@ void MovieDisk::enqueue(Job job) {
 
 void MovieDisk::run(std::unique_ptr<ByteSink> sink) {
   for (;;) {
-    Job job;  // destroyed after the lock is released: its handler may own the writer, which locks
+    Job job;  // destroyed without the lock: its handler may own the writer, whose destructor locks
     std::unique_lock hold(mutex_);
     const auto isWanted = [this] { return !jobs_.empty() || cancelled_; };
     if (log_)

@@ -90,7 +90,7 @@ class OwnedFile {
 };
 
 // The same steps as at the usual end of a take: the tables are on the disk before the head changes.
-// The outer `mdat` covers everything in front of the tables.
+// The outer `mdat` covers everything from the placeholder to the tables.
 void finish(const OwnedFile& file, const std::string& path, const StagingMovie& movie) {
   const Bytes tables = movieEnd(movie.tracks, movie.properties);
   const auto sink = file.append(path);

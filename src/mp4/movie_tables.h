@@ -26,7 +26,7 @@ struct MovieTables {
   std::vector<std::uint32_t> durations;
   std::vector<std::uint32_t> keyframes;  // their numbers, counted from 1
   std::vector<MovieChunk> chunks;
-  std::uint64_t duration = 0;
+  std::uint64_t duration = 0;  // units of the track
 
   // Adds `samples`, of which there is at least one. They lie together at `offset`.
   void addChunk(std::uint64_t offset, const std::vector<MovieSample>& samples,

@@ -92,7 +92,7 @@ void soundEntry(Bytes& bytes, const AacFormat& format) {
   u16(bytes, format.channels);
   u16(bytes, 16);  // bits of a decoded sample
   zeros(bytes, 4);
-  u32(bytes, fits ? format.rate << 16 : 0);  // the configuration has it, too
+  u32(bytes, fits ? format.rate << 16 : 0);  // the configuration has the rate, too
   elementaryStream(bytes, format.configuration);
 }
 

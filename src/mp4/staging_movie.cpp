@@ -11,7 +11,7 @@
 namespace lumora {
 namespace {
 
-// Our own files stay far below these limits. They limit time and memory for other files.
+// Our own files stay far below these limits. For other files the limits bound time and memory.
 constexpr std::size_t maximumChildren = 64;             // of one box
 constexpr std::uint64_t maximumLeafBytes = 1 << 20;     // of a box that is read whole
 constexpr std::uint32_t maximumSampleBytes = 64 << 20;  // of a sample that is read
@@ -344,7 +344,7 @@ bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) c
 // begin in the `size` bytes at `offset`, which lies within the file.
 bool Reader::holdsTables(std::uint64_t offset, std::uint64_t size) const {
   constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
-  const std::uint64_t longest = size + 3 + tables.size();       // if one byte of them is inside
+  const std::uint64_t longest = size + 3 + tables.size();       // if only one byte is inside
   const Bytes read = bytes(offset, std::min(longest, file_.size - offset));
   return std::search(read.begin(), read.end(), tables.begin(), tables.end()) != read.end();
 }

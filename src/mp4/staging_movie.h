@@ -9,7 +9,7 @@
 
 namespace lumora {
 
-// A file's bytes. `read` gets those at `offset`, all within `size`, or throws std::system_error.
+// A file. `read` fills `space` from `offset` on, inside `size`. It may throw std::system_error.
 struct FileView {
   std::uint64_t size = 0;
   std::function<void(std::uint64_t offset, MutableByteView space)> read;

@@ -4,8 +4,8 @@
 
 namespace lumora {
 
-// Fills `destination`, the 4:2:0 picture in limited range that an encoder takes, with `source`, a
-// picture of the same size in any format. Any thread.
+// Converts `source`, in any format, to the format of an encoder: `destination` is 4:2:0 in limited
+// range. Both pictures have the same size. Any thread.
 void fillEncoderPicture(const PictureView& source, const Picture& destination);
 
 }  // namespace lumora

@@ -288,7 +288,7 @@ HWY_EXPORT(sumPixels);
 HWY_EXPORT(sumFourRows);
 HWY_EXPORT(sumTwoRows);
 
-// Room for the widest vector. It may start at the last pixel, or at the last sample of four rows.
+// Spare values, since vectors of up to 512 bits reach beyond the last sample.
 constexpr int lanesOfSlack = 128;
 
 // Two signed bytes as a word, the first in the lower byte.

@@ -58,7 +58,7 @@ class Resampler {
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
   std::vector<WeightPair> pairs_;           // `vertical_.weights`, for two rows each
-  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, each for four channels
+  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, each value four times
 };
 
 }  // namespace lumora

@@ -22,7 +22,7 @@ struct CurrentTake {
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
   std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
-  // An abandoned take whose "failed" event was not emitted yet, with the reason and the uptime.
+  // An abandoned take whose "failed" event was not emitted yet, and why and at which uptime.
   std::shared_ptr<MovieRecorder> abandoned;
   std::string abandonedFor;
   double abandonedAt = 0;

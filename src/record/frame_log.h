@@ -21,13 +21,13 @@ enum class FrameOutcome {
   busy,                // another frame was in flight
   undecodable,
   encoder,  // the encoder has lost it, or has failed
-  disk,     // the disk has failed, or other samples waited for it
+  disk,     // the disk has failed, or too many samples waited for it
 };
 
-// A frame as the reader has marked it.
+// A frame that was read.
 struct ReadFrame {
   std::uint64_t id = 0;   // above that of the frame before it
-  double capturedAt = 0;  // uptime seconds
+  double capturedAt = 0;  // uptime seconds: when it was read, or its `MovieRecorder::captureTime`
 };
 
 // The log of one take. Any thread. Ends, as incomplete, if more than `mostFrames` frames wait here.
@@ -43,8 +43,8 @@ class FrameLog {
   void end(FrameOutcome rest);
   // Notes no more frames, because one was missed.
   void giveUp();
-  // The lines of the frames in front whose outcomes are known. Each line comes once, the header
-  // first.
+  // The lines of the frames up to the first one without an outcome. Each line comes once, the
+  // header first.
   std::string takeLines();
   // Whether frames are missing.
   bool isIncomplete() const;

@@ -114,8 +114,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   std::optional<std::string> logError() const;
   bool moveTo(const std::string& name);
 
-  // Ends the take as failed. If the disk has failed or is too slow, only what is on it can be kept;
-  // otherwise every sample can. `cause` is the outcome of the frames that have none yet.
+  // Ends the take as failed. If the disk has failed or is too slow, only what is on it can be kept,
+  // and frames without an outcome get `disk`. Otherwise every sample can, and they get `cause`.
   void fail(const std::string& message, FrameOutcome cause);
   bool keepAll(FrameOutcome rest);
   void rescue();

@@ -31,7 +31,7 @@ inline double frameTime(std::uint64_t id, double readAt) {
   return captured >= readAt - oldest && captured <= readAt ? captured : readAt;
 }
 
-// When a movie ends, in seconds from `origin`. The parameters are uptime seconds. With a start time
+// When a movie ends, in seconds from `origin`. Other times are uptime seconds. With a start time
 // the movie lasts from start to stop. Without one the last frame lasts at least one interval.
 inline double movieEndTime(std::optional<double> startedAt, double origin, double lastSample,
                            double stop, int targetFPS) {

@@ -48,8 +48,8 @@ TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 // The "failed" event that answers a refused "record_start". It has ten keys.
 Json rejectionEvent(const Json& command, const std::string& message);
 
-// Whether the event `next` is emitted. `last` is the latest event of the take that was emitted,
-// `stopping` says whether a stop is pending or under way. Nothing follows the last event, and no
+// Whether the event `next` is emitted. `last` is the take's latest emitted event. `stopping` says
+// whether a stop is pending or under way. Nothing follows a "saved" or "failed" event, and no
 // progress is reported while a take stops.
 bool relaysEvent(const TakeEvent& last, bool stopping, const TakeEvent& next);
 

@@ -28,9 +28,8 @@ class TakeSound {
   void add(std::vector<SoundRecord> records, bool isLast);
   // The track ends at this uptime. Records captured later, or added after this call, are dropped.
   void endAt(double end);
-  // Encodes the next record, or at most a quarter of a second of silence. The list of packets
-  // may be empty. It is nullopt if nothing is left to encode at uptime `now`. Throws
-  // EncoderFailure.
+  // Encodes the next record, or at most a quarter of a second of silence. Returns the packets that
+  // are complete, or nullopt if nothing is left to encode at uptime `now`. Throws EncoderFailure.
   std::optional<SoundPackets> next(double now);
 
   bool isEnding() const { return end_.has_value(); }

@@ -13,7 +13,7 @@
 // length. While times scatter like that, and at first, a time that is off by up to 0.6 of that
 // length (40 ms at most) counts as on the line. Times that count as on the line can still all lie
 // on one side of it. The time spent on one side is added up. Time spent on the other side, or close
-// to the line, is subtracted. The line starts again when the sum exceeds a second and ten records.
+// to the line, is subtracted. The line restarts when the sum exceeds both a second and ten records.
 
 #include <cstddef>
 #include <vector>
@@ -28,8 +28,8 @@ class DeviceClock {
   explicit DeviceClock(int rate) : rate_(rate) {}
 
   // Takes the next record. Returns those whose times are certain now, in order and with smoothed
-  // times: mostly just this one. Holds records whose stated times differ by less than 0.6 s,
-  // and about two seconds of sound at most.
+  // times: mostly just this one. Holds the others until their stated times span 0.6 s, or their
+  // sound about two seconds.
   std::vector<SoundRecord> add(SoundRecord record);
   // Returns all held records if the last ones already look like a jump. Otherwise none: later
   // records decide.

@@ -9,8 +9,8 @@
 //
 // - Following: the resampler adds or removes a few samples. That makes up for the device's drift,
 //   and removes most of any other difference within some ten seconds. The compensation is at most
-//   550 ppm: 500 for the drift, the rest for the difference. It changes slowly, to be inaudible.
-// - Aligning: silence is inserted or samples are cut, to the sample. The beginning of the track is
+//   550 ppm, so a drift of 500 leaves 50 for the difference. It changes slowly, to be inaudible.
+// - Aligning: silence is inserted or samples are cut, exact to a sample. The track's beginning is
 //   aligned. Later that is done when the difference is above 10 ms, because the device stopped,
 //   records were lost or a clock jumped. Each later alignment is a gap.
 //
@@ -21,7 +21,7 @@
 // when the device goes on, or the movie ends, little is left to fill at once.
 //
 // Silence is inserted and samples are cut before the resampler. So the samples that the resampler
-// still holds stay in front of them.
+// still holds stay in front of that place.
 
 #include <cstdint>
 #include <vector>
@@ -56,8 +56,8 @@ class SoundPlacing {
   // Until when records came, or silence was filled in. A take that stops waits until this reaches
   // its end.
   double settledUntil() const { return settledUntil_; }
-  // The gaps that begin in a movie that ends at `end`, and the seconds of it for which no record
-  // came.
+  // For a movie that ends at `end`: how many gaps begin in it, and for how many of its seconds no
+  // record came.
   std::int64_t gaps(double end) const;
   double missing(double end) const;
 

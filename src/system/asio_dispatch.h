@@ -14,8 +14,8 @@ namespace lumora {
 class AsioQueue final : public SerialQueue {
  public:
   explicit AsioQueue(const std::string& label);
-  // Doesn't wait. The thread runs what was enqueued and ends by itself. It may be the thread that
-  // calls the destructor.
+  // Doesn't wait. The thread runs what was enqueued and ends by itself. The destructor may run on
+  // that thread.
   ~AsioQueue() override;
   AsioQueue(const AsioQueue&) = delete;
   AsioQueue& operator=(const AsioQueue&) = delete;
