@@ -31,7 +31,7 @@ void Feeder::write(Frame frame, std::uint64_t id) {
     ++counts_.dropped;
     return;
   }
-  dropWaitingFrame();
+  dropOlderFrame();
   waiting_.splice(waiting_.end(), entry);
   changed_.notify_one();
 }
@@ -87,11 +87,12 @@ FrameCounts Feeder::counts() const {
   return counts_;
 }
 
-void Feeder::dropWaitingFrame() {
-  const auto frame =
-      std::ranges::find_if(waiting_, [](const Entry& entry) { return entry.frame.has_value(); });
-  if (frame == waiting_.end()) return;
-  waiting_.erase(frame);
+// A frame in front of a command stays: it may be the last one before a take's stop.
+void Feeder::dropOlderFrame() {
+  const auto isSound = [](const Entry& entry) { return entry.soundBytes > 0; };
+  const auto last = std::find_if_not(waiting_.rbegin(), waiting_.rend(), isSound);
+  if (last == waiting_.rend() || !last->frame) return;
+  waiting_.erase(std::next(last).base());
   ++counts_.dropped;
 }
 
@@ -111,7 +112,8 @@ void Feeder::run() {
     if (wasFrame) ++(written ? counts_.written : counts_.dropped);
     if (written) continue;
     ending_ = true;  // the helper has closed its input or was abandoned
-    dropWaitingFrame();
+    counts_.dropped += static_cast<std::uint64_t>(
+        std::ranges::count_if(waiting_, [](const Entry& each) { return each.frame.has_value(); }));
     waiting_.clear();
   }
   helper_->closeInput();

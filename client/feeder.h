@@ -54,7 +54,7 @@ class Feeder {
   };
 
   void run();
-  void dropWaitingFrame();
+  void dropOlderFrame();
   bool writeEntry(const Entry& entry);
 
   const std::shared_ptr<ChildProcess> helper_;

@@ -189,11 +189,14 @@ class Helper::Impl {
 
   void readEvents() {
     readStart();
-    while (process_->hasOutput()) {
+    // The output may stay open behind a helper that has ended, since another process may hold it.
+    for (bool hasEnded = false; process_->hasOutput();) {
       auto line = process_->nextLine(Seconds(0));
+      if (!line && hasEnded) break;
       if (!line) {
         takes_.failUnanswered(Uptime::now());  // all answers so far have been read
-        line = process_->nextLine(Seconds(1));
+        hasEnded = awaitExit(Seconds(0)).has_value();
+        if (!hasEnded) line = process_->nextLine(Seconds(1));
       }
       if (line) tell(parseEvent(*std::move(line)));
     }

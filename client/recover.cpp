@@ -28,7 +28,11 @@ std::vector<RecoveredTake> recoverTakes(const std::filesystem::path& folder,
   std::vector<RecoveredTake> takes;
   while (const auto line = child.nextLine(unlimited)) takes.push_back(parseTake(*line));
   const auto end = child.wait(unlimited);
-  if (!end || !end->isClean())
+  // The status is unknown (-1) if the application ignores SIGCHLD.
+  std::error_code unreadable;
+  const bool isUnknown = end->status == -1 && end->signal == 0;
+  if (isUnknown) std::filesystem::directory_iterator(folder, unreadable);
+  if (unreadable || (!isUnknown && !end->isClean()))
     throw std::runtime_error("the takes in " + folder.string() + " can't be read");
   return takes;
 }

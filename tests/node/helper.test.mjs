@@ -106,7 +106,7 @@ test('a helper that cannot start says why; an aborted start leaves no process', 
   assert.equal(children(), before);
 });
 
-test('killing the helper ends its frames and its take, which is recovered', async (context) => {
+test('if the helper is killed, frames are dropped and the take fails but is recovered', async (context) => {
   const helper = await helperFor(context);
   const { path, stagingPath, saved } = await helper.startTake({ path: inFolder('killed.mp4') });
   await feedUntil(helper, () => existsSync(stagingPath) && statSync(stagingPath).size > 5000);
@@ -217,22 +217,24 @@ test('frames reuse one buffer; none is acquired while the helper is behind', asy
   assert.deepEqual(helper.frameCounts, { written: 12, dropped: 1 });
 });
 
-test('a take ends at its stop time although its helper is stopped at once', async (context) => {
+test('a take ends at its stop time even if the helper is stopped right afterwards', async (context) => {
   const helper = await helperFor(context);
   const profile = { resolution: '1920x1080', targetFps: 60 };
   const take = await helper.startTake({ path: inFolder('stopped.mp4'), ...profile });
   const until = uptime() + 1;
   await feedUntil(helper, () => uptime() > until);
   await suspend(helper); // so that the stop arrives before the frame is encoded
-  helper.writeFrame(size, dark);
+  const [, last] = [1, 2].map(() => helper.writeFrame(size, dark).done);
   const saved = take.stop({ stoppedAt: uptime() - 0.3 });
+  helper.writeFrame(size, dark); // does not replace the last frame before the stop
   setTimeout(() => process.kill(helper.pid, 'SIGCONT'), 300);
   await helper.stop();
   const { duration } = await saved;
+  assert.equal(await last, 'written');
   assert.ok(Math.abs(duration - (take.stoppedAt - take.startedAt)) < 1e-3, `${duration}`);
 });
 
-test('a helper that cannot be ended, since its pipes stay open, is given up', async () => {
+test('stop gives up a killed helper whose pipes another process keeps open', async () => {
   const program = inFolder('hanging');
   writeFileSync(program, `#!/bin/sh
     exec 3<&0; trap '' TERM; sleep 1000 & echo $! > "$0.pid"; echo '{"type":"ready"}'; wait`,

@@ -81,7 +81,7 @@ test('a page names a VideoFrame\'s format, copies it even and unpadded, or refus
   assert.deepEqual(size, { width: 4, height: 2 });
 });
 
-test('frames are written one by one, the newest waits, commands keep their place', async () => {
+test('frames are written one by one, a newer one replaces one behind the last command', async () => {
   const written = []; // one entry for each system call
   const writev = (chunks, done) => {
     written.push(chunks.map(({ chunk }) => chunk).join(' '));
@@ -94,13 +94,13 @@ test('frames are written one by one, the newest waits, commands keep their place
   const frames = [put('a'), put('b')];
   assert.ok(feeder.writeCommand(Buffer.from('start')));
   frames.push(put('c'), put('d'));
-  assert.equal(await frames[1].done, 'dropped');
+  assert.equal(await frames[2].done, 'dropped');
   feeder.endFrames();
   assert.equal(put('e').state, 'dropped');
   assert.ok(feeder.writeCommand(Buffer.from('stop')));
   feeder.end();
-  assert.deepEqual(await outcomes(frames), ['written', 'dropped', 'dropped', 'written']);
-  assert.deepEqual(written, ['frame a', 'start', 'frame d', 'stop']);
+  assert.deepEqual(await outcomes(frames), ['written', 'written', 'dropped', 'written']);
+  assert.deepEqual(written, ['frame a', 'frame b', 'start', 'frame d', 'stop']);
   await turn();
   assert.ok(input.writableFinished);
   const stuck = new Writable({ write() {} });
@@ -128,7 +128,7 @@ test('a frame is published once, with a length, to a helper of its format', asyn
   refuse('the frame has another format than this helper\'s', other);
   await helper.publish(frame).done;
   assert.deepEqual(written[1], Buffer.of(7, 8));
-  refuse('this frame was already published');
+  refuse('this frame was already published or closed');
 });
 
 test('sound becomes records of a quarter of a second at most, and two seconds may wait', () => {

@@ -25,7 +25,7 @@ namespace lumora::client {
 namespace {
 
 // A program that counts its input stands in for the helper.
-TEST(Feeder, DropsOlderFramesLaterOnesAndExcessSoundButWritesAllThatWaits) {
+TEST(Feeder, DropsReplacedAndLateFramesAndExcessSoundAndWritesTheRest) {
   const auto counter = std::make_shared<ChildProcess>(LaunchOptions{"wc", "", {"-c"}, {}});
   const auto slots = FrameSlots::makePrivate();
   const FrameSize size{64, 36};
@@ -39,8 +39,10 @@ TEST(Feeder, DropsOlderFramesLaterOnesAndExcessSoundButWritesAllThatWaits) {
     EXPECT_TRUE(feeder.write(command));
     feeder.write(slots->acquire(size).value(), 1);
     feeder.write(slots->acquire(size).value(), 2);  // frame 1 is dropped
+    EXPECT_TRUE(feeder.write("x"));
+    feeder.write(slots->acquire(size).value(), 3);  // frame 2 stays in front of the command
     feeder.endFrames();
-    feeder.write(slots->acquire(size).value(), 3);
+    feeder.write(slots->acquire(size).value(), 4);
     EXPECT_THROW(feeder.writeSound(std::span(second).first(3), format, at), std::invalid_argument);
     for (const auto wrong :
          {Uptime::now().time_since_epoch() + Seconds(1), Seconds(NAN), Seconds(-1)})
@@ -53,12 +55,12 @@ TEST(Feeder, DropsOlderFramesLaterOnesAndExcessSoundButWritesAllThatWaits) {
       ASSERT_GT(deadline.left(), Seconds(0));
     EXPECT_TRUE(feeder.write("x"));
     feeder.end();
-    feeder.write(slots->acquire(size).value(), 4);
+    feeder.write(slots->acquire(size).value(), 5);
     EXPECT_FALSE(feeder.write(command));
     EXPECT_EQ(feeder.counts().dropped, 3u);
   }
   EXPECT_EQ(counter->nextLine(Seconds(20)),
-            std::to_string(command.size() + 1 + 16 + size.rgbaBytes() + 3 * (32000 + 4 * 16)));
+            std::to_string(command.size() + 2 + 2 * (16 + size.rgbaBytes()) + 3 * (32000 + 4 * 16)));
   EXPECT_TRUE(counter->wait(Seconds(20)).value().isClean());
 }
 
@@ -309,7 +311,7 @@ TEST(Helper, CanStopDuringItsStartAndCallsNoHandlerOnceDestroyed) {
 }
 
 // The helper ignores SIGTERM. The process that it leaves behind keeps the helper's pipes open.
-TEST(Helper, ThatIgnoresSIGTERMIsKilledAndItsTakeFailsThoughItsPipesStayOpen) {
+TEST(Helper, IsKilledIfItIgnoresSIGTERMAndItsTakeFailsThoughPipesStayOpen) {
   const std::string script =
       R"(exec 3<&0 2>&-; trap '' TERM; sleep 1000 & echo $!; echo '{"type":"ready"}'; wait)";
   pid_t left = 0;
@@ -326,6 +328,19 @@ TEST(Helper, ThatIgnoresSIGTERMIsKilledAndItsTakeFailsThoughItsPipesStayOpen) {
     EXPECT_EQ(helper.stop().signal, SIGKILL);
   }
   EXPECT_EQ(take->latest().error, "the helper has ended with signal 9");
+  ASSERT_GT(left, 0);
+  kill(left, SIGKILL);
+}
+
+TEST(Helper, IsKnownToHaveEndedThoughAnotherProcessKeepsItsOutputOpen) {
+  pid_t left = 0;
+  Helper helper(shell(R"(sleep 1000 2>&- & echo $!; echo '{"type":"ready"}'; exit 3)"),
+                [&](const Event& event) {
+                  if (std::holds_alternative<std::monostate>(event.what)) left = std::stoi(event.line);
+                });
+  for (const Deadline deadline(Seconds(20)); !helper.exited() && deadline.left() > Seconds(0);)
+    std::this_thread::yield();
+  EXPECT_EQ(helper.exited().value_or(Exited{}).status, 3);
   ASSERT_GT(left, 0);
   kill(left, SIGKILL);
 }

@@ -81,8 +81,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // Memory for the next frame. Empty if every slot is busy, or the helper is not ready yet: skip
   // this frame then. Throws std::invalid_argument for an unsupported size, and std::bad_alloc.
   [[nodiscard]] std::optional<Frame> acquireFrame(FrameSize size);
-  // Passes a frame to the helper. At most one frame waits; a newer one replaces it. Throws
-  // std::invalid_argument for an id that is not above the last one (see `frameID`), for a frame of
+  // Passes a frame to the helper. A newer frame replaces the one that waits, unless a take was
+  // started or stopped in between. Throws std::invalid_argument for an id that is not above the last one (see `frameID`), for a frame of
   // another format or one that was published before, and for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
   // Publishes a copy of a picture without padding. False if it was skipped, as in `acquireFrame`.

@@ -1,5 +1,5 @@
 // Writes records into the helper's standard input. One frame is written at a time, and one more may
-// wait. A newer frame drops the one that waits. Commands and frames are written in the order in
+// wait. A newer frame drops the one that waits, unless a command lies between. Commands and frames are written in the order in
 // which they were queued. Commands are dropped only when the input closes.
 
 import type { Writable } from 'node:stream';
@@ -56,7 +56,7 @@ export class Feeder {
       settle('dropped');
       return { state: 'dropped', done };
     }
-    this.#dropWaitingFrame();
+    this.#dropOlderFrame();
     this.#waiting.push({ parts: [header, pixels], isFrame: true, soundBytes: 0, settle });
     this.#writeNext();
     return { state: 'queued', done };
@@ -79,6 +79,7 @@ export class Feeder {
   /** `capturedAt` is the `uptime()` of the first sample. Returns false if the sound is skipped. */
   writeSound(samples: Int16Array, format: SoundFormat, capturedAt: number): boolean {
     const { rate, channels } = format;
+    if (!(samples instanceof Int16Array)) throw invalid('sound must be an Int16Array');
     if (samples.length % channels !== 0) {
       throw invalid('all channels of sound must have the same number of samples');
     }
@@ -114,15 +115,17 @@ export class Feeder {
   }
 
   #abandon(): void {
-    this.#dropWaitingFrame();
+    for (const { isFrame, settle } of this.#waiting) if (isFrame) settle('dropped');
     this.#waiting = [];
     this.#abandonWrite();
     this.end();
   }
 
-  #dropWaitingFrame(): void {
-    const index = this.#waiting.findIndex(({ isFrame }) => isFrame);
-    if (index >= 0) this.#waiting.splice(index, 1)[0]?.settle('dropped');
+  // A frame in front of a command stays: it may be the last one before a take's stop.
+  #dropOlderFrame(): void {
+    const index = this.#waiting.map(({ soundBytes }) => soundBytes === 0).lastIndexOf(true);
+    if (!this.#waiting[index]?.isFrame) return;
+    this.#waiting.splice(index, 1)[0]?.settle('dropped');
   }
 
   #writeNext(): void {

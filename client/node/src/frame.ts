@@ -64,7 +64,7 @@ export class Frame {
 
   /** @internal Throws an ArgumentError if the frame is empty or its length is not set. */
   picture(): Uint8Array {
-    if (this.#memory === empty) throw invalid('this frame was already published');
+    if (this.#memory === empty) throw invalid('this frame was already published or closed');
     if (this.#length === 0) throw invalid('the length of the picture was not set');
     return this.#memory.subarray(0, this.#length);
   }

@@ -141,9 +141,11 @@ async function postPreview(
     const id = input.chunk.timestamp;
     pictures.add(id);
     port.postMessage(input);
-    setTimeout(() => {
+    const expire = () => {
       if (pictures.expire(id)) client.acknowledge(id);
-    }, drawnWithin);
+    };
+    // Node calls timers before it reads what the page has said in time.
+    setTimeout(() => setImmediate(expire), drawnWithin);
   };
   const giveUpUnseen = () => {
     if (!pictures.hasDrawn) client.close();

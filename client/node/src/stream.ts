@@ -126,7 +126,8 @@ disposeWith(StreamClient, Symbol.dispose, function () {
 function open(options: StreamOptions): Promise<Socket> {
   const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
   const limit = AbortSignal.timeout(connectTimeout);
-  const socket = connect({ host, port, noDelay: true, signal });
+  const alive = { keepAlive: true, keepAliveInitialDelay: 5000 }; // finds a network that is gone
+  const socket = connect({ host, port, noDelay: true, signal, ...alive });
   socket.on('error', () => undefined); // `once` and the loop throw the error
   const fail = (error: unknown) => {
     socket.destroy();

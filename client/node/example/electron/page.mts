@@ -45,16 +45,27 @@ async function listen(port: MessagePort): Promise<void> {
 
 function show(port: MessagePort): void {
   const context = canvas.getContext('2d') as CanvasRenderingContext2D;
-  const decoder = new VideoDecoder({
-    output(picture) {
-      context.drawImage(picture, 0, 0, canvas.width, canvas.height);
-      port.postMessage(picture.timestamp); // the helper sends no faster than this
-      picture.close();
-    },
-    error: ({ message }) => (state.value = message),
-  });
-  port.onmessage = ({ data: { config, chunk } }) => {
-    if (config) decoder.configure(config);
+  let latest: VideoDecoderConfig;
+  let last = 0; // timestamp
+  const makeDecoder = () =>
+    new VideoDecoder({
+      output(picture) {
+        context.drawImage(picture, 0, 0, canvas.width, canvas.height);
+        port.postMessage(picture.timestamp); // the helper sends no faster than this
+        picture.close();
+      },
+      error({ message }) {
+        state.value = message;
+        decoder = makeDecoder(); // goes on at the next key frame
+        port.postMessage(last); // no older picture will be drawn
+      },
+    });
+  let decoder = makeDecoder();
+  port.onmessage = ({ data: { config = latest, chunk } }) => {
+    last = chunk.timestamp;
+    const isNew = decoder.state === 'unconfigured';
+    if (isNew && chunk.type !== 'key') return port.postMessage(last);
+    if (isNew || config !== latest) decoder.configure((latest = config));
     decoder.decode(new EncodedVideoChunk(chunk));
   };
 }
