@@ -45,7 +45,11 @@ export async function startParent(helper) {
     if (event.type === 'ready') parent.port = event.port;
     else parent.statistics = event; // may come before `ready`
   });
-  while (parent.port === 0) await once(lines, 'line');
+  const ended = once(program, 'exit').then(() => {
+    throw new Error(`the helper has ended: ${JSON.stringify(parent.statistics)}`);
+  });
+  ended.catch(() => undefined);
+  while (parent.port === 0) await Promise.race([once(lines, 'line'), ended]);
   const frame = recordOf(Buffer.alloc(640 * 360 * 4), [640, 360], 0);
   const timer = setInterval(() => {
     if (program.stdin.writableLength > 0) return;

@@ -34,6 +34,7 @@ function pictures(name) {
 // Fails unless the file's pictures are 9 s or more of the reference, with the same intervals.
 function assertStretch(name, reference) {
   const got = pictures(name);
+  assert.ok(got.length > 0, `${name}: no picture`);
   const digests = (all) => all.map(({ digest }) => digest).join();
   const at = digests(reference).indexOf(digests(got));
   assert.ok(at >= 0, `${name}: its ${got.length} pictures are none that were sent in a row`);

@@ -32,7 +32,7 @@ struct Faults : HelperTest {
   // Reads events until `isLast` returns true. False when the output ends or 20 s have passed.
   bool hear(const HelperProcess::Wanted& isLast = [](const Event&) { return false; }) {
     for (const double patience = uptime() + 20; uptime() < patience;) {
-      const auto event = helper->nextEvent(Seconds(20));
+      const auto event = helper->nextEvent(Seconds(std::max(patience - uptime(), 0.0)));
       if (!event) return false;
       said += event->dump() + "\n";
       if (event->at("type") == "ready") port = event->at("port");

@@ -204,6 +204,7 @@ void HelperTest::feedUntil(const std::function<bool()>& isEnough, FrameSize size
     std::this_thread::sleep_until(due);
     due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
     feed(size, pictures[i % pictures.size()]);
+    if (HasFatalFailure()) return;  // the helper has ended
   }
 }
 

@@ -88,7 +88,7 @@ TEST_F(Preview, IsUprightInTheRightColoursAndBaselineAtEverySize) {
         {{1080, 1920}, {202, 360}, {}},
         {{2, 2}, {2, 2}, {}},
         {{1920, 1080}, {2, 2}, {"--preview-width", "2", "--preview-height", "2"}}}) {
-    SCOPED_TRACE(camera.width);
+    SCOPED_TRACE(text(camera) + " to " + text(preview));
     start(arguments);
     // One colour where there is only one sample of chroma.
     constexpr Rgb grey{90, 120, 150};

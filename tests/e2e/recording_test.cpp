@@ -26,7 +26,7 @@ std::vector<Pixels> noise() {
   return pictures;
 }
 
-TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
+TEST_F(Recording, LastsExactlyFromStartToStopAtEverySize) {
   for (const auto& [size, cameraRate] :
        {std::pair{FrameSize{640, 360}, 24}, {{1080, 720}, 60}, {{1920, 1080}, 50}}) {
     start();
@@ -47,6 +47,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopInEveryProfile) {
       EXPECT_NEAR(saved["duration"].get<double>(), 0.7, 1e-4);
       const int frames = std::stoi(movie["nb_read_frames"].get<std::string>());
       EXPECT_LE(frames, 22);               // 0.7 s at 30 a second
+      EXPECT_GE(frames, LUMORA_SANITIZED ? 2 : 10);
       EXPECT_GE(saved["frames"], frames);  // also counts frames after the stop
       EXPECT_EQ(saved["frames_in_movie"], frames);
       EXPECT_EQ(movie["nb_frames"], movie["nb_read_frames"]);
@@ -93,16 +94,15 @@ TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
     saveTake();
     expectQuarters(path, size, size, colours);
   }
-  std::uintmax_t before = 0;
   for (const int rate : {12'000'000, 1'000'000}) {
     turnTo(folder / "noise.mp4");
     keys["bit_rate"] = rate;
     startTake(keys);
     feedPaced(60, 60, {640, 360}, noise());
-    saveTake();
-    const auto size = std::filesystem::file_size(path);
-    EXPECT_TRUE(before == 0 || size < before / 3) << size << " of " << before;
-    before = size;
+    const Event saved = saveTake();
+    const auto bits = static_cast<double>(8 * std::filesystem::file_size(path));
+    // The first second also empties the encoder's rate buffer.
+    EXPECT_NEAR(bits / saved["duration"].get<double>() / rate, 1.45, 0.5);
     std::filesystem::remove(path);
   }
 }
@@ -221,7 +221,7 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   expectFailure("No space left on device", true);
 }
 
-TEST_F(Disk, ATakeLeavesTheMinimumFreeSpaceOnTheDisk) {
+TEST_F(Disk, ATakeIsSavedWhenSpaceFallsBelowTheMinimum) {
   start();
   Event keys = keeping;
   keys["minimum_free"] = std::int64_t{1} << 53;
@@ -239,6 +239,7 @@ TEST_F(Disk, ATakeLeavesTheMinimumFreeSpaceOnTheDisk) {
   expectKeys(saved, {{"stopped_for", "minimum_free"}, {"error", ""}});
   EXPECT_EQ(decodeErrors(path), "");
   EXPECT_EQ(countFrames(path), saved["frames_in_movie"]);
+  EXPECT_NEAR(static_cast<double>(std::filesystem::space(place).available), 10 << 20, 2 << 20);
 }
 
 }  // namespace

@@ -110,7 +110,9 @@ TEST_F(Viewer, SavesTheTakeOfAVideoFileAtCtrlC) {
   const FrameSize size{320, 240};
   made(input, size, quarters(size), "vflip,loop=30:1 -c:v ffv1");
   record({{"INPUT", input}});
-  kill(helperOfViewer, SIGINT);  // a terminal signals both
+  // A terminal signals the viewer and all its children.
+  std::istringstream children(childrenOfViewer());
+  for (pid_t child = 0; children >> child;) kill(child, SIGINT);
   viewer->sendSignal(SIGINT);
   const Event saved = waitForState("saved");
   waitForMessage("ended");

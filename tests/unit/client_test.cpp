@@ -255,9 +255,8 @@ TEST(StreamClient, GivesUpOnAHelperThatDoesNotAnswer) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   auto* const any = reinterpret_cast<sockaddr*>(&address);
   socklen_t size = sizeof address;
-  ASSERT_EQ(bind(listener.get(), any, size) | listen(listener.get(), 0) |
-                getsockname(listener.get(), any, &size),
-            0);
+  ASSERT_TRUE(bind(listener.get(), any, size) == 0 && listen(listener.get(), 0) == 0 &&
+              getsockname(listener.get(), any, &size) == 0);
   std::vector<StreamClient> waiting;  // accepted by the kernel until its backlog is full
   const auto connectMany = [&] {
     for (;;) waiting.emplace_back("127.0.0.1", ntohs(address.sin_port), Seconds(0.2));

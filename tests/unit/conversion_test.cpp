@@ -119,7 +119,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   }
 }
 
-TEST(Conversion, KeepsLevelsAndLeavesBlackBarsAndGivesChromaAtABarsEdgeToThePicture) {
+TEST(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheirEdge) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
   // The left bar's width is even in the first case, odd in the second. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
@@ -246,7 +246,7 @@ TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAtManyWidthsAndHasNoChroma
   hwy::SetSupportedTargetsForTest(0);
 }
 
-TEST(JpegDecoder, DecodesOnlyWholePicturesOfTheExpectedSizeAndSamplingEachByItself) {
+TEST(JpegDecoder, RefusesIncompleteOrUnexpectedPicturesAndKeepsNothingOfTheLast) {
   const auto read = [](const char* name) {
     std::ifstream file(std::string(LUMORA_JPEGS "/") + name, std::ios::binary);
     EXPECT_TRUE(file) << name;
@@ -257,6 +257,7 @@ TEST(JpegDecoder, DecodesOnlyWholePicturesOfTheExpectedSizeAndSamplingEachByItse
   };
   const Bytes whole = read("420"), bare = read("no_huffman_tables"),
               progressive = read("progressive");
+  ASSERT_GT(whole.size(), 20u);
   SystemFrameDecoder fresh(PicturePool::make()), used(PicturePool::make());
   EXPECT_TRUE(decode(used, progressive).memory);  // no later picture may use its Huffman tables
   const auto wanted = decode(fresh, bare), behind = decode(used, bare);

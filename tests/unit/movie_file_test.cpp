@@ -12,13 +12,10 @@
 #include "mp4/movie_disk.h"
 #include "tests/unit/movie_reader.h"
 #include "tests/unit/samples.h"
+#include "tests/unit/wait_until.h"
 
 namespace lumora {
 namespace {
-
-void waitUntil(const std::function<bool()>& holds) {
-  while (!holds()) std::this_thread::yield();
-}
 
 // A disk in memory that can be told to fail or to hang. It keeps only the size of a large write.
 struct Disk {

@@ -6,6 +6,7 @@
 
 #include "system/asio_dispatch.h"
 #include "tests/unit/fakes.h"
+#include "tests/unit/wait_until.h"
 
 namespace lumora {
 namespace {
@@ -47,7 +48,7 @@ struct Driver : std::enable_shared_from_this<Driver> {
   std::atomic<Behaviour> behaviour = works;
   std::atomic<int> asked = 0, opened = 0;  // calls; opened hardware encoders
   std::atomic<bool> othersAsked = false;
-  std::size_t limit = 99;  // hardware encoders open at once
+  std::atomic<std::size_t> limit = 99;  // hardware encoders open at once
   std::promise<void> release;
   std::shared_future<void> released = release.get_future();
   std::mutex mutex;
@@ -155,7 +156,7 @@ TEST_F(HardwareEncoders, AreWaitedForWhileOneIsBeingOpenedAhead) {
   driver->behaviour = hangs;
   openAhead(wanted);
   const std::jthread opening([&] { opener->run(); });
-  while (driver->asked == 0) std::this_thread::yield();
+  waitUntil([&] { return driver->asked > 0; });
   auto acquired = acquireLater();
   driver->release.set_value();
   EXPECT_NE(acquired.get().encoder, nullptr);
@@ -241,8 +242,8 @@ struct EncoderRun {
     return driver->opened > before;
   }
   void waitForHardware(const EncoderSettings& by = slowTake) {
-    while (driver->opened == 0) std::this_thread::yield();  // the probe opens one
-    while (!isHardwareUsed(by)) std::this_thread::yield();
+    waitUntil([&] { return driver->opened > 0; });  // the probe opens one
+    waitUntil([&] { return isHardwareUsed(by); });
   }
 
   const std::shared_ptr<Driver> driver = std::make_shared<Driver>();
@@ -271,7 +272,7 @@ TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
   }
 }
 
-TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndNoSessionWaitsForThat) {
+TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndSessionsDoNotWait) {
   if (!avcodec_find_encoder_by_name("h264_v4l2m2m")) GTEST_SKIP() << "no second encoder";
   for (const auto behaviour : {hangs, refuses}) {
     SCOPED_TRACE(behaviour);
@@ -279,7 +280,7 @@ TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndNoSessionWaitsForThat) 
     run.waitUntilPrepared();
     const Session early = run.createSession();
     EXPECT_EQ(run.encodeOne(early), (Answer{0, 0}));
-    while (!run.driver->othersAsked) std::this_thread::yield();  // a hang delays this by a second
+    waitUntil([&] { return run.driver->othersAsked.load(); });  // a hang delays this by a second
     EXPECT_FALSE(run.isHardwareUsed());
     run.driver->release.set_value();
     if (behaviour == hangs) run.waitForHardware();
@@ -314,7 +315,7 @@ TEST_F(HardwareEncoders, AreWaitedForUntilOneIsFoundAndWhileAStoppedSessionHolds
 
 TEST_F(HardwareEncoders, AreOpenedForTheNextTakeOnceTheyAreFound) {
   const EncoderRun run("auto", works, preview);
-  while (run.driver->opened < 2) std::this_thread::yield();
+  waitUntil([&] { return run.driver->opened == 2; });
 }
 
 }  // namespace

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace lumora {
+
+// Waits for another thread. Fails the test after 20 s.
+inline void waitUntil(const std::function<bool()>& holds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) return ADD_FAILURE() << "waited in vain", void();
+    std::this_thread::yield();
+  }
+}
+
+}  // namespace lumora
