@@ -9,12 +9,12 @@
 // FRAMES says how frames reach the helper: "memory" or "pipe".
 
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "tools/paced_run.h"
+#include "tools/parse_number.h"
 #include "tools/programs.h"
 #include "tools/sound_source.h"
 
@@ -165,12 +165,13 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
 int main(int argc, char** argv) {
   std::vector<std::string> arguments(argv + 1, argv + argc);
   const bool asJson = std::erase(arguments, "--json") > 0;
-  if (arguments.size() < 2) {
+  double seconds = 10;
+  const bool isNumber = arguments.size() < 3 || tools::parseNumber(arguments[2], seconds);
+  if (arguments.size() < 2 || !isNumber || !(seconds > 0 && seconds <= 86400)) {
     std::fprintf(stderr, "usage: %s [--json] HELPER OUTPUT-FOLDER [SECONDS]\n", argv[0]);
     return 2;
   }
   try {
-    const double seconds = arguments.size() > 2 ? std::strtod(arguments[2].c_str(), nullptr) : 10;
     run(arguments[0], arguments[1], seconds, asJson);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "\n%s\n", error.what());

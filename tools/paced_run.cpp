@@ -36,10 +36,10 @@ class Run {
       startWatching(i == 0 && copy_.is_open() ? &copy_ : nullptr);
     }
     std::unique_lock hold(mutex_);
-    const auto areAdmitted = [this] {
-      return report_.stats.clients >= static_cast<std::uint64_t>(options_.clients);
+    const auto isDecided = [this] {
+      return hasEnded_ || report_.stats.clients >= static_cast<std::uint64_t>(options_.clients);
     };
-    if (!changed_.wait_for(hold, std::chrono::seconds(20), areAdmitted)) {
+    if (!changed_.wait_for(hold, std::chrono::seconds(20), isDecided)) {
       throw std::runtime_error("the helper did not admit the clients within 20 seconds");
     }
   }
@@ -120,7 +120,12 @@ class Run {
             const auto units = client::toAnnexB(packet);
             copy->write(reinterpret_cast<const char*>(units.data()), std::ssize(units));
           };
-          stream.watch(handle, [&] { return !stop.stop_requested(); });
+          try {
+            stream.watch(handle, [&] { return !stop.stop_requested(); });
+          } catch (const std::exception& error) {
+            const std::lock_guard hold(mutex_);
+            report_.error = error.what();
+          }
         });
   }
 
@@ -143,6 +148,7 @@ class Run {
       report_.stats.delivery = delivery;
     }
     if (const auto* error = std::get_if<client::Error>(&event.what)) report_.error = error->message;
+    if (std::holds_alternative<client::Exited>(event.what)) hasEnded_ = true;
     if (options_.onEvent && !event.line.empty()) options_.onEvent(event.line);
     changed_.notify_all();
   }
@@ -170,6 +176,7 @@ class Run {
   std::condition_variable changed_;
   std::vector<std::uint64_t> ids_;  // of the frames that were fed; guarded by `mutex_`
   RunReport report_;                // guarded by `mutex_`
+  bool hasEnded_ = false;           // the helper; guarded by `mutex_`
   client::Helper helper_;
   std::vector<std::jthread> watchers_;
 };

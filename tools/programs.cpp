@@ -55,7 +55,7 @@ void CommandPipe::stop() {
 }
 
 std::string outputOf(const std::string& command) {
-  std::FILE* pipe = popen((command + " 2>&1").c_str(), "re");
+  std::FILE* pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "re");
   if (pipe == nullptr) throw std::system_error(errno, std::generic_category(), command);
   std::string output;
   std::array<char, 4096> bytes;

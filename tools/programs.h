@@ -31,8 +31,7 @@ class CommandPipe {
   client::ChildProcess process_;
 };
 
-// What a command prints on both streams, and its exit status unless that is 0. Of a pipeline or a
-// list without braces around it, only the last program's errors are caught. Throws
+// What a command prints on both streams, and its exit status unless that is 0. Throws
 // std::system_error when no shell can be started.
 std::string outputOf(const std::string& command);
 

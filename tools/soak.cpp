@@ -144,10 +144,10 @@ class Soak {
     alarm(longestTake);  // ends us if anything hangs
     tools::TestCard card(oneOf(sizes));
     const std::jthread feeder([&](const std::stop_token& stop) { feed(card, stop); });
-    client::Take take =
-        helper_.startTake({.path = folder_ / ("take-" + std::to_string(takes_) + ".mp4"),
-                           .profile = {oneOf(takeSizes), oneOf(rates)},
-                           .steady = random_() % 2 == 0});
+    const auto path = folder_ / ("take-" + std::to_string(takes_) + ".mp4");
+    std::filesystem::remove(path);  // of a run that failed
+    client::Take take = helper_.startTake(
+        {.path = path, .profile = {oneOf(takeSizes), oneOf(rates)}, .steady = random_() % 2 == 0});
     pauseFor(std::uniform_real_distribution<double>(0.5, 6)(random_));
     take.stop();
     const auto end = take.waitForEnd(patience);

@@ -80,7 +80,8 @@ std::string tap(const Options& options) {
 }
 
 bool applyOption(std::string_view name, std::string_view value, Options& options) {
-  if (name == "--patience") return tools::parseNumber(value, options.patience);
+  if (name == "--patience")
+    return tools::parseNumber(value, options.patience) && options.patience >= 0;
   if (name == "--format") {
     options.flv = value == "flv";
     return value == "flv" || value == "h264";

@@ -54,7 +54,7 @@ void Bridge::own(const client::HelperOptions& options, std::unique_ptr<tools::Fr
               {"helper", program.empty() ? "lumora-video" : program}};
   folder_ = folder;
   program_ = options.program;
-  takesRecovered({});
+  takesRecovered({}, countInterruptedTakes(folder_));
   const Camera::Handlers handlers{.event = posting(&Bridge::eventCame),
                                   .inputEnded = posting(&Bridge::inputEnded),
                                   .soundEnded = posting(&Bridge::soundEnded),
@@ -120,10 +120,27 @@ void Bridge::obey(const Ping& message) {
 
 void Bridge::obey(const StartTake& message) {
   if (!camera_) return refuse("Only the application that started the helper can record takes.");
-  if (take_) return refuse("A take is running already.");
-  auto plan = planTake(message, client::Uptime::now());
-  plan.sound = message.sound && session_["sound"].get<bool>();  // the sound may have just ended
-  take_ = camera_->helper().startTake(plan, posting(&Bridge::takeSaid));
+  if (take_ || planning_.joinable()) return refuse("A take is running already.");
+  // On a thread of its own, since the folder's disk may hang.
+  planning_ = std::jthread([message, startedAt = client::Uptime::now(),
+                            done = posting(&Bridge::takePlanned)] {
+    try {
+      done(planTake(message, startedAt), "");
+    } catch (const std::exception& error) {
+      done(std::nullopt, error.what());
+    }
+  });
+}
+
+void Bridge::takePlanned(const std::optional<client::TakeOptions>& plan,
+                         const std::string& problem) try {
+  planning_ = {};
+  if (!plan) return refuse(problem);
+  auto options = *plan;
+  options.sound = options.sound && session_["sound"].get<bool>();  // the sound may have just ended
+  take_ = camera_->helper().startTake(options, posting(&Bridge::takeSaid));
+} catch (const std::exception& error) {
+  refuse(error.what());
 }
 
 void Bridge::obey(const StopTake&) {
@@ -135,20 +152,21 @@ void Bridge::obey(const RecoverTakes&) {
   if (!camera_ || recovery_.joinable()) return;
   const auto done = posting(&Bridge::takesRecovered);
   recovery_ = std::jthread([folder = folder_, program = program_, done] {
+    std::vector<std::string> lines;
     try {
-      done(recoverTakes(folder, program));
+      lines = recoverTakes(folder, program);
     } catch (const std::exception& error) {
-      done(std::vector<std::string>{error.what()});
+      lines = {error.what()};
     }
+    done(lines, countInterruptedTakes(folder));
   });
 }
 
-// Tells the page how many takes are still unfinished, and what a recovery did.
-void Bridge::takesRecovered(const std::vector<std::string>& lines) {
+// Tells the page how many takes are `left` unfinished, and what a recovery did.
+void Bridge::takesRecovered(const std::vector<std::string>& lines, std::size_t left) {
   recovery_ = {};
-  const std::size_t count = countInterruptedTakes(folder_);
-  if (count == 0 && lines.empty()) return;
-  interruptedTakes_ = {{"type", "interrupted"}, {"count", count}, {"lines", lines}};
+  if (left == 0 && lines.empty() && interruptedTakes_.is_null()) return;
+  interruptedTakes_ = {{"type", "interrupted"}, {"count", left}, {"lines", lines}};
   tell(interruptedTakes_);
 }
 
@@ -170,6 +188,7 @@ void Bridge::packetCame(const client::Packet& packet) {
 
 void Bridge::streamBegan() {
   flow_.streamBegan();
+  lastFailure_ = "";
   if (camera_ || interruption_.is_null()) return;
   interruption_ = nullptr;
   tell(session_);
@@ -177,11 +196,10 @@ void Bridge::streamBegan() {
 
 void Bridge::streamFailed(const std::string& why) {
   flow_.streamBegan();  // the next connection must not get acknowledgements of this one
-  if (!ending_) std::fprintf(stderr, "%s\n", why.c_str());
+  if (std::exchange(lastFailure_, why) == why) return;  // it is tried four times a second
+  if (!ending_ && inputEnd_.empty()) std::fprintf(stderr, "%s\n", why.c_str());
   if (camera_) return;  // the helper's events tell more
-  Json lost = {{"type", "lost"}, {"message", why + " Trying again."}};
-  if (lost == interruption_) return;
-  interruption_ = std::move(lost);
+  interruption_ = {{"type", "lost"}, {"message", why + " Trying again."}};
   tell(interruption_);
 }
 

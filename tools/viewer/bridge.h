@@ -51,6 +51,7 @@ class Bridge {
   void obey(const StartTake& message);
   void obey(const StopTake&);
   void obey(const RecoverTakes&);
+  void takePlanned(const std::optional<client::TakeOptions>& plan, const std::string& problem);
 
   void connectTo(const tools::HelperAddress& helper);
   void packetCame(const client::Packet& packet);
@@ -63,7 +64,7 @@ class Bridge {
   void helperEnded(const client::Exited& exited);
   void remember(const std::string& line);
   void takeSaid(const client::Recording& recording);
-  void takesRecovered(const std::vector<std::string>& lines);
+  void takesRecovered(const std::vector<std::string>& lines, std::size_t left);
 
   void tick();
   void acknowledge(std::optional<std::uint64_t> frameID);
@@ -90,7 +91,9 @@ class Bridge {
   std::string folder_;                                   // that the page proposes
   std::filesystem::path program_;                        // of the helper; empty: see HelperOptions
   std::jthread recovery_;                                // of interrupted takes
+  std::jthread planning_;                                // of the next take
   bool isTakeLost_ = false;                              // the last one that ended
+  std::string lastFailure_;                              // of the stream, while it lasts
   std::string inputEnd_;                                 // a sentence, once the input has ended
   bool ending_ = false;
   bool failed_ = false;

@@ -43,7 +43,8 @@ client::TakeOptions planTake(const StartTake& wanted, client::Uptime::time_point
   return {.path = freeName(folder),
           .profile = {*size, client::TakeRate{wanted.targetFPS}},
           .steady = wanted.steady,
-          .startedAt = startedAt};
+          .startedAt = startedAt,
+          .sound = wanted.sound};
 }
 
 std::size_t countInterruptedTakes(const std::string& folder) {

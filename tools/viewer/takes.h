@@ -8,7 +8,7 @@
 
 namespace lumora::viewer {
 
-// The options for a take that the page wants, except `sound`, with a free file name. Throws
+// The options for a take that the page wants, with a free file name. Waits for the disk. Throws
 // std::runtime_error if there is no such folder or size; its message is for people.
 client::TakeOptions planTake(const StartTake& wanted, client::Uptime::time_point startedAt);
 
