@@ -232,19 +232,23 @@ void compare(const std::string& helper, const std::filesystem::path& folder, int
       tools::firstLineOf("git describe --always --dirty 2>/dev/null || echo unknown");
   machine["libavcodec"] = tools::firstLineOf("pkg-config --modversion libavcodec");
   Json results = {{"machine", machine}, {"runs", Json::array()}, {"steady", Json::array()}};
-  const auto save = [&] { std::ofstream(folder / "bench.json") << results.dump() << '\n'; };
+  const auto save = [&] {  // after each part, since the next may fail
+    std::ofstream file(folder / "bench.json");
+    file << results.dump() << '\n' << std::flush;
+    if (!file) throw std::runtime_error("bench.json can't be written");
+  };
   for (Table& table : tables) {
     run(table, rounds, progress);
     print(table);
     for (Json& each : runsOf(table)) results["runs"].push_back(std::move(each));
-    save();  // what follows may fail
+    save();
   }
   for (const Steady& each : steady) {
     progress.begin("steady, take " + each.take + ", " + each.clip.formatName(),
                    steadyLength + overhead);
     results["steady"].push_back(each.run(helper, folder / "steady.mp4", steadyLength));
+    save();
   }
-  save();
 }
 
 }  // namespace

@@ -134,7 +134,8 @@ int run(const std::vector<std::string>& words) {
                  words.size() == 4 ? words[3] : "1080x720");
   } else if (mode == "load" && (words.size() == 7 || words.size() == 8)) {
     client::FrameSize size{};
-    if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2) return 2;
+    if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2)
+      throw std::invalid_argument("WIDTHxHEIGHT");
     bench::CameraClip clip = makeClip(size);
     const int rate = std::stoi(words[4]);
     tools::RunOptions load{
@@ -159,6 +160,9 @@ int run(const std::vector<std::string>& words) {
 int main(int argc, char** argv) {
   try {
     return run({argv + 1, argv + argc});
+  } catch (const std::invalid_argument& error) {
+    std::fprintf(stderr, "%s\n%s", error.what(), usage);
+    return 2;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

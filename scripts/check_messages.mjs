@@ -36,7 +36,7 @@ const partsOf = (text, changes) => unescaped(text).split(changes).map((part) => 
 
 const page = read('docs/troubleshooting.md');
 
-test('the page has every error', () => {
+test('troubleshooting.md lists every error of the sources', () => {
   assert.ok(errors.length > 80, `${errors.length}`);
   const parts = errors.flatMap((text) => partsOf(text, /\$\{[^}]*\}|%\w+|\\n/));
   assert.deepEqual(parts.filter((part) => !page.includes(part)), []);

@@ -3,6 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+git rev-parse --is-inside-work-tree >/dev/null
 git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc' | awk '
   function trim(text) { gsub(/^ +| +$/, "", text); return text }
   function contains(list, word) { return index(" " list " ", " " word " ") > 0 }

@@ -15,7 +15,7 @@ commands=("$@")
 [ ${#commands[@]} -gt 0 ] || commands=("make demo" "make test")
 
 if [ "$(id -u)" -ne 0 ]; then
-  echo "make fresh needs root: it makes a root file system and mounts into it" >&2
+  echo "this needs root: it makes a root file system and mounts into it" >&2
   exit 1
 fi
 # Uses its own mount namespace, so that nothing stays mounted however this ends.

@@ -26,7 +26,7 @@ commit=$(git describe --always --dirty --abbrev=40 --exclude="*")
   echo "lumora-video $version, commit $commit, as one program for x86-64 Linux with glibc 2.36 or newer."
   echo
   echo "It is linked with FFmpeg and x264 (GPL, version 2 or later) and Highway (Apache-2.0), so it is"
-  echo "distributed under the GPL, version 3 (licences/GPL-3.txt). The licences of all its parts lie in"
+  echo "distributed under the GPL, version 3 or later (licences/GPL-3.txt). The licences of all its parts lie in"
   echo "licences/. It is built by \"make portable\" in the sources of lumora-video from these packages of"
   echo "Debian 12, source packages where FFmpeg, x264 and Highway are concerned:"
   echo
@@ -51,7 +51,7 @@ cat >"$content/package.json" <<END
   "version": "$version",
   "description": "The lumora-video encoder helper for x86-64 Linux with glibc",
   "author": "the lumora-video authors",
-  "license": "GPL-3.0-only",
+  "license": "GPL-3.0-or-later",
   "reports": "to whoever you got this package from; vulnerabilities in private",
   "os": ["linux"],
   "cpu": ["x64"],

@@ -94,6 +94,7 @@ for step in fetchSources buildX264 buildFFmpeg buildHighway buildProgram; do
   echo "== $step"
   $step >"$build/log" 2>&1
 done
+trap - EXIT
 scripts/check_portable.sh "$build/lumora-video"
 scripts/check_portable.sh "$build/lumora-recover"
 scripts/pack_portable.sh "$build"

@@ -10,7 +10,8 @@ fi
 root=$(mktemp -d "${TMPDIR:-/var/tmp}/lumora-bare.XXXXXX")
 cleanUp() {
   for point in proc dev tmp; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
-  rm -rf --one-file-system "$root"
+  # The bind mount of /tmp may be on the same file system as the root.
+  mountpoint -q "$root/tmp" || rm -rf --one-file-system "$root"
 }
 trap cleanUp EXIT
 mmdebstrap --quiet --variant=minbase "$SUITE" "$root"

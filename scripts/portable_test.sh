@@ -5,7 +5,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export SUITE=${SUITE:-bookworm}
-[ -x build/portable/lumora-video ] || { echo "run make portable first" >&2; exit 1; }
+ls build/portable/packages/*.tar.gz >/dev/null || { echo "run make portable first" >&2; exit 1; }
+tar -xzf build/portable/packages/*.tar.gz -C build/portable --strip-components=1
+npm=(); command -v npm >/dev/null || npm=(nodejs npm)
+scripts/install_dependencies.sh "${npm[@]}"
 (cd client/node && npm ci --silent && npm pack --silent --pack-destination ../../build/portable/packages)
 
 KEEP=build/takes scripts/fresh.sh scripts/try_portable.sh

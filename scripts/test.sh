@@ -38,7 +38,9 @@ for i in "${!presets[@]}"; do
     grep -oE '[0-9]+ - [^ ]+ \([A-Z][^)]*\)' "$log" | grep -v Skipped)
   if [ -n "$next" ] && ! wait "$building"; then
     cat "build/$next.log"
-    exit 1
+    summaries+=("$next: did not build")
+    status=1
+    break
   fi
 done
 

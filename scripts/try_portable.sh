@@ -6,7 +6,9 @@ packages=/origin/build/portable/packages
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends nodejs npm >/dev/null
-! command -v ffmpeg lumora-video
+for program in ffmpeg lumora-video; do
+  if command -v "$program"; then echo "the test needs a system without $program" >&2; exit 1; fi
+done
 
 mkdir /tmp/application /tmp/takes
 tar -xzf "$packages"/lumora-video-*-linux-x64.tar.gz -C /tmp
