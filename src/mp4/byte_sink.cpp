@@ -30,7 +30,9 @@ class PosixFile final : public ByteSink {
     const int status = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(written_),
                                  static_cast<off_t>(bytes));
     if (status == 0 || errno == EINTR) return 0;
-    if (errno == ENOSPC || errno == EDQUOT || errno == EIO) return errno;
+    // Before a write gets such an error, the movie can still be completed in the reserved room.
+    for (const int error : {ENOSPC, EDQUOT, EFBIG, EIO})
+      if (errno == error) return error;
     reserves_ = false;  // this file system can't
     return 0;
   }

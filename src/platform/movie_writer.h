@@ -72,9 +72,9 @@ class MovieWriter {
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
   // Opens a text file at `path`, which must not exist. Call it before `startWriting`. Until the
-  // movie is complete or cancelled, `takeLines` is called at least twice a second, and at the end,
-  // on another thread. What it returns goes into the file. The file never delays or fails the
-  // movie. False, with `error`, if the file can't be made.
+  // movie is complete or cancelled, another thread calls `takeLines` twice a second or more often,
+  // unless the disk hangs, and once more at the end. What it returns goes into the file. The file
+  // never delays or fails the movie. False, with `error`, if the file can't be made.
   using TakeLines = std::function<std::string()>;
   virtual bool openLog(const std::string& path, TakeLines takeLines, std::string& error) = 0;
   // Why the log has ended early.

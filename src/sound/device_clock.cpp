@@ -78,6 +78,7 @@ void DeviceClock::correct(double late, double seconds) {
   const double timeGain = timeVariance_ / (timeVariance_ + jitter_);
   const double driftGain = covariance_ / (timeVariance_ + jitter_);
   if (aside_ == 0) steadyDrift_ = drift_;
+  const double stated = next_ + late;
   next_ += timeGain * late;
   drift_ += driftGain * late;
   driftVariance_ -= driftGain * covariance_;
@@ -87,17 +88,17 @@ void DeviceClock::correct(double late, double seconds) {
   jitter_ = std::max(jitter_ + (change * change / 2 - jitter_) / jitterMemory, leastJitter);
   scatter_ = std::max(std::abs(change), scatter_ * (1 - seconds / scatterMemory));
   jumped_ *= 1 - seconds / scatterMemory;
-  followStep(late, seconds);
+  followStep(stated, late, seconds);
 }
 
-void DeviceClock::followStep(double late, double seconds) {
+void DeviceClock::followStep(double stated, double late, double seconds) {
   constexpr double leastRecords = 10;  // fewer may be so far off by chance
   const double back = -std::copysign(std::min(seconds, std::abs(aside_)), aside_);
   aside_ += std::abs(late) > leastStep ? std::copysign(seconds, late) : back;
   if (std::abs(aside_) <= std::max(longestAside, leastRecords * seconds)) return;
   drift_ = steadyDrift_;
   scatter_ = 0;  // this change was a step
-  startAt(next_ + late);
+  startAt(stated);
 }
 
 void DeviceClock::advance(double seconds) {

@@ -48,7 +48,7 @@ class DeviceClock {
 
   void startAt(double time);
   void correct(double late, double seconds);
-  void followStep(double late, double seconds);
+  void followStep(double stated, double late, double seconds);
   void advance(double seconds);
   double usualLateness(double seconds) const;
   void deviate(double late);

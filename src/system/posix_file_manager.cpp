@@ -32,7 +32,7 @@ class PosixFileManager final : public FileManager {
       if (pending_->names.contains(nameOf(path))) return true;
     }
     struct stat status {};
-    return stat(path.c_str(), &status) == 0;
+    return lstat(path.c_str(), &status) == 0;  // a link that leads nowhere also uses its name
   }
 
   bool move(const std::string& from, const std::string& to) override {

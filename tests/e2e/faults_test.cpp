@@ -69,7 +69,7 @@ TEST_F(Faults, WithoutMemoryTheHelperExitsWithOneAndTheMovieStays) {
   EXPECT_GT(countFrames(stagingPath()), 20);
 }
 
-TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
+TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
   ASSERT_TRUE(startWith("fdatasync:1,unlink:1:-6"));
   const auto end = [this] {
     startTake(smallTake);
@@ -89,6 +89,8 @@ TEST_F(Faults, NoTakeGetsTheNameOfAFileThatIsStillBeingRemoved) {
   for (const double patience = uptime() + 20; end()["state"] != "saved";)
     ASSERT_LT(uptime(), patience);
   EXPECT_EQ(decodeErrors(path), "");
+  std::filesystem::create_symlink("nowhere.mp4", path = folder / "link.mp4");
+  EXPECT_EQ(end()["error"], "invalid or existing recording destination");
 }
 
 TEST_F(Faults, TheWatchdogEndsAHelperWhoseEncoderHangsThoughTheParentBlockedSIGALRM) {

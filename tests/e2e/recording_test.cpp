@@ -211,14 +211,19 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   expectFailure("No such file or directory", false);
   std::filesystem::create_directory(place);
   rlimit before{};
-  const rlimit little{1000, RLIM_INFINITY};
-  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &little, &before), 0);
-  begin();
-  ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &before, nullptr), 0);
-  expectFailure("File too large", false);
-  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=4m") != 0) GTEST_SKIP() << "cannot mount";
+  const auto limitSize = [&](rlim_t bytes, bool isKept) {
+    const rlimit limit{bytes, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &limit, &before), 0);
+    begin();
+    ASSERT_EQ(prlimit(helper->pid(), RLIMIT_FSIZE, &before, nullptr), 0);
+    expectFailure("File too large", isKept);
+  };
+  limitSize(1000, false);
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=6m") != 0) GTEST_SKIP() << "cannot mount";
   begin();
   expectFailure("No space left on device", true);
+  ASSERT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_REMOUNT, "size=20m"), 0);
+  limitSize(2'000'000, true);  // this file system does not even reserve more
 }
 
 TEST_F(Disk, ATakeIsSavedWhenSpaceFallsBelowTheMinimum) {
