@@ -52,9 +52,10 @@ int main(int argc, char** argv) try {
   }
   std::this_thread::sleep_until(start + pictures * interval);  // keeps the last picture in the take
   take.stop();
-  const Recording end = take.waitForEnd(Seconds(10)).value();
-  std::printf("%s: %.3f s %s\n", end.path.c_str(), end.duration.count(), end.error.c_str());
-  return end.state == TakeState::saved ? 0 : 1;
+  const auto end = take.waitForEnd(Seconds(10));
+  if (!end) throw std::runtime_error("the take did not end in 10 s");
+  std::printf("%s: %.3f s %s\n", end->path.c_str(), end->duration.count(), end->error.c_str());
+  return end->state == TakeState::saved ? 0 : 1;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());
   return 1;

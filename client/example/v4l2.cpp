@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <lumora/helper.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 
@@ -124,6 +125,8 @@ int main(int argc, char** argv) try {
   Take take = helper.startTake({.path = std::filesystem::absolute(argv[2]) / "take.mp4"});
   const auto end = take.startedAt() + Seconds(argc > 3 ? std::stod(argv[3]) : 5);
   for (std::uint64_t lastID = 0; Uptime::now() < end;) {
+    pollfd camera{device, POLLIN, 0};
+    if (poll(&camera, 1, 1000) <= 0) continue;  // no picture for a second
     v4l2_buffer filled = bufferOf(0);
     require(ioctl(device, VIDIOC_DQBUF, &filled) == 0, "VIDIOC_DQBUF");
     // Skips a broken buffer, and a picture for which no slot is free.
@@ -135,9 +138,11 @@ int main(int argc, char** argv) try {
     require(ioctl(device, VIDIOC_QBUF, &filled) == 0, "VIDIOC_QBUF");
   }
   take.stop();
-  const Recording saved = take.waitForEnd(Seconds(10)).value();
-  std::printf("%s: %.3f s %s\n", saved.path.c_str(), saved.duration.count(), saved.error.c_str());
-  return saved.state == TakeState::saved ? 0 : 1;
+  const auto saved = take.waitForEnd(Seconds(10));
+  if (!saved) throw std::runtime_error("the take did not end in 10 s");
+  std::printf("%s: %.3f s %s\n", saved->path.c_str(), saved->duration.count(),
+              saved->error.c_str());
+  return saved->state == TakeState::saved ? 0 : 1;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());
   return 1;

@@ -46,7 +46,7 @@ TEST_F(Recording, LastsExactlyFromStartToStopAtEverySize) {
       EXPECT_NEAR(movie["duration_ts"].get<double>(), 0.7 * 60000, 1);
       EXPECT_NEAR(saved["duration"].get<double>(), 0.7, 1e-4);
       const int frames = std::stoi(movie["nb_read_frames"].get<std::string>());
-      EXPECT_LE(frames, 22);               // 0.7 s at 30 a second
+      EXPECT_LE(frames, 22);  // 0.7 s at 30 a second
       EXPECT_GE(frames, LUMORA_SANITIZED ? 2 : 10);
       EXPECT_GE(saved["frames"], frames);  // also counts frames after the stop
       EXPECT_EQ(saved["frames_in_movie"], frames);
