@@ -1,5 +1,5 @@
 // The tap's stream is pushed to nginx and through SRT, and played from there. Every picture must
-// arrive as it was encoded, at the time at which the camera took it.
+// arrive as it was encoded, with the time at which the camera took it.
 //
 //   node audience_test.mjs HELPER TAP
 

@@ -72,7 +72,7 @@ TEST_F(Client, AKilledHelperFailsItsTakeAndDropsItsFrames) {
   Take take = startTake(camera);
   feed(camera, 60);
   kill(camera.pid(), SIGSTOP);
-  // If frames go through the pipe, the helper is killed in the middle of the first of these.
+  // If frames go through the pipe, the helper is killed in the middle of the first large frame.
   feed(camera, 2, {1920, 1080});
   kill(camera.pid(), SIGKILL);
   const client::Recording end = take.waitForEnd(Seconds(20)).value();
@@ -178,12 +178,12 @@ TEST_F(Client, RefusesWhatWouldEndTheHelper) {
   EXPECT_EQ(camera.stop().status, 0);
 }
 
-TEST_F(Client, ATakeEndsAtItsStopTimeThoughItsHelperIsStoppedAtOnce) {
+TEST_F(Client, ATakeEndsAtItsStopTimeEvenIfTheHelperEndsRightAfterwards) {
   const auto usual = std::signal(SIGCHLD, SIG_IGN);  // the helper's exit status is then lost
   client::Helper camera(options());
   Take take = startTake(camera);
   feed(camera, 31, {1920, 1080});
-  // The helper then has the last frame still to encode when the stop arrives.
+  // When the stop arrives, the helper has not encoded the last frame yet.
   kill(camera.pid(), SIGSTOP);
   feed(camera, 1, {1920, 1080});
   take.stop(client::Uptime::now() - Seconds(0.3));

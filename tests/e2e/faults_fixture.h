@@ -58,15 +58,15 @@ struct Faults : HelperTest {
     hear([&](const Event&) { return states.contains("saved") || states.contains("failed"); });
     return states;
   }
-  // Runs the helper for a short take beside a client. `withAnother` adds a second take after a
-  // failed call: that call must not fail the second one.
+  // Runs the helper for a short take beside a client. If a call has failed, `withAnother` adds a
+  // second take. Only an end of the helper may make this take fail.
   client::Exited run(const std::string& faults, bool withAnother) {
     if (startWith(faults)) {
       std::unique_ptr<client::StreamClient> viewer;
       try {
         viewer = connect();
         viewer->sayHello(token);
-      } catch (const std::exception&) {  // its listener may be gone
+      } catch (const std::exception&) {  // the helper's listener may be gone
       }
       takeOne();
       if (withAnother && hasHit()) {
@@ -84,8 +84,8 @@ struct Faults : HelperTest {
     return exit;
   }
   // Makes the calls of a kind fail, one in each run, and calls `look` after each run. Each of
-  // the first calls gets a run, of the later ones ever fewer do. With sound there are fewer runs,
-  // because the same calls fail without sound, too.
+  // the first calls gets a run. After these, more and more calls are skipped. With sound there are
+  // fewer runs, because the same calls fail without sound, too.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
     const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
@@ -101,7 +101,7 @@ struct Faults : HelperTest {
     }
     EXPECT_GT(nth, next(1)) << call << " never occurs";
   }
-  // Expects, whatever failed, exit status 0 or 1 with its reason, and one end of each take.
+  // Expects exit status 0, or 1 after an error event, and one end of each take.
   void judge(const client::Exited& exit, const std::string& kind) {
     EXPECT_EQ(exit.signal, 0);
     EXPECT_TRUE(exit.status == 0 || exit.status == 1) << exit.status;

@@ -29,7 +29,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
                                  {"pipe", "", path}});
     }
   } else if (!sanitized && canFailCodec()) {
-    // Its calls count from the take's first picture on. The sound encoder is opened after that.
+    // Calls of malloc count from the first picture on. The sound encoder is opened after it.
     kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }
   std::istringstream others(
@@ -82,7 +82,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
       return told["state"] == "saved" || told["state"] == "failed";
     });
   };
-  EXPECT_EQ(end()["error"], "Input/output error");  // after a second; the removal takes six
+  EXPECT_EQ(end()["error"], "Input/output error");  // comes after 1 s; the removal takes 6 s
   ASSERT_TRUE(std::filesystem::remove(stagingPath()));
   path = folder / "." / std::filesystem::path(path).filename();  // another spelling
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");
@@ -93,7 +93,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");
 }
 
-TEST_F(Faults, TheWatchdogEndsAHelperWhoseEncoderHangsThoughTheParentBlockedSIGALRM) {
+TEST_F(Faults, TheWatchdogEndsAHangingHelperEvenIfSIGALRMWasBlocked) {
   if (!canFailCodec()) GTEST_SKIP();
   ASSERT_TRUE(startWith("avcodec_send_frame:20:-30"));
   const Watcher watcher(connectClient());

@@ -93,7 +93,7 @@ void ffmpeg(const std::string& arguments);
 Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments);
 
-// Expects a file without errors, whose last picture has this `size`. It shows a picture of the size
+// Expects a file without errors, whose last picture has this `size` and shows a frame of the size
 // `camera` in these colours, between black bars if the shapes differ.
 void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
                     const Quarters& colours = usualColours);

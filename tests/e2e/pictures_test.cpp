@@ -123,10 +123,10 @@ std::vector<int> contrasts(const std::string& file) {
 
 using SharedFrames = HelperTest;
 
-// Every frame is plain. A picture with contrast was read while the next frame overwrote it.
+// Every frame is plain. Contrast in a picture shows that a frame was overwritten while it was read.
 TEST_F(SharedFrames, AreNotReadAfterTheirRelease) {
   transport = client::FrameTransport::memory;
-  const FrameSize size{1080, 720};  // of the take, so its encoder reads samples in the slot
+  const FrameSize size{1080, 720};  // also the take's, whose encoder then reads from the slot
   const int pictures = sanitized ? 100 : 400;
   for (const auto encoding : {rgba, nv12, yuyv}) {
     format = {encoding};

@@ -25,8 +25,8 @@ struct DiskContents {
     durable = with(0, pending.size());
     pending.clear();
   }
-  // The file with the pending writes from `first` to before `last`, and with `bytesOfLast` of the
-  // last of these writes. Gaps are zeros.
+  // The file with the pending writes `first` to `last` - 1, the last one with only `bytesOfLast`
+  // of its bytes. Gaps are zeros.
   Pixels with(std::size_t first, std::size_t last, std::size_t bytesOfLast = SIZE_MAX) const {
     Pixels file = durable;
     for (std::size_t i = first; i < last; ++i) {

@@ -1,4 +1,4 @@
-// Takes on real disks, some of which fail: timing, profiles, endings, crashes. ffprobe and ffmpeg
+// Takes on real disks, also on failing ones: timing, profiles, endings, crashes. ffprobe and ffmpeg
 // judge the movies.
 
 #include <gmock/gmock.h>

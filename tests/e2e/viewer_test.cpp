@@ -1,4 +1,4 @@
-// The viewer as a program. The tests play its page at its socket.
+// The viewer as a program. In place of its page, the tests talk to its socket.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

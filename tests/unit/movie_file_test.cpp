@@ -109,7 +109,7 @@ std::size_t boxIn(const Bytes& bytes, const char* type) {
   return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).rfind(type);
 }
 
-TEST(MovieFile, PadsAFragmentOnlyIfItsHeadWouldCrossASectorOrPageBoundary) {
+TEST(MovieFile, PadsAFragmentWhereItsHeadWouldCrossASectorOrPage) {
   const MovieTrack track{.id = 1, .picture = keySample()->format()};
   for (std::size_t count = 20; count < 60; ++count) {
     const std::vector<MovieSample> samples(count, {100, 1000, false});
@@ -240,7 +240,7 @@ TEST(MovieFile, HasTheRightTimesAndOffsetsAfterDaysAndGigabytes) {
   EXPECT_EQ(read(boxIn(bytes, "co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
 }
 
-TEST(MovieFile, IsCompletedThoughItsLogFailsAndReportsARescueWithoutMemory) {
+TEST(MovieFile, CompletesThoughItsLogFailsAndReportsARescueThatLacksMemory) {
   const auto logDisk = std::make_shared<Disk>();
   logDisk->isFull = true;
   const auto movie = MovieDisk::start(std::make_unique<DiskSink>(std::make_shared<Disk>()));

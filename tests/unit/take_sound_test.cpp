@@ -211,7 +211,7 @@ TEST_F(SoundTakes, EndWithoutTheRestOfLongSilenceIfTheHelperEnds) {
   EXPECT_LT(std::ssize(probe.sound->samples), 100 * 2000);
 }
 
-TEST_F(SoundTakes, ThatAreKeptHaveSoundToTheirEndEvenIfTheyFailWhileTheyWaitForIt) {
+TEST_F(SoundTakes, KeepSoundToTheirEndEvenIfTheyFailWhileWaitingForSound) {
   for (const bool waits : {false, true}) {
     restart();
     startHeard(999.9, 1000.2, 1000.1, {{"on_failure", "keep"}});

@@ -80,7 +80,7 @@ TEST(WebRules, OnlyOurOwnPageAtItsNumericAddressGetsAnything) {
     EXPECT_FALSE(rules.resource(host, {}, other)) << other;
 }
 
-TEST(WebRules, ServeTheRequestedPartOfAFileAndTheWholeForAnUnusableHeader) {
+TEST(ByteRange, IsTheRequestedPartOrElseTheWholeFile) {
   using enum ByteRange::Kind;
   EXPECT_EQ(parseRange("bytes=10-", 100), (ByteRange{part, 10, 90}));
   EXPECT_EQ(parseRange("bytes=99-99", 100), (ByteRange{part, 99, 1}));
@@ -91,7 +91,7 @@ TEST(WebRules, ServeTheRequestedPartOfAFileAndTheWholeForAnUnusableHeader) {
     EXPECT_EQ(parseRange(header, 100), (ByteRange{whole, 0, 100})) << header;
 }
 
-TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
+TEST(DeviceLists, HoldOnlyWhatFfmpegCanRead) {
   std::vector<std::pair<std::string, std::string>> found;
   for (const auto& [name, sizes] : tools::parseCameraFormats(
            "[v4l2 @ 0x5] Raw       :     yuyv422 :           YUYV 4:2:2 : 640x480 160x90\n"
@@ -116,7 +116,7 @@ TEST(Cameras, AndSoundDevicesAreThoseThatFfmpegCanRead) {
                                       "pulse:pci.analog-stereo  Built-in"}));
 }
 
-TEST(FlvTimes, GrowAndAreCaptureTimesWhereTheIdsAreCaptureTimes) {
+TEST(FlvTimes, AlwaysGrowAndFollowIdsThatAreCaptureTimes) {
   const struct {
     std::optional<bool> fromIDs;
     // Id and arrival in seconds, time in the output in milliseconds.
