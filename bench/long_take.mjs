@@ -15,6 +15,7 @@ import { commandOf, inFolder, recordOf } from '../tests/parent.mjs';
 import { startFastHelper } from './fast_helper.mjs';
 
 const [helper, library, longTakeSpeed] = process.argv.slice(2);
+if (!/^[1-9][0-9]*$/.test(longTakeSpeed)) throw new Error('SPEED must be a whole number');
 const uptime = () => Number(process.hrtime.bigint()) / 1e9; // seconds
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const rate = 60; // frames per second of the helper's time
@@ -22,7 +23,8 @@ const size = [160, 90];
 const picture = Buffer.alloc(size[0] * size[1] * 1.5, 128);
 const neverWoken = new Int32Array(new SharedArrayBuffer(4));
 
-// Feeds the helper for `seconds` of the helper's time. Drops a frame while the one before it waits.
+// Feeds the helper for `seconds` of the helper's time. Skips a frame if the
+// one before it is not yet wholly in the pipe.
 async function film(stdin, seconds, speed) {
   const helperTime = () => uptime() * speed;
   const end = helperTime() + seconds;

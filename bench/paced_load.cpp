@@ -62,14 +62,14 @@ void print(const tools::RunOptions& load, const tools::FrameSource& source,
   const Count toRecord = load.take ? report.fed - std::min(report.fed, load.framesBeforeTake) : 0;
   std::printf(
       "%4dx%-4d %-10s %2d fps  %-6s  %d clients  take %-9s  fed %5llu  delivered %5llu  "
-      "recorded %5llu of %5llu  left out %llu  dropped %llu (%llu at the start)  "
-      "withheld %llu  throttled %llu  ",
+      "recorded %5llu of %5llu  left out %llu  dropped %llu  withheld %llu  throttled %llu  "
+      "not delivered in the first second %llu  ",
       width, height, source.format().text().c_str(), load.framesPerSecond,
       report.transport == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
       load.take ? toText(load.take->profile.size).c_str() : "none", Count{report.fed},
       Count{frames}, Count{report.take.frames}, toRecord, Count{report.frames.dropped},
-      Count{report.stats.droppedFrames}, Count{lostAtStart},
-      Count{withheld.creditDrops + withheld.sendDrops}, Count{report.take.throttled});
+      Count{report.stats.droppedFrames}, Count{withheld.creditDrops + withheld.sendDrops},
+      Count{report.take.throttled}, Count{lostAtStart});
   std::printf(
       "latency p50 %5.2f p95 %5.2f p99 %5.2f ms  feeder late p99 %.2f max %.2f ms  "
       "cpu %5.2f ms/frame, parent %5.2f  peak %.0f MB  ready %.0f ms\n",

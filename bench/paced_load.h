@@ -12,8 +12,8 @@ namespace lumora::bench {
 std::optional<client::TakeOptions> takeOf(const std::string& profile, int targetFPS,
                                           const std::string& path);
 
-// `tools::runPaced`, after removing the movie of the run before. First touches memory if
-// the environment has MEMORY=settled.
+// Touches memory if the environment has MEMORY=settled, removes the movie of the run before, and
+// calls `tools::runPaced`.
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source);
 
 struct Delivered {

@@ -59,8 +59,8 @@ Run runHelper(tools::RunOptions load, CameraClip& clip, int rate) {
   run.figures["take_mb"] = megabytes(std::filesystem::file_size(load.take->path));
   run.figures["preview_mb"] = megabytes(std::filesystem::file_size(load.previewPath));
   for (const tools::Delivery& delivery : report.deliveries) run.inPreview.push_back(delivery.frame);
-  // If neither lacks a frame, the take has the preview's frames, perhaps without the last, which
-  // may come after the stop.
+  // If take and preview have dropped no frame, they have the same frames. Only the last may be
+  // missing from the take, because it may come after the stop.
   const bool isWhole =
       report.take.dropped == 0 && report.take.throttled == 0 && run.inPreview.size() == report.fed;
   if (isWhole && report.take.frames <= run.inPreview.size()) {

@@ -325,7 +325,7 @@ Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (!options.token.empty()) checkToken(options.token);
   try {
     impl_ = std::make_unique<Impl>(options, std::move(onEvent));
-    impl_->begin();  // the handler may call us, so `impl_` is set before
+    impl_->begin();                           // the handler may call us, so `impl_` is set before
   } catch (const std::system_error& error) {  // no process or no thread
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }

@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <cmath>
+
 namespace lumora::client {
 
 Uptime::time_point Uptime::now() noexcept {
@@ -11,7 +13,7 @@ Uptime::time_point Uptime::now() noexcept {
 }
 
 std::uint64_t frameID(Uptime::time_point capturedAt) {
-  return static_cast<std::uint64_t>(capturedAt.time_since_epoch().count() * 1e6);
+  return static_cast<std::uint64_t>(std::llround(capturedAt.time_since_epoch().count() * 1e6));
 }
 
 }  // namespace lumora::client

@@ -20,8 +20,8 @@ std::vector<CameraFormat> parseCameraFormats(const std::string& printed);
 // instead.
 std::string listCameras();
 
-// The sound devices in what ffmpeg prints for "-sources" of a format, without "null". Each is a
-// word for `Microphone` and a description. Pure.
+// The sound devices in what ffmpeg prints for "-sources" of a format, without "null". Each begins
+// with the argument for `Microphone`; a description follows. Pure.
 std::vector<std::string> parseSoundDevices(const std::string& format, const std::string& printed);
 
 // The sound devices, for people.

@@ -35,8 +35,8 @@ class FrameSource {
 };
 
 // A moving test card: colour bars and a fine pattern that scroll, a clock that tells frames apart,
-// and a box that is white in three frames of each second, else black. Drawing the card costs little
-// CPU time, so it does not distort measurements of the helper.
+// and a box that is white in three frames of each second (at most half of them), else black.
+// Drawing the card costs little CPU time, so it does not distort measurements of the helper.
 class TestCard final : public FrameSource {
  public:
   explicit TestCard(client::FrameSize size, int framesPerSecond = 60);

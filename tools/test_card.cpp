@@ -25,7 +25,7 @@ constexpr std::string_view glyphs[] = {"ehjlphe", "4c4444e", "eh1248v", "v2421he
                                        "26aiv22", "vgu11he", "68guhhe", "v124888",
                                        "ehhehhe", "ehhf12c", "0440440", "00000cc"};
 
-// Pixels by their place from the top left, though the bottom row is stored first.
+// Draws at places counted from the top left. The memory has the bottom row first.
 struct Canvas {
   std::vector<std::uint8_t>& rgba;
   client::FrameSize size;
@@ -86,9 +86,11 @@ TestCard::TestCard(client::FrameSize size, int framesPerSecond)
   }
 }
 
-// The first flash comes about half a second after the first frame.
+// The first flash comes about half a second after the first frame. At few frames a second a flash
+// has fewer than three, so that there are dark ones between.
 bool TestCard::flashes(std::uint64_t number) const {
-  return (number + framesPerSecond_ / 2) % framesPerSecond_ < 3;
+  return (number + framesPerSecond_ / 2) % framesPerSecond_ <
+         std::min<std::uint64_t>(framesPerSecond_ / 2, 3);
 }
 
 std::span<const std::uint8_t> TestCard::next(std::uint64_t number, double seconds) {
@@ -105,7 +107,8 @@ std::span<const std::uint8_t> TestCard::next(std::uint64_t number, double second
                 milliseconds / 1000 % 60, milliseconds % 1000);
   const Canvas canvas{frame_, size_};
   const int left = size_.width / 16;
-  canvas.write(left, size_.height / 16, std::max(size_.height / 90, 1), clock.data());
+  const int dot = std::max(std::min(size_.height / 90, size_.width / 60), 1);
+  canvas.write(left, size_.height / 16, dot, clock.data());
   canvas.fill(left, size_.height * 3 / 4, size_.width / 6, size_.height / 6,
               flashes(number) ? white : black);
   return frame_;

@@ -48,7 +48,7 @@ std::string WatchedStream::watchOnce(const std::stop_token& stop) {
     handlers_.packet(*std::move(packet));
   }
   if (connected) lastReceived_ = client::Uptime::now();
-  if (stream_->end() == client::StreamEnd::noRoom) 
+  if (stream_->end() == client::StreamEnd::noRoom)
     return "The helper has no room: two clients watch already, or too many are connecting.";
   if (stream_->end() == client::StreamEnd::refused)
     return "The helper closed the connection at once. Is the token wrong, or do two clients watch "

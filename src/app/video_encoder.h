@@ -28,7 +28,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // app/: lifecycle. `start` throws std::system_error when the listener or a thread can't be made.
   void start();
   void shutdown(int code);
-  // Even if the state queue hangs, the process ends within `watchdogTimeout` of a request.
+  // Even if the state queue hangs, the process ends within `watchdogTimeout` of a request, or of
+  // the `shutdown` that follows it.
   void requestShutdown();                           // any thread
   void requestFailure(const std::string& message);  // any thread
   void exitNow(int code);
@@ -58,7 +59,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
  private:
   friend struct VideoEncoderProbe;  // unit tests look inside
 
-  // A handler that calls `work` with this service, then `bound`, then the handler's own arguments.
+  // A handler that calls `work`. Its arguments are this service, `bound` and the handler's own.
   // It does nothing once the service is gone.
   template <typename Work, typename... Bound>
   auto weakly(Work work, Bound... bound) {

@@ -11,12 +11,13 @@
 namespace lumora {
 namespace {
 
-// Our own files stay far below these limits. For other files the limits bound time and memory.
+// Our own files stay below these limits, unless a take lasts for days. For other files the limits
+// bound time and memory.
 constexpr std::size_t maximumChildren = 64;             // of one box
 constexpr std::uint64_t maximumLeafBytes = 1 << 20;     // of a box that is read whole
 constexpr std::uint32_t maximumSampleBytes = 64 << 20;  // of a sample that is read
 constexpr std::size_t maximumSamples = std::size_t{1}
-                                       << 25;  // 43 hours at 120 a second with sound at 96 kHz
+                                       << 25;  // 43 h of 120 pictures a second and 96 kHz sound
 
 struct Damaged : std::runtime_error {
   Damaged() : std::runtime_error("it is not a take of this program, or its start is damaged") {}
@@ -206,7 +207,7 @@ MovieTrack Reader::readTrack(const BoxPlace& track, bool isPicture) {
 AacFormat Reader::soundFormat(const BoxPlace& track, const BoxPlace& entry) const {
   AacFormat format;
   Fields edit = fields(child(child(track, "edts"), "elst"));
-  edit.take(4 + 4 + 8 + 4);  // up to the lower half of the time
+  edit.take(4 + 4 + 8 + 4);  // up to the low 4 bytes of the media time
   format.priming = edit.next<std::uint32_t>();
   Fields media = fields(child(child(track, "mdia"), "mdhd"));
   media.take(4 + 16);
@@ -268,7 +269,7 @@ void Reader::readFragments(std::uint64_t at) {
   for (MovieTrack& track : movie_.tracks) dropTornSamples(track);
 }
 
-// 14496-12, 8.8.4 to 8.8.8, as `fragmentStart` writes them. Returns where the fragment ends, which
+// 14496-12, 8.8.4 to 8.8.12, as `fragmentStart` writes them. Returns where the fragment ends, which
 // may be beyond the end of the file.
 std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   const BoxPlace part = child(fragment, "traf");
@@ -344,7 +345,7 @@ bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) c
 // begin in the `size` bytes at `offset`, which lies within the file.
 bool Reader::holdsTables(std::uint64_t offset, std::uint64_t size) const {
   constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
-  const std::uint64_t longest = size + 3 + tables.size();       // if only one byte is inside
+  const std::uint64_t longest = size + 3 + tables.size();       // if only its first byte is inside
   const Bytes read = bytes(offset, std::min(longest, file_.size - offset));
   return std::search(read.begin(), read.end(), tables.begin(), tables.end()) != read.end();
 }

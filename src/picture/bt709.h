@@ -5,8 +5,8 @@
 // Weights are signed bytes, since SIMD multiplies bytes fastest. They have a common factor, which
 // `scale` removes. With the right factor eight bits are enough: before rounding, luma differs by
 // 0.21 of a step at most from the exact ratios (0.2126 red, 0.7152 green, 0.0722 blue), and colour
-// differences by 0.005 of a step. Greys are exact. SIMD sums two neighbouring products in 16 bits, so two
-// neighbouring weights of the same sign add up to 128 at most.
+// differences by 0.005 of a step. Greys are exact. SIMD sums two neighbouring products in 16 bits,
+// so two neighbouring weights of the same sign add up to 128 at most.
 
 #include <array>
 #include <cstddef>

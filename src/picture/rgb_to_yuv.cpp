@@ -74,8 +74,8 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 }
 
 // The constants for a picture's rows. The function for a row gets a copy, which the compiler keeps
-// in registers. Without the copy it would load them again after every store of bytes, because such a
-// store may change any object.
+// in registers. Without the copy it would load them again after every store of bytes, because such
+// a store may change any object.
 class Kernel {
  public:
   explicit HWY_INLINE Kernel(const bt709::Weightings& of)

@@ -16,7 +16,8 @@ class FrameMemory {
   // The size at launch, in bytes.
   virtual std::uint64_t size() const = 0;
   // The pixels of frame `id` at `offset`. The caller has checked the offset and calls with growing
-  // ids. The parent gets pixels back once they and earlier ones are unreferenced. Reader thread.
+  // ids. The parent gets a frame's pixels back once nobody holds them or those of an earlier frame.
+  // Reader thread.
   virtual std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset) = 0;
 };
 

@@ -20,7 +20,7 @@ struct TakeOptions {
   // The take is stopped if its file system has fewer bytes left.
   std::optional<std::int64_t> minimumFree = {};
   bool frameLog = false;                  // a file beside the movie says what became of each frame
-  std::optional<SoundFormat> sound = {};  // that of the parent, if the movie is to have sound
+  std::optional<SoundFormat> sound = {};  // of the parent; empty: a movie without sound
   std::int64_t soundBitRate = 128'000;    // bits per second
 
   // `ofParent` is the sound of this run, if it has any. An unknown cadence counts as the grid.

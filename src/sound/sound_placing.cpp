@@ -60,7 +60,7 @@ void SoundPlacing::align(double late, const SoundRecord& record, SoundPlacement&
   placement.cut = std::clamp(-samples, std::int64_t{0}, record.samples);
   insert(placement.silence);
   isAligning_ = placement.cut == record.samples;
-  compensation_ = limited(record.drift, mostCompensation);  // the sound before it has ended
+  compensation_ = limited(record.drift, mostCompensation);  // may jump: no sound is joined to this
 }
 
 std::int64_t SoundPlacing::gaps(double end) const {

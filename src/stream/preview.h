@@ -17,7 +17,7 @@ struct SentFrame {
 };
 
 struct Peer {
-  std::uint64_t id = 0;  // its key in `Preview::peers`, used once in a run
+  std::uint64_t id = 0;  // its key in `Preview::peers`, unique in a run
   std::shared_ptr<TcpConnection> connection;
   double acceptedAt = 0;  // uptime seconds
   bool authenticated = false;
@@ -37,8 +37,8 @@ struct AcknowledgementFigures {
   double acknowledgementOldest = 0;  // smoothed
   double acknowledgementRTTMaximum = 0;
 
-  // `sentAt` is the uptime at which the acknowledged frame was sent, `oldestSentAt` that of the
-  // oldest frame that was unacknowledged until now.
+  // The acknowledged frame was sent at uptime `sentAt`, and the oldest frame that still waited when
+  // its acknowledgement came, at `oldestSentAt`.
   void record(double sentAt, double oldestSentAt, double now);
 };
 
@@ -56,7 +56,7 @@ struct Preview {
   std::uint64_t droppedPeers = 0;
   std::uint64_t creditDrops = 0;              // frames dropped: too many unacknowledged
   std::uint64_t sendDrops = 0;                // frames dropped: the last send is outstanding
-  std::uint64_t resyncWaitDrops = 0;          // frames dropped: not the key frame waited for
+  std::uint64_t resyncWaitDrops = 0;          // frames dropped: the peer waits for a key frame
   std::uint64_t idrResyncs = 0;               // times that a peer fell behind
   std::size_t maxUnacknowledgedObserved = 0;  // of one peer
   AcknowledgementFigures acknowledgements;
@@ -66,8 +66,8 @@ struct Preview {
   // Null when that peer is gone.
   std::shared_ptr<Peer> find(std::uint64_t peerID) const;
 
-  // The counter of the reason why an encoded frame is dropped for `peer`. Null when the
-  // frame can be sent. The order of the tests is part of the protocol.
+  // The counter to raise if an encoded frame must be dropped for `peer`. Null when the frame can be
+  // sent. Only the first reason counts, in the order of the counters.
   std::uint64_t* dropCounter(const Peer& peer, bool keyframe);
   // Drops frames for `peer` until the next key frame, and asks the encoder for one.
   void resynchronise(Peer& peer);

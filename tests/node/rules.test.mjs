@@ -31,7 +31,7 @@ test('records have the protocol\'s bytes; records that would end the helper are 
     assert.throws(() => checkedId(id, 7n), invalid, `${id}`);
   }
   assert.throws(() => commandRecord({ path: 'é'.repeat(2048) }), invalid);
-  assert.equal(frameId(12.3456789), 12345678);
+  assert.equal(frameId(12.3456789), 12345679);
   const rows = Uint8Array.from({ length: 32 }, (_, i) => i);
   const turned = flipRows(rows, { width: 2, height: 4 }, new Uint8Array(32));
   assert.deepEqual(turned, rows.map((i) => i ^ 24));

@@ -59,8 +59,9 @@ TEST(Feeder, DropsReplacedAndLateFramesAndExcessSoundAndWritesTheRest) {
     EXPECT_FALSE(feeder.write(command));
     EXPECT_EQ(feeder.counts().dropped, 3u);
   }
-  EXPECT_EQ(counter->nextLine(Seconds(20)),
-            std::to_string(command.size() + 2 + 2 * (16 + size.rgbaBytes()) + 3 * (32000 + 4 * 16)));
+  EXPECT_EQ(
+      counter->nextLine(Seconds(20)),
+      std::to_string(command.size() + 2 + 2 * (16 + size.rgbaBytes()) + 3 * (32000 + 4 * 16)));
   EXPECT_TRUE(counter->wait(Seconds(20)).value().isClean());
 }
 
@@ -335,7 +336,8 @@ TEST(Helper, IsKnownToHaveEndedThoughAnotherProcessKeepsItsOutputOpen) {
   pid_t left = 0;
   Helper helper(shell(R"(sleep 1000 2>&- & echo $!; echo '{"type":"ready"}'; exit 3)"),
                 [&](const Event& event) {
-                  if (std::holds_alternative<std::monostate>(event.what)) left = std::stoi(event.line);
+                  if (std::holds_alternative<std::monostate>(event.what))
+                    left = std::stoi(event.line);
                 });
   for (const Deadline deadline(Seconds(20)); !helper.exited() && deadline.left() > Seconds(0);)
     std::this_thread::yield();

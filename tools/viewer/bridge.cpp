@@ -122,14 +122,14 @@ void Bridge::obey(const StartTake& message) {
   if (!camera_) return refuse("Only the application that started the helper can record takes.");
   if (take_ || planning_.joinable()) return refuse("A take is running already.");
   // On a thread of its own, since the folder's disk may hang.
-  planning_ = std::jthread([message, startedAt = client::Uptime::now(),
-                            done = posting(&Bridge::takePlanned)] {
-    try {
-      done(planTake(message, startedAt), "");
-    } catch (const std::exception& error) {
-      done(std::nullopt, error.what());
-    }
-  });
+  planning_ = std::jthread(
+      [message, startedAt = client::Uptime::now(), done = posting(&Bridge::takePlanned)] {
+        try {
+          done(planTake(message, startedAt), "");
+        } catch (const std::exception& error) {
+          done(std::nullopt, error.what());
+        }
+      });
 }
 
 void Bridge::takePlanned(const std::optional<client::TakeOptions>& plan,

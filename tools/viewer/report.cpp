@@ -14,8 +14,8 @@ constexpr const char* encoders[] = {"auto",     "software",     "h264_nvenc",
 
 // The program, the libraries that decide which encoders it has, and which one was asked for.
 std::string describeHelper(const std::string& named) {
-  const std::string word = named.empty() ? "\"${LUMORA_VIDEO_PATH:-lumora-video}\""
-                                         : tools::shellQuoted(named);
+  const std::string word =
+      named.empty() ? "\"${LUMORA_VIDEO_PATH:-lumora-video}\"" : tools::shellQuoted(named);
   const std::string program = "\"$(command -v " + word + ")\"";  // the PATH may have it
   return tools::outputOf("{ sha256sum " + program + "; ldd " + program +
                          " | sed -nE 's/^\\s*(lib(avcodec|x264|openh264|va|mfx|vpl)\\S*) .*/\\1/p'"

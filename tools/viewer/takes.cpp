@@ -51,8 +51,9 @@ std::size_t countInterruptedTakes(const std::string& folder) {
   static const std::regex staging(R"(.+\.mp4\.[0-9A-Fa-f-]{36}\.partial)");
   std::size_t count = 0;
   std::error_code unknown;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, unknown)) {
-    count += std::regex_match(entry.path().filename().string(), staging) ? 1 : 0;
+  for (std::filesystem::directory_iterator entry(folder, unknown), end; entry != end;
+       entry.increment(unknown)) {
+    count += std::regex_match(entry->path().filename().string(), staging) ? 1 : 0;
   }
   return count;
 }

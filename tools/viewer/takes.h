@@ -14,7 +14,8 @@ client::TakeOptions planTake(const StartTake& wanted, client::Uptime::time_point
 
 // How many staging files are in a folder, those of running takes included.
 std::size_t countInterruptedTakes(const std::string& folder);
-// Calls `client::recoverTakes`, and throws what that throws. Returns a line for people per take.
+// Calls `client::recoverTakes`, and throws what that throws. Returns one line for each take, for
+// people.
 std::vector<std::string> recoverTakes(const std::string& folder,
                                       const std::filesystem::path& helper);
 

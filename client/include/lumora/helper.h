@@ -82,8 +82,9 @@ class LUMORA_CLIENT_EXPORT Helper {
   // this frame then. Throws std::invalid_argument for an unsupported size, and std::bad_alloc.
   [[nodiscard]] std::optional<Frame> acquireFrame(FrameSize size);
   // Passes a frame to the helper. A newer frame replaces the one that waits, unless a take was
-  // started or stopped in between. Throws std::invalid_argument for an id that is not above the last one (see `frameID`), for a frame of
-  // another format or one that was published before, and for mjpeg without a length.
+  // started or stopped in between. Throws std::invalid_argument for an id that is not above the
+  // last one (see `frameID`), for a frame of another format or one that was published before, and
+  // for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
   // Publishes a copy of a picture without padding. False if it was skipped, as in `acquireFrame`.
   // Throws what `acquireFrame`, `Frame::setLength` and `publish` throw.

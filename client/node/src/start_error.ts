@@ -2,7 +2,8 @@ import { CodedError } from './errors.js';
 import type { HelperExit } from './exit.js';
 
 /**
- * `PROGRAM_NOT_FOUND`: the message says where the client looked or what to install.
+ * `PROGRAM_NOT_FOUND`: the message says where the client looked, what to install, or that there is
+ * no program for this system.
  * `NOT_STARTED`: the system did not start the program; `cause` is its error.
  * `ENDED`: the helper ended before it was ready; `exit` says how.
  * `NOT_READY`: the helper did not become ready within ten seconds.

@@ -7,7 +7,7 @@ export function uptime(): number {
 
 /** The id for a frame captured at this uptime. Viewers can tell from it how old the frame is. */
 export function frameId(capturedAt = uptime()): number {
-  return Math.floor(capturedAt * 1e6);
+  return Math.round(capturedAt * 1e6);
 }
 
 // Seconds; the helper's limits.
