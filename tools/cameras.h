@@ -12,7 +12,7 @@ struct CameraFormat {
   std::string sizes;  // "640x480 1280x720", or ranges such as "{32-1920, 2}x{32-1080, 2}"
 };
 
-// The formats in what ffmpeg prints for "-list_formats all", without those that it can't read.
+// The formats that ffmpeg lists for "-list_formats all", except those that ffmpeg can't read.
 // Pure.
 std::vector<CameraFormat> parseCameraFormats(const std::string& printed);
 

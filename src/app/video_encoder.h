@@ -78,8 +78,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   void serviceTickLater();
   void fail(const std::string& message);  // emits the "error" event and calls `shutdown(1)`
 
-  // input/: reader thread. Except `readExactly`, the functions that read input throw when the input
-  // breaks the protocol or ends inside a payload.
+  // input/: reader thread. The functions that read input throw if it breaks the protocol or ends
+  // inside a payload. Only `readExactly` does not throw: it returns false.
   bool readExactly(MutableByteView space);  // false when the input ends first
   void readCommand(const RecordHeader& header);
   void readSound(const RecordHeader& header);

@@ -36,7 +36,8 @@ struct TakeOptions {
   // If the take fails after its first half second, what was recorded is kept. If the disk fails,
   // only what is on it is kept.
   bool keepFailed = true;
-  // The take is stopped and saved if its file system has fewer bytes left. Up to 2^53.
+  // The take is stopped and saved when its file system has fewer free bytes than this, and fails
+  // if that is so at its start. Up to 2^53.
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
   int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
@@ -59,7 +60,8 @@ class LUMORA_CLIENT_EXPORT Take {
   const std::string& id() const { return id_; }
   // The path of the file while the take runs. If the helper is killed, the file stays and plays.
   std::filesystem::path stagingPath() const;
-  // Stops the take at this time. Without one it stops now, or at its start if that is still ahead.
+  // Stops the take at this time. Without a time it stops now, or at its start if the start is still
+  // ahead.
   // Leaves out frames published after the call, and frames that the helper reads after this time
   // (with sound: that were captured after it). The helper reads a frame a little after its capture.
   // To keep the last frame, give a time one frame interval after its capture. A second call does
