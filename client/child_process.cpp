@@ -206,11 +206,10 @@ std::optional<std::string> ChildProcess::nextLine(Seconds limit) {
     std::array<char, 4096> bytes;
     const std::size_t count = readOutput(bytes, deadline);
     if (count == 0) return std::nullopt;
-    if (pending_.size() > maximumPending) {  // no helper writes such a line
-      pending_.clear();
-      if (deadline.left() == Seconds(0)) return std::nullopt;
-    }
+    const bool isFlood = pending_.size() > maximumPending;  // no helper writes such a line
+    if (isFlood) pending_.clear();
     pending_.append(bytes.data(), count);
+    if (isFlood && deadline.left() == Seconds(0)) return std::nullopt;
   }
 }
 

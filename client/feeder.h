@@ -16,8 +16,9 @@
 namespace lumora::client {
 
 // Writes frames, sound and commands to a helper's standard input, on a thread of its own. At most
-// one frame is being written and one waits; a newer frame replaces the one that waits. Commands
-// keep their order among the frames, and are dropped only if a write fails. Any thread.
+// one frame is being written, and one waits behind the last command. A newer frame replaces that
+// one. Commands keep their order among the frames, and are dropped only if a write fails. Any
+// thread.
 class Feeder {
  public:
   explicit Feeder(std::shared_ptr<ChildProcess> helper);
@@ -39,7 +40,7 @@ class Feeder {
                   Uptime::time_point capturedAt);
   // Counts a frame that was skipped because it got no slot.
   void countDropped();
-  // From now on drops new frames. The frame that waits, commands and sound are still written.
+  // From now on drops new frames. What waits is still written.
   void endFrames();
   // Closes the input once everything that waits has been written.
   void end();

@@ -189,9 +189,10 @@ class Helper::Impl {
 
   void readEvents() {
     readStart();
-    // The output may stay open behind a helper that has ended, since another process may hold it.
+    // The output may stay open behind a helper that has ended, since another process may hold it,
+    // or pass its last lines on.
     for (bool hasEnded = false; process_->hasOutput();) {
-      auto line = process_->nextLine(Seconds(0));
+      auto line = process_->nextLine(Seconds(hasEnded ? 0.1 : 0));
       if (!line && hasEnded) break;
       if (!line) {
         takes_.failUnanswered(Uptime::now());  // all answers so far have been read

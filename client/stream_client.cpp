@@ -51,11 +51,13 @@ Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit)
   fcntl(socket.get(), F_SETFL, 0);  // from now on, sends block
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  // Without these, a client of another machine would never learn that the network is gone.
+  // Without these, a client of another machine learns late or never that the network is gone.
   setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
   const int seconds = 5;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPIDLE, &seconds, sizeof seconds);
   setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPINTVL, &seconds, sizeof seconds);
+  const unsigned milliseconds = 20'000;
+  setsockopt(socket.get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
   return socket;
 }
 

@@ -18,7 +18,7 @@ std::string describeCamera(const std::string& device) {
   std::string text = device + "\n";
   const auto formats = parseCameraFormats(printed);
   for (const auto& [name, sizes] : formats)
-    text.append("  --format ").append(name).append(sizes.empty() ? "" : " --size " + sizes) += "\n";
+    text += "  --format " + name + (sizes.empty() ? "" : " --size " + sizes) + "\n";
   if (!formats.empty()) return text;
   std::string reason;
   std::istringstream lines(printed);

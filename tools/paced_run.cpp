@@ -80,6 +80,7 @@ class Run {
     const double peak = peakMegabytes(helper_.pid());
     const client::Exited exit = helper_.stop();
     watchers_.clear();
+    if (streamFailure_ && exit.isClean()) std::rethrow_exception(streamFailure_);
     RunReport whole = report();
     whole.peakMegabytes = peak;
     whole.exit = exit;
@@ -122,9 +123,9 @@ class Run {
           };
           try {
             stream.watch(handle, [&] { return !stop.stop_requested(); });
-          } catch (const std::exception& error) {
+          } catch (const std::exception&) {
             const std::lock_guard hold(mutex_);
-            report_.error = error.what();
+            streamFailure_ = std::current_exception();
           }
         });
   }
@@ -174,9 +175,10 @@ class Run {
   std::ofstream copy_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<std::uint64_t> ids_;  // of the frames that were fed; guarded by `mutex_`
-  RunReport report_;                // guarded by `mutex_`
-  bool hasEnded_ = false;           // the helper; guarded by `mutex_`
+  std::vector<std::uint64_t> ids_;    // of the frames that were fed; guarded by `mutex_`
+  RunReport report_;                  // guarded by `mutex_`
+  bool hasEnded_ = false;             // the helper; guarded by `mutex_`
+  std::exception_ptr streamFailure_;  // of a client; guarded by `mutex_`
   client::Helper helper_;
   std::vector<std::jthread> watchers_;
 };

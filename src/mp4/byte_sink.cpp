@@ -31,8 +31,7 @@ class PosixFile final : public ByteSink {
                                  static_cast<off_t>(bytes));
     if (status == 0 || errno == EINTR) return 0;
     // Before a write gets such an error, the movie can still be completed in the reserved room.
-    for (const int error : {ENOSPC, EDQUOT, EFBIG, EIO})
-      if (errno == error) return error;
+    if (errno == ENOSPC || errno == EDQUOT || errno == EFBIG || errno == EIO) return errno;
     reserves_ = false;  // this file system can't
     return 0;
   }

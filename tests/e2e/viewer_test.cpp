@@ -62,11 +62,11 @@ struct Viewer : HelperTest {
     for (Event told = Event::object();; told = waitForMessage("event")["event"])
       if (told.value("state", "") == state) return told;
   }
-  void startTake() {
+  void startTake(const std::string& into) {
     say({{"type", "start"},
          {"resolution", "640x360"},
          {"target_fps", 60},
-         {"folder", folder},
+         {"folder", into},
          {"cadence", "steady"},
          {"sound", true}});
   }
@@ -76,7 +76,10 @@ struct Viewer : HelperTest {
     arguments.insert(arguments.end(), more.begin(), more.end());
     view(arguments, environment);
     while (pictures < 5) next();
-    startTake();
+    startTake("/none");
+    EXPECT_THAT(waitForMessage("refused")["message"].get<std::string>(),
+                testing::HasSubstr("/none"));
+    startTake(folder);
     waitForState("recording");
     helperOfViewer = std::stoi(childrenOfViewer());
   }
@@ -180,7 +183,7 @@ TEST_F(Viewer, TellsThePageWhenTheHelperDoesNotAnswerTheStartOfATake) {
   const std::string mute = fileOf(folder / "mute", Pixels(script.begin(), script.end()));
   std::filesystem::permissions(mute, std::filesystem::perms::owner_all);
   view({"--demo", "--helper", mute, "--size", "320x240"});
-  startTake();
+  startTake(folder);
   EXPECT_EQ(waitForState("failed")["error"], "the helper did not answer");
   EXPECT_EQ(terminate().status, 1);
 }

@@ -127,7 +127,7 @@ void Bridge::obey(const StartTake& message) {
         try {
           done(planTake(message, startedAt), "");
         } catch (const std::exception& error) {
-          done(std::nullopt, error.what());
+          done(std::nullopt, std::string(error.what()));
         }
       });
 }
@@ -135,6 +135,7 @@ void Bridge::obey(const StartTake& message) {
 void Bridge::takePlanned(const std::optional<client::TakeOptions>& plan,
                          const std::string& problem) try {
   planning_ = {};
+  if (ending_ || !inputEnd_.empty()) return;
   if (!plan) return refuse(problem);
   auto options = *plan;
   options.sound = options.sound && session_["sound"].get<bool>();  // the sound may have just ended

@@ -14,9 +14,8 @@ constexpr const char* encoders[] = {"auto",     "software",     "h264_nvenc",
 
 // The program, the libraries that decide which encoders it has, and which one was asked for.
 std::string describeHelper(const std::string& named) {
-  const std::string word =
-      named.empty() ? "\"${LUMORA_VIDEO_PATH:-lumora-video}\"" : tools::shellQuoted(named);
-  const std::string program = "\"$(command -v " + word + ")\"";  // the PATH may have it
+  const std::string program = named.empty() ? "\"${LUMORA_VIDEO_PATH:-$(command -v lumora-video)}\""
+                                            : tools::shellQuoted(named);
   return tools::outputOf("{ sha256sum " + program + "; ldd " + program +
                          " | sed -nE 's/^\\s*(lib(avcodec|x264|openh264|va|mfx|vpl)\\S*) .*/\\1/p'"
                          " | tr '\\n' ' '; echo; echo \"TAVO_H264_ENCODER=$TAVO_H264_ENCODER\"; }");

@@ -1,6 +1,7 @@
 // Writes records into the helper's standard input. One frame is written at a time, and one more may
-// wait. A newer frame drops the one that waits, unless a command lies between. Commands and frames are written in the order in
-// which they were queued. Commands are dropped only when the input closes.
+// wait. A newer frame drops the one that waits, unless a command lies between. Commands and frames
+// are written in the order in which they were queued. Commands are dropped only when the input
+// closes.
 
 import type { Writable } from 'node:stream';
 
@@ -64,9 +65,9 @@ export class Feeder {
 
   /** Whether one more frame would be dropped or drop another. If so, counts it as dropped. */
   skipsFrame(): boolean {
-    const skips = this.#framesHaveEnded || this.#waiting.some(({ isFrame }) => isFrame);
+    const skips = this.#framesHaveEnded || this.#lastUnlessSound()?.isFrame;
     if (skips) this.counts.dropped += 1;
-    return skips;
+    return skips ?? false;
   }
 
   /** Returns false once the input is closing. */
@@ -123,9 +124,14 @@ export class Feeder {
 
   // A frame in front of a command stays: it may be the last one before a take's stop.
   #dropOlderFrame(): void {
-    const index = this.#waiting.map(({ soundBytes }) => soundBytes === 0).lastIndexOf(true);
-    if (!this.#waiting[index]?.isFrame) return;
-    this.#waiting.splice(index, 1)[0]?.settle('dropped');
+    const last = this.#lastUnlessSound();
+    if (!last?.isFrame) return;
+    this.#waiting = this.#waiting.filter((entry) => entry !== last);
+    last.settle('dropped');
+  }
+
+  #lastUnlessSound(): Entry | undefined {
+    return this.#waiting.filter(({ soundBytes }) => soundBytes === 0).at(-1);
   }
 
   #writeNext(): void {

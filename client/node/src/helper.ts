@@ -145,9 +145,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
   /**
    * Queues a picture in the helper's format, and returns at once. `pixels` may be reused when
    * `done` resolves. It resolves with `written`, or with `dropped` if a newer frame came while this
-   * one waited, or the helper is stopping or has ended. By default the `id` is the uptime now in
-   * microseconds, or one more than the last id if that is higher. Throws an ArgumentError for a
-   * size, a length or an id that the helper does not accept.
+   * one waited and no take was started or stopped in between, or if the helper is stopping or has
+   * ended. By default the `id` is the uptime now in microseconds, or one more than the last id if
+   * that is higher. Throws an ArgumentError for a size, a length or an id that the helper does not
+   * accept.
    */
   writeFrame(size: FrameSize, pixels: Pixels, id: FrameId = this.#nextId()): FrameWrite {
     checkSize(size);

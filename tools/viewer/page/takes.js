@@ -83,7 +83,7 @@ export class Takes {
 
   // `count` takes are unfinished, running ones included. `lines` are the results of a recovery.
   showInterrupted({ count, lines }) {
-    element('interrupted').hidden = false;
+    element('interrupted').hidden = count === 0 && lines.length === 0;
     element('interrupted-keep').hidden = count === 0;
     element('interrupted-keep').disabled = false;
     const takes = count === 1 ? 'A take is' : `${count} takes are`;
