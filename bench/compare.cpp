@@ -18,6 +18,7 @@
 #include "bench/progress.h"
 #include "bench/runs.h"
 #include "tools/machine.h"
+#include "tools/parse_number.h"
 
 namespace {
 
@@ -254,13 +255,14 @@ void compare(const std::string& helper, const std::filesystem::path& folder, int
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 && argc != 4) {
+  int rounds = 3;
+  const bool isNumber = argc != 4 || (tools::parseNumber(argv[3], rounds) && rounds > 0);
+  if ((argc != 3 && argc != 4) || !isNumber) {
     std::fprintf(stderr, "usage: %s HELPER FOLDER [ROUNDS]\n", argv[0]);
     return 2;
   }
-  const int rounds = argc > 3 ? std::atoi(argv[3]) : 3;
   try {
-    compare(argv[1], std::filesystem::absolute(argv[2]), std::max(rounds, 1));
+    compare(argv[1], std::filesystem::absolute(argv[2]), rounds);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "\n%s\n", error.what());
     return 1;

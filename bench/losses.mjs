@@ -159,7 +159,8 @@ function withWrites(file, writes) {
 function survivorsOf(pending) {
   if (pending.length === 0) return [[]];
   const { offset, bytes } = pending.at(-1);
-  const torn = { offset, bytes: bytes.subarray(0, bytes.length >> 10 << 9) };
+  const tear = Math.floor((offset + bytes.length / 2) / 512) * 512;
+  const torn = { offset, bytes: bytes.subarray(0, Math.max(tear - offset, 0)) };
   return [[], pending, pending.slice(-1), [...pending.slice(0, -1), torn]];
 }
 

@@ -40,7 +40,11 @@ std::optional<client::TakeOptions> takeOf(const std::string& profile, int target
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source) {
   settleMemory();
   if (load.take) std::filesystem::remove(load.take->path);
-  return tools::runPaced(load, source);
+  tools::RunReport report = tools::runPaced(load, source);
+  if (!report.exit.isClean()) throw std::runtime_error("the helper failed: " + report.error);
+  if (load.take && report.take.state != client::TakeState::saved)
+    throw std::runtime_error("the take failed: " + report.take.error);
+  return report;
 }
 
 Delivered delivered(const tools::RunOptions& load, const tools::RunReport& report) {

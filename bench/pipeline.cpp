@@ -34,9 +34,11 @@ PipelineReport runPipeline(const std::string& command, CameraClip& clip,
   enlargeInput(process.pid());
   SteadyClock::time_point start;
   auto due = start;
+  bool isWritten = true;
   for (const std::uint64_t number : numbers) {
     std::this_thread::sleep_until(due);
-    if (!process.writeBytes(clip.next(number, 0))) break;
+    isWritten = process.writeBytes(clip.next(number, 0));
+    if (!isWritten) break;
     if (number == numbers.front()) start = due = SteadyClock::now();
     if (framesPerSecond > 0) due += std::chrono::microseconds(1'000'000 / framesPerSecond);
   }
@@ -45,7 +47,8 @@ PipelineReport runPipeline(const std::string& command, CameraClip& clip,
   process.closeInput();
   while (const auto line = process.nextLine(client::Seconds(60))) report.output += *line + "\n";
   const auto end = process.wait(client::Seconds(10));
-  if (!end || !end->isClean()) throw std::runtime_error(command + " failed: " + report.output);
+  if (!isWritten || !end || !end->isClean())
+    throw std::runtime_error(command + " failed: " + report.output);
   report.cpuSeconds = end->cpuTime.count();
   report.wallSeconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
   return report;

@@ -18,6 +18,7 @@ import { startFastHelper } from './fast_helper.mjs';
 const [helper, library, speed, minutes] = process.argv.slice(2).map((word, i) =>
   i < 2 ? word : Number(word));
 if (!Number.isInteger(speed) || speed < 1) throw new Error('SPEED must be a whole number');
+if (!(minutes >= 2)) throw new Error('MINUTES must be 2 or more, since two devices change after 64 s');
 const uptime = () => Number(process.hrtime.bigint()) / 1e9 * speed; // seconds of the helper's time
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const [fps, soundRate, perRecord] = [15, 48000, 960];

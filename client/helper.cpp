@@ -260,7 +260,7 @@ class Helper::Impl {
     const std::lock_guard hold(mutex_);
     if (slots_->descriptor() >= 0 && !slots_->isShared()) {
       // An older helper, which reads its pipe only.
-      slots_ = FrameSlots::makePrivate(format_);
+      unread_ = std::exchange(slots_, FrameSlots::makePrivate(format_));
     }
     port_ = ready.port;
     isReady_ = true;
@@ -301,6 +301,8 @@ class Helper::Impl {
   const PostedHandlers handlers_;
   const EventHandler onEvent_;
   std::shared_ptr<FrameSlots> slots_;  // guarded from the start of the reader on
+  // Memory that an older helper does not read. Stays open, since `process_` knows its descriptor.
+  std::shared_ptr<FrameSlots> unread_;
   const std::shared_ptr<ChildProcess> process_;
   const std::shared_ptr<Feeder> feeder_;
   Takes takes_;

@@ -66,7 +66,9 @@ Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit)
 struct StreamClient::Connection {
   // `error` is that of the last read; 0: the end of the stream.
   void close(int error) {
-    if (wasAdmitted || Uptime::now() - asked > Seconds(1)) {
+    // A helper waits a second for the hello.
+    const bool isLate = asked - connectedAt > Seconds(1);
+    if (wasAdmitted || isLate || Uptime::now() - asked > Seconds(1)) {
       end = StreamEnd::closed;
       return;
     }
@@ -81,7 +83,8 @@ struct StreamClient::Connection {
   PacketParser parser{};
   std::vector<std::uint8_t> space = std::vector<std::uint8_t>(readBytes);
   StreamEnd end = StreamEnd::none;
-  Uptime::time_point asked = Uptime::now();  // when we connected or, later, said hello
+  Uptime::time_point connectedAt = Uptime::now();
+  Uptime::time_point asked = connectedAt;  // when we connected or, later, said hello
   bool saidHello = false;
   bool wasAdmitted = false;
 };

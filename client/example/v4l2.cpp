@@ -88,7 +88,10 @@ std::vector<const std::uint8_t*> startStream(int device) {
 // Cameras deliver empty and broken buffers, too.
 bool isWhole(const v4l2_buffer& filled, const v4l2_pix_format& picture) {
   if ((filled.flags & V4L2_BUF_FLAG_ERROR) != 0) return false;
-  if (picture.pixelformat != V4L2_PIX_FMT_MJPEG) return filled.bytesused >= picture.sizeimage;
+  if (picture.pixelformat != V4L2_PIX_FMT_MJPEG) {
+    const bool isNV12 = picture.pixelformat == V4L2_PIX_FMT_NV12;
+    return filled.bytesused >= picture.bytesperline * picture.height * (isNV12 ? 3 : 2) / 2;
+  }
   const FrameSize size{static_cast<int>(picture.width), static_cast<int>(picture.height)};
   return filled.bytesused > 2 && filled.bytesused <= formatOf(picture).bytes(size);
 }
@@ -111,6 +114,7 @@ Uptime::time_point capturedAt(const v4l2_buffer& buffer) {
 
 int main(int argc, char** argv) try {
   if (argc < 3) throw std::runtime_error("usage: v4l2 DEVICE FOLDER [SECONDS]");
+  const Seconds length(argc > 3 ? std::stod(argv[3]) : 5);
   const int device = open(argv[1], O_RDWR | O_CLOEXEC);
   require(device >= 0, argv[1]);
   v4l2_capability can{};
@@ -123,7 +127,7 @@ int main(int argc, char** argv) try {
   Helper helper({.frameSize = size, .format = formatOf(picture)});
   const auto buffers = startStream(device);
   Take take = helper.startTake({.path = std::filesystem::absolute(argv[2]) / "take.mp4"});
-  const auto end = take.startedAt() + Seconds(argc > 3 ? std::stod(argv[3]) : 5);
+  const auto end = take.startedAt() + length;
   for (std::uint64_t lastID = 0; Uptime::now() < end;) {
     pollfd camera{device, POLLIN, 0};
     if (poll(&camera, 1, 1000) <= 0) continue;  // no picture for a second

@@ -17,7 +17,7 @@ struct TakeOptions {
   std::int64_t bitRate = recordingBitRate;  // bits per second
   int rotation = 0;                         // clockwise degrees: 0, 90, 180 or 270
   bool keepsFailed = false;                 // a take that fails keeps its file
-  // The take is stopped if its file system has fewer bytes left.
+  // The take is stopped when its file system has fewer free bytes than this.
   std::optional<std::int64_t> minimumFree = {};
   bool frameLog = false;                  // a file beside the movie says what became of each frame
   std::optional<SoundFormat> sound = {};  // of the parent; empty: a movie without sound

@@ -11,21 +11,27 @@
 namespace {
 
 // Presses the button once it is enabled, and again after `length`. Closes the window when the take
-// is over.
+// is over, or if the button is not enabled for 20 s.
 void recordOnce(Window& window, std::chrono::milliseconds length) {
-  constexpr std::chrono::milliseconds soon(50);
+  static constexpr std::chrono::milliseconds soon(50);
   auto* const timer = new QTimer(&window);
-  window.connect(timer, &QTimer::timeout, [&window, timer, length, presses = 0]() mutable {
-    if (!window.recordButton().isEnabled()) return;
-    if (++presses <= 2) {
-      window.recordButton().click();
-      timer->start(presses == 1 ? length : soon);
-      return;
-    }
-    timer->stop();
-    std::printf("%d pictures of the preview were drawn\n", window.drawnPictures());
-    window.close();
-  });
+  window.connect(timer, &QTimer::timeout,
+                 [&window, timer, length, presses = 0, waited = 0]() mutable {
+                   if (!window.recordButton().isEnabled()) {
+                     if (++waited * soon > std::chrono::seconds(20)) window.close();
+                     return;
+                   }
+                   const bool isRecording = window.recordButton().text() == "Stop";
+                   if (presses == 0 || (presses == 1 && isRecording)) {
+                     ++presses;
+                     window.recordButton().click();
+                     timer->start(presses == 1 ? length : soon);
+                     return;
+                   }
+                   timer->stop();
+                   std::printf("%d pictures of the preview were drawn\n", window.drawnPictures());
+                   window.close();
+                 });
   timer->start(soon);
 }
 

@@ -48,7 +48,7 @@ void Window::becomeReady() {
   options_.token = helper_->token();
   port_ = helper_->port();
   watchPreview();
-  recordButton_.setEnabled(true);
+  recordButton_.setEnabled(!isClosing_);
   camera_.start(std::chrono::milliseconds(33));
 }
 
@@ -73,6 +73,8 @@ void Window::losePreview() {
 void Window::helperEnded(const Exited& end) {
   const bool wasReady = helper_->port() != 0;
   recordButton_.setEnabled(false);
+  recordButton_.setText("Record");
+  take_.reset();  // a take that has just begun gets no event any more
   camera_.stop();
   packets_.reset();
   stream_.reset();
@@ -103,7 +105,7 @@ void Window::drawPreview() try {
   losePreview();
 }
 
-void Window::feed() {
+void Window::feed() try {
   auto frame = helper_->acquireFrame(pictureSize);
   if (!frame) return;  // the helper is behind: skip this picture
   QImage canvas(frame->pixels().data(), pictureSize.width, pictureSize.height,
@@ -111,6 +113,7 @@ void Window::feed() {
   canvas.fill(Qt::darkBlue);
   QPainter(&canvas).fillRect(8 * ++fedPictures_ % pictureSize.width, 200, 240, 240, Qt::yellow);
   helper_->publish(*std::move(frame), frameID(Uptime::now()));
+} catch (const std::bad_alloc&) {  // skip this picture
 }
 
 void Window::toggleTake() try {
@@ -141,6 +144,7 @@ void Window::takeSaid(const Recording& event) {
       break;
     case TakeState::failed:
       say("Not saved: " + QString::fromStdString(event.error));
+      if (event.kept) say("Kept " + QString::fromStdString(event.kept->path.string()));
       break;
   }
   if (event.isOver()) take_.reset();

@@ -7,8 +7,9 @@
 
 namespace lumora::client {
 
-// Brings calls to a thread of the application that has a loop of its own (Qt, GLib, epoll). That
-// thread watches the descriptor and calls `dispatch`. One queue may serve several helpers.
+// Runs a helper's handlers on one thread of the application, one with its own loop (Qt, GLib,
+// epoll). That thread watches the descriptor and calls `dispatch`. One queue may serve several
+// helpers.
 class LUMORA_CLIENT_EXPORT EventQueue {
  public:
   EventQueue();  // throws std::system_error
@@ -18,7 +19,7 @@ class LUMORA_CLIENT_EXPORT EventQueue {
 
   // Poll it: it is readable while calls wait. Only `dispatch` may read from it.
   int descriptor() const;
-  // Makes the calls that wait, on this thread. Throws what a call throws; the calls after it then
+  // Runs the queued calls on this thread. Throws what a call throws; the calls after it then
   // wait for the next `dispatch`.
   void dispatch();
   // Queues a call for `dispatch`. Any thread.
