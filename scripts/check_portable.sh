@@ -17,7 +17,7 @@ if [ "$(printf '%s\n' GLIBC_2.36 "$newest" | sort -V | tail -n 1)" != GLIBC_2.36
 fi
 bytes=$(stat -c %s "$program")
 if [ "$bytes" -gt $((12 * 1024 * 1024)) ]; then
-  echo "$program has $bytes bytes, more than 12 MB" >&2
+  echo "$program has $bytes bytes, more than 12 MiB" >&2
   failed=1
 fi
 echo "$program: $bytes bytes, $newest"

@@ -12,6 +12,8 @@ cd "$(dirname "$0")/.."
 repository=$PWD
 suite=${SUITE:-bookworm}
 commands=("$@")
+KEEP=${KEEP:-}
+KEEP=${KEEP%/}
 [ ${#commands[@]} -gt 0 ] || commands=("make demo" "make test")
 
 if [ "$(id -u)" -ne 0 ]; then
@@ -66,7 +68,7 @@ for command in "${commands[@]}"; do
     failed=1
   fi
 done
-if [ -n "${KEEP:-}" ] && [ "$failed" -eq 0 ]; then
+if [ -n "$KEEP" ] && [ "$failed" -eq 0 ]; then
   kept=build/${KEEP_TO:-$suite}
   mkdir -p "$kept"
   rm -rf "${kept:?}/${KEEP##*/}"

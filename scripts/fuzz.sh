@@ -3,6 +3,7 @@
 #   scripts/fuzz.sh JOBS MINUTES
 # Findings are in build/fuzz/fuzz/found/. To replay one, start the fuzzer with the name of that file.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 jobs=$1
 [[ $2 =~ ^[1-9][0-9]*$ ]] || { echo "MINUTES must be a whole number above 0" >&2; exit 2; }
 seconds=$(($2 * 60))

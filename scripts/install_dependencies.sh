@@ -12,17 +12,19 @@ packages=(
   "$@"
 )
 
+native=$(dpkg --print-architecture)
 missing=()
 for package in "${packages[@]}"; do
   # The package may be there for several architectures, with a line for each.
-  dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+  dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$package" 2>/dev/null |
+    grep -qxE "installed ($native|all)" ||
     missing+=("$package")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
+sudo=()
+[ "$(id -u)" -eq 0 ] || sudo=(sudo)
 echo "Installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# sudo removes other variables of the environment.
+"${sudo[@]}" apt-get update -qq
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

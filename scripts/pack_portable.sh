@@ -14,6 +14,7 @@ mkdir -p "$content/licences" "$packages"
 install -m 755 "$build/lumora-video" "$build/lumora-recover" "$content/"
 install -m 644 LICENSE "$content/licences/lumora-video.txt"
 install -m 644 /usr/share/common-licenses/GPL-3 "$content/licences/GPL-3.txt"
+install -m 644 /usr/share/common-licenses/Apache-2.0 "$content/licences/Apache-2.0.txt"
 for part in ffmpeg x264 highway; do
   install -m 644 "$build/sources/$part"-*/debian/copyright "$content/licences/$part.txt"
 done
@@ -23,12 +24,12 @@ done
 
 commit=$(git describe --always --dirty --abbrev=40 --exclude="*")
 {
-  echo "lumora-video $version, commit $commit, as one program for x86-64 Linux with glibc 2.36 or newer."
+  echo "lumora-video $version, commit $commit, as programs for x86-64 Linux with glibc 2.36 or newer."
   echo
-  echo "It is linked with FFmpeg and x264 (GPL, version 2 or later) and Highway (Apache-2.0), so it is"
-  echo "distributed under the GPL, version 3 or later (licences/GPL-3.txt). The licences of all its parts lie in"
-  echo "licences/. It is built by \"make portable\" in the sources of lumora-video from these packages of"
-  echo "Debian 12, source packages where FFmpeg, x264 and Highway are concerned:"
+  echo "They are linked with FFmpeg and x264 (GPL, version 2 or later) and Highway (Apache-2.0), so they are"
+  echo "distributed under the GPL, version 3 or later (licences/GPL-3.txt). The licences of all parts lie in"
+  echo "licences/. \"make portable\" in the sources of lumora-video builds them from Debian 12's source packages"
+  echo "of FFmpeg, x264 and Highway, and from its binary packages of the rest:"
   echo
   for part in ffmpeg x264 highway; do
     echo "  $part $(dpkg-parsechangelog -l "$build/sources/$part"-*/debian/changelog -S Version)"

@@ -2,6 +2,7 @@
 # Builds and runs every test as shipped, and the C++ tests again under AddressSanitizer + UBSan and
 # under ThreadSanitizer. Then runs each fuzzer for a few seconds. Prints summaries at the end.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 jobs=${1:-2}
 
 # The browser tests control Chromium with a package from npm. The audience tests use Debian's servers, and the
