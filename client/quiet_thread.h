@@ -8,14 +8,17 @@
 
 namespace lumora::client {
 
-// Starts a thread that blocks all signals. The application's signals then reach its own threads
-// only, and a write to a helper that has closed its input fails instead of ending the process.
+// Starts a thread that blocks all signals, except those of its own faults. The application's signals
+// then reach its own threads only, and a write to a helper that has closed its input fails instead
+// of ending the process.
 template <typename Work>
 std::thread startQuietThread(Work work) {
-  sigset_t all;
+  sigset_t blocked;
   sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
+  sigfillset(&blocked);
+  for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP})
+    sigdelset(&blocked, fault);
+  pthread_sigmask(SIG_SETMASK, &blocked, &before);
   struct Restore {
     const sigset_t& mask;
     ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
