@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
-  exec env FRESH_NAMESPACE=1 unshare --mount --propagation private "$0"
+  exec env FRESH_NAMESPACE=1 unshare --mount --propagation private scripts/portable_e2e.sh
 fi
 root=$(mktemp -d "${TMPDIR:-/var/tmp}/lumora-bare.XXXXXX")
 cleanUp() {
@@ -31,5 +31,6 @@ for program in lumora-video lumora-recover; do
   chmod +x "$root/$program"
 done
 here=Faults.*:*FaultyTakes.*:Viewer.*
+export TMPDIR=/tmp  # the only folder for files that the new system sees
 LUMORA_HELPER=$helper "$tests" --gtest_brief=1 --gtest_filter="-$here"
 LUMORA_HELPER=$PWD/build/portable/lumora-video "$tests" --gtest_brief=1 --gtest_filter="$here"

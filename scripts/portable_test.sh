@@ -9,6 +9,7 @@ ls build/portable/packages/*.tar.gz >/dev/null || { echo "run make portable firs
 tar -xzf build/portable/packages/*.tar.gz -C build/portable --strip-components=1
 npm=(); command -v npm >/dev/null || npm=(nodejs npm)
 scripts/install_dependencies.sh "${npm[@]}"
+rm -f build/portable/packages/lumora-video-client-*.tgz
 (cd client/node && npm ci --silent && npm pack --silent --pack-destination ../../build/portable/packages)
 
 KEEP=build/takes scripts/fresh.sh scripts/try_portable.sh
