@@ -56,8 +56,9 @@ OpenedEncoder EncoderPool::acquire(const EncoderRequest& request, const std::sto
   const bool isRefused = opened.status != 0 && opened.status != AVERROR(ETIMEDOUT);
   if (isRefused && isHardware(*codec)) {
     hold.lock();
-    const bool isReleased = othersRelease && released_.wait_for(hold, stopped, longestOpening,
-                                                                [this] { return releasing_ == 0; });
+    const bool isReleased =
+        (othersRelease || releasing_ > 0) &&
+        released_.wait_for(hold, stopped, longestOpening, [this] { return releasing_ == 0; });
     hold.unlock();
     if (stopped.stop_requested()) return {AVERROR_EXIT};
     if (closeAhead(*codec) || isReleased) opened = openInTime(open_, *codec, settings, 0);
