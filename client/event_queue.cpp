@@ -35,7 +35,11 @@ struct EventQueue::State {
 EventQueue::EventQueue() : state_(std::make_shared<State>()) {
   if (!state_->count.isOpen()) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
-EventQueue::~EventQueue() = default;
+EventQueue::~EventQueue() {
+  State::Calls waiting;  // destroyed after the lock is released
+  const std::lock_guard hold(state_->mutex);
+  waiting.swap(state_->calls);
+}
 
 int EventQueue::descriptor() const { return state_->count.get(); }
 

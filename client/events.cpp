@@ -1,5 +1,6 @@
 #include <lumora/events.h>
 
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -8,12 +9,19 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The value of `key`. Empty if the key is missing, or the value has another type.
+// The value of `key`. Empty if the key is missing, or the value has another type or does not fit.
 template <typename Value>
 std::optional<Value> find(const Json& event, const char* key) {
   const auto found = event.find(key);
   constexpr bool isNumber = std::is_arithmetic_v<Value>;
   if (found == event.end() || !(isNumber ? found->is_number() : found->is_string())) return {};
+  if constexpr (isNumber) {
+    const auto number = found->template get<double>();
+    using Limits = std::numeric_limits<Value>;
+    if (number < static_cast<double>(Limits::lowest()) ||
+        number >= static_cast<double>(Limits::max()) + 1)
+      return {};
+  }
   return found->template get<Value>();
 }
 

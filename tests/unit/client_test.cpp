@@ -179,6 +179,8 @@ TEST(Events, HaveTheFiguresOfATakeAndWhatIsKeptWhenItFails) {
   };
   EXPECT_FALSE(parse(R"(,"kept_frames":7,"kept_duration":1.5)").kept);
   EXPECT_FALSE(parse(R"(,"kept_path":1)").kept);
+  EXPECT_EQ(parse(R"(,"target_fps":1e300,"frames":-1)").frames, 0u);
+  EXPECT_EQ(parse(R"(,"target_fps":1e300,"frames":-1)").targetFPS, 0);
   EXPECT_EQ(parse("").failure, TakeFailure::refused);
   const Recording all =
       parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
@@ -246,6 +248,12 @@ TEST(EventQueue, IsReadableWhileCallsWaitAndMakesThemInOrder) {
   queue.post([&] { queue.dispatch(); });
   queue.post([&] { made += 'd'; });
   queue.dispatch();
+  EXPECT_EQ(made, "abcd");
+  // A call may destroy the queue. The calls after it are then not made.
+  auto owned = std::make_unique<EventQueue>();
+  owned->post([&] { owned.reset(); });
+  owned->post([&] { made += 'e'; });
+  owned->dispatch();
   EXPECT_EQ(made, "abcd");
 }
 
