@@ -22,6 +22,7 @@ void waitBriefly() {
   latest = now;
   if (now - began >= longestShortage) throw std::bad_alloc();
   std::this_thread::sleep_for(beforeRetry);
+  latest = WaitClock::now();  // a busy machine may wake the thread late
 }
 
 }  // namespace

@@ -126,16 +126,18 @@ Status LibavEncoder::openHardwareFrames() {
 }
 
 Status LibavEncoder::allocatePicture() {
-  picture_.reset(av_frame_alloc());
-  if (!picture_) return AVERROR(ENOMEM);
-  picture_->format = uploaded_ ? AV_PIX_FMT_NV12 : context_->pix_fmt;
-  picture_->width = context_->width;
-  picture_->height = context_->height;
-  picture_->color_primaries = context_->color_primaries;
-  picture_->color_trc = context_->color_trc;
-  picture_->colorspace = context_->colorspace;
-  picture_->color_range = context_->color_range;
-  return usePictureMemory(*picture_, *pictures_);
+  Frame made(av_frame_alloc());
+  if (!made) return AVERROR(ENOMEM);
+  made->format = uploaded_ ? AV_PIX_FMT_NV12 : context_->pix_fmt;
+  made->width = context_->width;
+  made->height = context_->height;
+  made->color_primaries = context_->color_primaries;
+  made->color_trc = context_->color_trc;
+  made->colorspace = context_->colorspace;
+  made->color_range = context_->color_range;
+  const int status = usePictureMemory(*made, *pictures_);
+  if (status >= 0) picture_ = std::move(made);
+  return status;
 }
 
 // Whether the encoder can read the picture where it lies. A driver may need other strides, or read
@@ -188,13 +190,14 @@ Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFr
                             std::shared_ptr<const EncodedSample>& sample) try {
   if (!buffer->fill()) return fillingFailed;
   const PictureView shown = buffer->picture();
-  AVFrame* frame = picture_.get();
+  AVFrame* frame = nullptr;
   Status status = 0;
   if (canBorrow(shown)) {
     frame = borrowed_.get();
     status = borrow(std::move(buffer));
   } else {
     status = copy(shown);
+    frame = picture_.get();  // may be another one since
     buffer.reset();
   }
   if (status >= 0 && uploaded_) {

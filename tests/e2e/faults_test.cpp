@@ -93,6 +93,12 @@ TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");
 }
 
+TEST_F(Faults, AnEncoderMayKeepThePicturesThatItGets) {
+  if (!canFailCodec()) GTEST_SKIP();
+  ASSERT_TRUE(startWith("hold_frame:0"));
+  EXPECT_TRUE(takeOne().contains("saved"));
+}
+
 TEST_F(Faults, TheWatchdogEndsAHangingHelperEvenIfSIGALRMWasBlocked) {
   if (!canFailCodec()) GTEST_SKIP();
   ASSERT_TRUE(startWith("avcodec_send_frame:20:-30"));

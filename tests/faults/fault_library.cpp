@@ -172,12 +172,24 @@ FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)
 
+// A hardware encoder may keep the last picture after it has returned the packet. The kind is
+// "hold_frame".
+void holdFrame(const AVFrame* of) {
+  static auto* const clone = real<AVFrame*(const AVFrame*)>("av_frame_clone");
+  static auto* const free = real<void(AVFrame**)>("av_frame_free");
+  thread_local AVFrame* held = nullptr;
+  if (!fails("hold_frame", 0)) return;
+  free(&held);
+  held = clone(of);
+}
+
 // A real encoder that has failed may crash when it is called again. This one always aborts.
 std::atomic<AVCodecContext*> failedEncoder = nullptr;
 
 int avcodec_send_frame(AVCodecContext* to, const AVFrame* of) {
   REAL(avcodec_send_frame);
   if (to == failedEncoder) abort();
+  holdFrame(of);
   if (!fails("avcodec_send_frame", EIO)) return next(to, of);
   failedEncoder = to;
   return -EIO;

@@ -180,7 +180,7 @@ TEST(Events, HaveTheFiguresOfATakeAndWhatIsKeptWhenItFails) {
   EXPECT_FALSE(parse(R"(,"kept_frames":7,"kept_duration":1.5)").kept);
   EXPECT_FALSE(parse(R"(,"kept_path":1)").kept);
   EXPECT_EQ(parse(R"(,"target_fps":1e300,"frames":-1)").frames, 0u);
-  EXPECT_EQ(parse(R"(,"target_fps":1e300,"frames":-1)").targetFPS, 0);
+  EXPECT_FALSE(parse(R"(,"target_fps":1e300,"frames":-1)").targetFPS);
   EXPECT_EQ(parse("").failure, TakeFailure::refused);
   const Recording all =
       parse(R"(,"kept_path":"a","kept_frames":7,"kept_duration":1.5,"frames_in_movie":8,)"
