@@ -36,6 +36,8 @@ TEST(Packets, SayWhatIsWrongWithASample) {
   const std::tuple<std::string, std::string, MemorySample> cases[] = {
       {tooLarge, "camera sample too large", {{0, 0, 0, 0}, nullptr}},
       {tooLarge, takeSize, {Bytes(2097143), nullptr}},
+      {tooLarge, takeSize, {Bytes(8294400), nullptr}},
+      {tooLarge, "camera sample too large", {Bytes(8294401), nullptr}},
       {"invalid encoded NAL header", "invalid camera NAL header", {{0, 0, 0, 1, 9, 0, 0, 0}, {}}},
       {size, takeSize, {{0, 0, 0, 2, 0x65}, nullptr}},
       {size, takeSize, {{0, 0, 0, 0, 0x65}, nullptr}},
