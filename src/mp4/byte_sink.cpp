@@ -27,9 +27,12 @@ class PosixFile final : public ByteSink {
 
   int reserve(std::uint64_t bytes) override {
     if (!reserves_) return 0;
-    const int status = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(written_),
-                                 static_cast<off_t>(bytes));
-    if (status == 0 || errno == EINTR) return 0;
+    int status = 0;
+    do {
+      status = fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(written_),
+                         static_cast<off_t>(bytes));
+    } while (status != 0 && errno == EINTR);
+    if (status == 0) return 0;
     // Before a write gets such an error, the movie can still be completed in the reserved room.
     if (errno == ENOSPC || errno == EDQUOT || errno == EFBIG || errno == EIO) return errno;
     reserves_ = false;  // this file system can't
