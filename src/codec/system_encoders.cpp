@@ -91,8 +91,10 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     // Kept first, so that the session that sees `hardware_` set gets this encoder.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
-    stateQueue_->async(
-        [self = shared_from_this(), take] { self->openTakeAhead(self->available(), take); });
+    // A take that has started has asked for its own encoder.
+    stateQueue_->async([self = shared_from_this(), take] {
+      if (!self->takeStarted_.stop_requested()) self->openTakeAhead(self->available(), take);
+    });
     return;
   }
 }

@@ -96,7 +96,18 @@ TEST(PictureSize, CentresAPictureThatIsFitted) {
   EXPECT_EQ(fitRectangle({1080, 1920}, {1080, 720}), (PictureRectangle{337, 0, {405, 720}}));
 }
 
-TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
+// Runs with each instruction set that Highway has for this machine.
+struct Conversion : testing::TestWithParam<std::int64_t> {
+  void SetUp() override { hwy::SetSupportedTargetsForTest(GetParam()); }
+  void TearDown() override { hwy::SetSupportedTargetsForTest(0); }
+};
+using EncoderPicture = Conversion;
+const auto targets = testing::ValuesIn(hwy::SupportedAndGeneratedTargets());
+const auto nameOf = [](const auto& test) { return std::string(hwy::TargetName(test.param)); };
+INSTANTIATE_TEST_SUITE_P(With, Conversion, targets, nameOf);
+INSTANTIATE_TEST_SUITE_P(With, EncoderPicture, targets, nameOf);
+
+TEST_P(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   for (const PixelFormat& format : {rgba, nv12, i420}) {
     // A ramp that changes by `down` from top to bottom. Only samples nearer to the middle than
     // `reach`, a fraction of the sides, have values.
@@ -119,7 +130,7 @@ TEST(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   }
 }
 
-TEST(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheirEdge) {
+TEST_P(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheirEdge) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
   // The left bar's width is even in the first case, odd in the second. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
@@ -145,7 +156,7 @@ TEST(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheirEdge) {
   }
 }
 
-TEST(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
+TEST_P(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
   // A period in source pixels, what remains of an amplitude of 100, and its tolerance. Without a
   // filter, the last period would show as a slow wave.
   for (const auto& [period, left, tolerance] :
@@ -166,7 +177,7 @@ TEST(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
   }
 }
 
-TEST(EncoderPicture, HasTheLayoutAndTheRangeOfTheEncoderAndTheTopRowFirst) {
+TEST_P(EncoderPicture, HasTheLayoutAndTheRangeOfTheEncoderAndTheTopRowFirst) {
   const PictureSize size{102, 6};
   for (const PixelFormat& from : {nv12, i420, fullNV12, fullI420}) {
     const Painted source(from, size, [](int component, int x, int y) {
@@ -222,28 +233,23 @@ double expectExact(const PixelFormat& from, const PixelFormat& to, PictureSize s
   return error;
 }
 
-TEST(EncoderPicture, IsExactWithinRoundingForAnyColourAtManyWidthsAndHasNoChromaForGreys) {
+TEST_P(EncoderPicture, IsExactWithinRoundingForAnyColourAtManyWidthsAndHasNoChromaForGreys) {
   std::mt19937 random(7);
   const Paint noise = [&](auto...) { return random() % 256; };
-  for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
-    SCOPED_TRACE(hwy::TargetName(target));
-    hwy::SetSupportedTargetsForTest(target);
-    for (int i = 0; i < 18 * 18 * 18; ++i) {
-      const int colour[] = {i % 18 * 15, i / 18 % 18 * 15, i / 324 * 15, 0};
-      const bool isGrey = colour[0] == colour[1] && colour[1] == colour[2];
-      const Paint plain = [&](int component, auto...) { return colour[component]; };
-      expectExact(bgra, i420, {64, 2}, plain, isGrey ? 0.5 : 0.71, isGrey ? 1e-9 : 0.51);
-    }
-    double error = 0, count = 0;
-    for (const int width : {2, 14, 16, 18, 30, 32, 34, 62, 64, 66, 126, 130, 190}) {
-      for (const auto& [from, to] : {std::pair{bgra, i420}, {bgra, nv12}, {rgba, i420}}) {
-        error += expectExact(from, to, {width, 6}, noise, 0.71, 1.06);
-        count += width * 3;
-      }
-    }
-    EXPECT_NEAR(error / count, 0, 0.02);
+  for (int i = 0; i < 18 * 18 * 18; ++i) {
+    const int colour[] = {i % 18 * 15, i / 18 % 18 * 15, i / 324 * 15, 0};
+    const bool isGrey = colour[0] == colour[1] && colour[1] == colour[2];
+    const Paint plain = [&](int component, auto...) { return colour[component]; };
+    expectExact(bgra, i420, {64, 2}, plain, isGrey ? 0.5 : 0.71, isGrey ? 1e-9 : 0.51);
   }
-  hwy::SetSupportedTargetsForTest(0);
+  double error = 0, count = 0;
+  for (const int width : {2, 14, 16, 18, 30, 32, 34, 62, 64, 66, 126, 130, 190}) {
+    for (const auto& [from, to] : {std::pair{bgra, i420}, {bgra, nv12}, {rgba, i420}}) {
+      error += expectExact(from, to, {width, 6}, noise, 0.71, 1.06);
+      count += width * 3;
+    }
+  }
+  EXPECT_NEAR(error / count, 0, 0.02);
 }
 
 TEST(JpegDecoder, RefusesIncompleteOrUnexpectedPicturesAndKeepsNothingOfTheLast) {
