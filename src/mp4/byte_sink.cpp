@@ -135,7 +135,12 @@ std::unique_ptr<ByteSink> createFile(const std::string& path, int& error) {
 
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path) {
   lseek(descriptor, static_cast<off_t>(size), SEEK_SET);
-  return std::make_unique<PosixFile>(descriptor, size, std::filesystem::path(path).parent_path());
+  try {
+    return std::make_unique<PosixFile>(descriptor, size, std::filesystem::path(path).parent_path());
+  } catch (const std::exception&) {
+    close(descriptor);
+    throw;
+  }
 }
 
 // The lock belongs to this opening of the file. It ends when the last descriptor of this opening is
