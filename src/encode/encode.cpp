@@ -6,9 +6,11 @@ namespace lumora {
 
 void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !take.movie)) return releaseRaw();
-  const auto undecodable = frame.rgba ? std::nullopt : std::optional(FrameOutcome::undecodable);
-  take.logFrame({frame.id, frame.capturedAt}, undecodable);
   const auto movie = take.recordingTake();
+  // Without a take that records, the reader may not have tried to decode the frame.
+  const bool isUndecodable = movie && !frame.rgba;
+  take.logFrame({frame.id, frame.capturedAt},
+                isUndecodable ? std::optional(FrameOutcome::undecodable) : std::nullopt);
   const bool isWatched = preview.countAuthenticatedPeers() > 0;
   const bool isNeeded = movie || isWatched;
   raw.setNeeded(isNeeded);
