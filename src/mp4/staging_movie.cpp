@@ -191,6 +191,7 @@ MovieTrack Reader::readTrack(const BoxPlace& track, bool isPicture) {
   require(header.next<std::uint32_t>() >> 24 == 1);  // version 1
   header.take(16);
   const auto id = header.next<std::uint32_t>();
+  require(id == (isPicture ? 1U : 2U));
   constexpr std::uint64_t countBytes = 8;  // in front of the entries
   const BoxPlace entries = child(sampleTable(track), "stsd");
   if (!isPicture) {
@@ -220,7 +221,9 @@ AacFormat Reader::soundFormat(const BoxPlace& track, const BoxPlace& entry) cons
   stream.take(4 + 5 + 15 + 1);  // up to the length of the configuration
   const ByteView configuration = stream.take(stream.next<std::uint8_t>());
   format.configuration = Bytes(configuration.begin(), configuration.end());
-  require(format.rate > 0 && format.channels > 0 && !format.configuration.empty());
+  constexpr std::size_t longest = 64;  // that `HybridMovieWriter::addTrack` accepts
+  require(format.rate > 0 && format.channels > 0 && !format.configuration.empty() &&
+          format.configuration.size() <= longest);
   return format;
 }
 

@@ -279,7 +279,7 @@ TEST(JpegDecoder, RefusesIncompleteOrUnexpectedPicturesAndKeepsNothingOfTheLast)
     EXPECT_FALSE(decode(used, cut).memory) << "without scan " << scans;
   }
   EXPECT_GT(scans, 3);
-  Bytes trailed = whole, stuffed = whole, cut = whole;
+  Bytes trailed = whole, stuffed = progressive, cut = whole;
   trailed.resize(whole.size() + 100);
   stuffed.insert(stuffed.end() - 2, 100, 0);
   for (const Bytes& good : {trailed, stuffed, read("422")})
