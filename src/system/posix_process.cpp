@@ -30,13 +30,20 @@ constexpr int undecided = -1;
 std::atomic<int> decidedStatus = undecided;
 static_assert(std::atomic<int>::is_always_lock_free);
 
+// A sanitized program reports every abort, so that no test misses one.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+
 constexpr std::string_view unexpectedFailure =
     "{\"type\":\"error\",\"message\":\"unexpected failure\"}\n";
 
 // Libraries abort when they are out of memory, and the runtime aborts for an exception that nobody
 // handles. This keeps our exit statuses 0 and 1 in that case, too.
 void endOnAbort(int) {
-  if (decidedStatus != undecided) _exit(decidedStatus);
+  if (decidedStatus != undecided && !isSanitized) _exit(decidedStatus);
   [[maybe_unused]] const ssize_t ignored =
       write(STDOUT_FILENO, unexpectedFailure.data(), unexpectedFailure.size());
   _exit(1);
