@@ -5,5 +5,5 @@
 # at its first finding, and an unjoined thread is not a finding.
 set(sanitizers "TSAN_OPTIONS=halt_on_error=1:report_thread_leaks=0" "UBSAN_OPTIONS=print_stacktrace=1")
 set_tests_properties(${LUMORA_UNIT_TESTS} ${LUMORA_FAULTY_TESTS} ${LUMORA_SERIAL_TESTS}
-  PROPERTIES ENVIRONMENT "${sanitizers}")
+  PROPERTIES ENVIRONMENT "${sanitizers};FRAMES=pipe")
 set_tests_properties(${LUMORA_MEMORY_TESTS} PROPERTIES ENVIRONMENT "${sanitizers};FRAMES=memory")

@@ -127,6 +127,7 @@ void addBeeps(tools::RunOptions& options, const tools::FrameSource& source) {
 void run(const std::string& helper, const std::filesystem::path& folder, double seconds,
          bool asJson) {
   std::filesystem::create_directories(folder);
+  for (const char* old : {"preview.png", "take.png"}) std::filesystem::remove(folder / old);
   const std::string preview = folder / "preview.h264";
   const std::string previewPicture = folder / "preview.png";
   const std::string movie = std::filesystem::absolute(folder / "demo.mp4");
@@ -146,12 +147,14 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   const tools::RunReport report =
       tools::runPaced(options, *source, asJson ? tools::Progress() : showProgress);
   asJson ? showJson(report) : showTable(report);
-  if (!report.exit.isClean()) throw std::runtime_error("the helper failed: " + report.error);
+  if (!report.exit.isClean())
+    throw std::runtime_error("the helper ended with " + toText(report.exit) + ": " + report.error);
   if (report.take.state != client::TakeState::saved) throw std::runtime_error("there is no take");
 
   const auto middle = std::to_string(report.deliveries.size() / clients / 2);
   makePicture(preview, "select=gte(n\\," + middle + ")", previewPicture);
-  const auto rate = std::to_string(12 / seconds);  // twelve pictures of the take on one sheet
+  // Twelve pictures of the take on one sheet.
+  const auto rate = std::to_string(12 / report.take.duration.count());
   makePicture(movie, "fps=" + rate + ",scale=360:-2,tile=4x3", sheet);
   if (hasSound) checkSound(movie);
   if (asJson) return;
@@ -167,7 +170,8 @@ int main(int argc, char** argv) {
   const bool asJson = std::erase(arguments, "--json") > 0;
   double seconds = 10;
   const bool isNumber = arguments.size() < 3 || tools::parseNumber(arguments[2], seconds);
-  if (arguments.size() < 2 || !isNumber || !(seconds > 0 && seconds <= 86400)) {
+  if (arguments.size() < 2 || arguments.size() > 3 || arguments[0].starts_with("--") || !isNumber ||
+      !(seconds > 0 && seconds <= 86400)) {
     std::fprintf(stderr, "usage: %s [--json] HELPER OUTPUT-FOLDER [SECONDS]\n", argv[0]);
     return 2;
   }

@@ -1,6 +1,7 @@
 // Finishes takes that a crash or a power cut has interrupted: the named ones, and all in the named
 // folders. Prints a line for each.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
@@ -52,7 +53,8 @@ void recover(const std::filesystem::path& path, bool asJson) {
 int main(int argc, char** argv) {
   std::vector<std::string> arguments(argv + 1, argv + argc);
   const bool asJson = std::erase(arguments, "--json") > 0;
-  if (arguments.empty() || arguments.front().starts_with("--")) {
+  const auto isOption = [](const std::string& word) { return word.starts_with("--"); };
+  if (arguments.empty() || std::ranges::any_of(arguments, isOption)) {
     std::fputs(usage, stderr);
     return 2;
   }

@@ -55,7 +55,9 @@ struct Faults : HelperTest {
     feedAll();
     stopTake();
     const auto& states = takes[takeID];
-    hear([&](const Event&) { return states.contains("saved") || states.contains("failed"); });
+    const bool isHeard =
+        hear([&](const Event&) { return states.contains("saved") || states.contains("failed"); });
+    EXPECT_TRUE(isHeard || !helper->hasOutput()) << said;
     return states;
   }
   // Runs the helper for a short take beside a client. If a call has failed, `withAnother` adds a

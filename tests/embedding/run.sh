@@ -20,7 +20,9 @@ cmake -S "$source/tests/embedding" -B "$work" -DBUILD_SHARED_LIBS=ON -DLUMORA_SO
 cmake --build "$work" -j 2 >/dev/null
 readelf -d "$work/lumora/client/liblumora-client.so" | grep -E 'SONAME.*liblumora-client\.so\.[0-9]+\.[0-9]+\]'
 # The application catches what the library throws.
-said=$(LUMORA_VIDEO_PATH=/nowhere "$work/record" "$work" 2>&1) && exit 1
+status=0
+said=$(LUMORA_VIDEO_PATH=/nowhere "$work/record" "$work" 2>&1) || status=$?
+[ "$status" -eq 1 ]
 grep -q 'there is no program at /nowhere' <<<"$said"
 export LUMORA_VIDEO_PATH=$1
 "$work/record" "$work"

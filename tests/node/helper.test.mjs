@@ -234,12 +234,13 @@ test('a take ends at its stop time even if the helper is stopped right afterward
   assert.ok(Math.abs(duration - (take.stoppedAt - take.startedAt)) < 1e-3, `${duration}`);
 });
 
-test('stop gives up a killed helper whose pipes another process keeps open', async () => {
+test('stop gives up a killed helper whose pipes another process keeps open', async (context) => {
   const program = inFolder('hanging');
   writeFileSync(program, `#!/bin/sh
     exec 3<&0; trap '' TERM; sleep 1000 & echo $! > "$0.pid"; echo '{"type":"ready"}'; wait`,
   { mode: 0o755 });
   const helper = await startHelper({ program, stderr: 'ignore' });
+  context.after(() => process.kill(Number(readFileSync(`${program}.pid`)), 'SIGKILL'));
   const { done } = helper.writeFrame(size, dark);
   const failed = assert.rejects(helper.startTake({ path: '/a.mp4' }), { code: 'HELPER_ENDED' });
   assert.deepEqual(await helper.stop(), { code: null, signal: 'SIGKILL' });
@@ -247,5 +248,4 @@ test('stop gives up a killed helper whose pipes another process keeps open', asy
   while (existsSync(`/proc/${helper.pid}`)) await sleep(1, null, limit); // it is really killed
   assert.equal(await done, 'dropped');
   await failed;
-  process.kill(Number(readFileSync(`${program}.pid`)), 'SIGKILL');
 });

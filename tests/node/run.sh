@@ -10,5 +10,5 @@ buildClient
 for module in "$client"/dist/page/*; do diff "$tests/../tools/viewer/page" "$module"; done
 
 # Node 18 does not have this option.
-limit=$(node --help | grep -q -e --test-timeout && echo --test-timeout=90000 || true)
+limit=$(node --help | grep -e --test-timeout >/dev/null && echo --test-timeout=90000 || true)
 LUMORA_VIDEO_PATH=$(realpath "$1") node --expose-gc --test $limit "$tests"/node/*.test.mjs
