@@ -3,16 +3,18 @@
 #   make demo           build, feed a moving picture, watch and record it (INPUT=file or camera; FRAMES=pipe)
 #   make view           show the same picture live in a browser, with a button to record
 #   make test           run every test; the C++ ones also under AddressSanitizer + UBSan and ThreadSanitizer
-#   make bench          compare the helper with other tools and with its encoders alone, into
-#                       $(OUT)/bench.json and two charts (50 minutes, or 20 with ROUNDS=1)
+#   make bench          compare the helper with other tools and with its encoders alone, write
+#                       $(OUT)/bench.json and draw two charts (50 minutes, or 20 with ROUNDS=1)
 #   make fuzz           run the fuzzers (MINUTES for each)
-#   make soak           run takes and clients at random, at full speed (MINUTES)
-#   make losses         show what takes lose by kills, power cuts, bad disks and others (6 minutes)
-#   make long-take      show what grows in a take of two hours, with a clock that runs SPEED times as
-#                       fast (12 minutes)
-#   make sound-sync     show how far sound is from the picture in takes of MINUTES, with sound
-#                       devices whose clocks may be wrong, and with a helper's clock that runs
-#                       SPEED times as fast (half an hour with MINUTES=120 SPEED=20)
+#   make soak           start and end takes and clients at random, feed frames at full speed
+#                       (MINUTES)
+#   make losses         show what takes lose by kills, power cuts, bad disks and other faults
+#                       (6 minutes)
+#   make long-take      show what grows in a take of two hours. The helper's clock runs SPEED times
+#                       as fast as the real one (12 minutes)
+#   make sound-sync     show how far sound is from the picture in takes of MINUTES, for sound
+#                       devices with right and wrong clocks. The helper's clock runs SPEED times
+#                       as fast as the real one (half an hour with MINUTES=120 SPEED=20)
 #   make lint           check formatting, includes and the error table, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)

@@ -11,10 +11,11 @@ namespace lumora::bench {
 // ffmpeg draws it in the constructor.
 class CameraClip final : public tools::FrameSource {
  public:
-  // RGBA, or `tools::nv12BT709`. Throws std::runtime_error when ffmpeg does not draw it.
+  // The frames are RGBA or `tools::nv12BT709`. Throws std::runtime_error when ffmpeg does not draw
+  // them.
   explicit CameraClip(client::FrameSize camera, const client::FrameFormat& format = {})
       : CameraClip(camera, format, camera) {}
-  // As NV12, scaled to fit `size`.
+  // The frames are NV12, drawn in the size `camera` and scaled to fit `size`.
   CameraClip(client::FrameSize camera, client::FrameSize size)
       : CameraClip(camera, tools::nv12BT709, size) {}
   client::FrameSize size() const override { return size_; }

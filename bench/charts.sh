@@ -7,7 +7,7 @@ cd "$1"
 
 machine=$(jq -r '.machine | "\(.cpu), \(.cores) cores, \(.date[:10])"' bench.json)
 
-# A row for each contender: its name, and milliseconds a frame with RGBA and with NV12.
+# A row for each contender: its name, and its CPU in milliseconds a frame, with RGBA and with NV12.
 costs() {
   jq -r '
     def median: sort | .[(length - 1) / 2 | floor];
@@ -18,7 +18,8 @@ costs() {
     | sort_by(.[1] // .[2])[] | map(. // "?") | join("\t")' bench.json
 }
 
-# The latency of each frame of a steady run with a 1920x1080 take, in milliseconds.
+# The latency of each frame at each client, in milliseconds, in the steady run with a 1920x1080 take
+# and the format $1.
 latencies() {
   jq -r --arg format "$1" '
     .steady[] | select(.take == "1920x1080" and .format == $format).latency_ms[]' bench.json

@@ -27,9 +27,9 @@ using namespace lumora::bench;
 using Json = nlohmann::json;
 
 constexpr int rates[] = {30, 60};     // frames a second
-constexpr double overhead = 2;        // seconds of a run, besides its frames
+constexpr double overhead = 2;        // seconds that a run takes longer than its frames
 constexpr double judgingSeconds = 8;  // for the files of a contender
-constexpr double steadySeconds = 20;  // of a steady run, times ROUNDS
+constexpr double steadySeconds = 20;  // of a steady run, multiplied by ROUNDS
 const Job jobs[] = {{camera, "superfast"}, {camera, "ultrafast"}, {camera, ""}, {defaultTake, ""}};
 
 struct Column {
@@ -51,7 +51,7 @@ std::string nameOf(const std::string& preset) { return preset.empty() ? "as ship
 
 struct Contender {
   std::string name;
-  CameraClip& clip;  // that it is fed
+  CameraClip& clip;  // the frames it gets
   std::function<Run(int rate)> run;
   Outputs outputs = {};  // empty: none
   std::vector<Run> rounds = {};
@@ -122,7 +122,7 @@ struct Table {
   }
 };
 
-// How alike the files of the last round and the clip are.
+// Adds to the figures of the last round how much its files resemble the clip.
 void judge(Contender& contender, client::FrameSize take) {
   Run& last = contender.rounds.back();
   const auto ssim = [&](const std::string& path, const std::vector<std::uint64_t>& numbers,
@@ -149,7 +149,7 @@ void run(Table& table, int rounds, Progress& progress) {
   }
 }
 
-// The median of each figure over the rounds, and its range.
+// Prints the median and the range of each figure over the rounds.
 void printRow(const Contender& contender) {
   std::printf("%-26s", (contender.name + " " + contender.clip.formatName()).c_str());
   for (const Column& column : columns) {

@@ -21,21 +21,22 @@ const run = promisify(execFile);
 const uptime = () => Number(process.hrtime.bigint()) / 1e9; // seconds
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const rate = 60; // frames per second
-const [bits, barRows] = [16, 80]; // a picture's number in bits, each a bar at its top
+const [bits, barRows] = [16, 80]; // of a picture's number; each bit is a bar at the top
 const noise = crypto.randomBytes(1 << 20); // for the rest of a picture: gives a take its bit rate
 
 // Seconds after the start of a take. All are later than half a second, and each is at another place
 // in a fragment.
 const moments = Array.from({ length: 20 }, (_, i) => 1 + 0.153 * i);
-// One sync, the third to the seventh, takes 7 s or 30 s. After 7 s the failed take can still be
-// completed. In the last case each sync takes 1 s.
+// In each case but the last, one of the third to the seventh sync takes 7 s or 30 s. A take that
+// fails during the 7 s can still be completed. In the last case each sync takes 1 s.
 const syncs = [...[3, 4, 5, 6, 7].flatMap((nth) => [`${nth}:-7`, `${nth}:-30`]), '0:-1'];
 const changeSize = (take) => { take.size = [160, 120]; };
 
-// A take is recorded for each state in `states`. `cause` is called when the take is as many seconds
-// old as the state. `failing` returns LUMORA_FAULT (see tests/faults/fault_library.cpp), `bytes`
-// the size of the disk. With "keep" a take may lose `most` seconds (if set) of what was appended,
-// and nothing of what was synced unless `losesAll` is set.
+// `states` are moments or syncs. For each, one take is recorded without "keep" and one with it.
+// `cause` is called at the moment. `failing` returns LUMORA_FAULT (see
+// tests/faults/fault_library.cpp), and `bytes` returns the size of the disk. A take with "keep" may
+// lose up to `most` seconds of what was appended; without `most` there is no limit. It may lose
+// nothing of what was synced, unless `losesAll` is set.
 const faults = [
   { name: 'kill', states: moments, most: 1, cause: (take) => take.program.kill('SIGKILL') },
   { name: 'power cut', states: moments.slice(-2), most: 1, isPowerCut: true,
@@ -133,8 +134,8 @@ async function takePictures(folder) {
   return pictures;
 }
 
-// The file on the disk after each call in the log (see tests/faults/disk_log.h): what is `durable`,
-// the `pending` writes after that, whether its name is durable, and how long the log was.
+// The file on the disk after each call in the log (see tests/faults/disk_log.h): its `durable`
+// bytes, the writes still `pending`, whether its name is durable, and the log's length by then.
 function* disksOf(take) {
   const log = fs.readFileSync(take.log);
   let [durable, pending, isNamed] = [Buffer.alloc(0), [], false];
@@ -155,7 +156,8 @@ function withWrites(file, writes) {
   return changed;
 }
 
-// What may be left of pending writes after a power cut. Disks write whole sectors.
+// What may be left of pending writes after a power cut. Disks write whole sectors, so half of the
+// sectors of a torn write are left.
 function survivorsOf(pending) {
   if (pending.length === 0) return [[]];
   const { offset, bytes } = pending.at(-1);
@@ -217,7 +219,7 @@ async function lossesOf({ fault, state, keeps }) {
   }
   const last = take.sent.length - 1;
   await Promise.race([take.exited, sleep(15_000, null, { ref: false })]);
-  take.command('record_stop'); // a slow encoder may not fill the queue of a slow disk
+  take.command('record_stop'); // it runs on if a slow encoder has not filled a slow disk's queue
   await take.exited;
   const kept = await takePictures(take.folder);
   if (fault.bytes) execFileSync('umount', [take.folder]);

@@ -1,5 +1,5 @@
-// Measures the conversion of each camera size to each preview and recording size, and of RGB to
-// 4:2:0. Also measures plain copies of RGBA and NV12 pictures, for comparison.
+// Measures the scaling of camera pictures to the sizes of previews and recordings, and the
+// conversion of RGB to 4:2:0. Also measures plain copies of RGBA and NV12 pictures, for comparison.
 
 #include <benchmark/benchmark.h>
 #include <libyuv.h>

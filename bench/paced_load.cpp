@@ -15,8 +15,8 @@ namespace {
 using Count = unsigned long long;
 
 // The host of a virtual machine may take back memory that has been free for some seconds. The host
-// then needs forty times as long to return it as the kernel needs to hand out memory. Frames that a
-// run loses at its start are then due to the host, and not to the helper.
+// then needs forty times as long to return it as the kernel needs to hand out memory. A run may
+// then lose frames at its start because of the host, and not because of the helper.
 void settleMemory() {
   const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): nobody sets it
   const std::string_view wish = value == nullptr ? "" : value;

@@ -20,7 +20,7 @@ using SteadyClock = std::chrono::steady_clock;
 void enlargeInput(pid_t process) {
   const std::string input = "/proc/" + std::to_string(process) + "/fd/0";
   const client::Descriptor pipe(open(input.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  // A program that has ended at once has no input any more. Its status says more.
+  // A program that has already ended has no input. `runPipeline` finds out how it ended.
   if (pipe.isOpen() && fcntl(pipe.get(), F_SETPIPE_SZ, 1 << 20) < 0)
     throw std::runtime_error("cannot enlarge the input pipe");
 }

@@ -21,7 +21,7 @@ struct Job {
 };
 
 // What the camera sees, as RGBA and as NV12. `preview` and `smallTake` are NV12 at the size of an
-// encoder's pictures, for the encoders alone.
+// encoder's pictures. Only `runEncoders` and `runEncodersAndPipe` use them.
 struct Clips {
   CameraClip rgba{camera};
   CameraClip nv12{camera, tools::nv12BT709};
@@ -30,18 +30,19 @@ struct Clips {
 };
 
 struct Run {
-  nlohmann::json figures;                     // numbers by name
-  std::vector<std::uint64_t> inPreview = {};  // numbers of the frames in the file; empty: not known
-  std::vector<std::uint64_t> inTake = {};
+  nlohmann::json figures;                     // what was measured, by name
+  std::vector<std::uint64_t> inPreview = {};  // numbers of the preview's frames; empty: not known
+  std::vector<std::uint64_t> inTake = {};     // the same of the take
 };
 
-// Each of these throws std::runtime_error, except while encoders run alone: then a failure aborts.
+// Each of these throws std::runtime_error if the run fails. But once `runEncoders` or
+// `runEncodersAndPipe` has begun to encode, a failure aborts the program.
 Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs, int rate);
 Run runHelper(tools::RunOptions load, CameraClip& clip, int rate);
 Run runEncoders(Clips& clips, const Job& job, int rate,
                 const std::function<void()>& besideEach = {});
-// Does what `runEncoders` does, and for each picture reads the bytes of one frame of `clip` from a
-// pipe. No program that is fed through a pipe can cost less.
+// Does what `runEncoders` does. For each picture, also reads as many bytes from a pipe as a frame
+// of `clip` has. No program that is fed through a pipe can cost less.
 Run runEncodersAndPipe(Clips& clips, const Job& job, int rate, const CameraClip& clip);
 
 nlohmann::json figuresOf(const tools::RunOptions& load, const tools::RunReport& report);

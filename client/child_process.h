@@ -1,7 +1,7 @@
 #pragma once
 
-// A child process with its standard input and output on pipes. One thread may write while another
-// reads lines; the rest is for one thread at a time.
+// A child process with its standard input and output on pipes. Three threads may use it at once:
+// one for its input, one for its output, and one for the other functions.
 
 #include <lumora/events.h>
 #include <sys/types.h>
@@ -23,13 +23,13 @@ namespace lumora::client {
 
 struct LaunchOptions {
   std::string program;                      // path of the helper, or a name on the PATH
-  std::string token = {};                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: our own, if any
+  std::string token = {};                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: inherited
   std::vector<std::string> arguments = {};  // "--port", "0", ...
   std::map<std::string, std::string> environment = {};  // added to our own
   int frameMemory = -1;          // descriptor of memory shared with the child; -1: none
   std::string frameFormat = {};  // empty: none is set
   std::string sound = {};        // empty: none is set
-  int outputBytes = 0;           // size of its output pipe; 0: the system's default
+  int outputBytes = 0;           // size of the child's output pipe; 0: the system's default
 };
 
 // A random token for one run.
@@ -47,7 +47,7 @@ class ChildProcess {
   // A write blocks until all bytes are in the pipe. It returns false when the child has closed its
   // input, and then also raises SIGPIPE on the calling thread.
   bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
-  // Writes only the offset of the picture if it lies in the memory shared with the child.
+  // If the picture lies in the memory shared with the child, writes only where it lies.
   bool writeFrame(const Frame& frame, std::uint64_t id);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
@@ -58,18 +58,18 @@ class ChildProcess {
   // the output has ended.
   std::size_t readOutput(std::span<char> bytes, const Deadline& deadline);
   void closeOutput() { output_.reset(); }
-  // False once the end of the output was found.
+  // False once the end of the output was found, and after `closeOutput` or `abandon`.
   bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }
 
   // False once the child has closed its input.
   bool takesInput() const;
 
   void sendSignal(int signal);
-  // How the child ended; empty when it still runs after that time.
+  // How the child ended; empty when it still runs after `limit`.
   std::optional<Exited> wait(Seconds limit);
   // Gives up on a child that does not end. From now on no read or write waits for the child, not
-  // even one that another thread has begun. Unless the child's end is known, it counts as ended by
-  // SIGKILL, and a thread collects its status.
+  // even one that another thread has begun. If the child has not ended yet, it counts as ended by
+  // SIGKILL, and a thread collects its exit status.
   void abandon();
   pid_t pid() const { return pid_; }
 
@@ -81,11 +81,11 @@ class ChildProcess {
   pid_t pid_ = -1;
   Descriptor input_;     // our end of its standard input
   Descriptor output_;    // our end of its standard output
-  std::string pending_;  // the start of a line
+  std::string pending_;  // output that `nextLine` has not returned yet
   std::optional<Exited> exit_;
   std::atomic<bool> isAbandoned_ = false;
-  // `abandon` writes a byte to `wake_`, which ends every wait. Closing `wake_` would end none while
-  // a forked process has a copy of it.
+  // `abandon` writes a byte to `wake_`. The byte ends every read and write that waits. Closing
+  // `wake_` would not end them while a forked process has a copy of it.
   Descriptor wake_;
   Descriptor woken_;
 };

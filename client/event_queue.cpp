@@ -26,7 +26,7 @@ struct EventQueue::State {
     return next;
   }
 
-  // Counts the calls that wait, so the descriptor can be read while a call waits.
+  // Counts the calls that wait, so the descriptor is readable while a call waits.
   const Descriptor count{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};
   std::mutex mutex;  // guards all below
   Calls calls;
@@ -46,7 +46,7 @@ int EventQueue::descriptor() const { return state_->count.get(); }
 void EventQueue::dispatch() {
   const auto state = state_;  // a call may destroy this queue
   std::unique_lock hold(state->mutex);
-  // Makes only as many calls as wait now, because a call may post another.
+  // Makes only as many calls as wait now, so it returns even if each call posts another.
   auto waiting = state->calls.size();
   hold.unlock();
   for (; waiting > 0; --waiting) {

@@ -50,8 +50,8 @@ bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat forma
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
     throw std::invalid_argument("all channels of sound must have the same number of samples");
-  // The id of sound is its time, and ids must grow. After sound from the future, all later sound
-  // would get wrong times.
+  // The id of sound is its time, and ids must grow. So one time in the future would make the times
+  // of all sound that follows wrong.
   const bool isTime = capturedAt >= Uptime::time_point() && capturedAt <= Uptime::now() + mostAhead;
   if (!isTime) return false;
   const std::size_t most = mostSeconds * static_cast<std::size_t>(format.rate) * channels;

@@ -15,15 +15,14 @@
 
 namespace lumora::client {
 
-// Writes frames, sound and commands to a helper's standard input, on a thread of its own. At most
-// one frame is being written, and one waits behind the last command. A newer frame replaces that
-// one. Commands keep their order among the frames, and are dropped only if a write fails. Any
-// thread.
+// Writes frames, sound and commands to a helper's standard input, on a thread of its own. A newer
+// frame replaces the one that waits, unless a command came in between: then both are written.
+// Commands keep their order among the frames, and are dropped only if a write fails. Any thread.
 class Feeder {
  public:
   explicit Feeder(std::shared_ptr<ChildProcess> helper);
-  // Calls `end`, and waits until everything has been written, or a write fails because the helper
-  // has closed its input or was abandoned.
+  // Calls `end`. Waits until everything has been written, or until a write fails: the helper has
+  // closed its input or was abandoned.
   ~Feeder();
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
@@ -34,13 +33,13 @@ class Feeder {
   // False after `end`, or once a write has failed.
   bool write(std::string commandRecord);
   // Throws std::invalid_argument if the channels have different numbers of samples. False when the
-  // sound was skipped: after `end` or a failed write, if too much sound waits, or if the time is
-  // negative or more than `mostAhead` after now.
+  // sound was skipped: after `end` or a failed write, if too much sound would wait, or if the time
+  // is negative or more than `mostAhead` after now.
   bool writeSound(std::span<const std::int16_t> samples, SoundFormat format,
                   Uptime::time_point capturedAt);
   // Counts a frame that was skipped because it got no slot.
   void countDropped();
-  // From now on drops new frames. What waits is still written.
+  // From now on drops new frames, but no commands or sound. Frames that already wait are written.
   void endFrames();
   // Closes the input once everything that waits has been written.
   void end();
@@ -50,7 +49,7 @@ class Feeder {
   struct Entry {
     std::optional<Frame> frame;
     std::uint64_t id = 0;
-    std::string record = {};     // of a command, or several of sound
+    std::string record = {};     // of one command, or the records of a sound
     std::size_t soundBytes = 0;  // of sound in `record`
   };
 

@@ -69,7 +69,7 @@ void Frame::copyFrom(std::span<const SourcePlane> picture) {
 
 void Frame::copyFrom(std::span<const std::uint8_t> picture) {
   setLength(picture.size());
-  // memcpy copies a block; std::ranges::copy may copy single bytes.
+  // memcpy, because std::ranges::copy may copy one byte at a time.
   std::memcpy(pixels().data(), picture.data(), picture.size());
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// How the encodings differ. Code that depends on the encoding looks it up here. Pure.
+// How the encodings of frames differ. Code that depends on an encoding looks up its layout here.
+// Pure.
 
 #include <lumora/frame_format.h>
 
@@ -11,8 +12,8 @@ namespace lumora::client {
 
 struct PlaneLayout {
   std::size_t sampleBytes = 1;
-  int columns = 1;  // of pixels that share a sample
-  int rows = 1;     // of pixels that share a sample
+  int columns = 1;  // how many columns of pixels share a sample
+  int rows = 1;     // how many rows of pixels share a sample
 
   std::size_t rowBytes(FrameSize size) const {
     return static_cast<std::size_t>(size.width / columns) * sampleBytes;
@@ -22,7 +23,7 @@ struct PlaneLayout {
 
 struct FrameLayout {
   std::string_view word;                     // in TAVO_FRAME_FORMAT
-  bool hasMatrix = false;                    // whether it has a matrix and a range
+  bool hasMatrix = false;                    // whether its matrix and range can be chosen
   std::span<const PlaneLayout> planes = {};  // empty: compressed
 
   // The length of compressed pictures varies, so each frame has its own.

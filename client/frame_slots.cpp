@@ -29,7 +29,7 @@ constexpr std::uint64_t offsetOf(int slot) {
 Descriptor makeSealedMemory() {
 #ifdef F_ADD_SEALS
   Descriptor made(memfd_create("lumora-frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  // It has the same number in the helper, where the first three are the standard streams.
+  // The helper inherits it under the same number, and there 0 to 2 are the standard streams.
   if (made.isOpen() && made.get() <= STDERR_FILENO) {
     made = Descriptor(fcntl(made.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }
@@ -103,8 +103,8 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   return std::nullopt;
 }
 
-// Reserves shared memory, so that this throws when the system has none left. Without that, a touch
-// of the memory would end the process with a signal.
+// Reserves shared memory. Throws if the system has no memory left. A touch of memory that is not
+// reserved would then end the process with a signal.
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen()) return;

@@ -34,8 +34,8 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   const FrameFormat& format() const { return format_; }
   // The descriptor that the helper inherits; -1: the memory is private.
   int descriptor() const { return descriptor_.get(); }
-  // Whether the helper uses the memory. Valid once the helper is ready. False if its version
-  // is too old for that.
+  // Whether the helper uses the memory. Valid once the helper is ready. False if the memory is
+  // private, or the helper's version is too old to use it.
   bool isShared() const { return released() != neverReleased; }
 
   // Touches the memory of a frame of this size in every slot, so that the first frames don't wait
@@ -50,7 +50,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   struct Slot {
     bool isLent = false;
     std::size_t reserved = 0;       // bytes reserved so far
-    std::uint64_t publishedAs = 0;  // id under which the helper reads the last frame here; 0: none
+    std::uint64_t publishedAs = 0;  // id of its latest frame if the helper reads that here, else 0
   };
 
   FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory);

@@ -24,13 +24,13 @@ namespace lumora::client {
 namespace {
 
 constexpr Seconds timeToBecomeReady(10);
-// Counted from `stop`. A helper that is asked to end does so within 2.2 s, even if it must finish a
-// take.
+// These times count from `stop`. A helper ends within 2.2 s after it is asked to, even if it must
+// finish a take.
 constexpr Seconds timeToTerminate(2.25);
 constexpr Seconds timeToKill(4.5);
 constexpr Seconds timeToGiveUp(4.9);
 
-// The limits of docs/protocol.md. A helper ends when it gets any other frame.
+// The limits of docs/protocol.md. A helper ends when it gets a frame outside them.
 void check(FrameSize size) {
   const auto [least, most] = std::minmax(size.width, size.height);
   const bool fits =
@@ -189,8 +189,8 @@ class Helper::Impl {
 
   void readEvents() {
     readStart();
-    // The output may stay open behind a helper that has ended, since another process may hold it,
-    // or pass its last lines on.
+    // The output may stay open after the helper has ended, since another process may hold it, or
+    // pass the helper's last lines on.
     for (bool hasEnded = false; process_->hasOutput();) {
       auto line = process_->nextLine(Seconds(hasEnded ? 0.1 : 0));
       if (!line && hasEnded) break;
@@ -233,11 +233,11 @@ class Helper::Impl {
     if (!hasEnded && problem_.empty()) problem_ = "it did not become ready";
     const std::lock_guard hold(mutex_);
     process_->sendSignal(SIGKILL);
-    process_->abandon();  // another process may keep its output open
+    process_->abandon();  // another process may keep the helper's output open
   }
 
-  // The helper's end; empty if it does not end in time. `stop` must not send a signal while the
-  // status is collected, since the id may belong to another process afterwards.
+  // The helper's end; empty if it does not end in time. Collecting the status frees the process
+  // id for another process, so `mutex_` keeps `stop` from sending a signal meanwhile.
   std::optional<Exited> awaitExit(Seconds limit) {
     for (const Deadline deadline(limit);;) {
       {
@@ -271,7 +271,8 @@ class Helper::Impl {
   void endProcess() {
     const auto askedAt = Uptime::now();
     feeder_->endFrames();
-    takes_.awaitStopped(timeToTerminate);  // the end of the input would replace their stop times
+    // If the input ended first, the helper would end these takes then, not at their stop times.
+    takes_.awaitStopped(timeToTerminate);
     feeder_->end();
     for (const auto& [time, signal] :
          {std::pair{timeToTerminate, SIGTERM}, {timeToKill, SIGKILL}}) {
@@ -279,7 +280,7 @@ class Helper::Impl {
     }
     awaitLastEvent(askedAt + timeToGiveUp);
     const std::lock_guard hold(mutex_);
-    process_->abandon();  // even if it has ended, another process may keep its pipes open
+    process_->abandon();  // another process may hold the pipes of a helper that has ended
   }
 
   // False if the last event was not handled by this time.
@@ -328,7 +329,7 @@ Helper::Helper(const HelperOptions& options, EventHandler onEvent) {
   if (!options.token.empty()) checkToken(options.token);
   try {
     impl_ = std::make_unique<Impl>(options, std::move(onEvent));
-    impl_->begin();                           // the handler may call us, so `impl_` is set before
+    impl_->begin();                           // once `impl_` is set, since the handler may call us
   } catch (const std::system_error& error) {  // no process or no thread
     throw StartError("the helper could not be started: " + std::string(error.what()));
   }

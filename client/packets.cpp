@@ -98,7 +98,7 @@ std::vector<std::uint8_t> avcDecoderConfiguration(const StreamConfiguration& con
     record.insert(record.end(), set.begin(), set.end());
   };
   append(sequence);
-  record.push_back(1);  // picture parameter set
+  record.push_back(1);  // one picture parameter set
   append(picture);
   return record;
 }

@@ -9,13 +9,14 @@
 
 namespace lumora::client {
 
-// Calls an application's handlers through its queue, if it has one. The queue calls none of them
-// after `close`.
+// Passes calls of an application's handlers to the application's queue. Without a queue, handlers
+// are called directly. The queue calls no handler after `close`.
 class PostedHandlers {
  public:
   explicit PostedHandlers(std::shared_ptr<EventQueue> queue) : queue_(std::move(queue)) {}
 
-  // A function that any thread may call. Without a queue it is the handler itself.
+  // Returns a function that queues a call of `handler`. Any thread may call the function. Without a
+  // queue, returns `handler` itself.
   template <typename Argument>
   std::function<void(const Argument&)> post(std::function<void(const Argument&)> handler) const {
     if (!handler || !queue_) return handler;
@@ -28,7 +29,8 @@ class PostedHandlers {
     };
   }
 
-  // From now on the queue calls no handler. Waits for one that it is calling on another thread.
+  // From now on the queue calls no handler. If it is calling one on another thread, waits until
+  // that handler returns.
   void close() const {
     const std::lock_guard hold(gate_->mutex);
     gate_->isOpen = false;
@@ -36,7 +38,7 @@ class PostedHandlers {
 
  private:
   struct Gate {
-    std::recursive_mutex mutex;  // held during a call, which may close the gate
+    std::recursive_mutex mutex;  // held while a handler runs; the handler may call `close`
     bool isOpen = true;
   };
   const std::shared_ptr<EventQueue> queue_;

@@ -10,7 +10,7 @@ namespace lumora::client {
 namespace {
 
 std::string environment(const char* name) {
-  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read, never set
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): no code here sets it
   return value == nullptr ? "" : value;
 }
 

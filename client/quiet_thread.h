@@ -8,9 +8,9 @@
 
 namespace lumora::client {
 
-// Starts a thread that blocks all signals, except those of its own faults. The application's
-// signals then reach its own threads only, and a write to a helper that has closed its input fails
-// instead of ending the process.
+// Starts a thread that blocks all signals, except those of its own faults. Signals to the process
+// then reach only the application's own threads. If a helper has closed its input, a write by this
+// thread fails, and SIGPIPE does not end the process.
 template <typename Work>
 std::thread startQuietThread(Work work) {
   sigset_t blocked;

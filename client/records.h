@@ -1,7 +1,7 @@
 #pragma once
 
-// The records that a parent writes to the helper's standard input: a 16-byte header (length, width,
-// height, frame id, all big-endian) and the payload. Pure.
+// Makes the records that a parent writes to the helper's standard input: a 16-byte header (length,
+// width, height, frame id, all big-endian) and the payload. Does no input or output.
 
 #include <lumora/frame.h>
 #include <lumora/sound.h>
@@ -16,18 +16,19 @@
 
 namespace lumora::client {
 
-constexpr std::size_t maximumCommandBytes = 4096;  // of its JSON text; a longer one ends the helper
+// Of a command's JSON text. A longer text ends the helper.
+constexpr std::size_t maximumCommandBytes = 4096;
 
 using RecordHeaderBytes = std::array<std::uint8_t, 16>;
 
 RecordHeaderBytes recordHeader(std::uint32_t length, std::uint16_t width, std::uint16_t height,
                                std::uint64_t id);
 
-// How far after now the helper accepts a capture time.
+// The helper accepts no capture time further in the future than this.
 constexpr Seconds mostAhead(0.05);
 
-// The header of a frame whose payload has this length, or of an RGBA picture. Ids are above 0 and
-// grow.
+// The header of a frame whose payload has `length` bytes. Without `length`, the payload is an RGBA
+// picture. Ids are above 0 and grow.
 RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id, std::size_t length);
 inline RecordHeaderBytes frameHeader(FrameSize size, std::uint64_t id) {
   return frameHeader(size, id, size.rgbaBytes());
@@ -39,12 +40,12 @@ std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::
                                          std::optional<std::uint64_t> length = std::nullopt);
 
 // The records of this sound, each with at most a quarter of a second. `capturedAt` is the time of
-// its first sample, in microseconds of uptime. `lastID` is the id of the last record of sound so
-// far, and is updated. Ids grow even if times do not.
+// the first of `samples`, in microseconds of uptime. `lastID` is the id of the last sound record
+// made before. It is set to the id of the last record made here. Ids grow even if times do not.
 std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat format,
                          std::uint64_t capturedAt, std::uint64_t& lastID);
 
-// The whole record of a command, whose JSON text has 1 to `maximumCommandBytes` bytes.
+// The whole record of a command. `json` must have 1 to `maximumCommandBytes` bytes.
 std::string commandRecord(const std::string& json);
 
 }  // namespace lumora::client

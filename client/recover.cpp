@@ -28,7 +28,8 @@ std::vector<RecoveredTake> recoverTakes(const std::filesystem::path& folder,
   std::vector<RecoveredTake> takes;
   while (const auto line = child.nextLine(unlimited)) takes.push_back(parseTake(*line));
   const auto end = child.wait(unlimited);
-  // The status is unknown (-1) if the application ignores SIGCHLD.
+  // The status is unknown (-1) if the application ignores SIGCHLD. Then this checks at least that
+  // the folder can be read.
   std::error_code unreadable;
   const bool isUnknown = end->status == -1 && end->signal == 0;
   if (isUnknown) std::filesystem::directory_iterator(folder, unreadable);

@@ -24,7 +24,7 @@ std::system_error failure(int error, const char* what) {
   return {error, std::generic_category(), what};
 }
 
-// The socket's pending error, which this clears; 0: none.
+// Returns and clears the socket's pending error; 0: none.
 int takeError(const Descriptor& socket) {
   int error = 0;
   socklen_t size = sizeof error;
@@ -48,7 +48,7 @@ Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit)
     if (!awaitEvents(socket.get(), POLLOUT, Deadline(limit))) throw failure(ETIMEDOUT, "connect");
     if (const int error = takeError(socket)) throw failure(error, "connect");
   }
-  fcntl(socket.get(), F_SETFL, 0);  // from now on, sends block
+  fcntl(socket.get(), F_SETFL, 0);  // from now on `send` blocks
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   // Without these, a client of another machine learns late or never that the network is gone.
@@ -64,7 +64,7 @@ Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit)
 }  // namespace
 
 struct StreamClient::Connection {
-  // `error` is that of the last read; 0: the end of the stream.
+  // `error` is the errno of the last read; 0: it found the end of the stream.
   void close(int error) {
     // A helper waits a second for the hello.
     const bool isLate = asked - connectedAt > Seconds(1);
@@ -72,8 +72,8 @@ struct StreamClient::Connection {
       end = StreamEnd::closed;
       return;
     }
-    // A helper without room closes at once. If it has not read the hello, its system answers with a
-    // reset, which may come a little after the end of the stream.
+    // A helper without room closes the connection at once. If it closes before it has read the
+    // hello, its kernel sends a reset, which may come a little after the end of the stream.
     const Deadline patience(Seconds(0.05));
     const bool isUnread = !saidHello || error != 0 || awaitEvents(socket.get(), 0, patience);
     end = isUnread ? StreamEnd::noRoom : StreamEnd::refused;
@@ -84,7 +84,7 @@ struct StreamClient::Connection {
   std::vector<std::uint8_t> space = std::vector<std::uint8_t>(readBytes);
   StreamEnd end = StreamEnd::none;
   Uptime::time_point connectedAt = Uptime::now();
-  Uptime::time_point asked = connectedAt;  // when we connected or, later, said hello
+  Uptime::time_point asked = connectedAt;  // when we said hello; before that, when we connected
   bool saidHello = false;
   bool wasAdmitted = false;
 };

@@ -12,7 +12,8 @@
 namespace lumora::client {
 namespace {
 
-// A living helper answers at once. But it drops an answer that its parent does not read in time.
+// How long a take waits for the answer to its start. A living helper answers at once, but it drops
+// the answer if its output pipe is full.
 constexpr Seconds timeToAnswer(10);
 
 // In the order of the enumerators.
@@ -56,7 +57,7 @@ void Take::State::report(const Recording& recording) {
     latest_ = recording;
     isAnswered_ = true;
     onEvent = onEvent_;
-    if (recording.isOver()) onEvent_ = {};  // it may hold this take
+    if (recording.isOver()) onEvent_ = {};  // the handler may own a copy of this take
     changed_.notify_all();
   }
   if (onEvent) onEvent(recording);
@@ -93,7 +94,7 @@ Take::Take(std::string id, std::filesystem::path path, std::shared_ptr<State> st
 std::filesystem::path Take::stagingPath() const { return path_.string() + "." + id_ + ".partial"; }
 
 void Take::stop(std::optional<Uptime::time_point> stoppedAt) {
-  // The start may be a little ahead.
+  // The take may start a little after now.
   state_->stop(stoppedAt.value_or(std::max(Uptime::now(), startedAt())));
 }
 

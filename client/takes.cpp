@@ -13,7 +13,7 @@ void Takes::add(const std::shared_ptr<Take::State>& take) {
   }
   if (ended)
     take->abandon(TakeFailure::helperEnded,
-                  *ended);  // unlocked, because its handler may start another
+                  *ended);  // unlocked, because the take's handler may start another take
 }
 
 void Takes::report(const Recording& recording) {
@@ -41,7 +41,7 @@ void Takes::failUnanswered(Uptime::time_point now) {
       const std::lock_guard hold(mutex_);
       takes_.erase(id);
     }
-    take->stop(Uptime::now());  // if only the answer was lost, the take runs
+    take->stop(Uptime::now());  // the helper may record the take although its answer was lost
     take->abandon(TakeFailure::noAnswer, "the helper did not answer");
   }
 }

@@ -1,5 +1,6 @@
 # Debian's cross compiler for 64-bit Arm, with its multi-arch libraries. The programs run under
-# qemu-user as a processor without SVE. By default Highway would find SVE in the emulator.
+# qemu-user, which here emulates a processor without SVE. By default it emulates one with SVE, and
+# Highway would use that.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

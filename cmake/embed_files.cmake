@@ -1,4 +1,4 @@
-# Writes a C++ source that contains files and finds them by name:
+# Writes a C++ source with the contents of FILES and a function that finds them by name:
 #   cmake -DOUTPUT=page_files.cpp -DFILES=a;b -P embed_files.cmake
 set(arrays "")
 set(entries "")

@@ -1,5 +1,5 @@
-// Fuzzes movies with any samples, ends and pauses, with and without sound. libavformat reads each
-// of them back: finished, and cut off as after a crash.
+// Fuzzes movies, with and without sound: their samples, how long each lasts, where the movie ends.
+// libavformat reads every movie: first finished, then cut off as after a crash.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -85,7 +85,7 @@ void fuzzMovie(FuzzedDataProvider& input) {
   packets = std::min<std::size_t>(packets, (soundEnd + 1023) / 1024);
   // A single packet is only the priming, which the edit list hides.
   require(packets < 2 || readMovie(bytes, 1).times.size() == packets);
-  // The file as it was before it was finished, cut off at page boundaries.
+  // With the placeholder back, the file is no longer finished. It is cut off at page boundaries.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
   constexpr std::size_t page = 4096;

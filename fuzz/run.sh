@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Runs one fuzzer for so many seconds, from its kept corpus and from what earlier runs have found:
+# Runs the fuzzer PROGRAM for SECONDS. It starts from the kept corpus of TARGET and from the
+# inputs that earlier runs found:
 #   fuzz/run.sh PROGRAM TARGET SECONDS
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 found=$(dirname "$1")/found/$2
 mkdir -p "$found"
-# A target without a dictionary gets that of JSON, which does no harm.
+# A target without its own dictionary gets json.dict. It does no harm to targets that read no JSON.
 dictionary=$here/$2.dict
 [ -f "$dictionary" ] || dictionary=$here/json.dict
 exec "$1" "$found" "$here/corpus/$2" -dict="$dictionary" -max_total_time="$3" -timeout=10 \

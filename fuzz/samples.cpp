@@ -1,4 +1,4 @@
-// Fuzzes the checks of encoded samples that become packets and movies.
+// Fuzzes the checks that encoded samples pass before they become packets or go into movies.
 
 #include "encode/encoder_failure.h"
 #include "encode/recording_keyframe.h"

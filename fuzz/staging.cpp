@@ -1,4 +1,4 @@
-// Fuzzes the files of interrupted takes. Makes a movie of what was read, and reads that again.
+// Fuzzes the files of interrupted takes. Finishes the movie that was read, and reads it again.
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,4 +1,5 @@
-# Strips static libraries, which CPack does not.
+# Strips debug information from static libraries. CPack itself strips only programs and shared
+# libraries.
 file(GLOB_RECURSE archives ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*.a)
 foreach(archive ${archives})
   execute_process(COMMAND ${CPACK_STRIP} --strip-debug ${archive} COMMAND_ERROR_IS_FATAL ANY)

@@ -15,7 +15,7 @@ cmake --preset arm64
 cmake --build --preset arm64 -j "$(nproc)"
 
 emulator=(qemu-aarch64 -cpu cortex-a76)
-# Death tests start their own program again, which does not work outside the emulator.
+# A death test starts its own program again, but without the emulator, so it would fail.
 "${emulator[@]}" build/arm64/tests/lumora-unit-tests --gtest_filter='-*DeathTest.*'
 
 # The tests start the helper as a program, so it needs a wrapper that starts the emulator.

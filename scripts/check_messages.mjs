@@ -1,5 +1,5 @@
 // Checks that docs/troubleshooting.md lists every error of the client libraries and the tools, and
-// that its tables about them list no others.
+// that the sources have every error in its sections "In the client libraries" and "In the tools".
 
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
@@ -10,7 +10,7 @@ const read = (path) => fs.readFileSync(new URL(path, root), 'utf8');
 const filesIn = (folder, end) => fs.readdirSync(new URL(folder, root))
   .filter((name) => name.endsWith(end)).map((name) => folder + name);
 
-// `soak` is for developers, and the words in `report` are not errors.
+// `soak` is left out because it is for developers, `report` because its strings are not errors.
 const cpp = [...filesIn('client/', '.cpp'), ...filesIn('tools/', '.cpp'),
   ...filesIn('tools/viewer/', '.cpp'), 'src/mp4/movie_recovery.cpp', 'src/mp4/staging_movie.cpp']
   .filter((path) => !/soak|report/.test(path));
@@ -30,7 +30,7 @@ const errors = sources.flatMap((text) => [
 ]);
 
 const unescaped = (text) => text.replace(/\\(["'])/g, '$1');
-// The constant parts of a text, those of two words or more. `changes` matches what lies between.
+// The constant parts of a text that have at least two words. `changes` matches the other parts.
 const partsOf = (text, changes) => unescaped(text).split(changes).map((part) => part.trim())
   .filter((part) => /\w \w/.test(part));
 

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Fails if program $1 needs more than glibc 2.36, or is too large. Prints the reason, and the size.
+# Fails if program $1 needs a library besides glibc, needs a newer glibc than 2.36, or is too large.
+# Prints what is wrong, and the size.
 set -euo pipefail
 program=$1
 failed=0

@@ -7,7 +7,7 @@ git rev-parse --is-inside-work-tree >/dev/null
 git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc' | awk '
   function trim(text) { gsub(/^ +| +$/, "", text); return text }
   function contains(list, word) { return index(" " list " ", " " word " ") > 0 }
-  # The longest place that is this file or one of its folders.
+  # Returns the longest place that is this file or a folder around it, or "" if there is none.
   function placeOf(file) {
     while (!(file in rooms) && file ~ /\//) sub(/\/[^\/]*$/, "", file)
     return file in rooms ? file : ""
@@ -46,7 +46,8 @@ git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc
       sub(/\/.*/, "", own)
       bad = folder[1] == own || contains(rooms[place], folder[1]) ? "" : "may not include " name
     } else if (bad == "") {
-      # C++ headers have no extension. POSIX headers are listed here.
+      # Every file may include C++ headers, which have no extension. It may also include the POSIX
+      # headers listed here.
       library = name ~ /\// ? folder[1] : name ~ /\.h$/ ? substr(name, 1, length(name) - 2) : ""
       posix = "sys netinet arpa fcntl netdb poll pthread spawn stdlib time unistd"
       free = library == "" || contains(posix, library) || contains(libraries[place], library)

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Runs the README's commands in a new minimal Debian with git and make. The system is made in a temporary
 # folder, and the committed state of this repository is cloned into it. Prints the last lines of each
-# command, and which command failed. Needs root and half an hour.
+# command's output, and which command failed. Needs root and half an hour.
 #
 #   scripts/fresh.sh [COMMAND ...]     default: "make demo" and "make test"
 #
-# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone. If every command succeeds, it
-# is copied into build/KEEP_TO (default: SUITE).
+# SUITE is the Debian release (bookworm, trixie). KEEP is a folder of the clone. If every command
+# succeeds, KEEP is copied into build/KEEP_TO. By default KEEP_TO is the value of SUITE.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repository=$PWD

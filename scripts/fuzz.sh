@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the fuzzers with clang and runs each for MINUTES, JOBS of them at a time:
+# Builds the fuzzers with clang. Runs JOBS fuzzers at a time, each for MINUTES:
 #   scripts/fuzz.sh JOBS MINUTES
-# Findings are in build/fuzz/fuzz/found/. To replay one, start the fuzzer with the name of that file.
+# Each finding is a file in build/fuzz/fuzz/found/. To replay it, start its fuzzer with the path of
+# this file as the argument.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$1

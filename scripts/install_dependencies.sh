@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs missing Debian packages. Prints nothing if none is missing. Arguments are the names of further
-# packages.
+# Installs the Debian packages that are listed here or named by the arguments, unless they are
+# installed already. Prints nothing if none is missing.
 set -euo pipefail
 
 packages=(
@@ -15,7 +15,7 @@ packages=(
 native=$(dpkg --print-architecture)
 missing=()
 for package in "${packages[@]}"; do
-  # The package may be there for several architectures, with a line for each.
+  # dpkg-query prints a line for each architecture of the package.
   dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$package" 2>/dev/null |
     grep -qxE "installed ($native|all)" ||
     missing+=("$package")

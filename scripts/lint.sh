@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Checks the formatting, the includes between folders, the documented errors and the version of
-# the Node package. Then runs clang-tidy, in as many processes as the first argument says.
+# Checks the formatting, the includes between folders, the list of errors in docs/troubleshooting.md
+# and the version of the Node package. Then runs clang-tidy, in as many processes as the first
+# argument says.
 set -euo pipefail
 jobs=${1:-2}
 cd "$(dirname "$0")/.."

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Packs the programs that scripts/portable.sh has built in folder $1 into an archive and an npm package. Both
-# have the licences and a list of the exact sources.
+# Makes an archive and an npm package of the programs that scripts/portable.sh has built in
+# folder $1. Both contain the licences, and a list of the sources with their versions.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$1

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the Debian packages in a new minimal Debian of the release SUITE, and tests them in another one, as
-# a new user would: see scripts/try_packages.sh. Needs root and some minutes.
+# Builds the Debian packages in a new minimal Debian of the release SUITE. Then uses them as a new
+# user would, in a second minimal Debian: see scripts/try_packages.sh. Needs root and some minutes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export SUITE=${SUITE:-bookworm}

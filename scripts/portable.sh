@@ -3,7 +3,8 @@
 # archive and an npm package in build/portable/packages.
 #
 # FFmpeg, x264 and Highway are built from Debian's source packages, with only the parts that are used.
-# The build is reproducible: builds from the same Debian packages make the same file, in any folder.
+# The build is reproducible: the same sources and the same Debian packages make the same programs,
+# in any folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-2}
@@ -43,7 +44,8 @@ sourceFolder() {
 
 # With these the linker can remove unused code.
 sections="-ffunction-sections -fdata-sections"
-# The program must not contain the path of the build. x264 and FFmpeg are compiled with relative paths anyway.
+# The program must not contain the path of the build. x264 and FFmpeg need no flag for this: they
+# are compiled with relative paths.
 ourFlags="-O2 $sections -ffile-prefix-map=$PWD=."
 export PKG_CONFIG_SYSROOT_DIR=$stage
 export PKG_CONFIG_LIBDIR=$stage/usr/lib/pkgconfig:/usr/lib/x86_64-linux-gnu/pkgconfig:/usr/share/pkgconfig

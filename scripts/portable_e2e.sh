@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the end-to-end tests and ffmpeg on this machine, and the portable program inside a new
-# minimal Debian of SUITE. Tests that preload a library into the helper or start the viewer run the
-# program on this machine, too.
+# minimal Debian of SUITE. Tests that preload a library into the program or start the viewer run
+# the program on this machine instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
@@ -10,7 +10,7 @@ fi
 root=$(mktemp -d "${TMPDIR:-/var/tmp}/lumora-bare.XXXXXX")
 cleanUp() {
   for point in proc dev tmp; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
-  # The bind mount of /tmp may be on the same file system as the root.
+  # If /tmp is still mounted here, from the same file system, rm would delete its files.
   mountpoint -q "$root/tmp" || rm -rf --one-file-system "$root"
 }
 trap cleanUp EXIT
@@ -18,7 +18,7 @@ mmdebstrap --quiet --variant=minbase "$SUITE" "$root"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
 cp /etc/hosts "$root/etc/"
-# /tmp is shared, so that the new system also sees the mounts that a test makes in its folder.
+# /tmp is shared, so that the new system also sees the file systems that tests mount there.
 mount --bind /tmp /tmp
 mount --make-shared /tmp
 mount --bind /tmp "$root/tmp"

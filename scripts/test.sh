@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Builds and runs every test as shipped, and the C++ tests again under AddressSanitizer + UBSan and
-# under ThreadSanitizer. Then runs each fuzzer for a few seconds. Prints summaries at the end.
+# Builds and runs every test in the release build, the C++ ones again under AddressSanitizer + UBSan
+# and under ThreadSanitizer. Then runs each fuzzer for a few seconds. Prints summaries at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-2}
 
-# The browser tests control Chromium with a package from npm. The audience tests use Debian's servers, and the
-# Qt example uses Debian's Qt.
+# The browser tests control Chromium with a package from npm. The audience tests run nginx and an
+# SRT server, and the Qt example is built with Qt. All three come from Debian.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
 scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mod-rtmp srt-tools \
   qt6-base-dev libswscale-dev "${node[@]}"

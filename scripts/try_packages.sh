@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs inside the system that scripts/fresh.sh makes. Installs the packages that were built outside and runs the
 # demo. Builds the example of the client library with CMake and with pkg-config. Packs the Node client and
-# installs it into an application. Runs both programs and the application.
+# installs it into an application. Runs both builds of the example, and the application.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=("/origin/build/$SUITE/packages/"*.deb)
@@ -13,7 +13,7 @@ apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake
 lumora-demo /usr/bin/lumora-video /tmp/demo 3 | tail -n 4
 lumora-recover /tmp/demo
 
-# The commands that build the example, from the installed page.
+# Builds the example with the commands of the installed page.
 grep -E '^    (cmake -S /usr|g\+\+ )' /usr/share/doc/lumora-video/embedding.md | bash -e >/dev/null
 
 (cd client/node && npm ci --silent && npm pack --silent --pack-destination /tmp)

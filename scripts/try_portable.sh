@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Runs inside the system that scripts/fresh.sh makes, which has no FFmpeg. Installs the packages of
-# build/portable into an application, as a new user would, and records a take with it.
+# Runs inside the system that scripts/fresh.sh makes, which has no FFmpeg. Uses the packages of
+# build/portable as a new user would. Runs the programs of the archive, and installs the npm
+# packages into an application, which records a take.
 set -euo pipefail
 packages=/origin/build/portable/packages
 export DEBIAN_FRONTEND=noninteractive

@@ -1,4 +1,5 @@
-// What the tests in JavaScript share: a folder, programs, and a small parent of a helper.
+// What tests and benchmarks in JavaScript share: a folder, a way to start programs, the helper's
+// records, and a small parent of a helper.
 
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
@@ -7,12 +8,12 @@ import os from 'node:os';
 import readline from 'node:readline';
 import { after } from 'node:test';
 
-// Removed at the end of the test.
+// Removed when the process exits.
 export const folder = fs.mkdtempSync(`${os.tmpdir()}/lumora-test-`);
 export const inFolder = (name) => `${folder}/${name}`;
 process.on('exit', () => fs.rmSync(folder, { recursive: true, maxRetries: 9 }));
 
-// With the token of the parent's stream.
+// For programs. Has the token of the helper's stream.
 export const environment = { ...process.env, TAVO_VIDEO_TOKEN: 'token-of-the-parent-0123' };
 
 // Starts a program that is killed at the end of the test.
@@ -34,8 +35,8 @@ export function recordOf(payload, [columns, rows], frameID) {
 
 export const commandOf = (keys) => recordOf(Buffer.from(JSON.stringify(keys)), [0, 0], 0);
 
-// Starts a helper and feeds it grey pictures, at most one in 16 ms, each a little lighter. `ids`
-// lists the ids of these frames.
+// Starts a helper and feeds it grey pictures, at most one in 16 ms. Each is a little lighter than
+// the last, and black follows white. `ids` lists the ids of these frames.
 export async function startParent(helper) {
   const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const lines = readline.createInterface({ input: program.stdout });

@@ -11,7 +11,7 @@ namespace lumora::tools {
 namespace {
 
 std::string describeCamera(const std::string& device) {
-  // ffmpeg fails after every list.
+  // ffmpeg fails even when it has printed the list. `true` hides that exit status.
   const std::string printed =
       outputOf("{ ffmpeg -hide_banner -nostdin -f v4l2 -list_formats all -i " +
                shellQuoted(device) + "; true; }");
@@ -47,7 +47,7 @@ std::string listCameras() {
 }
 
 std::vector<std::string> parseSoundDevices(const std::string& format, const std::string& printed) {
-  // "* alsa_input.usb-1 [Blue Yeti] (audio)", the last part not in every version
+  // "* alsa_input.usb-1 [Blue Yeti] (audio)"; some versions of ffmpeg leave out "(audio)"
   static const std::regex line(R"((?:^|\n)[* ] (\S+) \[(.*)\])");
   std::vector<std::string> devices;
   for (std::sregex_iterator found(printed.begin(), printed.end(), line), end; found != end; ++found)

@@ -100,7 +100,7 @@ void showJson(const tools::RunReport& report) {
               object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
-// Writes one picture, which ffmpeg makes from a video with `filter`.
+// ffmpeg applies `filter` to `video`. The first resulting picture goes to the file `picture`.
 void makePicture(const std::string& video, const std::string& filter, const std::string& picture) {
   const std::string errors = tools::outputOf(
       "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(video) + " -vf " +
@@ -132,7 +132,7 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   const std::string previewPicture = folder / "preview.png";
   const std::string movie = std::filesystem::absolute(folder / "demo.mp4");
   const std::string sheet = folder / "take.png";
-  std::filesystem::remove(movie);  // of the last run: the helper never overwrites a file
+  std::filesystem::remove(movie);  // the last run's take: the helper never overwrites a file
   const auto source = tools::openInput(pictureSize, framesPerSecond);
   const bool hasSound = source->canFlash();
   tools::RunOptions options{.helper = {.program = helper, .frames = tools::frameTransport()},

@@ -23,9 +23,10 @@ Bytes flvHeader() {
   return {'F', 'L', 'V', 1, hasVideo, 0, 0, 0, 9, 0, 0, 0, 0};
 }
 
-// type 1 byte | size of the next row 3 | low bytes of the time 3 | highest byte 1 | stream (0) 3
+// Each field with its number of bytes:
+// type 1 | size of the next row 3 | low bytes of time 3 | highest byte of time 1 | stream (0) 3
 // frame type and codec 1 | packet type 1 | composition time (0) 3 | payload
-// size of both rows 4
+// size of the two rows above 4
 Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   const bool isConfiguration = packet.type == client::Packet::Type::configuration;
   const Bytes payload = isConfiguration
@@ -54,8 +55,8 @@ std::uint32_t FlvTimes::next(std::uint64_t frameID, client::Uptime::time_point a
   const bool isTime = fromIDs_.value_or(std::chrono::abs(arrivedAt - captured) <= Seconds(2));
   const auto time = isTime ? captured : arrivedAt;
   if (latest_ < 0) first_ = time;
-  // When ids start again, the arrivals tell how long after the last picture this one is. Unless
-  // `fromIDs_` is true, all times are on one clock.
+  // When ids start again, only the arrivals tell how much time has passed since the last picture.
+  // If `fromIDs_` is false or empty, all times are on one clock and never start again.
   if (fromIDs_.value_or(false) && time < time_)
     first_ = time - (arrivedAt - arrivedAt_) - std::chrono::milliseconds(latest_);
   time_ = time;

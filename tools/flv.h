@@ -23,8 +23,8 @@ std::vector<std::uint8_t> flvTag(const client::Packet& packet, std::uint32_t mil
 // helper or its parent starts again.
 class FlvTimes {
  public:
-  // Whether times come from ids or from arrivals. Empty: from an id that is at most 2 s from the
-  // arrival, else from the arrival.
+  // True: times come from ids. False: from arrivals. Empty: from the id if it is at most 2 s from
+  // the arrival, else from the arrival.
   explicit FlvTimes(std::optional<bool> fromIDs) : fromIDs_(fromIDs) {}
   std::uint32_t next(std::uint64_t frameID, client::Uptime::time_point arrivedAt);
 

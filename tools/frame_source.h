@@ -7,8 +7,8 @@
 
 namespace lumora::tools {
 
-// The format of pictures from ffmpeg: 4:2:0, as from most cameras, so that nothing converts them to
-// RGB and back.
+// The format of pictures from ffmpeg. It is 4:2:0, like the pictures of most cameras, so nothing
+// converts them to RGB and back.
 inline constexpr client::FrameFormat nv12BT709{.encoding = client::FrameEncoding::nv12,
                                                .matrix = client::ColourMatrix::bt709};
 
@@ -23,19 +23,20 @@ class FrameSource {
   virtual client::FrameFormat format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
-  // Whether some frames flash, for `Beeps`, and whether frame `number` does.
+  // Whether some frames flash, and whether the frame of this number does. `Beeps` sounds then.
   virtual bool canFlash() const { return false; }
   virtual bool flashes(std::uint64_t) const { return false; }
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
-  // Ends a `next` that waits on another thread, and all after it. A source that never waits need
-  // not do anything.
+  // If another thread waits in `next`, that call ends without a frame, and so does every later one.
+  // A source that never waits need not do anything.
   virtual void stop() {}
 };
 
 // A moving test card: colour bars and a fine pattern that scroll, a clock that tells frames apart,
-// and a box that is white in three frames of each second (at most half of them), else black.
+// and a box that is black, but white in three frames of each second. Below six frames a second, it
+// is white in at most half of the frames.
 // Drawing the card costs little CPU time, so it does not distort measurements of the helper.
 class TestCard final : public FrameSource {
  public:
@@ -72,8 +73,8 @@ class CommandSource final : public FrameSource {
   std::vector<std::uint8_t> frame_;
 };
 
-// What a camera is asked for, beside the rate. The camera gives the nearest size and rate that it
-// has, and chooses what is not named.
+// What a camera is asked for, besides the rate. The camera gives the nearest size and rate that it
+// has. A size or format that is left empty is not asked for.
 struct CameraWish {
   std::optional<client::FrameSize> size = {};
   std::string format = {};  // as ffmpeg names it, for example "mjpeg"

@@ -65,7 +65,8 @@ class Run {
       }
     }
     if (number == 1 && !helper_.exited()) throw std::runtime_error("the source gave no frame");
-    waitFor(number);  // the helper reads a frame after its capture, so a stop now would lose one
+    // The helper reads the last frame a little after its capture. A stop at once would lose it.
+    waitFor(number);
     const auto end = client::Uptime::now();
     writeSound(end, number);
     if (take_) take_->stop(end);

@@ -17,12 +17,12 @@ struct RunOptions {
   std::string previewPath = {};  // Annex B file of what the first client receives; empty: none
   // Called before each frame is written; may be empty.
   std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
-  // Called after each frame with its capture time, and once more when the next one would be due.
-  // Writes the sound up to that time; may be empty.
+  // Writes the sound up to `capturedAt`; may be empty. Called after each frame with the frame's
+  // capture time. At the end, called once more when the next frame would be due, with that time.
   std::function<void(client::Helper& helper, client::Uptime::time_point capturedAt,
                      std::uint64_t frame)>
       writeSound = {};
-  // Called for each line of the helper, on a thread of the client library; may be empty.
+  // Called for each line that the helper prints, on a thread of the client library; may be empty.
   std::function<void(const std::string& line)> onEvent = {};
 };
 
@@ -39,9 +39,9 @@ struct RunReport {
   client::FrameCounts frames = {};        // how many were written and dropped
   std::vector<Delivery> deliveries = {};  // to all clients
   std::uint64_t bytes = 0;                // of their payloads
-  client::Stats stats = {};               // the latest; `delivery` may be of an earlier one
-  client::Recording take = {};            // the latest event of the run's own take
-  std::string error = {};                 // of the helper
+  client::Stats stats = {};               // the latest event; its `delivery` may be older
+  client::Recording take = {};            // the latest event of the take in `RunOptions`
+  std::string error = {};                 // the latest, of the helper or a client
   std::vector<double> lateness = {};      // how late the feeder woke for each frame, milliseconds
   double fedSeconds = 0;
   double parentCPUSeconds = 0;  // of this process, while frames were fed
@@ -55,8 +55,9 @@ struct RunReport {
 // Called once a second with what is known by then.
 using Progress = std::function<void(const RunReport& report)>;
 
-// Throws what client::Helper, its `startTake` and client::StreamClient throw, and
-// std::runtime_error when the clients are not admitted or the source gives no frame.
+// Throws what client::Helper, its `startTake` and client::StreamClient throw. Also throws
+// std::runtime_error when the clients are not admitted or the source gives no frame, unless the
+// helper has ended.
 RunReport runPaced(const RunOptions& options, FrameSource& source, const Progress& progress = {});
 
 // The value below which this fraction of the values lies; 0 without values.

@@ -5,7 +5,7 @@
 
 namespace lumora::tools {
 
-// Parses the whole of `text` into `number`. False when it is no number.
+// Parses the whole of `text` into `number`. False when it is no number of this type.
 template <typename Number>
 bool parseNumber(std::string_view text, Number& number) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

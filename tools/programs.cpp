@@ -66,7 +66,8 @@ std::string outputOf(const std::string& command) {
   return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
 
-// Frames keep their own times. At a guessed frame rate, some would be rounded to the same time.
+// Frames keep their own times. If ffmpeg guessed a frame rate, it would round the times of some
+// frames to the same value.
 std::string decodeErrors(const std::string& path) {
   return outputOf("ffmpeg -v error -xerror -nostdin -i " + shellQuoted(path) +
                   " -fps_mode passthrough -enc_time_base -1 -f null -");

@@ -1,6 +1,6 @@
 #pragma once
 
-// Other programs: run through the shell, and what they use of the machine.
+// Runs other programs through the shell, and measures what processes use of the machine.
 
 #include <sys/types.h>
 
@@ -14,13 +14,13 @@ namespace lumora::tools {
 // `text` as one word of a shell command.
 std::string shellQuoted(const std::string& text);
 
-inline constexpr int pipeBytes = 1 << 20;  // the most that any user may ask for
+inline constexpr int pipeBytes = 1 << 20;  // the largest pipe that Linux by default gives any user
 
-// The standard output of a program, of which `pipeBytes` may wait.
+// The standard output of a program. Up to `pipeBytes` of it may wait until they are read.
 class CommandPipe {
  public:
-  // `command`: a program and its arguments, in the words of a shell. Throws std::system_error when
-  // no shell can be started.
+  // `command`: a program and its arguments, quoted for a shell. Throws std::system_error when no
+  // shell can be started.
   explicit CommandPipe(const std::string& command);
   // Waits for bytes, and returns how many came; 0 at the end.
   std::size_t read(std::span<char> bytes);
@@ -41,8 +41,8 @@ std::string decodeErrors(const std::string& path);
 // User and system time of our own process so far.
 double ownCPUSeconds();
 
-// The most memory that a running process has held so far. (`wait4` also counts what the parent held
-// when it started the process.)
+// The most memory that a running process has held so far. (`wait4` would not do: it also counts
+// what the parent held when it started the process.)
 double peakMegabytes(pid_t process);
 
 struct ProcessFigures {

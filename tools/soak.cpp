@@ -1,8 +1,9 @@
 // Runs a helper for a long time at full speed: takes start and stop at random, clients come and go,
-// the camera changes its size between takes. Every take must be saved and decode, every stream that
-// a client received must decode, and memory, descriptors and threads must not grow.
+// the camera changes its size between takes. Every take must be saved. Every take and every stream
+// that a client received must decode. Memory, descriptors and threads must not grow.
 //
-//   lumora-soak HELPER FOLDER MINUTES [SEED]      ends with 0, or with 1 and what went wrong
+//   lumora-soak HELPER FOLDER MINUTES [SEED]      ends with 0, or with 1 and what went wrong, or by
+//                                                 SIGALRM if anything hangs
 
 #include <unistd.h>
 
@@ -32,11 +33,11 @@ constexpr client::TakeRate rates[] = {client::TakeRate::fps15, client::TakeRate:
                                       client::TakeRate::fps45, client::TakeRate::fps60};
 constexpr client::Seconds patience(20);  // for the end of a take
 constexpr int takesBetweenRests = 4;
-constexpr unsigned longestTake = 120;         // seconds, from its start to the next one's
+constexpr unsigned longestTake = 120;         // seconds, from one start of a take to the next
 constexpr std::size_t fewestRests = 4;        // that show a trend
 constexpr double mostMegabytes = 200;         // at any time
 constexpr double growthMegabytes = 12;        // from the first rests to the last
-constexpr double threadsOfSpareEncoders = 6;  // their number depends on the settings of takes
+constexpr double threadsOfSpareEncoders = 6;  // the settings of takes decide how many there are
 constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // of one client
 
 // Ends the run. Any thread.
@@ -94,7 +95,8 @@ class Soak {
     return choices[std::uniform_int_distribution<std::size_t>(0, std::size(choices) - 1)(random_)];
   }
 
-  // Feeds frames as fast as they are drawn. That is faster than the helper encodes large ones.
+  // Feeds frames as fast as they are drawn, but at most 1000 a second. Large frames come faster
+  // than the helper encodes them.
   void feed(tools::TestCard& card, const std::stop_token& stop) {
     for (; !stop.stop_requested(); pauseFor(0.001)) {
       ++lastID_;
@@ -103,7 +105,7 @@ class Soak {
     }
   }
 
-  // One client after the other, each for a random while.
+  // Runs one client after the other, each for a random while.
   void watch(const std::stop_token& stop, unsigned number) try {
     std::mt19937 random(number);
     std::uniform_real_distribution<double> seconds(0.2, 5);
@@ -145,7 +147,7 @@ class Soak {
     tools::TestCard card(oneOf(sizes));
     const std::jthread feeder([&](const std::stop_token& stop) { feed(card, stop); });
     const auto path = folder_ / ("take-" + std::to_string(takes_) + ".mp4");
-    std::filesystem::remove(path);  // of a run that failed
+    std::filesystem::remove(path);  // left by a run that failed
     client::Take take = helper_.startTake(
         {.path = path, .profile = {oneOf(takeSizes), oneOf(rates)}, .steady = random_() % 2 == 0});
     pauseFor(std::uniform_real_distribution<double>(0.5, 6)(random_));
@@ -180,7 +182,8 @@ class Soak {
     expectFlat("threads", &tools::ProcessFigures::threads, threadsOfSpareEncoders);
   }
 
-  // Ends the run if the median rose by over `growth` from the first quarter of rests to the last.
+  // Ends the run if the median rose by over `growth` from the first quarter of the rests to the
+  // last quarter.
   template <typename Number>
   void expectFlat(const char* what, Number tools::ProcessFigures::*figure, double growth) const {
     const auto median = [&](std::size_t from, std::size_t to) {
@@ -198,7 +201,7 @@ class Soak {
 
   const std::filesystem::path folder_;
   std::mt19937 random_;
-  std::uint64_t lastID_ = 0;  // of the feeding thread
+  std::uint64_t lastID_ = 0;  // of a frame; only the feeding thread uses it
   std::atomic<int> streams_ = 0;
   int takes_ = 0;
   std::vector<tools::ProcessFigures> rests_;

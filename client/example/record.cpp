@@ -1,6 +1,6 @@
 // Feeds a moving picture for two seconds, records it, and writes the preview into a file.
 //
-//   record FOLDER
+//   record [FOLDER]
 
 #include <lumora/helper.h>
 #include <lumora/stream_client.h>
@@ -22,7 +22,8 @@ void paint(std::span<std::uint8_t> rgba, int number) {
   }
 }
 
-// An exception must not leave a thread. Without the preview the take goes on.
+// Catches exceptions, because one that escapes from a thread ends the program. The take goes on
+// without the preview.
 void keepPreview(const Helper& helper, const std::filesystem::path& path,
                  const std::stop_token& stop) try {
   StreamClient stream("127.0.0.1", helper.port());

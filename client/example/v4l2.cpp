@@ -34,7 +34,7 @@ v4l2_buffer bufferOf(std::uint32_t index) {
   return buffer;
 }
 
-// A driver chooses the nearest format that it has.
+// Asks for one format after the other. A driver that lacks the format chooses another instead.
 v4l2_pix_format choosePicture(int device) {
   for (const std::uint32_t wanted : {V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG}) {
     v4l2_format answer{};

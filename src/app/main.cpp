@@ -47,7 +47,7 @@ lumora::Environment readEnvironment() {
   return environment;
 }
 
-// The signal mask is inherited, so the parent may have blocked these.
+// We inherit the signal mask, so the parent may have blocked the signals that we handle.
 void unblockSignals() {
   sigset_t ours;
   sigemptyset(&ours);
@@ -82,7 +82,7 @@ void startService(const std::vector<std::string>& arguments,
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGALRM, SIG_IGN);  // a timer may be inherited; the watchdog has its own handler
+  std::signal(SIGALRM, SIG_IGN);  // an inherited timer must not end us; the watchdog sets a handler
   std::signal(SIGXFSZ, SIG_IGN);  // a file that is too large fails the take, not the process
   unblockSignals();
   makeOutputNonBlocking();

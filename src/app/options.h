@@ -1,7 +1,7 @@
 #pragma once
 
-// The configuration of one run, from the command line and the environment. Pure; read once at
-// launch.
+// The configuration of one run, from the command line and the environment. Read once, at launch.
+// Pure.
 
 #include <cstdint>
 #include <map>
@@ -23,7 +23,7 @@ struct Configuration {
   bool exactPreviewDimensions = false;            // the width or the height was given
   std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
   FrameFormat frameFormat = {};
-  std::optional<SoundFormat> sound = {};  // of the parent, if it sends sound
+  std::optional<SoundFormat> sound = {};  // of the parent's sound; empty: it sends none
   std::string h264Encoder = {};           // which encoders may be used; empty: the default
 
   bool operator==(const Configuration&) const = default;
@@ -31,8 +31,9 @@ struct Configuration {
 
 using Environment = std::map<std::string, std::string>;
 
-// The configuration that `arguments` (without the program's name) and `environment` describe; empty
-// when any of it is invalid. Does not check whether the shared memory and the encoder exist.
+// The configuration that `arguments` (without the program's name) and `environment` describe. Empty
+// if an argument or a variable is invalid, or the token is missing. Does not check whether the
+// shared memory and the encoder exist.
 std::optional<Configuration> options(const std::vector<std::string>& arguments,
                                      const Environment& environment);
 

@@ -1,4 +1,4 @@
-// Construction, start, shutdown and end of the service.
+// Start, timer, shutdown and end of the service, and how it emits events.
 
 #include "app/video_encoder.h"
 
@@ -35,8 +35,9 @@ void VideoEncoder::listenerChanged(ListenerState state) {
   if (!running) return;
   if (state == ListenerState::failed) return fail("video listener failed");
   if (listener->port() == 0) return fail("listener has no port");
-  // The parent starts to send frames when it reads "ready". Encoders that open after that compete
-  // with the frames for the CPU: opening takes several times as long, and frames are dropped.
+  // "ready" waits for the preview's encoder, but at most `prepareTimeout`. The parent starts to
+  // send frames when it reads "ready". An encoder that opens later competes with the frames for the
+  // CPU: opening takes several times as long, and frames are dropped.
   platform.encoders->whenPrepared(weakly(&VideoEncoder::becomeReady));
   platform.stateQueue->asyncAfter(prepareTimeout, weakly(&VideoEncoder::becomeReady));
 }
@@ -68,13 +69,13 @@ void VideoEncoder::serviceTick() {
   serviceTickLater();
   sweepPeers();
   stopTakeWithoutSpace();
-  // If the "failed" event of a take has not come by now, the take's own queue hangs.
+  // An abandoned take sends its "failed" event within `rescueTimeout`, unless its own queue hangs.
   if (take.isRescuing() && uptime() >= take.abandonedAt + shutdownTimeout) concludeAbandonedTake();
   emitStats(false);
 }
 
 void VideoEncoder::fail(const std::string& message) {
-  // First, since the next steps need memory and may throw.
+  // The watchdog comes first, since the next steps need memory and may throw.
   platform.process->armWatchdog(watchdogTimeout, 1);
   bestEffort([&] { emit(errorEvent(message)); });
   shutdown(1);

@@ -11,7 +11,7 @@ namespace lumora {
 namespace {
 
 // For file systems whose rename can't refuse an existing name. A hard link never replaces a file.
-// Without hard links we check first, but another program may take the name before the rename.
+// Without hard links we check that `to` is free, but another program may take it before the rename.
 bool moveWithoutRename2(const char* from, const char* to) {
   if (link(from, to) == 0) {
     unlink(from);  // if this fails the file has both names, which does no harm

@@ -28,7 +28,7 @@ bool isTooLarge(const std::string& token) {
 std::string withLimitedNumbers(std::string_view text) {
   std::string result;
   for (std::size_t i = 0; i < text.size();) {
-    // A token is a number, a string or any other character.
+    // A token is a number or a string, or else a single character.
     std::size_t end = std::max(text.find_first_not_of("+-.0123456789Ee", i), i + 1);
     if (text[i] == '"') {
       while (end < text.size() && text[end] != '"') end += text[end] == '\\' ? 2 : 1;

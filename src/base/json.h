@@ -16,7 +16,7 @@ std::optional<Json> parseJson(ByteView text);
 // The value under `key`; null if there is none, or if `object` is not an object.
 const Json* findValue(const Json& object, const char* key);
 
-// The text under `key` of an object; null if it is absent or not a string.
+// The string under `key`; null if `findValue` finds nothing, or a value that is not a string.
 const std::string* findString(const Json& object, const char* key);
 
 }  // namespace lumora

@@ -1,6 +1,6 @@
 #pragma once
 
-// The limits and timeouts of the whole service. Each format or rule has its own in its own file.
+// The limits and timeouts of the whole service. Limits of a single format or rule are in its file.
 
 #include <chrono>
 #include <cstddef>
@@ -34,7 +34,8 @@ constexpr double maximumAge = 30;
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
 constexpr double prepareTimeout = 0.5;     // seconds that "ready" waits for an encoder
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish
-// Seconds until the process ends even if the state queue hangs. Longer than `shutdownTimeout`.
+// Seconds from the start of a shutdown to the end of a process whose state queue hangs. Longer than
+// `shutdownTimeout`.
 constexpr double watchdogTimeout = 2.2;
 
 }  // namespace lumora

@@ -1,7 +1,8 @@
 #pragma once
 
-// The names of a take's file. "/a/clip.mp4" is "/a/clip.mp4.<id>.partial" while it is written, and
-// "/a/clip.recovered-<id>.mp4" if the take broke off or the movie can't get its own name. Pure.
+// The names of a take's file. The take for "/a/clip.mp4" is written to "/a/clip.mp4.<id>.partial".
+// If the take broke off, or the movie can't be renamed to "/a/clip.mp4", the movie is renamed to
+// "/a/clip.recovered-<id>.mp4". Pure.
 
 #include <optional>
 #include <string>
@@ -13,10 +14,10 @@ bool isUUID(const std::string& text);
 
 std::string stagingPath(const std::string& path, const std::string& id);
 std::string recoveryPath(const std::string& path, const std::string& id);
-// The path of the frame log of a movie whose path is now `movie`.
+// The path of a movie's frame log while the movie's own path is `movie`.
 std::string frameLogPath(const std::string& movie);
 
-// The recovery path of the file at `staging`. Empty if that is not a staging path.
+// The recovery path of the file at `staging`. Empty if `staging` is not a staging path.
 std::optional<std::string> recoveryPathOf(const std::string& staging);
 
 }  // namespace lumora

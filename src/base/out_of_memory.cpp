@@ -12,8 +12,9 @@ constexpr std::chrono::milliseconds beforeRetry{10};
 constexpr std::chrono::milliseconds betweenShortages{100};
 constexpr std::chrono::seconds longestShortage{1};
 
-// `new` calls this after each failed try. Calls that follow each other closely belong to one
-// shortage, so code that handles std::bad_alloc does not wait again.
+// `new` calls this after each failed try. Calls of a thread that follow each other closely belong
+// to one shortage. Once a shortage has lasted a second, this throws at once. So code that handles
+// std::bad_alloc does not wait again.
 void waitBriefly() {
   thread_local WaitClock::time_point began;
   thread_local WaitClock::time_point latest;

@@ -25,7 +25,7 @@ class PicturePool : public std::enable_shared_from_this<PicturePool> {
   PicturePool& operator=(const PicturePool&) = delete;
 
   // Memory for a picture of `size` bytes, aligned for SIMD and never cleared. Null if there is no
-  // memory for the picture. Throws std::bad_alloc if there is none to count its references.
+  // memory for the picture. Throws std::bad_alloc if there is no memory for its reference count.
   PictureMemory allocate(std::size_t size);
 
  private:

@@ -3,7 +3,7 @@
 // Keeps freed memory in the C library's heap, so that it is touched only once. The first touch of
 // the 60 MB that a large encoder works with takes as long as several frames, so we touch it before
 // it is needed.
-// C libraries other than glibc lack these settings: there, freed memory is not kept.
+// Only glibc has settings for this. With another C library, freed memory is not kept.
 
 #include <cstddef>
 #include <cstdint>
@@ -28,8 +28,8 @@ void useHugePages(std::uint8_t* from, std::size_t bytes);
 // Gives free memory back to the system. Any thread.
 void trimHeap();
 
-// Trims the heap if the process holds more than it will need. Takes of many sizes, one after the
-// other, leave free pieces that no later take fits into. Any thread.
+// Trims the heap if the process holds more memory than it will need. A series of takes of many
+// sizes leaves free pieces that are too small for later takes. Any thread.
 void trimHeapBeyondNeed();
 
 }  // namespace lumora

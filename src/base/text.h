@@ -9,9 +9,10 @@ namespace lumora {
 // The first `count` characters (code points) of UTF-8 text.
 std::string firstCharacters(const std::string& text, std::size_t count);
 
-// What went wrong: the system's text, such as "Too many open files", or else the exception's own.
+// What went wrong. For a system error or a lack of memory: the system's text, such as
+// "Too many open files". For any other exception: its `what()`.
 std::string reasonOf(const std::exception& error);
-// The same for an errno.
+// The system's text for an errno.
 std::string reasonOf(int error);
 
 }  // namespace lumora

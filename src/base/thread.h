@@ -21,7 +21,8 @@ void startThread(const std::string& name, Work work) {
   }).detach();
 }
 
-// Like `startThread`. The future gets what `work` returns or throws. Its destructor does not wait.
+// Like `startThread`, but returns a future that gets what `work` returns or throws. The destructor
+// of the future does not wait.
 template <typename Work>
 auto startTask(const std::string& name, Work work) {
   std::packaged_task<std::invoke_result_t<Work>()> task(std::move(work));

@@ -31,7 +31,7 @@ Status AacEncoder::openFor(const SoundSettings& settings) {
   context_->bit_rate = settings.bitRate;
   context_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   av_channel_layout_default(&context_->ch_layout, settings.channels);
-  // The faster coder distorts loud tones.
+  // The encoder's faster method, "fast", distorts loud tones.
   int status = av_opt_set(context_->priv_data, "aac_coder", "twoloop", 0);
   if (status >= 0) status = avcodec_open2(context_.get(), codec, nullptr);
   if (status < 0) return status;
@@ -59,7 +59,7 @@ ByteView AacEncoder::configuration() const {
 Status AacEncoder::encode(std::span<const std::int16_t> samples, int compensation,
                           SoundPackets& packets) {
   constexpr int million = 1'000'000;
-  // The samples over which the compensation is spread. The next call comes long before their end.
+  // The compensation is spread over so many samples that the next call comes long before it ends.
   constexpr int distance = 2000 * million;
   const int status =
       swr_set_compensation(resampler_.get(), compensation * (distance / million), distance);

@@ -1,8 +1,8 @@
 #pragma once
 
 // Resamples sound with libswresample, then encodes it as AAC-LC with libavcodec's own encoder. The
-// resampler also runs where the rates are equal, so that compensation may begin at any sample
-// without a click.
+// resampler also runs if source and track have the same rate. So the sound can be made longer or
+// shorter from any sample on, without a click.
 
 extern "C" {
 #include <libswresample/swresample.h>

@@ -29,7 +29,7 @@ OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
   return {AVERROR_EXTERNAL};
 }
 
-// If a driver hangs, its thread is left behind.
+// If a driver hangs, the thread that called the driver is left behind.
 OpenedEncoder openInTime(const EncoderFactory& open, const AVCodec& codec,
                          const EncoderSettings& settings, int pictures) {
   if (!isHardware(codec)) return openNow(open, codec, settings, pictures);

@@ -23,16 +23,18 @@ struct OpenedEncoder {
   bool isSubstitute = false;  // of another codec than the requested one
 };
 
-// Whether a device driver encodes. Drivers may hang, refuse a session or a size, and limit how many
-// encoders are open.
+// Whether `codec` is an encoder of a device driver. Drivers may hang, refuse a session or a size,
+// and limit how many encoders are open.
 bool isHardware(const AVCodec& codec);
 
 // Opens an encoder and encodes some grey `pictures`. Hardware encodes at least two, since some
-// drivers open and then refuse pictures. Blocks for as long as the driver does. Never throws.
+// drivers open an encoder and then refuse its pictures. Blocks for as long as the driver does.
+// Never throws.
 OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
                       const EncoderSettings& settings, int pictures);
 
-// The same, but AVERROR(ETIMEDOUT) if hardware takes longer than `longestOpening`. Never throws.
+// Like `openNow`, but gives up with AVERROR(ETIMEDOUT) if hardware takes longer than
+// `longestOpening`. Never throws.
 OpenedEncoder openInTime(const EncoderFactory& open, const AVCodec& codec,
                          const EncoderSettings& settings, int pictures);
 

@@ -17,7 +17,7 @@ void EncoderPool::openAhead(const AVCodec& codec, const EncoderSettings& setting
     replaced = std::exchange(next, ahead);
   }
   opener_->async([weak = weak_from_this(), ahead, replaced, pictures] {
-    resultOf(replaced);  // closed first, so that the new encoder can reuse its memory
+    resultOf(replaced);  // closes the old encoder first: the new one can reuse the memory
     if (const auto self = weak.lock()) self->openIfWanted(ahead, pictures);
   });
 }
@@ -95,8 +95,8 @@ std::shared_ptr<EncoderPool::Ahead>& EncoderPool::slot(const AVCodec& codec,
   return ahead_[2 * kind + (isHardware(codec) ? 1 : 0)];
 }
 
-// Waits up to a second for the encoder of `ahead`, which was taken out of its slot. Returns none if
-// its opening has not begun, has failed or is not finished by then.
+// Call this after `ahead` was taken out of its slot. Waits up to a second for the encoder. Returns
+// none if the opening has not begun, has failed or takes longer.
 OpenedEncoder EncoderPool::resultOf(const std::shared_ptr<Ahead>& ahead) {
   if (!ahead || !ahead->isBegun) return {};
   auto opened = ahead->opened.get_future();
@@ -118,7 +118,7 @@ bool EncoderPool::closeAhead(const AVCodec& codec) {
   return any;
 }
 
-// Trims after `idleBeforeTrim`, unless this is called again before.
+// Trims after `idleBeforeTrim` seconds, unless `trimLater` is called again in that time.
 void EncoderPool::trimLater() {
   const std::uint64_t asked = ++trimAsked_;
   bestEffort([&] {

@@ -1,7 +1,7 @@
 #pragma once
 
 // Gives sessions their encoders. Opening an encoder takes time that frames need. So an encoder
-// for each kind of session can be opened ahead, on the opener's queue. The encoder of a session
+// for each kind of session can be opened ahead, on the queue `opener`. The encoder of a session
 // that ended is kept for the next session. Any thread.
 
 #include <array>
@@ -25,27 +25,30 @@ struct EncoderRequest {
 
 class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
  public:
-  // Unused encoders and memory are freed this many seconds after the last opening ahead or release,
-  // but not while a take runs.
+  // Unused encoders and memory are freed this many seconds after the last call of `openAhead` or
+  // `release`, but not while a take runs.
   static constexpr double idleBeforeTrim = 60;
 
   EncoderPool(EncoderFactory open, std::shared_ptr<SerialQueue> opener, std::function<void()> trim)
       : open_(std::move(open)), opener_(std::move(opener)), trim_(std::move(trim)) {}
 
   // Opens an encoder in the background for the next session with these settings, and has it encode
-  // some grey `pictures`. Replaces the one opened ahead for this kind of session, unless it fits.
+  // some grey `pictures`. If an encoder with the same codec and settings already waits, opens
+  // none. One that waits for this kind of session with other settings is replaced.
   void openAhead(const AVCodec& codec, const EncoderSettings& settings, int pictures);
   // Keeps an open encoder for the next session, unless one was opened ahead for that session.
   void keep(const AVCodec& codec, const EncoderSettings& settings, OpenedEncoder opened);
 
   // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait takes a
-  // second at most. If hardware refuses, waits for the encoders of stopped sessions, closes those
-  // opened ahead, and asks again if that freed any. If there is still none, opens the substitute.
-  // AVERROR_EXIT if the session is stopped before the call, or before that wait has ended.
+  // second at most. If hardware refuses, waits until stopped sessions have released their encoders,
+  // and closes the encoders that were opened ahead. If either freed an encoder, asks the hardware
+  // again. If there is still no encoder, opens the substitute. AVERROR_EXIT if the session is
+  // stopped before the call, or before the wait for stopped sessions has ended.
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
   // A session was stopped. Its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);
-  // Ends what `acquire` began, after `beginRelease`. Keeps the encoder unless it is a substitute.
+  // Called once for each `acquire`, after `beginRelease`. Keeps the encoder unless it is a
+  // substitute.
   void release(const EncoderRequest& request, OpenedEncoder opened);
 
  private:
@@ -54,7 +57,7 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;
-    bool isBegun;  // whether its opening has begun; does not change outside the slot
+    bool isBegun;  // whether its opening has begun; fixed once out of the slot
     std::promise<OpenedEncoder> opened = {};
 
     bool isFor(const AVCodec& wanted, const EncoderSettings& by) const {

@@ -16,14 +16,15 @@ namespace {
 
 using CodecOptions = std::vector<std::pair<std::string, std::string>>;
 
-// A second slice thread helps from twice this size on. On two cores a third only waits for a core.
+// A second slice thread helps if a picture has at least twice this many pixels. On two cores, a
+// third thread only waits for a core.
 constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 
-// One frame is in flight at a time, so the slowest frames decide what is dropped. The slowest are
-// those that both sessions encode as key frames. The table shows a preview and a 1920×1080 take
-// together on two cores: milliseconds per frame (medians of five rounds of 240 frames, both
-// encoders fed with ready pictures), and the take's SSIM.
+// One frame is in flight at a time, so the slowest frames decide how many others are dropped. The
+// slowest are those that both sessions encode as key frames. The table shows a preview and a
+// 1920×1080 take together on two cores: milliseconds per frame, and the take's SSIM. The times are
+// medians of five rounds of 240 frames. Both encoders were fed with ready pictures.
 //
 //                        CPU   latency   of a key frame   SSIM
 //   ultrafast            16.3    11.3         12.8        0.9405
@@ -42,7 +43,8 @@ CodecOptions x264Options(bool high, const std::string& preset) {
           {"profile", high ? "high" : "baseline"},
           {"x264-params", parameters},
           {"forced-idr", "1"},
-          // No key frames at cuts. Those on request and by interval are enough, and each is slow.
+          // No key frames at cuts: a key frame is slow, and those on request and at intervals are
+          // enough.
           {"sc_threshold", "0"}};
 }
 
@@ -62,7 +64,7 @@ CodecOptions lowLatencyOptions(const std::string& codec, const std::string& pres
   if (codec == "h264_qsv") {
     return {{"profile", profile}, {"async_depth", "1"}, {"forced_idr", "1"}};
   }
-  // A larger depth delays pictures.
+  // A larger `async_depth` delays pictures.
   if (codec == "h264_vaapi") return {{"profile", constrained}, {"async_depth", "1"}};
   return {};
 }

@@ -26,8 +26,9 @@ PixelLayout layoutOf(AVPixelFormat format) {
   return format == AV_PIX_FMT_NV12 ? PixelLayout::nv12 : PixelLayout::i420;
 }
 
-// The formats to try. 4:2:0 in system memory comes first, if possible in the layout of the frames.
-// NV12 is uploaded for VAAPI. V4L2 lists no formats: only opening shows which one its driver takes.
+// The formats to try. If `codec` lists formats, the best of them: 4:2:0 in system memory, if
+// possible in the layout of the frames, else VAAPI, for which NV12 is uploaded. V4L2 lists none:
+// only opening shows which format its driver takes.
 std::vector<AVPixelFormat> inputFormats(const AVCodec& codec, PixelLayout frames) {
   const auto accepted = pixelFormats(codec);
   if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};
@@ -141,8 +142,8 @@ Status LibavEncoder::allocatePicture() {
 }
 
 // Whether the encoder can read the picture where it lies. A driver may need other strides, or read
-// the picture later. An upload and OpenH264 copy the picture at once. The upload may refuse
-// negative strides, and OpenH264 does not encode such a picture.
+// the picture after the call. x264, OpenH264 and an upload copy it during the call. But OpenH264
+// does not encode a picture with negative strides, and the upload may refuse it.
 bool LibavEncoder::canBorrow(const PictureView& picture) const {
   if (picture.format.fullRange ||
       picture.format.layout != layoutOf(static_cast<AVPixelFormat>(picture_->format))) {
@@ -212,7 +213,7 @@ Status LibavEncoder::encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFr
   return AVERROR(ENOMEM);
 }
 
-// x264 crashes if it is called after a failed allocation.
+// Once the encoder has failed, it is not called again: x264 would crash after a failed allocation.
 Status LibavEncoder::encodeFrame(AVFrame& frame, bool forceKeyFrame,
                                  std::shared_ptr<const EncodedSample>& sample) {
   if (failure_ < 0) return failure_;

@@ -14,21 +14,21 @@ namespace lumora {
 class LibavEncoder {
  public:
   // 0 or an AVERROR. With an empty `preset` libx264 gets our own settings.
-  // `frames` is the format of the run's frames. The encoder uses its matrix, and its layout if it
-  // can. Pictures may have other formats.
+  // `frames` is the format of the run's frames. The encoder is opened for the matrix of `frames`,
+  // and for its layout if possible. Pictures may have other layouts and ranges.
   static Status open(const AVCodec& codec, const std::string& preset, const PixelFormat& frames,
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);
 
-  // Fills the buffer and encodes its picture, which must have the settings' size. Returns 0 and a
-  // sample, `fillingFailed`, or an AVERROR. If the picture is read in place, the buffer is released
-  // after the encoding. Otherwise the picture is copied, and the buffer is released before the
-  // encoding. Never throws.
+  // Fills the buffer and encodes its picture, which must have the settings' size. Either sets
+  // `sample` and returns 0, or returns `fillingFailed` or an AVERROR. If the picture is read in
+  // place, the buffer is released after the encoding. Otherwise the picture is copied, and the
+  // buffer is released before the encoding. Never throws.
   Status encode(std::shared_ptr<PixelBuffer> buffer, bool forceKeyFrame,
                 std::shared_ptr<const EncodedSample>& sample);
 
   // Encodes grey pictures: a key frame, then some that depend on it. 0 or an AVERROR. Fails for an
-  // encoder that delays pictures, since we have one frame in flight at a time.
+  // encoder that delays pictures: we need each sample before we send the next picture.
   Status encodeGrey(int pictures);
 
  private:
@@ -53,7 +53,7 @@ class LibavEncoder {
   CodecContext context_;
   Frame picture_;   // in our memory
   Frame borrowed_;  // a buffer's planes
-  Frame uploaded_;  // on the device; null unless the encoder needs that
+  Frame uploaded_;  // on the device; null if the encoder reads system memory
   Packet packet_;
   // The number of the next picture. It is also the picture's time, in frame intervals, because rate
   // control expects pictures at the session's rate. The encoder's next session goes on counting.

@@ -22,8 +22,8 @@ Status assign(Field& field, const PropertyValue& value) {
 
 }  // namespace
 
-// The frames that wait for a session's thread. The thread shares this object and ends by itself
-// after `stop`.
+// The frames that wait for a session's thread. The session and its thread share this object. The
+// thread ends by itself after `stop`.
 class LibavSession::Worker {
  public:
   struct Job {

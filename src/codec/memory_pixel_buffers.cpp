@@ -53,7 +53,7 @@ MemoryPixelBufferPool::MemoryPixelBufferPool(PictureSize size, const PixelFormat
       pictures_(std::move(pictures)),
       use_(std::make_shared<char>()) {}
 
-// The pool itself has one reference.
+// Each buffer in use has a reference to `use_`, and the pool itself has one more.
 bool MemoryPixelBufferPool::isExhausted(int threshold) const {
   return use_.use_count() > threshold;
 }

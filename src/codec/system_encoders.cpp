@@ -88,7 +88,7 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     if (!opened.encoder) continue;
     const std::lock_guard hold(finding_);
     if (hardware_ != nullptr) return;
-    // Kept first, so that the session that sees `hardware_` set gets this encoder.
+    // Kept before `hardware_` is set: the first session that sees it set gets this encoder.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
     // A take that has started has asked for its own encoder.
@@ -107,7 +107,7 @@ void SystemEncoders::warmUp(const EncoderSettings& likeliest, const EncoderSetti
   const auto warm = [self = shared_from_this(), likeliest, largest,
                      stop = takeStarted_.get_token()] {
     if (self->hardware_ == nullptr) touchMemoryAhead(workingMemory(largest), stop);
-    // Takes start on the state queue. If a take has started, no encoder is opened here.
+    // Checked on the state queue, where takes start. Once one has started, no encoder is opened.
     self->stateQueue_->async([self, likeliest, stop] {
       if (!stop.stop_requested()) self->openTakeAhead(self->available(), likeliest);
     });

@@ -1,9 +1,9 @@
 #pragma once
 
-// Makes sessions with libavcodec's encoders. Probes for a hardware encoder, which new sessions
-// use once it is found. If software is allowed, no session waits for the search: sessions that open
-// before its end are encoded in software and stay in software. Otherwise sessions wait for the
-// hardware that the user asked for.
+// Makes sessions with libavcodec's encoders, and searches for a hardware encoder. New sessions use
+// that encoder once it is found. If there is a software encoder, no session waits for the search. A
+// session that is made, or whose take starts, before hardware is found stays in software. If there
+// is no software encoder, sessions wait until the search has ended.
 
 #include "base/process_heap.h"
 #include "codec/allowed_encoders.h"
@@ -14,7 +14,7 @@ namespace lumora {
 
 class SystemEncoders final : public Encoders, public std::enable_shared_from_this<SystemEncoders> {
  public:
-  // Tests pass their own `open` and `trim`.
+  // An empty `open` stands for `LibavEncoder::open`. Only unit tests pass another.
   SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
                  std::shared_ptr<SerialQueue> stateQueue, std::shared_ptr<Dispatch> dispatch,
                  std::shared_ptr<PicturePool> pictures, EncoderFactory open = {},
@@ -45,8 +45,8 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   const std::shared_ptr<EncoderPool> pool_;
   std::mutex finding_;                              // held to set `hardware_`
   std::atomic<const AVCodec*> hardware_ = nullptr;  // null: none found yet
-  std::future<void> probed_;                        // without software: sessions wait for it
-  std::stop_source takeStarted_;                    // ends the touching of memory
+  std::future<void> probed_;                        // if `software_` is null, sessions wait for it
+  std::stop_source takeStarted_;                    // stops the work of `warmUp`
   const AVCodec* nextTake_ = nullptr;  // codec of the next take; null: whichever is available then
 };
 

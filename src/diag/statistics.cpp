@@ -1,6 +1,6 @@
-// The "stats" event. It is emitted at most once a second, unless it is forced. After it, a running
-// take reports progress, and the latest event of a take is emitted again unless that event's state
-// is "recording".
+// The "stats" event. It is emitted at most once a second, unless it is forced. A running take then
+// reports progress. The latest event of the latest take is emitted again if its state is not
+// "recording".
 
 #include <algorithm>
 

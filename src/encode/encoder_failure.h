@@ -6,8 +6,8 @@
 
 namespace lumora {
 
-// Thrown when an operation of the service fails. The parent reads its description in an "error" or
-// a "failed" event.
+// Thrown when an operation of the service fails. An "error" or a "failed" event tells the parent
+// the description of the failure.
 class EncoderFailure : public std::exception {
  public:
   static EncoderFailure message(std::string text) { return EncoderFailure(std::move(text)); }

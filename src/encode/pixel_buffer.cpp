@@ -8,9 +8,9 @@
 namespace lumora {
 namespace {
 
-constexpr int allocationThreshold = 3;  // buffers of one pool in use at once
+constexpr int allocationThreshold = 3;  // the most buffers of one pool that may be in use at once
 
-// Blackens one plane around `inner`, a rectangle of its samples.
+// Blackens the samples of a plane that lie outside `inner`. `whole` and `inner` count samples.
 void clearBars(Plane plane, PictureSize whole, const PictureRectangle& inner, int channels,
                std::uint8_t black) {
   for (std::int64_t row = 0; row < whole.height; ++row) {

@@ -31,7 +31,8 @@ void VideoEncoder::encodeRecording(const RawFrame& frame,
   }
 }
 
-// `releaseRaw` closes the session of an earlier take, so a session that exists belongs to `movie`.
+// `releaseRaw` has closed the session of any earlier take. So if there is a session, it belongs to
+// `movie`.
 void VideoEncoder::prepareRecordingSession(const RawFrame& frame,
                                            const std::shared_ptr<MovieRecorder>& movie) {
   RecordingSession& recording = take.recording;

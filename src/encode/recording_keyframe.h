@@ -4,7 +4,8 @@
 
 namespace lumora {
 
-// Whether a take's sample has an IDR picture. Throws EncoderFailure if it is invalid or too large.
+// Whether a take's sample has an IDR picture. Throws EncoderFailure if the sample is invalid or too
+// large.
 bool recordingKeyframe(const EncodedSample& sample);
 
 }  // namespace lumora

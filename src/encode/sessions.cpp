@@ -53,7 +53,8 @@ void VideoEncoder::Encoded::require(const char* what) const {
   if (status != 0 || !sample) throw EncoderFailure::status(what, status);
 }
 
-// The session's handler only enqueues: the state queue may be waiting for it in `completeFrames`.
+// The session's worker calls `answer`, which only enqueues work on the state queue. `answer` must
+// not wait for this queue: in `completeFrames` the queue waits until `answer` has returned.
 void VideoEncoder::submit(CompressionSession& to, std::shared_ptr<PixelBuffer> buffer,
                           RationalTime time, bool forceKeyFrame,
                           const std::shared_ptr<RawEncodingCompletion>& completion,

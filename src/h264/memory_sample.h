@@ -1,6 +1,6 @@
 #pragma once
 
-// Encoded samples and format descriptions in ordinary memory. Any thread.
+// Encoded samples and format descriptions that own their bytes. Any thread.
 
 #include <algorithm>
 #include <array>

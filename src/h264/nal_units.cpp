@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::string_view startCode("\0\0\1", 3);
 
-// A NAL unit never ends in zero bytes: they belong to the next start code or are padding.
+// A NAL unit never ends in a zero byte. Zeros after it are padding or part of the next start code.
 ByteView withoutTrailingZeros(ByteView unit) {
   while (!unit.empty() && unit.back() == 0) unit = unit.first(unit.size() - 1);
   return unit;

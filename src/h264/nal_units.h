@@ -1,7 +1,7 @@
 #pragma once
 
-// NAL units (ISO/IEC 14496-10, 7.3.1) in their two forms. A byte stream (annex B) has a start code,
-// 00 00 01 or 00 00 00 01, in front of each unit. A sample has the unit's length there:
+// NAL units (ISO/IEC 14496-10, 7.3.1) in their two forms. In a byte stream (annex B) each unit
+// follows a start code, 00 00 01 or 00 00 00 01. In a sample each unit follows its length:
 //
 //   +----------------+-----------------+----------------+-----
 //   | length N (4 BE)| N bytes of NAL  | length (4 BE)  | ...
@@ -30,7 +30,7 @@ constexpr NalType nalType(std::uint8_t header) {
 }
 
 constexpr std::size_t nalLengthBytes = 4;      // in front of each unit of a sample
-constexpr std::size_t minimumSampleBytes = 5;  // one length and one NAL header byte
+constexpr std::size_t minimumSampleBytes = 5;  // a length, then a NAL header of one byte
 
 // The NAL units of a byte stream, without start codes. The views point into `stream`. Pure.
 std::vector<ByteView> splitAnnexB(ByteView stream);
@@ -41,7 +41,7 @@ void appendLengthPrefixed(Bytes& sample, ByteView unit);
 enum class NalWalkError {
   none,
   truncatedHeader,   // 1 to 3 bytes left where a length is expected
-  badSize,           // length 0, unreadable, or past the end
+  badSize,           // the length is 0, could not be read, or exceeds the bytes left
   unreadableHeader,  // the NAL header byte could not be read
 };
 
@@ -50,8 +50,8 @@ struct NalWalk {
   bool idr = false;
 };
 
-// Walks a sample of `length` bytes and tells whether it holds an IDR slice. Reads through
-// `fetch(offset, space)`, which may fail, since a sample's bytes belong to the platform.
+// Walks a sample of `length` bytes and tells whether it holds an IDR slice. The sample's bytes
+// belong to the platform, so `fetch(offset, space)` copies them into `space`, or returns false.
 template <typename Fetch>
 NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
   NalWalk walk;

@@ -37,8 +37,9 @@ Bytes addEmulationPrevention(ByteView bytes) {
   return unit;
 }
 
-// What is needed of a set. Positions are in bits. Without usability information, `signalAt`,
-// `signalEnd` and `restrictionAt` are the position of vui_parameters_present_flag.
+// What was read from a sequence parameter set. Positions are in bits. If the set has no usability
+// information (VUI), `signalAt`, `signalEnd` and `restrictionAt` are the position of
+// vui_parameters_present_flag.
 struct Vui {
   bool present = false;
   std::size_t signalAt = 0;  // of video_signal_type_present_flag
@@ -95,7 +96,7 @@ void skipHrd(BitReader& set) {
   set.bits(20);
 }
 
-// E.1.1, up to bitstream_restriction_flag.
+// E.1.1: reads up to bitstream_restriction_flag, and this flag too.
 void readVui(BitReader& set, Vui& found) {
   constexpr std::uint32_t extendedSampleAspect = 255;
   if (set.flag() && set.bits(8) == extendedSampleAspect) set.bits(32);
@@ -163,8 +164,8 @@ void writeSignal(BitWriter& set, const ColourDescription& colour) {
   set.bits(colour.matrix, 8);
 }
 
-// Says that no frame is reordered, and that a decoder keeps only the reference frames. Each other
-// field gets its default, or no limit.
+// Says that no frame is reordered, and that a decoder keeps only the reference frames. Every other
+// field gets its default, or the value that means no limit.
 void writeRestriction(BitWriter& set, const Vui& found) {
   constexpr std::uint32_t unlimited = 0;
   constexpr std::uint32_t longestVector = 15;

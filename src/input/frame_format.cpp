@@ -57,7 +57,8 @@ FrameFormat defaultsOf(const EncodingRule& rule) {
                      .fullRange = isCompressed(rule.encoding)}};
 }
 
-// A property of a format: two values, each with its word. A format names at most one of the two.
+// A property of a format. It has one of two values, and each value has a word. The text of a format
+// may have one of the two words, or neither.
 template <typename Value>
 struct Choice {
   std::string_view words[2];
@@ -65,7 +66,8 @@ struct Choice {
   Value& chosen;
   bool isOpen;
 
-  // Chooses `word`. False if it is another word, or if the property is fixed or already chosen.
+  // Chooses the value that has this word. False if neither has it, or if the property is fixed or
+  // already chosen.
   bool take(std::string_view word) {
     const auto* found = std::ranges::find(words, word);
     if (found == std::end(words) || !isOpen) return false;
@@ -108,8 +110,8 @@ std::uint64_t referenceBytes(FrameEncoding encoding) {
 }
 
 bool isPictureLength(FrameEncoding encoding, PictureSize size, std::uint64_t bytes) {
-  constexpr std::uint64_t fewest = 2;                             // the first marker
-  constexpr std::uint64_t mostOfSmall = std::uint64_t{64} << 10;  // however small the picture is
+  constexpr std::uint64_t fewest = 2;                             // a JPEG's first marker
+  constexpr std::uint64_t mostOfSmall = std::uint64_t{64} << 10;  // allowed even for a tiny picture
   if (!isCompressed(encoding)) return bytes == uncompressedBytes(encoding, size);
   const auto most = std::max(uncompressedBytes(FrameEncoding::yuyv, size), mostOfSmall);
   return bytes >= fewest && bytes <= most;

@@ -19,8 +19,8 @@ struct FrameFormat {
   bool operator==(const FrameFormat&) const = default;
 };
 
-// The format that a list of words describes, for example "nv12,top,bt709,limited". Empty for any
-// other text.
+// Parses a list of words that describes a format, for example "nv12,top,bt709,limited". Empty if
+// `text` is not such a list.
 std::optional<FrameFormat> parseFrameFormat(const std::string& text);
 
 // Whether the picture has to be decoded or unpacked before a session takes it.

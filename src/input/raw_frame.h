@@ -23,11 +23,11 @@ struct RawFrame {
   PictureView picture = {};
 };
 
-// The picture of a frame record as it was read.
+// The picture of a frame record, before it is decoded.
 struct RecordPicture {
   std::shared_ptr<const std::uint8_t[]> memory;
   std::size_t length = 0;  // bytes
-  bool isShared = false;   // memory of the parent
+  bool isShared = false;   // the parent shares `memory` with us
 };
 
 // Admits one raw frame at a time and counts those that are dropped. Any thread.
@@ -42,18 +42,20 @@ class RawAdmission {
   // The frame in flight has been encoded or dropped.
   void release() { isBusy_ = false; }
   void countDropped() { ++dropped_; }
-  // Sets whether frames read from now on may be needed. Unneeded ones are not decoded. State queue
-  // only. While a command waits, frames count as needed, because the command may start a take.
+  // Sets whether somebody may need the frames that are read from now on. Unneeded ones are not
+  // decoded. While a command waits, frames count as needed, because the command may start a take.
+  // State queue only.
   void setNeeded(bool isNeeded) { isNeeded_ = isNeeded; }
   void commandRead() { ++commandsAhead_; }
   void commandHandled() {
     isNeeded_ = true;
     --commandsAhead_;
   }
-  // Reads `commandsAhead_` first, because `commandHandled` sets `isNeeded_` first.
+  // Reads `commandsAhead_` first. If it has just become 0, `commandHandled` has already set
+  // `isNeeded_`.
   bool isNeeded() const { return commandsAhead_ > 0 || isNeeded_; }
 
-  // Whether the reader tells the state queue about the frames that it drops.
+  // Whether the reader reports its dropped frames to the state queue.
   void setLogged(bool isLogged) { isLogged_ = isLogged; }
   bool isLogged() const { return commandsAhead_ > 0 || isLogged_; }
 

@@ -1,7 +1,7 @@
-// The reader: splits standard input into records and hands them to the state queue. It blocks in
-// `read` on a thread of its own. It reads every payload whole, even of dropped frames, so encoding
-// never slows the parent down. It decodes the formats that no session takes; meanwhile the parent
-// waits if the pipe is full.
+// The reader: splits standard input into records. It hands commands and frames to the state queue,
+// and sound to the queue of `SoundInput`. It blocks in `read` on a thread of its own. It also reads
+// the payloads of frames that it drops, so encoding never slows the parent down. It decodes the
+// formats that no session takes; meanwhile the parent waits if the pipe is full.
 
 #include <array>
 #include <cstring>
@@ -55,8 +55,8 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
   if (payload.empty() || !readExactly(payload)) {
     throw EncoderFailure::message("invalid recording command framing");
   }
-  // When the state queue hangs, only the first command without a free slot waits. The reader must
-  // reach the end of the input, because that ends the process when the parent is gone.
+  // If the state queue hangs, the reader waits for a slot only once, at the first command without
+  // one. It must go on to the end of the input. If the parent is gone, the process ends there.
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;
@@ -89,7 +89,7 @@ void VideoEncoder::readFrame(const RecordHeader& header) {
     givePicture(frame, std::move(picture));
     platform.stateQueue->async(weakly(&VideoEncoder::encode, std::move(frame)));
   } catch (const std::bad_alloc&) {
-    raw.release();  // otherwise the take that this failure ends would wait for the frame
+    raw.release();  // the failure ends the take, which must not wait for this frame
     throw;
   }
 }

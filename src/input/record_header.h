@@ -10,7 +10,7 @@
 // In a command record width, height and id are all 0. If only width and height are 0 and the parent
 // sends sound, the record is sound. Every other record is a frame record. Its payload is the
 // picture. If the parent shares memory with us, the payload may be a reference instead: the
-// picture's offset in that memory and, if the length varies, its length, each in 64 bits.
+// picture's offset in that memory and, only for JPEG, the picture's length, each in 64 bits.
 
 #include <cstdint>
 
@@ -36,7 +36,8 @@ struct RecordHeader {
 // Decodes the first `recordHeaderBytes` of `bytes`.
 RecordHeader decodeRecordHeader(ByteView bytes);
 
-// Whether a frame record has a valid size, and an id above `lastID`, that of the frame before it.
+// Whether a frame record has a valid size, and an id above `lastID`. The frame before it had the id
+// `lastID`.
 bool isValidFrame(const RecordHeader& header, std::uint64_t lastID);
 
 // Whether a picture of `bytes` may lie at `offset` in `memoryBytes` of memory. It must start at a

@@ -6,8 +6,9 @@
 
 namespace lumora {
 
-// Appends a box (ISO/IEC 14496-12, 4.2): a size, a type, and what is appended until the scope ends.
-// The destructor fills in the size. Nested scopes make nested boxes.
+// Appends a box (ISO/IEC 14496-12, 4.2): a size, a type and contents. The contents are what is
+// appended while this object lives. The destructor fills in the size. Nested scopes make nested
+// boxes.
 class Box {
  public:
   Box(Bytes& bytes, std::string_view type) : bytes_(bytes), start_(bytes.size()) {

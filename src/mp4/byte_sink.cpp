@@ -33,7 +33,8 @@ class PosixFile final : public ByteSink {
                          static_cast<off_t>(bytes));
     } while (status != 0 && errno == EINTR);
     if (status == 0) return 0;
-    // Before a write gets such an error, the movie can still be completed in the reserved room.
+    // These errors are reported now, before a write fails. The movie can still be completed in the
+    // room that earlier calls have reserved.
     if (errno == ENOSPC || errno == EDQUOT || errno == EFBIG || errno == EIO) return errno;
     reserves_ = false;  // this file system can't
     return 0;
@@ -102,12 +103,12 @@ class PosixFile final : public ByteSink {
   std::uint64_t written_;  // bytes
   bool reserves_ = true;
   bool nameSynced_ = false;
-  // Whether the file system counts names. If it does, a file with no name left was removed, and its
-  // bytes are lost when it is closed.
+  // Whether the file system counts the names of a file. If it does, and the file has no name left,
+  // the file was removed, and its bytes are lost when it is closed.
   bool named_ = linkCount() > 0;
 };
 
-// A recovery that finds the new file locks it for a moment.
+// Tries for a second, because a recovery that finds the new file locks it for a moment.
 void lockNewFile(int descriptor) {
   for (int tries = 0; lockFile(descriptor) == EAGAIN; ++tries) {
     if (tries == 100) throw std::system_error(EAGAIN, std::generic_category());
@@ -144,8 +145,9 @@ std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std
 }
 
 // The lock belongs to this opening of the file. It ends when the last descriptor of this opening is
-// closed, even by a crash. A lock of the process would end when any descriptor of the file is
-// closed. On network file systems players can't read a locked byte, so it lies beyond every movie.
+// closed, even by a crash. A lock of the process would end as soon as the process closes any
+// descriptor of the file. On network file systems players can't read a locked byte, so the locked
+// byte lies beyond the end of every movie.
 int lockFile(int descriptor) {
   struct flock range {};
   range.l_type = F_WRLCK;

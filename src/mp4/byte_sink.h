@@ -21,8 +21,8 @@ class ByteSink {
   // Appends all of `bytes`.
   virtual int write(ByteView bytes) = 0;
   virtual int overwrite(std::uint64_t offset, ByteView bytes) = 0;
-  // Returns once everything written and the file's name are on the disk. ENOENT if the file was
-  // removed.
+  // Returns once the file's name and all bytes written so far are on the disk. ENOENT if the file
+  // was removed.
   virtual int sync() = 0;
   // The size of the file in bytes.
   virtual std::uint64_t size() const = 0;
@@ -34,7 +34,7 @@ class ByteSink {
 // The file is locked while it is open, if the file system has locks (see `lockFile`). Throws
 // std::system_error if somebody else keeps it locked for a second.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
-// Appends to the open file at `path`, of `size` bytes. The sink owns its `descriptor`.
+// A sink that appends to the open file at `path`, which has `size` bytes. It owns `descriptor`.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
 
 // Locks a file until it is closed. Returns 0, EAGAIN if somebody else has locked it, or another

@@ -36,7 +36,7 @@ MovieExtent extentOf(const std::vector<MovieTrack>& tracks) {
   return {tables.sizes.size(), static_cast<std::int64_t>(tables.duration)};
 }
 
-// The first write of a file is its start. Every other one is a fragment.
+// The first write of a file is its start. Each later write is a fragment.
 std::size_t fragmentsIn(std::size_t writes) { return std::max<std::size_t>(writes, 1) - 1; }
 
 std::uint64_t secondsSince1904() {
@@ -97,7 +97,7 @@ bool HybridMovieWriter::append(const EncodedSample& sample, bool keyframe, Movie
   const auto copy = [&](MutableByteView space) { return sample.copyBytes(0, space) == 0; };
   if (!add(pictureTrack, picture, copy)) return false;
   if (!hasGathered(pictureTrack)) return true;
-  // Sound first: a crash that leaves these pictures also leaves the sound appended before them.
+  // Sound first: if these pictures survive a crash, so does the sound appended before them.
   flushFragment(soundTrack);
   flushFragment(pictureTrack);
   return true;
@@ -115,7 +115,7 @@ bool HybridMovieWriter::append(ByteView packet) {
   if (!pictures.samples.empty()) pictures.waited += soundPacketSamples;
   if (!hasGathered(soundTrack)) return true;
   flushFragment(soundTrack);
-  // If the camera has stopped, no later picture flushes the gathered ones.
+  // If the camera has stopped, no later picture flushes the gathered ones, so sound flushes them.
   if (pictures.waited * movieTimescale >= fragmentDuration * tracks_[soundTrack].sound.rate)
     flushFragment(pictureTrack);
   return true;
@@ -143,7 +143,7 @@ bool HybridMovieWriter::hasGathered(std::size_t track) const {
          static_cast<std::uint64_t>(fragmentDuration) * tracks_[track].timescale();
 }
 
-// Without memory the fragment is lost. The movie can still be finished with those before it.
+// Without memory the fragment is lost. The movie can still be finished with the earlier fragments.
 void HybridMovieWriter::flushFragment(std::size_t track) {
   auto& [samples, payload, duration, waited] = gathered_[track];
   if (samples.empty()) return;

@@ -2,12 +2,12 @@
 
 // The movie writer: an MP4 that plays at every moment. While it grows it is a fragmented file, so a
 // crash costs only the fragments that are still in memory. Finishing appends the complete tables
-// and turns the head of the file into that of an ordinary MP4 (see movie_boxes.h). Samples are not
-// copied, so a long movie is finished almost as fast as a short one.
+// and changes the head, so that the file becomes an ordinary MP4 (see movie_boxes.h). Samples are
+// not copied, so a long movie is finished almost as fast as a short one.
 //
-// Samples are gathered into fragments of one track on the caller's thread. The writer's own disk
-// thread writes the fragments from a queue. Once `queueBytes` are waiting, the writer is not ready
-// for more samples. It never waits.
+// On the caller's thread, samples are gathered into fragments, each of one track. The writer's own
+// disk thread writes the fragments from a queue. Once `queueBytes` are waiting, the writer is not
+// ready for more samples. No call but `openLog` waits for the disk.
 
 #include <array>
 
@@ -50,12 +50,12 @@ class HybridMovieWriter final : public MovieWriter {
   void cancelWriting() override;
 
  private:
-  // The fragment of a track that is being gathered.
+  // A fragment for which samples are still being gathered.
   struct Fragment {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // samples of sound after the fragment's first picture
+    std::int64_t waited = 0;     // PCM samples of sound appended since the first picture
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);
@@ -64,10 +64,10 @@ class HybridMovieWriter final : public MovieWriter {
 
   std::shared_ptr<MovieDisk> disk_;  // shared with the disk thread
   MovieProperties properties_;
-  // While this is false, a started movie has the status "writing", even if the disk has failed. The
-  // next append or the end of the movie sets it.
+  // While this is false, a started movie has the status "writing", even if the disk has failed. It
+  // becomes true with the first append after the failure, or when the movie ends.
   bool closed_ = false;
-  std::uint64_t fileSize_ = 0;  // of what has been queued
+  std::uint64_t fileSize_ = 0;  // bytes, once everything queued is written
   std::uint32_t fragments_ = 0;
   std::vector<MovieTrack> tracks_ = {{.id = 1}};  // of pictures, and of sound if that was added
   std::array<Fragment, 2> gathered_;              // of the same tracks

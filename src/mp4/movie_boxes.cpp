@@ -124,8 +124,8 @@ void sampleDescription(Bytes& bytes, const MovieTrack& track) {
     soundEntry(bytes, track.sound);
 }
 
-// Appends the number of runs of equal values. Then `append(from, to)` appends an entry for each
-// run: the values from index `from` up to, but not including, `to`.
+// Appends the number of runs of equal values. Then calls `append(from, to)` for each run, to append
+// its entry. The run begins at index `from` and ends before index `to`.
 template <typename Values, typename Append>
 void runs(Bytes& bytes, const Values& values, Append append) {
   const std::size_t countAt = bytes.size();
@@ -199,7 +199,7 @@ void sampleTable(Bytes& bytes, const MovieTrack& track) {
   const Box box(bytes, "stbl");
   sampleDescription(bytes, track);
   timeToSample(bytes, tables);
-  // Decoding can begin at any packet of sound.
+  // Sound needs no `stss`, since decoding can begin at any packet.
   if (track.picture && !tables.empty()) syncSamples(bytes, tables);
   sampleToChunk(bytes, tables);
   sampleSizes(bytes, tables);
@@ -283,8 +283,8 @@ void movieFragment(Bytes& bytes, std::uint32_t number, const MovieTrack& track,
   trackRun(bytes, track.picture != nullptr, samples, dataOffset);
 }
 
-// Appends a `free` box if the next `size` bytes would cross the end of the sector that `offset`
-// lies in, since a disk writes whole sectors. If `size` exceeds a sector, pages count instead.
+// Appends a `free` box if `size` bytes written at `offset` would cross the end of a sector. A disk
+// writes whole sectors. If `size` exceeds a sector, pages count instead.
 void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;

@@ -30,20 +30,21 @@ Bytes movieStart(const std::vector<MovieTrack>& tracks, const MovieProperties& p
 // Where the placeholder lies in `movieStart`, in bytes.
 std::uint64_t placeholderOffset();
 
-// The `moof` of a fragment and the header of its `mdat`, to be written at `offset`. The samples
-// follow those in the tables of the track. After a crash or a power cut, a write may end at any
-// boundary of a page or sector. Some demuxers refuse a file that ends within a `moof`. So a `free`
-// box in front, where needed, keeps the `moof` within one sector or, if it is larger, one page.
+// The `moof` of a fragment and the header of its `mdat`, to be written at `offset`. `samples` begin
+// where the tables of `track` end. A crash or a power cut may cut a write off at the boundary of
+// any page or sector. Some demuxers refuse a file that ends within a `moof`. So the `moof` lies
+// within one sector, or within one page if it is larger than a sector. Where needed, a `free` box
+// in front of it ensures that.
 Bytes fragmentStart(std::uint64_t offset, std::uint32_t number, const MovieTrack& track,
                     const std::vector<MovieSample>& samples);
 
 // The complete `moov`.
 Bytes movieEnd(const std::vector<MovieTrack>& tracks, const MovieProperties& properties);
 
-// An upper bound for the size of `movieEnd` in bytes, wherever the movie ends.
+// An upper bound for the size of `movieEnd` in bytes, whatever end `MovieTrack::endAt` sets.
 std::uint64_t maximumMovieEndBytes(const std::vector<MovieTrack>& tracks);
 
-// The `mdat` header that replaces the placeholder. `size` includes its own 16 bytes.
+// The `mdat` header that replaces the placeholder. `size` includes the 16 bytes of this header.
 Bytes wideMediaDataHeader(std::uint64_t size);
 
 }  // namespace lumora

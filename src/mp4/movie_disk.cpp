@@ -61,7 +61,7 @@ void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
   const auto outcome = std::make_shared<int>(ENOMEM);  // unless the step gets to its end
   Job job{0,
           [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
-            // The movie ends only here, so that a write that was in progress is counted.
+            // The movie ends only here, so a write in progress when `rescue` is called counts.
             end(WriterStatus::failed, "the movie was ended early");
             const auto ending = make(syncedWrites(), sink.size());
             int error = 0;

@@ -78,7 +78,7 @@ class MovieDisk {
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
-  std::list<Job> jobs_;  // unlike a deque, an empty list allocates nothing
+  std::list<Job> jobs_;  // no deque: even an empty one allocates, and `cancel` must not throw
   std::size_t queuedBytes_ = 0;
   std::size_t syncedWrites_ = 0;
   std::optional<std::uint64_t> freeBytes_;

@@ -28,7 +28,7 @@ void expectSuccess(int error) {
 }
 
 // A staging file that this object keeps open and locked. The constructor throws std::runtime_error
-// if that is impossible, or if the file may still be recorded.
+// if that is impossible, or if the recording into the file may still be running.
 class OwnedFile {
  public:
   OwnedFile(const std::string& path, std::time_t now)

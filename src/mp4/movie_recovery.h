@@ -22,10 +22,10 @@ struct RecoveredTake {
 std::vector<std::string> findStagingFiles(const std::string& folder);
 
 // Makes the staging file at this absolute path an ordinary movie and gives it its recovery name.
-// If the take has a log of frames, the log gets the matching name, if that is free. `now` is the
-// current time. Does not touch a take that may still be recorded, or a file without a picture.
-// After a power cut at any moment the file can still be recovered. Problems with the file are
-// reported in `left`, not thrown.
+// A log of frames beside it gets the matching name, unless that name is taken. `now` is the current
+// time. Does not touch a take whose recording may still be running, or a file without a picture. If
+// a power cut interrupts the recovery at any moment, the file can still be recovered. Problems with
+// the file are reported in `left`, not thrown.
 RecoveredTake recoverTake(const std::string& staging, std::time_t now);
 
 }  // namespace lumora

@@ -7,7 +7,7 @@ namespace lumora {
 std::uint64_t MovieTrack::playedDuration() const {
   if (picture) return tables.duration;
   const std::uint64_t hidden = std::min<std::uint64_t>(sound.priming, tables.duration);
-  // Rounded up, so that an edit list with this duration has all of the last sample.
+  // Rounded up, so that an edit list with this duration plays the last PCM sample to its end.
   return ((tables.duration - hidden) * movieTimescale + sound.rate - 1) / sound.rate;
 }
 

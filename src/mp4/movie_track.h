@@ -10,7 +10,7 @@
 namespace lumora {
 
 struct MovieTrack {
-  std::uint32_t id = 0;                                   // not 0
+  std::uint32_t id = 0;                                   // must be set; 0 is no valid id
   std::shared_ptr<const FormatDescription> picture = {};  // null in a track of sound
   AacFormat sound = {};                                   // of a track of sound
   MovieTables tables = {};

@@ -14,7 +14,7 @@ void decoderConfiguration(Bytes& bytes, const FormatDescription& format) {
   const Box box(bytes, "avcC");
   u8(bytes, 1);
   bytes.insert(bytes.end(), sequence.begin() + 1, sequence.begin() + 4);  // profile to level
-  u8(bytes, 0xFF);                                                        // 4-byte lengths
+  u8(bytes, 0xFF);                                                        // 4-byte NAL lengths
   u8(bytes, 0xE1);  // one sequence parameter set
   u16(bytes, static_cast<std::uint16_t>(sequence.size()));
   bytes.insert(bytes.end(), sequence.begin(), sequence.end());
@@ -40,7 +40,8 @@ void colour(Bytes& bytes, const ColourDescription& codes) {
   u8(bytes, codes.fullRange ? 0x80 : 0);
 }
 
-// 14496-14, 5.6, with the descriptors of 14496-1, 7.2.6. Each begins with a tag and its length.
+// 14496-14, 5.6, with the descriptors of 14496-1, 7.2.6. Each descriptor begins with a tag and
+// the number of bytes that follow.
 void elementaryStream(Bytes& bytes, const Bytes& configuration) {
   const std::size_t size = configuration.size();
   const Box box(bytes, "esds", 0, 0);
@@ -51,11 +52,11 @@ void elementaryStream(Bytes& bytes, const Bytes& configuration) {
   u8(bytes, static_cast<std::uint8_t>(13 + 2 + size));
   u8(bytes, 0x40);      // AAC
   u8(bytes, 0x15);      // sound
-  zeros(bytes, 3 + 8);  // the buffer and the bit rates are not given
+  zeros(bytes, 3 + 8);  // buffer size and bit rates: not given
   u8(bytes, 0x05);      // its configuration
   u8(bytes, static_cast<std::uint8_t>(size));
   bytes.insert(bytes.end(), configuration.begin(), configuration.end());
-  text(bytes, "\x06\x01\x02");  // the times of the stream are those of MP4
+  text(bytes, "\x06\x01\x02");  // predefined 2: the MP4 boxes have the times
 }
 
 }  // namespace
@@ -92,7 +93,7 @@ void soundEntry(Bytes& bytes, const AacFormat& format) {
   u16(bytes, format.channels);
   u16(bytes, 16);  // bits of a decoded sample
   zeros(bytes, 4);
-  u32(bytes, fits ? format.rate << 16 : 0);  // the configuration has the rate, too
+  u32(bytes, fits ? format.rate << 16 : 0);  // a larger rate is in the configuration only
   elementaryStream(bytes, format.configuration);
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
-// Reads the file of an interrupted take: the boxes of movie_boxes.h, cut off at any byte, and then
-// perhaps other bytes. Reads all headers, but only the samples of each track's last fragment.
+// Reads the file of an interrupted take. It has the boxes of movie_boxes.h. They may be cut off at
+// any byte, and other bytes may follow. Reads all headers, but only the samples of each track's
+// last fragment.
 
 #include <functional>
 
@@ -9,7 +10,8 @@
 
 namespace lumora {
 
-// A file. `read` fills `space` from `offset` on, inside `size`. It may throw std::system_error.
+// A file. `read` fills `space` with the bytes of the file from `offset` on. All of them must lie
+// within `size`. `read` may throw std::system_error.
 struct FileView {
   std::uint64_t size = 0;
   std::function<void(std::uint64_t offset, MutableByteView space)> read;
@@ -25,8 +27,8 @@ struct StagingMovie {
 };
 
 // An unfinished movie has a track of pictures, and then perhaps a track of sound. For a finished
-// movie, `tracks` stays empty. Throws std::runtime_error, in words for a person, for a file that
-// can't become a movie.
+// movie, `tracks` stays empty. Throws std::runtime_error if the file can't become a movie. Its
+// message is for a person.
 StagingMovie readStagingMovie(const FileView& file);
 
 }  // namespace lumora

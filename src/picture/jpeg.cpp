@@ -16,14 +16,14 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t components = 3;
-// A progressive picture may have many tiny scans, each of which costs a whole picture's time.
+// A progressive picture may have many tiny scans. Each takes as long to decode as a whole picture.
 constexpr int mostScans = 64;
 
 using Planes = std::array<Plane, components>;
 
 }  // namespace
 
-// libjpeg reports an error by calling a function that must not return, so that function calls
+// libjpeg reports an error by calling a function that must not return. Ours, `giveUp`, calls
 // longjmp. No object with a destructor may be created between setjmp and longjmp.
 class JpegDecoder::Library {
  public:
@@ -80,7 +80,7 @@ class JpegDecoder::Library {
   // A level below 0 is a warning. Most mean that a part of the picture is lost.
   static void warn(j_common_ptr state, int level) {
     const int code = state->err->msg_code;
-    // Cameras send bytes between the last block and the end, and odd version numbers.
+    // Some cameras send extra bytes before a marker, or an unknown JFIF version number.
     const bool isHarmless = code == JWRN_EXTRANEOUS_DATA || code == JWRN_JFIF_MAJOR;
     if (level < 0 && !isHarmless) giveUp(state);
   }

@@ -7,7 +7,7 @@
 
 namespace lumora {
 
-// Decodes the JPEG pictures of cameras with libjpeg. One thread at a time.
+// Uses libjpeg to decode the JPEG pictures of cameras. One thread at a time.
 class JpegDecoder {
  public:
   JpegDecoder();
@@ -16,16 +16,17 @@ class JpegDecoder {
   JpegDecoder& operator=(const JpegDecoder&) = delete;
 
   // Fills `picture`, which is i420 with rows aligned to `rowAlignment`. False unless `jpeg` decodes
-  // completely, has this size, and has chroma of half the width and of the same or half the height.
-  // Standard Huffman tables may be missing, and any bytes may follow. Chroma is not moved: JPEG has
-  // it midway between two columns, H.264 at the left one. Throws std::bad_alloc.
+  // completely, is YCbCr, and has the size of `picture`. The chroma of `jpeg` must have half the
+  // columns, and all or half of the rows. Standard Huffman tables may be missing, and any bytes may
+  // follow the end of the JPEG. Chroma is not moved: JPEG has it midway between two columns, H.264
+  // at the left one. Throws std::bad_alloc.
   bool decode(ByteView jpeg, const Picture& picture);
 
  private:
   class Library;
   const std::unique_ptr<Library> library_;
   Bytes spare_;   // for rows below the picture
-  Bytes chroma_;  // of 4:2:2
+  Bytes chroma_;  // of a 4:2:2 picture, with all rows
 };
 
 }  // namespace lumora

@@ -47,7 +47,8 @@ HWY_EXPORT(compressRow);
 
 void compressRange(PlaneView source, Plane destination, std::int64_t bytes, std::int64_t rows,
                    SampleKind kind) {
-  // 255 steps become 219 or 224. Luma 0 becomes 16, and chroma 128 stays. The added 128 rounds.
+  // 255 steps become 219 or 224. Luma 0 becomes 16, and chroma 128 stays. `compressRow`
+  // divides by 256, so adding 128 rounds.
   const bool isLuma = kind == SampleKind::luma;
   const double scale = (isLuma ? 219 : 224) / 255.0;
   const double offset = isLuma ? 16 : 128 - 128 * scale;

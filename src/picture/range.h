@@ -8,8 +8,8 @@ namespace lumora {
 
 enum class SampleKind { luma, chroma };
 
-// Converts `rows` rows of `bytes` samples, rounded to the nearest. Both planes may be the same.
-// Any thread.
+// Converts `rows` rows. Each has `bytes` samples of one byte. Results are rounded to the nearest.
+// `source` and `destination` may be the same plane. Any thread.
 void compressRange(PlaneView source, Plane destination, std::int64_t bytes, std::int64_t rows,
                    SampleKind kind);
 

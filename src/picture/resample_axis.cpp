@@ -20,8 +20,8 @@ double kernel(double x) {
 
 int roundUp(int value, int multiple) { return (value + multiple - 1) / multiple * multiple; }
 
-// The weights of one destination position in fixed point. The largest takes the rounding error, so
-// they add up to exactly 1.
+// Converts the weights of one destination sample to fixed point. The largest weight takes the
+// rounding error, so all of them add up to exactly 1.
 void quantise(const std::vector<double>& exact, std::int16_t* weights) {
   double total = 0;
   for (const double weight : exact) total += weight;
@@ -41,7 +41,7 @@ void quantise(const std::vector<double>& exact, std::int16_t* weights) {
 ResampleAxis makeResampleAxis(const SampleGrid& grid, int tapMultiple) {
   const int source = static_cast<int>(grid.source);
   const int destination = static_cast<int>(grid.destination);
-  const double width = std::max(grid.step, 1.0);  // of the kernel, in source positions
+  const double width = std::max(grid.step, 1.0);  // source samples per unit of the kernel
   const double reach = kernelSupport * width;
   ResampleAxis axis;
   const int needed = std::min(static_cast<int>(std::ceil(2 * reach)), source);
@@ -56,7 +56,7 @@ ResampleAxis makeResampleAxis(const SampleGrid& grid, int tapMultiple) {
     const int first = std::clamp(from, 0, source - needed);
     exact.assign(static_cast<std::size_t>(axis.taps), 0.0);
     for (int position = from; position <= to; ++position) {
-      // A position beyond the edge has the edge's value, so the edge gets its weight.
+      // Positions beyond the edge repeat the edge's sample, so that sample gets their weights.
       const int inside = std::clamp(position, 0, source - 1);
       const int tap = std::clamp(inside - first, 0, needed - 1);
       exact[static_cast<std::size_t>(tap)] += kernel((position - centre) / width);

@@ -30,7 +30,7 @@ constexpr hn::ScalableTag<std::uint8_t> dBytes;
 constexpr hn::Repartition<std::int16_t, decltype(dBytes)> dSums;
 using Sums = hn::Vec<decltype(dSums)>;
 
-// Multiplies bytes with signed bytes, and sums two neighbouring products. Highway lacks this.
+// Multiplies bytes with signed bytes, and sums neighbouring pairs. Highway 1.0.3 lacks this.
 HWY_INLINE Sums multiplyPairs(hn::Vec<decltype(dBytes)> bytes, Sums weights) {
 #if HWY_MAX_BYTES == 64
   return {_mm512_maddubs_epi16(bytes.raw, weights.raw)};
@@ -59,8 +59,8 @@ HWY_INLINE void storeInOrder(Sums low, Sums high, std::int16_t* sums) {
   hn::StoreU(second, dSums, sums + hn::Lanes(dSums));
 }
 
-// Multiplies the bytes of two rows at once. A weight of 12 bits is 64 times a coarse weight plus a
-// fine one of -32 to 31. The sum of four rows' fine products fits into 16 bits.
+// Multiplies the bytes of two rows at once. A weight is 64 times a coarse weight plus a fine weight
+// of -32 to 31. Fine products are shifted once per four rows: their sum still fits into 16 bits.
 HWY_INLINE void sumVector(const std::uint8_t* const* HWY_RESTRICT rows,
                           const WeightPair* HWY_RESTRICT pairs, int taps, std::size_t at,
                           std::int16_t* HWY_RESTRICT sums) {
@@ -152,7 +152,7 @@ template <bool swap>
 HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
                            const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
                            std::uint8_t* HWY_RESTRICT row) {
-  // 16 lanes are 4 pixels; the narrowest kernel has 4 taps.
+  // At most 16 lanes, which are 4 pixels, since a kernel may have only 4 taps.
   const hn::CappedTag<std::int16_t, 16> d;
   const hn::FixedTag<std::int16_t, 8> d128;
   const hn::Repartition<std::int64_t, decltype(d128)> d64;
@@ -160,7 +160,7 @@ HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY
   const std::size_t lanes = hn::Lanes(d);
   const std::size_t values = static_cast<std::size_t>(taps) * 4;
 
-  // Two partial sums: of the even source pixels in the lower half, of the odd ones in the upper.
+  // The sum of one pixel in two parts: its even taps in the lower half, its odd taps in the upper.
   const auto partialSum = [&](std::size_t x) HWY_ATTR {
     const std::int16_t* HWY_RESTRICT from = sums + static_cast<std::size_t>(first[x]) * 4;
     const std::int16_t* HWY_RESTRICT weight = weights + x * values;
@@ -182,7 +182,8 @@ HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY
     return hn::LowerHalf(
         d8, hn::TableLookupBytes(hn::Combine(dFull, pixels, pixels), hn::Load(dFull, order)));
   };
-  // The sums have 5 bits of fraction: 6 of the column sums plus 14 of the weights less 15.
+  // The sums have 5 bits of fraction: column sums have 6 and weights 14, and MulFixedPoint15
+  // removes 15.
   const auto pixelPair = [&](std::size_t x, std::size_t next) HWY_ATTR {
     const auto a = hn::BitCast(d64, partialSum(x));
     const auto b = hn::BitCast(d64, partialSum(next));
@@ -252,7 +253,7 @@ HWY_INLINE void split(const RowGroup& group, std::size_t width) {
   };
   std::size_t x = 0;
   for (; x + step <= width; x += step) splitAt(x);
-  if (x < width && width >= step) return splitAt(width - step);  // overlaps the last vector
+  if (x < width && width >= step) return splitAt(width - step);  // overlaps the one before
   for (; x < width; ++x) {
     for (std::size_t channel = 0; channel < group.rows * channels; ++channel)
       to[channel / channels][x * channels + channel % channels] = group.pixels[4 * x + channel];
@@ -353,8 +354,8 @@ void Resampler::runPixels(PlaneView source, Plane destination, std::int16_t* sum
   }
 }
 
-// Resamples groups of rows that have four channels together. `interleaved` has room for a row of
-// four channels.
+// Resamples rows in groups: four rows of one channel or two of two channels. `interleaved` has room
+// for a row of four channels.
 void Resampler::runGroups(PlaneView source, Plane destination, std::int16_t* interleaved) const {
   const auto width = static_cast<std::size_t>(geometry_.x.destination);
   const auto sourceWidth = static_cast<std::size_t>(geometry_.x.source);

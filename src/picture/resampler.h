@@ -4,17 +4,18 @@
 // is widened by the scale. That removes frequencies above the destination's Nyquist frequency.
 //
 // Each destination row is made in two steps. First the source rows that it needs are summed, column
-// by column, into one row of 16-bit values. Then that row is summed along x. So every source byte
-// is read while it is in cache, and only one row is stored in between. Arithmetic is in fixed
-// point, with SIMD chosen at run time.
+// by column, into one row of 16-bit values. Then that row is summed along x. So source rows are
+// still in cache when the next destination row needs them, and only one row, or the rows of one
+// `RowGroup`, is stored in between. Arithmetic is in fixed point, with SIMD chosen at run time.
 
 #include "picture/resample_axis.h"
 #include "platform/image.h"
 
 namespace lumora {
 
-// The weights of two neighbouring source rows. For SIMD each weight is also split into two signed
-// bytes: 64 × coarse + fine. `coarse` and `fine` have the bytes of both rows.
+// The weights of two neighbouring source rows. For SIMD on x86, each weight is also split into two
+// signed bytes: weight = 64 × coarse byte + fine byte. `coarse` has the coarse bytes of both rows,
+// `fine` their fine bytes.
 struct WeightPair {
   std::int16_t exact[2];
   std::int16_t coarse;
@@ -32,7 +33,7 @@ struct PlaneGeometry {
 // x like one row of four channels.
 struct RowGroup {
   const std::int16_t* sums;  // column sums of all rows
-  std::size_t pitch;         // from one row's sums to the next
+  std::size_t pitch;         // values from one row's sums to the next row's
   std::size_t sourceWidth;   // samples
   std::int16_t* interleaved;
   std::uint8_t* pixels;
@@ -57,7 +58,7 @@ class Resampler {
   PlaneGeometry geometry_;
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
-  std::vector<WeightPair> pairs_;           // `vertical_.weights`, for two rows each
+  std::vector<WeightPair> pairs_;           // `vertical_.weights`, two in each pair
   std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, each value four times
 };
 

@@ -20,8 +20,8 @@ FrameDecoder::Decoded SystemFrameDecoder::decode(FrameEncoding encoding, const P
   return {memory, picture};
 }
 
-// libyuv names RGB formats by the little-endian word: its RAW is R, G, B in memory, its RGB24 is
-// B, G, R, and its ARGB is BGRA.
+// libyuv names RGB formats by the little-endian word: in memory, its RGB24 is B, G, R, and its ARGB
+// is B, G, R, A. Its RAW is R, G, B in memory.
 bool SystemFrameDecoder::fill(const Picture& picture, FrameEncoding encoding, ByteView record) {
   const std::uint8_t* from = record.data();
   const auto& [y, u, v] = picture.planes;

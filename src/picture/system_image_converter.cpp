@@ -19,8 +19,8 @@ struct Extent {
 };
 
 // One axis of a plane. `source` pixels are scaled to the area `pixels` of the destination, and
-// `samples` are the plane's samples in that area. A sample lies `centre` pixels from the centre of
-// the first pixel that it stands for.
+// `samples` are the plane's samples in that area. A sample stands for `pixelsPerSample` pixels. It
+// lies `centre` pixels after the middle of the first of them.
 SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixelsPerSample,
                   double centre) {
   const double scale = static_cast<double>(source) / static_cast<double>(pixels.size);
@@ -33,8 +33,8 @@ SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixels
           .origin = (firstPixel - centre) / pixelsPerSample};
 }
 
-// Chroma lies where H.264 has it by default: at the left of its two columns, and halfway between
-// its two rows.
+// A chroma sample lies where H.264 has it by default: in the left one of its two columns, and
+// halfway between its two rows.
 PlaneGeometry geometryOf(const PlaneShape& shape, PictureSize source, const PictureRectangle& area,
                          const PictureRectangle& samples) {
   const double betweenRows = (shape.rows - 1) / 2.0;
@@ -96,7 +96,7 @@ void SystemImageConverter::resampleTwice(PlaneView source, Plane destination,
     const SampleGrid& whole = geometry.*axis;
     const double step = std::sqrt(whole.step);
     const auto between = std::llround(static_cast<double>(whole.source) / step);
-    // The samples of that plane lie evenly over the source.
+    // The samples of the plane in between lie evenly over the source.
     const double firstStep = static_cast<double>(whole.source) / static_cast<double>(between);
     const double firstOrigin = (firstStep - 1) / 2;
     first.*axis = {whole.source, between, firstStep, firstOrigin};

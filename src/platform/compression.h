@@ -11,14 +11,16 @@
 
 namespace lumora {
 
-// One picture: in memory of its own, or wrapped around the pixels of an existing picture. Memory of
-// its own is BGRA when frames are RGBA, and RGBA when they are BGRA. Otherwise it has the frames'
-// layout. The pool that made the buffer counts it as in use until the last reference is gone.
+// A buffer with one picture. It has memory of its own, or is wrapped around the pixels of an
+// existing picture. In its own memory the picture is BGRA if the frames are RGBA, and RGBA if the
+// frames are BGRA. Otherwise the picture has the frames' layout. The pool that made the buffer
+// counts it as in use until the last reference is gone.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
   // The session's worker calls this before it reads `picture`. The first call runs and frees
-  // the buffer's `Filling`, if there is one. False if the filling failed. May throw std::bad_alloc.
+  // the buffer's `Filling`, if there is one. It returns false if the filling fails. Later calls
+  // return true. May throw std::bad_alloc.
   virtual bool fill() = 0;
   virtual PictureView picture() = 0;
 };

@@ -5,7 +5,7 @@
 namespace lumora {
 
 // The properties of a session as one value. The service sets them one by one, and the session
-// collects them in such a value again.
+// collects them in a value of its own.
 struct EncoderSettings {
   SessionKind kind;
   int width;   // pixels
@@ -15,7 +15,7 @@ struct EncoderSettings {
   std::int64_t keyFrameInterval;  // frames, at most
   std::int64_t bitRate;           // bits per second, average
 
-  // The size of the decoder's buffer (VBV) for the rate control: the bits of one second.
+  // The size of the decoder's buffer (VBV) that rate control assumes: the bits of one second.
   std::int64_t bufferBits() const { return bitRate; }
 
   bool operator==(const EncoderSettings&) const = default;

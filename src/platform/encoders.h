@@ -15,7 +15,8 @@ class Encoders {
  public:
   virtual ~Encoders() = default;
   // Makes a session for `width` × `height` pictures. On failure it is null, or the status is not 0.
-  // If software encoders are not allowed, waits for hardware: a few seconds at most per run.
+  // If software encoders are missing or not allowed, waits until the search for hardware ends.
+  // The search is made once, and takes a few seconds at most.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
@@ -23,10 +24,11 @@ class Encoders {
   // can encode this preview, or at least this take.
   virtual void prepare(const EncoderSettings& preview, const EncoderSettings& take) = 0;
   // Runs `work` on the state queue once a preview can begin without delay, never inside the call.
-  // The search for hardware delays `work` only if software encoders are not allowed.
+  // The search for hardware delays `work` only if software encoders are missing or not allowed.
   virtual void whenPrepared(Work work) = 0;
   // In the background: slowly touches as much memory as the largest take needs, unless hardware was
-  // found. Then opens an encoder for the likeliest take. Stops when `openAhead` is called.
+  // found. Then, in either case, opens an encoder for the likeliest take. Stops when `openAhead` is
+  // called.
   virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
   // In the background: opens the encoder of the take that starts now.
   virtual void openAhead(const EncoderSettings& settings) = 0;

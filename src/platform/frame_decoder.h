@@ -20,9 +20,9 @@ class FrameDecoder {
   };
 
   virtual ~FrameDecoder() = default;
-  // The picture of a record, in memory of its own, with the rows in the record's order. `format` is
-  // that of the decoded picture. The caller has checked the record's length. Null memory if the
-  // record is not a complete picture of this size. Throws std::bad_alloc. Reader thread.
+  // The picture of a record, in memory of its own, with the rows in the record's order. The decoded
+  // picture gets `format`. The caller has checked the record's length. Null memory if the record is
+  // not a complete picture of this size. Throws std::bad_alloc. Reader thread.
   virtual Decoded decode(FrameEncoding encoding, const PixelFormat& format, PictureSize size,
                          ByteView record) = 0;
 };

@@ -45,7 +45,7 @@ struct PlaneShape {
   std::uint8_t black = 0;      // in limited range
   std::uint8_t fullBlack = 0;  // in full range
 
-  // Of this plane in a picture of `size`.
+  // The bytes of a row, and the number of rows, of this plane in a picture of `size`.
   std::int64_t rowBytes(PictureSize size) const { return size.width / columns * channels; }
   std::int64_t rowCount(PictureSize size) const { return size.height / rows; }
 };
@@ -55,8 +55,8 @@ constexpr bool isRGB(PixelLayout layout) {
   return layout == PixelLayout::bgra || layout == PixelLayout::rgba;
 }
 
-// The bytes of a row in our own pictures are a multiple of this. That suits SIMD, and libjpeg
-// writes whole blocks, which may go beyond the width.
+// The bytes of a row in our own pictures are a multiple of this. That suits SIMD. It also leaves
+// room for the whole blocks that libjpeg writes, which may go beyond the width.
 constexpr std::int64_t rowAlignment = 64;
 
 template <typename Byte>
@@ -67,7 +67,7 @@ struct BasicPlane {
 using Plane = BasicPlane<std::uint8_t>;
 using PlaneView = BasicPlane<const std::uint8_t>;
 
-// A picture of even width and height, the top row first.
+// A picture of even width and height, the top row first unless a comment says otherwise.
 template <typename Byte>
 struct BasicPicture {
   PixelFormat format;
@@ -87,7 +87,8 @@ using PictureView = BasicPicture<const std::uint8_t>;
 // Bytes of a picture whose planes follow each other. A row takes a multiple of `alignment` bytes.
 std::size_t pictureBytes(PixelLayout layout, PictureSize size, std::int64_t alignment = 1);
 
-// The picture whose planes follow each other at `samples`, as `pictureBytes` counts them.
+// The picture whose planes follow each other from `samples` on. `alignment` is as in
+// `pictureBytes`.
 template <typename Byte>
 BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSize size,
                              std::int64_t alignment = 1);
@@ -96,7 +97,7 @@ BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSi
 PictureView upsideDown(const PictureView& picture);
 
 // The samples of a plane that lie in a rectangle of pixels. A sample that is only partly inside
-// counts as inside. So at the edge, chroma is that of the picture, not that of the black bar.
+// counts as inside. So a chroma sample that lies partly in a black bar has the picture's chroma.
 PictureRectangle samplesIn(const PictureRectangle& pixels, const PlaneShape& shape);
 
 class ImageConverter {

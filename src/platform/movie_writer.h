@@ -25,7 +25,7 @@ struct MovieTiming {
 
 // The format of a track of AAC-LC.
 struct AacFormat {
-  std::uint32_t rate = 0;      // samples a second, also the units of the track
+  std::uint32_t rate = 0;      // samples a second; the timescale of the track
   std::uint16_t channels = 0;  // 1 or 2
   std::uint32_t priming = 0;   // samples in front of the first one to be heard
   Bytes configuration;         // the AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1)
@@ -56,25 +56,27 @@ class MovieWriter {
   virtual bool isReadyForMoreMediaData() const = 0;
   // Adds the next picture. False on failure.
   virtual bool append(const EncodedSample& sample, bool keyframe, MovieTiming timing) = 0;
-  // Adds the next packet of the track of sound, with `soundPacketSamples` of each channel. False on
+  // Adds the next packet of sound, which has `soundPacketSamples` samples of each channel. False on
   // failure.
   virtual bool append(ByteView packet) = 0;
-  // Ends the timeline at `end` and completes the file. Sound after `end` is not heard. `handler`
-  // runs on any thread once `status` is the outcome, unless `rescue` or `cancelWriting` drops it.
+  // Ends the timeline at `end` and completes the file. Sound after `end` is not heard. Then
+  // `status` gives the outcome, and `handler` runs on any thread. `rescue` and `cancelWriting` may
+  // drop `handler`.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
   // The pictures of the finished movie, once `finishWriting` was called.
   virtual MovieExtent extent() const = 0;
   // The pictures that survive a power cut.
   virtual MovieExtent synced() const = 0;
   // After a failure: drops what waits for the disk, and completes the file with the samples that
-  // are on the disk. `handler` runs on any thread, unless writing is cancelled before. It gets the
-  // pictures in the file, and whether the file could be completed.
+  // are on the disk. Then `handler` runs on any thread, unless writing is cancelled first. `kept`
+  // says which pictures the file has, and `isComplete` whether the file could be completed.
   using RescueHandler = std::function<void(MovieExtent kept, bool isComplete)>;
   virtual void rescue(RescueHandler handler) = 0;
-  // Opens a text file at `path`, which must not exist. Call it before `startWriting`. Until the
-  // movie is complete or cancelled, another thread calls `takeLines` twice a second or more often,
-  // unless the disk hangs, and once more at the end. What it returns goes into the file. The file
-  // never delays or fails the movie. False, with `error`, if the file can't be made.
+  // Opens a text file at `path`, which must not exist. Call it before `startWriting`. Another
+  // thread calls `takeLines` and writes the result into the file: at least twice a second until the
+  // movie ends, and once more before the handler of `finishWriting` or `rescue` runs. A disk that
+  // hangs delays these calls. The file never delays or fails the movie. False, with `error`, if the
+  // file can't be made.
   using TakeLines = std::function<std::string()>;
   virtual bool openLog(const std::string& path, TakeLines takeLines, std::string& error) = 0;
   // Why the log has ended early.

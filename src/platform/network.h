@@ -1,7 +1,7 @@
 #pragma once
 
-// Plain TCP: a listener and its connections. Every handler runs on the state queue, and never
-// before the call that caused it returns.
+// Plain TCP: a listener and its connections. Every handler runs on the state queue, never inside a
+// call of this interface.
 
 #include <cstdint>
 #include <functional>
@@ -21,7 +21,7 @@ class TcpConnection {
   using EndHandler = std::function<void()>;
 
   virtual ~TcpConnection() = default;
-  // `handler` runs after `cancel`, `reset` or a failed `start`. An empty handler removes it.
+  // `handler` runs after `cancel`, `reset` or a failed `start`. If `handler` is empty, none runs.
   virtual void setEndHandler(EndHandler handler) = 0;
   virtual void start() = 0;
   // Starts one read of 1 to `maximum` bytes.
@@ -57,7 +57,7 @@ class TcpListener {
 class Network {
  public:
   virtual ~Network() = default;
-  // A listener for `host` (address or name) and `port` (0: any) that is not started yet. Throws
+  // Makes a listener for `host` (address or name) and `port` (0: any) without starting it. Throws
   // std::system_error when no listener can be made.
   virtual std::shared_ptr<TcpListener> makeListener(const std::string& host,
                                                     std::uint16_t port) = 0;

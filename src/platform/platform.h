@@ -25,7 +25,7 @@ struct Platform {
   std::shared_ptr<Process> process;
   std::shared_ptr<Network> network;
   std::shared_ptr<Encoders> encoders;
-  // One for each kind of session, because the workers of both convert at the same time.
+  // One converter for each kind of session, because both kinds may convert at the same time.
   std::shared_ptr<ImageConverter> previewImages;
   std::shared_ptr<ImageConverter> recordingImages;
   std::shared_ptr<Movies> movies;

@@ -21,8 +21,8 @@ class SignalSource {
 class Process {
  public:
   virtual ~Process() = default;
-  // Reads standard input into `space` and blocks until there is some. Returns the bytes read, 0 at
-  // the end, or -errno. Reader thread only.
+  // Waits for standard input and reads it into `space`. Returns the number of bytes read, 0 at the
+  // end of the input, or -errno. Reader thread only.
   virtual ssize_t readInput(MutableByteView space) = 0;
   // One write of `text` to standard output. Returns the bytes written or -errno. State queue only.
   virtual ssize_t writeOutput(ByteView text) = 0;

@@ -36,7 +36,7 @@ class FormatDescription {
   virtual ColourDescription colour() const = 0;
 };
 
-// One encoded picture: NAL units, each after its length as 4 big-endian bytes. Any thread.
+// One encoded picture: NAL units, each preceded by its length in 4 big-endian bytes. Any thread.
 class EncodedSample {
  public:
   virtual ~EncodedSample() = default;

@@ -1,6 +1,6 @@
 #pragma once
 
-// The sound of takes: PCM of the parent in, AAC-LC packets for a track out.
+// The sound of takes: encodes the parent's PCM as the AAC-LC packets of a track.
 
 #include <algorithm>
 #include <array>
@@ -26,7 +26,7 @@ struct SoundSettings {
   int sourceRate;        // samples per second
   int trackRate;         // samples per second
   int channels;          // 1 or 2
-  std::int64_t bitRate;  // bits per second; lowered to what AAC allows at this rate
+  std::int64_t bitRate;  // bits per second; lowered to what AAC allows at `trackRate`
 };
 
 using SoundPackets = std::vector<Bytes>;
@@ -40,8 +40,8 @@ class SoundEncoder {
   virtual ByteView configuration() const = 0;
   // How many samples a decoder outputs before the first sample of the sound.
   virtual int priming() const = 0;
-  // Encodes interleaved samples of all channels, and appends the packets that are complete. The
-  // sound gets longer by `compensation` ppm, give or take 1.
+  // Encodes interleaved samples of all channels, and appends the packets that are complete.
+  // Makes these samples last longer by `compensation` ppm, give or take 1 ppm.
   virtual Status encode(std::span<const std::int16_t> samples, int compensation,
                         SoundPackets& packets) = 0;
   // Appends the rest of the packets. The last call.

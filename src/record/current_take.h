@@ -21,8 +21,9 @@ struct CurrentTake {
   std::shared_ptr<MovieRecorder> movie;  // null: no take
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
-  std::optional<TakeEvent> movieStatus;    // the last recording event, of the latest take
-  // An abandoned take whose "failed" event was not emitted yet, and why and at which uptime.
+  std::optional<TakeEvent> movieStatus;    // the last "recording" event of the latest take
+  // An abandoned take whose "failed" event was not emitted yet. Then come the reason why it was
+  // abandoned, and the uptime at which it was.
   std::shared_ptr<MovieRecorder> abandoned;
   std::string abandonedFor;
   double abandonedAt = 0;
@@ -39,7 +40,7 @@ struct CurrentTake {
   std::shared_ptr<MovieRecorder> recordingTake() const {
     return movie && movie->accepts() && !isStopping() ? movie : nullptr;
   }
-  // Whether the file of an abandoned take is being completed.
+  // Whether an abandoned take may still be completing its file.
   bool isRescuing() const { return abandoned && abandoned->options.keepsFailed; }
   bool hasSessionOfAnotherTake() const { return recording.session && recording.movie != movie; }
   // Waits until the session has encoded its frames, then closes it.

@@ -91,7 +91,7 @@ void MovieRecorder::kept(MovieExtent extent, const std::string& file) {
   tell(TakeState::failed, 0, failure, path, more);
 }
 
-// Without a writer this take has made no file. A file of that name belongs to somebody else.
+// Without a writer this take has made no file. A file at `staging` then belongs to somebody else.
 void MovieRecorder::removeFile() {
   if (!writer) return;
   writer->cancelWriting();

@@ -58,7 +58,7 @@ bool FrameLog::isIncomplete() const {
   return isIncomplete_;
 }
 
-// Times have six decimals: a movie unit is 17 microseconds.
+// Six decimals tell all movie times apart, since a movie unit is 17 microseconds.
 std::string FrameLog::lineOf(const Entry& entry) {
   const auto& [frame, outcome, movieTime] = entry;
   return std::to_string(frame.id) + "," + std::to_string(frame.capturedAt) + "," +

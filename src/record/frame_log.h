@@ -26,25 +26,27 @@ enum class FrameOutcome {
 
 // A frame that was read.
 struct ReadFrame {
-  std::uint64_t id = 0;   // above that of the frame before it
+  std::uint64_t id = 0;   // above the id of the frame before it
   double capturedAt = 0;  // uptime seconds: when it was read, or its `MovieRecorder::captureTime`
 };
 
-// The log of one take. Any thread. Ends, as incomplete, if more than `mostFrames` frames wait here.
+// The log of one take. Any thread. If more than `mostFrames` frames would wait here, the log ends
+// and is incomplete.
 class FrameLog {
  public:
   static constexpr std::size_t mostFrames = 10'000;
 
   // Adds the next frame, and what became of it if that is known.
   void note(const ReadFrame& frame, std::optional<FrameOutcome> outcome);
-  // Sets the outcome of a frame that has none. `movieTime` is where it begins, in seconds.
+  // Sets the outcome of a frame that has none. `movieTime` is where the frame begins in
+  // the movie, in seconds.
   void settle(std::uint64_t id, FrameOutcome outcome, std::optional<double> movieTime = {});
-  // Notes no more frames. Frames whose outcome is still unknown get `rest`.
+  // From now on no frame is noted. Frames whose outcome is still unknown get `rest`.
   void end(FrameOutcome rest);
-  // Notes no more frames, because one was missed.
+  // From now on no frame is noted, because one was missed.
   void giveUp();
-  // The lines of the frames up to the first one without an outcome. Each line comes once, the
-  // header first.
+  // The lines of the frames up to the first one without an outcome. No line is returned twice. The
+  // first line of all is the header.
   std::string takeLines();
   // Whether frames are missing.
   bool isIncomplete() const;

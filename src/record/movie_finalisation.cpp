@@ -28,7 +28,7 @@ void MovieRecorder::finishJob(double stop) {
   }
 }
 
-// Ends the movie at the end that a stop has set. The sound is written, unless time is short.
+// Ends the movie at `awaitedEnd`. By now its sound is written, unless time was short.
 void MovieRecorder::endAwaited() {
   try {
     const double end = *std::exchange(awaitedEnd, std::nullopt);
@@ -46,8 +46,8 @@ void MovieRecorder::endMovie(double end, FrameOutcome rest) {
   completeFile(movieUnits(end), end, rest);
 }
 
-// The log ends first, so the disk thread writes all of it before it answers. `rest` is the outcome
-// of frames that have none yet.
+// The log ends first. So the disk thread has written all of the log when it calls the handler.
+// Frames without an outcome get `rest`.
 void MovieRecorder::completeFile(std::int64_t units, double end, FrameOutcome rest) {
   held.reset();
   if (log) log->end(rest);
@@ -75,8 +75,8 @@ void MovieRecorder::movieEnded(double end) {
         staging);
 }
 
-// Renames the movie, and its log behind it. False if the movie can't have this name. The second
-// rename follows at once, so that a kill hardly ever comes between the two.
+// Renames the movie, then its log. False if the movie can't have this name. The second rename
+// follows at once, so that a kill hardly ever comes between the two.
 bool MovieRecorder::moveTo(const std::string& name) {
   if (!platform.files->move(staging, name)) return false;
   if (hasLogFile && !platform.files->move(frameLogPath(staging), frameLogPath(name)))

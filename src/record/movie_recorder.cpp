@@ -37,8 +37,8 @@ MovieRecorder::MovieRecorder(std::string takeID, std::string destination,
   if (options.sound) sound.emplace(*options.sound, options.soundBitRate);
 }
 
-// In a take with sound a picture lies where the parent says that it was captured. Times never go
-// back, even if only some ids are times.
+// In a take with sound the time of a picture is the capture time in its id, or else the time at
+// which it was read (`frameTime`). If both kinds occur, times still never go back.
 double MovieRecorder::captureTime(const ReadFrame& frame) {
   if (!options.sound) return frame.capturedAt;
   latestCapture = std::max(latestCapture, frameTime(frame.id, frame.capturedAt));
@@ -174,7 +174,7 @@ void MovieRecorder::checkWriter() const {
   if (writer->status() != WriterStatus::writing) {
     throw EncoderFailure::message("recording writer unavailable");
   }
-  // We don't wait. If the disk falls behind by more than the writer's queue, the take fails.
+  // We don't wait for the disk. If the writer's queue is full, the take fails.
   if (!writer->isReadyForMoreMediaData()) {
     throw EncoderFailure::message("recording disk cannot keep up");
   }
@@ -237,7 +237,7 @@ void MovieRecorder::reportProgress() {
 }
 
 void MovieRecorder::progress() {
-  // After a disk failure, `status()` stays `writing` until the next sample.
+  // `status()` alone is not enough: after a disk failure it stays `writing` until the next sample.
   if (!accepting || !writer || writer->status() != WriterStatus::writing || writer->error()) return;
   const double now = platform.clock->uptime();
   if (now - lastProgressReport < progressInterval) return;

@@ -1,7 +1,7 @@
 #pragma once
 
 // Records one take into a movie file. It gets encoded samples on the state queue and writes them on
-// a queue of its own, so a slow disk never blocks the state queue. It holds each sample back until
+// the take's queue, so a slow disk never blocks the state queue. It holds each sample back until
 // the next one comes, since only then the sample's duration is known. After a dropped sample it
 // drops everything until the next key frame. Sound comes from a queue of its own, and is written on
 // the take's queue.
@@ -26,7 +26,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
       std::function<void(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from)>;
 
   // `relay` gets every event of the take, on the state queue. Throws std::system_error when the
-  // queue gets no thread.
+  // take's queue gets no thread.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
                 RecordingProfile takeProfile, const TakeOptions& asked, const Platform& services,
                 Report relay);
@@ -36,12 +36,13 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // State queue. False when the sample was dropped. The caller then asks for a key frame.
   bool append(std::shared_ptr<const EncodedSample> sample, const ReadFrame& frame, bool keyframe);
   void reportProgress();
-  // State queue. The frame was lost, or skipped by the cadence.
+  // State queue. The frame was lost, or captured before the take's start.
   void countDropped(std::uint64_t frame, FrameOutcome why);
+  // State queue. The cadence skipped the frame.
   void countThrottled(std::uint64_t frame);
   int pendingWork() const { return pending; }
   bool accepts() const { return accepting; }  // false once the take has failed or finishes
-  // Whether the file system has had less than `options.minimumFree` left. Any thread.
+  // Whether a check has found fewer than `options.minimumFree` bytes free. Any thread.
   bool lacksSpace() const { return spaceIsShort; }
   // State queue. For a take with sound: gets the run's sound, from two seconds ago on.
   void hear(std::shared_ptr<SoundInput> input);
@@ -53,14 +54,14 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // State queue. Makes the last event say that the take was stopped for lack of space.
   void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
-  // file is complete, after `rescueTimeout` seconds at most. `cause` is the outcome of the frames
-  // that have none yet.
+  // file is complete, after `rescueTimeout` seconds at most. Frames without an outcome get `cause`.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
   // State queue. Sound was lost. A take with sound fails, unless the end of its track is set.
   void soundFailed(const std::string& message);
-  // State queue. A take that fails, or waits for its sound, tells its last event at uptime `end` at
-  // the latest. The earliest limit counts.
+  // State queue. If the take fails, its last event comes at uptime `end` at the latest. If it was
+  // stopped, it leaves out sound that is not encoded half a second before `end`. If this is called
+  // more than once, the earliest `end` counts.
   void limitEnd(double end) { latestEnd = std::min(latestEnd.load(), end); }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
@@ -79,8 +80,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
     std::shared_ptr<const EncodedSample> sample;
     std::uint64_t id = 0;  // of its frame
     bool keyframe = false;
-    double time = 0;             // of its capture, uptime seconds
-    std::int64_t movieTime = 0;  // where it begins in the movie
+    double time = 0;             // uptime of its capture; for the first sample, `origin`
+    std::int64_t movieTime = 0;  // where it begins in the movie, in movie units
   };
 
   // Take's queue. `moveTo` also runs on the thread that renames a kept take.
@@ -115,7 +116,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool moveTo(const std::string& name);
 
   // Ends the take as failed. If the disk has failed or is too slow, only what is on it can be kept,
-  // and frames without an outcome get `disk`. Otherwise every sample can, and they get `cause`.
+  // and frames without an outcome get `disk`. Otherwise every sample can be kept, and those frames
+  // get `cause`.
   void fail(const std::string& message, FrameOutcome cause);
   bool keepAll(FrameOutcome rest);
   void rescue();
@@ -135,12 +137,12 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   double origin = 0;                 // uptime at which the movie begins, once there is a writer
   std::optional<TakeSound> sound;    // if it was asked for
   bool isSoundQueued = false;        // a job will encode more of it
-  std::optional<double> awaitedEnd;  // where the movie ends, in seconds, once its sound has come
+  std::optional<double> awaitedEnd;  // set by a stop: where the movie will end, in seconds
   std::uint64_t frames = 0;
   double writtenDuration = 0;  // seconds
   double lastProgressReport = -std::numeric_limits<double>::infinity();
   std::vector<double> recentWrites;  // uptimes; `tell` removes those older than a second
-  // Uptimes and bytes of the samples of the last ten seconds, if there is a minimum of free space.
+  // Uptimes and bytes of the writes of the last ten seconds, if there is a minimum of free space.
   std::deque<std::pair<double, std::size_t>> recentBytes;
   int width = 0;
   int height = 0;
@@ -159,7 +161,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
 
   // Several queues.
   std::atomic<int> pending = 0;                // write jobs queued and not finished
-  std::atomic<std::int64_t> waitingSound = 0;  // samples that the take's queue has not taken
+  std::atomic<std::int64_t> waitingSound = 0;  // PCM samples that the take's queue has not taken
   std::atomic<std::uint64_t> dropped = 0;
   std::atomic<std::uint64_t> throttled = 0;
   std::atomic<bool> accepting = true;

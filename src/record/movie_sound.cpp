@@ -1,4 +1,4 @@
-// The sound of a take, on the take's queue.
+// The sound of a take: it is received, then encoded and written on the take's queue.
 
 #include "base/out_of_memory.h"
 #include "base/text.h"
@@ -70,7 +70,8 @@ void MovieRecorder::soundLater() {
   isSoundQueued = true;
 }
 
-// Waits `longest` at most. Just before the end, asks for the records that the device's clock holds.
+// Waits `longest` at most. Just before that time is over, asks for the records that the device's
+// clock holds.
 void MovieRecorder::waitForSound() {
   constexpr double longest = 0.5, settling = 0.05;  // seconds
   queue->asyncAfter(longest - settling, [self = shared_from_this()] {
@@ -79,7 +80,7 @@ void MovieRecorder::waitForSound() {
   queue->asyncAfter(longest, [self = shared_from_this()] { self->endSound(); });
 }
 
-// Fills the track up to the end that a stop has set, then ends the movie.
+// Fills the track up to `awaitedEnd`, then ends the movie.
 void MovieRecorder::endSound() {
   if (!awaitsSound()) return;
   sound->endAt(origin + *awaitedEnd);

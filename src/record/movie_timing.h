@@ -1,7 +1,7 @@
 #pragma once
 
-// Where the samples of a take lie on the movie's timeline. Times are whole movie units, so rounding
-// errors don't add up. Pure.
+// Where the samples of a take lie on the movie's timeline. Samples begin and end at whole movie
+// units, so rounding errors don't add up. Pure.
 
 #include <algorithm>
 #include <cmath>
@@ -12,27 +12,28 @@
 
 namespace lumora {
 
-constexpr std::int64_t shortestSample = movieTimescale / 600;  // of any sample but the last
+constexpr std::int64_t shortestSample = movieTimescale / 600;  // movie units, for all but the last
 constexpr std::int64_t shortestLastSample = 1;
 
 inline std::int64_t movieUnits(double seconds) { return std::llround(seconds * movieTimescale); }
 
 // A sample at `time` lasts until `next`, but at least `shortest` and at most `longestSample`. The
-// sample after it begins where it ends, even if that is not `next`.
+// sample after it begins at its end, even if this end is not `next`.
 inline MovieTiming lastUntil(std::int64_t time, std::int64_t next, std::int64_t shortest) {
   return {time, std::clamp(next - time, shortest, longestSample)};
 }
 
-// When a frame was captured, in uptime seconds: its id in microseconds if that lies within the two
-// seconds before `readAt`, else `readAt`.
+// When a frame was captured, in uptime seconds. The id counts as microseconds of uptime if it lies
+// within the two seconds before `readAt`. Otherwise the time is `readAt`.
 inline double frameTime(std::uint64_t id, double readAt) {
   constexpr double oldest = 2;  // seconds
   const double captured = static_cast<double>(id) * 1e-6;
   return captured >= readAt - oldest && captured <= readAt ? captured : readAt;
 }
 
-// When a movie ends, in seconds from `origin`. Other times are uptime seconds. With a start time
-// the movie lasts from start to stop. Without one the last frame lasts at least one interval.
+// When a movie ends, in seconds from `origin`. The arguments are uptime seconds. With a start time
+// the movie lasts from start to stop. Without one it lasts until the stop, but at least until the
+// last frame has lasted one interval.
 inline double movieEndTime(std::optional<double> startedAt, double origin, double lastSample,
                            double stop, int targetFPS) {
   constexpr double shortestMovie = 1.0 / movieTimescale;  // seconds

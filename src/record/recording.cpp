@@ -83,11 +83,11 @@ void VideoEncoder::relayRecording(const TakeEvent& event,
 void VideoEncoder::tellParent(const TakeEvent& event) {
   take.movieStatus = event;
   emit(event.json);
-  // The take ends at once, since a parent that reads this event may start the next one.
+  // The take ends at once, since a parent that reads this event may start the next take.
   if (isLast(event.state)) takeEnded();
 }
 
-// Stops the take if its file system has had less than the minimum of free space.
+// Stops the take once its file system has less free space than the minimum.
 void VideoEncoder::stopTakeWithoutSpace() {
   const auto movie = take.recordingTake();
   if (!movie || !movie->lacksSpace()) return;
@@ -97,8 +97,8 @@ void VideoEncoder::stopTakeWithoutSpace() {
 }
 
 // The recorder of an abandoned take sends the "failed" event once it has deleted or kept the file.
-// This function emits it earlier if another take begins, the process ends or the recorder's queue
-// hangs.
+// This function emits it earlier if another take begins, if the process ends, or if the file is to
+// be kept and the recorder's queue hangs.
 void VideoEncoder::concludeAbandonedTake() {
   if (take.abandoned) tellParent(failedEvent(*take.movieStatus, take.abandonedFor));
 }

@@ -11,7 +11,7 @@ constexpr double gridTolerance = 0.000001;  // seconds
 // The deadline after this frame. Empty when the frame came too early for `deadline`.
 std::optional<double> nextOnGrid(double capturedAt, double deadline, double interval) {
   if (capturedAt + gridTolerance < deadline) return std::nullopt;
-  // Whole intervals, so the camera's jitter does not add up.
+  // The deadline moves by whole intervals, so the camera's jitter does not add up.
   const double passed = std::floor((capturedAt - deadline + gridTolerance) / interval) + 1;
   return deadline + std::max(1.0, passed) * interval;
 }

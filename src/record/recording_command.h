@@ -9,13 +9,14 @@
 
 namespace lumora {
 
-// A command: a JSON object with a text "type" and a UUID "id". Empty for any other payload.
+// A command is a JSON object with a string "type" and a UUID "id". Empty for any other payload.
 std::optional<Json> parseRecordingCommand(ByteView payload);
 
-// A capture time in uptime seconds: empty unless it lies from 30 s before to 50 ms after `now`.
+// The capture time that `value` states, in uptime seconds. Empty if `value` is no number, or lies
+// more than 30 s before `now` or more than 50 ms after it.
 std::optional<double> recordingTimestamp(const Json& value, double now);
 
-// Whether this is an absolute ".mp4" path of at most 3000 bytes.
+// Whether this is an absolute ".mp4" path of at most 3000 bytes, without a NUL.
 bool isRecordingDestination(const std::string& path);
 
 }  // namespace lumora

@@ -7,13 +7,13 @@ namespace lumora {
 
 // The picture size and frame rate of a take.
 struct RecordingProfile {
-  const char* resolution;  // its name in commands
+  const char* resolution;  // the picture size as commands name it
   int width;               // pixels
   int height;              // pixels
   int targetFPS;           // frames per second
 
   // The profile that a command asks for with "resolution" and "target_fps". With neither key it is
-  // the default one. Empty when they are invalid.
+  // the default one. Empty if only one key is present, or a value is invalid.
   static std::optional<RecordingProfile> parse(const Json& command);
 
   // The settings of the session that encodes a take at this bit rate.

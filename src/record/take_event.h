@@ -16,7 +16,7 @@ constexpr bool isLast(TakeState state) {
   return state == TakeState::saved || state == TakeState::failed;
 }
 
-// An event of one take: the JSON for the parent, and the state in it for our own decisions.
+// An event of one take: the JSON for the parent, and its state again for our own decisions.
 struct TakeEvent {
   TakeState state;
   Json json;
@@ -35,14 +35,14 @@ struct TakeReport {
   int width = 0;   // pixels
   int height = 0;  // pixels
   std::string error = {};
-  Json more = Json::object();  // keys that the parent has asked for, left out if the line is full
+  Json more = Json::object();  // keys the parent asked for; left out if the line gets too long
 };
 
-// The event of a take that was accepted. It has thirteen keys, and those that were asked for.
+// The event of a take that was accepted. It has thirteen keys, and those in `more` if they fit.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
 // The "failed" event of a take whose recorder can't make one, or would be too late. Its duration is
-// 0, its other figures are those of `last`, the take's latest event.
+// 0, its other figures are those of `last`, the take's latest event. It has no "seconds_left".
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
 // The "failed" event that answers a refused "record_start". It has ten keys.

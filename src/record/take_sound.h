@@ -2,9 +2,9 @@
 
 // The sound of one take: records become packets of its track. Take's queue only.
 //
-// Records are held until they are encoded, ten seconds at most. Once the movie has begun, each call
-// of `next` encodes a little, so that pictures never wait long behind sound. A device that sends
-// no record for two seconds counts as silent.
+// Records are held until they are encoded: at most the last ten seconds of sound. Once the movie
+// has begun, each call of `next` encodes a little, so that pictures never wait long behind sound. A
+// device that sends no record for two seconds counts as silent.
 
 #include <deque>
 #include <memory>
@@ -22,7 +22,7 @@ class TakeSound {
   // `bitRate` is bits per second.
   TakeSound(SoundFormat format, std::int64_t bitRate) : format_(format), bitRate_(bitRate) {}
 
-  // Begins the movie at this uptime. Returns the format of its track. Throws EncoderFailure.
+  // The track begins at uptime `origin`. Returns its format. Throws EncoderFailure.
   AacFormat begin(const OpenSound& open, double origin);
   // Takes the next records, if there are any. `isLast`: no more come.
   void add(std::vector<SoundRecord> records, bool isLast);
@@ -34,17 +34,19 @@ class TakeSound {
 
   bool isEnding() const { return end_.has_value(); }
   bool isComplete() const { return isComplete_; }  // `next` has reached the end
-  // Once the movie has begun: whether all sound up to this uptime is encoded, or no more comes.
+  // Whether all sound up to this uptime is encoded, or all that has come is encoded and no more
+  // comes. The movie must have begun.
   bool isSettledUntil(double end) const {
     return (isLast_ && held_.empty()) || placing_->settledUntil() >= end;
   }
-  // The gaps of the movie so far or up to its end, and the seconds for which no record came.
+  // How many gaps the track has, and for how many seconds no record came. Both count up to the end
+  // of the track. Until that end is set, they count up to what is settled.
   std::int64_t gaps() const;
   double missing() const;
 
  private:
   double length() const;  // of the track, in seconds
-  double end() const;     // uptime of the movie's end, or of what is settled so far
+  double end() const;     // uptime at which the track ends, or up to which it is settled so far
   void encode(const SoundRecord& record, SoundPackets& packets);
   void complete(SoundPackets& packets);
   void encodeSilence(std::int64_t samples, SoundPackets& packets);
@@ -61,7 +63,7 @@ class TakeSound {
   bool isLast_ = false;        // no more records come
   std::optional<double> end_;  // uptime at which the track ends
   bool isComplete_ = false;
-  double behind_ = 0;  // seconds from a capture to its reading
+  double behind_ = 0;  // seconds from the end of the latest record until it was read
 };
 
 }  // namespace lumora

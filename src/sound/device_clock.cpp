@@ -10,14 +10,14 @@ namespace {
 constexpr double firstDrift = 9e-8;         // variance: 300 ppm squared
 constexpr double driftWander = 4e-13;       // variance the drift gains in a second: 0.6 ppm squared
 constexpr double jitterMemory = 100;        // records
-constexpr double usualJitter = 2.4;         // standard deviations; times within are on the line
+constexpr double usualJitter = 2.4;         // standard deviations; less is on the line
 constexpr double usualSpread = 4;           // standard deviations at most between times that agree
-constexpr double usualError = 3;            // standard deviations of the line itself
-constexpr double usualDelay = 0.6;          // share of a record's length; more is a lost record
+constexpr double usualError = 3;            // standard deviations of the line's own error
+constexpr double usualDelay = 0.6;          // share of a record's length; more means a lost record
 constexpr double longestUsualDelay = 0.04;  // seconds
 constexpr double leastScatter = 0.01;       // seconds; less is jitter
 constexpr double scatterMemory = 10;        // seconds
-constexpr double leastStep = 0.01;          // seconds off the line that matter
+constexpr double leastStep = 0.01;          // seconds off the line; less counts as close to it
 constexpr double longestAside = 1;          // seconds on one side until the line starts again
 constexpr double shortestDeviation = 0.05;  // seconds; what lasts longer may be a jump
 constexpr double longestDoubt = 0.6;        // seconds until any deviation is a jump
@@ -28,7 +28,7 @@ constexpr double mostHeld = 2;              // seconds of sound
 std::vector<SoundRecord> DeviceClock::add(SoundRecord record) {
   const double statedTime = record.capturedAt;
   const double seconds = static_cast<double>(record.samples) / rate_;
-  held_.push_back(std::move(record));  // first, so that nothing throws once the record is counted
+  held_.push_back(std::move(record));  // first: if it throws, nothing else has changed
   if (held_.size() == 1) doubtedSince_ = statedTime;
   if (!isStarted_) startAt(statedTime);
   const double late = statedTime - next_;
@@ -97,7 +97,7 @@ void DeviceClock::followStep(double stated, double late, double seconds) {
   aside_ += std::abs(late) > leastStep ? std::copysign(seconds, late) : back;
   if (std::abs(aside_) <= std::max(longestAside, leastRecords * seconds)) return;
   drift_ = steadyDrift_;
-  scatter_ = 0;  // this change was a step
+  scatter_ = 0;  // the times do not scatter: they made a step
   startAt(stated);
 }
 
@@ -116,7 +116,8 @@ void DeviceClock::deviate(double late) {
 }
 
 // After a hang each record is late by one record's length less than the record before it. That is
-// no jump, however much the times jitter.
+// no jump, however much the times jitter. So the records of a jump must span at least twice the
+// difference in their lateness.
 bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   if (deviation_.records < fewestRecords) return false;
   const double since = held_.end()[-deviation_.records].capturedAt;
@@ -124,8 +125,9 @@ bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   return agreed >= std::max(shortestDeviation, 2 * (deviation_.most - deviation_.least));
 }
 
-// After a hang many records come at once, so the stated times tell how long the doubt lasts. The
-// second condition is for stated times that stand still.
+// After a hang many records come at once, and their times on the line soon span `longestDoubt`. So
+// the stated times tell how long the doubt lasts. The second condition is for stated times that
+// stand still.
 bool DeviceClock::isDoubtedTooLong(double statedTime) const {
   return statedTime - doubtedSince_ >= longestDoubt ||
          held_.back().capturedAt - held_.front().capturedAt >= mostHeld;

@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-// Interleaved 16-bit values. A sample has one for each channel.
+// Interleaved 16-bit values. A sample has one value for each channel.
 struct SoundFormat {
   int rate = 0;  // samples a second
   int channels = 0;

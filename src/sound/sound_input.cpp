@@ -33,8 +33,8 @@ void SoundInput::add(std::uint64_t id, Bytes pcm) {
   });
 }
 
-// The device's clock holds a record whose time it doubts. Later records decide. If none come, the
-// record is delivered after `longestSilence`. A take that stops waits half a second for it.
+// `DeviceClock` holds a record whose time it doubts. Later records settle its time. If none come,
+// the record is delivered after `longestSilence`. A take that stops waits longer: half a second.
 void SoundInput::hear(SoundRecord record) {
   constexpr double longestSilence = 0.4;  // seconds
   ++heard_;

@@ -1,12 +1,12 @@
 #pragma once
 
 // The sound of one run. The reader hands sound records to a queue of their own, so sound and
-// pictures never wait for each other. The device's clock runs on that queue from the first record
-// on, so it has already adapted to the device when a take begins.
+// pictures never wait for each other. `DeviceClock` runs on that queue from the first record on, so
+// it has already adapted to the device when a take begins.
 //
-// The last two seconds are kept for the next receiver, even while another receives. A command is
-// handled later than it was read, a take may follow another at once, and pictures may come two
-// seconds after their capture.
+// The last two seconds are kept for the next receiver. A take needs sound from before it became the
+// receiver: its command is handled later than it was read, and its first picture may come two
+// seconds after its capture. Sound is kept even during a take, since the next may follow at once.
 
 #include <atomic>
 #include <deque>
@@ -40,7 +40,7 @@ class SoundInput : public std::enable_shared_from_this<SoundInput> {
   // Any thread. From now on `receiver` runs on the queue, first with the last two seconds. Null:
   // nobody wants sound.
   void sendTo(SoundReceiver receiver);
-  // Any thread. Delivers the records that the device's clock holds, if it can settle them.
+  // Any thread. Delivers the records that `DeviceClock` holds, if their times can be settled now.
   void settle();
   // Any thread. Records that were dropped.
   std::uint64_t dropped() const { return dropped_; }

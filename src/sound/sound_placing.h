@@ -2,26 +2,27 @@
 
 // Where the samples of a take lie in its track. Pure.
 //
-// The track begins with the movie. Each sample shall lie where it was captured, within 10 ms, from
-// the beginning to the end, however long the take is. `DeviceClock` tells when each record was
-// captured. The track tells where the record would lie if it were just appended. The difference is
-// removed in one of two ways:
+// The track begins with the movie. Each sample shall lie within 10 ms of the time at which it was
+// captured, however long the take is. `DeviceClock` tells when each record was captured. The length
+// of the track tells where the record would lie if it were simply appended. The difference between
+// the two is removed in one of two ways:
 //
 // - Following: the resampler adds or removes a few samples. That makes up for the device's drift,
 //   and removes most of any other difference within some ten seconds. The compensation is at most
-//   550 ppm, so a drift of 500 leaves 50 for the difference. It changes slowly, to be inaudible.
+//   550 ppm, so a drift of 500 leaves 50 for the difference. The compensation changes slowly, so
+//   that nobody hears the change.
 // - Aligning: silence is inserted or samples are cut, exact to a sample. The track's beginning is
-//   aligned. Later that is done when the difference is above 10 ms, because the device stopped,
+//   aligned. Later, a record is aligned only if the difference is above 10 ms: the device stopped,
 //   records were lost or a clock jumped. Each later alignment is a gap.
 //
-// The track's length is the resampler's real output, so its rounding is part of the next
-// difference. Errors never add up, and this file needs no model of the resampler.
+// The track's length is the resampler's real output, so the resampler's rounding errors are part of
+// the next difference. They never add up, and this file needs no model of the resampler.
 //
-// While a device is silent, the track is filled with silence up to a little behind the pictures. So
-// when the device goes on, or the movie ends, little is left to fill at once.
+// While a device is silent, the track is filled with silence until a few seconds before now. So
+// when the device goes on, or the movie ends, little is left to fill in one go.
 //
-// Silence is inserted and samples are cut before the resampler. So the samples that the resampler
-// still holds stay in front of that place.
+// Silence is inserted, and samples are cut, in the resampler's input. So the samples that the
+// resampler still holds come out before the silence or the cut.
 
 #include <cstdint>
 #include <vector>
@@ -43,8 +44,9 @@ class SoundPlacing {
   // For sound of this rate, in a movie that starts at this time.
   SoundPlacing(int rate, double start) : rate_(rate), start_(start), settledUntil_(start) {}
 
-  // For the next record of `DeviceClock`, if it begins before the end of the movie. `length` is the
-  // length of the track in seconds, including what the resampler still holds.
+  // Returns what to do with the next record of `DeviceClock`. Once the end of the movie is known,
+  // call this only for records that begin before it. `length` is the length of the track in
+  // seconds, including what the resampler still holds.
   SoundPlacement place(const SoundRecord& record, double length);
   // Call this before `place`, with the same record, until it returns 0. Returns the samples of
   // silence that fill a gap in front of the record, at most `most` seconds. Silence is encoded in

@@ -18,15 +18,15 @@ struct SoundRecord {
   double drift = 0;   // of the device, set by `DeviceClock`: 1e-6 is 1 ppm slow
 };
 
-// Whether a record has an id above `lastID` (that of the sound before it, or 0) and whole samples:
-// at least one, at most a quarter of a second.
+// Whether a record is valid. Its id is above `lastID`: the id of the sound record before it, or 0
+// for the first. It has whole samples: at least one, at most a quarter of a second.
 bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, SoundFormat format);
 
 // Whether sound captured at this time is used: neither too old nor too far ahead. Uptime seconds.
 bool isTimely(double capturedAt, double now);
 
-// Drops the first records until the rest has at most so many seconds, both by its times and by its
-// samples, since a jump of the clock can move times back.
+// Drops the first records until the rest spans at most `seconds`, by its times and by its number of
+// samples. Times alone are not enough, because they go back when a clock jumps back.
 void keepLatest(std::deque<SoundRecord>& records, double seconds, int rate);
 
 }  // namespace lumora

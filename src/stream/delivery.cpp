@@ -53,7 +53,7 @@ void VideoEncoder::sweepPeers() {
     if (isOverdue(*peer, now)) overdue.push_back(peer);
   }
   for (const auto& peer : overdue) {
-    // A reset also discards what the kernel holds for a peer that does not read.
+    // Without a reset, the kernel would keep unsent bytes for a peer that does not read.
     if (peer->authenticated) peer->connection->reset();
     remove(peer->id);
   }

@@ -7,7 +7,7 @@
 namespace lumora {
 namespace {
 
-constexpr double smoothing = 0.125;  // weight of the latest round trip
+constexpr double smoothing = 0.125;  // weight of the latest value in an average
 
 double milliseconds(double from, double to) { return std::max((to - from) * 1000.0, 0.0); }
 

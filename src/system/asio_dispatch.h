@@ -14,8 +14,8 @@ namespace lumora {
 class AsioQueue final : public SerialQueue {
  public:
   explicit AsioQueue(const std::string& label);
-  // Doesn't wait. The thread runs what was enqueued and ends by itself. The destructor may run on
-  // that thread.
+  // Doesn't wait for the queue's thread, which runs what was enqueued and then ends. The destructor
+  // may run on that thread.
   ~AsioQueue() override;
   AsioQueue(const AsioQueue&) = delete;
   AsioQueue& operator=(const AsioQueue&) = delete;

@@ -21,7 +21,7 @@ class AsioConnection final : public TcpConnection,
 
   void setEndHandler(EndHandler handler) override { endHandler_ = std::move(handler); }
 
-  // The socket is connected already; only its option is left to set.
+  // The socket is connected already. Only TCP_NODELAY is left to set.
   void start() override {
     error_code error;
     socket_.set_option(tcp::no_delay(true), error);

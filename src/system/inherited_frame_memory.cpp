@@ -22,7 +22,8 @@ bool canShrink(int descriptor) {
   return seals < 0 || (seals & F_SEAL_SHRINK) == 0;
 }
 
-// Seals don't prevent holes from being punched into huge pages.
+// F_SEAL_SHRINK doesn't stop a parent from punching holes into huge pages. A read of a hole raises
+// SIGBUS if no huge page is free.
 bool isOfHugePages(int descriptor) {
   constexpr std::uint32_t magic = 0x958458f6;  // HUGETLBFS_MAGIC of the kernel's magic.h
   struct statfs system {};

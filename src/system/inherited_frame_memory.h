@@ -9,13 +9,14 @@
 
 namespace lumora {
 
-// Maps the memory behind an inherited descriptor. Null unless it is at least two pages of readable
-// and writable memory that is sealed against shrinking (F_SEAL_SHRINK): a parent that shrinks it
-// would raise SIGBUS in us. Standard streams and hugetlbfs files are refused.
+// Maps the memory behind an inherited descriptor. Returns null unless the memory has at least two
+// pages, is readable and writable, and is sealed against shrinking (F_SEAL_SHRINK). Without the
+// seal, a parent that shrinks it would raise SIGBUS in us. Standard streams and hugetlbfs files are
+// refused.
 std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor);
 
-// Computes the release word: the parent may overwrite all frames up to this id. A frame that is
-// done waits for earlier frames that are still read.
+// Computes the release word: the id up to which the parent may overwrite all frames. A frame that
+// is done waits for earlier frames that are still being read.
 class ReleaseOrder {
  public:
   ReleaseOrder() { frames_.reserve(8); }  // at most 8 frames are read at once
@@ -27,9 +28,9 @@ class ReleaseOrder {
  private:
   struct Frame {
     std::uint64_t id;
-    std::uint64_t latest;  // the latest done frame that waits for this one, else `id`
+    std::uint64_t latest;  // the latest done frame that waits for this one; `id` if none does
   };
-  std::vector<Frame> frames_;  // those that are still read
+  std::vector<Frame> frames_;  // still being read
 };
 
 }  // namespace lumora

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::chrono::seconds longestRemoval{1};
 
-// One name for all spellings of a path. Links are not followed, since that waits for the disk.
+// One name for all spellings of a path. Links are not followed, since following waits for the disk.
 std::filesystem::path nameOf(const std::string& path) {
   return std::filesystem::path(path).lexically_normal();
 }

@@ -19,7 +19,8 @@
 namespace lumora {
 namespace {
 
-// A full HD frame is 8 MB. Through the default pipe of 64 KiB it takes twice as long.
+// A full HD frame is 8 MB. Through the default pipe of 64 KiB it takes twice as long as through one
+// of 1 MiB.
 void enlargePipe(int descriptor) {
   constexpr int pipeBytes = 1 << 20;  // the most that an unprivileged process may ask for
   if (fcntl(descriptor, F_GETPIPE_SZ) < pipeBytes) fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
@@ -41,7 +42,7 @@ constexpr std::string_view unexpectedFailure =
     "{\"type\":\"error\",\"message\":\"unexpected failure\"}\n";
 
 // Libraries abort when they are out of memory, and the runtime aborts for an exception that nobody
-// handles. This keeps our exit statuses 0 and 1 in that case, too.
+// handles. With this handler, the exit status is 0 or 1 even then.
 void endOnAbort(int) {
   if (decidedStatus != undecided && !isSanitized) _exit(decidedStatus);
   [[maybe_unused]] const ssize_t ignored =
@@ -86,7 +87,7 @@ class AsioSignal final : public SignalSource {
   static void waitForNext(const std::shared_ptr<Signals>& signals, const Work& handler) {
     signals->async_wait([signals, handler](const boost::system::error_code& error, int) {
       if (error) return;
-      handler();  // first: it arms the watchdog, which needs no memory
+      handler();  // comes first: it arms the watchdog, and the next line may lack memory
       waitForNext(signals, handler);
     });
   }
@@ -97,7 +98,7 @@ class AsioSignal final : public SignalSource {
 
 #if defined(__SANITIZE_ADDRESS__)
 // Checks twice. While a thread ends, the checker reports memory that the C library is about to free
-// (such as that of a failed `dlopen`). A real leak is still there the second time.
+// (such as what a failed `dlopen` allocated). A real leak is still there the second time.
 void checkForLeaks() {
   if (__lsan_do_recoverable_leak_check() == 0) return;
   usleep(100'000);
@@ -117,8 +118,8 @@ ssize_t PosixProcess::readInput(MutableByteView space) {
     const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
     if (count >= 0) return count;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
-    // Input may be non-blocking. The parent may have made it so. We make output non-blocking, which
-    // changes input, too, if both are one socket or terminal.
+    // Input may be non-blocking. The parent may have made it so. Or input and output are one socket
+    // or terminal: then we made both non-blocking when we changed output.
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     if (poll(&input, 1, -1) < 0) return -errno;
   }
@@ -135,7 +136,7 @@ std::unique_ptr<SignalSource> PosixProcess::onSignal(int signal, Work handler) {
   return std::make_unique<AsioSignal>(signals_, signal, handler);
 }
 
-// Runs no destructors, because they would race with the reader, which is blocked in `read`.
+// Runs no destructors. They would race with the reader, which can't be joined while `read` blocks.
 void PosixProcess::exit(int code) {
   const itimerval never{};
   setitimer(ITIMER_REAL, &never, nullptr);

@@ -1,4 +1,4 @@
-// The tap's stream is pushed to nginx and through SRT, and played from there. Every picture must
+// Pushes the tap's stream to nginx and to an SRT server, and plays it from both. Every picture must
 // arrive as it was encoded, with the time at which the camera took it.
 //
 //   node audience_test.mjs HELPER TAP
@@ -19,8 +19,8 @@ if (!fs.existsSync(modules) || !fs.existsSync('/usr/bin/srt-live-transmit')) {
 }
 const seconds = 10;
 
-// Two runs at the same time hardly ever get the same ports. The system assigns these ports to no
-// other program.
+// Two runs at the same time hardly ever get the same ports. Programs that let the system choose a
+// port get a higher one.
 const [rtmp, udp, srt] = [0, 1, 2].map((i) => 20000 + process.pid % 4000 * 3 + i);
 
 // The decoded pictures of a file: their times in milliseconds since the first, and their digests.
@@ -31,7 +31,8 @@ function pictures(name) {
   return rows.map(([, time, digest]) => ({ time: time - rows[0][1], digest }));
 }
 
-// Fails unless the file's pictures are 9 s or more of the reference, with the same intervals.
+// Fails unless the file's pictures are a part of the reference, of 9 s or more, with the same
+// intervals.
 function assertStretch(name, reference) {
   const got = pictures(name);
   assert.ok(got.length > 0, `${name}: no picture`);

@@ -3,7 +3,8 @@
 import { after } from 'node:test';
 import { chromium } from 'playwright-core';
 
-// Without this software GPU, Chromium converts colours with seven bits, and blue is off by 12.
+// Without SwiftShader, a software GPU, Chromium converts colours with seven bits, and blue is off
+// by 12.
 export const browser = await chromium.launch({
   executablePath: process.argv.at(-1),
   args: ['--allow-file-access-from-files', '--disable-quic', '--disable-sync', '--use-gl=angle',

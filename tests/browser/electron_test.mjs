@@ -1,5 +1,5 @@
 // The Electron example without Electron: its page in Chromium, its recorder in Node. Stand-ins for
-// Electron's ports are between them. Everything is compiled with TypeScript.
+// Electron's ports are between them. The whole example is compiled with TypeScript.
 //
 //   node electron_test.mjs HELPER CHROMIUM    client/node must be built
 
@@ -35,7 +35,8 @@ function build(application) {
   execFileSync(process.execPath, [compiler, '-p', application], { stdio: 'inherit' });
 }
 
-// Runs in the page, as the preload script does. Binary data travels as text.
+// Runs in the page and gives it the ports, in place of the preload script. Binary data travels as
+// text.
 function connect(names) {
   const channels = names.map(() => new MessageChannel());
   const asText = (data) => {
@@ -101,7 +102,7 @@ test('the example shows its camera, and saves takes with sound when told and on 
   const record = async () => {
     await page.getByRole('button', { name: 'Record' }).click();
     await page.getByRole('button', { name: 'Stop' }).waitFor();
-    const [frames, pictures] = [written + 30, drawn + 1]; // 30 frames last for two beeps
+    const [frames, pictures] = [written + 30, drawn + 1]; // the microphone beeps twice meanwhile
     while (written < frames || drawn < pictures) await once(recorder, 'message');
   };
   while (await colours() < 2); // an empty canvas has one

@@ -107,7 +107,8 @@ for (const [name, end] of Object.entries(endings)) {
       heard += noise.length / sound.rate;
     }
     await end(helper, take);
-    const movie = (await saved) ?? take.path; // browsers play no file named "*.partial"
+    // A killed helper leaves the file at `stagingPath`. Browsers play no file named "*.partial".
+    const movie = (await saved) ?? take.path;
     if (fs.existsSync(take.stagingPath)) fs.renameSync(take.stagingPath, movie);
     const { pixels, duration, soundBytes } = await show(movie, 1.5);
     assert.ok(duration > 2 && soundBytes > 0, `${duration} s, ${soundBytes} bytes of sound`);

@@ -66,7 +66,7 @@ function watchClock() {
     const [, id] = /"shown","frame_id":(\d+)/.exec(text) ?? [];
     if (!id) return;
     const now = performance.timeOrigin + performance.now();
-    const card = globalThis.shown.length % 25 === 0 ? readCard() : undefined; // reading takes long
+    const card = globalThis.shown.length % 25 === 0 ? readCard() : undefined; // reading it is slow
     globalThis.shown.push({ now, captured: id / 1000, card });
   };
 }
@@ -118,7 +118,8 @@ test('a viewer with its own helper shows its card, recovers a take and makes one
   const part = await fetch(movie, { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
-  // Refusal and movie stay on the page although the helper repeats the last event of the take.
+  // The helper repeats the last event of the saved take. The page still shows that take's movie,
+  // and why the viewer refuses the next take.
   await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
   await sleep(1500);

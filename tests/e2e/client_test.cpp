@@ -117,7 +117,7 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
       {{.program = helperProgram(), .token = token, .arguments = {"--unknown"}},
        "the helper did not start: invalid helper configuration"},
-      // The helper must not listen on another address of that name instead.
+      // The port is in use at the first address of localhost. The helper must not try another one.
       {{.program = helperProgram(), .arguments = {"--host", "localhost", "--port", taken}},
        "the helper did not start: video listener failed"},
       {{.program = "/bin"}, "there is no program at /bin"},
@@ -183,7 +183,7 @@ TEST_F(Client, ATakeEndsAtItsStopTimeEvenIfTheHelperEndsRightAfterwards) {
   client::Helper camera(options());
   Take take = startTake(camera);
   feed(camera, 31, {1920, 1080});
-  // When the stop arrives, the helper has not encoded the last frame yet.
+  // When the command to stop the take arrives, the helper has not encoded the last frame yet.
   kill(camera.pid(), SIGSTOP);
   feed(camera, 1, {1920, 1080});
   take.stop(client::Uptime::now() - Seconds(0.3));

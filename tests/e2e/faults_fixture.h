@@ -60,8 +60,8 @@ struct Faults : HelperTest {
     EXPECT_TRUE(isHeard || !helper->hasOutput()) << said;
     return states;
   }
-  // Runs the helper for a short take beside a client. If a call has failed, `withAnother` adds a
-  // second take. Only an end of the helper may make this take fail.
+  // Runs the helper with one client and records a short take. If a call has failed, `withAnother`
+  // adds a second take. The second take may fail only if the helper ends.
   client::Exited run(const std::string& faults, bool withAnother) {
     if (startWith(faults)) {
       std::unique_ptr<client::StreamClient> viewer;
@@ -85,9 +85,9 @@ struct Faults : HelperTest {
     helper.reset();
     return exit;
   }
-  // Makes the calls of a kind fail, one in each run, and calls `look` after each run. Each of
-  // the first calls gets a run. After these, more and more calls are skipped. With sound there are
-  // fewer runs, because the same calls fail without sound, too.
+  // Makes the calls of a kind fail, one in each run. `look` judges each run. Each of the first
+  // calls gets a run. After these, more and more calls are skipped. With sound there are fewer
+  // runs, because the runs without sound already cover most of the calls.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
     const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
@@ -103,7 +103,8 @@ struct Faults : HelperTest {
     }
     EXPECT_GT(nth, next(1)) << call << " never occurs";
   }
-  // Expects exit status 0, or 1 after an error event, and one end of each take.
+  // Expects exit status 0, or 1 after an error event. A take that starts must be either saved or
+  // failed.
   void judge(const client::Exited& exit, const std::string& kind) {
     EXPECT_EQ(exit.signal, 0);
     EXPECT_TRUE(exit.status == 0 || exit.status == 1) << exit.status;
@@ -136,7 +137,7 @@ struct Faults : HelperTest {
   bool hasSound = false;
 
   // What the helper has said.
-  std::map<std::string, std::map<std::string, std::string>> takes;  // path by state, by id
+  std::map<std::string, std::map<std::string, std::string>> takes;  // id -> state -> path
   std::string error, said;
 };
 

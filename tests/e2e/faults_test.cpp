@@ -15,11 +15,13 @@ INSTANTIATE_TEST_SUITE_P(, FaultyTakes, testing::Bool(), [](const auto& test) {
 
 TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   const std::string noRename = "renameat2:0:22,";  // a file system that can't rename exclusively
-  const std::string noRoom = "fallocate:0:95,";    // or can't reserve room
+  const std::string noRoom = "fallocate:0:95,";    // a file system that can't reserve room
   const std::string recovered = recoveredPath();
-  // Each has the call, what fails in every run, and the path that is saved unless the call fails.
+  // Each has the call that the sweep makes fail, the faults that every run has, and the path at
+  // which the movie is saved if that call succeeds (empty: it is not saved).
   std::vector<std::array<std::string, 3>> kinds;
-  // A sanitizer has a heap of its own, and looks at memory through pipes.
+  // `malloc` and `pipe` fail only in builds without a sanitizer. A sanitizer has a heap of its own,
+  // and calls `pipe` itself.
   if (!hasSound) {
     kinds = {{"write", noRoom, path}, {"link", noRename, path}, {"unlink", noRename, path}};
     if (!sanitized) {
@@ -57,7 +59,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   }
 }
 
-// From the third fragment on, no allocation succeeds on any thread.
+// From the second fragment (the file's third write) on, no allocation succeeds on any thread.
 TEST_F(Faults, WithoutMemoryTheHelperExitsWithOneAndTheMovieStays) {
   if (sanitized) GTEST_SKIP() << "the sanitizer's heap can't fail";
   ASSERT_TRUE(startWith("fallocate:3:95,malloc:0"));
@@ -82,7 +84,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
       return told["state"] == "saved" || told["state"] == "failed";
     });
   };
-  EXPECT_EQ(end()["error"], "Input/output error");  // comes after 1 s; the removal takes 6 s
+  EXPECT_EQ(end()["error"], "Input/output error");  // told after 1 s; the removal takes 6 s
   ASSERT_TRUE(std::filesystem::remove(stagingPath()));
   path = folder / "." / std::filesystem::path(path).filename();  // another spelling
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");

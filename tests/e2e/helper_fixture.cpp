@@ -136,7 +136,8 @@ void expectKeys(const Event& event, const Event& wanted) {
 }
 
 void HelperTest::SetUp() {
-  // So that a write to an ended helper only fails. Unlike SIG_IGN, a handler is not inherited.
+  // Without a handler, a write to an ended helper would end the test. SIG_IGN would do, too, but
+  // the helper would inherit it.
   std::signal(SIGPIPE, [](int) {});
   std::string name = (std::filesystem::temp_directory_path() / "lumora-test-XXXXXX").string();
   ASSERT_NE(mkdtemp(name.data()), nullptr);
@@ -204,7 +205,7 @@ void HelperTest::feedUntil(const std::function<bool()>& isEnough, FrameSize size
     std::this_thread::sleep_until(due);
     due += std::chrono::microseconds(std::lround(1e6 / framesPerSecond));
     feed(size, pictures[i % pictures.size()]);
-    if (HasFatalFailure()) return;  // the helper has ended
+    if (HasFatalFailure()) return;  // the helper has ended or hangs
   }
 }
 

@@ -88,13 +88,14 @@ std::string fileOf(const std::string& path, const Pixels& bytes);  // returns th
 inline const std::string exactScale = "scale=flags=accurate_rnd+full_chroma_int+full_chroma_inp";
 // Runs ffmpeg, and expects that it prints no error.
 void ffmpeg(const std::string& arguments);
-// Lets ffmpeg write an RGBA picture to `file`. The arguments begin with filters.
-// Returns the bytes of the file.
+// Lets ffmpeg convert an RGBA picture to `file`. `arguments` begins with the filters, without
+// "-vf". Returns the bytes of the file.
 Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments);
 
-// Expects a file without errors, whose last picture has this `size` and shows a frame of the size
-// `camera` in these colours, between black bars if the shapes differ.
+// Expects that ffmpeg reads the file without errors, and that its last picture has this `size`. The
+// picture must show a frame of the size `camera` in these colours, between black bars if the shapes
+// of the two differ.
 void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
                     const Quarters& colours = usualColours);
 
@@ -181,7 +182,8 @@ class HelperTest : public testing::Test {
   std::vector<Packet> stream(FrameSize size, const Pixels& picture, int count);
   std::string writeStream(const std::vector<Packet>& packets) const;  // returns the file's path
 
-  // A take at `path`. The keys are added to the command. A saved movie must have no errors.
+  // These start, stop and save the take at `path`. The keys are added to the command. `saveTake`
+  // expects a movie without errors.
   void startTake(Event keys = Event::object()) {
     keys.update({{"type", "record_start"}, {"id", takeID}, {"path", path}});
     helper->writeCommand(keys);

@@ -60,7 +60,7 @@ TEST_F(Input, StrangersGetNothingAndDisturbNobody) {
   start();
   Watcher watcher(connectClient());
   startTake();
-  // Nobody reads the events meanwhile. The pipe holds about 400.
+  // While the camera runs, nobody reads the events. The pipe has room for those of a minute.
   std::jthread camera(
       [this](const std::stop_token& stop) { feedUntil([&] { return stop.stop_requested(); }); });
   std::vector<std::unique_ptr<client::StreamClient>> strangers;

@@ -1,5 +1,5 @@
-// Pictures of takes and the preview, for frames of every format and size. ffmpeg makes the frames,
-// and judges what becomes of them.
+// Pictures of takes and the preview, for frames of every format and of many sizes. ffmpeg converts
+// frames to the formats, and judges the pictures.
 
 #include <gmock/gmock.h>
 
@@ -16,11 +16,11 @@ using enum client::FirstRow;
 using enum client::ColourMatrix;
 using enum client::ColourRange;
 
-// What every picture shows. No colour is so bright or dark that a conversion clips it.
+// What most pictures show. No colour is so bright or dark that a conversion clips it.
 constexpr Quarters colours = {{{200, 40, 40}, {230, 230, 230}, {40, 180, 60}, {40, 50, 200}}};
 
 struct FrameFormats : HelperTest {
-  // The picture as a camera of this format delivers it. `pixels`: ffmpeg's name of the encoding.
+  // The picture as a camera delivers it in `format`. `pixels`: ffmpeg's name of the encoding.
   Pixels picture(FrameSize size, const std::string& pixels) const {
     const bool isJPEG = format.encoding == mjpeg;
     const bool isFull = isJPEG || format.range == full;
@@ -32,7 +32,7 @@ struct FrameFormats : HelperTest {
                     (isJPEG ? " -q:v 2 -f mjpeg" : " -f rawvideo"));
   }
 
-  // Saves a take without bars and one with bars, whose picture has an odd width.
+  // Saves a take without bars, and a take with bars beside a picture of odd width.
   void expectTakes(const std::string& pixels) {
     SCOPED_TRACE(format.text());
     const bool isRGB = format.encoding <= bgr24;
@@ -90,7 +90,7 @@ TEST_F(Preview, IsUprightInTheRightColoursAndBaselineAtEverySize) {
         {{1920, 1080}, {2, 2}, {"--preview-width", "2", "--preview-height", "2"}}}) {
     SCOPED_TRACE(text(camera) + " to " + text(preview));
     start(arguments);
-    // One colour where there is only one sample of chroma.
+    // A preview of 2x2 has only one sample of chroma, so it shows one colour.
     constexpr Rgb grey{90, 120, 150};
     const Quarters shown = preview.width == 2 ? Quarters{grey, grey, grey, grey} : colours;
     const auto packets = stream(camera, quarters(camera, shown), 70);
@@ -126,7 +126,7 @@ using SharedFrames = HelperTest;
 // Every frame is plain. Contrast in a picture shows that a frame was overwritten while it was read.
 TEST_F(SharedFrames, AreNotReadAfterTheirRelease) {
   transport = client::FrameTransport::memory;
-  const FrameSize size{1080, 720};  // also the take's, whose encoder then reads from the slot
+  const FrameSize size{1080, 720};  // also the take's: its encoder reads RGBA and NV12 in the slot
   const int pictures = sanitized ? 100 : 400;
   for (const auto encoding : {rgba, nv12, yuyv}) {
     format = {encoding};

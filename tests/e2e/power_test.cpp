@@ -1,4 +1,4 @@
-// What a power cut would leave on the disk, while calls fail and while all calls work.
+// What is left of a take after a call has failed, and what a power cut would leave of it.
 
 #include <lumora/recover.h>
 
@@ -25,8 +25,8 @@ struct DiskContents {
     durable = with(0, pending.size());
     pending.clear();
   }
-  // The file with the pending writes `first` to `last` - 1, the last one with only `bytesOfLast`
-  // of its bytes. Gaps are zeros.
+  // The file with the pending writes `first` to `last` - 1. Of write `last` - 1 it has only the
+  // first `bytesOfLast` bytes. Gaps are zeros.
   Pixels with(std::size_t first, std::size_t last, std::size_t bytesOfLast = SIZE_MAX) const {
     Pixels file = durable;
     for (std::size_t i = first; i < last; ++i) {
@@ -39,7 +39,7 @@ struct DiskContents {
   }
 };
 
-// Calls `look` for each call of a log, with the disk after that call.
+// Goes through a log, and calls `look` after each entry, with the disk as it is then.
 void replay(const std::string& log,
             const std::function<void(const DiskLogEntry&, const DiskContents&)>& look) {
   DiskContents disk;
@@ -67,7 +67,8 @@ Decoded recover(const std::filesystem::path& staging, const Pixels& left) {
   return movie;
 }
 
-// Each call fails alone, or in the rescue after a failed sync of the pictures' second fragment.
+// In some runs one call fails. In the others the sync of the pictures' second fragment fails, and
+// then one call in the rescue.
 TEST_P(FaultyTakes, KeepEverythingThatWasSyncedWhateverFails) {
   if (sanitized) GTEST_SKIP() << "the clock of a sanitized helper can't run faster";
   const std::string log = folder / "log";
@@ -128,7 +129,7 @@ TEST_P(FaultyTakes, LoseAtMostASecondByAPowerCutAndNothingOnceTheyAreSaved) {
   const int all = saveTake()["frames"];
   EXPECT_EQ(finish(), 0);
 
-  // A fragment has half a second at most. Of the written fragments, at most one is lost.
+  // A fragment of half a second has 32 frames at most. At most one written fragment is lost.
   constexpr int fragment = 32;
   const auto framesOf = [&](const Pixels& file) {
     return countFrames(fileOf(folder / "cut.mp4", file));

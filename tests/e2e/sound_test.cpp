@@ -22,7 +22,7 @@ struct Sound : HelperTest {
       feed(size, plain(size, now >= flash - 1e-6 ? Rgb{255, 255, 255} : Rgb{0, 0, 0}));
     }
   }
-  // When the movie's first white picture was captured. A slow helper may have dropped earlier ones.
+  // When the movie's first white picture was captured. A slow helper may drop white ones before it.
   double firstWhite() const {
     std::ifstream log(path + ".frames.csv");
     for (std::string line; std::getline(log, line);) {

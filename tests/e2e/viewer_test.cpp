@@ -1,4 +1,4 @@
-// The viewer as a program. In place of its page, the tests talk to its socket.
+// The viewer as a program. The tests talk to its socket, as its page does.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -138,7 +138,7 @@ TEST_F(Viewer, RecordsATestCardThatFlashesAndBeepsAtTheSameInstant) {
   for (std::size_t i = 0; i + 1 < std::min(flashes.size(), beeps.size()); ++i)
     offsets.push_back(beeps[i] - flashes[i]);
   ASSERT_GE(offsets.size(), 2u);
-  std::ranges::sort(offsets);  // a busy machine may have lost the first picture of a flash
+  std::ranges::sort(offsets);  // for the median: a busy machine may lose the start of a flash
   EXPECT_NEAR(offsets[offsets.size() / 2], 0, 0.01);
 }
 
@@ -160,7 +160,8 @@ TEST_F(Viewer, ExitsWithStatusOneWhenATakeIsLost) {
   EXPECT_EQ(viewer->wait(Seconds(20)).value().status, 1);
 }
 
-// The viewer's ffmpeg for each input waits for a writer of a named pipe, and ignores SIGTERM.
+// The viewer starts an ffmpeg for each input. Here each ffmpeg waits for a writer of a named pipe,
+// and ignores SIGTERM.
 TEST_F(Viewer, EndsAHangingCameraAndSoundDeviceWhenItEnds) {
   const std::string camera = folder / "camera", device = folder / "device";
   ASSERT_EQ(mkfifo(camera.c_str(), 0600) | mkfifo(device.c_str(), 0600), 0);

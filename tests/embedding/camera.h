@@ -1,4 +1,4 @@
-// The camera of the README's example: a second of grey pictures.
+// The camera of the README's example: a second of pictures of one colour each.
 
 #include <unistd.h>
 

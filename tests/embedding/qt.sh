@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the Qt example without a screen: with a helper that does not start, with a take that can't
+# Runs the Qt example without a screen: with a helper that ends at once, with a take that can't
 # start, and with a take that is saved.
 #
 #   tests/embedding/qt.sh EXAMPLE HELPER

@@ -1,5 +1,6 @@
 // Stands in for a camera. Linked into the V4L2 example, it answers the calls for "/dev/camera". It
-// always shows the same picture of 320 x 240, but every third delivery is broken, and flagged so.
+// always shows the same picture of 320 x 240. But every third picture is broken, and has the error
+// flag.
 //
 //   CAMERA   a file with that picture: NAME.nv12 (601, limited range) or NAME.yuyv (709, full
 //            range), both with rows padded to twice their length, or NAME.jpg
@@ -21,7 +22,7 @@
 namespace {
 
 constexpr unsigned width = 320, height = 240;
-constexpr unsigned bufferBytes = width * 2 * 2 * height;  // of YUYV
+constexpr unsigned bufferBytes = width * 2 * 2 * height;  // of padded YUYV, the largest
 constexpr unsigned bufferCount = 3;
 
 int memory = -1;  // of the buffers; also the camera's descriptor

@@ -4,8 +4,9 @@
 
 namespace lumora::tests {
 
-// One call for the logged folder or its only file, or a call of any kind that was made to fail or
-// wait. The entry of a write is followed by the `size` bytes that were written.
+// One call on the logged folder or on a file in it, any rename, or a call of any kind that was made
+// to fail or wait. An entry does not name the file, so the folder should have only one. The entry
+// of a write is followed by the `size` bytes that were written.
 struct DiskLogEntry {
   enum Kind : std::uint64_t { written, synced, namesSynced, renamed, truncated, failed };
   Kind kind;

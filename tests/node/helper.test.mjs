@@ -74,7 +74,7 @@ test('a take is saved while two clients watch, and the token leaks nowhere', asy
     readFileSync(`/proc/${helper.pid}/cmdline`, 'latin1')];
   assert.deepEqual(await helper.stop(), { code: 0, signal: null });
   for await (const { raw } of events) told.push(raw);
-  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // no `exit` line
+  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // '' for `exit`
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
 
@@ -186,7 +186,7 @@ test('connecting has a time limit, and can be closed and aborted', async (contex
   }
   await stopped(server);
   await assert.rejects(Promise.all([1, 2, 3].map(() => connectStream(to))), { code: 'UNREACHABLE' });
-  // Each of these connects once more, to find out why it was closed.
+  // Each closed client connects once more, to find out why it was closed.
   const [late, aborted, ended] = closed.map((client) => client[Symbol.asyncIterator]().next());
   await assert.rejects(late, { code: 'CLOSED' });
   closed[2].close();
@@ -223,7 +223,7 @@ test('a take ends at its stop time even if the helper is stopped right afterward
   const take = await helper.startTake({ path: inFolder('stopped.mp4'), ...profile });
   const until = uptime() + 1;
   await feedUntil(helper, () => uptime() > until);
-  await suspend(helper); // so that the stop arrives before the frame is encoded
+  await suspend(helper); // so that the stop arrives before the last frame is encoded
   const [, last] = [1, 2].map(() => helper.writeFrame(size, dark).done);
   const saved = take.stop({ stoppedAt: uptime() - 0.3 });
   helper.writeFrame(size, dark); // does not replace the last frame before the stop

@@ -1,5 +1,5 @@
-// Runs the JavaScript examples of the READMEs. Takes go into another folder than /videos. Stand-ins
-// replace the camera and the comment "some time later".
+// Runs the JavaScript examples of the READMEs. Takes go into another folder than /videos. A
+// stand-in replaces the camera, and an `await` replaces the comment "some time later".
 
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';

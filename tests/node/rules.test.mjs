@@ -181,7 +181,7 @@ test('a take sends its options, refuses bad ones, and reports how it ended', asy
     bitRate: 3e5, rotation: 90, frameLog: true, resolution: '640x360', sound: true,
     soundBitRate: 64e3 });
   tell({ id: sent[2].id, state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free',
-    frame_log_error: 'full' }); // a parent that reads slowly may lose the events before
+    frame_log_error: 'full' }); // if the parent reads slowly, `starting` may be lost
   const { id, startedAt, saved } = await others;
   const { framesInMovie, stoppedFor, frameLogError } = await saved;
   assert.deepEqual([framesInMovie, stoppedFor, frameLogError], [8, 'minimum_free', 'full']);
@@ -295,7 +295,7 @@ test('frames of a port are written or refused, and answered', async (context) =>
   for (const [format, code] of [['rgba,top', 'FORMAT_CHANGED'], ['none', 'INVALID_ARGUMENT']]) {
     await assert.rejects(write({ format, size, pixels }), { code });
   }
-  assert.deepEqual(written.slice(1), [Buffer.from(pixels)]); // after its header
+  assert.deepEqual(written.slice(1), [Buffer.from(pixels)]); // the first is the header
   // The second frame is refused before the first is written. The answers keep the frames' order.
   const [first, second] = await Promise.allSettled(['rgba', 'nv12'].map((format) =>
     write({ format, size, pixels })));
@@ -323,7 +323,7 @@ test('drawn frames are acknowledged; a page that is behind waits for a key frame
   async function* packets() {
     yield* [configuration(64), picture(1, true), picture(2)];
     assert.deepEqual(acknowledged, []);
-    for (const id of [9, 2, 1]) draw(id); // 9 is of an earlier client, 1 is late
+    for (const id of [9, 2, 1]) draw(id); // 9 is of an earlier client, 2 includes 1
     yield picture(3);
     await overdue();
     assert.ok(!isClosed);

@@ -5,7 +5,8 @@ source "$(dirname "$0")/../npm.sh"
 buildClient
 (cd "$client" && npm run --silent check)
 
-# The viewer's page has modules that "npm run page" makes of the client's sources.
+# "npm run page" makes some modules of the viewer's page from the client's sources. These modules
+# must be up to date.
 (cd "$client" && npm run --silent page -- --outDir dist/page)
 for module in "$client"/dist/page/*; do diff "$tests/../tools/viewer/page" "$module"; done
 

@@ -1,5 +1,5 @@
-// Takes on fakes: commands, the timeline and losses of the recorder, the log of their frames,
-// failures, events.
+// Takes on fakes: commands, the movie's timeline, dropped samples, the log of frames, failures,
+// events.
 
 #include "client/records.h"
 #include "encode/session_settings.h"
@@ -86,7 +86,7 @@ TEST_F(LoggedTakes, BeginAtZeroAndSayWhatBecameOfEachFrameInTheOrderOfReading) {
   probe.put(client::commandRecord(R"({"type":"record_stop","id":")" + takeID + "\"}"));
   put(12);
   probe.readAll();
-  EXPECT_EQ(writer().takeLines(), "");  // frame 6 is held back, and so are the later lines
+  EXPECT_EQ(writer().takeLines(), "");  // frame 6 is not written yet, so all lines wait
   probe.answer(deltaSample());
   const Submitted wanted = {{1, true}, {2, true}, {3, false}, {4, true}, {5, true}, {6, false}};
   EXPECT_EQ(probe.lastSession().submitted, wanted);
@@ -229,7 +229,7 @@ TEST_F(Takes, SayThatTheyHaveFailedBeforeTheProcessEnds) {
     probe.lastSession().answer(-22, nullptr);
     probe.queue->run();
     (*probe).shutdown(0);
-    EXPECT_TRUE(probe.process->exitCodes.empty());  // the take's queue has not ended the take
+    EXPECT_TRUE(probe.process->exitCodes.empty());  // the process waits for the take's queue
     EXPECT_EQ(sendStart().at(0)["error"], "recording destination or state is invalid");
     inTime ? probe.run() : (*probe).exitNow(0);
     expectKeys(probe.process->takeEvent("recording"), {{"error", "camera encoding failed (-22)"}});
@@ -246,7 +246,7 @@ TEST_F(Takes, ReportProgressOnceASecondAndThenRepeatTheirOutcome) {
   probe.tickAt(1002.6);
   probe.run();
   expectKeys(probe.process->takeEvent("recording"), {{"frames", 1}, {"duration", 0.5}});
-  // A disk failure ends the progress reports at once, before the next sample fails the take.
+  // A disk failure ends the progress reports at once. The take fails only at its next sample.
   writer().problem = "No space left on device";
   probe.tickAt(1003.7);
   EXPECT_TRUE(events("recording").empty());

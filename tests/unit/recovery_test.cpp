@@ -1,5 +1,5 @@
-// The recovery of interrupted takes from real files: cut off anywhere, torn, with a name that is
-// taken. libavformat reads the movies.
+// Interrupted takes are recovered from real files. A file is cut off anywhere, other bytes follow
+// the cut, or the new name is in use. libavformat reads the movies.
 
 #include <gmock/gmock.h>
 #include <stdlib.h>
@@ -41,10 +41,11 @@ struct Recovery : testing::Test {
     std::ofstream(staging, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
   }
-  // As if an hour had passed: a file younger than a minute is left, as it may still be recorded.
+  // Recovers as if an hour had passed. A file younger than a minute stays untouched, because its
+  // recording may still be running.
   RecoveredTake recover() const { return recoverTake(staging, std::time(nullptr) + 3600); }
-  // A movie of seven samples, as a crash leaves it when the tables are written, but not yet the new
-  // head. It may have sound up to its end.
+  // A movie of seven pictures, as a crash leaves it: the tables are written, the new head is not.
+  // With `hasSound` the movie has sound up to its end.
   Bytes interrupted(bool hasSound = false) const {
     std::filesystem::remove(staging);
     std::string error;
@@ -68,7 +69,7 @@ struct Recovery : testing::Test {
     return bytes;
   }
 
-  // Expects an ordinary movie of so many samples and packets of sound.
+  // Expects an ordinary movie with so many pictures and so many packets of sound.
   void expectMovie(const std::string& path, std::size_t samples, std::size_t packets = 0) const {
     const Bytes bytes = load(path);
     EXPECT_EQ(integerBE<std::uint32_t>(bytes, placeholderOffset()), 1u);  // a 64-bit size follows
@@ -136,8 +137,9 @@ TEST_F(Recovery, KeepsTheSamplesInFrontOfACut) {
       if (HasFailure()) return;
     }
     const MovieTrack empty{.id = 1, .picture = keySample()->format()};
-    const Bytes behind = fragmentStart(0, 9, empty, {{20, 1000, true}});  // at a wrong time, 0
-    bytes.resize(ends.back());                                            // without the tables
+    // The time of this fragment is 0, which is wrong behind other fragments.
+    const Bytes behind = fragmentStart(0, 9, empty, {{20, 1000, true}});
+    bytes.resize(ends.back());  // without the tables
     const Bytes sample(bytes.end() - 20, bytes.end());
     for (const Bytes& part : {behind, sample}) bytes.insert(bytes.end(), part.begin(), part.end());
     place(bytes);

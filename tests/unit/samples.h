@@ -1,13 +1,13 @@
 #pragma once
 
-// Encoded samples for tests: NAL units with the given headers, and parameter sets.
+// Encoded samples for tests: their NAL units have given headers, their format has parameter sets.
 
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
 
 namespace lumora {
 
-// One unit per header. Each has `unitBytes` bytes: the header, then 0x11 in all others.
+// A sample with one unit per header. Each unit has `unitBytes` bytes: a header, then bytes of 0x11.
 inline std::shared_ptr<const EncodedSample> makeSample(const std::vector<std::uint8_t>& headers,
                                                        std::size_t unitBytes = 4) {
   Bytes data;

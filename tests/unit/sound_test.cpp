@@ -52,10 +52,10 @@ TEST(DeviceClock, HoldsRecordsWithUnexpectedTimesUntilTheyAreCertain) {
   EXPECT_EQ(add(1), 4u);
   int held = 0;
   for (double late = 2; add(late) == 0; late += 0.03) ++held;  // no two records agree
-  EXPECT_NEAR(held, 12, 1);                                    // 0.6 s by their times
+  EXPECT_NEAR(held, 12, 1);                                    // their times span 0.6 s
   held = 0;
   for (double late = 9; add(late) == 0; late -= 0.019) ++held;  // all are read at once
-  EXPECT_NEAR(held, 100, 1);                                    // two seconds by their length
+  EXPECT_NEAR(held, 100, 1);                                    // their sound lasts two seconds
   EXPECT_EQ(add(1), 0u);
   EXPECT_EQ(clock.flush().size(), 1u);
 }
@@ -63,7 +63,7 @@ TEST(DeviceClock, HoldsRecordsWithUnexpectedTimesUntilTheyAreCertain) {
 TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
   DeviceClock clock(48000);
   double captured = 10;
-  double off = 0;    // seconds between the last record's stated time and the clock's
+  double off = 0;    // seconds between the stated and the smoothed time of the last record
   double drift = 0;  // as the clock measures it
   const auto add = [&](double late) {
     const double stated = std::exchange(captured, captured + 0.05 * (1 + 1e-4)) + late;
@@ -91,7 +91,7 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
   for (int i = 0; i < 600; ++i) add(0.06);
   EXPECT_EQ(add(0.04) + add(0.04) + add(0.04), 0u);
   EXPECT_EQ(add(0.04), 4u);
-  EXPECT_EQ(add(0.06), 0u);  // the step to 0.06 was too long ago for scatter
+  EXPECT_EQ(add(0.06), 0u);  // the step to 0.06 was long ago, so this is no scatter
 }
 
 TEST(DeviceClock, FollowsASteadyParentThatWritesTwoRecordsAtATime) {
@@ -167,7 +167,7 @@ struct Take {
   double worst = 0;        // seconds off
   double afterAnHour = 0;  // seconds off
   int mostCompensation = 0;
-  int mostChanged = 0;  // `compensation`, from one record to the next
+  int mostChanged = 0;  // the largest change of `compensation` between two records
 
   double seconds(std::int64_t samples) const { return static_cast<double>(samples) / device.rate; }
 
@@ -239,7 +239,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
     EXPECT_LE(take.worst, 0.010) << device.what;
     EXPECT_LE(take.afterAnHour, 0.002 + device.delay) << device.what;
     EXPECT_LE(take.mostCompensation, 550) << device.what;
-    EXPECT_LE(take.mostChanged, 26) << device.what;  // 100 ppm a second, in 0.25 s
+    EXPECT_LE(take.mostChanged, 26) << device.what;  // at 100 ppm a second, in a record of 0.25 s
     EXPECT_EQ(take.placing.gaps(Take::end), device.gaps) << device.what;
     EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.004 * (1 + device.gaps))
         << device.what;
@@ -309,7 +309,7 @@ void keepTone(int rate, int channels, int seconds, int ppm, int jump) {
   for (int begin = 4096; begin < (seconds - 1) * trackRate; begin += 2048) {
     if (jump == 0)
       expectTone(left.data() + begin, begin * step, step, channels == 1 ? 0.001 : 0.02);
-    // This filter removes the tone, even 500 ppm off, and leaves only clicks.
+    // This filter removes the tone, even if its frequency is 500 ppm off. Only clicks are left.
     for (auto at = left.begin() + begin; at < left.begin() + begin + 2048; ++at)
       ASSERT_LT(std::abs(at[0] - 2 * std::cos(step) * at[-1] + at[-2]), 0.0005) << begin;
   }

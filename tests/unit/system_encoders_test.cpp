@@ -89,7 +89,7 @@ TEST_F(EncoderPoolTest, OpensOneEncoderAheadForEachKindOfSessionWithItsLatestSet
   EXPECT_FALSE(isAhead(take));
   EXPECT_TRUE(isAhead(slowTake));
   openAhead(request(take));
-  EXPECT_FALSE(isAhead(take));  // a session that comes before the opening opens its own
+  EXPECT_FALSE(isAhead(take));  // none is open yet, so the session opens its own
   opener->run();
   EXPECT_EQ(driver->asked, 5);
 }
@@ -131,7 +131,7 @@ TEST_F(EncoderPoolTest, OpensTheLikeliestTakeAheadUnlessAnotherTakeHasStarted) {
                                          dispatch, PicturePool::make(), driver->factory());
     encoders->warmUp(take, take);
     if (hasStarted) encoders->openAhead(slowTake), dispatch->queues.at(0)->run();
-    std::exchange(dispatch->detached, {}).at(0)();  // this work owns the encoders
+    std::exchange(dispatch->detached, {}).at(0)();  // the work owns the encoders, so it is dropped
     opener->run();
     dispatch->queues.at(0)->run();
     EXPECT_EQ(driver->asked, hasStarted ? 2 : 1);
@@ -193,7 +193,7 @@ TEST_F(HardwareEncoders, AreWaitedForUpToASecondWhileOneIsReleasedUnlessTheSessi
 }
 
 using Session = std::shared_ptr<CompressionSession>;
-using Answer = std::pair<Status, std::uint32_t>;  // for a picture; its info flags
+using Answer = std::pair<Status, std::uint32_t>;  // to a picture: status, info flags
 
 // System encoders on real queues. Only the test's thread creates sessions.
 struct EncoderRun {
@@ -220,7 +220,7 @@ struct EncoderRun {
     EXPECT_EQ(session->prepareToEncodeFrames(), 0);
     return session;
   }
-  // The session's answer for a picture, or the status of its creation if there is no session.
+  // The session's answer to a picture. If there is no session: the status of `createSession`.
   Answer encodeOne(const Session& session) const {
     if (!session) return {created, 0};
     std::shared_ptr<PixelBuffer> buffer;

@@ -52,8 +52,8 @@ TEST(GridCadence, AdmitsOnlyFramesThatReachTheNextPointOfTheGrid) {
   EXPECT_EQ(admitted(30, 60, 0), 300);
   EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
   EXPECT_EQ(admitted(60, 25, 0.002), 600);
-  EXPECT_EQ(admitted(30, 30, 0.4e-6), 600);  // up to a microsecond counts as rounding
-  EXPECT_EQ(admitted(30, 30, 0.6e-6), 400);  // one frame in three is early
+  EXPECT_EQ(admitted(30, 30, 0.4e-6), 600);  // up to a microsecond early counts as on time
+  EXPECT_EQ(admitted(30, 30, 0.6e-6), 400);  // one frame in three is too early
 }
 
 TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndNoBurstAfterAPause) {
@@ -102,7 +102,7 @@ TEST(TakeEvents, HaveThirteenKeysAndAnIntegerDurationAtTheStart) {
   const Json failed = makeTakeEvent(report).json;
   EXPECT_EQ(failed["duration"].dump(), "0.0");
   EXPECT_EQ(failed["error"], std::string(240, 'x'));
-  report.path = std::string(1700, '/');  // JSON escapes each as two bytes
+  report.path = std::string(1700, '/');  // each slash takes two bytes in an event's line
   report.more = {{"kept_path", std::string(300, 'x')}};
   EXPECT_EQ(makeTakeEvent(report).json.size(), 13u);
   const TakeEvent progress{TakeState::recording, {{"seconds_left", 5.0}}};

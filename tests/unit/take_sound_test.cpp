@@ -12,14 +12,14 @@ struct SoundTakes : Takes {
     keys["sound"] = true;
     start(keys);
   }
-  // Records of 10 ms at 8 kHz, each as soon as it is complete.
+  // Adds records of 10 ms at 8 kHz, each as soon as it is complete.
   void hear(double from, double to) {
     for (; from < to - 0.005; from += 0.01) {
       probe.clock->now = std::max(probe.clock->now, from + 0.01);
       probe.hear(from, Bytes(160, 1));
     }
   }
-  // A picture with its capture time as its id.
+  // Feeds and answers a picture whose id is its capture time.
   bool picture(double captured, double read, bool keyframe = false) {
     lastID = static_cast<std::uint64_t>(std::llround(captured * 1e6)) - 1;
     return frame(read, keyframe);
@@ -34,7 +34,7 @@ struct SoundTakes : Takes {
     probe.dispatch->queues.front()->async([] { throw std::bad_alloc(); });
     probe.run();
   }
-  // Expects that the encoder has got so many samples so far, within 2.
+  // Expects that the encoder has got `count` samples so far, give or take 2.
   void expectSamples(double count) {
     EXPECT_NEAR(static_cast<double>(probe.sound->samples.size()), count, 2);
   }
@@ -74,7 +74,7 @@ TEST_F(SoundTakes, HoldTenSecondsOfSoundUntilTheirFirstKeyFrame) {
   startHeard(1000, 1012, 1012, {{"started_at", 1000.0}});
   const auto& samples = probe.sound->samples;
   const auto first = std::ranges::find_if(samples, [](int sample) { return sample != 0; });
-  EXPECT_NEAR(static_cast<double>(first - samples.begin()), 16'000, 80);  // a record's length
+  EXPECT_NEAR(static_cast<double>(first - samples.begin()), 16'000, 80);  // give or take a record
   expectSamples(96'000);
 }
 
@@ -100,7 +100,7 @@ TEST_F(SoundTakes, WriteSilenceTwoSecondsLateWhileTheDeviceSendsNothing) {
   picture(1600, 1600.02, true);
   probe.tickAt(1604.02);
   probe.run();
-  expectSamples(8000);  // three seconds late, since the last records were read a second late
+  expectSamples(8000);  // silence comes three seconds late: the last records came a second late
 }
 
 TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {

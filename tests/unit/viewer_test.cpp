@@ -1,5 +1,5 @@
-// The viewer's rules: which frames a page gets, who may ask for what. Lists of cameras and sound
-// devices, the times of the tap's pictures.
+// The viewer's rules: which frames a page gets, and who may ask for what. Also the lists of cameras
+// and sound devices, and the times that the tap gives to pictures.
 
 #include <gtest/gtest.h>
 
@@ -39,7 +39,7 @@ TEST(FrameFlow, ASlowPageGetsNothingUntilItSpeaksAndAKeyFrameComes) {
   EXPECT_FALSE(flow.frameCame(6, false, 0.5));
   EXPECT_FALSE(flow.acknowledgeOverdue(9));  // refusing frame 6 acknowledged frame 5, too
   EXPECT_TRUE(flow.frameCame(7, true, 0.6));
-  EXPECT_EQ(flow.takeWithheld(), 0u);  // the page was not slow
+  EXPECT_EQ(flow.takeWithheld(), 0u);  // a decoder that restarts does not count as a slow page
 }
 
 TEST(FrameFlow, APageThatIsHiddenOrHasLeftHoldsNothingUp) {
@@ -56,7 +56,7 @@ TEST(FrameFlow, APageThatIsHiddenOrHasLeftHoldsNothingUp) {
   flow.setVisible(false);
   EXPECT_FALSE(flow.frameCame(4, false, 0.2));
   flow.setVisible(true);
-  EXPECT_TRUE(!flow.frameCame(5, false, 0.2) && flow.frameCame(6, true, 0.2));  // 5 needs 4
+  EXPECT_TRUE(!flow.frameCame(5, false, 0.2) && flow.frameCame(6, true, 0.2));  // 5 needs frame 4
   flow.pageLeft();
   EXPECT_EQ(flow.acknowledgeOverdue(0.2), 6u);
   flow.pageJoined();
@@ -119,7 +119,7 @@ TEST(DeviceLists, HoldOnlyWhatFfmpegCanRead) {
 TEST(FlvTimes, AlwaysGrowAndFollowIdsThatAreCaptureTimes) {
   const struct {
     std::optional<bool> fromIDs;
-    // Id and arrival in seconds, time in the output in milliseconds.
+    // Id and arrival in seconds. The expected time in milliseconds.
     std::vector<std::tuple<double, double, std::uint32_t>> pictures;
   } cases[] = {{{}, {{100, 100.01, 0}, {100.016, 100.03, 16}, {100.0161, 100.03, 17}}},
                {{}, {{1e-6, 30, 0}, {2e-6, 30.5, 500}}},

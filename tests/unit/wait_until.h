@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-// Waits for another thread. Fails the test after 20 s.
+// Waits until another thread has made `holds` true. Fails the test if that takes more than 20 s.
 inline void waitUntil(const std::function<bool()>& holds) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!holds()) {

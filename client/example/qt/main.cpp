@@ -10,8 +10,8 @@
 
 namespace {
 
-// Presses the button once it is enabled, and again after `length`. Closes the window when the take
-// is over, or if the button is not enabled for 20 s.
+// Waits until the button is enabled, presses it, and presses it again after `length`. Closes the
+// window when the take is over, or if the button is not enabled for 20 s.
 void recordOnce(Window& window, std::chrono::milliseconds length) {
   static constexpr std::chrono::milliseconds soon(50);
   auto* const timer = new QTimer(&window);

@@ -21,6 +21,7 @@ class PreviewDecoder {
   PreviewDecoder& operator=(const PreviewDecoder&) = delete;
 
   // The picture of a frame. Null for a configuration, and for a frame that can't be decoded.
+  // Throws what `toAnnexB` throws.
   QImage decode(const lumora::client::Packet& packet);
 
  private:

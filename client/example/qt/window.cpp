@@ -62,8 +62,8 @@ void Window::watchPreview() try {
   losePreview();
 }
 
-// Connects again in a moment. Either the helper has ended, and `Exited` follows, or it has no room,
-// or it has dropped this client because a frame was not acknowledged for half a second.
+// Connects again in a moment. Usual reasons for the loss: the helper has ended (`Exited` follows),
+// has no room, or has dropped this client, which left a frame unacknowledged for half a second.
 void Window::losePreview() {
   if (packets_) packets_->setEnabled(false);  // not destroyed, since it may have called us
   stream_.reset();
@@ -85,8 +85,8 @@ void Window::helperEnded(const Exited& end) {
   }
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
   // If the helper never became ready, another program may have taken its port. The next helper then
-  // chooses a port. If this helper could already choose, the next one would fail too, so none is
-  // started.
+  // chooses a port. But if this helper chose its own port, the next one would fail too, so none
+  // is started.
   if (wasReady || std::exchange(port_, 0) != 0)
     QTimer::singleShot(std::chrono::seconds(1), this, &Window::startHelper);
 }
@@ -152,7 +152,8 @@ void Window::takeSaid(const Recording& event) {
   recordButton_.setEnabled(helper_ && helper_->port() != 0 && !isClosing_);
 }
 
-// The helper saves a running take before it ends. The window stays until then, for 5 s at most.
+// Tells the helper to end. The helper saves a running take first. The window stays open until the
+// helper has ended, for 5 s at most.
 void Window::closeEvent(QCloseEvent* event) {
   if (!helper_) return;
   event->ignore();

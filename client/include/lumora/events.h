@@ -24,10 +24,10 @@ struct Stats {
   std::uint64_t clients = 0;         // admitted now
   std::uint64_t waitingClients = 0;  // connected, but not admitted yet
   std::uint64_t encodedFrames = 0;
-  std::uint64_t droppedFrames = 0;  // by the helper, because it was busy or nobody needed them
+  std::uint64_t droppedFrames = 0;  // by the helper: busy, nobody needed them, or undecodable
   std::uint64_t droppedClients = 0;
   // Records of sound that were dropped: they came too early or too late, or too much sound waited.
-  // In the same events as `delivery`, if the helper gets sound.
+  // Set in the same events as `delivery`, if the helper gets sound.
   std::optional<std::uint64_t> droppedSound;
   Seconds encodeTime{};     // of the latest preview frame, scaling included
   bool isEncoding = false;  // now
@@ -54,7 +54,7 @@ struct Stats {
     std::uint64_t takeFrames = 0;     // encoded for takes
     Seconds takeEncodeTime{};         // of the latest of them, scaling included
     std::uint64_t failedTakes = 0;    // because a frame could not be encoded
-    std::uint64_t mostMovieWork = 0;  // most samples that waited to be written
+    std::uint64_t mostMovieWork = 0;  // the most encoded frames that ever waited to be written
   };
   std::optional<Encoding> encoding;
 };
@@ -63,7 +63,7 @@ enum class TakeState { starting, recording, finishing, saved, failed };
 
 // Why a take has failed.
 enum class TakeFailure {
-  refused,      // by the helper: it never began
+  refused,      // the helper refused the take, so it never began
   failed,       // after it began
   noAnswer,     // the helper did not answer the start within 10 s
   helperEnded,  // before it was saved
@@ -76,11 +76,11 @@ struct Recording {
   std::string id;
   TakeState state = TakeState::starting;
   std::filesystem::path path;          // as asked for; in `saved`, where the movie is (may differ)
-  std::string error;                   // why it failed, or is saved under another name
+  std::string error;                   // why it failed, or why the movie has another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
-  Seconds duration{};                  // final from `finishing` on
+  Seconds duration{};                  // final in `finishing` and `saved`
   std::uint64_t frames = 0;            // written, including those that a stop in the past removed
-  std::uint64_t dropped = 0;           // lost
+  std::uint64_t dropped = 0;           // lost, or captured before the take's start
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known
   // The rate asked for, and the frames of the last second. Empty until the start is accepted.
@@ -107,7 +107,7 @@ struct Recording {
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
 };
 
-// Why the helper ends with status 1.
+// Why the helper ends, with status 1 unless it was already ending.
 struct Error {
   std::string message;
 };

@@ -12,13 +12,13 @@
 namespace lumora::client {
 
 // Turns an RGBA picture upside down, in place. A format with `FirstRow::top` makes this
-// unnecessary. Throws std::invalid_argument if the number of pixels does not match the size.
+// unnecessary. Throws std::invalid_argument if the number of bytes does not match the size.
 LUMORA_CLIENT_EXPORT void flipRows(std::span<std::uint8_t> rgba, FrameSize size);
 
-// A plane of a frame, in bytes.
+// A plane of a frame.
 struct FramePlane {
   std::uint8_t* samples = nullptr;
-  std::ptrdiff_t stride = 0;  // from row to row
+  std::ptrdiff_t stride = 0;  // bytes from row to row
   int rows = 0;
   std::size_t rowBytes = 0;
 };
@@ -29,8 +29,8 @@ struct SourcePlane {
   std::ptrdiff_t stride = 0;              // bytes from row to row
 };
 
-// A buffer of a helper to render a frame into (see helper.h). The helper gets the buffer back when
-// the frame is published or destroyed. A frame may outlive its helper.
+// A helper's buffer, into which the application renders a frame (see helper.h). The helper gets the
+// buffer back when the frame is published or destroyed. A frame may outlive its helper.
 class LUMORA_CLIENT_EXPORT Frame {
  public:
   class Loan;
@@ -48,13 +48,13 @@ class LUMORA_CLIENT_EXPORT Frame {
   std::span<std::uint8_t> pixels() const;
   // The planes in this memory. None for mjpeg.
   std::vector<FramePlane> planes() const;
-  // Sets the length of the picture in bytes. An mjpeg frame needs it before it is published. Throws
-  // std::invalid_argument if no picture of this format and size has this length, and if the frame
-  // was published.
+  // Sets the length of the picture in bytes. An mjpeg frame needs a length before it is published.
+  // Throws std::invalid_argument if no picture of this format and size has this length, or if the
+  // frame was published.
   void setLength(std::size_t bytes);
 
-  // Copies a picture with any strides. Throws std::invalid_argument if the format is mjpeg or has
-  // another number of planes, and if the frame was published.
+  // Copies a picture with any strides. Throws std::invalid_argument if the format is mjpeg, if
+  // picture and frame differ in their number of planes, or if the frame was published.
   void copyFrom(std::span<const SourcePlane> picture);
   // Copies a picture without padding, and sets its length. Throws what `setLength` throws.
   void copyFrom(std::span<const std::uint8_t> picture);

@@ -15,44 +15,46 @@
 
 namespace lumora::client {
 
-// Why a connection has ended. The helper sends no reason, so this may be wrong: from another
-// machine `noRoom` may look like `refused`, and an end that is read more than a second after the
-// hello is `closed`.
+// Why a connection has ended. The helper sends no reason, so this may be wrong. A client on another
+// machine may get `refused` instead of `noRoom`. A helper that ends within a second of the hello,
+// before the first packet, is reported as `refused` or `noRoom`. If the client reads the end of
+// the stream more than a second after the hello, the reason is always `closed`.
 enum class StreamEnd {
   none,     // it has not ended
-  noRoom,   // the hello was not read: two clients are admitted, or four others wait
+  noRoom,   // the hello was not read: it came late, two clients are admitted, or four others wait
   refused,  // because of the hello: the token is wrong, or two others were admitted meanwhile
-  closed,   // the helper has ended, or has dropped this client
+  closed,   // the helper has ended or has dropped this client, or the network is gone
 };
 
 class LUMORA_CLIENT_EXPORT StreamClient {
  public:
-  // Connects to `host`, a numeric address. Throws std::system_error, also if that takes too long.
+  // Connects to `host`, a numeric address. Throws std::system_error if that fails or takes longer
+  // than `limit`.
   StreamClient(const std::string& host, std::uint16_t port, Seconds limit = Seconds(5));
   ~StreamClient();
   StreamClient(StreamClient&& other) noexcept;
   StreamClient& operator=(StreamClient&& other) noexcept;
 
-  // False when the connection is gone. The helper answers with packets once there are frames, or
-  // closes the connection (see `end`).
+  // Must be called within a second of connecting. False when the connection is gone. The helper
+  // answers with packets once there are frames, or closes the connection (see `end`).
   bool sayHello(const std::string& token);
   // A helper drops a client that leaves a frame unacknowledged for half a second.
   bool acknowledge(std::uint64_t frameID);
   bool sendText(const std::string& text);
 
   // The next packet. Empty if none arrived in time, or if the helper has closed the connection (see
-  // `end`). If that comes before the first packet, `receive` waits up to 50 ms more to learn why.
+  // `end`). If no packet came before the end, `receive` waits up to 50 ms more to learn the reason.
   // Throws std::runtime_error for bytes that no helper sends.
   [[nodiscard]] std::optional<Packet> receive(Seconds limit);
   StreamEnd end() const;
   bool isClosed() const { return end() != StreamEnd::none; }
-  // Can be read when bytes have arrived, or the helper has closed the connection. Then call
-  // `receive` with a limit of 0 until it returns no packet.
+  // Becomes readable when bytes arrive or the helper closes the connection. Then call `receive`
+  // with a limit of 0 until it returns no packet. Stays readable after the end (see `isClosed`).
   int descriptor() const;
   // Receives packets until the helper closes the connection (see `end`) or `goesOn` returns false.
   // Passes each packet to `handle`, which has to return within 80 ms, and then acknowledges the
-  // frame. Calls `goesOn` before each packet and ten times a second. Throws what `receive` and
-  // `handle` throw.
+  // frame. Calls `goesOn` before each packet, and every 100 ms while none arrives. Throws what
+  // `receive` and `handle` throw.
   void watch(
       const std::function<void(Packet)>& handle,
       const std::function<bool()>& goesOn = [] { return true; });

@@ -7,11 +7,11 @@
 
 namespace lumora::client {
 
-// Lengths of time. Every duration of std::chrono converts to it, a plain number does not.
+// A length of time. Every duration of std::chrono converts to it, a plain number does not.
 using Seconds = std::chrono::duration<double>;
 
-// The helper's clock for frames and takes: CLOCK_MONOTONIC, which V4L2 uses, too. Times of another
-// clock do not convert to its times. Any thread.
+// The helper's clock for frames and takes: CLOCK_MONOTONIC, which V4L2 uses, too. Times of other
+// clocks do not convert to times of this clock. Any thread.
 struct LUMORA_CLIENT_EXPORT Uptime {
   using duration = Seconds;
   using rep = duration::rep;

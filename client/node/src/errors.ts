@@ -1,5 +1,5 @@
-// Errors have a `code`, so that nobody has to compare messages. A page uses this file, too, so it
-// uses none of Node's modules.
+// Errors have a `code`, so that nobody has to compare messages. This file uses none of Node's
+// modules, because a page uses it, too.
 
 export class CodedError<Code extends string> extends Error {
   readonly code: Code;

@@ -31,7 +31,7 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   encodeInflight: number;
   /**
    * Records of sound that were too late, too early or too many. Comes with `DeliveryStats`, if the
-   * helper gets sound.
+   * helper was started with `sound`.
    */
   droppedSound?: number;
 }
@@ -67,7 +67,7 @@ export interface RecordingEvent {
   path: string;
   /** Why the take failed or was saved under another name; else empty. */
   error: string;
-  /** Seconds; final from `finishing` on. */
+  /** Seconds; final from `finishing` on, but 0 if the take failed. */
   duration: number;
   /** Frames written. A `stoppedAt` in the past may remove the last ones from the movie again. */
   frames: number;
@@ -80,25 +80,25 @@ export interface RecordingEvent {
   recentFps?: number;
   /** Frames in the file of a saved take. Missing if `keepFailed` was false. */
   framesInMovie?: number;
-  /** How long the space above `minimumFree` lasts, while the take records. */
+  /** While the take records: how long the space above `minimumFree` lasts. */
   secondsLeft?: number;
   /** The take was stopped because space was short. */
   stoppedFor?: 'minimum_free';
   /** In the last event of a take: why its log of frames is incomplete, missing or misnamed. */
   frameLogError?: string;
-  /** Of takes with sound: how often silence was inserted or sound was cut to keep it in step. */
+  /** Of takes with sound: how often silence was inserted or sound cut to match the pictures. */
   soundGaps?: number;
   /** In the last event of a take with sound: seconds of the movie for which no sound came. */
   soundMissing?: number;
-  /** The file that is left of a failed take: its name in the folder of `path`, frames, seconds. */
+  /** A failed take may leave a file in the folder of `path`: its name, its frames, its seconds. */
   keptPath?: string;
   keptFrames?: number;
   keptDuration?: number;
 }
 
 /**
- * The helper's "error" line, just before it ends with status 1. It has another name here because
- * Node throws an `error` event that has no listener.
+ * The helper's "error" line, just before the helper ends with status 1, or with 0 if it was already
+ * ending. The event has another name here because Node throws an `error` event without a listener.
  */
 export interface FailureEvent {
   type: 'failure';

@@ -1,7 +1,7 @@
 // Writes records into the helper's standard input. One frame is written at a time, and one more may
-// wait. A newer frame drops the one that waits, unless a command lies between. Commands and frames
-// are written in the order in which they were queued. Commands are dropped only when the input
-// closes.
+// wait. A newer frame drops the one that waits, unless a command lies between the two. Commands and
+// frames are written in the order in which they were queued. Commands are dropped only when the
+// input closes.
 
 import type { Writable } from 'node:stream';
 
@@ -24,7 +24,7 @@ export interface FrameWrite {
 interface Entry {
   parts: Buffer[];
   isFrame: boolean;
-  /** Of sound in `parts`. */
+  /** Bytes of sound in `parts`, without the headers. */
   soundBytes: number;
   settle(outcome: FrameOutcome): void;
 }
@@ -34,7 +34,7 @@ export class Feeder {
   readonly #input: Writable;
   #waiting: Entry[] = [];
   #soundBytes = 0; // in `#waiting`
-  #lastSound = 0n; // id
+  #lastSound = 0n; // the id of the last record of sound
   #isWriting = false;
   #framesHaveEnded = false;
   #ending = false;
@@ -63,7 +63,7 @@ export class Feeder {
     return { state: 'queued', done };
   }
 
-  /** Whether one more frame would be dropped or drop another. If so, counts it as dropped. */
+  /** Returns true, and counts a dropped frame, if a frame already waits or frames have ended. */
   skipsFrame(): boolean {
     const skips = this.#framesHaveEnded || this.#lastUnlessSound()?.isFrame;
     if (skips) this.counts.dropped += 1;

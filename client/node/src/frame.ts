@@ -11,7 +11,8 @@ import {
   type FrameSize,
 } from './frame_format.js';
 
-// Usually at most four buffers are in use: one is written, one waits, two are filled.
+// Usually at most four buffers are in use: one is being written, one waits, and the application
+// fills two.
 const mostFree = 4;
 const empty = new Uint8Array(0);
 
@@ -49,7 +50,7 @@ export class Frame {
   }
 
   /**
-   * Sets the length of the picture in bytes. An `mjpeg` frame needs it before it is published.
+   * Sets the length of the picture in bytes. Call it for each `mjpeg` frame before `publish`.
    * Throws an ArgumentError if no picture of this format and size has this length.
    */
   setLength(bytes: number): void {

@@ -9,7 +9,7 @@ export interface FrameSize {
   height: number;
 }
 
-// For `mjpeg` this is the maximum, but a picture of any size may have 64 KiB.
+// For `mjpeg` this is the maximum, but up to 64 KiB are always allowed.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,
@@ -27,13 +27,14 @@ const bitsPerPixel = {
 export type FrameEncoding = keyof typeof bitsPerPixel;
 
 /**
- * An encoding, then at most one word of each pair. `top` or `bottom` says which row is first; the
- * default is `bottom` for `rgba` and `bgra`, else `top`. `nv12`, `nv21`, `i420`, `yuyv` and `uyvy`
- * also take `bt601` (the default) or `bt709`, and `limited` (the default) or `full`.
+ * An encoding, then at most one word of each of the following pairs, each word after a comma. `top`
+ * or `bottom` says which row is first; the default is `bottom` for `rgba` and `bgra`, else `top`.
+ * `nv12`, `nv21`, `i420`, `yuyv` and `uyvy` also take `bt601` (the default) or `bt709`, and
+ * `limited` (the default) or `full`.
  */
 export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
 
-// A format that names neither word means `standard`.
+// A format names at most one of the two words. Without either it means `standard`.
 type Choice = [standard: string, other: string];
 const colours: Choice[] = [
   ['bt601', 'bt709'],

@@ -19,14 +19,14 @@ export interface PostedFrame extends FrameCopy {
   format: FrameFormat;
 }
 
-/** Resolves when `pixels` may be reused. */
+/** Writes a frame. Resolves when the frame's `pixels` may be reused. */
 export type FrameWriter = (frame: PostedFrame) => Promise<FrameOutcome>;
 
 export interface FrameSinkOptions {
   /**
-   * The helper's format. By default that of the first VideoFrame. If the helper does not accept
-   * that, it is `rgba,top`, to which the browser converts. Pictures that are no VideoFrames need
-   * this option.
+   * The helper's format. By default it is the first VideoFrame's format. If the helper does not
+   * accept that format, the default is `rgba,top`, and the browser converts the frames. Pictures
+   * that are no VideoFrames need this option.
    */
   format?: FrameFormat;
   /** Called for each dropped frame, with the counts. */
@@ -39,16 +39,17 @@ function ownFormat(frame: CameraFrame | Picture): FrameFormat {
   return videoFrameFormat(frame) ?? 'rgba,top';
 }
 
-// The Helper writes one frame while one waits. A third would replace the waiting one there.
+// One frame is being written, and one waits in the Helper. A third would replace the waiting one.
 const mostUnanswered = 2;
 
 export class FrameSink {
-  /** A frame that failed is in neither count. */
+  /** A frame that failed counts neither as written nor as dropped. */
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
-   * Takes VideoFrames, which it closes unless it has failed before, and pictures, whose memory may
-   * be reused when their write resolves. Copies both, and does not wait for the helper. Fails with
-   * an ArgumentError, or with the error of the frame, of the writer or of `onDrop`.
+   * Takes VideoFrames and pictures. Copies both, and does not wait for the helper. Closes each
+   * VideoFrame, unless the stream has failed before. The memory of a picture may be reused when its
+   * write resolves. Fails with an ArgumentError, or with the error of the frame, of the writer or
+   * of `onDrop`.
    */
   readonly writable: WritableStream<CameraFrame | Picture>;
   readonly #write: FrameWriter;

@@ -38,7 +38,7 @@ const terminateAfter = 2250;
 const killAfter = 4500;
 const giveUpAfter = 4900;
 
-/** Every event after `ready`, by its type. */
+/** Every event except `ready`, by its type. */
 export type HelperEvents = {
   [Type in HelperEvent['type']]: Extract<HelperEvent, { type: Type }>;
 };
@@ -79,7 +79,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
       for (const line of lines.feed(bytes)) queueMicrotask(() => this.#handle(parseEvent(line)));
     });
     child.on('error', () => undefined); // a signal could not be sent
-    // "close" follows the last event; "exit" may come before it.
+    // "close" follows the last event. "exit" may come before the last event.
     child.on('close', (code, signal) => this.#settle(code, signal));
     this.exited = this.#whenExited.promise;
   }
@@ -88,7 +88,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#process.pid as number;
   }
 
-  /** The token that stream clients must send. A getter: `console.log(helper)` does not print it. */
+  /** The token that stream clients must send. It is a getter, so logs of a Helper lack it. */
   get token(): string {
     return this.#token;
   }
@@ -119,8 +119,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Memory for the next frame. Undefined while another frame waits to be written, and once the
-   * helper is stopping or has ended. Skip this frame then; it counts as dropped. Throws an
-   * ArgumentError for a size that the helper does not accept.
+   * helper is stopping or has ended. Skip the camera's frame then; it counts as dropped. Throws
+   * an ArgumentError for a size that the helper does not accept.
    */
   acquireFrame(size: FrameSize): Frame | undefined {
     checkSize(size);
@@ -129,9 +129,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Queues a frame of `acquireFrame`, and returns at once. The frame is empty after that. `id` is
-   * as in `writeFrame`. Throws an ArgumentError for an id that does not grow, for a frame of
-   * another format or one that was published or closed, and for an `mjpeg` frame whose length was
-   * not set. After an error, a frame that was not yet published or closed keeps its memory.
+   * as in `writeFrame`. Throws an ArgumentError if the id is not above the last id, or if the frame
+   * has another format than the helper, was already published or closed, or is `mjpeg` and has no
+   * length yet. After an error, a frame that was not yet published or closed keeps its memory.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
     if (!isSameFormat(frame.format, this.#format)) {
@@ -144,11 +144,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Queues a picture in the helper's format, and returns at once. `pixels` may be reused when
-   * `done` resolves. It resolves with `written`, or with `dropped` if a newer frame came while this
-   * one waited and no take was started or stopped in between, or if the helper is stopping or has
-   * ended. By default the `id` is the uptime now in microseconds, or one more than the last id if
-   * that is higher. Throws an ArgumentError for a size, a length or an id that the helper does not
-   * accept.
+   * `done` resolves. It resolves with `written`, or with `dropped` if a newer frame replaced this
+   * one, or if the helper is stopping or has ended. By default the `id` is the uptime now in
+   * microseconds, but at least one more than the last id. Throws an ArgumentError for a size, a
+   * length or an id that the helper does not accept.
    */
   writeFrame(size: FrameSize, pixels: Pixels, id: FrameId = this.#nextId()): FrameWrite {
     checkSize(size);
@@ -161,8 +160,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
    * Queues a copy of these samples, which are interleaved. `capturedAt` is the `uptime()` of the
    * first sample; by default the last sample is from now. Returns false if the sound was skipped:
    * more than two seconds of sound would wait, the first sample is more than 50 ms in the future,
-   * or the helper is ending. Throws an ArgumentError if a channel lacks its last sample, if
-   * `capturedAt` is negative or not a number, or if `startHelper` got no `sound`.
+   * or the helper is ending. Throws an ArgumentError if the channels have different numbers of
+   * samples, if `capturedAt` is negative or not a number, or if `startHelper` got no `sound`.
    */
   writeSound(samples: Int16Array, capturedAt?: number): boolean {
     const format = this.#sound;
@@ -174,7 +173,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
   /**
    * Starts a take after the frames written so far. Resolves when the helper has accepted it.
    * Rejects with a TakeError when the helper refuses, ends or does not answer for 10 s, or with an
-   * ArgumentError for a path, a time or a number that the helper would refuse.
+   * ArgumentError for most options that the helper would refuse.
    */
   async startTake(options: TakeOptions): Promise<Take> {
     return this.#takes.start(options);
@@ -201,7 +200,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return this.#stopping;
   }
 
-  // The uptime in microseconds. If that is not above the last id, one more than the last id.
+  // The uptime in microseconds, but at least one more than the last id.
   #nextId(): bigint {
     const [now, next] = [BigInt(frameId()), this.#lastFrame + 1n];
     return now > next ? now : next;
@@ -215,8 +214,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
       setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter),
     ];
     this.#feeder.endFrames();
-    // Takes that were told to stop end first: the end of the input may end a take at once, not at
-    // its `stoppedAt`.
+    // Waits for the takes that were told to stop. If the input closed earlier, a take might end
+    // at once, not at its `stoppedAt`.
     await settlesWithin(this.#takes.stopped(), terminateAfter);
     this.#feeder.end();
     const exit = await this.exited;

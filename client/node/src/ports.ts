@@ -29,10 +29,11 @@ function listen<Message>(port: NodePort, handle: (message: Message) => void): ()
 }
 
 /**
- * Writes the frames that a page posts at the other end with `throughPort`, and answers each.
- * `helperFor` gets the format of each frame, and returns the helper that was started for it. The
- * page's FrameSink fails with the error of `helperFor`, with `FORMAT_CHANGED` if the helper was
- * started for another format, or with `INVALID_ARGUMENT` if it would not accept the frame.
+ * Writes the frames of the page at the other end of `port` into a helper, and answers each frame.
+ * The page posts them with `throughPort`. `helperFor` gets the format of each frame, and returns
+ * the helper that was started for this format. The page's FrameSink fails with the error of
+ * `helperFor`, with `FORMAT_CHANGED` if the helper was started for another format, or with
+ * `INVALID_ARGUMENT` if it would not accept the frame.
  */
 export function acceptFrames(
   port: NodePort,
@@ -64,14 +65,14 @@ export interface PreviewLimits {
 
 /**
  * Posts the input of a VideoDecoder to a page, which posts back the `timestamp` of each picture
- * that it has drawn. That acknowledges the frame, so the helper sends no faster than the page
- * draws. If a picture is not drawn within `drawnWithin`, the page gets nothing more until it has
- * drawn the last picture that it got. It then goes on with the next key frame. Needs a client with
- * `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection is closed; the
- * port can then get the preview of another client. When the port closes, so does the connection,
- * even if `client` connects only later. A port that was closed before the call does not report
- * it. So `sendPreview` also resolves if the page has drawn nothing within `firstDrawnWithin` of the
- * first picture. Rejects if `client` does, and with the errors of the client's loop.
+ * that it has drawn. This timestamp acknowledges the frame, so the helper sends no faster than the
+ * page draws. If a picture is not drawn within `drawnWithin`, the page gets nothing more until it
+ * has drawn the last picture that it got. It then goes on with the next key frame. Needs a client
+ * with `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection is closed;
+ * the port can then get the preview of another client. When the port closes, so does the
+ * connection, even if `client` connects only later. A port that was closed before the call sends no
+ * event. So `sendPreview` also resolves if the page has drawn nothing within `firstDrawnWithin` of
+ * the first picture. Rejects if `client` rejects or the client's loop throws, with the same error.
  */
 export async function sendPreview(
   client: StreamClient | Promise<StreamClient>,
@@ -118,7 +119,7 @@ class PagePictures {
     return true;
   }
 
-  /** The time to draw this picture is over. Returns whether it was not drawn. */
+  /** Call it when the time to draw this picture is over. Returns true if it was not drawn. */
   expire(id: number): boolean {
     const isLate = this.#undrawn.has(id);
     if (isLate) this.#isBehind = true;
@@ -126,8 +127,9 @@ class PagePictures {
   }
 }
 
-// The helper disconnects a client that leaves a frame unacknowledged for 500 ms, or acknowledges a
-// frame that it did not get.
+// The helper disconnects a client that leaves a frame unacknowledged for 500 ms. So pictures that
+// are late or skipped are acknowledged, too. The helper also disconnects a client that acknowledges
+// a frame that it did not get. So the ids of an earlier client's pictures are ignored.
 async function postPreview(
   client: StreamClient,
   port: NodePort,
@@ -144,7 +146,7 @@ async function postPreview(
     const expire = () => {
       if (pictures.expire(id)) client.acknowledge(id);
     };
-    // Node calls timers before it reads what the page has said in time.
+    // Node reads waiting messages before it runs the immediate.
     setTimeout(() => setImmediate(expire), drawnWithin);
   };
   const giveUpUnseen = () => {

@@ -39,8 +39,8 @@ async function packagedProgram(): Promise<string | undefined> {
 
 /**
  * Returns the path of the helper: `program`, else `LUMORA_VIDEO_PATH`, else the program in the npm
- * package for this platform, else the one on the `PATH`. Rejects with a StartError that says where
- * it looked, what to install, or that there is no helper for this platform.
+ * package for this platform, else the one on the `PATH`. Rejects with a StartError that says which
+ * path has no program, what to install, or that there is no helper for this platform.
  */
 export async function findProgram(
   program?: string,

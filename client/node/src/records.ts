@@ -67,9 +67,9 @@ export function recordHeader(length: number, { width, height }: FrameSize, id: b
 
 /**
  * Returns the records of this sound, each with at most a quarter of a second, and the id of the
- * last one. `first` is the uptime of the first sample in microseconds, `last` the id of the record
- * before. A record's id is the uptime of its first sample, or one more than the id before if that
- * is higher.
+ * last one. `first` is the uptime of the first sample in microseconds, `last` the id of the last
+ * record made before these. A record's id is the uptime of its first sample, or one more than the
+ * id of the previous record if that is higher.
  */
 export function soundRecords(
   samples: Int16Array,

@@ -8,7 +8,7 @@ import { CodedError } from './errors.js';
 import { executable, findProgram } from './program.js';
 
 export interface RecoveredTake {
-  /** The file's old path. */
+  /** The path that the take's file had before it was recovered. */
   staging: string;
   /** The path of the movie; empty if there is none. */
   path: string;
@@ -26,10 +26,10 @@ export class RecoverError extends CodedError<'RECOVERY_FAILED'> {
 }
 
 /**
- * Makes an ordinary movie of each interrupted take in a folder. Does not touch a take that may
- * still be recorded or has no picture; `left` says why. Needs the program `lumora-recover` in the
- * helper's folder. `program` is the helper, as in `startHelper`. Rejects with a RecoverError, or
- * with a StartError if a program is missing.
+ * Makes an ordinary movie of each interrupted take in a folder. Does not touch a take that has no
+ * picture, or that a helper may still be recording; `left` says why. Needs the program
+ * `lumora-recover` in the helper's folder. `program` is the helper, as in `startHelper`. Rejects
+ * with a RecoverError, or with a StartError if a program is missing.
  */
 export async function recoverTakes(folder: string, program?: string): Promise<RecoveredTake[]> {
   const helper = await findProgram(program);

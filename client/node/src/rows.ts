@@ -2,8 +2,9 @@ import type { FrameSize } from './frame_format.js';
 import { checkSize, pixelBytes, type Pixels } from './records.js';
 
 /**
- * Flips an RGBA picture vertically. Writes into `target`, which may be `rgba`, and returns it. A
- * picture whose top row comes first needs no flip if the frame format is `rgba,top`.
+ * Flips an RGBA picture vertically. Writes into `target`, by default over the picture itself, and
+ * returns `target`. A picture whose top row comes first needs no flip if the frame format is
+ * `rgba,top`.
  */
 export function flipRows<Memory extends Pixels>(
   rgba: Memory,

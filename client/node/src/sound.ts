@@ -26,8 +26,9 @@ export interface MicrophoneSound {
 
 /**
  * Converts sound for `writeSound`. `format` must be the option `sound` of `startHelper`. Takes the
- * first channel, or the first two. If two are wanted and `sound` has one, it is used for both.
- * Throws an ArgumentError if `sound` has another rate than `format`.
+ * first channel of the microphone, or the first two if `format` has two. If the microphone has only
+ * one, both channels get its samples. Throws an ArgumentError if `sound` has another rate than
+ * `format`.
  */
 export function copyAudioData(sound: MicrophoneSound, format: SoundFormat): Int16Array {
   const { rate, channels } = format;

@@ -40,7 +40,7 @@ export async function startHelper(options: HelperOptions = {}): Promise<Helper> 
   const { signal, token = makeToken(), format = 'rgba', sound } = options;
   signal?.throwIfAborted();
   checkToken(token);
-  encodingOf(format); // throws
+  encodingOf(format); // throws for a malformed format
   if (sound) checkSoundFormat(sound);
   const helper = new Helper(await launch(options, token), token, format, sound);
   if (signal) stopOnAbort(helper, signal);

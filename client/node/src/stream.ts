@@ -23,7 +23,7 @@ export interface StreamOptions {
   connectTimeout?: number;
   /**
    * `automatic`, the default: a frame is acknowledged when the loop takes it. `manual`: the caller
-   * acknowledges it. The helper drops a client that takes longer than 0.5 s.
+   * acknowledges it. The helper disconnects a client that does not acknowledge within 0.5 s.
    */
   acknowledgement?: 'automatic' | 'manual';
 }
@@ -31,9 +31,10 @@ export interface StreamOptions {
 /**
  * `UNREACHABLE`: the connection could not be made, or not in time; `cause` says why.
  * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
- * `REFUSED`: the token is wrong, or there was no room but another client has left since.
+ * `REFUSED`: the token is wrong, the hello came more than a second after the connection, or there
+ * was no room but another client has left since.
  * `CLOSED`: the helper has ended.
- * `MALFORMED`: the bytes are not those of a helper.
+ * `MALFORMED`: no helper sends such bytes.
  */
 export type StreamErrorCode = 'UNREACHABLE' | 'MALFORMED' | Refusal;
 type Refusal = 'NO_ROOM' | 'REFUSED' | 'CLOSED';
@@ -48,16 +49,17 @@ const words: Record<Refusal, string> = {
   CLOSED: 'the helper has ended',
 };
 
-// The first two come if the helper closes the connection before it has read all that the client
-// sent, the last comes from `close`.
+// The client gets the first two errors if the helper closes the connection without having read all
+// that the client sent. `close` causes the last one.
 const endings = ['ECONNRESET', 'EPIPE', 'ERR_STREAM_PREMATURE_CLOSE'];
 
 const isEnd = (error: unknown) => endings.includes((error as NodeJS.ErrnoException).code ?? '');
 
 /**
  * Iterate once with `for await` to get the packets. Leaving the loop closes the connection. The
- * loop ends when the connection is closed. It throws a StreamError if the helper closes it before
- * the first packet or the bytes are malformed, and the system's error if the network fails.
+ * loop ends when the connection is closed. The loop throws a StreamError if the helper closes the
+ * connection before the first packet, or if the bytes are malformed. It throws the system's error
+ * if the network fails.
  */
 export class StreamClient implements AsyncIterable<Packet> {
   /** Lets `using` close the connection. Missing where Node does not have the symbol. */
@@ -122,7 +124,7 @@ disposeWith(StreamClient, Symbol.dispose, function () {
   this.close();
 });
 
-// Throws for options that no socket takes. Also rejects when `connectTimeout` is over.
+// Throws if an option is invalid. Rejects if connecting fails or exceeds `connectTimeout`.
 function open(options: StreamOptions): Promise<Socket> {
   const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
   const limit = AbortSignal.timeout(connectTimeout);
@@ -140,7 +142,7 @@ function open(options: StreamOptions): Promise<Socket> {
 // the hello.
 const roomLimit = 500;
 
-// The helper never says why it closes a connection. A second connection, without a hello, shows it.
+// The helper never says why it closes a connection. A second one, without a hello, shows why.
 async function whyRefused(options: StreamOptions): Promise<Refusal> {
   const socket = await open(options).catch(() => undefined);
   if (!socket) return 'CLOSED';

@@ -21,11 +21,11 @@ export interface TakeOptions {
    * jitter. False drops frames that come before the next point of a fixed grid.
    */
   steady?: boolean;
-  /** Capture time by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
+  /** Capture time of the start by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
   startedAt?: number;
   /**
    * True, the default, keeps what a failed take has recorded, if half a second of it is on the
-   * disk. If the disk is the cause, only what is on the disk is kept. See `TakeError`.
+   * disk. If the disk made the take fail, only what is on the disk is kept. See `TakeError`.
    */
   keepFailed?: boolean;
   /** Bytes, up to 2 ** 53. A take is stopped and saved when its file system has less space left. */
@@ -38,7 +38,7 @@ export interface TakeOptions {
   frameLog?: boolean;
   /**
    * True adds the sound that `writeSound` gets. Pictures then lie in the movie at their capture
-   * times, which the helper takes from their ids (`frameId`). Needs the `sound` of `startHelper`.
+   * times, which the helper reads from their ids (`frameId`). Needs the `sound` of `startHelper`.
    */
   sound?: boolean;
   /** Bits per second, 32,000 to 320,000; 128,000 by default. */
@@ -124,8 +124,8 @@ export class Take {
 
   /**
    * Ends the take at `stoppedAt`, by default now. Returns `saved`; later calls only return it.
-   * `stoppedAt` has the limits of `startedAt` in TakeOptions and must not be before it. For any
-   * other time `stop` throws an ArgumentError, and the take goes on.
+   * `stoppedAt` has the limits of `startedAt` in TakeOptions, and must not be before the take's
+   * start. For any other time `stop` throws an ArgumentError, and the take goes on.
    */
   stop(options: { stoppedAt?: number } = {}): Promise<RecordingEvent> {
     if (this.#stoppedAt !== undefined) return this.saved;
@@ -216,10 +216,10 @@ export class Takes {
     let isAnswered = false;
     const expire = () => {
       if (isAnswered) return;
-      void take.stop(); // if only the answer was lost, the take runs
+      void take.stop(); // perhaps only the answer was lost, and the take runs
       this.#fail(open, new TakeError('NO_ANSWER', 'the helper did not answer'));
     };
-    // An answer that waits to be read is read before the immediate.
+    // Node reads a waiting answer before it runs the immediate.
     const timer = setTimeout(() => setImmediate(expire), this.#answerLimit);
     const answered = () => {
       isAnswered = true;

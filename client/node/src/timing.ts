@@ -1,6 +1,6 @@
 import { invalid } from './errors.js';
 
-/** Seconds on the helper's clock for frames and takes. */
+/** The time now, in seconds, on the clock that the helper uses for frames, sound and takes. */
 export function uptime(): number {
   return Number(process.hrtime.bigint()) / 1e9;
 }
@@ -10,11 +10,11 @@ export function frameId(capturedAt = uptime()): number {
   return Math.round(capturedAt * 1e6);
 }
 
-// Seconds; the helper's limits.
+// The helper's limits for capture times, in seconds.
 const maximumAge = 30;
 const maximumLead = 0.05;
 
-/** Whether this time is so far ahead that the helper skips sound captured then. */
+/** Whether this time is too far in the future: the helper drops sound with such a time. */
 export function isAhead(capturedAt: number): boolean {
   return capturedAt > uptime() + maximumLead;
 }

@@ -6,7 +6,7 @@ export function makeToken(): string {
   return randomBytes(24).toString('base64url');
 }
 
-/** Throws an ArgumentError for an invalid token. The error does not name it: errors are logged. */
+/** Throws an ArgumentError for an invalid token. The message is logged, so it lacks the token. */
 export function checkToken(token: string): void {
   if (typeof token !== 'string' || !/^[A-Za-z0-9_-]{16,128}$/.test(token)) {
     throw invalid('a token must be 16 to 128 characters of A-Z a-z 0-9 _ -');

@@ -29,7 +29,8 @@ export async function* toWebCodecs(
   let config: DecoderConfig | undefined;
   for await (const packet of packets) {
     if (packet.type === 'configuration') {
-      // Every key frame brings a configuration. Configuring again would restart the decoder.
+      // Every key frame brings a configuration. Only a changed one is passed on, because a decoder
+      // restarts when it is configured.
       const next = decoderConfig(packet);
       if (!isSameConfig(last, next)) config = last = next;
       continue;

@@ -1,4 +1,5 @@
-// The main process: opens the window, starts the process that owns the helper, and connects both.
+// The main process: opens the window, starts the recorder, which owns the helper, and connects the
+// page with the recorder.
 
 import { app, BrowserWindow, MessageChannelMain, utilityProcess } from 'electron';
 import { join } from 'node:path';

@@ -31,7 +31,7 @@ async function feed(port: MessagePort): Promise<void> {
 
 async function listen(port: MessagePort): Promise<void> {
   const format = { rate: 48000, channels: 2 } as const; // the recorder's
-  // With echo cancellation, which is the default, Chromium gives every device this rate.
+  // With echo cancellation, which is the default, Chromium delivers any microphone at this rate.
   const [track] = (await navigator.mediaDevices.getUserMedia({ audio: true })).getAudioTracks();
   await new MediaStreamTrackProcessor<AudioData>({ track }).readable.pipeTo(
     new WritableStream({
@@ -46,18 +46,18 @@ async function listen(port: MessagePort): Promise<void> {
 function show(port: MessagePort): void {
   const context = canvas.getContext('2d') as CanvasRenderingContext2D;
   let latest: VideoDecoderConfig;
-  let last = 0; // timestamp
+  let last = 0; // timestamp of the latest chunk
   const makeDecoder = () =>
     new VideoDecoder({
       output(picture) {
         context.drawImage(picture, 0, 0, canvas.width, canvas.height);
-        port.postMessage(picture.timestamp); // the helper sends no faster than this
+        port.postMessage(picture.timestamp); // so the helper sends no faster than we draw
         picture.close();
       },
       error({ message }) {
         state.value = message;
         decoder = makeDecoder(); // goes on at the next key frame
-        port.postMessage(last); // no older picture will be drawn
+        port.postMessage(last); // acknowledges the chunks that won't be drawn
       },
     });
   let decoder = makeDecoder();
