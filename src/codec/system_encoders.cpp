@@ -39,8 +39,7 @@ const AVCodec* findSoftwareEncoder() {
 SystemEncoders::SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
                                std::shared_ptr<SerialQueue> stateQueue,
                                std::shared_ptr<Dispatch> dispatch,
-                               std::shared_ptr<PicturePool> pictures, EncoderFactory open,
-                               std::function<void()> trim)
+                               std::shared_ptr<PicturePool> pictures, EncoderFactory open)
     : stateQueue_(std::move(stateQueue)),
       dispatch_(std::move(dispatch)),
       opener_(dispatch_->makeQueue("lumora.opener")),
@@ -49,7 +48,7 @@ SystemEncoders::SystemEncoders(AllowedEncoders allowed, const PixelFormat& frame
       allowed_(std::move(allowed)),
       software_(allowed_.software ? findSoftwareEncoder() : nullptr),
       open_(open ? std::move(open) : libavFactory(allowed_.preset, frames_, pictures_)),
-      pool_(std::make_shared<EncoderPool>(open_, opener_, std::move(trim))) {}
+      pool_(std::make_shared<EncoderPool>(open_, opener_, trimHeap)) {}
 
 void SystemEncoders::prepare(const EncoderSettings& preview, const EncoderSettings& take) {
   const auto probing = [self = shared_from_this(), preview, take] { self->probe(preview, take); };

@@ -17,8 +17,7 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   // An empty `open` stands for `LibavEncoder::open`. Only unit tests pass another.
   SystemEncoders(AllowedEncoders allowed, const PixelFormat& frames,
                  std::shared_ptr<SerialQueue> stateQueue, std::shared_ptr<Dispatch> dispatch,
-                 std::shared_ptr<PicturePool> pictures, EncoderFactory open = {},
-                 std::function<void()> trim = trimHeap);
+                 std::shared_ptr<PicturePool> pictures, EncoderFactory open = {});
   void prepare(const EncoderSettings& preview, const EncoderSettings& take) override;
   void whenPrepared(Work work) override;
   void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) override;

@@ -231,7 +231,7 @@ void Bridge::show(const Json& event) {
 void Bridge::inputEnded(std::uint64_t frames) {
   if (ending_) return;
   inputEnd_ = frames == 0 ? "The input gave no picture." : "The input has ended.";
-  failed_ = frames == 0;
+  failed_ = failed_ || frames == 0;
   std::fprintf(stderr, "%s\n", inputEnd_.c_str());
 }
 

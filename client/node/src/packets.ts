@@ -1,6 +1,6 @@
 // Parses one packet of the helper's TCP stream.
 //
-// The viewer's page has a compiled copy of this file, so it uses none of Node's modules. After a
+// The viewer's page has a compiled copy of this file, so this file uses no modules of Node. After a
 // change of client/node/src/packets.ts run `npm run page` in client/node.
 //
 //   0        4      5            13    14
@@ -48,7 +48,7 @@ function parseConfiguration(payload: Uint8Array): ConfigurationPacket {
   const sequenceBytes = payload.length < 8 ? 0 : view.getUint16(4);
   const pictureBytes = payload.length < 8 ? 0 : view.getUint16(6);
   const pictureStart = 8 + sequenceBytes;
-  // The codec name is made from bytes 2 to 4 of the sequence parameter set.
+  // A sequence parameter set has four bytes or more: its second to fourth make the codec name.
   if (sequenceBytes < 4 || pictureStart + pictureBytes > payload.length) {
     throw new Error('malformed configuration packet');
   }
@@ -74,6 +74,6 @@ export function parsePacket(bytes: Uint8Array): Packet {
     type: 'frame',
     frameId: view.getBigUint64(5),
     keyframe: view.getUint8(13) === 1,
-    data: new Uint8Array(payload), // a copy: the caller may transfer its buffer
+    data: new Uint8Array(payload), // a copy, whose buffer the caller may transfer
   };
 }

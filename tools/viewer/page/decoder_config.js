@@ -1,6 +1,6 @@
 // Makes the VideoDecoderConfig of a stream.
 //
-// The viewer's page has a compiled copy of this file, so it uses none of Node's modules. After a
+// The viewer's page has a compiled copy of this file, so this file uses no modules of Node. After a
 // change of client/node/src/decoder_config.ts run `npm run page` in client/node.
 const withLength = (unit) => [unit.length >> 8, unit.length & 0xff, ...unit];
 // AVCDecoderConfigurationRecord, ISO/IEC 14496-15, 5.3.3.1
