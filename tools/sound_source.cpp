@@ -47,7 +47,7 @@ std::span<const std::int16_t> Microphone::next() {
     const std::size_t count = pipe_.read(bytes.subspan(filled));
     if (count == 0) return {};
     filled += count;
-    if (filled == bytes.size()) filled = 0;  // the pipe was full, so this is old
+    if (filled == bytes.size()) filled = 0;  // the pipe was full, so these samples are old
   }
   const auto samples = std::span(samples_).first(filled / sizeof(std::int16_t));
   return samples.last(std::min(samples.size(), most));

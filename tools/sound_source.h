@@ -14,16 +14,16 @@
 namespace lumora::tools {
 
 inline constexpr client::SoundFormat soundFormat{.rate = 48000, .channels = 2};
-// The most sound that goes to a helper at once. If more than two seconds would wait, the client
-// library refuses the sound.
+// The most sound that goes to a helper at once. The client library refuses sound if more than two
+// seconds of it would wait for the helper.
 inline constexpr client::Seconds longestSound(1.5);
 
 // Sound of a device whose clock is right.
 class SteadySound {
  public:
   using Sample = std::function<double(std::int64_t number)>;  // full scale is 32767
-  // Passes the sound from the last call until now to the helper, with equal channels. Passes none
-  // in the first call, or if the last call was more than `longestSound` ago.
+  // Passes the sound from the last call until now to the helper. All channels are equal. Passes
+  // none in the first call, or if the last call was more than `longestSound` ago.
   void write(client::Helper& helper, client::Uptime::time_point now, const Sample& sample);
 
  private:
@@ -32,10 +32,11 @@ class SteadySound {
 };
 
 // The sound of a test card: a beep of 1 kHz. It begins when a picture with a flash is captured, and
-// ends when one without is. So sound and picture are in step even if pictures come irregularly.
+// ends at the next picture without a flash. So sound and picture are in step even if pictures come
+// irregularly.
 class Beeps {
  public:
-  // A picture is captured now. Passes the sound since the one before to the helper.
+  // A picture is captured now. Passes the helper the sound since the last picture.
   void write(client::Helper& helper, client::Uptime::time_point now, bool flashes);
 
  private:

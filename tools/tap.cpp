@@ -3,10 +3,11 @@
 //   TAVO_VIDEO_TOKEN=... lumora-tap PORT [HOST] [--format h264|flv] [--times ids|arrival]
 //                                   [--patience SECONDS]
 //
-// h264 is Annex B, without times. In flv the time of a frame is its id, if that is a capture time
-// (microseconds, see docs/protocol.md) within 2 s of now, else its arrival time. --times overrides
-// this. A frame is acknowledged once it is written, so a slow reader gets fewer frames. If the
-// stream ends, the tap retries. It gives up if that brings no packet for ten seconds (or SECONDS).
+// h264 is Annex B, without times. In flv each frame has a time. The tap reads the frame's id as its
+// capture time (microseconds, see docs/protocol.md). If the capture time is within 2 s of now, the
+// frame gets it. Otherwise the frame gets its arrival time. --times overrides this. A frame is
+// acknowledged once it is written, so a slow reader gets fewer frames. If the stream ends, the tap
+// retries. It gives up if the retries bring no packet for ten seconds (or SECONDS).
 
 #include <unistd.h>
 

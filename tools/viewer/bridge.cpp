@@ -148,7 +148,7 @@ void Bridge::obey(const StopTake&) {
   if (take_) take_->stop();
 }
 
-// Recovers on a thread of its own, since that waits for the disk.
+// Recovers on a thread of its own, since a recovery waits for the disk.
 void Bridge::obey(const RecoverTakes&) {
   if (!camera_ || recovery_.joinable()) return;
   const auto done = posting(&Bridge::takesRecovered);
@@ -163,7 +163,7 @@ void Bridge::obey(const RecoverTakes&) {
   });
 }
 
-// Tells the page how many takes are `left` unfinished, and what a recovery did.
+// Tells the page how many takes are `left` unfinished or running, and what a recovery did.
 void Bridge::takesRecovered(const std::vector<std::string>& lines, std::size_t left) {
   recovery_ = {};
   if (left == 0 && lines.empty() && interruptedTakes_.is_null()) return;
@@ -197,7 +197,7 @@ void Bridge::streamBegan() {
 
 void Bridge::streamFailed(const std::string& why) {
   flow_.streamBegan();  // the next connection must not get acknowledgements of this one
-  if (std::exchange(lastFailure_, why) == why) return;  // it is tried four times a second
+  if (std::exchange(lastFailure_, why) == why) return;  // the watcher retries four times a second
   if (!ending_ && inputEnd_.empty()) std::fprintf(stderr, "%s\n", why.c_str());
   if (camera_) return;  // the helper's events tell more
   interruption_ = {{"type", "lost"}, {"message", why + " Trying again."}};
@@ -257,7 +257,7 @@ void Bridge::helperEnded(const client::Exited& exited) {
   finish();
 }
 
-// Reports the take's end and offers its movie, which the page can play once it gets the event.
+// Reports the take's end and offers its movie. The page plays the movie once it gets the event.
 void Bridge::takeSaid(const client::Recording& recording) {
   if (!recording.isOver()) return;
   if (recording.failure == client::TakeFailure::noAnswer) {

@@ -21,13 +21,14 @@ class Bridge {
 
   // Watches a helper that runs already.
   void join(const tools::HelperAddress& helper);
-  // Starts a Camera, and throws what that throws. The page proposes `folder` for takes.
+  // Starts a Camera, and throws what its constructor throws. The page proposes `folder` for takes.
   void own(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
            std::unique_ptr<tools::Microphone> microphone, int framesPerSecond,
            const std::string& folder);
 
   WebHandlers webHandlers();
-  // Ends a helper that it started, which saves a running take; then stops the context.
+  // Ends the helper if `own` started it; the helper then saves a running take. Then stops the
+  // context.
   void end();
   bool hasFailed() const { return failed_; }
   // The helper that `own` started.
@@ -82,9 +83,9 @@ class Bridge {
   Json session_;
   std::map<std::string, Json> latestEvents_;  // by type
   std::deque<std::string> lastLines_;         // for a report
-  Json interruption_;                         // of the stream, while it lasts; or null
-  Json interruptedTakes_;                     // and the results of a recovery; or null
-  std::vector<std::uint8_t> configuration_;   // the latest packet
+  Json interruption_;                         // why there is no stream; or null
+  Json interruptedTakes_;                     // how many, and what a recovery did; or null
+  std::vector<std::uint8_t> configuration_;   // the latest configuration packet
 
   std::optional<client::Take> take_;                     // while it runs
   std::map<std::string, std::filesystem::path> movies_;  // of saved takes, by "takes/ID.mp4"
@@ -92,8 +93,8 @@ class Bridge {
   std::filesystem::path program_;                        // of the helper; empty: see HelperOptions
   std::jthread recovery_;                                // of interrupted takes
   std::jthread planning_;                                // of the next take
-  bool isTakeLost_ = false;                              // the last one that ended
-  std::string lastFailure_;                              // of the stream, while it lasts
+  bool isTakeLost_ = false;                              // whether the last take that ended failed
+  std::string lastFailure_;                              // of the stream; empty while it works
   std::string inputEnd_;                                 // a sentence, once the input has ended
   bool ending_ = false;
   bool failed_ = false;

@@ -40,7 +40,7 @@ void Camera::feed(const std::stop_token& stop) {
       break;
     }
     if (source_->keepsTime()) capturedAt = client::Uptime::now();
-    // Frames do not catch up after the source was late. A file is late at first.
+    // Frames do not catch up after the source was late. ffmpeg is late with a file's first frame.
     due = std::max(due, Clock::now() - interval) + interval;
     lastID = std::max(lastID + 1, client::frameID(capturedAt));
     helper_.writeFrame(source_->size(), lastID, picture);

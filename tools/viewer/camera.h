@@ -18,8 +18,8 @@ class Camera {
     std::function<void(bool hasHeard)> soundEnded;         // the pictures go on
     std::function<void(const client::Exited&)> ended;      // the helper; no `event` follows
   };
-  // If `options` have sound, it comes from the microphone. Without one, it is a beep for each flash
-  // of the source. Throws what the constructor of client::Helper throws.
+  // If `options` have sound, it comes from the microphone. Without a microphone, it is a beep for
+  // each flash of the source. Throws what the constructor of client::Helper throws.
   Camera(const client::HelperOptions& options, std::unique_ptr<tools::FrameSource> source,
          std::unique_ptr<tools::Microphone> microphone, int framesPerSecond, Handlers handlers);
   ~Camera() { stop(); }

@@ -19,7 +19,7 @@ class FrameFlow {
   // How long a frame may wait to be shown, in seconds.
   static constexpr double patience = 0.25;
 
-  // A new connection to the helper, which knows nothing of earlier frames.
+  // The helper is connected anew. The new connection knows nothing of earlier frames.
   void streamBegan();
   void pageJoined();
   void pageLeft();
@@ -36,8 +36,8 @@ class FrameFlow {
   // What to acknowledge in the place of a page that is slow, hidden or gone.
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
-  // How many frames a visible page has missed since the last call. Leaves out frames before the
-  // first one that the page gets after it joined or its decoder restarted.
+  // How many frames a visible page has missed since the last call. After the page has joined, or
+  // its decoder has restarted, missed frames count only once the page has got a frame.
   std::uint64_t takeWithheld() { return std::exchange(withheld_, 0); }
 
  private:

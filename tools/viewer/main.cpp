@@ -1,5 +1,6 @@
-// Shows the live stream of a helper in a browser. It joins a helper that runs; or it starts one,
-// feeds it the test card or the input that INPUT names, and lets the page record takes.
+// Shows the live stream of a helper in a browser. With --port it joins a running helper. With
+// --demo it starts a helper and lets the page record takes. It feeds that helper the input that the
+// environment variable INPUT names, or the test card.
 
 #include <unistd.h>
 
@@ -38,7 +39,7 @@ struct Options {
   std::string helper;
   std::string folder = ".";
   tools::CameraWish camera;
-  std::string sound;  // empty: the test card's
+  std::string sound;  // a device or "none"; empty: the beep, if the input is the test card
   int rate = 60;
   std::string report;            // a file; empty: none
   tools::HelperAddress address;  // of a helper to join
@@ -55,7 +56,7 @@ bool parseSize(std::string_view text, client::FrameSize& size) {
   return least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
 }
 
-// Whether this names a device, for `Microphone`.
+// Whether `sound` is a device, as `Microphone` expects it: FORMAT:DEVICE.
 bool isDevice(const std::string& sound) { return sound.find(':') != std::string::npos; }
 
 bool apply(const std::string& name, const std::string& value, Options& options) {
@@ -97,8 +98,9 @@ std::optional<Options> parseOptions(const std::vector<std::string>& arguments) {
   return options;
 }
 
-// The program that --helper names, or the helper beside this program, as both are installed or
-// built. Empty: the client library looks for it.
+// Returns the program that --helper names. Without --helper it returns the helper that was
+// installed or built with this program, or "" if there is none. For "" the client library looks for
+// a helper.
 std::string findHelper(const std::string& named) {
   if (!named.empty()) return named;
   std::error_code error;
@@ -176,7 +178,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (!options->report.empty() && !std::ofstream(options->report)) {
-    std::perror(options->report.c_str());  // now, not after a run that is to be reported
+    std::perror(options->report.c_str());  // checked before the run, not after it
     return 1;
   }
   std::vector<std::string> events;

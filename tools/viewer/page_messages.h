@@ -11,7 +11,7 @@
 namespace lumora::viewer {
 
 struct Shown {
-  std::uint64_t frameID;  // this frame and all before it
+  std::uint64_t frameID;  // the page is done with this frame and all before it
 };
 struct Ping {
   std::uint64_t sent;  // microseconds of the page's own clock

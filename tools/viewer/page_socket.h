@@ -20,7 +20,7 @@ class PageSocket : public std::enable_shared_from_this<PageSocket> {
  public:
   explicit PageSocket(boost::beast::tcp_stream stream) : socket_(std::move(stream)) {}
 
-  // Answers the page's request for a socket, then calls `ready`; calls nothing if that fails.
+  // Answers the page's request for a socket, then calls `ready`. If answering fails, calls nothing.
   void accept(const boost::beast::http::request<boost::beast::http::empty_body>& request,
               std::function<void()> ready);
   // Messages wait until the system takes them. After `close`, or if too many bytes wait, a message

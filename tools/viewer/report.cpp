@@ -12,7 +12,8 @@ namespace {
 constexpr const char* encoders[] = {"auto",     "software",     "h264_nvenc",
                                     "h264_qsv", "h264_v4l2m2m", "h264_vaapi"};
 
-// The program, the libraries that decide which encoders it has, and which one was asked for.
+// The program's checksum, its libraries that decide which encoders it has, and the encoder that
+// TAVO_H264_ENCODER asks for.
 std::string describeHelper(const std::string& named) {
   const std::string program = named.empty() ? "\"${LUMORA_VIDEO_PATH:-$(command -v lumora-video)}\""
                                             : tools::shellQuoted(named);

@@ -11,8 +11,8 @@
 namespace lumora::viewer {
 namespace {
 
-// "take-20260131-093000.mp4", or "take-20260131-093000-2.mp4" when the first name is taken. Where
-// the folder can't be searched every name counts as free, and the helper refuses the take.
+// "take-20260131-093000.mp4", or "take-20260131-093000-2.mp4" when the first name is taken. If
+// the folder can't be searched, every name counts as free, and the helper refuses the take.
 std::string freeName(const std::filesystem::path& folder) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};

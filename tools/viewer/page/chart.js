@@ -2,7 +2,7 @@
 
 import { element } from './dom.js';
 
-const shownSeconds = 60; // the width of the page's `viewBox`
+const shownSeconds = 60; // the width of each chart's `viewBox` in index.html
 const maximumGap = 2.5; // seconds; no line is drawn across a longer one
 
 export class Chart {

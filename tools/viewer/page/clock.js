@@ -4,8 +4,9 @@
 const keptPings = 30;
 const maximumLatency = 60e6;
 
-// The viewer reads its clock at some time between a ping and its answer. The middle of the two is
-// wrong by at most half the round trip, so the ping with the shortest round trip is used.
+// The viewer reads its clock after the page sends a ping and before the page receives the answer.
+// The middle of these two times differs from the time of that reading by at most half the round
+// trip. So the ping with the shortest round trip is used.
 export class ClockOffset {
   #pings = [];
 
@@ -21,7 +22,7 @@ export class ClockOffset {
   }
 }
 
-// The time since capture; undefined when the id is not a capture time of that clock.
+// The time since capture; undefined when the id is not a capture time of the viewer's clock.
 export function latencyOf(frameId, now, offset) {
   const latency = now + offset - Number(frameId);
   return latency >= 0 && latency <= maximumLatency ? latency : undefined;

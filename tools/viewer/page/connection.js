@@ -38,7 +38,7 @@ export class Connection {
     this.#attempts = 0;
   }
 
-  // Does not reconnect when this socket is closed.
+  // After this call, no reconnect follows when the current socket closes.
   giveUp() {
     this.#isFinal = true;
   }

@@ -1,5 +1,5 @@
 // Starts and stops takes, and shows their progress and the finished movie. Offers to recover
-// interrupted ones.
+// interrupted takes.
 
 import { element, showCount, showFigure } from './dom.js';
 import { duration, failure } from './event_formatter.js';
@@ -20,7 +20,7 @@ export class Takes {
   #send;
   #isOwner = false;
   #state = 'none';
-  #stateBefore = 'none'; // before `asked`, to return to when the viewer refuses
+  #stateBefore = 'none'; // the state before `asked`; shown again if the viewer refuses
   #lastEvent; // "id state" of the last event, unless it was "recording"
 
   constructor(send) {
@@ -60,7 +60,7 @@ export class Takes {
 
   sessionEnded() {
     this.#isOwner = false;
-    this.#lastEvent = undefined; // the next session sends it again
+    this.#lastEvent = undefined; // the next session sends that event again, and it must be shown
     if (this.#state === 'asked') this.#showState(this.#stateBefore);
     else if (running.includes(this.#state)) this.#showState('lost');
     this.#enable();
