@@ -39,7 +39,7 @@ std::string_view mimeType(std::string_view name) {
   return "text/html; charset=utf-8";
 }
 
-// The fields of every response. They make the browser run only our own files in the page, never
+// The fields of every response but the socket's. They make the browser run only our own files in the page, never
 // show the page in another site's frame, and never send its secret address elsewhere.
 http::response_header<> makeHeader(Status status, std::string_view type) {
   http::response_header<> header;
@@ -184,6 +184,7 @@ void WebServer::acceptNext() {
         if (!aborted) acceptNext();
       });
     }
+    fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);  // as above
     if (sessions_.use_count() <= maximumSessions) {
       std::make_shared<HttpSession>(std::move(socket), rules_, handlers_, sessions_)->readRequest();
     }
