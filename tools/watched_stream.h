@@ -19,14 +19,15 @@ class WatchedStream {
   // Called on the thread that watches.
   struct Handlers {
     std::function<void(client::Packet)> packet;
-    std::function<void()> connected = {};                     // before the first packet; optional
+    std::function<void()> connected = {};                     // before a stream's packets; optional
     std::function<void(const std::string& why)> failed = {};  // before a retry; optional
   };
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested. Retries every 250 ms, but gives up when retries bring no
-  // packet for `patience`. Returns why the last connection ended. Throws what the handlers throw.
+  // Watches until `stop` is requested. When a connection fails or ends, retries after 250 ms,
+  // but gives up if no connection with packets was open in the last `patience`. Returns why the
+  // last connection failed or ended; after `stop` it may be wrong. Throws what the handlers throw.
   std::string watch(const std::stop_token& stop, client::Seconds patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
@@ -36,9 +37,9 @@ class WatchedStream {
 
   const HelperAddress from_;
   const Handlers handlers_;
-  // When a stream with packets was last open, or when `watch` began.
+  // When a connection that brought packets was last open. Before the first: when `watch` began.
   client::Uptime::time_point lastReceived_;
-  std::mutex mutex_;  // held to replace `stream_`, and by `acknowledge`
+  std::mutex mutex_;  // held while `stream_` is replaced, and by `acknowledge`
   std::optional<client::StreamClient> stream_;
 };
 

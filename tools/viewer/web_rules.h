@@ -2,7 +2,8 @@
 
 // Who may ask the viewer for what. A server on this machine is not private: any web site can make a
 // browser send requests to 127.0.0.1, and can point a host name of its own there. So a request must
-// name the viewer as its host, come from the viewer's own page, and know a random path. Pure.
+// name the viewer as its host and know a random path. If it names an origin, that must be the
+// viewer's. Pure.
 
 #include <cstdint>
 #include <optional>
@@ -17,14 +18,15 @@ class WebRules {
   WebRules(std::uint16_t port, const std::string& secret);
 
   // The part of `target` after the secret, without a query; "" is the page itself. Nothing for a
-  // request that is refused. A browser sends no origin when somebody opens the address, or when the
-  // page loads a part of itself. It always sends one for a "socket".
+  // request that is refused. `origin` may be missing, because a browser sends none when somebody
+  // opens the address, or when the page loads a part of itself. Only the part "socket" needs an
+  // origin, which a browser always sends for a WebSocket.
   std::optional<std::string> resource(std::string_view host, std::optional<std::string_view> origin,
                                       std::string_view target) const;
 
-  // The address to open. It says 127.0.0.1, because another user of this machine can listen on
-  // [::1] with the same port, and a browser that is given "localhost" may connect there and tell
-  // that user the secret.
+  // The address to open. It says 127.0.0.1, not "localhost", for which a browser may connect to
+  // [::1]. Another user of this machine can listen there on the same port, and would learn the
+  // secret.
   std::string address() const { return origin_ + folder_; }
 
  private:
@@ -42,8 +44,8 @@ struct ByteRange {
 
   bool operator==(const ByteRange&) const = default;
 };
-// The whole file when the header is malformed, or asks for several parts or for the last bytes,
-// which no browser does for a movie.
+// Returns the whole file if the header is empty or malformed. Also if it asks for several parts, or
+// for the last N bytes ("bytes=-N"): no browser asks for either for a movie.
 ByteRange parseRange(std::string_view header, std::uint64_t size);
 
 }  // namespace lumora::viewer

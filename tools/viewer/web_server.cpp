@@ -39,8 +39,9 @@ std::string_view mimeType(std::string_view name) {
   return "text/html; charset=utf-8";
 }
 
-// The fields of every response but the socket's. They make the browser run only our own files in the page, never
-// show the page in another site's frame, and never send its secret address elsewhere.
+// The fields of every response but the socket's. They make the browser run only our own files in
+// the page, never show the page in another site's frame, and never send its secret address
+// elsewhere.
 http::response_header<> makeHeader(Status status, std::string_view type) {
   http::response_header<> header;
   header.version(11);
@@ -58,7 +59,8 @@ http::response_header<> makeHeader(Status status, std::string_view type) {
   return header;
 }
 
-// One connection. It answers one request after the other, until one gets a 404 or the socket.
+// One connection. It answers one request after the other. It closes after a 404. After a request
+// for the page's socket, the connection belongs to a PageSocket.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   HttpSession(tcp::socket socket, const WebRules& rules, const WebHandlers& handlers,
@@ -153,7 +155,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   beast::tcp_stream stream_;
   const WebRules& rules_;
   const WebHandlers& handlers_;
-  const std::shared_ptr<const int> slot_;  // the server counts its copies
+  const std::shared_ptr<const int> slot_;  // a copy of the server's `sessions_`
   beast::flat_buffer received_;
   std::optional<http::request_parser<http::empty_body>> parser_;
   std::ifstream movie_;
@@ -175,7 +177,7 @@ void WebServer::start(WebHandlers handlers) {
 }
 
 void WebServer::acceptNext() {
-  constexpr long maximumSessions = 32;  // connections open at once, without the page's socket
+  constexpr long maximumSessions = 32;  // connections at once, not counting the page's socket
   acceptor_.async_accept([this](const error_code& error, tcp::socket socket) {
     if (error == asio::error::operation_aborted) return;
     if (error) {  // descriptors have run out, so the next attempt has to wait

@@ -19,7 +19,8 @@ class PageSocket;
 
 struct WebHandlers {
   std::function<void(std::shared_ptr<PageSocket>)> pageJoined;
-  // Returns the path of a movie by its name, such as "takes/ID.mp4". Empty if there is none.
+  // Returns the path of the movie `name`, which looks like "takes/ID.mp4". Empty if there is no
+  // such movie.
   std::function<std::filesystem::path(const std::string& name)> movie;
 };
 
@@ -37,7 +38,7 @@ class WebServer {
   boost::asio::steady_timer retry_;
   const WebRules rules_;
   WebHandlers handlers_;
-  const std::shared_ptr<const int> sessions_ = std::make_shared<int>();  // one copy per session
+  const std::shared_ptr<const int> sessions_ = std::make_shared<int>();  // each session has a copy
 };
 
 }  // namespace lumora::viewer
