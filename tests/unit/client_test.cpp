@@ -266,7 +266,7 @@ TEST(StreamClient, GivesUpOnAHelperThatDoesNotAnswer) {
   socklen_t size = sizeof address;
   ASSERT_TRUE(bind(listener.get(), any, size) == 0 && listen(listener.get(), 0) == 0 &&
               getsockname(listener.get(), any, &size) == 0);
-  std::vector<StreamClient> waiting;  // accepted by the kernel until its backlog is full
+  std::vector<StreamClient> waiting;  // accepted by the kernel until the listener's backlog is full
   const auto connectMany = [&] {
     for (;;) waiting.emplace_back("127.0.0.1", ntohs(address.sin_port), Seconds(0.2));
   };

@@ -1,4 +1,4 @@
-// Sizes of pictures, their conversion for sessions and for encoders, and decoding of JPEG.
+// Pictures: their sizes, their conversion for sessions and for encoders, and decoding of JPEG.
 
 #include <hwy/targets.h>
 
@@ -157,8 +157,8 @@ TEST_P(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheirEdge) {
 }
 
 TEST_P(Conversion, KeepsDetailThatFitsAndDoesNotAlias) {
-  // A period in source pixels, what remains of an amplitude of 100, and its tolerance. Without a
-  // filter, the last period would show as a slow wave.
+  // The period in source pixels, the amplitude after conversion (it was 100), and the tolerance of
+  // the samples. Without a filter, the last period would show as a slow wave.
   for (const auto& [period, left, tolerance] :
        {std::tuple{12.0, 90.0, 10.0}, {4.0, 0.0, 10.0}, {3.1, 0.0, 3.0}}) {
     for (const bool isVertical : {false, true}) {
@@ -198,7 +198,7 @@ TEST_P(EncoderPicture, HasTheLayoutAndTheRangeOfTheEncoderAndTheTopRowFirst) {
   }
 }
 
-// Luma (0), U or V of a pixel in real arithmetic.
+// Component 0 (luma), 1 (U) or 2 (V) of a pixel, in real arithmetic.
 double exact(int component, double red, double green, double blue) {
   const double y = 0.2126 * red + 0.7152 * green + 0.0722 * blue;
   if (component == 0) return 16 + y * 219 / 255;

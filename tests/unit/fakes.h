@@ -18,14 +18,14 @@
 
 namespace lumora {
 
-// Makes calls of the whole fake machine fail, by name.
+// Makes named calls fail, in all parts of the fake machine.
 struct Failures {
   // The `nth` call from now on, counted from 1, answers `status`; so do `more` calls after it.
   void fail(const std::string& call, int nth = 1, int status = -1, int more = 0) {
     auto& queue = answers[call] = std::deque<int>(static_cast<std::size_t>(nth - 1), 0);
     queue.insert(queue.end(), static_cast<std::size_t>(more + 1), status);
   }
-  // The status that this call answers instead of doing its work; 0: it does its work.
+  // The status that `call` answers now instead of doing its work; 0: it does its work.
   int next(const std::string& call) {
     auto& queue = answers[call];
     if (queue.empty()) return 0;
@@ -34,7 +34,7 @@ struct Failures {
     return answer;
   }
 
-  std::map<std::string, std::deque<int>> answers;  // of each call, the next first; then 0
+  std::map<std::string, std::deque<int>> answers;  // by call, the next first; 0 after the last
 };
 
 struct CanFail {
@@ -76,7 +76,7 @@ class ManualQueue final : public SerialQueue {
     tick = nullptr;
   }
 
-  Work tick;  // the next one of the service timer
+  Work tick;  // the next work of the service timer
 
  private:
   const double& now_;
@@ -95,7 +95,8 @@ struct FakeDispatch final : Dispatch {
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
-  // Runs the work that was detached last. Never runs the first, the reader. Whether any was run.
+  // Runs the work that was detached last, but never the work that was detached first: the reader.
+  // Returns whether any was run.
   bool runDetached() {
     if (hangs || detached.size() < 2) return false;
     const Work work = std::move(detached.back());
@@ -205,7 +206,8 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   bool accepts = false, cancelled = false;
 };
 
-using Submitted = std::vector<std::pair<std::int64_t, bool>>;  // time value, key frame forced
+// The time's value, and whether a key frame is forced.
+using Submitted = std::vector<std::pair<std::int64_t, bool>>;
 
 struct FakeSession : CompressionSession, CanFail {
   FakeSession(int width, int height, Failures& all)

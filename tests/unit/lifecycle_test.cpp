@@ -102,8 +102,9 @@ TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedOrAfterHalfASecondThenReads) {
               "\n");
     EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
     if (!inTime) probe.encoders->prepared();
-    probe.runAt(1000.5);  // the later of the two causes starts no other reader
+    probe.runAt(1000.5);  // the later cause of readiness starts no second reader
     EXPECT_EQ(probe.dispatch->detached.size(), 1u);
+    EXPECT_TRUE(probe.process->exitCodes.empty());  // a second one would read the end of the input
   }
 }
 

@@ -1,5 +1,5 @@
 // The movie writer on disks that fail, hang, are full or hold gigabytes. libavformat reads the
-// files that it leaves.
+// files that the writer leaves.
 
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ struct Disk {
   std::uint64_t reserved = 0;       // bytes, for which even a full disk has room
   std::atomic<int> failAfter = -1;  // calls that still succeed; negative: all
   std::atomic<int> calls = 0;
-  std::atomic<int> hangAt = -1;  // after so many calls
+  std::atomic<int> hangAt = -1;  // hangs after this many calls; -1: never
   std::atomic<bool> hangs = false, isFull = false, closed = false;
 };
 
@@ -88,7 +88,7 @@ struct Written {
     writer.append(Bytes(9, 0x11));
     ++packets;
   }
-  // `count` samples of 1000 units each. The first of every 30 is a key frame.
+  // Appends `count` pictures of 1000 units each. The first of every 30 is a key frame.
   void fill(int count) {
     for (int i = 0; i < count; ++i) append(i % 30 == 0, {i * 1000, 1000});
   }

@@ -101,7 +101,7 @@ TEST_F(Peers, AreAtMostTwoClientsAndFourWithoutAHello) {
 TEST_F(Peers, AcknowledgeAllFramesUpToTheNamedOne) {
   const auto client = probe.connectClient();
   frameFor(*client, 8, true);
-  probe.clock->now += 0.0625;  // times that a double has exactly
+  probe.clock->now += 0.0625;  // a double holds these times exactly
   frameFor(*client, 9);
   probe.clock->now += 0.5;
   for (const std::uint64_t id : {12u, 15u}) frameFor(*client, id);
@@ -112,7 +112,7 @@ TEST_F(Peers, AcknowledgeAllFramesUpToTheNamedOne) {
   expectKeys(all, {{"max_pending_acks", 1}, {"ack_rtt_ms", 453.125}, {"ack_rtt_max_ms", 500}});
   expectKeys(all, {{"ack_oldest_ms", 507.8125}});
   EXPECT_FALSE(client->cancelled);
-  client->deliver(ack("14"));  // above the last acknowledged, but never sent
+  client->deliver(ack("14"));  // this id is above the last acknowledged one, but was never sent
   EXPECT_TRUE(client->cancelled);
 }
 
@@ -139,7 +139,7 @@ TEST_F(Delivery, BeginsWithAKeyFrameAndDropsFramesDuringASendAndThenUntilAKeyFra
   EXPECT_TRUE(client->sent.empty());
   EXPECT_TRUE(probe.lastSession().submitted.at(1).second);  // forced until a key frame comes
   probe.frame(3, makeSample({0x41, 0x65}));
-  EXPECT_EQ(client->sent.at(0).size(), 31u + 30u);  // its configuration and the frame
+  EXPECT_EQ(client->sent.at(0).size(), 31u + 30u);  // the stream's configuration and the frame
   for (const std::uint64_t id : {4u, 5u}) probe.frame(id, deltaSample());
   EXPECT_TRUE(probe.lastSession().submitted.at(4).second);
   client->finishSend();
@@ -155,7 +155,7 @@ TEST_F(Delivery, DropsFramesForAClientWithSixUnacknowledged) {
   const auto slow = probe.connectClient();
   for (std::uint64_t id = 1; id <= 8; ++id) {
     probe.frame(id, id == 1 ? keySample() : deltaSample());
-    if (slow->onSent && id != 6) slow->finishSend();  // the sixth send stays outstanding
+    if (slow->onSent && id != 6) slow->finishSend();  // the sixth send ends only after frame 7
   }
   EXPECT_EQ(slow->sent.size(), 6u);
   // Frame 7 lacks credit and comes during a send. It counts as a credit drop only.

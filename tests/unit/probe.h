@@ -73,7 +73,7 @@ struct VideoEncoderProbe {
     connection->deliver("89abcdef\"}\n");
     return connection;
   }
-  // Admits and encodes one frame as the reader would, in the default format.
+  // Admits one frame of the default format and encodes it, as the reader would.
   void feed(std::uint64_t id, int width = 640, int height = 360) {
     ASSERT_TRUE(service->raw.admit());
     const auto rgba = pictures->allocate(static_cast<std::size_t>(width * height * 4));
@@ -121,7 +121,7 @@ struct VideoEncoderProbe {
   // Runs the reader until it ends, then the queues. Returns `error()`.
   std::string readAll() {
     dispatch->detached.at(0)();
-    EXPECT_EQ(process->watchdog.first, 2.2);  // before the state queue runs
+    EXPECT_EQ(process->watchdog.first, 2.2);  // armed before the state queue runs
     run();
     return error();
   }
@@ -150,7 +150,7 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
 
-  // When destroyed, clears the work that has not run: it still owns takes and the service.
+  // When destroyed, clears the work that has not run, since that work owns takes and the service.
   std::shared_ptr<void> forgetWork;
 };
 

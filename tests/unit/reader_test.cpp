@@ -81,7 +81,7 @@ TEST_F(Reader, DropsFramesWhileOneIsInFlightHoweverTheReadsAreCut) {
   probe.process->interruptions = 4;
   const auto client = probe.connectClient();
   putFrame(3);
-  // An id above 32 bits. It can't be used again, although its first frame is dropped.
+  // An id above 32 bits. It can't be used again, although the first frame with this id is dropped.
   for (int i = 0; i < 2; ++i) putFrame(0x100000001);
   EXPECT_EQ(probe.readAll(), "invalid raw frame header");
   expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
@@ -94,7 +94,7 @@ TEST_F(Reader, WaitsWhileSixtyFourCommandsWaitButForTwoSecondsAtMost) {
     for (int i = 0; i < commands; ++i) probe.put(client::commandRecord(command));
     probe.dispatch->detached.at(0)();
   };
-  // Whether the reader holds one more command until a command that waits has been handled.
+  // Whether the reader passes on one more command only after a waiting command was handled.
   const auto waits = [&] {
     std::atomic<bool> isHandled = false;
     const std::jthread later([&] {
@@ -126,10 +126,11 @@ TEST_F(Reader, DecodesOnlyWhatMayBeNeededAndDropsWhatItCannotDecode) {
       if (!isForTake) probe.connectClient();
       if (isForTake) probe.put(client::commandRecord(start.dump()));  // read, but not handled yet
     };
-    // The next input once all has been read, and how many pictures have been decoded by then.
+    // Each step: the input to put once all earlier input has been read, and how many pictures have
+    // been decoded by that time.
     const std::pair<Work, std::size_t> steps[] = {
         {[&] { feed(1, good); }, 0},
-        {[&] { feed(2, good); }, 1},  // frame 1 was decoded, as a client could have come
+        {[&] { feed(2, good); }, 1},  // frame 1 was decoded: at first, frames count as needed
         {[&] { need(), feed(3, bad), feed(4, good); }, 1},
         {[&] { feed(5, good); }, 2}};  // frame 4 came while frame 3 was in flight
     probe.process->beforeRead = [&, next = steps]() mutable {
