@@ -27,9 +27,9 @@ using namespace lumora::bench;
 using Json = nlohmann::json;
 
 constexpr int rates[] = {30, 60};     // frames a second
-constexpr double overhead = 2;        // seconds that a run takes longer than its frames
+constexpr double overhead = 2;        // seconds of a run beyond the time of its frames
 constexpr double judgingSeconds = 8;  // for the files of a contender
-constexpr double steadySeconds = 20;  // of a steady run, multiplied by ROUNDS
+constexpr double steadySeconds = 20;  // a steady run lasts so long, times ROUNDS
 const Job jobs[] = {{camera, "superfast"}, {camera, "ultrafast"}, {camera, ""}, {defaultTake, ""}};
 
 struct Column {
@@ -122,7 +122,7 @@ struct Table {
   }
 };
 
-// Adds to the figures of the last round how much its files resemble the clip.
+// Measures how much the files of the last round resemble the clip. Adds that to its figures.
 void judge(Contender& contender, client::FrameSize take) {
   Run& last = contender.rounds.back();
   const auto ssim = [&](const std::string& path, const std::vector<std::uint64_t>& numbers,

@@ -18,8 +18,8 @@ struct SoundRecord {
   double drift = 0;   // of the device, set by `DeviceClock`: 1e-6 is 1 ppm slow
 };
 
-// Whether a record is valid. Its id is above `lastID`: the id of the sound record before it, or 0
-// for the first. It has whole samples: at least one, at most a quarter of a second.
+// A record is valid if its id is above `lastID` and it has whole samples: at least one, at most a
+// quarter of a second. `lastID` is the id of the sound record before it, or 0 for the first.
 bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, SoundFormat format);
 
 // Whether sound captured at this time is used: neither too old nor too far ahead. Uptime seconds.

@@ -32,7 +32,7 @@ export interface StreamOptions {
  * `UNREACHABLE`: the connection could not be made, or not in time; `cause` says why.
  * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
  * `REFUSED`: the token is wrong, the hello came more than a second after the connection, or there
- * was no room but another client has left since.
+ * was no room, but a client left before the reason was checked.
  * `CLOSED`: the helper has ended.
  * `MALFORMED`: no helper sends such bytes.
  */
@@ -45,7 +45,7 @@ export class StreamError extends CodedError<StreamErrorCode> {
 
 const words: Record<Refusal, string> = {
   NO_ROOM: 'the helper has no room for another client',
-  REFUSED: 'the helper refused the hello: the token is wrong',
+  REFUSED: 'the helper refused the hello: is the token wrong?',
   CLOSED: 'the helper has ended',
 };
 

@@ -80,7 +80,7 @@ function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
     const helper = helperFor(format);
     if (!isShown) {
       isShown = true;
-      // The first frame that comes `retryAfter` after the end of a preview shows it again.
+      // After the end of a preview, the next frame starts it again, but not within `retryAfter`.
       const retry = () => setTimeout(() => (isShown = false), retryAfter);
       void showPreview(helper, preview).catch(console.error).finally(retry);
     }
