@@ -40,7 +40,7 @@ void MovieRecorder::endAwaited() {
   }
 }
 
-// Writes the sample that was held back, unless it lies behind `end`, and completes the file.
+// Writes the sample that was held back if it begins before `end`. Then completes the file.
 void MovieRecorder::endMovie(double end, FrameOutcome rest) {
   if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
   completeFile(movieUnits(end), end, rest);

@@ -37,8 +37,8 @@ struct AcknowledgementFigures {
   double acknowledgementOldest = 0;  // smoothed
   double acknowledgementRTTMaximum = 0;
 
-  // The acknowledged frame was sent at uptime `sentAt`, and the oldest frame that still waited when
-  // its acknowledgement came, at `oldestSentAt`.
+  // Uptimes. `sentAt`: when the acknowledged frame was sent. `oldestSentAt`: when the oldest frame
+  // that was still unacknowledged was sent. Both may be the same frame.
   void record(double sentAt, double oldestSentAt, double now);
 };
 

@@ -101,7 +101,7 @@ TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
     feedPaced(60, 60, {640, 360}, noise());
     const Event saved = saveTake();
     const auto bits = static_cast<double>(8 * std::filesystem::file_size(path));
-    // In the first second the encoder may also spend a full rate buffer, almost as much again.
+    // In the first second the encoder also uses its rate buffer, which holds another second of bits.
     EXPECT_NEAR(bits / saved["duration"].get<double>() / rate, 1.45, 0.5);
     std::filesystem::remove(path);
   }
@@ -224,7 +224,7 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   begin();
   expectFailure("No space left on device", true);
   ASSERT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_REMOUNT, "size=20m"), 0);
-  limitSize(2'000'000, true);  // tmpfs does not even reserve room beyond this limit
+  limitSize(2'000'000, true);  // tmpfs reserves no room beyond the limit
 }
 
 TEST_F(Disk, ATakeIsSavedWhenSpaceFallsBelowTheMinimum) {
