@@ -56,7 +56,7 @@ void MovieRecorder::completeFile(std::int64_t units, double end, FrameOutcome re
   });
 }
 
-// Tries one name after the other. A complete movie is never deleted because of its name.
+// Tries one name after the other. If none is free, the complete movie stays at its staging path.
 void MovieRecorder::movieEnded(double end) {
   const bool isComplete = writer->status() == WriterStatus::completed;
   if (failed) return isComplete ? nameKept(writer->extent(), true) : rescue();

@@ -101,7 +101,8 @@ TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
     feedPaced(60, 60, {640, 360}, noise());
     const Event saved = saveTake();
     const auto bits = static_cast<double>(8 * std::filesystem::file_size(path));
-    // In the first second the encoder also uses its rate buffer, which holds another second of bits.
+    // In the first second the encoder also uses its rate buffer, which holds another second of
+    // bits.
     EXPECT_NEAR(bits / saved["duration"].get<double>() / rate, 1.45, 0.5);
     std::filesystem::remove(path);
   }
