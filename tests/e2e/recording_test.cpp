@@ -221,7 +221,7 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
     expectFailure("File too large", isKept);
   };
   limitSize(1000, false);
-  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=6m") != 0) GTEST_SKIP() << "cannot mount";
+  if (mount("tmpfs", place.c_str(), "tmpfs", 0, "size=4m") != 0) GTEST_SKIP() << "cannot mount";
   begin();
   expectFailure("No space left on device", true);
   ASSERT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_REMOUNT, "size=20m"), 0);
