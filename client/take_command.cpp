@@ -42,7 +42,8 @@ void check(const TakeOptions& options) {
 // The limits of docs/protocol.md for times.
 void checkTime(Uptime::time_point time) {
   const Seconds ago = Uptime::now() - time;
-  if (ago <= Seconds(30) && ago >= -mostAhead) return;  // never true for NaN
+  // Negative: before the machine was started. No comparison is true for NaN.
+  if (time >= Uptime::time_point() && ago <= Seconds(30) && ago >= -mostAhead) return;
   throw std::invalid_argument(
       "a take starts and stops at most 30 s ago or 50 ms from now, on the uptime clock");
 }

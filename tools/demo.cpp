@@ -127,7 +127,8 @@ void addBeeps(tools::RunOptions& options, const tools::FrameSource& source) {
 void run(const std::string& helper, const std::filesystem::path& folder, double seconds,
          bool asJson) {
   std::filesystem::create_directories(folder);
-  for (const char* old : {"preview.png", "take.png"}) std::filesystem::remove(folder / old);
+  for (const char* old : {"preview.h264", "preview.png", "take.png"})
+    std::filesystem::remove(folder / old);
   const std::string preview = folder / "preview.h264";
   const std::string previewPicture = folder / "preview.png";
   const std::string movie = std::filesystem::absolute(folder / "demo.mp4");

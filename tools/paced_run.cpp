@@ -28,7 +28,10 @@ class Run {
                 [this](const client::Event& event) { eventCame(event); }) {
     report_.readyMilliseconds = millisecondsSince(launched_);
     report_.transport = helper_.frameTransport();
-    if (!options.previewPath.empty()) copy_.open(options.previewPath, std::ios::binary);
+    if (!options.previewPath.empty()) {
+      copy_.open(options.previewPath, std::ios::binary);
+      checkCopy();
+    }
   }
 
   void admitClients() {
@@ -82,6 +85,8 @@ class Run {
     const client::Exited exit = helper_.stop();
     watchers_.clear();
     if (streamFailure_ && exit.isClean()) std::rethrow_exception(streamFailure_);
+    copy_.flush();
+    checkCopy();
     RunReport whole = report();
     whole.peakMegabytes = peak;
     whole.exit = exit;
@@ -96,6 +101,10 @@ class Run {
     copy.lateness = lateness_;
     if (take_) copy.take = take_->latest();
     return copy;
+  }
+
+  void checkCopy() const {
+    if (!copy_) throw std::runtime_error(options_.previewPath + " can't be written");
   }
 
   void writeSound(client::Uptime::time_point capturedAt, std::uint64_t number) {

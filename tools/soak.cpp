@@ -62,11 +62,14 @@ class Soak {
  public:
   Soak(const std::string& helper, const std::filesystem::path& folder, unsigned seed)
       : folder_(std::filesystem::absolute(folder)),
+        seed_(seed),
         random_(seed),
         helper_({.program = helper, .frames = tools::frameTransport(client::FrameTransport::pipe)},
                 [](const client::Event& event) {
                   if (const auto* error = std::get_if<client::Error>(&event.what))
                     fail("the helper failed: " + error->message);
+                  if (const auto* end = std::get_if<client::Exited>(&event.what))
+                    if (!end->isClean()) fail("the helper ended with " + toText(*end));
                 }) {
     std::filesystem::create_directories(folder_);
   }
@@ -74,13 +77,14 @@ class Soak {
   void run(double minutes) {
     for (const auto begun = Uptime::now(); Uptime::now() - begun < client::Seconds(minutes * 60);) {
       {
+        const int before = streams_;
         const std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
         const std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
         for (int i = 0; i < takesBetweenRests; ++i) take();
+        if (streams_ == before) fail("no client received a frame during the last takes");
       }
       rest((Uptime::now() - begun).count());
     }
-    if (streams_ == 0) fail("no client received a frame");
     judge();
     if (!helper_.stop().isClean()) fail("the helper did not end cleanly");
     const auto frames = helper_.frameCounts();
@@ -107,7 +111,7 @@ class Soak {
 
   // Runs one client after the other, each for a random while.
   void watch(const std::stop_token& stop, unsigned number) try {
-    std::mt19937 random(number);
+    std::mt19937 random(seed_ + number);
     std::uniform_real_distribution<double> seconds(0.2, 5);
     const std::string path = folder_ / ("stream-" + std::to_string(number) + ".h264");
     while (!stop.stop_requested()) {
@@ -200,6 +204,7 @@ class Soak {
   }
 
   const std::filesystem::path folder_;
+  const unsigned seed_;
   std::mt19937 random_;
   std::uint64_t lastID_ = 0;  // of a frame; only the feeding thread uses it
   std::atomic<int> streams_ = 0;

@@ -126,12 +126,6 @@ bool report(const Options& options, const std::vector<std::string>& events) {
   boost::asio::io_context context(1);
   viewer::WebServer server(context, options.listen, client::makeToken());
   viewer::Bridge bridge(context);
-  boost::asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
-  signals.async_wait([&](const boost::system::error_code& error, int) {
-    if (error) return;
-    std::signal(SIGINT, SIG_DFL);  // a second Ctrl-C ends the viewer at once
-    bridge.end();
-  });
   if (options.demo) {
     const std::string folder = std::filesystem::absolute(options.folder).lexically_normal();
     std::filesystem::create_directories(folder);
@@ -148,6 +142,13 @@ bool report(const Options& options, const std::vector<std::string>& events) {
   } else {
     bridge.join(options.address);
   }
+  // Until here a signal ends the viewer at once: a folder or a camera may hang.
+  boost::asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
+  signals.async_wait([&](const boost::system::error_code& error, int) {
+    if (error) return;
+    std::signal(SIGINT, SIG_DFL);  // a second Ctrl-C ends the viewer at once
+    bridge.end();
+  });
   server.start(bridge.webHandlers());
   std::printf("%s\n", server.address().c_str());
   if (options.share) {

@@ -131,7 +131,7 @@ struct Event {
   std::variant<std::monostate, Ready, Stats, Recording, Error, Exited> what;
 };
 
-// Never throws.
+// Throws only std::bad_alloc.
 LUMORA_CLIENT_EXPORT Event parseEvent(std::string line);
 
 }  // namespace lumora::client
