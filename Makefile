@@ -28,7 +28,6 @@
 JOBS ?= $(shell nproc)
 OUT ?= out
 SECONDS_FED ?= 10
-MINUTES ?= 1
 ROUNDS ?= 3
 SPEED ?= 10
 SUITE ?= bookworm
@@ -72,12 +71,12 @@ bench: dependencies
 	bench/charts.sh $(OUT)
 
 fuzz: dependencies
-	scripts/fuzz.sh $(JOBS) $(MINUTES)
+	scripts/fuzz.sh $(JOBS) $(or $(MINUTES),1)
 
 soak: dependencies
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-soak
-	build/release/tools/lumora-soak $(HELPER) $(OUT)/soak $(MINUTES)
+	build/release/tools/lumora-soak $(HELPER) $(OUT)/soak $(or $(MINUTES),1)
 
 losses: dependencies
 	command -v node >/dev/null || scripts/install_dependencies.sh nodejs
@@ -95,7 +94,7 @@ sound-sync: dependencies
 	command -v node >/dev/null || scripts/install_dependencies.sh nodejs
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-faults
-	node bench/sound_sync.mjs $(HELPER) build/release/tests/liblumora-faults.so $(SPEED) $(MINUTES)
+	node bench/sound_sync.mjs $(HELPER) build/release/tests/liblumora-faults.so $(SPEED) $(or $(MINUTES),2)
 
 lint: dependencies
 	scripts/lint.sh $(JOBS)
