@@ -72,8 +72,8 @@ void print(const tools::RunOptions& load, const tools::FrameSource& source,
       report.transport == client::FrameTransport::memory ? "memory" : "pipe", load.clients,
       load.take ? toText(load.take->profile.size).c_str() : "none", Count{report.fed},
       Count{frames}, Count{report.take.frames}, toRecord, Count{report.frames.dropped},
-      Count{report.stats.droppedFrames}, Count{withheld.creditDrops + withheld.sendDrops},
-      Count{report.take.throttled}, Count{lostAtStart});
+      Count{report.stats.droppedFrames}, Count{withheld.drops()}, Count{report.take.throttled},
+      Count{lostAtStart});
   std::printf(
       "latency p50 %5.2f p95 %5.2f p99 %5.2f ms  feeder late p99 %.2f max %.2f ms  "
       "cpu %5.2f ms/frame, parent %5.2f  peak %.0f MB  ready %.0f ms\n",

@@ -209,6 +209,7 @@ async function besideSine(capture) {
   const { sound_gaps: gaps } = await record(path, 60, capture, sine);
   if (gaps > 0) throw new Error(`the sine has ${gaps} gaps`);
   const samples = samplesOf(path).subarray(soundRate, -soundRate);
+  if (samples.length < 57 * soundRate) throw new Error('the sine is too short');
   if (!samples.some((sample) => sample > fullScale / 2)) throw new Error('the sine is not there');
   const level = loudestBeside(samples);
   fs.rmSync(path);

@@ -25,7 +25,17 @@ constexpr std::uint64_t offsetOf(int slot) {
   return pageBytes + static_cast<std::uint64_t>(slot) * slotBytes;
 }
 
-// The descriptor is not open if the system can't seal memory.
+// False if the system has no memory left. A touch of memory that is not reserved would then end the
+// process with a signal.
+bool reserveBytes(int descriptor, std::uint64_t offset, std::size_t bytes) {
+  int error = 0;
+  do {
+    error = posix_fallocate(descriptor, static_cast<off_t>(offset), static_cast<off_t>(bytes));
+  } while (error == EINTR);
+  return error == 0;
+}
+
+// The descriptor is not open if the system can't seal memory or has none left.
 Descriptor makeSealedMemory() {
 #ifdef F_ADD_SEALS
   Descriptor made(memfd_create("lumora-frames", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -33,7 +43,9 @@ Descriptor makeSealedMemory() {
   if (made.isOpen() && made.get() <= STDERR_FILENO) {
     made = Descriptor(fcntl(made.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }
+  // Reserves the page of the release word: `reserve` does so for the slots only.
   if (made.isOpen() && ftruncate(made.get(), memoryBytes) == 0 &&
+      reserveBytes(made.get(), 0, pageBytes) &&
       fcntl(made.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {
     return made;
   }
@@ -103,18 +115,14 @@ std::optional<Frame> FrameSlots::acquire(FrameSize size) {
   return std::nullopt;
 }
 
-// Reserves shared memory. Throws if the system has no memory left. A touch of memory that is not
-// reserved would then end the process with a signal.
+// Reserves the first `bytes` of a slot in shared memory. Throws std::bad_alloc.
 void FrameSlots::reserve(int slot, std::size_t bytes) {
   Slot& state = slots_[static_cast<std::size_t>(slot)];
   if (!descriptor_.isOpen()) return;
   while (state.reserved < bytes) {
     const std::size_t next = std::min(bytes - state.reserved, reservedAtOnce);
-    const int error =
-        posix_fallocate(descriptor_.get(), static_cast<off_t>(offsetOf(slot) + state.reserved),
-                        static_cast<off_t>(next));
-    if (error == EINTR) continue;
-    if (error != 0) throw std::bad_alloc();
+    if (!reserveBytes(descriptor_.get(), offsetOf(slot) + state.reserved, next))
+      throw std::bad_alloc();
     state.reserved += next;
   }
 }

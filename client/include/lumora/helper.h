@@ -113,7 +113,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // If the helper has ended and another process holds its pipes open, `stop` reports the helper's
   // status. When `stop` returns, every event has been handled, or is in the queue.
   Exited stop();
-  // The same, but returns at once. `Exited` comes when it is done.
+  // The same, but returns at once. `Exited` comes when it is done. Throws std::system_error if the
+  // system has no thread left.
   void requestStop();
 
  private:
