@@ -10,29 +10,33 @@
 
 namespace {
 
-// Waits until the button is enabled, presses it, and presses it again after `length`. Closes the
-// window when the take is over, or if the button is not enabled for 20 s.
+// Waits until the button is enabled and presses it. Presses it again once `length` has passed.
+// Closes the window when the take is over, or if the button is disabled for 20 s.
 void recordOnce(Window& window, std::chrono::milliseconds length) {
-  static constexpr std::chrono::milliseconds soon(50);
+  using Clock = std::chrono::steady_clock;
   auto* const timer = new QTimer(&window);
   window.connect(timer, &QTimer::timeout,
-                 [&window, timer, length, presses = 0, waited = 0]() mutable {
+                 [&window, timer, length, presses = 0, pressedAt = Clock::time_point(),
+                  enabledAt = Clock::now()]() mutable {
+                   const auto now = Clock::now();
                    if (!window.recordButton().isEnabled()) {
-                     if (++waited * soon > std::chrono::seconds(20)) window.close();
+                     if (now - enabledAt > std::chrono::seconds(20)) window.close();
                      return;
                    }
+                   enabledAt = now;
                    const bool isRecording = window.recordButton().text() == "Stop";
+                   if (presses == 1 && isRecording && now - pressedAt < length) return;
                    if (presses == 0 || (presses == 1 && isRecording)) {
                      ++presses;
+                     pressedAt = now;
                      window.recordButton().click();
-                     timer->start(presses == 1 ? length : soon);
                      return;
                    }
                    timer->stop();
                    std::printf("%d pictures of the preview were drawn\n", window.drawnPictures());
                    window.close();
                  });
-  timer->start(soon);
+  timer->start(std::chrono::milliseconds(50));
 }
 
 }  // namespace
