@@ -36,7 +36,9 @@ void check(FrameSize size) {
   const bool fits =
       least >= 2 && least <= 1080 && most <= 1920 && size.width % 2 == 0 && size.height % 2 == 0;
   if (!fits)
-    throw std::invalid_argument("the sides of a frame must be even, at most 1920 and 1080");
+    throw std::invalid_argument(
+        "the sides of a frame must be even and above 0, the longer at most 1920, the shorter at "
+        "most 1080");
 }
 
 void check(const FrameFormat& format) {

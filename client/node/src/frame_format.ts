@@ -63,8 +63,9 @@ export function encodingOf(format: FrameFormat): FrameEncoding {
   const pairs = choicesOf(encoding);
   const isKnown = words.every((word) => pairs.flat().includes(word));
   if (!isKnown || pairs.some((pair) => words.filter((word) => pair.includes(word)).length > 1)) {
-    const choices = pairs.map((pair) => pair.join(' or ')).join(', ');
-    throw invalid(`the frame format "${format}": ${encoding} takes, once each, ${choices}`);
+    const choices = pairs.map((pair) => pair.join(' or ')).join('; ');
+    const rule = `${encoding} takes at most one word of each pair: ${choices}`;
+    throw invalid(`the frame format "${format}": ${rule}`);
   }
   return encoding;
 }
