@@ -199,8 +199,9 @@ struct Steady {
   CameraClip& clip;
 
   Json run(const std::string& helper, const std::string& movie, double seconds) const {
-    const tools::RunOptions load{
-        .helper = {.program = helper}, .seconds = seconds, .take = takeOf(take, 60, movie)};
+    const tools::RunOptions load{.helper = {.program = helper, .frames = tools::frameTransport()},
+                                 .seconds = seconds,
+                                 .take = takeOf(take, 60, movie)};
     const tools::RunReport report = runLoad(load, clip);
     Progress::clear();
     bench::print(load, clip, report);

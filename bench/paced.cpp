@@ -1,5 +1,7 @@
 // Runs the helper under a steady load like a camera application's.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -9,6 +11,7 @@
 
 #include "bench/camera_clip.h"
 #include "bench/paced_load.h"
+#include "tools/parse_number.h"
 #include "tools/sound_source.h"
 
 namespace {
@@ -29,7 +32,19 @@ constexpr const char* usage =
     "       MEMORY=settled: touches memory before each run, for virtual machines whose host takes "
     "free memory back\n";
 
-const std::filesystem::path folder = std::filesystem::temp_directory_path() / "lumora-paced";
+const std::filesystem::path folder =
+    std::filesystem::temp_directory_path() / ("lumora-paced-" + std::to_string(getpid()));
+
+// Makes the folder of the takes, and removes it with them.
+struct FolderOfTakes {
+  FolderOfTakes() { std::filesystem::create_directories(folder); }
+  ~FolderOfTakes() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+  }
+  FolderOfTakes(const FolderOfTakes&) = delete;
+  FolderOfTakes& operator=(const FolderOfTakes&) = delete;
+};
 
 client::HelperOptions helperOptions(const std::string& program) {
   return {.program = program, .frames = tools::frameTransport()};
@@ -92,7 +107,7 @@ constexpr std::pair<const char*, std::uint64_t> windows[] = {
     {"no take, later", failFrame - windowFrames}, {"a take fails at once", failFrame}};
 
 void measureTakes(const std::string& helper, std::uint64_t rounds, const std::string& profile) {
-  std::optional<client::Take> take;
+  std::vector<client::Take> takes;
   const auto startTake = [&](client::Helper& to, const std::filesystem::path& path) {
     return to.startTake(bench::takeOf(profile, 60, path).value());
   };
@@ -103,12 +118,18 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
       .clients = 1,
       .beforeFrame = [&](client::Helper& to, std::uint64_t frame) {
         const std::uint64_t at = frame % roundFrames;
-        if (at == startFrame) take = startTake(to, folder / (std::to_string(frame) + ".mp4"));
-        if (at == stopFrame) take->stop();
+        if (at == startFrame)
+          takes.push_back(startTake(to, folder / (std::to_string(frame) + ".mp4")));
+        if (at == stopFrame) takes.back().stop();
         if (at == failFrame)
           static_cast<void>(startTake(to, folder / "no such folder" / "take.mp4"));
       }};
   const tools::RunReport report = bench::runLoad(load, clip);
+  for (const client::Take& take : takes) {
+    const client::Recording end = take.latest();
+    if (end.state != client::TakeState::saved)
+      throw std::runtime_error("a take failed: " + end.error);
+  }
   std::printf("%-24s %8s %8s %8s %8s\n", "half a second when", "p50 ms", "p99 ms", "max ms",
               "lost");
   for (const auto& [name, from] : windows) {
@@ -123,10 +144,17 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
   }
 }
 
+template <typename Number>
+Number parse(const std::string& word, const char* name) {
+  Number number{};
+  if (!tools::parseNumber(word, number) || !(number >= 0)) throw std::invalid_argument(name);
+  return number;
+}
+
 int run(const std::vector<std::string>& words) {
   const std::string mode = words.size() > 2 ? words[1] : "";
-  const double amount = words.size() > 2 ? std::strtod(words[2].c_str(), nullptr) : 0;
-  std::filesystem::create_directories(folder);
+  const auto amount = words.size() > 2 ? parse<double>(words[2], "SECONDS or ROUNDS") : 0;
+  const FolderOfTakes takes;
   if (mode == "growth" && words.size() == 3) {
     measureGrowth(words[0], amount);
   } else if (mode == "takes" && words.size() <= 4) {
@@ -137,21 +165,22 @@ int run(const std::vector<std::string>& words) {
     if (std::sscanf(words[3].c_str(), "%dx%d", &size.width, &size.height) != 2)
       throw std::invalid_argument("WIDTHxHEIGHT");
     bench::CameraClip clip = makeClip(size);
-    const int rate = std::stoi(words[4]);
-    tools::RunOptions load{
-        .helper = helperOptions(words[0]),
-        .framesPerSecond = rate,
-        .seconds = amount,
-        .clients = std::stoi(words[5]),
-        .take = bench::takeOf(words[6], rate, folder / "take.mp4"),
-        .framesBeforeTake = words.size() == 8 ? std::stoul(words[7]) * std::stoul(words[4]) : 0};
+    const int rate = parse<int>(words[4], "FPS");
+    const auto before =
+        words.size() == 8 ? parse<unsigned>(words[7], "SECONDS BEFORE THE TAKE") : 0;
+    if (before >= amount) throw std::invalid_argument("SECONDS");
+    tools::RunOptions load{.helper = helperOptions(words[0]),
+                           .framesPerSecond = rate,
+                           .seconds = amount,
+                           .clients = parse<int>(words[5], "CLIENTS"),
+                           .take = bench::takeOf(words[6], rate, folder / "take.mp4"),
+                           .framesBeforeTake = std::uint64_t{before} * static_cast<unsigned>(rate)};
     addSound(load);
     measure(load, clip);
   } else {
     std::fputs(usage, stderr);
     return 2;
   }
-  std::filesystem::remove_all(folder);
   return 0;
 }
 
