@@ -20,7 +20,7 @@ export interface LaunchOptions {
   host?: string;
   /** 0, the default, lets the system choose. */
   port?: number;
-  /** At most 640x360, the default. */
+  /** At most 640x360, the default unless `TAVO_PREVIEW_WIDTH` and `TAVO_PREVIEW_HEIGHT` are set. */
   preview?: { width: number; height: number };
   /** The format of all frames, for example `nv12,bt709`. By default RGBA, the bottom row first. */
   format?: FrameFormat;

@@ -127,6 +127,8 @@ class PagePictures {
   }
 }
 
+const longestTimer = 2 ** 31 - 1; // a longer one fires at once
+
 // The helper disconnects a client that leaves a frame unacknowledged for 500 ms. So pictures that
 // are late or skipped are acknowledged, too. The helper also disconnects a client that acknowledges
 // a frame that it did not get. So the ids of an earlier client's pictures are ignored.
@@ -164,7 +166,7 @@ async function postPreview(
       }
       post(config ? { config, chunk } : { chunk });
       config = undefined;
-      sinceFirst ??= setTimeout(giveUpUnseen, firstDrawnWithin);
+      sinceFirst ??= setTimeout(giveUpUnseen, Math.min(firstDrawnWithin, longestTimer));
     }
   } finally {
     clearTimeout(sinceFirst);

@@ -42,14 +42,15 @@ export async function startHelper(options: HelperOptions = {}): Promise<Helper> 
   checkToken(token);
   encodingOf(format); // throws for a malformed format
   if (sound) checkSoundFormat(sound);
-  const helper = new Helper(await launch(options, token), token, format, sound);
-  if (signal) stopOnAbort(helper, signal);
+  let helper: Helper | undefined;
   try {
+    helper = new Helper(await launch(options, token), token, format, sound);
+    if (signal) stopOnAbort(helper, signal);
     await waitUntilReady(helper);
     signal?.throwIfAborted();
     return helper;
   } catch (error) {
-    await helper.stop();
+    await helper?.stop();
     throw signal?.aborted ? signal.reason : error;
   }
 }
