@@ -25,7 +25,7 @@ export function checkCaptureTime(seconds: number): void {
   const isAccepted = Number.isFinite(seconds) && seconds >= 0 && age <= maximumAge;
   if (!isAccepted || age < -maximumLead) {
     throw invalid(
-      `a capture time must be uptime(), at most ${maximumAge} s ago or ${maximumLead} s ahead`,
+      `a capture time must be a time of uptime(), at most ${maximumAge} s ago or ${maximumLead} s ahead`,
     );
   }
 }
