@@ -42,7 +42,7 @@ test('troubleshooting.md lists every error of the sources', () => {
   assert.deepEqual(parts.filter((part) => !page.includes(part)), []);
 });
 
-test('each error of the page exists', () => {
+test('the sources have each error of troubleshooting.md', () => {
   const all = sources.map(unescaped).join();
   const sections = page.split(/^## /m).filter((section) => /^In the /.test(section));
   const words = sections.flatMap((section) => [...section.matchAll(/^\| (.*?) \|/gm)])
