@@ -1,6 +1,7 @@
 #include <lumora/recover.h>
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 
 #include "client/child_process.h"
@@ -23,11 +24,14 @@ RecoveredTake parseTake(const std::string& line) {
 std::vector<RecoveredTake> recoverTakes(const std::filesystem::path& folder,
                                         const std::filesystem::path& program) {
   const auto recover = findProgram(program).replace_filename("lumora-recover");
-  constexpr Seconds unlimited = Seconds::max();
+  constexpr Seconds day(24 * 60 * 60);  // the longest wait
   ChildProcess child({recover, "", {"--json", std::filesystem::absolute(folder)}, {}});
   std::vector<RecoveredTake> takes;
-  while (const auto line = child.nextLine(unlimited)) takes.push_back(parseTake(*line));
-  const auto end = child.wait(unlimited);
+  while (child.hasOutput()) {
+    if (const auto line = child.nextLine(day)) takes.push_back(parseTake(*line));
+  }
+  std::optional<Exited> end;
+  while (!(end = child.wait(day))) continue;
   // The status is unknown (-1) if the application ignores SIGCHLD. Then this checks at least that
   // the folder can be read.
   std::error_code unreadable;

@@ -1,5 +1,5 @@
 # Writes a C++ source with the contents of FILES and a function that finds them by name:
-#   cmake -DOUTPUT=page_files.cpp -DFILES=a;b -P embed_files.cmake
+#   cmake -DOUTPUT=page_files.cpp "-DFILES=a;b" -P embed_files.cmake
 set(arrays "")
 set(entries "")
 set(number 0)

@@ -11,7 +11,7 @@ using namespace lumora;
 // The size in the first frame header, made even and limited to 640x480. Without a header: 64x32.
 PictureSize sizeIn(ByteView jpeg) {
   for (std::size_t at = 0; at + 9 <= jpeg.size(); ++at) {
-    if (jpeg[at] != 0xFF || (jpeg[at + 1] != 0xC0 && jpeg[at + 1] != 0xC2)) continue;
+    if (jpeg[at] != 0xFF || jpeg[at + 1] < 0xC0 || jpeg[at + 1] > 0xC2) continue;
     const auto side = [&](std::size_t offset, int most) {
       return std::clamp((jpeg[at + offset] * 256 + jpeg[at + offset + 1]) & ~1, 2, most);
     };

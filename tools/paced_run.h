@@ -41,7 +41,7 @@ struct RunReport {
   std::uint64_t bytes = 0;                // of their payloads
   client::Stats stats = {};               // the latest event; its `delivery` may be older
   client::Recording take = {};            // the latest event of the take in `RunOptions`
-  std::string error = {};                 // the latest, of the helper or a client
+  std::string error = {};                 // the latest of the helper
   std::vector<double> lateness = {};      // how late the feeder woke for each frame, milliseconds
   double fedSeconds = 0;
   double parentCPUSeconds = 0;  // of this process, while frames were fed

@@ -234,6 +234,17 @@ test('a take ends at its stop time even if the helper is stopped right afterward
   assert.ok(Math.abs(duration - (take.stoppedAt - take.startedAt)) < 1e-3, `${duration}`);
 });
 
+test('a helper\'s end is noticed while another process keeps its output open', async (context) => {
+  const program = inFolder('holding');
+  writeFileSync(program, `#!/bin/sh
+    sleep 1000 & echo $! > "$0.pid"; echo '{"type":"ready"}'; exit 3`, { mode: 0o755 });
+  const helper = await startHelper({ program, stderr: 'ignore' });
+  context.after(() => process.kill(Number(readFileSync(`${program}.pid`)), 'SIGKILL'));
+  const failed = assert.rejects(helper.startTake({ path: '/a.mp4' }), { code: 'HELPER_ENDED' });
+  assert.deepEqual(await helper.exited, { code: 3, signal: null });
+  await failed;
+});
+
 test('stop gives up a killed helper whose pipes another process keeps open', async (context) => {
   const program = inFolder('hanging');
   writeFileSync(program, `#!/bin/sh

@@ -84,7 +84,7 @@ test('a page names a VideoFrame\'s format, copies it even and unpadded, or refus
 test('frames are written one by one, a newer one replaces one behind the last command', async () => {
   const written = []; // one entry for each system call
   const writev = (chunks, done) => {
-    written.push(chunks.map(({ chunk }) => chunk).join(' '));
+    written.push(chunks.length > 2 ? 'sound' : chunks.map(({ chunk }) => chunk).join(' '));
     setImmediate(done);
   };
   const input = new Writable({ writev });
@@ -93,14 +93,18 @@ test('frames are written one by one, a newer one replaces one behind the last co
   const outcomes = (frames) => Promise.all(frames.map(({ done }) => done));
   const frames = [put('a'), put('b')];
   assert.ok(feeder.writeCommand(Buffer.from('start')));
-  frames.push(put('c'), put('d'));
+  assert.ok(!feeder.skipsFrame()); // b stays in front of the command
+  frames.push(put('c'));
+  assert.ok(feeder.writeSound(new Int16Array(4800), { rate: 8000, channels: 1 }, 1));
+  assert.ok(feeder.skipsFrame()); // sound is no command
+  frames.push(put('d'));
   assert.equal(await frames[2].done, 'dropped');
   feeder.endFrames();
   assert.equal(put('e').state, 'dropped');
   assert.ok(feeder.writeCommand(Buffer.from('stop')));
   feeder.end();
   assert.deepEqual(await outcomes(frames), ['written', 'written', 'dropped', 'written']);
-  assert.deepEqual(written, ['frame a', 'frame b', 'start', 'frame d', 'stop']);
+  assert.deepEqual(written, ['frame a', 'frame b', 'start', 'sound', 'frame d', 'stop']);
   await turn();
   assert.ok(input.writableFinished);
   const stuck = new Writable({ write() {} });

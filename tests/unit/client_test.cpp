@@ -41,13 +41,14 @@ TEST(Feeder, DropsReplacedAndLateFramesAndExcessSoundAndWritesTheRest) {
     feeder.write(slots->acquire(size).value(), 2);  // frame 1 is dropped
     EXPECT_TRUE(feeder.write("x"));
     feeder.write(slots->acquire(size).value(), 3);  // frame 2 stays in front of the command
+    EXPECT_TRUE(feeder.writeSound(second, format, at));
+    feeder.write(slots->acquire(size).value(), 4);  // frame 3 is dropped: sound is no command
     feeder.endFrames();
-    feeder.write(slots->acquire(size).value(), 4);
+    feeder.write(slots->acquire(size).value(), 5);
     EXPECT_THROW(feeder.writeSound(std::span(second).first(3), format, at), std::invalid_argument);
     for (const auto wrong :
          {Uptime::now().time_since_epoch() + Seconds(1), Seconds(NAN), Seconds(-1)})
       EXPECT_FALSE(feeder.writeSound(second, format, Uptime::time_point(wrong)));
-    EXPECT_TRUE(feeder.writeSound(second, format, at));
     EXPECT_TRUE(feeder.writeSound(second, format, at));
     EXPECT_FALSE(feeder.writeSound(std::span(second).first(2), format, at));
     counter->sendSignal(SIGCONT);
@@ -55,9 +56,9 @@ TEST(Feeder, DropsReplacedAndLateFramesAndExcessSoundAndWritesTheRest) {
       ASSERT_GT(deadline.left(), Seconds(0));
     EXPECT_TRUE(feeder.write("x"));
     feeder.end();
-    feeder.write(slots->acquire(size).value(), 5);
+    feeder.write(slots->acquire(size).value(), 6);
     EXPECT_FALSE(feeder.write(command));
-    EXPECT_EQ(feeder.counts().dropped, 3u);
+    EXPECT_EQ(feeder.counts().dropped, 4u);
   }
   EXPECT_EQ(
       counter->nextLine(Seconds(20)),

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <future>
-#include <thread>
 
 #include "base/big_endian.h"
 #include "mp4/hybrid_movie_writer.h"

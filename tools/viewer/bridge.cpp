@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <thread>
 
 #include "tools/viewer/page_socket.h"
 #include "tools/viewer/takes.h"
@@ -135,8 +136,9 @@ void Bridge::obey(const StartTake& message) {
 void Bridge::takePlanned(const std::optional<client::TakeOptions>& plan,
                          const std::string& problem) try {
   planning_ = {};
-  if (ending_ || !inputEnd_.empty()) return;
+  if (ending_) return;
   if (!plan) return refuse(problem);
+  if (!inputEnd_.empty()) return refuse("The input has ended.");
   auto options = *plan;
   options.sound = options.sound && session_["sound"].get<bool>();  // the sound may have just ended
   take_ = camera_->helper().startTake(options, posting(&Bridge::takeSaid));
@@ -275,10 +277,12 @@ void Bridge::takeSaid(const client::Recording& recording) {
     return;
   }
   std::fprintf(stderr, "The take was not saved: %s.\n", recording.error.c_str());
-  std::error_code unknown;
-  if (std::filesystem::exists(unfinished, unknown)) {
+  // On a thread of its own, since the disk may hang.
+  std::thread([unfinished] {
+    std::error_code unknown;
+    if (!std::filesystem::exists(unfinished, unknown)) return;
     std::fprintf(stderr, "What was recorded of it is in %s\n", unfinished.c_str());
-  }
+  }).detach();
 }
 
 void Bridge::end() {

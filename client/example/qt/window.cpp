@@ -143,8 +143,8 @@ void Window::takeSaid(const Recording& event) {
       say("Saved " + path);
       break;
     case TakeState::failed:
-      say("Not saved: " + QString::fromStdString(event.error));
-      if (event.kept) say("Kept " + QString::fromStdString(event.kept->path.string()));
+      say("Not saved: " + QString::fromStdString(event.error) +
+          (event.kept ? "\nKept " + QString::fromStdString(event.kept->path.string()) : ""));
       break;
   }
   if (event.isOver()) take_.reset();

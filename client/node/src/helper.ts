@@ -37,6 +37,8 @@ import { frameId, settlesWithin, uptime } from './timing.js';
 const terminateAfter = 2250;
 const killAfter = 4500;
 const giveUpAfter = 4900;
+// Milliseconds for which the output of a helper that has ended is still read.
+const outputAfterExit = 1000;
 
 /** Every event except `ready`, by its type. */
 export type HelperEvents = {
@@ -79,8 +81,13 @@ export class Helper extends typedEmitter<HelperEvents>() {
       for (const line of lines.feed(bytes)) queueMicrotask(() => this.#handle(parseEvent(line)));
     });
     child.on('error', () => undefined); // a signal could not be sent
-    // "close" follows the last event. "exit" may come before the last event.
+    // "exit" may come before the last event. "close" follows it, but only once no other process
+    // holds the output open.
     child.on('close', (code, signal) => this.#settle(code, signal));
+    child.on('exit', () => {
+      const timer = setTimeout(this.#giveUpSoon, outputAfterExit);
+      child.once('close', () => clearTimeout(timer));
+    });
     this.exited = this.#whenExited.promise;
   }
 
@@ -210,8 +217,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
     const timers = [
       setTimeout(() => this.#process.kill('SIGTERM'), terminateAfter),
       setTimeout(() => this.#process.kill('SIGKILL'), killAfter),
-      // Node reads waiting output before it runs the immediate.
-      setTimeout(() => setImmediate(() => this.#giveUp()), giveUpAfter),
+      setTimeout(this.#giveUpSoon, giveUpAfter),
     ];
     this.#feeder.endFrames();
     // Waits for the takes that were told to stop. If the input closed earlier, a take might end
@@ -222,6 +228,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
     timers.forEach(clearTimeout);
     return exit;
   }
+
+  // Node reads waiting output before it runs the immediate.
+  readonly #giveUpSoon = () => void setImmediate(() => this.#giveUp());
 
   // SIGKILL has not ended the helper. Or the helper has ended, but another process keeps its pipes
   // open.
