@@ -128,7 +128,9 @@ disposeWith(StreamClient, Symbol.dispose, function () {
 function open(options: StreamOptions): Promise<Socket> {
   const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
   const limit = AbortSignal.timeout(connectTimeout);
-  const alive = { keepAlive: true, keepAliveInitialDelay: 5000 }; // finds a network that is gone
+  // Notices after some minutes that the network is gone, but not while the system still sends an
+  // acknowledgement again. It does so for about 15 minutes, and Node cannot shorten that.
+  const alive = { keepAlive: true, keepAliveInitialDelay: 5000 };
   const socket = connect({ host, port, noDelay: true, signal, ...alive });
   socket.on('error', () => undefined); // `once` and the loop throw the error
   const fail = (error: unknown) => {
