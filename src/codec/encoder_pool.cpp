@@ -29,7 +29,12 @@ void EncoderPool::openIfWanted(const std::shared_ptr<Ahead>& ahead, int pictures
     if (slot(*ahead->codec, ahead->settings) != ahead) return;
     ahead->isBegun = true;
   }
-  ahead->opened.set_value(openInTime(open_, *ahead->codec, ahead->settings, pictures));
+  OpenedEncoder opened = openInTime(open_, *ahead->codec, ahead->settings, pictures);
+  const bool isOpen = opened.encoder != nullptr;
+  ahead->opened.set_value(std::move(opened));
+  if (isOpen) return;
+  const std::lock_guard hold(mutex_);  // empties the slot, so that the next `openAhead` tries again
+  if (auto& next = slot(*ahead->codec, ahead->settings); next == ahead) next.reset();
 }
 
 void EncoderPool::keep(const AVCodec& codec, const EncoderSettings& settings,

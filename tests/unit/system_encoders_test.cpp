@@ -163,6 +163,15 @@ TEST_F(HardwareEncoders, AreWaitedForWhileOneIsBeingOpenedAhead) {
   EXPECT_EQ(driver->asked, 1);
 }
 
+TEST_F(HardwareEncoders, AreOpenedAheadAgainIfTheDriverRefused) {
+  for (const auto behaviour : {refuses, works}) {
+    driver->behaviour = behaviour;
+    openAhead(request(take, "h264_nvenc"));
+    opener->run();
+  }
+  EXPECT_TRUE(isAhead(take, "h264_nvenc"));
+}
+
 TEST_F(HardwareEncoders, OpenedAheadAreClosedToMakeRoomAndASubstituteIsNotKept) {
   driver->limit = 1;
   openAhead(request(take, "h264_nvenc"));
