@@ -106,6 +106,7 @@ void makePicture(const std::string& video, const std::string& filter, const std:
       "ffmpeg -v error -y -nostdin -i " + tools::shellQuoted(video) + " -vf " +
       tools::shellQuoted(filter) + " -frames:v 1 -update 1 " + tools::shellQuoted(picture));
   if (!errors.empty()) throw std::runtime_error(video + ": " + errors);
+  if (!std::filesystem::exists(picture)) throw std::runtime_error(video + " lacks pictures");
 }
 
 void checkSound(const std::string& movie) {
@@ -172,7 +173,7 @@ int main(int argc, char** argv) {
   double seconds = 10;
   const bool isNumber = arguments.size() < 3 || tools::parseNumber(arguments[2], seconds);
   if (arguments.size() < 2 || arguments.size() > 3 || arguments[0].starts_with("--") || !isNumber ||
-      !(seconds > 0 && seconds <= 86400)) {
+      !(seconds * framesPerSecond >= 1 && seconds <= 86400)) {
     std::fprintf(stderr, "usage: %s [--json] HELPER OUTPUT-FOLDER [SECONDS]\n", argv[0]);
     return 2;
   }
