@@ -70,17 +70,18 @@ class OwnedFile {
     const int error = lockFile(descriptor_);
     if (error == EAGAIN) throw std::runtime_error("it is still being recorded");
     if (error != 0) {
-      throw std::runtime_error("it may still be recorded: its file system has no locks");
+      throw std::runtime_error("its recording may still be running: its file system has no locks");
     }
     struct stat file {};
     struct stat named {};
     if (fstat(descriptor_, &file) != 0 || stat(path.c_str(), &named) != 0) expectSuccess(errno);
     if (!S_ISREG(file.st_mode) || file.st_ino != named.st_ino || file.st_dev != named.st_dev) {
-      throw std::runtime_error("it is no file, or another one by now");
+      throw std::runtime_error("it is not a regular file, or another file has its name by now");
     }
     // Helpers of version 0.1 take no lock.
     if (std::abs(now - file.st_mtime) < quietSeconds) {
-      throw std::runtime_error("it may still be recorded: it is younger than a minute");
+      throw std::runtime_error(
+          "its recording may still be running: it changed less than a minute ago");
     }
     size_ = static_cast<std::uint64_t>(file.st_size);
   }

@@ -293,6 +293,7 @@ std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   require(count > 0 && run.left() == std::size_t{count} * (isPicture ? 12 : 4));
   constexpr std::uint64_t mediaDataHeaderBytes = 8;
   require(offset == fragment.end + mediaDataHeaderBytes);
+  require(fragment.end - fragment.start <= 3 * maximumLeafBytes);  // the next line reads it whole
   require(!holdsTables(fragment.start, offset - fragment.start));
   const auto samples = readSamples(run, isPicture);
   samples_ += samples.size();

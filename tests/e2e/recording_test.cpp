@@ -145,7 +145,7 @@ TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   EXPECT_EQ(recover().left, "it is still being recorded");
   helper->sendSignal(SIGKILL);
   exitCode();
-  EXPECT_THAT(recover().left, testing::HasSubstr("younger than a minute"));
+  EXPECT_THAT(recover().left, testing::HasSubstr("less than a minute ago"));
   const auto now = std::filesystem::file_time_type::clock::now();
   std::filesystem::last_write_time(stagingPath(), now - std::chrono::minutes(2));
   const auto take = recover();
