@@ -33,9 +33,10 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
     removeFile();
     return tell(TakeState::failed, 0, failure, path);
   }
+  const double latest = std::min(latestEnd.load(), platform.clock->uptime() + rescueTimeout);
   if (!diskKeepsUp || !keepAll(cause)) rescue();
   // If the disk hangs, the writer never answers, so the take ends without an answer.
-  const double left = std::clamp(latestEnd - platform.clock->uptime(), 0.0, rescueTimeout);
+  const double left = std::max(latest - platform.clock->uptime(), 0.0);
   queue->asyncAfter(
       left, [self = shared_from_this()] { self->kept(self->writer->synced(), self->staging); });
 }
