@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-2}
 if [ "$(. /etc/os-release && echo "${VERSION_CODENAME:-}") $(uname -m)" != "bookworm x86_64" ]; then
-  echo "make portable builds on Debian 12 for x86-64, so that the program runs there and on what is newer;" >&2
+  echo "make portable builds on Debian 12 for x86-64, so that the program also runs on newer systems;" >&2
   echo "elsewhere, as root: KEEP=build/portable/packages KEEP_TO=portable scripts/fresh.sh 'make portable'" >&2
   exit 1
 fi

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then
   exec env FRESH_NAMESPACE=1 unshare --mount --propagation private scripts/portable_e2e.sh
 fi
-root=$(mktemp -d "${TMPDIR:-/var/tmp}/lumora-bare.XXXXXX")
+root=$(mktemp -d /var/tmp/lumora-bare.XXXXXX)  # not in /tmp, which is mounted anew below
 cleanUp() {
   for point in proc dev tmp; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
   # If /tmp is still mounted here, from the same file system, rm would delete its files.

@@ -80,7 +80,7 @@ TEST_F(FrameFormats, KeepTheirColoursAndRowsInTakes) {
 
 using Preview = HelperTest;
 
-TEST_F(Preview, IsUprightInTheRightColoursAndBaselineAtEverySize) {
+TEST_F(Preview, IsUprightHasTheRightColoursAndIsBaselineAtEverySize) {
   using Case = std::tuple<FrameSize, FrameSize, Arguments>;  // of the camera, of the preview
   for (const auto& [camera, preview, arguments] :
        {Case{{320, 240}, {320, 240}, {}},

@@ -113,7 +113,7 @@ TEST_P(FaultyTakes, KeepEverythingThatWasSyncedWhateverFails) {
   EXPECT_GT(rescued, hasSound ? 10 : 20);
 }
 
-TEST_P(FaultyTakes, LoseAtMostASecondByAPowerCutAndNothingOnceTheyAreSaved) {
+TEST_P(FaultyTakes, LoseAtMostASecondInAPowerCutAndNothingOnceSaved) {
   const std::string place = folder / "place", log = folder / "log";
   std::filesystem::create_directory(place);
   path = place + "/take.mp4";
