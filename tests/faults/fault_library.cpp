@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
@@ -75,11 +76,12 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", of);
   const bool isFound = readlink(link, path, sizeof path - 1) > 0;
   if (of >= 0 && (!isFound || std::strncmp(path, logFolder, std::strlen(logFolder)) != 0)) return;
-  static auto* const writeBytes = real<ssize_t(int, const void*, std::size_t)>("write");
+  static auto* const writeParts = real<ssize_t(int, const iovec*, int)>("writev");
   const auto size = static_cast<std::size_t>(count);
-  const DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), size};
-  static_cast<void>(writeBytes(logDescriptor, &entry, sizeof entry));
-  if (size > 0) static_cast<void>(writeBytes(logDescriptor, bytes, size));
+  DiskLogEntry entry{kind, static_cast<std::uint64_t>(offset), size};
+  // One call, so that no other thread's entry comes between.
+  const iovec parts[] = {{&entry, sizeof entry}, {const_cast<void*>(bytes), size}};
+  static_cast<void>(writeParts(logDescriptor, parts, 2));
 }
 
 // Returns whether this call must fail, and then sets errno. Waits if the call must take longer.

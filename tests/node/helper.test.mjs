@@ -245,7 +245,7 @@ test('a helper\'s end is noticed while another process keeps its output open', a
   await failed;
 });
 
-test('stop gives up a killed helper whose pipes another process keeps open', async (context) => {
+test('stop kills a helper that hangs, and returns though another process keeps its pipes open', async (context) => {
   const program = inFolder('hanging');
   writeFileSync(program, `#!/bin/sh
     exec 3<&0; trap '' TERM; sleep 1000 & echo $! > "$0.pid"; echo '{"type":"ready"}'; wait`,

@@ -57,7 +57,7 @@ test('a format or a length that would end the helper is refused', async () => {
   }
 });
 
-test('a page names a VideoFrame\'s format, copies it even and unpadded, or refuses', async () => {
+test('a page names a VideoFrame\'s format, and copies it without odd sides and padding, or refuses', async () => {
   const copied = []; // options of `copyTo`
   const frameOf = ([format, matrix = null, fullRange = null]) => ({ format,
     colorSpace: { matrix, fullRange }, visibleRect: { x: 1, y: 2, width: 6, height: 3 },
@@ -81,7 +81,7 @@ test('a page names a VideoFrame\'s format, copies it even and unpadded, or refus
   assert.deepEqual(size, { width: 4, height: 2 });
 });
 
-test('frames are written one by one, a newer one replaces one behind the last command', async () => {
+test('frames are written in turn; a newer one replaces one that waits behind the last command', async () => {
   const written = []; // one entry for each system call
   const writev = (chunks, done) => {
     written.push(chunks.length > 2 ? 'sound' : chunks.map(({ chunk }) => chunk).join(' '));

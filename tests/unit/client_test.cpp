@@ -280,7 +280,7 @@ HelperOptions shell(const std::string& script) {
   return {.program = "/bin/sh", .arguments = {"-c", script}, .frames = FrameTransport::pipe};
 }
 
-TEST(Helper, ThatDoesNotStartSaysWhyInTheQueueAndMayBeDestroyedThere) {
+TEST(Helper, ThatCannotStartSaysWhyThroughItsQueueAndMayBeDestroyedByItsHandler) {
   HelperOptions options = shell(R"(echo '{"type":"error","message":"no luck"}'; exit 1)");
   options.queue = std::make_shared<EventQueue>();
   std::unique_ptr<Helper> helper;

@@ -130,7 +130,7 @@ TEST_P(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   }
 }
 
-TEST_P(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheirEdge) {
+TEST_P(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheEdgeOfTheBars) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
   // The left bar's width is even in the first case, odd in the second. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {

@@ -86,7 +86,7 @@ TEST(Events, SortKeysEscapeSlashesAndHaveLimits) {
   EXPECT_EQ(errorEvent(accents)["message"], accents.substr(0, 480));
 }
 
-TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedOrAfterHalfASecondThenReads) {
+TEST(Lifecycle, SaysReadyOnceAnEncoderIsOpenOrAfterHalfASecondAndThenReads) {
   for (const bool inTime : {true, false}) {
     VideoEncoderProbe probe;
     probe.service->start();
@@ -108,7 +108,7 @@ TEST(Lifecycle, SaysReadyOnceItsEncodersAreOpenedOrAfterHalfASecondThenReads) {
   }
 }
 
-TEST(Lifecycle, StartsNoReaderIfItIsStoppedBefore) {
+TEST(Lifecycle, StartsNoReaderIfItIsStoppedBeforeItIsReady) {
   VideoEncoderProbe probe;
   probe.service->start();
   probe.network->changed(ListenerState::ready);
@@ -119,7 +119,7 @@ TEST(Lifecycle, StartsNoReaderIfItIsStoppedBefore) {
 
 using ReadyLifecycle = ServiceTest;
 
-TEST_F(ReadyLifecycle, DropsALineIfTheOutputIsFullAndEndsOnceIfItIsBroken) {
+TEST_F(ReadyLifecycle, DropsALineIfTheOutputIsFullAndEndsOnlyOnceIfTheOutputIsBroken) {
   const auto client = probe.connectClient();
   probe.feed(1);
   probe.process->takeEvents();

@@ -257,7 +257,7 @@ TEST(MovieFile, CompletesThoughItsLogFailsAndReportsARescueThatLacksMemory) {
   movie->cancel();
 }
 
-TEST(MovieFile, NeverWaitsForASlowDiskAndMayBeDestroyedOnItsThread) {
+TEST(MovieFile, NeverWaitsForASlowDiskAndMayBeDestroyedOnTheDiskThread) {
   auto movie = std::make_shared<Written>();
   const auto disk = movie->disk;
   disk->hangs = true;
