@@ -6,16 +6,17 @@
 #   make bench          compare the helper with other tools and with its encoders alone, write
 #                       $(OUT)/bench.json and draw two charts (50 minutes, or 20 with ROUNDS=1)
 #   make fuzz           run the fuzzers (MINUTES for each)
-#   make soak           start and end takes and clients at random, feed frames at full speed
-#                       (MINUTES)
+#   make soak           start and end takes and clients at random for MINUTES, and feed frames at
+#                       full speed
 #   make losses         show what takes lose by kills, power cuts, bad disks and other faults
 #                       (6 minutes)
 #   make long-take      show what grows in a take of two hours. The helper's clock runs SPEED times
-#                       as fast as the real one (12 minutes)
-#   make sound-sync     show how far sound is from the picture in takes of MINUTES, for sound
-#                       devices with right and wrong clocks. The helper's clock runs SPEED times
-#                       as fast as the real one (half an hour with MINUTES=120 SPEED=20)
-#   make lint           check formatting, includes and the error table, run static analysis
+#                       as fast as the real one (12 minutes with SPEED=10, the default)
+#   make sound-sync     show how far sound is from the picture in takes of MINUTES (at least 2),
+#                       for sound devices with right and wrong clocks. The helper's clock runs SPEED
+#                       times as fast as the real one (half an hour with MINUTES=120 SPEED=20)
+#   make lint           check formatting, includes and the list of errors in
+#                       docs/troubleshooting.md, run static analysis
 #   make package        build Debian packages into build/release/packages, check them with lintian
 #   make package-test   build and test the packages in new minimal Debian systems (root)
 #   make arm64          build for 64-bit Arm, test in an emulator, build packages (root)

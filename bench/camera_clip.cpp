@@ -15,8 +15,8 @@ std::string join(int left, const char* between, int right) {
   return std::to_string(left) + between + std::to_string(right);
 }
 
-// Mixes smooth noise of several sizes with a test picture, which has edges. Coarse noise is
-// stronger, as in nature.
+// ffmpeg's filters that mix smooth noise of several grain sizes with a test picture, which has
+// edges. Coarse noise is stronger, as in nature.
 std::string scenery(int width, int height) {
   std::string graph;
   std::string layers;
@@ -32,9 +32,9 @@ std::string scenery(int width, int height) {
 
 }  // namespace
 
-// One picture, a little larger than a frame, is turned about its middle. At a width of 1920 pixels
-// the sides move by up to a pixel a frame. The sensor's noise has a standard deviation of 3,
-// where white is 255.
+// One picture, a little larger than a frame, swings about its middle. At a width of 1920 pixels,
+// what is at the left or right side moves by up to a pixel from one frame to the next. The sensor's
+// noise has a standard deviation of 2.5 in each of red, green and blue, whose maximum is 255.
 CameraClip::CameraClip(client::FrameSize camera, const client::FrameFormat& format,
                        client::FrameSize size)
     : size_(size), format_(format) {

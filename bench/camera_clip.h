@@ -8,11 +8,10 @@ namespace lumora::bench {
 
 // A clip like a camera's: detail of every size, edges, a slight shake and the noise of a sensor. An
 // encoder's work depends on these. The clip loops without a jump, and is the same in every run.
-// ffmpeg draws it in the constructor.
+// The constructors let ffmpeg draw the clip, and throw std::runtime_error when a frame is missing.
 class CameraClip final : public tools::FrameSource {
  public:
-  // The frames are RGBA or `tools::nv12BT709`. Throws std::runtime_error when ffmpeg does not draw
-  // them.
+  // `format` may be RGBA with the bottom row first (the default) or `tools::nv12BT709`.
   explicit CameraClip(client::FrameSize camera, const client::FrameFormat& format = {})
       : CameraClip(camera, format, camera) {}
   // The frames are NV12, drawn in the size `camera` and scaled to fit `size`.
@@ -26,7 +25,7 @@ class CameraClip final : public tools::FrameSource {
   const char* uprightFilter() const { return isNV12() ? "null" : "vflip"; }
   std::span<const std::uint8_t> next(std::uint64_t number, double seconds) override;
   std::size_t frameBytes() const { return frames_[0].size(); }
-  std::size_t length() const { return 2 * (frames_.size() - 1); }  // frames, until it repeats
+  std::size_t length() const { return 2 * (frames_.size() - 1); }  // frames before the clip repeats
 
  private:
   CameraClip(client::FrameSize camera, const client::FrameFormat& format, client::FrameSize size);

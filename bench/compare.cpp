@@ -1,6 +1,6 @@
-// Compares the helper with common tools for its job, and with the least that the job can cost: a
-// process that only encodes. They run in turn, and get the same pictures, encoder, presets, rates
-// and threads.
+// Compares the helper with common tools for its job, and with the encoders alone, the least that
+// the job can cost. All run in turn, and get the same pictures, encoder, presets, rates and
+// threads.
 //
 //   lumora-compare HELPER FOLDER [ROUNDS]
 //
@@ -29,7 +29,7 @@ using Json = nlohmann::json;
 constexpr int rates[] = {30, 60};     // frames a second
 constexpr double overhead = 2;        // seconds of a run beyond the time of its frames
 constexpr double judgingSeconds = 8;  // for the files of a contender
-constexpr double steadySeconds = 20;  // a steady run lasts so long, times ROUNDS
+constexpr double steadySeconds = 20;  // of each steady run (see `Steady`), times ROUNDS
 const Job jobs[] = {{camera, "superfast"}, {camera, "ultrafast"}, {camera, ""}, {defaultTake, ""}};
 
 struct Column {
@@ -122,7 +122,8 @@ struct Table {
   }
 };
 
-// Measures how much the files of the last round resemble the clip. Adds that to its figures.
+// Measures how much the files of the last round resemble the clip, and adds the result to the
+// figures of that round.
 void judge(Contender& contender, client::FrameSize take) {
   Run& last = contender.rounds.back();
   const auto ssim = [&](const std::string& path, const std::vector<std::uint64_t>& numbers,

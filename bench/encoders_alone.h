@@ -1,7 +1,8 @@
 #pragma once
 
-// The least that the job can cost: the encoders of the preview and the take, fed with ready NV12
-// pictures, both at once, one frame in flight. No pipe, no conversion, no network, no file.
+// The least that the job can cost: only the encoders of the preview and of the take, fed with ready
+// NV12 pictures. Both encode the same frame at once, and wait for each other before the next one.
+// No pipe, no conversion, no network, no file.
 
 #include <functional>
 #include <string>
@@ -25,8 +26,9 @@ struct EncodersReport {
   std::vector<Bytes> streams;  // Annex B, one for each load
 };
 
-// Encodes at a rate or (0) as fast as possible. `besideEach` runs once a frame on a thread of its
-// own. Throws std::runtime_error when libx264 can't be opened. A later error aborts the program.
+// Encodes `frames` pictures of each load, at `framesPerSecond` or, if that is 0, as fast as
+// possible. `besideEach` runs once a frame on a thread of its own. Throws std::runtime_error when
+// libx264 can't be opened. A later error aborts the program.
 EncodersReport encodeAlone(const std::vector<EncoderLoad>& loads, int frames,
                            int framesPerSecond = 0, const std::function<void()>& besideEach = {});
 

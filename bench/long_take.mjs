@@ -1,9 +1,9 @@
 // Records takes of ten seconds and of two hours, and prints what may grow with their length: the
 // drift of the movie's times against the capture times, the size of its "moov" box, the time from
 // the stop to "saved", and the helper's peak memory. The exit status is 1 if the drift exceeds
-// 1 ppm, or if the movie's frames or their times differ from the log. ffprobe reads the movie.
-// LIBRARY_OF_FAULTS is built from tests/faults. In the take of two hours it makes the helper's
-// clock run SPEED times as fast as the real one.
+// 1 ppm, or if the movie's frames or their times differ from the take's log of frames. ffprobe
+// reads the movie. LIBRARY_OF_FAULTS is built from tests/faults. In the take of two hours it makes
+// the helper's clock run SPEED times as fast as the real one.
 //
 //   node long_take.mjs HELPER LIBRARY_OF_FAULTS SPEED
 

@@ -1,7 +1,8 @@
 // Prints the most that a take loses by each fault, without and with "on_failure": "keep". The exit
 // status is 1 if a take with "keep" lost more than it may. Each picture shows its number, which is
 // read from the movie with ffmpeg. For a full disk the script mounts a small file system, so it
-// needs its own mount namespace. All other takes are written below TMPDIR.
+// needs its own mount namespace. The takes of all other faults are written below TMPDIR.
+// LIBRARY_OF_FAULTS is built from tests/faults.
 //
 //   unshare --map-root-user --mount node losses.mjs HELPER LIBRARY_OF_FAULTS [FAULT]
 
@@ -21,14 +22,15 @@ const run = promisify(execFile);
 const uptime = () => Number(process.hrtime.bigint()) / 1e9; // seconds
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const rate = 60; // frames per second
-const [bits, barRows] = [16, 80]; // of a picture's number; each bit is a bar at the top
+const [bits, barRows] = [16, 80]; // each picture shows the bits of its number as bars at its top
 const noise = crypto.randomBytes(1 << 20); // for the rest of a picture: gives a take its bit rate
 
-// Seconds after the start of a take. All are later than half a second, and each is at another place
-// in a fragment.
+// Seconds after the start of a take, each at another place in a fragment of half a second. All are
+// late enough for the first fragment to be on the disk.
 const moments = Array.from({ length: 20 }, (_, i) => 1 + 0.153 * i);
-// In each case but the last, one of the third to the seventh sync takes 7 s or 30 s. A take that
-// fails during the 7 s can still be completed. In the last case each sync takes 1 s.
+// In each case but the last, a single sync takes 7 s or 30 s: the 3rd, 4th, 5th, 6th or 7th. A take
+// that fails during a sync of 7 s can still be completed. During one of 30 s, it can't. In the last
+// case each sync takes 1 s.
 const syncs = [...[3, 4, 5, 6, 7].flatMap((nth) => [`${nth}:-7`, `${nth}:-30`]), '0:-1'];
 const changeSize = (take) => { take.size = [160, 120]; };
 
@@ -126,7 +128,7 @@ async function picturesOf(file) {
 async function takePictures(folder) {
   const find = () => fs.existsSync(folder) && fs.readdirSync(folder)[0];
   if (!find()) return [];
-  fs.utimesSync(path.join(folder, find()), 0, 0); // a new file would be left alone
+  fs.utimesSync(path.join(folder, find()), 0, 0); // lumora-recover leaves a new file alone
   await run(path.join(path.dirname(helper), 'lumora-recover'), [folder]);
   const file = path.join(folder, find());
   const pictures = await picturesOf(file);
@@ -156,8 +158,8 @@ function withWrites(file, writes) {
   return changed;
 }
 
-// What may be left of pending writes after a power cut. Disks write whole sectors, so half of the
-// sectors of a torn write are left.
+// What may be left of pending writes after a power cut. Disks write whole sectors, so a write can
+// only be torn between two sectors. `torn` is the first half of the last write.
 function survivorsOf(pending) {
   if (pending.length === 0) return [[]];
   const { offset, bytes } = pending.at(-1);
@@ -171,7 +173,7 @@ function syncedPictures(take, durable = '') {
   return picturesOf(`${take.folder}.synced`);
 }
 
-// What a take lost of the frames up to number `last`. `kept` and `synced` list frames by number.
+// What a take lost of the frames up to number `last`. `kept` and `synced` are numbers of frames.
 function lossOf(take, kept, synced, last) {
   const lastKept = kept.at(-1) ?? take.first - 1;
   const time = (number) => take.sent[Math.min(number, take.sent.length - 1)].time;
@@ -219,7 +221,8 @@ async function lossesOf({ fault, state, keeps }) {
   }
   const last = take.sent.length - 1;
   await Promise.race([take.exited, sleep(15_000, null, { ref: false })]);
-  take.command('record_stop'); // it runs on if a slow encoder has not filled a slow disk's queue
+  // On a slow disk, the take still runs if the encoder was too slow to fill the disk's queue.
+  take.command('record_stop');
   await take.exited;
   const kept = await takePictures(take.folder);
   if (fault.bytes) execFileSync('umount', [take.folder]);

@@ -27,7 +27,7 @@ constexpr const char* usage =
     "       lumora-paced HELPER growth SECONDS\n"
     "       lumora-paced HELPER takes ROUNDS [PROFILE]\n"
     "       FRAMES=pipe|memory in the environment: how frames reach the helper\n"
-    "       FORMAT=rgba|nv12: what they are\n"
+    "       FORMAT=rgba|nv12: the format of the frames\n"
     "       SOUND=stereo: \"load\" also writes sound, and its take records it\n"
     "       MEMORY=settled: touches memory before each run, for virtual machines whose host takes "
     "free memory back\n";
@@ -51,7 +51,7 @@ client::HelperOptions helperOptions(const std::string& program) {
 }
 
 bench::CameraClip makeClip(client::FrameSize size) {
-  const char* value = std::getenv("FORMAT");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const char* value = std::getenv("FORMAT");  // NOLINT(concurrency-mt-unsafe): no code sets it
   const std::string_view format = value == nullptr ? "rgba" : value;
   if (format == "nv12") return bench::CameraClip(size, tools::nv12BT709);
   if (format != "rgba") throw std::runtime_error("FORMAT may only be \"rgba\" or \"nv12\"");
@@ -59,7 +59,7 @@ bench::CameraClip makeClip(client::FrameSize size) {
 }
 
 void addSound(tools::RunOptions& load) {
-  const char* value = std::getenv("SOUND");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const char* value = std::getenv("SOUND");  // NOLINT(concurrency-mt-unsafe): no code sets it
   if (value == nullptr) return;
   if (std::string_view(value) != "stereo") throw std::runtime_error("SOUND may only be \"stereo\"");
   load.helper.sound = tools::soundFormat;

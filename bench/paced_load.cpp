@@ -14,11 +14,12 @@ namespace {
 
 using Count = unsigned long long;
 
-// The host of a virtual machine may take back memory that has been free for some seconds. The host
-// then needs forty times as long to return it as the kernel needs to hand out memory. A run may
-// then lose frames at its start because of the host, and not because of the helper.
+// If MEMORY=settled, makes the host of a virtual machine return the memory that the next run needs.
+// The host may take back memory that has been free for some seconds. To return it, the host needs
+// forty times as long as the virtual machine's kernel needs to hand it out. Without this function,
+// a run may lose frames at its start because of the host, and not because of the helper.
 void settleMemory() {
-  const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): no code sets it
   const std::string_view wish = value == nullptr ? "" : value;
   if (wish.empty()) return;
   if (wish != "settled") throw std::runtime_error("MEMORY may only be \"settled\"");

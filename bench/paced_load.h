@@ -8,12 +8,13 @@
 
 namespace lumora::bench {
 
-// A take with this profile; none for "none".
+// A take of the size that `profile` names, such as "1080x720"; none for "none". Throws
+// std::runtime_error for a size that no take has.
 std::optional<client::TakeOptions> takeOf(const std::string& profile, int targetFPS,
                                           const std::string& path);
 
-// Touches memory if the environment has MEMORY=settled, removes the movie of the run before, and
-// calls `tools::runPaced`.
+// Touches memory if the environment has MEMORY=settled. Removes the movie of the run before. Then
+// calls `tools::runPaced`. Also throws std::runtime_error if the helper or the take fails.
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source);
 
 struct Delivered {

@@ -26,7 +26,7 @@ class Progress {
  private:
   const client::Uptime::time_point start_ = client::Uptime::now();
   const double planned_;
-  double begun_ = 0;  // seconds, by plan, of the steps so far
+  double begun_ = 0;  // planned seconds of the steps that have begun
 };
 
 }  // namespace lumora::bench

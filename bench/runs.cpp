@@ -35,7 +35,7 @@ nlohmann::json figuresOf(const tools::RunOptions& load, const tools::RunReport& 
   const auto fed = static_cast<double>(report.fed);
   const auto received = delivered(load, report).frames;
   const auto complete = load.take ? std::min(received, report.take.frames) : received;
-  std::vector<double> latencies;  // to hundredths, which keeps the file small
+  std::vector<double> latencies;  // to hundredths, which keeps bench.json small
   for (const tools::Delivery& delivery : report.deliveries)
     latencies.push_back(std::round(delivery.milliseconds * 100) / 100);
   return {{"cpu_ms", report.exit.cpuTime.count() * 1000 / fed},
@@ -59,8 +59,8 @@ Run runHelper(tools::RunOptions load, CameraClip& clip, int rate) {
   run.figures["take_mb"] = megabytes(std::filesystem::file_size(load.take->path));
   run.figures["preview_mb"] = megabytes(std::filesystem::file_size(load.previewPath));
   for (const tools::Delivery& delivery : report.deliveries) run.inPreview.push_back(delivery.frame);
-  // If take and preview have dropped no frame, they have the same frames. Only the last may be
-  // missing from the take, because it may come after the stop.
+  // If take and preview have dropped no frame, they have the same frames, except that the take may
+  // lack the last one. The helper may read that one after the time of the stop.
   const bool isWhole =
       report.take.dropped == 0 && report.take.throttled == 0 && run.inPreview.size() == report.fed;
   if (isWhole && report.take.frames <= run.inPreview.size()) {

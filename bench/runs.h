@@ -20,8 +20,8 @@ struct Job {
   std::string preset;      // empty: as shipped
 };
 
-// What the camera sees, as RGBA and as NV12. `preview` and `smallTake` are NV12 at the size of an
-// encoder's pictures. Only `runEncoders` and `runEncodersAndPipe` use them.
+// What the camera sees, as RGBA and as NV12. `preview` and `smallTake` are NV12, already scaled for
+// the encoders. Only `runEncoders` and `runEncodersAndPipe` use these two.
 struct Clips {
   CameraClip rgba{camera};
   CameraClip nv12{camera, tools::nv12BT709};
@@ -32,7 +32,7 @@ struct Clips {
 struct Run {
   nlohmann::json figures;                     // what was measured, by name
   std::vector<std::uint64_t> inPreview = {};  // numbers of the preview's frames; empty: not known
-  std::vector<std::uint64_t> inTake = {};     // the same of the take
+  std::vector<std::uint64_t> inTake = {};     // numbers of the take's frames; empty: not known
 };
 
 // Each of these throws std::runtime_error if the run fails. But once `runEncoders` or

@@ -1,10 +1,12 @@
-// Records a test card that flashes and beeps at the same instant, with sound devices whose clocks
-// may be wrong, and prints how far the beeps of the movies are from their flashes. For each steady
-// device, a recorded minute of a sine shows what the helper adds to the sound. Ends with 1 if a
-// beep is missing or more than 10 ms off, if half or fewer can be compared, or if something
-// beside the sine is louder than -60 dB. The helper's clock runs SPEED times as fast as the real
-// one, so some pictures are lost. Each picture of a flash has a brightness of its own, so any of
-// them shows when the flash began.
+// Records pictures that flash and sound that beeps at the same instants. The sound comes from
+// devices whose clocks may be wrong. Prints how far the beeps of the movies are from their flashes.
+// For each device whose clock is steady, a recorded minute of a sine shows what the helper adds to
+// the sound. Ends with 1 if a movie has too few or too many beeps, if a beep is more than 10 ms
+// from its flash, if half of the beeps or fewer have a flash to compare with, or if a spectral line
+// other than the sine's is louder than -60 dB. LIBRARY_OF_FAULTS, built from tests/faults, makes
+// the helper's clock run SPEED times as fast as the real one. The encoder is too slow for that, so
+// pictures are lost. Each picture of a flash has a brightness of its own, so each shows when the
+// flash began.
 //
 //   node sound_sync.mjs HELPER LIBRARY_OF_FAULTS SPEED MINUTES
 
@@ -23,12 +25,12 @@ const uptime = () => Number(process.hrtime.bigint()) / 1e9 * speed; // seconds o
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const [fps, soundRate, perRecord] = [15, 48000, 960];
 const brightness = [235, 185, 135]; // of the pictures of a flash
-// Of flashes and beeps, in seconds. A frame at the very end of a flash is dark.
+// Of flashes and beeps, in seconds. The 1e-6 keeps a frame at the very end of a flash dark.
 const [period, length] = [10, brightness.length / fps - 1e-6];
 const size = [160, 90];
 const tolerance = 0.010; // seconds
 const fullScale = 32768;
-const [sineHertz, mostBeside] = [1000, -60]; // dB of a full-scale sine
+const [sineHertz, mostBeside] = [1000, -60]; // `mostBeside`: dB of a full-scale sine
 
 // Each maps a sample's time on the device's clock to the time at which the sample was captured.
 const steadyDevices = {
@@ -53,7 +55,7 @@ function pictureAt(time) {
 const sine = (time) => 30000 * Math.sin(2 * Math.PI * sineHertz * time);
 const beep = (time) => (isOn(time) ? sine(time) : 0);
 
-// One record of what the device hears of `sound`. `start` is a time of the device.
+// One record of what the device hears of `sound`. `start` is a time on the device's clock.
 function samplesAt(start, capture, sound) {
   const samples = new Int16Array(perRecord);
   for (let n = 0; n < perRecord; ++n)
@@ -103,8 +105,8 @@ function run(command, args) {
 }
 
 // When each flash began, once for each of its pictures. A picture only counts if the picture before
-// or after it is in the movie too. A lone picture may have come too late, and then its time is the
-// time at which it was read.
+// or after it is in the movie too. The helper may have read a lone picture more than 2 s after its
+// capture. Then its time in the movie is when it was read, not when it was captured.
 function flashesOf(path) {
   const shown = ['-show_entries', 'packet=pts_time', '-of', 'csv=p=0'];
   const times = String(run('ffprobe', ['-v', 'error', '-select_streams', 'v', ...shown, path]))
@@ -179,9 +181,9 @@ function transform(real) {
   return imaginary;
 }
 
-// The loudest line beside the sine, in dB of a full-scale sine. Short windows show a click, which
-// long ones spread; long windows show lines close to the sine. The window is Blackman and Harris's:
-// its side lobes are below -92 dB, and its main lobe is eight lines wide.
+// The level of the loudest spectral line other than the sine's, in dB of a full-scale sine. Short
+// windows show a click, which long ones spread. Long windows show lines close to the sine. Windows
+// are Blackman and Harris's: side lobes are below -92 dB, and the main lobe is eight lines wide.
 function loudestBeside(samples) {
   let most = 0;
   for (const count of [1024, 16384]) {
@@ -202,8 +204,8 @@ function loudestBeside(samples) {
   return 20 * Math.log10(most);
 }
 
-// Records a minute of a sine, and returns the level of the loudest other line, without the first and
-// the last second.
+// Records a minute of a sine, and returns the level of the loudest other line. Ignores the first
+// and the last second.
 async function besideSine(capture) {
   const path = inFolder('sine.mp4');
   const { sound_gaps: gaps } = await record(path, 60, capture, sine);

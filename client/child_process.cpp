@@ -45,7 +45,7 @@ std::vector<std::string> childEnvironment(const LaunchOptions& options) {
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  // If our own parent set these, they describe its input to us, not ours to the child.
+  // If our own parent set these, they describe the input that we get, not the child's.
   for (const char* name : {"TAVO_FRAME_MEMORY", "TAVO_FRAME_FORMAT", "TAVO_SOUND"})
     merged.erase(name);
   for (const auto& [name, value] : options.environment) merged[name] = value;
@@ -121,7 +121,7 @@ std::string makeToken() {
   static constexpr std::string_view alphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
   std::random_device random;
-  std::string token(43, '\0');  // 258 bits
+  std::string token(43, '\0');  // 258 random bits
   for (char& character : token) character = alphabet[random() % alphabet.size()];
   return token;
 }
@@ -223,7 +223,7 @@ std::size_t ChildProcess::readOutput(std::span<char> bytes, const Deadline& dead
 }
 
 void ChildProcess::sendSignal(int signal) {
-  // Once its status has been collected, its id may belong to another process.
+  // Once the child's status has been collected, its process id may belong to another process.
   if (!wait(Seconds(0))) kill(pid_, signal);
 }
 
@@ -236,7 +236,7 @@ std::optional<Exited> ChildProcess::wait(Seconds limit) {
     if (ended == pid_) {
       exit_ = exitOf(status, usage);
     } else if (ended < 0 && errno == ECHILD) {
-      exit_ = Exited{.status = -1};  // other code has collected its status
+      exit_ = Exited{.status = -1};  // SIGCHLD is ignored, or other code collected the status
     } else if (deadline.millisecondsLeft() == 0) {
       return std::nullopt;
     } else {
@@ -255,7 +255,7 @@ void ChildProcess::abandon() {
     startQuietThread([pid = pid_] {
       while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) continue;
     }).detach();
-  } catch (const std::system_error&) {  // then it stays a zombie
+  } catch (const std::system_error&) {  // no thread: the child stays a zombie once it ends
   }
 }
 

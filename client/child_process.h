@@ -23,12 +23,12 @@ namespace lumora::client {
 
 struct LaunchOptions {
   std::string program;                      // path of the helper, or a name on the PATH
-  std::string token = {};                   // 16 to 128 of A-Z a-z 0-9 _ -; empty: inherited
+  std::string token = {};                   // 16 to 128 characters A-Za-z0-9_-; empty: inherited
   std::vector<std::string> arguments = {};  // "--port", "0", ...
   std::map<std::string, std::string> environment = {};  // added to our own
   int frameMemory = -1;          // descriptor of memory shared with the child; -1: none
-  std::string frameFormat = {};  // empty: none is set
-  std::string sound = {};        // empty: none is set
+  std::string frameFormat = {};  // value of TAVO_FRAME_FORMAT; empty: not set
+  std::string sound = {};        // value of TAVO_SOUND; empty: not set
   int outputBytes = 0;           // size of the child's output pipe; 0: the system's default
 };
 
@@ -37,7 +37,8 @@ std::string makeToken();
 
 class ChildProcess {
  public:
-  // Starts the program. No other child inherits its pipes or its memory. Throws std::system_error.
+  // Starts the program. No other program that we start inherits its pipes or the shared memory.
+  // Throws std::system_error.
   explicit ChildProcess(const LaunchOptions& options);
   // Kills the child if it still runs.
   ~ChildProcess();
@@ -47,7 +48,7 @@ class ChildProcess {
   // A write blocks until all bytes are in the pipe. It returns false when the child has closed its
   // input, and then also raises SIGPIPE on the calling thread.
   bool writePixels(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
-  // If the picture lies in the memory shared with the child, writes only where it lies.
+  // Writes the picture. If it lies in the memory shared with the child, writes its offset instead.
   bool writeFrame(const Frame& frame, std::uint64_t id);
   bool writeBytes(std::span<const std::uint8_t> bytes);
   void closeInput() { input_.reset(); }
@@ -61,7 +62,7 @@ class ChildProcess {
   // False once the end of the output was found, and after `closeOutput` or `abandon`.
   bool hasOutput() const { return output_.isOpen() && !isAbandoned_; }
 
-  // False once the child has closed its input.
+  // False once the child has closed its input. Only valid before `closeInput`.
   bool takesInput() const;
 
   void sendSignal(int signal);
@@ -84,8 +85,8 @@ class ChildProcess {
   std::string pending_;  // output that `nextLine` has not returned yet
   std::optional<Exited> exit_;
   std::atomic<bool> isAbandoned_ = false;
-  // `abandon` writes a byte to `wake_`. The byte ends every read and write that waits. Closing
-  // `wake_` would not end them while a forked process has a copy of it.
+  // The ends of a pipe. `abandon` writes a byte to `wake_`. The byte ends every read and write that
+  // waits. Closing `wake_` would not end them while a forked process has a copy of it.
   Descriptor wake_;
   Descriptor woken_;
 };

@@ -28,7 +28,7 @@ class Descriptor {
 // The moment at which a wait gives up.
 class Deadline {
  public:
-  explicit Deadline(Seconds limit);  // from now on, a day at most
+  explicit Deadline(Seconds limit);  // `limit` from now, a day at most
   Seconds left() const;              // never negative
   int millisecondsLeft() const;      // rounded up
   std::chrono::steady_clock::time_point time() const { return end_; }
@@ -37,7 +37,7 @@ class Deadline {
   std::chrono::steady_clock::time_point end_;
 };
 
-// Waits for one of these events of poll(2), an error or a hangup. False when none came in time.
+// Waits until poll(2) reports one of `events`, an error or a hangup. False when none came in time.
 bool awaitEvents(int descriptor, short events, const Deadline& deadline);
 
 }  // namespace lumora::client

@@ -46,11 +46,11 @@ int EventQueue::descriptor() const { return state_->count.get(); }
 void EventQueue::dispatch() {
   const auto state = state_;  // a call may destroy this queue
   std::unique_lock hold(state->mutex);
-  // Makes only as many calls as wait now, so it returns even if each call posts another.
+  // Runs only as many calls as wait now, so it returns even if each call posts another.
   auto waiting = state->calls.size();
   hold.unlock();
   for (; waiting > 0; --waiting) {
-    // A call may run an event loop that dispatches the calls after it. Then `take` returns none.
+    // A call may run an event loop that dispatches this queue, too. Then `take` may find no call.
     for (const auto& call : state->take()) call();
   }
 }

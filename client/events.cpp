@@ -25,7 +25,7 @@ std::optional<Value> find(const Json& event, const char* key) {
   return found->template get<Value>();
 }
 
-// Sets `value`, unless the key is missing or its value has another type.
+// Sets `value` to what `find` returns. Leaves it as it is if `find` returns nothing.
 template <typename Value>
 void read(const Json& event, const char* key, Value& value) {
   if (auto found = find<Value>(event, key)) value = *std::move(found);

@@ -50,8 +50,8 @@ bool Feeder::writeSound(std::span<const std::int16_t> samples, SoundFormat forma
   const auto channels = static_cast<std::size_t>(format.channels);
   if (samples.size() % channels != 0)
     throw std::invalid_argument("all channels of sound must have the same number of samples");
-  // The id of sound is its time, and ids must grow. So one time in the future would make the times
-  // of all sound that follows wrong.
+  // The id of sound is its time, and ids must grow. If one sound had a time in the future, all
+  // sound after it would get wrong times, too.
   const bool isTime = capturedAt >= Uptime::time_point() && capturedAt <= Uptime::now() + mostAhead;
   if (!isTime) return false;
   const std::size_t most = mostSeconds * static_cast<std::size_t>(format.rate) * channels;

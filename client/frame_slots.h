@@ -18,7 +18,7 @@ namespace lumora::client {
 // Its functions may be called on any thread.
 class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
  public:
-  // At most four are in use: one is sent or converted, one is encoded in place, a third waits,
+  // Enough for the usual case: one is sent or converted, one is encoded in place, a third waits,
   // and the application renders into the fourth.
   static constexpr int count = 4;
 
@@ -50,7 +50,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   struct Slot {
     bool isLent = false;
     std::size_t reserved = 0;       // bytes reserved so far
-    std::uint64_t publishedAs = 0;  // id of its latest frame if the helper reads that here, else 0
+    std::uint64_t publishedAs = 0;  // id of the latest frame if the helper reads it here, else 0
   };
 
   FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory);

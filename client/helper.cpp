@@ -191,8 +191,8 @@ class Helper::Impl {
 
   void readEvents() {
     readStart();
-    // The output may stay open after the helper has ended, since another process may hold it, or
-    // pass the helper's last lines on.
+    // The output may stay open after the helper has ended: another process may hold it, or may
+    // still pass on the helper's last lines. Reading then stops once no line comes for 0.1 s.
     for (bool hasEnded = false; process_->hasOutput();) {
       auto line = process_->nextLine(Seconds(hasEnded ? 0.1 : 0));
       if (!line && hasEnded) break;
@@ -273,7 +273,8 @@ class Helper::Impl {
   void endProcess() {
     const auto askedAt = Uptime::now();
     feeder_->endFrames();
-    // If the input ended first, the helper would end these takes then, not at their stop times.
+    // Waits for the takes that were told to stop: the end of the input would end them at once, not
+    // at their stop times.
     takes_.awaitStopped(timeToTerminate);
     feeder_->end();
     for (const auto& [time, signal] :
@@ -303,8 +304,9 @@ class Helper::Impl {
   const std::optional<FrameSize> likelySize_;
   const PostedHandlers handlers_;
   const EventHandler onEvent_;
-  std::shared_ptr<FrameSlots> slots_;  // guarded from the start of the reader on
-  // Memory that an older helper does not read. Stays open, since `process_` knows its descriptor.
+  std::shared_ptr<FrameSlots> slots_;  // guarded by `mutex_` once the reader runs
+  // Memory that an older helper does not read. Stays open, so that no other memory gets the number
+  // of its descriptor: by that number `process_` tells which frames the helper can read in place.
   std::shared_ptr<FrameSlots> unread_;
   const std::shared_ptr<ChildProcess> process_;
   const std::shared_ptr<Feeder> feeder_;

@@ -16,7 +16,7 @@
 
 namespace lumora::client {
 
-// Of a command's JSON text. A longer text ends the helper.
+// The longest JSON text of a command. A longer one ends the helper.
 constexpr std::size_t maximumCommandBytes = 4096;
 
 using RecordHeaderBytes = std::array<std::uint8_t, 16>;
@@ -40,8 +40,8 @@ std::vector<std::uint8_t> frameReference(FrameSize size, std::uint64_t id, std::
                                          std::optional<std::uint64_t> length = std::nullopt);
 
 // The records of this sound, each with at most a quarter of a second. `capturedAt` is the time of
-// the first of `samples`, in microseconds of uptime. `lastID` is the id of the last sound record
-// made before. It is set to the id of the last record made here. Ids grow even if times do not.
+// the first of `samples`, in microseconds of uptime. `lastID` is the id of the sound record before
+// these, and is set to the id of the last of these. Ids grow even if times do not.
 std::string soundRecords(std::span<const std::int16_t> samples, SoundFormat format,
                          std::uint64_t capturedAt, std::uint64_t& lastID);
 

@@ -51,7 +51,7 @@ Descriptor connectTo(const std::string& host, std::uint16_t port, Seconds limit)
   fcntl(socket.get(), F_SETFL, 0);  // from now on `send` blocks
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  // Without these, a client of another machine learns late or never that the network is gone.
+  // Without these, a client on another machine learns late or never that the network is gone.
   setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
   const int seconds = 5;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPIDLE, &seconds, sizeof seconds);

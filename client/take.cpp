@@ -57,7 +57,7 @@ void Take::State::report(const Recording& recording) {
     latest_ = recording;
     isAnswered_ = true;
     onEvent = onEvent_;
-    if (recording.isOver()) onEvent_ = {};  // the handler may own a copy of this take
+    if (recording.isOver()) onEvent_ = {};  // breaks a cycle: the handler may own this take
     changed_.notify_all();
   }
   if (onEvent) onEvent(recording);

@@ -25,7 +25,7 @@ class Take::State {
   // Fails the take, because its helper has ended or does not answer.
   void abandon(TakeFailure failure, const std::string& reason);
 
-  // True if no event about the take has come, and its start was sent over 10 s before `now`.
+  // True if `now` is over 10 s after the start command, and no event about the take has come.
   bool isUnanswered(Uptime::time_point now) const;
   Uptime::time_point startedAt() const { return startedAt_; }
   std::optional<Uptime::time_point> stoppedAt() const;

@@ -21,7 +21,7 @@ class Takes {
   void awaitStopped(Seconds limit) const;
   // Stops and fails the takes that the helper has not answered in time.
   void failUnanswered(Uptime::time_point now);
-  // Fails all of them, because the helper has ended.
+  // Fails all takes, because the helper has ended.
   void abandonAll(const std::string& reason);
 
  private:
@@ -31,7 +31,7 @@ class Takes {
 
   mutable std::mutex mutex_;  // guards all below
   All takes_;
-  std::optional<std::string> ended_;  // why the helper has ended
+  std::optional<std::string> ended_;  // how the helper has ended; empty: it has not
 };
 
 }  // namespace lumora::client

@@ -1,6 +1,6 @@
-# Debian's cross compiler for 64-bit Arm, with its multi-arch libraries. The programs run under
-# qemu-user, which here emulates a processor without SVE. By default it emulates one with SVE, and
-# Highway would use that.
+# Debian's cross compiler for 64-bit Arm, with Debian's multi-arch libraries. qemu-user runs the
+# programs and emulates a Cortex-A76, which has no SVE. The default processor of qemu-user has SVE,
+# and Highway would use it.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

@@ -4,8 +4,7 @@
 
 namespace lumora {
 
-// A service on fakes. In each step encoders answer, the client gets and acknowledges a frame, and
-// movies are completed.
+// A service that runs on the unit tests' fakes, with one client.
 struct FuzzedService {
   explicit FuzzedService(std::shared_ptr<FrameMemory> frameMemory = nullptr,
                          const std::string& frameFormat = "rgba");
@@ -13,7 +12,8 @@ struct FuzzedService {
   FuzzedService(const FuzzedService&) = delete;
   FuzzedService& operator=(const FuzzedService&) = delete;
 
-  // Lets 10 ms pass, with everything that is due in them.
+  // Lets 10 ms pass and does the work that is then due. Encoders answer, the client gets and
+  // acknowledges at most one frame, and movies are completed.
   void step();
   // Feeds a frame unless one is in flight.
   void frame();

@@ -8,7 +8,8 @@ namespace {
 
 using namespace lumora;
 
-// The size in the first frame header, made even and limited to 640x480. Without a header: 64x32.
+// The size in the first baseline or progressive frame header, made even and limited to 640x480.
+// Without such a header: 64x32.
 PictureSize sizeIn(ByteView jpeg) {
   for (std::size_t at = 0; at + 9 <= jpeg.size(); ++at) {
     if (jpeg[at] != 0xFF || jpeg[at + 1] < 0xC0 || jpeg[at + 1] > 0xC2) continue;

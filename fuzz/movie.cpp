@@ -1,5 +1,5 @@
-// Fuzzes movies, with and without sound: their samples, how long each lasts, where the movie ends.
-// libavformat reads every movie: first finished, then cut off as after a crash.
+// Fuzzes the movie writer, with and without sound: the samples, their durations, the movie's end.
+// libavformat reads each finished movie, then the same file cut off as after a crash.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -83,9 +83,9 @@ void fuzzMovie(FuzzedDataProvider& input) {
           timings[inside - 1].time + std::min(end - timings[inside - 1].time, longestSample));
   const auto soundEnd = static_cast<std::uint64_t>(1024 + end * 48000 / movieTimescale);
   packets = std::min<std::size_t>(packets, (soundEnd + 1023) / 1024);
-  // A single packet is only the priming, which the edit list hides.
+  // A single packet is not counted: it is all priming, which the edit list hides.
   require(packets < 2 || readMovie(bytes, 1).times.size() == packets);
-  // With the placeholder back, the file is no longer finished. It is cut off at page boundaries.
+  // Puts back the placeholder of an unfinished movie, then cuts the file off at page boundaries.
   const Bytes free = {0, 0, 0, 16, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 0, 0, 0, 0};
   std::ranges::copy(free, bytes.begin() + static_cast<std::ptrdiff_t>(placeholderOffset()));
   constexpr std::size_t page = 4096;

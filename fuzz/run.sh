@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the fuzzer PROGRAM for SECONDS. It starts from the kept corpus of TARGET and from the
-# inputs that earlier runs found:
+# Runs the fuzzer PROGRAM for SECONDS:
 #   fuzz/run.sh PROGRAM TARGET SECONDS
+# The fuzzer starts from fuzz/corpus/TARGET and from the inputs that earlier runs found.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 found=$(dirname "$1")/found/$2

@@ -1,5 +1,6 @@
-// Checks that docs/troubleshooting.md lists every error of the client libraries and the tools, and
-// that the sources have every error in its sections "In the client libraries" and "In the tools".
+// Checks that docs/troubleshooting.md lists every error of the client libraries and the tools. Also
+// checks that each error in the page's sections "In the client libraries" and "In the tools" is in
+// the sources.
 
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
@@ -30,7 +31,8 @@ const errors = sources.flatMap((text) => [
 ]);
 
 const unescaped = (text) => text.replace(/\\(["'])/g, '$1');
-// The constant parts of a text that have at least two words. `changes` matches the other parts.
+// Splits a text at its variable parts, which `changes` matches. Returns the constant parts between
+// them, except those of fewer than two words.
 const partsOf = (text, changes) => unescaped(text).split(changes).map((part) => part.trim())
   .filter((part) => /\w \w/.test(part));
 

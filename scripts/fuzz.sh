@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the fuzzers with clang. Runs JOBS fuzzers at a time, each for MINUTES:
 #   scripts/fuzz.sh JOBS MINUTES
-# Each finding is a file in build/fuzz/fuzz/found/. To replay it, start its fuzzer with the path of
-# this file as the argument.
+# What build/fuzz/fuzz/fuzz-TARGET finds is written to files build/fuzz/fuzz/found/TARGET-*. To
+# replay such a file, start that fuzzer with the path of the file as the argument.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$1

@@ -25,6 +25,6 @@ done
 sudo=()
 [ "$(id -u)" -eq 0 ] || sudo=(sudo)
 echo "Installing ${missing[*]}"
-# sudo removes other variables of the environment.
 "${sudo[@]}" apt-get update -qq
+# sudo clears most of the environment, so `env` sets the variable for apt-get.
 "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

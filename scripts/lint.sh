@@ -22,7 +22,8 @@ for entry in '"version"' '"lumora-video-linux-x64"'; do
 done
 
 cmake --preset debug >/dev/null
-# The two macros hide the bodies of most functions of Asio and Beast, which clang-tidy need not read.
+# The two macros defined here hide the bodies of most Asio and Beast functions. clang-tidy need not
+# read them.
 git ls-files 'src/*.cpp' 'client/*.cpp' 'tools/*.cpp' ':!client/example' |
   xargs -P "$jobs" -n 4 clang-tidy -p build/debug --quiet \
     --extra-arg=-DBOOST_ASIO_SEPARATE_COMPILATION --extra-arg=-DBOOST_BEAST_SEPARATE_COMPILATION

@@ -42,7 +42,7 @@ sourceFolder() {
   echo "$sources/$1"-*/
 }
 
-# With these the linker can remove unused code.
+# With these flags, the linker can remove unused code.
 sections="-ffunction-sections -fdata-sections"
 # The program must not contain the path of the build. x264 and FFmpeg need no flag for this: they
 # are compiled with relative paths.

@@ -10,7 +10,8 @@ fi
 root=$(mktemp -d /var/tmp/lumora-bare.XXXXXX)  # not in /tmp, which is mounted anew below
 cleanUp() {
   for point in proc dev tmp; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
-  # If /tmp is still mounted here, from the same file system, rm would delete its files.
+  # rm would delete the files of /tmp if /tmp were still mounted in the new system and both were on
+  # one file system.
   mountpoint -q "$root/tmp" || rm -rf --one-file-system "$root"
 }
 trap cleanUp EXIT
@@ -18,7 +19,8 @@ mmdebstrap --quiet --variant=minbase "$SUITE" "$root"
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
 cp /etc/hosts "$root/etc/"
-# /tmp is shared, so that the new system also sees the file systems that tests mount there.
+# The new system gets this machine's /tmp. The mount is shared, so a file system that a test mounts
+# in /tmp appears in the new system, too.
 mount --bind /tmp /tmp
 mount --make-shared /tmp
 mount --bind /tmp "$root/tmp"
@@ -31,6 +33,6 @@ for program in lumora-video lumora-recover; do
   chmod +x "$root/$program"
 done
 here=Faults.*:*FaultyTakes.*:Viewer.*
-export TMPDIR=/tmp  # the only folder for files that the new system sees
+export TMPDIR=/tmp  # the new system sees this machine's files only in this folder
 LUMORA_HELPER=$helper "$tests" --gtest_brief=1 --gtest_filter="-$here"
 LUMORA_HELPER=$PWD/build/portable/lumora-video "$tests" --gtest_brief=1 --gtest_filter="$here"

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 jobs=${1:-2}
 
 # The browser tests control Chromium with a package from npm. The audience tests run nginx and an
-# SRT server, and the Qt example is built with Qt. All three come from Debian.
+# SRT server. The Qt example is built with Qt.
 node=(); command -v npm >/dev/null || node=(nodejs npm)
 scripts/install_dependencies.sh chromium clang libclang-rt-dev nginx libnginx-mod-rtmp srt-tools \
   qt6-base-dev libswscale-dev "${node[@]}"

@@ -13,7 +13,7 @@ apt-get install -y -qq --no-install-recommends "${packages[@]}" ffmpeg g++ cmake
 lumora-demo /usr/bin/lumora-video /tmp/demo 3 | tail -n 4
 lumora-recover /tmp/demo
 
-# Builds the example with the commands of the installed page.
+# Builds the example with the commands in the installed documentation.
 grep -E '^    (cmake -S /usr|g\+\+ )' /usr/share/doc/lumora-video/embedding.md | bash -e >/dev/null
 
 (cd client/node && npm ci --silent && npm pack --silent --pack-destination /tmp)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Sourced by tests that need npm. If the machine lacks what a test needs, the test is skipped (77).
-# In CI the test fails instead.
+# Sourced by tests that need npm. If the machine lacks what a test needs, the test exits with 77,
+# which ctest counts as skipped. In CI the test fails instead.
 set -euo pipefail
 tests=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 client=$tests/../client/node
@@ -14,7 +14,8 @@ giveUp() {
 # Installs the packages of the folder $1.
 installPackages() {
   command -v npm >/dev/null || giveUp "needs npm"
-  # npm writes .package-lock.json last. If it is older than package-lock.json, packages changed.
+  # An installation writes .package-lock.json last. If that file is missing or is older than
+  # package-lock.json, the packages must be installed.
   if [ ! "$1/node_modules/.package-lock.json" -nt "$1/package-lock.json" ]; then
     (cd "$1" && npm ci --no-audit --no-fund --silent) || giveUp "the packages can't be installed"
   fi

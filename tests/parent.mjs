@@ -13,7 +13,7 @@ export const folder = fs.mkdtempSync(`${os.tmpdir()}/lumora-test-`);
 export const inFolder = (name) => `${folder}/${name}`;
 process.on('exit', () => fs.rmSync(folder, { recursive: true, maxRetries: 9 }));
 
-// For programs. Has the token of the helper's stream.
+// The environment for programs, with the token of the helper's stream.
 export const environment = { ...process.env, TAVO_VIDEO_TOKEN: 'token-of-the-parent-0123' };
 
 // Starts a program that is killed at the end of the test.
@@ -36,7 +36,7 @@ export function recordOf(payload, [columns, rows], frameID) {
 export const commandOf = (keys) => recordOf(Buffer.from(JSON.stringify(keys)), [0, 0], 0);
 
 // Starts a helper and feeds it grey pictures, at most one in 16 ms. Each is a little lighter than
-// the last, and black follows white. `ids` lists the ids of these frames.
+// the last, and black follows white. The result's `ids` are those of all frames so far.
 export async function startParent(helper) {
   const program = start(helper, [], ['pipe', 'pipe', 'inherit']);
   const lines = readline.createInterface({ input: program.stdout });

@@ -62,7 +62,6 @@ class Soak {
  public:
   Soak(const std::string& helper, const std::filesystem::path& folder, unsigned seed)
       : folder_(std::filesystem::absolute(folder)),
-        seed_(seed),
         random_(seed),
         helper_({.program = helper, .frames = tools::frameTransport(client::FrameTransport::pipe)},
                 [](const client::Event& event) {
@@ -78,8 +77,12 @@ class Soak {
     for (const auto begun = Uptime::now(); Uptime::now() - begun < client::Seconds(minutes * 60);) {
       {
         const int before = streams_;
-        const std::jthread first([this](const std::stop_token& stop) { watch(stop, 1); });
-        const std::jthread second([this](const std::stop_token& stop) { watch(stop, 2); });
+        const auto watching = [this](unsigned number) {
+          return [this, number, seed = random_()](const std::stop_token& stop) {
+            watch(stop, number, seed);
+          };
+        };
+        const std::jthread first(watching(1)), second(watching(2));
         for (int i = 0; i < takesBetweenRests; ++i) take();
         if (streams_ == before) fail("no client received a frame during the last takes");
       }
@@ -88,9 +91,10 @@ class Soak {
     judge();
     if (!helper_.stop().isClean()) fail("the helper did not end cleanly");
     const auto frames = helper_.frameCounts();
-    std::printf("\n%d takes and %d streams decode; %llu frames written, %llu left out\n", takes_,
-                streams_.load(), static_cast<unsigned long long>(frames.written),
-                static_cast<unsigned long long>(frames.dropped));
+    std::printf(
+        "\n%d takes and %d streams decode; %llu frames written, %llu dropped by the library\n",
+        takes_, streams_.load(), static_cast<unsigned long long>(frames.written),
+        static_cast<unsigned long long>(frames.dropped));
   }
 
  private:
@@ -110,8 +114,8 @@ class Soak {
   }
 
   // Runs one client after the other, each for a random while.
-  void watch(const std::stop_token& stop, unsigned number) try {
-    std::mt19937 random(seed_ + number);
+  void watch(const std::stop_token& stop, unsigned number, std::mt19937::result_type seed) try {
+    std::mt19937 random(seed);
     std::uniform_real_distribution<double> seconds(0.2, 5);
     const std::string path = folder_ / ("stream-" + std::to_string(number) + ".h264");
     while (!stop.stop_requested()) {
@@ -142,7 +146,7 @@ class Soak {
     viewer.watch(keep, [&] {
       return !stop.stop_requested() && Uptime::now() < until && bytes < mostStreamBytes;
     });
-    if (viewer.isClosed()) fail("a client that acknowledges was dropped");
+    if (viewer.isClosed()) fail("the helper closed the connection of a client that acknowledges");
     return bytes > 0;
   }
 
@@ -204,7 +208,6 @@ class Soak {
   }
 
   const std::filesystem::path folder_;
-  const unsigned seed_;
   std::mt19937 random_;
   std::uint64_t lastID_ = 0;  // of a frame; only the feeding thread uses it
   std::atomic<int> streams_ = 0;

@@ -42,7 +42,7 @@ v4l2_pix_format choosePicture(int device) {
     answer.fmt.pix.width = 1280;
     answer.fmt.pix.height = 720;
     answer.fmt.pix.pixelformat = wanted;
-    answer.fmt.pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;  // we read the fields after it
+    answer.fmt.pix.priv = V4L2_PIX_FMT_PRIV_MAGIC;  // enables the fields that `formatOf` reads
     const bool isTaken = ioctl(device, VIDIOC_S_FMT, &answer) == 0;
     if (isTaken && answer.fmt.pix.pixelformat == wanted) return answer.fmt.pix;
   }

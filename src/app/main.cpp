@@ -19,7 +19,8 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leav
 
 namespace {
 
-// The events of a launch that failed. They are literal because the service may not exist yet.
+// The event lines of a failed launch. They are constants because the service, which makes event
+// lines, may not exist yet.
 constexpr std::string_view invalidConfiguration =
     "{\"type\":\"error\",\"message\":\"invalid helper configuration\"}\n";
 constexpr std::string_view listenerFailed =
@@ -82,7 +83,7 @@ void startService(const std::vector<std::string>& arguments,
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGALRM, SIG_IGN);  // an inherited timer must not end us; the watchdog sets a handler
+  std::signal(SIGALRM, SIG_IGN);  // until the watchdog is armed: an inherited timer must not end us
   std::signal(SIGXFSZ, SIG_IGN);  // a file that is too large fails the take, not the process
   unblockSignals();
   makeOutputNonBlocking();

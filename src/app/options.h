@@ -23,7 +23,7 @@ struct Configuration {
   bool exactPreviewDimensions = false;            // the width or the height was given
   std::optional<int> frameMemoryDescriptor = {};  // of memory that the parent shares
   FrameFormat frameFormat = {};
-  std::optional<SoundFormat> sound = {};  // of the parent's sound; empty: it sends none
+  std::optional<SoundFormat> sound = {};  // the format; empty: the parent sends no sound
   std::string h264Encoder = {};           // which encoders may be used; empty: the default
 
   bool operator==(const Configuration&) const = default;

@@ -69,7 +69,8 @@ void VideoEncoder::serviceTick() {
   serviceTickLater();
   sweepPeers();
   stopTakeWithoutSpace();
-  // An abandoned take sends its "failed" event within `rescueTimeout`, unless its own queue hangs.
+  // The recorder of an abandoned take sends the "failed" event within `rescueTimeout`. If it has
+  // not, its queue hangs, and we emit the event ourselves.
   if (take.isRescuing() && uptime() >= take.abandonedAt + shutdownTimeout) concludeAbandonedTake();
   emitStats(false);
 }

@@ -28,8 +28,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // app/: lifecycle. `start` throws std::system_error when the listener or a thread can't be made.
   void start();
   void shutdown(int code);
-  // Even if the state queue hangs, the process ends within `watchdogTimeout` of a request, or of
-  // the `shutdown` that follows it.
+  // These two start the watchdog. The `shutdown` that follows restarts it. The watchdog ends the
+  // process after `watchdogTimeout`, even if the state queue hangs.
   void requestShutdown();                           // any thread
   void requestFailure(const std::string& message);  // any thread
   void exitNow(int code);
@@ -59,8 +59,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
  private:
   friend struct VideoEncoderProbe;  // unit tests look inside
 
-  // A handler that calls `work`. Its arguments are this service, `bound` and the handler's own.
-  // It does nothing once the service is gone.
+  // A handler that calls `work` on this service. It passes `bound`, then its own arguments. Once
+  // the service is gone, it does nothing.
   template <typename Work, typename... Bound>
   auto weakly(Work work, Bound... bound) {
     return [weak = weak_from_this(), work = std::move(work),
@@ -80,7 +80,7 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
 
   // input/: reader thread. The functions that read input throw if it breaks the protocol or ends
   // inside a payload. Only `readExactly` does not throw: it returns false.
-  bool readExactly(MutableByteView space);  // false when the input ends first
+  bool readExactly(MutableByteView space);  // false if the input ends before `space` is full
   void readCommand(const RecordHeader& header);
   void readSound(const RecordHeader& header);
   void readFrame(const RecordHeader& header);
@@ -100,8 +100,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
     std::shared_ptr<const EncodedSample> sample;
     double submitted = 0;  // uptime seconds
 
-    // Throws EncoderFailure unless there is a sample. If encoding failed, the failure's text begins
-    // with `what`.
+    // Throws EncoderFailure if the session gave no sample. The failure's text begins with `what`,
+    // unless there was no encoder or the picture could not be converted.
     void require(const char* what) const;
   };
   using OutcomeHandler = std::function<void(const Encoded&)>;
@@ -166,9 +166,9 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // input/: set by `start`, then any thread. Null unless the parent sends sound.
   std::shared_ptr<SoundInput> sound;
 
-  // input/: any thread. The reader acquires a slot for each command, and the state queue releases
-  // it when it handles the command. The reader waits for a free slot `commandSlotTimeout` at most,
-  // or not at all if `commandsAreLate`. If it gets none, it goes on without.
+  // input/: any thread. The reader acquires a slot for each command. The state queue releases the
+  // slot when it handles the command. The reader waits at most `commandSlotTimeout` for a free
+  // slot, or not at all if `commandsAreLate`. If it gets none, it goes on without.
   std::counting_semaphore<> commandSlots{maximumPendingCommands};
 
   // input/: any thread. Dropped frames that the state queue has not logged yet.

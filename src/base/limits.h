@@ -11,7 +11,7 @@ namespace lumora {
 constexpr std::int64_t maximumRawPixels = 1920 * 1080;                // of a raw frame
 constexpr std::size_t maximumRecordingSampleBytes = 1920 * 1080 * 4;  // of an encoded sample
 constexpr std::size_t maximumPacketBytes = 2 << 20;  // of a stream packet without its length field
-constexpr std::size_t maximumLineBytes = 4096;       // event, command, peer line
+constexpr std::size_t maximumLineBytes = 4096;       // of an event, a command or a peer's line
 constexpr std::size_t maximumMessageCharacters = 240;  // of an event's error text
 constexpr std::size_t maximumTokenBytes = 128;         // of the run's secret
 

@@ -14,7 +14,7 @@ bool isUUID(const std::string& text);
 
 std::string stagingPath(const std::string& path, const std::string& id);
 std::string recoveryPath(const std::string& path, const std::string& id);
-// The path of a movie's frame log while the movie's own path is `movie`.
+// The path of the frame log that lies beside the movie at `movie`.
 std::string frameLogPath(const std::string& movie);
 
 // The recovery path of the file at `staging`. Empty if `staging` is not a staging path.

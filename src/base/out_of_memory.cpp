@@ -12,9 +12,9 @@ constexpr std::chrono::milliseconds beforeRetry{10};
 constexpr std::chrono::milliseconds betweenShortages{100};
 constexpr std::chrono::seconds longestShortage{1};
 
-// `new` calls this after each failed try. Calls of a thread that follow each other closely belong
-// to one shortage. Once a shortage has lasted a second, this throws at once. So code that handles
-// std::bad_alloc does not wait again.
+// `new` calls this after each failed try. Calls of one thread that are at most `betweenShortages`
+// apart belong to one shortage. Once a shortage has lasted a second, this throws instead of
+// waiting. So code that handles std::bad_alloc does not wait again.
 void waitBriefly() {
   thread_local WaitClock::time_point began;
   thread_local WaitClock::time_point latest;
@@ -23,7 +23,7 @@ void waitBriefly() {
   latest = now;
   if (now - began >= longestShortage) throw std::bad_alloc();
   std::this_thread::sleep_for(beforeRetry);
-  latest = WaitClock::now();  // a busy machine may wake the thread late
+  latest = WaitClock::now();  // again, since the sleep may outlast `betweenShortages`
 }
 
 }  // namespace

@@ -9,7 +9,7 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t cacheLine = 64;
-// Idle while no frame is in flight: two raw frames, and one buffer of each of the two sessions.
+// While no frame is in flight, four are idle: two raw frames and one buffer of each session.
 constexpr std::size_t maximumIdle = 4;
 constexpr std::size_t largestIdle = std::size_t{16} << 20;  // bytes; larger pictures are freed
 

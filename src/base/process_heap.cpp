@@ -36,7 +36,7 @@ void useHugePages(std::uint8_t* from, std::size_t bytes) {
 
 void keepFreedMemory() {
 #if defined(__GLIBC__)
-  constexpr int largestBlock = 32 << 20;  // bytes; the C library maps larger blocks on their own
+  constexpr int largestBlock = 32 << 20;  // bytes; the C library maps each larger block separately
   constexpr int mostFree = 1 << 30;       // bytes; beyond it the C library trims the heap
   // NOLINTBEGIN(concurrency-mt-unsafe): before other threads start
   mallopt(M_ARENA_MAX, 1);

@@ -1,8 +1,8 @@
 #pragma once
 
-// Keeps freed memory in the C library's heap, so that it is touched only once. The first touch of
-// the 60 MB that a large encoder works with takes as long as several frames, so we touch it before
-// it is needed.
+// Keeps freed memory in the C library's heap, so that its pages are mapped only once, at their
+// first touch. A large encoder works with 60 MB, whose first touch takes as long as several frames.
+// So we touch that much memory before an encoder needs it.
 // Only glibc has settings for this. With another C library, freed memory is not kept.
 
 #include <cstddef>

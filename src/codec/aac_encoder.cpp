@@ -81,7 +81,8 @@ std::int64_t AacEncoder::length() const {
   return begin_ + filled_ + swr_get_delay(resampler_.get(), context_->sample_rate);
 }
 
-// Encodes every frame that the samples fill, as far as the end of the track.
+// Resamples `count` samples of each channel, and encodes `frame_` whenever it is full. Stops at the
+// end of the track.
 Status AacEncoder::resample(const std::int16_t* samples, std::ptrdiff_t count,
                             SoundPackets& packets) {
   const auto* input = reinterpret_cast<const std::uint8_t*>(samples);

@@ -1,8 +1,8 @@
 #pragma once
 
 // Resamples sound with libswresample, then encodes it as AAC-LC with libavcodec's own encoder. The
-// resampler also runs if source and track have the same rate. So the sound can be made longer or
-// shorter from any sample on, without a click.
+// resampler can make the sound longer or shorter from any sample on. It runs even if source and
+// track have the same rate: starting it in the middle of the sound would click.
 
 extern "C" {
 #include <libswresample/swresample.h>

@@ -27,9 +27,9 @@ struct OpenedEncoder {
 // and limit how many encoders are open.
 bool isHardware(const AVCodec& codec);
 
-// Opens an encoder and encodes some grey `pictures`. Hardware encodes at least two, since some
-// drivers open an encoder and then refuse its pictures. Blocks for as long as the driver does.
-// Never throws.
+// Opens an encoder and has it encode `pictures` grey pictures. Hardware encodes at least two, a key
+// frame and one that depends on it: some drivers open an encoder and then refuse its pictures.
+// Blocks for as long as the driver does. Never throws.
 OpenedEncoder openNow(const EncoderFactory& open, const AVCodec& codec,
                       const EncoderSettings& settings, int pictures);
 

@@ -1,8 +1,8 @@
 #pragma once
 
-// Gives sessions their encoders. Opening an encoder takes time that frames need. So an encoder
-// for each kind of session can be opened ahead, on the queue `opener`. The encoder of a session
-// that ended is kept for the next session. Any thread.
+// Gives sessions their encoders. While a session opens its encoder, frames may be dropped. So an
+// encoder for each kind of session can be opened ahead, on the queue `opener`. The encoder of a
+// session that ended is kept for the next session. Any thread.
 
 #include <array>
 #include <atomic>
@@ -33,27 +33,28 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
       : open_(std::move(open)), opener_(std::move(opener)), trim_(std::move(trim)) {}
 
   // Opens an encoder in the background for the next session with these settings, and has it encode
-  // some grey `pictures`. If an encoder with the same codec and settings already waits, opens
-  // none. One that waits for this kind of session with other settings is replaced.
+  // `pictures` grey pictures. If an encoder with the same codec and settings already waits, opens
+  // none. Otherwise the new encoder replaces the one that waits for the same kind of session, but
+  // hardware replaces only hardware, and software only software.
   void openAhead(const AVCodec& codec, const EncoderSettings& settings, int pictures);
-  // Keeps an open encoder for the next session, unless one was opened ahead for that session.
+  // Keeps an open encoder for the next session, unless one already waits for that session.
   void keep(const AVCodec& codec, const EncoderSettings& settings, OpenedEncoder opened);
 
   // Returns the encoder opened ahead, or opens one. Each opening of hardware and each wait takes a
   // second at most. If hardware refuses, waits until stopped sessions have released their encoders,
   // and closes the encoders that were opened ahead. If either freed an encoder, asks the hardware
-  // again. If there is still no encoder, opens the substitute. AVERROR_EXIT if the session is
-  // stopped before the call, or before the wait for stopped sessions has ended.
+  // again. If there is still no encoder, opens the substitute. Returns AVERROR_EXIT if `stopped` is
+  // requested before the call, or before the wait for other sessions has ended.
   OpenedEncoder acquire(const EncoderRequest& request, const std::stop_token& stopped);
-  // A session was stopped. Its worker releases the encoder soon.
+  // Tells the pool that a session was stopped, and that its worker releases the encoder soon.
   void beginRelease(const EncoderRequest& request);
   // Called once for each `acquire`, after `beginRelease`. Keeps the encoder unless it is a
   // substitute.
   void release(const EncoderRequest& request, OpenedEncoder opened);
 
  private:
-  // An encoder for the next session of its kind. The opener opens it. If a session takes it out of
-  // its slot before that, the session opens its own.
+  // An encoder for the next session of its kind: a kept one, or one that the opener opens. If a
+  // session takes it out of its slot before the opener has begun, the session opens another.
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;

@@ -24,15 +24,15 @@ constexpr int maximumSliceThreads = 2;
 // One frame is in flight at a time, so the slowest frames decide how many others are dropped. The
 // slowest are those that both sessions encode as key frames. The table shows a preview and a
 // 1920×1080 take together on two cores: milliseconds per frame, and the take's SSIM. The times are
-// medians of five rounds of 240 frames. Both encoders were fed with ready pictures.
+// medians of five rounds of 240 frames. No picture had to be scaled or converted.
 //
-//                        CPU   latency   of a key frame   SSIM
-//   ultrafast            16.3    11.3         12.8        0.9405
-//   ours                 19.9    12.9         15.1        0.9572
-//   ours, one thread     19.0    16.7         20.9        0.9572
-//   ours, three threads  20.3    13.6         16.6        0.9570
-//   ours with CABAC      22.2    13.6         26.5        0.9591
-//   superfast            22.3    13.6         27.8        0.9594
+//                        CPU   latency   key frame's latency    SSIM
+//   ultrafast            16.3    11.3           12.8            0.9405
+//   ours                 19.9    12.9           15.1            0.9572
+//   ours, one thread     19.0    16.7           20.9            0.9572
+//   ours, three threads  20.3    13.6           16.6            0.9570
+//   ours with CABAC      22.2    13.6           26.5            0.9591
+//   superfast            22.3    13.6           27.8            0.9594
 CodecOptions x264Options(bool high, const std::string& preset) {
   const bool ours = preset.empty();
   // x264 marks a stream as High profile only if it may use 8×8 transforms.

@@ -9,9 +9,8 @@
 
 namespace lumora {
 
-// Sets everything about `context`, which is not open yet, except its pixel format and hardware
-// frames. 0 or an AVERROR.
-// With an empty `preset` libx264 gets our own settings.
+// Sets everything about `context` except its pixel format and its hardware frames. `context` must
+// not be open yet. With an empty `preset` libx264 gets our own settings. 0 or an AVERROR.
 Status tune(AVCodecContext& context, const std::string& preset, ColourMatrix matrix,
             const EncoderSettings& settings);
 

@@ -14,8 +14,8 @@ namespace lumora {
 class LibavEncoder {
  public:
   // 0 or an AVERROR. With an empty `preset` libx264 gets our own settings.
-  // `frames` is the format of the run's frames. The encoder is opened for the matrix of `frames`,
-  // and for its layout if possible. Pictures may have other layouts and ranges.
+  // `frames` is the format of the run's frames. The encoder is opened for their matrix and, if
+  // possible, for their layout. The pictures to encode may have other layouts and ranges.
   static Status open(const AVCodec& codec, const std::string& preset, const PixelFormat& frames,
                      const std::shared_ptr<PicturePool>& pictures, const EncoderSettings& settings,
                      std::unique_ptr<LibavEncoder>& encoder);

@@ -71,7 +71,7 @@ class LibavSession::Worker {
   }
 
  private:
-  // Encodes until stopped. False if there is no encoder, or if it has failed.
+  // Encodes until stopped. False if there is no encoder, or if a frame could not be encoded.
   bool encodeAll(const OpenedEncoder& opened) {
     LibavEncoder* encoder = opened.encoder.get();
     bool isUsable = encoder != nullptr;
@@ -116,9 +116,9 @@ LibavSession::~LibavSession() { invalidate(); }
 
 Status LibavSession::setProperty(SessionProperty property, const PropertyValue& value) {
   switch (property) {
-    case SessionProperty::realTime:  // always so
+    case SessionProperty::realTime:  // always on
       return value == PropertyValue(true) ? 0 : AVERROR(ENOSYS);
-    case SessionProperty::allowFrameReordering:  // never so
+    case SessionProperty::allowFrameReordering:  // always off
       return value == PropertyValue(false) ? 0 : AVERROR(ENOSYS);
     case SessionProperty::profileLevel:
       return assign(request_.settings.profile, value);
@@ -127,7 +127,7 @@ Status LibavSession::setProperty(SessionProperty property, const PropertyValue& 
     case SessionProperty::maxKeyFrameInterval:
       return assign(request_.settings.keyFrameInterval, value);
     case SessionProperty::maxKeyFrameIntervalDuration:
-      return 0;  // `maxKeyFrameInterval` limits it while pictures come at the expected rate
+      return 0;  // ignored: at the expected frame rate `maxKeyFrameInterval` has the same effect
     case SessionProperty::averageBitRate:
       return assign(request_.settings.bitRate, value);
   }

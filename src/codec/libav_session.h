@@ -1,8 +1,9 @@
 #pragma once
 
-// A compression session on libavcodec. It collects settings. Its worker thread then acquires an
-// encoder, scales and encodes one frame after the other and releases the encoder. The state queue
-// waits for it only as the process ends, so a take that starts or stops does not delay the preview.
+// A compression session on libavcodec. It collects settings until `prepareToEncodeFrames`. Then its
+// worker thread acquires an encoder, scales and encodes one frame after the other, and releases the
+// encoder. The state queue waits for this thread only as the process ends. So an encoder that opens
+// or closes slowly does not block that queue.
 
 #include "codec/encoder_pool.h"
 #include "codec/memory_pixel_buffers.h"

@@ -7,9 +7,9 @@
 
 namespace lumora {
 
-// A pool of equal buffers, in picture memory or wrapped around pictures of the same size. It only
-// counts buffers: the picture pool recycles their memory. Buffers may outlive the pool, and
-// may be released on any thread. One thread makes them.
+// A pool of buffers of one size. Each has picture memory of its own, or is wrapped around a picture
+// of that size. The pool only counts buffers: the picture pool recycles their memory. Buffers may
+// outlive the pool, and may be released on any thread. One thread makes them.
 class MemoryPixelBufferPool final : public PixelBufferPool {
  public:
   // `frames` is the format of the frames that are wrapped, or converted into the buffers.
@@ -28,7 +28,7 @@ class MemoryPixelBufferPool final : public PixelBufferPool {
   std::shared_ptr<const void> use_;  // counts buffers: each one in use has a copy
 };
 
-// Makes a grey buffer outside any pool, and touches its memory: 0 or a negative errno.
+// Makes a grey buffer that no session's pool counts, and touches its memory: 0 or a negative errno.
 Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
                       const std::shared_ptr<PicturePool>& pictures,
                       std::shared_ptr<PixelBuffer>& buffer);

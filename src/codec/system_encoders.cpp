@@ -9,8 +9,8 @@
 namespace lumora {
 namespace {
 
-// An encoder allocates memory for each of its first pictures. The preview's encoder encodes them
-// before "ready". A take's encoder gets memory that was touched ahead.
+// An encoder allocates memory for each of its first pictures. So the preview's encoder encodes this
+// many grey pictures before the "ready" event. A take's encoder gets memory that was touched ahead.
 constexpr int picturesToWarm = 4;
 
 // The bytes that the encoder and the pixel buffer of a take touch. The factor was measured. It
@@ -87,10 +87,11 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     if (!opened.encoder) continue;
     const std::lock_guard hold(finding_);
     if (hardware_ != nullptr) return;
-    // Kept before `hardware_` is set: the first session that sees it set gets this encoder.
+    // The pool gets this encoder before `hardware_` is set, so the first session in hardware finds
+    // it there.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
-    // A take that has started has asked for its own encoder.
+    // Once a take has started, none is opened here: the take has asked for its own encoder.
     stateQueue_->async([self = shared_from_this(), take] {
       if (!self->takeStarted_.stop_requested()) self->openTakeAhead(self->available(), take);
     });

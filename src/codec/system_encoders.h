@@ -1,9 +1,9 @@
 #pragma once
 
 // Makes sessions with libavcodec's encoders, and searches for a hardware encoder. New sessions use
-// that encoder once it is found. If there is a software encoder, no session waits for the search. A
-// session that is made, or whose take starts, before hardware is found stays in software. If there
-// is no software encoder, sessions wait until the search has ended.
+// that encoder once it is found. If there is no software encoder, sessions wait until the search
+// has ended. If there is one, no session waits for the search, and a session that is made before
+// hardware is found stays in software. So does a take that starts before hardware is found.
 
 #include "base/process_heap.h"
 #include "codec/allowed_encoders.h"
@@ -46,7 +46,7 @@ class SystemEncoders final : public Encoders, public std::enable_shared_from_thi
   std::atomic<const AVCodec*> hardware_ = nullptr;  // null: none found yet
   std::future<void> probed_;                        // if `software_` is null, sessions wait for it
   std::stop_source takeStarted_;                    // stops the work of `warmUp`
-  const AVCodec* nextTake_ = nullptr;  // codec of the next take; null: whichever is available then
+  const AVCodec* nextTake_ = nullptr;  // codec for the next take's session; null: use `available()`
 };
 
 }  // namespace lumora

@@ -1,6 +1,6 @@
-// The "stats" event. It is emitted at most once a second, unless it is forced. A running take then
-// reports progress. The latest event of the latest take is emitted again if its state is not
-// "recording".
+// The "stats" event. It is emitted at most once a second, unless it is forced. After each "stats"
+// event a running take reports its progress. If the state in the latest take's latest event is not
+// "recording", that event is emitted again.
 
 #include <algorithm>
 

@@ -7,7 +7,8 @@ namespace lumora {
 void VideoEncoder::encode(const RawFrame& frame) {
   if (!running || (shutdownCode && !take.movie)) return releaseRaw();
   const auto movie = take.recordingTake();
-  // Without a take that records, the reader may not have tried to decode the frame.
+  // A frame without pixels counts as undecodable only while a take records. Otherwise the reader
+  // may not have tried to decode it.
   const bool isUndecodable = movie && !frame.rgba;
   take.logFrame({frame.id, frame.capturedAt},
                 isUndecodable ? std::optional(FrameOutcome::undecodable) : std::nullopt);

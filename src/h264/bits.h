@@ -28,8 +28,8 @@ class BitReader {
     for (; count > 0; --count) value = value << 1 | (flag() ? 1U : 0U);
     return value;
   }
-  // ue(v). Beyond the end every bit is 0, so check `isExhausted`. A value that doesn't fit into 32
-  // bits exhausts the reader.
+  // ue(v). Beyond the end every bit is 0, so check `isExhausted`. A value above 2^32 - 2 exhausts
+  // the reader.
   std::uint32_t expGolomb() {
     int zeros = 0;
     while (!isExhausted() && !flag()) ++zeros;

@@ -12,8 +12,8 @@ namespace lumora {
 struct FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
   bool topFirst = false;
-  // The format of the picture that sessions get: the record's picture or, if no session takes this
-  // encoding, the decoded picture.
+  // Encoder sessions get a picture of this format: the record's picture if they take `encoding`,
+  // otherwise the decoded picture.
   PixelFormat pixels = {};
 
   bool operator==(const FrameFormat&) const = default;
@@ -35,7 +35,7 @@ std::uint64_t uncompressedBytes(FrameEncoding encoding, PictureSize size);
 // Bytes of a reference to a picture in shared memory.
 std::uint64_t referenceBytes(FrameEncoding encoding);
 
-// Whether a picture of this size may take so many bytes.
+// Whether a picture of this size may be `bytes` long.
 bool isPictureLength(FrameEncoding encoding, PictureSize size, std::uint64_t bytes);
 
 }  // namespace lumora

@@ -51,8 +51,8 @@ class RawAdmission {
     isNeeded_ = true;
     --commandsAhead_;
   }
-  // Reads `commandsAhead_` first. If it has just become 0, `commandHandled` has already set
-  // `isNeeded_`.
+  // Reads `commandsAhead_` first, because `commandHandled` changes it last. In the other order, a
+  // frame could count as unneeded just after a command has started a take.
   bool isNeeded() const { return commandsAhead_ > 0 || isNeeded_; }
 
   // Whether the reader reports its dropped frames to the state queue.
@@ -70,8 +70,9 @@ class RawAdmission {
   std::atomic<std::uint64_t> dropped_ = 0;
 };
 
-// Runs `completion` once every encode of one raw frame is done. Token 0 belongs to the code that
-// starts the encodes, so `completion` never runs before all of them have begun. State queue only.
+// Runs `completion` once every encode of one raw frame is done. Each encode has a token. Token 0
+// belongs to the code that starts the encodes, so `completion` never runs before all of them have
+// begun. State queue only.
 class RawEncodingCompletion {
  public:
   explicit RawEncodingCompletion(std::function<void()> completion)

@@ -55,8 +55,9 @@ void VideoEncoder::readCommand(const RecordHeader& header) {
   if (payload.empty() || !readExactly(payload)) {
     throw EncoderFailure::message("invalid recording command framing");
   }
-  // If the state queue hangs, the reader waits for a slot only once, at the first command without
-  // one. It must go on to the end of the input. If the parent is gone, the process ends there.
+  // Waits for a slot, unless the command before got none. So if the state queue hangs, the reader
+  // waits only once and still reaches the end of the input. There it learns that the parent is
+  // gone, and ends the process.
   const bool hasSlot = commandsAreLate ? commandSlots.try_acquire()
                                        : commandSlots.try_acquire_for(commandSlotTimeout);
   commandsAreLate = !hasSlot;

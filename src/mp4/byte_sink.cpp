@@ -103,8 +103,8 @@ class PosixFile final : public ByteSink {
   std::uint64_t written_;  // bytes
   bool reserves_ = true;
   bool nameSynced_ = false;
-  // Whether the file system counts the names of a file. If it does, and the file has no name left,
-  // the file was removed, and its bytes are lost when it is closed.
+  // Whether the file system counts the names of a file. If so, a count of 0 means that the file was
+  // removed. Its bytes are then lost when it is closed.
   bool named_ = linkCount() > 0;
 };
 
@@ -145,9 +145,9 @@ std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std
 }
 
 // The lock belongs to this opening of the file. It ends when the last descriptor of this opening is
-// closed, even by a crash. A lock of the process would end as soon as the process closes any
-// descriptor of the file. On network file systems players can't read a locked byte, so the locked
-// byte lies beyond the end of every movie.
+// closed, even by a crash. (An F_SETLK lock belongs to the process and would end too early: as soon
+// as the process closes any descriptor of the file.) On network file systems players can't read a
+// locked byte, so the locked byte lies beyond the end of every movie.
 int lockFile(int descriptor) {
   struct flock range {};
   range.l_type = F_WRLCK;

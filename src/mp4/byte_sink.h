@@ -30,15 +30,16 @@ class ByteSink {
   virtual std::optional<std::uint64_t> freeBytes() const = 0;
 };
 
-// A new file. Null, with `error` set to an errno, if it exists or can't be made.
+// A new file at `path`. Null, with `error` set to an errno, if `path` exists or can't be made.
 // The file is locked while it is open, if the file system has locks (see `lockFile`). Throws
 // std::system_error if somebody else keeps it locked for a second.
 std::unique_ptr<ByteSink> createFile(const std::string& path, int& error);
-// A sink that appends to the open file at `path`, which has `size` bytes. It owns `descriptor`.
+// A sink that appends to the open file at `path`, which has `size` bytes. The sink owns
+// `descriptor`.
 std::unique_ptr<ByteSink> appendTo(int descriptor, std::uint64_t size, const std::string& path);
 
 // Locks a file until it is closed. Returns 0, EAGAIN if somebody else has locked it, or another
-// errno if the file system has no locks. Never waits.
+// errno if the file system has no locks. Does not wait for another lock to end.
 int lockFile(int descriptor);
 
 }  // namespace lumora

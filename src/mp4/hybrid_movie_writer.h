@@ -1,9 +1,9 @@
 #pragma once
 
-// The movie writer: an MP4 that plays at every moment. While it grows it is a fragmented file, so a
-// crash costs only the fragments that are still in memory. Finishing appends the complete tables
-// and changes the head, so that the file becomes an ordinary MP4 (see movie_boxes.h). Samples are
-// not copied, so a long movie is finished almost as fast as a short one.
+// Writes an MP4 file that plays at every moment. While it grows it is a fragmented file, so a crash
+// costs only the fragments that are still in memory. Finishing appends the complete tables and
+// changes the head, so that the file becomes an ordinary MP4 (see movie_boxes.h). Samples are not
+// copied, so a long movie is finished almost as fast as a short one.
 //
 // On the caller's thread, samples are gathered into fragments, each of one track. The writer's own
 // disk thread writes the fragments from a queue. Once `queueBytes` are waiting, the writer is not
@@ -55,7 +55,7 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // PCM samples of sound appended since the first picture
+    std::int64_t waited = 0;     // PCM samples of sound since this fragment's first picture
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);
@@ -65,7 +65,8 @@ class HybridMovieWriter final : public MovieWriter {
   std::shared_ptr<MovieDisk> disk_;  // shared with the disk thread
   MovieProperties properties_;
   // While this is false, a started movie has the status "writing", even if the disk has failed. It
-  // becomes true with the first append after the failure, or when the movie ends.
+  // becomes true with the first append after the failure, when memory runs out for a fragment, or
+  // when the movie ends.
   bool closed_ = false;
   std::uint64_t fileSize_ = 0;  // bytes, once everything queued is written
   std::uint32_t fragments_ = 0;

@@ -250,7 +250,7 @@ void movieExtends(Bytes& bytes, const std::vector<MovieTrack>& tracks) {
 }
 
 // 14496-12, 8.8.8: `dataOffset` counts from the start of the moof. Packets of sound differ only in
-// their sizes.
+// their sizes; `trex` has the rest.
 void trackRun(Bytes& bytes, bool isPicture, const std::vector<MovieSample>& samples,
               std::uint32_t dataOffset) {
   const Box box(bytes, "trun", 0, isPicture ? pictureRunFlags : soundRunFlags);
@@ -283,8 +283,8 @@ void movieFragment(Bytes& bytes, std::uint32_t number, const MovieTrack& track,
   trackRun(bytes, track.picture != nullptr, samples, dataOffset);
 }
 
-// Appends a `free` box if `size` bytes written at `offset` would cross the end of a sector. A disk
-// writes whole sectors. If `size` exceeds a sector, pages count instead.
+// Appends a `free` box if `size` bytes written at `offset` would cross the end of a sector or,
+// if `size` exceeds a sector, the end of a page.
 void keepTogether(Bytes& bytes, std::uint64_t offset, std::size_t size) {
   constexpr std::uint64_t sector = 512;
   constexpr std::uint64_t page = 4096;
@@ -348,7 +348,7 @@ Bytes movieEnd(const std::vector<MovieTrack>& tracks, const MovieProperties& pro
 }
 
 std::uint64_t maximumMovieEndBytes(const std::vector<MovieTrack>& tracks) {
-  constexpr std::uint64_t fixedBoxes = 1024;  // bytes, rounded up
+  constexpr std::uint64_t fixedBoxes = 1024;  // bytes in each track, rounded up
   std::uint64_t bytes = 0;
   for (const auto& [id, picture, sound, tables] : tracks) {
     bytes += fixedBoxes + sound.configuration.size();

@@ -3,11 +3,11 @@
 // The boxes of our MP4 files (ISO/IEC 14496-12, -14 and -15). Pure: tables in, bytes out.
 //
 // While recording:   ftyp | free, 16 bytes | moov with mvex | moof mdat | moof mdat | ...
-// Once finished:     ftyp | mdat, 64-bit size, over all of that                   | moov
+// Once finished:     ftyp | mdat, 64-bit size, holds the boxes after `free`       | moov
 //
-// The `free` box is a placeholder: its 16 bytes become the header of the one `mdat`. That turns the
-// fragmented file into an ordinary one with a single small write. Each fragment has samples of one
-// track, so that its `moof` is small.
+// The `free` box is a placeholder: its 16 bytes become the header of the one `mdat`. Once the
+// complete `moov` is appended, this one small write makes the fragmented file an ordinary one.
+// Each fragment has samples of one track, so that its `moof` is small.
 
 #include <vector>
 
@@ -30,8 +30,8 @@ Bytes movieStart(const std::vector<MovieTrack>& tracks, const MovieProperties& p
 // Where the placeholder lies in `movieStart`, in bytes.
 std::uint64_t placeholderOffset();
 
-// The `moof` of a fragment and the header of its `mdat`, to be written at `offset`. `samples` begin
-// where the tables of `track` end. A crash or a power cut may cut a write off at the boundary of
+// The `moof` of a fragment and the header of its `mdat`, to be written at `offset`. The tables of
+// `track` hold its earlier samples. A crash or a power cut may cut a write off at the boundary of
 // any page or sector. Some demuxers refuse a file that ends within a `moof`. So the `moof` lies
 // within one sector, or within one page if it is larger than a sector. Where needed, a `free` box
 // in front of it ensures that.

@@ -58,10 +58,10 @@ void MovieDisk::finish(Bytes tail, std::uint64_t offset, Bytes header,
 
 void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
                        std::function<void(int error)> handler) {
-  const auto outcome = std::make_shared<int>(ENOMEM);  // unless the step gets to its end
+  const auto outcome = std::make_shared<int>(ENOMEM);  // stays so if the step throws
   Job job{0,
           [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
-            // The movie ends only here, so a write in progress when `rescue` is called counts.
+            // `rescue` leaves this to the disk thread, so that a write in progress still counts.
             end(WriterStatus::failed, "the movie was ended early");
             const auto ending = make(syncedWrites(), sink.size());
             int error = 0;

@@ -20,21 +20,22 @@ class MovieDisk {
   // never wait for the disk.
   static std::shared_ptr<MovieDisk> start(std::unique_ptr<ByteSink> sink);
 
-  // Starts the movie's log. Call it before the first write. Whenever a job is done, and twice a
-  // second, the disk thread asks for lines and writes them. An error ends the log only.
+  // Starts the movie's frame log. Call it before the first write. Whenever a job is done, and twice
+  // a second, the disk thread calls `takeLines` and writes the result into `sink`. An error ends
+  // only the log.
   void openLog(std::unique_ptr<ByteSink> sink, MovieWriter::TakeLines takeLines);
   std::optional<std::string> logError() const;
 
-  // Queues `head`, followed by `body`. Both are on the disk before the next write. Room for another
-  // `ending` bytes is reserved after them.
+  // Queues `head`, followed by `body`. Both are on the disk before anything queued later is
+  // written. Room is reserved for both and for `ending` bytes that `finish` or `rescue` may append.
   void write(Bytes head, Bytes body, std::uint64_t ending);
   // After everything queued: appends `tail`, then writes `header` over the bytes at `offset`. Each
   // is on the disk before the next step. Then `handler` runs on the disk thread, also on failure.
   void finish(Bytes tail, std::uint64_t offset, Bytes header, std::function<void()> handler);
   // After a failure: drops what is queued, and then appends and overwrites as `finish` does. `make`
-  // runs on the disk thread. It gets the number of writes on the disk and the size of the file. If
-  // it returns std::nullopt, nothing is written. `handler` gets 0, the errno of the first step that
-  // failed, or ENOMEM after an exception.
+  // returns the bytes for that. It runs on the disk thread, and gets the number of writes on the
+  // disk and the size of the file. If it returns std::nullopt, nothing is written. `handler` gets
+  // 0, the errno of the first step that failed, or ENOMEM after an exception.
   struct Ending {
     Bytes tail;
     Bytes header;
@@ -74,7 +75,7 @@ class MovieDisk {
     std::unique_ptr<ByteSink> sink;
     MovieWriter::TakeLines takeLines;
   };
-  std::unique_ptr<Log> log_;  // set before the first job, then of the disk thread only
+  std::unique_ptr<Log> log_;  // set before the first job, then used by the disk thread only
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;

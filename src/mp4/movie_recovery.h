@@ -21,11 +21,11 @@ struct RecoveredTake {
 // read.
 std::vector<std::string> findStagingFiles(const std::string& folder);
 
-// Makes the staging file at this absolute path an ordinary movie and gives it its recovery name.
-// A log of frames beside it gets the matching name, unless that name is taken. `now` is the current
-// time. Does not touch a take whose recording may still be running, or a file without a picture. If
-// a power cut interrupts the recovery at any moment, the file can still be recovered. Problems with
-// the file are reported in `left`, not thrown.
+// Turns the staging file at this absolute path into an ordinary movie and gives it its recovery
+// name. A log of frames beside it gets the matching name, unless that name is taken. `now` is the
+// current time. Does not touch a take whose recording may still be running, or a file without a
+// picture. If a power cut interrupts the recovery at any moment, the file can still be recovered.
+// Problems with the file are reported in `left`, not thrown.
 RecoveredTake recoverTake(const std::string& staging, std::time_t now);
 
 }  // namespace lumora

@@ -38,7 +38,8 @@ struct MovieTables {
   void endAt(std::uint64_t end);
   // The number of samples in the first `fragments` fragments of the file.
   std::size_t samplesIn(std::size_t fragments) const;
-  // Keeps only the samples of the first `fragments` fragments. Undoes an `addChunk` that threw.
+  // Keeps only the samples of the first `fragments` fragments. Also removes what is left of an
+  // `addChunk` that threw.
   void keepFragments(std::size_t fragments);
   bool empty() const { return sizes.empty(); }
 };

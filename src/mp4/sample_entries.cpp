@@ -56,7 +56,7 @@ void elementaryStream(Bytes& bytes, const Bytes& configuration) {
   u8(bytes, 0x05);      // its configuration
   u8(bytes, static_cast<std::uint8_t>(size));
   bytes.insert(bytes.end(), configuration.begin(), configuration.end());
-  text(bytes, "\x06\x01\x02");  // predefined 2: the MP4 boxes have the times
+  text(bytes, "\x06\x01\x02");  // sync layer, predefined 2: the MP4 boxes have the times
 }
 
 }  // namespace
@@ -93,7 +93,7 @@ void soundEntry(Bytes& bytes, const AacFormat& format) {
   u16(bytes, format.channels);
   u16(bytes, 16);  // bits of a decoded sample
   zeros(bytes, 4);
-  u32(bytes, fits ? format.rate << 16 : 0);  // a larger rate is in the configuration only
+  u32(bytes, fits ? format.rate << 16 : 0);  // a larger rate is left to the configuration
   elementaryStream(bytes, format.configuration);
 }
 

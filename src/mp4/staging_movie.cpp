@@ -257,9 +257,9 @@ std::shared_ptr<const FormatDescription> Reader::pictureFormat(const BoxPlace& e
                                                    height, codes);
 }
 
-// Stops at the first box that is not a fragment: one that a power cut has torn, or the tables of a
-// movie that was being finished. Each fragment is synced before the next one is written, so only
-// the last one may be torn.
+// Stops at the first box that is not a whole `moof`. It may be a `moof` that a power cut has torn,
+// or the tables of a movie that was being finished. Each fragment is synced before the next one is
+// written, so only the last one may be torn.
 void Reader::readFragments(std::uint64_t at) {
   try {
     while (auto box = boxAt(at, file_.size)) {
@@ -272,8 +272,8 @@ void Reader::readFragments(std::uint64_t at) {
   for (MovieTrack& track : movie_.tracks) dropTornSamples(track);
 }
 
-// 14496-12, 8.8.4 to 8.8.12, as `fragmentStart` writes them. Returns where the fragment ends, which
-// may be beyond the end of the file.
+// 14496-12, 8.8.4 to 8.8.12. Adds the samples of a `moof` that `fragmentStart` wrote. Returns where
+// the fragment ends, which may be beyond the end of the file.
 std::uint64_t Reader::addFragment(const BoxPlace& fragment) {
   const BoxPlace part = child(fragment, "traf");
   Fields header = fields(child(part, "tfhd"));
@@ -348,8 +348,9 @@ bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) c
 // A recovery that was interrupted may have appended tables to a torn fragment. Returns whether they
 // begin in the `size` bytes at `offset`, which lies within the file.
 bool Reader::holdsTables(std::uint64_t offset, std::uint64_t size) const {
-  constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // behind the size of the `moov`
-  const std::uint64_t longest = size + 3 + tables.size();       // if only its first byte is inside
+  constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // bytes 4 to 15 of the `moov`
+  // The `moov` may begin with the last of the `size` bytes.
+  const std::uint64_t longest = size + 3 + tables.size();
   const Bytes read = bytes(offset, std::min(longest, file_.size - offset));
   return std::search(read.begin(), read.end(), tables.begin(), tables.end()) != read.end();
 }

@@ -3,10 +3,10 @@
 // BT.709's luma and colour differences of RGB pixels, in limited range and in integers.
 //
 // Weights are signed bytes, since SIMD multiplies bytes fastest. They have a common factor, which
-// `scale` removes. With the right factor eight bits are enough: before rounding, luma differs by
-// 0.21 of a step at most from the exact ratios (0.2126 red, 0.7152 green, 0.0722 blue), and colour
-// differences by 0.005 of a step. Greys are exact. SIMD sums two neighbouring products in 16 bits,
-// so two neighbouring weights of the same sign add up to 128 at most.
+// `scale` removes. With the right factor eight bits are enough: before rounding, luma is at most
+// 0.21 of a step off its exact value (from 0.2126 red, 0.7152 green, 0.0722 blue), and a colour
+// difference at most 0.006 of a step. Greys are exact. SIMD sums two neighbouring products in 16
+// bits, so two neighbouring weights of the same sign add up to 128 at most.
 
 #include <array>
 #include <cstddef>
@@ -24,7 +24,7 @@ constexpr int fractionBits = 22;
 struct Weighting {
   Pixel weights;  // signed
   std::int16_t scale;
-  std::int32_t offset;  // the value of black or grey, and a half for rounding
+  std::int32_t offset;  // luma of black or chroma of grey, plus a half for rounding
 
   constexpr std::uint8_t of(const Pixel& pixel) const {
     int sum = 0;
@@ -87,7 +87,8 @@ inline void lumaRow(const Weightings& of, const std::uint8_t* row, std::size_t w
   for (std::size_t x = 0; x < width; ++x) y[x] = of.luma.of(pixelAt(row, x));
 }
 
-// Weights along the row are 1, 2, 1. The pixel left of the first counts as equal to the first.
+// A chroma sample averages both rows of three columns: its own, which counts twice, and the columns
+// left and right of it. The pixel left of the first counts as equal to the first.
 inline void chromaRow(const Weightings& of, const std::uint8_t* top, const std::uint8_t* bottom,
                       std::size_t width, std::uint8_t* u, std::uint8_t* v) {
   for (std::size_t x = 0; x < width; x += 2) {

@@ -110,8 +110,8 @@ class JpegDecoder::Library {
     return true;
   }
 
-  // Reads one row of MCUs: `v_samp_factor` rows of blocks of each component. Rows below the picture
-  // go to `spare`.
+  // Reads one row of MCUs: `v_samp_factor` rows of blocks of each component. Samples below the
+  // picture go to `spare`.
   void readRows(const Planes& planes, std::uint8_t* spare) {
     constexpr std::size_t mostRows = MAX_SAMP_FACTOR * DCTSIZE;
     JSAMPROW rows[components][mostRows];

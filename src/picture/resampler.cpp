@@ -30,7 +30,7 @@ constexpr hn::ScalableTag<std::uint8_t> dBytes;
 constexpr hn::Repartition<std::int16_t, decltype(dBytes)> dSums;
 using Sums = hn::Vec<decltype(dSums)>;
 
-// Multiplies bytes with signed bytes, and sums neighbouring pairs. Highway 1.0.3 lacks this.
+// Multiplies bytes with signed bytes, and sums two neighbouring products. Highway 1.0.3 lacks this.
 HWY_INLINE Sums multiplyPairs(hn::Vec<decltype(dBytes)> bytes, Sums weights) {
 #if HWY_MAX_BYTES == 64
   return {_mm512_maddubs_epi16(bytes.raw, weights.raw)};
@@ -60,7 +60,8 @@ HWY_INLINE void storeInOrder(Sums low, Sums high, std::int16_t* sums) {
 }
 
 // Multiplies the bytes of two rows at once. A weight is 64 times a coarse weight plus a fine weight
-// of -32 to 31. Fine products are shifted once per four rows: their sum still fits into 16 bits.
+// of -32 to 31. The fine products of four rows are summed before they are shifted, since that sum
+// still fits into 16 bits.
 HWY_INLINE void sumVector(const std::uint8_t* const* HWY_RESTRICT rows,
                           const WeightPair* HWY_RESTRICT pairs, int taps, std::size_t at,
                           std::int16_t* HWY_RESTRICT sums) {
@@ -112,7 +113,7 @@ HWY_INLINE std::size_t vectorStep() { return hn::Lanes(dSums); }
 
 #endif
 
-// Sums `count` columns (bytes).
+// Sums each of `count` columns, which are one byte wide, over `taps` rows.
 void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const WeightPair* HWY_RESTRICT pairs,
              int taps, std::size_t count, std::int16_t* HWY_RESTRICT sums) {
   const std::size_t step = vectorStep();
@@ -152,7 +153,7 @@ template <bool swap>
 HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
                            const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
                            std::uint8_t* HWY_RESTRICT row) {
-  // At most 16 lanes, which are 4 pixels, since a kernel may have only 4 taps.
+  // At most 16 lanes, which are 4 pixels, since the smallest kernel has 4 taps.
   const hn::CappedTag<std::int16_t, 16> d;
   const hn::FixedTag<std::int16_t, 8> d128;
   const hn::Repartition<std::int64_t, decltype(d128)> d64;
@@ -253,7 +254,7 @@ HWY_INLINE void split(const RowGroup& group, std::size_t width) {
   };
   std::size_t x = 0;
   for (; x + step <= width; x += step) splitAt(x);
-  if (x < width && width >= step) return splitAt(width - step);  // overlaps the one before
+  if (x < width && width >= step) return splitAt(width - step);  // overlaps the last step
   for (; x < width; ++x) {
     for (std::size_t channel = 0; channel < group.rows * channels; ++channel)
       to[channel / channels][x * channels + channel % channels] = group.pixels[4 * x + channel];

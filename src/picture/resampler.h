@@ -5,8 +5,9 @@
 //
 // Each destination row is made in two steps. First the source rows that it needs are summed, column
 // by column, into one row of 16-bit values. Then that row is summed along x. So source rows are
-// still in cache when the next destination row needs them, and only one row, or the rows of one
-// `RowGroup`, is stored in between. Arithmetic is in fixed point, with SIMD chosen at run time.
+// still in cache when the next destination row needs them. Between the two steps, only the sums of
+// one row or of one `RowGroup` are stored. Arithmetic is in fixed point, with SIMD chosen at run
+// time.
 
 #include "picture/resample_axis.h"
 #include "platform/image.h"
@@ -37,7 +38,7 @@ struct RowGroup {
   std::size_t sourceWidth;   // samples
   std::int16_t* interleaved;
   std::uint8_t* pixels;
-  std::size_t rows = 0;  // destination rows
+  std::size_t rows = 0;  // rows to write; the last group of a plane may have fewer
   std::uint8_t* destination[4] = {};
 };
 
@@ -59,7 +60,7 @@ class Resampler {
   ResampleAxis horizontal_;
   ResampleAxis vertical_;
   std::vector<WeightPair> pairs_;           // `vertical_.weights`, two in each pair
-  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, each value four times
+  std::vector<std::int16_t> pixelWeights_;  // `horizontal_.weights` × 4, one copy per channel
 };
 
 }  // namespace lumora

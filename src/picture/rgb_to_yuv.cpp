@@ -61,7 +61,7 @@ HWY_INLINE auto blockOrder() {
   return hn::SetTableIndices(dPixels, order);
 }
 
-// Moves `pixels` up by one. The last pixel of `before` becomes the first.
+// Moves `pixels` to the right by one pixel. The last pixel of `before` becomes the first.
 HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 #if HWY_MAX_BYTES == 64
   return {_mm512_alignr_epi32(pixels.raw, before.raw, 15)};
@@ -74,8 +74,8 @@ HWY_INLINE Pixels moveUp(Pixels before, Pixels pixels) {
 }
 
 // The constants for a picture's rows. The function for a row gets a copy, which the compiler keeps
-// in registers. Without the copy it would load them again after every store of bytes, because such
-// a store may change any object.
+// in registers. Without the copy, the constants would be loaded again after every store of bytes,
+// because the compiler must assume that such a store changes any object.
 class Kernel {
  public:
   explicit HWY_INLINE Kernel(const bt709::Weightings& of)
@@ -95,7 +95,8 @@ class Kernel {
     hn::StoreU(inOrder(packBlocks(quarter(0), quarter(1), quarter(2), quarter(3))), d8, y);
   }
 
-  // `left` ends with the pixel before the step's first, and is updated for the next step.
+  // The last pixel of `left` is the left neighbour of the step's first pixel. The call updates
+  // `left` for the next step.
   HWY_INLINE void chromaStep(const std::uint8_t* top, const std::uint8_t* bottom, Pixels& left,
                              std::uint8_t* u, std::uint8_t* v) const {
     const Bytes first = atChromaSites(top, bottom, left);
@@ -181,7 +182,7 @@ HWY_INLINE void chromaRow(Kernel kernel, const std::uint8_t* top, const std::uin
   kernel.chromaStep(top + last * 4, bottom + last * 4, left, u + last / 2, v + last / 2);
 }
 
-#else  // Without products of bytes and signed bytes: plain loops.
+#else  // Targets without products of bytes and signed bytes: plain loops.
 
 using Kernel = bt709::Weightings;
 using bt709::chromaRow;

@@ -20,7 +20,7 @@ struct Extent {
 
 // One axis of a plane. `source` pixels are scaled to the area `pixels` of the destination, and
 // `samples` are the plane's samples in that area. A sample stands for `pixelsPerSample` pixels. It
-// lies `centre` pixels after the middle of the first of them.
+// lies `centre` pixels after the middle of its first pixel.
 SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixelsPerSample,
                   double centre) {
   const double scale = static_cast<double>(source) / static_cast<double>(pixels.size);

@@ -12,8 +12,8 @@
 namespace lumora {
 
 // A buffer with one picture. It has memory of its own, or is wrapped around the pixels of an
-// existing picture. In its own memory the picture is BGRA if the frames are RGBA, and RGBA if the
-// frames are BGRA. Otherwise the picture has the frames' layout. The pool that made the buffer
+// existing picture. A wrapped picture has the frames' layout. So has a picture in the buffer's own
+// memory, except that RGBA becomes BGRA there, and BGRA becomes RGBA. The pool that made the buffer
 // counts it as in use until the last reference is gone.
 class PixelBuffer {
  public:
@@ -73,7 +73,8 @@ constexpr std::uint32_t infoNotPrepared = 0x100;  // preparing failed in the bac
 
 class CompressionSession {
  public:
-  // The worker calls it once per submitted frame until `invalidate`. An exception ends the process.
+  // The worker calls it once per submitted frame until `invalidate`. A handler that throws
+  // ends the process.
   using OutputHandler = std::function<void(Status status, std::uint32_t infoFlags,
                                            const std::shared_ptr<const EncodedSample>& sample)>;
 

@@ -39,7 +39,7 @@ class Dispatch {
   // last reference to the queue is gone.
   virtual std::shared_ptr<SerialQueue> makeQueue(const std::string& label) = 0;
   // Runs `work`, which may block, on a thread of its own called `label`. Exceptions that escape it
-  // are ignored. Throws std::system_error if no thread can be made, as `makeQueue` does.
+  // are ignored. Like `makeQueue`, this throws std::system_error if no thread can be made.
   virtual void runDetached(const std::string& label, Work work) = 0;
 };
 

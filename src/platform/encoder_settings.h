@@ -4,8 +4,8 @@
 
 namespace lumora {
 
-// The properties of a session as one value. The service sets them one by one, and the session
-// collects them in a value of its own.
+// The kind, the size and the properties of a session as one value. `setProperty` passes the
+// properties one by one, and the session collects them in a value of its own.
 struct EncoderSettings {
   SessionKind kind;
   int width;   // pixels

@@ -16,7 +16,7 @@ class Encoders {
   virtual ~Encoders() = default;
   // Makes a session for `width` × `height` pictures. On failure it is null, or the status is not 0.
   // If software encoders are missing or not allowed, waits until the search for hardware ends.
-  // The search is made once, and takes a few seconds at most.
+  // Only `prepare` starts this search, which takes a few seconds at most.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,
                                const EncoderRequirements& requirements,
                                std::shared_ptr<CompressionSession>& session) = 0;
@@ -26,9 +26,9 @@ class Encoders {
   // Runs `work` on the state queue once a preview can begin without delay, never inside the call.
   // The search for hardware delays `work` only if software encoders are missing or not allowed.
   virtual void whenPrepared(Work work) = 0;
-  // In the background: slowly touches as much memory as the largest take needs, unless hardware was
-  // found. Then, in either case, opens an encoder for the likeliest take. Stops when `openAhead` is
-  // called.
+  // In the background: if no hardware has been found yet, slowly touches as much memory as the
+  // largest take needs. Then, with or without hardware, opens an encoder for the likeliest take.
+  // Stops when `openAhead` is called.
   virtual void warmUp(const EncoderSettings& likeliest, const EncoderSettings& largest) = 0;
   // In the background: opens the encoder of the take that starts now.
   virtual void openAhead(const EncoderSettings& settings) = 0;

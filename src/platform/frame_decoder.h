@@ -1,6 +1,6 @@
 #pragma once
 
-// Decodes frames whose encoding no session takes, for example JPEG.
+// Decodes frames in encodings that no encoder session takes, for example JPEG.
 
 #include <memory>
 

@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-constexpr std::uint64_t framePageBytes = 4096;  // on every machine
+constexpr std::uint64_t framePageBytes = 4096;  // whatever the machine's page size is
 
 class FrameMemory {
  public:
@@ -16,8 +16,8 @@ class FrameMemory {
   // The size at launch, in bytes.
   virtual std::uint64_t size() const = 0;
   // The pixels of frame `id` at `offset`. The caller has checked the offset and calls with growing
-  // ids. The parent gets a frame's pixels back once nobody holds them or those of an earlier frame.
-  // Reader thread.
+  // ids. The parent may overwrite these pixels once the pointers to this frame and to all earlier
+  // ones are gone. Reader thread.
   virtual std::shared_ptr<const std::uint8_t[]> pixels(std::uint64_t id, std::uint64_t offset) = 0;
 };
 

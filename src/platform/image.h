@@ -37,9 +37,9 @@ struct PictureRectangle {
   bool operator==(const PictureRectangle&) const = default;
 };
 
-// One plane of a layout: the bytes of a sample, and the columns and rows of pixels per sample.
+// One plane of a layout. A sample stands for `columns` × `rows` pixels.
 struct PlaneShape {
-  int channels = 1;
+  int channels = 1;  // bytes of a sample
   int columns = 1;
   int rows = 1;
   std::uint8_t black = 0;      // in limited range
@@ -72,7 +72,7 @@ template <typename Byte>
 struct BasicPicture {
   PixelFormat format;
   PictureSize size;
-  std::array<BasicPlane<Byte>, 3> planes = {};  // as many as the layout has
+  std::array<BasicPlane<Byte>, 3> planes = {};  // those of the layout, then empty ones
 
   operator BasicPicture<const Byte>() const requires(!std::is_const_v<Byte>) {
     BasicPicture<const Byte> view{format, size};
@@ -97,7 +97,8 @@ BasicPicture<Byte> pictureAt(Byte* samples, const PixelFormat& format, PictureSi
 PictureView upsideDown(const PictureView& picture);
 
 // The samples of a plane that lie in a rectangle of pixels. A sample that is only partly inside
-// counts as inside. So a chroma sample that lies partly in a black bar has the picture's chroma.
+// counts as inside. So a chroma sample on the edge between a picture and a black bar gets the
+// picture's chroma.
 PictureRectangle samplesIn(const PictureRectangle& pixels, const PlaneShape& shape);
 
 class ImageConverter {

@@ -59,7 +59,7 @@ class MovieWriter {
   // Adds the next packet of sound, which has `soundPacketSamples` samples of each channel. False on
   // failure.
   virtual bool append(ByteView packet) = 0;
-  // Ends the timeline at `end` and completes the file. Sound after `end` is not heard. Then
+  // Ends the timeline at `end`, so that later sound is not heard, and completes the file. Then
   // `status` gives the outcome, and `handler` runs on any thread. `rescue` and `cancelWriting` may
   // drop `handler`.
   virtual void finishWriting(std::int64_t end, std::function<void()> handler) = 0;
@@ -75,8 +75,8 @@ class MovieWriter {
   // Opens a text file at `path`, which must not exist. Call it before `startWriting`. Another
   // thread calls `takeLines` and writes the result into the file: at least twice a second until the
   // movie ends, and once more before the handler of `finishWriting` or `rescue` runs. A disk that
-  // hangs delays these calls. The file never delays or fails the movie. False, with `error`, if the
-  // file can't be made.
+  // hangs delays these calls. An error of the text file never fails the movie. False, with `error`,
+  // if the text file can't be made.
   using TakeLines = std::function<std::string()>;
   virtual bool openLog(const std::string& path, TakeLines takeLines, std::string& error) = 0;
   // Why the log has ended early.

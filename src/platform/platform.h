@@ -1,7 +1,7 @@
 #pragma once
 
 // Everything that the service uses of the machine, as one value. The program fills it with the real
-// implementations (see system_platform.h), tests with fakes.
+// implementations (see system_platform.h). The tests fill it with fakes.
 
 #include "base/picture_memory.h"
 #include "platform/dispatch.h"

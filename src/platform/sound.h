@@ -1,6 +1,6 @@
 #pragma once
 
-// The sound of takes: encodes the parent's PCM as the AAC-LC packets of a track.
+// The sound of takes: an encoder turns the parent's PCM into the AAC-LC packets of a track.
 
 #include <algorithm>
 #include <array>
@@ -31,8 +31,8 @@ struct SoundSettings {
 
 using SoundPackets = std::vector<Bytes>;
 
-// An open encoder. A status is 0 or its library's own code. Any status but 0 ends the sound. No
-// function throws. One thread at a time.
+// An open encoder. A status is 0 or an error code of the encoder's library. Any status but 0 ends
+// the sound. No function throws. One thread at a time.
 class SoundEncoder {
  public:
   virtual ~SoundEncoder() = default;

@@ -22,11 +22,10 @@ struct CurrentTake {
   bool movieFinishing = false;
   std::optional<double> pendingMovieStop;  // uptime at which the take is to stop
   std::optional<TakeEvent> movieStatus;    // the last "recording" event of the latest take
-  // An abandoned take whose "failed" event was not emitted yet. Then come the reason why it was
-  // abandoned, and the uptime at which it was.
+  // The take that `abandon` has ended, until its "failed" event is emitted.
   std::shared_ptr<MovieRecorder> abandoned;
-  std::string abandonedFor;
-  double abandonedAt = 0;
+  std::string abandonedFor;  // the reason
+  double abandonedAt = 0;    // the uptime
   RecordingSession recording;
 
   // Figures over all takes.

@@ -35,7 +35,7 @@ void MovieRecorder::fail(const std::string& message, FrameOutcome cause) {
   }
   const double latest = std::min(latestEnd.load(), platform.clock->uptime() + rescueTimeout);
   if (!diskKeepsUp || !keepAll(cause)) rescue();
-  // If the disk hangs, the writer never answers, so the take ends without an answer.
+  // If the disk hangs, the writer never answers. The take then ends after `left` seconds.
   const double left = std::max(latest - platform.clock->uptime(), 0.0);
   queue->asyncAfter(
       left, [self = shared_from_this()] { self->kept(self->writer->synced(), self->staging); });

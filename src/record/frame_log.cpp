@@ -58,7 +58,8 @@ bool FrameLog::isIncomplete() const {
   return isIncomplete_;
 }
 
-// Six decimals tell all movie times apart, since a movie unit is 17 microseconds.
+// `std::to_string` writes six decimals. They tell all movie times apart, since a movie unit is 17
+// microseconds.
 std::string FrameLog::lineOf(const Entry& entry) {
   const auto& [frame, outcome, movieTime] = entry;
   return std::to_string(frame.id) + "," + std::to_string(frame.capturedAt) + "," +

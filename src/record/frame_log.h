@@ -26,8 +26,9 @@ enum class FrameOutcome {
 
 // A frame that was read.
 struct ReadFrame {
-  std::uint64_t id = 0;   // above the id of the frame before it
-  double capturedAt = 0;  // uptime seconds: when it was read, or its `MovieRecorder::captureTime`
+  std::uint64_t id = 0;  // above the id of the frame before it
+  // In uptime seconds: when it was read. In calls of `MovieRecorder::append`: its capture time.
+  double capturedAt = 0;
 };
 
 // The log of one take. Any thread. If more than `mostFrames` frames would wait here, the log ends

@@ -40,14 +40,14 @@ void MovieRecorder::endAwaited() {
   }
 }
 
-// Writes the sample that was held back if it begins before `end`. Then completes the file.
+// If the sample that was held back begins before `end`, writes it. Then completes the file.
 void MovieRecorder::endMovie(double end, FrameOutcome rest) {
   if (held->time < origin + end) write(*held, origin + end, shortestLastSample);
   completeFile(movieUnits(end), end, rest);
 }
 
-// The log ends first. So the disk thread has written all of the log when it calls the handler.
-// Frames without an outcome get `rest`.
+// Ends the log before the movie. So the disk thread has written all of the log when it calls the
+// handler of `finishWriting`. Frames without an outcome get `rest`. A "saved" event states `end`.
 void MovieRecorder::completeFile(std::int64_t units, double end, FrameOutcome rest) {
   held.reset();
   if (log) log->end(rest);

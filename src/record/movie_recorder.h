@@ -25,8 +25,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   using Report =
       std::function<void(const TakeEvent& event, const std::shared_ptr<MovieRecorder>& from)>;
 
-  // `relay` gets every event of the take, on the state queue. Throws std::system_error when the
-  // take's queue gets no thread.
+  // `relay` gets every event that the recorder makes, on the state queue. Throws std::system_error
+  // when the take's queue gets no thread.
   MovieRecorder(std::string takeID, std::string destination, std::optional<double> start,
                 RecordingProfile takeProfile, const TakeOptions& asked, const Platform& services,
                 Report relay);
@@ -54,14 +54,15 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // State queue. Makes the last event say that the take was stopped for lack of space.
   void noteStopForSpace() { stoppedForSpace = true; }
   // State queue. Ends the take as failed. With `options.keepsFailed` its last event comes once the
-  // file is complete, after `rescueTimeout` seconds at most. Frames without an outcome get `cause`.
+  // file is complete, after `rescueTimeout` seconds at most. Frames without an outcome get `cause`,
+  // or `disk` if the disk has failed or is too slow.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
   // State queue. Sound was lost. A take with sound fails, unless the end of its track is set.
   void soundFailed(const std::string& message);
-  // State queue. If the take fails, its last event comes at uptime `end` at the latest. If it was
-  // stopped, it leaves out sound that is not encoded half a second before `end`. If this is called
-  // more than once, the earliest `end` counts.
+  // State queue. If the take fails with `options.keepsFailed`, its last event comes at uptime `end`
+  // at the latest. If the take was stopped, it encodes sound until half a second before `end`, and
+  // leaves out the rest. If this is called more than once, the earliest `end` counts.
   void limitEnd(double end) { latestEnd = std::min(latestEnd.load(), end); }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
@@ -84,7 +85,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
     std::int64_t movieTime = 0;  // where it begins in the movie, in movie units
   };
 
-  // Take's queue. `moveTo` also runs on the thread that renames a kept take.
+  // Take's queue. `moveTo` also runs on the thread that renames the file of a failed take.
   void writeJob(HeldSample next);
   void holdBack(HeldSample next);
   void prepare(const HeldSample& first);
@@ -156,7 +157,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool waitingIDR = true;
   double latestCapture = 0;  // uptime seconds, if the take has sound
 
-  // Take's queue and the thread that renames a kept take.
+  // Take's queue and the thread that renames the file of a failed take.
   std::atomic<bool> isLogAstray = false;  // the log could not get its final name
 
   // Several queues.

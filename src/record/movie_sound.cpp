@@ -70,8 +70,8 @@ void MovieRecorder::soundLater() {
   isSoundQueued = true;
 }
 
-// Waits `longest` at most. Just before that time is over, asks for the records that the device's
-// clock holds.
+// Waits for sound, `longest` at most. Just before that time is over, asks for the records that
+// `DeviceClock` still holds.
 void MovieRecorder::waitForSound() {
   constexpr double longest = 0.5, settling = 0.05;  // seconds
   queue->asyncAfter(longest - settling, [self = shared_from_this()] {

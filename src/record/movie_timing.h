@@ -31,9 +31,9 @@ inline double frameTime(std::uint64_t id, double readAt) {
   return captured >= readAt - oldest && captured <= readAt ? captured : readAt;
 }
 
-// When a movie ends, in seconds from `origin`. The arguments are uptime seconds. With a start time
-// the movie lasts from start to stop. Without one it lasts until the stop, but at least until the
-// last frame has lasted one interval.
+// When a movie ends, in seconds from `origin`. The times passed in are uptime seconds. With a start
+// time the movie lasts from start to stop. Without one it lasts until the stop, but at least until
+// the last frame has lasted one interval.
 inline double movieEndTime(std::optional<double> startedAt, double origin, double lastSample,
                            double stop, int targetFPS) {
   constexpr double shortestMovie = 1.0 / movieTimescale;  // seconds

@@ -1,4 +1,4 @@
-// Takes on the state queue: commands, the events of a take for the parent, and the end of a take.
+// The part of takes that runs on the state queue: commands, events for the parent, ends of takes.
 
 #include "app/video_encoder.h"
 #include "base/text.h"

@@ -9,7 +9,8 @@ enum class CadenceRule {
   // A frame is skipped if it comes before the next point of a fixed grid. A camera at the take's
   // own rate loses some 9 % of its frames, those that come early because of jitter.
   grid,
-  // A frame may come early by a third of an interval. The parent has to ask for this rule.
+  // A frame is skipped if it comes more than a third of a frame interval before it is due. The
+  // parent has to ask for this rule.
   steady,
 };
 

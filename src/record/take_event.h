@@ -16,7 +16,8 @@ constexpr bool isLast(TakeState state) {
   return state == TakeState::saved || state == TakeState::failed;
 }
 
-// An event of one take: the JSON for the parent, and its state again for our own decisions.
+// An event of one take. The parent gets `json`. `state` repeats the "state" in it for our own
+// decisions.
 struct TakeEvent {
   TakeState state;
   Json json;

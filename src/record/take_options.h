@@ -20,11 +20,11 @@ struct TakeOptions {
   // The take is stopped when its file system has fewer free bytes than this.
   std::optional<std::int64_t> minimumFree = {};
   bool frameLog = false;                  // a file beside the movie says what became of each frame
-  std::optional<SoundFormat> sound = {};  // of the parent; empty: a movie without sound
+  std::optional<SoundFormat> sound = {};  // format of the parent's sound; empty: no sound
   std::int64_t soundBitRate = 128'000;    // bits per second
 
-  // `ofParent` is the sound of this run, if it has any. An unknown cadence counts as the grid.
-  // Throws EncoderFailure for any other invalid value, and for sound if this run has none.
+  // `ofParent` is the format of this run's sound, if it has any. An unknown cadence counts as the
+  // grid. Throws EncoderFailure for any other invalid value, and for sound if this run has none.
   static TakeOptions parse(const Json& command, const std::optional<SoundFormat>& ofParent = {});
 
   bool operator==(const TakeOptions&) const = default;

@@ -40,7 +40,7 @@ class TakeSound {
     return (isLast_ && held_.empty()) || placing_->settledUntil() >= end;
   }
   // How many gaps the track has, and for how many seconds no record came. Both count up to the end
-  // of the track. Until that end is set, they count up to what is settled.
+  // of the track. Until that end is set, they cover what is encoded so far.
   std::int64_t gaps() const;
   double missing() const;
 

@@ -115,9 +115,9 @@ void DeviceClock::deviate(double late) {
   deviation_ = agrees ? Deviation{deviation_.records + 1, least, most} : Deviation{1, late, late};
 }
 
-// After a hang each record is late by one record's length less than the record before it. That is
-// no jump, however much the times jitter. So the records of a jump must span at least twice the
-// difference in their lateness.
+// After a hang of the parent many records come at once. Each is late by one record's length less
+// than the record before it. That is no jump, however much the times jitter. So the records of a
+// jump must span at least twice the difference in their lateness.
 bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   if (deviation_.records < fewestRecords) return false;
   const double since = held_.end()[-deviation_.records].capturedAt;

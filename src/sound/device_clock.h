@@ -1,20 +1,21 @@
 #pragma once
 
-// When the samples of a device were captured. The parent's times are off by some milliseconds, each
-// by a different amount. A Kalman filter finds the line through them: when the next sample is
-// captured, and how much slower than its nominal rate the device is.
+// When the samples of a device were captured. The parent states a time for each record. These times
+// are off by some milliseconds, each by a different amount. A Kalman filter finds the line through
+// them. The line says when the next sample is captured, and how much slower than its nominal rate
+// the device is.
 //
 // One time off the line does not move the line: the parent may have read that record late, and the
-// next times are on the line again. So a record whose time is off the line is held. If four of
-// them in a row, over at least 50 ms, are off by about the same amount, samples were lost or a
-// clock jumped, and the line starts again at these records.
+// next times are on the line again. So a record whose time is off the line is held. If four records
+// in a row, over at least 50 ms, are off by about the same amount, samples were lost or a clock
+// jumped, and the line starts again at these records.
 //
 // A parent that polls for records gets each one late by a different time, up to about a record's
 // length. While times scatter like that, and in the first seconds, a time that is off by up to 0.6
-// of a record's length (40 ms at most) also counts as on the line. Such times can all lie on one
-// side of the line, so the clock sums up record lengths. It adds those of records on one side. It
-// subtracts those of records on the other side or close to the line. The line starts again when the
-// sum exceeds both one second and the length of ten records.
+// of a record's length (40 ms at most) also counts as on the line. If such times stay on one side
+// of the line, the line is wrong. To notice this, the clock sums up record lengths. It adds those
+// of records on one side. It subtracts those of records on the other side or close to the line. The
+// line starts again when the sum exceeds both one second and the length of ten records.
 
 #include <cstddef>
 #include <vector>
@@ -28,9 +29,9 @@ class DeviceClock {
  public:
   explicit DeviceClock(int rate) : rate_(rate) {}
 
-  // Takes the next record. Returns those whose times are certain now, in order and with smoothed
-  // times: mostly just this one. Holds the others until they are certain, at most until their
-  // stated times span 0.6 s or their sound lasts about two seconds.
+  // Takes the next record. Returns the records whose times are certain now, in order and with
+  // smoothed times: mostly just this one. Holds the others until they are certain, at most until
+  // their stated times span 0.6 s or their sound lasts about two seconds.
   std::vector<SoundRecord> add(SoundRecord record);
   // Returns all held records if the last ones already look like a jump. Otherwise none: later
   // records decide.
@@ -42,7 +43,7 @@ class DeviceClock {
   static constexpr double leastJitter = 9e-6;  // variance: 3 ms squared
 
   struct Deviation {
-    std::ptrdiff_t records = 0;  // how many at the end of `held_` are off by about the same
+    std::ptrdiff_t records = 0;  // at the end of `held_`, off by about the same amount
     double least = 0;            // seconds off the line
     double most = 0;
   };
@@ -65,11 +66,11 @@ class DeviceClock {
   double driftVariance_ = 0;     // of the error of `drift_`
   double covariance_ = 0;        // of the two errors
   double jitter_ = leastJitter;  // variance of the errors of the parent's times
-  double scatter_ = 0.02;        // seconds by which lateness changed most between records; it fades
-  double late_ = 0;              // lateness in seconds of the last time that counted as on the line
+  double scatter_ = 0.02;        // seconds: largest change of lateness between records; it fades
+  double late_ = 0;              // seconds: lateness of the last record that counted as on the line
   double aside_ = 0;        // seconds for which times were on one side of the line; below 0: early
   double steadyDrift_ = 0;  // `drift_` when `aside_` was last 0
-  std::vector<SoundRecord> held_;  // `capturedAt` is where the line has them, not the stated time
+  std::vector<SoundRecord> held_;  // `capturedAt` is the time on the line, not the stated one
   double doubtedSince_ = 0;        // the stated time of the first record in `held_`
   Deviation deviation_;
   double jumped_ = 0;  // seconds by which the line jumped last; it fades

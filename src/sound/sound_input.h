@@ -5,8 +5,9 @@
 // it has already adapted to the device when a take begins.
 //
 // The last two seconds are kept for the next receiver. A take needs sound from before it became the
-// receiver: its command is handled later than it was read, and its first picture may come two
-// seconds after its capture. Sound is kept even during a take, since the next may follow at once.
+// receiver: the command that starts it is handled later than it was read, and the first picture may
+// come two seconds after its capture. Sound is kept even during a take, since the next take may
+// follow at once.
 
 #include <atomic>
 #include <deque>

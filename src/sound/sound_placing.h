@@ -7,18 +7,19 @@
 // of the track tells where the record would lie if it were simply appended. The difference between
 // the two is removed in one of two ways:
 //
-// - Following: the resampler adds or removes a few samples. That makes up for the device's drift,
-//   and removes most of any other difference within some ten seconds. The compensation is at most
-//   550 ppm, so a drift of 500 leaves 50 for the difference. The compensation changes slowly, so
-//   that nobody hears the change.
+// - Following: the resampler adds or removes a few samples, at most 550 ppm. This compensation
+//   makes up for the device's drift, and removes most of any other difference within some ten
+//   seconds. A drift of 500 ppm leaves only 50 ppm for the other difference, which then takes
+//   longer. The compensation changes slowly, so that nobody hears the change.
 // - Aligning: silence is inserted or samples are cut, exact to a sample. The track's beginning is
 //   aligned. Later, a record is aligned only if the difference is above 10 ms: the device stopped,
-//   records were lost or a clock jumped. Each later alignment is a gap.
+//   records were lost or a clock jumped. Each later alignment counts as a gap, even if it cuts.
 //
-// The track's length is the resampler's real output, so the resampler's rounding errors are part of
-// the next difference. They never add up, and this file needs no model of the resampler.
+// The track's length is measured: the resampler's real output, and what the resampler still holds.
+// So the resampler's rounding errors are part of the next difference. They never add up, and this
+// file needs no model of the resampler.
 //
-// While a device is silent, the track is filled with silence until a few seconds before now. So
+// While a device is silent, the track is filled with silence up to a few seconds before now. So
 // when the device goes on, or the movie ends, little is left to fill in one go.
 //
 // Silence is inserted, and samples are cut, in the resampler's input. So the samples that the
@@ -33,7 +34,7 @@ namespace lumora {
 
 // What to do with a record before the resampler gets it.
 struct SoundPlacement {
-  std::int64_t silence = 0;  // samples to insert before it: the rest of a gap
+  std::int64_t silence = 0;  // samples to insert before it, after those of `fillBefore`
   std::int64_t cut = 0;      // samples to cut from its front: at most all
   int compensation = 0;      // by how many ppm the resampler makes the sound longer
 };

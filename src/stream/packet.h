@@ -14,7 +14,8 @@
 //   | width | height | SPS length | PPS length | SPS | PPS |
 //   +-------+--------+------------+------------+-----+-----+
 //
-// Type 2, frame; its payload is the encoded sample: NAL units, each after its 4-byte length.
+// Type 2, frame (key 1 for a key frame, else 0); its payload is the encoded sample: NAL units, each
+// after its 4-byte length.
 
 #include <cstdint>
 

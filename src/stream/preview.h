@@ -1,7 +1,7 @@
 #pragma once
 
-// The preview: its encoder session, its peers (the clients of the TCP stream), the rules for them,
-// and counters over all of them, which are never reset. State queue only.
+// The preview: its encoder session, its peers (the clients of the TCP stream) and the rules for
+// them. The counters cover all peers of the run, and are never reset. State queue only.
 
 #include <deque>
 #include <map>
@@ -30,15 +30,15 @@ struct Peer {
   std::uint64_t lastSent = 0;
 };
 
-// Round trips in milliseconds.
+// Round trips and ages in milliseconds.
 struct AcknowledgementFigures {
   std::uint64_t acknowledgementSamples = 0;
   double acknowledgementRTT = 0;     // smoothed
-  double acknowledgementOldest = 0;  // smoothed
+  double acknowledgementOldest = 0;  // age of the oldest unacknowledged frame, smoothed
   double acknowledgementRTTMaximum = 0;
 
   // Uptimes. `sentAt`: when the acknowledged frame was sent. `oldestSentAt`: when the oldest frame
-  // that was still unacknowledged was sent. Both may be the same frame.
+  // that was still unacknowledged was sent. Both frames may be the same.
   void record(double sentAt, double oldestSentAt, double now);
 };
 
@@ -67,7 +67,7 @@ struct Preview {
   std::shared_ptr<Peer> find(std::uint64_t peerID) const;
 
   // The counter to raise if an encoded frame must be dropped for `peer`. Null when the frame can be
-  // sent. Only the first reason counts, in the order of the counters.
+  // sent. If several reasons apply, returns the counter that is declared first.
   std::uint64_t* dropCounter(const Peer& peer, bool keyframe);
   // Drops frames for `peer` until the next key frame, and asks the encoder for one.
   void resynchronise(Peer& peer);

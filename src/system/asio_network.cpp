@@ -142,7 +142,7 @@ class AsioListener final : public TcpListener, public std::enable_shared_from_th
   }
 
   // Retries, since the client may be gone already, or the machine may have run short of descriptors
-  // or memory for a moment.
+  // or memory for a moment. If the listening socket itself is unusable, reports failure.
   void acceptFailed(const error_code& error) {
     if (error == asio::error::bad_descriptor || error == asio::error::invalid_argument) {
       return report(ListenerState::failed);

@@ -11,12 +11,12 @@ namespace lumora {
 
 // Maps the memory behind an inherited descriptor. Returns null unless the memory has at least two
 // pages, is readable and writable, and is sealed against shrinking (F_SEAL_SHRINK). Without the
-// seal, a parent that shrinks it would raise SIGBUS in us. Standard streams and hugetlbfs files are
-// refused.
+// seal, a parent that shrinks the memory would raise SIGBUS in us. Standard streams and hugetlbfs
+// files are refused.
 std::shared_ptr<FrameMemory> inheritFrameMemory(int descriptor);
 
-// Computes the release word: the id up to which the parent may overwrite all frames. A frame that
-// is done waits for earlier frames that are still being read.
+// Computes the release word: the id of the latest released frame. A frame that is no longer read is
+// done. Once all earlier frames are done, too, it is released: the parent may overwrite it.
 class ReleaseOrder {
  public:
   ReleaseOrder() { frames_.reserve(8); }  // at most 8 frames are read at once

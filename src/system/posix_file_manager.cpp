@@ -43,7 +43,7 @@ class PosixFileManager final : public FileManager {
     bestEffort([&] { syncDirectory(std::filesystem::path(path).parent_path()); });
   }
 
-  // If the disk hangs, the removal hangs, but the caller goes on.
+  // If the disk hangs, so does the removal, but the caller goes on after `longestRemoval`.
   void remove(const std::vector<std::string>& paths) override {
     std::set<std::filesystem::path> names;
     for (const std::string& path : paths) names.insert(nameOf(path));
@@ -64,7 +64,8 @@ class PosixFileManager final : public FileManager {
   }
 
  private:
-  // Names of files whose removal waits for the disk. A new file of such a name would be removed.
+  // Names of files whose removal waits for the disk. They count as used, because the removal would
+  // also take a new file of such a name.
   struct PendingRemovals {
     std::mutex mutex;
     std::set<std::filesystem::path> names;

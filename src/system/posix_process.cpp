@@ -26,12 +26,13 @@ void enlargePipe(int descriptor) {
   if (fcntl(descriptor, F_GETPIPE_SZ) < pipeBytes) fcntl(descriptor, F_SETPIPE_SZ, pipeBytes);
 }
 
-// The exit status once the watchdog is armed. Signal handlers read it.
+// The exit status, decided when the watchdog is armed. Signal handlers read it.
 constexpr int undecided = -1;
 std::atomic<int> decidedStatus = undecided;
 static_assert(std::atomic<int>::is_always_lock_free);
 
-// A sanitized program reports every abort, so that no test misses one.
+// Once the watchdog is armed, an abort ends the process silently. A sanitized program still reports
+// the abort, so that no test misses it.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool isSanitized = true;
 #else
@@ -97,8 +98,9 @@ class AsioSignal final : public SignalSource {
 };
 
 #if defined(__SANITIZE_ADDRESS__)
-// Checks twice. While a thread ends, the checker reports memory that the C library is about to free
-// (such as what a failed `dlopen` allocated). A real leak is still there the second time.
+// Checks again if the first check finds a leak. While a thread ends, the checker also reports
+// memory that the C library is about to free (such as what a failed `dlopen` allocated). A real
+// leak is still there the second time.
 void checkForLeaks() {
   if (__lsan_do_recoverable_leak_check() == 0) return;
   usleep(100'000);
@@ -118,8 +120,8 @@ ssize_t PosixProcess::readInput(MutableByteView space) {
     const ssize_t count = ::read(STDIN_FILENO, space.data(), space.size());
     if (count >= 0) return count;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -errno;
-    // Input may be non-blocking. The parent may have made it so. Or input and output are one socket
-    // or terminal: then we made both non-blocking when we changed output.
+    // Input may be non-blocking. The parent may have made it so. Or we did, if input and output are
+    // one socket or terminal, because we make output non-blocking.
     pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     if (poll(&input, 1, -1) < 0) return -errno;
   }

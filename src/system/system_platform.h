@@ -6,7 +6,7 @@
 
 namespace lumora {
 
-// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, or "" if there is none (see
+// The real machine. `h264Encoder` is the value of TAVO_H264_ENCODER, or "" if that is not set (see
 // codec/allowed_encoders.h). `frames` is the pixel format of this run's frames.
 Platform makeSystemPlatform(const std::string& h264Encoder, const PixelFormat& frames = {});
 

@@ -1,5 +1,5 @@
 // Pushes the tap's stream to nginx and to an SRT server, and plays it from both. Every picture must
-// arrive as it was encoded, with the time at which the camera took it.
+// arrive as it was encoded, and the intervals must be those at which the camera took the pictures.
 //
 //   node audience_test.mjs HELPER TAP
 
@@ -31,8 +31,8 @@ function pictures(name) {
   return rows.map(([, time, digest]) => ({ time: time - rows[0][1], digest }));
 }
 
-// Fails unless the file's pictures are a part of the reference, of 9 s or more, with the same
-// intervals.
+// Fails unless the file's pictures are consecutive pictures of the reference, have the same
+// intervals as there, and last at least 9 s.
 function assertStretch(name, reference) {
   const got = pictures(name);
   assert.ok(got.length > 0, `${name}: no picture`);

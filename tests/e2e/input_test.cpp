@@ -1,5 +1,5 @@
-// The process as its parent sees it: launch, input, events, exit status. And how it serves clients
-// while others misbehave.
+// The helper as its parent sees it: launch, input, events, exit status. Also how it serves a client
+// while other clients misbehave.
 
 #include <unistd.h>
 
@@ -60,7 +60,7 @@ TEST_F(Input, StrangersGetNothingAndDisturbNobody) {
   start();
   Watcher watcher(connectClient());
   startTake();
-  // While the camera runs, nobody reads the events. The pipe has room for those of a minute.
+  // While the camera runs, nobody reads the events. The pipe has room for a minute of events.
   std::jthread camera(
       [this](const std::stop_token& stop) { feedUntil([&] { return stop.stop_requested(); }); });
   std::vector<std::unique_ptr<client::StreamClient>> strangers;

@@ -32,7 +32,8 @@ struct FrameFormats : HelperTest {
                     (isJPEG ? " -q:v 2 -f mjpeg" : " -f rawvideo"));
   }
 
-  // Saves a take without bars, and a take with bars beside a picture of odd width.
+  // Saves and judges two takes: one without bars, and one with bars beside a picture that is 963
+  // pixels wide, an odd number.
   void expectTakes(const std::string& pixels) {
     SCOPED_TRACE(format.text());
     const bool isRGB = format.encoding <= bgr24;
@@ -49,7 +50,8 @@ struct FrameFormats : HelperTest {
       const Event seen = probe(path);
       expectKeys(seen, {{"color_range", "tv"}, {"color_space", is601 ? "smpte170m" : "bt709"}});
       expectKeys(seen, {{"color_transfer", "iec61966-2-1"}, {"color_primaries", "bt709"}});
-      // ffprobe shows the stream's colours. The file must have a box with the same ones.
+      // ffprobe shows the colours that the H.264 stream names. The file's `colr` box must name the
+      // same colours.
       Pixels box = {'c', 'o', 'l', 'r', 'n', 'c', 'l', 'x', 0, 1, 0, 13, 0};
       box.push_back(is601 ? 6 : 1);
       const Pixels movie = bytesOf(path);
@@ -105,7 +107,7 @@ TEST_F(Preview, IsUprightHasTheRightColoursAndIsBaselineAtEverySize) {
     // A configuration packet stands before every key frame and nowhere else.
     for (std::size_t i = 1; i < packets.size(); ++i)
       EXPECT_EQ(packets[i].keyframe, packets[i - 1].type == Packet::Type::configuration);
-    // There is one every second.
+    // A configuration packet comes at least every 60 frames.
     EXPECT_GE(std::ranges::count(packets, Packet::Type::configuration, &Packet::type), 2);
   }
 }
@@ -126,7 +128,8 @@ using SharedFrames = HelperTest;
 // Every frame is plain. Contrast in a picture shows that a frame was overwritten while it was read.
 TEST_F(SharedFrames, AreNotReadAfterTheirRelease) {
   transport = client::FrameTransport::memory;
-  const FrameSize size{1080, 720};  // also the take's: its encoder reads RGBA and NV12 in the slot
+  // The take has this size, too. So its encoder reads RGBA and NV12 directly from the slot.
+  const FrameSize size{1080, 720};
   const int pictures = sanitized ? 100 : 400;
   for (const auto encoding : {rgba, nv12, yuyv}) {
     format = {encoding};

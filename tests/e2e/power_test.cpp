@@ -67,8 +67,8 @@ Decoded recover(const std::filesystem::path& staging, const Pixels& left) {
   return movie;
 }
 
-// In some runs one call fails. In the others the sync of the pictures' second fragment fails, and
-// then one call in the rescue.
+// In some runs only one call fails. In the others the sync of the pictures' second fragment fails.
+// Then another call fails while the helper completes the file with what was synced.
 TEST_P(FaultyTakes, KeepEverythingThatWasSyncedWhateverFails) {
   if (sanitized) GTEST_SKIP() << "the clock of a sanitized helper can't run faster";
   const std::string log = folder / "log";
@@ -129,7 +129,8 @@ TEST_P(FaultyTakes, LoseAtMostASecondInAPowerCutAndNothingOnceSaved) {
   const int all = saveTake()["frames"];
   EXPECT_EQ(finish(), 0);
 
-  // A fragment of half a second has 32 frames at most. At most one written fragment is lost.
+  // A fragment of half a second has 32 frames at most. Each is synced before the next is written,
+  // so a power cut loses at most one written fragment.
   constexpr int fragment = 32;
   const auto framesOf = [&](const Pixels& file) {
     return countFrames(fileOf(folder / "cut.mp4", file));

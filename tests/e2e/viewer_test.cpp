@@ -92,7 +92,8 @@ struct Viewer : HelperTest {
     waitForMessage("ended");
     return viewer->wait(Seconds(limit)).value();
   }
-  // The numbers that an ffmpeg filter prints after `word`. The last may be the movie's end.
+  // The numbers that an ffmpeg filter prints after `word`. If the movie ends in black or silence,
+  // the last number may be the end of the movie.
   static std::vector<double> numbersIn(const std::string& movie, const std::string& filter,
                                        const std::string& word) {
     std::istringstream printed(outputOf("ffmpeg -nostdin -i " + tools::shellQuoted(movie) + " " +

@@ -1,6 +1,6 @@
 // Stands in for a camera. Linked into the V4L2 example, it answers the calls for "/dev/camera". It
-// always shows the same picture of 320 x 240. But every third picture is broken, and has the error
-// flag.
+// delivers the same picture of 320 x 240 again and again. Every third buffer holds broken
+// bytes instead, and has the error flag.
 //
 //   CAMERA   a file with that picture: NAME.nv12 (601, limited range) or NAME.yuyv (709, full
 //            range), both with rows padded to twice their length, or NAME.jpg

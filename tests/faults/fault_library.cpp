@@ -1,14 +1,15 @@
-// Preloaded into the helper, before the C library. Makes calls fail, and logs the calls for the
-// files of one folder.
+// Preloaded into the helper, before the C library. Makes calls of the helper fail, and logs what
+// the helper writes and syncs in one folder.
 //
-//   LUMORA_FAULT        "KIND:N[:ERRNO]", comma separated. The N-th call of that kind fails (0:
-//                       every call). With -S for ERRNO, it takes S seconds instead. An entry
-//                       counts its calls from `main` on, or from the moment at which every
-//                       entry before it has had its N-th call. `pthread_create` and
-//                       `avcodec_send_frame` ignore ERRNO.
-//   LUMORA_FAULT_HIT    this file is created at the N-th call of the last kind
+//   LUMORA_FAULT        entries "KIND:N[:ERRNO]", comma separated. KIND is a function's name.
+//                       "malloc" means every function of the heap. The N-th call of the kind
+//                       fails (0: every call). With -S in place of ERRNO, the call takes S seconds
+//                       longer, and does not fail. Calls before `main` do not count. An entry
+//                       counts no calls until all entries before it, except those with 0, have had
+//                       their N-th call. `pthread_create` and `avcodec_send_frame` ignore ERRNO.
+//   LUMORA_FAULT_HIT    this file is created when the last entry makes a call fail or wait
 //   LUMORA_DISK_FOLDER  the folder whose files are logged
-//   LUMORA_DISK_LOG     the file for the log, if there is a folder
+//   LUMORA_DISK_LOG     the file for the log; needs LUMORA_DISK_FOLDER
 //   LUMORA_SPEED        N: the helper's monotonic clock shows N times the uptime. Sleeps and the
 //                       kernel's timers stay real. Without effect in sanitized builds.
 
@@ -84,7 +85,7 @@ void log(int of, DiskLogEntry::Kind kind, off_t offset = 0, const void* bytes = 
   static_cast<void>(writeParts(logDescriptor, parts, 2));
 }
 
-// Returns whether this call must fail, and then sets errno. Waits if the call must take longer.
+// Returns true, and sets errno, if this call must fail. If it must wait, waits and returns false.
 bool fails(const char* kind, int usualError) {
   if (!armed) return false;
   for (Fault& fault : faults) {
@@ -127,7 +128,7 @@ int armedMain(int count, char** arguments, char** environment) {
 
 // NOLINTBEGIN: names and signatures of the C library
 #define REAL(name) static auto* const next = real<decltype(name)>(#name)
-// The arguments after `error` are a statement that runs after the real call, and uses its `result`.
+// What follows `error` is a statement. It runs after the real call, and can use its `result`.
 #define FAULT_AS(failure, type, name, parameters, arguments, error, ...) \
   type name parameters {                                                 \
     REAL(name);                                                          \
@@ -174,8 +175,8 @@ FAULT_AS(EAGAIN, int, pthread_create,
          (pthread_t * thread, const pthread_attr_t* as, void* (*run)(void*), void* with) noexcept,
          (thread, as, run, with), EAGAIN)
 
-// A hardware encoder may keep the last picture after it has returned the packet. The kind is
-// "hold_frame".
+// The kind "hold_frame": instead of failing, the call keeps its picture until the next such call.
+// A hardware encoder may do so, even after it has returned the packet.
 void holdFrame(const AVFrame* of) {
   static auto* const clone = real<AVFrame*(const AVFrame*)>("av_frame_clone");
   static auto* const free = real<void(AVFrame**)>("av_frame_free");

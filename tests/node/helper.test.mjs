@@ -14,7 +14,7 @@ import { folder, inFolder } from '../parent.mjs';
 
 const size = { width: 1080, height: 720 };
 const [dark, bright] = [40, 200].map((grey) => Buffer.alloc(size.width * size.height * 4, grey));
-// `startHelper` must remove these variables, because no helper starts with them.
+// `startHelper` must not pass on these values: a helper that gets one of them does not start.
 Object.assign(process.env, { TAVO_FRAME_MEMORY: '99', TAVO_FRAME_FORMAT: 'none', TAVO_SOUND: 'x' });
 
 async function helperFor(context, options) {
@@ -74,7 +74,7 @@ test('a take is saved while two clients watch, and the token leaks nowhere', asy
     readFileSync(`/proc/${helper.pid}/cmdline`, 'latin1')];
   assert.deepEqual(await helper.stop(), { code: 0, signal: null });
   for await (const { raw } of events) told.push(raw);
-  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // '' for `exit`
+  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // `exit`'s raw
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
 
@@ -168,7 +168,7 @@ test('a client learns if its token is wrong or the helper is full or gone', asyn
 });
 
 test('connecting has a time limit, and can be closed and aborted', async (context) => {
-  // The server closes three connections, then accepts no more. Its queue has room for two.
+  // The server closes three connections, then accepts no more. Two others may wait in its queue.
   const listen = `let left = 3;
     require('net').createServer((socket) => {
       socket.destroy();
@@ -226,7 +226,7 @@ test('a take ends at its stop time even if the helper is stopped right afterward
   await suspend(helper); // so that the stop arrives before the last frame is encoded
   const [, last] = [1, 2].map(() => helper.writeFrame(size, dark).done);
   const saved = take.stop({ stoppedAt: uptime() - 0.3 });
-  helper.writeFrame(size, dark); // does not replace the last frame before the stop
+  helper.writeFrame(size, dark); // must not replace `last`: the stop was queued between the two
   setTimeout(() => process.kill(helper.pid, 'SIGCONT'), 300);
   await helper.stop();
   const { duration } = await saved;

@@ -185,7 +185,7 @@ test('a take sends its options, refuses bad ones, and reports how it ended', asy
     bitRate: 3e5, rotation: 90, frameLog: true, resolution: '640x360', sound: true,
     soundBitRate: 64e3 });
   tell({ id: sent[2].id, state: 'saved', frames_in_movie: 8, stopped_for: 'minimum_free',
-    frame_log_error: 'full' }); // if the parent reads slowly, `starting` may be lost
+    frame_log_error: 'full' }); // no `starting` before: a parent that reads slowly may lose it
   const { id, startedAt, saved } = await others;
   const { framesInMovie, stoppedFor, frameLogError } = await saved;
   assert.deepEqual([framesInMovie, stoppedFor, frameLogError], [8, 'minimum_free', 'full']);
@@ -327,7 +327,7 @@ test('drawn frames are acknowledged; a page that is behind waits for a key frame
   async function* packets() {
     yield* [configuration(64), picture(1, true), picture(2)];
     assert.deepEqual(acknowledged, []);
-    for (const id of [9, 2, 1]) draw(id); // 9 is of an earlier client, 2 includes 1
+    for (const id of [9, 2, 1]) draw(id); // 9 is of an earlier client; 2 also acknowledges 1
     yield picture(3);
     await overdue();
     assert.ok(!isClosed);

@@ -5,8 +5,8 @@ source "$(dirname "$0")/../npm.sh"
 buildClient
 (cd "$client" && npm run --silent check)
 
-# "npm run page" makes some modules of the viewer's page from the client's sources. These modules
-# must be up to date.
+# "npm run page" makes some modules of the viewer's page from the client's sources. The modules in
+# tools/viewer/page must equal its output.
 (cd "$client" && npm run --silent page -- --outDir dist/page)
 for module in "$client"/dist/page/*; do diff "$tests/../tools/viewer/page" "$module"; done
 

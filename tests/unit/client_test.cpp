@@ -202,7 +202,7 @@ TEST(Events, HaveEveryFigureOfTheStatistics) {
   VideoEncoderProbe probe;
   probe.restart({.sound = lumora::SoundFormat{8000, 1}});
   Json report = probe.statistics();
-  int next = 0;  // in the order of the keys
+  int next = 0;  // numbers the figures, in the alphabetical order of their keys
   for (Json& value : report)
     if (value.is_number()) value = ++next;
   const auto stats = std::get<Stats>(parseEvent(report.dump()).what);

@@ -35,7 +35,7 @@ Byte& sampleOf(const BasicPicture<Byte>& picture, int component, int x, int y) {
   return samples[y * stride + x * shapes[plane].channels + component - static_cast<int>(plane)];
 }
 
-// The value that a sample has or should have. An expected sample without a value is not checked.
+// The value to give to a sample, or to expect of it. If there is none, the sample is not checked.
 using Paint = std::function<std::optional<double>(int component, int x, int y)>;
 
 template <typename Visit>
@@ -109,8 +109,8 @@ INSTANTIATE_TEST_SUITE_P(With, EncoderPicture, targets, nameOf);
 
 TEST_P(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   for (const PixelFormat& format : {rgba, nv12, i420}) {
-    // A ramp that changes by `down` from top to bottom. Only samples nearer to the middle than
-    // `reach`, a fraction of the sides, have values.
+    // A ramp that changes by `down` from top to bottom. Only samples within `reach` of the middle
+    // have values. `reach` is a fraction of the width and of the height.
     const auto ramp = [&](PictureSize in, double down, double reach) -> Paint {
       return [=](int component, double x, double y) {
         // A chroma sample lies in the left of its two columns, and halfway between its two rows.

@@ -34,7 +34,7 @@ struct Failures {
     return answer;
   }
 
-  std::map<std::string, std::deque<int>> answers;  // by call, the next first; 0 after the last
+  std::map<std::string, std::deque<int>> answers;  // by call, next answer first; 0 after the last
 };
 
 struct CanFail {
@@ -54,7 +54,7 @@ class ManualQueue final : public SerialQueue {
       work_.emplace(now_ + seconds, std::move(work));
   }
   void setFailureHandler(FailureHandler handler) override { failed_ = std::move(handler); }
-  // Runs work until none is due. Whether any was due.
+  // Runs work until none is due. Returns whether any was due.
   bool run() {
     const bool any = runNext();
     while (runNext()) continue;
@@ -136,7 +136,7 @@ struct FakeProcess final : Process, CanFail {
   }
   void rearmWatchdog(double seconds, int code) override { watchdog = {seconds, code}; }
 
-  // Forgets all events. Returns those of this type, oldest first. An empty type stands for all.
+  // Returns the events of this type (empty: of any type), oldest first. Then forgets all events.
   std::vector<Json> takeEvents(const std::string& type = "") {
     std::vector<Json> events;
     for (const std::string& line : std::exchange(lines, {})) {
@@ -145,7 +145,7 @@ struct FakeProcess final : Process, CanFail {
     }
     return events;
   }
-  // Forgets all events. Returns the only one of this type, or an empty object.
+  // Returns the only event of this type, or an empty object. Then forgets all events.
   Json takeEvent(const std::string& type) {
     const auto events = takeEvents(type);
     EXPECT_LE(events.size(), 1u) << type;
@@ -155,7 +155,7 @@ struct FakeProcess final : Process, CanFail {
   std::function<void()> beforeRead;
   Bytes input;
   std::size_t chunk = 1 << 16;  // bytes per read
-  int interruptions = 0;        // so many reads fail with EINTR first
+  int interruptions = 0;        // this many reads fail with EINTR first
   std::vector<std::string> lines;
   std::map<int, Work> signals;
   std::vector<int> exitCodes;
@@ -206,7 +206,7 @@ struct FakeNetwork final : Network, TcpListener, std::enable_shared_from_this<Fa
   bool accepts = false, cancelled = false;
 };
 
-// The time's value, and whether a key frame is forced.
+// For each submitted frame: the value of its time, and whether it must be a key frame.
 using Submitted = std::vector<std::pair<std::int64_t, bool>>;
 
 struct FakeSession : CompressionSession, CanFail {

@@ -1,5 +1,5 @@
-// Frames in memory that the parent shares: which memory is taken, where pixels may lie, when
-// frames are given back. The memory is real, and checked from both sides.
+// Frames in memory that the parent shares: which memory is accepted, where pixels may lie, when
+// frames are given back. The tests use real memory, and the code of both helper and client.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -73,7 +73,7 @@ struct SharedFrames : testing::Test {
   VideoEncoderProbe probe;
 };
 
-// Ids grow across all frames, whether they are in memory or in the pipe.
+// Ids must grow from frame to frame, whether the frames are in memory or in the pipe.
 TEST_F(SharedFrames, EndTheRunForABrokenRecord) {
   // 32 × 32 pixels take a page.
   const auto expectEnd = [&](std::uint64_t offset, client::FrameSize size = {32, 32},

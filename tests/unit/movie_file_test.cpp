@@ -16,7 +16,7 @@
 namespace lumora {
 namespace {
 
-// A disk in memory that can be told to fail or to hang. It keeps only the size of a large write.
+// A disk in memory that can be told to fail or to hang. Of a large write it keeps only the size.
 struct Disk {
   int call(const std::function<void()>& effect) {
     waitUntil([this] { return !hangs && calls != hangAt; });
@@ -29,7 +29,7 @@ struct Disk {
 
   Bytes bytes;
   std::size_t size = 0, largeWriteAt = 0;
-  std::uint64_t reserved = 0;       // bytes, for which even a full disk has room
+  std::uint64_t reserved = 0;       // bytes that fit even on a full disk
   std::atomic<int> failAfter = -1;  // calls that still succeed; negative: all
   std::atomic<int> calls = 0;
   std::atomic<int> hangAt = -1;  // hangs after this many calls; -1: never
@@ -136,7 +136,7 @@ TEST(MovieFile, WritesSoundAtItsTimesEvenWhileNoPictureComes) {
   for (std::int64_t at = -1024; at < 95 * 1024; at += 1024) times.push_back(at);
   waitUntil([&] { return movie.disk->calls == 3 * 6; });  // the start and 5 fragments
   EXPECT_EQ(readMovie(movie.disk->bytes, 1).times, times);
-  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 1u);  // though no picture follows
+  EXPECT_EQ(readMovie(movie.disk->bytes).times.size(), 1u);  // one picture, though none follows it
   EXPECT_EQ(movie.finish(60001), WriterStatus::completed);
   const MovieContents read = readMovie(movie.disk->bytes, 1);
   times.resize(48);
@@ -167,7 +167,8 @@ void expectKept(int failAfter, bool isForGood, bool hasSound) {
   SCOPED_TRACE(failAfter);
   Written movie(failAfter, hasSound);
   movie.fill(61);
-  // A track has three fragments. They and the start of the file take 3 calls each, the end 4.
+  // A track has three fragments, and `finishWriting` writes the last one. The start of the file
+  // takes 3 calls, as does each fragment. The end of the file takes 4.
   if (failAfter >= (hasSound ? 15 : 9)) movie.finish(61000);
   waitUntil([&] { return movie.writer.error().has_value(); });
   EXPECT_EQ(movie.writer.error(), "No space left on device");
@@ -267,7 +268,7 @@ TEST(MovieFile, NeverWaitsForASlowDiskAndMayBeDestroyedOnTheDiskThread) {
     ASSERT_LT(++count, 64);
   }
   EXPECT_GE(count, 31);
-  // The handler may hold the last reference to the writer. It runs on the disk's thread.
+  // The handler runs on the disk's thread, and may hold the last reference to the writer.
   movie->writer.finishWriting(count * 30000, [movie] {});
   const std::weak_ptr<Written> gone = std::exchange(movie, nullptr);
   disk->hangs = false;

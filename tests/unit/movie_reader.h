@@ -22,8 +22,8 @@ struct MovieContents {
   std::uint32_t skipped = 0;  // samples of sound at the beginning
 };
 
-// Reads one track of a movie with libavformat. Keeps only whole packets. They have 0x11 in
-// byte 5 (counted from 0) and in the last byte, as all samples of the tests do.
+// Reads one track of a movie with libavformat. Keeps only whole packets. A packet is whole if it
+// has 0x11 in byte 5 (counted from 0) and in the last byte, as every sample of the tests has.
 inline MovieContents readMovie(ByteView bytes, unsigned track = 0) {
   av_log_set_level(AV_LOG_QUIET);
   const int file = memfd_create("movie", 0);

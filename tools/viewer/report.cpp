@@ -59,7 +59,7 @@ std::string makeReport(const std::string& helper, const std::vector<std::string>
     text.append("  ").append(name).append(": ").append(value).append("\n");
   text += "\nHelper\n" + describeHelper(helper) + "\nLast events of the run\n";
   for (const std::string& line : events) text.append("  ").append(line).append("\n");
-  text += "\nEncoders, each with a test card of 640x360 at 30 a second for two seconds\n";
+  text += "\nEncoders, each with a test card of 640x360 at 30 pictures a second for two seconds\n";
   for (const char* encoder : encoders) text += tryEncoder(helper, encoder);
   return text;
 }

@@ -74,7 +74,7 @@ void Window::helperEnded(const Exited& end) {
   const bool wasReady = helper_->port() != 0;
   recordButton_.setEnabled(false);
   recordButton_.setText("Record");
-  take_.reset();  // a take that has just begun gets no event any more
+  take_.reset();  // if it was started after the helper's end, `helper_.reset()` drops its event
   camera_.stop();
   packets_.reset();
   stream_.reset();
@@ -84,9 +84,9 @@ void Window::helperEnded(const Exited& end) {
     return;
   }
   say(end.reason.empty() ? "The helper has ended." : QString::fromStdString(end.reason));
-  // If the helper never became ready, another program may have taken its port. The next helper then
-  // chooses a port. But if this helper chose its own port, the next one would fail too, so none
-  // is started.
+  // A helper that was ready gets a successor with the same port. If a helper with a given port did
+  // not become ready, another program may have the port, so the successor chooses another. A helper
+  // that chose its own port and did not become ready gets no successor: it would fail, too.
   if (wasReady || std::exchange(port_, 0) != 0)
     QTimer::singleShot(std::chrono::seconds(1), this, &Window::startHelper);
 }

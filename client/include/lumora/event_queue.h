@@ -7,9 +7,8 @@
 
 namespace lumora::client {
 
-// Runs a helper's handlers on one thread of the application, one with its own loop (Qt, GLib,
-// epoll). That thread watches the descriptor and calls `dispatch`. One queue may serve several
-// helpers.
+// Runs a helper's handlers on a thread of the application that has an event loop (Qt, GLib, epoll).
+// That thread watches the descriptor and calls `dispatch`. One queue may serve several helpers.
 class LUMORA_CLIENT_EXPORT EventQueue {
  public:
   EventQueue();  // throws std::system_error

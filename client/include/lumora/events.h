@@ -24,7 +24,8 @@ struct Stats {
   std::uint64_t clients = 0;         // admitted now
   std::uint64_t waitingClients = 0;  // connected, but not admitted yet
   std::uint64_t encodedFrames = 0;
-  std::uint64_t droppedFrames = 0;  // by the helper: busy, nobody needed them, or undecodable
+  // Frames that the helper dropped: it was busy, nobody needed them, or they were undecodable.
+  std::uint64_t droppedFrames = 0;
   std::uint64_t droppedClients = 0;
   // Records of sound that were dropped: they came too early or too late, or too much sound waited.
   // Set in the same events as `delivery`, if the helper gets sound.
@@ -79,7 +80,7 @@ struct Recording {
   std::string error;                   // why it failed, or why the movie has another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final in `finishing` and `saved`
-  std::uint64_t frames = 0;            // written, including those that a stop in the past removed
+  std::uint64_t frames = 0;            // written, even if a stop time in the past removed them
   std::uint64_t dropped = 0;           // lost, or captured before the take's start
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known
@@ -107,7 +108,8 @@ struct Recording {
   bool isOver() const { return state == TakeState::saved || state == TakeState::failed; }
 };
 
-// Why the helper ends, with status 1 unless it was already ending.
+// Why the helper ends. The exit status is then 1, unless the helper was already ending: the first
+// cause decides the status.
 struct Error {
   std::string message;
 };

@@ -41,7 +41,7 @@ struct HelperOptions {
   // so that the first frames are not late. Frames may also have other sizes.
   std::optional<FrameSize> frameSize = {};
   FrameFormat format = {};                // of all frames; by default RGBA, the bottom row first
-  std::optional<SoundFormat> sound = {};  // of `writeSound`; empty: takes have no sound
+  std::optional<SoundFormat> sound = {};  // what `writeSound` gets; empty: takes have no sound
   // Calls the handlers, including those of takes. With a queue the constructor returns at once.
   std::shared_ptr<EventQueue> queue = {};
 };
@@ -53,11 +53,11 @@ struct LUMORA_CLIENT_EXPORT StartError : std::runtime_error {
 
 class LUMORA_CLIENT_EXPORT Helper {
  public:
-  // Called for each event, one at a time. With a queue, its `dispatch` calls the handler, never
-  // after the destructor, and the handler may do anything. Without one, a thread of the library
-  // calls it, perhaps before the constructor has returned. Such a handler must not throw. It must
-  // not stop or destroy the helper, nor wait for the end of a take, nor for a thread that stops the
-  // helper: that thread waits for the handler.
+  // Called for each event, one at a time, and never after the helper's destructor. With a queue,
+  // its `dispatch` calls the handler, which may do anything. Without a queue, a thread of the
+  // library calls the handler, perhaps before the constructor has returned. Such a handler must not
+  // throw. It must not stop or destroy the helper, nor wait for the end of a take, nor for a thread
+  // that stops the helper: that thread waits for the handler.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
@@ -70,37 +70,37 @@ class LUMORA_CLIENT_EXPORT Helper {
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
 
-  // The port for stream clients, on the loopback address unless an argument names another one. 0
-  // until the helper is ready.
+  // The port for stream clients; 0 until the helper is ready. The helper listens on the loopback
+  // address unless an argument names another address.
   std::uint16_t port() const;
   const std::string& token() const;
   int pid() const;
   // The transport in use: the pipe if memory could not be shared. Known once the helper is ready.
   FrameTransport frameTransport() const;
 
-  // Memory for the next frame. Empty if every slot is busy, or the helper is not ready yet: skip
-  // this frame then. Throws std::invalid_argument for an unsupported size, and std::bad_alloc.
+  // A buffer for the next frame. Empty if all buffers are busy, or the helper is not ready yet:
+  // skip this frame then. Throws std::invalid_argument for an unsupported size, and std::bad_alloc.
   [[nodiscard]] std::optional<Frame> acquireFrame(FrameSize size);
-  // Passes a frame to the helper. A newer frame replaces the one that waits, unless a take was
-  // started or stopped in between. Throws std::invalid_argument for an id that is not above the
-  // last one (see `frameID`), for a frame of another format or one that was published before, and
-  // for mjpeg without a length.
+  // Passes a frame to the helper. If the previous frame still waits to be written, this one
+  // replaces it, unless a take was started or stopped in between. Throws std::invalid_argument for
+  // an id that is not above the last one (see `frameID`), for a frame of another format or one that
+  // was published before, and for mjpeg without a length.
   void publish(Frame frame, std::uint64_t id);
-  // Publishes a copy of a picture without padding. False if it was skipped, as in `acquireFrame`.
+  // Publishes a copy of a picture without padding. False if `acquireFrame` returned no buffer.
   // Throws what `acquireFrame`, `Frame::setLength` and `publish` throw.
   bool writeFrame(FrameSize size, std::uint64_t id, std::span<const std::uint8_t> picture);
   FrameCounts frameCounts() const;
 
-  // Passes sound to the helper. The first sample was captured at this time. Never waits. False if
+  // Passes sound to the helper. `capturedAt` is the time of the first sample. Never waits. False if
   // the sound was skipped: more than two seconds of sound would wait, the time is negative or more
   // than 50 ms ahead, or the helper ends. Throws std::invalid_argument if the channels have
   // different numbers of samples, or without `HelperOptions::sound`.
   bool writeSound(std::span<const std::int16_t> samples, Uptime::time_point capturedAt);
 
-  // Starts a take after the frames published so far. The handler gets the take's events as soon as
-  // they are known, `failed` if the helper refuses the take. The rules of `EventHandler` hold for
-  // it. Without a queue it may be called before `startTake` returns, and if the helper has ended,
-  // `startTake` itself calls it.
+  // Starts a take after the frames published so far. The handler gets the take's events. If the
+  // helper refuses the take, the only event is `failed`. The rules of `EventHandler` hold for the
+  // handler. Without a queue it may be called before `startTake` returns, and if the helper has
+  // ended, `startTake` itself calls it.
   // Throws std::invalid_argument for a path that is relative, too long, not UTF-8 or has another
   // ending than ".mp4", and for any other option out of range.
   [[nodiscard]] Take startTake(const TakeOptions& options, Take::EventHandler onEvent = {});

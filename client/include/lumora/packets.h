@@ -48,7 +48,7 @@ struct StreamConfiguration {
   std::vector<std::uint8_t> pictureParameterSet;
 };
 
-// Throws std::runtime_error when the payload is not a configuration.
+// Throws std::runtime_error if the payload ends before its parameter sets do.
 LUMORA_CLIENT_EXPORT StreamConfiguration parseConfiguration(std::span<const std::uint8_t> payload);
 
 // The "avcC" record (ISO/IEC 14496-15, 5.3.3.1). Decoders and containers need it if a length of

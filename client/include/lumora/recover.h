@@ -20,11 +20,11 @@ struct RecoveredTake {
   std::string left;               // why the file keeps its old name; empty: it has a new one
 };
 
-// Makes an ordinary movie of each interrupted take in a folder. Does not touch a take that has no
-// picture, may still be recorded, or changed less than a minute ago; `left` says why. Waits for the
-// disk. `program` is the helper, as in HelperOptions; lumora-recover must be in its folder. Throws
-// std::runtime_error if the folder can't be read or a program is missing. If the application
-// ignores SIGCHLD, a lumora-recover that crashes goes unnoticed.
+// Makes an ordinary movie of each interrupted take in a folder. Does not touch a file that has no
+// picture, that a helper may still be writing, or that changed less than a minute ago; `left` says
+// why. Waits for the disk. `program` is the helper, as in HelperOptions; lumora-recover must be in
+// its folder. Throws std::runtime_error if the folder can't be read, or one of the two programs is
+// missing. If the application ignores SIGCHLD, a lumora-recover that crashes goes unnoticed.
 LUMORA_CLIENT_EXPORT std::vector<RecoveredTake> recoverTakes(
     const std::filesystem::path& folder, const std::filesystem::path& program = {});
 

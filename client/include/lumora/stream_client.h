@@ -21,9 +21,9 @@ namespace lumora::client {
 // the stream more than a second after the hello, the reason is always `closed`.
 enum class StreamEnd {
   none,     // it has not ended
-  noRoom,   // the hello was not read: it came late, two clients are admitted, or four others wait
-  refused,  // because of the hello: the token is wrong, or two others were admitted meanwhile
-  closed,   // the helper has ended or has dropped this client, or the network is gone
+  noRoom,   // the hello was not read: two clients are admitted, or four others have not said hello
+  refused,  // the hello was read: the token is wrong, or two others were admitted meanwhile
+  closed,   // the helper ended or dropped this client, the hello was late, or the network is gone
 };
 
 class LUMORA_CLIENT_EXPORT StreamClient {

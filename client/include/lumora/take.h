@@ -17,8 +17,8 @@ namespace lumora::client {
 enum class TakeSize { of640x360, of1080x720, of1920x1080 };
 enum class TakeRate { fps15 = 15, fps30 = 30, fps45 = 45, fps60 = 60 };
 
-// The size of a take's pictures, and how many it has in a second. A camera's picture keeps its
-// shape, and the rest is black.
+// The size of a take's pictures, and their number per second. The camera's picture keeps its shape:
+// it is scaled to fit between black bars.
 struct TakeProfile {
   TakeSize size = TakeSize::of1080x720;
   TakeRate rate = TakeRate::fps60;
@@ -40,7 +40,7 @@ struct TakeOptions {
   // if that is so at its start. Up to 2^53.
   std::optional<std::uint64_t> minimumFree = {};
   std::optional<int> bitRate = {};  // bits per second, 250,000 to 50,000,000; empty: 12,000,000
-  int rotation = 0;                 // how far players turn it clockwise: 0, 90, 180 or 270
+  int rotation = 0;                 // players turn the movie clockwise: 0, 90, 180 or 270 degrees
   bool frameLog = false;            // "<movie>.frames.csv" says what became of each frame
   // A track of the sound that `writeSound` gets. Frames then need ids from `frameID`. The movie
   // shows each frame at its capture time. The helper must have `HelperOptions::sound`.
@@ -62,10 +62,11 @@ class LUMORA_CLIENT_EXPORT Take {
   std::filesystem::path stagingPath() const;
   // Stops the take at this time. Without a time it stops now, or at its start if the start is still
   // ahead. The take lacks frames published after the call. It also lacks frames that the helper
-  // reads after the stop time or, in a take with sound, frames captured after it. The helper reads
-  // a frame a little after its capture. To keep the last frame, give a time one frame interval
-  // after its capture. A second call does nothing. Throws std::invalid_argument for a time before
-  // the start, more than 30 s ago or more than 50 ms ahead, because the helper would fail the take.
+  // reads after the stop time. In a take with sound, the capture time of a frame counts instead.
+  // The helper reads a frame a little after its capture. To keep the last frame, give a time one
+  // frame interval after its capture. A second call does nothing. Throws std::invalid_argument for
+  // a time before the start, more than 30 s ago or more than 50 ms ahead, because the helper would
+  // fail the take.
   void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
   // When the take starts and stops.
   Uptime::time_point startedAt() const;

@@ -14,7 +14,7 @@ export interface ReadyEvent {
   recordingMirror: boolean;
   recordingProfiles: boolean;
   recordingTimebase: boolean;
-  /** Only with `sound`. */
+  /** Only if the helper was started with `sound`. */
   recordingSound?: true;
 }
 
@@ -30,8 +30,8 @@ export interface StatsEvent extends Partial<DeliveryStats> {
   droppedPeers: number;
   encodeInflight: number;
   /**
-   * Records of sound that were too late, too early or too many. Comes with `DeliveryStats`, if the
-   * helper was started with `sound`.
+   * Records of sound that were dropped: they came too late or too early, or too much sound waited.
+   * Only in events with `DeliveryStats`, if the helper was started with `sound`.
    */
   droppedSound?: number;
 }
@@ -97,8 +97,9 @@ export interface RecordingEvent {
 }
 
 /**
- * The helper's "error" line, just before the helper ends with status 1, or with 0 if it was already
- * ending. The event has another name here because Node throws an `error` event without a listener.
+ * The helper's "error" line. It comes just before the helper ends, with status 1, or with status 0
+ * if it was already ending. The event has another name here because Node throws when an `error`
+ * event has no listener.
  */
 export interface FailureEvent {
   type: 'failure';

@@ -1,7 +1,6 @@
-// Writes records into the helper's standard input. One frame is written at a time, and one more may
-// wait. A newer frame drops the one that waits, unless a command lies between the two. Commands and
-// frames are written in the order in which they were queued. Commands are dropped only when the
-// input closes.
+// Writes frames, commands and sound into the helper's standard input, one at a time, in the order
+// in which they were queued. A newer frame replaces a frame that waits, unless a command was queued
+// between the two. Commands are dropped only when the input closes.
 
 import type { Writable } from 'node:stream';
 
@@ -63,7 +62,7 @@ export class Feeder {
     return { state: 'queued', done };
   }
 
-  /** Returns true, and counts a dropped frame, if a frame already waits or frames have ended. */
+  /** Returns true, and counts a dropped frame, if a new one would replace another or be dropped. */
   skipsFrame(): boolean {
     const skips = this.#framesHaveEnded || this.#lastUnlessSound()?.isFrame;
     if (skips) this.counts.dropped += 1;
@@ -88,7 +87,8 @@ export class Feeder {
     const bytes = samples.byteLength;
     const most = mostSoundSeconds * rate * channels * samples.BYTES_PER_ELEMENT;
     if (this.#ending || this.#soundBytes + bytes > most) return false;
-    // Ids must grow, so an id too far ahead would make the times of later sound wrong.
+    // The id of sound is its capture time, and ids must grow. After an id too far ahead, later
+    // sound would get wrong times.
     if (isAhead(capturedAt)) return false;
     if (bytes === 0) return true;
     const { records, last } = soundRecords(samples, format, frameId(capturedAt), this.#lastSound);

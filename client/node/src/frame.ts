@@ -1,5 +1,5 @@
-// Reuses the memory of pictures. A frame that is never published or closed only costs a
-// new buffer.
+// Reuses the memory of pictures. If a frame is never published or closed, its memory is not reused,
+// and the garbage collector frees it.
 
 import { disposeWith } from './dispose.js';
 import { invalid } from './errors.js';
@@ -11,8 +11,8 @@ import {
   type FrameSize,
 } from './frame_format.js';
 
-// Usually at most four buffers are in use: one is being written, one waits, and the application
-// fills two.
+// The most buffers to keep for reuse. Usually at most four are in use: one is being written, one
+// waits, and the application fills two.
 const mostFree = 4;
 const empty = new Uint8Array(0);
 

@@ -1,7 +1,7 @@
 /** How many frames of the application were written into the helper, and how many were not. */
 export interface FrameCounts {
   written: number;
-  /** Either the helper was behind, stopping or gone, or a newer frame replaced the frame. */
+  /** The helper was behind, was stopping or had ended, or a newer frame replaced this one. */
   dropped: number;
 }
 

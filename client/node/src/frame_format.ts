@@ -1,5 +1,6 @@
-// The formats of frames. The helper ends when it gets a format or a length that it does not accept,
-// so the checks here throw first. A page uses this file, too, so it uses none of Node's modules.
+// The formats of frames. The helper ends when it gets a format or a picture length that it does not
+// accept, so the checks here throw first. This file uses none of Node's modules, because a page
+// uses it, too.
 
 import { invalid } from './errors.js';
 
@@ -9,7 +10,7 @@ export interface FrameSize {
   height: number;
 }
 
-// For `mjpeg` this is the maximum, but up to 64 KiB are always allowed.
+// For `mjpeg` this is the maximum. A small JPEG picture may exceed it, up to 64 KiB in all.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,
@@ -27,14 +28,14 @@ const bitsPerPixel = {
 export type FrameEncoding = keyof typeof bitsPerPixel;
 
 /**
- * An encoding, then at most one word of each of the following pairs, each word after a comma. `top`
- * or `bottom` says which row is first; the default is `bottom` for `rgba` and `bgra`, else `top`.
- * `nv12`, `nv21`, `i420`, `yuyv` and `uyvy` also take `bt601` (the default) or `bt709`, and
+ * An encoding, then at most one word of each pair below, separated by commas: `nv12,bt709,full`.
+ * `top` or `bottom` says which row is first; the default is `bottom` for `rgba` and `bgra`, else
+ * `top`. `nv12`, `nv21`, `i420`, `yuyv` and `uyvy` also take `bt601` (the default) or `bt709`, and
  * `limited` (the default) or `full`.
  */
 export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
 
-// A format names at most one of the two words. Without either it means `standard`.
+// A format names at most one of the two words. If it names neither, `standard` applies.
 type Choice = [standard: string, other: string];
 const colours: Choice[] = [
   ['bt601', 'bt709'],

@@ -39,7 +39,8 @@ function ownFormat(frame: CameraFrame | Picture): FrameFormat {
   return videoFrameFormat(frame) ?? 'rgba,top';
 }
 
-// One frame is being written, and one waits in the Helper. A third would replace the waiting one.
+// One frame is being written, and one waits in the `Helper` object. A third would replace the frame
+// that waits.
 const mostUnanswered = 2;
 
 export class FrameSink {
@@ -47,9 +48,9 @@ export class FrameSink {
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
    * Takes VideoFrames and pictures. Copies both, and does not wait for the helper. Closes each
-   * VideoFrame, unless the stream has failed before. The memory of a picture may be reused when its
-   * write resolves. Fails with an ArgumentError, or with the error of the frame, of the writer or
-   * of `onDrop`.
+   * VideoFrame until the stream fails. A picture's memory may be reused when the stream's `write`
+   * of it resolves. Fails with an ArgumentError, or with the error of the VideoFrame's `copyTo`, of
+   * the FrameWriter or of `onDrop`.
    */
   readonly writable: WritableStream<CameraFrame | Picture>;
   readonly #write: FrameWriter;
@@ -113,8 +114,8 @@ export interface PagePort {
 /**
  * Writes frames through a port, at whose other end `acceptFrames` answers. They are copied on the
  * way, because Electron loses the data of messages that transfer memory. When the other end is
- * gone, writing fails with the code `PORT_CLOSED`, but only in browsers whose ports have a `close`
- * event.
+ * gone, writing fails with the code `PORT_CLOSED` if the browser's ports have a `close` event. In
+ * other browsers it never resolves.
  */
 export function throughPort(port: PagePort): FrameWriter {
   const waiting: ((answer: FrameAnswer) => void)[] = [];

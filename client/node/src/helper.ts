@@ -81,8 +81,8 @@ export class Helper extends typedEmitter<HelperEvents>() {
       for (const line of lines.feed(bytes)) queueMicrotask(() => this.#handle(parseEvent(line)));
     });
     child.on('error', () => undefined); // a signal could not be sent
-    // "exit" may come before the last event. "close" follows it, but only once no other process
-    // holds the output open.
+    // Node emits "close" after it has read the helper's last line, and "exit" perhaps before that.
+    // While another process holds the output open, "close" does not come.
     child.on('close', (code, signal) => this.#settle(code, signal));
     child.on('exit', () => {
       const timer = setTimeout(this.#giveUpSoon, outputAfterExit);
@@ -125,9 +125,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
   }
 
   /**
-   * Memory for the next frame. Undefined while another frame waits to be written, and once the
-   * helper is stopping or has ended. Skip the camera's frame then; it counts as dropped. Throws
-   * an ArgumentError for a size that the helper does not accept.
+   * Memory for the next frame. Undefined while the previous frame waits to be written, unless a
+   * take was started or stopped in between. Also undefined once the helper is stopping or has
+   * ended. Skip the camera's frame then; it counts as dropped. Throws an ArgumentError for a size
+   * that the helper does not accept.
    */
   acquireFrame(size: FrameSize): Frame | undefined {
     checkSize(size);
@@ -138,7 +139,7 @@ export class Helper extends typedEmitter<HelperEvents>() {
    * Queues a frame of `acquireFrame`, and returns at once. The frame is empty after that. `id` is
    * as in `writeFrame`. Throws an ArgumentError if the id is not above the last id, or if the frame
    * has another format than the helper, was already published or closed, or is `mjpeg` and has no
-   * length yet. After an error, a frame that was not yet published or closed keeps its memory.
+   * length yet. After an error, the frame still has its memory unless it was published or closed.
    */
   publish(frame: Frame, id?: FrameId): FrameWrite {
     if (!isSameFormat(frame.format, this.#format)) {
@@ -151,10 +152,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Queues a picture in the helper's format, and returns at once. `pixels` may be reused when
-   * `done` resolves. It resolves with `written`, or with `dropped` if a newer frame replaced this
-   * one, or if the helper is stopping or has ended. By default the `id` is the uptime now in
-   * microseconds, but at least one more than the last id. Throws an ArgumentError for a size, a
-   * length or an id that the helper does not accept.
+   * the result's `done` resolves. It resolves with `written`, or with `dropped` if a newer frame
+   * replaced this one, or if the helper is stopping or has ended. By default the `id` is the uptime
+   * now in microseconds, but at least one more than the last id. Throws an ArgumentError for a
+   * size, a length or an id that the helper does not accept.
    */
   writeFrame(size: FrameSize, pixels: Pixels, id: FrameId = this.#nextId()): FrameWrite {
     checkSize(size);
@@ -165,10 +166,10 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Queues a copy of these samples, which are interleaved. `capturedAt` is the `uptime()` of the
-   * first sample; by default the last sample is from now. Returns false if the sound was skipped:
-   * more than two seconds of sound would wait, the first sample is more than 50 ms in the future,
-   * or the helper is ending. Throws an ArgumentError if the channels have different numbers of
-   * samples, if `capturedAt` is negative or not a number, or if `startHelper` got no `sound`.
+   * first sample; by default the last sample counts as captured now. Returns false if the sound was
+   * skipped: more than two seconds of sound would wait, the first sample is more than 50 ms in the
+   * future, or the helper is ending. Throws an ArgumentError if the channels have different numbers
+   * of samples, if `capturedAt` is negative or not a number, or if `startHelper` got no `sound`.
    */
   writeSound(samples: Int16Array, capturedAt?: number): boolean {
     const format = this.#sound;
@@ -229,11 +230,11 @@ export class Helper extends typedEmitter<HelperEvents>() {
     return exit;
   }
 
-  // Node reads waiting output before it runs the immediate.
+  // If the timer is late, Node still reads waiting output before it runs the immediate.
   readonly #giveUpSoon = () => void setImmediate(() => this.#giveUp());
 
-  // SIGKILL has not ended the helper. Or the helper has ended, but another process keeps its pipes
-  // open.
+  // Called if SIGKILL has not ended the helper, or if the helper has ended but another process
+  // keeps the helper's pipes open.
   #giveUp(): void {
     const { stdio, exitCode, signalCode } = this.#process;
     for (const pipe of stdio) pipe?.destroy();

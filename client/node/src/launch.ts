@@ -24,7 +24,7 @@ export interface LaunchOptions {
   preview?: { width: number; height: number };
   /** The format of all frames, for example `nv12,bt709`. By default RGBA, the bottom row first. */
   format?: FrameFormat;
-  /** The format of `writeSound`. Without it, takes have no sound. */
+  /** The format of the sound for `writeSound`. Without it, takes have no sound. */
   sound?: SoundFormat;
   /** Variables that the helper gets in addition to those of this process. */
   env?: Record<string, string>;

@@ -34,7 +34,7 @@ export interface FramePacket {
   /** The id that the camera frame was written with. */
   frameId: bigint;
   keyframe: boolean;
-  /** NAL units, each after its length in 4 bytes. */
+  /** NAL units, each preceded by its length in 4 bytes. */
   data: Uint8Array;
 }
 

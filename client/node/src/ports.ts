@@ -22,7 +22,7 @@ export interface NodePort {
 // Passes the port's messages to `handle`. Returns a function that stops this.
 function listen<Message>(port: NodePort, handle: (message: Message) => void): () => void {
   const listener = (message: { data?: Message } & Message) =>
-    handle(message?.data ?? message); // Electron's port passes an event
+    handle(message?.data ?? message); // Electron's port wraps the message in an event
   port.on('message', listener);
   port.start();
   return () => port.off('message', listener);
@@ -30,10 +30,10 @@ function listen<Message>(port: NodePort, handle: (message: Message) => void): ()
 
 /**
  * Writes the frames of the page at the other end of `port` into a helper, and answers each frame.
- * The page posts them with `throughPort`. `helperFor` gets the format of each frame, and returns
- * the helper that was started for this format. The page's FrameSink fails with the error of
- * `helperFor`, with `FORMAT_CHANGED` if the helper was started for another format, or with
- * `INVALID_ARGUMENT` if it would not accept the frame.
+ * The page posts them with `throughPort`. `helperFor` gets the format of each frame, and resolves
+ * with the helper for the frame. The page's FrameSink fails with the error of `helperFor`, with
+ * `FORMAT_CHANGED` if that helper was started for another format, or with `INVALID_ARGUMENT` if
+ * the helper would not accept the frame.
  */
 export function acceptFrames(
   port: NodePort,
@@ -71,8 +71,9 @@ export interface PreviewLimits {
  * with `acknowledgement: 'manual'`, and ids below 2 ** 53. Resolves when the connection is closed;
  * the port can then get the preview of another client. When the port closes, so does the
  * connection, even if `client` connects only later. A port that was closed before the call sends no
- * event. So `sendPreview` also resolves if the page has drawn nothing within `firstDrawnWithin` of
- * the first picture. Rejects if `client` rejects or the client's loop throws, with the same error.
+ * `close` event. So `sendPreview` also closes the connection if the page has drawn nothing within
+ * `firstDrawnWithin` of the first picture. Rejects if `client` rejects or the client's loop throws,
+ * with the same error.
  */
 export async function sendPreview(
   client: StreamClient | Promise<StreamClient>,
@@ -148,7 +149,7 @@ async function postPreview(
     const expire = () => {
       if (pictures.expire(id)) client.acknowledge(id);
     };
-    // Node reads waiting messages before it runs the immediate.
+    // The page's answer may be waiting. Node reads it before it runs the immediate.
     setTimeout(() => setImmediate(expire), drawnWithin);
   };
   const giveUpUnseen = () => {

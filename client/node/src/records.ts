@@ -1,7 +1,7 @@
-// Makes the records that the helper reads from its standard input: a header and a payload. A
-// malformed record would end the helper, so the checks here throw first. The header is big-endian.
-// In a command, width, height and frame id are 0. In sound, width and height are 0, and the samples
-// are little-endian.
+// Makes the records that the helper reads from its standard input. Each has a header and a payload:
+// a picture, a command or sound. A malformed record would end the helper, so the checks here throw
+// first. The header is big-endian. For a command, width, height and frame id are 0. For sound,
+// width and height are 0, and the samples are little-endian.
 //
 //   0        4       6        8          16
 //   +--------+-------+--------+----------+---------
@@ -66,10 +66,10 @@ export function recordHeader(length: number, { width, height }: FrameSize, id: b
 }
 
 /**
- * Returns the records of this sound, each with at most a quarter of a second, and the id of the
- * last one. `first` is the uptime of the first sample in microseconds, `last` the id of the last
- * record made before these. A record's id is the uptime of its first sample, or one more than the
- * id of the previous record if that is higher.
+ * Returns the records of this sound, two buffers each (header, samples), and the id of the last
+ * record. A record has at most a quarter of a second. `first` is the uptime of the first sample in
+ * microseconds, `last` the id of the last record made before these. A record's id is the uptime of
+ * its first sample, but at least one more than the id of the previous record.
  */
 export function soundRecords(
   samples: Int16Array,

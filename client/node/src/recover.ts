@@ -27,9 +27,9 @@ export class RecoverError extends CodedError<'RECOVERY_FAILED'> {
 
 /**
  * Makes an ordinary movie of each interrupted take in a folder. Does not touch a take that has no
- * picture, or that a helper may still be recording; `left` says why. Needs the program
- * `lumora-recover` in the helper's folder. `program` is the helper, as in `startHelper`. Rejects
- * with a RecoverError, or with a StartError if a program is missing.
+ * picture, or that a helper may still be recording; `left` says why. `program` is the path of the
+ * helper, as in `startHelper`; `lumora-recover` must be in the same folder. Rejects with a
+ * RecoverError, or with a StartError if one of the two programs is missing.
  */
 export async function recoverTakes(folder: string, program?: string): Promise<RecoveredTake[]> {
   const helper = await findProgram(program);

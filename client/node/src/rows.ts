@@ -3,8 +3,8 @@ import { checkSize, pixelBytes, type Pixels } from './records.js';
 
 /**
  * Flips an RGBA picture vertically. Writes into `target`, by default over the picture itself, and
- * returns `target`. A picture whose top row comes first needs no flip if the frame format is
- * `rgba,top`.
+ * returns `target`. Frames of the format `rgba` have the bottom row first. A picture with the top
+ * row first needs no flip if the helper was started with `rgba,top`.
  */
 export function flipRows<Memory extends Pixels>(
   rgba: Memory,

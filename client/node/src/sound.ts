@@ -25,10 +25,9 @@ export interface MicrophoneSound {
 }
 
 /**
- * Converts sound for `writeSound`. `format` must be the option `sound` of `startHelper`. Takes the
- * first channel of the microphone, or the first two if `format` has two. If the microphone has only
- * one, both channels get its samples. Throws an ArgumentError if `sound` has another rate than
- * `format`.
+ * Converts sound for `writeSound`. `format` must be the option `sound` of `startHelper`. With one
+ * channel in `format`, takes the first channel of the microphone. With two, takes its first two, or
+ * its only one twice. Throws an ArgumentError if `sound` has another rate than `format`.
  */
 export function copyAudioData(sound: MicrophoneSound, format: SoundFormat): Int16Array {
   const { rate, channels } = format;

@@ -2,9 +2,9 @@ import { CodedError } from './errors.js';
 import type { HelperExit } from './exit.js';
 
 /**
- * `PROGRAM_NOT_FOUND`: the message says where the client looked, what to install, or that there is
- * no program for this system.
- * `NOT_STARTED`: the system did not start the program; `cause` is its error.
+ * `PROGRAM_NOT_FOUND`: the message says which path has no program, what to install, or that there
+ * is no program for this system.
+ * `NOT_STARTED`: the system did not start the program; `cause` is the system's error.
  * `ENDED`: the helper ended before it was ready; `exit` says how.
  * `NOT_READY`: the helper did not become ready within ten seconds.
  */

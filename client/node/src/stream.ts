@@ -23,7 +23,7 @@ export interface StreamOptions {
   connectTimeout?: number;
   /**
    * `automatic`, the default: a frame is acknowledged when the loop takes it. `manual`: the caller
-   * acknowledges it. The helper disconnects a client that does not acknowledge within 0.5 s.
+   * acknowledges it. The helper disconnects a client that leaves a frame unacknowledged for 0.5 s.
    */
   acknowledgement?: 'automatic' | 'manual';
 }
@@ -31,10 +31,10 @@ export interface StreamOptions {
 /**
  * `UNREACHABLE`: the connection could not be made, or not in time; `cause` says why.
  * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
- * `REFUSED`: the token is wrong, the hello came more than a second after the connection, or there
- * was no room, but a client left before the reason was checked.
+ * `REFUSED`: the token is wrong, or the hello came more than a second after the connection. It also
+ * replaces `NO_ROOM` if another client leaves before this package has found the reason.
  * `CLOSED`: the helper has ended.
- * `MALFORMED`: no helper sends such bytes.
+ * `MALFORMED`: bytes came that no helper sends.
  */
 export type StreamErrorCode = 'UNREACHABLE' | 'MALFORMED' | Refusal;
 type Refusal = 'NO_ROOM' | 'REFUSED' | 'CLOSED';
@@ -140,8 +140,8 @@ function open(options: StreamOptions): Promise<Socket> {
   return once(socket, 'connect', { signal: limit }).then(() => socket, fail);
 }
 
-// Milliseconds. A helper without room closes a connection at once. With room it waits a second for
-// the hello.
+// Milliseconds after which a connection that is still open shows that the helper has room. With
+// room, the helper waits a second for the hello. Without room, it closes a connection at once.
 const roomLimit = 500;
 
 // The helper never says why it closes a connection. A second one, without a hello, shows why.
@@ -155,9 +155,9 @@ async function whyRefused(options: StreamOptions): Promise<Refusal> {
 }
 
 /**
- * Connects and sends the token. Rejects with a StreamError if nobody listens or answers in time,
- * with an ArgumentError for a malformed token, or with a RangeError for a `port` or a
- * `connectTimeout` out of range. If the helper refuses the token, the loop throws.
+ * Connects and sends the token. Rejects with a StreamError if it cannot connect within
+ * `connectTimeout`, with an ArgumentError for a malformed token, or with a RangeError for a `port`
+ * or a `connectTimeout` out of range. If the helper refuses the token, the loop throws.
  */
 export async function connectStream(options: StreamOptions): Promise<StreamClient> {
   const { token, signal } = options;

@@ -1,4 +1,4 @@
-// Takes: their options, their commands, and the promises that settle when they start and end.
+// Takes: their options, their commands, and the promises that settle when a take starts or ends.
 
 import { randomUUID } from 'node:crypto';
 import { dirname, isAbsolute, join } from 'node:path';
@@ -80,8 +80,8 @@ function failureOf(event: RecordingEvent, folder: string): TakeError {
 
 type Send = (record: Buffer) => boolean;
 
-// Milliseconds. A living helper answers at once. But it drops an answer that its parent does not
-// read in time.
+// Milliseconds. No answer comes if the helper hangs, or if the answer is lost because the parent
+// reads slowly. Otherwise the answer comes at once.
 const answerLimit = 10_000;
 const maximumPathBytes = 3000;
 

@@ -42,7 +42,7 @@ export interface Picture {
   pixels: Uint8Array;
 }
 
-/** Means `Uint8Array<ArrayBuffer>`, as `fetch` needs. TypeScript before 5.7 lacks that spelling. */
+/** `Uint8Array<ArrayBuffer>`, a body that `fetch` accepts. TypeScript before 5.7 can't spell it. */
 export type Bytes = ReturnType<Uint8Array['slice']>;
 
 export interface FrameCopy extends Picture {
@@ -68,7 +68,7 @@ const matrices = new Map([
 /**
  * The format for `startHelper`; undefined if the helper does not accept such pictures. For NV12 and
  * I420, the format names BT.601 if the frame has no matrix, and limited range if it has no range.
- * Chromium draws a frame without them in the same way.
+ * Chromium assumes the same when it draws such a frame.
  */
 export function videoFrameFormat({ format, colorSpace }: CameraFrame): FrameFormat | undefined {
   const encoding = yuv.get(format);
@@ -105,9 +105,9 @@ export function copyPicture({ size, pixels }: Picture, reuse?: Bytes): FrameCopy
 
 /**
  * Copies the visible part of a frame, cut to even sides, into `reuse` if that has the right length,
- * else into new memory. `format` is the helper's. With `rgba,top` the browser converts any frame.
- * With any other, the frame must have that format. Else this rejects with the ArgumentError
- * `FORMAT_CHANGED`. Also rejects if the frame is closed.
+ * else into new memory. `format` is the helper's. If it is `rgba,top`, the browser converts any
+ * frame. If it is another format, the frame must have it; otherwise this rejects with the
+ * ArgumentError `FORMAT_CHANGED`. Also rejects if the frame is closed.
  */
 export async function copyVideoFrame(
   frame: CameraFrame,

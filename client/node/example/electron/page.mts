@@ -30,7 +30,7 @@ async function feed(port: MessagePort): Promise<void> {
 }
 
 async function listen(port: MessagePort): Promise<void> {
-  const format = { rate: 48000, channels: 2 } as const; // the recorder's
+  const format = { rate: 48000, channels: 2 } as const; // as in recorder.ts
   // With echo cancellation, which is the default, Chromium delivers any microphone at this rate.
   const [track] = (await navigator.mediaDevices.getUserMedia({ audio: true })).getAudioTracks();
   await new MediaStreamTrackProcessor<AudioData>({ track }).readable.pipeTo(

@@ -16,10 +16,10 @@ import {
 
 const folder = process.argv.at(-1) as string;
 const retryAfter = 250; // milliseconds
-const sound = { rate: 48000, channels: 2 } as const; // the page's
+const sound = { rate: 48000, channels: 2 } as const; // as in page.mts
 let running: { format: FrameFormat; helper: Promise<Helper> } | undefined;
 let take: Take | undefined;
-let hasSound = false; // the page has a microphone
+let hasSound = false; // whether the page has sent sound
 let state = 'ready';
 let page: MessagePortMain | undefined; // where the state goes
 
@@ -35,7 +35,7 @@ const report = ({ code, message }: { code?: string; message: string }) =>
 // does a frame that comes after the helper has ended.
 function helperFor(format: FrameFormat): Promise<Helper> {
   if (running?.format === format) return running.helper;
-  // If the last helper could not start, its own frames fail, not these.
+  // If the last helper could not start, its frames get that error. The new frames do not.
   const last = running?.helper.then((helper) => helper.stop()).catch(() => undefined);
   const options = { format, sound, stderr: (text: string) => console.error(text) };
   const helper = Promise.resolve(last).then(() => startHelper(options));
@@ -47,7 +47,7 @@ function helperFor(format: FrameFormat): Promise<Helper> {
   return helper;
 }
 
-// Does not wait for the helper, so that `sendPreview` hears if the page goes away meanwhile.
+// Calls `sendPreview` at once, so that it hears if the page goes away while the helper starts.
 function showPreview(helper: Promise<Helper>, target: MessagePortMain): Promise<void> {
   const client = helper.then(({ port, token }) =>
     connectStream({ port, token, acknowledgement: 'manual' }),
@@ -80,7 +80,7 @@ function connect([frames, sounds, preview, commands]: MessagePortMain[]): void {
     const helper = helperFor(format);
     if (!isShown) {
       isShown = true;
-      // After the end of a preview, the next frame starts it again, but not within `retryAfter`.
+      // When a preview has ended, the first frame after `retryAfter` starts the next one.
       const retry = () => setTimeout(() => (isShown = false), retryAfter);
       void showPreview(helper, preview).catch(console.error).finally(retry);
     }
