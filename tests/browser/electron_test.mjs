@@ -63,7 +63,7 @@ function withText(data) {
     config: config && { ...config, description: text(config.description) } };
 }
 
-test('the example shows its camera, and saves takes with sound when told and on quit', async () => {
+test('the example shows its camera, records sound, and saves takes when told to stop and on quit', async () => {
   const application = inFolder('application');
   build(application);
   const recorder = fork(`${application}/recorder.js`, [folder], { serialization: 'advanced',

@@ -112,6 +112,7 @@ for (const [name, end] of Object.entries(endings)) {
     if (fs.existsSync(take.stagingPath)) fs.renameSync(take.stagingPath, movie);
     const { pixels, duration, soundBytes } = await show(movie, 1.5);
     assert.ok(duration > 2 && soundBytes > 0, `${duration} s, ${soundBytes} bytes of sound`);
+    assert.equal(pixels.length, stripes.length);
     for (let at = (360 * 1080 + 90) * 4; at < 361 * 1080 * 4; at += 180 * 4) { // inside each stripe
       const [seen, sent] = [pixels, stripes].map((all) => [...all.subarray(at, at + 3)]);
       assert.ok(seen.every((value, i) => Math.abs(value - sent[i]) <= 2), `${seen}, not ${sent}`);

@@ -13,7 +13,9 @@ inline constexpr FrameSize tiny{64, 36};
 
 struct Faults : HelperTest {
 #if defined(__SANITIZE_THREAD__)
-  void SetUp() override { GTEST_SKIP() << "this sanitizer must be the first library"; }
+  void SetUp() override {
+    GTEST_SKIP() << "ThreadSanitizer and the fault library must both be loaded first";
+  }
 #endif
   // False when the helper is not ready within 20 s, or ends before.
   bool startWith(const std::string& faults, Environment more = {}) {

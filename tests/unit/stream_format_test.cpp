@@ -25,7 +25,7 @@ std::string failureOf(const std::function<void()>& call) {
   return "";
 }
 
-TEST(Packets, SayWhatIsWrongWithASample) {
+TEST(Samples, ThatAreInvalidAreRefusedWithTheReason) {
   const auto formatWith = [](std::size_t setBytes) {
     return std::make_shared<MemoryFormatDescription>(Bytes(setBytes, 0x67), Bytes(4), 640, 360,
                                                      ColourDescription{});
@@ -51,7 +51,7 @@ TEST(Packets, SayWhatIsWrongWithASample) {
   }
 }
 
-TEST(Packets, AreReadByTheClientUpToTheLargest) {
+TEST(Packets, OfTheLargestSizeAreReadByTheClient) {
   const FramePackets packets = prepareFrame(*keySample(2097138), 0x0102030405060708, 640, 360);
   client::PacketParser parser;
   parser.feed(*packets.frame);

@@ -33,7 +33,7 @@ struct Driver : std::enable_shared_from_this<Driver> {
       }
       const Behaviour now = behaviour;
       if (now == hangs) released.wait();
-      if (now == throws) throw std::runtime_error("a driver's");
+      if (now == throws) throw std::runtime_error("the driver failed");
       if (now == refuses) return AVERROR(EBUSY);
       const std::lock_guard hold(mutex);
       std::erase_if(inUse, [](const auto& pool) { return pool.expired(); });

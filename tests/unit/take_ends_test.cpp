@@ -68,6 +68,7 @@ TEST_F(Takes, HaveSessionsOfTheirOwn) {
 TEST_F(Takes, IgnoreTheStopOfAnotherTakeAndFailWithoutAFrame) {
   start();
   EXPECT_TRUE(send("record_stop", {{"id", "00000000-0000-0000-0000-000000000000"}}).empty());
+  EXPECT_EQ(failure(), "");
   stop();
   EXPECT_EQ(failure(), "no camera frames were received for recording");
   EXPECT_TRUE(probe.movies->writers.empty());

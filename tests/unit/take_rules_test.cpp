@@ -56,7 +56,7 @@ TEST(GridCadence, AdmitsOnlyFramesThatReachTheNextPointOfTheGrid) {
   EXPECT_EQ(admitted(30, 30, 0.6e-6), 400);  // one frame in three is too early
 }
 
-TEST(SteadyCadence, AdmitsFramesThatAreEarlyByAThirdAndNoBurstAfterAPause) {
+TEST(SteadyCadence, AdmitsFramesEarlyByUpToAThirdOfAnIntervalAndNoBurstAfterAPause) {
   using Times = std::vector<double>;
   const std::pair<Times, Times> cases[] = {
       {{1, 1.0221, 1.1}, {1, 1.1}},

@@ -194,7 +194,7 @@ TEST_F(SoundTakes, HaveTheTwoSecondsOfSoundBeforeTheirCommandEvenRightAfterAnoth
   EXPECT_THAT(probe.sound->samples, testing::Each(0x101));
 }
 
-TEST_F(SoundTakes, EndWithoutTheRestOfLongSilenceIfTheHelperEnds) {
+TEST_F(SoundTakes, LeaveOutTheRestOfALongSilenceIfTheHelperEnds) {
   startWithSound({{"started_at", 971.0}});
   hear(999.9, 1000);
   feed(1000);

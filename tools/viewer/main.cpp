@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "client/child_process.h"
 #include "tools/cameras.h"
@@ -142,12 +144,17 @@ bool report(const Options& options, const std::vector<std::string>& events) {
   } else {
     bridge.join(options.address);
   }
-  // Until here a signal ends the viewer at once: a folder or a camera may hang.
-  boost::asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
-  signals.async_wait([&](const boost::system::error_code& error, int) {
-    if (error) return;
+  // Until here a signal ends the viewer at once: a folder or a camera may hang. A disk may also
+  // hang while it reads a movie, so signals have a thread of their own.
+  boost::asio::io_context signalContext(1);
+  boost::asio::signal_set signals(signalContext, SIGINT, SIGTERM, SIGHUP);
+  signals.async_wait([&](const boost::system::error_code&, int) {
     std::signal(SIGINT, SIG_DFL);  // a second Ctrl-C ends the viewer at once
-    bridge.end();
+    boost::asio::post(context, [&bridge] { bridge.end(); });
+  });
+  std::jthread waiter([&signalContext](const std::stop_token& stop) {
+    const std::stop_callback ending(stop, [&signalContext] { signalContext.stop(); });
+    signalContext.run();
   });
   server.start(bridge.webHandlers());
   std::printf("%s\n", server.address().c_str());
@@ -158,6 +165,7 @@ bool report(const Options& options, const std::vector<std::string>& events) {
   std::fflush(stdout);
   context.run();
   std::fflush(stdout);
+  waiter = {};
   signals.clear();  // Ctrl-C ends the viewer during the report, too
   const bool isReported = report(options, bridge.lastLines());
   _exit(bridge.hasFailed() || !isReported ? 1 : 0);  // does not wait for a disk that hangs
