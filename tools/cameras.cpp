@@ -1,6 +1,8 @@
 #include "tools/cameras.h"
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -23,6 +25,7 @@ std::string describeCamera(const std::string& device) {
   std::string reason;
   std::istringstream lines(printed);
   for (std::string line; std::getline(lines, line);) reason = line;  // the last line has it
+  if (printed.find("Unsupported") != std::string::npos) reason = "ffmpeg can't read its formats";
   return text + "  " + reason + "\n";
 }
 
@@ -57,8 +60,13 @@ std::vector<std::string> parseSoundDevices(const std::string& format, const std:
 }
 
 std::string listSoundDevices() {
+  std::ifstream cards("/proc/asound/cards");
+  const bool hasCard =
+      std::string(std::istreambuf_iterator(cards), {}).find('[') != std::string::npos;
+  std::vector<std::string> formats = {"pulse"};
+  if (hasCard) formats.emplace_back("alsa");  // which also lists plugins that need no card
   std::string text;
-  for (const std::string format : {"alsa", "pulse"})
+  for (const std::string& format : formats)
     for (const std::string& device :
          parseSoundDevices(format, outputOf("ffmpeg -hide_banner -nostdin -sources " + format)))
       text += "--sound " + device + "\n";

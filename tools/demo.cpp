@@ -160,7 +160,7 @@ void run(const std::string& helper, const std::filesystem::path& folder, double 
   makePicture(movie, "fps=" + rate + ",scale=360:-2,tile=4x3", sheet);
   if (hasSound) checkSound(movie);
   if (asJson) return;
-  std::printf("\n  frames went through the %s\n  %s, %s, %s and %s written\n",
+  std::printf("\n  frames reached the helper by %s\n  %s, %s, %s and %s written\n",
               wordOf(report.transport), preview.c_str(), previewPicture.c_str(), movie.c_str(),
               sheet.c_str());
 }
