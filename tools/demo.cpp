@@ -1,9 +1,9 @@
-// The demo parent: starts a helper, feeds it a test card that flashes and beeps, watches the
-// preview with two clients, records a take with sound, and prints how it went.
+// The demo: starts a helper, feeds it a test card that flashes and beeps, watches the preview with
+// two clients, records a take with sound, and prints a table of measurements.
 //
 //   lumora-demo [--json] HELPER OUTPUT-FOLDER [SECONDS]
 //
-// With --json, its standard output is one JSON object with the same figures.
+// With --json, standard output is one JSON object with the same measurements.
 //
 // The environment variable INPUT may name a video file or a camera; the take then has no sound.
 // FRAMES says how frames reach the helper: "memory" or "pipe".

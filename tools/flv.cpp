@@ -23,10 +23,10 @@ Bytes flvHeader() {
   return {'F', 'L', 'V', 1, hasVideo, 0, 0, 0, 9, 0, 0, 0, 0};
 }
 
-// Each field with its number of bytes:
-// type 1 | size of the next row 3 | low bytes of time 3 | highest byte of time 1 | stream (0) 3
-// frame type and codec 1 | packet type 1 | composition time (0) 3 | payload
-// size of the two rows above 4
+// The fields with their numbers of bytes; (0) marks a field that is 0:
+// type: 1 | size of the next row: 3 | low bytes of time: 3 | high byte of time: 1 | stream (0): 3
+// frame type and codec: 1 | packet type: 1 | composition time (0): 3 | payload
+// size of the two rows above: 4
 Bytes flvTag(const client::Packet& packet, std::uint32_t milliseconds) {
   const bool isConfiguration = packet.type == client::Packet::Type::configuration;
   const Bytes payload = isConfiguration
@@ -56,7 +56,7 @@ std::uint32_t FlvTimes::next(std::uint64_t frameID, client::Uptime::time_point a
   const auto time = isTime ? captured : arrivedAt;
   if (latest_ < 0) first_ = time;
   // When ids start again, only the arrivals tell how much time has passed since the last picture.
-  // If `fromIDs_` is false or empty, all times are on one clock and never start again.
+  // If `fromIDs_` is false or empty, times stay within 2 s of arrivals, so they never start again.
   if (fromIDs_.value_or(false) && time < time_)
     first_ = time - (arrivedAt - arrivedAt_) - std::chrono::milliseconds(latest_);
   time_ = time;

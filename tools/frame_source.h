@@ -7,8 +7,8 @@
 
 namespace lumora::tools {
 
-// The format of pictures from ffmpeg. It is 4:2:0, like the pictures of most cameras, so nothing
-// converts them to RGB and back.
+// The format of pictures from ffmpeg. It is YUV, as the pictures of most cameras are, so no picture
+// is converted to RGB and back.
 inline constexpr client::FrameFormat nv12BT709{.encoding = client::FrameEncoding::nv12,
                                                .matrix = client::ColourMatrix::bt709};
 
@@ -23,20 +23,21 @@ class FrameSource {
   virtual client::FrameFormat format() const { return {}; }
   // Whether `next` waits until a frame is captured, as a camera does.
   virtual bool keepsTime() const { return false; }
-  // Whether some frames flash, and whether the frame of this number does. `Beeps` sounds then.
+  // Whether some frames flash, and whether the frame of this number does. `Beeps` makes the sound
+  // for a flash.
   virtual bool canFlash() const { return false; }
   virtual bool flashes(std::uint64_t) const { return false; }
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
-  // If another thread waits in `next`, that call ends without a frame, and so does every later one.
+  // Ends a `next` that waits on another thread: it returns no frame. Later calls return none, too.
   // A source that never waits need not do anything.
   virtual void stop() {}
 };
 
 // A moving test card: colour bars and a fine pattern that scroll, a clock that tells frames apart,
-// and a box that is black, but white in three frames of each second. Below six frames a second, it
-// is white in at most half of the frames.
+// and a box that is black, but white in three frames of each second. Below six frames a second, the
+// box is white in at most half of the frames.
 // Drawing the card costs little CPU time, so it does not distort measurements of the helper.
 class TestCard final : public FrameSource {
  public:
@@ -85,7 +86,7 @@ struct CameraWish {
 std::unique_ptr<FrameSource> openInput(client::FrameSize size, int framesPerSecond,
                                        const CameraWish& wish = {});
 
-// `options` for a helper that gets the frames of `source`.
+// Returns `options` with the frame size and format of `source`.
 client::HelperOptions helperFor(const FrameSource& source, client::HelperOptions options);
 
 // Returns the transport that the environment variable FRAMES names, "memory" or "pipe", or

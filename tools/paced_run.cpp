@@ -69,7 +69,8 @@ class Run {
       }
     }
     if (number == 1 && !helper_.exited()) throw std::runtime_error("the source gave no frame");
-    // The helper reads the last frame a little after its capture. A stop at once would lose it.
+    // The helper reads the last frame a little after its capture. A take that stopped at once would
+    // lack the frame.
     waitFor(number);
     const auto end = client::Uptime::now();
     writeSound(end, number);
@@ -169,7 +170,7 @@ class Run {
     return static_cast<double>(number - 1) / options_.framesPerSecond;
   }
 
-  // Waits until the frame of this number is due. Returns how late it woke, in milliseconds.
+  // Waits until the frame of this number is due. Returns how late the thread woke, in milliseconds.
   double waitFor(std::uint64_t number) const {
     const auto due = begun_ + std::chrono::duration_cast<SteadyClock::duration>(
                                   std::chrono::duration<double>(secondsAt(number)));

@@ -18,7 +18,7 @@ struct RunOptions {
   // Called before each frame is written; may be empty.
   std::function<void(client::Helper& helper, std::uint64_t frame)> beforeFrame = {};
   // Writes the sound up to `capturedAt`; may be empty. Called after each frame with the frame's
-  // capture time. At the end, called once more when the next frame would be due, with that time.
+  // capture time. After the last frame, called once more with the time when another would be due.
   std::function<void(client::Helper& helper, client::Uptime::time_point capturedAt,
                      std::uint64_t frame)>
       writeSound = {};
@@ -39,9 +39,9 @@ struct RunReport {
   client::FrameCounts frames = {};        // how many were written and dropped
   std::vector<Delivery> deliveries = {};  // to all clients
   std::uint64_t bytes = 0;                // of their payloads
-  client::Stats stats = {};               // the latest event; its `delivery` may be older
+  client::Stats stats = {};               // the latest event; `delivery` may be from an earlier one
   client::Recording take = {};            // the latest event of the take in `RunOptions`
-  std::string error = {};                 // the latest of the helper
+  std::string error = {};                 // the helper's latest; empty: none
   std::vector<double> lateness = {};      // how late the feeder woke for each frame, milliseconds
   double fedSeconds = 0;
   double parentCPUSeconds = 0;  // of this process, while frames were fed

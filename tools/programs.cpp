@@ -61,13 +61,13 @@ std::string outputOf(const std::string& command) {
   std::array<char, 4096> bytes;
   while (const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), pipe))
     output.append(bytes.data(), count);
-  const int ended = pclose(pipe);  // in the form of waitpid(2)
+  const int ended = pclose(pipe);  // a status as waitpid(2) gives it
   const int status = WIFEXITED(ended) ? WEXITSTATUS(ended) : 128 + WTERMSIG(ended);
   return status == 0 ? output : output + "(ended with " + std::to_string(status) + ")";
 }
 
 // Frames keep their own times. If ffmpeg guessed a frame rate, it would round the times of some
-// frames to the same value.
+// frames to the same value, and complain.
 std::string decodeErrors(const std::string& path) {
   return outputOf("ffmpeg -v error -xerror -nostdin -i " + shellQuoted(path) +
                   " -fps_mode passthrough -enc_time_base -1 -f null -");

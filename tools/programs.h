@@ -16,7 +16,7 @@ std::string shellQuoted(const std::string& text);
 
 inline constexpr int pipeBytes = 1 << 20;  // the largest pipe that Linux by default gives any user
 
-// The standard output of a program. Up to `pipeBytes` of it may wait until they are read.
+// The standard output of a program. Up to `pipeBytes` of it may wait to be read.
 class CommandPipe {
  public:
   // `command`: a program and its arguments, quoted for a shell. Throws std::system_error when no
@@ -42,7 +42,7 @@ std::string decodeErrors(const std::string& path);
 double ownCPUSeconds();
 
 // The most memory that a running process has held so far. (`wait4` would not do: it also counts
-// what the parent held when it started the process.)
+// what the parent held when the process was started.)
 double peakMegabytes(pid_t process);
 
 struct ProcessFigures {

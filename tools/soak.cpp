@@ -31,13 +31,13 @@ constexpr client::TakeSize takeSizes[] = {client::TakeSize::of640x360, client::T
                                           client::TakeSize::of1920x1080};
 constexpr client::TakeRate rates[] = {client::TakeRate::fps15, client::TakeRate::fps30,
                                       client::TakeRate::fps45, client::TakeRate::fps60};
-constexpr client::Seconds patience(20);  // for the end of a take
-constexpr int takesBetweenRests = 4;
+constexpr client::Seconds patience(20);       // for the end of a take
+constexpr int takesBetweenRests = 4;          // in a rest the helper is idle
 constexpr unsigned longestTake = 120;         // seconds, from one start of a take to the next
 constexpr std::size_t fewestRests = 4;        // that show a trend
 constexpr double mostMegabytes = 200;         // at any time
 constexpr double growthMegabytes = 12;        // from the first rests to the last
-constexpr double threadsOfSpareEncoders = 6;  // the settings of takes decide how many there are
+constexpr double threadsOfSpareEncoders = 6;  // their number varies with the settings of takes
 constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // of one client
 
 // Ends the run. Any thread.

@@ -22,8 +22,8 @@ inline constexpr client::Seconds longestSound(1.5);
 class SteadySound {
  public:
   using Sample = std::function<double(std::int64_t number)>;  // full scale is 32767
-  // Passes the sound from the last call until now to the helper. All channels are equal. Passes
-  // none in the first call, or if the last call was more than `longestSound` ago.
+  // Passes the helper the sound since the last call. All channels are equal. Passes none in the
+  // first call, or if the last call was more than `longestSound` ago.
   void write(client::Helper& helper, client::Uptime::time_point now, const Sample& sample);
 
  private:

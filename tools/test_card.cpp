@@ -86,8 +86,9 @@ TestCard::TestCard(client::FrameSize size, int framesPerSecond)
   }
 }
 
-// The first flash comes about half a second after the first frame. At few frames a second a flash
-// has fewer than three, so that there are dark ones between.
+// The first flash comes about half a second after the first frame. A flash lasts three frames.
+// Below six frames a second it lasts fewer, so that dark frames lie between the flashes. At one
+// frame a second nothing flashes.
 bool TestCard::flashes(std::uint64_t number) const {
   return (number + framesPerSecond_ / 2) % framesPerSecond_ <
          std::min<std::uint64_t>(framesPerSecond_ / 2, 3);

@@ -16,18 +16,19 @@ struct HelperAddress {
 // A helper's stream, which is connected again whenever it breaks off.
 class WatchedStream {
  public:
-  // Called on the thread that watches.
+  // Called on the thread that watches. All but `packet` are optional.
   struct Handlers {
     std::function<void(client::Packet)> packet;
-    std::function<void()> connected = {};                     // before a stream's packets; optional
-    std::function<void(const std::string& why)> failed = {};  // before a retry; optional
+    std::function<void()> connected = {};                     // before a connection's first packet
+    std::function<void(const std::string& why)> failed = {};  // before a retry
   };
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested. When a connection fails or ends, retries after 250 ms,
-  // but gives up if no connection with packets was open in the last `patience`. Returns why the
-  // last connection failed or ended; after `stop` it may be wrong. Throws what the handlers throw.
+  // Watches until `stop` is requested. When a connection fails or ends, retries after 250 ms. Gives
+  // up instead if the last connection that brought packets ended at least `patience` ago. Until
+  // there is such a connection, `patience` counts from the call. Returns why the last connection
+  // failed or ended; after `stop` this reason may be wrong. Throws what the handlers throw.
   std::string watch(const std::stop_token& stop, client::Seconds patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
@@ -37,7 +38,7 @@ class WatchedStream {
 
   const HelperAddress from_;
   const Handlers handlers_;
-  // When a connection that brought packets was last open. Before the first: when `watch` began.
+  // When a connection that brought packets was last open. Until there is one: when `watch` began.
   client::Uptime::time_point lastReceived_;
   std::mutex mutex_;  // held while `stream_` is replaced, and by `acknowledge`
   std::optional<client::StreamClient> stream_;

@@ -16,7 +16,8 @@ const program = process.argv[2];
 const pathOf = (name) => fileURLToPath(new URL(name, import.meta.url));
 const client = pathOf('../../client/node');
 
-// Does the work of `npm install` and `tsc`. Of Electron only its declarations are used.
+// Copies the example and its packages to the folder `application`, and runs `tsc` there. Electron's
+// package is only needed for its type declarations.
 function build(application) {
   fs.cpSync(`${client}/example/electron`, application, { recursive: true });
   const modules = `${application}/node_modules`;
@@ -35,8 +36,8 @@ function build(application) {
   execFileSync(process.execPath, [compiler, '-p', application], { stdio: 'inherit' });
 }
 
-// Runs in the page and gives it the ports, in place of the preload script. Binary data travels as
-// text.
+// Runs in the page and gives it the ports, in place of the preload script. Binary data passes
+// between the page and this process as base64.
 function connect(names) {
   const channels = names.map(() => new MessageChannel());
   const asText = (data) => {
@@ -102,7 +103,7 @@ test('the example shows its camera, records sound, and saves takes when told to 
   const record = async () => {
     await page.getByRole('button', { name: 'Record' }).click();
     await page.getByRole('button', { name: 'Stop' }).waitFor();
-    const [frames, pictures] = [written + 30, drawn + 1]; // the microphone beeps twice meanwhile
+    const [frames, pictures] = [written + 30, drawn + 1]; // in 30 frames the microphone beeps twice
     while (written < frames || drawn < pictures) await once(recorder, 'message');
   };
   while (await colours() < 2); // an empty canvas has one

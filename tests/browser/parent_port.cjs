@@ -1,5 +1,5 @@
-// Preloaded into the Electron example's recorder. Stands in for `process.parentPort` and four
-// ports, over the IPC of Node's `fork`.
+// Preloaded into the Electron example's recorder, in place of Electron. Provides
+// `process.parentPort` and the four ports. Their messages use the IPC channel of Node's `fork`.
 
 const { EventEmitter } = require('node:events');
 

@@ -1,5 +1,5 @@
 // The viewer in Chromium. The page shows the right picture and figures, and makes takes. A page
-// that hangs delays no other client. Requests from elsewhere are refused.
+// that hangs delays no other client. Requests with another host or origin are refused.
 //
 //   node view_test.mjs HELPER VIEW TAP CHROMIUM
 
@@ -35,7 +35,8 @@ async function assertEnds({ program }) {
 
 const figure = (page, id) => page.locator(`#${id}`).evaluate((node) => Number(node.dataset.value));
 
-// Which bars of the test card are at 64 places along its top; -1 where there is none.
+// For each of 64 places along the test card's top: which of the bars has the colour seen there; -1
+// if none has.
 const barsOf = (page) => page.evaluate(() => {
   const bars = [[255, 255, 255], [255, 255, 0], [0, 255, 255], [0, 255, 0], [255, 0, 255],
     [255, 0, 0], [0, 0, 255], [32, 32, 32]];
@@ -118,8 +119,8 @@ test('a viewer with its own helper shows its card, recovers a take and makes one
   const part = await fetch(movie, { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
-  // The helper repeats the last event of the saved take. The page still shows that take's movie,
-  // and why the viewer refuses the next take.
+  // The viewer refuses the next take, and the helper repeats the last event of the saved take. The
+  // page must show why the take is refused, and must still show the path of the saved movie.
   await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
   await sleep(1500);

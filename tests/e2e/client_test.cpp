@@ -117,7 +117,7 @@ TEST_F(Client, SaysWhyAHelperDoesNotStart) {
   const std::pair<client::HelperOptions, testing::Matcher<const std::string&>> cases[] = {
       {{.program = helperProgram(), .token = token, .arguments = {"--unknown"}},
        "the helper did not start: invalid helper configuration"},
-      // The port is in use at the first address of localhost. The helper must not try another one.
+      // The port is in use at localhost's first address. The helper must not try the next address.
       {{.program = helperProgram(), .arguments = {"--host", "localhost", "--port", taken}},
        "the helper did not start: video listener failed"},
       {{.program = "/bin"}, "there is no program at /bin"},

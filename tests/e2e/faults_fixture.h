@@ -1,6 +1,6 @@
 #pragma once
 
-// The real helper while its calls fail.
+// The real helper while the fault library in tests/faults makes its calls of libraries fail.
 
 #include <map>
 #include <string>
@@ -62,8 +62,8 @@ struct Faults : HelperTest {
     EXPECT_TRUE(isHeard || !helper->hasOutput()) << said;
     return states;
   }
-  // Runs the helper with one client and records a short take. If a call has failed, `withAnother`
-  // adds a second take. The second take may fail only if the helper ends.
+  // Runs the helper with one client and records a short take. If the call has failed by then and
+  // `withAnother` is true, records a second take. That take may fail only if the helper ends.
   client::Exited run(const std::string& faults, bool withAnother) {
     if (startWith(faults)) {
       std::unique_ptr<client::StreamClient> viewer;
@@ -87,9 +87,10 @@ struct Faults : HelperTest {
     helper.reset();
     return exit;
   }
-  // Makes the calls of a kind fail, one in each run. `look` judges each run. Each of the first
-  // calls gets a run. After these, more and more calls are skipped. With sound there are fewer
-  // runs, because the runs without sound already cover most of the calls.
+  // Makes the calls of the kind `call` fail, one in each run. `before` lists the faults that every
+  // run has first. `look` judges each run. Each of the first calls gets a run. After these, more
+  // and more calls are skipped. With sound there are fewer runs, because the runs without sound
+  // already cover most of the calls.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
     const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;
@@ -112,7 +113,7 @@ struct Faults : HelperTest {
     EXPECT_TRUE(exit.status == 0 || exit.status == 1) << exit.status;
     // Event lines may be lost if `write` fails.
     EXPECT_TRUE(kind == "write" || (exit.status == 0) == error.empty()) << error;
-    // Libraries may abort when they are out of memory. We never do.
+    // If an allocation fails, a library may abort. In no other case may the helper abort.
     const bool hasAborted = error == "unexpected failure";
     EXPECT_TRUE(!hasAborted || kind == "malloc");
     for (const auto& [id, states] : takes) {
@@ -129,7 +130,8 @@ struct Faults : HelperTest {
   }
   std::string hitPath() const { return folder / "hit"; }
   bool hasHit() const { return std::filesystem::exists(hitPath()); }
-  // A helper that contains libavcodec does not call it through the fault library.
+  // LUMORA_HELPER may name the portable program. That program contains libavcodec, so the fault
+  // library can't make its calls of libavcodec fail.
   static bool canFailCodec() { return std::getenv("LUMORA_HELPER") == nullptr; }
 
   Environment environment;

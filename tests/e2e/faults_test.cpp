@@ -1,4 +1,4 @@
-// The real helper while its calls fail, one at a time.
+// The real helper while its calls of libraries fail.
 
 #include <csignal>
 #include <set>
@@ -14,11 +14,11 @@ INSTANTIATE_TEST_SUITE_P(, FaultyTakes, testing::Bool(), [](const auto& test) {
 });
 
 TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
-  const std::string noRename = "renameat2:0:22,";  // a file system that can't rename exclusively
+  const std::string noRename = "renameat2:0:22,";  // a file system without RENAME_NOREPLACE
   const std::string noRoom = "fallocate:0:95,";    // a file system that can't reserve room
   const std::string recovered = recoveredPath();
-  // Each has the call that the sweep makes fail, the faults that every run has, and the path at
-  // which the movie is saved if that call succeeds (empty: it is not saved).
+  // Each kind has the call that the sweep makes fail, the faults that every run has, and the path
+  // at which the movie is saved if no such call fails (empty: it is not saved).
   std::vector<std::array<std::string, 3>> kinds;
   // `malloc` and `pipe` fail only in builds without a sanitizer. A sanitizer has a heap of its own,
   // and calls `pipe` itself.
@@ -31,7 +31,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
                                  {"pipe", "", path}});
     }
   } else if (!sanitized && canFailCodec()) {
-    // Calls of malloc count from the first picture on. The sound encoder is opened after it.
+    // Calls of malloc count from the first encoded picture on. Then the sound encoder is opened.
     kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }
   std::istringstream others(
@@ -59,7 +59,8 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   }
 }
 
-// From the second fragment (the file's third write) on, no allocation succeeds on any thread.
+// `fallocate` is called for the movie's start and for each fragment. From its third call on, that
+// for the second fragment, no allocation succeeds on any thread.
 TEST_F(Faults, WithoutMemoryTheHelperExitsWithOneAndTheMovieStays) {
   if (sanitized) GTEST_SKIP() << "the sanitizer's heap can't fail";
   ASSERT_TRUE(startWith("fallocate:3:95,malloc:0"));
@@ -84,7 +85,8 @@ TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
       return told["state"] == "saved" || told["state"] == "failed";
     });
   };
-  EXPECT_EQ(end()["error"], "Input/output error");  // told after 1 s; the removal takes 6 s
+  // The removal of the file takes 6 s. The helper waits 1 s for it, then reports the failed take.
+  EXPECT_EQ(end()["error"], "Input/output error");
   ASSERT_TRUE(std::filesystem::remove(stagingPath()));
   path = folder / "." / std::filesystem::path(path).filename();  // another spelling
   EXPECT_EQ(end()["error"], "invalid or existing recording destination");

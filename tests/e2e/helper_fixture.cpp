@@ -69,7 +69,7 @@ void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
   const Pixels pixels = bytesOf(last);
   std::filesystem::remove(last);
   ASSERT_EQ(pixels.size(), size.rgbaBytes() / 4 * 3);
-  // `x` and `y` are distances from the middle, in parts of the picture's width and height.
+  // `x` and `y` are distances from the middle, as fractions of the picture's width and height.
   const auto expect = [&](double x, double y, const Rgb& colour) {
     const int column = static_cast<int>((0.5 + x) * size.width);
     const int row = static_cast<int>((0.5 + y) * size.height);

@@ -34,14 +34,15 @@ using tools::outputOf;
 using Event = nlohmann::json;
 using Pixels = std::vector<std::uint8_t>;
 
-// A sanitizer makes everything slow and has a heap of its own.
+// True in a build with a sanitizer, which makes everything slow and has a heap of its own.
 inline constexpr bool sanitized = LUMORA_SANITIZED;
 
 // The uptime in seconds, as commands carry it.
 inline double uptime() { return client::Uptime::now().time_since_epoch().count(); }
 
-// The helper as a plain child process: records go in, events come out as JSON. Tests use it for
-// what `client::Helper` never does. Throws Event::parse_error for a line that is not JSON.
+// The helper as a plain child process: records go in, events come out as JSON. With it a test can
+// also do what `client::Helper` never does, such as close its output or leave its events unread.
+// Throws Event::parse_error for a line that is not JSON.
 struct HelperProcess : client::ChildProcess {
   using ChildProcess::ChildProcess;
 
@@ -94,8 +95,8 @@ Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments);
 
 // Expects that ffmpeg reads the file without errors, and that its last picture has this `size`. The
-// picture must show a frame of the size `camera` in these colours, between black bars if the shapes
-// of the two differ.
+// picture must show a frame of the size `camera` whose quarters have these colours. If `size` has
+// another shape than `camera`, the frame must lie between black bars.
 void expectQuarters(const std::string& path, FrameSize size, FrameSize camera,
                     const Quarters& colours = usualColours);
 
@@ -167,8 +168,8 @@ class HelperTest : public testing::Test {
   std::unique_ptr<client::StreamClient> connectClient();
   // Feeds one frame. Waits for a slot, if frames go through shared memory.
   void feed(FrameSize size, const Pixels& pixels);
-  // Feeds frames at a steady rate until `isEnough` returns true, for 100 s at most. They show these
-  // pictures in turn, or the usual colours if there are none.
+  // Feeds frames at a steady rate until `isEnough` returns true. Fails after 100 s. The frames show
+  // these pictures in turn, or the usual colours if there are none.
   void feedUntil(const std::function<bool()>& isEnough, FrameSize size = {640, 360},
                  const std::vector<Pixels>& pictures = {}, double framesPerSecond = 60);
   void feedPaced(int count, double framesPerSecond = 60, FrameSize size = {640, 360},
@@ -202,7 +203,7 @@ class HelperTest : public testing::Test {
   Event waitForTake(const std::string& state);
   // Expects a failed take to have kept an ordinary movie, and returns its path.
   std::string expectKept(const Event& failed) const;
-  // Gives the next take a new ID and this path. At most fifteen times for a helper.
+  // Gives the next take a new ID and this path. Call it at most fifteen times per helper.
   void turnTo(const std::filesystem::path& file) {
     path = file;
     takeID.back() = takeID.back() == '9' ? 'A' : static_cast<char>(takeID.back() + 1);

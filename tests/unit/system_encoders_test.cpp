@@ -1,4 +1,4 @@
-// Which encoder a session gets if a driver refuses, hangs, answers late or opens only a few.
+// Which encoder a session gets if a driver refuses, hangs, answers late or opens few encoders.
 
 #include "codec/system_encoders.h"
 
@@ -46,7 +46,7 @@ struct Driver : std::enable_shared_from_this<Driver> {
   }
 
   std::atomic<Behaviour> behaviour = works;
-  std::atomic<int> asked = 0, opened = 0;  // calls; opened hardware encoders
+  std::atomic<int> asked = 0, opened = 0;  // calls of `open`; hardware encoders opened
   std::atomic<bool> othersAsked = false;
   std::atomic<std::size_t> limit = 99;  // hardware encoders open at once
   std::promise<void> release;
@@ -131,7 +131,8 @@ TEST_F(EncoderPoolTest, OpensTheLikeliestTakeAheadUnlessAnotherTakeHasStarted) {
                                          dispatch, PicturePool::make(), driver->factory());
     encoders->warmUp(take, take);
     if (hasStarted) encoders->openAhead(slowTake), dispatch->queues.at(0)->run();
-    std::exchange(dispatch->detached, {}).at(0)();  // the work owns the encoders, so it is dropped
+    // Empties `detached`. Its work owns `encoders`, which owns `dispatch`: a cycle that would leak.
+    std::exchange(dispatch->detached, {}).at(0)();
     opener->run();
     dispatch->queues.at(0)->run();
     EXPECT_EQ(driver->asked, hasStarted ? 2 : 1);
@@ -317,7 +318,7 @@ TEST_F(HardwareEncoders, AreWaitedForUntilOneIsFoundAndWhileAStoppedSessionHolds
     run.driver->behaviour = hangs;
     run.createSession()->invalidate();
     const Session next = run.createSession();
-    run.driver->release.set_value();  // the two openings end in any order
+    run.driver->release.set_value();  // the stopped session's opening may end first or second
     EXPECT_EQ(run.encodeOne(next), (Answer{0, 0}));
   }
 }

@@ -29,7 +29,7 @@ TEST_F(Takes, StopAfterTheFrameInFlightAndIgnoreLaterFrames) {
   stop();
   EXPECT_TRUE(probe.movies->writers.empty());
   probe.answer(keySample());
-  EXPECT_EQ(probe.process->takeEvent("recording")["state"], "finishing");  // not "recording"
+  EXPECT_EQ(probe.process->takeEvent("recording")["state"], "finishing");  // the only event
   ASSERT_TRUE(writer().finished);
   EXPECT_EQ(writer().timings.size(), 1u);  // the frame in flight is part of the movie
   EXPECT_TRUE(probe.lastSession().invalidated);
@@ -110,7 +110,7 @@ struct KeptTakes : Takes {
 };
 
 // The encoder fails, the camera changes its size, the time of the stop is refused, a sample can't
-// be written, the disk fails, or 32 MB wait for it.
+// be written, the disk fails, or 32 MB of samples wait for the disk.
 TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhyTheRestIsLost) {
   const std::string kept = "2,1001.100000,0.100000,written\n3,1001.200000,,";
   const std::string lost = ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n";

@@ -38,7 +38,8 @@ TEST(ParseJson, RefusesNulCharactersAndLimitsLargeNumbers) {
     EXPECT_FALSE(parse(text)) << text;
 }
 
-// A camera delivers 600 frames with this jitter, in seconds. Returns how many the grid admits.
+// A camera delivers 600 frames. Of each three, the first is late by `jitter` seconds, the third is
+// early by as much. The grid begins at the first frame. Returns how many frames it admits.
 int admitted(int targetFPS, double cameraFPS, double jitter) {
   RecordingCadence cadence{targetFPS};
   int count = 0;
@@ -52,8 +53,8 @@ TEST(GridCadence, AdmitsOnlyFramesThatReachTheNextPointOfTheGrid) {
   EXPECT_EQ(admitted(30, 60, 0), 300);
   EXPECT_NEAR(admitted(45, 60, 0), 450, 1);
   EXPECT_EQ(admitted(60, 25, 0.002), 600);
-  EXPECT_EQ(admitted(30, 30, 0.4e-6), 600);  // up to a microsecond early counts as on time
-  EXPECT_EQ(admitted(30, 30, 0.6e-6), 400);  // one frame in three is too early
+  EXPECT_EQ(admitted(30, 30, 0.4e-6), 600);  // 0.8 µs early is within the tolerance of 1 µs
+  EXPECT_EQ(admitted(30, 30, 0.6e-6), 400);  // 1.2 µs is too early: one frame in three is refused
 }
 
 TEST(SteadyCadence, AdmitsFramesEarlyByUpToAThirdOfAnIntervalAndNoBurstAfterAPause) {

@@ -1,4 +1,4 @@
-// The sound of takes on fakes: what is heard when, how takes stop, how they fail.
+// The sound of takes, on fakes: which sound is where in the movie, how takes stop and fail.
 
 #include "tests/unit/probe.h"
 
@@ -24,7 +24,7 @@ struct SoundTakes : Takes {
     lastID = static_cast<std::uint64_t>(std::llround(captured * 1e6)) - 1;
     return frame(read, keyframe);
   }
-  // Starts a take with sound from `from` to `to`. Its first picture is read at `to`.
+  // Starts a take with sound, adds records from `from` to `to`, and feeds a key frame read at `to`.
   void startHeard(double from, double to, double captured, const Json& keys = Json::object()) {
     startWithSound(keys);
     hear(from, to);
@@ -100,7 +100,7 @@ TEST_F(SoundTakes, WriteSilenceTwoSecondsLateWhileTheDeviceSendsNothing) {
   picture(1600, 1600.02, true);
   probe.tickAt(1604.02);
   probe.run();
-  expectSamples(8000);  // silence comes three seconds late: the last records came a second late
+  expectSamples(8000);  // the silence is 2 + 1 s late: the last records came 1 s late
 }
 
 TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {
@@ -190,7 +190,7 @@ TEST_F(SoundTakes, HaveTheTwoSecondsOfSoundBeforeTheirCommandEvenRightAfterAnoth
   finish({{"stopped_at", 1001.4}});
   startHeard(1001.5, 1002, 1001.6, {{"started_at", 999.6}});
   finish({{"stopped_at", 1001.9}});
-  expectSamples(2.4 * 8000);  // all that was heard; the writer cuts it at the stop
+  expectSamples(2.4 * 8000);  // all since the take's start; the writer cuts the track at the stop
   EXPECT_THAT(probe.sound->samples, testing::Each(0x101));
 }
 

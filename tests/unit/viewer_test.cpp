@@ -1,5 +1,5 @@
 // The viewer's rules: which frames a page gets, and who may ask for what. Also the lists of cameras
-// and sound devices, and the times that the tap gives to pictures.
+// and sound devices, and the times that lumora-tap gives to pictures.
 
 #include <gtest/gtest.h>
 

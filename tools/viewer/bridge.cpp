@@ -181,7 +181,7 @@ void Bridge::packetCame(const client::Packet& packet) {
   if (!flow_.frameCame(packet.frameID, packet.keyframe, uptime())) {
     return acknowledge(packet.frameID);
   }
-  // A frame is passed on only while there is a page.
+  // `frameCame` returns true only while there is a page, so `page_` is set.
   if (const auto withheld = flow_.takeWithheld()) {
     tell({{"type", "skipped"}, {"frames", withheld}});
   }
@@ -198,7 +198,7 @@ void Bridge::streamBegan() {
 }
 
 void Bridge::streamFailed(const std::string& why) {
-  flow_.streamBegan();  // the next connection must not get acknowledgements of this one
+  flow_.streamBegan();  // the old connection's frames must not be acknowledged to the next
   if (std::exchange(lastFailure_, why) == why) return;  // the watcher retries four times a second
   if (!ending_ && inputEnd_.empty()) std::fprintf(stderr, "%s\n", why.c_str());
   if (camera_) return;  // the helper's events tell more
@@ -259,7 +259,8 @@ void Bridge::helperEnded(const client::Exited& exited) {
   finish();
 }
 
-// Reports the take's end and offers its movie. The page plays the movie once it gets the event.
+// Reports the take's end and offers its movie. A "saved" event goes to `eventCame` next, which
+// passes it to the page. Then the page loads the movie.
 void Bridge::takeSaid(const client::Recording& recording) {
   if (!recording.isOver()) return;
   if (recording.failure == client::TakeFailure::noAnswer) {

@@ -27,8 +27,7 @@ class Bridge {
            const std::string& folder);
 
   WebHandlers webHandlers();
-  // Ends the helper if `own` started it; the helper then saves a running take. Then stops the
-  // context.
+  // If `own` started the helper, makes it save a running take and exit. Then stops the context.
   void end();
   bool hasFailed() const { return failed_; }
   // The helper that `own` started.
@@ -82,7 +81,7 @@ class Bridge {
   // Messages for a page that opens later.
   Json session_;
   std::map<std::string, Json> latestEvents_;  // by type
-  std::deque<std::string> lastLines_;         // for a report
+  std::deque<std::string> lastLines_;         // for a report, not for a page
   Json interruption_;                         // why there is no stream; or null
   Json interruptedTakes_;                     // how many, and what a recovery did; or null
   std::vector<std::uint8_t> configuration_;   // the latest configuration packet
@@ -93,7 +92,7 @@ class Bridge {
   std::filesystem::path program_;                        // of the helper; empty: see HelperOptions
   std::jthread recovery_;                                // of interrupted takes
   std::jthread planning_;                                // of the next take
-  bool isTakeLost_ = false;                              // whether the last take that ended failed
+  bool isTakeLost_ = false;                              // the take that ended last has failed
   std::string lastFailure_;                              // of the stream; empty while it works
   std::string inputEnd_;                                 // a sentence, once the input has ended
   bool ending_ = false;

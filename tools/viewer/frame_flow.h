@@ -37,7 +37,7 @@ class FrameFlow {
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
   // How many frames a visible page has missed since the last call. After the page has joined, or
-  // its decoder has restarted, missed frames count only once the page has got a frame.
+  // its decoder has restarted, frames before the first that it gets are not counted.
   std::uint64_t takeWithheld() { return std::exchange(withheld_, 0); }
 
  private:
@@ -49,7 +49,7 @@ class FrameFlow {
 
   bool isResponding_ = false;  // false: no page, or no message from it since frames were overdue
   bool isVisible_ = true;
-  bool needsKeyFrame_ = true;    // always while the page can't show frames
+  bool needsKeyFrame_ = true;    // always true while the page can't show frames
   bool countsWithheld_ = false;  // the page got a frame since it joined or restarted
   std::deque<Forwarded> unseen_;
   std::uint64_t withheld_ = 0;

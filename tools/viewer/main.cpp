@@ -41,7 +41,7 @@ struct Options {
   std::string helper;
   std::string folder = ".";
   tools::CameraWish camera;
-  std::string sound;  // a device or "none"; empty: the beep, if the input is the test card
+  std::string sound;  // a device or "none"; empty: the test card beeps, other input is silent
   int rate = 60;
   std::string report;            // a file; empty: none
   tools::HelperAddress address;  // of a helper to join
@@ -187,7 +187,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (!options->report.empty() && !std::ofstream(options->report)) {
-    std::perror(options->report.c_str());  // checked before the run, not after it
+    std::perror(options->report.c_str());  // a bad path must fail before the run
     return 1;
   }
   std::vector<std::string> events;

@@ -12,7 +12,8 @@ namespace lumora::viewer {
 // std::runtime_error if there is no such folder or size; its message is for people.
 client::TakeOptions planTake(const StartTake& wanted, client::Uptime::time_point startedAt);
 
-// How many staging files are in a folder, those of running takes included.
+// The number of staging files in a folder. Each interrupted or running take has one. 0 if the
+// folder can't be read.
 std::size_t countInterruptedTakes(const std::string& folder);
 // Calls `client::recoverTakes`, and throws what that throws. Returns one line for each take, for
 // people.

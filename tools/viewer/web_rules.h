@@ -19,14 +19,13 @@ class WebRules {
 
   // The part of `target` after the secret, without a query; "" is the page itself. Nothing for a
   // request that is refused. `origin` may be missing, because a browser sends none when somebody
-  // opens the address, or when the page loads a part of itself. Only the part "socket" needs an
-  // origin, which a browser always sends for a WebSocket.
+  // opens the address, or when the page loads one of its files. Only a request for "socket" needs
+  // an origin: a browser always sends one for a WebSocket.
   std::optional<std::string> resource(std::string_view host, std::optional<std::string_view> origin,
                                       std::string_view target) const;
 
-  // The address to open. It says 127.0.0.1, not "localhost", for which a browser may connect to
-  // [::1]. Another user of this machine can listen there on the same port, and would learn the
-  // secret.
+  // The address to open. It says 127.0.0.1, because for "localhost" a browser may connect to [::1].
+  // Another user of this machine can listen there on the same port, and would learn the secret.
   std::string address() const { return origin_ + folder_; }
 
  private:
@@ -44,8 +43,8 @@ struct ByteRange {
 
   bool operator==(const ByteRange&) const = default;
 };
-// Returns the whole file if the header is empty or malformed. Also if it asks for several parts, or
-// for the last N bytes ("bytes=-N"): no browser asks for either for a movie.
+// Returns the whole file if the header is empty or malformed. Also returns it if the header asks
+// for several parts or for the last N bytes ("bytes=-N"), because no browser does so for a movie.
 ByteRange parseRange(std::string_view header, std::uint64_t size);
 
 }  // namespace lumora::viewer

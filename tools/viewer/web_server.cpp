@@ -186,7 +186,7 @@ void WebServer::acceptNext() {
         if (!aborted) acceptNext();
       });
     }
-    fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);  // as above
+    fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);  // a child must not keep it open
     if (sessions_.use_count() <= maximumSessions) {
       std::make_shared<HttpSession>(std::move(socket), rules_, handlers_, sessions_)->readRequest();
     }

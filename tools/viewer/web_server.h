@@ -19,8 +19,8 @@ class PageSocket;
 
 struct WebHandlers {
   std::function<void(std::shared_ptr<PageSocket>)> pageJoined;
-  // Returns the path of the movie `name`, which looks like "takes/ID.mp4". Empty if there is no
-  // such movie.
+  // Returns the path of the movie with this name, or an empty path if there is none. The names of
+  // movies look like "takes/ID.mp4".
   std::function<std::filesystem::path(const std::string& name)> movie;
 };
 
@@ -38,7 +38,8 @@ class WebServer {
   boost::asio::steady_timer retry_;
   const WebRules rules_;
   WebHandlers handlers_;
-  const std::shared_ptr<const int> sessions_ = std::make_shared<int>();  // each session has a copy
+  // Each HttpSession has a copy, so `use_count` is the number of sessions plus one.
+  const std::shared_ptr<const int> sessions_ = std::make_shared<int>();
 };
 
 }  // namespace lumora::viewer

@@ -27,8 +27,8 @@ export class EventFormatter {
   format(event) {
     const { type, id, state } = event;
     if (type === 'stats') return this.#formatStats(event);
-    // The helper may repeat the last state of a take. When this page reconnects, the viewer sends
-    // the last event of each type to it again.
+    // A repeated event gives no line. The helper may repeat the last state of a take. If this page
+    // reconnects, the viewer sends the last event of each type again.
     const key = type === 'recording' ? `${id} ${state}` : JSON.stringify(event);
     const make = lines[state ?? type];
     if (key === this.#last[type] || !make) return [];

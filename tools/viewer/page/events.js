@@ -8,7 +8,7 @@ export class EventList {
   #list = element('events');
   #newest = { text: '', times: 0 };
 
-  // If the newest line already has this text, a line that also counts the repeats replaces it.
+  // If the newest line already has this text, it is replaced by one that adds a count: "(2 times)".
   add(text, tone = 'plain', at = Date.now()) {
     const isSame = text === this.#newest.text;
     const times = isSame ? this.#newest.times + 1 : 1;
