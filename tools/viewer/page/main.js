@@ -42,7 +42,7 @@ const picture = new Picture({
     if (latency !== undefined) latencies.add(now, latency / 1000);
   },
   failed(error) {
-    report(`The decoder failed and starts again at the next key frame: ${error.message}`);
+    report(`The decoder failed: ${error.message} It starts again at the next key frame.`);
     playback.decoderFailed(error);
     send({ type: 'restart' });
   },

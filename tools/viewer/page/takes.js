@@ -41,7 +41,7 @@ export class Takes {
       element('take-copied').textContent = 'Copied';
     });
     element('take-movie').addEventListener('error', () => {
-      showProblem('The movie cannot be played here. The file itself is complete.');
+      showProblem('The movie cannot be played here.');
     });
   }
 
