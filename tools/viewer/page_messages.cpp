@@ -7,8 +7,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The value of `key`. Throws Json::exception unless it has exactly this type. A std::uint64_t must
-// be a whole number, 0 or more.
+// The value of `key`. Throws Json::exception if the key is missing or its value has another type
+// than `Value`. For std::uint64_t the value must be a whole number, 0 or more.
 template <typename Value>
 const Value& get(const Json& object, const char* key) {
   return object.at(key).get_ref<const Value&>();

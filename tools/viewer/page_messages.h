@@ -1,6 +1,6 @@
 #pragma once
 
-// The messages from the page to the viewer, each one JSON object. Pure.
+// The messages from the page to the viewer. Each is one JSON object. Pure.
 
 #include <cstdint>
 #include <optional>
@@ -16,7 +16,7 @@ struct Shown {
 struct Ping {
   std::uint64_t sent;  // microseconds of the page's own clock
 };
-struct Restarted {};  // the page's decoder
+struct Restarted {};  // the page's decoder has failed, and needs a key frame
 struct Visible {
   bool visible;
 };

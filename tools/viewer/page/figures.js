@@ -20,7 +20,7 @@ export class MovingWindow {
     return this.#entries.filter((entry) => entry.at > now - span).map((entry) => entry.value);
   }
 
-  // The sum of the values per second; undefined in the first half second.
+  // The sum of the values per second; undefined until half a second after the first value.
   rate(now, span = this.#span) {
     const seen = Math.min(span, now - (this.#firstAt ?? now));
     if (seen < 500) return undefined;

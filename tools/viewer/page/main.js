@@ -128,7 +128,7 @@ function tellVisibility() {
   send({ type: 'visible', visible: playback.canDecode && !document.hidden });
 }
 
-// Some "stats" events lack some of the keys.
+// Some "stats" events lack some of the `counters`.
 function showStats(event) {
   for (const key of counters) {
     if (key in event) showCount(key.replaceAll('_', '-'), event[key]);

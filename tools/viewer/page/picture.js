@@ -58,7 +58,7 @@ export class Picture {
     this.#guard(() => decoder.configure(config));
   }
 
-  // A frame id may be too large for a timestamp, so chunks are numbered instead.
+  // The timestamp of a chunk is its number, because a frame id may be too large for a timestamp.
   #decode({ frameId, keyframe, data }) {
     const timestamp = this.#chunks;
     const type = keyframe ? 'key' : 'delta';
@@ -98,7 +98,8 @@ export class Picture {
     this.#handlers.shown(frameId);
   }
 
-  // The decoder puts frames out in order, so earlier frames are not in it any more.
+  // Returns the frame id of a decoded chunk, and forgets it. The decoder puts frames out in order,
+  // so the ids of earlier chunks are forgotten too.
   #takeFrameId(chunk) {
     const frameId = this.#frameIds.get(chunk);
     for (const other of this.#frameIds.keys()) {

@@ -21,7 +21,7 @@ export class Takes {
   #isOwner = false;
   #state = 'none';
   #stateBefore = 'none'; // the state before `asked`; shown again if the viewer refuses
-  #lastEvent; // "id state" of the last event, unless it was "recording"
+  #lastEvent; // "id state" of the last event; undefined if its state is "recording"
 
   constructor(send) {
     this.#send = send;
@@ -50,7 +50,7 @@ export class Takes {
     element('take-sound-label').hidden = !sound;
     if (!element('take-folder').value && folder) element('take-folder').value = folder;
     element('take-reason').hidden = this.#isOwner;
-    element('interrupted').hidden = true; // unless the viewer says otherwise
+    element('interrupted').hidden = true; // until `showInterrupted` shows it
     this.#enable();
   }
 
@@ -71,7 +71,7 @@ export class Takes {
     // The helper repeats the last event of a take. Showing it again would replace a newer message.
     const key = `${event.id} ${event.state}`;
     if (key === this.#lastEvent) return;
-    // Each event of a take that records has new figures.
+    // The helper does not repeat events with the state "recording": each has new figures.
     this.#lastEvent = event.state === 'recording' ? undefined : key;
     if (event.state === 'starting') hideMovie();
     this.#showState(event.state);
