@@ -45,7 +45,7 @@ void checkTime(Uptime::time_point time) {
   // Negative: before the machine was started. No comparison is true for NaN.
   if (time >= Uptime::time_point() && ago <= Seconds(30) && ago >= -mostAhead) return;
   throw std::invalid_argument(
-      "a take starts and stops at most 30 s ago or 50 ms from now, on the uptime clock");
+      "a take's start and stop must be at most 30 s ago or 50 ms ahead, on the uptime clock");
 }
 
 double seconds(Uptime::time_point time) { return time.time_since_epoch().count(); }

@@ -83,7 +83,7 @@ export class Feeder {
     if (samples.length % channels !== 0) {
       throw invalid('all channels of sound must have the same number of samples');
     }
-    if (!(capturedAt >= 0)) throw invalid('the capture time of sound must be uptime()');
+    if (!(capturedAt >= 0)) throw invalid('the capture time of sound must be a time of uptime()');
     const bytes = samples.byteLength;
     const most = mostSoundSeconds * rate * channels * samples.BYTES_PER_ELEMENT;
     if (this.#ending || this.#soundBytes + bytes > most) return false;
