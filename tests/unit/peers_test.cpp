@@ -47,7 +47,7 @@ TEST_F(Encode, EndsTheProcessWithTheReasonOfAFailure) {
     probe.restart();
     probe.failures->fail(call, 1, -7);
     const auto client = probe.connectClient();
-    probe.feed(1, 1280, 720);  // a frame of the preview's size is not converted
+    probe.feed(1, 1280, 720);  // larger than the preview, so the frame is converted
     for (const auto& opened : probe.encoders->sessions)
       if (!opened->pending.empty()) probe.answer(sample, status);
     EXPECT_EQ(probe.error(), message);
@@ -74,7 +74,7 @@ struct Peers : ServiceTest {
   }
 };
 
-TEST_F(Peers, AreDroppedForAnyOtherFirstLine) {
+TEST_F(Peers, AreDroppedUnlessTheirFirstLineIsAValidHello) {
   for (const std::string& line : std::initializer_list<std::string>{
            "", "x", "[]", "{}", R"({"type":1})", R"({"type":"hello"})",
            R"({"type":"hello","token":7})", ack("1").substr(0, 27), helloWith("0123456789abcde"),
@@ -158,7 +158,8 @@ TEST_F(Delivery, DropsFramesForAClientWithSixUnacknowledged) {
     if (slow->onSent && id != 6) slow->finishSend();  // the sixth send ends only after frame 7
   }
   EXPECT_EQ(slow->sent.size(), 6u);
-  // Frame 7 lacks credit and comes during a send. It counts as a credit drop only.
+  // Frame 7 comes while six frames lack an acknowledgement and the sixth is still being sent. It
+  // counts as a credit drop only.
   const Json all = probe.statistics();
   expectKeys(all, {{"credit_drops", 2}, {"send_drops", 0}, {"idr_resyncs", 1}});
   expectKeys(all, {{"max_unacked_observed", 6}, {"max_pending_acks", 6}});

@@ -1,7 +1,7 @@
 #pragma once
 
 // The service on a machine of fakes. The tests own the clock and run the queues by hand, so most
-// rules about time, order and credit are tested without sleeping.
+// rules about time, order and acknowledgements are tested without sleeping.
 
 #include "app/video_encoder.h"
 #include "tests/unit/fakes.h"
@@ -73,7 +73,8 @@ struct VideoEncoderProbe {
     connection->deliver("89abcdef\"}\n");
     return connection;
   }
-  // Admits one frame of the default format and encodes it, as the reader would.
+  // Gives the service one frame of the default format, as the reader would. The sessions have not
+  // answered it yet.
   void feed(std::uint64_t id, int width = 640, int height = 360) {
     ASSERT_TRUE(service->raw.admit());
     const auto rgba = pictures->allocate(static_cast<std::size_t>(width * height * 4));
@@ -150,7 +151,8 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
 
-  // When destroyed, clears the work that has not run, since that work owns takes and the service.
+  // When destroyed, clears the work that has not run. That work owns takes and the service, and
+  // they own the queues and fakes that hold the work.
   std::shared_ptr<void> forgetWork;
 };
 

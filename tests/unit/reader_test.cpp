@@ -81,7 +81,7 @@ TEST_F(Reader, DropsFramesWhileOneIsInFlightHoweverTheReadsAreCut) {
   probe.process->interruptions = 4;
   const auto client = probe.connectClient();
   putFrame(3);
-  // An id above 32 bits. It can't be used again, although the first frame with this id is dropped.
+  // An id of 33 bits. The second frame with this id is refused, although the first one is dropped.
   for (int i = 0; i < 2; ++i) putFrame(0x100000001);
   EXPECT_EQ(probe.readAll(), "invalid raw frame header");
   expectKeys(probe.statistics(), {{"dropped_raw", 1}, {"encode_inflight", 1}});
@@ -124,15 +124,16 @@ TEST_F(Reader, DecodesOnlyWhatMayBeNeededAndDropsWhatItCannotDecode) {
     };
     const auto need = [&] {
       if (!isForTake) probe.connectClient();
-      if (isForTake) probe.put(client::commandRecord(start.dump()));  // read, but not handled yet
+      // Frame 3 is read before this command is handled.
+      if (isForTake) probe.put(client::commandRecord(start.dump()));
     };
-    // Each step: the input to put once all earlier input has been read, and how many pictures have
-    // been decoded by that time.
+    // Each step: the input to put once all earlier input has been read, and how many pictures the
+    // decoder has been given by that time.
     const std::pair<Work, std::size_t> steps[] = {
         {[&] { feed(1, good); }, 0},
         {[&] { feed(2, good); }, 1},  // frame 1 was decoded: at first, frames count as needed
         {[&] { need(), feed(3, bad), feed(4, good); }, 1},
-        {[&] { feed(5, good); }, 2}};  // frame 4 came while frame 3 was in flight
+        {[&] { feed(5, good); }, 2}};  // frames 1 and 3: frame 4 came while frame 3 was in flight
     probe.process->beforeRead = [&, next = steps]() mutable {
       if (!probe.process->input.empty() || next == std::end(steps)) return;
       probe.run();

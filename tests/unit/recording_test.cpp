@@ -146,7 +146,7 @@ TEST_F(Takes, DropSamplesWhileTwoWaitForTheDisk) {
   EXPECT_TRUE(probe.take()->append(keySample(), {}, true));
 }
 
-TEST_F(Takes, SpreadABurstAndCatchUpInThePauseBehindIt) {
+TEST_F(Takes, SpreadABurstAndCatchUpInThePauseAfterIt) {
   start();
   for (const double at : {0.0, 0.001, 0.002, 0.003, 1.0, 1.0, 1.1}) {
     ASSERT_TRUE(probe.take()->append(keySample(), {1, 1000 + at}, true));
@@ -198,7 +198,7 @@ TEST_F(Takes, FailWithTheReasonOfTheFailedCallAndCleanUp) {
   }
 }
 
-TEST_F(Takes, FailWithTheirEncoderWhileThePreviewAndTheNextTakeGoOn) {
+TEST_F(Takes, FailWhenTheirEncoderFailsWhileThePreviewAndTheNextTakeGoOn) {
   const auto client = probe.connectClient();
   start();
   feed(1000);

@@ -44,8 +44,8 @@ struct Recovery : testing::Test {
   // Recovers as if an hour had passed. A file younger than a minute stays untouched, because its
   // recording may still be running.
   RecoveredTake recover() const { return recoverTake(staging, std::time(nullptr) + 3600); }
-  // A movie of seven pictures, as a crash leaves it: the tables are written, the new head is not.
-  // With `hasSound` the movie has sound up to its end.
+  // A movie of seven pictures that a crash has left almost finished: the tables are written, but
+  // the head is still the old one. With `hasSound` the movie has sound up to its end.
   Bytes interrupted(bool hasSound = false) const {
     std::filesystem::remove(staging);
     std::string error;

@@ -27,7 +27,7 @@ TEST(SoundRecord, HasAGrowingIdWholeSamplesAndARecentTime) {
   EXPECT_FALSE(isTimely(100.051, 100) || isTimely(69.999, 100));
 }
 
-TEST(SoundRecord, IsDroppedWhenLaterOnesSpanTooMuchTimeOrTooManySamples) {
+TEST(SoundRecord, IsDroppedWhenItAndLaterOnesSpanTooMuchTimeOrTooManySamples) {
   std::deque<SoundRecord> records = {{1, 4000}, {2, 4000}, {2.5, 4000}};
   keepLatest(records, 1.5, 8000);
   EXPECT_EQ(records.size(), 3u);
@@ -52,10 +52,10 @@ TEST(DeviceClock, HoldsRecordsWithUnexpectedTimesUntilTheyAreCertain) {
   EXPECT_EQ(add(1), 4u);
   int held = 0;
   for (double late = 2; add(late) == 0; late += 0.03) ++held;  // no two records agree
-  EXPECT_NEAR(held, 12, 1);                                    // their times span 0.6 s
+  EXPECT_NEAR(held, 12, 1);                                    // until their times span 0.6 s
   held = 0;
   for (double late = 9; add(late) == 0; late -= 0.019) ++held;  // all are read at once
-  EXPECT_NEAR(held, 100, 1);                                    // their sound lasts two seconds
+  EXPECT_NEAR(held, 100, 1);                                    // until their sound lasts 2 s
   EXPECT_EQ(add(1), 0u);
   EXPECT_EQ(clock.flush().size(), 1u);
 }
@@ -161,7 +161,7 @@ struct Take {
   Device device;
   DeviceClock clock{device.rate};
   SoundPlacing placing{device.rate, start};
-  std::deque<double> capturedAt = {};  // of the records that the clock still holds
+  std::deque<double> capturedAt = {};  // true times of the records that the clock still holds
   double length = 0;
   int compensation = 0;
   double worst = 0;        // seconds off
@@ -271,7 +271,8 @@ std::vector<float> decode(const SoundEncoder& encoder, const SoundPackets& packe
   return left;
 }
 
-// Fits the tone to 4096 samples, with a Hann window. `angle` is its phase at the first sample.
+// Fits a tone of `step` radians per sample to 4096 samples, with a Hann window. Expects the phase
+// `angle` at the first sample.
 void expectTone(const float* samples, double angle, double step, double noise) {
   std::complex<double> tone;
   double energy = 0;
