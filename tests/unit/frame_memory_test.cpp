@@ -80,7 +80,7 @@ TEST_F(SharedFrames, EndTheRunForABrokenRecord) {
                              std::uint64_t id = 9, std::size_t bytes = 24) {
     SCOPED_TRACE(offset);
     restart();
-    putFrame(7, 3 * page);  // no client needs this frame
+    putFrame(7, 3 * page);  // released at once: nobody watches or records
     probe.put(client::frameHeader({2, 2}, 8));
     probe.put(Bytes(16));
     putFrame(id, offset, size);

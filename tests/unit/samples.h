@@ -1,7 +1,7 @@
 #pragma once
 
-// Encoded samples for tests. The test chooses the headers of their NAL units. Their format has
-// parameter sets.
+// Encoded samples for tests. The test chooses the headers of their NAL units. Each sample has a
+// format description with parameter sets.
 
 #include "h264/memory_sample.h"
 #include "h264/nal_units.h"
