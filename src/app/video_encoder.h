@@ -2,7 +2,7 @@
 
 // The one service object. It holds the state of the whole helper. Each operation is defined in the
 // folder of its subsystem. Everything runs on the state queue, without locks, unless a comment
-// names another thread.
+// names another thread. Any thread may call `uptime` and `weakly`.
 
 #include <limits>
 #include <semaphore>
@@ -42,8 +42,8 @@ class VideoEncoder : public std::enable_shared_from_this<VideoEncoder> {
   // encode/
   void encode(const RawFrame& frame);
 
-  // stream/: when `deliver` throws EncoderFailure no peer has been changed. `remove` ignores a peer
-  // that is gone.
+  // stream/: `deliver` changes no peer if it throws EncoderFailure. `remove` ignores a peer that is
+  // gone.
   void accept(std::shared_ptr<TcpConnection> connection);
   void remove(std::uint64_t peerID);
   void deliver(const EncodedSample& sample, std::uint64_t id);

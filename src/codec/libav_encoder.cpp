@@ -26,9 +26,9 @@ PixelLayout layoutOf(AVPixelFormat format) {
   return format == AV_PIX_FMT_NV12 ? PixelLayout::nv12 : PixelLayout::i420;
 }
 
-// The formats to try. If `codec` lists formats, the best of them: 4:2:0 in system memory,
-// preferably in the layout of the frames. If it lists no 4:2:0, VAAPI, for which NV12 is uploaded.
-// V4L2 lists no formats at all: only opening shows which one its driver takes.
+// The formats to try. A codec that lists its formats gets one: 4:2:0 in system memory, if possible
+// in the layout of the frames. If it has no 4:2:0, it gets VAAPI's, and NV12 is uploaded. V4L2
+// lists no formats: only opening the encoder shows which one its driver takes.
 std::vector<AVPixelFormat> inputFormats(const AVCodec& codec, PixelLayout frames) {
   const auto accepted = pixelFormats(codec);
   if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};

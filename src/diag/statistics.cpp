@@ -1,6 +1,6 @@
 // The "stats" event. It is emitted at most once a second, unless it is forced. After each "stats"
-// event a running take reports its progress. If the state in the latest take's latest event is not
-// "recording", that event is emitted again.
+// event a running take is asked for its progress, which it reports at most once a second. The last
+// event of the latest take is repeated, unless its state is "recording".
 
 #include <algorithm>
 

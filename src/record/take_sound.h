@@ -39,8 +39,8 @@ class TakeSound {
   bool isSettledUntil(double end) const {
     return (isLast_ && held_.empty()) || placing_->settledUntil() >= end;
   }
-  // How many gaps the track has, and for how many seconds no record came. Both count up to the end
-  // of the track. Until that end is set, they cover what is encoded so far.
+  // How many gaps the track has, and for how many seconds no record came. Both cover the track up
+  // to its end or, while no end is set, what is encoded so far.
   std::int64_t gaps() const;
   double missing() const;
 

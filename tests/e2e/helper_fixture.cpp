@@ -55,8 +55,8 @@ void ffmpeg(const std::string& arguments) {
 Pixels made(const std::string& file, FrameSize size, const Pixels& picture,
             const std::string& arguments) {
   const std::string raw = fileOf(file + ".rgba", picture);
-  ffmpeg("-f rawvideo -pix_fmt rgba -video_size " + text(size) + " -i " + raw + " -vf " +
-         arguments + " " + file);
+  ffmpeg("-f rawvideo -pix_fmt rgba -video_size " + text(size) + " -i " + tools::shellQuoted(raw) +
+         " -vf " + arguments + " " + tools::shellQuoted(file));
   return bytesOf(file);
 }
 
