@@ -17,7 +17,7 @@ export interface TakeOptions {
   /** 60 by default. */
   targetFps?: 15 | 30 | 45 | 60;
   /**
-   * True, the default, keeps every frame of a camera that runs at about `targetFps`, despite
+   * True, the default, keeps almost every frame of a camera that runs at about `targetFps`, despite
    * jitter. False drops frames that come before the next point of a fixed grid.
    */
   steady?: boolean;

@@ -50,7 +50,12 @@ function show(port: MessagePort): void {
   const makeDecoder = () =>
     new VideoDecoder({
       output(picture) {
-        context.drawImage(picture, 0, 0, canvas.width, canvas.height);
+        const { displayWidth: width, displayHeight: height } = picture;
+        // Setting a side clears the canvas, so only when the camera's shape has changed.
+        if (canvas.width !== width || canvas.height !== height) {
+          Object.assign(canvas, { width, height });
+        }
+        context.drawImage(picture, 0, 0);
         port.postMessage(picture.timestamp); // so the helper sends no faster than we draw
         picture.close();
       },
