@@ -16,7 +16,7 @@ test('an event becomes a line in the helper\'s words, a repeated event becomes n
       'The take failed: No space left on device. Kept 0:02.0 min, 61 frames: a.mp4'],
     [{ type: 'stats', clients: 1, dropped_peers: 3 }, 'Clients of the stream: 1.'],
     [{ type: 'stats', clients: 1, dropped_peers: 5 },
-      'The helper refused or closed 2 connections.'],
+      'The helper has refused or closed 2 more connections.'],
   ]) assert.deepEqual(formatter.format(event).map(({ text }) => text), lines);
   assert.equal(duration(59.96), '1:00.0');
 });

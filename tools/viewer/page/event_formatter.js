@@ -42,7 +42,7 @@ export class EventFormatter {
     const add = (text, tone = 'bad') => found.push(line(text, tone));
     if (growth('clients') !== 0) add(`Clients of the stream: ${event.clients}.`, 'plain');
     const refused = growth('dropped_peers');
-    if (refused > 0) add(`The helper refused or closed ${count(refused, 'connection')}.`);
+    if (refused > 0) add(`The helper has refused or closed ${count(refused, 'more connection')}.`);
     if (growth('idr_resyncs') > 0) add('A client fell behind and waited for the next key frame.');
     if (growth('record_encoder_failures') > 0) add('The encoder of the take failed.');
     Object.assign(this.#stats, event);

@@ -88,7 +88,7 @@ const messages = {
   },
   skipped({ frames: count }) {
     skipped += count;
-    events.add('Frames were skipped because this page was slow or hidden.');
+    events.add('Frames were skipped because this page was slow, or had just become visible again.');
   },
   silent({ message }) {
     report(message);
