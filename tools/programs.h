@@ -24,7 +24,7 @@ class CommandPipe {
   explicit CommandPipe(const std::string& command);
   // Waits for bytes, and returns how many came; 0 at the end.
   std::size_t read(std::span<char> bytes);
-  // Ends the program, as the destructor does, and a `read` that waits on another thread.
+  // Ends the program, as the destructor does. A `read` that waits on another thread returns 0.
   void stop();
 
  private:
@@ -35,7 +35,8 @@ class CommandPipe {
 // std::system_error when no shell can be started.
 std::string outputOf(const std::string& command);
 
-// ffmpeg's complaints while it decodes the whole file; empty when there are none.
+// ffmpeg's complaints while it decodes the file, up to the first error. Empty if the whole file
+// decodes.
 std::string decodeErrors(const std::string& path);
 
 // User and system time of our own process so far.
@@ -51,7 +52,8 @@ struct ProcessFigures {
   int threads = 0;
 };
 
-// Of a running process, now. Throws std::filesystem::filesystem_error if it has ended.
+// Of a running process, now. For a process that has ended: zeros, or it throws
+// std::filesystem::filesystem_error.
 ProcessFigures processFigures(pid_t process);
 
 }  // namespace lumora::tools

@@ -1,13 +1,13 @@
 #pragma once
 
-// Writes an MP4 file that plays at every moment. While it grows it is a fragmented file, so a crash
-// costs only the fragments that are still in memory. Finishing appends the complete tables and
-// changes the head, so that the file becomes an ordinary MP4 (see movie_boxes.h). Samples are not
-// copied, so a long movie is finished almost as fast as a short one.
+// Writes an MP4 file that plays from its first fragment on. While it grows it is a fragmented file,
+// so a crash costs only the fragments that are still in memory. Finishing appends the complete
+// tables and changes the head, so that the file becomes an ordinary MP4 (see movie_boxes.h).
+// Samples are not copied, so a long movie is finished almost as fast as a short one.
 //
 // On the caller's thread, samples are gathered into fragments, each of one track. The writer's own
 // disk thread writes the fragments from a queue. Once `queueBytes` are waiting, the writer is not
-// ready for more samples. No call but `openLog` waits for the disk.
+// ready for more samples. No call but the constructor and `openLog` waits for the disk.
 
 #include <array>
 
@@ -55,7 +55,7 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // PCM samples of sound since this fragment's first picture
+    std::int64_t waited = 0;     // of pictures: sound appended since the first one, in PCM samples
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);

@@ -28,7 +28,7 @@ class ReleaseOrder {
  private:
   struct Frame {
     std::uint64_t id;
-    std::uint64_t latest;  // the latest done frame that waits for this one; `id` if none does
+    std::uint64_t latest;  // released with this one: the latest done frame behind it, else `id`
   };
   std::vector<Frame> frames_;  // still being read
 };
