@@ -81,7 +81,7 @@ struct Recording {
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final in `finishing` and `saved`
   std::uint64_t frames = 0;            // written, even if a stop time in the past removed them
-  std::uint64_t dropped = 0;           // lost, or captured before the take's start
+  std::uint64_t dropped = 0;           // lost after the input, or captured before the start
   std::uint64_t throttled = 0;         // skipped to keep the target rate
   FrameSize size;                      // of the movie's pictures; 0 until it is known
   // The rate asked for, and the frames of the last second. Empty until the start is accepted.
