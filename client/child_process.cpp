@@ -40,7 +40,7 @@ Pipe makePipe() {
 
 std::vector<std::string> childEnvironment(const LaunchOptions& options) {
   std::map<std::string, std::string> merged;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
     const std::string text(*entry);
     const auto equals = text.find('=');
     if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);

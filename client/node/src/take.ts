@@ -164,6 +164,8 @@ function startCommand(options: TakeOptions): StartCommand {
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw invalid('the path of a take must be absolute and end in ".mp4"');
   }
+  // The helper would end at half of a surrogate pair.
+  if (Buffer.from(path).toString() !== path) throw invalid('the path of a take must be UTF-8');
   if (Buffer.byteLength(path) > maximumPathBytes) throw invalid('the path of a take is too long');
   checkCaptureTime(startedAt);
   checkInteger('minimumFree', minimumFree, 0, 2 ** 53);
