@@ -14,6 +14,7 @@ test('an event becomes a line in the helper\'s words, a repeated event becomes n
     [error, 'The helper failed: truncated raw frame'], [failed], [error],
     [{ ...failed, id: 'B', ...kept },
       'The take failed: No space left on device. Kept 0:02.0 min, 61 frames: a.mp4'],
+    [failed], // the helper may repeat it after another take's refusal
     [{ type: 'stats', clients: 1, dropped_peers: 3 }, 'Clients of the stream: 1.'],
     [{ type: 'stats', clients: 1, dropped_peers: 5 },
       'The helper has refused or closed 2 more connections.'],

@@ -21,7 +21,7 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  #last = {}; // for each event type, the `key` (see `format`) of the last event that gave a line
+  #last = {}; // for each take and each other type, what the last event that gave a line said
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {
@@ -29,10 +29,10 @@ export class EventFormatter {
     if (type === 'stats') return this.#formatStats(event);
     // A repeated event gives no line. The helper may repeat the last state of a take. If this page
     // reconnects, the viewer sends the last event of each type again.
-    const key = type === 'recording' ? `${id} ${state}` : JSON.stringify(event);
+    const [of, said] = type === 'recording' ? [id, state] : [type, JSON.stringify(event)];
     const make = lines[state ?? type];
-    if (key === this.#last[type] || !make) return [];
-    this.#last[type] = key;
+    if (said === this.#last[of] || !make) return [];
+    this.#last[of] = said;
     return [make(event)];
   }
 

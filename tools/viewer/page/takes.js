@@ -20,8 +20,8 @@ export class Takes {
   #send;
   #isOwner = false;
   #state = 'none';
-  #stateBefore = 'none'; // the state before `asked`; shown again if the viewer refuses
-  #lastEvent; // "id state" of the last event; undefined if its state is "recording"
+  #stateBefore = 'none'; // the state before `asked`; shown again if the take is not started
+  #lastStates = new Map(); // of takes by their ids
 
   constructor(send) {
     this.#send = send;
@@ -60,7 +60,7 @@ export class Takes {
 
   sessionEnded() {
     this.#isOwner = false;
-    this.#lastEvent = undefined; // the next session sends that event again, and it must be shown
+    this.#lastStates.clear(); // the next session sends the last event again, and it must be shown
     if (this.#state === 'asked') this.#showState(this.#stateBefore);
     else if (running.includes(this.#state)) this.#showState('lost');
     this.#enable();
@@ -69,10 +69,10 @@ export class Takes {
   // Shows a "recording" event of the helper.
   handleEvent(event) {
     // The helper repeats the last event of a take. Showing it again would replace a newer message.
-    const key = `${event.id} ${event.state}`;
-    if (key === this.#lastEvent) return;
-    // The helper does not repeat events with the state "recording": each has new figures.
-    this.#lastEvent = event.state === 'recording' ? undefined : key;
+    // Events with the state "recording" are no repeats: each has new figures.
+    const isRepeated = event.state === this.#lastStates.get(event.id);
+    if (isRepeated && event.state !== 'recording') return;
+    this.#lastStates.set(event.id, event.state);
     if (event.state === 'starting') hideMovie();
     this.#showState(event.state);
     showFigure('take-duration', event.duration, duration(event.duration));
@@ -127,7 +127,8 @@ export class Takes {
     this.#enable();
   }
 
-  // Shows the start or the stop button, which takes over the focus of the hidden one.
+  // Shows the start or the stop button, and hides the other. If the hidden button or, while a take
+  // runs, a field of the form had the focus, the shown button gets it.
   #enable() {
     const isRunning = running.includes(this.#state);
     const [start, stop] = [element('take-start'), element('take-stop')];
