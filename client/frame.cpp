@@ -52,14 +52,15 @@ void Frame::setLength(std::size_t bytes) {
   const std::size_t most = pixels().size();
   const std::size_t least = layoutOf(format_.encoding).isCompressed() ? leastCompressedBytes : most;
   if (!loan_ || bytes < least || bytes > most)
-    throw std::invalid_argument("the frame is published, or takes a picture of another length");
+    throw std::invalid_argument(
+        "the frame was already published, or needs a picture of another length");
   length_ = bytes;
 }
 
 void Frame::copyFrom(std::span<const SourcePlane> picture) {
   const auto mine = planes();
   if (picture.size() != mine.size() || mine.empty())
-    throw std::invalid_argument("the frame is published, or has another number of planes");
+    throw std::invalid_argument("the frame was already published, or has another number of planes");
   for (std::size_t i = 0; i < mine.size(); ++i) {
     const auto& [to, stride, rows, rowBytes] = mine[i];
     for (int row = 0; row < rows; ++row)

@@ -17,7 +17,7 @@ struct CameraFormat {
 // ffmpeg can't read are left out. Pure.
 std::vector<CameraFormat> parseCameraFormats(const std::string& printed);
 
-// The formats and sizes of each camera, for people. A camera that can't be read has ffmpeg's reason
+// The formats and sizes of each camera, for people. For a camera that can't be read, the reason
 // instead.
 std::string listCameras();
 

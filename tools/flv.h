@@ -23,8 +23,8 @@ std::vector<std::uint8_t> flvTag(const client::Packet& packet, std::uint32_t mil
 // helper or its parent starts again.
 class FlvTimes {
  public:
-  // True: a picture's time is its id, read as microseconds. False: its arrival. Empty: its id if
-  // the two are at most 2 s apart, else its arrival.
+  // `fromIDs`: true takes a picture's id as its time, in microseconds; false takes its arrival.
+  // Empty takes the id if it is within 2 s of the arrival, else the arrival.
   explicit FlvTimes(std::optional<bool> fromIDs) : fromIDs_(fromIDs) {}
   std::uint32_t next(std::uint64_t frameID, client::Uptime::time_point arrivedAt);
 

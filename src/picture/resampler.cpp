@@ -153,7 +153,8 @@ template <bool swap>
 HWY_INLINE void sumColumns(const std::int16_t* HWY_RESTRICT sums, const int* HWY_RESTRICT first,
                            const std::int16_t* HWY_RESTRICT weights, int taps, std::size_t width,
                            std::uint8_t* HWY_RESTRICT row) {
-  // At most 16 lanes, which are 4 pixels, since the smallest kernel has 4 taps.
+  // The smallest kernel has 4 taps, each a source pixel of 4 values. So a vector has at most 16
+  // lanes.
   const hn::CappedTag<std::int16_t, 16> d;
   const hn::FixedTag<std::int16_t, 8> d128;
   const hn::Repartition<std::int64_t, decltype(d128)> d64;

@@ -14,7 +14,8 @@ struct EncoderRequirements {
 class Encoders {
  public:
   virtual ~Encoders() = default;
-  // Makes a session for `width` × `height` pictures. On failure it is null, or the status is not 0.
+  // Makes a session for `width` × `height` pictures. On failure `session` is null, or the returned
+  // status is not 0.
   // If software encoders are missing or not allowed, waits until the search for hardware ends.
   // Only `prepare` starts this search, which takes a few seconds at most.
   virtual Status createSession(SessionKind kind, std::int32_t width, std::int32_t height,

@@ -19,7 +19,7 @@ enum class ColourMatrix { bt601, bt709 };
 
 struct PixelFormat {
   PixelLayout layout = PixelLayout::rgba;
-  ColourMatrix matrix = ColourMatrix::bt709;  // for RGB: of the 4:2:0 picture that it becomes
+  ColourMatrix matrix = ColourMatrix::bt709;  // RGB has none: that of the 4:2:0 picture made of it
   bool fullRange = false;                     // of luma and chroma
   bool operator==(const PixelFormat&) const = default;
 };
@@ -104,9 +104,9 @@ PictureRectangle samplesIn(const PictureRectangle& pixels, const PlaneShape& sha
 class ImageConverter {
  public:
   virtual ~ImageConverter() = default;
-  // Fills `area` of `destination` with `source`, resampled to the size of the area. In RGB, red and
-  // blue are exchanged: RGBA becomes BGRA and the reverse. Other layouts stay the same. False on
-  // failure. Any thread, one call at a time.
+  // Fills `area` of `destination` with `source`, resampled to the size of the area. RGB always
+  // comes out with red and blue exchanged: RGBA as BGRA, BGRA as RGBA. NV12 and I420 keep their
+  // layout. False on failure. Any thread, one call at a time.
   virtual bool convert(const PictureView& source, const Picture& destination,
                        const PictureRectangle& area) = 0;
 };

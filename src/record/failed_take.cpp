@@ -15,7 +15,7 @@ void MovieRecorder::abort(const std::string& message, FrameOutcome cause) {
   queue->async([self = shared_from_this(), message, cause] { self->fail(message, cause); });
 }
 
-// Once the end of its sound is set, a movie needs no more sound.
+// A failure of sound does not matter once the take knows where its sound ends.
 void MovieRecorder::soundFailed(const std::string& message) {
   queue->async([self = shared_from_this(), message] {
     if (self->sound && !self->sound->isEnding()) self->fail(message, FrameOutcome::encoder);

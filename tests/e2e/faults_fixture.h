@@ -62,8 +62,9 @@ struct Faults : HelperTest {
     EXPECT_TRUE(isHeard || !helper->hasOutput()) << said;
     return states;
   }
-  // Runs the helper with one client and records a short take. If the call has failed by then and
-  // `withAnother` is true, records a second take. That take may fail only if the helper ends.
+  // Runs the helper with one client and records a short take. If the last of `faults` has occurred
+  // by then and `withAnother` is true, records a second take. That take may fail only if the helper
+  // ends.
   client::Exited run(const std::string& faults, bool withAnother) {
     if (startWith(faults)) {
       std::unique_ptr<client::StreamClient> viewer;

@@ -17,8 +17,8 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   const std::string noRename = "renameat2:0:22,";  // a file system without RENAME_NOREPLACE
   const std::string noRoom = "fallocate:0:95,";    // a file system that can't reserve room
   const std::string recovered = recoveredPath();
-  // Each kind has the call that the sweep makes fail, the faults that every run has, and the path
-  // at which the movie is saved if no such call fails (empty: it is not saved).
+  // The call that the sweep makes fail; the faults of every run; the path of the movie in a run in
+  // which the swept call does not fail (empty: no movie is saved).
   std::vector<std::array<std::string, 3>> kinds;
   // `malloc` and `pipe` fail only in builds without a sanitizer. A sanitizer has a heap of its own,
   // and calls `pipe` itself.
@@ -31,7 +31,8 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
                                  {"pipe", "", path}});
     }
   } else if (!sanitized && canFailCodec()) {
-    // Calls of malloc count from the first encoded picture on. Then the sound encoder is opened.
+    // Only calls of malloc after the first encoded picture count. The sound encoder is opened
+    // later.
     kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }
   std::istringstream others(
@@ -47,7 +48,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
       const bool hit = hasHit();
       const std::string saved = takes[takeID]["saved"];
       EXPECT_TRUE(saved == wanted || (hit && call != "unlink")) << saved << said;
-      // The first sync is of the staging file's name, the second of the movie's.
+      // The first fsync puts the staging file's name on the disk, the second the movie's name.
       EXPECT_TRUE(call != "fsync" || !hit || saved.empty() == (nth == 1));
       for (const std::string& movie : std::set{path, saved}) {
         if (!std::filesystem::exists(movie)) continue;
@@ -59,8 +60,8 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   }
 }
 
-// `fallocate` is called for the movie's start and for each fragment. From its third call on, that
-// for the second fragment, no allocation succeeds on any thread.
+// `fallocate` is called for the movie's start and for each fragment. From its third call on, which
+// is for the second fragment, every `malloc` fails on every thread.
 TEST_F(Faults, WithoutMemoryTheHelperExitsWithOneAndTheMovieStays) {
   if (sanitized) GTEST_SKIP() << "the sanitizer's heap can't fail";
   ASSERT_TRUE(startWith("fallocate:3:95,malloc:0"));
@@ -76,7 +77,7 @@ TEST_F(Faults, NoTakeGetsTheNameOfALinkOrOfAFileThatIsStillBeingRemoved) {
   ASSERT_TRUE(startWith("fdatasync:1,unlink:1:-6"));
   const auto end = [this] {
     startTake(smallTake);
-    // Skips the end of the previous take, which the helper repeats.
+    // Skips repeats of the previous take's last event.
     helper->waitForEvent("recording",
                          [](const Event& told) { return told["state"] == "starting"; });
     feedAll();

@@ -24,7 +24,7 @@ globalThis.camera = {
   on(_, handle) { this.onFrame = handle; },
 };
 
-test('the examples that record a take save a movie that decodes', async () => {
+test('each example saves a movie that decodes', async () => {
   const readmes = ['README.md', 'client/node/README.md'].map((name) => new URL(name, root));
   const text = readmes.map((url) => fs.readFileSync(url, 'utf8')).join('\n');
   const examples = [...text.matchAll(/^```js\n(.*?)^```$/gms)].map(([, example]) => example);

@@ -6,8 +6,8 @@ export interface FrameCounts {
 }
 
 /**
- * `written`: the frame was written into the helper's input. If the helper then drops it,
- * `droppedRaw` of its `stats` events counts it.
+ * `written`: the frame was written into the helper's input. The helper may still drop it: its
+ * `stats` events count that in `droppedRaw`.
  * `dropped`: a newer frame replaced it, or the helper is stopping or has ended.
  */
 export type FrameOutcome = 'written' | 'dropped';
