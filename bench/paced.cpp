@@ -153,7 +153,8 @@ Number parse(const std::string& word, const char* name) {
 
 int run(const std::vector<std::string>& words) {
   const std::string mode = words.size() > 2 ? words[1] : "";
-  const auto amount = words.size() > 2 ? parse<double>(words[2], "SECONDS or ROUNDS") : 0;
+  const auto amount = words.size() > 2 ? parse<double>(words[2], "SECONDS or ROUNDS") : 1;
+  if (amount == 0) throw std::invalid_argument("SECONDS or ROUNDS");  // it would measure nothing
   const FolderOfTakes takes;
   if (mode == "growth" && words.size() == 3) {
     measureGrowth(words[0], amount);

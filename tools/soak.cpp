@@ -88,6 +88,7 @@ class Soak {
       }
       rest((Uptime::now() - begun).count());
     }
+    if (streams_ == 0) fail("no client received a frame");
     judge();
     if (!helper_.stop().isClean()) fail("the helper did not end cleanly");
     const auto frames = helper_.frameCounts();

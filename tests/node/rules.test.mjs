@@ -169,7 +169,8 @@ test('a take sends its options, refuses bad ones, and reports how it ended', asy
   const bad = [NaN, Infinity, -1, String(now), now - 31, now + 1];
   for (const wrong of [...bad.map((startedAt) => ({ startedAt })), { minimumFree: -1 },
     { minimumFree: 2 ** 54 }, { bitRate: 249_999 }, { bitRate: 50_000_001 }, { bitRate: 1e6 + 0.5 },
-    { rotation: 45 }, { path: 'a.mp4' }, { path: '/a.mov' }, { path: `/${'é'.repeat(1498)}.mp4` }, { path: '/\ud83d.mp4' }]) {
+    { rotation: 45 }, { path: 'a.mp4' }, { path: '/a.mov' }, { path: '/\ud83d.mp4' },
+    { path: `/${'é'.repeat(1498)}.mp4` }]) {
     assert.throws(() => takes.start({ path, ...wrong }), invalid, JSON.stringify(wrong));
   }
   const starting = takes.start({ path, startedAt: now - 1, targetFps: 30 });
