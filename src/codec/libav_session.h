@@ -1,7 +1,7 @@
 #pragma once
 
 // A compression session on libavcodec. It collects settings until `prepareToEncodeFrames`. Then its
-// worker thread acquires an encoder, scales and encodes one frame after the other, and releases the
+// worker thread acquires an encoder, fills and encodes one buffer after the other, and releases the
 // encoder. The state queue waits for this thread only as the process ends. So an encoder that opens
 // or closes slowly does not block that queue.
 

@@ -21,6 +21,7 @@ void VideoEncoder::encode(const RawFrame& frame) {
   }
   const auto completion =
       std::make_shared<RawEncodingCompletion>(weakly(&VideoEncoder::releaseRaw));
+  // The take first: its session scales while this queue scales for the preview.
   if (movie) encodeRecording(frame, movie, completion);
   if (isWatched) encodePreview(frame, completion);
   completion->complete(0);

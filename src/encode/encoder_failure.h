@@ -12,6 +12,9 @@ class EncoderFailure : public std::exception {
  public:
   static EncoderFailure message(std::string text) { return EncoderFailure(std::move(text)); }
 
+  // For a frame that could not be converted for an encoder.
+  static EncoderFailure conversion() { return message("RGBA conversion failed"); }
+
   // For a platform call that failed. The description is "<what> failed (<status>)".
   static EncoderFailure status(const std::string& what, std::int32_t status) {
     return EncoderFailure(what + " failed (" + std::to_string(status) + ")");

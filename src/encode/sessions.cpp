@@ -49,7 +49,7 @@ std::shared_ptr<CompressionSession> VideoEncoder::compressionSession(
 void VideoEncoder::Encoded::require(const char* what) const {
   if ((infoFlags & infoNotPrepared) != 0)
     throw EncoderFailure::status("encoder preparation", status);
-  if (status == fillingFailed) throw EncoderFailure::message("RGBA conversion failed");
+  if (status == fillingFailed) throw EncoderFailure::conversion();
   if (status != 0 || !sample) throw EncoderFailure::status(what, status);
 }
 

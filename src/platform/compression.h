@@ -18,9 +18,9 @@ namespace lumora {
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;
-  // The session's worker calls this before it reads `picture`. The first call runs and frees
-  // the buffer's `Filling`, if there is one. It returns false if the filling fails. Later calls
-  // return true. May throw std::bad_alloc.
+  // Runs and frees the buffer's `Filling`, if there is one. Returns false if the filling fails; a
+  // call after that returns true. The state queue may call it before it submits the buffer. After
+  // that only the session's worker does, before it reads `picture`. May throw std::bad_alloc.
   virtual bool fill() = 0;
   virtual PictureView picture() = 0;
 };

@@ -262,13 +262,15 @@ struct FakeEncoders final : Encoders, CanFail {
 
 struct FakeImages final : ImageConverter, CanFail {
   using CanFail::CanFail;
-  bool convert(const PictureView& from, const Picture&, const PictureRectangle&) override {
+  bool convert(const PictureView& from, const Picture& to, const PictureRectangle&) override {
+    widths.push_back(to.size.width);
     // Reads the last byte of the first plane, which must be in valid memory.
     const auto& [samples, stride] = from.planes[0];
     lastByte = samples[(stride < 0 ? -stride : stride * from.size.height) - 1];
     return next("convert") == 0;
   }
   volatile std::uint8_t lastByte = 0;
+  std::vector<std::int64_t> widths;  // of the pictures that were to be made
 };
 
 // Decodes a record to a picture of zeros, but fails if the first byte of the record is 0.

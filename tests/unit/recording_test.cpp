@@ -160,6 +160,25 @@ TEST_F(Takes, SpreadABurstAndCatchUpInThePauseAfterIt) {
   EXPECT_NEAR(saved["duration"].get<double>(), 1.1 + 1.0 / 60, 1e-9);
 }
 
+// So both are scaled at the same time, and the preview needs no second CPU for it.
+TEST_F(Takes, AreScaledByTheirSessionAndThePreviewBeforeItsSessionGetsTheFrame) {
+  probe.connectClient();
+  start();
+  feed(1001.0, 1280, 720);
+  EXPECT_EQ(probe.images->widths, std::vector<std::int64_t>{640});
+  EXPECT_EQ(probe.lastSession().size.width, 640);  // the take's session was made first
+  probe.encoders->sessions[0]->answer(0, keySample());
+  probe.answer(keySample());
+  EXPECT_EQ(probe.images->widths, (std::vector<std::int64_t>{640, 1080}));
+  probe.failures->fail("convert");
+  feed(1001.1, 1280, 720);
+  EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
+  EXPECT_EQ(probe.error(), "RGBA conversion failed");
+  probe.encoders->sessions[0]->answer(0, deltaSample());
+  probe.run();
+  EXPECT_FALSE(probe.isRawBusy());
+}
+
 TEST_F(Takes, FailWithTheReasonOfTheFailedCallAndCleanUp) {
   const std::string full = "No space left on device";
   using Case = std::tuple<const char*, int, std::optional<std::string>, std::string>;

@@ -30,7 +30,7 @@ struct Stats {
   // Records of sound that were dropped: they came too early or too late, or too much sound waited.
   // Set in the same events as `delivery`, if the helper gets sound.
   std::optional<std::uint64_t> droppedSound;
-  Seconds encodeTime{};     // of the latest preview frame, scaling included
+  Seconds encodeTime{};     // of the latest preview frame, without scaling
   bool isEncoding = false;  // now
 
   // How frames reach clients. Only one event a second has this.
