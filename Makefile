@@ -8,8 +8,8 @@
 #   make fuzz           run the fuzzers (MINUTES for each)
 #   make soak           start and end takes and clients at random for MINUTES, and feed frames at
 #                       full speed
-#   make losses         show what takes lose by kills, power cuts, bad disks and other faults
-#                       (6 minutes)
+#   make losses         show how much of a take is lost by kills, power cuts, bad disks and
+#                       other faults (6 minutes)
 #   make long-take      show what grows in a take of two hours. The helper's clock runs SPEED times
 #                       as fast as the real one (12 minutes with SPEED=10, the default)
 #   make sound-sync     show how far sound is from the picture in takes of MINUTES (at least 2),
@@ -61,11 +61,11 @@ bench: dependencies
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) -t lumora-video lumora-micro lumora-paced lumora-compare
 	mkdir -p $(OUT)
-	@echo "1 of 4, a minute: conversion of pictures. All takes $$(( 8 + 13 * $(ROUNDS) )) minutes"
+	@echo "1 of 4, a minute: conversion of pictures. The whole needs $$(( 8 + 13 * $(ROUNDS) )) minutes"
 	$(BENCH)/lumora-micro
 	@echo "2 of 4, $$(( 12 * $(ROUNDS) )) seconds: takes that start and end"
 	$(BENCH)/lumora-paced $(HELPER) takes $$(( 3 * $(ROUNDS) ))
-	@echo "3 of 4, $$(( 2 + $(ROUNDS) )) minutes: growth with size, rate, takes and clients"
+	@echo "3 of 4, $$(( 2 + $(ROUNDS) )) minutes: how cost grows with size, rate, takes and clients"
 	$(BENCH)/lumora-paced $(HELPER) growth $(ROUNDS)
 	@echo "4 of 4: the helper beside others"
 	$(BENCH)/lumora-compare $(HELPER) $(OUT) $(ROUNDS)

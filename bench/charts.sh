@@ -56,7 +56,7 @@ most = ceil(3 * (rgba_median > nv12_median ? rgba_median : nv12_median))
 bin(x) = 0.25 * floor((x < most ? x : most) / 0.25) + 0.125
 set key right
 set output "latency.svg"
-set title "From the camera's call to the packet, with a 1920x1080 take at 60 frames a second\n$machine"
+set title "Latency from writeFrame to a client's packet, with a 1920x1080 take at 60 frames a second\n$machine"
 set xlabel "ms, in steps of 0.25; the last bar has everything later"
 set ylabel "% of the frames"
 set style fill transparent solid 0.6

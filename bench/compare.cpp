@@ -214,7 +214,7 @@ struct Steady {
 
 void compare(const std::string& helper, const std::filesystem::path& folder, int rounds) {
   std::filesystem::create_directories(folder);
-  std::fprintf(stderr, "Drawing what the camera sees ...");
+  std::fprintf(stderr, "Making the clips ...");
   Clips clips;
   std::vector<Table> tables;
   for (const Job& job : jobs) {

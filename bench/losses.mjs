@@ -173,7 +173,7 @@ function syncedPictures(take, durable = '') {
   return picturesOf(`${take.folder}.synced`);
 }
 
-// What a take lost of the frames up to number `last`. `kept` and `synced` are numbers of frames.
+// What a take lost of the frames up to number `last`. `kept` and `synced` list numbers of frames.
 function lossOf(take, kept, synced, last) {
   const lastKept = kept.at(-1) ?? take.first - 1;
   const time = (number) => take.sent[Math.min(number, take.sent.length - 1)].time;
@@ -221,7 +221,8 @@ async function lossesOf({ fault, state, keeps }) {
   }
   const last = take.sent.length - 1;
   await Promise.race([take.exited, sleep(15_000, null, { ref: false })]);
-  // On a slow disk, the take still runs if the encoder was too slow to fill the disk's queue.
+  // A take on a slow disk usually fails, as too many samples wait for the disk. If the encoder was
+  // too slow for that, the take still runs.
   take.command('record_stop');
   await take.exited;
   const kept = await takePictures(take.folder);

@@ -102,9 +102,12 @@ constexpr std::uint64_t startFrame = 60;
 constexpr std::uint64_t stopFrame = 120;
 constexpr std::uint64_t failFrame = 180;
 constexpr std::pair<const char*, std::uint64_t> windows[] = {
-    {"no take", startFrame - windowFrames},       {"a take has started", startFrame},
-    {"a take runs", stopFrame - windowFrames},    {"a take has stopped", stopFrame},
-    {"no take, later", failFrame - windowFrames}, {"a take fails at once", failFrame}};
+    {"before a start", startFrame - windowFrames},
+    {"after a start", startFrame},
+    {"before a stop", stopFrame - windowFrames},
+    {"after a stop", stopFrame},
+    {"before a start that fails", failFrame - windowFrames},
+    {"after a start that fails", failFrame}};
 
 void measureTakes(const std::string& helper, std::uint64_t rounds, const std::string& profile) {
   std::vector<client::Take> takes;
@@ -130,15 +133,14 @@ void measureTakes(const std::string& helper, std::uint64_t rounds, const std::st
     if (end.state != client::TakeState::saved)
       throw std::runtime_error("a take failed: " + end.error);
   }
-  std::printf("%-24s %8s %8s %8s %8s\n", "half a second when", "p50 ms", "p99 ms", "max ms",
-              "lost");
+  std::printf("%-26s %8s %8s %8s %8s\n", "half a second", "p50 ms", "p99 ms", "max ms", "lost");
   for (const auto& [name, from] : windows) {
     std::vector<double> latencies;
     for (const tools::Delivery& delivery : report.deliveries) {
       const std::uint64_t at = delivery.frame % roundFrames;
       if (at >= from && at < from + windowFrames) latencies.push_back(delivery.milliseconds);
     }
-    std::printf("%-24s %8.2f %8.2f %8.2f %8lld\n", name, tools::percentile(latencies, 0.5),
+    std::printf("%-26s %8.2f %8.2f %8.2f %8lld\n", name, tools::percentile(latencies, 0.5),
                 tools::percentile(latencies, 0.99), tools::percentile(latencies, 1),
                 static_cast<long long>(rounds * windowFrames) - std::ssize(latencies));
   }

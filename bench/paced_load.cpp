@@ -14,10 +14,10 @@ namespace {
 
 using Count = unsigned long long;
 
-// If MEMORY=settled, makes the host of a virtual machine return the memory that the next run needs.
-// The host may take back memory that has been free for some seconds. To return it, the host needs
-// forty times as long as the virtual machine's kernel needs to hand it out. Without this function,
-// a run may lose frames at its start because of the host, and not because of the helper.
+// The host of a virtual machine may take away memory that has been free for some seconds. When the
+// machine uses it again, getting it back from the host takes forty times as long as getting memory
+// from the machine's own kernel. So a run may lose frames at its start because of the host, and not
+// because of the helper. If MEMORY=settled, this function gets the memory back before the run.
 void settleMemory() {
   const char* value = std::getenv("MEMORY");  // NOLINT(concurrency-mt-unsafe): no code sets it
   const std::string_view wish = value == nullptr ? "" : value;

@@ -14,7 +14,8 @@ std::optional<client::TakeOptions> takeOf(const std::string& profile, int target
                                           const std::string& path);
 
 // Touches memory if the environment has MEMORY=settled. Removes the movie of the run before. Then
-// calls `tools::runPaced`. Also throws std::runtime_error if the helper or the take fails.
+// calls `tools::runPaced`. Throws as that does, and std::runtime_error if the helper or the take
+// fails.
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source);
 
 struct Delivered {

@@ -5,8 +5,8 @@
 // from its flash, if half of the beeps or fewer have a flash to compare with, or if a spectral line
 // other than the sine's is louder than -60 dB. LIBRARY_OF_FAULTS, built from tests/faults, makes
 // the helper's clock run SPEED times as fast as the real one. The encoder is too slow for that, so
-// pictures are lost. Each picture of a flash has a brightness of its own, so each shows when the
-// flash began.
+// pictures are lost. The first, second and third picture of a flash differ in brightness. So each
+// of them shows when the flash began.
 //
 //   node sound_sync.mjs HELPER LIBRARY_OF_FAULTS SPEED MINUTES
 
@@ -25,7 +25,8 @@ const uptime = () => Number(process.hrtime.bigint()) / 1e9 * speed; // seconds o
 const id = '6F9619FF-8B86-D011-B42D-00CF4FC96400';
 const [fps, soundRate, perRecord] = [15, 48000, 960];
 const brightness = [235, 185, 135]; // of the pictures of a flash
-// Of flashes and beeps, in seconds. The 1e-6 keeps a frame at the very end of a flash dark.
+// The period and the length of flashes and beeps, in seconds. The 1e-6 keeps a frame at the very
+// end of a flash dark.
 const [period, length] = [10, brightness.length / fps - 1e-6];
 const size = [160, 90];
 const tolerance = 0.010; // seconds
@@ -104,9 +105,10 @@ function run(command, args) {
   return stdout;
 }
 
-// When each flash began, once for each of its pictures. A picture only counts if the picture before
-// or after it is in the movie too. The helper may have read a lone picture more than 2 s after its
-// capture. Then its time in the movie is when it was read, not when it was captured.
+// Returns when the flashes began. Each picture of a flash gives one entry. A picture only counts if
+// the picture before or after it is in the movie too. The helper may have read a lone picture more
+// than 2 s after its capture. Then its time in the movie is when it was read, not when it was
+// captured.
 function flashesOf(path) {
   const shown = ['-show_entries', 'packet=pts_time', '-of', 'csv=p=0'];
   const times = String(run('ffprobe', ['-v', 'error', '-select_streams', 'v', ...shown, path]))

@@ -26,7 +26,7 @@ struct FrameLayout {
   bool hasMatrix = false;                    // whether its matrix and range can be chosen
   std::span<const PlaneLayout> planes = {};  // empty: compressed
 
-  // The length of compressed pictures varies, so each frame has its own.
+  // Compressed pictures vary in length, so `Frame::setLength` must set it.
   bool isCompressed() const { return planes.empty(); }
 };
 

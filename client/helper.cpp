@@ -305,8 +305,9 @@ class Helper::Impl {
   const PostedHandlers handlers_;
   const EventHandler onEvent_;
   std::shared_ptr<FrameSlots> slots_;  // guarded by `mutex_` once the reader runs
-  // Memory that an older helper does not read. Stays open, so that no other memory gets the number
-  // of its descriptor: by that number `process_` tells which frames the helper can read in place.
+  // Memory that an older helper does not read. Stays open, so that no other memory gets its
+  // descriptor's number. `process_` compares such numbers to see whether the helper can read a
+  // frame in place.
   std::shared_ptr<FrameSlots> unread_;
   const std::shared_ptr<ChildProcess> process_;
   const std::shared_ptr<Feeder> feeder_;

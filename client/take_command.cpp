@@ -42,7 +42,8 @@ void check(const TakeOptions& options) {
 // The limits of docs/protocol.md for times.
 void checkTime(Uptime::time_point time) {
   const Seconds ago = Uptime::now() - time;
-  // Negative: before the machine was started. No comparison is true for NaN.
+  // A negative `time` is before the machine's start. A NaN is refused: no comparison with it is
+  // true.
   if (time >= Uptime::time_point() && ago <= Seconds(30) && ago >= -mostAhead) return;
   throw std::invalid_argument(
       "a take's start and stop must be at most 30 s ago or 50 ms ahead, on the uptime clock");

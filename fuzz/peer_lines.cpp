@@ -1,4 +1,4 @@
-// Fuzzes the bytes of a new peer, in pieces of any size, while frames are encoded for a client.
+// Fuzzes what a new peer sends, in pieces of any size, while another client gets frames.
 
 #include <sstream>
 

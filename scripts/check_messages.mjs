@@ -1,6 +1,6 @@
 // Checks that docs/troubleshooting.md lists every error of the client libraries and the tools, except
-// those of the viewer's page. Also checks that each error in the page's sections "In the client
-// libraries" and "In the tools" is in the sources.
+// those of the viewer's page. Also checks that the sources contain each error of the sections
+// "In the client libraries" and "In the tools" of that document.
 
 import assert from 'node:assert/strict';
 import fs from 'node:fs';

@@ -30,7 +30,7 @@ git grep -nE '^[[:space:]]*#[[:space:]]*include' -- '*.cpp' '*.h' '*.hpp' '*.inc
     split($0, part, ":")
     file = part[1]
     place = placeOf(file)
-    if (!match($0, /[<"][^>"]*[>"]/) || /\.\.\//) bad = "has an include of a macro or with ../, which this check cannot follow"
+    if (!match($0, /[<"][^>"]*[>"]/) || /\.\.\//) bad = "has an include whose name is a macro or contains ../; this check cannot follow it"
     ours = substr($0, RSTART, 1) == "\""
     name = substr($0, RSTART + 1, RLENGTH - 2)
     split(name, folder, "/")

@@ -10,8 +10,8 @@ fi
 root=$(mktemp -d /var/tmp/lumora-bare.XXXXXX)  # not in /tmp, which is mounted anew below
 cleanUp() {
   for point in proc dev tmp; do umount --recursive --lazy "$root/$point" 2>/dev/null || true; done
-  # rm would delete the files of /tmp if /tmp were still mounted in the new system and both were on
-  # one file system.
+  # If /tmp is still mounted in $root, rm would delete its files. --one-file-system prevents that
+  # only if /tmp and $root are on different file systems.
   mountpoint -q "$root/tmp" || rm -rf --one-file-system "$root"
 }
 trap cleanUp EXIT

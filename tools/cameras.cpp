@@ -64,7 +64,8 @@ std::string listSoundDevices() {
   const bool hasCard =
       std::string(std::istreambuf_iterator(cards), {}).find('[') != std::string::npos;
   std::vector<std::string> formats = {"pulse"};
-  if (hasCard) formats.emplace_back("alsa");  // which also lists plugins that need no card
+  // ALSA also lists plugins, which need no card. So it is asked only if there is one.
+  if (hasCard) formats.emplace_back("alsa");
   std::string text;
   for (const std::string& format : formats)
     for (const std::string& device :

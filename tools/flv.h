@@ -23,8 +23,9 @@ std::vector<std::uint8_t> flvTag(const client::Packet& packet, std::uint32_t mil
 // helper or its parent starts again.
 class FlvTimes {
  public:
-  // `fromIDs`: true takes a picture's id as its time, in microseconds; false takes its arrival.
-  // Empty takes the id if it is within 2 s of the arrival, else the arrival.
+  // `fromIDs` says what the time of a picture is. If true, it is the picture's id, in microseconds.
+  // If false, it is the arrival. If nullopt, it is the id if that is within 2 s of the arrival,
+  // else the arrival.
   explicit FlvTimes(std::optional<bool> fromIDs) : fromIDs_(fromIDs) {}
   std::uint32_t next(std::uint64_t frameID, client::Uptime::time_point arrivedAt);
 

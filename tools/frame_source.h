@@ -30,8 +30,8 @@ class FrameSource {
   // Returns frame `number`, the first being 1. A test card shows `seconds` on it. Empty after the
   // last frame. Valid until the next call.
   virtual std::span<const std::uint8_t> next(std::uint64_t number, double seconds) = 0;
-  // Ends a `next` that waits on another thread: it returns no frame. Later calls return none, too.
-  // A source that never waits need not do anything.
+  // Ends the wait of another thread in `next`, which then returns no frame. Later calls return
+  // none, too. A source that never waits need not do anything.
   virtual void stop() {}
 };
 

@@ -14,7 +14,7 @@ namespace lumora::tools {
 // `text` as one word of a shell command.
 std::string shellQuoted(const std::string& text);
 
-inline constexpr int pipeBytes = 1 << 20;  // the largest pipe that Linux by default gives any user
+inline constexpr int pipeBytes = 1 << 20;  // Linux's default limit for users other than root
 
 // The standard output of a program. Up to `pipeBytes` of it may wait to be read.
 class CommandPipe {
@@ -24,7 +24,7 @@ class CommandPipe {
   explicit CommandPipe(const std::string& command);
   // Waits for bytes, and returns how many came; 0 at the end.
   std::size_t read(std::span<char> bytes);
-  // Ends the program, as the destructor does. A `read` that waits on another thread returns 0.
+  // Ends the program, as the destructor does. A thread that waits in `read` gets 0.
   void stop();
 
  private:

@@ -31,13 +31,13 @@ constexpr client::TakeSize takeSizes[] = {client::TakeSize::of640x360, client::T
                                           client::TakeSize::of1920x1080};
 constexpr client::TakeRate rates[] = {client::TakeRate::fps15, client::TakeRate::fps30,
                                       client::TakeRate::fps45, client::TakeRate::fps60};
-constexpr client::Seconds patience(20);       // for the end of a take
-constexpr int takesBetweenRests = 4;          // in a rest the helper is idle
-constexpr unsigned longestTake = 120;         // seconds, from one start of a take to the next
-constexpr std::size_t fewestRests = 4;        // that show a trend
-constexpr double mostMegabytes = 200;         // at any time
-constexpr double growthMegabytes = 12;        // from the first rests to the last
-constexpr double threadsOfSpareEncoders = 6;  // their number varies with the settings of takes
+constexpr client::Seconds patience(20);  // for the end of a take
+constexpr int takesBetweenRests = 4;     // in a rest the helper is idle
+constexpr unsigned longestTake = 120;    // seconds, from the start of a take to the next start
+constexpr std::size_t fewestRests = 4;   // that show a trend
+constexpr double mostMegabytes = 200;    // at any time
+constexpr double growthMegabytes = 12;   // from the first rests to the last
+constexpr double growthThreads = 6;      // those of spare encoders vary with the takes
 constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // of one client
 
 // Ends the run. Any thread.
@@ -147,7 +147,8 @@ class Soak {
     viewer.watch(keep, [&] {
       return !stop.stop_requested() && Uptime::now() < until && bytes < mostStreamBytes;
     });
-    if (viewer.isClosed()) fail("the helper closed the connection of a client that acknowledges");
+    if (viewer.isClosed())
+      fail("the helper closed the connection of a client that acknowledged its frames");
     return bytes > 0;
   }
 
@@ -188,7 +189,7 @@ class Soak {
     }
     expectFlat("MB at rest", &tools::ProcessFigures::residentMegabytes, growthMegabytes);
     expectFlat("descriptors", &tools::ProcessFigures::descriptors, 0);
-    expectFlat("threads", &tools::ProcessFigures::threads, threadsOfSpareEncoders);
+    expectFlat("threads", &tools::ProcessFigures::threads, growthThreads);
   }
 
   // Ends the run if the median rose by over `growth` from the first quarter of the rests to the

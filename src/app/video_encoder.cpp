@@ -70,7 +70,8 @@ void VideoEncoder::serviceTick() {
   sweepPeers();
   stopTakeWithoutSpace();
   // The recorder of an abandoned take sends the "failed" event within `rescueTimeout`. If it has
-  // not, its queue hangs, and we emit the event ourselves.
+  // not come after `shutdownTimeout`, which is longer, the recorder's queue hangs, and we emit the
+  // event ourselves.
   if (take.isRescuing() && uptime() >= take.abandonedAt + shutdownTimeout) concludeAbandonedTake();
   emitStats(false);
 }

@@ -16,7 +16,7 @@ std::optional<Json> parseJson(ByteView text);
 // The value under `key`; null if there is none, or if `object` is not an object.
 const Json* findValue(const Json& object, const char* key);
 
-// The string under `key`; null if `findValue` finds nothing, or a value that is not a string.
+// The string under `key`; null if `findValue` returns null, or if the value is not a string.
 const std::string* findString(const Json& object, const char* key);
 
 }  // namespace lumora

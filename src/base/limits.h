@@ -34,8 +34,8 @@ constexpr double maximumAge = 30;
 constexpr double serviceInterval = 0.025;  // seconds between ticks of the service timer
 constexpr double prepareTimeout = 0.5;     // seconds that "ready" waits for an encoder
 constexpr double shutdownTimeout = 2.0;    // seconds a take may need to finish
-// Seconds from the start of a shutdown to the end of a process whose state queue hangs. Longer than
-// `shutdownTimeout`.
+// If the state queue hangs during a shutdown, the process ends this many seconds after the
+// beginning of the shutdown. Longer than `shutdownTimeout`.
 constexpr double watchdogTimeout = 2.2;
 
 }  // namespace lumora

@@ -9,7 +9,8 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t cacheLine = 64;
-// While no frame is in flight, four are idle: two raw frames and one buffer of each session.
+// While no frame is in flight, memory for four pictures is idle: for two raw frames, and for one
+// buffer of each of the two sessions.
 constexpr std::size_t maximumIdle = 4;
 constexpr std::size_t largestIdle = std::size_t{16} << 20;  // bytes; larger pictures are freed
 

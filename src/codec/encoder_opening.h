@@ -20,7 +20,7 @@ using EncoderFactory = std::function<Status(const AVCodec&, const EncoderSetting
 struct OpenedEncoder {
   Status status = 0;
   std::unique_ptr<LibavEncoder> encoder = {};
-  bool isSubstitute = false;  // of another codec than the requested one
+  bool isSubstitute = false;  // `encoder` is of another codec than was requested
 };
 
 // Whether `codec` is an encoder of a device driver. Drivers may hang, refuse a session or a size,

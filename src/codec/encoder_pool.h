@@ -58,7 +58,7 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;
-    bool isBegun;  // whether its opening has begun; no longer changes outside the slot
+    bool isBegun;  // whether its opening has begun; constant once it is out of its slot
     std::promise<OpenedEncoder> opened = {};
 
     bool isFor(const AVCodec& wanted, const EncoderSettings& by) const {

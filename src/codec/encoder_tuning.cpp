@@ -22,7 +22,7 @@ constexpr int pixelsPerSliceThread = 640 * 480;
 constexpr int maximumSliceThreads = 2;
 
 // One frame is in flight at a time, so the slowest frames decide how many others are dropped. The
-// slowest are those that are key frames in the preview and in the take. The table shows a preview
+// slowest are those that are key frames in both the preview and the take. The table shows a preview
 // and a 1920×1080 take together on two cores: milliseconds per frame, and the take's SSIM. The
 // times are medians of five rounds of 240 frames. No picture had to be scaled or converted.
 //

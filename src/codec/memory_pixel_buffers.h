@@ -28,7 +28,8 @@ class MemoryPixelBufferPool final : public PixelBufferPool {
   std::shared_ptr<const void> use_;  // counts buffers: each one in use has a copy
 };
 
-// Makes a grey buffer that no session's pool counts, and touches its memory: 0 or a negative errno.
+// Makes a grey buffer that no session's pool counts, and touches its memory. Returns 0 or a
+// negative errno.
 Status makeGreyBuffer(PictureSize size, const PixelFormat& frames,
                       const std::shared_ptr<PicturePool>& pictures,
                       std::shared_ptr<PixelBuffer>& buffer);

@@ -50,8 +50,9 @@ struct NalWalk {
   bool idr = false;
 };
 
-// Walks a sample of `length` bytes and tells whether it holds an IDR slice. The platform owns the
-// bytes. `fetch(offset, space)` fills `space` with the bytes from `offset` on, or returns false.
+// Walks a sample of `length` bytes and tells whether it holds an IDR slice. The bytes need not be
+// in one piece: `fetch(offset, space)` fills `space` with the bytes from `offset` on, or returns
+// false.
 template <typename Fetch>
 NalWalk walkNalUnits(std::size_t length, Fetch&& fetch) {
   NalWalk walk;

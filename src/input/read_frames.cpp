@@ -1,7 +1,7 @@
 // The reader: splits standard input into records. It hands commands and frames to the state queue,
 // and sound to the queue of `SoundInput`. It blocks in `read` on a thread of its own. It also reads
-// the payloads of frames that it drops, so encoding never slows the parent down. It decodes the
-// formats that no session takes; meanwhile the parent waits if the pipe is full.
+// the payloads of frames that it drops, so encoding never slows the parent down. Decoding does:
+// this thread decodes the formats that no session takes, and reads nothing meanwhile.
 
 #include <array>
 #include <cstring>
@@ -163,7 +163,7 @@ RecordPicture VideoEncoder::copyOf(const RecordPicture& picture) {
   return {std::move(copy), picture.length};
 }
 
-// State queue. No frame is in flight any more, so work that waited for this can begin.
+// State queue. The frame in flight is done. Begins the work that waited for that.
 void VideoEncoder::releaseRaw() {
   raw.release();
   if (take.hasSessionOfAnotherTake()) take.resetRecordingSession();

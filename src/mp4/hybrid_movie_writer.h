@@ -55,7 +55,8 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    std::int64_t waited = 0;     // of pictures: sound appended since the first one, in PCM samples
+    // For pictures only: how many PCM samples of sound were appended since the first picture.
+    std::int64_t waited = 0;
   };
 
   bool add(std::size_t track, MovieSample sample, const std::function<bool(MutableByteView)>& copy);

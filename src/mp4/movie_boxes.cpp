@@ -354,7 +354,8 @@ std::uint64_t maximumMovieEndBytes(const std::vector<MovieTrack>& tracks) {
     bytes += fixedBoxes + sound.configuration.size();
     if (picture)
       bytes += picture->parameterSet(0).bytes.size() + picture->parameterSet(1).bytes.size();
-    // The worst case: each sample's duration and each chunk's count begins a run.
+    // The worst case: no two neighbouring samples have the same duration, and no two neighbouring
+    // chunks have the same number of samples.
     bytes += tables.sizes.size() * (8 + 4) + tables.keyframes.size() * 4 +
              tables.chunks.size() * (12 + 8);
   }

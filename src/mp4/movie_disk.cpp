@@ -61,7 +61,8 @@ void MovieDisk::rescue(std::uint64_t offset, MakeEnding make,
   const auto outcome = std::make_shared<int>(ENOMEM);  // stays so if the step throws
   Job job{0,
           [this, offset, outcome, make = std::move(make)](ByteSink& sink) {
-            // `rescue` leaves this to the disk thread, so that a write in progress still counts.
+            // Done here, on the disk thread, and not in the call of `rescue`. Otherwise a write in
+            // progress would stop early, and `syncedWrites` would not count it.
             end(WriterStatus::failed, "the movie was ended early");
             const auto ending = make(syncedWrites(), sink.size());
             int error = 0;

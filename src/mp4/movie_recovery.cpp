@@ -127,7 +127,7 @@ RecoveredTake recoverTake(const std::string& staging, std::time_t now) {
     take.frames = movie.frames;
     take.duration = movie.duration;
     if (!moveUnlessExists(staging, *recovered)) {
-      throw std::runtime_error("it can't be named " + *recovered + ", but it is a movie now");
+      throw std::runtime_error("it is a movie now, but can't be named " + *recovered);
     }
     take.path = *recovered;
     moveUnlessExists(frameLogPath(staging), frameLogPath(*recovered));  // few takes have one

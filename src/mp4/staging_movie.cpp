@@ -160,7 +160,8 @@ Fields Reader::fields(const BoxPlace& box) const {
   return Fields(bytes(box.body, box.end - box.body));
 }
 
-// The tables are complete, since they were written and synced before the file got its new head.
+// The tables are complete, since they were written and synced before the `mdat` header replaced the
+// placeholder.
 void Reader::readFinished(const BoxPlace& movie) {
   const BoxPlace track = child(movie, "trak");
   const BoxPlace table = sampleTable(track);
@@ -349,7 +350,7 @@ bool Reader::isWhole(std::uint64_t offset, std::uint32_t size, bool isPicture) c
 // begin in the `size` bytes at `offset`, which lies within the file.
 bool Reader::holdsTables(std::uint64_t offset, std::uint64_t size) const {
   constexpr std::string_view tables("moov\0\0\0\x78mvhd", 12);  // bytes 4 to 15 of the `moov`
-  // The `moov` may begin with the last of the `size` bytes.
+  // The first byte of the `moov` may be the last of the `size` bytes.
   const std::uint64_t longest = size + 3 + tables.size();
   const Bytes read = bytes(offset, std::min(longest, file_.size - offset));
   return std::search(read.begin(), read.end(), tables.begin(), tables.end()) != read.end();

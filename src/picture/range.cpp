@@ -48,7 +48,7 @@ HWY_EXPORT(compressRow);
 void compressRange(PlaneView source, Plane destination, std::int64_t bytes, std::int64_t rows,
                    SampleKind kind) {
   // 255 steps become 219 or 224. Luma 0 becomes 16, and chroma 128 stays. `compressRow`
-  // divides by 256, so adding 128 rounds.
+  // divides by 256 and drops the rest, so 128 is added to round to the nearest.
   const bool isLuma = kind == SampleKind::luma;
   const double scale = (isLuma ? 219 : 224) / 255.0;
   const double offset = isLuma ? 16 : 128 - 128 * scale;

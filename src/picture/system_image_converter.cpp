@@ -9,8 +9,8 @@ namespace lumora {
 namespace {
 
 constexpr std::size_t keptResamplers = 4;  // for luma and for chroma, up to two passes each
-// Beyond this a kernel's weights are too small for one pass in fixed point. Two passes are exact to
-// one level at every size.
+// Beyond this a kernel's weights are too small for one pass in fixed point. With two passes,
+// samples are off by at most 1 at every size.
 constexpr double largestReduction = 8;
 
 struct Extent {
@@ -18,9 +18,9 @@ struct Extent {
   std::int64_t size;
 };
 
-// One axis of a plane. `source` pixels are scaled to the area `pixels` of the destination, and
-// `samples` are the plane's samples in that area. A sample stands for `pixelsPerSample` pixels. It
-// lies `centre` pixels after the middle of its first pixel.
+// One axis of a plane. The picture is `source` pixels long there. It is scaled to the area `pixels`
+// of the destination, and `samples` are the plane's samples in that area. A sample stands for
+// `pixelsPerSample` pixels. It lies `centre` pixels after the middle of its first pixel.
 SampleGrid gridOf(std::int64_t source, Extent pixels, Extent samples, int pixelsPerSample,
                   double centre) {
   const double scale = static_cast<double>(source) / static_cast<double>(pixels.size);

@@ -12,9 +12,9 @@
 namespace lumora {
 
 // A buffer with one picture. It has memory of its own, or is wrapped around the pixels of an
-// existing picture. A wrapped picture has the frames' layout. So has a picture in the buffer's own
-// memory, except that RGBA becomes BGRA there, and BGRA becomes RGBA. The pool that made the buffer
-// counts it as in use until the last reference is gone.
+// existing picture. The picture has the frames' layout, with one exception: in the buffer's own
+// memory, red and blue change places, so RGBA frames become BGRA, and BGRA frames RGBA. The pool
+// that made the buffer counts it as in use until the last reference is gone.
 class PixelBuffer {
  public:
   virtual ~PixelBuffer() = default;

@@ -24,8 +24,9 @@ class Encoders {
   // Called first. In the background: opens an encoder for this preview, and looks for hardware that
   // can encode this preview, or at least this take.
   virtual void prepare(const EncoderSettings& preview, const EncoderSettings& take) = 0;
-  // Runs `work` on the state queue once a preview can begin without delay, never inside the call.
-  // The search for hardware delays `work` only if software encoders are missing or not allowed.
+  // Runs `work` on the state queue as soon as a preview can begin without delay, but never before
+  // this call has returned. The search for hardware delays `work` only if software encoders are
+  // missing or not allowed.
   virtual void whenPrepared(Work work) = 0;
   // In the background: if no hardware has been found yet, slowly touches as much memory as the
   // largest take needs. Then, with or without hardware, opens an encoder for the likeliest take.

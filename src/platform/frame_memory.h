@@ -8,7 +8,7 @@
 
 namespace lumora {
 
-constexpr std::uint64_t framePageBytes = 4096;  // whatever the machine's page size is
+constexpr std::uint64_t framePageBytes = 4096;  // also where the machine's pages are larger
 
 class FrameMemory {
  public:

@@ -65,7 +65,7 @@ void MovieRecorder::rescue() try {
   kept(writer->synced(), staging);
 }
 
-// A file that could not be completed keeps its name, since it is no ordinary movie yet. The disk
+// A file that could not be completed keeps its staging name: it still has to be recovered. The disk
 // may hang during a rename, so the rename has a thread of its own.
 void MovieRecorder::nameKept(MovieExtent extent, bool isComplete) try {
   if (isConcluded || !isComplete) return kept(extent, staging);
@@ -86,7 +86,7 @@ void MovieRecorder::kept(MovieExtent extent, const std::string& file) {
             {"kept_frames", extent.frames},
             {"kept_duration", static_cast<double>(extent.duration) / movieTimescale}};
   } else {
-    // Somebody has removed the file.
+    // Another program has removed the movie. So remove its log.
     if (hasLogFile) platform.files->remove({frameLogPath(staging)});
   }
   tell(TakeState::failed, 0, failure, path, more);

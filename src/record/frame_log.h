@@ -27,7 +27,8 @@ enum class FrameOutcome {
 // A frame that was read.
 struct ReadFrame {
   std::uint64_t id = 0;  // above the id of the frame before it
-  // In uptime seconds: when it was read. In calls of `MovieRecorder::append`: its capture time.
+  // The uptime in seconds at which the helper read it. In calls of `MovieRecorder::append` it is
+  // the uptime of its capture.
   double capturedAt = 0;
 };
 

@@ -28,7 +28,8 @@ void MovieRecorder::finishJob(double stop) {
   }
 }
 
-// Ends the movie at `awaitedEnd`. By now its sound is written, unless time was short.
+// Ends the movie at `awaitedEnd`. By now its sound is written, unless `limitEnd` left no time for
+// that.
 void MovieRecorder::endAwaited() {
   try {
     const double end = *std::exchange(awaitedEnd, std::nullopt);
@@ -47,7 +48,8 @@ void MovieRecorder::endMovie(double end, FrameOutcome rest) {
 }
 
 // Ends the log before the movie. So the disk thread has written all of the log when it calls the
-// handler of `finishWriting`. Frames without an outcome get `rest`. A "saved" event states `end`.
+// handler of `finishWriting`. Frames without an outcome get `rest`. `end` becomes the duration in a
+// "saved" event.
 void MovieRecorder::completeFile(std::int64_t units, double end, FrameOutcome rest) {
   held.reset();
   if (log) log->end(rest);

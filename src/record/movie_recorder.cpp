@@ -125,7 +125,7 @@ void MovieRecorder::prepare(const HeldSample& first) {
     throw EncoderFailure::message(writer->error().value_or("recording writer failed"));
   }
   lastProgressReport = platform.clock->uptime();
-  if (sound) soundLater();  // encodes what it has held
+  if (sound) soundLater();  // to encode what has come so far
   tell(TakeState::recording, 0, "", path);
 }
 

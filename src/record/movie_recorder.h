@@ -58,11 +58,12 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // or `disk` if the disk has failed or is too slow.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
-  // State queue. Sound was lost. A take with sound fails, unless the end of its track is set.
+  // State queue. Sound was lost. A take with sound fails, unless it knows where its sound ends.
   void soundFailed(const std::string& message);
   // State queue. If the take fails with `options.keepsFailed`, its last event comes at uptime `end`
-  // at the latest. If the take was stopped, it encodes sound until half a second before `end`, and
-  // leaves out the rest. If this is called more than once, the earliest `end` counts.
+  // at the latest. If the take was stopped, it encodes its remaining sound until half a second
+  // before `end` at most, and leaves out the rest. If this is called more than once, the earliest
+  // `end` counts.
   void limitEnd(double end) { latestEnd = std::min(latestEnd.load(), end); }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
@@ -143,7 +144,7 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   double writtenDuration = 0;  // seconds
   double lastProgressReport = -std::numeric_limits<double>::infinity();
   std::vector<double> recentWrites;  // uptimes; `tell` removes those older than a second
-  // Uptimes and bytes of the writes of the last ten seconds, if there is a minimum of free space.
+  // Uptimes and bytes of the writes of the last ten seconds. Empty without `options.minimumFree`.
   std::deque<std::pair<double, std::size_t>> recentBytes;
   int width = 0;
   int height = 0;

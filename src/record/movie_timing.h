@@ -18,7 +18,7 @@ constexpr std::int64_t shortestLastSample = 1;
 inline std::int64_t movieUnits(double seconds) { return std::llround(seconds * movieTimescale); }
 
 // A sample at `time` lasts until `next`, but at least `shortest` and at most `longestSample`. The
-// sample after it begins at its end, even if this end is not `next`.
+// next sample begins where this one ends, even if that is not at `next`.
 inline MovieTiming lastUntil(std::int64_t time, std::int64_t next, std::int64_t shortest) {
   return {time, std::clamp(next - time, shortest, longestSample)};
 }

@@ -34,7 +34,7 @@ TakeEvent makeTakeEvent(const TakeReport& report) {
                    {"error", firstCharacters(report.error, maximumMessageCharacters)}}};
   const Json bare = event.json;
   event.json.update(report.more);
-  if (!eventLine(event.json)) event.json = bare;  // else the parent would never get it
+  if (!eventLine(event.json)) event.json = bare;  // with `more` it is too long, or not UTF-8
   return event;
 }
 

@@ -42,8 +42,9 @@ struct TakeReport {
 // The event of a take that was accepted. It has thirteen keys, and those in `more` if they fit.
 TakeEvent makeTakeEvent(const TakeReport& report);
 
-// The "failed" event of a take whose recorder can't make one, or would be too late. Its duration is
-// 0, its other figures are those of `last`, the take's latest event. It has no "seconds_left".
+// The "failed" event of a take whose recorder can't make this event itself, or not in time. Its
+// duration is 0, its other figures are those of `last`, the take's latest event. It has no
+// "seconds_left".
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
 // The "failed" event that answers a refused "record_start". It has ten keys.

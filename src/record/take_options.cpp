@@ -15,8 +15,8 @@ constexpr std::int64_t mostMinimumFree = std::int64_t{1} << 53;  // a double is 
   throw EncoderFailure::message(std::string("recording ") + key + " is invalid");
 }
 
-// The integer under `key`, or nullopt without this key. Refuses any other value. The integer may
-// have a fraction of 0, as in 90.0.
+// The integer under `key`, or nullopt without this key. Refuses a value that is no integer from
+// `least` to `most`. An integer may have a fraction of 0, as in 90.0.
 std::optional<std::int64_t> findInteger(const Json& command, const char* key, std::int64_t least,
                                         std::int64_t most) {
   const Json* value = findValue(command, key);

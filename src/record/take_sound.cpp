@@ -61,7 +61,8 @@ std::optional<SoundPackets> TakeSound::next(double now) {
   return packets;
 }
 
-// Fills the track up to its end, then empties the encoder. The writer cuts what is behind the end.
+// Fills the track up to its end, then empties the encoder. The writer cuts what comes after the
+// end.
 void TakeSound::complete(SoundPackets& packets) {
   const std::int64_t missing = std::llround((*end_ - origin_) * trackRate_) - encoder_->length();
   const std::int64_t silence = (missing * format_.rate + trackRate_ - 1) / trackRate_;

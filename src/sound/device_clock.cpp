@@ -11,7 +11,7 @@ constexpr double firstDrift = 9e-8;         // variance: 300 ppm squared
 constexpr double driftWander = 4e-13;       // variance the drift gains in a second: 0.6 ppm squared
 constexpr double jitterMemory = 100;        // records
 constexpr double usualJitter = 2.4;         // standard deviations; less is on the line
-constexpr double usualSpread = 4;           // standard deviations at most between times that agree
+constexpr double usualSpread = 4;           // standard deviations; times that agree differ by less
 constexpr double usualError = 3;            // standard deviations of the line's own error
 constexpr double usualDelay = 0.6;          // share of a record's length; more means a lost record
 constexpr double longestUsualDelay = 0.04;  // seconds
@@ -115,8 +115,8 @@ void DeviceClock::deviate(double late) {
   deviation_ = agrees ? Deviation{deviation_.records + 1, least, most} : Deviation{1, late, late};
 }
 
-// After a hang of the parent many records come at once. Each is late by one record's length less
-// than the record before it. That is no jump, however much the times jitter. So the records of a
+// After a hang of the parent many records come at once. Each is less late than the one before it,
+// by the length of a record. That is no jump, however much the times jitter. So the records of a
 // jump must span at least twice the difference in their lateness.
 bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   if (deviation_.records < fewestRecords) return false;
@@ -125,9 +125,9 @@ bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   return agreed >= std::max(shortestDeviation, 2 * (deviation_.most - deviation_.least));
 }
 
-// After a hang many records come at once, and their times on the line soon span `longestDoubt`. So
-// the stated times tell how long the doubt lasts. The second condition is for stated times that
-// stand still.
+// The stated times tell how long the doubt lasts, because after a hang many records come at once:
+// their times on the line span `longestDoubt` although hardly any time has passed. The second
+// condition is for stated times that stand still.
 bool DeviceClock::isDoubtedTooLong(double statedTime) const {
   return statedTime - doubtedSince_ >= longestDoubt ||
          held_.back().capturedAt - held_.front().capturedAt >= mostHeld;

@@ -5,10 +5,10 @@
 // them. The line says when the next sample is captured, and how much slower than its nominal rate
 // the device is.
 //
-// One time off the line does not move the line: the parent may have read that record late, and the
-// next times are on the line again. So a record whose time is off the line is held. If four records
-// in a row, over at least 50 ms, are off by about the same amount, samples were lost or a clock
-// jumped, and the line starts again at these records.
+// A single record whose time is off the line does not move the line. The parent may have read it
+// late, and the times of the next records may be on the line again. So such a record is held. If
+// four records in a row, over at least 50 ms, are off by about the same amount, samples were lost
+// or a clock jumped, and the line starts again at these records.
 //
 // A parent that polls for records gets each one late by a different time, up to about a record's
 // length. While times scatter like that, and in the first seconds, a time that is off by up to 0.6

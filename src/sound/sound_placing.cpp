@@ -60,7 +60,8 @@ void SoundPlacing::align(double late, const SoundRecord& record, SoundPlacement&
   placement.cut = std::clamp(-samples, std::int64_t{0}, record.samples);
   insert(placement.silence);
   isAligning_ = placement.cut == record.samples;
-  compensation_ = limited(record.drift, mostCompensation);  // may jump: no sound is joined to this
+  // A jump is allowed here: this record does not continue the sound before it.
+  compensation_ = limited(record.drift, mostCompensation);
 }
 
 std::int64_t SoundPlacing::gaps(double end) const {

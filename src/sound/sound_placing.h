@@ -56,8 +56,8 @@ class SoundPlacing {
   // For a device that is silent: the samples of silence that the track needs to reach `until`.
   std::int64_t fill(double until, double length);
 
-  // Until when records came, or silence was filled in. A take that stops waits until this reaches
-  // its end.
+  // Until when records came, or silence was filled in. After its stop, a take waits until this time
+  // reaches the end of the take.
   double settledUntil() const { return settledUntil_; }
   // For a movie that ends at `end`: how many gaps begin in it, and for how many of its seconds no
   // record came.

@@ -10,8 +10,8 @@ namespace lumora {
 class AsioNetwork final : public Network {
  public:
   explicit AsioNetwork(std::shared_ptr<AsioQueue> stateQueue);
-  // Throws if `host` is no address and has characters that no name has. The listener's `start`
-  // resolves `host` and binds its address.
+  // Throws if `host` is no address and can't be a name. The listener's `start` resolves `host` and
+  // binds its address.
   std::shared_ptr<TcpListener> makeListener(const std::string& host, std::uint16_t port) override;
 
  private:

@@ -28,7 +28,9 @@ class ReleaseOrder {
  private:
   struct Frame {
     std::uint64_t id;
-    std::uint64_t latest;  // released with this one: the latest done frame behind it, else `id`
+    // Released together with this frame: the latest of the frames after it that are done, up to the
+    // next frame that is still being read. If there is none, `id`.
+    std::uint64_t latest;
   };
   std::vector<Frame> frames_;  // still being read
 };

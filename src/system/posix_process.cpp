@@ -51,8 +51,8 @@ void endOnAbort(int) {
   _exit(1);
 }
 
-// If an encoder hangs, the state queue waits for its frames forever and can't end the process. A
-// signal can: it needs neither a thread nor memory.
+// If an encoder hangs, the state queue waits forever for frames from it, and can't end the process.
+// A signal can: it needs neither a thread nor memory.
 void startWatchdog(double seconds, int code) {
   decidedStatus = code;
   std::signal(SIGALRM, [](int) { _exit(decidedStatus); });

@@ -19,8 +19,8 @@ if (!fs.existsSync(modules) || !fs.existsSync('/usr/bin/srt-live-transmit')) {
 }
 const seconds = 10;
 
-// Two runs at the same time hardly ever get the same ports. Programs that let the system choose a
-// port get a higher one.
+// Two runs at the same time hardly ever get the same ports. These are below 32000, and the system
+// chooses ports above that.
 const [rtmp, udp, srt] = [0, 1, 2].map((i) => 20000 + process.pid % 4000 * 3 + i);
 
 // The decoded pictures of a file: their times in milliseconds since the first, and their digests.

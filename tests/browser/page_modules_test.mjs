@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { EventFormatter, duration } from '../../tools/viewer/page/event_formatter.js';
 
-test('an event becomes a line in the helper\'s words, a repeated event becomes none', () => {
+test('an event gives a line, errors in the helper\'s words; a repeated event gives none', () => {
   const failed = { type: 'recording', id: 'A', state: 'failed', error: 'No space left on device' };
   const error = { type: 'error', message: 'truncated raw frame' };
   const kept = { kept_path: 'a.mp4', kept_frames: 61, kept_duration: 2.04 };
@@ -14,7 +14,7 @@ test('an event becomes a line in the helper\'s words, a repeated event becomes n
     [error, 'The helper failed: truncated raw frame'], [failed], [error],
     [{ ...failed, id: 'B', ...kept },
       'The take failed: No space left on device. Kept 0:02.0 min, 61 frames: a.mp4'],
-    [failed], // the helper may repeat it after another take's refusal
+    [failed], // the helper may repeat this event after it has refused another take
     [{ type: 'stats', clients: 1, dropped_peers: 3 }, 'Clients of the stream: 1.'],
     [{ type: 'stats', clients: 1, dropped_peers: 5 },
       'The helper has refused or closed 2 more connections.'],

@@ -86,13 +86,13 @@ const colours = [[255, 255, 255], [0, 255, 0], [0, 0, 255], [0, 0, 0], [90, 9, 9
 const stripe = (colour) => Buffer.alloc(180 * 4, Buffer.of(...colour, 255));
 const stripes = Buffer.alloc(1080 * 720 * 4, Buffer.concat(colours.map(stripe)));
 const endings = {
-  'that is stopped': async (helper, take) => assert.ok((await take.stop()).soundMissing < 0.2),
-  'whose helper is killed': (helper) => process.kill(helper.pid, 'SIGKILL'),
-  'that fails and keeps what it has': (helper) =>
+  'after it was stopped': async (helper, take) => assert.ok((await take.stop()).soundMissing < 0.2),
+  'after its helper was killed': (helper) => process.kill(helper.pid, 'SIGKILL'),
+  'after it failed and was kept': (helper) =>
     helper.writeFrame({ width: 540, height: 360 }, stripes.subarray(0, 540 * 360 * 4)),
 };
 for (const [name, end] of Object.entries(endings)) {
-  test(`a take ${name} plays and seeks, with its sound and colours`, async (context) => {
+  test(`a take plays and seeks, with its sound and colours, ${name}`, async (context) => {
     const sound = { rate: 16000, channels: 1 };
     const formats = { format: 'rgba,top', sound };
     const { helper, take } = await startTake(context, `${name}.mp4`, formats, { sound: true });

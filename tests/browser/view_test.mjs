@@ -119,8 +119,9 @@ test('a viewer with its own helper shows its card, recovers a take and makes one
   const part = await fetch(movie, { headers: { Range: 'bytes=4-7' } });
   assert.deepEqual([part.status, await part.text()], [206, 'ftyp']);
 
-  // The viewer refuses the next take, and the helper repeats the last event of the saved take. The
-  // page must show why the take is refused, and must still show the path of the saved movie.
+  // The viewer refuses the next take. Meanwhile the helper repeats the last event of the saved take
+  // once a second. The page must show why the take is refused, and must still show the path of the
+  // saved movie.
   await page.locator('#take-folder').fill(inFolder('nowhere'));
   await page.locator('#take-start').click();
   await sleep(1500);

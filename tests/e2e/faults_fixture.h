@@ -1,6 +1,6 @@
 #pragma once
 
-// The real helper while the fault library in tests/faults makes its calls of libraries fail.
+// For tests of the real helper, in which the fault library (tests/faults) makes calls fail.
 
 #include <map>
 #include <string>

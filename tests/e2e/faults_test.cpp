@@ -31,7 +31,7 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
                                  {"pipe", "", path}});
     }
   } else if (!sanitized && canFailCodec()) {
-    // Only calls of malloc after the first encoded picture count. The sound encoder is opened
+    // Calls of malloc count from the first picture that is encoded. The sound encoder is opened
     // later.
     kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }

@@ -67,8 +67,8 @@ Decoded recover(const std::filesystem::path& staging, const Pixels& left) {
   return movie;
 }
 
-// In some runs only one call fails. In the others the sync of the pictures' second fragment fails.
-// Then another call fails while the helper completes the file with what was synced.
+// In some runs only one call fails. In the others two fail: first the sync of the second fragment
+// with pictures, then one more call while the helper completes the file with what was synced.
 TEST_P(FaultyTakes, KeepEverythingThatWasSyncedWhateverFails) {
   if (sanitized) GTEST_SKIP() << "the clock of a sanitized helper can't run faster";
   const std::string log = folder / "log";

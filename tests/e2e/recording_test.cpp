@@ -1,5 +1,5 @@
-// Takes on real disks, also on failing ones: timing, profiles, endings, crashes. ffprobe and ffmpeg
-// judge the movies.
+// Tests takes on real disks, some of which fail: timing, profiles, endings, crashes. ffprobe and
+// ffmpeg check the movies.
 
 #include <gmock/gmock.h>
 #include <lumora/recover.h>
@@ -225,8 +225,9 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   begin();
   expectFailure("No space left on device", true);
   ASSERT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_REMOUNT, "size=20m"), 0);
-  // On tmpfs, no room can be reserved beyond the limit. So the take fails before the file reaches
-  // the limit, and the end of the movie still fits.
+  // The helper reserves space ahead of what it writes. On tmpfs, reserving fails beyond the limit
+  // of the file's size. So the take fails before the file reaches this limit, and the end of the
+  // movie still fits.
   limitSize(2'000'000, true);
 }
 

@@ -11,7 +11,8 @@ namespace {
 struct Sound : HelperTest {
   static constexpr double step = 0.02;  // seconds
 
-  // Feeds pictures and sound, captured up to this uptime. From `flash` on they are white and loud.
+  // Feeds pictures and sound in real time until the uptime `until`. Pictures are white, and sound
+  // is loud, from `flash` on.
   void perform(double until) {
     const FrameSize size{320, 180};
     while (heardUntil < until - 1e-6) {

@@ -4,10 +4,10 @@
 
 namespace lumora::tests {
 
-// One call: a write, sync or truncation of a file in the logged folder, a sync of the folder, a
-// rename in any folder, or a call of any kind that the fault library let fail or delayed. An entry
-// does not name the file, so the folder should have only one file. The entry of a write is followed
-// by the `size` bytes that were written.
+// One call: a write, sync or truncation of a file in the logged folder, a sync of the folder, or a
+// rename in any folder. `failed` stands for a call of any kind that the fault library delayed, or
+// that it made fail. An entry does not name the file, so the folder should have only one file. The
+// entry of a write is followed by the `size` bytes that were written.
 struct DiskLogEntry {
   enum Kind : std::uint64_t { written, synced, namesSynced, renamed, truncated, failed };
   Kind kind;

@@ -4,9 +4,10 @@
 //   LUMORA_FAULT        entries "KIND:N[:ERRNO]", comma separated. KIND is a function's name.
 //                       "malloc" means every function of the heap. The N-th call of the kind
 //                       fails (0: every call). With -S in place of ERRNO, the call takes S seconds
-//                       longer, and does not fail. Calls before `main` do not count. An entry
-//                       counts no calls until all entries before it, except those with 0, have had
-//                       their N-th call. `pthread_create` and `avcodec_send_frame` ignore ERRNO.
+//                       longer, and does not fail. Calls before `main` do not count. Counting for
+//                       an entry starts when all entries before it have had their N-th call;
+//                       entries with N = 0 are not waited for. `pthread_create` and
+//                       `avcodec_send_frame` ignore ERRNO.
 //   LUMORA_FAULT_HIT    this file is created when the last entry makes a call fail or wait
 //   LUMORA_DISK_FOLDER  the folder whose files are logged
 //   LUMORA_DISK_LOG     the file for the log; needs LUMORA_DISK_FOLDER

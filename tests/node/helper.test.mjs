@@ -73,8 +73,8 @@ test('a take is saved while two clients watch, and the token leaks nowhere', asy
   const told = [inspect(helper, { depth: 9, showHidden: true }), JSON.stringify(helper),
     readFileSync(`/proc/${helper.pid}/cmdline`, 'latin1')];
   assert.deepEqual(await helper.stop(), { code: 0, signal: null });
-  for await (const { raw } of events) told.push(raw);
-  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === ''); // `exit`'s raw
+  for await (const { raw } of events) told.push(raw); // `exit` is last, and its `raw` is empty
+  assert.ok(told.some((text) => text.includes('"saved"')) && told.at(-1) === '');
   assert.ok(told.every((text) => !text.includes(helper.token)));
 });
 

@@ -57,7 +57,7 @@ test('a format or a length that would end the helper is refused', async () => {
   }
 });
 
-test('a page names a VideoFrame\'s format, and copies it without odd sides and padding, or refuses', async () => {
+test('a page names the format of a VideoFrame; its copy has even sides and no padding, or is refused', async () => {
   const copied = []; // options of `copyTo`
   const frameOf = ([format, matrix = null, fullRange = null]) => ({ format,
     colorSpace: { matrix, fullRange }, visibleRect: { x: 1, y: 2, width: 6, height: 3 },
@@ -310,7 +310,7 @@ test('frames of a port are written or refused, and answered', async (context) =>
   const unanswered = fail();
   port1.close();
   await unanswered;
-  port2.postMessage = () => assert.fail('nobody reads it');
+  port2.postMessage = () => assert.fail('posted to a closed port');
   await fail();
 });
 

@@ -40,7 +40,7 @@ TEST(Feeder, DropsReplacedAndLateFramesAndExcessSoundAndWritesTheRest) {
     feeder.write(slots->acquire(size).value(), 1);
     feeder.write(slots->acquire(size).value(), 2);  // frame 1 is dropped
     EXPECT_TRUE(feeder.write("x"));
-    feeder.write(slots->acquire(size).value(), 3);  // frame 2 stays in front of the command
+    feeder.write(slots->acquire(size).value(), 3);  // frame 2 is kept: a command is behind it
     EXPECT_TRUE(feeder.writeSound(second, format, at));
     feeder.write(slots->acquire(size).value(), 4);  // frame 3 is dropped: sound is no command
     feeder.endFrames();
@@ -320,7 +320,7 @@ TEST(Helper, CanStopDuringItsStartAndCallsNoHandlerOnceDestroyed) {
 }
 
 // The helper ignores SIGTERM. The process that it leaves behind keeps the helper's pipes open.
-TEST(Helper, IsKilledIfItIgnoresSIGTERMAndItsTakeFailsThoughPipesStayOpen) {
+TEST(Helper, ThatIgnoresSIGTERMIsKilledAndItsTakeFailsThoughItsPipesStayOpen) {
   const std::string script =
       R"(exec 3<&0 2>&-; trap '' TERM; sleep 1000 & echo $!; echo '{"type":"ready"}'; wait)";
   pid_t left = 0;

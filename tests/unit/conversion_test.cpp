@@ -130,7 +130,7 @@ TEST_P(Conversion, KeepsSamplesInPlaceAndPutsTheTopRowFirst) {
   }
 }
 
-TEST_P(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheEdgeOfTheBars) {
+TEST_P(Conversion, KeepsLevelsAndMakesBlackBars) {
   const auto levels = [](int i, auto...) { return i == 0 ? 255 : i == 1 ? 0 : 200; };
   // The left bar's width is even in the first case, odd in the second. The third is not scaled.
   const std::pair<PictureSize, PictureSize> sizes[] = {
@@ -144,6 +144,7 @@ TEST_P(Conversion, KeepsLevelsAndBlackBarsAndThePicturesChromaAtTheEdgeOfTheBars
       const auto wanted = [&](int component, int x, int y) {
         const bool isHalved = isChroma(format, component);
         const int step = isHalved ? 2 : 1;
+        // A chroma sample that bar and picture share belongs to the picture.
         const bool isInside =
             x * step + step > inner.left && x * step < inner.left + inner.size.width &&
             y * step + step > inner.top && y * step < inner.top + inner.size.height;

@@ -163,7 +163,7 @@ TEST(Statistics, AreReportedOnceASecondUnlessForced) {
   EXPECT_EQ(report(0.2, false).size(), 25u);
 }
 
-TEST(WatchdogDeathTest, EndsTheProcessWithTheDecidedStatus) {
+TEST(WatchdogDeathTest, EndsTheProcessWithTheStatusOfTheShutdown) {
   const auto arm = [] {
     PosixProcess process;
     process.armWatchdog(60, 3);
@@ -177,14 +177,14 @@ TEST(WatchdogDeathTest, EndsTheProcessWithTheDecidedStatus) {
     platform.stateQueue->async([&] {
       service->start();
       raise(SIGTERM);
-      std::fputs("asked for", stderr);
+      std::fputs("SIGTERM was raised", stderr);
       pause();  // the state queue stands still
     });
     for (;;) pause();
   };
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // there may be threads already
   EXPECT_EXIT(arm(), testing::ExitedWithCode(7), "");
-  EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "asked for");
+  EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "SIGTERM was raised");
 }
 
 // Standard input becomes a pipe, and stays one.

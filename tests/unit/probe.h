@@ -151,8 +151,8 @@ struct VideoEncoderProbe {
   std::shared_ptr<FakeFiles> files = std::make_shared<FakeFiles>(*failures);
   std::shared_ptr<VideoEncoder> service;
 
-  // When destroyed, clears the work that has not run. That work owns takes and the service, and
-  // they own the queues and fakes that hold the work.
+  // When destroyed, clears the work that has not run. Otherwise there would be a cycle: the work
+  // owns movies and the service, and they own the queues and fakes that hold the work.
   std::shared_ptr<void> forgetWork;
 };
 
@@ -164,7 +164,7 @@ struct ServiceTest : testing::Test {
 inline const std::string takeID = "6f9619ff-8b86-d011-b42d-00cf4fc964ff";
 inline const std::string takePath = "/takes/a.mp4";
 
-// Takes on fakes: sends commands, feeds one camera frame at a time, collects the events.
+// Tests takes with fakes: sends commands, feeds one camera frame at a time, collects the events.
 struct Takes : ServiceTest {
   std::vector<Json> send(const char* type, Json command) {
     command.emplace("type", type);

@@ -1,5 +1,5 @@
-// Interrupted takes are recovered from real files. A file is cut off anywhere, other bytes follow
-// the cut, or the new name is in use. libavformat reads the movies.
+// Interrupted takes are recovered from real files. The tests cut a file off anywhere, put other
+// bytes behind the cut, or use the new name for another file. libavformat reads the movies.
 
 #include <gmock/gmock.h>
 #include <stdlib.h>

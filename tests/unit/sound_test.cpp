@@ -51,11 +51,11 @@ TEST(DeviceClock, HoldsRecordsWithUnexpectedTimesUntilTheyAreCertain) {
   EXPECT_EQ(add(1) + add(1) + add(1), 0u);  // a jump
   EXPECT_EQ(add(1), 4u);
   int held = 0;
-  for (double late = 2; add(late) == 0; late += 0.03) ++held;  // no two records agree
-  EXPECT_NEAR(held, 12, 1);                                    // until their times span 0.6 s
+  for (double late = 2; add(late) == 0; late += 0.03) ++held;
+  EXPECT_NEAR(held, 12, 1);  // no two agree, so they are held until their times span 0.6 s
   held = 0;
-  for (double late = 9; add(late) == 0; late -= 0.019) ++held;  // all are read at once
-  EXPECT_NEAR(held, 100, 1);                                    // until their sound lasts 2 s
+  for (double late = 9; add(late) == 0; late -= 0.019) ++held;
+  EXPECT_NEAR(held, 100, 1);  // read together, so they are held until their sound lasts 2 s
   EXPECT_EQ(add(1), 0u);
   EXPECT_EQ(clock.flush().size(), 1u);
 }
@@ -82,7 +82,7 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
     EXPECT_LT(off, 1e-3);
   }
   for (int i = 0; i < 80; ++i) EXPECT_EQ(add(0.02), 1u);
-  EXPECT_EQ(add(0.04), 1u);  // after a step back, this may be scatter
+  EXPECT_EQ(add(0.04), 1u);  // known at once: after a step back, this may be scatter
   EXPECT_GT(off, 0.015);
   for (int i = 0; i < 25; ++i) EXPECT_EQ(add(0.04), 1u);
   EXPECT_LT(off, 1e-3);
@@ -91,7 +91,7 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
   for (int i = 0; i < 600; ++i) add(0.06);
   EXPECT_EQ(add(0.04) + add(0.04) + add(0.04), 0u);
   EXPECT_EQ(add(0.04), 4u);
-  EXPECT_EQ(add(0.06), 0u);  // the step to 0.06 was long ago, so this is no scatter
+  EXPECT_EQ(add(0.06), 0u);  // held: the step back came 30 s after the step, so this is no scatter
 }
 
 TEST(DeviceClock, FollowsASteadyParentThatWritesTwoRecordsAtATime) {
@@ -239,7 +239,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
     EXPECT_LE(take.worst, 0.010) << device.what;
     EXPECT_LE(take.afterAnHour, 0.002 + device.delay) << device.what;
     EXPECT_LE(take.mostCompensation, 550) << device.what;
-    EXPECT_LE(take.mostChanged, 26) << device.what;  // at 100 ppm a second, in a record of 0.25 s
+    EXPECT_LE(take.mostChanged, 26) << device.what;  // ppm; 100 a second, 25 in a long record
     EXPECT_EQ(take.placing.gaps(Take::end), device.gaps) << device.what;
     EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.004 * (1 + device.gaps))
         << device.what;

@@ -115,9 +115,9 @@ const std::string high = [] {
   return "8:0x67 24:0x640029 0 1 0 0 1:0 1:1 1:1 16 5:0 1:1 " + list +
          "1:0 0 1 1:0 3 4 2 5 6 2 1:0 3 1 1:0 1:0 1:1 1:1 0 1 0 1 ";
 }();
-// Parameter sets that are cut off before bitstream_restriction_flag. Of the usability information,
-// `some` has only timing, with so many zeros that a 3 must be inserted. `all` has everything else,
-// too.
+// `some` and `all` are parameter sets that are cut off before bitstream_restriction_flag. Of the
+// usability information, `some` has only timing, with so many zeros that a 3 must be inserted.
+// `all` has everything else, too.
 const std::string hrd = "1 8:0x12 70 70 1:1 80 80 1:1 20:0xABCDE ";
 const std::string timing = "1:1 32:1 32:120 1:1 ";
 const std::string behindColours = "1:0 " + timing + "2:0 1:1 ";

@@ -48,7 +48,7 @@ struct Driver : std::enable_shared_from_this<Driver> {
   std::atomic<Behaviour> behaviour = works;
   std::atomic<int> asked = 0, opened = 0;  // calls of `open`; hardware encoders opened
   std::atomic<bool> othersAsked = false;
-  std::atomic<std::size_t> limit = 99;  // hardware encoders open at once
+  std::atomic<std::size_t> limit = 99;  // the most hardware encoders that may be open
   std::promise<void> release;
   std::shared_future<void> released = release.get_future();
   std::mutex mutex;
@@ -61,7 +61,7 @@ struct EncoderPoolTest : testing::Test {
             settings};
   }
   void openAhead(const EncoderRequest& by) { pool->openAhead(*by.codec, by.settings, 0); }
-  // Takes an encoder. Returns whether it was opened ahead or kept.
+  // Takes an encoder. Returns false if it had to be opened now.
   bool isAhead(const EncoderSettings& settings, const char* codec = x264Encoder) {
     const int before = driver->asked;
     EXPECT_NE(pool->acquire(request(settings, codec), {}).encoder, nullptr);
@@ -282,7 +282,7 @@ TEST_F(HardwareEncoders, FailASessionOnlyWhereSoftwareIsNotAllowed) {
   }
 }
 
-TEST_F(HardwareEncoders, AreUsedOnceTheirDriverAnswersAndSessionsDoNotWait) {
+TEST_F(HardwareEncoders, DoNotMakeSessionsWaitAndAreUsedOnceTheirDriverAnswers) {
   if (!avcodec_find_encoder_by_name("h264_v4l2m2m")) GTEST_SKIP() << "no second encoder";
   for (const auto behaviour : {hangs, refuses}) {
     SCOPED_TRACE(behaviour);
@@ -318,7 +318,7 @@ TEST_F(HardwareEncoders, AreWaitedForUntilOneIsFoundAndWhileAStoppedSessionHolds
     run.driver->behaviour = hangs;
     run.createSession()->invalidate();
     const Session next = run.createSession();
-    run.driver->release.set_value();  // the stopped session's opening may end first or second
+    run.driver->release.set_value();  // the stopped session may open its encoder before `next` does
     EXPECT_EQ(run.encodeOne(next), (Answer{0, 0}));
   }
 }

@@ -100,7 +100,7 @@ TEST_F(SoundTakes, WriteSilenceTwoSecondsLateWhileTheDeviceSendsNothing) {
   picture(1600, 1600.02, true);
   probe.tickAt(1604.02);
   probe.run();
-  expectSamples(8000);  // the silence is 2 + 1 s late: the last records came 1 s late
+  expectSamples(8000);  // silence is made 2 s late, and 1 s more as the last records came 1 s late
 }
 
 TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {

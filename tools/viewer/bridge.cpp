@@ -165,7 +165,7 @@ void Bridge::obey(const RecoverTakes&) {
   });
 }
 
-// Tells the page how many takes are `left` unfinished or running, and what a recovery did.
+// Tells the page what a recovery did (`lines`), and that `left` takes are unfinished or running.
 void Bridge::takesRecovered(const std::vector<std::string>& lines, std::size_t left) {
   recovery_ = {};
   if (left == 0 && lines.empty() && interruptedTakes_.is_null()) return;
@@ -282,7 +282,7 @@ void Bridge::takeSaid(const client::Recording& recording) {
   std::thread([unfinished] {
     std::error_code unknown;
     if (!std::filesystem::exists(unfinished, unknown)) return;
-    std::fprintf(stderr, "What was recorded of it is in %s\n", unfinished.c_str());
+    std::fprintf(stderr, "The recorded part is in %s\n", unfinished.c_str());
   }).detach();
 }
 

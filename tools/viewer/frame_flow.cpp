@@ -28,7 +28,7 @@ void FrameFlow::setVisible(bool visible) {
 
 void FrameFlow::pageRestarted() {
   needsKeyFrame_ = true;
-  countsWithheld_ = false;  // the decoder needs a key frame, the page was not slow
+  countsWithheld_ = false;  // the page is not slow: its decoder needs a key frame
 }
 
 bool FrameFlow::frameCame(std::uint64_t id, bool keyframe, double now) {

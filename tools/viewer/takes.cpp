@@ -39,7 +39,7 @@ client::TakeOptions planTake(const StartTake& wanted, client::Uptime::time_point
                              "\". Give its whole path, beginning with \"/\".");
   }
   const auto size = client::parseTakeSize(wanted.resolution);
-  if (!size) throw std::runtime_error("Takes do not have the size \"" + wanted.resolution + "\".");
+  if (!size) throw std::runtime_error("A take can't have the size \"" + wanted.resolution + "\".");
   return {.path = freeName(folder),
           .profile = {*size, client::TakeRate{wanted.targetFPS}},
           .steady = wanted.steady,
@@ -65,7 +65,7 @@ std::vector<std::string> recoverTakes(const std::string& folder,
     char figures[64];
     std::snprintf(figures, sizeof figures, ": %.1f s", take.duration.count());
     lines.push_back(take.left.empty() ? take.path.string() + figures
-                                      : take.staging.string() + " is left: " + take.left);
+                                      : take.staging.string() + " was not recovered: " + take.left);
   }
   return lines;
 }

@@ -63,7 +63,8 @@ void Window::watchPreview() try {
 }
 
 // Connects again in a moment. Usual reasons for the loss: the helper has ended (`Exited` follows),
-// has no room, or has dropped this client, which left a frame unacknowledged for half a second.
+// it already has two clients, or it has dropped this one, because half a second after a frame it
+// had no acknowledgement.
 void Window::losePreview() {
   if (packets_) packets_->setEnabled(false);  // not destroyed, since it may have called us
   stream_.reset();
@@ -74,7 +75,7 @@ void Window::helperEnded(const Exited& end) {
   const bool wasReady = helper_->port() != 0;
   recordButton_.setEnabled(false);
   recordButton_.setText("Record");
-  take_.reset();  // if it was started after the helper's end, `helper_.reset()` drops its event
+  take_.reset();  // if started after the helper's end: `helper_.reset()` drops its last event
   camera_.stop();
   packets_.reset();
   stream_.reset();

@@ -80,14 +80,15 @@ struct Recording {
   std::string error;                   // why it failed, or why the movie has another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final in `finishing` and `saved`
-  std::uint64_t frames = 0;            // written, even if a stop time in the past removed them
-  std::uint64_t dropped = 0;           // lost after the input, or captured before the start
-  std::uint64_t throttled = 0;         // skipped to keep the target rate
-  FrameSize size;                      // of the movie's pictures; 0 until it is known
+  std::uint64_t frames = 0;            // written, also those that a stop in the past removed
+  // Lost by encoder or disk, with those up to the next key frame, or captured before the start.
+  std::uint64_t dropped = 0;
+  std::uint64_t throttled = 0;  // skipped to keep the target rate
+  FrameSize size;               // of the movie's pictures; 0 until it is known
   // The rate asked for, and the frames of the last second. Empty until the start is accepted.
   std::optional<int> targetFPS;
   std::optional<double> recentFPS;
-  // Frames in the file of a saved take. Only with `keepFailed`.
+  // In `saved`: the number of frames in the file. Only if the take's `keepFailed` was true.
   std::optional<std::uint64_t> framesInMovie;
   // How long the space above `minimumFree` lasts. Only while a take with that option records.
   std::optional<Seconds> timeLeft;
@@ -117,7 +118,7 @@ struct Error {
 // The helper has ended; the last event.
 struct Exited {
   int status = 0;     // -1: unknown, because SIGCHLD is ignored or other code collected it
-  int signal = 0;     // that ended the helper; SIGKILL also if `stop` gave it up; 0: none
+  int signal = 0;     // that ended the helper, or 0. SIGKILL if it still runs after `stop`
   Seconds cpuTime{};  // user and system time of the helper
   // For people: the helper's last `Error`, or why it did not become ready. Else empty.
   std::string reason = {};

@@ -63,7 +63,7 @@ class LUMORA_CLIENT_EXPORT Helper {
   // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
   // as an event, or `Exited` with the reason. Throws StartError, std::bad_alloc, and
   // std::invalid_argument for an unsupported frame size, for a matrix or range that does not fit
-  // the encoding, and for sound or a token that no helper takes.
+  // the encoding, and for a format of sound or a token that no helper accepts.
   explicit Helper(const HelperOptions& options = {}, EventHandler onEvent = {});
   // Stops the helper. If `Exited` has come, waits only for a handler that runs on another thread.
   ~Helper();

@@ -61,12 +61,12 @@ class LUMORA_CLIENT_EXPORT Take {
   // The path of the file while the take runs. If the helper is killed, the file stays and plays.
   std::filesystem::path stagingPath() const;
   // Stops the take at this time. Without a time it stops now, or at its start if the start is still
-  // ahead. The take lacks frames published after the call. It also lacks frames that the helper
-  // reads after the stop time. In a take with sound, the capture time of a frame counts instead.
-  // The helper reads a frame a little after its capture. To keep the last frame, give a time one
-  // frame interval after its capture. A second call does nothing. Throws std::invalid_argument for
-  // a time before the start, more than 30 s ago or more than 50 ms ahead, because the helper would
-  // fail the take.
+  // ahead. The take lacks frames published after the call. A take with sound also lacks frames that
+  // were captured after the stop time. A take without sound lacks those that the helper reads after
+  // the stop time. It reads a frame a little after its capture, so to keep the last frame, give a
+  // time one frame interval after that capture. A second call does nothing. Throws
+  // std::invalid_argument for a time before the start, more than 30 s ago or more than 50 ms ahead,
+  // because the helper would fail the take.
   void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
   // When the take starts and stops.
   Uptime::time_point startedAt() const;

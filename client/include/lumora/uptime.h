@@ -23,7 +23,7 @@ struct LUMORA_CLIENT_EXPORT Uptime {
 
 // The id for a frame that was captured at this time: the microseconds of the uptime. Takes with
 // sound need such ids, and viewers can tell from them how old a picture is. Otherwise any growing
-// ids are allowed. JavaScript holds these ids exactly for 285 years.
+// ids are allowed. A JavaScript number holds such an id exactly, up to 285 years of uptime.
 LUMORA_CLIENT_EXPORT std::uint64_t frameID(Uptime::time_point capturedAt);
 
 }  // namespace lumora::client

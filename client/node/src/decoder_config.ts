@@ -1,7 +1,7 @@
 // Makes the VideoDecoderConfig of a stream.
 //
-// The viewer's page has a compiled copy of this file, so this file uses no modules of Node. After a
-// change of client/node/src/decoder_config.ts run `npm run page` in client/node.
+// client/node/src/decoder_config.ts is also compiled for the viewer's page, so it uses no modules
+// of Node. After a change there run `npm run page` in client/node.
 
 import type { ConfigurationPacket } from './packets.js';
 

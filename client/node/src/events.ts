@@ -78,7 +78,7 @@ export interface RecordingEvent {
   throttled?: number;
   targetFps?: number;
   recentFps?: number;
-  /** Frames in the file of a saved take. Missing if `keepFailed` was false. */
+  /** In `saved`: the number of frames in the file. Missing if the take's `keepFailed` was false. */
   framesInMovie?: number;
   /** While the take records: how long the space above `minimumFree` lasts. */
   secondsLeft?: number;
@@ -124,7 +124,7 @@ export type LineEvent = StatsEvent | RecordingEvent | FailureEvent | UnknownEven
 
 export type HelperEvent = LineEvent | ExitEvent;
 
-// The `type` of an event here, by the `type` in the line.
+// Maps the `type` in a line to the `type` of the event that is made of it.
 const types = new Map<unknown, string>([
   ['ready', 'ready'],
   ['stats', 'stats'],

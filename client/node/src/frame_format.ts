@@ -10,7 +10,7 @@ export interface FrameSize {
   height: number;
 }
 
-// For `mjpeg` this is the maximum. A small JPEG picture may exceed it, up to 64 KiB in all.
+// For `mjpeg` this gives the largest length. If that is less than 64 KiB, 64 KiB are allowed.
 const bitsPerPixel = {
   rgba: 32,
   bgra: 32,

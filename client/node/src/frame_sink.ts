@@ -48,9 +48,9 @@ export class FrameSink {
   readonly counts: FrameCounts = { written: 0, dropped: 0 };
   /**
    * Takes VideoFrames and pictures. Copies both, and does not wait for the helper. Closes each
-   * VideoFrame until the stream fails. A picture's memory may be reused when the stream's `write`
-   * of it resolves. Fails with an ArgumentError, or with the error of the VideoFrame's `copyTo`, of
-   * the FrameWriter or of `onDrop`.
+   * VideoFrame that it takes. It takes none after it has failed. A picture's memory may be reused
+   * when the stream's `write` of it resolves. Fails with an ArgumentError, or with the error of the
+   * VideoFrame's `copyTo`, of the FrameWriter or of `onDrop`.
    */
   readonly writable: WritableStream<CameraFrame | Picture>;
   readonly #write: FrameWriter;

@@ -20,7 +20,7 @@ export interface LaunchOptions {
   host?: string;
   /** 0, the default, lets the system choose. */
   port?: number;
-  /** At most 640x360, the default unless `TAVO_PREVIEW_WIDTH` and `TAVO_PREVIEW_HEIGHT` are set. */
+  /** At most 640x360. Default: `TAVO_PREVIEW_WIDTH` and `TAVO_PREVIEW_HEIGHT`, else 640x360. */
   preview?: { width: number; height: number };
   /** The format of all frames, for example `nv12,bt709`. By default RGBA, the bottom row first. */
   format?: FrameFormat;

@@ -1,7 +1,7 @@
 // Parses one packet of the helper's TCP stream.
 //
-// The viewer's page has a compiled copy of this file, so this file uses no modules of Node. After a
-// change of client/node/src/packets.ts run `npm run page` in client/node.
+// client/node/src/packets.ts is also compiled for the viewer's page, so it uses no modules of Node.
+// After a change there run `npm run page` in client/node.
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------

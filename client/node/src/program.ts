@@ -21,7 +21,10 @@ function isExecutable(path: string): boolean {
 
 const notFound = (message: string) => new StartError('PROGRAM_NOT_FOUND', message);
 
-/** Returns `path`, made absolute. If it has no program, the error also names its `source`. */
+/**
+ * Returns `path`, made absolute. Throws a StartError if it names no program. The message says where
+ * the path is from: `source`.
+ */
 export function executable(path: string, source: string): string {
   if (!isExecutable(path)) throw notFound(`there is no program at ${path} (${source})`);
   return resolve(path); // or `spawn` would look up a bare name in the PATH

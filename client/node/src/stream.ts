@@ -128,8 +128,8 @@ disposeWith(StreamClient, Symbol.dispose, function () {
 function open(options: StreamOptions): Promise<Socket> {
   const { host = '127.0.0.1', port, signal, connectTimeout = 5000 } = options;
   const limit = AbortSignal.timeout(connectTimeout);
-  // Notices after some minutes that the network is gone, but not while the system still sends an
-  // acknowledgement again. It does so for about 15 minutes, and Node cannot shorten that.
+  // Keep-alive notices after some minutes that the network is gone. But while TCP gets no answer to
+  // a line that we sent, it only sends that again, for about 15 minutes. Node cannot shorten that.
   const alive = { keepAlive: true, keepAliveInitialDelay: 5000 };
   const socket = connect({ host, port, noDelay: true, signal, ...alive });
   socket.on('error', () => undefined); // `once` and the loop throw the error

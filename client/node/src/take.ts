@@ -25,7 +25,8 @@ export interface TakeOptions {
   startedAt?: number;
   /**
    * True, the default, keeps what a failed take has recorded, if half a second of it is on the
-   * disk. If the disk made the take fail, only what is on the disk is kept. See `TakeError`.
+   * disk. What is only in memory is then written, too, unless the disk made the take fail. See
+   * `TakeError`.
    */
   keepFailed?: boolean;
   /** Bytes, up to 2 ** 53. A take is stopped and saved when its file system has less space left. */
@@ -164,7 +165,7 @@ function startCommand(options: TakeOptions): StartCommand {
   if (typeof path !== 'string' || !isAbsolute(path) || !path.endsWith('.mp4')) {
     throw invalid('the path of a take must be absolute and end in ".mp4"');
   }
-  // The helper would end at half of a surrogate pair.
+  // A path with half of a surrogate pair is not UTF-8. The helper would end if it got one.
   if (Buffer.from(path).toString() !== path) throw invalid('the path of a take must be UTF-8');
   if (Buffer.byteLength(path) > maximumPathBytes) throw invalid('the path of a take is too long');
   checkCaptureTime(startedAt);

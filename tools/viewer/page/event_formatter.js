@@ -21,7 +21,9 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  #last = {}; // for each take and each other type, what the last event that gave a line said
+  // What the last line of each kind said: under a take's id its state, under the type of any other
+  // event the event as JSON.
+  #last = {};
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".
   format(event) {

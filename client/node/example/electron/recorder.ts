@@ -35,7 +35,7 @@ const report = ({ code, message }: { code?: string; message: string }) =>
 // does a frame that comes after the helper has ended.
 function helperFor(format: FrameFormat): Promise<Helper> {
   if (running?.format === format) return running.helper;
-  // If the last helper could not start, its frames get that error. The new frames do not.
+  // If the previous helper could not start, only the frames for that helper are rejected.
   const last = running?.helper.then((helper) => helper.stop()).catch(() => undefined);
   const options = { format, sound, stderr: (text: string) => console.error(text) };
   const helper = Promise.resolve(last).then(() => startHelper(options));
