@@ -1,5 +1,6 @@
-// Measures the scaling of camera pictures to the sizes of previews and recordings, and the
+// Measures the scaling of camera pictures to the sizes of previews and takes, and the
 // conversion of RGB to 4:2:0. Also measures plain copies of RGBA and NV12 pictures, for comparison.
+// Pictures are read from memory, not from the cache.
 
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <span>
+#include <vector>
 
 #include "base/picture_memory.h"
 #include "encode/picture_size.h"
@@ -30,14 +32,31 @@ PictureMemory picture(PictureSize size, PixelLayout layout = PixelLayout::rgba) 
   return pixels;
 }
 
+// Gives pictures in turn, as a camera does. Together they are larger than most caches. So a picture
+// is not in the cache when its turn comes.
+class ColdPictures {
+ public:
+  ColdPictures(PictureSize size, PixelLayout layout) {
+    constexpr std::size_t wanted = 128'000'000;
+    const std::size_t bytes = pictureBytes(layout, size);
+    for (std::size_t total = 0; total < wanted; total += bytes)
+      pictures_.push_back(picture(size, layout));
+  }
+  const std::uint8_t* next() { return pictures_[++last_ % pictures_.size()].get(); }
+
+ private:
+  std::vector<PictureMemory> pictures_;
+  std::size_t last_ = 0;
+};
+
 void convert(benchmark::State& state, PixelLayout from, PixelLayout to) {
   const PictureSize camera{state.range(0), state.range(1)};
   const PictureSize session{state.range(2), state.range(3)};
-  const PictureMemory source = picture(camera, from);
+  ColdPictures source(camera, from);
   const PictureMemory destination = picture(session, to);
   SystemImageConverter images;
   for (auto _ : state) {
-    images.convert(pictureAt(source.get(), {.layout = from}, camera),
+    images.convert(pictureAt(source.next(), {.layout = from}, camera),
                    pictureAt(destination.get(), {.layout = to}, session),
                    fitRectangle(camera, session));
     benchmark::ClobberMemory();
@@ -46,10 +65,10 @@ void convert(benchmark::State& state, PixelLayout from, PixelLayout to) {
 
 void copySource(benchmark::State& state, PixelLayout layout) {
   const PictureSize size{state.range(0), state.range(1)};
-  const PictureMemory source = picture(size, layout);
+  ColdPictures source(size, layout);
   const PictureMemory destination = picture(size, layout);
   for (auto _ : state) {
-    std::memcpy(destination.get(), source.get(), pictureBytes(layout, size));
+    std::memcpy(destination.get(), source.next(), pictureBytes(layout, size));
     benchmark::ClobberMemory();
   }
 }
@@ -68,12 +87,11 @@ void pairs(benchmark::internal::Benchmark* bench) {
 template <typename Convert>
 void subsample(benchmark::State& state, Convert convertPicture) {
   const PictureSize size{state.range(0), state.range(1)};
-  const PictureMemory source = picture(size);
+  ColdPictures source(size, PixelLayout::bgra);
   const PictureMemory planes = picture(size, PixelLayout::i420);
-  const PictureView bgra = pictureAt(source.get(), {.layout = PixelLayout::bgra}, size);
   const Picture i420 = pictureAt(planes.get(), {.layout = PixelLayout::i420}, size);
   for (auto _ : state) {
-    convertPicture(bgra, i420.planes);
+    convertPicture(pictureAt(source.next(), {.layout = PixelLayout::bgra}, size), i420.planes);
     benchmark::ClobberMemory();
   }
 }

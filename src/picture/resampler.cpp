@@ -4,6 +4,7 @@
 #define HWY_TARGET_INCLUDE "picture/resampler.cpp"
 #include <hwy/foreach_target.h>
 // Must come after foreach_target.h, which includes this file again.
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include <cstddef>
@@ -113,12 +114,18 @@ HWY_INLINE std::size_t vectorStep() { return hn::Lanes(dSums); }
 
 #endif
 
-// Sums each of `count` columns, which are one byte wide, over `taps` rows.
+// Sums each of `count` columns, which are one byte wide, over the first `taps` rows. Also
+// prefetches the `ahead` rows after them, which the next call needs: a camera's picture is seldom
+// in the cache. Without the prefetch, scaling it down from 1920×1080 takes 1.4 to 2.5 times as long
+// on x86-64, waiting for memory.
 void sumRows(const std::uint8_t* const* HWY_RESTRICT rows, const WeightPair* HWY_RESTRICT pairs,
-             int taps, std::size_t count, std::int16_t* HWY_RESTRICT sums) {
+             int taps, int ahead, std::size_t count, std::int16_t* HWY_RESTRICT sums) {
   const std::size_t step = vectorStep();
   std::size_t i = 0;
-  for (; i + step <= count; i += step) sumVector(rows, pairs, taps, i, sums + i);
+  for (; i + step <= count; i += step) {
+    for (int k = taps; k < taps + ahead; ++k) hwy::Prefetch(rows[k] + i);
+    sumVector(rows, pairs, taps, i, sums + i);
+  }
   if (i == count) return;
   if (count >= step) {  // the last vector overlaps the one before it
     sumVector(rows, pairs, taps, count - step, sums + count - step);
@@ -323,10 +330,13 @@ Resampler::Resampler(const PlaneGeometry& geometry)
   }
 }
 
-// Column sums of destination row `y`.
+// Column sums of destination row `y`. Prefetches what the row after it needs.
 void Resampler::sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) const {
-  std::vector<const std::uint8_t*> rows(static_cast<std::size_t>(vertical_.taps));
   const auto index = static_cast<std::size_t>(y);
+  const auto taps = static_cast<std::size_t>(vertical_.taps);
+  const bool isLast = y + 1 == geometry_.y.destination;
+  const int ahead = isLast ? 0 : vertical_.first[index + 1] - vertical_.first[index];
+  std::vector<const std::uint8_t*> rows(taps + static_cast<std::size_t>(ahead));
   for (std::size_t k = 0; k < rows.size(); ++k) {
     // Taps beyond the last row have no weight, but are read.
     const auto row = std::min(vertical_.first[index] + static_cast<std::ptrdiff_t>(k),
@@ -334,7 +344,7 @@ void Resampler::sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) con
     rows[k] = source.samples + row * source.stride;
   }
   HWY_DYNAMIC_DISPATCH(sumRows)
-  (rows.data(), pairs_.data() + index * rows.size() / 2, vertical_.taps,
+  (rows.data(), pairs_.data() + index * taps / 2, vertical_.taps, ahead,
    static_cast<std::size_t>(geometry_.x.source * geometry_.channels), sums);
 }
 

@@ -4,10 +4,10 @@
 // is widened by the scale. That removes frequencies above the destination's Nyquist frequency.
 //
 // Each destination row is made in two steps. First the source rows that it needs are summed, column
-// by column, into one row of 16-bit values. Then that row is summed along x. So source rows are
-// still in cache when the next destination row needs them. Between the two steps, only the sums of
-// one row or of one `RowGroup` are stored. Arithmetic is in fixed point, with SIMD chosen at run
-// time.
+// by column, into one row of 16-bit values. Then that row is summed along x. Destination rows are
+// made in order, one row or one `RowGroup` at a time. So most source rows that the next one needs
+// are still in cache. Between the two steps, only the sums of one row or of one `RowGroup` are
+// stored. Arithmetic is in fixed point, with SIMD chosen at run time.
 
 #include "picture/resample_axis.h"
 #include "platform/image.h"
