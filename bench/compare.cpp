@@ -1,6 +1,6 @@
-// Compares the helper with common tools for its job, and with the encoders alone, the least that
-// the job can cost. All run in turn, and get the same pictures, encoder, presets, rates and
-// threads.
+// Compares the helper with common tools for its job. Also compares it with the encoders alone,
+// which show the least that the job can cost. All run in turn, and get the same pictures, encoder,
+// presets, rates and threads.
 //
 //   lumora-compare HELPER FOLDER [ROUNDS]
 //
@@ -93,7 +93,7 @@ std::vector<Contender> contendersFor(const Job& job, const std::string& helper, 
     const Outputs files = outputs(name, clip);
     made.push_back({name, clip,
                     [&clip, files, line = command(clip, job.preset, files)](int rate) {
-                      return runPeer(line, clip, files, rate);
+                      return runContender(line, clip, files, rate);
                     },
                     files});
   };

@@ -18,7 +18,7 @@ double megabytes(std::uintmax_t bytes) { return static_cast<double>(bytes) / 1e6
 
 }  // namespace
 
-Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs, int rate) {
+Run runContender(const std::string& command, CameraClip& clip, const Outputs& outputs, int rate) {
   std::vector<std::uint64_t> numbers(frames);
   std::iota(numbers.begin(), numbers.end(), 1);
   const PipelineReport report = runPipeline(command, clip, numbers, rate);

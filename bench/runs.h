@@ -37,7 +37,7 @@ struct Run {
 
 // Each of these throws std::runtime_error if the run fails. But once `runEncoders` or
 // `runEncodersAndPipe` has begun to encode, a failure aborts the program.
-Run runPeer(const std::string& command, CameraClip& clip, const Outputs& outputs, int rate);
+Run runContender(const std::string& command, CameraClip& clip, const Outputs& outputs, int rate);
 Run runHelper(tools::RunOptions load, CameraClip& clip, int rate);
 Run runEncoders(Clips& clips, const Job& job, int rate,
                 const std::function<void()>& besideEach = {});
