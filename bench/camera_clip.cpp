@@ -33,8 +33,8 @@ std::string scenery(int width, int height) {
 }  // namespace
 
 // One picture, a little larger than a frame, swings about its middle. At a width of 1920 pixels,
-// what is at the left or right side moves by up to a pixel from one frame to the next. The sensor's
-// noise has a standard deviation of 2.5 in each of red, green and blue, whose maximum is 255.
+// its left and right sides move by up to a pixel from one frame to the next. The sensor's noise has
+// a standard deviation of 2.5 in each of red, green and blue, whose maximum is 255.
 CameraClip::CameraClip(client::FrameSize camera, const client::FrameFormat& format,
                        client::FrameSize size)
     : size_(size), format_(format) {

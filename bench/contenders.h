@@ -1,7 +1,7 @@
 #pragma once
 
 // Shell commands that do the helper's job with common tools. Each reads the clip's raw frames and
-// writes a 640×360 preview (Baseline) and a full-size recording (High, MP4). Bit rates, buffers,
+// writes a 640×360 preview (Baseline) and a full-size take (High, MP4). Bit rates, buffers,
 // key frame intervals and thread counts are the helper's.
 
 #include <string>

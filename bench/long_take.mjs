@@ -75,7 +75,7 @@ function timesIn(path) {
 }
 
 console.log(`
-| Take | Frames | Not written | Drift | Tables | per frame | Stop to "saved" | Peak memory |
+| Take | Frames | Not written | Drift | moov | moov per frame | Stop to "saved" | Peak memory |
 |---|---|---|---|---|---|---|---|`);
 for (const [seconds, speed] of [[10, 1], [7200, Number(longTakeSpeed)]]) {
   const path = inFolder(`${seconds}.mp4`);

@@ -25,17 +25,17 @@ const rate = 60; // frames per second
 const [bits, barRows] = [16, 80]; // each picture shows the bits of its number as bars at its top
 const noise = crypto.randomBytes(1 << 20); // for the rest of a picture: gives a take its bit rate
 
-// Seconds after the start of a take, each at another place in a fragment of half a second. All are
-// late enough for the first fragment to be on the disk.
+// Seconds after the start of a take. A fragment lasts half a second, and each moment is at another
+// place in its fragment. All are late enough for the first fragment to be on the disk.
 const moments = Array.from({ length: 20 }, (_, i) => 1 + 0.153 * i);
-// In each case but the last, a single sync takes 7 s or 30 s: the 3rd, 4th, 5th, 6th or 7th. A take
+// In each case but the last, one sync takes 7 s or 30 s: the 3rd, 4th, 5th, 6th or 7th sync. A take
 // that fails during a sync of 7 s can still be completed. During one of 30 s, it can't. In the last
 // case each sync takes 1 s.
 const syncs = [...[3, 4, 5, 6, 7].flatMap((nth) => [`${nth}:-7`, `${nth}:-30`]), '0:-1'];
 const changeSize = (take) => { take.size = [160, 120]; };
 
 // `states` are moments or syncs. For each, one take is recorded without "keep" and one with it.
-// `cause` is called at the moment. `failing` returns LUMORA_FAULT (see
+// `cause` is called when the moment has come. `failing` returns LUMORA_FAULT (see
 // tests/faults/fault_library.cpp), and `bytes` returns the size of the disk. A take with "keep" may
 // lose up to `most` seconds of what was appended; without `most` there is no limit. It may lose
 // nothing of what was synced, unless `losesAll` is set.
@@ -205,7 +205,8 @@ async function lossOfFault(fault, take, last, found) {
   const { state, frames, kept_path: name, kept_frames: keptFrames } = take.event;
   if ((state === 'saved' && !fault.mayBeSaved) || synced.length === 0 ||
     (name?.endsWith('.mp4') && keptFrames !== found.length))
-    throw new Error(`${synced.length}, ${found.length} pictures of ${JSON.stringify(take.event)}`);
+    throw new Error(`${synced.length} pictures synced, ${found.length} found, but the event is ` +
+      JSON.stringify(take.event));
   const kept = state === 'failed' && !name ? [] : found; // the event names no file
   const appended = (kept.at(-1) ?? take.first - 1) + frames - kept.length;
   return lossOf(take, kept, synced, state === 'recording' ? last : appended);
@@ -221,8 +222,8 @@ async function lossesOf({ fault, state, keeps }) {
   }
   const last = take.sent.length - 1;
   await Promise.race([take.exited, sleep(15_000, null, { ref: false })]);
-  // A take on a slow disk usually fails, as too many samples wait for the disk. If the encoder was
-  // too slow for that, the take still runs.
+  // A take on a slow disk usually fails, because too many samples wait for the disk. But if a slow
+  // encoder makes too few samples for that, the take still runs.
   take.command('record_stop');
   await take.exited;
   const kept = await takePictures(take.folder);

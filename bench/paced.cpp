@@ -19,7 +19,7 @@ namespace {
 using namespace lumora;
 
 // "load" measures one configuration. "growth" measures how the cost grows with size, rate,
-// recording and clients. "takes" measures how late the preview's frames are when a take starts or
+// takes and clients. "takes" measures how late the preview's frames are when a take starts or
 // ends.
 constexpr const char* usage =
     "usage: lumora-paced HELPER load SECONDS WIDTHxHEIGHT FPS CLIENTS none|PROFILE\n"

@@ -13,9 +13,9 @@ namespace lumora::bench {
 std::optional<client::TakeOptions> takeOf(const std::string& profile, int targetFPS,
                                           const std::string& path);
 
-// Touches memory if the environment has MEMORY=settled. Removes the movie of the run before. Then
-// calls `tools::runPaced`. Throws as that does, and std::runtime_error if the helper or the take
-// fails.
+// If the environment has MEMORY=settled, first touches memory, so that the host of a virtual
+// machine gives back what it took. Removes the movie of the run before. Then calls
+// `tools::runPaced`. Throws as that does, and std::runtime_error if the helper or the take fails.
 tools::RunReport runLoad(const tools::RunOptions& load, tools::FrameSource& source);
 
 struct Delivered {

@@ -31,7 +31,9 @@ const [period, length] = [10, brightness.length / fps - 1e-6];
 const size = [160, 90];
 const tolerance = 0.010; // seconds
 const fullScale = 32768;
-const [sineHertz, mostBeside] = [1000, -60]; // `mostBeside`: dB of a full-scale sine
+// `mostBeside`: the limit for every spectral line but the sine's, in dB relative to a sine of full
+// scale.
+const [sineHertz, mostBeside] = [1000, -60];
 
 // Each maps a sample's time on the device's clock to the time at which the sample was captured.
 const steadyDevices = {
@@ -105,10 +107,10 @@ function run(command, args) {
   return stdout;
 }
 
-// Returns when the flashes began. Each picture of a flash gives one entry. A picture only counts if
-// the picture before or after it is in the movie too. The helper may have read a lone picture more
-// than 2 s after its capture. Then its time in the movie is when it was read, not when it was
-// captured.
+// Returns when the flashes began. Each picture of a flash gives one entry. A picture is left out if
+// neither the picture before it nor the one after it is in the movie, because its time may be
+// wrong. The helper may have read it more than 2 s after its capture. Then the movie has the time
+// of reading, not of capture.
 function flashesOf(path) {
   const shown = ['-show_entries', 'packet=pts_time', '-of', 'csv=p=0'];
   const times = String(run('ffprobe', ['-v', 'error', '-select_streams', 'v', ...shown, path]))

@@ -43,7 +43,8 @@ Descriptor makeSealedMemory() {
   if (made.isOpen() && made.get() <= STDERR_FILENO) {
     made = Descriptor(fcntl(made.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }
-  // Reserves the page of the release word: `reserve` does so for the slots only.
+  // Reserves the first page. It has the release word: the id of the latest frame that the helper
+  // has released. The slots come after it, and `reserve` reserves those.
   if (made.isOpen() && ftruncate(made.get(), memoryBytes) == 0 &&
       reserveBytes(made.get(), 0, pageBytes) &&
       fcntl(made.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {

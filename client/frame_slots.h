@@ -50,7 +50,7 @@ class FrameSlots : public std::enable_shared_from_this<FrameSlots> {
   struct Slot {
     bool isLent = false;
     std::size_t reserved = 0;       // bytes reserved so far
-    std::uint64_t publishedAs = 0;  // id of the latest frame if the helper reads it here, else 0
+    std::uint64_t publishedAs = 0;  // id of the latest frame if the helper reads this slot, else 0
   };
 
   FrameSlots(FrameFormat format, Descriptor descriptor, std::uint8_t* memory);

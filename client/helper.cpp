@@ -269,7 +269,7 @@ class Helper::Impl {
     changed_.notify_all();
   }
 
-  // Asks the helper to end, then ends it, then gives it up.
+  // Asks the helper to end. If it does not, ends it by signals, and after that gives up.
   void endProcess() {
     const auto askedAt = Uptime::now();
     feeder_->endFrames();

@@ -28,8 +28,8 @@ commit=$(git describe --always --dirty --abbrev=40 --exclude="*")
   echo
   echo "They are linked with FFmpeg and x264 (GPL, version 2 or later) and Highway (Apache-2.0), so they are"
   echo "distributed under the GPL, version 3 or later (licences/GPL-3.txt). The licences of all parts lie in"
-  echo "licences/. \"make portable\" in the sources of lumora-video builds them from Debian 12's source packages"
-  echo "of FFmpeg, x264 and Highway, and from its binary packages of the rest:"
+  echo "licences/. To build these programs, run \"make portable\" in the source tree of lumora-video. It uses"
+  echo "Debian 12's source packages of FFmpeg, x264 and Highway, and its binary packages of all other parts:"
   echo
   for part in ffmpeg x264 highway; do
     echo "  $part $(dpkg-parsechangelog -l "$build/sources/$part"-*/debian/changelog -S Version)"
@@ -53,7 +53,7 @@ cat >"$content/package.json" <<END
   "description": "The lumora-video encoder helper for x86-64 Linux with glibc",
   "author": "the lumora-video authors",
   "license": "GPL-3.0-or-later",
-  "reports": "to whoever you got this package from; vulnerabilities in private",
+  "reports": "Report problems to whoever gave you this package. Report vulnerabilities in private.",
   "os": ["linux"],
   "cpu": ["x64"],
   "libc": ["glibc"],

@@ -9,8 +9,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-2}
 if [ "$(. /etc/os-release && echo "${VERSION_CODENAME:-}") $(uname -m)" != "bookworm x86_64" ]; then
-  echo "make portable builds on Debian 12 for x86-64, so that the program also runs on newer systems;" >&2
-  echo "elsewhere, as root: KEEP=build/portable/packages KEEP_TO=portable scripts/fresh.sh 'make portable'" >&2
+  echo "Run 'make portable' on Debian 12 for x86-64. What is built there also runs on newer systems." >&2
+  echo "On other systems run, as root: KEEP=build/portable/packages KEEP_TO=portable scripts/fresh.sh 'make portable'" >&2
   exit 1
 fi
 npm=(); command -v npm >/dev/null || npm=(nodejs npm)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the end-to-end tests and ffmpeg on this machine, and the portable program inside a new
-# minimal Debian of SUITE. Tests that preload a library into the program or start the viewer run
-# the program on this machine instead.
+# minimal Debian of SUITE. Some tests preload a library into the program or start the viewer. For
+# these the program runs on this machine, too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${FRESH_NAMESPACE:-}" ]; then

@@ -56,8 +56,8 @@ std::uint32_t FlvTimes::next(std::uint64_t frameID, client::Uptime::time_point a
   const auto time = isTime ? captured : arrivedAt;
   if (latest_ < 0) first_ = time;
   // When ids start again, only the arrivals tell how much time has passed since the last picture.
-  // Unless `fromIDs_` is true, times are at most 2 s away from arrivals, so they can't jump far
-  // back.
+  // Only needed if `fromIDs_` is true. Otherwise a time is an arrival or within 2 s of it, so it
+  // can't jump far back.
   if (fromIDs_.value_or(false) && time < time_)
     first_ = time - (arrivedAt - arrivedAt_) - std::chrono::milliseconds(latest_);
   time_ = time;

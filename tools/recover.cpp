@@ -29,7 +29,7 @@ std::string jsonOf(const RecoveredTake& take) {
 
 // "/a/clip.recovered-<id>.mp4: 12.5 s, 750 frames", or why the file keeps its name.
 std::string wordsOf(const RecoveredTake& take) {
-  if (!take.left.empty()) return take.staging + ": left, because " + take.left;
+  if (!take.left.empty()) return take.staging + ": keeps its name, because " + take.left;
   char figures[64];
   std::snprintf(figures, sizeof figures, "%.1f s, %llu frames", take.duration,
                 static_cast<unsigned long long>(take.frames));

@@ -37,7 +37,7 @@ constexpr unsigned longestTake = 120;    // seconds, from the start of a take to
 constexpr std::size_t fewestRests = 4;   // that show a trend
 constexpr double mostMegabytes = 200;    // at any time
 constexpr double growthMegabytes = 12;   // from the first rests to the last
-constexpr double growthThreads = 6;      // those of spare encoders vary with the takes
+constexpr double growthThreads = 6;      // threads of spare encoders, whose number varies
 constexpr std::size_t mostStreamBytes = std::size_t{16} << 20;  // of one client
 
 // Ends the run. Any thread.

@@ -18,7 +18,8 @@ inline constexpr client::SoundFormat soundFormat{.rate = 48000, .channels = 2};
 // seconds of it would wait for the helper.
 inline constexpr client::Seconds longestSound(1.5);
 
-// Sound of a device whose clock is right.
+// Generates sound at exactly `soundFormat.rate` samples per second of uptime. A real device is a
+// little faster or slower.
 class SteadySound {
  public:
   using Sample = std::function<double(std::int64_t number)>;  // full scale is 32767
@@ -50,10 +51,11 @@ class Microphone {
   // `device` is "FORMAT:NAME" in ffmpeg's words, such as "alsa:default". Throws what the
   // constructor of CommandPipe throws.
   explicit Microphone(const std::string& device);
-  // Waits for samples. The last was captured just now. If more came than `longestSound`, the oldest
-  // are left out. Empty when the device has ended. Valid until the next call.
+  // Waits for samples and returns them. The last sample came out of ffmpeg just before. If
+  // more came than `longestSound`, the oldest are left out. Empty when the device has ended. Valid
+  // until the next call.
   std::span<const std::int16_t> next();
-  // Ends the capture, and a `next` that waits on another thread.
+  // Ends the capture. If another thread waits in `next`, that call returns.
   void stop() { pipe_.stop(); }
 
  private:

@@ -38,7 +38,8 @@ struct Options {
   double patience = 10;                   // seconds
 };
 
-// Writes packets in the chosen format. A failed write throws. Without a reader SIGPIPE ends us.
+// Writes packets in the chosen format. A failed write throws. If nobody reads
+// standard output any more, SIGPIPE ends this program.
 class Output {
  public:
   explicit Output(const Options& options) : isFlv_(options.flv), times_(options.timesFromIDs) {

@@ -86,7 +86,7 @@ TestCard::TestCard(client::FrameSize size, int framesPerSecond)
   }
 }
 
-// The first flash comes half a second after the first frame at most. A flash lasts three frames.
+// The first flash comes at most half a second after the first frame. A flash lasts three frames.
 // Below six frames a second it lasts fewer, so that dark frames lie between the flashes. At one
 // frame a second nothing flashes.
 bool TestCard::flashes(std::uint64_t number) const {

@@ -25,10 +25,11 @@ class WatchedStream {
   WatchedStream(HelperAddress from, Handlers handlers)
       : from_(std::move(from)), handlers_(std::move(handlers)) {}
 
-  // Watches until `stop` is requested. When a connection fails or ends, retries after 250 ms. Gives
-  // up instead if the last connection that brought packets ended at least `patience` ago. Until
-  // there is such a connection, `patience` counts from the call. Returns why the last connection
-  // failed or ended; after `stop` this reason may be wrong. Throws what the handlers throw.
+  // Watches until `stop` is requested. When a connection fails or ends, retries after 250 ms. But
+  // if the last connection that brought packets ended at least `patience` ago, returns instead.
+  // Until there is such a connection, `patience` counts from the call. Returns why the last
+  // connection failed or ended; after `stop` this reason may be wrong. Throws what the handlers
+  // throw.
   std::string watch(const std::stop_token& stop, client::Seconds patience);
   // Acknowledges a frame to the helper. Any thread.
   void acknowledge(std::uint64_t frameID);
@@ -38,7 +39,8 @@ class WatchedStream {
 
   const HelperAddress from_;
   const Handlers handlers_;
-  // When a connection that brought packets was last open. Until there is one: when `watch` began.
+  // The last time when a connection that brought packets was open. Before the first one, the time
+  // when `watch` began.
   client::Uptime::time_point lastReceived_;
   std::mutex mutex_;  // held while `stream_` is replaced, and by `acknowledge`
   std::optional<client::StreamClient> stream_;

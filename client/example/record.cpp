@@ -47,7 +47,7 @@ int main(int argc, char** argv) try {
   for (int number = 0; number < pictures; ++number) {
     std::this_thread::sleep_until(start + number * interval);
     if (auto frame = helper.acquireFrame(size)) {  // empty when every slot is busy: skip this frame
-      paint(frame->pixels(), number);              // the bottom row first (see flipRows)
+      paint(frame->pixels(), number);              // rows from the bottom up (see flipRows)
       helper.publish(*std::move(frame), frameID(Uptime::now()));
     }
   }

@@ -26,8 +26,8 @@ constexpr double helloTimeout = 1.0;                    // seconds from accept t
 // Seconds that a frame may stay unacknowledged, and that the network may take for one send.
 constexpr double acknowledgementTimeout = 0.5;
 
-// The parent states times of commands and of sound. Such a time may lie at most `maximumLead`
-// seconds after the helper's clock, and at most `maximumAge` seconds before it.
+// Commands and sound records carry times that the parent has stated. Such a time may lie at most
+// `maximumLead` seconds after the helper's clock, and at most `maximumAge` seconds before it.
 constexpr double maximumLead = 0.05;
 constexpr double maximumAge = 30;
 

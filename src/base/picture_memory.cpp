@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t cacheLine = 64;
 // While no frame is in flight, memory for four pictures is idle: for two raw frames, and for one
-// buffer of each of the two sessions.
+// buffer each of the preview's and the take's session.
 constexpr std::size_t maximumIdle = 4;
 constexpr std::size_t largestIdle = std::size_t{16} << 20;  // bytes; larger pictures are freed
 

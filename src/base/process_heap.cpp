@@ -49,7 +49,7 @@ void keepFreedMemory() {
 void touchMemoryAhead(std::size_t bytes, const std::stop_token& stop) {
   std::vector<std::unique_ptr<std::uint8_t, Free>> blocks;
   std::mutex unshared;                  // only because `wait_for` needs a mutex
-  std::condition_variable_any stopped;  // a stop ends its wait at once
+  std::condition_variable_any stopped;  // its wait ends at once when a stop is requested
   std::unique_lock hold(unshared);
   for (std::size_t touched = 0; touched < bytes; touched += blockBytes) {
     const auto& block = blocks.emplace_back(static_cast<std::uint8_t*>(std::malloc(blockBytes)));

@@ -59,7 +59,8 @@ ByteView AacEncoder::configuration() const {
 Status AacEncoder::encode(std::span<const std::int16_t> samples, int compensation,
                           SoundPackets& packets) {
   constexpr int million = 1'000'000;
-  // The compensation is spread over so many samples that the next call comes long before it ends.
+  // The compensation is spread over so many samples that it still runs when the next call of
+  // `encode` replaces it.
   constexpr int distance = 2000 * million;
   const int status =
       swr_set_compensation(resampler_.get(), compensation * (distance / million), distance);

@@ -54,7 +54,8 @@ class EncoderPool : public std::enable_shared_from_this<EncoderPool> {
 
  private:
   // An encoder for the next session of its kind: a kept one, or one that the opener opens. If a
-  // session takes it out of its slot before the opener has begun, the session opens another.
+  // session takes it out of its slot before the opener has begun to open it, the session opens an
+  // encoder itself.
   struct Ahead {
     const AVCodec* codec;
     EncoderSettings settings;

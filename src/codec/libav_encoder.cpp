@@ -27,8 +27,8 @@ PixelLayout layoutOf(AVPixelFormat format) {
 }
 
 // The formats to try. A codec that lists its formats gets one: 4:2:0 in system memory, if possible
-// in the layout of the frames. If it has no 4:2:0, it gets VAAPI's, and NV12 is uploaded. V4L2
-// lists no formats: only opening the encoder shows which one its driver takes.
+// in the layout of the frames. If it takes neither NV12 nor I420, it gets VAAPI's format, and NV12
+// is uploaded. V4L2 lists no formats: only opening the encoder shows which one its driver takes.
 std::vector<AVPixelFormat> inputFormats(const AVCodec& codec, PixelLayout frames) {
   const auto accepted = pixelFormats(codec);
   if (accepted.empty()) return {AV_PIX_FMT_NV12, AV_PIX_FMT_YUV420P};

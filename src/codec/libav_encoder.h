@@ -56,7 +56,8 @@ class LibavEncoder {
   Frame uploaded_;  // on the device; null if the encoder reads system memory
   Packet packet_;
   // The number of the next picture. It is also the picture's time, in frame intervals, because rate
-  // control expects pictures at the session's rate. The encoder's next session goes on counting.
+  // control expects pictures at the session's rate. If another session uses the encoder later, its
+  // numbers continue from here.
   std::int64_t nextTime_ = 0;
   Status failure_ = 0;  // of libavcodec; if negative, the encoder is not called again
   Bytes sequenceSet_;   // the latest parameter sets

@@ -2,8 +2,8 @@
 
 // A compression session on libavcodec. It collects settings until `prepareToEncodeFrames`. Then its
 // worker thread acquires an encoder, fills and encodes one buffer after the other, and releases the
-// encoder. The state queue waits for this thread only as the process ends. So an encoder that opens
-// or closes slowly does not block that queue.
+// encoder. Only when the process ends does the state queue wait for this thread. So an encoder that
+// opens or closes slowly does not block that queue.
 
 #include "codec/encoder_pool.h"
 #include "codec/memory_pixel_buffers.h"

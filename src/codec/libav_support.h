@@ -27,7 +27,8 @@ using Frame = std::unique_ptr<AVFrame, FreeHandle<av_frame_free>>;
 using Packet = std::unique_ptr<AVPacket, FreeHandle<av_packet_free>>;
 using BufferRef = std::unique_ptr<AVBufferRef, FreeHandle<av_buffer_unref>>;
 
-// The pixel formats that `codec` takes; empty if only its driver knows them. Any thread.
+// The pixel formats that `codec` takes. Empty if libavcodec does not know them, but only the driver
+// of a hardware encoder. Any thread.
 inline std::span<const AVPixelFormat> pixelFormats(const AVCodec& codec) {
 #if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)  // FFmpeg 7.1 deprecates `pix_fmts`
   const void* formats = nullptr;

@@ -91,7 +91,8 @@ void SystemEncoders::tryHardware(const AVCodec& codec, const EncoderSettings& pr
     // it there.
     pool_->keep(codec, settings, std::move(opened));
     hardware_ = &codec;
-    // Once a take has started, no encoder is opened here: `openAhead` has asked for the take's.
+    // Once a take has started, no encoder is opened here: `openAhead` has chosen the take's, if one
+    // was available.
     stateQueue_->async([self = shared_from_this(), take] {
       if (!self->takeStarted_.stop_requested()) self->openTakeAhead(self->available(), take);
     });

@@ -2,8 +2,11 @@
 
 // Makes sessions with libavcodec's encoders, and searches for a hardware encoder. New sessions use
 // that encoder once it is found. If there is no software encoder, sessions wait until the search
-// has ended. If there is one, no session waits for the search, and a session that is made before
-// hardware is found stays in software. So does a take that starts before hardware is found.
+// has ended. If there is one, no session waits for the search. A session that is made before
+// hardware is found stays in software. A take that starts before that does so, too, even if its
+// session is made later.
+//
+//   AllowedEncoders -> SystemEncoders -> LibavSession -> EncoderPool -> LibavEncoder
 
 #include "base/process_heap.h"
 #include "codec/allowed_encoders.h"

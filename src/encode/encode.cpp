@@ -21,7 +21,8 @@ void VideoEncoder::encode(const RawFrame& frame) {
   }
   const auto completion =
       std::make_shared<RawEncodingCompletion>(weakly(&VideoEncoder::releaseRaw));
-  // The take first: its session scales while this queue scales for the preview.
+  // For the take first: its session's worker scales this frame while this queue scales it for the
+  // preview.
   if (movie) encodeRecording(frame, movie, completion);
   if (isWatched) encodePreview(frame, completion);
   completion->complete(0);

@@ -13,8 +13,8 @@ void VideoEncoder::encodePreview(const RawFrame& frame,
   try {
     preparePreviewSession(frame);
     auto buffer = pixelBuffer(frame, *preview.session, Placement::stretch, platform.previewImages);
-    // Scaled here, because this thread has a CPU. The session's worker may have to wait for one:
-    // the take's encoder is already at work.
+    // The picture is scaled on this thread, because it is running. The session's worker may have to
+    // wait for a CPU while the take's encoder works.
     if (!buffer->fill()) throw EncoderFailure::conversion();
     ++preview.ordinal;
     submit(*preview.session, std::move(buffer), {preview.ordinal, previewTargetFPS},

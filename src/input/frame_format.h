@@ -12,8 +12,8 @@ namespace lumora {
 struct FrameFormat {
   FrameEncoding encoding = FrameEncoding::rgba;
   bool topFirst = false;
-  // The format of the picture that encoder sessions get. If they take `encoding`, it is the picture
-  // in the record, otherwise the decoded picture.
+  // The format of the picture that encoder sessions get. If sessions take `encoding`, they get
+  // the picture in the record. Otherwise they get the decoded picture.
   PixelFormat pixels = {};
 
   bool operator==(const FrameFormat&) const = default;

@@ -21,7 +21,7 @@ class MovieDisk;
 
 class HybridMovieWriter final : public MovieWriter {
  public:
-  // A disk that sleeps takes some ten seconds to spin up. A recording of 12 Mbit/s has 15 MB in
+  // A disk that sleeps takes some ten seconds to spin up. A movie of 12 Mbit/s has 15 MB in
   // that time. The queue holds twice as much.
   static constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
   static constexpr std::int64_t fragmentDuration = movieTimescale / 2;
@@ -55,7 +55,8 @@ class HybridMovieWriter final : public MovieWriter {
     std::vector<MovieSample> samples;
     Bytes payload;
     std::uint64_t duration = 0;  // units of the track
-    // For pictures only: how many PCM samples of sound were appended since the first picture.
+    // For pictures only: how many PCM samples of sound were appended since the fragment's first
+    // picture.
     std::int64_t waited = 0;
   };
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // The disk thread of one movie file and its queue. The thread keeps the file open and locked until
-// `cancel`. The writer's destructor calls `cancel`. By then a saved movie has its final name. The
+// `cancel`, which the writer's destructor calls. A saved movie gets its final name before that. The
 // thread shares ownership of this object, so no caller has to wait for a disk that hangs.
 
 #include <chrono>

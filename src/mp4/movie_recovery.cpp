@@ -91,7 +91,8 @@ class OwnedFile {
 };
 
 // The same steps as at the usual end of a take: the tables are on the disk before the head changes.
-// The outer `mdat` covers everything from the placeholder to the tables.
+// The header that replaces the placeholder makes one `mdat` of everything from there up to the
+// tables.
 void finish(const OwnedFile& file, const std::string& path, const StagingMovie& movie) {
   const Bytes tables = movieEnd(movie.tracks, movie.properties);
   const auto sink = file.append(path);
@@ -101,7 +102,7 @@ void finish(const OwnedFile& file, const std::string& path, const StagingMovie& 
   const std::uint64_t covered = file.view().size - movie.placeholder;
   expectSuccess(sink->overwrite(movie.placeholder, wideMediaDataHeader(covered)));
   expectSuccess(sink->sync());
-  sink->releaseRoom();  // also what the helper had reserved
+  sink->releaseRoom();  // also frees the room that the interrupted helper had reserved
 }
 
 }  // namespace

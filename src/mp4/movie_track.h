@@ -12,7 +12,7 @@ namespace lumora {
 struct MovieTrack {
   std::uint32_t id = 0;                                   // must be set; 0 is no valid id
   std::shared_ptr<const FormatDescription> picture = {};  // null in a track of sound
-  AacFormat sound = {};                                   // of a track of sound
+  AacFormat sound = {};                                   // used only in a track of sound
   MovieTables tables = {};
 
   // Units of `tables` in a second.

@@ -56,7 +56,7 @@ void elementaryStream(Bytes& bytes, const Bytes& configuration) {
   u8(bytes, 0x05);      // its configuration
   u8(bytes, static_cast<std::uint8_t>(size));
   bytes.insert(bytes.end(), configuration.begin(), configuration.end());
-  text(bytes, "\x06\x01\x02");  // sync layer, predefined 2: the MP4 boxes have the times
+  text(bytes, "\x06\x01\x02");  // sync layer; 2 means that the boxes of the MP4 file have the times
 }
 
 }  // namespace

@@ -2,11 +2,12 @@
 
 // BT.709's luma and colour differences of RGB pixels, in limited range and in integers.
 //
-// Weights are signed bytes, since SIMD multiplies bytes fastest. They have a common factor, which
-// `scale` removes. With the right factor eight bits are enough. Exact luma is the sum of 0.2126
-// red, 0.7152 green and 0.0722 blue. Before rounding, our luma is off by at most 0.21 of a step,
-// and a colour difference by at most 0.006 of a step. Greys are exact. SIMD sums two neighbouring
-// products in 16 bits, so two neighbouring weights of the same sign add up to 128 at most.
+// Weights are signed bytes, since SIMD multiplies bytes fastest. They are the exact weights times a
+// factor, rounded. `scale` removes the factor again. With the right factor eight bits are enough.
+// Exact luma is the sum of 0.2126 red, 0.7152 green and 0.0722 blue. Before rounding, our luma is
+// off by at most 0.21 of a step, and a colour difference by at most 0.006 of a step. Greys are
+// exact. SIMD sums two neighbouring products in 16 bits, so two neighbouring weights of the same
+// sign add up to 128 at most.
 
 #include <array>
 #include <cstddef>

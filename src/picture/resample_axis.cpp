@@ -56,7 +56,7 @@ ResampleAxis makeResampleAxis(const SampleGrid& grid, int tapMultiple) {
     const int first = std::clamp(from, 0, source - needed);
     exact.assign(static_cast<std::size_t>(axis.taps), 0.0);
     for (int position = from; position <= to; ++position) {
-      // Positions beyond the edge repeat the edge's sample, so that sample gets their weights.
+      // Positions beyond the edge repeat the sample at the edge. It also gets their weights.
       const int inside = std::clamp(position, 0, source - 1);
       const int tap = std::clamp(inside - first, 0, needed - 1);
       exact[static_cast<std::size_t>(tap)] += kernel((position - centre) / width);

@@ -4,8 +4,8 @@
 
 namespace lumora {
 
-// The kind, the size and the properties of a session as one value. `setProperty` passes the
-// properties one by one, and the session collects them in a value of its own.
+// The kind, the size and the properties of a session. A session has one `EncoderSettings`.
+// `setProperty` of CompressionSession sets the properties that are fields of it.
 struct EncoderSettings {
   SessionKind kind;
   int width;   // pixels

@@ -19,7 +19,7 @@ enum class ColourMatrix { bt601, bt709 };
 
 struct PixelFormat {
   PixelLayout layout = PixelLayout::rgba;
-  ColourMatrix matrix = ColourMatrix::bt709;  // for RGB: of the 4:2:0 picture made of it
+  ColourMatrix matrix = ColourMatrix::bt709;  // for RGB, the matrix of the 4:2:0 picture made of it
   bool fullRange = false;                     // of luma and chroma
   bool operator==(const PixelFormat&) const = default;
 };

@@ -31,8 +31,9 @@ struct SoundSettings {
 
 using SoundPackets = std::vector<Bytes>;
 
-// An open encoder. A status is 0 or an error code of the encoder's library. Any status but 0 ends
-// the sound. No function throws. One thread at a time.
+// An open encoder. A status is 0 or an error code of the encoder's library. After any
+// status but 0 the take fails, but the encoder may be called again. No function throws. One thread
+// at a time.
 class SoundEncoder {
  public:
   virtual ~SoundEncoder() = default;

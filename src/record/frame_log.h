@@ -17,7 +17,7 @@ enum class FrameOutcome {
   throttled,  // the cadence skipped it
   beforeStart,
   afterStop,
-  waitingForKeyFrame,  // a frame before it was lost
+  waitingForKeyFrame,  // an earlier frame was lost
   busy,                // another frame was in flight
   undecodable,
   encoder,  // the encoder has lost it, or has failed
@@ -27,8 +27,8 @@ enum class FrameOutcome {
 // A frame that was read.
 struct ReadFrame {
   std::uint64_t id = 0;  // above the id of the frame before it
-  // The uptime in seconds at which the helper read it. In calls of `MovieRecorder::append` it is
-  // the uptime of its capture.
+  // Uptime in seconds when the helper read the frame. In calls of `MovieRecorder::append`, the
+  // result of `captureTime`.
   double capturedAt = 0;
 };
 

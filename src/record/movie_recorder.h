@@ -58,12 +58,13 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   // or `disk` if the disk has failed or is too slow.
   void abort(const std::string& message, FrameOutcome cause);
   static constexpr double rescueTimeout = 1.8;  // less than `shutdownTimeout`
-  // State queue. Sound was lost. A take with sound fails, unless it knows where its sound ends.
+  // State queue. Sound was lost. A take with sound fails, unless `TakeSound::endAt` was
+  // already called.
   void soundFailed(const std::string& message);
   // State queue. If the take fails with `options.keepsFailed`, its last event comes at uptime `end`
-  // at the latest. If the take was stopped, it encodes its remaining sound until half a second
-  // before `end` at most, and leaves out the rest. If this is called more than once, the earliest
-  // `end` counts.
+  // at the latest. A stopped take goes on encoding its remaining sound until half a second
+  // before `end` at most. Sound that is not encoded by then is left out. If this is called more
+  // than once, the earliest `end` counts.
   void limitEnd(double end) { latestEnd = std::min(latestEnd.load(), end); }
 
   EncoderSettings sessionSettings() const { return profile.sessionSettings(options.bitRate); }
@@ -118,8 +119,8 @@ class MovieRecorder : public std::enable_shared_from_this<MovieRecorder> {
   bool moveTo(const std::string& name);
 
   // Ends the take as failed. If the disk has failed or is too slow, only what is on it can be kept,
-  // and frames without an outcome get `disk`. Otherwise every sample can be kept, and those frames
-  // get `cause`.
+  // and frames without an outcome get `disk`. Otherwise every sample can be kept, and frames
+  // without an outcome get `cause`.
   void fail(const std::string& message, FrameOutcome cause);
   bool keepAll(FrameOutcome rest);
   void rescue();

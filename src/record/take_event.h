@@ -43,8 +43,8 @@ struct TakeReport {
 TakeEvent makeTakeEvent(const TakeReport& report);
 
 // The "failed" event of a take whose recorder can't make this event itself, or not in time. Its
-// duration is 0, its other figures are those of `last`, the take's latest event. It has no
-// "seconds_left".
+// duration is 0, its other figures are those of `last`, the take's latest event. It leaves out the
+// "seconds_left" that `last` may have.
 TakeEvent failedEvent(const TakeEvent& last, const std::string& error);
 
 // The "failed" event that answers a refused "record_start". It has ten keys.

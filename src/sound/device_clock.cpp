@@ -116,8 +116,9 @@ void DeviceClock::deviate(double late) {
 }
 
 // After a hang of the parent many records come at once. Each is less late than the one before it,
-// by the length of a record. That is no jump, however much the times jitter. So the records of a
-// jump must span at least twice the difference in their lateness.
+// by the length of a record. That is no jump, even if the times jitter so much that these records
+// agree. In such a burst, the lateness changes by as much as the records are long. So a jump counts
+// only if its records are at least twice as long as the difference in their lateness.
 bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   if (deviation_.records < fewestRecords) return false;
   const double since = held_.end()[-deviation_.records].capturedAt;
@@ -125,9 +126,9 @@ bool DeviceClock::hasJumped(std::ptrdiff_t fewestRecords) const {
   return agreed >= std::max(shortestDeviation, 2 * (deviation_.most - deviation_.least));
 }
 
-// The stated times tell how long the doubt lasts, because after a hang many records come at once:
-// their times on the line span `longestDoubt` although hardly any time has passed. The second
-// condition is for stated times that stand still.
+// The length of the doubt is measured with the stated times, not with times on the line. After a
+// hang, many records come at once: their times on the line may span `longestDoubt` although hardly
+// any time has passed. The second condition is for stated times that stand still.
 bool DeviceClock::isDoubtedTooLong(double statedTime) const {
   return statedTime - doubtedSince_ >= longestDoubt ||
          held_.back().capturedAt - held_.front().capturedAt >= mostHeld;

@@ -33,9 +33,9 @@ void SoundInput::add(std::uint64_t id, Bytes pcm) {
   });
 }
 
-// `DeviceClock` holds a record whose time it doubts. Later records settle its time. If none come,
-// the record is delivered after `longestSilence`. That is less than the half second for which a
-// stopped take waits for sound.
+// If `DeviceClock` doubts the time of a record, it holds the record back until later ones make the
+// time certain. If none come, the record is delivered after `longestSilence`. That is less than the
+// half second for which a stopped take waits for sound.
 void SoundInput::hear(SoundRecord record) {
   constexpr double longestSilence = 0.4;  // seconds
   ++heard_;

@@ -4,10 +4,10 @@
 // pictures never wait for each other. `DeviceClock` runs on that queue from the first record on, so
 // it has already adapted to the device when a take begins.
 //
-// The last two seconds are kept for the next receiver. A take needs sound from before it became the
-// receiver: the command that starts it is handled later than it was read, and the first picture may
-// come two seconds after its capture. Sound is kept even during a take, since the next take may
-// follow at once.
+// The last two seconds are kept for the next receiver. A take needs sound that was captured before
+// the take became the receiver, for two reasons. A command is handled some time after it was read.
+// And a take's first picture may arrive two seconds after its capture. Sound is kept even during a
+// take, since the next take may follow at once.
 
 #include <atomic>
 #include <deque>

@@ -39,7 +39,7 @@ struct SoundPlacement {
   int compensation = 0;      // by how many ppm the resampler makes the sound longer
 };
 
-// Places the sound of one take. Take's queue only. All times are uptime seconds.
+// Places the sound of one take. Only called on the take's queue. All times are uptime seconds.
 class SoundPlacing {
  public:
   // For sound of this rate, in a movie that starts at this time.

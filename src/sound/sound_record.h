@@ -25,8 +25,8 @@ bool isValidSound(std::uint64_t id, std::uint64_t lastID, std::uint32_t bytes, S
 // Whether sound captured at this time is used: neither too old nor too far ahead. Uptime seconds.
 bool isTimely(double capturedAt, double now);
 
-// Drops the first records until the rest spans at most `seconds`, by its times and by its number of
-// samples. Times alone are not enough, because they go back when a clock jumps back.
+// Drops the first records until the rest spans at most `seconds`, both by its times and by its
+// number of samples. Times alone are not enough, because they go back when a clock jumps back.
 void keepLatest(std::deque<SoundRecord>& records, double seconds, int rate);
 
 }  // namespace lumora

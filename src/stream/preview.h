@@ -37,8 +37,8 @@ struct AcknowledgementFigures {
   double acknowledgementOldest = 0;  // age of the oldest unacknowledged frame, smoothed
   double acknowledgementRTTMaximum = 0;
 
-  // Uptimes. `sentAt`: when the acknowledged frame was sent. `oldestSentAt`: when the oldest frame
-  // that was still unacknowledged was sent. Both frames may be the same.
+  // All are uptimes. `sentAt`: when the frame that is acknowledged now was sent. `oldestSentAt`:
+  // when the oldest frame without an acknowledgement was sent, before this acknowledgement.
   void record(double sentAt, double oldestSentAt, double now);
 };
 
@@ -58,7 +58,7 @@ struct Preview {
   std::uint64_t sendDrops = 0;                // frames dropped: the last send is outstanding
   std::uint64_t resyncWaitDrops = 0;          // frames dropped: the peer waits for a key frame
   std::uint64_t idrResyncs = 0;               // times that a peer fell behind
-  std::size_t maxUnacknowledgedObserved = 0;  // of one peer
+  std::size_t maxUnacknowledgedObserved = 0;  // the most frames that any single peer had
   AcknowledgementFigures acknowledgements;
 
   std::size_t countAuthenticatedPeers() const;

@@ -61,7 +61,7 @@ class MappedMemory final : public FrameMemory, public std::enable_shared_from_th
 
   std::uint8_t* const memory_;
   const std::uint64_t size_;
-  std::mutex mutex_;  // guards `order_`, and keeps the released ids growing
+  std::mutex mutex_;  // guards `order_`; held for `release`, so that the word grows
   ReleaseOrder order_;
 };
 

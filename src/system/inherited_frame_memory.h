@@ -28,8 +28,9 @@ class ReleaseOrder {
  private:
   struct Frame {
     std::uint64_t id;
-    // Released together with this frame: the latest of the frames after it that are done, up to the
-    // next frame that is still being read. If there is none, `id`.
+    // The release word once this frame is released: the id of the last frame before the next one
+    // that is still being read, or of the last frame begun if none is. `id`, if there is no frame
+    // in between.
     std::uint64_t latest;
   };
   std::vector<Frame> frames_;  // still being read

@@ -3,8 +3,8 @@
 import { after } from 'node:test';
 import { chromium } from 'playwright-core';
 
-// Without SwiftShader, a software GPU, Chromium converts colours with seven bits, and blue is off
-// by 12.
+// SwiftShader is a software GPU. Without it, Chromium converts colours with seven bits, and blue is
+// off by 12 of 255.
 export const browser = await chromium.launch({
   executablePath: process.argv.at(-1),
   args: ['--allow-file-access-from-files', '--disable-quic', '--disable-sync', '--use-gl=angle',

@@ -103,7 +103,8 @@ test('the example shows its camera, records sound, and saves takes when told to 
   const record = async () => {
     await page.getByRole('button', { name: 'Record' }).click();
     await page.getByRole('button', { name: 'Stop' }).waitFor();
-    const [frames, pictures] = [written + 30, drawn + 1]; // in 30 frames the microphone beeps twice
+    // In 30 frames Chromium's fake microphone beeps twice.
+    const [frames, pictures] = [written + 30, drawn + 1];
     while (written < frames || drawn < pictures) await once(recorder, 'message');
   };
   while (await colours() < 2); // an empty canvas has one

@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { EventFormatter, duration } from '../../tools/viewer/page/event_formatter.js';
 
-test('an event gives a line, errors in the helper\'s words; a repeated event gives none', () => {
+test('an event gives one line, with the helper\'s words for an error; a repeated event gives none', () => {
   const failed = { type: 'recording', id: 'A', state: 'failed', error: 'No space left on device' };
   const error = { type: 'error', message: 'truncated raw frame' };
   const kept = { kept_path: 'a.mp4', kept_frames: 61, kept_duration: 2.04 };

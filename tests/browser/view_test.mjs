@@ -72,7 +72,7 @@ function watchClock() {
   };
 }
 
-test('a viewer with its own helper shows its card, recovers a take and makes one', async () => {
+test('a viewer with its own helper shows the test card, recovers a take and records one', async () => {
   const staging = inFolder('old.mp4.6f9619ff-8b86-d011-b42d-00cf4fc96401.partial');
   fs.copyFileSync(new URL('../../fuzz/corpus/staging/torn', import.meta.url), staging);
   fs.utimesSync(staging, 0, 0);

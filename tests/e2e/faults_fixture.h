@@ -14,7 +14,8 @@ inline constexpr FrameSize tiny{64, 36};
 struct Faults : HelperTest {
 #if defined(__SANITIZE_THREAD__)
   void SetUp() override {
-    GTEST_SKIP() << "ThreadSanitizer and the fault library must both be loaded first";
+    GTEST_SKIP()
+        << "ThreadSanitizer and the fault library exclude each other: each must be loaded first";
   }
 #endif
   // False when the helper is not ready within 20 s, or ends before.
@@ -89,9 +90,10 @@ struct Faults : HelperTest {
     return exit;
   }
   // Makes the calls of the kind `call` fail, one in each run. `before` lists the faults that every
-  // run has first. `look` judges each run. Each of the first calls gets a run. After these, more
-  // and more calls are skipped. With sound there are fewer runs, because the runs without sound
-  // already cover most of the calls.
+  // run has first. `look` judges each run. In the first run the first call fails, in the second
+  // run the second, and so on for `all` calls. After these, runs skip more and more calls. The last
+  // run ends before the call that should fail. With sound there are fewer runs, because the runs
+  // without sound already cover most of the calls.
   void sweep(const std::string& before, const std::string& call, bool withAnother,
              const std::function<void(const client::Exited&, long nth)>& look) {
     const long all = sanitized ? 2 : hasSound ? 8 : 40, divisor = hasSound ? 3 : 8;

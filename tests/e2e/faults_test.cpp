@@ -17,8 +17,8 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
   const std::string noRename = "renameat2:0:22,";  // a file system without RENAME_NOREPLACE
   const std::string noRoom = "fallocate:0:95,";    // a file system that can't reserve room
   const std::string recovered = recoveredPath();
-  // The call that the sweep makes fail; the faults of every run; the path of the movie in a run in
-  // which the swept call does not fail (empty: no movie is saved).
+  // Three texts: the call that fails in the sweep; the faults that every run has; the path of the
+  // movie if the call of the first text did not fail in the run (empty: no movie is saved).
   std::vector<std::array<std::string, 3>> kinds;
   // `malloc` and `pipe` fail only in builds without a sanitizer. A sanitizer has a heap of its own,
   // and calls `pipe` itself.
@@ -31,8 +31,8 @@ TEST_P(FaultyTakes, ReportEveryFailingCallAndLoseNoMovie) {
                                  {"pipe", "", path}});
     }
   } else if (!sanitized && canFailCodec()) {
-    // Calls of malloc count from the first picture that is encoded. The sound encoder is opened
-    // later.
+    // Calls of malloc are counted only from the first encoded picture on. The sound encoder is
+    // opened later, so its calls are among them.
     kinds = {{"malloc", "avcodec_send_frame:1:-0.001,", path}};
   }
   std::istringstream others(

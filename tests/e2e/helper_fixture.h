@@ -199,7 +199,8 @@ class HelperTest : public testing::Test {
     EXPECT_EQ(decodeErrors(path), "");
     return saved;
   }
-  // The take's next event with this "state". Throws when the take ends in another, or after 20 s.
+  // The take's next event with this "state". Throws if the take ends in another state, or if no
+  // such event comes within 20 s.
   Event waitForTake(const std::string& state);
   // Expects a failed take to have kept an ordinary movie, and returns its path.
   std::string expectKept(const Event& failed) const;

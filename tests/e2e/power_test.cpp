@@ -25,8 +25,8 @@ struct DiskContents {
     durable = with(0, pending.size());
     pending.clear();
   }
-  // The file with the pending writes `first` to `last` - 1. Of write `last` - 1 it has only the
-  // first `bytesOfLast` bytes. Gaps are zeros.
+  // The file with some of the pending writes: from number `first` to the one before number `last`.
+  // The last of these is cut off after `bytesOfLast` bytes. Gaps are zeros.
   Pixels with(std::size_t first, std::size_t last, std::size_t bytesOfLast = SIZE_MAX) const {
     Pixels file = durable;
     for (std::size_t i = first; i < last; ++i) {

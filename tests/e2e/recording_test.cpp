@@ -1,5 +1,5 @@
-// Tests takes on real disks, some of which fail: timing, profiles, endings, crashes. ffprobe and
-// ffmpeg check the movies.
+// Records takes on real disks: timing, profiles, endings, crashes. In some tests the disk fails.
+// ffprobe and ffmpeg check the movies.
 
 #include <gmock/gmock.h>
 #include <lumora/recover.h>
@@ -78,7 +78,7 @@ TEST_F(Recording, IsSavedHoweverTheHelperIsEnded) {
   }
 }
 
-TEST_F(Recording, IsTurnedByPlayersAndHasTheBitRateThatWasAskedFor) {
+TEST_F(Recording, IsRotatedByPlayersAndHasTheRequestedBitRate) {
   start();
   const auto& [red, green, blue, grey] = usualColours;
   const std::tuple<int, FrameSize, Quarters> turns[] = {
@@ -225,9 +225,9 @@ TEST_F(Disk, AFailedTakeKeepsWhatItHasAndEndsNothingElse) {
   begin();
   expectFailure("No space left on device", true);
   ASSERT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_REMOUNT, "size=20m"), 0);
-  // The helper reserves space ahead of what it writes. On tmpfs, reserving fails beyond the limit
-  // of the file's size. So the take fails before the file reaches this limit, and the end of the
-  // movie still fits.
+  // The helper reserves space ahead of what it writes, and tmpfs refuses to reserve space beyond
+  // RLIMIT_FSIZE. So the take fails before the file reaches this limit, and the end of the movie
+  // still fits.
   limitSize(2'000'000, true);
 }
 

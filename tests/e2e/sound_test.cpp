@@ -23,7 +23,8 @@ struct Sound : HelperTest {
       feed(size, plain(size, now >= flash - 1e-6 ? Rgb{255, 255, 255} : Rgb{0, 0, 0}));
     }
   }
-  // When the movie's first white picture was captured. A slow helper may drop white ones before it.
+  // When the first white picture in the movie was captured. A slow helper may have dropped white
+  // pictures that were fed before it.
   double firstWhite() const {
     std::ifstream log(path + ".frames.csv");
     for (std::string line; std::getline(log, line);) {

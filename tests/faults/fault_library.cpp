@@ -219,7 +219,7 @@ OPEN(open64)
 
 int close(int descriptor) {
   REAL(close);
-  const int status = next(descriptor);  // closes it even if the call then fails
+  const int status = next(descriptor);  // really closes it, even if the next line reports a failure
   return fails("close", EIO) ? -1 : status;
 }
 

@@ -167,7 +167,7 @@ test('a client learns if its token is wrong or the helper is full or gone', asyn
   await assert.rejects(connectStream({ port, token }), { code: 'UNREACHABLE' });
 });
 
-test('connecting has a time limit, and can be closed and aborted', async (context) => {
+test('connecting has a time limit, and ends when the client is closed or aborted', async (context) => {
   // The server closes three connections, then accepts no more. Two others may wait in its queue.
   const listen = `let left = 3;
     require('net').createServer((socket) => {
@@ -226,7 +226,7 @@ test('a take ends at its stop time even if the helper is stopped right afterward
   await suspend(helper); // so that the stop arrives before the last frame is encoded
   const [, last] = [1, 2].map(() => helper.writeFrame(size, dark).done);
   const saved = take.stop({ stoppedAt: uptime() - 0.3 });
-  helper.writeFrame(size, dark); // must not replace `last`: the stop was queued between the two
+  helper.writeFrame(size, dark); // does not replace `last`: the take's stop was queued after it
   setTimeout(() => process.kill(helper.pid, 'SIGCONT'), 300);
   await helper.stop();
   const { duration } = await saved;

@@ -1,4 +1,4 @@
-// Runs the JavaScript examples of the READMEs. Takes go into another folder than /videos. A
+// Runs the JavaScript examples of the READMEs with three changes. Another folder replaces /videos, a
 // stand-in replaces the camera, and an `await` replaces the comment "some time later".
 
 import assert from 'node:assert/strict';

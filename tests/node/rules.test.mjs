@@ -57,7 +57,7 @@ test('a format or a length that would end the helper is refused', async () => {
   }
 });
 
-test('a page names the format of a VideoFrame; its copy has even sides and no padding, or is refused', async () => {
+test('a page names the format of a VideoFrame, copies it with even sides and no padding, or refuses it', async () => {
   const copied = []; // options of `copyTo`
   const frameOf = ([format, matrix = null, fullRange = null]) => ({ format,
     colorSpace: { matrix, fullRange }, visibleRect: { x: 1, y: 2, width: 6, height: 3 },

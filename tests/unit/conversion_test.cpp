@@ -253,7 +253,7 @@ TEST_P(EncoderPicture, IsExactWithinRoundingForAnyColourAtManyWidthsAndHasNoChro
   EXPECT_NEAR(error / count, 0, 0.02);
 }
 
-TEST(JpegDecoder, RefusesIncompleteOrUnexpectedPicturesAndKeepsNothingOfTheLast) {
+TEST(JpegDecoder, RefusesIncompleteOrUnexpectedPicturesAndKeepsNothingOfThePreviousOne) {
   const auto read = [](const char* name) {
     std::ifstream file(std::string(LUMORA_JPEGS "/") + name, std::ios::binary);
     EXPECT_TRUE(file) << name;

@@ -95,8 +95,8 @@ struct FakeDispatch final : Dispatch {
     return queues.emplace_back(std::make_shared<ManualQueue>(now));
   }
   void runDetached(const std::string&, Work work) override { detached.push_back(std::move(work)); }
-  // Runs the work that was detached last, but never the work that was detached first: the reader.
-  // Returns whether any was run.
+  // Runs the work that was detached last. Never runs the work that was detached first, which reads
+  // the input. Returns whether any was run.
   bool runDetached() {
     if (hangs || detached.size() < 2) return false;
     const Work work = std::move(detached.back());

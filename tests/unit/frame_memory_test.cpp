@@ -46,7 +46,7 @@ TEST(FrameMemory, MapsTwoPagesOrMoreOfWritableMemoryThatNobodyCanShrink) {
 TEST(FrameSlots, ReserveTheirMemoryAndAreNotSharedBeforeAHelperUsesThem) {
   const auto slots = client::FrameSlots::makeShared();
   EXPECT_FALSE(slots->isShared());
-  // A touch of memory that is not reserved could end the application.
+  // An access to memory that is not reserved could end the application by a signal.
   const auto frame = slots->acquire({1920, 1080});
   struct stat made {};
   ASSERT_EQ(fstat(slots->descriptor(), &made), 0);

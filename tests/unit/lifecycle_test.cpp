@@ -23,7 +23,7 @@ std::optional<Configuration> parse(const Arguments& arguments, Environment extra
   return options(arguments, extra);
 }
 
-TEST(Options, OverrideDefaultsTheEnvironmentAndEarlierOptions) {
+TEST(Options, OverrideEarlierOptionsAndTheEnvironmentAndDefaults) {
   EXPECT_FALSE(options({}, {}));
   EXPECT_EQ(parse({}), (Configuration{"127.0.0.1", 0, goodToken, 640, 360, false}));
   EXPECT_EQ(
@@ -70,7 +70,7 @@ TEST(Options, AcceptTheLimitsAndRefuseWhatLiesBeyond) {
   EXPECT_FALSE(parse({}, {{"TAVO_PREVIEW_WIDTH", "400"}, {"TAVO_PREVIEW_HEIGHT", ""}}));
 }
 
-TEST(Events, SortKeysEscapeSlashesAndHaveLimits) {
+TEST(Events, HaveSortedKeysAndEscapedSlashesAndALimitedLength) {
   EXPECT_EQ(eventLine({{"type", "x"}, {"hd", true}, {"path", "/a\"b\\\n\xC3\xA9"}}),
             "{\"hd\":true,\"path\":\"\\/a\\\"b\\\\\\n\xC3\xA9\",\"type\":\"x\"}\n");
   const auto sized = [](std::size_t bytes, const std::string& end = "") {
@@ -102,7 +102,9 @@ TEST(Lifecycle, SaysReadyOnceAnEncoderIsOpenOrAfterHalfASecondAndThenReads) {
               "\n");
     EXPECT_EQ(Json::parse(probe.process->lines.at(1))["type"], "stats");
     if (!inTime) probe.encoders->prepared();
-    probe.runAt(1000.5);  // the later cause of readiness starts no second reader
+    // An open encoder or the timeout makes the service ready. The later one starts no second
+    // reader.
+    probe.runAt(1000.5);
     EXPECT_EQ(probe.dispatch->detached.size(), 1u);
     // A second reader would have run by now, met the end of the input, and ended the service.
     EXPECT_TRUE(probe.process->exitCodes.empty());

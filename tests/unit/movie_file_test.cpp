@@ -123,7 +123,8 @@ TEST(MovieFile, PadsAFragmentWhereItsHeadWouldCrossASectorOrPage) {
       ASSERT_LT(padding, block + 8);
     }
   }
-  // The head of half a second of sound always fits into a sector.
+  // For half a second of sound, the boxes of a fragment before its samples always fit into a
+  // sector.
   const MovieTrack sound{.id = 2, .sound = {96000, 2, 1024, {0x10, 0x10}}};
   EXPECT_LE(fragmentStart(0, 1, sound, std::vector<MovieSample>(47, {100, 1024})).size(), 512 + 8);
 }
@@ -240,7 +241,7 @@ TEST(MovieFile, HasTheRightTimesAndOffsetsAfterDaysAndGigabytes) {
   EXPECT_EQ(read(boxIn(bytes, "co64") + 12 + 8 * (samples - 1)), movie.disk->largeWriteAt);
 }
 
-TEST(MovieFile, CompletesThoughItsLogFailsAndReportsARescueThatLacksMemory) {
+TEST(MovieFile, ReportsARescueThatLacksMemoryAndCompletesEvenIfItsLogFails) {
   const auto logDisk = std::make_shared<Disk>();
   logDisk->isFull = true;
   const auto movie = MovieDisk::start(std::make_unique<DiskSink>(std::make_shared<Disk>()));

@@ -22,7 +22,7 @@ TEST_F(Encode, ForcesAKeyFrameForEachNewSessionAndClient) {
   probe.feed(4, 320, 240);  // the camera changes size
   EXPECT_TRUE(probe.encoders->sessions[0]->invalidated);
   EXPECT_EQ(probe.encoders->sessions[0]->flushes, 0);
-  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // the count of frames goes on
+  EXPECT_EQ(probe.lastSession().submitted, (Submitted{{4, true}}));  // frame numbers go on
   probe.clock->now += 0.5;
   probe.answer(deltaSample());
   EXPECT_EQ(probe.statistics()["encode_ms"], 500);

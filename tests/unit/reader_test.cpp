@@ -63,11 +63,12 @@ TEST_F(Reader, ReadsSoundAmongFramesDropsUntimelySoundAndStopsAtBrokenSound) {
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.process->exitCodes, std::vector<int>{0});
   expectKeys(probe.statistics(), {{"dropped_raw", 2}, {"dropped_sound", 2}});
-  probe.restart(mono);  // two seconds of sound may wait while its queue hangs
+  probe.restart(mono);
+  // The queue for sound runs nothing meanwhile. Two seconds of sound may wait, the rest is dropped.
   for (std::uint64_t id = now; id < now + 10; ++id) putSound(id, 4000);
   EXPECT_EQ(probe.readAll(), "");
   EXPECT_EQ(probe.statistics()["dropped_sound"], 2);
-  for (const std::uint64_t id : {now, now + 1}) {  // a repeated id, a payload cut off
+  for (const std::uint64_t id : {now, now + 1}) {  // an id that repeats; then a payload cut off
     probe.restart(mono);
     putSound(now, 2);
     put({4, 0, 0, id}, 3);

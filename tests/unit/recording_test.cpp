@@ -160,9 +160,9 @@ TEST_F(Takes, SpreadABurstAndCatchUpInThePauseAfterIt) {
   EXPECT_NEAR(saved["duration"].get<double>(), 1.1 + 1.0 / 60, 1e-9);
 }
 
-// The take's session scales while the state queue scales for the preview. So scaling for the
-// preview needs no other CPU.
-TEST_F(Takes, AreScaledByTheirSessionButThePreviewBeforeItIsSubmitted) {
+// A take's session scales on its worker. For the preview, the state queue scales at the same time,
+// without waiting for the preview's worker.
+TEST_F(Takes, AreScaledByTheirSessionWhileThePreviewIsScaledBeforeSubmission) {
   probe.connectClient();
   start();
   feed(1001.0, 1280, 720);

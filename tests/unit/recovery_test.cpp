@@ -1,5 +1,6 @@
 // Interrupted takes are recovered from real files. The tests cut a file off anywhere, put other
-// bytes behind the cut, or use the new name for another file. libavformat reads the movies.
+// bytes behind the cut, or give the movie's new name to another file first. libavformat reads the
+// movies.
 
 #include <gmock/gmock.h>
 #include <stdlib.h>

@@ -82,7 +82,7 @@ TEST(DeviceClock, FollowsAShortStepAtOnceUnlessTimesScatter) {
     EXPECT_LT(off, 1e-3);
   }
   for (int i = 0; i < 80; ++i) EXPECT_EQ(add(0.02), 1u);
-  EXPECT_EQ(add(0.04), 1u);  // known at once: after a step back, this may be scatter
+  EXPECT_EQ(add(0.04), 1u);  // not held: soon after a step back, another step may be scatter
   EXPECT_GT(off, 0.015);
   for (int i = 0; i < 25; ++i) EXPECT_EQ(add(0.04), 1u);
   EXPECT_LT(off, 1e-3);
@@ -239,7 +239,7 @@ TEST(SoundPlacing, KeepsEverySampleWithin10MillisecondsForTwoHours) {
     EXPECT_LE(take.worst, 0.010) << device.what;
     EXPECT_LE(take.afterAnHour, 0.002 + device.delay) << device.what;
     EXPECT_LE(take.mostCompensation, 550) << device.what;
-    EXPECT_LE(take.mostChanged, 26) << device.what;  // ppm; 100 a second, 25 in a long record
+    EXPECT_LE(take.mostChanged, 26) << device.what;  // ppm; 25 in the longest record, 0.25 s
     EXPECT_EQ(take.placing.gaps(Take::end), device.gaps) << device.what;
     EXPECT_NEAR(take.placing.missing(Take::end), device.missing, 0.004 * (1 + device.gaps))
         << device.what;

@@ -173,7 +173,7 @@ TEST_F(HardwareEncoders, AreOpenedAheadAgainIfTheDriverRefused) {
   EXPECT_TRUE(isAhead(take, "h264_nvenc"));
 }
 
-TEST_F(HardwareEncoders, OpenedAheadAreClosedToMakeRoomAndASubstituteIsNotKept) {
+TEST_F(HardwareEncoders, AreClosedToMakeRoomIfOpenedAheadAndTheirSubstitutesAreNotKept) {
   driver->limit = 1;
   openAhead(request(take, "h264_nvenc"));
   opener->run();

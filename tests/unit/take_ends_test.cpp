@@ -74,8 +74,9 @@ TEST_F(Takes, IgnoreTheStopOfAnotherTakeAndFailWithoutAFrame) {
   EXPECT_TRUE(probe.movies->writers.empty());
 }
 
-// The input is truncated, but the error event can't be written. The broken output therefore starts
-// the shutdown, with status 0, and the watchdog gets that status, too.
+// Truncated input alone would end the process with status 1. But here the error event can't be
+// written, and a broken output starts the shutdown with status 0. The watchdog must get status 0,
+// too.
 TEST_F(Takes, KeepTheProcessForTwoSecondsAtMost) {
   startWithFrame();
   probe.process->input = {0, 0, 0, 16, 0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7, 0};  // truncated
@@ -109,8 +110,9 @@ struct KeptTakes : Takes {
   const Json named = {{"kept_path", "a.mp4." + takeID + ".partial"}, {"kept_frames", 30}};
 };
 
-// The encoder fails, the camera changes its size, the time of the stop is refused, a sample can't
-// be written, the disk fails, or 32 MB of samples wait for the disk.
+// Each row of `causes` is one cause: the encoder fails; the camera changes its size; the time of
+// the stop is refused; a sample can't be written; the disk fails; 32 MB of samples wait for the
+// disk.
 TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhyTheRestIsLost) {
   const std::string kept = "2,1001.100000,0.100000,written\n3,1001.200000,,";
   const std::string lost = ",0.000000,written\n2,1001.100000,,disk\n3,1001.200000,,disk\n";
@@ -148,7 +150,8 @@ TEST_F(KeptTakes, KeepWhatTheyCanAndLogWhyTheRestIsLost) {
 }
 
 TEST_F(KeptTakes, NameTheStagingFileWhenTheDiskHangs) {
-  // The disk fails 1.5 s after the signal, so the rescue has only 0.3 s left.
+  // The take must end within 1.8 s of the signal. The disk fails after 1.5 s, so the rescue has
+  // only 0.3 s.
   startKept();
   probe.signal(15);
   probe.clock->now += 1.5;

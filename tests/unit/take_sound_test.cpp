@@ -100,7 +100,8 @@ TEST_F(SoundTakes, WriteSilenceTwoSecondsLateWhileTheDeviceSendsNothing) {
   picture(1600, 1600.02, true);
   probe.tickAt(1604.02);
   probe.run();
-  expectSamples(8000);  // silence is made 2 s late, and 1 s more as the last records came 1 s late
+  // Silence is made 2 s late. It is 1 s later here, because the last records came 1 s late.
+  expectSamples(8000);
 }
 
 TEST_F(SoundTakes, WaitHalfASecondForTheirSoundButNotAfterTheEndOfTheInput) {

@@ -37,7 +37,7 @@ TEST(FrameFlow, ASlowPageGetsNothingUntilItSpeaksAndAKeyFrameComes) {
   EXPECT_EQ(flow.takeWithheld(), 2u);
   flow.pageRestarted();
   EXPECT_FALSE(flow.frameCame(6, false, 0.5));
-  EXPECT_FALSE(flow.acknowledgeOverdue(9));  // the refusal of 6 has acknowledged 5 and 6
+  EXPECT_FALSE(flow.acknowledgeOverdue(9));  // the caller acknowledges a withheld 6, and so 5
   EXPECT_TRUE(flow.frameCame(7, true, 0.6));
   EXPECT_EQ(flow.takeWithheld(), 0u);  // a decoder that restarts does not count as a slow page
 }

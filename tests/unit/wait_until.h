@@ -12,7 +12,7 @@ namespace lumora {
 inline void waitUntil(const std::function<bool()>& holds) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) return ADD_FAILURE() << "waited in vain", void();
+    if (std::chrono::steady_clock::now() > end) return ADD_FAILURE() << "waited for 20 s", void();
     std::this_thread::yield();
   }
 }

@@ -198,7 +198,7 @@ void Bridge::streamBegan() {
 }
 
 void Bridge::streamFailed(const std::string& why) {
-  flow_.streamBegan();  // the old connection's frames must not be acknowledged to the next
+  flow_.streamBegan();  // frames of this connection must not be acknowledged on the next one
   if (std::exchange(lastFailure_, why) == why) return;  // the watcher retries four times a second
   if (!ending_ && inputEnd_.empty()) std::fprintf(stderr, "%s\n", why.c_str());
   if (camera_) return;  // the helper's events tell more

@@ -36,8 +36,8 @@ class FrameFlow {
   // What to acknowledge in the place of a page that is slow, hidden or gone.
   std::optional<std::uint64_t> acknowledgeOverdue(double now);
 
-  // How many frames a visible page has missed since the last call. After the page has joined, or
-  // its decoder has restarted, frames before the first that it gets are not counted.
+  // How many frames a visible page has missed since the last call. When the page has joined, or
+  // its decoder has restarted, the count begins with the first frame that the page gets.
   std::uint64_t takeWithheld() { return std::exchange(withheld_, 0); }
 
  private:

@@ -144,8 +144,9 @@ bool report(const Options& options, const std::vector<std::string>& events) {
   } else {
     bridge.join(options.address);
   }
-  // Until here a signal ends the viewer at once, since opening a folder or a camera may hang. A
-  // disk may also hang while it reads a movie, so signals have a thread of their own.
+  // Until here a signal ends the viewer at once, since opening a folder or a camera may hang. From
+  // here on, the main thread may hang when it reads a movie from a disk. So another thread waits
+  // for signals.
   boost::asio::io_context signalContext(1);
   boost::asio::signal_set signals(signalContext, SIGINT, SIGTERM, SIGHUP);
   signals.async_wait([&](const boost::system::error_code&, int) {

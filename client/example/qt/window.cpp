@@ -75,7 +75,8 @@ void Window::helperEnded(const Exited& end) {
   const bool wasReady = helper_->port() != 0;
   recordButton_.setEnabled(false);
   recordButton_.setText("Record");
-  take_.reset();  // if started after the helper's end: `helper_.reset()` drops its last event
+  // If the take was started after the helper's end, `helper_.reset()` drops its last event.
+  take_.reset();
   camera_.stop();
   packets_.reset();
   stream_.reset();

@@ -80,8 +80,9 @@ struct Recording {
   std::string error;                   // why it failed, or why the movie has another name
   std::optional<TakeFailure> failure;  // only in `failed`; `error` has the words
   Seconds duration{};                  // final in `finishing` and `saved`
-  std::uint64_t frames = 0;            // written, also those that a stop in the past removed
-  // Lost by encoder or disk, with those up to the next key frame, or captured before the start.
+  std::uint64_t frames = 0;  // written; includes those that a stop time in the past removed
+  // Lost by the encoder or the disk, or not decodable after such a loss (until the next key frame),
+  // or captured before the start.
   std::uint64_t dropped = 0;
   std::uint64_t throttled = 0;  // skipped to keep the target rate
   FrameSize size;               // of the movie's pictures; 0 until it is known
@@ -117,8 +118,9 @@ struct Error {
 
 // The helper has ended; the last event.
 struct Exited {
-  int status = 0;     // -1: unknown, because SIGCHLD is ignored or other code collected it
-  int signal = 0;     // that ended the helper, or 0. SIGKILL if it still runs after `stop`
+  int status = 0;  // -1: unknown, because SIGCHLD is ignored or other code collected it
+  // The signal that ended the helper, or 0. SIGKILL if the helper still ran when `stop` gave up.
+  int signal = 0;
   Seconds cpuTime{};  // user and system time of the helper
   // For people: the helper's last `Error`, or why it did not become ready. Else empty.
   std::string reason = {};

@@ -11,8 +11,9 @@
 
 namespace lumora::client {
 
-// Turns an RGBA picture upside down, in place. A format with `FirstRow::top` makes this
-// unnecessary. Throws std::invalid_argument if the number of bytes does not match the size.
+// Turns an RGBA picture upside down, in place. By default the helper wants its bottom row first.
+// With `FirstRow::top` in the format, pictures whose top row comes first need no flip. Throws
+// std::invalid_argument if the number of bytes does not match the size.
 LUMORA_CLIENT_EXPORT void flipRows(std::span<std::uint8_t> rgba, FrameSize size);
 
 // A plane of a frame.

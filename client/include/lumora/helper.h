@@ -56,8 +56,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // Called for each event, one at a time, and never after the helper's destructor. With a queue,
   // its `dispatch` calls the handler, which may do anything. Without a queue, a thread of the
   // library calls the handler, perhaps before the constructor has returned. Such a handler must not
-  // throw. It must not stop or destroy the helper, nor wait for the end of a take, nor for a thread
-  // that stops the helper: that thread waits for the handler.
+  // throw. It must not stop or destroy the helper, and must not wait for the end of a take. It must
+  // not wait for a thread that stops the helper, because that thread waits for the handler.
   using EventHandler = std::function<void(const Event& event)>;
 
   // Starts a helper. Without a queue, waits up to 10 s until it is ready. With one, `Ready` comes
@@ -110,8 +110,8 @@ class LUMORA_CLIENT_EXPORT Helper {
   // Waits for the takes that were told to stop, and closes the helper's input, so that the helper
   // saves a running take and ends. If the helper does not end, `stop` sends SIGTERM and then
   // SIGKILL. `stop` gives up within 5 s. If the helper still runs then, `stop` reports SIGKILL.
-  // If the helper has ended and another process holds its pipes open, `stop` reports the helper's
-  // status. When `stop` returns, every event has been handled, or is in the queue.
+  // If the helper has ended then and only another process holds its pipes open, `stop` reports how
+  // the helper ended. When `stop` returns, every event has been handled, or is in the queue.
   Exited stop();
   // The same, but returns at once. `Exited` comes when it is done. Throws std::system_error if the
   // system has no thread left.

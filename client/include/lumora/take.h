@@ -48,8 +48,8 @@ struct TakeOptions {
   std::optional<int> soundBitRate = {};  // bits per second, 32,000 to 320,000; empty: 128,000
 };
 
-// A take. It ends exactly once: saved or failed. It fails if its helper dies, or reports nothing
-// about it for 10 s after the start. Copies refer to the same take. Destroying them does not stop
+// A take. It ends exactly once: saved or failed. It fails if its helper dies, or does not answer
+// the start within 10 s. Copies refer to the same take. Destroying them does not stop
 // it. Any thread.
 class LUMORA_CLIENT_EXPORT Take {
  public:
@@ -63,10 +63,10 @@ class LUMORA_CLIENT_EXPORT Take {
   // Stops the take at this time. Without a time it stops now, or at its start if the start is still
   // ahead. The take lacks frames published after the call. A take with sound also lacks frames that
   // were captured after the stop time. A take without sound lacks those that the helper reads after
-  // the stop time. It reads a frame a little after its capture, so to keep the last frame, give a
-  // time one frame interval after that capture. A second call does nothing. Throws
-  // std::invalid_argument for a time before the start, more than 30 s ago or more than 50 ms ahead,
-  // because the helper would fail the take.
+  // the stop time. The helper reads a frame a little after its capture. So to keep a frame as the
+  // last one, give the time one frame interval after its capture. A second call does nothing.
+  // Throws std::invalid_argument for a time before the start, more than 30 s ago or more than 50 ms
+  // ahead, because the helper would fail the take.
   void stop(std::optional<Uptime::time_point> stoppedAt = std::nullopt);
   // When the take starts and stops.
   Uptime::time_point startedAt() const;

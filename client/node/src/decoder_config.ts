@@ -1,7 +1,7 @@
 // Makes the VideoDecoderConfig of a stream.
 //
-// client/node/src/decoder_config.ts is also compiled for the viewer's page, so it uses no modules
-// of Node. After a change there run `npm run page` in client/node.
+// The source is client/node/src/decoder_config.ts. It uses no modules of Node, because it is also
+// compiled for the viewer's page. If you change the source, run `npm run page` in client/node.
 
 import type { ConfigurationPacket } from './packets.js';
 

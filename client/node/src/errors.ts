@@ -12,7 +12,7 @@ export class CodedError<Code extends string> extends Error {
 
 /**
  * `INVALID_ARGUMENT`: this value or this call is not accepted; the message says why.
- * `FORMAT_CHANGED`: a frame of a page does not have the format that the helper was started for.
+ * `FORMAT_CHANGED`: a picture from a page does not have the format that the helper was started for.
  */
 export class ArgumentError extends CodedError<'INVALID_ARGUMENT' | 'FORMAT_CHANGED'> {
   override readonly name = 'ArgumentError';

@@ -62,7 +62,10 @@ export class Feeder {
     return { state: 'queued', done };
   }
 
-  /** Returns true, and counts a dropped frame, if a new one would replace another or be dropped. */
+  /**
+   * Whether a frame written now would be dropped, or would replace one that waits. If so, counts a
+   * dropped frame: the caller leaves its frame out.
+   */
   skipsFrame(): boolean {
     const skips = this.#framesHaveEnded || this.#lastUnlessSound()?.isFrame;
     if (skips) this.counts.dropped += 1;

@@ -1,7 +1,10 @@
 /** How many frames of the application were written into the helper, and how many were not. */
 export interface FrameCounts {
   written: number;
-  /** The helper was behind, was stopping or had ended, or a newer frame replaced this one. */
+  /**
+   * Frames that were not written: the helper was behind, was stopping or had ended, or a newer
+   * frame replaced them.
+   */
   dropped: number;
 }
 

@@ -35,7 +35,7 @@ export type FrameEncoding = keyof typeof bitsPerPixel;
  */
 export type FrameFormat = FrameEncoding | `${FrameEncoding},${string}`;
 
-// A format names at most one of the two words. If it names neither, `standard` applies.
+// A pair of words. A format has at most one of them. If it has neither, `standard` applies.
 type Choice = [standard: string, other: string];
 const colours: Choice[] = [
   ['bt601', 'bt709'],

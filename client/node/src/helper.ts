@@ -126,9 +126,9 @@ export class Helper extends typedEmitter<HelperEvents>() {
 
   /**
    * Memory for the next frame. Undefined while the previous frame waits to be written, unless a
-   * take was started or stopped in between. Also undefined once the helper is stopping or has
-   * ended. Skip the camera's frame then; it counts as dropped. Throws an ArgumentError for a size
-   * that the helper does not accept.
+   * take was started or stopped since that frame was published. Also undefined once the helper is
+   * stopping or has ended. Skip the camera's frame then; it counts as dropped. Throws an
+   * ArgumentError for a size that the helper does not accept.
    */
   acquireFrame(size: FrameSize): Frame | undefined {
     checkSize(size);

@@ -67,9 +67,10 @@ export function recordHeader(length: number, { width, height }: FrameSize, id: b
 
 /**
  * Returns the records of this sound, two buffers each (header, samples), and the id of the last
- * record. A record has at most a quarter of a second. `first` is the uptime of the first sample in
- * microseconds, `last` the id of the last record made before these. A record's id is the uptime of
- * its first sample, but at least one more than the id of the previous record.
+ * record. A record has at most a quarter of a second. `first` is the capture time of the first
+ * sample, in microseconds of uptime. `last` is the id of the last record made before these. A
+ * record's id is the capture time of its first sample, but at least one more than the id of the
+ * previous record.
  */
 export function soundRecords(
   samples: Int16Array,

@@ -25,9 +25,10 @@ export interface MicrophoneSound {
 }
 
 /**
- * Converts sound for `writeSound`. `format` must be the option `sound` of `startHelper`. With one
- * channel in `format`, takes the first channel of the microphone. With two, takes its first two, or
- * its only one twice. Throws an ArgumentError if `sound` has another rate than `format`.
+ * Converts the sound of a microphone for `writeSound`. `format` must be the same as in
+ * `startHelper`. If it has one channel, takes the first channel of the microphone. If it has two
+ * channels, takes the microphone's first two, or copies its only channel into both. Throws an
+ * ArgumentError if the microphone has another rate.
  */
 export function copyAudioData(sound: MicrophoneSound, format: SoundFormat): Int16Array {
   const { rate, channels } = format;

@@ -31,8 +31,9 @@ export interface StreamOptions {
 /**
  * `UNREACHABLE`: the connection could not be made, or not in time; `cause` says why.
  * `NO_ROOM`: two clients are connected, or four connections wait to say hello.
- * `REFUSED`: the token is wrong, or the hello came more than a second after the connection. It also
- * replaces `NO_ROOM` if another client leaves before this package has found the reason.
+ * `REFUSED`: the token is wrong, or the hello came more than a second after the connection. May
+ * also come instead of `NO_ROOM`: this client connects again to find the reason, and another client
+ * may have left by then.
  * `CLOSED`: the helper has ended.
  * `MALFORMED`: bytes came that no helper sends.
  */

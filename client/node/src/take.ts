@@ -21,7 +21,7 @@ export interface TakeOptions {
    * jitter. False drops frames that come before the next point of a fixed grid.
    */
   steady?: boolean;
-  /** Capture time of the start by `uptime()`, at most 30 s ago or 50 ms ahead; now by default. */
+  /** When the take starts, by `uptime()`: at most 30 s ago or 50 ms ahead. Default: now. */
   startedAt?: number;
   /**
    * True, the default, keeps what a failed take has recorded, if half a second of it is on the

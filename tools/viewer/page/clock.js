@@ -1,5 +1,5 @@
-// Estimates the offset between this page's clock and the clock of the frame ids. All times are in
-// microseconds.
+// Estimates the offset between this page's clock and the viewer's. A frame's id is usually its
+// capture time on the viewer's clock. All times are in microseconds.
 
 const keptPings = 30;
 const maximumLatency = 60e6;

@@ -21,8 +21,8 @@ const lines = {
 
 export class EventFormatter {
   #stats = {};
-  // What the last line of each kind said: under a take's id its state, under the type of any other
-  // event the event as JSON.
+  // What the last line of each kind said. For a take, the key is its id and the value its state. For
+  // any other event, the key is its type and the value the event as JSON.
   #last = {};
 
   // Returns lines: a text, and a tone that is "plain", "good" or "bad".

@@ -1,7 +1,7 @@
 // Parses one packet of the helper's TCP stream.
 //
-// client/node/src/packets.ts is also compiled for the viewer's page, so it uses no modules of Node.
-// After a change there run `npm run page` in client/node.
+// The source is client/node/src/packets.ts. It uses no modules of Node, because it is also compiled
+// for the viewer's page. If you change the source, run `npm run page` in client/node.
 //
 //   0        4      5            13    14
 //   +--------+------+------------+-----+---------

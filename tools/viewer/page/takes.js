@@ -30,7 +30,7 @@ export class Takes {
       this.#start();
     });
     element('take-stop').addEventListener('click', () => {
-      if (this.#state !== 'asked') send({ type: 'stop' }); // else no take exists yet
+      if (this.#state !== 'asked') send({ type: 'stop' }); // while `asked`, there is no take yet
     });
     element('interrupted-keep').addEventListener('click', () => {
       element('interrupted-keep').disabled = true; // until the viewer has answered
@@ -81,7 +81,8 @@ export class Takes {
     if (event.state === 'saved') showMovie(event);
   }
 
-  // `count` takes are unfinished, running ones included. `lines` are the results of a recovery.
+  // `count` is the number of unfinished takes, including running ones. `lines` are the results of a
+  // recovery.
   showInterrupted({ count, lines }) {
     element('interrupted').hidden = count === 0 && lines.length === 0;
     element('interrupted-keep').hidden = count === 0;

@@ -66,7 +66,8 @@ async function record(): Promise<void> {
   tell(`${saved.path}: ${saved.frames} frames`);
 }
 
-// The last sample counts as captured now. Sound before the first frame is dropped: no helper runs.
+// The last sample counts as captured now. No helper runs before the first frame, so earlier sound
+// is dropped.
 async function writeSound(samples: Int16Array): Promise<void> {
   const capturedAt = uptime() - samples.length / sound.channels / sound.rate;
   hasSound = true;
