@@ -146,6 +146,9 @@ TEST_F(Recovery, MakesAMovieOfAKilledTakeAndLeavesARunningOne) {
   helper->sendSignal(SIGKILL);
   exitCode();
   EXPECT_THAT(recover().left, testing::HasSubstr("less than a minute ago"));
+  const auto program = std::filesystem::path(helperProgram()).replace_filename("lumora-recover");
+  EXPECT_THAT(outputOf(tools::shellQuoted(program) + " " + tools::shellQuoted(folder)),
+              testing::StartsWith(stagingPath() + ": keeps its name, because its recording "));
   const auto now = std::filesystem::file_time_type::clock::now();
   std::filesystem::last_write_time(stagingPath(), now - std::chrono::minutes(2));
   const auto take = recover();
