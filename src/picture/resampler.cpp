@@ -331,34 +331,34 @@ Resampler::Resampler(const PlaneGeometry& geometry)
 }
 
 // Column sums of destination row `y`. Prefetches what the row after it needs.
-void Resampler::sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) const {
+void Resampler::sumRow(SourceRows rows, std::int64_t y, std::int16_t* sums) const {
   const auto index = static_cast<std::size_t>(y);
-  const auto taps = static_cast<std::size_t>(vertical_.taps);
+  const int first = vertical_.first[index];
   const bool isLast = y + 1 == geometry_.y.destination;
-  const int ahead = isLast ? 0 : vertical_.first[index + 1] - vertical_.first[index];
-  std::vector<const std::uint8_t*> rows(taps + static_cast<std::size_t>(ahead));
-  for (std::size_t k = 0; k < rows.size(); ++k) {
-    // Taps beyond the last row have no weight, but are read.
-    const auto row = std::min(vertical_.first[index] + static_cast<std::ptrdiff_t>(k),
-                              static_cast<std::ptrdiff_t>(geometry_.y.source - 1));
-    rows[k] = source.samples + row * source.stride;
-  }
+  const int ahead = isLast ? 0 : vertical_.first[index + 1] - first;
   HWY_DYNAMIC_DISPATCH(sumRows)
-  (rows.data(), pairs_.data() + index * taps / 2, vertical_.taps, ahead,
-   static_cast<std::size_t>(geometry_.x.source * geometry_.channels), sums);
+  (rows + first, pairs_.data() + index * static_cast<std::size_t>(vertical_.taps) / 2,
+   vertical_.taps, ahead, static_cast<std::size_t>(geometry_.x.source * geometry_.channels), sums);
 }
 
 void Resampler::run(PlaneView source, Plane destination) const {
+  // Taps beyond the last row have no weight, but are read.
+  std::vector<const std::uint8_t*> rows(
+      static_cast<std::size_t>(geometry_.y.source + vertical_.taps));
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const auto row = std::min(static_cast<std::int64_t>(i), geometry_.y.source - 1);
+    rows[i] = source.samples + row * source.stride;
+  }
   const auto columns = static_cast<std::size_t>(geometry_.x.source + horizontal_.taps);
   std::vector<std::int16_t> sums(columns * 4 + lanesOfSlack);
-  geometry_.channels == 4 ? runPixels(source, destination, sums.data())
-                          : runGroups(source, destination, sums.data());
+  geometry_.channels == 4 ? runPixels(rows.data(), destination, sums.data())
+                          : runGroups(rows.data(), destination, sums.data());
 }
 
 // Resamples row by row. `sums` has room for a row of four channels.
-void Resampler::runPixels(PlaneView source, Plane destination, std::int16_t* sums) const {
+void Resampler::runPixels(SourceRows rows, Plane destination, std::int16_t* sums) const {
   for (std::int64_t y = 0; y < geometry_.y.destination; ++y) {
-    sumRow(source, y, sums);
+    sumRow(rows, y, sums);
     HWY_DYNAMIC_DISPATCH(sumPixels)
     (sums, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps,
      static_cast<std::size_t>(geometry_.x.destination),
@@ -368,7 +368,7 @@ void Resampler::runPixels(PlaneView source, Plane destination, std::int16_t* sum
 
 // Resamples rows in groups: four rows of one channel or two of two channels. `interleaved` has room
 // for a row of four channels.
-void Resampler::runGroups(PlaneView source, Plane destination, std::int16_t* interleaved) const {
+void Resampler::runGroups(SourceRows rows, Plane destination, std::int16_t* interleaved) const {
   const auto width = static_cast<std::size_t>(geometry_.x.destination);
   const auto sourceWidth = static_cast<std::size_t>(geometry_.x.source);
   const auto channels = static_cast<std::size_t>(geometry_.channels);
@@ -387,7 +387,7 @@ void Resampler::runGroups(PlaneView source, Plane destination, std::int16_t* int
     group.rows = std::min(rowsAtOnce, static_cast<std::size_t>(geometry_.y.destination - y));
     for (std::size_t i = 0; i < group.rows; ++i) {
       const std::int64_t row = y + static_cast<std::int64_t>(i);
-      sumRow(source, row, sums.data() + i * group.pitch);
+      sumRow(rows, row, sums.data() + i * group.pitch);
       group.destination[i] = destination.samples + row * destination.stride;
     }
     sumGroup(group, horizontal_.first.data(), pixelWeights_.data(), horizontal_.taps, width);

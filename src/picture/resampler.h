@@ -52,9 +52,11 @@ class Resampler {
   void run(PlaneView source, Plane destination) const;
 
  private:
-  void runPixels(PlaneView source, Plane destination, std::int16_t* sums) const;
-  void runGroups(PlaneView source, Plane destination, std::int16_t* interleaved) const;
-  void sumRow(PlaneView source, std::int64_t y, std::int16_t* sums) const;
+  using SourceRows = const std::uint8_t* const*;  // beyond the last row: the last row again
+
+  void runPixels(SourceRows rows, Plane destination, std::int16_t* sums) const;
+  void runGroups(SourceRows rows, Plane destination, std::int16_t* interleaved) const;
+  void sumRow(SourceRows rows, std::int64_t y, std::int16_t* sums) const;
 
   PlaneGeometry geometry_;
   ResampleAxis horizontal_;

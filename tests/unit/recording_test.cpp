@@ -175,6 +175,9 @@ TEST_F(Takes, AreScaledByTheirSessionWhileThePreviewIsScaledBeforeSubmission) {
   feed(1001.1, 1280, 720);
   EXPECT_EQ(probe.lastSession().submitted.size(), 1u);
   EXPECT_EQ(probe.error(), "RGBA conversion failed");
+  probe.encoders->sessions[0]->answer(0, deltaSample());
+  probe.run();
+  EXPECT_FALSE(probe.isRawBusy());
 }
 
 TEST_F(Takes, FailWithTheReasonOfTheFailedCallAndCleanUp) {

@@ -64,8 +64,9 @@ std::vector<std::string> recoverTakes(const std::string& folder,
   for (const client::RecoveredTake& take : client::recoverTakes(folder, helper)) {
     char figures[64];
     std::snprintf(figures, sizeof figures, ": %.1f s", take.duration.count());
-    lines.push_back(take.left.empty() ? take.path.string() + figures
-                                      : take.staging.string() + " was not recovered: " + take.left);
+    lines.push_back(take.left.empty()
+                        ? take.path.string() + figures
+                        : take.staging.string() + " keeps its name, because " + take.left);
   }
   return lines;
 }
